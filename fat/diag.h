@@ -1,0 +1,17 @@
+// Diagnostics: the one place from which the library speaks to a person.
+
+#pragma once
+
+namespace fat {
+
+// Prints "FUNCTION[LINE]: " and the message to the diagnostics stream. errno is left as it was.
+[[gnu::format(printf, 3, 4)]] void report_at(const char *function, int line, const char *format, ...);
+
+// Prints the message alone.
+[[gnu::format(printf, 1, 2)]] void report_bare(const char *format, ...);
+
+} // namespace fat
+
+// Reports in the name of the function that stands around it. A helper that speaks for its caller
+// uses report_at() with the caller's name instead.
+#define REPORT(...) ::fat::report_at(__func__, __LINE__, __VA_ARGS__)

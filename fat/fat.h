@@ -1,0 +1,190 @@
+/*
+ * quorvel: a library for FAT16 and FAT32 volumes on NAND-flash block devices and image files.
+ *
+ * Conventions
+ *  1. Results are int: 0, a count or an index on success, a negative errno value on failure, unless
+ *     a function says otherwise.
+ *  2. One volume is open at a time, in the global `sv`. The library runs on one thread.
+ *  3. Strings are NUL-terminated and stay the caller's; none is kept after a call.
+ *  4. Sizes are in bytes, sector numbers count from the start of the target in units of the
+ *     volume's sector size, cluster numbers count from 2.
+ *  5. Diagnostics go to one stream, standard error unless fat_set_diagnostics() chose another.
+ *
+ * The on-medium format is FAT16 and FAT32 with long names as fatgen103, the white paper on the FAT
+ * file system, describes it.
+ */
+
+#ifndef QUORVEL_FAT_FAT_H
+#define QUORVEL_FAT_FAT_H
+
+#include <iconv.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <time.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#pragma GCC visibility push(default)
+
+/* An open file or directory; only the library looks inside. */
+typedef struct oentry oentry;
+
+/* ---- records --------------------------------------------------------------------------------- */
+
+/*
+ * The format request. Zero-fill it, set what matters, let check_format_param() fill the rest, hand
+ * it to fat_format(). Strings stay the caller's.
+ */
+typedef struct fat_format_param {
+    uint32_t fat_size;     /* FAT width in bits: 16, 32, or 0: chosen by the cluster count */
+    uint32_t sec_per_clus; /* sectors per cluster, a power of two from 1 to 64; 0: 1 */
+    uint32_t sector_size;  /* bytes, a power of two from 512 to 4096; 0: 4096 */
+    char *outfile;         /* path of the target */
+    char *infile;          /* not used by formatting */
+    uint32_t page_size;    /* NAND page in bytes that every area is aligned to; 0: no alignment */
+    uint32_t root_entries; /* FAT16 root-directory entries; formatting rounds up to full sectors */
+    uint32_t nr_rsvd_sec;  /* sectors before the first FAT; formatting stores its choice here */
+    uint8_t long_name;     /* 1: names longer than 8.3 are written and read */
+    uint32_t nr_fat;       /* FAT copies, 1 to 255; 0: 2 */
+    uint32_t sector_of_bkup; /* not consulted: FAT32 keeps its backup boot sector in sector 6 */
+    uint32_t volume_id;      /* serial number; 0: the present time */
+    char volume_label[12];   /* 11 bytes padded with blanks, and a NUL; empty: 11 blanks */
+} fat_format_param;
+
+/* The open volume. The geometry is zero until the volume is formatted or mounted. */
+typedef struct fat_super {
+    int fd;                   /* descriptor of the target; sector transfers refuse 2 and less */
+    uint64_t vol_size;        /* bytes of the target */
+    uint32_t fat_type;        /* 16 or 32 */
+    uint32_t fat_size;        /* sectors of one FAT copy */
+    uint32_t total_sectors;   /* sectors of the volume */
+    uint32_t num_clusters;    /* data clusters; their numbers are 2 to num_clusters + 1 */
+    uint32_t sector_size;     /* bytes; 0: not known yet, transfers count in 4096 bytes */
+    uint32_t sec_per_clus;    /* sectors of one cluster */
+    uint32_t root_clus;       /* FAT32: first cluster of the root directory; FAT16: 0 */
+    uint32_t fat_start;       /* first sector of FAT copy 0 */
+    uint32_t rdir_start;      /* first sector of the root directory */
+    uint32_t data_start;      /* first sector of cluster 2 */
+    uint32_t pbr_start;       /* sector of the boot sector */
+    uint32_t last_alloc_clus; /* where the search for a free cluster goes on; 0: from the start */
+    uint8_t long_name;        /* 1: long names are written and read */
+    oentry *root_dir;         /* the open root directory, NULL before mounting */
+    oentry *current_dir;      /* the directory that relative paths start from */
+    iconv_t cd_to_uni;        /* converter from the caller's encoding, NULL: plain ASCII */
+    iconv_t cd_from_uni;      /* converter to the caller's encoding, NULL: plain ASCII */
+    char dev_path[4096];      /* path of the target */
+} fat_super;
+
+/* ---- process-wide state ---------------------------------------------------------------------- */
+
+/* The open volume, NULL when none is. */
+extern fat_super *sv;
+
+/*
+ * Transfers `count` sectors between `buf` and the volume, starting at `sector`. The unit is the
+ * volume's sector size, or 4096 bytes while that is 0. Returns the number of whole sectors
+ * transferred, or a negative errno. Every access of the library goes through these two;
+ * fat_open_volume() points them at the target, and a program may put its own in after it.
+ */
+typedef int (*fat_sector_io)(void *buf, uint64_t sector, uint32_t count);
+extern fat_sector_io read_sectors, write_sectors;
+
+/* The open entries by id, and a bit for each id in use. */
+extern oentry *oentry_table[512];
+extern uint32_t oentry_map[16];
+
+/* Not zero when a page size was given for the format request, zero included: its default is then
+ * left alone. Option parsing sets it; a program sets it to keep its own page_size. */
+extern int fat_page_size_given;
+
+/* ---- what an embedding program may set ------------------------------------------------------- */
+
+/*
+ * Sends diagnostics to `stream`; NULL silences them. The stream stays the caller's and must be
+ * valid as long as it is chosen. What the library prints to standard output is not affected.
+ */
+void fat_set_diagnostics(FILE *stream);
+
+/* The library's only source of the present time; time() at start. Must not be NULL. */
+extern time_t (*fat_clock)(time_t *);
+
+/* ---- format ---------------------------------------------------------------------------------- */
+
+/*
+ * Checks the requested cluster size and fills every default of the request.
+ *
+ * The size test sees sec_per_clus x sector_size as the caller gave them, before any default: 64
+ * sectors per cluster with no sector size passes and becomes 64 x 4096 bytes.
+ *
+ * Returns 0, or -1 with a message when the cluster would be larger than 32768 bytes; the request
+ * is then unchanged.
+ */
+int check_format_param(fat_format_param *param);
+
+/*
+ * Lays a fresh file system onto the open volume: boot sector, FSInfo, every FAT copy and an empty
+ * root directory, in this order. Of the data area only the cluster of a FAT32 root directory is
+ * written. The geometry is left in `sv`; fat_size, nr_rsvd_sec and root_entries of the request
+ * receive what was chosen.
+ *
+ * Needs memory for one FAT copy and the root directory. Nothing is synchronised to the medium.
+ *
+ * Returns the number of root-directory sectors written (positive), or
+ *   -EINVAL  no volume is open, the request is none that a volume can have, or the target is too
+ *            small or too large for it; nothing was written
+ *   -ENOMEM  nothing was written, or only what stands before the failure
+ *   -EIO     a transfer failed; what was written before it stays
+ */
+int fat_format(fat_format_param *param);
+
+/* ---- volume ---------------------------------------------------------------------------------- */
+
+/*
+ * Opens an existing image file or block device for reading and writing as the one open volume.
+ * `long_name` other than 0 turns long names on; `mode` must be 0. No other volume may be open: it
+ * would be replaced without being released.
+ *
+ * Returns the descriptor (0 or more), which the volume owns, or
+ *   -EINVAL        NULL path, another mode, or neither a regular file nor a block device
+ *   -ENAMETOOLONG  a path of more than 4095 bytes
+ *   -EACCES        a block device that does not tell its size
+ *   -ENOSPC        an empty target
+ *   -ENOMEM, or the errno of open()
+ * After -EACCES, -ENOSPC and the -EINVAL of a wrong kind of target the descriptor stays open.
+ */
+int fat_open_volume(const char *path, uint8_t long_name, int mode);
+
+/*
+ * Closes the volume and all its open entries. With `compact` 1 an image file is also cut behind its
+ * last allocated cluster; lengths of 4 GiB and more are not served by that.
+ *
+ * Returns 0, also when no volume is open; with `compact` 1 also -1 when the file cannot be cut, or
+ * a negative errno when the FAT cannot be read: then the volume stays open, without open entries.
+ */
+int fat_close_volume(int compact);
+
+/*
+ * Creates, or empties, the file `path` and fills it with `count` blocks of `chunk` zero bytes. It
+ * becomes no open volume, but read_sectors and write_sectors are pointed at the file transfers.
+ *
+ * Returns a descriptor that the caller closes, or the errno of open(), -ENOMEM or -EIO.
+ */
+int create_fat_volume(const char *path, uint32_t chunk, int count);
+
+/* ---- printers -------------------------------------------------------------------------------- */
+
+/* Prints the format request to standard output. */
+void print_format_param(const fat_format_param *param);
+
+/* Prints the geometry of the open volume to `stream`, eleven lines. */
+void print_volume_summary(FILE *stream);
+
+#pragma GCC visibility pop
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

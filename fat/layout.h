@@ -1,0 +1,158 @@
+// The records of a FAT volume, each stated once: field offsets, and a table that proves them whole.
+//
+//   boot sector    0   jump, OEM name, BIOS parameter block          36 bytes
+//                 36   FAT32 block (FAT32 only)                      28 bytes
+//           36 or 64   extended boot record                          26 bytes
+//                510   signature 55 AA
+//   FSInfo         0   lead signature ... 484 structure signature, two counts ... 508 trail
+//   directory      0   32-byte short entries and long-name slots, one after another
+//
+// These numbers are on media in the field: they never change.
+
+#pragma once
+
+#include "fat/bytes.h"
+
+namespace fat {
+
+// ---- boot sector ------------------------------------------------------------------------------
+
+inline constexpr field PBR_JUMP{"jump", 0, 3};
+inline constexpr field PBR_OEM_NAME{"OEM name", 3, 8};
+inline constexpr field PBR_BYTES_PER_SECTOR{"bytes per sector", 11, 2};
+inline constexpr field PBR_SECTORS_PER_CLUSTER{"sectors per cluster", 13, 1};
+inline constexpr field PBR_RESERVED_SECTORS{"reserved sectors", 14, 2};
+inline constexpr field PBR_NUMBER_OF_FATS{"number of FATs", 16, 1};
+inline constexpr field PBR_ROOT_ENTRIES{"root entries", 17, 2};
+inline constexpr field PBR_TOTAL_SECTORS_16{"total sectors (16-bit)", 19, 2};
+inline constexpr field PBR_MEDIA{"media", 21, 1};
+inline constexpr field PBR_FAT_SIZE_16{"FAT size (16-bit)", 22, 2};
+inline constexpr field PBR_SECTORS_PER_TRACK{"sectors per track", 24, 2};
+inline constexpr field PBR_HEADS{"heads", 26, 2};
+inline constexpr field PBR_HIDDEN_SECTORS{"hidden sectors", 28, 4};
+inline constexpr field PBR_TOTAL_SECTORS_32{"total sectors (32-bit)", 32, 4};
+
+inline constexpr field PBR_FIELDS[] = {
+    PBR_JUMP,
+    PBR_OEM_NAME,
+    PBR_BYTES_PER_SECTOR,
+    PBR_SECTORS_PER_CLUSTER,
+    PBR_RESERVED_SECTORS,
+    PBR_NUMBER_OF_FATS,
+    PBR_ROOT_ENTRIES,
+    PBR_TOTAL_SECTORS_16,
+    PBR_MEDIA,
+    PBR_FAT_SIZE_16,
+    PBR_SECTORS_PER_TRACK,
+    PBR_HEADS,
+    PBR_HIDDEN_SECTORS,
+    PBR_TOTAL_SECTORS_32,
+};
+inline constexpr u32 PBR_COMMON_SIZE = 36;
+static_assert(covers(PBR_FIELDS, 0, PBR_COMMON_SIZE));
+
+// The BIOS parameter block begins behind the jump and the OEM name.
+inline constexpr u32 BPB_OFFSET = PBR_BYTES_PER_SECTOR.offset;
+
+inline constexpr field PBR32_FAT_SIZE{"FAT size (32-bit)", 36, 4};
+inline constexpr field PBR32_EXTENDED_FLAGS{"extended flags", 40, 2};
+inline constexpr field PBR32_VERSION{"file-system version", 42, 2};
+inline constexpr field PBR32_ROOT_CLUSTER{"root cluster", 44, 4};
+inline constexpr field PBR32_FSINFO_SECTOR{"FSInfo sector", 48, 2};
+inline constexpr field PBR32_BACKUP_SECTOR{"backup boot sector", 50, 2};
+inline constexpr field PBR32_RESERVED{"reserved", 52, 12};
+
+inline constexpr field PBR32_FIELDS[] = {
+    PBR32_FAT_SIZE,      PBR32_EXTENDED_FLAGS, PBR32_VERSION,  PBR32_ROOT_CLUSTER,
+    PBR32_FSINFO_SECTOR, PBR32_BACKUP_SECTOR,  PBR32_RESERVED,
+};
+inline constexpr u32 PBR32_END = 64;
+static_assert(covers(PBR32_FIELDS, PBR_COMMON_SIZE, PBR32_END));
+
+// The extended boot record stands behind the last block; its offsets are relative to its start.
+inline constexpr u32 EBR_OFFSET_FAT16 = PBR_COMMON_SIZE;
+inline constexpr u32 EBR_OFFSET_FAT32 = PBR32_END;
+
+inline constexpr field EBR_DRIVE_NUMBER{"drive number", 0, 1};
+inline constexpr field EBR_RESERVED{"reserved", 1, 1};
+inline constexpr field EBR_BOOT_SIGNATURE{"boot signature", 2, 1};
+inline constexpr field EBR_VOLUME_ID{"volume id", 3, 4};
+inline constexpr field EBR_VOLUME_LABEL{"volume label", 7, 11};
+inline constexpr field EBR_TYPE{"file-system type", 18, 8};
+
+inline constexpr field EBR_FIELDS[] = {
+    EBR_DRIVE_NUMBER, EBR_RESERVED, EBR_BOOT_SIGNATURE, EBR_VOLUME_ID, EBR_VOLUME_LABEL, EBR_TYPE,
+};
+inline constexpr u32 EBR_SIZE = 26;
+static_assert(covers(EBR_FIELDS, 0, EBR_SIZE));
+
+inline constexpr field PBR_SIGNATURE{"signature", 510, 2};
+inline constexpr u32 BOOT_SIGNATURE = 0xAA55; // bytes 55 AA
+inline constexpr u32 PBR_SIZE = 512;          // the part of the boot sector that carries meaning
+static_assert(EBR_OFFSET_FAT32 + EBR_SIZE <= PBR_SIGNATURE.offset);
+static_assert(PBR_SIGNATURE.offset + PBR_SIGNATURE.size == PBR_SIZE);
+
+inline constexpr u32 MEDIA_FIXED = 0xF8;
+inline constexpr u32 EXTENDED_BOOT_SIGNATURE = 0x29; // volume id, label and type follow
+
+// ---- FSInfo sector ----------------------------------------------------------------------------
+
+inline constexpr field FSINFO_LEAD{"lead signature", 0, 4};
+inline constexpr field FSINFO_RESERVED_LOW{"reserved", 4, 480};
+inline constexpr field FSINFO_STRUCTURE{"structure signature", 484, 4};
+inline constexpr field FSINFO_FREE_COUNT{"free-cluster count", 488, 4};
+inline constexpr field FSINFO_NEXT_FREE{"next free cluster", 492, 4};
+inline constexpr field FSINFO_RESERVED_HIGH{"reserved", 496, 12};
+inline constexpr field FSINFO_TRAIL{"trail signature", 508, 4};
+
+inline constexpr field FSINFO_FIELDS[] = {
+    FSINFO_LEAD,      FSINFO_RESERVED_LOW,  FSINFO_STRUCTURE, FSINFO_FREE_COUNT,
+    FSINFO_NEXT_FREE, FSINFO_RESERVED_HIGH, FSINFO_TRAIL,
+};
+static_assert(covers(FSINFO_FIELDS, 0, 512));
+
+inline constexpr u32 FSINFO_LEAD_SIGNATURE = 0x41615252;      // bytes 52 52 61 41
+inline constexpr u32 FSINFO_STRUCTURE_SIGNATURE = 0x61417272; // bytes 72 72 41 61
+inline constexpr u32 FSINFO_TRAIL_SIGNATURE = 0xAA550000;     // bytes 00 00 55 AA
+inline constexpr u32 FSINFO_UNKNOWN = 0xFFFFFFFF;
+
+// ---- FAT entries ------------------------------------------------------------------------------
+
+inline constexpr u32 FAT16_ENTRY_SIZE = 2;
+inline constexpr u32 FAT32_ENTRY_SIZE = 4;
+inline constexpr u32 FAT32_VALUE_MASK = 0x0FFFFFFF; // the top 4 bits of a FAT32 entry are reserved
+inline constexpr u32 FIRST_DATA_CLUSTER = 2;
+inline constexpr u32 FAT_FREE = 0;
+inline constexpr u32 FAT16_BAD = 0xFFF7;
+inline constexpr u32 FAT32_BAD = 0x0FFFFFF7;
+inline constexpr u32 FAT16_END = 0xFFF8; // this value and every higher one end a chain
+inline constexpr u32 FAT32_END = 0x0FFFFFF8;
+inline constexpr u32 FAT_END_MARK = 0xFFFFFFFF; // as written; each width keeps its low bits
+
+// ---- directory entries ------------------------------------------------------------------------
+
+inline constexpr u32 DENTRY_SIZE = 32;
+
+inline constexpr field SHORT_NAME{"name", 0, 11};
+inline constexpr field SHORT_ATTR{"attr", 11, 1};
+inline constexpr field SHORT_SYSID{"sysid", 12, 1};
+inline constexpr field SHORT_CMSEC{"cmsec", 13, 1};
+inline constexpr field SHORT_CTIME{"ctime", 14, 2};
+inline constexpr field SHORT_CDATE{"cdate", 16, 2};
+inline constexpr field SHORT_ADATE{"adate", 18, 2};
+inline constexpr field SHORT_START_HIGH{"start_clu (high)", 20, 2};
+inline constexpr field SHORT_MTIME{"mtime", 22, 2};
+inline constexpr field SHORT_MDATE{"mdate", 24, 2};
+inline constexpr field SHORT_START_LOW{"start_clu (low)", 26, 2};
+inline constexpr field SHORT_FILE_SIZE{"size", 28, 4};
+
+inline constexpr field SHORT_FIELDS[] = {
+    SHORT_NAME,  SHORT_ATTR,       SHORT_SYSID, SHORT_CMSEC, SHORT_CTIME,     SHORT_CDATE,
+    SHORT_ADATE, SHORT_START_HIGH, SHORT_MTIME, SHORT_MDATE, SHORT_START_LOW, SHORT_FILE_SIZE,
+};
+static_assert(covers(SHORT_FIELDS, 0, DENTRY_SIZE));
+
+// Attribute bits.
+inline constexpr u32 ATTR_VOLUME = 0x08;
+
+} // namespace fat

@@ -1,0 +1,63 @@
+// Ownership: heap blocks and descriptors that end with their scope.
+
+#pragma once
+
+#include "fat/bytes.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include <unistd.h>
+
+namespace fat {
+
+struct free_block {
+    void operator()(void *block) const {
+        std::free(block);
+    }
+};
+
+// A block from malloc, freed at the end of its scope unless released.
+template <typename T>
+using heap_ptr = std::unique_ptr<T, free_block>;
+
+// Room for `count` units of `unit` bytes, all zero, or null when there is none. A product beyond
+// the address space of a 32-bit host counts as no room.
+[[nodiscard]] inline heap_ptr<u8> zeroed_bytes(u32 count, u32 unit = 1) {
+    std::size_t size = 0;
+    if (__builtin_mul_overflow(count, unit, &size)) {
+        return nullptr;
+    }
+    void *block = std::malloc(size);
+    if (block != nullptr) {
+        std::memset(block, 0, size);
+    }
+    return heap_ptr<u8>(static_cast<u8 *>(block));
+}
+
+// A descriptor that is closed at the end of its scope unless it has been given away.
+class held_descriptor {
+public:
+    explicit held_descriptor(int fd) : fd_(fd) {}
+    held_descriptor(const held_descriptor &) = delete;
+    held_descriptor &operator=(const held_descriptor &) = delete;
+    ~held_descriptor() {
+        if (fd_ >= 0) {
+            close(fd_);
+        }
+    }
+    [[nodiscard]] int get() const {
+        return fd_;
+    }
+    [[nodiscard]] int release() {
+        const int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
+
+private:
+    int fd_;
+};
+
+} // namespace fat

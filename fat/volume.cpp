@@ -1,0 +1,361 @@
+// The one open volume: opening and sizing its target, sector transfers, release.
+//
+// Invariants: `sv` is null or points at a zero-initialised heap record whose `fd` is open; nothing
+// in the library reaches the target but through read_sectors and write_sectors, save the
+// truncation of a compacted image.
+
+#include "fat/internal.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace fat;
+
+fat_super *sv = nullptr;
+fat_sector_io read_sectors = nullptr;
+fat_sector_io write_sectors = nullptr;
+
+namespace {
+
+constexpr u32 DEVICE_SECTOR = 512; // the unit of BLKGETSIZE, whatever the device's own sector
+constexpr mode_t IMAGE_MODE = 0660;
+constexpr int LAST_STANDARD_DESCRIPTOR = 2;
+
+void use_file_transfers() {
+    read_sectors = file_read_sectors;
+    write_sectors = file_write_sectors;
+}
+
+u32 transfer_unit() {
+    return sv->sector_size != 0 ? sv->sector_size : UNKNOWN_SECTOR_SIZE;
+}
+
+bool can_transfer(const void *buf) {
+    return sv != nullptr && sv->fd > LAST_STANDARD_DESCRIPTOR && buf != nullptr;
+}
+
+// Sets errno on failure; a byte offset that no file can have is one.
+bool seek_sector(u64 sector) {
+    if (sector > static_cast<u64>(INT64_MAX) / transfer_unit()) {
+        errno = EOVERFLOW;
+        return false;
+    }
+    return lseek(sv->fd, static_cast<off_t>(sector * transfer_unit()), SEEK_SET) >= 0;
+}
+
+// One system call moves at most SSIZE_MAX bytes; a request beyond that comes back short.
+std::size_t transfer_bytes(u32 count) {
+    const u64 bytes = static_cast<u64>(count) * transfer_unit();
+    return bytes > SSIZE_MAX ? static_cast<std::size_t>(SSIZE_MAX) : static_cast<std::size_t>(bytes);
+}
+
+int whole_sectors(ssize_t bytes) {
+    return static_cast<int>(bytes / static_cast<ssize_t>(transfer_unit()));
+}
+
+// Both sizes of a block device are told; where they differ, the smaller one is taken.
+int check_device_size(int fd, u64 *size) {
+    unsigned long device_sectors = 0;
+    if (ioctl(fd, BLKGETSIZE, &device_sectors) < 0) {
+        report_at("check_vol_size", __LINE__, "cannot get the volume size: ioctl(BLKGETSIZE)\n");
+        return -EACCES;
+    }
+    // 32 bits are deliberate: the comparison serves devices below 4 GiB.
+    const u32 device_bytes = static_cast<u32>(device_sectors) * DEVICE_SECTOR;
+    const u64 seek_bytes = get_device_size(fd);
+    report_at("check_vol_size", __LINE__, "ioctl(BLKGETSIZE): %u sectors, %u bytes\n",
+              static_cast<u32>(device_sectors), device_bytes);
+    report_at("check_vol_size", __LINE__, "seek volume: %llu bytes\n",
+              static_cast<unsigned long long>(seek_bytes));
+    *size = seek_bytes;
+    const u64 seek_sectors = seek_bytes / DEVICE_SECTOR;
+    if (seek_sectors == device_sectors) {
+        return 0;
+    }
+    report_bare("Warning: mismatch the volume size from ioctl(%u B) and lseek(%llu B)\n",
+                device_bytes, static_cast<unsigned long long>(seek_bytes));
+    if (seek_sectors > device_sectors) {
+        *size = device_bytes;
+    }
+    return 0;
+}
+
+void close_encoding(iconv_t *converter) {
+    if (*converter != nullptr) {
+        iconv_close(*converter);
+        *converter = nullptr;
+    }
+}
+
+void free_open_entries() {
+    for (u32 id = 0; id < std::size(oentry_table); id++) {
+        free_oentry(oentry_table[id]);
+        oentry_table[id] = nullptr;
+    }
+    std::memset(oentry_map, 0, sizeof oentry_map);
+    if (sv != nullptr) {
+        sv->root_dir = nullptr;
+        sv->current_dir = nullptr;
+    }
+}
+
+void close_target() {
+    if (sv->fd > LAST_STANDARD_DESCRIPTOR) {
+        close(sv->fd);
+    }
+}
+
+void drop_volume() {
+    std::free(sv);
+    sv = nullptr;
+}
+
+// Raises the allocation hint to the highest cluster in use. The two highest cluster numbers are
+// never looked at; the bound is meant to stay as it is.
+int find_last_allocated() {
+    for (u32 cluster = sv->last_alloc_clus + 1; cluster < sv->num_clusters; cluster++) {
+        const int value = fat_read_clus(cluster);
+        if (value < 0) {
+            report_at("fat_release_volume", __LINE__, "Invalid cluster value\n\n");
+            return value;
+        }
+        if (value != 0) {
+            sv->last_alloc_clus = cluster;
+        }
+    }
+    return 0;
+}
+
+// End of the last allocated cluster. Each product is 32 bits wide, deliberately: images of 4 GiB
+// and more are not served.
+u64 compact_length() {
+    const u32 data_bytes = (sv->last_alloc_clus - 1) * sv->sec_per_clus * sv->sector_size;
+    const u32 data_offset = sv->data_start * sv->sector_size;
+    return static_cast<u64>(data_bytes) + data_offset;
+}
+
+int release_compacted() {
+    report_at("fat_release_volume", __LINE__, "compaction\n\n");
+    report_at("fat_release_volume", __LINE__, "last allocated cluster: %u / %u\n",
+              sv->last_alloc_clus, sv->num_clusters + 2);
+    const int scanned = find_last_allocated();
+    if (scanned < 0) {
+        return scanned;
+    }
+    close_target();
+    const int result = truncate(sv->dev_path, static_cast<off_t>(compact_length()));
+    if (result < 0) {
+        report_at("fat_release_volume", __LINE__, "fail to truncate resulting image:%s\n",
+                  std::strerror(errno));
+    }
+    drop_volume();
+    return result;
+}
+
+} // namespace
+
+namespace fat {
+
+// ---- size of the target -----------------------------------------------------------------------
+
+int valid_offset(int fd, u64 offset) {
+    if (lseek(fd, static_cast<off_t>(offset), SEEK_SET) < 0) {
+        REPORT("Check here!\n\n");
+        return 0;
+    }
+    char byte = 0;
+    return read(fd, &byte, 1) > 0 ? 1 : 0;
+}
+
+u64 get_device_size(int fd) {
+    const off_t end = lseek(fd, 0, SEEK_END);
+    if (end > 0) {
+        return static_cast<u64>(end);
+    }
+    // Offsets are signed 64-bit numbers; a device that can be read everywhere ends the doubling.
+    constexpr u64 HIGHEST_PROBE = 1ULL << 62;
+    u64 low = 0;
+    u64 high = 1;
+    while (high < HIGHEST_PROBE && valid_offset(fd, high) != 0) {
+        low = high;
+        high *= 2;
+    }
+    while (low < high - 1) {
+        const u64 middle = (low + high) / 2;
+        if (valid_offset(fd, middle) != 0) {
+            low = middle;
+        } else {
+            high = middle;
+        }
+    }
+    return low + 1;
+}
+
+int check_vol_size(int fd, u64 *size) {
+    struct stat status {};
+    if (fstat(fd, &status) < 0) {
+        REPORT("- cannot access volume\n");
+        return -EINVAL;
+    }
+    if (S_ISREG(status.st_mode)) {
+        *size = static_cast<u64>(status.st_size);
+        return 0;
+    }
+    if (S_ISBLK(status.st_mode)) {
+        return check_device_size(fd, size);
+    }
+    REPORT("Not supported volume type\n");
+    return -EINVAL;
+}
+
+// ---- sector transfers -------------------------------------------------------------------------
+
+int file_read_sectors(void *buf, u64 sector, u32 count) {
+    if (!can_transfer(buf)) {
+        REPORT("Check here!\n\n");
+        return -EINVAL;
+    }
+    if (!seek_sector(sector)) {
+        REPORT("Check here!: %s (%d x %d)\n\n", std::strerror(errno), static_cast<int>(sector),
+               static_cast<int>(transfer_unit()));
+        return -EIO;
+    }
+    const ssize_t bytes = read(sv->fd, buf, transfer_bytes(count));
+    if (bytes < 0) {
+        REPORT("Check here!: %s\n\n", std::strerror(errno));
+        return -EIO;
+    }
+    return whole_sectors(bytes);
+}
+
+int file_write_sectors(void *buf, u64 sector, u32 count) {
+    if (!can_transfer(buf)) {
+        REPORT("Check here!\n\n");
+        return -EINVAL;
+    }
+    if (!seek_sector(sector)) {
+        REPORT("Check here!\n\n");
+        return -EIO;
+    }
+    const ssize_t bytes = write(sv->fd, buf, transfer_bytes(count));
+    if (bytes < 0) {
+        REPORT("Check here!\n\n");
+        return -EIO;
+    }
+    return whole_sectors(bytes);
+}
+
+// ---- opening and release ----------------------------------------------------------------------
+
+int fat_init_volume(const char *path, u8 long_name) {
+    use_file_transfers();
+    const int fd = open(path, O_RDWR);
+    if (fd < 0) {
+        const int error = errno;
+        REPORT("Check here: %s\n\n", std::strerror(error));
+        return -error;
+    }
+    u64 size = 0;
+    const int sized = check_vol_size(fd, &size);
+    if (sized < 0) {
+        REPORT("Check here: %d\n\n", sized);
+        return sized;
+    }
+    if (size == 0) {
+        REPORT("The size of volume is zero!\n\n");
+        return -ENOSPC;
+    }
+    auto *volume = static_cast<fat_super *>(std::malloc(sizeof(fat_super)));
+    if (volume == nullptr) {
+        REPORT("cannot allocate volume data structure\n\n");
+        close(fd);
+        return -ENOMEM;
+    }
+    *volume = fat_super{};
+    volume->fd = fd;
+    volume->long_name = long_name != 0 ? 1 : 0;
+    volume->vol_size = size;
+    std::strncpy(volume->dev_path, path, sizeof volume->dev_path - 1);
+    std::memset(oentry_table, 0, sizeof oentry_table);
+    std::memset(oentry_map, 0, sizeof oentry_map);
+    sv = volume;
+    return fd;
+}
+
+int fat_release_volume(int compact) {
+    free_open_entries();
+    if (compact == 1) {
+        if (sv == nullptr) {
+            REPORT("Check here!\n\n");
+            return -EINVAL;
+        }
+        return release_compacted();
+    }
+    if (sv != nullptr) {
+        close_target();
+        drop_volume();
+    }
+    return 0;
+}
+
+} // namespace fat
+
+int fat_open_volume(const char *path, uint8_t long_name, int mode) {
+    if (path == nullptr) {
+        REPORT("NULL path!\n\n");
+        return -EINVAL;
+    }
+    const std::size_t length = std::strlen(path);
+    if (length + 1 > sizeof fat_super::dev_path) {
+        REPORT("path length is too long: %d\n\n", static_cast<int>(length));
+        return -ENAMETOOLONG;
+    }
+    if (mode != 0) {
+        REPORT("failed to open FAT volume!\n\n");
+        return -EINVAL;
+    }
+    return fat_init_volume(path, long_name);
+}
+
+int fat_close_volume(int compact) {
+    if (sv == nullptr) {
+        std::puts("sv is null");
+        return 0;
+    }
+    close_encoding(&sv->cd_to_uni);
+    close_encoding(&sv->cd_from_uni);
+    return fat_release_volume(compact);
+}
+
+int create_fat_volume(const char *path, uint32_t chunk, int count) {
+    if (path == nullptr) {
+        REPORT("NULL path!\n\n");
+        return -EINVAL;
+    }
+    held_descriptor fd(open(path, O_RDWR | O_CREAT | O_TRUNC, IMAGE_MODE));
+    if (fd.get() < 0) {
+        const int error = errno;
+        REPORT("failed to open file!\n\n");
+        return -error;
+    }
+    const heap_ptr<u8> zeros = zeroed_bytes(chunk);
+    if (zeros == nullptr) {
+        REPORT("failed to allocate memory!\n\n");
+        return -ENOMEM;
+    }
+    for (int i = 0; i < count; i++) {
+        if (write(fd.get(), zeros.get(), chunk) < 0) {
+            REPORT("failed to write!\n\n");
+            return -EIO;
+        }
+    }
+    use_file_transfers();
+    return fd.release();
+}

@@ -1,0 +1,70 @@
+// Injected failures of the allocator and of system calls.
+//
+// The test programs are linked with --wrap for these functions, so that a call made by the library
+// passes through faults.cpp. Nothing fails unless a fault is armed.
+
+#pragma once
+
+#include <cstdint>
+
+namespace testing_support {
+
+// Fails calls for its lifetime. One of a kind at a time.
+class failing_allocation {
+public:
+    // Lets `successes` allocations (malloc, calloc, realloc) through, then fails one, or all after.
+    explicit failing_allocation(int successes, bool forever = false);
+    failing_allocation(const failing_allocation &) = delete;
+    failing_allocation &operator=(const failing_allocation &) = delete;
+    ~failing_allocation();
+
+    // Whether the fault has struck.
+    [[nodiscard]] bool struck() const;
+};
+
+// The bytes asked for by malloc, calloc and realloc while it lives: the largest sum that was held
+// at one time, and how many blocks were not freed.
+class allocation_meter {
+public:
+    allocation_meter();
+    allocation_meter(const allocation_meter &) = delete;
+    allocation_meter &operator=(const allocation_meter &) = delete;
+    ~allocation_meter();
+
+    [[nodiscard]] std::uint64_t peak_bytes() const;
+    [[nodiscard]] int live_blocks() const;
+};
+
+enum class call { open, close, read, write, lseek, fstat, ioctl, truncate, fsync };
+
+// Lets `successes` calls through, then makes one, or all after, fail with `error`.
+class failing_call {
+public:
+    failing_call(call which, int error, int successes = 0, bool forever = false);
+    failing_call(const failing_call &) = delete;
+    failing_call &operator=(const failing_call &) = delete;
+    ~failing_call();
+
+    [[nodiscard]] bool struck() const;
+
+private:
+    call which_;
+};
+
+// What replaces the results of the calls that size a target, while it lives. A value of -1 leaves
+// a call alone.
+struct device_picture {
+    bool is_block_device = false;           // fstat reports a block device
+    std::int64_t ioctl_sectors = -1;        // answer of ioctl(BLKGETSIZE)
+    std::int64_t seek_end = -1;             // answer of lseek(fd, 0, SEEK_END)
+    std::int64_t short_transfer_bytes = -1; // reads and writes move at most this many bytes
+};
+class pretended_device {
+public:
+    explicit pretended_device(const device_picture &picture);
+    pretended_device(const pretended_device &) = delete;
+    pretended_device &operator=(const pretended_device &) = delete;
+    ~pretended_device();
+};
+
+} // namespace testing_support

@@ -1,0 +1,75 @@
+// Scratch files.
+
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <stdlib.h>
+
+namespace testing_support {
+
+using bytes = std::vector<std::uint8_t>;
+
+// A directory of its own, removed with everything in it.
+class scratch_directory {
+public:
+    scratch_directory() {
+        std::string pattern = (std::filesystem::temp_directory_path() / "quorvel-XXXXXX").string();
+        if (mkdtemp(pattern.data()) == nullptr) {
+            throw std::runtime_error("cannot make a scratch directory");
+        }
+        path_ = pattern;
+    }
+    scratch_directory(const scratch_directory &) = delete;
+    scratch_directory &operator=(const scratch_directory &) = delete;
+    ~scratch_directory() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+
+    [[nodiscard]] std::string file(std::string_view name) const {
+        return (path_ / name).string();
+    }
+
+    // A sparse file of `size` bytes.
+    [[nodiscard]] std::string sparse_file(std::string_view name, std::uint64_t size) const {
+        const std::string path = file(name);
+        std::ofstream(path, std::ios::binary).close();
+        std::filesystem::resize_file(path, size);
+        return path;
+    }
+
+    [[nodiscard]] std::string file_with(std::string_view name, const bytes &content) const {
+        const std::string path = file(name);
+        std::ofstream(path, std::ios::binary)
+            .write(reinterpret_cast<const char *>(content.data()),
+                   static_cast<std::streamsize>(content.size()));
+        return path;
+    }
+
+private:
+    std::filesystem::path path_;
+};
+
+inline bytes read_file(const std::string &path) {
+    std::ifstream stream(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+}
+
+inline bytes read_range(const std::string &path, std::uint64_t offset, std::size_t size) {
+    bytes result(size);
+    std::ifstream stream(path, std::ios::binary);
+    stream.seekg(static_cast<std::streamoff>(offset));
+    stream.read(reinterpret_cast<char *>(result.data()), static_cast<std::streamsize>(size));
+    result.resize(static_cast<std::size_t>(stream.gcount()));
+    return result;
+}
+
+} // namespace testing_support

@@ -1,0 +1,141 @@
+// A medium in memory behind read_sectors and write_sectors: it logs what reaches it and fails on
+// command.
+
+#pragma once
+
+#include "fat/fat.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <vector>
+
+namespace testing_support {
+
+struct transfer {
+    bool is_write;
+    std::uint64_t sector;
+    std::uint32_t count;
+    bool operator==(const transfer &) const = default;
+};
+
+// Lives as the one open volume: makes `sv` at start (zero geometry, descriptor -1), frees it at the
+// end. Sectors that were never written read as the fill byte.
+class ram_disk {
+public:
+    explicit ram_disk(std::uint64_t size, std::uint8_t fill = 0) : fill_(fill) {
+        sv = static_cast<fat_super *>(std::calloc(1, sizeof(fat_super)));
+        sv->fd = -1;
+        sv->vol_size = size;
+        use();
+    }
+    ram_disk(const ram_disk &) = delete;
+    ram_disk &operator=(const ram_disk &) = delete;
+    ~ram_disk() {
+        if (sv != nullptr) {
+            fat_close_volume(0);
+        }
+        current() = nullptr;
+    }
+
+    // Points the library's transfers at this disk again.
+    void use() {
+        current() = this;
+        read_sectors = read;
+        write_sectors = write;
+    }
+
+    std::vector<transfer> log;
+    int reads_before_failure = -1;  // -1: never fails
+    int writes_before_failure = -1; // likewise
+    int failure_result = -5;        // what a failing transfer returns; it moves nothing
+    bool fails_forever = false;
+
+    // The bytes from `offset` on, for looking and for preparing.
+    std::vector<std::uint8_t> peek(std::uint64_t offset, std::size_t size) {
+        std::vector<std::uint8_t> result(size);
+        for (std::size_t i = 0; i < size; i++) {
+            result[i] = block_of(offset + i)[(offset + i) % BLOCK];
+        }
+        return result;
+    }
+    void poke(std::uint64_t offset, const std::vector<std::uint8_t> &content) {
+        for (std::size_t i = 0; i < content.size(); i++) {
+            block_of(offset + i)[(offset + i) % BLOCK] = content[i];
+        }
+    }
+
+private:
+    static constexpr std::size_t BLOCK = 4096;
+
+    static ram_disk *&current() {
+        static ram_disk *disk = nullptr;
+        return disk;
+    }
+    static std::uint64_t unit() {
+        return sv->sector_size != 0 ? sv->sector_size : 4096;
+    }
+    bool fails(int *before_failure) const {
+        if (*before_failure < 0) {
+            return false;
+        }
+        if (*before_failure == 0) {
+            if (!fails_forever) {
+                *before_failure = -1;
+            }
+            return true;
+        }
+        (*before_failure)--;
+        return false;
+    }
+    static int read(void *buf, std::uint64_t sector, std::uint32_t count) {
+        ram_disk &disk = *current();
+        disk.log.push_back({false, sector, count});
+        if (disk.fails(&disk.reads_before_failure)) {
+            return disk.failure_result;
+        }
+        return disk.move(static_cast<std::uint8_t *>(buf), sector, count, false);
+    }
+    static int write(void *buf, std::uint64_t sector, std::uint32_t count) {
+        ram_disk &disk = *current();
+        disk.log.push_back({true, sector, count});
+        if (disk.fails(&disk.writes_before_failure)) {
+            return disk.failure_result;
+        }
+        return disk.move(static_cast<std::uint8_t *>(buf), sector, count, true);
+    }
+    // Whole sectors inside the disk; what lies beyond its end is not moved.
+    int move(std::uint8_t *buf, std::uint64_t sector, std::uint32_t count, bool is_write) {
+        const std::uint64_t sectors = sv->vol_size / unit();
+        const std::uint64_t left = sector < sectors ? sectors - sector : 0;
+        const std::uint64_t moved = count < left ? count : left;
+        for (std::uint64_t done = 0; done < moved * unit();) {
+            const std::uint64_t at = sector * unit() + done;
+            const std::size_t inside = at % BLOCK;
+            const std::size_t part = static_cast<std::size_t>(
+                std::min<std::uint64_t>(BLOCK - inside, moved * unit() - done));
+            std::uint8_t *block = block_of(at).data() + inside;
+            if (is_write) {
+                std::memcpy(block, buf + done, part);
+            } else {
+                std::memcpy(buf + done, block, part);
+            }
+            done += part;
+        }
+        return static_cast<int>(moved);
+    }
+    std::vector<std::uint8_t> &block_of(std::uint64_t offset) {
+        auto [place, is_new] = blocks_.try_emplace(offset / BLOCK);
+        if (is_new) {
+            place->second.assign(BLOCK, fill_);
+        }
+        return place->second;
+    }
+
+    std::uint8_t fill_;
+    std::map<std::uint64_t, std::vector<std::uint8_t>> blocks_;
+};
+
+} // namespace testing_support

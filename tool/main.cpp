@@ -1,0 +1,66 @@
+// quorvel: lays a fresh FAT16 or FAT32 file system onto a block device or an image file.
+
+#include "fat/fat.h"
+#include "tool/options.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int EXIT_FAILED = -1; // seen as status 255
+
+// A run started with a standard stream closed would open the target in its place, and the result
+// line would be written into the target.
+bool occupy_standard_descriptors() {
+    int fd = open("/dev/null", O_RDWR);
+    while (fd >= 0 && fd <= STDERR_FILENO) {
+        fd = open("/dev/null", O_RDWR);
+    }
+    if (fd < 0) {
+        return false;
+    }
+    close(fd);
+    return true;
+}
+
+bool make_durable(const char *path) {
+    if (fsync(sv->fd) == 0) {
+        return true;
+    }
+    std::fprintf(stderr, "%s: %s\n", path, std::strerror(errno));
+    return false;
+}
+
+bool format_open_volume(fat_format_param *param) {
+    return fat_format(param) >= 0 && make_durable(param->outfile);
+}
+
+bool format_target(fat_format_param *param) {
+    if (fat_open_volume(param->outfile, param->long_name, 0) < 0) {
+        return false;
+    }
+    const bool formatted = format_open_volume(param);
+    if (formatted && quorvel::verbose_count != 0) {
+        print_volume_summary(stdout);
+    }
+    fat_close_volume(0);
+    return formatted;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    fat_format_param param = {};
+    if (!occupy_standard_descriptors() || quorvel::parse_options(argc, argv, &param) < 0 ||
+        check_format_param(&param) < 0) {
+        return EXIT_FAILED;
+    }
+    const bool formatted = format_target(&param);
+    std::puts(formatted ? "Success to format" : "Fail to format");
+    return formatted ? 0 : EXIT_FAILED;
+}
