@@ -12,6 +12,23 @@
 
 namespace testing_support {
 
+// The text with every source line number replaced by N: "fat_format[N]: ...".
+inline std::string without_line_numbers(const std::string &printed) {
+    std::string result;
+    for (std::size_t i = 0; i < printed.size(); i++) {
+        result += printed[i];
+        const std::size_t close = printed[i] == '[' ? printed.find(']', i) : std::string::npos;
+        if (close == std::string::npos || close == i + 1 ||
+            printed.find_first_not_of("0123456789", i + 1) != close ||
+            printed.compare(close, 3, "]: ") != 0) {
+            continue;
+        }
+        result += 'N';
+        i = close - 1;
+    }
+    return result;
+}
+
 // Collects the library's diagnostics for its lifetime, then gives standard error back.
 class diagnostics {
 public:
@@ -32,22 +49,9 @@ public:
         return {text_, size_};
     }
 
-    // The same with every source line number replaced by N: "fat_format[N]: ...".
+    // The same without its source line numbers.
     std::string text() {
-        const std::string printed = raw();
-        std::string result;
-        for (std::size_t i = 0; i < printed.size(); i++) {
-            result += printed[i];
-            const std::size_t close = printed[i] == '[' ? printed.find(']', i) : std::string::npos;
-            if (close == std::string::npos || close == i + 1 ||
-                printed.find_first_not_of("0123456789", i + 1) != close ||
-                printed.compare(close, 3, "]: ") != 0) {
-                continue;
-            }
-            result += 'N';
-            i = close - 1;
-        }
-        return result;
+        return without_line_numbers(raw());
     }
 
     void clear() {
@@ -62,25 +66,14 @@ private:
     FILE *stream_;
 };
 
-// Collects what reaches descriptor 1 for its lifetime.
-class standard_output {
+// Collects what reaches a descriptor for its lifetime; use standard_output or standard_error.
+class descriptor_capture {
 public:
-    standard_output() : file_(std::tmpfile()) {
-        std::fflush(stdout);
-        saved_ = dup(STDOUT_FILENO);
-        dup2(fileno(file_), STDOUT_FILENO);
-    }
-    standard_output(const standard_output &) = delete;
-    standard_output &operator=(const standard_output &) = delete;
-    ~standard_output() {
-        std::fflush(stdout);
-        dup2(saved_, STDOUT_FILENO);
-        close(saved_);
-        std::fclose(file_);
-    }
+    descriptor_capture(const descriptor_capture &) = delete;
+    descriptor_capture &operator=(const descriptor_capture &) = delete;
 
     std::string text() {
-        std::fflush(stdout);
+        std::fflush(stream_);
         std::string result;
         std::rewind(file_);
         char block[4096];
@@ -91,9 +84,34 @@ public:
         return result;
     }
 
+protected:
+    descriptor_capture(FILE *stream, int fd) : stream_(stream), fd_(fd), file_(std::tmpfile()) {
+        std::fflush(stream_);
+        saved_ = dup(fd_);
+        dup2(fileno(file_), fd_);
+    }
+    ~descriptor_capture() {
+        std::fflush(stream_);
+        dup2(saved_, fd_);
+        close(saved_);
+        std::fclose(file_);
+    }
+
 private:
+    FILE *stream_;
+    int fd_;
     FILE *file_;
     int saved_ = -1;
+};
+
+class standard_output : public descriptor_capture {
+public:
+    standard_output() : descriptor_capture(stdout, STDOUT_FILENO) {}
+};
+
+class standard_error : public descriptor_capture {
+public:
+    standard_error() : descriptor_capture(stderr, STDERR_FILENO) {}
 };
 
 } // namespace testing_support

@@ -41,6 +41,12 @@ fault allocation_fault;
 fault call_faults[9];
 device_picture picture;
 
+bool converters_watched = false;
+std::vector<iconv_t> &converter_list() {
+    static std::vector<iconv_t> instance;
+    return instance;
+}
+
 struct meter {
     bool on = false;
     bool busy = false; // the meter's own allocations are not counted
@@ -138,6 +144,17 @@ pretended_device::~pretended_device() {
     picture = device_picture{};
 }
 
+closed_converters::closed_converters() {
+    converter_list().clear();
+    converters_watched = true;
+}
+closed_converters::~closed_converters() {
+    converters_watched = false;
+}
+const std::vector<iconv_t> &closed_converters::list() const {
+    return converter_list();
+}
+
 } // namespace testing_support
 
 using namespace testing_support;
@@ -157,6 +174,7 @@ int __real_fstat64(int fd, struct stat64 *status);
 int __real_ioctl(int fd, unsigned long request, ...);
 int __real_truncate64(const char *path, off64_t length);
 int __real_fsync(int fd);
+int __real_iconv_close(iconv_t converter);
 
 void *__wrap_malloc(std::size_t size) {
     if (allocation_fault.strikes()) {
@@ -264,6 +282,13 @@ int __wrap_truncate64(const char *path, off64_t length) {
 
 int __wrap_fsync(int fd) {
     return fails(call::fsync) ? -1 : __real_fsync(fd);
+}
+
+int __wrap_iconv_close(iconv_t converter) {
+    if (converters_watched) {
+        converter_list().push_back(converter);
+    }
+    return __real_iconv_close(converter);
 }
 
 } // extern "C"

@@ -6,6 +6,9 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
+
+#include <iconv.h>
 
 namespace testing_support {
 
@@ -65,6 +68,17 @@ public:
     pretended_device(const pretended_device &) = delete;
     pretended_device &operator=(const pretended_device &) = delete;
     ~pretended_device();
+};
+
+// The character-set converters closed while it lives, in order. One at a time.
+class closed_converters {
+public:
+    closed_converters();
+    closed_converters(const closed_converters &) = delete;
+    closed_converters &operator=(const closed_converters &) = delete;
+    ~closed_converters();
+
+    [[nodiscard]] const std::vector<iconv_t> &list() const;
 };
 
 } // namespace testing_support

@@ -6,11 +6,13 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include <fcntl.h>
 #include <stdlib.h>
 
 namespace testing_support {
@@ -69,6 +71,22 @@ inline bytes read_range(const std::string &path, std::uint64_t offset, std::size
     stream.seekg(static_cast<std::streamoff>(offset));
     stream.read(reinterpret_cast<char *>(result.data()), static_cast<std::streamsize>(size));
     result.resize(static_cast<std::size_t>(stream.gcount()));
+    return result;
+}
+
+// The descriptors that are open now.
+inline std::set<int> open_descriptors() {
+    std::set<int> listed;
+    for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        listed.insert(std::stoi(entry.path().filename().string()));
+    }
+    // The listing's own descriptor is among them and closed by now.
+    std::set<int> result;
+    for (const int fd : listed) {
+        if (fcntl(fd, F_GETFD) >= 0) {
+            result.insert(fd);
+        }
+    }
     return result;
 }
 

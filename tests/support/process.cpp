@@ -1,6 +1,7 @@
 #include "tests/support/process.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <stdexcept>
 
 #include <fcntl.h>
@@ -32,6 +33,9 @@ std::string contents(FILE *file) {
         argv.push_back(const_cast<char *>(argument.c_str()));
     }
     argv.push_back(nullptr);
+    const char *path = std::getenv("PATH");
+    setenv("PATH", (std::string(path != nullptr ? path : "") + ":/usr/sbin:/sbin").c_str(), 1);
+    setenv("LC_ALL", "C", 1);
     execvp(argv[0], argv.data());
     _exit(127);
 }
@@ -60,12 +64,14 @@ outcome run(const std::vector<std::string> &arguments) {
     return result;
 }
 
-outcome shell(const std::string &command) {
-    return run({"/bin/sh", "-c", command});
+outcome shell(const std::string &command, const std::vector<std::string> &arguments) {
+    std::vector<std::string> all = {"/bin/sh", "-c", command, "sh"};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    return run(all);
 }
 
 bool has_program(const std::string &name) {
-    return shell("PATH=$PATH:/usr/sbin:/sbin command -v " + name).status == 0;
+    return shell("command -v " + name).status == 0;
 }
 
 } // namespace testing_support

@@ -2,6 +2,8 @@
 
 #pragma once
 
+#include <iomanip>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -11,13 +13,21 @@ struct outcome {
     int status = -1; // exit status, or 128 + the signal that ended it
     std::string out; // standard output
     std::string err; // standard error
+
+    bool operator==(const outcome &) const = default;
 };
 
-// Runs arguments[0] (found through PATH) with standard input from /dev/null.
+inline std::ostream &operator<<(std::ostream &stream, const outcome &o) {
+    return stream << "status " << o.status << ", out " << std::quoted(o.out) << ", err "
+                  << std::quoted(o.err);
+}
+
+// Runs arguments[0] (found through PATH and the system directories) with standard input from
+// /dev/null and messages in English.
 outcome run(const std::vector<std::string> &arguments);
 
-// Runs a shell command line.
-outcome shell(const std::string &command);
+// Runs a shell command line; further arguments become $1, $2, ...
+outcome shell(const std::string &command, const std::vector<std::string> &arguments = {});
 
 // Whether a program can be found through PATH or in the system directories.
 bool has_program(const std::string &name);

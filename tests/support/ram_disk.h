@@ -9,7 +9,9 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <map>
+#include <utility>
 #include <vector>
 
 namespace testing_support {
@@ -22,10 +24,19 @@ struct transfer {
 };
 
 // Lives as the one open volume: makes `sv` at start (zero geometry, descriptor -1), frees it at the
-// end. Sectors that were never written read as the fill byte.
+// end. What was never written reads as the fill byte, or as the background that a function paints.
 class ram_disk {
 public:
-    explicit ram_disk(std::uint64_t size, std::uint8_t fill = 0) : fill_(fill) {
+    static constexpr std::size_t BLOCK = 4096;
+
+    // Paints the BLOCK bytes of block `number`, the bytes from number x BLOCK on.
+    using background = std::function<void(std::uint64_t number, std::uint8_t *block)>;
+
+    explicit ram_disk(std::uint64_t size, std::uint8_t fill = 0)
+        : ram_disk(size, [fill](std::uint64_t, std::uint8_t *block) {
+              std::memset(block, fill, BLOCK);
+          }) {}
+    ram_disk(std::uint64_t size, background painter) : painter_(std::move(painter)) {
         sv = static_cast<fat_super *>(std::calloc(1, sizeof(fat_super)));
         sv->fd = -1;
         sv->vol_size = size;
@@ -50,7 +61,7 @@ public:
     std::vector<transfer> log;
     int reads_before_failure = -1;  // -1: never fails
     int writes_before_failure = -1; // likewise
-    int failure_result = -5;        // what a failing transfer returns; it moves nothing
+    int failure_result = -5;        // what a failing transfer returns, and moves where positive
     bool fails_forever = false;
 
     // The bytes from `offset` on, for looking and for preparing.
@@ -67,9 +78,20 @@ public:
         }
     }
 
-private:
-    static constexpr std::size_t BLOCK = 4096;
+    // The numbers of the blocks that anything has looked at or written, ascending. All others are
+    // as they were.
+    [[nodiscard]] std::vector<std::uint64_t> known_blocks() const {
+        std::vector<std::uint64_t> result;
+        for (const auto &[number, block] : blocks_) {
+            result.push_back(number);
+        }
+        return result;
+    }
+    [[nodiscard]] const std::uint8_t *block(std::uint64_t number) {
+        return block_of(number * BLOCK).data();
+    }
 
+private:
     static ram_disk *&current() {
         static ram_disk *disk = nullptr;
         return disk;
@@ -94,6 +116,7 @@ private:
         ram_disk &disk = *current();
         disk.log.push_back({false, sector, count});
         if (disk.fails(&disk.reads_before_failure)) {
+            disk.move_some(buf, sector, count, false);
             return disk.failure_result;
         }
         return disk.move(static_cast<std::uint8_t *>(buf), sector, count, false);
@@ -102,9 +125,16 @@ private:
         ram_disk &disk = *current();
         disk.log.push_back({true, sector, count});
         if (disk.fails(&disk.writes_before_failure)) {
+            disk.move_some(buf, sector, count, true);
             return disk.failure_result;
         }
         return disk.move(static_cast<std::uint8_t *>(buf), sector, count, true);
+    }
+    void move_some(void *buf, std::uint64_t sector, std::uint32_t count, bool is_write) {
+        if (failure_result > 0) {
+            const auto moved = static_cast<std::uint32_t>(failure_result);
+            move(static_cast<std::uint8_t *>(buf), sector, std::min(count, moved), is_write);
+        }
     }
     // Whole sectors inside the disk; what lies beyond its end is not moved.
     int move(std::uint8_t *buf, std::uint64_t sector, std::uint32_t count, bool is_write) {
@@ -129,12 +159,13 @@ private:
     std::vector<std::uint8_t> &block_of(std::uint64_t offset) {
         auto [place, is_new] = blocks_.try_emplace(offset / BLOCK);
         if (is_new) {
-            place->second.assign(BLOCK, fill_);
+            place->second.resize(BLOCK);
+            painter_(offset / BLOCK, place->second.data());
         }
         return place->second;
     }
 
-    std::uint8_t fill_;
+    background painter_;
     std::map<std::uint64_t, std::vector<std::uint8_t>> blocks_;
 };
 

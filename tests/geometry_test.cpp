@@ -1,0 +1,812 @@
+// The shape of a new volume: FAT width, FAT size, clusters, reserved and root areas, and every
+// refusal with its whole text.
+
+#include "fat/internal.h"
+#include "tests/support/capture.h"
+#include "tests/support/faults.h"
+#include "tests/support/plain_volume.h"
+#include "tests/support/ram_disk.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <ostream>
+#include <random>
+#include <string>
+
+using namespace testing_support;
+
+namespace {
+
+constexpr std::uint64_t KIB = 1024;
+constexpr std::uint64_t MIB = 1024 * KIB;
+
+// Everything that the calculation gives back. `said` holds the diagnostics.
+struct decision {
+    int result = 0;
+    std::string said;
+    std::uint32_t width = 0;
+    std::uint32_t reserved = 0;
+    std::uint32_t root_entries = 0;
+    std::uint32_t fat_sectors = 0;
+    std::uint32_t clusters = 0;
+    bool operator==(const decision &) const = default;
+};
+std::ostream &operator<<(std::ostream &out, const decision &d) {
+    return out << "{result " << d.result << ", FAT" << d.width << ", reserved " << d.reserved
+               << ", root entries " << d.root_entries << ", FAT sectors " << d.fat_sectors
+               << ", clusters " << d.clusters << ", said <" << d.said << ">}";
+}
+
+// A request as it is after the defaults were filled in.
+fat_format_param request(const asked &wish) {
+    fat_format_param param = {};
+    param.fat_size = wish.width;
+    param.sec_per_clus = wish.cluster_sectors;
+    param.sector_size = wish.sector_bytes;
+    param.page_size = wish.page_bytes;
+    param.root_entries = wish.root_entries;
+    param.nr_fat = wish.fats;
+    param.nr_rsvd_sec = 77; // not consulted
+    param.sector_of_bkup = 78;
+    return param;
+}
+
+constexpr std::uint32_t UNTOUCHED = 0xABABABAB;
+
+// The decision for `total` sectors of a target of `target_bytes`. After a refusal the request and
+// the result slots must be as they were, and the decision is blank but for result and text.
+decision decide(const asked &wish, std::uint32_t total, std::uint64_t target_bytes) {
+    const ram_disk disk(target_bytes);
+    diagnostics said;
+    fat_format_param param = request(wish);
+    decision made;
+    made.fat_sectors = UNTOUCHED;
+    made.clusters = UNTOUCHED;
+    made.result = fat::calc_fat_sectors(&param, total, &made.fat_sectors, &made.clusters);
+    made.said = said.text();
+    if (made.result != 0) {
+        const fat_format_param before = request(wish);
+        EXPECT_EQ(std::memcmp(&param, &before, sizeof param), 0) << "the request was changed";
+        EXPECT_EQ(made.fat_sectors, UNTOUCHED);
+        EXPECT_EQ(made.clusters, UNTOUCHED);
+        return {.result = made.result, .said = made.said};
+    }
+    made.width = param.fat_size;
+    made.reserved = param.nr_rsvd_sec;
+    made.root_entries = param.root_entries;
+    return made;
+}
+decision decide(const asked &wish, std::uint32_t total) {
+    return decide(wish, total, std::uint64_t{total} * wish.sector_bytes);
+}
+
+decision refused(const std::string &said) {
+    return {.result = -EINVAL, .said = said};
+}
+
+// The starts of the areas in sectors, as the boot sector and the volume record have them.
+struct areas {
+    std::uint32_t fat;
+    std::uint32_t root;
+    std::uint32_t data;
+    bool operator==(const areas &) const = default;
+};
+std::ostream &operator<<(std::ostream &out, const areas &a) {
+    return out << "{FAT " << a.fat << ", root " << a.root << ", data " << a.data << "}";
+}
+
+areas lay_out(const asked &wish, std::uint64_t target_bytes) {
+    const ram_disk disk(target_bytes);
+    fat_format_param param = request(wish);
+    std::vector<std::uint8_t> sector(wish.sector_bytes);
+    EXPECT_EQ(fat::create_pbr(sector.data(), &param), 0);
+    return {sv->fat_start, sv->rdir_start, sv->data_start};
+}
+
+} // namespace
+
+// ---- rounding ---------------------------------------------------------------------------------
+
+TEST(RoundUpTo, GivesTheNextMultipleAndTheUnitItselfForZero) {
+    for (std::uint32_t unit = 1; unit <= 40; unit++) {
+        std::uint32_t multiple = unit;
+        for (std::uint32_t x = 0; x <= 200; x++) {
+            if (x > multiple) {
+                multiple += unit;
+            }
+            EXPECT_EQ(fat::round_up_to(x, unit), multiple) << x << " to " << unit;
+        }
+    }
+}
+
+TEST(RoundUpTo, ReachesTheEndOfThirtyTwoBits) {
+    EXPECT_EQ(fat::round_up_to(0xFFFFFFF0U, 16), 0xFFFFFFF0U);
+    EXPECT_EQ(fat::round_up_to(0xFFFFFFE1U, 16), 0xFFFFFFF0U);
+    EXPECT_EQ(fat::round_up_to(0xFFFFFFFFU, 1), 0xFFFFFFFFU);
+    EXPECT_EQ(fat::round_up_to(0x80000000U, 0x80000000U), 0x80000000U);
+    EXPECT_EQ(fat::round_up_to(0, 0x80000000U), 0x80000000U);
+}
+
+// ---- volumes that come out --------------------------------------------------------------------
+
+TEST(CalcFatSectors, SixtyFourMiBInSectorsOf4096) {
+    const asked wish = {.cluster_sectors = 1, .sector_bytes = 4096, .page_bytes = 4096};
+    EXPECT_EQ(
+        decide(wish, 16384),
+        (decision{
+            .width = 16, .reserved = 1, .root_entries = 512, .fat_sectors = 8, .clusters = 16363}));
+    EXPECT_EQ(lay_out(wish, 64 * MIB), (areas{.fat = 1, .root = 17, .data = 21}));
+    EXPECT_EQ(sv, nullptr);
+}
+
+TEST(CalcFatSectors, SixtyFourMiBInSectorsOf512AlignedToPagesOf4096) {
+    const asked wish = {.cluster_sectors = 8, .sector_bytes = 512, .page_bytes = 4096};
+    EXPECT_EQ(
+        decide(wish, 131072),
+        (decision{
+            .width = 16, .reserved = 8, .root_entries = 512, .fat_sectors = 64, .clusters = 16363}));
+    EXPECT_EQ(lay_out(wish, 64 * MIB), (areas{.fat = 8, .root = 136, .data = 168}));
+}
+
+TEST(CalcFatSectors, HalfAGiBExceedsFat16AndBecomesFat32) {
+    const asked wish = {.cluster_sectors = 1, .sector_bytes = 4096, .page_bytes = 4096};
+    EXPECT_EQ(
+        decide(wish, 131072),
+        (decision{
+            .width = 32, .reserved = 32, .root_entries = 0, .fat_sectors = 128, .clusters = 130784}));
+    EXPECT_EQ(lay_out(wish, 512 * MIB), (areas{.fat = 32, .root = 288, .data = 288}));
+}
+
+TEST(CalcFatSectors, PageSizeZeroRoundsNothing) {
+    const asked wish = {.cluster_sectors = 8, .sector_bytes = 512, .page_bytes = 0};
+    EXPECT_EQ(
+        decide(wish, 131000),
+        (decision{
+            .width = 16, .reserved = 1, .root_entries = 512, .fat_sectors = 64, .clusters = 16354}));
+    EXPECT_EQ(lay_out(wish, 131000 * 512), (areas{.fat = 1, .root = 129, .data = 161}));
+
+    // 4100 clusters need 17 sectors of FAT, whatever a page could hold.
+    const asked small = {.cluster_sectors = 1, .sector_bytes = 512, .page_bytes = 0};
+    EXPECT_EQ(
+        decide(small, 4200),
+        (decision{
+            .width = 16, .reserved = 1, .root_entries = 512, .fat_sectors = 17, .clusters = 4133}));
+    EXPECT_EQ(lay_out(small, 4200 * 512), (areas{.fat = 1, .root = 35, .data = 67}));
+}
+
+TEST(CalcFatSectors, PageOf8192RoundsEveryAreaToSixteenSmallSectors) {
+    const asked wish = {.cluster_sectors = 1, .sector_bytes = 512, .page_bytes = 8192};
+    EXPECT_EQ(
+        decide(wish, 4200),
+        (decision{
+            .width = 16, .reserved = 16, .root_entries = 512, .fat_sectors = 32, .clusters = 4088}));
+    EXPECT_EQ(lay_out(wish, 4200 * 512), (areas{.fat = 16, .root = 80, .data = 112}));
+}
+
+TEST(CalcFatSectors, PageOf8192RoundsEveryAreaToTwoLargeSectors) {
+    const asked wish = {.cluster_sectors = 1, .sector_bytes = 4096, .page_bytes = 8192};
+    EXPECT_EQ(
+        decide(wish, 20000),
+        (decision{
+            .width = 16, .reserved = 2, .root_entries = 512, .fat_sectors = 10, .clusters = 19974}));
+}
+
+TEST(CalcFatSectors, PageSmallerThanTheSectorAlignsToSectors) {
+    const asked wish = {.cluster_sectors = 1, .sector_bytes = 4096, .page_bytes = 2048};
+    EXPECT_EQ(
+        decide(wish, 16384),
+        (decision{
+            .width = 16, .reserved = 1, .root_entries = 512, .fat_sectors = 8, .clusters = 16363}));
+}
+
+TEST(CalcFatSectors, RootEntriesAreRoundedUpToFillTheirSectors) {
+    // 500 x 32 bytes: four sectors of 4096 bytes hold 512 entries.
+    asked wish = {.sector_bytes = 4096, .page_bytes = 0, .root_entries = 500};
+    EXPECT_EQ(decide(wish, 16384).root_entries, 512U);
+    // 40 entries fill 3 sectors of 512 bytes, 6 of them an 3072-byte page, 8 a page of 4096.
+    wish = {.cluster_sectors = 8, .sector_bytes = 512, .page_bytes = 4096, .root_entries = 40};
+    EXPECT_EQ(decide(wish, 131072).root_entries, 128U);
+    // With alignment, even no entry at all takes a page.
+    wish.root_entries = 0;
+    EXPECT_EQ(decide(wish, 131072).root_entries, 128U);
+}
+
+TEST(CalcFatSectors, OneAndThreeFatCopies) {
+    asked wish = {.page_bytes = 4096, .fats = 1};
+    EXPECT_EQ(
+        decide(wish, 16384),
+        (decision{
+            .width = 16, .reserved = 1, .root_entries = 512, .fat_sectors = 8, .clusters = 16371}));
+    EXPECT_EQ(lay_out(wish, 64 * MIB), (areas{.fat = 1, .root = 9, .data = 13}));
+    wish.fats = 3;
+    EXPECT_EQ(decide(wish, 16384).clusters, 16355U);
+    EXPECT_EQ(lay_out(wish, 64 * MIB), (areas{.fat = 1, .root = 25, .data = 29}));
+    wish.fats = 255;
+    EXPECT_EQ(decide(wish, 16384).fat_sectors, 8U);
+    EXPECT_EQ(decide(wish, 16384).clusters, 16379U - 255 * 8);
+}
+
+TEST(CalcFatSectors, TheRequestsOwnReservedSectorsAreNotConsulted) {
+    const asked wish = {.width = 32, .root_entries = 0};
+    EXPECT_EQ(decide(wish, 131072).reserved, 32U); // the request says 77
+    EXPECT_EQ(decide({}, 16384).reserved, 1U);
+}
+
+// ---- the limits -------------------------------------------------------------------------------
+
+TEST(CalcFatSectors, Fat16StartsAt4085Clusters) {
+    const std::string said =
+        "Cluster size(4096) is too large or volume size(16764928) is too small to format the "
+        "device to FAT16.\n"
+        "If you want to format the deivce to FAT16/32, retry to format after reduce the cluster "
+        "size. Otherwise, retry to format the larger volume.\n"
+        "num_clusters 4084 data area 4084\n";
+    for (const std::uint32_t width : {0U, 16U}) {
+        const asked wish = {.width = width};
+        EXPECT_EQ(decide(wish, 4093), refused(said));
+        EXPECT_EQ(
+            decide(wish, 4094),
+            (decision{
+                .width = 16, .reserved = 1, .root_entries = 512, .fat_sectors = 2, .clusters = 4085}));
+    }
+}
+
+TEST(CalcFatSectors, Fat16EndsAt65524ClustersWhenItIsAskedFor) {
+    const asked wish = {.width = 16};
+    EXPECT_EQ(
+        decide(wish, 65593),
+        (decision{
+            .width = 16, .reserved = 1, .root_entries = 512, .fat_sectors = 32, .clusters = 65524}));
+    EXPECT_EQ(decide(wish, 65594),
+              refused("Cluster size(4096) is too small to format this to FAT16.\n"
+                      "If you want to format this to FAT16, retry to format after enlarge the "
+                      "cluster size. Otherwise, retry to format the device with FAT32 type.\n"
+                      "fat 32 max 65524 num_clusters 65525\n"));
+}
+
+TEST(CalcFatSectors, BetweenTheWidthsAutomaticChoiceIsRefusedAsFat32) {
+    // 65525 clusters are too many for FAT16, but the larger reserved area and FATs of FAT32 leave
+    // too few.
+    EXPECT_EQ(decide({}, 65593).width, 16U);
+    EXPECT_EQ(decide({}, 65594),
+              refused("Cluster size(4096) is too large to format the device to FAT32.\n"
+                      "If you want to format the device to FAT32, retry to format after reduce the "
+                      "cluster size\n"
+                      "num_clusters 65434 data area 65434\n"));
+}
+
+TEST(CalcFatSectors, Fat32StartsAt65525Clusters) {
+    for (const std::uint32_t width : {0U, 32U}) {
+        const asked wish = {.width = width, .root_entries = width == 32 ? 0U : 512U};
+        EXPECT_EQ(decide(wish, 65684),
+                  refused("Cluster size(4096) is too large to format the device to FAT32.\n"
+                          "If you want to format the device to FAT32, retry to format after reduce "
+                          "the cluster size\n"
+                          "num_clusters 65524 data area 65524\n"));
+        EXPECT_EQ(decide(wish, 65685), (decision{.width = 32,
+                                                 .reserved = 32,
+                                                 .root_entries = 0,
+                                                 .fat_sectors = 64,
+                                                 .clusters = 65525}));
+    }
+}
+
+TEST(CalcFatSectors, Fat32EndsAt268435438Clusters) {
+    for (const std::uint32_t width : {0U, 32U}) {
+        const asked wish = {.width = width, .root_entries = width == 32 ? 0U : 512U};
+        EXPECT_EQ(decide(wish, 268959758), (decision{.width = 32,
+                                                     .reserved = 32,
+                                                     .root_entries = 0,
+                                                     .fat_sectors = 262144,
+                                                     .clusters = 268435438}));
+        EXPECT_EQ(decide(wish, 268959759),
+                  refused("Number of clusters(268435439) is over the limitation of maximum cluster "
+                          "counts for FAT32\n"
+                          "Retry to format after reduce the cluster size\n"
+                          "fat sectors 262144 max clusters 268435438 data area 268435439\n"));
+    }
+}
+
+TEST(CalcFatSectors, Fat32EndsAt268435438ClustersOfEightSmallSectors) {
+    // The data area passes 2^31 sectors here.
+    const asked wish = {.width = 32, .cluster_sectors = 8, .sector_bytes = 512, .root_entries = 0};
+    EXPECT_EQ(decide(wish, 2151677847), (decision{.width = 32,
+                                                  .reserved = 32,
+                                                  .root_entries = 0,
+                                                  .fat_sectors = 2097152,
+                                                  .clusters = 268435438}));
+    EXPECT_EQ(decide(wish, 2151677848),
+              refused("Number of clusters(268435439) is over the limitation of maximum cluster "
+                      "counts for FAT32\n"
+                      "Retry to format after reduce the cluster size\n"
+                      "fat sectors 2097152 max clusters 268435438 data area 2147483512\n"));
+}
+
+// ---- refusals ---------------------------------------------------------------------------------
+
+TEST(CalcFatSectors, EightMiBHasTooFewClustersForFat16AndFat32IsNotTried) {
+    EXPECT_EQ(decide({}, 2048),
+              refused("Cluster size(4096) is too large or volume size(8388608) is too small to "
+                      "format the device to FAT16.\n"
+                      "If you want to format the deivce to FAT16/32, retry to format after reduce "
+                      "the cluster size. Otherwise, retry to format the larger volume.\n"
+                      "num_clusters 2041 data area 2041\n"));
+}
+
+TEST(CalcFatSectors, SixtyFourMiBHasTooFewClustersForFat32) {
+    EXPECT_EQ(decide({.width = 32, .root_entries = 0}, 16384),
+              refused("Cluster size(4096) is too large to format the device to FAT32.\n"
+                      "If you want to format the device to FAT32, retry to format after reduce the "
+                      "cluster size\n"
+                      "num_clusters 16320 data area 16320\n"));
+}
+
+TEST(CalcFatSectors, FourSectorsOrFewerHaveNoRoomForTheAreasOfFat16) {
+    for (std::uint32_t total = 0; total <= 4; total++) {
+        EXPECT_EQ(decide({}, total),
+                  refused("Volume size(" + std::to_string(total * 4096) +
+                          ") is too small to format the volume to FAT16\n"
+                          "Retry to format after enlarge the volume size to larger than (rdir "
+                          "area(4) + reserved area(1)) * sector size(4096)\n"));
+    }
+}
+
+TEST(CalcFatSectors, ARoomLeftOfNothingIsATooSmallVolumeOfNegativeClusters) {
+    // Five sectors are just the areas; two FATs of a sector each do not fit.
+    EXPECT_EQ(decide({}, 5),
+              refused("Cluster size(4096) is too large or volume size(20480) is too small to "
+                      "format the device to FAT16.\n"
+                      "If you want to format the deivce to FAT16/32, retry to format after reduce "
+                      "the cluster size. Otherwise, retry to format the larger volume.\n"
+                      "num_clusters -2 data area -2\n"));
+    EXPECT_EQ(decide({}, 7).said.substr(202), "num_clusters 0 data area 0\n");
+}
+
+TEST(CalcFatSectors, NegativeClustersAreRoundedDown) {
+    // 34 sectors less 33 for the areas less two FATs leave -1 sector: cluster -1 of 8 sectors.
+    const asked wish = {.cluster_sectors = 8, .sector_bytes = 512, .page_bytes = 0};
+    EXPECT_EQ(decide(wish, 34),
+              refused("Cluster size(4096) is too large or volume size(17408) is too small to "
+                      "format the device to FAT16.\n"
+                      "If you want to format the deivce to FAT16/32, retry to format after reduce "
+                      "the cluster size. Otherwise, retry to format the larger volume.\n"
+                      "num_clusters -1 data area -1\n"));
+}
+
+TEST(CalcFatSectors, TheAlignedReservedAreaCountsButTheMessageSaysOne) {
+    const asked wish = {.cluster_sectors = 1, .sector_bytes = 512, .page_bytes = 8192};
+    EXPECT_EQ(decide(wish, 47), refused("Volume size(24064) is too small to format the volume to "
+                                        "FAT16\n"
+                                        "Retry to format after enlarge the volume size to larger "
+                                        "than (rdir area(32) + reserved area(1)) * sector "
+                                        "size(512)\n"));
+    EXPECT_EQ(decide(wish, 48),
+              refused("Cluster size(512) is too large or volume size(24576) is too small to format "
+                      "the device to FAT16.\n"
+                      "If you want to format the deivce to FAT16/32, retry to format after reduce "
+                      "the cluster size. Otherwise, retry to format the larger volume.\n"
+                      "num_clusters -32 data area -32\n"));
+}
+
+TEST(CalcFatSectors, ThirtyOneSectorsHaveNoRoomForTheReservedAreaOfFat32) {
+    const asked wish = {.width = 32, .cluster_sectors = 2, .sector_bytes = 2048, .root_entries = 0};
+    EXPECT_EQ(decide(wish, 31),
+              refused("Volume size(63488) is too small to format the volume to FAT32\n"
+                      "Retry to format after enlarge the volume size to larger than reserved "
+                      "area(32) * sector size(2048)\n"));
+    EXPECT_EQ(decide(wish, 32),
+              refused("Cluster size(4096) is too large to format the device to FAT32.\n"
+                      "If you want to format the device to FAT32, retry to format after reduce the "
+                      "cluster size\n"
+                      "num_clusters -2 data area -4\n"));
+}
+
+TEST(CalcFatSectors, TheMessagesNameTheSizeOfTheTargetNotOfItsSectors) {
+    // 64-bit: the target is larger than what is used of it.
+    EXPECT_EQ(decide({}, 4, 123456789012345).said.substr(0, 28), "Volume size(123456789012345)");
+    EXPECT_EQ(decide({.width = 32}, 4, 123456789012345).said.substr(0, 28),
+              "Volume size(123456789012345)");
+}
+
+TEST(CalcFatSectors, ARootAreaOfHalfKiBsIsRefused) {
+    const std::string said = "calc_fat_sectors[N]: RdirSize is not even multiple of 512Bytes!\n\n";
+    // 16 entries are one sector of 512 bytes, 33 to 48 are three.
+    asked wish = {.cluster_sectors = 8, .sector_bytes = 512, .page_bytes = 0, .root_entries = 16};
+    EXPECT_EQ(decide(wish, 131072), refused(said));
+    wish.root_entries = 33;
+    EXPECT_EQ(decide(wish, 131072), refused(said));
+    wish.width = 16;
+    EXPECT_EQ(decide(wish, 131072), refused(said));
+    // The areas are measured after it.
+    EXPECT_EQ(decide(wish, 2), refused(said));
+    // 17 to 32 entries are two sectors: 1024 bytes.
+    wish.root_entries = 17;
+    EXPECT_EQ(decide(wish, 131072).root_entries, 32U);
+    // FAT32 has no root area.
+    wish.width = 32;
+    wish.root_entries = 16;
+    wish.cluster_sectors = 1;
+    EXPECT_EQ(decide(wish, 131072).width, 32U);
+}
+
+TEST(CalcFatSectors, APageThatNoSectorFitsIsSaidAndTheVolumeGoesOnUnaligned) {
+    const std::string said = "calc_fat_sectors[N]: Can't align to page size(3000): Sector is 512\n";
+    asked wish = {.cluster_sectors = 8, .sector_bytes = 512, .page_bytes = 3000};
+    EXPECT_EQ(decide(wish, 131000), (decision{.said = said,
+                                              .width = 16,
+                                              .reserved = 1,
+                                              .root_entries = 512,
+                                              .fat_sectors = 64,
+                                              .clusters = 16354}));
+    EXPECT_EQ(lay_out(wish, 131000 * 512), (areas{.fat = 1, .root = 129, .data = 161}));
+    wish = {.width = 32, .cluster_sectors = 1, .sector_bytes = 512, .page_bytes = 3000};
+    EXPECT_EQ(decide(wish, 70000), (decision{.said = said,
+                                             .width = 32,
+                                             .reserved = 32,
+                                             .root_entries = 0,
+                                             .fat_sectors = 539,
+                                             .clusters = 68890}));
+}
+
+TEST(CalcFatSectors, ASectorThatNoPageFitsIsSaidToo) {
+    const asked wish = {.cluster_sectors = 1, .sector_bytes = 4096, .page_bytes = 3000};
+    EXPECT_EQ(decide(wish, 16384),
+              (decision{.said = "calc_fat_sectors[N]: Can't align to page size(3000): Sector is "
+                                "4096\n",
+                        .width = 16,
+                        .reserved = 1,
+                        .root_entries = 512,
+                        .fat_sectors = 8,
+                        .clusters = 16363}));
+}
+
+TEST(CalcFatSectors, TheAlignmentIsSaidOnceWhenTheChoiceGoesOnToFat32) {
+    const asked wish = {.cluster_sectors = 1, .sector_bytes = 512, .page_bytes = 3000};
+    EXPECT_EQ(decide(wish, 131072).said,
+              "calc_fat_sectors[N]: Can't align to page size(3000): Sector is 512\n");
+    EXPECT_EQ(decide(wish, 131072).width, 32U);
+}
+
+TEST(CalcFatSectors, TheAlignmentIsSaidBeforeARefusal) {
+    const asked wish = {.page_bytes = 3000};
+    EXPECT_EQ(decide(wish, 2),
+              refused("calc_fat_sectors[N]: Can't align to page size(3000): Sector is 4096\n"
+                      "Volume size(8192) is too small to format the volume to FAT16\n"
+                      "Retry to format after enlarge the volume size to larger than (rdir area(4) "
+                      "+ reserved area(1)) * sector size(4096)\n"));
+}
+
+// ---- the far end ------------------------------------------------------------------------------
+
+TEST(CalcFatSectors, TheLargestEvenTotalWithTheLargestClusters) {
+    EXPECT_EQ(decide({.cluster_sectors = 64, .sector_bytes = 4096}, 4294967294U),
+              (decision{.width = 32,
+                        .reserved = 32,
+                        .root_entries = 0,
+                        .fat_sectors = 65535,
+                        .clusters = 67106815}));
+    EXPECT_EQ(decide({.cluster_sectors = 64, .sector_bytes = 512}, 4294967294U),
+              (decision{.width = 32,
+                        .reserved = 32,
+                        .root_entries = 0,
+                        .fat_sectors = 524168,
+                        .clusters = 67092483}));
+}
+
+TEST(CalcFatSectors, TheLargestEvenTotalIsTooMuchForFat16) {
+    const std::string advice =
+        "If you want to format this to FAT16, retry to format after enlarge the cluster size. "
+        "Otherwise, retry to format the device with FAT32 type.\n";
+    // 4261672934 clusters, as an int.
+    EXPECT_EQ(decide({.width = 16, .cluster_sectors = 1, .sector_bytes = 512}, 4294967294U),
+              refused("Cluster size(512) is too small to format this to FAT16.\n" + advice +
+                      "fat 16647160 max 65524 num_clusters -33294362\n"));
+    EXPECT_EQ(decide({.width = 16, .cluster_sectors = 64, .sector_bytes = 4096}, 4294967294U),
+              refused("Cluster size(262144) is too small to format this to FAT16.\n" + advice +
+                      "fat 32768 max 65524 num_clusters 67107839\n"));
+}
+
+TEST(CalcFatSectors, TheLargestEvenTotalIsTooMuchForFat32WithSmallClusters) {
+    // 4228890830 clusters; the data area is as large and printed as an int.
+    for (const std::uint32_t width : {0U, 32U}) {
+        EXPECT_EQ(decide({.width = width, .cluster_sectors = 1, .sector_bytes = 512}, 4294967294U),
+                  refused("Number of clusters(4228890830) is over the limitation of maximum "
+                          "cluster counts for FAT32\n"
+                          "Retry to format after reduce the cluster size\n"
+                          "fat sectors 33038216 max clusters 268435438 data area -66076466\n"));
+    }
+}
+
+TEST(CalcFatSectors, TheLargestTotalWithManyFats) {
+    const asked wish = {.width = 32, .cluster_sectors = 64, .sector_bytes = 4096, .fats = 255};
+    const shape plain =
+        plain_calculation(wish, 4294967295U * std::uint64_t{4096}, 4294967295U).decide();
+    const decision made = decide(wish, 4294967295U);
+    EXPECT_EQ(made.said, plain.said);
+    EXPECT_EQ(made.fat_sectors, plain.fat_sectors);
+    EXPECT_EQ(made.clusters, plain.clusters);
+}
+
+// ---- against the plain calculation ------------------------------------------------------------
+
+namespace {
+
+decision plain_decision(const asked &wish, std::uint32_t total) {
+    const std::uint64_t target_bytes = std::uint64_t{total} * wish.sector_bytes;
+    const shape plain = plain_calculation(wish, target_bytes, total).decide();
+    if (plain.result != 0) {
+        return refused(plain.said);
+    }
+    return {.said = plain.said,
+            .width = static_cast<std::uint32_t>(plain.width),
+            .reserved = static_cast<std::uint32_t>(plain.reserved),
+            .root_entries = static_cast<std::uint32_t>(plain.root_entries),
+            .fat_sectors = static_cast<std::uint32_t>(plain.fat_sectors),
+            .clusters = static_cast<std::uint32_t>(plain.clusters)};
+}
+
+} // namespace
+
+TEST(CalcFatSectors, AgreesWithThePlainCalculationAroundEveryLimit) {
+    for (const std::uint32_t sector : {512U, 1024U, 2048U, 4096U}) {
+        for (const std::uint32_t cluster : {1U, 2U, 8U, 64U}) {
+            for (const std::uint32_t page : {0U, 2048U, 4096U, 8192U}) {
+                for (const std::uint32_t width : {0U, 16U, 32U}) {
+                    const asked wish = {.width = width,
+                                        .cluster_sectors = cluster,
+                                        .sector_bytes = sector,
+                                        .page_bytes = page,
+                                        .root_entries = width == 32 ? 0U : 512U};
+                    for (const std::uint32_t limit : {0U, 4085U, 65525U}) {
+                        // From 32 sectors before to 32 behind, FATs and reserved area included.
+                        const std::uint32_t middle = limit * cluster + limit * 8 / sector + 40;
+                        for (std::uint32_t total = middle < 80 ? 0 : middle - 80;
+                             total < middle + 80; total += 3) {
+                            ASSERT_EQ(decide(wish, total), plain_decision(wish, total))
+                                << total << " sectors";
+                        }
+                    }
+                }
+            }
+        }
+    }
+}
+
+TEST(CalcFatSectors, AgreesWithThePlainCalculationOnRandomRequests) {
+    constexpr std::uint32_t SEED = 20240207;
+    std::mt19937 random(SEED);
+    std::printf("seed %u\n", SEED);
+    const auto one_of = [&random](auto... choices) {
+        const std::uint32_t list[] = {static_cast<std::uint32_t>(choices)...};
+        return list[random() % std::size(list)];
+    };
+    int accepted = 0;
+    int rejected = 0;
+    for (int i = 0; i < 10000; i++) {
+        const asked wish = {.width = one_of(0, 16, 32),
+                            .cluster_sectors = 1U << random() % 7,
+                            .sector_bytes = 512U << random() % 4,
+                            .page_bytes = one_of(0, 2048, 4096, 8192, 3000, 1000),
+                            .root_entries = one_of(512, 512, 64, 100, 1000, 2048),
+                            .fats = one_of(1, 2, 2, 2, 3, 7)};
+        // As many bits as not, so that small volumes are as frequent as large ones.
+        const std::uint32_t total = static_cast<std::uint32_t>(random()) >> random() % 32;
+        const decision made = decide(wish, total);
+        ASSERT_EQ(made, plain_decision(wish, total)) << total << " sectors";
+        (made.result == 0 ? accepted : rejected)++;
+    }
+    EXPECT_GT(accepted, 1000);
+    EXPECT_GT(rejected, 1000);
+}
+
+// ---- requests that no options produce ---------------------------------------------------------
+
+namespace {
+
+struct impossible {
+    const char *what;
+    asked wish;
+    const char *said;
+};
+std::ostream &operator<<(std::ostream &out, const impossible &one) {
+    return out << one.what;
+}
+
+class ImpossibleRequest : public testing::TestWithParam<impossible> {};
+
+} // namespace
+
+TEST_P(ImpossibleRequest, IsRefusedBeforeAnythingIsAllocatedOrWritten) {
+    ram_disk disk(64 * MIB);
+    diagnostics said;
+    fat_format_param param = request(GetParam().wish);
+    const fat_format_param before = param;
+    const fat_super volume_before = *sv;
+    {
+        const failing_allocation none_allowed(0, true);
+        const allocation_meter meter;
+        EXPECT_EQ(fat_format(&param), -EINVAL);
+        EXPECT_EQ(meter.peak_bytes(), 0U);
+        EXPECT_FALSE(none_allowed.struck());
+    }
+    EXPECT_EQ(said.text(),
+              std::string("fat_format[N]: Invalid format request: ") + GetParam().said + "\n\n");
+    EXPECT_TRUE(disk.log.empty());
+    EXPECT_EQ(std::memcmp(&param, &before, sizeof param), 0);
+    EXPECT_EQ(std::memcmp(sv, &volume_before, sizeof volume_before), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    SectorSizes, ImpossibleRequest,
+    testing::Values(
+        impossible{"0",
+                   {.sector_bytes = 0},
+                   "FAT0, 2 FATs, 1 sectors of 0 bytes per cluster, 512 root entries, page size 4096"},
+        impossible{"1",
+                   {.sector_bytes = 1},
+                   "FAT0, 2 FATs, 1 sectors of 1 bytes per cluster, 512 root entries, page size 4096"},
+        impossible{
+            "256",
+            {.sector_bytes = 256},
+            "FAT0, 2 FATs, 1 sectors of 256 bytes per cluster, 512 root entries, page size 4096"},
+        impossible{
+            "511",
+            {.sector_bytes = 511},
+            "FAT0, 2 FATs, 1 sectors of 511 bytes per cluster, 512 root entries, page size 4096"},
+        impossible{
+            "513",
+            {.sector_bytes = 513},
+            "FAT0, 2 FATs, 1 sectors of 513 bytes per cluster, 512 root entries, page size 4096"},
+        impossible{
+            "3072",
+            {.sector_bytes = 3072},
+            "FAT0, 2 FATs, 1 sectors of 3072 bytes per cluster, 512 root entries, page size 4096"},
+        impossible{
+            "8192",
+            {.sector_bytes = 8192},
+            "FAT0, 2 FATs, 1 sectors of 8192 bytes per cluster, 512 root entries, page size 4096"},
+        impossible{
+            "32768",
+            {.cluster_sectors = 0, .sector_bytes = 32768},
+            "FAT0, 2 FATs, 0 sectors of 32768 bytes per cluster, 512 root entries, page size 4096"},
+        impossible{
+            "2GiB",
+            {.sector_bytes = 0x80000000},
+            "FAT0, 2 FATs, 1 sectors of 2147483648 bytes per cluster, 512 root entries, page size 4096"},
+        impossible{
+            "4GiBLess1",
+            {.sector_bytes = 0xFFFFFFFF},
+            "FAT0, 2 FATs, 1 sectors of 4294967295 bytes per cluster, 512 root entries, page size 4096"}),
+    [](const auto &info) { return "Of" + std::string(info.param.what); });
+
+INSTANTIATE_TEST_SUITE_P(
+    ClusterSizes, ImpossibleRequest,
+    testing::Values(
+        impossible{
+            "0",
+            {.cluster_sectors = 0},
+            "FAT0, 2 FATs, 0 sectors of 4096 bytes per cluster, 512 root entries, page size 4096"},
+        impossible{
+            "3",
+            {.cluster_sectors = 3},
+            "FAT0, 2 FATs, 3 sectors of 4096 bytes per cluster, 512 root entries, page size 4096"},
+        impossible{
+            "63",
+            {.cluster_sectors = 63},
+            "FAT0, 2 FATs, 63 sectors of 4096 bytes per cluster, 512 root entries, page size 4096"},
+        impossible{
+            "65",
+            {.cluster_sectors = 65},
+            "FAT0, 2 FATs, 65 sectors of 4096 bytes per cluster, 512 root entries, page size 4096"},
+        impossible{
+            "128",
+            {.cluster_sectors = 128},
+            "FAT0, 2 FATs, 128 sectors of 4096 bytes per cluster, 512 root entries, page size 4096"},
+        impossible{
+            "256",
+            {.cluster_sectors = 256, .sector_bytes = 512},
+            "FAT0, 2 FATs, 256 sectors of 512 bytes per cluster, 512 root entries, page size 4096"},
+        impossible{
+            "2G",
+            {.cluster_sectors = 0x80000000, .sector_bytes = 512},
+            "FAT0, 2 FATs, 2147483648 sectors of 512 bytes per cluster, 512 root entries, page size 4096"}),
+    [](const auto &info) { return "Of" + std::string(info.param.what) + "Sectors"; });
+
+INSTANTIATE_TEST_SUITE_P(
+    Others, ImpossibleRequest,
+    testing::Values(
+        impossible{
+            "NoFat",
+            {.fats = 0},
+            "FAT0, 0 FATs, 1 sectors of 4096 bytes per cluster, 512 root entries, page size 4096"},
+        impossible{
+            "Fats256",
+            {.fats = 256},
+            "FAT0, 256 FATs, 1 sectors of 4096 bytes per cluster, 512 root entries, page size 4096"},
+        impossible{
+            "Fats4G",
+            {.fats = 0xFFFFFFFF},
+            "FAT0, 4294967295 FATs, 1 sectors of 4096 bytes per cluster, 512 root entries, page size 4096"},
+        impossible{
+            "Width12",
+            {.width = 12},
+            "FAT12, 2 FATs, 1 sectors of 4096 bytes per cluster, 512 root entries, page size 4096"},
+        impossible{
+            "Width1",
+            {.width = 1},
+            "FAT1, 2 FATs, 1 sectors of 4096 bytes per cluster, 512 root entries, page size 4096"},
+        impossible{
+            "Width64",
+            {.width = 64},
+            "FAT64, 2 FATs, 1 sectors of 4096 bytes per cluster, 512 root entries, page size 4096"},
+        impossible{
+            "RootEntries65536",
+            {.root_entries = 65536},
+            "FAT0, 2 FATs, 1 sectors of 4096 bytes per cluster, 65536 root entries, page size 4096"},
+        impossible{
+            "RootEntries4G",
+            {.root_entries = 0xFFFFFFFF},
+            "FAT0, 2 FATs, 1 sectors of 4096 bytes per cluster, 4294967295 root entries, page size 4096"},
+        impossible{
+            "PageOf2GiB",
+            {.sector_bytes = 512, .page_bytes = 0x80000000},
+            "FAT0, 2 FATs, 1 sectors of 512 bytes per cluster, 512 root entries, page size 2147483648"}),
+    [](const auto &info) { return std::string(info.param.what); });
+
+namespace {
+
+// What fat_format() says of a request whose geometry cannot be, and that nothing was written.
+std::string refusal_of_format(const asked &wish, std::uint64_t target_bytes) {
+    ram_disk disk(target_bytes);
+    diagnostics said;
+    fat_format_param param = request(wish);
+    const allocation_meter meter;
+    EXPECT_EQ(fat_format(&param), -EINVAL);
+    EXPECT_EQ(meter.live_blocks(), 0);
+    EXPECT_TRUE(disk.log.empty());
+    return said.text();
+}
+
+constexpr const char *CALLERS = "create_pbr[N]: failed to calc_fat_sectors!\n\n"
+                                "make_tables[N]: Cannot create PBR!\n\n"
+                                "fat_format[N]: Failed to make table!\n\n";
+
+} // namespace
+
+TEST(FormatRequest, ARootAreaThatItsFieldCannotHoldIsRefused) {
+    // 65535 entries fill 512 sectors of 4096 bytes, which hold 65536: one more than 16 bits say.
+    const asked wish = {.root_entries = 65535};
+    EXPECT_EQ(refusal_of_format(wish, 64 * MIB),
+              std::string("calc_fat_sectors[N]: Invalid format request: FAT0, 2 FATs, 1 sectors of "
+                          "4096 bytes per cluster, 65535 root entries, page size 4096\n\n") +
+                  CALLERS);
+}
+
+TEST(FormatRequest, ARootAreaOfNoSectorIsRefused) {
+    // Its first entry, the volume label, would have no place.
+    const asked wish = {.page_bytes = 0, .root_entries = 0};
+    EXPECT_EQ(refusal_of_format(wish, 64 * MIB),
+              std::string("calc_fat_sectors[N]: Invalid format request: FAT0, 2 FATs, 1 sectors of "
+                          "4096 bytes per cluster, 0 root entries, page size 0\n\n") +
+                  CALLERS);
+}
+
+TEST(FormatRequest, AReservedAreaThatItsFieldCannotHoldIsRefused) {
+    // 65536 sectors to a page.
+    const asked wish = {.sector_bytes = 512, .page_bytes = 32 * MIB};
+    ram_disk disk(1024 * MIB);
+    diagnostics said;
+    fat_format_param param = request(wish);
+    const allocation_meter meter;
+    EXPECT_EQ(fat_format(&param), -EINVAL);
+    EXPECT_EQ(meter.live_blocks(), 0);
+    EXPECT_TRUE(disk.log.empty());
+}
+
+TEST(FormatRequest, NoRequestIsRefused) {
+    const ram_disk disk(64 * MIB);
+    diagnostics said;
+    EXPECT_EQ(fat_format(nullptr), -EINVAL);
+    EXPECT_EQ(said.text(), "fat_format[N]: Check here!\n\n");
+}

@@ -1,0 +1,215 @@
+// A second account of the shape of a volume, written plainly: divisions instead of shifts, one wide
+// signed type, nothing of the library. The tests hold the library against it.
+
+#pragma once
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <ostream>
+#include <string>
+
+namespace testing_support {
+
+// What is asked of the formatter, every default filled in.
+struct asked {
+    std::uint32_t width = 0; // of a FAT entry in bits: 16, 32, or 0: the formatter chooses
+    std::uint32_t cluster_sectors = 1;
+    std::uint32_t sector_bytes = 4096;
+    std::uint32_t page_bytes = 4096; // 0: no alignment
+    std::uint32_t root_entries = 512;
+    std::uint32_t fats = 2;
+};
+
+// What must come of it. Of a refused volume only `result` and `said` count.
+struct shape {
+    int result = 0;
+    std::string said; // the diagnostics, source lines as N
+    std::int64_t width = 0;
+    std::int64_t reserved = 0;
+    std::int64_t root_sectors = 0; // of the fixed area: 0 on FAT32
+    std::int64_t root_entries = 0;
+    std::int64_t fat_sectors = 0;
+    std::int64_t clusters = 0;
+    std::int64_t total = 0; // sectors
+
+    [[nodiscard]] std::int64_t first_data_sector(std::int64_t fats) const {
+        return reserved + fats * fat_sectors + root_sectors;
+    }
+};
+
+class plain_calculation {
+public:
+    plain_calculation(const asked &wish, std::uint64_t target_bytes, std::int64_t total)
+        : wish_(wish), target_(std::to_string(target_bytes)), total_(total),
+          sector_(wish.sector_bytes), cluster_(std::int64_t{wish.cluster_sectors} * sector_) {}
+
+    // The volume as it must come out.
+    shape decide() {
+        find_page_unit();
+        result_.total = total_;
+        if (wish_.width != 32) {
+            const bool decided = decide_for_fat16();
+            if (decided) {
+                return result_;
+            }
+        }
+        decide_for_fat32();
+        return result_;
+    }
+
+    // How many clusters there would be, were there no limits; negative where there is no room.
+    std::int64_t clusters_as(std::int64_t width) {
+        find_page_unit();
+        lay_out(width);
+        return result_.clusters;
+    }
+
+private:
+    static std::string text(std::int64_t number) {
+        return std::to_string(number);
+    }
+    // As %d prints what does not fit.
+    static std::string cut(std::int64_t number) {
+        return std::to_string(static_cast<std::int32_t>(static_cast<std::uint64_t>(number)));
+    }
+    static std::int64_t floor_of(std::int64_t value, std::int64_t unit) {
+        return value >= 0 ? value / unit : -((-value + unit - 1) / unit);
+    }
+    static std::int64_t ceiling_of(std::int64_t value, std::int64_t unit) {
+        return (value + unit - 1) / unit;
+    }
+
+    void refuse(const std::string &message) {
+        result_.result = -EINVAL;
+        result_.said += message;
+    }
+
+    void find_page_unit() {
+        const std::int64_t page = wish_.page_bytes;
+        if (page == 0) {
+            return;
+        }
+        const std::int64_t larger = std::max(page, sector_);
+        if (larger % page == 0 && larger % sector_ == 0) {
+            page_unit_ = larger / sector_;
+            return;
+        }
+        result_.said += "calc_fat_sectors[N]: Can't align to page size(" + cut(page) +
+                        "): Sector is " + cut(sector_) + "\n";
+    }
+
+    // Whole pages, at least one; without alignment the sectors as they are.
+    [[nodiscard]] std::int64_t in_pages(std::int64_t sectors) const {
+        if (page_unit_ == 0) {
+            return sectors;
+        }
+        return std::max<std::int64_t>(1, ceiling_of(sectors, page_unit_)) * page_unit_;
+    }
+
+    // Everything but the limits. data_ is what is left for clusters, data_before_fats_ what was
+    // left when the FATs had no size yet.
+    void lay_out(std::int64_t width) {
+        const bool is_16 = width == 16;
+        const std::int64_t entry = width / 8;
+        result_.width = width;
+        result_.root_sectors =
+            is_16 ? in_pages(ceiling_of(std::int64_t{wish_.root_entries} * 32, sector_)) : 0;
+        result_.root_entries = result_.root_sectors * sector_ / 32;
+        result_.reserved = in_pages(is_16 ? 1 : 32);
+        data_before_fats_ = total_ - result_.root_sectors - result_.reserved;
+        const std::int64_t room = std::max<std::int64_t>(0, data_before_fats_) * sector_;
+        const std::int64_t fats = wish_.fats;
+        const std::int64_t estimate = (room + 2 * entry * fats) / (cluster_ + entry * fats);
+        result_.fat_sectors = in_pages(ceiling_of((estimate + 2) * entry, sector_));
+        data_ = data_before_fats_ - fats * result_.fat_sectors;
+        result_.clusters = floor_of(data_, wish_.cluster_sectors);
+        const std::int64_t limit = is_16 ? 65524 : 268435438;
+        most_ = std::min(result_.fat_sectors * sector_ / entry - 2, limit);
+    }
+
+    // Whether FAT16 is the answer or the refusal; otherwise it is for FAT32 to say.
+    bool decide_for_fat16() {
+        lay_out(16);
+        if (result_.root_sectors * sector_ % 1024 != 0) {
+            refuse("calc_fat_sectors[N]: RdirSize is not even multiple of 512Bytes!\n\n");
+            return true;
+        }
+        if (data_before_fats_ < 0) {
+            refuse("Volume size(" + target_ +
+                   ") is too small to format the volume to FAT16\n"
+                   "Retry to format after enlarge the volume size to larger than (rdir area(" +
+                   text(result_.root_sectors) + ") + reserved area(1)) * sector size(" +
+                   text(sector_) + ")\n");
+            return true;
+        }
+        if (result_.clusters <= 4084) {
+            refuse("Cluster size(" + text(cluster_) + ") is too large or volume size(" + target_ +
+                   ") is too small to format the device to FAT16.\n"
+                   "If you want to format the deivce to FAT16/32, retry to format after reduce the "
+                   "cluster size. Otherwise, retry to format the larger volume.\n"
+                   "num_clusters " +
+                   cut(result_.clusters) + " data area " + cut(data_) + "\n");
+            return true;
+        }
+        if (most_ >= result_.clusters) {
+            return true;
+        }
+        if (wish_.width != 16) {
+            return false;
+        }
+        refuse("Cluster size(" + text(cluster_) +
+               ") is too small to format this to FAT16.\n"
+               "If you want to format this to FAT16, retry to format after enlarge the cluster "
+               "size. Otherwise, retry to format the device with FAT32 type.\n"
+               "fat " +
+               cut(result_.fat_sectors) + " max " + cut(most_) + " num_clusters " +
+               cut(result_.clusters) + "\n");
+        return true;
+    }
+
+    void decide_for_fat32() {
+        lay_out(32);
+        if (data_before_fats_ < 0) {
+            refuse("Volume size(" + target_ +
+                   ") is too small to format the volume to FAT32\n"
+                   "Retry to format after enlarge the volume size to larger than reserved area(32) "
+                   "* sector size(" +
+                   text(sector_) + ")\n");
+        } else if (result_.clusters <= 65524) {
+            refuse("Cluster size(" + text(cluster_) +
+                   ") is too large to format the device to FAT32.\n"
+                   "If you want to format the device to FAT32, retry to format after reduce the "
+                   "cluster size\n"
+                   "num_clusters " +
+                   cut(result_.clusters) + " data area " + cut(data_) + "\n");
+        } else if (most_ < result_.clusters) {
+            refuse("Number of clusters(" + text(result_.clusters) +
+                   ") is over the limitation of maximum cluster counts for FAT32\n"
+                   "Retry to format after reduce the cluster size\n"
+                   "fat sectors " +
+                   cut(result_.fat_sectors) + " max clusters " + cut(most_) + " data area " +
+                   cut(data_) + "\n");
+        }
+    }
+
+    asked wish_;
+    std::string target_;
+    std::int64_t total_;
+    std::int64_t sector_;
+    std::int64_t cluster_;       // bytes
+    std::int64_t page_unit_ = 0; // sectors; 0: no alignment
+    std::int64_t data_before_fats_ = 0;
+    std::int64_t data_ = 0;
+    std::int64_t most_ = 0;
+    shape result_;
+};
+
+// The sectors that the formatter uses of a target: whole ones, and an even number of them, counted
+// in 32 bits.
+inline std::int64_t usable_sectors(std::uint64_t target_bytes, std::uint32_t sector_bytes) {
+    const std::uint64_t whole = target_bytes / sector_bytes % (std::uint64_t{1} << 32);
+    return static_cast<std::int64_t>(whole - whole % 2);
+}
+
+} // namespace testing_support
