@@ -1,10 +1,215 @@
-// Directory entries.
+// Directory entries: where they lie, reading them in turn, their time stamps.
+//
+// Entry i of a directory lies at byte i x 32 of its space: the root area of FAT16, or a cluster
+// chain. A walk reads each sector of the directory once, and follows the chain once.
 
 #include "fat/internal.h"
 
+#include <cerrno>
 #include <cstring>
 
 namespace fat {
+
+namespace {
+
+// Moves the place to the cluster `links` links behind `first`. A circle counts as a broken link.
+int move_place(chain_place *place, u32 first, u32 links) {
+    if (place->first != first || links < place->links) {
+        place->first = place->cluster = first;
+        place->links = 0;
+        place->guard = circle_guard{};
+        (void)place->guard.closes_at(first); // the first cluster cannot come back yet
+    }
+    while (place->links < links) {
+        const int next = follow_link(&place->fat, place->cluster);
+        if (next < 0 || place->guard.closes_at(static_cast<u32>(next))) {
+            report_at("get_phy_sector", __LINE__, "invalid value %d\n", next);
+            return -EINVAL;
+        }
+        place->cluster = static_cast<u32>(next);
+        place->links++;
+    }
+    return 0;
+}
+
+int root_area_sector(u32 sector_index, u32 *sector) {
+    const u64 wanted = static_cast<u64>(sv->rdir_start) + sector_index;
+    if (wanted >= sv->data_start) {
+        report_at("get_phy_sector", __LINE__, "Invalid sector number in Root dir\n\n");
+        return -EFAULT;
+    }
+    *sector = static_cast<u32>(wanted);
+    return 0;
+}
+
+int chain_sector(chain_place *place, u32 base_clu, u32 sector_index, u32 *sector) {
+    const int moved = move_place(place, base_clu, sector_index / sv->sec_per_clus);
+    if (moved < 0) {
+        return moved;
+    }
+    if (place->cluster == FAT_FREE) {
+        report_at("get_phy_sector", __LINE__, "invalid value %d\n", 0);
+        return -EINVAL;
+    }
+    if (is_end_of_chain(place->cluster)) {
+        return -EFAULT;
+    }
+    *sector = sv->data_start + (place->cluster - FIRST_DATA_CLUSTER) * sv->sec_per_clus +
+              sector_index % sv->sec_per_clus;
+    return 0;
+}
+
+// get_phy_sector() for a walk that goes on from `place`.
+int locate_sector(chain_place *place, u32 base_clu, u32 sector_index, u32 *sector) {
+    if (sector == nullptr || (base_clu >= FIRST_DATA_CLUSTER && !is_data_cluster(base_clu))) {
+        report_at("get_phy_sector", __LINE__, "NULL pointer or invalid xxx!\n\n");
+        return -EINVAL;
+    }
+    if (base_clu == 0 && sv->fat_type != 32) {
+        return root_area_sector(sector_index, sector);
+    }
+    if (base_clu < FIRST_DATA_CLUSTER) {
+        report_at("get_phy_sector", __LINE__, "invalid start cluster number %d\n",
+                  static_cast<int>(base_clu));
+        return -EINVAL;
+    }
+    return chain_sector(place, base_clu, sector_index, sector);
+}
+
+// The sector of the directory that holds entry `index`, and the entry's byte offset there.
+u32 sector_index_of(u32 index) {
+    return static_cast<u32>(static_cast<u64>(index) * DENTRY_SIZE / sv->sector_size);
+}
+
+u32 offset_of(u32 index) {
+    return static_cast<u32>(static_cast<u64>(index) * DENTRY_SIZE % sv->sector_size);
+}
+
+// get_dentry_with_clu() for a walk that goes on from `place`.
+int load_dentry(chain_place *place, u32 base_clu, u32 index, u8 *sector_buf,
+                dentry_location *location) {
+    u32 sector = 0;
+    const int located = locate_sector(place, base_clu, sector_index_of(index), &sector);
+    if (located < 0) {
+        report_at("get_dentry_with_clu", __LINE__, "Failed to get entry sector!:(%u, %d)\n\n",
+                  base_clu, static_cast<int>(index));
+        return located;
+    }
+    if (read_sectors(sector_buf, sector, 1) < 0) {
+        report_at("get_dentry_with_clu", __LINE__, "cannot read sectors:(sector: %u)\n", sector);
+        return -EIO;
+    }
+    *location = {sector, offset_of(index)};
+    return 0;
+}
+
+bool is_behind_allocation(const oentry *dir, u32 index) {
+    if (index < dir->allocated / DENTRY_SIZE) {
+        return false;
+    }
+    report_at("fat_get_dentry", __LINE__, "access the out of range in directory space\n");
+    return true;
+}
+
+} // namespace
+
+// ---- addressing -------------------------------------------------------------------------------
+
+u32 base_cluster(const oentry *dir) {
+    return dir->dentry == nullptr && sv->fat_type != 32 ? 0 : dir->start;
+}
+
+u32 dir_entry_count(const oentry *dir) {
+    constexpr u32 ROOT_ENTRIES = 512;
+    return dir->dentry == nullptr && sv->fat_type != 32 ? ROOT_ENTRIES : dir->allocated / DENTRY_SIZE;
+}
+
+int get_phy_sector(u32 base_clu, u32 sector_index, u32 *sector) {
+    chain_place place;
+    return locate_sector(&place, base_clu, sector_index, sector);
+}
+
+int get_phy_sector_by_offset(u32 base_clu, u32 byte_offset, u32 *sector) {
+    return get_phy_sector(base_clu, byte_offset / sv->sector_size, sector);
+}
+
+int get_entry_sector(u32 base_clu, u32 index, u32 *sector) {
+    return get_phy_sector(base_clu, sector_index_of(index), sector);
+}
+
+// ---- reading entries --------------------------------------------------------------------------
+
+int get_dentry_with_clu(u32 base_clu, u32 index, u8 **entry, u8 *sector_buf,
+                        dentry_location *location) {
+    if (sector_buf == nullptr || entry == nullptr) {
+        REPORT("%s is NULL\n", sector_buf == nullptr ? "sector_buf" : "entry");
+        return -EINVAL;
+    }
+    chain_place place;
+    dentry_location found = {};
+    const int result = load_dentry(&place, base_clu, index, sector_buf, &found);
+    if (result < 0) {
+        return result;
+    }
+    *entry = sector_buf + found.offset;
+    if (location != nullptr) {
+        *location = found;
+    }
+    return 0;
+}
+
+int fat_get_dentry(oentry *dir, u32 index, u8 **entry, u8 *sector_buf, dentry_location *location) {
+    if (is_behind_allocation(dir, index)) {
+        return -EFAULT;
+    }
+    return get_dentry_with_clu(base_cluster(dir), index, entry, sector_buf, location);
+}
+
+bool begin_walk(dentry_walk *walk, u32 base_clu) {
+    walk->base_clu = base_clu;
+    walk->sector_buf = zeroed_bytes(sv->sector_size);
+    return walk->sector_buf != nullptr;
+}
+
+bool begin_walk(dentry_walk *walk, const oentry *dir) {
+    walk->dir = dir;
+    return begin_walk(walk, base_cluster(dir));
+}
+
+int walk_to(dentry_walk *walk, u32 index, u8 **entry) {
+    const u32 sector_index = sector_index_of(index);
+    if (!walk->loaded || walk->sector_index != sector_index) {
+        walk->loaded = false;
+        if (walk->dir != nullptr && is_behind_allocation(walk->dir, index)) {
+            return -EFAULT;
+        }
+        const int result = load_dentry(&walk->place, walk->base_clu, index, walk->sector_buf.get(),
+                                       &walk->location);
+        if (result < 0) {
+            return result;
+        }
+        walk->sector_index = sector_index;
+        walk->loaded = true;
+    }
+    walk->location.offset = offset_of(index);
+    *entry = walk->sector_buf.get() + walk->location.offset;
+    return 0;
+}
+
+int get_lfn_chars(const u8 *slot, u16 *units) {
+    for (u32 unit = 0; unit < SLOT_UNITS; unit++) {
+        units[unit] = load16(slot + slot_unit_offset(unit));
+        if (units[unit] == 0) {
+            return 0;
+        }
+    }
+    if (load(slot, SLOT_ORDINAL) > SLOT_LAST) {
+        units[SLOT_UNITS] = 0;
+    }
+    return 0;
+}
+
+// ---- filling entries --------------------------------------------------------------------------
 
 void dos_time_date(const tm *t, u16 *date, u16 *time) {
     constexpr int DOS_EPOCH_YEAR = 1980;

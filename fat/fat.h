@@ -173,6 +173,17 @@ int fat_close_volume(int compact);
  */
 int create_fat_volume(const char *path, uint32_t chunk, int count);
 
+/*
+ * Chooses the character encoding of the names that the library takes and gives, by its iconv name
+ * ("UTF-8", "ISO-8859-1", ...). Until then names with a long form are plain ASCII. It holds while
+ * the volume is open; choosing again leaves the converters chosen before open until the program
+ * ends.
+ *
+ * Returns 0, also when no volume is open or `charset` is NULL (nothing is done), or -EINVAL when
+ * the system has no such conversion; a direction that it does have is then in use.
+ */
+int fat_set_encoding(const char *charset);
+
 /* ---- printers -------------------------------------------------------------------------------- */
 
 /* Prints the format request to standard output. */

@@ -4,8 +4,9 @@
 //   diag, bytes, layout, resources  ground
 //   volume                          the open target and its sectors
 //   param, format                   laying a fresh file system
-//   fatent                          FAT entries
-//   dentry                          directory entries
+//   fatent                          FAT entries and links
+//   name, encoding                  short and long names
+//   dentry, lookup                  directory entries, finding one by its name
 //   oentry                          open entries
 //   debug                           printers
 // Two calls go upward and are meant: releasing a volume frees its open entries (oentry), and
@@ -115,15 +116,205 @@ void refuse_request(const char *function, const fat_format_param *param);
 
 // ---- fatent -----------------------------------------------------------------------------------
 
+// The FAT sector that a walk stands in. Lives inside one public call.
+struct fat_window {
+    static constexpr u64 NO_SECTOR = ~0ULL;
+    heap_ptr<u8> buffer;
+    u64 sector = NO_SECTOR;
+};
+
+// Finds out that a chain runs in a circle, in time proportional to the circle and with no memory of
+// the clusters passed: the anchor is moved up at distances that double (Brent).
+struct circle_guard {
+    u32 anchor = 0; // no data cluster
+    u32 span = 1;   // steps from one anchor to the next
+    u32 steps = 1;  // since the anchor was set
+
+    // To be called with each cluster of the chain in turn. True when the chain has come back.
+    [[nodiscard]] bool closes_at(u32 cluster);
+};
+
+[[nodiscard]] bool is_data_cluster(u32 cluster);
+
+// Whether a FAT value ends a chain.
+[[nodiscard]] bool is_end_of_chain(u32 value);
+
 // Stores the value of a FAT entry, without its reserved bits, in `value`. The number is not checked
 // against the volume. Returns 0, -EINVAL, -ENOMEM or -EIO.
 [[nodiscard]] int fat_read_entry(u32 cluster, u32 *value);
+
+// Changes one entry of the first FAT: its sector is read, changed and written back. The reserved
+// bits of a FAT32 entry stay. Returns 0, -EINVAL, -ENOMEM or -EIO; the FAT is unchanged unless the
+// write itself failed.
+[[nodiscard]] int fat_write_entry(u32 cluster, u32 value);
 
 // Follows one link: 0 for a free entry, the end-of-chain value, the next cluster, or a negative
 // errno for a number that is no data cluster, an entry that is no link, or a failed read.
 [[nodiscard]] int fat_read_clus(u32 cluster);
 
+// The same for walks, which read a FAT sector once while they stay in it.
+[[nodiscard]] int follow_link(fat_window *window, u32 cluster);
+
+// The lowest free cluster from `first` to `last`, both included; -ENOENT when there is none, or the
+// error of the first entry that cannot be read or is no link.
+[[nodiscard]] int fat_free_clus(u32 first, u32 last);
+
+// First sector of a cluster; 0 when the cluster lies outside the volume.
+[[nodiscard]] u32 fat_sector(u32 cluster);
+
+// ---- name -------------------------------------------------------------------------------------
+
+// Entry types, as entry_type() tells them. Fixed numbers: listings and programs use them.
+enum : u32 {
+    DENTRY_UNUSED = 0, // and the end of the directory
+    DENTRY_DELETED = 1,
+    DENTRY_FILE = 2,
+    DENTRY_DIR = 3,
+    DENTRY_LFN = 4,
+    DENTRY_INVALID = 6,
+    DENTRY_VOLUME = 8,
+};
+
+inline constexpr u32 DOS_NAME_SIZE = SHORT_NAME.size;
+inline constexpr u32 DOS_BASE_SIZE = 8;
+inline constexpr u32 DOS_CSTRING_SIZE = 13; // base, dot, extension, NUL
+inline constexpr u32 LONG_NAME_UNITS = 256; // room for a long name with its terminator
+inline constexpr u32 SLOT_UNITS = 13;       // units of one long-name slot
+
+// A name in the three forms that a directory needs.
+struct fat_name {
+    char *cstring; // as given, the caller's; the 8.3 conversion cuts trailing blanks and dots off it
+    u8 *dosName;   // 11 bytes on the heap
+    u16 *unicode;  // NUL-terminated long name on the heap, null where none is needed
+    u32 ulen;      // units of the long name without its terminator
+    u8 lcase;      // case byte of the short entry: 0x08 lower-case base, 0x10 extension
+    u32 lossy;     // 1: the short name is no faithful copy
+};
+
+// Frees what the record owns and empties it. The string stays the caller's.
+void release_name(fat_name *name);
+
+// Fills the record from the string. Returns 0, -EINVAL or -ENOMEM; on failure nothing is left
+// allocated.
+[[nodiscard]] int get_fatnames(char *cstring, fat_name *name);
+
+// Makes the short name and, where that cannot hold the name and long names are on, the long one.
+// The buffers become the caller's. The last three outputs may be null.
+[[nodiscard]] int convert_name(char *cstring, u8 **dosName, u16 **unicode, u32 *ulen, u8 *lcase,
+                               u32 *lossy);
+
+// Makes an 8.3 name of 11 bytes. `case_out` receives 0xFF for mixed case; for "." and ".." it is
+// not written. `case_out` and `lossy` may be null. Returns 0 or -EINVAL (nothing left of the name).
+[[nodiscard]] int convert_cstring_to_dosname(char *cstring, u8 *dos, u8 *case_out, u32 *lossy);
+
+// Cuts trailing blanks and dots off in place, but never the first character. `end`, which may be
+// null, receives the place of the new terminator. Returns 0 or -EINVAL (null).
+int remove_trail_blanks(char *str, char **end);
+
+// The text of a stored short name, at most 13 bytes with its terminator. Returns 0.
+int convert_dosname_to_cstring(const u8 *dos, char *out, u8 lcase);
+
+// The checksum that ties long-name slots to their short entry.
+[[nodiscard]] u8 dosname_checksum(const u8 *dos);
+
+// Gives the short name the lowest numeric tail that no entry of the directory with the same prefix
+// has. Returns 0, -EEXIST (1 to 1023 are taken), -ENOMEM or the error of the walk.
+[[nodiscard]] int add_numeric_tail(oentry *dir, u8 *dos);
+
+// Puts "~n" behind the base, or over its end. Returns 0 or -EINVAL (n is over 1024).
+[[nodiscard]] int append_tail(u8 *dos, u32 n);
+
+// Refuses forbidden characters and device names. Returns 0 or -EINVAL.
+[[nodiscard]] int verify_valid_name(const char *cstring);
+
+// Classifies a raw 32-byte entry.
+[[nodiscard]] u32 entry_type(const u8 *dentry);
+
+// Long names to and from the encoding of the volume, or ASCII where none is set. `unicode` and
+// `cstring` hold 256 units and 256 bytes. Return the units or bytes without the terminator, or a
+// negative errno. The forward direction cuts trailing blanks and dots off `cstring`.
+[[nodiscard]] int convert_cstring_to_uname(char *cstring, u16 *unicode);
+[[nodiscard]] int convert_uname_to_cstring(const u16 *unicode, char *cstring);
+
 // ---- dentry -----------------------------------------------------------------------------------
+
+// Where an entry lies: its sector, and the byte offset there.
+struct dentry_location {
+    u32 sector;
+    u32 offset;
+};
+
+// A place in a cluster chain, kept while a walk over its sectors goes on. Lives inside one call.
+struct chain_place {
+    u32 first = 0;   // the chain; 0: none yet
+    u32 cluster = 0; // where the place is
+    u32 links = 0;   // followed from the first cluster to here
+    circle_guard guard;
+    fat_window fat;
+};
+
+// A walk over the entries of one directory: the sector it stands in and its place in the chain.
+struct dentry_walk {
+    const oentry *dir = nullptr; // bounds the walk; null: the chain alone does
+    u32 base_clu = 0;            // 0: the FAT16 root area
+    heap_ptr<u8> sector_buf;
+    u32 sector_index = 0; // of the sector in the buffer, counted in the directory
+    bool loaded = false;
+    chain_place place;
+    dentry_location location = {};
+};
+
+// Begin a walk over an open directory, or over one given by its base cluster. Return false when
+// there is no memory for the sector; telling so is the caller's part.
+[[nodiscard]] bool begin_walk(dentry_walk *walk, const oentry *dir);
+[[nodiscard]] bool begin_walk(dentry_walk *walk, u32 base_clu);
+
+// Points `entry` at entry `index`; its sector is read unless the walk stands in it. Results and
+// messages are those of fat_get_dentry() for an open directory, else of get_dentry_with_clu().
+[[nodiscard]] int walk_to(dentry_walk *walk, u32 index, u8 **entry);
+
+// The base cluster of an open directory: 0 for the FAT16 root.
+[[nodiscard]] u32 base_cluster(const oentry *dir);
+
+// The sector that holds sector `sector_index` of the directory. Returns 0, -EFAULT behind the end
+// of the root area or of the chain, or -EINVAL.
+[[nodiscard]] int get_phy_sector(u32 base_clu, u32 sector_index, u32 *sector);
+[[nodiscard]] int get_phy_sector_by_offset(u32 base_clu, u32 byte_offset, u32 *sector);
+[[nodiscard]] int get_entry_sector(u32 base_clu, u32 index, u32 *sector);
+
+// Reads the sector of entry `index` into `sector_buf` (one sector) and points `entry` into it.
+// `location` may be null. Returns 0, -EFAULT behind the end, -EINVAL or -EIO.
+[[nodiscard]] int get_dentry_with_clu(u32 base_clu, u32 index, u8 **entry, u8 *sector_buf,
+                                      dentry_location *location);
+
+// The same for an open directory; -EFAULT for an index behind its allocated size.
+[[nodiscard]] int fat_get_dentry(oentry *dir, u32 index, u8 **entry, u8 *sector_buf,
+                                 dentry_location *location);
+
+// Entries of an open directory; 512 for the FAT16 root, whatever its area holds.
+[[nodiscard]] u32 dir_entry_count(const oentry *dir);
+
+// Copies the units of one long-name slot up to its terminator, and ends those of a full last slot
+// with one: up to 14 units. Returns 0.
+int get_lfn_chars(const u8 *slot, u16 *units);
+
+// Index of the short entry that the name finds. `name`, which may be null, is filled and stays
+// filled for the caller to release. Returns -ENOENT, -EINVAL, -ENOMEM or the error of the walk.
+[[nodiscard]] int fat_find_dentry(oentry *dir, char *cstring, fat_name *name);
+[[nodiscard]] int find_dentry_with_clu(u32 base_clu, char *cstring, fat_name *name);
+
+// Looks at one entry of a lookup: gathers a long-name slot into `gathered` (256 units), compares a
+// short entry. Returns -EEXIST when the entry matches, else 0.
+[[nodiscard]] int compare_entry_name(const u8 *entry, const u8 *dosName, const u16 *unicode,
+                                     u16 *gathered, u32 *gathering);
+
+// Gathers the long name whose last slot is `*entry`, entry `index` of the directory, standing in
+// `sector_buf`, into `units` (256). Returns its slots, 0 for a broken name, or a negative errno.
+// `*entry` then points at the entry behind the last slot that was read.
+[[nodiscard]] int get_long_name(oentry *dir, u32 index, u8 **entry, u8 *sector_buf, u16 *units);
+
+// 0 when the first 256 units, or all up to a common terminator, are equal.
+[[nodiscard]] int uname_compare(const u16 *a, const u16 *b);
 
 // Packs a local time: date = years since 1980, month, day; time = hours, minutes, seconds / 2.
 void dos_time_date(const tm *t, u16 *date, u16 *time);

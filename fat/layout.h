@@ -152,7 +152,57 @@ inline constexpr field SHORT_FIELDS[] = {
 };
 static_assert(covers(SHORT_FIELDS, 0, DENTRY_SIZE));
 
+// First bytes of a name that mean something else.
+inline constexpr u8 NAME_UNUSED = 0x00; // and no entry stands behind it
+inline constexpr u8 NAME_DELETED = 0xE5;
+inline constexpr u8 NAME_ESCAPED_E5 = 0x05; // stands for a first character 0xE5
+
 // Attribute bits.
+inline constexpr u32 ATTR_READ_ONLY = 0x01;
+inline constexpr u32 ATTR_HIDDEN = 0x02;
 inline constexpr u32 ATTR_VOLUME = 0x08;
+inline constexpr u32 ATTR_DIRECTORY = 0x10;
+inline constexpr u32 ATTR_ARCHIVE = 0x20;
+inline constexpr u32 ATTR_KIND_MASK = ATTR_VOLUME | ATTR_DIRECTORY;
+inline constexpr u32 ATTR_LONG_NAME = 0x0F;
+inline constexpr u32 ATTR_LONG_NAME_MASK = 0x3F;
+
+// Case bits of the sysid byte.
+inline constexpr u32 CASE_LOWER_BASE = 0x08;
+inline constexpr u32 CASE_LOWER_EXTENSION = 0x10;
+
+inline constexpr field SLOT_ORDINAL{"offset", 0, 1};
+inline constexpr field SLOT_UNITS_0_4{"unname[0-4]", 1, 10};
+inline constexpr field SLOT_ATTR{"attr", 11, 1};
+inline constexpr field SLOT_SYSID{"sysid", 12, 1};
+inline constexpr field SLOT_CHECKSUM{"checksum", 13, 1};
+inline constexpr field SLOT_UNITS_5_10{"unname[5-10]", 14, 12};
+inline constexpr field SLOT_START{"start_clu", 26, 2};
+inline constexpr field SLOT_UNITS_11_12{"unname[11-12]", 28, 4};
+
+inline constexpr field SLOT_FIELDS[] = {
+    SLOT_ORDINAL,  SLOT_UNITS_0_4,  SLOT_ATTR,  SLOT_SYSID,
+    SLOT_CHECKSUM, SLOT_UNITS_5_10, SLOT_START, SLOT_UNITS_11_12,
+};
+static_assert(covers(SLOT_FIELDS, 0, DENTRY_SIZE));
+static_assert(SLOT_ATTR.offset == SHORT_ATTR.offset); // one byte tells the two records apart
+
+inline constexpr u32 SLOT_LAST = 0x40; // mark of the slot furthest from the short entry
+
+// Byte offset of unit 0 to 12 in a slot.
+[[nodiscard]] constexpr u32 slot_unit_offset(u32 unit) {
+    constexpr u32 UNIT_SIZE = 2;
+    constexpr u32 FIRST = SLOT_UNITS_0_4.size / UNIT_SIZE;
+    constexpr u32 SECOND = FIRST + SLOT_UNITS_5_10.size / UNIT_SIZE;
+    if (unit < FIRST) {
+        return SLOT_UNITS_0_4.offset + unit * UNIT_SIZE;
+    }
+    if (unit < SECOND) {
+        return SLOT_UNITS_5_10.offset + (unit - FIRST) * UNIT_SIZE;
+    }
+    return SLOT_UNITS_11_12.offset + (unit - SECOND) * UNIT_SIZE;
+}
+static_assert(slot_unit_offset(4) == 9 && slot_unit_offset(5) == 14);
+static_assert(slot_unit_offset(10) == 24 && slot_unit_offset(11) == 28);
 
 } // namespace fat

@@ -36,6 +36,12 @@ using heap_ptr = std::unique_ptr<T, free_block>;
     return heap_ptr<u8>(static_cast<u8 *>(block));
 }
 
+// `count` zeroed records, or null.
+template <typename T>
+[[nodiscard]] heap_ptr<T> zeroed_records(u32 count = 1) {
+    return heap_ptr<T>(reinterpret_cast<T *>(zeroed_bytes(count, sizeof(T)).release()));
+}
+
 // A descriptor that is closed at the end of its scope unless it has been given away.
 class held_descriptor {
 public:

@@ -1,0 +1,136 @@
+// Long names between the caller's encoding and UTF-16 units, by iconv where the volume has an
+// encoding, as plain ASCII where it has none.
+//
+// Units are in host byte order, as iconv's "UNICODE" gives them: a byte-order mark, then the text.
+
+#include "fat/internal.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+using namespace fat;
+
+namespace fat {
+
+namespace {
+
+constexpr u16 BYTE_ORDER_MARK = 0xFEFF;
+constexpr u32 ENCODED_BYTES = 256; // of input, and of output, in one conversion
+constexpr u32 FIRST_NON_ASCII = 0x80;
+
+// A conversion as iconv sees it. Every one begins in the initial state, so that no name depends on
+// the one before it.
+bool convert(iconv_t converter, char **in, std::size_t *in_left, char **out, std::size_t *out_left) {
+    iconv(converter, nullptr, nullptr, nullptr, nullptr);
+    return iconv(converter, in, in_left, out, out_left) != static_cast<std::size_t>(-1);
+}
+
+int encode_units(const char *cstring, u16 *unicode) {
+    // One byte more than is converted ends the text of a failure message.
+    char input[ENCODED_BYTES + 1] = {};
+    std::strncpy(input, cstring, ENCODED_BYTES);
+    u16 output[ENCODED_BYTES / sizeof(u16)];
+    char *in = input;
+    std::size_t in_left = std::strlen(input);
+    char *out = reinterpret_cast<char *>(output);
+    std::size_t out_left = sizeof output;
+    if (!convert(sv->cd_to_uni, &in, &in_left, &out, &out_left)) {
+        const int error = errno;
+        report_at("convert_cstring_to_uname", __LINE__, "Failed to convert: %s\n\n", in);
+        return -error;
+    }
+    const u16 *begin = output;
+    u32 count = static_cast<u32>((sizeof output - out_left) / sizeof(u16));
+    if (count > 0 && output[0] == BYTE_ORDER_MARK) {
+        begin++;
+        count--;
+    }
+    std::copy_n(begin, count, unicode);
+    unicode[count] = 0;
+    return static_cast<int>(count);
+}
+
+int widen_ascii(const char *cstring, u16 *unicode) {
+    for (u32 i = 0; i < LONG_NAME_UNITS; i++) {
+        const u8 c = static_cast<u8>(cstring[i]);
+        if (c >= FIRST_NON_ASCII) {
+            report_at("convert_cstring_to_uname", __LINE__, "cannot convert non-ascii\n");
+            return -EINVAL;
+        }
+        unicode[i] = c;
+        if (c == 0) {
+            return static_cast<int>(i);
+        }
+    }
+    unicode[LONG_NAME_UNITS - 1] = 0;
+    return LONG_NAME_UNITS - 1;
+}
+
+int decode_units(const u16 *unicode, char *cstring) {
+    u16 input[LONG_NAME_UNITS + 1] = {};
+    u32 count = 0;
+    while (count < LONG_NAME_UNITS && unicode[count] != 0) {
+        input[count] = unicode[count];
+        count++;
+    }
+    constexpr std::size_t ROOM = ENCODED_BYTES - 1;
+    char *in = reinterpret_cast<char *>(input);
+    std::size_t in_left = count * sizeof(u16);
+    char *out = cstring;
+    std::size_t out_left = ROOM;
+    if (!convert(sv->cd_from_uni, &in, &in_left, &out, &out_left)) {
+        const int error = errno;
+        report_at("convert_uname_to_cstring", __LINE__, "Failed to convert: %s\n\n", in);
+        return -error;
+    }
+    const std::size_t length = ROOM - out_left;
+    cstring[length] = '\0';
+    return static_cast<int>(length);
+}
+
+int narrow_to_ascii(const u16 *unicode, char *cstring) {
+    for (u32 i = 0; i < LONG_NAME_UNITS; i++) {
+        cstring[i] = unicode[i] < FIRST_NON_ASCII ? static_cast<char>(unicode[i]) : '?';
+        if (unicode[i] == 0) {
+            return static_cast<int>(i);
+        }
+    }
+    return LONG_NAME_UNITS;
+}
+
+// Null when the system has no such conversion.
+iconv_t open_converter(const char *to, const char *from) {
+    const iconv_t converter = iconv_open(to, from);
+    return converter != reinterpret_cast<iconv_t>(-1) ? converter : nullptr;
+}
+
+} // namespace
+
+int convert_cstring_to_uname(char *cstring, u16 *unicode) {
+    const int cut = remove_trail_blanks(cstring, nullptr);
+    if (cut < 0) {
+        return cut;
+    }
+    return sv->cd_to_uni != nullptr ? encode_units(cstring, unicode) : widen_ascii(cstring, unicode);
+}
+
+int convert_uname_to_cstring(const u16 *unicode, char *cstring) {
+    return sv->cd_from_uni != nullptr ? decode_units(unicode, cstring)
+                                      : narrow_to_ascii(unicode, cstring);
+}
+
+} // namespace fat
+
+int fat_set_encoding(const char *charset) {
+    if (sv == nullptr || charset == nullptr) {
+        return 0;
+    }
+    sv->cd_to_uni = open_converter("UNICODE", charset);
+    sv->cd_from_uni = open_converter(charset, "UNICODE");
+    if (sv->cd_to_uni == nullptr || sv->cd_from_uni == nullptr) {
+        REPORT("opening iconv() error!\n\n");
+        return -EINVAL;
+    }
+    return 0;
+}

@@ -1,0 +1,235 @@
+// Finding a name in one directory, and gathering the long name of an entry.
+//
+// A name with a long form matches only an entry whose gathered long name equals it unit for unit;
+// a name without one matches on the 11 bytes of the short name alone. Slots are placed by their
+// ordinals and their checksums are not looked at, so that slots in any order give the same name.
+
+#include "fat/internal.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace fat {
+
+namespace {
+
+bool is_short_entry(u32 type) {
+    return type == DENTRY_FILE || type == DENTRY_DIR;
+}
+
+// Copies the units of a slot to their place in a long name of 256 units. What lies outside is left
+// out: an ordinal on a damaged medium can name places far beyond.
+void place_units(const u8 *slot, s64 position, u16 *name) {
+    u16 units[SLOT_UNITS + 1];
+    std::fill(std::begin(units), std::end(units), static_cast<u16>(0xFFFF));
+    get_lfn_chars(slot, units);
+    const bool is_last = load(slot, SLOT_ORDINAL) > SLOT_LAST;
+    const u32 count = is_last ? SLOT_UNITS + 1 : SLOT_UNITS;
+    for (u32 i = 0; i < count; i++) {
+        const s64 at = position + i;
+        if (at >= 0 && at < LONG_NAME_UNITS) {
+            name[at] = units[i];
+        }
+        if (units[i] == 0) {
+            return;
+        }
+    }
+}
+
+void gather_slot(const u8 *slot, u16 *gathered) {
+    const s64 ordinal = load(slot, SLOT_ORDINAL) & ~SLOT_LAST;
+    place_units(slot, (ordinal - 1) * SLOT_UNITS, gathered);
+}
+
+bool has_short_name(const u8 *entry, const u8 *dosName) {
+    return std::memcmp(entry + SHORT_NAME.offset, dosName, SHORT_NAME.size) == 0;
+}
+
+// A short entry against the long name gathered in front of it.
+int compare_long_name(const u8 *entry, const u8 *dosName, const u16 *unicode, const u16 *gathered,
+                      u32 *gathering) {
+    if (*gathering == 0) {
+        return 0;
+    }
+    if (unicode != nullptr && uname_compare(unicode, gathered) == 0) {
+        return -EEXIST;
+    }
+    if (gathered[0] == 0 && has_short_name(entry, dosName)) {
+        return -EEXIST;
+    }
+    *gathering = 0;
+    return 0;
+}
+
+// Walks the directory for the filled record. Returns the index of the short entry, or -errno.
+int search_directory(u32 base_clu, const fat_name *name) {
+    dentry_walk walk;
+    if (!begin_walk(&walk, base_clu)) {
+        report_at("find_dentry_with_clu", __LINE__, "Failed to allocate memory!\n\n");
+        return -ENOMEM;
+    }
+    u16 gathered[LONG_NAME_UNITS] = {};
+    u32 gathering = 0;
+    for (u32 index = 0;; index++) {
+        u8 *entry = nullptr;
+        const int result = walk_to(&walk, index, &entry);
+        if (result == -EFAULT) {
+            return -ENOENT;
+        }
+        if (result < 0) {
+            report_at("find_dentry_with_clu", __LINE__, "fail to get dentry(%u, %d):%s\n", base_clu,
+                      static_cast<int>(index), std::strerror(-result));
+            return result;
+        }
+        const u32 type = entry_type(entry);
+        if (type == DENTRY_UNUSED) {
+            return -ENOENT;
+        }
+        if (type != DENTRY_LFN && !is_short_entry(type)) {
+            gathering = 0;
+            continue;
+        }
+        if (compare_entry_name(entry, name->dosName, name->unicode, gathered, &gathering) == -EEXIST) {
+            report_at("find_dentry_with_clu", __LINE__, "found index:(%d, %d)\n",
+                      static_cast<int>(base_clu), static_cast<int>(index));
+            return static_cast<int>(index);
+        }
+    }
+}
+
+int fill_and_search(u32 base_clu, char *cstring, fat_name *name) {
+    const int filled = get_fatnames(cstring, name);
+    if (filled < 0) {
+        report_at("find_dentry_with_clu", __LINE__, "Failed to get fatnames!\n\n");
+        return filled;
+    }
+    return search_directory(base_clu, name);
+}
+
+// Reads the entry behind `*entry`; its sector is read only where the buffer ends.
+int step_to_next(u32 base_clu, u32 index, u8 **entry, u8 *sector_buf) {
+    u8 *next = *entry + DENTRY_SIZE;
+    if (next < sector_buf + sv->sector_size) {
+        *entry = next;
+        return 0;
+    }
+    const int result = get_dentry_with_clu(base_clu, index, entry, sector_buf, nullptr);
+    if (result < 0) {
+        report_at("get_long_name", __LINE__, "Failed to get entry with cluster ...\n\n");
+    }
+    return result;
+}
+
+void report_checksum(u32 index) {
+    report_at("get_long_name", __LINE__, "not match checksum(%d)\n", static_cast<int>(index));
+}
+
+// Whether the entry goes on with the long name as one of its lower slots.
+bool continues_name(const u8 *entry, u8 checksum, u32 index, u16 *units) {
+    if (entry_type(entry) != DENTRY_LFN) {
+        units[0] = 0;
+        return false;
+    }
+    if ((load(entry, SLOT_ORDINAL) & SLOT_LAST) != 0) {
+        return false;
+    }
+    if (load(entry, SLOT_CHECKSUM) != checksum) {
+        report_checksum(index);
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+// ---- lookup -----------------------------------------------------------------------------------
+
+int uname_compare(const u16 *a, const u16 *b) {
+    for (u32 i = 0; i < LONG_NAME_UNITS; i++) {
+        if (a[i] != b[i]) {
+            return a[i] - b[i];
+        }
+        if (a[i] == 0) {
+            return 0;
+        }
+    }
+    return 0;
+}
+
+int compare_entry_name(const u8 *entry, const u8 *dosName, const u16 *unicode, u16 *gathered,
+                       u32 *gathering) {
+    const u32 type = entry_type(entry);
+    const bool compares_long_names = sv->long_name != 0 && (sv->long_name != 1 || unicode != nullptr);
+    if (!compares_long_names) {
+        if (!is_short_entry(type)) {
+            *gathering = 0;
+            return 0;
+        }
+        return has_short_name(entry, dosName) ? -EEXIST : 0;
+    }
+    if (gathered == nullptr) {
+        REPORT("extended name is null\n\n");
+        return -EEXIST;
+    }
+    if (is_short_entry(type)) {
+        return compare_long_name(entry, dosName, unicode, gathered, gathering);
+    }
+    if (type == DENTRY_LFN) {
+        gather_slot(entry, gathered);
+        *gathering = 1;
+    }
+    return 0;
+}
+
+int find_dentry_with_clu(u32 base_clu, char *cstring, fat_name *name) {
+    if (name != nullptr) {
+        return fill_and_search(base_clu, cstring, name);
+    }
+    const heap_ptr<fat_name> temporary = zeroed_records<fat_name>();
+    if (temporary == nullptr) {
+        REPORT("Failed to allocate memory!\n\n");
+        return -ENOMEM;
+    }
+    const int result = fill_and_search(base_clu, cstring, temporary.get());
+    release_name(temporary.get());
+    return result;
+}
+
+int fat_find_dentry(oentry *dir, char *cstring, fat_name *name) {
+    if (dir == nullptr || cstring == nullptr) {
+        REPORT("Check Here!\n\n");
+        return -EINVAL;
+    }
+    return find_dentry_with_clu(base_cluster(dir), cstring, name);
+}
+
+// ---- long names -------------------------------------------------------------------------------
+
+int get_long_name(oentry *dir, u32 index, u8 **entry, u8 *sector_buf, u16 *units) {
+    const u32 base_clu = base_cluster(dir);
+    const u32 slot_count = load(*entry, SLOT_ORDINAL) - SLOT_LAST;
+    const u8 checksum = static_cast<u8>(load(*entry, SLOT_CHECKSUM));
+    for (u32 slot = slot_count; slot >= 1; slot--) {
+        place_units(*entry, static_cast<s64>(slot - 1) * SLOT_UNITS, units);
+        index++;
+        const int result = step_to_next(base_clu, index, entry, sector_buf);
+        if (result < 0) {
+            return result;
+        }
+        if (slot > 1 && !continues_name(*entry, checksum, index, units)) {
+            return 0;
+        }
+    }
+    if (!is_short_entry(entry_type(*entry))) {
+        return 0;
+    }
+    if (dosname_checksum(*entry + SHORT_NAME.offset) != checksum) {
+        report_checksum(index);
+        units[0] = 0;
+        return 0;
+    }
+    return static_cast<int>(slot_count);
+}
+
+} // namespace fat

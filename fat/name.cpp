@@ -1,0 +1,432 @@
+// Short names: 8.3 conversion with its case bits and loss flag, numeric tails, the checksum, the
+// names that are refused, and the classification of raw entries.
+//
+// Letters are those of the POSIX locale: bytes of 0x80 and above are neither upper nor lower case.
+
+#include "fat/internal.h"
+
+#include <algorithm>
+#include <bit>
+#include <cerrno>
+#include <cstring>
+
+namespace fat {
+
+namespace {
+
+constexpr u32 DOS_EXTENSION_SIZE = DOS_NAME_SIZE - DOS_BASE_SIZE;
+constexpr char REPLACED_CHARACTERS[] = "+,;=[]";
+constexpr char INVALID_CHARACTERS[] = "\\/:*?\"<>|";
+constexpr const char *DEVICE_NAMES[] = {
+    "AUX     ", "CON     ", "NUL     ", "PRN     ", "COM1    ", "COM2    ",
+    "COM3    ", "COM4    ", "LPT1    ", "LPT2    ", "LPT3    ", "LPT4    ",
+};
+constexpr char DOT_NAME[] = ".          ";
+constexpr char DOT_DOT_NAME[] = "..         ";
+
+// The case accumulator. The bits for upper case never meet those for lower case, and a full half
+// tells mixed case by one comparison.
+constexpr u8 UPPER_BASE = 0x07;
+constexpr u8 LOWER_BASE = CASE_LOWER_BASE;
+constexpr u8 BASE_HALF = 0x0F;
+constexpr u8 UPPER_EXTENSION = 0xE0;
+constexpr u8 LOWER_EXTENSION = CASE_LOWER_EXTENSION;
+constexpr u8 EXTENSION_HALF = 0xF0;
+constexpr u8 MIXED_CASE = 0xFF;
+
+constexpr u32 MAX_TAIL = 1024;    // that append_tail() accepts
+constexpr u32 TAIL_BITMAP = 1024; // tails that can be told apart; bit 0 is never free
+constexpr u32 WORD_BITS = 32;
+
+constexpr bool is_upper(u8 c) {
+    return c >= 'A' && c <= 'Z';
+}
+
+constexpr bool is_lower(u8 c) {
+    return c >= 'a' && c <= 'z';
+}
+
+constexpr u8 to_upper(u8 c) {
+    return is_lower(c) ? static_cast<u8>(c - 'a' + 'A') : c;
+}
+
+constexpr u8 to_lower(u8 c) {
+    return is_upper(c) ? static_cast<u8>(c - 'A' + 'a') : c;
+}
+
+constexpr bool is_blank_or_dot(char c) {
+    return c == ' ' || c == '.';
+}
+
+struct case_bits {
+    u8 upper;
+    u8 lower;
+};
+
+// Fills one part of an 8.3 name from the characters [begin, end). Returns false where something of
+// them was dropped, replaced or cut.
+bool fill_part(const char *begin, const char *end, u8 *part, u32 size, case_bits bits, u8 *seen) {
+    bool faithful = true;
+    u32 filled = 0;
+    for (const char *p = begin; p < end; p++) {
+        if (filled == size) {
+            return false;
+        }
+        const u8 c = static_cast<u8>(*p);
+        if (is_blank_or_dot(*p)) {
+            faithful = false;
+            continue;
+        }
+        if (std::strchr(REPLACED_CHARACTERS, *p) != nullptr) {
+            part[filled++] = '_';
+            faithful = false;
+            continue;
+        }
+        if (is_upper(c)) {
+            *seen |= bits.upper;
+        } else if (is_lower(c)) {
+            *seen |= bits.lower;
+        }
+        part[filled++] = to_upper(c);
+    }
+    return faithful;
+}
+
+// Whether the string is one of the two dot entries; then their fixed name is in `dos`.
+bool take_dot_name(const char *cstring, u8 *dos) {
+    const bool is_dot = std::strcmp(cstring, ".") == 0;
+    const bool is_dot_dot = std::strcmp(cstring, "..") == 0;
+    if (is_dot || is_dot_dot) {
+        std::memcpy(dos, is_dot ? DOT_NAME : DOT_DOT_NAME, DOS_NAME_SIZE);
+    }
+    return is_dot || is_dot_dot;
+}
+
+bool is_mixed_case(u8 seen) {
+    return (seen & BASE_HALF) == BASE_HALF || (seen & EXTENSION_HALF) == EXTENSION_HALF;
+}
+
+// The case byte of the short entry.
+u8 entry_case(u8 name_case) {
+    if (name_case == MIXED_CASE) {
+        return LOWER_BASE | LOWER_EXTENSION;
+    }
+    u8 result = 0;
+    if ((name_case & BASE_HALF) == LOWER_BASE) {
+        result |= LOWER_BASE;
+    }
+    if ((name_case & EXTENSION_HALF) == LOWER_EXTENSION) {
+        result |= LOWER_EXTENSION;
+    }
+    return result;
+}
+
+// The long name in a buffer of its own; null where the name comes to nothing.
+int make_long_name(char *cstring, heap_ptr<u16> *unicode, u32 *ulen) {
+    heap_ptr<u16> units = zeroed_records<u16>(LONG_NAME_UNITS);
+    if (units == nullptr) {
+        report_at("convert_name", __LINE__, "cannot allocate space\n");
+        return -ENOMEM;
+    }
+    const int count = convert_cstring_to_uname(cstring, units.get());
+    if (count < 0) {
+        report_at("convert_name", __LINE__, "Failed to convert ...!\n\n");
+        return -EINVAL;
+    }
+    *ulen = static_cast<u32>(count);
+    if (count > 0) {
+        *unicode = std::move(units);
+    }
+    return 0;
+}
+
+// The tails in use, one bit each.
+struct tail_bitmap {
+    u32 words[TAIL_BITMAP / WORD_BITS] = {1};
+
+    void take(u32 tail) {
+        if (tail < TAIL_BITMAP) {
+            words[tail / WORD_BITS] |= 1U << (tail % WORD_BITS);
+        }
+    }
+    // TAIL_BITMAP when all are taken.
+    [[nodiscard]] u32 lowest_free() const {
+        for (u32 word = 0; word < std::size(words); word++) {
+            if (words[word] != ~0U) {
+                return word * WORD_BITS + static_cast<u32>(std::countr_one(words[word]));
+            }
+        }
+        return TAIL_BITMAP;
+    }
+};
+
+// Takes the tail of a short entry that shares its prefix with `dos`. A tilde in the last place or
+// behind the base has no digits after it and stands for tail 0.
+void note_tail(const u8 *entry, const u8 *dos, tail_bitmap *tails) {
+    u32 tilde = 0;
+    while (tilde < DOS_BASE_SIZE && entry[tilde] != '~' && entry[tilde] != 0) {
+        tilde++;
+    }
+    if (tilde == DOS_BASE_SIZE || entry[tilde] == 0 || std::memcmp(entry, dos, tilde) != 0) {
+        return;
+    }
+    u32 number = 0;
+    for (u32 i = tilde + 1; i < DOS_BASE_SIZE; i++) {
+        if (entry[i] >= '0' && entry[i] <= '9') {
+            number = number * 10 + (entry[i] - '0');
+        }
+    }
+    tails->take(number);
+}
+
+// Notes the tails of a whole directory. Its end, however it shows, ends the walk without an error.
+int note_tails(oentry *dir, const u8 *dos, tail_bitmap *tails) {
+    dentry_walk walk;
+    if (!begin_walk(&walk, dir)) {
+        report_at("add_numeric_tail", __LINE__, "Failed to allocate memory!\n\n");
+        return -ENOMEM;
+    }
+    const u32 count = dir_entry_count(dir);
+    for (u32 index = 0; index < count; index++) {
+        u8 *entry = nullptr;
+        const int result = walk_to(&walk, index, &entry);
+        if (result == -EFAULT) {
+            return 0;
+        }
+        if (result < 0) {
+            return result;
+        }
+        const u32 type = entry_type(entry);
+        if (type == DENTRY_UNUSED) {
+            return 0;
+        }
+        if (type == DENTRY_FILE || type == DENTRY_DIR) {
+            note_tail(entry, dos, tails);
+        }
+    }
+    return 0;
+}
+
+} // namespace
+
+// ---- conversion to 8.3 ------------------------------------------------------------------------
+
+int remove_trail_blanks(char *str, char **end) {
+    if (str == nullptr) {
+        REPORT("NULL string!\n\n");
+        return -EINVAL;
+    }
+    char *terminator = str + std::strlen(str);
+    while (terminator > str + 1 && is_blank_or_dot(terminator[-1])) {
+        terminator--;
+    }
+    *terminator = '\0';
+    if (end != nullptr) {
+        *end = terminator;
+    }
+    return 0;
+}
+
+int convert_cstring_to_dosname(char *cstring, u8 *dos, u8 *case_out, u32 *lossy) {
+    if (take_dot_name(cstring, dos)) {
+        if (lossy != nullptr) {
+            *lossy = 0;
+        }
+        return 0;
+    }
+    std::memset(dos, ' ', DOS_NAME_SIZE);
+    char *begin = cstring + std::strspn(cstring, " .");
+    if (*begin == '\0') {
+        REPORT("zero length string!\n\n");
+        return -EINVAL;
+    }
+    bool faithful = begin == cstring;
+    char *end = nullptr;
+    remove_trail_blanks(begin, &end);
+
+    u8 seen = 0;
+    const char *dot = std::strrchr(begin, '.');
+    const char *base_end = dot != nullptr ? dot : end;
+    faithful &= fill_part(begin, base_end, dos, DOS_BASE_SIZE, {UPPER_BASE, LOWER_BASE}, &seen);
+    if (dot != nullptr) {
+        faithful &= fill_part(dot + 1, end, dos + DOS_BASE_SIZE, DOS_EXTENSION_SIZE,
+                              {UPPER_EXTENSION, LOWER_EXTENSION}, &seen);
+    }
+    if (dos[0] == NAME_DELETED) {
+        dos[0] = NAME_ESCAPED_E5;
+    }
+    if (case_out != nullptr) {
+        *case_out = is_mixed_case(seen) ? MIXED_CASE : seen;
+    }
+    if (lossy != nullptr) {
+        *lossy = faithful ? 0 : 1;
+    }
+    return 0;
+}
+
+int convert_name(char *cstring, u8 **dosName, u16 **unicode, u32 *ulen, u8 *lcase, u32 *lossy) {
+    if (dosName == nullptr || unicode == nullptr) {
+        REPORT("Invalid arg...\n\n");
+        return -EINVAL;
+    }
+    heap_ptr<u8> dos = zeroed_bytes(DOS_NAME_SIZE);
+    if (dos == nullptr) {
+        REPORT("cannot allocate space\n");
+        return -ENOMEM;
+    }
+    u8 name_case = 0;
+    u32 is_lossy = 0;
+    if (convert_cstring_to_dosname(cstring, dos.get(), &name_case, &is_lossy) < 0) {
+        REPORT("invalid name in DOS:%s\n", cstring);
+        return -EINVAL;
+    }
+    const bool long_names_on = sv->long_name == 1;
+    heap_ptr<u16> long_form;
+    u32 units = 0;
+    if (long_names_on && (name_case == MIXED_CASE || is_lossy != 0)) {
+        const int result = make_long_name(cstring, &long_form, &units);
+        if (result < 0) {
+            return result;
+        }
+    }
+    *dosName = dos.release();
+    *unicode = long_form.release();
+    if (ulen != nullptr) {
+        *ulen = units;
+    }
+    if (lcase != nullptr) {
+        *lcase = entry_case(name_case);
+    }
+    if (lossy != nullptr) {
+        *lossy = long_names_on ? is_lossy : 0;
+    }
+    return 0;
+}
+
+int get_fatnames(char *cstring, fat_name *name) {
+    if (cstring == nullptr || name == nullptr) {
+        REPORT("Invalid arg!\n\n");
+        return -EINVAL;
+    }
+    name->cstring = cstring;
+    name->dosName = nullptr;
+    name->unicode = nullptr;
+    return convert_name(cstring, &name->dosName, &name->unicode, &name->ulen, &name->lcase,
+                        &name->lossy);
+}
+
+void release_name(fat_name *name) {
+    std::free(name->dosName);
+    std::free(name->unicode);
+    name->dosName = nullptr;
+    name->unicode = nullptr;
+    name->ulen = 0;
+}
+
+// ---- short names ------------------------------------------------------------------------------
+
+int convert_dosname_to_cstring(const u8 *dos, char *out, u8 lcase) {
+    const bool lower_base = (lcase & CASE_LOWER_BASE) != 0;
+    const bool lower_extension = (lcase & CASE_LOWER_EXTENSION) != 0;
+    u32 position = 0;
+    if (dos[0] == NAME_ESCAPED_E5) {
+        *out++ = static_cast<char>(NAME_DELETED);
+        position = 1;
+    }
+    for (; position < DOS_BASE_SIZE && dos[position] != ' '; position++) {
+        *out++ = static_cast<char>(lower_base ? to_lower(dos[position]) : dos[position]);
+    }
+    if (dos[DOS_BASE_SIZE] != ' ') {
+        *out++ = '.';
+        for (position = DOS_BASE_SIZE; position < DOS_NAME_SIZE && dos[position] != ' '; position++) {
+            *out++ = static_cast<char>(lower_extension ? to_lower(dos[position]) : dos[position]);
+        }
+    }
+    *out = '\0';
+    return 0;
+}
+
+u8 dosname_checksum(const u8 *dos) {
+    u8 sum = 0;
+    for (u32 i = 0; i < DOS_NAME_SIZE; i++) {
+        sum = static_cast<u8>(std::rotr(sum, 1) + dos[i]);
+    }
+    return sum;
+}
+
+int append_tail(u8 *dos, u32 n) {
+    if (n > MAX_TAIL) {
+        REPORT("numeric-tail overflow\n");
+        return -EINVAL;
+    }
+    char tail[7] = {};
+    const u32 length =
+        static_cast<u32>(std::snprintf(tail, sizeof tail, "%c%d", '~', static_cast<int>(n)));
+    u32 position = 0;
+    while (position < DOS_BASE_SIZE - length && dos[position] != ' ') {
+        position++;
+    }
+    std::memcpy(dos + position, tail, length);
+    return 0;
+}
+
+int add_numeric_tail(oentry *dir, u8 *dos) {
+    tail_bitmap tails;
+    const int walked = note_tails(dir, dos, &tails);
+    if (walked < 0) {
+        return walked;
+    }
+    const u32 tail = tails.lowest_free();
+    if (tail >= TAIL_BITMAP) {
+        REPORT("Too many SFNs!\n\n");
+        return -EEXIST;
+    }
+    return append_tail(dos, tail);
+}
+
+int verify_valid_name(const char *cstring) {
+    if (cstring == nullptr || std::strpbrk(cstring, INVALID_CHARACTERS) != nullptr) {
+        REPORT("Check here!\n\n");
+        return -EINVAL;
+    }
+    char base[DOS_BASE_SIZE];
+    std::memset(base, ' ', sizeof base);
+    for (u32 i = 0; i < DOS_BASE_SIZE && cstring[i] != '\0'; i++) {
+        base[i] = static_cast<char>(to_upper(static_cast<u8>(cstring[i])));
+    }
+    for (const char *device : DEVICE_NAMES) {
+        if (std::memcmp(base, device, DOS_BASE_SIZE) == 0) {
+            REPORT("Check here!\n\n");
+            return -EINVAL;
+        }
+    }
+    return 0;
+}
+
+// ---- classification ---------------------------------------------------------------------------
+
+u32 entry_type(const u8 *dentry) {
+    const u32 attr = load(dentry, SHORT_ATTR);
+    if (dentry[SHORT_NAME.offset] == NAME_UNUSED) {
+        return DENTRY_UNUSED;
+    }
+    if (dentry[SHORT_NAME.offset] == NAME_DELETED) {
+        return DENTRY_DELETED;
+    }
+    if ((attr & ATTR_LONG_NAME_MASK) == ATTR_LONG_NAME) {
+        return DENTRY_LFN;
+    }
+    switch (attr & ATTR_KIND_MASK) {
+    case 0:
+        return DENTRY_FILE;
+    case ATTR_DIRECTORY:
+        return DENTRY_DIR;
+    case ATTR_VOLUME:
+        return DENTRY_VOLUME;
+    default:
+        REPORT("Unknown entry type: %d\n\n", static_cast<int>(attr));
+        return DENTRY_INVALID;
+    }
+}
+
+} // namespace fat
