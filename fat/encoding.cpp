@@ -30,7 +30,7 @@ int encode_units(const char *cstring, u16 *unicode) {
     // One byte more than is converted ends the text of a failure message.
     char input[ENCODED_BYTES + 1] = {};
     std::strncpy(input, cstring, ENCODED_BYTES);
-    u16 output[ENCODED_BYTES / sizeof(u16)];
+    u16 output[ENCODED_BYTES / sizeof(u16)] = {};
     char *in = input;
     std::size_t in_left = std::strlen(input);
     char *out = reinterpret_cast<char *>(output);
@@ -99,10 +99,10 @@ int narrow_to_ascii(const u16 *unicode, char *cstring) {
     return LONG_NAME_UNITS;
 }
 
-// Null when the system has no such conversion.
+// Null when the system has no such conversion; iconv_open() tells that by an address of -1.
 iconv_t open_converter(const char *to, const char *from) {
-    const iconv_t converter = iconv_open(to, from);
-    return converter != reinterpret_cast<iconv_t>(-1) ? converter : nullptr;
+    iconv_t converter = iconv_open(to, from);
+    return reinterpret_cast<std::intptr_t>(converter) != -1 ? converter : nullptr;
 }
 
 } // namespace

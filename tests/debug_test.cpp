@@ -48,7 +48,7 @@ TEST(PrintFormatParam, PrintsEveryFieldUnderItsName) {
     diagnostics said;
     standard_output out;
     print_format_param(&param);
-    EXPECT_EQ(out.text(), "=== User input for Format ===\n"
+    EXPECT_EQ(out.stop(), "=== User input for Format ===\n"
                           " fat_size:       32\n"
                           " root entries:   1\n"
                           " nr_rsvd_sec:    33\n"
@@ -69,7 +69,7 @@ TEST(PrintFormatParam, ShowsMissingPathsAsNull) {
     const fat_format_param param = {};
     standard_output out;
     print_format_param(&param);
-    EXPECT_EQ(out.text(), "=== User input for Format ===\n"
+    EXPECT_EQ(out.stop(), "=== User input for Format ===\n"
                           " fat_size:       0\n"
                           " root entries:   0\n"
                           " nr_rsvd_sec:    0\n"
@@ -89,7 +89,7 @@ TEST(PrintFormatParam, SaysSoWithoutARequest) {
     diagnostics said;
     standard_output out;
     print_format_param(nullptr);
-    EXPECT_EQ(out.text(), "");
+    EXPECT_EQ(out.stop(), "");
     EXPECT_EQ(said.text(), "print_format_param[N]: Check here!\n\n");
 }
 
@@ -111,18 +111,19 @@ TEST(PrintVolumeSummary, PrintsElevenLines) {
     sv->last_alloc_clus = 999;
     diagnostics said;
     standard_output out;
-    EXPECT_EQ(printed_by(print_volume_summary), "- Volume size:\t\t1099511627777 Bytes\n"
-                                                "- FAT type:\t\t32 bits\n"
-                                                "- FAT size:\t\t1 sectors\n"
-                                                "- Total sectors:\t4294967295 sectors\n"
-                                                "- Cluster counts:\t2 \n"
-                                                "- Sector size:\t\t4096 Bytes\n"
-                                                "- Sectors/cluster:\t64 \n"
-                                                "- FAT start:\t\t3th sector\n"
-                                                "- RDIR start:\t\t4th sector\n"
-                                                "- DATA start:\t\t5th sector\n"
-                                                "- PBR start:\t\t6th sector\n");
-    EXPECT_EQ(out.text(), "");
+    const std::string summary = printed_by(print_volume_summary);
+    EXPECT_EQ(out.stop(), "");
+    EXPECT_EQ(summary, "- Volume size:\t\t1099511627777 Bytes\n"
+                       "- FAT type:\t\t32 bits\n"
+                       "- FAT size:\t\t1 sectors\n"
+                       "- Total sectors:\t4294967295 sectors\n"
+                       "- Cluster counts:\t2 \n"
+                       "- Sector size:\t\t4096 Bytes\n"
+                       "- Sectors/cluster:\t64 \n"
+                       "- FAT start:\t\t3th sector\n"
+                       "- RDIR start:\t\t4th sector\n"
+                       "- DATA start:\t\t5th sector\n"
+                       "- PBR start:\t\t6th sector\n");
     EXPECT_EQ(said.text(), "");
 }
 

@@ -66,7 +66,8 @@ private:
     FILE *stream_;
 };
 
-// Collects what reaches a descriptor for its lifetime; use standard_output or standard_error.
+// Collects what reaches a descriptor for its lifetime, or until stop(); use standard_output or
+// standard_error. What GoogleTest says meanwhile to standard output is swallowed with the rest.
 class descriptor_capture {
 public:
     descriptor_capture(const descriptor_capture &) = delete;
@@ -84,6 +85,13 @@ public:
         return result;
     }
 
+    // Gives the descriptor back and returns what was collected.
+    std::string stop() {
+        const std::string result = text();
+        give_back();
+        return result;
+    }
+
 protected:
     descriptor_capture(FILE *stream, int fd) : stream_(stream), fd_(fd), file_(std::tmpfile()) {
         std::fflush(stream_);
@@ -91,13 +99,21 @@ protected:
         dup2(fileno(file_), fd_);
     }
     ~descriptor_capture() {
+        give_back();
+    }
+
+private:
+    void give_back() {
+        if (file_ == nullptr) {
+            return;
+        }
         std::fflush(stream_);
         dup2(saved_, fd_);
         close(saved_);
         std::fclose(file_);
+        file_ = nullptr;
     }
 
-private:
     FILE *stream_;
     int fd_;
     FILE *file_;

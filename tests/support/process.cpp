@@ -70,6 +70,20 @@ outcome shell(const std::string &command, const std::vector<std::string> &argume
     return run(all);
 }
 
+outcome shell_with_private_mounts(const std::string &command,
+                                  const std::vector<std::string> &arguments) {
+    // Users other than root may mount where the system gives them a user namespace.
+    std::vector<std::string> all = {
+        "unshare", geteuid() == 0 ? "-m" : "-rm", "/bin/sh", "-c", command, "sh"};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    return run(all);
+}
+
+bool can_mount_privately() {
+    return shell_with_private_mounts("mount -t tmpfs none /tmp && mount --bind /tmp /etc").status ==
+           0;
+}
+
 bool has_program(const std::string &name) {
     return shell("command -v " + name).status == 0;
 }

@@ -29,6 +29,13 @@ outcome run(const std::vector<std::string> &arguments);
 // Runs a shell command line; further arguments become $1, $2, ...
 outcome shell(const std::string &command, const std::vector<std::string> &arguments = {});
 
+// The same in a mount namespace of its own, where mounts end with the command.
+outcome shell_with_private_mounts(const std::string &command,
+                                  const std::vector<std::string> &arguments = {});
+
+// Whether this user may have such a namespace and mount in it.
+bool can_mount_privately();
+
 // Whether a program can be found through PATH or in the system directories.
 bool has_program(const std::string &name);
 
