@@ -6,7 +6,6 @@
 #include "fat/internal.h"
 
 #include <cerrno>
-#include <cstring>
 
 namespace fat {
 
@@ -115,13 +114,31 @@ bool is_behind_allocation(const oentry *dir, u32 index) {
 
 // ---- addressing -------------------------------------------------------------------------------
 
+bool is_fat16_root(const oentry *entry) {
+    return entry->dentry == nullptr && sv->fat_type != 32;
+}
+
+bool is_live_directory(const u8 *dentry) {
+    return dentry != nullptr && dentry[0] != NAME_UNUSED && dentry[0] != NAME_DELETED &&
+           (load(dentry, SHORT_ATTR) & ATTR_KIND_MASK) == ATTR_DIRECTORY;
+}
+
+u32 start_cluster(const u8 *dentry) {
+    return load(dentry, SHORT_START_HIGH) << 16 | load(dentry, SHORT_START_LOW);
+}
+
+void set_start_cluster(u8 *dentry, u32 cluster) {
+    store(dentry, SHORT_START_HIGH, cluster >> 16);
+    store(dentry, SHORT_START_LOW, cluster & 0xFFFF);
+}
+
 u32 base_cluster(const oentry *dir) {
-    return dir->dentry == nullptr && sv->fat_type != 32 ? 0 : dir->start;
+    return is_fat16_root(dir) ? 0 : dir->start;
 }
 
 u32 dir_entry_count(const oentry *dir) {
-    constexpr u32 ROOT_ENTRIES = 512;
-    return dir->dentry == nullptr && sv->fat_type != 32 ? ROOT_ENTRIES : dir->allocated / DENTRY_SIZE;
+    constexpr u32 FAT16_ROOT_ENTRIES = 512;
+    return is_fat16_root(dir) ? FAT16_ROOT_ENTRIES : dir->allocated / DENTRY_SIZE;
 }
 
 int get_phy_sector(u32 base_clu, u32 sector_index, u32 *sector) {
@@ -209,7 +226,7 @@ int get_lfn_chars(const u8 *slot, u16 *units) {
     return 0;
 }
 
-// ---- filling entries --------------------------------------------------------------------------
+// ---- time stamps ------------------------------------------------------------------------------
 
 void dos_time_date(const tm *t, u16 *date, u16 *time) {
     constexpr int DOS_EPOCH_YEAR = 1980;
@@ -233,13 +250,6 @@ void set_entry_time(u8 *entry) {
     dos_time_date(local, &date, &time);
     store(entry, SHORT_MTIME, time);
     store(entry, SHORT_MDATE, date);
-}
-
-int set_volume_entry(u8 *entry, const u8 *label) {
-    std::memcpy(entry + SHORT_NAME.offset, label, SHORT_NAME.size);
-    store(entry, SHORT_ATTR, ATTR_VOLUME);
-    set_entry_time(entry);
-    return 0;
 }
 
 } // namespace fat

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 
 namespace {
 
@@ -53,6 +54,10 @@ void report_bare(const char *format, ...) {
     std::vfprintf(stream, format, arguments);
     va_end(arguments);
     errno = saved_errno;
+}
+
+void report_errno(const char *caption) {
+    report_bare("%s: %s\n", caption, std::strerror(errno));
 }
 
 } // namespace fat

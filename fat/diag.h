@@ -10,6 +10,9 @@ namespace fat {
 // Prints the message alone.
 [[gnu::format(printf, 1, 2)]] void report_bare(const char *format, ...);
 
+// Prints the caption and the system's text for errno: "caption: text".
+void report_errno(const char *caption);
+
 } // namespace fat
 
 // Reports in the name of the function that stands around it. A helper that speaks for its caller

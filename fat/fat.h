@@ -95,6 +95,18 @@ extern fat_sector_io read_sectors, write_sectors;
 extern oentry *oentry_table[512];
 extern uint32_t oentry_map[16];
 
+/*
+ * The permission mode, off at start. While perm_enable is 1, new entries carry an identifier in
+ * place of their creation time and permission bits of a mode word (octal layout) in their cmsec and
+ * attribute bytes; the _parent pair is for the ".." entry of a new directory.
+ */
+typedef struct fat_permissions {
+    uint32_t perm_enable;
+    uint16_t perm_id, perm_id_parent;
+    uint32_t perm_mode, perm_mode_parent;
+} fat_permissions;
+extern fat_permissions fat_perm;
+
 /* Not zero when a page size was given for the format request, zero included: its default is then
  * left alone. Option parsing sets it; a program sets it to keep its own page_size. */
 extern int fat_page_size_given;
@@ -174,6 +186,36 @@ int fat_close_volume(int compact);
 int create_fat_volume(const char *path, uint32_t chunk, int count);
 
 /*
+ * Mounts the formatted volume that is open: reads its boot sector into `sv`, opens the root
+ * directory as id 0 and makes it the current directory. Boot sector fields are those of fatgen103;
+ * the FAT width follows from the cluster count alone. A volume that claims more sectors than the
+ * target has is mounted.
+ *
+ * Returns 0, or
+ *   -EINVAL  no volume is open, no boot sector, one whose numbers contradict each other, fewer than
+ *            4085 clusters, or a root directory whose chain is broken
+ *   -EIO, -ENOMEM
+ * On failure the volume stays open and is to be closed.
+ */
+int fat_build_super(void);
+
+/*
+ * Prints the boot sector field by field to `stream`.
+ * Returns 0, -EINVAL (no volume is open, no boot sector), -EIO or -ENOMEM.
+ */
+int fat_print_pbr(FILE *stream);
+
+/* Prints where the search for a free cluster goes on. Returns what fprintf() returns. */
+int print_alloc_hint(FILE *stream);
+
+/*
+ * Copies the volume into the new image `path` where sectors lie in front of its boot sector. The
+ * boot sector is always looked for in sector 0, so that nothing is ever copied.
+ * Returns 0, -EINVAL (no volume is open, NULL path, no boot sector), -EIO or -ENOMEM.
+ */
+int fat_delete_mbr(const char *path);
+
+/*
  * Chooses the character encoding of the names that the library takes and gives, by its iconv name
  * ("UTF-8", "ISO-8859-1", ...). Until then names with a long form are plain ASCII. It holds while
  * the volume is open; choosing again leaves the converters chosen before open until the program
@@ -183,6 +225,50 @@ int create_fat_volume(const char *path, uint32_t chunk, int count);
  * the system has no such conversion; a direction that it does have is then in use.
  */
 int fat_set_encoding(const char *charset);
+
+/* ---- open entries ---------------------------------------------------------------------------- */
+
+/*
+ * An id names an open file or directory: 1 to 511, the lowest free one; 0 is the root directory.
+ * Each opening has an id and a copy of the directory entry of its own, so that two ids of one file
+ * do not see each other's changes.
+ *
+ * A path that begins with "/" starts at the root, any other at the current directory, and it leads
+ * one level deep: its components in front of the last may only be ".".
+ */
+
+/*
+ * Opens a file or directory. Returns its id (0 for the root, which "/" and "" name), or
+ *   -EINVAL        NULL path, a path that leads deeper, a forbidden name, a broken chain
+ *   -ENAMETOOLONG  a path of more than 260 characters
+ *   -ENOENT        no such name
+ *   -EFAULT        no volume is mounted
+ *   -EMFILE        all ids are given out
+ *   -EIO, -ENOMEM
+ */
+int fat_open(const char *path);
+
+/* The same, for directories only: -ENOTDIR for anything else. NULL opens the root anew and makes it
+ * current. Errors are stored in errno as well. */
+int fat_open_dir(const char *path);
+
+/* The same, for anything but directories: -EISDIR. Errors are stored in errno as well. */
+int fat_open_file(const char *path);
+
+/*
+ * Gives an id back. What was changed in its copy of the directory entry and not written is lost.
+ * Returns 0, or -EINVAL for 0 and for 512 and more. A negative id is ignored.
+ */
+int fat_close(int id);
+
+/* Returns the id of the current directory, -1 when there is none, or -EINVAL. */
+int get_current(void);
+
+/*
+ * Makes an open directory the current one; it stays open as long as it is, even when its id is
+ * closed. Returns `did`, -EBADF (no such id), -ENOTDIR, or what get_current() fails with.
+ */
+int fat_set_current(int did);
 
 /* ---- printers -------------------------------------------------------------------------------- */
 

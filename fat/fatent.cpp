@@ -35,12 +35,11 @@ u32 load_entry(const u8 *entry) {
     return sv->fat_type == 16 ? load16(entry) : load32(entry) & FAT32_VALUE_MASK;
 }
 
-// Makes the window hold `sector`. Speaks in the name of fat_read_entry().
+// Makes the window hold `sector`. Returns 0, -ENOMEM or -EIO; telling so is the caller's part.
 int fill_window(fat_window *window, u64 sector) {
     if (window->buffer == nullptr) {
         window->buffer = zeroed_bytes(sv->sector_size);
         if (window->buffer == nullptr) {
-            report_at("fat_read_entry", __LINE__, "cannot allocate FAT\n\n");
             return -ENOMEM;
         }
     } else if (window->sector == sector) {
@@ -48,7 +47,6 @@ int fill_window(fat_window *window, u64 sector) {
     }
     window->sector = fat_window::NO_SECTOR;
     if (read_sectors(window->buffer.get(), sector, 1) != 1) {
-        report_at("fat_read_entry", __LINE__, "cannot read FAT\n\n");
         return -EIO;
     }
     window->sector = sector;
@@ -66,9 +64,14 @@ int read_entry(fat_window *window, u32 cluster, u32 *value) {
         return -EINVAL;
     }
     const entry_place place = place_of(cluster);
-    const int result = fill_window(window, place.sector);
-    if (result < 0) {
-        return result;
+    const int filled = fill_window(window, place.sector);
+    if (filled == -ENOMEM) {
+        report_at("fat_read_entry", __LINE__, "cannot allocate FAT\n\n");
+        return filled;
+    }
+    if (filled < 0) {
+        report_at("fat_read_entry", __LINE__, "cannot read FAT\n\n");
+        return filled;
     }
     *value = load_entry(window->buffer.get() + place.offset);
     return 0;
@@ -91,32 +94,39 @@ int fat_read_entry(u32 cluster, u32 *value) {
     return read_entry(&window, cluster, value);
 }
 
-int fat_write_entry(u32 cluster, u32 value) {
+int change_entry(fat_window *window, u32 cluster, u32 value) {
     if (sv == nullptr || sv->sector_size == 0) {
-        REPORT("Invalid: sector size is not set\n\n");
+        report_at("fat_write_entry", __LINE__, "Invalid: sector size is not set\n\n");
         return -EINVAL;
     }
     if (!is_fat_type_known()) {
-        REPORT("Invalid FAT type\n");
+        report_at("fat_write_entry", __LINE__, "Invalid FAT type\n");
         return -EINVAL;
     }
-    const heap_ptr<u8> sector = zeroed_bytes(sv->sector_size);
-    if (sector == nullptr) {
-        REPORT("cannot allocate buffer\n\n");
-        return -ENOMEM;
-    }
     const entry_place place = place_of(cluster);
-    if (read_sectors(sector.get(), place.sector, 1) != 1) {
-        REPORT("cannot read FAT\n");
-        return -EIO;
+    const int filled = fill_window(window, place.sector);
+    if (filled == -ENOMEM) {
+        report_at("fat_write_entry", __LINE__, "cannot allocate buffer\n\n");
+        return filled;
+    }
+    if (filled < 0) {
+        report_at("fat_write_entry", __LINE__, "cannot read FAT\n");
+        return filled;
     }
     // Index 0 of the table that begins at the entry: the entry itself.
-    (void)set_fat_entry(sv->fat_type, sector.get() + place.offset, 0, value);
-    if (write_sectors(sector.get(), place.sector, 1) != 1) {
-        REPORT("cannot write FAT\n\n");
+    (void)set_fat_entry(sv->fat_type, window->buffer.get() + place.offset, 0, value);
+    if (write_sectors(window->buffer.get(), place.sector, 1) != 1) {
+        // What stands on the medium now is not known.
+        window->sector = fat_window::NO_SECTOR;
+        report_at("fat_write_entry", __LINE__, "cannot write FAT\n\n");
         return -EIO;
     }
     return 0;
+}
+
+int fat_write_entry(u32 cluster, u32 value) {
+    fat_window window;
+    return change_entry(&window, cluster, value);
 }
 
 // ---- links ------------------------------------------------------------------------------------

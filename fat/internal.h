@@ -4,10 +4,12 @@
 //   diag, bytes, layout, resources  ground
 //   volume                          the open target and its sectors
 //   param, format                   laying a fresh file system
-//   fatent                          FAT entries and links
+//   fatent, chain                   FAT entries and links, cluster chains
 //   name, encoding                  short and long names
-//   dentry, lookup                  directory entries, finding one by its name
+//   dentry, lookup, build           directory entries: reading, finding, writing
+//   namei                           paths
 //   oentry                          open entries
+//   mount                           opening a formatted volume
 //   debug                           printers
 // Two calls go upward and are meant: releasing a volume frees its open entries (oentry), and
 // compacting an image reads its FAT (fatent).
@@ -148,6 +150,9 @@ struct circle_guard {
 // write itself failed.
 [[nodiscard]] int fat_write_entry(u32 cluster, u32 value);
 
+// The same for a walk that holds the entry's sector; it is read where the window stands elsewhere.
+[[nodiscard]] int change_entry(fat_window *window, u32 cluster, u32 value);
+
 // Follows one link: 0 for a free entry, the end-of-chain value, the next cluster, or a negative
 // errno for a number that is no data cluster, an entry that is no link, or a failed read.
 [[nodiscard]] int fat_read_clus(u32 cluster);
@@ -161,6 +166,35 @@ struct circle_guard {
 
 // First sector of a cluster; 0 when the cluster lies outside the volume.
 [[nodiscard]] u32 fat_sector(u32 cluster);
+
+// ---- chain ------------------------------------------------------------------------------------
+
+// Finds a free cluster behind the hint, marks it as the end of a chain and links it behind the last
+// cluster of `entry`, or makes it the first; with a null entry it stands alone. `cluster` receives
+// its number and must be initialised. The data of the cluster is not touched. Returns 0, -ENOSPC,
+// or the error of the FAT; the FAT is then as it was.
+[[nodiscard]] int fat_alloc_cluster(oentry *entry, u32 *cluster);
+
+// Writes zeroes over the sectors of a cluster. Returns 0, -ENOMEM or -EIO.
+[[nodiscard]] int clear_cluster(u32 cluster);
+
+// Appends a cleared cluster to the directory, or makes a free-standing one where `entry` is null.
+// All open records of the directory learn of it. `cluster` may be null. Returns 0 or an error.
+[[nodiscard]] int fat_extend_dir(oentry *entry, u32 *cluster);
+
+// Clusters of the chain that begins at `first`; its last one is stored in `last`. Returns 0 when
+// the chain runs into a free entry, -EINVAL when it is broken in another way.
+[[nodiscard]] int fat_count_clusters(u32 first, u32 *last);
+
+// Frees the clusters of the chain behind the first `keep`. The record and its image stay as they
+// are, and so does the link of the last cluster that is kept. Returns the clusters freed, -EINVAL
+// for a broken chain, or the error of a failed write: what was freed before stays free.
+[[nodiscard]] int fat_release_clusters(oentry *entry, u32 keep);
+
+// The clusters of the chain in a new array, with 0xFFFFFFFF behind the last, the caller's to free.
+// Returns the slots that the allocated size asks for, terminator included; 0 for an entry with
+// nothing allocated (no array is made), -EINVAL or -ENOMEM.
+[[nodiscard]] int fat_get_chains(oentry *entry, u32 **array);
 
 // ---- name -------------------------------------------------------------------------------------
 
@@ -273,6 +307,16 @@ struct dentry_walk {
 // messages are those of fat_get_dentry() for an open directory, else of get_dentry_with_clu().
 [[nodiscard]] int walk_to(dentry_walk *walk, u32 index, u8 **entry);
 
+// Whether the record is the root directory in the fixed area of a FAT16 volume.
+[[nodiscard]] bool is_fat16_root(const oentry *entry);
+
+// Whether a copy of a short entry describes a directory that has not been removed. False for null.
+[[nodiscard]] bool is_live_directory(const u8 *dentry);
+
+// First cluster of a short entry.
+[[nodiscard]] u32 start_cluster(const u8 *dentry);
+void set_start_cluster(u8 *dentry, u32 cluster);
+
 // The base cluster of an open directory: 0 for the FAT16 root.
 [[nodiscard]] u32 base_cluster(const oentry *dir);
 
@@ -322,10 +366,99 @@ void dos_time_date(const tm *t, u16 *date, u16 *time);
 // Stamps the present local time as the modification time of a short entry.
 void set_entry_time(u8 *entry);
 
-// Fills the zeroed 32-byte entry with a volume label of 11 bytes. Returns 0.
+// ---- build ------------------------------------------------------------------------------------
+
+// The kind of entry that only creation knows; files, directories and volume labels are named by
+// their entry types.
+inline constexpr u32 KIND_SYMLINK = 7;
+
+// Stores in `index` the first of `count` free slots in a row, deleted ones included; a directory
+// without such a run grows. Returns 0, -ENOSPC, -EINVAL, -ENOMEM or the error of the walk.
+[[nodiscard]] int fat_find_empty_entries(oentry *dir, u32 count, u32 *index);
+
+// Fills a short entry in memory and stamps it. Returns 0 or -EINVAL (unknown kind).
+[[nodiscard]] int set_entry_value(u8 *entry, const u8 *dos, u32 kind, u32 start_clu, u8 lcase);
+
+// Fills an entry with a volume label of 11 bytes. Returns 0.
 int set_volume_entry(u8 *entry, const u8 *label);
 
+// Fills one long-name slot with the 13 units from `units` on, or as many as end the name. Returns 0.
+int set_long_slot(u8 *slot, u8 ordinal, const u16 *units, u8 checksum);
+
+// Writes the long-name slots and the short entry of a name into `count` slots from `first` on; the
+// short name of a name with a long form receives its numeric tail before. Returns the index of the
+// short entry, or a negative errno: a failed write leaves the sectors before it written.
+[[nodiscard]] int build_entry(oentry *dir, u32 first, u32 count, u32 kind, fat_name *name,
+                              u32 start_clu);
+
+// Writes "." and ".." into the first slots of a new directory; `parent_clu` is 0 where the parent
+// is the root. Returns 0 or a negative errno.
+[[nodiscard]] int init_directory(u32 parent_clu, u32 new_clu);
+
+// ---- mount ------------------------------------------------------------------------------------
+
+// Reads the boot sector into `buf` (one sector). Returns its sector, which is 0, or -EIO, or
+// -EINVAL where it carries no signature.
+[[nodiscard]] int get_pbr_sector(u8 *buf);
+
+// ---- namei ------------------------------------------------------------------------------------
+
+inline constexpr u32 MAX_PATH_LENGTH = 260; // characters
+
+// What fat_get_name() fills, with room for the terminator of a path of the full length. To be
+// zeroed by its owner.
+using path_buffer = char[MAX_PATH_LENGTH + 1];
+
+// A path taken apart. The pointers lead into the path; a component ends at the next slash.
+struct fat_path {
+    char **path; // the parent components, on the heap, to be freed by the record's user
+    int depth;   // how many
+    char *name;  // the final component
+};
+
+// Takes `path` apart. Returns 0, -EINVAL, -ENOMEM, or -ENAMETOOLONG for over 1024 parents.
+[[nodiscard]] int resolve_path(char *path, fat_path *rec, char **name, int *depth);
+
+// Finds the open directory in which the final name of the path is to be looked for. A path with a
+// parent component other than "." is followed no further than to that parent's entry: the result is
+// then not negative and `dir` is left as it was. Where all parents are ".", `dir` is a record made
+// for the caller: free_lookup_result() ends it in every case.
+[[nodiscard]] int fat_path_lookup(char *path, oentry **dir, char **name);
+
+// Frees a directory that a lookup made; the root and the current directory stay.
+void free_lookup_result(oentry *dir);
+
+// Copies a path without its trailing slashes into 260 bytes; one of 260 characters is not
+// terminated by that. Returns its length, -EINVAL (null) or -ENAMETOOLONG.
+[[nodiscard]] int fat_get_name(const char *path, char *out);
+
 // ---- oentry -----------------------------------------------------------------------------------
+
+// The record of an id, null for an empty slot and for what is no id.
+[[nodiscard]] oentry *entry_of(int id);
+
+// Stores the record in the lowest free slot, which then owns it. Returns its id or -EMFILE.
+[[nodiscard]] int register_oentry(oentry *entry);
+
+// Fills a zeroed record from the image of a directory entry that lies at byte `offset` of `sector`,
+// or as the root directory where the image is null. An image of ".." that leads to the root gives a
+// copy of the root's record; an entry whose chain runs into a free entry gives a record without an
+// image, with result 0. Returns 0, -ENOMEM or the error of the chain.
+[[nodiscard]] int fat_set_oentry(const u8 *dentry_image, u32 sector, u32 offset, oentry *entry);
+
+// Opens entry `index` of the directory. Returns its id or a negative errno.
+[[nodiscard]] int fat_entry_open(oentry *parent, u32 index);
+
+// Opens the root directory as id 0, or anew in place, and makes it current. Returns 0 or an error.
+[[nodiscard]] int open_root_directory();
+
+// The lowest clear bit of a map of `bits` bits, or -1.
+[[nodiscard]] int find_free_slot(const u32 *map, u32 bits);
+void mark_slot(u32 *map, u32 id);
+void unmark_slot(u32 *map, u32 id);
+
+// Drops one reference of an id; the last one frees the record and its slot.
+void put_oentry(int id);
 
 // Frees an open entry and its copy of the directory entry; null is ignored. Its slot in the table
 // is the caller's affair. Where it was the current directory, the root becomes current.

@@ -157,6 +157,12 @@ inline constexpr u8 NAME_UNUSED = 0x00; // and no entry stands behind it
 inline constexpr u8 NAME_DELETED = 0xE5;
 inline constexpr u8 NAME_ESCAPED_E5 = 0x05; // stands for a first character 0xE5
 
+// The names of the two dot entries.
+inline constexpr u8 DOT_NAME[SHORT_NAME.size] = {'.', ' ', ' ', ' ', ' ', ' ',
+                                                 ' ', ' ', ' ', ' ', ' '};
+inline constexpr u8 DOT_DOT_NAME[SHORT_NAME.size] = {'.', '.', ' ', ' ', ' ', ' ',
+                                                     ' ', ' ', ' ', ' ', ' '};
+
 // Attribute bits.
 inline constexpr u32 ATTR_READ_ONLY = 0x01;
 inline constexpr u32 ATTR_HIDDEN = 0x02;
@@ -170,6 +176,9 @@ inline constexpr u32 ATTR_LONG_NAME_MASK = 0x3F;
 // Case bits of the sysid byte.
 inline constexpr u32 CASE_LOWER_BASE = 0x08;
 inline constexpr u32 CASE_LOWER_EXTENSION = 0x10;
+
+// The cmsec byte of a symbolic link.
+inline constexpr u32 CMSEC_SYMLINK = 0xE2;
 
 inline constexpr field SLOT_ORDINAL{"offset", 0, 1};
 inline constexpr field SLOT_UNITS_0_4{"unname[0-4]", 1, 10};

@@ -21,8 +21,6 @@ constexpr const char *DEVICE_NAMES[] = {
     "AUX     ", "CON     ", "NUL     ", "PRN     ", "COM1    ", "COM2    ",
     "COM3    ", "COM4    ", "LPT1    ", "LPT2    ", "LPT3    ", "LPT4    ",
 };
-constexpr char DOT_NAME[] = ".          ";
-constexpr char DOT_DOT_NAME[] = "..         ";
 
 // The case accumulator. The bits for upper case never meet those for lower case, and a full half
 // tells mixed case by one comparison.

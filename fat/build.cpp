@@ -1,0 +1,347 @@
+// Building entries: finding free slots, filling short entries and long-name slots, writing them.
+//
+// A run of slots is written sector by sector, the short entry's sector first; nothing else in those
+// sectors changes.
+
+#include "fat/internal.h"
+
+#include <cerrno>
+#include <cstring>
+
+using namespace fat;
+
+fat_permissions fat_perm = {};
+
+namespace fat {
+
+namespace {
+
+constexpr u16 PADDING_UNIT = 0xFFFF; // behind the terminator of a long name
+
+// ---- free slots ----
+
+// A run of free slots that a walk over a directory is in.
+struct free_run {
+    u32 wanted;
+    u32 length = 0;
+
+    // True when the run is long enough; it then ends at the slot just counted.
+    bool count_free() {
+        length++;
+        return length == wanted;
+    }
+};
+
+bool is_free_slot(const u8 *entry) {
+    const u32 type = entry_type(entry);
+    return type == DENTRY_UNUSED || type == DENTRY_DELETED;
+}
+
+// Looks through the directory from its first slot. Returns 1 when the run is complete, 0 at the
+// end, or a negative errno; `position` is left at the slot where it stopped.
+int search_slots(dentry_walk *walk, u32 slot_count, free_run *run, u32 *position) {
+    for (; *position < slot_count; (*position)++) {
+        u8 *entry = nullptr;
+        const int result = walk_to(walk, *position, &entry);
+        if (result == -EFAULT) {
+            return 0;
+        }
+        if (result < 0) {
+            report_at("fat_find_empty_entries", __LINE__, "Check Here!\n\n");
+            return result;
+        }
+        if (!is_free_slot(entry)) {
+            run->length = 0;
+        } else if (run->count_free()) {
+            return 1;
+        }
+    }
+    return 0;
+}
+
+// Appends clusters until the run is complete. Every slot of a new cluster is free.
+int grow_for_run(oentry *dir, free_run *run, u32 *position) {
+    for (;;) {
+        const int grown = fat_extend_dir(dir, nullptr);
+        if (grown < 0) {
+            report_at("fat_find_empty_entries", __LINE__, "Check here!\n\n");
+            return grown;
+        }
+        for (const u32 slot_count = dir_entry_count(dir); *position < slot_count; (*position)++) {
+            if (run->count_free()) {
+                return 0;
+            }
+        }
+    }
+}
+
+// ---- short entries ----
+
+// The permission mode keeps group bits, inverted, in the cmsec byte, the owner's lack of a right in
+// attribute bits, and an identifier in place of the creation time.
+void add_permissions(u8 *entry, bool is_parent) {
+    const u32 mode = is_parent ? fat_perm.perm_mode_parent : fat_perm.perm_mode;
+    const u32 id = is_parent ? fat_perm.perm_id_parent : fat_perm.perm_id;
+    constexpr u32 OWNER_READ = 0x100;
+    constexpr u32 OWNER_WRITE = 0x80;
+    constexpr u32 OWNER_EXECUTE = 0x40;
+    constexpr u32 GROUP_SHIFT = 3;
+    const u32 group = mode >> GROUP_SHIFT & 7;
+    u32 attr = load(entry, SHORT_ATTR);
+    attr |= (mode & OWNER_READ) == 0 ? ATTR_HIDDEN : 0;
+    attr |= (mode & OWNER_WRITE) == 0 ? ATTR_READ_ONLY : 0;
+    attr |= (mode & OWNER_EXECUTE) == 0 ? ATTR_ARCHIVE : 0;
+    store(entry, SHORT_ATTR, attr);
+    store(entry, SHORT_CMSEC, load(entry, SHORT_CMSEC) | (~group & 7) << 2);
+    store(entry, SHORT_CTIME, id);
+}
+
+// ---- the sectors of a run ----
+
+// The sectors that a run of slots touches, in the order in which they were read.
+struct run_sectors {
+    static constexpr u32 MAX = 3; // a long name takes 21 slots at most
+    heap_ptr<u8> buffers[MAX];
+    u32 sectors[MAX] = {};
+    u32 used = 0;
+
+    // Makes room for one more sector. Returns 0, -EINVAL or -ENOMEM.
+    int reserve() {
+        if (used == MAX) {
+            return -EINVAL;
+        }
+        buffers[used] = zeroed_bytes(sv->sector_size);
+        return buffers[used] != nullptr ? 0 : -ENOMEM;
+    }
+
+    // Reads the sector of slot `index` into the room reserved. Returns 0 or a negative errno.
+    int load(oentry *dir, u32 index, u8 **entry) {
+        dentry_location location = {};
+        const int result = fat_get_dentry(dir, index, entry, buffers[used].get(), &location);
+        if (result < 0) {
+            return result;
+        }
+        sectors[used++] = location.sector;
+        return 0;
+    }
+
+    // Writes them back. Returns 0 or a negative errno.
+    int write_back() {
+        for (u32 i = 0; i < used; i++) {
+            const int written = write_sectors(buffers[i].get(), sectors[i], 1);
+            if (written != 1) {
+                return written < 0 ? written : -EIO;
+            }
+        }
+        return 0;
+    }
+};
+
+bool same_sector(u32 index_a, u32 index_b) {
+    const u32 entries_per_sector = sv->sector_size / DENTRY_SIZE;
+    return index_a / entries_per_sector == index_b / entries_per_sector;
+}
+
+// Fills the long-name slots in front of the short entry, from the one next to it backwards.
+int fill_long_slots(run_sectors *run, oentry *dir, u32 short_index, u8 *short_entry, u32 count,
+                    const fat_name *name) {
+    const u8 checksum = dosname_checksum(name->dosName);
+    u8 *slot = short_entry;
+    for (u32 ordinal = 1; ordinal < count; ordinal++) {
+        const u32 index = short_index - ordinal;
+        if (same_sector(index, index + 1)) {
+            slot -= DENTRY_SIZE;
+        } else {
+            int result = run->reserve();
+            if (result == 0) {
+                result = run->load(dir, index, &slot);
+            }
+            if (result < 0) {
+                return result;
+            }
+        }
+        const u32 mark = ordinal == count - 1 ? SLOT_LAST : 0;
+        set_long_slot(slot, static_cast<u8>(ordinal | mark),
+                      name->unicode + std::size_t{ordinal - 1} * SLOT_UNITS, checksum);
+    }
+    return 0;
+}
+
+int make_short_name_unique(oentry *dir, const fat_name *name) {
+    if (sv->long_name != 1 || name->unicode == nullptr) {
+        return 0;
+    }
+    const int result = add_numeric_tail(dir, name->dosName);
+    if (result == -EEXIST) {
+        report_at("build_entry", __LINE__, "cannot create DOS name: over the maximum numeric\n");
+    }
+    return result;
+}
+
+// Fills all slots of the run in memory.
+int fill_run(run_sectors *run, oentry *dir, u32 short_index, u32 count, u32 kind,
+             const fat_name *name, u32 start_clu) {
+    u8 *entry = nullptr;
+    int result = run->load(dir, short_index, &entry);
+    if (result == 0) {
+        result = set_entry_value(entry, name->dosName, kind, start_clu, name->lcase);
+    }
+    if (result == 0 && sv->long_name == 1 && name->unicode != nullptr && count > 1) {
+        result = fill_long_slots(run, dir, short_index, entry, count, name);
+    }
+    return result;
+}
+
+int write_dot_entries(u32 parent_clu, u32 new_clu) {
+    const heap_ptr<u8> sector_buf = zeroed_bytes(sv->sector_size);
+    if (sector_buf == nullptr) {
+        return -ENOMEM;
+    }
+    u8 *dot = nullptr;
+    dentry_location location = {};
+    int result = get_dentry_with_clu(new_clu, 0, &dot, sector_buf.get(), &location);
+    if (result == 0) {
+        result = set_entry_value(dot, DOT_NAME, DENTRY_DIR, new_clu, 0);
+    }
+    if (result == 0) {
+        result = set_entry_value(dot + DENTRY_SIZE, DOT_DOT_NAME, DENTRY_DIR, parent_clu, 0);
+    }
+    if (result < 0) {
+        return result;
+    }
+    const int written = write_sectors(sector_buf.get(), location.sector, 1);
+    if (written != 1) {
+        return written < 0 ? written : -EIO;
+    }
+    return 0;
+}
+
+} // namespace
+
+// ---- free slots -------------------------------------------------------------------------------
+
+int fat_find_empty_entries(oentry *dir, u32 count, u32 *index) {
+    if (dir == nullptr || index == nullptr) {
+        REPORT("Check Here!\n\n");
+        return -EINVAL;
+    }
+    dentry_walk walk;
+    if (!begin_walk(&walk, dir)) {
+        REPORT("Check Here!\n\n");
+        return -ENOMEM;
+    }
+    free_run run{count};
+    u32 position = 0;
+    int result = search_slots(&walk, dir_entry_count(dir), &run, &position);
+    if (result < 0) {
+        return result;
+    }
+    if (result == 0) {
+        if (is_fat16_root(dir)) {
+            report_bare("Root directory has no more space\n");
+            return -ENOSPC;
+        }
+        result = grow_for_run(dir, &run, &position);
+        if (result < 0) {
+            return result;
+        }
+    }
+    *index = position + 1 - count;
+    return 0;
+}
+
+// ---- filling ----------------------------------------------------------------------------------
+
+int set_entry_value(u8 *entry, const u8 *dos, u32 kind, u32 start_clu, u8 lcase) {
+    u32 attr = 0;
+    u32 cmsec = 0;
+    switch (kind) {
+    case DENTRY_FILE:
+        break;
+    case DENTRY_DIR:
+        attr = ATTR_DIRECTORY;
+        break;
+    case KIND_SYMLINK:
+        cmsec = CMSEC_SYMLINK;
+        break;
+    case DENTRY_VOLUME:
+        attr = ATTR_VOLUME;
+        break;
+    default:
+        REPORT("Check Here!\n\n");
+        return -EINVAL;
+    }
+    store(entry, SHORT_ATTR, attr);
+    store(entry, SHORT_CMSEC, cmsec);
+    std::memcpy(entry + SHORT_NAME.offset, dos, SHORT_NAME.size);
+    store(entry, SHORT_SYSID, lcase);
+    // Creation and access stay without a date; only the modification is stamped.
+    store(entry, SHORT_CTIME, 0);
+    store(entry, SHORT_CDATE, 0);
+    store(entry, SHORT_ADATE, 0);
+    set_entry_time(entry);
+    set_start_cluster(entry, start_clu);
+    store(entry, SHORT_FILE_SIZE, 0);
+    if (fat_perm.perm_enable == 1) {
+        add_permissions(entry, std::memcmp(dos, DOT_DOT_NAME, sizeof DOT_DOT_NAME) == 0);
+    }
+    return 0;
+}
+
+int set_volume_entry(u8 *entry, const u8 *label) {
+    return set_entry_value(entry, label, DENTRY_VOLUME, 0, 0);
+}
+
+int set_long_slot(u8 *slot, u8 ordinal, const u16 *units, u8 checksum) {
+    store(slot, SLOT_ORDINAL, ordinal);
+    store(slot, SLOT_ATTR, ATTR_LONG_NAME);
+    store(slot, SLOT_SYSID, 0);
+    store(slot, SLOT_CHECKSUM, checksum);
+    store(slot, SLOT_START, 0);
+    bool ended = false;
+    for (u32 i = 0; i < SLOT_UNITS; i++) {
+        const u16 unit = ended ? PADDING_UNIT : units[i];
+        store16(slot + slot_unit_offset(i), unit);
+        ended = ended || unit == 0 || unit == PADDING_UNIT;
+    }
+    return 0;
+}
+
+// ---- writing ----------------------------------------------------------------------------------
+
+int build_entry(oentry *dir, u32 first, u32 count, u32 kind, fat_name *name, u32 start_clu) {
+    if (dir == nullptr || name == nullptr) {
+        REPORT("Check here!\n\n");
+        return -EINVAL;
+    }
+    run_sectors run;
+    int result = run.reserve();
+    if (result < 0) {
+        REPORT("Check here!\n\n");
+        return result;
+    }
+    result = make_short_name_unique(dir, name);
+    if (result < 0) {
+        return result;
+    }
+    const u32 short_index = first + count - 1;
+    result = fill_run(&run, dir, short_index, count, kind, name, start_clu);
+    if (result == 0) {
+        result = run.write_back();
+    }
+    if (result < 0) {
+        REPORT("Check here!\n\n");
+        return result;
+    }
+    return static_cast<int>(short_index);
+}
+
+int init_directory(u32 parent_clu, u32 new_clu) {
+    const int result = write_dot_entries(parent_clu, new_clu);
+    if (result < 0) {
+        REPORT("Check here!\n\n");
+    }
+    return result;
+}
+
+} // namespace fat

@@ -1,0 +1,312 @@
+// Mounting: reading the boot sector back into the volume record.
+//
+// The FAT width follows from the cluster count alone. Numbers of a damaged boot sector are checked
+// in a local record before any of them reaches the volume record.
+
+#include "fat/internal.h"
+
+#include <bit>
+#include <cerrno>
+#include <cstring>
+
+#include <fcntl.h>
+
+using namespace fat;
+
+namespace fat {
+
+namespace {
+
+constexpr u32 FAT16_LEAST_CLUSTERS = 4085;
+constexpr u32 FAT32_LEAST_CLUSTERS = 65525;
+constexpr mode_t IMAGE_MODE = 0660;
+
+// The numbers of a boot sector that the layout of the volume follows from.
+struct volume_shape {
+    u32 sector_size;
+    u32 sec_per_clus;
+    u32 reserved;
+    u32 fats;
+    u32 fat_size;
+    u32 root_sectors;
+    u32 total_sectors;
+    u32 num_clusters;
+};
+
+u32 pbr_buffer_size() {
+    return sv->sector_size != 0 ? sv->sector_size : UNKNOWN_SECTOR_SIZE;
+}
+
+u32 either_total(const u8 *pbr) {
+    const u32 total = load(pbr, PBR_TOTAL_SECTORS_16);
+    return total != 0 ? total : load(pbr, PBR_TOTAL_SECTORS_32);
+}
+
+// False where the fields contradict each other or could not be computed with.
+bool decode_shape(const u8 *pbr, volume_shape *shape) {
+    shape->sector_size = load(pbr, PBR_BYTES_PER_SECTOR);
+    shape->sec_per_clus = load(pbr, PBR_SECTORS_PER_CLUSTER);
+    shape->reserved = load(pbr, PBR_RESERVED_SECTORS);
+    shape->fats = load(pbr, PBR_NUMBER_OF_FATS);
+    shape->fat_size = load(pbr, PBR_FAT_SIZE_16);
+    if (shape->fat_size != 0) {
+        shape->total_sectors = either_total(pbr);
+    } else {
+        shape->fat_size = load(pbr, PBR32_FAT_SIZE);
+        shape->total_sectors = load(pbr, PBR_TOTAL_SECTORS_32);
+        if (shape->fat_size == 0 || shape->total_sectors == 0) {
+            return false;
+        }
+    }
+    if (!std::has_single_bit(shape->sector_size) || shape->sector_size < MIN_SECTOR_SIZE ||
+        shape->sector_size > MAX_SECTOR_SIZE || shape->sec_per_clus == 0) {
+        return false;
+    }
+    shape->root_sectors = div_ceil(load(pbr, PBR_ROOT_ENTRIES) * DENTRY_SIZE, shape->sector_size);
+    const u64 areas =
+        shape->reserved + static_cast<u64>(shape->fat_size) * shape->fats + shape->root_sectors;
+    if (areas > shape->total_sectors) {
+        return false;
+    }
+    shape->num_clusters = (shape->total_sectors - static_cast<u32>(areas)) / shape->sec_per_clus;
+    return true;
+}
+
+void take_shape(const volume_shape &shape) {
+    sv->sector_size = shape.sector_size;
+    sv->sec_per_clus = shape.sec_per_clus;
+    sv->fat_size = shape.fat_size;
+    sv->total_sectors = shape.total_sectors;
+    sv->num_clusters = shape.num_clusters;
+}
+
+// The FAT width by the cluster count, 0 for none.
+u32 width_of(u32 clusters) {
+    if (clusters < FAT16_LEAST_CLUSTERS) {
+        return 0;
+    }
+    return clusters < FAT32_LEAST_CLUSTERS ? 16 : 32;
+}
+
+void place_areas(const volume_shape &shape, const u8 *pbr) {
+    const u32 behind_fats = sv->pbr_start + shape.reserved + shape.fat_size * shape.fats;
+    sv->fat_start = sv->pbr_start + shape.reserved;
+    sv->data_start = behind_fats + shape.root_sectors;
+    if (sv->fat_type == 32) {
+        sv->root_clus = load(pbr, PBR32_ROOT_CLUSTER);
+        sv->rdir_start = sv->data_start + (sv->root_clus - FIRST_DATA_CLUSTER) * sv->sec_per_clus;
+    } else {
+        sv->root_clus = 0;
+        sv->rdir_start = behind_fats;
+    }
+}
+
+int fill_geometry(const u8 *pbr) {
+    volume_shape shape = {};
+    if (!decode_shape(pbr, &shape)) {
+        report_at("fat_build_super", __LINE__, "PBR data is broken\n\n");
+        return -EINVAL;
+    }
+    take_shape(shape);
+    const u32 width = width_of(shape.num_clusters);
+    if (width == 0) {
+        report_at("fat_build_super", __LINE__, "NumCluster is over the limitation: clus(%d), FAT%d\n",
+                  static_cast<int>(shape.num_clusters), static_cast<int>(sv->fat_type));
+        return -EINVAL;
+    }
+    sv->fat_type = width;
+    place_areas(shape, pbr);
+    return 0;
+}
+
+int enter_root() {
+    int result = open_root_directory();
+    if (result < 0) {
+        report_at("fat_build_super", __LINE__, "Cannot open root directory!\n\n");
+        return result;
+    }
+    result = fat_set_current(0);
+    if (result < 0) {
+        report_at("fat_build_super", __LINE__, "Cannot set current directory to root\n\n");
+    }
+    return result;
+}
+
+// A text field of the boot sector as a string.
+struct field_text {
+    char text[16];
+
+    field_text(const u8 *record, const field &f) : text{} {
+        std::memcpy(text, record + f.offset, f.size);
+    }
+};
+static_assert(sizeof field_text::text > EBR_VOLUME_LABEL.size);
+
+void print_common_block(FILE *stream, const u8 *pbr) {
+    const u8 *jump = pbr + PBR_JUMP.offset;
+    std::fprintf(stream, " BS_jmpBoot:   \t0x%X 0x%X 0x%X\n", jump[0], jump[1], jump[2]);
+    std::fprintf(stream, " BS_oem_name:  \t%s\n", field_text(pbr, PBR_OEM_NAME).text);
+    std::fprintf(stream, " BPB_BytsPerSec:%u\n", load(pbr, PBR_BYTES_PER_SECTOR));
+    std::fprintf(stream, " BPB_SecPerClus:%u\n", load(pbr, PBR_SECTORS_PER_CLUSTER));
+    std::fprintf(stream, " BPB_RsvdSecCnt:%u\n", load(pbr, PBR_RESERVED_SECTORS));
+    std::fprintf(stream, " BPB_NumFATs: \t%u\n", load(pbr, PBR_NUMBER_OF_FATS));
+    std::fprintf(stream, " BPB_RootEntCnt:%u\n", load(pbr, PBR_ROOT_ENTRIES));
+    std::fprintf(stream, " BPB_TotSec16:\t%u\n", load(pbr, PBR_TOTAL_SECTORS_16));
+    std::fprintf(stream, " BPB_Media:\t0x%X\n", load(pbr, PBR_MEDIA));
+    std::fprintf(stream, " BPB_FATSz16:\t%u\n", load(pbr, PBR_FAT_SIZE_16));
+    std::fprintf(stream, " BPB_SecPerTrk:\t%u\n", load(pbr, PBR_SECTORS_PER_TRACK));
+    std::fprintf(stream, " BPB_NumHeads:\t%u\n", load(pbr, PBR_HEADS));
+    std::fprintf(stream, " BPB_HiddSec:\t%u\n", load(pbr, PBR_HIDDEN_SECTORS));
+    std::fprintf(stream, " BPB_TotSec32:\t%u\n", load(pbr, PBR_TOTAL_SECTORS_32));
+}
+
+void print_fat32_block(FILE *stream, const u8 *pbr) {
+    std::fprintf(stream, " BPB_FATSz32:\t%u\n", load(pbr, PBR32_FAT_SIZE));
+    std::fprintf(stream, " BPB_ExtFlags:\t%u\n", load(pbr, PBR32_EXTENDED_FLAGS));
+    std::fprintf(stream, " BPB_FSVer:\t%u\n", load(pbr, PBR32_VERSION));
+    std::fprintf(stream, " BPB_RootClus:\t%u\n", load(pbr, PBR32_ROOT_CLUSTER));
+    std::fprintf(stream, " BPB_FSInfo:\t%u\n", load(pbr, PBR32_FSINFO_SECTOR));
+    std::fprintf(stream, " BPB_BkBootSec:\t%u\n", load(pbr, PBR32_BACKUP_SECTOR));
+}
+
+void print_extended_record(FILE *stream, const u8 *ebr) {
+    std::fprintf(stream, " BS_DrvNum:\t0x%x\n", load(ebr, EBR_DRIVE_NUMBER));
+    std::fprintf(stream, " BS_BootSig:\t0x%x\n", load(ebr, EBR_BOOT_SIGNATURE));
+    std::fprintf(stream, " BS_VolID:\t0x%x\n", load(ebr, EBR_VOLUME_ID));
+    std::fprintf(stream, " BS_VolLab:\t%s\n", field_text(ebr, EBR_VOLUME_LABEL).text);
+    std::fprintf(stream, " BS_FilSysType:\t%s\n", field_text(ebr, EBR_TYPE).text);
+}
+
+void print_boot_sector(FILE *stream, const u8 *pbr) {
+    const bool has_fat32_block = load(pbr, PBR_FAT_SIZE_16) == 0;
+    std::fprintf(stream, "\n==== PBR structure =====\n");
+    print_common_block(stream, pbr);
+    if (has_fat32_block) {
+        print_fat32_block(stream, pbr);
+    }
+    print_extended_record(stream, pbr + (has_fat32_block ? EBR_OFFSET_FAT32 : EBR_OFFSET_FAT16));
+    std::fprintf(stream, " BS_SIGNATURE:\t0x%04X\n", load(pbr, PBR_SIGNATURE));
+    std::fprintf(stream, "========================\n");
+}
+
+int copy_sector(u8 *buffer, u64 sector, u32 size, int fd) {
+    if (read_sectors(buffer, sector, 1) != 1) {
+        report_at("fat_delete_mbr", __LINE__, "cannot read sector\n");
+        return -EIO;
+    }
+    if (write(fd, buffer, size) != static_cast<ssize_t>(size)) {
+        report_at("fat_delete_mbr", __LINE__, "cannot write image\n");
+        return -EIO;
+    }
+    return 0;
+}
+
+// Copies the volume that begins at `first_sector` into a new image.
+int copy_volume(const char *path, const u8 *pbr, u32 first_sector) {
+    const held_descriptor fd(open(path, O_RDWR | O_CREAT | O_TRUNC, IMAGE_MODE));
+    if (fd.get() < 0) {
+        const int error = errno;
+        report_errno("create new image");
+        return -error;
+    }
+    const u32 size = load(pbr, PBR_BYTES_PER_SECTOR);
+    // A transfer moves the unit of the volume record, whatever the boot sector says.
+    const heap_ptr<u8> buffer = zeroed_bytes(size > pbr_buffer_size() ? size : pbr_buffer_size());
+    if (buffer == nullptr) {
+        report_at("fat_delete_mbr", __LINE__, "cannot allocate space\n");
+        return -ENOMEM;
+    }
+    const u32 total = either_total(pbr);
+    int result = 0;
+    for (u32 i = 0; i < total && result == 0; i++) {
+        result = copy_sector(buffer.get(), static_cast<u64>(first_sector) + i, size, fd.get());
+    }
+    return result;
+}
+
+} // namespace
+
+int get_pbr_sector(u8 *buf) {
+    constexpr int PBR_SECTOR = 0; // the boot sector is always the first of the target
+    if (read_sectors(buf, PBR_SECTOR, 1) != 1) {
+        REPORT("Cannot read PBR from volume\n");
+        return -EIO;
+    }
+    if (load(buf, PBR_SIGNATURE) != BOOT_SIGNATURE) {
+        REPORT("Invalid PBR signature\n\n");
+        return -EINVAL;
+    }
+    return PBR_SECTOR;
+}
+
+} // namespace fat
+
+int fat_build_super() {
+    if (sv == nullptr) {
+        REPORT("Check here!\n\n");
+        return -EINVAL;
+    }
+    const heap_ptr<u8> pbr = zeroed_bytes(pbr_buffer_size());
+    if (pbr == nullptr) {
+        REPORT("Cannot allocate space\n");
+        return -ENOMEM;
+    }
+    const int pbr_sector = get_pbr_sector(pbr.get());
+    if (pbr_sector < 0) {
+        REPORT("Cannot get PBR sector!\n\n");
+        return pbr_sector;
+    }
+    sv->pbr_start = static_cast<u32>(pbr_sector);
+    const int filled = fill_geometry(pbr.get());
+    return filled < 0 ? filled : enter_root();
+}
+
+int fat_print_pbr(FILE *stream) {
+    if (sv == nullptr || stream == nullptr) {
+        REPORT("Check here!\n\n");
+        return -EINVAL;
+    }
+    const heap_ptr<u8> pbr = zeroed_bytes(pbr_buffer_size());
+    if (pbr == nullptr) {
+        REPORT("cannot allocate space\n");
+        return -ENOMEM;
+    }
+    const int result = get_pbr_sector(pbr.get());
+    if (result == -EINVAL) {
+        REPORT("unformated FAT volume\n");
+    } else if (result < 0) {
+        REPORT("Unknown error!\n\n");
+    } else {
+        print_boot_sector(stream, pbr.get());
+    }
+    return result;
+}
+
+int print_alloc_hint(FILE *stream) {
+    if (sv == nullptr) {
+        return std::fprintf(stream, "uninitialized volume information\n");
+    }
+    return std::fprintf(stream, "last allocated cluster: %u / %u\n", sv->last_alloc_clus,
+                        sv->num_clusters + 2);
+}
+
+int fat_delete_mbr(const char *path) {
+    if (sv == nullptr || path == nullptr) {
+        REPORT("Check here!\n\n");
+        return -EINVAL;
+    }
+    const heap_ptr<u8> pbr = zeroed_bytes(pbr_buffer_size());
+    if (pbr == nullptr) {
+        REPORT("cannot allocate space\n");
+        return -ENOMEM;
+    }
+    const int pbr_sector = get_pbr_sector(pbr.get());
+    if (pbr_sector < 0) {
+        REPORT("Failed to get PBR sector!\n\n");
+        return pbr_sector;
+    }
+    if (pbr_sector == 0) {
+        return 0; // nothing stands in front of the volume
+    }
+    return copy_volume(path, pbr.get(), static_cast<u32>(pbr_sector));
+}

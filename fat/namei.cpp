@@ -1,0 +1,177 @@
+// Paths: splitting them and finding the directory in which their last name lies.
+//
+// A path is resolved one level below its start directory at most. Names are cut and compared in
+// place, so every public operation works on a copy of its path.
+
+#include "fat/internal.h"
+
+#include <cerrno>
+#include <cstring>
+
+namespace fat {
+
+namespace {
+
+constexpr u32 MAX_COMPONENTS = 1024;
+constexpr u32 MAX_COMPONENT = 255; // characters of one that are looked at
+constexpr u32 DOT_DOT_INDEX = 1;   // of the entry ".." in a directory
+
+using component_buffer = char[MAX_COMPONENT + 1];
+
+// A component ends at the next slash.
+void copy_component(const char *component, component_buffer &out) {
+    const std::size_t length = std::strcspn(component, "/");
+    const std::size_t copied = length < MAX_COMPONENT ? length : MAX_COMPONENT;
+    std::memcpy(out, component, copied);
+    out[copied] = '\0';
+}
+
+// The first component that leads away from the start directory, copied out. False when there is
+// none.
+bool find_real_component(const fat_path &path, component_buffer &out) {
+    for (int i = 0; i < path.depth; i++) {
+        copy_component(path.path[i], out);
+        if (std::strcmp(out, ".") != 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Reads the entry of a parent component. The directory itself is not opened: the lookup ends here,
+// with no directory for its caller.
+int look_at_parent(u32 base_clu, component_buffer &component) {
+    int index = DOT_DOT_INDEX;
+    if (std::strcmp(component, "..") != 0) {
+        index = find_dentry_with_clu(base_clu, component, nullptr);
+        if (index < 0) {
+            return index;
+        }
+    }
+    const heap_ptr<u8> sector = zeroed_bytes(sv->sector_size);
+    if (sector == nullptr) {
+        report_at("fat_path_lookup", __LINE__, "Check here!\n\n");
+        return -ENOMEM;
+    }
+    u8 *entry = nullptr;
+    dentry_location location = {};
+    const int result =
+        get_dentry_with_clu(base_clu, static_cast<u32>(index), &entry, sector.get(), &location);
+    if (result < 0) {
+        report_at("fat_path_lookup", __LINE__, "fail to get dentry(%u, %d):%s\n", base_clu, index,
+                  std::strerror(-result));
+    }
+    return result;
+}
+
+// A record of its own for the start directory, the caller's to free.
+int open_start_again(const oentry *start, oentry **dir) {
+    heap_ptr<oentry> entry = zeroed_records<oentry>();
+    if (entry == nullptr) {
+        return -ENOMEM;
+    }
+    const int result =
+        fat_set_oentry(start->dentry, start->dentry_sector, start->dentry_offset, entry.get());
+    if (result < 0) {
+        return result;
+    }
+    entry->parent_clus = start->parent_clus;
+    *dir = entry.release();
+    return 0;
+}
+
+int find_directory(oentry *start, const fat_path &path, oentry **dir) {
+    if (path.depth == 0) {
+        *dir = start;
+        return 0;
+    }
+    component_buffer component;
+    if (find_real_component(path, component)) {
+        return look_at_parent(base_cluster(start), component);
+    }
+    return open_start_again(start, dir);
+}
+
+} // namespace
+
+int resolve_path(char *path, fat_path *rec, char **name, int *depth) {
+    if (path == nullptr || rec == nullptr || name == nullptr || depth == nullptr) {
+        REPORT("Check here!\n\n");
+        return -EINVAL;
+    }
+    heap_ptr<char *> components = zeroed_records<char *>(MAX_COMPONENTS);
+    if (components == nullptr) {
+        REPORT("Check here!\n\n");
+        return -ENOMEM;
+    }
+    char *component = path + std::strspn(path, "/");
+    u32 parents = 0;
+    for (char *slash = std::strchr(component, '/'); slash != nullptr;
+         slash = std::strchr(component, '/')) {
+        if (parents == MAX_COMPONENTS) {
+            REPORT("Check here!\n\n");
+            return -ENAMETOOLONG;
+        }
+        components.get()[parents++] = component;
+        component = slash + 1;
+    }
+    rec->path = components.release();
+    rec->depth = static_cast<int>(parents);
+    rec->name = component;
+    *depth = rec->depth;
+    *name = rec->name;
+    return 0;
+}
+
+int fat_path_lookup(char *path, oentry **dir, char **name) {
+    if (path == nullptr || dir == nullptr) {
+        REPORT("Check here!\n\n");
+        return -EINVAL;
+    }
+    if (sv->root_dir == nullptr || sv->current_dir == nullptr) {
+        REPORT("current directory isn't setup\n");
+        return -EFAULT;
+    }
+    oentry *start = path[0] == '/' ? sv->root_dir : sv->current_dir;
+    fat_path resolved = {};
+    int depth = 0;
+    int result = resolve_path(path + std::strspn(path, "/"), &resolved, name, &depth);
+    if (result < 0) {
+        REPORT("Check here!\n\n");
+        return result;
+    }
+    const heap_ptr<char *> components(resolved.path);
+    if (verify_valid_name(resolved.name) < 0) {
+        REPORT("Check here!\n\n");
+        report_bare("wrong file name: %s\n", resolved.name);
+        return -EINVAL;
+    }
+    return find_directory(start, resolved, dir);
+}
+
+void free_lookup_result(oentry *dir) {
+    if (dir != sv->current_dir && dir != sv->root_dir) {
+        free_oentry(dir);
+    }
+}
+
+int fat_get_name(const char *path, char *out) {
+    if (path == nullptr) {
+        REPORT("Check here!\n\n");
+        return -EINVAL;
+    }
+    std::size_t length = std::strlen(path);
+    if (length > MAX_PATH_LENGTH) {
+        REPORT("Check here!\n\n");
+        return -ENAMETOOLONG;
+    }
+    // A path of the full length leaves no terminator here; the buffer's own byte behind it does.
+    std::memset(out, 0, MAX_PATH_LENGTH);
+    std::memcpy(out, path, length);
+    while (length > 0 && out[length - 1] == '/') {
+        out[--length] = '\0';
+    }
+    return static_cast<int>(length);
+}
+
+} // namespace fat
