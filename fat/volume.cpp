@@ -44,7 +44,7 @@ bool can_transfer(const void *buf) {
 // Sets errno on failure; a byte offset that no file can have is one.
 bool seek_sector(u64 sector) {
     if (sector > static_cast<u64>(INT64_MAX) / transfer_unit()) {
-        errno = EOVERFLOW;
+        errno = EINVAL;
         return false;
     }
     return lseek(sv->fd, static_cast<off_t>(sector * transfer_unit()), SEEK_SET) >= 0;
@@ -336,8 +336,8 @@ int fat_close_volume(int compact) {
 
 int create_fat_volume(const char *path, uint32_t chunk, int count) {
     if (path == nullptr) {
-        REPORT("NULL path!\n\n");
-        return -EINVAL;
+        REPORT("failed to open file!\n\n");
+        return -EFAULT;
     }
     held_descriptor fd(open(path, O_RDWR | O_CREAT | O_TRUNC, IMAGE_MODE));
     if (fd.get() < 0) {

@@ -270,7 +270,7 @@ TEST_F(CheckFormatParam, EveryOtherWidthGetsTheFat16Areas) {
 }
 
 TEST_F(CheckFormatParam, EmptyLabelBecomesElevenBlanks) {
-    std::memcpy(param.volume_label, "\0LDLABELXYZ", sizeof param.volume_label);
+    std::memcpy(param.volume_label, "\0LDLABELXYZ!", sizeof param.volume_label);
     accept();
     EXPECT_EQ(std::memcmp(param.volume_label, "           ", sizeof param.volume_label), 0);
 }

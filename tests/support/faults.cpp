@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstddef>
+#include <cstdint>
 #include <unordered_map>
 
 #include <fcntl.h>
@@ -38,7 +39,7 @@ struct fault {
 };
 
 fault allocation_fault;
-fault call_faults[9];
+fault call_faults[10];
 device_picture picture;
 
 bool converters_watched = false;
@@ -174,6 +175,7 @@ int __real_fstat64(int fd, struct stat64 *status);
 int __real_ioctl(int fd, unsigned long request, ...);
 int __real_truncate64(const char *path, off64_t length);
 int __real_fsync(int fd);
+iconv_t __real_iconv_open(const char *to, const char *from);
 int __real_iconv_close(iconv_t converter);
 
 void *__wrap_malloc(std::size_t size) {
@@ -282,6 +284,12 @@ int __wrap_truncate64(const char *path, off64_t length) {
 
 int __wrap_fsync(int fd) {
     return fails(call::fsync) ? -1 : __real_fsync(fd);
+}
+
+iconv_t __wrap_iconv_open(const char *to, const char *from) {
+    // An address of -1 tells the failure.
+    return fails(call::iconv_open) ? reinterpret_cast<iconv_t>(std::intptr_t{-1})
+                                   : __real_iconv_open(to, from);
 }
 
 int __wrap_iconv_close(iconv_t converter) {

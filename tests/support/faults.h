@@ -38,7 +38,7 @@ public:
     [[nodiscard]] int live_blocks() const;
 };
 
-enum class call { open, close, read, write, lseek, fstat, ioctl, truncate, fsync };
+enum class call { open, close, read, write, lseek, fstat, ioctl, truncate, fsync, iconv_open };
 
 // Lets `successes` calls through, then makes one, or all after, fail with `error`.
 class failing_call {

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -60,11 +59,6 @@ private:
     std::filesystem::path path_;
 };
 
-inline bytes read_file(const std::string &path) {
-    std::ifstream stream(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
-}
-
 inline bytes read_range(const std::string &path, std::uint64_t offset, std::size_t size) {
     bytes result(size);
     std::ifstream stream(path, std::ios::binary);
@@ -88,6 +82,12 @@ inline std::set<int> open_descriptors() {
         }
     }
     return result;
+}
+
+inline bytes read_file(const std::string &path) {
+    std::error_code error;
+    const auto size = std::filesystem::file_size(path, error);
+    return error ? bytes() : read_range(path, 0, static_cast<std::size_t>(size));
 }
 
 } // namespace testing_support

@@ -11,6 +11,8 @@
 #include <cstring>
 #include <functional>
 #include <map>
+#include <ostream>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -22,6 +24,9 @@ struct transfer {
     std::uint32_t count;
     bool operator==(const transfer &) const = default;
 };
+inline std::ostream &operator<<(std::ostream &stream, const transfer &t) {
+    return stream << (t.is_write ? "write " : "read ") << t.sector << " + " << t.count;
+}
 
 // Lives as the one open volume: makes `sv` at start (zero geometry, descriptor -1), frees it at the
 // end. What was never written reads as the fill byte, or as the background that a function paints.
@@ -63,6 +68,7 @@ public:
     int writes_before_failure = -1; // likewise
     int failure_result = -5;        // what a failing transfer returns, and moves where positive
     bool fails_forever = false;
+    std::set<std::uint64_t> bad_sectors; // transfers that touch one of these always fail
 
     // The bytes from `offset` on, for looking and for preparing.
     std::vector<std::uint8_t> peek(std::uint64_t offset, std::size_t size) {
@@ -112,10 +118,14 @@ private:
         (*before_failure)--;
         return false;
     }
+    [[nodiscard]] bool touches_bad_sector(std::uint64_t sector, std::uint32_t count) const {
+        const auto first = bad_sectors.lower_bound(sector);
+        return first != bad_sectors.end() && *first - sector < count;
+    }
     static int read(void *buf, std::uint64_t sector, std::uint32_t count) {
         ram_disk &disk = *current();
         disk.log.push_back({false, sector, count});
-        if (disk.fails(&disk.reads_before_failure)) {
+        if (disk.fails(&disk.reads_before_failure) || disk.touches_bad_sector(sector, count)) {
             disk.move_some(buf, sector, count, false);
             return disk.failure_result;
         }
@@ -124,7 +134,7 @@ private:
     static int write(void *buf, std::uint64_t sector, std::uint32_t count) {
         ram_disk &disk = *current();
         disk.log.push_back({true, sector, count});
-        if (disk.fails(&disk.writes_before_failure)) {
+        if (disk.fails(&disk.writes_before_failure) || disk.touches_bad_sector(sector, count)) {
             disk.move_some(buf, sector, count, true);
             return disk.failure_result;
         }

@@ -1,0 +1,646 @@
+// The end of a volume: what is closed and freed, and cutting an image behind its last cluster.
+
+#include "tests/support/volume_fixture.h"
+
+#include <array>
+#include <filesystem>
+
+using namespace fat;
+using namespace testing_support;
+
+namespace {
+
+// An open entry on the heap, with or without a copy of its directory entry.
+oentry *make_entry(bool has_dentry) {
+    auto *entry = static_cast<oentry *>(std::calloc(1, sizeof(oentry)));
+    if (has_dentry) {
+        entry->dentry = static_cast<u8 *>(std::calloc(1, DENTRY_SIZE));
+    }
+    return entry;
+}
+
+void put_entry(u32 id, oentry *entry) {
+    oentry_table[id] = entry;
+    oentry_map[id / 32] |= 1U << id % 32;
+}
+
+bool no_entry_is_open() {
+    return std::all_of(std::begin(oentry_table), std::end(oentry_table),
+                       [](const oentry *entry) { return entry == nullptr; }) &&
+           std::all_of(std::begin(oentry_map), std::end(oentry_map),
+                       [](u32 word) { return word == 0; });
+}
+
+int transfers = 0;
+int stubborn_result = 0;
+
+int stubborn_read(void *, u64, u32) {
+    return stubborn_result;
+}
+
+int counting_read(void *buf, u64 sector, u32 count) {
+    transfers++;
+    return file_read_sectors(buf, sector, count);
+}
+
+// What every release starts from: a small FAT16 volume whose geometry is set by hand.
+//
+//   sector 0      boot sector, left zero
+//   sectors 1-2   the FAT, 256 entries in each sector
+//   sector 3      data, 2 sectors for each cluster
+class VolumeRelease : public volume_test {
+protected:
+    static constexpr u32 SECTOR = 512;
+    static constexpr u32 FAT_START = 1;
+    static constexpr u32 DATA_START = 3;
+    static constexpr u32 CLUSTER_SECTORS = 2;
+
+    void open_image(u32 clusters, u32 hint) {
+        path = scratch.sparse_file("image",
+                                   u64{SECTOR} * (DATA_START + u64{clusters} * CLUSTER_SECTORS));
+        ASSERT_GE(fat_open_volume(path.c_str(), 0, 0), 0);
+        sv->fat_type = 16;
+        sv->fat_size = DATA_START - FAT_START;
+        sv->sector_size = SECTOR;
+        sv->sec_per_clus = CLUSTER_SECTORS;
+        sv->num_clusters = clusters;
+        sv->total_sectors = DATA_START + clusters * CLUSTER_SECTORS;
+        sv->fat_start = FAT_START;
+        sv->data_start = DATA_START;
+        sv->last_alloc_clus = hint;
+    }
+
+    // Puts a value into the FAT on the medium, past the library.
+    static void link(u32 cluster, u32 value) {
+        std::array<u8, 4> entry = {};
+        const u32 width = sv->fat_type / 8;
+        store32(entry.data(), value);
+        ASSERT_EQ(pwrite(sv->fd, entry.data(), width,
+                         static_cast<off_t>(sv->fat_start * sv->sector_size + cluster * width)),
+                  static_cast<ssize_t>(width));
+    }
+
+    [[nodiscard]] u64 length() const {
+        return std::filesystem::file_size(path);
+    }
+
+    // Bytes up to the end of a cluster.
+    static u64 end_of(u32 cluster) {
+        return u64{SECTOR} * (DATA_START + u64{cluster - 1} * CLUSTER_SECTORS);
+    }
+
+    static std::string heading(u32 hint, u32 clusters) {
+        return "fat_release_volume[N]: compaction\n\n"
+               "fat_release_volume[N]: last allocated cluster: " +
+               std::to_string(hint) + " / " + std::to_string(clusters + 2) + "\n";
+    }
+
+    void expect_closed() {
+        EXPECT_EQ(sv, nullptr);
+        EXPECT_TRUE(left_open().empty());
+        EXPECT_TRUE(no_entry_is_open());
+    }
+
+    // The volume survived a failed compaction: open, without open entries, at its full length.
+    void expect_still_open(u64 full_length) {
+        ASSERT_NE(sv, nullptr);
+        EXPECT_EQ(left_open(), std::vector<int>{sv->fd});
+        EXPECT_TRUE(no_entry_is_open());
+        EXPECT_EQ(sv->root_dir, nullptr);
+        EXPECT_EQ(sv->current_dir, nullptr);
+        EXPECT_EQ(length(), full_length);
+    }
+
+    std::string path;
+};
+
+class Compaction : public VolumeRelease {};
+
+} // namespace
+
+// ---- closing ----------------------------------------------------------------------------------
+
+TEST_F(VolumeRelease, ClosesTheTargetAndForgetsTheRecord) {
+    open_image(20, 0);
+    const u64 full_length = length();
+    standard_output out;
+    const int result = fat_close_volume(0);
+    EXPECT_EQ(out.stop(), "");
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(length(), full_length);
+    expect_closed();
+}
+
+TEST_F(VolumeRelease, WithoutAVolumeSaysSoOnStandardOutput) {
+    for (const int compact : {0, 1, 2}) {
+        standard_output out;
+        const int result = fat_close_volume(compact);
+        EXPECT_EQ(out.stop(), "sv is null\n");
+        EXPECT_EQ(result, 0);
+    }
+    EXPECT_EQ(said.text(), "");
+}
+
+TEST_F(VolumeRelease, ASecondCloseFindsNoVolume) {
+    open_image(20, 0);
+    EXPECT_EQ(fat_close_volume(0), 0);
+    standard_output out;
+    const int result = fat_close_volume(0);
+    EXPECT_EQ(out.stop(), "sv is null\n");
+    EXPECT_EQ(result, 0);
+}
+
+TEST_F(VolumeRelease, OnlyCompactOneCutsTheImage) {
+    for (const int compact : {0, 2, -1, 256, 257}) {
+        open_image(20, 2);
+        const u64 full_length = length();
+        EXPECT_EQ(fat_close_volume(compact), 0);
+        EXPECT_EQ(length(), full_length) << compact;
+        expect_closed();
+    }
+    EXPECT_EQ(said.text(), "");
+}
+
+TEST_F(VolumeRelease, FreesTheRecord) {
+    const allocation_meter meter;
+    open_image(20, 0);
+    EXPECT_EQ(meter.live_blocks(), 1);
+    EXPECT_EQ(fat_close_volume(0), 0);
+    EXPECT_EQ(meter.live_blocks(), 0);
+}
+
+TEST_F(VolumeRelease, FreesEveryOpenEntry) {
+    const allocation_meter meter;
+    open_image(20, 0);
+    for (u32 id = 0; id < 512; id++) {
+        put_entry(id, make_entry(id != 0));
+    }
+    sv->root_dir = oentry_table[0];
+    sv->current_dir = oentry_table[37];
+    EXPECT_EQ(meter.live_blocks(), 1 + 512 + 511);
+    EXPECT_EQ(fat_close_volume(0), 0);
+    EXPECT_EQ(meter.live_blocks(), 0);
+    expect_closed();
+}
+
+TEST_F(VolumeRelease, FreesTheFirstAndTheLastSlot) {
+    for (const u32 id : {0U, 511U}) {
+        const allocation_meter meter;
+        open_image(20, 0);
+        put_entry(id, make_entry(true));
+        EXPECT_EQ(fat_close_volume(0), 0);
+        EXPECT_EQ(meter.live_blocks(), 0) << id;
+        expect_closed();
+    }
+}
+
+TEST_F(VolumeRelease, FreesAnOccupiedSlotWhateverTheMapSays) {
+    const allocation_meter meter;
+    open_image(20, 0);
+    oentry_table[9] = make_entry(true);
+    EXPECT_EQ(fat_close_volume(0), 0);
+    EXPECT_EQ(meter.live_blocks(), 0);
+    expect_closed();
+}
+
+TEST_F(VolumeRelease, WithoutAVolumeTheOpenEntriesAreStillFreed) {
+    const allocation_meter meter;
+    put_entry(3, make_entry(true));
+    EXPECT_EQ(fat_release_volume(0), 0);
+    EXPECT_EQ(meter.live_blocks(), 0);
+    EXPECT_EQ(said.text(), "");
+    expect_closed();
+}
+
+TEST_F(VolumeRelease, WithoutAVolumeThereIsNothingToCompact) {
+    EXPECT_EQ(fat_release_volume(1), -EINVAL);
+    EXPECT_EQ(said.text(), "fat_release_volume[N]: Check here!\n\n");
+}
+
+TEST_F(VolumeRelease, LeavesTheStandardDescriptorsOpen) {
+    for (const int fd : {2, 1, 0, -1}) {
+        open_image(20, 0);
+        const int own = sv->fd;
+        const bool was_open = fcntl(fd, F_GETFD) >= 0;
+        sv->fd = fd;
+        EXPECT_EQ(fat_close_volume(0), 0);
+        EXPECT_EQ(fcntl(fd, F_GETFD) >= 0, was_open) << fd;
+        EXPECT_EQ(sv, nullptr);
+        EXPECT_EQ(left_open(), std::vector<int>{own});
+        close(own);
+    }
+}
+
+TEST_F(VolumeRelease, AFailingCloseChangesNothing) {
+    open_image(20, 0);
+    const failing_call fault(call::close, EIO);
+    EXPECT_EQ(fat_close_volume(0), 0);
+    EXPECT_TRUE(fault.struck());
+    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(sv, nullptr);
+}
+
+TEST_F(VolumeRelease, ClosesTheConvertersOfTheEncoding) {
+    open_image(20, 0);
+    const iconv_t to = iconv_open("UNICODE", "UTF-8");
+    const iconv_t from = iconv_open("UTF-8", "UNICODE");
+    sv->cd_to_uni = to;
+    sv->cd_from_uni = from;
+    const closed_converters closed;
+    EXPECT_EQ(fat_close_volume(0), 0);
+    EXPECT_EQ(closed.list(), (std::vector<iconv_t>{to, from}));
+}
+
+TEST_F(VolumeRelease, ClosesTheOneConverterThereIs) {
+    for (const bool is_first : {true, false}) {
+        open_image(20, 0);
+        const iconv_t converter = iconv_open("UTF-8", "UNICODE");
+        (is_first ? sv->cd_to_uni : sv->cd_from_uni) = converter;
+        const closed_converters closed;
+        EXPECT_EQ(fat_close_volume(0), 0);
+        EXPECT_EQ(closed.list(), std::vector<iconv_t>{converter});
+    }
+}
+
+TEST_F(VolumeRelease, WithoutConvertersNoneIsClosed) {
+    open_image(20, 0);
+    const closed_converters closed;
+    EXPECT_EQ(fat_close_volume(0), 0);
+    EXPECT_EQ(closed.list(), std::vector<iconv_t>{});
+}
+
+// ---- compaction: length -----------------------------------------------------------------------
+
+TEST_F(Compaction, CutsBehindClusterTwoWhenItIsTheOnlyOneInUse) {
+    open_image(20, 2);
+    link(2, 0xFFFF);
+    EXPECT_EQ(fat_close_volume(1), 0);
+    EXPECT_EQ(said.text(), heading(2, 20));
+    EXPECT_EQ(length(), u64{DATA_START} * SECTOR + u64{CLUSTER_SECTORS} * SECTOR);
+    expect_closed();
+}
+
+TEST_F(Compaction, FindsClusterTwoFromAHintOfOne) {
+    open_image(20, 1);
+    link(2, 0xFFFF);
+    EXPECT_EQ(fat_close_volume(1), 0);
+    EXPECT_EQ(said.text(), heading(1, 20));
+    EXPECT_EQ(length(), end_of(2));
+}
+
+TEST_F(Compaction, CutsBehindTheHighestClusterInUse) {
+    open_image(20, 2);
+    link(4, 0xFFFF);
+    link(5, 9);
+    link(9, 0xFFF8);
+    link(12, 0xFFFF);
+    EXPECT_EQ(fat_close_volume(1), 0);
+    EXPECT_EQ(said.text(), heading(2, 20));
+    EXPECT_EQ(length(), end_of(12));
+}
+
+TEST_F(Compaction, KeepsTheBytesInFrontOfTheCut) {
+    open_image(20, 2);
+    link(6, 0xFFFF);
+    const bytes mark(SECTOR, 0xA5);
+    ASSERT_EQ(pwrite(sv->fd, mark.data(), mark.size(), static_cast<off_t>(end_of(6) - SECTOR)),
+              static_cast<ssize_t>(SECTOR));
+    const bytes before = read_range(path, 0, static_cast<std::size_t>(end_of(6)));
+    EXPECT_EQ(fat_close_volume(1), 0);
+    EXPECT_EQ(read_file(path), before);
+}
+
+TEST_F(Compaction, KeepsTheHintWhenNothingBehindItIsInUse) {
+    open_image(20, 7);
+    EXPECT_EQ(fat_close_volume(1), 0);
+    EXPECT_EQ(said.text(), heading(7, 20));
+    EXPECT_EQ(length(), end_of(7)) << "the hint counts as in use, whatever its FAT entry says";
+}
+
+TEST_F(Compaction, LooksAtTheClusterBelowTheCount) {
+    open_image(20, 2);
+    link(19, 0xFFFF);
+    EXPECT_EQ(fat_close_volume(1), 0);
+    EXPECT_EQ(length(), end_of(19));
+}
+
+TEST_F(Compaction, NeverLooksAtTheTwoHighestClusters) {
+    open_image(20, 2);
+    link(5, 20);
+    link(20, 21);
+    link(21, 0xFFFF);
+    EXPECT_EQ(fat_close_volume(1), 0);
+    EXPECT_EQ(said.text(), heading(2, 20));
+    EXPECT_EQ(length(), end_of(5));
+}
+
+TEST_F(Compaction, BrokenEntriesOfTheTwoHighestClustersGoUnnoticed) {
+    open_image(20, 2);
+    link(20, 1);
+    link(21, 0xFFF7);
+    EXPECT_EQ(fat_close_volume(1), 0);
+    EXPECT_EQ(said.text(), heading(2, 20));
+    EXPECT_EQ(length(), end_of(2));
+}
+
+TEST_F(Compaction, BrokenEntriesUpToTheHintGoUnnoticed) {
+    open_image(20, 7);
+    for (u32 cluster = 0; cluster <= 7; cluster++) {
+        link(cluster, 1);
+    }
+    EXPECT_EQ(fat_close_volume(1), 0);
+    EXPECT_EQ(said.text(), heading(7, 20));
+    EXPECT_EQ(length(), end_of(7));
+}
+
+TEST_F(Compaction, ReadsNothingWhenTheHintIsTheLastClusterItWouldLookAt) {
+    for (const u32 hint : {19U, 20U, 21U, 22U}) {
+        open_image(20, hint);
+        read_sectors = stubborn_read;
+        stubborn_result = -EIO;
+        said.clear();
+        EXPECT_EQ(fat_close_volume(1), 0);
+        EXPECT_EQ(said.text(), heading(hint, 20));
+        EXPECT_EQ(length(), end_of(hint));
+    }
+}
+
+TEST_F(Compaction, FollowsTheFatIntoItsNextSector) {
+    open_image(400, 2);
+    link(255, 0xFFFF);
+    link(256, 0xFFFF);
+    link(300, 0xFFFF);
+    EXPECT_EQ(fat_close_volume(1), 0);
+    EXPECT_EQ(length(), end_of(300));
+}
+
+TEST_F(Compaction, ReadsAtMostOneSectorForEachCluster) {
+    open_image(400, 2);
+    read_sectors = counting_read;
+    transfers = 0;
+    EXPECT_EQ(fat_close_volume(1), 0);
+    EXPECT_GE(transfers, 2) << "the FAT reaches into two sectors";
+    EXPECT_LE(transfers, 397);
+}
+
+TEST_F(Compaction, IgnoresTheReservedBitsOfFat32Entries) {
+    open_image(20, 2);
+    sv->fat_type = 32;
+    link(6, 0xFFFFFFFF);
+    link(9, 0xF0000000);
+    EXPECT_EQ(fat_close_volume(1), 0);
+    EXPECT_EQ(said.text(), heading(2, 20));
+    EXPECT_EQ(length(), end_of(6));
+}
+
+TEST_F(Compaction, EachProductHas32BitsAndTheirSumHas64) {
+    open_image(20, 0x00400001);
+    sv->num_clusters = 0; // nothing is looked at
+    sv->sec_per_clus = 3;
+    sv->data_start = 0x00FFFFFF;
+    // 0x400000 x 3 x 512 = 0x180000000, cut to 0x80000000; 0xFFFFFF x 512 = 0x1FFFFFE00, cut to
+    // 0xFFFFFE00; together more than 32 bits hold.
+    EXPECT_EQ(fat_close_volume(1), 0);
+    EXPECT_EQ(said.text(), heading(0x00400001, 0));
+    EXPECT_EQ(length(), 0x17FFFFE00U);
+}
+
+TEST_F(Compaction, AHintOfZeroInATinyVolumeCountsBackFrom4GiB) {
+    open_image(1, 0);
+    EXPECT_EQ(fat_close_volume(1), 0);
+    EXPECT_EQ(said.text(), heading(0, 1));
+    EXPECT_EQ(length(), (1ULL << 32) - CLUSTER_SECTORS * SECTOR + DATA_START * SECTOR);
+}
+
+// ---- compaction: what is closed and freed -----------------------------------------------------
+
+TEST_F(Compaction, FreesEverything) {
+    const allocation_meter meter;
+    open_image(20, 2);
+    put_entry(0, make_entry(false));
+    put_entry(5, make_entry(true));
+    sv->root_dir = oentry_table[0];
+    sv->current_dir = oentry_table[5];
+    EXPECT_EQ(fat_close_volume(1), 0);
+    EXPECT_EQ(meter.live_blocks(), 0);
+    expect_closed();
+}
+
+TEST_F(Compaction, ClosesTheConvertersOnce) {
+    open_image(20, 2);
+    link(5, 1);
+    const iconv_t to = iconv_open("UNICODE", "UTF-8");
+    const iconv_t from = iconv_open("UTF-8", "UNICODE");
+    sv->cd_to_uni = to;
+    sv->cd_from_uni = from;
+    const closed_converters closed;
+    EXPECT_EQ(fat_close_volume(1), -EINVAL);
+    EXPECT_EQ(fat_close_volume(0), 0);
+    EXPECT_EQ(closed.list(), (std::vector<iconv_t>{to, from}));
+}
+
+TEST_F(Compaction, LeavesTheStandardDescriptorsOpen) {
+    open_image(20, 19);
+    const int own = sv->fd;
+    const bool was_open = fcntl(1, F_GETFD) >= 0;
+    sv->fd = 1;
+    EXPECT_EQ(fat_close_volume(1), 0);
+    EXPECT_EQ(fcntl(1, F_GETFD) >= 0, was_open);
+    EXPECT_EQ(length(), end_of(19));
+    EXPECT_EQ(left_open(), std::vector<int>{own});
+}
+
+// ---- compaction: failures ---------------------------------------------------------------------
+
+TEST_F(Compaction, AHintOfZeroStopsAtClusterOne) {
+    open_image(20, 0);
+    const u64 full_length = length();
+    EXPECT_EQ(fat_close_volume(1), -EINVAL);
+    EXPECT_EQ(said.text(), heading(0, 20) + "fat_read_clus[N]: Invalid arg!\n\n"
+                                            "fat_release_volume[N]: Invalid cluster value\n\n");
+    EXPECT_EQ(sv->last_alloc_clus, 0U);
+    expect_still_open(full_length);
+}
+
+TEST_F(Compaction, ABrokenEntryStopsIt) {
+    for (const u32 value : {1U, 22U, 0xFFF6U, 0xFFF7U}) {
+        open_image(20, 2);
+        const u64 full_length = length();
+        put_entry(0, make_entry(false));
+        put_entry(511, make_entry(true));
+        sv->root_dir = oentry_table[0];
+        sv->current_dir = oentry_table[511];
+        link(4, 0xFFFF);
+        link(7, value);
+        link(9, 0xFFFF);
+        said.clear();
+        EXPECT_EQ(fat_close_volume(1), -EINVAL);
+        EXPECT_EQ(said.text(), heading(2, 20) + "fat_read_clus[N]: Invalid cluster!\n\n"
+                                                "fat_release_volume[N]: Invalid cluster value\n\n");
+        EXPECT_EQ(sv->last_alloc_clus, 4U) << "clusters seen before the broken one";
+        expect_still_open(full_length);
+        EXPECT_EQ(fat_close_volume(0), 0);
+        expect_closed();
+    }
+}
+
+TEST_F(Compaction, ABrokenEntryBelowTheCountIsTheLastThatStopsIt) {
+    open_image(20, 2);
+    const u64 full_length = length();
+    link(19, 1);
+    EXPECT_EQ(fat_close_volume(1), -EINVAL);
+    expect_still_open(full_length);
+}
+
+TEST_F(Compaction, ARepairedEntryLetsTheNextTryThrough) {
+    open_image(20, 2);
+    link(4, 0xFFFF);
+    link(7, 1);
+    EXPECT_EQ(fat_close_volume(1), -EINVAL);
+    link(7, 0);
+    said.clear();
+    EXPECT_EQ(fat_close_volume(1), 0);
+    EXPECT_EQ(said.text(), heading(4, 20));
+    EXPECT_EQ(length(), end_of(4));
+}
+
+TEST_F(Compaction, AFatThatCannotBeReadStopsIt) {
+    for (const int result : {-EIO, -EINVAL, 0, 2}) {
+        open_image(20, 2);
+        const u64 full_length = length();
+        put_entry(1, make_entry(true));
+        read_sectors = stubborn_read;
+        stubborn_result = result;
+        said.clear();
+        EXPECT_EQ(fat_close_volume(1), -EIO);
+        EXPECT_EQ(said.text(), heading(2, 20) + "fat_read_entry[N]: cannot read FAT\n\n"
+                                                "fat_release_volume[N]: Invalid cluster value\n\n");
+        expect_still_open(full_length);
+        EXPECT_EQ(fat_close_volume(0), 0);
+    }
+}
+
+TEST_F(Compaction, StopsAtWhicheverReadFails) {
+    bool struck = true;
+    for (int k = 0; struck; k++) {
+        open_image(300, 2);
+        link(290, 0xFFFF);
+        const u64 full_length = length();
+        const allocation_meter meter;
+        const failing_call fault(call::read, EIO, k);
+        said.clear();
+        const int result = fat_close_volume(1);
+        struck = fault.struck();
+        if (struck) {
+            EXPECT_EQ(result, -EIO) << k;
+            EXPECT_EQ(said.text(), heading(2, 300) +
+                                       "file_read_sectors[N]: Check here!: Input/output error\n\n"
+                                       "fat_read_entry[N]: cannot read FAT\n\n"
+                                       "fat_release_volume[N]: Invalid cluster value\n\n");
+            expect_still_open(full_length);
+            EXPECT_EQ(fat_close_volume(0), 0);
+        } else {
+            EXPECT_GT(k, 1) << "the FAT reaches into two sectors";
+            EXPECT_EQ(result, 0);
+            EXPECT_EQ(length(), end_of(290));
+        }
+        EXPECT_EQ(meter.live_blocks(), 0);
+        expect_closed();
+    }
+}
+
+TEST_F(Compaction, StopsAtWhicheverAllocationFails) {
+    for (const bool forever : {false, true}) {
+        bool struck = true;
+        for (int k = 0; struck; k++) {
+            open_image(20, 2);
+            const u64 full_length = length();
+            said.clear();
+            const failing_allocation fault(k, forever);
+            const int result = fat_close_volume(1);
+            struck = fault.struck();
+            if (struck) {
+                EXPECT_EQ(result, -ENOMEM) << k;
+                EXPECT_EQ(said.text(), heading(2, 20) +
+                                           "fat_read_entry[N]: cannot allocate FAT\n\n"
+                                           "fat_release_volume[N]: Invalid cluster value\n\n");
+                expect_still_open(full_length);
+                EXPECT_EQ(fat_close_volume(0), 0);
+            } else {
+                EXPECT_EQ(result, 0);
+                EXPECT_EQ(length(), end_of(2));
+            }
+            expect_closed();
+        }
+    }
+}
+
+TEST_F(Compaction, AnImageThatCannotBeCutIsReleasedAllTheSame) {
+    const allocation_meter meter;
+    open_image(20, 2);
+    put_entry(0, make_entry(false));
+    put_entry(7, make_entry(true));
+    sv->root_dir = oentry_table[0];
+    sv->current_dir = oentry_table[7];
+    const u64 full_length = length();
+    const failing_call fault(call::truncate, EIO);
+    EXPECT_EQ(fat_close_volume(1), -1);
+    EXPECT_TRUE(fault.struck());
+    EXPECT_EQ(said.text(),
+              heading(2, 20) +
+                  "fat_release_volume[N]: fail to truncate resulting image:Input/output error\n");
+    EXPECT_EQ(length(), full_length);
+    EXPECT_EQ(meter.live_blocks(), 0);
+    expect_closed();
+}
+
+TEST_F(Compaction, TellsWhyTheImageCannotBeCut) {
+    open_image(20, 2);
+    std::filesystem::remove(path);
+    EXPECT_EQ(fat_close_volume(1), -1);
+    const std::string failure = "fat_release_volume[N]: fail to truncate resulting image:"
+                                "No such file or directory\n";
+    EXPECT_EQ(said.text(), heading(2, 20) + failure);
+    expect_closed();
+}
+
+// ---- compaction of freshly formatted volumes --------------------------------------------------
+
+class FreshVolume : public VolumeRelease {
+protected:
+    void format(u32 fat_size, u64 size) {
+        path = scratch.sparse_file("fresh", size);
+        fat_format_param param = {};
+        param.fat_size = fat_size;
+        param.sector_size = SECTOR;
+        param.sec_per_clus = 1;
+        ASSERT_EQ(check_format_param(&param), 0);
+        ASSERT_GE(fat_open_volume(path.c_str(), 0, 0), 0);
+        ASSERT_GT(fat_format(&param), 0);
+        ASSERT_EQ(sv->fat_type, fat_size);
+        ASSERT_EQ(said.text(), "");
+    }
+};
+
+TEST_F(FreshVolume, Fat32IsCutBehindItsRootCluster) {
+    format(32, 40 << 20);
+    const u32 clusters = sv->num_clusters;
+    const u64 data_start = sv->data_start;
+    EXPECT_EQ(sv->last_alloc_clus, 2U);
+    EXPECT_EQ(fat_close_volume(1), 0);
+    EXPECT_EQ(said.text(), heading(2, clusters));
+    EXPECT_EQ(length(), (data_start + 1) * SECTOR);
+    expect_closed();
+}
+
+TEST_F(FreshVolume, Fat16HasNoAllocatedClusterToCutBehind) {
+    format(16, 8 << 20);
+    const u32 clusters = sv->num_clusters;
+    EXPECT_EQ(sv->last_alloc_clus, 0U);
+    EXPECT_EQ(fat_close_volume(1), -EINVAL);
+    const std::string failure = "fat_read_clus[N]: Invalid arg!\n\n"
+                                "fat_release_volume[N]: Invalid cluster value\n\n";
+    EXPECT_EQ(said.text(), heading(0, clusters) + failure);
+    expect_still_open(8 << 20);
+}
