@@ -96,51 +96,7 @@ void add_permissions(u8 *entry, bool is_parent) {
     store(entry, SHORT_CTIME, id);
 }
 
-// ---- the sectors of a run ----
-
-// The sectors that a run of slots touches, in the order in which they were read.
-struct run_sectors {
-    static constexpr u32 MAX = 3; // a long name takes 21 slots at most
-    heap_ptr<u8> buffers[MAX];
-    u32 sectors[MAX] = {};
-    u32 used = 0;
-
-    // Makes room for one more sector. Returns 0, -EINVAL or -ENOMEM.
-    int reserve() {
-        if (used == MAX) {
-            return -EINVAL;
-        }
-        buffers[used] = zeroed_bytes(sv->sector_size);
-        return buffers[used] != nullptr ? 0 : -ENOMEM;
-    }
-
-    // Reads the sector of slot `index` into the room reserved. Returns 0 or a negative errno.
-    int load(oentry *dir, u32 index, u8 **entry) {
-        dentry_location location = {};
-        const int result = fat_get_dentry(dir, index, entry, buffers[used].get(), &location);
-        if (result < 0) {
-            return result;
-        }
-        sectors[used++] = location.sector;
-        return 0;
-    }
-
-    // Writes them back. Returns 0 or a negative errno.
-    int write_back() {
-        for (u32 i = 0; i < used; i++) {
-            const int written = write_sectors(buffers[i].get(), sectors[i], 1);
-            if (written != 1) {
-                return written < 0 ? written : -EIO;
-            }
-        }
-        return 0;
-    }
-};
-
-bool same_sector(u32 index_a, u32 index_b) {
-    const u32 entries_per_sector = sv->sector_size / DENTRY_SIZE;
-    return index_a / entries_per_sector == index_b / entries_per_sector;
-}
+// ---- a run of slots ----
 
 // Fills the long-name slots in front of the short entry, from the one next to it backwards.
 int fill_long_slots(run_sectors *run, oentry *dir, u32 short_index, u8 *short_entry, u32 count,
@@ -247,6 +203,41 @@ int fat_find_empty_entries(oentry *dir, u32 count, u32 *index) {
         }
     }
     *index = position + 1 - count;
+    return 0;
+}
+
+// ---- the sectors of a run ---------------------------------------------------------------------
+
+bool same_sector(u32 index_a, u32 index_b) {
+    const u32 entries_per_sector = sv->sector_size / DENTRY_SIZE;
+    return index_a / entries_per_sector == index_b / entries_per_sector;
+}
+
+int run_sectors::reserve() {
+    if (used == MAX) {
+        return -EINVAL;
+    }
+    buffers[used] = zeroed_bytes(sv->sector_size);
+    return buffers[used] != nullptr ? 0 : -ENOMEM;
+}
+
+int run_sectors::load(oentry *dir, u32 index, u8 **entry) {
+    dentry_location location = {};
+    const int result = fat_get_dentry(dir, index, entry, buffers[used].get(), &location);
+    if (result < 0) {
+        return result;
+    }
+    sectors[used++] = location.sector;
+    return 0;
+}
+
+int run_sectors::write_back() {
+    for (u32 i = 0; i < used; i++) {
+        const int written = write_sectors(buffers[i].get(), sectors[i], 1);
+        if (written != 1) {
+            return written < 0 ? written : -EIO;
+        }
+    }
     return 0;
 }
 

@@ -24,10 +24,10 @@ void correct_hint() {
 
 // Stores a free cluster. An error of the second pass other than a full volume is passed over, and
 // what `cluster` held before is used; this leniency is meant.
-int find_free_cluster(u32 *cluster) {
-    int found = fat_free_clus(sv->last_alloc_clus + 1, sv->num_clusters + 1);
+int find_free_cluster(fat_editor *editor, u32 *cluster) {
+    int found = find_free(editor, sv->last_alloc_clus + 1, sv->num_clusters + 1);
     if (found == -ENOENT) {
-        found = fat_free_clus(FIRST_DATA_CLUSTER, sv->last_alloc_clus);
+        found = find_free(editor, FIRST_DATA_CLUSTER, sv->last_alloc_clus);
         if (found == -ENOENT) {
             report_at("fat_alloc_cluster", __LINE__, "No space left on volume!!\n");
             return -ENOSPC;
@@ -41,10 +41,14 @@ int find_free_cluster(u32 *cluster) {
     return 0;
 }
 
-int write_link(u32 cluster, u32 value) {
-    const int result = fat_write_entry(cluster, value);
+void report_failed_write() {
+    report_at("fat_alloc_cluster", __LINE__, "Failed to write entry!\n\n");
+}
+
+int write_link(fat_editor *editor, u32 cluster, u32 value) {
+    const int result = edit_entry(editor, cluster, value);
     if (result < 0) {
-        report_at("fat_alloc_cluster", __LINE__, "Failed to write entry!\n\n");
+        report_failed_write();
     }
     return result;
 }
@@ -61,14 +65,14 @@ void start_chain(oentry *entry, u32 cluster) {
 }
 
 // Links first and terminates then; where terminating fails the link is taken back.
-int append_to_chain(oentry *entry, u32 cluster) {
-    int result = write_link(entry->last, cluster);
+int append_to_chain(fat_editor *editor, oentry *entry, u32 cluster) {
+    int result = write_link(editor, entry->last, cluster);
     if (result < 0) {
         return result;
     }
-    result = write_link(cluster, FAT_END_MARK);
+    result = write_link(editor, cluster, FAT_END_MARK);
     if (result < 0) {
-        (void)fat_write_entry(entry->last, FAT_END_MARK); // the first error is the one to tell
+        (void)edit_entry(editor, entry->last, FAT_END_MARK); // the first error is the one to tell
         return result;
     }
     entry->last = cluster;
@@ -76,15 +80,55 @@ int append_to_chain(oentry *entry, u32 cluster) {
     return 0;
 }
 
-int link_cluster(oentry *entry, u32 cluster) {
+int link_cluster(fat_editor *editor, oentry *entry, u32 cluster) {
     if (entry != nullptr && (entry->start != 0 || entry->last != 0)) {
-        return append_to_chain(entry, cluster);
+        return append_to_chain(editor, entry, cluster);
     }
-    const int result = write_link(cluster, FAT_END_MARK);
+    const int result = write_link(editor, cluster, FAT_END_MARK);
     if (result == 0 && entry != nullptr) {
         start_chain(entry, cluster);
     }
     return result;
+}
+
+int alloc_cluster(fat_editor *editor, oentry *entry, u32 *cluster) {
+    correct_hint();
+    const int found = find_free_cluster(editor, cluster);
+    if (found < 0) {
+        return found;
+    }
+    const int linked = link_cluster(editor, entry, *cluster);
+    if (linked < 0) {
+        return linked;
+    }
+    sv->last_alloc_clus = *cluster;
+    return 0;
+}
+
+// What an entry and the hint were before clusters were allocated for it.
+struct before_allocation {
+    u32 start;       // of the entry
+    u32 image_start; // in the entry's image
+    u32 hint;
+};
+
+before_allocation remember(const oentry *entry) {
+    return {entry->start, entry->dentry != nullptr ? start_cluster(entry->dentry) : 0,
+            sv->last_alloc_clus};
+}
+
+// Where the gathered changes of a sector could not be written, the allocations from `first_lost` on
+// never happened: a chain that began among them has not begun, and the hint is the one before them.
+void forget_lost(const before_allocation &before, u32 first_lost, const u32 *clusters, oentry *entry) {
+    if (first_lost > 0) {
+        sv->last_alloc_clus = clusters[first_lost - 1];
+        return;
+    }
+    sv->last_alloc_clus = before.hint;
+    entry->start = before.start;
+    if (entry->dentry != nullptr) {
+        set_start_cluster(entry->dentry, before.image_start);
+    }
 }
 
 // Every open record of a directory that has grown learns its new end: a record that kept the old
@@ -110,20 +154,20 @@ void undo_growth(oentry *entry, u32 previous_last, u32 cluster) {
     (void)fat_write_entry(cluster, FAT_FREE); // likewise
 }
 
-// A walk along one chain, link by link.
-struct chain_walk {
-    u32 cluster;
-    circle_guard guard;
-    fat_window fat;
-};
+// The link of the cluster that a walk stands on; negative also where the chain has come back on
+// itself.
+int read_link(fat_editor *editor, circle_guard *guard, u32 cluster) {
+    return guard->closes_at(cluster) ? -EINVAL : follow_link(editor, cluster);
+}
 
-// The value of the link of the cluster the walk stands on; negative also where the chain has come
-// back on itself.
-int read_link(chain_walk *walk) {
-    if (walk->guard.closes_at(walk->cluster)) {
-        return -EINVAL;
+// Ends a release: what was gathered is written, whatever the walk came to. A failed write takes
+// precedence, since single writes would have met it first.
+int end_release(fat_editor *editor, int result) {
+    const int flushed = flush_editor(editor);
+    if (flushed < 0 || result < 0) {
+        report_at("fat_release_clusters", __LINE__, "Failed to read cluster!\n\n");
     }
-    return follow_link(&walk->fat, walk->cluster);
+    return flushed < 0 ? flushed : result;
 }
 
 } // namespace
@@ -131,17 +175,42 @@ int read_link(chain_walk *walk) {
 // ---- allocation -------------------------------------------------------------------------------
 
 int fat_alloc_cluster(oentry *entry, u32 *cluster) {
+    fat_editor editor;
+    return alloc_cluster(&editor, entry, cluster);
+}
+
+int alloc_clusters(oentry *entry, u32 *clusters, u32 count, u32 *allocated) {
     correct_hint();
-    const int found = find_free_cluster(cluster);
-    if (found < 0) {
-        return found;
+    const before_allocation before = remember(entry);
+    fat_editor editor;
+    editor.gathers = true;
+    int result = 0;
+    for (*allocated = 0; *allocated < count && result == 0;) {
+        editor.step = *allocated;
+        result = alloc_cluster(&editor, entry, &clusters[*allocated]);
+        *allocated += result == 0 ? 1 : 0;
     }
-    const int linked = link_cluster(entry, *cluster);
-    if (linked < 0) {
-        return linked;
+    if (!editor.write_failed && flush_editor(&editor) < 0) {
+        report_failed_write();
+        result = -EIO;
     }
-    sv->last_alloc_clus = *cluster;
-    return 0;
+    if (editor.write_failed) {
+        forget_lost(before, editor.dirty_since, clusters, entry);
+    }
+    return result;
+}
+
+void undo_allocation(oentry *entry, u32 old_last, const u32 *clusters, u32 count, u32 allocated) {
+    fat_editor editor;
+    editor.gathers = true;
+    // Nothing that fails here could be mended; the error that led here is the one to tell.
+    (void)edit_entry(&editor, old_last, FAT_END_MARK);
+    entry->last = old_last;
+    entry->allocated -= allocated * cluster_bytes();
+    for (u32 i = 0; i < count && clusters[i] >= FIRST_DATA_CLUSTER; i++) {
+        (void)edit_entry(&editor, clusters[i], FAT_FREE);
+    }
+    (void)flush_editor(&editor);
 }
 
 int clear_cluster(u32 cluster) {
@@ -186,9 +255,11 @@ int fat_extend_dir(oentry *entry, u32 *cluster) {
 // ---- walks ------------------------------------------------------------------------------------
 
 int fat_count_clusters(u32 first, u32 *last) {
-    chain_walk walk{first, {}, {}};
+    fat_editor editor;
+    circle_guard guard;
+    u32 cluster = first;
     for (int count = 1;; count++) {
-        const int next = read_link(&walk);
+        const int next = read_link(&editor, &guard, cluster);
         if (next < 0) {
             REPORT("Failed to read cluster!\n\n");
             return -EINVAL;
@@ -197,36 +268,39 @@ int fat_count_clusters(u32 first, u32 *last) {
             return 0;
         }
         if (is_end_of_chain(static_cast<u32>(next))) {
-            *last = walk.cluster;
+            *last = cluster;
             return count;
         }
-        walk.cluster = static_cast<u32>(next);
+        cluster = static_cast<u32>(next);
     }
 }
 
 int fat_release_clusters(oentry *entry, u32 keep) {
-    chain_walk walk{entry->start, {}, {}};
-    for (u32 count = 0;;) {
-        const int next = read_link(&walk);
+    fat_editor editor;
+    editor.gathers = true;
+    circle_guard guard;
+    u32 cluster = entry->start;
+    for (u32 count = 1;; count++) {
+        const int next = read_link(&editor, &guard, cluster);
         if (next < 1) {
-            REPORT("Failed to read cluster!\n\n");
-            return -EINVAL;
+            return end_release(&editor, -EINVAL);
         }
-        if (count >= keep) {
-            const int freed = change_entry(&walk.fat, walk.cluster, FAT_FREE);
+        if (count > keep) {
+            const int freed = edit_entry(&editor, cluster, FAT_FREE);
             if (freed < 0) {
-                REPORT("Failed to read cluster!\n\n");
-                return freed;
+                return end_release(&editor, freed);
             }
         }
-        count++;
         if (is_end_of_chain(static_cast<u32>(next))) {
-            if (walk.cluster != entry->last || count * cluster_bytes() != entry->allocated) {
+            const int ended = end_release(&editor, static_cast<int>(count - keep));
+            const bool is_whole =
+                cluster == entry->last && count * cluster_bytes() == entry->allocated;
+            if (ended >= 0 && !is_whole) {
                 REPORT("FAT chain is broken, but truncated all clusters\n");
             }
-            return static_cast<int>(count - keep);
+            return ended;
         }
-        walk.cluster = static_cast<u32>(next);
+        cluster = static_cast<u32>(next);
     }
 }
 

@@ -58,23 +58,6 @@ int chain_sector(chain_place *place, u32 base_clu, u32 sector_index, u32 *sector
     return 0;
 }
 
-// get_phy_sector() for a walk that goes on from `place`.
-int locate_sector(chain_place *place, u32 base_clu, u32 sector_index, u32 *sector) {
-    if (sector == nullptr || (base_clu >= FIRST_DATA_CLUSTER && !is_data_cluster(base_clu))) {
-        report_at("get_phy_sector", __LINE__, "NULL pointer or invalid xxx!\n\n");
-        return -EINVAL;
-    }
-    if (base_clu == 0 && sv->fat_type != 32) {
-        return root_area_sector(sector_index, sector);
-    }
-    if (base_clu < FIRST_DATA_CLUSTER) {
-        report_at("get_phy_sector", __LINE__, "invalid start cluster number %d\n",
-                  static_cast<int>(base_clu));
-        return -EINVAL;
-    }
-    return chain_sector(place, base_clu, sector_index, sector);
-}
-
 // The sector of the directory that holds entry `index`, and the entry's byte offset there.
 u32 sector_index_of(u32 index) {
     return static_cast<u32>(static_cast<u64>(index) * DENTRY_SIZE / sv->sector_size);
@@ -139,6 +122,22 @@ u32 base_cluster(const oentry *dir) {
 u32 dir_entry_count(const oentry *dir) {
     constexpr u32 FAT16_ROOT_ENTRIES = 512;
     return is_fat16_root(dir) ? FAT16_ROOT_ENTRIES : dir->allocated / DENTRY_SIZE;
+}
+
+int locate_sector(chain_place *place, u32 base_clu, u32 sector_index, u32 *sector) {
+    if (sector == nullptr || (base_clu >= FIRST_DATA_CLUSTER && !is_data_cluster(base_clu))) {
+        report_at("get_phy_sector", __LINE__, "NULL pointer or invalid xxx!\n\n");
+        return -EINVAL;
+    }
+    if (base_clu == 0 && sv->fat_type != 32) {
+        return root_area_sector(sector_index, sector);
+    }
+    if (base_clu < FIRST_DATA_CLUSTER) {
+        report_at("get_phy_sector", __LINE__, "invalid start cluster number %d\n",
+                  static_cast<int>(base_clu));
+        return -EINVAL;
+    }
+    return chain_sector(place, base_clu, sector_index, sector);
 }
 
 int get_phy_sector(u32 base_clu, u32 sector_index, u32 *sector) {

@@ -270,6 +270,86 @@ int get_current(void);
  */
 int fat_set_current(int did);
 
+/* ---- namespace ------------------------------------------------------------------------------- */
+
+/*
+ * Create an empty file, or a directory with its "." and "..". A name that does not fit 8.3 in one
+ * case gets a long name while long names are on. Paths as for fat_open().
+ *
+ * Return the id of the new entry, open, or
+ *   -EEXIST        the name exists
+ *   -ENOSPC        no room in the directory or on the volume
+ *   -EINVAL        NULL path, forbidden name, a path that leads deeper
+ *   -ENAMETOOLONG  a path of more than 260 characters
+ *   -EMFILE        created, but all ids are given out
+ *   -EIO, -ENOMEM  the FAT and the directory may have changed in part: see docs/power-loss.md
+ */
+int fat_create_file(const char *path);
+int fat_mkdir(const char *path);
+
+/*
+ * Creates a symbolic link that holds the text `target`, 1 to 260 characters. The library follows no
+ * links. Returns 0, the errors of fat_create_file(), or the error of writing the target: the link
+ * is then left empty.
+ */
+int fat_create_symlink(const char *target, const char *path);
+
+/*
+ * Removes a file, a symbolic link or an empty directory with its clusters. The long-name slots of
+ * the name stay behind, unused. A file to which nothing was ever written has no clusters and is
+ * refused with -EINVAL: fat_rm_entry() removes it.
+ *
+ * Returns the entries marked as removed, 1 or more, or -ENOENT, -ENOTEMPTY, -EINVAL, -ENAMETOOLONG,
+ * -EIO, -ENOMEM.
+ */
+int fat_unlink(const char *path);
+
+/*
+ * Removes the directory entry alone: its clusters, and whatever lies in a directory removed so,
+ * stay allocated and cannot be reached any more. Results as fat_unlink(); nothing is -ENOTEMPTY.
+ */
+int fat_rm_entry(const char *path);
+
+/* ---- data ------------------------------------------------------------------------------------ */
+
+/*
+ * Appends `count` bytes to an open file, whatever the position of its id is, and writes its
+ * directory entry. The buffer stays the caller's.
+ *
+ * Returns `count`, or a negative errno, which is also stored in errno save for -EINVAL of a NULL
+ * buffer, a zero count or no volume:
+ *   -EINVAL  no such id       -EISDIR  a directory
+ *   -ENOSPC  no room; the file is as it was
+ *   -EFBIG   the file would reach 4 GiB, or `count` is above INT_MAX; nothing has changed
+ *   -EIO     a transfer failed: clusters of this call are free again and the size is the old one,
+ *            unless the directory entry itself could not be written
+ *   -ENOMEM
+ */
+int fat_write_file(int id, const void *buffer, uint32_t count);
+
+/*
+ * Reads up to `count` bytes at the position of the id and moves it behind them. The end of the file
+ * is where the id's own copy of the directory entry has it.
+ *
+ * Returns the bytes read, 0 at the end of the file, or a negative errno, stored in errno as above:
+ * -EINVAL (no such id, a position behind the end of the file, a broken chain), -EISDIR, -EFAULT (a
+ * chain shorter than the file), -EIO, -ENOMEM. The position has then not moved.
+ */
+int fat_read_file(int id, void *buffer, uint32_t count);
+
+/*
+ * Moves the position of an open file to `offset` from its beginning (`whence` 0), from the position
+ * (1) or from the end (2), modulo 2^64. A position behind the end is stored; reading there fails.
+ * Returns the new position, or -EINVAL (no such id, another `whence`) or -EISDIR.
+ */
+int64_t fat_lseek(int id, int64_t offset, int whence);
+
+/*
+ * Stores the padded short name of an open entry, 11 bytes and a NUL, in `name_out` (12 bytes).
+ * Returns 0, -EBADF (no such id, or the root directory) or -EINVAL (no volume is open).
+ */
+int fat_dump_entry(int id, char *name_out);
+
 /* ---- printers -------------------------------------------------------------------------------- */
 
 /* Prints the format request to standard output. */

@@ -7,6 +7,7 @@
 #include "fat/internal.h"
 
 #include <cerrno>
+#include <utility>
 
 namespace fat {
 
@@ -77,6 +78,29 @@ int read_entry(fat_window *window, u32 cluster, u32 *value) {
     return 0;
 }
 
+// Makes the editor stand in `sector`, after writing what it changed in another one.
+int move_editor(fat_editor *editor, u64 sector) {
+    if (editor->changed.sector == sector) {
+        return 0;
+    }
+    const int flushed = flush_editor(editor);
+    if (flushed < 0) {
+        return flushed;
+    }
+    if (editor->seen.sector == sector) {
+        std::swap(editor->seen, editor->changed); // what was seen is about to be changed
+        editor->seen.sector = fat_window::NO_SECTOR;
+        return 0;
+    }
+    const int filled = fill_window(&editor->changed, sector);
+    if (filled == -ENOMEM) {
+        report_at("fat_write_entry", __LINE__, "cannot allocate buffer\n\n");
+    } else if (filled < 0) {
+        report_at("fat_write_entry", __LINE__, "cannot read FAT\n");
+    }
+    return filled;
+}
+
 } // namespace
 
 bool is_data_cluster(u32 cluster) {
@@ -94,7 +118,7 @@ int fat_read_entry(u32 cluster, u32 *value) {
     return read_entry(&window, cluster, value);
 }
 
-int change_entry(fat_window *window, u32 cluster, u32 value) {
+int edit_entry(fat_editor *editor, u32 cluster, u32 value) {
     if (sv == nullptr || sv->sector_size == 0) {
         report_at("fat_write_entry", __LINE__, "Invalid: sector size is not set\n\n");
         return -EINVAL;
@@ -104,20 +128,28 @@ int change_entry(fat_window *window, u32 cluster, u32 value) {
         return -EINVAL;
     }
     const entry_place place = place_of(cluster);
-    const int filled = fill_window(window, place.sector);
-    if (filled == -ENOMEM) {
-        report_at("fat_write_entry", __LINE__, "cannot allocate buffer\n\n");
-        return filled;
-    }
-    if (filled < 0) {
-        report_at("fat_write_entry", __LINE__, "cannot read FAT\n");
-        return filled;
+    const int moved = move_editor(editor, place.sector);
+    if (moved < 0) {
+        return moved;
     }
     // Index 0 of the table that begins at the entry: the entry itself.
-    (void)set_fat_entry(sv->fat_type, window->buffer.get() + place.offset, 0, value);
-    if (write_sectors(window->buffer.get(), place.sector, 1) != 1) {
+    (void)set_fat_entry(sv->fat_type, editor->changed.buffer.get() + place.offset, 0, value);
+    if (!editor->dirty && !editor->write_failed) {
+        editor->dirty_since = editor->step;
+    }
+    editor->dirty = true;
+    return editor->gathers ? 0 : flush_editor(editor);
+}
+
+int flush_editor(fat_editor *editor) {
+    if (!editor->dirty) {
+        return 0;
+    }
+    editor->dirty = false;
+    if (write_sectors(editor->changed.buffer.get(), editor->changed.sector, 1) != 1) {
         // What stands on the medium now is not known.
-        window->sector = fat_window::NO_SECTOR;
+        editor->write_failed = true;
+        editor->changed.sector = fat_window::NO_SECTOR;
         report_at("fat_write_entry", __LINE__, "cannot write FAT\n\n");
         return -EIO;
     }
@@ -125,8 +157,8 @@ int change_entry(fat_window *window, u32 cluster, u32 value) {
 }
 
 int fat_write_entry(u32 cluster, u32 value) {
-    fat_window window;
-    return change_entry(&window, cluster, value);
+    fat_editor editor;
+    return edit_entry(&editor, cluster, value);
 }
 
 // ---- links ------------------------------------------------------------------------------------
@@ -153,17 +185,22 @@ int follow_link(fat_window *window, u32 cluster) {
     return static_cast<int>(value);
 }
 
+int follow_link(fat_editor *editor, u32 cluster) {
+    const bool is_changed = editor->changed.sector != fat_window::NO_SECTOR &&
+                            editor->changed.sector == place_of(cluster).sector;
+    return follow_link(is_changed ? &editor->changed : &editor->seen, cluster);
+}
+
 int fat_read_clus(u32 cluster) {
     fat_window window;
     return follow_link(&window, cluster);
 }
 
-int fat_free_clus(u32 first, u32 last) {
-    fat_window window;
+int find_free(fat_editor *editor, u32 first, u32 last) {
     for (u64 cluster = first; cluster <= last; cluster++) {
-        const int value = follow_link(&window, static_cast<u32>(cluster));
+        const int value = follow_link(editor, static_cast<u32>(cluster));
         if (value < 0) {
-            REPORT("Invalid cluster value!\n\n");
+            report_at("fat_free_clus", __LINE__, "Invalid cluster value!\n\n");
             return value;
         }
         if (value == 0) {
@@ -171,6 +208,11 @@ int fat_free_clus(u32 first, u32 last) {
         }
     }
     return -ENOENT;
+}
+
+int fat_free_clus(u32 first, u32 last) {
+    fat_editor editor;
+    return find_free(&editor, first, last);
 }
 
 u32 fat_sector(u32 cluster) {

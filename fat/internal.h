@@ -9,6 +9,7 @@
 //   dentry, lookup, build           directory entries: reading, finding, writing
 //   namei                           paths
 //   oentry                          open entries
+//   create, remove, file            names, and the data of files
 //   mount                           opening a formatted volume
 //   debug                           printers
 // Two calls go upward and are meant: releasing a volume frees its open entries (oentry), and
@@ -41,6 +42,14 @@ struct oentry {
 };
 
 namespace fat {
+
+// ---- public calls -----------------------------------------------------------------------------
+
+// With no volume open a public call says so, in its own name, and fails.
+[[nodiscard]] bool no_volume(const char *function);
+
+// Stores the magnitude of a negative result in errno. Returns the result.
+int with_errno(int result);
 
 // ---- volume -----------------------------------------------------------------------------------
 
@@ -125,6 +134,19 @@ struct fat_window {
     u64 sector = NO_SECTOR;
 };
 
+// Changes to FAT entries within one public call. With `gathers` set, the changes of one sector are
+// written together, when a change moves on to another sector or at flush_editor(): each write then
+// stands where the last change of its sector stood. Otherwise every change is written at once.
+struct fat_editor {
+    bool gathers = false;
+    bool dirty = false;        // what `changed` holds is not on the medium yet
+    bool write_failed = false; // some write did
+    u32 step = 0;              // counted by the owner
+    u32 dirty_since = 0;       // the step of the first change that the last write carried
+    fat_window changed;        // the sector that is being changed
+    fat_window seen;           // another one, looked at in between
+};
+
 // Finds out that a chain runs in a circle, in time proportional to the circle and with no memory of
 // the clusters passed: the anchor is moved up at distances that double (Brent).
 struct circle_guard {
@@ -150,8 +172,10 @@ struct circle_guard {
 // write itself failed.
 [[nodiscard]] int fat_write_entry(u32 cluster, u32 value);
 
-// The same for a walk that holds the entry's sector; it is read where the window stands elsewhere.
-[[nodiscard]] int change_entry(fat_window *window, u32 cluster, u32 value);
+// fat_write_entry() within an editor, and the write of what it gathered. The owner of a gathering
+// editor flushes it at its end. Results and messages are those of fat_write_entry().
+[[nodiscard]] int edit_entry(fat_editor *editor, u32 cluster, u32 value);
+[[nodiscard]] int flush_editor(fat_editor *editor);
 
 // Follows one link: 0 for a free entry, the end-of-chain value, the next cluster, or a negative
 // errno for a number that is no data cluster, an entry that is no link, or a failed read.
@@ -159,10 +183,14 @@ struct circle_guard {
 
 // The same for walks, which read a FAT sector once while they stay in it.
 [[nodiscard]] int follow_link(fat_window *window, u32 cluster);
+[[nodiscard]] int follow_link(fat_editor *editor, u32 cluster);
 
 // The lowest free cluster from `first` to `last`, both included; -ENOENT when there is none, or the
 // error of the first entry that cannot be read or is no link.
 [[nodiscard]] int fat_free_clus(u32 first, u32 last);
+
+// The same as an editor sees the FAT, with the changes that it has not written yet.
+[[nodiscard]] int find_free(fat_editor *editor, u32 first, u32 last);
 
 // First sector of a cluster; 0 when the cluster lies outside the volume.
 [[nodiscard]] u32 fat_sector(u32 cluster);
@@ -174,6 +202,17 @@ struct circle_guard {
 // its number and must be initialised. The data of the cluster is not touched. Returns 0, -ENOSPC,
 // or the error of the FAT; the FAT is then as it was.
 [[nodiscard]] int fat_alloc_cluster(oentry *entry, u32 *cluster);
+
+// Allocates `count` clusters for the entry in one go; `clusters` receives their numbers and must be
+// zeroed. `allocated` receives how many succeeded. Each changed FAT sector is written once while
+// the allocations stay in it. Returns 0, or the error of the first allocation that failed: the
+// caller is then to undo.
+[[nodiscard]] int alloc_clusters(oentry *entry, u32 *clusters, u32 count, u32 *allocated);
+
+// Takes back what alloc_clusters() did: ends the chain at `old_last` again and frees the clusters
+// up to the first number that is none. Start and image of the entry stay as they are, and where
+// there was no last cluster the end mark goes into FAT entry 0.
+void undo_allocation(oentry *entry, u32 old_last, const u32 *clusters, u32 count, u32 allocated);
 
 // Writes zeroes over the sectors of a cluster. Returns 0, -ENOMEM or -EIO.
 [[nodiscard]] int clear_cluster(u32 cluster);
@@ -323,6 +362,10 @@ void set_start_cluster(u8 *dentry, u32 cluster);
 // The sector that holds sector `sector_index` of the directory. Returns 0, -EFAULT behind the end
 // of the root area or of the chain, or -EINVAL.
 [[nodiscard]] int get_phy_sector(u32 base_clu, u32 sector_index, u32 *sector);
+
+// The same for a walk that goes on from `place`.
+[[nodiscard]] int locate_sector(chain_place *place, u32 base_clu, u32 sector_index, u32 *sector);
+
 [[nodiscard]] int get_phy_sector_by_offset(u32 base_clu, u32 byte_offset, u32 *sector);
 [[nodiscard]] int get_entry_sector(u32 base_clu, u32 index, u32 *sector);
 
@@ -352,6 +395,10 @@ int get_lfn_chars(const u8 *slot, u16 *units);
 [[nodiscard]] int compare_entry_name(const u8 *entry, const u8 *dosName, const u16 *unicode,
                                      u16 *gathered, u32 *gathering);
 
+// Copies the units of a slot to the place in `gathered` (256 units) that its ordinal names; what
+// lies outside is left out.
+void gather_slot(const u8 *slot, u16 *gathered);
+
 // Gathers the long name whose last slot is `*entry`, entry `index` of the directory, standing in
 // `sector_buf`, into `units` (256). Returns its slots, 0 for a broken name, or a negative errno.
 // `*entry` then points at the entry behind the last slot that was read.
@@ -371,6 +418,26 @@ void set_entry_time(u8 *entry);
 // The kind of entry that only creation knows; files, directories and volume labels are named by
 // their entry types.
 inline constexpr u32 KIND_SYMLINK = 7;
+
+// The sectors that a run of slots touches, in the order in which they were read.
+struct run_sectors {
+    static constexpr u32 MAX = 3; // a long name takes 21 slots at most
+    heap_ptr<u8> buffers[MAX];
+    u32 sectors[MAX] = {};
+    u32 used = 0;
+
+    // Makes room for one more sector. Returns 0, -EINVAL (all room is used) or -ENOMEM.
+    [[nodiscard]] int reserve();
+
+    // Reads the sector of slot `index` into the room reserved. Returns 0 or a negative errno.
+    [[nodiscard]] int load(oentry *dir, u32 index, u8 **entry);
+
+    // Writes all of them back. Returns 0 or a negative errno.
+    [[nodiscard]] int write_back();
+};
+
+// Whether two slots of a directory lie in one sector.
+[[nodiscard]] bool same_sector(u32 index_a, u32 index_b);
 
 // Stores in `index` the first of `count` free slots in a row, deleted ones included; a directory
 // without such a run grows. Returns 0, -ENOSPC, -EINVAL, -ENOMEM or the error of the walk.
@@ -432,6 +499,30 @@ void free_lookup_result(oentry *dir);
 // terminated by that. Returns its length, -EINVAL (null) or -ENAMETOOLONG.
 [[nodiscard]] int fat_get_name(const char *path, char *out);
 
+// ---- create, remove ---------------------------------------------------------------------------
+
+// Creates a name of the given kind in the open directory. Returns the index of its short entry,
+// -EEXIST, -EINVAL (null, or the directory has been removed), -ENOSPC where no slots could be
+// found, or another negative errno; a cluster allocated before a failure stays allocated.
+[[nodiscard]] int do_create(oentry *dir, char *name, u32 kind);
+
+// The same for a path; opens what was created. Returns its id or a negative errno.
+[[nodiscard]] int create_internal(char *path, u32 kind);
+
+// Removes entry `index` with its clusters. Returns what remove_entry() does, or a negative errno.
+[[nodiscard]] int do_delete(oentry *dir, u32 index);
+
+// Marks entry `index` deleted. Returns the entries marked, 1 or more, or a negative errno.
+[[nodiscard]] int remove_entry(oentry *dir, u32 index);
+
+// Whether nothing but unused and deleted entries stands behind "." and "..". Returns 0 or 1 when it
+// is so, -ENOTEMPTY when not, or another negative errno.
+[[nodiscard]] int is_empty_dir(oentry *dir);
+
+// The name of a short entry: its long name where it has whole slots, else its short one. `size` is
+// 256 or more. Returns 0, -ENOENT (no such entry), -EINVAL, -ENOMEM or the error of the walk.
+[[nodiscard]] int get_name_of_entry(u32 base_clu, u32 index, char *out, u32 size);
+
 // ---- oentry -----------------------------------------------------------------------------------
 
 // The record of an id, null for an empty slot and for what is no id.
@@ -463,5 +554,27 @@ void put_oentry(int id);
 // Frees an open entry and its copy of the directory entry; null is ignored. Its slot in the table
 // is the caller's affair. Where it was the current directory, the root becomes current.
 void free_oentry(oentry *entry);
+
+// ---- file -------------------------------------------------------------------------------------
+
+// Stores the record of an id that names an open file. Returns 0, -EINVAL (no such id; null is
+// stored) or -EISDIR.
+[[nodiscard]] int get_file_entry(int id, oentry **entry);
+
+// Appends to the file and writes its directory entry. Returns `count`, or a negative errno: -EFBIG
+// before anything changed; -EIO of the directory entry leaves data and clusters in place.
+[[nodiscard]] int write_file_internal(oentry *entry, const void *buffer, u32 count);
+
+// Writes at byte `position`, which must lie within the clusters allocated or at their end, and
+// moves it on. All clusters are allocated first; a failure frees them again. Returns `count` or a
+// negative errno.
+[[nodiscard]] int do_write_file(oentry *entry, const void *buffer, u32 count, u32 *position);
+
+// Reads at the record's position up to the end of the file and moves the position on. Returns the
+// bytes read, at most INT_MAX, or a negative errno.
+[[nodiscard]] int read_file_internal(oentry *entry, void *buffer, u32 count);
+
+// Reads exactly `count` bytes at `position` and moves it on. Returns `count` or a negative errno.
+[[nodiscard]] int do_read_file(oentry *entry, void *buffer, u32 count, u64 *position);
 
 } // namespace fat

@@ -37,11 +37,6 @@ void place_units(const u8 *slot, s64 position, u16 *name) {
     }
 }
 
-void gather_slot(const u8 *slot, u16 *gathered) {
-    const s64 ordinal = load(slot, SLOT_ORDINAL) & ~SLOT_LAST;
-    place_units(slot, (ordinal - 1) * SLOT_UNITS, gathered);
-}
-
 bool has_short_name(const u8 *entry, const u8 *dosName) {
     return std::memcmp(entry + SHORT_NAME.offset, dosName, SHORT_NAME.size) == 0;
 }
@@ -144,6 +139,11 @@ bool continues_name(const u8 *entry, u8 checksum, u32 index, u16 *units) {
 } // namespace
 
 // ---- lookup -----------------------------------------------------------------------------------
+
+void gather_slot(const u8 *slot, u16 *gathered) {
+    const s64 ordinal = load(slot, SLOT_ORDINAL) & ~SLOT_LAST;
+    place_units(slot, (ordinal - 1) * SLOT_UNITS, gathered);
+}
 
 int uname_compare(const u16 *a, const u16 *b) {
     for (u32 i = 0; i < LONG_NAME_UNITS; i++) {

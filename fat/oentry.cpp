@@ -98,14 +98,6 @@ int open_leaf(oentry *parent, char *leaf) {
     return id;
 }
 
-// Stores the magnitude of a negative result in errno.
-int with_errno(int result) {
-    if (result < 0) {
-        errno = -result;
-    }
-    return result;
-}
-
 // Closes an entry of the wrong kind again.
 int refuse_kind(const char *function, int id, int error) {
     report_at(function, __LINE__, "attempt to open directory!\n\n");
@@ -129,15 +121,6 @@ int open_file_path(const char *path) {
         return refuse_kind("fat_open_file", id, -EISDIR);
     }
     return id;
-}
-
-// With no volume open a public call says so.
-bool no_volume(const char *function) {
-    if (sv != nullptr) {
-        return false;
-    }
-    report_at(function, __LINE__, "Check here!\n\n");
-    return true;
 }
 
 } // namespace

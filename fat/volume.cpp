@@ -163,6 +163,23 @@ int release_compacted() {
 
 namespace fat {
 
+// ---- public calls -----------------------------------------------------------------------------
+
+bool no_volume(const char *function) {
+    if (sv != nullptr) {
+        return false;
+    }
+    report_at(function, __LINE__, "Check here!\n\n");
+    return true;
+}
+
+int with_errno(int result) {
+    if (result < 0) {
+        errno = -result;
+    }
+    return result;
+}
+
 // ---- size of the target -----------------------------------------------------------------------
 
 int valid_offset(int fd, u64 offset) {

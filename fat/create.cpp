@@ -1,0 +1,155 @@
+// Creating files, directories and symbolic links.
+//
+// What was allocated for an entry that cannot be built stays allocated: nothing is rolled back.
+
+#include "fat/internal.h"
+
+#include <cerrno>
+#include <cstring>
+
+using namespace fat;
+
+namespace fat {
+
+namespace {
+
+// The name record of an entry being made, released at the end.
+struct held_name {
+    fat_name record = {};
+
+    held_name() = default;
+    held_name(const held_name &) = delete;
+    held_name &operator=(const held_name &) = delete;
+    ~held_name() {
+        release_name(&record);
+    }
+};
+
+// Slots of a name: its long-name slots, and the short entry.
+u32 slot_count(const fat_name &name) {
+    return name.unicode == nullptr ? 1 : (name.ulen + SLOT_UNITS - 1) / SLOT_UNITS + 1;
+}
+
+// Directories and links begin with one cleared cluster, files with none.
+int allocate_first_cluster(u32 kind, u32 *cluster) {
+    return kind == DENTRY_DIR || kind == KIND_SYMLINK ? fat_extend_dir(nullptr, cluster) : 0;
+}
+
+// Builds the entry of a name that the directory does not have.
+int build_new_entry(oentry *dir, fat_name *name, u32 kind) {
+    const u32 count = slot_count(*name);
+    u32 first = 0;
+    if (fat_find_empty_entries(dir, count, &first) < 0) {
+        return -ENOSPC; // whatever the reason was
+    }
+    u32 cluster = 0;
+    int result = allocate_first_cluster(kind, &cluster);
+    if (result < 0) {
+        return result;
+    }
+    const int index = build_entry(dir, first, count, kind, name, cluster);
+    if (index >= 0 && kind == DENTRY_DIR) {
+        const u32 parent = dir->dentry != nullptr ? dir->start : 0;
+        result = init_directory(parent, cluster);
+    }
+    return result < 0 ? result : index;
+}
+
+} // namespace
+
+int do_create(oentry *dir, char *name, u32 kind) {
+    if (dir == nullptr || name == nullptr) {
+        REPORT("Invalid input\n");
+        return -EINVAL;
+    }
+    if (dir->dentry != nullptr && !is_live_directory(dir->dentry)) {
+        REPORT("not directory entry\n");
+        return -EINVAL;
+    }
+    held_name held;
+    const int found = fat_find_dentry(dir, name, &held.record);
+    if (found >= 0) {
+        return -EEXIST;
+    }
+    return found == -ENOENT ? build_new_entry(dir, &held.record, kind) : found;
+}
+
+int create_internal(char *path, u32 kind) {
+    oentry *dir = nullptr;
+    char *name = nullptr;
+    int result = fat_path_lookup(path, &dir, &name);
+    if (result < 0) {
+        REPORT("Check here!\n\n");
+        return result;
+    }
+    result = do_create(dir, name, kind);
+    if (result == -EEXIST) {
+        REPORT("cannot create %s: File exists\n", path);
+    }
+    if (result >= 0) {
+        result = fat_entry_open(dir, static_cast<u32>(result));
+    }
+    free_lookup_result(dir);
+    return result;
+}
+
+namespace {
+
+// The common course of the public calls that give out a handle.
+int create_at(const char *function, const char *path, u32 kind) {
+    if (no_volume(function)) {
+        return -EINVAL;
+    }
+    path_buffer name = {};
+    const int named = fat_get_name(path, name);
+    if (named < 0) {
+        report_at(function, __LINE__, "Check here!\n\n");
+        return named;
+    }
+    return create_internal(name, kind);
+}
+
+} // namespace
+
+} // namespace fat
+
+int fat_create_file(const char *path) {
+    return create_at(__func__, path, DENTRY_FILE);
+}
+
+int fat_mkdir(const char *path) {
+    return create_at(__func__, path, DENTRY_DIR);
+}
+
+int fat_create_symlink(const char *target, const char *path) {
+    if (target == nullptr) {
+        REPORT("Check here!\n\n");
+        return -EINVAL;
+    }
+    const std::size_t length = std::strlen(target);
+    if (length > MAX_PATH_LENGTH) {
+        REPORT("Check here!\n\n");
+        return -ENAMETOOLONG;
+    }
+    if (no_volume(__func__)) {
+        return -EINVAL;
+    }
+    path_buffer name = {};
+    const int named = fat_get_name(path, name);
+    if (named < 0) {
+        REPORT("Check here!\n\n");
+        return named;
+    }
+    const int id = create_internal(name, KIND_SYMLINK);
+    if (id < 0) {
+        REPORT("Check here!\n\n");
+        return id;
+    }
+    const int written = fat_write_file(id, target, static_cast<uint32_t>(length));
+    const bool is_whole = written == static_cast<int>(length);
+    if (!is_whole) {
+        REPORT("Check here!\n\n");
+    }
+    (void)fat_close(id); // an id just given out
+    return is_whole ? 0 : written;
+}

@@ -1,0 +1,479 @@
+// File data: appending, reading, seeking.
+//
+// A write allocates every cluster it needs before it writes any data, and reaches the medium in
+// this order: FAT, data, directory entry. A read or write follows the chain once; sectors that lie
+// side by side on the medium and in the caller's buffer travel in one transfer.
+
+#include "fat/internal.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+using namespace fat;
+
+namespace fat {
+
+namespace {
+
+enum : int { SEEK_FROM_START = 0, SEEK_FROM_POSITION = 1, SEEK_FROM_END = 2 };
+
+u32 file_size(const oentry *entry) {
+    return load(entry->dentry, SHORT_FILE_SIZE);
+}
+
+u32 cluster_bytes() {
+    return sv->sec_per_clus * sv->sector_size;
+}
+
+// ---- where the data lies ----
+
+// The sectors of a file one after another, as runs that lie side by side on the medium.
+struct data_run {
+    u32 sector = 0; // first of the run
+    u32 count = 0;
+};
+struct run_finder {
+    const oentry *entry;
+    chain_place place;
+    u32 ahead = 0; // sector found behind the last run, when it did not belong to it
+    bool has_ahead = false;
+    int ahead_error = 0; // what the search behind the last run came to
+
+    explicit run_finder(const oentry *of) : entry(of) {}
+
+    int locate(u32 sector_index, u32 *sector) {
+        return locate_sector(&place, entry->start, sector_index, sector);
+    }
+};
+
+// Finds the run that begins with sector `sector_index` of the file, of at most `most` sectors. A
+// lookup that fails behind the first sector ends the run; its error is that of the next call.
+int find_run(run_finder *finder, u32 sector_index, u32 most, data_run *run) {
+    if (finder->ahead_error < 0) {
+        return finder->ahead_error;
+    }
+    if (!finder->has_ahead) {
+        const int found = finder->locate(sector_index, &finder->ahead);
+        if (found < 0) {
+            return found;
+        }
+    }
+    *run = {finder->ahead, 1};
+    finder->has_ahead = false;
+    while (run->count < most) {
+        finder->ahead_error = finder->locate(sector_index + run->count, &finder->ahead);
+        if (finder->ahead_error < 0) {
+            return 0;
+        }
+        if (finder->ahead != run->sector + run->count) {
+            finder->has_ahead = true;
+            return 0;
+        }
+        run->count++;
+    }
+    return 0;
+}
+
+// The part of a request that one transfer can serve: some bytes of one sector, or whole sectors.
+struct data_part {
+    u32 offset;  // in the first sector
+    u32 bytes;   // of this part
+    u32 sectors; // that it touches, where all are whole; 1 for a part of a sector
+
+    data_part(u64 position, u32 left) {
+        offset = static_cast<u32>(position % sv->sector_size);
+        const bool is_partial = offset != 0 || left < sv->sector_size;
+        sectors = is_partial ? 1 : left / sv->sector_size;
+        bytes = is_partial ? std::min(sv->sector_size - offset, left) : sectors * sv->sector_size;
+    }
+    [[nodiscard]] bool is_whole() const {
+        return bytes == sectors * sv->sector_size;
+    }
+};
+
+u32 sector_index_at(u64 position) {
+    return static_cast<u32>(position / sv->sector_size);
+}
+
+// ---- writing ----
+
+// Writes part of a sector: what stands in front of the new bytes is kept, what stands behind them
+// becomes zero.
+int write_partial(u32 sector, const data_part &part, const u8 *data) {
+    const heap_ptr<u8> buffer = zeroed_bytes(sv->sector_size);
+    if (buffer == nullptr) {
+        report_at("do_write_file", __LINE__, "cannot allocate memory\n");
+        return -ENOMEM;
+    }
+    if (part.offset != 0 && read_sectors(buffer.get(), sector, 1) != 1) {
+        report_at("do_write_file", __LINE__, "cannot read sector\n");
+        return -EIO;
+    }
+    const u32 end = part.offset + part.bytes;
+    std::memcpy(buffer.get() + part.offset, data, part.bytes);
+    std::memset(buffer.get() + end, 0, sv->sector_size - end);
+    if (write_sectors(buffer.get(), sector, 1) != 1) {
+        report_at("do_write_file", __LINE__, "cannot write sector to file\n");
+        return -EIO;
+    }
+    return 0;
+}
+
+int write_whole(const data_run &run, const u8 *data) {
+    // A transfer takes its buffer for both directions; a write does not change it.
+    if (write_sectors(const_cast<u8 *>(data), run.sector, run.count) != static_cast<int>(run.count)) {
+        report_at("do_write_file", __LINE__, "cannot write sector to file\n");
+        return -EIO;
+    }
+    return 0;
+}
+
+void report_lookup_of_write(int error) {
+    report_at("do_write_file", __LINE__, "Failed to get FAT sector!(%d)\n\n", error);
+    if (error == -EFAULT) {
+        report_bare("access out of cluster chain\n");
+    }
+}
+
+// Writes the data into clusters that are all allocated.
+int write_data(const oentry *entry, const u8 *data, u32 count, u32 position) {
+    run_finder finder(entry);
+    for (u32 written = 0; written < count;) {
+        data_part part(position, count - written);
+        data_run run;
+        const int found = find_run(&finder, sector_index_at(position), part.sectors, &run);
+        if (found < 0) {
+            report_lookup_of_write(found);
+            return found;
+        }
+        if (part.is_whole()) {
+            part.bytes = run.count * sv->sector_size;
+        }
+        const int result = part.is_whole() || part.bytes >= sv->sector_size
+                               ? write_whole(run, data + written)
+                               : write_partial(run.sector, part, data + written);
+        if (result < 0) {
+            return result;
+        }
+        written += part.bytes;
+        position += part.bytes;
+    }
+    return 0;
+}
+
+// The clusters of one write, and what it takes to give them back.
+struct write_allocation {
+    heap_ptr<u32> clusters;
+    u32 count = 0;
+    u32 allocated = 0;
+    u32 old_last = 0;
+};
+
+// Allocates what `extra` bytes behind the allocated ones need. Returns 0 or a negative errno; what
+// was allocated is in `allocation` in both cases.
+int allocate_for_write(oentry *entry, u32 extra, write_allocation *allocation) {
+    const u32 count = div_ceil(extra, cluster_bytes());
+    allocation->clusters = zeroed_records<u32>(count);
+    if (allocation->clusters == nullptr) {
+        report_at("do_write_file", __LINE__, "Memory allocation error!\n\n");
+        return -ENOMEM;
+    }
+    allocation->count = count;
+    allocation->old_last = entry->last;
+    const int result =
+        alloc_clusters(entry, allocation->clusters.get(), count, &allocation->allocated);
+    if (result < 0) {
+        report_at("do_write_file", __LINE__, "cannot allocate cluster\n");
+    }
+    return result;
+}
+
+void undo_write_allocation(oentry *entry, const write_allocation &allocation) {
+    if (allocation.count != 0) {
+        undo_allocation(entry, allocation.old_last, allocation.clusters.get(), allocation.count,
+                        allocation.allocated);
+    }
+}
+
+// Bytes of the request that do not fit into the clusters allocated already, as a signed number of
+// 32 bits: a recorded size far beyond the chain wraps, and is found out by the lookup that follows.
+s32 missing_bytes(const oentry *entry, u32 count, u32 position) {
+    return static_cast<s32>(count - (entry->allocated - position));
+}
+
+// The end of the file, the chain and the result must stay within their 32 bits.
+bool is_too_large(const oentry *entry, u32 count, u32 position) {
+    constexpr u64 LIMIT = UINT32_MAX;
+    const s32 missing = missing_bytes(entry, count, position);
+    const u64 clusters = missing > 0 ? div_ceil(static_cast<u32>(missing), cluster_bytes()) : 0;
+    return count > INT_MAX || static_cast<u64>(position) + count > LIMIT ||
+           entry->allocated + clusters * cluster_bytes() > LIMIT;
+}
+
+// The time of a write is its date alone.
+void stamp_write_date(u8 *dentry) {
+    set_entry_time(dentry);
+    store(dentry, SHORT_MTIME, 0);
+}
+
+// Writes the entry's image back. Only a negative result of the read counts as its failure.
+int update_image(const oentry *entry) {
+    const heap_ptr<u8> sector = zeroed_bytes(sv->sector_size);
+    if (sector == nullptr) {
+        report_at("write_file_internal", __LINE__, "Memory allocation error!\n\n");
+        return -ENOMEM;
+    }
+    if (read_sectors(sector.get(), entry->dentry_sector, 1) < 0) {
+        report_at("write_file_internal", __LINE__, "Failed to read sectors!\n\n");
+        return -EIO;
+    }
+    std::memcpy(sector.get() + entry->dentry_offset, entry->dentry, DENTRY_SIZE);
+    if (write_sectors(sector.get(), entry->dentry_sector, 1) != 1) {
+        report_at("write_file_internal", __LINE__, "cannot update metadata\n");
+        return -EIO;
+    }
+    return 0;
+}
+
+// ---- reading ----
+
+int read_partial(u32 sector, const data_part &part, u8 *sector_buf, u8 *data) {
+    if (read_sectors(sector_buf, sector, 1) != 1) {
+        report_at("do_read_file", __LINE__, "cannot read sector\n");
+        return -EIO;
+    }
+    std::memcpy(data, sector_buf + part.offset, part.bytes);
+    return 0;
+}
+
+int read_whole(const data_run &run, u8 *data) {
+    if (read_sectors(data, run.sector, run.count) != static_cast<int>(run.count)) {
+        report_at("do_read_file", __LINE__, "cannot read sector\n");
+        return -EIO;
+    }
+    return 0;
+}
+
+void report_lookup_of_read(int error) {
+    report_at("do_read_file", __LINE__, "Failed to get FAT sector!\n\n");
+    if (error == -EFAULT) {
+        report_at("do_read_file", __LINE__, "access out of cluster chain\n");
+    }
+}
+
+int read_data(const oentry *entry, u8 *sector_buf, u8 *data, u32 count, u64 position) {
+    run_finder finder(entry);
+    for (u32 done = 0; done < count;) {
+        data_part part(position, count - done);
+        data_run run;
+        const int found = find_run(&finder, sector_index_at(position), part.sectors, &run);
+        if (found < 0) {
+            report_lookup_of_read(found);
+            return found;
+        }
+        const bool is_whole = part.is_whole();
+        if (is_whole) {
+            part.bytes = run.count * sv->sector_size;
+        }
+        const int result = is_whole ? read_whole(run, data + done)
+                                    : read_partial(run.sector, part, sector_buf, data + done);
+        if (result < 0) {
+            return result;
+        }
+        done += part.bytes;
+        position += part.bytes;
+    }
+    return 0;
+}
+
+// ---- ids ----
+
+oentry *open_record(int id) {
+    return id >= 0 ? entry_of(id) : nullptr;
+}
+
+// A record without an image is the root directory, or as good as it.
+bool is_directory(const oentry *entry) {
+    return entry->dentry == nullptr || is_live_directory(entry->dentry);
+}
+
+} // namespace
+
+int get_file_entry(int id, oentry **entry) {
+    *entry = open_record(id);
+    if (*entry == nullptr) {
+        report_bare("not open file id %d\n", id);
+        return -EINVAL;
+    }
+    if (is_directory(*entry)) {
+        report_bare("not file\n\n");
+        return -EISDIR;
+    }
+    return 0;
+}
+
+int do_write_file(oentry *entry, const void *buffer, u32 count, u32 *position) {
+    write_allocation allocation;
+    const s32 missing = missing_bytes(entry, count, *position);
+    int result = 0;
+    if (missing > 0) {
+        result = allocate_for_write(entry, static_cast<u32>(missing), &allocation);
+    }
+    if (result == 0) {
+        result = write_data(entry, static_cast<const u8 *>(buffer), count, *position);
+    }
+    if (result < 0) {
+        undo_write_allocation(entry, allocation);
+        return result;
+    }
+    *position += count;
+    return static_cast<int>(count);
+}
+
+int write_file_internal(oentry *entry, const void *buffer, u32 count) {
+    const u32 size = file_size(entry);
+    u32 position = size;
+    const int written = is_too_large(entry, count, position)
+                            ? -EFBIG
+                            : do_write_file(entry, buffer, count, &position);
+    if (written <= 0) {
+        REPORT("Failed to write file!\n\n");
+        return written;
+    }
+    if (position != size) {
+        store(entry->dentry, SHORT_FILE_SIZE, position);
+        stamp_write_date(entry->dentry);
+    }
+    const int updated = update_image(entry);
+    return updated < 0 ? updated : written;
+}
+
+int do_read_file(oentry *entry, void *buffer, u32 count, u64 *position) {
+    const heap_ptr<u8> sector_buf = zeroed_bytes(sv->sector_size);
+    if (sector_buf == nullptr) {
+        REPORT("cannot allocate memory\n");
+        return -ENOMEM;
+    }
+    // A position before the beginning of the file: no chain leads there.
+    if (*position > INT64_MAX) {
+        report_lookup_of_read(-EINVAL);
+        return -EINVAL;
+    }
+    const int result =
+        read_data(entry, sector_buf.get(), static_cast<u8 *>(buffer), count, *position);
+    if (result < 0) {
+        return result;
+    }
+    *position += count;
+    return static_cast<int>(count);
+}
+
+int read_file_internal(oentry *entry, void *buffer, u32 count) {
+    const u32 size = file_size(entry);
+    // The comparison is signed, deliberately: positions from 2^63 on pass it and fail later.
+    if (static_cast<s64>(entry->pos) > static_cast<s64>(size)) {
+        REPORT("file position beyonds the file size!\n\n");
+        return -EINVAL;
+    }
+    u32 wanted = std::min(count, static_cast<u32>(INT_MAX)); // the result is an int
+    if (entry->pos <= size) {
+        wanted = std::min(wanted, static_cast<u32>(size - entry->pos));
+    }
+    if (wanted == 0) {
+        return 0;
+    }
+    u64 position = entry->pos;
+    const int done = do_read_file(entry, buffer, wanted, &position);
+    if (done > 0) {
+        entry->pos = position;
+    }
+    return done;
+}
+
+} // namespace fat
+
+int fat_write_file(int id, const void *buffer, uint32_t count) {
+    if (buffer == nullptr || count == 0) {
+        REPORT("NULL arg!\n\n");
+        return -EINVAL;
+    }
+    if (no_volume(__func__)) {
+        return -EINVAL;
+    }
+    oentry *entry = nullptr;
+    int result = get_file_entry(id, &entry);
+    if (result == 0) {
+        result = write_file_internal(entry, buffer, count);
+    }
+    if (result < 0) {
+        REPORT("Failed go get file entry!\n\n");
+    }
+    return with_errno(result);
+}
+
+int fat_read_file(int id, void *buffer, uint32_t count) {
+    if (buffer == nullptr || count == 0) {
+        REPORT("Invalid arg!\n\n");
+        return -EINVAL;
+    }
+    if (no_volume(__func__)) {
+        return -EINVAL;
+    }
+    oentry *entry = nullptr;
+    int result = get_file_entry(id, &entry);
+    if (result == 0) {
+        result = read_file_internal(entry, buffer, count);
+    }
+    if (result < 0) {
+        REPORT("Check here!\n\n");
+    }
+    return with_errno(result);
+}
+
+int64_t fat_lseek(int id, int64_t offset, int whence) {
+    if (no_volume(__func__)) {
+        return -EINVAL;
+    }
+    oentry *entry = open_record(id);
+    if (entry == nullptr) {
+        REPORT("Failed to get file_entry!\n\n");
+        return -EINVAL;
+    }
+    if (is_directory(entry)) {
+        REPORT("is directory!\n\n");
+        return -EISDIR;
+    }
+    // Sums are modulo 2^64: a position below 0 wraps to a very large one.
+    const u64 distance = static_cast<u64>(offset);
+    switch (whence) {
+    case SEEK_FROM_START:
+        entry->pos = distance;
+        break;
+    case SEEK_FROM_POSITION:
+        entry->pos += distance;
+        break;
+    case SEEK_FROM_END:
+        entry->pos = file_size(entry) + distance;
+        break;
+    default:
+        REPORT("unknown seek command!\n\n");
+        return -EINVAL;
+    }
+    return static_cast<int64_t>(entry->pos);
+}
+
+int fat_dump_entry(int id, char *name_out) {
+    if (no_volume(__func__)) {
+        return -EINVAL;
+    }
+    const oentry *entry = open_record(id);
+    if (entry == nullptr || entry->dentry == nullptr || name_out == nullptr) {
+        REPORT("Failed to get file entry!\n\n");
+        return -EBADF;
+    }
+    std::memcpy(name_out, entry->dentry + SHORT_NAME.offset, SHORT_NAME.size);
+    name_out[SHORT_NAME.size] = '\0';
+    return 0;
+}
