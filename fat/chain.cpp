@@ -119,7 +119,8 @@ before_allocation remember(const oentry *entry) {
 
 // Where the gathered changes of a sector could not be written, the allocations from `first_lost` on
 // never happened: a chain that began among them has not begun, and the hint is the one before them.
-void forget_lost(const before_allocation &before, u32 first_lost, const u32 *clusters, oentry *entry) {
+void forget_lost(const before_allocation &before, u32 first_lost, const u32 *clusters,
+                 oentry *entry) {
     if (first_lost > 0) {
         sv->last_alloc_clus = clusters[first_lost - 1];
         return;

@@ -6,6 +6,7 @@
 #include "fat/internal.h"
 
 #include <cerrno>
+#include <cstring>
 
 namespace fat {
 
@@ -199,6 +200,8 @@ int walk_to(dentry_walk *walk, u32 index, u8 **entry) {
         if (walk->dir != nullptr && is_behind_allocation(walk->dir, index)) {
             return -EFAULT;
         }
+        // A transfer that moves nothing leaves the end of the directory here, not the last sector.
+        std::memset(walk->sector_buf.get(), 0, sv->sector_size);
         const int result = load_dentry(&walk->place, walk->base_clu, index, walk->sector_buf.get(),
                                        &walk->location);
         if (result < 0) {

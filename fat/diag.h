@@ -5,7 +5,8 @@
 namespace fat {
 
 // Prints "FUNCTION[LINE]: " and the message to the diagnostics stream. errno is left as it was.
-[[gnu::format(printf, 3, 4)]] void report_at(const char *function, int line, const char *format, ...);
+[[gnu::format(printf, 3, 4)]] void report_at(const char *function, int line, const char *format,
+                                             ...);
 
 // Prints the message alone.
 [[gnu::format(printf, 1, 2)]] void report_bare(const char *format, ...);

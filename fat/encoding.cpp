@@ -16,12 +16,14 @@ namespace fat {
 namespace {
 
 constexpr u16 BYTE_ORDER_MARK = 0xFEFF;
+constexpr u16 SWAPPED_MARK = 0xFFFE;
 constexpr u32 ENCODED_BYTES = 256; // of input, and of output, in one conversion
 constexpr u32 FIRST_NON_ASCII = 0x80;
 
 // A conversion as iconv sees it. Every one begins in the initial state, so that no name depends on
 // the one before it.
-bool convert(iconv_t converter, char **in, std::size_t *in_left, char **out, std::size_t *out_left) {
+bool convert(iconv_t converter, char **in, std::size_t *in_left, char **out,
+             std::size_t *out_left) {
     iconv(converter, nullptr, nullptr, nullptr, nullptr);
     return iconv(converter, in, in_left, out, out_left) != static_cast<std::size_t>(-1);
 }
@@ -42,7 +44,9 @@ int encode_units(const char *cstring, u16 *unicode) {
     }
     const u16 *begin = output;
     u32 count = static_cast<u32>((sizeof output - out_left) / sizeof(u16));
-    if (count > 0 && output[0] == BYTE_ORDER_MARK) {
+    // First the converter's mark; then a name's own first character, which on a medium would be
+    // taken for one.
+    for (u32 marks = 0; marks < 2 && count > 0 && *begin == BYTE_ORDER_MARK; marks++) {
         begin++;
         count--;
     }
@@ -67,6 +71,17 @@ int widen_ascii(const char *cstring, u16 *unicode) {
     return LONG_NAME_UNITS - 1;
 }
 
+// A mark of the other byte order would set the converter to it for good, for every later name as
+// well. Swapping the units here has the same effect on this name alone.
+void put_in_host_order(u16 *units, u32 count) {
+    if (units[0] != SWAPPED_MARK) {
+        return;
+    }
+    for (u32 i = 0; i < count; i++) {
+        units[i] = static_cast<u16>(units[i] << 8 | units[i] >> 8);
+    }
+}
+
 int decode_units(const u16 *unicode, char *cstring) {
     u16 input[LONG_NAME_UNITS + 1] = {};
     u32 count = 0;
@@ -74,6 +89,7 @@ int decode_units(const u16 *unicode, char *cstring) {
         input[count] = unicode[count];
         count++;
     }
+    put_in_host_order(input, count);
     constexpr std::size_t ROOM = ENCODED_BYTES - 1;
     char *in = reinterpret_cast<char *>(input);
     std::size_t in_left = count * sizeof(u16);
@@ -112,7 +128,8 @@ int convert_cstring_to_uname(char *cstring, u16 *unicode) {
     if (cut < 0) {
         return cut;
     }
-    return sv->cd_to_uni != nullptr ? encode_units(cstring, unicode) : widen_ascii(cstring, unicode);
+    return sv->cd_to_uni != nullptr ? encode_units(cstring, unicode)
+                                    : widen_ascii(cstring, unicode);
 }
 
 int convert_uname_to_cstring(const u16 *unicode, char *cstring) {

@@ -29,7 +29,8 @@ struct entry_place {
 
 entry_place place_of(u32 cluster) {
     const u64 position = static_cast<u64>(cluster) * entry_size();
-    return {sv->fat_start + position / sv->sector_size, static_cast<u32>(position % sv->sector_size)};
+    return {sv->fat_start + position / sv->sector_size,
+            static_cast<u32>(position % sv->sector_size)};
 }
 
 u32 load_entry(const u8 *entry) {

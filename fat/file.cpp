@@ -123,7 +123,8 @@ int write_partial(u32 sector, const data_part &part, const u8 *data) {
 
 int write_whole(const data_run &run, const u8 *data) {
     // A transfer takes its buffer for both directions; a write does not change it.
-    if (write_sectors(const_cast<u8 *>(data), run.sector, run.count) != static_cast<int>(run.count)) {
+    if (write_sectors(const_cast<u8 *>(data), run.sector, run.count) !=
+        static_cast<int>(run.count)) {
         report_at("do_write_file", __LINE__, "cannot write sector to file\n");
         return -EIO;
     }

@@ -177,7 +177,8 @@ int create_root_dir(const u8 *bpb, u8 **rdir) {
 }
 
 int make_tables(fat_format_param *param, u8 **pbr, u8 **fsinfo, u8 **fat, u8 **rdir) {
-    if (param == nullptr || pbr == nullptr || fsinfo == nullptr || fat == nullptr || rdir == nullptr) {
+    if (param == nullptr || pbr == nullptr || fsinfo == nullptr || fat == nullptr ||
+        rdir == nullptr) {
         REPORT("NULL args!\n\n");
         return -EINVAL;
     }

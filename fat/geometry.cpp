@@ -78,9 +78,9 @@ void size_fat(const fat_format_param *param, u32 page_unit, u32 entry_size, u32 
                          (cluster_bytes(param) + static_cast<u64>(entry_size) * param->nr_fat);
     // Entries 0 and 1 describe no cluster: room for two more.
     const u64 fat_bytes = entry_size * (estimate + 2);
-    shape->fat_sectors =
-        align(static_cast<u32>((fat_bytes + param->sector_size - 1) >> shift_of(param->sector_size)),
-              page_unit);
+    shape->fat_sectors = align(
+        static_cast<u32>((fat_bytes + param->sector_size - 1) >> shift_of(param->sector_size)),
+        page_unit);
     shape->data_sectors -= static_cast<s64>(param->nr_fat) * shape->fat_sectors;
     shape->clusters = shape->data_sectors >> shift_of(param->sec_per_clus);
     const u64 entries = static_cast<u64>(shape->fat_sectors) * param->sector_size / entry_size;
@@ -134,11 +134,13 @@ int refuse_few_for_fat32(const fat_format_param *param, const geometry &shape) {
 }
 
 int refuse_many_for_fat32(const geometry &shape) {
-    report_bare("Number of clusters(%u) is over the limitation of maximum cluster counts for FAT32\n",
-                static_cast<u32>(shape.clusters));
+    report_bare(
+        "Number of clusters(%u) is over the limitation of maximum cluster counts for FAT32\n",
+        static_cast<u32>(shape.clusters));
     report_bare("Retry to format after reduce the cluster size\n");
-    report_bare("fat sectors %d max clusters %d data area %d\n", static_cast<int>(shape.fat_sectors),
-                static_cast<int>(shape.max_clusters), static_cast<int>(shape.data_sectors));
+    report_bare("fat sectors %d max clusters %d data area %d\n",
+                static_cast<int>(shape.fat_sectors), static_cast<int>(shape.max_clusters),
+                static_cast<int>(shape.data_sectors));
     return -EINVAL;
 }
 
@@ -187,11 +189,23 @@ int try_fat32(const fat_format_param *param, u32 total_sectors, u32 page_unit, g
     return 0;
 }
 
-// A number that its field of the boot sector cannot hold would be cut there without a trace; only
-// requests that the command line cannot make get this far with one.
-bool fits_boot_sector(const geometry &shape, u32 root_entries) {
-    return shape.reserved <= WORD_MAX && root_entries <= WORD_MAX &&
-           (shape.fat_size == 32 || shape.fat_sectors <= WORD_MAX);
+// Clusters behind a reserved area that the page made larger than the 32 sectors reckoned with.
+s64 clusters_left(const fat_format_param *param, const geometry &shape) {
+    const s64 moved = static_cast<s64>(shape.reserved) - FAT32_RESERVED_SECTORS;
+    return (shape.data_sectors - moved) >> shift_of(param->sec_per_clus);
+}
+
+// Shapes that only requests other than the command line's lead to: a number that its field of the
+// boot sector would cut without a trace, a FAT16 without a root directory, a FAT32 that its cluster
+// count would make a FAT16.
+bool is_describable(const fat_format_param *param, const geometry &shape, u32 root_entries) {
+    if (shape.reserved > WORD_MAX || root_entries > WORD_MAX) {
+        return false;
+    }
+    if (shape.fat_size == 16) {
+        return shape.fat_sectors <= WORD_MAX && shape.rdir_sectors != 0;
+    }
+    return clusters_left(param, shape) >= FAT32_MIN_CLUSTERS;
 }
 
 } // namespace
@@ -224,7 +238,8 @@ void refuse_request(const char *function, const fat_format_param *param) {
         param->root_entries, param->page_size);
 }
 
-int calc_fat_sectors(fat_format_param *param, u32 total_sectors, u32 *fat_sectors, u32 *num_clusters) {
+int calc_fat_sectors(fat_format_param *param, u32 total_sectors, u32 *fat_sectors,
+                     u32 *num_clusters) {
     if (!is_valid_request(param)) {
         refuse_request(__func__, param);
         return -EINVAL;
@@ -242,7 +257,7 @@ int calc_fat_sectors(fat_format_param *param, u32 total_sectors, u32 *fat_sector
         return result;
     }
     const u32 root_entries = (shape.rdir_sectors << shift_of(param->sector_size)) / DENTRY_SIZE;
-    if (!fits_boot_sector(shape, root_entries)) {
+    if (!is_describable(param, shape, root_entries)) {
         refuse_request(__func__, param);
         return -EINVAL;
     }

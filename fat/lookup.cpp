@@ -85,7 +85,8 @@ int search_directory(u32 base_clu, const fat_name *name) {
             gathering = 0;
             continue;
         }
-        if (compare_entry_name(entry, name->dosName, name->unicode, gathered, &gathering) == -EEXIST) {
+        if (compare_entry_name(entry, name->dosName, name->unicode, gathered, &gathering) ==
+            -EEXIST) {
             report_at("find_dentry_with_clu", __LINE__, "found index:(%d, %d)\n",
                       static_cast<int>(base_clu), static_cast<int>(index));
             return static_cast<int>(index);
@@ -160,7 +161,8 @@ int uname_compare(const u16 *a, const u16 *b) {
 int compare_entry_name(const u8 *entry, const u8 *dosName, const u16 *unicode, u16 *gathered,
                        u32 *gathering) {
     const u32 type = entry_type(entry);
-    const bool compares_long_names = sv->long_name != 0 && (sv->long_name != 1 || unicode != nullptr);
+    const bool compares_long_names =
+        sv->long_name != 0 && (sv->long_name != 1 || unicode != nullptr);
     if (!compares_long_names) {
         if (!is_short_entry(type)) {
             *gathering = 0;

@@ -110,7 +110,8 @@ int fill_geometry(const u8 *pbr) {
     take_shape(shape);
     const u32 width = width_of(shape.num_clusters);
     if (width == 0) {
-        report_at("fat_build_super", __LINE__, "NumCluster is over the limitation: clus(%d), FAT%d\n",
+        report_at("fat_build_super", __LINE__,
+                  "NumCluster is over the limitation: clus(%d), FAT%d\n",
                   static_cast<int>(shape.num_clusters), static_cast<int>(sv->fat_type));
         return -EINVAL;
     }

@@ -336,7 +336,8 @@ int convert_dosname_to_cstring(const u8 *dos, char *out, u8 lcase) {
     }
     if (dos[DOS_BASE_SIZE] != ' ') {
         *out++ = '.';
-        for (position = DOS_BASE_SIZE; position < DOS_NAME_SIZE && dos[position] != ' '; position++) {
+        for (position = DOS_BASE_SIZE; position < DOS_NAME_SIZE && dos[position] != ' ';
+             position++) {
             *out++ = static_cast<char>(lower_extension ? to_lower(dos[position]) : dos[position]);
         }
     }

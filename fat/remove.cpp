@@ -26,7 +26,8 @@ struct found_entry {
 
 // Finds the entry that a path names. The directory is to be given to free_lookup_result() in every
 // case. `failed_name` is what is said when the path is none.
-int find_entry(const char *function, const char *path, const char *failed_name, found_entry *found) {
+int find_entry(const char *function, const char *path, const char *failed_name,
+               found_entry *found) {
     path_buffer name = {};
     int result = fat_get_name(path, name);
     if (result < 0) {

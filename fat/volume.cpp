@@ -53,7 +53,8 @@ bool seek_sector(u64 sector) {
 // One system call moves at most SSIZE_MAX bytes; a request beyond that comes back short.
 std::size_t transfer_bytes(u32 count) {
     const u64 bytes = static_cast<u64>(count) * transfer_unit();
-    return bytes > SSIZE_MAX ? static_cast<std::size_t>(SSIZE_MAX) : static_cast<std::size_t>(bytes);
+    return bytes > SSIZE_MAX ? static_cast<std::size_t>(SSIZE_MAX)
+                             : static_cast<std::size_t>(bytes);
 }
 
 int whole_sectors(ssize_t bytes) {

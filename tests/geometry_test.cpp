@@ -81,6 +81,14 @@ decision decide(const asked &wish, std::uint32_t total) {
     return decide(wish, total, std::uint64_t{total} * wish.sector_bytes);
 }
 
+decision fat16(decision rest) {
+    rest.width = 16;
+    return rest;
+}
+decision fat32(decision rest) {
+    rest.width = 32;
+    return rest;
+}
 decision refused(const std::string &said) {
     return {.result = -EINVAL, .said = said};
 }
@@ -133,72 +141,56 @@ TEST(RoundUpTo, ReachesTheEndOfThirtyTwoBits) {
 
 TEST(CalcFatSectors, SixtyFourMiBInSectorsOf4096) {
     const asked wish = {.cluster_sectors = 1, .sector_bytes = 4096, .page_bytes = 4096};
-    EXPECT_EQ(
-        decide(wish, 16384),
-        (decision{
-            .width = 16, .reserved = 1, .root_entries = 512, .fat_sectors = 8, .clusters = 16363}));
+    EXPECT_EQ(decide(wish, 16384),
+              fat16({.reserved = 1, .root_entries = 512, .fat_sectors = 8, .clusters = 16363}));
     EXPECT_EQ(lay_out(wish, 64 * MIB), (areas{.fat = 1, .root = 17, .data = 21}));
     EXPECT_EQ(sv, nullptr);
 }
 
 TEST(CalcFatSectors, SixtyFourMiBInSectorsOf512AlignedToPagesOf4096) {
     const asked wish = {.cluster_sectors = 8, .sector_bytes = 512, .page_bytes = 4096};
-    EXPECT_EQ(
-        decide(wish, 131072),
-        (decision{
-            .width = 16, .reserved = 8, .root_entries = 512, .fat_sectors = 64, .clusters = 16363}));
+    EXPECT_EQ(decide(wish, 131072),
+              fat16({.reserved = 8, .root_entries = 512, .fat_sectors = 64, .clusters = 16363}));
     EXPECT_EQ(lay_out(wish, 64 * MIB), (areas{.fat = 8, .root = 136, .data = 168}));
 }
 
 TEST(CalcFatSectors, HalfAGiBExceedsFat16AndBecomesFat32) {
     const asked wish = {.cluster_sectors = 1, .sector_bytes = 4096, .page_bytes = 4096};
-    EXPECT_EQ(
-        decide(wish, 131072),
-        (decision{
-            .width = 32, .reserved = 32, .root_entries = 0, .fat_sectors = 128, .clusters = 130784}));
+    const decision expected = fat32({.reserved = 32, .fat_sectors = 128, .clusters = 130784});
+    EXPECT_EQ(decide(wish, 131072), expected);
     EXPECT_EQ(lay_out(wish, 512 * MIB), (areas{.fat = 32, .root = 288, .data = 288}));
 }
 
 TEST(CalcFatSectors, PageSizeZeroRoundsNothing) {
     const asked wish = {.cluster_sectors = 8, .sector_bytes = 512, .page_bytes = 0};
-    EXPECT_EQ(
-        decide(wish, 131000),
-        (decision{
-            .width = 16, .reserved = 1, .root_entries = 512, .fat_sectors = 64, .clusters = 16354}));
+    EXPECT_EQ(decide(wish, 131000),
+              fat16({.reserved = 1, .root_entries = 512, .fat_sectors = 64, .clusters = 16354}));
     EXPECT_EQ(lay_out(wish, 131000 * 512), (areas{.fat = 1, .root = 129, .data = 161}));
 
     // 4100 clusters need 17 sectors of FAT, whatever a page could hold.
     const asked small = {.cluster_sectors = 1, .sector_bytes = 512, .page_bytes = 0};
-    EXPECT_EQ(
-        decide(small, 4200),
-        (decision{
-            .width = 16, .reserved = 1, .root_entries = 512, .fat_sectors = 17, .clusters = 4133}));
+    EXPECT_EQ(decide(small, 4200),
+              fat16({.reserved = 1, .root_entries = 512, .fat_sectors = 17, .clusters = 4133}));
     EXPECT_EQ(lay_out(small, 4200 * 512), (areas{.fat = 1, .root = 35, .data = 67}));
 }
 
 TEST(CalcFatSectors, PageOf8192RoundsEveryAreaToSixteenSmallSectors) {
     const asked wish = {.cluster_sectors = 1, .sector_bytes = 512, .page_bytes = 8192};
-    EXPECT_EQ(
-        decide(wish, 4200),
-        (decision{
-            .width = 16, .reserved = 16, .root_entries = 512, .fat_sectors = 32, .clusters = 4088}));
+    EXPECT_EQ(decide(wish, 4200),
+              fat16({.reserved = 16, .root_entries = 512, .fat_sectors = 32, .clusters = 4088}));
     EXPECT_EQ(lay_out(wish, 4200 * 512), (areas{.fat = 16, .root = 80, .data = 112}));
 }
 
 TEST(CalcFatSectors, PageOf8192RoundsEveryAreaToTwoLargeSectors) {
     const asked wish = {.cluster_sectors = 1, .sector_bytes = 4096, .page_bytes = 8192};
-    EXPECT_EQ(
-        decide(wish, 20000),
-        (decision{
-            .width = 16, .reserved = 2, .root_entries = 512, .fat_sectors = 10, .clusters = 19974}));
+    EXPECT_EQ(decide(wish, 20000),
+              fat16({.reserved = 2, .root_entries = 512, .fat_sectors = 10, .clusters = 19974}));
 }
 
 TEST(CalcFatSectors, PageSmallerThanTheSectorAlignsToSectors) {
     const asked wish = {.cluster_sectors = 1, .sector_bytes = 4096, .page_bytes = 2048};
-    EXPECT_EQ(
-        decide(wish, 16384),
-        (decision{
-            .width = 16, .reserved = 1, .root_entries = 512, .fat_sectors = 8, .clusters = 16363}));
+    EXPECT_EQ(decide(wish, 16384),
+              fat16({.reserved = 1, .root_entries = 512, .fat_sectors = 8, .clusters = 16363}));
 }
 
 TEST(CalcFatSectors, RootEntriesAreRoundedUpToFillTheirSectors) {
@@ -215,10 +207,8 @@ TEST(CalcFatSectors, RootEntriesAreRoundedUpToFillTheirSectors) {
 
 TEST(CalcFatSectors, OneAndThreeFatCopies) {
     asked wish = {.page_bytes = 4096, .fats = 1};
-    EXPECT_EQ(
-        decide(wish, 16384),
-        (decision{
-            .width = 16, .reserved = 1, .root_entries = 512, .fat_sectors = 8, .clusters = 16371}));
+    EXPECT_EQ(decide(wish, 16384),
+              fat16({.reserved = 1, .root_entries = 512, .fat_sectors = 8, .clusters = 16371}));
     EXPECT_EQ(lay_out(wish, 64 * MIB), (areas{.fat = 1, .root = 9, .data = 13}));
     wish.fats = 3;
     EXPECT_EQ(decide(wish, 16384).clusters, 16355U);
@@ -226,6 +216,21 @@ TEST(CalcFatSectors, OneAndThreeFatCopies) {
     wish.fats = 255;
     EXPECT_EQ(decide(wish, 16384).fat_sectors, 8U);
     EXPECT_EQ(decide(wish, 16384).clusters, 16379U - 255 * 8);
+}
+
+TEST(CalcFatSectors, TheEstimateCountsTheTwoEntriesOfEveryFatThatNameNoCluster) {
+    // With many FATs, two entries too few or too many in the estimate move a FAT's end.
+    const asked sixteen = {.sector_bytes = 512, .page_bytes = 0, .fats = 255};
+    EXPECT_EQ(decide(sixteen, 8205),
+              fat16({.reserved = 1, .root_entries = 512, .fat_sectors = 16, .clusters = 4092}));
+    EXPECT_EQ(decide(sixteen, 8717),
+              fat16({.reserved = 1, .root_entries = 512, .fat_sectors = 18, .clusters = 4094}));
+    const asked thirty_two = {
+        .width = 32, .sector_bytes = 512, .page_bytes = 0, .root_entries = 0, .fats = 128};
+    EXPECT_EQ(decide(thirty_two, 150043),
+              fat32({.reserved = 32, .fat_sectors = 586, .clusters = 75003}));
+    EXPECT_EQ(decide(thirty_two, 150044),
+              fat32({.reserved = 32, .fat_sectors = 587, .clusters = 74876}));
 }
 
 TEST(CalcFatSectors, TheRequestsOwnReservedSectorsAreNotConsulted) {
@@ -246,19 +251,15 @@ TEST(CalcFatSectors, Fat16StartsAt4085Clusters) {
     for (const std::uint32_t width : {0U, 16U}) {
         const asked wish = {.width = width};
         EXPECT_EQ(decide(wish, 4093), refused(said));
-        EXPECT_EQ(
-            decide(wish, 4094),
-            (decision{
-                .width = 16, .reserved = 1, .root_entries = 512, .fat_sectors = 2, .clusters = 4085}));
+        EXPECT_EQ(decide(wish, 4094),
+                  fat16({.reserved = 1, .root_entries = 512, .fat_sectors = 2, .clusters = 4085}));
     }
 }
 
 TEST(CalcFatSectors, Fat16EndsAt65524ClustersWhenItIsAskedFor) {
     const asked wish = {.width = 16};
-    EXPECT_EQ(
-        decide(wish, 65593),
-        (decision{
-            .width = 16, .reserved = 1, .root_entries = 512, .fat_sectors = 32, .clusters = 65524}));
+    EXPECT_EQ(decide(wish, 65593),
+              fat16({.reserved = 1, .root_entries = 512, .fat_sectors = 32, .clusters = 65524}));
     EXPECT_EQ(decide(wish, 65594),
               refused("Cluster size(4096) is too small to format this to FAT16.\n"
                       "If you want to format this to FAT16, retry to format after enlarge the "
@@ -285,22 +286,16 @@ TEST(CalcFatSectors, Fat32StartsAt65525Clusters) {
                           "If you want to format the device to FAT32, retry to format after reduce "
                           "the cluster size\n"
                           "num_clusters 65524 data area 65524\n"));
-        EXPECT_EQ(decide(wish, 65685), (decision{.width = 32,
-                                                 .reserved = 32,
-                                                 .root_entries = 0,
-                                                 .fat_sectors = 64,
-                                                 .clusters = 65525}));
+        const decision least = fat32({.reserved = 32, .fat_sectors = 64, .clusters = 65525});
+        EXPECT_EQ(decide(wish, 65685), least);
     }
 }
 
 TEST(CalcFatSectors, Fat32EndsAt268435438Clusters) {
     for (const std::uint32_t width : {0U, 32U}) {
         const asked wish = {.width = width, .root_entries = width == 32 ? 0U : 512U};
-        EXPECT_EQ(decide(wish, 268959758), (decision{.width = 32,
-                                                     .reserved = 32,
-                                                     .root_entries = 0,
-                                                     .fat_sectors = 262144,
-                                                     .clusters = 268435438}));
+        EXPECT_EQ(decide(wish, 268959758),
+                  fat32({.reserved = 32, .fat_sectors = 262144, .clusters = 268435438}));
         EXPECT_EQ(decide(wish, 268959759),
                   refused("Number of clusters(268435439) is over the limitation of maximum cluster "
                           "counts for FAT32\n"
@@ -312,11 +307,8 @@ TEST(CalcFatSectors, Fat32EndsAt268435438Clusters) {
 TEST(CalcFatSectors, Fat32EndsAt268435438ClustersOfEightSmallSectors) {
     // The data area passes 2^31 sectors here.
     const asked wish = {.width = 32, .cluster_sectors = 8, .sector_bytes = 512, .root_entries = 0};
-    EXPECT_EQ(decide(wish, 2151677847), (decision{.width = 32,
-                                                  .reserved = 32,
-                                                  .root_entries = 0,
-                                                  .fat_sectors = 2097152,
-                                                  .clusters = 268435438}));
+    EXPECT_EQ(decide(wish, 2151677847),
+              fat32({.reserved = 32, .fat_sectors = 2097152, .clusters = 268435438}));
     EXPECT_EQ(decide(wish, 2151677848),
               refused("Number of clusters(268435439) is over the limitation of maximum cluster "
                       "counts for FAT32\n"
@@ -487,17 +479,9 @@ TEST(CalcFatSectors, TheAlignmentIsSaidBeforeARefusal) {
 
 TEST(CalcFatSectors, TheLargestEvenTotalWithTheLargestClusters) {
     EXPECT_EQ(decide({.cluster_sectors = 64, .sector_bytes = 4096}, 4294967294U),
-              (decision{.width = 32,
-                        .reserved = 32,
-                        .root_entries = 0,
-                        .fat_sectors = 65535,
-                        .clusters = 67106815}));
+              fat32({.reserved = 32, .fat_sectors = 65535, .clusters = 67106815}));
     EXPECT_EQ(decide({.cluster_sectors = 64, .sector_bytes = 512}, 4294967294U),
-              (decision{.width = 32,
-                        .reserved = 32,
-                        .root_entries = 0,
-                        .fat_sectors = 524168,
-                        .clusters = 67092483}));
+              fat32({.reserved = 32, .fat_sectors = 524168, .clusters = 67092483}));
 }
 
 TEST(CalcFatSectors, TheLargestEvenTotalIsTooMuchForFat16) {
@@ -595,7 +579,7 @@ TEST(CalcFatSectors, AgreesWithThePlainCalculationOnRandomRequests) {
                             .sector_bytes = 512U << random() % 4,
                             .page_bytes = one_of(0, 2048, 4096, 8192, 3000, 1000),
                             .root_entries = one_of(512, 512, 64, 100, 1000, 2048),
-                            .fats = one_of(1, 2, 2, 2, 3, 7)};
+                            .fats = one_of(1, 2, 2, 2, 3, 255)};
         // As many bits as not, so that small volumes are as frequent as large ones.
         const std::uint32_t total = static_cast<std::uint32_t>(random()) >> random() % 32;
         const decision made = decide(wish, total);
@@ -611,9 +595,10 @@ TEST(CalcFatSectors, AgreesWithThePlainCalculationOnRandomRequests) {
 namespace {
 
 std::string as_text(const asked &wish) {
+    const std::string cluster = std::to_string(wish.cluster_sectors) + " sectors of " +
+                                std::to_string(wish.sector_bytes) + " bytes";
     return "FAT" + std::to_string(wish.width) + ", " + std::to_string(wish.fats) + " FATs, " +
-           std::to_string(wish.cluster_sectors) + " sectors of " + std::to_string(wish.sector_bytes) +
-           " bytes per cluster, " + std::to_string(wish.root_entries) +
+           cluster + " per cluster, " + std::to_string(wish.root_entries) +
            " root entries, page size " + std::to_string(wish.page_bytes);
 }
 
@@ -727,5 +712,6 @@ TEST(FormatRequest, NoRequestIsRefused) {
     const ram_disk disk(64 * MIB);
     diagnostics said;
     EXPECT_EQ(fat_format(nullptr), -EINVAL);
-    EXPECT_EQ(said.text(), "make_tables[N]: NULL args!\n\nfat_format[N]: Failed to make table!\n\n");
+    EXPECT_EQ(said.text(), "make_tables[N]: NULL args!\n\n"
+                           "fat_format[N]: Failed to make table!\n\n");
 }

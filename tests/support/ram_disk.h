@@ -69,18 +69,24 @@ public:
     int failure_result = -5;        // what a failing transfer returns, and moves where positive
     bool fails_forever = false;
     std::set<std::uint64_t> bad_sectors; // transfers that touch one of these always fail
+    std::set<std::uint64_t> unreadable;  // reads that do
+    std::set<std::uint64_t> unwritable;  // writes that do
 
     // The bytes from `offset` on, for looking and for preparing.
     std::vector<std::uint8_t> peek(std::uint64_t offset, std::size_t size) {
         std::vector<std::uint8_t> result(size);
-        for (std::size_t i = 0; i < size; i++) {
-            result[i] = block_of(offset + i)[(offset + i) % BLOCK];
+        for (std::size_t i = 0; i < size;) {
+            const std::size_t part = part_in_block(offset + i, size - i);
+            std::memcpy(&result[i], &block_of(offset + i)[(offset + i) % BLOCK], part);
+            i += part;
         }
         return result;
     }
     void poke(std::uint64_t offset, const std::vector<std::uint8_t> &content) {
-        for (std::size_t i = 0; i < content.size(); i++) {
-            block_of(offset + i)[(offset + i) % BLOCK] = content[i];
+        for (std::size_t i = 0; i < content.size();) {
+            const std::size_t part = part_in_block(offset + i, content.size() - i);
+            std::memcpy(&block_of(offset + i)[(offset + i) % BLOCK], &content[i], part);
+            i += part;
         }
     }
 
@@ -118,14 +124,19 @@ private:
         (*before_failure)--;
         return false;
     }
-    [[nodiscard]] bool touches_bad_sector(std::uint64_t sector, std::uint32_t count) const {
-        const auto first = bad_sectors.lower_bound(sector);
-        return first != bad_sectors.end() && *first - sector < count;
+    static bool touches(const std::set<std::uint64_t> &sectors, std::uint64_t sector,
+                        std::uint32_t count) {
+        const auto first = sectors.lower_bound(sector);
+        return first != sectors.end() && *first - sector < count;
+    }
+    static std::size_t part_in_block(std::uint64_t offset, std::size_t size) {
+        return std::min<std::size_t>(BLOCK - static_cast<std::size_t>(offset % BLOCK), size);
     }
     static int read(void *buf, std::uint64_t sector, std::uint32_t count) {
         ram_disk &disk = *current();
         disk.log.push_back({false, sector, count});
-        if (disk.fails(&disk.reads_before_failure) || disk.touches_bad_sector(sector, count)) {
+        if (disk.fails(&disk.reads_before_failure) || touches(disk.bad_sectors, sector, count) ||
+            touches(disk.unreadable, sector, count)) {
             disk.move_some(buf, sector, count, false);
             return disk.failure_result;
         }
@@ -134,7 +145,8 @@ private:
     static int write(void *buf, std::uint64_t sector, std::uint32_t count) {
         ram_disk &disk = *current();
         disk.log.push_back({true, sector, count});
-        if (disk.fails(&disk.writes_before_failure) || disk.touches_bad_sector(sector, count)) {
+        if (disk.fails(&disk.writes_before_failure) || touches(disk.bad_sectors, sector, count) ||
+            touches(disk.unwritable, sector, count)) {
             disk.move_some(buf, sector, count, true);
             return disk.failure_result;
         }
@@ -156,7 +168,7 @@ private:
             const std::size_t inside = at % BLOCK;
             const std::size_t part = static_cast<std::size_t>(
                 std::min<std::uint64_t>(BLOCK - inside, moved * unit() - done));
-            std::uint8_t *block = block_of(at).data() + inside;
+            std::uint8_t *block = (is_write ? block_to_change(at) : block_of(at)).data() + inside;
             if (is_write) {
                 std::memcpy(block, buf + done, part);
             } else {
@@ -174,9 +186,18 @@ private:
         }
         return place->second;
     }
+    std::vector<std::uint8_t> &block_to_change(std::uint64_t offset) {
+        std::vector<std::uint8_t> &block = block_of(offset);
+        if (remembers_) {
+            before_.try_emplace(offset / BLOCK, block);
+        }
+        return block;
+    }
 
     background painter_;
     std::map<std::uint64_t, std::vector<std::uint8_t>> blocks_;
+    std::map<std::uint64_t, std::vector<std::uint8_t>> before_; // of the blocks written since
+    bool remembers_ = false;
 };
 
 } // namespace testing_support

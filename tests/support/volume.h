@@ -28,6 +28,7 @@ struct volume_shape {
     std::uint32_t sec_per_clus = 1;
     std::uint32_t clusters = 0;       // about so many and not fewer; 0: as few as the width takes
     std::uint32_t root_entries = 512; // FAT16: of the fixed root area
+    std::uint8_t fill = 0;            // of what is not written; 0xE5 makes deleted entries of it
 };
 
 // As part of the name of a case: "Fat16Sector512Cluster4".
@@ -149,7 +150,7 @@ class directory;
 // Made by the formatter, on a disk of its own, as the one open volume. Long names are on.
 class volume {
 public:
-    explicit volume(const volume_shape &shape = {}) : disk(bytes_for(shape)) {
+    explicit volume(const volume_shape &shape = {}) : disk(bytes_for(shape), shape.fill) {
         sv->long_name = 1;
         fat_format_param param = request(shape);
         if (check_format_param(&param) != 0) {

@@ -1,0 +1,1178 @@
+// Finding a name in a directory, and putting a stored long name together again.
+
+#include "tests/support/capture.h"
+#include "tests/support/faults.h"
+#include "tests/support/volume.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+using namespace fat;
+using namespace testing_support;
+
+namespace {
+
+struct answer {
+    int result;
+    std::string said;
+    bool operator==(const answer &) const = default;
+};
+std::ostream &operator<<(std::ostream &out, const answer &a) {
+    return out << a.result << ", \"" << a.said << "\"";
+}
+
+const answer ABSENT = {-ENOENT, ""};
+
+// One of the four kinds of directories.
+struct kind {
+    volume_shape shape;
+    bool is_root;
+};
+std::ostream &operator<<(std::ostream &out, const kind &k) {
+    return out << (k.is_root ? "Root" : "SubDirectory") << "Of" << k.shape;
+}
+std::string kind_name(const testing::TestParamInfo<kind> &info) {
+    return testing::PrintToString(info.param);
+}
+const kind KINDS[] = {
+    {{16, 512, 1}, true},  {{16, 512, 1}, false}, {{32, 512, 1}, true},
+    {{32, 512, 1}, false}, {{16, 2048, 4}, true}, {{32, 4096, 2}, false},
+};
+
+// A directory of five scattered clusters, or a FAT16 root.
+class in_directory : public testing::TestWithParam<kind> {
+protected:
+    answer heard(int result) {
+        const answer a{result, said.text()};
+        said.clear();
+        return a;
+    }
+    answer found(u32 index) const {
+        return {static_cast<int>(index), "find_dentry_with_clu[N]: found index:(" +
+                                             std::to_string(dir.base()) + ", " +
+                                             std::to_string(index) + ")\n"};
+    }
+    // Both entrances give the same answer.
+    answer find(std::string name, fat_name *record = nullptr) {
+        std::string copy = name;
+        const answer by_cluster = heard(find_dentry_with_clu(dir.base(), copy.data(), nullptr));
+        const answer by_directory = heard(fat_find_dentry(&dir.record, name.data(), record));
+        EXPECT_EQ(by_cluster, by_directory);
+        return by_directory;
+    }
+
+    volume v{GetParam().shape};
+    directory dir = GetParam().is_root
+                        ? (GetParam().shape.fat_type == 16 ? v.root() : v.longer_root({9, 7, 20, 8}))
+                        : v.sub_directory({5, 9, 7, 20, 8});
+    diagnostics said;
+};
+
+class FindDentry : public in_directory {};
+INSTANTIATE_TEST_SUITE_P(Directories, FindDentry, testing::ValuesIn(KINDS), kind_name);
+
+// The same where one kind of directory tells it all.
+class find_in_sub_directory : public in_directory {};
+class FindSlots : public find_in_sub_directory {};
+class FindFails : public find_in_sub_directory {};
+const kind SUB_DIRECTORIES[] = {{{16, 512, 1}, false}, {{32, 512, 1}, false}};
+INSTANTIATE_TEST_SUITE_P(Directories, FindSlots, testing::ValuesIn(SUB_DIRECTORIES), kind_name);
+INSTANTIATE_TEST_SUITE_P(Directories, FindFails, testing::ValuesIn(SUB_DIRECTORIES), kind_name);
+
+const std::u16string A13 = u"AAAAAAAAAAAAA";
+const std::u16string B13 = u"BBBBBBBBBBBBB";
+const std::u16string C13 = u"CCCCCCCCCCCCC";
+
+std::string numbered(const char *before, u32 number, const char *after = "") {
+    std::string result = before;
+    result += std::to_string(number);
+    result += after;
+    return result;
+}
+
+std::string narrow(const std::u16string &wide) {
+    return {wide.begin(), wide.end()};
+}
+
+} // namespace
+
+// ---- short names ------------------------------------------------------------------------------
+
+TEST_P(FindDentry, ShortNameIsFoundInAnyOneCase) {
+    const u32 index = dir.append(short_entry("README  TXT"));
+    for (const char *name : {"README.TXT", "readme.txt", "README.txt", "readme.TXT"}) {
+        EXPECT_EQ(find(name), found(index)) << name;
+    }
+}
+
+TEST_P(FindDentry, FirstOfTwoEqualNamesIsFound) {
+    dir.append(short_entry("OTHER   TXT"));
+    const u32 first = dir.append(short_entry("README  TXT"));
+    dir.append(short_entry("README  TXT", DIRECTORY));
+    EXPECT_EQ(find("README.TXT"), found(first));
+}
+
+TEST_P(FindDentry, AllElevenBytesMustAgree) {
+    dir.append(short_entry("README  TXT"));
+    for (const char *name : {"README", "README.TX", "README.TXU", "READM.TXT", "README1.TXT",
+                             "READMET.XT", "EADME.TXT"}) {
+        EXPECT_EQ(find(name), ABSENT) << name;
+    }
+}
+
+TEST_P(FindDentry, FilesAndDirectoriesOfAnyAttributesAreFound) {
+    u32 i = 0;
+    for (const unsigned attr : {0x00U, 0x01U, 0x02U, 0x04U, 0x07U, 0x10U, 0x17U, 0x20U, 0x27U,
+                                0x30U, 0x37U, 0x40U, 0x80U, 0xC7U, 0xF7U}) {
+        const std::string dos = numbered("NAME", 100 + i++, "    ");
+        const u32 index = dir.append(short_entry(dos, static_cast<u8>(attr)));
+        EXPECT_EQ(find(dos.substr(0, 7)), found(index)) << "attributes " << attr;
+    }
+}
+
+TEST_P(FindDentry, VolumeLabelIsNoName) {
+    dir.append(short_entry("README  TXT", LABEL));
+    dir.append(short_entry("README  TXT", LABEL | ARCHIVE));
+    EXPECT_EQ(find("README.TXT"), ABSENT);
+    const u32 index = dir.append(short_entry("README  TXT"));
+    EXPECT_EQ(find("README.TXT"), found(index));
+}
+
+TEST_P(FindDentry, EntryThatIsDirectoryAndLabelIsToldAndPassed) {
+    dir.append(short_entry("README  TXT", DIRECTORY | LABEL));
+    const u32 index = dir.append(short_entry("README  TXT"));
+    answer expected = found(index);
+    expected.said = "entry_type[N]: Unknown entry type: 24\n\n" + expected.said;
+    EXPECT_EQ(find("README.TXT"), expected);
+}
+
+TEST_P(FindDentry, DeletedEntryIsPassed) {
+    dir.append(deleted(short_entry("README  TXT")));
+    EXPECT_EQ(find("README.TXT"), ABSENT);
+    const u32 index = dir.append(short_entry("README  TXT"));
+    EXPECT_EQ(find("README.TXT"), found(index));
+}
+
+TEST_P(FindDentry, NothingIsLookedAtBehindAnUnusedEntry) {
+    dir.append(short_entry("OTHER   TXT"));
+    dir.append(entry_image{});
+    dir.append(short_entry("README  TXT"));
+    EXPECT_EQ(find("README.TXT"), ABSENT);
+}
+
+TEST_P(FindDentry, EmptyDirectoryIsLeftAtOnce) {
+    dir.append(entry_image{});
+    v.disk.log.clear();
+    EXPECT_EQ(find("README.TXT"), ABSENT);
+    const transfer first = {false, dir.sectors[0], 1};
+    EXPECT_EQ(v.disk.log, (std::vector{first, first}));
+}
+
+TEST_P(FindDentry, DotEntriesAreFoundByTheirFixedNames) {
+    const u32 self = dir.append(short_entry(".          ", DIRECTORY, 5));
+    const u32 parent = dir.append(short_entry("..         ", DIRECTORY));
+    EXPECT_EQ(find("."), found(self));
+    EXPECT_EQ(find(".."), found(parent));
+    EXPECT_EQ(find("README"), ABSENT);
+}
+
+TEST_P(FindDentry, TrailingBlanksAndDotsAreCutOffTheCallersString) {
+    const u32 index = dir.append(short_entry("FILE    TXT"));
+    char name[] = "file.txt. . ";
+    EXPECT_EQ(heard(fat_find_dentry(&dir.record, name, nullptr)), found(index));
+    EXPECT_STREQ(name, "file.txt");
+}
+
+TEST_P(FindDentry, FirstCharacterE5IsStoredEscaped) {
+    const u32 index = dir.append(short_entry("\x05"
+                                             "TOILE     "));
+    EXPECT_EQ(find("\xE5TOILE"), found(index));
+}
+
+TEST_P(FindDentry, NameThatFitsItsElevenBytesNeedsNoAscii) {
+    const u32 index = dir.append(short_entry("CAF\xC3\xA9   TXT"));
+    EXPECT_EQ(find("caf\xC3\xA9.txt"), found(index));
+}
+
+TEST_P(FindDentry, NamesInEverySectorOfTheDirectoryAreFound) {
+    for (u32 i = 0; i < dir.capacity() - 1; i++) {
+        dir.append(short_entry(numbered("N", 1000 + i, "      ")));
+    }
+    for (u32 i = 0; i < dir.capacity() - 1; i += 7) {
+        EXPECT_EQ(find(numbered("n", 1000 + i)), found(i));
+    }
+    EXPECT_EQ(find("n999"), ABSENT);
+}
+
+// ---- long names -------------------------------------------------------------------------------
+
+TEST_P(FindDentry, LongNameIsFoundInItsOwnCaseOnly) {
+    const u32 index = dir.append_long(u"ReadMe.txt", "README~1TXT");
+    EXPECT_EQ(find("ReadMe.txt"), found(index));
+    for (const char *name : {"ReadMe.TXT", "Readme.txt", "README.TXT", "readme.txt", "readME.txt",
+                             "ReadMe.tx", "ReadMe.text", "eadMe.txt"}) {
+        EXPECT_EQ(find(name), ABSENT) << name;
+    }
+}
+
+TEST_P(FindDentry, ShortNameOfALongOneIsFoundToo) {
+    const u32 index = dir.append_long(u"ReadMe.txt", "README~1TXT");
+    EXPECT_EQ(find("README~1.TXT"), found(index));
+    EXPECT_EQ(find("readme~1.txt"), found(index));
+    EXPECT_EQ(find("ReadMe~1.txt"), ABSENT);
+}
+
+TEST_P(FindDentry, NameWithALongFormNeedsSlots) {
+    dir.append(short_entry("README  TXT"));
+    EXPECT_EQ(find("ReadMe.txt"), ABSENT);
+    dir.append(short_entry("LONGFILETXT"));
+    EXPECT_EQ(find("longfilename.txt"), ABSENT);
+}
+
+TEST_P(FindDentry, LossyNameIsFoundByItsLongForm) {
+    const u32 index = dir.append_long(u"longfilename.txt", "LONGFI~1TXT");
+    EXPECT_EQ(find("longfilename.txt"), found(index));
+    EXPECT_EQ(find("LONGFILENAME.TXT"), ABSENT);
+    EXPECT_EQ(find("longfile.txt"), ABSENT);
+    const u32 other = dir.append_long(u"a+b.txt", "A_B~1   TXT");
+    EXPECT_EQ(find("a+b.txt"), found(other));
+}
+
+TEST_P(FindDentry, LongNameOfEveryLengthIsFound) {
+    for (const std::size_t length : {9U, 12U, 13U, 14U, 25U, 26U, 27U, 39U, 130U, 254U, 255U}) {
+        dir.go_to(0);
+        dir.append(short_entry("OTHER   TXT"));
+        const std::u16string name = std::u16string(length - 1, u'l') + u'x';
+        const u32 index = dir.append_long(name, "LLLLLL~1   ");
+        EXPECT_EQ(find(narrow(name)), found(index)) << length << " units";
+        EXPECT_EQ(find(narrow(name.substr(0, length - 1))), ABSENT) << length << " units";
+        EXPECT_EQ(find(narrow(name.substr(0, length - 1) + u'y')), ABSENT) << length << " units";
+        if (length < 255) {
+            EXPECT_EQ(find(narrow(name + u'x')), ABSENT) << length << " units";
+        }
+    }
+}
+
+TEST_P(FindDentry, NameOfMoreThan255CharactersIsCutToThem) {
+    const std::u16string name = std::u16string(255, u'l');
+    const u32 index = dir.append_long(name, "LLLLLL~1   ");
+    EXPECT_EQ(find(std::string(256, 'l')), found(index));
+    EXPECT_EQ(find(std::string(1000, 'l')), found(index));
+}
+
+TEST_P(FindDentry, WithLongNamesOffOnlyShortNamesCount) {
+    sv->long_name = 0;
+    const u32 long_index = dir.append_long(u"ReadMe.txt", "README~1TXT");
+    EXPECT_EQ(find("ReadMe.txt"), ABSENT);
+    const u32 index = dir.append(short_entry("README  TXT"));
+    EXPECT_EQ(find("ReadMe.txt"), found(index));
+    EXPECT_EQ(find("Readme~1.Txt"), found(long_index));
+    const u32 cut = dir.append(short_entry("LONGFILETXT"));
+    EXPECT_EQ(find("longfilename.txt"), found(cut));
+}
+
+TEST_P(FindDentry, SlotsDoNotMatterToANameWithoutALongForm) {
+    dir.append(long_slots(u"OTHER.TXT", "OTHER   TXT"));
+    dir.append(long_slot(0x7F, A13, 0));
+    const u32 index = dir.append(short_entry("README  TXT"));
+    EXPECT_EQ(find("README.TXT"), found(index));
+}
+
+// ---- slots in any state -----------------------------------------------------------------------
+
+TEST_P(FindSlots, ChecksumIsNotLookedAt) {
+    dir.append(long_slot(0x41, u"ReadMe.txt", checksum_of("README~1TXT") ^ 0xFFU));
+    const u32 index = dir.append(short_entry("README~1TXT"));
+    EXPECT_EQ(find("ReadMe.txt"), found(index));
+}
+
+TEST_P(FindSlots, OrphanSlotsBelongToTheNextShortEntry) {
+    dir.append(long_slots(u"ReadMe.txt", "README~1TXT"));
+    const u32 index = dir.append(short_entry("OTHER   TXT"));
+    EXPECT_EQ(find("ReadMe.txt"), found(index));
+    EXPECT_EQ(find("OTHER.TXT"), found(index));
+}
+
+TEST_P(FindSlots, NameBehindOrphansAndDeletedEntriesIsFound) {
+    dir.append(deleted(short_entry("README~1TXT")));
+    dir.append(long_slots(std::u16string(40, u'o'), "OOOOOO~1   "));
+    dir.append(deleted(long_slot(0x41, u"ReadMe.txt", 0)));
+    dir.append(long_slots(std::u16string(30, u'p'), "PPPPPP~1   "));
+    const u32 index = dir.append_long(u"ReadMe.txt", "README~1TXT");
+    EXPECT_EQ(find("ReadMe.txt"), found(index));
+}
+
+TEST_P(FindSlots, OrdinalsPlaceTheUnitsInWhateverOrderTheyStand) {
+    const std::u16string name = A13 + B13 + u"Tail";
+    std::vector<entry_image> slots = long_slots(name, "AAAAAA~1   ");
+    std::vector<std::size_t> order = {0, 1, 2};
+    do {
+        dir.go_to(0);
+        for (const std::size_t slot : order) {
+            dir.append(slots[slot]);
+        }
+        const u32 index = dir.append(short_entry("AAAAAA~1   "));
+        EXPECT_EQ(find(narrow(name)), found(index)) << order[0] << order[1] << order[2];
+    } while (std::next_permutation(order.begin(), order.end()));
+}
+
+TEST_P(FindSlots, LaterSlotOfTheSameOrdinalWins) {
+    dir.append(long_slot(0x41, u"FirstName", 0));
+    dir.append(long_slot(0x41, u"SecondOne", 0));
+    const u32 index = dir.append(short_entry("NAME    TXT"));
+    EXPECT_EQ(find("FirstName"), ABSENT);
+    EXPECT_EQ(find("SecondOne"), found(index));
+}
+
+TEST_P(FindSlots, MarkOfTheLastSlotIsNotNeeded) {
+    dir.append(long_slot(0x01, u"ReadMe.txt", 0));
+    const u32 index = dir.append(short_entry("README~1TXT"));
+    EXPECT_EQ(find("ReadMe.txt"), found(index));
+}
+
+TEST_P(FindSlots, HighBitsOfTheAttributeDoNotHideASlot) {
+    for (const unsigned attr : {0x0FU, 0x4FU, 0x8FU, 0xCFU}) {
+        dir.go_to(0);
+        entry_image slot = long_slot(0x41, u"ReadMe.txt", 0);
+        slot[11] = static_cast<u8>(attr);
+        dir.append(slot);
+        const u32 index = dir.append(short_entry("README~1TXT"));
+        EXPECT_EQ(find("ReadMe.txt"), found(index)) << "attribute " << attr;
+    }
+}
+
+TEST_P(FindSlots, EntriesBetweenSlotsAndShortEntryUndoTheGathering) {
+    const std::pair<entry_image, std::string> between[] = {
+        {deleted(short_entry("GONE       ")), ""},
+        {deleted(long_slot(0x01, u"Gone", 0)), ""},
+        {short_entry("LABEL      ", LABEL), ""},
+        {short_entry("INVALID    ", LABEL | DIRECTORY), "entry_type[N]: Unknown entry type: 24\n\n"},
+    };
+    for (const auto &[entry, message] : between) {
+        dir.go_to(0);
+        dir.append(long_slots(u"ReadMe.txt", "README~1TXT"));
+        dir.append(entry);
+        const u32 index = dir.append(short_entry("README~1TXT"));
+        EXPECT_EQ(find("ReadMe.txt"), (answer{-ENOENT, message}));
+        answer expected = found(index);
+        expected.said = message + expected.said;
+        EXPECT_EQ(find("README~1.TXT"), expected);
+    }
+}
+
+TEST_P(FindSlots, EntryBetweenTwoSlotsTakesOnlyTheFlagAway) {
+    // What the first slot wrote is still there when the second sets the flag again.
+    dir.append(long_slot(0x42, u"Tail", 0));
+    dir.append(deleted(short_entry("GONE       ")));
+    dir.append(long_slot(0x01, A13, 0));
+    const u32 index = dir.append(short_entry("AAAAAA~1   "));
+    EXPECT_EQ(find(narrow(A13 + u"Tail")), found(index));
+}
+
+TEST_P(FindSlots, SecondShortEntryBehindTheSlotsHasNoLongName) {
+    dir.append(long_slots(u"OtherName", "OTHERN~1   "));
+    dir.append(short_entry("OTHERN~1   "));
+    dir.append(short_entry("README~1TXT"));
+    EXPECT_EQ(find("ReadMe.txt"), ABSENT);
+    EXPECT_EQ(find("README~1.TXT"), found(2));
+}
+
+TEST_P(FindSlots, UnitsOfAnEarlierNameStayBehindALaterOneWithoutItsEnd) {
+    dir.append_long(A13 + u"BBBB", "AAAAAA~1   ");
+    dir.append(long_slot(0x01, C13, 0));
+    const u32 index = dir.append(short_entry("CCCCCC~1   "));
+    EXPECT_EQ(find(narrow(C13 + u"BBBB")), found(index));
+    EXPECT_EQ(find(narrow(C13)), ABSENT);
+}
+
+TEST_P(FindSlots, FullLastSlotEndsTheNameInFrontOfOldUnits) {
+    dir.append_long(A13 + u"BBBB", "AAAAAA~1   ");
+    const u32 index = dir.append_long(C13, "CCCCCC~1   ");
+    EXPECT_EQ(find(narrow(C13)), found(index));
+    EXPECT_EQ(find(narrow(C13 + u"BBBB")), ABSENT);
+}
+
+TEST_P(FindSlots, MissingSlotLeavesTheUnitsThatWereThere) {
+    dir.append_long(A13 + B13 + u"Tail", "AAAAAA~1   ");
+    // The middle slot of three is gone.
+    dir.append(long_slot(0x43, u"End", 0));
+    dir.append(long_slot(0x01, C13, 0));
+    const u32 index = dir.append(short_entry("CCCCCC~1   "));
+    EXPECT_EQ(find(narrow(C13 + B13 + u"End")), found(index));
+}
+
+TEST_P(FindSlots, SlotsOutsideTheNameMakeItHaveSlotsAndNothingElse) {
+    // 1 to 19 lie inside 256 units whole, 20 in part, these not at all.
+    for (const unsigned ordinal :
+         {0x40U, 0x15U, 0x55U, 0x3FU, 0x7FU, 0x80U, 0x81U, 0xBFU, 0xC0U, 0xC1U, 0xFFU}) {
+        dir.go_to(0);
+        dir.append(long_slots(u"ReadMe.txt", "README~1TXT"));
+        dir.append(deleted(short_entry("README~1TXT")));
+        dir.append(long_slot(ordinal, A13, 0));
+        const u32 index = dir.append(short_entry("OTHER   TXT"));
+        EXPECT_EQ(find("ReadMe.txt"), found(index)) << "ordinal " << ordinal;
+    }
+}
+
+TEST_P(FindSlots, ShortNamesAreComparedWhereTheGatheredNameIsEmpty) {
+    for (const entry_image &slot :
+         {long_slot(0x41, u"", 0), long_slot(0x01, u"", 0), long_slot(0x40, A13, 0),
+          long_slot(0x7F, A13, 0), long_slot(0xC1, A13, 0), long_slot(0x42, A13, 0)}) {
+        dir.go_to(0);
+        dir.append(slot);
+        dir.append(short_entry("OTHER   TXT"));
+        dir.append(slot);
+        const u32 index = dir.append(short_entry("README  TXT"));
+        EXPECT_EQ(find("ReadMe.txt"), found(index)) << "ordinal " << int{slot[0]};
+        EXPECT_EQ(find("NoOther.txt"), ABSENT) << "ordinal " << int{slot[0]};
+    }
+}
+
+TEST_P(FindSlots, EmptyNameIsForgottenWithItsShortEntry) {
+    dir.append(long_slot(0x41, u"", 0));
+    dir.append(short_entry("OTHER   TXT"));
+    dir.append(short_entry("README  TXT"));
+    EXPECT_EQ(find("ReadMe.txt"), ABSENT);
+}
+
+TEST_P(FindSlots, TwentiethSlotEndsTheNameAtItsEighthUnit) {
+    std::u16string name;
+    for (unsigned k = 1; k <= 20; k++) {
+        name += std::u16string(13, static_cast<char16_t>(u'a' + k));
+    }
+    for (unsigned k = 20; k >= 1; k--) {
+        dir.append(long_slot(k == 20 ? 0x54 : k, name.substr((k - 1) * std::size_t{13}, 13), 0));
+    }
+    const u32 index = dir.append(short_entry("ABCDEF~1   "));
+    // 256 units without a terminator are gathered; the name looked for ends at 255.
+    EXPECT_EQ(find(narrow(name.substr(0, 255))), ABSENT);
+    // With a terminator in its place the name is found.
+    dir.put(0, long_slot(0x54, name.substr(247, 8), 0));
+    EXPECT_EQ(find(narrow(name.substr(0, 255))), found(index));
+}
+
+TEST_P(FindSlots, SixtyThreeSlotsAreGatheredUpToTheEndOfTheName) {
+    std::u16string name(255, u'n');
+    for (unsigned k = 63; k >= 1; k--) {
+        const unsigned mark = k == 63 ? 0x40 : 0;
+        const std::u16string units = k < 20    ? std::u16string(13, u'n')
+                                     : k == 20 ? std::u16string(8, u'n')
+                                               : A13;
+        dir.append(long_slot(k | mark, units, 0));
+    }
+    const u32 index = dir.append(short_entry("NNNNNN~1   "));
+    EXPECT_EQ(find(narrow(name)), found(index));
+}
+
+// ---- the end of the directory -----------------------------------------------------------------
+
+TEST_P(FindDentry, FullDirectoryEndsTheWalkWithItsSpace) {
+    dir.fill_up(short_entry("OTHER   TXT"));
+    dir.put(dir.capacity() - 1, short_entry("LAST    TXT"));
+    const std::string end =
+        dir.base() == 0 ? "get_phy_sector[N]: Invalid sector number in Root dir\n\n" : "";
+    EXPECT_EQ(find("LAST.TXT"), found(dir.capacity() - 1));
+    EXPECT_EQ(find("README.TXT"),
+              (answer{-ENOENT, end + "get_dentry_with_clu[N]: Failed to get entry sector!:(" +
+                                   std::to_string(dir.base()) + ", " +
+                                   std::to_string(dir.capacity()) + ")\n\n"}));
+}
+
+TEST_P(FindDentry, AllocatedSizeDoesNotBoundTheWalk) {
+    dir.fill_up(short_entry("OTHER   TXT"));
+    dir.put(dir.capacity() - 1, short_entry("LAST    TXT"));
+    dir.record.allocated = 32;
+    EXPECT_EQ(find("LAST.TXT"), found(dir.capacity() - 1));
+}
+
+TEST(FindInAnOddRoot, LargeAreaIsWalkedToItsEnd) {
+    volume v({.root_entries = 1024});
+    directory root = v.root();
+    root.fill_up(short_entry("OTHER   TXT"));
+    root.put(1023, short_entry("LAST    TXT"));
+    diagnostics said;
+    char name[] = "LAST.TXT";
+    EXPECT_EQ(fat_find_dentry(&root.record, name, nullptr), 1023);
+    EXPECT_EQ(said.text(), "find_dentry_with_clu[N]: found index:(0, 1023)\n");
+}
+
+TEST(FindInAnOddRoot, SmallAreaIsWalkedToItsEnd) {
+    volume v({.root_entries = 32});
+    directory root = v.root();
+    root.fill_up(short_entry("OTHER   TXT"));
+    diagnostics said;
+    char name[] = "LAST.TXT";
+    EXPECT_EQ(fat_find_dentry(&root.record, name, nullptr), -ENOENT);
+    EXPECT_EQ(said.text(), "get_phy_sector[N]: Invalid sector number in Root dir\n\n"
+                           "get_dentry_with_clu[N]: Failed to get entry sector!:(0, 32)\n\n");
+}
+
+// ---- failures ---------------------------------------------------------------------------------
+
+TEST_P(FindFails, ArgumentsMustBeThere) {
+    char name[] = "README.TXT";
+    const answer refusal = {-EINVAL, "fat_find_dentry[N]: Check Here!\n\n"};
+    EXPECT_EQ(heard(fat_find_dentry(nullptr, name, nullptr)), refusal);
+    EXPECT_EQ(heard(fat_find_dentry(&dir.record, nullptr, nullptr)), refusal);
+    EXPECT_EQ(heard(fat_find_dentry(nullptr, nullptr, nullptr)), refusal);
+    EXPECT_EQ(heard(find_dentry_with_clu(5, nullptr, nullptr)),
+              (answer{-EINVAL, "get_fatnames[N]: Invalid arg!\n\n"
+                               "find_dentry_with_clu[N]: Failed to get fatnames!\n\n"}));
+}
+
+TEST_P(FindFails, NameOfNothingIsRefusedBeforeTheWalk) {
+    v.disk.log.clear();
+    for (const char *name : {"", " ", "...", ". ."}) {
+        const answer a = find(name);
+        EXPECT_EQ(a, (answer{-EINVAL, "convert_cstring_to_dosname[N]: zero length string!\n\n"
+                                      "convert_name[N]: invalid name in DOS:" +
+                                          std::string(name) +
+                                          "\n"
+                                          "find_dentry_with_clu[N]: Failed to get fatnames!\n\n"}));
+    }
+    EXPECT_TRUE(v.disk.log.empty());
+}
+
+TEST_P(FindFails, LongFormThatIsNotAsciiCannotBeLookedFor) {
+    EXPECT_EQ(find("Caf\xC3\xA9.txt"),
+              (answer{-EINVAL, "convert_cstring_to_uname[N]: cannot convert non-ascii\n"
+                               "convert_name[N]: Failed to convert ...!\n\n"
+                               "find_dentry_with_clu[N]: Failed to get fatnames!\n\n"}));
+}
+
+TEST_P(FindFails, ClusterThatIsNoDirectory) {
+    char name[] = "README.TXT";
+    EXPECT_EQ(heard(find_dentry_with_clu(1, name, nullptr)),
+              (answer{-EINVAL, "get_phy_sector[N]: invalid start cluster number 1\n"
+                               "get_dentry_with_clu[N]: Failed to get entry sector!:(1, 0)\n\n"
+                               "find_dentry_with_clu[N]: fail to get dentry(1, 0):"
+                               "Invalid argument\n"}));
+    EXPECT_EQ(heard(find_dentry_with_clu(0xFFFFFFFF, name, nullptr)),
+              (answer{-EINVAL, "get_phy_sector[N]: NULL pointer or invalid xxx!\n\n"
+                               "get_dentry_with_clu[N]: Failed to get entry sector!:"
+                               "(4294967295, 0)\n\n"
+                               "find_dentry_with_clu[N]: fail to get dentry(4294967295, 0):"
+                               "Invalid argument\n"}));
+}
+
+TEST_P(FindFails, BrokenChainEndsTheWalkWithTheErrorOfTheAddress) {
+    dir.fill_up(short_entry("OTHER   TXT"));
+    const std::string end = "get_dentry_with_clu[N]: Failed to get entry sector!:(5, 32)\n\n"
+                            "find_dentry_with_clu[N]: fail to get dentry(5, 32):Invalid argument\n";
+    for (const u32 value : {1U, sv->num_clusters + 2, volume::bad_mark()}) {
+        v.set_link(9, value);
+        EXPECT_EQ(find("README.TXT"), (answer{-EINVAL, "fat_read_clus[N]: Invalid cluster!\n\n"
+                                                       "get_phy_sector[N]: invalid value -22\n" +
+                                                           end}));
+    }
+    v.set_link(9, 0);
+    EXPECT_EQ(find("README.TXT"), (answer{-EINVAL, "get_phy_sector[N]: invalid value 0\n" + end}));
+    v.disk.bad_sectors = {volume::fat_sector_of(5)};
+    EXPECT_EQ(find("README.TXT"),
+              (answer{-EINVAL, "fat_read_entry[N]: cannot read FAT\n\n"
+                               "get_phy_sector[N]: invalid value -5\n"
+                               "get_dentry_with_clu[N]: Failed to get entry sector!:(5, 16)\n\n"
+                               "find_dentry_with_clu[N]: fail to get dentry(5, 16):"
+                               "Invalid argument\n"}));
+}
+
+TEST_P(FindFails, NameInFrontOfTheDamageIsFound) {
+    dir.fill_up(short_entry("OTHER   TXT"));
+    dir.put(31, short_entry("README  TXT"));
+    v.set_link(9, 1);
+    EXPECT_EQ(find("README.TXT"), found(31));
+}
+
+TEST_P(FindFails, SectorThatCannotBeReadEndsTheWalk) {
+    dir.fill_up(short_entry("OTHER   TXT"));
+    for (const u32 bad : {0U, 1U, 2U}) {
+        v.disk.bad_sectors = {dir.sectors[bad]};
+        const std::string sector = std::to_string(dir.sectors[bad]);
+        const std::string index = std::to_string(16 * bad);
+        EXPECT_EQ(find("README.TXT"),
+                  (answer{-EIO, "get_dentry_with_clu[N]: cannot read sectors:(sector: " + sector +
+                                    ")\n"
+                                    "find_dentry_with_clu[N]: fail to get dentry(5, " +
+                                    index + "):Input/output error\n"}));
+    }
+}
+
+TEST_P(FindFails, OnlyANegativeResultOfAReadEndsTheWalk) {
+    dir.fill_up(short_entry("OTHER   TXT"));
+    dir.put(40, short_entry("README  TXT"));
+    v.disk.reads_before_failure = 0;
+    v.disk.failure_result = 2;
+    char name[] = "README.TXT";
+    EXPECT_EQ(heard(find_dentry_with_clu(5, name, nullptr)), found(40));
+}
+
+// ---- memory -----------------------------------------------------------------------------------
+
+namespace {
+
+// The answers of a lookup when the first, the second, ... allocation fails, up to the first one
+// that does not matter. Nothing is left allocated by any of them.
+class FindWithoutMemory : public find_in_sub_directory {
+protected:
+    std::vector<answer> answers(const std::string &name, bool with_record) {
+        std::vector<answer> result;
+        bool struck = true;
+        for (int k = 0; struck; k++) {
+            std::string text = name;
+            fat_name record = {};
+            int status = 0;
+            const allocation_meter meter;
+            {
+                const failing_allocation fault(k);
+                status = find_dentry_with_clu(5, text.data(), with_record ? &record : nullptr);
+                struck = fault.struck();
+            }
+            release_name(&record);
+            EXPECT_EQ(meter.live_blocks(), 0) << "allocation " << k;
+            result.push_back(heard(status));
+        }
+        return result;
+    }
+
+    const answer no_memory = {-ENOMEM, "find_dentry_with_clu[N]: Failed to allocate memory!\n\n"};
+    const answer no_names = {-ENOMEM, "convert_name[N]: cannot allocate space\n"
+                                      "find_dentry_with_clu[N]: Failed to get fatnames!\n\n"};
+};
+INSTANTIATE_TEST_SUITE_P(Directories, FindWithoutMemory, testing::ValuesIn(SUB_DIRECTORIES),
+                         kind_name);
+
+} // namespace
+
+TEST_P(FindWithoutMemory, ShortNameInTheFirstSector) {
+    dir.append(short_entry("README  TXT"));
+    // The record, its short name, the sector.
+    EXPECT_EQ(answers("README.TXT", false), (std::vector{no_memory, no_names, no_memory, found(0)}));
+    EXPECT_EQ(answers("README.TXT", true), (std::vector{no_names, no_memory, found(0)}));
+}
+
+TEST_P(FindWithoutMemory, LongNameInTheSecondCluster) {
+    dir.fill_up(short_entry("OTHER   TXT"));
+    dir.go_to(20);
+    const u32 index = dir.append_long(u"ReadMe.txt", "README~1TXT");
+    const answer no_fat = {-EINVAL, "fat_read_entry[N]: cannot allocate FAT\n\n"
+                                    "get_phy_sector[N]: invalid value -12\n"
+                                    "get_dentry_with_clu[N]: Failed to get entry sector!:(5, 16)\n\n"
+                                    "find_dentry_with_clu[N]: fail to get dentry(5, 16):"
+                                    "Invalid argument\n"};
+    // The record, its two names, the sector, the FAT sector.
+    EXPECT_EQ(answers("ReadMe.txt", false),
+              (std::vector{no_memory, no_names, no_names, no_memory, no_fat, found(index)}));
+    EXPECT_EQ(answers("ReadMe.txt", true),
+              (std::vector{no_names, no_names, no_memory, no_fat, found(index)}));
+}
+
+TEST_P(FindWithoutMemory, NothingStaysAllocatedOnAnyOtherPath) {
+    dir.append_long(u"ReadMe.txt", "README~1TXT");
+    const allocation_meter meter;
+    for (const char *name : {"ReadMe.txt", "README~1.TXT", "Absent.txt", "ABSENT", "", "Caf\xC3"}) {
+        std::string text = name;
+        (void)find_dentry_with_clu(5, text.data(), nullptr);
+    }
+    v.disk.bad_sectors = {dir.sectors[0]};
+    char text[] = "ReadMe.txt";
+    EXPECT_EQ(find_dentry_with_clu(5, text, nullptr), -EIO);
+    EXPECT_EQ(meter.live_blocks(), 0);
+}
+
+// ---- the caller's record ----------------------------------------------------------------------
+
+namespace {
+
+class FindFills : public find_in_sub_directory {
+protected:
+    ~FindFills() override {
+        release_name(&record);
+    }
+    void expect_filled(const char *cstring, const std::string &dos, const std::u16string &wide) {
+        EXPECT_EQ(record.cstring, cstring);
+        EXPECT_EQ(std::string(record.dosName, record.dosName + 11), dos);
+        EXPECT_EQ(record.ulen, wide.size());
+        if (wide.empty()) {
+            EXPECT_EQ(record.unicode, nullptr);
+        } else {
+            EXPECT_EQ(std::u16string(record.unicode, record.unicode + wide.size()), wide);
+            EXPECT_EQ(record.unicode[wide.size()], 0);
+        }
+    }
+
+    fat_name record = {};
+};
+INSTANTIATE_TEST_SUITE_P(Directories, FindFills, testing::ValuesIn(SUB_DIRECTORIES), kind_name);
+
+} // namespace
+
+TEST_P(FindFills, RecordOfANameThatIsFound) {
+    const u32 index = dir.append_long(u"ReadMe.txt", "README~1TXT");
+    char name[] = "ReadMe.txt";
+    EXPECT_EQ(heard(fat_find_dentry(&dir.record, name, &record)), found(index));
+    expect_filled(name, "README  TXT", u"ReadMe.txt");
+    EXPECT_EQ(record.lcase, 0x18);
+    EXPECT_EQ(record.lossy, 0U);
+}
+
+TEST_P(FindFills, RecordOfANameThatIsAbsent) {
+    char name[] = "readme.TXT";
+    EXPECT_EQ(heard(fat_find_dentry(&dir.record, name, &record)), ABSENT);
+    expect_filled(name, "README  TXT", u"");
+    EXPECT_EQ(record.lcase, 0x08);
+    EXPECT_EQ(record.lossy, 0U);
+}
+
+TEST_P(FindFills, RecordOfAWalkThatFailed) {
+    v.disk.bad_sectors = {dir.sectors[0]};
+    char name[] = "longfilename.txt";
+    EXPECT_EQ(heard(fat_find_dentry(&dir.record, name, &record)).result, -EIO);
+    expect_filled(name, "LONGFILETXT", u"longfilename.txt");
+    EXPECT_EQ(record.lossy, 1U);
+}
+
+// ---- one entry of a lookup --------------------------------------------------------------------
+
+namespace {
+
+constexpr u32 GATHERING = 1;
+
+class CompareEntryName : public testing::Test {
+protected:
+    CompareEntryName() {
+        std::fill(std::begin(gathered), std::end(gathered), CANARY);
+        gathered[0] = 0;
+    }
+    // `wide` null: a name without a long form.
+    answer compare(const entry_image &entry, const char16_t *wide) {
+        u16 unicode[256] = {};
+        for (std::size_t i = 0; wide != nullptr && wide[i] != 0; i++) {
+            unicode[i] = wide[i];
+        }
+        const int result =
+            compare_entry_name(entry.data(), reinterpret_cast<const u8 *>("README  TXT"),
+                               wide != nullptr ? unicode : nullptr, gathered, &flag);
+        const answer a{result, said.text()};
+        said.clear();
+        for (std::size_t i = 256; i < std::size(gathered); i++) {
+            EXPECT_EQ(gathered[i], CANARY) << "unit " << i << " is outside";
+        }
+        return a;
+    }
+    void gather(const char16_t *wide) {
+        std::size_t i = 0;
+        for (; wide[i] != 0; i++) {
+            gathered[i] = wide[i];
+        }
+        gathered[i] = 0;
+        flag = GATHERING;
+    }
+
+    static constexpr u16 CANARY = 0x7777;
+    const answer match = {-EEXIST, ""};
+    const answer no_match = {0, ""};
+    const entry_image file = short_entry("README  TXT");
+    const entry_image other = short_entry("OTHER   TXT");
+    volume v;
+    diagnostics said;
+    u16 gathered[300];
+    u32 flag = 0;
+};
+
+} // namespace
+
+TEST_F(CompareEntryName, LongFormIsComparedWithTheGatheredName) {
+    gather(u"ReadMe.txt");
+    EXPECT_EQ(compare(other, u"ReadMe.txt"), match);
+    gather(u"ReadMe.tx");
+    EXPECT_EQ(compare(file, u"ReadMe.txt"), no_match);
+    EXPECT_EQ(flag, 0U);
+}
+
+TEST_F(CompareEntryName, LongFormDoesNotMatchWithoutSlots) {
+    EXPECT_EQ(compare(file, u"ReadMe.txt"), no_match);
+    gather(u"ReadMe.txt");
+    flag = 0;
+    EXPECT_EQ(compare(file, u"ReadMe.txt"), no_match);
+}
+
+TEST_F(CompareEntryName, EmptyGatheredNameLeavesItToTheShortOne) {
+    gather(u"");
+    EXPECT_EQ(compare(file, u"ReadMe.txt"), match);
+    gather(u"");
+    EXPECT_EQ(compare(other, u"ReadMe.txt"), no_match);
+    EXPECT_EQ(flag, 0U);
+}
+
+TEST_F(CompareEntryName, SlotSetsTheFlagAndItsUnits) {
+    EXPECT_EQ(compare(long_slot(0x42, u"Tail", 0), u"ReadMe.txt"), no_match);
+    EXPECT_NE(flag, 0U);
+    EXPECT_EQ(std::u16string(gathered + 13, gathered + 18), (std::u16string{u"Tail\0", 5}));
+    EXPECT_EQ(gathered[12], CANARY);
+    EXPECT_EQ(gathered[18], CANARY);
+}
+
+TEST_F(CompareEntryName, SlotsOutsideThe256UnitsOnlySetTheFlag) {
+    for (const unsigned ordinal : {0x40U, 0x15U, 0x3FU, 0x55U, 0x7FU, 0x80U, 0xBFU, 0xFFU}) {
+        flag = 0;
+        EXPECT_EQ(compare(long_slot(ordinal, A13, 0), u"ReadMe.txt"), no_match);
+        EXPECT_NE(flag, 0U) << "ordinal " << ordinal;
+        for (std::size_t i = 1; i < 256; i++) {
+            ASSERT_EQ(gathered[i], CANARY) << "ordinal " << ordinal << ", unit " << i;
+        }
+    }
+}
+
+TEST_F(CompareEntryName, TwentiethSlotIsCutAtTheEnd) {
+    EXPECT_EQ(compare(long_slot(0x54, A13, 0), u"ReadMe.txt"), no_match);
+    EXPECT_EQ(gathered[246], CANARY);
+    EXPECT_EQ(std::u16string(gathered + 247, gathered + 256), A13.substr(0, 9));
+}
+
+TEST_F(CompareEntryName, OtherEntriesLeaveTheFlagToTheWalkOfALongForm) {
+    gather(u"ReadMe.txt");
+    for (const entry_image &entry :
+         {deleted(file), short_entry("LABEL      ", LABEL), entry_image{}}) {
+        EXPECT_EQ(compare(entry, u"ReadMe.txt"), no_match);
+        EXPECT_EQ(flag, GATHERING);
+    }
+}
+
+TEST_F(CompareEntryName, ShortNameIsComparedWhereThereIsNoLongForm) {
+    gather(u"Whatever");
+    EXPECT_EQ(compare(file, nullptr), match);
+    EXPECT_EQ(compare(other, nullptr), no_match);
+    EXPECT_EQ(flag, GATHERING);
+    flag = 0;
+    EXPECT_EQ(compare(file, nullptr), match);
+}
+
+TEST_F(CompareEntryName, WithoutALongFormAnyOtherEntryClearsTheFlag) {
+    for (const entry_image &entry : {long_slot(0x41, u"README.TXT", 0), deleted(file),
+                                     short_entry("README  TXT", LABEL), entry_image{}}) {
+        flag = GATHERING;
+        EXPECT_EQ(compare(entry, nullptr), no_match);
+        EXPECT_EQ(flag, 0U);
+        EXPECT_EQ(gathered[1], CANARY);
+    }
+}
+
+TEST_F(CompareEntryName, WithLongNamesOffTheLongFormDoesNotCount) {
+    sv->long_name = 0;
+    gather(u"ReadMe.txt");
+    EXPECT_EQ(compare(other, u"ReadMe.txt"), no_match);
+    EXPECT_EQ(compare(file, u"ReadMe.txt"), match);
+    EXPECT_EQ(compare(long_slot(0x41, u"Other", 0), u"ReadMe.txt"), no_match);
+    EXPECT_EQ(flag, 0U);
+}
+
+TEST_F(CompareEntryName, MissingPlaceForTheGatheredNameCountsAsAMatch) {
+    const u16 wide[256] = {'A', 0};
+    EXPECT_EQ(compare_entry_name(file.data(), reinterpret_cast<const u8 *>("README  TXT"), wide,
+                                 nullptr, &flag),
+              -EEXIST);
+    EXPECT_EQ(said.text(), "compare_entry_name[N]: extended name is null\n\n");
+}
+
+TEST_F(CompareEntryName, WithoutALongFormThePlaceIsNotNeeded) {
+    EXPECT_EQ(compare_entry_name(other.data(), reinterpret_cast<const u8 *>("README  TXT"), nullptr,
+                                 nullptr, &flag),
+              0);
+    EXPECT_EQ(said.text(), "");
+}
+
+// ---- comparing long names ---------------------------------------------------------------------
+
+namespace {
+
+int compare(const std::u16string &a, const std::u16string &b) {
+    std::vector<u16> units_a(a.begin(), a.end());
+    std::vector<u16> units_b(b.begin(), b.end());
+    if (units_a.size() < 256) {
+        units_a.push_back(0);
+    }
+    if (units_b.size() < 256) {
+        units_b.push_back(0);
+    }
+    return uname_compare(units_a.data(), units_b.data());
+}
+
+} // namespace
+
+TEST(UnameCompare, EqualNamesGiveZero) {
+    for (const std::size_t length : {0U, 1U, 13U, 255U}) {
+        EXPECT_EQ(compare(std::u16string(length, u'x'), std::u16string(length, u'x')), 0);
+    }
+}
+
+TEST(UnameCompare, DifferenceOfTheFirstDifferingUnitsIsGiven) {
+    EXPECT_EQ(compare(u"ABC", u"ABD"), -1);
+    EXPECT_EQ(compare(u"ABD", u"ABC"), 1);
+    EXPECT_EQ(compare(u"a", u"A"), 32);
+    EXPECT_EQ(compare(u"AB", u"A"), 'B');
+    EXPECT_EQ(compare(u"A", u"AB"), -'B');
+    EXPECT_EQ(compare(u"", u"\xFFFF"), -0xFFFF);
+    EXPECT_EQ(compare(u"\xFFFF", u""), 0xFFFF);
+    EXPECT_EQ(compare(u"XA", u"YB"), -1);
+}
+
+TEST(UnameCompare, UnitsBehindTheTerminatorDoNotCount) {
+    EXPECT_EQ(compare(std::u16string(u"AB\0C", 4), std::u16string(u"AB\0D", 4)), 0);
+}
+
+TEST(UnameCompare, NothingBehind256UnitsIsLookedAt) {
+    std::u16string a(256, u'x');
+    std::u16string b = a;
+    EXPECT_EQ(compare(a, b), 0);
+    b[255] = u'z';
+    EXPECT_EQ(compare(a, b), -2);
+}
+
+// ---- putting a long name together -------------------------------------------------------------
+
+namespace {
+
+class GetLongName : public in_directory {
+protected:
+    static constexpr u16 CANARY = 0x7777;
+
+    // The answer for the slot at `index`; the units are left in `units`, the entry that the walk
+    // goes on with in `entry`.
+    answer long_name(u32 index) {
+        std::fill(units.begin(), units.end(), CANARY);
+        EXPECT_EQ(fat_get_dentry(&dir.record, index, &entry, buffer.data(), nullptr), 0);
+        v.disk.log.clear();
+        const answer a =
+            heard(get_long_name(&dir.record, index, &entry, buffer.data(), units.data()));
+        EXPECT_GE(entry, buffer.data());
+        EXPECT_LE(entry, buffer.data() + buffer.size() - 32);
+        EXPECT_EQ((entry - buffer.data()) % 32, 0);
+        EXPECT_EQ(units[256], CANARY) << "a unit outside was written";
+        return a;
+    }
+    // Up to the terminator.
+    [[nodiscard]] std::u16string name() const {
+        const auto end = std::find(units.begin(), units.end(), 0);
+        return {units.begin(), end};
+    }
+    [[nodiscard]] bool stands_at(u32 index) const {
+        const entry_image image = dir.at(index);
+        return std::equal(image.begin(), image.end(), entry);
+    }
+    // Another checksum than that of the name.
+    static u8 wrong(std::string_view dos) {
+        return static_cast<u8>(checksum_of(dos) + 1);
+    }
+    answer mismatch(u32 index) const {
+        return {0, "get_long_name[N]: not match checksum(" + std::to_string(index) + ")\n"};
+    }
+
+    const answer none = {0, ""};
+    const std::string DOS = "README~1TXT";
+    const u8 sum = checksum_of(DOS);
+    std::vector<u8> buffer = std::vector<u8>(sv->sector_size);
+    u8 *entry = nullptr;
+    std::vector<u16> units = std::vector<u16>(257);
+};
+INSTANTIATE_TEST_SUITE_P(Directories, GetLongName, testing::ValuesIn(KINDS), kind_name);
+
+} // namespace
+
+TEST_P(GetLongName, NamesOfEveryLengthComeBackWithTheirSlots) {
+    for (std::size_t length = 1; length <= 255; length++) {
+        std::u16string wide;
+        for (std::size_t i = 0; i < length; i++) {
+            wide += static_cast<char16_t>(0x100 + i);
+        }
+        dir.go_to(3);
+        const u32 index = dir.append_long(wide, DOS);
+        const int slots = static_cast<int>((length + 12) / 13);
+        ASSERT_EQ(long_name(3), (answer{slots, ""})) << length << " units";
+        ASSERT_EQ(name(), wide);
+        ASSERT_TRUE(stands_at(index));
+    }
+}
+
+TEST_P(GetLongName, NameOfADirectoryComesBackToo) {
+    dir.append(long_slots(u"Directory", DOS));
+    dir.append(short_entry(DOS, DIRECTORY));
+    EXPECT_EQ(long_name(0), (answer{1, ""}));
+    EXPECT_EQ(name(), u"Directory");
+}
+
+TEST_P(GetLongName, SlotsGoOnInTheNextSector) {
+    const std::u16string wide = A13 + B13 + C13 + u"Tail";
+    for (u32 first = volume::entries_per_sector() - 5; first <= volume::entries_per_sector();
+         first++) {
+        dir.go_to(first);
+        const u32 index = dir.append_long(wide, DOS);
+        EXPECT_EQ(long_name(first), (answer{4, ""})) << "from entry " << first;
+        EXPECT_EQ(name(), wide);
+        EXPECT_TRUE(stands_at(index));
+    }
+}
+
+TEST_P(GetLongName, OrdinalsOfTheOtherSlotsAreNotLookedAt) {
+    dir.append(long_slot(0x43, u"Tail", sum));
+    dir.append(long_slot(0x01, A13, sum));
+    dir.append(long_slot(0x3F, B13, sum));
+    dir.append(short_entry(DOS));
+    EXPECT_EQ(long_name(0), (answer{3, ""}));
+    EXPECT_EQ(name(), B13 + A13 + u"Tail");
+}
+
+TEST_P(GetLongName, AnythingButASlotInTheMiddleBreaksTheName) {
+    const std::pair<entry_image, std::string> between[] = {
+        {short_entry(DOS), ""},
+        {short_entry(DOS, DIRECTORY), ""},
+        {deleted(long_slot(0x02, A13, sum)), ""},
+        {short_entry("LABEL      ", LABEL), ""},
+        {entry_image{}, ""},
+        {short_entry("INVALID    ", LABEL | DIRECTORY), "entry_type[N]: Unknown entry type: 24\n\n"},
+    };
+    for (const auto &[broken, message] : between) {
+        dir.go_to(0);
+        dir.append(long_slot(0x43, u"Tail", sum));
+        dir.append(broken);
+        dir.append(long_slot(0x01, A13, sum));
+        dir.append(short_entry(DOS));
+        EXPECT_EQ(long_name(0), (answer{0, message}));
+        EXPECT_EQ(units[0], 0);
+        EXPECT_TRUE(stands_at(1));
+    }
+}
+
+TEST_P(GetLongName, SecondLastSlotBreaksTheName) {
+    dir.append(long_slot(0x43, u"Tail", sum));
+    dir.append(long_slot(0x42, A13, sum));
+    dir.append(long_slot(0x01, B13, sum));
+    dir.append(short_entry(DOS));
+    EXPECT_EQ(long_name(0), none);
+    EXPECT_EQ(units[0], CANARY) << "no name was begun, and none is emptied";
+    EXPECT_TRUE(stands_at(1));
+    // From there on it is a name.
+    EXPECT_EQ(long_name(1), (answer{2, ""}));
+    EXPECT_EQ(name(), B13 + A13);
+}
+
+TEST_P(GetLongName, OtherChecksumInTheMiddleBreaksTheName) {
+    dir.append(short_entry("OTHER   TXT"));
+    dir.append(long_slot(0x43, u"Tail", sum));
+    dir.append(long_slot(0x02, A13, sum));
+    dir.append(long_slot(0x01, B13, wrong(DOS)));
+    dir.append(short_entry(DOS));
+    EXPECT_EQ(long_name(1), mismatch(3));
+    EXPECT_TRUE(stands_at(3));
+}
+
+TEST_P(GetLongName, OtherChecksumThanThatOfTheShortEntryEmptiesTheName) {
+    dir.append(short_entry("OTHER   TXT"));
+    dir.append(long_slot(0x42, u"Tail", wrong(DOS)));
+    dir.append(long_slot(0x01, A13, wrong(DOS)));
+    dir.append(short_entry(DOS));
+    EXPECT_EQ(long_name(1), mismatch(3));
+    EXPECT_EQ(units[0], 0);
+    EXPECT_TRUE(stands_at(3));
+}
+
+TEST_P(GetLongName, SlotsWithoutAShortEntryAreNoName) {
+    const std::pair<entry_image, std::string> behind[] = {
+        {deleted(short_entry(DOS)), ""},
+        {entry_image{}, ""},
+        {long_slot(0x41, A13, sum), ""},
+        {short_entry(DOS, LABEL), ""},
+        {short_entry(DOS, LABEL | DIRECTORY), "entry_type[N]: Unknown entry type: 24\n\n"},
+    };
+    for (const auto &[last, message] : behind) {
+        dir.go_to(0);
+        dir.append(long_slot(0x42, u"Tail", sum));
+        dir.append(long_slot(0x01, A13, sum));
+        dir.append(last);
+        EXPECT_EQ(long_name(0), (answer{0, message}));
+        EXPECT_TRUE(stands_at(2));
+    }
+}
+
+TEST_P(GetLongName, CountBelowOneMeansNoName) {
+    for (const unsigned ordinal : {0x40U, 0x3FU, 0x02U, 0x01U}) {
+        dir.go_to(0);
+        dir.append(long_slot(ordinal, A13, sum));
+        dir.fill_up(long_slot(0x01, B13, sum));
+        EXPECT_EQ(long_name(0), none) << "ordinal " << ordinal;
+        EXPECT_TRUE(stands_at(0)) << "ordinal " << ordinal;
+        EXPECT_EQ(v.disk.log.size(), 0U) << "ordinal " << ordinal;
+    }
+}
+
+TEST_P(GetLongName, UnitsBehindThe256thAreLeftOut) {
+    std::u16string wide;
+    for (unsigned k = 63; k >= 1; k--) {
+        const std::u16string part(13, static_cast<char16_t>(0x100 + k));
+        dir.append(long_slot(k | (k == 63 ? 0x40U : 0), part, sum));
+        wide.insert(0, part);
+    }
+    const u32 index = dir.append(short_entry(DOS));
+    EXPECT_EQ(long_name(0), (answer{63, ""}));
+    EXPECT_EQ(std::u16string(units.begin(), units.begin() + 256), wide.substr(0, 256));
+    EXPECT_TRUE(stands_at(index));
+}
+
+TEST_P(GetLongName, CountBeyondTheSlotsBreaksTheName) {
+    for (const unsigned ordinal : {0x43U, 0x7FU, 0xC2U, 0xFFU}) {
+        dir.go_to(0);
+        dir.append(long_slot(ordinal, u"Tail", sum));
+        dir.append(long_slot(0x01, A13, sum));
+        dir.append(short_entry(DOS));
+        EXPECT_EQ(long_name(0), none) << "ordinal " << ordinal;
+        EXPECT_EQ(units[0], 0);
+        EXPECT_TRUE(stands_at(2));
+    }
+}
+
+TEST_P(GetLongName, ReadFailuresComeThrough) {
+    const u32 first = volume::entries_per_sector() - 2;
+    dir.go_to(first);
+    dir.append(long_slots(A13 + B13 + u"Tail", DOS));
+    const u32 sector = dir.sectors[1];
+    v.disk.bad_sectors = {sector};
+    EXPECT_EQ(long_name(first),
+              (answer{-EIO, "get_dentry_with_clu[N]: cannot read sectors:(sector: " +
+                                std::to_string(sector) +
+                                ")\n"
+                                "get_long_name[N]: Failed to get entry with cluster ...\n\n"}));
+}
+
+TEST_P(GetLongName, SlotsUpToTheEndOfTheSpaceHaveNoShortEntry) {
+    const u32 capacity = dir.capacity();
+    dir.go_to(capacity - 2);
+    dir.append(long_slots(A13 + u"Tail", DOS));
+    const std::string end =
+        dir.base() == 0 ? "get_phy_sector[N]: Invalid sector number in Root dir\n\n" : "";
+    EXPECT_EQ(long_name(capacity - 2),
+              (answer{-EFAULT, end + "get_dentry_with_clu[N]: Failed to get entry sector!:(" +
+                                   std::to_string(dir.base()) + ", " + std::to_string(capacity) +
+                                   ")\n\n"
+                                   "get_long_name[N]: Failed to get entry with cluster ...\n\n"}));
+}
+
+TEST_P(GetLongName, NoSectorIsReadMoreThanOnceForEachEntry) {
+    dir.append_long(std::u16string(255, u'x'), DOS);
+    EXPECT_EQ(long_name(0), (answer{20, ""}));
+    EXPECT_LE(v.traffic(), 20U * 2);
+}
+
+TEST_P(GetLongName, LeavesNoMemoryBehind) {
+    const u32 first = volume::entries_per_sector() - 1;
+    dir.go_to(first);
+    dir.append_long(A13 + u"Tail", DOS);
+    EXPECT_EQ(fat_get_dentry(&dir.record, first, &entry, buffer.data(), nullptr), 0);
+    const allocation_meter meter;
+    EXPECT_EQ(get_long_name(&dir.record, first, &entry, buffer.data(), units.data()), 2);
+    EXPECT_EQ(meter.live_blocks(), 0);
+}

@@ -1,0 +1,649 @@
+// Numeric tails: putting one on a short name, and choosing the one that a directory has left.
+
+#include "tests/support/faults.h"
+#include "tests/support/names.h"
+#include "tests/support/volume.h"
+
+#include <algorithm>
+#include <cerrno>
+
+using namespace fat;
+using namespace testing_support;
+
+namespace {
+
+std::string number(u32 value) {
+    return std::to_string(value);
+}
+
+// "FOO", 12 -> "FOO~12     ".
+std::string tailed(const std::string &prefix, u32 tail) {
+    return name_model::padded(prefix + "~" + number(tail), 11);
+}
+
+// ---- append_tail ------------------------------------------------------------------------------
+
+class AppendTail : public testing::Test {
+protected:
+    // The name with its tail.
+    static std::string append(const std::string &dos, u32 tail) {
+        dos_block block(dos);
+        EXPECT_EQ(append_tail(block.get(), tail), 0);
+        return block.text();
+    }
+
+    diagnostics said;
+};
+
+// ---- add_numeric_tail -------------------------------------------------------------------------
+
+// A kind of directory.
+struct place {
+    const char *name;
+    volume_shape shape;
+    std::vector<u32> clusters; // empty: the root area of FAT16
+    bool is_root;
+};
+std::ostream &operator<<(std::ostream &out, const place &p) {
+    return out << p.name;
+}
+
+directory open_in(volume &volume, const place &place) {
+    if (!place.is_root) {
+        return volume.sub_directory(place.clusters);
+    }
+    return place.clusters.empty() ? volume.root() : volume.longer_root(place.clusters);
+}
+
+// What add_numeric_tail() says to one name.
+struct answer {
+    int result;
+    std::string dos;
+    std::string said; // source lines as N
+    bool operator==(const answer &) const = default;
+};
+std::ostream &operator<<(std::ostream &out, const answer &a) {
+    return out << "{" << a.result << ", " << name_model::shown_bytes(a.dos) << ", "
+               << name_model::shown_bytes(a.said) << "}";
+}
+
+answer ask(directory *dir, const std::string &dos, diagnostics *said) {
+    dos_block block(dos);
+    said->clear();
+    answer a;
+    a.result = add_numeric_tail(&dir->record, block.get());
+    a.dos = block.text();
+    a.said = said->text();
+    return a;
+}
+
+answer chosen(const std::string &dos) {
+    return {0, dos, ""};
+}
+
+// A directory of three clusters that do not lie in order: 16 entries in each.
+class AddNumericTail : public testing::Test {
+protected:
+    answer ask(const std::string &dos) {
+        return ::ask(&dir, dos, &said);
+    }
+    void append_files(const std::vector<std::string> &names) {
+        for (const std::string &name : names) {
+            dir.append(short_entry(name_model::padded(name, 11)));
+        }
+    }
+
+    diagnostics said;
+    volume medium;
+    directory dir = medium.sub_directory({9, 4, 17});
+};
+
+class AddNumericTailAnywhere : public testing::TestWithParam<place> {
+protected:
+    diagnostics said;
+    volume medium{GetParam().shape};
+    directory dir = open_in(medium, GetParam());
+};
+
+const std::vector<place> PLACES = {
+    {"Fat16Root", {16, 512, 1, 0, 512}, {}, true},
+    {"Fat16RootOfLargeSectors", {16, 4096, 1, 0, 512}, {}, true},
+    {"Fat16RootOfMoreEntries", {16, 512, 1, 0, 1024}, {}, true},
+    {"Fat16OneCluster", {16, 512, 1}, {2}, false},
+    {"Fat16Chain", {16, 512, 4}, {9, 4, 17, 4000}, false},
+    {"Fat32Root", {32, 512, 2}, {6, 3}, true},
+    {"Fat32Chain", {32, 1024, 1}, {130, 129, 60000, 3}, false},
+    {"Fat32LargeClusters", {32, 4096, 2}, {100, 7}, false},
+};
+
+std::string place_name(const testing::TestParamInfo<place> &info) {
+    return info.param.name;
+}
+
+} // namespace
+
+INSTANTIATE_TEST_SUITE_P(Places, AddNumericTailAnywhere, testing::ValuesIn(PLACES), place_name);
+
+TEST_F(AppendTail, FollowsAShortBase) {
+    EXPECT_EQ(append("FOO     TXT", 1), "FOO~1   TXT");
+    EXPECT_EQ(append("A          ", 1023), "A~1023     ");
+    EXPECT_EQ(append("ABCDEF  TXT", 1), "ABCDEF~1TXT");
+    EXPECT_EQ(said.text(), "");
+}
+
+TEST_F(AppendTail, ReplacesTheEndOfALongBase) {
+    EXPECT_EQ(append("LONGFILETXT", 12), "LONGF~12TXT");
+    EXPECT_EQ(append("LONGFILETXT", 1), "LONGFI~1TXT");
+    EXPECT_EQ(append("LONGFILETXT", 123), "LONG~123TXT");
+    EXPECT_EQ(append("LONGFILETXT", 1023), "LON~1023TXT");
+    EXPECT_EQ(append("ABCDEF     ", 12), "ABCDE~12   ");
+    EXPECT_EQ(append("ABCDEFG    ", 1), "ABCDEF~1   ");
+}
+
+TEST_F(AppendTail, StandsAtTheFirstBlankAndOverWhatFollows) {
+    EXPECT_EQ(append("A BCDEFGTXT", 1), "A~1CDEFGTXT");
+    EXPECT_EQ(append("        TXT", 1), "~1      TXT");
+}
+
+TEST_F(AppendTail, ATailIsNoEndForAnotherOne) {
+    EXPECT_EQ(append("FOO~1      ", 2), "FOO~1~2    ");
+    EXPECT_EQ(append("LONGFI~1   ", 2), "LONGFI~2   ");
+}
+
+TEST_F(AppendTail, ZeroIsANumber) {
+    EXPECT_EQ(append("FOO        ", 0), "FOO~0      ");
+}
+
+// One more than any directory is given.
+TEST_F(AppendTail, AcceptsATailOf1024) {
+    EXPECT_EQ(append("LONGFILETXT", 1024), "LON~1024TXT");
+    EXPECT_EQ(append("A       TXT", 1024), "A~1024  TXT");
+    EXPECT_EQ(said.text(), "");
+}
+
+TEST_F(AppendTail, RefusesALargerTail) {
+    for (const u32 tail : {1025U, 9999U, 0x7FFFFFFFU, 0x80000000U, 0xFFFFFFFFU}) {
+        dos_block block("LONGFILETXT");
+        said.clear();
+        EXPECT_EQ(append_tail(block.get(), tail), -EINVAL);
+        EXPECT_EQ(block.text(), "LONGFILETXT");
+        EXPECT_EQ(said.text(), "append_tail[N]: numeric-tail overflow\n");
+    }
+}
+
+TEST_F(AppendTail, EveryTailOnABaseOfEveryLength) {
+    for (std::size_t length = 0; length <= 8; length++) {
+        const std::string dos =
+            name_model::padded(std::string("ABCDEFGH").substr(0, length), 8) + "EXT";
+        for (u32 tail = 0; tail <= 1024; tail++) {
+            ASSERT_EQ(append(dos, tail), name_model::with_tail(dos, tail));
+        }
+    }
+}
+
+// ---- directories of every kind ----------------------------------------------------------------
+
+TEST_P(AddNumericTailAnywhere, OneIsTheFirst) {
+    EXPECT_EQ(ask(&dir, "LONGFILETXT", &said), chosen("LONGFI~1TXT"));
+}
+
+TEST_P(AddNumericTailAnywhere, EveryEntryOfTheDirectoryCounts) {
+    const u32 entries = std::min(512U, dir.capacity());
+    for (u32 i = 0; i < entries; i++) {
+        dir.put(i, short_entry(tailed("A", i + 1)));
+    }
+    EXPECT_EQ(ask(&dir, "A       TXT", &said),
+              chosen(name_model::with_tail("A       TXT", entries + 1)));
+}
+
+TEST_P(AddNumericTailAnywhere, TheLastEntryCountsWhenEverythingBeforeItIsDeleted) {
+    const u32 last = std::min(512U, dir.capacity()) - 1;
+    for (u32 i = 0; i < last; i++) {
+        dir.put(i, deleted(short_entry(tailed("A", 2))));
+    }
+    dir.put(last, short_entry(tailed("A", 1)));
+    EXPECT_EQ(ask(&dir, "A          ", &said), chosen("A~2        "));
+}
+
+TEST_P(AddNumericTailAnywhere, NothingBehindAnUnusedEntryCounts) {
+    const u32 last = std::min(512U, dir.capacity()) - 1;
+    dir.put(0, short_entry(tailed("A", 1)));
+    dir.put(2, short_entry(tailed("A", 2)));
+    dir.put(last, short_entry(tailed("A", 2)));
+    EXPECT_EQ(ask(&dir, "A          ", &said), chosen("A~2        "));
+}
+
+TEST_P(AddNumericTailAnywhere, ReadsEachSectorOfTheDirectoryOnceAndWritesNothing) {
+    dir.fill_up(short_entry("FULL       "));
+    medium.disk.log.clear();
+    EXPECT_EQ(ask(&dir, "A          ", &said), chosen("A~1        "));
+    const u32 sectors = std::min(512U, dir.capacity()) / volume::entries_per_sector();
+    for (u32 i = 0; i < dir.sectors.size(); i++) {
+        EXPECT_EQ(std::count(medium.disk.log.begin(), medium.disk.log.end(),
+                             transfer{false, dir.sectors[i], 1}),
+                  i < sectors ? 1 : 0)
+            << "sector " << i;
+    }
+    EXPECT_TRUE(std::none_of(medium.disk.log.begin(), medium.disk.log.end(),
+                             [](const transfer &t) { return t.is_write; }));
+}
+
+TEST_P(AddNumericTailAnywhere, ASectorThatCannotBeReadIsTheAnswer) {
+    dir.fill_up(short_entry("FULL       "));
+    const u32 sectors = std::min(512U, dir.capacity()) / volume::entries_per_sector();
+    for (u32 i = 0; i < sectors; i++) {
+        medium.disk.bad_sectors = {dir.sectors[i]};
+        const allocation_meter meter;
+        EXPECT_EQ(ask(&dir, "A          ", &said),
+                  (answer{-EIO, "A          ",
+                          "get_dentry_with_clu[N]: cannot read sectors:(sector: " +
+                              number(dir.sectors[i]) + ")\n"}));
+        EXPECT_EQ(meter.live_blocks(), 0);
+    }
+}
+
+TEST_P(AddNumericTailAnywhere, ASectorBehindTheEndOfTheDirectoryIsNotRead) {
+    for (const u32 sector : dir.sectors) {
+        if (sector != dir.sectors.front()) {
+            medium.disk.bad_sectors.insert(sector);
+        }
+    }
+    dir.append(short_entry(tailed("A", 1)));
+    EXPECT_EQ(ask(&dir, "A          ", &said), chosen("A~2        "));
+}
+
+// ---- the choice -------------------------------------------------------------------------------
+
+TEST_F(AddNumericTail, TheLowestNumberThatIsFreeIsTaken) {
+    append_files({"A~1", "A~2", "A~4", "A~5"});
+    EXPECT_EQ(ask("A          "), chosen("A~3        "));
+}
+
+TEST_F(AddNumericTail, NumbersMayStandInAnyOrder) {
+    append_files({"A~3", "A~1", "A~2"});
+    EXPECT_EQ(ask("A       TXT"), chosen("A~4     TXT"));
+}
+
+TEST_F(AddNumericTail, ZeroIsNeverTaken) {
+    append_files({"A~0", "A~00", "A~"});
+    EXPECT_EQ(ask("A          "), chosen("A~1        "));
+}
+
+TEST_F(AddNumericTail, NamesWithoutATildeDoNotCount) {
+    append_files({"A1", "A-1", "A       ", "LONGFILE"});
+    EXPECT_EQ(ask("LONGFILETXT"), chosen("LONGFI~1TXT"));
+}
+
+TEST_F(AddNumericTail, AnotherPrefixDoesNotCount) {
+    append_files({"B~1", "AB~1", "a~1", "\xC1~1"});
+    EXPECT_EQ(ask("AC         "), chosen("AC~1       "));
+}
+
+// What stands before the tilde is compared with so many bytes of the new name, not with its base.
+TEST_F(AddNumericTail, AShorterPrefixCounts) {
+    append_files({"LO~1", "L~2", "LONGF~3"});
+    EXPECT_EQ(ask("LONGFILETXT"), chosen("LONGFI~4TXT"));
+}
+
+TEST_F(AddNumericTail, ATildeInFrontCountsForEveryName) {
+    append_files({"~1", "~2X"});
+    EXPECT_EQ(ask("A          "), chosen("A~3        "));
+    EXPECT_EQ(ask("LONGFILETXT"), chosen("LONGFI~3TXT"));
+}
+
+TEST_F(AddNumericTail, ALongerPrefixCountsWhereTheNameGoesOnLikeIt) {
+    append_files({"LONGFI~1", "LONGFX~2"});
+    EXPECT_EQ(ask("LONGFILETXT"), chosen("LONGFI~2TXT"));
+    EXPECT_EQ(ask("LONG       "), chosen("LONG~1     "));
+}
+
+TEST_F(AddNumericTail, APaddedPrefixCountsForTheSamePadding) {
+    append_files({"A  ~1", "A ~2"});
+    EXPECT_EQ(ask("A       TXT"), chosen("A~3     TXT"));
+    EXPECT_EQ(ask("AB         "), chosen("AB~1       "));
+}
+
+TEST_F(AddNumericTail, TheExtensionPlaysNoPart) {
+    append_files({"A~1     TXT", "A~2     DOC"});
+    EXPECT_EQ(ask("A       EXE"), chosen("A~3     EXE"));
+}
+
+TEST_F(AddNumericTail, ATailOfMoreDigitsShortensThePrefix) {
+    for (u32 tail = 1; tail <= 9; tail++) {
+        append_files({"LONGFI~" + number(tail)});
+    }
+    EXPECT_EQ(ask("LONGFILETXT"), chosen("LONGF~10TXT"));
+    append_files({"LONGF~10"});
+    EXPECT_EQ(ask("LONGFILETXT"), chosen("LONGF~11TXT"));
+}
+
+// The number is read over everything that is no digit.
+TEST_F(AddNumericTail, OtherCharactersInANumberAreSkipped) {
+    append_files({"A~X1", "A~2X", "A~ 3", "A~1B2"});
+    EXPECT_EQ(ask("A          "), chosen("A~4        "));
+    append_files({"A~4", "A~5", "A~6", "A~7", "A~8", "A~9", "A~1 0", "A~1~1"});
+    EXPECT_EQ(ask("A          "), chosen("A~13       "));
+}
+
+TEST_F(AddNumericTail, TheNumberEndsWithTheBase) {
+    append_files({"ABCDEF~1234", "ABCDEFG~1  "});
+    EXPECT_EQ(ask("ABCDEFGH1  "), chosen("ABCDEF~21  "));
+}
+
+TEST_F(AddNumericTail, ATildeInTheExtensionIsNoTail) {
+    append_files({"A       ~1 ", "A       X~1"});
+    EXPECT_EQ(ask("A       ~1 "), chosen("A~1     ~1 "));
+}
+
+TEST_F(AddNumericTail, ATildeBehindTheNameIsNoTail) {
+    entry_image entry = short_entry("ABCDEFGHIJK", '!');
+    std::copy_n("~1~1~1~1~1~1~1~1~1~1", 20, entry.begin() + 12);
+    dir.append(entry);
+    EXPECT_EQ(ask("ABCDEFGHIJK"), chosen("ABCDEF~1IJK"));
+}
+
+// An entry without a zero byte has no end of its own; neither what stands behind it in the sector
+// nor what lies behind the sector belongs to it.
+TEST_F(AddNumericTail, AnEntryWithoutAnEndIsReadNoFurther) {
+    entry_image endless;
+    endless.fill('!');
+    dir.fill_up(endless);
+    EXPECT_EQ(ask("!!!!!!!!!!!"), chosen("!!!!!!~1!!!"));
+    // With a tilde at its very end, in the middle of the directory and in the last place.
+    endless[31] = '~';
+    dir.put(0, endless);
+    dir.put(dir.capacity() - 1, endless);
+    EXPECT_EQ(ask("!!!!!!!!!!!"), chosen("!!!!!!~1!!!"));
+}
+
+TEST_F(AddNumericTail, AZeroByteEndsTheNameBeforeATilde) {
+    dir.append(short_entry(std::string_view("A\0~1       ", 11)));
+    EXPECT_EQ(ask(std::string("A\0         ", 11)), chosen(std::string("A\0~1       ", 11)));
+}
+
+TEST_F(AddNumericTail, AnEscapedFirstByteIsComparedAsItIsStored) {
+    append_files({"\x05~1"});
+    EXPECT_EQ(ask("\x05          "), chosen("\x05~2        "));
+}
+
+TEST_F(AddNumericTail, NumbersFrom1024OnAreNotRecorded) {
+    append_files({"~1024", "~1025", "~1056", "~2047", "~9999999", "~32768", "~65537", "~4096"});
+    EXPECT_EQ(ask("A          "), chosen("A~1        "));
+}
+
+// ---- which entries count ----------------------------------------------------------------------
+
+TEST_F(AddNumericTail, FilesAndDirectoriesCountWhateverTheirOtherAttributes) {
+    u32 tail = 1;
+    for (const int attr : {0x00, 0x01, 0x07, 0x20, 0x27, 0x40, 0x10, 0x17, 0x30, 0xF7}) {
+        dir.append(short_entry(tailed("A", tail), static_cast<u8>(attr)));
+        tail++;
+    }
+    EXPECT_EQ(ask("A          "), chosen("A~11       "));
+}
+
+TEST_F(AddNumericTail, NothingElseCounts) {
+    dir.append(deleted(short_entry(tailed("A", 1))));
+    dir.append(short_entry("\xE5~1        ", 0x10));
+    dir.append(short_entry(tailed("A", 1), 0x08));
+    dir.append(short_entry(tailed("A", 1), 0x28));
+    dir.append(short_entry(tailed("A", 1), 0x0F));
+    EXPECT_EQ(ask("A          "), chosen("A~1        "));
+}
+
+TEST_F(AddNumericTail, AnInvalidEntryIsToldAndDoesNotCount) {
+    dir.append(short_entry(tailed("A", 1), 0x18));
+    dir.append(short_entry(tailed("A", 2), 0x3F));
+    dir.append(short_entry(tailed("A", 1)));
+    EXPECT_EQ(ask("A          "), (answer{0, "A~2        ",
+                                          "entry_type[N]: Unknown entry type: 24\n\n"
+                                          "entry_type[N]: Unknown entry type: 63\n\n"}));
+}
+
+TEST_F(AddNumericTail, TheLongNameFlagPlaysNoPart) {
+    append_files({"A~1"});
+    sv->long_name = 0;
+    EXPECT_EQ(ask("A          "), chosen("A~2        "));
+}
+
+// ---- all taken --------------------------------------------------------------------------------
+
+namespace {
+
+// Room for 1024 entries in 64 clusters.
+class AllTails : public AddNumericTail {
+protected:
+    static std::vector<u32> clusters() {
+        std::vector<u32> result;
+        for (u32 i = 0; i < 64; i++) {
+            result.push_back(100 + 7 * i);
+        }
+        return result;
+    }
+    // Entries with the tails 1 to 1023, but `absent`.
+    void take_all_but(u32 absent) {
+        large.go_to(0);
+        for (u32 tail = 1; tail < 1024; tail++) {
+            large.append(short_entry(tailed(tail == absent ? "X" : "LON", tail)));
+        }
+    }
+    answer ask_large(const std::string &dos) {
+        return ::ask(&large, dos, &said);
+    }
+
+    directory large = medium.sub_directory(clusters());
+};
+
+} // namespace
+
+TEST_F(AllTails, TakenLeaveNone) {
+    take_all_but(0);
+    const allocation_meter meter;
+    EXPECT_EQ(ask_large("LONGFILETXT"),
+              (answer{-EEXIST, "LONGFILETXT", "add_numeric_tail[N]: Too many SFNs!\n\n"}));
+    EXPECT_EQ(meter.live_blocks(), 0);
+    EXPECT_EQ(ask_large("LOXGFILETXT"), chosen("LOXGFI~1TXT"));
+}
+
+// A tail of 1024 would be accepted by append_tail(), but no directory is given it.
+TEST_F(AllTails, TakenLeaveNoTailOf1024) {
+    take_all_but(0);
+    large.append(short_entry(tailed("X", 1024)));
+    EXPECT_EQ(ask_large("LONGFILETXT").result, -EEXIST);
+}
+
+TEST_F(AllTails, TakenButOneLeaveThatOne) {
+    for (const u32 absent : {1U, 2U, 31U, 32U, 33U, 63U, 64U, 511U, 512U, 991U, 992U, 1022U, 1023U}) {
+        take_all_but(absent);
+        EXPECT_EQ(ask_large("LONGFILETXT"), chosen(name_model::with_tail("LONGFILETXT", absent)));
+    }
+}
+
+// ---- the end of the directory -----------------------------------------------------------------
+
+TEST(AddNumericTailInRootArea, StopsAfter512EntriesOfMore) {
+    diagnostics said;
+    volume medium({16, 512, 1, 0, 1024});
+    directory root = medium.root();
+    ASSERT_EQ(root.capacity(), 1024U);
+    root.record.allocated = 32768;
+    root.fill_up(short_entry("FULL       "));
+    root.put(511, short_entry(tailed("A", 1)));
+    root.put(512, short_entry(tailed("A", 2)));
+    EXPECT_EQ(ask(&root, "A          ", &said), chosen("A~2        "));
+}
+
+TEST(AddNumericTailInRootArea, EndsWithASmallerArea) {
+    diagnostics said;
+    volume medium({16, 512, 1, 0, 64});
+    directory root = medium.root();
+    ASSERT_EQ(root.capacity(), 64U);
+    root.fill_up(short_entry("FULL       "));
+    root.put(63, short_entry(tailed("A", 1)));
+    const allocation_meter meter;
+    EXPECT_EQ(ask(&root, "A          ", &said),
+              (answer{0, "A~2        ",
+                      "get_phy_sector[N]: Invalid sector number in Root dir\n\n"
+                      "get_dentry_with_clu[N]: Failed to get entry sector!:(0, 64)\n\n"}));
+    EXPECT_EQ(meter.live_blocks(), 0);
+}
+
+TEST(AddNumericTailInRootArea, EndsWithWhatTheOpenDirectoryCallsItsSize) {
+    diagnostics said;
+    volume medium({16, 512, 1, 0, 512});
+    directory root = medium.root();
+    root.fill_up(short_entry("FULL       "));
+    root.put(31, short_entry(tailed("A", 1)));
+    root.put(32, short_entry(tailed("A", 2)));
+    root.record.allocated = 1024;
+    EXPECT_EQ(ask(&root, "A          ", &said),
+              (answer{0, "A~2        ",
+                      "fat_get_dentry[N]: access the out of range in directory space\n"}));
+}
+
+TEST_F(AddNumericTail, ADirectoryOfNoSizeHasNoEntries) {
+    append_files({"A~1"});
+    dir.record.allocated = 0;
+    medium.disk.log.clear();
+    EXPECT_EQ(ask("A          "), chosen("A~1        "));
+    EXPECT_EQ(medium.disk.log.size(), 0U);
+}
+
+TEST_F(AddNumericTail, EntriesBehindTheSizeDoNotCount) {
+    dir.fill_up(short_entry("FULL       "));
+    dir.put(15, short_entry(tailed("A", 1)));
+    dir.put(16, short_entry(tailed("A", 2)));
+    dir.record.allocated = 512;
+    EXPECT_EQ(ask("A          "), chosen("A~2        "));
+}
+
+TEST_F(AddNumericTail, AChainThatEndsEarlyEndsTheDirectory) {
+    dir.fill_up(short_entry("FULL       "));
+    dir.put(0, short_entry(tailed("A", 1)));
+    dir.put(32, short_entry(tailed("A", 2)));
+    medium.set_link(4, 0xFFF8);
+    EXPECT_EQ(ask("A          "),
+              (answer{0, "A~2        ",
+                      "get_dentry_with_clu[N]: Failed to get entry sector!:(9, 32)\n\n"}));
+}
+
+// ---- failures ---------------------------------------------------------------------------------
+
+TEST_F(AddNumericTail, AFreeLinkInTheChainIsTheAnswer) {
+    dir.fill_up(short_entry("FULL       "));
+    medium.set_link(4, 0);
+    const allocation_meter meter;
+    EXPECT_EQ(ask("A          "),
+              (answer{-EINVAL, "A          ",
+                      "get_phy_sector[N]: invalid value 0\n"
+                      "get_dentry_with_clu[N]: Failed to get entry sector!:(9, 32)\n\n"}));
+    EXPECT_EQ(meter.live_blocks(), 0);
+}
+
+TEST_F(AddNumericTail, ABrokenLinkInTheChainIsTheAnswer) {
+    dir.fill_up(short_entry("FULL       "));
+    for (const u32 value : {1U, 0xFFF7U, volume::last_cluster() + 1}) {
+        medium.set_link(9, value);
+        const allocation_meter meter;
+        EXPECT_EQ(ask("A          "),
+                  (answer{-EINVAL, "A          ",
+                          "fat_read_clus[N]: Invalid cluster!\n\n"
+                          "get_phy_sector[N]: invalid value -22\n"
+                          "get_dentry_with_clu[N]: Failed to get entry sector!:(9, 16)\n\n"}));
+        EXPECT_EQ(meter.live_blocks(), 0);
+    }
+}
+
+TEST_F(AddNumericTail, AFatSectorThatCannotBeReadIsTheAnswer) {
+    dir.fill_up(short_entry("FULL       "));
+    medium.disk.bad_sectors = {volume::fat_sector_of(9)};
+    const allocation_meter meter;
+    EXPECT_EQ(ask("A          "),
+              (answer{-EINVAL, "A          ",
+                      "fat_read_entry[N]: cannot read FAT\n\n"
+                      "get_phy_sector[N]: invalid value -5\n"
+                      "get_dentry_with_clu[N]: Failed to get entry sector!:(9, 16)\n\n"}));
+    EXPECT_EQ(meter.live_blocks(), 0);
+}
+
+TEST_F(AddNumericTail, ACircleInTheChainEndsTheWalkSoon) {
+    dir.fill_up(short_entry("FULL       "));
+    for (const u32 back_to : {9U, 4U, 17U}) {
+        medium.set_link(17, back_to);
+        dir.record.allocated = 0xFFFFFFE0;
+        medium.disk.log.clear();
+        const allocation_meter meter;
+        const answer a = ask("A          ");
+        EXPECT_EQ(a.result, -EINVAL);
+        EXPECT_EQ(a.dos, "A          ");
+        EXPECT_NE(a.said.find("get_dentry_with_clu[N]: Failed to get entry sector!:(9, "),
+                  std::string::npos);
+        EXPECT_LT(medium.traffic(), 30U);
+        EXPECT_EQ(meter.live_blocks(), 0);
+    }
+}
+
+TEST_F(AddNumericTail, AFirstClusterOutsideTheVolumeIsTheAnswer) {
+    dir.record.start = volume::last_cluster() + 1;
+    EXPECT_EQ(ask("A          "), (answer{-EINVAL, "A          ",
+                                          "get_phy_sector[N]: NULL pointer or invalid xxx!\n\n"
+                                          "get_dentry_with_clu[N]: Failed to get entry sector!:(" +
+                                              number(dir.record.start) + ", 0)\n\n"}));
+    dir.record.start = 1;
+    EXPECT_EQ(ask("A          "),
+              (answer{-EINVAL, "A          ",
+                      "get_phy_sector[N]: invalid start cluster number 1\n"
+                      "get_dentry_with_clu[N]: Failed to get entry sector!:(1, 0)\n\n"}));
+}
+
+// A transfer that moves nothing is no failure here: the sector counts as empty, and an empty entry
+// ends the directory.
+TEST_F(AddNumericTail, ASectorOfWhichNothingArrivesIsTheEnd) {
+    dir.fill_up(short_entry("FULL       "));
+    dir.put(0, short_entry(tailed("A", 1)));
+    dir.put(16, short_entry(tailed("A", 2)));
+    dir.put(32, short_entry(tailed("A", 2)));
+    medium.disk.bad_sectors = {dir.sectors[1]};
+    medium.disk.failure_result = 0;
+    const allocation_meter meter;
+    EXPECT_EQ(ask("A          "), chosen("A~2        "));
+    EXPECT_EQ(meter.live_blocks(), 0);
+}
+
+TEST_F(AddNumericTail, WithoutMemoryForTheSectorNothingIsRead) {
+    medium.disk.log.clear();
+    const allocation_meter meter;
+    const failing_allocation fault(0);
+    EXPECT_EQ(ask("A          "), (answer{-ENOMEM, "A          ",
+                                          "add_numeric_tail[N]: Failed to allocate memory!\n\n"}));
+    EXPECT_EQ(medium.disk.log.size(), 0U);
+    EXPECT_EQ(meter.live_blocks(), 0);
+}
+
+TEST_F(AddNumericTail, NoAllocationFailsUnseen) {
+    dir.fill_up(short_entry("FULL       "));
+    int failures = 0;
+    for (bool has_struck = true; has_struck; failures += has_struck ? 1 : 0) {
+        const allocation_meter meter;
+        const failing_allocation fault(failures);
+        const answer a = ask("A          ");
+        has_struck = fault.struck();
+        if (!has_struck) {
+            EXPECT_EQ(a, chosen("A~1        "));
+        } else if (failures == 0) {
+            EXPECT_EQ(a.result, -ENOMEM);
+        } else {
+            // A link of the chain that cannot be followed.
+            EXPECT_EQ(a.result, -EINVAL);
+            EXPECT_EQ(a.said.substr(0, a.said.find(":(")),
+                      "fat_read_entry[N]: cannot allocate FAT\n\n"
+                      "get_phy_sector[N]: invalid value -12\n"
+                      "get_dentry_with_clu[N]: Failed to get entry sector!");
+        }
+        if (has_struck) {
+            EXPECT_EQ(a.dos, "A          ");
+        }
+        EXPECT_EQ(meter.live_blocks(), 0) << "after " << failures;
+    }
+    EXPECT_GE(failures, 1);
+}

@@ -1,0 +1,184 @@
+// A mounted volume in memory: files and directories put there by hand, opened by the library.
+
+#pragma once
+
+#include "tests/support/volume.h"
+
+#include <cstdint>
+#include <random>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace testing_support {
+
+using bytes = std::vector<std::uint8_t>;
+
+// Bytes without a pattern that a wrong offset could hit; none of them is zero.
+inline bytes some_bytes(std::size_t size, std::uint32_t seed = 1) {
+    std::minstd_rand engine(seed);
+    bytes result(size);
+    for (std::uint8_t &byte : result) {
+        byte = static_cast<std::uint8_t>(1 + engine() % 255);
+    }
+    return result;
+}
+
+inline bytes part_of(const bytes &all, std::size_t offset, std::size_t size) {
+    const auto begin = all.begin() + static_cast<std::ptrdiff_t>(offset);
+    return {begin, begin + static_cast<std::ptrdiff_t>(size)};
+}
+
+inline bytes operator+(bytes a, const bytes &b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+class mounted : public volume {
+public:
+    explicit mounted(const volume_shape &shape = {}) : volume(shape) {
+        if (fat_build_super() != 0) {
+            throw std::runtime_error("this volume cannot be mounted");
+        }
+        disk.log.clear();
+    }
+
+    directory top = root();
+
+    [[nodiscard]] static std::uint32_t cluster_bytes() {
+        return sv->sec_per_clus * sv->sector_size;
+    }
+    static oentry &record(int id) {
+        return *oentry_table[id];
+    }
+    // How many ids are given out, the root's included.
+    [[nodiscard]] static int open_ids() {
+        int result = 0;
+        for (const oentry *entry : oentry_table) {
+            result += entry != nullptr ? 1 : 0;
+        }
+        return result;
+    }
+
+    // Puts an entry behind those in the root directory and opens it. The clusters become its chain.
+    int open_new(std::string_view dos, const std::vector<std::uint32_t> &clusters,
+                 std::uint32_t size, std::uint8_t attr = ARCHIVE) {
+        chain(clusters);
+        return open(top.append(short_entry(dos, attr, clusters.empty() ? 0 : clusters.front(), size)));
+    }
+    int open(std::uint32_t index) const {
+        const int id = fat::fat_entry_open(sv->root_dir, index);
+        if (id < 0) {
+            throw std::runtime_error("this entry cannot be opened");
+        }
+        return id;
+    }
+
+    // The directory entry of an open file as it stands on the medium, and as its record has it.
+    [[nodiscard]] entry_image stored_entry(int id) {
+        const std::uint64_t sector = record(id).dentry_sector;
+        return image_of(disk.peek(sector * sv->sector_size + record(id).dentry_offset, 32).data());
+    }
+    [[nodiscard]] static entry_image held_entry(int id) {
+        return image_of(record(id).dentry);
+    }
+
+    // The bytes of clusters, one behind the other.
+    [[nodiscard]] bytes data_of(const std::vector<std::uint32_t> &clusters) {
+        bytes result;
+        for (const std::uint32_t cluster : clusters) {
+            result = std::move(result) + disk.peek(byte_of(cluster), cluster_bytes());
+        }
+        return result;
+    }
+    void set_data(const std::vector<std::uint32_t> &clusters, const bytes &content) {
+        for (std::size_t i = 0; i < clusters.size(); i++) {
+            disk.poke(byte_of(clusters[i]), part_of(content, i * cluster_bytes(), cluster_bytes()));
+        }
+    }
+    [[nodiscard]] static std::uint64_t byte_of(std::uint32_t cluster) {
+        return std::uint64_t{first_sector_of(cluster)} * sv->sector_size;
+    }
+    // The clusters from `first` on, as the FAT links them.
+    [[nodiscard]] std::vector<std::uint32_t> chain_from(std::uint32_t first) {
+        std::vector<std::uint32_t> result;
+        std::uint32_t cluster = first;
+        while (cluster >= 2 && cluster <= last_cluster() && result.size() <= sv->num_clusters) {
+            result.push_back(cluster);
+            cluster = value_of(cluster);
+        }
+        return result;
+    }
+    // A FAT entry without its reserved bits.
+    [[nodiscard]] std::uint32_t value_of(std::uint32_t cluster) {
+        return link(cluster) & (sv->fat_type == 16 ? 0xFFFF : 0x0FFFFFFF);
+    }
+
+    // Ends a chain in every free cluster but these.
+    void fill_but(const std::set<std::uint32_t> &left_free) {
+        const std::uint32_t width = sv->fat_type / 8;
+        bytes table = fat_copy(0);
+        for (std::uint32_t cluster = 2; cluster <= last_cluster(); cluster++) {
+            if (value_of(cluster) != 0 || left_free.contains(cluster)) {
+                continue;
+            }
+            for (std::uint32_t i = 0; i < width; i++) {
+                table[cluster * width + i] = static_cast<std::uint8_t>(end_mark() >> (8 * i));
+            }
+        }
+        disk.poke(fat_offset(0), table);
+    }
+    [[nodiscard]] std::uint32_t count_free() {
+        const std::uint32_t width = sv->fat_type / 8;
+        const bytes table = fat_copy(0);
+        std::uint32_t result = 0;
+        for (std::uint32_t cluster = 2; cluster <= last_cluster(); cluster++) {
+            std::uint32_t value = 0;
+            for (std::uint32_t i = width; i-- > 0;) {
+                value = value << 8 | table[cluster * width + i];
+            }
+            result += (value & 0x0FFFFFFF) == 0 ? 1 : 0;
+        }
+        return result;
+    }
+
+private:
+    static entry_image image_of(const std::uint8_t *entry) {
+        entry_image result = {};
+        std::copy(entry, entry + 32, result.begin());
+        return result;
+    }
+};
+
+// Fields of an entry image.
+inline std::uint32_t field_of(const entry_image &entry, std::size_t offset, std::size_t size) {
+    std::uint32_t value = 0;
+    for (std::size_t i = size; i-- > 0;) {
+        value = value << 8 | entry.at(offset + i);
+    }
+    return value;
+}
+inline std::uint32_t size_of(const entry_image &entry) {
+    return field_of(entry, 28, 4);
+}
+inline std::uint32_t start_of(const entry_image &entry) {
+    return field_of(entry, 20, 2) << 16 | field_of(entry, 26, 2);
+}
+
+// What a call came to: its result, what it left in errno, what it printed.
+struct outcome {
+    std::int64_t result;
+    int error;
+    std::string said;
+    bool operator==(const outcome &) const = default;
+};
+inline std::ostream &operator<<(std::ostream &out, const outcome &o) {
+    return out << o.result << ", errno " << o.error << ", \"" << o.said << "\"";
+}
+
+// What errno holds before a call, and behind one that does not touch it.
+constexpr int UNTOUCHED_ERRNO = 4711;
+
+} // namespace testing_support
