@@ -256,13 +256,12 @@ inline constexpr u32 SLOT_UNITS = 13;       // units of one long-name slot
 
 // A name in the three forms that a directory needs.
 struct fat_name {
-    char
-        *cstring; // as given, the caller's; the 8.3 conversion cuts trailing blanks and dots off it
-    u8 *dosName;  // 11 bytes on the heap
-    u16 *unicode; // NUL-terminated long name on the heap, null where none is needed
-    u32 ulen;     // units of the long name without its terminator
-    u8 lcase;     // case byte of the short entry: 0x08 lower-case base, 0x10 extension
-    u32 lossy;    // 1: the short name is no faithful copy
+    char *cstring; // as given, the caller's; conversion cuts trailing blanks and dots off it
+    u8 *dosName;   // 11 bytes on the heap
+    u16 *unicode;  // NUL-terminated long name on the heap, null where none is needed
+    u32 ulen;      // units of the long name without its terminator
+    u8 lcase;      // case byte of the short entry: 0x08 lower-case base, 0x10 extension
+    u32 lossy;     // 1: the short name is no faithful copy
 };
 
 // Frees what the record owns and empties it. The string stays the caller's.
