@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <initializer_list>
 
 using namespace fat;
 
@@ -137,12 +138,22 @@ int convert_uname_to_cstring(const u16 *unicode, char *cstring) {
                                       : narrow_to_ascii(unicode, cstring);
 }
 
+void close_encoding() {
+    for (iconv_t *converter : {&sv->cd_to_uni, &sv->cd_from_uni}) {
+        if (*converter != nullptr) {
+            iconv_close(*converter);
+            *converter = nullptr;
+        }
+    }
+}
+
 } // namespace fat
 
 int fat_set_encoding(const char *charset) {
     if (sv == nullptr || charset == nullptr) {
         return 0;
     }
+    close_encoding();
     sv->cd_to_uni = open_converter("UNICODE", charset);
     sv->cd_from_uni = open_converter(charset, "UNICODE");
     if (sv->cd_to_uni == nullptr || sv->cd_from_uni == nullptr) {

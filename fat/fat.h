@@ -217,9 +217,8 @@ int fat_delete_mbr(const char *path);
 
 /*
  * Chooses the character encoding of the names that the library takes and gives, by its iconv name
- * ("UTF-8", "ISO-8859-1", ...). Until then names with a long form are plain ASCII. It holds while
- * the volume is open; choosing again leaves the converters chosen before open until the program
- * ends.
+ * ("UTF-8", "ISO-8859-1", ...). Until then names with a long form are plain ASCII. It holds until
+ * another is chosen or the volume is closed.
  *
  * Returns 0, also when no volume is open or `charset` is NULL (nothing is done), or -EINVAL when
  * the system has no such conversion; a direction that it does have is then in use.

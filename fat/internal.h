@@ -12,8 +12,8 @@
 //   create, remove, file            names, and the data of files
 //   mount                           opening a formatted volume
 //   debug                           printers
-// Two calls go upward and are meant: releasing a volume frees its open entries (oentry), and
-// compacting an image reads its FAT (fatent).
+// Three calls go upward and are meant: releasing a volume frees its open entries (oentry) and its
+// converters (encoding), and compacting an image reads its FAT (fatent).
 
 #pragma once
 
@@ -308,6 +308,9 @@ int convert_dosname_to_cstring(const u8 *dos, char *out, u8 lcase);
 // negative errno. The forward direction cuts trailing blanks and dots off `cstring`.
 [[nodiscard]] int convert_cstring_to_uname(char *cstring, u16 *unicode);
 [[nodiscard]] int convert_uname_to_cstring(const u16 *unicode, char *cstring);
+
+// Closes the converters of the volume.
+void close_encoding();
 
 // ---- dentry -----------------------------------------------------------------------------------
 

@@ -210,7 +210,11 @@ int fat_find_dentry(oentry *dir, char *cstring, fat_name *name) {
 
 int get_long_name(oentry *dir, u32 index, u8 **entry, u8 *sector_buf, u16 *units) {
     const u32 base_clu = base_cluster(dir);
-    const u32 slot_count = load(*entry, SLOT_ORDINAL) - SLOT_LAST;
+    const u32 ordinal = load(*entry, SLOT_ORDINAL);
+    if (ordinal <= SLOT_LAST) {
+        return 0; // no slot, or none that begins a name
+    }
+    const u32 slot_count = ordinal - SLOT_LAST;
     const u8 checksum = static_cast<u8>(load(*entry, SLOT_CHECKSUM));
     for (u32 slot = slot_count; slot >= 1; slot--) {
         place_units(*entry, static_cast<s64>(slot - 1) * SLOT_UNITS, units);

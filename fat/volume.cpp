@@ -88,13 +88,6 @@ int check_device_size(int fd, u64 *size) {
     return 0;
 }
 
-void close_encoding(iconv_t *converter) {
-    if (*converter != nullptr) {
-        iconv_close(*converter);
-        *converter = nullptr;
-    }
-}
-
 void free_open_entries() {
     for (u32 id = 0; id < std::size(oentry_table); id++) {
         free_oentry(oentry_table[id]);
@@ -347,8 +340,7 @@ int fat_close_volume(int compact) {
         std::puts("sv is null");
         return 0;
     }
-    close_encoding(&sv->cd_to_uni);
-    close_encoding(&sv->cd_from_uni);
+    close_encoding();
     return fat_release_volume(compact);
 }
 

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 
@@ -44,25 +45,33 @@ private:
     std::size_t size_;
 };
 
-inline constexpr std::size_t MEDIUM_BYTES = 256 * 1024;
+inline constexpr std::size_t MEDIUM_BYTES = 400 * 1024;
 inline std::array<std::uint8_t, MEDIUM_BYTES> medium;
 
+// The sectors of a transfer that lie inside the medium.
+inline std::uint64_t inside(std::uint64_t sector, std::uint32_t count, std::uint64_t unit) {
+    const std::uint64_t sectors = MEDIUM_BYTES / unit;
+    return sector < sectors ? std::min<std::uint64_t>(count, sectors - sector) : 0;
+}
+
+inline std::uint64_t transfer_unit() {
+    return sv->sector_size != 0 ? sv->sector_size : fat::UNKNOWN_SECTOR_SIZE;
+}
+
 inline int read_medium(void *buf, std::uint64_t sector, std::uint32_t count) {
-    const std::uint64_t sectors = MEDIUM_BYTES / sv->sector_size;
-    const std::uint64_t moved =
-        sector < sectors ? std::min<std::uint64_t>(count, sectors - sector) : 0;
+    const std::uint64_t unit = transfer_unit();
+    const std::uint64_t moved = inside(sector, count, unit);
     if (moved == 0) {
-        return -5;
+        return -EIO;
     }
-    std::memcpy(buf, medium.data() + sector * sv->sector_size, moved * sv->sector_size);
+    std::memcpy(buf, medium.data() + sector * unit, moved * unit);
     return static_cast<int>(moved);
 }
 
 inline int write_medium(void *buf, std::uint64_t sector, std::uint32_t count) {
-    const std::uint64_t sectors = MEDIUM_BYTES / sv->sector_size;
-    const std::uint64_t moved =
-        sector < sectors ? std::min<std::uint64_t>(count, sectors - sector) : 0;
-    std::memcpy(medium.data() + sector * sv->sector_size, buf, moved * sv->sector_size);
+    const std::uint64_t unit = transfer_unit();
+    const std::uint64_t moved = inside(sector, count, unit);
+    std::memcpy(medium.data() + sector * unit, buf, moved * unit);
     return static_cast<int>(moved);
 }
 

@@ -253,7 +253,8 @@ TEST_P(Fat16Root, SectorsOfItsAreaFollowOneAnother) {
 TEST_P(Fat16Root, SectorsEndWhereTheDataBegin) {
     const place end = failed(-EFAULT, "get_phy_sector[N]: Invalid sector number in Root dir\n\n");
     const u32 area = sv->data_start - sv->rdir_start;
-    for (const u32 n : {area, area + 1, 0x7FFFFFFFU, 0x80000000U, 0U - sv->rdir_start, 0xFFFFFFFFU}) {
+    for (const u32 n :
+         {area, area + 1, 0x7FFFFFFFU, 0x80000000U, 0U - sv->rdir_start, 0xFFFFFFFFU}) {
         EXPECT_EQ(phy_sector(0, n), end) << "sector " << n;
     }
 }
@@ -305,7 +306,8 @@ TEST_P(GetEntrySector, EntriesFillOneSectorAfterTheOther) {
               found(spc > 1 ? volume::first_sector_of(5) + 1 : volume::first_sector_of(9)));
     EXPECT_EQ(entry_sector(5, per_sector * spc - 1), found(volume::first_sector_of(5) + spc - 1));
     EXPECT_EQ(entry_sector(5, per_sector * spc), found(volume::first_sector_of(9)));
-    EXPECT_EQ(entry_sector(5, per_sector * spc * 3 - 1), found(volume::first_sector_of(7) + spc - 1));
+    EXPECT_EQ(entry_sector(5, per_sector * spc * 3 - 1),
+              found(volume::first_sector_of(7) + spc - 1));
     EXPECT_EQ(entry_sector(5, per_sector * spc * 3), failed(-EFAULT, ""));
 }
 

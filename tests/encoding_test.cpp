@@ -458,7 +458,8 @@ TEST_F(Utf8, ANameOf127UnitsIsTheLongest) {
     EXPECT_EQ(encode(longest + "yz"), not_encoded(E2BIG, longest + "yz", "yz"));
     const std::string two_bytes = times(127, "\xC3\xA9");
     EXPECT_EQ(encode(two_bytes), encoded(std::u16string(127, u'\u00E9'), two_bytes));
-    EXPECT_EQ(encode(two_bytes + "\xC3\xA9"), not_encoded(E2BIG, two_bytes + "\xC3\xA9", "\xC3\xA9"));
+    EXPECT_EQ(encode(two_bytes + "\xC3\xA9"),
+              not_encoded(E2BIG, two_bytes + "\xC3\xA9", "\xC3\xA9"));
 }
 
 TEST_F(Utf8, OnlyTheFirst256BytesAreRead) {
@@ -581,7 +582,8 @@ TEST_F(Utf8, BytesThatFitGetNoLongName) {
     EXPECT_EQ(
         fill("\xC3\xA9t\xC3\xA9.txt"),
         (record{0, "", "\xC3\xA9t\xC3\xA9.txt", "\xC3\xA9T\xC3\xA9   TXT", std::nullopt, 0x18, 0}));
-    EXPECT_EQ(fill("\xFF\xFE"), (record{0, "", "\xFF\xFE", "\xFF\xFE         ", std::nullopt, 0, 0}));
+    EXPECT_EQ(fill("\xFF\xFE"),
+              (record{0, "", "\xFF\xFE", "\xFF\xFE         ", std::nullopt, 0, 0}));
 }
 
 TEST_F(Utf8, ALongNameThatCannotBeMadeIsARefusedName) {
@@ -690,8 +692,9 @@ TEST_F(ShiftJis, CharactersOfTwoBytesAreUnits) {
 TEST_F(ShiftJis, SecondBytesCountAsCharactersOfTheShortName) {
     EXPECT_EQ(fill("\x83\x61"),
               (record{0, "", "\x83\x61", "\x83\x41         ", std::nullopt, 0x08, 0}));
-    EXPECT_EQ(fill("\x83\x41\x83\x61"), (record{0, "", "\x83\x41\x83\x61", "\x83\x41\x83\x41       ",
-                                                std::vector<u16>{0x30A2, 0x30C2}, 0x18, 0}));
+    EXPECT_EQ(fill("\x83\x41\x83\x61"),
+              (record{0, "", "\x83\x41\x83\x61", "\x83\x41\x83\x41       ",
+                      std::vector<u16>{0x30A2, 0x30C2}, 0x18, 0}));
     EXPECT_EQ(verify_valid_name("\x83\x5C"), -EINVAL);
 }
 
@@ -774,7 +777,8 @@ units_made encoded_afresh(const char *charset, const std::string &name) {
 text_made decoded_afresh(const char *charset, const std::u16string &units) {
     const std::string in(reinterpret_cast<const char *>(units.data()), units.size() * 2);
     const conversion c = convert_afresh(charset, "UNICODE", in, 255);
-    return c.error != 0 ? not_decoded(c.error, c.rest.substr(0, c.rest.find('\0'))) : decoded(c.out);
+    return c.error != 0 ? not_decoded(c.error, c.rest.substr(0, c.rest.find('\0')))
+                        : decoded(c.out);
 }
 
 // Pieces of names of every encoding, right and wrong.
@@ -845,7 +849,8 @@ std::string charset_name(const testing::TestParamInfo<const char *> &info) {
 } // namespace
 
 INSTANTIATE_TEST_SUITE_P(Charsets, EncodingsAtRandom,
-                         testing::Values("UTF-8", "ISO-8859-1", "EUC-JP", "SHIFT_JIS", "ISO-2022-JP"),
+                         testing::Values("UTF-8", "ISO-8859-1", "EUC-JP", "SHIFT_JIS",
+                                         "ISO-2022-JP"),
                          charset_name);
 
 TEST_P(EncodingsAtRandom, EveryNameIsConvertedAsIfItWereTheFirst) {

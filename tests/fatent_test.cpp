@@ -113,7 +113,8 @@ TEST_P(ReadEntry, GivesWhatFormattingLeft) {
 }
 
 TEST_P(ReadEntry, GivesEveryValueThatAnEntryHolds) {
-    for (const u32 value : {0x0000U, 0x0001U, 0x0002U, 0x1234U, 0xFFF6U, 0xFFF7U, 0xFFF8U, 0xFFFFU}) {
+    for (const u32 value :
+         {0x0000U, 0x0001U, 0x0002U, 0x1234U, 0xFFF6U, 0xFFF7U, 0xFFF8U, 0xFFFFU}) {
         v.set_link(7, value);
         EXPECT_EQ(value_of(7), value);
     }
@@ -175,9 +176,9 @@ TEST_P(ReadEntry, WithoutASectorSizeItIsRefused) {
 
 TEST_P(ReadEntry, WithoutAPlaceForTheValueItIsRefused) {
     const std::string size = std::to_string(sv->sector_size);
-    EXPECT_EQ(
-        heard(fat_read_entry(9, nullptr)),
-        (answer{-EINVAL, "fat_read_entry[N]: Invalid input: sector_size(" + size + ") n_clu(9)\n"}));
+    EXPECT_EQ(heard(fat_read_entry(9, nullptr)),
+              (answer{-EINVAL,
+                      "fat_read_entry[N]: Invalid input: sector_size(" + size + ") n_clu(9)\n"}));
     EXPECT_TRUE(transfers().empty());
 }
 

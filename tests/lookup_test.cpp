@@ -68,9 +68,10 @@ protected:
     }
 
     volume v{GetParam().shape};
-    directory dir = GetParam().is_root
-                        ? (GetParam().shape.fat_type == 16 ? v.root() : v.longer_root({9, 7, 20, 8}))
-                        : v.sub_directory({5, 9, 7, 20, 8});
+    directory dir =
+        GetParam().is_root
+            ? (GetParam().shape.fat_type == 16 ? v.root() : v.longer_root({9, 7, 20, 8}))
+            : v.sub_directory({5, 9, 7, 20, 8});
     diagnostics said;
 };
 
@@ -352,7 +353,8 @@ TEST_P(FindSlots, EntriesBetweenSlotsAndShortEntryUndoTheGathering) {
         {deleted(short_entry("GONE       ")), ""},
         {deleted(long_slot(0x01, u"Gone", 0)), ""},
         {short_entry("LABEL      ", LABEL), ""},
-        {short_entry("INVALID    ", LABEL | DIRECTORY), "entry_type[N]: Unknown entry type: 24\n\n"},
+        {short_entry("INVALID    ", LABEL | DIRECTORY),
+         "entry_type[N]: Unknown entry type: 24\n\n"},
     };
     for (const auto &[entry, message] : between) {
         dir.go_to(0);
@@ -652,7 +654,8 @@ INSTANTIATE_TEST_SUITE_P(Directories, FindWithoutMemory, testing::ValuesIn(SUB_D
 TEST_P(FindWithoutMemory, ShortNameInTheFirstSector) {
     dir.append(short_entry("README  TXT"));
     // The record, its short name, the sector.
-    EXPECT_EQ(answers("README.TXT", false), (std::vector{no_memory, no_names, no_memory, found(0)}));
+    EXPECT_EQ(answers("README.TXT", false),
+              (std::vector{no_memory, no_names, no_memory, found(0)}));
     EXPECT_EQ(answers("README.TXT", true), (std::vector{no_names, no_memory, found(0)}));
 }
 
@@ -660,11 +663,12 @@ TEST_P(FindWithoutMemory, LongNameInTheSecondCluster) {
     dir.fill_up(short_entry("OTHER   TXT"));
     dir.go_to(20);
     const u32 index = dir.append_long(u"ReadMe.txt", "README~1TXT");
-    const answer no_fat = {-EINVAL, "fat_read_entry[N]: cannot allocate FAT\n\n"
-                                    "get_phy_sector[N]: invalid value -12\n"
-                                    "get_dentry_with_clu[N]: Failed to get entry sector!:(5, 16)\n\n"
-                                    "find_dentry_with_clu[N]: fail to get dentry(5, 16):"
-                                    "Invalid argument\n"};
+    const answer no_fat = {-EINVAL,
+                           "fat_read_entry[N]: cannot allocate FAT\n\n"
+                           "get_phy_sector[N]: invalid value -12\n"
+                           "get_dentry_with_clu[N]: Failed to get entry sector!:(5, 16)\n\n"
+                           "find_dentry_with_clu[N]: fail to get dentry(5, 16):"
+                           "Invalid argument\n"};
     // The record, its two names, the sector, the FAT sector.
     EXPECT_EQ(answers("ReadMe.txt", false),
               (std::vector{no_memory, no_names, no_names, no_memory, no_fat, found(index)}));
@@ -1034,7 +1038,8 @@ TEST_P(GetLongName, AnythingButASlotInTheMiddleBreaksTheName) {
         {deleted(long_slot(0x02, A13, sum)), ""},
         {short_entry("LABEL      ", LABEL), ""},
         {entry_image{}, ""},
-        {short_entry("INVALID    ", LABEL | DIRECTORY), "entry_type[N]: Unknown entry type: 24\n\n"},
+        {short_entry("INVALID    ", LABEL | DIRECTORY),
+         "entry_type[N]: Unknown entry type: 24\n\n"},
     };
     for (const auto &[broken, message] : between) {
         dir.go_to(0);

@@ -133,9 +133,10 @@ inline short_form to_short(const std::string &name) {
     form.lossy = begin > 0 || base.lossy || extension.lossy;
     const bool is_mixed =
         (base.has_upper && base.has_lower) || (extension.has_upper && extension.has_lower);
-    form.case_byte = is_mixed ? 255
-                              : (base.has_upper ? 7 : 0) + (base.has_lower ? 8 : 0) +
-                                    (extension.has_upper ? 224 : 0) + (extension.has_lower ? 16 : 0);
+    form.case_byte = is_mixed
+                         ? 255
+                         : (base.has_upper ? 7 : 0) + (base.has_lower ? 8 : 0) +
+                               (extension.has_upper ? 224 : 0) + (extension.has_lower ? 16 : 0);
     return form;
 }
 
@@ -282,7 +283,8 @@ inline unsigned free_tail(const std::vector<std::string> &entries, const std::st
         }
         const std::string text = entry.substr(0, entry.find('\0'));
         const std::size_t tilde = text.find('~');
-        if (tilde == std::string::npos || tilde >= 8 || entry.compare(0, tilde, dos, 0, tilde) != 0) {
+        if (tilde == std::string::npos || tilde >= 8 ||
+            entry.compare(0, tilde, dos, 0, tilde) != 0) {
             continue;
         }
         // What stands behind the tilde in the base, digits only, and no digit counts as 0.

@@ -267,7 +267,8 @@ entry_image any_entry(chance *random, const std::string &near) {
 
 // A short name whose beginning many entries share.
 std::string short_name_of_stem(chance *random) {
-    const std::string base = random->of("AB") + letters(random, 7, random->one_in(2) ? "AB~1" : "AB");
+    const std::string base =
+        random->of("AB") + letters(random, 7, random->one_in(2) ? "AB~1" : "AB");
     return name_model::padded(base, 8) + "TX ";
 }
 
@@ -315,7 +316,8 @@ TEST(TailsAtRandom, AreTheLowestFreeOnes) {
     directory small = medium.sub_directory({3});
     directory large = medium.sub_directory({70, 69, 4000, 12});
     for (u32 i = 0; i < 1500; i++) {
-        ASSERT_NO_FATAL_FAILURE(try_tails(&random, random.one_in(4) ? &large : &small, &said, &tally))
+        ASSERT_NO_FATAL_FAILURE(
+            try_tails(&random, random.one_in(4) ? &large : &small, &said, &tally))
             << "directory " << i;
     }
     EXPECT_GT(tally.behind_first, 2000U);

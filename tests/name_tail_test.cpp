@@ -453,7 +453,8 @@ TEST_F(AllTails, TakenLeaveNoTailOf1024) {
 }
 
 TEST_F(AllTails, TakenButOneLeaveThatOne) {
-    for (const u32 absent : {1U, 2U, 31U, 32U, 33U, 63U, 64U, 511U, 512U, 991U, 992U, 1022U, 1023U}) {
+    for (const u32 absent :
+         {1U, 2U, 31U, 32U, 33U, 63U, 64U, 511U, 512U, 991U, 992U, 1022U, 1023U}) {
         take_all_but(absent);
         EXPECT_EQ(ask_large("LONGFILETXT"), chosen(name_model::with_tail("LONGFILETXT", absent)));
     }

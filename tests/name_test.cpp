@@ -232,7 +232,8 @@ TEST_F(ConvertCstringToDosname, WhatDoesNotFitHasNoCase) {
 }
 
 TEST_F(ConvertCstringToDosname, DroppedCharactersTakeNoPlace) {
-    EXPECT_EQ(to_short("1 2 3 4 5 6 7 8.1 2 3"), lossy("1 2 3 4 5 6 7 8.1 2 3", "12345678123", 0x00));
+    EXPECT_EQ(to_short("1 2 3 4 5 6 7 8.1 2 3"),
+              lossy("1 2 3 4 5 6 7 8.1 2 3", "12345678123", 0x00));
 }
 
 TEST_F(ConvertCstringToDosname, ALongInputIsReadToItsLastDot) {
@@ -356,10 +357,11 @@ TEST_F(GetFatnames, BytesAboveAsciiThatFitGetNoLongName) {
 }
 
 TEST_F(GetFatnames, WithoutAnEncodingALongNameIsAscii) {
-    EXPECT_EQ(fill("a+\xC3\xA9. "), (record{-EINVAL,
-                                            "convert_cstring_to_uname[N]: cannot convert non-ascii\n"
-                                            "convert_name[N]: Failed to convert ...!\n\n",
-                                            "a+\xC3\xA9", "", std::nullopt, 0, 0}));
+    EXPECT_EQ(fill("a+\xC3\xA9. "),
+              (record{-EINVAL,
+                      "convert_cstring_to_uname[N]: cannot convert non-ascii\n"
+                      "convert_name[N]: Failed to convert ...!\n\n",
+                      "a+\xC3\xA9", "", std::nullopt, 0, 0}));
 }
 
 TEST_F(GetFatnames, ANameOfNothingIsTold) {
@@ -458,7 +460,8 @@ TEST_F(ConvertName, BothNamesMustHaveAPlace) {
 TEST_F(ConvertName, TheLastThreeOutputsNeedNotBeAskedFor) {
     caller_string string("Read Me");
     fat_name name = {};
-    EXPECT_EQ(convert_name(string.get(), &name.dosName, &name.unicode, nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(convert_name(string.get(), &name.dosName, &name.unicode, nullptr, nullptr, nullptr),
+              0);
     EXPECT_EQ(std::string(name.dosName, name.dosName + 11), "README     ");
     EXPECT_EQ(std::vector<u16>(name.unicode, name.unicode + 8),
               units_of(std::string_view("Read Me\0", 8)));
@@ -667,7 +670,9 @@ TEST_F(EntryType, TheFirstByteCountsBeforeTheAttributes) {
 }
 
 TEST_F(EntryType, TheAttributesTellTheRest) {
-    const auto type_of = [](u8 attr) { return entry_type(short_entry("A          ", attr).data()); };
+    const auto type_of = [](u8 attr) {
+        return entry_type(short_entry("A          ", attr).data());
+    };
     EXPECT_EQ(type_of(0x00), 2U);
     EXPECT_EQ(type_of(0x27), 2U);
     EXPECT_EQ(type_of(0x10), 3U);

@@ -10,7 +10,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <numeric>
+#include <cstdio>
+#include <map>
 #include <random>
 #include <string>
 #include <vector>
@@ -21,7 +22,8 @@ using namespace testing_support;
 namespace {
 
 bool ends_with(const std::string &text, const std::string &end) {
-    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+    return text.size() >= end.size() &&
+           text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
 // ---- chains that come back --------------------------------------------------------------------
@@ -69,7 +71,9 @@ class Circle : public testing::TestWithParam<rho> {
 protected:
     // Everything unwritten reads as deleted entries, so that no directory ends by itself.
     Circle()
-        : v({.fat_type = GetParam().fat_type, .sec_per_clus = GetParam().sec_per_clus, .fill = 0xE5}) {
+        : v({.fat_type = GetParam().fat_type,
+             .sec_per_clus = GetParam().sec_per_clus,
+             .fill = 0xE5}) {
         // Neighbours in the chain are far from each other in the FAT.
         for (u32 i = 0; i < length; i++) {
             clusters.push_back(5 + i * 1231 % 4079);
@@ -292,7 +296,8 @@ protected:
 INSTANTIATE_TEST_SUITE_P(
     Shapes, WalkReads,
     testing::Values(volume_shape{.fat_type = 16, .fill = 0xE5},
-                    volume_shape{.fat_type = 16, .sector_size = 1024, .sec_per_clus = 8, .fill = 0xE5},
+                    volume_shape{
+                        .fat_type = 16, .sector_size = 1024, .sec_per_clus = 8, .fill = 0xE5},
                     volume_shape{.fat_type = 32, .sec_per_clus = 4, .fill = 0xE5},
                     volume_shape{.fat_type = 32, .sector_size = 4096, .fill = 0xE5}),
     shape_name);
@@ -623,7 +628,7 @@ protected:
                 }
             }
         }
-        if (one_in(8)) {
+        if (one_in(5)) {
             v.disk.bad_sectors.insert(one_of(dir->sectors));
         }
     }
@@ -643,6 +648,32 @@ protected:
             ASSERT_TRUE(ends_with(said.text(), "):Invalid argument\n")) << said.text();
             outcomes_["circle"]++;
         }
+    }
+    // Takes the entry for the last slot of a long name, if it is a slot and no name that it may
+    // begin reaches `end`.
+    void put_together(directory *dir, u32 index, u32 end) {
+        std::vector<u8> buffer(sv->sector_size);
+        std::vector<u16> units(256, 0x7777);
+        u8 *entry = nullptr;
+        dentry_location place = {};
+        if (fat_get_dentry(&dir->record, index, &entry, buffer.data(), &place) < 0 ||
+            v.disk.bad_sectors.contains(place.sector) || entry[11] != SLOT || entry[0] == 0xE5 ||
+            entry[0] == 0 || index + entry[0] >= end) {
+            return;
+        }
+        said.clear();
+        plain.said.clear();
+        u32 last = index;
+        std::u16string expected_units(256, u'\x7777');
+        const int expected = plain.long_name(dir->base(), &last, &expected_units);
+        ASSERT_EQ(get_long_name(&dir->record, index, &entry, buffer.data(), units.data()),
+                  expected);
+        ASSERT_NO_FATAL_FAILURE(expect_same_said());
+        if (expected >= 0) {
+            ASSERT_EQ(std::u16string(units.begin(), units.end()), expected_units);
+            ASSERT_EQ((entry - buffer.data()) / 32, last % volume::entries_per_sector());
+        }
+        outcomes_[std::to_string(expected)]++;
     }
     // Each way for a walk to end has been seen a good number of times.
     void expect_outcomes(const std::vector<std::string> &all, int times) const {
@@ -756,6 +787,27 @@ TEST_P(RandomDirectories, LookupsAreThoseOfThePlainWalk) {
     expect_outcomes(
         {"found", "circle", std::to_string(-ENOENT), std::to_string(-EINVAL), std::to_string(-EIO)},
         20);
+}
+
+TEST_P(RandomDirectories, LongNamesAreThoseOfThePlainWalk) {
+    for (int i = 0; i < 800; i++) {
+        SCOPED_TRACE("directory " + std::to_string(i));
+        start_anew();
+        const std::vector<u32> clusters = some_directory(6);
+        bool is_circle = false;
+        const u32 readable =
+            clusters.empty()
+                ? 0xFFFFFFFF
+                : static_cast<u32>(plain.clusters_of(clusters.front(), &is_circle).size()) *
+                      volume::entries_per_cluster();
+        directory dir(&v, clusters, clusters.empty());
+        fill(&dir, false);
+        for (u32 index = 0; index < std::min(dir.capacity(), readable); index++) {
+            const u32 end = is_circle ? readable : 0xFFFFFFFF;
+            ASSERT_NO_FATAL_FAILURE(put_together(&dir, index, end)) << "entry " << index;
+        }
+    }
+    expect_outcomes({"0", "1", "2", "3", std::to_string(-EINVAL), std::to_string(-EIO)}, 3);
 }
 
 TEST_P(RandomDirectories, NumericTailsAreThoseOfThePlainWalk) {

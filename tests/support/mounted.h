@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace testing_support {
@@ -31,7 +32,7 @@ inline bytes part_of(const bytes &all, std::size_t offset, std::size_t size) {
     return {begin, begin + static_cast<std::ptrdiff_t>(size)};
 }
 
-inline bytes operator+(bytes a, const bytes &b) {
+inline bytes joined(bytes a, const bytes &b) {
     a.insert(a.end(), b.begin(), b.end());
     return a;
 }
@@ -66,7 +67,8 @@ public:
     int open_new(std::string_view dos, const std::vector<std::uint32_t> &clusters,
                  std::uint32_t size, std::uint8_t attr = ARCHIVE) {
         chain(clusters);
-        return open(top.append(short_entry(dos, attr, clusters.empty() ? 0 : clusters.front(), size)));
+        return open(
+            top.append(short_entry(dos, attr, clusters.empty() ? 0 : clusters.front(), size)));
     }
     int open(std::uint32_t index) const {
         const int id = fat::fat_entry_open(sv->root_dir, index);
@@ -89,7 +91,7 @@ public:
     [[nodiscard]] bytes data_of(const std::vector<std::uint32_t> &clusters) {
         bytes result;
         for (const std::uint32_t cluster : clusters) {
-            result = std::move(result) + disk.peek(byte_of(cluster), cluster_bytes());
+            result = joined(std::move(result), disk.peek(byte_of(cluster), cluster_bytes()));
         }
         return result;
     }

@@ -15,6 +15,7 @@
 #include <ostream>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -23,7 +24,10 @@ namespace testing_support {
 
 // The result of a call and the diagnostics it printed, source lines as N.
 struct answer {
-    int result;
+    answer() = default;
+    answer(int outcome, std::string diagnostics) : result(outcome), said(std::move(diagnostics)) {}
+
+    int result = 0;
     std::string said;
     bool operator==(const answer &) const = default;
 };
@@ -96,18 +100,10 @@ inline std::ostream &operator<<(std::ostream &out, const record_picture &r) {
     return out << ", image " << std::string(r.image.begin(), r.image.begin() + 11) << "}";
 }
 inline record_picture picture_of(const oentry &record) {
-    record_picture result{record.start,
-                          record.last,
-                          record.allocated,
-                          record.pos,
-                          record.ref_count,
-                          record.dentry_sector,
-                          record.dentry_offset,
-                          {},
-                          record.parent_clus,
-                          record.name,
-                          record.readdir_clus,
-                          record.readdir_pos};
+    record_picture result{
+        record.start,       record.last,          record.allocated,     record.pos,
+        record.ref_count,   record.dentry_sector, record.dentry_offset, {},
+        record.parent_clus, record.name,          record.readdir_clus,  record.readdir_pos};
     if (record.dentry != nullptr) {
         result.image.assign(record.dentry, record.dentry + 32);
     }
@@ -235,11 +231,11 @@ protected:
         return a;
     }
 
-    // The answers of a call while its first, second, ... allocation fails, adjacent equal ones once;
-    // the last is that of a call that nothing disturbed. `undo` takes a success back.
+    // The answers of a call while its first, second, ... allocation fails, adjacent equal ones
+    // once; the last is that of a call that nothing disturbed. `undo` takes a success back.
     template <typename Call, typename Undo>
     std::vector<answer> with_failing_allocations(Call call, Undo undo) {
-        return disturbed(call, undo, [&](int k, answer *a) {
+        return disturbed(undo, [&](int k, answer *a) {
             const failing_allocation fault(k);
             const int result = call();
             const bool struck = fault.struck();
@@ -250,7 +246,7 @@ protected:
     // The same for its reads.
     template <typename Call, typename Undo>
     std::vector<answer> with_failing_reads(Call call, Undo undo) {
-        return disturbed(call, undo, [&](int k, answer *a) {
+        return disturbed(undo, [&](int k, answer *a) {
             v.disk.reads_before_failure = k;
             a->result = call();
             const bool struck = v.disk.reads_before_failure < 0;
@@ -263,8 +259,8 @@ protected:
     diagnostics said;
 
 private:
-    template <typename Call, typename Undo, typename Disturb>
-    std::vector<answer> disturbed(Call, Undo undo, Disturb disturb) {
+    template <typename Undo, typename Disturb>
+    std::vector<answer> disturbed(Undo undo, Disturb disturb) {
         std::vector<answer> answers;
         const allocation_meter meter;
         for (int k = 0; k < 1000; k++) {
@@ -289,10 +285,11 @@ private:
     }
 };
 
-// Two shapes that differ in everything.
+// Two shapes that differ in everything; the second has clusters whose numbers take more than 16
+// bits.
 inline const volume_shape TREE_SHAPES[] = {
     {.fat_type = 16},
-    {.fat_type = 32, .sector_size = 1024, .sec_per_clus = 2},
+    {.fat_type = 32, .sector_size = 1024, .sec_per_clus = 2, .clusters = 70000},
 };
 
 } // namespace testing_support

@@ -87,7 +87,8 @@ public:
         if (static_cast<std::uint32_t>(cluster) >= volume::first_end_mark()) {
             return -EFAULT;
         }
-        *sector = volume::first_sector_of(static_cast<std::uint32_t>(cluster)) + n % sv->sec_per_clus;
+        *sector =
+            volume::first_sector_of(static_cast<std::uint32_t>(cluster)) + n % sv->sec_per_clus;
         return 0;
     }
 
@@ -135,7 +136,8 @@ public:
             }
             if (matches(entry, name)) {
                 return fail(static_cast<int>(i), "find_dentry_with_clu",
-                            "found index:(" + std::to_string(base) + ", " + std::to_string(i) + ")\n");
+                            "found index:(" + std::to_string(base) + ", " + std::to_string(i) +
+                                ")\n");
             }
         }
         return std::nullopt;
@@ -175,6 +177,36 @@ public:
         const std::size_t blank = dos->substr(0, 8).find(' ');
         dos->replace(std::min(blank, 8 - tail.size()), tail.size(), tail);
         return 0;
+    }
+
+    // Puts the long name together whose last slot is entry `*index`, in 256 units that are filled
+    // before. Leaves `*index` at the entry that was read last.
+    int long_name(std::uint32_t base, std::uint32_t *index, std::u16string *units) {
+        int result = dentry(base, *index);
+        entry_image entry = entry_at(*index);
+        const std::uint8_t checksum = entry[13];
+        const int slots = entry[0] - 0x40;
+        std::copy(units->begin(), units->end(), gathered_.begin());
+        for (int k = slots; k >= 1; k--) {
+            gather(entry, (k - 1) * 13);
+            ++*index;
+            result = dentry(base, *index);
+            if (result < 0) {
+                return fail(result, "get_long_name", "Failed to get entry with cluster ...\n\n");
+            }
+            entry = entry_at(*index);
+            if (k > 1 && !goes_on(entry, checksum, *index)) {
+                std::copy_n(gathered_.begin(), 256, units->begin());
+                return 0;
+            }
+        }
+        result = slots >= 1 && is_short(entry) ? slots : 0;
+        if (result > 0 && checksum_of(std::string(entry.begin(), entry.begin() + 11)) != checksum) {
+            result = mismatch(*index);
+            gathered_[0] = 0;
+        }
+        std::copy_n(gathered_.begin(), 256, units->begin());
+        return result;
     }
 
     // Clusters of the chain up to its end, its damage, or its return to one of them.
@@ -229,19 +261,40 @@ private:
         return dentry(dir.base(), index);
     }
 
-    bool matches(const entry_image &entry, const wanted_name &name) {
-        const bool is_deleted = entry[0] == 0xE5;
-        const bool is_slot = !is_deleted && (entry[11] & 0x3F) == 0x0F;
-        const bool is_short = !is_deleted && !is_slot && (entry[11] & 0x08) == 0;
-        const std::string dos(entry.begin(), entry.begin() + 11);
-        if (!is_slot && !is_deleted && (entry[11] & 0x18) == 0x18) {
-            fail(0, "entry_type", "Unknown entry type: " + std::to_string(entry[11]) + "\n\n");
+    enum class what { unused, deleted, slot, file, directory, label, invalid };
+    what kind_of(const entry_image &entry) {
+        if (entry[0] == 0 || entry[0] == 0xE5) {
+            return entry[0] == 0 ? what::unused : what::deleted;
         }
-        if (is_slot) {
-            gather(entry);
+        if ((entry[11] & 0x3F) == 0x0F) {
+            return what::slot;
+        }
+        switch (entry[11] & 0x18) {
+        case 0x00:
+            return what::file;
+        case 0x10:
+            return what::directory;
+        case 0x08:
+            return what::label;
+        default:
+            fail(0, "entry_type", "Unknown entry type: " + std::to_string(entry[11]) + "\n\n");
+            return what::invalid;
+        }
+    }
+    bool is_short(const entry_image &entry) {
+        const what kind = kind_of(entry);
+        return kind == what::file || kind == what::directory;
+    }
+
+    bool matches(const entry_image &entry, const wanted_name &name) {
+        const what kind = kind_of(entry);
+        const std::string dos(entry.begin(), entry.begin() + 11);
+        if (kind == what::slot) {
+            gather(entry, ((entry[0] & ~0x40) - 1) * 13);
+            gathering_ = true;
             return false;
         }
-        if (!is_short) {
+        if (kind != what::file && kind != what::directory) {
             gathering_ = false;
             return false;
         }
@@ -258,22 +311,18 @@ private:
         return match;
     }
     // Lookups without a long form never look at what is gathered here.
-    void gather(const entry_image &slot) {
+    void gather(const entry_image &slot, int position) {
         constexpr std::size_t PLACES[13] = {1, 3, 5, 7, 9, 14, 16, 18, 20, 22, 24, 28, 30};
-        const int ordinal = slot[0] & ~0x40;
-        int position = (ordinal - 1) * 13;
-        std::size_t units = 0;
-        for (; units < 13; units++) {
-            const unsigned unit = slot[PLACES[units]] + 256U * slot[PLACES[units] + 1];
+        for (const std::size_t place : PLACES) {
+            const unsigned unit = slot[place] + 256U * slot[place + 1];
             store(position++, unit);
             if (unit == 0) {
-                break;
+                return;
             }
         }
-        if (units == 13 && slot[0] >= 0x41) {
+        if (slot[0] >= 0x41) {
             store(position, 0);
         }
-        gathering_ = true;
     }
     void store(int position, unsigned unit) {
         if (position >= 0 && position < 256) {
@@ -281,14 +330,28 @@ private:
         }
     }
 
-    void take_tail(const entry_image &entry, const std::string &dos, std::set<std::uint32_t> *taken) {
-        if (entry[0] == 0xE5 || (entry[11] & 0x3F) == 0x0F) {
-            return;
+    int mismatch(std::uint32_t index) {
+        return fail(0, "get_long_name", "not match checksum(" + std::to_string(index) + ")\n");
+    }
+    // Whether the entry is one of the other slots of a long name.
+    bool goes_on(const entry_image &entry, std::uint8_t checksum, std::uint32_t index) {
+        if (kind_of(entry) != what::slot) {
+            gathered_[0] = 0;
+            return false;
         }
-        if ((entry[11] & 0x18) == 0x18) {
-            fail(0, "entry_type", "Unknown entry type: " + std::to_string(entry[11]) + "\n\n");
+        if ((entry[0] & 0x40) != 0) {
+            return false;
         }
-        if ((entry[11] & 0x08) != 0) {
+        if (entry[13] != checksum) {
+            mismatch(index);
+            return false;
+        }
+        return true;
+    }
+
+    void take_tail(const entry_image &entry, const std::string &dos,
+                   std::set<std::uint32_t> *taken) {
+        if (!is_short(entry)) {
             return;
         }
         const std::string text(entry.begin(), std::find(entry.begin(), entry.end(), 0));

@@ -85,9 +85,34 @@ public:
     void poke(std::uint64_t offset, const std::vector<std::uint8_t> &content) {
         for (std::size_t i = 0; i < content.size();) {
             const std::size_t part = part_in_block(offset + i, content.size() - i);
-            std::memcpy(&block_of(offset + i)[(offset + i) % BLOCK], &content[i], part);
+            std::memcpy(&block_to_change(offset + i)[(offset + i) % BLOCK], &content[i], part);
             i += part;
         }
+    }
+
+    // From now on keeps what changes: peek_before() shows the disk as it is now.
+    void remember() {
+        before_.clear();
+        remembers_ = true;
+    }
+    std::vector<std::uint8_t> peek_before(std::uint64_t offset, std::size_t size) {
+        std::vector<std::uint8_t> result(size);
+        for (std::size_t i = 0; i < size;) {
+            const std::size_t part = part_in_block(offset + i, size - i);
+            const auto old = before_.find((offset + i) / BLOCK);
+            const auto &block = old != before_.end() ? old->second : block_of(offset + i);
+            std::memcpy(&result[i], &block[(offset + i) % BLOCK], part);
+            i += part;
+        }
+        return result;
+    }
+    // The numbers of the blocks that were written since remember(), ascending.
+    [[nodiscard]] std::vector<std::uint64_t> written_blocks() const {
+        std::vector<std::uint64_t> result;
+        for (const auto &[number, block] : before_) {
+            result.push_back(number);
+        }
+        return result;
     }
 
     // The numbers of the blocks that anything has looked at or written, ascending. All others are

@@ -286,7 +286,8 @@ private:
         }
         return value;
     }
-    static void count_read(std::uint64_t sector, std::vector<std::pair<std::uint64_t, int>> *counts) {
+    static void count_read(std::uint64_t sector,
+                           std::vector<std::pair<std::uint64_t, int>> *counts) {
         for (auto &[known, times] : *counts) {
             if (known == sector) {
                 times++;

@@ -1,26 +1,17 @@
-// What a call gives back and what it says meanwhile, and pictures of the FAT to compare.
+// A picture of the FAT, to be compared with what a call left.
 
 #pragma once
 
 #include "tests/support/volume.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
-#include <iomanip>
-#include <ostream>
 #include <sstream>
 #include <string>
 #include <vector>
 
 namespace testing_support {
-
-struct answer {
-    std::int64_t result;
-    std::string said; // source lines as N
-    bool operator==(const answer &) const = default;
-};
-inline std::ostream &operator<<(std::ostream &out, const answer &a) {
-    return out << a.result << ", " << std::quoted(a.said);
-}
 
 // Every copy of the FAT as it stood at one moment, to be changed by hand and compared.
 class fat_picture {

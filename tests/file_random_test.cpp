@@ -1,0 +1,425 @@
+// Thousands of writes and reads against the plain account of them: whole and broken chains, empty
+// and full volumes, records that do not fit their chains, media that fail in one place.
+
+#include "tests/support/file_fixture.h"
+#include "tests/support/plain_file.h"
+
+#include <cstdio>
+#include <map>
+#include <random>
+
+using namespace fat;
+using namespace testing_support;
+
+namespace {
+
+constexpr u32 SEED = 915246708;
+
+const std::vector<volume_shape> RANDOM_SHAPES = {
+    {.fat_type = 16},
+    {.fat_type = 16, .sec_per_clus = 4},
+    {.fat_type = 16, .sector_size = 1024, .sec_per_clus = 2},
+    {.fat_type = 16, .sector_size = 4096},
+    {.fat_type = 32},
+    {.fat_type = 32, .sec_per_clus = 8},
+    {.fat_type = 32, .sector_size = 2048, .sec_per_clus = 2},
+};
+
+enum class area { fat, data, directory };
+
+class FilesAtRandom : public file_test, public testing::WithParamInterface<volume_shape> {
+protected:
+    FilesAtRandom() : file_test(GetParam()) {
+        std::printf("seed %u\n", SEED);
+        empty_fat_ = v.fat_copy(0);
+        v.disk.remember();
+    }
+
+    u32 below(u64 limit) {
+        return static_cast<u32>(chance_() % limit);
+    }
+    bool one_in(u32 n) {
+        return below(n) == 0;
+    }
+    template <typename T>
+    T one_of(const std::vector<T> &choices) {
+        return choices[below(static_cast<u32>(choices.size()))];
+    }
+
+    // -- volumes
+
+    // A volume with other clusters taken, and new files.
+    void start_anew() {
+        for (int id = 1; id < 512; id++) {
+            if (oentry_table[id] != nullptr) {
+                fat_close(id);
+            }
+        }
+        v.disk.bad_sectors.clear();
+        v.disk.unreadable.clear();
+        v.disk.unwritable.clear();
+        v.disk.failure_result = -EIO;
+        v.top.go_to(0);
+        ids.clear();
+        chains.clear();
+        fill_fat();
+        sv->last_alloc_clus = one_of<u32>({0, 1, 2, 3 + below(200), 2 + below(sv->num_clusters),
+                                           sv->num_clusters - below(20), sv->num_clusters,
+                                           sv->num_clusters + 1, sv->num_clusters + 2, 0xFFFFFFFF});
+        const u32 files = 1 + below(4);
+        for (u32 i = 0; i < files; i++) {
+            make_file();
+        }
+        if (one_in(6)) {
+            spoil_a_free_entry();
+        }
+    }
+
+    // A file with a chain, sometimes one that its record does not bear out.
+    void make_file() {
+        const u32 unit = mounted::cluster_bytes();
+        const std::vector<u32> clusters = some_free_clusters(below(one_in(6) ? 60 : 8));
+        const u32 allocated = static_cast<u32>(clusters.size()) * unit;
+        const u32 size = allocated == 0 ? 0
+                         : one_in(4)    ? allocated
+                         : one_in(4)    ? allocated - below(std::min(allocated, 3U))
+                         : one_in(4)    ? below(allocated / sv->sector_size) * sv->sector_size
+                                        : below(allocated + 1);
+        for (const u32 cluster : clusters) {
+            free_.erase(std::find(free_.begin(), free_.end(), cluster));
+        }
+        const int id = v.open_new("FILE       ", clusters, size);
+        ids.push_back(id);
+        chains.push_back(clusters);
+        if (one_in(3)) {
+            tamper_with(id);
+        }
+    }
+    void tamper_with(int id) {
+        oentry &record = mounted::record(id);
+        const u32 unit = mounted::cluster_bytes();
+        switch (below(8)) {
+        case 0:
+            set_size(id, size_of(mounted::held_entry(id)) + below(3 * unit));
+            break;
+        case 1:
+            set_size(id, one_of<u32>({0x80000000, 0x90000000, 0xFFFFFFFF, 0xFFFFFF00}));
+            break;
+        case 2:
+            record.allocated += one_of<u32>({unit, 2 * unit, sv->sector_size});
+            break;
+        case 3:
+            record.allocated -= std::min(record.allocated, unit);
+            break;
+        case 4:
+            record.last = one_of<u32>({0, 1, 2 + below(sv->num_clusters)});
+            break;
+        case 5:
+            record.start = one_of<u32>({0, 1, sv->num_clusters + 1, sv->num_clusters + 2});
+            break;
+        default:
+            break_chain(chains.back());
+            break;
+        }
+    }
+    void break_chain(const std::vector<u32> &clusters) {
+        if (clusters.empty()) {
+            return;
+        }
+        u32 value = one_of<u32>({0, 0, 1, volume::bad_mark(), sv->num_clusters + 2,
+                                 volume::first_end_mark(), volume::first_end_mark() + 3});
+        // Into a chain made before, so that no circle comes of it.
+        if (chains.size() > 1 && !chains.front().empty() && one_in(4)) {
+            value = one_of(chains.front());
+        }
+        v.set_link(one_of(clusters), value);
+    }
+    void spoil_a_free_entry() {
+        v.set_link(2 + below(sv->num_clusters),
+                   one_of<u32>({1, volume::bad_mark(), sv->num_clusters + 2}));
+    }
+    static void set_size(int id, u32 size) {
+        for (u32 i = 0; i < 4; i++) {
+            mounted::record(id).dentry[28 + i] = static_cast<u8>(size >> (8 * i));
+        }
+    }
+
+    // -- calls
+
+    // Counts that end at or near the borders of sectors and clusters as often as anywhere.
+    u32 some_count() {
+        const u32 unit = mounted::cluster_bytes();
+        const u32 base = one_of<u32>({0, 1, sv->sector_size, 2 * sv->sector_size, unit, 3 * unit,
+                                      below(2 * sv->sector_size), below(6 * unit),
+                                      one_in(20) ? below(70 * unit) : below(unit)});
+        return std::max(1U, base + below(3) - (base > 0 ? 1 : 0));
+    }
+    u64 some_position(int id) {
+        const u64 size = size_of(mounted::held_entry(id));
+        return one_of<u64>({0, size, below(size + 1), below(size + 1),
+                            below(size + 1) / sv->sector_size * sv->sector_size, size + 1,
+                            size + below(5000), ~u64{0} - below(1000), u64{1} << 63});
+    }
+
+    struct result_of_both {
+        s64 plain;
+        s64 real;
+    };
+
+    result_of_both write_both(int id) {
+        const bytes data = some_bytes(some_count(), below(1000000));
+        const auto count = static_cast<u32>(data.size());
+        if (one_in(5)) {
+            const u32 position = std::min(size_of(mounted::held_entry(id)),
+                                          below(u64{mounted::record(id).allocated} + 1));
+            u32 plain_position = position;
+            u32 real_position = position;
+            const int expected = plain_->write_at(data.data(), count, &plain_position);
+            const int result =
+                do_write_file(&mounted::record(id), data.data(), count, &real_position);
+            EXPECT_EQ(real_position, plain_position);
+            return {expected, result};
+        }
+        const int expected = plain_->write_file(data);
+        errno = UNTOUCHED_ERRNO;
+        const int result = fat_write_file(id, data.data(), count);
+        EXPECT_EQ(errno, result < 0 ? -result : UNTOUCHED_ERRNO);
+        return {expected, result};
+    }
+    result_of_both read_both(int id) {
+        const u32 count = some_count();
+        bytes expected_bytes(count + 16, 0xCC);
+        bytes real_bytes = expected_bytes;
+        s64 expected = 0;
+        s64 result = 0;
+        if (one_in(5)) {
+            u64 plain_position = below(u64{mounted::record(id).allocated} + 1);
+            u64 real_position = plain_position;
+            expected = plain_->read_at(expected_bytes.data(), count, &plain_position);
+            result = do_read_file(&mounted::record(id), real_bytes.data(), count, &real_position);
+            EXPECT_EQ(real_position, plain_position);
+        } else {
+            expected = plain_->read_file(expected_bytes.data(), count);
+            errno = UNTOUCHED_ERRNO;
+            result = fat_read_file(id, real_bytes.data(), count);
+            EXPECT_EQ(errno, result < 0 ? static_cast<int>(-result) : UNTOUCHED_ERRNO);
+        }
+        // What a failing transfer would have moved is not defined.
+        const bool is_defined = !has_faults() || expected >= 0;
+        EXPECT_EQ(part_of(real_bytes, count, 16), bytes(16, 0xCC));
+        EXPECT_TRUE(!is_defined || real_bytes == expected_bytes) << "other bytes were read";
+        return {expected, result};
+    }
+    // One call of both accounts on one file; nothing is left different.
+    void call_both(bool is_write) {
+        const int id = one_of(ids);
+        if (!is_write) {
+            const u64 position = some_position(id);
+            mounted::record(id).pos = one_in(3) ? position : mounted::record(id).pos;
+        }
+        v.disk.remember();
+        v.disk.log.clear();
+        said.clear();
+        plain_ = std::make_unique<plain_file>(&v.disk, mounted::record(id), TODAY);
+        const result_of_both both = is_write ? write_both(id) : read_both(id);
+        ASSERT_EQ(both.real, both.plain);
+        ASSERT_NO_FATAL_FAILURE(expect_same_record(id));
+        ASSERT_NO_FATAL_FAILURE(expect_same_medium());
+        if (!has_faults()) {
+            ASSERT_EQ(said.text(), plain_->said);
+            ASSERT_EQ(last_writes(real_writes()), last_writes(plain_->written));
+        } else {
+            differing_messages += said.text() != plain_->said ? 1 : 0;
+        }
+        outcomes[{is_write, both.real > 0 ? 1 : both.real}]++;
+    }
+
+    // -- comparing
+
+    void expect_same_record(int id) const {
+        const oentry &record = mounted::record(id);
+        ASSERT_EQ(record.start, plain_->record.start);
+        ASSERT_EQ(record.last, plain_->record.last);
+        ASSERT_EQ(record.allocated, plain_->record.allocated);
+        ASSERT_EQ(record.pos, plain_->record.pos);
+        ASSERT_EQ(mounted::held_entry(id), plain_->image);
+        ASSERT_EQ(sv->last_alloc_clus, plain_->hint);
+    }
+    void expect_same_medium() {
+        for (const u64 sector : plain_->known_sectors()) {
+            ASSERT_NO_FATAL_FAILURE(expect_same_sector(sector));
+        }
+        const u64 per_block = ram_disk::BLOCK / sv->sector_size;
+        for (const u64 block : v.disk.written_blocks()) {
+            for (u64 sector = block * per_block; sector < (block + 1) * per_block; sector++) {
+                ASSERT_NO_FATAL_FAILURE(expect_same_sector(sector));
+            }
+        }
+    }
+    // On a medium that fails, sectors of data may have been lost together.
+    void expect_same_sector(u64 sector) {
+        if (has_faults() && is_data(sector)) {
+            return;
+        }
+        const bytes real = v.disk.peek(sector * sv->sector_size, sv->sector_size);
+        ASSERT_TRUE(real == plain_->sector(sector)) << "sector " << sector << " is different";
+    }
+    static bool is_data(u64 sector) {
+        return sector >= sv->data_start &&
+               (sv->fat_type == 16 || sector - sv->rdir_start >= sv->sec_per_clus);
+    }
+    [[nodiscard]] bool has_faults() const {
+        return !v.disk.bad_sectors.empty() || !v.disk.unreadable.empty() ||
+               !v.disk.unwritable.empty();
+    }
+    [[nodiscard]] std::vector<u64> real_writes() const {
+        std::vector<u64> result;
+        for (const transfer &t : v.disk.log) {
+            for (u32 i = 0; t.is_write && i < t.count; i++) {
+                result.push_back(t.sector + i);
+            }
+        }
+        return result;
+    }
+    // The changes of one FAT sector count where the last of them reached the medium.
+    static std::vector<u64> last_writes(const std::vector<u64> &writes) {
+        std::vector<u64> result;
+        std::set<u64> seen;
+        for (auto sector = writes.rbegin(); sector != writes.rend(); ++sector) {
+            const bool is_fat =
+                *sector >= sv->fat_start && *sector < sv->fat_start + u64{sv->fat_size};
+            if (!is_fat || seen.insert(*sector).second) {
+                result.insert(result.begin(), *sector);
+            }
+        }
+        return result;
+    }
+
+    // -- faults
+
+    // Something that a call on the files is likely to touch.
+    u64 some_sector(area where) {
+        const std::vector<u32> &clusters = one_of(chains);
+        const u32 cluster = clusters.empty() || one_in(3)
+                                ? (free_.empty() ? 2 : one_of(free_))
+                                : clusters[below(static_cast<u32>(clusters.size()))];
+        switch (where) {
+        case area::fat:
+            return volume::fat_sector_of(one_in(6) ? sv->last_alloc_clus % sv->num_clusters
+                                                   : cluster);
+        case area::data:
+            return volume::first_sector_of(cluster) + below(sv->sec_per_clus);
+        default:
+            return mounted::record(one_of(ids)).dentry_sector;
+        }
+    }
+
+    std::vector<int> ids;
+    std::vector<std::vector<u32>> chains;
+    std::map<std::pair<bool, s64>, int> outcomes;
+    int differing_messages = 0;
+
+private:
+    void fill_fat() {
+        bytes table = empty_fat_;
+        const u32 first = sv->fat_type == 16 ? 2 : 3; // behind the root directory
+        free_.clear();
+        const u32 manner = below(4);
+        const u32 left = below(40);
+        for (u32 i = 0; manner == 0 && i < left; i++) {
+            free_.push_back(first + below(one_in(2) ? 300 : sv->num_clusters - 1));
+        }
+        if (manner == 0) {
+            std::sort(free_.begin(), free_.end());
+            free_.erase(std::unique(free_.begin(), free_.end()), free_.end());
+        }
+        const u32 width = sv->fat_type / 8;
+        u32 stretch = 0;
+        bool is_taken = false;
+        for (u32 cluster = first; cluster <= volume::last_cluster(); cluster++) {
+            if (stretch-- == 0) {
+                is_taken = one_in(2);
+                stretch = below(manner == 1 ? 4 : 60);
+            }
+            const bool taken = manner == 0
+                                   ? !std::binary_search(free_.begin(), free_.end(), cluster)
+                                   : manner != 2 && is_taken;
+            if (taken) {
+                std::fill_n(table.begin() + cluster * width, width, u8{0xFF});
+            } else if (sv->fat_type == 32 && cluster % 5 == 0) {
+                table[cluster * width + 3] = 0x70;
+            }
+            if (manner != 0 && !taken) {
+                free_.push_back(cluster);
+            }
+        }
+        v.disk.poke(volume::fat_offset(0), table);
+    }
+    // One behind the other, near each other, or anywhere.
+    std::vector<u32> some_free_clusters(u32 count) {
+        std::vector<u32> result;
+        const u32 size = static_cast<u32>(free_.size());
+        const u32 manner = below(3);
+        const u32 near = below(size + 1);
+        for (u32 i = 0; i < count && size != 0; i++) {
+            const u32 at = manner == 0   ? near + i
+                           : manner == 1 ? near + below(2 * count)
+                                         : below(size);
+            if (at < size && std::find(result.begin(), result.end(), free_[at]) == result.end()) {
+                result.push_back(free_[at]);
+            }
+        }
+        return result;
+    }
+
+    std::mt19937 chance_{SEED + GetParam().fat_type + GetParam().sector_size +
+                         GetParam().sec_per_clus};
+    bytes empty_fat_;
+    std::vector<u32> free_;
+    std::unique_ptr<plain_file> plain_;
+};
+INSTANTIATE_TEST_SUITE_P(Shapes, FilesAtRandom, testing::ValuesIn(RANDOM_SHAPES), shape_name);
+
+} // namespace
+
+TEST_P(FilesAtRandom, AreWrittenAndReadAsByThePlainAccount) {
+    for (int round = 0; round < 60; round++) {
+        start_anew();
+        for (int call = 0; call < 25; call++) {
+            SCOPED_TRACE("volume " + std::to_string(round) + ", call " + std::to_string(call));
+            ASSERT_NO_FATAL_FAILURE(call_both(!one_in(3)));
+            ASSERT_FALSE(HasFailure());
+        }
+    }
+    for (auto &[k, n] : outcomes) {
+        printf("%d %ld: %d\n", k.first, k.second, n);
+    }
+}
+
+TEST_P(FilesAtRandom, FailOnABadSectorAsByThePlainAccount) {
+    for (int round = 0; round < 120; round++) {
+        start_anew();
+        const u64 bad =
+            some_sector(one_of<area>({area::fat, area::fat, area::data, area::directory}));
+        switch (below(3)) {
+        case 0:
+            v.disk.unreadable = {bad};
+            break;
+        case 1:
+            v.disk.unwritable = {bad};
+            break;
+        default:
+            v.disk.bad_sectors = {bad};
+            break;
+        }
+        for (int call = 0; call < 12; call++) {
+            SCOPED_TRACE("volume " + std::to_string(round) + ", call " + std::to_string(call));
+            ASSERT_NO_FATAL_FAILURE(call_both(!one_in(3)));
+            ASSERT_FALSE(HasFailure());
+        }
+    }
+    for (auto &[k, n] : outcomes) {
+        printf("%d %ld: %d\n", k.first, k.second, n);
+    }
+    printf("messages differ: %d\n", differing_messages);
+}

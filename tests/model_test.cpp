@@ -1,0 +1,845 @@
+// Random sequences of public calls, on the library and on a plain model of it: after every call the
+// results, the bytes on the medium, the open entries and the number of free clusters agree.
+//
+// Careful users (no writing through an id that another one has overtaken, no removing of what is
+// open) are also promised that no file ever loses or gains a byte: a list of what was written into
+// each file is held against the medium. Careless ones run into everything the library leaves
+// undefended; there the model alone says what must come of it.
+
+#include "tests/support/capture.h"
+#include "tests/support/moment.h"
+#include "tests/support/plain_library.h"
+#include "tests/support/valgrind.h"
+#include "tests/support/volume.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <deque>
+#include <random>
+#include <sstream>
+
+using namespace testing_support;
+using plain::byte_string;
+using plain::dos_name_in;
+using plain::kind_of;
+using plain::open_entry;
+using plain::place;
+using plain::size_in;
+using plain::start_in;
+
+namespace {
+
+constexpr time_t NOW = 1709210096; // 2024-02-29 12:34:56 UTC
+constexpr std::uint16_t DATE = 44 << 9 | 2 << 5 | 29;
+constexpr std::uint16_t TIME = 12 << 11 | 34 << 5 | 56 / 2;
+
+struct run_plan {
+    volume_shape shape;
+    bool long_names = true;
+    std::uint32_t free_clusters = 0; // others are taken from the start; 0: none is
+    bool careful = true;
+};
+
+std::string name_of(const run_plan &plan) {
+    return name_of(plan.shape) + "Root" + std::to_string(plan.shape.root_entries) +
+           (plan.long_names ? "LongNames" : "ShortNames") +
+           (plan.free_clusters != 0 ? "Small" : "Whole") + (plan.careful ? "Careful" : "Careless");
+}
+std::ostream &operator<<(std::ostream &out, const run_plan &plan) {
+    return out << name_of(plan);
+}
+
+// The same for every run of the program; another one for every plan.
+std::uint32_t seed_of(const run_plan &plan) {
+    std::uint32_t seed = 20240229;
+    for (const char c : name_of(plan)) {
+        seed = seed * 31 + static_cast<std::uint32_t>(c);
+    }
+    return seed;
+}
+
+// ---- dice -------------------------------------------------------------------------------------
+
+class dice {
+public:
+    explicit dice(std::uint32_t seed) : engine_(seed) {}
+
+    // 0 to sides - 1.
+    std::uint32_t roll(std::uint32_t sides) {
+        return static_cast<std::uint32_t>(engine_() % sides);
+    }
+    bool chance(std::uint32_t percent) {
+        return roll(100) < percent;
+    }
+    template <typename List>
+    const auto &one_of(const List &list) {
+        return list.at(roll(static_cast<std::uint32_t>(list.size())));
+    }
+    byte_string some_bytes(std::size_t size) {
+        byte_string result(size);
+        std::uint32_t state = static_cast<std::uint32_t>(engine_());
+        for (std::uint8_t &byte : result) {
+            state = state * 1664525 + 1013904223;
+            byte = static_cast<std::uint8_t>(state >> 24);
+        }
+        return result;
+    }
+
+private:
+    std::mt19937 engine_;
+};
+
+// ---- names and paths --------------------------------------------------------------------------
+
+const std::vector<std::string> NAMES = {
+    "readme.txt",
+    "README.TXT",
+    "ReadMe.txt",
+    "readme~1.txt",
+    "README~2.TXT",
+    "a",
+    "A.B",
+    "a.b.c",
+    "longfilename.txt",
+    "longfilename2.txt",
+    "LongFileName.Text",
+    "thirteen char",
+    "twenty-six characters here",
+    "exactly thirty-nine characters in a row",
+    "two.dots.txt",
+    ".profile",
+    "trailing dots...",
+    "trailing blanks  ",
+    " leading",
+    "a+b.txt",
+    "a_b.txt",
+    "x=[1];y",
+    "sub",
+    "SUB",
+    "Sub Directory",
+    "deep",
+    "deeper",
+    "noext",
+    "UPPER.ext",
+    "lower.EXT",
+    "caf\xC3\xA9.txt",
+    "\xE5"
+    "5.bin",
+    "\xC3\xA9 with a long name.txt",
+    "con",
+    "aux.txt",
+    "LPT1",
+    "a:b",
+    "what?",
+    "back\\slash",
+    "..",
+    ".",
+    "...",
+    " ",
+    "tilde~1",
+    "TILDE~1",
+    "FOOBAR~1.TXT",
+};
+
+class names {
+public:
+    explicit names(dice *d) : dice_(d) {}
+
+    std::string name() {
+        const std::uint32_t which = dice_->roll(100);
+        if (which < 55) {
+            return dice_->one_of(NAMES);
+        }
+        const std::string number = std::to_string(dice_->roll(30));
+        if (which < 75) {
+            return "file" + number + ".dat";
+        }
+        if (which < 96) {
+            return "A file with a long name, number " + number;
+        }
+        return std::string(200 + dice_->roll(62), 'n');
+    }
+    std::string path() {
+        const std::uint32_t which = dice_->roll(100);
+        for (const auto &[limit, before, behind] : FORMS) {
+            if (which < limit) {
+                return before + name() + behind;
+            }
+        }
+        return which < 97 ? name() + "/" + name() : std::string(which % 4, '/');
+    }
+
+private:
+    struct form {
+        std::uint32_t limit;
+        std::string before, behind;
+    };
+    const std::vector<form> FORMS = {
+        {60, "", ""},     {72, "/", ""},   {79, "./", ""},  {82, "././", ""}, {84, "", "/"},
+        {86, "//", "//"}, {88, ".//", ""}, {90, "../", ""}, {92, "sub/", ""}, {94, "/sub/", ""},
+    };
+
+    dice *dice_;
+};
+
+// ---- the two libraries ------------------------------------------------------------------------
+
+plain::medium_shape shape_of_open_volume(const run_plan &plan) {
+    plain::medium_shape shape;
+    shape.width = sv->fat_type;
+    shape.sector_bytes = sv->sector_size;
+    shape.cluster_bytes = sv->sec_per_clus * sv->sector_size;
+    shape.clusters = sv->num_clusters;
+    shape.root_cluster = sv->root_clus;
+    shape.root_sector = sv->rdir_start;
+    shape.root_bytes = sv->fat_type == 16 ? (sv->data_start - sv->rdir_start) * sv->sector_size : 0;
+    shape.fat_copies_sector = sv->fat_start;
+    shape.data_sector = sv->data_start;
+    shape.fill = plan.shape.fill;
+    shape.long_names = plan.long_names;
+    shape.date = DATE;
+    shape.time = TIME;
+    return shape;
+}
+
+// Both on the same volume, and what they are compared by.
+class twins {
+public:
+    explicit twins(const run_plan &plan)
+        : v(plan.shape), model(shape_of_open_volume(plan)), plan_(plan) {
+        if (plan.free_clusters != 0) {
+            leave_free(plan.free_clusters);
+        }
+        take_over();
+        second_fat_ = v.fat_copy(1);
+        mount(sv->root_clus);
+    }
+
+    volume v;
+    plain::library model;
+
+    // As after the power was off.
+    void remount() {
+        const std::uint64_t size = sv->vol_size;
+        fat_close_volume(0);
+        sv = static_cast<fat_super *>(std::calloc(1, sizeof(fat_super)));
+        sv->fd = -1;
+        sv->vol_size = size;
+        v.disk.use();
+        mount(0);
+    }
+
+    // Everything that a call may have changed.
+    testing::AssertionResult agree() {
+        testing::AssertionResult result = sectors_agree();
+        result = result ? clusters_agree() : result;
+        result = result ? ids_agree() : result;
+        model.disk.changed.clear();
+        v.disk.log.clear();
+        return result;
+    }
+
+    // Every sector of the volume that anything has touched, and the FAT copy that nothing may
+    // touch.
+    testing::AssertionResult everything_agrees() {
+        if (v.fat_copy(1) != second_fat_) {
+            return testing::AssertionFailure() << "the second FAT has changed";
+        }
+        for (const std::uint64_t block : v.disk.known_blocks()) {
+            for (std::uint32_t at = 0; at < ram_disk::BLOCK; at += sv->sector_size) {
+                const testing::AssertionResult result =
+                    sector_agrees((block * ram_disk::BLOCK + at) / sv->sector_size, true);
+                if (!result) {
+                    return result;
+                }
+            }
+        }
+        return testing::AssertionSuccess();
+    }
+
+private:
+    void mount(std::uint32_t hint) {
+        sv->long_name = plan_.long_names ? 1 : 0;
+        if (fat_build_super() != 0) {
+            throw std::runtime_error("the volume cannot be mounted");
+        }
+        model.mount(hint);
+        v.disk.log.clear();
+    }
+
+    // Takes all clusters but so many, which lie apart from each other.
+    void leave_free(std::uint32_t count) {
+        dice d(seed_of(plan_));
+        std::set<std::uint32_t> left;
+        while (left.size() < count) {
+            left.insert(2 + d.roll(sv->num_clusters));
+        }
+        const std::uint32_t width = sv->fat_type / 8;
+        byte_string table = v.fat_copy(0);
+        for (std::uint32_t cluster = 2; cluster <= volume::last_cluster(); cluster++) {
+            const bool is_free = left.contains(cluster) || cluster == sv->root_clus;
+            for (std::uint32_t i = 0; i < width && !is_free; i++) {
+                table[cluster * width + i] = static_cast<std::uint8_t>(volume::end_mark() >> 8 * i);
+            }
+        }
+        v.disk.poke(volume::fat_offset(0), table);
+    }
+    // The model begins with what the formatter left.
+    void take_over() {
+        const byte_string table = v.fat_copy(0);
+        const std::uint32_t width = sv->fat_type / 8;
+        for (std::uint32_t cluster = 0; cluster <= volume::last_cluster(); cluster++) {
+            std::uint32_t link = 0;
+            for (std::uint32_t i = width; i-- > 0;) {
+                link = link << 8 | table[std::size_t{cluster} * width + i];
+            }
+            model.disk.links.push_back(link);
+        }
+        const std::uint32_t root = sv->fat_type == 16 ? plain::ROOT_AREA : sv->root_clus;
+        byte_string &content = model.disk.content_of(root);
+        content = v.disk.peek(std::uint64_t{sv->rdir_start} * sv->sector_size, content.size());
+    }
+
+    testing::AssertionResult sector_agrees(std::uint64_t number, bool may_be_nobodys) {
+        const std::optional<byte_string> expected = model.disk.sector(number);
+        if (!expected) {
+            return may_be_nobodys ? testing::AssertionSuccess()
+                                  : testing::AssertionFailure()
+                                        << "sector " << number << " is nothing to write to";
+        }
+        const byte_string found = v.disk.peek(number * sv->sector_size, sv->sector_size);
+        if (found == *expected) {
+            return testing::AssertionSuccess();
+        }
+        const auto at = std::mismatch(found.begin(), found.end(), expected->begin()).first;
+        return testing::AssertionFailure()
+               << "sector " << number << " differs from byte " << at - found.begin() << " on";
+    }
+    testing::AssertionResult sectors_agree() {
+        std::set<std::uint64_t> numbers = model.disk.changed;
+        for (const transfer &t : v.disk.log) {
+            for (std::uint32_t i = 0; t.is_write && i < t.count; i++) {
+                numbers.insert(t.sector + i);
+            }
+        }
+        for (const std::uint64_t number : numbers) {
+            const testing::AssertionResult result = sector_agrees(number, false);
+            if (!result) {
+                return result;
+            }
+        }
+        return testing::AssertionSuccess();
+    }
+    // Counted on the medium itself.
+    std::uint32_t count_free_on_medium() {
+        const byte_string table = v.fat_copy(0);
+        const std::uint32_t width = sv->fat_type / 8;
+        std::uint32_t result = 0;
+        for (std::size_t at = 2 * width; at < (sv->num_clusters + 2) * width; at += width) {
+            const bool is_free = table[at] == 0 && table[at + 1] == 0 &&
+                                 (width == 2 || (table[at + 2] == 0 && (table[at + 3] & 0xF) == 0));
+            result += is_free ? 1 : 0;
+        }
+        return result;
+    }
+    testing::AssertionResult clusters_agree() {
+        const std::uint32_t found = count_free_on_medium();
+        const std::uint32_t expected = model.disk.count_free();
+        if (found != expected) {
+            return testing::AssertionFailure() << found << " clusters are free, not " << expected;
+        }
+        if (sv->last_alloc_clus != model.disk.hint) {
+            return testing::AssertionFailure()
+                   << "the hint is " << sv->last_alloc_clus << ", not " << model.disk.hint;
+        }
+        return testing::AssertionSuccess();
+    }
+    testing::AssertionResult ids_agree() {
+        for (int id = 0; id < plain::IDS; id++) {
+            const auto slot = model.table.find(id);
+            const std::string expected =
+                slot == model.table.end() ? "none" : picture_of(slot->second);
+            const std::string found =
+                oentry_table[id] == nullptr ? "none" : picture_of(*oentry_table[id]);
+            if (found != expected) {
+                return testing::AssertionFailure()
+                       << "id " << id << " is " << found << ", not " << expected;
+            }
+        }
+        if (get_current() != model.current) {
+            return testing::AssertionFailure()
+                   << "the current directory is " << get_current() << ", not " << model.current;
+        }
+        return testing::AssertionSuccess();
+    }
+    template <typename Image>
+    static std::string picture(const open_entry &e, const Image *image) {
+        std::ostringstream out;
+        out << e.start << ".." << e.last << ", " << e.allocated << " bytes, at " << e.position
+            << ", " << e.references << " references";
+        for (std::size_t i = 0; image != nullptr && i < 32; i++) {
+            out << ' ' << static_cast<unsigned>(image[i]);
+        }
+        return out.str();
+    }
+    static std::string picture_of(const open_entry &e) {
+        return picture(e, e.image ? e.image->data() : nullptr);
+    }
+    static std::string picture_of(const oentry &e) {
+        return picture(open_entry{e.start, e.last, e.allocated, e.pos, e.ref_count, {}, {}, 0},
+                       e.dentry);
+    }
+
+    run_plan plan_;
+    byte_string second_fat_;
+};
+
+// ---- a run ------------------------------------------------------------------------------------
+
+class RandomOperations : public testing::TestWithParam<run_plan> {
+protected:
+    RandomOperations()
+        : dice_(seed_of(GetParam())), names_(&dice_), both_(GetParam()), model_(both_.model) {
+        fat_set_diagnostics(nullptr);
+    }
+    ~RandomOperations() override {
+        fat_set_diagnostics(stderr);
+    }
+
+    void operate(int operations) {
+        for (int i = 0; i < operations; i++) {
+            if (i % 400 == 0) {
+                mood_ = MOODS.at(dice_.roll(static_cast<std::uint32_t>(MOODS.size())));
+            }
+            one_operation();
+            const testing::AssertionResult agreed = both_.agree();
+            ASSERT_TRUE(agreed && !HasFailure()) << story(i) << agreed.message();
+            if (i % 250 == 0) {
+                ASSERT_NO_FATAL_FAILURE(expect_files_whole()) << story(i);
+            }
+        }
+    }
+
+    // All that can be reached is opened and read once more, on a volume mounted anew.
+    void read_all_again() {
+        ASSERT_TRUE(both_.everything_agrees());
+        ASSERT_NO_FATAL_FAILURE(expect_files_whole());
+        both_.remount();
+        ASSERT_NO_FATAL_FAILURE(read_directory(0));
+        ASSERT_TRUE(both_.everything_agrees());
+    }
+
+    dice dice_;
+    names names_;
+    twins both_;
+    plain::library &model_;
+    // What careful users have written into each file, by the place of its entry.
+    std::map<place, byte_string> written_;
+    std::map<std::string, int> done_; // operations by name, successes and failures apart
+
+private:
+    // How likely each operation is, in parts of their sum.
+    struct mood {
+        std::uint32_t create, mkdir, symlink, open, close, change, write, read, seek, remove;
+    };
+    static constexpr std::array<mood, 5> MOODS = {{
+        {20, 5, 4, 15, 15, 4, 25, 15, 5, 8}, // ordinary
+        {40, 8, 5, 5, 12, 2, 30, 4, 2, 3},   // filling
+        {5, 1, 1, 12, 10, 3, 5, 5, 5, 40},   // clearing
+        {15, 3, 2, 40, 0, 3, 5, 5, 5, 5},    // hoarding ids
+        {3, 1, 1, 10, 10, 2, 70, 10, 5, 5},  // writing
+    }};
+
+    void one_operation() {
+        const std::array<std::uint32_t, 10> parts = {
+            mood_.create, mood_.mkdir, mood_.symlink, mood_.open, mood_.close,
+            mood_.change, mood_.write, mood_.read,    mood_.seek, mood_.remove};
+        using operation = void (RandomOperations::*)();
+        constexpr std::array<operation, 10> OPERATIONS = {
+            &RandomOperations::create, &RandomOperations::make_directory,
+            &RandomOperations::link,   &RandomOperations::open,
+            &RandomOperations::close,  &RandomOperations::change_directory,
+            &RandomOperations::write,  &RandomOperations::read,
+            &RandomOperations::seek,   &RandomOperations::remove};
+        std::uint32_t sum = 0;
+        for (const std::uint32_t part : parts) {
+            sum += part;
+        }
+        std::uint32_t left = dice_.roll(sum);
+        std::size_t which = 0;
+        while (left >= parts.at(which)) {
+            left -= parts.at(which++);
+        }
+        (this->*OPERATIONS.at(which))();
+    }
+
+    // -- operations
+
+    void create() {
+        const std::string path = path_to_create();
+        const std::size_t ids = model_.table.size();
+        const place before = model_.last_built;
+        const int expected = model_.create(path, plain::kind::file);
+        expect("fat_create_file", path, fat_create_file(path.c_str()), expected);
+        if (GetParam().careful && (model_.table.size() > ids || model_.last_built != before)) {
+            written_[model_.last_built] = {};
+        }
+    }
+    void make_directory() {
+        const std::string path = path_to_create();
+        const int expected = model_.create(path, plain::kind::directory);
+        expect("fat_mkdir", path, fat_mkdir(path.c_str()), expected);
+    }
+    void link() {
+        const std::string path = path_to_create();
+        const std::string target(dice_.roll(50) == 0 ? 255 + dice_.roll(8) : dice_.roll(80), 't');
+        const int expected = model_.create_symlink(target, path);
+        expect("fat_create_symlink", target + " " + path,
+               fat_create_symlink(target.c_str(), path.c_str()), expected);
+        if (GetParam().careful && expected == 0) {
+            written_[model_.last_built] = {target.begin(), target.end()};
+        }
+    }
+    void open() {
+        const std::string path = names_.path();
+        switch (dice_.roll(4)) {
+        case 0:
+            expect("fat_open", path, fat_open(path.c_str()), model_.open(path));
+            break;
+        case 1:
+            expect("fat_open_dir", path, fat_open_dir(path.c_str()), model_.open_dir(path));
+            break;
+        default:
+            expect("fat_open_file", path, fat_open_file(path.c_str()), model_.open_file(path));
+        }
+    }
+    void close() {
+        const int id = some_id();
+        if (GetParam().careful && id == model_.current) {
+            return;
+        }
+        expect("fat_close", std::to_string(id), fat_close(id), model_.close(id));
+    }
+    // Goes down or up, or to any open directory; now and then the root is opened anew.
+    void change_directory() {
+        const std::uint32_t which = dice_.roll(10);
+        if (which == 0) {
+            expect("fat_open_dir", "(null)", fat_open_dir(nullptr), model_.open_dir());
+            return;
+        }
+        if (which < 4) {
+            const int id = which < 2 ? 0 : some_id();
+            expect("fat_set_current", std::to_string(id), fat_set_current(id),
+                   model_.set_current(id));
+            return;
+        }
+        const std::string path = which < 6 ? ".." : dice_.one_of(DIRECTORIES);
+        const int id = model_.open_dir(path);
+        expect("fat_open_dir", path, fat_open_dir(path.c_str()), id);
+        if (id > 0) {
+            expect("fat_set_current", std::to_string(id), fat_set_current(id),
+                   model_.set_current(id));
+            expect("fat_close", std::to_string(id), fat_close(id), model_.close(id));
+        }
+    }
+    void write() {
+        const int id = some_id();
+        if (GetParam().careful && model_.table.contains(id) && !is_up_to_date(id)) {
+            return;
+        }
+        const byte_string data = dice_.some_bytes(size_to_write(id));
+        const int expected = model_.write(id, data);
+        const int result = fat_write_file(id, data.data(), static_cast<std::uint32_t>(data.size()));
+        expect("fat_write_file", std::to_string(id) + " " + std::to_string(data.size()), result,
+               expected);
+        if (GetParam().careful && expected > 0) {
+            byte_string &all = written_[model_.table.at(id).where];
+            all.insert(all.end(), data.begin(), data.end());
+            ASSERT_NO_FATAL_FAILURE(expect_whole(model_.table.at(id).where, all));
+        }
+    }
+    void read() {
+        const int id = some_id();
+        const std::uint32_t count = dice_.roll(3) == 0 ? dice_.roll(20) : dice_.roll(40000);
+        byte_string expected;
+        const int expected_result = model_.read(id, count, &expected);
+        byte_string buffer(count + 1, 0x5A);
+        const int result = fat_read_file(id, buffer.data(), count);
+        expect("fat_read_file", std::to_string(id) + " " + std::to_string(count), result,
+               expected_result);
+        if (result >= 0) {
+            EXPECT_TRUE(std::equal(expected.begin(), expected.end(), buffer.begin()))
+                << "bytes read";
+            EXPECT_EQ(buffer[expected.size()], 0x5A);
+        }
+    }
+    void seek() {
+        const int id = some_id();
+        const std::int64_t offset = static_cast<std::int64_t>(dice_.roll(6000)) - 2000;
+        const int whence = static_cast<int>(dice_.roll(4));
+        expect("fat_lseek",
+               std::to_string(id) + " " + std::to_string(offset) + " " + std::to_string(whence),
+               fat_lseek(id, offset, whence), model_.seek(id, offset, whence));
+        std::array<char, 12> name = {};
+        const std::optional<std::string> expected = model_.short_name(id);
+        const int result = fat_dump_entry(id, name.data());
+        expect("fat_dump_entry", std::to_string(id), result, expected ? 0 : -EBADF);
+        EXPECT_EQ(std::string(name.begin(), name.begin() + 11),
+                  expected.value_or(std::string(11, '\0')));
+    }
+    void remove() {
+        const std::string path = names_.path();
+        const bool entry_alone = dice_.chance(20);
+        if (GetParam().careful && !may_remove(path)) {
+            return;
+        }
+        const int expected = entry_alone ? model_.rm_entry(path) : model_.unlink(path);
+        if (entry_alone) {
+            expect("fat_rm_entry", path, fat_rm_entry(path.c_str()), expected);
+        } else {
+            expect("fat_unlink", path, fat_unlink(path.c_str()), expected);
+        }
+        if (expected > 0) {
+            written_.erase(model_.last_removed);
+        }
+    }
+
+    // -- what operations are given
+
+    const std::vector<std::string> DIRECTORIES = {"sub",  "deep", "deeper", "Sub Directory",
+                                                  "/sub", ".",    "a",      "A.B"};
+
+    std::string path_to_create() {
+        const std::string path = dice_.chance(10) ? dice_.one_of(DIRECTORIES) : names_.path();
+        // A "./" of a current directory that was removed leads to a record without a chain, of
+        // which the growth is nobody's business.
+        const open_entry &here = model_.table.at(model_.current);
+        std::uint32_t last = 0;
+        const bool is_gone = here.image && model_.disk.count_chain(here.start, &last) <= 0;
+        return is_gone && path.find('/') != std::string::npos ? "gone" : path;
+    }
+    // Mostly one that is open; without hoarding there are few of them.
+    int some_id() {
+        if (dice_.chance(4)) {
+            constexpr std::array<int, 6> ODD = {0, 511, 512, -1, 77, 100000};
+            return ODD.at(dice_.roll(6));
+        }
+        const auto count = static_cast<std::uint32_t>(model_.table.size());
+        if (count > 25 && mood_.close != 0) {
+            const int id = std::next(model_.table.begin(), 1 + dice_.roll(count - 1))->first;
+            if (id != model_.current) {
+                expect("fat_close", std::to_string(id), fat_close(id), model_.close(id));
+            }
+        }
+        return std::next(model_.table.begin(),
+                         dice_.roll(static_cast<std::uint32_t>(model_.table.size())))
+            ->first;
+    }
+    // From one byte to all that is left and one more, often up to a boundary.
+    std::size_t size_to_write(int id) {
+        const std::uint32_t cluster = model_.disk.shape.cluster_bytes;
+        const std::uint32_t which = dice_.roll(100);
+        if (which < 40) {
+            return dice_.roll(300);
+        }
+        if (which < 70) {
+            return dice_.roll(3 * cluster) + 1;
+        }
+        const std::uint32_t free = model_.disk.count_free();
+        if (which >= 97 && std::uint64_t{free} * cluster < 40U << 20) {
+            return std::size_t{free} * cluster + dice_.roll(3) * dice_.roll(cluster);
+        }
+        const auto entry = model_.table.find(id);
+        const std::uint32_t size =
+            entry != model_.table.end() && entry->second.image ? size_in(*entry->second.image) : 0;
+        const std::uint32_t unit = which < 85 ? model_.disk.shape.sector_bytes : cluster;
+        return unit - size % unit + dice_.roll(2);
+    }
+
+    // -- careful users
+
+    // Whether no other id has written the entry since this one was opened, or removed it.
+    bool is_up_to_date(int id) {
+        const open_entry &entry = model_.table.at(id);
+        return entry.image && model_.disk.entry_at(entry.where) == *entry.image &&
+               start_in(*entry.image) == entry.start;
+    }
+    // Anything but dot entries and directories that are open, if only as a part of the way.
+    bool may_remove(const std::string &path) {
+        const auto found = model_.peek(path);
+        if (!found) {
+            return true;
+        }
+        const auto &[where, image] = *found;
+        if (plain::is_dot_entry(image)) {
+            return false;
+        }
+        const std::uint32_t start = start_in(image);
+        return kind_of(image) != 3 ||
+               std::none_of(model_.table.begin(), model_.table.end(), [start](const auto &slot) {
+                   return slot.second.start == start && slot.second.image;
+               });
+    }
+    void expect_whole(const place &where, const byte_string &expected) {
+        const plain::entry_bytes entry = model_.disk.entry_at(where);
+        ASSERT_EQ(size_in(entry), expected.size());
+        byte_string found;
+        for (std::uint32_t cluster = start_in(entry); found.size() < expected.size();) {
+            const byte_string &content = model_.disk.content_of(cluster);
+            const std::size_t left = std::min(content.size(), expected.size() - found.size());
+            found.insert(found.end(), content.begin(),
+                         content.begin() + static_cast<std::ptrdiff_t>(left));
+            cluster = model_.disk.value_of(cluster);
+        }
+        ASSERT_TRUE(found == expected) << "the file has other bytes";
+    }
+    // Every file has its bytes, and its clusters for itself.
+    void expect_files_whole() {
+        std::set<std::uint32_t> taken;
+        for (const auto &[where, content] : written_) {
+            ASSERT_NO_FATAL_FAILURE(expect_whole(where, content));
+            std::uint32_t cluster = start_in(model_.disk.entry_at(where));
+            while (cluster != 0 && !model_.disk.is_end(cluster)) {
+                ASSERT_TRUE(taken.insert(cluster).second) << "cluster " << cluster << " twice";
+                cluster = model_.disk.value_of(cluster);
+            }
+        }
+    }
+
+    // -- reading everything
+
+    void read_directory(int id) {
+        if (!seen_.insert(model_.table.at(id).start).second || seen_.size() > 200) {
+            return;
+        }
+        expect("fat_set_current", std::to_string(id), fat_set_current(id), model_.set_current(id));
+        const open_entry dir = model_.table.at(id);
+        std::vector<std::string> subdirectories;
+        for (std::uint32_t index = 0;; index++) {
+            place where;
+            if (model_.entry_place(dir, index, &where) < 0) {
+                break;
+            }
+            const plain::entry_bytes entry = model_.disk.entry_at(where);
+            const unsigned kind = kind_of(entry);
+            if (kind == 0) {
+                break;
+            }
+            if (kind == 2 || kind == 3) {
+                ASSERT_NO_FATAL_FAILURE(read_entry(id, index, entry));
+            }
+            if (kind == 3 && !plain::is_dot_entry(entry)) {
+                subdirectories.push_back(name_model::to_text(dos_name_in(entry), 0));
+            }
+        }
+        for (const std::string &name : subdirectories) {
+            expect("fat_set_current", std::to_string(id), fat_set_current(id),
+                   model_.set_current(id));
+            const int sub = model_.open_dir(name);
+            expect("fat_open_dir", name, fat_open_dir(name.c_str()), sub);
+            if (sub > 0) {
+                ASSERT_NO_FATAL_FAILURE(read_directory(sub));
+                expect("fat_close", std::to_string(sub), fat_close(sub), model_.close(sub));
+            }
+        }
+    }
+    // By its place, and by its name.
+    void read_entry(int dir, std::uint32_t index, const plain::entry_bytes &entry) {
+        const int id = model_.open_at(model_.table.at(dir), index);
+        expect("fat_entry_open", std::to_string(index),
+               fat::fat_entry_open(oentry_table[dir], index), id);
+        ASSERT_NO_FATAL_FAILURE(read_whole(id));
+        const std::string name = name_model::to_text(dos_name_in(entry), entry[12]);
+        const int named = model_.open(name);
+        expect("fat_open", name, fat_open(name.c_str()), named);
+        ASSERT_NO_FATAL_FAILURE(read_whole(named));
+        ASSERT_TRUE(both_.agree());
+    }
+    void read_whole(int id) {
+        if (id <= 0) {
+            return;
+        }
+        byte_string expected;
+        const open_entry &entry = model_.table.at(id);
+        const std::uint32_t size = entry.image ? size_in(*entry.image) : 0;
+        const std::uint32_t count = std::min(size, 1U << 26) + 1;
+        const int expected_result = model_.read(id, count, &expected);
+        byte_string buffer(count);
+        const int result = fat_read_file(id, buffer.data(), count);
+        ASSERT_EQ(result, expected_result);
+        buffer.resize(expected.size());
+        ASSERT_TRUE(result < 0 || buffer == expected);
+        ASSERT_EQ(fat_close(id), model_.close(id));
+    }
+
+    // -- the story so far
+
+    void expect(const std::string &call, const std::string &argument, std::int64_t result,
+                std::int64_t expected) {
+        story_.push_back(call + "(" + name_model::shown_bytes(argument) +
+                         ") = " + std::to_string(result));
+        if (story_.size() > 12) {
+            story_.pop_front();
+        }
+        done_[call + (result < 0 ? " " + std::to_string(result) : "")]++;
+        EXPECT_EQ(result, expected) << call;
+    }
+    std::string story(int operation) {
+        std::string result = "operation " + std::to_string(operation) + ", at last\n";
+        for (const std::string &line : story_) {
+            result += "  " + line + "\n";
+        }
+        return result;
+    }
+
+    stopped_clock clock_{NOW};
+    mood mood_ = MOODS[0];
+    std::deque<std::string> story_;
+    std::set<std::uint32_t> seen_; // directories read, by their first cluster
+};
+
+// ---- the runs ---------------------------------------------------------------------------------
+
+// At least 5,000 operations; few of them in valgrind.
+int operations() {
+    return runs_in_valgrind() ? 150 : 5000;
+}
+
+std::vector<run_plan> plans() {
+    const std::vector<run_plan> result = {
+        {{16, 512, 1, 0, 512, 0x00}, true, 0},       {{16, 512, 1, 0, 512, 0xA7}, false, 300},
+        {{16, 512, 4, 0, 64, 0xE5}, true, 150},      {{16, 512, 64, 0, 512, 0x41}, false, 0},
+        {{16, 1024, 2, 0, 1024, 0x0F}, true, 200},   {{16, 2048, 8, 0, 512, 0xFF}, false, 100},
+        {{16, 4096, 1, 9000, 512, 0xE5}, true, 0},   {{16, 4096, 8, 0, 128, 0xA7}, true, 60},
+        {{32, 512, 1, 0, 512, 0xE5}, true, 0},       {{32, 512, 1, 0, 512, 0x41}, false, 500},
+        {{32, 512, 8, 0, 512, 0xFF}, true, 120},     {{32, 1024, 1, 0, 512, 0xA7}, true, 400},
+        {{32, 2048, 2, 70000, 512, 0x00}, false, 0}, {{32, 4096, 1, 0, 512, 0xE5}, true, 150},
+    };
+    std::vector<run_plan> both;
+    for (run_plan plan : result) {
+        both.push_back(plan);
+        plan.careful = false;
+        both.push_back(plan);
+    }
+    return both;
+}
+
+std::string plan_name(const testing::TestParamInfo<run_plan> &plan) {
+    return name_of(plan.param);
+}
+
+} // namespace
+
+TEST_P(RandomOperations, AgreeWithThePlainModelAfterEveryCall) {
+    std::printf("seed %u, %d operations on %s\n", seed_of(GetParam()), operations(),
+                name_of(GetParam()).c_str());
+    ASSERT_NO_FATAL_FAILURE(operate(operations()));
+    ASSERT_NO_FATAL_FAILURE(read_all_again());
+    for (const auto &[what, times] : done_) {
+        std::printf("STAT %s %d\n", what.c_str(), times);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Shapes, RandomOperations, testing::ValuesIn(plans()), plan_name);
