@@ -1,4 +1,5 @@
-// Formatting side by side: quorvel and mkfs.fat on fresh sparse images of equal geometry.
+// Formatting side by side: quorvel and mkfs.fat on fresh sparse images, with equal sector and cluster
+// sizes and FAT widths.
 //
 // usage: format_bench QUORVEL DIRECTORY [ROUNDS]
 //
@@ -62,6 +63,10 @@ double time_run(std::vector<std::string> arguments, const std::string &image, st
     }
     const auto begin = std::chrono::steady_clock::now();
     const pid_t child = fork();
+    if (child < 0) {
+        std::perror("fork");
+        std::exit(1);
+    }
     if (child == 0) {
         start(arguments);
     }

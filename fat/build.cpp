@@ -32,11 +32,6 @@ struct free_run {
     }
 };
 
-bool is_free_slot(const u8 *entry) {
-    const u32 type = entry_type(entry);
-    return type == DENTRY_UNUSED || type == DENTRY_DELETED;
-}
-
 // Looks through the directory from its first slot. Returns 1 when the run is complete, 0 at the
 // end, or a negative errno; `position` is left at the slot where it stopped.
 int search_slots(dentry_walk *walk, u32 slot_count, free_run *run, u32 *position) {

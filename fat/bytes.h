@@ -2,7 +2,7 @@
 //
 // Every multi-byte value of the FAT format is little-endian and most are unaligned, so values are
 // put together byte by byte; the compilers turn this into single loads where the target allows
-// them. Nothing else in the library spells byte order.
+// them. Nothing else in the library spells the byte order of the medium.
 
 #pragma once
 

@@ -11,15 +11,26 @@ namespace fat {
 
 namespace {
 
-u32 cluster_bytes() {
-    return sv->sec_per_clus * sv->sector_size;
-}
-
 // A hint outside the volume, its very last cluster included, restarts the search at the beginning.
 void correct_hint() {
     if (sv->last_alloc_clus < FIRST_DATA_CLUSTER || sv->last_alloc_clus > sv->num_clusters) {
         sv->last_alloc_clus = FIRST_DATA_CLUSTER - 1;
     }
+}
+
+void report_failed_write() {
+    report_at("fat_alloc_cluster", __LINE__, "Failed to write entry!\n\n");
+}
+
+// The volume is full. Changes that single writes would have made before the search come first.
+int end_full_search(fat_editor *editor) {
+    const int flushed = flush_editor(editor);
+    if (flushed < 0) {
+        report_failed_write();
+        return flushed;
+    }
+    report_at("fat_alloc_cluster", __LINE__, "No space left on volume!!\n");
+    return -ENOSPC;
 }
 
 // Stores a free cluster. An error of the second pass other than a full volume is passed over, and
@@ -29,8 +40,7 @@ int find_free_cluster(fat_editor *editor, u32 *cluster) {
     if (found == -ENOENT) {
         found = find_free(editor, FIRST_DATA_CLUSTER, sv->last_alloc_clus);
         if (found == -ENOENT) {
-            report_at("fat_alloc_cluster", __LINE__, "No space left on volume!!\n");
-            return -ENOSPC;
+            return end_full_search(editor);
         }
     } else if (found < 0) {
         return found;
@@ -39,10 +49,6 @@ int find_free_cluster(fat_editor *editor, u32 *cluster) {
         *cluster = static_cast<u32>(found);
     }
     return 0;
-}
-
-void report_failed_write() {
-    report_at("fat_alloc_cluster", __LINE__, "Failed to write entry!\n\n");
 }
 
 int write_link(fat_editor *editor, u32 cluster, u32 value) {
@@ -132,12 +138,16 @@ void forget_lost(const before_allocation &before, u32 first_lost, const u32 *clu
     }
 }
 
+bool is_directory_record(const oentry *record) {
+    return is_live_directory(record->dentry) || (record->dentry == nullptr && sv->fat_type == 32);
+}
+
 // Every open record of a directory that has grown learns its new end: a record that kept the old
 // one would link the next cluster into the middle of the chain.
 void share_growth(const oentry *grown) {
     for (oentry *record : oentry_table) {
         if (record != nullptr && record != grown && record->start == grown->start &&
-            !is_fat16_root(record)) {
+            is_directory_record(record)) {
             record->last = grown->last;
             record->allocated = grown->allocated;
         }
@@ -153,6 +163,16 @@ void undo_growth(oentry *entry, u32 previous_last, u32 cluster) {
         entry->allocated -= cluster_bytes();
     }
     (void)fat_write_entry(cluster, FAT_FREE); // likewise
+}
+
+// One change of an undo. Nothing that fails here could be mended; the error that led here is the
+// one to tell. What fails first may be the write of the sector that the editor leaves: the change
+// itself is then still to be made.
+void undo_entry(fat_editor *editor, u32 cluster, u32 value) {
+    const bool leaves_changes = editor->dirty;
+    if (edit_entry(editor, cluster, value) < 0 && leaves_changes) {
+        (void)edit_entry(editor, cluster, value);
+    }
 }
 
 // The link of the cluster that a walk stands on; negative also where the chain has come back on
@@ -191,7 +211,7 @@ int alloc_clusters(oentry *entry, u32 *clusters, u32 count, u32 *allocated) {
         result = alloc_cluster(&editor, entry, &clusters[*allocated]);
         *allocated += result == 0 ? 1 : 0;
     }
-    if (!editor.write_failed && flush_editor(&editor) < 0) {
+    if (!editor.write_failed && flush_editor(&editor) < 0 && result == 0) {
         report_failed_write();
         result = -EIO;
     }
@@ -204,14 +224,13 @@ int alloc_clusters(oentry *entry, u32 *clusters, u32 count, u32 *allocated) {
 void undo_allocation(oentry *entry, u32 old_last, const u32 *clusters, u32 count, u32 allocated) {
     fat_editor editor;
     editor.gathers = true;
-    // Nothing that fails here could be mended; the error that led here is the one to tell.
-    (void)edit_entry(&editor, old_last, FAT_END_MARK);
+    undo_entry(&editor, old_last, FAT_END_MARK);
     entry->last = old_last;
     entry->allocated -= allocated * cluster_bytes();
     for (u32 i = 0; i < count && clusters[i] >= FIRST_DATA_CLUSTER; i++) {
-        (void)edit_entry(&editor, clusters[i], FAT_FREE);
+        undo_entry(&editor, clusters[i], FAT_FREE);
     }
-    (void)flush_editor(&editor);
+    (void)flush_editor(&editor); // as undo_entry()
 }
 
 int clear_cluster(u32 cluster) {
@@ -220,8 +239,7 @@ int clear_cluster(u32 cluster) {
         REPORT("Failed to allocate memory!\n\n");
         return -ENOMEM;
     }
-    const u64 first =
-        sv->data_start + static_cast<u64>(cluster - FIRST_DATA_CLUSTER) * sv->sec_per_clus;
+    const u32 first = sv->data_start + (cluster - FIRST_DATA_CLUSTER) * sv->sec_per_clus;
     for (u32 i = 0; i < sv->sec_per_clus; i++) {
         if (write_sectors(zeros.get(), first + i, 1) != 1) {
             REPORT("cannot write cluster(#%d)\n", static_cast<int>(cluster));
@@ -235,6 +253,10 @@ int fat_extend_dir(oentry *entry, u32 *cluster) {
     const u32 previous_last = entry != nullptr ? entry->last : 0;
     u32 new_cluster = 0;
     int result = fat_alloc_cluster(entry, &new_cluster);
+    if (result == 0 && !is_data_cluster(new_cluster)) {
+        // A search that met a damaged entry found nothing. Clearing that would hit other areas.
+        result = -EINVAL;
+    }
     if (result < 0) {
         REPORT("Failed to allocate cluster!\n\n");
         return result;

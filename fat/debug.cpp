@@ -2,6 +2,8 @@
 
 #include "fat/internal.h"
 
+#include <cstdio>
+
 using namespace fat;
 
 namespace {

@@ -59,11 +59,12 @@ int chain_sector(chain_place *place, u32 base_clu, u32 sector_index, u32 *sector
     return 0;
 }
 
-// The sector of the directory that holds entry `index`, and the entry's byte offset there.
+// The sector of the directory that holds entry `index`.
 u32 sector_index_of(u32 index) {
     return static_cast<u32>(static_cast<u64>(index) * DENTRY_SIZE / sv->sector_size);
 }
 
+// The byte offset of entry `index` in its sector.
 u32 offset_of(u32 index) {
     return static_cast<u32>(static_cast<u64>(index) * DENTRY_SIZE % sv->sector_size);
 }
@@ -99,12 +100,18 @@ bool is_behind_allocation(const oentry *dir, u32 index) {
 // ---- addressing -------------------------------------------------------------------------------
 
 bool is_fat16_root(const oentry *entry) {
-    return entry->dentry == nullptr && sv->fat_type != 32;
+    return entry->dentry == nullptr && entry->dentry_sector == 0 && sv->fat_type != 32;
 }
 
 bool is_live_directory(const u8 *dentry) {
-    return dentry != nullptr && dentry[0] != NAME_UNUSED && dentry[0] != NAME_DELETED &&
+    return dentry != nullptr && dentry[SHORT_NAME.offset] != NAME_UNUSED &&
+           dentry[SHORT_NAME.offset] != NAME_DELETED &&
            (load(dentry, SHORT_ATTR) & ATTR_KIND_MASK) == ATTR_DIRECTORY;
+}
+
+bool is_free_slot(const u8 *entry) {
+    const u32 type = entry_type(entry);
+    return type == DENTRY_UNUSED || type == DENTRY_DELETED;
 }
 
 u32 start_cluster(const u8 *dentry) {
@@ -121,7 +128,6 @@ u32 base_cluster(const oentry *dir) {
 }
 
 u32 dir_entry_count(const oentry *dir) {
-    constexpr u32 FAT16_ROOT_ENTRIES = 512;
     return is_fat16_root(dir) ? FAT16_ROOT_ENTRIES : dir->allocated / DENTRY_SIZE;
 }
 
@@ -163,8 +169,13 @@ int get_dentry_with_clu(u32 base_clu, u32 index, u8 **entry, u8 *sector_buf,
         return -EINVAL;
     }
     chain_place place;
+    return get_dentry_from(&place, base_clu, index, entry, sector_buf, location);
+}
+
+int get_dentry_from(chain_place *place, u32 base_clu, u32 index, u8 **entry, u8 *sector_buf,
+                    dentry_location *location) {
     dentry_location found = {};
-    const int result = load_dentry(&place, base_clu, index, sector_buf, &found);
+    const int result = load_dentry(place, base_clu, index, sector_buf, &found);
     if (result < 0) {
         return result;
     }
@@ -200,8 +211,11 @@ int walk_to(dentry_walk *walk, u32 index, u8 **entry) {
         if (walk->dir != nullptr && is_behind_allocation(walk->dir, index)) {
             return -EFAULT;
         }
-        // A transfer that moves nothing leaves the end of the directory here, not the last sector.
-        std::memset(walk->sector_buf.get(), 0, sv->sector_size);
+        // A transfer that moves nothing is no failure. In an open directory it leaves unused
+        // entries behind, while a lookup goes on with those it had.
+        if (walk->dir != nullptr) {
+            std::memset(walk->sector_buf.get(), 0, sv->sector_size);
+        }
         const int result = load_dentry(&walk->place, walk->base_clu, index, walk->sector_buf.get(),
                                        &walk->location);
         if (result < 0) {
@@ -244,12 +258,11 @@ void dos_time_date(const tm *t, u16 *date, u16 *time) {
 void set_entry_time(u8 *entry) {
     const time_t now = fat_clock(nullptr);
     const tm *local = localtime(&now);
-    if (local == nullptr) {
-        return; // a moment that has no calendar date
-    }
     u16 date = 0;
     u16 time = 0;
-    dos_time_date(local, &date, &time);
+    if (local != nullptr) { // a moment without a calendar date leaves no stamp
+        dos_time_date(local, &date, &time);
+    }
     store(entry, SHORT_MTIME, time);
     store(entry, SHORT_MDATE, date);
 }

@@ -38,16 +38,18 @@ typedef struct oentry oentry;
  * it to fat_format(). Strings stay the caller's.
  */
 typedef struct fat_format_param {
-    uint32_t fat_size;     /* FAT width in bits: 16, 32, or 0: chosen by the cluster count */
-    uint32_t sec_per_clus; /* sectors per cluster, a power of two from 1 to 64; 0: 1 */
-    uint32_t sector_size;  /* bytes, a power of two from 512 to 4096; 0: 4096 */
-    char *outfile;         /* path of the target */
-    char *infile;          /* not used by formatting */
-    uint32_t page_size;    /* NAND page in bytes that every area is aligned to; 0: no alignment */
-    uint32_t root_entries; /* FAT16 root-directory entries; formatting rounds up to full sectors */
-    uint32_t nr_rsvd_sec;  /* sectors before the first FAT; formatting stores its choice here */
-    uint8_t long_name;     /* 1: names longer than 8.3 are written and read */
-    uint32_t nr_fat;       /* FAT copies, 1 to 255; 0: 2 */
+    uint32_t fat_size;       /* FAT width in bits: 16, 32, or 0: chosen by the cluster count */
+    uint32_t sec_per_clus;   /* sectors per cluster, a power of two from 1 to 64; 0: 1 */
+    uint32_t sector_size;    /* bytes, a power of two from 512 to 4096; 0: 4096 */
+    char *outfile;           /* path of the target */
+    char *infile;            /* not used by formatting */
+    uint32_t page_size;      /* NAND page in bytes that every area is aligned to; 0: no alignment.
+                                check_format_param() makes it 4096 unless fat_page_size_given */
+    uint32_t root_entries;   /* FAT16 root-directory entries; formatting rounds up to full sectors.
+                                check_format_param() sets it: change it after that call */
+    uint32_t nr_rsvd_sec;    /* sectors before the first FAT; formatting stores its choice here */
+    uint8_t long_name;       /* 1: names longer than 8.3 are written and read */
+    uint32_t nr_fat;         /* FAT copies, 1 to 255; 0: 2 */
     uint32_t sector_of_bkup; /* not consulted: FAT32 keeps its backup boot sector in sector 6 */
     uint32_t volume_id;      /* serial number; 0: the present time */
     char volume_label[12];   /* 11 bytes padded with blanks, and a NUL; empty: 11 blanks */
@@ -144,10 +146,11 @@ int check_format_param(fat_format_param *param);
  * Needs memory for one FAT copy and the root directory. Nothing is synchronised to the medium.
  *
  * Returns the number of root-directory sectors written (positive), or
- *   -EINVAL  no volume is open, the request is none that a volume can have, or the target is too
- *            small or too large for it; nothing was written
- *   -ENOMEM  nothing was written, or only what stands before the failure
+ *   -EINVAL  no volume is open, the request is none that a volume can have, or its cluster count
+ *            does not fit the target; nothing was written
+ *   -ENOMEM  nothing was written
  *   -EIO     a transfer failed; what was written before it stays
+ * Of a target of 2^32 sectors or more only the size modulo 2^32 sectors is used.
  */
 int fat_format(fat_format_param *param);
 
@@ -173,7 +176,9 @@ int fat_open_volume(const char *path, uint8_t long_name, int mode);
  * last allocated cluster; lengths of 4 GiB and more are not served by that.
  *
  * Returns 0, also when no volume is open; with `compact` 1 also -1 when the file cannot be cut, or
- * a negative errno when the FAT cannot be read: then the volume stays open, without open entries.
+ * a negative errno when the FAT cannot be read: then the volume stays open, without open entries
+ * and without an encoding. That is also what becomes of a FAT16 volume from which nothing was
+ * allocated since it was opened.
  */
 int fat_close_volume(int compact);
 
@@ -230,7 +235,8 @@ int fat_set_encoding(const char *charset);
 /*
  * An id names an open file or directory: 1 to 511, the lowest free one; 0 is the root directory.
  * Each opening has an id and a copy of the directory entry of its own, so that two ids of one file
- * do not see each other's changes.
+ * do not see each other's changes: what one appended, an append through the other overwrites, and
+ * clusters are lost. Append through one id only, and open again to see what it wrote.
  *
  * A path that begins with "/" starts at the root, any other at the current directory, and it leads
  * one level deep: its components in front of the last may only be ".".
@@ -265,7 +271,7 @@ int get_current(void);
 
 /*
  * Makes an open directory the current one; it stays open as long as it is, even when its id is
- * closed. Returns `did`, -EBADF (no such id), -ENOTDIR, or what get_current() fails with.
+ * closed once. Returns `did`, -EBADF (no such id), -ENOTDIR, or what get_current() fails with.
  */
 int fat_set_current(int did);
 
@@ -277,7 +283,8 @@ int fat_set_current(int did);
  *
  * Return the id of the new entry, open, or
  *   -EEXIST        the name exists
- *   -ENOSPC        no room in the directory or on the volume
+ *   -ENOSPC        no room in the directory or on the volume, or the directory cannot be read
+ *   -EFAULT        no volume is mounted
  *   -EINVAL        NULL path, forbidden name, a path that leads deeper
  *   -ENAMETOOLONG  a path of more than 260 characters
  *   -EMFILE        created, but all ids are given out
@@ -318,7 +325,9 @@ int fat_rm_entry(const char *path);
  * Returns `count`, or a negative errno, which is also stored in errno save for -EINVAL of a NULL
  * buffer, a zero count or no volume:
  *   -EINVAL  no such id       -EISDIR  a directory
- *   -ENOSPC  no room; the file is as it was
+ *   -ENOSPC  no room; the file is as it was. An id that had no clusters is to be closed: it keeps
+ *            the number of one that is free again
+ *   -EFAULT  the chain is shorter than the file; -EINVAL also: a broken FAT
  *   -EFBIG   the file would reach 4 GiB, or `count` is above INT_MAX; nothing has changed
  *   -EIO     a transfer failed: clusters of this call are free again and the size is the old one,
  *            unless the directory entry itself could not be written

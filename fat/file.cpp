@@ -17,14 +17,13 @@ namespace fat {
 
 namespace {
 
+// One transfer stays below what the system moves in one call (0x7ffff000 bytes on Linux).
+constexpr u32 MAX_RUN_BYTES = 1U << 30;
+
 enum : int { SEEK_FROM_START = 0, SEEK_FROM_POSITION = 1, SEEK_FROM_END = 2 };
 
 u32 file_size(const oentry *entry) {
     return load(entry->dentry, SHORT_FILE_SIZE);
-}
-
-u32 cluster_bytes() {
-    return sv->sec_per_clus * sv->sector_size;
 }
 
 // ---- where the data lies ----
@@ -62,7 +61,8 @@ int find_run(run_finder *finder, u32 sector_index, u32 most, data_run *run) {
     }
     *run = {finder->ahead, 1};
     finder->has_ahead = false;
-    while (run->count < most) {
+    const u32 limit = std::min(most, MAX_RUN_BYTES / sv->sector_size);
+    while (run->count < limit) {
         finder->ahead_error = finder->locate(sector_index + run->count, &finder->ahead);
         if (finder->ahead_error < 0) {
             return 0;
@@ -93,8 +93,9 @@ struct data_part {
     }
 };
 
+// Files end below 4 GiB: the low 32 bits of a position lead to its sector.
 u32 sector_index_at(u64 position) {
-    return static_cast<u32>(position / sv->sector_size);
+    return static_cast<u32>(position) / sv->sector_size;
 }
 
 // ---- writing ----
@@ -149,12 +150,12 @@ int write_data(const oentry *entry, const u8 *data, u32 count, u32 position) {
             report_lookup_of_write(found);
             return found;
         }
-        if (part.is_whole()) {
+        const bool is_whole = part.is_whole();
+        if (is_whole) {
             part.bytes = run.count * sv->sector_size;
         }
-        const int result = part.is_whole() || part.bytes >= sv->sector_size
-                               ? write_whole(run, data + written)
-                               : write_partial(run.sector, part, data + written);
+        const int result = is_whole ? write_whole(run, data + written)
+                                    : write_partial(run.sector, part, data + written);
         if (result < 0) {
             return result;
         }

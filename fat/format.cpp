@@ -249,8 +249,7 @@ int write_tables_vol(fat_format_param *param, u8 *pbr, u8 *rdir, u8 *fat, u8 *fs
 } // namespace fat
 
 int fat_format(fat_format_param *param) {
-    if (sv == nullptr) {
-        REPORT("Check here!\n\n");
+    if (no_volume(__func__)) {
         return -EINVAL;
     }
     u8 *pbr = nullptr;

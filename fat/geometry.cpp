@@ -20,9 +20,7 @@ constexpr const char *REPORTER = "calc_fat_sectors";
 // Results of one attempt, beside 0 and -EINVAL.
 constexpr int TOO_LARGE_FOR_FAT16 = 1;
 
-constexpr u32 FAT16_MIN_CLUSTERS = 4085;
 constexpr u32 FAT16_MAX_CLUSTERS = 65524;
-constexpr u32 FAT32_MIN_CLUSTERS = 65525;
 constexpr u32 FAT32_MAX_CLUSTERS = 268435438; // 0x0FFFFFEE
 constexpr u32 FAT16_RESERVED_SECTORS = 1;
 constexpr u32 FAT32_RESERVED_SECTORS = 32;

@@ -1,19 +1,22 @@
 // The library's inside: what its sources share. Nothing outside fat/ includes this.
 //
-// Layers, each calling only those before it:
+// Layers, from the ground up:
 //   diag, bytes, layout, resources  ground
 //   volume                          the open target and its sectors
-//   param, format                   laying a fresh file system
+//   param, geometry, bootsector, format
+//                                   laying a fresh file system
 //   fatent, chain                   FAT entries and links, cluster chains
-//   name, encoding                  short and long names
-//   dentry, lookup, build           directory entries: reading, finding, writing
+//   dentry, name, encoding, lookup, build
+//                                   directory entries and their names: reading, finding, writing
 //   namei                           paths
 //   oentry                          open entries
-//   create, remove, file            names, and the data of files
 //   mount                           opening a formatted volume
+//   create, remove, file            names, and the data of files
 //   debug                           printers
-// Three calls go upward and are meant: releasing a volume frees its open entries (oentry) and its
-// converters (encoding), and compacting an image reads its FAT (fatent).
+// Each calls those above it in this list. These calls go the other way and are meant: releasing a
+// volume frees its open entries (oentry) and converters (encoding), and compacting an image reads
+// its FAT (fatent); a new root directory gets its label entry (build); a chain that grows tells the
+// open entries of its directory (oentry); a path lookup makes a record for "./name" (oentry).
 
 #pragma once
 
@@ -24,6 +27,8 @@
 #include "fat/resources.h"
 
 #include <ctime>
+
+#include <sys/types.h>
 
 // An open file or directory. Global because the public header names it.
 struct oentry {
@@ -56,6 +61,12 @@ int with_errno(int result);
 // The unit of sector transfers while the sector size of the volume is not known, in bytes.
 inline constexpr u32 UNKNOWN_SECTOR_SIZE = 4096;
 
+// The unit of sector transfers now, in bytes: a buffer for one sector has this size.
+[[nodiscard]] u32 transfer_unit();
+
+// Permission bits of the image files that the library makes.
+inline constexpr mode_t IMAGE_MODE = 0660;
+
 // Opens `path`, sizes it and stores the new volume record in `sv`. Results as fat_open_volume().
 [[nodiscard]] int fat_init_volume(const char *path, u8 long_name);
 
@@ -83,6 +94,11 @@ inline constexpr u32 MIN_SECTOR_SIZE = 512;
 inline constexpr u32 MAX_SECTOR_SIZE = 4096;
 inline constexpr u32 MAX_SECTORS_PER_CLUSTER = 64;
 
+// Bytes of one cluster of the volume.
+[[nodiscard]] inline u32 cluster_bytes() {
+    return sv->sec_per_clus * sv->sector_size;
+}
+
 [[nodiscard]] constexpr u32 div_ceil(u32 value, u32 unit) {
     return value / unit + (value % unit != 0 ? 1 : 0);
 }
@@ -99,7 +115,7 @@ void refuse_request(const char *function, const fat_format_param *param);
 
 // Decides FAT width, FAT size, cluster count and the reserved and root areas for a volume of
 // `total_sectors` sectors. On success `fat_size`, `nr_rsvd_sec` and `root_entries` of the request
-// hold the decisions. Returns 0, or -EINVAL after telling why the volume cannot be.
+// hold the decisions. Returns 0, -EINVAL after telling why the volume cannot be, or -1.
 [[nodiscard]] int calc_fat_sectors(fat_format_param *param, u32 total_sectors, u32 *fat_sectors,
                                    u32 *num_clusters);
 
@@ -204,9 +220,10 @@ struct circle_guard {
 [[nodiscard]] int fat_alloc_cluster(oentry *entry, u32 *cluster);
 
 // Allocates `count` clusters for the entry in one go; `clusters` receives their numbers and must be
-// zeroed. `allocated` receives how many succeeded. Each changed FAT sector is written once while
-// the allocations stay in it. Returns 0, or the error of the first allocation that failed: the
-// caller is then to undo.
+// zeroed. Each changed FAT sector is written once while the allocations stay in it. Returns 0, or
+// the error of the first allocation that failed: the caller is then to undo. `allocated` receives
+// how many the entry's size has grown by, those of a sector that could not be written included;
+// the entry's start, its image and the hint are those of the last one that reached the medium.
 [[nodiscard]] int alloc_clusters(oentry *entry, u32 *clusters, u32 count, u32 *allocated);
 
 // Takes back what alloc_clusters() did: ends the chain at `old_last` again and frees the clusters
@@ -305,7 +322,9 @@ int convert_dosname_to_cstring(const u8 *dos, char *out, u8 lcase);
 
 // Long names to and from the encoding of the volume, or ASCII where none is set. `unicode` and
 // `cstring` hold 256 units and 256 bytes. Return the units or bytes without the terminator, or a
-// negative errno. The forward direction cuts trailing blanks and dots off `cstring`.
+// negative errno. The forward direction cuts trailing blanks and dots off `cstring`, and a
+// byte-order mark from the front of the name. 256 units without a terminator fill all 256 bytes,
+// unterminated.
 [[nodiscard]] int convert_cstring_to_uname(char *cstring, u16 *unicode);
 [[nodiscard]] int convert_uname_to_cstring(const u16 *unicode, char *cstring);
 
@@ -349,11 +368,15 @@ struct dentry_walk {
 // messages are those of fat_get_dentry() for an open directory, else of get_dentry_with_clu().
 [[nodiscard]] int walk_to(dentry_walk *walk, u32 index, u8 **entry);
 
-// Whether the record is the root directory in the fixed area of a FAT16 volume.
+// Whether the record is the root directory in the fixed area of a FAT16 volume, or a copy of its
+// record. A record that has lost its image, since its chain runs into a free entry, is not.
 [[nodiscard]] bool is_fat16_root(const oentry *entry);
 
 // Whether a copy of a short entry describes a directory that has not been removed. False for null.
 [[nodiscard]] bool is_live_directory(const u8 *dentry);
+
+// Whether a slot may be taken: unused or deleted.
+[[nodiscard]] bool is_free_slot(const u8 *entry);
 
 // First cluster of a short entry.
 [[nodiscard]] u32 start_cluster(const u8 *dentry);
@@ -363,7 +386,8 @@ void set_start_cluster(u8 *dentry, u32 cluster);
 [[nodiscard]] u32 base_cluster(const oentry *dir);
 
 // The sector that holds sector `sector_index` of the directory. Returns 0, -EFAULT behind the end
-// of the root area or of the chain, or -EINVAL.
+// of the root area or of the chain, or -EINVAL: no cluster to begin with, or a chain that is broken
+// or found to run in a circle on the way.
 [[nodiscard]] int get_phy_sector(u32 base_clu, u32 sector_index, u32 *sector);
 
 // The same for a walk that goes on from `place`.
@@ -376,6 +400,10 @@ void set_start_cluster(u8 *dentry, u32 cluster);
 // `location` may be null. Returns 0, -EFAULT behind the end, -EINVAL or -EIO.
 [[nodiscard]] int get_dentry_with_clu(u32 base_clu, u32 index, u8 **entry, u8 *sector_buf,
                                       dentry_location *location);
+
+// The same for a walk that goes on from `place`.
+[[nodiscard]] int get_dentry_from(chain_place *place, u32 base_clu, u32 index, u8 **entry,
+                                  u8 *sector_buf, dentry_location *location);
 
 // The same for an open directory; -EFAULT for an index behind its allocated size.
 [[nodiscard]] int fat_get_dentry(oentry *dir, u32 index, u8 **entry, u8 *sector_buf,
@@ -404,7 +432,8 @@ void gather_slot(const u8 *slot, u16 *gathered);
 
 // Gathers the long name whose last slot is `*entry`, entry `index` of the directory, standing in
 // `sector_buf`, into `units` (256). Returns its slots, 0 for a broken name, or a negative errno.
-// `*entry` then points at the entry behind the last slot that was read.
+// `*entry` then points at the entry behind the last slot that was read. A name that fills all 256
+// units, as only a damaged medium has it, is not terminated.
 [[nodiscard]] int get_long_name(oentry *dir, u32 index, u8 **entry, u8 *sector_buf, u16 *units);
 
 // 0 when the first 256 units, or all up to a common terminator, are equal.

@@ -116,6 +116,12 @@ inline constexpr u32 FSINFO_STRUCTURE_SIGNATURE = 0x61417272; // bytes 72 72 41 
 inline constexpr u32 FSINFO_TRAIL_SIGNATURE = 0xAA550000;     // bytes 00 00 55 AA
 inline constexpr u32 FSINFO_UNKNOWN = 0xFFFFFFFF;
 
+// ---- cluster counts ---------------------------------------------------------------------------
+
+// The width of a FAT follows from the number of its clusters alone. There is no FAT12 here.
+inline constexpr u32 FAT16_MIN_CLUSTERS = 4085;
+inline constexpr u32 FAT32_MIN_CLUSTERS = 65525;
+
 // ---- FAT entries ------------------------------------------------------------------------------
 
 inline constexpr u32 FAT16_ENTRY_SIZE = 2;
@@ -151,6 +157,9 @@ inline constexpr field SHORT_FIELDS[] = {
     SHORT_ADATE, SHORT_START_HIGH, SHORT_MTIME, SHORT_MDATE, SHORT_START_LOW, SHORT_FILE_SIZE,
 };
 static_assert(covers(SHORT_FIELDS, 0, DENTRY_SIZE));
+
+// The FAT16 root area counts as this many entries in every walk, whatever it holds.
+inline constexpr u32 FAT16_ROOT_ENTRIES = 512;
 
 // First bytes of a name that mean something else.
 inline constexpr u8 NAME_UNUSED = 0x00; // and no entry stands behind it

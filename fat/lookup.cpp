@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 
 namespace fat {
@@ -66,7 +67,7 @@ int search_directory(u32 base_clu, const fat_name *name) {
     }
     u16 gathered[LONG_NAME_UNITS] = {};
     u32 gathering = 0;
-    for (u32 index = 0;; index++) {
+    for (u32 index = 0; index < INT_MAX; index++) { // the index is the result
         u8 *entry = nullptr;
         const int result = walk_to(&walk, index, &entry);
         if (result == -EFAULT) {
@@ -92,6 +93,7 @@ int search_directory(u32 base_clu, const fat_name *name) {
             return static_cast<int>(index);
         }
     }
+    return -ENOENT;
 }
 
 int fill_and_search(u32 base_clu, char *cstring, fat_name *name) {
@@ -104,13 +106,13 @@ int fill_and_search(u32 base_clu, char *cstring, fat_name *name) {
 }
 
 // Reads the entry behind `*entry`; its sector is read only where the buffer ends.
-int step_to_next(u32 base_clu, u32 index, u8 **entry, u8 *sector_buf) {
+int step_to_next(chain_place *place, u32 base_clu, u32 index, u8 **entry, u8 *sector_buf) {
     u8 *next = *entry + DENTRY_SIZE;
     if (next < sector_buf + sv->sector_size) {
         *entry = next;
         return 0;
     }
-    const int result = get_dentry_with_clu(base_clu, index, entry, sector_buf, nullptr);
+    const int result = get_dentry_from(place, base_clu, index, entry, sector_buf, nullptr);
     if (result < 0) {
         report_at("get_long_name", __LINE__, "Failed to get entry with cluster ...\n\n");
     }
@@ -216,10 +218,11 @@ int get_long_name(oentry *dir, u32 index, u8 **entry, u8 *sector_buf, u16 *units
     }
     const u32 slot_count = ordinal - SLOT_LAST;
     const u8 checksum = static_cast<u8>(load(*entry, SLOT_CHECKSUM));
+    chain_place place;
     for (u32 slot = slot_count; slot >= 1; slot--) {
         place_units(*entry, static_cast<s64>(slot - 1) * SLOT_UNITS, units);
         index++;
-        const int result = step_to_next(base_clu, index, entry, sector_buf);
+        const int result = step_to_next(&place, base_clu, index, entry, sector_buf);
         if (result < 0) {
             return result;
         }

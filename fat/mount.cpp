@@ -1,10 +1,11 @@
 // Mounting: reading the boot sector back into the volume record.
 //
-// The FAT width follows from the cluster count alone. Numbers of a damaged boot sector are checked
-// in a local record before any of them reaches the volume record.
+// The FAT width follows from the cluster count alone. A mount that is refused leaves what it had
+// read in the volume record, but never a sector size that transfers could not use.
 
 #include "fat/internal.h"
 
+#include <algorithm>
 #include <bit>
 #include <cerrno>
 #include <cstring>
@@ -17,106 +18,81 @@ namespace fat {
 
 namespace {
 
-constexpr u32 FAT16_LEAST_CLUSTERS = 4085;
-constexpr u32 FAT32_LEAST_CLUSTERS = 65525;
-constexpr mode_t IMAGE_MODE = 0660;
-
-// The numbers of a boot sector that the layout of the volume follows from.
-struct volume_shape {
-    u32 sector_size;
-    u32 sec_per_clus;
-    u32 reserved;
-    u32 fats;
-    u32 fat_size;
-    u32 root_sectors;
-    u32 total_sectors;
-    u32 num_clusters;
-};
-
-u32 pbr_buffer_size() {
-    return sv->sector_size != 0 ? sv->sector_size : UNKNOWN_SECTOR_SIZE;
-}
-
 u32 either_total(const u8 *pbr) {
     const u32 total = load(pbr, PBR_TOTAL_SECTORS_16);
     return total != 0 ? total : load(pbr, PBR_TOTAL_SECTORS_32);
 }
 
-// False where the fields contradict each other or could not be computed with.
-bool decode_shape(const u8 *pbr, volume_shape *shape) {
-    shape->sector_size = load(pbr, PBR_BYTES_PER_SECTOR);
-    shape->sec_per_clus = load(pbr, PBR_SECTORS_PER_CLUSTER);
-    shape->reserved = load(pbr, PBR_RESERVED_SECTORS);
-    shape->fats = load(pbr, PBR_NUMBER_OF_FATS);
-    shape->fat_size = load(pbr, PBR_FAT_SIZE_16);
-    if (shape->fat_size != 0) {
-        shape->total_sectors = either_total(pbr);
-    } else {
-        shape->fat_size = load(pbr, PBR32_FAT_SIZE);
-        shape->total_sectors = load(pbr, PBR_TOTAL_SECTORS_32);
-        if (shape->fat_size == 0 || shape->total_sectors == 0) {
-            return false;
-        }
-    }
-    if (!std::has_single_bit(shape->sector_size) || shape->sector_size < MIN_SECTOR_SIZE ||
-        shape->sector_size > MAX_SECTOR_SIZE || shape->sec_per_clus == 0) {
-        return false;
-    }
-    shape->root_sectors = div_ceil(load(pbr, PBR_ROOT_ENTRIES) * DENTRY_SIZE, shape->sector_size);
-    const u64 areas =
-        shape->reserved + static_cast<u64>(shape->fat_size) * shape->fats + shape->root_sectors;
-    if (areas > shape->total_sectors) {
-        return false;
-    }
-    shape->num_clusters = (shape->total_sectors - static_cast<u32>(areas)) / shape->sec_per_clus;
-    return true;
+bool is_sector_size(u32 size) {
+    return std::has_single_bit(size) && size >= MIN_SECTOR_SIZE && size <= MAX_SECTOR_SIZE;
 }
 
-void take_shape(const volume_shape &shape) {
-    sv->sector_size = shape.sector_size;
-    sv->sec_per_clus = shape.sec_per_clus;
-    sv->fat_size = shape.fat_size;
-    sv->total_sectors = shape.total_sectors;
-    sv->num_clusters = shape.num_clusters;
+// Takes the sizes and the total. False where the sizes are none to compute with, or missing.
+bool take_sizes(const u8 *pbr) {
+    const u32 sector_size = load(pbr, PBR_BYTES_PER_SECTOR);
+    const u32 sec_per_clus = load(pbr, PBR_SECTORS_PER_CLUSTER);
+    if (!is_sector_size(sector_size) || sec_per_clus == 0) {
+        return false;
+    }
+    sv->sector_size = sector_size;
+    sv->sec_per_clus = sec_per_clus;
+    sv->fat_size = load(pbr, PBR_FAT_SIZE_16);
+    if (sv->fat_size != 0) {
+        sv->total_sectors = either_total(pbr);
+        return true;
+    }
+    sv->fat_size = load(pbr, PBR32_FAT_SIZE);
+    sv->total_sectors = load(pbr, PBR_TOTAL_SECTORS_32);
+    return sv->fat_size != 0 && sv->total_sectors != 0;
+}
+
+// Places the areas and counts the clusters behind them. False where the areas in front of the data
+// are larger than the volume.
+bool place_areas(const u8 *pbr) {
+    const u32 reserved = load(pbr, PBR_RESERVED_SECTORS);
+    const u32 root_sectors = div_ceil(load(pbr, PBR_ROOT_ENTRIES) * DENTRY_SIZE, sv->sector_size);
+    const u64 behind_fats =
+        reserved + static_cast<u64>(sv->fat_size) * load(pbr, PBR_NUMBER_OF_FATS);
+    if (behind_fats + root_sectors > sv->total_sectors) {
+        return false;
+    }
+    sv->fat_start = sv->pbr_start + reserved;
+    sv->rdir_start = sv->pbr_start + static_cast<u32>(behind_fats);
+    sv->data_start = sv->rdir_start + root_sectors;
+    sv->num_clusters = (sv->total_sectors - sv->data_start) / sv->sec_per_clus;
+    return true;
 }
 
 // The FAT width by the cluster count, 0 for none.
 u32 width_of(u32 clusters) {
-    if (clusters < FAT16_LEAST_CLUSTERS) {
+    if (clusters < FAT16_MIN_CLUSTERS) {
         return 0;
     }
-    return clusters < FAT32_LEAST_CLUSTERS ? 16 : 32;
+    return clusters < FAT32_MIN_CLUSTERS ? 16 : 32;
 }
 
-void place_areas(const volume_shape &shape, const u8 *pbr) {
-    const u32 behind_fats = sv->pbr_start + shape.reserved + shape.fat_size * shape.fats;
-    sv->fat_start = sv->pbr_start + shape.reserved;
-    sv->data_start = behind_fats + shape.root_sectors;
+void place_root(const u8 *pbr) {
+    sv->root_clus = 0;
     if (sv->fat_type == 32) {
         sv->root_clus = load(pbr, PBR32_ROOT_CLUSTER);
         sv->rdir_start = sv->data_start + (sv->root_clus - FIRST_DATA_CLUSTER) * sv->sec_per_clus;
-    } else {
-        sv->root_clus = 0;
-        sv->rdir_start = behind_fats;
     }
 }
 
 int fill_geometry(const u8 *pbr) {
-    volume_shape shape = {};
-    if (!decode_shape(pbr, &shape)) {
+    if (!take_sizes(pbr) || !place_areas(pbr)) {
         report_at("fat_build_super", __LINE__, "PBR data is broken\n\n");
         return -EINVAL;
     }
-    take_shape(shape);
-    const u32 width = width_of(shape.num_clusters);
+    const u32 width = width_of(sv->num_clusters);
     if (width == 0) {
         report_at("fat_build_super", __LINE__,
                   "NumCluster is over the limitation: clus(%d), FAT%d\n",
-                  static_cast<int>(shape.num_clusters), static_cast<int>(sv->fat_type));
+                  static_cast<int>(sv->num_clusters), static_cast<int>(sv->fat_type));
         return -EINVAL;
     }
     sv->fat_type = width;
-    place_areas(shape, pbr);
+    place_root(pbr);
     return 0;
 }
 
@@ -212,7 +188,7 @@ int copy_volume(const char *path, const u8 *pbr, u32 first_sector) {
     }
     const u32 size = load(pbr, PBR_BYTES_PER_SECTOR);
     // A transfer moves the unit of the volume record, whatever the boot sector says.
-    const heap_ptr<u8> buffer = zeroed_bytes(size > pbr_buffer_size() ? size : pbr_buffer_size());
+    const heap_ptr<u8> buffer = zeroed_bytes(std::max(size, transfer_unit()));
     if (buffer == nullptr) {
         report_at("fat_delete_mbr", __LINE__, "cannot allocate space\n");
         return -ENOMEM;
@@ -243,11 +219,10 @@ int get_pbr_sector(u8 *buf) {
 } // namespace fat
 
 int fat_build_super() {
-    if (sv == nullptr) {
-        REPORT("Check here!\n\n");
+    if (no_volume(__func__)) {
         return -EINVAL;
     }
-    const heap_ptr<u8> pbr = zeroed_bytes(pbr_buffer_size());
+    const heap_ptr<u8> pbr = zeroed_bytes(transfer_unit());
     if (pbr == nullptr) {
         REPORT("Cannot allocate space\n");
         return -ENOMEM;
@@ -267,7 +242,7 @@ int fat_print_pbr(FILE *stream) {
         REPORT("Check here!\n\n");
         return -EINVAL;
     }
-    const heap_ptr<u8> pbr = zeroed_bytes(pbr_buffer_size());
+    const heap_ptr<u8> pbr = zeroed_bytes(transfer_unit());
     if (pbr == nullptr) {
         REPORT("cannot allocate space\n");
         return -ENOMEM;
@@ -292,11 +267,10 @@ int print_alloc_hint(FILE *stream) {
 }
 
 int fat_delete_mbr(const char *path) {
-    if (sv == nullptr || path == nullptr) {
-        REPORT("Check here!\n\n");
+    if (no_volume(__func__)) {
         return -EINVAL;
     }
-    const heap_ptr<u8> pbr = zeroed_bytes(pbr_buffer_size());
+    const heap_ptr<u8> pbr = zeroed_bytes(transfer_unit());
     if (pbr == nullptr) {
         REPORT("cannot allocate space\n");
         return -ENOMEM;

@@ -5,10 +5,12 @@
 
 #include "fat/internal.h"
 
-#include <algorithm>
 #include <bit>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <iterator>
+#include <utility>
 
 namespace fat {
 

@@ -75,6 +75,9 @@ int open_start_again(const oentry *start, oentry **dir) {
     if (result < 0) {
         return result;
     }
+    if (start->dentry != nullptr && entry->dentry == nullptr) {
+        return -ENOENT; // the directory has been removed: its clusters are free
+    }
     entry->parent_clus = start->parent_clus;
     *dir = entry.release();
     return 0;

@@ -17,7 +17,6 @@ namespace {
 
 constexpr u32 MAX_ENTRIES = 512;
 constexpr u32 WORD_BITS = 32;
-constexpr u32 FAT16_ROOT_BYTES = 16384; // whatever the root area holds, deliberately
 
 bool is_dot_dot_to_root(const u8 *dentry) {
     return std::memcmp(dentry + SHORT_NAME.offset, DOT_DOT_NAME, sizeof DOT_DOT_NAME) == 0 &&
@@ -27,7 +26,7 @@ bool is_dot_dot_to_root(const u8 *dentry) {
 void set_fat16_root(oentry *entry) {
     entry->start = sv->rdir_start;
     entry->last = sv->data_start - 1;
-    entry->allocated = FAT16_ROOT_BYTES;
+    entry->allocated = FAT16_ROOT_ENTRIES * DENTRY_SIZE;
 }
 
 // Counts the chain of a record whose start is set. A chain that runs into a free entry leaves the
@@ -41,7 +40,7 @@ int measure_chain(oentry *entry) {
     }
     const int clusters = fat_count_clusters(entry->start, &entry->last);
     if (clusters > 0) {
-        entry->allocated = static_cast<u32>(clusters) * sv->sec_per_clus * sv->sector_size;
+        entry->allocated = static_cast<u32>(clusters) * cluster_bytes();
         return 0;
     }
     std::free(entry->dentry);
@@ -62,7 +61,7 @@ int open_image(const oentry *parent, const u8 *image, const dentry_location &loc
         return result;
     }
     if (entry->dentry != nullptr && is_dot_dot_to_root(entry->dentry)) {
-        return 0; // the root's id; the image stays allocated
+        return 0; // the root's id: such an image has become a copy of the root before
     }
     entry->parent_clus = base_cluster(parent);
     const int id = register_oentry(entry.get());

@@ -178,8 +178,7 @@ int is_empty_dir(oentry *dir) {
             REPORT("Check here!\n\n");
             return result;
         }
-        const u32 type = entry_type(entry);
-        if (type != DENTRY_UNUSED && type != DENTRY_DELETED) {
+        if (!is_free_slot(entry)) {
             return -ENOTEMPTY;
         }
     }

@@ -1,14 +1,16 @@
 // The one open volume: opening and sizing its target, sector transfers, release.
 //
 // Invariants: `sv` is null or points at a zero-initialised heap record whose `fd` is open; nothing
-// in the library reaches the target but through read_sectors and write_sectors, save the
-// truncation of a compacted image.
+// in the library reaches the target but through read_sectors and write_sectors, save sizing it and
+// truncating a compacted image.
 
 #include "fat/internal.h"
 
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstring>
+#include <iterator>
 
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -25,16 +27,11 @@ fat_sector_io write_sectors = nullptr;
 namespace {
 
 constexpr u32 DEVICE_SECTOR = 512; // the unit of BLKGETSIZE, whatever the device's own sector
-constexpr mode_t IMAGE_MODE = 0660;
 constexpr int LAST_STANDARD_DESCRIPTOR = 2;
 
 void use_file_transfers() {
     read_sectors = file_read_sectors;
     write_sectors = file_write_sectors;
-}
-
-u32 transfer_unit() {
-    return sv->sector_size != 0 ? sv->sector_size : UNKNOWN_SECTOR_SIZE;
 }
 
 bool can_transfer(const void *buf) {
@@ -50,7 +47,8 @@ bool seek_sector(u64 sector) {
     return lseek(sv->fd, static_cast<off_t>(sector * transfer_unit()), SEEK_SET) >= 0;
 }
 
-// One system call moves at most SSIZE_MAX bytes; a request beyond that comes back short.
+// What the address space can hold; a request beyond that, or beyond what the system moves in one
+// call, comes back short.
 std::size_t transfer_bytes(u32 count) {
     const u64 bytes = static_cast<u64>(count) * transfer_unit();
     return bytes > SSIZE_MAX ? static_cast<std::size_t>(SSIZE_MAX)
@@ -61,14 +59,14 @@ int whole_sectors(ssize_t bytes) {
     return static_cast<int>(bytes / static_cast<ssize_t>(transfer_unit()));
 }
 
-// Both sizes of a block device are told; where they differ, the smaller one is taken.
+// Both sizes of a block device are told; where they differ, the smaller one is meant to be taken.
 int check_device_size(int fd, u64 *size) {
     unsigned long device_sectors = 0;
     if (ioctl(fd, BLKGETSIZE, &device_sectors) < 0) {
         report_at("check_vol_size", __LINE__, "cannot get the volume size: ioctl(BLKGETSIZE)\n");
         return -EACCES;
     }
-    // 32 bits are deliberate: the comparison serves devices below 4 GiB.
+    // 32 bits wide, deliberately: a size taken from here is right below 4 GiB.
     const u32 device_bytes = static_cast<u32>(device_sectors) * DEVICE_SECTOR;
     const u64 seek_bytes = get_device_size(fd);
     report_at("check_vol_size", __LINE__, "ioctl(BLKGETSIZE): %u sectors, %u bytes\n",
@@ -114,8 +112,9 @@ void drop_volume() {
 // Raises the allocation hint to the highest cluster in use. The two highest cluster numbers are
 // never looked at; the bound is meant to stay as it is.
 int find_last_allocated() {
+    fat_window window;
     for (u32 cluster = sv->last_alloc_clus + 1; cluster < sv->num_clusters; cluster++) {
-        const int value = fat_read_clus(cluster);
+        const int value = follow_link(&window, cluster);
         if (value < 0) {
             report_at("fat_release_volume", __LINE__, "Invalid cluster value\n\n");
             return value;
@@ -228,6 +227,10 @@ int check_vol_size(int fd, u64 *size) {
 
 // ---- sector transfers -------------------------------------------------------------------------
 
+u32 transfer_unit() {
+    return sv->sector_size != 0 ? sv->sector_size : UNKNOWN_SECTOR_SIZE;
+}
+
 int file_read_sectors(void *buf, u64 sector, u32 count) {
     if (!can_transfer(buf)) {
         REPORT("Check here!\n\n");
@@ -283,20 +286,19 @@ int fat_init_volume(const char *path, u8 long_name) {
         REPORT("The size of volume is zero!\n\n");
         return -ENOSPC;
     }
-    auto *volume = static_cast<fat_super *>(std::malloc(sizeof(fat_super)));
+    heap_ptr<fat_super> volume = zeroed_records<fat_super>();
     if (volume == nullptr) {
         REPORT("cannot allocate volume data structure\n\n");
         close(fd);
         return -ENOMEM;
     }
-    *volume = fat_super{};
     volume->fd = fd;
     volume->long_name = long_name != 0 ? 1 : 0;
     volume->vol_size = size;
     std::strncpy(volume->dev_path, path, sizeof volume->dev_path - 1);
     std::memset(oentry_table, 0, sizeof oentry_table);
     std::memset(oentry_map, 0, sizeof oentry_map);
-    sv = volume;
+    sv = volume.release();
     return fd;
 }
 

@@ -18,6 +18,7 @@ std::uint32_t verbose_count = 0;
 namespace {
 
 constexpr char VERSION[] = "1.2.3";
+constexpr char OPTION_LETTERS[] = "s:S:F:p:l:v";
 constexpr char MOUNT_TABLE[] = "/etc/mtab";
 
 // A numeric option: its letter, the values it takes and where they go.
@@ -154,8 +155,8 @@ int parse_options(int argc, char **argv, fat_format_param *param) {
     optind = 0; // glibc: begin anew, whatever was parsed before
     verbose_count = 0;
     fat_page_size_given = 0;
-    for (int letter = getopt(argc, argv, "s:S:F:p:l:v"); letter != -1;
-         letter = getopt(argc, argv, "s:S:F:p:l:v")) {
+    for (int letter = getopt(argc, argv, OPTION_LETTERS); letter != -1;
+         letter = getopt(argc, argv, OPTION_LETTERS)) {
         if (!apply_option(letter, param)) {
             print_usage();
             return -1;
