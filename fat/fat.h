@@ -216,7 +216,7 @@ int print_alloc_hint(FILE *stream);
 /*
  * Copies the volume into the new image `path` where sectors lie in front of its boot sector. The
  * boot sector is always looked for in sector 0, so that nothing is ever copied.
- * Returns 0, -EINVAL (no volume is open, NULL path, no boot sector), -EIO or -ENOMEM.
+ * Returns 0, -EINVAL (no volume is open, no boot sector), -EIO or -ENOMEM.
  */
 int fat_delete_mbr(const char *path);
 

@@ -440,6 +440,15 @@ TEST_P(PathLookup, RecordOfADirectoryWhoseChainBroke) {
     EXPECT_EQ(look_up("name"), found_in(place::CURRENT, "name"));
 }
 
+// Its entries must not be taken for those of the root, as which a record without an image counts.
+TEST_P(PathLookup, NoRecordOfADirectoryThatHasBeenRemoved) {
+    ASSERT_NO_FATAL_FAILURE(enter("SUB"));
+    v.set_link(20, 0);
+    EXPECT_EQ(look_up("./name"), (lookup{{-ENOENT, ""}, place::NONE, "name"}));
+    EXPECT_EQ(look_up("././name"), (lookup{{-ENOENT, ""}, place::NONE, "name"}));
+    EXPECT_EQ(own_record("/./name"), tree::opened_root());
+}
+
 // ---- lookup: parents that lead away -----------------------------------------------------------
 
 TEST_P(PathLookup, ParentThatExistsGivesNoDirectory) {
@@ -506,6 +515,10 @@ TEST_P(PathLookup, ParentIsLookedForByIts255FirstCharacters) {
     EXPECT_EQ(result_of(parent + std::string(100, 'y') + "/name"), 0);
     EXPECT_EQ(result_of(parent.substr(1) + "/name"), -ENOENT);
     EXPECT_EQ(result_of(parent.substr(1) + "y/name"), -ENOENT);
+    // What follows the 255th character does not keep the blanks before it.
+    v.root_space.append_long(std::u16string(250, u'z'), "ZZZZZZ~1   ");
+    EXPECT_EQ(result_of(std::string(250, 'z') + "     y/name"), 0);
+    EXPECT_EQ(result_of(std::string(250, 'z') + "    y/name"), -ENOENT);
     sv->long_name = 0;
     v.root_space.append(short_entry("YYYYYYYY   "));
     EXPECT_EQ(result_of(std::string(5000, 'y') + "/name"), 0);
@@ -630,6 +643,14 @@ TEST_P(PathLookup, EachReadThatFails) {
     }
     own.push_back({0, ""});
     EXPECT_EQ(with_failing_reads(look("./name"), free_it), own);
+}
+
+TEST_P(PathLookup, ParentThatIsTheFirstEntryIsReadLikeAnyOther) {
+    v.root_space.put(0, short_entry("FIRST      ", DIRECTORY, 20));
+    EXPECT_EQ(look_up("FIRST/name"),
+              (lookup{{0, found_at(v.root_base(), 0)}, place::NONE, "name"}));
+    v.disk.reads_before_failure = 1;
+    EXPECT_EQ(look_up("FIRST/name").said.result, -EIO);
 }
 
 TEST_P(PathLookup, StartDirectoryOutsideTheVolume) {

@@ -301,6 +301,36 @@ TEST_P(SetOentry, RootRecord) {
     EXPECT_EQ(picture_of(record), tree::opened_root());
 }
 
+TEST_P(SetOentry, WhatStoodInTheRecordIsReplaced) {
+    u8 stale = 0;
+    oentry used = {};
+    used.start = used.last = used.allocated = used.ref_count = used.readdir_pos = 99;
+    used.dentry_sector = used.dentry_offset = 99;
+    used.dentry = &stale;
+    oentry record = used;
+    EXPECT_EQ(set_root(&record), (answer{0, ""}));
+    EXPECT_EQ(picture_of(record), tree::opened_root());
+    record = used;
+    const entry_image image = short_entry("EMPTY      ");
+    EXPECT_EQ(set(image, &record), (answer{0, ""}));
+    record_picture expected;
+    expected.dentry_sector = 77;
+    expected.dentry_offset = 96;
+    expected.image.assign(image.begin(), image.end());
+    EXPECT_EQ(picture_of(record), expected);
+    std::free(record.dentry);
+}
+
+TEST_P(SetOentry, DotDotToARootThatIsNotOpen) {
+    const fat_super saved = *sv;
+    sv->root_dir = nullptr;
+    oentry record = {};
+    const entry_image image = short_entry("..         ", DIRECTORY, 0);
+    EXPECT_LT(fat_set_oentry(image.data(), 77, 96, &record), 0);
+    EXPECT_EQ(record.dentry, nullptr);
+    *sv = saved;
+}
+
 TEST_P(SetOentry, EntryWithItsChain) {
     oentry record = {};
     record.pos = 5;
@@ -695,6 +725,19 @@ TEST_F(Fat32OpenRoot, FailureEmptiesTheSlot) {
     v.chain({sv->root_clus});
     EXPECT_EQ(open_root(), (answer{0, ""}));
     EXPECT_EQ(fat_open("FILE.TXT"), 1);
+}
+
+TEST_F(Fat32OpenRoot, NothingIsRegisteredWhileTheRootIsClosed) {
+    ASSERT_EQ(fat_open("FILE.TXT"), 1);
+    v.set_link(sv->root_clus, 1);
+    ASSERT_EQ(open_root().result, -EINVAL);
+    ASSERT_EQ(ids_in_use(), std::vector<int>{1});
+    EXPECT_EQ(ask([&] { return fat_entry_open(&v.root_space.record, v.file); }),
+              (answer{-EMFILE, TOO_MANY}));
+    EXPECT_EQ(ids_in_use(), std::vector<int>{1});
+    v.chain({sv->root_clus});
+    ASSERT_EQ(open_root(), (answer{0, ""}));
+    EXPECT_EQ(fat_open("FILE.TXT"), 2);
 }
 
 TEST_F(Fat32OpenRoot, FailureWhileAnotherDirectoryIsCurrent) {

@@ -178,11 +178,11 @@ public:
         return fat_offset(cluster) / sv->sector_size;
     }
     void set_link(std::uint32_t cluster, std::uint32_t value) {
-        std::vector<std::uint8_t> bytes;
+        std::vector<std::uint8_t> stored;
         for (std::uint32_t i = 0; i < sv->fat_type / 8; i++) {
-            bytes.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
+            stored.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
         }
-        disk.poke(fat_offset(cluster), bytes);
+        disk.poke(fat_offset(cluster), stored);
     }
     [[nodiscard]] std::uint32_t link(std::uint32_t cluster, std::uint32_t copy = 0) {
         return number_at(fat_offset(cluster, copy), sv->fat_type / 8);
@@ -279,10 +279,10 @@ private:
         return sectors * shape.sector_size;
     }
     [[nodiscard]] std::uint32_t number_at(std::uint64_t offset, std::uint32_t size) {
-        const std::vector<std::uint8_t> bytes = disk.peek(offset, size);
+        const std::vector<std::uint8_t> stored = disk.peek(offset, size);
         std::uint32_t value = 0;
-        for (std::size_t i = bytes.size(); i-- > 0;) {
-            value = value << 8 | bytes[i];
+        for (std::size_t i = stored.size(); i-- > 0;) {
+            value = value << 8 | stored[i];
         }
         return value;
     }
@@ -353,9 +353,9 @@ public:
         where_->disk.poke(offset_of(index), {entry.begin(), entry.end()});
     }
     [[nodiscard]] entry_image at(std::uint32_t index) const {
-        const std::vector<std::uint8_t> bytes = where_->disk.peek(offset_of(index), 32);
+        const std::vector<std::uint8_t> stored = where_->disk.peek(offset_of(index), 32);
         entry_image result = {};
-        std::copy(bytes.begin(), bytes.end(), result.begin());
+        std::copy(stored.begin(), stored.end(), result.begin());
         return result;
     }
 

@@ -1,0 +1,983 @@
+// Mounting: the geometry that a boot sector gives, boot sectors that are none, what is printed of
+// them.
+
+#include "fat/internal.h"
+#include "tests/support/boot_sector.h"
+#include "tests/support/capture.h"
+#include "tests/support/faults.h"
+#include "tests/support/files.h"
+#include "tests/support/open_entries.h"
+#include "tests/support/ram_disk.h"
+#include "tests/support/volume.h"
+#include "tests/support/volume_fixture.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
+#include <vector>
+
+using namespace fat;
+using namespace testing_support;
+
+namespace {
+
+constexpr std::uint64_t MIB = 1024 * 1024;
+constexpr unsigned SEED = 20240229;
+
+const std::string NO_READ = "get_pbr_sector[N]: Cannot read PBR from volume\n";
+const std::string NO_SIGNATURE = "get_pbr_sector[N]: Invalid PBR signature\n\n";
+const std::string NO_PBR = "fat_build_super[N]: Cannot get PBR sector!\n\n";
+const std::string BROKEN = "fat_build_super[N]: PBR data is broken\n\n";
+const std::string NO_ROOT = "open_root_directory[N]: failed to set oentry!\n\n"
+                            "fat_build_super[N]: Cannot open root directory!\n\n";
+const std::string BAD_CHAIN = "fat_count_clusters[N]: Failed to read cluster!\n\n";
+
+std::string over_limit(int clusters, int width_before) {
+    return "fat_build_super[N]: NumCluster is over the limitation: clus(" +
+           std::to_string(clusters) + "), FAT" + std::to_string(width_before) + "\n";
+}
+std::string check_here(const std::string &function) {
+    return function + "[N]: Check here!\n\n";
+}
+
+// Gives everything but the target back to the state in which it was opened.
+void forget_geometry() {
+    fat_super fresh = {};
+    fresh.fd = sv->fd;
+    fresh.vol_size = sv->vol_size;
+    fresh.long_name = sv->long_name;
+    *sv = fresh;
+}
+
+// What is printed to a stream.
+template <typename Print>
+std::string printed(Print print, int *result) {
+    char *text = nullptr;
+    std::size_t size = 0;
+    FILE *stream = open_memstream(&text, &size);
+    *result = print(stream);
+    std::fclose(stream);
+    std::string content(text, size);
+    std::free(text);
+    return content;
+}
+
+// A boot sector on a disk of its own, which is the open volume.
+class BootSector : public testing::Test {
+protected:
+    static constexpr std::uint64_t SIZE = 64 * MIB;
+
+    void put(const boot_numbers &numbers) {
+        disk.poke(0, boot_sector_of(numbers));
+        // The root directory of FAT32 is cluster 2, alone in its chain.
+        const std::uint64_t entry = std::uint64_t{numbers.reserved} * numbers.sector_size + 8;
+        if (numbers.fat_size_16 == 0) {
+            disk.poke(entry, {0xFF, 0xFF, 0xFF, 0x0F});
+        }
+    }
+    template <typename Call>
+    answer ask(Call call) {
+        said.clear();
+        const int result = call();
+        answer a{result, said.text()};
+        EXPECT_TRUE(table_agrees()) << "after " << a;
+        return a;
+    }
+    answer mount() {
+        return ask(fat_build_super);
+    }
+    answer mount(const boot_numbers &numbers) {
+        put(numbers);
+        return mount();
+    }
+    // After a mount that nobody has seen before.
+    answer mount_afresh(const boot_numbers &numbers) {
+        free_oentry(oentry_table[0]);
+        oentry_table[0] = nullptr;
+        unmark_slot(oentry_map, 0);
+        forget_geometry();
+        return mount(numbers);
+    }
+    void expect_root_open() {
+        EXPECT_EQ(ids_in_use(), std::vector<int>{0});
+        EXPECT_EQ(sv->root_dir, oentry_table[0]);
+        EXPECT_EQ(sv->current_dir, oentry_table[0]);
+        EXPECT_EQ(get_current(), 0);
+    }
+
+    ram_disk disk{SIZE};
+    diagnostics said;
+};
+
+class Formatted : public testing::TestWithParam<volume_shape> {};
+INSTANTIATE_TEST_SUITE_P(Shapes, Formatted, testing::ValuesIn(many_shapes()), shape_name);
+
+} // namespace
+
+// ---- reading the boot sector ------------------------------------------------------------------
+
+TEST_F(BootSector, IsSectorZero) {
+    for (const u32 size : {0U, 512U, 1024U, 2048U, 4096U}) {
+        sv->sector_size = size;
+        put(fat16_numbers());
+        disk.log.clear();
+        bytes buffer(size != 0 ? size : 4096);
+        EXPECT_EQ(ask([&] { return get_pbr_sector(buffer.data()); }), (answer{0, ""}));
+        EXPECT_EQ(buffer, disk.peek(0, buffer.size()));
+        EXPECT_EQ(disk.log, (std::vector<transfer>{{false, 0, 1}}));
+    }
+}
+
+TEST_F(BootSector, AnyOtherCountThanOneIsAFailure) {
+    put(fat16_numbers());
+    bytes buffer(4096);
+    for (const int moved : {0, 2, -1, -EIO, -EINVAL, INT_MAX, INT_MIN}) {
+        disk.failure_result = moved;
+        disk.reads_before_failure = 0;
+        EXPECT_EQ(ask([&] { return get_pbr_sector(buffer.data()); }), (answer{-EIO, NO_READ}));
+        disk.reads_before_failure = 0;
+        EXPECT_EQ(mount(), (answer{-EIO, NO_READ + NO_PBR}));
+    }
+}
+
+TEST_F(BootSector, SignatureIsBothBytes) {
+    bytes buffer(4096);
+    for (const auto &[low, high] : {std::pair{0x00, 0x00},
+                                    {0x55, 0x00},
+                                    {0x00, 0xAA},
+                                    {0xAA, 0x55},
+                                    {0x54, 0xAA},
+                                    {0x55, 0xAB},
+                                    {0xFF, 0xFF}}) {
+        put(fat16_numbers());
+        disk.poke(510, {static_cast<u8>(low), static_cast<u8>(high)});
+        disk.poke(4094, {0x55, 0xAA}); // where it does not count
+        EXPECT_EQ(ask([&] { return get_pbr_sector(buffer.data()); }),
+                  (answer{-EINVAL, NO_SIGNATURE}));
+        EXPECT_EQ(mount(), (answer{-EINVAL, NO_SIGNATURE + NO_PBR}));
+        EXPECT_EQ(ids_in_use(), std::vector<int>());
+    }
+}
+
+// ---- the geometry -----------------------------------------------------------------------------
+
+TEST_P(Formatted, MountsWithTheGeometryThatFormattingComputed) {
+    volume v(GetParam());
+    diagnostics said;
+    const geometry computed = geometry_of_volume();
+    forget_geometry();
+    EXPECT_EQ(fat_build_super(), 0);
+    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(geometry_of_volume(), computed);
+    EXPECT_EQ(picture_of(0), tree::opened_root());
+    EXPECT_EQ(sv->current_dir, sv->root_dir);
+    EXPECT_TRUE(table_agrees());
+    for (const transfer &t : v.disk.log) {
+        EXPECT_FALSE(t.is_write) << t;
+    }
+    EXPECT_EQ(fat_open("MISSING"), -ENOENT);
+}
+
+TEST_F(BootSector, Fat16Geometry) {
+    boot_numbers numbers = fat16_numbers(); // of 512-byte sectors
+    numbers.sec_per_clus = 4;
+    numbers.reserved = 3;
+    numbers.fats = 3;
+    numbers.fat_size_16 = 20;
+    numbers.root_entries = 17; // two sectors
+    numbers.total_16 = 3 + 60 + 2 + 4 * 5000 + 3;
+    EXPECT_EQ(mount(numbers), (answer{0, ""}));
+    EXPECT_EQ(geometry_of_volume(), (geometry{.fat_type = 16,
+                                              .fat_size = 20,
+                                              .total_sectors = 20068,
+                                              .num_clusters = 5000,
+                                              .sector_size = 512,
+                                              .sec_per_clus = 4,
+                                              .root_clus = 0,
+                                              .fat_start = 3,
+                                              .rdir_start = 63,
+                                              .data_start = 65}));
+    expect_root_open();
+    EXPECT_EQ(picture_of(0), tree::opened_root());
+}
+
+TEST_F(BootSector, Fat32Geometry) {
+    boot_numbers numbers = fat32_numbers(); // of 512-byte sectors
+    numbers.sec_per_clus = 2;
+    numbers.reserved = 40;
+    numbers.fats = 1;
+    numbers.fat_size_32 = 600;
+    numbers.root_clus = 1000;
+    numbers.total_32 = 40 + 600 + 2 * 70000;
+    put(numbers);
+    disk.poke(40 * 512 + 4000, {0xF8, 0xFF, 0xFF, 0xFF});
+    EXPECT_EQ(mount(), (answer{0, ""}));
+    EXPECT_EQ(geometry_of_volume(), (geometry{.fat_type = 32,
+                                              .fat_size = 600,
+                                              .total_sectors = 140640,
+                                              .num_clusters = 70000,
+                                              .sector_size = 512,
+                                              .sec_per_clus = 2,
+                                              .root_clus = 1000,
+                                              .fat_start = 40,
+                                              .rdir_start = 640 + 998 * 2,
+                                              .data_start = 640}));
+    expect_root_open();
+    EXPECT_EQ(picture_of(0), tree::opened_root());
+}
+
+TEST_F(BootSector, WidthFollowsFromTheClusterCountAlone) {
+    for (const bool has_fat32_block : {false, true}) {
+        for (const u32 clusters : {0U, 1U, 4084U, 4085U, 4086U, 65523U, 65524U, 65525U, 65526U}) {
+            for (const u32 rest : {0U, 3U}) {
+                boot_numbers numbers = has_fat32_block ? fat32_numbers() : fat16_numbers();
+                numbers.sec_per_clus = 4;
+                numbers.root_clus = 2;
+                numbers.total_16 = 0;
+                numbers.total_32 = first_data_sector(numbers) + 4 * clusters + rest;
+                numbers.type = clusters % 2 == 0 ? "FAT12   " : "FAT32   "; // read by nobody
+                put(numbers);
+                disk.poke(std::uint64_t{numbers.reserved} * 512 + 8, {0xFF, 0xFF, 0xFF, 0x0F});
+                const answer a = mount_afresh(numbers);
+                if (clusters < 4085) {
+                    EXPECT_EQ(a, (answer{-EINVAL, over_limit(static_cast<int>(clusters), 0)}));
+                    EXPECT_EQ(ids_in_use(), std::vector<int>());
+                    continue;
+                }
+                EXPECT_EQ(a, (answer{0, ""}));
+                EXPECT_EQ(sv->num_clusters, clusters);
+                EXPECT_EQ(sv->fat_type, clusters < 65525 ? 16U : 32U);
+                EXPECT_EQ(sv->root_clus, clusters < 65525 ? 0U : 2U);
+            }
+        }
+    }
+}
+
+TEST_F(BootSector, RefusalNamesTheWidthThatWasKnownBefore) {
+    boot_numbers numbers = fat16_numbers();
+    numbers.total_16 = static_cast<u16>(first_data_sector(numbers) + 4084);
+    sv->fat_type = 32;
+    EXPECT_EQ(mount(numbers), (answer{-EINVAL, over_limit(4084, 32)}));
+    ASSERT_EQ(mount(fat16_numbers()), (answer{0, ""}));
+    EXPECT_EQ(mount(numbers), (answer{-EINVAL, over_limit(4084, 16)}));
+}
+
+TEST_F(BootSector, SixteenBitTotalCountsBeforeTheOther) {
+    boot_numbers numbers = fat16_numbers();
+    numbers.total_16 = 20000;
+    numbers.total_32 = 30000;
+    EXPECT_EQ(mount(numbers), (answer{0, ""}));
+    EXPECT_EQ(sv->total_sectors, 20000U);
+    numbers.total_16 = 0;
+    EXPECT_EQ(mount(numbers), (answer{0, ""}));
+    EXPECT_EQ(sv->total_sectors, 30000U);
+}
+
+TEST_F(BootSector, Fat32BlockCountsOnlyWithoutASixteenBitFatSize) {
+    boot_numbers numbers = fat32_numbers();
+    numbers.total_16 = 5000; // not looked at
+    EXPECT_EQ(mount(numbers), (answer{0, ""}));
+    EXPECT_EQ(sv->total_sectors, numbers.total_32);
+    EXPECT_EQ(sv->fat_size, numbers.fat_size_32);
+    numbers = fat16_numbers();
+    numbers.fat_size_32 = 7777;
+    EXPECT_EQ(mount(numbers), (answer{0, ""}));
+    EXPECT_EQ(sv->fat_size, numbers.fat_size_16);
+}
+
+TEST_F(BootSector, MissingSizesAreBroken) {
+    boot_numbers numbers = fat32_numbers();
+    numbers.fat_size_32 = 0;
+    EXPECT_EQ(mount(numbers), (answer{-EINVAL, BROKEN}));
+    numbers = fat32_numbers();
+    numbers.total_32 = 0;
+    numbers.total_16 = 60000;
+    EXPECT_EQ(mount(numbers), (answer{-EINVAL, BROKEN}));
+    EXPECT_EQ(ids_in_use(), std::vector<int>());
+}
+
+TEST_F(BootSector, NumbersThatCannotBeComputedWithAreBroken) {
+    const auto refuses = [&](auto change) {
+        for (boot_numbers numbers : {fat16_numbers(), fat32_numbers()}) {
+            change(numbers);
+            EXPECT_EQ(mount_afresh(numbers), (answer{-EINVAL, BROKEN}));
+            EXPECT_EQ(ids_in_use(), std::vector<int>());
+        }
+    };
+    refuses([](boot_numbers &n) { n.sec_per_clus = 0; });
+    for (const u32 size : {0U, 1U, 2U, 16U, 32U, 256U, 511U, 513U, 520U, 4095U, 65535U}) {
+        refuses([size](boot_numbers &n) { n.sector_size = size; });
+    }
+    // Areas that leave no room for data.
+    refuses([](boot_numbers &n) {
+        n.reserved = 65535;
+        n.total_16 = 20000;
+        n.total_32 = 20000;
+    });
+    refuses([](boot_numbers &n) { n.fats = 255; });
+    refuses([](boot_numbers &n) {
+        n.total_16 = 1;
+        n.total_32 = 1;
+    });
+}
+
+TEST_F(BootSector, TotalMayBeLargerThanTheTarget) {
+    boot_numbers numbers = fat32_numbers();
+    numbers.total_32 = 0x0FFFFFFF;
+    EXPECT_EQ(mount(numbers), (answer{0, ""}));
+    EXPECT_EQ(sv->total_sectors, 0x0FFFFFFFU);
+    EXPECT_EQ(fat_open("MISSING"), -ENOENT);
+    numbers = fat16_numbers();
+    numbers.sec_per_clus = 64;
+    numbers.total_16 = 0;
+    numbers.total_32 = 64 * 60000;
+    EXPECT_EQ(mount(numbers), (answer{0, ""}));
+    EXPECT_EQ(fat_open("MISSING"), -ENOENT);
+}
+
+TEST_F(BootSector, WhatTheVolumeDoesNotTellIsKept) {
+    sv->last_alloc_clus = 77;
+    sv->pbr_start = 5;
+    for (const bool long_name : {false, true}) {
+        sv->long_name = long_name ? 1 : 0;
+        EXPECT_EQ(mount(fat16_numbers()), (answer{0, ""}));
+        EXPECT_EQ(sv->long_name, long_name ? 1 : 0);
+        EXPECT_EQ(sv->last_alloc_clus, 77U);
+        EXPECT_EQ(sv->pbr_start, 0U);
+        EXPECT_EQ(sv->vol_size, SIZE);
+        EXPECT_EQ(sv->fd, -1);
+    }
+}
+
+// ---- the root directory -----------------------------------------------------------------------
+
+TEST_F(BootSector, RootWithABrokenChainIsNotMounted) {
+    const boot_numbers numbers = fat32_numbers();
+    put(numbers);
+    const std::uint64_t entry = std::uint64_t{numbers.reserved} * 512 + 8;
+    disk.poke(entry, {1, 0, 0, 0});
+    EXPECT_EQ(mount(),
+              (answer{-EINVAL, "fat_read_clus[N]: Invalid cluster!\n\n" + BAD_CHAIN + NO_ROOT}));
+    EXPECT_EQ(ids_in_use(), std::vector<int>());
+    disk.poke(entry, {2, 0, 0, 0});
+    EXPECT_EQ(mount(), (answer{-EINVAL, BAD_CHAIN + NO_ROOT}));
+    for (const u32 cluster : {0xFFFFFFFF, sv->num_clusters + 2, 1U}) {
+        boot_numbers elsewhere = numbers;
+        elsewhere.root_clus = cluster;
+        EXPECT_EQ(mount(elsewhere),
+                  (answer{-EINVAL, "fat_read_clus[N]: Invalid arg!\n\n" + BAD_CHAIN + NO_ROOT}));
+    }
+    EXPECT_EQ(mount(numbers), (answer{0, ""})); // nothing of it is left behind
+    expect_root_open();
+}
+
+TEST_F(BootSector, RootWithoutAChainIsMountedEmpty) {
+    const boot_numbers numbers = fat32_numbers();
+    put(numbers);
+    disk.poke(std::uint64_t{numbers.reserved} * 512 + 8, {0, 0, 0, 0x30});
+    EXPECT_EQ(mount(), (answer{0, ""}));
+    EXPECT_EQ(sv->root_dir->start, 2U);
+    EXPECT_EQ(sv->root_dir->allocated, 0U);
+    boot_numbers nowhere = numbers;
+    nowhere.root_clus = 0;
+    EXPECT_EQ(mount(nowhere), (answer{0, ""}));
+    EXPECT_EQ(sv->root_dir->start, 0U);
+    EXPECT_EQ(
+        ask([] { return fat_open("NAME"); }),
+        (answer{-EINVAL, "get_phy_sector[N]: invalid start cluster number 0\n"
+                         "get_dentry_with_clu[N]: Failed to get entry sector!:(0, 0)\n\n"
+                         "find_dentry_with_clu[N]: fail to get dentry(0, 0):Invalid argument\n"
+                         "fat_open[N]: failed to find directory entry!\n\n"}));
+}
+
+TEST_F(BootSector, MountingAgainOpensTheRootAnewInPlace) {
+    ASSERT_EQ(mount(fat16_numbers()), (answer{0, ""}));
+    const oentry *root = oentry_table[0];
+    sv->root_dir->pos = 5;
+    const geometry before = geometry_of_volume();
+    const allocation_meter meter;
+    EXPECT_EQ(mount(), (answer{0, ""}));
+    EXPECT_EQ(oentry_table[0], root);
+    EXPECT_EQ(geometry_of_volume(), before);
+    EXPECT_EQ(picture_of(0), tree::opened_root());
+    EXPECT_EQ(meter.live_blocks(), 0);
+}
+
+TEST_F(BootSector, LostSignatureLeavesAMountedVolumeAsItWas) {
+    ASSERT_EQ(mount(fat16_numbers()), (answer{0, ""}));
+    const geometry before = geometry_of_volume();
+    disk.poke(510, {0, 0});
+    EXPECT_EQ(mount(), (answer{-EINVAL, NO_SIGNATURE + NO_PBR}));
+    EXPECT_EQ(geometry_of_volume(), before);
+    expect_root_open();
+}
+
+TEST_F(BootSector, FailedMountLeavesWhatItHadRead) {
+    boot_numbers numbers = fat32_numbers();
+    numbers.sector_size = 1024;
+    numbers.sec_per_clus = 2;
+    numbers.fat_size_32 = 0;
+    EXPECT_EQ(mount(numbers).result, -EINVAL);
+    EXPECT_EQ(sv->sector_size, 1024U);
+    EXPECT_EQ(sv->sec_per_clus, 2U);
+    EXPECT_EQ(sv->total_sectors, numbers.total_32);
+    EXPECT_EQ(sv->fat_type, 0U);
+    numbers = fat16_numbers();
+    numbers.total_16 = static_cast<u16>(first_data_sector(numbers) + 4084);
+    EXPECT_EQ(mount_afresh(numbers), (answer{-EINVAL, over_limit(4084, 0)}));
+    EXPECT_EQ(sv->sector_size, 512U);
+    EXPECT_EQ(sv->sec_per_clus, 1U);
+    EXPECT_EQ(sv->fat_size, 32U);
+    EXPECT_EQ(sv->total_sectors, numbers.total_16);
+    EXPECT_EQ(sv->num_clusters, 4084U);
+    EXPECT_EQ(sv->fat_type, 0U);
+    EXPECT_EQ(sv->root_dir, nullptr);
+}
+
+TEST_F(BootSector, SectorSizeThatTransfersCannotUseIsNotTaken) {
+    boot_numbers numbers = fat16_numbers();
+    for (const u32 size : {0U, 1U, 16U, 100U, 511U, 65535U}) {
+        numbers.sector_size = size;
+        EXPECT_EQ(mount_afresh(numbers).result, -EINVAL);
+        EXPECT_EQ(sv->sector_size, 0U);
+        ASSERT_EQ(mount(fat16_numbers()), (answer{0, ""}));
+        EXPECT_EQ(mount(numbers).result, -EINVAL);
+        EXPECT_EQ(sv->sector_size, 512U);
+    }
+}
+
+TEST_F(BootSector, FailedMountCanBeTriedAgain) {
+    boot_numbers numbers = fat32_numbers();
+    numbers.fat_size_32 = 0;
+    EXPECT_EQ(mount(numbers).result, -EINVAL);
+    numbers = fat16_numbers();
+    numbers.total_16 = 4000;
+    EXPECT_EQ(mount(numbers).result, -EINVAL);
+    EXPECT_EQ(mount(fat32_numbers()), (answer{0, ""}));
+    EXPECT_EQ(sv->fat_type, 32U);
+    EXPECT_EQ(sv->root_clus, 2U);
+    EXPECT_EQ(mount(fat16_numbers()), (answer{0, ""}));
+    EXPECT_EQ(sv->fat_type, 16U);
+    EXPECT_EQ(sv->root_clus, 0U);
+    EXPECT_EQ(picture_of(0), tree::opened_root());
+}
+
+// ---- failures ---------------------------------------------------------------------------------
+
+namespace {
+
+// The answers of a mount while its first, second, ... read or allocation fails, adjacent equal ones
+// once; the last is that of a mount that nothing disturbed.
+class DisturbedMount : public BootSector {
+protected:
+    enum class disturbance { READ, ALLOCATION };
+
+    std::vector<answer> answers(const boot_numbers &numbers, disturbance what) {
+        put(numbers);
+        std::vector<answer> result;
+        for (int k = 0; k < 100; k++) {
+            forget_geometry();
+            const allocation_meter meter;
+            bool struck = false;
+            const answer a = ask([&] { return disturbed_mount(what, k, &struck); });
+            if (result.empty() || result.back() != a) {
+                result.push_back(a);
+            }
+            if (!struck) {
+                expect_root_open();
+                return result;
+            }
+            EXPECT_EQ(ids_in_use(), std::vector<int>()) << a;
+            EXPECT_EQ(meter.live_blocks(), 0) << a;
+        }
+        ADD_FAILURE() << "the mount never ends undisturbed";
+        return result;
+    }
+
+private:
+    int disturbed_mount(disturbance what, int k, bool *struck) {
+        if (what == disturbance::ALLOCATION) {
+            const failing_allocation fault(k);
+            const int result = fat_build_super();
+            *struck = fault.struck();
+            return result;
+        }
+        disk.reads_before_failure = k;
+        const int result = fat_build_super();
+        *struck = disk.reads_before_failure < 0;
+        disk.reads_before_failure = -1;
+        return result;
+    }
+};
+
+const answer NO_SPACE{-ENOMEM, "fat_build_super[N]: Cannot allocate space\n"};
+const answer NO_RECORD{-ENOMEM, "open_root_directory[N]: failed to allocate memory!\n\n"
+                                "fat_build_super[N]: Cannot open root directory!\n\n"};
+
+} // namespace
+
+TEST_F(DisturbedMount, Fat16WithoutMemory) {
+    EXPECT_EQ(answers(fat16_numbers(), disturbance::ALLOCATION),
+              (std::vector<answer>{NO_SPACE, NO_RECORD, {0, ""}}));
+}
+
+TEST_F(DisturbedMount, Fat32WithoutMemory) {
+    EXPECT_EQ(answers(fat32_numbers(), disturbance::ALLOCATION),
+              (std::vector<answer>{
+                  NO_SPACE,
+                  NO_RECORD,
+                  {-EINVAL, "fat_read_entry[N]: cannot allocate FAT\n\n" + BAD_CHAIN + NO_ROOT},
+                  {0, ""}}));
+}
+
+TEST_F(DisturbedMount, Fat16WithoutReads) {
+    EXPECT_EQ(answers(fat16_numbers(), disturbance::READ),
+              (std::vector<answer>{{-EIO, NO_READ + NO_PBR}, {0, ""}}));
+}
+
+TEST_F(DisturbedMount, Fat32WithoutReads) {
+    EXPECT_EQ(answers(fat32_numbers(), disturbance::READ),
+              (std::vector<answer>{
+                  {-EIO, NO_READ + NO_PBR},
+                  {-EINVAL, "fat_read_entry[N]: cannot read FAT\n\n" + BAD_CHAIN + NO_ROOT},
+                  {0, ""}}));
+}
+
+// ---- image files ------------------------------------------------------------------------------
+
+namespace {
+
+// A target that is opened as programs do it.
+class ImageFile : public volume_test {
+protected:
+    [[nodiscard]] std::string image_of(const boot_numbers &numbers) const {
+        const std::string path = scratch.sparse_file("disk.img", 64 * MIB);
+        std::fstream stream(path, std::ios::binary | std::ios::in | std::ios::out);
+        const bytes sector = boot_sector_of(numbers);
+        stream.write(reinterpret_cast<const char *>(sector.data()), 512);
+        if (numbers.fat_size_16 == 0) {
+            stream.seekp(std::streamoff{numbers.reserved} * numbers.sector_size + 8);
+            stream.write("\xFF\xFF\xFF\x0F", 4);
+        }
+        return path;
+    }
+    answer mount() {
+        said.clear();
+        const int result = fat_build_super();
+        EXPECT_TRUE(table_agrees());
+        return {result, said.text()};
+    }
+    // Closing leaves no descriptor and no open entry behind.
+    void expect_all_closed() {
+        EXPECT_EQ(fat_close_volume(0), 0);
+        EXPECT_EQ(sv, nullptr);
+        EXPECT_EQ(left_open(), std::vector<int>());
+        EXPECT_EQ(ids_in_use(), std::vector<int>());
+        EXPECT_TRUE(table_agrees());
+    }
+};
+
+} // namespace
+
+TEST_F(ImageFile, IsMountedAndLeftAsItWas) {
+    for (const boot_numbers &numbers : {fat16_numbers(), fat32_numbers()}) {
+        const std::string path = image_of(numbers);
+        const bytes before = read_range(path, 0, MIB);
+        const allocation_meter meter;
+        ASSERT_GE(fat_open_volume(path.c_str(), 1, 0), 0);
+        const failing_call no_write(call::write, EIO);
+        EXPECT_EQ(mount(), (answer{0, ""}));
+        EXPECT_EQ(fat_open("MISSING"), -ENOENT);
+        EXPECT_FALSE(no_write.struck());
+        expect_all_closed();
+        EXPECT_EQ(meter.live_blocks(), 0);
+        EXPECT_EQ(read_range(path, 0, MIB), before);
+    }
+}
+
+TEST_F(ImageFile, SmallerThanTheFirstTransferIsUnreadable) {
+    for (const std::uint64_t size : {1U, 512U, 4095U}) {
+        ASSERT_GE(fat_open_volume(scratch.sparse_file("disk.img", size).c_str(), 1, 0), 0);
+        EXPECT_EQ(mount(), (answer{-EIO, NO_READ + NO_PBR}));
+        expect_all_closed();
+    }
+    ASSERT_GE(fat_open_volume(scratch.sparse_file("disk.img", 4096).c_str(), 1, 0), 0);
+    EXPECT_EQ(mount(), (answer{-EINVAL, NO_SIGNATURE + NO_PBR}));
+    expect_all_closed();
+}
+
+TEST_F(ImageFile, EachSystemCallThatFails) {
+    const std::string path = image_of(fat32_numbers());
+    const std::string no_fat = "fat_read_entry[N]: cannot read FAT\n\n" + BAD_CHAIN + NO_ROOT;
+    const std::string no_transfer = "file_read_sectors[N]: Check here!: Input/output error";
+    for (const call which : {call::read, call::lseek}) {
+        std::vector<answer> answers;
+        for (int k = 0; k < 10 && (answers.empty() || answers.back().result != 0); k++) {
+            ASSERT_GE(fat_open_volume(path.c_str(), 1, 0), 0);
+            const failing_call fault(which, EIO, k);
+            answers.push_back(mount());
+            expect_all_closed();
+        }
+        const bool is_read = which == call::read;
+        EXPECT_EQ(
+            answers,
+            (std::vector<answer>{
+                {-EIO, no_transfer + (is_read ? "" : " (0 x 4096)") + "\n\n" + NO_READ + NO_PBR},
+                {-EINVAL, no_transfer + (is_read ? "" : " (32 x 512)") + "\n\n" + no_fat},
+                {0, ""}}));
+    }
+}
+
+TEST_F(ImageFile, EachAllocationThatFails) {
+    for (const boot_numbers &numbers : {fat16_numbers(), fat32_numbers()}) {
+        const std::string path = image_of(numbers);
+        int last = -1;
+        for (int k = 0; k < 20 && last != 0; k++) {
+            const allocation_meter meter;
+            ASSERT_GE(fat_open_volume(path.c_str(), 1, 0), 0);
+            {
+                const failing_allocation fault(k);
+                last = mount().result;
+            }
+            EXPECT_TRUE(last == 0 || last == -ENOMEM || last == -EINVAL) << last;
+            expect_all_closed();
+            EXPECT_EQ(meter.live_blocks(), 0);
+        }
+        EXPECT_EQ(last, 0);
+    }
+}
+
+// ---- printing the boot sector -----------------------------------------------------------------
+
+namespace {
+
+// A string field: what stands before its first zero byte.
+std::string text_field(const bytes &sector, std::size_t offset, std::size_t size) {
+    const std::string field(sector.begin() + static_cast<std::ptrdiff_t>(offset),
+                            sector.begin() + static_cast<std::ptrdiff_t>(offset + size));
+    return field.substr(0, field.find('\0'));
+}
+
+class PrintPbr : public BootSector {
+protected:
+    answer print(std::string *text) {
+        said.clear();
+        int result = 0;
+        *text = printed([](FILE *stream) { return fat_print_pbr(stream); }, &result);
+        return {result, said.text()};
+    }
+    std::string print() {
+        std::string text;
+        EXPECT_EQ(print(&text), (answer{0, ""}));
+        return text;
+    }
+};
+
+} // namespace
+
+TEST_F(PrintPbr, Fat16) {
+    boot_numbers numbers = fat16_numbers();
+    numbers.type = "FAT16   ";
+    bytes sector = boot_sector_of(numbers);
+    const std::string start = "\xEB\x3C\x90Torvik  ";
+    std::copy(start.begin(), start.end(), sector.begin());
+    put_number(&sector, 21, 1, 0xF8);
+    put_number(&sector, 24, 2, 8);
+    put_number(&sector, 26, 2, 1);
+    put_number(&sector, 38, 1, 0x29);
+    put_number(&sector, 39, 4, 0x89ABCDEF);
+    const std::string label = "MY VOLUME  ";
+    std::copy(label.begin(), label.end(), sector.begin() + 43);
+    disk.poke(0, sector);
+    const std::string expected = "\n==== PBR structure =====\n"
+                                 " BS_jmpBoot:   \t0xEB 0x3C 0x90\n"
+                                 " BS_oem_name:  \tTorvik  \n"
+                                 " BPB_BytsPerSec:512\n"
+                                 " BPB_SecPerClus:1\n"
+                                 " BPB_RsvdSecCnt:1\n"
+                                 " BPB_NumFATs: \t2\n"
+                                 " BPB_RootEntCnt:512\n"
+                                 " BPB_TotSec16:\t8097\n"
+                                 " BPB_Media:\t0xF8\n"
+                                 " BPB_FATSz16:\t32\n"
+                                 " BPB_SecPerTrk:\t8\n"
+                                 " BPB_NumHeads:\t1\n"
+                                 " BPB_HiddSec:\t0\n"
+                                 " BPB_TotSec32:\t0\n"
+                                 " BS_DrvNum:\t0x0\n"
+                                 " BS_BootSig:\t0x29\n"
+                                 " BS_VolID:\t0x89abcdef\n"
+                                 " BS_VolLab:\tMY VOLUME  \n"
+                                 " BS_FilSysType:\tFAT16   \n"
+                                 " BS_SIGNATURE:\t0xAA55\n"
+                                 "========================\n";
+    EXPECT_EQ(print(), expected);
+    EXPECT_EQ(mount(), (answer{0, ""}));
+    EXPECT_EQ(print(), expected);
+}
+
+TEST_F(PrintPbr, Fat32) {
+    boot_numbers numbers = fat32_numbers();
+    numbers.type = "FAT32   ";
+    bytes sector = boot_sector_of(numbers);
+    const std::string start = "\xEB\x58\x90Torvik  ";
+    std::copy(start.begin(), start.end(), sector.begin());
+    put_number(&sector, 21, 1, 0xF8);
+    put_number(&sector, 28, 4, 63);
+    put_number(&sector, 40, 2, 0x81);
+    put_number(&sector, 42, 2, 3);
+    put_number(&sector, 48, 2, 1);
+    put_number(&sector, 50, 2, 6);
+    put_number(&sector, 64, 1, 0x80);
+    put_number(&sector, 66, 1, 0x29);
+    put_number(&sector, 67, 4, 0xBEEF);
+    disk.poke(0, sector);
+    const std::string expected = "\n==== PBR structure =====\n"
+                                 " BS_jmpBoot:   \t0xEB 0x58 0x90\n"
+                                 " BS_oem_name:  \tTorvik  \n"
+                                 " BPB_BytsPerSec:512\n"
+                                 " BPB_SecPerClus:1\n"
+                                 " BPB_RsvdSecCnt:32\n"
+                                 " BPB_NumFATs: \t2\n"
+                                 " BPB_RootEntCnt:0\n"
+                                 " BPB_TotSec16:\t0\n"
+                                 " BPB_Media:\t0xF8\n"
+                                 " BPB_FATSz16:\t0\n"
+                                 " BPB_SecPerTrk:\t0\n"
+                                 " BPB_NumHeads:\t0\n"
+                                 " BPB_HiddSec:\t63\n"
+                                 " BPB_TotSec32:\t71232\n"
+                                 " BPB_FATSz32:\t600\n"
+                                 " BPB_ExtFlags:\t129\n"
+                                 " BPB_FSVer:\t3\n"
+                                 " BPB_RootClus:\t2\n"
+                                 " BPB_FSInfo:\t1\n"
+                                 " BPB_BkBootSec:\t6\n"
+                                 " BS_DrvNum:\t0x80\n"
+                                 " BS_BootSig:\t0x29\n"
+                                 " BS_VolID:\t0xbeef\n"
+                                 " BS_VolLab:\t\n"
+                                 " BS_FilSysType:\tFAT32   \n"
+                                 " BS_SIGNATURE:\t0xAA55\n"
+                                 "========================\n";
+    EXPECT_EQ(print(), expected);
+    sv->long_name = 1;
+    put(numbers);
+    disk.poke(0, sector);
+    EXPECT_EQ(mount(), (answer{0, ""}));
+    EXPECT_EQ(print(), expected);
+}
+
+namespace {
+
+// The whole text for any sector, written plainly.
+std::string pbr_text(const bytes &s) {
+    const auto number = [&](std::size_t offset, std::size_t size) {
+        std::uint32_t value = 0;
+        for (std::size_t i = size; i-- > 0;) {
+            value = value << 8 | s[offset + i];
+        }
+        return value;
+    };
+    std::string text;
+    const auto line = [&](const char *format, auto... values) {
+        std::array<char, 100> buffer = {};
+        std::snprintf(buffer.data(), buffer.size(), format, values...);
+        text += buffer.data();
+    };
+    text += "\n==== PBR structure =====\n";
+    line(" BS_jmpBoot:   \t0x%X 0x%X 0x%X\n", s[0], s[1], s[2]);
+    text += " BS_oem_name:  \t" + text_field(s, 3, 8) + "\n";
+    line(" BPB_BytsPerSec:%u\n", number(11, 2));
+    line(" BPB_SecPerClus:%u\n", number(13, 1));
+    line(" BPB_RsvdSecCnt:%u\n", number(14, 2));
+    line(" BPB_NumFATs: \t%u\n", number(16, 1));
+    line(" BPB_RootEntCnt:%u\n", number(17, 2));
+    line(" BPB_TotSec16:\t%u\n", number(19, 2));
+    line(" BPB_Media:\t0x%X\n", number(21, 1));
+    line(" BPB_FATSz16:\t%u\n", number(22, 2));
+    line(" BPB_SecPerTrk:\t%u\n", number(24, 2));
+    line(" BPB_NumHeads:\t%u\n", number(26, 2));
+    line(" BPB_HiddSec:\t%u\n", number(28, 4));
+    line(" BPB_TotSec32:\t%u\n", number(32, 4));
+    std::size_t extended = 36;
+    if (number(22, 2) == 0) {
+        extended = 64;
+        line(" BPB_FATSz32:\t%u\n", number(36, 4));
+        line(" BPB_ExtFlags:\t%u\n", number(40, 2));
+        line(" BPB_FSVer:\t%u\n", number(42, 2));
+        line(" BPB_RootClus:\t%u\n", number(44, 4));
+        line(" BPB_FSInfo:\t%u\n", number(48, 2));
+        line(" BPB_BkBootSec:\t%u\n", number(50, 2));
+    }
+    line(" BS_DrvNum:\t0x%x\n", number(extended, 1));
+    line(" BS_BootSig:\t0x%x\n", number(extended + 2, 1));
+    line(" BS_VolID:\t0x%x\n", number(extended + 3, 4));
+    text += " BS_VolLab:\t" + text_field(s, extended + 7, 11) + "\n";
+    text += " BS_FilSysType:\t" + text_field(s, extended + 18, 8) + "\n";
+    line(" BS_SIGNATURE:\t0x%04X\n", number(510, 2));
+    return text + "========================\n";
+}
+
+} // namespace
+
+TEST_F(PrintPbr, AnyBytes) {
+    std::mt19937 chance(SEED);
+    std::printf("seed %u\n", SEED);
+    for (int i = 0; i < 500; i++) {
+        bytes sector(512);
+        for (u8 &byte : sector) {
+            byte = static_cast<u8>(chance() % 8 == 0 ? 0 : chance());
+        }
+        if (chance() % 2 == 0) {
+            put_number(&sector, 22, 2, 0);
+        }
+        put_number(&sector, 510, 2, 0xAA55);
+        disk.poke(0, sector);
+        sv->sector_size = chance() % 2 == 0 ? 0 : 512;
+        ASSERT_EQ(print(), pbr_text(sector));
+    }
+}
+
+TEST_F(PrintPbr, NothingIsPrintedOfAnUnformattedVolume) {
+    std::string text;
+    EXPECT_EQ(print(&text),
+              (answer{-EINVAL, NO_SIGNATURE + "fat_print_pbr[N]: unformated FAT volume\n"}));
+    EXPECT_EQ(text, "");
+}
+
+TEST_F(PrintPbr, NothingIsPrintedOfWhatCannotBeRead) {
+    put(fat16_numbers());
+    std::string text;
+    for (const int moved : {0, 2, -EINVAL, -EIO}) {
+        disk.failure_result = moved;
+        disk.reads_before_failure = 0;
+        EXPECT_EQ(print(&text), (answer{-EIO, NO_READ + "fat_print_pbr[N]: Unknown error!\n\n"}));
+        EXPECT_EQ(text, "");
+    }
+}
+
+TEST_F(PrintPbr, NoMemory) {
+    put(fat16_numbers());
+    for (const u32 size : {0U, 512U}) {
+        sv->sector_size = size;
+        const failing_allocation fault(0);
+        std::string text;
+        EXPECT_EQ(print(&text), (answer{-ENOMEM, "fat_print_pbr[N]: cannot allocate space\n"}));
+        EXPECT_EQ(text, "");
+    }
+}
+
+TEST_F(PrintPbr, LeavesNothingAllocated) {
+    put(fat16_numbers());
+    const allocation_meter meter;
+    EXPECT_EQ(print(), pbr_text(disk.peek(0, 512)));
+    disk.poke(510, {0});
+    std::string text;
+    EXPECT_EQ(print(&text).result, -EINVAL);
+    EXPECT_EQ(meter.live_blocks(), 0);
+}
+
+// ---- the allocation hint ----------------------------------------------------------------------
+
+TEST_F(BootSector, AllocationHintIsPrinted) {
+    ASSERT_EQ(mount(fat16_numbers()), (answer{0, ""}));
+    int result = 0;
+    EXPECT_EQ(printed(print_alloc_hint, &result), "last allocated cluster: 0 / 8002\n");
+    EXPECT_EQ(result, 33);
+    sv->last_alloc_clus = 0xFFFFFFFF;
+    sv->num_clusters = 0xFFFFFFFF;
+    EXPECT_EQ(printed(print_alloc_hint, &result), "last allocated cluster: 4294967295 / 1\n");
+    EXPECT_EQ(result, 39);
+    EXPECT_EQ(said.text(), "");
+}
+
+TEST_F(BootSector, AllocationHintOnAStreamThatTakesNothing) {
+    const std::string path = "/dev/null";
+    FILE *stream = std::fopen(path.c_str(), "r");
+    ASSERT_NE(stream, nullptr);
+    EXPECT_LT(print_alloc_hint(stream), 0);
+    std::fclose(stream);
+}
+
+// ---- what stands in front of the volume -------------------------------------------------------
+
+namespace {
+
+class DeleteMbr : public ImageFile {
+protected:
+    void open_image(const boot_numbers &numbers) {
+        ASSERT_GE(fat_open_volume(image_of(numbers).c_str(), 1, 0), 0);
+    }
+    answer delete_mbr(const std::string &path) {
+        said.clear();
+        const int result = fat_delete_mbr(path.c_str());
+        return {result, said.text()};
+    }
+};
+
+} // namespace
+
+TEST_F(DeleteMbr, NothingIsCopiedSinceNothingStandsThere) {
+    ASSERT_NO_FATAL_FAILURE(open_image(fat16_numbers()));
+    const std::string existing = scratch.file_with("existing", {1, 2, 3});
+    const allocation_meter meter;
+    for (const bool is_mounted : {false, true}) {
+        if (is_mounted) {
+            ASSERT_EQ(mount(), (answer{0, ""}));
+        }
+        const int blocks = meter.live_blocks();
+        EXPECT_EQ(delete_mbr(scratch.file("new")), (answer{0, ""}));
+        EXPECT_EQ(delete_mbr(existing), (answer{0, ""}));
+        EXPECT_EQ(delete_mbr("/no/such/directory/new"), (answer{0, ""}));
+        EXPECT_FALSE(std::filesystem::exists(scratch.file("new")));
+        EXPECT_EQ(read_file(existing), (bytes{1, 2, 3}));
+        EXPECT_EQ(meter.live_blocks(), blocks);
+    }
+    expect_all_closed();
+}
+
+TEST_F(DeleteMbr, BootSectorThatIsNone) {
+    const std::string failed = "fat_delete_mbr[N]: Failed to get PBR sector!\n\n";
+    ASSERT_GE(fat_open_volume(scratch.sparse_file("blank.img", MIB).c_str(), 1, 0), 0);
+    const allocation_meter meter;
+    EXPECT_EQ(delete_mbr(scratch.file("new")), (answer{-EINVAL, NO_SIGNATURE + failed}));
+    {
+        const failing_call fault(call::read, EIO);
+        EXPECT_EQ(delete_mbr(scratch.file("new")),
+                  (answer{-EIO, "file_read_sectors[N]: Check here!: Input/output error\n\n" +
+                                    NO_READ + failed}));
+    }
+    const failing_allocation fault(0);
+    EXPECT_EQ(delete_mbr(scratch.file("new")),
+              (answer{-ENOMEM, "fat_delete_mbr[N]: cannot allocate space\n"}));
+    EXPECT_FALSE(std::filesystem::exists(scratch.file("new")));
+    EXPECT_EQ(meter.live_blocks(), 0);
+}
+
+// ---- no volume --------------------------------------------------------------------------------
+
+TEST_F(ImageFile, EveryCallRefusesWhenNoVolumeIsOpen) {
+    EXPECT_EQ(mount(), (answer{-EINVAL, check_here("fat_build_super")}));
+    said.clear();
+    int result = 0;
+    EXPECT_EQ(printed(fat_print_pbr, &result), "");
+    EXPECT_EQ((answer{result, said.text()}), (answer{-EINVAL, check_here("fat_print_pbr")}));
+    said.clear();
+    result = fat_delete_mbr(scratch.file("new").c_str());
+    EXPECT_EQ((answer{result, said.text()}), (answer{-EINVAL, check_here("fat_delete_mbr")}));
+    EXPECT_FALSE(std::filesystem::exists(scratch.file("new")));
+    said.clear();
+    EXPECT_EQ(printed(print_alloc_hint, &result), "uninitialized volume information\n");
+    EXPECT_EQ(result, 33);
+    EXPECT_EQ(said.text(), "");
+}
