@@ -59,7 +59,7 @@ int grow_for_run(oentry *dir, free_run *run, u32 *position) {
     for (;;) {
         const int grown = fat_extend_dir(dir, nullptr);
         if (grown < 0) {
-            report_at("fat_find_empty_entries", __LINE__, "Check here!\n\n");
+            report_at("fat_find_empty_entries", __LINE__, "Check Here!\n\n");
             return grown;
         }
         for (const u32 slot_count = dir_entry_count(dir); *position < slot_count; (*position)++) {
@@ -148,9 +148,12 @@ int write_dot_entries(u32 parent_clu, u32 new_clu) {
     if (sector_buf == nullptr) {
         return -ENOMEM;
     }
-    u8 *dot = nullptr;
-    dentry_location location = {};
-    int result = get_dentry_with_clu(new_clu, 0, &dot, sector_buf.get(), &location);
+    u32 sector = 0;
+    int result = get_entry_sector(new_clu, 0, &sector);
+    if (result == 0 && read_sectors(sector_buf.get(), sector, 1) != 1) {
+        result = -EIO;
+    }
+    u8 *dot = sector_buf.get();
     if (result == 0) {
         result = set_entry_value(dot, DOT_NAME, DENTRY_DIR, new_clu, 0);
     }
@@ -160,7 +163,7 @@ int write_dot_entries(u32 parent_clu, u32 new_clu) {
     if (result < 0) {
         return result;
     }
-    const int written = write_sectors(sector_buf.get(), location.sector, 1);
+    const int written = write_sectors(sector_buf.get(), sector, 1);
     if (written != 1) {
         return written < 0 ? written : -EIO;
     }

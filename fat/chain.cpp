@@ -37,12 +37,18 @@ int end_full_search(fat_editor *editor) {
 // what `cluster` held before is used; this leniency is meant.
 int find_free_cluster(fat_editor *editor, u32 *cluster) {
     int found = find_free(editor, sv->last_alloc_clus + 1, sv->num_clusters + 1);
-    if (found == -ENOENT) {
+    const bool is_first_pass = found != -ENOENT;
+    if (!is_first_pass) {
         found = find_free(editor, FIRST_DATA_CLUSTER, sv->last_alloc_clus);
-        if (found == -ENOENT) {
-            return end_full_search(editor);
-        }
-    } else if (found < 0) {
+    }
+    if (editor->write_failed) {
+        report_failed_write();
+        return -EIO;
+    }
+    if (!is_first_pass && found == -ENOENT) {
+        return end_full_search(editor);
+    }
+    if (is_first_pass && found < 0) {
         return found;
     }
     if (found > 0) {
@@ -129,6 +135,7 @@ void forget_lost(const before_allocation &before, u32 first_lost, const u32 *clu
                  oentry *entry) {
     if (first_lost > 0) {
         sv->last_alloc_clus = clusters[first_lost - 1];
+        correct_hint(); // as the allocation that failed did first
         return;
     }
     sv->last_alloc_clus = before.hint;
@@ -181,14 +188,17 @@ int read_link(fat_editor *editor, circle_guard *guard, u32 cluster) {
     return guard->closes_at(cluster) ? -EINVAL : follow_link(editor, cluster);
 }
 
-// Ends a release: what was gathered is written, whatever the walk came to. A failed write takes
+// The same for a release. Behind what is kept a circle ends by itself, at the first entry freed.
+int read_released_link(fat_editor *editor, circle_guard *guard, u32 cluster, bool is_kept) {
+    return is_kept ? read_link(editor, guard, cluster) : follow_link(editor, cluster);
+}
+
+// Ends a release that failed: what was gathered is written all the same. A failed write takes
 // precedence, since single writes would have met it first.
-int end_release(fat_editor *editor, int result) {
-    const int flushed = flush_editor(editor);
-    if (flushed < 0 || result < 0) {
-        report_at("fat_release_clusters", __LINE__, "Failed to read cluster!\n\n");
-    }
-    return flushed < 0 ? flushed : result;
+int fail_release(fat_editor *editor, int error) {
+    const bool write_failed = flush_editor(editor) < 0 || editor->write_failed;
+    report_at("fat_release_clusters", __LINE__, "Failed to read cluster!\n\n");
+    return write_failed ? -EIO : error;
 }
 
 } // namespace
@@ -304,24 +314,24 @@ int fat_release_clusters(oentry *entry, u32 keep) {
     circle_guard guard;
     u32 cluster = entry->start;
     for (u32 count = 1;; count++) {
-        const int next = read_link(&editor, &guard, cluster);
+        const int next = read_released_link(&editor, &guard, cluster, count <= keep);
         if (next < 1) {
-            return end_release(&editor, -EINVAL);
+            return fail_release(&editor, -EINVAL);
         }
         if (count > keep) {
             const int freed = edit_entry(&editor, cluster, FAT_FREE);
             if (freed < 0) {
-                return end_release(&editor, freed);
+                return fail_release(&editor, freed);
             }
         }
         if (is_end_of_chain(static_cast<u32>(next))) {
-            const int ended = end_release(&editor, static_cast<int>(count - keep));
-            const bool is_whole =
-                cluster == entry->last && count * cluster_bytes() == entry->allocated;
-            if (ended >= 0 && !is_whole) {
+            if (flush_editor(&editor) < 0) {
+                return fail_release(&editor, -EIO);
+            }
+            if (cluster != entry->last || count * cluster_bytes() != entry->allocated) {
                 REPORT("FAT chain is broken, but truncated all clusters\n");
             }
-            return ended;
+            return static_cast<int>(count - keep); // negative where more were to be kept
         }
         cluster = static_cast<u32>(next);
     }

@@ -55,28 +55,65 @@ int fill_window(fat_window *window, u64 sector) {
     return 0;
 }
 
-int read_entry(fat_window *window, u32 cluster, u32 *value) {
+// What keeps an entry from being read or followed. Telling so is a step of its own: gathered
+// changes may have to reach the medium before.
+enum class link_fault { NONE, NO_VOLUME, FAT_TYPE, MEMORY, READ, NUMBER, VALUE };
+
+link_fault load_value(fat_window *window, u32 cluster, u32 *value) {
     if (sv == nullptr || sv->sector_size == 0 || value == nullptr) {
-        report_at("fat_read_entry", __LINE__, "Invalid input: sector_size(%d) n_clu(%d)\n",
-                  sv == nullptr ? 0 : static_cast<int>(sv->sector_size), static_cast<int>(cluster));
-        return -EINVAL;
+        return link_fault::NO_VOLUME;
     }
     if (!is_fat_type_known()) {
-        report_at("fat_read_entry", __LINE__, "Invalid FAT type\n\n");
-        return -EINVAL;
+        return link_fault::FAT_TYPE;
     }
     const entry_place place = place_of(cluster);
     const int filled = fill_window(window, place.sector);
-    if (filled == -ENOMEM) {
-        report_at("fat_read_entry", __LINE__, "cannot allocate FAT\n\n");
-        return filled;
-    }
     if (filled < 0) {
-        report_at("fat_read_entry", __LINE__, "cannot read FAT\n\n");
-        return filled;
+        return filled == -ENOMEM ? link_fault::MEMORY : link_fault::READ;
     }
     *value = load_entry(window->buffer.get() + place.offset);
-    return 0;
+    return link_fault::NONE;
+}
+
+link_fault load_link(fat_window *window, u32 cluster, u32 *value) {
+    if (!is_data_cluster(cluster)) {
+        return link_fault::NUMBER;
+    }
+    const link_fault fault = load_value(window, cluster, value);
+    if (fault != link_fault::NONE || *value == FAT_FREE || is_end_of_chain(*value)) {
+        return fault;
+    }
+    // A bad-cluster mark is no link even where a hostile geometry counts that far.
+    const u32 bad_mark = sv->fat_type == 32 ? FAT32_BAD : FAT16_BAD;
+    return is_data_cluster(*value) && *value != bad_mark ? link_fault::NONE : link_fault::VALUE;
+}
+
+// Tells the fault in the name of the operation that has it. Returns its errno.
+int report_fault(link_fault fault, u32 cluster) {
+    switch (fault) {
+    case link_fault::NONE:
+        return 0;
+    case link_fault::NO_VOLUME:
+        report_at("fat_read_entry", __LINE__, "Invalid input: sector_size(%d) n_clu(%d)\n",
+                  sv == nullptr ? 0 : static_cast<int>(sv->sector_size), static_cast<int>(cluster));
+        return -EINVAL;
+    case link_fault::FAT_TYPE:
+        report_at("fat_read_entry", __LINE__, "Invalid FAT type\n\n");
+        return -EINVAL;
+    case link_fault::MEMORY:
+        report_at("fat_read_entry", __LINE__, "cannot allocate FAT\n\n");
+        return -ENOMEM;
+    case link_fault::READ:
+        report_at("fat_read_entry", __LINE__, "cannot read FAT\n\n");
+        return -EIO;
+    case link_fault::NUMBER:
+        report_at("fat_read_clus", __LINE__, "Invalid arg!\n\n");
+        return -EINVAL;
+    case link_fault::VALUE:
+        report_at("fat_read_clus", __LINE__, "Invalid cluster!\n\n");
+        return -EINVAL;
+    }
+    return -EINVAL;
 }
 
 // Makes the editor stand in `sector`, after writing what it changed in another one.
@@ -116,7 +153,7 @@ bool is_end_of_chain(u32 value) {
 
 int fat_read_entry(u32 cluster, u32 *value) {
     fat_window window;
-    return read_entry(&window, cluster, value);
+    return report_fault(load_value(&window, cluster, value), cluster);
 }
 
 int edit_entry(fat_editor *editor, u32 cluster, u32 value) {
@@ -165,31 +202,22 @@ int fat_write_entry(u32 cluster, u32 value) {
 // ---- links ------------------------------------------------------------------------------------
 
 int follow_link(fat_window *window, u32 cluster) {
-    if (!is_data_cluster(cluster)) {
-        report_at("fat_read_clus", __LINE__, "Invalid arg!\n\n");
-        return -EINVAL;
-    }
     u32 value = FAT_FREE;
-    const int result = read_entry(window, cluster, &value);
-    if (result < 0) {
-        return result;
-    }
-    if (value == FAT_FREE || is_end_of_chain(value)) {
-        return static_cast<int>(value);
-    }
-    // A bad-cluster mark is no link even where a hostile geometry counts that far.
-    const u32 bad_mark = sv->fat_type == 32 ? FAT32_BAD : FAT16_BAD;
-    if (!is_data_cluster(value) || value == bad_mark) {
-        report_at("fat_read_clus", __LINE__, "Invalid cluster!\n\n");
-        return -EINVAL;
-    }
-    return static_cast<int>(value);
+    const link_fault fault = load_link(window, cluster, &value);
+    return fault == link_fault::NONE ? static_cast<int>(value) : report_fault(fault, cluster);
 }
 
 int follow_link(fat_editor *editor, u32 cluster) {
     const bool is_changed = editor->changed.sector != fat_window::NO_SECTOR &&
                             editor->changed.sector == place_of(cluster).sector;
-    return follow_link(is_changed ? &editor->changed : &editor->seen, cluster);
+    u32 value = FAT_FREE;
+    const link_fault fault =
+        load_link(is_changed ? &editor->changed : &editor->seen, cluster, &value);
+    if (fault == link_fault::NONE) {
+        return static_cast<int>(value);
+    }
+    const int flushed = flush_editor(editor);
+    return flushed < 0 ? flushed : report_fault(fault, cluster);
 }
 
 int fat_read_clus(u32 cluster) {
@@ -201,7 +229,9 @@ int find_free(fat_editor *editor, u32 first, u32 last) {
     for (u64 cluster = first; cluster <= last; cluster++) {
         const int value = follow_link(editor, static_cast<u32>(cluster));
         if (value < 0) {
-            report_at("fat_free_clus", __LINE__, "Invalid cluster value!\n\n");
+            if (!editor->write_failed) {
+                report_at("fat_free_clus", __LINE__, "Invalid cluster value!\n\n");
+            }
             return value;
         }
         if (value == 0) {
@@ -227,11 +257,12 @@ u32 fat_sector(u32 cluster) {
 }
 
 bool circle_guard::closes_at(u32 cluster) {
-    if (cluster == anchor) {
+    if (has_anchor && cluster == anchor) {
         return true;
     }
     if (steps == span) {
         anchor = cluster;
+        has_anchor = true;
         span *= 2;
         steps = 0;
     }

@@ -166,9 +166,10 @@ struct fat_editor {
 // Finds out that a chain runs in a circle, in time proportional to the circle and with no memory of
 // the clusters passed: the anchor is moved up at distances that double (Brent).
 struct circle_guard {
-    u32 anchor = 0; // no data cluster
-    u32 span = 1;   // steps from one anchor to the next
-    u32 steps = 1;  // since the anchor was set
+    u32 anchor = 0;
+    bool has_anchor = false;
+    u32 span = 1;  // steps from one anchor to the next
+    u32 steps = 1; // since the anchor was set
 
     // To be called with each cluster of the chain in turn. True when the chain has come back.
     [[nodiscard]] bool closes_at(u32 cluster);
@@ -197,7 +198,8 @@ struct circle_guard {
 // errno for a number that is no data cluster, an entry that is no link, or a failed read.
 [[nodiscard]] int fat_read_clus(u32 cluster);
 
-// The same for walks, which read a FAT sector once while they stay in it.
+// The same for walks, which read a FAT sector once while they stay in it. An editor writes what it
+// gathered before it tells a failure; where that fails, it is the failure.
 [[nodiscard]] int follow_link(fat_window *window, u32 cluster);
 [[nodiscard]] int follow_link(fat_editor *editor, u32 cluster);
 

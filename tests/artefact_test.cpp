@@ -312,17 +312,18 @@ TEST_F(ArtefactTest, TheStrippedProgramStaysBelow64KiB) {
 // ---- form of the sources ----------------------------------------------------------------------
 
 TEST(SourceChecks, SeeWhatTheyLookFor) {
-    const std::string code = bare_code("// throw in a comment\n"
-                                       "int f(char c) { /* new\n */ return c == '\"' ? 1'000 : 2; }\n"
-                                       "const char *text = \"a \\\" throw }\";\n"
-                                       "struct s {\n"
-                                       "    s(const s &) = delete;\n"
-                                       "    int g()\n"
-                                       "        const {\n"
-                                       "        if (true) {\n"
-                                       "        }\n"
-                                       "    }\n"
-                                       "};\n");
+    const std::string code =
+        bare_code("// throw in a comment\n"
+                  "int f(char c) { /* new\n */ return c == '\"' ? 1'000 : 2; }\n"
+                  "const char *text = \"a \\\" throw }\";\n"
+                  "struct s {\n"
+                  "    s(const s &) = delete;\n"
+                  "    int g()\n"
+                  "        const {\n"
+                  "        if (true) {\n"
+                  "        }\n"
+                  "    }\n"
+                  "};\n");
     EXPECT_EQ(banned_in(code), std::vector<std::string>{});
     EXPECT_EQ(banned_in("int *p = new int; delete p; std::vector<int> v;"),
               (std::vector<std::string>{"new", "delete", "vector"}));

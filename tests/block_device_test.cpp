@@ -106,7 +106,8 @@ protected:
     }
 
     // What the same options make of an image file of the same size and content.
-    [[nodiscard]] bytes formatted_file(std::uint64_t sectors, std::vector<std::string> options) const {
+    [[nodiscard]] bytes formatted_file(std::uint64_t sectors,
+                                       std::vector<std::string> options) const {
         const std::string path = backing_file(sectors, "reference.img");
         options.push_back(path);
         EXPECT_EQ(run_tool(options), (outcome{0, SUCCESS, ""}));
@@ -127,7 +128,8 @@ TEST_F(BlockDeviceTest, TellsBothSizesAndFormats) {
         const loop_device device(file);
         ASSERT_EQ(device.trouble(), "");
         ASSERT_EQ(device.sectors(), sectors);
-        EXPECT_EQ(run_tool({"-S", "512", device.path()}), (outcome{0, SUCCESS, size_lines(sectors)}));
+        EXPECT_EQ(run_tool({"-S", "512", device.path()}),
+                  (outcome{0, SUCCESS, size_lines(sectors)}));
         // The device is still there, and what it was given has reached the file beneath.
         EXPECT_EQ(without_moment(file), formatted_file(sectors, {"-S", "512"}));
     }
@@ -294,11 +296,12 @@ TEST_F(BlockDeviceTest, RefusesADeviceThatIsTooSmall) {
     ASSERT_EQ(device.trouble(), "");
     EXPECT_EQ(
         run_tool({"-v", device.path()}),
-        (outcome{EXIT_REFUSED, FAILURE,
-                 size_lines(33) +
-                     "Volume size(16896) is too small to format the volume to FAT16\n"
-                     "Retry to format after enlarge the volume size to larger than (rdir area(4) + reserved area(1)) * sector size(4096)\n" +
-                     GEOMETRY_REFUSED}));
+        (outcome{
+            EXIT_REFUSED, FAILURE,
+            size_lines(33) +
+                "Volume size(16896) is too small to format the volume to FAT16\n"
+                "Retry to format after enlarge the volume size to larger than (rdir area(4) + reserved area(1)) * sector size(4096)\n" +
+                GEOMETRY_REFUSED}));
     EXPECT_TRUE(read_file(file) == before);
 }
 
@@ -311,11 +314,12 @@ TEST_F(BlockDeviceTest, RefusesADeviceWithoutSectors) {
     ASSERT_EQ(device.sectors(), 0u);
     EXPECT_EQ(
         run_tool({device.path()}),
-        (outcome{EXIT_REFUSED, FAILURE,
-                 "valid_offset[N]: Check here!\n\n"
-                 "check_vol_size[N]: ioctl(BLKGETSIZE): 0 sectors, 0 bytes\n"
-                 "check_vol_size[N]: seek volume: 1 bytes\n"
-                 "Volume size(1) is too small to format the volume to FAT16\n"
-                 "Retry to format after enlarge the volume size to larger than (rdir area(4) + reserved area(1)) * sector size(4096)\n" +
-                     GEOMETRY_REFUSED}));
+        (outcome{
+            EXIT_REFUSED, FAILURE,
+            "valid_offset[N]: Check here!\n\n"
+            "check_vol_size[N]: ioctl(BLKGETSIZE): 0 sectors, 0 bytes\n"
+            "check_vol_size[N]: seek volume: 1 bytes\n"
+            "Volume size(1) is too small to format the volume to FAT16\n"
+            "Retry to format after enlarge the volume size to larger than (rdir area(4) + reserved area(1)) * sector size(4096)\n" +
+                GEOMETRY_REFUSED}));
 }

@@ -105,6 +105,24 @@ TEST_P(ExtendDir, ErrorOfTheAllocationIsItsOwn) {
               failed(-EINVAL, INVALID_LINK + INVALID_VALUE + NOT_EXTENDED));
 }
 
+TEST_P(ExtendDir, SearchThatWasPassedOverClearsNothing) {
+    occupy_all_but({});
+    v.set_link(20, 1);
+    directory dir = v.sub_directory({5});
+    for (oentry *record : {static_cast<oentry *>(nullptr), &dir.record}) {
+        sv->last_alloc_clus = 100;
+        transfers();
+        u32 cluster = UNTOUCHED;
+        EXPECT_EQ(heard(fat_extend_dir(record, &cluster)),
+                  failed(-EINVAL, INVALID_LINK + INVALID_VALUE + NOT_EXTENDED));
+        EXPECT_EQ(cluster, UNTOUCHED);
+        for (const u64 sector : sectors_written()) {
+            EXPECT_GE(sector, sv->fat_start);
+            EXPECT_LT(sector, sv->fat_start + sv->fat_size);
+        }
+    }
+}
+
 TEST_P(ExtendDir, ClusterThatCannotBeClearedIsTakenBack) {
     directory dir = v.sub_directory({5, 9});
     const fat_picture fat(&v);

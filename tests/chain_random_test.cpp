@@ -3,6 +3,7 @@
 // one entry at a time.
 
 #include "tests/support/capture.h"
+#include "tests/support/faults.h"
 #include "tests/support/ram_disk.h"
 
 #include "fat/internal.h"
@@ -10,14 +11,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <iostream>
-#include <map>
 #include <cerrno>
 #include <cstdlib>
 #include <optional>
 #include <ostream>
 #include <random>
 #include <set>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -55,14 +55,22 @@ struct state {
     u32 hint = 0;
     bool operator==(const state &) const = default;
 };
-std::ostream &operator<<(std::ostream &out, const state &s) {
-    out << s.record << ", hint " << s.hint << ", used";
-    for (std::size_t cluster = 0; cluster < s.table.size(); cluster++) {
-        if (s.table[cluster] != 0) {
-            out << " " << cluster << ":" << s.table[cluster];
+// Where they differ; empty where they do not.
+std::string differences(const state &actual, const state &expected) {
+    std::ostringstream out;
+    if (actual.record != expected.record) {
+        out << actual.record << " instead of " << expected.record << "; ";
+    }
+    if (actual.hint != expected.hint) {
+        out << "hint " << actual.hint << " instead of " << expected.hint << "; ";
+    }
+    for (std::size_t cluster = 0; cluster < expected.table.size(); cluster++) {
+        if (actual.table[cluster] != expected.table[cluster]) {
+            out << "entry " << cluster << " is " << actual.table[cluster] << " instead of "
+                << expected.table[cluster] << "; ";
         }
     }
-    return out;
+    return out.str();
 }
 
 struct scenario {
@@ -86,7 +94,7 @@ struct scenario {
 };
 std::ostream &operator<<(std::ostream &out, const scenario &s) {
     out << "FAT" << s.fat_type << ", " << s.clusters << " clusters, " << s.count << " wanted, "
-        << s.before;
+        << s.before.record << ", hint " << s.before.hint;
     for (const u32 sector : s.unreadable) {
         out << ", sector " << sector << " unreadable";
     }
@@ -367,12 +375,12 @@ public:
                 bytes.push_back(static_cast<u8>(value >> (8 * i)));
             }
         }
-        disk_.poke(FAT_START * SECTOR_SIZE, bytes);
+        disk.poke(FAT_START * SECTOR_SIZE, bytes);
         for (const u32 sector : s.unreadable) {
-            disk_.unreadable.insert(FAT_START + sector);
+            disk.unreadable.insert(FAT_START + sector);
         }
         for (const u32 sector : s.unwritable) {
-            disk_.unwritable.insert(FAT_START + sector);
+            disk.unwritable.insert(FAT_START + sector);
         }
         entry.start = s.before.record.start;
         entry.last = s.before.record.last;
@@ -393,6 +401,7 @@ public:
     }
 
     oentry entry = {};
+    ram_disk disk{u64{2000} * SECTOR_SIZE};
 
     course end(std::vector<int> results, std::vector<u32> clusters) {
         course c{std::move(results), std::move(clusters), said_.text(), {}, writes_};
@@ -424,7 +433,7 @@ private:
     std::vector<u32> table() {
         const u32 width = s_.fat_type / 8;
         const std::vector<u8> bytes =
-            disk_.peek(FAT_START * SECTOR_SIZE, s_.before.table.size() * width);
+            disk.peek(FAT_START * SECTOR_SIZE, s_.before.table.size() * width);
         std::vector<u32> result;
         for (std::size_t at = 0; at < bytes.size(); at += width) {
             result.push_back(width == 2 ? load16(&bytes[at]) : load32(&bytes[at]));
@@ -433,7 +442,6 @@ private:
     }
 
     const scenario &s_;
-    ram_disk disk_{u64{2000} * SECTOR_SIZE};
     diagnostics said_;
     u8 image_[32] = {};
     fat_sector_io plain_write_ = nullptr;
@@ -611,6 +619,29 @@ course allocate_one_by_one(const scenario &s, bool data_fails) {
     return v.end({result}, clusters);
 }
 
+std::vector<std::string> lines_of(const std::string &said) {
+    std::vector<std::string> result;
+    std::istringstream stream(said);
+    for (std::string line; std::getline(stream, line);) {
+        if (!line.empty()) {
+            result.push_back(line);
+        }
+    }
+    return result;
+}
+
+// Where the words differ; empty where they do not. Gathered changes of a sector fail together, so
+// that lines which single writes would repeat are said once.
+std::string different_words(const scenario &s, const course &actual, const course &expected) {
+    std::vector<std::string> said = lines_of(actual.said);
+    std::vector<std::string> wanted = lines_of(expected.said);
+    if (!s.unwritable.empty()) {
+        said.erase(std::unique(said.begin(), said.end()), said.end());
+        wanted.erase(std::unique(wanted.begin(), wanted.end()), wanted.end());
+    }
+    return said == wanted ? "" : actual.said + " instead of " + expected.said;
+}
+
 // How far a case got through the states worth having.
 struct tally {
     int successes = 0, failures = 0, with_fault = 0;
@@ -620,13 +651,13 @@ struct tally {
         with_fault += s.has_fault() ? 1 : 0;
     }
     void expect_variety() const {
-        EXPECT_GT(successes, 500);
-        EXPECT_GT(failures, 500);
-        EXPECT_GT(with_fault, 500);
+        EXPECT_GT(successes, 300);
+        EXPECT_GT(failures, 300);
+        EXPECT_GT(with_fault, 300);
     }
 };
 
-constexpr u32 STATES = 6000;
+constexpr u32 STATES = 2500;
 
 } // namespace
 
@@ -642,7 +673,7 @@ TEST(AllocClusterOnRandomStates, IsTheSameAsThePlainAccount) {
         ASSERT_EQ(actual.results, expected.results) << "state " << i << ": " << s;
         ASSERT_EQ(actual.clusters, expected.clusters) << "state " << i << ": " << s;
         ASSERT_EQ(actual.said, expected.said) << "state " << i << ": " << s;
-        ASSERT_EQ(actual.after, expected.after) << "state " << i << ": " << s;
+        ASSERT_EQ(differences(actual.after, expected.after), "") << "state " << i << ": " << s;
         ASSERT_TRUE(last_of_each_row(actual.writes) == last_of_each_row(expected.writes))
             << "state " << i << ": " << s;
     }
@@ -659,7 +690,7 @@ TEST(AllocClustersOnRandomStates, LeaveWhatSingleAllocationsLeave) {
         const course actual = allocate_at_once(s, data_fails);
         seen.count(s, expected);
         ASSERT_EQ(actual.results, expected.results) << "state " << i << ": " << s;
-        ASSERT_EQ(actual.after, expected.after) << "state " << i << ": " << s;
+        ASSERT_EQ(differences(actual.after, expected.after), "") << "state " << i << ": " << s;
         if (expected.results.back() == 0) {
             ASSERT_EQ(actual.clusters, expected.clusters) << "state " << i << ": " << s;
         }
@@ -674,7 +705,7 @@ TEST(AllocClustersOnRandomStates, SayWhatSingleAllocationsSay) {
         const bool data_fails = states.below(3) == 0;
         const course expected = allocate_plainly(s, data_fails);
         const course actual = allocate_at_once(s, data_fails);
-        ASSERT_EQ(actual.said, expected.said) << "state " << i << ": " << s;
+        ASSERT_EQ(different_words(s, actual, expected), "") << "state " << i << ": " << s;
     }
 }
 
@@ -692,7 +723,7 @@ TEST(AllocClustersOnRandomStates, ReachTheMediumWithTheLastWriteOfEachRow) {
         ASSERT_TRUE(last_of_each_row(actual.writes) == rows) << "state " << i << ": " << s;
         rows_shortened += actual.writes.size() < expected.writes.size() ? 1 : 0;
     }
-    EXPECT_GT(rows_shortened, 1000);
+    EXPECT_GT(rows_shortened, 500);
 }
 
 TEST(ReleaseClustersOnRandomStates, IsTheSameAsThePlainAccount) {
@@ -710,8 +741,10 @@ TEST(ReleaseClustersOnRandomStates, IsTheSameAsThePlainAccount) {
         seen.count(s, expected);
         ASSERT_EQ(actual.results, expected.results)
             << "state " << i << ", keep " << keep << ": " << s;
-        ASSERT_EQ(actual.after, expected.after) << "state " << i << ", keep " << keep << ": " << s;
-        ASSERT_EQ(actual.said, expected.said) << "state " << i << ", keep " << keep << ": " << s;
+        ASSERT_EQ(differences(actual.after, expected.after), "")
+            << "state " << i << ", keep " << keep << ": " << s;
+        ASSERT_EQ(different_words(s, actual, expected), "")
+            << "state " << i << ", keep " << keep << ": " << s;
         if (!s.has_fault()) {
             ASSERT_TRUE(last_of_each_row(actual.writes) == last_of_each_row(expected.writes))
                 << "state " << i << ", keep " << keep << ": " << s;
@@ -769,29 +802,145 @@ TEST(GetChainsOnRandomStates, IsTheSameAsThePlainAccount) {
     }
 }
 
-TEST(ZZ, Stat) {
-    random_states states(2);
-    std::map<std::string,int> m;
-    for (u32 i = 0; i < 60000; i++) {
-        const scenario s = states.next();
-        const bool data_fails = states.below(3) == 0;
-        const course e = allocate_plainly(s, data_fails);
-        const course a = allocate_at_once(s, data_fails);
-        std::string k = std::to_string(s.unreadable.size())+"r"+std::to_string(s.unwritable.size())+"w ";
-        if (e.results!=a.results) k+="result ";
-        if (e.after.hint!=a.after.hint) k+= e.after.hint==1&&a.after.hint==s.clusters+1?"hint1/last ":"hint ";
-        if (!(e.after.record==a.after.record)) k+="record ";
-        if (e.after.table!=a.after.table) k+="table ";
-        if (e.said!=a.said) k+="said ";
-        if (m[k]++<1 && (e.results!=a.results||!(e.after==a.after)||e.said!=a.said)) { std::cout << k << i << " df" << data_fails << " res " << e.results[0] << " " << a.results[0] << "\n E " << e.said << "\n A " << a.said << "\n" << s.before.record << " hint " << s.before.hint << " clusters " << s.clusters << " per " << s.per_sector() << " count " << s.count;
-          for (auto x: s.unreadable) std::cout << " ur" << x;
-          for (auto x: s.unwritable) std::cout << " uw" << x;
-          std::cout << "\nE " << e.after.record << " " << e.after.hint << "\nA " << a.after.record << " " << a.after.hint << "\n";
-          for (size_t c=0;c<e.after.table.size();c++) if (e.after.table[c]!=a.after.table[c]) std::cout << "  " << c << " before " << s.before.table[c] << " E " << e.after.table[c] << " A " << a.after.table[c] << "\n";
-          std::cout << " E clusters"; for (auto c: e.clusters) std::cout << " " << c;
-          std::cout << "\n A clusters"; for (auto c: a.clusters) std::cout << " " << c;
-          std::cout << "\n";
+// ---- failures that come once --------------------------------------------------------------------
+
+namespace {
+
+// A chain in the first FAT sector, or none, and free clusters scattered over all three.
+scenario scattered(u32 fat_type, bool has_chain) {
+    scenario s;
+    s.fat_type = fat_type;
+    s.clusters = s.per_sector() * FAT_SECTORS - 2;
+    s.before.table.assign(std::size_t{s.per_sector()} * FAT_SECTORS, s.end_mark());
+    for (u32 cluster = 10; cluster < s.clusters; cluster += s.per_sector() / 8) {
+        s.before.table[cluster] = 0;
+        s.before.table[cluster + 1] = 0;
+    }
+    s.before.hint = 40;
+    s.count = 44;
+    if (has_chain) {
+        s.before.table[5] = 6;
+        s.before.record = {5, 6, 2 * CLUSTER_BYTES, 5};
+    } else {
+        s.before.record.image_start = 0;
+        s.before.table[0] = s.end_mark(); // receives the end mark of a chain that is not there
+    }
+    return s;
+}
+
+// Allocates with the k-th transfer or allocation failing for k = 0, 1, ... until all succeeds. All
+// must be taken back each time.
+template <typename Arm>
+void expect_taken_back(const scenario &s, int least, Arm arm) {
+    for (int k = 0;; k++) {
+        small_volume v(s);
+        std::vector<u32> clusters(s.count, 0);
+        u32 allocated = 0;
+        int result = 0;
+        bool has_struck = false;
+        {
+            const allocation_meter meter;
+            result = arm(
+                &v, k,
+                [&] { return alloc_clusters(&v.entry, clusters.data(), s.count, &allocated); },
+                &has_struck);
+            if (result < 0) {
+                undo_allocation(&v.entry, s.before.record.last, clusters.data(), s.count,
+                                allocated);
+            }
+            EXPECT_EQ(meter.live_blocks(), 0);
+        }
+        const course c = v.end({result}, clusters);
+        if (!has_struck) {
+            EXPECT_EQ(result, 0);
+            EXPECT_EQ(allocated, s.count);
+            EXPECT_GE(k, least);
+            return;
+        }
+        ASSERT_LT(result, 0) << "failure " << k << " was not noticed";
+        EXPECT_EQ(c.after.record.last, s.before.record.last);
+        EXPECT_EQ(c.after.record.allocated, s.before.record.allocated);
+        state expected = s.before;
+        expected.record = c.after.record; // an entry that was empty may keep its first cluster
+        expected.hint = c.after.hint;
+        ASSERT_EQ(differences(c.after, expected), "") << "failure " << k << ": " << s;
+        if (s.before.record.start != 0) {
+            EXPECT_EQ(c.after.record, s.before.record);
         }
     }
-    for (auto&[k,n]:m) std::cout << n << " " << k << "\n";
+}
+
+} // namespace
+
+TEST(AllocClusters, EveryFailingWriteIsTakenBackWhole) {
+    for (const u32 fat_type : {16U, 32U}) {
+        for (const bool has_chain : {false, true}) {
+            expect_taken_back(scattered(fat_type, has_chain), 3,
+                              [](small_volume *v, int k, auto call, bool *has_struck) {
+                                  v->disk.writes_before_failure = k;
+                                  const int result = call();
+                                  *has_struck = v->disk.writes_before_failure < 0;
+                                  v->disk.writes_before_failure = -1;
+                                  return result;
+                              });
+        }
+    }
+}
+
+TEST(AllocClusters, EveryFailingReadIsTakenBackWhole) {
+    for (const u32 fat_type : {16U, 32U}) {
+        for (const bool has_chain : {false, true}) {
+            expect_taken_back(scattered(fat_type, has_chain), 3,
+                              [](small_volume *v, int k, auto call, bool *has_struck) {
+                                  v->disk.reads_before_failure = k;
+                                  const int result = call();
+                                  *has_struck = v->disk.reads_before_failure < 0;
+                                  v->disk.reads_before_failure = -1;
+                                  return result;
+                              });
+        }
+    }
+}
+
+TEST(AllocClusters, EveryFailingAllocationIsTakenBackWhole) {
+    for (const u32 fat_type : {16U, 32U}) {
+        for (const bool has_chain : {false, true}) {
+            expect_taken_back(scattered(fat_type, has_chain), 1,
+                              [](small_volume *, int k, auto call, bool *has_struck) {
+                                  const failing_allocation fault(k);
+                                  const int result = call();
+                                  *has_struck = fault.struck();
+                                  return result;
+                              });
+        }
+    }
+}
+
+TEST(AllocClusters, SectorThatCannotBeWrittenDoesNotKeepTheOthersFromBeingTakenBack) {
+    for (const u32 fat_type : {16U, 32U}) {
+        for (const bool has_chain : {false, true}) {
+            scenario s = scattered(fat_type, has_chain);
+            s.before.hint = 2 * s.per_sector() - 1; // the search comes to the first sector last
+            s.unwritable = {0};
+            const course c = allocate_at_once(s, false);
+            EXPECT_EQ(c.results.back(), -EIO);
+            EXPECT_EQ(c.after.table, s.before.table);
+        }
+    }
+}
+
+TEST(AllocClusters, HintThatWentAroundIsLeftAsTheFailedAllocationFoundIt) {
+    for (const u32 fat_type : {16U, 32U}) {
+        scenario s = scattered(fat_type, true);
+        s.before.table[s.clusters + 1] = 0;
+        s.before.hint = s.clusters;
+        s.unwritable = {0};
+        s.before.table[5] = s.before.table[6] = s.end_mark();
+        s.before.table[s.clusters] = s.end_mark();
+        s.before.record = {s.clusters, s.clusters, CLUSTER_BYTES, s.clusters};
+        const course c = allocate_at_once(s, false);
+        EXPECT_EQ(c.results.back(), -EIO);
+        EXPECT_EQ(c.after.hint, 1U);
+        EXPECT_EQ(differences(c.after, {s.before.table, s.before.record, 1}), "");
+    }
 }

@@ -16,9 +16,6 @@ using namespace testing_support;
 
 namespace {
 
-// Transfers that move another number of sectors than the one asked for, and no sector at all.
-constexpr int NOT_ONE_SECTOR[] = {-1, -5, -28, 0};
-
 class AllocCluster : public chain_case {
 protected:
     answer alloc(oentry *entry, u32 *cluster) {
@@ -780,4 +777,17 @@ TEST_P(ClearCluster, NumberIsNotHeldAgainstTheVolume) {
     EXPECT_EQ(heard(clear_cluster(last_cluster + 500)),
               failed(-EIO, "clear_cluster[N]: cannot write cluster(#" +
                                std::to_string(last_cluster + 500) + ")\n"));
+}
+
+TEST_P(ClearCluster, NumbersBelowTheFirstOneCountBackwards) {
+    for (const u32 cluster : {1U, 0U}) {
+        const u32 distance = (2 - cluster) * sv->sec_per_clus;
+        if (distance > sv->data_start) {
+            continue; // that would be no sector of the medium
+        }
+        transfers();
+        EXPECT_EQ(heard(clear_cluster(cluster)), (answer{0, ""}));
+        EXPECT_EQ(sectors_written().size(), sv->sec_per_clus);
+        EXPECT_EQ(sectors_written().front(), sv->data_start - distance);
+    }
 }

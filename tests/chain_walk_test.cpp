@@ -16,9 +16,6 @@ using namespace testing_support;
 
 namespace {
 
-// Transfers that move another number of sectors than the one asked for, and no sector at all.
-constexpr int NOT_ONE_SECTOR[] = {-1, -5, -28, 0};
-
 class CountClusters : public chain_case {};
 class ReleaseClusters : public chain_case {};
 class GetChains : public chain_case {};

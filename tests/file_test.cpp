@@ -611,6 +611,27 @@ TEST_F(WriteFile, FatThatCannotBeWrittenAllocatesNothing) {
     EXPECT_TRUE(data_transfers().empty());
 }
 
+// The volume's last cluster is taken, the next one cannot be. The undo cannot put its end mark into
+// entry 0 then, but frees the cluster that it can free.
+TEST_F(WriteFile, UndoGoesOnBehindAnEntryThatCannotBeWritten) {
+    const int id = v.open_new("FILE       ", {}, 0);
+    const u32 end = volume::last_cluster();
+    const bytes fat = v.fat_copy(0);
+    sv->last_alloc_clus = end - 1;
+    v.disk.unwritable = {volume::fat_sector_of(0)};
+
+    EXPECT_EQ(write(id, some_bytes(2 * 2048)).result, -EIO);
+
+    EXPECT_EQ(v.fat_copy(0), fat);
+    EXPECT_EQ(v.link(end), 0U);
+    EXPECT_EQ(mounted::record(id).start, end);
+    EXPECT_EQ(mounted::record(id).last, 0U);
+    EXPECT_EQ(mounted::record(id).allocated, 0U);
+    EXPECT_EQ(start_of(mounted::held_entry(id)), end);
+    // The last cluster as a hint restarts the search, also of an allocation that fails.
+    EXPECT_EQ(sv->last_alloc_clus, 1U);
+}
+
 // Of the entry on the medium only a negative result of its read is a failure.
 TEST_F(WriteFile, DirectoryEntryThatCannotBeReadLeavesDataAndClusters) {
     const int id = v.open_new("FILE       ", {}, 0);
@@ -652,6 +673,48 @@ TEST_F(WriteFile, DirectoryEntryThatCannotBeWrittenLeavesDataAndClusters) {
     EXPECT_EQ(mounted::record(id).allocated, 2048U);
     EXPECT_EQ(v.chain_from(10), (std::vector<u32>{10}));
     EXPECT_EQ(part_of(v.data_of({10}), 0, 3), (bytes{'A', 'A', 0}));
+}
+
+// ---- no memory --------------------------------------------------------------------------------
+
+TEST_F(WriteFile, ListOfClustersNeedsMemory) {
+    const int id = v.open_new("FILE       ", {5}, 2048);
+    const bytes fat = v.fat_copy(0);
+    transfers();
+    const failing_allocation none(0);
+    EXPECT_EQ(write(id, some_bytes(1)),
+              (outcome{-ENOMEM, ENOMEM,
+                       "do_write_file[N]: Memory allocation error!\n\n" + WRITE_FAILED}));
+    EXPECT_TRUE(transfers().empty());
+    EXPECT_EQ(mounted::record(id).allocated, 2048U);
+    EXPECT_EQ(v.fat_copy(0), fat);
+}
+
+TEST_F(WriteFile, PartOfASectorNeedsMemory) {
+    const int id = v.open_new("FILE       ", {5}, 100);
+    transfers();
+    const failing_allocation none(0);
+    EXPECT_EQ(
+        write(id, some_bytes(1)),
+        (outcome{-ENOMEM, ENOMEM, "do_write_file[N]: cannot allocate memory\n" + WRITE_FAILED}));
+    EXPECT_TRUE(transfers().empty());
+}
+
+TEST_F(WriteFile, PartOfASectorWithoutMemoryFreesTheNewClusters) {
+    const int id = v.open_new("FILE       ", {5}, 2048);
+    const bytes fat = v.fat_copy(0);
+    // The list, one or two sectors of the FAT, then the sector.
+    outcome failed = written(1);
+    for (int k = 1; failed.said.find("cannot allocate memory") == std::string::npos; k++) {
+        ASSERT_LT(k, 10);
+        const failing_allocation one(k);
+        failed = write(id, some_bytes(1));
+        ASSERT_LT(failed.result, 0);
+    }
+    EXPECT_EQ(failed.result, -ENOMEM);
+    EXPECT_EQ(v.fat_copy(0), fat);
+    EXPECT_EQ(mounted::record(id).allocated, 2048U);
+    EXPECT_EQ(mounted::record(id).last, 5U);
 }
 
 // ---- broken chains ----------------------------------------------------------------------------

@@ -81,13 +81,17 @@ const std::vector<numeric_option> NUMERIC_OPTIONS = {
      {1, 2, 4, 8, 16, 32, 64},
      &fat_format_param::sec_per_clus,
      "Invalid number of sectors per cluster: "},
-    {"-S", {512, 1024, 2048, 4096}, &fat_format_param::sector_size, "Invalid number of sector size: "},
+    {"-S",
+     {512, 1024, 2048, 4096},
+     &fat_format_param::sector_size,
+     "Invalid number of sector size: "},
     {"-F", {16, 32}, &fat_format_param::fat_size, "Invalid FAT type: "},
     {"-p", {0, 2048, 4096, 8192}, &fat_format_param::page_size, "Invalid page size: "},
 };
 
 bool is_accepted(const numeric_option &option, long value) {
-    return std::find(option.accepted.begin(), option.accepted.end(), value) != option.accepted.end();
+    return std::find(option.accepted.begin(), option.accepted.end(), value) !=
+           option.accepted.end();
 }
 
 // Every field but the target's name, compared byte for byte.
@@ -211,7 +215,8 @@ TEST(ParseOptions, RefusesEveryOtherNumber) {
 TEST(ParseOptions, NamesTheRefusedArgument) {
     expect_refused(parse({"-s", "3", "disk.img"}), "Invalid number of sectors per cluster: 3\n");
     expect_refused(parse({"-s", "0", "disk.img"}), "Invalid number of sectors per cluster: 0\n");
-    expect_refused(parse({"-s", "128", "disk.img"}), "Invalid number of sectors per cluster: 128\n");
+    expect_refused(parse({"-s", "128", "disk.img"}),
+                   "Invalid number of sectors per cluster: 128\n");
     expect_refused(parse({"-s", "4k", "disk.img"}), "Invalid number of sectors per cluster: 4k\n");
     expect_refused(parse({"-S", "8192", "disk.img"}), "Invalid number of sector size: 8192\n");
     expect_refused(parse({"-F", "12", "disk.img"}), "Invalid FAT type: 12\n");
@@ -406,8 +411,9 @@ TEST(ParseOptions, KeepsTheBytesOfALabelAsTheyAre) {
     EXPECT_EQ(label_of(parse({"-l", "\x80\xff\xe5 \x01", "disk.img"})),
               label_bytes("\x80\xff\xe5 \x01      "));
     // Eleven bytes, not eleven characters: the sixth of these two-byte letters is cut in half.
-    EXPECT_EQ(label_of(parse({"-l", "\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4", "disk.img"})),
-              label_bytes("\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4\xc3"));
+    EXPECT_EQ(
+        label_of(parse({"-l", "\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4", "disk.img"})),
+        label_bytes("\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4\xc3"));
 }
 
 // ---- more than one command line ---------------------------------------------------------------

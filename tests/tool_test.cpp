@@ -55,7 +55,8 @@ protected:
     scratch_directory scratch;
 
     // A sparse image whose first 16 KiB are taken.
-    [[nodiscard]] std::string image(std::uint64_t size, const std::string &name = "disk.img") const {
+    [[nodiscard]] std::string image(std::uint64_t size,
+                                    const std::string &name = "disk.img") const {
         const std::string path =
             scratch.file_with(name, bytes(std::min<std::uint64_t>(size, 16384), 0xA5));
         std::filesystem::resize_file(path, size);
@@ -202,8 +203,9 @@ TEST_F(ToolTest, AlignsToPagesOf4096BytesUnlessToldOtherwise) {
                            "- FAT type:\t\t16 bits\n"
                            "- FAT size:\t\t") +
                fat_sectors + " sectors\n- Total sectors:\t131072 sectors\n- Cluster counts:\t" +
-               clusters + " \n- Sector size:\t\t512 Bytes\n- Sectors/cluster:\t8 \n- FAT start:\t\t" +
-               fat + "th sector\n- RDIR start:\t\t" + rdir + "th sector\n- DATA start:\t\t" + data +
+               clusters +
+               " \n- Sector size:\t\t512 Bytes\n- Sectors/cluster:\t8 \n- FAT start:\t\t" + fat +
+               "th sector\n- RDIR start:\t\t" + rdir + "th sector\n- DATA start:\t\t" + data +
                "th sector\n- PBR start:\t\t0th sector\n";
     };
     EXPECT_EQ(run_tool({"-v", "-S", "512", "-s", "8", target}),
@@ -358,8 +360,9 @@ TEST_F(ToolTest, FailsOnTargetsThatCannotBeOpened) {
 }
 
 TEST_F(ToolTest, FailsOnAnEmptyTarget) {
-    expect_untouched(image(0), {},
-                     {EXIT_REFUSED, FAILURE, "fat_init_volume[N]: The size of volume is zero!\n\n"});
+    expect_untouched(
+        image(0), {},
+        {EXIT_REFUSED, FAILURE, "fat_init_volume[N]: The size of volume is zero!\n\n"});
 }
 
 TEST_F(ToolTest, FailsOnTargetsThatAreNeitherFileNorBlockDevice) {
@@ -430,9 +433,9 @@ TEST_F(ToolTest, TakesANameOf4095BytesAndRefusesOneMore) {
     EXPECT_EQ(
         run_tool({directory + "/disk.img"}),
         (outcome{EXIT_REFUSED, FAILURE, "fat_open_volume[N]: path length is too long: 4096\n\n"}));
-    EXPECT_EQ(
-        run_tool({std::string(100'000, 'x')}),
-        (outcome{EXIT_REFUSED, FAILURE, "fat_open_volume[N]: path length is too long: 100000\n\n"}));
+    EXPECT_EQ(run_tool({std::string(100'000, 'x')}),
+              (outcome{EXIT_REFUSED, FAILURE,
+                       "fat_open_volume[N]: path length is too long: 100000\n\n"}));
     EXPECT_EQ(format_small(longest), (outcome{0, SUCCESS, ""}));
     EXPECT_EQ(without_moment(target), formatted_small_image());
 }
@@ -544,8 +547,9 @@ TEST_F(ToolTest, FailsWhereTheTargetDoesNotBecomeDurable) {
 
 TEST_F(ToolTest, DoesNotAskForDurabilityOfARefusedTarget) {
     const std::string target = image(0);
-    EXPECT_EQ(without_line_numbers(run({QUORVEL_TOOL_FAILING_FSYNC, target})),
-              (outcome{EXIT_REFUSED, FAILURE, "fat_init_volume[N]: The size of volume is zero!\n\n"}));
+    EXPECT_EQ(
+        without_line_numbers(run({QUORVEL_TOOL_FAILING_FSYNC, target})),
+        (outcome{EXIT_REFUSED, FAILURE, "fat_init_volume[N]: The size of volume is zero!\n\n"}));
 }
 
 // ---- mount table ------------------------------------------------------------------------------

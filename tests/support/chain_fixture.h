@@ -41,6 +41,9 @@ inline const std::string TRUNCATED =
     "fat_release_clusters[N]: FAT chain is broken, but truncated all clusters\n";
 inline const std::string NOT_LISTED = "fat_get_chains[N]: Failed to read cluster!\n\n";
 
+// Transfers that move another number of sectors than the one asked for, and no sector at all.
+constexpr int NOT_ONE_SECTOR[] = {-1, -5, -28, 0};
+
 // What allocation changes of an open entry.
 struct shown {
     std::uint32_t start, last, allocated;

@@ -1,6 +1,7 @@
 // A second account of the mounted volume, written plainly: one table of links, the bytes of each
-// cluster, a map of open ids; one entry, one sector, one cluster at a time. It uses nothing of the library, so that both can be held against each other after every
-// call: results, bytes on the medium, open entries.
+// cluster, a map of open ids; one entry, one sector, one cluster at a time. It uses nothing of the
+// library, so that both can be held against each other after every call: results, bytes on the
+// medium, open entries.
 
 #pragma once
 
@@ -57,7 +58,8 @@ struct open_entry {
     std::uint32_t start = 0, last = 0, allocated = 0;
     std::uint64_t position = 0;
     std::uint32_t references = 1;
-    std::optional<entry_bytes> image;
+    bool is_root = false;             // or a copy of the root's record
+    std::optional<entry_bytes> image; // none: the root, or an entry whose chain is broken off
     place where;
     std::uint32_t parent = 0;
 };
@@ -352,6 +354,7 @@ public:
     // The root directory, anew; it becomes the current one.
     int open_dir() {
         open_entry root;
+        root.is_root = true;
         const medium_shape &shape = disk.shape;
         if (shape.width == 16) {
             root.start = shape.root_sector;
@@ -598,6 +601,9 @@ private:
         again.references = 1;
         if (start.image) {
             result->result = fill(&again, *start.image, start.where);
+            if (result->result == 0 && !again.image) {
+                result->result = -ENOENT; // the directory has been removed
+            }
         } else if (disk.shape.width == 32) {
             result->result = measure(&again);
         }
@@ -662,7 +668,7 @@ private:
     // -- records
 
     [[nodiscard]] bool is_fat16_root(const open_entry &entry) const {
-        return !entry.image && disk.shape.width == 16;
+        return entry.is_root && disk.shape.width == 16;
     }
     [[nodiscard]] std::uint32_t slots_of(const open_entry &dir) const {
         return is_fat16_root(dir) ? 512 : dir.allocated / 32;
@@ -755,7 +761,9 @@ private:
         }
         disk.clear(*cluster);
         for (auto &[id, record] : table) {
-            if (dir != nullptr && record.start == dir->start && !is_fat16_root(record)) {
+            const bool is_dir =
+                is_directory(record.image) || (!record.image && disk.shape.width == 32);
+            if (dir != nullptr && record.start == dir->start && is_dir) {
                 record.last = dir->last;
                 record.allocated = dir->allocated;
             }
@@ -767,7 +775,7 @@ private:
 
     int build_new(target &where, kind what) {
         open_entry *dir = where.dir();
-        if (dir == nullptr || (dir->image && !is_directory(dir->image))) {
+        if (dir == nullptr || !(dir->is_root || is_directory(dir->image))) {
             return -EINVAL;
         }
         const int found = find_in(base_of(*dir), where.leaf);

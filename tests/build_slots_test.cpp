@@ -1,0 +1,714 @@
+// Free slots for new entries: finding a run of them, growing a directory for one, full volumes and
+// full directories; what was built as another program reads it.
+
+#include "tests/support/build_fixture.h"
+#include "tests/support/files.h"
+#include "tests/support/process.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+using namespace fat;
+using namespace testing_support;
+
+namespace {
+
+const std::string CHECK_HERE = "fat_find_empty_entries[N]: Check Here!\n\n";
+const std::string NO_MORE_SPACE = "Root directory has no more space\n";
+// How a walk learns that the root area ends at `index`.
+std::string root_ends_at(u32 index) {
+    return "get_phy_sector[N]: Invalid sector number in Root dir\n\n"
+           "get_dentry_with_clu[N]: Failed to get entry sector!:(0, " +
+           std::to_string(index) + ")\n\n";
+}
+
+class FindEmptyEntries : public build_case {
+protected:
+    // Where a run was found; UNTOUCHED: nowhere.
+    struct found {
+        answer a;
+        u32 index;
+        bool operator==(const found &) const = default;
+        friend std::ostream &operator<<(std::ostream &out, const found &f) {
+            return out << f.a << ", index " << f.index;
+        }
+    };
+    found find(u32 count) {
+        u32 index = UNTOUCHED;
+        const int result = fat_find_empty_entries(&dir.record, count, &index);
+        return {heard(result), index};
+    }
+    static found at(u32 index) {
+        return {{0, ""}, index};
+    }
+    static found failed(int result, const std::string &message) {
+        return {{result, message}, UNTOUCHED};
+    }
+    void expect_unwritten() const {
+        EXPECT_TRUE(sectors_written().empty());
+    }
+};
+class GrowForEntries : public FindEmptyEntries {
+protected:
+    std::vector<u8> data_of(u32 cluster) {
+        return v.disk.peek(u64{volume::first_sector_of(cluster)} * sv->sector_size, cluster_bytes);
+    }
+    const u32 cluster_bytes = sv->sec_per_clus * sv->sector_size;
+    const u32 per_cluster = volume::entries_per_cluster();
+};
+
+INSTANTIATE_TEST_SUITE_P(Directories, FindEmptyEntries, testing::ValuesIn(all_directories()),
+                         directory_shape_name);
+INSTANTIATE_TEST_SUITE_P(Directories, GrowForEntries, testing::ValuesIn(growing_directories()),
+                         directory_shape_name);
+
+} // namespace
+
+// ---- runs -------------------------------------------------------------------------------------
+
+TEST_P(FindEmptyEntries, WithoutADirectoryOrAPlaceForTheIndexItIsRefused) {
+    u32 index = UNTOUCHED;
+    EXPECT_EQ(heard(fat_find_empty_entries(nullptr, 1, &index)), (answer{-EINVAL, CHECK_HERE}));
+    EXPECT_EQ(index, UNTOUCHED);
+    EXPECT_EQ(heard(fat_find_empty_entries(&dir.record, 1, nullptr)),
+              (answer{-EINVAL, CHECK_HERE}));
+    EXPECT_TRUE(v.disk.log.empty());
+}
+
+TEST_P(FindEmptyEntries, UnusedSlotsBehindTheLastEntry) {
+    occupy();
+    set_free(7, capacity - 1);
+    for (const u32 count : {1U, 2U, 4U, 21U, capacity - 7}) {
+        EXPECT_EQ(find(count), at(7));
+    }
+    expect_unwritten();
+}
+
+TEST_P(FindEmptyEntries, WholeDirectory) {
+    set_free(0, capacity - 1);
+    EXPECT_EQ(find(1), at(0));
+    EXPECT_EQ(find(capacity), at(0));
+}
+
+TEST_P(FindEmptyEntries, DeletedEntriesAreReused) {
+    occupy();
+    set_deleted(5, 5);
+    set_deleted(9, 12);
+    EXPECT_EQ(find(1), at(5));
+    EXPECT_EQ(find(2), at(9));
+    EXPECT_EQ(find(4), at(9));
+    expect_unwritten();
+}
+
+TEST_P(FindEmptyEntries, FirstRunThatIsLongEnoughIsTaken) {
+    occupy();
+    set_deleted(2, 3);
+    set_deleted(5, 7);
+    set_deleted(9, 11);
+    set_free(13, capacity - 1);
+    EXPECT_EQ(find(1), at(2));
+    EXPECT_EQ(find(2), at(2));
+    EXPECT_EQ(find(3), at(5));
+    EXPECT_EQ(find(4), at(13));
+}
+
+TEST_P(FindEmptyEntries, RunMayMixDeletedAndUnusedEntries) {
+    occupy();
+    set_deleted(4, 4);
+    set_free(5, 5);
+    set_deleted(6, 7);
+    set_free(8, 8);
+    EXPECT_EQ(find(5), at(4));
+}
+
+TEST_P(FindEmptyEntries, UnusedEntryDoesNotEndTheWalk) {
+    occupy();
+    set_free(2, 2);
+    set_deleted(capacity - 3, capacity - 1);
+    EXPECT_EQ(find(1), at(2));
+    EXPECT_EQ(find(3), at(capacity - 3));
+}
+
+TEST_P(FindEmptyEntries, EveryOtherEntryBreaksARun) {
+    const std::pair<entry_image, std::string> others[] = {
+        {short_entry("FILE       ", 0), ""},
+        {short_entry("DIR        ", DIRECTORY), ""},
+        {short_entry("LABEL      ", LABEL), ""},
+        {long_slot(0x41, u"orphan", 0), ""},
+        {long_slot(0x05, u"orphan", 0), ""},
+        {short_entry("\x05XX        ", 0), ""},
+        {short_entry("INVALID    ", LABEL | DIRECTORY),
+         "entry_type[N]: Unknown entry type: 24\n\n"},
+    };
+    for (const auto &[entry, message] : others) {
+        occupy();
+        set_deleted(3, 10);
+        dir.put(6, entry);
+        EXPECT_EQ(find(4), (found{{0, message}, 7}));
+        EXPECT_EQ(find(3), at(3));
+    }
+}
+
+TEST_P(FindEmptyEntries, DeletedSlotsAndLabelsAreFree) {
+    occupy();
+    dir.put(3, deleted(long_slot(0x41, u"gone", 0)));
+    dir.put(4, deleted(short_entry("LABEL      ", LABEL)));
+    dir.put(5, deleted(short_entry("INVALID    ", LABEL | DIRECTORY)));
+    EXPECT_EQ(find(3), at(3));
+}
+
+TEST_P(FindEmptyEntries, RunMayCrossSectorsAndClusters) {
+    occupy();
+    const u32 cluster_border = volume::entries_per_cluster();
+    for (const u32 border : {per_sector, 2 * per_sector, cluster_border, 2 * cluster_border,
+                             3 * cluster_border, capacity - per_sector}) {
+        if (border + 3 >= capacity) {
+            continue; // the root area is no larger
+        }
+        set_deleted(border - 3, border + 3);
+        EXPECT_EQ(find(7), at(border - 3));
+        for (u32 i = border - 3; i <= border + 3; i++) {
+            dir.put(i, file_number(i));
+        }
+    }
+}
+
+TEST_P(FindEmptyEntries, LastSlotOfTheDirectory) {
+    occupy();
+    set_deleted(capacity - 1, capacity - 1);
+    EXPECT_EQ(find(1), at(capacity - 1));
+    expect_unwritten();
+}
+
+TEST_P(FindEmptyEntries, SectorsAreReadOnceAndOnlyUpToTheRun) {
+    occupy();
+    set_free(2 * per_sector, 2 * per_sector);
+    v.disk.log.clear();
+    EXPECT_EQ(find(1), at(2 * per_sector));
+    EXPECT_LE(v.traffic(), 3U + 2U); // two links at most
+}
+
+TEST_P(FindEmptyEntries, NoMemoryForTheSector) {
+    int result = 0;
+    u32 index = UNTOUCHED;
+    {
+        const failing_allocation fault(0);
+        result = fat_find_empty_entries(&dir.record, 1, &index);
+    }
+    EXPECT_EQ(heard(result), (answer{-ENOMEM, CHECK_HERE}));
+    EXPECT_EQ(index, UNTOUCHED);
+}
+
+TEST_P(FindEmptyEntries, UnreadableSectorIsTold) {
+    occupy();
+    for (const u32 index : {0U, per_sector, capacity - 1}) {
+        v.disk.unreadable = {sector_of(index)};
+        EXPECT_EQ(find(1), failed(-EIO, unreadable(sector_of(index)) + CHECK_HERE));
+    }
+    expect_unwritten();
+}
+
+TEST_P(GrowForEntries, BrokenChainIsTold) {
+    occupy();
+    v.set_link(dir.clusters[1], 1);
+    EXPECT_EQ(find(1), failed(-EINVAL, INVALID_LINK + "get_phy_sector[N]: invalid value -22\n" +
+                                           "get_dentry_with_clu[N]: Failed to get entry sector!:(" +
+                                           std::to_string(dir.base()) + ", " +
+                                           std::to_string(2 * per_cluster) + ")\n\n" + CHECK_HERE));
+    expect_unwritten();
+}
+
+// ---- growing ----------------------------------------------------------------------------------
+
+TEST_P(GrowForEntries, FullDirectoryGrowsByAClearedCluster) {
+    occupy();
+    fat_picture fat(&v);
+    sv->last_alloc_clus = 99;
+    v.disk.poke(u64{volume::first_sector_of(100)} * sv->sector_size,
+                std::vector<u8>(cluster_bytes, 0x5A));
+    const std::vector<entry_image> before = space();
+    EXPECT_EQ(find(1), at(capacity));
+    EXPECT_EQ(fat.with(60, END).with(60, 100).with(100, END).difference(), "");
+    EXPECT_EQ(data_of(100), std::vector<u8>(cluster_bytes, 0));
+    EXPECT_EQ(dir.record.last, 100U);
+    EXPECT_EQ(dir.record.allocated, 5 * cluster_bytes);
+    EXPECT_EQ(changes_since(before), "");
+    // Only now it has what was asked for.
+    EXPECT_EQ(find(1), at(capacity));
+    EXPECT_EQ(find(per_cluster), at(capacity));
+    EXPECT_EQ(dir.record.last, 100U);
+}
+
+TEST_P(GrowForEntries, RunBeginsInTheOldSpace) {
+    for (const u32 left : {1U, 2U, 3U}) {
+        directory again = v.sub_directory({200, 201});
+        for (u32 i = 0; i < again.capacity(); i++) {
+            again.put(i, i < again.capacity() - left ? file_number(i) : entry_image{});
+        }
+        sv->last_alloc_clus = 300;
+        u32 index = UNTOUCHED;
+        EXPECT_EQ(heard(fat_find_empty_entries(&again.record, 4, &index)), (answer{0, ""}));
+        EXPECT_EQ(index, again.capacity() - left);
+        EXPECT_EQ(again.record.last, 301U);
+        EXPECT_EQ(again.record.allocated, 3 * cluster_bytes);
+        v.set_link(301, 0);
+    }
+}
+
+TEST_P(GrowForEntries, DeletedEntriesAtTheEndBeginARunToo) {
+    occupy();
+    set_deleted(capacity - 2, capacity - 1);
+    sv->last_alloc_clus = 99;
+    EXPECT_EQ(find(3), at(capacity - 2));
+    EXPECT_EQ(dir.record.last, 100U);
+}
+
+TEST_P(GrowForEntries, RunTooShortInTheMiddleIsNotCarriedOn) {
+    occupy();
+    set_deleted(3, 5);
+    sv->last_alloc_clus = 99;
+    EXPECT_EQ(find(4), at(capacity));
+}
+
+TEST_P(GrowForEntries, ManyClustersWhereTheRunNeedsThem) {
+    occupy();
+    set_free(capacity - 1, capacity - 1);
+    fat_picture fat(&v);
+    sv->last_alloc_clus = 99;
+    EXPECT_EQ(find(2 * per_cluster + 2), at(capacity - 1));
+    EXPECT_EQ(dir.record.last, 102U);
+    EXPECT_EQ(dir.record.allocated, 7 * cluster_bytes);
+    EXPECT_EQ(fat.with(60, 100).with(100, 101).with(101, 102).with(102, END).difference(), "");
+    for (const u32 cluster : {100U, 101U, 102U}) {
+        EXPECT_EQ(data_of(cluster), std::vector<u8>(cluster_bytes, 0));
+    }
+}
+
+TEST_P(GrowForEntries, RunThatFillsTheNewClustersExactly) {
+    occupy();
+    sv->last_alloc_clus = 99;
+    EXPECT_EQ(find(2 * per_cluster), at(capacity));
+    EXPECT_EQ(dir.record.last, 101U);
+}
+
+TEST_P(GrowForEntries, EntryIsBuiltAcrossTheOldEnd) {
+    occupy();
+    set_free(capacity - 1, capacity - 1);
+    set_free(0, 0);
+    sv->last_alloc_clus = 99;
+    const std::u16string wide = u"A name in the old space and in the new";
+    name_forms name("ANAMEINT   ", wide);
+    const u32 count = name.slots();
+    EXPECT_EQ(find(count), at(capacity - 1));
+    const std::vector<entry_image> before = space();
+    EXPECT_EQ(heard(build_entry(&dir.record, capacity - 1, count, DENTRY_FILE, &name.record, 0)),
+              (answer{static_cast<int>(capacity + count - 2), ""}));
+    const std::vector<entry_image> slots = long_slots(wide, "ANAMEI~1   ");
+    std::vector<entry_image> expected = before;
+    expected[capacity - 1] = slots[0];
+    EXPECT_EQ(changes_since(expected), "");
+    std::vector<u8> data(cluster_bytes, 0);
+    for (std::size_t i = 1; i < slots.size(); i++) {
+        std::copy(slots[i].begin(), slots[i].end(),
+                  data.begin() + 32 * static_cast<std::ptrdiff_t>(i - 1));
+    }
+    const entry_image entry = stamped(short_entry("ANAMEI~1   ", 0));
+    std::copy(entry.begin(), entry.end(),
+              data.begin() + 32 * static_cast<std::ptrdiff_t>(slots.size() - 1));
+    EXPECT_EQ(data_of(100), data);
+}
+
+TEST_P(GrowForEntries, ChainShorterThanRecordedGrowsWhereItEnds) {
+    occupy();
+    v.set_link(35, volume::end_mark());
+    dir.record.last = 35;
+    sv->last_alloc_clus = 99;
+    // The record counts two clusters that the chain does not have.
+    u32 index = UNTOUCHED;
+    EXPECT_EQ(fat_find_empty_entries(&dir.record, 1, &index), 0);
+    EXPECT_EQ(index, 2 * per_cluster);
+    EXPECT_EQ(v.link(35), 100U);
+}
+
+// ---- growth that fails ------------------------------------------------------------------------
+
+TEST_P(GrowForEntries, FullVolumeIsTold) {
+    occupy();
+    std::vector<u8> fat = v.fat_copy(0);
+    std::fill(fat.begin(), fat.end(), u8{0xFF});
+    v.disk.poke(volume::fat_offset(0), fat);
+    v.chain(dir.clusters);
+    const fat_picture picture(&v);
+    const record_picture before = picture_of(dir.record);
+    EXPECT_EQ(find(1), failed(-ENOSPC, NO_SPACE + NOT_EXTENDED + CHECK_HERE));
+    EXPECT_EQ(picture.difference(), "");
+    EXPECT_EQ(picture_of(dir.record), before);
+    expect_unwritten();
+}
+
+TEST_P(GrowForEntries, FullVolumeWithRoomInTheDirectoryStillTakesEntries) {
+    occupy();
+    set_deleted(4, 5);
+    std::vector<u8> fat = v.fat_copy(0);
+    std::fill(fat.begin(), fat.end(), u8{0xFF});
+    v.disk.poke(volume::fat_offset(0), fat);
+    v.chain(dir.clusters);
+    EXPECT_EQ(find(2), at(4));
+}
+
+TEST_P(GrowForEntries, LastClusterOfTheVolumeIsTakenAndStaysWhereOneMoreIsMissing) {
+    occupy();
+    std::vector<u8> bytes = v.fat_copy(0);
+    std::fill(bytes.begin(), bytes.end(), u8{0xFF});
+    v.disk.poke(volume::fat_offset(0), bytes);
+    v.chain(dir.clusters);
+    v.set_link(volume::last_cluster(), 0);
+    fat_picture fat(&v);
+    EXPECT_EQ(find(per_cluster + 1), failed(-ENOSPC, NO_SPACE + NOT_EXTENDED + CHECK_HERE));
+    EXPECT_EQ(fat.with(60, volume::last_cluster()).with(volume::last_cluster(), END).difference(),
+              "");
+    EXPECT_EQ(dir.record.last, volume::last_cluster());
+    EXPECT_EQ(dir.record.allocated, 5 * cluster_bytes);
+    EXPECT_EQ(find(per_cluster), at(capacity));
+}
+
+TEST_P(GrowForEntries, ClusterThatCannotBeClearedIsTakenBack) {
+    occupy();
+    sv->last_alloc_clus = 99;
+    const fat_picture fat(&v);
+    const record_picture before = picture_of(dir.record);
+    v.disk.unwritable = {volume::first_sector_of(100)};
+    EXPECT_EQ(find(1), failed(-EIO, "clear_cluster[N]: cannot write cluster(#100)\n" + CHECK_HERE));
+    EXPECT_EQ(fat.difference(), "");
+    EXPECT_EQ(picture_of(dir.record), before);
+}
+
+TEST_P(GrowForEntries, EveryFailureEndsInADirectoryThatIsWhole) {
+    enum { READ, WRITE, ALLOCATE };
+    for (const int kind : {READ, WRITE, ALLOCATE}) {
+        for (int k = 0;; k++) {
+            directory again = v.sub_directory({200, 201});
+            for (u32 i = 0; i < again.capacity(); i++) {
+                again.put(i, file_number(i));
+            }
+            v.set_link(301, 0);
+            sv->last_alloc_clus = 300;
+            const fat_picture fat(&v);
+            u32 index = UNTOUCHED;
+            int result = 0;
+            {
+                const allocation_meter meter;
+                const failing_allocation fault(kind == ALLOCATE ? k : 1000000);
+                v.disk.reads_before_failure = kind == READ ? k : -1;
+                v.disk.writes_before_failure = kind == WRITE ? k : -1;
+                result = fat_find_empty_entries(&again.record, 1, &index);
+                EXPECT_EQ(meter.live_blocks(), 0);
+            }
+            v.disk.reads_before_failure = v.disk.writes_before_failure = -1;
+            const answer a = heard(result);
+            if (result == 0) {
+                EXPECT_EQ(a.said, "");
+                EXPECT_EQ(index, again.capacity());
+                EXPECT_GT(k, 1);
+                break;
+            }
+            EXPECT_TRUE(a.said.ends_with(CHECK_HERE)) << a;
+            EXPECT_EQ(index, UNTOUCHED);
+            EXPECT_EQ(again.record.last, 201U);
+            EXPECT_EQ(again.record.allocated, 2 * cluster_bytes);
+            EXPECT_EQ(fat.difference(), "") << a;
+            ASSERT_LT(k, 2000);
+        }
+    }
+}
+
+// ---- the root area of FAT16 -------------------------------------------------------------------
+
+namespace {
+
+class Fat16RootArea : public testing::TestWithParam<volume_shape> {
+protected:
+    void fill(u32 count) {
+        for (u32 i = 0; i < count; i++) {
+            root.put(i, short_entry("TAKEN      "));
+        }
+    }
+    answer find(u32 count) {
+        said.clear();
+        index = UNTOUCHED;
+        const int result = fat_find_empty_entries(&root.record, count, &index);
+        return {result, said.text()};
+    }
+    void expect_unwritten() const {
+        for (const transfer &t : v.disk.log) {
+            EXPECT_FALSE(t.is_write) << t;
+        }
+    }
+    volume v{GetParam()};
+    directory root = v.root();
+    diagnostics said;
+    u32 index = UNTOUCHED;
+};
+
+std::vector<volume_shape> root_areas() {
+    std::vector<volume_shape> result;
+    for (const u32 entries : {32U, 128U, 256U, 512U, 1024U}) {
+        for (const u32 sector_size : {512U, 2048U}) {
+            volume_shape shape;
+            shape.sector_size = sector_size;
+            shape.root_entries = entries;
+            result.push_back(shape);
+        }
+    }
+    return result;
+}
+std::string root_area_name(const testing::TestParamInfo<volume_shape> &info) {
+    return name_of(info.param) + "Entries" + std::to_string(info.param.root_entries);
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, Fat16RootArea, testing::ValuesIn(root_areas()), root_area_name);
+
+} // namespace
+
+TEST_P(Fat16RootArea, FullRootIsToldAndNothingGrows) {
+    fill(root.capacity());
+    const fat_picture fat(&v);
+    const record_picture before = picture_of(root.record);
+    // Every walk counts 512 entries, whatever the area has room for.
+    const std::string end = root.capacity() < 512 ? root_ends_at(root.capacity()) : "";
+    EXPECT_EQ(find(1), (answer{-ENOSPC, end + NO_MORE_SPACE}));
+    EXPECT_EQ(index, UNTOUCHED);
+    EXPECT_EQ(fat.difference(), "");
+    EXPECT_EQ(picture_of(root.record), before);
+    expect_unwritten();
+}
+
+TEST_P(Fat16RootArea, LastSlotIsTakenAndNoMore) {
+    const u32 slots = std::min(root.capacity(), 512U);
+    fill(slots - 1);
+    EXPECT_EQ(find(1), (answer{0, ""}));
+    EXPECT_EQ(index, slots - 1);
+    const std::string end = root.capacity() < 512 ? root_ends_at(root.capacity()) : "";
+    EXPECT_EQ(find(2), (answer{-ENOSPC, end + NO_MORE_SPACE}));
+    expect_unwritten();
+}
+
+TEST_P(Fat16RootArea, EntriesBehindThe512thAreNotCounted) {
+    fill(std::min(root.capacity(), 512U));
+    EXPECT_EQ(find(1).result, -ENOSPC);
+}
+
+TEST_P(Fat16RootArea, CopyOfTheRootsRecordCannotGrowEither) {
+    fill(root.capacity());
+    ASSERT_EQ(open_root_directory(), 0);
+    oentry copy = *sv->root_dir;
+    EXPECT_EQ(fat_find_empty_entries(&copy, 1, &index), -ENOSPC);
+    expect_unwritten();
+}
+
+// The number of the first sector of the root area says nothing about a cluster.
+TEST_P(Fat16RootArea, SubDirectoryAtTheClusterOfItsNumberGrows) {
+    const u32 cluster = sv->rdir_start;
+    directory dir = v.sub_directory({cluster});
+    for (u32 i = 0; i < dir.capacity(); i++) {
+        dir.put(i, short_entry("TAKEN      "));
+    }
+    ASSERT_EQ(dir.record.start, sv->rdir_start);
+    sv->last_alloc_clus = 99;
+    said.clear();
+    EXPECT_EQ(fat_find_empty_entries(&dir.record, 1, &index), 0);
+    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(index, dir.capacity());
+    EXPECT_EQ(dir.record.last, 100U);
+}
+
+// ---- what was built, read by mtools -----------------------------------------------------------
+
+namespace {
+
+class ReadByMtools : public testing::TestWithParam<volume_shape> {
+protected:
+    void SetUp() override {
+        for (const char *program : {"mdir", "mcopy"}) {
+            if (!has_program(program)) {
+                GTEST_SKIP() << program << " is not here";
+            }
+        }
+    }
+
+    // Creates a name as the library does, step by step, and gives it data of its own.
+    void add(oentry *dir, const std::string &text, const std::string &content) {
+        const u32 cluster = content.empty() ? 0 : data_cluster(content);
+        const int index = build(dir, text, DENTRY_FILE, cluster);
+        ASSERT_GE(index, 0) << text << ": " << said.text();
+        u32 sector = 0;
+        ASSERT_EQ(get_entry_sector(base_cluster(dir), static_cast<u32>(index), &sector), 0);
+        const u64 place =
+            u64{sector} * sv->sector_size + static_cast<u32>(index) * 32 % sv->sector_size;
+        const std::size_t size = content.size();
+        v.disk.poke(place + 28, {static_cast<u8>(size), static_cast<u8>(size >> 8),
+                                 static_cast<u8>(size >> 16), static_cast<u8>(size >> 24)});
+    }
+    // Its first cluster.
+    u32 add_directory(oentry *parent, const std::string &text) {
+        u32 cluster = 0;
+        EXPECT_EQ(fat_extend_dir(nullptr, &cluster), 0);
+        EXPECT_GE(build(parent, text, DENTRY_DIR, cluster), 0) << text;
+        EXPECT_EQ(init_directory(parent->dentry == nullptr ? 0 : parent->start, cluster), 0);
+        return cluster;
+    }
+
+    void save() {
+        std::ofstream out(image, std::ios::binary);
+        for (const u64 number : v.disk.known_blocks()) {
+            out.seekp(static_cast<std::streamoff>(number * ram_disk::BLOCK));
+            out.write(reinterpret_cast<const char *>(v.disk.block(number)), ram_disk::BLOCK);
+        }
+        out.close();
+        std::filesystem::resize_file(image, sv->vol_size);
+    }
+    // The names of a directory.
+    [[nodiscard]] std::multiset<std::string> listing(const std::string &path) const {
+        const auto listed = shell("MTOOLS_SKIP_CHECK=1 LC_ALL=C.UTF-8 mdir -a -b -i \"$1\" \"$2\"",
+                                  {image, "::" + path});
+        EXPECT_EQ(listed.status, 0) << listed;
+        std::multiset<std::string> result;
+        std::istringstream lines(listed.out);
+        for (std::string line; std::getline(lines, line);) {
+            const std::string prefix = "::/" + path;
+            EXPECT_TRUE(line.starts_with(prefix)) << line;
+            result.insert(line.substr(prefix.size()));
+        }
+        return result;
+    }
+    // Every file with its content, the whole tree copied out in one go.
+    [[nodiscard]] std::map<std::string, std::string> contents() const {
+        const std::string to = scratch.file("out");
+        std::filesystem::create_directory(to);
+        const auto copied = shell(
+            "MTOOLS_SKIP_CHECK=1 LC_ALL=C.UTF-8 mcopy -s -n -i \"$1\" '::*' \"$2\"", {image, to});
+        EXPECT_EQ(copied.status, 0) << copied;
+        std::map<std::string, std::string> result;
+        for (const auto &entry : std::filesystem::recursive_directory_iterator(to)) {
+            if (entry.is_regular_file()) {
+                const bytes content = read_file(entry.path().string());
+                result[entry.path().lexically_relative(to).string()] = {content.begin(),
+                                                                        content.end()};
+            }
+        }
+        return result;
+    }
+
+    scratch_directory scratch;
+    const std::string image = scratch.file("volume.img");
+    const stopped_clock clock{LEAP_DAY};
+    volume v{GetParam()};
+    diagnostics said;
+
+private:
+    int build(oentry *dir, const std::string &text, u32 kind, u32 cluster) {
+        std::vector<char> writable(text.begin(), text.end());
+        writable.push_back('\0');
+        fat_name name = {};
+        EXPECT_EQ(get_fatnames(writable.data(), &name), 0);
+        const u32 count = name.unicode == nullptr ? 1 : 1 + (name.ulen + 12) / 13;
+        u32 first = 0;
+        EXPECT_EQ(fat_find_empty_entries(dir, count, &first), 0) << said.text();
+        const int index = build_entry(dir, first, count, kind, &name, cluster);
+        release_name(&name);
+        return index;
+    }
+    u32 data_cluster(const std::string &content) {
+        u32 cluster = 0;
+        EXPECT_EQ(fat_alloc_cluster(nullptr, &cluster), 0);
+        v.disk.poke(u64{volume::first_sector_of(cluster)} * sv->sector_size,
+                    {content.begin(), content.end()});
+        return cluster;
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Shapes, ReadByMtools, testing::ValuesIn(chain_shapes()), shape_name);
+
+const std::vector<std::string> &some_names() {
+    static const std::vector<std::string> names = [] {
+        std::vector<std::string> result = {"PLAIN.TXT",
+                                           "lower.txt",
+                                           "Mixed Case.txt",
+                                           "NOEXT",
+                                           "abcdefghijklmnopqrstuvwxyz7",
+                                           "two..dots",
+                                           "name+with,odd;letters=in[it].htm",
+                                           ".hidden"};
+        const std::string letters = "AbCdEfGhIjKlMnOpQrStUvWxYz0123456789";
+        for (const std::size_t length : {1U, 12U, 13U, 14U, 25U, 26U, 27U, 39U, 100U, 255U}) {
+            std::string name = std::to_string(length);
+            name.insert(0, 1, 'x');
+            while (name.size() < length) {
+                name += letters[name.size() % letters.size()];
+            }
+            result.push_back(name.substr(0, length));
+        }
+        return result;
+    }();
+    return names;
+}
+
+} // namespace
+
+TEST_P(ReadByMtools, NamesOfAllLengthsInRootAndSubDirectory) {
+    directory root = v.root();
+    const u32 first = add_directory(&root.record, "A sub-directory");
+    const entry_image image_of_sub = short_entry("ASUB-D~1   ", DIRECTORY, first);
+    oentry sub = {};
+    ASSERT_EQ(fat_set_oentry(image_of_sub.data(), 0, 0, &sub), 0);
+    const heap_ptr<u8> owned(sub.dentry);
+    std::multiset<std::string> expected;
+    std::map<std::string, std::string> expected_contents;
+    for (const std::string &name : some_names()) {
+        const std::string path = "A sub-directory/" + name;
+        expected_contents[name] = "in the root: " + name;
+        expected_contents[path] = "below it: " + name;
+        add(&root.record, name, expected_contents[name]);
+        add(&sub, name, expected_contents[path]);
+        expected.insert(name);
+    }
+    EXPECT_EQ(said.text(), "");
+    save();
+    EXPECT_EQ(listing("A sub-directory/"), expected);
+    expected.insert("A sub-directory/");
+    EXPECT_EQ(listing(""), expected);
+    EXPECT_EQ(contents(), expected_contents);
+}
+
+TEST_P(ReadByMtools, ManyNamesWithTailsInADirectoryThatGrows) {
+    directory root = v.root();
+    const u32 first = add_directory(&root.record, "many");
+    const entry_image image_of_sub = short_entry("MANY       ", DIRECTORY, first);
+    oentry sub = {};
+    ASSERT_EQ(fat_set_oentry(image_of_sub.data(), 0, 0, &sub), 0);
+    const heap_ptr<u8> owned(sub.dentry);
+    std::multiset<std::string> expected;
+    std::map<std::string, std::string> expected_contents;
+    for (int i = 0; i < 60; i++) {
+        const std::string number = std::to_string(i);
+        const std::string name = "A long name, number " + number + ".data";
+        const std::string content = i % 5 == 0 ? "content " + number : "";
+        add(&sub, name, content);
+        expected.insert(name);
+        expected_contents["many/" + name] = content;
+    }
+    EXPECT_EQ(said.text(), "");
+    save();
+    EXPECT_EQ(listing("many/"), expected);
+    EXPECT_EQ(contents(), expected_contents);
+}

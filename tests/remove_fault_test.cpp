@@ -1,0 +1,89 @@
+// Removals of which the k-th transfer or allocation fails, for every k until none is left.
+
+#include "tests/support/faulty_call.h"
+#include "tests/support/namespace_fixture.h"
+
+#include <memory>
+
+using namespace fat;
+using namespace testing_support;
+
+namespace {
+
+class FaultyRemoval : public testing::TestWithParam<faulty_volume> {
+protected:
+    // A file with a long name, and an empty directory, whose chains lie in two FAT sectors each.
+    void make_volume() {
+        v = nullptr;
+        v = std::make_unique<mounted>(volume_shape{.fat_type = std::get<1>(GetParam())});
+        v->top.go_to(1);
+        v->top.append(long_slots(u"Some long name", "SOMELO~1   "));
+        v->top.append(short_entry("SOMELO~1   ", ARCHIVE, 5, 1000));
+        v->chain({5, 400, 6, 401});
+        v->top.append(short_entry("DIR        ", DIRECTORY, 10));
+        v->chain({10, 410});
+        v->top.append(short_entry("OTHER      ", ARCHIVE, 20, 10));
+        v->chain({20});
+        free_before = v->count_free();
+        others = v->disk.peek(v->top.offset_of(0), 512);
+        said.clear();
+    }
+
+    // Removes the entry with that index; `clusters` become free by that.
+    template <typename Call>
+    void remove(u32 index, u32 clusters, const Call &call) {
+        int failures = 0;
+        for (int k = 0;; k++) {
+            SCOPED_TRACE("failure " + std::to_string(k));
+            ASSERT_LT(k, 200);
+            make_volume();
+            const faulty_outcome o = call_with_fault(&v->disk, c, k, call);
+            ASSERT_EQ(o.left_allocated, 0);
+            ASSERT_EQ(mounted::open_ids(), 1);
+            if (o.result > 0) {
+                ASSERT_EQ(o.result, 1);
+                ASSERT_EQ(v->count_free(), free_before + clusters);
+                others[index * 32] = 0xE5;
+                ASSERT_EQ(v->disk.peek(v->top.offset_of(0), 512), others);
+                if (!o.struck) {
+                    break;
+                }
+                continue;
+            }
+            failures++;
+            ASSERT_TRUE(o.struck);
+            ASSERT_TRUE(o.result == -EIO || o.result == -ENOMEM || o.result == -EINVAL ||
+                        o.result == -ENOTEMPTY || o.result == -ENOENT)
+                << o.result;
+            // The entry is marked last: it is there, whatever has become of its clusters.
+            ASSERT_EQ(v->disk.peek(v->top.offset_of(0), 512), others);
+            ASSERT_LE(v->count_free() - free_before, clusters);
+            ASSERT_EQ(v->value_of(20), volume::end_mark());
+            if (o.result == -ENOTEMPTY) {
+                ASSERT_EQ(v->count_free(), free_before);
+            }
+        }
+        EXPECT_GE(failures, 1);
+    }
+
+    const faulty_case c = std::get<0>(GetParam());
+    std::unique_ptr<mounted> v;
+    diagnostics said;
+    u32 free_before = 0;
+    bytes others;
+};
+INSTANTIATE_TEST_SUITE_P(Faults, FaultyRemoval, testing::ValuesIn(all_faults()), fault_name);
+
+} // namespace
+
+TEST_P(FaultyRemoval, OfAFile) {
+    remove(3, 4, [] { return fat_unlink("./Some long name"); });
+}
+
+TEST_P(FaultyRemoval, OfADirectory) {
+    remove(4, 2, [] { return fat_unlink("dir"); });
+}
+
+TEST_P(FaultyRemoval, OfTheEntryAlone) {
+    remove(3, 0, [] { return fat_rm_entry("Some long name"); });
+}

@@ -1,0 +1,838 @@
+// Removing files, directories and links, and the names of entries known by their index.
+
+#include "tests/support/namespace_fixture.h"
+
+#include <numeric>
+#include <random>
+
+using namespace fat;
+using namespace testing_support;
+
+namespace {
+
+class namespace_on_any_shape : public namespace_test,
+                               public testing::WithParamInterface<volume_shape> {
+protected:
+    namespace_on_any_shape() : namespace_test(GetParam()) {}
+};
+
+using Unlink = namespace_test;
+using RemoveEntry = namespace_test;
+using DoDelete = namespace_test;
+using RemovePath = namespace_test;
+using UnlinkAnyShape = namespace_on_any_shape;
+INSTANTIATE_TEST_SUITE_P(Shapes, UnlinkAnyShape, testing::ValuesIn(many_shapes()), shape_name);
+
+// What is said where the chain of what is to be deleted is none.
+const std::string NO_CLUSTERS = "fat_read_clus[N]: Invalid arg!\n\n"
+                                "fat_release_clusters[N]: Failed to read cluster!\n\n"
+                                "do_delete[N]: Check here!\n\n";
+
+// The checksum that a removal looks for: of the name with its first byte replaced.
+u8 checksum_when_removed(std::string dos) {
+    dos[0] = '\xE5';
+    return checksum_of(dos);
+}
+entry_image marked(entry_image slot) {
+    slot[11] = 0xE5;
+    return slot;
+}
+
+} // namespace
+
+// ---- files and links --------------------------------------------------------------------------
+
+TEST_P(UnlinkAnyShape, FileGoesWithItsClusters) {
+    v.top.go_to(1);
+    v.top.append(short_entry("BEFORE     ", ARCHIVE, 90, 1));
+    const entry_image entry = short_entry("FILE    TXT", ARCHIVE, 5, 3 * mounted::cluster_bytes());
+    v.top.append(entry);
+    v.top.append(short_entry("BEHIND     ", ARCHIVE, 91, 1));
+    v.chain({5, 9, volume::last_cluster()});
+    v.chain({90});
+    v.chain({91});
+    v.set_data({5}, some_bytes(mounted::cluster_bytes()));
+    const bytes second = v.fat_copy(1);
+    const u32 free_before = v.count_free();
+    v.disk.log.clear();
+
+    EXPECT_EQ(unlink("file.txt"), came_to(1, found(root_base(), 2)));
+
+    EXPECT_EQ(v.top.at(2), deleted(entry));
+    EXPECT_EQ(v.top.at(1), short_entry("BEFORE     ", ARCHIVE, 90, 1));
+    EXPECT_EQ(v.top.at(3), short_entry("BEHIND     ", ARCHIVE, 91, 1));
+    for (const u32 cluster : {5U, 9U, volume::last_cluster()}) {
+        EXPECT_EQ(v.value_of(cluster), 0U);
+    }
+    EXPECT_EQ(v.count_free(), free_before + 3);
+    EXPECT_EQ(v.fat_copy(1), second);
+    EXPECT_EQ(v.data_of({5}), some_bytes(mounted::cluster_bytes()));
+    EXPECT_EQ(mounted::open_ids(), 1);
+    // The clusters are free before the entry is gone.
+    const std::vector<u64> order = sectors_written();
+    ASSERT_FALSE(order.empty());
+    EXPECT_EQ(order.back(), v.top.sectors[0]);
+    EXPECT_EQ(std::count(order.begin(), order.end(), v.top.sectors[0]), 1);
+}
+
+TEST_F(Unlink, LinkGoesWithItsTarget) {
+    sv->last_alloc_clus = 9;
+    symlink("target", "link");
+    EXPECT_EQ(unlink("/link"), came_to(1, found(0, 1)));
+    EXPECT_EQ(v.value_of(10), 0U);
+    EXPECT_EQ(v.top.at(1)[0], 0xE5);
+}
+
+TEST_F(Unlink, NameAloneIsLookedForInTheCurrentDirectory) {
+    directory &inside = enter_directory({5});
+    inside.append(short_entry("FILE       ", ARCHIVE, 7, 1));
+    v.chain({7});
+    v.top.append(short_entry("FILE       ", ARCHIVE, 8, 1));
+    v.chain({8});
+    EXPECT_EQ(unlink("./FILE///"), came_to(1, found(5, 2)));
+    EXPECT_EQ(inside.at(2)[0], 0xE5);
+    EXPECT_EQ(v.value_of(7), 0U);
+    EXPECT_NE(v.value_of(8), 0U);
+    EXPECT_EQ(unlink("/FILE"), came_to(1, found(0, 1)));
+}
+
+// No chain can be followed from cluster 0.
+TEST_P(UnlinkAnyShape, FileWithoutClustersCannotBeUnlinked) {
+    create("empty");
+    fat_close(1);
+    const entry_image entry = v.top.at(1);
+    v.disk.log.clear();
+    EXPECT_EQ(unlink("empty"), came_to(-EINVAL, found(root_base(), 1) + NO_CLUSTERS));
+    EXPECT_EQ(v.top.at(1), entry);
+    EXPECT_TRUE(nothing_written());
+    EXPECT_EQ(mounted::open_ids(), 1);
+
+    EXPECT_EQ(rm_entry("empty"), came_to(1, found(root_base(), 1)));
+    EXPECT_EQ(v.top.at(1), deleted(entry));
+}
+
+// It has no entries behind the dots, which counts as empty, and no chain to follow.
+TEST_F(Unlink, DirectoryWithoutClustersCannotBeUnlinked) {
+    v.top.append(short_entry("DIR        ", DIRECTORY, 0));
+    v.disk.log.clear();
+    EXPECT_EQ(unlink("dir"), came_to(-EINVAL, found(0, 0) + NO_CLUSTERS));
+    EXPECT_TRUE(nothing_written());
+}
+
+TEST_F(Unlink, FileThatIsOpenGoesAllTheSame) {
+    const int id = v.open_new("FILE       ", {5}, 10);
+    EXPECT_EQ(unlink("file"), came_to(1, found(0, 0)));
+    EXPECT_EQ(v.value_of(5), 0U);
+    EXPECT_EQ(mounted::open_ids(), 2);
+    EXPECT_EQ(mounted::held_entry(id)[0], 'F');
+}
+
+// Only a warning: all clusters of the chain are freed.
+TEST_F(DoDelete, ReleaseOfAChainThatTheImageDoesNotFitGoesOn) {
+    v.top.go_to(1);
+    v.top.append(short_entry("FILE       ", ARCHIVE, 5, 100000));
+    v.chain({5, 6});
+    EXPECT_EQ(unlink("file"), came_to(1, found(0, 1))); // its size is not looked at
+    EXPECT_EQ(v.value_of(6), 0U);
+}
+
+// ---- orphan slots -----------------------------------------------------------------------------
+
+TEST_P(UnlinkAnyShape, SlotsOfALongNameStayBehind) {
+    sv->last_alloc_clus = 9;
+    symlink("target", "Some long name");
+    const std::vector<entry_image> slots = {v.top.at(1), v.top.at(2)};
+    EXPECT_EQ(slots, long_slots(u"Some long name", "SOMELO~1   "));
+
+    EXPECT_EQ(unlink("Some long name"), came_to(1, found(root_base(), 3)));
+
+    EXPECT_EQ(v.top.at(1), slots[0]);
+    EXPECT_EQ(v.top.at(2), slots[1]);
+    EXPECT_EQ(v.top.at(3)[0], 0xE5);
+    EXPECT_EQ(v.top.at(3)[1], 'O');
+    EXPECT_EQ(unlink("Some long name"), came_to(-ENOENT, "fat_unlink[N]: Cannot find entry!\n\n"));
+}
+
+TEST_F(Unlink, NameWhoseSlotsAreOrphansCanBeCreatedAgain) {
+    for (u32 round = 0; round < 3; round++) {
+        EXPECT_EQ(symlink("target", "Some long name"), came_to(0));
+        const u32 index = 3 + 2 * round;
+        EXPECT_EQ(v.top.at(index - 2), long_slots(u"Some long name", "SOMELO~1   ")[0]);
+        EXPECT_EQ(unlink("Some long name"), came_to(1, found(0, index)));
+    }
+    // Each round has left its slots and used the short entry of the one before.
+    for (u32 index = 1; index <= 6; index++) {
+        EXPECT_EQ(v.top.at(index)[11], 0x0F);
+    }
+    EXPECT_EQ(v.top.at(8), entry_image{});
+}
+
+// ---- directories ------------------------------------------------------------------------------
+
+TEST_F(Unlink, EmptyDirectoryGoesWithItsCluster) {
+    sv->last_alloc_clus = 9;
+    make_dir("dir");
+    fat_close(1);
+    EXPECT_EQ(unlink("dir"), came_to(1, found(0, 1)));
+    EXPECT_EQ(v.value_of(10), 0U);
+    EXPECT_EQ(v.top.at(1)[0], 0xE5);
+    EXPECT_EQ(mounted::open_ids(), 1);
+}
+
+TEST_F(Unlink, DirectoryOfDeletedEntriesIsEmpty) {
+    enter_directory({5});
+    ASSERT_EQ(fat_set_current(0), 0);
+    directory inside(&v, {5}, false);
+    inside.go_to(2);
+    inside.append(deleted(short_entry("FILE       ")));
+    inside.append(deleted(long_slot(0x41, u"Name", 0)));
+    inside.append(deleted(short_entry("LABEL      ", LABEL)));
+    inside.append(deleted(short_entry("INVALID    ", LABEL | DIRECTORY)));
+    EXPECT_EQ(unlink("dir"), came_to(1, found(0, 0)));
+    EXPECT_EQ(v.value_of(5), 0U);
+}
+
+TEST_F(Unlink, DirectoryWithAnythingElseIsNotEmpty) {
+    enter_directory({5, 6});
+    ASSERT_EQ(fat_set_current(0), 0);
+    directory inside(&v, {5, 6}, false);
+    v.disk.log.clear();
+    for (const entry_image &entry :
+         {short_entry("FILE       "), short_entry("DIR        ", DIRECTORY, 7),
+          short_entry("LABEL      ", LABEL), long_slot(0x41, u"Orphan", 0)}) {
+        // Behind unused entries as well: they do not end the walk.
+        for (const u32 index : {2U, 3U, 63U, 64U, 127U}) {
+            inside.put(index, entry);
+            EXPECT_EQ(unlink("dir"),
+                      came_to(-ENOTEMPTY, found(0, 0) + "do_delete[N]: Check here!\n\n"));
+            inside.put(index, entry_image{});
+        }
+    }
+    EXPECT_TRUE(nothing_written());
+    EXPECT_EQ(v.chain_from(5), (std::vector<u32>{5, 6}));
+    EXPECT_EQ(mounted::open_ids(), 2);
+}
+
+TEST_F(Unlink, DirectoryThatCannotBeReadIsNotEmpty) {
+    enter_directory({5});
+    ASSERT_EQ(fat_set_current(0), 0);
+    v.disk.unreadable = {volume::first_sector_of(5) + 1};
+    EXPECT_EQ(unlink("dir"),
+              came_to(-ENOTEMPTY, found(0, 0) +
+                                      "get_dentry_with_clu[N]: cannot read sectors:(sector: " +
+                                      std::to_string(volume::first_sector_of(5) + 1) +
+                                      ")\n"
+                                      "is_empty_dir[N]: Check here!\n\n"
+                                      "do_delete[N]: Check here!\n\n"));
+    EXPECT_EQ(v.chain_from(5), (std::vector<u32>{5}));
+}
+
+// ---- the entry alone --------------------------------------------------------------------------
+
+TEST_P(UnlinkAnyShape, EntryAloneLeavesItsClusters) {
+    v.top.go_to(1);
+    v.top.append(short_entry("FILE       ", ARCHIVE, 5, 10));
+    v.chain({5, 9});
+    const bytes fat = v.fat_copy(0);
+    v.disk.log.clear();
+    EXPECT_EQ(rm_entry("file"), came_to(1, found(root_base(), 1)));
+    EXPECT_EQ(v.top.at(1), deleted(short_entry("FILE       ", ARCHIVE, 5, 10)));
+    EXPECT_EQ(v.fat_copy(0), fat);
+    EXPECT_EQ(sectors_written(), (std::vector<u64>{v.top.sectors[0]}));
+    EXPECT_EQ(mounted::open_ids(), 1);
+}
+
+TEST_F(RemovePath, DirectoryThatIsNotEmptyGoesAndItsContentIsLost) {
+    enter_directory({5}).append(short_entry("FILE       ", ARCHIVE, 7, 10));
+    v.chain({7});
+    ASSERT_EQ(fat_set_current(0), 0);
+    EXPECT_EQ(rm_entry("dir"), came_to(1, found(0, 0)));
+    EXPECT_EQ(v.chain_from(5), (std::vector<u32>{5}));
+    EXPECT_EQ(v.chain_from(7), (std::vector<u32>{7}));
+    EXPECT_EQ(v.top.at(0)[0], 0xE5);
+}
+
+TEST_F(RemovePath, DotEntriesAreEntries) {
+    directory &inside = enter_directory({5});
+    EXPECT_EQ(rm_entry(".."), came_to(1, found(5, 1)));
+    EXPECT_EQ(inside.at(1)[0], 0xE5);
+    EXPECT_EQ(inside.at(1)[1], '.');
+}
+
+// ---- paths ------------------------------------------------------------------------------------
+
+TEST_F(RemovePath, NullAndTooLongPathsAreRefused) {
+    v.disk.log.clear();
+    EXPECT_EQ(unlink(nullptr), came_to(-EINVAL, "fat_unlink[N]: NULL path!\n\n"));
+    EXPECT_EQ(rm_entry(nullptr), came_to(-EINVAL, "fat_rm_entry[N]: NULL path!\n\n"));
+    for (const std::string &path : {std::string(261, 'a'), std::string(1000, '/')}) {
+        EXPECT_EQ(unlink(path), came_to(-ENAMETOOLONG, "fat_unlink[N]: Too long path!\n\n"));
+        EXPECT_EQ(rm_entry(path), came_to(-ENAMETOOLONG, "fat_rm_entry[N]: Too long path!\n\n"));
+    }
+    EXPECT_TRUE(v.disk.log.empty());
+    EXPECT_EQ(unlink(std::string(260, 'a')),
+              came_to(-ENOENT, "fat_unlink[N]: Cannot find entry!\n\n"));
+    EXPECT_EQ(rm_entry(std::string(260, 'a')),
+              came_to(-ENOENT, "fat_rm_entry[N]: Cannot find entry!\n\n"));
+}
+
+TEST_F(RemovePath, MissingNameIsNotFound) {
+    EXPECT_EQ(unlink("missing"), came_to(-ENOENT, "fat_unlink[N]: Cannot find entry!\n\n"));
+    EXPECT_EQ(rm_entry("/./missing"), came_to(-ENOENT, "fat_rm_entry[N]: Cannot find entry!\n\n"));
+}
+
+TEST_F(RemovePath, MissingParentIsNotFound) {
+    EXPECT_EQ(unlink("missing/name"), came_to(-ENOENT, "fat_unlink[N]: Cannot lookup parent!\n\n"));
+    EXPECT_EQ(rm_entry("missing/name"),
+              came_to(-ENOENT, "fat_rm_entry[N]: Cannot lookup parent!\n\n"));
+}
+
+TEST_F(RemovePath, ForbiddenNamesAreRefused) {
+    const std::string forbidden = "verify_valid_name[N]: Check here!\n\n"
+                                  "fat_path_lookup[N]: Check here!\n\n"
+                                  "wrong file name: a*\n";
+    EXPECT_EQ(unlink("a*"),
+              came_to(-EINVAL, forbidden + "fat_unlink[N]: Cannot lookup parent!\n\n"));
+    EXPECT_EQ(rm_entry("a*"),
+              came_to(-EINVAL, forbidden + "fat_rm_entry[N]: Cannot lookup parent!\n\n"));
+}
+
+TEST_F(RemovePath, PathsLeadOneLevelDeepOnly) {
+    directory &inside = enter_directory({5});
+    inside.append(short_entry("FILE       ", ARCHIVE, 7, 10));
+    v.chain({7});
+    ASSERT_EQ(fat_set_current(0), 0);
+    const std::string no_directory = found(0, 0) + "fat_find_dentry[N]: Check Here!\n\n";
+    v.disk.log.clear();
+    EXPECT_EQ(unlink("dir/file"),
+              came_to(-EINVAL, no_directory + "fat_unlink[N]: Cannot find entry!\n\n"));
+    EXPECT_EQ(rm_entry("/dir/file"),
+              came_to(-EINVAL, no_directory + "fat_rm_entry[N]: Cannot find entry!\n\n"));
+    EXPECT_TRUE(nothing_written());
+}
+
+TEST_F(RemovePath, RootHasNoNameToRemove) {
+    for (const std::string path : {"/", "", "///"}) {
+        EXPECT_EQ(unlink(path),
+                  came_to(-EINVAL, empty_name() + "fat_unlink[N]: Cannot find entry!\n\n"));
+        EXPECT_EQ(rm_entry(path),
+                  came_to(-EINVAL, empty_name() + "fat_rm_entry[N]: Cannot find entry!\n\n"));
+    }
+}
+
+TEST_F(RemovePath, RecordMadeForADotPathIsFreed) {
+    v.top.append(short_entry("A          ", ARCHIVE, 7, 10));
+    v.top.append(short_entry("B          ", ARCHIVE, 8, 10));
+    v.top.append(short_entry("EMPTY      "));
+    v.chain({7});
+    const allocation_meter meter;
+    EXPECT_EQ(unlink("./a").result, 1);
+    EXPECT_EQ(rm_entry("/./b").result, 1);
+    EXPECT_EQ(unlink("./empty").result, -EINVAL);
+    EXPECT_EQ(unlink("./missing").result, -ENOENT);
+    EXPECT_EQ(rm_entry("./missing").result, -ENOENT);
+    EXPECT_EQ(unlink("./a:b").result, -EINVAL);
+    EXPECT_EQ(meter.live_blocks(), 0);
+}
+
+TEST_F(RemovePath, NothingIsRemovedWithoutAVolumeOrARoot) {
+    oentry *root = std::exchange(sv->root_dir, nullptr);
+    const std::string no_root = "fat_path_lookup[N]: current directory isn't setup\n";
+    EXPECT_EQ(unlink("a"), came_to(-EFAULT, no_root + "fat_unlink[N]: Cannot lookup parent!\n\n"));
+    EXPECT_EQ(rm_entry("a"),
+              came_to(-EFAULT, no_root + "fat_rm_entry[N]: Cannot lookup parent!\n\n"));
+    sv->root_dir = root;
+    fat_close_volume(0);
+    EXPECT_EQ(unlink("a"), came_to(-EINVAL, "fat_unlink[N]: Check here!\n\n"));
+    EXPECT_EQ(rm_entry("a"), came_to(-EINVAL, "fat_rm_entry[N]: Check here!\n\n"));
+}
+
+// ---- deleting by index ------------------------------------------------------------------------
+
+TEST_F(DoDelete, EntryThatCannotBeOpenedIsAnInvalidOne) {
+    v.top.append(short_entry("BROKEN     ", ARCHIVE, 5, 10));
+    v.set_link(5, 1);
+    v.disk.log.clear();
+    EXPECT_EQ(called([] { return do_delete(sv->root_dir, 0); }),
+              came_to(-EINVAL, "fat_read_clus[N]: Invalid cluster!\n\n"
+                               "fat_count_clusters[N]: Failed to read cluster!\n\n"
+                               "fat_entry_open[N]: Cannot set oentry!\n\n"
+                               "do_delete[N]: Check here!\n\n"));
+    EXPECT_EQ(called([] { return do_delete(sv->root_dir, 512); }),
+              came_to(-EINVAL, "fat_get_dentry[N]: access the out of range in directory space\n"
+                               "fat_entry_open[N]: Cannot get dentry!\n\n"
+                               "do_delete[N]: Check here!\n\n"));
+    v.disk.unreadable = {v.top.sectors[0]}; // -EIO, and still an invalid one
+    EXPECT_EQ(called([] { return do_delete(sv->root_dir, 0); }).result, -EINVAL);
+    EXPECT_TRUE(nothing_written());
+    EXPECT_EQ(mounted::open_ids(), 1);
+}
+
+TEST_F(DoDelete, EntryThatOpensWithoutAnImageIsNotFound) {
+    v.top.append(short_entry("BROKEN     ", ARCHIVE, 5, 10)); // into a free cluster
+    v.top.append(short_entry("..         ", DIRECTORY, 0));   // leads to the root
+    v.disk.log.clear();
+    for (const u32 index : {0U, 1U}) {
+        EXPECT_EQ(called([index] { return do_delete(sv->root_dir, index); }),
+                  came_to(-ENOENT, "do_delete[N]: Check here!\n\n"));
+    }
+    EXPECT_TRUE(nothing_written());
+}
+
+TEST_F(DoDelete, ClustersThatCannotBeFreedLeaveTheEntry) {
+    v.top.append(short_entry("FILE       ", ARCHIVE, 5, 10));
+    v.chain({5, 6});
+    v.disk.unwritable = {volume::fat_sector_of(5)};
+    EXPECT_EQ(called([] { return do_delete(sv->root_dir, 0); }),
+              came_to(-EIO, "fat_write_entry[N]: cannot write FAT\n\n"
+                            "fat_release_clusters[N]: Failed to read cluster!\n\n"
+                            "do_delete[N]: Check here!\n\n"));
+    EXPECT_EQ(v.top.at(0), short_entry("FILE       ", ARCHIVE, 5, 10));
+    EXPECT_EQ(v.chain_from(5), (std::vector<u32>{5, 6}));
+    EXPECT_EQ(mounted::open_ids(), 1);
+}
+
+TEST_F(DoDelete, EntryThatCannotBeMarkedHasLostItsClusters) {
+    v.top.append(short_entry("FILE       ", ARCHIVE, 5, 10));
+    v.chain({5, 6});
+    v.disk.unwritable = {v.top.sectors[0]};
+    EXPECT_EQ(called([] { return do_delete(sv->root_dir, 0); }),
+              came_to(-EIO, "remove_entry[N]: Check here!\n\n"
+                            "do_delete[N]: cannot remove the directory entry\n"));
+    EXPECT_EQ(v.top.at(0), short_entry("FILE       ", ARCHIVE, 5, 10));
+    EXPECT_EQ(v.value_of(5), 0U);
+    EXPECT_EQ(v.value_of(6), 0U);
+    EXPECT_EQ(mounted::open_ids(), 1);
+}
+
+TEST_F(DoDelete, EntryIsOpenedUnderTheLastFreeId) {
+    const u32 index = v.top.append(short_entry("FILE       "));
+    v.top.append(short_entry("A          ", ARCHIVE, 5, 10));
+    v.top.append(short_entry("B          ", ARCHIVE, 6, 10));
+    v.chain({5});
+    v.chain({6});
+    while (v.open(index) < 510) {
+    }
+    EXPECT_EQ(unlink("a"), came_to(1, found(0, 1)));
+    v.open(index);
+    EXPECT_EQ(unlink("b"),
+              came_to(-EINVAL, found(0, 2) + "register_oentry[N]: Too many open files\n"
+                                             "do_delete[N]: Check here!\n\n"));
+    EXPECT_NE(v.value_of(6), 0U);
+}
+
+TEST_F(RemovePath, EntryThatCannotBeMarkedIsTold) {
+    v.top.append(short_entry("FILE       ", ARCHIVE, 5, 10));
+    v.disk.unwritable = {v.top.sectors[0]};
+    v.disk.failure_result = -EROFS;
+    EXPECT_EQ(rm_entry("file"),
+              came_to(-EROFS, found(0, 0) +
+                                  "remove_entry[N]: Check here!\n\n"
+                                  "fat_rm_entry[N]: cannot remove the directory entry\n"));
+    // A transfer that moves nothing has failed as well.
+    v.disk.failure_result = 0;
+    EXPECT_LT(rm_entry("file").result, 0);
+    EXPECT_EQ(v.top.at(0), short_entry("FILE       ", ARCHIVE, 5, 10));
+}
+
+// ---- is a directory empty ---------------------------------------------------------------------
+
+namespace {
+
+using IsEmptyDirectory = namespace_test;
+
+const std::string NOT_A_DIRECTORY = "is_empty_dir[N]: Check here!\n\n";
+
+} // namespace
+
+TEST_F(IsEmptyDirectory, OnlyLiveDirectoriesAreLookedAt) {
+    directory dir = v.sub_directory({5});
+    const auto ask = [&dir] { return is_empty_dir(&dir.record); };
+    for (const auto &[first, attr] : std::initializer_list<std::pair<unsigned, unsigned>>{
+             {0xE5, 0x10}, {0x00, 0x10}, {'D', 0x00}, {'D', 0x08}, {'D', 0x18}}) {
+        dir.record.dentry[0] = static_cast<u8>(first);
+        dir.record.dentry[11] = static_cast<u8>(attr);
+        EXPECT_EQ(called(ask), came_to(-EINVAL, NOT_A_DIRECTORY));
+    }
+    EXPECT_EQ(called([] { return is_empty_dir(sv->root_dir); }), came_to(-EINVAL, NOT_A_DIRECTORY));
+    dir.record.dentry[11] = 0x37;
+    EXPECT_EQ(called(ask), came_to(1));
+}
+
+TEST_F(IsEmptyDirectory, FirstTwoEntriesAreNotLookedAt) {
+    directory dir = v.sub_directory({5});
+    EXPECT_EQ(is_empty_dir(&dir.record), 1);
+    dir.put(0, short_entry("FILE       "));
+    dir.put(1, short_entry("FILE       "));
+    EXPECT_EQ(is_empty_dir(&dir.record), 1);
+    dir.put(2, short_entry("FILE       "));
+    EXPECT_EQ(is_empty_dir(&dir.record), -ENOTEMPTY);
+    EXPECT_EQ(said.text(), "");
+}
+
+TEST_F(IsEmptyDirectory, DirectoryWithoutEntriesBehindTheDotsGivesZero) {
+    directory dir = v.sub_directory({5});
+    dir.put(2, short_entry("FILE       "));
+    v.disk.log.clear();
+    for (const u32 allocated : {0U, 31U, 32U, 64U, 95U}) {
+        dir.record.allocated = allocated;
+        EXPECT_EQ(is_empty_dir(&dir.record), 0) << allocated;
+    }
+    EXPECT_TRUE(v.disk.log.empty());
+    dir.record.allocated = 96;
+    EXPECT_EQ(is_empty_dir(&dir.record), -ENOTEMPTY);
+}
+
+TEST_F(IsEmptyDirectory, EndOfTheChainEndsTheWalk) {
+    directory dir = v.sub_directory({5, 6});
+    dir.record.allocated += 2048;
+    EXPECT_EQ(called([&dir] { return is_empty_dir(&dir.record); }),
+              came_to(1, "get_dentry_with_clu[N]: Failed to get entry sector!:(5, 128)\n\n"));
+}
+
+TEST_F(IsEmptyDirectory, BrokenChainIsItsError) {
+    directory dir = v.sub_directory({5, 6});
+    v.set_link(5, 1);
+    EXPECT_EQ(called([&dir] { return is_empty_dir(&dir.record); }),
+              came_to(-EINVAL, "fat_read_clus[N]: Invalid cluster!\n\n"
+                               "get_phy_sector[N]: invalid value -22\n"
+                               "get_dentry_with_clu[N]: Failed to get entry sector!:(5, 64)\n\n" +
+                                   NOT_A_DIRECTORY));
+}
+
+TEST_F(IsEmptyDirectory, SectorBufferNeedsMemory) {
+    directory dir = v.sub_directory({5});
+    const failing_allocation none(0);
+    EXPECT_EQ(called([&dir] { return is_empty_dir(&dir.record); }),
+              came_to(-ENOMEM, NOT_A_DIRECTORY));
+}
+
+TEST_F(IsEmptyDirectory, EachSectorIsReadOnce) {
+    directory dir = v.sub_directory({5, 6, 9});
+    v.disk.log.clear();
+    EXPECT_EQ(is_empty_dir(&dir.record), 1);
+    for (const u32 sector : dir.sectors) {
+        EXPECT_EQ(count_of(v.disk.log, {false, sector, 1}), 1) << sector;
+    }
+}
+
+// ---- marking slots ----------------------------------------------------------------------------
+
+// Slots whose checksum is that of the name already marked: what the walk back looks for.
+TEST_F(RemoveEntry, SlotThatMatchesIsMarkedInItsAttribute) {
+    const u8 sum = checksum_when_removed("FILE       ");
+    v.top.append(long_slot(0x42, u"b", sum));
+    v.top.append(long_slot(0x01, u"aaaaaaaaaaaaa", sum));
+    v.top.append(short_entry("FILE       "));
+    EXPECT_EQ(called([] { return remove_entry(sv->root_dir, 2); }), came_to(3));
+    EXPECT_EQ(v.top.at(0), marked(long_slot(0x42, u"b", sum)));
+    EXPECT_EQ(v.top.at(1), marked(long_slot(0x01, u"aaaaaaaaaaaaa", sum)));
+    EXPECT_EQ(v.top.at(2), deleted(short_entry("FILE       ")));
+}
+
+TEST_F(RemoveEntry, WalkEndsBehindTheLastSlotOfTheName) {
+    const u8 sum = checksum_when_removed("FILE       ");
+    v.top.append(long_slot(0x01, u"x", sum));
+    v.top.append(long_slot(0x41, u"a", sum));
+    v.top.append(short_entry("FILE       "));
+    EXPECT_EQ(remove_entry(sv->root_dir, 2), 2);
+    EXPECT_EQ(v.top.at(0), long_slot(0x01, u"x", sum));
+    EXPECT_EQ(v.top.at(1), marked(long_slot(0x41, u"a", sum)));
+}
+
+TEST_F(RemoveEntry, WalkEndsAtTheFirstSlotThatDoesNotMatch) {
+    const u8 sum = checksum_when_removed("FILE       ");
+    entry_image other_attribute = long_slot(0x02, u"b", sum);
+    other_attribute[11] = 0x2F; // a slot to a lookup, but none here
+    for (const entry_image &stop :
+         {other_attribute, short_entry("OTHER      "), entry_image{},
+          long_slot(0x02, u"b", checksum_of("FILE       ")), long_slot(0x42, u"b", sum + 1U)}) {
+        v.top.go_to(0);
+        v.top.append(long_slot(0x43, u"c", sum));
+        v.top.append(stop);
+        v.top.append(long_slot(0x01, u"a", sum));
+        v.top.append(short_entry("FILE       "));
+        EXPECT_EQ(remove_entry(sv->root_dir, 3), 2);
+        EXPECT_EQ(v.top.at(0), long_slot(0x43, u"c", sum));
+        EXPECT_EQ(v.top.at(1), stop);
+        EXPECT_EQ(v.top.at(2), marked(long_slot(0x01, u"a", sum)));
+    }
+}
+
+TEST_F(RemoveEntry, WalkEndsAtTheBeginningOfTheDirectory) {
+    const u8 sum = checksum_when_removed("FILE       ");
+    v.top.append(long_slot(0x02, u"b", sum));
+    v.top.append(long_slot(0x01, u"a", sum));
+    v.top.append(short_entry("FILE       "));
+    EXPECT_EQ(called([] { return remove_entry(sv->root_dir, 2); }), came_to(3));
+    EXPECT_EQ(v.top.at(0), marked(long_slot(0x02, u"b", sum)));
+    v.top.put(0, short_entry("FIRST      "));
+    EXPECT_EQ(called([] { return remove_entry(sv->root_dir, 0); }), came_to(1));
+}
+
+TEST_F(RemoveEntry, SlotsInTwoMoreSectorsAreWrittenBehindTheEntry) {
+    const u8 sum = checksum_when_removed("FILE       ");
+    v.top.go_to(15);
+    v.top.append(long_slot(0x52, u"last", sum));
+    for (u32 ordinal = 17; ordinal >= 1; ordinal--) {
+        v.top.append(long_slot(ordinal, u"aaaaaaaaaaaaa", sum));
+    }
+    const u32 index = v.top.append(short_entry("FILE       "));
+    ASSERT_EQ(index, 33U);
+    v.disk.log.clear();
+    EXPECT_EQ(called([index] { return remove_entry(sv->root_dir, index); }), came_to(19));
+    EXPECT_EQ(sectors_written(),
+              (std::vector<u64>{v.top.sectors[2], v.top.sectors[1], v.top.sectors[0]}));
+    for (u32 i = 15; i < 33; i++) {
+        EXPECT_EQ(v.top.at(i)[11], 0xE5);
+    }
+}
+
+TEST_F(RemoveEntry, SlotsInAFourthSectorAreOutOfRange) {
+    const u8 sum = checksum_when_removed("FILE       ");
+    v.top.go_to(15);
+    while (v.top.append(long_slot(0x01, u"a", sum)) < 47) {
+    }
+    v.top.append(short_entry("FILE       "));
+    v.disk.log.clear();
+    EXPECT_EQ(called([] { return remove_entry(sv->root_dir, 48); }),
+              came_to(-EINVAL, "remove_entry[N]: out of range\n"));
+    EXPECT_TRUE(nothing_written());
+}
+
+// The sector in front is read to see that its last slot does not match, and written back.
+TEST_F(RemoveEntry, SectorThatWasOnlyLookedAtIsWrittenToo) {
+    v.top.go_to(16);
+    v.top.append(short_entry("FILE       "));
+    v.disk.log.clear();
+    EXPECT_EQ(remove_entry(sv->root_dir, 16), 1);
+    EXPECT_EQ(sectors_written(), (std::vector<u64>{v.top.sectors[1], v.top.sectors[0]}));
+}
+
+TEST_F(RemoveEntry, FailureBetweenTwoSectorsLeavesTheFirstWritten) {
+    const u8 sum = checksum_when_removed("FILE       ");
+    v.top.go_to(15);
+    v.top.append(long_slot(0x41, u"a", sum));
+    v.top.append(short_entry("FILE       "));
+    v.disk.unwritable = {v.top.sectors[0]};
+    EXPECT_EQ(called([] { return remove_entry(sv->root_dir, 16); }),
+              came_to(-EIO, "remove_entry[N]: Check here!\n\n"));
+    EXPECT_EQ(v.top.at(16)[0], 0xE5);
+    EXPECT_EQ(v.top.at(15)[11], 0x0F);
+}
+
+TEST_F(RemoveEntry, SectorOfSlotsThatCannotBeReadChangesNothing) {
+    v.top.go_to(16);
+    v.top.append(short_entry("FILE       "));
+    v.disk.unreadable = {v.top.sectors[0]};
+    v.disk.log.clear();
+    EXPECT_EQ(called([] { return remove_entry(sv->root_dir, 16); }).result, -EIO);
+    EXPECT_TRUE(nothing_written());
+}
+
+TEST_F(RemoveEntry, IndexOutsideTheDirectoryIsItsError) {
+    EXPECT_EQ(called([] { return remove_entry(sv->root_dir, 512); }),
+              came_to(-EFAULT, "fat_get_dentry[N]: access the out of range in directory space\n"
+                               "remove_entry[N]: Check here!\n\n"));
+    v.disk.unreadable = {v.top.sectors[0]};
+    EXPECT_EQ(called([] { return remove_entry(sv->root_dir, 0); }).result, -EIO);
+}
+
+TEST_F(RemoveEntry, SectorBufferNeedsMemory) {
+    v.top.append(short_entry("FILE       "));
+    const failing_allocation none(0);
+    EXPECT_EQ(called([] { return remove_entry(sv->root_dir, 0); }),
+              came_to(-ENOMEM, "remove_entry[N]: Check here!\n\n"));
+    EXPECT_EQ(v.top.at(0)[0], 'F');
+}
+
+// ---- names by index ---------------------------------------------------------------------------
+
+namespace {
+
+class GetNameOfEntry : public namespace_test {
+protected:
+    // The root directory is given by 0.
+    outcome ask(u32 index, u32 base = 0) {
+        name.assign(300, '\xCC');
+        return called([&] { return get_name_of_entry(base, index, name.data(), 256); });
+    }
+    std::string text() {
+        EXPECT_EQ(name.substr(256), std::string(44, '\xCC'));
+        const std::size_t length = name.find('\0');
+        EXPECT_EQ(name.substr(length, 256 - length), std::string(256 - length, '\0'));
+        return name.substr(0, length);
+    }
+
+    std::string name;
+};
+
+const std::string NO_SLOT = "get_name_of_entry[N]: Check here!\n\n";
+
+} // namespace
+
+TEST_F(GetNameOfEntry, LongNameIsGatheredFromItsSlots) {
+    const u32 one = v.top.append_long(u"Some long name", "SOMELO~1   ");
+    const u32 two = v.top.append_long(std::u16string(255, u'x'), "XXXXXX~1   ");
+    const u32 thirteen = v.top.append_long(u"abcdefghi.JKL", "ABCDEF~1JKL");
+    EXPECT_EQ(ask(one), came_to(0));
+    EXPECT_EQ(text(), "Some long name");
+    EXPECT_EQ(ask(two), came_to(0));
+    EXPECT_EQ(text(), std::string(255, 'x'));
+    EXPECT_EQ(ask(thirteen), came_to(0));
+    EXPECT_EQ(text(), "abcdefghi.JKL");
+}
+
+TEST_F(GetNameOfEntry, DirectoryHasANameToo) {
+    directory dir = v.sub_directory({5, 6});
+    dir.go_to(63);
+    dir.append(long_slot(0x41, u"Sub", checksum_of("SUB~1      ")));
+    dir.append(short_entry("SUB~1      ", DIRECTORY, 7));
+    EXPECT_EQ(ask(64, 5), came_to(0));
+    EXPECT_EQ(text(), "Sub");
+}
+
+// Every entry without a long name says so, unless it is the first of its directory.
+TEST_F(GetNameOfEntry, ShortNameIsShownInItsCase) {
+    v.top.append(short_entry("FIRST   TXT"));
+    entry_image lower = short_entry("README  TXT");
+    lower[12] = 0x18;
+    v.top.append(lower);
+    lower[12] = 0x08;
+    v.top.append(lower);
+    v.top.append(short_entry("\x05"
+                             "BC        "));
+    EXPECT_EQ(ask(1), came_to(0, NO_SLOT));
+    EXPECT_EQ(text(), "readme.txt");
+    EXPECT_EQ(ask(2), came_to(0, NO_SLOT));
+    EXPECT_EQ(text(), "readme.TXT");
+    EXPECT_EQ(ask(3), came_to(0, NO_SLOT));
+    EXPECT_EQ(text(), "\xE5"
+                      "BC");
+    EXPECT_EQ(ask(0), came_to(0));
+    EXPECT_EQ(text(), "FIRST.TXT");
+}
+
+TEST_F(GetNameOfEntry, SlotInTheFirstEntryOfTheDirectoryCounts) {
+    const u32 index = v.top.append_long(u"Name", "NAME~1     ");
+    ASSERT_EQ(index, 1U);
+    EXPECT_EQ(ask(1), came_to(0));
+    EXPECT_EQ(text(), "Name");
+}
+
+// The beginning of the directory ends the name as a last slot does.
+TEST_F(GetNameOfEntry, NameMayLackItsLastSlotAtTheBeginningOfTheDirectory) {
+    const std::vector<entry_image> slots = long_slots(std::u16string(39, u'y'), "YYYYYY~1   ");
+    v.top.append(slots[1]);
+    v.top.append(slots[2]);
+    v.top.append(short_entry("YYYYYY~1   "));
+    EXPECT_EQ(ask(2), came_to(0));
+    EXPECT_EQ(text(), std::string(26, 'y'));
+}
+
+TEST_F(GetNameOfEntry, SlotsOfAnotherNameAreNotTaken) {
+    v.top.append(long_slots(u"Some long name", "OTHER~1    "));
+    v.top.append(short_entry("SOMELO~1   "));
+    EXPECT_EQ(ask(2), came_to(0, NO_SLOT));
+    EXPECT_EQ(text(), "SOMELO~1");
+}
+
+TEST_F(GetNameOfEntry, NameWithALostSlotIsTheShortOne) {
+    std::vector<entry_image> slots = long_slots(std::u16string(30, u'y'), "YYYYYY~1   ");
+    for (const entry_image &instead :
+         {entry_image{}, deleted(slots[1]), short_entry("OTHER      ")}) {
+        v.top.go_to(0);
+        v.top.append(slots[0]);
+        v.top.append(instead);
+        v.top.append(slots[2]);
+        v.top.append(short_entry("YYYYYY~1   "));
+        EXPECT_EQ(ask(3), came_to(0, NO_SLOT));
+        EXPECT_EQ(text(), "YYYYYY~1");
+    }
+}
+
+TEST_F(GetNameOfEntry, SlotsAreGatheredByTheirOrdinalsUpToTheLastOne) {
+    const u8 sum = checksum_of("NAME~1     ");
+    v.top.append(long_slot(0x41, u"notthisone", sum));
+    v.top.append(long_slot(0x43, u"ccc", sum));
+    v.top.append(long_slot(0x01, u"aaaaaaaaaaaaa", sum));
+    v.top.append(long_slot(0x02, u"bbbbbbbbbbbbb", sum));
+    v.top.append(short_entry("NAME~1     "));
+    EXPECT_EQ(ask(4), came_to(0));
+    EXPECT_EQ(text(), "aaaaaaaaaaaaabbbbbbbbbbbbbccc");
+}
+
+TEST_F(GetNameOfEntry, OrdinalsThatAreNoneAreLeftOut) {
+    const u8 sum = checksum_of("NAME~1     ");
+    for (const unsigned ordinal : {0x15U, 0x3FU, 0x80U, 0xBFU}) {
+        v.top.go_to(0);
+        v.top.append(long_slot(0x41, u"Name", sum));
+        v.top.append(long_slot(ordinal, u"zzz", sum));
+        v.top.append(short_entry("NAME~1     "));
+        EXPECT_EQ(ask(2), came_to(0)) << ordinal;
+        EXPECT_EQ(text(), "Name");
+    }
+}
+
+TEST_F(GetNameOfEntry, UnitsThatAsciiDoesNotHaveAreQuestionMarks) {
+    const u32 index = v.top.append_long(u"\u00E4\u4E2D.txt", "NAME~1  TXT");
+    EXPECT_EQ(ask(index), came_to(0));
+    EXPECT_EQ(text(), "??.txt");
+}
+
+TEST_F(GetNameOfEntry, EntryThatIsNeitherFileNorDirectoryIsNotFound) {
+    v.top.append(entry_image{});
+    v.top.append(deleted(short_entry("GONE       ")));
+    v.top.append(long_slot(0x41, u"a", 0));
+    v.top.append(short_entry("LABEL      ", LABEL));
+    for (const u32 index : {0U, 1U, 2U, 3U}) {
+        EXPECT_EQ(ask(index), came_to(-ENOENT, NO_SLOT));
+        EXPECT_EQ(name, std::string(300, '\xCC'));
+    }
+    v.top.append(short_entry("INVALID    ", LABEL | DIRECTORY));
+    EXPECT_EQ(ask(4), came_to(-ENOENT, "entry_type[N]: Unknown entry type: 24\n\n" + NO_SLOT));
+}
+
+TEST_F(GetNameOfEntry, IndexBehindTheEndIsNotFound) {
+    EXPECT_EQ(ask(512),
+              came_to(-ENOENT, "get_phy_sector[N]: Invalid sector number in Root dir\n\n"
+                               "get_dentry_with_clu[N]: Failed to get entry sector!:(0, 512)\n\n" +
+                                   NO_SLOT));
+    v.chain({5});
+    EXPECT_EQ(ask(64, 5),
+              came_to(-ENOENT,
+                      "get_dentry_with_clu[N]: Failed to get entry sector!:(5, 64)\n\n" + NO_SLOT));
+}
+
+TEST_F(GetNameOfEntry, EntryThatCannotBeReachedIsItsError) {
+    EXPECT_EQ(ask(3, 1),
+              came_to(-EINVAL, "get_phy_sector[N]: invalid start cluster number 1\n"
+                               "get_dentry_with_clu[N]: Failed to get entry sector!:(1, 3)\n\n"
+                               "get_name_of_entry[N]: fail to get dentry(1, 3):Invalid "
+                               "argument\n\n"));
+    v.disk.unreadable = {v.top.sectors[0]};
+    EXPECT_EQ(ask(3), came_to(-EIO, "get_dentry_with_clu[N]: cannot read sectors:(sector: " +
+                                        std::to_string(v.top.sectors[0]) +
+                                        ")\n"
+                                        "get_name_of_entry[N]: fail to get dentry(0, "
+                                        "3):Input/output error\n\n"));
+}
+
+TEST_F(GetNameOfEntry, SectorBufferNeedsMemory) {
+    v.top.append(short_entry("FILE       "));
+    name.assign(300, '\xCC');
+    const failing_allocation none(0);
+    EXPECT_EQ(get_name_of_entry(0, 0, name.data(), 256), -ENOMEM);
+    EXPECT_EQ(name, std::string(300, '\xCC'));
+}
+
+TEST_F(GetNameOfEntry, SlotThatCannotBeReadLeavesTheShortName) {
+    v.top.go_to(15);
+    v.top.append_long(u"Name", "NAME~1     ");
+    v.disk.unreadable = {v.top.sectors[0]};
+    EXPECT_EQ(ask(16), came_to(0, "get_dentry_with_clu[N]: cannot read sectors:(sector: " +
+                                      std::to_string(v.top.sectors[0]) +
+                                      ")\n"
+                                      "get_name_of_entry[N]: fail to get dentry(0, 15)\n\n"));
+    EXPECT_EQ(text(), "NAME~1");
+}

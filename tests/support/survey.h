@@ -1,0 +1,260 @@
+// A look at a whole volume from outside, with nothing of the library: every directory walked, every
+// chain followed, every cluster's owner noted. What is not as it should be is listed, not judged.
+
+#pragma once
+
+#include "tests/name_model.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace testing_support {
+
+// Where the areas lie, in bytes.
+struct volume_areas {
+    std::uint32_t width = 16; // bits of a FAT entry
+    std::uint32_t cluster_bytes = 0;
+    std::uint32_t clusters = 0;
+    std::uint64_t fat = 0;          // the first copy
+    std::uint64_t root = 0;         // FAT16: the root area
+    std::uint32_t root_bytes = 0;   // FAT16: its size
+    std::uint32_t root_cluster = 0; // FAT32
+    std::uint64_t data = 0;         // cluster 2
+};
+
+enum class chain_end { whole, none, start_is_free, runs_into_free, broken };
+
+struct surveyed_entry {
+    bool is_directory = false;
+    bool is_link = false;
+    bool has_long_name = false;
+    std::string short_name; // as a person sees it
+    std::uint32_t size = 0;
+    std::vector<std::uint32_t> clusters;
+    chain_end end = chain_end::none;
+    std::vector<std::uint8_t> content; // of files: as much of `size` as the chain has
+    std::uint32_t used_slots = 0;      // of directories: in front of the first unused one
+    bool has_dot_entries = true;       // of directories that have a cluster
+};
+
+class survey {
+public:
+    using reader = std::function<std::vector<std::uint8_t>(std::uint64_t offset, std::size_t size)>;
+
+    survey(const volume_areas &areas_of_it, const reader &read) : areas(areas_of_it), read_(read) {
+        read_links();
+        walk_all();
+        for (std::uint32_t cluster = 2; cluster < areas.clusters + 2; cluster++) {
+            if (value_of(cluster) != 0 && owners_[cluster] == 0) {
+                lost.insert(cluster);
+            }
+        }
+    }
+
+    volume_areas areas;
+    // By path, "SUB/INNER.TXT"; "" is the root directory. Long names where there are whole ones.
+    std::map<std::string, surveyed_entry> entries;
+    std::set<std::uint32_t> lost;              // in use, but of no chain
+    std::set<std::uint32_t> shared;            // of more than one chain
+    std::vector<std::uint64_t> orphan_slots;   // bytes at which slots without their entry lie
+    std::vector<std::uint64_t> behind_the_end; // bytes at which entries behind an unused one lie
+
+    [[nodiscard]] std::uint32_t count_free() const {
+        return static_cast<std::uint32_t>(
+            std::count_if(links_.begin() + 2, links_.end(),
+                          [this](std::uint32_t link) { return (link & mask()) == 0; }));
+    }
+
+private:
+    struct slot {
+        std::vector<std::uint8_t> raw;
+        std::uint64_t at;
+    };
+
+    [[nodiscard]] std::uint32_t mask() const {
+        return areas.width == 16 ? 0xFFFF : 0x0FFFFFFF;
+    }
+    [[nodiscard]] std::uint32_t value_of(std::uint32_t cluster) const {
+        return links_.at(cluster) & mask();
+    }
+    static std::uint32_t number_in(const std::vector<std::uint8_t> &raw, std::size_t offset,
+                                   std::size_t size) {
+        std::uint32_t value = 0;
+        for (std::size_t i = size; i-- > 0;) {
+            value = value << 8 | raw.at(offset + i);
+        }
+        return value;
+    }
+    void read_links() {
+        const std::size_t size = areas.width / 8;
+        const std::vector<std::uint8_t> table =
+            read_(areas.fat, (std::size_t{areas.clusters} + 2) * size);
+        for (std::size_t at = 0; at < table.size(); at += size) {
+            links_.push_back(number_in(table, at, size));
+        }
+        owners_.resize(links_.size());
+    }
+
+    // -- chains
+
+    void follow(std::uint32_t start, surveyed_entry *entry) {
+        std::uint32_t cluster = start;
+        entry->end = start == 0 ? chain_end::none : chain_end::whole;
+        while (cluster != 0) {
+            const bool is_data = cluster >= 2 && cluster < areas.clusters + 2;
+            if (!is_data || entry->clusters.size() > areas.clusters) {
+                entry->end = chain_end::broken;
+                return;
+            }
+            const std::uint32_t next = value_of(cluster);
+            if (next == 0) {
+                entry->end =
+                    entry->clusters.empty() ? chain_end::start_is_free : chain_end::runs_into_free;
+                return;
+            }
+            entry->clusters.push_back(cluster);
+            if (++owners_[cluster] > 1) {
+                shared.insert(cluster);
+            }
+            cluster = next >= mask() - 7 ? 0 : next;
+        }
+    }
+    std::vector<std::uint8_t> content_of(const std::vector<std::uint32_t> &clusters) {
+        std::vector<std::uint8_t> result;
+        for (const std::uint32_t cluster : clusters) {
+            const std::vector<std::uint8_t> more = read_(offset_of(cluster), areas.cluster_bytes);
+            result.insert(result.end(), more.begin(), more.end());
+        }
+        return result;
+    }
+    [[nodiscard]] std::uint64_t offset_of(std::uint32_t cluster) const {
+        return areas.data + std::uint64_t{cluster - 2} * areas.cluster_bytes;
+    }
+
+    // -- directories
+
+    void walk_all() {
+        surveyed_entry root;
+        root.is_directory = true;
+        if (areas.width == 32) {
+            follow(areas.root_cluster, &root);
+        }
+        entries[""] = root;
+        std::vector<std::string> left = {""};
+        while (!left.empty()) {
+            const std::string path = left.back();
+            left.pop_back();
+            walk(path, &left);
+        }
+    }
+    std::vector<slot> slots_of(const surveyed_entry &dir, bool is_root) {
+        std::vector<std::pair<std::uint64_t, std::size_t>> pieces;
+        if (is_root && areas.width == 16) {
+            pieces.emplace_back(areas.root, areas.root_bytes);
+        }
+        for (const std::uint32_t cluster : dir.clusters) {
+            pieces.emplace_back(offset_of(cluster), areas.cluster_bytes);
+        }
+        std::vector<slot> result;
+        for (const auto &[offset, size] : pieces) {
+            const std::vector<std::uint8_t> all = read_(offset, size);
+            for (std::size_t at = 0; at < size; at += 32) {
+                const auto begin = all.begin() + static_cast<std::ptrdiff_t>(at);
+                result.push_back({{begin, begin + 32}, offset + at});
+            }
+        }
+        return result;
+    }
+    void walk(const std::string &path, std::vector<std::string> *subdirectories) {
+        const std::string before = path.empty() ? "" : path + "/";
+        std::vector<slot> run; // slots in front of an entry
+        bool has_ended = false;
+        bool has_dot = false;
+        std::uint32_t used_slots = 0;
+        for (const slot &s : slots_of(entries[path], path.empty())) {
+            if (has_ended) {
+                if (std::any_of(s.raw.begin(), s.raw.end(), [](auto b) { return b != 0; })) {
+                    behind_the_end.push_back(s.at);
+                }
+                continue;
+            }
+            const unsigned kind = name_model::kind(s.raw[0], s.raw[11]);
+            used_slots += kind == 0 ? 0 : 1;
+            if (kind == 4) {
+                run.push_back(s);
+                continue;
+            }
+            const bool is_entry = kind == 2 || kind == 3;
+            const std::string long_name = is_entry ? take_long_name(&run, s) : "";
+            forget(&run);
+            has_ended = kind == 0;
+            has_dot = has_dot || (s.raw[0] == '.' && s.raw[1] == '.');
+            if (is_entry && s.raw[0] != '.') {
+                add(before, s, long_name, subdirectories);
+            }
+        }
+        forget(&run);
+        entries[path].used_slots = used_slots;
+        entries[path].has_dot_entries = path.empty() || entries[path].clusters.empty() || has_dot;
+    }
+    void forget(std::vector<slot> *run) {
+        for (const slot &s : *run) {
+            orphan_slots.push_back(s.at);
+        }
+        run->clear();
+    }
+    // The long name in front of an entry; its slots are then no orphans.
+    static std::string take_long_name(std::vector<slot> *run, const slot &entry) {
+        const unsigned checksum = name_model::checksum({entry.raw.begin(), entry.raw.begin() + 11});
+        constexpr std::size_t PLACES[13] = {1, 3, 5, 7, 9, 14, 16, 18, 20, 22, 24, 28, 30};
+        std::string name;
+        for (unsigned ordinal = 1; ordinal <= run->size(); ordinal++) {
+            const std::vector<std::uint8_t> &raw = (*run)[run->size() - ordinal].raw;
+            if ((raw[0] & 0x3F) != ordinal || raw[13] != checksum) {
+                return "";
+            }
+            for (const std::size_t place : PLACES) {
+                const std::uint32_t unit = number_in(raw, place, 2);
+                if (unit != 0 && unit != 0xFFFF) {
+                    name += static_cast<char>(unit);
+                }
+            }
+            if ((raw[0] & 0x40) != 0) {
+                run->resize(run->size() - ordinal);
+                return name;
+            }
+        }
+        return "";
+    }
+    void add(const std::string &before, const slot &s, const std::string &long_name,
+             std::vector<std::string> *subdirectories) {
+        surveyed_entry entry;
+        entry.is_directory = (s.raw[11] & 0x10) != 0;
+        entry.is_link = s.raw[13] == 0xE2;
+        entry.has_long_name = !long_name.empty();
+        entry.short_name = name_model::to_text({s.raw.begin(), s.raw.begin() + 11}, s.raw[12]);
+        entry.size = number_in(s.raw, 28, 4);
+        follow(number_in(s.raw, 20, 2) << 16 | number_in(s.raw, 26, 2), &entry);
+        if (!entry.is_directory) {
+            entry.content = content_of(entry.clusters);
+            entry.content.resize(std::min<std::size_t>(entry.content.size(), entry.size));
+        }
+        const std::string path = before + (long_name.empty() ? entry.short_name : long_name);
+        const bool is_new = entries.try_emplace(path, entry).second;
+        if (entry.is_directory && is_new) {
+            subdirectories->push_back(path);
+        }
+    }
+
+    reader read_;
+    std::vector<std::uint32_t> links_;
+    std::vector<std::uint32_t> owners_; // how many chains a cluster is part of
+};
+
+} // namespace testing_support
