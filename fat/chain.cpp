@@ -161,15 +161,17 @@ void share_growth(const oentry *grown) {
     }
 }
 
-// Takes the new cluster back after it could not be cleared. Where the entry had no cluster before,
-// its fields keep the number of the freed one; the hint keeps it in every case.
+// Takes the new cluster back after it could not be cleared, or was none. Where the entry had no
+// cluster before, its fields keep the number of the freed one; the hint keeps it in every case.
 void undo_growth(oentry *entry, u32 previous_last, u32 cluster) {
     if (previous_last != 0) {
         (void)fat_write_entry(previous_last, FAT_END_MARK); // the clearing error is the one to tell
         entry->last = previous_last;
         entry->allocated -= cluster_bytes();
     }
-    (void)fat_write_entry(cluster, FAT_FREE); // likewise
+    if (is_data_cluster(cluster)) {
+        (void)fat_write_entry(cluster, FAT_FREE); // likewise
+    }
 }
 
 // One change of an undo. Nothing that fails here could be mended; the error that led here is the
@@ -265,6 +267,7 @@ int fat_extend_dir(oentry *entry, u32 *cluster) {
     int result = fat_alloc_cluster(entry, &new_cluster);
     if (result == 0 && !is_data_cluster(new_cluster)) {
         // A search that met a damaged entry found nothing. Clearing that would hit other areas.
+        undo_growth(entry, previous_last, new_cluster);
         result = -EINVAL;
     }
     if (result < 0) {

@@ -611,6 +611,20 @@ TEST_F(WriteFile, FatThatCannotBeWrittenAllocatesNothing) {
     EXPECT_TRUE(data_transfers().empty());
 }
 
+// The first of two allocations cannot reach the medium, the second would meet a damaged entry.
+TEST_F(WriteFile, FailedWriteOfTheFatIsToldBeforeWhatTheNextSearchMeets) {
+    const int id = v.open_new("FILE       ", {5}, 2048);
+    sv->last_alloc_clus = 9;
+    v.set_link(11, 1);
+    v.disk.unwritable = {volume::fat_sector_of(5)};
+    const bytes fat = v.fat_copy(0);
+    EXPECT_EQ(write(id, some_bytes(2 * 2048)).result, -EIO);
+    EXPECT_EQ(v.fat_copy(0), fat);
+    EXPECT_EQ(mounted::record(id).last, 5U);
+    EXPECT_EQ(mounted::record(id).allocated, 2048U);
+    EXPECT_EQ(sv->last_alloc_clus, 9U);
+}
+
 // The volume's last cluster is taken, the next one cannot be. The undo cannot put its end mark into
 // entry 0 then, but frees the cluster that it can free.
 TEST_F(WriteFile, UndoGoesOnBehindAnEntryThatCannotBeWritten) {
