@@ -817,7 +817,7 @@ private:
                 return static_cast<int>(index + 1 - count);
             }
         }
-        if (disk.shape.width == 16 && dir->start == disk.shape.root_sector) {
+        if (disk.shape.width == 16 && dir->is_root) {
             return -ENOSPC;
         }
         while (run < count) {
