@@ -1,5 +1,5 @@
-// Formatting side by side: quorvel and mkfs.fat on fresh sparse images, with equal sector and cluster
-// sizes and FAT widths.
+// Formatting side by side: quorvel and mkfs.fat on fresh sparse images, with equal sector and
+// cluster sizes and FAT widths.
 //
 // usage: format_bench QUORVEL DIRECTORY [ROUNDS]
 //
