@@ -178,7 +178,7 @@ int fat_open_volume(const char *path, uint8_t long_name, int mode);
  * Returns 0, also when no volume is open; with `compact` 1 also -1 when the file cannot be cut, or
  * a negative errno when the FAT cannot be read: then the volume stays open, without open entries
  * and without an encoding. That is also what becomes of a FAT16 volume from which nothing was
- * allocated since it was opened.
+ * allocated since it was opened, and of one that was neither formatted nor mounted.
  */
 int fat_close_volume(int compact);
 

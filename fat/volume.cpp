@@ -305,7 +305,8 @@ int fat_init_volume(const char *path, u8 long_name) {
 int fat_release_volume(int compact) {
     free_open_entries();
     if (compact == 1) {
-        if (sv == nullptr) {
+        // A volume neither formatted nor mounted would be cut to nothing.
+        if (sv == nullptr || sv->sector_size == 0) {
             REPORT("Check here!\n\n");
             return -EINVAL;
         }

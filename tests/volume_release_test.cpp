@@ -213,6 +213,17 @@ TEST_F(VolumeRelease, WithoutAVolumeTheOpenEntriesAreStillFreed) {
     expect_closed();
 }
 
+// Nothing is known then of what the image holds; by the sums it would be cut to nothing.
+TEST_F(VolumeRelease, AnImageThatWasNeverMountedIsNotCut) {
+    const std::string unknown = scratch.sparse_file("disk.img", 100000);
+    ASSERT_GE(fat_open_volume(unknown.c_str(), 0, 0), 0);
+    EXPECT_EQ(fat_close_volume(1), -EINVAL);
+    EXPECT_EQ(said.text(), "fat_release_volume[N]: Check here!\n\n");
+    EXPECT_EQ(std::filesystem::file_size(unknown), 100000U);
+    ASSERT_NE(sv, nullptr);
+    EXPECT_EQ(fat_close_volume(0), 0);
+}
+
 TEST_F(VolumeRelease, WithoutAVolumeThereIsNothingToCompact) {
     EXPECT_EQ(fat_release_volume(1), -EINVAL);
     EXPECT_EQ(said.text(), "fat_release_volume[N]: Check here!\n\n");
