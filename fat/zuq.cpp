@@ -12,19 +12,17 @@ using namespace fat;
 
 namespace {
 
-constexpr char POOL_NAME[] = "ZUQ_POOL.SY$";
-constexpr char LOG_NAME[] = "$ZUQ_LOG.LO$";
+using reserved_name = char[DOS_CSTRING_SIZE];
+constexpr reserved_name POOL_NAME = "ZUQ_POOL.SY$";
+constexpr reserved_name LOG_NAME = "$ZUQ_LOG.LO$";
 constexpr u32 LOG_BYTES = 128 * 1024; // at least; rounded up to full clusters
 constexpr u32 RESERVED_ATTR = ATTR_READ_ONLY | ATTR_HIDDEN | ATTR_SYSTEM;
 constexpr int ROOT_ID = 0;
 
-using name_buffer = char[DOS_CSTRING_SIZE];
-static_assert(sizeof POOL_NAME <= sizeof(name_buffer) && sizeof LOG_NAME <= sizeof(name_buffer));
-
 // Creates a file in the root directory; the name is converted in place, so it is given as a copy.
-int create_reserved(oentry *root, const char *name) {
-    name_buffer copy = {};
-    std::strncpy(copy, name, sizeof copy - 1);
+int create_reserved(oentry *root, const reserved_name &name) {
+    reserved_name copy;
+    std::memcpy(copy, name, sizeof copy);
     return do_create(root, copy, DENTRY_FILE);
 }
 
