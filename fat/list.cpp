@@ -42,12 +42,12 @@ void fill_short_item(const u8 *entry, dir_item *item) {
     convert_dosname_to_cstring(entry, item->name, static_cast<u8>(load(entry, SHORT_SYSID)));
 }
 
-// The item of the short entry behind a long name. A name that the encoding does not have is shown
-// by its short form.
+// The item of the short entry behind a long name. An empty one, or one that the encoding does not
+// have, is shown by its short form.
 void fill_long_item(const u8 *entry, const u16 *units, dir_item *item) {
     fill_short_item(entry, item);
     char name[LONG_NAME_UNITS + 1] = {}; // 256 units without a terminator leave none here
-    if (convert_uname_to_cstring(units, name) >= 0) {
+    if (convert_uname_to_cstring(units, name) > 0) {
         name[sizeof item->name - 1] = '\0';
         std::memcpy(item->name, name, sizeof item->name);
     }
@@ -80,43 +80,44 @@ int read_item(oentry *dir, u32 index, u8 **entry, dir_item *item, u8 *sector_buf
 
 // ---- slots ----
 
-// What the slot printer says about an entry, and which of its printers shows the fields.
+// The line that the slot printer has for an entry, with its index, and which of the printers shows
+// the fields.
 struct slot_description {
-    const char *text;
+    const char *line;
     void (*print_fields)(FILE *stream, const u8 *entry);
 };
 
 slot_description describe_deleted(const u8 *entry) {
     const u32 attr = load(entry, SHORT_ATTR);
     if ((attr & ATTR_LONG_NAME_MASK) == ATTR_LONG_NAME) {
-        return {"deleted extended entry", print_long_slot};
+        return {"[%u] deleted extended entry\n", print_long_slot};
     }
     switch (attr & ATTR_KIND_MASK) {
     case 0:
-        return {"deleted file", print_short_entry};
+        return {"[%u] deleted file\n", print_short_entry};
     case ATTR_DIRECTORY:
-        return {"deleted directory", print_short_entry};
+        return {"[%u] deleted directory\n", print_short_entry};
     default:
-        return {"deleted entry", nullptr};
+        return {"[%u] deleted entry\n", nullptr};
     }
 }
 
 slot_description describe_slot(u32 type, const u8 *entry) {
     switch (type) {
     case DENTRY_UNUSED:
-        return {"unused", nullptr};
+        return {"[%u] unused\n", nullptr};
     case DENTRY_VOLUME:
-        return {"volume entry", nullptr};
+        return {"[%u] volume entry\n", nullptr};
     case DENTRY_DELETED:
         return describe_deleted(entry);
     case DENTRY_DIR:
-        return {"directory", print_short_entry};
+        return {"[%u] directory\n", print_short_entry};
     case DENTRY_FILE:
-        return {"file(short name)", print_short_entry};
+        return {"[%u] file(short name)\n", print_short_entry};
     case DENTRY_LFN:
-        return {"extended slot", print_long_slot};
+        return {"[%u] extended slot\n", print_long_slot};
     default:
-        return {"invalid entry", print_short_entry};
+        return {"[%u] invalid entry\n", print_short_entry};
     }
 }
 
@@ -251,7 +252,7 @@ int print_slot(u32 index, int mode, const u8 *entry, FILE *stream) {
     FILE *out = stream_or_stdout(stream);
     const u32 type = entry_type(entry);
     const slot_description description = describe_slot(type, entry);
-    std::fprintf(out, "[%u] %s\n", index, description.text);
+    std::fprintf(out, description.line, index);
     if (mode == MODE_FIELDS && description.print_fields != nullptr) {
         description.print_fields(out, entry);
     }
