@@ -79,11 +79,12 @@ int append_name(owner_search *search, oentry *dir, u32 index) {
         return result;
     }
     const std::size_t length = std::strlen(search->path);
-    if (length + std::strlen(name) + 1 >= MAX_PATHNAME) {
+    const std::size_t name_length = std::strlen(name);
+    if (length + name_length + 1 >= MAX_PATHNAME) {
         return -ENAMETOOLONG;
     }
     search->path[length] = '/';
-    std::strcpy(search->path + length + 1, name);
+    std::memcpy(search->path + length + 1, name, name_length + 1);
     return 0;
 }
 
@@ -177,6 +178,8 @@ int search_directory(owner_search *search, oentry *dir) {
 
 } // namespace
 
+// Both outputs are written, by way of the search's record.
+// NOLINTNEXTLINE(readability-non-const-parameter)
 int find_entry_with_clu(oentry *dir, u32 cluster, u32 *parent, char *path) {
     if (dir == nullptr || path == nullptr) {
         REPORT("Check here!\n\n");
