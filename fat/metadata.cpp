@@ -88,7 +88,7 @@ int append_name(owner_search *search, oentry *dir, u32 index) {
     return 0;
 }
 
-// Ends the search at entry `index` of the directory, whose name is in the path.
+// Ends the search at entry `index` of the directory.
 int found_owner(const owner_search &search, const oentry *dir, u32 index) {
     if (search.parent != nullptr) {
         *search.parent = base_cluster(dir);
@@ -101,8 +101,9 @@ int look_at_file(owner_search *search, oentry *dir, u32 index, const u8 *entry) 
     if (start == 0 || !owns_cluster(*search, start)) {
         return -ENOENT;
     }
+    const int found = found_owner(*search, dir, index);
     const int named = append_name(search, dir, index);
-    return named < 0 ? named : found_owner(*search, dir, index);
+    return named < 0 ? named : found;
 }
 
 // Searches the directory at entry `index` of `dir`, with an id of its own.

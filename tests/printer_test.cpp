@@ -330,8 +330,10 @@ TEST(TestOentry, TellsTheOpenedParentOfAFirstLevelDirectory) {
     inside.append(short_entry("..         ", DIRECTORY, 0));
     const int id = v.open_new("SUB        ", {5}, 0, DIRECTORY);
     ASSERT_EQ(fat_set_current(id), id);
-    const int parent = fat_open("..");
-    ASSERT_EQ(parent, 2);
+    {
+        const diagnostics said;
+        ASSERT_EQ(fat_open(".."), 2);
+    }
     EXPECT_EQ(to_output([] { test_oentry(0, 2); }),
               printed("Test open entry(2)\n -- wrong mapping of root directory index\n"));
 }
@@ -576,6 +578,8 @@ TEST(PrintUname, ShowsAPairThatTheLimitCutsAsAQuestionMark) {
     const locale_of_program utf8("C.UTF-8");
     std::vector<u16> units(256, u'x');
     units[255] = 0xD83D;
+    EXPECT_EQ(uname_printed(units), printed(std::string(255, 'x') + "?\n"));
+    units.push_back(0xDE00);
     EXPECT_EQ(uname_printed(units), printed(std::string(255, 'x') + "?\n"));
     units[254] = 0xD83D;
     units[255] = 0xDE00;

@@ -251,7 +251,16 @@ int __wrap_close(int fd) {
 }
 
 ssize_t __wrap_read(int fd, void *buffer, std::size_t count) {
-    return fails(call::read) ? -1 : __real_read(fd, buffer, cut(count));
+    if (fails(call::read)) {
+        return -1;
+    }
+    if (picture.invented_bytes < 0) {
+        return __real_read(fd, buffer, cut(count));
+    }
+    const std::int64_t told =
+        std::min(static_cast<std::int64_t>(cut(count)), picture.invented_bytes);
+    picture.invented_bytes -= told;
+    return told;
 }
 
 ssize_t __wrap_write(int fd, const void *buffer, std::size_t count) {

@@ -74,6 +74,7 @@ struct device_picture {
     std::int64_t ioctl_sectors = -1;        // answer of ioctl(BLKGETSIZE)
     std::int64_t seek_end = -1;             // answer of lseek(fd, 0, SEEK_END)
     std::int64_t short_transfer_bytes = -1; // reads and writes move at most this many bytes
+    std::int64_t invented_bytes = -1;       // so many are read in all, the buffers left as they are
 };
 class pretended_device {
 public:
