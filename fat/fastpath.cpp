@@ -156,10 +156,10 @@ void store_short_name(const fast_walk &walk, const u8 *entry) {
     store_name(walk, text);
 }
 
-// An empty name, or one that the encoding does not have, is shown by its short form.
+// A name that the encoding does not have is shown by its short form.
 void store_long_name(const fast_walk &walk, const u16 *units, const u8 *short_entry) {
     char text[LONG_NAME_UNITS + 1] = {};
-    if (convert_uname_to_cstring(units, text) > 0) {
+    if (convert_uname_to_cstring(units, text) >= 0) {
         store_name(walk, text);
     } else {
         store_short_name(walk, short_entry);

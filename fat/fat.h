@@ -9,6 +9,8 @@
  *  4. Sizes are in bytes, sector numbers count from the start of the target in units of the
  *     volume's sector size, cluster numbers count from 2.
  *  5. Diagnostics go to one stream, standard error unless fat_set_diagnostics() chose another.
+ *  6. Where "no volume is mounted" is an error, one that was formatted and not mounted yet serves
+ *     the calls that need no directory.
  *
  * The on-medium format is FAT16 and FAT32 with long names as fatgen103, the white paper on the FAT
  * file system, describes it.

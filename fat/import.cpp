@@ -72,7 +72,7 @@ int copy_link(const char *host_path, const char *volume_path, u8 *chunk) {
     char *target = reinterpret_cast<char *>(chunk);
     const ssize_t length = readlink(host_path, target, CHUNK);
     if (length < 1) {
-        const int error = length < 0 ? errno : EINVAL; // no system has empty links
+        const int error = errno != 0 ? errno : EINVAL; // an empty link leaves errno alone
         report_at("fat_copy_to_zuq", __LINE__, "Cannot read link!\n\n");
         return -error;
     }

@@ -42,12 +42,12 @@ void fill_short_item(const u8 *entry, dir_item *item) {
     convert_dosname_to_cstring(entry, item->name, static_cast<u8>(load(entry, SHORT_SYSID)));
 }
 
-// The item of the short entry behind a long name. An empty one, or one that the encoding does not
-// have, is shown by its short form.
+// The item of the short entry behind a long name. A name that the encoding does not have is shown
+// by its short form.
 void fill_long_item(const u8 *entry, const u16 *units, dir_item *item) {
     fill_short_item(entry, item);
     char name[LONG_NAME_UNITS + 1] = {}; // 256 units without a terminator leave none here
-    if (convert_uname_to_cstring(units, name) > 0) {
+    if (convert_uname_to_cstring(units, name) >= 0) {
         name[sizeof item->name - 1] = '\0';
         std::memcpy(item->name, name, sizeof item->name);
     }

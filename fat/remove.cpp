@@ -247,9 +247,9 @@ int get_name_of_entry(u32 base_clu, u32 index, char *out, u32 size) {
     if (!gather_backwards(base_clu, index, checksum, sector_buf.get(), units)) {
         return 0;
     }
-    // An empty name, or one that the encoding does not have, is shown by its short form.
+    // A name that the encoding does not have is shown by its short form.
     char long_name[LONG_NAME_UNITS + 1] = {};
-    if (convert_uname_to_cstring(units, long_name) > 0) {
+    if (convert_uname_to_cstring(units, long_name) >= 0) {
         std::memcpy(out, long_name, LONG_NAME_UNITS);
     }
     return 0;
