@@ -102,7 +102,8 @@ void fill_fields(const u8 *entry, fat_entry_info *info) {
 
 void fill_names(const u8 *entry, const name_run &run, fat_entry_info *info) {
     short_text(entry, 0, info->short_name);
-    const bool shows_long = sv->long_name != 0 && run.belongs_to(entry);
+    const bool is_label = entry_type(entry) == DENTRY_VOLUME; // has its 11 bytes alone
+    const bool shows_long = !is_label && sv->long_name != 0 && run.belongs_to(entry);
     if (!shows_long || !has_shown_name(run.units, info->name)) {
         short_text(entry, static_cast<u8>(load(entry, SHORT_SYSID)), info->name);
     }
@@ -192,13 +193,10 @@ int find_names(const oentry *entry, fat_entry_info *info) {
 } // namespace
 
 int fat_next_entry(int did, uint32_t *index, fat_entry_info *info) {
-    if (not_mounted(__func__)) {
+    if (index == nullptr || info == nullptr || not_mounted(__func__)) {
         return -EINVAL;
     }
     const quiet_scope quiet;
-    if (index == nullptr || info == nullptr) {
-        return -EINVAL;
-    }
     const oentry *dir = entry_of(did);
     if (dir == nullptr) {
         return -EBADF;
@@ -223,13 +221,10 @@ int fat_next_entry(int did, uint32_t *index, fat_entry_info *info) {
 }
 
 int fat_info_of(int id, fat_entry_info *info) {
-    if (not_mounted(__func__)) {
+    if (info == nullptr || not_mounted(__func__)) {
         return -EINVAL;
     }
     const quiet_scope quiet;
-    if (info == nullptr) {
-        return -EINVAL;
-    }
     const oentry *entry = entry_of(id);
     if (entry == nullptr) {
         return -EBADF;

@@ -225,7 +225,7 @@ int fat_delete_mbr(const char *path);
 /*
  * Chooses the character encoding of the names that the library takes and gives, by its iconv name
  * ("UTF-8", "ISO-8859-1", ...). Until then names with a long form are plain ASCII. It holds until
- * another is chosen or the volume is closed.
+ * another is chosen or the volume is closed. Characters beyond U+FFFF have no conversion.
  *
  * Returns 0, also when no volume is open or `charset` is NULL (nothing is done), or -EINVAL when
  * the system has no such conversion; a direction that it does have is then in use.
@@ -500,8 +500,10 @@ int zuq_get_fast_open_path_of_file(int id, char *name, char *path);
  * a long name is made of the long-name slot in front, as the driver has it.
  *
  * Returns 1, 0 or -ENOENT at the end of the directory (`path` is then of no use), -EINVAL (NULL, no
- * such id, no volume is open, a broken directory), -EIO, -ENOMEM, or -1 for a broken chain and
- * behind the end of a FAT16 root directory. Open the directory again to begin anew.
+ * such id, no volume is mounted, a broken directory), -EIO, -ENOMEM, -EFAULT (behind a FAT16 root
+ * directory whose entries are all used, or a chain that ends in a long name), or -1 for a broken
+ * chain and further behind the end of a FAT16 root directory. Open the directory again to begin
+ * anew.
  */
 int zuq_get_fast_open_path_of_dir(int id, char *name, char *path);
 

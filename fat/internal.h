@@ -670,7 +670,8 @@ inline constexpr u32 MAX_PATHNAME = 4096; // bytes of an absolute path with its 
 
 // Gathers the long name whose last slot is `*current`, entry `index` counted from the start of
 // `cluster` (0: the FAT16 root area), into `uname` (256 units). Returns its slots, 0 for a broken
-// name, or the error of the walk. `*current` is moved into `sector_buf` (one sector).
+// name, or the error of the walk. `*current` is moved into `sector_buf` (one sector). `uname` is to
+// be zeroed: a name that fills its slots is not terminated.
 [[nodiscard]] int get_long_name_fast(u32 cluster, u32 index, u8 **current, u8 *sector_buf,
                                      u16 *uname);
 

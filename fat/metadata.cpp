@@ -363,10 +363,6 @@ int fat_find_pathname(uint32_t cluster, char *buffer, uint32_t size) {
 
 int fat_getcwd(char *buffer, uint32_t size) {
     constexpr char ROOT[] = "/";
-    if (buffer == nullptr || size < sizeof ROOT) {
-        REPORT("Invalid arg!\n\n");
-        return -EINVAL;
-    }
     if (not_mounted(__func__)) {
         return -EINVAL;
     }
@@ -376,6 +372,10 @@ int fat_getcwd(char *buffer, uint32_t size) {
         return -EINVAL;
     }
     if (current == sv->root_dir) {
+        if (buffer == nullptr || size < sizeof ROOT) {
+            REPORT("Invalid arg!\n\n");
+            return -EINVAL;
+        }
         std::memset(buffer, 0, size);
         std::memcpy(buffer, ROOT, sizeof ROOT);
         return 0;

@@ -33,6 +33,9 @@ int finish_entry(int id, const oentry *entry, u32 size) {
     return fat_update_entry(id);
 }
 
+// A search for a free cluster that met a damaged FAT entry finds none, and says 0. What is written
+// there would hit other areas.
+
 // ---- pool ----
 
 void fill_pool_header(u8 *cluster_data, u32 index, u32 cluster) {
@@ -50,7 +53,8 @@ void fill_pool_header(u8 *cluster_data, u32 index, u32 cluster) {
 int write_pool_cluster(u8 *cluster_data, u32 index, u32 cluster) {
     fill_pool_header(cluster_data, index, cluster);
     u32 sector = 0;
-    const int result = get_phy_sector_by_offset(cluster, 0, &sector);
+    const bool is_in_root_area = cluster == 0 && sv->fat_type != 32; // where 0 would lead to
+    const int result = is_in_root_area ? -EINVAL : get_phy_sector_by_offset(cluster, 0, &sector);
     if (result < 0) {
         report_at("zuq_make_pool", __LINE__, "Failed to get sector!\n\n");
         return result;
@@ -91,7 +95,10 @@ int fill_pool(int id, u32 index, u8 *cluster_data) {
 int append_cleared_cluster(oentry *log) {
     u32 cluster = 0;
     const int result = fat_alloc_cluster(log, &cluster);
-    return result < 0 ? result : clear_cluster(cluster);
+    if (result < 0) {
+        return result;
+    }
+    return is_data_cluster(cluster) ? clear_cluster(cluster) : -EINVAL;
 }
 
 int fill_log(int id) {
@@ -201,6 +208,9 @@ int zuq_make_log(void) {
 }
 
 int fat_find_pool(uint32_t key) {
+    if (no_volume(__func__)) {
+        return -EINVAL;
+    }
     const int id = fat_open_file(POOL_NAME);
     if (id < 0) {
         REPORT("Failed to open file!\n\n");

@@ -299,6 +299,25 @@ TEST(MakePoolTest, LiesInTheRootWhateverIsCurrent) {
     EXPECT_EQ(get_current(), id);
 }
 
+// The attributes come on top of those that creation gives, which are none but in permission mode.
+TEST(MakePoolTest, KeepsTheBitsOfThePermissionMode) {
+    zuq_case c({.sec_per_clus = 64});
+    fat_perm = {1, 0x1234, 0, 0600, 0};
+    sv->last_alloc_clus = 99;
+    EXPECT_EQ(c.make_pool(), (answer{0, ""}));
+    EXPECT_EQ(c.make_log(), (answer{0, ""}));
+    fat_perm = {};
+    entry_image pool = made_entry(POOL, READ_ONLY | HIDDEN | SYSTEM | ARCHIVE, 100, 32768);
+    entry_image log = made_entry(LOG, READ_ONLY | HIDDEN | SYSTEM | ARCHIVE, 101, 131072);
+    for (entry_image *entry : {&pool, &log}) {
+        (*entry)[13] = 0x1C; // the group may do nothing
+        (*entry)[14] = 0x34;
+        (*entry)[15] = 0x12;
+    }
+    EXPECT_EQ(c.v.top.at(1), pool);
+    EXPECT_EQ(c.v.top.at(2), log);
+}
+
 TEST(MakePoolTest, TakesTheSlotOfARemovedEntry) {
     zuq_case c;
     c.v.top.append(short_entry("A       TXT"));

@@ -260,7 +260,7 @@ ssize_t __wrap_read(int fd, void *buffer, std::size_t count) {
     const std::int64_t told =
         std::min(static_cast<std::int64_t>(cut(count)), picture.invented_bytes);
     picture.invented_bytes -= told;
-    return told;
+    return static_cast<ssize_t>(told);
 }
 
 ssize_t __wrap_write(int fd, const void *buffer, std::size_t count) {
