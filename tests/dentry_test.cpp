@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
+
 #include <ctime>
 
 using namespace testing_support;
@@ -142,7 +144,7 @@ TEST(SetEntryTime, AMomentWithoutACalendarYearLeavesTheStampAsItIs) {
     if (sizeof(time_t) < 8) {
         GTEST_SKIP() << "every time has a year here";
     }
-    EXPECT_EQ(stamp_at(INT64_MAX, "UTC0"), (packed{0, 0}));
+    EXPECT_EQ(stamp_at(std::numeric_limits<time_t>::max(), "UTC0"), (packed{0, 0}));
 }
 
 TEST(SetVolumeEntry, HasNameKindAndStampOnly) {

@@ -425,7 +425,7 @@ INSTANTIATE_TEST_SUITE_P(Shapes, FilesAtRandom, testing::ValuesIn(RANDOM_SHAPES)
 } // namespace
 
 TEST_P(FilesAtRandom, AreWrittenAndReadAsByThePlainAccount) {
-    for (int round = 0; round < 40; round++) {
+    for (int round = 0; round < 60; round++) {
         start_anew();
         for (int call = 0; call < 25; call++) {
             SCOPED_TRACE("volume " + std::to_string(round) + ", call " + std::to_string(call));

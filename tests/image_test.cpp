@@ -73,8 +73,9 @@ public:
 
     void put(std::uint64_t offset, const bytes &content) {
         for (std::size_t done = 0; done < content.size();) {
-            const std::uint64_t inside = (offset + done) % BLOCK;
-            const std::size_t part = std::min<std::size_t>(BLOCK - inside, content.size() - done);
+            const auto inside = static_cast<std::size_t>((offset + done) % BLOCK);
+            const std::size_t part =
+                std::min(static_cast<std::size_t>(BLOCK) - inside, content.size() - done);
             std::memcpy(block_at((offset + done) / BLOCK).data() + inside, content.data() + done,
                         part);
             done += part;
@@ -83,7 +84,7 @@ public:
     void clear(std::uint64_t offset, std::uint64_t size) {
         for (std::uint64_t done = 0; done < size;) {
             const std::uint64_t inside = (offset + done) % BLOCK;
-            const std::uint64_t part = std::min(BLOCK - inside, size - done);
+            const auto part = static_cast<std::size_t>(std::min(BLOCK - inside, size - done));
             std::memset(block_at((offset + done) / BLOCK).data() + inside, 0, part);
             done += part;
         }
@@ -574,11 +575,11 @@ const on_file FILES[] = {
 };
 
 std::string file_of_old_bytes(const scratch_directory &directory, std::uint64_t size) {
-    bytes content((size + BLOCK - 1) / BLOCK * BLOCK);
+    bytes content(static_cast<std::size_t>((size + BLOCK - 1) / BLOCK * BLOCK));
     for (std::uint64_t at = 0; at < content.size(); at += BLOCK) {
         paint_old_block(at / BLOCK, 0, content.data() + at);
     }
-    content.resize(size);
+    content.resize(static_cast<std::size_t>(size));
     return directory.file_with("image", content);
 }
 
@@ -587,7 +588,7 @@ void expect_file(const std::string &path, std::uint64_t size, const picture &ima
     ASSERT_EQ(content.size(), size);
     for (std::uint64_t at = 0; at < content.size(); at += BLOCK) {
         bytes expected = image.block(at / BLOCK);
-        expected.resize(std::min(BLOCK, size - at));
+        expected.resize(static_cast<std::size_t>(std::min(BLOCK, size - at)));
         ASSERT_EQ(difference(content.data() + at, expected, at / BLOCK), "");
     }
 }

@@ -32,8 +32,8 @@ using namespace testing_support;
 
 namespace {
 
-constexpr std::size_t KIB = 1024, MIB = 1024 * KIB;
-constexpr std::size_t CHUNK = 8 * MIB;
+constexpr std::uint64_t KIB = 1024, MIB = 1024 * KIB;
+constexpr std::uint32_t CHUNK = 8 * MIB;
 constexpr time_t LEAP_DAY_2024 = 1709210096; // 29 February 2024, 12:34:56 UTC
 
 std::string import_says(const std::string &text) {
@@ -598,7 +598,7 @@ TEST_F(ImportLargeFile, SparseGibibyteArrivesWhole) {
     ASSERT_EQ(clusters.size(), SIZE / mounted::cluster_bytes());
     EXPECT_EQ(moved(), SIZE / sv->sector_size);
     for (const auto &[offset, mark] : marks) {
-        const u32 cluster = clusters[offset / mounted::cluster_bytes()];
+        const u32 cluster = clusters[static_cast<std::size_t>(offset / mounted::cluster_bytes())];
         const std::uint64_t at = mounted::byte_of(cluster) + offset % mounted::cluster_bytes();
         EXPECT_EQ(v.disk.peek(at, 1), bytes{mark}) << offset;
     }

@@ -392,7 +392,7 @@ TEST_P(Hostile, SeveralNumbersAtOnce) {
     for (int i = 0; i < 4000; i++) {
         std::vector<u8> sector = target->boot_sector();
         for (u64 changes = 1 + below(4); changes > 0; changes--) {
-            const place &field = NUMBERS[below(NUMBERS.size())];
+            const place &field = NUMBERS[static_cast<std::size_t>(below(NUMBERS.size()))];
             put_number(&sector, field.offset, field.size, value_for(field));
         }
         if (below(2) == 0) {
@@ -415,7 +415,7 @@ TEST_P(Hostile, MountedAgainWithOtherNumbers) {
         for (int again = 0; again < 3; again++) {
             std::vector<u8> sector = target->boot_sector();
             for (u64 changes = 1 + below(3); changes > 0; changes--) {
-                const place &field = NUMBERS[below(NUMBERS.size())];
+                const place &field = NUMBERS[static_cast<std::size_t>(below(NUMBERS.size()))];
                 put_number(&sector, field.offset, field.size, value_for(field));
             }
             disk.poke(0, sector);

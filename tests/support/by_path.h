@@ -134,7 +134,7 @@ inline volume_areas areas_of_open_volume() {
 inline bytes read_bytes(std::uint64_t offset, std::size_t size) {
     const std::uint64_t first = offset / sv->sector_size;
     const std::uint64_t last = (offset + size - 1) / sv->sector_size;
-    bytes sectors((last - first + 1) * sv->sector_size);
+    bytes sectors(static_cast<std::size_t>(last - first + 1) * sv->sector_size);
     if (read_sectors(sectors.data(), first, static_cast<std::uint32_t>(last - first + 1)) <= 0) {
         throw std::runtime_error("the volume cannot be read");
     }

@@ -321,7 +321,7 @@ private:
     [[nodiscard]] byte_string fat_sector(std::uint64_t first) const {
         byte_string result;
         for (std::uint64_t i = first; result.size() < shape.sector_bytes; i++) {
-            const std::uint32_t link = i < links.size() ? links[i] : 0;
+            const std::uint32_t link = i < links.size() ? links[static_cast<std::size_t>(i)] : 0;
             for (std::uint32_t bit = 0; bit < shape.width; bit += 8) {
                 result.push_back(static_cast<std::uint8_t>(link >> bit));
             }

@@ -346,7 +346,8 @@ public:
     }
     [[nodiscard]] std::uint64_t offset_of(std::uint32_t index) const {
         const std::uint64_t byte = std::uint64_t{index} * 32;
-        return std::uint64_t{sectors.at(byte / sv->sector_size)} * sv->sector_size +
+        return std::uint64_t{sectors.at(static_cast<std::size_t>(byte / sv->sector_size))} *
+                   sv->sector_size +
                byte % sv->sector_size;
     }
     void put(std::uint32_t index, const entry_image &entry) {
