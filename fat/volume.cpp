@@ -6,11 +6,13 @@
 
 #include "fat/internal.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstring>
 #include <iterator>
+#include <utility>
 
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -28,6 +30,10 @@ namespace {
 
 constexpr u32 DEVICE_SECTOR = 512; // the unit of BLKGETSIZE, whatever the device's own sector
 constexpr int LAST_STANDARD_DESCRIPTOR = 2;
+
+// A walk begins with single sectors, since most end soon, and speeds up while it goes on.
+constexpr u32 WINDOW_BYTES = 64 * 1024;
+constexpr u32 WINDOW_GROWTH = 4;
 
 void use_file_transfers() {
     read_sectors = file_read_sectors;
@@ -112,7 +118,7 @@ void drop_volume() {
 // Raises the allocation hint to the highest cluster in use. The two highest cluster numbers are
 // never looked at; the bound is meant to stay as it is.
 int find_last_allocated() {
-    fat_window window;
+    sector_window window;
     for (u32 cluster = sv->last_alloc_clus + 1; cluster < sv->num_clusters; cluster++) {
         const int value = follow_link(&window, cluster);
         if (value < 0) {
@@ -150,6 +156,18 @@ int release_compacted() {
     }
     drop_volume();
     return result;
+}
+
+// Replaces the buffer by a larger one; what it held is gone then.
+bool grow_window(sector_window *window, u32 sectors) {
+    heap_ptr<u8> larger = zeroed_bytes(sectors, sv->sector_size);
+    if (larger == nullptr) {
+        return false;
+    }
+    window->buffer = std::move(larger);
+    window->room = sectors;
+    window->count = 0;
+    return true;
 }
 
 } // namespace
@@ -264,6 +282,47 @@ int file_write_sectors(void *buf, u64 sector, u32 count) {
         return -EIO;
     }
     return whole_sectors(bytes);
+}
+
+// ---- reading ahead ----------------------------------------------------------------------------
+
+u8 *sector_window::find(u64 sector) const {
+    return sector >= first && sector - first < count
+               ? buffer.get() + (sector - first) * sv->sector_size
+               : nullptr;
+}
+
+bool reserve_sector(sector_window *window) {
+    return window->buffer != nullptr || grow_window(window, 1);
+}
+
+bool read_ahead(sector_window *window, u64 sector, u32 most, bool goes_on) {
+    const u32 limit = std::min(most, WINDOW_BYTES / sv->sector_size);
+    const u32 wanted = goes_on ? std::min(window->span * WINDOW_GROWTH, limit) : 1;
+    window->span = 1;
+    if (wanted <= 1 || (window->room < wanted && !grow_window(window, wanted))) {
+        return false;
+    }
+    window->count = 0;
+    if (read_sectors(window->buffer.get(), sector, wanted) != static_cast<int>(wanted)) {
+        return false;
+    }
+    window->first = sector;
+    window->count = window->span = wanted;
+    return true;
+}
+
+void refresh_sector(sector_window *window, u64 sector, const u8 *content) {
+    u8 *held = window->find(sector);
+    if (held != nullptr) {
+        std::memcpy(held, content, sv->sector_size);
+    }
+}
+
+void forget_sector(sector_window *window, u64 sector) {
+    if (window->find(sector) != nullptr) {
+        window->count = 0;
+    }
 }
 
 // ---- opening and release ----------------------------------------------------------------------
