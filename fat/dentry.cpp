@@ -114,13 +114,13 @@ int read_dentry_sector(u32 sector, u8 *sector_buf) {
     return 0;
 }
 
-// The same for a walk, which reads sectors that lie side by side together. `goes_on`: the sector is
-// the one behind that which the walk stood in.
+// The same for a walk. Its first sector is read alone, since most walks end there; one that goes on
+// reads what lies side by side together.
 int read_walk_sector(dentry_walk *walk, bool goes_on) {
     const u32 sector = walk->location.sector;
     if (walk->ahead.find(sector) != nullptr ||
-        read_ahead(&walk->ahead, sector, sectors_side_by_side(walk->place, walk->base_clu, sector),
-                   goes_on)) {
+        (goes_on && read_ahead(&walk->ahead, sector,
+                               sectors_side_by_side(walk->place, walk->base_clu, sector)))) {
         std::memcpy(walk->sector_buf.get(), walk->ahead.find(sector), sv->sector_size);
         return 0;
     }

@@ -58,15 +58,28 @@ int load_sector(sector_window *window, u64 sector) {
     return 0;
 }
 
+// How many sectors of the FAT a walk reads together. It begins with single ones, since most walks
+// end soon; one that goes on in order reads four times as many as it has passed.
+u32 sectors_to_read(const sector_window &window, u64 sector) {
+    constexpr u32 SINGLE_SECTORS = 4;
+    const u64 behind_fat = static_cast<u64>(sv->fat_start) + sv->fat_size;
+    if (window.in_order < SINGLE_SECTORS || sector >= behind_fat) {
+        return 1;
+    }
+    return static_cast<u32>(std::min<u64>(window.in_order * 4ULL, behind_fat - sector));
+}
+
 // The same for a walk, which may find more sectors of the FAT in the window.
 int fill_window(sector_window *window, u64 sector) {
     if (window->find(sector) != nullptr) {
         return 0;
     }
-    const u64 behind_fat = static_cast<u64>(sv->fat_start) + sv->fat_size;
-    const u32 most = sector < behind_fat ? static_cast<u32>(behind_fat - sector) : 1;
     const bool goes_on = window->count > 0 && sector == window->first + window->count;
-    return read_ahead(window, sector, most, goes_on) ? 0 : load_sector(window, sector);
+    window->in_order = goes_on ? window->in_order + window->count : 0;
+    if (read_ahead(window, sector, sectors_to_read(*window, sector))) {
+        return 0;
+    }
+    return load_sector(window, sector);
 }
 
 // Zero when each of `COUNT` FAT entries in a row holds the number behind that of the entry before

@@ -92,10 +92,10 @@ inline constexpr mode_t IMAGE_MODE = 0660;
 // call, and is to be told of what that call writes.
 struct sector_window {
     heap_ptr<u8> buffer;
-    u32 room = 0;  // sectors that the buffer takes
-    u64 first = 0; // sector that it begins with
-    u32 count = 0; // sectors that it holds, 0: none
-    u32 span = 1;  // sectors of the last transfer
+    u32 room = 0;     // sectors that the buffer takes
+    u64 first = 0;    // sector that it begins with
+    u32 count = 0;    // sectors that it holds, 0: none
+    u32 in_order = 0; // sectors that the walk has passed without a jump, kept by its owner
 
     // The bytes of a sector, null where the window does not hold it.
     [[nodiscard]] u8 *find(u64 sector) const;
@@ -104,11 +104,10 @@ struct sector_window {
 // Makes room for one sector at least. False when there is no memory.
 [[nodiscard]] bool reserve_sector(sector_window *window);
 
-// To be called with each sector that the window does not hold, and whether the walk goes on with it
-// in its order. Then it is read together with those behind it, `most` sectors at most, and more
-// every time; true when the window holds it now. Otherwise the caller reads the one sector: a bad
-// sector further on, a short transfer or a lack of memory are nobody's failure here.
-[[nodiscard]] bool read_ahead(sector_window *window, u64 sector, u32 most, bool goes_on);
+// Reads `count` sectors, or as many as a window is to hold, where that is more than one. True when
+// the window holds `sector` then. Otherwise the caller reads the one sector: a bad sector further
+// on, a short transfer or a lack of memory are nobody's failure here.
+[[nodiscard]] bool read_ahead(sector_window *window, u64 sector, u32 count);
 
 // Puts what was written to a sector into the window that holds it.
 void refresh_sector(sector_window *window, u64 sector, const u8 *content);

@@ -31,9 +31,7 @@ namespace {
 constexpr u32 DEVICE_SECTOR = 512; // the unit of BLKGETSIZE, whatever the device's own sector
 constexpr int LAST_STANDARD_DESCRIPTOR = 2;
 
-// A walk begins with single sectors, since most end soon, and speeds up while it goes on.
-constexpr u32 WINDOW_BYTES = 64 * 1024;
-constexpr u32 WINDOW_GROWTH = 4;
+constexpr u32 WINDOW_BYTES = 64 * 1024; // that a window holds at most
 
 void use_file_transfers() {
     read_sectors = file_read_sectors;
@@ -296,19 +294,17 @@ bool reserve_sector(sector_window *window) {
     return window->buffer != nullptr || grow_window(window, 1);
 }
 
-bool read_ahead(sector_window *window, u64 sector, u32 most, bool goes_on) {
-    const u32 limit = std::min(most, WINDOW_BYTES / sv->sector_size);
-    const u32 wanted = goes_on ? std::min(window->span * WINDOW_GROWTH, limit) : 1;
-    window->span = 1;
-    if (wanted <= 1 || (window->room < wanted && !grow_window(window, wanted))) {
+bool read_ahead(sector_window *window, u64 sector, u32 count) {
+    count = std::min(count, WINDOW_BYTES / sv->sector_size);
+    if (count <= 1 || (window->room < count && !grow_window(window, count))) {
         return false;
     }
     window->count = 0;
-    if (read_sectors(window->buffer.get(), sector, wanted) != static_cast<int>(wanted)) {
+    if (read_sectors(window->buffer.get(), sector, count) != static_cast<int>(count)) {
         return false;
     }
     window->first = sector;
-    window->count = window->span = wanted;
+    window->count = count;
     return true;
 }
 
