@@ -59,14 +59,14 @@ int load_sector(sector_window *window, u64 sector) {
 }
 
 // How many sectors of the FAT a walk reads together. It begins with single ones, since most walks
-// end soon; one that goes on in order reads four times as many as it has passed.
+// end soon; one that goes on in order reads as many again as it has passed.
 u32 sectors_to_read(const sector_window &window, u64 sector) {
     constexpr u32 SINGLE_SECTORS = 4;
     const u64 behind_fat = static_cast<u64>(sv->fat_start) + sv->fat_size;
     if (window.in_order < SINGLE_SECTORS || sector >= behind_fat) {
         return 1;
     }
-    return static_cast<u32>(std::min<u64>(window.in_order * 4ULL, behind_fat - sector));
+    return static_cast<u32>(std::min<u64>(window.in_order, behind_fat - sector));
 }
 
 // The same for a walk, which may find more sectors of the FAT in the window.
