@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <cstring>
 #include <iterator>
-#include <utility>
 
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -156,13 +155,13 @@ int release_compacted() {
     return result;
 }
 
-// Replaces the buffer by a larger one; what it held is gone then.
+// Replaces the buffer by a larger one, of bytes that are all to be read; what it held is gone then.
 bool grow_window(sector_window *window, u32 sectors) {
-    heap_ptr<u8> larger = zeroed_bytes(sectors, sv->sector_size);
+    void *larger = std::malloc(std::size_t{sectors} * sv->sector_size);
     if (larger == nullptr) {
         return false;
     }
-    window->buffer = std::move(larger);
+    window->buffer.reset(static_cast<u8 *>(larger));
     window->room = sectors;
     window->count = 0;
     return true;

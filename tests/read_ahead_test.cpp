@@ -231,6 +231,48 @@ TEST_P(ReadAhead, ReleaseSeesWhatItFreedInSectorsReadBefore) {
     }
 }
 
+// A chain that goes through many FAT sectors and then back to other clusters in some of them: what
+// was changed there before must not be written away.
+TEST_P(ReadAhead, ReleaseKeepsItsEarlierChangesOfASectorThatItComesBackTo) {
+    std::vector<u32> clusters = straight_chain(13);
+    clusters.pop_back();
+    std::vector<u32> left_out;
+    for (u32 sector = 8; sector < 12; sector++) {
+        const u32 cluster = sector * per_fat_sector() + 9;
+        clusters.erase(std::find(clusters.begin(), clusters.end(), cluster));
+        left_out.push_back(cluster);
+    }
+    clusters.insert(clusters.end(), left_out.begin(), left_out.end());
+    v.chain(clusters);
+    oentry file = {};
+    file.start = 5;
+    file.last = clusters.back();
+    file.allocated = static_cast<u32>(clusters.size()) * sv->sec_per_clus * sv->sector_size;
+    EXPECT_EQ(heard(fat_release_clusters(&file, 0)),
+              (answer{static_cast<std::int64_t>(clusters.size()), ""}));
+    for (const u32 cluster : clusters) {
+        ASSERT_EQ(v.link(cluster), 0U) << cluster;
+    }
+}
+
+// The second write of an allocation fails although its sector reaches the medium. Taking back the
+// link begins with what stands there now.
+TEST_P(ReadAhead, UndoLooksAgainAtASectorWhoseWriteFailed) {
+    v.chain({5});
+    oentry file = {};
+    file.start = file.last = 5;
+    sv->last_alloc_clus = 5;
+    v.disk.writes_before_failure = 1;
+    v.disk.failure_result = 2;
+    u32 cluster = 0;
+    EXPECT_EQ(heard(fat_alloc_cluster(&file, &cluster)),
+              (answer{-EIO, "fat_write_entry[N]: cannot write FAT\n\n"
+                            "fat_alloc_cluster[N]: Failed to write entry!\n\n"}));
+    EXPECT_EQ(cluster, 6U);
+    EXPECT_EQ(v.link(5), volume::end_mark());
+    EXPECT_EQ(v.link(6), volume::end_mark());
+}
+
 // Allocations that go through many FAT sectors, wrap around and come to those sectors again.
 TEST_P(ReadAhead, AllocationsSeeTheirOwnChangesAfterTheWrap) {
     for (u32 cluster = 2; cluster <= volume::last_cluster(); cluster++) {
