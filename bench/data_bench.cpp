@@ -6,7 +6,7 @@
 // starting it. Large data comes from the caller's memory and goes there, which nobody has to make
 // first; small files are read from the host as the programs read them. Images are made and
 // formatted anew for every run that writes, outside the time; nobody synchronises, so that all work
-// in the page cache. mcopy reads into a pipe to nowhere, cp always copies file to file.
+// in the page cache. What mcopy reads goes to /dev/null, while cp always copies file to file.
 //
 // Prints the median of each and its ratios: to mcopy, to cp, to plain write() or read() in calls of
 // the same size, which is the floor; and, as "4x", the time of 256 MiB over that of 64 MiB.
@@ -52,7 +52,7 @@ constexpr call_case CALLS[] = {
 struct site {
     std::string tool;
     std::filesystem::path base;
-    std::uint8_t *memory; // LARGE_BYTES, all touched before: nobody pays for its pages
+    std::uint8_t *memory; // LARGE_BYTES, all there before: nobody pays for its pages
 
     [[nodiscard]] std::string image() const {
         return base / "volume.img";

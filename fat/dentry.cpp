@@ -1,7 +1,8 @@
 // Directory entries: where they lie, reading them in turn, their time stamps.
 //
 // Entry i of a directory lies at byte i x 32 of its space: the root area of FAT16, or a cluster
-// chain. A walk reads each sector of the directory once, and follows the chain once.
+// chain. A walk reads each sector of the directory once, together with others where they lie side
+// by side, and follows the chain once.
 
 #include "fat/internal.h"
 

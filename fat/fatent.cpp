@@ -279,7 +279,8 @@ int follow_link(sector_window *fat, u32 cluster) {
 }
 
 int follow_link(fat_editor *editor, u32 cluster) {
-    const bool is_changed = editor->changed.find(place_of(cluster).sector) != nullptr;
+    const bool is_changed =
+        editor->changed.count != 0 && editor->changed.find(place_of(cluster).sector) != nullptr;
     u32 value = FAT_FREE;
     const link_fault fault =
         load_link(is_changed ? &editor->changed : &editor->seen, cluster, &value);

@@ -92,10 +92,11 @@ inline constexpr mode_t IMAGE_MODE = 0660;
 // call, and is to be told of what that call writes.
 struct sector_window {
     heap_ptr<u8> buffer;
-    u32 room = 0;     // sectors that the buffer takes
-    u64 first = 0;    // sector that it begins with
-    u32 count = 0;    // sectors that it holds, 0: none
-    u32 in_order = 0; // sectors that the walk has passed without a jump, kept by its owner
+    u32 room = 0;          // sectors that the buffer takes
+    u64 first = 0;         // sector that it begins with
+    u32 count = 0;         // sectors that it holds, 0: none
+    u32 in_order = 0;      // sectors that the walk has passed without a jump, kept by its owner
+    u64 singles_below = 0; // sectors below this are read one by one: together they did not come
 
     // The bytes of a sector, null where the window does not hold it.
     [[nodiscard]] u8 *find(u64 sector) const;

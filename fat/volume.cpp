@@ -295,11 +295,13 @@ bool reserve_sector(sector_window *window) {
 
 bool read_ahead(sector_window *window, u64 sector, u32 count) {
     count = std::min(count, WINDOW_BYTES / sv->sector_size);
-    if (count <= 1 || (window->room < count && !grow_window(window, count))) {
+    if (count <= 1 || sector < window->singles_below ||
+        (window->room < count && !grow_window(window, count))) {
         return false;
     }
     window->count = 0;
     if (read_sectors(window->buffer.get(), sector, count) != static_cast<int>(count)) {
+        window->singles_below = sector + count;
         return false;
     }
     window->first = sector;

@@ -210,6 +210,14 @@ TEST_P(ReadAhead, WindowHolds64KiBAtMostAndOneSectorForAShortWalk) {
     }
 }
 
+// A medium that fails with several sectors is not asked for those again: it may take its time.
+TEST_P(ReadAhead, SectorsThatDoNotComeTogetherAreAskedForOnce) {
+    const u32 all = static_cast<u32>(straight_chain(13).size()) - 1;
+    answer_now = togetherness::GARBAGE_AND_FAILURE;
+    EXPECT_GT(place(all).result, 0);
+    EXPECT_LE(refused, 3);
+}
+
 // ---- what the same call has changed -----------------------------------------------------------
 
 // A chain through many FAT sectors that comes back to a cluster which its release has freed, in a
