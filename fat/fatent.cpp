@@ -88,7 +88,7 @@ template <u32 ENTRY_SIZE, u32 COUNT>
 u32 difference(const u8 *entry, u32 value) {
     u32 result = 0;
     for (u32 i = 0; i < COUNT; i++) {
-        const u8 *at = entry + i * ENTRY_SIZE;
+        const u8 *at = entry + std::size_t{i} * ENTRY_SIZE;
         const u32 found =
             ENTRY_SIZE == FAT16_ENTRY_SIZE ? load16(at) : load32(at) & FAT32_VALUE_MASK;
         result |= found ^ (value + i);
@@ -104,7 +104,7 @@ u32 count_ascending(const u8 *entry, u32 value, u32 limit) {
     u32 count = 0;
     while (limit - count >= BLOCK && difference<ENTRY_SIZE, BLOCK>(entry, value + count) == 0) {
         count += BLOCK;
-        entry += BLOCK * ENTRY_SIZE;
+        entry += std::size_t{BLOCK} * ENTRY_SIZE;
     }
     while (count < limit && difference<ENTRY_SIZE, 1>(entry, value + count) == 0) {
         count++;
