@@ -25,12 +25,6 @@ struct held_name {
     }
 };
 
-// The root directory, which has no image, or a directory that has not been removed.
-bool is_directory(const oentry *dir) {
-    const bool is_root = dir->dentry == nullptr && dir->dentry_sector == 0;
-    return is_root || is_live_directory(dir->dentry);
-}
-
 // Slots of a name: its long-name slots, and the short entry.
 u32 slot_count(const fat_name &name) {
     return name.unicode == nullptr ? 1 : (name.ulen + SLOT_UNITS - 1) / SLOT_UNITS + 1;
@@ -68,7 +62,7 @@ int do_create(oentry *dir, char *name, u32 kind) {
         REPORT("Invalid input\n");
         return -EINVAL;
     }
-    if (!is_directory(dir)) {
+    if (!is_open_directory(dir)) {
         REPORT("not directory entry\n");
         return -EINVAL;
     }

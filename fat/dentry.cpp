@@ -145,14 +145,22 @@ bool is_behind_allocation(const oentry *dir, u32 index) {
 
 // ---- addressing -------------------------------------------------------------------------------
 
+bool is_root(const oentry *entry) {
+    return entry->dentry == nullptr && entry->dentry_sector == 0;
+}
+
 bool is_fat16_root(const oentry *entry) {
-    return entry->dentry == nullptr && entry->dentry_sector == 0 && sv->fat_type != 32;
+    return is_root(entry) && sv->fat_type != 32;
 }
 
 bool is_live_directory(const u8 *dentry) {
     return dentry != nullptr && dentry[SHORT_NAME.offset] != NAME_UNUSED &&
            dentry[SHORT_NAME.offset] != NAME_DELETED &&
            (load(dentry, SHORT_ATTR) & ATTR_KIND_MASK) == ATTR_DIRECTORY;
+}
+
+bool is_open_directory(const oentry *entry) {
+    return is_root(entry) || is_live_directory(entry->dentry);
 }
 
 bool is_free_slot(const u8 *entry) {

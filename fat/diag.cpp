@@ -16,7 +16,14 @@ namespace {
 constinit bool stream_chosen = false;
 constinit FILE *chosen_stream = nullptr;
 
+// Living scopes in which nothing is reported.
+constinit unsigned quiet_scopes = 0;
+
+// Null: nothing is to be reported.
 FILE *diagnostics() {
+    if (quiet_scopes != 0) {
+        return nullptr;
+    }
     return stream_chosen ? chosen_stream : stderr;
 }
 
@@ -54,6 +61,14 @@ void report_bare(const char *format, ...) {
     std::vfprintf(stream, format, arguments);
     va_end(arguments);
     errno = saved_errno;
+}
+
+quiet_scope::quiet_scope() {
+    quiet_scopes++;
+}
+
+quiet_scope::~quiet_scope() {
+    quiet_scopes--;
 }
 
 void report_errno(const char *caption) {

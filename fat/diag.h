@@ -14,6 +14,15 @@ namespace fat {
 // Prints the caption and the system's text for errno: "caption: text".
 void report_errno(const char *caption);
 
+// While one lives, nothing is reported: for calls that only look.
+class quiet_scope {
+public:
+    quiet_scope();
+    quiet_scope(const quiet_scope &) = delete;
+    quiet_scope &operator=(const quiet_scope &) = delete;
+    ~quiet_scope();
+};
+
 } // namespace fat
 
 // Reports in the name of the function that stands around it. A helper that speaks for its caller

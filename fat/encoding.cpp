@@ -83,27 +83,40 @@ void put_in_host_order(u16 *units, u32 count) {
     }
 }
 
-int decode_units(const u16 *unicode, char *cstring) {
-    u16 input[LONG_NAME_UNITS + 1] = {};
-    u32 count = 0;
-    while (count < LONG_NAME_UNITS && unicode[count] != 0) {
-        input[count] = unicode[count];
-        count++;
-    }
-    put_in_host_order(input, count);
-    constexpr std::size_t ROOM = ENCODED_BYTES - 1;
-    char *in = reinterpret_cast<char *>(input);
+// Copies a name up to its terminator, or all 256 units of one that has none.
+void copy_name(const u16 *unicode, u16 (&units)[LONG_NAME_UNITS + 1]) {
+    const u16 *end = std::find(unicode, unicode + LONG_NAME_UNITS, 0);
+    *std::copy(unicode, end, units) = 0;
+}
+
+// Decodes a name into `room` bytes and a terminator behind them. Returns the bytes, or a negative
+// errno; `*unread` then receives the place in the name where it was given up.
+int decode_units(u16 (&units)[LONG_NAME_UNITS + 1], char *cstring, std::size_t room,
+                 char **unread) {
+    const u32 count = static_cast<u32>(std::find(units, units + LONG_NAME_UNITS, 0) - units);
+    put_in_host_order(units, count);
+    char *in = reinterpret_cast<char *>(units);
     std::size_t in_left = count * sizeof(u16);
     char *out = cstring;
-    std::size_t out_left = ROOM;
-    if (!convert(sv->cd_from_uni, &in, &in_left, &out, &out_left)) {
-        const int error = errno;
-        report_at("convert_uname_to_cstring", __LINE__, "Failed to convert: %s\n\n", in);
-        return -error;
+    std::size_t out_left = room;
+    const bool converted = convert(sv->cd_from_uni, &in, &in_left, &out, &out_left);
+    *unread = in;
+    if (!converted) {
+        return -errno;
     }
-    const std::size_t length = ROOM - out_left;
-    cstring[length] = '\0';
-    return static_cast<int>(length);
+    *out = '\0';
+    return static_cast<int>(room - out_left);
+}
+
+int decode_or_report(const u16 *unicode, char *cstring) {
+    u16 units[LONG_NAME_UNITS + 1] = {};
+    copy_name(unicode, units);
+    char *unread = nullptr;
+    const int result = decode_units(units, cstring, ENCODED_BYTES - 1, &unread);
+    if (result < 0) {
+        report_at("convert_uname_to_cstring", __LINE__, "Failed to convert: %s\n\n", unread);
+    }
+    return result;
 }
 
 int narrow_to_ascii(const u16 *unicode, char *cstring) {
@@ -134,8 +147,20 @@ int convert_cstring_to_uname(char *cstring, u16 *unicode) {
 }
 
 int convert_uname_to_cstring(const u16 *unicode, char *cstring) {
-    return sv->cd_from_uni != nullptr ? decode_units(unicode, cstring)
+    return sv->cd_from_uni != nullptr ? decode_or_report(unicode, cstring)
                                       : narrow_to_ascii(unicode, cstring);
+}
+
+bool has_shown_name(const u16 *unicode, char (&text)[SHOWN_NAME_SIZE]) {
+    u16 units[LONG_NAME_UNITS + 1] = {};
+    copy_name(unicode, units);
+    if (sv->cd_from_uni != nullptr) {
+        char *unread = nullptr;
+        return decode_units(units, text, sizeof text - 1, &unread) > 0;
+    }
+    const bool is_ascii =
+        std::all_of(units, std::end(units), [](u16 unit) { return unit < FIRST_NON_ASCII; });
+    return is_ascii && narrow_to_ascii(units, text) > 0;
 }
 
 void close_encoding() {

@@ -9,6 +9,8 @@
  *  4. Sizes are in bytes, sector numbers count from the start of the target in units of the
  *     volume's sector size, cluster numbers count from 2.
  *  5. Diagnostics go to one stream, standard error unless fat_set_diagnostics() chose another.
+ *  6. Where "no volume is mounted" is an error, one that was formatted and not mounted yet serves
+ *     the calls that need no directory.
  *
  * The on-medium format is FAT16 and FAT32 with long names as fatgen103, the white paper on the FAT
  * file system, describes it.
@@ -223,7 +225,7 @@ int fat_delete_mbr(const char *path);
 /*
  * Chooses the character encoding of the names that the library takes and gives, by its iconv name
  * ("UTF-8", "ISO-8859-1", ...). Until then names with a long form are plain ASCII. It holds until
- * another is chosen or the volume is closed.
+ * another is chosen or the volume is closed. Characters beyond U+FFFF have no conversion.
  *
  * Returns 0, also when no volume is open or `charset` is NULL (nothing is done), or -EINVAL when
  * the system has no such conversion; a direction that it does have is then in use.
@@ -358,6 +360,216 @@ int64_t fat_lseek(int id, int64_t offset, int whence);
  */
 int fat_dump_entry(int id, char *name_out);
 
+/* ---- attributes and metadata ----------------------------------------------------------------- */
+
+/*
+ * Read and change one item of an open entry's copy of its directory entry. `type` is 1: the first
+ * cluster, 2: byte 12 (case bits of the short name), 3: byte 13 (0xE2 marks a symbolic link); of
+ * the last two the low 8 bits are stored. Only the copy changes: fat_update_entry() writes it, and
+ * the chain that the id reads and appends to stays the one it was opened with.
+ *
+ * Return 0, -EBADF (no such id, or the root directory) or -EINVAL (another type, NULL `value`, no
+ * volume is open). fat_set() says nothing about -EBADF.
+ */
+int fat_get(int id, int type, uint32_t *value);
+int fat_set(int id, int type, uint32_t value);
+
+/* The same with a fixed type: 1, 2 and 3. */
+int fat_get_cluster(int id, uint32_t *value);
+int fat_set_cluster(int id, uint32_t value);
+int fat_get_sysid(int id, uint32_t *value);
+int fat_set_sysid(int id, uint32_t value);
+int fat_get_cmsec(int id, uint32_t *value);
+int fat_set_cmsec(int id, uint32_t value);
+
+/*
+ * Writes an open entry's copy of its directory entry to the medium.
+ * Returns 0, -EBADF (no such id, or the root directory), -EIO, -ENOMEM or -EINVAL (no volume).
+ */
+int fat_update_entry(int id);
+
+/*
+ * Prints kind, name, size, directory entry and cluster chain of an open entry to `stream` (NULL:
+ * standard output). The size of a directory is that of its clusters.
+ * Returns 0, -EBADF (no such id, or the root directory), or what fat_list_chains() fails with.
+ */
+int fat_fstat(int id, FILE *stream);
+
+/*
+ * Prints the clusters of an open entry to `stream` (NULL: standard output), ten in a line.
+ * Returns 0, also for an entry without clusters, of which it says so; -EBADF (no such id), -EINVAL
+ * (the FAT16 root directory, a broken chain, no volume is open) or -ENOMEM.
+ */
+int fat_list_chains(int id, FILE *stream);
+
+/*
+ * Stores in `buffer` (`size` bytes, 4096 or more) the absolute path of the file, link or directory
+ * whose chain contains the cluster.
+ *
+ * Returns the index of its entry in its directory, or
+ *   -EINVAL        NULL buffer, a small one, no such cluster, a broken directory
+ *   -ENOENT        the cluster is free, lost, or the root directory's
+ *   -ENAMETOOLONG  a path of 4096 bytes or more
+ *   -EMFILE        too many ids are given out: one is used for each level
+ *   -EIO, -ENOMEM
+ */
+int fat_find_pathname(uint32_t cluster, char *buffer, uint32_t size);
+
+/*
+ * Stores the absolute path of the current directory in `buffer`: 2 bytes are enough for the root
+ * directory, any other takes 4096. Returns 0, or what fat_find_pathname() fails with.
+ */
+int fat_getcwd(char *buffer, uint32_t size);
+
+/* ---- programs' own listings ------------------------------------------------------------------ */
+
+/* What a directory entry says, and the name that a person sees. */
+typedef struct fat_entry_info {
+    char name[768];      /* long name in the chosen encoding, else the short name; never empty */
+    char short_name[13]; /* as stored, in upper case: "NAME.EXT" */
+    uint8_t type;        /* 2 file, 3 directory, 7 symbolic link, 8 volume label */
+    uint8_t attr;        /* 0x01 read-only, 0x02 hidden, 0x04 system, 0x08 label, 0x10 directory */
+    uint8_t cmsec;       /* 0xE2 for a symbolic link */
+    uint16_t mtime;      /* modification: hours << 11 | minutes << 5 | seconds / 2 */
+    uint16_t mdate;      /* modification: (year - 1980) << 9 | month << 5 | day */
+    uint32_t size;       /* bytes; 0 for a directory */
+    uint32_t start;      /* first cluster, 0: none */
+    uint32_t index;      /* of the short entry in its directory */
+} fat_entry_info;
+
+/*
+ * Gives the entries of an open directory one after another, "." and ".." and a volume label
+ * included, removed ones and a blank label left out. Begin with `*index` 0; each call moves it
+ * behind the entry that it gives. Between calls the directory may change: what is added behind
+ * `*index` is seen. A long name that the chosen encoding does not have (ASCII while none is chosen)
+ * is replaced by the short one, as all are while long names are off. Silent.
+ *
+ * Returns 1, 0 at the end of the directory (`info` is then not written), or
+ *   -EINVAL   NULL pointer, no volume is mounted (this is said), a broken directory
+ *   -EBADF    no such id
+ *   -ENOTDIR  the id of no directory
+ *   -EIO, -ENOMEM
+ */
+int fat_next_entry(int did, uint32_t *index, fat_entry_info *info);
+
+/*
+ * Tells what an open entry is: attributes, times, size and first cluster as its own copy of the
+ * directory entry has them, its name and index as they stand on the medium. The root directory is
+ * called "/", with an empty short name and index 0. Silent.
+ *
+ * Returns 0, or
+ *   -EINVAL  NULL pointer, no volume is mounted (this is said), a broken parent directory
+ *   -EBADF   no such id
+ *   -ENOENT  the entry has been removed
+ *   -EIO, -ENOMEM
+ */
+int fat_info_of(int id, fat_entry_info *info);
+
+/* ---- ZUQ ------------------------------------------------------------------------------------- */
+
+/*
+ * Make the reserved files of the ZUQ flash driver in the root directory: the pool file
+ * "ZUQ_POOL.SY$" of one cluster that begins with a header of seven words, and the log file
+ * "$ZUQ_LOG.LO$" of cleared clusters, 128 KiB rounded up. Both are read-only, hidden and system
+ * files.
+ *
+ * Return 0, -EINVAL (the root directory is not open), -EEXIST, -ENOSPC, -EIO, -ENOMEM or the error
+ * of creating and opening the file. What was made before a failure stays.
+ */
+int zuq_make_pool(void);
+int zuq_make_log(void);
+
+/*
+ * Finds in the chain of the pool file of the current directory the first cluster whose number is at
+ * least `key`, or, for 0, the second one. Every call opens an id and leaves it open.
+ * Returns the cluster, -ENOENT (there is none), or the error of fat_open_file() or of the chain.
+ */
+int fat_find_pool(uint32_t key);
+
+/*
+ * The path by which the ZUQ driver opens a file without a search: "<?>", the position of its
+ * directory entry on the volume and a check value made of its first cluster and size, 8 letters
+ * each; `path` has 20 bytes, `name` is not written and must not be NULL.
+ * Returns 0 or -EINVAL (NULL, no such id, the root directory, no volume is open).
+ */
+int zuq_get_fast_open_path_of_file(int id, char *name, char *path);
+
+/*
+ * Gives the fast-open paths of the files in an open directory, one with each call, as long as it
+ * returns 1. `path` has 20 bytes; `name` has 256, which are zeroed. The check value of a file with
+ * a long name is made of the long-name slot in front, as the driver has it.
+ *
+ * Returns 1, 0 or -ENOENT at the end of the directory (`path` is then of no use), -EINVAL (NULL, no
+ * such id, no volume is mounted, a broken directory), -EIO, -ENOMEM, -EFAULT (behind a FAT16 root
+ * directory whose entries are all used, or a chain that ends in a long name), or -1 for a broken
+ * chain and further behind the end of a FAT16 root directory. Open the directory again to begin
+ * anew.
+ */
+int zuq_get_fast_open_path_of_dir(int id, char *name, char *path);
+
+/* ---- import, listings, dumps ----------------------------------------------------------------- */
+
+/*
+ * Copies a regular file, or a symbolic link as such, of the host into the volume, in pieces of up
+ * to 8 MiB. With `show_progress` other than 0 a line on standard output counts the bytes.
+ *
+ * Returns 0, also when the host file cannot be read or the volume not be written to the end: the
+ * latter is said, and the file is as long as what was written. Or
+ *   -EINVAL  NULL path, neither a regular file nor a link, no volume is open
+ *   the errno of lstat(), open() or readlink(), -ENOMEM, or the error of fat_create_file() or
+ *   fat_create_symlink()
+ */
+int fat_copy_to_zuq(const char *host_path, const char *volume_path, int show_progress);
+
+/*
+ * Prints the entries of an open directory to `stream` (NULL: standard output, here and below): kind
+ * (d or f), size, name. Says that do_readdir() failed when the directory ends. Returns 0, or
+ * -EINVAL (NULL, no volume is mounted) or -ENOMEM.
+ */
+int fat_readdir(oentry *dir, FILE *stream);
+
+/*
+ * Prints a directory (NULL: the root) to `stream`: with `mode` 0 as fat_readdir(), else each
+ * 32-byte entry in a line, up to the first unused one of each cluster; with 2 the fields of each as
+ * well. Returns 0, the error of opening it, -EINVAL, -EIO or -ENOMEM. After a broken chain the id
+ * that was opened for the listing stays open.
+ */
+int fat_list_dir(const char *path, int mode, FILE *stream);
+
+/*
+ * Prints the entries of one cluster so. Returns the sectors read, -EINVAL (no such cluster, no
+ * volume is mounted), -EIO or -ENOMEM.
+ */
+int fat_list_clus(uint32_t cluster, int mode, FILE *stream);
+
+/*
+ * Prints the 32-byte entries of a file of the host so, counted from 1. Needs no volume.
+ * Returns 0, -EINVAL (NULL), -ENOMEM or the errno of open().
+ */
+int fat_list_entries(const char *host_path, int mode, FILE *stream);
+
+/*
+ * Stores in `uname` (256 units) the long name whose first slot is entry `index` of an open
+ * directory; without a terminator where it fills them all.
+ * Returns its slots, 0 for a broken name, or -EBADF (no such id), -EINVAL (NULL, no slot, no volume
+ * is mounted), -EFAULT (behind the end), -EIO, -ENOMEM.
+ */
+int fat_get_uname(int id, uint32_t index, uint16_t *uname);
+
+/*
+ * Copy sectors of the volume into the file `image_path` of the host, which is created or emptied:
+ * the reserved area and the first FAT; one cluster; the bytes of a file or link, or the clusters of
+ * a directory (the FAT32 root excepted: -EINVAL). What was written before a failure stays.
+ *
+ * Return 0 or, the last two, the sectors read last, or
+ *   -EINVAL  NULL path, no volume is mounted, no such cluster, a broken chain
+ *   -EIO     a transfer failed, or the image could not be written
+ *   -ENOMEM, the errno of open(), or the error of fat_open()
+ */
+int fat_dump_fat0(const char *image_path);
+int fat_dump_clus(uint32_t cluster, const char *image_path);
+int fat_dump(const char *volume_path, const char *image_path);
+
 /* ---- printers -------------------------------------------------------------------------------- */
 
 /* Prints the format request to standard output. */
@@ -365,6 +577,21 @@ void print_format_param(const fat_format_param *param);
 
 /* Prints the geometry of the open volume to `stream`, eleven lines. */
 void print_volume_summary(FILE *stream);
+
+/*
+ * Print to standard output the volume record, an open entry, what a slot of the table holds, and
+ * one value of the FAT (`arg` is not used). A `level` of 3 or more prints nothing.
+ */
+void print_volume_info(int level);
+void print_oentry(int level, const oentry *entry);
+void test_oentry(int level, uint32_t index);
+void print_fat_value(int level, uint32_t cluster, int arg);
+
+/*
+ * Prints up to 256 UTF-16 units, or as many as come before a 0, and a newline to standard output,
+ * in the encoding of the program's locale; "?" for what it does not have.
+ */
+void print_uname(const uint16_t *uname);
 
 #pragma GCC visibility pop
 

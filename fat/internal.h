@@ -12,7 +12,9 @@
 //   oentry                          open entries
 //   mount                           opening a formatted volume
 //   create, remove, file            names, and the data of files
-//   debug                           printers
+//   list, debug                     listings and printers
+//   entries, metadata, zuq, fastpath, import, dump
+//                                   what programs do with open entries and whole volumes
 // Each calls those above it in this list. These calls go the other way and are meant: releasing a
 // volume frees its open entries (oentry) and converters (encoding), and compacting an image reads
 // its FAT (fatent); a new root directory gets its label entry (build); a chain that grows tells the
@@ -53,8 +55,21 @@ namespace fat {
 // With no volume open a public call says so, in its own name, and fails.
 [[nodiscard]] bool no_volume(const char *function);
 
+// The same for calls that need the geometry, which formatting and mounting find out.
+[[nodiscard]] bool not_mounted(const char *function);
+
 // Stores the magnitude of a negative result in errno. Returns the result.
 int with_errno(int result);
+
+// The stream of a listing: null stands for standard output.
+[[nodiscard]] inline FILE *stream_or_stdout(FILE *stream) {
+    return stream != nullptr ? stream : stdout;
+}
+
+// A text for "%s", which takes no null.
+[[nodiscard]] constexpr const char *text_or_null(const char *text) {
+    return text != nullptr ? text : "(null)";
+}
 
 // ---- volume -----------------------------------------------------------------------------------
 
@@ -346,7 +361,7 @@ int convert_dosname_to_cstring(const u8 *dos, char *out, u8 lcase);
 // Refuses forbidden characters and device names. Returns 0 or -EINVAL.
 [[nodiscard]] int verify_valid_name(const char *cstring);
 
-// Classifies a raw 32-byte entry.
+// Classifies a raw 32-byte entry; one that is none is reported.
 [[nodiscard]] u32 entry_type(const u8 *dentry);
 
 // Long names to and from the encoding of the volume, or ASCII where none is set. `unicode` and
@@ -356,6 +371,14 @@ int convert_dosname_to_cstring(const u8 *dos, char *out, u8 lcase);
 // unterminated.
 [[nodiscard]] int convert_cstring_to_uname(char *cstring, u16 *unicode);
 [[nodiscard]] int convert_uname_to_cstring(const u16 *unicode, char *cstring);
+
+// Room for every long name in every encoding that takes up to three bytes for a unit.
+inline constexpr u32 SHOWN_NAME_SIZE = sizeof(fat_entry_info::name);
+static_assert(SHOWN_NAME_SIZE == 3 * LONG_NAME_UNITS);
+
+// Stores a long name as a person sees it. False, silently, for an empty one and for one that the
+// encoding does not have or the room does not hold: that is shown by its short name.
+[[nodiscard]] bool has_shown_name(const u16 *unicode, char (&text)[SHOWN_NAME_SIZE]);
 
 // Closes the converters of the volume.
 void close_encoding();
@@ -398,12 +421,18 @@ struct dentry_walk {
 // messages are those of fat_get_dentry() for an open directory, else of get_dentry_with_clu().
 [[nodiscard]] int walk_to(dentry_walk *walk, u32 index, u8 **entry);
 
-// Whether the record is the root directory in the fixed area of a FAT16 volume, or a copy of its
-// record. A record that has lost its image, since its chain runs into a free entry, is not.
+// Whether the record is the root directory, or a copy of its record. A record that has lost its
+// image, since its chain runs into a free entry, is not.
+[[nodiscard]] bool is_root(const oentry *entry);
+
+// The same for the root directory in the fixed area of a FAT16 volume.
 [[nodiscard]] bool is_fat16_root(const oentry *entry);
 
 // Whether a copy of a short entry describes a directory that has not been removed. False for null.
 [[nodiscard]] bool is_live_directory(const u8 *dentry);
+
+// Whether a record is the root or a directory that has not been removed.
+[[nodiscard]] bool is_open_directory(const oentry *entry);
 
 // Whether a slot may be taken: unused or deleted.
 [[nodiscard]] bool is_free_slot(const u8 *entry);
@@ -639,5 +668,81 @@ void free_oentry(oentry *entry);
 
 // Reads exactly `count` bytes at `position` and moves it on. Returns `count` or a negative errno.
 [[nodiscard]] int do_read_file(oentry *entry, void *buffer, u32 count, u64 *position);
+
+// ---- metadata ---------------------------------------------------------------------------------
+
+inline constexpr u32 MAX_PATHNAME = 4096; // bytes of an absolute path with its terminator
+
+// Searches below `dir` for the file, link or directory whose chain contains the cluster. On success
+// "/" and a name for each level are appended to `path` (4096 bytes), `parent`, which may be null,
+// receives the base cluster of its directory, and its index there is returned; else -ENOENT,
+// -ENAMETOOLONG, -EINVAL for a directory tree that holds more directories than the volume has
+// clusters, or the error of the walk.
+[[nodiscard]] int find_entry_with_clu(oentry *dir, u32 cluster, u32 *parent, char *path);
+
+// ---- zuq --------------------------------------------------------------------------------------
+
+// The first cluster of the chain from `start` on for which the predicate holds with `key`; -ENOENT
+// at the end of the chain, or the error of the FAT. `stop` ends a search that begins at the end
+// mark.
+[[nodiscard]] int find_cluster(u32 start, u32 stop, u32 key,
+                               bool (*predicate)(u32 cluster, u32 key));
+
+// Finds the next file of the directory from where its record's walk stands. Returns 1; 0 or
+// -ENOENT at the end; or another negative value. `entry` (32 bytes) receives the image of the
+// file's entry or, where a long name was met on the way, of the first slot of the first such name;
+// `location` is always that of the file's short entry. `name->cstring`, which may be null, has 256
+// bytes.
+[[nodiscard]] int do_readdir_fast(oentry *dir, u8 *entry, fat_name *name,
+                                  dentry_location *location);
+
+// Gathers the long name whose last slot is `*current`, entry `index` counted from the start of
+// `cluster` (0: the FAT16 root area), into `uname` (256 units). Returns its slots, 0 for a broken
+// name, or the error of the walk. `*current` is moved into `sector_buf` (one sector). `uname` is to
+// be zeroed: a name that fills its slots is not terminated.
+[[nodiscard]] int get_long_name_fast(u32 cluster, u32 index, u8 **current, u8 *sector_buf,
+                                     u16 *uname);
+
+// The cluster `n` links behind `cluster`. Returns 1, 0 when the chain ends before, -EINVAL for a
+// number that is none to begin with, -1 for a broken chain.
+[[nodiscard]] int get_next_cluster(u32 cluster, u32 n, u32 *out);
+
+// Writes the value as 8 letters from "@" (0) to "O" (15), the highest four bits first.
+void encode_fast_word(char *out, u32 value);
+
+// ---- list -------------------------------------------------------------------------------------
+
+// One line of a directory listing.
+struct dir_item {
+    u8 type;  // of the short entry
+    u32 size; // bytes; of a directory those of its clusters
+    char name[256];
+};
+
+// Finds the next file, directory or link of the directory from `*index` on and moves that behind
+// it. `sector_buf` (one sector) then holds its short entry, at `*entry`; `location` is that of the
+// first entry read for it and may be null. Returns 0 or more, -ENOENT at the end, or the error of
+// the walk.
+[[nodiscard]] int do_readdir(oentry *dir, u32 *index, u8 **entry, dir_item *item, u8 *sector_buf,
+                             dentry_location *location);
+
+// Print one entry: a line and, in mode 2, its fields; null stands for standard output. Returns 0,
+// or -ENOENT for an unused one.
+int print_slot(u32 index, int mode, const u8 *entry, FILE *stream);
+void print_short_entry(FILE *stream, const u8 *entry);
+void print_long_slot(FILE *stream, const u8 *entry);
+
+// Prints up to `count` units in hexadecimal, or as many as come before a 0, and a newline.
+void print_units(FILE *stream, const u16 *units, u32 count);
+
+// Prints the 11 bytes of a short name as they are, and a newline.
+void print_raw_name(FILE *stream, const u8 *entry);
+
+void print_item(FILE *stream, const dir_item *item);
+
+// ---- debug ------------------------------------------------------------------------------------
+
+void print_name_record(int level, const fat_name *name);
+void print_path_record(int level, const char *path, char **components, const char *name, int depth);
 
 } // namespace fat

@@ -175,6 +175,7 @@ inline constexpr u8 DOT_DOT_NAME[SHORT_NAME.size] = {'.', '.', ' ', ' ', ' ', ' 
 // Attribute bits.
 inline constexpr u32 ATTR_READ_ONLY = 0x01;
 inline constexpr u32 ATTR_HIDDEN = 0x02;
+inline constexpr u32 ATTR_SYSTEM = 0x04;
 inline constexpr u32 ATTR_VOLUME = 0x08;
 inline constexpr u32 ATTR_DIRECTORY = 0x10;
 inline constexpr u32 ATTR_ARCHIVE = 0x20;
@@ -222,5 +223,22 @@ inline constexpr u32 SLOT_LAST = 0x40; // mark of the slot furthest from the sho
 }
 static_assert(slot_unit_offset(4) == 9 && slot_unit_offset(5) == 14);
 static_assert(slot_unit_offset(10) == 24 && slot_unit_offset(11) == 28);
+
+// ---- pool file --------------------------------------------------------------------------------
+
+// The header at the start of the pool file's cluster; the rest is zero. Its words are the ZUQ
+// driver's, which gives them their meaning.
+inline constexpr field POOL_INDEX{"index of the entry in the root directory", 0, 4};
+inline constexpr field POOL_ZERO{"0", 4, 4};
+inline constexpr field POOL_FIRST{"cluster", 8, 4};
+inline constexpr field POOL_SECOND{"cluster again", 12, 4};
+inline constexpr field POOL_ONE{"1", 16, 4};
+inline constexpr field POOL_FIRST_MARK{"all ones", 20, 4};
+inline constexpr field POOL_SECOND_MARK{"all ones again", 24, 4};
+
+inline constexpr field POOL_FIELDS[] = {
+    POOL_INDEX, POOL_ZERO, POOL_FIRST, POOL_SECOND, POOL_ONE, POOL_FIRST_MARK, POOL_SECOND_MARK,
+};
+static_assert(covers(POOL_FIELDS, 0, 28));
 
 } // namespace fat

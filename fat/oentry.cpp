@@ -306,7 +306,8 @@ int fat_open(const char *path) {
 }
 
 int fat_open_dir(const char *path) {
-    if (no_volume(__func__)) {
+    // A path finds out by itself that nothing is mounted.
+    if (path == nullptr ? not_mounted(__func__) : no_volume(__func__)) {
         return with_errno(-EINVAL);
     }
     return with_errno(path == nullptr ? open_root_directory() : open_directory_path(path));

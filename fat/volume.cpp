@@ -181,6 +181,17 @@ bool no_volume(const char *function) {
     return true;
 }
 
+bool not_mounted(const char *function) {
+    if (no_volume(function)) {
+        return true;
+    }
+    if (sv->sector_size != 0) {
+        return false;
+    }
+    report_at(function, __LINE__, "Check here!\n\n");
+    return true;
+}
+
 int with_errno(int result) {
     if (result < 0) {
         errno = -result;

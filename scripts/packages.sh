@@ -19,6 +19,11 @@ need_packages() {
     fi
 }
 
+# want_packages NAME...: the same for what some tests can do without; they say so and are skipped.
+want_packages() {
+    (need_packages "$@") || true
+}
+
 # install_missing PREFIX: the output of apt-get is shown only when it fails.
 install_missing() {
     echo "Installing:$missing" >&2

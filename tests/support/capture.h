@@ -29,6 +29,32 @@ inline std::string without_line_numbers(const std::string &printed) {
     return result;
 }
 
+// A stream into memory, to be handed to a printer.
+class memory_stream {
+public:
+    memory_stream() : stream_(open_memstream(&text_, &size_)) {}
+    memory_stream(const memory_stream &) = delete;
+    memory_stream &operator=(const memory_stream &) = delete;
+    ~memory_stream() {
+        std::fclose(stream_);
+        std::free(text_);
+    }
+
+    [[nodiscard]] FILE *get() {
+        return stream_;
+    }
+    // Everything printed so far.
+    [[nodiscard]] std::string text() {
+        std::fflush(stream_);
+        return {text_, size_};
+    }
+
+private:
+    char *text_ = nullptr;
+    std::size_t size_ = 0;
+    FILE *stream_;
+};
+
 // Collects the library's diagnostics for its lifetime, then gives standard error back.
 class diagnostics {
 public:

@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <unordered_map>
 
 #include <fcntl.h>
@@ -39,8 +40,10 @@ struct fault {
 };
 
 fault allocation_fault;
-fault call_faults[10];
+fault call_faults[12];
 device_picture picture;
+link_picture pretended;
+std::uint64_t offered_room = 0;
 
 bool converters_watched = false;
 std::vector<iconv_t> &converter_list() {
@@ -145,6 +148,17 @@ pretended_device::~pretended_device() {
     picture = device_picture{};
 }
 
+pretended_link::pretended_link(const link_picture &wanted) {
+    pretended = wanted;
+    offered_room = 0;
+}
+pretended_link::~pretended_link() {
+    pretended = link_picture{};
+}
+std::uint64_t pretended_link::room() const {
+    return offered_room;
+}
+
 closed_converters::closed_converters() {
     converter_list().clear();
     converters_watched = true;
@@ -172,6 +186,8 @@ ssize_t __real_read(int fd, void *buffer, std::size_t count);
 ssize_t __real_write(int fd, const void *buffer, std::size_t count);
 off64_t __real_lseek64(int fd, off64_t offset, int whence);
 int __real_fstat64(int fd, struct stat64 *status);
+int __real_lstat64(const char *path, struct stat64 *status);
+ssize_t __real_readlink(const char *path, char *target, std::size_t size);
 int __real_ioctl(int fd, unsigned long request, ...);
 int __real_truncate64(const char *path, off64_t length);
 int __real_fsync(int fd);
@@ -235,7 +251,16 @@ int __wrap_close(int fd) {
 }
 
 ssize_t __wrap_read(int fd, void *buffer, std::size_t count) {
-    return fails(call::read) ? -1 : __real_read(fd, buffer, cut(count));
+    if (fails(call::read)) {
+        return -1;
+    }
+    if (picture.invented_bytes < 0) {
+        return __real_read(fd, buffer, cut(count));
+    }
+    const std::int64_t told =
+        std::min(static_cast<std::int64_t>(cut(count)), picture.invented_bytes);
+    picture.invented_bytes -= told;
+    return static_cast<ssize_t>(told);
 }
 
 ssize_t __wrap_write(int fd, const void *buffer, std::size_t count) {
@@ -261,6 +286,31 @@ int __wrap_fstat64(int fd, struct stat64 *status) {
         status->st_mode = (status->st_mode & ~static_cast<mode_t>(S_IFMT)) | S_IFBLK;
     }
     return result;
+}
+
+int __wrap_lstat64(const char *path, struct stat64 *status) {
+    if (fails(call::lstat)) {
+        return -1;
+    }
+    const int result = __real_lstat64(path, status);
+    if (result == 0 && pretended.mode != 0) {
+        status->st_mode = (status->st_mode & ~static_cast<mode_t>(S_IFMT)) | pretended.mode;
+    }
+    return result;
+}
+
+ssize_t __wrap_readlink(const char *path, char *target, std::size_t size) {
+    offered_room = size;
+    if (fails(call::readlink)) {
+        return -1;
+    }
+    if (pretended.target_size < 0) {
+        return __real_readlink(path, target, size);
+    }
+    const std::size_t told = std::min(size, static_cast<std::size_t>(pretended.target_size));
+    std::memset(target, pretended.fill, told);
+    errno = pretended.error;
+    return static_cast<ssize_t>(told);
 }
 
 int __wrap_ioctl(int fd, unsigned long request, ...) {

@@ -38,7 +38,20 @@ public:
     [[nodiscard]] int live_blocks() const;
 };
 
-enum class call { open, close, read, write, lseek, fstat, ioctl, truncate, fsync, iconv_open };
+enum class call {
+    open,
+    close,
+    read,
+    write,
+    lseek,
+    fstat,
+    lstat,
+    readlink,
+    ioctl,
+    truncate,
+    fsync,
+    iconv_open
+};
 
 // Lets `successes` calls through, then makes one, or all after, fail with `error`.
 class failing_call {
@@ -61,6 +74,7 @@ struct device_picture {
     std::int64_t ioctl_sectors = -1;        // answer of ioctl(BLKGETSIZE)
     std::int64_t seek_end = -1;             // answer of lseek(fd, 0, SEEK_END)
     std::int64_t short_transfer_bytes = -1; // reads and writes move at most this many bytes
+    std::int64_t invented_bytes = -1;       // so many are read in all, the buffers left as they are
 };
 class pretended_device {
 public:
@@ -68,6 +82,24 @@ public:
     pretended_device(const pretended_device &) = delete;
     pretended_device &operator=(const pretended_device &) = delete;
     ~pretended_device();
+};
+
+// Replaces what lstat and readlink tell of any path, while it lives.
+struct link_picture {
+    std::uint32_t mode = 0;        // type bits of the status; 0: left alone
+    std::int64_t target_size = -1; // bytes of the target, cut to the room offered; -1: left alone
+    char fill = 'x';               // every byte of it
+    int error = 0;                 // left in errno
+};
+class pretended_link {
+public:
+    explicit pretended_link(const link_picture &picture);
+    pretended_link(const pretended_link &) = delete;
+    pretended_link &operator=(const pretended_link &) = delete;
+    ~pretended_link();
+
+    // The room that readlink was offered last.
+    [[nodiscard]] std::uint64_t room() const;
 };
 
 // The character-set converters closed while it lives, in order. One at a time.

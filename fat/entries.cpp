@@ -1,0 +1,247 @@
+// Programs' own listings: the entries of a directory one after another, and what an open entry is.
+//
+// A long name counts only where it is whole: its slots stand right in front of the short entry, in
+// falling order from the one marked last to 1, and carry that entry's checksum. Nothing is
+// reported: a program that looks at a damaged directory is told by results.
+
+#include "fat/internal.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+using namespace fat;
+
+namespace {
+
+// The long name that a walk over a directory is in.
+struct name_run {
+    u16 units[LONG_NAME_UNITS] = {};
+    u8 checksum = 0;
+    u32 missing = 0; // slots that are still to come
+    bool whole = false;
+
+    void reset() {
+        *this = name_run{};
+    }
+    void accept(const u8 *slot);
+
+    [[nodiscard]] bool belongs_to(const u8 *short_entry) const {
+        return whole && checksum == dosname_checksum(short_entry + SHORT_NAME.offset);
+    }
+};
+
+void name_run::accept(const u8 *slot) {
+    const u32 ordinal = load(slot, SLOT_ORDINAL);
+    const u8 slot_checksum = static_cast<u8>(load(slot, SLOT_CHECKSUM));
+    if ((ordinal & SLOT_LAST) != 0) {
+        reset();
+        checksum = slot_checksum;
+        missing = ordinal & ~SLOT_LAST;
+    } else if (missing == 0 || ordinal != missing || slot_checksum != checksum) {
+        reset();
+        return;
+    }
+    if (missing == 0) {
+        return; // a first slot that says there is none
+    }
+    gather_slot(slot, units);
+    missing--;
+    whole = missing == 0;
+}
+
+// ---- one entry ----
+
+bool is_symlink(const u8 *entry) {
+    return load(entry, SHORT_CMSEC) == CMSEC_SYMLINK;
+}
+
+u32 kind_of(const u8 *entry) {
+    const u32 type = entry_type(entry);
+    return type == DENTRY_FILE && is_symlink(entry) ? KIND_SYMLINK : type;
+}
+
+// A label's 11 bytes without their padding; nothing for a blank one.
+void label_text(const u8 *entry, char *out) {
+    u32 length = SHORT_NAME.size;
+    while (length > 0 && entry[SHORT_NAME.offset + length - 1] == ' ') {
+        length--;
+    }
+    std::memcpy(out, entry + SHORT_NAME.offset, length);
+    out[length] = '\0';
+}
+
+// The short name of an entry as text, never empty: a blank one is given as its bytes stand.
+void short_text(const u8 *entry, u8 lcase, char *out) {
+    if (entry_type(entry) == DENTRY_VOLUME) {
+        label_text(entry, out);
+    } else {
+        convert_dosname_to_cstring(entry + SHORT_NAME.offset, out, lcase);
+    }
+    if (out[0] == '\0') {
+        std::memcpy(out, entry + SHORT_NAME.offset, SHORT_NAME.size);
+        out[SHORT_NAME.size] = '\0';
+    }
+}
+
+bool is_blank_label(const u8 *entry) {
+    char label[DOS_CSTRING_SIZE];
+    label_text(entry, label);
+    return label[0] == '\0';
+}
+
+void fill_fields(const u8 *entry, fat_entry_info *info) {
+    info->type = static_cast<u8>(kind_of(entry));
+    info->attr = static_cast<u8>(load(entry, SHORT_ATTR));
+    info->cmsec = static_cast<u8>(load(entry, SHORT_CMSEC));
+    info->mtime = static_cast<u16>(load(entry, SHORT_MTIME));
+    info->mdate = static_cast<u16>(load(entry, SHORT_MDATE));
+    info->size = info->type == DENTRY_DIR ? 0 : load(entry, SHORT_FILE_SIZE);
+    info->start = start_cluster(entry);
+}
+
+void fill_names(const u8 *entry, const name_run &run, fat_entry_info *info) {
+    short_text(entry, 0, info->short_name);
+    const bool is_label = entry_type(entry) == DENTRY_VOLUME; // has its 11 bytes alone
+    const bool shows_long = !is_label && sv->long_name != 0 && run.belongs_to(entry);
+    if (!shows_long || !has_shown_name(run.units, info->name)) {
+        short_text(entry, static_cast<u8>(load(entry, SHORT_SYSID)), info->name);
+    }
+}
+
+// ---- walking ----
+
+// Whether an entry is one that listings give.
+bool is_listed(const u8 *entry) {
+    switch (entry_type(entry)) {
+    case DENTRY_FILE:
+    case DENTRY_DIR:
+        return true;
+    case DENTRY_VOLUME:
+        return !is_blank_label(entry);
+    default:
+        return false;
+    }
+}
+
+// Walks to the next listed entry from `*index` on and moves that behind it. Returns 1, 0 at the end
+// of the directory, or a negative errno.
+int next_entry(dentry_walk *walk, u32 *index, u8 **entry, name_run *run) {
+    run->reset();
+    for (u32 i = *index;; i++) {
+        const int result = walk_to(walk, i, entry);
+        if (result < 0) {
+            return result == -EFAULT ? 0 : result;
+        }
+        switch (entry_type(*entry)) {
+        case DENTRY_UNUSED:
+            return 0;
+        case DENTRY_LFN:
+            run->accept(*entry);
+            continue;
+        default:
+            break;
+        }
+        if (is_listed(*entry)) {
+            *index = i + 1;
+            return 1;
+        }
+        run->reset();
+    }
+}
+
+// ---- open entries ----
+
+void describe_root(const oentry *root, fat_entry_info *info) {
+    *info = {};
+    info->name[0] = '/';
+    info->type = DENTRY_DIR;
+    info->attr = ATTR_DIRECTORY;
+    info->start = base_cluster(root);
+}
+
+bool has_same_name(const u8 *a, const u8 *b) {
+    return std::memcmp(a + SHORT_NAME.offset, b + SHORT_NAME.offset, SHORT_NAME.size) == 0;
+}
+
+// Looks for an open entry in its directory, where its name stands.
+int find_names(const oentry *entry, fat_entry_info *info) {
+    dentry_walk walk;
+    if (!begin_walk(&walk, entry->parent_clus)) {
+        return -ENOMEM;
+    }
+    u32 index = 0;
+    for (;;) {
+        u8 *found = nullptr;
+        name_run run;
+        const int result = next_entry(&walk, &index, &found, &run);
+        if (result < 1) {
+            return result == 0 ? -ENOENT : result;
+        }
+        if (walk.location.sector == entry->dentry_sector &&
+            walk.location.offset == entry->dentry_offset) {
+            if (!has_same_name(found, entry->dentry)) {
+                return -ENOENT; // another entry has taken the place
+            }
+            info->index = index - 1;
+            fill_names(found, run, info);
+            return 0;
+        }
+    }
+}
+
+} // namespace
+
+int fat_next_entry(int did, uint32_t *index, fat_entry_info *info) {
+    if (index == nullptr || info == nullptr || not_mounted(__func__)) {
+        return -EINVAL;
+    }
+    const quiet_scope quiet;
+    const oentry *dir = entry_of(did);
+    if (dir == nullptr) {
+        return -EBADF;
+    }
+    if (!is_open_directory(dir)) {
+        return -ENOTDIR;
+    }
+    dentry_walk walk;
+    if (!begin_walk(&walk, dir)) {
+        return -ENOMEM;
+    }
+    u8 *entry = nullptr;
+    name_run run;
+    const int result = next_entry(&walk, index, &entry, &run);
+    if (result == 1) {
+        *info = {};
+        info->index = *index - 1;
+        fill_fields(entry, info);
+        fill_names(entry, run, info);
+    }
+    return result;
+}
+
+int fat_info_of(int id, fat_entry_info *info) {
+    if (info == nullptr || not_mounted(__func__)) {
+        return -EINVAL;
+    }
+    const quiet_scope quiet;
+    const oentry *entry = entry_of(id);
+    if (entry == nullptr) {
+        return -EBADF;
+    }
+    if (is_root(entry)) {
+        describe_root(entry, info);
+        return 0;
+    }
+    if (entry->dentry == nullptr) {
+        return -ENOENT; // its chain ran into a free entry: the entry has been removed
+    }
+    fat_entry_info found = {};
+    const int result = find_names(entry, &found);
+    if (result < 0) {
+        return result;
+    }
+    fill_fields(entry->dentry, &found);
+    *info = found;
+    return 0;
+}

@@ -1,0 +1,447 @@
+// Fast-open paths: where the directory entry of a file lies, and a check value, as 16 letters by
+// which the ZUQ driver opens the file without a search.
+//
+// The walk over a directory keeps its place in the directory's record: `readdir_pos` is the index
+// of the entry to look at next, `readdir_clus` the cluster in which that entry lies. It only moves
+// forward.
+
+#include "fat/internal.h"
+
+#include <cerrno>
+#include <cstring>
+
+using namespace fat;
+
+namespace {
+
+constexpr char PATH_PREFIX[] = "<?>";
+constexpr u32 PREFIX_LENGTH = sizeof PATH_PREFIX - 1;
+constexpr u32 WORD_LETTERS = 8;
+constexpr u32 PATH_SIZE = 20; // prefix, two words, NUL
+static_assert(PREFIX_LENGTH + 2 * WORD_LETTERS + 1 == PATH_SIZE);
+
+// The position of an entry on the volume, counted in entries; modulo 2^32 bytes.
+u32 entry_number(const dentry_location &location) {
+    return (sv->sector_size * location.sector + location.offset) / DENTRY_SIZE;
+}
+
+// The halves of the cluster number are swapped on purpose.
+u32 check_value(const u8 *entry) {
+    const u32 cluster = load(entry, SHORT_START_LOW) << 16 | load(entry, SHORT_START_HIGH);
+    return cluster ^ load(entry, SHORT_FILE_SIZE);
+}
+
+void write_path(char *path, const dentry_location &location, const u8 *entry) {
+    std::memcpy(path, PATH_PREFIX, PREFIX_LENGTH);
+    encode_fast_word(path + PREFIX_LENGTH, entry_number(location));
+    encode_fast_word(path + PREFIX_LENGTH + WORD_LETTERS, check_value(entry));
+    path[PATH_SIZE - 1] = '\0';
+}
+
+} // namespace
+
+namespace fat {
+
+namespace {
+
+// Results of one look at an entry, beside the negative errors of the walk.
+enum : int { ENDS = 0, FOUND = 1, GOES_ON = 2 };
+
+// Units of a long name, with room for a terminator behind 256 of them.
+using unit_buffer = u16[LONG_NAME_UNITS + 1];
+
+// What one call of do_readdir_fast() works with: the record that keeps its place, the outputs, and
+// the sector that was read last.
+struct fast_walk {
+    oentry *dir;
+    fat_name *name;
+    dentry_location *location;
+    u8 *output; // the caller's image of the entry
+    heap_ptr<u8> sector_buf = zeroed_bytes(sv->sector_size);
+    heap_ptr<u8> slot_buf = zeroed_bytes(sv->sector_size); // in which a long name is followed
+    bool follows = true; // the output follows the walk until it has met a long name
+    bool loaded = false;
+    u32 sector = 0;  // in the buffer
+    u32 cluster = 0; // of that sector
+    u32 index = 0;   // of that sector in the cluster, or in the root area
+    circle_guard guard = {};
+
+    [[nodiscard]] bool is_fixed_root() const {
+        return sv->fat_type != 32 && (dir->dentry == nullptr || dir->start == 0);
+    }
+    [[nodiscard]] u32 position() const {
+        return dir->readdir_pos;
+    }
+};
+
+u32 entries_per_sector() {
+    return sv->sector_size / DENTRY_SIZE;
+}
+
+u32 entries_per_cluster() {
+    return sv->sec_per_clus * entries_per_sector();
+}
+
+int report_walk(int line, int error) {
+    report_at("do_readdir_fast", line, "Check here!\n\n");
+    return error;
+}
+
+// The index of an entry counted from where readdir_clus begins, or from the start of the root area.
+u32 local_index(const fast_walk &walk) {
+    return walk.is_fixed_root() ? walk.position() : walk.position() % entries_per_cluster();
+}
+
+// Reads the sector of the entry to look at next, unless the walk stands in it.
+int load_sector(fast_walk *walk) {
+    const u32 index = local_index(*walk) / entries_per_sector();
+    const u32 cluster = walk->dir->readdir_clus;
+    if (walk->loaded && walk->cluster == cluster && walk->index == index) {
+        return 0;
+    }
+    walk->loaded = false;
+    const int located = get_phy_sector(cluster, index, &walk->sector);
+    if (located < 0) {
+        return report_walk(__LINE__, located);
+    }
+    if (read_sectors(walk->sector_buf.get(), walk->sector, 1) != 1) {
+        report_at("do_readdir_fast", __LINE__, "cannot read sectors\n");
+        return -EIO;
+    }
+    walk->cluster = cluster;
+    walk->index = index;
+    walk->loaded = true;
+    return 0;
+}
+
+// Moves readdir_clus on by `links`. Returns 1, 0 when the chain ends before, or a negative value,
+// which is -1 for a chain that has come back on itself.
+int advance_cluster(fast_walk *walk, u32 links) {
+    u32 cluster = walk->dir->readdir_clus;
+    for (u32 i = 0; i < links; i++) {
+        const int result = get_next_cluster(cluster, 1, &cluster);
+        if (result == 0) {
+            return 0;
+        }
+        if (result < 0 || walk->guard.closes_at(cluster)) {
+            return report_walk(__LINE__, result < 0 ? result : -1);
+        }
+    }
+    walk->dir->readdir_clus = cluster;
+    return 1;
+}
+
+// Moves the walk behind one entry.
+int pass_entry(fast_walk *walk) {
+    walk->dir->readdir_pos++;
+    if (walk->is_fixed_root() || walk->position() % entries_per_cluster() != 0) {
+        return GOES_ON;
+    }
+    const int advanced = advance_cluster(walk, 1);
+    return advanced == 1 ? GOES_ON : advanced;
+}
+
+void store_name(const fast_walk &walk, const char *text) {
+    if (walk.name == nullptr || walk.name->cstring == nullptr) {
+        return;
+    }
+    const std::size_t length = strnlen(text, LONG_NAME_UNITS - 1);
+    std::memcpy(walk.name->cstring, text, length);
+    walk.name->cstring[length] = '\0';
+}
+
+void store_short_name(const fast_walk &walk, const u8 *entry) {
+    char text[DOS_CSTRING_SIZE] = {};
+    convert_dosname_to_cstring(entry, text, static_cast<u8>(load(entry, SHORT_SYSID)));
+    store_name(walk, text);
+}
+
+// A name that the encoding does not have is shown by its short form.
+void store_long_name(const fast_walk &walk, const u16 *units, const u8 *short_entry) {
+    char text[LONG_NAME_UNITS + 1] = {};
+    if (convert_uname_to_cstring(units, text) >= 0) {
+        store_name(walk, text);
+    } else {
+        store_short_name(walk, short_entry);
+    }
+}
+
+// Finds where the short entry `slots` behind the walk's place lies, counted from the cluster in
+// which the walk still stands.
+int locate_short_entry(const fast_walk &walk, u32 slots, dentry_location *location) {
+    const u32 index = local_index(walk) + slots;
+    u32 sector = 0;
+    const int located =
+        get_phy_sector(walk.dir->readdir_clus, index / entries_per_sector(), &sector);
+    if (located < 0) {
+        return report_walk(__LINE__, located);
+    }
+    *location = {sector, index % entries_per_sector() * DENTRY_SIZE};
+    return 0;
+}
+
+// Moves the walk behind a long name and its short entry.
+int pass_long_name(fast_walk *walk, u32 slots) {
+    const u32 next = walk->position() + slots + 1;
+    if (!walk->is_fixed_root()) {
+        const u32 links = next / entries_per_cluster() - walk->position() / entries_per_cluster();
+        const int advanced = advance_cluster(walk, links);
+        if (advanced != 1) {
+            return advanced;
+        }
+    }
+    walk->dir->readdir_pos = next;
+    return FOUND;
+}
+
+// Looks at a long-name slot. The output keeps the image of the first slot from which a name was
+// followed; the driver's check value is made of it.
+int look_at_long_name(fast_walk *walk, const u8 *slot) {
+    u8 *current = const_cast<u8 *>(slot); // moved on, not written through
+    unit_buffer units = {};
+    const int slots = get_long_name_fast(walk->dir->readdir_clus, local_index(*walk), &current,
+                                         walk->slot_buf.get(), units);
+    walk->follows = walk->follows && current == slot;
+    if (slots < 0) {
+        return report_walk(__LINE__, slots);
+    }
+    if (slots == 0) {
+        return pass_entry(walk);
+    }
+    dentry_location location = {};
+    const int located = locate_short_entry(*walk, static_cast<u32>(slots), &location);
+    if (located < 0) {
+        return located;
+    }
+    store_long_name(*walk, units, current);
+    const int passed = pass_long_name(walk, static_cast<u32>(slots));
+    if (passed != FOUND) {
+        return passed;
+    }
+    if (entry_type(current) == DENTRY_DIR) {
+        return GOES_ON;
+    }
+    *walk->location = location;
+    return FOUND;
+}
+
+int look_at_file(fast_walk *walk, const u8 *entry) {
+    store_short_name(*walk, entry);
+    *walk->location = {walk->sector, walk->position() % entries_per_sector() * DENTRY_SIZE};
+    const int passed = pass_entry(walk);
+    return passed == GOES_ON ? FOUND : passed;
+}
+
+int look_at_entry(fast_walk *walk) {
+    const u8 *entry =
+        walk->sector_buf.get() + std::size_t{walk->position() % entries_per_sector()} * DENTRY_SIZE;
+    if (walk->follows) {
+        std::memcpy(walk->output, entry, DENTRY_SIZE);
+    }
+    switch (entry_type(entry)) {
+    case DENTRY_UNUSED:
+        return -ENOENT;
+    case DENTRY_LFN:
+        return sv->long_name == 1 ? look_at_long_name(walk, entry) : pass_entry(walk);
+    case DENTRY_FILE:
+        return look_at_file(walk, entry);
+    default:
+        return pass_entry(walk);
+    }
+}
+
+// Walks to the next file.
+int find_next_file(fast_walk *walk) {
+    for (;;) {
+        if (walk->is_fixed_root() && walk->position() > FAT16_ROOT_ENTRIES) {
+            return ENDS;
+        }
+        int result = load_sector(walk);
+        if (result < 0) {
+            return result;
+        }
+        result = look_at_entry(walk);
+        if (result != GOES_ON) {
+            return result;
+        }
+    }
+}
+
+// ---- long names ----
+
+// Copies the units of a slot to their place in a long name; what lies outside is left out.
+void copy_units(const u8 *slot, u32 position, u16 *uname) {
+    for (u32 i = 0; i < SLOT_UNITS && position + i < LONG_NAME_UNITS; i++) {
+        uname[position + i] = load16(slot + slot_unit_offset(i));
+    }
+}
+
+void report_checksum(u32 index) {
+    report_at("get_long_name_fast", __LINE__, "not match checksum(%d)\n", static_cast<int>(index));
+}
+
+// Whether the entry goes on with the long name as one of its lower slots.
+bool continues_name(const u8 *entry, u8 checksum, u32 index, u16 *uname) {
+    if (entry_type(entry) != DENTRY_LFN) {
+        report_at("get_long_name_fast", __LINE__, "not extend type(%d)\n", static_cast<int>(index));
+        uname[0] = 0;
+        return false;
+    }
+    if (load(entry, SLOT_ORDINAL) > SLOT_LAST) {
+        report_at("get_long_name_fast", __LINE__, "not LFN(%d)\n", static_cast<int>(index));
+        return false;
+    }
+    if (load(entry, SLOT_CHECKSUM) != checksum) {
+        report_checksum(index);
+        return false;
+    }
+    return true;
+}
+
+// Whether the entry is the short one that the slots belong to.
+bool ends_name(const u8 *entry, u8 checksum, u32 index, u16 *uname) {
+    const u32 type = entry_type(entry);
+    if (type != DENTRY_FILE && type != DENTRY_DIR) {
+        report_at("get_long_name_fast", __LINE__, "idx[%d]: not SFN(type:%x)\n",
+                  static_cast<int>(index), type);
+        return false;
+    }
+    if (dosname_checksum(entry + SHORT_NAME.offset) != checksum) {
+        report_checksum(index);
+        uname[0] = 0;
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+// The output is written, by way of the walk's record.
+// NOLINTNEXTLINE(readability-non-const-parameter)
+int do_readdir_fast(oentry *dir, u8 *entry, fat_name *name, dentry_location *location) {
+    fast_walk walk{dir, name, location, entry};
+    if (walk.sector_buf == nullptr || walk.slot_buf == nullptr) {
+        return report_walk(__LINE__, -ENOMEM);
+    }
+    if (walk.is_fixed_root() && walk.position() > FAT16_ROOT_ENTRIES) {
+        return report_walk(__LINE__, -1);
+    }
+    if (walk.position() == 0) {
+        dir->readdir_clus = sv->fat_type == 32 || dir->dentry != nullptr ? dir->start : 0;
+    }
+    const int result = find_next_file(&walk);
+    const bool is_behind_root = walk.is_fixed_root() && walk.position() > FAT16_ROOT_ENTRIES;
+    return result == FOUND && is_behind_root ? ENDS : result;
+}
+
+// ---- long names -------------------------------------------------------------------------------
+
+int get_long_name_fast(u32 cluster, u32 index, u8 **current, u8 *sector_buf, u16 *uname) {
+    const u32 ordinal = load(*current, SLOT_ORDINAL);
+    if (ordinal <= SLOT_LAST) {
+        return 0; // no slot, or none that begins a name
+    }
+    const u32 slot_count = ordinal - SLOT_LAST;
+    const u8 checksum = static_cast<u8>(load(*current, SLOT_CHECKSUM));
+    chain_place place;
+    for (u32 slot = slot_count; slot >= 1; slot--) {
+        copy_units(*current, (slot - 1) * SLOT_UNITS, uname);
+        index++;
+        const int result = get_dentry_from(&place, cluster, index, current, sector_buf, nullptr);
+        if (result < 0) {
+            REPORT("fail to get dentry(%u, %d): %s\n\n", cluster, static_cast<int>(index),
+                   std::strerror(-result));
+            return result;
+        }
+        const bool is_whole = slot > 1 ? continues_name(*current, checksum, index, uname)
+                                       : ends_name(*current, checksum, index, uname);
+        if (!is_whole) {
+            return 0;
+        }
+    }
+    return static_cast<int>(slot_count);
+}
+
+int get_next_cluster(u32 cluster, u32 n, u32 *out) {
+    if (cluster >= sv->num_clusters + FIRST_DATA_CLUSTER) {
+        REPORT("Check here!\n\n");
+        return -EINVAL;
+    }
+    sector_window fat;
+    for (u32 i = 0; i < n; i++) {
+        const int next = follow_link(&fat, cluster);
+        if (next > 0 && is_end_of_chain(static_cast<u32>(next))) {
+            return 0;
+        }
+        if (next < 0 || !is_data_cluster(static_cast<u32>(next))) {
+            REPORT("Check here!\n\n");
+            return -1;
+        }
+        cluster = static_cast<u32>(next);
+    }
+    *out = cluster;
+    return 1;
+}
+
+// ---- letters ----------------------------------------------------------------------------------
+
+void encode_fast_word(char *out, u32 value) {
+    constexpr u32 LETTER_BITS = 4;
+    constexpr u32 FIRST_LETTER = '@';
+    constexpr u32 LETTER_MASK = (1U << LETTER_BITS) - 1;
+    for (u32 i = 0; i < WORD_LETTERS; i++) {
+        const u32 shift = (WORD_LETTERS - 1 - i) * LETTER_BITS;
+        out[i] = static_cast<char>(FIRST_LETTER | (value >> shift & LETTER_MASK));
+    }
+}
+
+} // namespace fat
+
+// The name is the room for an output that is not written: its type is that of its sister call.
+// cppcheck-suppress constParameter
+// NOLINTNEXTLINE(readability-non-const-parameter)
+int zuq_get_fast_open_path_of_file(int id, char *name, char *path) {
+    if (name == nullptr || path == nullptr) {
+        REPORT("NULL path!\n\n");
+        return -EINVAL;
+    }
+    if (no_volume(__func__)) {
+        return -EINVAL;
+    }
+    std::memset(path, 0, PATH_SIZE);
+    const oentry *entry = entry_of(id);
+    if (entry == nullptr || entry->dentry == nullptr) {
+        REPORT("Failed to get file entry!\n\n");
+        return -EINVAL;
+    }
+    write_path(path, {entry->dentry_sector, entry->dentry_offset}, entry->dentry);
+    return 0;
+}
+
+int zuq_get_fast_open_path_of_dir(int id, char *name, char *path) {
+    if (name == nullptr || path == nullptr) {
+        REPORT("NULL arg!\n\n");
+        return -EINVAL;
+    }
+    if (not_mounted(__func__)) {
+        return -EINVAL;
+    }
+    std::memset(name, 0, LONG_NAME_UNITS);
+    std::memset(path, 0, PATH_SIZE);
+    oentry *dir = entry_of(id);
+    if (dir == nullptr) {
+        REPORT("Failed to get file entry!\n\n");
+        return -EINVAL;
+    }
+    // The name that the walk finds is not handed on.
+    fat_name found = {};
+    u8 entry[DENTRY_SIZE] = {};
+    dentry_location location = {};
+    const int result = do_readdir_fast(dir, entry, &found, &location);
+    if (result < 0) {
+        REPORT("Failed to readdir_fast()!\n\n");
+        return result;
+    }
+    write_path(path, location, entry);
+    return result;
+}

@@ -1,0 +1,14 @@
+# Sourced by test: what the tests reach of fat/ and tool/.
+
+need_packages gcovr
+instrumented="-O0 -g --coverage"
+build coverage -DCMAKE_BUILD_TYPE=Debug -DQUORVEL_BUILD_TESTS=ON \
+    -DCMAKE_CXX_FLAGS="$instrumented" -DCMAKE_C_FLAGS="$instrumented"
+coverage_dir=$build_dir/coverage
+find "$coverage_dir" -name '*.gcda' -delete
+ctest --test-dir "$coverage_dir" --output-on-failure -j "$jobs" "$@"
+
+mkdir -p "$coverage_dir/report"
+gcovr --root "$source_dir" --filter "$source_dir/fat/" --filter "$source_dir/tool/" \
+    --exclude-unreachable-branches --html-details "$coverage_dir/report/index.html" \
+    --txt - --print-summary --fail-under-line 99 --fail-under-branch 95 "$coverage_dir"

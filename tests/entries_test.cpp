@@ -1,0 +1,970 @@
+// Listings for programs: the entries of an open directory one after another, and what an open entry
+// is.
+
+#include "tests/support/faults.h"
+#include "tests/support/mounted.h"
+#include "tests/support/open_entries.h"
+#include "tests/support/valgrind.h"
+
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <random>
+
+using namespace fat;
+using namespace testing_support;
+using namespace std::string_literals;
+
+namespace {
+
+// What an entry is told to be.
+struct info_picture {
+    std::string name;
+    std::string short_name;
+    unsigned type = 2;
+    unsigned attr = 0;
+    unsigned cmsec = 0;
+    unsigned mtime = 0;
+    unsigned mdate = 0;
+    u32 size = 0;
+    u32 start = 0;
+    u32 index = 0;
+    bool operator==(const info_picture &) const = default;
+};
+std::ostream &operator<<(std::ostream &out, const info_picture &i) {
+    return out << "{\"" << i.name << "\", \"" << i.short_name << "\", type " << i.type << ", attr "
+               << i.attr << ", cmsec " << i.cmsec << ", time " << i.mtime << ", date " << i.mdate
+               << ", size " << i.size << ", start " << i.start << ", index " << i.index << "}";
+}
+info_picture picture_of_info(const fat_entry_info &info) {
+    EXPECT_NE(std::memchr(info.name, '\0', sizeof info.name), nullptr);
+    EXPECT_NE(std::memchr(info.short_name, '\0', sizeof info.short_name), nullptr);
+    return {info.name,  info.short_name, info.type, info.attr,  info.cmsec,
+            info.mtime, info.mdate,      info.size, info.start, info.index};
+}
+
+// ---- a second account of the listing ----------------------------------------------------------
+
+// A short name as it is seen; without case bits as it is stored.
+std::string shown_short(const entry_image &entry, unsigned case_bits) {
+    std::string base(entry.begin(), entry.begin() + 8);
+    std::string extension(entry.begin() + 8, entry.begin() + 11);
+    base = base.substr(0, base.find(' '));
+    extension = extension.substr(0, extension.find(' '));
+    if (!base.empty() && base[0] == 0x05) {
+        base[0] = '\xE5';
+    }
+    const auto lower = [](std::string *text) {
+        for (char &c : *text) {
+            c = c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c;
+        }
+    };
+    if ((case_bits & 0x08) != 0) {
+        lower(&base);
+    }
+    if ((case_bits & 0x10) != 0) {
+        lower(&extension);
+    }
+    return extension.empty() ? base : base + "." + extension;
+}
+
+bool is_slot(const entry_image &entry) {
+    return entry[0] != 0 && entry[0] != 0xE5 && entry[11] % 64 == 15;
+}
+std::u16string units_of(const entry_image &slot) {
+    std::u16string result;
+    for (const std::size_t place : {1, 3, 5, 7, 9, 14, 16, 18, 20, 22, 24, 28, 30}) {
+        const auto unit = static_cast<char16_t>(slot[place] + 256 * slot[place + 1]);
+        if (unit == 0) {
+            break;
+        }
+        result += unit;
+    }
+    return result;
+}
+
+// The long name whose slots stand in front of entry `index`, looked at from there backwards.
+std::optional<std::string> long_name_before(const directory &dir, u32 index) {
+    const entry_image entry = dir.at(index);
+    const unsigned checksum = checksum_of({reinterpret_cast<const char *>(entry.data()), 11});
+    std::u16string name;
+    for (unsigned k = 1; k <= 20 && k <= index; k++) {
+        const entry_image slot = dir.at(index - k);
+        if (!is_slot(slot) || slot[13] != checksum || (slot[0] != k && slot[0] != (0x40 | k))) {
+            return std::nullopt;
+        }
+        if (name.size() == (k - 1) * 13) {
+            name += units_of(slot);
+        }
+        if (slot[0] != k) {
+            std::string text;
+            for (const char16_t unit : name) {
+                if (unit >= 0x80) {
+                    return std::nullopt;
+                }
+                text += static_cast<char>(unit);
+            }
+            return text.empty() ? std::nullopt : std::optional(text);
+        }
+    }
+    return std::nullopt;
+}
+
+info_picture plain_info(const directory &dir, u32 index) {
+    const entry_image entry = dir.at(index);
+    info_picture result;
+    result.short_name = shown_short(entry, 0);
+    result.name = (sv->long_name == 1 ? long_name_before(dir, index) : std::nullopt)
+                      .value_or(shown_short(entry, entry[12]));
+    const unsigned kind = entry[11] / 8 % 4;
+    result.type = kind == 2 ? 3 : kind == 1 ? 8 : entry[13] == 0xE2 ? 7 : 2;
+    result.attr = entry[11];
+    result.cmsec = entry[13];
+    result.mtime = field_of(entry, 22, 2);
+    result.mdate = field_of(entry, 24, 2);
+    result.size = kind == 2 ? 0 : size_of(entry);
+    result.start = start_of(entry);
+    result.index = index;
+    return result;
+}
+
+// Labels are left out.
+std::vector<info_picture> plain_listing(const directory &dir) {
+    std::vector<info_picture> result;
+    for (u32 index = 0; index < dir.capacity() && dir.at(index)[0] != 0; index++) {
+        const entry_image entry = dir.at(index);
+        const unsigned kind = entry[11] / 8 % 4;
+        if (entry[0] != 0xE5 && !is_slot(entry) && (kind == 0 || kind == 2)) {
+            result.push_back(plain_info(dir, index));
+        }
+    }
+    return result;
+}
+
+// ---- a case -----------------------------------------------------------------------------------
+
+class entries_case {
+public:
+    explicit entries_case(const volume_shape &shape = {}) : v(shape) {
+        v.top.go_to(1); // behind the label
+    }
+
+    // All entries from the beginning on. Nothing is said.
+    std::vector<info_picture> list(int did) {
+        std::vector<info_picture> result;
+        u32 index = 0;
+        for (;;) {
+            const std::optional<info_picture> one = next(did, &index);
+            if (!one.has_value() || result.size() > 100000) {
+                return result;
+            }
+            result.push_back(*one);
+        }
+    }
+    std::vector<std::string> names(int did) {
+        std::vector<std::string> result;
+        for (const info_picture &info : list(did)) {
+            result.push_back(info.name);
+        }
+        return result;
+    }
+    // One call that succeeds, or ends.
+    std::optional<info_picture> next(int did, u32 *index) {
+        fat_entry_info info;
+        std::memset(&info, 0x55, sizeof info);
+        const fat_entry_info before = info;
+        said.clear();
+        const int result = fat_next_entry(did, index, &info);
+        EXPECT_EQ(said.text(), "");
+        if (result == 1) {
+            EXPECT_GT(*index, info.index);
+            return picture_of_info(info);
+        }
+        EXPECT_EQ(result, 0);
+        EXPECT_EQ(std::memcmp(&info, &before, sizeof info), 0);
+        return std::nullopt;
+    }
+    // One call that fails, silently.
+    int failed(int did, u32 at = 0) {
+        fat_entry_info info;
+        std::memset(&info, 0x55, sizeof info);
+        const fat_entry_info before = info;
+        u32 index = at;
+        said.clear();
+        const int result = fat_next_entry(did, &index, &info);
+        EXPECT_EQ(said.text(), "");
+        EXPECT_EQ(std::memcmp(&info, &before, sizeof info), 0);
+        EXPECT_EQ(index, at);
+        return result;
+    }
+    // What an open entry is; its error as a name. Nothing is said.
+    info_picture info_of(int id) {
+        fat_entry_info info;
+        std::memset(&info, 0x55, sizeof info);
+        said.clear();
+        const int result = fat_info_of(id, &info);
+        EXPECT_EQ(said.text(), "");
+        if (result != 0) {
+            info_picture error;
+            error.name = "error " + std::to_string(result);
+            return error;
+        }
+        return picture_of_info(info);
+    }
+    int info_error(int id) {
+        fat_entry_info info;
+        said.clear();
+        const int result = fat_info_of(id, &info);
+        EXPECT_EQ(said.text(), "");
+        return result;
+    }
+
+    mounted v;
+    diagnostics said;
+};
+
+const char *const DOS = "ALONGN~1TXT";
+
+class NextEntry : public testing::TestWithParam<volume_shape> {
+protected:
+    NextEntry() : c(GetParam()) {}
+    entries_case c;
+};
+INSTANTIATE_TEST_SUITE_P(
+    Shapes, NextEntry,
+    testing::Values(volume_shape{.fat_type = 16}, volume_shape{.fat_type = 16, .sec_per_clus = 4},
+                    volume_shape{.fat_type = 32},
+                    volume_shape{.fat_type = 32, .sector_size = 1024, .sec_per_clus = 2},
+                    volume_shape{.fat_type = 16, .sector_size = 4096}),
+    shape_name);
+
+TEST_P(NextEntry, TellsEverythingOfAFile) {
+    entry_image entry = short_entry("README  TXT", ARCHIVE | READ_ONLY, 0x54321, 0x87654321);
+    entry[12] = 0x18;
+    entry[13] = 0x37;
+    entry[14] = entry[15] = entry[16] = entry[17] = entry[18] = entry[19] = 0x11;
+    entry[22] = 0x5C;
+    entry[23] = 0x64;
+    entry[24] = 0x5D;
+    entry[25] = 0x58;
+    c.v.top.append(entry);
+    EXPECT_EQ(c.list(0), (std::vector<info_picture>{{"readme.txt", "README.TXT", 2, 0x21, 0x37,
+                                                     0x645C, 0x585D, 0x87654321, 0x54321, 1}}));
+}
+
+TEST_P(NextEntry, GivesEveryKindInOrder) {
+    directory dir = c.v.sub_directory({20, 22, 21});
+    const int did = c.v.open_new("SUB        ", {20, 22, 21}, 0, DIRECTORY);
+    dir.append(short_entry(".          ", DIRECTORY, 20));
+    dir.append(short_entry("..         ", DIRECTORY, 0));
+    dir.append(short_entry("FILE    TXT", ARCHIVE, 10, 5));
+    dir.append(deleted(short_entry("GONE    TXT")));
+    dir.append(short_entry("DEEP       ", DIRECTORY, 30, 99));
+    entry_image link = short_entry("LINK       ", 0, 11, 4);
+    link[13] = 0xE2;
+    dir.append(link);
+    dir.append(short_entry("VOLUME     ", LABEL));
+    dir.append(short_entry("           ", LABEL));
+    dir.append(short_entry("INVALID    ", LABEL | DIRECTORY));
+    dir.append(long_slot(0x41, u"orphan", 7));
+    dir.append_long(u"A long name with more.text", DOS);
+    entry_image directory_of_links = short_entry("MARKED     ", DIRECTORY, 31);
+    directory_of_links[13] = 0xE2;
+    dir.append(directory_of_links);
+    EXPECT_EQ(c.list(did),
+              (std::vector<info_picture>{
+                  {".", ".", 3, 0x10, 0, 0, 0, 0, 20, 0},
+                  {"..", "..", 3, 0x10, 0, 0, 0, 0, 0, 1},
+                  {"FILE.TXT", "FILE.TXT", 2, 0x20, 0, 0, 0, 5, 10, 2},
+                  {"DEEP", "DEEP", 3, 0x10, 0, 0, 0, 0, 30, 4},
+                  {"LINK", "LINK", 7, 0, 0xE2, 0, 0, 4, 11, 5},
+                  {"VOLUME", "VOLUME", 8, 8, 0, 0, 0, 0, 0, 6},
+                  {"A long name with more.text", "ALONGN~1.TXT", 2, 0x20, 0, 0, 0, 0, 0, 12},
+                  {"MARKED", "MARKED", 3, 0x10, 0xE2, 0, 0, 0, 31, 13}}));
+}
+
+TEST_P(NextEntry, EndsAtAnUnusedEntry) {
+    c.v.top.append(short_entry("FILE    TXT"));
+    c.v.top.append(entry_image{});
+    c.v.top.append(short_entry("BEHIND  TXT"));
+    EXPECT_EQ(c.names(0), std::vector<std::string>{"FILE.TXT"});
+}
+
+TEST_P(NextEntry, LeavesTheBlankLabelOfAFreshVolumeOut) {
+    EXPECT_EQ(c.names(0), std::vector<std::string>());
+    c.v.top.put(0, short_entry("NAMED      ", LABEL));
+    EXPECT_EQ(c.names(0), std::vector<std::string>{"NAMED"});
+}
+
+TEST_P(NextEntry, EndsWithAFullDirectory) {
+    directory dir = c.v.sub_directory({20, 22});
+    const int did = c.v.open_new("SUB        ", {20, 22}, 0, DIRECTORY);
+    dir.fill_up(short_entry("FILE    TXT"));
+    const std::vector<info_picture> all = c.list(did);
+    ASSERT_EQ(all.size(), dir.capacity());
+    EXPECT_EQ(all.back().index, dir.capacity() - 1);
+    for (const u32 at : {dir.capacity(), dir.capacity() + 1, 0x07FFFFFFU, 0x08000000U, 0x08000001U,
+                         0x10000000U, 0xFFFFFFFFU}) {
+        u32 index = at;
+        EXPECT_EQ(c.next(did, &index), std::nullopt) << at;
+    }
+}
+
+TEST_P(NextEntry, HasNothingInADirectoryWithoutCluster) {
+    const int did = c.v.open_new("SUB        ", {}, 0, DIRECTORY);
+    EXPECT_EQ(c.names(did), std::vector<std::string>());
+}
+
+TEST_P(NextEntry, GoesOnWhereTheCallerSays) {
+    c.v.top.append(short_entry("A          "));
+    c.v.top.append_long(u"A long name.txt", DOS);
+    c.v.top.append(short_entry("B          "));
+    u32 index = 0;
+    EXPECT_EQ(c.next(0, &index)->name, "A");
+    EXPECT_EQ(index, 2U);
+    EXPECT_EQ(c.next(0, &index)->name, "A long name.txt");
+    EXPECT_EQ(index, 5U);
+    EXPECT_EQ(c.next(0, &index)->name, "B");
+    EXPECT_EQ(index, 6U);
+    EXPECT_EQ(c.next(0, &index), std::nullopt);
+    index = 2;
+    EXPECT_EQ(c.next(0, &index)->name, "A long name.txt");
+    // In the middle of a name there is no whole name.
+    index = 3;
+    EXPECT_EQ(c.next(0, &index)->index, 4U);
+    EXPECT_EQ(index, 5U);
+}
+
+TEST_P(NextEntry, SeesWhatIsAddedMeanwhile) {
+    c.v.top.append(short_entry("A          "));
+    u32 index = 0;
+    EXPECT_EQ(c.next(0, &index)->name, "A");
+    EXPECT_EQ(c.next(0, &index), std::nullopt);
+    c.v.top.append_long(u"A long name.txt", DOS);
+    EXPECT_EQ(c.next(0, &index)->name, "A long name.txt");
+    EXPECT_EQ(c.next(0, &index), std::nullopt);
+    ASSERT_GT(fat_create_file("/another name.txt"), 0);
+    EXPECT_EQ(c.next(0, &index)->name, "another name.txt");
+    EXPECT_EQ(c.next(0, &index), std::nullopt);
+}
+
+TEST_P(NextEntry, SeesWhatADirectoryGrewBy) {
+    directory dir = c.v.sub_directory({20});
+    const int did = c.v.open_new("SUB        ", {20}, 0, DIRECTORY);
+    dir.append(short_entry(".          ", DIRECTORY, 20));
+    dir.append(short_entry("..         ", DIRECTORY, 0));
+    dir.fill_up(short_entry("FILE    TXT"));
+    u32 index = dir.capacity() - 1;
+    EXPECT_EQ(c.next(did, &index)->name, "FILE.TXT");
+    EXPECT_EQ(c.next(did, &index), std::nullopt);
+    ASSERT_EQ(fat_set_current(did), did);
+    ASSERT_GT(fat_create_file("new.txt"), 0);
+    const std::optional<info_picture> added = c.next(did, &index);
+    ASSERT_TRUE(added.has_value());
+    EXPECT_EQ(added->name, "new.txt");
+    EXPECT_EQ(added->index, dir.capacity());
+}
+
+TEST_P(NextEntry, LeavesRemovedEntriesOut) {
+    ASSERT_GT(fat_create_file("/A long name.txt"), 0);
+    ASSERT_GT(fat_create_file("/another name.txt"), 0);
+    ASSERT_GE(fat_rm_entry("/A long name.txt"), 0);
+    EXPECT_EQ(c.names(0), std::vector<std::string>{"another name.txt"});
+}
+
+TEST_P(NextEntry, KeepsNothingAndOpensNothing) {
+    c.v.top.append_long(u"A long name.txt", DOS);
+    const allocation_meter meter;
+    EXPECT_EQ(c.names(0).size(), 1U);
+    EXPECT_EQ(ids_in_use(), std::vector<int>{0});
+    EXPECT_EQ(sv->root_dir->readdir_pos, 0U);
+}
+
+// ---- long names
+
+TEST_P(NextEntry, GathersNamesOverSectorsAndClusters) {
+    const u32 stride = runs_in_valgrind() ? 5 : 1;
+    for (u32 before = 0; before < volume::entries_per_sector() + 2; before += stride) {
+        for (std::size_t slots = 1; slots <= 20; slots += stride) {
+            directory dir = c.v.sub_directory({20, 25, 21, 24});
+            for (u32 i = 0; i < before; i++) {
+                dir.append(deleted(short_entry("GONE    TXT")));
+            }
+            const std::u16string name(std::min<std::size_t>(slots * 13 - slots % 3, 255), u'n');
+            const u32 index = dir.append_long(name, DOS);
+            dir.append(entry_image{});
+            const int did = c.v.open_new("SUB        ", {20, 25, 21, 24}, 0, DIRECTORY);
+            const std::vector<info_picture> all = c.list(did);
+            ASSERT_EQ(all.size(), 1U);
+            EXPECT_EQ(all[0].name, std::string(name.size(), 'n'));
+            EXPECT_EQ(all[0].index, index);
+            fat_close(did);
+            c.v.top.go_to(1);
+        }
+    }
+}
+
+TEST_P(NextEntry, NeedsWholeSlots) {
+    const unsigned sum = checksum_of(DOS);
+    const std::u16string part = u"thirteen long";
+    const std::vector<std::pair<const char *, std::vector<entry_image>>> broken = {
+        {"no last mark", {long_slot(1, u"name", sum)}},
+        {"no last mark in front", {long_slot(2, u"name", sum), long_slot(1, part, sum)}},
+        {"one missing at the end", {long_slot(0x42, u"name", sum)}},
+        {"one missing inside", {long_slot(0x43, u"name", sum), long_slot(1, part, sum)}},
+        {"one too many",
+         {long_slot(0x42, u"name", sum), long_slot(1, part, sum), long_slot(1, part, sum)}},
+        {"ascending", {long_slot(1, part, sum), long_slot(0x42, u"name", sum)}},
+        {"out of order",
+         {long_slot(0x43, u"name", sum), long_slot(1, part, sum), long_slot(2, part, sum)}},
+        {"another checksum", {long_slot(0x41, u"name", sum + 1)}},
+        {"another checksum in front", {long_slot(0x42, u"name", sum + 1), long_slot(1, part, sum)}},
+        {"another checksum behind", {long_slot(0x42, u"name", sum), long_slot(1, part, sum + 1)}},
+        {"ordinal 0", {long_slot(0x40, u"name", sum)}},
+        {"a deleted slot", {deleted(long_slot(0x41, u"name", sum))}},
+        {"something between", {long_slot(0x41, u"name", sum), deleted(short_entry(DOS))}},
+        {"a label between", {long_slot(0x41, u"name", sum), short_entry("           ", LABEL)}},
+        {"an invalid entry between",
+         {long_slot(0x41, u"name", sum), short_entry("INVALID    ", LABEL | DIRECTORY)}},
+        {"nothing in it", {long_slot(0x41, u"", sum)}},
+    };
+    for (const auto &[what, slots] : broken) {
+        c.v.top.go_to(1);
+        c.v.top.append(slots);
+        const u32 index = c.v.top.append(short_entry(DOS, ARCHIVE, 10, 5));
+        c.v.top.append(entry_image{});
+        EXPECT_EQ(c.list(0), (std::vector<info_picture>{
+                                 {"ALONGN~1.TXT", "ALONGN~1.TXT", 2, 0x20, 0, 0, 0, 5, 10, index}}))
+            << what;
+    }
+}
+
+TEST_P(NextEntry, TakesTheNameThatIsWholeBehindABrokenOne) {
+    const unsigned sum = checksum_of(DOS);
+    c.v.top.append(long_slot(0x42, u"broken", sum));
+    c.v.top.append_long(u"whole", DOS);
+    c.v.top.append(short_entry(DOS)); // and none for the next
+    EXPECT_EQ(c.names(0), (std::vector<std::string>{"whole", "ALONGN~1.TXT"}));
+}
+
+TEST_P(NextEntry, GivesLongNamesOfDirectoriesAndLinks) {
+    c.v.top.append(long_slots(u"A directory", "ADIREC~1   "));
+    c.v.top.append(short_entry("ADIREC~1   ", DIRECTORY, 30));
+    entry_image link = short_entry("ALINK~1    ", 0, 11, 4);
+    link[13] = 0xE2;
+    c.v.top.append(long_slots(u"A link", "ALINK~1    "));
+    c.v.top.append(link);
+    EXPECT_EQ(c.list(0),
+              (std::vector<info_picture>{{"A directory", "ADIREC~1", 3, 0x10, 0, 0, 0, 0, 30, 2},
+                                         {"A link", "ALINK~1", 7, 0, 0xE2, 0, 0, 4, 11, 4}}));
+}
+
+TEST_P(NextEntry, GivesShortNamesWhileLongNamesAreOff) {
+    sv->long_name = 0;
+    c.v.top.append_long(u"A long name.txt", DOS);
+    entry_image small = short_entry("SMALL   TXT");
+    small[12] = 0x08;
+    c.v.top.append(small);
+    EXPECT_EQ(c.names(0), (std::vector<std::string>{"ALONGN~1.TXT", "small.TXT"}));
+}
+
+TEST_P(NextEntry, GivesTheCaseBitsOfShortNamesOnly) {
+    for (const auto &[bits, name] :
+         std::initializer_list<std::pair<int, const char *>>{{0x00, "AB_1.TXT"},
+                                                             {0x08, "ab_1.TXT"},
+                                                             {0x10, "AB_1.txt"},
+                                                             {0x18, "ab_1.txt"},
+                                                             {0xE7, "AB_1.TXT"}}) {
+        entry_image entry = short_entry("AB_1    TXT");
+        entry[12] = static_cast<std::uint8_t>(bits);
+        c.v.top.put(1, entry);
+        const std::vector<info_picture> all = c.list(0);
+        ASSERT_EQ(all.size(), 1U);
+        EXPECT_EQ(all[0].name, name);
+        EXPECT_EQ(all[0].short_name, "AB_1.TXT");
+    }
+}
+
+TEST_P(NextEntry, GivesOddShortNamesNeverEmpty) {
+    c.v.top.append(short_entry("           ", ARCHIVE));
+    c.v.top.append(short_entry("        EXT", ARCHIVE));
+    c.v.top.append(short_entry("\x05"
+                               "BCDEFGHIJK",
+                               ARCHIVE));
+    c.v.top.append(short_entry("NOEXT      ", ARCHIVE));
+    EXPECT_EQ(c.names(0), (std::vector<std::string>{"           ", ".EXT",
+                                                    "\xE5"
+                                                    "BCDEFGH.IJK",
+                                                    "NOEXT"}));
+    for (const info_picture &info : c.list(0)) {
+        EXPECT_NE(info.name, "");
+    }
+}
+
+// ---- encodings
+
+TEST_P(NextEntry, GivesNamesOf255UnitsInUtf8) {
+    ASSERT_EQ(fat_set_encoding("UTF-8"), 0);
+    directory dir = c.v.sub_directory({20, 22, 24});
+    const int did = c.v.open_new("SUB        ", {20, 22, 24}, 0, DIRECTORY);
+    dir.append_long(std::u16string(255, u'\u4E2D'), DOS);
+    dir.append_long(std::u16string(128, u'\u00E4'), "ALONGN~2TXT");
+    std::string three_bytes;
+    for (int i = 0; i < 255; i++) {
+        three_bytes += "\xE4\xB8\xAD";
+    }
+    std::string two_bytes;
+    for (int i = 0; i < 128; i++) {
+        two_bytes += "\xC3\xA4";
+    }
+    ASSERT_EQ(three_bytes.size(), 765U);
+    const std::vector<std::string> names = c.names(did);
+    EXPECT_EQ(names, (std::vector<std::string>{three_bytes, two_bytes}));
+}
+
+TEST_P(NextEntry, GivesTheShortNameOfWhatCannotBeConverted) {
+    c.v.top.append_long(u"größer.txt", "GRER~1  TXT");
+    c.v.top.append_long(u"\u4E2D\u6587.txt", "ZHONG~1 TXT");
+    c.v.top.append_long(u"half \xD800 pair", "HALF~1     ");
+    c.v.top.append_long(u"plain name.txt", "PLAINN~1TXT");
+    // Without an encoding it is plain ASCII.
+    EXPECT_EQ(c.names(0),
+              (std::vector<std::string>{"GRER~1.TXT", "ZHONG~1.TXT", "HALF~1", "plain name.txt"}));
+    ASSERT_EQ(fat_set_encoding("ISO-8859-1"), 0);
+    EXPECT_EQ(c.names(0), (std::vector<std::string>{"gr\xF6\xDF"
+                                                    "er.txt",
+                                                    "ZHONG~1.TXT", "HALF~1", "plain name.txt"}));
+    ASSERT_EQ(fat_set_encoding("UTF-8"), 0);
+    EXPECT_EQ(c.names(0), (std::vector<std::string>{"gr\xC3\xB6\xC3\x9F"
+                                                    "er.txt",
+                                                    "\xE4\xB8\xAD\xE6\x96\x87.txt", "HALF~1",
+                                                    "plain name.txt"}));
+}
+
+TEST_P(NextEntry, KeepsAByteOrderMarkThatIsPartOfTheName) {
+    ASSERT_EQ(fat_set_encoding("UTF-8"), 0);
+    c.v.top.append_long(u"\uFEFFname", DOS);
+    c.v.top.append_long(u"plain", "ALONGN~2TXT");
+    const std::vector<std::string> names = c.names(0);
+    ASSERT_EQ(names.size(), 2U);
+    EXPECT_EQ(names[0].substr(names[0].size() - 4), "name");
+    EXPECT_EQ(names[1], "plain");
+}
+
+// ---- random directories
+
+TEST_P(NextEntry, AgreesWithAPlainListing) {
+    std::mt19937 engine(4711);
+    const auto below = [&](u32 n) { return static_cast<u32>(engine() % n); };
+    const int rounds = runs_in_valgrind() ? 5 : 60;
+    for (int round = 0; round < rounds; round++) {
+        sv->long_name = round % 5 == 4 ? 0 : 1;
+        const bool is_root = sv->fat_type == 16 && round % 3 == 0;
+        std::vector<u32> clusters = {20, 25, 22, 30, 21};
+        clusters.resize(1 + below(5));
+        directory made = c.v.sub_directory(clusters);
+        directory root = c.v.root();
+        directory &dir = is_root ? root : made;
+        c.v.top.go_to(1);
+        const int did = is_root ? 0 : c.v.open_new("SUB        ", clusters, 0, DIRECTORY);
+        for (u32 i = 0; i < dir.capacity(); i++) {
+            dir.put(i, entry_image{});
+        }
+        const u32 end = std::min(below(3) == 0 ? below(dir.capacity()) + 1 : dir.capacity(), 400U);
+        u32 used = 0;
+        const auto add = [&](const entry_image &entry) {
+            if (used < end) {
+                dir.put(used++, entry);
+            }
+        };
+        while (used < end) {
+            std::string dos = "F" + std::to_string(1000000 + below(8999999)) + "TXT";
+            if (below(4) == 0) {
+                dos.replace(below(8), 1, " ");
+            }
+            entry_image entry =
+                short_entry(dos, ARCHIVE, static_cast<u32>(engine()), static_cast<u32>(engine()));
+            for (const std::size_t place : {12, 13, 22, 23, 24, 25}) {
+                entry[place] = static_cast<std::uint8_t>(engine());
+            }
+            if (below(5) == 0) {
+                entry[13] = 0xE2;
+            }
+            if (dos[0] == ' ') {
+                entry[0] = 0x05;
+                dos[0] = 0x05;
+            }
+            std::u16string name;
+            for (u32 n = 1 + below(80); n > 0; n--) {
+                name += static_cast<char16_t>(below(100) == 0 ? 0xE4 : u'a' + below(26));
+            }
+            std::vector<entry_image> slots = long_slots(name, dos);
+            switch (below(16)) {
+            case 0:
+                add(deleted(entry));
+                break;
+            case 1:
+                add(short_entry("           ", LABEL));
+                break;
+            case 2:
+                add(short_entry("INVALID    ", LABEL | DIRECTORY));
+                break;
+            case 3: // slots with nothing behind them
+                break;
+            case 4:
+                slots[below(static_cast<u32>(slots.size()))][below(2) == 0 ? 0 : 13] ^=
+                    static_cast<std::uint8_t>(1 << below(6));
+                break;
+            case 5:
+                slots.erase(slots.begin() + below(static_cast<u32>(slots.size())));
+                break;
+            case 6:
+                entry[11] = DIRECTORY;
+                break;
+            case 7:
+            case 8:
+                slots.clear();
+                break;
+            default:
+                break;
+            }
+            const bool is_orphan = below(12) == 0;
+            for (const entry_image &slot : slots) {
+                add(slot);
+            }
+            if (!is_orphan) {
+                add(entry);
+            }
+        }
+        ASSERT_EQ(c.list(did), plain_listing(dir)) << "in round " << round;
+        if (!is_root) {
+            fat_close(did);
+        }
+    }
+}
+
+// ---- failures
+
+TEST_P(NextEntry, RefusesNullPointersAndWhatIsNotOpen) {
+    c.v.top.append(short_entry("FILE    TXT"));
+    fat_entry_info info;
+    u32 index = 0;
+    EXPECT_EQ(fat_next_entry(0, nullptr, &info), -EINVAL);
+    EXPECT_EQ(fat_next_entry(0, &index, nullptr), -EINVAL);
+    EXPECT_EQ(index, 0U);
+    for (const int did : {1, 511, 512, 100000, -1, INT32_MIN}) {
+        EXPECT_EQ(c.failed(did), -EBADF) << did;
+    }
+    EXPECT_EQ(c.said.text(), "");
+}
+
+TEST_P(NextEntry, RefusesWhatIsNoDirectory) {
+    EXPECT_EQ(c.failed(c.v.open_new("FILE    TXT", {10}, 5)), -ENOTDIR);
+    EXPECT_EQ(c.failed(c.v.open_new("EMPTY      ", {}, 0)), -ENOTDIR);
+}
+
+TEST_P(NextEntry, TellsOfSectorsThatCannotBeRead) {
+    directory dir = c.v.sub_directory({20, 22});
+    const int did = c.v.open_new("SUB        ", {20, 22}, 0, DIRECTORY);
+    dir.fill_up(short_entry("FILE    TXT"));
+    c.v.disk.unreadable = {volume::first_sector_of(20)};
+    EXPECT_EQ(c.failed(did), -EIO);
+    c.v.disk.unreadable = {volume::first_sector_of(22)};
+    EXPECT_EQ(c.failed(did, volume::entries_per_cluster()), -EIO);
+    u32 index = 0;
+    EXPECT_EQ(c.next(did, &index)->name, "FILE.TXT");
+}
+
+TEST_P(NextEntry, TellsOfABrokenChain) {
+    for (const u32 link : {0U, 1U, volume::bad_mark(), volume::last_cluster() + 1, 20U}) {
+        c.v.top.go_to(1);
+        directory dir = c.v.sub_directory({20, 22, 24});
+        const int did = c.v.open_new("SUB        ", {20, 22, 24}, 0, DIRECTORY);
+        dir.fill_up(short_entry("FILE    TXT"));
+        c.v.set_link(22, link);
+        EXPECT_EQ(c.failed(did, 2 * volume::entries_per_cluster()), -EINVAL) << link;
+        u32 index = volume::entries_per_cluster();
+        EXPECT_EQ(c.next(did, &index)->name, "FILE.TXT");
+        fat_close(did);
+    }
+}
+
+TEST_P(NextEntry, FailsOrSucceedsWithEveryFailingReadAndAllocation) {
+    directory dir = c.v.sub_directory({20, 22});
+    const int did = c.v.open_new("SUB        ", {20, 22}, 0, DIRECTORY);
+    for (u32 i = 0; i + 1 < volume::entries_per_cluster(); i++) {
+        dir.append(deleted(short_entry("GONE    TXT")));
+    }
+    dir.append_long(u"over the end of a cluster", DOS);
+    for (const bool is_memory : {false, true}) {
+        bool struck = true;
+        for (int k = 0; struck && k < 200; k++) {
+            fat_entry_info info;
+            u32 index = 0;
+            const allocation_meter meter;
+            int result = 0;
+            {
+                std::optional<failing_allocation> fault;
+                if (is_memory) {
+                    fault.emplace(k);
+                } else {
+                    c.v.disk.reads_before_failure = k;
+                }
+                result = fat_next_entry(did, &index, &info);
+                struck = is_memory ? fault->struck() : c.v.disk.reads_before_failure < 0;
+            }
+            c.v.disk.reads_before_failure = -1;
+            EXPECT_EQ(meter.live_blocks(), 0);
+            if (struck) {
+                // A failed read of the FAT makes a broken directory of it.
+                EXPECT_TRUE(result == (is_memory ? -ENOMEM : -EIO) || result == -EINVAL)
+                    << result << " with fault " << k;
+                EXPECT_EQ(index, 0U);
+            } else {
+                EXPECT_EQ(result, 1);
+                EXPECT_STREQ(info.name, "over the end of a cluster");
+            }
+        }
+        EXPECT_FALSE(struck);
+    }
+    EXPECT_EQ(c.said.text(), "");
+}
+
+TEST(NextEntryTest, EndsBehindTheFat16Root) {
+    entries_case c;
+    c.v.top.go_to(0);
+    c.v.top.fill_up(short_entry("FILE    TXT"));
+    EXPECT_EQ(c.names(0).size(), 512U);
+}
+
+TEST(NextEntryTest, EndsBehindASmallFat16Root) {
+    entries_case c({.root_entries = 32});
+    c.v.top.go_to(0);
+    c.v.top.fill_up(short_entry("FILE    TXT"));
+    EXPECT_EQ(c.names(0).size(), 32U);
+}
+
+TEST(NextEntryTest, ListsALongFat32Root) {
+    entries_case c({.fat_type = 32});
+    directory root = c.v.longer_root({30, 31});
+    ASSERT_EQ(open_root_directory(), 0);
+    root.fill_up(short_entry("FILE    TXT"));
+    EXPECT_EQ(c.names(0).size(), 48U);
+}
+
+TEST(NextEntryTest, SaysThatNoVolumeIsOpen) {
+    ASSERT_EQ(sv, nullptr);
+    diagnostics said;
+    fat_entry_info info;
+    u32 index = 0;
+    EXPECT_EQ(fat_next_entry(0, &index, &info), -EINVAL);
+    EXPECT_EQ(said.text(), "fat_next_entry[N]: Check here!\n\n");
+    said.clear();
+    EXPECT_EQ(fat_info_of(0, &info), -EINVAL);
+    EXPECT_EQ(said.text(), "fat_info_of[N]: Check here!\n\n");
+}
+
+TEST(NextEntryTest, FindsNullPointersBeforeAMissingVolume) {
+    ASSERT_EQ(sv, nullptr);
+    diagnostics said;
+    fat_entry_info info;
+    u32 index = 0;
+    EXPECT_EQ(fat_next_entry(0, nullptr, &info), -EINVAL);
+    EXPECT_EQ(fat_next_entry(0, &index, nullptr), -EINVAL);
+    EXPECT_EQ(fat_info_of(0, nullptr), -EINVAL);
+    EXPECT_EQ(said.text(), "");
+}
+
+TEST(NextEntryTest, SaysThatTheVolumeIsNotMounted) {
+    const ram_disk disk(1 << 20);
+    diagnostics said;
+    fat_entry_info info;
+    u32 index = 0;
+    EXPECT_EQ(fat_next_entry(0, &index, &info), -EINVAL);
+    EXPECT_EQ(said.text(), "fat_next_entry[N]: Check here!\n\n");
+    said.clear();
+    EXPECT_EQ(fat_info_of(0, &info), -EINVAL);
+    EXPECT_EQ(said.text(), "fat_info_of[N]: Check here!\n\n");
+}
+
+// ---- fat_info_of ------------------------------------------------------------------------------
+
+class InfoOf : public testing::TestWithParam<volume_shape> {
+protected:
+    InfoOf() : c(GetParam()) {}
+    entries_case c;
+};
+INSTANTIATE_TEST_SUITE_P(
+    Shapes, InfoOf,
+    testing::Values(volume_shape{.fat_type = 16},
+                    volume_shape{.fat_type = 32, .sector_size = 1024, .sec_per_clus = 2}),
+    shape_name);
+
+TEST_P(InfoOf, IsWhatTheListingTells) {
+    directory dir = c.v.sub_directory({20, 22, 24});
+    const int did = c.v.open_new("SUB        ", {20, 22, 24}, 0, DIRECTORY);
+    dir.append(short_entry(".          ", DIRECTORY, 20));
+    dir.append(short_entry("..         ", DIRECTORY, 0));
+    entry_image entry = short_entry("FILE    TXT", ARCHIVE, 0, 5);
+    for (const std::size_t place : {12, 13, 22, 23, 24, 25}) {
+        entry[place] = static_cast<std::uint8_t>(0x90 + place);
+    }
+    dir.append(entry);
+    dir.append_long(u"A long name with more.text", DOS);
+    entry_image link = short_entry("LINK       ", 0, 0, 4);
+    link[13] = 0xE2;
+    dir.append(link);
+    dir.append(long_slot(0x41, u"wrong", 7));
+    dir.append(short_entry("WRONG      "));
+    dir.append(deleted(short_entry("GONE       ")));
+    for (u32 i = 0; i < 40; i++) {
+        dir.append_long(u"name number " + std::u16string(1, static_cast<char16_t>(u'0' + i % 10)),
+                        "NAME~" + std::to_string(10 + i) + " TXT");
+        if (dir.capacity() < 20 + 2 * i) {
+            break;
+        }
+    }
+    ASSERT_EQ(fat_set_current(did), did);
+    u32 listed = 0;
+    for (const info_picture &expected : c.list(did)) {
+        if (expected.name == "..") {
+            continue;
+        }
+        const int id = fat_entry_open(&mounted::record(did), expected.index);
+        ASSERT_GT(id, 0);
+        EXPECT_EQ(c.info_of(id), expected);
+        fat_close(id);
+        listed++;
+    }
+    EXPECT_GT(listed, 20U);
+    // And of the directory itself, in the root.
+    EXPECT_EQ(c.info_of(did), (info_picture{"SUB", "SUB", 3, 0x10, 0, 0, 0, 0, 20, 1}));
+}
+
+TEST_P(InfoOf, CallsTheRootASlash) {
+    const info_picture root = c.info_of(0);
+    EXPECT_EQ(root.name, "/");
+    EXPECT_EQ(root.short_name, "");
+    EXPECT_EQ(root.type, 3U);
+    EXPECT_EQ(root.index, 0U);
+    EXPECT_EQ(root.size, 0U);
+    EXPECT_EQ(root.start, sv->fat_type == 32 ? sv->root_clus : 0);
+}
+
+TEST_P(InfoOf, HasWhatTheCopySaysAndTheNameOfTheMedium) {
+    c.v.top.append_long(u"A long name.txt", DOS);
+    const int id = c.v.open(3);
+    ASSERT_EQ(fat_set_cluster(id, 0x12345), 0);
+    ASSERT_EQ(fat_set_sysid(id, 0x18), 0);
+    ASSERT_EQ(fat_set_cmsec(id, 0xE2), 0);
+    u8 *copy = mounted::record(id).dentry;
+    copy[11] = READ_ONLY;
+    copy[22] = 1;
+    copy[24] = 2;
+    copy[28] = 3;
+    EXPECT_EQ(c.info_of(id),
+              (info_picture{"A long name.txt", "ALONGN~1.TXT", 7, 1, 0xE2, 1, 2, 3, 0x12345, 3}));
+    // The medium has another long name by now, then none.
+    c.v.top.put(2, long_slots(u"Renamed.txt", DOS)[0]);
+    EXPECT_EQ(c.info_of(id).name, "Renamed.txt");
+    EXPECT_EQ(c.info_of(id).index, 3U);
+    c.v.top.put(2, deleted(short_entry(DOS)));
+    EXPECT_EQ(c.info_of(id).name, "ALONGN~1.TXT");
+}
+
+TEST_P(InfoOf, KnowsWhatIsWritten) {
+    const int id = fat_create_file("/A long name.txt");
+    ASSERT_GT(id, 0);
+    EXPECT_EQ(c.info_of(id).size, 0U);
+    EXPECT_EQ(c.info_of(id).start, 0U);
+    ASSERT_EQ(fat_write_file(id, "abc", 3), 3);
+    const info_picture info = c.info_of(id);
+    EXPECT_EQ(info.name, "A long name.txt");
+    EXPECT_EQ(info.size, 3U);
+    EXPECT_EQ(info.start, mounted::record(id).start);
+}
+
+TEST_P(InfoOf, TellsOfARemovedEntry) {
+    const int id = fat_create_file("/A long name.txt");
+    ASSERT_GT(id, 0);
+    ASSERT_GE(fat_rm_entry("/A long name.txt"), 0);
+    EXPECT_EQ(c.info_error(id), -ENOENT);
+    // Its place is taken by another, which is not it.
+    c.v.top.go_to(1);
+    const int other = c.v.open_new("OTHER      ", {}, 0);
+    EXPECT_EQ(c.info_of(other).index, 1U);
+    c.v.top.put(1, short_entry("ANOTHER    "));
+    EXPECT_EQ(c.info_error(other), -ENOENT);
+    c.v.top.put(1, short_entry("OTHER      "));
+    EXPECT_EQ(c.info_of(other).index, 1U);
+    c.v.top.put(1, entry_image{});
+    EXPECT_EQ(c.info_error(other), -ENOENT);
+}
+
+TEST_P(InfoOf, RefusesNullPointersAndWhatIsNotOpen) {
+    EXPECT_EQ(fat_info_of(0, nullptr), -EINVAL);
+    EXPECT_EQ(c.said.text(), "");
+    for (const int id : {1, 511, 512, 100000, -1, INT32_MIN}) {
+        EXPECT_EQ(c.info_error(id), -EBADF) << id;
+    }
+}
+
+TEST_P(InfoOf, TellsOfAParentThatCannotBeRead) {
+    const int in_root = c.v.open_new("FILE    TXT", {10}, 5);
+    c.v.disk.unreadable = {c.v.top.offset_of(1) / sv->sector_size};
+    EXPECT_EQ(c.info_error(in_root), -EIO);
+    c.v.disk.unreadable.clear();
+    directory dir = c.v.sub_directory({20, 22});
+    const int did = c.v.open_new("SUB        ", {20, 22}, 0, DIRECTORY);
+    dir.fill_up(short_entry("FILE    TXT"));
+    const int id = fat_entry_open(&mounted::record(did), volume::entries_per_cluster() + 3);
+    ASSERT_GT(id, 0);
+    EXPECT_EQ(c.info_of(id).index, volume::entries_per_cluster() + 3);
+    c.v.disk.unreadable = {volume::first_sector_of(22)};
+    EXPECT_EQ(c.info_error(id), -EIO);
+}
+
+TEST_P(InfoOf, TellsOfABrokenParent) {
+    for (const u32 link : {0U, 1U, 20U, 22U}) {
+        c.v.top.go_to(1);
+        directory dir = c.v.sub_directory({20, 22, 24});
+        const int did = c.v.open_new("SUB        ", {20, 22, 24}, 0, DIRECTORY);
+        dir.fill_up(short_entry("FILE    TXT"));
+        const int id = fat_entry_open(&mounted::record(did), 2 * volume::entries_per_cluster() + 3);
+        ASSERT_GT(id, 0);
+        c.v.set_link(22, link);
+        EXPECT_EQ(c.info_error(id), -EINVAL) << link;
+        fat_close(id);
+        fat_close(did);
+    }
+}
+
+TEST_P(InfoOf, KeepsNothingWithEveryFailingReadAndAllocation) {
+    c.v.top.append_long(u"A long name.txt", DOS);
+    const int id = c.v.open(3);
+    for (const bool is_memory : {false, true}) {
+        bool struck = true;
+        for (int k = 0; struck && k < 200; k++) {
+            fat_entry_info info;
+            const allocation_meter meter;
+            int result = 0;
+            {
+                std::optional<failing_allocation> fault;
+                if (is_memory) {
+                    fault.emplace(k);
+                } else {
+                    c.v.disk.reads_before_failure = k;
+                }
+                result = fat_info_of(id, &info);
+                struck = is_memory ? fault->struck() : c.v.disk.reads_before_failure < 0;
+            }
+            c.v.disk.reads_before_failure = -1;
+            EXPECT_EQ(meter.live_blocks(), 0);
+            EXPECT_EQ(result, !struck ? 0 : is_memory ? -ENOMEM : -EIO) << k;
+        }
+        EXPECT_FALSE(struck);
+    }
+    EXPECT_EQ(c.said.text(), "");
+}
+
+} // namespace

@@ -1,0 +1,33 @@
+// A user without the privileges of root.
+
+#pragma once
+
+#include <unistd.h>
+
+namespace testing_support {
+
+// What the system refuses to others it refuses to this program, too, for its lifetime.
+class plain_user {
+public:
+    static constexpr uid_t NOBODY = 65534;
+
+    plain_user() : was_root_(geteuid() == 0), became_(!was_root_ || seteuid(NOBODY) == 0) {}
+    plain_user(const plain_user &) = delete;
+    plain_user &operator=(const plain_user &) = delete;
+    ~plain_user() {
+        if (was_root_ && became_ && seteuid(0) != 0) {
+            _exit(1);
+        }
+    }
+
+    // False where the system does not let root change its user.
+    [[nodiscard]] bool is_plain() const {
+        return became_;
+    }
+
+private:
+    bool was_root_;
+    bool became_;
+};
+
+} // namespace testing_support
