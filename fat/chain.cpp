@@ -359,7 +359,7 @@ int fat_get_chains(oentry *entry, u32 **array) {
     u32 *slot = chain.get();
     slot[0] = entry->start;
     u32 i = 0;
-    fat_window fat;
+    sector_window fat;
     while (i < slots) {
         const int next = follow_link(&fat, slot[i]);
         if (next < 1) {

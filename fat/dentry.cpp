@@ -1,16 +1,25 @@
 // Directory entries: where they lie, reading them in turn, their time stamps.
 //
 // Entry i of a directory lies at byte i x 32 of its space: the root area of FAT16, or a cluster
-// chain. A walk reads each sector of the directory once, and follows the chain once.
+// chain. A walk reads each sector of the directory once, together with others where they lie side
+// by side, and follows the chain once.
 
 #include "fat/internal.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 namespace fat {
 
 namespace {
+
+constexpr u32 DIRECTORY_WINDOW_BYTES = 32 * 1024; // as much as a large cluster
+
+int report_link(int value) {
+    report_at("get_phy_sector", __LINE__, "invalid value %d\n", value);
+    return -EINVAL;
+}
 
 // Moves the place to the cluster `links` links behind `first`. A circle counts as a broken link.
 int move_place(chain_place *place, u32 first, u32 links) {
@@ -23,11 +32,17 @@ int move_place(chain_place *place, u32 first, u32 links) {
     while (place->links < links) {
         const int next = follow_link(&place->fat, place->cluster);
         if (next < 0 || place->guard.closes_at(static_cast<u32>(next))) {
-            report_at("get_phy_sector", __LINE__, "invalid value %d\n", next);
-            return -EINVAL;
+            return report_link(next);
         }
         place->cluster = static_cast<u32>(next);
         place->links++;
+        // Clusters that lie side by side are passed together.
+        const u32 straight = count_straight_links(place->fat, place->cluster, links - place->links);
+        if (place->guard.closes_within(place->cluster + 1, straight)) {
+            return report_link(static_cast<int>(place->guard.anchor));
+        }
+        place->cluster += straight;
+        place->links += straight;
     }
     return 0;
 }
@@ -48,8 +63,7 @@ int chain_sector(chain_place *place, u32 base_clu, u32 sector_index, u32 *sector
         return moved;
     }
     if (place->cluster == FAT_FREE) {
-        report_at("get_phy_sector", __LINE__, "invalid value %d\n", 0);
-        return -EINVAL;
+        return report_link(FAT_FREE);
     }
     if (is_end_of_chain(place->cluster)) {
         return -EFAULT;
@@ -69,22 +83,54 @@ u32 offset_of(u32 index) {
     return static_cast<u32>(static_cast<u64>(index) * DENTRY_SIZE % sv->sector_size);
 }
 
-// get_dentry_with_clu() for a walk that goes on from `place`.
-int load_dentry(chain_place *place, u32 base_clu, u32 index, u8 *sector_buf,
-                dentry_location *location) {
-    u32 sector = 0;
-    const int located = locate_sector(place, base_clu, sector_index_of(index), &sector);
+// Sectors of the directory that lie side by side from `sector` on, as far as is known without
+// looking further and as a window is to hold: what follows in the root area, or in its stretch of
+// clusters.
+u32 sectors_side_by_side(const chain_place &place, u32 base_clu, u32 sector) {
+    const u32 enough = DIRECTORY_WINDOW_BYTES / sv->sector_size;
+    if (base_clu == 0) {
+        return std::min(sv->data_start - sector, enough);
+    }
+    const u32 in_cluster = sv->sec_per_clus - (sector - sv->data_start) % sv->sec_per_clus;
+    const u32 clusters = count_straight_links(place.fat, place.cluster, enough / sv->sec_per_clus);
+    return std::min(in_cluster + clusters * sv->sec_per_clus, enough);
+}
+
+// Finds the sector of entry `index` for a walk that goes on from `place`.
+int locate_dentry(chain_place *place, u32 base_clu, u32 index, dentry_location *location) {
+    *location = {0, offset_of(index)};
+    const int located = locate_sector(place, base_clu, sector_index_of(index), &location->sector);
     if (located < 0) {
         report_at("get_dentry_with_clu", __LINE__, "Failed to get entry sector!:(%u, %d)\n\n",
                   base_clu, static_cast<int>(index));
-        return located;
     }
+    return located;
+}
+
+int read_dentry_sector(u32 sector, u8 *sector_buf) {
     if (read_sectors(sector_buf, sector, 1) < 0) {
         report_at("get_dentry_with_clu", __LINE__, "cannot read sectors:(sector: %u)\n", sector);
         return -EIO;
     }
-    *location = {sector, offset_of(index)};
     return 0;
+}
+
+// The same for a walk. Its first sector is read alone, since most walks end there; one that goes on
+// reads what lies side by side together.
+int read_walk_sector(dentry_walk *walk, bool goes_on) {
+    const u32 sector = walk->location.sector;
+    if (walk->ahead.find(sector) != nullptr ||
+        (goes_on && read_ahead(&walk->ahead, sector,
+                               sectors_side_by_side(walk->place, walk->base_clu, sector)))) {
+        std::memcpy(walk->sector_buf.get(), walk->ahead.find(sector), sv->sector_size);
+        return 0;
+    }
+    // A transfer that moves nothing is no failure. In an open directory it leaves unused entries
+    // behind, while a lookup goes on with those it had.
+    if (walk->dir != nullptr) {
+        std::memset(walk->sector_buf.get(), 0, sv->sector_size);
+    }
+    return read_dentry_sector(sector, walk->sector_buf.get());
 }
 
 bool is_behind_allocation(const oentry *dir, u32 index) {
@@ -183,7 +229,10 @@ int get_dentry_with_clu(u32 base_clu, u32 index, u8 **entry, u8 *sector_buf,
 int get_dentry_from(chain_place *place, u32 base_clu, u32 index, u8 **entry, u8 *sector_buf,
                     dentry_location *location) {
     dentry_location found = {};
-    const int result = load_dentry(place, base_clu, index, sector_buf, &found);
+    int result = locate_dentry(place, base_clu, index, &found);
+    if (result == 0) {
+        result = read_dentry_sector(found.sector, sector_buf);
+    }
     if (result < 0) {
         return result;
     }
@@ -213,26 +262,23 @@ bool begin_walk(dentry_walk *walk, const oentry *dir) {
 }
 
 int walk_to(dentry_walk *walk, u32 index, u8 **entry) {
-    const u32 sector_index = sector_index_of(index);
-    if (!walk->loaded || walk->sector_index != sector_index) {
-        walk->loaded = false;
+    if (index - walk->first_index >= walk->loaded_entries) {
+        const bool goes_on = index - walk->first_index == walk->loaded_entries && index > 0;
+        walk->loaded_entries = 0;
         if (walk->dir != nullptr && is_behind_allocation(walk->dir, index)) {
             return -EFAULT;
         }
-        // A transfer that moves nothing is no failure. In an open directory it leaves unused
-        // entries behind, while a lookup goes on with those it had.
-        if (walk->dir != nullptr) {
-            std::memset(walk->sector_buf.get(), 0, sv->sector_size);
+        int result = locate_dentry(&walk->place, walk->base_clu, index, &walk->location);
+        if (result == 0) {
+            result = read_walk_sector(walk, goes_on);
         }
-        const int result = load_dentry(&walk->place, walk->base_clu, index, walk->sector_buf.get(),
-                                       &walk->location);
         if (result < 0) {
             return result;
         }
-        walk->sector_index = sector_index;
-        walk->loaded = true;
+        walk->first_index = index - walk->location.offset / DENTRY_SIZE;
+        walk->loaded_entries = sv->sector_size / DENTRY_SIZE;
     }
-    walk->location.offset = offset_of(index);
+    walk->location.offset = (index - walk->first_index) * DENTRY_SIZE;
     *entry = walk->sector_buf.get() + walk->location.offset;
     return 0;
 }

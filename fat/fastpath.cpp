@@ -367,7 +367,7 @@ int get_next_cluster(u32 cluster, u32 n, u32 *out) {
         REPORT("Check here!\n\n");
         return -EINVAL;
     }
-    fat_window fat;
+    sector_window fat;
     for (u32 i = 0; i < n; i++) {
         const int next = follow_link(&fat, cluster);
         if (next > 0 && is_end_of_chain(static_cast<u32>(next))) {

@@ -1,13 +1,15 @@
 // Single entries of the first FAT of the open volume, and links followed through them.
 //
 // Only the first FAT is read and written; the other copies keep the state that formatting gave
-// them. Nothing is remembered from one public call to the next. Inside a call a fat_window keeps
-// the FAT sector last read, so that a walk reads each sector once while it stays in it.
+// them. Nothing is remembered from one public call to the next. Inside a call a window keeps the
+// FAT sectors last read, so that a walk reads each sector once while it stays in it, and several
+// together where it goes through the FAT in order.
 
 #include "fat/internal.h"
 
+#include <algorithm>
 #include <cerrno>
-#include <utility>
+#include <cstring>
 
 namespace fat {
 
@@ -37,29 +39,85 @@ u32 load_entry(const u8 *entry) {
     return sv->fat_type == 16 ? load16(entry) : load32(entry) & FAT32_VALUE_MASK;
 }
 
-// Makes the window hold `sector`. Returns 0, -ENOMEM or -EIO; telling so is the caller's part.
-int fill_window(fat_window *window, u64 sector) {
-    if (window->buffer == nullptr) {
-        window->buffer = zeroed_bytes(sv->sector_size);
-        if (window->buffer == nullptr) {
-            return -ENOMEM;
-        }
-    } else if (window->sector == sector) {
-        return 0;
+u32 bad_mark() {
+    return sv->fat_type == 32 ? FAT32_BAD : FAT16_BAD;
+}
+
+// Makes the window hold that one sector. Returns 0, -ENOMEM or -EIO; telling so is the caller's
+// part.
+int load_sector(sector_window *window, u64 sector) {
+    if (!reserve_sector(window)) {
+        return -ENOMEM;
     }
-    window->sector = fat_window::NO_SECTOR;
+    window->count = 0;
     if (read_sectors(window->buffer.get(), sector, 1) != 1) {
         return -EIO;
     }
-    window->sector = sector;
+    window->first = sector;
+    window->count = 1;
     return 0;
+}
+
+// How many sectors of the FAT a walk reads together. It begins with single ones, since most walks
+// end soon; one that goes on in order reads as many again as it has passed.
+u32 sectors_to_read(const sector_window &window, u64 sector) {
+    constexpr u32 SINGLE_SECTORS = 4;
+    const u64 behind_fat = static_cast<u64>(sv->fat_start) + sv->fat_size;
+    if (window.in_order < SINGLE_SECTORS || sector >= behind_fat) {
+        return 1;
+    }
+    return static_cast<u32>(std::min<u64>(window.in_order, behind_fat - sector));
+}
+
+// The same for a walk, which may find more sectors of the FAT in the window.
+int fill_window(sector_window *window, u64 sector) {
+    if (window->find(sector) != nullptr) {
+        return 0;
+    }
+    const bool goes_on = window->count > 0 && sector == window->first + window->count;
+    window->in_order = goes_on ? window->in_order + window->count : 0;
+    if (read_ahead(window, sector, sectors_to_read(*window, sector))) {
+        return 0;
+    }
+    return load_sector(window, sector);
+}
+
+// Zero when each of `COUNT` FAT entries in a row holds the number behind that of the entry before
+// it, the first one `value`. Without a branch inside, compilers turn this into wide operations.
+template <u32 ENTRY_SIZE, u32 COUNT>
+u32 difference(const u8 *entry, u32 value) {
+    u32 result = 0;
+    for (u32 i = 0; i < COUNT; i++) {
+        const u8 *at = entry + std::size_t{i} * ENTRY_SIZE;
+        const u32 found =
+            ENTRY_SIZE == FAT16_ENTRY_SIZE ? load16(at) : load32(at) & FAT32_VALUE_MASK;
+        result |= found ^ (value + i);
+    }
+    return result;
+}
+
+// How many of the FAT entries from `entry` on, `limit` at most, hold `value`, the number behind it,
+// and so on.
+template <u32 ENTRY_SIZE>
+u32 count_ascending(const u8 *entry, u32 value, u32 limit) {
+    constexpr u32 BLOCK = 64;
+    u32 count = 0;
+    while (limit - count >= BLOCK && difference<ENTRY_SIZE, BLOCK>(entry, value + count) == 0) {
+        count += BLOCK;
+        entry += std::size_t{BLOCK} * ENTRY_SIZE;
+    }
+    while (count < limit && difference<ENTRY_SIZE, 1>(entry, value + count) == 0) {
+        count++;
+        entry += ENTRY_SIZE;
+    }
+    return count;
 }
 
 // What keeps an entry from being read or followed. Telling so is a step of its own: gathered
 // changes may have to reach the medium before.
 enum class link_fault { NONE, NO_VOLUME, FAT_TYPE, MEMORY, READ, NUMBER, VALUE };
 
-link_fault load_value(fat_window *window, u32 cluster, u32 *value) {
+link_fault load_value(sector_window *window, u32 cluster, u32 *value) {
     if (sv == nullptr || sv->sector_size == 0 || value == nullptr) {
         return link_fault::NO_VOLUME;
     }
@@ -71,11 +129,11 @@ link_fault load_value(fat_window *window, u32 cluster, u32 *value) {
     if (filled < 0) {
         return filled == -ENOMEM ? link_fault::MEMORY : link_fault::READ;
     }
-    *value = load_entry(window->buffer.get() + place.offset);
+    *value = load_entry(window->find(place.sector) + place.offset);
     return link_fault::NONE;
 }
 
-link_fault load_link(fat_window *window, u32 cluster, u32 *value) {
+link_fault load_link(sector_window *window, u32 cluster, u32 *value) {
     if (!is_data_cluster(cluster)) {
         return link_fault::NUMBER;
     }
@@ -84,8 +142,7 @@ link_fault load_link(fat_window *window, u32 cluster, u32 *value) {
         return fault;
     }
     // A bad-cluster mark is no link even where a hostile geometry counts that far.
-    const u32 bad_mark = sv->fat_type == 32 ? FAT32_BAD : FAT16_BAD;
-    return is_data_cluster(*value) && *value != bad_mark ? link_fault::NONE : link_fault::VALUE;
+    return is_data_cluster(*value) && *value != bad_mark() ? link_fault::NONE : link_fault::VALUE;
 }
 
 // Tells the fault in the name of the operation that has it. Returns its errno.
@@ -116,27 +173,38 @@ int report_fault(link_fault fault, u32 cluster) {
     return -EINVAL;
 }
 
+// Takes over a sector that was seen and is about to be changed. Returns 0, -ENOMEM, or -EIO where
+// it was not seen and cannot be read.
+int take_sector(fat_editor *editor, u64 sector) {
+    const u8 *seen = editor->seen.find(sector);
+    if (seen == nullptr) {
+        return load_sector(&editor->changed, sector);
+    }
+    if (!reserve_sector(&editor->changed)) {
+        return -ENOMEM;
+    }
+    std::memcpy(editor->changed.buffer.get(), seen, sv->sector_size);
+    editor->changed.first = sector;
+    editor->changed.count = 1;
+    return 0;
+}
+
 // Makes the editor stand in `sector`, after writing what it changed in another one.
 int move_editor(fat_editor *editor, u64 sector) {
-    if (editor->changed.sector == sector) {
+    if (editor->changed.find(sector) != nullptr) {
         return 0;
     }
     const int flushed = flush_editor(editor);
     if (flushed < 0) {
         return flushed;
     }
-    if (editor->seen.sector == sector) {
-        std::swap(editor->seen, editor->changed); // what was seen is about to be changed
-        editor->seen.sector = fat_window::NO_SECTOR;
-        return 0;
-    }
-    const int filled = fill_window(&editor->changed, sector);
-    if (filled == -ENOMEM) {
+    const int taken = take_sector(editor, sector);
+    if (taken == -ENOMEM) {
         report_at("fat_write_entry", __LINE__, "cannot allocate buffer\n\n");
-    } else if (filled < 0) {
+    } else if (taken < 0) {
         report_at("fat_write_entry", __LINE__, "cannot read FAT\n");
     }
-    return filled;
+    return taken;
 }
 
 } // namespace
@@ -152,7 +220,7 @@ bool is_end_of_chain(u32 value) {
 // ---- entries ----------------------------------------------------------------------------------
 
 int fat_read_entry(u32 cluster, u32 *value) {
-    fat_window window;
+    sector_window window;
     return report_fault(load_value(&window, cluster, value), cluster);
 }
 
@@ -184,13 +252,16 @@ int flush_editor(fat_editor *editor) {
         return 0;
     }
     editor->dirty = false;
-    if (write_sectors(editor->changed.buffer.get(), editor->changed.sector, 1) != 1) {
+    const u64 sector = editor->changed.first;
+    if (write_sectors(editor->changed.buffer.get(), sector, 1) != 1) {
         // What stands on the medium now is not known.
         editor->write_failed = true;
-        editor->changed.sector = fat_window::NO_SECTOR;
+        editor->changed.count = 0;
+        forget_sector(&editor->seen, sector);
         report_at("fat_write_entry", __LINE__, "cannot write FAT\n\n");
         return -EIO;
     }
+    refresh_sector(&editor->seen, sector, editor->changed.buffer.get());
     return 0;
 }
 
@@ -201,15 +272,15 @@ int fat_write_entry(u32 cluster, u32 value) {
 
 // ---- links ------------------------------------------------------------------------------------
 
-int follow_link(fat_window *window, u32 cluster) {
+int follow_link(sector_window *fat, u32 cluster) {
     u32 value = FAT_FREE;
-    const link_fault fault = load_link(window, cluster, &value);
+    const link_fault fault = load_link(fat, cluster, &value);
     return fault == link_fault::NONE ? static_cast<int>(value) : report_fault(fault, cluster);
 }
 
 int follow_link(fat_editor *editor, u32 cluster) {
-    const bool is_changed = editor->changed.sector != fat_window::NO_SECTOR &&
-                            editor->changed.sector == place_of(cluster).sector;
+    const bool is_changed =
+        editor->changed.count != 0 && editor->changed.find(place_of(cluster).sector) != nullptr;
     u32 value = FAT_FREE;
     const link_fault fault =
         load_link(is_changed ? &editor->changed : &editor->seen, cluster, &value);
@@ -220,8 +291,26 @@ int follow_link(fat_editor *editor, u32 cluster) {
     return flushed < 0 ? flushed : report_fault(fault, cluster);
 }
 
+u32 count_straight_links(const sector_window &fat, u32 cluster, u32 most) {
+    if (!is_data_cluster(cluster)) {
+        return 0;
+    }
+    const entry_place place = place_of(cluster);
+    const u8 *entry = fat.find(place.sector);
+    if (entry == nullptr) {
+        return 0;
+    }
+    entry += place.offset;
+    const u64 window_bytes = (fat.first + fat.count - place.sector) * sv->sector_size;
+    const u32 in_window = static_cast<u32>(window_bytes - place.offset) / entry_size();
+    const u32 highest = std::min(sv->num_clusters + 1, bad_mark() - 1);
+    const u32 limit = std::min({most, in_window, highest - std::min(cluster, highest)});
+    return sv->fat_type == 16 ? count_ascending<FAT16_ENTRY_SIZE>(entry, cluster + 1, limit)
+                              : count_ascending<FAT32_ENTRY_SIZE>(entry, cluster + 1, limit);
+}
+
 int fat_read_clus(u32 cluster) {
-    fat_window window;
+    sector_window window;
     return follow_link(&window, cluster);
 }
 
@@ -257,16 +346,26 @@ u32 fat_sector(u32 cluster) {
 }
 
 bool circle_guard::closes_at(u32 cluster) {
-    if (has_anchor && cluster == anchor) {
-        return true;
+    return closes_within(cluster, 1);
+}
+
+bool circle_guard::closes_within(u32 first, u32 count) {
+    while (count > 0) {
+        const u32 to_next_anchor = span - steps + 1;
+        const u32 stretch = std::min(count, to_next_anchor);
+        if (has_anchor && anchor >= first && anchor - first < stretch) {
+            return true;
+        }
+        first += stretch;
+        count -= stretch;
+        steps += stretch;
+        if (stretch == to_next_anchor) {
+            anchor = first - 1;
+            has_anchor = true;
+            span *= 2;
+            steps = 1;
+        }
     }
-    if (steps == span) {
-        anchor = cluster;
-        has_anchor = true;
-        span *= 2;
-        steps = 0;
-    }
-    steps++;
     return false;
 }
 

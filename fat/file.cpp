@@ -63,7 +63,13 @@ int find_run(run_finder *finder, u32 sector_index, u32 most, data_run *run) {
     finder->has_ahead = false;
     const u32 limit = std::min(most, MAX_RUN_BYTES / sv->sector_size);
     while (run->count < limit) {
-        finder->ahead_error = finder->locate(sector_index + run->count, &finder->ahead);
+        const u32 next = sector_index + run->count;
+        const u32 passed = next % sv->sec_per_clus; // of the cluster that it lies in
+        if (passed != 0) {
+            run->count = std::min(limit, run->count + sv->sec_per_clus - passed);
+            continue;
+        }
+        finder->ahead_error = finder->locate(next, &finder->ahead);
         if (finder->ahead_error < 0) {
             return 0;
         }

@@ -103,6 +103,34 @@ inline constexpr mode_t IMAGE_MODE = 0660;
 [[nodiscard]] int file_read_sectors(void *buf, u64 sector, u32 count);
 [[nodiscard]] int file_write_sectors(void *buf, u64 sector, u32 count);
 
+// Sectors that were read together because a walk goes through them in their order. Lives inside one
+// call, and is to be told of what that call writes.
+struct sector_window {
+    heap_ptr<u8> buffer;
+    u32 room = 0;          // sectors that the buffer takes
+    u64 first = 0;         // sector that it begins with
+    u32 count = 0;         // sectors that it holds, 0: none
+    u32 in_order = 0;      // sectors that the walk has passed without a jump, kept by its owner
+    u64 singles_below = 0; // sectors below this are read one by one: together they did not come
+
+    // The bytes of a sector, null where the window does not hold it.
+    [[nodiscard]] u8 *find(u64 sector) const;
+};
+
+// Makes room for one sector at least. False when there is no memory.
+[[nodiscard]] bool reserve_sector(sector_window *window);
+
+// Reads `count` sectors, or as many as a window is to hold, where that is more than one. True when
+// the window holds `sector` then. Otherwise the caller reads the one sector: a bad sector further
+// on, a short transfer or a lack of memory are nobody's failure here.
+[[nodiscard]] bool read_ahead(sector_window *window, u64 sector, u32 count);
+
+// Puts what was written to a sector into the window that holds it.
+void refresh_sector(sector_window *window, u64 sector, const u8 *content);
+
+// Takes a sector of which nothing is known any more out of the window, with all others.
+void forget_sector(sector_window *window, u64 sector);
+
 // ---- format -----------------------------------------------------------------------------------
 
 inline constexpr u32 MIN_SECTOR_SIZE = 512;
@@ -158,13 +186,6 @@ void refuse_request(const char *function, const fat_format_param *param);
 
 // ---- fatent -----------------------------------------------------------------------------------
 
-// The FAT sector that a walk stands in. Lives inside one public call.
-struct fat_window {
-    static constexpr u64 NO_SECTOR = ~0ULL;
-    heap_ptr<u8> buffer;
-    u64 sector = NO_SECTOR;
-};
-
 // Changes to FAT entries within one public call. With `gathers` set, the changes of one sector are
 // written together, when a change moves on to another sector or at flush_editor(): each write then
 // stands where the last change of its sector stood. Otherwise every change is written at once.
@@ -174,8 +195,8 @@ struct fat_editor {
     bool write_failed = false; // some write did
     u32 step = 0;              // counted by the owner
     u32 dirty_since = 0;       // the step of the first change that the last write carried
-    fat_window changed;        // the sector that is being changed
-    fat_window seen;           // another one, looked at in between
+    sector_window changed;     // the one sector that is being changed
+    sector_window seen;        // others, looked at in between
 };
 
 // Finds out that a chain runs in a circle, in time proportional to the circle and with no memory of
@@ -186,8 +207,10 @@ struct circle_guard {
     u32 span = 1;  // steps from one anchor to the next
     u32 steps = 1; // since the anchor was set
 
-    // To be called with each cluster of the chain in turn. True when the chain has come back.
+    // To be called with each cluster of the chain in turn, or with `count` of them whose numbers go
+    // up one by one. True when the chain has come back, to the anchor.
     [[nodiscard]] bool closes_at(u32 cluster);
+    [[nodiscard]] bool closes_within(u32 first, u32 count);
 };
 
 [[nodiscard]] bool is_data_cluster(u32 cluster);
@@ -215,8 +238,12 @@ struct circle_guard {
 
 // The same for walks, which read a FAT sector once while they stay in it. An editor writes what it
 // gathered before it tells a failure; where that fails, it is the failure.
-[[nodiscard]] int follow_link(fat_window *window, u32 cluster);
+[[nodiscard]] int follow_link(sector_window *fat, u32 cluster);
 [[nodiscard]] int follow_link(fat_editor *editor, u32 cluster);
+
+// How many links from `cluster` on lead from each cluster to the one behind it, as far as the
+// window shows, but `most` at most. Nothing is read for it.
+[[nodiscard]] u32 count_straight_links(const sector_window &fat, u32 cluster, u32 most);
 
 // The lowest free cluster from `first` to `last`, both included; -ENOENT when there is none, or the
 // error of the first entry that cannot be read or is no link.
@@ -370,7 +397,7 @@ struct chain_place {
     u32 cluster = 0; // where the place is
     u32 links = 0;   // followed from the first cluster to here
     circle_guard guard;
-    fat_window fat;
+    sector_window fat;
 };
 
 // A walk over the entries of one directory: the sector it stands in and its place in the chain.
@@ -378,8 +405,9 @@ struct dentry_walk {
     const oentry *dir = nullptr; // bounds the walk; null: the chain alone does
     u32 base_clu = 0;            // 0: the FAT16 root area
     heap_ptr<u8> sector_buf;
-    u32 sector_index = 0; // of the sector in the buffer, counted in the directory
-    bool loaded = false;
+    u32 first_index = 0;    // of the entries in the buffer
+    u32 loaded_entries = 0; // in the buffer, 0: none yet
+    sector_window ahead;
     chain_place place;
     dentry_location location = {};
 };

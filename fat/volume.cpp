@@ -6,6 +6,7 @@
 
 #include "fat/internal.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -28,6 +29,8 @@ namespace {
 
 constexpr u32 DEVICE_SECTOR = 512; // the unit of BLKGETSIZE, whatever the device's own sector
 constexpr int LAST_STANDARD_DESCRIPTOR = 2;
+
+constexpr u32 WINDOW_BYTES = 64 * 1024; // that a window holds at most
 
 void use_file_transfers() {
     read_sectors = file_read_sectors;
@@ -112,7 +115,7 @@ void drop_volume() {
 // Raises the allocation hint to the highest cluster in use. The two highest cluster numbers are
 // never looked at; the bound is meant to stay as it is.
 int find_last_allocated() {
-    fat_window window;
+    sector_window window;
     for (u32 cluster = sv->last_alloc_clus + 1; cluster < sv->num_clusters; cluster++) {
         const int value = follow_link(&window, cluster);
         if (value < 0) {
@@ -150,6 +153,18 @@ int release_compacted() {
     }
     drop_volume();
     return result;
+}
+
+// Replaces the buffer by a larger one, of bytes that are all to be read; what it held is gone then.
+bool grow_window(sector_window *window, u32 sectors) {
+    void *larger = std::malloc(std::size_t{sectors} * sv->sector_size);
+    if (larger == nullptr) {
+        return false;
+    }
+    window->buffer.reset(static_cast<u8 *>(larger));
+    window->room = sectors;
+    window->count = 0;
+    return true;
 }
 
 } // namespace
@@ -275,6 +290,47 @@ int file_write_sectors(void *buf, u64 sector, u32 count) {
         return -EIO;
     }
     return whole_sectors(bytes);
+}
+
+// ---- reading ahead ----------------------------------------------------------------------------
+
+u8 *sector_window::find(u64 sector) const {
+    return sector >= first && sector - first < count
+               ? buffer.get() + (sector - first) * sv->sector_size
+               : nullptr;
+}
+
+bool reserve_sector(sector_window *window) {
+    return window->buffer != nullptr || grow_window(window, 1);
+}
+
+bool read_ahead(sector_window *window, u64 sector, u32 count) {
+    count = std::min(count, WINDOW_BYTES / sv->sector_size);
+    if (count <= 1 || sector < window->singles_below ||
+        (window->room < count && !grow_window(window, count))) {
+        return false;
+    }
+    window->count = 0;
+    if (read_sectors(window->buffer.get(), sector, count) != static_cast<int>(count)) {
+        window->singles_below = sector + count;
+        return false;
+    }
+    window->first = sector;
+    window->count = count;
+    return true;
+}
+
+void refresh_sector(sector_window *window, u64 sector, const u8 *content) {
+    u8 *held = window->find(sector);
+    if (held != nullptr) {
+        std::memcpy(held, content, sv->sector_size);
+    }
+}
+
+void forget_sector(sector_window *window, u64 sector) {
+    if (window->find(sector) != nullptr) {
+        window->count = 0;
+    }
 }
 
 // ---- opening and release ----------------------------------------------------------------------

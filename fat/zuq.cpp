@@ -138,7 +138,7 @@ int second_cluster(u32 start) {
 namespace fat {
 
 int find_cluster(u32 start, u32 stop, u32 key, bool (*predicate)(u32 cluster, u32 key)) {
-    fat_window fat;
+    sector_window fat;
     circle_guard guard;
     u32 cluster = start;
     while (cluster != FAT_END_MARK || stop != FAT_END_MARK) {

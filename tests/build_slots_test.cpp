@@ -190,12 +190,15 @@ TEST_P(FindEmptyEntries, LastSlotOfTheDirectory) {
     expect_unwritten();
 }
 
-TEST_P(FindEmptyEntries, SectorsAreReadOnceAndOnlyUpToTheRun) {
+TEST_P(FindEmptyEntries, NoSectorIsReadTwiceAndNoTransferBeginsBehindTheRun) {
     occupy();
     set_free(2 * per_sector, 2 * per_sector);
     v.disk.log.clear();
     EXPECT_EQ(find(1), at(2 * per_sector));
-    EXPECT_LE(v.traffic(), 3U + 2U); // two links at most
+    EXPECT_LE(v.disk.log.size(), 3U + 2U); // two links at most
+    for (const auto &[sector, times] : v.sectors_read()) {
+        EXPECT_EQ(times, 1) << "sector " << sector;
+    }
 }
 
 TEST_P(FindEmptyEntries, NoMemoryForTheSector) {
@@ -406,6 +409,7 @@ TEST_P(GrowForEntries, EveryFailureEndsInADirectoryThatIsWhole) {
             const fat_picture fat(&v);
             u32 index = UNTOUCHED;
             int result = 0;
+            bool struck = false;
             {
                 const allocation_meter meter;
                 const failing_allocation fault(kind == ALLOCATE ? k : 1000000);
@@ -413,14 +417,22 @@ TEST_P(GrowForEntries, EveryFailureEndsInADirectoryThatIsWhole) {
                 v.disk.writes_before_failure = kind == WRITE ? k : -1;
                 result = fat_find_empty_entries(&again.record, 1, &index);
                 EXPECT_EQ(meter.live_blocks(), 0);
+                struck = fault.struck() || (kind == READ && v.disk.reads_before_failure < 0) ||
+                         (kind == WRITE && v.disk.writes_before_failure < 0);
             }
             v.disk.reads_before_failure = v.disk.writes_before_failure = -1;
             const answer a = heard(result);
             if (result == 0) {
                 EXPECT_EQ(a.said, "");
                 EXPECT_EQ(index, again.capacity());
-                EXPECT_GT(k, 1);
-                break;
+                if (!struck) {
+                    EXPECT_GT(k, 1);
+                    break;
+                }
+                // Sectors that cannot be read together are read one by one.
+                EXPECT_NE(kind, WRITE);
+                ASSERT_LT(k, 2000);
+                continue;
             }
             EXPECT_TRUE(a.said.ends_with(CHECK_HERE)) << a;
             EXPECT_EQ(index, UNTOUCHED);

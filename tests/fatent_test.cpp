@@ -563,16 +563,20 @@ TEST_P(FreeClus, VolumeWithoutATypeOrASectorSizeIsRefused) {
                                "fat_free_clus[N]: Invalid cluster value!\n\n"}));
 }
 
-TEST_P(FreeClus, FatSectorIsReadOnceWhileTheSearchStaysInIt) {
+TEST_P(FreeClus, FatSectorsAreReadOnceInTheirOrder) {
     const u32 per_sector = entries_per_fat_sector();
-    const u32 last = std::min(5 * per_sector, volume::last_cluster()) - 1;
+    const u32 last = std::min(20 * per_sector, volume::last_cluster()) - 1;
     occupy(2, last);
-    std::vector<transfer> expected;
-    for (u32 cluster = 2; cluster <= last; cluster = (cluster / per_sector + 1) * per_sector) {
-        expected.push_back(read_of(cluster));
-    }
     EXPECT_EQ(free_clus(2, last), (answer{-2, ""}));
-    EXPECT_EQ(transfers(), expected);
+    const auto read = v.sectors_read();
+    const std::size_t needed = last / per_sector + 1;
+    // A search that goes on reads as many sectors again as it has passed, at most.
+    EXPECT_GE(read.size(), needed);
+    EXPECT_LE(read.size(), std::min(2 * needed, std::size_t{sv->fat_size}));
+    EXPECT_LE(transfers().size(), needed);
+    for (std::size_t i = 0; i < read.size(); i++) {
+        EXPECT_EQ(read[i], (std::pair<std::uint64_t, int>(sv->fat_start + i, 1)));
+    }
 }
 
 TEST_P(FreeClus, NothingIsKeptFromOneSearchToTheNext) {

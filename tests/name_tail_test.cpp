@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <map>
 
 using namespace fat;
 using namespace testing_support;
@@ -218,11 +219,14 @@ TEST_P(AddNumericTailAnywhere, ReadsEachSectorOfTheDirectoryOnceAndWritesNothing
     medium.disk.log.clear();
     EXPECT_EQ(ask(&dir, "A          ", &said), chosen("A~1        "));
     const u32 sectors = std::min(512U, dir.capacity()) / volume::entries_per_sector();
+    std::map<std::uint64_t, int> times;
+    for (const auto &[sector, count] : medium.sectors_read()) {
+        times[sector] = count;
+    }
     for (u32 i = 0; i < dir.sectors.size(); i++) {
-        EXPECT_EQ(std::count(medium.disk.log.begin(), medium.disk.log.end(),
-                             transfer{false, dir.sectors[i], 1}),
-                  i < sectors ? 1 : 0)
-            << "sector " << i;
+        // What lies behind the last entry that counts may come along with it.
+        EXPECT_LE(times[dir.sectors[i]], 1) << "sector " << i;
+        EXPECT_GE(times[dir.sectors[i]], i < sectors ? 1 : 0) << "sector " << i;
     }
     EXPECT_TRUE(std::none_of(medium.disk.log.begin(), medium.disk.log.end(),
                              [](const transfer &t) { return t.is_write; }));
