@@ -221,7 +221,7 @@ protected:
     scratch_directory scratch;
 
     static void skip_where_sanitized() {
-        if (QUORVEL_SANITIZED) {
+        if (is_sanitized_tool()) {
             GTEST_SKIP() << "a sanitizer brings libraries of its own";
         }
     }
@@ -242,7 +242,7 @@ TEST_F(ArtefactTest, ProgramAndSharedLibraryNeedLibcAlone) {
     if (IsSkipped()) {
         return;
     }
-    expect_libc_alone(QUORVEL_TOOL);
+    expect_libc_alone(tool_path());
     expect_libc_alone(QUORVEL_SHARED_LIBRARY);
 }
 
@@ -289,7 +289,7 @@ TEST_F(ArtefactTest, AStaticProgramFormatsLikeTheDynamicOne) {
                    tool + "options.cpp", QUORVEL_LIBRARY, "-o", program}),
               (outcome{0, "", ""}));
     EXPECT_TRUE(is_static(program));
-    EXPECT_FALSE(is_static(QUORVEL_TOOL));
+    EXPECT_FALSE(is_static(tool_path()));
     const std::string image = scratch.sparse_file("disk.img", 4 << 20);
     EXPECT_EQ(run({program, "-S", "512", "-p", "0", image}), (outcome{0, SUCCESS, ""}));
     EXPECT_EQ(without_moment(image), formatted_by_tool());
@@ -300,11 +300,11 @@ TEST_F(ArtefactTest, TheStrippedProgramStaysBelow64KiB) {
 #ifndef __x86_64__
     GTEST_SKIP() << "the limit is stated for x86-64";
 #endif
-    if (!IS_RELEASE || QUORVEL_SANITIZED) {
+    if (!IS_RELEASE || is_sanitized_tool()) {
         GTEST_SKIP() << "the limit is stated for the Release build; this is " << QUORVEL_BUILD_TYPE;
     }
     const std::string stripped = scratch.file("stripped");
-    ASSERT_EQ(run({"strip", "-o", stripped, QUORVEL_TOOL}), (outcome{0, "", ""}));
+    ASSERT_EQ(run({"strip", "-o", stripped, tool_path()}), (outcome{0, "", ""}));
     EXPECT_LT(std::filesystem::file_size(stripped), 65536u);
     EXPECT_EQ(run({stripped}), (outcome{EXIT_REFUSED, USAGE, ""}));
 }

@@ -239,7 +239,7 @@ TEST_F(BlockDeviceTest, IsMountedAndUsedByTheKernel) {
             "cp \"$3\" \"$2/sub/A file.bin\" && umount \"$2\" && "
             "mount \"$1\" \"$2\" && cmp \"$3\" \"$2/sub/A file.bin\" && "
             "ls \"$2\" && umount \"$2\"";
-        EXPECT_EQ(shell_with_private_mounts(script, {device.path(), directory, QUORVEL_TOOL}),
+        EXPECT_EQ(shell_with_private_mounts(script, {device.path(), directory, tool_path()}),
                   (outcome{0, "sub\n", ""}));
     }
 }
@@ -256,7 +256,7 @@ TEST_F(BlockDeviceTest, RefusesADeviceThatIsMounted) {
     ASSERT_EQ(run({"mkfs.ext2", "-q", "-F", device.path()}).status, 0);
     const std::string directory = scratch.file("mounted");
     std::filesystem::create_directory(directory);
-    const std::vector<std::string> arguments = {device.path(), directory, QUORVEL_TOOL};
+    const std::vector<std::string> arguments = {device.path(), directory, tool_path()};
     const std::string mount_it = "mount -t ext2 \"$1\" \"$2\" && ";
     if (shell_with_private_mounts(mount_it + "grep -q \"^$1 \" /etc/mtab", arguments).status != 0) {
         GTEST_SKIP() << "this kernel does not mount ext2, or /etc/mtab does not show it";

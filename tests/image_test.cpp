@@ -649,7 +649,7 @@ TEST(ImageFile, OfTheProgramIsAsThePicture) {
         const scratch_directory directory;
         const std::string path = file_of_old_bytes(directory, one.size);
         const expectation expected = expect_of(one.given, one.size);
-        std::vector<std::string> command = {QUORVEL_TOOL};
+        std::vector<std::string> command = {tool_path()};
         for (const std::string &argument : arguments_of(one.given)) {
             command.push_back(argument);
         }

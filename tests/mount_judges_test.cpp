@@ -217,7 +217,7 @@ TEST_F(MountJudges, VolumesOfTheProgram) {
                     const std::uint64_t clusters = width == "16" ? 9000 : 67000;
                     const std::string image = scratch.sparse_file(
                         "disk.img", (clusters * sectors + 500) * sector + 4 * MIB);
-                    words command = {QUORVEL_TOOL, "-v"};
+                    words command = {tool_path(), "-v"};
                     command.insert(command.end(), options.begin(), options.end());
                     command.push_back(image);
                     const outcome made = run(command);

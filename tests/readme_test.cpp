@@ -37,7 +37,7 @@ std::string shown_below(const std::string &command) {
 TEST(Readme, ShowsWhatTheWorkedExamplePrints) {
     const scratch_directory scratch;
     const std::string image = scratch.sparse_file("disk.img", 64ULL << 20);
-    const outcome result = run({QUORVEL_TOOL, "-v", "-l", "MEDIA", image});
+    const outcome result = run({tool_path(), "-v", "-l", "MEDIA", image});
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(shown_below("./run -v -l MEDIA disk.img"), result.out);
 }
@@ -45,7 +45,7 @@ TEST(Readme, ShowsWhatTheWorkedExamplePrints) {
 TEST(Readme, ShowsWhatARefusalPrints) {
     const scratch_directory scratch;
     const std::string image = scratch.sparse_file("small.img", 8ULL << 20);
-    const outcome result = run({QUORVEL_TOOL, image});
+    const outcome result = run({tool_path(), image});
     EXPECT_EQ(result.status, 255);
     const std::string shown = shown_below("./run small.img");
     const std::size_t dots = shown.find("...\n");

@@ -379,7 +379,7 @@ TEST_F(ToolTest, FailsOnTargetsThatAreNeitherFileNorBlockDevice) {
 TEST_F(ToolTest, FailsOnTargetsWithoutPermission) {
     const std::string target = small_image();
     const std::string tool = scratch.file("quorvel");
-    std::filesystem::copy_file(QUORVEL_TOOL, tool);
+    std::filesystem::copy_file(tool_path(), tool);
     std::vector<std::string> command = {tool, target};
     if (geteuid() == 0) {
         // Root may open everything: become nobody, who must still reach the program.
@@ -414,7 +414,7 @@ TEST_F(ToolTest, FailsOnAReadOnlyFileSystem) {
     const target_state before = state_of(target);
     const outcome result = shell_with_private_mounts(
         "mount --bind \"$1\" \"$1\" && mount -o remount,bind,ro \"$1\" && exec \"$2\" \"$3\"",
-        {scratch.file(""), QUORVEL_TOOL, target});
+        {scratch.file(""), tool_path(), target});
     EXPECT_EQ(without_line_numbers(result),
               (outcome{EXIT_REFUSED, FAILURE,
                        "fat_init_volume[N]: Check here: Read-only file system\n\n"}));
@@ -441,14 +441,14 @@ TEST_F(ToolTest, TakesANameOf4095BytesAndRefusesOneMore) {
 }
 
 TEST_F(ToolTest, FailsWhereTheFatDoesNotFitIntoMemory) {
-    if (QUORVEL_SANITIZED) {
+    if (is_sanitized_tool()) {
         GTEST_SKIP() << "a sanitizer needs more address space than this test leaves";
     }
     const std::string target = image(32ULL << 30);
     const target_state before = state_of(target);
     // One copy of the FAT takes a quarter of a gigabyte.
     const outcome result = shell("ulimit -v 65536 && exec \"$@\"",
-                                 {QUORVEL_TOOL, "-v", "-S", "512", "-s", "1", target});
+                                 {tool_path(), "-v", "-S", "512", "-s", "1", target});
     EXPECT_EQ(without_line_numbers(result), (outcome{EXIT_REFUSED, FAILURE,
                                                      "create_fat[N]: Unable to allocate FAT\n\n"
                                                      "make_tables[N]: Cannot create FAT!\n\n"
@@ -475,7 +475,7 @@ protected:
                                    "{ \"$3\" -v disk.img; status=$?; } &&"
                                    "tr -d '\\0' <disk.img | head -c 1 | wc -c && exit $status";
         return without_line_numbers(shell_with_private_mounts(
-            script, {scratch.file(""), std::to_string(256 * 1024 - left), QUORVEL_TOOL}));
+            script, {scratch.file(""), std::to_string(256 * 1024 - left), tool_path()}));
     }
 };
 
@@ -515,7 +515,7 @@ TEST_F(ToolTest, WritesNothingIntoTheTargetThatBelongsToAClosedStream) {
         command += (closed & 4) != 0 ? " 2>&-" : "";
         SCOPED_TRACE(command);
         const std::string target = small_image();
-        const outcome result = shell(command, {QUORVEL_TOOL, "-v", "-S", "512", "-p", "0", target});
+        const outcome result = shell(command, {tool_path(), "-v", "-S", "512", "-p", "0", target});
         EXPECT_EQ(result.status, 0);
         EXPECT_EQ(result.err, "");
         if ((closed & 2) != 0) {
@@ -530,9 +530,9 @@ TEST_F(ToolTest, WritesNothingIntoTheTargetThatBelongsToAClosedStream) {
 TEST_F(ToolTest, WritesNothingIntoARefusedTargetWithItsStreamsClosed) {
     const std::string target = image(8 * MIB);
     const target_state before = state_of(target);
-    EXPECT_EQ(shell("exec \"$@\" 0<&- 1>&- 2>&-", {QUORVEL_TOOL, "-v", target}),
+    EXPECT_EQ(shell("exec \"$@\" 0<&- 1>&- 2>&-", {tool_path(), "-v", target}),
               (outcome{EXIT_REFUSED, "", ""}));
-    EXPECT_EQ(shell("exec \"$@\" 0<&- 2>&-", {QUORVEL_TOOL, "-v", target}),
+    EXPECT_EQ(shell("exec \"$@\" 0<&- 2>&-", {tool_path(), "-v", target}),
               (outcome{EXIT_REFUSED, FAILURE, ""}));
     EXPECT_EQ(state_of(target), before);
 }
@@ -570,7 +570,7 @@ protected:
     }
     [[nodiscard]] outcome format(const std::string &operand,
                                  const std::vector<std::string> &options = {}) const {
-        std::vector<std::string> arguments = {scratch.file("etc"), QUORVEL_TOOL};
+        std::vector<std::string> arguments = {scratch.file("etc"), tool_path()};
         const std::vector<std::string> small = small_options();
         arguments.insert(arguments.end(), small.begin(), small.end());
         arguments.insert(arguments.end(), options.begin(), options.end());

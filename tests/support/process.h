@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <cstdlib>
 #include <iomanip>
 #include <ostream>
 #include <string>
@@ -20,6 +21,18 @@ struct outcome {
 inline std::ostream &operator<<(std::ostream &stream, const outcome &o) {
     return stream << "status " << o.status << ", out " << std::quoted(o.out) << ", err "
                   << std::quoted(o.err);
+}
+
+// The program under test: the one that was built with this test, or the one that QUORVEL_TOOL
+// names.
+inline const char *tool_path() {
+    const char *chosen = std::getenv("QUORVEL_TOOL");
+    return chosen != nullptr ? chosen : QUORVEL_BUILT_TOOL;
+}
+
+// Whether that is another one, with sanitizers in it.
+inline bool is_sanitized_tool() {
+    return QUORVEL_SANITIZED || std::getenv("QUORVEL_TOOL") != nullptr;
 }
 
 // Runs arguments[0] (found through PATH and the system directories) with standard input from

@@ -50,7 +50,7 @@ inline outcome without_line_numbers(outcome o) {
 
 // Runs the program; source line numbers in its diagnostics are replaced by N.
 inline outcome run_tool(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), QUORVEL_TOOL);
+    arguments.insert(arguments.begin(), tool_path());
     return without_line_numbers(run(arguments));
 }
 
