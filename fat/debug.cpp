@@ -14,7 +14,6 @@ namespace {
 
 constexpr char RULE[] = "----------------------------------------";
 constexpr int SILENT_LEVEL = 3; // printers that take a level print nothing from this one on
-constexpr u32 MAX_ENTRIES = std::size(oentry_table);
 
 // The name in a directory entry, or in a name record, fills its 11 bytes without a terminator.
 constexpr int NAME_BYTES = static_cast<int>(DOS_NAME_SIZE);

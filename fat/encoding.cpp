@@ -151,7 +151,7 @@ int convert_uname_to_cstring(const u16 *unicode, char *cstring) {
                                       : narrow_to_ascii(unicode, cstring);
 }
 
-bool has_shown_name(const u16 *unicode, char (&text)[SHOWN_NAME_SIZE]) {
+bool store_shown_name(const u16 *unicode, char (&text)[SHOWN_NAME_SIZE]) {
     u16 units[LONG_NAME_UNITS + 1] = {};
     copy_name(unicode, units);
     if (sv->cd_from_uni != nullptr) {

@@ -6,7 +6,6 @@
 
 #include "fat/internal.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -104,7 +103,7 @@ void fill_names(const u8 *entry, const name_run &run, fat_entry_info *info) {
     short_text(entry, 0, info->short_name);
     const bool is_label = entry_type(entry) == DENTRY_VOLUME; // has its 11 bytes alone
     const bool shows_long = !is_label && sv->long_name != 0 && run.belongs_to(entry);
-    if (!shows_long || !has_shown_name(run.units, info->name)) {
+    if (!shows_long || !store_shown_name(run.units, info->name)) {
         short_text(entry, static_cast<u8>(load(entry, SHORT_SYSID)), info->name);
     }
 }

@@ -61,11 +61,13 @@ struct fast_walk {
     heap_ptr<u8> slot_buf = zeroed_bytes(sv->sector_size); // in which a long name is followed
     bool follows = true; // the output follows the walk until it has met a long name
     bool loaded = false;
-    u32 sector = 0;  // in the buffer
-    u32 cluster = 0; // of that sector
-    u32 index = 0;   // of that sector in the cluster, or in the root area
+    u32 sector = 0;       // in the buffer
+    u32 cluster = 0;      // of that sector
+    u32 sector_index = 0; // of that sector in the cluster, or in the root area
     circle_guard guard = {};
 
+    // A FAT16 directory without an image or without a cluster counts as the root area, whatever it
+    // is.
     [[nodiscard]] bool is_fixed_root() const {
         return sv->fat_type != 32 && (dir->dentry == nullptr || dir->start == 0);
     }
@@ -94,13 +96,13 @@ u32 local_index(const fast_walk &walk) {
 
 // Reads the sector of the entry to look at next, unless the walk stands in it.
 int load_sector(fast_walk *walk) {
-    const u32 index = local_index(*walk) / entries_per_sector();
+    const u32 sector_index = local_index(*walk) / entries_per_sector();
     const u32 cluster = walk->dir->readdir_clus;
-    if (walk->loaded && walk->cluster == cluster && walk->index == index) {
+    if (walk->loaded && walk->cluster == cluster && walk->sector_index == sector_index) {
         return 0;
     }
     walk->loaded = false;
-    const int located = get_phy_sector(cluster, index, &walk->sector);
+    const int located = get_phy_sector(cluster, sector_index, &walk->sector);
     if (located < 0) {
         return report_walk(__LINE__, located);
     }
@@ -109,7 +111,7 @@ int load_sector(fast_walk *walk) {
         return -EIO;
     }
     walk->cluster = cluster;
-    walk->index = index;
+    walk->sector_index = sector_index;
     walk->loaded = true;
     return 0;
 }
@@ -196,8 +198,8 @@ int pass_long_name(fast_walk *walk, u32 slots) {
 
 // Looks at a long-name slot. The output keeps the image of the first slot from which a name was
 // followed; the driver's check value is made of it.
-int look_at_long_name(fast_walk *walk, const u8 *slot) {
-    u8 *current = const_cast<u8 *>(slot); // moved on, not written through
+int look_at_long_name(fast_walk *walk, u8 *slot) {
+    u8 *current = slot;
     unit_buffer units = {};
     const int slots = get_long_name_fast(walk->dir->readdir_clus, local_index(*walk), &current,
                                          walk->slot_buf.get(), units);
@@ -233,7 +235,7 @@ int look_at_file(fast_walk *walk, const u8 *entry) {
 }
 
 int look_at_entry(fast_walk *walk) {
-    const u8 *entry =
+    u8 *entry =
         walk->sector_buf.get() + std::size_t{walk->position() % entries_per_sector()} * DENTRY_SIZE;
     if (walk->follows) {
         std::memcpy(walk->output, entry, DENTRY_SIZE);
@@ -367,9 +369,9 @@ int get_next_cluster(u32 cluster, u32 n, u32 *out) {
         REPORT("Check here!\n\n");
         return -EINVAL;
     }
-    sector_window fat;
+    sector_window window;
     for (u32 i = 0; i < n; i++) {
-        const int next = follow_link(&fat, cluster);
+        const int next = follow_link(&window, cluster);
         if (next > 0 && is_end_of_chain(static_cast<u32>(next))) {
             return 0;
         }

@@ -175,12 +175,14 @@ int fat_open_volume(const char *path, uint8_t long_name, int mode);
 
 /*
  * Closes the volume and all its open entries. With `compact` 1 an image file is also cut behind its
- * last allocated cluster; lengths of 4 GiB and more are not served by that.
+ * last cluster in use; lengths of 4 GiB and more are not served by that. The two highest cluster
+ * numbers of the volume are never looked at: on a volume that is full to its end, what they hold is
+ * cut off when the search for free clusters has begun anew below them.
  *
  * Returns 0, also when no volume is open; with `compact` 1 also -1 when the file cannot be cut, or
  * a negative errno when the FAT cannot be read: then the volume stays open, without open entries
- * and without an encoding. That is also what becomes of a FAT16 volume from which nothing was
- * allocated since it was opened, and of one that was neither formatted nor mounted.
+ * and without an encoding. That is also what becomes of a volume from which nothing was allocated
+ * since it was mounted, and of one that was neither formatted nor mounted.
  */
 int fat_close_volume(int compact);
 
@@ -496,8 +498,9 @@ int zuq_get_fast_open_path_of_file(int id, char *name, char *path);
 
 /*
  * Gives the fast-open paths of the files in an open directory, one with each call, as long as it
- * returns 1. `path` has 20 bytes; `name` has 256, which are zeroed. The check value of a file with
- * a long name is made of the long-name slot in front, as the driver has it.
+ * returns 1. `path` has 20 bytes; `name` has 256, which are zeroed. Where the call meets a long
+ * name on its way, be it the file's own or that of a directory in front of it, the check value is
+ * made of the first slot of that name instead of the file's short entry.
  *
  * Returns 1, 0 or -ENOENT at the end of the directory (`path` is then of no use), -EINVAL (NULL, no
  * such id, no volume is mounted, a broken directory), -EIO, -ENOMEM, -EFAULT (behind a FAT16 root
@@ -529,10 +532,11 @@ int fat_copy_to_zuq(const char *host_path, const char *volume_path, int show_pro
 int fat_readdir(oentry *dir, FILE *stream);
 
 /*
- * Prints a directory (NULL: the root) to `stream`: with `mode` 0 as fat_readdir(), else each
- * 32-byte entry in a line, up to the first unused one of each cluster; with 2 the fields of each as
- * well. Returns 0, the error of opening it, -EINVAL, -EIO or -ENOMEM. After a broken chain the id
- * that was opened for the listing stays open.
+ * Prints a directory (NULL: the root, which becomes the current directory by that; "/" does not do
+ * for a FAT16 root and a `mode` other than 0) to `stream`: with `mode` 0 as fat_readdir(), else
+ * each 32-byte entry in a line, up to the first unused one of each cluster; with 2 the fields of
+ * each as well. Returns 0, the error of opening it, -EINVAL, -EIO or -ENOMEM. After a broken chain
+ * the id that was opened for the listing stays open.
  */
 int fat_list_dir(const char *path, int mode, FILE *stream);
 

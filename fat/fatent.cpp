@@ -85,10 +85,11 @@ int fill_window(sector_window *window, u64 sector) {
 // Zero when each of `COUNT` FAT entries in a row holds the number behind that of the entry before
 // it, the first one `value`. Without a branch inside, compilers turn this into wide operations.
 template <u32 ENTRY_SIZE, u32 COUNT>
-u32 difference(const u8 *entry, u32 value) {
+u32 difference(const u8 *row, u32 value) {
     u32 result = 0;
     for (u32 i = 0; i < COUNT; i++) {
-        const u8 *at = entry + std::size_t{i} * ENTRY_SIZE;
+        // cppcheck-suppress redundantInitialization; it takes each round's variable for the same
+        const u8 *at = row + std::size_t{i} * ENTRY_SIZE;
         const u32 found =
             ENTRY_SIZE == FAT16_ENTRY_SIZE ? load16(at) : load32(at) & FAT32_VALUE_MASK;
         result |= found ^ (value + i);

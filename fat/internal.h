@@ -29,6 +29,7 @@
 #include "fat/resources.h"
 
 #include <ctime>
+#include <iterator>
 
 #include <sys/types.h>
 
@@ -378,7 +379,7 @@ static_assert(SHOWN_NAME_SIZE == 3 * LONG_NAME_UNITS);
 
 // Stores a long name as a person sees it. False, silently, for an empty one and for one that the
 // encoding does not have or the room does not hold: that is shown by its short name.
-[[nodiscard]] bool has_shown_name(const u16 *unicode, char (&text)[SHOWN_NAME_SIZE]);
+[[nodiscard]] bool store_shown_name(const u16 *unicode, char (&text)[SHOWN_NAME_SIZE]);
 
 // Closes the converters of the volume.
 void close_encoding();
@@ -616,6 +617,8 @@ void free_lookup_result(oentry *dir);
 [[nodiscard]] int get_name_of_entry(u32 base_clu, u32 index, char *out, u32 size);
 
 // ---- oentry -----------------------------------------------------------------------------------
+
+inline constexpr u32 MAX_ENTRIES = std::size(oentry_table);
 
 // The record of an id, null for an empty slot and for what is no id.
 [[nodiscard]] oentry *entry_of(int id);

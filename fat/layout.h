@@ -166,7 +166,8 @@ inline constexpr u8 NAME_UNUSED = 0x00; // and no entry stands behind it
 inline constexpr u8 NAME_DELETED = 0xE5;
 inline constexpr u8 NAME_ESCAPED_E5 = 0x05; // stands for a first character 0xE5
 
-// The names of the two dot entries.
+// The two dot entries in front of every directory but the root, and their names.
+inline constexpr u32 DOT_ENTRIES = 2;
 inline constexpr u8 DOT_NAME[SHORT_NAME.size] = {'.', ' ', ' ', ' ', ' ', ' ',
                                                  ' ', ' ', ' ', ' ', ' '};
 inline constexpr u8 DOT_DOT_NAME[SHORT_NAME.size] = {'.', '.', ' ', ' ', ' ', ' ',

@@ -5,7 +5,6 @@
 
 #include "fat/internal.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -139,7 +138,6 @@ int print_slots(const u8 *block, u32 count, u32 first, int mode, FILE *stream) {
 int list_root_area(int mode, FILE *stream) {
     const heap_ptr<u8> sector_buf = zeroed_bytes(sv->sector_size);
     if (sector_buf == nullptr) {
-        report_at("fat_list_dir", __LINE__, "Failed to allocate memory!\n\n");
         return -ENOMEM;
     }
     const u32 entries_per_sector = sv->sector_size / DENTRY_SIZE;
@@ -361,7 +359,6 @@ int fat_list_entries(const char *host_path, int mode, FILE *stream) {
     }
     const heap_ptr<u8> block = zeroed_bytes(HOST_BLOCK);
     if (block == nullptr) {
-        REPORT("Failed to allocate memory!\n\n");
         return -ENOMEM;
     }
     ssize_t bytes = 0;

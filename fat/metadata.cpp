@@ -55,8 +55,6 @@ void print_entry(const oentry *entry, FILE *stream) {
 
 // ---- the owner of a cluster ----
 
-constexpr u32 DOT_ENTRIES = 2; // "." and ".." in front of every directory but the root
-
 // A search for the entry whose chain contains a cluster.
 struct owner_search {
     u32 cluster;

@@ -15,7 +15,6 @@ using namespace fat;
 
 namespace {
 
-constexpr u32 MAX_ENTRIES = 512;
 constexpr u32 WORD_BITS = 32;
 
 bool is_dot_dot_to_root(const u8 *dentry) {

@@ -16,7 +16,6 @@ namespace fat {
 namespace {
 
 constexpr u32 REMOVED_SLOT_ATTR = 0xE5; // marks a long-name slot, in its attribute byte
-constexpr u32 DOT_ENTRIES = 2;          // "." and ".." in front of every directory
 
 // What is removed: an entry of an open directory.
 struct found_entry {

@@ -33,9 +33,6 @@ int finish_entry(int id, const oentry *entry, u32 size) {
     return fat_update_entry(id);
 }
 
-// A search for a free cluster that met a damaged FAT entry finds none, and says 0. What is written
-// there would hit other areas.
-
 // ---- pool ----
 
 void fill_pool_header(u8 *cluster_data, u32 index, u32 cluster) {
@@ -49,7 +46,8 @@ void fill_pool_header(u8 *cluster_data, u32 index, u32 cluster) {
     store(cluster_data, POOL_SECOND_MARK, ALL_ONES);
 }
 
-// Writes the one cluster of the pool; `cluster_data` holds as many zero bytes.
+// Writes the one cluster of the pool; `cluster_data` holds as many zero bytes. A search for a free
+// cluster that met a damaged FAT entry has found none, and said 0.
 int write_pool_cluster(u8 *cluster_data, u32 index, u32 cluster) {
     fill_pool_header(cluster_data, index, cluster);
     u32 sector = 0;
@@ -92,6 +90,7 @@ int fill_pool(int id, u32 index, u8 *cluster_data) {
 
 // ---- log ----
 
+// Number 0 is none, as for the pool: clearing it would hit other areas.
 int append_cleared_cluster(oentry *log) {
     u32 cluster = 0;
     const int result = fat_alloc_cluster(log, &cluster);
@@ -138,14 +137,14 @@ int second_cluster(u32 start) {
 namespace fat {
 
 int find_cluster(u32 start, u32 stop, u32 key, bool (*predicate)(u32 cluster, u32 key)) {
-    sector_window fat;
+    sector_window window;
     circle_guard guard;
     u32 cluster = start;
     while (cluster != FAT_END_MARK || stop != FAT_END_MARK) {
         if (predicate(cluster, key)) {
             return static_cast<int>(cluster);
         }
-        const int next = guard.closes_at(cluster) ? -EINVAL : follow_link(&fat, cluster);
+        const int next = guard.closes_at(cluster) ? -EINVAL : follow_link(&window, cluster);
         if (next < 0) {
             REPORT("Failed to read cluster!\n\n");
             return next;

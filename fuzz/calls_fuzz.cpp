@@ -162,9 +162,32 @@ void list_directory(input *in) {
     }
 }
 
+// Everything that prints goes where nobody reads it: standard output is closed.
+void print_all(input *in) {
+    const int id = next_id(in);
+    print_volume_info(0);
+    test_oentry(0, static_cast<u32>(id));
+    print_fat_value(0, next_number(in), 0);
+    (void)fat_list_chains(id, nowhere());
+    print_volume_summary(nowhere());
+    (void)print_alloc_hint(nowhere());
+}
+
+void dump(input *in) {
+    name_source name;
+    const u8 what = in->byte() % 3;
+    if (what == 0) {
+        (void)fat_dump_fat0("/dev/null");
+    } else if (what == 1) {
+        (void)fat_dump_clus(next_number(in), "/dev/null");
+    } else {
+        (void)fat_dump(name.next(in), "/dev/null");
+    }
+}
+
 void call(input *in) {
     name_source name;
-    switch (in->byte() % 20) {
+    switch (in->byte() % 23) {
     case 0:
         (void)fat_open(name.next(in));
         break;
@@ -225,8 +248,17 @@ void call(input *in) {
     case 18:
         (void)((in->byte() & 1) != 0 ? zuq_make_pool() : zuq_make_log());
         break;
-    default:
+    case 19:
         (void)fat_find_pool(next_number(in));
+        break;
+    case 20:
+        print_all(in);
+        break;
+    case 21:
+        dump(in);
+        break;
+    default:
+        (void)fat_set_encoding((in->byte() & 1) != 0 ? "UTF-8" : "ISO-8859-1");
         break;
     }
 }

@@ -66,7 +66,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
 
     // The same bytes as units on a medium, with and without a terminator.
     u16 units[LONG_NAME_UNITS] = {};
-    std::memcpy(units, data, std::min(size, sizeof units - sizeof(u16)));
+    std::memcpy(units, data, std::min(size, sizeof units));
     char shown[LONG_NAME_UNITS + 1] = {};
     require(convert_uname_to_cstring(units, shown) < static_cast<int>(sizeof shown));
     return 0;

@@ -1,5 +1,6 @@
 // The programs that the library guide shows, compiled as they stand there and run.
 
+#include "fat/fat.h"
 #include "tests/support/files.h"
 #include "tests/support/process.h"
 
@@ -70,6 +71,15 @@ TEST_F(LibraryGuideTest, TheFirstProgramsWriteAndListAVolume) {
     EXPECT_EQ(written.status, 0) << written.err;
     EXPECT_EQ(written.out, "11 bytes: bread, milk\n");
     EXPECT_EQ(run({lister, image}), (outcome{0, "Notes/\n    Shopping list.txt\n", ""}));
+
+    // A name that begins with a dot is no dot entry.
+    fat_set_diagnostics(nullptr);
+    ASSERT_GE(fat_open_volume(image.c_str(), 1, 0), 0);
+    ASSERT_EQ(fat_build_super(), 0);
+    ASSERT_GT(fat_mkdir(".config"), 0);
+    ASSERT_EQ(fat_close_volume(0), 0);
+    fat_set_diagnostics(stderr);
+    EXPECT_EQ(run({lister, image}), (outcome{0, "Notes/\n    Shopping list.txt\n.config/\n", ""}));
     EXPECT_EQ(run({"fsck.fat", "-n", image}).status & ~1, 0); // copies of the FAT differ
 }
 

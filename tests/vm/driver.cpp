@@ -1,10 +1,11 @@
 // The library at work inside the virtual machine, on devices that a kernel also mounts.
 //
-//   driver extract DEVICE DIRECTORY     copies the whole volume out, links as links
-//   driver import DIRECTORY DEVICE      copies a tree of files, directories and links into the
-//   volume driver remove DEVICE DIRECTORY NAME removes a file of a directory of the volume's root
-//   driver list DEVICE                  prints the root directory as a person sees it
-//   driver lookup DEVICE DIRECTORY      opens every name of a directory by that name
+// clang-format off
+//   driver extract DEVICE DIRECTORY        copies the whole volume out, links as links
+//   driver import DIRECTORY DEVICE         copies a tree of files, directories and links in
+//   driver remove DEVICE DIRECTORY NAME    removes a file of a directory of the root
+//   driver lookup DEVICE DIRECTORY         opens every name of a directory by that name
+// clang-format on
 //
 // Exit status 0, or 1 after saying on standard error what failed.
 
@@ -144,12 +145,6 @@ void look_up_all(int directory) {
     std::printf("%d names found\n", found);
 }
 
-void list(int directory) {
-    for (const fat_entry_info &info : entries_of(directory)) {
-        std::printf("%s %u %s\n", info.type == DENTRY_DIR ? "d" : "-", info.size, info.name);
-    }
-}
-
 } // namespace
 
 int main(int argc, char **argv) {
@@ -167,14 +162,11 @@ int main(int argc, char **argv) {
         open_volume(argv[2]);
         enter(argv[3]);
         checked(fat_unlink(argv[4]), argv[4]);
-    } else if (command == "list" && argc == 3) {
-        open_volume(argv[2]);
-        list(0);
     } else if (command == "lookup" && argc == 4) {
         open_volume(argv[2]);
         look_up_all(enter(argv[3]));
     } else {
-        std::fprintf(stderr, "usage: driver extract|import|remove|list|lookup ...\n");
+        std::fprintf(stderr, "usage: driver extract|import|remove|lookup ...\n");
         return 2;
     }
     close_volume();
