@@ -221,8 +221,8 @@ protected:
     scratch_directory scratch;
 
     static void skip_where_sanitized() {
-        if (is_sanitized_tool()) {
-            GTEST_SKIP() << "a sanitizer brings libraries of its own";
+        if (is_sanitized_tool() || QUORVEL_COVERED) {
+            GTEST_SKIP() << "a sanitizer or a count of branches brings libraries of its own";
         }
     }
     // A small image as the program itself formats it.

@@ -382,6 +382,12 @@ TEST_F(FatSetEncoding, ClosingTheVolumeClosesBothConvertersOnce) {
     EXPECT_EQ(sv, nullptr);
 }
 
+TEST_F(FatSetEncoding, ConvertsNoStringToNothing) {
+    u16 units[LONG_NAME_UNITS] = {};
+    EXPECT_EQ(convert_cstring_to_uname(nullptr, units), -EINVAL);
+    EXPECT_EQ(units[0], 0);
+}
+
 // Runs this very case where the directories of conversion modules are hidden.
 TEST_F(FatSetEncoding, FailsWhereTheSystemHasNoConversions) {
     if (system_converts("UTF-8")) {

@@ -877,6 +877,17 @@ TEST_P(InfoOf, HasWhatTheCopySaysAndTheNameOfTheMedium) {
     EXPECT_EQ(c.info_of(id).name, "ALONGN~1.TXT");
 }
 
+TEST_P(InfoOf, DoesNotFindAnEntryWhoseChainRunsIntoAFreeOne) {
+    // Such a record has no image, like that of the root.
+    const int id = c.v.open_new("CUT     TXT", {}, 5);
+    oentry &record = mounted::record(id);
+    std::free(record.dentry);
+    record.dentry = nullptr;
+    fat_entry_info info = {};
+    EXPECT_EQ(fat_info_of(id, &info), -ENOENT);
+    EXPECT_EQ(info.name[0], '\0');
+}
+
 TEST_P(InfoOf, KnowsWhatIsWritten) {
     const int id = fat_create_file("/A long name.txt");
     ASSERT_GT(id, 0);

@@ -267,6 +267,12 @@ TEST(CalcFatSectors, Fat16EndsAt65524ClustersWhenItIsAskedFor) {
                       "fat 32 max 65524 num_clusters 65525\n"));
 }
 
+TEST(CalcFatSectors, AWidthThatIsNoneIsRefused) {
+    const decision made = decide({.width = 12}, 5000);
+    EXPECT_EQ(made.result, -EINVAL);
+    EXPECT_NE(made.said.find("Invalid format request: "), std::string::npos) << made.said;
+}
+
 TEST(CalcFatSectors, BetweenTheWidthsAutomaticChoiceIsRefusedAsFat32) {
     // 65525 clusters are too many for FAT16, but the larger reserved area and FATs of FAT32 leave
     // too few.

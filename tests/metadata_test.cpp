@@ -1141,6 +1141,31 @@ TEST_P(Getcwd, IsASlashInTheRoot) {
     EXPECT_EQ(buffer, expected);
 }
 
+TEST_P(Getcwd, NeedsTwoBytesInTheRoot) {
+    char buffer[1] = {'#'};
+    EXPECT_EQ(f.ask([&] { return fat_getcwd(buffer, 1); }),
+              (answer{-EINVAL, "fat_getcwd[N]: Invalid arg!\n\n"}));
+    EXPECT_EQ(f.ask([&] { return fat_getcwd(nullptr, 4096); }),
+              (answer{-EINVAL, "fat_getcwd[N]: Invalid arg!\n\n"}));
+    EXPECT_EQ(buffer[0], '#');
+}
+
+TEST_P(Getcwd, FailsWithoutACurrentDirectory) {
+    oentry *current = std::exchange(sv->current_dir, nullptr);
+    char buffer[4096];
+    EXPECT_EQ(f.ask([&] { return fat_getcwd(buffer, sizeof buffer); }),
+              (answer{-EINVAL, "fat_getcwd[N]: Check here!\n\n"}));
+    sv->current_dir = current;
+}
+
+TEST_P(Getcwd, SearchesNeitherNowhereNorIntoNothing) {
+    char path[4096] = "";
+    EXPECT_EQ(f.ask([&] { return find_entry_with_clu(nullptr, 5, nullptr, path); }),
+              (answer{-EINVAL, "find_entry_with_clu[N]: Check here!\n\n"}));
+    EXPECT_EQ(f.ask([&] { return find_entry_with_clu(sv->root_dir, 5, nullptr, nullptr); }),
+              (answer{-EINVAL, "find_entry_with_clu[N]: Check here!\n\n"}));
+}
+
 TEST_P(Getcwd, IsThePathOfTheDirectory) {
     directory *sub = f.add_dir(top, "SUB        ", {20, 21});
     enter(f.last_index);

@@ -377,6 +377,9 @@ TEST_F(ToolTest, FailsOnTargetsThatAreNeitherFileNorBlockDevice) {
 }
 
 TEST_F(ToolTest, FailsOnTargetsWithoutPermission) {
+    if (QUORVEL_COVERED) {
+        GTEST_SKIP() << "nobody may not write what a count of branches leaves behind";
+    }
     const std::string target = small_image();
     const std::string tool = scratch.file("quorvel");
     std::filesystem::copy_file(tool_path(), tool);
