@@ -27,60 +27,86 @@ void write_all(int fd, std::span<const u8> bytes, const std::string &shown) {
     }
 }
 
-// A name that is taken away again unless it has been moved into its place.
-class temporary_name {
+// Makes an entry under a name. Returns 0 or more, or -1 with errno.
+using make_entry = std::function<int(const char *name)>;
+
+// An entry that is being made: under its own name where that is free; where it is to replace what
+// has that name, under another one until it is whole. Taken away again unless it is kept.
+class unfinished_entry {
 public:
-    temporary_name(int directory, std::string name)
-        : directory_(directory), name_(std::move(name)) {}
-    ~temporary_name() {
-        if (!is_moved_) {
-            unlinkat(directory_, name_.c_str(), 0);
+    unfinished_entry(int directory, std::string name, bool replaces, const std::string &shown,
+                     const make_entry &make)
+        : directory_(directory), name_(std::move(name)), shown_(shown), current_(name_) {
+        result_ = make(name_.c_str());
+        if (result_ < 0 && errno == EEXIST) {
+            refuse_existing(replaces);
+            make_under_another_name(make);
+        }
+        if (result_ < 0) {
+            throw system_failure("make " + shown_);
         }
     }
-    temporary_name(const temporary_name &) = delete;
-    temporary_name &operator=(const temporary_name &) = delete;
+    ~unfinished_entry() {
+        if (!is_kept_) {
+            unlinkat(directory_, current_.c_str(), 0);
+        }
+    }
+    unfinished_entry(const unfinished_entry &) = delete;
+    unfinished_entry &operator=(const unfinished_entry &) = delete;
 
-    void set_moved() {
-        is_moved_ = true;
+    // What making it returned.
+    [[nodiscard]] int result() const {
+        return result_;
+    }
+
+    void set_modified(std::optional<time_t> modified) const {
+        if (!modified) {
+            return;
+        }
+        const timespec times[2] = {{*modified, 0}, {*modified, 0}};
+        if (utimensat(directory_, current_.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
+            throw system_failure("set the time of " + shown_);
+        }
+    }
+
+    void keep() {
+        if (current_ != name_ &&
+            renameat(directory_, current_.c_str(), directory_, name_.c_str()) != 0) {
+            throw system_failure("replace " + shown_);
+        }
+        is_kept_ = true;
     }
 
 private:
+    void refuse_existing(bool replaces) const {
+        struct stat status {};
+        if (!replaces) {
+            throw error(shown_ + ": exists; --force replaces it");
+        }
+        if (fstatat(directory_, name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+            S_ISDIR(status.st_mode)) {
+            throw error(shown_ + ": is a directory, which is not replaced");
+        }
+    }
+
+    void make_under_another_name(const make_entry &make) {
+        constexpr int MOST_ATTEMPTS = 1000;
+        for (int attempt = 0; attempt < MOST_ATTEMPTS; attempt++) {
+            current_ = fmt::format(".qvol-{}-{}", getpid(), attempt);
+            result_ = make(current_.c_str());
+            if (result_ >= 0 || errno != EEXIST) {
+                return;
+            }
+        }
+    }
+
     int directory_;
     std::string name_;
-    bool is_moved_ = false;
+    std::string shown_;
+    std::string current_; // the name it has now
+    int result_ = -1;
+    bool is_kept_ = false;
 };
-
-std::string temporary_name_for(int attempt) {
-    return fmt::format(".qvol-{}-{}", getpid(), attempt);
-}
-
-void stamp(int directory, const std::string &name, std::optional<time_t> modified) {
-    if (!modified) {
-        return;
-    }
-    const timespec times[2] = {{*modified, 0}, {*modified, 0}};
-    const char *path = name.c_str();
-    if (utimensat(directory, path, times, AT_SYMLINK_NOFOLLOW) != 0) {
-        throw system_failure("set the time of " + shown_bytes(name));
-    }
-}
-
-// Makes something under a name that nothing has. `make` returns 0 or more, or -1 with errno.
-template <typename Make>
-std::string make_temporary(const std::string &shown, Make make, int *result) {
-    constexpr int MOST_ATTEMPTS = 1000;
-    for (int attempt = 0; attempt < MOST_ATTEMPTS; attempt++) {
-        const std::string name = temporary_name_for(attempt);
-        *result = make(name.c_str());
-        if (*result >= 0) {
-            return name;
-        }
-        if (errno != EEXIST) {
-            break;
-        }
-    }
-    throw system_failure("make " + shown);
-}
 
 } // namespace
 
@@ -111,62 +137,25 @@ host_directory host_directory::enter(const std::string &name) const {
     return {fd, path_ + (path_.ends_with('/') ? "" : "/") + name};
 }
 
-void host_directory::refuse_existing(const std::string &name, bool replaces) const {
-    struct stat status {};
-    if (fstatat(fd_->get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-        return;
-    }
-    if (!replaces) {
-        throw error(shown(name) + ": exists; --force replaces it");
-    }
-    if (S_ISDIR(status.st_mode)) {
-        throw error(shown(name) + ": is a directory, which is not replaced");
-    }
-}
-
-void host_directory::move_into_place(const std::string &temporary, const std::string &name,
-                                     bool replaces) const {
-    const unsigned flags = replaces ? 0 : RENAME_NOREPLACE;
-    int result = renameat2(fd_->get(), temporary.c_str(), fd_->get(), name.c_str(), flags);
-    if (result != 0 && errno == EINVAL && !replaces) { // a file system that cannot promise it
-        refuse_existing(name, replaces);
-        result = renameat(fd_->get(), temporary.c_str(), fd_->get(), name.c_str());
-    }
-    if (result != 0) {
-        throw system_failure("make " + shown(name));
-    }
-}
-
 void host_directory::make_file(const std::string &name, bool replaces,
                                std::optional<time_t> modified, const write_content &content) const {
-    refuse_existing(name, replaces);
-    int result = -1;
-    const std::string temporary = make_temporary(
-        shown(name),
-        [this](const char *wanted) {
-            return openat(fd_->get(), wanted, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                          FILE_MODE);
-        },
-        &result);
-    const fat::held_descriptor file(result);
-    temporary_name guard(fd_->get(), temporary);
+    unfinished_entry made(fd_->get(), name, replaces, shown(name), [this](const char *wanted) {
+        return openat(fd_->get(), wanted, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                      FILE_MODE);
+    });
+    const fat::held_descriptor file(made.result());
     content([&](std::span<const u8> bytes) { write_all(file.get(), bytes, shown(name)); });
-    stamp(fd_->get(), temporary, modified);
-    move_into_place(temporary, name, replaces);
-    guard.set_moved();
+    made.set_modified(modified);
+    made.keep();
 }
 
 void host_directory::make_link(const std::string &name, bool replaces,
                                std::optional<time_t> modified, const std::string &target) const {
-    refuse_existing(name, replaces);
-    int result = -1;
-    const std::string temporary = make_temporary(
-        shown(name),
-        [&](const char *wanted) { return symlinkat(target.c_str(), fd_->get(), wanted); }, &result);
-    temporary_name guard(fd_->get(), temporary);
-    stamp(fd_->get(), temporary, modified);
-    move_into_place(temporary, name, replaces);
-    guard.set_moved();
+    unfinished_entry made(fd_->get(), name, replaces, shown(name), [&](const char *wanted) {
+        return symlinkat(target.c_str(), fd_->get(), wanted);
+    });
+    made.set_modified(modified);
+    made.keep();
 }
 
 void host_directory::set_modified(std::optional<time_t> modified) const {

@@ -7,6 +7,7 @@
 #include "qvol/names.h"
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -30,7 +31,7 @@ public:
     [[nodiscard]] host_directory enter(const std::string &name) const;
 
     // Make an entry. What exists is an error, unless `replaces`: then it is exchanged in one step,
-    // when the new one is whole. A file that cannot be made whole leaves nothing behind.
+    // when the new one is whole. An entry that cannot be made whole leaves nothing behind.
     void make_file(const std::string &name, bool replaces, std::optional<time_t> modified,
                    const write_content &content) const;
     void make_link(const std::string &name, bool replaces, std::optional<time_t> modified,
@@ -48,9 +49,6 @@ private:
         : fd_(new fat::held_descriptor(fd)), path_(std::move(path)) {}
 
     [[nodiscard]] std::string shown(const std::string &name) const;
-    void refuse_existing(const std::string &name, bool replaces) const;
-    void move_into_place(const std::string &temporary, const std::string &name,
-                         bool replaces) const;
 
     std::unique_ptr<fat::held_descriptor> fd_;
     std::string path_; // for messages
