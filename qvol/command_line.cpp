@@ -74,11 +74,16 @@ int with_volume(const common_options &common, access wanted,
                 const std::function<int(volume &vol)> &work) {
     const target where(common.image, wanted);
     volume vol(where, common.encoding);
-    const int status = work(vol);
-    if (wanted == access::WRITE) {
-        vol.finish();
+    try {
+        const int status = work(vol);
+        if (wanted == access::WRITE) {
+            vol.finish();
+        }
+        return status;
+    } catch (...) {
+        vol.abandon();
+        throw;
     }
-    return status;
 }
 
 } // namespace qvol

@@ -5,6 +5,8 @@
 #include "qvol/output.h"
 #include "qvol/path.h"
 
+#include <algorithm>
+
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
@@ -79,10 +81,23 @@ void import_plan::check(const std::vector<host_node> &nodes, const directory &in
 
 // ---- planning ---------------------------------------------------------------------------------
 
+// Two directories in memory over one chain would overwrite each other's changes.
+directory import_plan::open_once(const entry &existing) {
+    directory dir = open_directory(vol_, existing);
+    const bool is_open =
+        std::any_of(directories_.begin(), directories_.end(),
+                    [&](const auto &known) { return known->start() == dir.start(); });
+    if (is_open) {
+        throw error(shown_bytes(json_text(existing.name)) +
+                    ": two directories of the volume share one chain; repair it first");
+    }
+    return dir;
+}
+
 void import_plan::place_directory(const host_node &node, directory *parent) {
     const entry *existing = parent->find_name(node.name);
     if (existing != nullptr) {
-        directories_.push_back(std::make_unique<directory>(open_directory(vol_, *existing)));
+        directories_.push_back(std::make_unique<directory>(open_once(*existing)));
     } else {
         const dos_time stamp = dos_time_of(node.modified);
         directories_.push_back(

@@ -44,6 +44,7 @@ private:
     void check_existing(const host_node &node, const entry &existing, const std::string &path);
 
     void place_entries(const std::vector<host_node> &nodes, directory *into);
+    [[nodiscard]] directory open_once(const entry &existing);
     void place_directory(const host_node &node, directory *parent);
     void place_file(const host_node &node, directory *parent);
     void allocate_data();

@@ -213,6 +213,7 @@ volume::volume(const target &where, const std::string &encoding)
     : target_(where), boot_(mount(where)), names_(encoding), fat_(boot_.fat_copies) {}
 
 void volume::commit_additions(const std::vector<directory *> &changed) {
+    has_committed_ = true;
     for (directory *dir : changed) {
         dir->write_new_clusters();
     }
@@ -223,6 +224,7 @@ void volume::commit_additions(const std::vector<directory *> &changed) {
 }
 
 void volume::commit_removals(const std::vector<directory *> &changed) {
+    has_committed_ = true;
     for (directory *dir : changed) {
         dir->write_changes();
     }
@@ -234,6 +236,18 @@ void volume::finish() {
         write_fsinfo();
     }
     target_.sync();
+}
+
+void volume::abandon() {
+    if (!has_committed_) {
+        return;
+    }
+    fat_.forget_changes();
+    try {
+        finish();
+    } catch (const error &) {
+        // the failure that led here is the one to tell
+    }
 }
 
 // A sector that does not carry the signatures is left alone: something else may lie there.

@@ -96,6 +96,10 @@ public:
     // last step of every writing command.
     void finish();
 
+    // Ends a command that failed: what was not committed is dropped, what was is finished as far as
+    // that goes.
+    void abandon();
+
 private:
     void write_fsinfo();
 
@@ -103,6 +107,7 @@ private:
     boot_fields boot_;
     name_codec names_;
     fat_table fat_;
+    bool has_committed_ = false;
 };
 
 } // namespace qvol
