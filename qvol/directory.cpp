@@ -16,7 +16,7 @@ namespace {
 constexpr u32 MAX_SLOTS = 65536;
 
 // A longer one is no directory but a damaged chain.
-constexpr u32 MAX_READ_BYTES = 64 * 1024 * 1024;
+constexpr u32 MAX_READ_BYTES = 8 * 1024 * 1024;
 
 constexpr u32 MAX_ORDINAL = 20; // slots of 13 units for 255 of them
 

@@ -92,6 +92,10 @@ std::string shown_size(u64 bytes) {
     return fmt::format("{:.1f} {}", value, UNITS[unit]);
 }
 
+std::string counted(u64 count, const char *one, const char *many) {
+    return fmt::format("{} {}", count, count == 1 ? one : many);
+}
+
 const char *kind_name(kind type) {
     switch (type) {
     case kind::DIRECTORY:

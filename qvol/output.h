@@ -40,8 +40,9 @@ void report(const std::string &message);
 
 // ---- pieces of text ---------------------------------------------------------------------------
 
-[[nodiscard]] std::string shown_size(u64 bytes); // "73.2 MiB"
-[[nodiscard]] const char *kind_name(kind type);  // "file", "directory", "link", "label"
+[[nodiscard]] std::string shown_size(u64 bytes);                                 // "73.2 MiB"
+[[nodiscard]] std::string counted(u64 count, const char *one, const char *many); // "2 files"
+[[nodiscard]] const char *kind_name(kind type); // "file", "directory", "link", "label"
 [[nodiscard]] std::string attribute_letters(const entry &of); // "dlrhsa", "-" for what is not set
 
 // A name as a listing shows it: in colour on a terminal, unless NO_COLOR is set.

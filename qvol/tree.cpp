@@ -11,11 +11,8 @@ namespace {
 
 // One directory of the stack: what is left to visit in it.
 struct level {
-    directory dir;
     std::vector<entry> entries;
     std::size_t next = 0;
-
-    explicit level(directory of) : dir(std::move(of)), entries(listed_entries(dir)) {}
 };
 
 class tree_walk {
@@ -25,7 +22,7 @@ public:
 
     void run(const directory &top) {
         entered_.insert(top.start());
-        levels_.emplace_back(top);
+        levels_.push_back({listed_entries(top)});
         while (!levels_.empty()) {
             if (levels_.back().next == levels_.back().entries.size()) {
                 leave_directory();
@@ -41,7 +38,7 @@ private:
         const entry found = here.entries[here.next++];
         path_.push_back(found.name);
         const bool is_last = here.next == here.entries.size();
-        const bool enters = !visitor_.visit || visitor_.visit(path_, found, here.dir, is_last);
+        const bool enters = !visitor_.visit || visitor_.visit(path_, found, is_last);
         if (!enters || !found.is_directory() || !enter(found)) {
             path_.pop_back();
         }
@@ -52,7 +49,12 @@ private:
             if (!entered_.insert(found.start()).second) {
                 throw error("leads back into a directory that was met before");
             }
-            levels_.emplace_back(open_directory(vol_, found));
+            const directory dir = open_directory(vol_, found);
+            if (dir.clusters().size() > clusters_left_) {
+                throw error("directories of the volume share their clusters");
+            }
+            clusters_left_ -= dir.clusters().size();
+            levels_.push_back({listed_entries(dir)});
             return true;
         } catch (const error &why) {
             if (!visitor_.fail) {
@@ -79,6 +81,7 @@ private:
     const tree_visitor &visitor_;
     std::vector<level> levels_;
     std::set<u32> entered_; // by first cluster
+    std::size_t clusters_left_ = sv->num_clusters;
 };
 
 } // namespace

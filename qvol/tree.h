@@ -1,7 +1,8 @@
 // Going through everything below a directory.
 //
-// The walk keeps its own stack, as deep as the tree, and enters every directory once: a directory
-// tree that leads back into itself ends.
+// The walk keeps its own stack, as deep as the tree, enters every directory once, and reads no more
+// clusters than the volume has: a tree that leads back into itself, or whose directories share
+// their chains, ends.
 
 #pragma once
 
@@ -15,9 +16,7 @@ namespace qvol {
 struct tree_visitor {
     // An entry, its path, and whether it is the last one of its directory. A directory is entered
     // after its own visit where this returns true.
-    std::function<bool(const name_path &path, const entry &found, const directory &parent,
-                       bool is_last)>
-        visit;
+    std::function<bool(const name_path &path, const entry &found, bool is_last)> visit;
     // Behind the last entry below a directory that was entered.
     std::function<void(const name_path &path)> leave;
     // A directory that cannot be read; the walk goes on behind it. Left empty, the error is thrown.

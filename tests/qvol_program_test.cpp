@@ -507,7 +507,7 @@ TEST_F(Qvol16, ShowsATree) {
                             "│   ├── b\n"
                             "│   └── file.txt\n"
                             "└── c\n"
-                            "3 directories, 1 files, 0 links\n");
+                            "3 directories, 1 file, 0 links\n");
 }
 
 TEST_F(Qvol16, StatShowsTheEntryAndItsChain) {
@@ -586,7 +586,7 @@ TEST_P(QvolBoth, MirrorMakesTheCopiesEqual) {
     const std::size_t second = (layout.fat_start + layout.fat_size) * layout.sector_size;
     image.at(second + 40) ^= 0xFF;
     (void)scratch_.file_with("disk.img", image);
-    EXPECT_EQ(said("mirror"), "1 sectors of FAT copies changed\n");
+    EXPECT_EQ(said("mirror"), "1 sector of FAT copies changed\n");
     expect_clean();
 }
 

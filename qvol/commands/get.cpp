@@ -57,8 +57,9 @@ public:
         }
         if (top.is_directory()) {
             tree_visitor visitor;
-            visitor.visit = [this](const name_path &path, const entry &found, const directory &,
-                                   bool) { return look_at(path, found); };
+            visitor.visit = [this](const name_path &path, const entry &found, bool) {
+                return look_at(path, found);
+            };
             walk_tree(vol_, top.path, open_directory(vol_, top), visitor);
         }
         if (!refused_.empty()) {
@@ -73,12 +74,25 @@ private:
         if (problem) {
             refused_.push_back(shown_path(vol_.names(), path) + ": " + *problem);
         }
-        totals_.bytes += found.type() == kind::FILE ? found.size() : 0;
+        if (found.type() == kind::FILE) {
+            totals_.bytes += found.size();
+            count_clusters(found);
+        }
         return true;
+    }
+
+    // Files that share their chains could fill the host many times over.
+    void count_clusters(const entry &found) {
+        clusters_ += clusters_for(found.size());
+        if (clusters_ > sv->num_clusters) {
+            throw error("the files are larger together than the volume: they share their "
+                        "clusters, which is to be repaired first");
+        }
     }
 
     volume &vol_;
     get_totals totals_;
+    u64 clusters_ = 0;
     std::vector<std::string> refused_;
 };
 
@@ -105,7 +119,7 @@ public:
             {std::move(into), top.is_root() ? std::nullopt : moment_of(top.found->modified())});
         totals_.directories += top.is_root() ? 0 : 1;
         tree_visitor visitor;
-        visitor.visit = [this](const name_path &path, const entry &found, const directory &, bool) {
+        visitor.visit = [this](const name_path &path, const entry &found, bool) {
             return visit(path, found);
         };
         visitor.leave = [this](const name_path &) { leave(); };
@@ -202,8 +216,10 @@ int run_get(const common_options &common, const get_options &options) {
         extraction work(vol, options.is_forced, &bar);
         extract_to(&work, vol, top, options.destination);
         const get_totals &totals = work.totals();
-        common.out.remark(fmt::format("{} files, {} directories, {} links, {}", totals.files,
-                                      totals.directories, totals.links, shown_size(totals.bytes)));
+        common.out.remark(fmt::format("{}, {}, {}, {}", counted(totals.files, "file", "files"),
+                                      counted(totals.directories, "directory", "directories"),
+                                      counted(totals.links, "link", "links"),
+                                      shown_size(totals.bytes)));
         if (common.out.is_json) {
             common.out.document({{"files", totals.files},
                                  {"directories", totals.directories},

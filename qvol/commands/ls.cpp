@@ -49,7 +49,7 @@ private:
         }
         show_titled(path, top);
         tree_visitor visitor;
-        visitor.visit = [this](const name_path &at, const entry &found, const directory &, bool) {
+        visitor.visit = [this](const name_path &at, const entry &found, bool) {
             return found.is_directory() && show_below(at, found);
         };
         visitor.fail = [this](const name_path &at, const std::string &why) { fail(at, why); };

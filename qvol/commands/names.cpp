@@ -55,10 +55,7 @@ void make_one(volume &vol, const std::string &path) {
     if (where.is_root() || where.found) {
         fail(vol, where.path, "exists");
     }
-    about(vol, where.path, [&] {
-        (void)make_directory(vol, &where.parent, where.path.back());
-        return 0;
-    });
+    about(vol, where.path, [&] { (void)make_directory(vol, &where.parent, where.path.back()); });
 }
 
 void make_with_parents(volume &vol, const std::string &path) {
@@ -117,7 +114,6 @@ int run_ln(const common_options &common, const std::string &target, const std::s
                 {where.path.back(), kind::LINK, clusters.front(), size, dos_time_of(present())});
             write_text(clusters, target);
             vol.commit_additions({&where.parent});
-            return 0;
         });
         tell(common.out, "made", json::array({json_path(where.path)}));
         return EXIT_DONE;
@@ -226,10 +222,7 @@ void move_one(volume &vol, const std::string &source, const std::string &path, b
         fail(vol, to.path, "lies in the directory that is to be moved");
     }
     const name_path told = to.path;
-    about(vol, told, [&] {
-        move_entry(vol, from, std::move(to), is_forced);
-        return 0;
-    });
+    about(vol, told, [&] { move_entry(vol, from, std::move(to), is_forced); });
 }
 
 int run_mv(const common_options &common, const mv_options &options) {
@@ -256,29 +249,49 @@ struct rm_options {
     bool is_recursive = false;
 };
 
-// Everything that an entry refers to, itself and below it.
-std::vector<u32> clusters_below(volume &vol, const place &top) {
-    std::vector<u32> clusters;
-    const auto take = [&](const entry &found) {
-        if (found.start() != 0) {
-            const std::vector<u32> chain = vol.fat().chain(found.start());
-            clusters.insert(clusters.end(), chain.begin(), chain.end());
+// The clusters that are to go. One that is met twice belongs to two chains, and freeing it might
+// take it from a file that stays.
+class removal {
+public:
+    explicit removal(volume &vol) : vol_(vol), is_taken_(vol.fat().last_cluster() + 1) {}
+
+    // Everything that an entry refers to, itself and below it.
+    void take_tree(const place &top) {
+        take(*top.found);
+        if (!top.found->is_directory() || top.found->start() == 0) {
+            return;
         }
-    };
-    take(*top.found);
-    if (top.found->is_directory()) {
         tree_visitor visitor;
-        visitor.visit = [&](const name_path &path, const entry &found, const directory &, bool) {
-            about(vol, path, [&] {
-                take(found);
-                return 0;
-            });
+        visitor.visit = [&](const name_path &path, const entry &found, bool) {
+            about(vol_, path, [&] { take(found); });
             return true;
         };
-        walk_tree(vol, top.path, open_directory(vol, top), visitor);
+        walk_tree(vol_, top.path, open_directory(vol_, top), visitor);
     }
-    return clusters;
-}
+
+    [[nodiscard]] const std::vector<u32> &clusters() const {
+        return clusters_;
+    }
+
+private:
+    void take(const entry &found) {
+        if (found.start() == 0) {
+            return;
+        }
+        for (const u32 cluster : vol_.fat().chain(found.start())) {
+            if (is_taken_[cluster]) {
+                throw error(
+                    fmt::format("shares cluster {} with another; repair that first", cluster));
+            }
+            is_taken_[cluster] = true;
+            clusters_.push_back(cluster);
+        }
+    }
+
+    volume &vol_;
+    std::vector<bool> is_taken_; // by cluster
+    std::vector<u32> clusters_;
+};
 
 void check_removal(volume &vol, const place &where, bool is_recursive) {
     if (where.is_root()) {
@@ -301,10 +314,10 @@ bool is_there(volume &vol, const name_path &path) {
 }
 
 void remove_one(volume &vol, place where) {
-    const std::vector<u32> clusters =
-        about(vol, where.path, [&] { return clusters_below(vol, where); });
+    removal gone(vol);
+    about(vol, where.path, [&] { gone.take_tree(where); });
     where.parent.remove(*where.found);
-    vol.fat().release(clusters);
+    vol.fat().release(gone.clusters());
     vol.commit_removals({&where.parent});
 }
 

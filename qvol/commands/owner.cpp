@@ -36,7 +36,7 @@ std::vector<name_path> find_owners(volume &vol, u32 cluster) {
         owners.emplace_back();
     }
     tree_visitor visitor;
-    visitor.visit = [&](const name_path &path, const entry &found, const directory &, bool) {
+    visitor.visit = [&](const name_path &path, const entry &found, bool) {
         if (holds(vol.fat(), found.start(), cluster)) {
             owners.push_back(path);
         }

@@ -86,8 +86,10 @@ int run_put(const common_options &common, const put_options &options) {
         const host_totals totals = totals_of(nodes);
         progress bar("put", totals.bytes, common.out.is_quiet);
         plan.write(&bar);
-        common.out.remark(fmt::format("{} files, {} directories, {} links, {}", totals.files,
-                                      totals.directories, totals.links, shown_size(totals.bytes)));
+        common.out.remark(fmt::format("{}, {}, {}, {}", counted(totals.files, "file", "files"),
+                                      counted(totals.directories, "directory", "directories"),
+                                      counted(totals.links, "link", "links"),
+                                      shown_size(totals.bytes)));
         if (common.out.is_json) {
             common.out.document({{"files", totals.files},
                                  {"directories", totals.directories},

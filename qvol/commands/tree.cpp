@@ -24,8 +24,9 @@ public:
         }
         out_.line(shown_path(vol_.names(), top.path));
         tree_visitor visitor;
-        visitor.visit = [this](const name_path &, const entry &found, const directory &,
-                               bool is_last) { return show(found, is_last); };
+        visitor.visit = [this](const name_path &, const entry &found, bool is_last) {
+            return show(found, is_last);
+        };
         visitor.leave = [this](const name_path &) { leave(); };
         visitor.fail = [this](const name_path &path, const std::string &why) {
             leave();
@@ -33,8 +34,9 @@ public:
             status_ = EXIT_FAILED;
         };
         walk_tree(vol_, top.path, open_directory(vol_, top), visitor);
-        out_.remark(
-            fmt::format("{} directories, {} files, {} links", directories_, files_, links_));
+        out_.remark(fmt::format("{}, {}, {}", counted(directories_, "directory", "directories"),
+                                counted(files_, "file", "files"),
+                                counted(links_, "link", "links")));
     }
 
     [[nodiscard]] int status() const {
@@ -80,7 +82,7 @@ public:
     [[nodiscard]] json of(const place &top) {
         open_.push_back(json::array());
         tree_visitor visitor;
-        visitor.visit = [this](const name_path &path, const entry &found, const directory &, bool) {
+        visitor.visit = [this](const name_path &path, const entry &found, bool) {
             return add(path, found);
         };
         visitor.leave = [this](const name_path &) { close(); };

@@ -50,8 +50,9 @@ int make_reserved(const common_options &common, const reserved_file &file) {
 int run_mirror(const common_options &common) {
     return with_volume(common, access::WRITE, [&](volume &vol) {
         const u64 changed = vol.fat().mirror();
-        common.out.remark(changed == 0 ? "all FAT copies are equal"
-                                       : fmt::format("{} sectors of FAT copies changed", changed));
+        common.out.remark(changed == 0
+                              ? "all FAT copies are equal"
+                              : counted(changed, "sector", "sectors") + " of FAT copies changed");
         if (common.out.is_json) {
             common.out.document(
                 {{"fat_copies", vol.boot().fat_copies}, {"changed_sectors", changed}});
