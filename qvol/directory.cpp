@@ -270,14 +270,17 @@ void directory::parse() {
 
 void directory::note_free_slots(u32 slot) {
     const auto next = removed_slots_.upper_bound(slot);
-    if (next != removed_slots_.begin()) {
-        auto &[first, count] = *std::prev(next);
-        if (first + count == slot) {
-            count++;
-            return;
-        }
+    u32 first = slot;
+    if (next != removed_slots_.begin() &&
+        std::prev(next)->first + std::prev(next)->second == slot) {
+        std::prev(next)->second++;
+        first = std::prev(next)->first;
+    } else {
+        removed_slots_[slot] = 1;
     }
-    removed_slots_[slot] = 1;
+    for (u32 &from : search_from_) {
+        from = std::min(from, first);
+    }
 }
 
 void directory::index_entry(const entry &added) {
@@ -334,10 +337,13 @@ void directory::grow() {
 }
 
 std::optional<u32> directory::take_removed_slots(u32 count) {
-    const auto run = std::find_if(removed_slots_.begin(), removed_slots_.end(), [&](const auto &r) {
-        return r.second >= count && r.first + count <= usable_slots();
-    });
-    if (run == removed_slots_.end()) {
+    u32 &from = search_from_.at(count);
+    auto run = removed_slots_.lower_bound(from);
+    while (run != removed_slots_.end() && run->second < count) {
+        ++run;
+    }
+    from = run != removed_slots_.end() ? run->first : end_;
+    if (run == removed_slots_.end() || run->first + count > usable_slots()) {
         return std::nullopt;
     }
     const auto [first, length] = *run;

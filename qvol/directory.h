@@ -170,6 +170,9 @@ private:
     short_name_set aliases_;
     u32 end_ = 0;                      // first slot never used; all behind it are free
     std::map<u32, u32> removed_slots_; // runs of removed slots in front of the end: first, count
+
+    // For a name of so many slots: in front of this slot no run is long enough.
+    std::array<u32, fat::LONG_NAME_UNITS / fat::SLOT_UNITS + 3> search_from_{};
 };
 
 } // namespace qvol

@@ -342,6 +342,12 @@ TEST_F(Qvol16, PutsOneSourceUnderANewName) {
               (outcome{1, "", "qvol: /missing: no such directory; \"qvol mkdir\" makes it\n"}));
 }
 
+TEST_F(Qvol16, TakesAPathWithASlashForADirectory) {
+    EXPECT_EQ(qvol("put", {host_file("in", "x"), "/new/"}),
+              (outcome{1, "", "qvol: /new: no such directory; \"qvol mkdir\" makes it\n"}));
+    EXPECT_EQ(said("ls"), "");
+}
+
 TEST_F(Qvol16, ListsEverythingThatCannotBeStoredAtOnce) {
     const std::string tree = scratch_.file("tree");
     host_file("tree/a:b", "");

@@ -238,6 +238,59 @@ TEST_P(QvolVolume, SlotsThatBelongToNoEntryAreLeftOut) {
     EXPECT_EQ(found[0].name, u"XNAMEO~1");
 }
 
+TEST_P(QvolVolume, FillsTheGapsOfManyRemovedNames) {
+    directory root = volume_->root();
+    directory dir = directory::make(table(), root, {});
+    const auto name = [](const char *prefix, u32 i) {
+        return units_of_utf8(prefix + std::to_string(10000 + i)).value();
+    };
+    for (u32 i = 0; i < 5000; i++) {
+        dir.add(file(name("three slots for this ", i)));
+    }
+    const std::size_t clusters = dir.clusters().size();
+    for (u32 i = 0; i < 5000; i += 2) {
+        dir.remove(*dir.find(name("three slots for this ", i)));
+    }
+    for (u32 i = 0; i < 2500; i++) {
+        dir.add(file(name("and three for that ", i)));
+    }
+    EXPECT_EQ(dir.clusters().size(), clusters);
+    EXPECT_EQ(listed_entries(dir).size(), 5000U);
+}
+
+// The library finds a name with a long form as it is spelt, and one that 8.3 holds in one case by
+// its short form.
+TEST_P(QvolVolume, StoresNamesThatTheLibraryFinds) {
+    directory root = volume_->root();
+    const std::vector<std::string> names = {"PLAIN.TXT",
+                                            "lower.txt",
+                                            "Mixed.Txt",
+                                            "a long name.text",
+                                            ".hidden",
+                                            "a.b.c",
+                                            "gr\xC3\xBC\xC3\x9F"
+                                            "e and more.txt",
+                                            "READ~1.TXT",
+                                            "noext"};
+    for (const std::string &name : names) {
+        root.add(file(units_of_utf8(name).value()));
+    }
+    volume_->commit_additions({&root});
+    open(); // the library's record of the root does not grow with the directory
+    ASSERT_EQ(fat_set_encoding("UTF-8"), 0);
+    std::set<std::string> listed;
+    fat_entry_info info;
+    for (uint32_t index = 0; fat_next_entry(0, &index, &info) == 1;) {
+        listed.insert(info.name);
+    }
+    EXPECT_EQ(listed, std::set<std::string>(names.begin(), names.end()));
+    for (const std::string &name : names) {
+        const int id = fat_open_file(name.c_str());
+        EXPECT_GT(id, 0) << name;
+        fat_close(id);
+    }
+}
+
 // ---- paths ------------------------------------------------------------------------------------
 
 TEST_P(QvolVolume, TakesPathsApart) {

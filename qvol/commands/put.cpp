@@ -35,7 +35,7 @@ destination find_destination(volume &vol, const std::string &path, std::size_t s
         return {open_directory(vol, where), where.path, std::nullopt};
     }
     const std::string shown = shown_path(vol.names(), where.path);
-    if (sources > 1) {
+    if (sources > 1 || path.ends_with('/')) {
         throw error(shown + (where.found ? ": not a directory"
                                          : ": no such directory; \"qvol mkdir\" makes it"));
     }
