@@ -20,7 +20,8 @@ constexpr std::size_t PIECE_BYTES = 1024 * 1024;
 // Reads a file of the host that is to have `size` bytes, and hands them on.
 void read_host_file(const std::string &path, u64 size, std::vector<u8> *buffer,
                     const std::function<void(std::span<const u8>)> &take) {
-    const fat::held_descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    const fat::held_descriptor file(
+        open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (file.get() < 0) {
         throw system_failure("open " + shown_bytes(path));
     }
@@ -38,6 +39,18 @@ void read_host_file(const std::string &path, u64 size, std::vector<u8> *buffer,
     }
     if (done != size) {
         throw error(shown_bytes(path) + ": changed while it was read; try again");
+    }
+}
+
+// Tells which entry of the host it was that has no place. Too little space concerns all of them.
+template <typename Work>
+auto about(const host_node &node, Work work) {
+    try {
+        return work();
+    } catch (const no_space &) {
+        throw;
+    } catch (const error &why) {
+        throw error(shown_bytes(node.path) + ": " + why.what() + "; nothing was written");
     }
 }
 
@@ -88,8 +101,7 @@ directory import_plan::open_once(const entry &existing) {
         std::any_of(directories_.begin(), directories_.end(),
                     [&](const auto &known) { return known->start() == dir.start(); });
     if (is_open) {
-        throw error(shown_bytes(json_text(existing.name)) +
-                    ": two directories of the volume share one chain; repair it first");
+        throw error("two directories of the volume share one chain; repair it first");
     }
     return dir;
 }
@@ -97,12 +109,14 @@ directory import_plan::open_once(const entry &existing) {
 void import_plan::place_directory(const host_node &node, directory *parent) {
     const entry *existing = parent->find_name(node.name);
     if (existing != nullptr) {
-        directories_.push_back(std::make_unique<directory>(open_once(*existing)));
+        directories_.push_back(
+            std::make_unique<directory>(about(node, [&] { return open_once(*existing); })));
     } else {
         const dos_time stamp = dos_time_of(node.modified);
         directories_.push_back(
             std::make_unique<directory>(directory::make(vol_.fat(), *parent, stamp)));
-        parent->add({node.name, kind::DIRECTORY, directories_.back()->start(), 0, stamp});
+        const u32 start = directories_.back()->start();
+        about(node, [&] { parent->add({node.name, kind::DIRECTORY, start, 0, stamp}); });
     }
     place_entries(node.children, directories_.back().get());
 }
@@ -112,7 +126,10 @@ void import_plan::place_file(const host_node &node, directory *parent) {
     const entry *existing = parent->find_name(node.name);
     const dos_time stamp = dos_time_of(node.modified);
     if (existing == nullptr) {
-        existing = &parent->add({node.name, node.type, 0, static_cast<u32>(node.size), stamp});
+        const u32 size = static_cast<u32>(node.size);
+        existing = about(node, [&] {
+            return &parent->add({node.name, node.type, 0, size, stamp});
+        });
     } else {
         entry changed = *existing;
         if (changed.start() != 0) {

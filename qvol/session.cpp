@@ -67,14 +67,14 @@ struct stat status_of(int fd, const std::string &path) {
 }
 
 // Opened exclusively a device is refused that the system or another program uses as a whole, in
-// other mount namespaces too.
+// other mount namespaces too. A pipe, which is refused later, is not waited for.
 int opening_flags(const std::string &path, access wanted) {
     if (wanted == access::READ) {
-        return O_RDONLY | O_CLOEXEC;
+        return O_RDONLY | O_CLOEXEC | O_NONBLOCK;
     }
     struct stat status {};
     const bool is_device = stat(path.c_str(), &status) == 0 && S_ISBLK(status.st_mode);
-    return O_RDWR | O_CLOEXEC | (is_device ? O_EXCL : 0);
+    return O_RDWR | O_CLOEXEC | O_NONBLOCK | (is_device ? O_EXCL : 0);
 }
 
 int open_target(const std::string &path, access wanted) {

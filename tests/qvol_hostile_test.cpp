@@ -121,7 +121,7 @@ TEST_P(QvolDamaged, FilesThatShareTheirClustersAreNotRemoved) {
     (void)scratch_.file_with("disk.img", image);
     EXPECT_EQ(qvol("rm", {"-r", "/twice"}),
               (outcome{1, "",
-                       "qvol: /twice: /twice/TWO: shares cluster " + std::to_string(cluster) +
+                       "qvol: /twice/TWO: shares cluster " + std::to_string(cluster) +
                            " with another; repair that first\n"}));
     EXPECT_EQ(said("cat", {"/a"}), std::string(9000, 'a'));
 }

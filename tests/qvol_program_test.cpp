@@ -99,6 +99,15 @@ TEST_F(Qvol16, WaitsForNobodyWhoHoldsTheLock) {
     EXPECT_EQ(qvol("mkdir", {"/x"}).status, 0);
 }
 
+TEST(QvolCommandLine, DoesNotWaitForAPipe) {
+    const scratch_directory scratch;
+    ASSERT_EQ(mkfifo(scratch.file("pipe").c_str(), 0600), 0);
+    EXPECT_EQ(run({"timeout", "20", QVOL_PROGRAM, "ls", scratch.file("pipe")}),
+              (outcome{1, "",
+                       "qvol: " + scratch.file("pipe") +
+                           " is neither an image file nor a block device\n"}));
+}
+
 TEST_F(Qvol16, ReadsAnImageThatMayNotBeWritten) {
     const bytes before = read_file(image_);
     chmod(image_.c_str(), 0444);
@@ -237,7 +246,7 @@ TEST_F(Qvol16, RefusesMovesThatWouldLoseSomething) {
     EXPECT_EQ(qvol("mv", {"/A", "/a/B/c"}),
               (outcome{1, "", "qvol: /a/B/c: lies in the directory that is to be moved\n"}));
     EXPECT_EQ(qvol("mv", {"/one", "/two"}),
-              (outcome{1, "", "qvol: /two: /two: exists; --force replaces it\n"}));
+              (outcome{1, "", "qvol: /two: exists; --force replaces it\n"}));
     said("mv", {"--force", "/one", "/two"});
     EXPECT_EQ(said("cat", {"/two"}), "1");
     EXPECT_EQ(said("ls"), "a\ntwo\n");
@@ -397,6 +406,22 @@ TEST_F(Qvol16, TellsHowMuchSpaceIsMissing) {
     EXPECT_EQ(refused.err.substr(0, 62),
               "qvol: no space: 30.0 MiB are needed, the volume has 19.9 MiB l")
         << refused;
+    EXPECT_EQ(read_file(image_), before);
+}
+
+TEST_F(Qvol16, TellsWhichFileHasNoPlace) {
+    const std::string tree = scratch_.file("tree");
+    for (int i = 0; i < 200; i++) {
+        host_file("tree/three slots for each " + std::to_string(1000 + i), "x");
+    }
+    const bytes before = read_file(image_);
+    EXPECT_EQ(
+        qvol("put", {tree + "/.", "/"}),
+        (outcome{
+            1, "",
+            "qvol: " + tree +
+                "/./three slots for each 1170: the root directory is full: a "
+                "FAT16 root has 512 entries; use a directory below it; nothing was written\n"}));
     EXPECT_EQ(read_file(image_), before);
 }
 

@@ -142,16 +142,16 @@ name_path spelt_path(volume &vol, const name_path &path) {
     return spelt;
 }
 
-// What stands at the new place gives way, or stops the command.
+// What stands at the new place gives way, or stops the command. Returns its clusters.
 std::vector<u32> clear_new_place(volume &vol, place *to, const entry &moved, bool is_forced) {
     if (!to->found) {
         return {};
     }
     if (to->found->is_directory() || moved.is_directory()) {
-        fail(vol, to->path, "exists");
+        throw error("exists");
     }
     if (!is_forced) {
-        fail(vol, to->path, "exists; --force replaces it");
+        throw error("exists; --force replaces it");
     }
     std::vector<u32> clusters;
     if (to->found->start() != 0) {
@@ -257,7 +257,7 @@ public:
 
     // Everything that an entry refers to, itself and below it.
     void take_tree(const place &top) {
-        take(*top.found);
+        about(vol_, top.path, [&] { take(*top.found); });
         if (!top.found->is_directory() || top.found->start() == 0) {
             return;
         }
@@ -315,7 +315,7 @@ bool is_there(volume &vol, const name_path &path) {
 
 void remove_one(volume &vol, place where) {
     removal gone(vol);
-    about(vol, where.path, [&] { gone.take_tree(where); });
+    gone.take_tree(where);
     where.parent.remove(*where.found);
     vol.fat().release(gone.clusters());
     vol.commit_removals({&where.parent});
