@@ -9,7 +9,7 @@ using namespace testing_support;
 
 namespace {
 
-constexpr unsigned ROUNDS = 30;
+constexpr unsigned ROUNDS = QUORVEL_SANITIZED ? 10 : 20;
 
 class QvolDamaged : public QvolImage, public testing::WithParamInterface<const char *> {
 protected:
@@ -69,6 +69,9 @@ protected:
         const outcome result = run(arguments);
         EXPECT_TRUE(result.status == 0 || (result.status == 1 && !result.err.empty()))
             << command << ": " << result;
+        for (const char *finding : {"Sanitizer", "runtime error"}) {
+            EXPECT_EQ(result.err.find(finding), std::string::npos) << command << ": " << result;
+        }
     }
 
     bytes pristine_;
