@@ -74,6 +74,19 @@ protected:
         }
     }
 
+    // Gives all short entries of that name another first cluster.
+    void set_start(const std::string &name, std::uint32_t cluster) {
+        bytes image = read_file(image_);
+        for (std::size_t slot = 0; slot + 32 <= image.size(); slot += 32) {
+            if (std::equal(name.begin(), name.end(),
+                           image.begin() + static_cast<std::ptrdiff_t>(slot))) {
+                image[slot + 26] = static_cast<std::uint8_t>(cluster & 0xFF);
+                image[slot + 27] = static_cast<std::uint8_t>(cluster >> 8);
+            }
+        }
+        (void)scratch_.file_with("disk.img", image);
+    }
+
     bytes pristine_;
     std::uint64_t size_ = 0;
     volume_layout layout_;
@@ -105,6 +118,21 @@ TEST_P(QvolDamaged, EveryCommandEnds) {
     }
 }
 
+TEST_P(QvolDamaged, AFileThatClaimsItsDirectoryIsNotRemoved) {
+    said("mkdir", {"/dir"});
+    said("put", {host_file("FILE", "x"), "/dir"});
+    const std::string of_dir = said("stat", {"--json", "/dir"});
+    const std::string key = "\"first_cluster\": ";
+    const auto cluster =
+        static_cast<std::uint32_t>(std::stoul(of_dir.substr(of_dir.find(key) + key.size())));
+    set_start("FILE       ", cluster);
+    EXPECT_EQ(qvol("rm", {"/dir/FILE"}),
+              (outcome{1, "",
+                       "qvol: /dir/FILE: shares cluster " + std::to_string(cluster) +
+                           " with another; repair that first\n"}));
+    EXPECT_EQ(said("ls", {"/dir"}), "FILE\n");
+}
+
 TEST_P(QvolDamaged, FilesThatShareTheirClustersAreNotRemoved) {
     said("put", {host_file("a", std::string(9000, 'a')), "/"});
     const std::string chain = said("stat", {"--json", "/a"});
@@ -112,16 +140,8 @@ TEST_P(QvolDamaged, FilesThatShareTheirClustersAreNotRemoved) {
     const auto cluster = static_cast<std::uint32_t>(std::stoul(chain.substr(at + 17)));
     said("mkdir", {"/twice"});
     said("put", {host_file("ONE", "x"), host_file("TWO", "x"), "/twice"});
-    bytes image = read_file(image_);
-    for (std::size_t slot = 0; slot + 32 <= image.size(); slot += 32) {
-        const std::string name(image.begin() + static_cast<std::ptrdiff_t>(slot),
-                               image.begin() + static_cast<std::ptrdiff_t>(slot) + 11);
-        if (name == "ONE        " || name == "TWO        ") {
-            image[slot + 26] = static_cast<std::uint8_t>(cluster & 0xFF);
-            image[slot + 27] = static_cast<std::uint8_t>(cluster >> 8);
-        }
-    }
-    (void)scratch_.file_with("disk.img", image);
+    set_start("ONE        ", cluster);
+    set_start("TWO        ", cluster);
     EXPECT_EQ(qvol("rm", {"-r", "/twice"}),
               (outcome{1, "",
                        "qvol: /twice/TWO: shares cluster " + std::to_string(cluster) +

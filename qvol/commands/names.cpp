@@ -253,7 +253,12 @@ struct rm_options {
 // take it from a file that stays.
 class removal {
 public:
-    explicit removal(volume &vol) : vol_(vol), is_taken_(vol.fat().last_cluster() + 1) {}
+    // What belongs to the root and to the directory of what is removed is not to go.
+    removal(volume &vol, const directory &parent)
+        : vol_(vol), is_taken_(vol.fat().last_cluster() + 1) {
+        keep(vol.root());
+        keep(parent);
+    }
 
     // Everything that an entry refers to, itself and below it.
     void take_tree(const place &top) {
@@ -274,6 +279,12 @@ public:
     }
 
 private:
+    void keep(const directory &kept) {
+        for (const u32 cluster : kept.clusters()) {
+            is_taken_[cluster] = true;
+        }
+    }
+
     void take(const entry &found) {
         if (found.start() == 0) {
             return;
@@ -314,7 +325,7 @@ bool is_there(volume &vol, const name_path &path) {
 }
 
 void remove_one(volume &vol, place where) {
-    removal gone(vol);
+    removal gone(vol, where.parent);
     gone.take_tree(where);
     where.parent.remove(*where.found);
     vol.fat().release(gone.clusters());
