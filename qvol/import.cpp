@@ -133,7 +133,8 @@ void import_plan::place_file(const host_node &node, directory *parent) {
     } else {
         entry changed = *existing;
         if (changed.start() != 0) {
-            const std::vector<u32> old = vol_.fat().chain(changed.start());
+            const std::vector<u32> old =
+                about(node, [&] { return vol_.fat().chain(changed.start()); });
             replaced_clusters_.insert(replaced_clusters_.end(), old.begin(), old.end());
         }
         changed.set_start(0);
@@ -169,15 +170,14 @@ void import_plan::allocate_data() {
     }
 }
 
-void import_plan::tell_no_space(const std::vector<host_node> &nodes, const directory &into) {
+// How far directories that exist have to grow is not counted: the sum may fall short of what is
+// needed, but it is known to be more than what is left.
+void import_plan::tell_no_space(const std::vector<host_node> &nodes) {
     const u64 cluster = fat::cluster_bytes();
-    const u64 needed =
-        clusters_needed(nodes, fat::cluster_bytes()) +
-        (into.start() == directory::ROOT ? 0
-                                         : clusters_for(slots_needed(nodes) * fat::DENTRY_SIZE));
+    const u64 left = vol_.fat().free_count();
+    const u64 needed = std::max(clusters_needed(nodes, fat::cluster_bytes()), left + 1);
     throw error(fmt::format("no space: {} are needed, the volume has {} left; nothing was written",
-                            shown_size(needed * cluster),
-                            shown_size(u64{vol_.fat().free_count()} * cluster)));
+                            shown_size(needed * cluster), shown_size(left * cluster)));
 }
 
 void import_plan::place(const std::vector<host_node> &nodes, directory into,
@@ -193,7 +193,7 @@ void import_plan::place(const std::vector<host_node> &nodes, directory into,
         allocate_data();
     } catch (const no_space &) {
         vol_.fat().forget_changes();
-        tell_no_space(nodes, *top);
+        tell_no_space(nodes);
     }
 }
 

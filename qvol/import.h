@@ -48,7 +48,7 @@ private:
     void place_directory(const host_node &node, directory *parent);
     void place_file(const host_node &node, directory *parent);
     void allocate_data();
-    [[noreturn]] void tell_no_space(const std::vector<host_node> &nodes, const directory &into);
+    [[noreturn]] void tell_no_space(const std::vector<host_node> &nodes);
 
     void write_file(const planned_file &file, data_writer *writer, progress *bar);
 
