@@ -9,7 +9,7 @@ using namespace testing_support;
 
 namespace {
 
-constexpr unsigned ROUNDS = QUORVEL_SANITIZED ? 10 : 20;
+const unsigned ROUNDS = is_sanitized_qvol() ? 10 : 20;
 
 class QvolDamaged : public QvolImage, public testing::WithParamInterface<const char *> {
 protected:
@@ -65,7 +65,7 @@ protected:
     }
 
     void expect_end(const std::string &command, std::vector<std::string> arguments = {}) {
-        arguments.insert(arguments.begin(), {"timeout", "20", QVOL_PROGRAM, command, image_});
+        arguments.insert(arguments.begin(), {"timeout", "20", qvol_path(), command, image_});
         const outcome result = run(arguments);
         EXPECT_TRUE(result.status == 0 || (result.status == 1 && !result.err.empty()))
             << command << ": " << result;

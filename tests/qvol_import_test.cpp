@@ -152,7 +152,7 @@ TEST_F(QvolImport, AnInterruptedPutLeavesTheVolumeAsItWas) {
     const std::string before = said("tree", {"--json"});
     const std::string big = host_file("big", std::string(8 << 20, 'b'));
     const outcome killed = shell("trap '' XFSZ; ulimit -f 4096; \"$1\" put \"$2\" \"$3\" /",
-                                 {QVOL_PROGRAM, image_, big});
+                                 {qvol_path(), image_, big});
     EXPECT_NE(killed.status, 0) << killed;
     EXPECT_EQ(said("tree", {"--json"}), before);
     expect_clean();

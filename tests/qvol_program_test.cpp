@@ -71,7 +71,7 @@ TEST(QvolCommandLine, FailsWithStatus1AndTheReason) {
 }
 
 TEST_F(Qvol16, TellsWhenStandardOutputTakesNothing) {
-    const outcome full = shell("\"$1\" info \"$2\" > /dev/full", {QVOL_PROGRAM, image_});
+    const outcome full = shell("\"$1\" info \"$2\" > /dev/full", {qvol_path(), image_});
     EXPECT_EQ(full,
               (outcome{1, "", "qvol: cannot write to standard output: No space left on device\n"}));
 }
@@ -102,7 +102,7 @@ TEST_F(Qvol16, WaitsForNobodyWhoHoldsTheLock) {
 TEST(QvolCommandLine, DoesNotWaitForAPipe) {
     const scratch_directory scratch;
     ASSERT_EQ(mkfifo(scratch.file("pipe").c_str(), 0600), 0);
-    EXPECT_EQ(run({"timeout", "20", QVOL_PROGRAM, "ls", scratch.file("pipe")}),
+    EXPECT_EQ(run({"timeout", "20", qvol_path(), "ls", scratch.file("pipe")}),
               (outcome{1, "",
                        "qvol: " + scratch.file("pipe") +
                            " is neither an image file nor a block device\n"}));

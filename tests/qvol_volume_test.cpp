@@ -28,7 +28,7 @@ protected:
         const std::string width = GetParam();
         image_ = scratch_.sparse_file("disk.img", width == "16" ? 20 << 20 : 40 << 20);
         const outcome formatted =
-            testing_support::run({QUORVEL_TOOL, "-F", width, "-S", "512", "-s",
+            testing_support::run({testing_support::tool_path(), "-F", width, "-S", "512", "-s",
                                   width == "16" ? "4" : "1", "-p", "0", image_});
         ASSERT_EQ(formatted.status, 0) << formatted;
         fat_set_diagnostics(nullptr);

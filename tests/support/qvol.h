@@ -14,8 +14,19 @@
 
 namespace testing_support {
 
+// The program under test: the one that was built with this test, or the one that QVOL names, which
+// has the sanitizers in it.
+inline const char *qvol_path() {
+    const char *chosen = std::getenv("QVOL");
+    return chosen != nullptr ? chosen : QVOL_BUILT_PROGRAM;
+}
+
+inline bool is_sanitized_qvol() {
+    return QUORVEL_SANITIZED || std::getenv("QVOL") != nullptr;
+}
+
 inline outcome run_qvol(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), QVOL_PROGRAM);
+    arguments.insert(arguments.begin(), qvol_path());
     return run(arguments);
 }
 
@@ -31,7 +42,7 @@ protected:
     void format(const std::string &width, std::uint64_t size, const std::string &sectors = "4") {
         image_ = scratch_.sparse_file("disk.img", size);
         const outcome formatted =
-            run({QUORVEL_TOOL, "-F", width, "-S", "512", "-s", sectors, "-p", "0", image_});
+            run({tool_path(), "-F", width, "-S", "512", "-s", sectors, "-p", "0", image_});
         ASSERT_EQ(formatted.status, 0) << formatted;
         drop_blank_label(width == "32");
     }
