@@ -1,0 +1,65 @@
+// qvol cat: the bytes of a file, or the target of a link.
+
+#include "qvol/command_line.h"
+#include "qvol/commands/commands.h"
+#include "qvol/file_data.h"
+
+#include <memory>
+
+#include <nlohmann/json.hpp>
+
+namespace qvol {
+
+namespace {
+
+const entry &require_file(const volume &vol, const place &where) {
+    if (where.is_directory()) {
+        throw error(shown_path(vol.names(), where.path) + ": is a directory; \"qvol ls\" lists it");
+    }
+    return *where.found;
+}
+
+// A document cannot hold bytes that are no text.
+json content_json(volume &vol, const place &where) {
+    const entry &file = require_file(vol, where);
+    const std::string content = read_text(vol.fat(), file.start(), file.size());
+    if (!units_of_utf8(content)) {
+        throw error(shown_path(vol.names(), where.path) +
+                    ": is no UTF-8 text, which JSON could hold; leave --json out");
+    }
+    return {{"path", json_path(where.path)}, {"size", file.size()}, {"text", content}};
+}
+
+int run_cat(const common_options &common, const std::vector<std::string> &paths) {
+    return with_volume(common, access::READ, [&](volume &vol) {
+        json files = json::array();
+        for (const std::string &path : paths) {
+            const place where = resolve(vol, path);
+            if (common.out.is_json) {
+                files.push_back(content_json(vol, where));
+                continue;
+            }
+            const entry &file = require_file(vol, where);
+            read_data(clusters_of_file(vol.fat(), file.start(), file.size()), file.size(),
+                      [](std::span<const u8> bytes) { write_bytes(bytes.data(), bytes.size()); });
+        }
+        if (common.out.is_json) {
+            common.out.document({{"files", files}});
+        }
+        return EXIT_DONE;
+    });
+}
+
+} // namespace
+
+void add_cat(command_line *commands) {
+    const auto paths = std::make_shared<std::vector<std::string>>();
+    CLI::App *command =
+        commands->add({"cat", "Write files to standard output",
+                       "  qvol cat flash.img /etc/config.txt\n"
+                       "  qvol cat flash.img /firmware.bin | sha256sum"},
+                      [paths](const common_options &common) { return run_cat(common, *paths); });
+    command->add_option("PATH", *paths, "Paths in the volume")->required();
+}
+
+} // namespace qvol

@@ -1,0 +1,33 @@
+// The commands. Each adds itself to the command line: its name, its options, its work.
+
+#pragma once
+
+namespace qvol {
+
+class command_line;
+
+// ---- looking ----
+void add_info(command_line *commands);
+void add_ls(command_line *commands);
+void add_tree(command_line *commands);
+void add_stat(command_line *commands);
+void add_cat(command_line *commands);
+void add_get(command_line *commands);
+void add_fastpath(command_line *commands);
+void add_owner(command_line *commands);
+void add_dump(command_line *commands);
+
+// ---- changing ----
+void add_put(command_line *commands);
+void add_mkdir(command_line *commands);
+void add_mv(command_line *commands);
+void add_ln(command_line *commands);
+void add_rm(command_line *commands);
+void add_pool(command_line *commands);
+void add_log(command_line *commands);
+
+// ---- the volume as a whole ----
+void add_mirror(command_line *commands);
+void add_compact(command_line *commands);
+
+} // namespace qvol

@@ -1,0 +1,130 @@
+// qvol dump: raw sectors of the volume into a file of the host.
+
+#include "qvol/command_line.h"
+#include "qvol/commands/commands.h"
+#include "qvol/file_data.h"
+#include "qvol/host.h"
+#include "qvol/sectors.h"
+
+#include "fat/internal.h"
+
+#include <charconv>
+#include <memory>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+namespace qvol {
+
+namespace {
+
+struct dump_options {
+    std::string what;
+    std::vector<std::string> arguments; // [N or PATH] OUT
+    bool is_forced = false;
+};
+
+constexpr u32 SECTORS_AT_ONCE = 256;
+
+void dump_sectors(u64 first, u64 count, const write_piece &put) {
+    while (count > 0) {
+        const u32 part = static_cast<u32>(std::min<u64>(count, SECTORS_AT_ONCE));
+        put(read_run(first, part));
+        first += part;
+        count -= part;
+    }
+}
+
+// The reserved area and the first FAT.
+write_content fat_content() {
+    return [](const write_piece &put) {
+        dump_sectors(sv->pbr_start, u64{sv->fat_start} - sv->pbr_start + sv->fat_size, put);
+    };
+}
+
+write_content cluster_content(volume &vol, const std::string &number) {
+    u32 cluster = 0;
+    const char *end = number.data() + number.size();
+    const auto [stop, failure] = std::from_chars(number.data(), end, cluster);
+    if (failure != std::errc() || stop != end) {
+        throw usage_error(fmt::format("\"{}\" is no cluster number", shown_bytes(number)));
+    }
+    (void)vol.fat().get(cluster); // throws where there is no such cluster
+    return [cluster](const write_piece &put) {
+        dump_sectors(sector_of_cluster(cluster), sv->sec_per_clus, put);
+    };
+}
+
+// The bytes of a file or link, or the clusters of a directory.
+write_content entry_content(volume &vol, const std::string &path) {
+    const place where = resolve(vol, path);
+    if (where.is_root() && where.parent.start() == directory::ROOT) {
+        return [](const write_piece &put) {
+            dump_sectors(sv->rdir_start, sv->data_start - sv->rdir_start, put);
+        };
+    }
+    const u32 start = where.is_root() ? where.parent.start() : where.found->start();
+    const std::vector<u32> clusters = where.is_directory()
+                                          ? vol.fat().chain(start)
+                                          : clusters_of_file(vol.fat(), start, where.found->size());
+    const u64 size =
+        where.is_directory() ? u64{clusters.size()} * fat::cluster_bytes() : where.found->size();
+    return [clusters, size](const write_piece &put) { read_data(clusters, size, put); };
+}
+
+write_content content_of(volume &vol, const dump_options &options) {
+    if (options.what == "fat") {
+        return fat_content();
+    }
+    return options.what == "cluster" ? cluster_content(vol, options.arguments.front())
+                                     : entry_content(vol, options.arguments.front());
+}
+
+void check_arguments(const dump_options &options) {
+    const std::size_t wanted = options.what == "fat" ? 1 : 2;
+    if (options.arguments.size() != wanted) {
+        throw usage_error("dump takes \"fat OUT\", \"cluster N OUT\" or \"file PATH OUT\"");
+    }
+}
+
+int run_dump(const common_options &common, const dump_options &options) {
+    check_arguments(options);
+    return with_volume(common, access::READ, [&](volume &vol) {
+        u64 bytes = 0;
+        const write_content content = content_of(vol, options);
+        make_host_file(options.arguments.back(), options.is_forced, std::nullopt,
+                       [&](const write_piece &put) {
+                           content([&](std::span<const u8> piece) {
+                               put(piece);
+                               bytes += piece.size();
+                           });
+                       });
+        common.out.remark(
+            fmt::format("{}: {}", shown_bytes(options.arguments.back()), shown_size(bytes)));
+        if (common.out.is_json) {
+            common.out.document({{"file", options.arguments.back()}, {"bytes", bytes}});
+        }
+        return EXIT_DONE;
+    });
+}
+
+} // namespace
+
+void add_dump(command_line *commands) {
+    const auto options = std::make_shared<dump_options>();
+    CLI::App *command = commands->add(
+        {"dump", "Write raw parts of the volume into a file",
+         "  qvol dump flash.img fat fat.bin\n"
+         "  qvol dump flash.img cluster 1234 cluster.bin\n"
+         "  qvol dump flash.img file /photos photos-directory.bin"},
+        [options](const common_options &common) { return run_dump(common, *options); });
+    command->add_option("WHAT", options->what, "fat, cluster or file")
+        ->required()
+        ->check(CLI::IsMember({"fat", "cluster", "file"}));
+    command->add_option("ARGUMENT", options->arguments, "[N or PATH] and the file to write")
+        ->required()
+        ->expected(1, 2);
+    command->add_flag("-f,--force", options->is_forced, "Replace a file that exists");
+}
+
+} // namespace qvol

@@ -1,0 +1,89 @@
+// qvol owner: which path a cluster belongs to.
+
+#include "qvol/command_line.h"
+#include "qvol/commands/commands.h"
+#include "qvol/tree.h"
+
+#include "fat/internal.h"
+
+#include <algorithm>
+#include <memory>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+namespace qvol {
+
+namespace {
+
+bool holds(fat_table &table, u32 start, u32 cluster) {
+    if (start == 0) {
+        return false;
+    }
+    try {
+        const std::vector<u32> clusters = table.chain(start);
+        return std::find(clusters.begin(), clusters.end(), cluster) != clusters.end();
+    } catch (const error &) {
+        return false; // a broken chain is told by the check
+    }
+}
+
+// All that own it: a healthy cluster has one owner.
+std::vector<name_path> find_owners(volume &vol, u32 cluster) {
+    std::vector<name_path> owners;
+    const directory root = vol.root();
+    if (holds(vol.fat(), root.start(), cluster)) {
+        owners.emplace_back();
+    }
+    tree_visitor visitor;
+    visitor.visit = [&](const name_path &path, const entry &found, bool) {
+        if (holds(vol.fat(), found.start(), cluster)) {
+            owners.push_back(path);
+        }
+        return true;
+    };
+    visitor.fail = [](const name_path &, const std::string &) {}; // as above
+    walk_tree(vol, {}, root, visitor);
+    return owners;
+}
+
+std::string state_of(u32 value, bool is_owned) {
+    if (value == fat::FAT_FREE) {
+        return "free";
+    }
+    const u32 bad = sv->fat_type == 32 ? fat::FAT32_BAD : fat::FAT16_BAD;
+    return value == bad ? "bad" : is_owned ? "used" : "lost";
+}
+
+int run_owner(const common_options &common, u32 cluster) {
+    return with_volume(common, access::READ, [&](volume &vol) {
+        const u32 value = vol.fat().get(cluster);
+        const std::vector<name_path> owners =
+            value == fat::FAT_FREE ? std::vector<name_path>() : find_owners(vol, cluster);
+        const std::string state = state_of(value, !owners.empty());
+        json paths = json::array();
+        for (const name_path &path : owners) {
+            paths.push_back(json_path(path));
+            common.out.line(shown_path(vol.names(), path));
+        }
+        if (common.out.is_json) {
+            common.out.document({{"cluster", cluster}, {"state", state}, {"owners", paths}});
+        }
+        if (owners.empty()) {
+            report(fmt::format("cluster {} is {}", cluster, state));
+        }
+        return owners.empty() ? EXIT_FAILED : EXIT_DONE;
+    });
+}
+
+} // namespace
+
+void add_owner(command_line *commands) {
+    const auto cluster = std::make_shared<u32>(0);
+    CLI::App *command = commands->add(
+        {"owner", "Tell which path a cluster belongs to", "  qvol owner flash.img 1234"},
+        [cluster](const common_options &common) { return run_owner(common, *cluster); });
+    command->add_option("CLUSTER", *cluster, "Number of the cluster")->required();
+}
+
+} // namespace qvol

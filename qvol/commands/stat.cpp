@@ -1,0 +1,109 @@
+// qvol stat: what one entry says, where it lies, and its chain.
+
+#include "qvol/command_line.h"
+#include "qvol/commands/commands.h"
+
+#include <memory>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+namespace qvol {
+
+namespace {
+
+json root_json(const place &root) {
+    return {{"path", "/"},
+            {"kind", "directory"},
+            {"first_cluster", root.parent.start()},
+            {"short_name", nullptr}};
+}
+
+json chain_json(volume &vol, u32 start) {
+    json runs = json::array();
+    if (start != 0) {
+        for (const cluster_run &run : runs_of(vol.fat().chain(start))) {
+            runs.push_back({{"first", run.first}, {"count", run.count}});
+        }
+    }
+    return runs;
+}
+
+json location_json(const place &where) {
+    const fat::dentry_location location = where.parent.location(where.found->slot);
+    return {{"sector", location.sector},
+            {"offset", location.offset},
+            {"slot", where.found->slot},
+            {"slots", where.found->slot - where.found->first_slot + 1}};
+}
+
+json stat_json(volume &vol, const place &where) {
+    json result = where.is_root() ? root_json(where) : entry_json(vol, where.path, *where.found);
+    if (!where.is_root()) {
+        result["entry"] = location_json(where);
+    }
+    result["chain"] =
+        chain_json(vol, where.is_root() ? where.parent.start() : where.found->start());
+    return result;
+}
+
+std::string chain_text(const json &runs) {
+    std::string text;
+    for (const json &run : runs) {
+        const u64 first = run["first"].get<u64>();
+        const u64 count = run["count"].get<u64>();
+        text += text.empty() ? "" : ", ";
+        text +=
+            count == 1 ? fmt::format("{}", first) : fmt::format("{}-{}", first, first + count - 1);
+    }
+    return text.empty() ? "none" : text;
+}
+
+void print_fields(const output &out, volume &vol, const place &where) {
+    const entry &found = *where.found;
+    const fat::dentry_location location = where.parent.location(found.slot);
+    out.line(fmt::format("kind        {}", kind_name(found.type())));
+    out.line(fmt::format("short name  {}", vol.names().shown(short_name_units(found.alias(), 0))));
+    out.line(fmt::format("long name   {}", found.has_long_name ? "yes" : "no"));
+    out.line(fmt::format("size        {} bytes", found.is_directory() ? 0 : found.size()));
+    out.line(fmt::format("modified    {}", text_of(found.modified())));
+    out.line(fmt::format("attributes  {} ({:#04x})", attribute_letters(found), found.attributes()));
+    out.line(fmt::format("entry       sector {}, offset {}, slot {}, {} slots", location.sector,
+                         location.offset, found.slot, found.slot - found.first_slot + 1));
+    if (found.type() == kind::LINK) {
+        out.line("target      " + shown_bytes(link_target(vol, found)));
+    }
+}
+
+int run_stat(const common_options &common, const std::string &path) {
+    return with_volume(common, access::READ, [&](volume &vol) {
+        const place where = resolve(vol, path);
+        const json fields = stat_json(vol, where);
+        if (common.out.is_json) {
+            common.out.document(fields);
+            return EXIT_DONE;
+        }
+        common.out.line("path        " + shown_path(vol.names(), where.path));
+        if (where.is_root()) {
+            common.out.line("kind        directory");
+        } else {
+            print_fields(common.out, vol, where);
+        }
+        common.out.line("chain       " + chain_text(fields["chain"]));
+        return EXIT_DONE;
+    });
+}
+
+} // namespace
+
+void add_stat(command_line *commands) {
+    const auto path = std::make_shared<std::string>();
+    CLI::App *command =
+        commands->add({"stat", "Tell about one entry: its fields, its place, its clusters",
+                       "  qvol stat flash.img /photos/IMG_0001.jpg\n"
+                       "  qvol stat --json flash.img /"},
+                      [path](const common_options &common) { return run_stat(common, *path); });
+    command->add_option("PATH", *path, "Path in the volume")->required();
+}
+
+} // namespace qvol

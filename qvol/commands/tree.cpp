@@ -1,0 +1,148 @@
+// qvol tree: everything below a directory as a picture.
+
+#include "qvol/tree.h"
+
+#include "qvol/command_line.h"
+#include "qvol/commands/commands.h"
+
+#include <memory>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+namespace qvol {
+
+namespace {
+
+class tree_printer {
+public:
+    tree_printer(volume &vol, const output &out) : vol_(vol), out_(out) {}
+
+    void print(const place &top) {
+        if (!top.is_directory()) {
+            throw error(shown_path(vol_.names(), top.path) + ": not a directory");
+        }
+        out_.line(shown_path(vol_.names(), top.path));
+        tree_visitor visitor;
+        visitor.visit = [this](const name_path &, const entry &found, bool is_last) {
+            return show(found, is_last);
+        };
+        visitor.leave = [this](const name_path &) { leave(); };
+        visitor.fail = [this](const name_path &path, const std::string &why) {
+            leave();
+            report(shown_path(vol_.names(), path) + ": " + why);
+            status_ = EXIT_FAILED;
+        };
+        walk_tree(vol_, top.path, open_directory(vol_, top), visitor);
+        out_.remark(fmt::format("{}, {}, {}", counted(directories_, "directory", "directories"),
+                                counted(files_, "file", "files"),
+                                counted(links_, "link", "links")));
+    }
+
+    [[nodiscard]] int status() const {
+        return status_;
+    }
+
+private:
+    bool show(const entry &found, bool is_last) {
+        out_.line(indent_text() + (is_last ? "└── " : "├── ") + listed_name(vol_.names(), found));
+        (found.is_directory() ? directories_ : found.type() == kind::LINK ? links_ : files_)++;
+        if (found.is_directory()) {
+            has_more_.push_back(!is_last);
+        }
+        return true;
+    }
+
+    void leave() {
+        has_more_.pop_back();
+    }
+
+    [[nodiscard]] std::string indent_text() const {
+        std::string text;
+        for (const bool has_more : has_more_) {
+            text += has_more ? "│   " : "    ";
+        }
+        return text;
+    }
+
+    volume &vol_;
+    const output &out_;
+    std::vector<bool> has_more_; // by level: whether entries follow at that level
+    u64 directories_ = 0;
+    u64 files_ = 0;
+    u64 links_ = 0;
+    int status_ = EXIT_DONE;
+};
+
+// The tree as nested documents, put together with a stack of the lists that are open.
+class tree_document {
+public:
+    explicit tree_document(volume &vol) : vol_(vol) {}
+
+    [[nodiscard]] json of(const place &top) {
+        open_.push_back(json::array());
+        tree_visitor visitor;
+        visitor.visit = [this](const name_path &path, const entry &found, bool) {
+            return add(path, found);
+        };
+        visitor.leave = [this](const name_path &) { close(); };
+        visitor.fail = [this](const name_path &path, const std::string &why) {
+            close();
+            report(shown_path(vol_.names(), path) + ": " + why);
+            status_ = EXIT_FAILED;
+        };
+        walk_tree(vol_, top.path, open_directory(vol_, top), visitor);
+        return {{"path", json_path(top.path)}, {"entries", open_.back()}};
+    }
+
+    [[nodiscard]] int status() const {
+        return status_;
+    }
+
+private:
+    bool add(const name_path &path, const entry &found) {
+        open_.back().push_back(entry_json(vol_, path, found));
+        if (found.is_directory()) {
+            open_.push_back(json::array());
+        }
+        return true;
+    }
+
+    void close() {
+        json children = std::move(open_.back());
+        open_.pop_back();
+        open_.back().back()["entries"] = std::move(children);
+    }
+
+    volume &vol_;
+    std::vector<json> open_;
+    int status_ = EXIT_DONE;
+};
+
+int run_tree(const common_options &common, const std::string &path) {
+    return with_volume(common, access::READ, [&](volume &vol) {
+        const place top = resolve(vol, path);
+        if (!common.out.is_json) {
+            tree_printer printer(vol, common.out);
+            printer.print(top);
+            return printer.status();
+        }
+        tree_document document(vol);
+        common.out.document(document.of(top));
+        return document.status();
+    });
+}
+
+} // namespace
+
+void add_tree(command_line *commands) {
+    const auto path = std::make_shared<std::string>("/");
+    CLI::App *command =
+        commands->add({"tree", "Show everything below a directory",
+                       "  qvol tree flash.img\n"
+                       "  qvol tree flash.img /photos/2024"},
+                      [path](const common_options &common) { return run_tree(common, *path); });
+    command->add_option("PATH", *path, "Where to begin (default: the root)");
+}
+
+} // namespace qvol

@@ -1,0 +1,115 @@
+// qvol pool, log, mirror, compact: what concerns the volume as a whole.
+
+#include "qvol/command_line.h"
+#include "qvol/commands/commands.h"
+#include "qvol/sectors.h"
+
+#include "fat/internal.h"
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+namespace qvol {
+
+namespace {
+
+// ---- pool, log ----
+
+// A reserved file that the library makes in the root directory.
+struct reserved_file {
+    const char *path;
+    int (*make)();
+};
+
+constexpr reserved_file POOL = {"/ZUQ_POOL.SY$", zuq_make_pool};
+constexpr reserved_file LOG = {"/$ZUQ_LOG.LO$", zuq_make_log};
+
+int make_reserved(const common_options &common, const reserved_file &file) {
+    return with_volume(common, access::WRITE, [&](volume &vol) {
+        vol.fat().read_all();
+        const int made = file.make();
+        if (made == -EEXIST) {
+            throw error(fmt::format("{}: exists", file.path));
+        }
+        if (made < 0) {
+            throw system_failure(fmt::format("make {}", file.path), -made);
+        }
+        vol.fat().adopt_changes_of_library();
+        vol.fat().write_changes();
+        const place where = resolve(vol, file.path);
+        common.out.remark(fmt::format("made {}, {}", file.path, shown_size(where.found->size())));
+        if (common.out.is_json) {
+            common.out.document({{"made", entry_json(vol, where.path, *where.found)}});
+        }
+        return EXIT_DONE;
+    });
+}
+
+// ---- mirror ----
+
+int run_mirror(const common_options &common) {
+    return with_volume(common, access::WRITE, [&](volume &vol) {
+        const u64 changed = vol.fat().mirror();
+        common.out.remark(changed == 0
+                              ? "all FAT copies are equal"
+                              : counted(changed, "sector", "sectors") + " of FAT copies changed");
+        if (common.out.is_json) {
+            common.out.document(
+                {{"fat_copies", vol.boot().fat_copies}, {"changed_sectors", changed}});
+        }
+        return EXIT_DONE;
+    });
+}
+
+// ---- compact ----
+
+// Bytes from the start of the image to the end of the last cluster in use.
+u64 used_length(volume &vol) {
+    const u32 highest = vol.fat().highest_used();
+    const u64 sectors =
+        highest == 0 ? sv->data_start : sector_of_cluster(highest) + sv->sec_per_clus;
+    return sectors * sv->sector_size;
+}
+
+int run_compact(const common_options &common) {
+    const target where(common.image, access::WRITE);
+    if (where.is_device()) {
+        throw error(shown_bytes(common.image) + " is a device; only an image file can be cut");
+    }
+    volume vol(where, common.encoding);
+    const u64 before = where.size();
+    const u64 length = std::min(before, used_length(vol));
+    vol.finish();
+    where.resize(length);
+    where.sync();
+    common.out.remark(fmt::format("{}: {} cut to {}", shown_bytes(common.image), shown_size(before),
+                                  shown_size(length)));
+    if (common.out.is_json) {
+        common.out.document({{"bytes_before", before}, {"bytes", length}});
+    }
+    return EXIT_DONE;
+}
+
+} // namespace
+
+void add_pool(command_line *commands) {
+    commands->add({"pool", "Make the pool file of the ZUQ driver", "  qvol pool flash.img"},
+                  [](const common_options &common) { return make_reserved(common, POOL); });
+}
+
+void add_log(command_line *commands) {
+    commands->add({"log", "Make the log file of the ZUQ driver", "  qvol log flash.img"},
+                  [](const common_options &common) { return make_reserved(common, LOG); });
+}
+
+void add_mirror(command_line *commands) {
+    commands->add({"mirror", "Make all FAT copies equal to the first", "  qvol mirror flash.img"},
+                  run_mirror);
+}
+
+void add_compact(command_line *commands) {
+    commands->add({"compact", "Cut an image file to its used length", "  qvol compact flash.img"},
+                  run_compact);
+}
+
+} // namespace qvol

@@ -1,0 +1,506 @@
+#include "qvol/directory.h"
+
+#include "qvol/error.h"
+#include "qvol/sectors.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include <fmt/format.h>
+
+namespace qvol {
+
+namespace {
+
+// What other systems take for the longest directory.
+constexpr u32 MAX_SLOTS = 65536;
+
+// A longer one is no directory but a damaged chain.
+constexpr u32 MAX_READ_BYTES = 8 * 1024 * 1024;
+
+constexpr u32 MAX_ORDINAL = 20; // slots of 13 units for 255 of them
+
+u32 slots_per_sector() {
+    return sv->sector_size / fat::DENTRY_SIZE;
+}
+
+// ---- long names ----
+
+// The long name that a walk over the slots is in. It counts only where it is whole: its slots stand
+// right in front of the short entry, in falling order from the one marked last to 1, and carry that
+// entry's checksum.
+struct long_name_run {
+    std::u16string units;
+    u32 first_slot = 0;
+    u32 missing = 0; // slots that are still to come
+    u8 checksum = 0;
+
+    void reset() {
+        *this = long_name_run{};
+    }
+
+    void accept(const u8 *slot, u32 index) {
+        const u32 ordinal = fat::load(slot, fat::SLOT_ORDINAL);
+        const u8 slot_checksum = static_cast<u8>(fat::load(slot, fat::SLOT_CHECKSUM));
+        if ((ordinal & fat::SLOT_LAST) != 0) {
+            reset();
+            first_slot = index;
+            checksum = slot_checksum;
+            missing = ordinal & ~fat::SLOT_LAST;
+            missing = missing <= MAX_ORDINAL ? missing : 0;
+        } else if (missing == 0 || ordinal != missing || slot_checksum != checksum) {
+            reset();
+            return;
+        }
+        if (missing == 0) {
+            return;
+        }
+        prepend(slot);
+        missing--;
+    }
+
+    [[nodiscard]] bool belongs_to(const u8 *short_entry) const {
+        return !units.empty() && missing == 0 && checksum == fat::dosname_checksum(short_entry);
+    }
+
+private:
+    void prepend(const u8 *slot) {
+        std::u16string part;
+        for (u32 unit = 0; unit < fat::SLOT_UNITS; unit++) {
+            const u16 value = fat::load16(slot + fat::slot_unit_offset(unit));
+            if (value == 0) {
+                break;
+            }
+            part.push_back(value);
+        }
+        units.insert(0, part);
+    }
+};
+
+bool is_removed(const u8 *slot) {
+    return slot[fat::SHORT_NAME.offset] == fat::NAME_DELETED;
+}
+
+bool is_long_name_slot(const u8 *slot) {
+    return (fat::load(slot, fat::SHORT_ATTR) & fat::ATTR_LONG_NAME_MASK) == fat::ATTR_LONG_NAME;
+}
+
+// An attribute byte that is a label and a directory at once belongs to no entry.
+bool is_entry(const u8 *slot) {
+    return (fat::load(slot, fat::SHORT_ATTR) & fat::ATTR_KIND_MASK) != fat::ATTR_KIND_MASK;
+}
+
+u32 kind_number(kind type) {
+    switch (type) {
+    case kind::DIRECTORY:
+        return fat::DENTRY_DIR;
+    case kind::LINK:
+        return fat::KIND_SYMLINK;
+    case kind::LABEL:
+        return fat::DENTRY_VOLUME;
+    default:
+        return fat::DENTRY_FILE;
+    }
+}
+
+std::u16string label_text(const short_name &label) {
+    std::u16string text(label.begin(), label.end());
+    text.erase(text.find_last_not_of(u' ') + 1);
+    return text;
+}
+
+std::u16string alias_text(const entry &of) {
+    return short_name_units(of.alias(), 0);
+}
+
+} // namespace
+
+// ---- entry ------------------------------------------------------------------------------------
+
+kind entry::type() const {
+    switch (attributes() & fat::ATTR_KIND_MASK) {
+    case fat::ATTR_DIRECTORY:
+        return kind::DIRECTORY;
+    case fat::ATTR_VOLUME:
+        return kind::LABEL;
+    default:
+        return fat::load(raw.data(), fat::SHORT_CMSEC) == fat::CMSEC_SYMLINK ? kind::LINK
+                                                                             : kind::FILE;
+    }
+}
+
+bool entry::is_dot() const {
+    return std::memcmp(raw.data(), fat::DOT_NAME, sizeof fat::DOT_NAME) == 0 ||
+           std::memcmp(raw.data(), fat::DOT_DOT_NAME, sizeof fat::DOT_DOT_NAME) == 0;
+}
+
+u32 entry::start() const {
+    const u32 cluster = fat::start_cluster(raw.data());
+    return sv->fat_type == 16 ? cluster & 0xFFFF : cluster;
+}
+
+u32 entry::size() const {
+    return fat::load(raw.data(), fat::SHORT_FILE_SIZE);
+}
+
+u32 entry::attributes() const {
+    return fat::load(raw.data(), fat::SHORT_ATTR);
+}
+
+short_name entry::alias() const {
+    short_name bytes{};
+    std::copy_n(raw.begin(), bytes.size(), bytes.begin());
+    return bytes;
+}
+
+dos_time entry::modified() const {
+    return {static_cast<u16>(fat::load(raw.data(), fat::SHORT_MDATE)),
+            static_cast<u16>(fat::load(raw.data(), fat::SHORT_MTIME))};
+}
+
+void entry::set_start(u32 cluster) {
+    fat::set_start_cluster(raw.data(), cluster);
+}
+
+void entry::set_size(u32 bytes) {
+    fat::store(raw.data(), fat::SHORT_FILE_SIZE, bytes);
+}
+
+void entry::set_modified(const dos_time &stamp) {
+    fat::store(raw.data(), fat::SHORT_MDATE, stamp.date);
+    fat::store(raw.data(), fat::SHORT_MTIME, stamp.time);
+}
+
+void entry::set_link(bool is_link) {
+    fat::store(raw.data(), fat::SHORT_CMSEC, is_link ? fat::CMSEC_SYMLINK : 0);
+}
+
+// ---- the space of the directory ---------------------------------------------------------------
+
+directory::directory(fat_table &table, u32 start) : table_(&table) {
+    is_root_ = start == ROOT || (sv->fat_type == 32 && start == sv->root_clus);
+    start_ = start == ROOT && sv->fat_type == 32 ? sv->root_clus : start;
+    load();
+    parse();
+}
+
+void directory::load() {
+    if (start_ == ROOT) {
+        bytes_ = read_run(sv->rdir_start, sv->data_start - sv->rdir_start);
+    } else {
+        const u32 most = MAX_READ_BYTES / fat::cluster_bytes();
+        clusters_ = table_->chain(start_, most + 1);
+        if (clusters_.size() > most) {
+            throw error(fmt::format("the directory in cluster {} is longer than {} MiB", start_,
+                                    MAX_READ_BYTES / (1024 * 1024)));
+        }
+        bytes_.resize(clusters_.size() * fat::cluster_bytes());
+        std::size_t done = 0;
+        for (const cluster_run &run : runs_of(clusters_)) {
+            const std::size_t size = std::size_t{run.count} * fat::cluster_bytes();
+            read_run_into(sector_of_cluster(run.first), std::span(bytes_).subspan(done, size));
+            done += size;
+        }
+    }
+    known_clusters_ = static_cast<u32>(clusters_.size());
+    is_dirty_.resize(bytes_.size() / sv->sector_size);
+}
+
+u32 directory::capacity() const {
+    return static_cast<u32>(bytes_.size() / fat::DENTRY_SIZE);
+}
+
+// The library looks at the first 512 slots of a FAT16 root, however large its area is; names are
+// put where it finds them.
+u32 directory::usable_slots() const {
+    return start_ == ROOT ? std::min(capacity(), fat::FAT16_ROOT_ENTRIES) : capacity();
+}
+
+u8 *directory::slot_bytes(u32 slot) {
+    return bytes_.data() + std::size_t{slot} * fat::DENTRY_SIZE;
+}
+
+const u8 *directory::slot_bytes(u32 slot) const {
+    return bytes_.data() + std::size_t{slot} * fat::DENTRY_SIZE;
+}
+
+u64 directory::sector_of(u32 sector_index) const {
+    if (start_ == ROOT) {
+        return u64{sv->rdir_start} + sector_index;
+    }
+    return sector_of_cluster(clusters_.at(sector_index / sv->sec_per_clus)) +
+           sector_index % sv->sec_per_clus;
+}
+
+fat::dentry_location directory::location(u32 slot) const {
+    return {static_cast<u32>(sector_of(slot / slots_per_sector())),
+            slot % slots_per_sector() * fat::DENTRY_SIZE};
+}
+
+// ---- reading ----------------------------------------------------------------------------------
+
+void directory::parse() {
+    long_name_run run;
+    for (end_ = 0; end_ < capacity(); end_++) {
+        const u8 *slot = slot_bytes(end_);
+        if (slot[fat::SHORT_NAME.offset] == fat::NAME_UNUSED) {
+            break;
+        }
+        if (is_removed(slot)) {
+            note_free_slots(end_);
+        } else if (is_long_name_slot(slot)) {
+            run.accept(slot, end_);
+            continue;
+        } else if (is_entry(slot)) {
+            entry found;
+            std::copy_n(slot, fat::DENTRY_SIZE, found.raw.begin());
+            found.slot = end_;
+            found.has_long_name = run.belongs_to(slot) && found.type() != kind::LABEL;
+            found.first_slot = found.has_long_name ? run.first_slot : end_;
+            found.name = found.has_long_name ? run.units
+                         : found.type() == kind::LABEL
+                             ? label_text(found.alias())
+                             : short_name_units(found.alias(),
+                                                static_cast<u8>(fat::load(slot, fat::SHORT_SYSID)));
+            index_entry(found);
+        }
+        run.reset();
+    }
+}
+
+void directory::note_free_slots(u32 slot) {
+    const auto next = removed_slots_.upper_bound(slot);
+    u32 first = slot;
+    if (next != removed_slots_.begin() &&
+        std::prev(next)->first + std::prev(next)->second == slot) {
+        std::prev(next)->second++;
+        first = std::prev(next)->first;
+    } else {
+        removed_slots_[slot] = 1;
+    }
+    for (u32 &from : search_from_) {
+        from = std::min(from, first);
+    }
+}
+
+void directory::index_entry(const entry &added) {
+    entries_[added.slot] = added;
+    if (added.is_dot() || added.type() == kind::LABEL) {
+        return;
+    }
+    by_name_[fold_case(added.name)].push_back(added.slot);
+    by_alias_.try_emplace(fold_case(alias_text(added)), added.slot);
+    aliases_.insert(added.alias());
+}
+
+const entry *directory::find_name(std::u16string_view name) const {
+    const auto named = by_name_.find(fold_case(name));
+    if (named == by_name_.end() || named->second.empty()) {
+        return nullptr;
+    }
+    const std::vector<u32> &slots = named->second;
+    const auto exact = std::find_if(slots.begin(), slots.end(),
+                                    [&](u32 slot) { return entries_.at(slot).name == name; });
+    return &entries_.at(exact != slots.end() ? *exact : slots.front());
+}
+
+const entry *directory::find(std::u16string_view name) const {
+    const entry *named = find_name(name);
+    if (named != nullptr) {
+        return named;
+    }
+    const auto aliased = by_alias_.find(fold_case(name));
+    return aliased != by_alias_.end() ? &entries_.at(aliased->second) : nullptr;
+}
+
+bool directory::is_empty() const {
+    return std::all_of(entries_.begin(), entries_.end(),
+                       [](const auto &item) { return item.second.is_dot(); });
+}
+
+// ---- room -------------------------------------------------------------------------------------
+
+void directory::grow() {
+    if (start_ == ROOT) {
+        throw error(fmt::format("the root directory is full: a FAT16 root has {} entries; use a "
+                                "directory below it",
+                                usable_slots()));
+    }
+    if (capacity() >= MAX_SLOTS) {
+        throw error(fmt::format("the directory is full: {} entries are the most that other systems "
+                                "read; spread the names over directories",
+                                MAX_SLOTS));
+    }
+    clusters_.push_back(table_->allocate(1, clusters_.back()).front());
+    bytes_.resize(bytes_.size() + fat::cluster_bytes());
+    is_dirty_.resize(is_dirty_.size() + sv->sec_per_clus, true);
+}
+
+std::optional<u32> directory::take_removed_slots(u32 count) {
+    u32 &from = search_from_.at(count);
+    auto run = removed_slots_.lower_bound(from);
+    while (run != removed_slots_.end() && run->second < count) {
+        ++run;
+    }
+    from = run != removed_slots_.end() ? run->first : end_;
+    if (run == removed_slots_.end() || run->first + count > usable_slots()) {
+        return std::nullopt;
+    }
+    const auto [first, length] = *run;
+    removed_slots_.erase(run);
+    if (length > count) {
+        removed_slots_[first + count] = length - count;
+    }
+    return first;
+}
+
+// Finds room for an entry with its long name. What stands behind the end of a directory need not be
+// zero: the slot behind the new end is made so.
+u32 directory::take_slots(u32 count) {
+    const std::optional<u32> reused = take_removed_slots(count);
+    if (reused) {
+        return *reused;
+    }
+    while (end_ + count > usable_slots()) {
+        grow();
+    }
+    const u32 first = end_;
+    end_ += count;
+    if (end_ < capacity() && slot_bytes(end_)[0] != fat::NAME_UNUSED) {
+        std::memset(slot_bytes(end_), 0, fat::DENTRY_SIZE);
+        mark_slot(end_);
+    }
+    return first;
+}
+
+void directory::mark_slot(u32 slot) {
+    is_dirty_[slot / slots_per_sector()] = true;
+}
+
+// ---- changing ---------------------------------------------------------------------------------
+
+void directory::write_slots(const entry &added, std::u16string_view long_name) {
+    const std::u16string terminated(long_name);
+    const std::vector<u16> units(terminated.c_str(), terminated.c_str() + terminated.size() + 1);
+    const u8 checksum = fat::dosname_checksum(added.raw.data());
+    const u32 count = added.slot - added.first_slot;
+    for (u32 ordinal = 1; ordinal <= count; ordinal++) {
+        const u32 slot = added.slot - ordinal;
+        const u32 mark = ordinal == count ? fat::SLOT_LAST : 0;
+        fat::set_long_slot(slot_bytes(slot), static_cast<u8>(ordinal | mark),
+                           units.data() + std::size_t{ordinal - 1} * fat::SLOT_UNITS, checksum);
+        mark_slot(slot);
+    }
+    std::copy(added.raw.begin(), added.raw.end(), slot_bytes(added.slot));
+    mark_slot(added.slot);
+}
+
+const entry &directory::add(const new_entry &wanted) {
+    const std::optional<std::string> problem = name_problem(wanted.name);
+    if (problem) {
+        throw error("the volume cannot hold the name: " + *problem);
+    }
+    if (find(wanted.name) != nullptr) {
+        throw error("the name is in use in its directory, perhaps in another case");
+    }
+    const short_name alias = aliases_.choose(wanted.name);
+    entry added;
+    added.name = wanted.name;
+    added.has_long_name = short_name_units(alias, 0) != wanted.name;
+    (void)fat::set_entry_value(added.raw.data(), alias.data(), kind_number(wanted.type),
+                               wanted.start, 0); // the kinds are known
+    added.set_size(wanted.size);
+    added.set_modified(wanted.modified);
+
+    const u32 count = 1 + (added.has_long_name ? slots_of_long_name(wanted.name) : 0);
+    added.first_slot = take_slots(count);
+    added.slot = added.first_slot + count - 1;
+    write_slots(added, added.has_long_name ? wanted.name : std::u16string());
+    index_entry(added);
+    return entries_.at(added.slot);
+}
+
+void directory::remove(const entry &removed) {
+    const entry gone = removed; // the caller's reference ends with the index
+    for (u32 slot = gone.first_slot; slot <= gone.slot; slot++) {
+        slot_bytes(slot)[fat::SHORT_NAME.offset] = fat::NAME_DELETED;
+        mark_slot(slot);
+        note_free_slots(slot);
+    }
+    std::erase(by_name_[fold_case(gone.name)], gone.slot);
+    const auto aliased = by_alias_.find(fold_case(alias_text(gone)));
+    if (aliased != by_alias_.end() && aliased->second == gone.slot) {
+        by_alias_.erase(aliased);
+    }
+    aliases_.erase(gone.alias());
+    entries_.erase(gone.slot);
+}
+
+void directory::update(const entry &changed) {
+    entries_.at(changed.slot).raw = changed.raw;
+    std::copy(changed.raw.begin(), changed.raw.end(), slot_bytes(changed.slot));
+    mark_slot(changed.slot);
+}
+
+void directory::set_parent(u32 link) {
+    for (const auto &[slot, found] : entries_) {
+        if (std::memcmp(found.raw.data(), fat::DOT_DOT_NAME, sizeof fat::DOT_DOT_NAME) == 0) {
+            entry changed = found;
+            changed.set_start(link);
+            update(changed);
+            return;
+        }
+    }
+}
+
+directory directory::make(fat_table &table, const directory &parent, const dos_time &modified) {
+    directory made(table);
+    made.clusters_ = table.allocate(1);
+    made.start_ = made.clusters_.front();
+    made.bytes_.resize(fat::cluster_bytes());
+    made.is_dirty_.resize(sv->sec_per_clus, true);
+    const std::pair<const u8 *, u32> dots[] = {{fat::DOT_NAME, made.start_},
+                                               {fat::DOT_DOT_NAME, parent.parent_link()}};
+    u32 slot = 0;
+    for (const auto &[name, start] : dots) {
+        entry dot;
+        dot.slot = dot.first_slot = slot++;
+        (void)fat::set_entry_value(dot.raw.data(), name, fat::DENTRY_DIR, start, 0);
+        dot.set_modified(modified);
+        std::copy(dot.raw.begin(), dot.raw.end(), made.slot_bytes(dot.slot));
+    }
+    made.parse();
+    return made;
+}
+
+// ---- the medium -------------------------------------------------------------------------------
+
+// Changed sectors that lie side by side, in the directory and on the medium, travel together.
+void directory::write_dirty(u32 first_sector, u32 end_sector) {
+    for (u32 first = first_sector; first < end_sector; first++) {
+        if (!is_dirty_[first]) {
+            continue;
+        }
+        u32 end = first;
+        while (end < end_sector && is_dirty_[end] &&
+               sector_of(end) == sector_of(first) + end - first) {
+            is_dirty_[end++] = false;
+        }
+        write_run(sector_of(first),
+                  std::span(bytes_).subspan(std::size_t{first} * sv->sector_size,
+                                            std::size_t{end - first} * sv->sector_size));
+        first = end - 1;
+    }
+}
+
+void directory::write_new_clusters() {
+    const u32 sector_count = static_cast<u32>(is_dirty_.size());
+    write_dirty(known_clusters_ * sv->sec_per_clus, start_ == ROOT ? 0 : sector_count);
+    known_clusters_ = static_cast<u32>(clusters_.size());
+}
+
+void directory::write_changes() {
+    write_dirty(0, static_cast<u32>(is_dirty_.size()));
+}
+
+} // namespace qvol

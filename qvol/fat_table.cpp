@@ -1,0 +1,281 @@
+#include "qvol/fat_table.h"
+
+#include "fat/internal.h"
+#include "qvol/error.h"
+#include "qvol/sectors.h"
+
+#include <algorithm>
+
+#include <fmt/format.h>
+
+namespace qvol {
+
+namespace {
+
+constexpr u32 PAGE_BYTES = 64 * 1024; // a multiple of every sector size
+
+u32 sectors_per_page() {
+    return PAGE_BYTES / sv->sector_size;
+}
+
+u32 sectors_of_page(std::size_t index) {
+    const u64 first = index * u64{sectors_per_page()};
+    return static_cast<u32>(std::min<u64>(sectors_per_page(), sv->fat_size - first));
+}
+
+// The first sector of a page in one copy of the FAT.
+u64 page_sector(std::size_t index, u32 copy) {
+    return sv->fat_start + u64{copy} * sv->fat_size + index * u64{sectors_per_page()};
+}
+
+bool page_begins_in_fat(std::size_t index) {
+    return index * u64{sectors_per_page()} < sv->fat_size;
+}
+
+u32 bad_mark() {
+    return sv->fat_type == 32 ? fat::FAT32_BAD : fat::FAT16_BAD;
+}
+
+// A FAT that is smaller than the volume needs serves the clusters that it has.
+u32 last_cluster_served(u32 entry_size) {
+    const u64 entries = u64{sv->fat_size} * sv->sector_size / entry_size;
+    const u64 wanted = u64{sv->num_clusters} + fat::FIRST_DATA_CLUSTER;
+    return static_cast<u32>(std::min(entries, wanted)) - 1;
+}
+
+} // namespace
+
+fat_table::fat_table(u32 copies)
+    : copies_(copies),
+      entry_size_(sv->fat_type == 16 ? fat::FAT16_ENTRY_SIZE : fat::FAT32_ENTRY_SIZE),
+      last_cluster_(last_cluster_served(entry_size_)), cursor_(fat::FIRST_DATA_CLUSTER) {
+    pages_.resize((u64{last_cluster_} + 1) * entry_size_ / PAGE_BYTES + 1);
+}
+
+// ---- pages ------------------------------------------------------------------------------------
+
+fat_table::page fat_table::load_page(std::size_t index) const {
+    const u32 count = sectors_of_page(index);
+    return {read_run(page_sector(index, 0), count), std::vector<bool>(count)};
+}
+
+fat_table::page &fat_table::page_of(u64 byte_offset) {
+    std::unique_ptr<page> &held = pages_.at(byte_offset / PAGE_BYTES);
+    if (held == nullptr) {
+        held = std::make_unique<page>(load_page(byte_offset / PAGE_BYTES));
+    }
+    return *held;
+}
+
+// Changed sectors that lie side by side travel together.
+void fat_table::write_page(std::size_t index, page *changed) {
+    const std::size_t count = changed->is_dirty.size();
+    for (std::size_t first = 0; first < count; first++) {
+        std::size_t end = first;
+        while (end < count && changed->is_dirty[end]) {
+            changed->is_dirty[end++] = false;
+        }
+        if (end == first) {
+            continue;
+        }
+        const std::span bytes =
+            std::span(changed->bytes)
+                .subspan(first * sv->sector_size, (end - first) * sv->sector_size);
+        for (u32 copy = 0; copy < copies_; copy++) {
+            write_run(page_sector(index, copy) + first, bytes);
+        }
+        first = end;
+    }
+}
+
+// ---- entries ----------------------------------------------------------------------------------
+
+// The last page may have been made for nothing, where the entries end with the one before it.
+bool fat_table::page_begins_in_table(std::size_t index) const {
+    return index < pages_.size() && page_begins_in_fat(index);
+}
+
+void fat_table::check_number(u32 cluster) const {
+    if (cluster < fat::FIRST_DATA_CLUSTER || cluster > last_cluster_) {
+        throw error(fmt::format("there is no cluster {}: the volume has those from {} to {}",
+                                cluster, fat::FIRST_DATA_CLUSTER, last_cluster_));
+    }
+}
+
+u32 fat_table::get(u32 cluster) {
+    check_number(cluster);
+    const u64 offset = u64{cluster} * entry_size_;
+    const u8 *entry = page_of(offset).bytes.data() + offset % PAGE_BYTES;
+    return entry_size_ == fat::FAT16_ENTRY_SIZE ? fat::load16(entry)
+                                                : fat::load32(entry) & fat::FAT32_VALUE_MASK;
+}
+
+void fat_table::set(u32 cluster, u32 value) {
+    const bool was_free = get(cluster) == fat::FAT_FREE;
+    const u64 offset = u64{cluster} * entry_size_;
+    page &changed = page_of(offset);
+    // Index 0 of the table that begins at the entry: the entry itself.
+    (void)fat::set_fat_entry(sv->fat_type, changed.bytes.data() + offset % PAGE_BYTES, 0, value);
+    changed.is_dirty[offset % PAGE_BYTES / sv->sector_size] = true;
+    const bool is_free = get(cluster) == fat::FAT_FREE;
+    if (free_count_) {
+        *free_count_ += (is_free ? 1U : 0U) - (was_free ? 1U : 0U);
+    }
+    if (is_free) {
+        cursor_ = std::min(cursor_, cluster);
+    }
+}
+
+u32 fat_table::free_count() {
+    if (!free_count_) {
+        u32 count = 0;
+        for (u32 cluster = fat::FIRST_DATA_CLUSTER; cluster <= last_cluster_; cluster++) {
+            count += get(cluster) == fat::FAT_FREE ? 1 : 0;
+        }
+        free_count_ = count;
+    }
+    return *free_count_;
+}
+
+// The lowest free cluster; the cursor never lies behind one. 0 where there is none.
+u32 fat_table::find_free() {
+    while (cursor_ <= last_cluster_ && get(cursor_) != fat::FAT_FREE) {
+        cursor_++;
+    }
+    return cursor_ <= last_cluster_ ? cursor_ : 0;
+}
+
+u32 fat_table::next_free() {
+    const u32 found = find_free();
+    return found != 0 ? found : fat::FSINFO_UNKNOWN;
+}
+
+u32 fat_table::highest_used() {
+    u32 cluster = last_cluster_;
+    while (cluster >= fat::FIRST_DATA_CLUSTER && get(cluster) == fat::FAT_FREE) {
+        cluster--;
+    }
+    return cluster >= fat::FIRST_DATA_CLUSTER ? cluster : 0;
+}
+
+// ---- chains -----------------------------------------------------------------------------------
+
+std::vector<u32> fat_table::chain(u32 start, u32 limit) {
+    std::vector<u32> clusters;
+    fat::circle_guard guard;
+    for (u32 cluster = start; clusters.size() < limit;) {
+        if (guard.closes_at(cluster)) {
+            throw error(fmt::format("the chain from cluster {} runs in a circle", start));
+        }
+        clusters.push_back(cluster);
+        const u32 next = get(cluster);
+        if (fat::is_end_of_chain(next)) {
+            break;
+        }
+        if (next < fat::FIRST_DATA_CLUSTER || next > last_cluster_ || next == bad_mark()) {
+            throw error(fmt::format("the chain from cluster {} is broken: entry {} holds {:#x}",
+                                    start, cluster, next));
+        }
+        cluster = next;
+    }
+    return clusters;
+}
+
+std::vector<u32> fat_table::allocate(u32 count, u32 previous) {
+    std::vector<u32> clusters;
+    if (count > free_count()) {
+        throw no_space(
+            fmt::format("no space: {} clusters are needed, {} are free", count, free_count()));
+    }
+    clusters.reserve(count);
+    while (clusters.size() < count) {
+        const u32 cluster = find_free();
+        set(cluster, fat::FAT_END_MARK);
+        if (previous != 0) {
+            set(previous, cluster);
+        }
+        clusters.push_back(cluster);
+        previous = cluster;
+    }
+    return clusters;
+}
+
+void fat_table::release(std::span<const u32> clusters) {
+    for (const u32 cluster : clusters) {
+        set(cluster, fat::FAT_FREE);
+    }
+}
+
+// ---- the medium -------------------------------------------------------------------------------
+
+void fat_table::forget_changes() {
+    for (std::unique_ptr<page> &held : pages_) {
+        held.reset();
+    }
+    free_count_.reset();
+    cursor_ = fat::FIRST_DATA_CLUSTER;
+}
+
+void fat_table::write_changes() {
+    for (std::size_t index = 0; index < pages_.size(); index++) {
+        if (pages_[index] != nullptr) {
+            write_page(index, pages_[index].get());
+        }
+    }
+}
+
+u64 fat_table::mirror() {
+    u64 differing = 0;
+    for (std::size_t index = 0; page_begins_in_fat(index); index++) {
+        const page first = load_page(index);
+        for (u32 copy = 1; copy < copies_; copy++) {
+            const u64 sector = page_sector(index, copy);
+            const std::vector<u8> other = read_run(sector, sectors_of_page(index));
+            for (std::size_t at = 0; at < other.size(); at += sv->sector_size) {
+                const auto bytes = std::span(first.bytes).subspan(at, sv->sector_size);
+                if (!std::equal(bytes.begin(), bytes.end(),
+                                other.begin() + static_cast<std::ptrdiff_t>(at))) {
+                    write_run(sector + at / sv->sector_size, bytes);
+                    differing++;
+                }
+            }
+        }
+    }
+    return differing;
+}
+
+void fat_table::read_all() {
+    for (std::size_t index = 0; page_begins_in_table(index); index++) {
+        (void)page_of(index * u64{PAGE_BYTES});
+    }
+}
+
+void fat_table::adopt_changes_of_library() {
+    for (std::size_t index = 0; page_begins_in_table(index); index++) {
+        page fresh = load_page(index);
+        const page &known = page_of(index * u64{PAGE_BYTES});
+        for (std::size_t sector = 0; sector < fresh.is_dirty.size(); sector++) {
+            const auto at = static_cast<std::ptrdiff_t>(sector * sv->sector_size);
+            fresh.is_dirty[sector] =
+                !std::equal(fresh.bytes.begin() + at, fresh.bytes.begin() + at + sv->sector_size,
+                            known.bytes.begin() + at);
+        }
+        pages_[index] = std::make_unique<page>(std::move(fresh));
+    }
+    free_count_.reset();
+    cursor_ = fat::FIRST_DATA_CLUSTER;
+}
+
+std::vector<cluster_run> runs_of(std::span<const u32> clusters) {
+    std::vector<cluster_run> runs;
+    for (const u32 cluster : clusters) {
+        if (!runs.empty() && runs.back().first + runs.back().count == cluster) {
+            runs.back().count++;
+        } else {
+            runs.push_back({cluster, 1});
+        }
+    }
+    return runs;
+}
+
+} // namespace qvol

@@ -1,0 +1,124 @@
+#include "qvol/file_data.h"
+
+#include "fat/internal.h"
+#include "qvol/error.h"
+#include "qvol/sectors.h"
+
+#include <algorithm>
+
+#include <fmt/format.h>
+
+namespace qvol {
+
+namespace {
+
+constexpr u32 PIECE_BYTES = 1024 * 1024;
+constexpr std::size_t GATHERED_BYTES = 4 * 1024 * 1024;
+
+u32 clusters_per_piece() {
+    return std::max(PIECE_BYTES / fat::cluster_bytes(), 1U);
+}
+
+} // namespace
+
+u32 clusters_for(u64 bytes) {
+    return static_cast<u32>((bytes + fat::cluster_bytes() - 1) / fat::cluster_bytes());
+}
+
+std::vector<u32> clusters_of_file(fat_table &table, u32 start, u64 size) {
+    const u32 count = clusters_for(size);
+    if (count == 0) {
+        return {};
+    }
+    std::vector<u32> clusters = table.chain(start, count);
+    if (clusters.size() < count) {
+        throw error(fmt::format("the chain from cluster {} is shorter than the file: {} clusters "
+                                "of {}",
+                                start, clusters.size(), count));
+    }
+    return clusters;
+}
+
+void read_data(std::span<const u32> clusters, u64 size,
+               const std::function<void(std::span<const u8>)> &take) {
+    std::vector<u8> piece(std::size_t{clusters_per_piece()} * fat::cluster_bytes());
+    for (const cluster_run &run : runs_of(clusters)) {
+        for (u32 done = 0; done < run.count && size > 0;) {
+            const u32 count = std::min(run.count - done, clusters_per_piece());
+            const std::span bytes =
+                std::span(piece).first(std::size_t{count} * fat::cluster_bytes());
+            const std::size_t wanted = static_cast<std::size_t>(std::min<u64>(size, bytes.size()));
+            const std::size_t sectors =
+                (wanted + sv->sector_size - 1) / sv->sector_size * sv->sector_size;
+            read_run_into(sector_of_cluster(run.first + done), bytes.first(sectors));
+            take(bytes.first(wanted));
+            size -= wanted;
+            done += count;
+        }
+    }
+}
+
+std::string read_text(fat_table &table, u32 start, u32 size) {
+    std::string text;
+    read_data(clusters_of_file(table, start, size), size, [&](std::span<const u8> bytes) {
+        text.append(reinterpret_cast<const char *>(bytes.data()), bytes.size());
+    });
+    return text;
+}
+
+// ---- writing ----------------------------------------------------------------------------------
+
+data_writer::data_writer() {
+    gathered_.reserve(GATHERED_BYTES);
+}
+
+void data_writer::begin(std::span<const u32> clusters) {
+    clusters_ = clusters;
+    next_ = 0;
+    room_ = 0;
+}
+
+void data_writer::enter_cluster() {
+    const u64 sector = sector_of_cluster(clusters_[next_++]);
+    if (sector != sector_ + gathered_.size() / sv->sector_size) {
+        flush();
+    }
+    if (gathered_.empty()) {
+        sector_ = sector;
+    }
+    room_ = fat::cluster_bytes();
+}
+
+void data_writer::put(std::span<const u8> bytes) {
+    gathered_.insert(gathered_.end(), bytes.begin(), bytes.end());
+    room_ -= static_cast<u32>(bytes.size());
+    if (room_ == 0 && gathered_.size() >= GATHERED_BYTES - fat::cluster_bytes()) {
+        flush();
+    }
+}
+
+void data_writer::append(std::span<const u8> bytes) {
+    while (!bytes.empty()) {
+        if (room_ == 0) {
+            enter_cluster();
+        }
+        const std::size_t count = std::min<std::size_t>(bytes.size(), room_);
+        put(bytes.first(count));
+        bytes = bytes.subspan(count);
+    }
+}
+
+void data_writer::end() {
+    const std::vector<u8> zeros(room_);
+    if (room_ != 0) {
+        put(zeros);
+    }
+}
+
+void data_writer::flush() {
+    write_run(sector_, gathered_);
+    sector_ += gathered_.size() / sv->sector_size;
+    gathered_.clear();
+}
+
+} // namespace qvol

@@ -1,0 +1,187 @@
+#include "qvol/host_tree.h"
+
+#include "qvol/error.h"
+
+#include <algorithm>
+#include <memory>
+#include <unordered_map>
+
+#include <dirent.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace qvol {
+
+namespace {
+
+constexpr u64 MAX_FILE_BYTES = 0xFFFFFFFF;
+constexpr u32 DOT_SLOTS = 2;
+
+struct close_directory {
+    void operator()(DIR *directory) const {
+        closedir(directory);
+    }
+};
+
+std::vector<std::string> sorted_names(const std::string &path) {
+    const std::unique_ptr<DIR, close_directory> listing(opendir(path.c_str()));
+    if (listing == nullptr) {
+        throw system_failure("read the directory " + shown_bytes(path));
+    }
+    std::vector<std::string> names;
+    errno = 0;
+    for (const dirent *item = readdir(listing.get()); item != nullptr;
+         item = readdir(listing.get())) {
+        const std::string name = item->d_name;
+        if (name != "." && name != "..") {
+            names.push_back(name);
+        }
+        errno = 0;
+    }
+    if (errno != 0) {
+        throw system_failure("read the directory " + shown_bytes(path));
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+struct stat status_of(const std::string &path) {
+    struct stat status {};
+    if (lstat(path.c_str(), &status) != 0) {
+        throw system_failure("look at " + shown_bytes(path));
+    }
+    return status;
+}
+
+bool is_importable(mode_t mode) {
+    return S_ISREG(mode) || S_ISDIR(mode) || S_ISLNK(mode);
+}
+
+std::string read_link(const std::string &path) {
+    std::string target(fat::MAX_PATH_LENGTH + 1, '\0');
+    const ssize_t length = readlink(path.c_str(), target.data(), target.size());
+    if (length < 0) {
+        throw system_failure("read the link " + shown_bytes(path));
+    }
+    target.resize(static_cast<std::size_t>(length));
+    return target;
+}
+
+u64 clusters_of_bytes(u64 bytes, u32 cluster_bytes) {
+    return (bytes + cluster_bytes - 1) / cluster_bytes;
+}
+
+} // namespace
+
+void host_scan::add_problem(const std::string &path, const std::string &why) {
+    problems_.push_back(shown_bytes(path) + ": " + why);
+}
+
+host_node host_scan::scan(const std::string &path, const std::string &name) {
+    const struct stat status = status_of(path);
+    host_node node;
+    node.path = path;
+    node.modified = status.st_mtime;
+    const std::optional<std::u16string> units = names_.to_units(name);
+    const std::optional<std::string> problem =
+        units ? name_problem(*units) : "its name is no text in the encoding of names";
+    if (problem) {
+        add_problem(path, *problem);
+    }
+    node.name = units.value_or(u"");
+    if (S_ISDIR(status.st_mode)) {
+        node.type = kind::DIRECTORY;
+        node.children = scan_children(path);
+    } else if (S_ISLNK(status.st_mode)) {
+        node.type = kind::LINK;
+        node.target = read_link(path);
+        node.size = node.target.size();
+        if (node.size > fat::MAX_PATH_LENGTH) {
+            add_problem(path, fmt::format("the target of the link is longer than {} bytes",
+                                          fat::MAX_PATH_LENGTH));
+        }
+    } else if (S_ISREG(status.st_mode)) {
+        node.size = static_cast<u64>(status.st_size);
+        if (node.size > MAX_FILE_BYTES) {
+            add_problem(path, "a file of 4 GiB or more does not fit into a FAT volume");
+        }
+    } else {
+        add_problem(path, "neither a file, a directory nor a link; --skip-special leaves it out");
+    }
+    return node;
+}
+
+bool host_scan::is_skipped(const std::string &path) const {
+    return skips_special_ && !is_importable(status_of(path).st_mode);
+}
+
+std::vector<host_node> host_scan::scan_children(const std::string &path) {
+    std::vector<host_node> children;
+    for (const std::string &name : sorted_names(path)) {
+        const std::string child = path + (path.ends_with('/') ? "" : "/") + name;
+        if (!is_skipped(child)) {
+            children.push_back(scan(child, name));
+        }
+    }
+    check_names(children);
+    return children;
+}
+
+void host_scan::check_names(const std::vector<host_node> &siblings) {
+    std::unordered_map<std::u16string, const host_node *> seen;
+    for (const host_node &node : siblings) {
+        const auto [first, is_new] = seen.try_emplace(fold_case(node.name), &node);
+        if (!is_new && !node.name.empty()) {
+            add_problem(node.path, "its name differs from that of " +
+                                       shown_bytes(first->second->path) + " at most in case");
+        }
+    }
+}
+
+host_totals totals_of(const std::vector<host_node> &nodes) {
+    host_totals totals;
+    for (const host_node &node : nodes) {
+        switch (node.type) {
+        case kind::DIRECTORY: {
+            const host_totals below = totals_of(node.children);
+            totals.files += below.files;
+            totals.directories += below.directories + 1;
+            totals.links += below.links;
+            totals.bytes += below.bytes;
+            break;
+        }
+        case kind::LINK:
+            totals.links++;
+            break;
+        default:
+            totals.files++;
+            totals.bytes += node.size;
+        }
+    }
+    return totals;
+}
+
+u64 slots_needed(const std::vector<host_node> &nodes) {
+    u64 slots = 0;
+    for (const host_node &node : nodes) {
+        slots += slots_of_name(node.name);
+    }
+    return slots;
+}
+
+u64 clusters_needed(const std::vector<host_node> &nodes, u32 cluster_bytes) {
+    u64 clusters = 0;
+    for (const host_node &node : nodes) {
+        if (node.type == kind::DIRECTORY) {
+            const u64 slots = DOT_SLOTS + slots_needed(node.children);
+            clusters += clusters_of_bytes(slots * fat::DENTRY_SIZE, cluster_bytes) +
+                        clusters_needed(node.children, cluster_bytes);
+        } else {
+            clusters += clusters_of_bytes(node.size, cluster_bytes);
+        }
+    }
+    return clusters;
+}
+
+} // namespace qvol

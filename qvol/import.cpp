@@ -1,0 +1,231 @@
+#include "qvol/import.h"
+
+#include "qvol/error.h"
+#include "qvol/file_data.h"
+#include "qvol/output.h"
+#include "qvol/path.h"
+
+#include <algorithm>
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+namespace qvol {
+
+namespace {
+
+constexpr std::size_t PIECE_BYTES = 1024 * 1024;
+
+// Reads a file of the host that is to have `size` bytes, and hands them on.
+void read_host_file(const std::string &path, u64 size, std::vector<u8> *buffer,
+                    const std::function<void(std::span<const u8>)> &take) {
+    const fat::held_descriptor file(
+        open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (file.get() < 0) {
+        throw system_failure("open " + shown_bytes(path));
+    }
+    u64 done = 0;
+    for (;;) {
+        const ssize_t count = read(file.get(), buffer->data(), buffer->size());
+        if (count < 0) {
+            throw system_failure("read " + shown_bytes(path));
+        }
+        done += static_cast<u64>(count);
+        if (count == 0 || done > size) {
+            break;
+        }
+        take(std::span(*buffer).first(static_cast<std::size_t>(count)));
+    }
+    if (done != size) {
+        throw error(shown_bytes(path) + ": changed while it was read; try again");
+    }
+}
+
+// Tells which entry of the host it was that has no place. Too little space concerns all of them.
+template <typename Work>
+auto about(const host_node &node, Work work) {
+    try {
+        return work();
+    } catch (const no_space &) {
+        throw;
+    } catch (const error &why) {
+        throw error(shown_bytes(node.path) + ": " + why.what() + "; nothing was written");
+    }
+}
+
+std::span<const u8> bytes_of(const std::string &text) {
+    return {reinterpret_cast<const u8 *>(text.data()), text.size()};
+}
+
+} // namespace
+
+// ---- looking for what stands against it -------------------------------------------------------
+
+void import_plan::check_existing(const host_node &node, const entry &existing,
+                                 const std::string &path) {
+    if (existing.name != node.name) {
+        problems_.push_back(path + ": exists as " + vol_.names().shown(existing.name) +
+                            ", which differs only in case");
+    } else if (existing.is_directory() != (node.type == kind::DIRECTORY)) {
+        problems_.push_back(path + (existing.is_directory() ? ": is a directory of the volume"
+                                                            : ": exists and is no directory"));
+    } else if (existing.is_directory()) {
+        check(node.children, open_directory(vol_, existing), path);
+    } else if (!replaces_) {
+        problems_.push_back(path + ": exists; --force replaces it");
+    }
+}
+
+void import_plan::check(const std::vector<host_node> &nodes, const directory &into,
+                        const std::string &path) {
+    for (const host_node &node : nodes) {
+        const std::string shown = (path == "/" ? "" : path) + "/" + vol_.names().shown(node.name);
+        const entry *existing = into.find_name(node.name);
+        const entry *alias = existing == nullptr ? into.find(node.name) : nullptr;
+        if (existing != nullptr) {
+            check_existing(node, *existing, shown);
+        } else if (alias != nullptr) {
+            problems_.push_back(shown + ": is in use as the short name of " +
+                                vol_.names().shown(alias->name));
+        }
+    }
+}
+
+// ---- planning ---------------------------------------------------------------------------------
+
+// Two directories in memory over one chain would overwrite each other's changes.
+directory import_plan::open_once(const entry &existing) {
+    directory dir = open_directory(vol_, existing);
+    const bool is_open =
+        std::any_of(directories_.begin(), directories_.end(),
+                    [&](const auto &known) { return known->start() == dir.start(); });
+    if (is_open) {
+        throw error("two directories of the volume share one chain; repair it first");
+    }
+    return dir;
+}
+
+void import_plan::place_directory(const host_node &node, directory *parent) {
+    const entry *existing = parent->find_name(node.name);
+    if (existing != nullptr) {
+        directories_.push_back(
+            std::make_unique<directory>(about(node, [&] { return open_once(*existing); })));
+    } else {
+        const dos_time stamp = dos_time_of(node.modified);
+        directories_.push_back(
+            std::make_unique<directory>(directory::make(vol_.fat(), *parent, stamp)));
+        const u32 start = directories_.back()->start();
+        about(node, [&] { parent->add({node.name, kind::DIRECTORY, start, 0, stamp}); });
+    }
+    place_entries(node.children, directories_.back().get());
+}
+
+// The entry gets its clusters later, when those of all directories have been found.
+void import_plan::place_file(const host_node &node, directory *parent) {
+    const entry *existing = parent->find_name(node.name);
+    const dos_time stamp = dos_time_of(node.modified);
+    if (existing == nullptr) {
+        const u32 size = static_cast<u32>(node.size);
+        existing = about(node, [&] {
+            return &parent->add({node.name, node.type, 0, size, stamp});
+        });
+    } else {
+        entry changed = *existing;
+        if (changed.start() != 0) {
+            const std::vector<u32> old =
+                about(node, [&] { return vol_.fat().chain(changed.start()); });
+            replaced_clusters_.insert(replaced_clusters_.end(), old.begin(), old.end());
+        }
+        changed.set_start(0);
+        changed.set_size(static_cast<u32>(node.size));
+        changed.set_modified(stamp);
+        changed.set_link(node.type == kind::LINK);
+        parent->update(changed);
+    }
+    files_.push_back({&node, parent, existing->slot, {}});
+}
+
+void import_plan::place_entries(const std::vector<host_node> &nodes, directory *into) {
+    for (const host_node &node : nodes) {
+        into->reserve_short_name(node.name);
+    }
+    for (const host_node &node : nodes) {
+        if (node.type == kind::DIRECTORY) {
+            place_directory(node, into);
+        } else {
+            place_file(node, into);
+        }
+    }
+}
+
+void import_plan::allocate_data() {
+    for (planned_file &file : files_) {
+        file.clusters = vol_.fat().allocate(clusters_for(file.node->size));
+        if (!file.clusters.empty()) {
+            entry changed = file.parent->entries().at(file.slot);
+            changed.set_start(file.clusters.front());
+            file.parent->update(changed);
+        }
+    }
+}
+
+// How far directories that exist have to grow is not counted: the sum may fall short of what is
+// needed, but it is known to be more than what is left.
+void import_plan::tell_no_space(const std::vector<host_node> &nodes) {
+    const u64 cluster = fat::cluster_bytes();
+    const u64 left = vol_.fat().free_count();
+    const u64 needed = std::max(clusters_needed(nodes, fat::cluster_bytes()), left + 1);
+    throw error(fmt::format("no space: {} are needed, the volume has {} left; nothing was written",
+                            shown_size(needed * cluster), shown_size(left * cluster)));
+}
+
+void import_plan::place(const std::vector<host_node> &nodes, directory into,
+                        const std::string &path) {
+    check(nodes, into, path);
+    if (!problems_.empty()) {
+        throw error("not everything can be stored; nothing was written", problems_);
+    }
+    directories_.push_back(std::make_unique<directory>(std::move(into)));
+    directory *top = directories_.back().get();
+    try {
+        place_entries(nodes, top);
+        allocate_data();
+    } catch (const no_space &) {
+        vol_.fat().forget_changes();
+        tell_no_space(nodes);
+    }
+}
+
+// ---- writing ----------------------------------------------------------------------------------
+
+void import_plan::write_file(const planned_file &file, data_writer *writer, progress *bar) {
+    writer->begin(file.clusters);
+    if (file.node->type == kind::LINK) {
+        writer->append(bytes_of(file.node->target));
+    } else {
+        read_host_file(file.node->path, file.node->size, &buffer_, [&](std::span<const u8> bytes) {
+            writer->append(bytes);
+            bar->add(bytes.size());
+        });
+    }
+    writer->end();
+}
+
+void import_plan::write(progress *bar) {
+    data_writer writer;
+    buffer_.resize(PIECE_BYTES);
+    for (const planned_file &file : files_) {
+        write_file(file, &writer, bar);
+    }
+    writer.flush();
+    std::vector<directory *> changed;
+    for (const auto &dir : directories_) {
+        changed.push_back(dir.get());
+    }
+    vol_.commit_additions(changed);
+    vol_.fat().release(replaced_clusters_);
+    vol_.fat().write_changes();
+}
+
+} // namespace qvol

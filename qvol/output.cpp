@@ -1,0 +1,154 @@
+#include "qvol/output.h"
+
+#include "qvol/file_data.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+#include <unistd.h>
+
+namespace qvol {
+
+namespace {
+
+constexpr u32 MAX_LINK_BYTES = 4096;
+
+bool uses_colour() {
+    static const bool is_wanted = [] {
+        const char *no_colour = std::getenv("NO_COLOR");
+        return isatty(STDOUT_FILENO) == 1 && (no_colour == nullptr || *no_colour == '\0');
+    }();
+    return is_wanted;
+}
+
+const char *colour_of(kind type) {
+    switch (type) {
+    case kind::DIRECTORY:
+        return "\x1b[1;34m";
+    case kind::LINK:
+        return "\x1b[1;36m";
+    default:
+        return "";
+    }
+}
+
+} // namespace
+
+void write_bytes(const void *bytes, std::size_t size) {
+    std::fwrite(bytes, 1, size, stdout); // finish_output() tells what went wrong
+}
+
+void output::document(const json &content) const {
+    const std::string text = content.dump(2, ' ', false, json::error_handler_t::replace) + '\n';
+    write_bytes(text.data(), text.size());
+}
+
+void output::line(const std::string &text) const {
+    if (!is_json) {
+        write_bytes((text + '\n').data(), text.size() + 1);
+    }
+}
+
+void output::remark(const std::string &text) const {
+    if (!is_quiet) {
+        line(text);
+    }
+}
+
+void finish_output() {
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+        throw system_failure("write to standard output");
+    }
+}
+
+void report(const std::string &message) {
+    std::fflush(stdout);
+    fmt::print(stderr, "qvol: {}\n", message);
+}
+
+void report(const error &failure) {
+    report(std::string(failure.what()));
+    for (const std::string &detail : failure.details()) {
+        fmt::print(stderr, "  {}\n", detail);
+    }
+}
+
+// ---- pieces of text ---------------------------------------------------------------------------
+
+std::string shown_size(u64 bytes) {
+    constexpr const char *UNITS[] = {"KiB", "MiB", "GiB", "TiB"};
+    if (bytes < 1024) {
+        return fmt::format("{} bytes", bytes);
+    }
+    double value = static_cast<double>(bytes) / 1024;
+    std::size_t unit = 0;
+    while (value >= 1024 && unit + 1 < std::size(UNITS)) {
+        value /= 1024;
+        unit++;
+    }
+    return fmt::format("{:.1f} {}", value, UNITS[unit]);
+}
+
+std::string counted(u64 count, const char *one, const char *many) {
+    return fmt::format("{} {}", count, count == 1 ? one : many);
+}
+
+const char *kind_name(kind type) {
+    switch (type) {
+    case kind::DIRECTORY:
+        return "directory";
+    case kind::LINK:
+        return "link";
+    case kind::LABEL:
+        return "label";
+    default:
+        return "file";
+    }
+}
+
+std::string attribute_letters(const entry &of) {
+    const auto letter = [&](u32 bit, char set) { return (of.attributes() & bit) != 0 ? set : '-'; };
+    const char type = of.is_directory() ? 'd' : of.type() == kind::LINK ? 'l' : '-';
+    return {type, letter(fat::ATTR_READ_ONLY, 'r'), letter(fat::ATTR_HIDDEN, 'h'),
+            letter(fat::ATTR_SYSTEM, 's'), letter(fat::ATTR_ARCHIVE, 'a')};
+}
+
+std::string listed_name(const name_codec &names, const entry &of) {
+    const std::string name = names.shown(of.name);
+    const std::string colour = uses_colour() ? colour_of(of.type()) : "";
+    return colour.empty() ? name : colour + name + "\x1b[0m";
+}
+
+std::string link_target(volume &vol, const entry &of) {
+    if (of.size() > MAX_LINK_BYTES) {
+        throw error(
+            fmt::format("the link holds {} bytes, {} are the most", of.size(), MAX_LINK_BYTES));
+    }
+    return read_text(vol.fat(), of.start(), of.size());
+}
+
+json entry_json(volume &vol, const name_path &path, const entry &of) {
+    json result = {
+        {"path", json_path(path)},
+        {"name", json_text(of.name)},
+        {"short_name", json_text(short_name_units(of.alias(), 0))},
+        {"kind", kind_name(of.type())},
+        {"size", of.is_directory() ? 0 : of.size()},
+        {"modified", text_of(of.modified())},
+        {"attributes", attribute_letters(of)},
+        {"first_cluster", of.start()},
+    };
+    if (of.type() == kind::LINK) {
+        try {
+            result["target"] = link_target(vol, of);
+        } catch (const error &) {
+            result["target"] = nullptr;
+        }
+    }
+    return result;
+}
+
+} // namespace qvol

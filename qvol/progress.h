@@ -1,0 +1,40 @@
+// A progress bar with rate and remaining time on standard error, where that is a terminal.
+
+#pragma once
+
+#include "fat/bytes.h"
+
+#include <chrono>
+#include <string>
+
+namespace qvol {
+
+class progress {
+public:
+    // `total` in bytes; 0: nothing is shown.
+    progress(std::string label, fat::u64 total, bool is_quiet);
+    ~progress();
+    progress(const progress &) = delete;
+    progress &operator=(const progress &) = delete;
+
+    void add(fat::u64 bytes);
+
+private:
+    using clock = std::chrono::steady_clock;
+
+    void draw(clock::time_point now);
+
+    std::string label_;
+    fat::u64 total_;
+    fat::u64 done_ = 0;
+    bool is_shown_;
+    bool is_drawn_ = false;
+    clock::time_point begin_ = clock::now();
+    clock::time_point drawn_at_;
+};
+
+// The text of the bar: a pure function of what is known.
+[[nodiscard]] std::string progress_text(const std::string &label, fat::u64 done, fat::u64 total,
+                                        double seconds);
+
+} // namespace qvol

@@ -1,0 +1,49 @@
+#include "qvol/sectors.h"
+
+#include "fat/internal.h"
+#include "qvol/error.h"
+
+#include <fmt/format.h>
+
+namespace qvol {
+
+namespace {
+
+u32 sectors_in(std::size_t bytes) {
+    return static_cast<u32>(bytes / sv->sector_size);
+}
+
+[[noreturn]] void fail(const char *what, u64 sector, u32 count) {
+    throw error(fmt::format("cannot {} sectors {} to {} of the volume: the medium failed or ends "
+                            "before them",
+                            what, sector, sector + count - 1));
+}
+
+} // namespace
+
+void read_run_into(u64 sector, std::span<u8> bytes) {
+    const u32 count = sectors_in(bytes.size());
+    if (count != 0 && read_sectors(bytes.data(), sector, count) != static_cast<int>(count)) {
+        fail("read", sector, count);
+    }
+}
+
+std::vector<u8> read_run(u64 sector, u32 count) {
+    std::vector<u8> bytes(std::size_t{count} * sv->sector_size);
+    read_run_into(sector, bytes);
+    return bytes;
+}
+
+void write_run(u64 sector, std::span<const u8> bytes) {
+    const u32 count = sectors_in(bytes.size());
+    void *source = const_cast<u8 *>(bytes.data()); // a write does not change its buffer
+    if (count != 0 && write_sectors(source, sector, count) != static_cast<int>(count)) {
+        fail("write", sector, count);
+    }
+}
+
+u64 sector_of_cluster(u32 cluster) {
+    return sv->data_start + u64{cluster - fat::FIRST_DATA_CLUSTER} * sv->sec_per_clus;
+}
+
+} // namespace qvol

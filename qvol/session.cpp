@@ -1,0 +1,267 @@
+#include "qvol/session.h"
+
+#include "fat/internal.h"
+#include "qvol/error.h"
+#include "qvol/mounted.h"
+#include "qvol/sectors.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace qvol {
+
+namespace {
+
+// ---- transfers --------------------------------------------------------------------------------
+
+// The library's own transfers take a short count for a failure; these go on until all is moved.
+template <typename Transfer>
+int transfer_all(u64 sector, u32 count, Transfer transfer) {
+    const u64 unit = fat::transfer_unit();
+    const u64 total = unit * count;
+    u64 done = 0;
+    while (done < total) {
+        const ssize_t moved =
+            transfer(done, total - done, static_cast<off_t>(sector * unit + done));
+        if (moved < 0 && errno != EINTR) {
+            return -EIO;
+        }
+        if (moved == 0) {
+            break;
+        }
+        done += moved > 0 ? static_cast<u64>(moved) : 0;
+    }
+    return static_cast<int>(done / unit);
+}
+
+int read_target(void *buffer, u64 sector, u32 count) {
+    return transfer_all(sector, count, [buffer](u64 done, u64 rest, off_t offset) {
+        return pread(sv->fd, static_cast<char *>(buffer) + done, rest, offset);
+    });
+}
+
+int write_target(void *buffer, u64 sector, u32 count) {
+    return transfer_all(sector, count, [buffer](u64 done, u64 rest, off_t offset) {
+        return pwrite(sv->fd, static_cast<char *>(buffer) + done, rest, offset);
+    });
+}
+
+int refuse_to_write(void *, u64, u32) {
+    return -EROFS;
+}
+
+// ---- opening ----------------------------------------------------------------------------------
+
+struct stat status_of(int fd, const std::string &path) {
+    struct stat status {};
+    if (fstat(fd, &status) != 0) {
+        throw system_failure("look at " + shown_bytes(path));
+    }
+    return status;
+}
+
+// Opened exclusively a device is refused that the system or another program uses as a whole, in
+// other mount namespaces too. A pipe, which is refused later, is not waited for.
+int opening_flags(const std::string &path, access wanted) {
+    if (wanted == access::READ) {
+        return O_RDONLY | O_CLOEXEC | O_NONBLOCK;
+    }
+    struct stat status {};
+    const bool is_device = stat(path.c_str(), &status) == 0 && S_ISBLK(status.st_mode);
+    return O_RDWR | O_CLOEXEC | O_NONBLOCK | (is_device ? O_EXCL : 0);
+}
+
+int open_target(const std::string &path, access wanted) {
+    const int fd = open(path.c_str(), opening_flags(path, wanted));
+    if (fd < 0 && errno == EBUSY) {
+        throw error(fmt::format("{} is in use by the system; unmount it first", shown_bytes(path)));
+    }
+    if (fd < 0) {
+        throw system_failure("open " + shown_bytes(path));
+    }
+    return fd;
+}
+
+void lock_target(int fd, const std::string &path, access wanted) {
+    const int kind = wanted == access::WRITE ? LOCK_EX : LOCK_SH;
+    if (flock(fd, kind | LOCK_NB) == 0) {
+        return;
+    }
+    if (errno == EWOULDBLOCK) {
+        throw error(fmt::format("{} is locked by another program; try again when it has finished",
+                                shown_bytes(path)));
+    }
+    throw system_failure("lock " + shown_bytes(path));
+}
+
+void refuse_mounted(const struct stat &status, const std::string &path) {
+    const std::optional<std::string> point = mount_point_using(status);
+    if (point) {
+        throw error(fmt::format("{} is mounted on {}; unmount it first", shown_bytes(path),
+                                shown_bytes(*point)));
+    }
+}
+
+// The library opens a target by its path and for writing. A reading command has to do with a file
+// that is read-only, and the descriptor that was locked is the one to work on; so the record of the
+// open volume is made here.
+void adopt_descriptor(fat::held_descriptor *fd, const std::string &path, access wanted) {
+    u64 size = 0;
+    if (fat::check_vol_size(fd->get(), &size) < 0) {
+        throw error(shown_bytes(path) + " is neither an image file nor a block device");
+    }
+    if (size == 0) {
+        throw error(shown_bytes(path) + " is empty");
+    }
+    fat::heap_ptr<fat_super> record = fat::zeroed_records<fat_super>();
+    if (record == nullptr) {
+        throw std::bad_alloc();
+    }
+    record->vol_size = size;
+    record->long_name = 1;
+    record->fd = fd->release();
+    sv = record.release();
+    read_sectors = read_target;
+    write_sectors = wanted == access::WRITE ? write_target : refuse_to_write;
+}
+
+// ---- boot sector ------------------------------------------------------------------------------
+
+std::string padded_text(const u8 *record, const fat::field &field) {
+    std::string text(reinterpret_cast<const char *>(record) + field.offset, field.size);
+    text.erase(std::find(text.begin(), text.end(), '\0'), text.end());
+    text.erase(text.find_last_not_of(' ') + 1);
+    return text;
+}
+
+boot_fields parse_boot_sector(const std::vector<u8> &sector) {
+    const u8 *pbr = sector.data();
+    const bool is_fat32 = sv->fat_type == 32;
+    const u8 *extended = pbr + (is_fat32 ? fat::EBR_OFFSET_FAT32 : fat::EBR_OFFSET_FAT16);
+    const bool has_extended =
+        fat::load(extended, fat::EBR_BOOT_SIGNATURE) == fat::EXTENDED_BOOT_SIGNATURE;
+    boot_fields boot{};
+    boot.reserved_sectors = fat::load(pbr, fat::PBR_RESERVED_SECTORS);
+    boot.fat_copies = fat::load(pbr, fat::PBR_NUMBER_OF_FATS);
+    boot.root_entries = is_fat32 ? 0 : fat::load(pbr, fat::PBR_ROOT_ENTRIES);
+    boot.media = fat::load(pbr, fat::PBR_MEDIA);
+    boot.serial = has_extended ? fat::load(extended, fat::EBR_VOLUME_ID) : 0;
+    boot.fsinfo_sector = is_fat32 ? fat::load(pbr, fat::PBR32_FSINFO_SECTOR) : 0;
+    boot.backup_sector = is_fat32 ? fat::load(pbr, fat::PBR32_BACKUP_SECTOR) : 0;
+    boot.oem_name = padded_text(pbr, fat::PBR_OEM_NAME);
+    boot.label = has_extended ? padded_text(extended, fat::EBR_VOLUME_LABEL) : std::string();
+    return boot;
+}
+
+boot_fields mount(const target &where) {
+    if (fat_build_super() < 0) {
+        throw error(fmt::format("{} holds no FAT16 or FAT32 volume", shown_bytes(where.path())));
+    }
+    return parse_boot_sector(read_run(0, 1));
+}
+
+bool is_fsinfo(const std::vector<u8> &sector) {
+    return fat::load(sector.data(), fat::FSINFO_LEAD) == fat::FSINFO_LEAD_SIGNATURE &&
+           fat::load(sector.data(), fat::FSINFO_STRUCTURE) == fat::FSINFO_STRUCTURE_SIGNATURE;
+}
+
+} // namespace
+
+// ---- target -----------------------------------------------------------------------------------
+
+target::target(std::string path, access wanted) : path_(std::move(path)) {
+    fat::held_descriptor fd(open_target(path_, wanted));
+    lock_target(fd.get(), path_, wanted);
+    const struct stat status = status_of(fd.get(), path_);
+    is_device_ = S_ISBLK(status.st_mode);
+    if (wanted == access::WRITE) {
+        refuse_mounted(status, path_);
+    }
+    adopt_descriptor(&fd, path_, wanted);
+}
+
+target::~target() {
+    (void)fat_close_volume(0); // without compacting it cannot fail
+}
+
+u64 target::size() const {
+    return sv->vol_size;
+}
+
+void target::sync() const {
+    if (fsync(sv->fd) != 0) {
+        throw system_failure("put the changes of " + shown_bytes(path_) + " on the medium");
+    }
+}
+
+void target::resize(u64 size) const {
+    if (ftruncate(sv->fd, static_cast<off_t>(size)) != 0) {
+        throw system_failure("change the length of " + shown_bytes(path_));
+    }
+    sv->vol_size = size;
+}
+
+// ---- volume -----------------------------------------------------------------------------------
+
+volume::volume(const target &where, const std::string &encoding)
+    : target_(where), boot_(mount(where)), names_(encoding), fat_(boot_.fat_copies) {}
+
+void volume::commit_additions(const std::vector<directory *> &changed) {
+    has_committed_ = true;
+    for (directory *dir : changed) {
+        dir->write_new_clusters();
+    }
+    fat_.write_changes();
+    for (directory *dir : changed) {
+        dir->write_changes();
+    }
+}
+
+void volume::commit_removals(const std::vector<directory *> &changed) {
+    has_committed_ = true;
+    for (directory *dir : changed) {
+        dir->write_changes();
+    }
+    fat_.write_changes();
+}
+
+void volume::finish() {
+    if (boot_.fsinfo_sector != 0 && boot_.fsinfo_sector < boot_.reserved_sectors) {
+        write_fsinfo();
+    }
+    target_.sync();
+}
+
+void volume::abandon() {
+    if (!has_committed_) {
+        return;
+    }
+    fat_.forget_changes();
+    try {
+        finish();
+    } catch (const error &) {
+        // the failure that led here is the one to tell
+    }
+}
+
+// A sector that does not carry the signatures is left alone: something else may lie there.
+void volume::write_fsinfo() {
+    std::vector<u8> sector = read_run(boot_.fsinfo_sector, 1);
+    if (!is_fsinfo(sector)) {
+        return;
+    }
+    const std::vector<u8> before = sector;
+    fat::store(sector.data(), fat::FSINFO_FREE_COUNT, fat_.free_count());
+    fat::store(sector.data(), fat::FSINFO_NEXT_FREE, fat_.next_free());
+    if (sector != before) {
+        write_run(boot_.fsinfo_sector, sector);
+    }
+}
+
+} // namespace qvol

@@ -1,0 +1,113 @@
+// A session with one target: the image file or block device, and the volume on it.
+//
+//   target   opened, locked, not in use by the system; sector transfers work. Formatting needs
+//   this. volume   a target that has been mounted: its FAT, its names, and the order in which
+//   changes
+//            reach the medium.
+//
+// The library has one open volume; so has the program. Both objects end it with their scope.
+
+#pragma once
+
+#include "qvol/directory.h"
+#include "qvol/fat_table.h"
+#include "qvol/names.h"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace qvol {
+
+enum class access { READ, WRITE };
+
+class target {
+public:
+    // Opens the target. Writing takes an exclusive lock and refuses what is mounted; reading takes
+    // a shared lock. Throws error.
+    target(std::string path, access wanted);
+    ~target();
+    target(const target &) = delete;
+    target &operator=(const target &) = delete;
+
+    [[nodiscard]] const std::string &path() const {
+        return path_;
+    }
+    [[nodiscard]] u64 size() const; // bytes
+    [[nodiscard]] bool is_device() const {
+        return is_device_;
+    }
+
+    // Puts everything written on the medium.
+    void sync() const;
+
+    // Cuts or extends an image file.
+    void resize(u64 size) const;
+
+private:
+    std::string path_;
+    bool is_device_ = false;
+};
+
+// What the boot sector says beyond the geometry that the library keeps.
+struct boot_fields {
+    u32 reserved_sectors;
+    u32 fat_copies;
+    u32 root_entries; // 0 on FAT32
+    u32 media;
+    u32 serial;
+    u32 fsinfo_sector; // 0: none
+    u32 backup_sector; // 0: none
+    std::string oem_name;
+    std::string label; // without its padding; "" where there is none
+};
+
+class volume {
+public:
+    // Mounts. `target` has to outlive the volume. Throws error where no volume is found.
+    volume(const target &where, const std::string &encoding);
+    volume(const volume &) = delete;
+    volume &operator=(const volume &) = delete;
+
+    [[nodiscard]] const boot_fields &boot() const {
+        return boot_;
+    }
+    [[nodiscard]] const name_codec &names() const {
+        return names_;
+    }
+    [[nodiscard]] fat_table &fat() {
+        return fat_;
+    }
+    [[nodiscard]] directory root() {
+        return directory(fat_, directory::ROOT);
+    }
+    [[nodiscard]] const target &where() const {
+        return target_;
+    }
+
+    // Writes changes in an order whose interruption loses space at most: what nothing refers to
+    // yet, the FAT, the entries. The data of files has been written before.
+    void commit_additions(const std::vector<directory *> &changed);
+
+    // The other way round: entries that go, then what they referred to.
+    void commit_removals(const std::vector<directory *> &changed);
+
+    // Writes the true count of free clusters, where the volume keeps one, and synchronises. The
+    // last step of every writing command.
+    void finish();
+
+    // Ends a command that failed: what was not committed is dropped, what was is finished as far as
+    // that goes.
+    void abandon();
+
+private:
+    void write_fsinfo();
+
+    const target &target_;
+    boot_fields boot_;
+    name_codec names_;
+    fat_table fat_;
+    bool has_committed_ = false;
+};
+
+} // namespace qvol

@@ -1,0 +1,114 @@
+#include "qvol/times.h"
+
+#include "fat/internal.h"
+#include "qvol/error.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+
+#include <fmt/format.h>
+
+namespace qvol {
+
+namespace {
+
+constexpr int FIRST_YEAR = 1980;
+constexpr int LAST_YEAR = 2107;
+constexpr dos_time FIRST_STAMP = {1 << 5 | 1, 0};
+constexpr dos_time LAST_STAMP = {(LAST_YEAR - FIRST_YEAR) << 9 | 12 << 5 | 31,
+                                 23 << 11 | 59 << 5 | 29};
+
+std::optional<time_t> latest_moment; // what SOURCE_DATE_EPOCH says
+
+time_t clock_of_library(time_t *out) {
+    const time_t now = present();
+    if (out != nullptr) {
+        *out = now;
+    }
+    return now;
+}
+
+time_t parse_epoch(const char *text) {
+    char *end = nullptr;
+    errno = 0;
+    const long long value = std::strtoll(text, &end, 10);
+    if (*text == '\0' || *end != '\0' || errno != 0 || value < 0) {
+        throw usage_error(
+            fmt::format("SOURCE_DATE_EPOCH is \"{}\", which is no number of seconds", text));
+    }
+    return static_cast<time_t>(value);
+}
+
+tm calendar_fields(const dos_time &stamp) {
+    tm fields{};
+    fields.tm_year = (stamp.date >> 9) + FIRST_YEAR - 1900;
+    fields.tm_mon = (stamp.date >> 5 & 0xF) - 1;
+    fields.tm_mday = stamp.date & 0x1F;
+    fields.tm_hour = stamp.time >> 11;
+    fields.tm_min = stamp.time >> 5 & 0x3F;
+    fields.tm_sec = (stamp.time & 0x1F) * 2;
+    fields.tm_isdst = -1;
+    return fields;
+}
+
+bool is_date(const tm &fields) {
+    return fields.tm_mon >= 0 && fields.tm_mon < 12 && fields.tm_mday >= 1 && fields.tm_hour < 24 &&
+           fields.tm_min < 60 && fields.tm_sec < 60;
+}
+
+} // namespace
+
+void set_up_clock() {
+    const char *epoch = std::getenv("SOURCE_DATE_EPOCH");
+    if (epoch != nullptr) {
+        latest_moment = parse_epoch(epoch);
+        setenv("TZ", "UTC", 1);
+    }
+    tzset();
+    fat_clock = clock_of_library;
+}
+
+time_t present() {
+    const time_t now = time(nullptr);
+    return latest_moment.value_or(now);
+}
+
+dos_time dos_time_of(time_t moment) {
+    const time_t clamped = latest_moment ? std::min(moment, *latest_moment) : moment;
+    tm fields{};
+    if (localtime_r(&clamped, &fields) == nullptr) {
+        return LAST_STAMP;
+    }
+    if (fields.tm_year + 1900 < FIRST_YEAR) {
+        return FIRST_STAMP;
+    }
+    if (fields.tm_year + 1900 > LAST_YEAR) {
+        return LAST_STAMP;
+    }
+    fields.tm_sec = std::min(fields.tm_sec, 59); // a leap second
+    dos_time stamp;
+    fat::dos_time_date(&fields, &stamp.date, &stamp.time);
+    return stamp;
+}
+
+std::optional<time_t> moment_of(const dos_time &stamp) {
+    tm fields = calendar_fields(stamp);
+    if (!is_date(fields)) {
+        return std::nullopt;
+    }
+    const time_t moment = mktime(&fields);
+    return moment != -1 ? std::optional(moment) : std::nullopt;
+}
+
+std::string text_of(const dos_time &stamp) {
+    const tm fields = calendar_fields(stamp);
+    if (!is_date(fields)) {
+        return "---------- --------";
+    }
+    return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}", fields.tm_year + 1900,
+                       fields.tm_mon + 1, fields.tm_mday, fields.tm_hour, fields.tm_min,
+                       fields.tm_sec);
+}
+
+} // namespace qvol

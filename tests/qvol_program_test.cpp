@@ -1,0 +1,650 @@
+// The program qvol on images: what it shows, what it stores, what it refuses. fsck.fat, mtools and
+// diff judge the volumes.
+
+#include "tests/support/qvol.h"
+#include "tests/support/tool.h"
+
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+using namespace testing_support;
+
+namespace {
+
+constexpr std::uint64_t SMALL = 20 << 20;
+constexpr std::uint64_t LARGE = 80 << 20;
+
+class Qvol16 : public QvolImage {
+protected:
+    Qvol16() {
+        format("16", SMALL);
+    }
+};
+
+// Both widths, where the difference matters.
+class QvolBoth : public QvolImage, public testing::WithParamInterface<const char *> {
+protected:
+    QvolBoth() {
+        const std::string width = GetParam();
+        format(width, width == "16" ? SMALL : LARGE, width == "16" ? "4" : "1");
+    }
+};
+INSTANTIATE_TEST_SUITE_P(Fat, QvolBoth, testing::Values("16", "32"),
+                         [](const auto &tested) { return std::string(tested.param); });
+
+} // namespace
+
+// ---- the command line -------------------------------------------------------------------------
+
+TEST(QvolCommandLine, TellsItsVersion) {
+    EXPECT_EQ(run_qvol({"--version"}), (outcome{0, "qvol 1.2.3\n", ""}));
+}
+
+TEST(QvolCommandLine, HelpsWithExamplesForEveryCommand) {
+    for (const char *command :
+         {"info", "ls", "tree", "stat", "cat", "get", "put", "mkdir", "mv", "ln", "rm", "pool",
+          "log", "fastpath", "owner", "dump", "mirror", "compact"}) {
+        const outcome help = run_qvol({command, "--help"});
+        EXPECT_EQ(help.status, 0) << command;
+        EXPECT_NE(help.out.find("Examples:\n  qvol " + std::string(command)), std::string::npos)
+            << command;
+    }
+}
+
+TEST(QvolCommandLine, RefusesWrongUsageWithStatus2) {
+    EXPECT_EQ(run_qvol({}).status, 2);
+    EXPECT_EQ(run_qvol({"no-such-command"}).status, 2);
+    EXPECT_EQ(run_qvol({"ls"}).status, 2);
+    EXPECT_EQ(run_qvol({"ls", "--no-such-option", "x"}).status, 2);
+    EXPECT_EQ(run_qvol({"put", "x", "only-one"}).status, 2);
+}
+
+TEST(QvolCommandLine, FailsWithStatus1AndTheReason) {
+    EXPECT_EQ(run_qvol({"ls", "/no/such/image"}),
+              (outcome{1, "", "qvol: cannot open /no/such/image: No such file or directory\n"}));
+    const scratch_directory scratch;
+    const std::string zeros = scratch.sparse_file("zeros", 1 << 20);
+    EXPECT_EQ(run_qvol({"ls", zeros}),
+              (outcome{1, "", "qvol: " + zeros + " holds no FAT16 or FAT32 volume\n"}));
+}
+
+TEST_F(Qvol16, TellsWhenStandardOutputTakesNothing) {
+    const outcome full = shell("\"$1\" info \"$2\" > /dev/full", {qvol_path(), image_});
+    EXPECT_EQ(full,
+              (outcome{1, "", "qvol: cannot write to standard output: No space left on device\n"}));
+}
+
+TEST_F(Qvol16, KeepsTheLibraryQuietUnlessAsked) {
+    said("mkdir", {"/dir"});
+    EXPECT_EQ(qvol("stat", {"/dir"}).err, "");
+    EXPECT_EQ(qvol("fastpath", {"--dir", "/dir"}).err, "");
+    EXPECT_NE(qvol("fastpath", {"--verbose", "--dir", "/dir"}).err, "");
+}
+
+// ---- locks ------------------------------------------------------------------------------------
+
+TEST_F(Qvol16, WaitsForNobodyWhoHoldsTheLock) {
+    const int fd = open(image_.c_str(), O_RDONLY);
+    ASSERT_EQ(flock(fd, LOCK_SH), 0);
+    EXPECT_EQ(qvol("ls").status, 0);
+    EXPECT_EQ(qvol("mkdir", {"/x"}), (outcome{1, "",
+                                              "qvol: " + image_ +
+                                                  " is locked by another program; try again when "
+                                                  "it has finished\n"}));
+    ASSERT_EQ(flock(fd, LOCK_EX), 0);
+    EXPECT_EQ(qvol("ls").status, 1);
+    close(fd);
+    EXPECT_EQ(qvol("mkdir", {"/x"}).status, 0);
+}
+
+TEST(QvolCommandLine, DoesNotWaitForAPipe) {
+    const scratch_directory scratch;
+    ASSERT_EQ(mkfifo(scratch.file("pipe").c_str(), 0600), 0);
+    EXPECT_EQ(run({"timeout", "20", qvol_path(), "ls", scratch.file("pipe")}),
+              (outcome{1, "",
+                       "qvol: " + scratch.file("pipe") +
+                           " is neither an image file nor a block device\n"}));
+}
+
+TEST_F(Qvol16, ReadsAnImageThatMayNotBeWritten) {
+    const bytes before = read_file(image_);
+    chmod(image_.c_str(), 0444);
+    EXPECT_EQ(qvol("ls", {"-lR"}).status, 0);
+    EXPECT_EQ(qvol("info").status, 0);
+    EXPECT_EQ(read_file(image_), before);
+}
+
+// ---- names ------------------------------------------------------------------------------------
+
+TEST_P(QvolBoth, MakesDirectoriesThatTheJudgesAccept) {
+    said("mkdir", {"/UPPER", "/lower", "/Mixed Case name"});
+    said("mkdir", {"-p", "/a/b/c/d/e"});
+    said("mkdir", {"-p", "/a/b/c"});
+    expect_clean();
+    EXPECT_EQ(said("ls"), "Mixed Case name\nUPPER\na\nlower\n");
+    const outcome listed = run({"mdir", "-b", "-i", image_, "::/"});
+    EXPECT_EQ(listed.out, "::/UPPER/\n::/lower/\n::/Mixed Case name/\n::/a/\n");
+    EXPECT_EQ(said("ls", {"/a/b/c/d"}), "e\n");
+}
+
+TEST_F(Qvol16, RefusesToMakeWhatExistsOrHasNoParent) {
+    said("mkdir", {"/dir"});
+    EXPECT_EQ(qvol("mkdir", {"/DIR"}), (outcome{1, "", "qvol: /DIR: exists\n"}));
+    EXPECT_EQ(qvol("mkdir", {"/no/where"}),
+              (outcome{1, "", "qvol: /no: no such file or directory\n"}));
+    EXPECT_EQ(qvol("mkdir", {"/a:b"}),
+              (outcome{1, "", "qvol: /a:b: the volume cannot hold the name: it holds ':'\n"}));
+    EXPECT_EQ(qvol("mkdir", {"/"}), (outcome{1, "", "qvol: /: exists\n"}));
+}
+
+TEST_P(QvolBoth, FindsNamesInAnyCaseAndByTheirAlias) {
+    said("put", {host_file("A long Name.text", "content"), "/"});
+    EXPECT_EQ(said("cat", {"/A long Name.text"}), "content");
+    EXPECT_EQ(said("cat", {"/a LONG name.TEXT"}), "content");
+    EXPECT_EQ(said("cat", {"/ALONGN~1.TEX"}), "content");
+}
+
+TEST_P(QvolBoth, FindsNamesThatOthersWrote) {
+    const std::string source = host_file("in", "content");
+    for (const char *name : {"Mixed.Txt", "lower.txt", "UPPER.TXT", "a much longer name.html"}) {
+        ASSERT_EQ(run({"mcopy", "-i", image_, source, std::string("::/") + name}).status, 0);
+        EXPECT_EQ(said("cat", {std::string("/") + name}), "content") << name;
+    }
+    EXPECT_EQ(said("ls"), "Mixed.Txt\nUPPER.TXT\na much longer name.html\nlower.txt\n");
+}
+
+TEST_P(QvolBoth, StoresNamesSoThatOthersReadThem) {
+    for (const char *name : {"Mixed.Txt", "lower.txt", "UPPER.TXT", "a much longer name.html",
+                             ".hidden", "exactly13unit", "exactly26unitsexactly26uni", "a.b.c"}) {
+        said("put", {host_file(name, name), "/"});
+        EXPECT_EQ(run({"mtype", "-i", image_, std::string("::/") + name}), (outcome{0, name, ""}));
+    }
+    expect_clean();
+}
+
+TEST_P(QvolBoth, RemovesNamesWithTheirSlotsAndClusters) {
+    const std::string free = said("info", {"--json"});
+    said("mkdir", {"-p", "/dir with a name/below"});
+    said("put", {host_file("some long file name.bin", std::string(100000, 'x')),
+                 "/dir with a name/below"});
+    said("ln", {"target", "/link"});
+    EXPECT_EQ(qvol("rm", {"/dir with a name"}),
+              (outcome{1, "",
+                       "qvol: /dir with a name: is a directory that is not empty; -r removes "
+                       "it with everything in it\n"}));
+    said("rm", {"-r", "/dir with a name", "/link", "/dir with a name/below"});
+    EXPECT_EQ(said("ls"), "");
+    EXPECT_EQ(said("info", {"--json"}), free);
+    expect_clean();
+}
+
+TEST_F(Qvol16, RemovesEmptyFilesAndEmptyDirectories) {
+    said("put", {host_file("empty", ""), "/"});
+    said("mkdir", {"/dir"});
+    said("rm", {"/empty", "/dir"});
+    EXPECT_EQ(said("ls"), "");
+    expect_clean();
+}
+
+TEST_F(Qvol16, RemovesNothingWhereOnePathIsMissing) {
+    said("mkdir", {"/a"});
+    EXPECT_EQ(qvol("rm", {"/a", "/missing"}),
+              (outcome{1, "", "qvol: /missing: no such file or directory\n"}));
+    EXPECT_EQ(said("ls"), "a\n");
+    EXPECT_EQ(qvol("rm", {"-r", "/"}),
+              (outcome{1, "", "qvol: /: the root directory cannot be removed\n"}));
+}
+
+TEST_F(Qvol16, UsesTheSlotsOfRemovedNamesAgain) {
+    for (int i = 0; i < 600; i++) { // a FAT16 root has 512 slots
+        if (i % 60 == 0) {
+            said("mkdir", {"/a name of some length"});
+            said("rm", {"/a name of some length"});
+        }
+    }
+    std::vector<std::string> names;
+    for (int i = 0; i < 250; i++) {
+        names.push_back("/some name " + std::to_string(i));
+    }
+    said("mkdir", names);
+    const outcome full = qvol("mkdir", {"/one", "/two", "/three", "/four", "/five", "/six"});
+    EXPECT_EQ(full.status, 1);
+    EXPECT_NE(full.err.find("the root directory is full: a FAT16 root has 512 entries; use a "
+                            "directory below it"),
+              std::string::npos)
+        << full;
+    expect_clean();
+}
+
+TEST_P(QvolBoth, MovesAndRenames) {
+    said("mkdir", {"/from", "/to"});
+    said("put", {host_file("file.txt", "content"), "/from"});
+    said("mv", {"/from/file.txt", "/from/renamed file.txt"});
+    EXPECT_EQ(said("ls", {"/from"}), "renamed file.txt\n");
+    said("mv", {"/from/renamed file.txt", "/to"});
+    EXPECT_EQ(said("cat", {"/to/renamed file.txt"}), "content");
+    said("mv", {"/from", "/to"});
+    EXPECT_EQ(said("ls", {"-R"}), "/:\nto\n\n/to:\nfrom\nrenamed file.txt\n\n/to/from:\n");
+    said("mv", {"/to/from", "/back"});
+    expect_clean(); // ".." leads to the new parents
+}
+
+TEST_F(Qvol16, ChangesTheCaseOfAName) {
+    said("mkdir", {"/name"});
+    said("mv", {"/name", "/NAME"});
+    EXPECT_EQ(said("ls"), "NAME\n");
+    expect_clean();
+}
+
+TEST_F(Qvol16, RefusesMovesThatWouldLoseSomething) {
+    said("mkdir", {"-p", "/a/b"});
+    said("put", {host_file("one", "1"), host_file("two", "2"), "/"});
+    EXPECT_EQ(qvol("mv", {"/a", "/a/b"}),
+              (outcome{1, "", "qvol: /a/b/a: lies in the directory that is to be moved\n"}));
+    EXPECT_EQ(qvol("mv", {"/A", "/a/B/c"}),
+              (outcome{1, "", "qvol: /a/B/c: lies in the directory that is to be moved\n"}));
+    EXPECT_EQ(qvol("mv", {"/one", "/two"}),
+              (outcome{1, "", "qvol: /two: exists; --force replaces it\n"}));
+    said("mv", {"--force", "/one", "/two"});
+    EXPECT_EQ(said("cat", {"/two"}), "1");
+    EXPECT_EQ(said("ls"), "a\ntwo\n");
+    expect_clean();
+}
+
+TEST_F(Qvol16, MakesLinks) {
+    said("ln", {"../somewhere/else", "/link"});
+    const std::string listed = said("ls", {"-l"});
+    EXPECT_EQ(listed.substr(0, 17), "l----         17 ");
+    EXPECT_EQ(listed.substr(37), "link -> ../somewhere/else\n");
+    EXPECT_EQ(said("cat", {"/link"}), "../somewhere/else");
+    EXPECT_EQ(qvol("ln", {"x", "/link"}), (outcome{1, "", "qvol: /link: exists\n"}));
+    expect_clean();
+}
+
+// ---- put and get ------------------------------------------------------------------------------
+
+class QvolTrees : public QvolBoth {
+protected:
+    QvolTrees() {
+        tree_ = scratch_.file("tree");
+        std::filesystem::create_directory(tree_);
+    }
+    void add(const std::string &name, const std::string &content) {
+        host_file("tree/" + name, content);
+    }
+    void expect_same(const std::string &got) {
+        EXPECT_EQ(run({"diff", "-r", "--no-dereference", tree_, got}), (outcome{0, "", ""}));
+    }
+
+    std::string tree_;
+};
+INSTANTIATE_TEST_SUITE_P(Fat, QvolTrees, testing::Values("16", "32"),
+                         [](const auto &tested) { return std::string(tested.param); });
+
+TEST_P(QvolTrees, ComeBackAsTheyWere) {
+    add("empty", "");
+    add("small.txt", "text");
+    add("dir/big.bin", std::string(3'000'000, 'b'));
+    add("dir/exact.bin", std::string(2048, 'e'));
+    add("dir/deeper/and/deeper/and/deeper/still/file", "deep");
+    add("gr\xC3\xBC\xC3\x9F"
+        "e \xE2\x82\xAC \xF0\x9F\x98\x80.txt",
+        "unicode");
+    add(std::string(251, 'n') + ".ext", "long");
+    std::filesystem::create_directory(tree_ + "/empty dir");
+    std::filesystem::create_symlink("small.txt", tree_ + "/link");
+    std::filesystem::create_symlink("/no/where", tree_ + "/dangling");
+    EXPECT_EQ(said("put", {tree_ + "/.", "/"}), "7 files, 8 directories, 2 links, 2.9 MiB\n");
+    expect_clean();
+    const std::string out = scratch_.file("out");
+    EXPECT_EQ(said("get", {"/", out}), "7 files, 8 directories, 2 links, 2.9 MiB\n");
+    expect_same(out);
+}
+
+TEST_P(QvolTrees, KeepModificationTimes) {
+    add("dir/file", "x");
+    ASSERT_EQ(run({"touch", "-d", "2020-02-29 12:34:56", tree_ + "/dir/file"}).status, 0);
+    ASSERT_EQ(run({"touch", "-d", "2021-01-01 01:02:04", tree_ + "/dir"}).status, 0);
+    said("put", {tree_ + "/dir", "/"});
+    const std::string out = scratch_.file("out");
+    said("get", {"/dir", out});
+    EXPECT_EQ(run({"stat", "-c", "%y", out + "/file", out}).out,
+              "2020-02-29 12:34:56.000000000 +0000\n2021-01-01 01:02:04.000000000 +0000\n");
+}
+
+TEST_P(QvolTrees, FitThousandsOfLikeNamesIntoOneDirectory) {
+    for (int i = 0; i < 5000; i++) {
+        std::ofstream(tree_ + "/IMG_20240101_" + std::to_string(100000 + i) + ".jpeg") << i;
+    }
+    said("put", {tree_, "/photos"});
+    expect_clean();
+    const std::string out = scratch_.file("out");
+    said("get", {"/photos", out});
+    expect_same(out);
+    EXPECT_EQ(run({"mtype", "-i", image_, "::/photos/IMG_20240101_104321.jpeg"}),
+              (outcome{0, "4321", ""}));
+}
+
+TEST_P(QvolTrees, MergeIntoDirectoriesThatExist) {
+    add("dir/new", "new");
+    add("dir/old", "changed");
+    said("mkdir", {"-p", "/dir/kept"});
+    said("put", {host_file("old", "before, and longer than one cluster" + std::string(5000, '.')),
+                 "/dir"});
+    EXPECT_EQ(qvol("put", {tree_ + "/.", "/"}),
+              (outcome{1, "",
+                       "qvol: not everything can be stored; nothing was written\n"
+                       "  /dir/old: exists; --force replaces it\n"}));
+    EXPECT_EQ(said("ls", {"/dir"}), "kept\nold\n");
+    said("put", {"--force", tree_ + "/.", "/"});
+    EXPECT_EQ(said("ls", {"/dir"}), "kept\nnew\nold\n");
+    EXPECT_EQ(said("cat", {"/dir/old"}), "changed");
+    expect_clean(); // the clusters of what was replaced are free again
+}
+
+TEST_F(Qvol16, PutsOneSourceUnderANewName) {
+    said("put", {host_file("in", "content"), "/new name"});
+    EXPECT_EQ(said("ls"), "new name\n");
+    EXPECT_EQ(qvol("put", {host_file("a", ""), host_file("b", ""), "/missing"}),
+              (outcome{1, "", "qvol: /missing: no such directory; \"qvol mkdir\" makes it\n"}));
+}
+
+TEST_F(Qvol16, TakesAPathWithASlashForADirectory) {
+    EXPECT_EQ(qvol("put", {host_file("in", "x"), "/new/"}),
+              (outcome{1, "", "qvol: /new: no such directory; \"qvol mkdir\" makes it\n"}));
+    EXPECT_EQ(said("ls"), "");
+}
+
+TEST_F(Qvol16, ListsEverythingThatCannotBeStoredAtOnce) {
+    const std::string tree = scratch_.file("tree");
+    host_file("tree/a:b", "");
+    host_file("tree/con", "");
+    host_file("tree/Readme", "");
+    host_file("tree/README", "");
+    host_file("tree/trailing.", "");
+    host_file("tree/bad\xFF", "");
+    (void)scratch_.sparse_file("tree/huge", std::uint64_t{1} << 32);
+    ASSERT_EQ(mkfifo((tree + "/pipe").c_str(), 0600), 0);
+    const bytes before = read_file(image_);
+    const outcome refused = qvol("put", {tree, "/"});
+    EXPECT_EQ(refused,
+              (outcome{1, "",
+                       "qvol: not everything can be stored; nothing was written\n"
+                       "  " +
+                           tree +
+                           "/a:b: it holds ':'\n"
+                           "  $'" +
+                           tree +
+                           "/bad\\xff': its name is no text in the encoding of names\n"
+                           "  " +
+                           tree +
+                           "/con: it is the name of a device\n"
+                           "  " +
+                           tree +
+                           "/huge: a file of 4 GiB or more does not fit into a FAT volume\n"
+                           "  " +
+                           tree +
+                           "/pipe: neither a file, a directory nor a link; --skip-special "
+                           "leaves it out\n"
+                           "  " +
+                           tree +
+                           "/trailing.: it ends with a blank or a dot, which would be cut "
+                           "off\n"
+                           "  " +
+                           tree + "/Readme: its name differs from that of " + tree +
+                           "/README at most in case\n"}));
+    EXPECT_EQ(read_file(image_), before);
+}
+
+TEST_F(Qvol16, TellsHowMuchSpaceIsMissing) {
+    const bytes before = read_file(image_);
+    const std::string big = scratch_.sparse_file("big", 30 << 20);
+    const outcome refused = qvol("put", {big, "/"});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.err.substr(0, 62),
+              "qvol: no space: 30.0 MiB are needed, the volume has 19.9 MiB l")
+        << refused;
+    EXPECT_EQ(read_file(image_), before);
+}
+
+TEST_F(Qvol16, TellsWhichFileHasNoPlace) {
+    const std::string tree = scratch_.file("tree");
+    for (int i = 0; i < 200; i++) {
+        host_file("tree/three slots for each " + std::to_string(1000 + i), "x");
+    }
+    const bytes before = read_file(image_);
+    EXPECT_EQ(
+        qvol("put", {tree + "/.", "/"}),
+        (outcome{
+            1, "",
+            "qvol: " + tree +
+                "/./three slots for each 1170: the root directory is full: a "
+                "FAT16 root has 512 entries; use a directory below it; nothing was written\n"}));
+    EXPECT_EQ(read_file(image_), before);
+}
+
+TEST_F(Qvol16, GetsWithoutReplacingUnlessForced) {
+    said("put", {host_file("in", "volume"), "/file"});
+    const std::string out = host_file("out", "host");
+    EXPECT_EQ(qvol("get", {"/file", out}),
+              (outcome{1, "", "qvol: /file: " + out + ": exists; --force replaces it\n"}));
+    said("get", {"--force", "/file", out});
+    EXPECT_EQ(read_file(out), (bytes{'v', 'o', 'l', 'u', 'm', 'e'}));
+}
+
+// ---- hostile volumes --------------------------------------------------------------------------
+
+class QvolHostile : public Qvol16 {
+protected:
+    // Overwrites the units of the only long name of the volume that begins with `from`.
+    void rename_on_medium(const std::string &from, const std::u16string &to) {
+        bytes image = read_file(image_);
+        for (std::size_t slot = 0; slot + 32 <= image.size(); slot += 32) {
+            if (image[slot] != 0x41 || image[slot + 11] != 0x0F ||
+                image[slot + 1] != static_cast<std::uint8_t>(from[0]) ||
+                image[slot + 3] != static_cast<std::uint8_t>(from[1])) {
+                continue;
+            }
+            static constexpr std::size_t OFFSETS[] = {1,  3,  5,  7,  9,  14, 16,
+                                                      18, 20, 22, 24, 28, 30};
+            for (std::size_t i = 0; i < 13; i++) {
+                const char16_t unit = i < to.size() ? to[i] : i == to.size() ? u'\0' : u'\xFFFF';
+                image[slot + OFFSETS[i]] = static_cast<std::uint8_t>(unit & 0xFF);
+                image[slot + OFFSETS[i] + 1] = static_cast<std::uint8_t>(unit >> 8);
+            }
+        }
+        (void)scratch_.file_with("disk.img", image);
+    }
+    std::string outside() {
+        return scratch_.file("outside");
+    }
+};
+
+TEST_F(QvolHostile, NamesThatLeadElsewhereAreQuotedAndNotMade) {
+    said("put", {host_file("innocent", "x"), "/"});
+    rename_on_medium("innocent", u"../outside");
+    EXPECT_EQ(said("ls"), "$'../outside'\n");
+    const std::string out = scratch_.file("out");
+    EXPECT_EQ(qvol("get", {"/", out}),
+              (outcome{1, "",
+                       "qvol: these names are not made on the host; nothing was written\n"
+                       "  /$'../outside': it would lead elsewhere\n"}));
+    EXPECT_FALSE(std::filesystem::exists(out));
+    EXPECT_FALSE(std::filesystem::exists(outside()));
+}
+
+TEST_F(QvolHostile, EscapesNeverReachTheTerminal) {
+    said("put", {host_file("innocent", "x"), "/"});
+    rename_on_medium("innocent", u"\x1B[31mred");
+    for (const char *command : {"ls", "tree"}) {
+        EXPECT_EQ(said(command).find('\x1B'), std::string::npos) << command;
+    }
+    EXPECT_EQ(said("ls", {"-l"}).find('\x1B'), std::string::npos);
+    EXPECT_EQ(said("ls", {"--json"}).find('\x1B'), std::string::npos);
+    const outcome refused = qvol("get", {"/", scratch_.file("out")});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.err.find('\x1B'), std::string::npos);
+}
+
+// A link "aa" to a directory outside, and a directory with the same name behind it.
+TEST_F(QvolHostile, NothingIsWrittenThroughALinkJustMade) {
+    std::filesystem::create_directory(outside());
+    said("ln", {outside(), "/aa link"});
+    said("mkdir", {"/bb dir"});
+    said("put", {host_file("prey", "x"), "/bb dir"});
+    rename_on_medium("bb", u"aa link");
+    for (const bool is_forced : {false, true}) {
+        const std::string out = scratch_.file(is_forced ? "forced" : "out");
+        std::vector<std::string> arguments = {"/", out};
+        if (is_forced) {
+            arguments.push_back("--force");
+        }
+        const outcome refused = qvol("get", arguments);
+        EXPECT_EQ(refused.status, 1) << refused;
+        EXPECT_NE(refused.err.find("exists and is no directory"), std::string::npos) << refused;
+        EXPECT_TRUE(std::filesystem::is_empty(outside()));
+    }
+}
+
+TEST_F(QvolHostile, DirectoriesThatLeadBackEnd) {
+    said("mkdir", {"-p", "/aa dir/bb dir"});
+    said("put", {host_file("file", "x"), "/aa dir"});
+    bytes image = read_file(image_);
+    const std::uint32_t root = layout_of(image_).rdir_start * 512;
+    for (std::size_t slot = root; slot + 32 <= image.size(); slot += 32) {
+        if (std::equal(image.begin() + static_cast<std::ptrdiff_t>(slot),
+                       image.begin() + static_cast<std::ptrdiff_t>(slot) + 4, "BBDI")) {
+            image[slot + 26] = 2; // the cluster of "aa dir"
+        }
+    }
+    (void)scratch_.file_with("disk.img", image);
+    const outcome walked = qvol("tree");
+    EXPECT_EQ(walked.status, 1);
+    EXPECT_EQ(walked.err,
+              "qvol: /aa dir/bb dir: leads back into a directory that was met before\n");
+    EXPECT_EQ(qvol("get", {"/", scratch_.file("out")}).status, 1);
+    EXPECT_EQ(qvol("rm", {"-r", "/aa dir"}).status, 1);
+}
+
+// ---- looking ----------------------------------------------------------------------------------
+
+TEST_F(Qvol16, ShowsATree) {
+    said("mkdir", {"-p", "/a/b", "/c"});
+    said("put", {host_file("file.txt", "x"), "/a"});
+    EXPECT_EQ(said("tree"), "/\n"
+                            "├── a\n"
+                            "│   ├── b\n"
+                            "│   └── file.txt\n"
+                            "└── c\n"
+                            "3 directories, 1 file, 0 links\n");
+}
+
+TEST_F(Qvol16, StatShowsTheEntryAndItsChain) {
+    ASSERT_EQ(
+        run({"touch", "-d", "2020-02-29 12:34:56", host_file("Some File", std::string(5000, 'x'))})
+            .status,
+        0);
+    said("put", {scratch_.file("Some File"), "/"});
+    const std::uint32_t sector = layout_of(image_).rdir_start;
+    EXPECT_EQ(said("stat", {"/Some File"}), "path        /Some File\n"
+                                            "kind        file\n"
+                                            "short name  SOMEFI~1\n"
+                                            "long name   yes\n"
+                                            "size        5000 bytes\n"
+                                            "modified    2020-02-29 12:34:56\n"
+                                            "attributes  ----- (0x00)\n"
+                                            "entry       sector " +
+                                                std::to_string(sector) +
+                                                ", offset 32, slot 1, 2 slots\n"
+                                                "chain       2-4\n");
+}
+
+TEST_F(Qvol16, OwnerNamesThePathOfACluster) {
+    said("mkdir", {"/dir"});
+    said("put", {host_file("file", std::string(5000, 'x')), "/dir"});
+    EXPECT_EQ(qvol("owner", {"2"}), (outcome{0, "/dir\n", ""}));
+    EXPECT_EQ(qvol("owner", {"5"}), (outcome{0, "/dir/file\n", ""}));
+    EXPECT_EQ(qvol("owner", {"6"}), (outcome{1, "", "qvol: cluster 6 is free\n"}));
+    EXPECT_EQ(qvol("owner", {"1"}).status, 1);
+}
+
+TEST_F(Qvol16, DumpsFatClusterAndFile) {
+    said("put", {host_file("file", "content"), "/"});
+    const bytes image = read_file(image_);
+    const volume_layout layout = layout_of(image_);
+    const auto part = [&](std::size_t first, std::size_t count) {
+        return bytes(image.begin() + static_cast<std::ptrdiff_t>(first * 512),
+                     image.begin() + static_cast<std::ptrdiff_t>((first + count) * 512));
+    };
+    said("dump", {"fat", scratch_.file("fat.bin")});
+    EXPECT_EQ(read_file(scratch_.file("fat.bin")), part(0, layout.fat_start + layout.fat_size));
+    said("dump", {"cluster", "2", scratch_.file("cluster.bin")});
+    EXPECT_EQ(read_file(scratch_.file("cluster.bin")), part(layout.data_start, 4));
+    said("dump", {"file", "/file", scratch_.file("file.bin")});
+    EXPECT_EQ(read_file(scratch_.file("file.bin")), (bytes{'c', 'o', 'n', 't', 'e', 'n', 't'}));
+    EXPECT_EQ(qvol("dump", {"fat", scratch_.file("fat.bin")}).status, 1);
+    EXPECT_EQ(qvol("dump", {"cluster", "x", scratch_.file("new")}).status, 2);
+}
+
+TEST_F(Qvol16, GivesFastPathsOfFilesAndDirectories) {
+    said("mkdir", {"/dir"});
+    said("put", {host_file("KERNEL.BIN", "x"), "/dir"});
+    const std::string of_file = said("fastpath", {"/dir/KERNEL.BIN"});
+    EXPECT_EQ(of_file.substr(0, 3), "<?>");
+    EXPECT_EQ(of_file.substr(19), " /dir/KERNEL.BIN\n");
+    EXPECT_EQ(said("fastpath", {"--dir", "/dir"}), of_file);
+    EXPECT_EQ(qvol("fastpath", {"/dir"}).status, 1);
+    EXPECT_EQ(qvol("fastpath").status, 2);
+}
+
+// ---- the volume as a whole --------------------------------------------------------------------
+
+TEST_P(QvolBoth, MakesPoolAndLogThatTheJudgesAccept) {
+    said("pool");
+    said("log");
+    EXPECT_EQ(said("ls"), "$ZUQ_LOG.LO$\nZUQ_POOL.SY$\n");
+    EXPECT_EQ(qvol("pool"), (outcome{1, "", "qvol: /ZUQ_POOL.SY$: exists\n"}));
+    expect_clean();
+}
+
+TEST_P(QvolBoth, MirrorMakesTheCopiesEqual) {
+    said("put", {host_file("file", std::string(100000, 'x')), "/"});
+    EXPECT_EQ(said("mirror"), "all FAT copies are equal\n");
+    const volume_layout layout = layout_of(image_);
+    bytes image = read_file(image_);
+    const std::size_t second = (layout.fat_start + layout.fat_size) * layout.sector_size;
+    image.at(second + 40) ^= 0xFF;
+    (void)scratch_.file_with("disk.img", image);
+    EXPECT_EQ(said("mirror"), "1 sector of FAT copies changed\n");
+    expect_clean();
+}
+
+TEST_P(QvolBoth, CompactCutsTheImageToItsUse) {
+    said("put", {host_file("file", std::string(100000, 'x')), "/"});
+    const std::string before = said("ls", {"-l"});
+    said("compact");
+    EXPECT_LT(std::filesystem::file_size(image_), std::uint64_t{2} << 20);
+    EXPECT_EQ(said("ls", {"-l"}), before);
+    const std::string out = scratch_.file("out");
+    said("get", {"/file", out});
+    EXPECT_EQ(read_file(out), bytes(100000, 'x'));
+    said("put", {host_file("more", std::string(3000, 'y')), "/"});
+    EXPECT_EQ(said("cat", {"/more"}), std::string(3000, 'y'));
+}
+
+TEST_P(QvolBoth, InfoTellsTheTruthAboutClusters) {
+    said("put", {host_file("file", std::string(100000, 'x')), "/"});
+    const outcome judged = run({"fsck.fat", "-nv", image_});
+    const std::string info = said("info", {"--json"});
+    const auto number = [&](const std::string &key) {
+        const std::size_t at = info.find('"' + key + "\": ");
+        return at == std::string::npos
+                   ? std::string()
+                   : std::to_string(std::stoul(info.substr(at + key.size() + 4)));
+    };
+    EXPECT_NE(judged.out.find(number("used_clusters") + "/" + number("clusters") + " clusters"),
+              std::string::npos)
+        << judged << info;
+}

@@ -1,0 +1,331 @@
+// The FAT in memory and directories in memory: allocation, chains, finding, adding, removing, and
+// what reaches the medium when.
+
+#include "qvol/directory.h"
+#include "qvol/error.h"
+#include "qvol/fat_table.h"
+#include "qvol/file_data.h"
+#include "qvol/path.h"
+#include "qvol/session.h"
+#include "qvol/tree.h"
+
+#include "tests/support/files.h"
+#include "tests/support/process.h"
+
+#include <gtest/gtest.h>
+
+using namespace qvol;
+using testing_support::bytes;
+using testing_support::outcome;
+using testing_support::scratch_directory;
+
+namespace {
+
+// A mounted volume of the width that the test names.
+class QvolVolume : public testing::TestWithParam<const char *> {
+protected:
+    void SetUp() override {
+        const std::string width = GetParam();
+        image_ = scratch_.sparse_file("disk.img", width == "16" ? 20 << 20 : 40 << 20);
+        const outcome formatted =
+            testing_support::run({testing_support::tool_path(), "-F", width, "-S", "512", "-s",
+                                  width == "16" ? "4" : "1", "-p", "0", image_});
+        ASSERT_EQ(formatted.status, 0) << formatted;
+        fat_set_diagnostics(nullptr);
+        open();
+    }
+    ~QvolVolume() override {
+        volume_.reset();
+        target_.reset();
+        fat_set_diagnostics(stderr);
+    }
+
+    void open() {
+        volume_.reset();
+        target_.reset();
+        target_ = std::make_unique<target>(image_, access::WRITE);
+        volume_ = std::make_unique<volume>(*target_, "UTF-8");
+    }
+
+    fat_table &table() {
+        return volume_->fat();
+    }
+    static new_entry file(std::u16string name) {
+        return {std::move(name), kind::FILE, 0, 0, {}};
+    }
+
+    scratch_directory scratch_;
+    std::string image_;
+    std::unique_ptr<target> target_;
+    std::unique_ptr<volume> volume_;
+};
+INSTANTIATE_TEST_SUITE_P(Fat, QvolVolume, testing::Values("16", "32"),
+                         [](const auto &tested) { return std::string(tested.param); });
+
+std::vector<std::u16string> names_in(const directory &dir) {
+    std::vector<std::u16string> names;
+    for (const entry &found : listed_entries(dir)) {
+        names.push_back(found.name);
+    }
+    return names;
+}
+
+} // namespace
+
+// ---- the FAT ----------------------------------------------------------------------------------
+
+TEST_P(QvolVolume, AllocatesTheLowestClustersAndLinksThem) {
+    const std::vector<u32> first = table().allocate(3);
+    EXPECT_EQ(runs_of(first).size(), 1U);
+    const std::vector<u32> second = table().allocate(2, first.back());
+    std::vector<u32> both = first;
+    both.insert(both.end(), second.begin(), second.end());
+    EXPECT_EQ(table().chain(first.front()), both);
+    EXPECT_EQ(table().chain(first.front(), 4).size(), 4U);
+}
+
+TEST_P(QvolVolume, CountsFreeClusters) {
+    const u32 before = table().free_count();
+    const std::vector<u32> clusters = table().allocate(10);
+    EXPECT_EQ(table().free_count(), before - 10);
+    table().release(clusters);
+    EXPECT_EQ(table().free_count(), before);
+    EXPECT_EQ(table().next_free(), clusters.front());
+}
+
+TEST_P(QvolVolume, AllocatesAllThereIsAndNotOneMore) {
+    const u32 all = table().free_count();
+    EXPECT_THROW((void)table().allocate(all + 1), no_space);
+    EXPECT_EQ(table().free_count(), all);
+    EXPECT_EQ(table().allocate(all).size(), all);
+    EXPECT_EQ(table().highest_used(), table().last_cluster());
+    EXPECT_EQ(table().next_free(), fat::FSINFO_UNKNOWN);
+    EXPECT_THROW((void)table().allocate(1), no_space);
+}
+
+TEST_P(QvolVolume, WritesChangesToEveryCopyAndNotBefore) {
+    const bytes before = testing_support::read_file(image_);
+    const u32 cluster = table().allocate(1).front();
+    EXPECT_EQ(testing_support::read_file(image_), before);
+    table().write_changes();
+    open();
+    EXPECT_TRUE(fat::is_end_of_chain(table().get(cluster)));
+    EXPECT_EQ(table().mirror(), 0U);
+}
+
+TEST_P(QvolVolume, ForgetsWhatWasNotWritten) {
+    const u32 before = table().free_count();
+    (void)table().allocate(5);
+    table().forget_changes();
+    EXPECT_EQ(table().free_count(), before);
+}
+
+TEST_P(QvolVolume, RefusesChainsThatLeadNowhere) {
+    const std::vector<u32> clusters = table().allocate(3);
+    table().set(clusters[2], clusters[0]);
+    EXPECT_THROW((void)table().chain(clusters[0]), error);
+    table().set(clusters[2], 0);
+    EXPECT_THROW((void)table().chain(clusters[0]), error);
+    table().set(clusters[2], 1);
+    EXPECT_THROW((void)table().chain(clusters[0]), error);
+    table().set(clusters[2], table().last_cluster() + 1);
+    EXPECT_THROW((void)table().chain(clusters[0]), error);
+    EXPECT_THROW((void)table().chain(0), error);
+    EXPECT_THROW((void)table().get(table().last_cluster() + 1), error);
+}
+
+TEST_P(QvolVolume, KeepsTheReservedBitsOfAnEntry) {
+    table().set(100, 0xFFFFFFFF);
+    table().set(100, 0);
+    EXPECT_EQ(table().get(100), 0U);
+}
+
+// ---- directories ------------------------------------------------------------------------------
+
+TEST_P(QvolVolume, FindsWhatWasAdded) {
+    directory root = volume_->root();
+    root.add(file(u"A Long Name.text"));
+    root.add(file(u"PLAIN.TXT"));
+    EXPECT_EQ(root.find(u"a long NAME.text")->name, u"A Long Name.text");
+    EXPECT_EQ(root.find(u"ALONGN~1.TEX")->name, u"A Long Name.text");
+    EXPECT_EQ(root.find_name(u"ALONGN~1.TEX"), nullptr);
+    EXPECT_FALSE(root.find(u"plain.txt")->has_long_name);
+    EXPECT_EQ(root.find(u"missing"), nullptr);
+}
+
+TEST_P(QvolVolume, KeepsWhatWasAddedAcrossOpening) {
+    directory root = volume_->root();
+    const std::vector<std::u16string> names = {u"12345678901234567890123456", u"PLAIN", u"a",
+                                               std::u16string(255, u'x'), u"thirteen unit"};
+    for (const std::u16string &name : names) {
+        root.add(file(name));
+    }
+    volume_->commit_additions({&root});
+    open();
+    EXPECT_EQ(names_in(volume_->root()),
+              (std::vector<std::u16string>{names[0], names[1], names[2], names[4], names[3]}));
+}
+
+TEST_P(QvolVolume, RefusesNamesThatDifferInCaseAlone) {
+    directory root = volume_->root();
+    root.add(file(u"Name"));
+    EXPECT_THROW(root.add(file(u"nAME")), error);
+    EXPECT_EQ(names_in(root), std::vector<std::u16string>{u"Name"});
+}
+
+TEST_P(QvolVolume, UsesTheSlotsOfRemovedNamesFirst) {
+    directory root = volume_->root();
+    const u32 slot = root.add(file(u"a name of three slots")).slot;
+    root.add(file(u"behind"));
+    root.remove(*root.find(u"a name of three slots"));
+    EXPECT_EQ(root.find(u"a name of three slots"), nullptr);
+    EXPECT_EQ(root.add(file(u"another with three")).slot, slot);
+}
+
+TEST_P(QvolVolume, GrowsADirectoryAsFarAsOthersReadIt) {
+    directory root = volume_->root();
+    directory dir = directory::make(table(), root, {});
+    std::u16string long_name(254, u'x');
+    u32 added = 0;
+    EXPECT_THROW(
+        for (;; added++) {
+            dir.add(file(long_name.substr(0, 250) + units_of_utf8(std::to_string(added)).value()));
+        },
+        error);
+    EXPECT_EQ(added, (65536U - 2) / 21);
+}
+
+TEST_P(QvolVolume, MakesADirectoryThatKnowsItsParent) {
+    directory root = volume_->root();
+    directory outer = directory::make(table(), root, {});
+    directory inner = directory::make(table(), outer, {});
+    const auto parent_of = [](const directory &dir) { return dir.entries().at(1).start(); };
+    EXPECT_EQ(parent_of(outer), 0U);
+    EXPECT_EQ(parent_of(inner), outer.start());
+    inner.set_parent(0);
+    EXPECT_EQ(parent_of(inner), 0U);
+    EXPECT_TRUE(inner.is_empty());
+}
+
+// What lies behind the end of a directory is not zero on every medium.
+TEST_P(QvolVolume, KeepsTheEndOfADirectoryBehindWhatIsAdded) {
+    directory root = volume_->root();
+    const fat::dentry_location end = root.location(static_cast<u32>(root.entries().size()) + 5);
+    std::vector<u8> sector(512);
+    ASSERT_EQ(read_sectors(sector.data(), end.sector, 1), 1);
+    for (u32 slot = static_cast<u32>(root.entries().size()) + 1; slot < 16; slot++) {
+        std::fill_n(sector.begin() + slot * 32, 11, u8{'Z'});
+    }
+    ASSERT_EQ(write_sectors(sector.data(), end.sector, 1), 1);
+    directory changed = volume_->root();
+    changed.add(file(u"NEW"));
+    volume_->commit_additions({&changed});
+    EXPECT_EQ(names_in(volume_->root()), std::vector<std::u16string>{u"NEW"});
+}
+
+TEST_P(QvolVolume, SlotsThatBelongToNoEntryAreLeftOut) {
+    directory root = volume_->root();
+    const entry added = root.add(file(u"a name of three slots"));
+    volume_->commit_additions({&root});
+    const fat::dentry_location place = root.location(added.slot);
+    std::vector<u8> sector(512);
+    ASSERT_EQ(read_sectors(sector.data(), place.sector, 1), 1);
+    sector[place.offset] = 'X'; // the checksum of the slots fits no more
+    ASSERT_EQ(write_sectors(sector.data(), place.sector, 1), 1);
+    const std::vector<entry> found = listed_entries(volume_->root());
+    ASSERT_EQ(found.size(), 1U);
+    EXPECT_FALSE(found[0].has_long_name);
+    EXPECT_EQ(found[0].name, u"XNAMEO~1");
+}
+
+TEST_P(QvolVolume, FillsTheGapsOfManyRemovedNames) {
+    directory root = volume_->root();
+    directory dir = directory::make(table(), root, {});
+    const auto name = [](const char *prefix, u32 i) {
+        return units_of_utf8(prefix + std::to_string(10000 + i)).value();
+    };
+    for (u32 i = 0; i < 5000; i++) {
+        dir.add(file(name("three slots for this ", i)));
+    }
+    const std::size_t clusters = dir.clusters().size();
+    for (u32 i = 0; i < 5000; i += 2) {
+        dir.remove(*dir.find(name("three slots for this ", i)));
+    }
+    for (u32 i = 0; i < 2500; i++) {
+        dir.add(file(name("and three for that ", i)));
+    }
+    EXPECT_EQ(dir.clusters().size(), clusters);
+    EXPECT_EQ(listed_entries(dir).size(), 5000U);
+}
+
+// The library finds a name with a long form as it is spelt, and one that 8.3 holds in one case by
+// its short form.
+TEST_P(QvolVolume, StoresNamesThatTheLibraryFinds) {
+    directory root = volume_->root();
+    const std::vector<std::string> names = {"PLAIN.TXT",
+                                            "lower.txt",
+                                            "Mixed.Txt",
+                                            "a long name.text",
+                                            ".hidden",
+                                            "a.b.c",
+                                            "gr\xC3\xBC\xC3\x9F"
+                                            "e and more.txt",
+                                            "READ~1.TXT",
+                                            "noext"};
+    for (const std::string &name : names) {
+        root.add(file(units_of_utf8(name).value()));
+    }
+    volume_->commit_additions({&root});
+    open(); // the library's record of the root does not grow with the directory
+    ASSERT_EQ(fat_set_encoding("UTF-8"), 0);
+    std::set<std::string> listed;
+    fat_entry_info info;
+    for (uint32_t index = 0; fat_next_entry(0, &index, &info) == 1;) {
+        listed.insert(info.name);
+    }
+    EXPECT_EQ(listed, std::set<std::string>(names.begin(), names.end()));
+    for (const std::string &name : names) {
+        const int id = fat_open_file(name.c_str());
+        EXPECT_GT(id, 0) << name;
+        fat_close(id);
+    }
+}
+
+// ---- paths ------------------------------------------------------------------------------------
+
+TEST_P(QvolVolume, TakesPathsApart) {
+    const name_codec names;
+    const name_path expected = {u"a", u"b"};
+    for (const char *path : {"/a/b", "a/b", "//a//b/", "/./a/./b/.", "/a/c/../b", "/../a/b"}) {
+        EXPECT_EQ(parse_path(names, path), expected) << path;
+    }
+    EXPECT_EQ(parse_path(names, "/.."), name_path());
+    EXPECT_EQ(shown_path(names, expected), "/a/b");
+    EXPECT_EQ(shown_path(names, {}), "/");
+}
+
+// ---- data -------------------------------------------------------------------------------------
+
+TEST_P(QvolVolume, GathersTheDataOfManyFiles) {
+    const std::vector<u32> clusters = table().allocate(8);
+    const std::vector<u32> odd = {clusters[0], clusters[1], clusters[5]};
+    const std::vector<u32> even = {clusters[2], clusters[3], clusters[4]};
+    const u32 size = 2 * fat::cluster_bytes() + 100;
+    const std::vector<u8> ones(size, 1);
+    const std::vector<u8> twos(size, 2);
+    data_writer writer;
+    for (const auto &[where, what] : {std::pair(&odd, &ones), std::pair(&even, &twos)}) {
+        writer.begin(*where);
+        writer.append(std::span(*what).first(700));
+        writer.append(std::span(*what).subspan(700));
+        writer.end();
+    }
+    writer.flush();
+    for (const auto &[where, what] : {std::pair(&odd, &ones), std::pair(&even, &twos)}) {
+        std::vector<u8> back;
+        read_data(*where, size, [&](std::span<const u8> piece) {
+            back.insert(back.end(), piece.begin(), piece.end());
+        });
+        EXPECT_EQ(back, *what);
+    }
+}
