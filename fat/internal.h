@@ -1,4 +1,4 @@
-// The library's inside: what its sources share. Nothing outside fat/ includes this.
+// What the sources of the library share. Outside fat/ only qvol and the tests include this.
 //
 // Layers, from the ground up:
 //   diag, bytes, layout, resources  ground
