@@ -26,10 +26,8 @@ using heap_ptr = std::unique_ptr<T, free_block>;
 // the address space of a 32-bit host counts as no room.
 [[nodiscard]] inline heap_ptr<u8> zeroed_bytes(u32 count, u32 unit = 1) {
     std::size_t size = 0;
-    if (__builtin_mul_overflow(count, unit, &size)) {
-        return nullptr;
-    }
-    void *block = std::malloc(size);
+    const bool fits = !__builtin_mul_overflow(count, unit, &size);
+    void *block = fits ? std::malloc(size) : nullptr;
     if (block != nullptr) {
         std::memset(block, 0, size);
     }
