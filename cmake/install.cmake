@@ -1,0 +1,92 @@
+# What `cmake --install` lays down, in the components that become the Debian packages: `tools`,
+# `runtime` (the shared library) and `development`.
+
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+# Where the documents for those who program with the library go; a distribution has its own place.
+set(QUORVEL_DEVELOPMENT_DOCDIR ${CMAKE_INSTALL_DOCDIR} CACHE STRING
+    "Where the documents and examples of the library go")
+mark_as_advanced(QUORVEL_DEVELOPMENT_DOCDIR)
+
+install(TARGETS quorvel RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT tools)
+if(QUORVEL_BUILD_QVOL)
+  install(TARGETS qvol RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+endif()
+
+# ---- the libraries ----------------------------------------------------------------------------
+
+install(
+  TARGETS fat fat_shared
+  EXPORT quorvelTargets
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES fat/fat.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/fat COMPONENT development)
+
+set(cmake_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/quorvel)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/quorvelConfigVersion.cmake
+                                 COMPATIBILITY SameMajorVersion)
+install(EXPORT quorvelTargets NAMESPACE quorvel:: DESTINATION ${cmake_package_dir}
+        COMPONENT development)
+install(FILES cmake/quorvelConfig.cmake ${PROJECT_BINARY_DIR}/quorvelConfigVersion.cmake
+        DESTINATION ${cmake_package_dir} COMPONENT development)
+
+# pkg-config finds the prefix from where quorvel.pc lies, so that a moved prefix works.
+file(RELATIVE_PATH prefix_from_pc ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" prefix_from_pc "${prefix_from_pc}")
+foreach(dir LIBDIR INCLUDEDIR)
+  cmake_path(IS_ABSOLUTE CMAKE_INSTALL_${dir} is_absolute)
+  if(is_absolute)
+    set(PC_${dir} ${CMAKE_INSTALL_${dir}})
+  else()
+    set(PC_${dir} "\${prefix}/${CMAKE_INSTALL_${dir}}")
+  endif()
+endforeach()
+configure_file(cmake/quorvel.pc.in quorvel.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/quorvel.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+        COMPONENT development)
+
+# ---- manual pages, completions, documents ------------------------------------------------------
+
+# Each manual page goes into the directory of its section; in a Debian package it is compressed.
+# The pages of programs belong to these, the others to those who program.
+file(GLOB manual_pages CONFIGURE_DEPENDS man/*.[1-8])
+foreach(page IN LISTS manual_pages)
+  cmake_path(GET page EXTENSION LAST_ONLY section)
+  string(SUBSTRING ${section} 1 -1 section)
+  set(component tools)
+  if(section EQUAL 3)
+    set(component development)
+  endif()
+  if(QUORVEL_DEBIAN)
+    cmake_path(GET page FILENAME name)
+    set(compressed ${PROJECT_BINARY_DIR}/man/${name}.gz)
+    file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/man)
+    execute_process(COMMAND gzip -9n INPUT_FILE ${page} OUTPUT_FILE ${compressed}
+                            COMMAND_ERROR_IS_FATAL ANY)
+    set(page ${compressed})
+  endif()
+  install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT ${component})
+endforeach()
+
+# completions/NAME for bash, completions/_NAME for zsh
+file(GLOB completions CONFIGURE_DEPENDS completions/*)
+foreach(completion IN LISTS completions)
+  cmake_path(GET completion FILENAME name)
+  if(name MATCHES "^_")
+    set(directory zsh/vendor-completions)
+  else()
+    set(directory bash-completion/completions)
+  endif()
+  string(REGEX REPLACE "\\.bash$" "" installed_name ${name})
+  install(FILES ${completion} DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/${directory}
+          RENAME ${installed_name} COMPONENT tools)
+endforeach()
+
+foreach(directory docs examples)
+  if(EXISTS ${PROJECT_SOURCE_DIR}/${directory})
+    install(DIRECTORY ${directory} DESTINATION ${QUORVEL_DEVELOPMENT_DOCDIR} COMPONENT development
+            PATTERN CMakeLists.txt EXCLUDE)
+  endif()
+endforeach()
