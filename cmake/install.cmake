@@ -49,12 +49,20 @@ install(FILES ${PROJECT_BINARY_DIR}/quorvel.pc DESTINATION ${CMAKE_INSTALL_LIBDI
 
 # ---- manual pages, completions, documents ------------------------------------------------------
 
-# Each manual page goes into the directory of its section; in a Debian package it is compressed.
-# The pages of programs belong to these, the others to those who program.
-file(GLOB manual_pages CONFIGURE_DEPENDS man/*.[1-8])
+# The files of a directory, without those of a program that is not built.
+function(companions variable pattern)
+  file(GLOB found CONFIGURE_DEPENDS ${pattern})
+  if(NOT QUORVEL_BUILD_QVOL)
+    list(FILTER found EXCLUDE REGEX "/_?qvol[^/]*$")
+  endif()
+  set(${variable} ${found} PARENT_SCOPE)
+endfunction()
+
+# Pages about calls belong to those who program, the others to the programs. In a Debian package they
+# are compressed.
+companions(manual_pages man/*.[1-8])
 foreach(page IN LISTS manual_pages)
-  cmake_path(GET page EXTENSION LAST_ONLY section)
-  string(SUBSTRING ${section} 1 -1 section)
+  string(REGEX REPLACE ".*\\." "" section ${page})
   set(component tools)
   if(section EQUAL 3)
     set(component development)
@@ -70,19 +78,21 @@ foreach(page IN LISTS manual_pages)
   install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT ${component})
 endforeach()
 
-# completions/NAME for bash, completions/_NAME for zsh
-file(GLOB completions CONFIGURE_DEPENDS completions/*)
-foreach(completion IN LISTS completions)
-  cmake_path(GET completion FILENAME name)
-  if(name MATCHES "^_")
-    set(directory zsh/vendor-completions)
-  else()
-    set(directory bash-completion/completions)
-  endif()
-  string(REGEX REPLACE "\\.bash$" "" installed_name ${name})
-  install(FILES ${completion} DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/${directory}
-          RENAME ${installed_name} COMPONENT tools)
+# completions/NAME.bash for bash, completions/_NAME for zsh, which looks for those of a distribution
+# in a place of their own.
+set(zsh_directory zsh/site-functions)
+if(QUORVEL_DEBIAN)
+  set(zsh_directory zsh/vendor-completions)
+endif()
+companions(bash_completions completions/*.bash)
+foreach(completion IN LISTS bash_completions)
+  cmake_path(GET completion STEM program)
+  install(FILES ${completion} RENAME ${program} COMPONENT tools
+          DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions)
 endforeach()
+companions(zsh_completions completions/_*)
+install(FILES ${zsh_completions} DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/${zsh_directory}
+        COMPONENT tools)
 
 foreach(directory docs examples)
   if(EXISTS ${PROJECT_SOURCE_DIR}/${directory})
