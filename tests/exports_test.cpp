@@ -63,25 +63,42 @@ std::vector<std::string> pieces(const std::string &text, char separator) {
     return result;
 }
 
-// What the library's symbol table offers to other programs.
-names exported_names() {
+// What the library's symbol table offers to other programs, as NAME@@VERSION.
+names exported_symbols() {
     const outcome listed = run({"nm", "-D", "--defined-only", QUORVEL_SHARED_LIBRARY});
     EXPECT_EQ(listed.status, 0) << listed.err;
     names result;
     std::istringstream lines(listed.out);
     for (std::string line; std::getline(lines, line);) {
-        result.insert(line.substr(line.rfind(' ') + 1));
+        const bool is_version = line.find(" A ") != std::string::npos; // the node itself
+        if (!is_version) {
+            result.insert(line.substr(line.rfind(' ') + 1));
+        }
     }
     return result;
 }
 
-// What the linker is told to offer.
-names mapped_names() {
-    const std::string map = without_comments(source_text("fat/exports.map"));
-    const std::size_t begin = map.find("global:") + std::string("global:").size();
+names exported_names() {
     names result;
-    for (const std::string &entry : pieces(map.substr(begin, map.find("local:") - begin), ';')) {
-        result.insert(word_before(entry, entry.size()));
+    for (const std::string &symbol : exported_symbols()) {
+        result.insert(symbol.substr(0, symbol.find('@')));
+    }
+    return result;
+}
+
+// What the linker is told to offer, as NAME@@VERSION: each name under the node that lists it.
+names mapped_symbols() {
+    names result;
+    for (const std::string &node : pieces(without_comments(source_text("fat/exports.map")), '}')) {
+        const std::size_t brace = node.find('{');
+        const std::size_t before = node.rfind('\n', brace) + 1; // behind the end of the last node
+        const std::string version =
+            node.substr(before, node.find_last_not_of(" ", brace - 1) + 1 - before);
+        const std::size_t begin = node.find("global:") + std::string("global:").size();
+        for (const std::string &entry :
+             pieces(node.substr(begin, node.find("local:") - begin), ';')) {
+            result.insert(word_before(entry, entry.size()) + "@@" + version);
+        }
     }
     return result;
 }
@@ -120,8 +137,8 @@ names declared_names() {
 
 } // namespace
 
-TEST(SharedLibrary, ExportsTheMappedNamesAndNoOther) {
-    EXPECT_EQ(exported_names(), mapped_names());
+TEST(SharedLibrary, ExportsTheMappedNamesUnderTheirVersionAndNoOther) {
+    EXPECT_EQ(exported_symbols(), mapped_symbols());
 }
 
 TEST(SharedLibrary, ExportsEveryNameOfThePublicHeader) {

@@ -1,0 +1,14 @@
+# The CMake package of libquorvel: quorvel::fat (static) and quorvel::fat_shared. Both need nothing
+# but the C library.
+
+include(${CMAKE_CURRENT_LIST_DIR}/quorvelTargets.cmake)
+
+# The static library is written in C++ and needs no part of its run-time library: programs in C link
+# with it as such, also in projects that know no C++.
+get_target_property(quorvel_configurations quorvel::fat IMPORTED_CONFIGURATIONS)
+foreach(quorvel_configuration IN LISTS quorvel_configurations)
+  set_target_properties(quorvel::fat PROPERTIES
+                        IMPORTED_LINK_INTERFACE_LANGUAGES_${quorvel_configuration} C)
+endforeach()
+unset(quorvel_configuration)
+unset(quorvel_configurations)
