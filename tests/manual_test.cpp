@@ -2,6 +2,7 @@
 // header and the layout; and their form.
 
 #include "fat/layout.h"
+#include "tests/support/compile.h"
 #include "tests/support/files.h"
 #include "tests/support/help.h"
 #include "tests/support/mdoc.h"
@@ -364,10 +365,7 @@ TEST(Manual, TheExampleOfTheLibraryLeavesAFileOnTheImage) {
     const std::string source =
         scratch.file_with("example.c", bytes(program.begin(), program.end()));
     const std::string image = scratch.sparse_file("disk.img", 32 << 20);
-    EXPECT_EQ(
-        run({QUORVEL_C_COMPILER, "-std=c11", "-Wall", "-Wextra", "-Werror", "-I",
-             QUORVEL_SOURCE_DIR, source, QUORVEL_SHARED_LIBRARY, "-o", scratch.file("example")}),
-        (outcome{0, "", ""}));
+    compile({QUORVEL_C_COMPILER, "-std=c11"}, source, scratch.file("example"));
     EXPECT_EQ(run({scratch.file("example"), image}).status, 0);
     EXPECT_EQ(run_qvol({"cat", image, "/Shopping list.txt"}), (outcome{0, "milk", ""}));
 }
