@@ -1,11 +1,10 @@
 // The names that the shared library offers: those of the public header, and no other.
 
 #include "tests/support/process.h"
+#include "tests/support/source_tree.h"
 
 #include <algorithm>
 #include <cctype>
-#include <fstream>
-#include <iterator>
 #include <set>
 #include <sstream>
 #include <string>
@@ -18,22 +17,6 @@ using namespace testing_support;
 namespace {
 
 using names = std::set<std::string>;
-
-std::string source_text(const std::string &name) {
-    std::ifstream stream(std::string(QUORVEL_SOURCE_DIR) + "/" + name);
-    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
-}
-
-std::string without_comments(const std::string &text) {
-    std::string result;
-    for (std::size_t at = 0; at < text.size();) {
-        const std::size_t begin = text.find("/*", at);
-        result += text.substr(at, begin - at);
-        const std::size_t end = text.find("*/", begin);
-        at = begin == std::string::npos || end == std::string::npos ? text.size() : end + 2;
-    }
-    return result;
-}
 
 // The last word that ends in front of `end`.
 std::string word_before(const std::string &text, std::size_t end) {

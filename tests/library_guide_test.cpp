@@ -1,6 +1,7 @@
 // The programs that the library guide shows, compiled as they stand there and run.
 
 #include "fat/fat.h"
+#include "tests/support/compile.h"
 #include "tests/support/files.h"
 #include "tests/support/process.h"
 
@@ -43,21 +44,7 @@ protected:
         EXPECT_NE(text, "");
         const std::string source = scratch.file_with(file, bytes(text.begin(), text.end()));
         std::string program = scratch.file(file + ".program");
-        std::vector<std::string> command = std::move(compiler);
-        for (const std::string &argument :
-             {std::string("-Wall"), std::string("-Wextra"), std::string("-Werror"),
-              std::string("-I"), std::string(QUORVEL_SOURCE_DIR), source,
-              std::string(QUORVEL_LIBRARY), std::string("-o"), program}) {
-            command.push_back(argument);
-        }
-        if (QUORVEL_SANITIZED) {
-            command.push_back("-fsanitize=address,undefined"); // as the library is
-            command.push_back("-lstdc++");
-        }
-        if (QUORVEL_COVERED) {
-            command.push_back("--coverage");
-        }
-        EXPECT_EQ(run(command), (outcome{0, "", ""}));
+        compile(std::move(compiler), source, program);
         return program;
     }
 };

@@ -1,0 +1,111 @@
+# bash completion for qvol(1)                                             -*- shell-script -*-
+
+# The options of a command beyond those of every command.
+_qvol_options() {
+    case $1 in
+    build)
+        echo --cluster --compact --fat --force -f --from --label --log --no-mirror --page --pool \
+            --sector --short-names --size --skip-special
+        ;;
+    check) echo --repair ;;
+    dump | get | mv) echo --force -f ;;
+    fastpath) echo --dir ;;
+    ls) echo --long -l --recursive -R ;;
+    map) echo --force -f --svg ;;
+    mkdir) echo --parents -p ;;
+    put) echo --force -f --skip-special ;;
+    rm) echo --recursive -r ;;
+    esac
+}
+
+# The values of an option that takes one; fails for an option that takes none. "files" and
+# "directories" stand for those of the host, "any" for what nobody can guess.
+_qvol_values() {
+    case $1 in
+    --cluster) echo 512 1K 2K 4K 8K 16K 32K ;;
+    --dir | --label) echo any ;;
+    --encoding) echo UTF-8 ISO-8859-1 ISO-8859-15 CP437 CP850 CP1252 EUC-JP SHIFT-JIS GB18030 ;;
+    --fat) echo 16 32 ;;
+    --from) echo directories ;;
+    --page) echo 0 2K 4K 8K 16K ;;
+    --sector) echo 512 1K 2K 4K ;;
+    --size) echo auto ;;
+    --svg) echo files ;;
+    *) return 1 ;;
+    esac
+}
+
+# What stands at a place behind the command: place 1 is the image. Paths in the volume are "any".
+_qvol_argument() {
+    case $1:$2 in
+    *:1) echo files ;;
+    dump:2) echo cluster fat file ;;
+    dump:* | get:3 | put:*) echo files ;;
+    *) echo any ;;
+    esac
+}
+
+# Offers those of the words, or of the kind of thing, that begin with what was typed.
+_qvol_offer() {
+    local typed=$1
+    shift
+    case $1 in
+    any) COMPREPLY=() ;;
+    files) mapfile -t COMPREPLY < <(compgen -f -- "$typed") ;;
+    directories) mapfile -t COMPREPLY < <(compgen -d -- "$typed") ;;
+    *)
+        compopt +o filenames 2>/dev/null
+        mapfile -t COMPREPLY < <(compgen -W "$*" -- "$typed")
+        ;;
+    esac
+}
+
+# Sets the command and the number of arguments between it and the cursor.
+_qvol_look_back() {
+    local i
+    command="" arguments=0
+    for ((i = 1; i < COMP_CWORD; i++)); do
+        case ${COMP_WORDS[i]} in
+        =) ((i++)) ;;
+        -*)
+            if _qvol_values "${COMP_WORDS[i]}" >/dev/null && [[ ${COMP_WORDS[i + 1]} != "=" ]]; then
+                ((i++))
+            fi
+            ;;
+        *)
+            if [[ -z $command ]]; then
+                command=${COMP_WORDS[i]}
+            else
+                ((arguments++))
+            fi
+            ;;
+        esac
+    done
+}
+
+_qvol() {
+    local typed=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
+    local command arguments values
+    if [[ $typed == "=" ]]; then # --fat=
+        typed=""
+    elif [[ $before == "=" ]]; then # --fat=1
+        before=${COMP_WORDS[COMP_CWORD - 2]}
+    fi
+    _qvol_look_back
+
+    if [[ -z $command && $typed == -* ]]; then
+        _qvol_offer "$typed" --help -h --version
+    elif [[ -z $command ]]; then
+        _qvol_offer "$typed" build cat check compact dump fastpath get info ln log ls map mirror \
+            mkdir mv owner pool put rm stat tree
+    elif values=$(_qvol_values "$before"); then
+        _qvol_offer "$typed" $values
+    elif [[ $typed == -* ]]; then
+        _qvol_offer "$typed" --encoding --help -h --json --quiet -q --verbose -v \
+            $(_qvol_options "$command")
+    else
+        _qvol_offer "$typed" $(_qvol_argument "$command" $((arguments + 1)))
+    fi
+}
+
+complete -o filenames -F _qvol qvol
