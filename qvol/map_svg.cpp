@@ -47,7 +47,7 @@ text { font: 13px system-ui, -apple-system, "Segoe UI", Roboto, "Helvetica Neue"
 .small { font-size: 11.5px; fill: var(--soft) } .end { text-anchor: end }
 .mono { font: 12px ui-monospace, SFMono-Regular, Menlo, Consolas, "DejaVu Sans Mono", monospace }
 .on { fill: #ffffff; font-weight: 600 } .mid { text-anchor: middle } .good { fill: var(--good) }
-.off { fill: var(--off); font-weight: 600 } .paper { fill: var(--paper) }
+.off { fill: var(--off) } .paper { fill: var(--paper) }
 .panel { fill: var(--panel) } .rule { stroke: var(--rule) } .tick { stroke: var(--soft) }
 .mark { stroke: var(--mark); stroke-width: 2 } .grid { stroke: var(--paper); stroke-width: 1.4; pointer-events: none }
 .funnel { fill: var(--rule); opacity: .45 } .pale { opacity: .3 }
@@ -79,9 +79,10 @@ std::string grouped(u64 number) {
 }
 
 std::string range_text(u32 first, u32 count) {
-    return count == 1
-               ? "cluster " + grouped(first)
-               : fmt::format("clusters {} to {}", grouped(first), grouped(u64{first} + count - 1));
+    if (count == 1) {
+        return "cluster " + grouped(first);
+    }
+    return fmt::format("clusters {} to {}", grouped(first), grouped(u64{first} + count - 1));
 }
 
 // The picture grows downwards: each section draws from `y_` on and moves it.
@@ -112,6 +113,7 @@ private:
     void draw_page_row(const area &of, u32 page, const box &at);
     void draw_clusters();
     void draw_cells(std::span<const map_cell> row, double pitch);
+    void draw_grid(double top, std::size_t columns, std::size_t rows, double pitch);
     void draw_mixed_cell(const map_cell &cell, double x, double pitch);
     void draw_tables();
     double draw_legend(double width);
@@ -155,15 +157,15 @@ void map_picture::draw_tiles() {
     const u64 used = map_.clusters - free_clusters;
     const fragmentation pieces = map_.pieces();
     draw_tile(
-        MARGIN, fmt::format("{:.1f} % used", 100.0 * static_cast<double>(used) / map_.clusters),
+        MARGIN, percent_text(100.0 * static_cast<double>(used) / map_.clusters) + " used",
         fmt::format("{} in {} clusters", short_size(used * map_.cluster_bytes), grouped(used)), "");
     draw_tile(MARGIN + STEP, short_size(free_clusters * map_.cluster_bytes) + " free",
               free_space_text(map_), "");
     draw_tile(MARGIN + 2 * STEP,
               fmt::format("{} {}", grouped(map_.files), map_.files == 1 ? "file" : "files"),
               counted(classes_.total_of(CLASS_DIRECTORIES).owners, "directory", "directories"), "");
-    draw_tile(MARGIN + 3 * STEP, fmt::format("{:.1f} % fragmented", pieces.percent()),
-              fmt::format("{} of {} lie in pieces", grouped(pieces.in_pieces),
+    draw_tile(MARGIN + 3 * STEP, percent_text(pieces.percent()) + " fragmented",
+              fmt::format("{} of {} in pieces", grouped(pieces.in_pieces),
                           counted(pieces.chains, "chain", "chains")),
               jumps_text(pieces));
     y_ += TILE_HEIGHT + SECTION_GAP;
@@ -244,7 +246,7 @@ void map_picture::draw_page_row(const area &of, u32 page, const box &at) {
 void map_picture::draw_boundary(const area &of, const box &at) {
     constexpr double ROW = 20;
     constexpr double TOP = 46;
-    const box rulers = {at.x + 62, at.y + TOP, at.width - 62 - 62, ROW * PAGE_SIZES.size()};
+    const box rulers = {at.x + 62, at.y + TOP, at.width - 62 - 72, ROW * PAGE_SIZES.size()};
     body_.rect(at, "panel", "", 8);
     body_.rect({at.x + 14, at.y + 15, 12, 12}, class_name(of), "", 3);
     body_.text(at.x + 34, at.y + 26, "bold", of.name);
@@ -372,16 +374,23 @@ void map_picture::draw_clusters() {
         body_.end_group();
         y_ += form.pitch;
     }
+    draw_grid(top, columns, (cells.size() + columns - 1) / columns, form.pitch);
+    y_ += SECTION_GAP;
+}
+
+// The lines that make cells of the rectangles.
+void map_picture::draw_grid(double top, std::size_t columns, std::size_t rows, double pitch) {
     std::string lines;
-    for (double x = 0; x <= INNER; x += form.pitch) {
-        lines += fmt::format("M{} {}V{}", coordinate(MARGIN + x), coordinate(top), coordinate(y_));
+    for (std::size_t column = 0; column <= columns; column++) {
+        lines += fmt::format("M{} {}V{}", coordinate(MARGIN + static_cast<double>(column) * pitch),
+                             coordinate(top), coordinate(y_));
     }
-    for (double y = top; y <= y_; y += form.pitch) {
-        lines +=
-            fmt::format("M{} {}H{}", coordinate(MARGIN), coordinate(y), coordinate(MARGIN + INNER));
+    for (std::size_t row = 0; row <= rows; row++) {
+        lines += fmt::format("M{} {}H{}", coordinate(MARGIN),
+                             coordinate(top + static_cast<double>(row) * pitch),
+                             coordinate(MARGIN + INNER));
     }
     body_.path(lines, "grid");
-    y_ += SECTION_GAP;
 }
 
 // ---- tables -----------------------------------------------------------------------------------
@@ -426,13 +435,13 @@ double map_picture::draw_legend(double width) {
 // Where the pieces of a chain lie in the data area.
 void map_picture::draw_positions(const cluster_owner &owner, const box &at,
                                  const std::string &colour) {
-    const double scale = at.width / map_.clusters;
     std::vector<bool> is_held(static_cast<std::size_t>(at.width));
+    const auto unit_of = [&](u64 cluster) {
+        return (cluster - fat::FIRST_DATA_CLUSTER) * is_held.size() / map_.clusters;
+    };
     for (const cluster_run &run : owner.runs) {
-        const double first = (run.first - fat::FIRST_DATA_CLUSTER) * scale;
-        const double end = std::max(first + 1, first + run.count * scale);
-        for (double x = first; x < std::min(end, at.width); x++) {
-            is_held[std::min(is_held.size() - 1, static_cast<std::size_t>(x))] = true;
+        for (u64 x = unit_of(run.first); x <= unit_of(u64{run.first} + run.count - 1); x++) {
+            is_held[x] = true;
         }
     }
     body_.rect(at, "c10", "", 2);

@@ -128,18 +128,22 @@ void print_areas(const output &out, const volume_map &map, const terminal_form &
     out.line(marks(span, distance, form.width));
 }
 
-// How far each area begins behind the page boundary in front of it.
+// How far behind a page boundary each area begins.
 void print_remainders(const output &out, const volume_map &map, const terminal_form &form) {
+    std::string names_of_pages;
+    for (const u32 page : PAGE_SIZES) {
+        names_of_pages += fmt::format("{:>8}", short_size(page));
+    }
     out.line("");
-    out.line(
-        heading(form, "begins behind a page of     2 KiB   4 KiB   8 KiB  16 KiB        at byte"));
+    out.line(heading(form, "Bytes from the page boundary to the area"));
+    out.line(fmt::format("{:18}{}{:>14}", "  pages of", names_of_pages, "at byte"));
     for (const area &of : map.areas) {
-        std::string line = fmt::format(" {:<24}", of.name);
+        std::string line = fmt::format(" {:<16}", of.name);
         for (const u32 page : PAGE_SIZES) {
             line += fmt::format("{:>8}", of.offset() % page);
         }
         out.line(coloured(form, colour_of(of), symbol_of(of)) + line +
-                 fmt::format("{:>15}", of.offset()));
+                 fmt::format("{:>14}", of.offset()));
     }
 }
 
@@ -176,7 +180,7 @@ std::pair<u32, bool> main_class(const map_cell &cell, const map_classes &classes
     for (const extent &part : cell.parts) {
         counts[classes.of(part.held_by)] += part.count;
     }
-    const auto most = std::max_element(counts.begin(), counts.end());
+    const auto *const most = std::max_element(counts.begin(), counts.end());
     return {static_cast<u32>(most - counts.begin()), *most == cell.count};
 }
 
@@ -252,9 +256,9 @@ void print_fragmentation(const output &out, const name_codec &names, const volum
                          const terminal_form &form) {
     const fragmentation pieces = map.pieces();
     out.line("");
-    out.line(heading(form, fmt::format("Fragmentation {:.1f} %", pieces.percent())));
+    out.line(heading(form, "Fragmentation " + percent_text(pieces.percent())));
     out.line(jumps_text(pieces));
-    out.line("free: " + free_space_text(map));
+    out.line("free space " + free_space_text(map));
     const std::vector<u32> listed = map.most_pieces(MOST_LISTED);
     if (listed.empty()) {
         return;

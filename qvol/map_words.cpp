@@ -31,29 +31,31 @@ std::string class_text(u32 number, u64 owners) {
 std::string short_size(u64 bytes) {
     std::string text = shown_size(bytes);
     const std::size_t decimals = text.find(".0 ");
-    return decimals == text.npos ? text : text.erase(decimals, 2);
+    return decimals == std::string::npos ? text : text.erase(decimals, 2);
+}
+
+std::string percent_text(double percent) {
+    return percent > 0 && percent < 0.1 ? "<0.1 %" : fmt::format("{:.1f} %", percent);
 }
 
 std::string jumps_text(const fragmentation &pieces) {
-    return fmt::format("{} of {} along the chains {}; {} of {} {} in pieces", pieces.jumps,
-                       counted(pieces.steps, "step", "steps"), pieces.jumps == 1 ? "jumps" : "jump",
-                       pieces.in_pieces, counted(pieces.chains, "chain", "chains"),
-                       pieces.in_pieces == 1 ? "lies" : "lie");
+    return fmt::format("{} of {} in pieces; {} in {} from cluster to cluster", pieces.in_pieces,
+                       counted(pieces.chains, "chain", "chains"),
+                       counted(pieces.jumps, "jump", "jumps"),
+                       counted(pieces.steps, "step", "steps"));
 }
 
 std::string free_space_text(const volume_map &map) {
-    u64 clusters = 0;
     u64 runs = 0;
     u64 largest = 0;
     for (const extent &part : map.extents) {
         if (part.held_by == HELD_BY_NOBODY) {
-            clusters += part.count;
             runs++;
             largest = std::max<u64>(largest, part.count);
         }
     }
-    return fmt::format("{} in {}, the largest {}", short_size(clusters * map.cluster_bytes),
-                       counted(runs, "piece", "pieces"), short_size(largest * map.cluster_bytes));
+    return fmt::format("in {}, the largest {}", counted(runs, "piece", "pieces"),
+                       short_size(largest * map.cluster_bytes));
 }
 
 u64 zoomed_bytes(const volume_map &map) {

@@ -18,10 +18,13 @@ namespace qvol {
 // "4 KiB", "1.5 MiB": a size without needless decimals.
 [[nodiscard]] std::string short_size(u64 bytes);
 
-// "45 of 366 steps along the chains jump; 7 of 103 chains lie in pieces"
+// "12.3 %"; what is not 0 does not look like it.
+[[nodiscard]] std::string percent_text(double percent);
+
+// "7 of 103 chains in pieces; 45 jumps in 366 steps from cluster to cluster"
 [[nodiscard]] std::string jumps_text(const fragmentation &pieces);
 
-// "8.5 MiB in 14 pieces, the largest 8.2 MiB"
+// "in 14 pieces, the largest 8.2 MiB"
 [[nodiscard]] std::string free_space_text(const volume_map &map);
 
 // The bytes of the volume that a closer look at its first areas shows: up to the data area, and

@@ -40,13 +40,12 @@ bool is_surrogate(char32_t code) {
 // Takes one code point off the front; half a surrogate pair is given as itself.
 char32_t next_code_point(std::u16string_view *units) {
     const char32_t first = units->front();
-    units->remove_prefix(1);
-    if (!is_high_surrogate(first) || units->empty() || !is_low_surrogate(units->front())) {
-        return first;
-    }
-    const char32_t second = units->front();
-    units->remove_prefix(1);
-    return FIRST_SUPPLEMENTARY + ((first - 0xD800) << 10) + (second - 0xDC00);
+    const std::u16string_view rest = units->substr(1);
+    const bool is_pair =
+        is_high_surrogate(first) && !rest.empty() && is_low_surrogate(rest.front());
+    units->remove_prefix(is_pair ? 2 : 1);
+    return is_pair ? FIRST_SUPPLEMENTARY + ((first - 0xD800) << 10) + (rest.front() - 0xDC00)
+                   : first;
 }
 
 void append_units(std::u16string *units, char32_t code) {

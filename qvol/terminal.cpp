@@ -42,11 +42,11 @@ std::vector<std::string> characters_of(const std::string &text) {
     return characters;
 }
 
-// Ideographs, syllables and signs of East Asia, and pictures, begin with these bytes; a character
+// From U+2E80 on stand the ideographs, syllables and signs of East Asia, and pictures. A character
 // that is taken for wide and is not only costs room.
 unsigned width_of(const std::string &character) {
-    const auto lead = static_cast<unsigned char>(character.front());
-    return lead >= 0xF0U || (lead >= 0xE2U && lead <= 0xEFU && character >= "\xE2\xBA\x80") ? 2 : 1;
+    const bool has_lead_byte = static_cast<unsigned char>(character.front()) >= 0xC0U;
+    return has_lead_byte && character >= "\xE2\xBA\x80" ? 2 : 1;
 }
 
 unsigned width_of(const std::vector<std::string> &characters, std::size_t first, std::size_t end) {

@@ -173,6 +173,9 @@ std::vector<u32> greatest_owners(const std::vector<cluster_owner> &owners, std::
 volume_map map_volume(volume &vol) {
     cluster_survey survey(vol);
     survey.visit_tree();
+    if (survey.clusters() == 0) {
+        throw error("the volume has no clusters");
+    }
     volume_map map{};
     map.image = shown_bytes(split_host_path(vol.where().path()).name);
     map.fat_type = sv->fat_type;

@@ -194,7 +194,8 @@ private:
 
 // A destination that is a directory takes the entry under its own name; the root has none, and its
 // content goes straight into the destination.
-void extract_to(extraction *work, volume &vol, const place &top, const std::string &destination) {
+void extract_to(extraction *work, const volume &vol, const place &top,
+                const std::string &destination) {
     if (is_host_directory(destination)) {
         host_directory into(destination);
         if (top.is_root()) {
