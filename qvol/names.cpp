@@ -200,7 +200,8 @@ std::optional<std::string> character_problem(std::u16string_view name) {
         if (is_surrogate(code)) {
             return "it holds half a surrogate pair";
         }
-        if (code < 0x80 && FORBIDDEN.find(static_cast<char16_t>(code)) != FORBIDDEN.npos) {
+        if (code < 0x80 &&
+            FORBIDDEN.find(static_cast<char16_t>(code)) != std::u16string_view::npos) {
             return fmt::format("it holds '{}'", static_cast<char>(code));
         }
     }
@@ -270,7 +271,7 @@ struct name_codec::converters {
         : to_units(iconv_open("UTF-16LE", encoding.c_str())),
           from_units(iconv_open(encoding.c_str(), "UTF-16LE")) {}
     ~converters() {
-        for (const iconv_t converter : {to_units, from_units}) {
+        for (iconv_t converter : {to_units, from_units}) {
             if (is_open(converter)) {
                 iconv_close(converter);
             }
@@ -280,6 +281,7 @@ struct name_codec::converters {
     converters &operator=(const converters &) = delete;
 
     [[nodiscard]] static bool is_open(iconv_t converter) {
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): the value by which iconv_open() fails
         return converter != reinterpret_cast<iconv_t>(-1);
     }
     [[nodiscard]] bool are_open() const {
