@@ -114,6 +114,7 @@ private:
     void draw_clusters();
     void draw_cells(std::span<const map_cell> row, double pitch);
     void draw_grid(double top, std::size_t columns, std::size_t rows, double pitch);
+    [[nodiscard]] std::array<double, CLASSES> shares_in(const map_cell &cell) const;
     void draw_mixed_cell(const map_cell &cell, double x, double pitch);
     void draw_tables();
     double draw_legend(double width);
@@ -156,9 +157,10 @@ void map_picture::draw_tiles() {
     const u64 free_clusters = classes_.total_of(CLASS_FREE).clusters;
     const u64 used = map_.clusters - free_clusters;
     const fragmentation pieces = map_.pieces();
-    draw_tile(
-        MARGIN, percent_text(100.0 * static_cast<double>(used) / map_.clusters) + " used",
-        fmt::format("{} in {} clusters", short_size(used * map_.cluster_bytes), grouped(used)), "");
+    draw_tile(MARGIN, percent_text(100.0 * static_cast<double>(used) / map_.clusters) + " used",
+              fmt::format("{} in {} {}", short_size(used * map_.cluster_bytes), grouped(used),
+                          used == 1 ? "cluster" : "clusters"),
+              "");
     draw_tile(MARGIN + STEP, short_size(free_clusters * map_.cluster_bytes) + " free",
               free_space_text(map_), "");
     draw_tile(MARGIN + 2 * STEP,
@@ -316,19 +318,36 @@ std::string map_picture::cell_title(const map_cell &cell) const {
     return text;
 }
 
+// The share of each class in a cell, as a picture has it: what is in use is always to be seen.
+std::array<double, CLASSES> map_picture::shares_in(const map_cell &cell) const {
+    constexpr double LEAST_SHARE = 0.25;
+    std::array<double, CLASSES> shares{};
+    for (const extent &part : cell.parts) {
+        shares[classes_.of(part.held_by)] += static_cast<double>(part.count) / cell.count;
+    }
+    double sum = 0;
+    for (u32 number = 0; number < CLASSES; number++) {
+        if (number != CLASS_FREE && shares[number] != 0) {
+            shares[number] = std::max(shares[number], LEAST_SHARE);
+            sum += shares[number];
+        }
+    }
+    for (double &share : shares) {
+        share /= std::max(sum, 1.0);
+    }
+    shares[CLASS_FREE] = std::max(1 - sum, 0.0);
+    return shares;
+}
+
 // What is in a cell, from its bottom up.
 void map_picture::draw_mixed_cell(const map_cell &cell, double x, double pitch) {
-    std::array<u32, CLASSES> counts{};
-    for (const extent &part : cell.parts) {
-        counts[classes_.of(part.held_by)] += part.count;
-    }
+    const std::array<double, CLASSES> shares = shares_in(cell);
     body_.raw(fmt::format("<g><title>{}</title>\n", xml_text(cell_title(cell))));
     double bottom = pitch;
     for (u32 number = 0; number < CLASSES; number++) {
-        const double height = pitch * counts[number] / cell.count;
-        if (counts[number] != 0) {
-            bottom -= height;
-            body_.rect({x, bottom, pitch, height}, class_name(number));
+        if (shares[number] != 0) {
+            bottom -= pitch * shares[number];
+            body_.rect({x, bottom, pitch, pitch * shares[number]}, class_name(number));
         }
     }
     body_.end_group();

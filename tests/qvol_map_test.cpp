@@ -359,11 +359,11 @@ protected:
 
     colour_counts shown() {
         (void)svg();
-        const outcome rendered =
-            shell("cd \"$1\" && chromium --headless --no-sandbox --disable-gpu --hide-scrollbars "
-                  "--user-data-dir=profile --window-size=1200,1100 --screenshot=map.png map.svg "
-                  ">chromium.log 2>&1 && pngtopnm map.png >map.ppm",
-                  {scratch_.file("")});
+        const outcome rendered = shell(
+            "cd \"$1\" && timeout 100 chromium --headless --no-sandbox --disable-gpu --disable-dev-shm-usage --hide-scrollbars "
+            "--user-data-dir=profile --window-size=1200,1100 --screenshot=map.png map.svg "
+            ">chromium.log 2>&1 && pngtopnm map.png >map.ppm",
+            {scratch_.file("")});
         EXPECT_EQ(rendered.status, 0) << rendered;
         return counts_of(text_of_file(scratch_.file("map.ppm")));
     }
