@@ -225,6 +225,7 @@ void fat_table::write_changes() {
     }
 }
 
+// NOLINTNEXTLINE(readability-make-member-function-const): it changes the medium
 u64 fat_table::mirror() {
     u64 differing = 0;
     for (std::size_t index = 0; page_begins_in_fat(index); index++) {
