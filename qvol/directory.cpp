@@ -462,10 +462,10 @@ directory directory::make(fat_table &table, const directory &parent, const dos_t
     const std::pair<const u8 *, u32> dots[] = {{fat::DOT_NAME, made.start_},
                                                {fat::DOT_DOT_NAME, parent.parent_link()}};
     u32 slot = 0;
-    for (const auto &[name, start] : dots) {
+    for (const auto &[name, link] : dots) {
         entry dot;
         dot.slot = dot.first_slot = slot++;
-        (void)fat::set_entry_value(dot.raw.data(), name, fat::DENTRY_DIR, start, 0);
+        (void)fat::set_entry_value(dot.raw.data(), name, fat::DENTRY_DIR, link, 0);
         dot.set_modified(modified);
         std::copy(dot.raw.begin(), dot.raw.end(), made.slot_bytes(dot.slot));
     }

@@ -54,7 +54,7 @@ fat_table::fat_table(u32 copies)
 
 // ---- pages ------------------------------------------------------------------------------------
 
-fat_table::page fat_table::load_page(std::size_t index) const {
+fat_table::page fat_table::load_page(std::size_t index) {
     const u32 count = sectors_of_page(index);
     return {read_run(page_sector(index, 0), count), std::vector<bool>(count)};
 }
@@ -68,7 +68,7 @@ fat_table::page &fat_table::page_of(u64 byte_offset) {
 }
 
 // Changed sectors that lie side by side travel together.
-void fat_table::write_page(std::size_t index, page *changed) {
+void fat_table::write_page(std::size_t index, page *changed) const {
     const std::size_t count = changed->is_dirty.size();
     for (std::size_t first = 0; first < count; first++) {
         std::size_t end = first;
@@ -192,7 +192,8 @@ std::vector<u32> fat_table::allocate(u32 count, u32 previous) {
         const u32 cluster = find_free();
         set(cluster, fat::FAT_END_MARK);
         if (previous != 0) {
-            set(previous, cluster);
+            // The value is the number of the next cluster.
+            set(previous, cluster); // NOLINT(readability-suspicious-call-argument)
         }
         clusters.push_back(cluster);
         previous = cluster;
@@ -224,6 +225,7 @@ void fat_table::write_changes() {
     }
 }
 
+// NOLINTNEXTLINE(readability-make-member-function-const): it changes the medium
 u64 fat_table::mirror() {
     u64 differing = 0;
     for (std::size_t index = 0; page_begins_in_fat(index); index++) {

@@ -90,8 +90,8 @@ private:
     };
 
     [[nodiscard]] page &page_of(u64 byte_offset);
-    [[nodiscard]] page load_page(std::size_t index) const;
-    void write_page(std::size_t index, page *changed);
+    [[nodiscard]] static page load_page(std::size_t index);
+    void write_page(std::size_t index, page *changed) const;
     [[nodiscard]] bool page_begins_in_table(std::size_t index) const;
     void check_number(u32 cluster) const;
     [[nodiscard]] u32 find_free();

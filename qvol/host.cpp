@@ -119,7 +119,7 @@ host_directory::host_directory(const std::string &path) : path_(path) {
 }
 
 std::string host_directory::shown(const std::string &name) const {
-    return shown_bytes(path_ + (path_.ends_with('/') ? "" : "/") + name);
+    return shown_bytes(host_path_below(path_, name));
 }
 
 host_directory host_directory::enter(const std::string &name) const {
@@ -134,7 +134,7 @@ host_directory host_directory::enter(const std::string &name) const {
     if (fd < 0) {
         throw system_failure("open the directory " + shown(name));
     }
-    return {fd, path_ + (path_.ends_with('/') ? "" : "/") + name};
+    return {fd, host_path_below(path_, name)};
 }
 
 void host_directory::make_file(const std::string &name, bool replaces,
@@ -174,7 +174,7 @@ split_path split_host_path(const std::string &path) {
         trimmed.pop_back();
     }
     const std::size_t slash = trimmed.rfind('/');
-    if (slash == trimmed.npos) {
+    if (slash == std::string::npos) {
         return {".", trimmed};
     }
     return {slash == 0 ? "/" : trimmed.substr(0, slash), trimmed.substr(slash + 1)};
@@ -184,6 +184,10 @@ void make_host_file(const std::string &path, bool replaces, std::optional<time_t
                     const write_content &content) {
     const split_path split = split_host_path(path);
     host_directory(split.directory).make_file(split.name, replaces, modified, content);
+}
+
+std::string host_path_below(const std::string &directory, const std::string &name) {
+    return directory.ends_with('/') ? directory + name : directory + '/' + name;
 }
 
 bool is_host_directory(const std::string &path) {

@@ -65,6 +65,9 @@ struct split_path {
 };
 [[nodiscard]] split_path split_host_path(const std::string &path);
 
+// The path of an entry of a directory.
+[[nodiscard]] std::string host_path_below(const std::string &directory, const std::string &name);
+
 [[nodiscard]] bool is_host_directory(const std::string &path); // following links
 
 } // namespace qvol

@@ -1,6 +1,7 @@
 #include "qvol/host_tree.h"
 
 #include "qvol/error.h"
+#include "qvol/host.h"
 
 #include <algorithm>
 #include <memory>
@@ -119,7 +120,7 @@ bool host_scan::is_skipped(const std::string &path) const {
 std::vector<host_node> host_scan::scan_children(const std::string &path) {
     std::vector<host_node> children;
     for (const std::string &name : sorted_names(path)) {
-        const std::string child = path + (path.ends_with('/') ? "" : "/") + name;
+        const std::string child = host_path_below(path, name);
         if (!is_skipped(child)) {
             children.push_back(scan(child, name));
         }

@@ -40,13 +40,12 @@ bool is_surrogate(char32_t code) {
 // Takes one code point off the front; half a surrogate pair is given as itself.
 char32_t next_code_point(std::u16string_view *units) {
     const char32_t first = units->front();
-    units->remove_prefix(1);
-    if (!is_high_surrogate(first) || units->empty() || !is_low_surrogate(units->front())) {
-        return first;
-    }
-    const char32_t second = units->front();
-    units->remove_prefix(1);
-    return FIRST_SUPPLEMENTARY + ((first - 0xD800) << 10) + (second - 0xDC00);
+    const std::u16string_view rest = units->substr(1);
+    const bool is_pair =
+        is_high_surrogate(first) && !rest.empty() && is_low_surrogate(rest.front());
+    units->remove_prefix(is_pair ? 2 : 1);
+    return is_pair ? FIRST_SUPPLEMENTARY + ((first - 0xD800) << 10) + (rest.front() - 0xDC00)
+                   : first;
 }
 
 void append_units(std::u16string *units, char32_t code) {
@@ -201,7 +200,8 @@ std::optional<std::string> character_problem(std::u16string_view name) {
         if (is_surrogate(code)) {
             return "it holds half a surrogate pair";
         }
-        if (code < 0x80 && FORBIDDEN.find(static_cast<char16_t>(code)) != FORBIDDEN.npos) {
+        if (code < 0x80 &&
+            FORBIDDEN.find(static_cast<char16_t>(code)) != std::u16string_view::npos) {
             return fmt::format("it holds '{}'", static_cast<char>(code));
         }
     }
@@ -271,7 +271,7 @@ struct name_codec::converters {
         : to_units(iconv_open("UTF-16LE", encoding.c_str())),
           from_units(iconv_open(encoding.c_str(), "UTF-16LE")) {}
     ~converters() {
-        for (const iconv_t converter : {to_units, from_units}) {
+        for (iconv_t converter : {to_units, from_units}) {
             if (is_open(converter)) {
                 iconv_close(converter);
             }
@@ -281,6 +281,7 @@ struct name_codec::converters {
     converters &operator=(const converters &) = delete;
 
     [[nodiscard]] static bool is_open(iconv_t converter) {
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): the value by which iconv_open() fails
         return converter != reinterpret_cast<iconv_t>(-1);
     }
     [[nodiscard]] bool are_open() const {

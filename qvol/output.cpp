@@ -16,14 +16,6 @@ namespace {
 
 constexpr u32 MAX_LINK_BYTES = 4096;
 
-bool uses_colour() {
-    static const bool is_wanted = [] {
-        const char *no_colour = std::getenv("NO_COLOR");
-        return isatty(STDOUT_FILENO) == 1 && (no_colour == nullptr || *no_colour == '\0');
-    }();
-    return is_wanted;
-}
-
 const char *colour_of(kind type) {
     switch (type) {
     case kind::DIRECTORY:
@@ -37,10 +29,19 @@ const char *colour_of(kind type) {
 
 } // namespace
 
+bool uses_colour() {
+    static const bool is_wanted = [] {
+        const char *no_colour = std::getenv("NO_COLOR");
+        return isatty(STDOUT_FILENO) == 1 && (no_colour == nullptr || *no_colour == '\0');
+    }();
+    return is_wanted;
+}
+
 void write_bytes(const void *bytes, std::size_t size) {
     std::fwrite(bytes, 1, size, stdout); // finish_output() tells what went wrong
 }
 
+// NOLINTNEXTLINE(readability-convert-member-functions-to-static): one of the ways of an output
 void output::document(const json &content) const {
     const std::string text = content.dump(2, ' ', false, json::error_handler_t::replace) + '\n';
     write_bytes(text.data(), text.size());

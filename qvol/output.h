@@ -28,6 +28,9 @@ struct output {
     void remark(const std::string &text) const;
 };
 
+// Whether standard output takes colours: a terminal does, unless NO_COLOR is set.
+[[nodiscard]] bool uses_colour();
+
 // Bytes of what was asked for.
 void write_bytes(const void *bytes, std::size_t size);
 

@@ -190,6 +190,8 @@ target::~target() {
     (void)fat_close_volume(0); // without compacting it cannot fail
 }
 
+// The library holds the size, of the one volume that it has open.
+// NOLINTNEXTLINE(readability-convert-member-functions-to-static): of this target for its users
 u64 target::size() const {
     return sv->vol_size;
 }

@@ -27,7 +27,7 @@ static_assert(sizeof CODE_PAGE_437 / sizeof CODE_PAGE_437[0] == 128 + 1);
 
 bool is_short_character(char16_t unit) {
     return (unit >= u'A' && unit <= u'Z') || (unit >= u'0' && unit <= u'9') ||
-           PUNCTUATION.find(unit) != PUNCTUATION.npos;
+           PUNCTUATION.find(unit) != std::u16string_view::npos;
 }
 
 char16_t ascii_upper(char16_t unit) {
@@ -51,7 +51,7 @@ bool fill_half(std::u16string_view text, u8 *out, std::size_t size) {
 }
 
 std::size_t base_length(const short_name &name) {
-    const auto base_end = name.begin() + BASE_SIZE;
+    const auto *const base_end = name.begin() + BASE_SIZE;
     return static_cast<std::size_t>(std::find(name.begin(), base_end, ' ') - name.begin());
 }
 
@@ -106,7 +106,7 @@ short_form short_form_of(std::u16string_view name) {
     const std::size_t first = std::min(name.find_first_not_of(u'.'), name.size());
     const std::u16string_view body = name.substr(first);
     const std::size_t dot = body.rfind(u'.');
-    const bool has_extension = dot != body.npos;
+    const bool has_extension = dot != std::u16string_view::npos;
     const bool fits_base =
         fill_half(has_extension ? body.substr(0, dot) : body, form.name.data(), BASE_SIZE);
     const bool fits_extension =

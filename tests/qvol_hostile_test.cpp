@@ -105,6 +105,8 @@ TEST_P(QvolDamaged, EveryCommandEnds) {
         expect_end("ls", {"-lR"});
         expect_end("tree", {"--json"});
         expect_end("owner", {"20"});
+        expect_end("map");
+        expect_end("map", {"--force", "--svg", scratch_.file("map.svg")});
         expect_end("fastpath", {"--dir", "/tree/many"});
         expect_end("stat", {"/tree/some long name.text"});
         expect_end("get", {"/", out});

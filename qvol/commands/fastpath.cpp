@@ -59,7 +59,7 @@ private:
     int id_ = -1;
 };
 
-std::string fast_path_of(volume &vol, const place &where) {
+std::string fast_path_of(const volume &vol, const place &where) {
     const std::string shown = shown_path(vol.names(), where.path);
     if (where.is_directory()) {
         throw error(shown + ": is a directory; --dir gives the paths of the files in it");

@@ -35,7 +35,7 @@ struct get_totals {
 // ---- looking first ----
 
 std::optional<std::string> problem_of(const volume &vol, const entry &found) {
-    const std::optional<std::string> problem = extraction_problem(found.name);
+    std::optional<std::string> problem = extraction_problem(found.name);
     if (problem) {
         return problem;
     }
@@ -178,7 +178,7 @@ private:
 
     void make_link(const host_directory &into, const std::string &name, const entry &found) {
         const std::string target = link_target(vol_, found);
-        if (target.empty() || target.find('\0') != target.npos) {
+        if (target.empty() || target.find('\0') != std::string::npos) {
             throw error("the target of the link is none that the host could hold");
         }
         into.make_link(name, is_forced_, moment_of(found.modified()), target);
@@ -194,7 +194,8 @@ private:
 
 // A destination that is a directory takes the entry under its own name; the root has none, and its
 // content goes straight into the destination.
-void extract_to(extraction *work, volume &vol, const place &top, const std::string &destination) {
+void extract_to(extraction *work, const volume &vol, const place &top,
+                const std::string &destination) {
     if (is_host_directory(destination)) {
         host_directory into(destination);
         if (top.is_root()) {

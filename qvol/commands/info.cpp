@@ -1,9 +1,12 @@
 // qvol info: geometry, areas and their alignment, label, serial number, clusters in use.
 
+#include "qvol/areas.h"
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
 
 #include "fat/internal.h"
+
+#include <algorithm>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -12,34 +15,11 @@ namespace qvol {
 
 namespace {
 
-// One area of the volume, in sectors.
-struct area {
-    std::string name;
-    u64 first;
-    u64 count;
-};
-
-std::vector<area> areas_of(const volume &vol) {
-    std::vector<area> areas = {{"reserved", sv->pbr_start, vol.boot().reserved_sectors}};
-    for (u32 copy = 0; copy < vol.boot().fat_copies; copy++) {
-        areas.push_back(
-            {fmt::format("FAT {}", copy), sv->fat_start + u64{copy} * sv->fat_size, sv->fat_size});
-    }
-    if (sv->fat_type == 16) {
-        areas.push_back({"root directory", sv->rdir_start, sv->data_start - sv->rdir_start});
-    }
-    areas.push_back({"data", sv->data_start, u64{sv->num_clusters} * sv->sec_per_clus});
-    return areas;
-}
-
 // The largest page from 2 to 16 KiB that a byte offset is a multiple of; 0 for none.
 u32 alignment_of(u64 offset) {
-    for (u32 page = 16 * 1024; page >= 2 * 1024; page /= 2) {
-        if (offset % page == 0) {
-            return page;
-        }
-    }
-    return 0;
+    const auto page = std::find_if(PAGE_SIZES.rbegin(), PAGE_SIZES.rend(),
+                                   [&](u32 size) { return offset % size == 0; });
+    return page != PAGE_SIZES.rend() ? *page : 0;
 }
 
 std::string label_of(volume &vol) {
@@ -58,9 +38,9 @@ json areas_json(const volume &vol) {
         list.push_back({{"name", a.name},
                         {"first_sector", a.first},
                         {"sectors", a.count},
-                        {"offset", a.first * sv->sector_size},
-                        {"bytes", a.count * sv->sector_size},
-                        {"aligned_to", alignment_of(a.first * sv->sector_size)}});
+                        {"offset", a.offset()},
+                        {"bytes", a.bytes()},
+                        {"aligned_to", alignment_of(a.offset())}});
     }
     return list;
 }

@@ -1,0 +1,33 @@
+// The areas of the open volume, and how they lie on the pages of a flash.
+
+#pragma once
+
+#include "qvol/session.h"
+
+#include <array>
+#include <string>
+#include <vector>
+
+namespace qvol {
+
+// The page sizes that flash devices have, in bytes.
+inline constexpr std::array<u32, 4> PAGE_SIZES = {2048, 4096, 8192, 16384};
+
+enum class area_kind { RESERVED, FAT, ROOT, DATA };
+
+// One area of the volume, in sectors.
+struct area {
+    area_kind kind;
+    std::string name; // "FAT 0"
+    u64 first;
+    u64 count;
+
+    [[nodiscard]] u64 offset() const; // bytes
+    [[nodiscard]] u64 bytes() const;
+    [[nodiscard]] u64 end() const; // bytes
+};
+
+// In the order of the medium.
+[[nodiscard]] std::vector<area> areas_of(const volume &vol);
+
+} // namespace qvol

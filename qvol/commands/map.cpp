@@ -1,0 +1,137 @@
+// qvol map: the areas to scale, and which clusters are used, by whom, in how many pieces.
+
+#include "qvol/command_line.h"
+#include "qvol/commands/commands.h"
+#include "qvol/host.h"
+#include "qvol/map_svg.h"
+#include "qvol/map_text.h"
+
+#include <memory>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+namespace qvol {
+
+namespace {
+
+struct map_options {
+    std::string svg; // the file to write; "": the map goes to the terminal
+    bool is_forced = false;
+};
+
+json areas_json(const volume_map &map) {
+    json list = json::array();
+    for (const area &of : map.areas) {
+        json remainders;
+        for (const u32 page : PAGE_SIZES) {
+            remainders[std::to_string(page)] = of.offset() % page;
+        }
+        list.push_back({{"name", of.name},
+                        {"first_sector", of.first},
+                        {"sectors", of.count},
+                        {"offset", of.offset()},
+                        {"bytes", of.bytes()},
+                        {"remainders", remainders}});
+    }
+    return list;
+}
+
+json runs_json(const std::vector<cluster_run> &runs) {
+    json list = json::array();
+    for (const cluster_run &run : runs) {
+        list.push_back({{"first", run.first}, {"count", run.count}});
+    }
+    return list;
+}
+
+json owners_json(const volume_map &map) {
+    json list = json::array();
+    for (const cluster_owner &owner : map.owners) {
+        list.push_back({{"path", json_path(owner.path)},
+                        {"kind", kind_name(owner.type)},
+                        {"clusters", owner.clusters},
+                        {"chain", runs_json(owner.runs)},
+                        {"damage", owner.damage.empty() ? json() : json(owner.damage)}});
+    }
+    return list;
+}
+
+// The runs of clusters that no path leads to.
+json state_json(const volume_map &map, holder state) {
+    std::vector<cluster_run> runs;
+    for (const extent &part : map.extents) {
+        if (part.held_by == state) {
+            runs.push_back({part.first, part.count});
+        }
+    }
+    return runs_json(runs);
+}
+
+json map_json(const volume_map &map, const std::string &image) {
+    const fragmentation pieces = map.pieces();
+    return {{"image", image},
+            {"fat_type", map.fat_type},
+            {"bytes", map.bytes},
+            {"cluster_size", map.cluster_bytes},
+            {"areas", areas_json(map)},
+            {"clusters", map.clusters},
+            {"files", map.files},
+            {"fragmentation",
+             {{"percent", pieces.percent()},
+              {"chains", pieces.chains},
+              {"in_pieces", pieces.in_pieces},
+              {"steps", pieces.steps},
+              {"jumps", pieces.jumps}}},
+            {"owners", owners_json(map)},
+            {"free", state_json(map, HELD_BY_NOBODY)},
+            {"lost", state_json(map, HELD_BY_LOST)},
+            {"bad", state_json(map, HELD_AS_BAD)}};
+}
+
+void write_svg(const volume_map &map, const map_options &options) {
+    const std::string picture = map_svg(map);
+    make_host_file(options.svg, options.is_forced, std::nullopt, [&](const write_piece &put) {
+        put(std::span(reinterpret_cast<const u8 *>(picture.data()), picture.size()));
+    });
+}
+
+void report_damage(const volume_map &map, const name_codec &names) {
+    for (const cluster_owner &owner : map.owners) {
+        if (!owner.damage.empty()) {
+            report(shown_path(names, owner.path) + ": " + owner.damage);
+        }
+    }
+}
+
+int run_map(const common_options &common, const map_options &options) {
+    return with_volume(common, access::READ, [&](volume &vol) {
+        const volume_map map = map_volume(vol);
+        report_damage(map, vol.names());
+        if (!options.svg.empty()) {
+            write_svg(map, options);
+            common.out.remark(fmt::format("made {}", shown_bytes(options.svg)));
+        } else if (!common.out.is_json) {
+            print_map(common.out, vol.names(), map, form_of_standard_output());
+        }
+        if (common.out.is_json) {
+            common.out.document(map_json(map, vol.where().path()));
+        }
+        return EXIT_DONE;
+    });
+}
+
+} // namespace
+
+void add_map(command_line *commands) {
+    const auto options = std::make_shared<map_options>();
+    CLI::App *command = commands->add(
+        {"map", "Show the areas and the clusters, who holds them, and how fragmented they are",
+         "  qvol map flash.img\n"
+         "  qvol map flash.img --svg map.svg    for a browser"},
+        [options](const common_options &common) { return run_map(common, *options); });
+    command->add_option("--svg", options->svg, "Write a picture for browsers into this file");
+    command->add_flag("-f,--force", options->is_forced, "Replace a file that exists");
+}
+
+} // namespace qvol

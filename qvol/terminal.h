@@ -1,0 +1,24 @@
+// What standard output can show.
+
+#pragma once
+
+#include <string>
+
+namespace qvol {
+
+struct terminal_form {
+    unsigned width = 80; // columns
+    bool has_colour = false;
+    bool has_utf8 = false; // by the locale; else ASCII is all that is safe
+};
+
+[[nodiscard]] terminal_form form_of_standard_output();
+
+// Text of at most so many columns: a longer one loses its middle. Characters of double width count
+// twice.
+[[nodiscard]] std::string fitted(const std::string &text, unsigned columns, const char *dots);
+
+// The columns that UTF-8 text takes.
+[[nodiscard]] unsigned columns_of(const std::string &text);
+
+} // namespace qvol
