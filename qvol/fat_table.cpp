@@ -5,6 +5,7 @@
 #include "qvol/sectors.h"
 
 #include <algorithm>
+#include <map>
 
 #include <fmt/format.h>
 
@@ -224,23 +225,49 @@ void fat_table::write_changes() {
     }
 }
 
-u64 fat_table::mirror() {
-    u64 differing = 0;
+void fat_table::visit_differences(
+    const std::function<void(const differing_sector &)> &visit) const {
     for (std::size_t index = 0; page_begins_in_fat(index); index++) {
         const page first = load_page(index);
         for (u32 copy = 1; copy < copies_; copy++) {
-            const u64 sector = page_sector(index, copy);
-            const std::vector<u8> other = read_run(sector, sectors_of_page(index));
+            const std::vector<u8> other =
+                read_run(page_sector(index, copy), sectors_of_page(index));
             for (std::size_t at = 0; at < other.size(); at += sv->sector_size) {
-                const auto bytes = std::span(first.bytes).subspan(at, sv->sector_size);
-                if (!std::equal(bytes.begin(), bytes.end(),
-                                other.begin() + static_cast<std::ptrdiff_t>(at))) {
-                    write_run(sector + at / sv->sector_size, bytes);
-                    differing++;
+                const differing_sector sector = {
+                    copy, page_sector(index, 0) - sv->fat_start + at / sv->sector_size,
+                    std::span(first.bytes).subspan(at, sv->sector_size),
+                    std::span(other).subspan(at, sv->sector_size)};
+                if (!std::equal(sector.first.begin(), sector.first.end(), sector.other.begin())) {
+                    visit(sector);
                 }
             }
         }
     }
+}
+
+std::vector<copy_difference> fat_table::compare_copies() const {
+    std::map<u32, copy_difference> found;
+    visit_differences([&](const differing_sector &sector) {
+        const auto [a, b] =
+            std::mismatch(sector.first.begin(), sector.first.end(), sector.other.begin());
+        const u64 offset =
+            sector.in_fat * sv->sector_size + static_cast<u64>(a - sector.first.begin());
+        const copy_difference first = {sector.copy, 0, static_cast<u32>(offset / entry_size_)};
+        found.try_emplace(sector.copy, first).first->second.sectors++;
+    });
+    std::vector<copy_difference> differences;
+    for (const auto &[copy, difference] : found) {
+        differences.push_back(difference);
+    }
+    return differences;
+}
+
+u64 fat_table::mirror() {
+    u64 differing = 0;
+    visit_differences([&](const differing_sector &sector) {
+        write_run(sv->fat_start + u64{sector.copy} * sv->fat_size + sector.in_fat, sector.first);
+        differing++;
+    });
     return differing;
 }
 

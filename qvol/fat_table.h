@@ -9,6 +9,7 @@
 #include "fat/bytes.h"
 #include "qvol/error.h"
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -26,6 +27,13 @@ struct cluster_run {
     u32 count;
 
     bool operator==(const cluster_run &) const = default;
+};
+
+// A copy of the FAT that is not equal to the first one.
+struct copy_difference {
+    u32 copy;
+    u64 sectors; // how many differ
+    u32 cluster; // that of the first entry which differs; 0 and 1 are none
 };
 
 // There are not as many free clusters as are wanted.
@@ -74,6 +82,9 @@ public:
     // Writes the changed sectors to every copy.
     void write_changes();
 
+    // How each copy that differs from the first one does.
+    [[nodiscard]] std::vector<copy_difference> compare_copies() const;
+
     // Writes the first copy over the others. Returns the sectors that differed.
     [[nodiscard]] u64 mirror();
 
@@ -91,6 +102,15 @@ private:
 
     [[nodiscard]] page &page_of(u64 byte_offset);
     [[nodiscard]] page load_page(std::size_t index) const;
+
+    // A sector of a copy that differs: its place, and the bytes of both.
+    struct differing_sector {
+        u32 copy;
+        u64 in_fat; // from the start of the copy
+        std::span<const u8> first;
+        std::span<const u8> other;
+    };
+    void visit_differences(const std::function<void(const differing_sector &)> &visit) const;
     void write_page(std::size_t index, page *changed);
     [[nodiscard]] bool page_begins_in_table(std::size_t index) const;
     void check_number(u32 cluster) const;

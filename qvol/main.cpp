@@ -21,6 +21,7 @@ int main(int argc, char **argv) {
     qvol::add_fastpath(&commands);
     qvol::add_owner(&commands);
     qvol::add_dump(&commands);
+    qvol::add_check(&commands);
     qvol::add_mirror(&commands);
     qvol::add_compact(&commands);
     return commands.run(argc, argv);

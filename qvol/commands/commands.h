@@ -27,6 +27,7 @@ void add_pool(command_line *commands);
 void add_log(command_line *commands);
 
 // ---- the volume as a whole ----
+void add_check(command_line *commands);
 void add_mirror(command_line *commands);
 void add_compact(command_line *commands);
 
