@@ -55,7 +55,7 @@ finding shared_chain(survey *in, u32 node, const claimed_chain &chain) {
 }
 
 finding unlinked_chain(u32 node, const claimed_chain &chain) {
-    if (chain.count == 0) {
+    if (chain.last == 0) {
         return {&found::CHAIN_START, node, 0,
                 fmt::format("begins in {:#x}, which is no cluster of the volume", chain.at), ""};
     }
@@ -117,7 +117,7 @@ std::function<void(repair *)> cutting(const tree_node &file, const claimed_chain
 }
 
 void check_tail(survey *in, const file_tail &of) {
-    const claimed_chain tail = claim_chain(in, of.node, of.needed.at);
+    const claimed_chain tail = claim_tail(in, of.node, of.needed);
     finding found =
         tail.end == chain_end::MARK
             ? finding{&found::CHAIN_LONG, of.node, of.needed.at,
@@ -139,23 +139,38 @@ bool is_in_image(u32 cluster) {
     return (sector_of_cluster(cluster) + sv->sec_per_clus) * sv->sector_size <= sv->vol_size;
 }
 
-claimed_chain claim_chain(survey *in, u32 node, u32 start, u32 limit) {
-    claimed_chain chain;
-    for (chain.at = start;;) {
-        if (chain.count == limit) {
-            chain.end = chain_end::LIMIT;
-            return chain;
+namespace {
+
+void extend_chain(survey *in, u32 node, u32 limit, claimed_chain *chain) {
+    while (chain->count < limit) {
+        chain->end = obstacle_at(in, node, chain->at);
+        if (chain->end != chain_end::MARK) {
+            return;
         }
-        chain.end = obstacle_at(in, node, chain.at);
-        if (chain.end != chain_end::MARK) {
-            return chain;
-        }
-        take_cluster(in, node, chain.at, &chain);
-        chain.at = in->table.get(chain.last);
-        if (fat::is_end_of_chain(chain.at)) {
-            return chain;
+        take_cluster(in, node, chain->at, chain);
+        chain->at = in->table.get(chain->last);
+        if (fat::is_end_of_chain(chain->at)) {
+            return;
         }
     }
+    chain->end = chain_end::LIMIT;
+}
+
+} // namespace
+
+claimed_chain claim_chain(survey *in, u32 node, u32 start, u32 limit) {
+    claimed_chain chain;
+    chain.at = start;
+    extend_chain(in, node, limit, &chain);
+    return chain;
+}
+
+claimed_chain claim_tail(survey *in, u32 node, const claimed_chain &of) {
+    claimed_chain chain;
+    chain.last = of.last;
+    chain.at = of.at;
+    extend_chain(in, node, std::numeric_limits<u32>::max(), &chain);
+    return chain;
 }
 
 std::vector<u32> claimed_clusters(fat_table *table, u32 start, u32 count) {

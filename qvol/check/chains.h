@@ -20,7 +20,7 @@ enum class chain_end {
 // A chain as far as its clusters are its own.
 struct claimed_chain {
     u32 count = 0; // clusters
-    u32 last = 0;  // of them
+    u32 last = 0;  // the cluster in front of `at`; 0: the entry leads there
     chain_end end = chain_end::MARK;
     u32 at = 0;     // the cluster, or number, that it ends in front of
     u32 behind = 0; // the first of its clusters that the image does not have; 0: none
@@ -28,6 +28,9 @@ struct claimed_chain {
 
 [[nodiscard]] claimed_chain claim_chain(survey *in, u32 node, u32 start,
                                         u32 limit = std::numeric_limits<u32>::max());
+
+// What follows a chain that ended with its limit.
+[[nodiscard]] claimed_chain claim_tail(survey *in, u32 node, const claimed_chain &of);
 
 // Images may be cut behind their last cluster in use.
 [[nodiscard]] bool is_in_image(u32 cluster);

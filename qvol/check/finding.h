@@ -65,6 +65,8 @@ inline constexpr finding_kind LOST{"lost", BROKEN_CHAIN};
 // ---- directories ----
 inline constexpr finding_kind UNREADABLE{"unreadable", "the medium failed", harm::CHAINS};
 inline constexpr finding_kind TOO_LONG{"directory-length", "move entries out of it", harm::CHAINS};
+inline constexpr finding_kind BEHIND_END{"behind-end", "whether they are entries is not known",
+                                         harm::CHAINS};
 inline constexpr finding_kind DIRECTORY_SIZE{"directory-size", ""};
 inline constexpr finding_kind DOT_MISSING{"dot-missing", "something else stands in its place"};
 inline constexpr finding_kind DOT_CLUSTER{"dot-cluster", "two entries claim the directory"};

@@ -65,34 +65,40 @@ private:
 // ---- reading ----------------------------------------------------------------------------------
 
 slot_space::slot_space(std::vector<u32> clusters) : clusters_(std::move(clusters)) {
-    for (const u32 cluster : clusters_) {
-        if (!load(sector_of_cluster(cluster), sv->sec_per_clus)) {
-            return;
-        }
+    const u32 most = std::max(MAX_SLOTS / slots_per_cluster(), 1U);
+    is_too_long_ = clusters_.size() > most;
+    clusters_.resize(std::min<std::size_t>(clusters_.size(), most));
+    for (const cluster_run &run : runs_of(clusters_)) {
+        load(sector_of_cluster(run.first), run.count * sv->sec_per_clus);
     }
+    find_end();
 }
 
 slot_space slot_space::root_area() {
     slot_space space;
-    (void)space.load(sv->rdir_start, sv->data_start - sv->rdir_start);
+    space.load(sv->rdir_start, sv->data_start - sv->rdir_start);
+    space.find_end();
     return space;
 }
 
-// Returns whether entries may follow.
-bool slot_space::load(u64 first_sector, u32 sectors) {
-    is_too_long_ = count_ == MAX_SLOTS;
-    if (is_too_long_) {
-        return false;
-    }
+void slot_space::load(u64 first_sector, u32 sectors) {
     const std::size_t before = bytes_.size();
     bytes_.resize(before + std::size_t{sectors} * sv->sector_size);
     read_run_into(first_sector, std::span(bytes_).subspan(before));
-    const u32 capacity =
-        std::min<u32>(static_cast<u32>(bytes_.size() / fat::DENTRY_SIZE), MAX_SLOTS);
-    while (count_ < capacity && slot(count_)[0] != fat::NAME_UNUSED) {
+}
+
+void slot_space::find_end() {
+    while (count_ < capacity() && slot(count_)[0] != fat::NAME_UNUSED) {
         count_++;
     }
-    return count_ == capacity;
+}
+
+u32 slot_space::remains() const {
+    u32 found = 0;
+    for (u32 index = count_; index < capacity(); index++) {
+        found += slot(index)[0] != fat::NAME_UNUSED && !is_removed(slot(index)) ? 1 : 0;
+    }
+    return found;
 }
 
 bool slot_space::is_blank_from(u32 index) const {

@@ -11,15 +11,18 @@ namespace qvol {
 
 class slot_space {
 public:
-    // The clusters of a directory, or the root area of FAT16. Reads as far as there may be entries.
-    // Throws error where that fails.
+    // Reads the clusters of a directory, or the root area of FAT16, as far as a directory may
+    // reach. Throws error where that fails.
     explicit slot_space(std::vector<u32> clusters);
     [[nodiscard]] static slot_space root_area();
 
-    // Slots in front of the end, and at most as many as a directory may have.
+    // Slots in front of the end.
     [[nodiscard]] u32 count() const {
         return count_;
     }
+    // Slots behind the end that hold something: some systems do not look at them, others do.
+    [[nodiscard]] u32 remains() const;
+
     [[nodiscard]] bool is_too_long() const {
         return is_too_long_;
     }
@@ -27,7 +30,7 @@ public:
         return bytes_.data() + std::size_t{index} * fat::DENTRY_SIZE;
     }
 
-    // Whether the slot is the end of the directory and nothing but zeros follows in its cluster.
+    // Whether the slot is at or behind the end of the directory, and nothing but zeros from it on.
     [[nodiscard]] bool is_blank_from(u32 index) const;
 
     [[nodiscard]] fat::dentry_location location(u32 slot) const;
@@ -35,7 +38,11 @@ public:
 
 private:
     slot_space() = default;
-    [[nodiscard]] bool load(u64 first_sector, u32 sectors);
+    void load(u64 first_sector, u32 sectors);
+    void find_end();
+    [[nodiscard]] u32 capacity() const {
+        return static_cast<u32>(bytes_.size() / fat::DENTRY_SIZE);
+    }
 
     std::vector<u32> clusters_;
     std::vector<u8> bytes_;

@@ -91,6 +91,11 @@ private:
             tell(found::TOO_LONG, start(),
                  fmt::format("the directory has more than {} slots", MAX_SLOTS));
         }
+        if (space.remains() != 0) {
+            tell(found::BEHIND_END, start(),
+                 fmt::format("{} in use behind the end of the directory, slot {}",
+                             counted(space.remains(), "slot", "slots"), space.count()));
+        }
         const directory_content content = content_of(space);
         if (!is_root()) {
             check_size();
