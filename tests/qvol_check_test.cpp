@@ -489,6 +489,14 @@ TEST_P(QvolCheck, RemovesALongNameWithAnotherChecksum) {
                     "mended: the slots were removed"}});
 }
 
+TEST_P(QvolCheck, TakesTheFirstClusterOffALongNameSlot) {
+    const std::uint32_t dir = start_of("/DIR");
+    poke(entry_offset("/DIR/A long name.text") - 32 + 26, little_endian(5, 2));
+    expect_judge_finds_something();
+    expect_mended({{"/DIR" + at(dir) + "the long-name slot 3 has a first cluster",
+                    "mended: it was taken away"}});
+}
+
 TEST_P(QvolCheck, TellsASlotThatIsNoEntry) {
     const std::uint32_t dir = start_of("/DIR");
     put_slot(dir, 6, "NEITHER TXT", 0x18, FREE_CLUSTER);
@@ -682,8 +690,8 @@ const unsigned ROUNDS = std::getenv("QUORVEL_DEEP_TESTS") != nullptr ? 2000
 class QvolCheckDamaged : public CheckedVolume {
 protected:
     QvolCheckDamaged() {
-        for (int i = 0; i < 20; i++) {
-            add_file("/many/file number " + number(static_cast<unsigned>(i)), 100U * unsigned(i));
+        for (unsigned i = 0; i < 8; i++) {
+            add_file("/many/file number " + number(i), 250 * i);
         }
         add_file("/deep/er/and/deeper/LAST.BIN", 3000);
         said("put", {"-f", scratch_.file("tree") + "/.", "/"});
@@ -735,6 +743,11 @@ protected:
         std::filesystem::resize_file(image_, size_);
     }
 
+    // What a repair may change.
+    std::string metadata() const {
+        return peek(0, pristine_.size() + 65536);
+    }
+
     json ended(std::vector<std::string> options) {
         std::vector<std::string> command = {"timeout", "20",     qvol_path(),
                                             "check",   "--json", image_};
@@ -750,13 +763,20 @@ protected:
     }
 
     // Paths of the files that can be read and hold what they should.
-    std::vector<std::string> sound_files() {
-        std::vector<std::string> sound;
+    std::set<std::string> sound_files() {
+        std::vector<std::string> paths;
+        std::string all;
         for (const auto &[path, content] : contents_) {
-            if (qvol("cat", {path}) == outcome{0, content, ""}) {
-                sound.push_back(path);
-            }
+            paths.push_back(path);
+            all += content;
         }
+        std::set<std::string> sound(paths.begin(), paths.end());
+        if (qvol("cat", paths) == outcome{0, all, ""}) {
+            return sound;
+        }
+        std::erase_if(sound, [this](const std::string &path) {
+            return qvol("cat", {path}) != outcome{0, contents_[path], ""};
+        });
         return sound;
     }
 
@@ -786,15 +806,18 @@ TEST_P(QvolCheckDamaged, ARepairLosesNoFileAndLeavesNothingToRepair) {
         SCOPED_TRACE(seed);
         damage(seed);
         const json found = ended({});
-        const std::vector<std::string> before = sound_files();
+        const std::set<std::string> before = sound_files();
         const json mended = ended({"--repair"});
         if (found.is_discarded() || mended.is_discarded()) {
             continue;
         }
-        EXPECT_EQ(sound_files(), before);
-        const bytes after = read_file(image_);
+        const std::set<std::string> sound = sound_files();
+        for (const std::string &path : before) {
+            EXPECT_TRUE(sound.contains(path)) << path << mended.dump(2);
+        }
+        const std::string after = metadata();
         const json again = ended({"--repair"});
-        EXPECT_TRUE(read_file(image_) == after);
+        EXPECT_TRUE(metadata() == after);
         EXPECT_EQ(left_in(again), left_in(mended));
         if (found["left"] == 0 || mended["left"] == 0) {
             expect_clean();

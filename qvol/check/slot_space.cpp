@@ -17,7 +17,7 @@ class content_reader {
 public:
     void take(const u8 *slot, u32 index) {
         if (!is_removed(slot) && is_long_name_slot(slot)) {
-            run_.accept(slot, index);
+            take_long_name_slot(slot, index);
             return;
         }
         if (is_removed(slot)) {
@@ -38,6 +38,13 @@ public:
     }
 
 private:
+    void take_long_name_slot(const u8 *slot, u32 index) {
+        run_.accept(slot, index);
+        if (fat::load(slot, fat::SLOT_START) != 0) {
+            content_.started.push_back(index);
+        }
+    }
+
     void take_entry(const entry &found) {
         const bool misfits = run_.is_whole() && !found.has_long_name && found.type() != kind::LABEL;
         close_run(misfits ? run_.first_slot : found.first_slot, found.slot);

@@ -129,6 +129,12 @@ private:
                                    "behind it",
                                    run.first));
         }
+        for (const u32 slot : content.started) {
+            tell(found::SLOT_CLUSTER, space.cluster_of(slot),
+                 fmt::format("the long-name slot {} has a first cluster", slot),
+                 "it was taken away",
+                 [place = space.location(slot)](repair *plan) { plan->clear_slot_start(place); });
+        }
         for (const u32 slot : content.no_entries) {
             tell(found::NO_ENTRY, space.cluster_of(slot),
                  fmt::format("slot {} is neither a file nor a directory nor a label", slot));
