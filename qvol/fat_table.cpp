@@ -106,9 +106,7 @@ void fat_table::check_number(u32 cluster) const {
 u32 fat_table::get(u32 cluster) {
     check_number(cluster);
     const u64 offset = u64{cluster} * entry_size_;
-    const u8 *entry = page_of(offset).bytes.data() + offset % PAGE_BYTES;
-    return entry_size_ == fat::FAT16_ENTRY_SIZE ? fat::load16(entry)
-                                                : fat::load32(entry) & fat::FAT32_VALUE_MASK;
+    return value_in(page_of(offset), offset);
 }
 
 void fat_table::set(u32 cluster, u32 value) {
@@ -127,13 +125,33 @@ void fat_table::set(u32 cluster, u32 value) {
     }
 }
 
+u32 fat_table::value_in(const page &held, u64 byte_offset) const {
+    const u8 *entry = held.bytes.data() + byte_offset % PAGE_BYTES;
+    return entry_size_ == fat::FAT16_ENTRY_SIZE ? fat::load16(entry)
+                                                : fat::load32(entry) & fat::FAT32_VALUE_MASK;
+}
+
+void fat_table::visit_used(const std::function<void(u32 cluster, u32 value)> &visit) const {
+    const u32 per_page = PAGE_BYTES / entry_size_;
+    for (std::size_t index = 0; page_begins_in_table(index); index++) {
+        const page fresh = pages_[index] == nullptr ? load_page(index) : page{};
+        const page &shown = pages_[index] == nullptr ? fresh : *pages_[index];
+        const u32 first = static_cast<u32>(index) * per_page;
+        const u64 end = std::min(u64{last_cluster_} + 1, u64{first} + per_page);
+        for (u32 cluster = std::max(first, fat::FIRST_DATA_CLUSTER); cluster < end; cluster++) {
+            const u32 value = value_in(shown, u64{cluster} * entry_size_);
+            if (value != fat::FAT_FREE) {
+                visit(cluster, value);
+            }
+        }
+    }
+}
+
 u32 fat_table::free_count() {
     if (!free_count_) {
-        u32 count = 0;
-        for (u32 cluster = fat::FIRST_DATA_CLUSTER; cluster <= last_cluster_; cluster++) {
-            count += get(cluster) == fat::FAT_FREE ? 1 : 0;
-        }
-        free_count_ = count;
+        u32 used = 0;
+        visit_used([&used](u32, u32) { used++; });
+        free_count_ = last_cluster_ - fat::FIRST_DATA_CLUSTER + 1 - used;
     }
     return *free_count_;
 }

@@ -54,6 +54,10 @@ public:
     [[nodiscard]] u32 get(u32 cluster);
     void set(u32 cluster, u32 value);
 
+    // All clusters whose entries are not free, in their order. What has to be read for it is not
+    // kept.
+    void visit_used(const std::function<void(u32 cluster, u32 value)> &visit) const;
+
     [[nodiscard]] u32 last_cluster() const {
         return last_cluster_;
     }
@@ -102,6 +106,7 @@ private:
 
     [[nodiscard]] page &page_of(u64 byte_offset);
     [[nodiscard]] page load_page(std::size_t index) const;
+    [[nodiscard]] u32 value_in(const page &held, u64 byte_offset) const;
 
     // A sector of a copy that differs: its place, and the bytes of both.
     struct differing_sector {

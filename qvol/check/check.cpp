@@ -151,6 +151,9 @@ void adopt_second_look(const check_result &second, check_result *result) {
         if (one.is_mended && left.contains(one)) {
             one.is_mended = false;
             one.outcome = "it came back";
+        } else if (!one.is_mended && !left.contains(one)) {
+            one.is_mended = true;
+            one.outcome = "it went with another";
         }
     }
     for (const told_finding &one : second.findings) {
