@@ -2,6 +2,7 @@
 
 #include "qvol/error.h"
 #include "qvol/sectors.h"
+#include "qvol/slots.h"
 
 #include <algorithm>
 #include <cstring>
@@ -12,82 +13,11 @@ namespace qvol {
 
 namespace {
 
-// What other systems take for the longest directory.
-constexpr u32 MAX_SLOTS = 65536;
-
 // A longer one is no directory but a damaged chain.
 constexpr u32 MAX_READ_BYTES = 8 * 1024 * 1024;
 
-constexpr u32 MAX_ORDINAL = 20; // slots of 13 units for 255 of them
-
 u32 slots_per_sector() {
     return sv->sector_size / fat::DENTRY_SIZE;
-}
-
-// ---- long names ----
-
-// The long name that a walk over the slots is in. It counts only where it is whole: its slots stand
-// right in front of the short entry, in falling order from the one marked last to 1, and carry that
-// entry's checksum.
-struct long_name_run {
-    std::u16string units;
-    u32 first_slot = 0;
-    u32 missing = 0; // slots that are still to come
-    u8 checksum = 0;
-
-    void reset() {
-        *this = long_name_run{};
-    }
-
-    void accept(const u8 *slot, u32 index) {
-        const u32 ordinal = fat::load(slot, fat::SLOT_ORDINAL);
-        const u8 slot_checksum = static_cast<u8>(fat::load(slot, fat::SLOT_CHECKSUM));
-        if ((ordinal & fat::SLOT_LAST) != 0) {
-            reset();
-            first_slot = index;
-            checksum = slot_checksum;
-            missing = ordinal & ~fat::SLOT_LAST;
-            missing = missing <= MAX_ORDINAL ? missing : 0;
-        } else if (missing == 0 || ordinal != missing || slot_checksum != checksum) {
-            reset();
-            return;
-        }
-        if (missing == 0) {
-            return;
-        }
-        prepend(slot);
-        missing--;
-    }
-
-    [[nodiscard]] bool belongs_to(const u8 *short_entry) const {
-        return !units.empty() && missing == 0 && checksum == fat::dosname_checksum(short_entry);
-    }
-
-private:
-    void prepend(const u8 *slot) {
-        std::u16string part;
-        for (u32 unit = 0; unit < fat::SLOT_UNITS; unit++) {
-            const u16 value = fat::load16(slot + fat::slot_unit_offset(unit));
-            if (value == 0) {
-                break;
-            }
-            part.push_back(value);
-        }
-        units.insert(0, part);
-    }
-};
-
-bool is_removed(const u8 *slot) {
-    return slot[fat::SHORT_NAME.offset] == fat::NAME_DELETED;
-}
-
-bool is_long_name_slot(const u8 *slot) {
-    return (fat::load(slot, fat::SHORT_ATTR) & fat::ATTR_LONG_NAME_MASK) == fat::ATTR_LONG_NAME;
-}
-
-// An attribute byte that is a label and a directory at once belongs to no entry.
-bool is_entry(const u8 *slot) {
-    return (fat::load(slot, fat::SHORT_ATTR) & fat::ATTR_KIND_MASK) != fat::ATTR_KIND_MASK;
 }
 
 u32 kind_number(kind type) {
@@ -101,12 +31,6 @@ u32 kind_number(kind type) {
     default:
         return fat::DENTRY_FILE;
     }
-}
-
-std::u16string label_text(const short_name &label) {
-    std::u16string text(label.begin(), label.end());
-    text.erase(text.find_last_not_of(u' ') + 1);
-    return text;
 }
 
 std::u16string alias_text(const entry &of) {
@@ -252,17 +176,7 @@ void directory::parse() {
             run.accept(slot, end_);
             continue;
         } else if (is_entry(slot)) {
-            entry found;
-            std::copy_n(slot, fat::DENTRY_SIZE, found.raw.begin());
-            found.slot = end_;
-            found.has_long_name = run.belongs_to(slot) && found.type() != kind::LABEL;
-            found.first_slot = found.has_long_name ? run.first_slot : end_;
-            found.name = found.has_long_name ? run.units
-                         : found.type() == kind::LABEL
-                             ? label_text(found.alias())
-                             : short_name_units(found.alias(),
-                                                static_cast<u8>(fat::load(slot, fat::SHORT_SYSID)));
-            index_entry(found);
+            index_entry(entry_of_slot(slot, end_, run));
         }
         run.reset();
     }

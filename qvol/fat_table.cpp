@@ -5,6 +5,7 @@
 #include "qvol/sectors.h"
 
 #include <algorithm>
+#include <map>
 
 #include <fmt/format.h>
 
@@ -105,9 +106,7 @@ void fat_table::check_number(u32 cluster) const {
 u32 fat_table::get(u32 cluster) {
     check_number(cluster);
     const u64 offset = u64{cluster} * entry_size_;
-    const u8 *entry = page_of(offset).bytes.data() + offset % PAGE_BYTES;
-    return entry_size_ == fat::FAT16_ENTRY_SIZE ? fat::load16(entry)
-                                                : fat::load32(entry) & fat::FAT32_VALUE_MASK;
+    return value_in(page_of(offset), offset);
 }
 
 void fat_table::set(u32 cluster, u32 value) {
@@ -126,13 +125,33 @@ void fat_table::set(u32 cluster, u32 value) {
     }
 }
 
+u32 fat_table::value_in(const page &held, u64 byte_offset) const {
+    const u8 *entry = held.bytes.data() + byte_offset % PAGE_BYTES;
+    return entry_size_ == fat::FAT16_ENTRY_SIZE ? fat::load16(entry)
+                                                : fat::load32(entry) & fat::FAT32_VALUE_MASK;
+}
+
+void fat_table::visit_used(const std::function<void(u32 cluster, u32 value)> &visit) const {
+    const u32 per_page = PAGE_BYTES / entry_size_;
+    for (std::size_t index = 0; page_begins_in_table(index); index++) {
+        const page fresh = pages_[index] == nullptr ? load_page(index) : page{};
+        const page &shown = pages_[index] == nullptr ? fresh : *pages_[index];
+        const u32 first = static_cast<u32>(index) * per_page;
+        const u64 end = std::min(u64{last_cluster_} + 1, u64{first} + per_page);
+        for (u32 cluster = std::max(first, fat::FIRST_DATA_CLUSTER); cluster < end; cluster++) {
+            const u32 value = value_in(shown, u64{cluster} * entry_size_);
+            if (value != fat::FAT_FREE) {
+                visit(cluster, value);
+            }
+        }
+    }
+}
+
 u32 fat_table::free_count() {
     if (!free_count_) {
-        u32 count = 0;
-        for (u32 cluster = fat::FIRST_DATA_CLUSTER; cluster <= last_cluster_; cluster++) {
-            count += get(cluster) == fat::FAT_FREE ? 1 : 0;
-        }
-        free_count_ = count;
+        u32 used = 0;
+        visit_used([&used](u32, u32) { used++; });
+        free_count_ = last_cluster_ - fat::FIRST_DATA_CLUSTER + 1 - used;
     }
     return *free_count_;
 }
@@ -225,24 +244,50 @@ void fat_table::write_changes() {
     }
 }
 
-// NOLINTNEXTLINE(readability-make-member-function-const): it changes the medium
-u64 fat_table::mirror() {
-    u64 differing = 0;
+void fat_table::visit_differences(
+    const std::function<void(const differing_sector &)> &visit) const {
     for (std::size_t index = 0; page_begins_in_fat(index); index++) {
         const page first = load_page(index);
         for (u32 copy = 1; copy < copies_; copy++) {
-            const u64 sector = page_sector(index, copy);
-            const std::vector<u8> other = read_run(sector, sectors_of_page(index));
+            const std::vector<u8> other =
+                read_run(page_sector(index, copy), sectors_of_page(index));
             for (std::size_t at = 0; at < other.size(); at += sv->sector_size) {
-                const auto bytes = std::span(first.bytes).subspan(at, sv->sector_size);
-                if (!std::equal(bytes.begin(), bytes.end(),
-                                other.begin() + static_cast<std::ptrdiff_t>(at))) {
-                    write_run(sector + at / sv->sector_size, bytes);
-                    differing++;
+                const differing_sector sector = {
+                    copy, page_sector(index, 0) - sv->fat_start + at / sv->sector_size,
+                    std::span(first.bytes).subspan(at, sv->sector_size),
+                    std::span(other).subspan(at, sv->sector_size)};
+                if (!std::equal(sector.first.begin(), sector.first.end(), sector.other.begin())) {
+                    visit(sector);
                 }
             }
         }
     }
+}
+
+std::vector<copy_difference> fat_table::compare_copies() const {
+    std::map<u32, copy_difference> found;
+    visit_differences([&](const differing_sector &sector) {
+        const auto [a, b] =
+            std::mismatch(sector.first.begin(), sector.first.end(), sector.other.begin());
+        const u64 offset =
+            sector.in_fat * sv->sector_size + static_cast<u64>(a - sector.first.begin());
+        const copy_difference first = {sector.copy, 0, static_cast<u32>(offset / entry_size_)};
+        found.try_emplace(sector.copy, first).first->second.sectors++;
+    });
+    std::vector<copy_difference> differences;
+    for (const auto &[copy, difference] : found) {
+        differences.push_back(difference);
+    }
+    return differences;
+}
+
+// NOLINTNEXTLINE(readability-make-member-function-const): it changes the medium
+u64 fat_table::mirror() {
+    u64 differing = 0;
+    visit_differences([&](const differing_sector &sector) {
+        write_run(sv->fat_start + u64{sector.copy} * sv->fat_size + sector.in_fat, sector.first);
+        differing++;
+    });
     return differing;
 }
 

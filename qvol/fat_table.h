@@ -9,6 +9,7 @@
 #include "fat/bytes.h"
 #include "qvol/error.h"
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -28,6 +29,13 @@ struct cluster_run {
     bool operator==(const cluster_run &) const = default;
 };
 
+// A copy of the FAT that is not equal to the first one.
+struct copy_difference {
+    u32 copy;
+    u64 sectors; // how many differ
+    u32 cluster; // that of the first entry which differs; 0 and 1 are none
+};
+
 // There are not as many free clusters as are wanted.
 class no_space : public error {
 public:
@@ -45,6 +53,10 @@ public:
     // that the volume or its FAT does not have.
     [[nodiscard]] u32 get(u32 cluster);
     void set(u32 cluster, u32 value);
+
+    // All clusters whose entries are not free, in their order. What has to be read for it is not
+    // kept.
+    void visit_used(const std::function<void(u32 cluster, u32 value)> &visit) const;
 
     [[nodiscard]] u32 last_cluster() const {
         return last_cluster_;
@@ -74,6 +86,9 @@ public:
     // Writes the changed sectors to every copy.
     void write_changes();
 
+    // How each copy that differs from the first one does.
+    [[nodiscard]] std::vector<copy_difference> compare_copies() const;
+
     // Writes the first copy over the others. Returns the sectors that differed.
     [[nodiscard]] u64 mirror();
 
@@ -91,6 +106,16 @@ private:
 
     [[nodiscard]] page &page_of(u64 byte_offset);
     [[nodiscard]] static page load_page(std::size_t index);
+    [[nodiscard]] u32 value_in(const page &held, u64 byte_offset) const;
+
+    // A sector of a copy that differs: its place, and the bytes of both.
+    struct differing_sector {
+        u32 copy;
+        u64 in_fat; // from the start of the copy
+        std::span<const u8> first;
+        std::span<const u8> other;
+    };
+    void visit_differences(const std::function<void(const differing_sector &)> &visit) const;
     void write_page(std::size_t index, page *changed) const;
     [[nodiscard]] bool page_begins_in_table(std::size_t index) const;
     void check_number(u32 cluster) const;

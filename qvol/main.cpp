@@ -22,6 +22,7 @@ int main(int argc, char **argv) {
     qvol::add_owner(&commands);
     qvol::add_dump(&commands);
     qvol::add_map(&commands);
+    qvol::add_check(&commands);
     qvol::add_mirror(&commands);
     qvol::add_compact(&commands);
     return commands.run(argc, argv);

@@ -159,9 +159,16 @@ boot_fields parse_boot_sector(const std::vector<u8> &sector) {
     return boot;
 }
 
-boot_fields mount(const target &where) {
-    if (fat_build_super() < 0) {
+// The width of the FAT is the last that the library finds out about the areas; what can fail behind
+// that is the root directory.
+boot_fields mount(const target &where, mounted wanted) {
+    const bool has_root = fat_build_super() >= 0;
+    if (!has_root && sv->fat_type == 0) {
         throw error(fmt::format("{} holds no FAT16 or FAT32 volume", shown_bytes(where.path())));
+    }
+    if (!has_root && wanted == mounted::WITH_ROOT) {
+        throw error(fmt::format("{}: the root directory is damaged; \"qvol check\" tells more",
+                                shown_bytes(where.path())));
     }
     return parse_boot_sector(read_run(0, 1));
 }
@@ -211,8 +218,8 @@ void target::resize(u64 size) const {
 
 // ---- volume -----------------------------------------------------------------------------------
 
-volume::volume(const target &where, const std::string &encoding)
-    : target_(where), boot_(mount(where)), names_(encoding), fat_(boot_.fat_copies) {}
+volume::volume(const target &where, const std::string &encoding, mounted wanted)
+    : target_(where), boot_(mount(where, wanted)), names_(encoding), fat_(boot_.fat_copies) {}
 
 void volume::commit_additions(const std::vector<directory *> &changed) {
     has_committed_ = true;

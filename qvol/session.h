@@ -62,10 +62,13 @@ struct boot_fields {
     std::string label; // without its padding; "" where there is none
 };
 
+// What a command has to find to work with a volume: areas alone, or a root directory as well.
+enum class mounted { AREAS, WITH_ROOT };
+
 class volume {
 public:
     // Mounts. `target` has to outlive the volume. Throws error where no volume is found.
-    volume(const target &where, const std::string &encoding);
+    volume(const target &where, const std::string &encoding, mounted wanted = mounted::WITH_ROOT);
     volume(const volume &) = delete;
     volume &operator=(const volume &) = delete;
 

@@ -28,6 +28,7 @@ void add_log(command_line *commands);
 
 // ---- the volume as a whole ----
 void add_map(command_line *commands);
+void add_check(command_line *commands);
 void add_mirror(command_line *commands);
 void add_compact(command_line *commands);
 

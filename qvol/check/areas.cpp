@@ -1,0 +1,249 @@
+// The areas in front of the data: boot sector, FSInfo, the first two FAT entries, the FAT copies.
+
+#include "qvol/check/repair.h"
+#include "qvol/check/survey.h"
+#include "qvol/output.h"
+#include "qvol/sectors.h"
+
+#include <algorithm>
+
+#include <fmt/format.h>
+
+namespace qvol {
+
+namespace {
+
+constexpr u32 NO_SECTOR = 0xFFFF; // in the boot sector, as 0
+
+bool is_sector_named(u32 sector) {
+    return sector != 0 && sector != NO_SECTOR;
+}
+
+bool is_reserved(const survey &in, u32 sector) {
+    return sector < in.vol.boot().reserved_sectors;
+}
+
+// ---- boot sector ----
+
+// Fields that the places of all areas follow from.
+constexpr fat::field GEOMETRY_FIELDS[] = {
+    fat::PBR_BYTES_PER_SECTOR, fat::PBR_SECTORS_PER_CLUSTER, fat::PBR_RESERVED_SECTORS,
+    fat::PBR_NUMBER_OF_FATS,   fat::PBR_ROOT_ENTRIES,        fat::PBR_TOTAL_SECTORS_16,
+    fat::PBR_FAT_SIZE_16,      fat::PBR_TOTAL_SECTORS_32,    fat::PBR32_FAT_SIZE,
+    fat::PBR32_ROOT_CLUSTER,   fat::PBR32_FSINFO_SECTOR,     fat::PBR32_BACKUP_SECTOR,
+};
+
+bool is_boot_sector(const u8 *sector) {
+    const u32 size = fat::load(sector, fat::PBR_BYTES_PER_SECTOR);
+    return fat::load(sector, fat::PBR_SIGNATURE) == fat::BOOT_SIGNATURE &&
+           size >= fat::MIN_SECTOR_SIZE && size <= fat::MAX_SECTOR_SIZE &&
+           fat::load(sector, fat::PBR_SECTORS_PER_CLUSTER) != 0;
+}
+
+void check_backup(survey *in) {
+    const u32 backup_sector = in->vol.boot().backup_sector;
+    if (!is_sector_named(backup_sector)) {
+        return;
+    }
+    if (!is_reserved(*in, backup_sector)) {
+        in->add({&found::BACKUP_PLACE, NO_NODE, 0,
+                 fmt::format("the boot sector has its backup in sector {}, which is none of the "
+                             "reserved ones",
+                             backup_sector),
+                 ""});
+        return;
+    }
+    const std::vector<u8> boot = read_run(0, 1);
+    std::vector<u8> backup = read_run(backup_sector, 1);
+    const u32 state = fat::EBR_OFFSET_FAT32 + fat::EBR_RESERVED.offset; // systems write one alone
+    const bool has_geometry =
+        std::all_of(std::begin(GEOMETRY_FIELDS), std::end(GEOMETRY_FIELDS), [&](fat::field field) {
+            return fat::load(boot.data(), field) == fat::load(backup.data(), field);
+        });
+    const bool is_plausible = is_boot_sector(backup.data());
+    backup[state] = boot[state];
+    if (std::equal(boot.begin(), boot.begin() + fat::PBR_SIZE, backup.begin())) {
+        return;
+    }
+    if (!has_geometry && is_plausible) {
+        in->add({&found::GEOMETRY, NO_NODE, 0,
+                 fmt::format("the boot sector and its backup in sector {} place the areas "
+                             "differently",
+                             backup_sector),
+                 ""});
+        return;
+    }
+    in->add(
+        {&found::BACKUP, NO_NODE, 0,
+         fmt::format("the backup of the boot sector, in sector {}, differs from it", backup_sector),
+         "the boot sector was copied there",
+         [backup_sector](repair *plan) { plan->copy_boot_sector(backup_sector); }});
+}
+
+// ---- FSInfo ----
+
+bool has_fsinfo(const survey &in) {
+    const u32 sector = in.vol.boot().fsinfo_sector;
+    return is_sector_named(sector) && is_reserved(in, sector);
+}
+
+bool has_signatures(const std::vector<u8> &fsinfo) {
+    return fat::load(fsinfo.data(), fat::FSINFO_LEAD) == fat::FSINFO_LEAD_SIGNATURE &&
+           fat::load(fsinfo.data(), fat::FSINFO_STRUCTURE) == fat::FSINFO_STRUCTURE_SIGNATURE &&
+           fat::load(fsinfo.data(), fat::FSINFO_TRAIL) == fat::FSINFO_TRAIL_SIGNATURE;
+}
+
+void check_fsinfo(survey *in) {
+    const u32 sector = in->vol.boot().fsinfo_sector;
+    if (is_sector_named(sector) && !is_reserved(*in, sector)) {
+        in->add(
+            {&found::FSINFO_PLACE, NO_NODE, 0,
+             fmt::format("FSInfo lies in sector {}, which is none of the reserved ones", sector),
+             ""});
+    } else if (has_fsinfo(*in) && !has_signatures(read_run(sector, 1))) {
+        in->add({&found::FSINFO_SIGNATURE, NO_NODE, 0,
+                 fmt::format("FSInfo, in sector {}, has not its signatures", sector),
+                 "it was written anew", [sector](repair *plan) { plan->write_fsinfo(sector); }});
+    }
+}
+
+// ---- FAT ----
+
+// How a system says in entry 1 that all is well.
+struct state_bits {
+    u32 is_clean;
+    u32 has_no_errors;
+};
+
+state_bits bits_of_width() {
+    return sv->fat_type == 32 ? state_bits{0x08000000, 0x04000000} : state_bits{0x8000, 0x4000};
+}
+
+u32 value_mask() {
+    return sv->fat_type == 32 ? fat::FAT32_VALUE_MASK : 0xFFFF;
+}
+
+void check_media(survey *in, u32 value) {
+    const u32 wanted = (0xFFFFFF00 | in->vol.boot().media) & value_mask();
+    if (value != wanted) {
+        in->add(
+            {&found::FAT_MEDIA, NO_NODE, 0,
+             fmt::format("FAT entry 0 holds {:#x}, of the media byte it is {:#x}", value, wanted),
+             "it was set right", [wanted](repair *plan) { plan->set_fixed_entry(0, wanted); }});
+    }
+}
+
+void check_end_mark(survey *in, u32 value) {
+    const state_bits bits = bits_of_width();
+    if (!fat::is_end_of_chain(value | bits.is_clean | bits.has_no_errors)) {
+        const u32 wanted = value_mask();
+        in->add({&found::FAT_END_MARK, NO_NODE, 0,
+                 fmt::format("FAT entry 1 holds {:#x}, which is no end of a chain", value),
+                 "it was set right", [wanted](repair *plan) { plan->set_fixed_entry(1, wanted); }});
+    } else if ((value & bits.has_no_errors) == 0) {
+        in->add({&found::DIRTY, NO_NODE, 0, "the volume is marked: the medium has failed",
+                 "the mark was removed", [](repair *plan) { plan->mark_clean(); }});
+    } else if ((value & bits.is_clean) == 0) {
+        in->add({&found::DIRTY, NO_NODE, 0, "the volume is marked: it was not closed",
+                 "the mark was removed", [](repair *plan) { plan->mark_clean(); }});
+    }
+}
+
+void check_fixed_entries(survey *in) {
+    const std::vector<u8> fat = read_run(sv->fat_start, 1);
+    const u32 size = sv->fat_type / 8;
+    const fat::field entries[] = {{"entry 0", 0, size}, {"entry 1", size, size}};
+    check_media(in, fat::load(fat.data(), entries[0]) & value_mask());
+    check_end_mark(in, fat::load(fat.data(), entries[1]) & value_mask());
+}
+
+// Systems keep their mark in the boot sector as well.
+void check_boot_mark(survey *in) {
+    const u32 extended = sv->fat_type == 32 ? fat::EBR_OFFSET_FAT32 : fat::EBR_OFFSET_FAT16;
+    if ((fat::load(read_run(0, 1).data() + extended, fat::EBR_RESERVED) & 1) != 0) {
+        in->add({&found::DIRTY, NO_NODE, 0, "the boot sector is marked: it was not closed",
+                 "the mark was removed", [](repair *plan) { plan->mark_clean(); }});
+    }
+}
+
+void check_fat_size(survey *in) {
+    const u32 wanted = sv->num_clusters + fat::FIRST_DATA_CLUSTER - 1;
+    if (in->table.last_cluster() < wanted) {
+        in->add({&found::FAT_SIZE, NO_NODE, 0,
+                 fmt::format("the FAT ends with cluster {}, the volume with {}",
+                             in->table.last_cluster(), wanted),
+                 ""});
+    }
+}
+
+// Without mirroring one copy is in use, and the others are left as they are.
+struct mirroring {
+    bool is_off = false;
+    u32 active = 0;
+};
+
+mirroring mirroring_of(const std::vector<u8> &boot) {
+    const u32 flags = sv->fat_type == 32 ? fat::load(boot.data(), fat::PBR32_EXTENDED_FLAGS) : 0;
+    return (flags & 0x80) != 0 ? mirroring{true, flags & 0x0F} : mirroring{};
+}
+
+void check_copies(survey *in) {
+    const mirroring mode = mirroring_of(read_run(0, 1));
+    if (mode.active != 0) {
+        in->add({&found::ACTIVE_FAT, NO_NODE, 0,
+                 fmt::format("FAT copy {} is the one in use", mode.active), ""});
+    }
+    if (mode.is_off) {
+        return;
+    }
+    for (const copy_difference &difference : in->table.compare_copies()) {
+        in->add({&found::FAT_COPIES, NO_NODE, difference.cluster,
+                 fmt::format("is the first whose entry in FAT copy {} differs: {}", difference.copy,
+                             counted(difference.sectors, "sector", "sectors")),
+                 "the first copy was written over it",
+                 [](repair *plan) { plan->make_copies_equal(); }});
+    }
+}
+
+} // namespace
+
+void check_areas(survey *in) {
+    if (in->vol.boot().fat_copies == 0) {
+        throw error("the boot sector names no FAT");
+    }
+    check_backup(in);
+    check_boot_mark(in);
+    check_fsinfo(in);
+    check_fat_size(in);
+    check_fixed_entries(in);
+    check_copies(in);
+}
+
+void check_fsinfo_counts(survey *in) {
+    if (!has_fsinfo(*in)) {
+        return;
+    }
+    const u32 sector = in->vol.boot().fsinfo_sector;
+    const std::vector<u8> fsinfo = read_run(sector, 1);
+    const u32 told = fat::load(fsinfo.data(), fat::FSINFO_FREE_COUNT);
+    const u32 next = fat::load(fsinfo.data(), fat::FSINFO_NEXT_FREE);
+    const auto mend = [sector](repair *plan) { plan->write_fsinfo(sector); };
+    if (!has_signatures(fsinfo)) {
+        return; // the counts are written with them
+    }
+    if (told != fat::FSINFO_UNKNOWN && told != in->table.free_count()) {
+        in->add(
+            {&found::FSINFO_FREE, NO_NODE, 0,
+             fmt::format("FSInfo tells {}, there are {}",
+                         counted(told, "free cluster", "free clusters"), in->table.free_count()),
+             "it was set right", mend});
+    }
+    const bool is_cluster = next >= fat::FIRST_DATA_CLUSTER && next <= in->table.last_cluster();
+    if (next != fat::FSINFO_UNKNOWN && !is_cluster) {
+        in->add({&found::FSINFO_NEXT, NO_NODE, 0,
+                 fmt::format("FSInfo tells {} for the next free cluster, which is none", next),
+                 "it was set right", mend});
+    }
+}
+
+} // namespace qvol

@@ -1,0 +1,80 @@
+#include "qvol/check/reserved_files.h"
+
+#include "qvol/check/chains.h"
+#include "qvol/file_data.h"
+#include "qvol/sectors.h"
+
+#include <cstring>
+
+#include <fmt/format.h>
+
+namespace qvol {
+
+namespace {
+
+constexpr char POOL_NAME[] = "ZUQ_POOLSY$";
+constexpr char LOG_NAME[] = "$ZUQ_LOGLO$";
+constexpr u32 LOG_BYTES = 128 * 1024; // at least; rounded up to full clusters
+
+bool is_file_of_root(const survey &in, u32 node, const char *name) {
+    const tree_node &candidate = in.nodes[node];
+    return candidate.parent == ROOT_NODE && candidate.of.type() == kind::FILE &&
+           std::memcmp(candidate.of.raw.data(), name, fat::SHORT_NAME.size) == 0;
+}
+
+void check_size(survey *in, u32 node, const finding_kind &as, u32 wanted) {
+    const u32 size = in->nodes[node].of.size();
+    if (size != wanted) {
+        in->add({&as, node, in->nodes[node].of.start(),
+                 fmt::format("has {} bytes, the driver needs {}", size, wanted), ""});
+    }
+}
+
+// What the header has to say in a word, by its field.
+struct header_word {
+    fat::field where;
+    u32 value;
+};
+
+void check_pool_header(survey *in, u32 node) {
+    const entry &pool = in->nodes[node].of;
+    if (in->owners.get(pool.start()) != node + 1 || !is_in_image(pool.start())) {
+        return; // that is told with the chain
+    }
+    constexpr u32 ALL_ONES = 0xFFFFFFFF;
+    const header_word words[] = {
+        {fat::POOL_INDEX, pool.slot},      {fat::POOL_ZERO, 0}, {fat::POOL_FIRST, pool.start()},
+        {fat::POOL_SECOND, pool.start()},  {fat::POOL_ONE, 1},  {fat::POOL_FIRST_MARK, ALL_ONES},
+        {fat::POOL_SECOND_MARK, ALL_ONES},
+    };
+    const std::vector<u8> header = read_run(sector_of_cluster(pool.start()), 1);
+    for (const header_word &word : words) {
+        const u32 value = fat::load(header.data(), word.where);
+        if (value != word.value) {
+            in->add({&found::POOL, node, pool.start(),
+                     fmt::format("the header holds {:#x} at byte {}, where {:#x} has to stand",
+                                 value, word.where.offset, word.value),
+                     ""});
+        }
+    }
+}
+
+} // namespace
+
+bool is_pool(const survey &in, u32 node) {
+    return is_file_of_root(in, node, POOL_NAME);
+}
+
+void check_reserved_files(survey *in) {
+    const tree_node root = in->nodes[ROOT_NODE];
+    for (u32 node = root.first_child; node < root.first_child + root.children; node++) {
+        if (is_pool(*in, node)) {
+            check_size(in, node, found::POOL, fat::cluster_bytes());
+            check_pool_header(in, node);
+        } else if (is_file_of_root(*in, node, LOG_NAME)) {
+            check_size(in, node, found::LOG, clusters_for(LOG_BYTES) * fat::cluster_bytes());
+        }
+    }
+}
+
+} // namespace qvol

@@ -1,0 +1,81 @@
+// What a check knows about a volume: the entries met so far, whose each cluster is, what was found.
+
+#pragma once
+
+#include "qvol/check/finding.h"
+#include "qvol/path.h"
+#include "qvol/session.h"
+
+#include <array>
+#include <memory>
+#include <vector>
+
+namespace qvol {
+
+// A number for each cluster, 0 at first. Takes memory where there are others.
+class cluster_map {
+public:
+    [[nodiscard]] u32 get(u32 cluster) const {
+        const std::size_t page = cluster / PAGE_CLUSTERS;
+        return page < pages_.size() && pages_[page] != nullptr
+                   ? (*pages_[page])[cluster % PAGE_CLUSTERS]
+                   : 0;
+    }
+    void set(u32 cluster, u32 value) {
+        const std::size_t page = cluster / PAGE_CLUSTERS;
+        pages_.resize(std::max(pages_.size(), page + 1));
+        if (pages_[page] == nullptr) {
+            pages_[page] = std::make_unique<page_values>();
+        }
+        (*pages_[page])[cluster % PAGE_CLUSTERS] = value;
+    }
+
+private:
+    static constexpr u32 PAGE_CLUSTERS = 4096;
+    using page_values = std::array<u32, PAGE_CLUSTERS>;
+    std::vector<std::unique_ptr<page_values>> pages_;
+};
+
+// The root, at index 0, or an entry below it.
+struct tree_node {
+    u32 parent = NO_NODE;
+    entry of{};
+    fat::dentry_location place{}; // of its short entry
+    u32 first_child = 0;
+    u32 children = 0;
+    bool is_shared = false; // another entry leads to clusters of this one
+};
+
+struct survey {
+    explicit survey(volume &checked) : vol(checked), table(checked.fat()), nodes(1) {}
+
+    volume &vol;
+    fat_table &table;
+    std::vector<tree_node> nodes;
+    cluster_map owners; // index of the node, and 1; LOST_OWNER
+    std::vector<finding> findings;
+    u32 used_clusters = 0; // by the entries of the tree
+
+    void add(finding added) {
+        findings.push_back(std::move(added));
+    }
+};
+
+inline constexpr u32 ROOT_NODE = 0;
+inline constexpr u32 LOST_OWNER = std::numeric_limits<u32>::max();
+
+// The names from the root to the node. Of a path of hundreds of names, which no healthy volume has,
+// the first ones are left out: what is told stays in proportion to the volume.
+[[nodiscard]] name_path path_of(const survey &in, u32 node);
+[[nodiscard]] std::string shown_path(const survey &in, u32 node);
+
+// ---- the steps, in their order ----
+
+void check_areas(survey *in);          // boot sector, FSInfo, what is fixed in the FAT, its copies
+void check_directories(survey *in);    // the tree, names, and whose clusters the directories' are
+void check_files(survey *in);          // whose clusters the files' are
+void check_reserved_files(survey *in); // pool and log
+void check_lost_clusters(survey *in);  // clusters in use that nobody owns
+void check_fsinfo_counts(survey *in);
+
+} // namespace qvol

@@ -1,0 +1,84 @@
+#include "qvol/slots.h"
+
+#include <algorithm>
+
+namespace qvol {
+
+namespace {
+
+constexpr u32 MAX_ORDINAL = 20; // slots of 13 units for 255 of them
+
+std::u16string units_of_slot(const u8 *slot) {
+    std::u16string units;
+    for (u32 unit = 0; unit < fat::SLOT_UNITS; unit++) {
+        const u16 value = fat::load16(slot + fat::slot_unit_offset(unit));
+        if (value == 0) {
+            break;
+        }
+        units.push_back(value);
+    }
+    return units;
+}
+
+std::u16string label_text(const short_name &label) {
+    std::u16string text(label.begin(), label.end());
+    text.erase(text.find_last_not_of(u' ') + 1);
+    return text;
+}
+
+std::u16string short_text(const entry &of) {
+    return of.type() == kind::LABEL
+               ? label_text(of.alias())
+               : short_name_units(of.alias(),
+                                  static_cast<u8>(fat::load(of.raw.data(), fat::SHORT_SYSID)));
+}
+
+} // namespace
+
+bool is_removed(const u8 *slot) {
+    return slot[fat::SHORT_NAME.offset] == fat::NAME_DELETED;
+}
+
+bool is_long_name_slot(const u8 *slot) {
+    return (fat::load(slot, fat::SHORT_ATTR) & fat::ATTR_LONG_NAME_MASK) == fat::ATTR_LONG_NAME;
+}
+
+bool is_entry(const u8 *slot) {
+    return (fat::load(slot, fat::SHORT_ATTR) & fat::ATTR_KIND_MASK) != fat::ATTR_KIND_MASK;
+}
+
+void long_name_run::accept(const u8 *slot, u32 index) {
+    const u32 ordinal = fat::load(slot, fat::SLOT_ORDINAL);
+    const u8 slot_checksum = static_cast<u8>(fat::load(slot, fat::SLOT_CHECKSUM));
+    if ((ordinal & fat::SLOT_LAST) != 0) {
+        reset();
+        first_slot = index;
+        checksum = slot_checksum;
+        missing = ordinal & ~fat::SLOT_LAST;
+        missing = missing <= MAX_ORDINAL ? missing : 0;
+    } else if (missing == 0 || ordinal != missing || slot_checksum != checksum) {
+        reset();
+        return;
+    }
+    if (missing == 0) {
+        return;
+    }
+    units.insert(0, units_of_slot(slot));
+    missing--;
+}
+
+bool long_name_run::belongs_to(const u8 *short_entry) const {
+    return is_whole() && checksum == fat::dosname_checksum(short_entry);
+}
+
+entry entry_of_slot(const u8 *slot, u32 index, const long_name_run &run) {
+    entry found;
+    std::copy_n(slot, fat::DENTRY_SIZE, found.raw.begin());
+    found.slot = index;
+    found.has_long_name = run.belongs_to(slot) && found.type() != kind::LABEL;
+    found.first_slot = found.has_long_name ? run.first_slot : index;
+    found.name = found.has_long_name ? run.units : short_text(found);
+    return found;
+}
+
+} // namespace qvol

@@ -1,0 +1,175 @@
+// A small healthy volume whose bytes a test damages one by one, and what `qvol check` says then.
+
+#pragma once
+
+#include "tests/support/qvol.h"
+
+#include <nlohmann/json.hpp>
+
+#include <map>
+
+namespace testing_support {
+
+// A line that the check prints, and what the repair adds to it.
+struct expected_finding {
+    std::string line;
+    std::string outcome; // "mended: ..." or "left: ..."
+};
+
+// Clusters have one sector of 512 bytes in both widths. The files and their clusters:
+// A.TXT 3, B.TXT 2, "DIR/A long name.text" 2, DIR/EMPTY 0.
+class CheckedVolume : public QvolImage, public testing::WithParamInterface<const char *> {
+protected:
+    CheckedVolume() {
+        format(GetParam(), is_fat32() ? 40 << 20 : 10 << 20, "1");
+        contents_ = {{"/A.TXT", std::string(1500, 'a')},
+                     {"/B.TXT", std::string(1000, 'b')},
+                     {"/DIR/A long name.text", std::string(600, 'l')},
+                     {"/DIR/EMPTY", ""}};
+        for (const auto &[path, content] : contents_) {
+            host_file("tree" + path, content);
+        }
+        said("put", {scratch_.file("tree") + "/.", "/"});
+        layout_ = layout_of(image_);
+    }
+
+    static bool is_fat32() {
+        return std::string(GetParam()) == "32";
+    }
+
+    // ---- damage ----
+
+    void poke(std::uint64_t offset, const std::string &content) {
+        std::fstream image(image_, std::ios::binary | std::ios::in | std::ios::out);
+        image.seekp(static_cast<std::streamoff>(offset));
+        image.write(content.data(), static_cast<std::streamsize>(content.size()));
+    }
+    std::string peek(std::uint64_t offset, std::size_t size) const {
+        std::string content(size, '\0');
+        std::ifstream image(image_, std::ios::binary);
+        image.seekg(static_cast<std::streamoff>(offset));
+        image.read(content.data(), static_cast<std::streamsize>(size));
+        return content;
+    }
+    static std::string little_endian(std::uint32_t value, std::size_t size) {
+        std::string text;
+        for (std::size_t i = 0; i < size; i++) {
+            text += static_cast<char>(value >> (8 * i) & 0xFF);
+        }
+        return text;
+    }
+
+    std::uint64_t fat_offset(std::uint32_t cluster, std::uint32_t copy = 0) const {
+        const std::uint64_t sector = layout_.fat_start + std::uint64_t{copy} * layout_.fat_size;
+        return sector * 512 + std::uint64_t{cluster} * (is_fat32() ? 4 : 2);
+    }
+    void set_link(std::uint32_t cluster, std::uint32_t value) {
+        set_link_in(0, cluster, value);
+        set_link_in(1, cluster, value);
+    }
+    void set_link_in(std::uint32_t copy, std::uint32_t cluster, std::uint32_t value) {
+        poke(fat_offset(cluster, copy), little_endian(value, is_fat32() ? 4 : 2));
+    }
+    static std::uint32_t end_mark() {
+        return is_fat32() ? 0x0FFFFFFF : 0xFFFF;
+    }
+    static std::uint32_t bad_mark() {
+        return is_fat32() ? 0x0FFFFFF7 : 0xFFF7;
+    }
+
+    std::uint64_t cluster_offset(std::uint32_t cluster) const {
+        return (std::uint64_t{layout_.data_start} + cluster - 2) * 512;
+    }
+
+    // Makes FSInfo's count of free clusters true for one that differs by so many from the first
+    // one.
+    void change_free_count(int by) {
+        if (is_fat32()) {
+            poke(512 + 488, little_endian(static_cast<std::uint32_t>(80619 + by), 4));
+        }
+    }
+
+    // ---- places ----
+
+    nlohmann::json stat(const std::string &path) {
+        return nlohmann::json::parse(said("stat", {"--json", path}));
+    }
+    std::uint32_t start_of(const std::string &path) {
+        return stat(path)["first_cluster"];
+    }
+    // Where the short entry lies, in bytes.
+    std::uint64_t entry_offset(const std::string &path) {
+        const nlohmann::json entry = stat(path)["entry"];
+        return entry["sector"].get<std::uint64_t>() * 512 + entry["offset"].get<std::uint64_t>();
+    }
+    // A cluster that is far from those in use.
+    static constexpr std::uint32_t FREE_CLUSTER = 1000;
+
+    void set_start(const std::string &path, std::uint32_t cluster) {
+        const std::uint64_t offset = entry_offset(path);
+        poke(offset + 26, little_endian(cluster, 2));
+        poke(offset + 20, little_endian(cluster >> 16, 2));
+    }
+    void set_size(const std::string &path, std::uint32_t size) {
+        poke(entry_offset(path) + 28, little_endian(size, 4));
+    }
+    // A short entry in this slot of a directory's cluster. The first free one of DIR is 6.
+    void put_slot(std::uint32_t directory, std::uint32_t slot, const std::string &name,
+                  std::uint8_t attributes, std::uint32_t start = 0, std::uint32_t size = 0) {
+        std::string raw = name + static_cast<char>(attributes) + std::string(20, '\0');
+        raw.replace(20, 2, little_endian(start >> 16, 2));
+        raw.replace(26, 2, little_endian(start, 2));
+        raw.replace(28, 4, little_endian(size, 4));
+        poke(cluster_offset(directory) + std::uint64_t{slot} * 32, raw);
+    }
+
+    // ---- the check ----
+
+    void expect_check(const std::vector<expected_finding> &findings) {
+        std::string lines;
+        for (const expected_finding &finding : findings) {
+            lines += finding.line + '\n';
+        }
+        EXPECT_EQ(qvol("check", {"-q"}), (outcome{findings.empty() ? 0 : 1, lines, ""}));
+    }
+
+    void expect_repair(const std::vector<expected_finding> &findings, int status) {
+        std::string lines;
+        for (const expected_finding &finding : findings) {
+            lines += finding.line + "; " + finding.outcome + '\n';
+        }
+        EXPECT_EQ(qvol("check", {"-q", "--repair"}), (outcome{status, lines, ""}));
+    }
+
+    // The check finds exactly this; the repair mends all of it, and no file has changed.
+    void expect_mended(const std::vector<expected_finding> &findings) {
+        expect_check(findings);
+        expect_repair(findings, 0);
+        expect_check({});
+        expect_clean();
+        expect_contents();
+    }
+
+    // The check finds exactly this; the repair leaves all of it, and every byte.
+    void expect_left(const std::vector<expected_finding> &findings) {
+        expect_check(findings);
+        const bytes before = read_file(image_);
+        expect_repair(findings, 1);
+        EXPECT_TRUE(read_file(image_) == before);
+    }
+
+    void expect_contents() {
+        for (const auto &[path, content] : contents_) {
+            EXPECT_EQ(said("cat", {path}), content) << path;
+        }
+    }
+
+    void expect_judge_finds_something() {
+        EXPECT_EQ(checked().status, 1);
+    }
+
+    std::map<std::string, std::string> contents_;
+    volume_layout layout_;
+};
+
+} // namespace testing_support
