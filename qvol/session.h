@@ -44,6 +44,16 @@ public:
     // Cuts or extends an image file.
     void resize(u64 size) const;
 
+    // Only so many bytes from the start are there for a volume to be made.
+    void use_first(u64 bytes) const;
+
+    // Whether its first MiB, in which volumes, partition tables and other file systems tell of
+    // themselves, is as on a blank medium: all zero, or all 0xFF as on erased flash.
+    [[nodiscard]] bool is_blank() const;
+
+    // The sectors that a device is read by; 512 of an image file.
+    [[nodiscard]] u32 sector_bytes() const;
+
 private:
     std::string path_;
     bool is_device_ = false;
@@ -61,6 +71,10 @@ struct boot_fields {
     std::string oem_name;
     std::string label; // without its padding; "" where there is none
 };
+
+// Refuses a file that is to be replaced while another program has locked it or the system has it
+// mounted, and what is no regular file. Throws error.
+void check_replaceable(const std::string &path);
 
 class volume {
 public:
