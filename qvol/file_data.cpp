@@ -13,7 +13,7 @@ namespace qvol {
 namespace {
 
 constexpr u32 PIECE_BYTES = 1024 * 1024;
-constexpr std::size_t GATHERED_BYTES = 4 * 1024 * 1024;
+constexpr std::size_t GATHERED_BYTES = 512 * 1024;
 
 u32 clusters_per_piece() {
     return std::max(PIECE_BYTES / fat::cluster_bytes(), 1U);

@@ -17,8 +17,11 @@ constexpr std::size_t LABEL_SIZE = fat::SHORT_NAME.size;
 constexpr const char *NO_NAME = "NO NAME";
 constexpr std::string_view LABEL_PUNCTUATION = " $%'-_@~`!(){}^#&";
 
-bool is_lower(char c) {
-    return c >= 'a' && c <= 'z';
+std::string upper_case(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(), [](char c) {
+        return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+    });
+    return text;
 }
 
 bool is_label_character(char c) {
@@ -28,26 +31,24 @@ bool is_label_character(char c) {
 
 // Why no volume can have the label; "" where one can.
 std::string label_problem(const std::string &label) {
+    const std::string upper = upper_case(label);
     if (label.empty()) {
         return "it is empty; leave the option out for a volume without a label";
     }
     if (label.size() > LABEL_SIZE) {
         return fmt::format("it is longer than {} characters", LABEL_SIZE);
     }
-    if (std::any_of(label.begin(), label.end(), is_lower)) {
-        std::string upper = label;
-        std::transform(upper.begin(), upper.end(), upper.begin(),
-                       [](char c) { return is_lower(c) ? static_cast<char>(c - 'a' + 'A') : c; });
-        return "labels are upper case; use " + shown_bytes(upper);
-    }
-    if (!std::all_of(label.begin(), label.end(), is_label_character)) {
-        return fmt::format("the characters that it may have are A to Z, 0 to 9, blanks and {}",
+    if (!std::all_of(upper.begin(), upper.end(), is_label_character)) {
+        return fmt::format("its characters may be A to Z, 0 to 9, blanks and {}",
                            LABEL_PUNCTUATION.substr(1));
+    }
+    if (label != upper) {
+        return fmt::format("labels are upper case; use \"{}\"", upper);
     }
     if (label.front() == ' ' || label.back() == ' ') {
         return "it begins or ends with a blank";
     }
-    return label == NO_NAME ? "it is what volumes without a label say" : "";
+    return label == NO_NAME ? "volumes without a label say that" : "";
 }
 
 std::string padded(std::string text) {
@@ -96,7 +97,7 @@ int write_but_boot_sector(void *buffer, u64 sector, u32 count) {
 std::string checked_label(const std::string &text) {
     const std::string problem = label_problem(text);
     if (!problem.empty()) {
-        throw usage_error(fmt::format("--label {}: {}", shown_bytes(text), problem));
+        throw usage_error(fmt::format("--label \"{}\": {}", shown_bytes(text), problem));
     }
     return text;
 }

@@ -15,7 +15,7 @@ namespace qvol {
 
 namespace {
 
-constexpr std::size_t PIECE_BYTES = 1024 * 1024;
+constexpr std::size_t PIECE_BYTES = 128 * 1024;
 
 // Reads a file of the host that is to have `size` bytes, and hands them on.
 void read_host_file(const std::string &path, u64 size, std::vector<u8> *buffer,

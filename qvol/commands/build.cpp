@@ -16,6 +16,7 @@
 
 #include <bit>
 #include <charconv>
+#include <filesystem>
 #include <memory>
 
 #include <fmt/format.h>
@@ -167,6 +168,7 @@ build_result describe(volume &vol, const std::string &path, const tree_totals &t
     build_result result = {totals, totals_json(totals), {}};
     result.document.update({{"image", path},
                             {"image_bytes", vol.where().size()},
+                            {"volume_bytes", u64{sv->total_sectors} * sv->sector_size},
                             {"fat_type", sv->fat_type},
                             {"sector_size", sv->sector_size},
                             {"cluster_size", fat::cluster_bytes()},
@@ -203,12 +205,25 @@ build_result build_volume(const common_options &common, const build_options &opt
     return describe(vol, common.image, totals, options.label);
 }
 
+// An image that exists below the directory would be packed into itself.
+void refuse_own_source(const std::string &image, const std::string &from) {
+    std::error_code failure;
+    const std::filesystem::path place = std::filesystem::canonical(image, failure);
+    const std::filesystem::path top =
+        failure ? std::filesystem::path() : std::filesystem::canonical(from, failure);
+    if (!failure && place.string().starts_with((top / "").string())) {
+        throw error(fmt::format("{} lies in {}: it would be packed into itself; build it elsewhere",
+                                shown_bytes(image), shown_bytes(from)));
+    }
+}
+
 build_result build_image(const common_options &common, const build_options &options) {
     if (options.size.empty()) {
         throw usage_error("--size is needed: a size as 64M, or auto for the smallest image");
     }
     const shape_request request = parse_shape(options, fat::MIN_SECTOR_SIZE);
     check_image_name(common.image, options.is_forced);
+    refuse_own_source(common.image, options.from);
     const std::vector<host_node> nodes = scan_tree(options, name_codec(common.encoding));
     const volume_shape shape = choose_shape(request, content_of(options, nodes));
     new_image image(common.image, options.is_forced, shape.bytes);
