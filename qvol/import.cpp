@@ -36,6 +36,9 @@ void read_host_file(const std::string &path, u64 size, std::vector<u8> *buffer,
             break;
         }
         take(std::span(*buffer).first(static_cast<std::size_t>(count)));
+        if (done == size && static_cast<std::size_t>(count) < buffer->size()) {
+            break; // the file has ended here: no further call is needed to see that
+        }
     }
     if (done != size) {
         throw error(shown_bytes(path) + ": changed while it was read; try again");

@@ -263,7 +263,7 @@ TEST_F(QvolBuildDevice, RefusesWhatTheDeviceCannotBe) {
     const outcome full = build({"--from", tree_});
     EXPECT_EQ(full.status, 1);
     EXPECT_EQ(full.err,
-              "qvol: no space: " + tree_ + " needs 50.0 MiB, the volume holds 39.9 MiB\n");
+              "qvol: no space: " + tree_ + " needs 50.0 MiB, the volume holds 40.0 MiB\n");
 }
 
 TEST_F(QvolBuildDevice, ADeviceThatIsNotFinishedHoldsNoVolume) {
