@@ -216,7 +216,7 @@ void import_plan::write_file(const planned_file &file, data_writer *writer, prog
 }
 
 void import_plan::write(progress *bar) {
-    data_writer writer;
+    data_writer writer(vol_.where().is_fresh());
     buffer_.resize(PIECE_BYTES);
     for (const planned_file &file : files_) {
         write_file(file, &writer, bar);

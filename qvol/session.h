@@ -44,6 +44,14 @@ public:
     // Cuts or extends an image file.
     void resize(u64 size) const;
 
+    // What was never written reads as zeroes: so it is with an image file that was just made.
+    void note_fresh() {
+        is_fresh_ = true;
+    }
+    [[nodiscard]] bool is_fresh() const {
+        return is_fresh_;
+    }
+
     // Only so many bytes from the start are there for a volume to be made.
     void use_first(u64 bytes) const;
 
@@ -57,6 +65,7 @@ public:
 private:
     std::string path_;
     bool is_device_ = false;
+    bool is_fresh_ = false;
 };
 
 // What the boot sector says beyond the geometry that the library keeps.

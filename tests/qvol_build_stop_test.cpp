@@ -22,7 +22,7 @@ protected:
                       std::string(9000, static_cast<char>('a' + i % 26)));
         }
         const auto begin = std::chrono::steady_clock::now();
-        EXPECT_EQ(qvol("build", OPTIONS()).status, 0);
+        EXPECT_EQ(qvol("build", options()).status, 0);
         duration_ = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
         whole_ = read_file(image_);
         std::filesystem::remove(image_);
@@ -33,22 +33,19 @@ protected:
     QvolBuildStopped(const QvolBuildStopped &) = delete;
     QvolBuildStopped &operator=(const QvolBuildStopped &) = delete;
 
-    [[nodiscard]] std::vector<std::string> OPTIONS() const {
+    [[nodiscard]] std::vector<std::string> options() const {
         return {"--size", "8M", "--from", tree_, "--log"};
     }
 
     // Builds, and sends a signal after a part of the time that a build takes. Returns the status.
-    int build_and_signal(const std::string &signal, double part) {
-        std::vector<std::string> arguments = {"timeout",
-                                              "--preserve-status",
-                                              "-s",
-                                              signal,
-                                              std::to_string(duration_ * part),
-                                              qvol_path(),
-                                              "build",
-                                              image_};
-        const std::vector<std::string> options = OPTIONS();
-        arguments.insert(arguments.end(), options.begin(), options.end());
+    int build_and_signal(const std::string &signal, double part,
+                         const std::vector<std::string> &more = {}) {
+        std::vector<std::string> arguments = {"timeout", "--preserve-status", "-s", signal};
+        arguments.push_back(std::to_string(duration_ * part));
+        arguments.insert(arguments.end(), {qvol_path(), "build", image_});
+        for (const std::vector<std::string> &part_of_them : {options(), more}) {
+            arguments.insert(arguments.end(), part_of_them.begin(), part_of_them.end());
+        }
         return run(arguments).status;
     }
 
@@ -113,19 +110,7 @@ TEST_P(QvolBuildSignalled, LeavesNothingBehind) {
 
 TEST_F(QvolBuildStopped, KeepsTheOldImageUntilTheNewOneIsWhole) {
     host_file("made/disk.img", "old");
-    std::vector<std::string> arguments = {"timeout",
-                                          "--preserve-status",
-                                          "-s",
-                                          "TERM",
-                                          std::to_string(duration_ / 3),
-                                          qvol_path(),
-                                          "build",
-                                          image_,
-                                          "--force"};
-    const std::vector<std::string> options = OPTIONS();
-    arguments.insert(arguments.end(), options.begin(), options.end());
-    const int status = run(arguments).status;
-    if (status == 0) {
+    if (build_and_signal("TERM", 0.3, {"--force"}) == 0) {
         GTEST_SKIP() << "the build was faster than the signal";
     }
     EXPECT_EQ(read_file(image_), bytes({'o', 'l', 'd'}));

@@ -228,7 +228,8 @@ build_result build_image(const common_options &common, const build_options &opti
     const volume_shape shape = choose_shape(request, content_of(options, nodes));
     new_image image(common.image, options.is_forced, shape.bytes);
     const build_result result = [&] {
-        const target where(image.path(), access::WRITE);
+        target where(image.path(), access::WRITE);
+        where.note_fresh();
         return build_volume(common, options, shape, nodes, where);
     }();
     image.keep();
