@@ -309,6 +309,18 @@ void directory::write_slots(const entry &added, std::u16string_view long_name) {
     mark_slot(added.slot);
 }
 
+// Without long names, case bits keep the case of a name.
+cased_short_name directory::choose_alias(std::u16string_view name) {
+    if (sv->long_name == 1) {
+        return {aliases_.choose(name), 0};
+    }
+    const std::optional<cased_short_name> alias = cased_short_name_of(name);
+    if (!alias) {
+        throw error("the volume keeps no long names, and 8.3 does not hold this one");
+    }
+    return *alias;
+}
+
 const entry &directory::add(const new_entry &wanted) {
     const std::optional<std::string> problem = name_problem(wanted.name);
     if (problem) {
@@ -317,12 +329,12 @@ const entry &directory::add(const new_entry &wanted) {
     if (find(wanted.name) != nullptr) {
         throw error("the name is in use in its directory, perhaps in another case");
     }
-    const short_name alias = aliases_.choose(wanted.name);
+    const cased_short_name alias = choose_alias(wanted.name);
     entry added;
     added.name = wanted.name;
-    added.has_long_name = short_name_units(alias, 0) != wanted.name;
-    (void)fat::set_entry_value(added.raw.data(), alias.data(), kind_number(wanted.type),
-                               wanted.start, 0); // the kinds are known
+    added.has_long_name = short_name_units(alias.name, alias.case_bits) != wanted.name;
+    (void)fat::set_entry_value(added.raw.data(), alias.name.data(), kind_number(wanted.type),
+                               wanted.start, alias.case_bits); // the kinds are known
     added.set_size(wanted.size);
     added.set_modified(wanted.modified);
 

@@ -149,6 +149,7 @@ private:
     [[nodiscard]] const u8 *slot_bytes(u32 slot) const;
     [[nodiscard]] u64 sector_of(u32 sector_index) const;
 
+    [[nodiscard]] cased_short_name choose_alias(std::u16string_view name);
     [[nodiscard]] u32 take_slots(u32 count);
     [[nodiscard]] std::optional<u32> take_removed_slots(u32 count);
     void grow();

@@ -47,7 +47,7 @@ u32 last_cluster_served(u32 entry_size) {
 } // namespace
 
 fat_table::fat_table(u32 copies)
-    : copies_(copies),
+    : copies_(copies), written_copies_(copies),
       entry_size_(sv->fat_type == 16 ? fat::FAT16_ENTRY_SIZE : fat::FAT32_ENTRY_SIZE),
       last_cluster_(last_cluster_served(entry_size_)), cursor_(fat::FIRST_DATA_CLUSTER) {
     pages_.resize((u64{last_cluster_} + 1) * entry_size_ / PAGE_BYTES + 1);
@@ -82,7 +82,7 @@ void fat_table::write_page(std::size_t index, page *changed) const {
         const std::span bytes =
             std::span(changed->bytes)
                 .subspan(first * sv->sector_size, (end - first) * sv->sector_size);
-        for (u32 copy = 0; copy < copies_; copy++) {
+        for (u32 copy = 0; copy < written_copies_; copy++) {
             write_run(page_sector(index, copy) + first, bytes);
         }
         first = end;

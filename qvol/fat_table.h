@@ -83,11 +83,16 @@ public:
     // Drops what was changed and not written.
     void forget_changes();
 
-    // Writes the changed sectors to every copy.
+    // Writes the changed sectors to every copy, or to the first alone where the others are left.
     void write_changes();
 
     // How each copy that differs from the first one does.
     [[nodiscard]] std::vector<copy_difference> compare_copies() const;
+
+    // From now on only the first copy is written. mirror() makes the others equal.
+    void leave_other_copies() {
+        written_copies_ = 1;
+    }
 
     // Writes the first copy over the others. Returns the sectors that differed.
     [[nodiscard]] u64 mirror();
@@ -122,6 +127,7 @@ private:
     [[nodiscard]] u32 find_free();
 
     u32 copies_;
+    u32 written_copies_; // the first ones
     u32 entry_size_;
     u32 last_cluster_;
     std::vector<std::unique_ptr<page>> pages_;

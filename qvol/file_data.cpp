@@ -5,6 +5,7 @@
 #include "qvol/sectors.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include <fmt/format.h>
 
@@ -13,10 +14,15 @@ namespace qvol {
 namespace {
 
 constexpr u32 PIECE_BYTES = 1024 * 1024;
-constexpr std::size_t GATHERED_BYTES = std::size_t{4} * 1024 * 1024;
+constexpr std::size_t GATHERED_BYTES = std::size_t{512} * 1024;
 
 u32 clusters_per_piece() {
     return std::max(PIECE_BYTES / fat::cluster_bytes(), 1U);
+}
+
+bool is_zero(std::span<const u8> bytes) {
+    return bytes.empty() || (bytes.front() == 0 &&
+                             std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0);
 }
 
 } // namespace
@@ -68,7 +74,7 @@ std::string read_text(fat_table &table, u32 start, u32 size) {
 
 // ---- writing ----------------------------------------------------------------------------------
 
-data_writer::data_writer() {
+data_writer::data_writer(bool leaves_zeroes) : leaves_zeroes_(leaves_zeroes) {
     gathered_.reserve(GATHERED_BYTES);
 }
 
@@ -116,7 +122,9 @@ void data_writer::end() {
 }
 
 void data_writer::flush() {
-    write_run(sector_, gathered_);
+    if (!leaves_zeroes_ || !is_zero(gathered_)) {
+        write_run(sector_, gathered_);
+    }
     sector_ += gathered_.size() / sv->sector_size;
     gathered_.clear();
 }

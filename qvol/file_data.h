@@ -29,7 +29,9 @@ void read_data(std::span<const u32> clusters, u64 size,
 // gathered and travels together; the rest of a last cluster is zeroed.
 class data_writer {
 public:
-    data_writer();
+    // `leaves_zeroes`: the medium reads as zeroes where nothing was written; long runs of them are
+    // not written either.
+    explicit data_writer(bool leaves_zeroes = false);
     ~data_writer() = default;
     data_writer(const data_writer &) = delete;
     data_writer &operator=(const data_writer &) = delete;
@@ -48,6 +50,7 @@ private:
     void put(std::span<const u8> bytes);
     void enter_cluster();
 
+    bool leaves_zeroes_;
     std::vector<u8> gathered_;
     u64 sector_ = 0; // of the first byte gathered
     std::span<const u32> clusters_;

@@ -79,18 +79,27 @@ void host_scan::add_problem(const std::string &path, const std::string &why) {
     problems_.push_back(shown_bytes(path) + ": " + why);
 }
 
+// What stands against a name, the first thing of all.
+void host_scan::take_name(host_node *node, const std::string &name) {
+    const std::optional<std::u16string> units = names_.to_units(name);
+    std::optional<std::string> problem =
+        units ? name_problem(*units) : "its name is no text in the encoding of names";
+    if (!problem && !takes_long_names_ && !cased_short_name_of(*units)) {
+        problem = "its name needs a long one: it is not 8.3, or mixes upper and lower case";
+    }
+    if (problem) {
+        add_problem(node->path, *problem);
+    }
+    node->name = units.value_or(u"");
+    node->slots = takes_long_names_ ? slots_of_name(node->name) : 1;
+}
+
 host_node host_scan::scan(const std::string &path, const std::string &name) {
     const struct stat status = status_of(path);
     host_node node;
     node.path = path;
     node.modified = status.st_mtime;
-    const std::optional<std::u16string> units = names_.to_units(name);
-    const std::optional<std::string> problem =
-        units ? name_problem(*units) : "its name is no text in the encoding of names";
-    if (problem) {
-        add_problem(path, *problem);
-    }
-    node.name = units.value_or(u"");
+    take_name(&node, name);
     if (S_ISDIR(status.st_mode)) {
         node.type = kind::DIRECTORY;
         node.children = scan_children(path);
@@ -140,12 +149,12 @@ void host_scan::check_names(const std::vector<host_node> &siblings) {
     }
 }
 
-host_totals totals_of(const std::vector<host_node> &nodes) {
-    host_totals totals;
+tree_totals totals_of(const std::vector<host_node> &nodes) {
+    tree_totals totals;
     for (const host_node &node : nodes) {
         switch (node.type) {
         case kind::DIRECTORY: {
-            const host_totals below = totals_of(node.children);
+            const tree_totals below = totals_of(node.children);
             totals.files += below.files;
             totals.directories += below.directories + 1;
             totals.links += below.links;
@@ -166,7 +175,7 @@ host_totals totals_of(const std::vector<host_node> &nodes) {
 u64 slots_needed(const std::vector<host_node> &nodes) {
     u64 slots = 0;
     for (const host_node &node : nodes) {
-        slots += slots_of_name(node.name);
+        slots += node.slots;
     }
     return slots;
 }

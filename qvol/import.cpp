@@ -15,7 +15,7 @@ namespace qvol {
 
 namespace {
 
-constexpr std::size_t PIECE_BYTES = std::size_t{1024} * 1024;
+constexpr std::size_t PIECE_BYTES = std::size_t{128} * 1024;
 
 // Reads a file of the host that is to have `size` bytes, and hands them on.
 void read_host_file(const std::string &path, u64 size, std::vector<u8> *buffer,
@@ -36,6 +36,9 @@ void read_host_file(const std::string &path, u64 size, std::vector<u8> *buffer,
             break;
         }
         take(std::span(*buffer).first(static_cast<std::size_t>(count)));
+        if (done == size && static_cast<std::size_t>(count) < buffer->size()) {
+            break; // the file has ended here: no further call is needed to see that
+        }
     }
     if (done != size) {
         throw error(shown_bytes(path) + ": changed while it was read; try again");
@@ -213,7 +216,7 @@ void import_plan::write_file(const planned_file &file, data_writer *writer, prog
 }
 
 void import_plan::write(progress *bar) {
-    data_writer writer;
+    data_writer writer(vol_.where().is_fresh());
     buffer_.resize(PIECE_BYTES);
     for (const planned_file &file : files_) {
         write_file(file, &writer, bar);

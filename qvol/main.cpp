@@ -5,6 +5,7 @@
 
 int main(int argc, char **argv) {
     qvol::command_line commands;
+    qvol::add_build(&commands);
     qvol::add_info(&commands);
     qvol::add_ls(&commands);
     qvol::add_tree(&commands);

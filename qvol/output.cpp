@@ -59,6 +59,26 @@ void output::remark(const std::string &text) const {
     }
 }
 
+json totals_json(const tree_totals &totals) {
+    return {{"files", totals.files},
+            {"directories", totals.directories},
+            {"links", totals.links},
+            {"bytes", totals.bytes}};
+}
+
+std::string totals_text(const tree_totals &totals) {
+    return fmt::format("{}, {}, {}, {}", counted(totals.files, "file", "files"),
+                       counted(totals.directories, "directory", "directories"),
+                       counted(totals.links, "link", "links"), shown_size(totals.bytes));
+}
+
+void report_totals(const output &out, const tree_totals &totals) {
+    out.remark(totals_text(totals));
+    if (out.is_json) {
+        out.document(totals_json(totals));
+    }
+}
+
 void finish_output() {
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
         throw system_failure("write to standard output");

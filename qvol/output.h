@@ -31,6 +31,19 @@ struct output {
 // Whether standard output takes colours: a terminal does, unless NO_COLOR is set.
 [[nodiscard]] bool uses_colour();
 
+// What a command has copied.
+struct tree_totals {
+    u64 files = 0;
+    u64 directories = 0;
+    u64 links = 0;
+    u64 bytes = 0; // of files
+};
+[[nodiscard]] json totals_json(const tree_totals &totals);
+[[nodiscard]] std::string totals_text(const tree_totals &totals);
+
+// Tells the totals: a remark, or the document.
+void report_totals(const output &out, const tree_totals &totals);
+
 // Bytes of what was asked for.
 void write_bytes(const void *bytes, std::size_t size);
 

@@ -13,18 +13,20 @@ u32 sectors_in(std::size_t bytes) {
     return static_cast<u32>(bytes / sv->sector_size);
 }
 
-[[noreturn]] void fail(const char *what, u64 sector, u32 count) {
-    throw error(fmt::format("cannot {} sectors {} to {} of the volume: the medium failed or ends "
-                            "before them",
-                            what, sector, sector + count - 1));
+// `moved` is what the transfer returned: a negative errno, or fewer sectors than asked for.
+[[noreturn]] void fail(const char *what, u64 sector, u32 count, int moved) {
+    throw error(fmt::format("cannot {} sectors {} to {} of the volume: {}", what, sector,
+                            sector + count - 1,
+                            moved < 0 ? std::strerror(-moved) : "the medium ends before them"));
 }
 
 } // namespace
 
 void read_run_into(u64 sector, std::span<u8> bytes) {
     const u32 count = sectors_in(bytes.size());
-    if (count != 0 && read_sectors(bytes.data(), sector, count) != static_cast<int>(count)) {
-        fail("read", sector, count);
+    const int moved = count != 0 ? read_sectors(bytes.data(), sector, count) : 0;
+    if (moved != static_cast<int>(count)) {
+        fail("read", sector, count, moved);
     }
 }
 
@@ -37,8 +39,9 @@ std::vector<u8> read_run(u64 sector, u32 count) {
 void write_run(u64 sector, std::span<const u8> bytes) {
     const u32 count = sectors_in(bytes.size());
     void *source = const_cast<u8 *>(bytes.data()); // a write does not change its buffer
-    if (count != 0 && write_sectors(source, sector, count) != static_cast<int>(count)) {
-        fail("write", sector, count);
+    const int moved = count != 0 ? write_sectors(source, sector, count) : 0;
+    if (moved != static_cast<int>(count)) {
+        fail("write", sector, count, moved);
     }
 }
 

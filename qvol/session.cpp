@@ -10,7 +10,9 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <linux/fs.h>
 #include <sys/file.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -30,7 +32,7 @@ int transfer_all(u64 sector, u32 count, Transfer transfer) {
         const ssize_t moved =
             transfer(done, total - done, static_cast<off_t>(sector * unit + done));
         if (moved < 0 && errno != EINTR) {
-            return -EIO;
+            return -errno;
         }
         if (moved == 0) {
             break;
@@ -214,6 +216,40 @@ void target::resize(u64 size) const {
         throw system_failure("change the length of " + shown_bytes(path_));
     }
     sv->vol_size = size;
+}
+
+void target::use_first(u64 bytes) const {
+    sv->vol_size = bytes;
+}
+
+bool target::is_blank() const {
+    constexpr std::size_t LOOKED_AT = 1024 * 1024;
+    std::vector<u8> bytes(LOOKED_AT);
+    const ssize_t count = pread(sv->fd, bytes.data(), bytes.size(), 0);
+    if (count < 0) {
+        throw system_failure("read " + shown_bytes(path_));
+    }
+    bytes.resize(static_cast<std::size_t>(count));
+    return std::all_of(bytes.begin(), bytes.end(), [&](u8 byte) {
+        return byte == bytes.front() && (byte == 0 || byte == 0xFF);
+    });
+}
+
+u32 target::sector_bytes() const {
+    int bytes = 0;
+    const bool is_told = is_device_ && ioctl(sv->fd, BLKSSZGET, &bytes) == 0 &&
+                         bytes >= static_cast<int>(fat::MIN_SECTOR_SIZE);
+    return is_told ? static_cast<u32>(bytes) : fat::MIN_SECTOR_SIZE;
+}
+
+void check_replaceable(const std::string &path) {
+    const fat::held_descriptor fd(open_target(path, access::READ));
+    const struct stat status = status_of(fd.get(), path);
+    if (!S_ISREG(status.st_mode)) {
+        throw error(shown_bytes(path) + " is neither an image file nor a block device");
+    }
+    lock_target(fd.get(), path, access::WRITE);
+    refuse_mounted(status, path);
 }
 
 // ---- volume -----------------------------------------------------------------------------------

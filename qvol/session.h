@@ -44,9 +44,28 @@ public:
     // Cuts or extends an image file.
     void resize(u64 size) const;
 
+    // What was never written reads as zeroes: so it is with an image file that was just made.
+    void note_fresh() {
+        is_fresh_ = true;
+    }
+    [[nodiscard]] bool is_fresh() const {
+        return is_fresh_;
+    }
+
+    // Only so many bytes from the start are there for a volume to be made.
+    void use_first(u64 bytes) const;
+
+    // Whether its first MiB, in which volumes, partition tables and other file systems tell of
+    // themselves, is as on a blank medium: all zero, or all 0xFF as on erased flash.
+    [[nodiscard]] bool is_blank() const;
+
+    // The sectors that a device is read by; 512 of an image file.
+    [[nodiscard]] u32 sector_bytes() const;
+
 private:
     std::string path_;
     bool is_device_ = false;
+    bool is_fresh_ = false;
 };
 
 // What the boot sector says beyond the geometry that the library keeps.
@@ -64,6 +83,10 @@ struct boot_fields {
 
 // What a command has to find to work with a volume: areas alone, or a root directory as well.
 enum class mounted { AREAS, WITH_ROOT };
+
+// Refuses a file that is to be replaced while another program has locked it or the system has it
+// mounted, and what is no regular file. Throws error.
+void check_replaceable(const std::string &path);
 
 class volume {
 public:

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <optional>
 
 #include <fmt/format.h>
 
@@ -134,6 +133,18 @@ std::u16string short_name_units(const short_name &name, u8 case_bits) {
         text += u'.' + extension;
     }
     return text.empty() ? std::u16string(fat::DOS_NAME_SIZE, u' ') : text;
+}
+
+std::optional<cased_short_name> cased_short_name_of(std::u16string_view name) {
+    const short_form form = short_form_of(name);
+    for (const u32 bits : {0U, fat::CASE_LOWER_BASE, fat::CASE_LOWER_EXTENSION,
+                           fat::CASE_LOWER_BASE | fat::CASE_LOWER_EXTENSION}) {
+        const u8 case_bits = static_cast<u8>(bits);
+        if (form.is_exact && short_name_units(form.name, case_bits) == name) {
+            return cased_short_name{form.name, case_bits};
+        }
+    }
+    return std::nullopt;
 }
 
 void short_name_set::reserve(std::u16string_view name) {

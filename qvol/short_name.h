@@ -10,6 +10,7 @@
 
 #include <array>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -30,6 +31,15 @@ struct short_form {
 // The text of a stored short name; `case_bits` is byte 12 of its entry. Bytes from 0x80 on are of
 // code page 437. A blank name is given as its blanks.
 [[nodiscard]] std::u16string short_name_units(const short_name &name, fat::u8 case_bits);
+
+// A short entry that holds a name with nothing else: 8.3 in ASCII, each half in one case.
+struct cased_short_name {
+    short_name name;
+    fat::u8 case_bits;
+};
+
+// Nothing where the name needs a long one.
+[[nodiscard]] std::optional<cased_short_name> cased_short_name_of(std::u16string_view name);
 
 // The short names of one directory, and the choice of new ones. Choosing takes no longer in a large
 // directory than in a small one.

@@ -65,6 +65,8 @@ void set_up_clock() {
         latest_moment = parse_epoch(epoch);
         setenv("TZ", "UTC", 1);
     }
+    // Where nothing is said of the zone, glibc looks at its file again for every stamp.
+    setenv("TZ", ":/etc/localtime", 0);
     tzset();
     fat_clock = clock_of_library;
 }

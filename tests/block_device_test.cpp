@@ -1,7 +1,7 @@
 // Runs of the program on real block devices: loop devices over sparse files.
 
 #include "tests/support/files.h"
-#include "tests/support/process.h"
+#include "tests/support/loop_device.h"
 #include "tests/support/tool.h"
 
 #include <gtest/gtest.h>
@@ -22,56 +22,6 @@ using namespace testing_support;
 
 namespace {
 
-// A loop device over a file. It is marked for removal as soon as it is made and lives on only
-// through the descriptor held here, so that even a killed test leaves none behind.
-class loop_device {
-public:
-    explicit loop_device(const std::string &file, const std::vector<std::string> &options = {}) {
-        std::vector<std::string> command = {"losetup", "--find", "--show"};
-        command.insert(command.end(), options.begin(), options.end());
-        command.push_back(file);
-        const outcome made = run(command);
-        if (made.status != 0) {
-            trouble_ = "losetup: " + made.err;
-            return;
-        }
-        path_ = made.out.substr(0, made.out.find('\n'));
-        fd_ = open(path_.c_str(), O_RDONLY | O_CLOEXEC);
-        run({"losetup", "--detach", path_});
-        std::uint64_t size = 0;
-        if (fd_ < 0 || ioctl(fd_, BLKGETSIZE64, &size) < 0) {
-            trouble_ = path_ + ": " + std::strerror(errno);
-            return;
-        }
-        sectors_ = size / 512;
-    }
-    loop_device(const loop_device &) = delete;
-    loop_device &operator=(const loop_device &) = delete;
-    ~loop_device() {
-        if (fd_ >= 0) {
-            close(fd_);
-        }
-    }
-
-    // Why there is no device; "" where there is one.
-    [[nodiscard]] const std::string &trouble() const {
-        return trouble_;
-    }
-    [[nodiscard]] const std::string &path() const {
-        return path_;
-    }
-    // Of 512 bytes.
-    [[nodiscard]] std::uint64_t sectors() const {
-        return sectors_;
-    }
-
-private:
-    std::string trouble_;
-    std::string path_;
-    int fd_ = -1;
-    std::uint64_t sectors_ = 0;
-};
-
 // The two lines that tell the size of a device; the first counts bytes in 32 bits.
 std::string size_lines(std::uint64_t sectors) {
     const auto cut_sectors = static_cast<std::uint32_t>(sectors);
@@ -85,15 +35,10 @@ protected:
     static constexpr std::uint64_t SMALL_SECTORS = 8192;
 
     void SetUp() override {
-        if (geteuid() != 0) {
-            GTEST_SKIP() << "making a loop device takes root";
-        }
-        if (!has_program("losetup")) {
-            GTEST_SKIP() << "losetup is not installed";
-        }
-        const loop_device probe(scratch.sparse_file("probe.img", 1 << 20));
-        if (!probe.trouble().empty()) {
-            GTEST_SKIP() << "no loop device to be had: " << probe.trouble();
+        const std::string trouble =
+            trouble_with_loop_devices(scratch.sparse_file("probe.img", 1 << 20));
+        if (!trouble.empty()) {
+            GTEST_SKIP() << trouble;
         }
     }
 

@@ -18,6 +18,7 @@ void add_owner(command_line *commands);
 void add_dump(command_line *commands);
 
 // ---- changing ----
+void add_build(command_line *commands);
 void add_put(command_line *commands);
 void add_mkdir(command_line *commands);
 void add_mv(command_line *commands);

@@ -12,9 +12,6 @@
 
 #include <memory>
 
-#include <fmt/format.h>
-#include <nlohmann/json.hpp>
-
 namespace qvol {
 
 namespace {
@@ -23,13 +20,6 @@ struct get_options {
     std::string path;
     std::string destination;
     bool is_forced = false;
-};
-
-struct get_totals {
-    u64 files = 0;
-    u64 directories = 0;
-    u64 links = 0;
-    u64 bytes = 0;
 };
 
 // ---- looking first ----
@@ -51,7 +41,7 @@ class survey {
 public:
     explicit survey(volume &vol) : vol_(vol) {}
 
-    get_totals of(const place &top) {
+    tree_totals of(const place &top) {
         if (!top.is_root()) {
             look_at(top.path, *top.found);
         }
@@ -91,7 +81,7 @@ private:
     }
 
     volume &vol_;
-    get_totals totals_;
+    tree_totals totals_;
     u64 clusters_ = 0;
     std::vector<std::string> refused_;
 };
@@ -127,7 +117,7 @@ public:
         leave();
     }
 
-    [[nodiscard]] const get_totals &totals() const {
+    [[nodiscard]] const tree_totals &totals() const {
         return totals_;
     }
 
@@ -189,7 +179,7 @@ private:
     bool is_forced_;
     progress *bar_;
     std::vector<open_level> open_;
-    get_totals totals_;
+    tree_totals totals_;
 };
 
 // A destination that is a directory takes the entry under its own name; the root has none, and its
@@ -212,21 +202,11 @@ void extract_to(extraction *work, const volume &vol, const place &top,
 int run_get(const common_options &common, const get_options &options) {
     return with_volume(common, access::READ, [&](volume &vol) {
         const place top = resolve(vol, options.path);
-        const get_totals expected = survey(vol).of(top);
+        const tree_totals expected = survey(vol).of(top);
         progress bar("get", expected.bytes, common.out.is_quiet);
         extraction work(vol, options.is_forced, &bar);
         extract_to(&work, vol, top, options.destination);
-        const get_totals &totals = work.totals();
-        common.out.remark(fmt::format("{}, {}, {}, {}", counted(totals.files, "file", "files"),
-                                      counted(totals.directories, "directory", "directories"),
-                                      counted(totals.links, "link", "links"),
-                                      shown_size(totals.bytes)));
-        if (common.out.is_json) {
-            common.out.document({{"files", totals.files},
-                                 {"directories", totals.directories},
-                                 {"links", totals.links},
-                                 {"bytes", totals.bytes}});
-        }
+        report_totals(common.out, work.totals());
         return EXIT_DONE;
     });
 }

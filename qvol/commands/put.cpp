@@ -7,9 +7,6 @@
 
 #include <memory>
 
-#include <fmt/format.h>
-#include <nlohmann/json.hpp>
-
 namespace qvol {
 
 namespace {
@@ -83,19 +80,10 @@ int run_put(const common_options &common, const put_options &options) {
         const std::vector<host_node> nodes = scan_sources(vol, options, where.name);
         import_plan plan(vol, options.is_forced);
         plan.place(nodes, std::move(where.into), shown_path(vol.names(), where.path));
-        const host_totals totals = totals_of(nodes);
+        const tree_totals totals = totals_of(nodes);
         progress bar("put", totals.bytes, common.out.is_quiet);
         plan.write(&bar);
-        common.out.remark(fmt::format("{}, {}, {}, {}", counted(totals.files, "file", "files"),
-                                      counted(totals.directories, "directory", "directories"),
-                                      counted(totals.links, "link", "links"),
-                                      shown_size(totals.bytes)));
-        if (common.out.is_json) {
-            common.out.document({{"files", totals.files},
-                                 {"directories", totals.directories},
-                                 {"links", totals.links},
-                                 {"bytes", totals.bytes}});
-        }
+        report_totals(common.out, totals);
         return EXIT_DONE;
     });
 }

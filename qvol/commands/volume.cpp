@@ -2,9 +2,7 @@
 
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
-#include "qvol/sectors.h"
-
-#include "fat/internal.h"
+#include "qvol/whole_volume.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -15,29 +13,11 @@ namespace {
 
 // ---- pool, log ----
 
-// A reserved file that the library makes in the root directory.
-struct reserved_file {
-    const char *path;
-    int (*make)();
-};
-
-constexpr reserved_file POOL = {"/ZUQ_POOL.SY$", zuq_make_pool};
-constexpr reserved_file LOG = {"/$ZUQ_LOG.LO$", zuq_make_log};
-
 int make_reserved(const common_options &common, const reserved_file &file) {
     return with_volume(common, access::WRITE, [&](volume &vol) {
-        vol.fat().read_all();
-        const int made = file.make();
-        if (made == -EEXIST) {
-            throw error(fmt::format("{}: exists", file.path));
-        }
-        if (made < 0) {
-            throw system_failure(fmt::format("make {}", file.path), -made);
-        }
-        vol.fat().adopt_changes_of_library();
-        vol.fat().write_changes();
-        const place where = resolve(vol, file.path);
-        common.out.remark(fmt::format("made {}, {}", file.path, shown_size(where.found->size())));
+        make_reserved_file(vol, file);
+        const place where = resolve(vol, fmt::format("/{}", file.name));
+        common.out.remark(fmt::format("made /{}, {}", file.name, shown_size(where.found->size())));
         if (common.out.is_json) {
             common.out.document({{"made", entry_json(vol, where.path, *where.found)}});
         }
@@ -63,14 +43,6 @@ int run_mirror(const common_options &common) {
 
 // ---- compact ----
 
-// Bytes from the start of the image to the end of the last cluster in use.
-u64 used_length(volume &vol) {
-    const u32 highest = vol.fat().highest_used();
-    const u64 sectors =
-        highest == 0 ? sv->data_start : sector_of_cluster(highest) + sv->sec_per_clus;
-    return sectors * sv->sector_size;
-}
-
 int run_compact(const common_options &common) {
     const target where(common.image, access::WRITE);
     if (where.is_device()) {
@@ -94,12 +66,12 @@ int run_compact(const common_options &common) {
 
 void add_pool(command_line *commands) {
     commands->add({"pool", "Make the pool file of the ZUQ driver", "  qvol pool flash.img"},
-                  [](const common_options &common) { return make_reserved(common, POOL); });
+                  [](const common_options &common) { return make_reserved(common, POOL_FILE); });
 }
 
 void add_log(command_line *commands) {
     commands->add({"log", "Make the log file of the ZUQ driver", "  qvol log flash.img"},
-                  [](const common_options &common) { return make_reserved(common, LOG); });
+                  [](const common_options &common) { return make_reserved(common, LOG_FILE); });
 }
 
 void add_mirror(command_line *commands) {

@@ -1,0 +1,339 @@
+// qvol build: from a directory of the host to an image, or a device, that holds it.
+//
+// Everything is looked at before anything is made: the options, the tree, the shape of the volume.
+// An image is then made beside its place and gets its name when it is whole and on the medium.
+
+#include "qvol/command_line.h"
+#include "qvol/commands/commands.h"
+#include "qvol/formatting.h"
+#include "qvol/host.h"
+#include "qvol/import.h"
+#include "qvol/new_image.h"
+#include "qvol/volume_shape.h"
+#include "qvol/whole_volume.h"
+
+#include "fat/internal.h"
+
+#include <bit>
+#include <charconv>
+#include <filesystem>
+#include <memory>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+#include <sys/stat.h>
+
+namespace qvol {
+
+namespace {
+
+constexpr u32 MAX_PAGE_BYTES = 16 * 1024;
+
+struct build_options {
+    std::string size;
+    std::string from;
+    std::string sector;
+    std::string cluster;
+    std::string page = "4K";
+    std::string label;
+    u32 fat_type = 0;
+    bool has_label = false;
+    bool skips_special = false;
+    bool is_short = false;
+    bool has_pool = false;
+    bool has_log = false;
+    bool is_compact = false;
+    bool leaves_copies = false;
+    bool is_forced = false;
+};
+
+// ---- options ----
+
+// "64M", "4k", "512".
+u64 parse_size(const std::string &option, const std::string &text) {
+    u64 number = 0;
+    const char *end = text.data() + text.size();
+    const auto [rest, failure] = std::from_chars(text.data(), end, number);
+    const std::size_t unit = std::string_view("KMGkmg").find(rest != end ? *rest : '\0');
+    const bool has_unit = rest != end && rest + 1 == end && unit != std::string_view::npos;
+    const u64 factor = has_unit ? u64{1} << (10 * (unit % 3 + 1)) : 1;
+    if (failure != std::errc() || (rest != end && !has_unit) || number > MOST_BYTES / factor) {
+        throw usage_error(fmt::format("{} {}: not a number of bytes, as 4096, 64M or 2G", option,
+                                      shown_bytes(text)));
+    }
+    return number * factor;
+}
+
+// A power of two in a range.
+u32 parse_unit(const std::string &option, const std::string &text, u32 least, u32 most) {
+    const u64 bytes = parse_size(option, text);
+    if (!std::has_single_bit(bytes) || bytes < least || bytes > most) {
+        throw usage_error(fmt::format("{} {}: has to be a power of two from {} to {} bytes", option,
+                                      shown_bytes(text), least, most));
+    }
+    return static_cast<u32>(bytes);
+}
+
+// `sector_bytes` is what the target has itself.
+shape_request parse_shape(const build_options &options, u32 sector_bytes) {
+    shape_request request;
+    request.fat_type = options.fat_type;
+    request.sector_bytes =
+        options.sector.empty()
+            ? sector_bytes
+            : parse_unit("--sector", options.sector, fat::MIN_SECTOR_SIZE, fat::MAX_SECTOR_SIZE);
+    const u32 largest_cluster =
+        std::min(MAX_CLUSTER_BYTES, request.sector_bytes * fat::MAX_SECTORS_PER_CLUSTER);
+    request.cluster_bytes =
+        options.cluster.empty()
+            ? 0
+            : parse_unit("--cluster", options.cluster, request.sector_bytes, largest_cluster);
+    request.page_bytes =
+        options.page == "0" ? 0 : parse_unit("--page", options.page, 1, MAX_PAGE_BYTES);
+    const bool is_automatic = options.size == "auto";
+    request.bytes = is_automatic ? 0 : parse_size("--size", options.size);
+    if (!is_automatic && request.bytes < fat::MIN_SECTOR_SIZE) {
+        throw usage_error(fmt::format("--size {}: too small for a volume", options.size));
+    }
+    return request;
+}
+
+// ---- what goes in ----
+
+std::vector<const reserved_file *> reserved_files(const build_options &options) {
+    std::vector<const reserved_file *> files;
+    if (options.has_pool) {
+        files.push_back(&POOL_FILE);
+    }
+    if (options.has_log) {
+        files.push_back(&LOG_FILE);
+    }
+    return files;
+}
+
+// A name of the tree that one of the reserved files is to have.
+std::optional<std::string> reserved_problem(const host_node &node, const build_options &options) {
+    for (const reserved_file *file : reserved_files(options)) {
+        if (fold_case(node.name) == units_of_utf8(file->name)) {
+            return shown_bytes(node.path) + ": a file of this name is made anew by " +
+                   (file == &POOL_FILE ? "--pool" : "--log") + "; leave one of them out";
+        }
+    }
+    return std::nullopt;
+}
+
+std::vector<host_node> scan_tree(const build_options &options, const name_codec &names) {
+    if (options.from.empty()) {
+        return {};
+    }
+    host_scan scan(names, options.skips_special, !options.is_short);
+    std::vector<host_node> nodes = scan.scan_children(options.from);
+    std::vector<std::string> problems = scan.problems();
+    for (const host_node &node : nodes) {
+        const std::optional<std::string> problem = reserved_problem(node, options);
+        if (problem) {
+            problems.push_back(*problem);
+        }
+    }
+    if (!problems.empty()) {
+        throw error("not everything can be stored; nothing was written", problems);
+    }
+    return nodes;
+}
+
+volume_content content_of(const build_options &options, const std::vector<host_node> &nodes) {
+    volume_content content = {options.from.empty() ? "what was asked for"
+                                                   : shown_bytes(options.from),
+                              &nodes,
+                              static_cast<u32>(slots_needed(nodes)) + (options.has_label ? 1 : 0),
+                              {}};
+    for (const reserved_file *file : reserved_files(options)) {
+        content.root_slots++;
+        content.reserved_files.push_back(file->bytes);
+    }
+    return content;
+}
+
+// ---- making it ----
+
+struct build_result {
+    tree_totals totals;
+    json document;
+    std::string remark;
+};
+
+build_result describe(volume &vol, const std::string &path, const tree_totals &totals,
+                      const std::string &label) {
+    const u64 free_bytes = u64{vol.fat().free_count()} * fat::cluster_bytes();
+    build_result result = {totals, totals_json(totals), {}};
+    result.document.update({{"image", path},
+                            {"image_bytes", vol.where().size()},
+                            {"volume_bytes", u64{sv->total_sectors} * sv->sector_size},
+                            {"fat_type", sv->fat_type},
+                            {"sector_size", sv->sector_size},
+                            {"cluster_size", fat::cluster_bytes()},
+                            {"label", label},
+                            {"free_bytes", free_bytes}});
+    result.remark = fmt::format("{}: {}, FAT{}, clusters of {}, {} free", shown_bytes(path),
+                                shown_size(vol.where().size()), sv->fat_type,
+                                shown_size(fat::cluster_bytes()), shown_size(free_bytes));
+    return result;
+}
+
+// Formats the target, which is as long as the volume is to be, and puts everything in.
+build_result build_volume(const common_options &common, const build_options &options,
+                          const volume_shape &shape, const std::vector<host_node> &nodes,
+                          const target &where) {
+    sv->long_name = options.is_short ? 0 : 1;
+    format_target(shape, options.label);
+    volume vol(where, common.encoding);
+    if (options.leaves_copies) {
+        vol.fat().leave_other_copies();
+    }
+    for (const reserved_file *file : reserved_files(options)) {
+        make_reserved_file(vol, *file);
+    }
+    import_plan plan(vol, false);
+    plan.place(nodes, vol.root(), "/");
+    const tree_totals totals = totals_of(nodes);
+    progress bar("build", totals.bytes, common.out.is_quiet);
+    plan.write(&bar);
+    if (options.is_compact) {
+        where.resize(std::min(where.size(), used_length(vol)));
+    }
+    vol.finish();
+    return describe(vol, common.image, totals, options.label);
+}
+
+// An image that exists below the directory would be packed into itself.
+void refuse_own_source(const std::string &image, const std::string &from) {
+    std::error_code failure;
+    const std::filesystem::path place = std::filesystem::canonical(image, failure);
+    const std::filesystem::path top =
+        failure ? std::filesystem::path() : std::filesystem::canonical(from, failure);
+    if (!failure && place.string().starts_with((top / "").string())) {
+        throw error(fmt::format("{} lies in {}: it would be packed into itself; build it elsewhere",
+                                shown_bytes(image), shown_bytes(from)));
+    }
+}
+
+build_result build_image(const common_options &common, const build_options &options) {
+    if (options.size.empty()) {
+        throw usage_error("--size is needed: a size as 64M, or auto for the smallest image");
+    }
+    const shape_request request = parse_shape(options, fat::MIN_SECTOR_SIZE);
+    check_image_name(common.image, options.is_forced);
+    refuse_own_source(common.image, options.from);
+    const std::vector<host_node> nodes = scan_tree(options, name_codec(common.encoding));
+    const volume_shape shape = choose_shape(request, content_of(options, nodes));
+    new_image image(common.image, options.is_forced, shape.bytes);
+    const build_result result = [&] {
+        target where(image.path(), access::WRITE);
+        where.note_fresh();
+        return build_volume(common, options, shape, nodes, where);
+    }();
+    image.keep();
+    return result;
+}
+
+void check_device(const target &where, const build_options &options) {
+    const std::string name = shown_bytes(where.path());
+    if (options.is_compact) {
+        throw usage_error(name + " is a device; only an image file can be cut with --compact");
+    }
+    if (!options.is_forced && !where.is_blank()) {
+        throw error(name + " is not blank; --force overwrites what is on it");
+    }
+}
+
+build_result build_on_device(const common_options &common, const build_options &options) {
+    const target where(common.image, access::WRITE);
+    check_device(where, options);
+    build_options completed = options;
+    if (options.size.empty()) {
+        completed.size = std::to_string(where.size());
+    }
+    shape_request request = parse_shape(completed, where.sector_bytes());
+    request.most_bytes = where.size();
+    if (request.bytes > where.size()) {
+        throw error(fmt::format("--size {}: {} has {}", options.size, shown_bytes(common.image),
+                                shown_size(where.size())));
+    }
+    const std::vector<host_node> nodes = scan_tree(options, name_codec(common.encoding));
+    const volume_shape shape = choose_shape(request, content_of(options, nodes));
+    where.use_first(shape.bytes);
+    withheld_boot_sector boot(where);
+    const build_result result = build_volume(common, options, shape, nodes, where);
+    boot.release();
+    return result;
+}
+
+bool is_block_device(const std::string &path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 && S_ISBLK(status.st_mode);
+}
+
+int run_build(const common_options &common, build_options options) {
+    if (options.has_label) {
+        options.label = checked_label(options.label);
+    }
+    const build_result result = is_block_device(common.image) ? build_on_device(common, options)
+                                                              : build_image(common, options);
+    common.out.remark(totals_text(result.totals));
+    common.out.remark(result.remark);
+    if (common.out.is_json) {
+        common.out.document(result.document);
+    }
+    return EXIT_DONE;
+}
+
+void add_shape_options(CLI::App *command, build_options *options) {
+    command->add_option("--size", options->size,
+                        "Bytes of the image with K, M or G, or auto for the fewest that do; of a "
+                        "device: all where none is given");
+    command->add_option("--fat", options->fat_type, "FAT width, by the size where none is given")
+        ->check(CLI::IsMember({16, 32}));
+    command->add_option("--sector", options->sector,
+                        "Bytes of a sector: 512 to 4096 (default 512, or the device's own)");
+    command->add_option("--cluster", options->cluster,
+                        "Bytes of a cluster: up to 32K and 64 sectors");
+    command
+        ->add_option("--page", options->page,
+                     "Bytes of a flash page that areas are aligned to; 0: none")
+        ->capture_default_str();
+    command->add_option("--label", options->label, "Volume label, 11 characters at most")
+        ->each([options](const std::string &) { options->has_label = true; });
+}
+
+void add_content_options(CLI::App *command, build_options *options) {
+    command->add_option("--from", options->from, "Directory whose content goes in");
+    command->add_flag("--skip-special", options->skips_special,
+                      "Leave out what is neither file, directory nor link");
+    command->add_flag("--short-names", options->is_short,
+                      "No long names: refuse those that 8.3 does not hold");
+    command->add_flag("--pool", options->has_pool, "Make the pool file of the ZUQ driver");
+    command->add_flag("--log", options->has_log, "Make the log file of the ZUQ driver");
+    command->add_flag("--no-mirror", options->leaves_copies,
+                      "Write chains to the first FAT copy only");
+    command->add_flag("--compact", options->is_compact, "Cut the image to its used length");
+    command->add_flag("-f,--force", options->is_forced,
+                      "Replace an image that exists, or what is on a device");
+}
+
+} // namespace
+
+void add_build(command_line *commands) {
+    const auto options = std::make_shared<build_options>();
+    CLI::App *command = commands->add(
+        {"build", "Make an image, or a volume on a device, from a directory",
+         "  qvol build flash.img --size 64M --from rootfs --label SYSTEM\n"
+         "  qvol build flash.img --size auto --from rootfs --pool --log\n"
+         "  qvol build flash.img --size 512M --fat 32 --cluster 4K --page 8K\n"
+         "  SOURCE_DATE_EPOCH=1700000000 qvol build flash.img --size auto --from rootfs --force\n"
+         "  qvol build /dev/sdx1 --from rootfs --force"},
+        [options](const common_options &common) { return run_build(common, *options); });
+    add_shape_options(command, options.get());
+    add_content_options(command, options.get());
+}
+
+} // namespace qvol

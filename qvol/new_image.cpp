@@ -1,0 +1,177 @@
+#include "qvol/new_image.h"
+
+#include "fat/resources.h"
+#include "qvol/error.h"
+#include "qvol/host.h"
+#include "qvol/session.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace qvol {
+
+namespace {
+
+constexpr int STOPPING_SIGNALS[] = {SIGINT, SIGTERM, SIGHUP};
+constexpr mode_t IMAGE_MODE = 0666; // the user's umask decides
+
+// ---- signals ----
+
+char unfinished_path[PATH_MAX]; // "": there is none
+
+// Only what a handler may do: the file goes, and the signal ends the program as if nobody had
+// caught it.
+void remove_unfinished(int signal) {
+    if (unfinished_path[0] != '\0') {
+        unlink(unfinished_path);
+    }
+    (void)std::signal(signal, SIG_DFL);
+    (void)raise(signal);
+}
+
+// A signal that was ignored when the program started stays so.
+void catch_signals() {
+    for (const int signal : STOPPING_SIGNALS) {
+        struct sigaction action {};
+        if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_IGN) {
+            action.sa_handler = remove_unfinished;
+            sigaction(signal, &action, nullptr);
+        }
+    }
+}
+
+// While one lives, the signals wait, unless they are to wait for ever.
+class signals_held {
+public:
+    signals_held() {
+        sigset_t set;
+        sigemptyset(&set);
+        for (const int signal : STOPPING_SIGNALS) {
+            sigaddset(&set, signal);
+        }
+        sigprocmask(SIG_BLOCK, &set, &before_);
+    }
+    signals_held(const signals_held &) = delete;
+    signals_held &operator=(const signals_held &) = delete;
+    ~signals_held() {
+        if (!is_for_ever_) {
+            sigprocmask(SIG_SETMASK, &before_, nullptr);
+        }
+    }
+    void for_ever() {
+        is_for_ever_ = true;
+    }
+
+private:
+    sigset_t before_;
+    bool is_for_ever_ = false;
+};
+
+void remember_unfinished(const std::string &path) {
+    const std::size_t length = std::min(path.size(), sizeof unfinished_path - 1);
+    std::copy_n(path.begin(), length, unfinished_path);
+    unfinished_path[length] = '\0';
+}
+
+// ---- names ----
+
+// The image that a link leads to is the one to replace, not the link.
+std::string without_links(const std::string &path) {
+    char resolved[PATH_MAX];
+    return realpath(path.c_str(), resolved) != nullptr ? resolved : path;
+}
+
+void sync_directory(const std::string &path) {
+    const fat::held_descriptor directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    // Some file systems do not synchronise directories and say so.
+    if (directory.get() < 0 || (fsync(directory.get()) != 0 && errno != EINVAL)) {
+        throw system_failure("put the name of the image on the medium");
+    }
+}
+
+error taken(const std::string &path) {
+    return error(shown_bytes(path) + " exists; --force replaces it");
+}
+
+int rename_to_free_name(const std::string &from, const std::string &to) {
+    const int renamed = renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE);
+    if (renamed == 0 || errno != EINVAL) {
+        return renamed;
+    }
+    // A file system that cannot refuse to replace: the name was free when the build began.
+    return rename(from.c_str(), to.c_str());
+}
+
+} // namespace
+
+void check_image_name(const std::string &path, bool replaces) {
+    struct stat status {};
+    if (lstat(path.c_str(), &status) != 0) {
+        return;
+    }
+    if (!replaces) {
+        throw taken(path);
+    }
+    if (stat(path.c_str(), &status) == 0) {
+        check_replaceable(path);
+    }
+}
+
+new_image::new_image(const std::string &path, bool replaces, fat::u64 bytes)
+    : final_path_(without_links(path)), replaces_(replaces) {
+    directory_ = split_host_path(final_path_).directory;
+    const signals_held held;
+    make(bytes);
+    remember_unfinished(path_);
+    catch_signals();
+}
+
+void new_image::make(fat::u64 bytes) {
+    int fd = -1;
+    for (int attempt = 0; fd < 0; attempt++) {
+        path_ = fmt::format("{}/.qvol-{}-{}", directory_, getpid(), attempt);
+        fd = open(path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, IMAGE_MODE);
+        if (fd < 0 && errno != EEXIST) {
+            throw system_failure("make an image in " + shown_bytes(directory_));
+        }
+    }
+    const fat::held_descriptor file(fd);
+    if (ftruncate(fd, static_cast<off_t>(bytes)) != 0) {
+        const int reason = errno;
+        unlink(path_.c_str());
+        throw system_failure(fmt::format("make a file of {} bytes", bytes), reason);
+    }
+}
+
+new_image::~new_image() {
+    if (!is_kept_) {
+        unlink(path_.c_str());
+    }
+    unfinished_path[0] = '\0';
+}
+
+void new_image::keep() {
+    signals_held held;
+    const int renamed = replaces_ ? rename(path_.c_str(), final_path_.c_str())
+                                  : rename_to_free_name(path_, final_path_);
+    if (renamed != 0 && errno == EEXIST) {
+        throw taken(final_path_);
+    }
+    if (renamed != 0) {
+        throw system_failure("give the image its name " + shown_bytes(final_path_));
+    }
+    is_kept_ = true;
+    held.for_ever();
+    sync_directory(directory_);
+}
+
+} // namespace qvol

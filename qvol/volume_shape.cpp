@@ -1,0 +1,315 @@
+#include "qvol/volume_shape.h"
+
+#include "fat/internal.h"
+#include "qvol/error.h"
+
+#include <algorithm>
+
+#include <fmt/format.h>
+
+namespace qvol {
+
+namespace {
+
+constexpr u64 KIB = 1024;
+constexpr u64 MIB = 1024 * KIB;
+constexpr u64 GIB = 1024 * MIB;
+
+constexpr u32 FAT_COPIES = 2;
+constexpr u64 MAX_SECTORS = 0xFFFFFFFE; // an odd last sector is not used
+constexpr u32 FAT16_MAX_CLUSTERS = fat::FAT32_MIN_CLUSTERS - 1;
+constexpr u32 ROOT_BYTES = fat::FAT16_ROOT_ENTRIES * fat::DENTRY_SIZE;
+
+u64 units_of(u64 bytes, u64 unit) {
+    return (bytes + unit - 1) / unit;
+}
+
+// ---- what the formatter makes of a request -----------------------------------------------------
+
+// Nothing where there can be no such volume. Width, cluster size and length are given.
+std::optional<volume_shape> shape_of(const shape_request &exact) {
+    const fat::quiet_scope quiet;
+    const u64 sectors = exact.bytes / exact.sector_bytes & ~u64{1};
+    volume_shape shape = {exact.fat_type,   exact.sector_bytes, exact.cluster_bytes,
+                          exact.page_bytes, exact.bytes,        0};
+    fat_format_param param = formatter_request(shape);
+    u32 fat_sectors = 0;
+    if (sectors > MAX_SECTORS || fat::calc_fat_sectors(&param, static_cast<u32>(sectors),
+                                                       &fat_sectors, &shape.clusters) < 0) {
+        return std::nullopt;
+    }
+    return shape;
+}
+
+bool holds(const volume_shape &shape, const volume_content &content) {
+    const bool has_root = shape.fat_type == 32 || content.root_slots <= fat::FAT16_ROOT_ENTRIES;
+    return has_root && content.clusters(shape.fat_type, shape.cluster_bytes) <= shape.clusters;
+}
+
+// ---- candidates -------------------------------------------------------------------------------
+
+u32 usual_cluster_bytes(u64 volume_bytes) {
+    const u64 usual = volume_bytes <= 8 * GIB    ? 4 * KIB
+                      : volume_bytes <= 16 * GIB ? 8 * KIB
+                      : volume_bytes <= 32 * GIB ? 16 * KIB
+                                                 : 32 * KIB;
+    return static_cast<u32>(usual);
+}
+
+// The usual size, those above it, those below it.
+std::vector<u32> cluster_sizes(const shape_request &request) {
+    if (request.cluster_bytes != 0) {
+        return {request.cluster_bytes};
+    }
+    const u32 most =
+        std::min(MAX_CLUSTER_BYTES, request.sector_bytes * fat::MAX_SECTORS_PER_CLUSTER);
+    const u32 usual = std::max(usual_cluster_bytes(request.bytes), request.sector_bytes);
+    std::vector<u32> sizes;
+    for (u32 size = usual; size <= most; size *= 2) {
+        sizes.push_back(size);
+    }
+    for (u32 size = usual / 2; size >= request.sector_bytes; size /= 2) {
+        sizes.push_back(size);
+    }
+    return sizes;
+}
+
+// The request with everything given but its length, the best ones first.
+std::vector<shape_request> candidates(const shape_request &request) {
+    std::vector<shape_request> all;
+    for (const u32 cluster_bytes : cluster_sizes(request)) {
+        for (const u32 fat_type : {16U, 32U}) {
+            if (request.fat_type == 0 || request.fat_type == fat_type) {
+                shape_request exact = request;
+                exact.cluster_bytes = cluster_bytes;
+                exact.fat_type = fat_type;
+                all.push_back(exact);
+            }
+        }
+    }
+    return all;
+}
+
+// All shapes of the length that is asked for.
+std::vector<volume_shape> possible_shapes(const shape_request &request) {
+    std::vector<volume_shape> shapes;
+    for (const shape_request &candidate : candidates(request)) {
+        const std::optional<volume_shape> shape = shape_of(candidate);
+        if (shape) {
+            shapes.push_back(*shape);
+        }
+    }
+    return shapes;
+}
+
+std::optional<volume_shape> first_that_holds(const std::vector<volume_shape> &shapes,
+                                             const volume_content &content) {
+    const auto found = std::find_if(shapes.begin(), shapes.end(), [&](const volume_shape &shape) {
+        return holds(shape, content);
+    });
+    return found != shapes.end() ? std::optional(*found) : std::nullopt;
+}
+
+// ---- the smallest volume ----------------------------------------------------------------------
+
+// Sectors that a volume with so many clusters has at least: no area is aligned.
+u64 fewest_sectors(const shape_request &exact, u64 clusters) {
+    const bool is_fat32 = exact.fat_type == 32;
+    const u64 entry_size = is_fat32 ? fat::FAT32_ENTRY_SIZE : fat::FAT16_ENTRY_SIZE;
+    const u64 fat_bytes = (clusters + fat::FIRST_DATA_CLUSTER) * entry_size;
+    const u64 root_bytes = is_fat32 ? 0 : ROOT_BYTES;
+    return 1 + units_of(root_bytes, exact.sector_bytes) +
+           FAT_COPIES * units_of(fat_bytes, exact.sector_bytes) +
+           clusters * (exact.cluster_bytes / exact.sector_bytes);
+}
+
+// The count of clusters does not grow with every sector: where the FATs grow by a page it falls. So
+// every length is tried from the first that could do; alignment and the formatter's estimates add
+// less than `SLACK` to it.
+std::optional<volume_shape> smallest_shape(shape_request exact, const volume_content &content) {
+    constexpr u64 SLACK = MIB;
+    const u64 least = exact.fat_type == 32 ? fat::FAT32_MIN_CLUSTERS : fat::FAT16_MIN_CLUSTERS;
+    const u64 needed = std::max(content.clusters(exact.fat_type, exact.cluster_bytes), least);
+    if (exact.fat_type == 16 &&
+        (needed > FAT16_MAX_CLUSTERS || content.root_slots > fat::FAT16_ROOT_ENTRIES)) {
+        return std::nullopt;
+    }
+    const u64 step = u64{2} * exact.sector_bytes;
+    const u64 first = units_of(fewest_sectors(exact, needed) * exact.sector_bytes, step) * step;
+    const u64 end = std::min(first + SLACK, exact.most_bytes + 1);
+    for (exact.bytes = first; exact.bytes < end; exact.bytes += step) {
+        const std::optional<volume_shape> shape = shape_of(exact);
+        if (shape && shape->clusters >= needed) {
+            return shape;
+        }
+    }
+    return std::nullopt;
+}
+
+// Of equal lengths the one with the more usual clusters.
+std::optional<volume_shape> smallest_of_all(const shape_request &request,
+                                            const volume_content &content) {
+    std::optional<volume_shape> smallest;
+    for (const shape_request &candidate : candidates(request)) {
+        const std::optional<volume_shape> shape = smallest_shape(candidate, content);
+        if (shape && (!smallest || shape->bytes < smallest->bytes)) {
+            smallest = shape;
+        }
+    }
+    return smallest;
+}
+
+// ---- what to do instead -----------------------------------------------------------------------
+
+const std::vector<host_node> NO_NODES;
+const volume_content NOTHING = {"", &NO_NODES, 0, {}};
+
+// As an option takes it: "64M", "4K", "512".
+std::string size_argument(u64 bytes) {
+    return bytes % MIB == 0   ? fmt::format("{}M", bytes / MIB)
+           : bytes % KIB == 0 ? fmt::format("{}K", bytes / KIB)
+                              : std::to_string(bytes);
+}
+
+// The first whole number of MiB, from the smallest volume on, that does hold the content.
+std::optional<u64> round_size_that_holds(shape_request request, const volume_content &content) {
+    const std::optional<volume_shape> smallest = smallest_of_all(request, content);
+    if (!smallest) {
+        return std::nullopt;
+    }
+    constexpr u64 TRIES = 64;
+    const u64 first = units_of(smallest->bytes, MIB);
+    for (u64 size = first; size < first + TRIES; size++) {
+        request.bytes = size * MIB;
+        if (first_that_holds(possible_shapes(request), content)) {
+            return request.bytes;
+        }
+    }
+    return std::nullopt;
+}
+
+// What of the request, changed alone, makes it possible.
+std::string advice(const shape_request &request, const volume_content &content) {
+    shape_request other = request;
+    other.cluster_bytes = 0;
+    if (const auto shape = first_that_holds(possible_shapes(other), content)) {
+        return "; use --cluster " + size_argument(shape->cluster_bytes);
+    }
+    other = request;
+    other.fat_type = 0;
+    if (const auto shape = first_that_holds(possible_shapes(other), content)) {
+        return fmt::format("; use --fat {}", shape->fat_type);
+    }
+    const std::optional<u64> size = round_size_that_holds(request, content);
+    if (size && *size > request.bytes && *size <= request.most_bytes) {
+        return "; use --size " + size_argument(*size);
+    }
+    other.cluster_bytes = 0;
+    return size || !smallest_of_all(other, content) ? "" : "; leave out --fat and --cluster";
+}
+
+// ---- what does not go together ----------------------------------------------------------------
+
+std::string width_text(u32 fat_type) {
+    return fat_type == 0 ? "FAT16 or FAT32" : fmt::format("FAT{}", fat_type);
+}
+
+std::string clusters_text(u32 cluster_bytes) {
+    return cluster_bytes == 0 ? "" : fmt::format(" with clusters of {}", shown_size(cluster_bytes));
+}
+
+[[noreturn]] void refuse_shape(const shape_request &request) {
+    constexpr const char *RULE = "FAT16 has 4085 to 65524 clusters, FAT32 65525 to 268435438";
+    if (request.bytes / request.sector_bytes > MAX_SECTORS) {
+        throw error(fmt::format("a volume has {} sectors at most, with {} bytes each that is {}; "
+                                "use larger ones with --sector, or a smaller --size",
+                                MAX_SECTORS, request.sector_bytes,
+                                shown_size(MAX_SECTORS * request.sector_bytes)));
+    }
+    throw error(fmt::format("a volume of {} cannot be {}{}: {}{}", shown_size(request.bytes),
+                            width_text(request.fat_type), clusters_text(request.cluster_bytes),
+                            RULE, advice(request, NOTHING)));
+}
+
+// How much the content is larger than the volume, in bytes; 0 where it is not.
+u64 shortage(const volume_shape &shape, const volume_content &content) {
+    const u64 needed = content.clusters(shape.fat_type, shape.cluster_bytes);
+    return (std::max<u64>(needed, shape.clusters) - shape.clusters) * shape.cluster_bytes;
+}
+
+[[noreturn]] void refuse_root(const shape_request &request, const volume_content &content) {
+    throw error(fmt::format("{} has names at its top that take {} entries, the root directory of "
+                            "a FAT16 volume has {}{}",
+                            content.name, content.root_slots, fat::FAT16_ROOT_ENTRIES,
+                            advice(request, content)));
+}
+
+[[noreturn]] void refuse_space(const shape_request &request, const volume_content &content,
+                               const volume_shape &nearest) {
+    const u64 cluster = nearest.cluster_bytes;
+    const u64 needed = content.clusters(nearest.fat_type, nearest.cluster_bytes) * cluster;
+    const u64 room = nearest.clusters * cluster;
+    const bool is_close = shown_size(needed) == shown_size(room);
+    throw error(fmt::format("no space: {} needs {}, the volume holds {}{}", content.name,
+                            is_close ? fmt::format("{} bytes", needed) : shown_size(needed),
+                            is_close ? fmt::format("{} bytes", room) : shown_size(room),
+                            advice(request, content)));
+}
+
+[[noreturn]] void refuse(const shape_request &request, const volume_content &content) {
+    const std::vector<volume_shape> shapes = possible_shapes(request);
+    if (shapes.empty()) {
+        refuse_shape(request);
+    }
+    const volume_shape nearest =
+        *std::min_element(shapes.begin(), shapes.end(), [&](const auto &a, const auto &b) {
+            return shortage(a, content) < shortage(b, content);
+        });
+    if (shortage(nearest, content) == 0) {
+        refuse_root(request, content);
+    }
+    refuse_space(request, content, nearest);
+}
+
+[[noreturn]] void refuse_automatic(shape_request request, const volume_content &content) {
+    const std::string what = width_text(request.fat_type) + clusters_text(request.cluster_bytes);
+    request.fat_type = request.cluster_bytes = 0;
+    const bool is_possible = smallest_of_all(request, content).has_value();
+    throw error(fmt::format("no volume of {} holds {}{}", what, content.name,
+                            is_possible ? "; leave out --fat and --cluster" : ""));
+}
+
+} // namespace
+
+u64 volume_content::clusters(u32 fat_type, u32 cluster_bytes) const {
+    u64 count = clusters_needed(*nodes, cluster_bytes);
+    for (const u32 bytes : reserved_files) {
+        count += units_of(bytes, cluster_bytes);
+    }
+    const u64 root_bytes = u64{std::max(root_slots, 1U)} * fat::DENTRY_SIZE;
+    return count + (fat_type == 32 ? units_of(root_bytes, cluster_bytes) : 0);
+}
+
+fat_format_param formatter_request(const volume_shape &shape) {
+    fat_format_param param = {};
+    param.fat_size = shape.fat_type;
+    param.sector_size = shape.sector_bytes;
+    param.sec_per_clus = shape.cluster_bytes / shape.sector_bytes;
+    param.page_size = shape.page_bytes;
+    param.nr_fat = FAT_COPIES;
+    fat_page_size_given = 1;
+    (void)check_format_param(&param); // the sizes are in range
+    return param;
+}
+
+volume_shape choose_shape(const shape_request &request, const volume_content &content) {
+    const std::optional<volume_shape> shape =
+        request.bytes == 0 ? smallest_of_all(request, content)
+                           : first_that_holds(possible_shapes(request), content);
+    if (!shape) {
+        request.bytes == 0 ? refuse_automatic(request, content) : refuse(request, content);
+    }
+    return *shape;
+}
+
+} // namespace qvol

@@ -1,0 +1,616 @@
+// qvol build: images from trees. What goes in comes out again, fsck.fat finds nothing, mtools read
+// the same, the smallest image is the smallest, equal trees give equal bytes, and what cannot be is
+// refused with nothing made.
+
+#include "tests/support/qvol_build.h"
+
+#include <random>
+#include <regex>
+
+#include <nlohmann/json.hpp>
+#include <sys/file.h>
+
+using namespace testing_support;
+using nlohmann::json;
+
+namespace {
+
+const std::string NOT_STORED = "qvol: not everything can be stored; nothing was written\n";
+
+// What the program says of a request that it refuses. Nothing may have been made.
+class QvolBuildRefusal : public QvolBuild {
+protected:
+    std::string refusal(std::vector<std::string> arguments, int status = 1) {
+        const outcome result = build(std::move(arguments));
+        EXPECT_EQ(result.status, status) << result;
+        EXPECT_EQ(result.out, "");
+        EXPECT_EQ(made(), std::vector<std::string>());
+        return result.err;
+    }
+};
+
+} // namespace
+
+// ---- trees ------------------------------------------------------------------------------------
+
+TEST_F(QvolBuild, HoldsATreeOnEveryKindOfVolume) {
+    make_mixed_tree();
+    const char *pages[] = {"0", "2K", "4096", "8K", "16K"};
+    int round = 0;
+    for (const std::string sector : {"512", "1024", "2048", "4096"}) {
+        for (const std::string fat : {"16", "32"}) {
+            const std::string page = pages[round++ % 5];
+            SCOPED_TRACE(sector + ", FAT" + fat + ", pages of " + page);
+            build_tree("auto", {"--sector", sector, "--fat", fat, "--page", page});
+            expect_tree(tree_);
+        }
+    }
+}
+
+TEST_F(QvolBuild, HoldsATreeWithEveryClusterSize) {
+    make_mixed_tree();
+    for (const std::string cluster : {"512", "1K", "2K", "4K", "8K", "16K", "32768"}) {
+        SCOPED_TRACE(cluster);
+        build_tree("auto", {"--cluster", cluster, "--fat", "16"});
+        expect_tree(tree_);
+    }
+    build_tree("auto", {"--cluster", "8K", "--fat", "32"});
+    expect_tree(tree_);
+}
+
+TEST_F(QvolBuild, HoldsTheSourcesOfTheProject) {
+    for (const std::string part : {"fat", "qvol", "tests"}) {
+        tree_ = std::string(QUORVEL_SOURCE_DIR) + "/" + part;
+        build_tree("auto");
+        expect_tree(tree_);
+    }
+}
+
+// Documentation as it comes has names that differ only in case: all of them are told at once, and
+// without them everything else fits. Of all the directories every twentieth is taken.
+TEST_F(QvolBuild, HoldsTheDocumentationOfTheSystem) {
+    const std::string take =
+        QUORVEL_DEEP ? "cp -a /usr/share/doc/. \"$1\""
+                     : "cd /usr/share/doc && ls | awk 'NR % 20 == 0' | xargs cp -a -t \"$1\"";
+    if (shell(take, {tree_}).status != 0) {
+        GTEST_SKIP() << "/usr/share/doc cannot be copied";
+    }
+    const outcome first = build({"--size", "auto", "--from", tree_});
+    if (first.status != 0) {
+        ASSERT_EQ(first.err.substr(0, NOT_STORED.size()), NOT_STORED);
+        const std::regex finding("\n  ([^:]*): ");
+        for (std::sregex_iterator it(first.err.begin(), first.err.end(), finding), end; it != end;
+             ++it) {
+            std::filesystem::remove_all((*it)[1].str());
+        }
+    }
+    build_tree("auto");
+    expect_tree(tree_);
+}
+
+TEST_F(QvolBuild, Holds5000LikeNamesInOneDirectory) {
+    for (int i = 0; i < 5000; i++) {
+        tree_file("photos/holiday photograph " + std::to_string(i) + ".jpeg", std::to_string(i));
+    }
+    build_tree("auto");
+    expect_tree(tree_);
+}
+
+TEST_F(QvolBuild, HoldsDeepPaths) {
+    std::string deep;
+    for (int i = 0; i < 150; i++) {
+        deep += "level " + std::to_string(i) + "/";
+    }
+    tree_file(deep + "file", "at the bottom");
+    build_tree("8M");
+    expect_tree(tree_);
+}
+
+TEST_F(QvolBuild, HoldsASparseFileOfAGibibyte) {
+    const std::uint64_t size = std::uint64_t{1} << 30;
+    const std::string big = scratch_.sparse_file("tree/big", size);
+    std::fstream(big, std::ios::binary | std::ios::in | std::ios::out)
+        .seekp(static_cast<std::streamoff>(size) - 3)
+        .write("end", 3);
+    build_tree("auto", {"--fat", "32", "--cluster", "4K"});
+    EXPECT_EQ(shell("\"$1\" cat \"$2\" /big | cmp - \"$3\"", {qvol_path(), image_, big}),
+              (outcome{0, "", ""}));
+    struct stat status {};
+    ASSERT_EQ(stat(image_.c_str(), &status), 0);
+    EXPECT_LT(status.st_blocks * 512, 8 << 20) << "the image is sparse too";
+}
+
+TEST_F(QvolBuild, MakesAnEmptyVolumeFromNothing) {
+    EXPECT_EQ(build({"--size", "16M"}),
+              (outcome{0,
+                       "0 files, 0 directories, 0 links, 0 bytes\n" + image_ +
+                           ": 16.0 MiB, FAT16, clusters of 4.0 KiB, 16.0 MiB free\n",
+                       ""}));
+    expect_clean();
+    EXPECT_EQ(std::filesystem::file_size(image_), 16 << 20);
+    EXPECT_EQ(said("tree"), "/\n0 directories, 0 files, 0 links\n");
+}
+
+TEST_F(QvolBuild, ReadsTheSameWithMtools) {
+    make_mixed_tree();
+    std::filesystem::remove(tree_ + "/link");
+    std::filesystem::remove(tree_ + "/dir/to nowhere");
+    std::filesystem::remove_all(tree_ + "/dir/below");
+    for (const std::string fat : {"16", "32"}) {
+        build_tree("auto", {"--fat", fat});
+        const std::string out = scratch_.file("mtools" + fat);
+        std::filesystem::create_directory(out);
+        ASSERT_EQ(run({"mcopy", "-s", "-i", image_, "::*", out}).status, 0);
+        EXPECT_EQ(run({"diff", "-r", tree_, out}), (outcome{0, "", ""}));
+        EXPECT_EQ(run({"mdir", "-b", "-/", "-i", image_, "::"}).out,
+                  "::/README.TXT\n::/an empty directory/\n::/dir/\n::/empty file\n"
+                  "::/readme.md\n::/an empty directory/and another/\n"
+                  "::/dir/A long name, with a comma.txt\n");
+    }
+}
+
+TEST_F(QvolBuild, SkipsWhatIsSpecial) {
+    tree_file("file", "x");
+    ASSERT_EQ(mkfifo((tree_ + "/pipe").c_str(), 0600), 0);
+    build_tree("auto", {"--skip-special"});
+    EXPECT_EQ(said("ls"), "file\n");
+}
+
+TEST_F(QvolBuild, TakesNamesInAnotherEncoding) {
+    tree_file("gr\xFC\xDF", "latin");
+    build_tree("auto", {"--encoding", "ISO-8859-1"});
+    EXPECT_EQ(said("ls"), "gr\xC3\xBC\xC3\x9F\n");
+}
+
+// ---- short names ------------------------------------------------------------------------------
+
+TEST_F(QvolBuild, KeepsTheCaseOfShortNamesWithoutLongOnes) {
+    for (const std::string name :
+         {"UPPER.TXT", "lower.txt", "BASE.ext", "base2.EXT", "12345678.9", "dir/$~!#%&'.-@^"}) {
+        tree_file(name, name);
+    }
+    build_tree("auto", {"--short-names", "--fat", "32"});
+    expect_tree(tree_);
+    const json entry = json::parse(said("stat", {"/lower.txt", "--json"}));
+    EXPECT_EQ(entry["entry"]["slots"], 1);
+    EXPECT_EQ(entry["short_name"], "LOWER.TXT");
+    EXPECT_EQ(run({"mdir", "-b", "-i", image_, "::"}).out,
+              "::/12345678.9\n::/BASE.ext\n::/UPPER.TXT\n::/base2.EXT\n::/dir/\n::/lower.txt\n");
+}
+
+TEST_F(QvolBuildRefusal, ListsEveryNameThatNeedsALongOne) {
+    for (const std::string name : {"Mixed.txt", "nine12345", "two.dots.txt", "ok.txt", "a b",
+                                   "dir/file.jpeg", "dir/\u00fc.txt"}) {
+        tree_file(name, "");
+    }
+    const std::string why = ": its name needs a long one: it is not 8.3, or mixes upper and lower "
+                            "case\n";
+    EXPECT_EQ(refusal({"--size", "auto", "--from", tree_, "--short-names"}),
+              NOT_STORED + "  " + tree_ + "/Mixed.txt" + why + "  " + tree_ + "/a b" + why + "  " +
+                  tree_ + "/dir/file.jpeg" + why + "  " + tree_ + "/dir/\u00fc.txt" + why + "  " +
+                  tree_ + "/nine12345" + why + "  " + tree_ + "/two.dots.txt" + why);
+}
+
+// ---- label ------------------------------------------------------------------------------------
+
+TEST_F(QvolBuild, WritesTheLabelWhereEverybodyLooks) {
+    for (const std::string fat : {"16", "32"}) {
+        build_tree("auto", {"--fat", fat, "--label", "FLASH 1-A"});
+        const json info = json::parse(said("info", {"--json"}));
+        EXPECT_EQ(info["label"], "FLASH 1-A");
+        EXPECT_EQ(info["boot_label"], "FLASH 1-A");
+        EXPECT_NE(run({"mlabel", "-s", "-i", image_, "::"}).out.find("FLASH 1-A"),
+                  std::string::npos);
+        if (fat == "32") {
+            EXPECT_EQ(read_range(image_, 0, 512), read_range(image_, 6 * 512, 512));
+        }
+    }
+}
+
+TEST_F(QvolBuild, SaysNoNameWithoutALabel) {
+    for (const std::string fat : {"16", "32"}) {
+        build_tree("auto", {"--fat", fat});
+        const json info = json::parse(said("info", {"--json"}));
+        EXPECT_EQ(info["label"], "");
+        EXPECT_EQ(info["boot_label"], "NO NAME");
+        EXPECT_EQ(run({"mdir", "-b", "-i", image_, "::"}).out, "");
+    }
+}
+
+TEST_F(QvolBuildRefusal, TellsWhatIsWrongWithALabel) {
+    const std::pair<const char *, const char *> cases[] = {
+        {"", "it is empty; leave the option out for a volume without a label"},
+        {"TWELVE CHARS", "it is longer than 11 characters"},
+        {"lower", "labels are upper case; use \"LOWER\""},
+        {"A.B", "its characters may be A to Z, 0 to 9, blanks and $%'-_@~`!(){}^#&"},
+        {"\u00dc", "its characters may be A to Z, 0 to 9, blanks and $%'-_@~`!(){}^#&"},
+        {" A", "it begins or ends with a blank"},
+        {"NO NAME", "volumes without a label say that"},
+    };
+    for (const auto &[label, why] : cases) {
+        EXPECT_EQ(refusal({"--size", "16M", "--label", label}, 2),
+                  std::string("qvol: --label \"") + label + "\": " + why + "\n");
+    }
+}
+
+// ---- reserved files, copies of the FAT, compacting ----------------------------------------------
+
+TEST_F(QvolBuild, MakesPoolAndLogBesideTheTree) {
+    make_mixed_tree();
+    for (const std::string fat : {"16", "32"}) {
+        build_tree("auto", {"--fat", fat, "--pool", "--log", "--label", "ZUQ"});
+        const std::string listed = said("ls", {"-l"});
+        EXPECT_NE(listed.find("-rhs-     131072 "), std::string::npos) << listed;
+        EXPECT_NE(listed.find("-rhs-        512 "), std::string::npos) << listed;
+        said("rm", {"/ZUQ_POOL.SY$", "/$ZUQ_LOG.LO$"});
+        expect_tree(tree_);
+    }
+}
+
+TEST_F(QvolBuildRefusal, TakesNoReservedFileFromTheTree) {
+    tree_file("zuq_pool.sy$", "x");
+    tree_file("$ZUQ_LOG.LO$", "x");
+    EXPECT_EQ(refusal({"--size", "16M", "--from", tree_, "--pool", "--log"}),
+              NOT_STORED + "  " + tree_ +
+                  "/$ZUQ_LOG.LO$: a file of this name is made anew by --log; leave one of them "
+                  "out\n  " +
+                  tree_ +
+                  "/zuq_pool.sy$: a file of this name is made anew by --pool; leave one of them "
+                  "out\n");
+}
+
+TEST_F(QvolBuild, LeavesTheOtherCopyOfTheFatWhenAsked) {
+    tree_file("file", std::string(50000, 'x'));
+    for (const std::string fat : {"16", "32"}) {
+        build_tree("auto", {"--fat", fat, "--pool"});
+        EXPECT_EQ(said("mirror"), "all FAT copies are equal\n");
+        ASSERT_EQ(build({"--size", "auto", "--from", tree_, "--fat", fat, "--pool", "--no-mirror",
+                         "--force"})
+                      .status,
+                  0);
+        const volume_layout at = layout_of(image_);
+        const bytes second =
+            read_range(image_, std::uint64_t{at.fat_start + at.fat_size} * 512, at.fat_size * 512);
+        const std::size_t first_entries = fat == "16" ? 4 : 12; // and the FAT32 root directory
+        EXPECT_EQ(std::count(second.begin() + static_cast<std::ptrdiff_t>(first_entries),
+                             second.end(), 0),
+                  static_cast<std::ptrdiff_t>(second.size() - first_entries));
+        EXPECT_NE(said("mirror"), "all FAT copies are equal\n");
+        expect_clean();
+        said("rm", {"/ZUQ_POOL.SY$"});
+        expect_tree(tree_);
+    }
+}
+
+TEST_F(QvolBuild, CutsTheImageToItsUse) {
+    tree_file("file", std::string(100000, 'x'));
+    for (const std::string fat : {"16", "32"}) {
+        const outcome result = build(
+            {"--size", "64M", "--from", tree_, "--fat", fat, "--compact", "--force", "--json"});
+        ASSERT_EQ(result.status, 0) << result;
+        const json document = json::parse(result.out);
+        EXPECT_EQ(document["image_bytes"], std::filesystem::file_size(image_));
+        EXPECT_EQ(document["volume_bytes"], 64 << 20);
+        EXPECT_LT(std::filesystem::file_size(image_), std::uint64_t{2} << 20);
+        expect_tree(tree_);
+        std::filesystem::resize_file(image_, 64 << 20); // as the flash that it goes to
+        expect_clean();
+    }
+}
+
+// ---- the size ---------------------------------------------------------------------------------
+
+TEST_F(QvolBuild, TakesTheSizeThatIsGiven) {
+    for (const auto &[text, size] : {std::pair<const char *, std::uint64_t>{"20M", 20 << 20},
+                                     {"20480K", 20 << 20},
+                                     {"3000001", 3000001},
+                                     {"1G", 1 << 30}}) {
+        build_tree(text);
+        EXPECT_EQ(std::filesystem::file_size(image_), size);
+    }
+}
+
+// One sector less, and the tree does not fit, whatever the cluster size and the FAT width.
+TEST_F(QvolBuild, FindsTheSmallestImage) {
+    std::mt19937 random(20251107);
+    const auto below = [&](unsigned end) { return static_cast<unsigned>(random() % end); };
+    for (int round = 0; round < 12; round++) {
+        SCOPED_TRACE(round);
+        std::filesystem::remove_all(tree_);
+        const unsigned count = 50 + below(400);
+        for (unsigned i = 0; i < count; i++) {
+            tree_file("dir " + std::to_string(below(9)) + "/" + std::string(1 + below(60), 'n') +
+                          std::to_string(i),
+                      std::string(below(40000), 'x'));
+        }
+        std::vector<std::string> options = {"--page", round % 3 == 0 ? "0" : "4K"};
+        const std::vector<std::string> more[] = {
+            {}, {"--pool", "--log"}, {"--fat", "32"}, {"--cluster", "2K"}};
+        options.insert(options.end(), more[round % 4].begin(), more[round % 4].end());
+        build_tree("auto", options);
+        const std::uint64_t size = std::filesystem::file_size(image_);
+        options.insert(options.end(), {"--from", tree_, "--force", "--size"});
+        options.push_back(std::to_string(size - 512));
+        const outcome smaller = build(options);
+        EXPECT_EQ(smaller.status, 1) << smaller;
+        options.back() = std::to_string(size);
+        EXPECT_EQ(build(options).status, 0);
+        expect_clean();
+    }
+}
+
+TEST_F(QvolBuild, FindsTheSmallestImageOfAll) {
+    build_tree("auto", {"--page", "0"});
+    // 1 reserved sector, FATs of 16, 32 of the root directory, 4085 clusters
+    EXPECT_EQ(std::filesystem::file_size(image_), (1 + 2 * 16 + 32 + 4085) * 512);
+}
+
+// The last free byte can be used.
+TEST_F(QvolBuild, FillsTheSmallestImageToTheLastCluster) {
+    (void)scratch_.sparse_file("tree/file", 30 << 20);
+    build_tree("auto", {"--cluster", "8K", "--fat", "16"});
+    const json info = json::parse(said("info", {"--json"}));
+    EXPECT_LE(info["free_clusters"], 4085 - 3840);
+    EXPECT_EQ(info["clusters"], 4085);
+    (void)scratch_.sparse_file("tree/more", 10 << 20);
+    build_tree("auto", {"--cluster", "8K", "--fat", "16"});
+    EXPECT_EQ(json::parse(said("info", {"--json"}))["free_clusters"], 0);
+}
+
+TEST_F(QvolBuildRefusal, TellsASizeThatWillDo) {
+    (void)scratch_.sparse_file("tree/file", 73 << 20);
+    const std::string told = refusal({"--size", "64M", "--from", tree_, "--cluster", "4K"});
+    EXPECT_EQ(told, "qvol: no space: " + tree_ +
+                        " needs 73.0 MiB, the volume holds 63.9 MiB; use --size 74M\n");
+    const std::string before = refusal({"--size", "73M", "--from", tree_, "--cluster", "4K"});
+    EXPECT_EQ(before, "qvol: no space: " + tree_ +
+                          " needs 73.0 MiB, the volume holds 72.9 MiB; use --size 74M\n");
+    build_tree("74M", {"--cluster", "4K"});
+}
+
+// Whatever size is told, it does.
+TEST_F(QvolBuild, TellsSizesThatWork) {
+    for (int i = 0; i < 300; i++) {
+        tree_file("a name that takes some slots of its directory " + std::to_string(i),
+                  std::string(static_cast<std::size_t>(i) * 211, 'x'));
+    }
+    for (const std::vector<std::string> &options : std::vector<std::vector<std::string>>{
+             {"--size", "2100K"}, {"--size", "9M", "--pool", "--log"}, {"--size", "3M"}}) {
+        std::vector<std::string> arguments = options;
+        arguments.insert(arguments.end(), {"--from", tree_, "--force"});
+        const outcome refused = build(arguments);
+        ASSERT_EQ(refused.status, 1);
+        const std::size_t at = refused.err.find("use --size ");
+        ASSERT_NE(at, std::string::npos) << refused;
+        arguments[1] = refused.err.substr(at + 11, refused.err.size() - at - 12);
+        const outcome accepted = build(arguments);
+        EXPECT_EQ(accepted.status, 0) << accepted;
+        expect_clean();
+    }
+}
+
+// A FAT16 root directory takes 512 entries; one of FAT32 grows.
+TEST_F(QvolBuild, TakesFat32WhereTheRootDirectoryIsLong) {
+    for (int i = 0; i < 600; i++) {
+        tree_file("FILE" + std::to_string(i), "");
+    }
+    build_tree("40M");
+    EXPECT_EQ(json::parse(said("info", {"--json"}))["fat_type"], 32);
+    EXPECT_EQ(build({"--size", "40M", "--from", tree_, "--fat", "16", "--force"}),
+              (outcome{1, "",
+                       "qvol: " + tree_ +
+                           " has names at its top that take 600 entries, the root directory of a "
+                           "FAT16 volume has 512; use --fat 32\n"}));
+    EXPECT_EQ(build({"--size", "8M", "--from", tree_, "--force"}),
+              (outcome{1, "",
+                       "qvol: " + tree_ +
+                           " has names at its top that take 600 entries, the root directory of a "
+                           "FAT16 volume has 512; use --size 33M\n"}));
+    build_tree("33M");
+}
+
+TEST_F(QvolBuild, ChoosesTheUsualClusterSizeAndOneThatFits) {
+    const auto cluster_of = [&](const std::string &size, std::vector<std::string> more = {}) {
+        build_tree(size, std::move(more));
+        const json info = json::parse(said("info", {"--json"}));
+        return std::pair<int, int>(info["fat_type"], info["cluster_size"]);
+    };
+    EXPECT_EQ(cluster_of("3M"), std::pair(16, 512));
+    EXPECT_EQ(cluster_of("10M"), std::pair(16, 2048));
+    EXPECT_EQ(cluster_of("64M"), std::pair(16, 4096));
+    EXPECT_EQ(cluster_of("64M", {"--fat", "32"}), std::pair(32, 512));
+    EXPECT_EQ(cluster_of("1G"), std::pair(32, 4096));
+    EXPECT_EQ(cluster_of("1G", {"--fat", "16"}), std::pair(16, 16384));
+    EXPECT_EQ(cluster_of("10G"), std::pair(32, 8192));
+    EXPECT_EQ(cluster_of("40G"), std::pair(32, 32768));
+}
+
+TEST_F(QvolBuildRefusal, TellsWhatDoesNotGoTogether) {
+    const std::string rule = ": FAT16 has 4085 to 65524 clusters, FAT32 65525 to 268435438; use ";
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{"--size", "10M", "--cluster", "32K"},
+         "a volume of 10.0 MiB cannot be FAT16 or FAT32 with clusters of 32.0 KiB" + rule +
+             "--cluster 2K"},
+        {{"--size", "10M", "--fat", "32"},
+         "a volume of 10.0 MiB cannot be FAT32" + rule + "--fat 16"},
+        {{"--size", "5G", "--fat", "16"},
+         "a volume of 5.0 GiB cannot be FAT16" + rule + "--fat 32"},
+        {{"--size", "1G", "--fat", "16", "--cluster", "4K"},
+         "a volume of 1.0 GiB cannot be FAT16 with clusters of 4.0 KiB" + rule + "--cluster 16K"},
+        {{"--size", "1M"}, "a volume of 1.0 MiB cannot be FAT16 or FAT32" + rule + "--size 3M"},
+        {{"--size", "1M", "--sector", "4096"},
+         "a volume of 1.0 MiB cannot be FAT16 or FAT32" + rule + "--size 16M"},
+        {{"--size", "3000G"},
+         "a volume has 4294967294 sectors at most, with 512 bytes each that is 2.0 TiB; use larger "
+         "ones with --sector, or a smaller --size"},
+        {{"--size", "auto", "--fat", "32", "--cluster", "4K", "--from", "/no/such"},
+         "cannot read the directory /no/such: No such file or directory"},
+    };
+    for (const auto &[arguments, told] : cases) {
+        EXPECT_EQ(refusal(arguments), "qvol: " + told + "\n");
+    }
+}
+
+TEST_F(QvolBuildRefusal, TellsWhatNoFat16Holds) {
+    for (int i = 0; i < 5; i++) {
+        (void)scratch_.sparse_file("tree/file" + std::to_string(i), std::uint64_t{1} << 30);
+    }
+    EXPECT_EQ(refusal({"--size", "auto", "--from", tree_, "--fat", "16"}),
+              "qvol: no volume of FAT16 holds " + tree_ + "; leave out --fat and --cluster\n");
+}
+
+TEST_F(QvolBuildRefusal, TakesNoNonsenseForANumber) {
+    const std::string no_number = ": not a number of bytes, as 4096, 64M or 2G\n";
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{}, "--size is needed: a size as 64M, or auto for the smallest image\n"},
+        {{"--size", "12X"}, "--size 12X" + no_number},
+        {{"--size", "-1"}, "--size -1" + no_number},
+        {{"--size", "M"}, "--size M" + no_number},
+        {{"--size", "1MM"}, "--size 1MM" + no_number},
+        {{"--size", "99999999999999999999G"}, "--size 99999999999999999999G" + no_number},
+        {{"--size", "0"}, "--size 0: too small for a volume\n"},
+        {{"--size", "16M", "--sector", "256"},
+         "--sector 256: has to be a power of two from 512 to 4096 bytes\n"},
+        {{"--size", "16M", "--cluster", "3000"},
+         "--cluster 3000: has to be a power of two from 512 to 32768 bytes\n"},
+        {{"--size", "16M", "--cluster", "2K", "--sector", "4K"},
+         "--cluster 2K: has to be a power of two from 4096 to 32768 bytes\n"},
+        {{"--size", "16M", "--page", "32K"},
+         "--page 32K: has to be a power of two from 1 to 16384 bytes\n"},
+    };
+    for (const auto &[arguments, told] : cases) {
+        EXPECT_EQ(refusal(arguments, 2), "qvol: " + told);
+    }
+    EXPECT_EQ(build({"--size", "16M", "--fat", "12"}).status, 2);
+}
+
+// ---- what cannot be stored --------------------------------------------------------------------
+
+TEST_F(QvolBuildRefusal, ListsEverythingThatCannotBeStored) {
+    tree_file("a:b", "");
+    tree_file("aux", "");
+    tree_file("dir/Case", "");
+    tree_file("dir/case", "");
+    tree_file("dir/ends with a dot.", "");
+    tree_file("not\xFFutf8", "");
+    (void)scratch_.sparse_file("tree/huge", std::uint64_t{4} << 30);
+    ASSERT_EQ(mkfifo((tree_ + "/pipe").c_str(), 0600), 0);
+    const std::string told = refusal({"--size", "auto", "--from", tree_});
+    EXPECT_EQ(told.substr(0, NOT_STORED.size()), NOT_STORED);
+    EXPECT_EQ(std::count(told.begin(), told.end(), '\n'), 1 + 7);
+    for (const std::string path :
+         {"a:b", "aux", "dir/case", "dir/ends with a dot.", "huge", "pipe", "not\\xffutf8"}) {
+        EXPECT_NE(told.find(path), std::string::npos) << path << told;
+    }
+}
+
+// ---- reproducible images ----------------------------------------------------------------------
+
+TEST_F(QvolBuild, GivesTheSameBytesFromEqualTrees) {
+    setenv("SOURCE_DATE_EPOCH", "1000000000", 1);
+    std::vector<std::string> names;
+    for (int i = 0; i < 200; i++) {
+        names.push_back("dir " + std::to_string(i % 7) + "/file number " + std::to_string(i));
+    }
+    const std::string other = scratch_.file("elsewhere/tree");
+    for (const std::string &name : names) {
+        tree_file(name, name);
+    }
+    std::shuffle(names.begin(), names.end(), std::mt19937(1));
+    for (const std::string &name : names) {
+        host_file("elsewhere/tree/" + name, name);
+    }
+    for (const std::string fat : {"16", "32"}) {
+        const std::vector<std::string> options = {"--size",  "auto",  "--fat",   fat,
+                                                  "--pool",  "--log", "--label", "SAME",
+                                                  "--force", "--from"};
+        std::vector<std::string> first = options;
+        first.push_back(tree_);
+        ASSERT_EQ(build(first).status, 0);
+        const bytes expected = read_file(image_);
+        sleep(1);
+        setenv("TZ", "Asia/Tokyo", 1);
+        std::vector<std::string> second = options;
+        second.push_back(other);
+        ASSERT_EQ(build(second).status, 0);
+        setenv("TZ", "UTC", 1);
+        EXPECT_EQ(read_file(image_), expected);
+        EXPECT_EQ(json::parse(said("info", {"--json"}))["serial"], "3B9A-CA00");
+    }
+    unsetenv("SOURCE_DATE_EPOCH");
+    ASSERT_EQ(build({"--size", "auto", "--force"}).status, 0);
+    EXPECT_NE(json::parse(said("info", {"--json"}))["serial"], "3B9A-CA00");
+}
+
+// ---- the name of the image --------------------------------------------------------------------
+
+TEST_F(QvolBuild, ReplacesAnImageOnlyWhenForced) {
+    host_file("made/disk.img", "precious");
+    EXPECT_EQ(build({"--size", "16M"}),
+              (outcome{1, "", "qvol: " + image_ + " exists; --force replaces it\n"}));
+    EXPECT_EQ(read_file(image_), bytes({'p', 'r', 'e', 'c', 'i', 'o', 'u', 's'}));
+    EXPECT_EQ(build({"--size", "16M", "--force"}).status, 0);
+    expect_clean();
+    EXPECT_EQ(made(), std::vector<std::string>{"disk.img"});
+}
+
+TEST_F(QvolBuild, ReplacesNoImageThatAnotherProgramHasLocked) {
+    host_file("made/disk.img", "precious");
+    const int fd = open(image_.c_str(), O_RDONLY);
+    ASSERT_EQ(flock(fd, LOCK_SH), 0);
+    EXPECT_EQ(build({"--size", "16M", "--force"}),
+              (outcome{1, "",
+                       "qvol: " + image_ +
+                           " is locked by another program; try again when it has finished\n"}));
+    close(fd);
+    EXPECT_EQ(std::filesystem::file_size(image_), 8U);
+}
+
+TEST_F(QvolBuild, ReplacesOnlyImageFiles) {
+    std::filesystem::create_directory(image_);
+    EXPECT_EQ(
+        build({"--size", "16M", "--force"}),
+        (outcome{1, "", "qvol: " + image_ + " is neither an image file nor a block device\n"}));
+}
+
+TEST_F(QvolBuild, ReplacesWhatALinkLeadsTo) {
+    const std::string real = host_file("real/image", "old");
+    std::filesystem::create_symlink(real, image_);
+    ASSERT_EQ(build({"--size", "16M", "--force"}).status, 0);
+    EXPECT_TRUE(std::filesystem::is_symlink(image_));
+    EXPECT_EQ(std::filesystem::file_size(real), 16 << 20);
+}
+
+TEST_F(QvolBuild, PacksNoImageIntoItself) {
+    image_ = tree_file("disk.img", "old");
+    EXPECT_EQ(build({"--size", "16M", "--from", tree_, "--force"}),
+              (outcome{1, "",
+                       "qvol: " + image_ + " lies in " + tree_ +
+                           ": it would be packed into itself; build it elsewhere\n"}));
+}
+
+// ---- what it says -----------------------------------------------------------------------------
+
+TEST_F(QvolBuild, GivesOneDocument) {
+    make_mixed_tree();
+    const outcome result =
+        build({"--size", "20M", "--from", tree_, "--label", "DOC", "--json", "--cluster", "2K"});
+    ASSERT_EQ(result.status, 0) << result;
+    const json free_bytes = json::parse(said("info", {"--json"}))["free_bytes"];
+    EXPECT_EQ(json::parse(result.out), (json{{"files", 7},
+                                             {"directories", 4},
+                                             {"links", 2},
+                                             {"bytes", 5056},
+                                             {"image", image_},
+                                             {"image_bytes", 20 << 20},
+                                             {"volume_bytes", 20 << 20},
+                                             {"fat_type", 16},
+                                             {"sector_size", 512},
+                                             {"cluster_size", 2048},
+                                             {"label", "DOC"},
+                                             {"free_bytes", free_bytes}}));
+}
+
+TEST_F(QvolBuild, SaysNothingWhenToldSo) {
+    EXPECT_EQ(build({"--size", "16M", "--quiet"}), (outcome{0, "", ""}));
+}
