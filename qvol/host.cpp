@@ -30,18 +30,15 @@ void write_all(int fd, std::span<const u8> bytes, const std::string &shown) {
 // Makes an entry under a name. Returns 0 or more, or -1 with errno.
 using make_entry = std::function<int(const char *name)>;
 
-// An entry that is being made: under its own name where that is free; where it is to replace what
-// has that name, under another one until it is whole. Taken away again unless it is kept.
+// An entry that is being made: under another name until it is whole. Taken away again unless it is
+// kept.
 class unfinished_entry {
 public:
     unfinished_entry(int directory, std::string name, bool replaces, const std::string &shown,
                      const make_entry &make)
-        : directory_(directory), name_(std::move(name)), shown_(shown), current_(name_) {
-        result_ = make(name_.c_str());
-        if (result_ < 0 && errno == EEXIST) {
-            refuse_existing(replaces);
-            make_under_another_name(make);
-        }
+        : directory_(directory), name_(std::move(name)), replaces_(replaces), shown_(shown) {
+        refuse_existing();
+        make_under_another_name(make);
         if (result_ < 0) {
             throw system_failure("make " + shown_);
         }
@@ -70,23 +67,39 @@ public:
     }
 
     void keep() {
-        if (current_ != name_ &&
-            renameat(directory_, current_.c_str(), directory_, name_.c_str()) != 0) {
-            throw system_failure("replace " + shown_);
+        if (rename_to_final() != 0) {
+            const int failure = errno;
+            refuse_existing(); // made by another program in the meantime
+            throw system_failure("give " + shown_ + " its name", failure);
         }
         is_kept_ = true;
     }
 
 private:
-    void refuse_existing(bool replaces) const {
+    void refuse_existing() const {
         struct stat status {};
-        if (!replaces) {
+        if (fstatat(directory_, name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+            if (errno != ENOENT) { // as a name that is too long here
+                throw system_failure("make " + shown_);
+            }
+            return;
+        }
+        if (!replaces_) {
             throw error(shown_ + ": exists; --force replaces it");
         }
-        if (fstatat(directory_, name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-            S_ISDIR(status.st_mode)) {
+        if (S_ISDIR(status.st_mode)) {
             throw error(shown_ + ": is a directory, which is not replaced");
         }
+    }
+
+    // Some file systems of the host cannot refuse to replace.
+    [[nodiscard]] int rename_to_final() const {
+        const unsigned flags = replaces_ ? 0 : RENAME_NOREPLACE;
+        const int renamed =
+            renameat2(directory_, current_.c_str(), directory_, name_.c_str(), flags);
+        return renamed != 0 && (errno == EINVAL || errno == ENOSYS)
+                   ? renameat(directory_, current_.c_str(), directory_, name_.c_str())
+                   : renamed;
     }
 
     void make_under_another_name(const make_entry &make) {
@@ -102,8 +115,9 @@ private:
 
     int directory_;
     std::string name_;
+    bool replaces_;
     std::string shown_;
-    std::string current_; // the name it has now
+    std::string current_; // the name it has until then
     int result_ = -1;
     bool is_kept_ = false;
 };

@@ -30,8 +30,8 @@ public:
     // throws error.
     [[nodiscard]] host_directory enter(const std::string &name) const;
 
-    // Make an entry. What exists is an error, unless `replaces`: then it is exchanged in one step,
-    // when the new one is whole. An entry that cannot be made whole leaves nothing behind.
+    // Make an entry, under another name until it is whole. What exists is an error, unless
+    // `replaces`: then it is exchanged. An entry that cannot be made whole leaves nothing behind.
     void make_file(const std::string &name, bool replaces, std::optional<time_t> modified,
                    const write_content &content) const;
     void make_link(const std::string &name, bool replaces, std::optional<time_t> modified,
