@@ -23,6 +23,11 @@ bool is_reserved(const survey &in, u32 sector) {
     return sector < in.vol.boot().reserved_sectors;
 }
 
+void tell(survey *in, const finding_kind &as, std::string text, std::string remedy = "",
+          std::function<void(repair *)> mend = {}) {
+    in->add({&as, NO_NODE, 0, std::move(text), std::move(remedy), std::move(mend)});
+}
+
 // ---- boot sector ----
 
 // Fields that the places of all areas follow from.
@@ -40,44 +45,48 @@ bool is_boot_sector(const u8 *sector) {
            fat::load(sector, fat::PBR_SECTORS_PER_CLUSTER) != 0;
 }
 
-void check_backup(survey *in) {
-    const u32 backup_sector = in->vol.boot().backup_sector;
-    if (!is_sector_named(backup_sector)) {
-        return;
-    }
-    if (!is_reserved(*in, backup_sector)) {
-        in->add({&found::BACKUP_PLACE, NO_NODE, 0,
-                 fmt::format("the boot sector has its backup in sector {}, which is none of the "
-                             "reserved ones",
-                             backup_sector),
-                 ""});
-        return;
-    }
+bool place_areas_alike(const std::vector<u8> &boot, const std::vector<u8> &backup) {
+    return std::all_of(std::begin(GEOMETRY_FIELDS), std::end(GEOMETRY_FIELDS),
+                       [&](const fat::field &field) {
+                           return fat::load(boot.data(), field) == fat::load(backup.data(), field);
+                       });
+}
+
+// In one byte systems keep a mark, in the boot sector alone.
+bool are_alike(const std::vector<u8> &boot, std::vector<u8> backup) {
+    constexpr u32 MARK = fat::EBR_OFFSET_FAT32 + fat::EBR_RESERVED.offset;
+    backup[MARK] = boot[MARK];
+    return std::equal(boot.begin(), boot.begin() + fat::PBR_SIZE, backup.begin());
+}
+
+void compare_backup(survey *in, u32 sector) {
     const std::vector<u8> boot = read_run(0, 1);
-    std::vector<u8> backup = read_run(backup_sector, 1);
-    const u32 state = fat::EBR_OFFSET_FAT32 + fat::EBR_RESERVED.offset; // systems write one alone
-    const bool has_geometry =
-        std::all_of(std::begin(GEOMETRY_FIELDS), std::end(GEOMETRY_FIELDS), [&](fat::field field) {
-            return fat::load(boot.data(), field) == fat::load(backup.data(), field);
-        });
-    const bool is_plausible = is_boot_sector(backup.data());
-    backup[state] = boot[state];
-    if (std::equal(boot.begin(), boot.begin() + fat::PBR_SIZE, backup.begin())) {
+    const std::vector<u8> backup = read_run(sector, 1);
+    if (are_alike(boot, backup)) {
         return;
     }
-    if (!has_geometry && is_plausible) {
-        in->add({&found::GEOMETRY, NO_NODE, 0,
-                 fmt::format("the boot sector and its backup in sector {} place the areas "
-                             "differently",
-                             backup_sector),
-                 ""});
-        return;
+    if (is_boot_sector(backup.data()) && !place_areas_alike(boot, backup)) {
+        tell(in, found::GEOMETRY,
+             fmt::format("the boot sector and its backup in sector {} place the areas differently",
+                         sector));
+    } else {
+        tell(in, found::BACKUP,
+             fmt::format("the backup of the boot sector, in sector {}, differs from it", sector),
+             "the boot sector was copied there",
+             [sector](repair *plan) { plan->copy_boot_sector(sector); });
     }
-    in->add(
-        {&found::BACKUP, NO_NODE, 0,
-         fmt::format("the backup of the boot sector, in sector {}, differs from it", backup_sector),
-         "the boot sector was copied there",
-         [backup_sector](repair *plan) { plan->copy_boot_sector(backup_sector); }});
+}
+
+void check_backup(survey *in) {
+    const u32 sector = in->vol.boot().backup_sector;
+    if (is_sector_named(sector) && !is_reserved(*in, sector)) {
+        tell(in, found::BACKUP_PLACE,
+             fmt::format("the boot sector has its backup in sector {}, which is none of the "
+                         "reserved ones",
+                         sector));
+    } else if (is_sector_named(sector)) {
+        compare_backup(in, sector);
+    }
 }
 
 // ---- FSInfo ----
@@ -96,14 +105,12 @@ bool has_signatures(const std::vector<u8> &fsinfo) {
 void check_fsinfo(survey *in) {
     const u32 sector = in->vol.boot().fsinfo_sector;
     if (is_sector_named(sector) && !is_reserved(*in, sector)) {
-        in->add(
-            {&found::FSINFO_PLACE, NO_NODE, 0,
-             fmt::format("FSInfo lies in sector {}, which is none of the reserved ones", sector),
-             ""});
+        tell(in, found::FSINFO_PLACE,
+             fmt::format("FSInfo lies in sector {}, which is none of the reserved ones", sector));
     } else if (has_fsinfo(*in) && !has_signatures(read_run(sector, 1))) {
-        in->add({&found::FSINFO_SIGNATURE, NO_NODE, 0,
-                 fmt::format("FSInfo, in sector {}, has not its signatures", sector),
-                 "it was written anew", [sector](repair *plan) { plan->write_fsinfo(sector); }});
+        tell(in, found::FSINFO_SIGNATURE,
+             fmt::format("FSInfo, in sector {}, has not its signatures", sector),
+             "it was written anew", [sector](repair *plan) { plan->write_fsinfo(sector); });
     }
 }
 
@@ -126,10 +133,9 @@ u32 value_mask() {
 void check_media(survey *in, u32 value) {
     const u32 wanted = (0xFFFFFF00 | in->vol.boot().media) & value_mask();
     if (value != wanted) {
-        in->add(
-            {&found::FAT_MEDIA, NO_NODE, 0,
+        tell(in, found::FAT_MEDIA,
              fmt::format("FAT entry 0 holds {:#x}, of the media byte it is {:#x}", value, wanted),
-             "it was set right", [wanted](repair *plan) { plan->set_fixed_entry(0, wanted); }});
+             "it was set right", [wanted](repair *plan) { plan->set_fixed_entry(0, wanted); });
     }
 }
 
@@ -137,15 +143,15 @@ void check_end_mark(survey *in, u32 value) {
     const state_bits bits = bits_of_width();
     if (!fat::is_end_of_chain(value | bits.is_clean | bits.has_no_errors)) {
         const u32 wanted = value_mask();
-        in->add({&found::FAT_END_MARK, NO_NODE, 0,
-                 fmt::format("FAT entry 1 holds {:#x}, which is no end of a chain", value),
-                 "it was set right", [wanted](repair *plan) { plan->set_fixed_entry(1, wanted); }});
+        tell(in, found::FAT_END_MARK,
+             fmt::format("FAT entry 1 holds {:#x}, which is no end of a chain", value),
+             "it was set right", [wanted](repair *plan) { plan->set_fixed_entry(1, wanted); });
     } else if ((value & bits.has_no_errors) == 0) {
-        in->add({&found::DIRTY, NO_NODE, 0, "the volume is marked: the medium has failed",
-                 "the mark was removed", [](repair *plan) { plan->mark_clean(); }});
+        tell(in, found::DIRTY, "the volume is marked: the medium has failed",
+             "the mark was removed", [](repair *plan) { plan->mark_clean(); });
     } else if ((value & bits.is_clean) == 0) {
-        in->add({&found::DIRTY, NO_NODE, 0, "the volume is marked: it was not closed",
-                 "the mark was removed", [](repair *plan) { plan->mark_clean(); }});
+        tell(in, found::DIRTY, "the volume is marked: it was not closed", "the mark was removed",
+             [](repair *plan) { plan->mark_clean(); });
     }
 }
 
@@ -161,18 +167,17 @@ void check_fixed_entries(survey *in) {
 void check_boot_mark(survey *in) {
     const u32 extended = sv->fat_type == 32 ? fat::EBR_OFFSET_FAT32 : fat::EBR_OFFSET_FAT16;
     if ((fat::load(read_run(0, 1).data() + extended, fat::EBR_RESERVED) & 1) != 0) {
-        in->add({&found::DIRTY, NO_NODE, 0, "the boot sector is marked: it was not closed",
-                 "the mark was removed", [](repair *plan) { plan->mark_clean(); }});
+        tell(in, found::DIRTY, "the boot sector is marked: it was not closed",
+             "the mark was removed", [](repair *plan) { plan->mark_clean(); });
     }
 }
 
 void check_fat_size(survey *in) {
     const u32 wanted = sv->num_clusters + fat::FIRST_DATA_CLUSTER - 1;
     if (in->table.last_cluster() < wanted) {
-        in->add({&found::FAT_SIZE, NO_NODE, 0,
-                 fmt::format("the FAT ends with cluster {}, the volume with {}",
-                             in->table.last_cluster(), wanted),
-                 ""});
+        tell(in, found::FAT_SIZE,
+             fmt::format("the FAT ends with cluster {}, the volume with {}",
+                         in->table.last_cluster(), wanted));
     }
 }
 
@@ -190,8 +195,7 @@ mirroring mirroring_of(const std::vector<u8> &boot) {
 void check_copies(survey *in) {
     const mirroring mode = mirroring_of(read_run(0, 1));
     if (mode.active != 0) {
-        in->add({&found::ACTIVE_FAT, NO_NODE, 0,
-                 fmt::format("FAT copy {} is the one in use", mode.active), ""});
+        tell(in, found::ACTIVE_FAT, fmt::format("FAT copy {} is the one in use", mode.active));
     }
     if (mode.is_off) {
         return;
@@ -232,17 +236,16 @@ void check_fsinfo_counts(survey *in) {
         return; // the counts are written with them
     }
     if (told != fat::FSINFO_UNKNOWN && told != in->table.free_count()) {
-        in->add(
-            {&found::FSINFO_FREE, NO_NODE, 0,
+        tell(in, found::FSINFO_FREE,
              fmt::format("FSInfo tells {}, there are {}",
                          counted(told, "free cluster", "free clusters"), in->table.free_count()),
-             "it was set right", mend});
+             "it was set right", mend);
     }
     const bool is_cluster = next >= fat::FIRST_DATA_CLUSTER && next <= in->table.last_cluster();
     if (next != fat::FSINFO_UNKNOWN && !is_cluster) {
-        in->add({&found::FSINFO_NEXT, NO_NODE, 0,
-                 fmt::format("FSInfo tells {} for the next free cluster, which is none", next),
-                 "it was set right", mend});
+        tell(in, found::FSINFO_NEXT,
+             fmt::format("FSInfo tells {} for the next free cluster, which is none", next),
+             "it was set right", mend);
     }
 }
 

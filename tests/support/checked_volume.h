@@ -141,6 +141,14 @@ protected:
         EXPECT_EQ(qvol("check", {"-q", "--repair"}), (outcome{status, lines, ""}));
     }
 
+    // Nothing is found, and the repair changes no byte.
+    void expect_healthy() {
+        const bytes before = read_file(image_);
+        expect_check({});
+        expect_repair({}, 0);
+        EXPECT_TRUE(read_file(image_) == before);
+    }
+
     // The check finds exactly this; the repair mends all of it, and no file has changed.
     void expect_mended(const std::vector<expected_finding> &findings) {
         expect_check(findings);
