@@ -71,6 +71,7 @@ const std::map<std::string, std::string> PREPARATIONS = {
     {"qvol put flash.img kernel.bin logo.bmp /boot",
      "qvol rm flash.img /boot/kernel.bin /boot/logo.bmp"},
     {"qvol put flash.img photos /", "qvol rm -r flash.img /photos"},
+    {"qvol put flash.img rootfs/. /", "qvol rm -r flash.img /boot /etc /photos"},
 };
 
 // A line is a command where it begins so.
@@ -179,11 +180,12 @@ public:
         link("flash_model", std::string(QUORVEL_EXAMPLES) + "/flash_model");
         link("make-image", source_path("examples/make-image"));
         for (const char *name :
-             {"rootfs/etc/fstab", "rootfs/boot/loader.bin", "photos/IMG_0001.jpg",
-              "photos/2024/May.jpg", "kernel.bin", "logo.bmp", "config.txt", "intro.mp3",
-              "movie.avi", "content/photos/IMG_0001.jpg", "content/photos/2024/May.jpg",
-              "content/etc/config.txt", "content/boot/kernel.bin", "content/boot/logo.bmp",
-              "content/notes.txt", "content/a.jpg", "content/b.jpg", "content/firmware.bin"}) {
+             {"rootfs/etc/fstab", "rootfs/boot/loader.bin", "rootfs/photos/IMG_0001.jpg",
+              "photos/IMG_0001.jpg", "photos/2024/May.jpg", "kernel.bin", "logo.bmp", "config.txt",
+              "intro.mp3", "movie.avi", "content/photos/IMG_0001.jpg",
+              "content/photos/2024/May.jpg", "content/etc/config.txt", "content/boot/kernel.bin",
+              "content/boot/logo.bmp", "content/notes.txt", "content/a.jpg", "content/b.jpg",
+              "content/firmware.bin"}) {
             write(name, name);
         }
         // ./run builds the formatter and passes its arguments on.
@@ -318,4 +320,23 @@ TEST(Documents, LinksLeadToFiles) {
                 << name << ": " << target;
         }
     }
+}
+
+TEST(Documents, ThePictureOfTheTreeShowsEveryDirectory) {
+    std::set<std::string> shown;
+    const std::regex directory("([a-z]+)/ +[^ ].*");
+    for (const std::string &line : lines_of(source_text("CONTRIBUTING.md"))) {
+        std::smatch match;
+        if (std::regex_match(line, match, directory)) {
+            shown.insert(match.str(1));
+        }
+    }
+    std::set<std::string> found;
+    for (const auto &entry : fs::directory_iterator(source_path(""))) {
+        const std::string name = entry.path().filename().string();
+        if (entry.is_directory() && name[0] != '.' && name != "build") {
+            found.insert(name);
+        }
+    }
+    EXPECT_EQ(shown, found);
 }
