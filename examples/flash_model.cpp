@@ -9,6 +9,7 @@
 #include <fat/fat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -33,7 +34,7 @@ std::uint64_t sector_bytes() {
 
 int read_medium(void *buffer, std::uint64_t sector, std::uint32_t count) {
     if ((sector + count) * sector_bytes() > MEDIUM_BYTES) {
-        return -5; // -EIO
+        return -EIO;
     }
     std::memcpy(buffer, medium.data() + sector * sector_bytes(), count * sector_bytes());
     return static_cast<int>(count);
@@ -44,7 +45,7 @@ int write_medium(void *buffer, std::uint64_t sector, std::uint32_t count) {
     const std::uint64_t begin = sector * sector_bytes();
     const std::uint64_t end = begin + count * sector_bytes();
     if (end > MEDIUM_BYTES) {
-        return -5; // -EIO
+        return -EIO;
     }
     std::memcpy(medium.data() + begin, buffer, end - begin);
     for (std::uint64_t page = begin / page_bytes; page * page_bytes < end; page++) {

@@ -114,7 +114,9 @@ int main(int argc, char **argv) {
     }
     fat_set_diagnostics(NULL); /* results say enough here */
     failed = lay_file_system(argv[1]) < 0 || fill(argv + 2, argc - 2) < 0 || fsync(sv->fd) != 0;
-    fat_close_volume(0);
+    if (sv != NULL) {
+        fat_close_volume(0);
+    }
     puts(failed ? "failed" : "ready");
     return failed;
 }

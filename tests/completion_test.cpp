@@ -64,7 +64,7 @@ private:
     [[nodiscard]] outcome in_scratch(const std::vector<std::string> &command) const {
         std::vector<std::string> arguments = {scratch_.file("")};
         arguments.insert(arguments.end(), command.begin(), command.end());
-        return shell("cd \"$1\" && shift && exec timeout 20 \"$@\"", arguments);
+        return shell("cd \"$1\" && shift && exec timeout 60 \"$@\"", arguments);
     }
 };
 

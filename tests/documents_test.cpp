@@ -62,14 +62,30 @@ const std::vector<elsewhere> RUN_ELSEWHERE = {
 // The commands that are meant to fail, with their exit status.
 const std::map<std::string, int> REFUSALS = {{"./run small.img", 255}};
 
+// What has to be done to the workplace first: commands that make what is there, or look for what is
+// not.
+const std::map<std::string, std::string> PREPARATIONS = {
+    {"qvol ln flash.img kernel-6.1.bin /boot/kernel.bin", "qvol rm flash.img /boot/kernel.bin"},
+    {"qvol mkdir flash.img /photos", "qvol rm -r flash.img /photos"},
+    {"qvol owner flash.img 1234", "truncate -s 4M large.bin && qvol put flash.img large.bin /"},
+    {"qvol put flash.img kernel.bin logo.bmp /boot",
+     "qvol rm flash.img /boot/kernel.bin /boot/logo.bmp"},
+    {"qvol put flash.img photos /", "qvol rm -r flash.img /photos"},
+    {"qvol put flash.img rootfs/. /", "qvol rm -r flash.img /boot /etc /photos"},
+};
+
 // A line is a command where it begins so.
 const std::set<std::string> PROGRAMS = {"./run",        "./test",       "bench/run", "cmake",
                                         "ctest",        "fuzz/run",     "qvol",      "quorvel",
                                         "scripts/lint", "tests/mutate", "truncate"};
 
+struct shown_command {
+    std::string text;
+    std::string output; // what the document shows below it; empty: nothing
+};
 struct block {
     std::string where; // document and line
-    text_list commands;
+    std::vector<shown_command> commands;
 };
 
 // The command of a line of code: what stands behind "$ ", or in front of a remark, which is set off
@@ -83,10 +99,13 @@ std::string command_of(const std::string &line) {
     return is_command ? line.substr(0, line.find("  ")) : "";
 }
 
-void add_command(const std::string &line, std::vector<block> *blocks) {
+// Lines below a command that a prompt marks are its output.
+void add_line(const std::string &line, block *to) {
     const std::string command = command_of(line);
     if (!command.empty()) {
-        blocks->back().commands.push_back(command);
+        to->commands.push_back({command, ""});
+    } else if (!to->commands.empty()) {
+        to->commands.back().output += line + "\n";
     }
 }
 
@@ -104,7 +123,7 @@ std::vector<block> blocks_of_markdown(const std::string &name) {
         }
         is_inside = is_code;
         if (is_code) {
-            add_command(line.substr(4), &blocks);
+            add_line(line.substr(4), &blocks.back());
         }
     }
     std::erase_if(blocks, [](const block &b) { return b.commands.empty(); });
@@ -115,7 +134,7 @@ std::vector<block> blocks_of_markdown(const std::string &name) {
 std::vector<block> blocks_of_manual(const std::string &name) {
     std::vector<block> blocks = {{name, {}}};
     for (const std::string &line : literal_lines(manual_page(name), "EXAMPLES")) {
-        add_command(line, &blocks);
+        add_line(line, &blocks.back());
     }
     return blocks;
 }
@@ -161,11 +180,12 @@ public:
         link("flash_model", std::string(QUORVEL_EXAMPLES) + "/flash_model");
         link("make-image", source_path("examples/make-image"));
         for (const char *name :
-             {"rootfs/etc/fstab", "rootfs/boot/kernel.bin", "photos/IMG_0001.jpg",
-              "photos/2024/May.jpg", "kernel.bin", "logo.bmp", "config.txt", "intro.mp3",
-              "movie.avi", "content/photos/IMG_0001.jpg", "content/photos/2024/May.jpg",
-              "content/etc/config.txt", "content/boot/kernel.bin", "content/boot/logo.bmp",
-              "content/notes.txt", "content/a.jpg", "content/b.jpg", "content/firmware.bin"}) {
+             {"rootfs/etc/fstab", "rootfs/boot/loader.bin", "rootfs/photos/IMG_0001.jpg",
+              "photos/IMG_0001.jpg", "photos/2024/May.jpg", "kernel.bin", "logo.bmp", "config.txt",
+              "intro.mp3", "movie.avi", "content/photos/IMG_0001.jpg",
+              "content/photos/2024/May.jpg", "content/etc/config.txt", "content/boot/kernel.bin",
+              "content/boot/logo.bmp", "content/notes.txt", "content/a.jpg", "content/b.jpg",
+              "content/firmware.bin"}) {
             write(name, name);
         }
         // ./run builds the formatter and passes its arguments on.
@@ -209,14 +229,21 @@ private:
 
 void expect_that_all_run(const block &commands) {
     const workplace here;
-    for (const std::string &command : commands.commands) {
+    for (const auto &[command, shown] : commands.commands) {
         if (found_elsewhere(command) != nullptr) {
             continue;
+        }
+        const auto preparation = PREPARATIONS.find(command);
+        if (preparation != PREPARATIONS.end()) {
+            (void)here.run(preparation->second); // may have been done by a command in front
         }
         const auto refusal = REFUSALS.find(command);
         const outcome result = here.run(command);
         EXPECT_EQ(result.status, refusal == REFUSALS.end() ? 0 : refusal->second)
             << commands.where << ": " << command << ": " << result;
+        if (!shown.empty() && refusal == REFUSALS.end()) {
+            EXPECT_EQ(shown, result.out) << commands.where << ": " << command;
+        }
     }
 }
 
@@ -249,7 +276,7 @@ TEST(Documents, EveryExampleOfTheHelpRuns) {
         const text_list examples = examples_of_help(command);
         EXPECT_FALSE(examples.empty()) << command;
         for (const std::string &example : examples) {
-            expect_that_all_run({"qvol " + command + " --help", {example}});
+            expect_that_all_run({"qvol " + command + " --help", {{example, ""}}});
         }
     }
 }
@@ -257,7 +284,9 @@ TEST(Documents, EveryExampleOfTheHelpRuns) {
 TEST(Documents, ShowEveryCommandThatIsRunElsewhere) {
     std::set<std::string> shown;
     for (const block &commands : all_blocks()) {
-        shown.insert(commands.commands.begin(), commands.commands.end());
+        for (const shown_command &command : commands.commands) {
+            shown.insert(command.text);
+        }
     }
     for (const elsewhere &known : RUN_ELSEWHERE) {
         EXPECT_TRUE(shown.contains(known.command)) << known.command;
@@ -291,4 +320,23 @@ TEST(Documents, LinksLeadToFiles) {
                 << name << ": " << target;
         }
     }
+}
+
+TEST(Documents, ThePictureOfTheTreeShowsEveryDirectory) {
+    std::set<std::string> shown;
+    const std::regex directory("([a-z]+)/ +[^ ].*");
+    for (const std::string &line : lines_of(source_text("CONTRIBUTING.md"))) {
+        std::smatch match;
+        if (std::regex_match(line, match, directory)) {
+            shown.insert(match.str(1));
+        }
+    }
+    std::set<std::string> found;
+    for (const auto &entry : fs::directory_iterator(source_path(""))) {
+        const std::string name = entry.path().filename().string();
+        if (entry.is_directory() && name[0] != '.' && name != "build") {
+            found.insert(name);
+        }
+    }
+    EXPECT_EQ(shown, found);
 }

@@ -28,8 +28,7 @@ protected:
         const outcome checked = run({"fsck.fat", "-n", image_});
         EXPECT_EQ(checked.status & ~1, 0) << checked;
         EXPECT_EQ(said("mirror", {"--quiet"}), "");
-        for (const std::string &finding :
-             {"clusters are shared", "Orphan", "Reclaimed", "differ"}) {
+        for (const char *finding : {"clusters are shared", "Orphan", "Reclaimed", "differ"}) {
             EXPECT_EQ(run({"fsck.fat", "-n", image_}).out.find(finding), std::string::npos);
         }
     }
@@ -52,8 +51,10 @@ TEST_F(Example, ZuqPlayerFillsADeviceWithWhatThePlayerNeeds) {
               "$ZUQ_LOG.LO$\nA long song.mp3\nFAST.LST\nFILM.AVI\nZUQ_POOL.SY$\n");
     EXPECT_EQ(run({"mtype", "-i", image_, "::A long song.mp3"}).out, "la la la");
     EXPECT_EQ(run({"mtype", "-i", image_, "::FILM.AVI"}).out, std::string(100'000, 'f'));
+    const std::string song_path = said("fastpath", {"/A long song.mp3"}).substr(0, 19);
+    const std::string film_path = said("fastpath", {"/FILM.AVI"}).substr(0, 19);
     EXPECT_EQ(said("cat", {"/FAST.LST"}),
-              said("fastpath", {"/A long song.mp3", "/FILM.AVI"}).replace(20, 1, ""));
+              song_path + " A long song.mp3\n" + film_path + " FILM.AVI\n");
     expect_sound_but_for_label_and_copies();
 }
 
@@ -105,7 +106,7 @@ TEST_F(Example, MakeImageGivesTheTreeInAShortImageThatIsTheSameEveryTime) {
     EXPECT_LE(std::filesystem::file_size(image_), whole);
     std::filesystem::resize_file(image_, whole);
     expect_clean();
-    EXPECT_EQ(said("ls", {"/"}), "$ZUQ_LOG.LO$\nboot\netc\nZUQ_POOL.SY$\n");
+    EXPECT_EQ(said("ls", {"/"}), "$ZUQ_LOG.LO$\nZUQ_POOL.SY$\nboot\netc\n");
     EXPECT_EQ(said("get", {"--quiet", "/etc", scratch_.file("out")}), "");
     EXPECT_EQ(run({"diff", "-r", scratch_.file("tree/etc"), scratch_.file("out")}),
               (outcome{0, "", ""}));
