@@ -97,6 +97,8 @@ install(FILES ${zsh_completions} DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/${zsh_
 foreach(directory docs examples)
   if(EXISTS ${PROJECT_SOURCE_DIR}/${directory})
     install(DIRECTORY ${directory} DESTINATION ${QUORVEL_DEVELOPMENT_DOCDIR} COMPONENT development
-            PATTERN CMakeLists.txt EXCLUDE)
+            PATTERN CMakeLists.txt EXCLUDE
+            PATTERN "make-*" PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ
+                                         GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
   endif()
 endforeach()
