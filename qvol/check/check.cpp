@@ -76,10 +76,23 @@ check_result result_of(const survey &of) {
 
 // ---- mending ----
 
+// Nothing is changed in a directory, nor below it, whose clusters belong to another as well or
+// whose dot entries are not there: its slots may be the bytes of a file. A parent comes before its
+// children.
+std::vector<bool> doubtful_nodes(const survey &of) {
+    std::vector<bool> doubtful(of.nodes.size());
+    for (u32 node = ROOT_NODE + 1; node < of.nodes.size(); node++) {
+        const tree_node &here = of.nodes[node];
+        doubtful[node] =
+            here.is_doubtful || doubtful[here.parent] || (here.is_shared && here.of.is_directory());
+    }
+    return doubtful;
+}
+
 // What can be mended depends on everything that was found.
 class choice {
 public:
-    explicit choice(const survey &of) : survey_(of) {
+    explicit choice(const survey &of) : doubtful_(doubtful_nodes(of)) {
         for (const finding &one : of.findings) {
             const bool is_left = one.mend == nullptr;
             has_other_areas_ |= one.kind->does == harm::AREAS;
@@ -92,14 +105,11 @@ public:
     }
 
     [[nodiscard]] bool may_mend(const finding &one) const {
-        if (one.mend == nullptr || has_other_areas_) {
+        if (one.mend == nullptr || has_other_areas_ || is_doubtful(one)) {
             return false;
         }
         if (one.kind == &found::DIRTY) {
             return !leaves_something_;
-        }
-        if (one.kind == &found::DOT_CLUSTER) {
-            return !survey_.nodes[one.node].is_shared;
         }
         return !has_broken_chains_ || !changes_chains(*one.kind);
     }
@@ -109,6 +119,7 @@ public:
             return one.kind->obstacle;
         }
         return has_other_areas_            ? found::GEOMETRY.obstacle
+               : is_doubtful(one)          ? found::DOUBTFUL
                : changes_chains(*one.kind) ? found::BROKEN_CHAIN
                                            : one.kind->obstacle;
     }
@@ -119,7 +130,11 @@ private:
                &kind == &found::FAT_COPIES;
     }
 
-    const survey &survey_;
+    [[nodiscard]] bool is_doubtful(const finding &one) const {
+        return one.node != NO_NODE && doubtful_[one.node];
+    }
+
+    std::vector<bool> doubtful_; // by node
     bool has_other_areas_ = false;
     bool has_broken_chains_ = false;
     bool leaves_something_ = false;

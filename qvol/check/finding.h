@@ -29,6 +29,7 @@ namespace found {
 
 inline constexpr const char *NOT_KNOWN = "what is missing is not known";
 inline constexpr const char *BY_HAND = "names are not changed here";
+inline constexpr const char *DOUBTFUL = "the directory may not be what it seems";
 inline constexpr const char *BROKEN_CHAIN = "the rest of a broken chain may be there";
 
 // ---- areas ----
@@ -69,7 +70,7 @@ inline constexpr finding_kind BEHIND_END{"behind-end", "whether they are entries
                                          harm::CHAINS};
 inline constexpr finding_kind DIRECTORY_SIZE{"directory-size", ""};
 inline constexpr finding_kind DOT_MISSING{"dot-missing", "something else stands in its place"};
-inline constexpr finding_kind DOT_CLUSTER{"dot-cluster", "two entries claim the directory"};
+inline constexpr finding_kind DOT_CLUSTER{"dot-cluster", ""};
 inline constexpr finding_kind DOT_PLACE{"dot-place", BY_HAND, harm::CHAINS};
 inline constexpr finding_kind ORPHAN_SLOTS{"orphan-slots", ""};
 inline constexpr finding_kind CHECKSUM{"checksum", ""};

@@ -43,7 +43,8 @@ struct tree_node {
     fat::dentry_location place{}; // of its short entry
     u32 first_child = 0;
     u32 children = 0;
-    bool is_shared = false; // another entry leads to clusters of this one
+    bool is_shared = false;   // another entry leads to clusters of this one
+    bool is_doubtful = false; // what was read as a directory may be something else
 };
 
 struct survey {

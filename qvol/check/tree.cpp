@@ -87,20 +87,13 @@ private:
     // ---- the slots ----
 
     void check_content(const slot_space &space) {
-        if (space.is_too_long()) {
-            tell(found::TOO_LONG, start(),
-                 fmt::format("the directory has more than {} slots", MAX_SLOTS));
-        }
-        if (space.remains() != 0) {
-            tell(found::BEHIND_END, start(),
-                 fmt::format("{} in use behind the end of the directory, slot {}",
-                             counted(space.remains(), "slot", "slots"), space.count()));
-        }
+        check_end(space);
         const directory_content content = content_of(space);
         if (!is_root()) {
             check_size();
             check_dots(space);
         }
+        check_long_names(space, content);
         check_slots(space, content);
         check_labels(content);
         add_children(space, content);
@@ -116,7 +109,19 @@ private:
         }
     }
 
-    void check_slots(const slot_space &space, const directory_content &content) {
+    void check_end(const slot_space &space) {
+        if (space.is_too_long()) {
+            tell(found::TOO_LONG, start(),
+                 fmt::format("the directory has more than {} slots", MAX_SLOTS));
+        }
+        if (space.remains() != 0) {
+            tell(found::BEHIND_END, start(),
+                 fmt::format("{} in use behind the end of the directory, slot {}",
+                             counted(space.remains(), "slot", "slots"), space.count()));
+        }
+    }
+
+    void check_long_names(const slot_space &space, const directory_content &content) {
         for (const slot_run &run : content.orphans) {
             tell_slots(found::ORPHAN_SLOTS, space, run,
                        fmt::format("{} without an entry from slot {} on",
@@ -129,6 +134,9 @@ private:
                                    "behind it",
                                    run.first));
         }
+    }
+
+    void check_slots(const slot_space &space, const directory_content &content) {
         for (const u32 slot : content.started) {
             tell(found::SLOT_CLUSTER, space.cluster_of(slot),
                  fmt::format("the long-name slot {} has a first cluster", slot),
@@ -185,27 +193,30 @@ private:
     }
 
     void check_dot(const slot_space &space, const dot &wanted) {
-        const std::optional<entry> found = entry_at(space, wanted.slot);
-        const bool is_named = found && has_name(*found, wanted);
-        if (is_named && found->is_directory()) {
+        const std::optional<entry> there = entry_at(space, wanted.slot);
+        if (there && there->is_directory() && has_name(*there, wanted)) {
             is_dot_[wanted.slot] = true;
-            if (found->start() != wanted.start) {
-                tell(found::DOT_CLUSTER, start(),
-                     fmt::format("{} leads to cluster {} and not to {}", wanted.text,
-                                 found->start(), wanted.start),
-                     "it was set right", rewriting(space, wanted));
-            }
-            if (found->size() != 0) {
-                tell(found::DIRECTORY_SIZE, start(), fmt::format("{} has a size", wanted.text),
-                     "it was set right", rewriting(space, wanted));
-            }
+            check_dot_fields(space, wanted, *there);
             return;
         }
-        const bool is_replaceable = may_be_dot(space, found, wanted);
-        is_dot_[wanted.slot] = is_replaceable;
+        is_dot_[wanted.slot] = may_be_dot(space, there, wanted);
+        in_->nodes[node_].is_doubtful |= !is_dot_[wanted.slot];
         tell(found::DOT_MISSING, start(),
              fmt::format("slot {} does not hold {}", wanted.slot, wanted.text), "it was put there",
-             is_replaceable ? rewriting(space, wanted) : nullptr);
+             is_dot_[wanted.slot] ? rewriting(space, wanted) : nullptr);
+    }
+
+    void check_dot_fields(const slot_space &space, const dot &wanted, const entry &there) {
+        if (there.start() != wanted.start) {
+            tell(found::DOT_CLUSTER, start(),
+                 fmt::format("{} leads to cluster {} and not to {}", wanted.text, there.start(),
+                             wanted.start),
+                 "it was set right", rewriting(space, wanted));
+        }
+        if (there.size() != 0) {
+            tell(found::DIRECTORY_SIZE, start(), fmt::format("{} has a size", wanted.text),
+                 "it was set right", rewriting(space, wanted));
+        }
     }
 
     static bool has_name(const entry &found, const dot &wanted) {

@@ -89,6 +89,17 @@ protected:
         }
     }
 
+    // Frees a cluster of a chain as a system would.
+    void give_back(std::uint32_t cluster) {
+        set_link(cluster, 0);
+        change_free_count(1);
+    }
+
+    // What reads as a long-name slot.
+    static std::string long_name_like_bytes() {
+        return std::string(11, 'b') + '\x0F' + std::string(20, 'b');
+    }
+
     // ---- places ----
 
     nlohmann::json stat(const std::string &path) {
