@@ -79,10 +79,26 @@ int opening_flags(const std::string &path, access wanted) {
     return O_RDWR | O_CLOEXEC | O_NONBLOCK | (is_device ? O_EXCL : 0);
 }
 
+void refuse_mounted(const struct stat &status, const std::string &path) {
+    const std::optional<std::string> point = mount_point_using(status);
+    if (point) {
+        throw error(fmt::format("{} is mounted on {}; unmount it first", shown_bytes(path),
+                                shown_bytes(*point)));
+    }
+}
+
+[[noreturn]] void refuse_busy(const std::string &path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) == 0) {
+        refuse_mounted(status, path);
+    }
+    throw error(shown_bytes(path) + " is in use by the system; unmount it first");
+}
+
 int open_target(const std::string &path, access wanted) {
     const int fd = open(path.c_str(), opening_flags(path, wanted));
     if (fd < 0 && errno == EBUSY) {
-        throw error(fmt::format("{} is in use by the system; unmount it first", shown_bytes(path)));
+        refuse_busy(path);
     }
     if (fd < 0) {
         throw system_failure("open " + shown_bytes(path));
@@ -100,14 +116,6 @@ void lock_target(int fd, const std::string &path, access wanted) {
                                 shown_bytes(path)));
     }
     throw system_failure("lock " + shown_bytes(path));
-}
-
-void refuse_mounted(const struct stat &status, const std::string &path) {
-    const std::optional<std::string> point = mount_point_using(status);
-    if (point) {
-        throw error(fmt::format("{} is mounted on {}; unmount it first", shown_bytes(path),
-                                shown_bytes(*point)));
-    }
 }
 
 // The library opens a target by its path and for writing. A reading command has to do with a file
