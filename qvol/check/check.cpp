@@ -146,10 +146,10 @@ bool plan_repair(const survey &of, repair *plan, check_result *result) {
     bool mends = false;
     for (std::size_t i = 0; i < of.findings.size(); i++) {
         const finding &one = of.findings[i];
-        told_finding &told = result->findings[i];
-        told.is_mended = chosen.may_mend(one);
-        told.outcome = told.is_mended ? one.remedy : chosen.obstacle(one);
-        if (told.is_mended) {
+        told_finding &report = result->findings[i];
+        report.is_mended = chosen.may_mend(one);
+        report.outcome = report.is_mended ? one.remedy : chosen.obstacle(one);
+        if (report.is_mended) {
             one.mend(plan);
             mends = true;
         }

@@ -122,17 +122,17 @@ private:
     }
 
     void check_long_names(const slot_space &space, const directory_content &content) {
-        for (const slot_run &run : content.orphans) {
-            tell_slots(found::ORPHAN_SLOTS, space, run,
+        for (const slot_run &slots : content.orphans) {
+            tell_slots(found::ORPHAN_SLOTS, space, slots,
                        fmt::format("{} without an entry from slot {} on",
-                                   counted(run.count, "long-name slot", "long-name slots"),
-                                   run.first));
+                                   counted(slots.count, "long-name slot", "long-name slots"),
+                                   slots.first));
         }
-        for (const slot_run &run : content.misfits) {
-            tell_slots(found::CHECKSUM, space, run,
+        for (const slot_run &slots : content.misfits) {
+            tell_slots(found::CHECKSUM, space, slots,
                        fmt::format("the long name in slot {} has another checksum than the entry "
                                    "behind it",
-                                   run.first));
+                                   slots.first));
         }
     }
 
