@@ -1166,6 +1166,13 @@ TEST_P(Getcwd, SearchesNeitherNowhereNorIntoNothing) {
               (answer{-EINVAL, "find_entry_with_clu[N]: Check here!\n\n"}));
 }
 
+TEST_P(Getcwd, SearchNeedsMemory) {
+    char path[4096] = "";
+    const failing_allocation none(0);
+    EXPECT_EQ(f.ask([&] { return find_entry_with_clu(sv->root_dir, 5, nullptr, path); }),
+              (answer{-ENOMEM, "find_entry_with_clu[N]: Check here!\n\n"}));
+}
+
 TEST_P(Getcwd, IsThePathOfTheDirectory) {
     directory *sub = f.add_dir(top, "SUB        ", {20, 21});
     enter(f.last_index);

@@ -688,6 +688,14 @@ TEST_F(GetNameOfEntry, LongNameIsGatheredFromItsSlots) {
     EXPECT_EQ(text(), "abcdefghi.JKL");
 }
 
+// The units begin with the terminating zero: that is the name.
+TEST_F(GetNameOfEntry, EmptyLongNameStandsForTheShortOne) {
+    v.top.append(long_slot(0x41, u"", checksum_of("NAME~1     ")));
+    v.top.append(short_entry("NAME~1     "));
+    EXPECT_EQ(ask(1), came_to(0));
+    EXPECT_EQ(text(), "");
+}
+
 TEST_F(GetNameOfEntry, DirectoryHasANameToo) {
     directory dir = v.sub_directory({5, 6});
     dir.go_to(63);
