@@ -14,7 +14,7 @@ constexpr std::string_view FORBIDDEN_IN_SHORT = "\"*+,./:;<=>?[\\]|";
 bool is_short_name_byte(u8 byte) {
     const bool is_lower_case = byte >= 'a' && byte <= 'z';
     return byte >= ' ' && byte != 0x7F && !is_lower_case &&
-           FORBIDDEN_IN_SHORT.find(static_cast<char>(byte)) == FORBIDDEN_IN_SHORT.npos;
+           FORBIDDEN_IN_SHORT.find(static_cast<char>(byte)) == std::string_view::npos;
 }
 
 // Why the 11 bytes are no short name, or nothing.

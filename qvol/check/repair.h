@@ -53,7 +53,7 @@ private:
     void change_slot(const fat::dentry_location &place, u32 offset, std::vector<u8> bytes);
     void write_slots();
     void write_fixed_entries();
-    void write_boot_mark();
+    static void write_boot_mark();
 
     // Bytes that are changed in a sector.
     struct change {
