@@ -227,7 +227,7 @@ build_result build_image(const common_options &common, const build_options &opti
     const std::vector<host_node> nodes = scan_tree(options, name_codec(common.encoding));
     const volume_shape shape = choose_shape(request, content_of(options, nodes));
     new_image image(common.image, options.is_forced, shape.bytes);
-    const build_result result = [&] {
+    build_result result = [&] {
         target where(image.path(), access::WRITE);
         where.note_fresh();
         return build_volume(common, options, shape, nodes, where);
@@ -263,7 +263,7 @@ build_result build_on_device(const common_options &common, const build_options &
     const volume_shape shape = choose_shape(request, content_of(options, nodes));
     where.use_first(shape.bytes);
     withheld_boot_sector boot(where);
-    const build_result result = build_volume(common, options, shape, nodes, where);
+    build_result result = build_volume(common, options, shape, nodes, where);
     boot.release();
     return result;
 }
