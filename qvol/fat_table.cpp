@@ -275,6 +275,7 @@ std::vector<copy_difference> fat_table::compare_copies() const {
         found.try_emplace(sector.copy, first).first->second.sectors++;
     });
     std::vector<copy_difference> differences;
+    differences.reserve(found.size());
     for (const auto &[copy, difference] : found) {
         differences.push_back(difference);
     }

@@ -26,7 +26,7 @@ std::string upper_case(std::string text) {
 
 bool is_label_character(char c) {
     return (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-           LABEL_PUNCTUATION.find(c) != LABEL_PUNCTUATION.npos;
+           LABEL_PUNCTUATION.find(c) != std::string_view::npos;
 }
 
 // Why no volume can have the label; "" where one can.
