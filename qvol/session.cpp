@@ -226,12 +226,13 @@ void target::resize(u64 size) const {
     sv->vol_size = size;
 }
 
+// NOLINTNEXTLINE(readability-convert-member-functions-to-static): as size()
 void target::use_first(u64 bytes) const {
     sv->vol_size = bytes;
 }
 
 bool target::is_blank() const {
-    constexpr std::size_t LOOKED_AT = 1024 * 1024;
+    constexpr std::size_t LOOKED_AT = std::size_t{1024} * 1024;
     std::vector<u8> bytes(LOOKED_AT);
     const ssize_t count = pread(sv->fd, bytes.data(), bytes.size(), 0);
     if (count < 0) {

@@ -161,9 +161,6 @@ std::optional<volume_shape> smallest_of_all(const shape_request &request,
 
 // ---- what to do instead -----------------------------------------------------------------------
 
-const std::vector<host_node> NO_NODES;
-const volume_content NOTHING = {"", &NO_NODES, 0, {}};
-
 // As an option takes it: "64M", "4K", "512".
 std::string size_argument(u64 bytes) {
     return bytes % MIB == 0   ? fmt::format("{}M", bytes / MIB)
@@ -226,9 +223,11 @@ std::string clusters_text(u32 cluster_bytes) {
                                 MAX_SECTORS, request.sector_bytes,
                                 shown_size(MAX_SECTORS * request.sector_bytes)));
     }
+    const std::vector<host_node> no_nodes;
+    const volume_content nothing = {"", &no_nodes, 0, {}};
     throw error(fmt::format("a volume of {} cannot be {}{}: {}{}", shown_size(request.bytes),
                             width_text(request.fat_type), clusters_text(request.cluster_bytes),
-                            RULE, advice(request, NOTHING)));
+                            RULE, advice(request, nothing)));
 }
 
 // How much the content is larger than the volume, in bytes; 0 where it is not.
