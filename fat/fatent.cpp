@@ -39,10 +39,6 @@ u32 load_entry(const u8 *entry) {
     return sv->fat_type == 16 ? load16(entry) : load32(entry) & FAT32_VALUE_MASK;
 }
 
-u32 bad_mark() {
-    return sv->fat_type == 32 ? FAT32_BAD : FAT16_BAD;
-}
-
 // Makes the window hold that one sector. Returns 0, -ENOMEM or -EIO; telling so is the caller's
 // part.
 int load_sector(sector_window *window, u64 sector) {
@@ -216,6 +212,10 @@ bool is_data_cluster(u32 cluster) {
 
 bool is_end_of_chain(u32 value) {
     return value >= (sv->fat_type == 32 ? FAT32_END : FAT16_END);
+}
+
+u32 bad_mark() {
+    return sv->fat_type == 32 ? FAT32_BAD : FAT16_BAD;
 }
 
 // ---- entries ----------------------------------------------------------------------------------

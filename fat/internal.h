@@ -219,6 +219,9 @@ struct circle_guard {
 // Whether a FAT value ends a chain.
 [[nodiscard]] bool is_end_of_chain(u32 value);
 
+// The FAT value of a cluster that cannot be used.
+[[nodiscard]] u32 bad_mark();
+
 // Stores the value of a FAT entry, without its reserved bits, in `value`. The number is not checked
 // against the volume. Returns 0, -EINVAL, -ENOMEM or -EIO.
 [[nodiscard]] int fat_read_entry(u32 cluster, u32 *value);

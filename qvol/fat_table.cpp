@@ -33,10 +33,6 @@ bool page_begins_in_fat(std::size_t index) {
     return index * u64{sectors_per_page()} < sv->fat_size;
 }
 
-u32 bad_mark() {
-    return sv->fat_type == 32 ? fat::FAT32_BAD : fat::FAT16_BAD;
-}
-
 // A FAT that is smaller than the volume needs serves the clusters that it has.
 u32 last_cluster_served(u32 entry_size) {
     const u64 entries = u64{sv->fat_size} * sv->sector_size / entry_size;
@@ -191,7 +187,7 @@ std::vector<u32> fat_table::chain(u32 start, u32 limit) {
         if (fat::is_end_of_chain(next)) {
             break;
         }
-        if (next < fat::FIRST_DATA_CLUSTER || next > last_cluster_ || next == bad_mark()) {
+        if (next < fat::FIRST_DATA_CLUSTER || next > last_cluster_ || next == fat::bad_mark()) {
             throw error(fmt::format("the chain from cluster {} is broken: entry {} holds {:#x}",
                                     start, cluster, next));
         }

@@ -16,8 +16,7 @@ holder state_of(u32 value) {
     if (value == fat::FAT_FREE) {
         return HELD_BY_NOBODY;
     }
-    const u32 bad = sv->fat_type == 32 ? fat::FAT32_BAD : fat::FAT16_BAD;
-    return value == bad ? HELD_AS_BAD : HELD_BY_LOST;
+    return value == fat::bad_mark() ? HELD_AS_BAD : HELD_BY_LOST;
 }
 
 void append_cluster(std::vector<cluster_run> *runs, u32 cluster) {

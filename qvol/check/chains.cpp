@@ -12,10 +12,6 @@ namespace qvol {
 
 namespace {
 
-u32 bad_mark() {
-    return sv->fat_type == 32 ? fat::FAT32_BAD : fat::FAT16_BAD;
-}
-
 bool is_cluster(const fat_table &table, u32 number) {
     return number >= fat::FIRST_DATA_CLUSTER && number <= table.last_cluster();
 }
@@ -30,9 +26,9 @@ chain_end obstacle_at(survey *in, u32 node, u32 cluster) {
         return owner == node + 1 ? chain_end::CIRCLE : chain_end::SHARED;
     }
     const u32 value = in->table.get(cluster);
-    return value == fat::FAT_FREE ? chain_end::FREE
-           : value == bad_mark()  ? chain_end::BAD
-                                  : chain_end::MARK;
+    return value == fat::FAT_FREE     ? chain_end::FREE
+           : value == fat::bad_mark() ? chain_end::BAD
+                                      : chain_end::MARK;
 }
 
 void take_cluster(survey *in, u32 node, u32 cluster, claimed_chain *chain) {

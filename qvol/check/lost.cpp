@@ -28,10 +28,9 @@ bool leads_to_waiting(const survey &in, u32 value) {
 }
 
 std::vector<u32> collect_lost(survey *in) {
-    const u32 bad = sv->fat_type == 32 ? fat::FAT32_BAD : fat::FAT16_BAD;
     std::vector<u32> lost;
     in->table.visit_used([&](u32 cluster, u32 value) {
-        if (value != bad && in->owners.get(cluster) == 0) {
+        if (value != fat::bad_mark() && in->owners.get(cluster) == 0) {
             in->owners.set(cluster, LOST_HEAD);
             lost.push_back(cluster);
         }

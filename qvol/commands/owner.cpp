@@ -51,8 +51,7 @@ std::string state_of(u32 value, bool is_owned) {
     if (value == fat::FAT_FREE) {
         return "free";
     }
-    const u32 bad = sv->fat_type == 32 ? fat::FAT32_BAD : fat::FAT16_BAD;
-    return value == bad ? "bad" : is_owned ? "used" : "lost";
+    return value == fat::bad_mark() ? "bad" : is_owned ? "used" : "lost";
 }
 
 int run_owner(const common_options &common, u32 cluster) {
