@@ -879,6 +879,15 @@ TEST_P(LongPaths, HoldUpTo4095Characters) {
     EXPECT_EQ(f.find(114).path, path);
 }
 
+TEST_P(LongPaths, TouchNothingBehindTheBuffer) {
+    const u32 index = f.add_file(in, "FILE~1     ", {50}, std::u16string(254, u'f'));
+    std::vector<char> buffer(4096 + 8, '#');
+    EXPECT_EQ(f.ask([&] { return fat_find_pathname(50, buffer.data(), 4096); }).result,
+              static_cast<int>(index));
+    const std::string whole = path + "/" + std::string(254, 'f') + '\0' + "########";
+    EXPECT_EQ(std::string(buffer.begin(), buffer.end()), whole);
+}
+
 TEST_P(LongPaths, EndWith4096Characters) {
     const u32 index = f.add_file(in, "FILE~1     ", {50}, std::u16string(255, u'f'));
     EXPECT_EQ(f.find(50), (found_path{-ENAMETOOLONG, ""}));
