@@ -46,20 +46,25 @@ bool take_sizes(const u8 *pbr) {
     return sv->fat_size != 0 && sv->total_sectors != 0;
 }
 
-// Places the areas and counts the clusters behind them. False where the areas in front of the data
-// are larger than the volume.
-bool place_areas(const u8 *pbr) {
-    const u32 reserved = load(pbr, PBR_RESERVED_SECTORS);
-    const u32 root_sectors = div_ceil(load(pbr, PBR_ROOT_ENTRIES) * DENTRY_SIZE, sv->sector_size);
-    const u64 behind_fats =
-        reserved + static_cast<u64>(sv->fat_size) * load(pbr, PBR_NUMBER_OF_FATS);
-    if (behind_fats + root_sectors > sv->total_sectors) {
+// The sectors in front of the root area of FAT16.
+u64 sectors_to_root_area(const u8 *pbr) {
+    const u64 fats = static_cast<u64>(sv->fat_size) * load(pbr, PBR_NUMBER_OF_FATS);
+    return load(pbr, PBR_RESERVED_SECTORS) + fats;
+}
+
+// The sectors in front of the first cluster.
+u64 sectors_to_data(const u8 *pbr) {
+    const u32 root_bytes = load(pbr, PBR_ROOT_ENTRIES) * DENTRY_SIZE;
+    return sectors_to_root_area(pbr) + div_ceil(root_bytes, sv->sector_size);
+}
+
+// False where the areas in front of the data are larger than the volume.
+bool count_clusters(const u8 *pbr) {
+    const u64 front = sectors_to_data(pbr);
+    if (front > sv->total_sectors) {
         return false;
     }
-    sv->fat_start = sv->pbr_start + reserved;
-    sv->rdir_start = sv->pbr_start + static_cast<u32>(behind_fats);
-    sv->data_start = sv->rdir_start + root_sectors;
-    sv->num_clusters = (sv->total_sectors - sv->data_start) / sv->sec_per_clus;
+    sv->num_clusters = (sv->total_sectors - static_cast<u32>(front)) / sv->sec_per_clus;
     return true;
 }
 
@@ -71,8 +76,11 @@ u32 width_of(u32 clusters) {
     return clusters < FAT32_MIN_CLUSTERS ? 16 : 32;
 }
 
-void place_root(const u8 *pbr) {
+void place_areas(const u8 *pbr) {
+    sv->fat_start = sv->pbr_start + load(pbr, PBR_RESERVED_SECTORS);
+    sv->data_start = sv->pbr_start + static_cast<u32>(sectors_to_data(pbr));
     sv->root_clus = 0;
+    sv->rdir_start = sv->pbr_start + static_cast<u32>(sectors_to_root_area(pbr));
     if (sv->fat_type == 32) {
         sv->root_clus = load(pbr, PBR32_ROOT_CLUSTER);
         sv->rdir_start = sv->data_start + (sv->root_clus - FIRST_DATA_CLUSTER) * sv->sec_per_clus;
@@ -80,7 +88,7 @@ void place_root(const u8 *pbr) {
 }
 
 int fill_geometry(const u8 *pbr) {
-    if (!take_sizes(pbr) || !place_areas(pbr)) {
+    if (!take_sizes(pbr) || !count_clusters(pbr)) {
         report_at("fat_build_super", __LINE__, "PBR data is broken\n\n");
         return -EINVAL;
     }
@@ -92,7 +100,7 @@ int fill_geometry(const u8 *pbr) {
         return -EINVAL;
     }
     sv->fat_type = width;
-    place_root(pbr);
+    place_areas(pbr);
     return 0;
 }
 

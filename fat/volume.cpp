@@ -311,6 +311,7 @@ bool read_ahead(sector_window *window, u64 sector, u32 count) {
         return false;
     }
     window->count = 0;
+    const quiet_scope unsaid; // what fails is read again sector by sector, and told then
     if (read_sectors(window->buffer.get(), sector, count) != static_cast<int>(count)) {
         window->singles_below = sector + count;
         return false;
@@ -372,8 +373,9 @@ int fat_init_volume(const char *path, u8 long_name) {
 int fat_release_volume(int compact) {
     free_open_entries();
     if (compact == 1) {
-        // A volume neither formatted nor mounted would be cut to nothing.
-        if (sv == nullptr || sv->sector_size == 0) {
+        // Where the data begins is known once the volume has been formatted or mounted. One that
+        // was refused half-way would be cut to nothing, or to the wrong length.
+        if (sv == nullptr || sv->data_start == 0) {
             REPORT("Check here!\n\n");
             return -EINVAL;
         }

@@ -440,6 +440,9 @@ TEST_F(BootSector, FailedMountLeavesWhatItHadRead) {
     EXPECT_EQ(sv->total_sectors, numbers.total_16);
     EXPECT_EQ(sv->num_clusters, 4084U);
     EXPECT_EQ(sv->fat_type, 0U);
+    EXPECT_EQ(sv->fat_start, 0U);
+    EXPECT_EQ(sv->rdir_start, 0U);
+    EXPECT_EQ(sv->data_start, 0U);
     EXPECT_EQ(sv->root_dir, nullptr);
 }
 
@@ -613,6 +616,26 @@ TEST_F(ImageFile, SmallerThanTheFirstTransferIsUnreadable) {
     ASSERT_GE(fat_open_volume(scratch.sparse_file("disk.img", 4096).c_str(), 1, 0), 0);
     EXPECT_EQ(mount(), (answer{-EINVAL, NO_SIGNATURE + NO_PBR}));
     expect_all_closed();
+}
+
+// The numbers of a boot sector that was refused say nothing of where the image could be cut.
+TEST_F(ImageFile, ThatIsRefusedIsNotCut) {
+    boot_numbers without_fat = fat32_numbers();
+    without_fat.fat_size_32 = 0;
+    boot_numbers too_small = fat16_numbers();
+    too_small.total_16 = static_cast<u16>(first_data_sector(too_small) - 1);
+    boot_numbers one_cluster = fat16_numbers();
+    one_cluster.total_16 = static_cast<u16>(first_data_sector(one_cluster) + 1);
+    for (const boot_numbers &numbers : {without_fat, too_small, one_cluster}) {
+        const std::string path = image_of(numbers);
+        ASSERT_GE(fat_open_volume(path.c_str(), 1, 0), 0);
+        EXPECT_EQ(mount().result, -EINVAL);
+        said.clear();
+        EXPECT_EQ(fat_close_volume(1), -EINVAL);
+        EXPECT_EQ(said.text(), "fat_release_volume[N]: Check here!\n\n");
+        EXPECT_EQ(std::filesystem::file_size(path), 64 * MIB);
+        expect_all_closed();
+    }
 }
 
 TEST_F(ImageFile, EachSystemCallThatFails) {
