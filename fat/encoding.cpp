@@ -22,11 +22,14 @@ constexpr u32 ENCODED_BYTES = 256; // of input, and of output, in one conversion
 constexpr u32 FIRST_NON_ASCII = 0x80;
 
 // A conversion as iconv sees it. Every one begins in the initial state, so that no name depends on
-// the one before it.
+// the one before it, and ends there: some charsets hold the last character back until they know
+// what follows it.
 bool convert(iconv_t converter, char **in, std::size_t *in_left, char **out,
              std::size_t *out_left) {
+    constexpr std::size_t FAILED = static_cast<std::size_t>(-1);
     iconv(converter, nullptr, nullptr, nullptr, nullptr);
-    return iconv(converter, in, in_left, out, out_left) != static_cast<std::size_t>(-1);
+    return iconv(converter, in, in_left, out, out_left) != FAILED &&
+           iconv(converter, nullptr, nullptr, out, out_left) != FAILED;
 }
 
 int encode_units(const char *cstring, u16 *unicode) {

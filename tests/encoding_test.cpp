@@ -187,6 +187,14 @@ class ShiftJis : public EncodingSet {
 protected:
     ShiftJis() : EncodingSet("SHIFT_JIS") {}
 };
+class Cp1258 : public EncodingSet {
+protected:
+    Cp1258() : EncodingSet("CP1258") {}
+};
+class Big5Hkscs : public EncodingSet {
+protected:
+    Big5Hkscs() : EncodingSet("BIG5-HKSCS") {}
+};
 class Iso2022Jp : public EncodingSet {
 protected:
     Iso2022Jp() : EncodingSet("ISO-2022-JP") {}
@@ -707,12 +715,34 @@ TEST_F(ShiftJis, SecondBytesCountAsCharactersOfTheShortName) {
     EXPECT_EQ(verify_valid_name("\x83\x5C"), -EINVAL);
 }
 
+// ---- encodings that wait for what follows a character -----------------------------------------
+
+TEST_F(Cp1258, TheLastCharacterIsNotHeldBack) {
+    EXPECT_EQ(encode("Longname a"), encoded(u"Longname a", "Longname a"));
+    EXPECT_EQ(encode("a"), encoded(u"a", "a"));
+    EXPECT_EQ(encode("a\xEC"), encoded(u"\u00E1", "a\xEC")); // a letter and its accent
+    EXPECT_EQ(encode("Longname b"), encoded(u"Longname b", "Longname b"));
+}
+
+TEST_F(Cp1258, ANameWhoseLastCharacterFindsNoRoomIsTooBig) {
+    EXPECT_EQ(encode(std::string(127, 'a')).result, 127);
+    EXPECT_EQ(encode(std::string(128, 'a')).result, -E2BIG);
+}
+
+TEST_F(Big5Hkscs, TheLastUnitIsNotHeldBack) {
+    const text_made alone = decode(u"\u00CA");
+    EXPECT_EQ(alone.text, "\x88\x66");
+    EXPECT_EQ(decode(u"a\u00CA"), decoded("a\x88\x66"));
+    EXPECT_EQ(decode(u"\u00CA\u0304"), decoded("\x88\x62")); // one character of two units
+}
+
 // ---- an encoding with shift states ------------------------------------------------------------
 
 TEST_F(Iso2022Jp, ShiftSequencesTakeNoUnits) {
     const std::string name = "\x1B$B$\"\x1B(Ba";
     EXPECT_EQ(encode(name), encoded(u"\u3042a", name));
     EXPECT_EQ(decode(u"\u3042a"), decoded(name));
+    EXPECT_EQ(decode(u"\u3042"), decoded("\x1B$B$\"\x1B(B")); // is shifted back at its end
 }
 
 TEST_F(Iso2022Jp, ANameThatEndsShiftedDoesNotShiftTheNextOne) {
@@ -760,7 +790,9 @@ conversion convert_afresh(const char *to, const char *from, std::string in, std:
     std::size_t in_left = in.size();
     char *out_at = result.out.data();
     std::size_t out_left = room;
-    if (iconv(converter, &in_at, &in_left, &out_at, &out_left) == static_cast<std::size_t>(-1)) {
+    constexpr std::size_t FAILED = static_cast<std::size_t>(-1);
+    if (iconv(converter, &in_at, &in_left, &out_at, &out_left) == FAILED ||
+        iconv(converter, nullptr, nullptr, &out_at, &out_left) == FAILED) {
         result.error = errno;
     }
     iconv_close(converter);
@@ -859,7 +891,7 @@ std::string charset_name(const testing::TestParamInfo<const char *> &info) {
 
 INSTANTIATE_TEST_SUITE_P(Charsets, EncodingsAtRandom,
                          testing::Values("UTF-8", "ISO-8859-1", "EUC-JP", "SHIFT_JIS",
-                                         "ISO-2022-JP"),
+                                         "ISO-2022-JP", "CP1258", "BIG5-HKSCS"),
                          charset_name);
 
 TEST_P(EncodingsAtRandom, EveryNameIsConvertedAsIfItWereTheFirst) {
