@@ -341,7 +341,7 @@ int fat_release_clusters(oentry *entry, u32 keep) {
 }
 
 int fat_get_chains(oentry *entry, u32 **array) {
-    if (is_fat16_root(entry)) {
+    if (entry->dentry == nullptr && sv->fat_type != 32) {
         REPORT("Invalid arg!\n\n");
         return -EINVAL;
     }

@@ -153,6 +153,10 @@ bool is_fat16_root(const oentry *entry) {
     return is_root(entry) && sv->fat_type != 32;
 }
 
+bool lies_in_one_sector(const oentry &entry) {
+    return entry.dentry_offset + DENTRY_SIZE <= sv->sector_size;
+}
+
 bool is_live_directory(const u8 *dentry) {
     return dentry != nullptr && dentry[SHORT_NAME.offset] != NAME_UNUSED &&
            dentry[SHORT_NAME.offset] != NAME_DELETED &&

@@ -233,7 +233,7 @@ int update_image(const oentry *entry) {
         report_at("write_file_internal", __LINE__, "Memory allocation error!\n\n");
         return -ENOMEM;
     }
-    if (read_sectors(sector.get(), entry->dentry_sector, 1) < 0) {
+    if (!lies_in_one_sector(*entry) || read_sectors(sector.get(), entry->dentry_sector, 1) < 0) {
         report_at("write_file_internal", __LINE__, "Failed to read sectors!\n\n");
         return -EIO;
     }

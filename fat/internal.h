@@ -432,6 +432,10 @@ struct dentry_walk {
 // The same for the root directory in the fixed area of a FAT16 volume.
 [[nodiscard]] bool is_fat16_root(const oentry *entry);
 
+// Whether the place of a record's entry is inside a sector: not where the record is older than the
+// sector size, because the volume was formatted or mounted anew while it was open.
+[[nodiscard]] bool lies_in_one_sector(const oentry &entry);
+
 // Whether a copy of a short entry describes a directory that has not been removed. False for null.
 [[nodiscard]] bool is_live_directory(const u8 *dentry);
 

@@ -284,7 +284,7 @@ int fat_update_entry(int id) {
         return -ENOMEM;
     }
     // The read is judged by its sign, the write by its count.
-    if (read_sectors(sector.get(), entry->dentry_sector, 1) < 0) {
+    if (!lies_in_one_sector(*entry) || read_sectors(sector.get(), entry->dentry_sector, 1) < 0) {
         REPORT("IO Error!\n\n");
         return -EIO;
     }

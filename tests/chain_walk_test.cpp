@@ -485,9 +485,12 @@ TEST_P(GetChainsOfFat16, RootAndWhateverHasNoImageHasNoChain) {
     directory root = v.root();
     directory dir = v.sub_directory({5});
     dir.record.dentry = nullptr;
+    directory elsewhere = v.sub_directory({6});
+    elsewhere.record.dentry = nullptr;
+    elsewhere.record.dentry_sector = v.root().record.dentry_sector + 100;
     u32 something = 0;
     u32 *array = &something;
-    for (oentry *record : {&root.record, &dir.record}) {
+    for (oentry *record : {&root.record, &dir.record, &elsewhere.record}) {
         EXPECT_EQ(heard(fat_get_chains(record, &array)),
                   failed(-EINVAL, "fat_get_chains[N]: Invalid arg!\n\n"));
         record->allocated = 0; // is looked at later

@@ -671,6 +671,18 @@ TEST_F(WriteFile, DirectoryEntryThatCannotBeReadLeavesDataAndClusters) {
     EXPECT_EQ(size_of(v.stored_entry(id)), 3U);
 }
 
+// As after a format with smaller sectors while the file is open.
+TEST_F(WriteFile, DirectoryEntryThatIsInNoSectorCannotBeRead) {
+    const int id = v.open_new("FILE       ", {}, 0);
+    const entry_image stored = v.stored_entry(id);
+    mounted::record(id).dentry_offset = sv->sector_size;
+    EXPECT_EQ(
+        write(id, {'A'}),
+        (outcome{-EIO, EIO, "write_file_internal[N]: Failed to read sectors!\n\n" + NO_FILE}));
+    mounted::record(id).dentry_offset = 0;
+    EXPECT_EQ(v.stored_entry(id), stored);
+}
+
 TEST_F(WriteFile, DirectoryEntryThatCannotBeWrittenLeavesDataAndClusters) {
     const int id = v.open_new("FILE       ", {}, 0);
     const entry_image stored = v.stored_entry(id);

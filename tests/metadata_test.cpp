@@ -235,6 +235,18 @@ TEST_P(UpdateEntry, WritesNothingAfterAFailedRead) {
     EXPECT_EQ(c.v.disk.log, (std::vector<transfer>{{false, sector, 1}}));
 }
 
+// As after a format with smaller sectors while the entry is open.
+TEST_P(UpdateEntry, WritesNothingWhereTheEntryIsInNoSector) {
+    mounted::record(id).dentry_offset = sv->sector_size - 32;
+    EXPECT_EQ(update(id), (answer{0, ""}));
+    c.v.disk.remember();
+    for (const u32 beyond : {1U, 32U, sv->sector_size}) {
+        mounted::record(id).dentry_offset = sv->sector_size - 32 + beyond;
+        EXPECT_EQ(update(id), io_error());
+    }
+    EXPECT_EQ(c.v.traffic(), 0U);
+}
+
 // Only a negative result of the read counts.
 TEST_P(UpdateEntry, GoesOnAfterAReadThatMovesNothing) {
     c.v.disk.failure_result = 0;
