@@ -225,7 +225,8 @@ bool is_valid_request(const fat_format_param *param) {
         std::has_single_bit(param->sec_per_clus) && param->sec_per_clus <= MAX_SECTORS_PER_CLUSTER;
     return width_known && sector_known && cluster_known && param->nr_fat >= 1 &&
            param->nr_fat <= BYTE_MAX && param->root_entries <= WORD_MAX &&
-           param->page_size / param->sector_size <= WORD_MAX;
+           (param->page_size % param->sector_size != 0 || // goes on without alignment
+            param->page_size / param->sector_size <= WORD_MAX);
 }
 
 void refuse_request(const char *function, const fat_format_param *param) {

@@ -453,6 +453,18 @@ TEST(CalcFatSectors, APageThatNoSectorFitsIsSaidAndTheVolumeGoesOnUnaligned) {
                                              .clusters = 68890}));
 }
 
+TEST(CalcFatSectors, TheLargestPageThatNoSectorFitsIsSaidAsASignedNumber) {
+    const asked wish = {.cluster_sectors = 8, .sector_bytes = 512, .page_bytes = 0xFFFFFFFF};
+    EXPECT_EQ(
+        decide(wish, 131000),
+        (decision{.said = "calc_fat_sectors[N]: Can't align to page size(-1): Sector is 512\n",
+                  .width = 16,
+                  .reserved = 1,
+                  .root_entries = 512,
+                  .fat_sectors = 64,
+                  .clusters = 16354}));
+}
+
 TEST(CalcFatSectors, ASectorThatNoPageFitsIsSaidToo) {
     const asked wish = {.cluster_sectors = 1, .sector_bytes = 4096, .page_bytes = 3000};
     EXPECT_EQ(decide(wish, 16384),
@@ -659,7 +671,7 @@ TEST(FormatRequest, CountsAndWidthsThatAreNoneAreRefusedBeforeAnythingIsAllocate
     for (const std::uint32_t root_entries : {65536U, 0x08000000U, 0xFFFFFFFFU}) {
         expect_refused_untouched({.root_entries = root_entries});
     }
-    for (const std::uint32_t page_bytes : {0x80000000U, 0xFFFFFFFFU}) {
+    for (const std::uint32_t page_bytes : {0x80000000U, 0xFFFFFE00U}) {
         expect_refused_untouched({.sector_bytes = 512, .page_bytes = page_bytes});
     }
 }
