@@ -3,7 +3,10 @@
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
 
+#include <csignal>
+
 int main(int argc, char **argv) {
+    std::signal(SIGXFSZ, SIG_IGN); // a write beyond the limit on file sizes fails, and is told
     qvol::command_line commands;
     qvol::add_build(&commands);
     qvol::add_info(&commands);

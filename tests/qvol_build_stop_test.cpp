@@ -166,6 +166,15 @@ TEST_F(QvolBuild, AFullHostIsTold) {
     EXPECT_NE(result.err.find("No space left on device"), std::string::npos) << result;
 }
 
+TEST_F(QvolBuild, ALimitOnFileSizesIsTold) {
+    tree_file("file", std::string(1 << 20, 'x'));
+    const outcome result = shell("ulimit -f 512; exec \"$1\" build \"$2\" --size 16M --from \"$3\"",
+                                 {qvol_path(), image_, tree_});
+    EXPECT_EQ(result.status, 1) << result;
+    EXPECT_NE(result.err.find("File too large"), std::string::npos) << result;
+    EXPECT_EQ(made(), std::vector<std::string>());
+}
+
 // Files of /proc say that they are empty.
 TEST_F(QvolBuild, AFileThatChangesLeavesNothing) {
     const outcome result = build({"--size", "16M", "--from", "/proc/sys/kernel/random"});

@@ -540,6 +540,32 @@ TEST_F(ToolTest, WritesNothingIntoARefusedTargetWithItsStreamsClosed) {
     EXPECT_EQ(state_of(target), before);
 }
 
+TEST_F(ToolTest, NeedsNoNullDeviceWithItsStreamsOpen) {
+    if (!can_mount_privately()) {
+        GTEST_SKIP() << "no mount namespace for this user";
+    }
+    const std::string hide = "exec 3</dev/null; mount -t tmpfs none /dev && exec \"$@\" <&3";
+    const std::string target = small_image();
+    EXPECT_EQ(shell_with_private_mounts(hide, {tool_path(), "-S", "512", "-p", "0", target}),
+              (outcome{0, SUCCESS, ""}));
+    EXPECT_EQ(without_moment(target), formatted_small_image());
+    const target_state before = state_of(target);
+    EXPECT_EQ(shell_with_private_mounts(hide + " 1>&-", {tool_path(), target}),
+              (outcome{EXIT_REFUSED, "", "/dev/null: No such file or directory\n"}));
+    EXPECT_EQ(state_of(target), before);
+}
+
+// ---- a limit on file sizes --------------------------------------------------------------------
+
+TEST_F(ToolTest, TellsThatTheTargetIsBeyondTheLimitOnFileSizes) {
+    const std::string target = image(64 * MIB);
+    EXPECT_EQ(
+        without_line_numbers(shell("ulimit -f 4; exec \"$@\"", {tool_path(), "-S", "512", target})),
+        (outcome{EXIT_REFUSED, FAILURE,
+                 "file_write_sectors[N]: Check here!\n\n"
+                 "write_tables_vol[N]: IO Error!\n\n"}));
+}
+
 // ---- durability -------------------------------------------------------------------------------
 
 TEST_F(ToolTest, FailsWhereTheTargetDoesNotBecomeDurable) {

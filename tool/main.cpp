@@ -4,6 +4,7 @@
 #include "tool/options.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 
@@ -15,16 +16,15 @@ namespace {
 constexpr int EXIT_FAILED = -1; // seen as status 255
 
 // A run started with a standard stream closed would open the target in its place, and the result
-// line would be written into the target.
+// line would be written into the target. Those below a closed one are open by then, so that open()
+// gives its number.
 bool occupy_standard_descriptors() {
-    int fd = open("/dev/null", O_RDWR);
-    while (fd >= 0 && fd <= STDERR_FILENO) {
-        fd = open("/dev/null", O_RDWR);
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++) {
+        if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", O_RDWR) < 0) {
+            std::fprintf(stderr, "/dev/null: %s\n", std::strerror(errno));
+            return false;
+        }
     }
-    if (fd < 0) {
-        return false;
-    }
-    close(fd);
     return true;
 }
 
@@ -55,6 +55,7 @@ bool format_target(fat_format_param *param) {
 } // namespace
 
 int main(int argc, char **argv) {
+    std::signal(SIGXFSZ, SIG_IGN); // a write beyond the limit on file sizes fails, and is told
     fat_format_param param = {};
     if (!occupy_standard_descriptors() || quorvel::parse_options(argc, argv, &param) < 0 ||
         check_format_param(&param) < 0) {
