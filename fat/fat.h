@@ -145,7 +145,8 @@ int check_format_param(fat_format_param *param);
  * written. The geometry is left in `sv`; fat_size, nr_rsvd_sec and root_entries of the request
  * receive what was chosen.
  *
- * Needs memory for one FAT copy and the root directory. Nothing is synchronised to the medium.
+ * Needs memory for one FAT copy and the root directory. Nothing is synchronised to the medium. Ids
+ * that are open name nothing on the new file system: close them before.
  *
  * Returns the number of root-directory sectors written (positive), or
  *   -EINVAL  no volume is open, the request is none that a volume can have, or its cluster count
@@ -182,7 +183,8 @@ int fat_open_volume(const char *path, uint8_t long_name, int mode);
  * Returns 0, also when no volume is open; with `compact` 1 also -1 when the file cannot be cut, or
  * a negative errno when the FAT cannot be read: then the volume stays open, without open entries
  * and without an encoding. That is also what becomes of a volume from which nothing was allocated
- * since it was mounted, and of one that was neither formatted nor mounted.
+ * since it was mounted, of one that was neither formatted nor mounted, and of one whose mount was
+ * refused.
  */
 int fat_close_volume(int compact);
 
@@ -198,7 +200,7 @@ int create_fat_volume(const char *path, uint32_t chunk, int count);
  * Mounts the formatted volume that is open: reads its boot sector into `sv`, opens the root
  * directory as id 0 and makes it the current directory. Boot sector fields are those of fatgen103;
  * the FAT width follows from the cluster count alone. A volume that claims more sectors than the
- * target has is mounted.
+ * target has is mounted. Ids of an earlier mount stay open as they are: close them before.
  *
  * Returns 0, or
  *   -EINVAL  no volume is open, no boot sector, one whose numbers contradict each other, fewer than
@@ -563,7 +565,8 @@ int fat_get_uname(int id, uint32_t index, uint16_t *uname);
 /*
  * Copy sectors of the volume into the file `image_path` of the host, which is created or emptied:
  * the reserved area and the first FAT; one cluster; the bytes of a file or link, or the clusters of
- * a directory (the FAT32 root excepted: -EINVAL). What was written before a failure stays.
+ * a directory (the FAT32 root excepted: -EINVAL). What was written before a failure stays. The
+ * path must not be that of the volume, which would be emptied.
  *
  * Return 0 or, the last two, the sectors read last, or
  *   -EINVAL  NULL path, no volume is mounted, no such cluster, a broken chain
