@@ -216,7 +216,10 @@ int fat_build_super(void);
  */
 int fat_print_pbr(FILE *stream);
 
-/* Prints where the search for a free cluster goes on. Returns what fprintf() returns. */
+/*
+ * Prints where the search for a free cluster goes on. Returns what fprintf() returns, or -EINVAL
+ * without a stream.
+ */
 int print_alloc_hint(FILE *stream);
 
 /*

@@ -267,6 +267,10 @@ int fat_print_pbr(FILE *stream) {
 }
 
 int print_alloc_hint(FILE *stream) {
+    if (stream == nullptr) {
+        REPORT("Check here!\n\n");
+        return -EINVAL;
+    }
     if (sv == nullptr) {
         return std::fprintf(stream, "uninitialized volume information\n");
     }

@@ -924,6 +924,11 @@ TEST_F(BootSector, AllocationHintIsPrinted) {
     EXPECT_EQ(said.text(), "");
 }
 
+TEST_F(BootSector, AllocationHintNeedsAStream) {
+    EXPECT_EQ(ask([] { return print_alloc_hint(nullptr); }),
+              (answer{-EINVAL, check_here("print_alloc_hint")}));
+}
+
 TEST_F(BootSector, AllocationHintOnAStreamThatTakesNothing) {
     const std::string path = "/dev/null";
     FILE *stream = std::fopen(path.c_str(), "r");
