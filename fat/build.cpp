@@ -243,7 +243,7 @@ int run_sectors::write_back() {
 
 int set_entry_value(u8 *entry, const u8 *dos, u32 kind, u32 start_clu, u8 lcase) {
     u32 attr = 0;
-    u32 cmsec = 0;
+    store(entry, SHORT_CMSEC, 0); // of a kind that is refused, too
     switch (kind) {
     case DENTRY_FILE:
         break;
@@ -251,7 +251,7 @@ int set_entry_value(u8 *entry, const u8 *dos, u32 kind, u32 start_clu, u8 lcase)
         attr = ATTR_DIRECTORY;
         break;
     case KIND_SYMLINK:
-        cmsec = CMSEC_SYMLINK;
+        store(entry, SHORT_CMSEC, CMSEC_SYMLINK);
         break;
     case DENTRY_VOLUME:
         attr = ATTR_VOLUME;
@@ -261,7 +261,6 @@ int set_entry_value(u8 *entry, const u8 *dos, u32 kind, u32 start_clu, u8 lcase)
         return -EINVAL;
     }
     store(entry, SHORT_ATTR, attr);
-    store(entry, SHORT_CMSEC, cmsec);
     std::memcpy(entry + SHORT_NAME.offset, dos, SHORT_NAME.size);
     store(entry, SHORT_SYSID, lcase);
     // Creation and access stay without a date; only the modification is stamped.

@@ -314,8 +314,13 @@ int fat_create_symlink(const char *target, const char *path);
  * the name stay behind, unused. A file to which nothing was ever written has no clusters and is
  * refused with -EINVAL: fat_rm_entry() removes it.
  *
- * Returns the entries marked as removed, 1 or more, or -ENOENT, -ENOTEMPTY, -EINVAL, -ENAMETOOLONG,
- * -EIO, -ENOMEM.
+ * Nobody asks whether the name is open or the current directory: close its ids and leave the
+ * directory before. What is written through them afterwards goes into clusters that are free, or
+ * another file's.
+ *
+ * Returns the entries marked as removed, 1 or more, or -ENOENT, -ENOTEMPTY, -ENAMETOOLONG, -EIO,
+ * -ENOMEM; -EINVAL also when all ids are given out; -EFAULT when no volume is mounted, or for an
+ * entry beyond the 512th of a FAT16 root directory.
  */
 int fat_unlink(const char *path);
 

@@ -583,7 +583,7 @@ struct fat_path {
     char *name;  // the final component
 };
 
-// Takes `path` apart. Returns 0, -EINVAL, -ENOMEM, or -ENAMETOOLONG for over 1024 parents.
+// Takes `path` apart. Returns 0, -EINVAL, -ENOMEM, or -ENAMETOOLONG for over 1024 components.
 [[nodiscard]] int resolve_path(char *path, fat_path *rec, char **name, int *depth);
 
 // Finds the open directory in which the final name of the path is to be looked for. A path with a

@@ -12,9 +12,9 @@ namespace fat {
 
 namespace {
 
-constexpr u32 MAX_COMPONENTS = 1024;
-constexpr u32 MAX_COMPONENT = 255; // characters of one that are looked at
-constexpr u32 DOT_DOT_INDEX = 1;   // of the entry ".." in a directory
+constexpr u32 MAX_COMPONENTS = 1024; // the name among them
+constexpr u32 MAX_COMPONENT = 255;   // characters of one that are looked at
+constexpr u32 DOT_DOT_INDEX = 1;     // of the entry ".." in a directory
 
 using component_buffer = char[MAX_COMPONENT + 1];
 
@@ -111,7 +111,7 @@ int resolve_path(char *path, fat_path *rec, char **name, int *depth) {
     u32 parents = 0;
     for (char *slash = std::strchr(component, '/'); slash != nullptr;
          slash = std::strchr(component, '/')) {
-        if (parents == MAX_COMPONENTS) {
+        if (parents + 1 == MAX_COMPONENTS) {
             REPORT("Check here!\n\n");
             return -ENAMETOOLONG;
         }

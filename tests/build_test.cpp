@@ -204,6 +204,10 @@ TEST_F(SetEntryValue, OtherKindsAreRefused) {
         EXPECT_EQ(set("NAME       ", kind), -EINVAL);
         EXPECT_EQ(said.text(), "set_entry_value[N]: Check Here!\n\n");
     }
+    entry_image expected;
+    expected.fill(0x55);
+    expected[13] = 0; // cleared before the kind is looked at
+    EXPECT_EQ(entry, expected);
 }
 
 TEST_F(SetEntryValue, CaseByteAndClusterAreStoredWhole) {

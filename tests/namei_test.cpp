@@ -254,7 +254,7 @@ TEST(ResolvePath, EveryShortPath) {
     }
 }
 
-TEST(ResolvePath, UpTo1024ComponentsAndNotManyMore) {
+TEST(ResolvePath, UpTo1024ComponentsAndNoMore) {
     std::string path;
     parts expected;
     for (int i = 0; i < 1023; i++) {
@@ -266,7 +266,7 @@ TEST(ResolvePath, UpTo1024ComponentsAndNotManyMore) {
     EXPECT_EQ(split(path + "name"), expected);
     diagnostics said;
     const allocation_meter meter;
-    EXPECT_EQ(split(path + "a/b/name"), (parts{-ENAMETOOLONG}));
+    EXPECT_EQ(split(path + "a/name"), (parts{-ENAMETOOLONG}));
     EXPECT_EQ(said.text(), check_here("resolve_path"));
     EXPECT_EQ(split(std::string(5000, 'a') + std::string(100000, '/')), (parts{-ENAMETOOLONG}));
     EXPECT_EQ(meter.live_blocks(), 0);
