@@ -396,7 +396,8 @@ TEST_P(MtoolsMaterial, AsciiNamesNeedNoEncoding) {
     oentry dir = root();
     const std::vector<shown> entries = list(&dir);
     for (const std::string &name : ROOT_NAMES) {
-        const bool is_ascii = std::all_of(name.begin(), name.end(), [](char c) { return c > 0; });
+        const bool is_ascii = std::all_of(
+            name.begin(), name.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
         if (is_ascii) {
             expect_found(&dir, name, index_of(entries, name));
         } else {

@@ -539,6 +539,16 @@ TEST_P(QvolCheck, TellsNamesThatAreNone) {
     expect_left({{"/DIR/$'\\x1b[31m': the short name is none: it holds the byte 0x1b", BY_HAND}});
 }
 
+TEST_P(QvolCheck, TellsShortNamesThatStandForALongNameWhichIsNotThere) {
+    poke(entry_offset("/DIR/A long name.text") + 12, "\x20");
+    expect_healthy();
+    poke(entry_offset("/A.TXT") + 12, "\x20");
+    expect_judge_finds_something();
+    expect_left(
+        {{"/A.TXT" + at(start_of("/A.TXT")) + "the short name is none: its case byte 0x20 says so",
+          BY_HAND}});
+}
+
 TEST_P(QvolCheck, TellsADirectoryThatContainsItself) {
     const std::uint32_t dir = start_of("/DIR");
     put_slot(dir, 6, "SELF       ", 0x10, dir);

@@ -9,6 +9,8 @@ namespace qvol {
 
 namespace {
 
+// What some systems set beside the case bits: the short name stands for a long one alone.
+constexpr u32 CASE_NO_SHORT_NAME = 0x20;
 constexpr std::string_view FORBIDDEN_IN_SHORT = "\"*+,./:;<=>?[\\]|";
 
 bool is_short_name_byte(u8 byte) {
@@ -17,8 +19,9 @@ bool is_short_name_byte(u8 byte) {
            FORBIDDEN_IN_SHORT.find(static_cast<char>(byte)) == std::string_view::npos;
 }
 
-// Why the 11 bytes are no short name, or nothing.
-std::optional<std::string> short_name_problem(const short_name &name) {
+// Why the entry's 11 bytes are no short name, or nothing.
+std::optional<std::string> short_name_problem(const entry &of) {
+    const short_name name = of.alias();
     if (name[0] == ' ') {
         return "it begins with a blank";
     }
@@ -27,6 +30,10 @@ std::optional<std::string> short_name_problem(const short_name &name) {
         if (!is_escape && !is_short_name_byte(name[i])) {
             return fmt::format("it holds the byte 0x{:02x}", name[i]);
         }
+    }
+    const u32 case_bits = fat::load(of.raw.data(), fat::SHORT_SYSID);
+    if (!of.has_long_name && (case_bits & CASE_NO_SHORT_NAME) != 0) {
+        return fmt::format("its case byte 0x{:02x} says so", case_bits);
     }
     return std::nullopt;
 }
@@ -50,7 +57,7 @@ private:
 
     void check_form(u32 node) {
         const entry &of = in_->nodes[node].of;
-        const std::optional<std::string> of_short = short_name_problem(of.alias());
+        const std::optional<std::string> of_short = short_name_problem(of);
         const std::optional<std::string> of_long =
             of.has_long_name ? name_problem(of.name) : std::nullopt;
         if (of_short) {
