@@ -4,6 +4,7 @@
 
 #include "fat/fat.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -19,12 +20,31 @@ constinit FILE *chosen_stream = nullptr;
 // Living scopes in which nothing is reported.
 constinit unsigned quiet_scopes = 0;
 
-// Null: nothing is to be reported.
+// Where reports are held at present; null: they are printed.
+constinit fat::held_reports *holder = nullptr;
+
+// Null: nothing is to be printed.
 FILE *diagnostics() {
-    if (quiet_scopes != 0) {
-        return nullptr;
-    }
     return stream_chosen ? chosen_stream : stderr;
+}
+
+void hold(const char *format, va_list arguments) {
+    const std::size_t room = sizeof holder->text - holder->length;
+    const int length = std::vsnprintf(holder->text + holder->length, room, format, arguments);
+    holder->length += std::min(static_cast<std::size_t>(std::max(length, 0)), room - 1);
+}
+
+void report(const char *format, va_list arguments) {
+    if (quiet_scopes != 0) {
+        return;
+    }
+    const int saved_errno = errno;
+    if (holder != nullptr) {
+        hold(format, arguments);
+    } else if (FILE *stream = diagnostics(); stream != nullptr) {
+        std::vfprintf(stream, format, arguments);
+    }
+    errno = saved_errno;
 }
 
 } // namespace
@@ -37,30 +57,18 @@ void fat_set_diagnostics(FILE *stream) {
 namespace fat {
 
 void report_at(const char *function, int line, const char *format, ...) {
-    FILE *stream = diagnostics();
-    if (stream == nullptr) {
-        return;
-    }
-    const int saved_errno = errno;
+    report_bare("%s[%d]: ", function, line);
     va_list arguments;
     va_start(arguments, format);
-    std::fprintf(stream, "%s[%d]: ", function, line);
-    std::vfprintf(stream, format, arguments);
+    report(format, arguments);
     va_end(arguments);
-    errno = saved_errno;
 }
 
 void report_bare(const char *format, ...) {
-    FILE *stream = diagnostics();
-    if (stream == nullptr) {
-        return;
-    }
-    const int saved_errno = errno;
     va_list arguments;
     va_start(arguments, format);
-    std::vfprintf(stream, format, arguments);
+    report(format, arguments);
     va_end(arguments);
-    errno = saved_errno;
 }
 
 quiet_scope::quiet_scope() {
@@ -69,6 +77,19 @@ quiet_scope::quiet_scope() {
 
 quiet_scope::~quiet_scope() {
     quiet_scopes--;
+}
+
+holding_scope::holding_scope(held_reports *held) {
+    holder = held;
+}
+
+holding_scope::~holding_scope() {
+    holder = nullptr;
+}
+
+void report_held(held_reports *held) {
+    report_bare("%s", held->text);
+    *held = {};
 }
 
 void report_errno(const char *caption) {

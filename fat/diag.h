@@ -2,6 +2,8 @@
 
 #pragma once
 
+#include <cstddef>
+
 namespace fat {
 
 // Prints "FUNCTION[LINE]: " and the message to the diagnostics stream. errno is left as it was.
@@ -22,6 +24,24 @@ public:
     quiet_scope &operator=(const quiet_scope &) = delete;
     ~quiet_scope();
 };
+
+// What a call said that was made before its turn. What does not fit is cut.
+struct held_reports {
+    char text[512] = {};
+    std::size_t length = 0;
+};
+
+// While one lives, what is reported is added to `held` instead of being printed.
+class holding_scope {
+public:
+    explicit holding_scope(held_reports *held);
+    holding_scope(const holding_scope &) = delete;
+    holding_scope &operator=(const holding_scope &) = delete;
+    ~holding_scope();
+};
+
+// Prints what was held, now that its turn has come.
+void report_held(held_reports *held);
 
 } // namespace fat
 

@@ -39,11 +39,21 @@ struct run_finder {
     u32 ahead = 0; // sector found behind the last run, when it did not belong to it
     bool has_ahead = false;
     int ahead_error = 0; // what the search behind the last run came to
+    held_reports ahead_said;
 
     explicit run_finder(const oentry *of) : entry(of) {}
 
     int locate(u32 sector_index, u32 *sector) {
         return locate_sector(&place, entry->start, sector_index, sector);
+    }
+    // What it says is held until the sectors in front have been transferred.
+    void look_ahead(u32 sector_index) {
+        const holding_scope held(&ahead_said);
+        ahead_error = locate(sector_index, &ahead);
+    }
+    // How many sectors follow this one inside its cluster. The root area of FAT16 has no clusters.
+    [[nodiscard]] u32 left_in_cluster(u32 sector_index) const {
+        return entry->start == 0 ? 0 : sv->sec_per_clus - 1 - sector_index % sv->sec_per_clus;
     }
 };
 
@@ -51,6 +61,7 @@ struct run_finder {
 // lookup that fails behind the first sector ends the run; its error is that of the next call.
 int find_run(run_finder *finder, u32 sector_index, u32 most, data_run *run) {
     if (finder->ahead_error < 0) {
+        report_held(&finder->ahead_said);
         return finder->ahead_error;
     }
     if (!finder->has_ahead) {
@@ -59,17 +70,16 @@ int find_run(run_finder *finder, u32 sector_index, u32 most, data_run *run) {
             return found;
         }
     }
-    *run = {finder->ahead, 1};
+    *run = {finder->ahead, 0};
     finder->has_ahead = false;
     const u32 limit = std::min(most, MAX_RUN_BYTES / sv->sector_size);
-    while (run->count < limit) {
-        const u32 next = sector_index + run->count;
-        const u32 passed = next % sv->sec_per_clus; // of the cluster that it lies in
-        if (passed != 0) {
-            run->count = std::min(limit, run->count + sv->sec_per_clus - passed);
-            continue;
+    while (true) {
+        const u32 rest = finder->left_in_cluster(sector_index + run->count);
+        run->count = std::min(limit, run->count + 1 + rest);
+        if (run->count == limit) {
+            return 0;
         }
-        finder->ahead_error = finder->locate(next, &finder->ahead);
+        finder->look_ahead(sector_index + run->count);
         if (finder->ahead_error < 0) {
             return 0;
         }
@@ -77,9 +87,7 @@ int find_run(run_finder *finder, u32 sector_index, u32 most, data_run *run) {
             finder->has_ahead = true;
             return 0;
         }
-        run->count++;
     }
-    return 0;
 }
 
 // The part of a request that one transfer can serve: some bytes of one sector, or whole sectors.
@@ -194,8 +202,14 @@ int allocate_for_write(oentry *entry, u32 extra, write_allocation *allocation) {
         alloc_clusters(entry, allocation->clusters.get(), count, &allocation->allocated);
     if (result < 0) {
         report_at("do_write_file", __LINE__, "cannot allocate cluster\n");
+        return result;
     }
-    return result;
+    if (entry->start == 0 && sv->fat_type != 32) {
+        // A search that met a damaged entry may come to cluster 0: the root area, in a lookup.
+        report_lookup_of_write(-EINVAL);
+        return -EINVAL;
+    }
+    return 0;
 }
 
 void undo_write_allocation(oentry *entry, const write_allocation &allocation) {

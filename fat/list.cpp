@@ -44,9 +44,10 @@ void fill_short_item(const u8 *entry, dir_item *item) {
 // The item of the short entry behind a long name. A name that the encoding does not have is shown
 // by its short form.
 void fill_long_item(const u8 *entry, const u16 *units, dir_item *item) {
-    fill_short_item(entry, item);
     char name[LONG_NAME_UNITS + 1] = {}; // 256 units without a terminator leave none here
-    if (convert_uname_to_cstring(units, name) >= 0) {
+    const bool is_converted = convert_uname_to_cstring(units, name) >= 0;
+    fill_short_item(entry, item);
+    if (is_converted) {
         name[sizeof item->name - 1] = '\0';
         std::memcpy(item->name, name, sizeof item->name);
     }

@@ -23,6 +23,7 @@ const std::vector<volume_shape> RANDOM_SHAPES = {
     {.fat_type = 16, .sec_per_clus = 4},
     {.fat_type = 16, .sector_size = 1024, .sec_per_clus = 2},
     {.fat_type = 16, .sector_size = 4096},
+    {.fat_type = 16, .sec_per_clus = 8, .root_entries = 32}, // a root area below a cluster
     {.fat_type = 32},
     {.fat_type = 32, .sec_per_clus = 8},
     {.fat_type = 32, .sector_size = 2048, .sec_per_clus = 2},

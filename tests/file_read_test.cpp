@@ -67,6 +67,12 @@ protected:
 };
 INSTANTIATE_TEST_SUITE_P(Shapes, ReadAnyShape, testing::ValuesIn(many_shapes()), shape_name);
 
+// The root area has fewer sectors than a cluster.
+class ReadBySmallRoot : public file_read_test {
+protected:
+    ReadBySmallRoot() : file_read_test({.fat_type = 16, .sec_per_clus = 8, .root_entries = 32}) {}
+};
+
 class ReadFat32 : public file_read_test {
 protected:
     ReadFat32() : file_read_test({.fat_type = 32}) {}
@@ -293,6 +299,38 @@ TEST_F(ReadFile, UnreadableFatIsAFailedLookup) {
                                        "get_phy_sector[N]: invalid value -5\n" +
                                            NO_LOOKUP + FAILED}));
     EXPECT_EQ(read(id, 2048), done(2048));
+}
+
+// What stands behind a sector is looked up before it is read, and told behind it.
+TEST_F(ReadFile, LookupBehindASectorThatCannotBeReadIsNotTold) {
+    const int id = v.open_new("FILE       ", {5, 6}, 4096);
+    v.disk.unreadable = {volume::fat_sector_of(5), volume::first_sector_of(5) + 3};
+    EXPECT_EQ(read(id, 4096),
+              (outcome{-EIO, EIO, "do_read_file[N]: cannot read sector\n" + FAILED}));
+    v.disk.unreadable = {volume::first_sector_of(5) + 3};
+    v.set_link(5, 1);
+    EXPECT_EQ(read(id, 4096),
+              (outcome{-EIO, EIO, "do_read_file[N]: cannot read sector\n" + FAILED}));
+    v.disk.unreadable = {};
+    EXPECT_EQ(read(id, 4096), (outcome{-EINVAL, EINVAL,
+                                       "fat_read_clus[N]: Invalid cluster!\n\n"
+                                       "get_phy_sector[N]: invalid value -22\n" +
+                                           NO_LOOKUP + FAILED}));
+}
+
+// By their start they lie in the root area, which has no clusters.
+TEST_F(ReadBySmallRoot, FileWithoutAClusterEndsWithTheRootArea) {
+    const int id = v.open_new("FILE       ", {}, 4096);
+    ASSERT_EQ(sv->data_start - sv->rdir_start, 2U);
+    EXPECT_EQ(read(id, 1024), done(1024));
+    EXPECT_EQ(buffer, v.disk.peek(sv->rdir_start * 512, 1024));
+    position(id) = 0;
+    v.disk.log.clear();
+    EXPECT_EQ(read(id, 4096),
+              (outcome{-EFAULT, EFAULT,
+                       "get_phy_sector[N]: Invalid sector number in Root dir\n\n" + NO_LOOKUP +
+                           "do_read_file[N]: access out of cluster chain\n" + FAILED}));
+    EXPECT_EQ(v.disk.log, (std::vector<transfer>{{false, sv->rdir_start, 2}}));
 }
 
 // Of a chain that runs in a circle only what comes before the return can be counted on.

@@ -788,6 +788,43 @@ TEST_F(WriteFile, BrokenLinkIsTheErrorOfTheLookup) {
                                            WRITE_FAILED}));
 }
 
+// What stands behind a sector is looked up before it is written, and told behind it.
+TEST_F(WriteFile, LookupBehindASectorThatCannotBeWrittenIsNotTold) {
+    const int id = v.open_new("FILE       ", {5, 6}, 0);
+    v.set_link(5, 1);
+    mounted::record(id).allocated = 4096;
+    v.disk.unwritable = {volume::first_sector_of(5) + 3};
+    EXPECT_EQ(
+        write(id, some_bytes(4096)),
+        (outcome{-EIO, EIO, "do_write_file[N]: cannot write sector to file\n" + WRITE_FAILED}));
+    v.disk.unwritable = {};
+    EXPECT_EQ(write(id, some_bytes(4096)),
+              (outcome{-EINVAL, EINVAL,
+                       "fat_read_clus[N]: Invalid cluster!\n\n"
+                       "get_phy_sector[N]: invalid value -22\n"
+                       "do_write_file[N]: Failed to get FAT sector!(-22)\n\n" +
+                           WRITE_FAILED}));
+}
+
+// A search for a free cluster that meets a damaged entry in its second part comes to number 0, by
+// which a lookup would find the root directory.
+TEST_F(WriteFile, SearchThatComesToNoClusterLeavesTheRootDirectory) {
+    const int id = v.open_new("FILE       ", {}, 0);
+    const u32 end = volume::last_cluster();
+    sv->last_alloc_clus = end - 1;
+    v.set_link(end, volume::end_mark());
+    v.set_link(2, 1);
+    const u32 root_bytes = (sv->data_start - sv->rdir_start) * sv->sector_size;
+    const bytes root = v.disk.peek(u64{sv->rdir_start} * sv->sector_size, root_bytes);
+    EXPECT_EQ(write(id, some_bytes(5)),
+              (outcome{-EINVAL, EINVAL,
+                       "fat_read_clus[N]: Invalid cluster!\n\n"
+                       "fat_free_clus[N]: Invalid cluster value!\n\n"
+                       "do_write_file[N]: Failed to get FAT sector!(-22)\n\n" +
+                           WRITE_FAILED}));
+    EXPECT_EQ(v.disk.peek(u64{sv->rdir_start} * sv->sector_size, root_bytes), root);
+}
+
 TEST_F(WriteFile, RecordedSizeBeyondTheChainGetsTheClustersInBetween) {
     const int id = v.open_new("FILE       ", {5}, 5000);
     sv->last_alloc_clus = 9;

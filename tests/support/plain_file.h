@@ -81,6 +81,10 @@ public:
                 }
                 allocations++;
             }
+            if (record.start == 0 && sv->fat_type == 16) { // not the root area
+                say(0, "do_write_file", "Failed to get FAT sector!(-22)\n\n");
+                return undo(clusters, old_last, allocations, -EINVAL);
+            }
         }
         for (std::uint32_t done = 0; done < count;) {
             const std::uint32_t offset = p % sv->sector_size;
