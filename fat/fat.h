@@ -263,7 +263,8 @@ int fat_set_encoding(const char *charset);
 int fat_open(const char *path);
 
 /* The same, for directories only: -ENOTDIR for anything else. NULL opens the root anew and makes it
- * current. Errors are stored in errno as well. */
+ * current; the id of the directory that was current is not given back by that: call
+ * fat_set_current(0) before. Errors are stored in errno as well. */
 int fat_open_dir(const char *path);
 
 /* The same, for anything but directories: -EISDIR. Errors are stored in errno as well. */
@@ -516,7 +517,7 @@ int zuq_get_fast_open_path_of_file(int id, char *name, char *path);
  * such id, no volume is mounted, a broken directory), -EIO, -ENOMEM, -EFAULT (behind a FAT16 root
  * directory whose entries are all used, or a chain that ends in a long name), or -1 for a broken
  * chain and further behind the end of a FAT16 root directory. Open the directory again to begin
- * anew.
+ * anew. The last file of a directory in which no entry is free is not given.
  */
 int zuq_get_fast_open_path_of_dir(int id, char *name, char *path);
 

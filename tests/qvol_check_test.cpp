@@ -476,6 +476,14 @@ TEST_P(QvolCheck, TakesTheFirstClusterOffALongNameSlot) {
                     "mended: it was taken away"}});
 }
 
+TEST_P(QvolCheck, ClearsTheReservedByteOfALongNameSlot) {
+    const std::uint32_t dir = start_of("/DIR");
+    poke(entry_offset("/DIR/A long name.text") - 32 + 12, "\x08");
+    expect_judge_finds_something();
+    expect_mended({{"/DIR" + at(dir) + "the reserved byte of the long-name slot 3 is not 0",
+                    "mended: it was set to 0"}});
+}
+
 TEST_P(QvolCheck, TellsASlotThatIsNoEntry) {
     const std::uint32_t dir = start_of("/DIR");
     put_slot(dir, 6, "NEITHER TXT", 0x18, FREE_CLUSTER);

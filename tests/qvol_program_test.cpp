@@ -80,8 +80,11 @@ TEST_F(Qvol16, TellsWhenStandardOutputTakesNothing) {
 TEST_F(Qvol16, KeepsTheLibraryQuietUnlessAsked) {
     said("mkdir", {"/dir"});
     EXPECT_EQ(qvol("stat", {"/dir"}).err, "");
-    EXPECT_EQ(qvol("fastpath", {"--dir", "/dir"}).err, "");
-    EXPECT_NE(qvol("fastpath", {"--verbose", "--dir", "/dir"}).err, "");
+    said("pool");
+    const std::string refusal = "qvol: /ZUQ_POOL.SY$: exists\n";
+    EXPECT_EQ(qvol("pool").err, refusal);
+    const std::string all = qvol("pool", {"--verbose"}).err;
+    EXPECT_TRUE(all.ends_with(refusal) && all.size() > refusal.size()) << all;
 }
 
 // ---- locks ------------------------------------------------------------------------------------
@@ -597,7 +600,26 @@ TEST_F(Qvol16, GivesFastPathsOfFilesAndDirectories) {
     EXPECT_EQ(of_file.substr(19), " /dir/KERNEL.BIN\n");
     EXPECT_EQ(said("fastpath", {"--dir", "/dir"}), of_file);
     EXPECT_EQ(qvol("fastpath", {"/dir"}).status, 1);
+    EXPECT_EQ(qvol("fastpath", {"/"}).status, 1);
     EXPECT_EQ(qvol("fastpath").status, 2);
+}
+
+// Also of the last file in a directory that is full, of long names, and of what stands behind them.
+TEST_F(Qvol16, GivesFastPathsOfEveryFileInADirectory) {
+    said("mkdir", {"/dir"});
+    said("mkdir", {"/dir/a directory with a long name"});
+    std::vector<std::string> sources = {host_file("a long name.bin", "xyz")};
+    std::vector<std::string> paths = {"/dir/a long name.bin"};
+    // The dot entries, four slots and three are taken of the 64 in a cluster.
+    for (int used = 2 + 4 + 3; used < 64; used++) {
+        const std::string name = "FILE" + std::to_string(used);
+        sources.push_back(host_file(name, name));
+        paths.push_back("/dir/" + name);
+    }
+    sources.emplace_back("/dir");
+    said("put", sources);
+    EXPECT_NE(said("stat", {"/dir"}).find("chain       2\n"), std::string::npos);
+    EXPECT_EQ(said("fastpath", {"--dir", "/dir"}), said("fastpath", paths));
 }
 
 // ---- the volume as a whole --------------------------------------------------------------------

@@ -75,6 +75,7 @@ inline constexpr finding_kind DOT_PLACE{"dot-place", BY_HAND, harm::CHAINS};
 inline constexpr finding_kind ORPHAN_SLOTS{"orphan-slots", ""};
 inline constexpr finding_kind CHECKSUM{"checksum", ""};
 inline constexpr finding_kind SLOT_CLUSTER{"slot-cluster", ""};
+inline constexpr finding_kind SLOT_RESERVED{"slot-reserved", ""};
 inline constexpr finding_kind NO_ENTRY{"no-entry", "what it was is not known", harm::CHAINS};
 inline constexpr finding_kind LABELS{"labels", "which one is right is not known"};
 inline constexpr finding_kind LABEL_PLACE{"label-place", "what it was is not known", harm::CHAINS};

@@ -51,6 +51,10 @@ void repair::clear_slot_start(const fat::dentry_location &place) {
     change_slot(place, fat::SLOT_START.offset, std::vector<u8>(fat::SLOT_START.size));
 }
 
+void repair::clear_slot_reserve(const fat::dentry_location &place) {
+    change_slot(place, fat::SLOT_SYSID.offset, std::vector<u8>(fat::SLOT_SYSID.size));
+}
+
 void repair::clear_size(const fat::dentry_location &place) {
     change_slot(place, fat::SHORT_FILE_SIZE.offset, std::vector<u8>(fat::SHORT_FILE_SIZE.size));
 }

@@ -23,6 +23,7 @@ public:
     void write_slot(const fat::dentry_location &place, const std::array<u8, fat::DENTRY_SIZE> &raw);
     void clear_start(const fat::dentry_location &place);
     void clear_slot_start(const fat::dentry_location &place); // of a long-name slot
+    void clear_slot_reserve(const fat::dentry_location &place);
     void clear_size(const fat::dentry_location &place);
 
     // ---- the FAT ----

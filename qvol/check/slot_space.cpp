@@ -43,6 +43,9 @@ private:
         if (fat::load(slot, fat::SLOT_START) != 0) {
             content_.started.push_back(index);
         }
+        if (fat::load(slot, fat::SLOT_SYSID) != 0) {
+            content_.reserved.push_back(index);
+        }
     }
 
     void take_entry(const entry &found) {

@@ -143,6 +143,12 @@ private:
                  "it was taken away",
                  [place = space.location(slot)](repair *plan) { plan->clear_slot_start(place); });
         }
+        for (const u32 slot : content.reserved) {
+            tell(found::SLOT_RESERVED, space.cluster_of(slot),
+                 fmt::format("the reserved byte of the long-name slot {} is not 0", slot),
+                 "it was set to 0",
+                 [place = space.location(slot)](repair *plan) { plan->clear_slot_reserve(place); });
+        }
         for (const u32 slot : content.no_entries) {
             tell(found::NO_ENTRY, space.cluster_of(slot),
                  fmt::format("slot {} is neither a file nor a directory nor a label", slot));

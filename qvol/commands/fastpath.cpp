@@ -15,8 +15,6 @@ namespace qvol {
 namespace {
 
 constexpr std::size_t FAST_PATH_ROOM = 20; // with the terminator
-constexpr std::size_t PLACE_BEGIN = 3;     // behind "<?>": where the entry lies, in eight letters
-constexpr std::size_t PLACE_LENGTH = 8;
 
 struct fastpath_options {
     std::vector<std::string> paths;
@@ -26,8 +24,8 @@ struct fastpath_options {
 // An open id of the library.
 class open_id {
 public:
-    // Opens the entry that lies at a place on the volume.
-    open_id(const entry &of, const fat::dentry_location &location, u32 parent) {
+    open_id(const std::string &shown, const entry &of, const directory &parent) {
+        const fat::dentry_location location = parent.location(of.slot);
         fat::heap_ptr<oentry> record = fat::zeroed_records<oentry>();
         if (record == nullptr) {
             throw std::bad_alloc();
@@ -35,13 +33,13 @@ public:
         if (fat::fat_set_oentry(of.raw.data(), location.sector, location.offset, record.get()) <
                 0 ||
             record->dentry == nullptr) {
-            throw error("its chain is broken");
+            throw error(shown + ": its chain is broken");
         }
-        record->parent_clus = parent;
+        record->parent_clus = parent.start();
         id_ = fat::register_oentry(record.get());
         if (id_ < 0) {
             std::free(record->dentry);
-            throw error("too many files are open");
+            throw error(shown + ": too many files are open");
         }
         (void)record.release(); // the table owns it
     }
@@ -59,70 +57,46 @@ private:
     int id_ = -1;
 };
 
-std::string fast_path_of(const volume &vol, const place &where) {
-    const std::string shown = shown_path(vol.names(), where.path);
-    if (where.is_directory()) {
-        throw error(shown + ": is a directory; --dir gives the paths of the files in it");
-    }
-    const open_id id(*where.found, where.parent.location(where.found->slot), where.parent.start());
+json fast_path_of(const volume &vol, const name_path &path, const entry &file,
+                  const directory &parent) {
+    const std::string shown = shown_path(vol.names(), path);
+    const open_id id(shown, file, parent);
     char name[fat::LONG_NAME_UNITS] = {};
-    char path[FAST_PATH_ROOM] = {};
-    if (zuq_get_fast_open_path_of_file(id.get(), name, path) < 0) {
+    char text[FAST_PATH_ROOM] = {};
+    if (zuq_get_fast_open_path_of_file(id.get(), name, text) < 0) {
         throw error(shown + ": the library gives no fast-open path");
     }
-    return path;
+    return {{"path", json_path(path)}, {"shown", shown}, {"fast_path", text}};
 }
 
-// The letters that tell where an entry lies, as the paths spell them.
-std::string place_letters(const fat::dentry_location &location) {
-    char letters[PLACE_LENGTH + 1] = {};
-    const u32 position = sv->sector_size * location.sector + location.offset;
-    fat::encode_fast_word(letters, position / fat::DENTRY_SIZE);
-    return letters;
-}
-
-// The library gives the paths of a directory without names: they are found again by the place.
-json paths_of_directory(volume &vol, const place &where, int id) {
-    const directory dir = open_directory(vol, where);
-    std::map<std::string, name_path> names;
-    for (const auto &[slot, found] : dir.entries()) {
-        name_path path = where.path;
-        path.push_back(found.name);
-        names[place_letters(dir.location(slot))] = path;
-    }
-    json list = json::array();
-    char name[fat::LONG_NAME_UNITS] = {};
-    char path[FAST_PATH_ROOM] = {};
-    while (zuq_get_fast_open_path_of_dir(id, name, path) == 1) {
-        const auto found = names.find(std::string(path + PLACE_BEGIN, PLACE_LENGTH));
-        if (found != names.end()) {
-            list.push_back({{"path", json_path(found->second)},
-                            {"shown", shown_path(vol.names(), found->second)},
-                            {"fast_path", path}});
-        }
-    }
-    return list;
-}
-
+// The library's own walk over a directory leaves out its last file where no entry is free, and
+// makes other check values where names are long: each file is asked for on its own.
 json list_directory(volume &vol, const std::string &path) {
     const place where = resolve(vol, path);
     if (!where.is_directory()) {
         throw error(shown_path(vol.names(), where.path) + ": not a directory");
     }
-    if (where.is_root()) {
-        return paths_of_directory(vol, where, 0);
+    const directory dir = open_directory(vol, where);
+    json list = json::array();
+    for (const auto &[slot, file] : dir.entries()) {
+        if (file.type() == kind::FILE) {
+            name_path path_of_file = where.path;
+            path_of_file.push_back(file.name);
+            list.push_back(fast_path_of(vol, path_of_file, file, dir));
+        }
     }
-    const open_id id(*where.found, where.parent.location(where.found->slot), where.parent.start());
-    return paths_of_directory(vol, where, id.get());
+    return list;
 }
 
 json list_files(volume &vol, const std::vector<std::string> &paths) {
     json list = json::array();
     for (const std::string &path : paths) {
         const place where = resolve(vol, path);
-        list.push_back({{"path", json_path(where.path)},
-                        {"shown", shown_path(vol.names(), where.path)},
-                        {"fast_path", fast_path_of(vol, where)}});
+        if (where.is_directory()) {
+            throw error(shown_path(vol.names(), where.path) +
+                        ": is a directory; --dir gives the paths of the files in it");
+        }
+        list.push_back(fast_path_of(vol, where.path, *where.found, where.parent));
     }
     return list;
 }
