@@ -476,12 +476,15 @@ TEST_P(QvolCheck, TakesTheFirstClusterOffALongNameSlot) {
                     "mended: it was taken away"}});
 }
 
-TEST_P(QvolCheck, ClearsTheReservedByteOfALongNameSlot) {
+TEST_P(QvolCheck, ClearsTheReservedBitsOfALongNameSlot) {
     const std::uint32_t dir = start_of("/DIR");
-    poke(entry_offset("/DIR/A long name.text") - 32 + 12, "\x08");
-    expect_judge_finds_something();
-    expect_mended({{"/DIR" + at(dir) + "the reserved byte of the long-name slot 3 is not 0",
-                    "mended: it was set to 0"}});
+    const std::uint64_t slot = entry_offset("/DIR/A long name.text") - 32;
+    for (const auto &[offset, byte] : {std::pair<int, const char *>{12, "\x08"}, {11, "\xCF"}}) {
+        poke(slot + offset, byte);
+        expect_judge_finds_something();
+        expect_mended({{"/DIR" + at(dir) + "reserved bits of the long-name slot 3 are not 0",
+                        "mended: they were set to 0"}});
+    }
 }
 
 TEST_P(QvolCheck, TellsASlotThatIsNoEntry) {

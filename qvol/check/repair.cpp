@@ -52,7 +52,8 @@ void repair::clear_slot_start(const fat::dentry_location &place) {
 }
 
 void repair::clear_slot_reserve(const fat::dentry_location &place) {
-    change_slot(place, fat::SLOT_SYSID.offset, std::vector<u8>(fat::SLOT_SYSID.size));
+    change_slot(place, fat::SLOT_ATTR.offset, {fat::ATTR_LONG_NAME});
+    change_slot(place, fat::SLOT_SYSID.offset, {0});
 }
 
 void repair::clear_size(const fat::dentry_location &place) {

@@ -43,7 +43,8 @@ private:
         if (fat::load(slot, fat::SLOT_START) != 0) {
             content_.started.push_back(index);
         }
-        if (fat::load(slot, fat::SLOT_SYSID) != 0) {
+        const bool has_other_bits = fat::load(slot, fat::SLOT_ATTR) != fat::ATTR_LONG_NAME;
+        if (has_other_bits || fat::load(slot, fat::SLOT_SYSID) != 0) {
             content_.reserved.push_back(index);
         }
     }

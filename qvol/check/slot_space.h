@@ -62,7 +62,7 @@ struct directory_content {
     std::vector<slot_run> orphans; // long-name slots of no entry
     std::vector<slot_run> misfits; // whole long names whose checksum is not that of their entry
     std::vector<u32> started;      // long-name slots with a first cluster
-    std::vector<u32> reserved;     // long-name slots whose reserved byte is not 0
+    std::vector<u32> reserved;     // long-name slots whose reserved bits are not 0
     std::vector<u32> no_entries;   // in use, and neither file nor directory nor label
 };
 

@@ -145,8 +145,8 @@ private:
         }
         for (const u32 slot : content.reserved) {
             tell(found::SLOT_RESERVED, space.cluster_of(slot),
-                 fmt::format("the reserved byte of the long-name slot {} is not 0", slot),
-                 "it was set to 0",
+                 fmt::format("reserved bits of the long-name slot {} are not 0", slot),
+                 "they were set to 0",
                  [place = space.location(slot)](repair *plan) { plan->clear_slot_reserve(place); });
         }
         for (const u32 slot : content.no_entries) {
