@@ -326,7 +326,7 @@ TEST_P(SetOentry, DotDotToARootThatIsNotOpen) {
     sv->root_dir = nullptr;
     oentry record = {};
     const entry_image image = short_entry("..         ", DIRECTORY, 0);
-    EXPECT_LT(fat_set_oentry(image.data(), 77, 96, &record), 0);
+    EXPECT_EQ(fat_set_oentry(image.data(), 77, 96, &record), -EINVAL);
     EXPECT_EQ(record.dentry, nullptr);
     *sv = saved;
 }
