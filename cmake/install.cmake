@@ -10,7 +10,7 @@ set(QUORVEL_DEVELOPMENT_DOCDIR ${CMAKE_INSTALL_DOCDIR} CACHE STRING
 mark_as_advanced(QUORVEL_DEVELOPMENT_DOCDIR)
 
 install(TARGETS quorvel RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT tools)
-if(QUORVEL_BUILD_QVOL)
+if(build_qvol)
   install(TARGETS qvol RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
 endif()
 
@@ -52,7 +52,7 @@ install(FILES ${PROJECT_BINARY_DIR}/quorvel.pc DESTINATION ${CMAKE_INSTALL_LIBDI
 # The files of a directory, without those of a program that is not built.
 function(companions variable pattern)
   file(GLOB found CONFIGURE_DEPENDS ${pattern})
-  if(NOT QUORVEL_BUILD_QVOL)
+  if(NOT build_qvol)
     list(FILTER found EXCLUDE REGEX "/_?qvol[^/]*$")
   endif()
   set(${variable} ${found} PARENT_SCOPE)

@@ -2,9 +2,10 @@
 
 need_packages gcovr
 instrumented="-O0 -g --coverage"
-build coverage -DCMAKE_BUILD_TYPE=Debug -DQUORVEL_BUILD_TESTS=ON \
+configure coverage -DCMAKE_BUILD_TYPE=Debug -DQUORVEL_BUILD_TESTS=ON \
     -DCMAKE_CXX_FLAGS="$instrumented" -DCMAKE_C_FLAGS="$instrumented"
 coverage_dir=$build_dir/coverage
+cmake --build "$coverage_dir" -j "$jobs"
 find "$coverage_dir" -name '*.gcda' -delete
 ctest --test-dir "$coverage_dir" --output-on-failure -j "$jobs" "$@"
 

@@ -19,7 +19,8 @@ need_packages() {
     fi
 }
 
-# want_packages NAME...: the same for what some tests can do without; they say so and are skipped.
+# want_packages NAME...: the same for what the caller can do without. It goes on; what needs them is
+# left out with a message.
 want_packages() {
     (need_packages "$@") || true
 }

@@ -1,0 +1,37 @@
+# Decides whether qvol is built and sets `build_qvol`; prints why it is left out.
+
+# A cache of an older release holds a decision that nobody asked for.
+unset(QUORVEL_BUILD_QVOL CACHE)
+
+set(build_qvol OFF)
+if(NOT QUORVEL_QVOL MATCHES "^(AUTO|ON|OFF)$")
+  message(FATAL_ERROR "QUORVEL_QVOL is ${QUORVEL_QVOL}, must be AUTO, ON or OFF")
+endif()
+if(QUORVEL_QVOL STREQUAL OFF OR NOT PROJECT_IS_TOP_LEVEL OR CMAKE_CROSSCOMPILING)
+  if(QUORVEL_QVOL STREQUAL ON)
+    message(FATAL_ERROR "qvol is a tool of the host: neither cross-compiled nor part of another project")
+  endif()
+  return()
+endif()
+
+set(missing "")
+foreach(requirement CLI11:libcli11-dev nlohmann_json:nlohmann-json3-dev fmt:libfmt-dev)
+  string(REPLACE ":" ";" requirement ${requirement})
+  list(GET requirement 0 library)
+  find_package(${library} QUIET)
+  if(NOT ${library}_FOUND)
+    list(GET requirement 1 package)
+    list(APPEND missing ${package})
+  endif()
+endforeach()
+
+if(NOT missing)
+  set(build_qvol ON)
+else()
+  list(JOIN missing " " missing)
+  set(reason "qvol is left out: install ${missing} and configure again")
+  if(QUORVEL_QVOL STREQUAL ON)
+    message(FATAL_ERROR ${reason})
+  endif()
+  message(STATUS ${reason})
+endif()

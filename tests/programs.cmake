@@ -1,0 +1,97 @@
+# test_program(NAME SOURCES S...): a program of the cases in tests/S.cpp, registered as NAME, and as
+# asan.NAME with the sanitized library; in the full stage valgrind.NAME, too, where asked for.
+#
+#   SHARDS N        registered in N parts, NAME.1 to NAME.N, of which several run at once
+#   RUNS_PROGRAMS   works in other programs: not for valgrind, not for another machine
+#   ONCE            has no sanitized form
+#   VALGRIND S      the stage from which it runs under valgrind: full or deep (default); or never
+#   FURTHER F...    source files besides
+#   DEFINITIONS, LIBRARIES, SANITIZED_LIBRARIES, NEEDS (targets)
+
+find_program(VALGRIND valgrind)
+set(sanitized_programs QUORVEL_TOOL=$<TARGET_FILE:quorvel_sanitized>)
+set_property(GLOBAL PROPERTY quorvel_test_sources "")
+
+# register_program(NAME SHARDS COMMAND...)
+function(register_program name shards)
+  set(name ${QUORVEL_TEST_PREFIX}${name})
+  foreach(shard RANGE 1 ${shards})
+    set(shard_name ${name})
+    set(environment ${test_environment})
+    if(shards GREATER 1)
+      set(shard_name ${name}.${shard})
+      math(EXPR index "${shard} - 1")
+      list(APPEND environment GTEST_TOTAL_SHARDS=${shards} GTEST_SHARD_INDEX=${index})
+    endif()
+    add_test(NAME ${shard_name} COMMAND ${ARGN})
+    set_tests_properties(${shard_name} PROPERTIES TIMEOUT 3000 LABELS cases)
+    set_property(TEST ${shard_name} PROPERTY ENVIRONMENT ${environment})
+  endforeach()
+endfunction()
+
+function(test_program name)
+  cmake_parse_arguments(arg "RUNS_PROGRAMS;ONCE" "SHARDS;VALGRIND"
+                        "SOURCES;FURTHER;DEFINITIONS;LIBRARIES;SANITIZED_LIBRARIES;NEEDS" ${ARGN})
+  set_property(GLOBAL APPEND PROPERTY quorvel_test_sources ${arg_SOURCES})
+  if(QUORVEL_TESTS)
+    list(JOIN QUORVEL_TESTS "|" wanted)
+    list(FILTER arg_SOURCES INCLUDE REGEX "^(${wanted})$")
+  endif()
+  if(NOT arg_SOURCES OR (CMAKE_CROSSCOMPILING AND arg_RUNS_PROGRAMS))
+    return()
+  endif()
+  if(NOT arg_SHARDS)
+    set(arg_SHARDS 1)
+  endif()
+  if(NOT arg_VALGRIND)
+    set(arg_VALGRIND deep)
+  endif()
+
+  list(TRANSFORM arg_SOURCES APPEND .cpp)
+  add_library(${name}_objects OBJECT ${arg_SOURCES} ${arg_FURTHER})
+  target_link_libraries(${name}_objects PRIVATE test_support ${arg_LIBRARIES})
+  target_compile_definitions(${name}_objects PRIVATE ${arg_DEFINITIONS})
+  target_precompile_headers(${name}_objects REUSE_FROM test_support)
+  add_executable(${name} $<TARGET_OBJECTS:${name}_objects>)
+  target_link_libraries(${name} PRIVATE test_support ${arg_LIBRARIES} fat)
+  if(arg_NEEDS)
+    add_dependencies(${name} ${arg_NEEDS})
+  endif()
+  register_program(${name} ${arg_SHARDS} ${name} --gtest_brief=1)
+
+  if(run_sanitized AND NOT arg_ONCE)
+    add_sanitized_program(${name})
+    register_program(asan.${name} ${arg_SHARDS} ${CMAKE_COMMAND} -E env ${sanitized_programs}
+                     $<TARGET_FILE:asan_${name}> --gtest_brief=1)
+  endif()
+  if(VALGRIND AND NOT CMAKE_CROSSCOMPILING AND NOT arg_RUNS_PROGRAMS
+     AND (deep_stage OR (full_stage AND arg_VALGRIND STREQUAL full)))
+    register_program(valgrind.${name} ${arg_SHARDS} ${VALGRIND} --quiet --error-exitcode=99
+                     --leak-check=full --errors-for-leak-kinds=definite,indirect
+                     --suppressions=${CMAKE_CURRENT_SOURCE_DIR}/support/valgrind.supp
+                     $<TARGET_FILE:${name}> --gtest_brief=1)
+  endif()
+endfunction()
+
+# The objects of a test program, linked with the sanitized library.
+macro(add_sanitized_program name)
+  add_executable(asan_${name} $<TARGET_OBJECTS:${name}_objects>)
+  target_link_libraries(asan_${name} PRIVATE test_support ${arg_SANITIZED_LIBRARIES}
+                                             $<TARGET_FILE:fat_sanitized>)
+  target_link_options(asan_${name} PRIVATE ${sanitizers})
+  add_dependencies(asan_${name} fat_sanitized quorvel_sanitized)
+  if(arg_NEEDS)
+    add_dependencies(asan_${name} ${arg_NEEDS})
+  endif()
+endmacro()
+
+# A source of cases that no program has would be left out in silence.
+function(require_every_test_source)
+  get_property(known GLOBAL PROPERTY quorvel_test_sources)
+  file(GLOB found CONFIGURE_DEPENDS RELATIVE ${CMAKE_CURRENT_SOURCE_DIR} *_test.cpp)
+  list(TRANSFORM found REPLACE "\\.cpp$" "")
+  list(REMOVE_ITEM found ${known} c_api_test)
+  if(found AND (build_qvol OR CMAKE_CROSSCOMPILING))
+    message(FATAL_ERROR "no test program has ${found}")
+  endif()
+endfunction()

@@ -1,0 +1,62 @@
+# qvol: its parts, the program, and what is written about all programs.
+
+find_package(nlohmann_json REQUIRED)
+
+# The program with writes that fail.
+add_executable(qvol_failing_writes EXCLUDE_FROM_ALL ${PROJECT_SOURCE_DIR}/qvol/main.cpp
+                                   support/failing_pwrite.cpp)
+target_link_libraries(qvol_failing_writes PRIVATE qvol_core)
+target_link_options(qvol_failing_writes PRIVATE -Wl,--wrap=pwrite64)
+# The program with an fsync that always fails.
+add_executable(qvol_failing_fsync EXCLUDE_FROM_ALL ${PROJECT_SOURCE_DIR}/qvol/main.cpp
+                                  support/failing_fsync.cpp)
+target_link_libraries(qvol_failing_fsync PRIVATE qvol_core)
+# The program with the sanitizers in it.
+if(run_sanitized)
+  find_package(CLI11 REQUIRED)
+  find_package(fmt REQUIRED)
+  add_library(qvol_core_sanitized STATIC ${QVOL_CORE_SOURCES})
+  target_link_libraries(qvol_core_sanitized PUBLIC fat_sanitized CLI11::CLI11
+                                                   nlohmann_json::nlohmann_json fmt::fmt)
+  target_compile_definitions(qvol_core_sanitized PRIVATE QVOL_VERSION="${PROJECT_VERSION}")
+  target_compile_options(qvol_core_sanitized PRIVATE ${sanitized_options})
+  target_precompile_headers(qvol_core_sanitized PRIVATE ${QVOL_PRECOMPILED_HEADERS})
+  add_executable(qvol_sanitized ${PROJECT_SOURCE_DIR}/qvol/main.cpp)
+  target_compile_options(qvol_sanitized PRIVATE ${sanitized_options})
+  target_link_libraries(qvol_sanitized PRIVATE qvol_core_sanitized)
+  list(APPEND sanitized_programs QVOL=$<TARGET_FILE:qvol_sanitized>)
+  set(sanitized_core SANITIZED_LIBRARIES qvol_core_sanitized)
+  set(sanitized_qvol qvol_sanitized)
+endif()
+
+test_program(qvol_unit_tests SOURCES qvol_names_test qvol_volume_test LIBRARIES qvol_core
+             ${sanitized_core})
+
+set(qvol_definitions
+    QVOL_BUILT_PROGRAM="$<TARGET_FILE:qvol>"
+    QVOL_FAILING_WRITES="$<TARGET_FILE:qvol_failing_writes>"
+    QVOL_FAILING_FSYNC="$<TARGET_FILE:qvol_failing_fsync>"
+    QUORVEL_DEEP=$<BOOL:${deep_stage}>)
+set(qvol_programs quorvel qvol qvol_failing_writes qvol_failing_fsync ${sanitized_qvol})
+test_program(qvol_tests RUNS_PROGRAMS SHARDS 2 SOURCES qvol_build_stop_test qvol_build_test
+             qvol_check_test qvol_hostile_test qvol_import_test qvol_interrupted_test qvol_json_test
+             qvol_map_test qvol_program_test
+             DEFINITIONS ${qvol_definitions} LIBRARIES nlohmann_json::nlohmann_json
+             SANITIZED_LIBRARIES nlohmann_json::nlohmann_json NEEDS ${qvol_programs})
+if(deep_stage)
+  add_test(NAME deep.qvol_check
+           COMMAND ${CMAKE_COMMAND} -E env QUORVEL_DEEP_TESTS=1 $<TARGET_FILE:qvol_tests>
+                   --gtest_brief=1 --gtest_filter=QvolCheck*Damaged*)
+  set_tests_properties(deep.qvol_check PROPERTIES TIMEOUT 3600)
+endif()
+
+# The manual pages, completions, examples and documents, compared with the programs.
+add_subdirectory(${PROJECT_SOURCE_DIR}/examples ${PROJECT_BINARY_DIR}/examples)
+test_program(document_tests RUNS_PROGRAMS SOURCES completion_test documents_test examples_test
+             manual_test
+             DEFINITIONS ${qvol_definitions} QUORVEL_LIBRARY="$<TARGET_FILE:fat>"
+                         QUORVEL_C_COMPILER="${CMAKE_C_COMPILER}"
+                         QUORVEL_EXAMPLES="$<TARGET_FILE_DIR:zuq_player>"
+             LIBRARIES nlohmann_json::nlohmann_json
+             SANITIZED_LIBRARIES nlohmann_json::nlohmann_json
+             NEEDS ${qvol_programs} zuq_player flash_model)

@@ -1,0 +1,74 @@
+# What all test programs are linked with: GoogleTest, support/, and the sanitized library.
+
+find_package(GTest QUIET)
+if(NOT GTest_FOUND AND EXISTS /usr/src/googletest) # for another machine: from Debian's sources
+  add_subdirectory(/usr/src/googletest ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
+elseif(NOT GTest_FOUND)
+  message(FATAL_ERROR "the tests need GoogleTest: install libgtest-dev and configure again")
+endif()
+
+# Some checks make no sense of what a sanitizer or a count of branches adds to a program.
+foreach(check "SANITIZED;-fsanitize" "COVERED;--coverage")
+  list(GET check 1 flag)
+  string(FIND "${CMAKE_CXX_FLAGS}" "${flag}" position)
+  list(GET check 0 name)
+  if(position EQUAL -1)
+    set(QUORVEL_${name} 0)
+  else()
+    set(QUORVEL_${name} 1)
+  endif()
+endforeach()
+
+# Another machine's programs run under its emulator, with its character-set converters.
+set(test_environment "")
+if(QUORVEL_GCONV_PATH)
+  set(test_environment GCONV_PATH=${QUORVEL_GCONV_PATH})
+endif()
+set(tool_path $<TARGET_FILE:quorvel>)
+if(CMAKE_CROSSCOMPILING)
+  set(tool_path ${CMAKE_CURRENT_BINARY_DIR}/emulated_quorvel)
+  list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " emulator)
+  file(GENERATE OUTPUT ${tool_path} CONTENT "#!/bin/sh\nexec ${emulator} $<TARGET_FILE:quorvel> \"$@\"\n"
+       FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE)
+endif()
+
+add_library(test_support STATIC support/faults.cpp support/process.cpp)
+target_include_directories(test_support PUBLIC ${PROJECT_SOURCE_DIR})
+target_link_libraries(test_support PUBLIC quorvel_compile GTest::gtest GTest::gtest_main)
+target_compile_definitions(
+  test_support PUBLIC QUORVEL_SOURCE_DIR="${PROJECT_SOURCE_DIR}"
+                      QUORVEL_BUILT_TOOL="${tool_path}"
+                      QUORVEL_SANITIZED=${QUORVEL_SANITIZED}
+                      QUORVEL_COVERED=${QUORVEL_COVERED}
+                      QUORVEL_EMULATED=$<BOOL:${CMAKE_CROSSCOMPILING}>)
+# At this level gcc 12 takes inlined string code for accesses outside their objects.
+target_compile_options(test_support PUBLIC -O1 -Wno-array-bounds -Wno-stringop-overflow)
+target_precompile_headers(
+  test_support PRIVATE <gtest/gtest.h> <filesystem> <fstream> <map> <random> <set> <sstream>
+  <string> <vector>)
+# Lets support/faults.cpp intercept calls between the library and the system.
+foreach(function malloc calloc realloc free open64 close read write lseek64 fstat64 lstat64 readlink
+                 ioctl truncate64 fsync iconv_open iconv_close)
+  target_link_options(test_support PUBLIC -Wl,--wrap=${function})
+endforeach()
+# Brings faults.cpp into programs that arm no fault themselves.
+target_link_options(test_support PUBLIC -Wl,--undefined=__wrap_malloc)
+
+# A build that is instrumented as a whole, or for another machine, has no second form.
+set(run_sanitized ON)
+if(QUORVEL_SANITIZED OR QUORVEL_COVERED OR CMAKE_CROSSCOMPILING)
+  set(run_sanitized OFF)
+endif()
+set(sanitizers -fsanitize=address,undefined)
+set(sanitized_options -O1 -g1 ${sanitizers} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+if(run_sanitized)
+  list(TRANSFORM FAT_SOURCES PREPEND ${PROJECT_SOURCE_DIR}/ OUTPUT_VARIABLE fat_sources)
+  add_library(fat_sanitized STATIC ${fat_sources})
+  target_include_directories(fat_sanitized PUBLIC ${PROJECT_SOURCE_DIR})
+  target_link_libraries(fat_sanitized PUBLIC quorvel_compile)
+  target_compile_options(fat_sanitized PUBLIC ${sanitized_options})
+  target_link_options(fat_sanitized PUBLIC ${sanitizers})
+  add_executable(quorvel_sanitized ${PROJECT_SOURCE_DIR}/tool/main.cpp
+                                   ${PROJECT_SOURCE_DIR}/tool/options.cpp)
+  target_link_libraries(quorvel_sanitized PRIVATE fat_sanitized)
+endif()
