@@ -391,7 +391,7 @@ void add_remains_of(const std::string &path, const surveyed_entry &entry,
                                            : "a file cut short");
     }
     if (has_spare_clusters(entry, cluster_bytes)) {
-        found->insert("clusters behind the end of a file");
+        found->insert("clusters past the end of a file");
     }
     if (entry.is_link && entry.size == 0) {
         found->insert("an empty link");
@@ -429,7 +429,7 @@ phrases remains_in(const survey &now, const survey &before, const survey &finish
         found.insert("slots without a name");
     }
     if (!now.behind_the_end.empty()) {
-        found.insert("a name behind the end");
+        found.insert("a name past the end");
     }
     return found;
 }

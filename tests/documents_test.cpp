@@ -40,9 +40,13 @@ const std::vector<elsewhere> RUN_ELSEWHERE = {
     {"ctest --preset asan", "CMakePresets.json", {R"("testPresets")", R"({"name": "asan")"}},
     {"cmake --preset debug", "CMakePresets.json", {R"("name": "debug",)"}},
     {"cmake --build --preset debug", "CMakePresets.json", {R"("buildPresets")"}},
-    {"cmake -S . -B build/release", "CMakeLists.txt", {}},
-    {"cmake --build build/release", "CMakeLists.txt", {}},
-    {"cmake --install build/release", "CMakeLists.txt", {}},
+    {"sudo apt-get install cmake g++ make libcli11-dev nlohmann-json3-dev libfmt-dev",
+     "qvol/CMakeLists.txt",
+     {"find_package(CLI11 REQUIRED)", "find_package(nlohmann_json REQUIRED)",
+      "find_package(fmt REQUIRED)"}},
+    {"cmake -B build/release && cmake --build build/release && sudo cmake --install build/release",
+     "CMakeLists.txt",
+     {}},
     {"cmake -S examples -B build/examples", "examples/CMakeLists.txt", {"find_package(quorvel"}},
     {"cmake --build build/examples", "examples/CMakeLists.txt", {}},
     {"cmake -S . -B build/fuzz -DCMAKE_CXX_COMPILER=clang++ -DQUORVEL_BUILD_FUZZERS=ON",
@@ -59,8 +63,9 @@ const std::vector<elsewhere> RUN_ELSEWHERE = {
     {"tests/mutate build/mutants 300", "tests/mutate", {"WORK-DIR [COUNT [SEED]]"}},
 };
 
-// The commands that are meant to fail, with their exit status.
-const std::map<std::string, int> REFUSALS = {{"./run small.img", 255}};
+// The commands that must fail or find something, with their exit status.
+const std::map<std::string, int> REFUSALS = {{"quorvel small.img", 255},
+                                             {"fsck.fat -n disk.img", 1}};
 
 // What has to be done to the workplace first: commands that make what is there, or look for what is
 // not.
@@ -75,9 +80,9 @@ const std::map<std::string, std::string> PREPARATIONS = {
 };
 
 // A line is a command where it begins so.
-const std::set<std::string> PROGRAMS = {"./run",        "./test",       "bench/run", "cmake",
-                                        "ctest",        "fuzz/run",     "qvol",      "quorvel",
-                                        "scripts/lint", "tests/mutate", "truncate"};
+const std::set<std::string> PROGRAMS = {"./run",        "./test",   "bench/run",    "cmake",
+                                        "ctest",        "fuzz/run", "qvol",         "quorvel",
+                                        "scripts/lint", "sudo",     "tests/mutate", "truncate"};
 
 struct shown_command {
     std::string text;

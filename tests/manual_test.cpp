@@ -351,7 +351,7 @@ TEST(Manual, ConstantsOfTheFormatAreThoseOfTheLayout) {
               std::to_string(fat::FAT32_MIN_CLUSTERS) + " and more FAT32",
           "at " + std::to_string(fat::EBR_OFFSET_FAT16) + " on FAT16",
           "at " + std::to_string(fat::EBR_OFFSET_FAT32) + " on FAT32",
-          "stand at " + std::to_string(fat::PBR_SIGNATURE.offset)}) {
+          "are at " + std::to_string(fat::PBR_SIGNATURE.offset)}) {
         EXPECT_NE(one_spaced(page).find(constant), std::string::npos) << constant;
     }
 }
