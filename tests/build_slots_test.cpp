@@ -212,25 +212,6 @@ TEST_P(FindEmptyEntries, NoMemoryForTheSector) {
     EXPECT_EQ(index, UNTOUCHED);
 }
 
-TEST_P(FindEmptyEntries, UnreadableSectorIsTold) {
-    occupy();
-    for (const u32 index : {0U, per_sector, capacity - 1}) {
-        v.disk.unreadable = {sector_of(index)};
-        EXPECT_EQ(find(1), failed(-EIO, unreadable(sector_of(index)) + CHECK_HERE));
-    }
-    expect_unwritten();
-}
-
-TEST_P(GrowForEntries, BrokenChainIsTold) {
-    occupy();
-    v.set_link(dir.clusters[1], 1);
-    EXPECT_EQ(find(1), failed(-EINVAL, INVALID_LINK + "get_phy_sector[N]: invalid value -22\n" +
-                                           "get_dentry_with_clu[N]: Failed to get entry sector!:(" +
-                                           std::to_string(dir.base()) + ", " +
-                                           std::to_string(2 * per_cluster) + ")\n\n" + CHECK_HERE));
-    expect_unwritten();
-}
-
 // ---- growing ----------------------------------------------------------------------------------
 
 TEST_P(GrowForEntries, FullDirectoryGrowsByAClearedCluster) {

@@ -404,41 +404,6 @@ TEST_P(NextEntry, GathersNamesOverSectorsAndClusters) {
     }
 }
 
-TEST_P(NextEntry, NeedsWholeSlots) {
-    const unsigned sum = checksum_of(DOS);
-    const std::u16string part = u"thirteen long";
-    const std::vector<std::pair<const char *, std::vector<entry_image>>> broken = {
-        {"no last mark", {long_slot(1, u"name", sum)}},
-        {"no last mark in front", {long_slot(2, u"name", sum), long_slot(1, part, sum)}},
-        {"one missing at the end", {long_slot(0x42, u"name", sum)}},
-        {"one missing inside", {long_slot(0x43, u"name", sum), long_slot(1, part, sum)}},
-        {"one too many",
-         {long_slot(0x42, u"name", sum), long_slot(1, part, sum), long_slot(1, part, sum)}},
-        {"ascending", {long_slot(1, part, sum), long_slot(0x42, u"name", sum)}},
-        {"out of order",
-         {long_slot(0x43, u"name", sum), long_slot(1, part, sum), long_slot(2, part, sum)}},
-        {"another checksum", {long_slot(0x41, u"name", sum + 1)}},
-        {"another checksum in front", {long_slot(0x42, u"name", sum + 1), long_slot(1, part, sum)}},
-        {"another checksum behind", {long_slot(0x42, u"name", sum), long_slot(1, part, sum + 1)}},
-        {"ordinal 0", {long_slot(0x40, u"name", sum)}},
-        {"a deleted slot", {deleted(long_slot(0x41, u"name", sum))}},
-        {"something between", {long_slot(0x41, u"name", sum), deleted(short_entry(DOS))}},
-        {"a label between", {long_slot(0x41, u"name", sum), short_entry("           ", LABEL)}},
-        {"an invalid entry between",
-         {long_slot(0x41, u"name", sum), short_entry("INVALID    ", LABEL | DIRECTORY)}},
-        {"nothing in it", {long_slot(0x41, u"", sum)}},
-    };
-    for (const auto &[what, slots] : broken) {
-        c.v.top.go_to(1);
-        c.v.top.append(slots);
-        const u32 index = c.v.top.append(short_entry(DOS, ARCHIVE, 10, 5));
-        c.v.top.append(entry_image{});
-        EXPECT_EQ(c.list(0), (std::vector<info_picture>{
-                                 {"ALONGN~1.TXT", "ALONGN~1.TXT", 2, 0x20, 0, 0, 0, 5, 10, index}}))
-            << what;
-    }
-}
-
 TEST_P(NextEntry, TakesTheNameThatIsWholeBehindABrokenOne) {
     const unsigned sum = checksum_of(DOS);
     c.v.top.append(long_slot(0x42, u"broken", sum));
@@ -661,32 +626,6 @@ TEST_P(NextEntry, RefusesNullPointersAndWhatIsNotOpen) {
 TEST_P(NextEntry, RefusesWhatIsNoDirectory) {
     EXPECT_EQ(c.failed(c.v.open_new("FILE    TXT", {10}, 5)), -ENOTDIR);
     EXPECT_EQ(c.failed(c.v.open_new("EMPTY      ", {}, 0)), -ENOTDIR);
-}
-
-TEST_P(NextEntry, TellsOfSectorsThatCannotBeRead) {
-    directory dir = c.v.sub_directory({20, 22});
-    const int did = c.v.open_new("SUB        ", {20, 22}, 0, DIRECTORY);
-    dir.fill_up(short_entry("FILE    TXT"));
-    c.v.disk.unreadable = {volume::first_sector_of(20)};
-    EXPECT_EQ(c.failed(did), -EIO);
-    c.v.disk.unreadable = {volume::first_sector_of(22)};
-    EXPECT_EQ(c.failed(did, volume::entries_per_cluster()), -EIO);
-    u32 index = 0;
-    EXPECT_EQ(c.next(did, &index)->name, "FILE.TXT");
-}
-
-TEST_P(NextEntry, TellsOfABrokenChain) {
-    for (const u32 link : {0U, 1U, volume::bad_mark(), volume::last_cluster() + 1, 20U}) {
-        c.v.top.go_to(1);
-        directory dir = c.v.sub_directory({20, 22, 24});
-        const int did = c.v.open_new("SUB        ", {20, 22, 24}, 0, DIRECTORY);
-        dir.fill_up(short_entry("FILE    TXT"));
-        c.v.set_link(22, link);
-        EXPECT_EQ(c.failed(did, 2 * volume::entries_per_cluster()), -EINVAL) << link;
-        u32 index = volume::entries_per_cluster();
-        EXPECT_EQ(c.next(did, &index)->name, "FILE.TXT");
-        fat_close(did);
-    }
 }
 
 TEST_P(NextEntry, FailsOrSucceedsWithEveryFailingReadAndAllocation) {

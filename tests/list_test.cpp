@@ -550,30 +550,6 @@ TEST_P(DoReaddir, EndsTheNameOf256UnitsInItsField) {
     EXPECT_EQ(found.dos, "NNNNNN~1   ");
 }
 
-TEST_P(DoReaddir, GivesAnEmptyLongNameAsItStands) {
-    dir().append(long_slot(0x41, u"", checksum_of("FILE    TXT")));
-    dir().append(short_entry("FILE    TXT"));
-    EXPECT_EQ(read(0), item_at(0, 2, DENTRY_FILE, 0, "", "FILE    TXT"));
-}
-
-TEST_P(DoReaddir, ShowsABrokenLongNameByItsShortOne) {
-    dir().append(long_slots(u"Two slots of a name", "OTHER~1    "));
-    dir().append(with_case(short_entry("FILE    TXT"), 0x08));
-    EXPECT_EQ(read(0), item_at(2, 3, DENTRY_FILE, 0, "file.TXT", "FILE    TXT",
-                               "get_long_name[N]: not match checksum(2)\n"));
-}
-
-TEST_P(DoReaddir, SkipsSlotsThatBeginNoName) {
-    dir().append(long_slot(0x01, u"middle", 1));
-    dir().append(long_slot(0x40, u"none", 1));
-    dir().append(long_slot(0x42, u"gone between", 1));
-    dir().append(deleted(long_slot(0x01, u"gone", 1)));
-    dir().append(long_slot(0x41, u"label behind", 1));
-    dir().append(short_entry("LABEL      ", LABEL));
-    dir().append(short_entry("FILE       "));
-    EXPECT_EQ(read(0), item_at(6, 7, DENTRY_FILE, 0, "FILE", "FILE       "));
-}
-
 TEST_P(DoReaddir, SkipsLongNamesWhileTheyAreOff) {
     dir().append_long(u"A Long Name", "ALONGN~1   ");
     for (const u8 flag : std::initializer_list<u8>{0, 2, 255}) {
@@ -643,18 +619,6 @@ TEST_P(DoReaddir, NeedsNoPlaceForTheLocation) {
     EXPECT_EQ(read(2, false).name, "FILE");
 }
 
-TEST_P(DoReaddir, TellsAnEntryThatCannotBeRead) {
-    dir().append(short_entry("LABEL      ", LABEL));
-    dir().append(short_entry("FILE       "));
-    const std::string said =
-        "get_dentry_with_clu[N]: cannot read sectors:(sector: " + std::to_string(dir().sectors[0]) +
-        ")\n"
-        "do_readdir[N]: Failed go get entry!\n\n";
-    v.disk.unreadable = {dir().sectors[0]};
-    EXPECT_EQ(read(0), failed(-EIO, 0, said));
-    EXPECT_EQ(read(1), failed(-EIO, 1, said));
-}
-
 TEST_P(DoReaddir, TellsALongNameThatCannotBeReadToItsEnd) {
     const u32 last = last_of_first_sector();
     dir().go_to(last);
@@ -694,21 +658,6 @@ TEST(DoReaddirOfTheRootArea, StopsBehind512EntriesOfALargerOne) {
     EXPECT_EQ(do_readdir(sv->root_dir, &index, &entry, &item, buffer.data(), nullptr), -ENOENT);
     EXPECT_EQ(index, 0U);
     EXPECT_EQ(said.text(), "");
-}
-
-TEST(DoReaddirOfTheRootArea, FailsAtTheEndOfAFullSmallerOne) {
-    mounted v({.fat_type = 16, .root_entries = 256});
-    v.top.fill_up(deleted(short_entry("GONE       ")));
-    std::vector<u8> buffer(512);
-    u32 index = 3;
-    u8 *entry = nullptr;
-    dir_item item = {};
-    diagnostics said;
-    EXPECT_EQ(do_readdir(sv->root_dir, &index, &entry, &item, buffer.data(), nullptr), -EFAULT);
-    EXPECT_EQ(index, 3U);
-    EXPECT_EQ(said.text(), "get_phy_sector[N]: Invalid sector number in Root dir\n\n"
-                           "get_dentry_with_clu[N]: Failed to get entry sector!:(0, 256)\n\n"
-                           "do_readdir[N]: Failed go get entry!\n\n");
 }
 
 // ---- the compact listing ----------------------------------------------------------------------
@@ -1463,14 +1412,6 @@ TEST_P(FatGetUname, FollowsTheNameIntoTheNextSector) {
     EXPECT_EQ(get(id(), last), (answer_with_name{2, u"A Long Name.text", ""}));
 }
 
-TEST_P(FatGetUname, GivesZeroForABrokenName) {
-    dir().append(long_slots(u"A Long Name.text", "OTHER      "));
-    dir().append(short_entry("FILE       "));
-    EXPECT_EQ(get(id(), 0),
-              (answer_with_name{0, u"", "get_long_name[N]: not match checksum(2)\n"}));
-    EXPECT_EQ(get(id(), 1).result, 0);
-}
-
 TEST_P(FatGetUname, WorksWhileLongNamesAreOff) {
     dir().append_long(u"A Long Name.text", "ALONGN~1TEX");
     sv->long_name = 0;
@@ -1499,17 +1440,6 @@ TEST_P(FatGetUname, TellsAnIndexBehindTheEnd) {
                                     "fat_get_dentry[N]: access the out of range in directory "
                                     "space\nfat_get_uname[N]: Failed to get dentry!\n\n"}));
     }
-}
-
-TEST_P(FatGetUname, TellsAnEntryThatCannotBeRead) {
-    dir().append_long(u"A Long Name.text", "ALONGN~1TEX");
-    v.disk.unreadable = {dir().sectors[0]};
-    const nothing_left check;
-    EXPECT_EQ(get(id(), 0),
-              (answer_with_name{-EIO, u"",
-                                "get_dentry_with_clu[N]: cannot read sectors:(sector: " +
-                                    std::to_string(dir().sectors[0]) +
-                                    ")\nfat_get_uname[N]: Failed to get dentry!\n\n"}));
 }
 
 TEST_P(FatGetUname, TellsASlotThatCannotBeRead) {

@@ -2,6 +2,7 @@
 
 #include "tests/support/capture.h"
 #include "tests/support/faults.h"
+#include "tests/support/open_entries.h"
 #include "tests/support/volume.h"
 
 #include <gtest/gtest.h>
@@ -17,15 +18,6 @@ using namespace fat;
 using namespace testing_support;
 
 namespace {
-
-struct answer {
-    int result;
-    std::string said;
-    bool operator==(const answer &) const = default;
-};
-std::ostream &operator<<(std::ostream &out, const answer &a) {
-    return out << a.result << ", \"" << a.said << "\"";
-}
 
 const answer ABSENT = {-ENOENT, ""};
 
@@ -54,9 +46,7 @@ protected:
         return a;
     }
     answer found(u32 index) const {
-        return {static_cast<int>(index), "find_dentry_with_clu[N]: found index:(" +
-                                             std::to_string(dir.base()) + ", " +
-                                             std::to_string(index) + ")\n"};
+        return {static_cast<int>(index), found_at(dir.base(), index)};
     }
     // Both entrances give the same answer.
     answer find(std::string name, fat_name *record = nullptr) {
@@ -287,12 +277,6 @@ TEST_P(FindDentry, SlotsDoNotMatterToANameWithoutALongForm) {
 
 // ---- slots in any state -----------------------------------------------------------------------
 
-TEST_P(FindSlots, ChecksumIsNotLookedAt) {
-    dir.append(long_slot(0x41, u"ReadMe.txt", checksum_of("README~1TXT") ^ 0xFFU));
-    const u32 index = dir.append(short_entry("README~1TXT"));
-    EXPECT_EQ(find("ReadMe.txt"), found(index));
-}
-
 TEST_P(FindSlots, OrphanSlotsBelongToTheNextShortEntry) {
     dir.append(long_slots(u"ReadMe.txt", "README~1TXT"));
     const u32 index = dir.append(short_entry("OTHER   TXT"));
@@ -307,74 +291,6 @@ TEST_P(FindSlots, NameBehindOrphansAndDeletedEntriesIsFound) {
     dir.append(long_slots(std::u16string(30, u'p'), "PPPPPP~1   "));
     const u32 index = dir.append_long(u"ReadMe.txt", "README~1TXT");
     EXPECT_EQ(find("ReadMe.txt"), found(index));
-}
-
-TEST_P(FindSlots, OrdinalsPlaceTheUnitsInWhateverOrderTheyStand) {
-    const std::u16string name = A13 + B13 + u"Tail";
-    std::vector<entry_image> slots = long_slots(name, "AAAAAA~1   ");
-    std::vector<std::size_t> order = {0, 1, 2};
-    do {
-        dir.go_to(0);
-        for (const std::size_t slot : order) {
-            dir.append(slots[slot]);
-        }
-        const u32 index = dir.append(short_entry("AAAAAA~1   "));
-        EXPECT_EQ(find(narrow(name)), found(index)) << order[0] << order[1] << order[2];
-    } while (std::next_permutation(order.begin(), order.end()));
-}
-
-TEST_P(FindSlots, LaterSlotOfTheSameOrdinalWins) {
-    dir.append(long_slot(0x41, u"FirstName", 0));
-    dir.append(long_slot(0x41, u"SecondOne", 0));
-    const u32 index = dir.append(short_entry("NAME    TXT"));
-    EXPECT_EQ(find("FirstName"), ABSENT);
-    EXPECT_EQ(find("SecondOne"), found(index));
-}
-
-TEST_P(FindSlots, MarkOfTheLastSlotIsNotNeeded) {
-    dir.append(long_slot(0x01, u"ReadMe.txt", 0));
-    const u32 index = dir.append(short_entry("README~1TXT"));
-    EXPECT_EQ(find("ReadMe.txt"), found(index));
-}
-
-TEST_P(FindSlots, HighBitsOfTheAttributeDoNotHideASlot) {
-    for (const unsigned attr : {0x0FU, 0x4FU, 0x8FU, 0xCFU}) {
-        dir.go_to(0);
-        entry_image slot = long_slot(0x41, u"ReadMe.txt", 0);
-        slot[11] = static_cast<u8>(attr);
-        dir.append(slot);
-        const u32 index = dir.append(short_entry("README~1TXT"));
-        EXPECT_EQ(find("ReadMe.txt"), found(index)) << "attribute " << attr;
-    }
-}
-
-TEST_P(FindSlots, EntriesBetweenSlotsAndShortEntryUndoTheGathering) {
-    const std::pair<entry_image, std::string> between[] = {
-        {deleted(short_entry("GONE       ")), ""},
-        {deleted(long_slot(0x01, u"Gone", 0)), ""},
-        {short_entry("LABEL      ", LABEL), ""},
-        {short_entry("INVALID    ", LABEL | DIRECTORY),
-         "entry_type[N]: Unknown entry type: 24\n\n"},
-    };
-    for (const auto &[entry, message] : between) {
-        dir.go_to(0);
-        dir.append(long_slots(u"ReadMe.txt", "README~1TXT"));
-        dir.append(entry);
-        const u32 index = dir.append(short_entry("README~1TXT"));
-        EXPECT_EQ(find("ReadMe.txt"), (answer{-ENOENT, message}));
-        answer expected = found(index);
-        expected.said = message + expected.said;
-        EXPECT_EQ(find("README~1.TXT"), expected);
-    }
-}
-
-TEST_P(FindSlots, EntryBetweenTwoSlotsTakesOnlyTheFlagAway) {
-    // What the first slot wrote is still there when the second sets the flag again.
-    dir.append(long_slot(0x42, u"Tail", 0));
-    dir.append(deleted(short_entry("GONE       ")));
-    dir.append(long_slot(0x01, A13, 0));
-    const u32 index = dir.append(short_entry("AAAAAA~1   "));
-    EXPECT_EQ(find(narrow(A13 + u"Tail")), found(index));
 }
 
 TEST_P(FindSlots, SecondShortEntryBehindTheSlotsHasNoLongName) {
@@ -504,17 +420,6 @@ TEST(FindInAnOddRoot, LargeAreaIsWalkedToItsEnd) {
     EXPECT_EQ(said.text(), "find_dentry_with_clu[N]: found index:(0, 1023)\n");
 }
 
-TEST(FindInAnOddRoot, SmallAreaIsWalkedToItsEnd) {
-    volume v({.root_entries = 32});
-    directory root = v.root();
-    root.fill_up(short_entry("OTHER   TXT"));
-    diagnostics said;
-    char name[] = "LAST.TXT";
-    EXPECT_EQ(fat_find_dentry(&root.record, name, nullptr), -ENOENT);
-    EXPECT_EQ(said.text(), "get_phy_sector[N]: Invalid sector number in Root dir\n\n"
-                           "get_dentry_with_clu[N]: Failed to get entry sector!:(0, 32)\n\n");
-}
-
 // ---- failures ---------------------------------------------------------------------------------
 
 TEST_P(FindFails, ArgumentsMustBeThere) {
@@ -548,61 +453,11 @@ TEST_P(FindFails, LongFormThatIsNotAsciiCannotBeLookedFor) {
                                "find_dentry_with_clu[N]: Failed to get fatnames!\n\n"}));
 }
 
-TEST_P(FindFails, ClusterThatIsNoDirectory) {
-    char name[] = "README.TXT";
-    EXPECT_EQ(heard(find_dentry_with_clu(1, name, nullptr)),
-              (answer{-EINVAL, "get_phy_sector[N]: invalid start cluster number 1\n"
-                               "get_dentry_with_clu[N]: Failed to get entry sector!:(1, 0)\n\n"
-                               "find_dentry_with_clu[N]: fail to get dentry(1, 0):"
-                               "Invalid argument\n"}));
-    EXPECT_EQ(heard(find_dentry_with_clu(0xFFFFFFFF, name, nullptr)),
-              (answer{-EINVAL, "get_phy_sector[N]: NULL pointer or invalid xxx!\n\n"
-                               "get_dentry_with_clu[N]: Failed to get entry sector!:"
-                               "(4294967295, 0)\n\n"
-                               "find_dentry_with_clu[N]: fail to get dentry(4294967295, 0):"
-                               "Invalid argument\n"}));
-}
-
-TEST_P(FindFails, BrokenChainEndsTheWalkWithTheErrorOfTheAddress) {
-    dir.fill_up(short_entry("OTHER   TXT"));
-    const std::string end = "get_dentry_with_clu[N]: Failed to get entry sector!:(5, 32)\n\n"
-                            "find_dentry_with_clu[N]: fail to get dentry(5, 32):Invalid argument\n";
-    for (const u32 value : {1U, sv->num_clusters + 2, volume::bad_mark()}) {
-        v.set_link(9, value);
-        EXPECT_EQ(find("README.TXT"), (answer{-EINVAL, "fat_read_clus[N]: Invalid cluster!\n\n"
-                                                       "get_phy_sector[N]: invalid value -22\n" +
-                                                           end}));
-    }
-    v.set_link(9, 0);
-    EXPECT_EQ(find("README.TXT"), (answer{-EINVAL, "get_phy_sector[N]: invalid value 0\n" + end}));
-    v.disk.bad_sectors = {volume::fat_sector_of(5)};
-    EXPECT_EQ(find("README.TXT"),
-              (answer{-EINVAL, "fat_read_entry[N]: cannot read FAT\n\n"
-                               "get_phy_sector[N]: invalid value -5\n"
-                               "get_dentry_with_clu[N]: Failed to get entry sector!:(5, 16)\n\n"
-                               "find_dentry_with_clu[N]: fail to get dentry(5, 16):"
-                               "Invalid argument\n"}));
-}
-
 TEST_P(FindFails, NameInFrontOfTheDamageIsFound) {
     dir.fill_up(short_entry("OTHER   TXT"));
     dir.put(31, short_entry("README  TXT"));
     v.set_link(9, 1);
     EXPECT_EQ(find("README.TXT"), found(31));
-}
-
-TEST_P(FindFails, SectorThatCannotBeReadEndsTheWalk) {
-    dir.fill_up(short_entry("OTHER   TXT"));
-    for (const u32 bad : {0U, 1U, 2U}) {
-        v.disk.bad_sectors = {dir.sectors[bad]};
-        const std::string sector = std::to_string(dir.sectors[bad]);
-        const std::string index = std::to_string(16 * bad);
-        EXPECT_EQ(find("README.TXT"),
-                  (answer{-EIO, "get_dentry_with_clu[N]: cannot read sectors:(sector: " + sector +
-                                    ")\n"
-                                    "find_dentry_with_clu[N]: fail to get dentry(5, " +
-                                    index + "):Input/output error\n"}));
-    }
 }
 
 TEST_P(FindFails, OnlyANegativeResultOfAReadEndsTheWalk) {
@@ -1022,99 +877,6 @@ TEST_P(GetLongName, SlotsGoOnInTheNextSector) {
     }
 }
 
-TEST_P(GetLongName, OrdinalsOfTheOtherSlotsAreNotLookedAt) {
-    dir.append(long_slot(0x43, u"Tail", sum));
-    dir.append(long_slot(0x01, A13, sum));
-    dir.append(long_slot(0x3F, B13, sum));
-    dir.append(short_entry(DOS));
-    EXPECT_EQ(long_name(0), (answer{3, ""}));
-    EXPECT_EQ(name(), B13 + A13 + u"Tail");
-}
-
-TEST_P(GetLongName, AnythingButASlotInTheMiddleBreaksTheName) {
-    const std::pair<entry_image, std::string> between[] = {
-        {short_entry(DOS), ""},
-        {short_entry(DOS, DIRECTORY), ""},
-        {deleted(long_slot(0x02, A13, sum)), ""},
-        {short_entry("LABEL      ", LABEL), ""},
-        {entry_image{}, ""},
-        {short_entry("INVALID    ", LABEL | DIRECTORY),
-         "entry_type[N]: Unknown entry type: 24\n\n"},
-    };
-    for (const auto &[broken, message] : between) {
-        dir.go_to(0);
-        dir.append(long_slot(0x43, u"Tail", sum));
-        dir.append(broken);
-        dir.append(long_slot(0x01, A13, sum));
-        dir.append(short_entry(DOS));
-        EXPECT_EQ(long_name(0), (answer{0, message}));
-        EXPECT_EQ(units[0], 0);
-        EXPECT_TRUE(stands_at(1));
-    }
-}
-
-TEST_P(GetLongName, SecondLastSlotBreaksTheName) {
-    dir.append(long_slot(0x43, u"Tail", sum));
-    dir.append(long_slot(0x42, A13, sum));
-    dir.append(long_slot(0x01, B13, sum));
-    dir.append(short_entry(DOS));
-    EXPECT_EQ(long_name(0), none);
-    EXPECT_EQ(units[0], CANARY) << "no name was begun, and none is emptied";
-    EXPECT_TRUE(stands_at(1));
-    // From there on it is a name.
-    EXPECT_EQ(long_name(1), (answer{2, ""}));
-    EXPECT_EQ(name(), B13 + A13);
-}
-
-TEST_P(GetLongName, OtherChecksumInTheMiddleBreaksTheName) {
-    dir.append(short_entry("OTHER   TXT"));
-    dir.append(long_slot(0x43, u"Tail", sum));
-    dir.append(long_slot(0x02, A13, sum));
-    dir.append(long_slot(0x01, B13, wrong(DOS)));
-    dir.append(short_entry(DOS));
-    EXPECT_EQ(long_name(1), mismatch(3));
-    EXPECT_TRUE(stands_at(3));
-}
-
-TEST_P(GetLongName, OtherChecksumThanThatOfTheShortEntryEmptiesTheName) {
-    dir.append(short_entry("OTHER   TXT"));
-    dir.append(long_slot(0x42, u"Tail", wrong(DOS)));
-    dir.append(long_slot(0x01, A13, wrong(DOS)));
-    dir.append(short_entry(DOS));
-    EXPECT_EQ(long_name(1), mismatch(3));
-    EXPECT_EQ(units[0], 0);
-    EXPECT_TRUE(stands_at(3));
-}
-
-TEST_P(GetLongName, SlotsWithoutAShortEntryAreNoName) {
-    const std::pair<entry_image, std::string> behind[] = {
-        {deleted(short_entry(DOS)), ""},
-        {entry_image{}, ""},
-        {long_slot(0x41, A13, sum), ""},
-        {short_entry(DOS, LABEL), ""},
-        {short_entry(DOS, LABEL | DIRECTORY), "entry_type[N]: Unknown entry type: 24\n\n"},
-    };
-    for (const auto &[last, message] : behind) {
-        dir.go_to(0);
-        dir.append(long_slot(0x42, u"Tail", sum));
-        dir.append(long_slot(0x01, A13, sum));
-        dir.append(last);
-        EXPECT_EQ(long_name(0), (answer{0, message}));
-        EXPECT_TRUE(stands_at(2));
-    }
-}
-
-TEST_P(GetLongName, CountBelowOneMeansNoName) {
-    for (const unsigned ordinal : {0x40U, 0x3FU, 0x02U, 0x01U}) {
-        dir.go_to(0);
-        dir.append(long_slot(ordinal, A13, sum));
-        dir.fill_up(long_slot(0x01, B13, sum));
-        EXPECT_EQ(long_name(0), none) << "ordinal " << ordinal;
-        EXPECT_TRUE(stands_at(0)) << "ordinal " << ordinal;
-        EXPECT_EQ(v.disk.log.size(), 0U) << "ordinal " << ordinal;
-    }
-}
-
 TEST_P(GetLongName, UnitsBehindThe256thAreLeftOut) {
     std::u16string wide;
     for (unsigned k = 63; k >= 1; k--) {
@@ -1126,18 +888,6 @@ TEST_P(GetLongName, UnitsBehindThe256thAreLeftOut) {
     EXPECT_EQ(long_name(0), (answer{63, ""}));
     EXPECT_EQ(std::u16string(units.begin(), units.begin() + 256), wide.substr(0, 256));
     EXPECT_TRUE(stands_at(index));
-}
-
-TEST_P(GetLongName, CountBeyondTheSlotsBreaksTheName) {
-    for (const unsigned ordinal : {0x43U, 0x7FU, 0xC2U, 0xFFU}) {
-        dir.go_to(0);
-        dir.append(long_slot(ordinal, u"Tail", sum));
-        dir.append(long_slot(0x01, A13, sum));
-        dir.append(short_entry(DOS));
-        EXPECT_EQ(long_name(0), none) << "ordinal " << ordinal;
-        EXPECT_EQ(units[0], 0);
-        EXPECT_TRUE(stands_at(2));
-    }
 }
 
 TEST_P(GetLongName, ReadFailuresComeThrough) {

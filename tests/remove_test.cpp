@@ -484,23 +484,6 @@ TEST_F(IsEmptyDirectory, DirectoryWithoutEntriesBehindTheDotsGivesZero) {
     EXPECT_EQ(is_empty_dir(&dir.record), -ENOTEMPTY);
 }
 
-TEST_F(IsEmptyDirectory, EndOfTheChainEndsTheWalk) {
-    directory dir = v.sub_directory({5, 6});
-    dir.record.allocated += 2048;
-    EXPECT_EQ(called([&dir] { return is_empty_dir(&dir.record); }),
-              came_to(1, "get_dentry_with_clu[N]: Failed to get entry sector!:(5, 128)\n\n"));
-}
-
-TEST_F(IsEmptyDirectory, BrokenChainIsItsError) {
-    directory dir = v.sub_directory({5, 6});
-    v.set_link(5, 1);
-    EXPECT_EQ(called([&dir] { return is_empty_dir(&dir.record); }),
-              came_to(-EINVAL, "fat_read_clus[N]: Invalid cluster!\n\n"
-                               "get_phy_sector[N]: invalid value -22\n"
-                               "get_dentry_with_clu[N]: Failed to get entry sector!:(5, 64)\n\n" +
-                                   NOT_A_DIRECTORY));
-}
-
 TEST_F(IsEmptyDirectory, SectorBufferNeedsMemory) {
     directory dir = v.sub_directory({5});
     const failing_allocation none(0);
@@ -688,14 +671,6 @@ TEST_F(GetNameOfEntry, LongNameIsGatheredFromItsSlots) {
     EXPECT_EQ(text(), "abcdefghi.JKL");
 }
 
-// The units begin with the terminating zero: that is the name.
-TEST_F(GetNameOfEntry, EmptyLongNameStandsForTheShortOne) {
-    v.top.append(long_slot(0x41, u"", checksum_of("NAME~1     ")));
-    v.top.append(short_entry("NAME~1     "));
-    EXPECT_EQ(ask(1), came_to(0));
-    EXPECT_EQ(text(), "");
-}
-
 TEST_F(GetNameOfEntry, DirectoryHasANameToo) {
     directory dir = v.sub_directory({5, 6});
     dir.go_to(63);
@@ -743,50 +718,6 @@ TEST_F(GetNameOfEntry, NameMayLackItsLastSlotAtTheBeginningOfTheDirectory) {
     EXPECT_EQ(text(), std::string(26, 'y'));
 }
 
-TEST_F(GetNameOfEntry, SlotsOfAnotherNameAreNotTaken) {
-    v.top.append(long_slots(u"Some long name", "OTHER~1    "));
-    v.top.append(short_entry("SOMELO~1   "));
-    EXPECT_EQ(ask(2), came_to(0, NO_SLOT));
-    EXPECT_EQ(text(), "SOMELO~1");
-}
-
-TEST_F(GetNameOfEntry, NameWithALostSlotIsTheShortOne) {
-    std::vector<entry_image> slots = long_slots(std::u16string(30, u'y'), "YYYYYY~1   ");
-    for (const entry_image &instead :
-         {entry_image{}, deleted(slots[1]), short_entry("OTHER      ")}) {
-        v.top.go_to(0);
-        v.top.append(slots[0]);
-        v.top.append(instead);
-        v.top.append(slots[2]);
-        v.top.append(short_entry("YYYYYY~1   "));
-        EXPECT_EQ(ask(3), came_to(0, NO_SLOT));
-        EXPECT_EQ(text(), "YYYYYY~1");
-    }
-}
-
-TEST_F(GetNameOfEntry, SlotsAreGatheredByTheirOrdinalsUpToTheLastOne) {
-    const u8 sum = checksum_of("NAME~1     ");
-    v.top.append(long_slot(0x41, u"notthisone", sum));
-    v.top.append(long_slot(0x43, u"ccc", sum));
-    v.top.append(long_slot(0x01, u"aaaaaaaaaaaaa", sum));
-    v.top.append(long_slot(0x02, u"bbbbbbbbbbbbb", sum));
-    v.top.append(short_entry("NAME~1     "));
-    EXPECT_EQ(ask(4), came_to(0));
-    EXPECT_EQ(text(), "aaaaaaaaaaaaabbbbbbbbbbbbbccc");
-}
-
-TEST_F(GetNameOfEntry, OrdinalsThatAreNoneAreLeftOut) {
-    const u8 sum = checksum_of("NAME~1     ");
-    for (const unsigned ordinal : {0x15U, 0x3FU, 0x80U, 0xBFU}) {
-        v.top.go_to(0);
-        v.top.append(long_slot(0x41, u"Name", sum));
-        v.top.append(long_slot(ordinal, u"zzz", sum));
-        v.top.append(short_entry("NAME~1     "));
-        EXPECT_EQ(ask(2), came_to(0)) << ordinal;
-        EXPECT_EQ(text(), "Name");
-    }
-}
-
 TEST_F(GetNameOfEntry, UnitsThatAsciiDoesNotHaveAreQuestionMarks) {
     const u32 index = v.top.append_long(u"\u00E4\u4E2D.txt", "NAME~1  TXT");
     EXPECT_EQ(ask(index), came_to(0));
@@ -804,31 +735,6 @@ TEST_F(GetNameOfEntry, EntryThatIsNeitherFileNorDirectoryIsNotFound) {
     }
     v.top.append(short_entry("INVALID    ", LABEL | DIRECTORY));
     EXPECT_EQ(ask(4), came_to(-ENOENT, "entry_type[N]: Unknown entry type: 24\n\n" + NO_SLOT));
-}
-
-TEST_F(GetNameOfEntry, IndexBehindTheEndIsNotFound) {
-    EXPECT_EQ(ask(512),
-              came_to(-ENOENT, "get_phy_sector[N]: Invalid sector number in Root dir\n\n"
-                               "get_dentry_with_clu[N]: Failed to get entry sector!:(0, 512)\n\n" +
-                                   NO_SLOT));
-    v.chain({5});
-    EXPECT_EQ(ask(64, 5),
-              came_to(-ENOENT,
-                      "get_dentry_with_clu[N]: Failed to get entry sector!:(5, 64)\n\n" + NO_SLOT));
-}
-
-TEST_F(GetNameOfEntry, EntryThatCannotBeReachedIsItsError) {
-    EXPECT_EQ(ask(3, 1),
-              came_to(-EINVAL, "get_phy_sector[N]: invalid start cluster number 1\n"
-                               "get_dentry_with_clu[N]: Failed to get entry sector!:(1, 3)\n\n"
-                               "get_name_of_entry[N]: fail to get dentry(1, 3):Invalid "
-                               "argument\n\n"));
-    v.disk.unreadable = {v.top.sectors[0]};
-    EXPECT_EQ(ask(3), came_to(-EIO, "get_dentry_with_clu[N]: cannot read sectors:(sector: " +
-                                        std::to_string(v.top.sectors[0]) +
-                                        ")\n"
-                                        "get_name_of_entry[N]: fail to get dentry(0, "
-                                        "3):Input/output error\n\n"));
 }
 
 TEST_F(GetNameOfEntry, SectorBufferNeedsMemory) {
