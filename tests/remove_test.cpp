@@ -20,7 +20,15 @@ protected:
 using Unlink = namespace_test;
 using RemoveEntry = namespace_test;
 using DoDelete = namespace_test;
-using RemovePath = namespace_test;
+class RemovePath : public namespace_test {
+protected:
+    void expect_both(const char *path, int result, std::string words) {
+        const std::size_t name = words.find('%');
+        EXPECT_EQ(rm_entry(path),
+                  came_to(result, std::string(words).replace(name, 1, "fat_rm_entry")));
+        EXPECT_EQ(unlink(path), came_to(result, words.replace(name, 1, "fat_unlink")));
+    }
+};
 using UnlinkAnyShape = namespace_on_any_shape;
 INSTANTIATE_TEST_SUITE_P(Shapes, UnlinkAnyShape, testing::ValuesIn(many_shapes()), shape_name);
 
@@ -262,63 +270,48 @@ TEST_F(RemovePath, DotEntriesAreEntries) {
 
 // ---- paths ------------------------------------------------------------------------------------
 
-TEST_F(RemovePath, NullAndTooLongPathsAreRefused) {
-    v.disk.log.clear();
-    EXPECT_EQ(unlink(nullptr), came_to(-EINVAL, "fat_unlink[N]: NULL path!\n\n"));
-    EXPECT_EQ(rm_entry(nullptr), came_to(-EINVAL, "fat_rm_entry[N]: NULL path!\n\n"));
-    for (const std::string &path : {std::string(261, 'a'), std::string(1000, '/')}) {
-        EXPECT_EQ(unlink(path), came_to(-ENAMETOOLONG, "fat_unlink[N]: Too long path!\n\n"));
-        EXPECT_EQ(rm_entry(path), came_to(-ENAMETOOLONG, "fat_rm_entry[N]: Too long path!\n\n"));
-    }
-    EXPECT_TRUE(v.disk.log.empty());
-    EXPECT_EQ(unlink(std::string(260, 'a')),
-              came_to(-ENOENT, "fat_unlink[N]: Cannot find entry!\n\n"));
-    EXPECT_EQ(rm_entry(std::string(260, 'a')),
-              came_to(-ENOENT, "fat_rm_entry[N]: Cannot find entry!\n\n"));
-}
-
-TEST_F(RemovePath, MissingNameIsNotFound) {
-    EXPECT_EQ(unlink("missing"), came_to(-ENOENT, "fat_unlink[N]: Cannot find entry!\n\n"));
-    EXPECT_EQ(rm_entry("/./missing"), came_to(-ENOENT, "fat_rm_entry[N]: Cannot find entry!\n\n"));
-}
-
-TEST_F(RemovePath, MissingParentIsNotFound) {
-    EXPECT_EQ(unlink("missing/name"), came_to(-ENOENT, "fat_unlink[N]: Cannot lookup parent!\n\n"));
-    EXPECT_EQ(rm_entry("missing/name"),
-              came_to(-ENOENT, "fat_rm_entry[N]: Cannot lookup parent!\n\n"));
-}
-
-TEST_F(RemovePath, ForbiddenNamesAreRefused) {
+// Both calls refuse a path in the same words, each under its own name (%).
+TEST_F(RemovePath, EachPathIsRefusedByBothCalls) {
+    enter_directory({5}).append(short_entry("FILE       ", ARCHIVE, 7, 10));
+    v.chain({7});
+    ASSERT_EQ(fat_set_current(0), 0);
+    const std::string no_entry = "%[N]: Cannot find entry!\n\n";
+    const std::string no_parent = "%[N]: Cannot lookup parent!\n\n";
+    const std::string too_long = "%[N]: Too long path!\n\n";
+    const std::string no_directory = found(0, 0) + "fat_find_dentry[N]: Check Here!\n\n";
     const std::string forbidden = "verify_valid_name[N]: Check here!\n\n"
                                   "fat_path_lookup[N]: Check here!\n\n"
                                   "wrong file name: a*\n";
-    EXPECT_EQ(unlink("a*"),
-              came_to(-EINVAL, forbidden + "fat_unlink[N]: Cannot lookup parent!\n\n"));
-    EXPECT_EQ(rm_entry("a*"),
-              came_to(-EINVAL, forbidden + "fat_rm_entry[N]: Cannot lookup parent!\n\n"));
-}
-
-TEST_F(RemovePath, PathsLeadOneLevelDeepOnly) {
-    directory &inside = enter_directory({5});
-    inside.append(short_entry("FILE       ", ARCHIVE, 7, 10));
-    v.chain({7});
-    ASSERT_EQ(fat_set_current(0), 0);
-    const std::string no_directory = found(0, 0) + "fat_find_dentry[N]: Check Here!\n\n";
+    const struct {
+        std::string path;
+        int result;
+        std::string said;
+    } rows[] = {
+        {std::string(261, 'a'), -ENAMETOOLONG, too_long},
+        {std::string(1000, '/'), -ENAMETOOLONG, too_long},
+        {std::string(260, 'a'), -ENOENT, no_entry},
+        {"missing", -ENOENT, no_entry},
+        {"/./missing", -ENOENT, no_entry},
+        {"missing/name", -ENOENT, no_parent},
+        {"a*", -EINVAL, forbidden + no_parent},
+        // Paths lead one level deep only, and the root has no name.
+        {"dir/file", -EINVAL, no_directory + no_entry},
+        {"/dir/file", -EINVAL, no_directory + no_entry},
+        {"/", -EINVAL, empty_name() + no_entry},
+        {"", -EINVAL, empty_name() + no_entry},
+        {"///", -EINVAL, empty_name() + no_entry},
+    };
     v.disk.log.clear();
-    EXPECT_EQ(unlink("dir/file"),
-              came_to(-EINVAL, no_directory + "fat_unlink[N]: Cannot find entry!\n\n"));
-    EXPECT_EQ(rm_entry("/dir/file"),
-              came_to(-EINVAL, no_directory + "fat_rm_entry[N]: Cannot find entry!\n\n"));
-    EXPECT_TRUE(nothing_written());
-}
-
-TEST_F(RemovePath, RootHasNoNameToRemove) {
-    for (const std::string path : {"/", "", "///"}) {
-        EXPECT_EQ(unlink(path),
-                  came_to(-EINVAL, empty_name() + "fat_unlink[N]: Cannot find entry!\n\n"));
-        EXPECT_EQ(rm_entry(path),
-                  came_to(-EINVAL, empty_name() + "fat_rm_entry[N]: Cannot find entry!\n\n"));
+    for (const auto &[path, result, words] : rows) {
+        expect_both(path.c_str(), result, words);
     }
+    expect_both(nullptr, -EINVAL, "%[N]: NULL path!\n\n");
+    EXPECT_TRUE(nothing_written());
+    oentry *root = std::exchange(sv->root_dir, nullptr);
+    expect_both("a", -EFAULT, "fat_path_lookup[N]: current directory isn't setup\n" + no_parent);
+    sv->root_dir = root;
+    fat_close_volume(0);
+    expect_both("a", -EINVAL, "%[N]: Check here!\n\n");
 }
 
 TEST_F(RemovePath, RecordMadeForADotPathIsFreed) {
@@ -334,18 +327,6 @@ TEST_F(RemovePath, RecordMadeForADotPathIsFreed) {
     EXPECT_EQ(rm_entry("./missing").result, -ENOENT);
     EXPECT_EQ(unlink("./a:b").result, -EINVAL);
     EXPECT_EQ(meter.live_blocks(), 0);
-}
-
-TEST_F(RemovePath, NothingIsRemovedWithoutAVolumeOrARoot) {
-    oentry *root = std::exchange(sv->root_dir, nullptr);
-    const std::string no_root = "fat_path_lookup[N]: current directory isn't setup\n";
-    EXPECT_EQ(unlink("a"), came_to(-EFAULT, no_root + "fat_unlink[N]: Cannot lookup parent!\n\n"));
-    EXPECT_EQ(rm_entry("a"),
-              came_to(-EFAULT, no_root + "fat_rm_entry[N]: Cannot lookup parent!\n\n"));
-    sv->root_dir = root;
-    fat_close_volume(0);
-    EXPECT_EQ(unlink("a"), came_to(-EINVAL, "fat_unlink[N]: Check here!\n\n"));
-    EXPECT_EQ(rm_entry("a"), came_to(-EINVAL, "fat_rm_entry[N]: Check here!\n\n"));
 }
 
 // ---- deleting by index ------------------------------------------------------------------------
