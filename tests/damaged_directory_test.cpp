@@ -54,6 +54,7 @@ const std::string UNTOUCHED_UNITS = "#";
 std::vector<name_row> name_rows() {
     const entry_image file = short_entry("OTHER      ");
     const entry_image label = short_entry("LABEL      ", LABEL);
+    const entry_image blank_label = short_entry("           ", LABEL);
     const entry_image invalid = short_entry("INVALID    ", LABEL | DIRECTORY);
     const auto n = before_entry;
     const std::string &none = UNTOUCHED_UNITS;
@@ -121,6 +122,7 @@ std::vector<name_row> name_rows() {
         {"DeletedBetween", with_between(deleted(file)), "", {0, "One", 1}, S, S, S},
         {"DeletedSlotBetween", with_between(deleted(a1)), "", {0, "One", 1}, S, S, S},
         {"LabelBetween", with_between(label), "", {0, "One", 1}, S, S, S},
+        {"BlankLabelBetween", with_between(blank_label), "", {0, "One", 1}, S, S, S},
         {"InvalidBetween", with_between(invalid), "", {0, "One", 1}, S, S, S},
         {"DeletedAtTheEnd", with_end(deleted(file)), "", {0, at, 2}, S, S, S},
         {"LabelAtTheEnd", with_end(label), "", {0, at, 2}, S, S, S},
@@ -130,7 +132,7 @@ std::vector<name_row> name_rows() {
     };
 }
 
-// The entries of a row in the root directory, behind deleted ones: at its beginning, or over the
+// The entries of a row in the root directory, after deleted ones: at its beginning, or over the
 // border of two sectors.
 class DamagedName : public testing::TestWithParam<std::tuple<name_row, volume_shape>> {
 protected:
@@ -433,7 +435,7 @@ INSTANTIATE_TEST_SUITE_P(Rows, DamagedWalk, testing::ValuesIn(walks_on_shapes())
 
 } // namespace
 
-TEST_P(DamagedWalk, EndsWithTheReasonAndTheWordsOfTheCall) {
+TEST_P(DamagedWalk, PrintsTheReasonAndTheWordsOfTheCall) {
     for (const walking_call &call : WALKING_CALLS) {
         if ((row.result == -EFAULT && call.at_end == GROWS) ||
             (row.is_root_area && call.skips_dots)) {
