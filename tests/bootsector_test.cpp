@@ -2,9 +2,11 @@
 // sector leaves in the volume record.
 
 #include "fat/internal.h"
+#include "tests/support/boot_sector.h"
 #include "tests/support/capture.h"
 #include "tests/support/files.h"
 #include "tests/support/ram_disk.h"
+#include "tests/support/rows.h"
 
 #include <gtest/gtest.h>
 
@@ -20,71 +22,58 @@ using namespace testing_support;
 namespace {
 
 constexpr std::uint64_t MIB = 1024 * 1024;
+constexpr std::uint32_t VOLUME_ID = 0x89ABCDEF;
 
-fat_format_param request() {
+// What a request may differ in from the usual one.
+struct request {
+    std::uint32_t fat_size = 0;
+    std::uint32_t sector_size = 4096;
+    std::uint32_t sec_per_clus = 1;
+    std::uint32_t page_size = 4096;
+    std::uint32_t root_entries = 512;
+    std::uint32_t nr_fat = 2;
+    std::uint32_t sector_of_bkup = 0;
+};
+fat_format_param param_of(const request &asked) {
     fat_format_param param = {};
-    param.sec_per_clus = 1;
-    param.sector_size = 4096;
-    param.page_size = 4096;
-    param.root_entries = 512;
+    param.fat_size = asked.fat_size;
+    param.sec_per_clus = asked.sec_per_clus;
+    param.sector_size = asked.sector_size;
+    param.page_size = asked.page_size;
+    param.root_entries = asked.root_entries;
     param.nr_rsvd_sec = 1;
-    param.nr_fat = 2;
-    param.volume_id = 0x89ABCDEF;
+    param.nr_fat = asked.nr_fat;
+    param.sector_of_bkup = asked.sector_of_bkup;
+    param.volume_id = VOLUME_ID;
     std::memcpy(param.volume_label, "MY VOLUME  ", 12);
     return param;
 }
 
-// The geometry of the open volume.
-struct geometry {
-    std::uint32_t fat_type;
-    std::uint32_t fat_size;
-    std::uint32_t total_sectors;
-    std::uint32_t num_clusters;
-    std::uint32_t sector_size;
-    std::uint32_t sec_per_clus;
-    std::uint32_t root_clus;
-    std::uint32_t fat_start;
-    std::uint32_t rdir_start;
-    std::uint32_t data_start;
-    std::uint32_t pbr_start;
-    bool operator==(const geometry &) const = default;
-};
-std::ostream &operator<<(std::ostream &out, const geometry &g) {
-    return out << "{FAT" << g.fat_type << " of " << g.fat_size << " sectors, total "
-               << g.total_sectors << ", clusters " << g.num_clusters << ", sectors of "
-               << g.sector_size << " bytes, clusters of " << g.sec_per_clus << ", root cluster "
-               << g.root_clus << ", FAT at " << g.fat_start << ", root at " << g.rdir_start
-               << ", data at " << g.data_start << ", boot sector at " << g.pbr_start << "}";
-}
-geometry of_volume() {
-    return {sv->fat_type,    sv->fat_size,     sv->total_sectors, sv->num_clusters,
-            sv->sector_size, sv->sec_per_clus, sv->root_clus,     sv->fat_start,
-            sv->rdir_start,  sv->data_start,   sv->pbr_start};
+void put_text(bytes *sector, std::size_t offset, std::string_view text) {
+    for (const char c : text) {
+        sector->at(offset++) = static_cast<std::uint8_t>(c);
+    }
 }
 
-// A sector in which stretches of bytes are expected and everything else is zero.
-class sector_picture {
-public:
-    explicit sector_picture(std::size_t size) : bytes_(size) {}
-    sector_picture &at(std::size_t offset, std::initializer_list<int> values) {
-        for (const int value : values) {
-            bytes_.at(offset++) = static_cast<std::uint8_t>(value);
-        }
-        return *this;
+// A sector with these numbers, the fields that never differ, and zeros everywhere else.
+bytes formatted(const boot_numbers &numbers) {
+    bytes sector = boot_sector_of(numbers);
+    sector.resize(numbers.sector_size);
+    const bool is_wide = numbers.fat_size_16 == 0;
+    const std::size_t extended = is_wide ? 64 : 36; // drive number, reserved, signature, ...
+    put_text(&sector, 0, is_wide ? "\xEB\x58\x90Torvik  " : "\xEB\x3C\x90Torvik  ");
+    put_number(&sector, 21, 1, 0xF8); // media
+    put_number(&sector, 24, 2, 8);    // sectors per track
+    put_number(&sector, 26, 2, 1);    // heads
+    if (is_wide) {
+        put_number(&sector, 48, 2, 1); // FSInfo sector
+        put_number(&sector, 50, 2, 6); // backup boot sector
     }
-    sector_picture &at(std::size_t offset, std::string_view text) {
-        for (const char c : text) {
-            bytes_.at(offset++) = static_cast<std::uint8_t>(c);
-        }
-        return *this;
-    }
-    [[nodiscard]] const bytes &content() const {
-        return bytes_;
-    }
-
-private:
-    bytes bytes_;
-};
+    put_number(&sector, extended + 2, 1, 0x29);
+    put_number(&sector, extended + 3, 4, VOLUME_ID);
+    put_text(&sector, extended + 7, "MY VOLUME  ");
+    return sector;
+}
 
 // Where two sectors differ: "offset: is, should be".
 std::string differences(const bytes &is, const bytes &should_be) {
@@ -103,8 +92,13 @@ std::string differences(const bytes &is, const bytes &should_be) {
 
 class CreatePbr : public testing::Test {
 protected:
-    // The boot sector for `param` on a target of `target_bytes`. The buffer is exactly one sector.
-    bytes boot_sector(std::uint64_t target_bytes) {
+    // The boot sector for a request on a target of `target_bytes`. The buffer is exactly one
+    // sector.
+    bytes boot_sector(std::uint64_t target_bytes, const request &asked = {}) {
+        param = param_of(asked);
+        return boot_sector_for_param(target_bytes);
+    }
+    bytes boot_sector_for_param(std::uint64_t target_bytes) {
         disk_.reset();
         disk_ = std::make_unique<ram_disk>(target_bytes);
         bytes sector(param.sector_size);
@@ -114,7 +108,7 @@ protected:
         return sector;
     }
 
-    fat_format_param param = request();
+    fat_format_param param = param_of({});
 
 private:
     diagnostics said_;
@@ -129,172 +123,113 @@ std::uint32_t field(const bytes &sector, std::size_t offset, std::size_t size) {
     return value;
 }
 
+// ---- whole sectors ----------------------------------------------------------------------------
+
+// The numbers of a sector, and the geometry that they give.
+struct layout {
+    boot_numbers numbers;
+    geometry volume;
+};
+const layout FAT16_OF_64_MIB = {{4096, 1, 1, 2, 512, 16384, 8, 0, 0, 0, "FAT16   "},
+                                {16, 8, 16384, 16363, 4096, 1, 0, 1, 17, 21}};
+// The width is chosen by the number of clusters.
+const layout FAT32_OF_512_MIB = {{4096, 1, 32, 2, 0, 0, 0, 131072, 128, 2, "FAT32   "},
+                                 {32, 128, 131072, 130784, 4096, 1, 2, 32, 288, 288}};
+
+struct layout_row : named_row {
+    request asked;
+    std::uint64_t target; // bytes
+    layout made;
+};
+
+const layout_row LAYOUTS[] = {
+    {"Fat16WithLargeSectors", {}, 64 * MIB, FAT16_OF_64_MIB},
+    {"Fat16WithSmallSectors",
+     {.sector_size = 512, .sec_per_clus = 8},
+     64 * MIB,
+     {{512, 8, 8, 2, 512, 0, 64, 131072, 0, 0, "FAT16   "},
+      {16, 64, 131072, 16363, 512, 8, 0, 8, 136, 168}}},
+    {"Fat16WithEntriesThatFillTheArea",
+     {.page_size = 8192, .root_entries = 500},
+     64 * MIB,
+     {{4096, 1, 2, 2, 512, 16384, 8, 0, 0, 0, "FAT16   "},
+      {16, 8, 16384, 16362, 4096, 1, 0, 2, 18, 22}}},
+    {"Fat16HasNoBackupSector", {.sector_of_bkup = 6}, 64 * MIB, FAT16_OF_64_MIB},
+    {"OneByteAfterTheLastSector", {}, 64 * MIB + 1, FAT16_OF_64_MIB},
+    {"HalfASectorAfterTheLastOne", {}, 64 * MIB + 511, FAT16_OF_64_MIB},
+    {"ASmallSectorAfterTheLastOne", {}, 64 * MIB + 512, FAT16_OF_64_MIB},
+    {"AlmostASectorAfterTheLastOne", {}, 64 * MIB + 4095, FAT16_OF_64_MIB},
+    {"AnOddSector", {}, 64 * MIB + 4096, FAT16_OF_64_MIB},
+    {"AlmostTwoSectors", {}, 64 * MIB + 8191, FAT16_OF_64_MIB},
+    {"Fat32WithLargeSectors", {}, 512 * MIB, FAT32_OF_512_MIB},
+    {"Fat32WithSmallSectors",
+     {.fat_size = 32, .sector_size = 512, .sec_per_clus = 8, .root_entries = 0},
+     8192 * MIB,
+     {{512, 8, 32, 2, 0, 0, 0, 16777216, 16360, 2, "FAT32   "},
+      {32, 16360, 16777216, 2093058, 512, 8, 2, 32, 32752, 32752}}},
+    {"Fat32BackupAskedInSector6", {.sector_of_bkup = 6}, 512 * MIB, FAT32_OF_512_MIB},
+    {"Fat32BackupAskedInSector7", {.sector_of_bkup = 7}, 512 * MIB, FAT32_OF_512_MIB},
+    {"Fat32BackupAskedInSector99", {.sector_of_bkup = 99}, 512 * MIB, FAT32_OF_512_MIB},
+    {"Fat32BackupAskedInTheLast", {.sector_of_bkup = 0xFFFFFFFF}, 512 * MIB, FAT32_OF_512_MIB},
+};
+
+class PbrLayout : public CreatePbr, public testing::WithParamInterface<layout_row> {};
+INSTANTIATE_TEST_SUITE_P(Requests, PbrLayout, testing::ValuesIn(LAYOUTS), row_name<layout_row>);
+
 } // namespace
 
-// ---- FAT16 ------------------------------------------------------------------------------------
-
-TEST_F(CreatePbr, Fat16WithLargeSectorsIsTheTableAndNothingElse) {
-    // 16384 sectors: 1 reserved, FATs of 8, root area of 4.
-    const bytes sector = boot_sector(64 * MIB);
-    const bytes expected = sector_picture(4096)
-                               .at(0, {0xEB, 0x3C, 0x90})
-                               .at(3, "Torvik  ")
-                               .at(11, {0x00, 0x10})             // bytes per sector
-                               .at(13, {1})                      // sectors per cluster
-                               .at(14, {1, 0})                   // reserved sectors
-                               .at(16, {2})                      // FATs
-                               .at(17, {0x00, 0x02})             // root entries
-                               .at(19, {0x00, 0x40})             // total sectors, 16 bits
-                               .at(21, {0xF8})                   // media
-                               .at(22, {8, 0})                   // FAT size
-                               .at(24, {8, 0})                   // sectors per track
-                               .at(26, {1, 0})                   // heads
-                               .at(28, {0, 0, 0, 0})             // hidden sectors
-                               .at(32, {0, 0, 0, 0})             // total sectors, 32 bits
-                               .at(36, {0x00, 0, 0x29})          // drive, reserved, signature
-                               .at(39, {0xEF, 0xCD, 0xAB, 0x89}) // volume id
-                               .at(43, "MY VOLUME  ")
-                               .at(54, "FAT16   ")
-                               .at(510, {0x55, 0xAA})
-                               .content();
-    EXPECT_EQ(differences(sector, expected), "");
-    EXPECT_EQ(of_volume(), (geometry{.fat_type = 16,
-                                     .fat_size = 8,
-                                     .total_sectors = 16384,
-                                     .num_clusters = 16363,
-                                     .sector_size = 4096,
-                                     .sec_per_clus = 1,
-                                     .root_clus = 0,
-                                     .fat_start = 1,
-                                     .rdir_start = 17,
-                                     .data_start = 21,
-                                     .pbr_start = 0}));
+TEST_P(PbrLayout, IsTheRowAndNothingElse) {
+    const layout_row &row = GetParam();
+    EXPECT_EQ(differences(boot_sector(row.target, row.asked), formatted(row.made.numbers)), "");
+    EXPECT_EQ(geometry_of_volume(), row.made.volume);
+    EXPECT_EQ(param.fat_size, row.made.volume.fat_type);
+    EXPECT_EQ(param.nr_rsvd_sec, row.made.numbers.reserved);
+    EXPECT_EQ(param.root_entries, row.made.numbers.root_entries);
+    EXPECT_EQ(param.sector_of_bkup, row.asked.sector_of_bkup);
 }
 
-TEST_F(CreatePbr, Fat16WithSmallSectorsIsTheTableAndNothingElse) {
-    // 131072 sectors: 8 reserved, FATs of 64, root area of 32.
-    param.sector_size = 512;
-    param.sec_per_clus = 8;
-    const bytes sector = boot_sector(64 * MIB);
-    const bytes expected = sector_picture(512)
-                               .at(0, {0xEB, 0x3C, 0x90})
-                               .at(3, "Torvik  ")
-                               .at(11, {0x00, 0x02})
-                               .at(13, {8})
-                               .at(14, {8, 0})
-                               .at(16, {2})
-                               .at(17, {0x00, 0x02})
-                               .at(19, {0, 0})
-                               .at(21, {0xF8})
-                               .at(22, {64, 0})
-                               .at(24, {8, 0, 1, 0})
-                               .at(32, {0x00, 0x00, 0x02, 0x00})
-                               .at(36, {0x00, 0, 0x29, 0xEF, 0xCD, 0xAB, 0x89})
-                               .at(43, "MY VOLUME  FAT16   ")
-                               .at(510, {0x55, 0xAA})
-                               .content();
-    EXPECT_EQ(differences(sector, expected), "");
-    EXPECT_EQ(of_volume(), (geometry{.fat_type = 16,
-                                     .fat_size = 64,
-                                     .total_sectors = 131072,
-                                     .num_clusters = 16363,
-                                     .sector_size = 512,
-                                     .sec_per_clus = 8,
-                                     .root_clus = 0,
-                                     .fat_start = 8,
-                                     .rdir_start = 136,
-                                     .data_start = 168,
-                                     .pbr_start = 0}));
-}
+// ---- single fields ----------------------------------------------------------------------------
 
 TEST_F(CreatePbr, Fat16TotalMovesToTheWideFieldAt65536Sectors) {
     for (const std::uint32_t sector_size : {512U, 1024U, 2048U, 4096U}) {
-        param = request();
-        param.fat_size = 16;
-        param.sector_size = sector_size;
-        param.sec_per_clus = 2;
-        const bytes below = boot_sector(std::uint64_t{65534} * sector_size);
-        EXPECT_EQ(field(below, 19, 2), 65534U);
-        EXPECT_EQ(field(below, 32, 4), 0U);
-        EXPECT_EQ(sv->total_sectors, 65534U);
-
-        param = request();
-        param.fat_size = 16;
-        param.sector_size = sector_size;
-        param.sec_per_clus = 2;
-        const bytes above = boot_sector(std::uint64_t{65536} * sector_size);
-        EXPECT_EQ(field(above, 19, 2), 0U);
-        EXPECT_EQ(field(above, 32, 4), 65536U);
-        EXPECT_EQ(sv->total_sectors, 65536U);
+        const request asked = {.fat_size = 16, .sector_size = sector_size, .sec_per_clus = 2};
+        for (const std::uint32_t total : {65534U, 65536U}) {
+            const bytes sector = boot_sector(std::uint64_t{total} * sector_size, asked);
+            EXPECT_EQ(field(sector, 19, 2), total < 65536 ? total : 0);
+            EXPECT_EQ(field(sector, 32, 4), total < 65536 ? 0 : total);
+            EXPECT_EQ(sv->total_sectors, total);
+        }
     }
 }
 
 TEST_F(CreatePbr, TheOddLastSectorIsLeftOut) {
     const bytes even = boot_sector(std::uint64_t{65534} * 4096);
-    const geometry even_volume = of_volume();
-    param = request();
-    const bytes odd = boot_sector(std::uint64_t{65535} * 4096);
-    EXPECT_EQ(differences(odd, even), "");
-    EXPECT_EQ(of_volume(), even_volume);
+    const geometry even_volume = geometry_of_volume();
+    EXPECT_EQ(differences(boot_sector(std::uint64_t{65535} * 4096), even), "");
+    EXPECT_EQ(geometry_of_volume(), even_volume);
     EXPECT_EQ(even_volume.total_sectors, 65534U);
-}
-
-TEST_F(CreatePbr, TheBytesBehindTheLastWholeSectorAreLeftOut) {
-    const bytes whole = boot_sector(64 * MIB);
-    for (const std::uint64_t rest : {1U, 511U, 512U, 4095U, 4096U, 8191U}) {
-        param = request();
-        EXPECT_EQ(differences(boot_sector(64 * MIB + rest), whole), "") << rest;
-        EXPECT_EQ(sv->total_sectors, 16384U);
-    }
-    param = request();
     boot_sector(64 * MIB + 8192);
     EXPECT_EQ(sv->total_sectors, 16386U);
 }
 
 TEST_F(CreatePbr, SectorsAreCountedIn32Bits) {
     // 2^32 sectors and 100001 more.
-    param.sector_size = 512;
-    boot_sector(((std::uint64_t{1} << 32) + 100001) * 512);
+    boot_sector(((std::uint64_t{1} << 32) + 100001) * 512, {.sector_size = 512});
     EXPECT_EQ(sv->total_sectors, 100000U);
 }
 
-TEST_F(CreatePbr, Fat16RootEntriesAreThoseThatFillTheArea) {
-    param.root_entries = 500;
-    param.page_size = 8192;
-    const bytes sector = boot_sector(64 * MIB);
-    EXPECT_EQ(field(sector, 17, 2), 512U);
-    EXPECT_EQ(param.root_entries, 512U);
-    EXPECT_EQ(of_volume(), (geometry{.fat_type = 16,
-                                     .fat_size = 8,
-                                     .total_sectors = 16384,
-                                     .num_clusters = 16362,
-                                     .sector_size = 4096,
-                                     .sec_per_clus = 1,
-                                     .root_clus = 0,
-                                     .fat_start = 2,
-                                     .rdir_start = 18,
-                                     .data_start = 22,
-                                     .pbr_start = 0}));
-}
-
 TEST_F(CreatePbr, NumberOfFatsIsCountedInTheAreas) {
-    param.nr_fat = 255;
-    const bytes sector = boot_sector(64 * MIB);
-    EXPECT_EQ(sector[16], 255);
-    EXPECT_EQ(sv->rdir_start, 1U + 255 * 8);
-    param = request();
-    param.nr_fat = 1;
-    EXPECT_EQ(boot_sector(64 * MIB)[16], 1);
-    EXPECT_EQ(sv->rdir_start, 9U);
+    for (const std::uint32_t fats : {1U, 255U}) {
+        EXPECT_EQ(boot_sector(64 * MIB, {.nr_fat = fats})[16], fats);
+        EXPECT_EQ(sv->rdir_start, 1 + fats * 8);
+    }
 }
 
 TEST_F(CreatePbr, ClustersAreCountedFromTheFinalLayout) {
     // 3 sectors behind the last whole cluster of 64 sectors.
-    param.sec_per_clus = 64;
-    param.sector_size = 512;
-    param.page_size = 0;
     const std::uint32_t before_data = 1 + 2 * 20 + 32;
-    boot_sector((before_data + 5000 * 64 + 3) * std::uint64_t{512});
+    boot_sector((before_data + 5000 * 64 + 3) * std::uint64_t{512},
+                {.sector_size = 512, .sec_per_clus = 64, .page_size = 0});
     EXPECT_EQ(sv->data_start, before_data);
     EXPECT_EQ(sv->num_clusters, 5000U);
 }
@@ -304,114 +239,15 @@ TEST_F(CreatePbr, LabelBytesAreTakenAsTheyAre) {
                 "\xE5"
                 "bc\0\xFF lower\t",
                 12);
-    const bytes sector = boot_sector(64 * MIB);
+    const bytes sector = boot_sector_for_param(64 * MIB);
     EXPECT_EQ(std::memcmp(sector.data() + 43, param.volume_label, 11), 0);
     EXPECT_EQ(sector[54], 'F');
 }
 
-// ---- FAT32 ------------------------------------------------------------------------------------
-
-TEST_F(CreatePbr, Fat32WithLargeSectorsIsTheTableAndNothingElse) {
-    // 131072 sectors: 32 reserved, FATs of 128. The width is chosen by the number of clusters.
-    const bytes sector = boot_sector(512 * MIB);
-    const bytes expected = sector_picture(4096)
-                               .at(0, {0xEB, 0x58, 0x90})
-                               .at(3, "Torvik  ")
-                               .at(11, {0x00, 0x10})
-                               .at(13, {1})
-                               .at(14, {32, 0})
-                               .at(16, {2})
-                               .at(17, {0, 0}) // root entries
-                               .at(19, {0, 0}) // total sectors, 16 bits
-                               .at(21, {0xF8})
-                               .at(22, {0, 0}) // FAT size, 16 bits
-                               .at(24, {8, 0, 1, 0})
-                               .at(28, {0, 0, 0, 0})
-                               .at(32, {0x00, 0x00, 0x02, 0x00})
-                               .at(36, {128, 0, 0, 0})  // FAT size, 32 bits
-                               .at(40, {0, 0, 0, 0})    // extended flags, version
-                               .at(44, {2, 0, 0, 0})    // root cluster
-                               .at(48, {1, 0})          // FSInfo sector
-                               .at(50, {6, 0})          // backup boot sector
-                               .at(64, {0x00, 0, 0x29}) // drive, reserved, signature
-                               .at(67, {0xEF, 0xCD, 0xAB, 0x89})
-                               .at(71, "MY VOLUME  ")
-                               .at(82, "FAT32   ")
-                               .at(510, {0x55, 0xAA})
-                               .content();
-    EXPECT_EQ(differences(sector, expected), "");
-    EXPECT_EQ(of_volume(), (geometry{.fat_type = 32,
-                                     .fat_size = 128,
-                                     .total_sectors = 131072,
-                                     .num_clusters = 130784,
-                                     .sector_size = 4096,
-                                     .sec_per_clus = 1,
-                                     .root_clus = 2,
-                                     .fat_start = 32,
-                                     .rdir_start = 288,
-                                     .data_start = 288,
-                                     .pbr_start = 0}));
-    EXPECT_EQ(param.fat_size, 32U);
-    EXPECT_EQ(param.nr_rsvd_sec, 32U);
-    EXPECT_EQ(param.root_entries, 0U);
-}
-
-TEST_F(CreatePbr, Fat32WithSmallSectorsIsTheTableAndNothingElse) {
-    // 16777216 sectors of 512 bytes, clusters of 8: FATs of 16360 sectors.
-    param.fat_size = 32;
-    param.sector_size = 512;
-    param.sec_per_clus = 8;
-    param.root_entries = 0;
-    const bytes sector = boot_sector(8192 * MIB);
-    const bytes expected = sector_picture(512)
-                               .at(0, {0xEB, 0x58, 0x90})
-                               .at(3, "Torvik  ")
-                               .at(11, {0x00, 0x02, 8, 32, 0, 2})
-                               .at(21, {0xF8})
-                               .at(24, {8, 0, 1, 0})
-                               .at(32, {0x00, 0x00, 0x00, 0x01})
-                               .at(36, {0xE8, 0x3F, 0x00, 0x00})
-                               .at(44, {2, 0, 0, 0, 1, 0, 6, 0})
-                               .at(64, {0x00, 0, 0x29, 0xEF, 0xCD, 0xAB, 0x89})
-                               .at(71, "MY VOLUME  FAT32   ")
-                               .at(510, {0x55, 0xAA})
-                               .content();
-    EXPECT_EQ(differences(sector, expected), "");
-    EXPECT_EQ(of_volume(), (geometry{.fat_type = 32,
-                                     .fat_size = 16360,
-                                     .total_sectors = 16777216,
-                                     .num_clusters = 2093058,
-                                     .sector_size = 512,
-                                     .sec_per_clus = 8,
-                                     .root_clus = 2,
-                                     .fat_start = 32,
-                                     .rdir_start = 32752,
-                                     .data_start = 32752,
-                                     .pbr_start = 0}));
-}
-
-TEST_F(CreatePbr, Fat32BackupSectorIsSixWhateverTheRequestHolds) {
-    for (const std::uint32_t asked : {0U, 6U, 7U, 99U, 0xFFFFFFFFU}) {
-        param = request();
-        param.sector_of_bkup = asked;
-        EXPECT_EQ(field(boot_sector(512 * MIB), 50, 2), 6U);
-        EXPECT_EQ(param.sector_of_bkup, asked);
-    }
-}
-
-TEST_F(CreatePbr, Fat16HasNoBackupSectorWhateverTheRequestHolds) {
-    const bytes without = boot_sector(64 * MIB);
-    param = request();
-    param.sector_of_bkup = 6;
-    EXPECT_EQ(differences(boot_sector(64 * MIB), without), "");
-}
-
 TEST_F(CreatePbr, Fat32KeepsItsReservedAreaAtThirtyTwoWithEveryPage) {
     for (const std::uint32_t page_size : {0U, 2048U, 4096U, 8192U}) {
-        param = request();
-        param.sector_size = 512;
-        param.page_size = page_size;
-        EXPECT_EQ(field(boot_sector(64 * MIB), 14, 2), 32U);
+        const request asked = {.sector_size = 512, .page_size = page_size};
+        EXPECT_EQ(field(boot_sector(64 * MIB, asked), 14, 2), 32U);
         EXPECT_EQ(sv->fat_start, 32U);
     }
 }
@@ -420,20 +256,10 @@ TEST_F(CreatePbr, AVolumeFormattedAnewForgetsItsFormerGeometry) {
     boot_sector(512 * MIB);
     EXPECT_EQ(sv->root_clus, 2U);
     sv->vol_size = 64 * MIB;
-    param = request();
+    param = param_of({});
     bytes sector(4096);
     EXPECT_EQ(fat::create_pbr(sector.data(), &param), 0);
-    EXPECT_EQ(of_volume(), (geometry{.fat_type = 16,
-                                     .fat_size = 8,
-                                     .total_sectors = 16384,
-                                     .num_clusters = 16363,
-                                     .sector_size = 4096,
-                                     .sec_per_clus = 1,
-                                     .root_clus = 0,
-                                     .fat_start = 1,
-                                     .rdir_start = 17,
-                                     .data_start = 21,
-                                     .pbr_start = 0}));
+    EXPECT_EQ(geometry_of_volume(), FAT16_OF_64_MIB.volume);
 }
 
 // ---- refusals ---------------------------------------------------------------------------------
@@ -441,7 +267,7 @@ TEST_F(CreatePbr, AVolumeFormattedAnewForgetsItsFormerGeometry) {
 TEST(CreatePbrRefusals, NoBuffer) {
     const ram_disk disk(64 * MIB);
     diagnostics said;
-    fat_format_param param = request();
+    fat_format_param param = param_of({});
     const fat_format_param before = param;
     EXPECT_EQ(fat::create_pbr(nullptr, &param), -EINVAL);
     EXPECT_EQ(said.text(), "create_pbr[N]: NULL pbr_p!\n\n");
@@ -452,7 +278,7 @@ TEST(CreatePbrRefusals, NoBuffer) {
 TEST(CreatePbrRefusals, ATargetTooSmallLeavesSectorAndVolumeUntouched) {
     const ram_disk disk(4 * 4096);
     diagnostics said;
-    fat_format_param param = request();
+    fat_format_param param = param_of({});
     bytes sector(4096);
     EXPECT_EQ(fat::create_pbr(sector.data(), &param), -EINVAL);
     EXPECT_EQ(said.text(),
@@ -461,7 +287,7 @@ TEST(CreatePbrRefusals, ATargetTooSmallLeavesSectorAndVolumeUntouched) {
               "reserved area(1)) * sector size(4096)\n"
               "create_pbr[N]: failed to calc_fat_sectors!\n\n");
     EXPECT_EQ(differences(sector, bytes(4096)), "");
-    EXPECT_EQ(of_volume(), geometry{});
+    EXPECT_EQ(geometry_of_volume(), geometry{});
     EXPECT_EQ(sv->vol_size, 4U * 4096);
 }
 
@@ -473,13 +299,14 @@ TEST(SetFsinfo, FillsItsFiveFieldsAndNothingElse) {
         diagnostics said;
         EXPECT_EQ(fat::set_fsinfo(sector.data()), 0);
         EXPECT_EQ(said.text(), "");
-        const bytes expected = sector_picture(size)
-                                   .at(0, {0x52, 0x52, 0x61, 0x41})
-                                   .at(484, {0x72, 0x72, 0x41, 0x61})
-                                   .at(488, {0xFF, 0xFF, 0xFF, 0xFF})
-                                   .at(492, {0xFF, 0xFF, 0xFF, 0xFF})
-                                   .at(508, {0x00, 0x00, 0x55, 0xAA})
-                                   .content();
+        bytes expected(size);
+        for (const auto &[offset, value] : {std::pair{0U, 0x41615252U},
+                                            {484U, 0x61417272U},
+                                            {488U, 0xFFFFFFFFU},
+                                            {492U, 0xFFFFFFFFU},
+                                            {508U, 0xAA550000U}}) {
+            put_number(&expected, offset, 4, value);
+        }
         EXPECT_EQ(differences(sector, expected), "");
     }
 }

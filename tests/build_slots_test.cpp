@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
@@ -85,58 +86,35 @@ TEST_P(FindEmptyEntries, WithoutADirectoryOrAPlaceForTheIndexItIsRefused) {
     EXPECT_TRUE(v.disk.log.empty());
 }
 
-TEST_P(FindEmptyEntries, UnusedSlotsBehindTheLastEntry) {
-    occupy();
-    set_free(7, capacity - 1);
-    for (const u32 count : {1U, 2U, 4U, 21U, capacity - 7}) {
-        EXPECT_EQ(find(count), at(7));
+// The first slots of a directory, x in use, - deleted and . unused; all others are as the last one.
+TEST_P(FindEmptyEntries, FirstSpanThatIsLongEnoughIsTaken) {
+    const struct {
+        std::string slots;
+        std::vector<std::pair<u32, u32>> spans; // the first one by its count
+    } rows[] = {
+        {"xxxxxxx.", {{1, 7}, {2, 7}, {4, 7}, {21, 7}, {capacity - 7, 7}}},
+        {".", {{1, 0}, {capacity, 0}}},
+        {"xxxxx-xxx----x", {{1, 5}, {2, 9}, {4, 9}}},
+        {"xx--x---x---x.", {{1, 2}, {2, 2}, {3, 5}, {4, 13}}},
+        {"xxxx-.--.x", {{5, 4}}},
+        // An unused entry does not end the walk.
+        {"xx." + std::string(capacity - 6, 'x') + "---", {{1, 2}, {3, capacity - 3}}},
+        {std::string(capacity - 1, 'x') + "-", {{1, capacity - 1}}},
+        {"xxx"
+         "---x----x",
+         {{3, 3}, {4, 7}}},
+    };
+    for (const auto &[slots, spans] : rows) {
+        for (u32 i = 0; i < capacity; i++) {
+            const char state = slots[std::min<std::size_t>(i, slots.size() - 1)];
+            const entry_image file = file_number(i);
+            dir.put(i, state == 'x' ? file : state == '-' ? deleted(file) : entry_image{});
+        }
+        for (const auto &[count, index] : spans) {
+            EXPECT_EQ(find(count), at(index)) << slots.substr(0, 20) << ", " << count << " slots";
+        }
     }
     expect_unwritten();
-}
-
-TEST_P(FindEmptyEntries, WholeDirectory) {
-    set_free(0, capacity - 1);
-    EXPECT_EQ(find(1), at(0));
-    EXPECT_EQ(find(capacity), at(0));
-}
-
-TEST_P(FindEmptyEntries, DeletedEntriesAreReused) {
-    occupy();
-    set_deleted(5, 5);
-    set_deleted(9, 12);
-    EXPECT_EQ(find(1), at(5));
-    EXPECT_EQ(find(2), at(9));
-    EXPECT_EQ(find(4), at(9));
-    expect_unwritten();
-}
-
-TEST_P(FindEmptyEntries, FirstRunThatIsLongEnoughIsTaken) {
-    occupy();
-    set_deleted(2, 3);
-    set_deleted(5, 7);
-    set_deleted(9, 11);
-    set_free(13, capacity - 1);
-    EXPECT_EQ(find(1), at(2));
-    EXPECT_EQ(find(2), at(2));
-    EXPECT_EQ(find(3), at(5));
-    EXPECT_EQ(find(4), at(13));
-}
-
-TEST_P(FindEmptyEntries, RunMayMixDeletedAndUnusedEntries) {
-    occupy();
-    set_deleted(4, 4);
-    set_free(5, 5);
-    set_deleted(6, 7);
-    set_free(8, 8);
-    EXPECT_EQ(find(5), at(4));
-}
-
-TEST_P(FindEmptyEntries, UnusedEntryDoesNotEndTheWalk) {
-    occupy();
-    set_free(2, 2);
-    set_deleted(capacity - 3, capacity - 1);
-    EXPECT_EQ(find(1), at(2));
-    EXPECT_EQ(find(3), at(capacity - 3));
 }
 
 TEST_P(FindEmptyEntries, EveryOtherEntryBreaksARun) {
@@ -183,13 +161,6 @@ TEST_P(FindEmptyEntries, RunMayCrossSectorsAndClusters) {
     }
 }
 
-TEST_P(FindEmptyEntries, LastSlotOfTheDirectory) {
-    occupy();
-    set_deleted(capacity - 1, capacity - 1);
-    EXPECT_EQ(find(1), at(capacity - 1));
-    expect_unwritten();
-}
-
 TEST_P(FindEmptyEntries, NoSectorIsReadTwiceAndNoTransferBeginsBehindTheRun) {
     occupy();
     set_free(2 * per_sector, 2 * per_sector);
@@ -210,25 +181,6 @@ TEST_P(FindEmptyEntries, NoMemoryForTheSector) {
     }
     EXPECT_EQ(heard(result), (answer{-ENOMEM, CHECK_HERE}));
     EXPECT_EQ(index, UNTOUCHED);
-}
-
-TEST_P(FindEmptyEntries, UnreadableSectorIsTold) {
-    occupy();
-    for (const u32 index : {0U, per_sector, capacity - 1}) {
-        v.disk.unreadable = {sector_of(index)};
-        EXPECT_EQ(find(1), failed(-EIO, unreadable(sector_of(index)) + CHECK_HERE));
-    }
-    expect_unwritten();
-}
-
-TEST_P(GrowForEntries, BrokenChainIsTold) {
-    occupy();
-    v.set_link(dir.clusters[1], 1);
-    EXPECT_EQ(find(1), failed(-EINVAL, INVALID_LINK + "get_phy_sector[N]: invalid value -22\n" +
-                                           "get_dentry_with_clu[N]: Failed to get entry sector!:(" +
-                                           std::to_string(dir.base()) + ", " +
-                                           std::to_string(2 * per_cluster) + ")\n\n" + CHECK_HERE));
-    expect_unwritten();
 }
 
 // ---- growing ----------------------------------------------------------------------------------
@@ -268,19 +220,23 @@ TEST_P(GrowForEntries, RunBeginsInTheOldSpace) {
     }
 }
 
-TEST_P(GrowForEntries, DeletedEntriesAtTheEndBeginARunToo) {
-    occupy();
-    set_deleted(capacity - 2, capacity - 1);
-    sv->last_alloc_clus = 99;
-    EXPECT_EQ(find(3), at(capacity - 2));
-    EXPECT_EQ(dir.record.last, 100U);
-}
-
-TEST_P(GrowForEntries, RunTooShortInTheMiddleIsNotCarriedOn) {
-    occupy();
-    set_deleted(3, 5);
-    sv->last_alloc_clus = 99;
-    EXPECT_EQ(find(4), at(capacity));
+TEST_P(GrowForEntries, SpanBeginsWithFreeEntriesAtTheEndOnly) {
+    for (const auto &[first_deleted, last_deleted, count, index, last] :
+         std::initializer_list<std::array<u32, 5>>{
+             {capacity - 2, capacity - 1, 3, capacity - 2, 100},
+             {3, 5, 4, capacity, 100},
+             {1, 0, 2 * per_cluster, capacity, 101}}) {
+        v.chain(dir.clusters);
+        v.set_link(100, 0);
+        v.set_link(101, 0);
+        dir.record.last = dir.clusters.back();
+        dir.record.allocated = 4 * cluster_bytes;
+        occupy();
+        set_deleted(first_deleted, last_deleted);
+        sv->last_alloc_clus = 99;
+        EXPECT_EQ(find(count), at(index));
+        EXPECT_EQ(dir.record.last, last);
+    }
 }
 
 TEST_P(GrowForEntries, ManyClustersWhereTheRunNeedsThem) {
@@ -295,13 +251,6 @@ TEST_P(GrowForEntries, ManyClustersWhereTheRunNeedsThem) {
     for (const u32 cluster : {100U, 101U, 102U}) {
         EXPECT_EQ(data_of(cluster), std::vector<u8>(cluster_bytes, 0));
     }
-}
-
-TEST_P(GrowForEntries, RunThatFillsTheNewClustersExactly) {
-    occupy();
-    sv->last_alloc_clus = 99;
-    EXPECT_EQ(find(2 * per_cluster), at(capacity));
-    EXPECT_EQ(dir.record.last, 101U);
 }
 
 TEST_P(GrowForEntries, EntryIsBuiltAcrossTheOldEnd) {

@@ -250,57 +250,42 @@ TEST(PrintItem, PrintsKindSizeAndName) {
 // ---- one slot ---------------------------------------------------------------------------------
 
 TEST(PrintSlot, PrintsOneRowOfTheTableForEachKind) {
+    const std::string dos = "NAME    EXT";
+    const entry_image slot = long_slot(0x41, u"name", 1);
+    entry_image unused = short_entry(dos);
+    unused[0] = 0;
+    using text = std::string (*)(const entry_image &);
     const struct {
         entry_image entry;
-        std::string line;
-        bool has_fields;
-        bool is_long;
+        const char *line;
+        text fields; // in mode 2; null: none
+        int result = 0;
+        std::string said = {};
     } rows[] = {
-        {short_entry("NAME    EXT", LABEL), "[7] volume entry\n", false, false},
-        {deleted(long_slot(0x41, u"name", 1)), "[7] deleted extended entry\n", true, true},
-        {deleted(short_entry("NAME    EXT")), "[7] deleted file\n", true, false},
-        {deleted(short_entry("NAME    EXT", DIRECTORY)), "[7] deleted directory\n", true, false},
-        {deleted(short_entry("NAME    EXT", LABEL)), "[7] deleted entry\n", false, false},
-        {deleted(short_entry("NAME    EXT", INVALID)), "[7] deleted entry\n", false, false},
-        {short_entry("NAME    EXT", DIRECTORY), "[7] directory\n", true, false},
-        {short_entry("NAME    EXT"), "[7] file(short name)\n", true, false},
-        {long_slot(0x41, u"name", 1), "[7] extended slot\n", true, true},
+        {short_entry(dos, LABEL), "[7] volume entry\n", nullptr},
+        {deleted(slot), "[7] deleted extended entry\n", text_of_long_slot},
+        {deleted(short_entry(dos)), "[7] deleted file\n", text_of_short_entry},
+        {deleted(short_entry(dos, DIRECTORY)), "[7] deleted directory\n", text_of_short_entry},
+        {deleted(short_entry(dos, LABEL)), "[7] deleted entry\n", nullptr},
+        {deleted(short_entry(dos, INVALID)), "[7] deleted entry\n", nullptr},
+        {short_entry(dos, DIRECTORY), "[7] directory\n", text_of_short_entry},
+        {short_entry(dos), "[7] file(short name)\n", text_of_short_entry},
+        {link_entry("LINK       ", 5, 3), "[7] file(short name)\n", text_of_short_entry},
+        {slot, "[7] extended slot\n", text_of_long_slot},
+        {unused, "[7] unused\n", nullptr, -ENOENT},
+        {short_entry(dos, INVALID), "[7] invalid entry\n", text_of_short_entry, 0, UNKNOWN_TYPE},
     };
     for (const auto &row : rows) {
-        const std::string fields =
-            row.is_long ? text_of_long_slot(row.entry) : text_of_short_entry(row.entry);
         for (const int mode : {0, 1, 2, 3, -1}) {
+            const bool has_fields = mode == 2 && row.fields != nullptr;
             EXPECT_EQ(to_stream([&](FILE *stream) {
                           return print_slot(7, mode, row.entry.data(), stream);
                       }),
-                      printed(row.line + (mode == 2 && row.has_fields ? fields : "")))
+                      (printout{row.result, row.line + (has_fields ? row.fields(row.entry) : ""),
+                                row.said}))
                 << mode;
         }
     }
-}
-
-TEST(PrintSlot, EndsAtAnUnusedEntry) {
-    entry_image entry = short_entry("NAME    EXT");
-    entry[0] = 0;
-    for (const int mode : {0, 1, 2}) {
-        EXPECT_EQ(
-            to_stream([&](FILE *stream) { return print_slot(0, mode, entry.data(), stream); }),
-            printed("[0] unused\n", -ENOENT));
-    }
-}
-
-TEST(PrintSlot, SaysWhatIsWrongWithAnInvalidEntry) {
-    const entry_image entry = short_entry("NAME    EXT", INVALID);
-    EXPECT_EQ(to_stream([&](FILE *stream) { return print_slot(3, 1, entry.data(), stream); }),
-              (printout{0, "[3] invalid entry\n", UNKNOWN_TYPE}));
-    EXPECT_EQ(to_stream([&](FILE *stream) { return print_slot(3, 2, entry.data(), stream); }),
-              (printout{0, "[3] invalid entry\n" + text_of_short_entry(entry), UNKNOWN_TYPE}));
-}
-
-TEST(PrintSlot, ShowsALinkAsAFile) {
-    const entry_image entry = link_entry("LINK       ", 5, 3);
-    EXPECT_EQ(to_stream([&](FILE *stream) { return print_slot(3, 2, entry.data(), stream); }),
-              printed("[3] file(short name)\n" + text_of_short_entry(entry)));
 }
 
 TEST(PrintSlot, PrintsEveryAttributeBehindEveryKindOfFirstByte) {
@@ -511,35 +496,28 @@ TEST_P(DoReaddir, SkipsWhatIsNoItem) {
 
 TEST_P(DoReaddir, GivesLongNamesOfFilesAndDirectories) {
     v.chain({40});
-    dir().append_long(u"A Long Name of a file.text", "ALONGN~1TEX");
+    dir().append(long_slots(u"A Long Name of a file.text", "ALONGN~1TEX"));
+    dir().append(short_entry("ALONGN~1TEX", ARCHIVE, 30, 4000000000));
     dir().append(long_slots(u"Directory", "DIRECT~1   "));
     dir().append(short_entry("DIRECT~1   ", DIRECTORY, 40, 5));
     dir().append(long_slots(u"Link", "LINK~1     "));
     dir().append(link_entry("LINK~1     ", 35, 9));
-    EXPECT_EQ(read(0), item_at(0, 3, DENTRY_FILE, 0, "A Long Name of a file.text", "ALONGN~1TEX"));
+    EXPECT_EQ(read(0),
+              item_at(0, 3, DENTRY_FILE, 4000000000, "A Long Name of a file.text", "ALONGN~1TEX"));
     EXPECT_EQ(read(3), item_at(3, 5, DENTRY_DIR, cluster_bytes(), "Directory", "DIRECT~1   "));
     EXPECT_EQ(read(5), item_at(5, 7, DENTRY_FILE, 9, "Link", "LINK~1     "));
     EXPECT_EQ(read(7), failed(-ENOENT, 7));
 }
 
-TEST_P(DoReaddir, GivesTheSizeOfALongNamedFile) {
-    dir().append(long_slots(u"Sized", "SIZED~1    "));
-    dir().append(short_entry("SIZED~1    ", ARCHIVE, 30, 4000000000));
-    EXPECT_EQ(read(0), item_at(0, 2, DENTRY_FILE, 4000000000, "Sized", "SIZED~1    "));
-}
-
 TEST_P(DoReaddir, FollowsALongNameIntoTheNextSector) {
     const u32 last = last_of_first_sector();
-    dir().go_to(last - 1);
-    dir().append_long(u"Thirteen unitThirteen unitThird slot.", "THIRTE~1   ");
-    EXPECT_EQ(read(last - 1), item_at(last - 1, last + 3, DENTRY_FILE, 0,
-                                      "Thirteen unitThirteen unitThird slot.", "THIRTE~1   "));
-}
-
-TEST_P(DoReaddir, GivesNamesOf255Units) {
-    const std::u16string name(255, u'n');
-    dir().append_long(name, "NNNNNN~1   ");
-    EXPECT_EQ(read(0), item_at(0, 21, DENTRY_FILE, 0, std::string(255, 'n'), "NNNNNN~1   "));
+    for (const std::size_t units : {38U, 255U}) {
+        dir().go_to(last - 1);
+        dir().append_long(std::u16string(units, u'n'), "NNNNNN~1   ");
+        const u32 next = last + static_cast<u32>(units + 12) / 13;
+        EXPECT_EQ(read(last - 1),
+                  item_at(last - 1, next, DENTRY_FILE, 0, std::string(units, 'n'), "NNNNNN~1   "));
+    }
 }
 
 TEST_P(DoReaddir, EndsTheNameOf256UnitsInItsField) {
@@ -548,30 +526,6 @@ TEST_P(DoReaddir, EndsTheNameOf256UnitsInItsField) {
     EXPECT_EQ(found.result, 0);
     EXPECT_EQ(found.index, 21U);
     EXPECT_EQ(found.dos, "NNNNNN~1   ");
-}
-
-TEST_P(DoReaddir, GivesAnEmptyLongNameAsItStands) {
-    dir().append(long_slot(0x41, u"", checksum_of("FILE    TXT")));
-    dir().append(short_entry("FILE    TXT"));
-    EXPECT_EQ(read(0), item_at(0, 2, DENTRY_FILE, 0, "", "FILE    TXT"));
-}
-
-TEST_P(DoReaddir, ShowsABrokenLongNameByItsShortOne) {
-    dir().append(long_slots(u"Two slots of a name", "OTHER~1    "));
-    dir().append(with_case(short_entry("FILE    TXT"), 0x08));
-    EXPECT_EQ(read(0), item_at(2, 3, DENTRY_FILE, 0, "file.TXT", "FILE    TXT",
-                               "get_long_name[N]: not match checksum(2)\n"));
-}
-
-TEST_P(DoReaddir, SkipsSlotsThatBeginNoName) {
-    dir().append(long_slot(0x01, u"middle", 1));
-    dir().append(long_slot(0x40, u"none", 1));
-    dir().append(long_slot(0x42, u"gone between", 1));
-    dir().append(deleted(long_slot(0x01, u"gone", 1)));
-    dir().append(long_slot(0x41, u"label behind", 1));
-    dir().append(short_entry("LABEL      ", LABEL));
-    dir().append(short_entry("FILE       "));
-    EXPECT_EQ(read(0), item_at(6, 7, DENTRY_FILE, 0, "FILE", "FILE       "));
 }
 
 TEST_P(DoReaddir, SkipsLongNamesWhileTheyAreOff) {
@@ -643,18 +597,6 @@ TEST_P(DoReaddir, NeedsNoPlaceForTheLocation) {
     EXPECT_EQ(read(2, false).name, "FILE");
 }
 
-TEST_P(DoReaddir, TellsAnEntryThatCannotBeRead) {
-    dir().append(short_entry("LABEL      ", LABEL));
-    dir().append(short_entry("FILE       "));
-    const std::string said =
-        "get_dentry_with_clu[N]: cannot read sectors:(sector: " + std::to_string(dir().sectors[0]) +
-        ")\n"
-        "do_readdir[N]: Failed go get entry!\n\n";
-    v.disk.unreadable = {dir().sectors[0]};
-    EXPECT_EQ(read(0), failed(-EIO, 0, said));
-    EXPECT_EQ(read(1), failed(-EIO, 1, said));
-}
-
 TEST_P(DoReaddir, TellsALongNameThatCannotBeReadToItsEnd) {
     const u32 last = last_of_first_sector();
     dir().go_to(last);
@@ -694,21 +636,6 @@ TEST(DoReaddirOfTheRootArea, StopsBehind512EntriesOfALargerOne) {
     EXPECT_EQ(do_readdir(sv->root_dir, &index, &entry, &item, buffer.data(), nullptr), -ENOENT);
     EXPECT_EQ(index, 0U);
     EXPECT_EQ(said.text(), "");
-}
-
-TEST(DoReaddirOfTheRootArea, FailsAtTheEndOfAFullSmallerOne) {
-    mounted v({.fat_type = 16, .root_entries = 256});
-    v.top.fill_up(deleted(short_entry("GONE       ")));
-    std::vector<u8> buffer(512);
-    u32 index = 3;
-    u8 *entry = nullptr;
-    dir_item item = {};
-    diagnostics said;
-    EXPECT_EQ(do_readdir(sv->root_dir, &index, &entry, &item, buffer.data(), nullptr), -EFAULT);
-    EXPECT_EQ(index, 3U);
-    EXPECT_EQ(said.text(), "get_phy_sector[N]: Invalid sector number in Root dir\n\n"
-                           "get_dentry_with_clu[N]: Failed to get entry sector!:(0, 256)\n\n"
-                           "do_readdir[N]: Failed go get entry!\n\n");
 }
 
 // ---- the compact listing ----------------------------------------------------------------------
@@ -1062,19 +989,13 @@ TEST_P(FatListDir, ListsTheRootWithoutAPath) {
     EXPECT_EQ(to_output([] { return fat_list_dir(nullptr, 2, nullptr); }), list_dir(nullptr, 2));
 }
 
-TEST_P(FatListDir, ShowsAFreshRootWithItsLabelAlone) {
+TEST_P(FatListDir, ShowsAFreshRootWithItsLabelAloneAndWithoutItOneUnusedSlot) {
     const std::string heading =
         sv->fat_type == 32 ? "[0-th: cluster #" + std::to_string(sv->root_clus) + "]\n" : "";
     EXPECT_EQ(list_dir(nullptr, 1),
               (printout{0, heading + "[0] volume entry\n[1] unused\n", ROOT_IS_NOT_CLOSED}));
     EXPECT_EQ(list_dir(nullptr, 0), (printout{0, "", END_OF_READDIR + ROOT_IS_NOT_CLOSED}));
-}
-
-TEST_P(FatListDir, ShowsARootWithoutEntriesAsOneUnusedSlot) {
-    entry_image unused = {};
-    v.top.put(0, unused);
-    const std::string heading =
-        sv->fat_type == 32 ? "[0-th: cluster #" + std::to_string(sv->root_clus) + "]\n" : "";
+    v.top.put(0, {});
     EXPECT_EQ(list_dir(nullptr, 1), (printout{0, heading + "[0] unused\n", ROOT_IS_NOT_CLOSED}));
 }
 
@@ -1330,9 +1251,13 @@ TEST_F(FatListEntries, NumbersTheEntriesFromOne) {
     }
 }
 
-TEST_F(FatListEntries, EndsAtTheFirstUnusedEntry) {
-    EXPECT_EQ(list(file_of({short_entry("FILE       "), {}, short_entry("BEHIND     ")}), 1),
+TEST_F(FatListEntries, EndsAtTheFirstUnusedEntryOrAtAPartOfOne) {
+    const entry_image file = short_entry("FILE       ");
+    EXPECT_EQ(list(file_of({file, {}, short_entry("BEHIND     ")}), 1),
               printed("[1] file(short name)\n[2] unused\n"));
+    EXPECT_EQ(list(file_of({file}, 31), 2), listing_of({file}, 1, 2));
+    EXPECT_EQ(list(file_of({}, 31), 2), printed(""));
+    EXPECT_EQ(list(file_of({}), 2), printed(""));
 }
 
 TEST_F(FatListEntries, CountsOnAcrossBlocks) {
@@ -1342,13 +1267,6 @@ TEST_F(FatListEntries, CountsOnAcrossBlocks) {
     EXPECT_EQ(list(file_of(entries), 2), listing_of(entries, 1, 2));
     entries.resize(256);
     EXPECT_EQ(list(file_of(entries), 1), listing_of(entries, 1, 1));
-}
-
-TEST_F(FatListEntries, LeavesOutAPartOfAnEntry) {
-    const std::vector<entry_image> entries = {short_entry("FILE       ")};
-    EXPECT_EQ(list(file_of(entries, 31), 2), listing_of(entries, 1, 2));
-    EXPECT_EQ(list(file_of({}, 31), 2), printed(""));
-    EXPECT_EQ(list(file_of({}), 2), printed(""));
 }
 
 TEST_F(FatListEntries, CountsOnAcrossShortReads) {
@@ -1366,34 +1284,23 @@ TEST_F(FatListEntries, EndsWhereTheFileCannotBeRead) {
     EXPECT_TRUE(fault.struck());
 }
 
-TEST_F(FatListEntries, ListsNothingOfADirectory) {
-    EXPECT_EQ(list(scratch.file("."), 1), printed(""));
-}
-
-TEST_F(FatListEntries, TellsAFileThatCannotBeOpened) {
-    EXPECT_EQ(list(scratch.file("none"), 1),
-              (printout{-ENOENT, "", "fat_list_entries[N]: cannot open file\n"}));
-    const std::string path = file_of({});
-    EXPECT_EQ(list(path + "/below", 1),
-              (printout{-ENOTDIR, "", "fat_list_entries[N]: cannot open file\n"}));
-    const failing_call fault(call::open, EACCES);
-    EXPECT_EQ(list(path, 1), (printout{-EACCES, "", "fat_list_entries[N]: cannot open file\n"}));
-}
-
-TEST_F(FatListEntries, FailsWithoutMemory) {
+TEST_F(FatListEntries, PrintsAFileThatCannotBeOpened) {
+    const std::string message = "fat_list_entries[N]: cannot open file\n";
     const std::string path = file_of({short_entry("FILE       ")});
-    const failing_allocation fault(0);
-    const printout result = list(path, 1);
-    EXPECT_TRUE(fault.struck());
-    EXPECT_EQ(result.result, -ENOMEM);
-    EXPECT_EQ(result.out, "");
-}
-
-TEST_F(FatListEntries, NeedsAPath) {
-    const printout result =
+    EXPECT_EQ(list(scratch.file("."), 1), printed("")); // a directory has no entries to read
+    EXPECT_EQ(list(scratch.file("none"), 1), (printout{-ENOENT, "", message}));
+    EXPECT_EQ(list(path + "/below", 1), (printout{-ENOTDIR, "", message}));
+    {
+        const failing_call fault(call::open, EACCES);
+        EXPECT_EQ(list(path, 1), (printout{-EACCES, "", message}));
+    }
+    const printout no_path =
         to_stream([](FILE *stream) { return fat_list_entries(nullptr, 1, stream); });
-    EXPECT_EQ(result.result, -EINVAL);
-    EXPECT_EQ(result.out, "");
+    EXPECT_EQ((std::pair{no_path.result, no_path.out}), (std::pair{-EINVAL, std::string()}));
+    const failing_allocation fault(0);
+    const printout no_memory = list(path, 1);
+    EXPECT_TRUE(fault.struck());
+    EXPECT_EQ((std::pair{no_memory.result, no_memory.out}), (std::pair{-ENOMEM, std::string()}));
 }
 
 TEST_F(FatListEntries, ListsWhatADumpHolds) {
@@ -1441,40 +1348,23 @@ INSTANTIATE_TEST_SUITE_P(Directories, FatGetUname, testing::ValuesIn(LISTING_SHA
 
 } // namespace
 
+// Whether long names are on or off.
 TEST_P(FatGetUname, GivesTheNameThatBeginsThere) {
+    const u32 last = last_of_first_sector();
     dir().append_long(u"A Long Name.text", "ALONGN~1TEX");
     dir().append_long(u"Exactly 13 un", "EXACTL~1   ");
+    dir().go_to(last); // over the border of two sectors
     dir().append_long(std::u16string(255, u'\u20AC'), "X~1        ");
     const nothing_left check;
-    EXPECT_EQ(get(id(), 0), (answer_with_name{2, u"A Long Name.text", ""}));
-    EXPECT_EQ(get(id(), 3), (answer_with_name{1, u"Exactly 13 un", ""}));
-    EXPECT_EQ(get(id(), 5), (answer_with_name{20, std::u16string(255, u'\u20AC'), ""}));
-}
-
-TEST_P(FatGetUname, FillsAllUnitsWithADamagedName) {
-    dir().append_long(std::u16string(260, u'n'), "NNNNNN~1   ");
+    for (const int flag : {1, 0}) {
+        sv->long_name = static_cast<u8>(flag);
+        EXPECT_EQ(get(id(), 0), (answer_with_name{2, u"A Long Name.text", ""}));
+        EXPECT_EQ(get(id(), 3), (answer_with_name{1, u"Exactly 13 un", ""}));
+        EXPECT_EQ(get(id(), last), (answer_with_name{20, std::u16string(255, u'\u20AC'), ""}));
+    }
+    dir().go_to(0);
+    dir().append_long(std::u16string(260, u'n'), "NNNNNN~1   "); // fills all units
     EXPECT_EQ(get(id(), 0), (answer_with_name{20, std::u16string(256, u'n'), ""}));
-}
-
-TEST_P(FatGetUname, FollowsTheNameIntoTheNextSector) {
-    const u32 last = last_of_first_sector();
-    dir().go_to(last);
-    dir().append_long(u"A Long Name.text", "ALONGN~1TEX");
-    EXPECT_EQ(get(id(), last), (answer_with_name{2, u"A Long Name.text", ""}));
-}
-
-TEST_P(FatGetUname, GivesZeroForABrokenName) {
-    dir().append(long_slots(u"A Long Name.text", "OTHER      "));
-    dir().append(short_entry("FILE       "));
-    EXPECT_EQ(get(id(), 0),
-              (answer_with_name{0, u"", "get_long_name[N]: not match checksum(2)\n"}));
-    EXPECT_EQ(get(id(), 1).result, 0);
-}
-
-TEST_P(FatGetUname, WorksWhileLongNamesAreOff) {
-    dir().append_long(u"A Long Name.text", "ALONGN~1TEX");
-    sv->long_name = 0;
-    EXPECT_EQ(get(id(), 0), (answer_with_name{2, u"A Long Name.text", ""}));
 }
 
 TEST_P(FatGetUname, RefusesWhatIsNoSlot) {
@@ -1499,17 +1389,6 @@ TEST_P(FatGetUname, TellsAnIndexBehindTheEnd) {
                                     "fat_get_dentry[N]: access the out of range in directory "
                                     "space\nfat_get_uname[N]: Failed to get dentry!\n\n"}));
     }
-}
-
-TEST_P(FatGetUname, TellsAnEntryThatCannotBeRead) {
-    dir().append_long(u"A Long Name.text", "ALONGN~1TEX");
-    v.disk.unreadable = {dir().sectors[0]};
-    const nothing_left check;
-    EXPECT_EQ(get(id(), 0),
-              (answer_with_name{-EIO, u"",
-                                "get_dentry_with_clu[N]: cannot read sectors:(sector: " +
-                                    std::to_string(dir().sectors[0]) +
-                                    ")\nfat_get_uname[N]: Failed to get dentry!\n\n"}));
 }
 
 TEST_P(FatGetUname, TellsASlotThatCannotBeRead) {

@@ -2,6 +2,7 @@
 
 #include "tests/support/capture.h"
 #include "tests/support/faults.h"
+#include "tests/support/open_entries.h"
 #include "tests/support/volume.h"
 
 #include <gtest/gtest.h>
@@ -10,6 +11,7 @@
 #include <cerrno>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -17,15 +19,6 @@ using namespace fat;
 using namespace testing_support;
 
 namespace {
-
-struct answer {
-    int result;
-    std::string said;
-    bool operator==(const answer &) const = default;
-};
-std::ostream &operator<<(std::ostream &out, const answer &a) {
-    return out << a.result << ", \"" << a.said << "\"";
-}
 
 const answer ABSENT = {-ENOENT, ""};
 
@@ -54,9 +47,7 @@ protected:
         return a;
     }
     answer found(u32 index) const {
-        return {static_cast<int>(index), "find_dentry_with_clu[N]: found index:(" +
-                                             std::to_string(dir.base()) + ", " +
-                                             std::to_string(index) + ")\n"};
+        return {static_cast<int>(index), found_at(dir.base(), index)};
     }
     // Both entrances give the same answer.
     answer find(std::string name, fat_name *record = nullptr) {
@@ -105,11 +96,31 @@ std::string narrow(const std::u16string &wide) {
 
 // ---- short names ------------------------------------------------------------------------------
 
-TEST_P(FindDentry, ShortNameIsFoundInAnyOneCase) {
+TEST_P(FindDentry, ShortNameIsFoundInAnyOneCaseByAllElevenBytes) {
+    const u32 self = dir.append(short_entry(".          ", DIRECTORY, 5));
+    const u32 parent = dir.append(short_entry("..         ", DIRECTORY));
     const u32 index = dir.append(short_entry("README  TXT"));
-    for (const char *name : {"README.TXT", "readme.txt", "README.txt", "readme.TXT"}) {
-        EXPECT_EQ(find(name), found(index)) << name;
+    const u32 escaped = dir.append(short_entry("\x05"
+                                               "TOILE     "));
+    const u32 other = dir.append(short_entry("CAF\xC3\xA9   TXT"));
+    for (const auto &[name, at] :
+         std::initializer_list<std::pair<const char *, u32>>{{".", self},
+                                                             {"..", parent},
+                                                             {"README.TXT", index},
+                                                             {"readme.txt", index},
+                                                             {"README.txt", index},
+                                                             {"readme.TXT", index},
+                                                             {"\xE5TOILE", escaped},
+                                                             {"caf\xC3\xA9.txt", other}}) {
+        EXPECT_EQ(find(name), found(at)) << name;
     }
+    for (const char *name : {"README", "README.TX", "README.TXU", "READM.TXT", "README1.TXT",
+                             "READMET.XT", "EADME.TXT"}) {
+        EXPECT_EQ(find(name), ABSENT) << name;
+    }
+    char name[] = "readme.txt. . "; // trailing blanks and dots are cut off the caller's string
+    EXPECT_EQ(heard(fat_find_dentry(&dir.record, name, nullptr)), found(index));
+    EXPECT_STREQ(name, "readme.txt");
 }
 
 TEST_P(FindDentry, FirstOfTwoEqualNamesIsFound) {
@@ -117,14 +128,6 @@ TEST_P(FindDentry, FirstOfTwoEqualNamesIsFound) {
     const u32 first = dir.append(short_entry("README  TXT"));
     dir.append(short_entry("README  TXT", DIRECTORY));
     EXPECT_EQ(find("README.TXT"), found(first));
-}
-
-TEST_P(FindDentry, AllElevenBytesMustAgree) {
-    dir.append(short_entry("README  TXT"));
-    for (const char *name : {"README", "README.TX", "README.TXU", "READM.TXT", "README1.TXT",
-                             "READMET.XT", "EADME.TXT"}) {
-        EXPECT_EQ(find(name), ABSENT) << name;
-    }
 }
 
 TEST_P(FindDentry, FilesAndDirectoriesOfAnyAttributesAreFound) {
@@ -137,27 +140,16 @@ TEST_P(FindDentry, FilesAndDirectoriesOfAnyAttributesAreFound) {
     }
 }
 
-TEST_P(FindDentry, VolumeLabelIsNoName) {
+TEST_P(FindDentry, LabelsDeletedAndInvalidEntriesArePassed) {
     dir.append(short_entry("README  TXT", LABEL));
     dir.append(short_entry("README  TXT", LABEL | ARCHIVE));
+    dir.append(deleted(short_entry("README  TXT")));
     EXPECT_EQ(find("README.TXT"), ABSENT);
-    const u32 index = dir.append(short_entry("README  TXT"));
-    EXPECT_EQ(find("README.TXT"), found(index));
-}
-
-TEST_P(FindDentry, EntryThatIsDirectoryAndLabelIsToldAndPassed) {
     dir.append(short_entry("README  TXT", DIRECTORY | LABEL));
     const u32 index = dir.append(short_entry("README  TXT"));
     answer expected = found(index);
     expected.said = "entry_type[N]: Unknown entry type: 24\n\n" + expected.said;
     EXPECT_EQ(find("README.TXT"), expected);
-}
-
-TEST_P(FindDentry, DeletedEntryIsPassed) {
-    dir.append(deleted(short_entry("README  TXT")));
-    EXPECT_EQ(find("README.TXT"), ABSENT);
-    const u32 index = dir.append(short_entry("README  TXT"));
-    EXPECT_EQ(find("README.TXT"), found(index));
 }
 
 TEST_P(FindDentry, NothingIsLookedAtBehindAnUnusedEntry) {
@@ -175,32 +167,6 @@ TEST_P(FindDentry, EmptyDirectoryIsLeftAtOnce) {
     EXPECT_EQ(v.disk.log, (std::vector{first, first}));
 }
 
-TEST_P(FindDentry, DotEntriesAreFoundByTheirFixedNames) {
-    const u32 self = dir.append(short_entry(".          ", DIRECTORY, 5));
-    const u32 parent = dir.append(short_entry("..         ", DIRECTORY));
-    EXPECT_EQ(find("."), found(self));
-    EXPECT_EQ(find(".."), found(parent));
-    EXPECT_EQ(find("README"), ABSENT);
-}
-
-TEST_P(FindDentry, TrailingBlanksAndDotsAreCutOffTheCallersString) {
-    const u32 index = dir.append(short_entry("FILE    TXT"));
-    char name[] = "file.txt. . ";
-    EXPECT_EQ(heard(fat_find_dentry(&dir.record, name, nullptr)), found(index));
-    EXPECT_STREQ(name, "file.txt");
-}
-
-TEST_P(FindDentry, FirstCharacterE5IsStoredEscaped) {
-    const u32 index = dir.append(short_entry("\x05"
-                                             "TOILE     "));
-    EXPECT_EQ(find("\xE5TOILE"), found(index));
-}
-
-TEST_P(FindDentry, NameThatFitsItsElevenBytesNeedsNoAscii) {
-    const u32 index = dir.append(short_entry("CAF\xC3\xA9   TXT"));
-    EXPECT_EQ(find("caf\xC3\xA9.txt"), found(index));
-}
-
 TEST_P(FindDentry, NamesInEverySectorOfTheDirectoryAreFound) {
     for (u32 i = 0; i < dir.capacity() - 1; i++) {
         dir.append(short_entry(numbered("N", 1000 + i, "      ")));
@@ -213,20 +179,15 @@ TEST_P(FindDentry, NamesInEverySectorOfTheDirectoryAreFound) {
 
 // ---- long names -------------------------------------------------------------------------------
 
-TEST_P(FindDentry, LongNameIsFoundInItsOwnCaseOnly) {
+TEST_P(FindDentry, LongNameIsFoundInItsOwnCaseAndByItsShortOne) {
     const u32 index = dir.append_long(u"ReadMe.txt", "README~1TXT");
-    EXPECT_EQ(find("ReadMe.txt"), found(index));
+    for (const char *name : {"ReadMe.txt", "README~1.TXT", "readme~1.txt"}) {
+        EXPECT_EQ(find(name), found(index)) << name;
+    }
     for (const char *name : {"ReadMe.TXT", "Readme.txt", "README.TXT", "readme.txt", "readME.txt",
-                             "ReadMe.tx", "ReadMe.text", "eadMe.txt"}) {
+                             "ReadMe.tx", "ReadMe.text", "eadMe.txt", "ReadMe~1.txt"}) {
         EXPECT_EQ(find(name), ABSENT) << name;
     }
-}
-
-TEST_P(FindDentry, ShortNameOfALongOneIsFoundToo) {
-    const u32 index = dir.append_long(u"ReadMe.txt", "README~1TXT");
-    EXPECT_EQ(find("README~1.TXT"), found(index));
-    EXPECT_EQ(find("readme~1.txt"), found(index));
-    EXPECT_EQ(find("ReadMe~1.txt"), ABSENT);
 }
 
 TEST_P(FindDentry, NameWithALongFormNeedsSlots) {
@@ -287,12 +248,6 @@ TEST_P(FindDentry, SlotsDoNotMatterToANameWithoutALongForm) {
 
 // ---- slots in any state -----------------------------------------------------------------------
 
-TEST_P(FindSlots, ChecksumIsNotLookedAt) {
-    dir.append(long_slot(0x41, u"ReadMe.txt", checksum_of("README~1TXT") ^ 0xFFU));
-    const u32 index = dir.append(short_entry("README~1TXT"));
-    EXPECT_EQ(find("ReadMe.txt"), found(index));
-}
-
 TEST_P(FindSlots, OrphanSlotsBelongToTheNextShortEntry) {
     dir.append(long_slots(u"ReadMe.txt", "README~1TXT"));
     const u32 index = dir.append(short_entry("OTHER   TXT"));
@@ -307,74 +262,6 @@ TEST_P(FindSlots, NameBehindOrphansAndDeletedEntriesIsFound) {
     dir.append(long_slots(std::u16string(30, u'p'), "PPPPPP~1   "));
     const u32 index = dir.append_long(u"ReadMe.txt", "README~1TXT");
     EXPECT_EQ(find("ReadMe.txt"), found(index));
-}
-
-TEST_P(FindSlots, OrdinalsPlaceTheUnitsInWhateverOrderTheyStand) {
-    const std::u16string name = A13 + B13 + u"Tail";
-    std::vector<entry_image> slots = long_slots(name, "AAAAAA~1   ");
-    std::vector<std::size_t> order = {0, 1, 2};
-    do {
-        dir.go_to(0);
-        for (const std::size_t slot : order) {
-            dir.append(slots[slot]);
-        }
-        const u32 index = dir.append(short_entry("AAAAAA~1   "));
-        EXPECT_EQ(find(narrow(name)), found(index)) << order[0] << order[1] << order[2];
-    } while (std::next_permutation(order.begin(), order.end()));
-}
-
-TEST_P(FindSlots, LaterSlotOfTheSameOrdinalWins) {
-    dir.append(long_slot(0x41, u"FirstName", 0));
-    dir.append(long_slot(0x41, u"SecondOne", 0));
-    const u32 index = dir.append(short_entry("NAME    TXT"));
-    EXPECT_EQ(find("FirstName"), ABSENT);
-    EXPECT_EQ(find("SecondOne"), found(index));
-}
-
-TEST_P(FindSlots, MarkOfTheLastSlotIsNotNeeded) {
-    dir.append(long_slot(0x01, u"ReadMe.txt", 0));
-    const u32 index = dir.append(short_entry("README~1TXT"));
-    EXPECT_EQ(find("ReadMe.txt"), found(index));
-}
-
-TEST_P(FindSlots, HighBitsOfTheAttributeDoNotHideASlot) {
-    for (const unsigned attr : {0x0FU, 0x4FU, 0x8FU, 0xCFU}) {
-        dir.go_to(0);
-        entry_image slot = long_slot(0x41, u"ReadMe.txt", 0);
-        slot[11] = static_cast<u8>(attr);
-        dir.append(slot);
-        const u32 index = dir.append(short_entry("README~1TXT"));
-        EXPECT_EQ(find("ReadMe.txt"), found(index)) << "attribute " << attr;
-    }
-}
-
-TEST_P(FindSlots, EntriesBetweenSlotsAndShortEntryUndoTheGathering) {
-    const std::pair<entry_image, std::string> between[] = {
-        {deleted(short_entry("GONE       ")), ""},
-        {deleted(long_slot(0x01, u"Gone", 0)), ""},
-        {short_entry("LABEL      ", LABEL), ""},
-        {short_entry("INVALID    ", LABEL | DIRECTORY),
-         "entry_type[N]: Unknown entry type: 24\n\n"},
-    };
-    for (const auto &[entry, message] : between) {
-        dir.go_to(0);
-        dir.append(long_slots(u"ReadMe.txt", "README~1TXT"));
-        dir.append(entry);
-        const u32 index = dir.append(short_entry("README~1TXT"));
-        EXPECT_EQ(find("ReadMe.txt"), (answer{-ENOENT, message}));
-        answer expected = found(index);
-        expected.said = message + expected.said;
-        EXPECT_EQ(find("README~1.TXT"), expected);
-    }
-}
-
-TEST_P(FindSlots, EntryBetweenTwoSlotsTakesOnlyTheFlagAway) {
-    // What the first slot wrote is still there when the second sets the flag again.
-    dir.append(long_slot(0x42, u"Tail", 0));
-    dir.append(deleted(short_entry("GONE       ")));
-    dir.append(long_slot(0x01, A13, 0));
-    const u32 index = dir.append(short_entry("AAAAAA~1   "));
-    EXPECT_EQ(find(narrow(A13 + u"Tail")), found(index));
 }
 
 TEST_P(FindSlots, SecondShortEntryBehindTheSlotsHasNoLongName) {
@@ -504,17 +391,6 @@ TEST(FindInAnOddRoot, LargeAreaIsWalkedToItsEnd) {
     EXPECT_EQ(said.text(), "find_dentry_with_clu[N]: found index:(0, 1023)\n");
 }
 
-TEST(FindInAnOddRoot, SmallAreaIsWalkedToItsEnd) {
-    volume v({.root_entries = 32});
-    directory root = v.root();
-    root.fill_up(short_entry("OTHER   TXT"));
-    diagnostics said;
-    char name[] = "LAST.TXT";
-    EXPECT_EQ(fat_find_dentry(&root.record, name, nullptr), -ENOENT);
-    EXPECT_EQ(said.text(), "get_phy_sector[N]: Invalid sector number in Root dir\n\n"
-                           "get_dentry_with_clu[N]: Failed to get entry sector!:(0, 32)\n\n");
-}
-
 // ---- failures ---------------------------------------------------------------------------------
 
 TEST_P(FindFails, ArgumentsMustBeThere) {
@@ -548,61 +424,11 @@ TEST_P(FindFails, LongFormThatIsNotAsciiCannotBeLookedFor) {
                                "find_dentry_with_clu[N]: Failed to get fatnames!\n\n"}));
 }
 
-TEST_P(FindFails, ClusterThatIsNoDirectory) {
-    char name[] = "README.TXT";
-    EXPECT_EQ(heard(find_dentry_with_clu(1, name, nullptr)),
-              (answer{-EINVAL, "get_phy_sector[N]: invalid start cluster number 1\n"
-                               "get_dentry_with_clu[N]: Failed to get entry sector!:(1, 0)\n\n"
-                               "find_dentry_with_clu[N]: fail to get dentry(1, 0):"
-                               "Invalid argument\n"}));
-    EXPECT_EQ(heard(find_dentry_with_clu(0xFFFFFFFF, name, nullptr)),
-              (answer{-EINVAL, "get_phy_sector[N]: NULL pointer or invalid xxx!\n\n"
-                               "get_dentry_with_clu[N]: Failed to get entry sector!:"
-                               "(4294967295, 0)\n\n"
-                               "find_dentry_with_clu[N]: fail to get dentry(4294967295, 0):"
-                               "Invalid argument\n"}));
-}
-
-TEST_P(FindFails, BrokenChainEndsTheWalkWithTheErrorOfTheAddress) {
-    dir.fill_up(short_entry("OTHER   TXT"));
-    const std::string end = "get_dentry_with_clu[N]: Failed to get entry sector!:(5, 32)\n\n"
-                            "find_dentry_with_clu[N]: fail to get dentry(5, 32):Invalid argument\n";
-    for (const u32 value : {1U, sv->num_clusters + 2, volume::bad_mark()}) {
-        v.set_link(9, value);
-        EXPECT_EQ(find("README.TXT"), (answer{-EINVAL, "fat_read_clus[N]: Invalid cluster!\n\n"
-                                                       "get_phy_sector[N]: invalid value -22\n" +
-                                                           end}));
-    }
-    v.set_link(9, 0);
-    EXPECT_EQ(find("README.TXT"), (answer{-EINVAL, "get_phy_sector[N]: invalid value 0\n" + end}));
-    v.disk.bad_sectors = {volume::fat_sector_of(5)};
-    EXPECT_EQ(find("README.TXT"),
-              (answer{-EINVAL, "fat_read_entry[N]: cannot read FAT\n\n"
-                               "get_phy_sector[N]: invalid value -5\n"
-                               "get_dentry_with_clu[N]: Failed to get entry sector!:(5, 16)\n\n"
-                               "find_dentry_with_clu[N]: fail to get dentry(5, 16):"
-                               "Invalid argument\n"}));
-}
-
 TEST_P(FindFails, NameInFrontOfTheDamageIsFound) {
     dir.fill_up(short_entry("OTHER   TXT"));
     dir.put(31, short_entry("README  TXT"));
     v.set_link(9, 1);
     EXPECT_EQ(find("README.TXT"), found(31));
-}
-
-TEST_P(FindFails, SectorThatCannotBeReadEndsTheWalk) {
-    dir.fill_up(short_entry("OTHER   TXT"));
-    for (const u32 bad : {0U, 1U, 2U}) {
-        v.disk.bad_sectors = {dir.sectors[bad]};
-        const std::string sector = std::to_string(dir.sectors[bad]);
-        const std::string index = std::to_string(16 * bad);
-        EXPECT_EQ(find("README.TXT"),
-                  (answer{-EIO, "get_dentry_with_clu[N]: cannot read sectors:(sector: " + sector +
-                                    ")\n"
-                                    "find_dentry_with_clu[N]: fail to get dentry(5, " +
-                                    index + "):Input/output error\n"}));
-    }
 }
 
 TEST_P(FindFails, OnlyANegativeResultOfAReadEndsTheWalk) {
@@ -745,8 +571,6 @@ TEST_P(FindFills, RecordOfAWalkThatFailed) {
 
 namespace {
 
-constexpr u32 GATHERING = 1;
-
 class CompareEntryName : public testing::Test {
 protected:
     CompareEntryName() {
@@ -775,7 +599,7 @@ protected:
             gathered[i] = wide[i];
         }
         gathered[i] = 0;
-        flag = GATHERING;
+        flag = 1;
     }
 
     static constexpr u16 CANARY = 0x7777;
@@ -791,27 +615,53 @@ protected:
 
 } // namespace
 
-TEST_F(CompareEntryName, LongFormIsComparedWithTheGatheredName) {
-    gather(u"ReadMe.txt");
-    EXPECT_EQ(compare(other, u"ReadMe.txt"), match);
-    gather(u"ReadMe.tx");
-    EXPECT_EQ(compare(file, u"ReadMe.txt"), no_match);
-    EXPECT_EQ(flag, 0U);
-}
-
-TEST_F(CompareEntryName, LongFormDoesNotMatchWithoutSlots) {
-    EXPECT_EQ(compare(file, u"ReadMe.txt"), no_match);
-    gather(u"ReadMe.txt");
-    flag = 0;
-    EXPECT_EQ(compare(file, u"ReadMe.txt"), no_match);
-}
-
-TEST_F(CompareEntryName, EmptyGatheredNameLeavesItToTheShortOne) {
-    gather(u"");
-    EXPECT_EQ(compare(file, u"ReadMe.txt"), match);
-    gather(u"");
-    EXPECT_EQ(compare(other, u"ReadMe.txt"), no_match);
-    EXPECT_EQ(flag, 0U);
+TEST_F(CompareEntryName, EachRowMatchesOrNotAndLeavesItsFlag) {
+    const char16_t *const name = u"ReadMe.txt";
+    const entry_image label = short_entry("README  TXT", LABEL);
+    const entry_image a_slot = long_slot(0x41, u"README.TXT", 0);
+    const entry_image none = {};
+    const struct {
+        const entry_image &entry;
+        const char16_t *wide;       // null: a name without a long form
+        const char16_t *slots_have; // gathered before
+        u32 flag_before;
+        bool matches;
+        u32 flag_after;
+        u8 long_names = 1;
+    } rows[] = {
+        {other, name, name, 1, true, 1},
+        {file, name, u"ReadMe.tx", 1, false, 0},
+        {file, name, u"", 0, false, 0},
+        {file, name, name, 0, false, 0},
+        // An empty gathered name leaves it to the short one.
+        {file, name, u"", 1, true, 1},
+        {other, name, u"", 1, false, 0},
+        // Of a long form, the walk clears the flag at other entries.
+        {deleted(file), name, name, 1, false, 1},
+        {label, name, name, 1, false, 1},
+        {none, name, name, 1, false, 1},
+        {file, nullptr, u"Whatever", 1, true, 1},
+        {other, nullptr, u"Whatever", 1, false, 1},
+        {file, nullptr, u"Whatever", 0, true, 0},
+        {a_slot, nullptr, u"X", 1, false, 0},
+        {deleted(file), nullptr, u"X", 1, false, 0},
+        {label, nullptr, u"X", 1, false, 0},
+        {none, nullptr, u"X", 1, false, 0},
+        // With long names off the long form does not count.
+        {other, name, name, 1, false, 1, 0},
+        {file, name, name, 1, true, 1, 0},
+        {a_slot, name, name, 1, false, 0, 0},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE("row " + std::to_string(&row - rows));
+        sv->long_name = row.long_names;
+        gather(row.slots_have);
+        flag = row.flag_before;
+        EXPECT_EQ(compare(row.entry, row.wide), row.matches ? match : no_match);
+        EXPECT_EQ(flag, row.flag_after);
+        EXPECT_TRUE(std::equal(gathered, gathered + std::u16string(row.slots_have).size() + 1,
+                               row.slots_have));
+    }
 }
 
 TEST_F(CompareEntryName, SlotSetsTheFlagAndItsUnits) {
@@ -839,56 +689,13 @@ TEST_F(CompareEntryName, TwentiethSlotIsCutAtTheEnd) {
     EXPECT_EQ(std::u16string(gathered + 247, gathered + 256), A13.substr(0, 9));
 }
 
-TEST_F(CompareEntryName, OtherEntriesLeaveTheFlagToTheWalkOfALongForm) {
-    gather(u"ReadMe.txt");
-    for (const entry_image &entry :
-         {deleted(file), short_entry("LABEL      ", LABEL), entry_image{}}) {
-        EXPECT_EQ(compare(entry, u"ReadMe.txt"), no_match);
-        EXPECT_EQ(flag, GATHERING);
-    }
-}
-
-TEST_F(CompareEntryName, ShortNameIsComparedWhereThereIsNoLongForm) {
-    gather(u"Whatever");
-    EXPECT_EQ(compare(file, nullptr), match);
-    EXPECT_EQ(compare(other, nullptr), no_match);
-    EXPECT_EQ(flag, GATHERING);
-    flag = 0;
-    EXPECT_EQ(compare(file, nullptr), match);
-}
-
-TEST_F(CompareEntryName, WithoutALongFormAnyOtherEntryClearsTheFlag) {
-    for (const entry_image &entry : {long_slot(0x41, u"README.TXT", 0), deleted(file),
-                                     short_entry("README  TXT", LABEL), entry_image{}}) {
-        flag = GATHERING;
-        EXPECT_EQ(compare(entry, nullptr), no_match);
-        EXPECT_EQ(flag, 0U);
-        EXPECT_EQ(gathered[1], CANARY);
-    }
-}
-
-TEST_F(CompareEntryName, WithLongNamesOffTheLongFormDoesNotCount) {
-    sv->long_name = 0;
-    gather(u"ReadMe.txt");
-    EXPECT_EQ(compare(other, u"ReadMe.txt"), no_match);
-    EXPECT_EQ(compare(file, u"ReadMe.txt"), match);
-    EXPECT_EQ(compare(long_slot(0x41, u"Other", 0), u"ReadMe.txt"), no_match);
-    EXPECT_EQ(flag, 0U);
-}
-
-TEST_F(CompareEntryName, MissingPlaceForTheGatheredNameCountsAsAMatch) {
+TEST_F(CompareEntryName, MissingPlaceForTheGatheredNameCountsAsAMatchOfALongForm) {
     const u16 wide[256] = {'A', 0};
-    EXPECT_EQ(compare_entry_name(file.data(), reinterpret_cast<const u8 *>("README  TXT"), wide,
-                                 nullptr, &flag),
-              -EEXIST);
-    EXPECT_EQ(said.text(), "compare_entry_name[N]: extended name is null\n\n");
-}
-
-TEST_F(CompareEntryName, WithoutALongFormThePlaceIsNotNeeded) {
-    EXPECT_EQ(compare_entry_name(other.data(), reinterpret_cast<const u8 *>("README  TXT"), nullptr,
-                                 nullptr, &flag),
-              0);
+    const u8 *const dos = reinterpret_cast<const u8 *>("README  TXT");
+    EXPECT_EQ(compare_entry_name(other.data(), dos, nullptr, nullptr, &flag), 0);
     EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(compare_entry_name(file.data(), dos, wide, nullptr, &flag), -EEXIST);
+    EXPECT_EQ(said.text(), "compare_entry_name[N]: extended name is null\n\n");
 }
 
 // ---- comparing long names ---------------------------------------------------------------------
@@ -909,33 +716,26 @@ int compare(const std::u16string &a, const std::u16string &b) {
 
 } // namespace
 
-TEST(UnameCompare, EqualNamesGiveZero) {
-    for (const std::size_t length : {0U, 1U, 13U, 255U}) {
-        EXPECT_EQ(compare(std::u16string(length, u'x'), std::u16string(length, u'x')), 0);
+TEST(UnameCompare, GivesTheDifferenceOfTheFirstDifferingUnits) {
+    const std::u16string x256(256, u'x');
+    const std::u16string almost = x256.substr(0, 255) + u'z';
+    for (const std::size_t length : {0U, 1U, 13U, 255U, 256U}) {
+        EXPECT_EQ(compare(x256.substr(0, length), x256.substr(0, length)), 0);
     }
-}
-
-TEST(UnameCompare, DifferenceOfTheFirstDifferingUnitsIsGiven) {
-    EXPECT_EQ(compare(u"ABC", u"ABD"), -1);
-    EXPECT_EQ(compare(u"ABD", u"ABC"), 1);
-    EXPECT_EQ(compare(u"a", u"A"), 32);
-    EXPECT_EQ(compare(u"AB", u"A"), 'B');
-    EXPECT_EQ(compare(u"A", u"AB"), -'B');
-    EXPECT_EQ(compare(u"", u"\xFFFF"), -0xFFFF);
-    EXPECT_EQ(compare(u"\xFFFF", u""), 0xFFFF);
-    EXPECT_EQ(compare(u"XA", u"YB"), -1);
-}
-
-TEST(UnameCompare, UnitsBehindTheTerminatorDoNotCount) {
-    EXPECT_EQ(compare(std::u16string(u"AB\0C", 4), std::u16string(u"AB\0D", 4)), 0);
-}
-
-TEST(UnameCompare, NothingBehind256UnitsIsLookedAt) {
-    std::u16string a(256, u'x');
-    std::u16string b = a;
-    EXPECT_EQ(compare(a, b), 0);
-    b[255] = u'z';
-    EXPECT_EQ(compare(a, b), -2);
+    for (const auto &[a, b, difference] :
+         std::initializer_list<std::tuple<std::u16string, std::u16string, int>>{
+             {u"ABC", u"ABD", -1},
+             {u"ABD", u"ABC", 1},
+             {u"a", u"A", 32},
+             {u"AB", u"A", 'B'},
+             {u"A", u"AB", -'B'},
+             {u"", u"\xFFFF", -0xFFFF},
+             {u"\xFFFF", u"", 0xFFFF},
+             {u"XA", u"YB", -1},
+             {{u"AB\0C", 4}, {u"AB\0D", 4}, 0},
+             {x256, almost, -2}}) {
+        EXPECT_EQ(compare(a, b), difference);
+    }
 }
 
 // ---- putting a long name together -------------------------------------------------------------
@@ -1022,99 +822,6 @@ TEST_P(GetLongName, SlotsGoOnInTheNextSector) {
     }
 }
 
-TEST_P(GetLongName, OrdinalsOfTheOtherSlotsAreNotLookedAt) {
-    dir.append(long_slot(0x43, u"Tail", sum));
-    dir.append(long_slot(0x01, A13, sum));
-    dir.append(long_slot(0x3F, B13, sum));
-    dir.append(short_entry(DOS));
-    EXPECT_EQ(long_name(0), (answer{3, ""}));
-    EXPECT_EQ(name(), B13 + A13 + u"Tail");
-}
-
-TEST_P(GetLongName, AnythingButASlotInTheMiddleBreaksTheName) {
-    const std::pair<entry_image, std::string> between[] = {
-        {short_entry(DOS), ""},
-        {short_entry(DOS, DIRECTORY), ""},
-        {deleted(long_slot(0x02, A13, sum)), ""},
-        {short_entry("LABEL      ", LABEL), ""},
-        {entry_image{}, ""},
-        {short_entry("INVALID    ", LABEL | DIRECTORY),
-         "entry_type[N]: Unknown entry type: 24\n\n"},
-    };
-    for (const auto &[broken, message] : between) {
-        dir.go_to(0);
-        dir.append(long_slot(0x43, u"Tail", sum));
-        dir.append(broken);
-        dir.append(long_slot(0x01, A13, sum));
-        dir.append(short_entry(DOS));
-        EXPECT_EQ(long_name(0), (answer{0, message}));
-        EXPECT_EQ(units[0], 0);
-        EXPECT_TRUE(stands_at(1));
-    }
-}
-
-TEST_P(GetLongName, SecondLastSlotBreaksTheName) {
-    dir.append(long_slot(0x43, u"Tail", sum));
-    dir.append(long_slot(0x42, A13, sum));
-    dir.append(long_slot(0x01, B13, sum));
-    dir.append(short_entry(DOS));
-    EXPECT_EQ(long_name(0), none);
-    EXPECT_EQ(units[0], CANARY) << "no name was begun, and none is emptied";
-    EXPECT_TRUE(stands_at(1));
-    // From there on it is a name.
-    EXPECT_EQ(long_name(1), (answer{2, ""}));
-    EXPECT_EQ(name(), B13 + A13);
-}
-
-TEST_P(GetLongName, OtherChecksumInTheMiddleBreaksTheName) {
-    dir.append(short_entry("OTHER   TXT"));
-    dir.append(long_slot(0x43, u"Tail", sum));
-    dir.append(long_slot(0x02, A13, sum));
-    dir.append(long_slot(0x01, B13, wrong(DOS)));
-    dir.append(short_entry(DOS));
-    EXPECT_EQ(long_name(1), mismatch(3));
-    EXPECT_TRUE(stands_at(3));
-}
-
-TEST_P(GetLongName, OtherChecksumThanThatOfTheShortEntryEmptiesTheName) {
-    dir.append(short_entry("OTHER   TXT"));
-    dir.append(long_slot(0x42, u"Tail", wrong(DOS)));
-    dir.append(long_slot(0x01, A13, wrong(DOS)));
-    dir.append(short_entry(DOS));
-    EXPECT_EQ(long_name(1), mismatch(3));
-    EXPECT_EQ(units[0], 0);
-    EXPECT_TRUE(stands_at(3));
-}
-
-TEST_P(GetLongName, SlotsWithoutAShortEntryAreNoName) {
-    const std::pair<entry_image, std::string> behind[] = {
-        {deleted(short_entry(DOS)), ""},
-        {entry_image{}, ""},
-        {long_slot(0x41, A13, sum), ""},
-        {short_entry(DOS, LABEL), ""},
-        {short_entry(DOS, LABEL | DIRECTORY), "entry_type[N]: Unknown entry type: 24\n\n"},
-    };
-    for (const auto &[last, message] : behind) {
-        dir.go_to(0);
-        dir.append(long_slot(0x42, u"Tail", sum));
-        dir.append(long_slot(0x01, A13, sum));
-        dir.append(last);
-        EXPECT_EQ(long_name(0), (answer{0, message}));
-        EXPECT_TRUE(stands_at(2));
-    }
-}
-
-TEST_P(GetLongName, CountBelowOneMeansNoName) {
-    for (const unsigned ordinal : {0x40U, 0x3FU, 0x02U, 0x01U}) {
-        dir.go_to(0);
-        dir.append(long_slot(ordinal, A13, sum));
-        dir.fill_up(long_slot(0x01, B13, sum));
-        EXPECT_EQ(long_name(0), none) << "ordinal " << ordinal;
-        EXPECT_TRUE(stands_at(0)) << "ordinal " << ordinal;
-        EXPECT_EQ(v.disk.log.size(), 0U) << "ordinal " << ordinal;
-    }
-}
-
 TEST_P(GetLongName, UnitsBehindThe256thAreLeftOut) {
     std::u16string wide;
     for (unsigned k = 63; k >= 1; k--) {
@@ -1126,18 +833,6 @@ TEST_P(GetLongName, UnitsBehindThe256thAreLeftOut) {
     EXPECT_EQ(long_name(0), (answer{63, ""}));
     EXPECT_EQ(std::u16string(units.begin(), units.begin() + 256), wide.substr(0, 256));
     EXPECT_TRUE(stands_at(index));
-}
-
-TEST_P(GetLongName, CountBeyondTheSlotsBreaksTheName) {
-    for (const unsigned ordinal : {0x43U, 0x7FU, 0xC2U, 0xFFU}) {
-        dir.go_to(0);
-        dir.append(long_slot(ordinal, u"Tail", sum));
-        dir.append(long_slot(0x01, A13, sum));
-        dir.append(short_entry(DOS));
-        EXPECT_EQ(long_name(0), none) << "ordinal " << ordinal;
-        EXPECT_EQ(units[0], 0);
-        EXPECT_TRUE(stands_at(2));
-    }
 }
 
 TEST_P(GetLongName, ReadFailuresComeThrough) {

@@ -7,7 +7,9 @@
 #include "tests/support/faults.h"
 #include "tests/support/files.h"
 #include "tests/support/open_entries.h"
+#include "tests/support/printout.h"
 #include "tests/support/ram_disk.h"
+#include "tests/support/rows.h"
 #include "tests/support/volume.h"
 #include "tests/support/volume_fixture.h"
 
@@ -58,17 +60,53 @@ void forget_geometry() {
     *sv = fresh;
 }
 
-// What is printed to a stream.
-template <typename Print>
-std::string printed(Print print, int *result) {
-    char *text = nullptr;
-    std::size_t size = 0;
-    FILE *stream = open_memstream(&text, &size);
-    *result = print(stream);
-    std::fclose(stream);
-    std::string content(text, size);
-    std::free(text);
-    return content;
+// Boot sectors that are refused as broken.
+struct broken_row : named_row {
+    boot_numbers numbers;
+    u32 sector_size; // of the volume after it; 0: not taken
+};
+template <typename Change>
+boot_numbers changed(boot_numbers numbers, const Change &change) {
+    change(numbers);
+    return numbers;
+}
+std::vector<broken_row> broken_boot_sectors() {
+    std::vector<broken_row> rows = {
+        {"Fat32WithoutAFatSize",
+         changed(fat32_numbers(), [](boot_numbers &n) { n.fat_size_32 = 0; }), 512},
+        {"LargeSectorsWithoutAFatSize",
+         changed(fat32_numbers(),
+                 [](boot_numbers &n) {
+                     n.sector_size = 1024;
+                     n.sec_per_clus = 2;
+                     n.fat_size_32 = 0;
+                 }),
+         1024},
+        {"Fat32WithA16BitTotalAlone",
+         changed(fat32_numbers(),
+                 [](boot_numbers &n) {
+                     n.total_32 = 0;
+                     n.total_16 = 60000;
+                 }),
+         512},
+    };
+    for (const boot_numbers &numbers : {fat16_numbers(), fat32_numbers()}) {
+        const auto add = [&](const char *name, u32 sector_size, auto change) {
+            rows.push_back({{name}, changed(numbers, change), sector_size});
+        };
+        add("NoClusterSize", 0, [](boot_numbers &n) { n.sec_per_clus = 0; });
+        for (const u32 size : {0U, 1U, 2U, 16U, 32U, 100U, 256U, 511U, 513U, 520U, 4095U, 65535U}) {
+            add("SectorSize", 0, [size](boot_numbers &n) { n.sector_size = size; });
+        }
+        // Areas that leave no room for data.
+        add("ReservedArea", 512, [](boot_numbers &n) {
+            n.reserved = 65535;
+            n.total_16 = n.total_32 = 20000;
+        });
+        add("FatCopies", 512, [](boot_numbers &n) { n.fats = 255; });
+        add("Total", 512, [](boot_numbers &n) { n.total_16 = n.total_32 = 1; });
+    }
+    return rows;
 }
 
 // A boot sector on a disk of its own, which is the open volume.
@@ -196,16 +234,7 @@ TEST_F(BootSector, Fat16Geometry) {
     numbers.root_entries = 17; // two sectors
     numbers.total_16 = 3 + 60 + 2 + 4 * 5000 + 3;
     EXPECT_EQ(mount(numbers), (answer{0, ""}));
-    EXPECT_EQ(geometry_of_volume(), (geometry{.fat_type = 16,
-                                              .fat_size = 20,
-                                              .total_sectors = 20068,
-                                              .num_clusters = 5000,
-                                              .sector_size = 512,
-                                              .sec_per_clus = 4,
-                                              .root_clus = 0,
-                                              .fat_start = 3,
-                                              .rdir_start = 63,
-                                              .data_start = 65}));
+    EXPECT_EQ(geometry_of_volume(), (geometry{16, 20, 20068, 5000, 512, 4, 0, 3, 63, 65}));
     expect_root_open();
     EXPECT_EQ(picture_of(0), tree::opened_root());
 }
@@ -221,16 +250,8 @@ TEST_F(BootSector, Fat32Geometry) {
     put(numbers);
     disk.poke(40 * 512 + 4000, {0xF8, 0xFF, 0xFF, 0xFF});
     EXPECT_EQ(mount(), (answer{0, ""}));
-    EXPECT_EQ(geometry_of_volume(), (geometry{.fat_type = 32,
-                                              .fat_size = 600,
-                                              .total_sectors = 140640,
-                                              .num_clusters = 70000,
-                                              .sector_size = 512,
-                                              .sec_per_clus = 2,
-                                              .root_clus = 1000,
-                                              .fat_start = 40,
-                                              .rdir_start = 640 + 998 * 2,
-                                              .data_start = 640}));
+    EXPECT_EQ(geometry_of_volume(),
+              (geometry{32, 600, 140640, 70000, 512, 2, 1000, 40, 640 + 998 * 2, 640}));
     expect_root_open();
     EXPECT_EQ(picture_of(0), tree::opened_root());
 }
@@ -294,40 +315,19 @@ TEST_F(BootSector, Fat32BlockCountsOnlyWithoutASixteenBitFatSize) {
     EXPECT_EQ(sv->fat_size, numbers.fat_size_16);
 }
 
-TEST_F(BootSector, MissingSizesAreBroken) {
-    boot_numbers numbers = fat32_numbers();
-    numbers.fat_size_32 = 0;
-    EXPECT_EQ(mount(numbers), (answer{-EINVAL, BROKEN}));
-    numbers = fat32_numbers();
-    numbers.total_32 = 0;
-    numbers.total_16 = 60000;
-    EXPECT_EQ(mount(numbers), (answer{-EINVAL, BROKEN}));
-    EXPECT_EQ(ids_in_use(), std::vector<int>());
-}
-
-TEST_F(BootSector, NumbersThatCannotBeComputedWithAreBroken) {
-    const auto refuses = [&](auto change) {
-        for (boot_numbers numbers : {fat16_numbers(), fat32_numbers()}) {
-            change(numbers);
-            EXPECT_EQ(mount_afresh(numbers), (answer{-EINVAL, BROKEN}));
-            EXPECT_EQ(ids_in_use(), std::vector<int>());
-        }
-    };
-    refuses([](boot_numbers &n) { n.sec_per_clus = 0; });
-    for (const u32 size : {0U, 1U, 2U, 16U, 32U, 256U, 511U, 513U, 520U, 4095U, 65535U}) {
-        refuses([size](boot_numbers &n) { n.sector_size = size; });
+TEST_F(BootSector, BrokenNumbersAreRefusedAndMountingCanBeTriedAgain) {
+    for (const broken_row &row : broken_boot_sectors()) {
+        SCOPED_TRACE(testing::Message() << row.name << ", sectors of " << row.numbers.sector_size);
+        EXPECT_EQ(mount_afresh(row.numbers), (answer{-EINVAL, BROKEN}));
+        EXPECT_EQ(ids_in_use(), std::vector<int>());
+        EXPECT_EQ(sv->sector_size, row.sector_size);
+        EXPECT_EQ(sv->fat_type, 0U);
+        EXPECT_EQ(sv->root_dir, nullptr);
+        ASSERT_EQ(mount(fat16_numbers()), (answer{0, ""}));
+        EXPECT_EQ(mount(row.numbers), (answer{-EINVAL, BROKEN}));
+        EXPECT_EQ(sv->sector_size, row.sector_size == 0 ? 512 : row.sector_size);
+        EXPECT_EQ(sv->fat_type, 16U);
     }
-    // Areas that leave no room for data.
-    refuses([](boot_numbers &n) {
-        n.reserved = 65535;
-        n.total_16 = 20000;
-        n.total_32 = 20000;
-    });
-    refuses([](boot_numbers &n) { n.fats = 255; });
-    refuses([](boot_numbers &n) {
-        n.total_16 = 1;
-        n.total_32 = 1;
-    });
 }
 
 TEST_F(BootSector, TotalMayBeLargerThanTheTarget) {
@@ -427,35 +427,14 @@ TEST_F(BootSector, FailedMountLeavesWhatItHadRead) {
     numbers.sec_per_clus = 2;
     numbers.fat_size_32 = 0;
     EXPECT_EQ(mount(numbers).result, -EINVAL);
-    EXPECT_EQ(sv->sector_size, 1024U);
-    EXPECT_EQ(sv->sec_per_clus, 2U);
-    EXPECT_EQ(sv->total_sectors, numbers.total_32);
-    EXPECT_EQ(sv->fat_type, 0U);
+    EXPECT_EQ(
+        geometry_of_volume(),
+        (geometry{.total_sectors = numbers.total_32, .sector_size = 1024, .sec_per_clus = 2}));
     numbers = fat16_numbers();
     numbers.total_16 = static_cast<u16>(first_data_sector(numbers) + 4084);
     EXPECT_EQ(mount_afresh(numbers), (answer{-EINVAL, over_limit(4084, 0)}));
-    EXPECT_EQ(sv->sector_size, 512U);
-    EXPECT_EQ(sv->sec_per_clus, 1U);
-    EXPECT_EQ(sv->fat_size, 32U);
-    EXPECT_EQ(sv->total_sectors, numbers.total_16);
-    EXPECT_EQ(sv->num_clusters, 4084U);
-    EXPECT_EQ(sv->fat_type, 0U);
-    EXPECT_EQ(sv->fat_start, 0U);
-    EXPECT_EQ(sv->rdir_start, 0U);
-    EXPECT_EQ(sv->data_start, 0U);
+    EXPECT_EQ(geometry_of_volume(), (geometry{0, 32, numbers.total_16, 4084, 512, 1}));
     EXPECT_EQ(sv->root_dir, nullptr);
-}
-
-TEST_F(BootSector, SectorSizeThatTransfersCannotUseIsNotTaken) {
-    boot_numbers numbers = fat16_numbers();
-    for (const u32 size : {0U, 1U, 16U, 100U, 511U, 65535U}) {
-        numbers.sector_size = size;
-        EXPECT_EQ(mount_afresh(numbers).result, -EINVAL);
-        EXPECT_EQ(sv->sector_size, 0U);
-        ASSERT_EQ(mount(fat16_numbers()), (answer{0, ""}));
-        EXPECT_EQ(mount(numbers).result, -EINVAL);
-        EXPECT_EQ(sv->sector_size, 512U);
-    }
 }
 
 TEST_F(BootSector, FailedMountCanBeTriedAgain) {
@@ -620,20 +599,20 @@ TEST_F(ImageFile, SmallerThanTheFirstTransferIsUnreadable) {
 
 // The numbers of a boot sector that was refused say nothing of where the image could be cut.
 TEST_F(ImageFile, ThatIsRefusedIsNotCut) {
-    boot_numbers without_fat = fat32_numbers();
-    without_fat.fat_size_32 = 0;
-    boot_numbers too_small = fat16_numbers();
-    too_small.total_16 = static_cast<u16>(first_data_sector(too_small) - 1);
-    boot_numbers one_cluster = fat16_numbers();
-    one_cluster.total_16 = static_cast<u16>(first_data_sector(one_cluster) + 1);
-    for (const boot_numbers &numbers : {without_fat, too_small, one_cluster}) {
-        const std::string path = image_of(numbers);
-        ASSERT_GE(fat_open_volume(path.c_str(), 1, 0), 0);
+    std::vector<broken_row> rows = broken_boot_sectors();
+    for (const u32 clusters : {1U, 4084U}) {
+        rows.push_back({{"FewClusters"}, fat16_numbers(), 512});
+        rows.back().numbers.total_16 =
+            static_cast<u16>(first_data_sector(fat16_numbers()) + clusters);
+    }
+    for (const broken_row &row : rows) {
+        SCOPED_TRACE(row.name);
+        ASSERT_GE(fat_open_volume(image_of(row.numbers).c_str(), 1, 0), 0);
         EXPECT_EQ(mount().result, -EINVAL);
         said.clear();
         EXPECT_EQ(fat_close_volume(1), -EINVAL);
         EXPECT_EQ(said.text(), "fat_release_volume[N]: Check here!\n\n");
-        EXPECT_EQ(std::filesystem::file_size(path), 64 * MIB);
+        EXPECT_EQ(std::filesystem::file_size(scratch.file("disk.img")), 64 * MIB);
         expect_all_closed();
     }
 }
@@ -692,16 +671,13 @@ std::string text_field(const bytes &sector, std::size_t offset, std::size_t size
 
 class PrintPbr : public BootSector {
 protected:
-    answer print(std::string *text) {
-        said.clear();
-        int result = 0;
-        *text = printed([](FILE *stream) { return fat_print_pbr(stream); }, &result);
-        return {result, said.text()};
+    static printout try_to_print() {
+        return to_stream([](FILE *stream) { return fat_print_pbr(stream); });
     }
-    std::string print() {
-        std::string text;
-        EXPECT_EQ(print(&text), (answer{0, ""}));
-        return text;
+    static std::string print() {
+        const printout result = try_to_print();
+        EXPECT_EQ(result, (printout{0, result.out, ""}));
+        return result.out;
     }
 };
 
@@ -871,62 +847,38 @@ TEST_F(PrintPbr, AnyBytes) {
     }
 }
 
-TEST_F(PrintPbr, NothingIsPrintedOfAnUnformattedVolume) {
-    std::string text;
-    EXPECT_EQ(print(&text),
-              (answer{-EINVAL, NO_SIGNATURE + "fat_print_pbr[N]: unformated FAT volume\n"}));
-    EXPECT_EQ(text, "");
-}
-
-TEST_F(PrintPbr, NothingIsPrintedOfWhatCannotBeRead) {
+TEST_F(PrintPbr, NothingIsPrintedOfWhatCannotBeReadOrHasNoSignature) {
+    const allocation_meter meter;
+    EXPECT_EQ(try_to_print(),
+              (printout{-EINVAL, "", NO_SIGNATURE + "fat_print_pbr[N]: unformated FAT volume\n"}));
     put(fat16_numbers());
-    std::string text;
     for (const int moved : {0, 2, -EINVAL, -EIO}) {
         disk.failure_result = moved;
         disk.reads_before_failure = 0;
-        EXPECT_EQ(print(&text), (answer{-EIO, NO_READ + "fat_print_pbr[N]: Unknown error!\n\n"}));
-        EXPECT_EQ(text, "");
+        EXPECT_EQ(try_to_print(),
+                  (printout{-EIO, "", NO_READ + "fat_print_pbr[N]: Unknown error!\n\n"}));
     }
-}
-
-TEST_F(PrintPbr, NoMemory) {
-    put(fat16_numbers());
     for (const u32 size : {0U, 512U}) {
         sv->sector_size = size;
         const failing_allocation fault(0);
-        std::string text;
-        EXPECT_EQ(print(&text), (answer{-ENOMEM, "fat_print_pbr[N]: cannot allocate space\n"}));
-        EXPECT_EQ(text, "");
+        EXPECT_EQ(try_to_print(),
+                  (printout{-ENOMEM, "", "fat_print_pbr[N]: cannot allocate space\n"}));
     }
-}
-
-TEST_F(PrintPbr, LeavesNothingAllocated) {
-    put(fat16_numbers());
-    const allocation_meter meter;
     EXPECT_EQ(print(), pbr_text(disk.peek(0, 512)));
-    disk.poke(510, {0});
-    std::string text;
-    EXPECT_EQ(print(&text).result, -EINVAL);
     EXPECT_EQ(meter.live_blocks(), 0);
 }
 
 // ---- the allocation hint ----------------------------------------------------------------------
 
-TEST_F(BootSector, AllocationHintIsPrinted) {
+TEST_F(BootSector, AllocationHintIsPrintedToAStream) {
     ASSERT_EQ(mount(fat16_numbers()), (answer{0, ""}));
-    int result = 0;
-    EXPECT_EQ(printed(print_alloc_hint, &result), "last allocated cluster: 0 / 8002\n");
-    EXPECT_EQ(result, 33);
-    sv->last_alloc_clus = 0xFFFFFFFF;
-    sv->num_clusters = 0xFFFFFFFF;
-    EXPECT_EQ(printed(print_alloc_hint, &result), "last allocated cluster: 4294967295 / 1\n");
-    EXPECT_EQ(result, 39);
-    EXPECT_EQ(said.text(), "");
-}
-
-TEST_F(BootSector, AllocationHintNeedsAStream) {
-    EXPECT_EQ(ask([] { return print_alloc_hint(nullptr); }),
-              (answer{-EINVAL, check_here("print_alloc_hint")}));
+    EXPECT_EQ(to_stream(print_alloc_hint),
+              (printout{33, "last allocated cluster: 0 / 8002\n", ""}));
+    sv->last_alloc_clus = sv->num_clusters = 0xFFFFFFFF;
+    EXPECT_EQ(to_stream(print_alloc_hint),
+              (printout{39, "last allocated cluster: 4294967295 / 1\n", ""}));
+    EXPECT_EQ(to_stream([](FILE *) { return print_alloc_hint(nullptr); }),
+              (printout{-EINVAL, "", check_here("print_alloc_hint")}));
 }
 
 TEST_F(BootSector, AllocationHintOnAStreamThatTakesNothing) {
@@ -995,17 +947,12 @@ TEST_F(DeleteMbr, BootSectorThatIsNone) {
 // ---- no volume --------------------------------------------------------------------------------
 
 TEST_F(ImageFile, EveryCallRefusesWhenNoVolumeIsOpen) {
+    const std::string path = scratch.file("new");
     EXPECT_EQ(mount(), (answer{-EINVAL, check_here("fat_build_super")}));
-    said.clear();
-    int result = 0;
-    EXPECT_EQ(printed(fat_print_pbr, &result), "");
-    EXPECT_EQ((answer{result, said.text()}), (answer{-EINVAL, check_here("fat_print_pbr")}));
-    said.clear();
-    result = fat_delete_mbr(scratch.file("new").c_str());
-    EXPECT_EQ((answer{result, said.text()}), (answer{-EINVAL, check_here("fat_delete_mbr")}));
-    EXPECT_FALSE(std::filesystem::exists(scratch.file("new")));
-    said.clear();
-    EXPECT_EQ(printed(print_alloc_hint, &result), "uninitialized volume information\n");
-    EXPECT_EQ(result, 33);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(to_stream(fat_print_pbr), (printout{-EINVAL, "", check_here("fat_print_pbr")}));
+    EXPECT_EQ(to_stream([&](FILE *) { return fat_delete_mbr(path.c_str()); }),
+              (printout{-EINVAL, "", check_here("fat_delete_mbr")}));
+    EXPECT_FALSE(std::filesystem::exists(path));
+    EXPECT_EQ(to_stream(print_alloc_hint),
+              (printout{33, "uninitialized volume information\n", ""}));
 }

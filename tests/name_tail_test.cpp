@@ -2,6 +2,7 @@
 
 #include "tests/support/faults.h"
 #include "tests/support/names.h"
+#include "tests/support/rows.h"
 #include "tests/support/volume.h"
 
 #include <algorithm>
@@ -125,40 +126,35 @@ std::string place_name(const testing::TestParamInfo<place> &info) {
 
 INSTANTIATE_TEST_SUITE_P(Places, AddNumericTailAnywhere, testing::ValuesIn(PLACES), place_name);
 
-TEST_F(AppendTail, FollowsAShortBase) {
-    EXPECT_EQ(append("FOO     TXT", 1), "FOO~1   TXT");
-    EXPECT_EQ(append("A          ", 1023), "A~1023     ");
-    EXPECT_EQ(append("ABCDEF  TXT", 1), "ABCDEF~1TXT");
-    EXPECT_EQ(said.text(), "");
-}
-
-TEST_F(AppendTail, ReplacesTheEndOfALongBase) {
-    EXPECT_EQ(append("LONGFILETXT", 12), "LONGF~12TXT");
-    EXPECT_EQ(append("LONGFILETXT", 1), "LONGFI~1TXT");
-    EXPECT_EQ(append("LONGFILETXT", 123), "LONG~123TXT");
-    EXPECT_EQ(append("LONGFILETXT", 1023), "LON~1023TXT");
-    EXPECT_EQ(append("ABCDEF     ", 12), "ABCDE~12   ");
-    EXPECT_EQ(append("ABCDEFG    ", 1), "ABCDEF~1   ");
-}
-
-TEST_F(AppendTail, StandsAtTheFirstBlankAndOverWhatFollows) {
-    EXPECT_EQ(append("A BCDEFGTXT", 1), "A~1CDEFGTXT");
-    EXPECT_EQ(append("        TXT", 1), "~1      TXT");
-}
-
-TEST_F(AppendTail, ATailIsNoEndForAnotherOne) {
-    EXPECT_EQ(append("FOO~1      ", 2), "FOO~1~2    ");
-    EXPECT_EQ(append("LONGFI~1   ", 2), "LONGFI~2   ");
-}
-
-TEST_F(AppendTail, ZeroIsANumber) {
-    EXPECT_EQ(append("FOO        ", 0), "FOO~0      ");
-}
-
-// One more than any directory is given.
-TEST_F(AppendTail, AcceptsATailOf1024) {
-    EXPECT_EQ(append("LONGFILETXT", 1024), "LON~1024TXT");
-    EXPECT_EQ(append("A       TXT", 1024), "A~1024  TXT");
+TEST_F(AppendTail, EachRowGivesItsName) {
+    const struct {
+        const char *dos;
+        u32 tail;
+        const char *name;
+    } rows[] = {
+        {"FOO     TXT", 1, "FOO~1   TXT"},
+        {"FOO        ", 0, "FOO~0      "},
+        {"A          ", 1023, "A~1023     "},
+        {"ABCDEF  TXT", 1, "ABCDEF~1TXT"},
+        // The end of a long base is replaced.
+        {"LONGFILETXT", 12, "LONGF~12TXT"},
+        {"LONGFILETXT", 1, "LONGFI~1TXT"},
+        {"LONGFILETXT", 123, "LONG~123TXT"},
+        {"LONGFILETXT", 1023, "LON~1023TXT"},
+        {"ABCDEF     ", 12, "ABCDE~12   "},
+        {"ABCDEFG    ", 1, "ABCDEF~1   "},
+        // The tail begins at the first blank and covers what follows; a tail is part of the base.
+        {"A BCDEFGTXT", 1, "A~1CDEFGTXT"},
+        {"        TXT", 1, "~1      TXT"},
+        {"FOO~1      ", 2, "FOO~1~2    "},
+        {"LONGFI~1   ", 2, "LONGFI~2   "},
+        // One more than any directory is given.
+        {"LONGFILETXT", 1024, "LON~1024TXT"},
+        {"A       TXT", 1024, "A~1024  TXT"},
+    };
+    for (const auto &[dos, tail, name] : rows) {
+        EXPECT_EQ(append(dos, tail), name);
+    }
     EXPECT_EQ(said.text(), "");
 }
 
@@ -258,85 +254,64 @@ TEST_P(AddNumericTailAnywhere, ASectorBehindTheEndOfTheDirectoryIsNotRead) {
 
 // ---- the choice -------------------------------------------------------------------------------
 
-TEST_F(AddNumericTail, TheLowestNumberThatIsFreeIsTaken) {
-    append_files({"A~1", "A~2", "A~4", "A~5"});
-    EXPECT_EQ(ask("A          "), chosen("A~3        "));
-}
+namespace {
 
-TEST_F(AddNumericTail, NumbersMayStandInAnyOrder) {
-    append_files({"A~3", "A~1", "A~2"});
-    EXPECT_EQ(ask("A       TXT"), chosen("A~4     TXT"));
-}
+// The names in a directory, a new one, and the name that it gets.
+struct choice_row : named_row {
+    std::vector<std::string> names;
+    std::string asked;
+    std::string given;
+};
 
-TEST_F(AddNumericTail, ZeroIsNeverTaken) {
-    append_files({"A~0", "A~00", "A~"});
-    EXPECT_EQ(ask("A          "), chosen("A~1        "));
+const std::vector<std::string> NINE = {"LONGFI~1", "LONGFI~2", "LONGFI~3", "LONGFI~4", "LONGFI~5",
+                                       "LONGFI~6", "LONGFI~7", "LONGFI~8", "LONGFI~9"};
+std::vector<std::string> nine_and(const std::string &name) {
+    std::vector<std::string> result = NINE;
+    result.push_back(name);
+    return result;
 }
-
-TEST_F(AddNumericTail, NamesWithoutATildeDoNotCount) {
-    append_files({"A1", "A-1", "A       ", "LONGFILE"});
-    EXPECT_EQ(ask("LONGFILETXT"), chosen("LONGFI~1TXT"));
-}
-
-TEST_F(AddNumericTail, AnotherPrefixDoesNotCount) {
-    append_files({"B~1", "AB~1", "a~1", "\xC1~1"});
-    EXPECT_EQ(ask("AC         "), chosen("AC~1       "));
-}
-
-// What stands before the tilde is compared with so many bytes of the new name, not with its base.
-TEST_F(AddNumericTail, AShorterPrefixCounts) {
-    append_files({"LO~1", "L~2", "LONGF~3"});
-    EXPECT_EQ(ask("LONGFILETXT"), chosen("LONGFI~4TXT"));
-}
-
-TEST_F(AddNumericTail, ATildeInFrontCountsForEveryName) {
-    append_files({"~1", "~2X"});
-    EXPECT_EQ(ask("A          "), chosen("A~3        "));
-    EXPECT_EQ(ask("LONGFILETXT"), chosen("LONGFI~3TXT"));
-}
-
-TEST_F(AddNumericTail, ALongerPrefixCountsWhereTheNameGoesOnLikeIt) {
-    append_files({"LONGFI~1", "LONGFX~2"});
-    EXPECT_EQ(ask("LONGFILETXT"), chosen("LONGFI~2TXT"));
-    EXPECT_EQ(ask("LONG       "), chosen("LONG~1     "));
-}
-
-TEST_F(AddNumericTail, APaddedPrefixCountsForTheSamePadding) {
-    append_files({"A  ~1", "A ~2"});
-    EXPECT_EQ(ask("A       TXT"), chosen("A~3     TXT"));
-    EXPECT_EQ(ask("AB         "), chosen("AB~1       "));
-}
-
-TEST_F(AddNumericTail, TheExtensionPlaysNoPart) {
-    append_files({"A~1     TXT", "A~2     DOC"});
-    EXPECT_EQ(ask("A       EXE"), chosen("A~3     EXE"));
-}
-
-TEST_F(AddNumericTail, ATailOfMoreDigitsShortensThePrefix) {
-    for (u32 tail = 1; tail <= 9; tail++) {
-        append_files({"LONGFI~" + number(tail)});
-    }
-    EXPECT_EQ(ask("LONGFILETXT"), chosen("LONGF~10TXT"));
-    append_files({"LONGF~10"});
-    EXPECT_EQ(ask("LONGFILETXT"), chosen("LONGF~11TXT"));
-}
-
+const std::vector<std::string> PADDED = {"A  ~1", "A ~2"};
 // The number is read over everything that is no digit.
-TEST_F(AddNumericTail, OtherCharactersInANumberAreSkipped) {
-    append_files({"A~X1", "A~2X", "A~ 3", "A~1B2"});
-    EXPECT_EQ(ask("A          "), chosen("A~4        "));
-    append_files({"A~4", "A~5", "A~6", "A~7", "A~8", "A~9", "A~1 0", "A~1~1"});
-    EXPECT_EQ(ask("A          "), chosen("A~13       "));
-}
+const std::vector<std::string> MIXED = {"A~X1", "A~2X", "A~ 3", "A~1B2"};
+const std::vector<std::string> MORE_MIXED = {"A~X1", "A~2X", "A~ 3", "A~1B2", "A~4",   "A~5",
+                                             "A~6",  "A~7",  "A~8",  "A~9",   "A~1 0", "A~1~1"};
 
-TEST_F(AddNumericTail, TheNumberEndsWithTheBase) {
-    append_files({"ABCDEF~1234", "ABCDEFG~1  "});
-    EXPECT_EQ(ask("ABCDEFGH1  "), chosen("ABCDEF~21  "));
-}
+const choice_row CHOICES[] = {
+    {"LowestFreeNumber", {"A~1", "A~2", "A~4", "A~5"}, "A          ", "A~3        "},
+    {"NumbersInAnyOrder", {"A~3", "A~1", "A~2"}, "A       TXT", "A~4     TXT"},
+    {"ZeroIsNeverTaken", {"A~0", "A~00", "A~"}, "A          ", "A~1        "},
+    {"NamesWithoutATilde", {"A1", "A-1", "A       ", "LONGFILE"}, "LONGFILETXT", "LONGFI~1TXT"},
+    {"AnotherPrefix", {"B~1", "AB~1", "a~1", "\xC1~1"}, "AC         ", "AC~1       "},
+    // The text before the tilde is compared with so many bytes of the new name, not with its base.
+    {"ShorterPrefixCounts", {"LO~1", "L~2", "LONGF~3"}, "LONGFILETXT", "LONGFI~4TXT"},
+    {"TildeInFrontCountsForAShortName", {"~1", "~2X"}, "A          ", "A~3        "},
+    {"TildeInFrontCountsForALongName", {"~1", "~2X"}, "LONGFILETXT", "LONGFI~3TXT"},
+    {"LongerPrefixCountsWhereItAgrees", {"LONGFI~1", "LONGFX~2"}, "LONGFILETXT", "LONGFI~2TXT"},
+    {"LongerPrefixOfAShorterName", {"LONGFI~1", "LONGFX~2"}, "LONG       ", "LONG~1     "},
+    {"PaddedPrefixOfTheSamePadding", PADDED, "A       TXT", "A~3     TXT"},
+    {"PaddedPrefixOfAnotherName", PADDED, "AB         ", "AB~1       "},
+    {"ExtensionDoesNotCount", {"A~1     TXT", "A~2     DOC"}, "A       EXE", "A~3     EXE"},
+    {"TailOfTwoDigits", NINE, "LONGFILETXT", "LONGF~10TXT"},
+    {"TailAfterTheFirstOfTwoDigits", nine_and("LONGF~10"), "LONGFILETXT", "LONGF~11TXT"},
+    {"OtherCharactersAreSkipped", MIXED, "A          ", "A~4        "},
+    {"OtherCharactersBetweenDigits", MORE_MIXED, "A          ", "A~13       "},
+    {"NumberEndsWithTheBase", {"ABCDEF~1234", "ABCDEFG~1  "}, "ABCDEFGH1  ", "ABCDEF~21  "},
+    {"TildeInTheExtension", {"A       ~1 ", "A       X~1"}, "A       ~1 ", "A~1     ~1 "},
+    {"EscapedFirstByteAsStored", {"\x05~1"}, "\x05          ", "\x05~2        "},
+    {"NumbersFrom1024On",
+     {"~1024", "~1025", "~1056", "~2047", "~9999999", "~32768", "~65537", "~4096"},
+     "A          ",
+     "A~1        "},
+};
 
-TEST_F(AddNumericTail, ATildeInTheExtensionIsNoTail) {
-    append_files({"A       ~1 ", "A       X~1"});
-    EXPECT_EQ(ask("A       ~1 "), chosen("A~1     ~1 "));
+class NumericTailChoice : public AddNumericTail, public testing::WithParamInterface<choice_row> {};
+INSTANTIATE_TEST_SUITE_P(Rows, NumericTailChoice, testing::ValuesIn(CHOICES), row_name<choice_row>);
+
+} // namespace
+
+TEST_P(NumericTailChoice, IsThatOfTheRow) {
+    append_files(GetParam().names);
+    EXPECT_EQ(ask(GetParam().asked), chosen(GetParam().given));
 }
 
 TEST_F(AddNumericTail, ATildeBehindTheNameIsNoTail) {
@@ -363,16 +338,6 @@ TEST_F(AddNumericTail, AnEntryWithoutAnEndIsReadNoFurther) {
 TEST_F(AddNumericTail, AZeroByteEndsTheNameBeforeATilde) {
     dir.append(short_entry(std::string_view("A\0~1       ", 11)));
     EXPECT_EQ(ask(std::string("A\0         ", 11)), chosen(std::string("A\0~1       ", 11)));
-}
-
-TEST_F(AddNumericTail, AnEscapedFirstByteIsComparedAsItIsStored) {
-    append_files({"\x05~1"});
-    EXPECT_EQ(ask("\x05          "), chosen("\x05~2        "));
-}
-
-TEST_F(AddNumericTail, NumbersFrom1024OnAreNotRecorded) {
-    append_files({"~1024", "~1025", "~1056", "~2047", "~9999999", "~32768", "~65537", "~4096"});
-    EXPECT_EQ(ask("A          "), chosen("A~1        "));
 }
 
 // ---- which entries count ----------------------------------------------------------------------
@@ -533,73 +498,6 @@ TEST_F(AddNumericTail, AChainThatEndsEarlyEndsTheDirectory) {
 }
 
 // ---- failures ---------------------------------------------------------------------------------
-
-TEST_F(AddNumericTail, AFreeLinkInTheChainIsTheAnswer) {
-    dir.fill_up(short_entry("FULL       "));
-    medium.set_link(4, 0);
-    const allocation_meter meter;
-    EXPECT_EQ(ask("A          "),
-              (answer{-EINVAL, "A          ",
-                      "get_phy_sector[N]: invalid value 0\n"
-                      "get_dentry_with_clu[N]: Failed to get entry sector!:(9, 32)\n\n"}));
-    EXPECT_EQ(meter.live_blocks(), 0);
-}
-
-TEST_F(AddNumericTail, ABrokenLinkInTheChainIsTheAnswer) {
-    dir.fill_up(short_entry("FULL       "));
-    for (const u32 value : {1U, 0xFFF7U, volume::last_cluster() + 1}) {
-        medium.set_link(9, value);
-        const allocation_meter meter;
-        EXPECT_EQ(ask("A          "),
-                  (answer{-EINVAL, "A          ",
-                          "fat_read_clus[N]: Invalid cluster!\n\n"
-                          "get_phy_sector[N]: invalid value -22\n"
-                          "get_dentry_with_clu[N]: Failed to get entry sector!:(9, 16)\n\n"}));
-        EXPECT_EQ(meter.live_blocks(), 0);
-    }
-}
-
-TEST_F(AddNumericTail, AFatSectorThatCannotBeReadIsTheAnswer) {
-    dir.fill_up(short_entry("FULL       "));
-    medium.disk.bad_sectors = {volume::fat_sector_of(9)};
-    const allocation_meter meter;
-    EXPECT_EQ(ask("A          "),
-              (answer{-EINVAL, "A          ",
-                      "fat_read_entry[N]: cannot read FAT\n\n"
-                      "get_phy_sector[N]: invalid value -5\n"
-                      "get_dentry_with_clu[N]: Failed to get entry sector!:(9, 16)\n\n"}));
-    EXPECT_EQ(meter.live_blocks(), 0);
-}
-
-TEST_F(AddNumericTail, ACircleInTheChainEndsTheWalkSoon) {
-    dir.fill_up(short_entry("FULL       "));
-    for (const u32 back_to : {9U, 4U, 17U}) {
-        medium.set_link(17, back_to);
-        dir.record.allocated = 0xFFFFFFE0;
-        medium.disk.log.clear();
-        const allocation_meter meter;
-        const answer a = ask("A          ");
-        EXPECT_EQ(a.result, -EINVAL);
-        EXPECT_EQ(a.dos, "A          ");
-        EXPECT_NE(a.said.find("get_dentry_with_clu[N]: Failed to get entry sector!:(9, "),
-                  std::string::npos);
-        EXPECT_LT(medium.traffic(), 30U);
-        EXPECT_EQ(meter.live_blocks(), 0);
-    }
-}
-
-TEST_F(AddNumericTail, AFirstClusterOutsideTheVolumeIsTheAnswer) {
-    dir.record.start = volume::last_cluster() + 1;
-    EXPECT_EQ(ask("A          "), (answer{-EINVAL, "A          ",
-                                          "get_phy_sector[N]: NULL pointer or invalid xxx!\n\n"
-                                          "get_dentry_with_clu[N]: Failed to get entry sector!:(" +
-                                              number(dir.record.start) + ", 0)\n\n"}));
-    dir.record.start = 1;
-    EXPECT_EQ(ask("A          "),
-              (answer{-EINVAL, "A          ",
-                      "get_phy_sector[N]: invalid start cluster number 1\n"
-                      "get_dentry_with_clu[N]: Failed to get entry sector!:(1, 0)\n\n"}));
-}
 
 // A transfer that moves nothing is no failure here: the sector counts as empty, and an empty entry
 // ends the directory.

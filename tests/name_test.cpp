@@ -5,6 +5,7 @@
 #include "tests/support/volume.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <memory>
 
@@ -83,34 +84,28 @@ TEST_F(RemoveTrailBlanks, NoStringIsRefused) {
                            "remove_trail_blanks[N]: NULL string!\n\n");
 }
 
-TEST_F(RemoveTrailBlanks, CutsBlanksAndDotsInAnyOrder) {
-    EXPECT_EQ(cut("file.txt   "), "file.txt");
-    EXPECT_EQ(cut("file.txt.."), "file.txt");
-    EXPECT_EQ(cut("file. . .. "), "file");
-    EXPECT_EQ(cut("a."), "a");
+TEST_F(RemoveTrailBlanks, CutsBlanksAndDotsButNeverTheFirstCharacter) {
+    for (const auto &[text, left] :
+         std::initializer_list<std::pair<const char *, const char *>>{{"file.txt   ", "file.txt"},
+                                                                      {"file.txt..", "file.txt"},
+                                                                      {"file. . .. ", "file"},
+                                                                      {"a.", "a"},
+                                                                      {"plain", "plain"},
+                                                                      {" a .b. c. ", " a .b. c"},
+                                                                      {"..a", "..a"},
+                                                                      {"tab\t", "tab\t"},
+                                                                      {"line\n", "line\n"},
+                                                                      {"hard\xA0", "hard\xA0"},
+                                                                      {".", "."},
+                                                                      {" ", " "},
+                                                                      {"...", "."},
+                                                                      {"    ", " "},
+                                                                      {" . ", " "},
+                                                                      {". .", "."},
+                                                                      {"", ""}}) {
+        EXPECT_EQ(cut(text), left);
+    }
     EXPECT_EQ(said.text(), "");
-}
-
-TEST_F(RemoveTrailBlanks, LeavesWhatStandsInFrontAlone) {
-    EXPECT_EQ(cut("plain"), "plain");
-    EXPECT_EQ(cut(" a .b. c. "), " a .b. c");
-    EXPECT_EQ(cut("..a"), "..a");
-    EXPECT_EQ(cut("tab\t"), "tab\t");
-    EXPECT_EQ(cut("line\n"), "line\n");
-    EXPECT_EQ(cut("hard\xA0"), "hard\xA0");
-}
-
-TEST_F(RemoveTrailBlanks, NeverCutsTheFirstCharacter) {
-    EXPECT_EQ(cut("."), ".");
-    EXPECT_EQ(cut(" "), " ");
-    EXPECT_EQ(cut("..."), ".");
-    EXPECT_EQ(cut("    "), " ");
-    EXPECT_EQ(cut(" . "), " ");
-    EXPECT_EQ(cut(". ."), ".");
-}
-
-TEST_F(RemoveTrailBlanks, AnEmptyStringStaysEmpty) {
-    EXPECT_EQ(cut(""), "");
 }
 
 TEST_F(RemoveTrailBlanks, TheEndNeedNotBeAskedFor) {
@@ -121,9 +116,100 @@ TEST_F(RemoveTrailBlanks, TheEndNeedNotBeAskedFor) {
 
 // ---- a string to a short name -----------------------------------------------------------------
 
-TEST_F(ConvertCstringToDosname, DotNamesAreFixedAndTheirCaseByteIsNotWritten) {
-    EXPECT_EQ(to_short("."), faithful(".", ".          ", NOT_WRITTEN));
-    EXPECT_EQ(to_short(".."), faithful("..", "..         ", NOT_WRITTEN));
+namespace {
+
+// A string and its short name. The lossy ones lose characters.
+struct short_row {
+    std::string text;
+    std::string dos;
+    std::optional<unsigned> case_byte;
+    std::string left; // of the caller's string; empty: all of it
+};
+
+const std::string X5000(5000, 'x');
+const std::string DOTS(5000, '.');
+
+const short_row FAITHFUL[] = {
+    // Dot names are fixed and their case byte is not written.
+    {".", ".          ", NOT_WRITTEN, ""},
+    {"..", "..         ", NOT_WRITTEN, ""},
+    // Base and extension are padded and made upper case.
+    {"readme.txt", "README  TXT", 0x18, ""},
+    {"a", "A          ", 0x08, ""},
+    {"a.b", "A       B  ", 0x18, ""},
+    {"abcdefgh.ijk", "ABCDEFGHIJK", 0x18, ""},
+    {"noext", "NOEXT      ", 0x08, ""},
+    {"12345678.123", "12345678123", 0x00, ""},
+    {"_._", "_       _  ", 0x00, ""},
+    // Trailing blanks and dots are cut off the caller's string without loss.
+    {"file.txt   ", "FILE    TXT", 0x18, "file.txt"},
+    {"file.txt..", "FILE    TXT", 0x18, "file.txt"},
+    {"FILE. . ", "FILE       ", 0x07, "FILE"},
+    // Invalid characters and device names are not refused here; bytes above ASCII have no case.
+    {"\\/:*?\"<>.|", "\\/:*?\"<>|  ", 0x00, ""},
+    {"CON", "CON        ", 0x07, ""},
+    {"\xC3\xA9t\xC3\xA9.\xE4", "\xC3\xA9T\xC3\xA9   \xE4  ", 0x08, ""},
+    // A first byte E5 is stored as 05; nothing tells it from one that is 05.
+    {"\xE5", "\x05          ", 0x00, ""},
+    {"\xE5\xE5.\xE5", "\x05\xE5      \xE5  ", 0x00, ""},
+    {"\x05", "\x05          ", 0x00, ""},
+    // Upper case leaves 07 and E0, lower case 08 and 10: a half of both has all bits of its half.
+    {"README.TXT", "README  TXT", 0xE7, ""},
+    {"README", "README     ", 0x07, ""},
+    {"123.TXT", "123     TXT", 0xE0, ""},
+    {"readme", "README     ", 0x08, ""},
+    {"123.txt", "123     TXT", 0x10, ""},
+    {"README.txt", "README  TXT", 0x17, ""},
+    {"readme.TXT", "README  TXT", 0xE8, ""},
+    {"123.456", "123     456", 0x00, ""},
+    {"ReadMe.TXT", "README  TXT", 0xFF, ""},
+    {"ReadMe", "README     ", 0xFF, ""},
+    {"README.Txt", "README  TXT", 0xFF, ""},
+    {"readme.tXt", "README  TXT", 0xFF, ""},
+    {"1.tX", "1       TX ", 0xFF, ""},
+    {"ReadMe.Txt", "README  TXT", 0xFF, ""},
+    {"aB.1", "AB      1  ", 0xFF, ""},
+};
+
+const short_row LOSSY[] = {
+    // Leading blanks and dots are dropped.
+    {".profile", "PROFILE    ", 0x08, ""},
+    {"..a", "A          ", 0x08, ""},
+    {" .. a.b", "A       B  ", 0x18, ""},
+    {" a", "A          ", 0x08, ""},
+    {".a. ", "A          ", 0x08, ".a"},
+    {".\xE5", "\x05          ", 0x00, ""},
+    // The last dot splits; the others and blanks are dropped.
+    {"a.b.c", "AB      C  ", 0x18, ""},
+    {"1..2", "1       2  ", 0x00, ""},
+    {"archive.tar.gz", "ARCHIVETGZ ", 0x18, ""},
+    {"a b.c d", "AB      CD ", 0x18, ""},
+    {"1 .2", "1       2  ", 0x00, ""},
+    {"1. 2", "1       2  ", 0x00, ""},
+    {"a+b.txt", "A_B     TXT", 0x18, ""},
+    {"+", "_          ", 0x00, ""},
+    // Characters past the end of a half are cut, and their case does not count.
+    {"longfilename.txt", "LONGFILETXT", 0x18, ""},
+    {"123456789", "12345678   ", 0x00, ""},
+    {"1.1234", "1       123", 0x00, ""},
+    {"12345678 .1", "123456781  ", 0x00, ""},
+    {"abcdefghI.txtT", "ABCDEFGHTXT", 0x18, ""},
+    {"12345678a.123B", "12345678123", 0x00, ""},
+    // Dropped characters take no room.
+    {"1 2 3 4 5 6 7 8.1 2 3", "12345678123", 0x00, ""},
+    {X5000 + "." + X5000, "XXXXXXXXXXX", 0x18, ""},
+    {DOTS + "a" + DOTS, "A          ", 0x08, DOTS + "a"},
+};
+
+} // namespace
+
+TEST_F(ConvertCstringToDosname, EachRowGivesItsElevenBytesAndItsCaseByte) {
+    for (const auto &[text, dos, case_byte, left] : FAITHFUL) {
+        EXPECT_EQ(to_short(text), faithful(left.empty() ? text : left, dos, case_byte)) << text;
+    }
+    for (const auto &[text, dos, case_byte, left] : LOSSY) {
+        EXPECT_EQ(to_short(text), lossy(left.empty() ? text : left, dos, *case_byte)) << text;
+    }
     EXPECT_EQ(said.text(), "");
 }
 
@@ -149,48 +235,11 @@ TEST_F(ConvertCstringToDosname, TheOutputsNeedNotBeAskedFor) {
     EXPECT_EQ(convert_cstring_to_dosname(empty.get(), block.get(), nullptr, nullptr), -EINVAL);
 }
 
-TEST_F(ConvertCstringToDosname, BaseAndExtensionArePaddedAndUpperCased) {
-    EXPECT_EQ(to_short("readme.txt"), faithful("readme.txt", "README  TXT", 0x18));
-    EXPECT_EQ(to_short("a"), faithful("a", "A          ", 0x08));
-    EXPECT_EQ(to_short("a.b"), faithful("a.b", "A       B  ", 0x18));
-    EXPECT_EQ(to_short("abcdefgh.ijk"), faithful("abcdefgh.ijk", "ABCDEFGHIJK", 0x18));
-    EXPECT_EQ(to_short("noext"), faithful("noext", "NOEXT      ", 0x08));
-}
-
-TEST_F(ConvertCstringToDosname, LeadingBlanksAndDotsAreDroppedAndLost) {
-    EXPECT_EQ(to_short(".profile"), lossy(".profile", "PROFILE    ", 0x08));
-    EXPECT_EQ(to_short("..a"), lossy("..a", "A          ", 0x08));
-    EXPECT_EQ(to_short(" .. a.b"), lossy(" .. a.b", "A       B  ", 0x18));
-    EXPECT_EQ(to_short(" a"), lossy(" a", "A          ", 0x08));
-}
-
-TEST_F(ConvertCstringToDosname, TrailingBlanksAndDotsAreCutOffTheCallersStringWithoutLoss) {
-    EXPECT_EQ(to_short("file.txt   "), faithful("file.txt", "FILE    TXT", 0x18));
-    EXPECT_EQ(to_short("file.txt.."), faithful("file.txt", "FILE    TXT", 0x18));
-    EXPECT_EQ(to_short("FILE. . "), faithful("FILE", "FILE       ", 0x07));
-    EXPECT_EQ(to_short(".a. "), lossy(".a", "A          ", 0x08));
-}
-
-TEST_F(ConvertCstringToDosname, TheLastDotSplitsAndTheOthersAreLost) {
-    EXPECT_EQ(to_short("a.b.c"), lossy("a.b.c", "AB      C  ", 0x18));
-    EXPECT_EQ(to_short("1..2"), lossy("1..2", "1       2  ", 0x00));
-    EXPECT_EQ(to_short("archive.tar.gz"), lossy("archive.tar.gz", "ARCHIVETGZ ", 0x18));
-}
-
-TEST_F(ConvertCstringToDosname, BlanksInsideAreLost) {
-    EXPECT_EQ(to_short("a b.c d"), lossy("a b.c d", "AB      CD ", 0x18));
-    EXPECT_EQ(to_short("1 .2"), lossy("1 .2", "1       2  ", 0x00));
-    EXPECT_EQ(to_short("1. 2"), lossy("1. 2", "1       2  ", 0x00));
-}
-
 TEST_F(ConvertCstringToDosname, SixCharactersBecomeUnderscoresAndAreLost) {
-    EXPECT_EQ(to_short("a+b.txt"), lossy("a+b.txt", "A_B     TXT", 0x18));
     for (const char c : std::string("+,;=[]")) {
         const std::string name = std::string("1") + c + "." + c + "2";
         EXPECT_EQ(to_short(name), lossy(name, "1_      _2 ", 0x00)) << c;
     }
-    EXPECT_EQ(to_short("+"), lossy("+", "_          ", 0x00));
-    EXPECT_EQ(to_short("_._"), faithful("_._", "_       _  ", 0x00));
 }
 
 TEST_F(ConvertCstringToDosname, EveryOtherCharacterIsKept) {
@@ -207,76 +256,6 @@ TEST_F(ConvertCstringToDosname, EveryOtherCharacterIsKept) {
     }
 }
 
-TEST_F(ConvertCstringToDosname, InvalidCharactersAndDeviceNamesAreNotItsBusiness) {
-    EXPECT_EQ(to_short("\\/:*?\"<>.|"), faithful("\\/:*?\"<>.|", "\\/:*?\"<>|  ", 0x00));
-    EXPECT_EQ(to_short("CON"), faithful("CON", "CON        ", 0x07));
-    EXPECT_EQ(said.text(), "");
-}
-
-TEST_F(ConvertCstringToDosname, BytesAboveAsciiHaveNoCase) {
-    EXPECT_EQ(to_short("\xC3\xA9t\xC3\xA9.\xE4"),
-              faithful("\xC3\xA9t\xC3\xA9.\xE4", "\xC3\xA9T\xC3\xA9   \xE4  ", 0x08));
-}
-
-TEST_F(ConvertCstringToDosname, WhatDoesNotFitIsLost) {
-    EXPECT_EQ(to_short("longfilename.txt"), lossy("longfilename.txt", "LONGFILETXT", 0x18));
-    EXPECT_EQ(to_short("12345678.123"), faithful("12345678.123", "12345678123", 0x00));
-    EXPECT_EQ(to_short("123456789"), lossy("123456789", "12345678   ", 0x00));
-    EXPECT_EQ(to_short("1.1234"), lossy("1.1234", "1       123", 0x00));
-    EXPECT_EQ(to_short("12345678 .1"), lossy("12345678 .1", "123456781  ", 0x00));
-}
-
-TEST_F(ConvertCstringToDosname, WhatDoesNotFitHasNoCase) {
-    EXPECT_EQ(to_short("abcdefghI.txtT"), lossy("abcdefghI.txtT", "ABCDEFGHTXT", 0x18));
-    EXPECT_EQ(to_short("12345678a.123B"), lossy("12345678a.123B", "12345678123", 0x00));
-}
-
-TEST_F(ConvertCstringToDosname, DroppedCharactersTakeNoPlace) {
-    EXPECT_EQ(to_short("1 2 3 4 5 6 7 8.1 2 3"),
-              lossy("1 2 3 4 5 6 7 8.1 2 3", "12345678123", 0x00));
-}
-
-TEST_F(ConvertCstringToDosname, ALongInputIsReadToItsLastDot) {
-    const std::string name = std::string(5000, 'x') + "." + std::string(5000, 'y');
-    EXPECT_EQ(to_short(name), lossy(name, "XXXXXXXXYYY", 0x18));
-    EXPECT_EQ(to_short(std::string(5000, '.') + "a" + std::string(5000, '.')),
-              lossy(std::string(5000, '.') + "a", "A          ", 0x08));
-}
-
-TEST_F(ConvertCstringToDosname, AFirstByteE5IsStoredAs05) {
-    EXPECT_EQ(to_short("\xE5"), faithful("\xE5", "\x05          ", 0x00));
-    EXPECT_EQ(to_short("\xE5\xE5.\xE5"), faithful("\xE5\xE5.\xE5", "\x05\xE5      \xE5  ", 0x00));
-    EXPECT_EQ(to_short(".\xE5"), lossy(".\xE5", "\x05          ", 0x00));
-}
-
-// Nothing tells such a name from one that begins with E5.
-TEST_F(ConvertCstringToDosname, AFirstByte05IsKeptAsItIs) {
-    EXPECT_EQ(to_short("\x05"), faithful("\x05", "\x05          ", 0x00));
-}
-
-// Upper case leaves 07 and E0, lower case 08 and 10: a half of both has all bits of its half.
-TEST_F(ConvertCstringToDosname, TheCaseByteSaysWhatEachHalfIs) {
-    EXPECT_EQ(to_short("README.TXT").case_byte, 0xE7U);
-    EXPECT_EQ(to_short("README").case_byte, 0x07U);
-    EXPECT_EQ(to_short("123.TXT").case_byte, 0xE0U);
-    EXPECT_EQ(to_short("readme.txt").case_byte, 0x18U);
-    EXPECT_EQ(to_short("readme").case_byte, 0x08U);
-    EXPECT_EQ(to_short("123.txt").case_byte, 0x10U);
-    EXPECT_EQ(to_short("README.txt").case_byte, 0x17U);
-    EXPECT_EQ(to_short("readme.TXT").case_byte, 0xE8U);
-    EXPECT_EQ(to_short("123.456").case_byte, 0x00U);
-}
-
-TEST_F(ConvertCstringToDosname, BothCasesInOneHalfGiveFF) {
-    EXPECT_EQ(to_short("ReadMe.TXT"), faithful("ReadMe.TXT", "README  TXT", 0xFF));
-    EXPECT_EQ(to_short("ReadMe").case_byte, 0xFFU);
-    EXPECT_EQ(to_short("README.Txt").case_byte, 0xFFU);
-    EXPECT_EQ(to_short("readme.tXt").case_byte, 0xFFU);
-    EXPECT_EQ(to_short("1.tX").case_byte, 0xFFU);
-    EXPECT_EQ(to_short("ReadMe.Txt").case_byte, 0xFFU);
-    EXPECT_EQ(to_short("aB.1").case_byte, 0xFFU);
-}
-
 // ---- the record of a name ---------------------------------------------------------------------
 
 TEST_F(GetFatnames, BothArgumentsAreNeeded) {
@@ -288,40 +267,82 @@ TEST_F(GetFatnames, BothArgumentsAreNeeded) {
                            "get_fatnames[N]: Invalid arg!\n\n");
 }
 
-TEST_F(GetFatnames, ALowerCaseNameThatFitsNeedsNoLongName) {
-    EXPECT_EQ(fill("readme.txt"),
-              (record{0, "", "readme.txt", "README  TXT", std::nullopt, 0x18, 0}));
+namespace {
+
+// A string and its record.
+struct record_row {
+    std::string text;
+    std::string left;
+    std::string dos;
+    std::string units; // empty: no long name
+    unsigned lcase;
+    unsigned lossy = 0;
+};
+
+const record_row WITH_LONG_NAMES[] = {
+    {"readme.txt", "readme.txt", "README  TXT", "", 0x18},
+    {"ReadMe.TXT", "ReadMe.TXT", "README  TXT", "ReadMe.TXT", 0x18},
+    {"longfilename.txt", "longfilename.txt", "LONGFILETXT", "longfilename.txt", 0x18, 1},
+    {"A+B.txt", "A+B.txt", "A_B     TXT", "A+B.txt", 0x10, 1},
+    {" .pro file. .", " .pro file", "PROFILE    ", " .pro file", 0x08, 1},
+    {".", ".", ".          ", "", 0},
+    {"..", "..", "..         ", "", 0},
+    {"\xC3\xA9t\xC3\xA9.txt", "\xC3\xA9t\xC3\xA9.txt", "\xC3\xA9T\xC3\xA9   TXT", "", 0x18},
+};
+const std::string E9(9, '\xE9');
+const record_row WITHOUT_LONG_NAMES[] = {
+    {"ReadMe.TXT", "ReadMe.TXT", "README  TXT", "", 0x18},
+    {".long file name.text. ", ".long file name.text", "LONGFILETEX", "", 0x18},
+    {E9, E9, E9.substr(1) + "   ", "", 0},
+    {"a+b", "a+b", "A_B        ", "", 0x08},
+};
+
+record record_of(const record_row &row) {
+    const std::vector<u16> units = units_of(row.units);
+    return {
+        0,         "",       row.left, row.dos, units.empty() ? std::nullopt : std::optional(units),
+        row.lcase, row.lossy};
 }
 
-TEST_F(GetFatnames, AMixedCaseNameHasALongNameAndBothCaseBits) {
-    EXPECT_EQ(fill("ReadMe.TXT"),
-              (record{0, "", "ReadMe.TXT", "README  TXT", units_of("ReadMe.TXT"), 0x18, 0}));
+} // namespace
+
+TEST_F(GetFatnames, EachRowGivesItsRecord) {
+    for (const record_row &row : WITH_LONG_NAMES) {
+        EXPECT_EQ(fill(row.text), record_of(row));
+    }
+    // Only a flag of 1 turns long names on. Without them nothing is lossy, and the case bits stay.
+    for (const unsigned flag : {0U, 2U}) {
+        sv->long_name = static_cast<u8>(flag);
+        for (const record_row &row : WITHOUT_LONG_NAMES) {
+            EXPECT_EQ(fill(row.text), record_of(row));
+        }
+    }
 }
 
-TEST_F(GetFatnames, ALossyNameHasALongNameInItsOwnCase) {
-    EXPECT_EQ(fill("longfilename.txt"), (record{0, "", "longfilename.txt", "LONGFILETXT",
-                                                units_of("longfilename.txt"), 0x18, 1}));
-    EXPECT_EQ(fill("A+B.txt"),
-              (record{0, "", "A+B.txt", "A_B     TXT", units_of("A+B.txt"), 0x10, 1}));
-}
-
-TEST_F(GetFatnames, TheLongNameHasTheLeadingDotsAndNotTheTrailingOnes) {
-    EXPECT_EQ(fill(" .pro file. ."),
-              (record{0, "", " .pro file", "PROFILE    ", units_of(" .pro file"), 0x08, 1}));
-}
-
-TEST_F(GetFatnames, DotNamesHaveNoLongName) {
-    EXPECT_EQ(fill("."), (record{0, "", ".", ".          ", std::nullopt, 0, 0}));
-    EXPECT_EQ(fill(".."), (record{0, "", "..", "..         ", std::nullopt, 0, 0}));
+TEST_F(GetFatnames, ANameOfNothingAndOneThatAsciiLacksAreRefused) {
+    const std::string empty = "convert_cstring_to_dosname[N]: zero length string!\n\n"
+                              "convert_name[N]: invalid name in DOS:";
+    EXPECT_EQ(fill(". . "), (record{-EINVAL, empty + ". . \n", ". . ", "", std::nullopt, 0, 0}));
+    EXPECT_EQ(fill(""), (record{-EINVAL, empty + "\n", "", "", std::nullopt, 0, 0}));
+    EXPECT_EQ(fill("a+\xC3\xA9. "),
+              (record{-EINVAL,
+                      "convert_cstring_to_uname[N]: cannot convert non-ascii\n"
+                      "convert_name[N]: Failed to convert ...!\n\n",
+                      "a+\xC3\xA9", "", std::nullopt, 0, 0}));
 }
 
 TEST_F(GetFatnames, TheCaseBitsOfTheEntryFollowTheHalves) {
-    const std::vector<std::pair<std::string, unsigned>> expected = {
-        {"readme.txt", 0x18}, {"README.txt", 0x10}, {"readme.TXT", 0x08}, {"README.TXT", 0x00},
-        {"readme", 0x08},     {"README", 0x00},     {"1.txt", 0x10},      {"1.TXT", 0x00},
-        {"readme.1", 0x08},   {"123.456", 0x00},
-    };
-    for (const auto &[name, lcase] : expected) {
+    for (const auto &[name, lcase] :
+         std::initializer_list<std::pair<const char *, unsigned>>{{"readme.txt", 0x18},
+                                                                  {"README.txt", 0x10},
+                                                                  {"readme.TXT", 0x08},
+                                                                  {"README.TXT", 0x00},
+                                                                  {"readme", 0x08},
+                                                                  {"README", 0x00},
+                                                                  {"1.txt", 0x10},
+                                                                  {"1.TXT", 0x00},
+                                                                  {"readme.1", 0x08},
+                                                                  {"123.456", 0x00}}) {
         const record made = fill(name);
         EXPECT_EQ(made.lcase, lcase) << name;
         EXPECT_EQ(made.units, std::nullopt) << name;
@@ -332,47 +353,6 @@ TEST_F(GetFatnames, TheCaseBitsOfTheEntryFollowTheHalves) {
         EXPECT_EQ(made.units, units_of(mixed)) << mixed;
         EXPECT_EQ(made.lossy, 0U) << mixed;
     }
-}
-
-TEST_F(GetFatnames, WithLongNamesOffNothingIsLossyAndTheCaseBitsStay) {
-    sv->long_name = 0;
-    EXPECT_EQ(fill("ReadMe.TXT"),
-              (record{0, "", "ReadMe.TXT", "README  TXT", std::nullopt, 0x18, 0}));
-    EXPECT_EQ(fill(".long file name.text. "),
-              (record{0, "", ".long file name.text", "LONGFILETEX", std::nullopt, 0x18, 0}));
-    EXPECT_EQ(fill("\xE9\xE9\xE9\xE9\xE9\xE9\xE9\xE9\xE9"),
-              (record{0, "", "\xE9\xE9\xE9\xE9\xE9\xE9\xE9\xE9\xE9",
-                      "\xE9\xE9\xE9\xE9\xE9\xE9\xE9\xE9   ", std::nullopt, 0, 0}));
-}
-
-TEST_F(GetFatnames, OnlyAFlagOfOneTurnsLongNamesOn) {
-    sv->long_name = 2;
-    EXPECT_EQ(fill("a+b"), (record{0, "", "a+b", "A_B        ", std::nullopt, 0x08, 0}));
-}
-
-TEST_F(GetFatnames, BytesAboveAsciiThatFitGetNoLongName) {
-    EXPECT_EQ(
-        fill("\xC3\xA9t\xC3\xA9.txt"),
-        (record{0, "", "\xC3\xA9t\xC3\xA9.txt", "\xC3\xA9T\xC3\xA9   TXT", std::nullopt, 0x18, 0}));
-}
-
-TEST_F(GetFatnames, WithoutAnEncodingALongNameIsAscii) {
-    EXPECT_EQ(fill("a+\xC3\xA9. "),
-              (record{-EINVAL,
-                      "convert_cstring_to_uname[N]: cannot convert non-ascii\n"
-                      "convert_name[N]: Failed to convert ...!\n\n",
-                      "a+\xC3\xA9", "", std::nullopt, 0, 0}));
-}
-
-TEST_F(GetFatnames, ANameOfNothingIsTold) {
-    EXPECT_EQ(fill(". . "), (record{-EINVAL,
-                                    "convert_cstring_to_dosname[N]: zero length string!\n\n"
-                                    "convert_name[N]: invalid name in DOS:. . \n",
-                                    ". . ", "", std::nullopt, 0, 0}));
-    EXPECT_EQ(fill(""), (record{-EINVAL,
-                                "convert_cstring_to_dosname[N]: zero length string!\n\n"
-                                "convert_name[N]: invalid name in DOS:\n",
-                                "", "", std::nullopt, 0, 0}));
 }
 
 TEST_F(GetFatnames, TheLongNameEndsAfter255Units) {
@@ -410,26 +390,19 @@ TEST_F(GetFatnames, NoAllocationFailsUnseen) {
     EXPECT_EQ(failures, 2);
 }
 
-TEST_F(GetFatnames, AShortNameTakesOneBlockOf11Bytes) {
-    caller_string string("readme.txt");
-    fat_name name = {};
-    const allocation_meter meter;
-    EXPECT_EQ(get_fatnames(string.get(), &name), 0);
-    EXPECT_EQ(meter.live_blocks(), 1);
-    EXPECT_EQ(meter.peak_bytes(), 11U);
-    release_name(&name);
-}
-
-TEST_F(GetFatnames, ALongNameTakesABlockOf512BytesMore) {
-    caller_string string("ReadMe.txt");
-    fat_name name = {};
-    const allocation_meter meter;
-    EXPECT_EQ(get_fatnames(string.get(), &name), 0);
-    EXPECT_EQ(meter.live_blocks(), 2);
-    EXPECT_EQ(meter.peak_bytes(), 11U + 512U);
-    EXPECT_TRUE(std::all_of(name.unicode + name.ulen, name.unicode + 256,
-                            [](u16 unit) { return unit == 0; }));
-    release_name(&name);
+TEST_F(GetFatnames, AShortNameTakes11BytesAndALongOneABlockOf512More) {
+    for (const auto &[text, blocks, bytes] :
+         {std::tuple{"readme.txt", 1, 11U}, {"ReadMe.txt", 2, 11U + 512U}}) {
+        caller_string string(text);
+        fat_name name = {};
+        const allocation_meter meter;
+        EXPECT_EQ(get_fatnames(string.get(), &name), 0);
+        EXPECT_EQ(meter.live_blocks(), blocks);
+        EXPECT_EQ(meter.peak_bytes(), bytes);
+        EXPECT_TRUE(blocks == 1 || std::all_of(name.unicode + name.ulen, name.unicode + 256,
+                                               [](u16 unit) { return unit == 0; }));
+        release_name(&name);
+    }
 }
 
 TEST_F(GetFatnames, ARefusedNameLeavesNothingAllocated) {
@@ -521,45 +494,42 @@ TEST_F(ReleaseName, AReleasedRecordMayBeReleasedAgain) {
 
 // ---- a short name to a string -----------------------------------------------------------------
 
-TEST_F(ConvertDosnameToCstring, PaddingIsCutAndADotIsPutBetween) {
-    EXPECT_EQ(to_text("README  TXT", 0), "README.TXT");
-    EXPECT_EQ(to_text("README     ", 0), "README");
-    EXPECT_EQ(to_text("12345678ABC", 0), "12345678.ABC");
-    EXPECT_EQ(to_text("A       B  ", 0), "A.B");
+TEST_F(ConvertDosnameToCstring, EachRowGivesItsText) {
+    const struct {
+        const char *dos;
+        unsigned case_byte;
+        const char *text;
+    } rows[] = {
+        {"README  TXT", 0, "README.TXT"},
+        {"README     ", 0, "README"},
+        {"12345678ABC", 0, "12345678.ABC"},
+        {"A       B  ", 0, "A.B"},
+        // Each half is made lower case by its own bit; lower case on the medium stays.
+        {"README  TXT", 0x08, "readme.TXT"},
+        {"README  TXT", 0x10, "README.txt"},
+        {"README  TXT", 0x18, "readme.txt"},
+        {"README  TXT", 0xE7, "README.TXT"},
+        {"README  TXT", 0xFF, "readme.txt"},
+        {"A[1]_\xC9  ~Z@", 0x18, "a[1]_\xC9.~z@"},
+        {"Read    Txt", 0x00, "Read.Txt"},
+        {"Read    Txt", 0x18, "read.txt"},
+        // A first byte 05 is shown as E5.
+        {"\x05          ", 0, "\xE5"},
+        {"\x05 A     TXT", 0, "\xE5.TXT"},
+        {"\x05\x05     \x05\x05  ", 0x18, "\xE5\x05.\x05"},
+        {"\xE5          ", 0, "\xE5"},
+        // A blank ends its half.
+        {"A B     C D", 0, "A.C"},
+        {"A        BC", 0, "A"},
+        {" BC     TXT", 0, ".TXT"},
+        {"           ", 0, ""},
+        {".          ", 0, "."},
+        {"..         ", 0x18, ".."},
+    };
+    for (const auto &[dos, case_byte, text] : rows) {
+        EXPECT_EQ(to_text(dos, case_byte), text) << dos;
+    }
     EXPECT_EQ(said.text(), "");
-}
-
-TEST_F(ConvertDosnameToCstring, EachHalfIsLoweredByItsOwnBit) {
-    EXPECT_EQ(to_text("README  TXT", 0x08), "readme.TXT");
-    EXPECT_EQ(to_text("README  TXT", 0x10), "README.txt");
-    EXPECT_EQ(to_text("README  TXT", 0x18), "readme.txt");
-    EXPECT_EQ(to_text("README  TXT", 0xE7), "README.TXT");
-    EXPECT_EQ(to_text("README  TXT", 0xFF), "readme.txt");
-    EXPECT_EQ(to_text("A[1]_\xC9  ~Z@", 0x18), "a[1]_\xC9.~z@");
-}
-
-TEST_F(ConvertDosnameToCstring, LowerCaseOnTheMediumStays) {
-    EXPECT_EQ(to_text("Read    Txt", 0x00), "Read.Txt");
-    EXPECT_EQ(to_text("Read    Txt", 0x18), "read.txt");
-}
-
-TEST_F(ConvertDosnameToCstring, AFirstByte05IsShownAsE5) {
-    EXPECT_EQ(to_text("\x05          ", 0), "\xE5");
-    EXPECT_EQ(to_text("\x05 A     TXT", 0), "\xE5.TXT");
-    EXPECT_EQ(to_text("\x05\x05     \x05\x05  ", 0x18), "\xE5\x05.\x05");
-    EXPECT_EQ(to_text("\xE5          ", 0), "\xE5");
-}
-
-TEST_F(ConvertDosnameToCstring, ABlankInsideEndsItsHalf) {
-    EXPECT_EQ(to_text("A B     C D", 0), "A.C");
-    EXPECT_EQ(to_text("A        BC", 0), "A");
-    EXPECT_EQ(to_text(" BC     TXT", 0), ".TXT");
-    EXPECT_EQ(to_text("           ", 0), "");
-}
-
-TEST_F(ConvertDosnameToCstring, DotNamesComeBack) {
-    EXPECT_EQ(to_text(".          ", 0), ".");
-    EXPECT_EQ(to_text("..         ", 0x18), "..");
 }
 
 TEST_F(ConvertDosnameToCstring, ANameThatFitsComesBackWithItsCaseByte) {
@@ -617,36 +587,29 @@ TEST_F(VerifyValidName, EveryOtherCharacterIsAccepted) {
     }
 }
 
-TEST_F(VerifyValidName, DeviceNamesAreRefusedInAnyCase) {
-    for (const char *name :
-         {"AUX", "CON", "NUL", "PRN", "COM1", "COM2", "COM3", "COM4", "LPT1", "LPT2", "LPT3",
-          "LPT4", "aux", "con", "Nul", "pRN", "com1", "Lpt1", "lPt4"}) {
+// Of a name the first eight characters are compared, the dot and the extension with them.
+TEST_F(VerifyValidName, DeviceNamesAreRefusedAndWhatResemblesThemIsAccepted) {
+    for (const char *name : {"AUX",      "CON",
+                             "NUL",      "PRN",
+                             "COM1",     "COM2",
+                             "COM3",     "COM4",
+                             "LPT1",     "LPT2",
+                             "LPT3",     "LPT4",
+                             "aux",      "con",
+                             "Nul",      "pRN",
+                             "com1",     "Lpt1",
+                             "lPt4",     "CON ",
+                             "con     ", "CON     and more.txt",
+                             "LPT1    ."}) {
         said.clear();
         EXPECT_EQ(verify_valid_name(name), -EINVAL) << name;
         EXPECT_EQ(said.text(), "verify_valid_name[N]: Check here!\n\n") << name;
     }
-}
-
-// The dot and the extension take part in the comparison.
-TEST_F(VerifyValidName, DeviceNamesWithAnExtensionAreAccepted) {
-    for (const char *name : {"CON.TXT", "aux.c", "CON.", "nul.", "lpt1.x", "COM1.COM"}) {
-        EXPECT_EQ(verify_valid_name(name), 0) << name;
-    }
-    EXPECT_EQ(said.text(), "");
-}
-
-TEST_F(VerifyValidName, OnlyTheFirstEightCharactersAreCompared) {
-    EXPECT_EQ(verify_valid_name("CON "), -EINVAL);
-    EXPECT_EQ(verify_valid_name("con     "), -EINVAL);
-    EXPECT_EQ(verify_valid_name("CON     and more.txt"), -EINVAL);
-    EXPECT_EQ(verify_valid_name("LPT1    ."), -EINVAL);
-    EXPECT_EQ(verify_valid_name("CON    x"), 0);
-    EXPECT_EQ(verify_valid_name("CON .txt"), 0);
-}
-
-TEST_F(VerifyValidName, NamesThatResembleDevicesAreAccepted) {
-    for (const char *name : {"CONS", "CO", "ACON", " CON", "COM", "COM0", "COM5", "COM9", "COM11",
-                             "LPT", "LPT0", "LPT5", "CLOCK$", "CONIN$", "A", "", "."}) {
+    said.clear();
+    for (const char *name : {"CON.TXT",  "aux.c", "CON.",  "nul.", "lpt1.x", "COM1.COM", "CON    x",
+                             "CON .txt", "CONS",  "CO",    "ACON", " CON",   "COM",      "COM0",
+                             "COM5",     "COM9",  "COM11", "LPT",  "LPT0",   "LPT5",     "CLOCK$",
+                             "CONIN$",   "A",     "",      "."}) {
         EXPECT_EQ(verify_valid_name(name), 0) << name;
     }
     EXPECT_EQ(said.text(), "");
@@ -654,43 +617,28 @@ TEST_F(VerifyValidName, NamesThatResembleDevicesAreAccepted) {
 
 // ---- entry types ------------------------------------------------------------------------------
 
-TEST_F(EntryType, TheFirstByteCountsBeforeTheAttributes) {
-    EXPECT_EQ(entry_type(short_entry(std::string(11, '\0'), 0x0F).data()), 0U);
-    EXPECT_EQ(entry_type(short_entry("\xE5"
-                                     "          ",
-                                     0x0F)
-                             .data()),
-              1U);
-    EXPECT_EQ(entry_type(short_entry("\xE5"
-                                     "          ",
-                                     0x18)
-                             .data()),
-              1U);
-    EXPECT_EQ(said.text(), "");
-}
-
-TEST_F(EntryType, TheAttributesTellTheRest) {
-    const auto type_of = [](u8 attr) {
-        return entry_type(short_entry("A          ", attr).data());
-    };
-    EXPECT_EQ(type_of(0x00), 2U);
-    EXPECT_EQ(type_of(0x27), 2U);
-    EXPECT_EQ(type_of(0x10), 3U);
-    EXPECT_EQ(type_of(0x37), 3U);
-    EXPECT_EQ(type_of(0x08), 8U);
-    EXPECT_EQ(type_of(0x28), 8U);
-    EXPECT_EQ(type_of(0x0F), 4U);
-    EXPECT_EQ(said.text(), "");
-}
-
-TEST_F(EntryType, TheTwoHighAttributeBitsDoNotMakeASlotAnythingElse) {
-    for (const int attr : {0x0F, 0x4F, 0x8F, 0xCF}) {
-        EXPECT_EQ(entry_type(short_entry("A          ", static_cast<u8>(attr)).data()), 4U);
+// The first byte counts before the attributes, and the two highest of these do not.
+TEST_F(EntryType, EachRowHasItsType) {
+    for (const auto &[first, attr, type] :
+         std::initializer_list<std::array<unsigned, 3>>{{0x00, 0x0F, 0},
+                                                        {0xE5, 0x0F, 1},
+                                                        {0xE5, 0x18, 1},
+                                                        {'A', 0x00, 2},
+                                                        {'A', 0x27, 2},
+                                                        {'A', 0x10, 3},
+                                                        {'A', 0x37, 3},
+                                                        {'A', 0x08, 8},
+                                                        {'A', 0x28, 8},
+                                                        {'A', 0x2F, 8},
+                                                        {'A', 0x0F, 4},
+                                                        {'A', 0x4F, 4},
+                                                        {'A', 0x8F, 4},
+                                                        {'A', 0xCF, 4}}) {
+        entry_image entry = short_entry("?          ", static_cast<u8>(attr));
+        entry[0] = static_cast<u8>(first);
+        EXPECT_EQ(entry_type(entry.data()), type) << first << ", " << attr;
     }
-    EXPECT_EQ(entry_type(short_entry("A          ", 0x2F).data()), 8U);
-}
-
-TEST_F(EntryType, ADirectoryThatIsAVolumeIsInvalidAndTold) {
+    EXPECT_EQ(said.text(), "");
     EXPECT_EQ(entry_type(short_entry("A          ", 0x18).data()), 6U);
     EXPECT_EQ(entry_type(short_entry("A          ", 0xFF).data()), 6U);
     EXPECT_EQ(said.text(), "entry_type[N]: Unknown entry type: 24\n\n"

@@ -20,7 +20,15 @@ protected:
 using Unlink = namespace_test;
 using RemoveEntry = namespace_test;
 using DoDelete = namespace_test;
-using RemovePath = namespace_test;
+class RemovePath : public namespace_test {
+protected:
+    void expect_both(const char *path, int result, std::string words) {
+        const std::size_t name = words.find('%');
+        EXPECT_EQ(rm_entry(path),
+                  came_to(result, std::string(words).replace(name, 1, "fat_rm_entry")));
+        EXPECT_EQ(unlink(path), came_to(result, words.replace(name, 1, "fat_unlink")));
+    }
+};
 using UnlinkAnyShape = namespace_on_any_shape;
 INSTANTIATE_TEST_SUITE_P(Shapes, UnlinkAnyShape, testing::ValuesIn(many_shapes()), shape_name);
 
@@ -262,63 +270,49 @@ TEST_F(RemovePath, DotEntriesAreEntries) {
 
 // ---- paths ------------------------------------------------------------------------------------
 
-TEST_F(RemovePath, NullAndTooLongPathsAreRefused) {
-    v.disk.log.clear();
-    EXPECT_EQ(unlink(nullptr), came_to(-EINVAL, "fat_unlink[N]: NULL path!\n\n"));
-    EXPECT_EQ(rm_entry(nullptr), came_to(-EINVAL, "fat_rm_entry[N]: NULL path!\n\n"));
-    for (const std::string &path : {std::string(261, 'a'), std::string(1000, '/')}) {
-        EXPECT_EQ(unlink(path), came_to(-ENAMETOOLONG, "fat_unlink[N]: Too long path!\n\n"));
-        EXPECT_EQ(rm_entry(path), came_to(-ENAMETOOLONG, "fat_rm_entry[N]: Too long path!\n\n"));
-    }
-    EXPECT_TRUE(v.disk.log.empty());
-    EXPECT_EQ(unlink(std::string(260, 'a')),
-              came_to(-ENOENT, "fat_unlink[N]: Cannot find entry!\n\n"));
-    EXPECT_EQ(rm_entry(std::string(260, 'a')),
-              came_to(-ENOENT, "fat_rm_entry[N]: Cannot find entry!\n\n"));
-}
-
-TEST_F(RemovePath, MissingNameIsNotFound) {
-    EXPECT_EQ(unlink("missing"), came_to(-ENOENT, "fat_unlink[N]: Cannot find entry!\n\n"));
-    EXPECT_EQ(rm_entry("/./missing"), came_to(-ENOENT, "fat_rm_entry[N]: Cannot find entry!\n\n"));
-}
-
-TEST_F(RemovePath, MissingParentIsNotFound) {
-    EXPECT_EQ(unlink("missing/name"), came_to(-ENOENT, "fat_unlink[N]: Cannot lookup parent!\n\n"));
-    EXPECT_EQ(rm_entry("missing/name"),
-              came_to(-ENOENT, "fat_rm_entry[N]: Cannot lookup parent!\n\n"));
-}
-
-TEST_F(RemovePath, ForbiddenNamesAreRefused) {
+// Both calls refuse a path in the same words, each under its own name (%).
+TEST_F(RemovePath, EachPathIsRefusedByBothCalls) {
+    enter_directory({5}).append(short_entry("FILE       ", ARCHIVE, 7, 10));
+    v.chain({7});
+    ASSERT_EQ(fat_set_current(0), 0);
+    const std::string no_entry = "%[N]: Cannot find entry!\n\n";
+    const std::string no_parent = "%[N]: Cannot lookup parent!\n\n";
+    const std::string too_long = "%[N]: Too long path!\n\n";
+    const std::string no_directory = found(0, 0) + "fat_find_dentry[N]: Check Here!\n\n";
     const std::string forbidden = "verify_valid_name[N]: Check here!\n\n"
                                   "fat_path_lookup[N]: Check here!\n\n"
                                   "wrong file name: a*\n";
-    EXPECT_EQ(unlink("a*"),
-              came_to(-EINVAL, forbidden + "fat_unlink[N]: Cannot lookup parent!\n\n"));
-    EXPECT_EQ(rm_entry("a*"),
-              came_to(-EINVAL, forbidden + "fat_rm_entry[N]: Cannot lookup parent!\n\n"));
-}
-
-TEST_F(RemovePath, PathsLeadOneLevelDeepOnly) {
-    directory &inside = enter_directory({5});
-    inside.append(short_entry("FILE       ", ARCHIVE, 7, 10));
-    v.chain({7});
-    ASSERT_EQ(fat_set_current(0), 0);
-    const std::string no_directory = found(0, 0) + "fat_find_dentry[N]: Check Here!\n\n";
+    const struct {
+        std::string path;
+        int result;
+        std::string said;
+    } rows[] = {
+        {std::string(261, 'a'), -ENAMETOOLONG, too_long},
+        {std::string(1000, '/'), -ENAMETOOLONG, too_long},
+        {std::string(260, 'a'), -ENOENT, no_entry},
+        {"missing", -ENOENT, no_entry},
+        {"/./missing", -ENOENT, no_entry},
+        {"missing/name", -ENOENT, no_parent},
+        {"a*", -EINVAL, forbidden + no_parent},
+        // Paths lead one level deep only, and the root has no name.
+        {"dir/file", -EINVAL, no_directory + no_entry},
+        {"/dir/file", -EINVAL, no_directory + no_entry},
+        {"/", -EINVAL, empty_name() + no_entry},
+        {"", -EINVAL, empty_name() + no_entry},
+        {"///", -EINVAL, empty_name() + no_entry},
+    };
     v.disk.log.clear();
-    EXPECT_EQ(unlink("dir/file"),
-              came_to(-EINVAL, no_directory + "fat_unlink[N]: Cannot find entry!\n\n"));
-    EXPECT_EQ(rm_entry("/dir/file"),
-              came_to(-EINVAL, no_directory + "fat_rm_entry[N]: Cannot find entry!\n\n"));
-    EXPECT_TRUE(nothing_written());
-}
-
-TEST_F(RemovePath, RootHasNoNameToRemove) {
-    for (const std::string path : {"/", "", "///"}) {
-        EXPECT_EQ(unlink(path),
-                  came_to(-EINVAL, empty_name() + "fat_unlink[N]: Cannot find entry!\n\n"));
-        EXPECT_EQ(rm_entry(path),
-                  came_to(-EINVAL, empty_name() + "fat_rm_entry[N]: Cannot find entry!\n\n"));
+    for (const auto &[path, result, words] : rows) {
+        expect_both(path.c_str(), result, words);
+        EXPECT_TRUE(result != -ENAMETOOLONG || v.disk.log.empty());
     }
+    expect_both(nullptr, -EINVAL, "%[N]: NULL path!\n\n");
+    EXPECT_TRUE(nothing_written());
+    oentry *root = std::exchange(sv->root_dir, nullptr);
+    expect_both("a", -EFAULT, "fat_path_lookup[N]: current directory isn't setup\n" + no_parent);
+    sv->root_dir = root;
+    fat_close_volume(0);
+    expect_both("a", -EINVAL, "%[N]: Check here!\n\n");
 }
 
 TEST_F(RemovePath, RecordMadeForADotPathIsFreed) {
@@ -334,18 +328,6 @@ TEST_F(RemovePath, RecordMadeForADotPathIsFreed) {
     EXPECT_EQ(rm_entry("./missing").result, -ENOENT);
     EXPECT_EQ(unlink("./a:b").result, -EINVAL);
     EXPECT_EQ(meter.live_blocks(), 0);
-}
-
-TEST_F(RemovePath, NothingIsRemovedWithoutAVolumeOrARoot) {
-    oentry *root = std::exchange(sv->root_dir, nullptr);
-    const std::string no_root = "fat_path_lookup[N]: current directory isn't setup\n";
-    EXPECT_EQ(unlink("a"), came_to(-EFAULT, no_root + "fat_unlink[N]: Cannot lookup parent!\n\n"));
-    EXPECT_EQ(rm_entry("a"),
-              came_to(-EFAULT, no_root + "fat_rm_entry[N]: Cannot lookup parent!\n\n"));
-    sv->root_dir = root;
-    fat_close_volume(0);
-    EXPECT_EQ(unlink("a"), came_to(-EINVAL, "fat_unlink[N]: Check here!\n\n"));
-    EXPECT_EQ(rm_entry("a"), came_to(-EINVAL, "fat_rm_entry[N]: Check here!\n\n"));
 }
 
 // ---- deleting by index ------------------------------------------------------------------------
@@ -484,23 +466,6 @@ TEST_F(IsEmptyDirectory, DirectoryWithoutEntriesBehindTheDotsGivesZero) {
     EXPECT_EQ(is_empty_dir(&dir.record), -ENOTEMPTY);
 }
 
-TEST_F(IsEmptyDirectory, EndOfTheChainEndsTheWalk) {
-    directory dir = v.sub_directory({5, 6});
-    dir.record.allocated += 2048;
-    EXPECT_EQ(called([&dir] { return is_empty_dir(&dir.record); }),
-              came_to(1, "get_dentry_with_clu[N]: Failed to get entry sector!:(5, 128)\n\n"));
-}
-
-TEST_F(IsEmptyDirectory, BrokenChainIsItsError) {
-    directory dir = v.sub_directory({5, 6});
-    v.set_link(5, 1);
-    EXPECT_EQ(called([&dir] { return is_empty_dir(&dir.record); }),
-              came_to(-EINVAL, "fat_read_clus[N]: Invalid cluster!\n\n"
-                               "get_phy_sector[N]: invalid value -22\n"
-                               "get_dentry_with_clu[N]: Failed to get entry sector!:(5, 64)\n\n" +
-                                   NOT_A_DIRECTORY));
-}
-
 TEST_F(IsEmptyDirectory, SectorBufferNeedsMemory) {
     directory dir = v.sub_directory({5});
     const failing_allocation none(0);
@@ -523,56 +488,42 @@ TEST_F(IsEmptyDirectory, EachSectorIsReadOnce) {
 
 // ---- marking slots ----------------------------------------------------------------------------
 
-// Slots whose checksum is that of the name already marked: what the walk back looks for.
-TEST_F(RemoveEntry, SlotThatMatchesIsMarkedInItsAttribute) {
+// Slots whose checksum is that of the name already marked are what the walk back looks for.
+TEST_F(RemoveEntry, WalkBackMarksEachMatchingSlotUpToTheLastOfTheName) {
     const u8 sum = checksum_when_removed("FILE       ");
-    v.top.append(long_slot(0x42, u"b", sum));
-    v.top.append(long_slot(0x01, u"aaaaaaaaaaaaa", sum));
-    v.top.append(short_entry("FILE       "));
-    EXPECT_EQ(called([] { return remove_entry(sv->root_dir, 2); }), came_to(3));
-    EXPECT_EQ(v.top.at(0), marked(long_slot(0x42, u"b", sum)));
-    EXPECT_EQ(v.top.at(1), marked(long_slot(0x01, u"aaaaaaaaaaaaa", sum)));
-    EXPECT_EQ(v.top.at(2), deleted(short_entry("FILE       ")));
-}
-
-TEST_F(RemoveEntry, WalkEndsBehindTheLastSlotOfTheName) {
-    const u8 sum = checksum_when_removed("FILE       ");
-    v.top.append(long_slot(0x01, u"x", sum));
-    v.top.append(long_slot(0x41, u"a", sum));
-    v.top.append(short_entry("FILE       "));
-    EXPECT_EQ(remove_entry(sv->root_dir, 2), 2);
-    EXPECT_EQ(v.top.at(0), long_slot(0x01, u"x", sum));
-    EXPECT_EQ(v.top.at(1), marked(long_slot(0x41, u"a", sum)));
-}
-
-TEST_F(RemoveEntry, WalkEndsAtTheFirstSlotThatDoesNotMatch) {
-    const u8 sum = checksum_when_removed("FILE       ");
-    entry_image other_attribute = long_slot(0x02, u"b", sum);
+    const entry_image a = long_slot(0x01, u"aaaaaaaaaaaaa", sum);
+    const entry_image b = long_slot(0x02, u"b", sum);
+    const entry_image last_b = long_slot(0x42, u"b", sum);
+    const entry_image last_c = long_slot(0x43, u"c", sum);
+    entry_image other_attribute = b;
     other_attribute[11] = 0x2F; // a slot to a lookup, but none here
-    for (const entry_image &stop :
-         {other_attribute, short_entry("OTHER      "), entry_image{},
-          long_slot(0x02, u"b", checksum_of("FILE       ")), long_slot(0x42, u"b", sum + 1U)}) {
+    const struct {
+        std::vector<entry_image> slots;
+        u32 marked; // so many before the entry
+    } rows[] = {
+        {{last_b, a}, 2},
+        {{b, a}, 2}, // up to the beginning of the directory
+        {{a, long_slot(0x41, u"a", sum)}, 1},
+        {{last_c, other_attribute, a}, 1},
+        {{last_c, short_entry("OTHER      "), a}, 1},
+        {{last_c, {}, a}, 1},
+        {{last_c, long_slot(0x02, u"b", checksum_of("FILE       ")), a}, 1},
+        {{last_c, long_slot(0x42, u"b", sum + 1U), a}, 1},
+        {{short_entry("FIRST      ")}, 0},
+        {{}, 0},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE("row " + std::to_string(&row - rows));
         v.top.go_to(0);
-        v.top.append(long_slot(0x43, u"c", sum));
-        v.top.append(stop);
-        v.top.append(long_slot(0x01, u"a", sum));
-        v.top.append(short_entry("FILE       "));
-        EXPECT_EQ(remove_entry(sv->root_dir, 3), 2);
-        EXPECT_EQ(v.top.at(0), long_slot(0x43, u"c", sum));
-        EXPECT_EQ(v.top.at(1), stop);
-        EXPECT_EQ(v.top.at(2), marked(long_slot(0x01, u"a", sum)));
+        v.top.append(row.slots);
+        const u32 index = v.top.append(short_entry("FILE       "));
+        EXPECT_EQ(called([index] { return remove_entry(sv->root_dir, index); }),
+                  came_to(1 + row.marked));
+        for (u32 i = 0; i < index; i++) {
+            EXPECT_EQ(v.top.at(i), i + row.marked >= index ? marked(row.slots[i]) : row.slots[i]);
+        }
+        EXPECT_EQ(v.top.at(index), deleted(short_entry("FILE       ")));
     }
-}
-
-TEST_F(RemoveEntry, WalkEndsAtTheBeginningOfTheDirectory) {
-    const u8 sum = checksum_when_removed("FILE       ");
-    v.top.append(long_slot(0x02, u"b", sum));
-    v.top.append(long_slot(0x01, u"a", sum));
-    v.top.append(short_entry("FILE       "));
-    EXPECT_EQ(called([] { return remove_entry(sv->root_dir, 2); }), came_to(3));
-    EXPECT_EQ(v.top.at(0), marked(long_slot(0x02, u"b", sum)));
-    v.top.put(0, short_entry("FIRST      "));
-    EXPECT_EQ(called([] { return remove_entry(sv->root_dir, 0); }), came_to(1));
 }
 
 TEST_F(RemoveEntry, SlotsInTwoMoreSectorsAreWrittenBehindTheEntry) {
@@ -688,14 +639,6 @@ TEST_F(GetNameOfEntry, LongNameIsGatheredFromItsSlots) {
     EXPECT_EQ(text(), "abcdefghi.JKL");
 }
 
-// The units begin with the terminating zero: that is the name.
-TEST_F(GetNameOfEntry, EmptyLongNameStandsForTheShortOne) {
-    v.top.append(long_slot(0x41, u"", checksum_of("NAME~1     ")));
-    v.top.append(short_entry("NAME~1     "));
-    EXPECT_EQ(ask(1), came_to(0));
-    EXPECT_EQ(text(), "");
-}
-
 TEST_F(GetNameOfEntry, DirectoryHasANameToo) {
     directory dir = v.sub_directory({5, 6});
     dir.go_to(63);
@@ -726,13 +669,6 @@ TEST_F(GetNameOfEntry, ShortNameIsShownInItsCase) {
     EXPECT_EQ(text(), "FIRST.TXT");
 }
 
-TEST_F(GetNameOfEntry, SlotInTheFirstEntryOfTheDirectoryCounts) {
-    const u32 index = v.top.append_long(u"Name", "NAME~1     ");
-    ASSERT_EQ(index, 1U);
-    EXPECT_EQ(ask(1), came_to(0));
-    EXPECT_EQ(text(), "Name");
-}
-
 // The beginning of the directory ends the name as a last slot does.
 TEST_F(GetNameOfEntry, NameMayLackItsLastSlotAtTheBeginningOfTheDirectory) {
     const std::vector<entry_image> slots = long_slots(std::u16string(39, u'y'), "YYYYYY~1   ");
@@ -741,50 +677,6 @@ TEST_F(GetNameOfEntry, NameMayLackItsLastSlotAtTheBeginningOfTheDirectory) {
     v.top.append(short_entry("YYYYYY~1   "));
     EXPECT_EQ(ask(2), came_to(0));
     EXPECT_EQ(text(), std::string(26, 'y'));
-}
-
-TEST_F(GetNameOfEntry, SlotsOfAnotherNameAreNotTaken) {
-    v.top.append(long_slots(u"Some long name", "OTHER~1    "));
-    v.top.append(short_entry("SOMELO~1   "));
-    EXPECT_EQ(ask(2), came_to(0, NO_SLOT));
-    EXPECT_EQ(text(), "SOMELO~1");
-}
-
-TEST_F(GetNameOfEntry, NameWithALostSlotIsTheShortOne) {
-    std::vector<entry_image> slots = long_slots(std::u16string(30, u'y'), "YYYYYY~1   ");
-    for (const entry_image &instead :
-         {entry_image{}, deleted(slots[1]), short_entry("OTHER      ")}) {
-        v.top.go_to(0);
-        v.top.append(slots[0]);
-        v.top.append(instead);
-        v.top.append(slots[2]);
-        v.top.append(short_entry("YYYYYY~1   "));
-        EXPECT_EQ(ask(3), came_to(0, NO_SLOT));
-        EXPECT_EQ(text(), "YYYYYY~1");
-    }
-}
-
-TEST_F(GetNameOfEntry, SlotsAreGatheredByTheirOrdinalsUpToTheLastOne) {
-    const u8 sum = checksum_of("NAME~1     ");
-    v.top.append(long_slot(0x41, u"notthisone", sum));
-    v.top.append(long_slot(0x43, u"ccc", sum));
-    v.top.append(long_slot(0x01, u"aaaaaaaaaaaaa", sum));
-    v.top.append(long_slot(0x02, u"bbbbbbbbbbbbb", sum));
-    v.top.append(short_entry("NAME~1     "));
-    EXPECT_EQ(ask(4), came_to(0));
-    EXPECT_EQ(text(), "aaaaaaaaaaaaabbbbbbbbbbbbbccc");
-}
-
-TEST_F(GetNameOfEntry, OrdinalsThatAreNoneAreLeftOut) {
-    const u8 sum = checksum_of("NAME~1     ");
-    for (const unsigned ordinal : {0x15U, 0x3FU, 0x80U, 0xBFU}) {
-        v.top.go_to(0);
-        v.top.append(long_slot(0x41, u"Name", sum));
-        v.top.append(long_slot(ordinal, u"zzz", sum));
-        v.top.append(short_entry("NAME~1     "));
-        EXPECT_EQ(ask(2), came_to(0)) << ordinal;
-        EXPECT_EQ(text(), "Name");
-    }
 }
 
 TEST_F(GetNameOfEntry, UnitsThatAsciiDoesNotHaveAreQuestionMarks) {
@@ -804,31 +696,6 @@ TEST_F(GetNameOfEntry, EntryThatIsNeitherFileNorDirectoryIsNotFound) {
     }
     v.top.append(short_entry("INVALID    ", LABEL | DIRECTORY));
     EXPECT_EQ(ask(4), came_to(-ENOENT, "entry_type[N]: Unknown entry type: 24\n\n" + NO_SLOT));
-}
-
-TEST_F(GetNameOfEntry, IndexBehindTheEndIsNotFound) {
-    EXPECT_EQ(ask(512),
-              came_to(-ENOENT, "get_phy_sector[N]: Invalid sector number in Root dir\n\n"
-                               "get_dentry_with_clu[N]: Failed to get entry sector!:(0, 512)\n\n" +
-                                   NO_SLOT));
-    v.chain({5});
-    EXPECT_EQ(ask(64, 5),
-              came_to(-ENOENT,
-                      "get_dentry_with_clu[N]: Failed to get entry sector!:(5, 64)\n\n" + NO_SLOT));
-}
-
-TEST_F(GetNameOfEntry, EntryThatCannotBeReachedIsItsError) {
-    EXPECT_EQ(ask(3, 1),
-              came_to(-EINVAL, "get_phy_sector[N]: invalid start cluster number 1\n"
-                               "get_dentry_with_clu[N]: Failed to get entry sector!:(1, 3)\n\n"
-                               "get_name_of_entry[N]: fail to get dentry(1, 3):Invalid "
-                               "argument\n\n"));
-    v.disk.unreadable = {v.top.sectors[0]};
-    EXPECT_EQ(ask(3), came_to(-EIO, "get_dentry_with_clu[N]: cannot read sectors:(sector: " +
-                                        std::to_string(v.top.sectors[0]) +
-                                        ")\n"
-                                        "get_name_of_entry[N]: fail to get dentry(0, "
-                                        "3):Input/output error\n\n"));
 }
 
 TEST_F(GetNameOfEntry, SectorBufferNeedsMemory) {

@@ -1,5 +1,6 @@
 // The end of a volume: what is closed and freed, and cutting an image behind its last cluster.
 
+#include "tests/support/rows.h"
 #include "tests/support/volume_fixture.h"
 
 #include <array>
@@ -133,6 +134,8 @@ TEST_F(VolumeRelease, ClosesTheTargetAndForgetsTheRecord) {
 }
 
 TEST_F(VolumeRelease, WithoutAVolumeSaysSoOnStandardOutput) {
+    open_image(20, 0);
+    EXPECT_EQ(fat_close_volume(0), 0);
     for (const int compact : {0, 1, 2}) {
         standard_output out;
         const int result = fat_close_volume(compact);
@@ -140,15 +143,6 @@ TEST_F(VolumeRelease, WithoutAVolumeSaysSoOnStandardOutput) {
         EXPECT_EQ(result, 0);
     }
     EXPECT_EQ(said.text(), "");
-}
-
-TEST_F(VolumeRelease, ASecondCloseFindsNoVolume) {
-    open_image(20, 0);
-    EXPECT_EQ(fat_close_volume(0), 0);
-    standard_output out;
-    const int result = fat_close_volume(0);
-    EXPECT_EQ(out.stop(), "sv is null\n");
-    EXPECT_EQ(result, 0);
 }
 
 TEST_F(VolumeRelease, OnlyCompactOneCutsTheImage) {
@@ -162,12 +156,25 @@ TEST_F(VolumeRelease, OnlyCompactOneCutsTheImage) {
     EXPECT_EQ(said.text(), "");
 }
 
-TEST_F(VolumeRelease, FreesTheRecord) {
+TEST_F(VolumeRelease, FreesTheRecordAndAnySlotWhateverTheMapSays) {
+    for (const auto &[id, is_in_map] : {std::pair{0U, true}, {511U, true}, {9U, false}}) {
+        const allocation_meter meter;
+        open_image(20, 0);
+        EXPECT_EQ(meter.live_blocks(), 1);
+        put_entry(id, make_entry(true));
+        if (!is_in_map) {
+            oentry_map[0] = 0;
+        }
+        EXPECT_EQ(fat_close_volume(0), 0);
+        EXPECT_EQ(meter.live_blocks(), 0) << id;
+        expect_closed();
+    }
     const allocation_meter meter;
-    open_image(20, 0);
-    EXPECT_EQ(meter.live_blocks(), 1);
-    EXPECT_EQ(fat_close_volume(0), 0);
+    put_entry(3, make_entry(true));
+    EXPECT_EQ(fat_release_volume(0), 0); // without a volume
     EXPECT_EQ(meter.live_blocks(), 0);
+    EXPECT_EQ(said.text(), "");
+    expect_closed();
 }
 
 TEST_F(VolumeRelease, FreesEveryOpenEntry) {
@@ -181,35 +188,6 @@ TEST_F(VolumeRelease, FreesEveryOpenEntry) {
     EXPECT_EQ(meter.live_blocks(), 1 + 512 + 511);
     EXPECT_EQ(fat_close_volume(0), 0);
     EXPECT_EQ(meter.live_blocks(), 0);
-    expect_closed();
-}
-
-TEST_F(VolumeRelease, FreesTheFirstAndTheLastSlot) {
-    for (const u32 id : {0U, 511U}) {
-        const allocation_meter meter;
-        open_image(20, 0);
-        put_entry(id, make_entry(true));
-        EXPECT_EQ(fat_close_volume(0), 0);
-        EXPECT_EQ(meter.live_blocks(), 0) << id;
-        expect_closed();
-    }
-}
-
-TEST_F(VolumeRelease, FreesAnOccupiedSlotWhateverTheMapSays) {
-    const allocation_meter meter;
-    open_image(20, 0);
-    oentry_table[9] = make_entry(true);
-    EXPECT_EQ(fat_close_volume(0), 0);
-    EXPECT_EQ(meter.live_blocks(), 0);
-    expect_closed();
-}
-
-TEST_F(VolumeRelease, WithoutAVolumeTheOpenEntriesAreStillFreed) {
-    const allocation_meter meter;
-    put_entry(3, make_entry(true));
-    EXPECT_EQ(fat_release_volume(0), 0);
-    EXPECT_EQ(meter.live_blocks(), 0);
-    EXPECT_EQ(said.text(), "");
     expect_closed();
 }
 
@@ -252,63 +230,73 @@ TEST_F(VolumeRelease, AFailingCloseChangesNothing) {
     EXPECT_EQ(sv, nullptr);
 }
 
-TEST_F(VolumeRelease, ClosesTheConvertersOfTheEncoding) {
-    open_image(20, 0);
-    const iconv_t to = iconv_open("UNICODE", "UTF-8");
-    const iconv_t from = iconv_open("UTF-8", "UNICODE");
-    sv->cd_to_uni = to;
-    sv->cd_from_uni = from;
-    const closed_converters closed;
-    EXPECT_EQ(fat_close_volume(0), 0);
-    EXPECT_EQ(closed.list(), (std::vector<iconv_t>{to, from}));
-}
-
-TEST_F(VolumeRelease, ClosesTheOneConverterThereIs) {
-    for (const bool is_first : {true, false}) {
-        open_image(20, 0);
-        const iconv_t converter = iconv_open("UTF-8", "UNICODE");
-        (is_first ? sv->cd_to_uni : sv->cd_from_uni) = converter;
-        const closed_converters closed;
-        EXPECT_EQ(fat_close_volume(0), 0);
-        EXPECT_EQ(closed.list(), std::vector<iconv_t>{converter});
+TEST_F(VolumeRelease, ClosesTheConvertersThatThereAreOnce) {
+    for (const bool compacts_first : {false, true}) {
+        for (const auto &[has_to, has_from] :
+             {std::pair{true, true}, {true, false}, {false, true}, {false, false}}) {
+            open_image(20, 2);
+            link(5, 1);
+            std::vector<iconv_t> converters;
+            if (has_to) {
+                sv->cd_to_uni = converters.emplace_back(iconv_open("UNICODE", "UTF-8"));
+            }
+            if (has_from) {
+                sv->cd_from_uni = converters.emplace_back(iconv_open("UTF-8", "UNICODE"));
+            }
+            const closed_converters closed;
+            EXPECT_EQ(compacts_first ? fat_close_volume(1) : -EINVAL, -EINVAL);
+            EXPECT_EQ(fat_close_volume(0), 0);
+            EXPECT_EQ(closed.list(), converters);
+        }
     }
-}
-
-TEST_F(VolumeRelease, WithoutConvertersNoneIsClosed) {
-    open_image(20, 0);
-    const closed_converters closed;
-    EXPECT_EQ(fat_close_volume(0), 0);
-    EXPECT_EQ(closed.list(), std::vector<iconv_t>{});
 }
 
 // ---- compaction: length -----------------------------------------------------------------------
 
-TEST_F(Compaction, CutsBehindClusterTwoWhenItIsTheOnlyOneInUse) {
-    open_image(20, 2);
-    link(2, 0xFFFF);
+namespace {
+
+// A volume with an allocation hint and some links, and the cluster that it is cut after.
+struct cut_row : named_row {
+    u32 clusters;
+    u32 hint;
+    std::vector<std::pair<u32, u32>> links;
+    u32 last_left;
+    u32 fat_type = 16;
+};
+const cut_row CUTS[] = {
+    {"ClusterTwoAlone", 20, 2, {{2, 0xFFFF}}, 2},
+    {"ClusterTwoFromAHintOfOne", 20, 1, {{2, 0xFFFF}}, 2},
+    {"HighestClusterInUse", 20, 2, {{4, 0xFFFF}, {5, 9}, {9, 0xFFF8}, {12, 0xFFFF}}, 12},
+    // The hint counts as in use, whatever its FAT entry says.
+    {"HintWithNothingInUseAfterIt", 20, 7, {}, 7},
+    {"ClusterBelowTheCount", 20, 2, {{19, 0xFFFF}}, 19},
+    {"TwoHighestClustersAreNotChecked", 20, 2, {{5, 20}, {20, 21}, {21, 0xFFFF}}, 5},
+    {"BrokenEntriesOfTheTwoHighest", 20, 2, {{20, 1}, {21, 0xFFF7}}, 2},
+    {"BrokenEntriesUpToTheHint",
+     20,
+     7,
+     {{0, 1}, {1, 1}, {2, 1}, {3, 1}, {4, 1}, {5, 1}, {6, 1}, {7, 1}},
+     7},
+    {"NextSectorOfTheFat", 400, 2, {{255, 0xFFFF}, {256, 0xFFFF}, {300, 0xFFFF}}, 300},
+    {"ReservedBitsOfFat32Entries", 20, 2, {{6, 0xFFFFFFFF}, {9, 0xF0000000}}, 6, 32},
+};
+
+class CompactionCuts : public VolumeRelease, public testing::WithParamInterface<cut_row> {};
+INSTANTIATE_TEST_SUITE_P(Rows, CompactionCuts, testing::ValuesIn(CUTS), row_name<cut_row>);
+
+} // namespace
+
+TEST_P(CompactionCuts, AfterTheLastClusterOfTheRow) {
+    const cut_row &row = GetParam();
+    open_image(row.clusters, row.hint);
+    sv->fat_type = row.fat_type;
+    for (const auto &[cluster, value] : row.links) {
+        link(cluster, value);
+    }
     EXPECT_EQ(fat_close_volume(1), 0);
-    EXPECT_EQ(said.text(), heading(2, 20));
-    EXPECT_EQ(length(), u64{DATA_START} * SECTOR + u64{CLUSTER_SECTORS} * SECTOR);
+    EXPECT_EQ(said.text(), heading(row.hint, row.clusters));
+    EXPECT_EQ(length(), end_of(row.last_left));
     expect_closed();
-}
-
-TEST_F(Compaction, FindsClusterTwoFromAHintOfOne) {
-    open_image(20, 1);
-    link(2, 0xFFFF);
-    EXPECT_EQ(fat_close_volume(1), 0);
-    EXPECT_EQ(said.text(), heading(1, 20));
-    EXPECT_EQ(length(), end_of(2));
-}
-
-TEST_F(Compaction, CutsBehindTheHighestClusterInUse) {
-    open_image(20, 2);
-    link(4, 0xFFFF);
-    link(5, 9);
-    link(9, 0xFFF8);
-    link(12, 0xFFFF);
-    EXPECT_EQ(fat_close_volume(1), 0);
-    EXPECT_EQ(said.text(), heading(2, 20));
-    EXPECT_EQ(length(), end_of(12));
 }
 
 TEST_F(Compaction, KeepsTheBytesInFrontOfTheCut) {
@@ -320,49 +308,6 @@ TEST_F(Compaction, KeepsTheBytesInFrontOfTheCut) {
     const bytes before = read_range(path, 0, static_cast<std::size_t>(end_of(6)));
     EXPECT_EQ(fat_close_volume(1), 0);
     EXPECT_EQ(read_file(path), before);
-}
-
-TEST_F(Compaction, KeepsTheHintWhenNothingBehindItIsInUse) {
-    open_image(20, 7);
-    EXPECT_EQ(fat_close_volume(1), 0);
-    EXPECT_EQ(said.text(), heading(7, 20));
-    EXPECT_EQ(length(), end_of(7)) << "the hint counts as in use, whatever its FAT entry says";
-}
-
-TEST_F(Compaction, LooksAtTheClusterBelowTheCount) {
-    open_image(20, 2);
-    link(19, 0xFFFF);
-    EXPECT_EQ(fat_close_volume(1), 0);
-    EXPECT_EQ(length(), end_of(19));
-}
-
-TEST_F(Compaction, NeverLooksAtTheTwoHighestClusters) {
-    open_image(20, 2);
-    link(5, 20);
-    link(20, 21);
-    link(21, 0xFFFF);
-    EXPECT_EQ(fat_close_volume(1), 0);
-    EXPECT_EQ(said.text(), heading(2, 20));
-    EXPECT_EQ(length(), end_of(5));
-}
-
-TEST_F(Compaction, BrokenEntriesOfTheTwoHighestClustersGoUnnoticed) {
-    open_image(20, 2);
-    link(20, 1);
-    link(21, 0xFFF7);
-    EXPECT_EQ(fat_close_volume(1), 0);
-    EXPECT_EQ(said.text(), heading(2, 20));
-    EXPECT_EQ(length(), end_of(2));
-}
-
-TEST_F(Compaction, BrokenEntriesUpToTheHintGoUnnoticed) {
-    open_image(20, 7);
-    for (u32 cluster = 0; cluster <= 7; cluster++) {
-        link(cluster, 1);
-    }
-    EXPECT_EQ(fat_close_volume(1), 0);
-    EXPECT_EQ(said.text(), heading(7, 20));
-    EXPECT_EQ(length(), end_of(7));
 }
 
 TEST_F(Compaction, ReadsNothingWhenTheHintIsTheLastClusterItWouldLookAt) {
@@ -377,15 +322,6 @@ TEST_F(Compaction, ReadsNothingWhenTheHintIsTheLastClusterItWouldLookAt) {
     }
 }
 
-TEST_F(Compaction, FollowsTheFatIntoItsNextSector) {
-    open_image(400, 2);
-    link(255, 0xFFFF);
-    link(256, 0xFFFF);
-    link(300, 0xFFFF);
-    EXPECT_EQ(fat_close_volume(1), 0);
-    EXPECT_EQ(length(), end_of(300));
-}
-
 TEST_F(Compaction, ReadsAtMostOneSectorForEachCluster) {
     open_image(400, 2);
     read_sectors = counting_read;
@@ -393,16 +329,6 @@ TEST_F(Compaction, ReadsAtMostOneSectorForEachCluster) {
     EXPECT_EQ(fat_close_volume(1), 0);
     EXPECT_GE(transfers, 2) << "the FAT reaches into two sectors";
     EXPECT_LE(transfers, 397);
-}
-
-TEST_F(Compaction, IgnoresTheReservedBitsOfFat32Entries) {
-    open_image(20, 2);
-    sv->fat_type = 32;
-    link(6, 0xFFFFFFFF);
-    link(9, 0xF0000000);
-    EXPECT_EQ(fat_close_volume(1), 0);
-    EXPECT_EQ(said.text(), heading(2, 20));
-    EXPECT_EQ(length(), end_of(6));
 }
 
 TEST_F(Compaction, EachProductHas32BitsAndTheirSumHas64) {
@@ -438,19 +364,6 @@ TEST_F(Compaction, FreesEverything) {
     expect_closed();
 }
 
-TEST_F(Compaction, ClosesTheConvertersOnce) {
-    open_image(20, 2);
-    link(5, 1);
-    const iconv_t to = iconv_open("UNICODE", "UTF-8");
-    const iconv_t from = iconv_open("UTF-8", "UNICODE");
-    sv->cd_to_uni = to;
-    sv->cd_from_uni = from;
-    const closed_converters closed;
-    EXPECT_EQ(fat_close_volume(1), -EINVAL);
-    EXPECT_EQ(fat_close_volume(0), 0);
-    EXPECT_EQ(closed.list(), (std::vector<iconv_t>{to, from}));
-}
-
 TEST_F(Compaction, LeavesTheStandardDescriptorsOpen) {
     open_image(20, 19);
     const int own = sv->fd;
@@ -475,7 +388,8 @@ TEST_F(Compaction, AHintOfZeroStopsAtClusterOne) {
 }
 
 TEST_F(Compaction, ABrokenEntryStopsIt) {
-    for (const u32 value : {1U, 22U, 0xFFF6U, 0xFFF7U}) {
+    for (const auto &[cluster, value] :
+         {std::pair{7U, 1U}, {7U, 22U}, {7U, 0xFFF6U}, {7U, 0xFFF7U}, {19U, 1U}}) {
         open_image(20, 2);
         const u64 full_length = length();
         put_entry(0, make_entry(false));
@@ -483,8 +397,8 @@ TEST_F(Compaction, ABrokenEntryStopsIt) {
         sv->root_dir = oentry_table[0];
         sv->current_dir = oentry_table[511];
         link(4, 0xFFFF);
-        link(7, value);
-        link(9, 0xFFFF);
+        link(9, cluster == 7 ? 0xFFFF : 0); // not reached
+        link(cluster, value);
         said.clear();
         EXPECT_EQ(fat_close_volume(1), -EINVAL);
         EXPECT_EQ(said.text(), heading(2, 20) + "fat_read_clus[N]: Invalid cluster!\n\n"
@@ -494,14 +408,6 @@ TEST_F(Compaction, ABrokenEntryStopsIt) {
         EXPECT_EQ(fat_close_volume(0), 0);
         expect_closed();
     }
-}
-
-TEST_F(Compaction, ABrokenEntryBelowTheCountIsTheLastThatStopsIt) {
-    open_image(20, 2);
-    const u64 full_length = length();
-    link(19, 1);
-    EXPECT_EQ(fat_close_volume(1), -EINVAL);
-    expect_still_open(full_length);
 }
 
 TEST_F(Compaction, ARepairedEntryLetsTheNextTryThrough) {

@@ -377,15 +377,6 @@ protected:
 
 } // namespace
 
-TEST_F(EmptyRead, NumericTailSeesUnusedEntriesAndEnds) {
-    dir.put(3, short_entry("LONGFI~1TXT"));
-    dir.put(40, short_entry("LONGFI~2TXT"));
-    u8 dos[] = "LONGFILETXT";
-    EXPECT_EQ(add_numeric_tail(&dir.record, dos), 0);
-    EXPECT_STREQ(reinterpret_cast<char *>(dos), "LONGFI~2TXT");
-    EXPECT_EQ(said.text(), "");
-}
-
 TEST_F(EmptyRead, LookupGoesOnWithTheSectorItHas) {
     dir.put(20, short_entry("LOST       "));
     dir.put(40, short_entry("README  TXT"));
