@@ -36,7 +36,7 @@ int fail_full_search(fat_buffer *fat) {
 }
 
 // Stores a free cluster. Intentional: if the second pass fails for another reason than a full
-// volume, `cluster` keeps the value that the caller put there, and the result is 0.
+// volume, the result is 0 and `cluster` is not changed.
 int find_free_cluster(fat_buffer *fat, u32 *cluster) {
     int found = find_free(fat, sv->last_alloc_clus + 1, sv->num_clusters + 1);
     const bool is_first_pass = found != -ENOENT;
@@ -151,7 +151,7 @@ bool is_directory_record(const oentry *record) {
     return is_live_directory(record->dentry) || (record->dentry == nullptr && sv->fat_type == 32);
 }
 
-// Updates all other open records of a directory that has grown: one that kept the old end would
+// Updates all other open records of a directory that has grown: a record with the old end would
 // link the next cluster into the middle of the chain.
 void share_growth(const oentry *grown) {
     for (oentry *record : oentry_table) {
@@ -163,9 +163,8 @@ void share_growth(const oentry *grown) {
     }
 }
 
-// Undoes an allocation whose cluster could not be cleared or is not valid. Intentional: if the
-// entry had no cluster before, its fields keep the number of the freed cluster; the hint keeps it
-// in every case.
+// Undoes an allocation whose cluster could not be cleared or is not valid. Intentional: the number
+// of the freed cluster remains in the hint and, if the entry had no cluster before, in its fields.
 void undo_growth(oentry *entry, u32 previous_last, u32 cluster) {
     if (previous_last != 0) {
         (void)fat_write_entry(previous_last, FAT_END_MARK); // the caller returns its own error

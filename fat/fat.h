@@ -5,8 +5,8 @@
  *  1. Results are int: 0, a count or an index on success, a negative errno value on failure, unless
  *     a function states otherwise.
  *  2. One volume is open at a time, in the global `sv`. The library is for one thread.
- *  3. Strings are NUL-terminated and owned by the caller; the library keeps no pointer to them
- *     after a call.
+ *  3. Strings are NUL-terminated and owned by the caller; the library does not use them after the
+ *     call.
  *  4. Sizes are in bytes. Sector numbers count from the start of the target in units of the
  *     volume's sector size. Cluster numbers count from 2.
  *  5. Diagnostics go to one stream: standard error, or the choice of fat_set_diagnostics().
@@ -346,7 +346,7 @@ int fat_rm_entry(const char *path);
  *   -EINVAL  no such id, a broken FAT
  *   -EISDIR  a directory
  *   -ENOSPC  no room; the file is unchanged. Close an id of a file without clusters then: its copy
- *            of the entry keeps the number of a cluster that is free again
+ *            of the entry contains the number of a cluster that is free again
  *   -EFAULT  the chain is shorter than the file
  *   -EFBIG   the file would reach 4 GiB, or `count` is above INT_MAX; nothing has changed
  *   -EIO     a transfer failed: the clusters of this call are free again and the size is unchanged,
