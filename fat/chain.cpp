@@ -180,8 +180,8 @@ void undo_growth(oentry *entry, u32 previous_last, u32 cluster) {
 // here. The failing write may be that of the previous dirty sector: then the change itself is tried
 // again.
 void undo_entry(fat_buffer *fat, u32 cluster, u32 value) {
-    const bool leaves_changes = fat->needs_flush;
-    if (write_entry(fat, cluster, value) < 0 && leaves_changes) {
+    const bool has_pending_changes = fat->needs_flush;
+    if (write_entry(fat, cluster, value) < 0 && has_pending_changes) {
         (void)write_entry(fat, cluster, value);
     }
 }

@@ -66,12 +66,12 @@ int do_create(oentry *dir, char *name, u32 kind) {
         REPORT("not directory entry\n");
         return -EINVAL;
     }
-    name_guard held;
-    const int found = fat_find_dentry(dir, name, &held.record);
+    name_guard guard;
+    const int found = fat_find_dentry(dir, name, &guard.record);
     if (found >= 0) {
         return -EEXIST;
     }
-    return found == -ENOENT ? build_new_entry(dir, &held.record, kind) : found;
+    return found == -ENOENT ? build_new_entry(dir, &guard.record, kind) : found;
 }
 
 int create_internal(char *path, u32 kind) {

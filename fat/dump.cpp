@@ -24,7 +24,7 @@ bool write_image(int image, const u8 *data, u32 bytes) {
 
 // ---- the first FAT ----
 
-int copy_front(int image) {
+int copy_reserved_area_and_fat(int image) {
     const heap_ptr<u8> sector_buf = zeroed_bytes(transfer_unit());
     if (sector_buf == nullptr) {
         report_at("fat_dump_fat0", __LINE__, "cannot allocate space\n");
@@ -150,7 +150,7 @@ int fat_dump_fat0(const char *image_path) {
         report_errno("create fat image");
         return -error;
     }
-    return copy_front(image.get());
+    return copy_reserved_area_and_fat(image.get());
 }
 
 int fat_dump_clus(uint32_t cluster, const char *image_path) {

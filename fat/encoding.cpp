@@ -140,9 +140,9 @@ iconv_t open_converter(const char *to, const char *from) {
 } // namespace
 
 int convert_cstring_to_uname(char *cstring, u16 *unicode) {
-    const int cut = remove_trail_blanks(cstring, nullptr);
-    if (cut < 0) {
-        return cut;
+    const int trimmed = remove_trail_blanks(cstring, nullptr);
+    if (trimmed < 0) {
+        return trimmed;
     }
     return sv->cd_to_uni != nullptr ? encode_units(cstring, unicode)
                                     : widen_ascii(cstring, unicode);

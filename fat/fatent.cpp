@@ -194,13 +194,13 @@ int select_sector(fat_buffer *fat, u64 sector) {
     if (flushed < 0) {
         return flushed;
     }
-    const int taken = load_dirty_sector(fat, sector);
-    if (taken == -ENOMEM) {
+    const int loaded = load_dirty_sector(fat, sector);
+    if (loaded == -ENOMEM) {
         report_at("fat_write_entry", __LINE__, "cannot allocate buffer\n\n");
-    } else if (taken < 0) {
+    } else if (loaded < 0) {
         report_at("fat_write_entry", __LINE__, "cannot read FAT\n");
     }
-    return taken;
+    return loaded;
 }
 
 } // namespace

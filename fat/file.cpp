@@ -147,7 +147,7 @@ int write_whole(const data_extent &extent, const u8 *data) {
     return 0;
 }
 
-void report_lookup_of_write(int error) {
+void report_write_lookup(int error) {
     report_at("do_write_file", __LINE__, "Failed to get FAT sector!(%d)\n\n", error);
     if (error == -EFAULT) {
         report_bare("access out of cluster chain\n");
@@ -162,7 +162,7 @@ int write_data(const oentry *entry, const u8 *data, u32 count, u32 position) {
         data_extent extent;
         const int found = find_extent(&finder, sector_index_at(position), part.sectors, &extent);
         if (found < 0) {
-            report_lookup_of_write(found);
+            report_write_lookup(found);
             return found;
         }
         const bool is_whole = part.is_whole();
@@ -208,7 +208,7 @@ int allocate_for_write(oentry *entry, u32 extra, write_allocation *allocation) {
     if (entry->start == 0 && sv->fat_type != 32) {
         // After a damaged entry the search may store cluster 0, which lookups take for the root
         // area.
-        report_lookup_of_write(-EINVAL);
+        report_write_lookup(-EINVAL);
         return -EINVAL;
     }
     return 0;
@@ -281,7 +281,7 @@ int read_whole(const data_extent &extent, u8 *data) {
     return 0;
 }
 
-void report_lookup_of_read(int error) {
+void report_read_lookup(int error) {
     report_at("do_read_file", __LINE__, "Failed to get FAT sector!\n\n");
     if (error == -EFAULT) {
         report_at("do_read_file", __LINE__, "access out of cluster chain\n");
@@ -295,7 +295,7 @@ int read_data(const oentry *entry, u8 *sector_buf, u8 *data, u32 count, u64 posi
         data_extent extent;
         const int found = find_extent(&finder, sector_index_at(position), part.sectors, &extent);
         if (found < 0) {
-            report_lookup_of_read(found);
+            report_read_lookup(found);
             return found;
         }
         const bool is_whole = part.is_whole();
@@ -384,7 +384,7 @@ int do_read_file(oentry *entry, void *buffer, u32 count, u64 *position) {
     }
     // The position wrapped below 0.
     if (*position > INT64_MAX) {
-        report_lookup_of_read(-EINVAL);
+        report_read_lookup(-EINVAL);
         return -EINVAL;
     }
     const int result =

@@ -269,12 +269,12 @@ int do_readdir(oentry *dir, u32 *index, u8 **entry, dir_item *item, u8 *sector_b
             REPORT("Failed go get entry!\n\n");
             return fetched;
         }
-        const int taken = read_item(dir, i, entry, item, sector_buf);
-        if (taken < 0) {
-            return taken;
+        const int entry_count = read_item(dir, i, entry, item, sector_buf);
+        if (entry_count < 0) {
+            return entry_count;
         }
-        if (taken > 0) {
-            *index = i + static_cast<u32>(taken);
+        if (entry_count > 0) {
+            *index = i + static_cast<u32>(entry_count);
             return fetched;
         }
     }
