@@ -17,14 +17,14 @@ constexpr u32 FSINFO_SECTOR = 1;
 constexpr u32 BACKUP_SECTOR = 6;
 constexpr u32 MAX_TOTAL_SECTORS_16 = 0xFFFF;
 
-// An odd last sector is left out of the file system, deliberately.
+// Intentional: an odd last sector is not part of the file system.
 u32 usable_sectors(u64 volume_bytes, u32 sector_size) {
     return static_cast<u32>(volume_bytes >> std::countr_zero(sector_size)) & ~1U;
 }
 
 void put_jump_and_name(u8 *pbr, bool is_fat32) {
     u8 *jump = pbr + PBR_JUMP.offset;
-    jump[0] = 0xEB; // jmp short behind the records, nop
+    jump[0] = 0xEB; // jmp short past the records, nop
     jump[1] = is_fat32 ? 0x58 : 0x3C;
     jump[2] = 0x90;
     store_text(pbr, PBR_OEM_NAME, "Torvik  ");
@@ -78,16 +78,15 @@ void fill_volume_record(const fat_format_param *param, u32 total, u32 fat_sector
     sv->sector_size = param->sector_size;
     sv->sec_per_clus = param->sec_per_clus;
     sv->fat_start = param->nr_rsvd_sec;
-    const u32 behind_fats = param->nr_rsvd_sec + fat_sectors * param->nr_fat;
+    const u32 fats_end = param->nr_rsvd_sec + fat_sectors * param->nr_fat;
     if (param->fat_size == 32) {
         sv->root_clus = ROOT_CLUSTER;
-        sv->data_start = behind_fats;
+        sv->data_start = fats_end;
         sv->rdir_start = sv->data_start + (sv->root_clus - FIRST_DATA_CLUSTER) * sv->sec_per_clus;
     } else {
         sv->root_clus = 0;
-        sv->rdir_start = behind_fats;
-        sv->data_start =
-            behind_fats + div_ceil(param->root_entries * DENTRY_SIZE, param->sector_size);
+        sv->rdir_start = fats_end;
+        sv->data_start = fats_end + div_ceil(param->root_entries * DENTRY_SIZE, param->sector_size);
     }
     sv->num_clusters = (total - sv->data_start) / param->sec_per_clus;
 }

@@ -1,7 +1,7 @@
 // Building entries: finding free slots, filling short entries and long-name slots, writing them.
 //
-// A run of slots is written sector by sector, the short entry's sector first; nothing else in those
-// sectors changes.
+// A span of slots is written sector by sector, the sector of the short entry first; other entries
+// in those sectors do not change.
 
 #include "fat/internal.h"
 
@@ -16,25 +16,25 @@ namespace fat {
 
 namespace {
 
-constexpr u16 PADDING_UNIT = 0xFFFF; // behind the terminator of a long name
+constexpr u16 PADDING_UNIT = 0xFFFF; // after the terminator of a long name
 
 // ---- free slots ----
 
-// A run of free slots that a walk over a directory is in.
-struct free_run {
+// The consecutive free slots that a walk over a directory has just counted.
+struct free_span {
     u32 wanted;
     u32 length = 0;
 
-    // True when the run is long enough; it then ends at the slot just counted.
+    // True if the span is long enough; it then ends at the slot just counted.
     bool count_free() {
         length++;
         return length == wanted;
     }
 };
 
-// Looks through the directory from its first slot. Returns 1 when the run is complete, 0 at the
-// end, or a negative errno; `position` is left at the slot where it stopped.
-int search_slots(dentry_walk *walk, u32 slot_count, free_run *run, u32 *position) {
+// Searches the directory from its first slot. Returns 1 for a complete span, 0 at the end, or a
+// negative errno; leaves `position` at the slot where the search ended.
+int search_slots(dentry_walk *walk, u32 slot_count, free_span *span, u32 *position) {
     for (; *position < slot_count; (*position)++) {
         u8 *entry = nullptr;
         const int result = walk_to(walk, *position, &entry);
@@ -46,16 +46,16 @@ int search_slots(dentry_walk *walk, u32 slot_count, free_run *run, u32 *position
             return result;
         }
         if (!is_free_slot(entry)) {
-            run->length = 0;
-        } else if (run->count_free()) {
+            span->length = 0;
+        } else if (span->count_free()) {
             return 1;
         }
     }
     return 0;
 }
 
-// Appends clusters until the run is complete. Every slot of a new cluster is free.
-int grow_for_run(oentry *dir, free_run *run, u32 *position) {
+// Appends clusters until the span is complete. All slots of a new cluster are free.
+int grow_for_span(oentry *dir, free_span *span, u32 *position) {
     for (;;) {
         const int grown = fat_extend_dir(dir, nullptr);
         if (grown < 0) {
@@ -63,7 +63,7 @@ int grow_for_run(oentry *dir, free_run *run, u32 *position) {
             return grown;
         }
         for (const u32 slot_count = dir_entry_count(dir); *position < slot_count; (*position)++) {
-            if (run->count_free()) {
+            if (span->count_free()) {
                 return 0;
             }
         }
@@ -72,7 +72,7 @@ int grow_for_run(oentry *dir, free_run *run, u32 *position) {
 
 // ---- short entries ----
 
-// The permission mode keeps group bits, inverted, in the cmsec byte, the owner's lack of a right in
+// The permission mode stores group bits, inverted, in the cmsec byte, missing owner rights in
 // attribute bits, and an identifier in place of the creation time.
 void add_permissions(u8 *entry, bool is_parent) {
     const u32 mode = is_parent ? fat_perm.perm_mode_parent : fat_perm.perm_mode;
@@ -91,10 +91,10 @@ void add_permissions(u8 *entry, bool is_parent) {
     store(entry, SHORT_CTIME, id);
 }
 
-// ---- a run of slots ----
+// ---- spans of slots ----
 
-// Fills the long-name slots in front of the short entry, from the one next to it backwards.
-int fill_long_slots(run_sectors *run, oentry *dir, u32 short_index, u8 *short_entry, u32 count,
+// Fills the long-name slots before the short entry, beginning with the one next to it.
+int fill_long_slots(span_sectors *span, oentry *dir, u32 short_index, u8 *short_entry, u32 count,
                     const fat_name *name) {
     const u8 checksum = dosname_checksum(name->dosName);
     u8 *slot = short_entry;
@@ -103,9 +103,9 @@ int fill_long_slots(run_sectors *run, oentry *dir, u32 short_index, u8 *short_en
         if (same_sector(index, index + 1)) {
             slot -= DENTRY_SIZE;
         } else {
-            int result = run->reserve();
+            int result = span->reserve();
             if (result == 0) {
-                result = run->load(dir, index, &slot);
+                result = span->load(dir, index, &slot);
             }
             if (result < 0) {
                 return result;
@@ -129,16 +129,16 @@ int make_short_name_unique(oentry *dir, const fat_name *name) {
     return result;
 }
 
-// Fills all slots of the run in memory.
-int fill_run(run_sectors *run, oentry *dir, u32 short_index, u32 count, u32 kind,
-             const fat_name *name, u32 start_clu) {
+// Fills all slots of the span in memory.
+int fill_span(span_sectors *span, oentry *dir, u32 short_index, u32 count, u32 kind,
+              const fat_name *name, u32 start_clu) {
     u8 *entry = nullptr;
-    int result = run->load(dir, short_index, &entry);
+    int result = span->load(dir, short_index, &entry);
     if (result == 0) {
         result = set_entry_value(entry, name->dosName, kind, start_clu, name->lcase);
     }
     if (result == 0 && sv->long_name == 1 && name->unicode != nullptr && count > 1) {
-        result = fill_long_slots(run, dir, short_index, entry, count, name);
+        result = fill_long_slots(span, dir, short_index, entry, count, name);
     }
     return result;
 }
@@ -184,9 +184,9 @@ int fat_find_empty_entries(oentry *dir, u32 count, u32 *index) {
         REPORT("Check Here!\n\n");
         return -ENOMEM;
     }
-    free_run run{count};
+    free_span span{count};
     u32 position = 0;
-    int result = search_slots(&walk, dir_entry_count(dir), &run, &position);
+    int result = search_slots(&walk, dir_entry_count(dir), &span, &position);
     if (result < 0) {
         return result;
     }
@@ -195,7 +195,7 @@ int fat_find_empty_entries(oentry *dir, u32 count, u32 *index) {
             report_bare("Root directory has no more space\n");
             return -ENOSPC;
         }
-        result = grow_for_run(dir, &run, &position);
+        result = grow_for_span(dir, &span, &position);
         if (result < 0) {
             return result;
         }
@@ -204,14 +204,14 @@ int fat_find_empty_entries(oentry *dir, u32 count, u32 *index) {
     return 0;
 }
 
-// ---- the sectors of a run ---------------------------------------------------------------------
+// ---- the sectors of a span --------------------------------------------------------------------
 
 bool same_sector(u32 index_a, u32 index_b) {
     const u32 entries_per_sector = sv->sector_size / DENTRY_SIZE;
     return index_a / entries_per_sector == index_b / entries_per_sector;
 }
 
-int run_sectors::reserve() {
+int span_sectors::reserve() {
     if (used == MAX) {
         return -EINVAL;
     }
@@ -219,7 +219,7 @@ int run_sectors::reserve() {
     return buffers[used] != nullptr ? 0 : -ENOMEM;
 }
 
-int run_sectors::load(oentry *dir, u32 index, u8 **entry) {
+int span_sectors::load(oentry *dir, u32 index, u8 **entry) {
     dentry_location location = {};
     const int result = fat_get_dentry(dir, index, entry, buffers[used].get(), &location);
     if (result < 0) {
@@ -229,7 +229,7 @@ int run_sectors::load(oentry *dir, u32 index, u8 **entry) {
     return 0;
 }
 
-int run_sectors::write_back() {
+int span_sectors::write_back() {
     for (u32 i = 0; i < used; i++) {
         const int written = write_sectors(buffers[i].get(), sectors[i], 1);
         if (written != 1) {
@@ -243,7 +243,7 @@ int run_sectors::write_back() {
 
 int set_entry_value(u8 *entry, const u8 *dos, u32 kind, u32 start_clu, u8 lcase) {
     u32 attr = 0;
-    store(entry, SHORT_CMSEC, 0); // of a kind that is refused, too
+    store(entry, SHORT_CMSEC, 0); // Intentional: also for a kind that is refused
     switch (kind) {
     case DENTRY_FILE:
         break;
@@ -263,7 +263,7 @@ int set_entry_value(u8 *entry, const u8 *dos, u32 kind, u32 start_clu, u8 lcase)
     store(entry, SHORT_ATTR, attr);
     std::memcpy(entry + SHORT_NAME.offset, dos, SHORT_NAME.size);
     store(entry, SHORT_SYSID, lcase);
-    // Creation and access stay without a date; only the modification is stamped.
+    // Intentional: creation and access have no date, only the modification.
     store(entry, SHORT_CTIME, 0);
     store(entry, SHORT_CDATE, 0);
     store(entry, SHORT_ADATE, 0);
@@ -302,8 +302,8 @@ int build_entry(oentry *dir, u32 first, u32 count, u32 kind, fat_name *name, u32
         REPORT("Check here!\n\n");
         return -EINVAL;
     }
-    run_sectors run;
-    int result = run.reserve();
+    span_sectors span;
+    int result = span.reserve();
     if (result < 0) {
         REPORT("Check here!\n\n");
         return result;
@@ -313,9 +313,9 @@ int build_entry(oentry *dir, u32 first, u32 count, u32 kind, fat_name *name, u32
         return result;
     }
     const u32 short_index = first + count - 1;
-    result = fill_run(&run, dir, short_index, count, kind, name, start_clu);
+    result = fill_span(&span, dir, short_index, count, kind, name, start_clu);
     if (result == 0) {
-        result = run.write_back();
+        result = span.write_back();
     }
     if (result < 0) {
         REPORT("Check here!\n\n");

@@ -1,8 +1,8 @@
 // Bytes on the medium: little-endian loads and stores, and the description of a field.
 //
 // Every multi-byte value of the FAT format is little-endian and most are unaligned, so values are
-// put together byte by byte; the compilers turn this into single loads where the target allows
-// them. Nothing else in the library spells the byte order of the medium.
+// assembled byte by byte; compilers turn this into single loads if the target allows them. No other
+// file of the library deals with the byte order of the medium.
 
 #pragma once
 
@@ -22,7 +22,7 @@ using s64 = std::int64_t;
     return static_cast<u16>(bytes[0] | bytes[1] << 8);
 }
 
-// The shifts are done on u32: a byte promoted to int and shifted by 24 would reach the sign bit.
+// Shifts are done on u32: a byte promoted to int and shifted by 24 would reach the sign bit.
 [[nodiscard]] constexpr u32 load32(const u8 *bytes) {
     return static_cast<u32>(load16(bytes)) | static_cast<u32>(load16(bytes + 2)) << 16;
 }
@@ -37,20 +37,20 @@ constexpr void store32(u8 *bytes, u32 value) {
     store16(bytes + 2, static_cast<u16>(value >> 16));
 }
 
-// One field of an on-medium record: its byte offset and its size in bytes.
+// One field of an on-medium record: byte offset and size in bytes.
 struct field {
     const char *name;
     u32 offset;
     u32 size;
 };
 
-// The number in a field of 1, 2 or 4 bytes.
+// Value of a field of 1, 2 or 4 bytes.
 [[nodiscard]] constexpr u32 load(const u8 *record, const field &f) {
     const u8 *bytes = record + f.offset;
     return f.size == 1 ? bytes[0] : f.size == 2 ? load16(bytes) : load32(bytes);
 }
 
-// Stores the low bits of `value` that a field of 1, 2 or 4 bytes holds.
+// Stores the low bits of `value` in a field of 1, 2 or 4 bytes.
 constexpr void store(u8 *record, const field &f, u32 value) {
     u8 *bytes = record + f.offset;
     if (f.size == 1) {
@@ -62,7 +62,7 @@ constexpr void store(u8 *record, const field &f, u32 value) {
     }
 }
 
-// Stores a text that fills its field exactly; the terminator of the literal is not stored.
+// Stores a text as long as its field; the terminator of the literal is not stored.
 template <std::size_t N>
 constexpr void store_text(u8 *record, const field &f, const char (&text)[N]) {
     for (std::size_t i = 0; i + 1 < N && i < f.size; i++) {
@@ -70,7 +70,7 @@ constexpr void store_text(u8 *record, const field &f, const char (&text)[N]) {
     }
 }
 
-// True when the fields follow each other without gap or overlap from `begin` to `end`.
+// Whether the fields cover the bytes from `begin` to `end` without gap or overlap.
 template <std::size_t N>
 consteval bool covers(const field (&fields)[N], u32 begin, u32 end) {
     u32 position = begin;

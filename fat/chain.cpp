@@ -1,7 +1,7 @@
 // Cluster chains: allocating, clearing, counting, releasing, listing.
 //
-// Allocation is next-fit: the search goes on behind `last_alloc_clus` of the volume record and
-// wraps around once. Every walk ends on a chain that runs in a circle as on one that is broken.
+// Allocation is next-fit: the search continues after `last_alloc_clus` of the volume record and
+// wraps around once. A cycle ends every walk like a broken chain.
 
 #include "fat/internal.h"
 
@@ -11,7 +11,8 @@ namespace fat {
 
 namespace {
 
-// A hint outside the volume, its very last cluster included, restarts the search at the beginning.
+// A hint outside the volume restarts the search at the beginning. Intentional: so does the very
+// last cluster.
 void correct_hint() {
     if (sv->last_alloc_clus < FIRST_DATA_CLUSTER || sv->last_alloc_clus > sv->num_clusters) {
         sv->last_alloc_clus = FIRST_DATA_CLUSTER - 1;
@@ -22,9 +23,10 @@ void report_failed_write() {
     report_at("fat_alloc_cluster", __LINE__, "Failed to write entry!\n\n");
 }
 
-// The volume is full. Changes that single writes would have made before the search come first.
-int end_full_search(fat_editor *editor) {
-    const int flushed = flush_editor(editor);
+// Reports a full volume. Deferred changes, which single writes would have made before the search,
+// are written first.
+int fail_full_search(fat_buffer *fat) {
+    const int flushed = flush_fat(fat);
     if (flushed < 0) {
         report_failed_write();
         return flushed;
@@ -33,20 +35,20 @@ int end_full_search(fat_editor *editor) {
     return -ENOSPC;
 }
 
-// Stores a free cluster. An error of the second pass other than a full volume is passed over, and
-// what `cluster` held before is used; this leniency is meant.
-int find_free_cluster(fat_editor *editor, u32 *cluster) {
-    int found = find_free(editor, sv->last_alloc_clus + 1, sv->num_clusters + 1);
+// Stores a free cluster. Intentional: if the second pass fails for another reason than a full
+// volume, the result is 0 and `cluster` is not changed.
+int find_free_cluster(fat_buffer *fat, u32 *cluster) {
+    int found = find_free(fat, sv->last_alloc_clus + 1, sv->num_clusters + 1);
     const bool is_first_pass = found != -ENOENT;
     if (!is_first_pass) {
-        found = find_free(editor, FIRST_DATA_CLUSTER, sv->last_alloc_clus);
+        found = find_free(fat, FIRST_DATA_CLUSTER, sv->last_alloc_clus);
     }
-    if (editor->write_failed) {
+    if (fat->write_failed) {
         report_failed_write();
         return -EIO;
     }
     if (!is_first_pass && found == -ENOENT) {
-        return end_full_search(editor);
+        return fail_full_search(fat);
     }
     if (is_first_pass && found < 0) {
         return found;
@@ -57,15 +59,15 @@ int find_free_cluster(fat_editor *editor, u32 *cluster) {
     return 0;
 }
 
-int write_link(fat_editor *editor, u32 cluster, u32 value) {
-    const int result = edit_entry(editor, cluster, value);
+int write_link(fat_buffer *fat, u32 cluster, u32 value) {
+    const int result = write_entry(fat, cluster, value);
     if (result < 0) {
         report_failed_write();
     }
     return result;
 }
 
-// Makes the cluster the only one of an entry that had none. The entry's image changes in memory
+// Makes the cluster the only one of an entry without clusters. The dentry copy changes in memory
 // only.
 void start_chain(oentry *entry, u32 cluster) {
     entry->last = cluster;
@@ -76,15 +78,15 @@ void start_chain(oentry *entry, u32 cluster) {
     }
 }
 
-// Links first and terminates then; where terminating fails the link is taken back.
-int append_to_chain(fat_editor *editor, oentry *entry, u32 cluster) {
-    int result = write_link(editor, entry->last, cluster);
+// Links the cluster first, then terminates the chain; if terminating fails, the link is undone.
+int append_to_chain(fat_buffer *fat, oentry *entry, u32 cluster) {
+    int result = write_link(fat, entry->last, cluster);
     if (result < 0) {
         return result;
     }
-    result = write_link(editor, cluster, FAT_END_MARK);
+    result = write_link(fat, cluster, FAT_END_MARK);
     if (result < 0) {
-        (void)edit_entry(editor, entry->last, FAT_END_MARK); // the first error is the one to tell
+        (void)write_entry(fat, entry->last, FAT_END_MARK); // the first error is the one returned
         return result;
     }
     entry->last = cluster;
@@ -92,24 +94,24 @@ int append_to_chain(fat_editor *editor, oentry *entry, u32 cluster) {
     return 0;
 }
 
-int link_cluster(fat_editor *editor, oentry *entry, u32 cluster) {
+int link_cluster(fat_buffer *fat, oentry *entry, u32 cluster) {
     if (entry != nullptr && (entry->start != 0 || entry->last != 0)) {
-        return append_to_chain(editor, entry, cluster);
+        return append_to_chain(fat, entry, cluster);
     }
-    const int result = write_link(editor, cluster, FAT_END_MARK);
+    const int result = write_link(fat, cluster, FAT_END_MARK);
     if (result == 0 && entry != nullptr) {
         start_chain(entry, cluster);
     }
     return result;
 }
 
-int alloc_cluster(fat_editor *editor, oentry *entry, u32 *cluster) {
+int alloc_cluster(fat_buffer *fat, oentry *entry, u32 *cluster) {
     correct_hint();
-    const int found = find_free_cluster(editor, cluster);
+    const int found = find_free_cluster(fat, cluster);
     if (found < 0) {
         return found;
     }
-    const int linked = link_cluster(editor, entry, *cluster);
+    const int linked = link_cluster(fat, entry, *cluster);
     if (linked < 0) {
         return linked;
     }
@@ -117,31 +119,31 @@ int alloc_cluster(fat_editor *editor, oentry *entry, u32 *cluster) {
     return 0;
 }
 
-// What an entry and the hint were before clusters were allocated for it.
+// State of an entry and the hint before clusters were allocated for the entry.
 struct before_allocation {
-    u32 start;       // of the entry
-    u32 image_start; // in the entry's image
+    u32 start;        // first cluster in the record
+    u32 dentry_start; // first cluster in the dentry copy
     u32 hint;
 };
 
-before_allocation remember(const oentry *entry) {
+before_allocation save_state(const oentry *entry) {
     return {entry->start, entry->dentry != nullptr ? start_cluster(entry->dentry) : 0,
             sv->last_alloc_clus};
 }
 
-// Where the gathered changes of a sector could not be written, the allocations from `first_lost` on
-// never happened: a chain that began among them has not begun, and the hint is the one before them.
-void forget_lost(const before_allocation &before, u32 first_lost, const u32 *clusters,
-                 oentry *entry) {
+// If a deferred write failed, the allocations from index `first_lost` on never reached the medium:
+// a chain that began with one of them is reset, and the hint becomes the last cluster before them.
+void restore_lost(const before_allocation &before, u32 first_lost, const u32 *clusters,
+                  oentry *entry) {
     if (first_lost > 0) {
         sv->last_alloc_clus = clusters[first_lost - 1];
-        correct_hint(); // as the allocation that failed did first
+        correct_hint(); // the failed allocation began with this
         return;
     }
     sv->last_alloc_clus = before.hint;
     entry->start = before.start;
     if (entry->dentry != nullptr) {
-        set_start_cluster(entry->dentry, before.image_start);
+        set_start_cluster(entry->dentry, before.dentry_start);
     }
 }
 
@@ -149,8 +151,8 @@ bool is_directory_record(const oentry *record) {
     return is_live_directory(record->dentry) || (record->dentry == nullptr && sv->fat_type == 32);
 }
 
-// Every open record of a directory that has grown learns its new end: a record that kept the old
-// one would link the next cluster into the middle of the chain.
+// Updates all other open records of a directory that has grown: a record with the old end would
+// link the next cluster into the middle of the chain.
 void share_growth(const oentry *grown) {
     for (oentry *record : oentry_table) {
         if (record != nullptr && record != grown && record->start == grown->start &&
@@ -161,44 +163,44 @@ void share_growth(const oentry *grown) {
     }
 }
 
-// Takes the new cluster back after it could not be cleared, or was none. Where the entry had no
-// cluster before, its fields keep the number of the freed one; the hint keeps it in every case.
+// Undoes an allocation whose cluster could not be cleared or is not valid. Intentional: the number
+// of the freed cluster remains in the hint and, if the entry had no cluster before, in its fields.
 void undo_growth(oentry *entry, u32 previous_last, u32 cluster) {
     if (previous_last != 0) {
-        (void)fat_write_entry(previous_last, FAT_END_MARK); // the clearing error is the one to tell
+        (void)fat_write_entry(previous_last, FAT_END_MARK); // the caller returns its own error
         entry->last = previous_last;
         entry->allocated -= cluster_bytes();
     }
     if (is_data_cluster(cluster)) {
-        (void)fat_write_entry(cluster, FAT_FREE); // likewise
+        (void)fat_write_entry(cluster, FAT_FREE); // the same
     }
 }
 
-// One change of an undo. Nothing that fails here could be mended; the error that led here is the
-// one to tell. What fails first may be the write of the sector that the editor leaves: the change
-// itself is then still to be made.
-void undo_entry(fat_editor *editor, u32 cluster, u32 value) {
-    const bool leaves_changes = editor->dirty;
-    if (edit_entry(editor, cluster, value) < 0 && leaves_changes) {
-        (void)edit_entry(editor, cluster, value);
+// One change of an undo. A failure here cannot be repaired; the caller returns the error that led
+// here. The failing write may be that of the previous dirty sector: then the change itself is tried
+// again.
+void undo_entry(fat_buffer *fat, u32 cluster, u32 value) {
+    const bool has_pending_changes = fat->needs_flush;
+    if (write_entry(fat, cluster, value) < 0 && has_pending_changes) {
+        (void)write_entry(fat, cluster, value);
     }
 }
 
-// The link of the cluster that a walk stands on; negative also where the chain has come back on
-// itself.
-int read_link(fat_editor *editor, circle_guard *guard, u32 cluster) {
-    return guard->closes_at(cluster) ? -EINVAL : follow_link(editor, cluster);
+// The link of the current cluster of a walk; negative also if the chain has a cycle.
+int read_link(fat_buffer *fat, cycle_detector *detector, u32 cluster) {
+    return detector->closes_cycle(cluster) ? -EINVAL : follow_link(fat, cluster);
 }
 
-// The same for a release. Behind what is kept a circle ends by itself, at the first entry freed.
-int read_released_link(fat_editor *editor, circle_guard *guard, u32 cluster, bool is_kept) {
-    return is_kept ? read_link(editor, guard, cluster) : follow_link(editor, cluster);
+// The same for a release. After the clusters that stay, a cycle ends without detection: at the
+// first freed entry.
+int read_released_link(fat_buffer *fat, cycle_detector *detector, u32 cluster, bool is_kept) {
+    return is_kept ? read_link(fat, detector, cluster) : follow_link(fat, cluster);
 }
 
-// Ends a release that failed: what was gathered is written all the same. A failed write takes
+// Ends a release that failed: deferred changes are written nevertheless. A failed write takes
 // precedence, since single writes would have met it first.
-int fail_release(fat_editor *editor, int error) {
-    const bool write_failed = flush_editor(editor) < 0 || editor->write_failed;
+int fail_release(fat_buffer *fat, int error) {
+    const bool write_failed = flush_fat(fat) < 0 || fat->write_failed;
     report_at("fat_release_clusters", __LINE__, "Failed to read cluster!\n\n");
     return write_failed ? -EIO : error;
 }
@@ -208,41 +210,41 @@ int fail_release(fat_editor *editor, int error) {
 // ---- allocation -------------------------------------------------------------------------------
 
 int fat_alloc_cluster(oentry *entry, u32 *cluster) {
-    fat_editor editor;
-    return alloc_cluster(&editor, entry, cluster);
+    fat_buffer fat;
+    return alloc_cluster(&fat, entry, cluster);
 }
 
 int alloc_clusters(oentry *entry, u32 *clusters, u32 count, u32 *allocated) {
     correct_hint();
-    const before_allocation before = remember(entry);
-    fat_editor editor;
-    editor.gathers = true;
+    const before_allocation before = save_state(entry);
+    fat_buffer fat;
+    fat.defers_writes = true;
     int result = 0;
     for (*allocated = 0; *allocated < count && result == 0;) {
-        editor.step = *allocated;
-        result = alloc_cluster(&editor, entry, &clusters[*allocated]);
+        fat.step = *allocated;
+        result = alloc_cluster(&fat, entry, &clusters[*allocated]);
         *allocated += result == 0 ? 1 : 0;
     }
-    if (!editor.write_failed && flush_editor(&editor) < 0 && result == 0) {
+    if (!fat.write_failed && flush_fat(&fat) < 0 && result == 0) {
         report_failed_write();
         result = -EIO;
     }
-    if (editor.write_failed) {
-        forget_lost(before, editor.dirty_since, clusters, entry);
+    if (fat.write_failed) {
+        restore_lost(before, fat.dirty_since_step, clusters, entry);
     }
     return result;
 }
 
 void undo_allocation(oentry *entry, u32 old_last, const u32 *clusters, u32 count, u32 allocated) {
-    fat_editor editor;
-    editor.gathers = true;
-    undo_entry(&editor, old_last, FAT_END_MARK);
+    fat_buffer fat;
+    fat.defers_writes = true;
+    undo_entry(&fat, old_last, FAT_END_MARK);
     entry->last = old_last;
     entry->allocated -= allocated * cluster_bytes();
     for (u32 i = 0; i < count && clusters[i] >= FIRST_DATA_CLUSTER; i++) {
-        undo_entry(&editor, clusters[i], FAT_FREE);
+        undo_entry(&fat, clusters[i], FAT_FREE);
     }
-    (void)flush_editor(&editor); // as undo_entry()
+    (void)flush_fat(&fat); // an error here is ignored as in undo_entry()
 }
 
 int clear_cluster(u32 cluster) {
@@ -266,7 +268,7 @@ int fat_extend_dir(oentry *entry, u32 *cluster) {
     u32 new_cluster = 0;
     int result = fat_alloc_cluster(entry, &new_cluster);
     if (result == 0 && !is_data_cluster(new_cluster)) {
-        // A search that met a damaged entry found nothing. Clearing that would hit other areas.
+        // The search met a damaged entry: clearing this cluster number would hit another area.
         undo_growth(entry, previous_last, new_cluster);
         result = -EINVAL;
     }
@@ -291,11 +293,11 @@ int fat_extend_dir(oentry *entry, u32 *cluster) {
 // ---- walks ------------------------------------------------------------------------------------
 
 int fat_count_clusters(u32 first, u32 *last) {
-    fat_editor editor;
-    circle_guard guard;
+    fat_buffer fat;
+    cycle_detector detector;
     u32 cluster = first;
     for (int count = 1;; count++) {
-        const int next = read_link(&editor, &guard, cluster);
+        const int next = read_link(&fat, &detector, cluster);
         if (next < 0) {
             REPORT("Failed to read cluster!\n\n");
             return -EINVAL;
@@ -312,29 +314,29 @@ int fat_count_clusters(u32 first, u32 *last) {
 }
 
 int fat_release_clusters(oentry *entry, u32 keep) {
-    fat_editor editor;
-    editor.gathers = true;
-    circle_guard guard;
+    fat_buffer fat;
+    fat.defers_writes = true;
+    cycle_detector detector;
     u32 cluster = entry->start;
     for (u32 count = 1;; count++) {
-        const int next = read_released_link(&editor, &guard, cluster, count <= keep);
+        const int next = read_released_link(&fat, &detector, cluster, count <= keep);
         if (next < 1) {
-            return fail_release(&editor, -EINVAL);
+            return fail_release(&fat, -EINVAL);
         }
         if (count > keep) {
-            const int freed = edit_entry(&editor, cluster, FAT_FREE);
+            const int freed = write_entry(&fat, cluster, FAT_FREE);
             if (freed < 0) {
-                return fail_release(&editor, freed);
+                return fail_release(&fat, freed);
             }
         }
         if (is_end_of_chain(static_cast<u32>(next))) {
-            if (flush_editor(&editor) < 0) {
-                return fail_release(&editor, -EIO);
+            if (flush_fat(&fat) < 0) {
+                return fail_release(&fat, -EIO);
             }
             if (cluster != entry->last || count * cluster_bytes() != entry->allocated) {
                 REPORT("FAT chain is broken, but truncated all clusters\n");
             }
-            return static_cast<int>(count - keep); // negative where more were to be kept
+            return static_cast<int>(count - keep); // negative if `keep` is larger than the chain
         }
         cluster = static_cast<u32>(next);
     }
@@ -350,7 +352,7 @@ int fat_get_chains(oentry *entry, u32 **array) {
     }
     const u32 slots = entry->allocated / cluster_bytes() + 1;
     *array = nullptr;
-    // One to spare: a chain that is longer than its record says still gets its terminator.
+    // One more for the terminator of a chain that is longer than its record states.
     heap_ptr<u32> chain = zeroed_records<u32>(slots + 1);
     if (chain == nullptr) {
         REPORT("Memory allocation error!\n\n");

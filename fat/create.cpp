@@ -1,6 +1,6 @@
 // Creating files, directories and symbolic links.
 //
-// What was allocated for an entry that cannot be built stays allocated: nothing is rolled back.
+// Intentional: nothing is rolled back. Clusters of an entry that cannot be built stay allocated.
 
 #include "fat/internal.h"
 
@@ -13,34 +13,34 @@ namespace fat {
 
 namespace {
 
-// The name record of an entry being made, released at the end.
-struct held_name {
+// The name record of a new entry, released at the end of its scope.
+struct name_guard {
     fat_name record = {};
 
-    held_name() = default;
-    held_name(const held_name &) = delete;
-    held_name &operator=(const held_name &) = delete;
-    ~held_name() {
+    name_guard() = default;
+    name_guard(const name_guard &) = delete;
+    name_guard &operator=(const name_guard &) = delete;
+    ~name_guard() {
         release_name(&record);
     }
 };
 
-// Slots of a name: its long-name slots, and the short entry.
+// Number of slots of a name: its long-name slots and the short entry.
 u32 slot_count(const fat_name &name) {
     return name.unicode == nullptr ? 1 : (name.ulen + SLOT_UNITS - 1) / SLOT_UNITS + 1;
 }
 
-// Directories and links begin with one cleared cluster, files with none.
+// Directories and links begin with one cleared cluster, files without clusters.
 int allocate_first_cluster(u32 kind, u32 *cluster) {
     return kind == DENTRY_DIR || kind == KIND_SYMLINK ? fat_extend_dir(nullptr, cluster) : 0;
 }
 
-// Builds the entry of a name that the directory does not have.
+// Builds the entry of a name that does not exist in the directory.
 int build_new_entry(oentry *dir, fat_name *name, u32 kind) {
     const u32 count = slot_count(*name);
     u32 first = 0;
     if (fat_find_empty_entries(dir, count, &first) < 0) {
-        return -ENOSPC; // whatever the reason was
+        return -ENOSPC; // Intentional: for every error
     }
     u32 cluster = 0;
     int result = allocate_first_cluster(kind, &cluster);
@@ -66,12 +66,12 @@ int do_create(oentry *dir, char *name, u32 kind) {
         REPORT("not directory entry\n");
         return -EINVAL;
     }
-    held_name held;
-    const int found = fat_find_dentry(dir, name, &held.record);
+    name_guard guard;
+    const int found = fat_find_dentry(dir, name, &guard.record);
     if (found >= 0) {
         return -EEXIST;
     }
-    return found == -ENOENT ? build_new_entry(dir, &held.record, kind) : found;
+    return found == -ENOENT ? build_new_entry(dir, &guard.record, kind) : found;
 }
 
 int create_internal(char *path, u32 kind) {
@@ -95,7 +95,7 @@ int create_internal(char *path, u32 kind) {
 
 namespace {
 
-// The common course of the public calls that give out a handle.
+// The common part of the public calls that return an id.
 int create_at(const char *function, const char *path, u32 kind) {
     if (no_volume(function)) {
         return -EINVAL;
@@ -150,6 +150,6 @@ int fat_create_symlink(const char *target, const char *path) {
     if (!is_whole) {
         REPORT("Check here!\n\n");
     }
-    (void)fat_close(id); // an id just given out
+    (void)fat_close(id); // cannot fail: the id is open
     return is_whole ? 0 : written;
 }

@@ -13,9 +13,9 @@ using namespace fat;
 namespace {
 
 constexpr char RULE[] = "----------------------------------------";
-constexpr int SILENT_LEVEL = 3; // printers that take a level print nothing from this one on
+constexpr int SILENT_LEVEL = 3; // printers with a level print nothing at this level and above
 
-// The name in a directory entry, or in a name record, fills its 11 bytes without a terminator.
+// Names in directory entries and name records are 11 bytes without a terminator.
 constexpr int NAME_BYTES = static_cast<int>(DOS_NAME_SIZE);
 
 void print_current_dir() {
@@ -33,23 +33,24 @@ void print_current_dir() {
 
 constexpr u32 HIGH_SURROGATE = 0xD800;
 constexpr u32 LOW_SURROGATE = 0xDC00;
-constexpr u32 BEHIND_SURROGATES = 0xE000;
+constexpr u32 SURROGATES_END = 0xE000;
 
 bool is_high_surrogate(u32 unit) {
     return unit >= HIGH_SURROGATE && unit < LOW_SURROGATE;
 }
 
 bool is_low_surrogate(u32 unit) {
-    return unit >= LOW_SURROGATE && unit < BEHIND_SURROGATES;
+    return unit >= LOW_SURROGATE && unit < SURROGATES_END;
 }
 
-// The character that begins at units[0], of which `left` are there, and how many units it takes. Of
-// a broken pair each half stands for itself; no encoding has it.
+// A decoded character and the number of its units.
 struct decoded {
     wchar_t character;
     u32 units;
 };
 
+// Decodes the character that begins at units[0]; `left` units are available. Each half of a broken
+// pair counts as a character, which no encoding can represent.
 decoded decode_character(const u16 *units, u32 left) {
     constexpr u32 FIRST_PAIR = 0x10000;
     if (!is_high_surrogate(units[0]) || left < 2 || !is_low_surrogate(units[1])) {
@@ -60,7 +61,7 @@ decoded decode_character(const u16 *units, u32 left) {
     return {static_cast<wchar_t>(FIRST_PAIR + (high << 10 | low)), 2};
 }
 
-// Bytes, not wide characters: those would turn the stream wide for good.
+// Prints bytes: wide characters would make the stream wide-oriented permanently.
 void print_character(wchar_t character, std::mbstate_t *state) {
     char bytes[MB_LEN_MAX];
     const std::mbstate_t before = *state;

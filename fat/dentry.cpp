@@ -1,8 +1,8 @@
-// Directory entries: where they lie, reading them in turn, their time stamps.
+// Directory entries: their locations, reading them in order, their time stamps.
 //
-// Entry i of a directory lies at byte i x 32 of its space: the root area of FAT16, or a cluster
-// chain. A walk reads each sector of the directory once, together with others where they lie side
-// by side, and follows the chain once.
+// Entry i of a directory is at byte i x 32 of its space: the root area of FAT16, or a cluster
+// chain. A walk reads each sector of the directory once, contiguous sectors together, and follows
+// the chain once.
 
 #include "fat/internal.h"
 
@@ -14,35 +14,36 @@ namespace fat {
 
 namespace {
 
-constexpr u32 DIRECTORY_WINDOW_BYTES = 32 * 1024; // as much as a large cluster
+constexpr u32 DIRECTORY_WINDOW_BYTES = 32 * 1024; // the size of a large cluster
 
 int report_link(int value) {
     report_at("get_phy_sector", __LINE__, "invalid value %d\n", value);
     return -EINVAL;
 }
 
-// Moves the place to the cluster `links` links behind `first`. A circle counts as a broken link.
-int move_place(chain_place *place, u32 first, u32 links) {
-    if (place->first != first || links < place->links) {
-        place->first = place->cluster = first;
-        place->links = 0;
-        place->guard = circle_guard{};
-        (void)place->guard.closes_at(first); // the first cluster cannot come back yet
+// Moves the cursor to the cluster `links` links after `first`. A cycle counts as a broken link.
+int move_cursor(chain_cursor *cursor, u32 first, u32 links) {
+    if (cursor->first != first || links < cursor->links) {
+        cursor->first = cursor->cluster = first;
+        cursor->links = 0;
+        cursor->detector = cycle_detector{};
+        (void)cursor->detector.closes_cycle(first); // one cluster alone is not a cycle
     }
-    while (place->links < links) {
-        const int next = follow_link(&place->fat, place->cluster);
-        if (next < 0 || place->guard.closes_at(static_cast<u32>(next))) {
+    while (cursor->links < links) {
+        const int next = follow_link(&cursor->fat, cursor->cluster);
+        if (next < 0 || cursor->detector.closes_cycle(static_cast<u32>(next))) {
             return report_link(next);
         }
-        place->cluster = static_cast<u32>(next);
-        place->links++;
-        // Clusters that lie side by side are passed together.
-        const u32 straight = count_straight_links(place->fat, place->cluster, links - place->links);
-        if (place->guard.closes_within(place->cluster + 1, straight)) {
-            return report_link(static_cast<int>(place->guard.anchor));
+        cursor->cluster = static_cast<u32>(next);
+        cursor->links++;
+        // Contiguous clusters are skipped in one step.
+        const u32 contiguous =
+            count_contiguous_links(cursor->fat, cursor->cluster, links - cursor->links);
+        if (cursor->detector.closes_cycle_within(cursor->cluster + 1, contiguous)) {
+            return report_link(static_cast<int>(cursor->detector.anchor));
         }
-        place->cluster += straight;
-        place->links += straight;
+        cursor->cluster += contiguous;
+        cursor->links += contiguous;
     }
     return 0;
 }
@@ -57,49 +58,49 @@ int root_area_sector(u32 sector_index, u32 *sector) {
     return 0;
 }
 
-int chain_sector(chain_place *place, u32 base_clu, u32 sector_index, u32 *sector) {
-    const int moved = move_place(place, base_clu, sector_index / sv->sec_per_clus);
+int chain_sector(chain_cursor *cursor, u32 base_clu, u32 sector_index, u32 *sector) {
+    const int moved = move_cursor(cursor, base_clu, sector_index / sv->sec_per_clus);
     if (moved < 0) {
         return moved;
     }
-    if (place->cluster == FAT_FREE) {
+    if (cursor->cluster == FAT_FREE) {
         return report_link(FAT_FREE);
     }
-    if (is_end_of_chain(place->cluster)) {
+    if (is_end_of_chain(cursor->cluster)) {
         return -EFAULT;
     }
-    *sector = sv->data_start + (place->cluster - FIRST_DATA_CLUSTER) * sv->sec_per_clus +
+    *sector = sv->data_start + (cursor->cluster - FIRST_DATA_CLUSTER) * sv->sec_per_clus +
               sector_index % sv->sec_per_clus;
     return 0;
 }
 
-// The sector of the directory that holds entry `index`.
+// Index of the directory sector that contains entry `index`.
 u32 sector_index_of(u32 index) {
     return static_cast<u32>(static_cast<u64>(index) * DENTRY_SIZE / sv->sector_size);
 }
 
-// The byte offset of entry `index` in its sector.
+// Byte offset of entry `index` in its sector.
 u32 offset_of(u32 index) {
     return static_cast<u32>(static_cast<u64>(index) * DENTRY_SIZE % sv->sector_size);
 }
 
-// Sectors of the directory that lie side by side from `sector` on, as far as is known without
-// looking further and as a window is to hold: what follows in the root area, or in its stretch of
-// clusters.
-u32 sectors_side_by_side(const chain_place &place, u32 base_clu, u32 sector) {
-    const u32 enough = DIRECTORY_WINDOW_BYTES / sv->sector_size;
+// Number of contiguous directory sectors from `sector` on, in the root area or in an extent of
+// clusters, limited to the size of a window and to the links that are already in memory.
+u32 contiguous_sectors(const chain_cursor &cursor, u32 base_clu, u32 sector) {
+    const u32 limit = DIRECTORY_WINDOW_BYTES / sv->sector_size;
     if (base_clu == 0) {
-        return std::min(sv->data_start - sector, enough);
+        return std::min(sv->data_start - sector, limit);
     }
     const u32 in_cluster = sv->sec_per_clus - (sector - sv->data_start) % sv->sec_per_clus;
-    const u32 clusters = count_straight_links(place.fat, place.cluster, enough / sv->sec_per_clus);
-    return std::min(in_cluster + clusters * sv->sec_per_clus, enough);
+    const u32 clusters =
+        count_contiguous_links(cursor.fat, cursor.cluster, limit / sv->sec_per_clus);
+    return std::min(in_cluster + clusters * sv->sec_per_clus, limit);
 }
 
-// Finds the sector of entry `index` for a walk that goes on from `place`.
-int locate_dentry(chain_place *place, u32 base_clu, u32 index, dentry_location *location) {
+// Finds the sector of entry `index` for a walk that continues from `cursor`.
+int locate_dentry(chain_cursor *cursor, u32 base_clu, u32 index, dentry_location *location) {
     *location = {0, offset_of(index)};
-    const int located = locate_sector(place, base_clu, sector_index_of(index), &location->sector);
+    const int located = locate_sector(cursor, base_clu, sector_index_of(index), &location->sector);
     if (located < 0) {
         report_at("get_dentry_with_clu", __LINE__, "Failed to get entry sector!:(%u, %d)\n\n",
                   base_clu, static_cast<int>(index));
@@ -115,25 +116,25 @@ int read_dentry_sector(u32 sector, u8 *sector_buf) {
     return 0;
 }
 
-// The same for a walk. Its first sector is read alone, since most walks end there; one that goes on
-// reads what lies side by side together.
-int read_walk_sector(dentry_walk *walk, bool goes_on) {
+// The same for a walk. Its first sector is read alone, since most walks end there; a walk that
+// continues reads contiguous sectors together.
+int read_walk_sector(dentry_walk *walk, bool continues) {
     const u32 sector = walk->location.sector;
     if (walk->ahead.find(sector) != nullptr ||
-        (goes_on && read_ahead(&walk->ahead, sector,
-                               sectors_side_by_side(walk->place, walk->base_clu, sector)))) {
+        (continues && read_ahead(&walk->ahead, sector,
+                                 contiguous_sectors(walk->cursor, walk->base_clu, sector)))) {
         std::memcpy(walk->sector_buf.get(), walk->ahead.find(sector), sv->sector_size);
         return 0;
     }
-    // A transfer that moves nothing is no failure. In an open directory it leaves unused entries
-    // behind, while a lookup goes on with those it had.
+    // Intentional: a transfer of 0 sectors is not an error. An open directory then has unused
+    // entries there, while a lookup sees the previous content of the buffer again.
     if (walk->dir != nullptr) {
         std::memset(walk->sector_buf.get(), 0, sv->sector_size);
     }
     return read_dentry_sector(sector, walk->sector_buf.get());
 }
 
-bool is_behind_allocation(const oentry *dir, u32 index) {
+bool is_past_allocation(const oentry *dir, u32 index) {
     if (index < dir->allocated / DENTRY_SIZE) {
         return false;
     }
@@ -189,7 +190,7 @@ u32 dir_entry_count(const oentry *dir) {
     return is_fat16_root(dir) ? FAT16_ROOT_ENTRIES : dir->allocated / DENTRY_SIZE;
 }
 
-int locate_sector(chain_place *place, u32 base_clu, u32 sector_index, u32 *sector) {
+int locate_sector(chain_cursor *cursor, u32 base_clu, u32 sector_index, u32 *sector) {
     if (sector == nullptr || (base_clu >= FIRST_DATA_CLUSTER && !is_data_cluster(base_clu))) {
         report_at("get_phy_sector", __LINE__, "NULL pointer or invalid xxx!\n\n");
         return -EINVAL;
@@ -202,12 +203,12 @@ int locate_sector(chain_place *place, u32 base_clu, u32 sector_index, u32 *secto
                   static_cast<int>(base_clu));
         return -EINVAL;
     }
-    return chain_sector(place, base_clu, sector_index, sector);
+    return chain_sector(cursor, base_clu, sector_index, sector);
 }
 
 int get_phy_sector(u32 base_clu, u32 sector_index, u32 *sector) {
-    chain_place place;
-    return locate_sector(&place, base_clu, sector_index, sector);
+    chain_cursor cursor;
+    return locate_sector(&cursor, base_clu, sector_index, sector);
 }
 
 int get_phy_sector_by_offset(u32 base_clu, u32 byte_offset, u32 *sector) {
@@ -226,14 +227,14 @@ int get_dentry_with_clu(u32 base_clu, u32 index, u8 **entry, u8 *sector_buf,
         REPORT("%s is NULL\n", sector_buf == nullptr ? "sector_buf" : "entry");
         return -EINVAL;
     }
-    chain_place place;
-    return get_dentry_from(&place, base_clu, index, entry, sector_buf, location);
+    chain_cursor cursor;
+    return get_dentry_from(&cursor, base_clu, index, entry, sector_buf, location);
 }
 
-int get_dentry_from(chain_place *place, u32 base_clu, u32 index, u8 **entry, u8 *sector_buf,
+int get_dentry_from(chain_cursor *cursor, u32 base_clu, u32 index, u8 **entry, u8 *sector_buf,
                     dentry_location *location) {
     dentry_location found = {};
-    int result = locate_dentry(place, base_clu, index, &found);
+    int result = locate_dentry(cursor, base_clu, index, &found);
     if (result == 0) {
         result = read_dentry_sector(found.sector, sector_buf);
     }
@@ -248,7 +249,7 @@ int get_dentry_from(chain_place *place, u32 base_clu, u32 index, u8 **entry, u8 
 }
 
 int fat_get_dentry(oentry *dir, u32 index, u8 **entry, u8 *sector_buf, dentry_location *location) {
-    if (is_behind_allocation(dir, index)) {
+    if (is_past_allocation(dir, index)) {
         return -EFAULT;
     }
     return get_dentry_with_clu(base_cluster(dir), index, entry, sector_buf, location);
@@ -267,14 +268,14 @@ bool begin_walk(dentry_walk *walk, const oentry *dir) {
 
 int walk_to(dentry_walk *walk, u32 index, u8 **entry) {
     if (index - walk->first_index >= walk->loaded_entries) {
-        const bool goes_on = index - walk->first_index == walk->loaded_entries && index > 0;
+        const bool continues = index - walk->first_index == walk->loaded_entries && index > 0;
         walk->loaded_entries = 0;
-        if (walk->dir != nullptr && is_behind_allocation(walk->dir, index)) {
+        if (walk->dir != nullptr && is_past_allocation(walk->dir, index)) {
             return -EFAULT;
         }
-        int result = locate_dentry(&walk->place, walk->base_clu, index, &walk->location);
+        int result = locate_dentry(&walk->cursor, walk->base_clu, index, &walk->location);
         if (result == 0) {
-            result = read_walk_sector(walk, goes_on);
+            result = read_walk_sector(walk, continues);
         }
         if (result < 0) {
             return result;
@@ -318,7 +319,7 @@ void set_entry_time(u8 *entry) {
     const tm *local = localtime(&now);
     u16 date = 0;
     u16 time = 0;
-    if (local != nullptr) { // a moment without a calendar date leaves no stamp
+    if (local != nullptr) { // a time without a calendar date is stored as 0
         dos_time_date(local, &date, &time);
     }
     store(entry, SHORT_MTIME, time);

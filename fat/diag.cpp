@@ -1,4 +1,4 @@
-// Diagnostics: the stream they go to and the shape of a line.
+// Diagnostics: their stream and the format of a line.
 
 #include "fat/diag.h"
 
@@ -12,26 +12,27 @@
 
 namespace {
 
-// Until a program chooses a stream the answer is stderr, looked up at each call: stderr is no
-// constant, and the library runs no code before main().
+// Before a program chooses a stream, stderr is looked up at each call: stderr is not a constant,
+// and the library runs no code before main().
 constinit bool stream_chosen = false;
 constinit FILE *chosen_stream = nullptr;
 
-// Living scopes in which nothing is reported.
+// Number of quiet_scope objects alive.
 constinit unsigned quiet_scopes = 0;
 
-// Where reports are held at present; null: they are printed.
-constinit fat::held_reports *holder = nullptr;
+// Where reports are currently collected; null: they are printed.
+constinit fat::deferred_reports *deferred_to = nullptr;
 
-// Null: nothing is to be printed.
+// Null: nothing is printed.
 FILE *diagnostics() {
     return stream_chosen ? chosen_stream : stderr;
 }
 
-void hold(const char *format, va_list arguments) {
-    const std::size_t room = sizeof holder->text - holder->length;
-    const int length = std::vsnprintf(holder->text + holder->length, room, format, arguments);
-    holder->length += std::min(static_cast<std::size_t>(std::max(length, 0)), room - 1);
+void defer(const char *format, va_list arguments) {
+    const std::size_t room = sizeof deferred_to->text - deferred_to->length;
+    const int length =
+        std::vsnprintf(deferred_to->text + deferred_to->length, room, format, arguments);
+    deferred_to->length += std::min(static_cast<std::size_t>(std::max(length, 0)), room - 1);
 }
 
 void report(const char *format, va_list arguments) {
@@ -39,8 +40,8 @@ void report(const char *format, va_list arguments) {
         return;
     }
     const int saved_errno = errno;
-    if (holder != nullptr) {
-        hold(format, arguments);
+    if (deferred_to != nullptr) {
+        defer(format, arguments);
     } else if (FILE *stream = diagnostics(); stream != nullptr) {
         std::vfprintf(stream, format, arguments);
     }
@@ -79,17 +80,17 @@ quiet_scope::~quiet_scope() {
     quiet_scopes--;
 }
 
-holding_scope::holding_scope(held_reports *held) {
-    holder = held;
+deferring_scope::deferring_scope(deferred_reports *deferred) {
+    deferred_to = deferred;
 }
 
-holding_scope::~holding_scope() {
-    holder = nullptr;
+deferring_scope::~deferring_scope() {
+    deferred_to = nullptr;
 }
 
-void report_held(held_reports *held) {
-    report_bare("%s", held->text);
-    *held = {};
+void report_deferred(deferred_reports *deferred) {
+    report_bare("%s", deferred->text);
+    *deferred = {};
 }
 
 void report_errno(const char *caption) {

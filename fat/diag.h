@@ -1,4 +1,4 @@
-// Diagnostics: the one place from which the library speaks to a person.
+// Diagnostics: messages for a person, on one stream.
 
 #pragma once
 
@@ -6,17 +6,17 @@
 
 namespace fat {
 
-// Prints "FUNCTION[LINE]: " and the message to the diagnostics stream. errno is left as it was.
+// Prints "FUNCTION[LINE]: " and the message to the diagnostics stream. Does not change errno.
 [[gnu::format(printf, 3, 4)]] void report_at(const char *function, int line, const char *format,
                                              ...);
 
-// Prints the message alone.
+// Prints the message without a prefix.
 [[gnu::format(printf, 1, 2)]] void report_bare(const char *format, ...);
 
 // Prints the caption and the system's text for errno: "caption: text".
 void report_errno(const char *caption);
 
-// While one lives, nothing is reported: for calls that only look.
+// Suppresses all reports during its lifetime.
 class quiet_scope {
 public:
     quiet_scope();
@@ -25,26 +25,26 @@ public:
     ~quiet_scope();
 };
 
-// What a call said that was made before its turn. What does not fit is cut.
-struct held_reports {
+// Reports of an operation that ran ahead of its turn. Longer text is truncated.
+struct deferred_reports {
     char text[512] = {};
     std::size_t length = 0;
 };
 
-// While one lives, what is reported is added to `held` instead of being printed.
-class holding_scope {
+// During its lifetime, appends reports to `deferred` instead of printing them.
+class deferring_scope {
 public:
-    explicit holding_scope(held_reports *held);
-    holding_scope(const holding_scope &) = delete;
-    holding_scope &operator=(const holding_scope &) = delete;
-    ~holding_scope();
+    explicit deferring_scope(deferred_reports *deferred);
+    deferring_scope(const deferring_scope &) = delete;
+    deferring_scope &operator=(const deferring_scope &) = delete;
+    ~deferring_scope();
 };
 
-// Prints what was held, now that its turn has come.
-void report_held(held_reports *held);
+// Prints the deferred reports and clears them.
+void report_deferred(deferred_reports *deferred);
 
 } // namespace fat
 
-// Reports in the name of the function that stands around it. A helper that speaks for its caller
-// uses report_at() with the caller's name instead.
+// Reports in the name of the enclosing function. A helper that reports for its caller uses
+// report_at() with the name of that caller instead.
 #define REPORT(...) ::fat::report_at(__func__, __LINE__, __VA_ARGS__)

@@ -1,6 +1,6 @@
-// Dumps: plain copies of the volume's sectors in files of the host, for other tools to look at.
+// Dumps: copies of the volume's sectors in files of the host, for other tools to inspect.
 //
-// What was copied before a failure stays in the image.
+// Sectors copied before a failure stay in the image file.
 
 #include "fat/internal.h"
 
@@ -24,7 +24,7 @@ bool write_image(int image, const u8 *data, u32 bytes) {
 
 // ---- the first FAT ----
 
-int copy_front(int image) {
+int copy_reserved_area_and_fat(int image) {
     const heap_ptr<u8> sector_buf = zeroed_bytes(transfer_unit());
     if (sector_buf == nullptr) {
         report_at("fat_dump_fat0", __LINE__, "cannot allocate space\n");
@@ -46,7 +46,8 @@ int copy_front(int image) {
 
 // ---- clusters ----
 
-// Copies the first `bytes` of a cluster. Returns the sectors read, or a negative errno.
+// Copies the first `bytes` bytes of a cluster. Returns the number of sectors read, or a negative
+// errno.
 int copy_cluster(const char *function, int image, u32 cluster, u8 *buffer, u32 bytes) {
     const u32 sector = fat_sector(cluster);
     if (sector == 0) {
@@ -82,7 +83,7 @@ int copy_root_area(int image, u8 *buffer) {
     return 0;
 }
 
-// A directory is copied cluster by cluster, anything else up to its size.
+// Copies all clusters of a directory, other entries up to their size.
 int copy_chain(int image, oentry *entry, u8 *buffer) {
     u32 *array = nullptr;
     const int count = fat_get_chains(entry, &array);
@@ -119,7 +120,7 @@ int copy_entry(int image, oentry *entry) {
 }
 
 int dump_open_entry(oentry *entry, const char *image_path) {
-    const held_descriptor image(create_image(image_path));
+    const unique_fd image(create_image(image_path));
     if (image.get() < 0) {
         const int error = errno;
         report_at("fat_dump", __LINE__, "create directory image\n\n");
@@ -128,7 +129,7 @@ int dump_open_entry(oentry *entry, const char *image_path) {
     return copy_entry(image.get(), entry);
 }
 
-// The test of the public calls here: a volume, and paths.
+// The checks that all public calls here share: a path, and a mounted volume.
 bool is_refused(const char *function, const void *path) {
     if (path == nullptr) {
         report_at(function, __LINE__, "Check here!\n\n");
@@ -143,20 +144,20 @@ int fat_dump_fat0(const char *image_path) {
     if (is_refused(__func__, image_path)) {
         return -EINVAL;
     }
-    const held_descriptor image(create_image(image_path));
+    const unique_fd image(create_image(image_path));
     if (image.get() < 0) {
         const int error = errno;
         report_errno("create fat image");
         return -error;
     }
-    return copy_front(image.get());
+    return copy_reserved_area_and_fat(image.get());
 }
 
 int fat_dump_clus(uint32_t cluster, const char *image_path) {
     if (is_refused(__func__, image_path)) {
         return -EINVAL;
     }
-    const held_descriptor image(create_image(image_path));
+    const unique_fd image(create_image(image_path));
     if (image.get() < 0) {
         const int error = errno;
         report_errno("create cluster image");
@@ -186,6 +187,6 @@ int fat_dump(const char *volume_path, const char *image_path) {
     } else {
         result = dump_open_entry(entry, image_path);
     }
-    (void)fat_close(id); // refuses the root's id, and says so
+    (void)fat_close(id); // prints a diagnostic for the id of the root, which stays open
     return result;
 }

@@ -1,7 +1,8 @@
-// Long names between the caller's encoding and UTF-16 units, by iconv where the volume has an
-// encoding, as plain ASCII where it has none.
+// Long names between the caller's encoding and UTF-16 units: by iconv if the volume has an
+// encoding, as plain ASCII if not.
 //
-// Units are in host byte order, as iconv's "UNICODE" gives them: a byte-order mark, then the text.
+// Units are in host byte order, as iconv's "UNICODE" produces them: a byte-order mark, then the
+// text.
 
 #include "fat/internal.h"
 
@@ -21,9 +22,8 @@ constexpr u16 SWAPPED_MARK = 0xFFFE;
 constexpr u32 ENCODED_BYTES = 256; // of input, and of output, in one conversion
 constexpr u32 FIRST_NON_ASCII = 0x80;
 
-// A conversion as iconv sees it. Every one begins in the initial state, so that no name depends on
-// the one before it, and ends there: some charsets hold the last character back until they know
-// what follows it.
+// One conversion by iconv. Begins and ends in the initial state, so that no name depends on the one
+// before it: some charsets hold the last character back until they know the next one.
 bool convert(iconv_t converter, char **in, std::size_t *in_left, char **out,
              std::size_t *out_left) {
     constexpr std::size_t FAILED = static_cast<std::size_t>(-1);
@@ -33,7 +33,7 @@ bool convert(iconv_t converter, char **in, std::size_t *in_left, char **out,
 }
 
 int encode_units(const char *cstring, u16 *unicode) {
-    // One byte more than is converted ends the text of a failure message.
+    // The last byte is never converted: it terminates the text of a failure message.
     char input[ENCODED_BYTES + 1] = {};
     std::strncpy(input, cstring, ENCODED_BYTES);
     u16 output[ENCODED_BYTES / sizeof(u16)] = {};
@@ -48,8 +48,8 @@ int encode_units(const char *cstring, u16 *unicode) {
     }
     const u16 *begin = output;
     u32 count = static_cast<u32>((sizeof output - out_left) / sizeof(u16));
-    // First the converter's mark; then a name's own first character, which on a medium would be
-    // taken for one.
+    // First the mark of the converter, then one that the name itself begins with: on a medium it
+    // would be read as a byte-order mark.
     for (u32 marks = 0; marks < 2 && count > 0 && *begin == BYTE_ORDER_MARK; marks++) {
         begin++;
         count--;
@@ -75,9 +75,9 @@ int widen_ascii(const char *cstring, u16 *unicode) {
     return LONG_NAME_UNITS - 1;
 }
 
-// A mark of the other byte order would set the converter to it for good, for every later name as
-// well. Swapping the units here has the same effect on this name alone.
-void put_in_host_order(u16 *units, u32 count) {
+// A mark of the other byte order would switch the converter permanently, for all later names.
+// Swapping the units here has the same effect on this name only.
+void swap_to_host_order(u16 *units, u32 count) {
     if (units[0] != SWAPPED_MARK) {
         return;
     }
@@ -86,24 +86,23 @@ void put_in_host_order(u16 *units, u32 count) {
     }
 }
 
-// Copies a name up to its terminator, or all 256 units of one that has none.
+// Copies a name up to its terminator, or 256 units if it has no terminator.
 void copy_name(const u16 *unicode, u16 (&units)[LONG_NAME_UNITS + 1]) {
     const u16 *end = std::find(unicode, unicode + LONG_NAME_UNITS, 0);
     *std::copy(unicode, end, units) = 0;
 }
 
-// Decodes a name into `room` bytes and a terminator behind them. Returns the bytes, or a negative
-// errno; `*unread` then receives the place in the name where it was given up.
-int decode_units(u16 (&units)[LONG_NAME_UNITS + 1], char *cstring, std::size_t room,
-                 char **unread) {
+// Decodes a name into `room` bytes and a terminator after them. Returns the number of bytes, or a
+// negative errno; `*rest` receives the position in the name where the conversion ended.
+int decode_units(u16 (&units)[LONG_NAME_UNITS + 1], char *cstring, std::size_t room, char **rest) {
     const u32 count = static_cast<u32>(std::find(units, units + LONG_NAME_UNITS, 0) - units);
-    put_in_host_order(units, count);
+    swap_to_host_order(units, count);
     char *in = reinterpret_cast<char *>(units);
     std::size_t in_left = count * sizeof(u16);
     char *out = cstring;
     std::size_t out_left = room;
     const bool converted = convert(sv->cd_from_uni, &in, &in_left, &out, &out_left);
-    *unread = in;
+    *rest = in;
     if (!converted) {
         return -errno;
     }
@@ -114,10 +113,10 @@ int decode_units(u16 (&units)[LONG_NAME_UNITS + 1], char *cstring, std::size_t r
 int decode_or_report(const u16 *unicode, char *cstring) {
     u16 units[LONG_NAME_UNITS + 1] = {};
     copy_name(unicode, units);
-    char *unread = nullptr;
-    const int result = decode_units(units, cstring, ENCODED_BYTES - 1, &unread);
+    char *rest = nullptr;
+    const int result = decode_units(units, cstring, ENCODED_BYTES - 1, &rest);
     if (result < 0) {
-        report_at("convert_uname_to_cstring", __LINE__, "Failed to convert: %s\n\n", unread);
+        report_at("convert_uname_to_cstring", __LINE__, "Failed to convert: %s\n\n", rest);
     }
     return result;
 }
@@ -132,7 +131,7 @@ int narrow_to_ascii(const u16 *unicode, char *cstring) {
     return LONG_NAME_UNITS;
 }
 
-// Null when the system has no such conversion; iconv_open() tells that by an address of -1.
+// Null if the system has no such conversion, for which iconv_open() returns the address -1.
 iconv_t open_converter(const char *to, const char *from) {
     iconv_t converter = iconv_open(to, from);
     return reinterpret_cast<std::intptr_t>(converter) != -1 ? converter : nullptr;
@@ -141,9 +140,9 @@ iconv_t open_converter(const char *to, const char *from) {
 } // namespace
 
 int convert_cstring_to_uname(char *cstring, u16 *unicode) {
-    const int cut = remove_trail_blanks(cstring, nullptr);
-    if (cut < 0) {
-        return cut;
+    const int trimmed = remove_trail_blanks(cstring, nullptr);
+    if (trimmed < 0) {
+        return trimmed;
     }
     return sv->cd_to_uni != nullptr ? encode_units(cstring, unicode)
                                     : widen_ascii(cstring, unicode);
@@ -154,12 +153,12 @@ int convert_uname_to_cstring(const u16 *unicode, char *cstring) {
                                       : narrow_to_ascii(unicode, cstring);
 }
 
-bool store_shown_name(const u16 *unicode, char (&text)[SHOWN_NAME_SIZE]) {
+bool store_display_name(const u16 *unicode, char (&text)[DISPLAY_NAME_SIZE]) {
     u16 units[LONG_NAME_UNITS + 1] = {};
     copy_name(unicode, units);
     if (sv->cd_from_uni != nullptr) {
-        char *unread = nullptr;
-        return decode_units(units, text, sizeof text - 1, &unread) > 0;
+        char *rest = nullptr;
+        return decode_units(units, text, sizeof text - 1, &rest) > 0;
     }
     const bool is_ascii =
         std::all_of(units, std::end(units), [](u16 unit) { return unit < FIRST_NON_ASCII; });

@@ -1,8 +1,9 @@
-// Programs' own listings: the entries of a directory one after another, and what an open entry is.
+// Listings for programs: the entries of a directory one after another, and the properties of an
+// open entry.
 //
-// A long name counts only where it is whole: its slots stand right in front of the short entry, in
-// falling order from the one marked last to 1, and carry that entry's checksum. Nothing is
-// reported: a program that looks at a damaged directory is told by results.
+// A long name is used only if it is complete: its slots are directly before the short entry, in
+// descending order from the one marked last to 1, and have the checksum of that entry. Nothing is
+// reported: the results describe a damaged directory.
 
 #include "fat/internal.h"
 
@@ -13,15 +14,15 @@ using namespace fat;
 
 namespace {
 
-// The long name that a walk over a directory is in.
-struct name_run {
+// Collects the slots of a long name during a walk over a directory.
+struct name_assembler {
     u16 units[LONG_NAME_UNITS] = {};
     u8 checksum = 0;
-    u32 missing = 0; // slots that are still to come
+    u32 missing = 0; // number of slots still to come
     bool whole = false;
 
     void reset() {
-        *this = name_run{};
+        *this = name_assembler{};
     }
     void accept(const u8 *slot);
 
@@ -30,7 +31,7 @@ struct name_run {
     }
 };
 
-void name_run::accept(const u8 *slot) {
+void name_assembler::accept(const u8 *slot) {
     const u32 ordinal = load(slot, SLOT_ORDINAL);
     const u8 slot_checksum = static_cast<u8>(load(slot, SLOT_CHECKSUM));
     if ((ordinal & SLOT_LAST) != 0) {
@@ -42,7 +43,7 @@ void name_run::accept(const u8 *slot) {
         return;
     }
     if (missing == 0) {
-        return; // a first slot that says there is none
+        return; // the ordinal of the first slot is 0
     }
     gather_slot(slot, units);
     missing--;
@@ -60,7 +61,7 @@ u32 kind_of(const u8 *entry) {
     return type == DENTRY_FILE && is_symlink(entry) ? KIND_SYMLINK : type;
 }
 
-// A label's 11 bytes without their padding; nothing for a blank one.
+// The 11 bytes of a label without their padding; empty for a blank label.
 void label_text(const u8 *entry, char *out) {
     u32 length = SHORT_NAME.size;
     while (length > 0 && entry[SHORT_NAME.offset + length - 1] == ' ') {
@@ -70,7 +71,7 @@ void label_text(const u8 *entry, char *out) {
     out[length] = '\0';
 }
 
-// The short name of an entry as text, never empty: a blank one is given as its bytes stand.
+// The short name of an entry as text, never empty: a blank name is copied with its padding.
 void short_text(const u8 *entry, u8 lcase, char *out) {
     if (entry_type(entry) == DENTRY_VOLUME) {
         label_text(entry, out);
@@ -99,18 +100,18 @@ void fill_fields(const u8 *entry, fat_entry_info *info) {
     info->start = start_cluster(entry);
 }
 
-void fill_names(const u8 *entry, const name_run &run, fat_entry_info *info) {
+void fill_names(const u8 *entry, const name_assembler &name, fat_entry_info *info) {
     short_text(entry, 0, info->short_name);
-    const bool is_label = entry_type(entry) == DENTRY_VOLUME; // has its 11 bytes alone
-    const bool shows_long = !is_label && sv->long_name != 0 && run.belongs_to(entry);
-    if (!shows_long || !store_shown_name(run.units, info->name)) {
+    const bool is_label = entry_type(entry) == DENTRY_VOLUME; // a label has no long name
+    const bool shows_long = !is_label && sv->long_name != 0 && name.belongs_to(entry);
+    if (!shows_long || !store_display_name(name.units, info->name)) {
         short_text(entry, static_cast<u8>(load(entry, SHORT_SYSID)), info->name);
     }
 }
 
 // ---- walking ----
 
-// Whether an entry is one that listings give.
+// Whether listings include the entry.
 bool is_listed(const u8 *entry) {
     switch (entry_type(entry)) {
     case DENTRY_FILE:
@@ -123,10 +124,10 @@ bool is_listed(const u8 *entry) {
     }
 }
 
-// Walks to the next listed entry from `*index` on and moves that behind it. Returns 1, 0 at the end
-// of the directory, or a negative errno.
-int next_entry(dentry_walk *walk, u32 *index, u8 **entry, name_run *run) {
-    run->reset();
+// Walks to the next listed entry from `*index` on and advances `*index` past it. Returns 1, 0 at
+// the end of the directory, or a negative errno.
+int next_entry(dentry_walk *walk, u32 *index, u8 **entry, name_assembler *name) {
+    name->reset();
     for (u32 i = *index;; i++) {
         const int result = walk_to(walk, i, entry);
         if (result < 0) {
@@ -136,7 +137,7 @@ int next_entry(dentry_walk *walk, u32 *index, u8 **entry, name_run *run) {
         case DENTRY_UNUSED:
             return 0;
         case DENTRY_LFN:
-            run->accept(*entry);
+            name->accept(*entry);
             continue;
         default:
             break;
@@ -145,7 +146,7 @@ int next_entry(dentry_walk *walk, u32 *index, u8 **entry, name_run *run) {
             *index = i + 1;
             return 1;
         }
-        run->reset();
+        name->reset();
     }
 }
 
@@ -163,7 +164,7 @@ bool has_same_name(const u8 *a, const u8 *b) {
     return std::memcmp(a + SHORT_NAME.offset, b + SHORT_NAME.offset, SHORT_NAME.size) == 0;
 }
 
-// Looks for an open entry in its directory, where its name stands.
+// Finds an open entry in its directory on the medium, for its names and index.
 int find_names(const oentry *entry, fat_entry_info *info) {
     dentry_walk walk;
     if (!begin_walk(&walk, entry->parent_clus)) {
@@ -172,18 +173,18 @@ int find_names(const oentry *entry, fat_entry_info *info) {
     u32 index = 0;
     for (;;) {
         u8 *found = nullptr;
-        name_run run;
-        const int result = next_entry(&walk, &index, &found, &run);
+        name_assembler name;
+        const int result = next_entry(&walk, &index, &found, &name);
         if (result < 1) {
             return result == 0 ? -ENOENT : result;
         }
         if (walk.location.sector == entry->dentry_sector &&
             walk.location.offset == entry->dentry_offset) {
             if (!has_same_name(found, entry->dentry)) {
-                return -ENOENT; // another entry has taken the place
+                return -ENOENT; // another entry uses the slot now
             }
             info->index = index - 1;
-            fill_names(found, run, info);
+            fill_names(found, name, info);
             return 0;
         }
     }
@@ -208,13 +209,13 @@ int fat_next_entry(int did, uint32_t *index, fat_entry_info *info) {
         return -ENOMEM;
     }
     u8 *entry = nullptr;
-    name_run run;
-    const int result = next_entry(&walk, index, &entry, &run);
+    name_assembler name;
+    const int result = next_entry(&walk, index, &entry, &name);
     if (result == 1) {
         *info = {};
         info->index = *index - 1;
         fill_fields(entry, info);
-        fill_names(entry, run, info);
+        fill_names(entry, name, info);
     }
     return result;
 }
@@ -233,7 +234,7 @@ int fat_info_of(int id, fat_entry_info *info) {
         return 0;
     }
     if (entry->dentry == nullptr) {
-        return -ENOENT; // its chain ran into a free entry: the entry has been removed
+        return -ENOENT; // its chain leads to a free entry: the entry has been removed
     }
     fat_entry_info found = {};
     const int result = find_names(entry, &found);

@@ -1,8 +1,8 @@
-// Fast-open paths: where the directory entry of a file lies, and a check value, as 16 letters by
+// Fast-open paths: the location of a file's directory entry and a check value, as 16 letters by
 // which the ZUQ driver opens the file without a search.
 //
-// The walk over a directory keeps its place in the directory's record: `readdir_pos` is the index
-// of the entry to look at next, `readdir_clus` the cluster in which that entry lies. It only moves
+// The walk over a directory stores its position in the record of the directory: `readdir_pos` is
+// the index of the next entry, `readdir_clus` the cluster that contains it. The position only moves
 // forward.
 
 #include "fat/internal.h"
@@ -20,12 +20,12 @@ constexpr u32 WORD_LETTERS = 8;
 constexpr u32 PATH_SIZE = 20; // prefix, two words, NUL
 static_assert(PREFIX_LENGTH + 2 * WORD_LETTERS + 1 == PATH_SIZE);
 
-// The position of an entry on the volume, counted in entries; modulo 2^32 bytes.
+// Position of an entry on the volume, in entries; modulo 2^32 bytes.
 u32 entry_number(const dentry_location &location) {
     return (sv->sector_size * location.sector + location.offset) / DENTRY_SIZE;
 }
 
-// The halves of the cluster number are swapped on purpose.
+// Intentional: the halves of the cluster number are swapped.
 u32 check_value(const u8 *entry) {
     const u32 cluster = load(entry, SHORT_START_LOW) << 16 | load(entry, SHORT_START_HIGH);
     return cluster ^ load(entry, SHORT_FILE_SIZE);
@@ -44,30 +44,30 @@ namespace fat {
 
 namespace {
 
-// Results of one look at an entry, beside the negative errors of the walk.
-enum : int { ENDS = 0, FOUND = 1, GOES_ON = 2 };
+// Results for one entry, besides the negative errors of the walk.
+enum : int { AT_END = 0, FOUND = 1, CONTINUE = 2 };
 
-// Units of a long name, with room for a terminator behind 256 of them.
+// Units of a long name, with room for a terminator after 256 units.
 using unit_buffer = u16[LONG_NAME_UNITS + 1];
 
-// What one call of do_readdir_fast() works with: the record that keeps its place, the outputs, and
-// the sector that was read last.
+// State of one call of do_readdir_fast(): the record that stores the position, the outputs, and the
+// sector read last.
 struct fast_walk {
     oentry *dir;
     fat_name *name;
     dentry_location *location;
-    u8 *output; // the caller's image of the entry
+    u8 *output; // the caller's copy of the entry
     heap_ptr<u8> sector_buf = zeroed_bytes(sv->sector_size);
-    heap_ptr<u8> slot_buf = zeroed_bytes(sv->sector_size); // in which a long name is followed
-    bool follows = true; // the output follows the walk until it has met a long name
+    heap_ptr<u8> slot_buf = zeroed_bytes(sv->sector_size); // sector of the current long-name slot
+    bool copies_output = true; // each entry is copied to the output, up to the first long name
     bool loaded = false;
-    u32 sector = 0;       // in the buffer
-    u32 cluster = 0;      // of that sector
-    u32 sector_index = 0; // of that sector in the cluster, or in the root area
-    circle_guard guard = {};
+    u32 sector = 0;       // number of the sector in the buffer
+    u32 cluster = 0;      // cluster of that sector
+    u32 sector_index = 0; // index of that sector in the cluster, or in the root area
+    cycle_detector detector = {};
 
-    // A FAT16 directory without an image or without a cluster counts as the root area, whatever it
-    // is.
+    // A FAT16 directory without a dentry copy or without a cluster counts as the root area, even if
+    // it is another directory.
     [[nodiscard]] bool is_fixed_root() const {
         return sv->fat_type != 32 && (dir->dentry == nullptr || dir->start == 0);
     }
@@ -89,12 +89,12 @@ int report_walk(int line, int error) {
     return error;
 }
 
-// The index of an entry counted from where readdir_clus begins, or from the start of the root area.
+// Index of the next entry, counted from the start of readdir_clus or of the root area.
 u32 local_index(const fast_walk &walk) {
     return walk.is_fixed_root() ? walk.position() : walk.position() % entries_per_cluster();
 }
 
-// Reads the sector of the entry to look at next, unless the walk stands in it.
+// Reads the sector of the next entry, unless it is in the buffer.
 int load_sector(fast_walk *walk) {
     const u32 sector_index = local_index(*walk) / entries_per_sector();
     const u32 cluster = walk->dir->readdir_clus;
@@ -116,8 +116,8 @@ int load_sector(fast_walk *walk) {
     return 0;
 }
 
-// Moves readdir_clus on by `links`. Returns 1, 0 when the chain ends before, or a negative value,
-// which is -1 for a chain that has come back on itself.
+// Advances readdir_clus by `links` links. Returns 1, 0 if the chain ends before, or a negative
+// value, which is -1 for a chain with a cycle.
 int advance_cluster(fast_walk *walk, u32 links) {
     u32 cluster = walk->dir->readdir_clus;
     for (u32 i = 0; i < links; i++) {
@@ -125,7 +125,7 @@ int advance_cluster(fast_walk *walk, u32 links) {
         if (result == 0) {
             return 0;
         }
-        if (result < 0 || walk->guard.closes_at(cluster)) {
+        if (result < 0 || walk->detector.closes_cycle(cluster)) {
             return report_walk(__LINE__, result < 0 ? result : -1);
         }
     }
@@ -133,14 +133,14 @@ int advance_cluster(fast_walk *walk, u32 links) {
     return 1;
 }
 
-// Moves the walk behind one entry.
+// Advances the walk past one entry.
 int pass_entry(fast_walk *walk) {
     walk->dir->readdir_pos++;
     if (walk->is_fixed_root() || walk->position() % entries_per_cluster() != 0) {
-        return GOES_ON;
+        return CONTINUE;
     }
     const int advanced = advance_cluster(walk, 1);
-    return advanced == 1 ? GOES_ON : advanced;
+    return advanced == 1 ? CONTINUE : advanced;
 }
 
 void store_name(const fast_walk &walk, const char *text) {
@@ -158,7 +158,7 @@ void store_short_name(const fast_walk &walk, const u8 *entry) {
     store_name(walk, text);
 }
 
-// A name that the encoding does not have is shown by its short form.
+// A long name that is not representable in the encoding is replaced by the short one.
 void store_long_name(const fast_walk &walk, const u16 *units, const u8 *short_entry) {
     char text[LONG_NAME_UNITS + 1] = {};
     if (convert_uname_to_cstring(units, text) >= 0) {
@@ -168,8 +168,8 @@ void store_long_name(const fast_walk &walk, const u16 *units, const u8 *short_en
     }
 }
 
-// Finds where the short entry `slots` behind the walk's place lies, counted from the cluster in
-// which the walk still stands.
+// Finds the location of the short entry `slots` entries after the position of the walk, counted
+// from its current cluster.
 int locate_short_entry(const fast_walk &walk, u32 slots, dentry_location *location) {
     const u32 index = local_index(walk) + slots;
     u32 sector = 0;
@@ -182,7 +182,7 @@ int locate_short_entry(const fast_walk &walk, u32 slots, dentry_location *locati
     return 0;
 }
 
-// Moves the walk behind a long name and its short entry.
+// Advances the walk past a long name and its short entry.
 int pass_long_name(fast_walk *walk, u32 slots) {
     const u32 next = walk->position() + slots + 1;
     if (!walk->is_fixed_root()) {
@@ -196,14 +196,14 @@ int pass_long_name(fast_walk *walk, u32 slots) {
     return FOUND;
 }
 
-// Looks at a long-name slot. The output keeps the image of the first slot from which a name was
-// followed; the driver's check value is made of it.
-int look_at_long_name(fast_walk *walk, u8 *slot) {
+// Processes a long-name slot. The output remains a copy of the first slot from which a name was
+// followed; the driver's check value is computed from it.
+int visit_long_name(fast_walk *walk, u8 *slot) {
     u8 *current = slot;
     unit_buffer units = {};
     const int slots = get_long_name_fast(walk->dir->readdir_clus, local_index(*walk), &current,
                                          walk->slot_buf.get(), units);
-    walk->follows = walk->follows && current == slot;
+    walk->copies_output = walk->copies_output && current == slot;
     if (slots < 0) {
         return report_walk(__LINE__, slots);
     }
@@ -221,32 +221,32 @@ int look_at_long_name(fast_walk *walk, u8 *slot) {
         return passed;
     }
     if (entry_type(current) == DENTRY_DIR) {
-        return GOES_ON;
+        return CONTINUE;
     }
     *walk->location = location;
     return FOUND;
 }
 
-int look_at_file(fast_walk *walk, const u8 *entry) {
+int visit_file(fast_walk *walk, const u8 *entry) {
     store_short_name(*walk, entry);
     *walk->location = {walk->sector, walk->position() % entries_per_sector() * DENTRY_SIZE};
     const int passed = pass_entry(walk);
-    return passed == GOES_ON ? FOUND : passed;
+    return passed == CONTINUE ? FOUND : passed;
 }
 
-int look_at_entry(fast_walk *walk) {
+int visit_entry(fast_walk *walk) {
     u8 *entry =
         walk->sector_buf.get() + std::size_t{walk->position() % entries_per_sector()} * DENTRY_SIZE;
-    if (walk->follows) {
+    if (walk->copies_output) {
         std::memcpy(walk->output, entry, DENTRY_SIZE);
     }
     switch (entry_type(entry)) {
     case DENTRY_UNUSED:
         return -ENOENT;
     case DENTRY_LFN:
-        return sv->long_name == 1 ? look_at_long_name(walk, entry) : pass_entry(walk);
+        return sv->long_name == 1 ? visit_long_name(walk, entry) : pass_entry(walk);
     case DENTRY_FILE:
-        return look_at_file(walk, entry);
+        return visit_file(walk, entry);
     default:
         return pass_entry(walk);
     }
@@ -256,14 +256,14 @@ int look_at_entry(fast_walk *walk) {
 int find_next_file(fast_walk *walk) {
     for (;;) {
         if (walk->is_fixed_root() && walk->position() > FAT16_ROOT_ENTRIES) {
-            return ENDS;
+            return AT_END;
         }
         int result = load_sector(walk);
         if (result < 0) {
             return result;
         }
-        result = look_at_entry(walk);
-        if (result != GOES_ON) {
+        result = visit_entry(walk);
+        if (result != CONTINUE) {
             return result;
         }
     }
@@ -271,7 +271,7 @@ int find_next_file(fast_walk *walk) {
 
 // ---- long names ----
 
-// Copies the units of a slot to their place in a long name; what lies outside is left out.
+// Copies the units of a slot to their position in a long name; skips units outside.
 void copy_units(const u8 *slot, u32 position, u16 *uname) {
     for (u32 i = 0; i < SLOT_UNITS && position + i < LONG_NAME_UNITS; i++) {
         uname[position + i] = load16(slot + slot_unit_offset(i));
@@ -282,7 +282,7 @@ void report_checksum(u32 index) {
     report_at("get_long_name_fast", __LINE__, "not match checksum(%d)\n", static_cast<int>(index));
 }
 
-// Whether the entry goes on with the long name as one of its lower slots.
+// Whether the entry is one of the lower slots of the long name.
 bool continues_name(const u8 *entry, u8 checksum, u32 index, u16 *uname) {
     if (entry_type(entry) != DENTRY_LFN) {
         report_at("get_long_name_fast", __LINE__, "not extend type(%d)\n", static_cast<int>(index));
@@ -300,7 +300,7 @@ bool continues_name(const u8 *entry, u8 checksum, u32 index, u16 *uname) {
     return true;
 }
 
-// Whether the entry is the short one that the slots belong to.
+// Whether the entry is the short entry of the slots.
 bool ends_name(const u8 *entry, u8 checksum, u32 index, u16 *uname) {
     const u32 type = entry_type(entry);
     if (type != DENTRY_FILE && type != DENTRY_DIR) {
@@ -318,7 +318,7 @@ bool ends_name(const u8 *entry, u8 checksum, u32 index, u16 *uname) {
 
 } // namespace
 
-// The output is written, by way of the walk's record.
+// Writes the output through the walk record.
 // NOLINTNEXTLINE(readability-non-const-parameter)
 int do_readdir_fast(oentry *dir, u8 *entry, fat_name *name, dentry_location *location) {
     fast_walk walk{dir, name, location, entry};
@@ -332,8 +332,8 @@ int do_readdir_fast(oentry *dir, u8 *entry, fat_name *name, dentry_location *loc
         dir->readdir_clus = sv->fat_type == 32 || dir->dentry != nullptr ? dir->start : 0;
     }
     const int result = find_next_file(&walk);
-    const bool is_behind_root = walk.is_fixed_root() && walk.position() > FAT16_ROOT_ENTRIES;
-    return result == FOUND && is_behind_root ? ENDS : result;
+    const bool is_past_root = walk.is_fixed_root() && walk.position() > FAT16_ROOT_ENTRIES;
+    return result == FOUND && is_past_root ? AT_END : result;
 }
 
 // ---- long names -------------------------------------------------------------------------------
@@ -341,15 +341,15 @@ int do_readdir_fast(oentry *dir, u8 *entry, fat_name *name, dentry_location *loc
 int get_long_name_fast(u32 cluster, u32 index, u8 **current, u8 *sector_buf, u16 *uname) {
     const u32 ordinal = load(*current, SLOT_ORDINAL);
     if (ordinal <= SLOT_LAST) {
-        return 0; // no slot, or none that begins a name
+        return 0; // not the first slot of a name
     }
     const u32 slot_count = ordinal - SLOT_LAST;
     const u8 checksum = static_cast<u8>(load(*current, SLOT_CHECKSUM));
-    chain_place place;
+    chain_cursor cursor;
     for (u32 slot = slot_count; slot >= 1; slot--) {
         copy_units(*current, (slot - 1) * SLOT_UNITS, uname);
         index++;
-        const int result = get_dentry_from(&place, cluster, index, current, sector_buf, nullptr);
+        const int result = get_dentry_from(&cursor, cluster, index, current, sector_buf, nullptr);
         if (result < 0) {
             REPORT("fail to get dentry(%u, %d): %s\n\n", cluster, static_cast<int>(index),
                    std::strerror(-result));
@@ -399,7 +399,7 @@ void encode_fast_word(char *out, u32 value) {
 
 } // namespace fat
 
-// The name is the room for an output that is not written: its type is that of its sister call.
+// Never writes to `name`: its type is that of zuq_get_fast_open_path_of_dir().
 // cppcheck-suppress constParameter
 // NOLINTNEXTLINE(readability-non-const-parameter)
 int zuq_get_fast_open_path_of_file(int id, char *name, char *path) {
@@ -435,7 +435,7 @@ int zuq_get_fast_open_path_of_dir(int id, char *name, char *path) {
         REPORT("Failed to get file entry!\n\n");
         return -EINVAL;
     }
-    // The name that the walk finds is not handed on.
+    // Intentional: the name that the walk finds is not returned.
     fat_name found = {};
     u8 entry[DENTRY_SIZE] = {};
     dentry_location location = {};

@@ -1,9 +1,9 @@
 // Single entries of the first FAT of the open volume, and links followed through them.
 //
-// Only the first FAT is read and written; the other copies keep the state that formatting gave
-// them. Nothing is remembered from one public call to the next. Inside a call a window keeps the
-// FAT sectors last read, so that a walk reads each sector once while it stays in it, and several
-// together where it goes through the FAT in order.
+// Intentional: only the first FAT is read and written; the other copies do not change after
+// formatting. Nothing is cached from one public call to the next. Within a call a window contains
+// the FAT sectors read last: a walk reads each sector once as long as it stays in it, and several
+// sectors together when it visits the FAT in ascending order.
 
 #include "fat/internal.h"
 
@@ -24,12 +24,12 @@ bool is_fat_type_known() {
 }
 
 // The sector of a FAT entry and its byte offset there. Entries never straddle sectors.
-struct entry_place {
+struct entry_position {
     u64 sector;
     u32 offset;
 };
 
-entry_place place_of(u32 cluster) {
+entry_position locate_entry(u32 cluster) {
     const u64 position = static_cast<u64>(cluster) * entry_size();
     return {sv->fat_start + position / sv->sector_size,
             static_cast<u32>(position % sv->sector_size)};
@@ -39,8 +39,7 @@ u32 load_entry(const u8 *entry) {
     return sv->fat_type == 16 ? load16(entry) : load32(entry) & FAT32_VALUE_MASK;
 }
 
-// Makes the window hold that one sector. Returns 0, -ENOMEM or -EIO; telling so is the caller's
-// part.
+// Loads that one sector into the window. Returns 0, -ENOMEM or -EIO, which the caller reports.
 int load_sector(sector_window *window, u64 sector) {
     if (!reserve_sector(window)) {
         return -ENOMEM;
@@ -54,37 +53,37 @@ int load_sector(sector_window *window, u64 sector) {
     return 0;
 }
 
-// How many sectors of the FAT a walk reads together. It begins with single ones, since most walks
-// end soon; one that goes on in order reads as many again as it has passed.
+// Number of FAT sectors that a walk reads together. A walk begins with single sectors, since most
+// walks end soon; one that continues in ascending order reads as many again as it has visited.
 u32 sectors_to_read(const sector_window &window, u64 sector) {
     constexpr u32 SINGLE_SECTORS = 4;
-    const u64 behind_fat = static_cast<u64>(sv->fat_start) + sv->fat_size;
-    if (window.in_order < SINGLE_SECTORS || sector >= behind_fat) {
+    const u64 fat_end = static_cast<u64>(sv->fat_start) + sv->fat_size;
+    if (window.in_order < SINGLE_SECTORS || sector >= fat_end) {
         return 1;
     }
-    return static_cast<u32>(std::min<u64>(window.in_order, behind_fat - sector));
+    return static_cast<u32>(std::min<u64>(window.in_order, fat_end - sector));
 }
 
-// The same for a walk, which may find more sectors of the FAT in the window.
+// The same for a walk: the window may already contain the sector, and more sectors are read ahead.
 int fill_window(sector_window *window, u64 sector) {
     if (window->find(sector) != nullptr) {
         return 0;
     }
-    const bool goes_on = window->count > 0 && sector == window->first + window->count;
-    window->in_order = goes_on ? window->in_order + window->count : 0;
+    const bool continues = window->count > 0 && sector == window->first + window->count;
+    window->in_order = continues ? window->in_order + window->count : 0;
     if (read_ahead(window, sector, sectors_to_read(*window, sector))) {
         return 0;
     }
     return load_sector(window, sector);
 }
 
-// Zero when each of `COUNT` FAT entries in a row holds the number behind that of the entry before
-// it, the first one `value`. Without a branch inside, compilers turn this into wide operations.
+// Zero if `COUNT` consecutive FAT entries have the values `value`, `value` + 1 and so on. Without a
+// branch in the loop, compilers turn this into wide operations.
 template <u32 ENTRY_SIZE, u32 COUNT>
 u32 difference(const u8 *row, u32 value) {
     u32 result = 0;
     for (u32 i = 0; i < COUNT; i++) {
-        // cppcheck-suppress redundantInitialization; it takes each round's variable for the same
+        // cppcheck-suppress redundantInitialization; it takes the variables of all rounds for one
         const u8 *at = row + std::size_t{i} * ENTRY_SIZE;
         const u32 found =
             ENTRY_SIZE == FAT16_ENTRY_SIZE ? load16(at) : load32(at) & FAT32_VALUE_MASK;
@@ -93,8 +92,8 @@ u32 difference(const u8 *row, u32 value) {
     return result;
 }
 
-// How many of the FAT entries from `entry` on, `limit` at most, hold `value`, the number behind it,
-// and so on.
+// Number of FAT entries from `entry` on, at most `limit`, with the values `value`, `value` + 1 and
+// so on.
 template <u32 ENTRY_SIZE>
 u32 count_ascending(const u8 *entry, u32 value, u32 limit) {
     constexpr u32 BLOCK = 64;
@@ -110,8 +109,8 @@ u32 count_ascending(const u8 *entry, u32 value, u32 limit) {
     return count;
 }
 
-// What keeps an entry from being read or followed. Telling so is a step of its own: gathered
-// changes may have to reach the medium before.
+// Why an entry cannot be read or followed. Reporting is a separate step, because deferred changes
+// may have to reach the medium before.
 enum class link_fault { NONE, NO_VOLUME, FAT_TYPE, MEMORY, READ, NUMBER, VALUE };
 
 link_fault load_value(sector_window *window, u32 cluster, u32 *value) {
@@ -121,12 +120,12 @@ link_fault load_value(sector_window *window, u32 cluster, u32 *value) {
     if (!is_fat_type_known()) {
         return link_fault::FAT_TYPE;
     }
-    const entry_place place = place_of(cluster);
-    const int filled = fill_window(window, place.sector);
+    const entry_position at = locate_entry(cluster);
+    const int filled = fill_window(window, at.sector);
     if (filled < 0) {
         return filled == -ENOMEM ? link_fault::MEMORY : link_fault::READ;
     }
-    *value = load_entry(window->find(place.sector) + place.offset);
+    *value = load_entry(window->find(at.sector) + at.offset);
     return link_fault::NONE;
 }
 
@@ -138,11 +137,11 @@ link_fault load_link(sector_window *window, u32 cluster, u32 *value) {
     if (fault != link_fault::NONE || *value == FAT_FREE || is_end_of_chain(*value)) {
         return fault;
     }
-    // A bad-cluster mark is no link even where a hostile geometry counts that far.
+    // A bad-cluster mark is not a link, even if a hostile geometry has that many clusters.
     return is_data_cluster(*value) && *value != bad_mark() ? link_fault::NONE : link_fault::VALUE;
 }
 
-// Tells the fault in the name of the operation that has it. Returns its errno.
+// Reports the fault in the name of the operation that failed. Returns its errno.
 int report_fault(link_fault fault, u32 cluster) {
     switch (fault) {
     case link_fault::NONE:
@@ -170,38 +169,38 @@ int report_fault(link_fault fault, u32 cluster) {
     return -EINVAL;
 }
 
-// Takes over a sector that was seen and is about to be changed. Returns 0, -ENOMEM, or -EIO where
-// it was not seen and cannot be read.
-int take_sector(fat_editor *editor, u64 sector) {
-    const u8 *seen = editor->seen.find(sector);
-    if (seen == nullptr) {
-        return load_sector(&editor->changed, sector);
+// Loads a sector that is about to be changed, from the clean sectors if it is among them. Returns
+// 0, -ENOMEM, or -EIO if it cannot be read.
+int load_dirty_sector(fat_buffer *fat, u64 sector) {
+    const u8 *clean_sectors = fat->clean_sectors.find(sector);
+    if (clean_sectors == nullptr) {
+        return load_sector(&fat->dirty_sector, sector);
     }
-    if (!reserve_sector(&editor->changed)) {
+    if (!reserve_sector(&fat->dirty_sector)) {
         return -ENOMEM;
     }
-    std::memcpy(editor->changed.buffer.get(), seen, sv->sector_size);
-    editor->changed.first = sector;
-    editor->changed.count = 1;
+    std::memcpy(fat->dirty_sector.buffer.get(), clean_sectors, sv->sector_size);
+    fat->dirty_sector.first = sector;
+    fat->dirty_sector.count = 1;
     return 0;
 }
 
-// Makes the editor stand in `sector`, after writing what it changed in another one.
-int move_editor(fat_editor *editor, u64 sector) {
-    if (editor->changed.find(sector) != nullptr) {
+// Makes `sector` the dirty sector, after writing the changes of the previous one.
+int select_sector(fat_buffer *fat, u64 sector) {
+    if (fat->dirty_sector.find(sector) != nullptr) {
         return 0;
     }
-    const int flushed = flush_editor(editor);
+    const int flushed = flush_fat(fat);
     if (flushed < 0) {
         return flushed;
     }
-    const int taken = take_sector(editor, sector);
-    if (taken == -ENOMEM) {
+    const int loaded = load_dirty_sector(fat, sector);
+    if (loaded == -ENOMEM) {
         report_at("fat_write_entry", __LINE__, "cannot allocate buffer\n\n");
-    } else if (taken < 0) {
+    } else if (loaded < 0) {
         report_at("fat_write_entry", __LINE__, "cannot read FAT\n");
     }
-    return taken;
+    return loaded;
 }
 
 } // namespace
@@ -225,7 +224,7 @@ int fat_read_entry(u32 cluster, u32 *value) {
     return report_fault(load_value(&window, cluster, value), cluster);
 }
 
-int edit_entry(fat_editor *editor, u32 cluster, u32 value) {
+int write_entry(fat_buffer *fat, u32 cluster, u32 value) {
     if (sv == nullptr || sv->sector_size == 0) {
         report_at("fat_write_entry", __LINE__, "Invalid: sector size is not set\n\n");
         return -EINVAL;
@@ -234,41 +233,41 @@ int edit_entry(fat_editor *editor, u32 cluster, u32 value) {
         report_at("fat_write_entry", __LINE__, "Invalid FAT type\n");
         return -EINVAL;
     }
-    const entry_place place = place_of(cluster);
-    const int moved = move_editor(editor, place.sector);
+    const entry_position at = locate_entry(cluster);
+    const int moved = select_sector(fat, at.sector);
     if (moved < 0) {
         return moved;
     }
-    // Index 0 of the table that begins at the entry: the entry itself.
-    (void)set_fat_entry(sv->fat_type, editor->changed.buffer.get() + place.offset, 0, value);
-    if (!editor->dirty && !editor->write_failed) {
-        editor->dirty_since = editor->step;
+    // The entry itself is index 0 of the table that begins there.
+    (void)set_fat_entry(sv->fat_type, fat->dirty_sector.buffer.get() + at.offset, 0, value);
+    if (!fat->needs_flush && !fat->write_failed) {
+        fat->dirty_since_step = fat->step;
     }
-    editor->dirty = true;
-    return editor->gathers ? 0 : flush_editor(editor);
+    fat->needs_flush = true;
+    return fat->defers_writes ? 0 : flush_fat(fat);
 }
 
-int flush_editor(fat_editor *editor) {
-    if (!editor->dirty) {
+int flush_fat(fat_buffer *fat) {
+    if (!fat->needs_flush) {
         return 0;
     }
-    editor->dirty = false;
-    const u64 sector = editor->changed.first;
-    if (write_sectors(editor->changed.buffer.get(), sector, 1) != 1) {
-        // What stands on the medium now is not known.
-        editor->write_failed = true;
-        editor->changed.count = 0;
-        forget_sector(&editor->seen, sector);
+    fat->needs_flush = false;
+    const u64 sector = fat->dirty_sector.first;
+    if (write_sectors(fat->dirty_sector.buffer.get(), sector, 1) != 1) {
+        // The content of the sector on the medium is now unknown.
+        fat->write_failed = true;
+        fat->dirty_sector.count = 0;
+        forget_sector(&fat->clean_sectors, sector);
         report_at("fat_write_entry", __LINE__, "cannot write FAT\n\n");
         return -EIO;
     }
-    refresh_sector(&editor->seen, sector, editor->changed.buffer.get());
+    refresh_sector(&fat->clean_sectors, sector, fat->dirty_sector.buffer.get());
     return 0;
 }
 
 int fat_write_entry(u32 cluster, u32 value) {
-    fat_editor editor;
-    return edit_entry(&editor, cluster, value);
+    fat_buffer fat;
+    return write_entry(&fat, cluster, value);
 }
 
 // ---- links ------------------------------------------------------------------------------------
@@ -279,33 +278,33 @@ int follow_link(sector_window *fat, u32 cluster) {
     return fault == link_fault::NONE ? static_cast<int>(value) : report_fault(fault, cluster);
 }
 
-int follow_link(fat_editor *editor, u32 cluster) {
-    const bool is_changed =
-        editor->changed.count != 0 && editor->changed.find(place_of(cluster).sector) != nullptr;
+int follow_link(fat_buffer *fat, u32 cluster) {
+    const bool is_dirty = fat->dirty_sector.count != 0 &&
+                          fat->dirty_sector.find(locate_entry(cluster).sector) != nullptr;
     u32 value = FAT_FREE;
     const link_fault fault =
-        load_link(is_changed ? &editor->changed : &editor->seen, cluster, &value);
+        load_link(is_dirty ? &fat->dirty_sector : &fat->clean_sectors, cluster, &value);
     if (fault == link_fault::NONE) {
         return static_cast<int>(value);
     }
-    const int flushed = flush_editor(editor);
+    const int flushed = flush_fat(fat);
     return flushed < 0 ? flushed : report_fault(fault, cluster);
 }
 
-u32 count_straight_links(const sector_window &fat, u32 cluster, u32 most) {
+u32 count_contiguous_links(const sector_window &fat, u32 cluster, u32 max_links) {
     if (!is_data_cluster(cluster)) {
         return 0;
     }
-    const entry_place place = place_of(cluster);
-    const u8 *entry = fat.find(place.sector);
+    const entry_position at = locate_entry(cluster);
+    const u8 *entry = fat.find(at.sector);
     if (entry == nullptr) {
         return 0;
     }
-    entry += place.offset;
-    const u64 window_bytes = (fat.first + fat.count - place.sector) * sv->sector_size;
-    const u32 in_window = static_cast<u32>(window_bytes - place.offset) / entry_size();
+    entry += at.offset;
+    const u64 window_bytes = (fat.first + fat.count - at.sector) * sv->sector_size;
+    const u32 in_window = static_cast<u32>(window_bytes - at.offset) / entry_size();
     const u32 highest = std::min(sv->num_clusters + 1, bad_mark() - 1);
-    const u32 limit = std::min({most, in_window, highest - std::min(cluster, highest)});
+    const u32 limit = std::min({max_links, in_window, highest - std::min(cluster, highest)});
     return sv->fat_type == 16 ? count_ascending<FAT16_ENTRY_SIZE>(entry, cluster + 1, limit)
                               : count_ascending<FAT32_ENTRY_SIZE>(entry, cluster + 1, limit);
 }
@@ -315,11 +314,11 @@ int fat_read_clus(u32 cluster) {
     return follow_link(&window, cluster);
 }
 
-int find_free(fat_editor *editor, u32 first, u32 last) {
+int find_free(fat_buffer *fat, u32 first, u32 last) {
     for (u64 cluster = first; cluster <= last; cluster++) {
-        const int value = follow_link(editor, static_cast<u32>(cluster));
+        const int value = follow_link(fat, static_cast<u32>(cluster));
         if (value < 0) {
-            if (!editor->write_failed) {
+            if (!fat->write_failed) {
                 report_at("fat_free_clus", __LINE__, "Invalid cluster value!\n\n");
             }
             return value;
@@ -332,8 +331,8 @@ int find_free(fat_editor *editor, u32 first, u32 last) {
 }
 
 int fat_free_clus(u32 first, u32 last) {
-    fat_editor editor;
-    return find_free(&editor, first, last);
+    fat_buffer fat;
+    return find_free(&fat, first, last);
 }
 
 u32 fat_sector(u32 cluster) {
@@ -346,21 +345,21 @@ u32 fat_sector(u32 cluster) {
     return sector < sv->total_sectors ? static_cast<u32>(sector) : 0;
 }
 
-bool circle_guard::closes_at(u32 cluster) {
-    return closes_within(cluster, 1);
+bool cycle_detector::closes_cycle(u32 cluster) {
+    return closes_cycle_within(cluster, 1);
 }
 
-bool circle_guard::closes_within(u32 first, u32 count) {
+bool cycle_detector::closes_cycle_within(u32 first, u32 count) {
     while (count > 0) {
         const u32 to_next_anchor = span - steps + 1;
-        const u32 stretch = std::min(count, to_next_anchor);
-        if (has_anchor && anchor >= first && anchor - first < stretch) {
+        const u32 batch = std::min(count, to_next_anchor);
+        if (has_anchor && anchor >= first && anchor - first < batch) {
             return true;
         }
-        first += stretch;
-        count -= stretch;
-        steps += stretch;
-        if (stretch == to_next_anchor) {
+        first += batch;
+        count -= batch;
+        steps += batch;
+        if (batch == to_next_anchor) {
             anchor = first - 1;
             has_anchor = true;
             span *= 2;

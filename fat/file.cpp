@@ -1,8 +1,7 @@
 // File data: appending, reading, seeking.
 //
-// A write allocates every cluster it needs before it writes any data, and reaches the medium in
-// this order: FAT, data, directory entry. A read or write follows the chain once; sectors that lie
-// side by side on the medium and in the caller's buffer travel in one transfer.
+// A write allocates all its clusters before it writes data; the order on the medium is FAT, data,
+// directory entry. A read or write follows the chain once; contiguous sectors are one transfer.
 
 #include "fat/internal.h"
 
@@ -17,8 +16,8 @@ namespace fat {
 
 namespace {
 
-// One transfer stays below what the system moves in one call (0x7ffff000 bytes on Linux).
-constexpr u32 MAX_RUN_BYTES = 1U << 30;
+// One transfer stays below the limit of a system call (0x7ffff000 bytes on Linux).
+constexpr u32 MAX_EXTENT_BYTES = 1U << 30;
 
 enum : int { SEEK_FROM_START = 0, SEEK_FROM_POSITION = 1, SEEK_FROM_END = 2 };
 
@@ -26,42 +25,45 @@ u32 file_size(const oentry *entry) {
     return load(entry->dentry, SHORT_FILE_SIZE);
 }
 
-// ---- where the data lies ----
+// ---- extents of the data ----
 
-// The sectors of a file one after another, as runs that lie side by side on the medium.
-struct data_run {
-    u32 sector = 0; // first of the run
+// Contiguous sectors of a file on the medium.
+struct data_extent {
+    u32 sector = 0; // first sector
     u32 count = 0;
 };
-struct run_finder {
+// Finds the extents of a file in order.
+struct extent_finder {
     const oentry *entry;
-    chain_place place;
-    u32 ahead = 0; // sector found behind the last run, when it did not belong to it
+    chain_cursor cursor;
+    u32 ahead = 0; // first sector of the next extent, if `has_ahead`
     bool has_ahead = false;
-    int ahead_error = 0; // what the search behind the last run came to
-    held_reports ahead_said;
+    int ahead_error = 0; // error of the search after the last extent
+    deferred_reports ahead_reports;
 
-    explicit run_finder(const oentry *of) : entry(of) {}
+    explicit extent_finder(const oentry *of) : entry(of) {}
 
     int locate(u32 sector_index, u32 *sector) {
-        return locate_sector(&place, entry->start, sector_index, sector);
+        return locate_sector(&cursor, entry->start, sector_index, sector);
     }
-    // What it says is held until the sectors in front have been transferred.
+    // Searches after the extent. Its reports are deferred until the sectors of the extent have been
+    // transferred.
     void look_ahead(u32 sector_index) {
-        const holding_scope held(&ahead_said);
+        const deferring_scope deferred(&ahead_reports);
         ahead_error = locate(sector_index, &ahead);
     }
-    // How many sectors follow this one inside its cluster. The root area of FAT16 has no clusters.
+    // Number of sectors after this one in its cluster. The root area of FAT16 has no clusters.
     [[nodiscard]] u32 left_in_cluster(u32 sector_index) const {
         return entry->start == 0 ? 0 : sv->sec_per_clus - 1 - sector_index % sv->sec_per_clus;
     }
 };
 
-// Finds the run that begins with sector `sector_index` of the file, of at most `most` sectors. A
-// lookup that fails behind the first sector ends the run; its error is that of the next call.
-int find_run(run_finder *finder, u32 sector_index, u32 most, data_run *run) {
+// Finds the extent that begins with sector `sector_index` of the file, of at most `max_sectors`
+// sectors. A lookup that fails after the first sector ends the extent; the next call returns its
+// error.
+int find_extent(extent_finder *finder, u32 sector_index, u32 max_sectors, data_extent *extent) {
     if (finder->ahead_error < 0) {
-        report_held(&finder->ahead_said);
+        report_deferred(&finder->ahead_reports);
         return finder->ahead_error;
     }
     if (!finder->has_ahead) {
@@ -70,31 +72,31 @@ int find_run(run_finder *finder, u32 sector_index, u32 most, data_run *run) {
             return found;
         }
     }
-    *run = {finder->ahead, 0};
+    *extent = {finder->ahead, 0};
     finder->has_ahead = false;
-    const u32 limit = std::min(most, MAX_RUN_BYTES / sv->sector_size);
+    const u32 limit = std::min(max_sectors, MAX_EXTENT_BYTES / sv->sector_size);
     while (true) {
-        const u32 rest = finder->left_in_cluster(sector_index + run->count);
-        run->count = std::min(limit, run->count + 1 + rest);
-        if (run->count == limit) {
+        const u32 rest = finder->left_in_cluster(sector_index + extent->count);
+        extent->count = std::min(limit, extent->count + 1 + rest);
+        if (extent->count == limit) {
             return 0;
         }
-        finder->look_ahead(sector_index + run->count);
+        finder->look_ahead(sector_index + extent->count);
         if (finder->ahead_error < 0) {
             return 0;
         }
-        if (finder->ahead != run->sector + run->count) {
+        if (finder->ahead != extent->sector + extent->count) {
             finder->has_ahead = true;
             return 0;
         }
     }
 }
 
-// The part of a request that one transfer can serve: some bytes of one sector, or whole sectors.
+// The part of a request that one transfer can cover: some bytes of one sector, or whole sectors.
 struct data_part {
     u32 offset;  // in the first sector
-    u32 bytes;   // of this part
-    u32 sectors; // that it touches, where all are whole; 1 for a part of a sector
+    u32 bytes;   // length of the part
+    u32 sectors; // number of whole sectors; 1 for a part of a sector
 
     data_part(u64 position, u32 left) {
         offset = static_cast<u32>(position % sv->sector_size);
@@ -107,15 +109,14 @@ struct data_part {
     }
 };
 
-// Files end below 4 GiB: the low 32 bits of a position lead to its sector.
+// Files end below 4 GiB: the low 32 bits of a position select its sector.
 u32 sector_index_at(u64 position) {
     return static_cast<u32>(position) / sv->sector_size;
 }
 
 // ---- writing ----
 
-// Writes part of a sector: what stands in front of the new bytes is kept, what stands behind them
-// becomes zero.
+// Writes part of a sector: the bytes before it do not change, the bytes after it become zero.
 int write_partial(u32 sector, const data_part &part, const u8 *data) {
     const heap_ptr<u8> buffer = zeroed_bytes(sv->sector_size);
     if (buffer == nullptr) {
@@ -136,40 +137,40 @@ int write_partial(u32 sector, const data_part &part, const u8 *data) {
     return 0;
 }
 
-int write_whole(const data_run &run, const u8 *data) {
-    // A transfer takes its buffer for both directions; a write does not change it.
-    if (write_sectors(const_cast<u8 *>(data), run.sector, run.count) !=
-        static_cast<int>(run.count)) {
+int write_whole(const data_extent &extent, const u8 *data) {
+    // Transfers in both directions have one type; a write does not change its buffer.
+    if (write_sectors(const_cast<u8 *>(data), extent.sector, extent.count) !=
+        static_cast<int>(extent.count)) {
         report_at("do_write_file", __LINE__, "cannot write sector to file\n");
         return -EIO;
     }
     return 0;
 }
 
-void report_lookup_of_write(int error) {
+void report_write_lookup(int error) {
     report_at("do_write_file", __LINE__, "Failed to get FAT sector!(%d)\n\n", error);
     if (error == -EFAULT) {
         report_bare("access out of cluster chain\n");
     }
 }
 
-// Writes the data into clusters that are all allocated.
+// Writes the data to allocated clusters.
 int write_data(const oentry *entry, const u8 *data, u32 count, u32 position) {
-    run_finder finder(entry);
+    extent_finder finder(entry);
     for (u32 written = 0; written < count;) {
         data_part part(position, count - written);
-        data_run run;
-        const int found = find_run(&finder, sector_index_at(position), part.sectors, &run);
+        data_extent extent;
+        const int found = find_extent(&finder, sector_index_at(position), part.sectors, &extent);
         if (found < 0) {
-            report_lookup_of_write(found);
+            report_write_lookup(found);
             return found;
         }
         const bool is_whole = part.is_whole();
         if (is_whole) {
-            part.bytes = run.count * sv->sector_size;
+            part.bytes = extent.count * sv->sector_size;
         }
-        const int result = is_whole ? write_whole(run, data + written)
-                                    : write_partial(run.sector, part, data + written);
+        const int result = is_whole ? write_whole(extent, data + written)
+                                    : write_partial(extent.sector, part, data + written);
         if (result < 0) {
             return result;
         }
@@ -179,7 +180,7 @@ int write_data(const oentry *entry, const u8 *data, u32 count, u32 position) {
     return 0;
 }
 
-// The clusters of one write, and what it takes to give them back.
+// The clusters of one write, and the state needed to undo their allocation.
 struct write_allocation {
     heap_ptr<u32> clusters;
     u32 count = 0;
@@ -187,8 +188,8 @@ struct write_allocation {
     u32 old_last = 0;
 };
 
-// Allocates what `extra` bytes behind the allocated ones need. Returns 0 or a negative errno; what
-// was allocated is in `allocation` in both cases.
+// Allocates clusters for `extra` bytes past the allocated ones. Returns 0 or a negative errno; in
+// both cases `allocation` describes what was allocated.
 int allocate_for_write(oentry *entry, u32 extra, write_allocation *allocation) {
     const u32 count = div_ceil(extra, cluster_bytes());
     allocation->clusters = zeroed_records<u32>(count);
@@ -205,8 +206,9 @@ int allocate_for_write(oentry *entry, u32 extra, write_allocation *allocation) {
         return result;
     }
     if (entry->start == 0 && sv->fat_type != 32) {
-        // A search that met a damaged entry may come to cluster 0: the root area, in a lookup.
-        report_lookup_of_write(-EINVAL);
+        // After a damaged entry the search may store cluster 0, which lookups take for the root
+        // area.
+        report_write_lookup(-EINVAL);
         return -EINVAL;
     }
     return 0;
@@ -219,13 +221,13 @@ void undo_write_allocation(oentry *entry, const write_allocation &allocation) {
     }
 }
 
-// Bytes of the request that do not fit into the clusters allocated already, as a signed number of
-// 32 bits: a recorded size far beyond the chain wraps, and is found out by the lookup that follows.
+// Bytes of the request that do not fit the allocated clusters. Intentional: a signed number of 32
+// bits, so a recorded size far beyond the chain wraps; the lookup that follows detects it.
 s32 missing_bytes(const oentry *entry, u32 count, u32 position) {
     return static_cast<s32>(count - (entry->allocated - position));
 }
 
-// The end of the file, the chain and the result must stay within their 32 bits.
+// Whether the end of the file, the chain or the result would exceed 32 bits.
 bool is_too_large(const oentry *entry, u32 count, u32 position) {
     constexpr u64 LIMIT = UINT32_MAX;
     const s32 missing = missing_bytes(entry, count, position);
@@ -234,14 +236,15 @@ bool is_too_large(const oentry *entry, u32 count, u32 position) {
            entry->allocated + clusters * cluster_bytes() > LIMIT;
 }
 
-// The time of a write is its date alone.
+// Intentional: a write sets the date and clears the time.
 void stamp_write_date(u8 *dentry) {
     set_entry_time(dentry);
     store(dentry, SHORT_MTIME, 0);
 }
 
-// Writes the entry's image back. Only a negative result of the read counts as its failure.
-int update_image(const oentry *entry) {
+// Writes the dentry copy to the medium. Intentional: a read of 0 sectors is not an error, a write
+// of 0 sectors is.
+int write_dentry(const oentry *entry) {
     const heap_ptr<u8> sector = zeroed_bytes(sv->sector_size);
     if (sector == nullptr) {
         report_at("write_file_internal", __LINE__, "Memory allocation error!\n\n");
@@ -270,15 +273,15 @@ int read_partial(u32 sector, const data_part &part, u8 *sector_buf, u8 *data) {
     return 0;
 }
 
-int read_whole(const data_run &run, u8 *data) {
-    if (read_sectors(data, run.sector, run.count) != static_cast<int>(run.count)) {
+int read_whole(const data_extent &extent, u8 *data) {
+    if (read_sectors(data, extent.sector, extent.count) != static_cast<int>(extent.count)) {
         report_at("do_read_file", __LINE__, "cannot read sector\n");
         return -EIO;
     }
     return 0;
 }
 
-void report_lookup_of_read(int error) {
+void report_read_lookup(int error) {
     report_at("do_read_file", __LINE__, "Failed to get FAT sector!\n\n");
     if (error == -EFAULT) {
         report_at("do_read_file", __LINE__, "access out of cluster chain\n");
@@ -286,21 +289,21 @@ void report_lookup_of_read(int error) {
 }
 
 int read_data(const oentry *entry, u8 *sector_buf, u8 *data, u32 count, u64 position) {
-    run_finder finder(entry);
+    extent_finder finder(entry);
     for (u32 done = 0; done < count;) {
         data_part part(position, count - done);
-        data_run run;
-        const int found = find_run(&finder, sector_index_at(position), part.sectors, &run);
+        data_extent extent;
+        const int found = find_extent(&finder, sector_index_at(position), part.sectors, &extent);
         if (found < 0) {
-            report_lookup_of_read(found);
+            report_read_lookup(found);
             return found;
         }
         const bool is_whole = part.is_whole();
         if (is_whole) {
-            part.bytes = run.count * sv->sector_size;
+            part.bytes = extent.count * sv->sector_size;
         }
-        const int result = is_whole ? read_whole(run, data + done)
-                                    : read_partial(run.sector, part, sector_buf, data + done);
+        const int result = is_whole ? read_whole(extent, data + done)
+                                    : read_partial(extent.sector, part, sector_buf, data + done);
         if (result < 0) {
             return result;
         }
@@ -316,7 +319,8 @@ oentry *open_record(int id) {
     return id >= 0 ? entry_of(id) : nullptr;
 }
 
-// A record without an image is the root directory, or as good as it.
+// A record without a dentry copy counts as a directory: it is the root, or an entry whose chain
+// leads to a free entry.
 bool is_directory(const oentry *entry) {
     return entry->dentry == nullptr || is_live_directory(entry->dentry);
 }
@@ -368,7 +372,7 @@ int write_file_internal(oentry *entry, const void *buffer, u32 count) {
         store(entry->dentry, SHORT_FILE_SIZE, position);
         stamp_write_date(entry->dentry);
     }
-    const int updated = update_image(entry);
+    const int updated = write_dentry(entry);
     return updated < 0 ? updated : written;
 }
 
@@ -378,9 +382,9 @@ int do_read_file(oentry *entry, void *buffer, u32 count, u64 *position) {
         REPORT("cannot allocate memory\n");
         return -ENOMEM;
     }
-    // A position before the beginning of the file: no chain leads there.
+    // The position wrapped below 0.
     if (*position > INT64_MAX) {
-        report_lookup_of_read(-EINVAL);
+        report_read_lookup(-EINVAL);
         return -EINVAL;
     }
     const int result =
@@ -394,7 +398,7 @@ int do_read_file(oentry *entry, void *buffer, u32 count, u64 *position) {
 
 int read_file_internal(oentry *entry, void *buffer, u32 count) {
     const u32 size = file_size(entry);
-    // The comparison is signed, deliberately: positions from 2^63 on pass it and fail later.
+    // Intentional: the comparison is signed. Positions from 2^63 on pass it and fail later.
     if (static_cast<s64>(entry->pos) > static_cast<s64>(size)) {
         REPORT("file position beyonds the file size!\n\n");
         return -EINVAL;
@@ -467,7 +471,7 @@ int64_t fat_lseek(int id, int64_t offset, int whence) {
         REPORT("is directory!\n\n");
         return -EISDIR;
     }
-    // Sums are modulo 2^64: a position below 0 wraps to a very large one.
+    // Intentional: sums are modulo 2^64. A position below 0 wraps to a very large one.
     const u64 distance = static_cast<u64>(offset);
     switch (whence) {
     case SEEK_FROM_START:

@@ -1,8 +1,8 @@
-// Laying a fresh file system: the tables are built whole in memory, then written in a fixed order.
+// Formatting: the tables are built in memory, then written in a fixed order.
 //
-// Order on the medium: boot sector, zeroes over the rest of the reserved area, backup boot sector,
-// FSInfo, every FAT copy, root directory. Nothing is undone after a failed write, and of the data
-// area only the cluster of a FAT32 root directory is written.
+// Order on the medium: boot sector, zeros to the rest of the reserved area, backup boot sector,
+// FSInfo, every FAT copy, root directory. Nothing is undone after a failed write. Of the data area
+// only the cluster of a FAT32 root directory is written.
 
 #include "fat/internal.h"
 
@@ -14,11 +14,11 @@ namespace fat {
 
 namespace {
 
-// The media byte with every higher bit set.
+// The media byte with all higher bits set.
 constexpr u32 FAT_ENTRY_0 = 0xFFFFFF00 | MEDIA_FIXED;
 constexpr u8 BLANK_LABEL[SHORT_NAME.size] = {' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' '};
 
-// A sector larger than 512 bytes carries the boot signature at its own end as well.
+// A sector larger than 512 bytes has the boot signature at its end too.
 void sign_sector_end(u8 *pbr) {
     if (sv->sector_size > PBR_SIZE) {
         store16(pbr + sv->sector_size - PBR_SIGNATURE.size, BOOT_SIGNATURE);
@@ -43,8 +43,8 @@ int clear_reserved_area(const fat_format_param *param, u8 *zero_sector) {
     return 0;
 }
 
-// The backup boot sector and FSInfo, where the boot sector names a place for them. FSInfo has no
-// backup.
+// The backup boot sector and FSInfo, if the boot sector states their sectors. Intentional: FSInfo
+// has no backup.
 int write_fat32_sectors(u8 *pbr, u8 *fsinfo) {
     const u32 backup_sector = load(pbr, PBR32_BACKUP_SECTOR);
     if (backup_sector != 0 && write_sectors(pbr, backup_sector, 1) != 1) {
@@ -170,7 +170,7 @@ int create_root_dir(const u8 *bpb, u8 **rdir) {
         REPORT("Cannot allocate root directory\n");
         return -ENOMEM;
     }
-    // The label the user gave stands in the boot sector only; the directory's is always blank.
+    // Intentional: the requested label is stored in the boot sector only; this one is always blank.
     set_volume_entry(directory.get(), BLANK_LABEL);
     *rdir = directory.release();
     return 0;

@@ -1,9 +1,9 @@
-// Geometry: which FAT, how large, and where the areas lie.
+// Geometry: FAT width, FAT size, and the position of each area.
 //
-// The classic two-step estimate: guess the cluster count as if every cluster carried its FAT
-// entries with it, size the FAT for the guess, then count the clusters that are left. With page
-// alignment every area in front of the data is rounded up to whole NAND pages, so that the FAT, the
-// root directory and the data each begin on a page.
+// The classic two-step estimate: estimate the cluster count as if every cluster included its FAT
+// entries, size the FAT for that count, then count the clusters that remain. With page alignment
+// every area before the data is rounded up to whole NAND pages, so the FAT, the root directory and
+// the data each begin on a page.
 
 #include "fat/internal.h"
 
@@ -17,25 +17,25 @@ namespace {
 
 constexpr const char *REPORTER = "calc_fat_sectors";
 
-// Results of one attempt, beside 0 and -EINVAL.
+// Result of one attempt, besides 0 and -EINVAL.
 constexpr int TOO_LARGE_FOR_FAT16 = 1;
 
 constexpr u32 FAT16_MAX_CLUSTERS = 65524;
 constexpr u32 FAT32_MAX_CLUSTERS = 268435438; // 0x0FFFFFEE
 constexpr u32 FAT16_RESERVED_SECTORS = 1;
 constexpr u32 FAT32_RESERVED_SECTORS = 32;
-constexpr u32 BYTE_MAX = 0xFF;           // what a field of the boot sector holds
-constexpr u32 WORD_MAX = 0xFFFF;         // likewise
-constexpr u32 ROOT_SIZE_MULTIPLE = 1024; // bytes; the message speaks of 512, the test is meant
+constexpr u32 BYTE_MAX = 0xFF;           // limit of a one-byte field of the boot sector
+constexpr u32 WORD_MAX = 0xFFFF;         // limit of a two-byte field
+constexpr u32 ROOT_SIZE_MULTIPLE = 1024; // bytes; Intentional: the message states 512
 
 struct geometry {
     u32 fat_size;     // 16 or 32
     u32 reserved;     // sectors
     u32 rdir_sectors; // 0 for FAT32
-    u32 fat_sectors;  // of one copy
-    s64 data_sectors; // negative where the areas in front of the data do not fit
-    s64 clusters;     // negative likewise
-    u32 max_clusters; // as many as the FAT can describe
+    u32 fat_sectors;  // sectors of one FAT copy
+    s64 data_sectors; // negative if the areas before the data do not fit
+    s64 clusters;     // negative in the same case
+    u32 max_clusters; // number of clusters that the FAT can describe
 };
 
 u32 shift_of(u32 power_of_two) {
@@ -50,7 +50,7 @@ u32 cluster_bytes(const fat_format_param *param) {
     return param->sec_per_clus * param->sector_size;
 }
 
-// Sectors of one page unit, 0 with alignment off.
+// Number of sectors that areas are aligned to, 0 without alignment.
 u32 page_unit_sectors(const fat_format_param *param) {
     if (param->page_size == 0) {
         return 0;
@@ -68,13 +68,13 @@ u32 align(u32 sectors, u32 page_unit) {
     return page_unit != 0 ? round_up_to(sectors, page_unit) : sectors;
 }
 
-// Sizes the FAT for the data area of `shape` and takes every copy out of it.
+// Sizes the FAT for the data area of `shape` and subtracts all copies from that area.
 void size_fat(const fat_format_param *param, u32 page_unit, u32 entry_size, u32 limit,
               geometry *shape) {
     const u64 data_bytes = static_cast<u64>(shape->data_sectors) * param->sector_size;
     const u64 estimate = (data_bytes + 2ULL * entry_size * param->nr_fat) /
                          (cluster_bytes(param) + static_cast<u64>(entry_size) * param->nr_fat);
-    // Entries 0 and 1 describe no cluster: room for two more.
+    // Two more entries: 0 and 1 do not describe clusters.
     const u64 fat_bytes = entry_size * (estimate + 2);
     shape->fat_sectors = align(
         static_cast<u32>((fat_bytes + param->sector_size - 1) >> shift_of(param->sector_size)),
@@ -142,7 +142,7 @@ int refuse_many_for_fat32(const geometry &shape) {
     return -EINVAL;
 }
 
-// Returns 0, -EINVAL after a refusal, or TOO_LARGE_FOR_FAT16 where the width was left open.
+// Returns 0, -EINVAL after a refusal, or TOO_LARGE_FOR_FAT16 if the request did not set the width.
 int try_fat16(const fat_format_param *param, u32 total_sectors, u32 page_unit, geometry *shape) {
     const u32 sector_shift = shift_of(param->sector_size);
     *shape = geometry{};
@@ -187,15 +187,16 @@ int try_fat32(const fat_format_param *param, u32 total_sectors, u32 page_unit, g
     return 0;
 }
 
-// Clusters behind a reserved area that the page made larger than the 32 sectors reckoned with.
+// Number of clusters after page alignment has enlarged the reserved area beyond the 32 sectors of
+// the estimate.
 s64 clusters_left(const fat_format_param *param, const geometry &shape) {
     const s64 moved = static_cast<s64>(shape.reserved) - FAT32_RESERVED_SECTORS;
     return (shape.data_sectors - moved) >> shift_of(param->sec_per_clus);
 }
 
-// Shapes that only requests other than the command line's lead to: a number that its field of the
-// boot sector would cut without a trace, a FAT16 without a root directory, a FAT32 that its cluster
-// count would make a FAT16.
+// Whether the boot sector can describe the shape. The command line never leads to the others: a
+// number too large for its field, a FAT16 without a root directory, a FAT32 with the cluster count
+// of a FAT16.
 bool is_describable(const fat_format_param *param, const geometry &shape, u32 root_entries) {
     if (shape.reserved > WORD_MAX || root_entries > WORD_MAX) {
         return false;
@@ -225,7 +226,7 @@ bool is_valid_request(const fat_format_param *param) {
         std::has_single_bit(param->sec_per_clus) && param->sec_per_clus <= MAX_SECTORS_PER_CLUSTER;
     return width_known && sector_known && cluster_known && param->nr_fat >= 1 &&
            param->nr_fat <= BYTE_MAX && param->root_entries <= WORD_MAX &&
-           (param->page_size % param->sector_size != 0 || // goes on without alignment
+           (param->page_size % param->sector_size != 0 || // formatted without alignment
             param->page_size / param->sector_size <= WORD_MAX);
 }
 

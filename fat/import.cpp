@@ -14,8 +14,7 @@ using namespace fat;
 
 namespace {
 
-// Bytes read, and handed to one write, at a time: the volume allocates the clusters of a whole
-// chunk at once.
+// Bytes of one read and one write: the volume allocates the clusters of a whole chunk at once.
 constexpr u32 CHUNK = 8U * 1024 * 1024;
 
 void show_written(u64 total, off_t size) {
@@ -24,8 +23,8 @@ void show_written(u64 total, off_t size) {
     std::fflush(stdout);
 }
 
-// Copies the host file up to its end, or to the first failure. A read that fails ends it like the
-// end of the file.
+// Copies the host file up to its end, or up to the first failure. Intentional: a failed read ends
+// the copy like the end of the file.
 void copy_data(int file, int id, u8 *chunk, const char *volume_path, const off_t *shown_size) {
     u64 total = 0;
     for (;;) {
@@ -46,9 +45,9 @@ void copy_data(int file, int id, u8 *chunk, const char *volume_path, const off_t
     }
 }
 
-// `shown_size` is the size that the progress line shows, null for no such line.
+// `shown_size` is the size in the progress line, null for no progress line.
 int copy_file(const char *host_path, const char *volume_path, u8 *chunk, const off_t *shown_size) {
-    const held_descriptor file(open(host_path, O_RDONLY | O_CLOEXEC));
+    const unique_fd file(open(host_path, O_RDONLY | O_CLOEXEC));
     if (file.get() < 0) {
         const int error = errno;
         report_at("fat_copy_to_zuq", __LINE__, "cannot open file:%s\n", host_path);
@@ -64,7 +63,7 @@ int copy_file(const char *host_path, const char *volume_path, u8 *chunk, const o
     if (shown_size != nullptr) {
         std::putchar('\n');
     }
-    (void)fat_close(id); // an id just given out
+    (void)fat_close(id); // cannot fail: the id is open
     return 0;
 }
 
@@ -72,7 +71,7 @@ int copy_link(const char *host_path, const char *volume_path, u8 *chunk) {
     char *target = reinterpret_cast<char *>(chunk);
     const ssize_t length = readlink(host_path, target, CHUNK);
     if (length < 1) {
-        const int error = errno != 0 ? errno : EINVAL; // an empty link leaves errno alone
+        const int error = errno != 0 ? errno : EINVAL; // an empty link does not set errno
         report_at("fat_copy_to_zuq", __LINE__, "Cannot read link!\n\n");
         return -error;
     }
@@ -102,7 +101,7 @@ int fat_copy_to_zuq(const char *host_path, const char *volume_path, int show_pro
         REPORT("Cannot get file status:%s!\n\n", host_path);
         return -error;
     }
-    const heap_ptr<u8> chunk = zeroed_bytes(CHUNK + 1); // a link's terminator behind a full chunk
+    const heap_ptr<u8> chunk = zeroed_bytes(CHUNK + 1); // one more byte terminates a link target
     if (chunk == nullptr) {
         REPORT("Cannot allocate memory.(err=%d)\n", -ENOMEM);
         return -ENOMEM;

@@ -1,24 +1,26 @@
-// What the sources of the library share. Outside fat/ only qvol and the tests include this.
+// Declarations that the sources of the library share. Outside fat/ only qvol and the tests include
+// this.
 //
-// Layers, from the ground up:
-//   diag, bytes, layout, resources  ground
+// Layers, from the lowest up:
+//   diag, bytes, layout, resources  basis: diagnostics, records on the medium, ownership
 //   volume                          the open target and its sectors
 //   param, geometry, bootsector, format
-//                                   laying a fresh file system
+//                                   formatting
 //   fatent, chain                   FAT entries and links, cluster chains
 //   dentry, name, encoding, lookup, build
 //                                   directory entries and their names: reading, finding, writing
 //   namei                           paths
 //   oentry                          open entries
-//   mount                           opening a formatted volume
+//   mount                           mounting a formatted volume
 //   create, remove, file            names, and the data of files
 //   list, debug                     listings and printers
 //   entries, metadata, zuq, fastpath, import, dump
-//                                   what programs do with open entries and whole volumes
-// Each calls those above it in this list. These calls go the other way and are meant: releasing a
-// volume frees its open entries (oentry) and converters (encoding), and compacting an image reads
-// its FAT (fatent); a new root directory gets its label entry (build); a chain that grows tells the
-// open entries of its directory (oentry); a path lookup makes a record for "./name" (oentry).
+//                                   operations on open entries and on whole volumes
+// Each layer calls those above it in this list. Intentional exceptions, which call in the other
+// direction: releasing a volume frees its open entries (oentry) and converters (encoding), and
+// compacting an image file reads its FAT (fatent); a new root directory gets its label entry
+// (build); a directory chain that grows updates the open entries of that directory (oentry); a path
+// lookup creates a record for "./name" (oentry).
 
 #pragma once
 
@@ -35,52 +37,52 @@
 
 // An open file or directory. Global because the public header names it.
 struct oentry {
-    fat::u32 start;         // first cluster, 0: none; of the FAT16 root its first sector
-    fat::u32 last;          // last cluster, 0: none; of the FAT16 root its last sector
+    fat::u32 start;         // first cluster, 0 without clusters; FAT16 root: its first sector
+    fat::u32 last;          // last cluster, 0 without clusters; FAT16 root: its last sector
     fat::u32 allocated;     // bytes of the whole chain
-    fat::u64 pos;           // byte position of reading
-    fat::u32 ref_count;     // holders of the slot
+    fat::u64 pos;           // byte position for reads
+    fat::u32 ref_count;     // references to the table slot
     fat::u32 dentry_sector; // sector of the directory entry, 0 for the root
     fat::u32 dentry_offset; // byte offset in that sector
-    fat::u8 *dentry;        // own copy of the 32-byte entry, on the heap; null for the root
+    fat::u8 *dentry;        // copy of the 32-byte entry, on the heap; null for the root
     fat::u32 parent_clus;   // first cluster of the parent, 0: the FAT16 root
     char name[256];         // last component of the path it was opened by
-    fat::u32 readdir_clus;  // cluster in which the fast directory walk stands
-    fat::u32 readdir_pos;   // index at which the fast directory walk goes on
+    fat::u32 readdir_clus;  // cluster that holds entry readdir_pos, for the fast directory walk
+    fat::u32 readdir_pos;   // index of the next entry of the fast directory walk
 };
 
 namespace fat {
 
 // ---- public calls -----------------------------------------------------------------------------
 
-// With no volume open a public call says so, in its own name, and fails.
+// Whether no volume is open. If so, prints a diagnostic in the name of `function`, a public call.
 [[nodiscard]] bool no_volume(const char *function);
 
-// The same for calls that need the geometry, which formatting and mounting find out.
+// The same for calls that need the geometry, which is known after formatting or mounting.
 [[nodiscard]] bool not_mounted(const char *function);
 
 // Stores the magnitude of a negative result in errno. Returns the result.
 int with_errno(int result);
 
-// The stream of a listing: null stands for standard output.
+// The stream of a listing: null selects standard output.
 [[nodiscard]] inline FILE *stream_or_stdout(FILE *stream) {
     return stream != nullptr ? stream : stdout;
 }
 
-// A text for "%s", which takes no null.
+// A text for "%s", which does not accept null.
 [[nodiscard]] constexpr const char *text_or_null(const char *text) {
     return text != nullptr ? text : "(null)";
 }
 
 // ---- volume -----------------------------------------------------------------------------------
 
-// The unit of sector transfers while the sector size of the volume is not known, in bytes.
+// Unit of sector transfers while the sector size of the volume is unknown, in bytes.
 inline constexpr u32 UNKNOWN_SECTOR_SIZE = 4096;
 
-// The unit of sector transfers now, in bytes: a buffer for one sector has this size.
+// Current unit of sector transfers, in bytes: the size of a buffer for one sector.
 [[nodiscard]] u32 transfer_unit();
 
-// Permission bits of the image files that the library makes.
+// Permission bits of image files that the library creates.
 inline constexpr mode_t IMAGE_MODE = 0660;
 
 // Opens `path`, sizes it and stores the new volume record in `sv`. Results as fat_open_volume().
@@ -89,47 +91,47 @@ inline constexpr mode_t IMAGE_MODE = 0660;
 // Frees all open entries and the volume record, as fat_close_volume().
 [[nodiscard]] int fat_release_volume(int compact);
 
-// Stores the size in bytes of the open regular file or block device in `size`.
-// Returns 0, -EINVAL (neither of the two) or -EACCES (the device does not tell).
+// Stores the size in bytes of the open regular file or block device in `size`. Returns 0, -EINVAL
+// (another file type) or -EACCES (the device does not report its size).
 [[nodiscard]] int check_vol_size(int fd, u64 *size);
 
 // Returns 1 when one byte can be read at byte `offset`, else 0.
 [[nodiscard]] int valid_offset(int fd, u64 offset);
 
-// Size in bytes by seeking to the end, or, where that tells nothing, by trying offsets.
+// Size in bytes: the end by seeking or, where that is 0, by probing offsets.
 [[nodiscard]] u64 get_device_size(int fd);
 
-// Sector transfers on the descriptor of `sv`: one seek and one system call; a short transfer is
-// not retried. Return the whole sectors moved, -EINVAL or -EIO.
+// Sector transfers on the descriptor of `sv`: one seek and one system call; a short transfer is not
+// retried. Return the number of whole sectors transferred, -EINVAL or -EIO.
 [[nodiscard]] int file_read_sectors(void *buf, u64 sector, u32 count);
 [[nodiscard]] int file_write_sectors(void *buf, u64 sector, u32 count);
 
-// Sectors that were read together because a walk goes through them in their order. Lives inside one
-// call, and is to be told of what that call writes.
+// Sectors that were read together because a walk visits them in ascending order. Lives within one
+// call; the owner reports every write of that call by refresh_sector() or forget_sector().
 struct sector_window {
     heap_ptr<u8> buffer;
-    u32 room = 0;          // sectors that the buffer takes
-    u64 first = 0;         // sector that it begins with
-    u32 count = 0;         // sectors that it holds, 0: none
-    u32 in_order = 0;      // sectors that the walk has passed without a jump, kept by its owner
-    u64 singles_below = 0; // sectors below this are read one by one: together they did not come
+    u32 room = 0;          // capacity of the buffer, in sectors
+    u64 first = 0;         // number of the first sector in the buffer
+    u32 count = 0;         // sectors in the buffer
+    u32 in_order = 0;      // sectors that the walk has visited without a jump, set by its owner
+    u64 singles_below = 0; // sectors below this are read one by one: reading them together failed
 
-    // The bytes of a sector, null where the window does not hold it.
+    // The bytes of a sector, null where the window does not contain it.
     [[nodiscard]] u8 *find(u64 sector) const;
 };
 
-// Makes room for one sector at least. False when there is no memory.
+// Ensures room for at least one sector. False without memory.
 [[nodiscard]] bool reserve_sector(sector_window *window);
 
-// Reads `count` sectors, or as many as a window is to hold, where that is more than one. True when
-// the window holds `sector` then. Otherwise the caller reads the one sector: a bad sector further
-// on, a short transfer or a lack of memory are nobody's failure here.
+// Reads up to `count` sectors into the window, limited by the maximum window size, if that is more
+// than one. True if the window contains `sector` afterwards; otherwise the caller reads that one
+// sector. A bad sector further on, a short transfer or a lack of memory are not errors here.
 [[nodiscard]] bool read_ahead(sector_window *window, u64 sector, u32 count);
 
-// Puts what was written to a sector into the window that holds it.
+// Copies the new content of a sector into the window if the window contains that sector.
 void refresh_sector(sector_window *window, u64 sector, const u8 *content);
 
-// Takes a sector of which nothing is known any more out of the window, with all others.
+// Empties the window if it contains a sector whose content is no longer known.
 void forget_sector(sector_window *window, u64 sector);
 
 // ---- format -----------------------------------------------------------------------------------
@@ -147,19 +149,20 @@ inline constexpr u32 MAX_SECTORS_PER_CLUSTER = 64;
     return value / unit + (value % unit != 0 ? 1 : 0);
 }
 
-// Whether the arithmetic of formatting is safe for the request: known FAT width, sector and cluster
-// sizes that are powers of two in range, counts that their fields on the medium can hold.
+// Whether the request is safe for the arithmetic of formatting: known FAT width, sector and cluster
+// sizes that are powers of two in range, counts that fit their fields on the medium.
 [[nodiscard]] bool is_valid_request(const fat_format_param *param);
 
-// Tells, in the name of `function`, that the request is none that can be formatted.
+// Prints, in the name of `function`, that the request cannot be formatted.
 void refuse_request(const char *function, const fat_format_param *param);
 
 // Smallest multiple of `a` that is at least x, and at least a: 0 becomes a.
 [[nodiscard]] u32 round_up_to(u32 x, u32 a);
 
-// Decides FAT width, FAT size, cluster count and the reserved and root areas for a volume of
-// `total_sectors` sectors. On success `fat_size`, `nr_rsvd_sec` and `root_entries` of the request
-// hold the decisions. Returns 0, -EINVAL after telling why the volume cannot be, or -1.
+// Chooses FAT width, FAT size, cluster count and the reserved and root areas for a volume of
+// `total_sectors` sectors. On success stores the choices in `fat_size`, `nr_rsvd_sec` and
+// `root_entries` of the request. Returns 0, -EINVAL after printing why the volume cannot be
+// formatted so, or -1.
 [[nodiscard]] int calc_fat_sectors(fat_format_param *param, u32 total_sectors, u32 *fat_sectors,
                                    u32 *num_clusters);
 
@@ -169,49 +172,49 @@ void refuse_request(const char *function, const fat_format_param *param);
 // Fills the zeroed FSInfo sector. Returns 0 or -EINVAL (null).
 [[nodiscard]] int set_fsinfo(u8 *sector);
 
-// Builds the four tables. Each buffer becomes the caller's, to be freed; `fsinfo` is null for
-// FAT16. Nothing is stored on failure: -EINVAL or -ENOMEM.
+// Builds the four tables. The caller owns the buffers and frees them; `fsinfo` is null for FAT16.
+// On failure nothing is stored: -EINVAL or -ENOMEM.
 [[nodiscard]] int make_tables(fat_format_param *param, u8 **pbr, u8 **fsinfo, u8 **fat, u8 **rdir);
 
-// Writes the tables; see fat_format(). The buffers stay the caller's.
+// Writes the tables; see fat_format(). Does not take ownership of the buffers.
 [[nodiscard]] int write_tables_vol(fat_format_param *param, u8 *pbr, u8 *rdir, u8 *fat, u8 *fsinfo);
 
-// One whole FAT copy, or a whole root directory, of the volume whose boot sector has its BIOS
-// parameter block at `bpb`. The buffer becomes the caller's. Return 0, -EINVAL or -ENOMEM.
+// Creates one FAT copy, or a root directory, for the volume whose boot sector has its BIOS
+// parameter block at `bpb`. The caller owns the buffer. Return 0, -EINVAL or -ENOMEM.
 [[nodiscard]] int create_fat(const u8 *bpb, u8 **fat);
 [[nodiscard]] int create_root_dir(const u8 *bpb, u8 **rdir);
 
-// Stores `value` in entry `index` of a FAT in memory; the reserved bits of a FAT32 entry stay.
-// Returns 0 or -EINVAL (`fat_type` is neither 16 nor 32).
+// Stores `value` in entry `index` of a FAT in memory; the reserved bits of a FAT32 entry do not
+// change. Returns 0 or -EINVAL (`fat_type` is neither 16 nor 32).
 [[nodiscard]] int set_fat_entry(u32 fat_type, void *table, int index, u32 value);
 
 // ---- fatent -----------------------------------------------------------------------------------
 
-// Changes to FAT entries within one public call. With `gathers` set, the changes of one sector are
-// written together, when a change moves on to another sector or at flush_editor(): each write then
-// stands where the last change of its sector stood. Otherwise every change is written at once.
-struct fat_editor {
-    bool gathers = false;
-    bool dirty = false;        // what `changed` holds is not on the medium yet
-    bool write_failed = false; // some write did
-    u32 step = 0;              // counted by the owner
-    u32 dirty_since = 0;       // the step of the first change that the last write carried
-    sector_window changed;     // the one sector that is being changed
-    sector_window seen;        // others, looked at in between
+// Write-back buffer for FAT entries within one public call. With `defers_writes`, a changed sector
+// is written when a change moves to another sector or at flush_fat(), so each write takes place
+// after the last change of its sector. Otherwise every change is written at once.
+struct fat_buffer {
+    bool defers_writes = false;
+    bool needs_flush = false;    // `dirty_sector` has changes that are not on the medium
+    bool write_failed = false;   // at least one write failed
+    u32 step = 0;                // number of the current step, set by the owner
+    u32 dirty_since_step = 0;    // step of the first change in the last sector written
+    sector_window dirty_sector;  // the one sector being changed
+    sector_window clean_sectors; // sectors that were only read
 };
 
-// Finds out that a chain runs in a circle, in time proportional to the circle and with no memory of
-// the clusters passed: the anchor is moved up at distances that double (Brent).
-struct circle_guard {
+// Detects a cycle in a chain in time proportional to its length and in constant memory: the anchor
+// moves forward at distances that double (Brent).
+struct cycle_detector {
     u32 anchor = 0;
     bool has_anchor = false;
     u32 span = 1;  // steps from one anchor to the next
     u32 steps = 1; // since the anchor was set
 
-    // To be called with each cluster of the chain in turn, or with `count` of them whose numbers go
-    // up one by one. True when the chain has come back, to the anchor.
-    [[nodiscard]] bool closes_at(u32 cluster);
-    [[nodiscard]] bool closes_within(u32 first, u32 count);
+    // Call with each cluster of the chain in turn, or with `count` clusters of consecutive numbers.
+    // True if the chain has reached the anchor again.
+    [[nodiscard]] bool closes_cycle(u32 cluster);
+    [[nodiscard]] bool closes_cycle_within(u32 first, u32 count);
 };
 
 [[nodiscard]] bool is_data_cluster(u32 cluster);
@@ -219,92 +222,94 @@ struct circle_guard {
 // Whether a FAT value ends a chain.
 [[nodiscard]] bool is_end_of_chain(u32 value);
 
-// The FAT value of a cluster that cannot be used.
+// FAT value that marks a bad cluster.
 [[nodiscard]] u32 bad_mark();
 
-// Stores the value of a FAT entry, without its reserved bits, in `value`. The number is not checked
-// against the volume. Returns 0, -EINVAL, -ENOMEM or -EIO.
+// Stores the value of a FAT entry, without its reserved bits, in `value`. Does not check the
+// cluster number against the volume. Returns 0, -EINVAL, -ENOMEM or -EIO.
 [[nodiscard]] int fat_read_entry(u32 cluster, u32 *value);
 
-// Changes one entry of the first FAT: its sector is read, changed and written back. The reserved
-// bits of a FAT32 entry stay. Returns 0, -EINVAL, -ENOMEM or -EIO; the FAT is unchanged unless the
-// write itself failed.
+// Changes one entry of the first FAT: reads its sector, changes it and writes it back. The reserved
+// bits of a FAT32 entry do not change. Returns 0, -EINVAL, -ENOMEM or -EIO; the FAT is unchanged
+// unless the write itself failed.
 [[nodiscard]] int fat_write_entry(u32 cluster, u32 value);
 
-// fat_write_entry() within an editor, and the write of what it gathered. The owner of a gathering
-// editor flushes it at its end. Results and messages are those of fat_write_entry().
-[[nodiscard]] int edit_entry(fat_editor *editor, u32 cluster, u32 value);
-[[nodiscard]] int flush_editor(fat_editor *editor);
+// fat_write_entry() through a write-back buffer, and the write of its deferred changes. The owner
+// of a buffer that defers writes calls flush_fat() at the end. Results and messages are those of
+// fat_write_entry().
+[[nodiscard]] int write_entry(fat_buffer *fat, u32 cluster, u32 value);
+[[nodiscard]] int flush_fat(fat_buffer *fat);
 
-// Follows one link: 0 for a free entry, the end-of-chain value, the next cluster, or a negative
-// errno for a number that is no data cluster, an entry that is no link, or a failed read.
+// Follows one link. Returns the next cluster, 0 for a free entry, the end-of-chain value, or a
+// negative errno: the number is not a data cluster, the entry is not a link, or the read failed.
 [[nodiscard]] int fat_read_clus(u32 cluster);
 
-// The same for walks, which read a FAT sector once while they stay in it. An editor writes what it
-// gathered before it tells a failure; where that fails, it is the failure.
+// The same for walks, which read a FAT sector once as long as they stay in it. A write-back buffer
+// is flushed before a failure is reported; an error of that write takes precedence.
 [[nodiscard]] int follow_link(sector_window *fat, u32 cluster);
-[[nodiscard]] int follow_link(fat_editor *editor, u32 cluster);
+[[nodiscard]] int follow_link(fat_buffer *fat, u32 cluster);
 
-// How many links from `cluster` on lead from each cluster to the one behind it, as far as the
-// window shows, but `most` at most. Nothing is read for it.
-[[nodiscard]] u32 count_straight_links(const sector_window &fat, u32 cluster, u32 most);
+// Number of links from `cluster` on that lead to the next higher cluster number, as far as the
+// window contains them, at most `max_links`. Reads nothing.
+[[nodiscard]] u32 count_contiguous_links(const sector_window &fat, u32 cluster, u32 max_links);
 
-// The lowest free cluster from `first` to `last`, both included; -ENOENT when there is none, or the
-// error of the first entry that cannot be read or is no link.
+// The lowest free cluster from `first` to `last`, both included; -ENOENT if there is no free one,
+// or the error of the first entry that cannot be read or is not a link.
 [[nodiscard]] int fat_free_clus(u32 first, u32 last);
 
-// The same as an editor sees the FAT, with the changes that it has not written yet.
-[[nodiscard]] int find_free(fat_editor *editor, u32 first, u32 last);
+// The same through a write-back buffer, including its deferred changes.
+[[nodiscard]] int find_free(fat_buffer *fat, u32 first, u32 last);
 
-// First sector of a cluster; 0 when the cluster lies outside the volume.
+// First sector of a cluster; 0 for a cluster outside the volume.
 [[nodiscard]] u32 fat_sector(u32 cluster);
 
 // ---- chain ------------------------------------------------------------------------------------
 
-// Finds a free cluster behind the hint, marks it as the end of a chain and links it behind the last
-// cluster of `entry`, or makes it the first; with a null entry it stands alone. `cluster` receives
-// its number and must be initialised. The data of the cluster is not touched. Returns 0, -ENOSPC,
-// or the error of the FAT; the FAT is then as it was.
+// Finds a free cluster after the hint, marks it as the end of a chain and links it to the last
+// cluster of `entry`, or makes it the first one; with a null entry it starts a chain of its own.
+// `cluster` receives its number; the caller initialises it. Does not write the data of the cluster.
+// Returns 0, -ENOSPC, or the error of the FAT, which is then unchanged.
 [[nodiscard]] int fat_alloc_cluster(oentry *entry, u32 *cluster);
 
-// Allocates `count` clusters for the entry in one go; `clusters` receives their numbers and must be
-// zeroed. Each changed FAT sector is written once while the allocations stay in it. Returns 0, or
-// the error of the first allocation that failed: the caller is then to undo. `allocated` receives
-// how many the entry's size has grown by, those of a sector that could not be written included;
-// the entry's start, its image and the hint are those of the last one that reached the medium.
+// Allocates `count` clusters for the entry at once; `clusters` receives their numbers and is zeroed
+// by the caller. Writes each changed FAT sector once as long as the allocations stay in it. Returns
+// 0, or the error of the first allocation that failed: the caller then calls undo_allocation().
+// `allocated` receives the number of clusters added to the size of the entry, including those of a
+// sector that could not be written; the start of the entry, its dentry copy and the hint are those
+// of the last allocation that reached the medium.
 [[nodiscard]] int alloc_clusters(oentry *entry, u32 *clusters, u32 count, u32 *allocated);
 
-// Takes back what alloc_clusters() did: ends the chain at `old_last` again and frees the clusters
-// up to the first number that is none. Start and image of the entry stay as they are, and where
-// there was no last cluster the end mark goes into FAT entry 0.
+// Undoes alloc_clusters(): ends the chain at `old_last` again and frees the clusters up to the
+// first number that is not a data cluster. Does not change start and dentry copy of the entry. With
+// no previous last cluster the end mark goes to FAT entry 0.
 void undo_allocation(oentry *entry, u32 old_last, const u32 *clusters, u32 count, u32 allocated);
 
-// Writes zeroes over the sectors of a cluster. Returns 0, -ENOMEM or -EIO.
+// Writes zeros to all sectors of a cluster. Returns 0, -ENOMEM or -EIO.
 [[nodiscard]] int clear_cluster(u32 cluster);
 
-// Appends a cleared cluster to the directory, or makes a free-standing one where `entry` is null.
-// All open records of the directory learn of it. `cluster` may be null. Returns 0 or an error.
+// Appends a cleared cluster to the directory, or allocates an unlinked one if `entry` is null.
+// Updates all open records of the directory. `cluster` may be null. Returns 0 or a negative errno.
 [[nodiscard]] int fat_extend_dir(oentry *entry, u32 *cluster);
 
-// Clusters of the chain that begins at `first`; its last one is stored in `last`. Returns 0 when
-// the chain runs into a free entry, -EINVAL when it is broken in another way.
+// Number of clusters of the chain that begins at `first`; stores its last cluster in `last`.
+// Returns 0 for a chain that leads to a free entry, -EINVAL for one that is broken in another way.
 [[nodiscard]] int fat_count_clusters(u32 first, u32 *last);
 
-// Frees the clusters of the chain behind the first `keep`. The record and its image stay as they
-// are, and so does the link of the last cluster that is kept. Returns the clusters freed, -EINVAL
-// for a broken chain, or the error of a failed write: what was freed before stays free.
+// Frees the clusters of the chain after the first `keep`. Does not change the record, its dentry
+// copy, nor the link of the last remaining cluster. Returns the number of clusters freed, -EINVAL
+// for a broken chain, or the error of a failed write; clusters freed before a failure stay free.
 [[nodiscard]] int fat_release_clusters(oentry *entry, u32 keep);
 
-// The clusters of the chain in a new array, with 0xFFFFFFFF behind the last, the caller's to free.
-// Returns the slots that the allocated size asks for, terminator included; 0 for an entry with
-// nothing allocated (no array is made), -EINVAL or -ENOMEM.
+// Stores the clusters of the chain, followed by 0xFFFFFFFF, in a new array that the caller frees.
+// Returns the number of array elements that the allocated size requires, terminator included; 0 for
+// an entry without clusters (no array is created), -EINVAL or -ENOMEM.
 [[nodiscard]] int fat_get_chains(oentry *entry, u32 **array);
 
 // ---- name -------------------------------------------------------------------------------------
 
-// Entry types, as entry_type() tells them. Fixed numbers: listings and programs use them.
+// Results of entry_type(). Fixed numbers: listings and programs use them.
 enum : u32 {
-    DENTRY_UNUSED = 0, // and the end of the directory
+    DENTRY_UNUSED = 0, // also the end of the directory
     DENTRY_DELETED = 1,
     DENTRY_FILE = 2,
     DENTRY_DIR = 3,
@@ -321,328 +326,336 @@ inline constexpr u32 SLOT_UNITS = 13;       // units of one long-name slot
 
 // A name in the three forms that a directory needs.
 struct fat_name {
-    char *cstring; // as given, the caller's; conversion cuts trailing blanks and dots off it
+    char *cstring; // owned by the caller; conversion removes its trailing spaces and dots
     u8 *dosName;   // 11 bytes on the heap
-    u16 *unicode;  // NUL-terminated long name on the heap, null where none is needed
+    u16 *unicode;  // NUL-terminated long name on the heap, null if the short name suffices
     u32 ulen;      // units of the long name without its terminator
     u8 lcase;      // case byte of the short entry: 0x08 lower-case base, 0x10 extension
-    u32 lossy;     // 1: the short name is no faithful copy
+    u32 lossy;     // 1: the short name differs from the name given
 };
 
-// Frees what the record owns and empties it. The string stays the caller's.
+// Frees the buffers of the record and clears it. Does not free the string.
 void release_name(fat_name *name);
 
-// Fills the record from the string. Returns 0, -EINVAL or -ENOMEM; on failure nothing is left
+// Fills the record from the string. Returns 0, -EINVAL or -ENOMEM; on failure no buffer is
 // allocated.
 [[nodiscard]] int get_fatnames(char *cstring, fat_name *name);
 
-// Makes the short name and, where that cannot hold the name and long names are on, the long one.
-// The buffers become the caller's. The last three outputs may be null.
+// Creates the short name and, if it cannot represent the name and long names are on, the long one.
+// The caller frees the buffers. The last three outputs may be null.
 [[nodiscard]] int convert_name(char *cstring, u8 **dosName, u16 **unicode, u32 *ulen, u8 *lcase,
                                u32 *lossy);
 
-// Makes an 8.3 name of 11 bytes. `case_out` receives 0xFF for mixed case; for "." and ".." it is
-// not written. `case_out` and `lossy` may be null. Returns 0 or -EINVAL (nothing left of the name).
+// Creates an 8.3 name of 11 bytes. `case_out` receives 0xFF for mixed case; it is not written for
+// "." and "..". `case_out` and `lossy` may be null. Returns 0 or -EINVAL (no character of the name
+// remains).
 [[nodiscard]] int convert_cstring_to_dosname(char *cstring, u8 *dos, u8 *case_out, u32 *lossy);
 
-// Cuts trailing blanks and dots off in place, but never the first character. `end`, which may be
-// null, receives the place of the new terminator. Returns 0 or -EINVAL (null).
+// Removes trailing spaces and dots in place, except the first character. `end`, which may be null,
+// receives the position of the new terminator. Returns 0 or -EINVAL (null).
 int remove_trail_blanks(char *str, char **end);
 
-// The text of a stored short name, at most 13 bytes with its terminator. Returns 0.
+// Converts a stored short name to text of at most 13 bytes, terminator included. Returns 0.
 int convert_dosname_to_cstring(const u8 *dos, char *out, u8 lcase);
 
-// The checksum that ties long-name slots to their short entry.
+// Checksum of a short name that its long-name slots carry.
 [[nodiscard]] u8 dosname_checksum(const u8 *dos);
 
-// Gives the short name the lowest numeric tail that no entry of the directory with the same prefix
-// has. Returns 0, -EEXIST (1 to 1023 are taken), -ENOMEM or the error of the walk.
+// Appends to the short name the lowest numeric tail that no entry of the directory with the same
+// prefix has. Returns 0, -EEXIST (1 to 1023 are in use), -ENOMEM or the error of the walk.
 [[nodiscard]] int add_numeric_tail(oentry *dir, u8 *dos);
 
-// Puts "~n" behind the base, or over its end. Returns 0 or -EINVAL (n is over 1024).
+// Writes "~n" after the base, or over its end. Returns 0 or -EINVAL (n is over 1024).
 [[nodiscard]] int append_tail(u8 *dos, u32 n);
 
-// Refuses forbidden characters and device names. Returns 0 or -EINVAL.
+// Rejects forbidden characters and device names. Returns 0 or -EINVAL.
 [[nodiscard]] int verify_valid_name(const char *cstring);
 
-// Classifies a raw 32-byte entry; one that is none is reported.
+// Classifies a raw 32-byte entry; prints a diagnostic for an invalid one.
 [[nodiscard]] u32 entry_type(const u8 *dentry);
 
-// Long names to and from the encoding of the volume, or ASCII where none is set. `unicode` and
-// `cstring` hold 256 units and 256 bytes. Return the units or bytes without the terminator, or a
-// negative errno. The forward direction cuts trailing blanks and dots off `cstring`, and a
-// byte-order mark from the front of the name. 256 units without a terminator fill all 256 bytes,
-// unterminated.
+// Convert a long name from and to the encoding of the volume, or ASCII if it has no encoding.
+// `unicode` and `cstring` have room for 256 units and 256 bytes. Return the number of units or
+// bytes without the terminator, or a negative errno. convert_cstring_to_uname() removes trailing
+// spaces and dots from `cstring`, and a leading byte-order mark from the name. 256 units without a
+// terminator fill all 256 bytes, which are then not terminated either.
 [[nodiscard]] int convert_cstring_to_uname(char *cstring, u16 *unicode);
 [[nodiscard]] int convert_uname_to_cstring(const u16 *unicode, char *cstring);
 
-// Room for every long name in every encoding that takes up to three bytes for a unit.
-inline constexpr u32 SHOWN_NAME_SIZE = sizeof(fat_entry_info::name);
-static_assert(SHOWN_NAME_SIZE == 3 * LONG_NAME_UNITS);
+// Room for every long name in every encoding of at most three bytes a unit.
+inline constexpr u32 DISPLAY_NAME_SIZE = sizeof(fat_entry_info::name);
+static_assert(DISPLAY_NAME_SIZE == 3 * LONG_NAME_UNITS);
 
-// Stores a long name as a person sees it. False, silently, for an empty one and for one that the
-// encoding does not have or the room does not hold: that is shown by its short name.
-[[nodiscard]] bool store_shown_name(const u16 *unicode, char (&text)[SHOWN_NAME_SIZE]);
+// Stores a long name as text for display. False, without a diagnostic, for an empty name and for
+// one that is not representable in the encoding or too long for `text`: the caller then shows the
+// short name.
+[[nodiscard]] bool store_display_name(const u16 *unicode, char (&text)[DISPLAY_NAME_SIZE]);
 
 // Closes the converters of the volume.
 void close_encoding();
 
 // ---- dentry -----------------------------------------------------------------------------------
 
-// Where an entry lies: its sector, and the byte offset there.
+// Location of an entry: its sector, and the byte offset in that sector.
 struct dentry_location {
     u32 sector;
     u32 offset;
 };
 
-// A place in a cluster chain, kept while a walk over its sectors goes on. Lives inside one call.
-struct chain_place {
-    u32 first = 0;   // the chain; 0: none yet
-    u32 cluster = 0; // where the place is
-    u32 links = 0;   // followed from the first cluster to here
-    circle_guard guard;
+// Position in a cluster chain during a walk over its sectors. Lives within one call.
+struct chain_cursor {
+    u32 first = 0;   // first cluster of the chain; 0: not set
+    u32 cluster = 0; // current cluster
+    u32 links = 0;   // number of links from the first cluster to the current one
+    cycle_detector detector;
     sector_window fat;
 };
 
-// A walk over the entries of one directory: the sector it stands in and its place in the chain.
+// A walk over the entries of one directory: the sector in its buffer and its position in the chain.
 struct dentry_walk {
-    const oentry *dir = nullptr; // bounds the walk; null: the chain alone does
+    const oentry *dir = nullptr; // bounds the walk; null: bounded by the chain only
     u32 base_clu = 0;            // 0: the FAT16 root area
     heap_ptr<u8> sector_buf;
-    u32 first_index = 0;    // of the entries in the buffer
-    u32 loaded_entries = 0; // in the buffer, 0: none yet
+    u32 first_index = 0;    // index of the first entry in the buffer
+    u32 loaded_entries = 0; // number of entries in the buffer
     sector_window ahead;
-    chain_place place;
+    chain_cursor cursor;
     dentry_location location = {};
 };
 
-// Begin a walk over an open directory, or over one given by its base cluster. Return false when
-// there is no memory for the sector; telling so is the caller's part.
+// Begin a walk over an open directory, or over the directory at a base cluster. Return false
+// without memory for the sector, which the caller reports.
 [[nodiscard]] bool begin_walk(dentry_walk *walk, const oentry *dir);
 [[nodiscard]] bool begin_walk(dentry_walk *walk, u32 base_clu);
 
-// Points `entry` at entry `index`; its sector is read unless the walk stands in it. Results and
-// messages are those of fat_get_dentry() for an open directory, else of get_dentry_with_clu().
+// Sets `entry` to entry `index`; reads its sector unless it is in the buffer. Results and messages
+// are those of fat_get_dentry() for an open directory, else of get_dentry_with_clu().
 [[nodiscard]] int walk_to(dentry_walk *walk, u32 index, u8 **entry);
 
-// Whether the record is the root directory, or a copy of its record. A record that has lost its
-// image, since its chain runs into a free entry, is not.
+// Whether the record is the root directory or a copy of its record. False for a record that lost
+// its dentry copy because its chain leads to a free entry.
 [[nodiscard]] bool is_root(const oentry *entry);
 
 // The same for the root directory in the fixed area of a FAT16 volume.
 [[nodiscard]] bool is_fat16_root(const oentry *entry);
 
-// Whether the place of a record's entry is inside a sector: not where the record is older than the
-// sector size, because the volume was formatted or mounted anew while it was open.
+// Whether the location of the entry of a record is within a sector. False for a record older than
+// the sector size, if the volume was formatted or mounted again while the record was open.
 [[nodiscard]] bool lies_in_one_sector(const oentry &entry);
 
-// Whether a copy of a short entry describes a directory that has not been removed. False for null.
+// Whether a copy of a short entry describes a directory that is not removed. False for null.
 [[nodiscard]] bool is_live_directory(const u8 *dentry);
 
-// Whether a record is the root or a directory that has not been removed.
+// Whether a record is the root directory or a directory that is not removed.
 [[nodiscard]] bool is_open_directory(const oentry *entry);
 
-// Whether a slot may be taken: unused or deleted.
+// Whether a slot is available: unused or deleted.
 [[nodiscard]] bool is_free_slot(const u8 *entry);
 
 // First cluster of a short entry.
 [[nodiscard]] u32 start_cluster(const u8 *dentry);
 void set_start_cluster(u8 *dentry, u32 cluster);
 
-// The base cluster of an open directory: 0 for the FAT16 root.
+// Base cluster of an open directory: 0 for the FAT16 root.
 [[nodiscard]] u32 base_cluster(const oentry *dir);
 
-// The sector that holds sector `sector_index` of the directory. Returns 0, -EFAULT behind the end
-// of the root area or of the chain, or -EINVAL: no cluster to begin with, or a chain that is broken
-// or found to run in a circle on the way.
+// Stores the volume sector of sector `sector_index` of the directory. Returns 0, -EFAULT past the
+// end of the root area or of the chain, or -EINVAL: invalid first cluster, or a broken chain or
+// cycle before the sector.
 [[nodiscard]] int get_phy_sector(u32 base_clu, u32 sector_index, u32 *sector);
 
-// The same for a walk that goes on from `place`.
-[[nodiscard]] int locate_sector(chain_place *place, u32 base_clu, u32 sector_index, u32 *sector);
+// The same for a walk that continues from `cursor`.
+[[nodiscard]] int locate_sector(chain_cursor *cursor, u32 base_clu, u32 sector_index, u32 *sector);
 
 [[nodiscard]] int get_phy_sector_by_offset(u32 base_clu, u32 byte_offset, u32 *sector);
 [[nodiscard]] int get_entry_sector(u32 base_clu, u32 index, u32 *sector);
 
-// Reads the sector of entry `index` into `sector_buf` (one sector) and points `entry` into it.
-// `location` may be null. Returns 0, -EFAULT behind the end, -EINVAL or -EIO.
+// Reads the sector of entry `index` into `sector_buf` (one sector) and sets `entry` to a position
+// in it. `location` may be null. Returns 0, -EFAULT past the end, -EINVAL or -EIO.
 [[nodiscard]] int get_dentry_with_clu(u32 base_clu, u32 index, u8 **entry, u8 *sector_buf,
                                       dentry_location *location);
 
-// The same for a walk that goes on from `place`.
-[[nodiscard]] int get_dentry_from(chain_place *place, u32 base_clu, u32 index, u8 **entry,
+// The same for a walk that continues from `cursor`.
+[[nodiscard]] int get_dentry_from(chain_cursor *cursor, u32 base_clu, u32 index, u8 **entry,
                                   u8 *sector_buf, dentry_location *location);
 
-// The same for an open directory; -EFAULT for an index behind its allocated size.
+// The same for an open directory; -EFAULT for an index past its allocated size.
 [[nodiscard]] int fat_get_dentry(oentry *dir, u32 index, u8 **entry, u8 *sector_buf,
                                  dentry_location *location);
 
-// Entries of an open directory; 512 for the FAT16 root, whatever its area holds.
+// Number of entries of an open directory; 512 for the FAT16 root, regardless of the size of its
+// area.
 [[nodiscard]] u32 dir_entry_count(const oentry *dir);
 
-// Copies the units of one long-name slot up to its terminator, and ends those of a full last slot
-// with one: up to 14 units. Returns 0.
+// Copies the units of one long-name slot up to its terminator, and terminates those of a full last
+// slot: up to 14 units. Returns 0.
 int get_lfn_chars(const u8 *slot, u16 *units);
 
-// Index of the short entry that the name finds. `name`, which may be null, is filled and stays
-// filled for the caller to release. Returns -ENOENT, -EINVAL, -ENOMEM or the error of the walk.
+// Index of the short entry that matches the name. `name`, which may be null, is filled for the
+// caller, who releases it. Returns -ENOENT, -EINVAL, -ENOMEM or the error of the walk.
 [[nodiscard]] int fat_find_dentry(oentry *dir, char *cstring, fat_name *name);
 [[nodiscard]] int find_dentry_with_clu(u32 base_clu, char *cstring, fat_name *name);
 
-// Looks at one entry of a lookup: gathers a long-name slot into `gathered` (256 units), compares a
-// short entry. Returns -EEXIST when the entry matches, else 0.
+// Processes one entry of a lookup: collects a long-name slot in `gathered` (256 units), or compares
+// a short entry. Returns -EEXIST if the entry matches, else 0.
 [[nodiscard]] int compare_entry_name(const u8 *entry, const u8 *dosName, const u16 *unicode,
                                      u16 *gathered, u32 *gathering);
 
-// Copies the units of a slot to the place in `gathered` (256 units) that its ordinal names; what
-// lies outside is left out.
+// Copies the units of a slot to the position in `gathered` (256 units) that its ordinal selects;
+// skips units outside.
 void gather_slot(const u8 *slot, u16 *gathered);
 
-// Gathers the long name whose last slot is `*entry`, entry `index` of the directory, standing in
-// `sector_buf`, into `units` (256). Returns its slots, 0 for a broken name, or a negative errno.
-// `*entry` then points at the entry behind the last slot that was read. A name that fills all 256
-// units, as only a damaged medium has it, is not terminated.
+// Collects in `units` (256) the long name whose last slot is `*entry`, entry `index` of the
+// directory, a position in `sector_buf`. Returns the number of its slots, 0 for a broken name, or a
+// negative errno. `*entry` is then the entry after the last slot read. A name of all 256 units,
+// which only a damaged medium has, is not terminated.
 [[nodiscard]] int get_long_name(oentry *dir, u32 index, u8 **entry, u8 *sector_buf, u16 *units);
 
-// 0 when the first 256 units, or all up to a common terminator, are equal.
+// Returns 0 if the first 256 units, or all up to a common terminator, are equal.
 [[nodiscard]] int uname_compare(const u16 *a, const u16 *b);
 
 // Packs a local time: date = years since 1980, month, day; time = hours, minutes, seconds / 2.
 void dos_time_date(const tm *t, u16 *date, u16 *time);
 
-// Stamps the present local time as the modification time of a short entry.
+// Sets the modification time of a short entry to the present local time.
 void set_entry_time(u8 *entry);
 
 // ---- build ------------------------------------------------------------------------------------
 
-// The kind of entry that only creation knows; files, directories and volume labels are named by
-// their entry types.
+// Kind of entry for creation only; files, directories and volume labels have the numbers of their
+// entry types.
 inline constexpr u32 KIND_SYMLINK = 7;
 
-// The sectors that a run of slots touches, in the order in which they were read.
-struct run_sectors {
+// The sectors that contain a span of slots, in the order in which they were read.
+struct span_sectors {
     static constexpr u32 MAX = 3; // a long name takes 21 slots at most
     heap_ptr<u8> buffers[MAX];
     u32 sectors[MAX] = {};
     u32 used = 0;
 
-    // Makes room for one more sector. Returns 0, -EINVAL (all room is used) or -ENOMEM.
+    // Allocates a buffer for one more sector. Returns 0, -EINVAL (already MAX sectors) or -ENOMEM.
     [[nodiscard]] int reserve();
 
-    // Reads the sector of slot `index` into the room reserved. Returns 0 or a negative errno.
+    // Reads the sector of slot `index` into the buffer reserved last. Returns 0 or a negative
+    // errno.
     [[nodiscard]] int load(oentry *dir, u32 index, u8 **entry);
 
-    // Writes all of them back. Returns 0 or a negative errno.
+    // Writes all sectors to the medium. Returns 0 or a negative errno.
     [[nodiscard]] int write_back();
 };
 
-// Whether two slots of a directory lie in one sector.
+// Whether two slots of a directory are in one sector.
 [[nodiscard]] bool same_sector(u32 index_a, u32 index_b);
 
-// Stores in `index` the first of `count` free slots in a row, deleted ones included; a directory
-// without such a run grows. Returns 0, -ENOSPC, -EINVAL, -ENOMEM or the error of the walk.
+// Stores in `index` the first of `count` consecutive free slots, deleted ones included; extends a
+// directory that has no such span. Returns 0, -ENOSPC, -EINVAL, -ENOMEM or the error of the walk.
 [[nodiscard]] int fat_find_empty_entries(oentry *dir, u32 count, u32 *index);
 
-// Fills a short entry in memory and stamps it. Returns 0 or -EINVAL (unknown kind).
+// Fills a short entry in memory and sets its time. Returns 0 or -EINVAL (unknown kind).
 [[nodiscard]] int set_entry_value(u8 *entry, const u8 *dos, u32 kind, u32 start_clu, u8 lcase);
 
 // Fills an entry with a volume label of 11 bytes. Returns 0.
 int set_volume_entry(u8 *entry, const u8 *label);
 
-// Fills one long-name slot with the 13 units from `units` on, or as many as end the name. Returns
-// 0.
+// Fills one long-name slot with 13 units from `units` on, or up to the terminator of the name.
+// Returns 0.
 int set_long_slot(u8 *slot, u8 ordinal, const u16 *units, u8 checksum);
 
-// Writes the long-name slots and the short entry of a name into `count` slots from `first` on; the
-// short name of a name with a long form receives its numeric tail before. Returns the index of the
-// short entry, or a negative errno: a failed write leaves the sectors before it written.
+// Writes the long-name slots and the short entry of a name to `count` slots from `first` on, after
+// adding a numeric tail to the short name of a name with a long form. Returns the index of the
+// short entry, or a negative errno; sectors written before a failed write stay written.
 [[nodiscard]] int build_entry(oentry *dir, u32 first, u32 count, u32 kind, fat_name *name,
                               u32 start_clu);
 
-// Writes "." and ".." into the first slots of a new directory; `parent_clu` is 0 where the parent
-// is the root. Returns 0 or a negative errno.
+// Writes "." and ".." to the first slots of a new directory; `parent_clu` is 0 if the parent is the
+// root. Returns 0 or a negative errno.
 [[nodiscard]] int init_directory(u32 parent_clu, u32 new_clu);
 
 // ---- mount ------------------------------------------------------------------------------------
 
-// Reads the boot sector into `buf` (one sector). Returns its sector, which is 0, or -EIO, or
-// -EINVAL where it carries no signature.
+// Reads the boot sector into `buf` (one sector). Returns its sector number, which is 0, -EIO, or
+// -EINVAL if it has no signature.
 [[nodiscard]] int get_pbr_sector(u8 *buf);
 
 // ---- namei ------------------------------------------------------------------------------------
 
 inline constexpr u32 MAX_PATH_LENGTH = 260; // characters
 
-// What fat_get_name() fills, with room for the terminator of a path of the full length. To be
-// zeroed by its owner.
+// Output buffer of fat_get_name(), with room for the terminator of a path of maximum length. The
+// owner zeroes it.
 using path_buffer = char[MAX_PATH_LENGTH + 1];
 
-// A path taken apart. The pointers lead into the path; a component ends at the next slash.
+// A path split into components. The pointers refer to the path; a component ends at the next slash.
 struct fat_path {
-    char **path; // the parent components, on the heap, to be freed by the record's user
-    int depth;   // how many
+    char **path; // parent components; the array is on the heap and freed by the caller
+    int depth;   // number of parent components
     char *name;  // the final component
 };
 
-// Takes `path` apart. Returns 0, -EINVAL, -ENOMEM, or -ENAMETOOLONG for over 1024 components.
+// Splits `path` into components. Returns 0, -EINVAL, -ENOMEM, or -ENAMETOOLONG for over 1024
+// components.
 [[nodiscard]] int resolve_path(char *path, fat_path *rec, char **name, int *depth);
 
-// Finds the open directory in which the final name of the path is to be looked for. A path with a
-// parent component other than "." is followed no further than to that parent's entry: the result is
-// then not negative and `dir` is left as it was. Where all parents are ".", `dir` is a record made
-// for the caller: free_lookup_result() ends it in every case.
+// Finds the open directory in which the final name of the path is to be looked up. A path with a
+// parent component other than "." is followed only to the entry of that parent: the result is then
+// not negative and `dir` is not changed. If all parents are ".", `dir` is a new record; the caller
+// calls free_lookup_result() in every case.
 [[nodiscard]] int fat_path_lookup(char *path, oentry **dir, char **name);
 
-// Frees a directory that a lookup made; the root and the current directory stay.
+// Frees a directory record that a lookup created; ignores the root and the current directory.
 void free_lookup_result(oentry *dir);
 
-// Copies a path without its trailing slashes into 260 bytes; one of 260 characters is not
-// terminated by that. Returns its length, -EINVAL (null) or -ENAMETOOLONG.
+// Copies a path without its trailing slashes into 260 bytes; does not terminate a path of 260
+// characters. Returns its length, -EINVAL (null) or -ENAMETOOLONG.
 [[nodiscard]] int fat_get_name(const char *path, char *out);
 
 // ---- create, remove ---------------------------------------------------------------------------
 
 // Creates a name of the given kind in the open directory. Returns the index of its short entry,
-// -EEXIST, -EINVAL (null, or the directory has been removed), -ENOSPC where no slots could be
-// found, or another negative errno; a cluster allocated before a failure stays allocated.
+// -EEXIST, -EINVAL (null, or the directory is removed), -ENOSPC if no slots were found, or another
+// negative errno; a cluster allocated before a failure stays allocated.
 [[nodiscard]] int do_create(oentry *dir, char *name, u32 kind);
 
-// The same for a path; opens what was created. Returns its id or a negative errno.
+// The same for a path; opens the new entry. Returns its id or a negative errno.
 [[nodiscard]] int create_internal(char *path, u32 kind);
 
-// Removes entry `index` with its clusters. Returns what remove_entry() does, or a negative errno.
+// Removes entry `index` and frees its clusters. Returns the result of remove_entry(), or a negative
+// errno.
 [[nodiscard]] int do_delete(oentry *dir, u32 index);
 
-// Marks entry `index` deleted. Returns the entries marked, 1 or more, or a negative errno.
+// Marks entry `index` deleted. Returns the number of entries marked, 1 or more, or a negative
+// errno.
 [[nodiscard]] int remove_entry(oentry *dir, u32 index);
 
-// Whether nothing but unused and deleted entries stands behind "." and "..". Returns 0 or 1 when it
-// is so, -ENOTEMPTY when not, or another negative errno.
+// Whether only unused and deleted entries follow "." and "..". Returns 0 or 1 if so, else
+// -ENOTEMPTY or another negative errno.
 [[nodiscard]] int is_empty_dir(oentry *dir);
 
-// The name of a short entry: its long name where it has whole slots, else its short one. `size` is
-// 256 or more. Returns 0, -ENOENT (no such entry), -EINVAL, -ENOMEM or the error of the walk.
+// Stores the name of a short entry: its long name if that is complete, else the short one. `size`
+// is at least 256. Returns 0, -ENOENT (no such entry), -EINVAL, -ENOMEM or the error of the walk.
 [[nodiscard]] int get_name_of_entry(u32 base_clu, u32 index, char *out, u32 size);
 
 // ---- oentry -----------------------------------------------------------------------------------
 
 inline constexpr u32 MAX_ENTRIES = std::size(oentry_table);
 
-// The record of an id, null for an empty slot and for what is no id.
+// The record of an id, null for an empty slot and for an invalid id.
 [[nodiscard]] oentry *entry_of(int id);
 
-// Stores the record in the lowest free slot, which then owns it. Returns its id or -EMFILE.
+// Stores the record in the lowest free slot, which takes ownership. Returns its id or -EMFILE.
 [[nodiscard]] int register_oentry(oentry *entry);
 
-// Fills a zeroed record from the image of a directory entry that lies at byte `offset` of `sector`,
-// or as the root directory where the image is null. An image of ".." that leads to the root gives a
-// copy of the root's record; an entry whose chain runs into a free entry gives a record without an
-// image, with result 0. Returns 0, -ENOMEM or the error of the chain.
+// Fills a zeroed record from a dentry copy, whose entry is at byte `offset` of `sector`, or as the
+// root directory if the copy is null. A copy of ".." that leads to the root gives a copy of the
+// root's record; an entry whose chain leads to a free entry gives a record without a dentry copy,
+// with result 0. Returns 0, -ENOMEM or the error of the chain.
 [[nodiscard]] int fat_set_oentry(const u8 *dentry_image, u32 sector, u32 offset, oentry *entry);
 
 // Opens entry `index` of the directory. Returns its id or a negative errno.
 [[nodiscard]] int fat_entry_open(oentry *parent, u32 index);
 
-// Opens the root directory as id 0, or anew in place, and makes it current. Returns 0 or an error.
+// Opens the root directory as id 0, or fills its open record again, and makes it current. Returns 0
+// or a negative errno.
 [[nodiscard]] int open_root_directory();
 
 // The lowest clear bit of a map of `bits` bits, or -1.
@@ -650,11 +663,11 @@ inline constexpr u32 MAX_ENTRIES = std::size(oentry_table);
 void mark_slot(u32 *map, u32 id);
 void unmark_slot(u32 *map, u32 id);
 
-// Drops one reference of an id; the last one frees the record and its slot.
+// Drops one reference of an id; dropping the last one frees the record and its slot.
 void put_oentry(int id);
 
-// Frees an open entry and its copy of the directory entry; null is ignored. Its slot in the table
-// is the caller's affair. Where it was the current directory, the root becomes current.
+// Frees an open entry and its dentry copy; ignores null. The caller clears its slot in the table.
+// If it was the current directory, the root becomes current.
 void free_oentry(oentry *entry);
 
 // ---- file -------------------------------------------------------------------------------------
@@ -664,57 +677,56 @@ void free_oentry(oentry *entry);
 [[nodiscard]] int get_file_entry(int id, oentry **entry);
 
 // Appends to the file and writes its directory entry. Returns `count`, or a negative errno: -EFBIG
-// before anything changed; -EIO of the directory entry leaves data and clusters in place.
+// before any change; after -EIO of the directory entry, data and clusters stay written.
 [[nodiscard]] int write_file_internal(oentry *entry, const void *buffer, u32 count);
 
-// Writes at byte `position`, which must lie within the clusters allocated or at their end, and
-// moves it on. All clusters are allocated first; a failure frees them again. Returns `count` or a
-// negative errno.
+// Writes at byte `position`, which is at most the end of the allocated clusters, and advances it.
+// Allocates all clusters first; frees them again on failure. Returns `count` or a negative errno.
 [[nodiscard]] int do_write_file(oentry *entry, const void *buffer, u32 count, u32 *position);
 
-// Reads at the record's position up to the end of the file and moves the position on. Returns the
-// bytes read, at most INT_MAX, or a negative errno.
+// Reads from the position of the record up to the end of the file and advances the position.
+// Returns the number of bytes read, at most INT_MAX, or a negative errno.
 [[nodiscard]] int read_file_internal(oentry *entry, void *buffer, u32 count);
 
-// Reads exactly `count` bytes at `position` and moves it on. Returns `count` or a negative errno.
+// Reads exactly `count` bytes at `position` and advances it. Returns `count` or a negative errno.
 [[nodiscard]] int do_read_file(oentry *entry, void *buffer, u32 count, u64 *position);
 
 // ---- metadata ---------------------------------------------------------------------------------
 
 inline constexpr u32 MAX_PATHNAME = 4096; // bytes of an absolute path with its terminator
 
-// Searches below `dir` for the file, link or directory whose chain contains the cluster. On success
-// "/" and a name for each level are appended to `path` (4096 bytes), `parent`, which may be null,
-// receives the base cluster of its directory, and its index there is returned; else -ENOENT,
-// -ENAMETOOLONG, -EINVAL for a directory tree that holds more directories than the volume has
-// clusters, or the error of the walk.
+// Searches the tree below `dir` for the file, link or directory whose chain contains the cluster.
+// On success appends "/" and a name for each level to `path` (4096 bytes), stores the base cluster
+// of its directory in `parent`, which may be null, and returns its index there. Otherwise returns
+// -ENOENT, -ENAMETOOLONG, -EINVAL for a tree with more directories than the volume has clusters, or
+// the error of the walk.
 [[nodiscard]] int find_entry_with_clu(oentry *dir, u32 cluster, u32 *parent, char *path);
 
 // ---- zuq --------------------------------------------------------------------------------------
 
-// The first cluster of the chain from `start` on for which the predicate holds with `key`; -ENOENT
-// at the end of the chain, or the error of the FAT. `stop` ends a search that begins at the end
-// mark.
+// The first cluster of the chain from `start` on for which the predicate is true with `key`;
+// -ENOENT at the end of the chain, or the error of the FAT. `stop` ends a search that begins at the
+// end mark.
 [[nodiscard]] int find_cluster(u32 start, u32 stop, u32 key,
                                bool (*predicate)(u32 cluster, u32 key));
 
-// Finds the next file of the directory from where its record's walk stands. Returns 1; 0 or
-// -ENOENT at the end; or another negative value. `entry` (32 bytes) receives the image of the
-// file's entry or, where a long name was met on the way, of the first slot of the first such name;
+// Finds the next file from the walk position in the record of the directory. Returns 1; 0 or
+// -ENOENT at the end; or another negative value. `entry` (32 bytes) receives a copy of the file's
+// entry or, if the walk met a long name before it, of the first slot of the first such name;
 // `location` is always that of the file's short entry. `name->cstring`, which may be null, has 256
 // bytes.
 [[nodiscard]] int do_readdir_fast(oentry *dir, u8 *entry, fat_name *name,
                                   dentry_location *location);
 
-// Gathers the long name whose last slot is `*current`, entry `index` counted from the start of
-// `cluster` (0: the FAT16 root area), into `uname` (256 units). Returns its slots, 0 for a broken
-// name, or the error of the walk. `*current` is moved into `sector_buf` (one sector). `uname` is to
-// be zeroed: a name that fills its slots is not terminated.
+// Collects in `uname` (256 units) the long name whose last slot is `*current`, entry `index`
+// counted from the start of `cluster` (0: the FAT16 root area). Returns the number of its slots, 0
+// for a broken name, or the error of the walk. `*current` then points into `sector_buf` (one
+// sector). The caller zeroes `uname`: a name that fills its slots is not terminated.
 [[nodiscard]] int get_long_name_fast(u32 cluster, u32 index, u8 **current, u8 *sector_buf,
                                      u16 *uname);
 
-// The cluster `n` links behind `cluster`. Returns 1, 0 when the chain ends before, -EINVAL for a
-// number that is none to begin with, -1 for a broken chain.
+// Stores the cluster `n` links after `cluster`. Returns 1, 0 if the chain ends before, -EINVAL for
+// an invalid first number, -1 for a broken chain.
 [[nodiscard]] int get_next_cluster(u32 cluster, u32 n, u32 *out);
 
 // Writes the value as 8 letters from "@" (0) to "O" (15), the highest four bits first.
@@ -724,28 +736,28 @@ void encode_fast_word(char *out, u32 value);
 
 // One line of a directory listing.
 struct dir_item {
-    u8 type;  // of the short entry
-    u32 size; // bytes; of a directory those of its clusters
+    u8 type;  // entry type of the short entry
+    u32 size; // bytes; for a directory, the size of its clusters
     char name[256];
 };
 
-// Finds the next file, directory or link of the directory from `*index` on and moves that behind
-// it. `sector_buf` (one sector) then holds its short entry, at `*entry`; `location` is that of the
-// first entry read for it and may be null. Returns 0 or more, -ENOENT at the end, or the error of
-// the walk.
+// Finds the next file, directory or link of the directory from `*index` on and advances `*index`
+// past it. `sector_buf` (one sector) then contains its short entry, at `*entry`; `location`, which
+// may be null, is that of the first entry read for it. Returns 0 or more, -ENOENT at the end, or
+// the error of the walk.
 [[nodiscard]] int do_readdir(oentry *dir, u32 *index, u8 **entry, dir_item *item, u8 *sector_buf,
                              dentry_location *location);
 
-// Print one entry: a line and, in mode 2, its fields; null stands for standard output. Returns 0,
-// or -ENOENT for an unused one.
+// Print one entry: a line and, in mode 2, its fields; null selects standard output. Returns 0, or
+// -ENOENT for an unused one.
 int print_slot(u32 index, int mode, const u8 *entry, FILE *stream);
 void print_short_entry(FILE *stream, const u8 *entry);
 void print_long_slot(FILE *stream, const u8 *entry);
 
-// Prints up to `count` units in hexadecimal, or as many as come before a 0, and a newline.
+// Prints up to `count` units in hexadecimal, stopping at a 0, and a newline.
 void print_units(FILE *stream, const u16 *units, u32 count);
 
-// Prints the 11 bytes of a short name as they are, and a newline.
+// Prints the 11 bytes of a short name unconverted, and a newline.
 void print_raw_name(FILE *stream, const u8 *entry);
 
 void print_item(FILE *stream, const dir_item *item);

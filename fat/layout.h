@@ -1,4 +1,5 @@
-// The records of a FAT volume, each stated once: field offsets, and a table that proves them whole.
+// The records of a FAT volume, each defined once: field offsets, and a table that proves them
+// contiguous.
 //
 //   boot sector    0   jump, OEM name, BIOS parameter block          36 bytes
 //                 36   FAT32 block (FAT32 only)                      28 bytes
@@ -7,7 +8,7 @@
 //   FSInfo         0   lead signature ... 484 structure signature, two counts ... 508 trail
 //   directory      0   32-byte short entries and long-name slots, one after another
 //
-// These numbers are on media in the field: they never change.
+// Media in the field use these numbers: they never change.
 
 #pragma once
 
@@ -51,7 +52,7 @@ inline constexpr field PBR_FIELDS[] = {
 inline constexpr u32 PBR_COMMON_SIZE = 36;
 static_assert(covers(PBR_FIELDS, 0, PBR_COMMON_SIZE));
 
-// The BIOS parameter block begins behind the jump and the OEM name.
+// The BIOS parameter block begins after the jump and the OEM name.
 inline constexpr u32 BPB_OFFSET = PBR_BYTES_PER_SECTOR.offset;
 
 inline constexpr field PBR32_FAT_SIZE{"FAT size (32-bit)", 36, 4};
@@ -69,7 +70,7 @@ inline constexpr field PBR32_FIELDS[] = {
 inline constexpr u32 PBR32_END = 64;
 static_assert(covers(PBR32_FIELDS, PBR_COMMON_SIZE, PBR32_END));
 
-// The extended boot record stands behind the last block; its offsets are relative to its start.
+// The extended boot record follows the last block; its offsets are relative to its start.
 inline constexpr u32 EBR_OFFSET_FAT16 = PBR_COMMON_SIZE;
 inline constexpr u32 EBR_OFFSET_FAT32 = PBR32_END;
 
@@ -88,7 +89,7 @@ static_assert(covers(EBR_FIELDS, 0, EBR_SIZE));
 
 inline constexpr field PBR_SIGNATURE{"signature", 510, 2};
 inline constexpr u32 BOOT_SIGNATURE = 0xAA55; // bytes 55 AA
-inline constexpr u32 PBR_SIZE = 512;          // the part of the boot sector that carries meaning
+inline constexpr u32 PBR_SIZE = 512;          // bytes of the boot sector that are defined
 static_assert(EBR_OFFSET_FAT32 + EBR_SIZE <= PBR_SIGNATURE.offset);
 static_assert(PBR_SIGNATURE.offset + PBR_SIGNATURE.size == PBR_SIZE);
 
@@ -118,7 +119,7 @@ inline constexpr u32 FSINFO_UNKNOWN = 0xFFFFFFFF;
 
 // ---- cluster counts ---------------------------------------------------------------------------
 
-// The width of a FAT follows from the number of its clusters alone. There is no FAT12 here.
+// The cluster count alone decides the width of the FAT. FAT12 is not supported.
 inline constexpr u32 FAT16_MIN_CLUSTERS = 4085;
 inline constexpr u32 FAT32_MIN_CLUSTERS = 65525;
 
@@ -133,7 +134,7 @@ inline constexpr u32 FAT16_BAD = 0xFFF7;
 inline constexpr u32 FAT32_BAD = 0x0FFFFFF7;
 inline constexpr u32 FAT16_END = 0xFFF8; // this value and every higher one end a chain
 inline constexpr u32 FAT32_END = 0x0FFFFFF8;
-inline constexpr u32 FAT_END_MARK = 0xFFFFFFFF; // as written; each width keeps its low bits
+inline constexpr u32 FAT_END_MARK = 0xFFFFFFFF; // to write; each width uses its low bits
 
 // ---- directory entries ------------------------------------------------------------------------
 
@@ -158,15 +159,15 @@ inline constexpr field SHORT_FIELDS[] = {
 };
 static_assert(covers(SHORT_FIELDS, 0, DENTRY_SIZE));
 
-// The FAT16 root area counts as this many entries in every walk, whatever it holds.
+// Intentional: every walk counts this many entries in the FAT16 root area, regardless of its size.
 inline constexpr u32 FAT16_ROOT_ENTRIES = 512;
 
-// First bytes of a name that mean something else.
-inline constexpr u8 NAME_UNUSED = 0x00; // and no entry stands behind it
+// First bytes of a name with a special meaning.
+inline constexpr u8 NAME_UNUSED = 0x00; // also the end of the directory
 inline constexpr u8 NAME_DELETED = 0xE5;
-inline constexpr u8 NAME_ESCAPED_E5 = 0x05; // stands for a first character 0xE5
+inline constexpr u8 NAME_ESCAPED_E5 = 0x05; // represents a first character 0xE5
 
-// The two dot entries in front of every directory but the root, and their names.
+// The two dot entries at the start of every directory but the root, and their names.
 inline constexpr u32 DOT_ENTRIES = 2;
 inline constexpr u8 DOT_NAME[SHORT_NAME.size] = {'.', ' ', ' ', ' ', ' ', ' ',
                                                  ' ', ' ', ' ', ' ', ' '};
@@ -205,9 +206,9 @@ inline constexpr field SLOT_FIELDS[] = {
     SLOT_CHECKSUM, SLOT_UNITS_5_10, SLOT_START, SLOT_UNITS_11_12,
 };
 static_assert(covers(SLOT_FIELDS, 0, DENTRY_SIZE));
-static_assert(SLOT_ATTR.offset == SHORT_ATTR.offset); // one byte tells the two records apart
+static_assert(SLOT_ATTR.offset == SHORT_ATTR.offset); // one byte distinguishes the two records
 
-inline constexpr u32 SLOT_LAST = 0x40; // mark of the slot furthest from the short entry
+inline constexpr u32 SLOT_LAST = 0x40; // ordinal bit of the slot furthest from the short entry
 
 // Byte offset of unit 0 to 12 in a slot.
 [[nodiscard]] constexpr u32 slot_unit_offset(u32 unit) {
@@ -227,8 +228,8 @@ static_assert(slot_unit_offset(10) == 24 && slot_unit_offset(11) == 28);
 
 // ---- pool file --------------------------------------------------------------------------------
 
-// The header at the start of the pool file's cluster; the rest is zero. Its words are the ZUQ
-// driver's, which gives them their meaning.
+// The header at the start of the pool file's cluster; the rest is zero. The ZUQ driver defines the
+// meaning of its words.
 inline constexpr field POOL_INDEX{"index of the entry in the root directory", 0, 4};
 inline constexpr field POOL_ZERO{"0", 4, 4};
 inline constexpr field POOL_FIRST{"cluster", 8, 4};

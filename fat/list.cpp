@@ -1,7 +1,7 @@
 // Listings of directories, clusters and files of raw entries, and the printers of entries.
 //
-// A listing of slots ends at the first unused one of each cluster, so that what stands in the
-// clusters behind it is still seen.
+// Intentional: a listing of slots ends at the first unused one of each cluster, not of the
+// directory, so it also shows entries in the clusters after it.
 
 #include "fat/internal.h"
 
@@ -20,11 +20,11 @@ namespace {
 
 enum : int { MODE_ITEMS = 0, MODE_FIELDS = 2 };
 
-constexpr u32 HOST_BLOCK = 4096; // bytes of a file of raw entries read at once
+constexpr u32 HOST_BLOCK = 4096; // bytes read at once from a file of raw entries
 
 // ---- items ----
 
-// A directory has the size of its clusters, none where its chain is broken.
+// The size of a directory is that of its clusters, 0 for a broken chain.
 u32 size_of_item(u32 type, const u8 *entry) {
     if (type != DENTRY_DIR) {
         return load(entry, SHORT_FILE_SIZE);
@@ -41,10 +41,10 @@ void fill_short_item(const u8 *entry, dir_item *item) {
     convert_dosname_to_cstring(entry, item->name, static_cast<u8>(load(entry, SHORT_SYSID)));
 }
 
-// The item of the short entry behind a long name. A name that the encoding does not have is shown
-// by its short form.
+// Fills the item from a long name and the short entry after it. A long name that is not
+// representable in the encoding is replaced by the short one.
 void fill_long_item(const u8 *entry, const u16 *units, dir_item *item) {
-    char name[LONG_NAME_UNITS + 1] = {}; // 256 units without a terminator leave none here
+    char name[LONG_NAME_UNITS + 1] = {}; // the conversion does not terminate a name of 256 units
     const bool is_converted = convert_uname_to_cstring(units, name) >= 0;
     fill_short_item(entry, item);
     if (is_converted) {
@@ -53,8 +53,8 @@ void fill_long_item(const u8 *entry, const u16 *units, dir_item *item) {
     }
 }
 
-// Looks at entry `index` of a listing. Returns how many entries it took when the item is filled, 0
-// for an entry to be skipped, or a negative errno.
+// Processes entry `index` of a listing. Returns the number of entries used to fill the item, 0 for
+// an entry to skip, or a negative errno.
 int read_item(oentry *dir, u32 index, u8 **entry, dir_item *item, u8 *sector_buf) {
     switch (entry_type(*entry)) {
     case DENTRY_UNUSED:
@@ -80,8 +80,8 @@ int read_item(oentry *dir, u32 index, u8 **entry, dir_item *item, u8 *sector_buf
 
 // ---- slots ----
 
-// The line that the slot printer has for an entry, with its index, and which of the printers shows
-// the fields.
+// How the slot printer shows an entry: the format of its line, with the index, and the printer of
+// its fields.
 struct slot_description {
     const char *line;
     void (*print_fields)(FILE *stream, const u8 *entry);
@@ -121,8 +121,8 @@ slot_description describe_slot(u32 type, const u8 *entry) {
     }
 }
 
-// Prints the entries of a block that begins with entry `first`. Returns 0, or -ENOENT when it ended
-// at an unused one.
+// Prints the entries of a block, numbered from `first`. Returns 0, or -ENOENT if it ended at an
+// unused one.
 int print_slots(const u8 *block, u32 count, u32 first, int mode, FILE *stream) {
     for (u32 i = 0; i < count; i++) {
         const int result =
@@ -156,7 +156,7 @@ int list_root_area(int mode, FILE *stream) {
     return 0;
 }
 
-// Lists each cluster of an array that ends with its `count`-th element.
+// Lists the clusters of an array of `count` elements, without its terminator.
 int list_chain(const u32 *clusters, int count, int mode, FILE *stream) {
     for (int i = 0; i + 1 < count; i++) {
         std::fprintf(stream, "[%d-th: cluster #%d]\n", i, static_cast<int>(clusters[i]));
@@ -168,7 +168,7 @@ int list_chain(const u32 *clusters, int count, int mode, FILE *stream) {
     return 0;
 }
 
-// Lists the directory and gives its id back, but for a chain that cannot be followed.
+// Lists the directory and closes its id. Intentional: the id stays open after a broken chain.
 int list_open_directory(int id, bool is_root_area, int mode, FILE *stream) {
     oentry *dir = entry_of(id);
     if (dir == nullptr) {
@@ -183,12 +183,12 @@ int list_open_directory(int id, bool is_root_area, int mode, FILE *stream) {
         u32 *array = nullptr;
         const int count = fat_get_chains(dir, &array);
         if (count < 0) {
-            return count; // the id stays open
+            return count;
         }
         const heap_ptr<u32> clusters(array);
         result = list_chain(clusters.get(), count, mode, stream);
     }
-    (void)fat_close(id); // refuses the root's id, and says so
+    (void)fat_close(id); // prints a diagnostic for the id of the root, which stays open
     return result;
 }
 
@@ -269,12 +269,12 @@ int do_readdir(oentry *dir, u32 *index, u8 **entry, dir_item *item, u8 *sector_b
             REPORT("Failed go get entry!\n\n");
             return fetched;
         }
-        const int taken = read_item(dir, i, entry, item, sector_buf);
-        if (taken < 0) {
-            return taken;
+        const int entry_count = read_item(dir, i, entry, item, sector_buf);
+        if (entry_count < 0) {
+            return entry_count;
         }
-        if (taken > 0) {
-            *index = i + static_cast<u32>(taken);
+        if (entry_count > 0) {
+            *index = i + static_cast<u32>(entry_count);
             return fetched;
         }
     }
@@ -303,7 +303,7 @@ int fat_readdir(oentry *dir, FILE *stream) {
     for (u32 index = 0; do_readdir(dir, &index, &entry, &item, sector_buf.get(), nullptr) >= 0;) {
         print_item(stream_or_stdout(stream), &item);
     }
-    REPORT("Failed to do_readdir()!\n\n"); // at the normal end as well
+    REPORT("Failed to do_readdir()!\n\n"); // Intentional: also at the normal end
     return 0;
 }
 
@@ -352,7 +352,7 @@ int fat_list_entries(const char *host_path, int mode, FILE *stream) {
         REPORT("Check here!\n\n");
         return -EINVAL;
     }
-    const held_descriptor file(open(host_path, O_RDONLY | O_CLOEXEC));
+    const unique_fd file(open(host_path, O_RDONLY | O_CLOEXEC));
     if (file.get() < 0) {
         const int error = errno;
         REPORT("cannot open file\n");

@@ -1,8 +1,8 @@
-// Finding a name in one directory, and gathering the long name of an entry.
+// Finding a name in one directory, and collecting the long name of an entry.
 //
-// A name with a long form matches only an entry whose gathered long name equals it unit for unit;
-// a name without one matches on the 11 bytes of the short name alone. Slots are placed by their
-// ordinals and their checksums are not looked at, so that slots in any order give the same name.
+// A name with a long form matches only an entry whose collected long name is equal unit for unit; a
+// name without one matches by the 11 bytes of the short name only. Intentional: a lookup orders
+// slots by their ordinals and ignores their checksums, so slots in any order give the same name.
 
 #include "fat/internal.h"
 
@@ -19,9 +19,9 @@ bool is_short_entry(u32 type) {
     return type == DENTRY_FILE || type == DENTRY_DIR;
 }
 
-// Copies the units of a slot to their place in a long name of 256 units. What lies outside is left
-// out: an ordinal on a damaged medium can name places far beyond.
-void place_units(const u8 *slot, s64 position, u16 *name) {
+// Copies the units of a slot to their position in a long name of 256 units. Skips units outside: an
+// ordinal on a damaged medium can select positions far beyond.
+void copy_units(const u8 *slot, s64 position, u16 *name) {
     u16 units[SLOT_UNITS + 1];
     std::fill(std::begin(units), std::end(units), static_cast<u16>(0xFFFF));
     get_lfn_chars(slot, units);
@@ -42,7 +42,7 @@ bool has_short_name(const u8 *entry, const u8 *dosName) {
     return std::memcmp(entry + SHORT_NAME.offset, dosName, SHORT_NAME.size) == 0;
 }
 
-// A short entry against the long name gathered in front of it.
+// Compares a short entry with the long name collected before it.
 int compare_long_name(const u8 *entry, const u8 *dosName, const u16 *unicode, const u16 *gathered,
                       u32 *gathering) {
     if (*gathering == 0) {
@@ -58,7 +58,7 @@ int compare_long_name(const u8 *entry, const u8 *dosName, const u16 *unicode, co
     return 0;
 }
 
-// Walks the directory for the filled record. Returns the index of the short entry, or -errno.
+// Walks the directory for the name. Returns the index of its short entry, or a negative errno.
 int search_directory(u32 base_clu, const fat_name *name) {
     dentry_walk walk;
     if (!begin_walk(&walk, base_clu)) {
@@ -105,14 +105,14 @@ int fill_and_search(u32 base_clu, char *cstring, fat_name *name) {
     return search_directory(base_clu, name);
 }
 
-// Reads the entry behind `*entry`; its sector is read only where the buffer ends.
-int step_to_next(chain_place *place, u32 base_clu, u32 index, u8 **entry, u8 *sector_buf) {
+// Advances `*entry` to the next entry; reads a sector only at the end of the buffer.
+int read_next_entry(chain_cursor *cursor, u32 base_clu, u32 index, u8 **entry, u8 *sector_buf) {
     u8 *next = *entry + DENTRY_SIZE;
     if (next < sector_buf + sv->sector_size) {
         *entry = next;
         return 0;
     }
-    const int result = get_dentry_from(place, base_clu, index, entry, sector_buf, nullptr);
+    const int result = get_dentry_from(cursor, base_clu, index, entry, sector_buf, nullptr);
     if (result < 0) {
         report_at("get_long_name", __LINE__, "Failed to get entry with cluster ...\n\n");
     }
@@ -123,7 +123,7 @@ void report_checksum(u32 index) {
     report_at("get_long_name", __LINE__, "not match checksum(%d)\n", static_cast<int>(index));
 }
 
-// Whether the entry goes on with the long name as one of its lower slots.
+// Whether the entry is one of the lower slots of the long name.
 bool continues_name(const u8 *entry, u8 checksum, u32 index, u16 *units) {
     if (entry_type(entry) != DENTRY_LFN) {
         units[0] = 0;
@@ -145,7 +145,7 @@ bool continues_name(const u8 *entry, u8 checksum, u32 index, u16 *units) {
 
 void gather_slot(const u8 *slot, u16 *gathered) {
     const s64 ordinal = load(slot, SLOT_ORDINAL) & ~SLOT_LAST;
-    place_units(slot, (ordinal - 1) * SLOT_UNITS, gathered);
+    copy_units(slot, (ordinal - 1) * SLOT_UNITS, gathered);
 }
 
 int uname_compare(const u16 *a, const u16 *b) {
@@ -214,15 +214,15 @@ int get_long_name(oentry *dir, u32 index, u8 **entry, u8 *sector_buf, u16 *units
     const u32 base_clu = base_cluster(dir);
     const u32 ordinal = load(*entry, SLOT_ORDINAL);
     if (ordinal <= SLOT_LAST) {
-        return 0; // no slot, or none that begins a name
+        return 0; // not the first slot of a name
     }
     const u32 slot_count = ordinal - SLOT_LAST;
     const u8 checksum = static_cast<u8>(load(*entry, SLOT_CHECKSUM));
-    chain_place place;
+    chain_cursor cursor;
     for (u32 slot = slot_count; slot >= 1; slot--) {
-        place_units(*entry, static_cast<s64>(slot - 1) * SLOT_UNITS, units);
+        copy_units(*entry, static_cast<s64>(slot - 1) * SLOT_UNITS, units);
         index++;
-        const int result = step_to_next(&place, base_clu, index, entry, sector_buf);
+        const int result = read_next_entry(&cursor, base_clu, index, entry, sector_buf);
         if (result < 0) {
             return result;
         }

@@ -1,7 +1,7 @@
-// What programs ask and change about open entries, and the paths that lead to clusters.
+// Items of open entries that programs read and change, and the paths of clusters.
 //
-// Items are read from and stored in the record's copy of its directory entry; the medium changes
-// with fat_update_entry() alone.
+// Items are read from and stored in the dentry copy of the record; only fat_update_entry() writes
+// them to the medium.
 
 #include "fat/internal.h"
 
@@ -19,8 +19,8 @@ enum : int { ITEM_CLUSTER = 1, ITEM_SYSID = 2, ITEM_CMSEC = 3 };
 
 constexpr u32 LOW_BYTE = 0xFF;
 
-// The record of an id that has a copy of its directory entry, or null.
-oentry *described_entry(int id) {
+// The record of an id that has a dentry copy, or null.
+oentry *entry_with_dentry(int id) {
     oentry *entry = entry_of(id);
     return entry != nullptr && entry->dentry != nullptr ? entry : nullptr;
 }
@@ -58,9 +58,9 @@ void print_entry(const oentry *entry, FILE *stream) {
 // A search for the entry whose chain contains a cluster.
 struct owner_search {
     u32 cluster;
-    u32 *parent;     // base cluster of the owner's directory; may be null
-    char *path;      // grows and shrinks with the directories on the way
-    u32 directories; // that may still be opened: a sound volume has no more than clusters
+    u32 *parent;     // output: base cluster of the owner's directory; may be null
+    char *path;      // output: path of the directory being searched
+    u32 directories; // number still allowed to open, limited by the number of clusters
 };
 
 int search_directory(owner_search *search, oentry *dir);
@@ -94,7 +94,7 @@ int found_owner(const owner_search &search, const oentry *dir, u32 index) {
     return static_cast<int>(index);
 }
 
-int look_at_file(owner_search *search, oentry *dir, u32 index, const u8 *entry) {
+int visit_file(owner_search *search, oentry *dir, u32 index, const u8 *entry) {
     const u32 start = start_cluster(entry);
     if (start == 0 || !owns_cluster(*search, start)) {
         return -ENOENT;
@@ -104,7 +104,7 @@ int look_at_file(owner_search *search, oentry *dir, u32 index, const u8 *entry) 
     return named < 0 ? named : found;
 }
 
-// Searches the directory at entry `index` of `dir`, with an id of its own.
+// Opens the directory at entry `index` of `dir` and searches it.
 int search_below(owner_search *search, oentry *dir, u32 index) {
     if (search->directories == 0) {
         report_at("find_entry_with_clu", __LINE__, "Check here!\n\n");
@@ -113,14 +113,14 @@ int search_below(owner_search *search, oentry *dir, u32 index) {
     search->directories--;
     const int id = fat_entry_open(dir, index);
     if (id <= 0) {
-        return id < 0 ? id : -ENOENT; // an entry ".." to the root: it is being searched already
+        return id < 0 ? id : -ENOENT; // ".." to the root, whose search is already in progress
     }
     const int result = search_directory(search, entry_of(id));
-    (void)fat_close(id); // an id just given out
+    (void)fat_close(id); // cannot fail: the id is open
     return result;
 }
 
-int look_at_directory(owner_search *search, oentry *dir, u32 index, const u8 *entry) {
+int visit_directory(owner_search *search, oentry *dir, u32 index, const u8 *entry) {
     const std::size_t length = std::strlen(search->path);
     const u32 start = start_cluster(entry);
     int result = append_name(search, dir, index);
@@ -137,12 +137,12 @@ int look_at_directory(owner_search *search, oentry *dir, u32 index, const u8 *en
     return result;
 }
 
-int look_at_entry(owner_search *search, oentry *dir, u32 index, const u8 *entry) {
+int visit_entry(owner_search *search, oentry *dir, u32 index, const u8 *entry) {
     switch (entry_type(entry)) {
     case DENTRY_FILE:
-        return look_at_file(search, dir, index, entry);
+        return visit_file(search, dir, index, entry);
     case DENTRY_DIR:
-        return look_at_directory(search, dir, index, entry);
+        return visit_directory(search, dir, index, entry);
     default:
         return -ENOENT;
     }
@@ -167,7 +167,7 @@ int search_directory(owner_search *search, oentry *dir) {
         if (entry[SHORT_NAME.offset] == NAME_UNUSED) {
             return -ENOENT;
         }
-        result = look_at_entry(search, dir, index, entry);
+        result = visit_entry(search, dir, index, entry);
         if (result != -ENOENT) {
             return result;
         }
@@ -177,7 +177,7 @@ int search_directory(owner_search *search, oentry *dir) {
 
 } // namespace
 
-// Both outputs are written, by way of the search's record.
+// Writes both outputs through the search record.
 // NOLINTNEXTLINE(readability-non-const-parameter)
 int find_entry_with_clu(oentry *dir, u32 cluster, u32 *parent, char *path) {
     if (dir == nullptr || path == nullptr) {
@@ -196,7 +196,7 @@ int fat_get(int id, int type, uint32_t *value) {
     if (no_volume(__func__)) {
         return -EINVAL;
     }
-    const oentry *entry = described_entry(id);
+    const oentry *entry = entry_with_dentry(id);
     if (entry == nullptr) {
         REPORT("Invalid fd!\n\n");
         return -EBADF;
@@ -225,7 +225,7 @@ int fat_set(int id, int type, uint32_t value) {
     if (no_volume(__func__)) {
         return -EINVAL;
     }
-    const oentry *entry = described_entry(id);
+    const oentry *entry = entry_with_dentry(id);
     if (entry == nullptr) {
         return -EBADF;
     }
@@ -273,7 +273,7 @@ int fat_update_entry(int id) {
     if (no_volume(__func__)) {
         return -EINVAL;
     }
-    const oentry *entry = described_entry(id);
+    const oentry *entry = entry_with_dentry(id);
     if (entry == nullptr) {
         REPORT("Invalid arg!\n\n");
         return -EBADF;
@@ -283,7 +283,7 @@ int fat_update_entry(int id) {
         REPORT("Check here!\n\n");
         return -ENOMEM;
     }
-    // The read is judged by its sign, the write by its count.
+    // Intentional: a read of 0 sectors is not an error, a write of 0 sectors is.
     if (!lies_in_one_sector(*entry) || read_sectors(sector.get(), entry->dentry_sector, 1) < 0) {
         REPORT("IO Error!\n\n");
         return -EIO;
@@ -302,7 +302,7 @@ int fat_fstat(int id, FILE *stream) {
     if (no_volume(__func__)) {
         return -EINVAL;
     }
-    const oentry *entry = described_entry(id);
+    const oentry *entry = entry_with_dentry(id);
     if (entry == nullptr) {
         REPORT("Invalid fd!\n\n");
         return -EBADF;
@@ -331,7 +331,7 @@ int fat_list_chains(int id, FILE *stream) {
     }
     const heap_ptr<u32> clusters(array);
     FILE *out = stream_or_stdout(stream);
-    for (int i = 0; i + 1 < count; i++) { // the last one is the end mark
+    for (int i = 0; i + 1 < count; i++) { // the last element is the end mark
         std::fprintf(out, "[%5d] ", static_cast<int>(array[i]));
         if (i % NUMBERS_IN_LINE == NUMBERS_IN_LINE - 1) {
             std::fputc('\n', out);

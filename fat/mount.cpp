@@ -1,7 +1,7 @@
-// Mounting: reading the boot sector back into the volume record.
+// Mounting: reading the boot sector into the volume record.
 //
-// The FAT width follows from the cluster count alone. A mount that is refused leaves what it had
-// read in the volume record, but never a sector size that transfers could not use.
+// The cluster count alone decides the FAT width. Intentional: a refused mount leaves the values
+// read so far in the volume record, but never a sector size that transfers cannot use.
 
 #include "fat/internal.h"
 
@@ -27,8 +27,8 @@ bool is_sector_size(u32 size) {
     return std::has_single_bit(size) && size >= MIN_SECTOR_SIZE && size <= MAX_SECTOR_SIZE;
 }
 
-// Takes the sizes and the total. False where the sizes are none to compute with, or missing.
-bool take_sizes(const u8 *pbr) {
+// Stores the sizes and the total. False if a size is invalid or missing.
+bool read_sizes(const u8 *pbr) {
     const u32 sector_size = load(pbr, PBR_BYTES_PER_SECTOR);
     const u32 sec_per_clus = load(pbr, PBR_SECTORS_PER_CLUSTER);
     if (!is_sector_size(sector_size) || sec_per_clus == 0) {
@@ -46,19 +46,19 @@ bool take_sizes(const u8 *pbr) {
     return sv->fat_size != 0 && sv->total_sectors != 0;
 }
 
-// The sectors in front of the root area of FAT16.
+// Number of sectors before the root area of FAT16.
 u64 sectors_to_root_area(const u8 *pbr) {
     const u64 fats = static_cast<u64>(sv->fat_size) * load(pbr, PBR_NUMBER_OF_FATS);
     return load(pbr, PBR_RESERVED_SECTORS) + fats;
 }
 
-// The sectors in front of the first cluster.
+// Number of sectors before the first cluster.
 u64 sectors_to_data(const u8 *pbr) {
     const u32 root_bytes = load(pbr, PBR_ROOT_ENTRIES) * DENTRY_SIZE;
     return sectors_to_root_area(pbr) + div_ceil(root_bytes, sv->sector_size);
 }
 
-// False where the areas in front of the data are larger than the volume.
+// False if the areas before the data are larger than the volume.
 bool count_clusters(const u8 *pbr) {
     const u64 front = sectors_to_data(pbr);
     if (front > sv->total_sectors) {
@@ -68,7 +68,7 @@ bool count_clusters(const u8 *pbr) {
     return true;
 }
 
-// The FAT width by the cluster count, 0 for none.
+// FAT width for a cluster count, 0 for a count that is too small.
 u32 width_of(u32 clusters) {
     if (clusters < FAT16_MIN_CLUSTERS) {
         return 0;
@@ -88,7 +88,7 @@ void place_areas(const u8 *pbr) {
 }
 
 int fill_geometry(const u8 *pbr) {
-    if (!take_sizes(pbr) || !count_clusters(pbr)) {
+    if (!read_sizes(pbr) || !count_clusters(pbr)) {
         report_at("fat_build_super", __LINE__, "PBR data is broken\n\n");
         return -EINVAL;
     }
@@ -186,16 +186,16 @@ int copy_sector(u8 *buffer, u64 sector, u32 size, int fd) {
     return 0;
 }
 
-// Copies the volume that begins at `first_sector` into a new image.
+// Copies the volume that begins at `first_sector` to a new image file.
 int copy_volume(const char *path, const u8 *pbr, u32 first_sector) {
-    const held_descriptor fd(open(path, O_RDWR | O_CREAT | O_TRUNC, IMAGE_MODE));
+    const unique_fd fd(open(path, O_RDWR | O_CREAT | O_TRUNC, IMAGE_MODE));
     if (fd.get() < 0) {
         const int error = errno;
         report_errno("create new image");
         return -error;
     }
     const u32 size = load(pbr, PBR_BYTES_PER_SECTOR);
-    // A transfer moves the unit of the volume record, whatever the boot sector says.
+    // Transfers use the unit of the volume record, regardless of the boot sector.
     const heap_ptr<u8> buffer = zeroed_bytes(std::max(size, transfer_unit()));
     if (buffer == nullptr) {
         report_at("fat_delete_mbr", __LINE__, "cannot allocate space\n");
@@ -293,7 +293,7 @@ int fat_delete_mbr(const char *path) {
         return pbr_sector;
     }
     if (pbr_sector == 0) {
-        return 0; // nothing stands in front of the volume
+        return 0; // no sectors precede the volume
     }
     return copy_volume(path, pbr.get(), static_cast<u32>(pbr_sector));
 }

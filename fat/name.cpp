@@ -1,7 +1,7 @@
-// Short names: 8.3 conversion with its case bits and loss flag, numeric tails, the checksum, the
-// names that are refused, and the classification of raw entries.
+// Short names: 8.3 conversion with case bits and loss flag, numeric tails, the checksum, forbidden
+// names, and the classification of raw entries.
 //
-// Letters are those of the POSIX locale: bytes of 0x80 and above are neither upper nor lower case.
+// Letters are those of the POSIX locale: bytes of 0x80 and above have no case.
 
 #include "fat/internal.h"
 
@@ -24,8 +24,8 @@ constexpr const char *DEVICE_NAMES[] = {
     "COM3    ", "COM4    ", "LPT1    ", "LPT2    ", "LPT3    ", "LPT4    ",
 };
 
-// The case accumulator. The bits for upper case never meet those for lower case, and a full half
-// tells mixed case by one comparison.
+// Bits of the case accumulator. Those for upper and lower case are disjoint, and both together fill
+// their half, so mixed case is one comparison.
 constexpr u8 UPPER_BASE = 0x07;
 constexpr u8 LOWER_BASE = CASE_LOWER_BASE;
 constexpr u8 BASE_HALF = 0x0F;
@@ -34,8 +34,8 @@ constexpr u8 LOWER_EXTENSION = CASE_LOWER_EXTENSION;
 constexpr u8 EXTENSION_HALF = 0xF0;
 constexpr u8 MIXED_CASE = 0xFF;
 
-constexpr u32 MAX_TAIL = 1024;    // that append_tail() accepts
-constexpr u32 TAIL_BITMAP = 1024; // tails that can be told apart; bit 0 is never free
+constexpr u32 MAX_TAIL = 1024;    // highest number that append_tail() accepts
+constexpr u32 TAIL_BITMAP = 1024; // number of tails in the bitmap; bit 0 is never free
 constexpr u32 WORD_BITS = 32;
 
 constexpr bool is_upper(u8 c) {
@@ -63,10 +63,10 @@ struct case_bits {
     u8 lower;
 };
 
-// Fills one part of an 8.3 name from the characters [begin, end). Returns false where something of
-// them was dropped, replaced or cut.
+// Fills one part of an 8.3 name from the characters [begin, end). Returns false if a character was
+// dropped, replaced or cut off.
 bool fill_part(const char *begin, const char *end, u8 *part, u32 size, case_bits bits, u8 *seen) {
-    bool faithful = true;
+    bool is_exact = true;
     u32 filled = 0;
     for (const char *p = begin; p < end; p++) {
         if (filled == size) {
@@ -74,12 +74,12 @@ bool fill_part(const char *begin, const char *end, u8 *part, u32 size, case_bits
         }
         const u8 c = static_cast<u8>(*p);
         if (is_blank_or_dot(*p)) {
-            faithful = false;
+            is_exact = false;
             continue;
         }
         if (std::strchr(REPLACED_CHARACTERS, *p) != nullptr) {
             part[filled++] = '_';
-            faithful = false;
+            is_exact = false;
             continue;
         }
         if (is_upper(c)) {
@@ -89,11 +89,11 @@ bool fill_part(const char *begin, const char *end, u8 *part, u32 size, case_bits
         }
         part[filled++] = to_upper(c);
     }
-    return faithful;
+    return is_exact;
 }
 
-// Whether the string is one of the two dot entries; then their fixed name is in `dos`.
-bool take_dot_name(const char *cstring, u8 *dos) {
+// Whether the string is "." or ".."; if so, stores its fixed name in `dos`.
+bool store_dot_name(const char *cstring, u8 *dos) {
     const bool is_dot = std::strcmp(cstring, ".") == 0;
     const bool is_dot_dot = std::strcmp(cstring, "..") == 0;
     if (is_dot || is_dot_dot) {
@@ -106,7 +106,7 @@ bool is_mixed_case(u8 seen) {
     return (seen & BASE_HALF) == BASE_HALF || (seen & EXTENSION_HALF) == EXTENSION_HALF;
 }
 
-// The case byte of the short entry.
+// Case byte of the short entry.
 u8 entry_case(u8 name_case) {
     if (name_case == MIXED_CASE) {
         return LOWER_BASE | LOWER_EXTENSION;
@@ -121,7 +121,7 @@ u8 entry_case(u8 name_case) {
     return result;
 }
 
-// The long name in a buffer of its own; null where the name comes to nothing.
+// Stores the long name in a new buffer; null if it is empty after conversion.
 int make_long_name(char *cstring, heap_ptr<u16> *unicode, u32 *ulen) {
     heap_ptr<u16> units = zeroed_records<u16>(LONG_NAME_UNITS);
     if (units == nullptr) {
@@ -144,12 +144,12 @@ int make_long_name(char *cstring, heap_ptr<u16> *unicode, u32 *ulen) {
 struct tail_bitmap {
     u32 words[TAIL_BITMAP / WORD_BITS] = {1};
 
-    void take(u32 tail) {
+    void mark_used(u32 tail) {
         if (tail < TAIL_BITMAP) {
             words[tail / WORD_BITS] |= 1U << (tail % WORD_BITS);
         }
     }
-    // TAIL_BITMAP when all are taken.
+    // TAIL_BITMAP if all are in use.
     [[nodiscard]] u32 lowest_free() const {
         for (u32 word = 0; word < std::size(words); word++) {
             if (words[word] != ~0U) {
@@ -160,9 +160,9 @@ struct tail_bitmap {
     }
 };
 
-// Takes the tail of a short entry that shares its prefix with `dos`. A tilde in the last place or
-// behind the base has no digits after it and stands for tail 0.
-void note_tail(const u8 *entry, const u8 *dos, tail_bitmap *tails) {
+// Marks the tail of a short entry that has the same prefix as `dos`. A tilde without digits after
+// it counts as tail 0.
+void mark_tail(const u8 *entry, const u8 *dos, tail_bitmap *tails) {
     u32 tilde = 0;
     while (tilde < DOS_BASE_SIZE && entry[tilde] != '~' && entry[tilde] != 0) {
         tilde++;
@@ -176,11 +176,11 @@ void note_tail(const u8 *entry, const u8 *dos, tail_bitmap *tails) {
             number = number * 10 + (entry[i] - '0');
         }
     }
-    tails->take(number);
+    tails->mark_used(number);
 }
 
-// Notes the tails of a whole directory. Its end, however it shows, ends the walk without an error.
-int note_tails(oentry *dir, const u8 *dos, tail_bitmap *tails) {
+// Marks the tails of a whole directory. Its end, of whatever form, ends the walk without an error.
+int mark_tails(oentry *dir, const u8 *dos, tail_bitmap *tails) {
     dentry_walk walk;
     if (!begin_walk(&walk, dir)) {
         report_at("add_numeric_tail", __LINE__, "Failed to allocate memory!\n\n");
@@ -201,7 +201,7 @@ int note_tails(oentry *dir, const u8 *dos, tail_bitmap *tails) {
             return 0;
         }
         if (type == DENTRY_FILE || type == DENTRY_DIR) {
-            note_tail(entry, dos, tails);
+            mark_tail(entry, dos, tails);
         }
     }
     return 0;
@@ -228,7 +228,7 @@ int remove_trail_blanks(char *str, char **end) {
 }
 
 int convert_cstring_to_dosname(char *cstring, u8 *dos, u8 *case_out, u32 *lossy) {
-    if (take_dot_name(cstring, dos)) {
+    if (store_dot_name(cstring, dos)) {
         if (lossy != nullptr) {
             *lossy = 0;
         }
@@ -240,16 +240,16 @@ int convert_cstring_to_dosname(char *cstring, u8 *dos, u8 *case_out, u32 *lossy)
         REPORT("zero length string!\n\n");
         return -EINVAL;
     }
-    bool faithful = begin == cstring;
+    bool is_exact = begin == cstring;
     char *end = nullptr;
     remove_trail_blanks(begin, &end);
 
     u8 seen = 0;
     const char *dot = std::strrchr(begin, '.');
     const char *base_end = dot != nullptr ? dot : end;
-    faithful &= fill_part(begin, base_end, dos, DOS_BASE_SIZE, {UPPER_BASE, LOWER_BASE}, &seen);
+    is_exact &= fill_part(begin, base_end, dos, DOS_BASE_SIZE, {UPPER_BASE, LOWER_BASE}, &seen);
     if (dot != nullptr) {
-        faithful &= fill_part(dot + 1, end, dos + DOS_BASE_SIZE, DOS_EXTENSION_SIZE,
+        is_exact &= fill_part(dot + 1, end, dos + DOS_BASE_SIZE, DOS_EXTENSION_SIZE,
                               {UPPER_EXTENSION, LOWER_EXTENSION}, &seen);
     }
     if (dos[0] == NAME_DELETED) {
@@ -259,7 +259,7 @@ int convert_cstring_to_dosname(char *cstring, u8 *dos, u8 *case_out, u32 *lossy)
         *case_out = is_mixed_case(seen) ? MIXED_CASE : seen;
     }
     if (lossy != nullptr) {
-        *lossy = faithful ? 0 : 1;
+        *lossy = is_exact ? 0 : 1;
     }
     return 0;
 }
@@ -373,7 +373,7 @@ int append_tail(u8 *dos, u32 n) {
 
 int add_numeric_tail(oentry *dir, u8 *dos) {
     tail_bitmap tails;
-    const int walked = note_tails(dir, dos, &tails);
+    const int walked = mark_tails(dir, dos, &tails);
     if (walked < 0) {
         return walked;
     }

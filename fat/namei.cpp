@@ -1,7 +1,7 @@
-// Paths: splitting them and finding the directory in which their last name lies.
+// Paths: splitting them and finding the directory of their last name.
 //
-// A path is resolved one level below its start directory at most. Names are cut and compared in
-// place, so every public operation works on a copy of its path.
+// A path is resolved at most one level below its start directory. Names are truncated and compared
+// in place, so every public operation works on a copy of its path.
 
 #include "fat/internal.h"
 
@@ -12,9 +12,9 @@ namespace fat {
 
 namespace {
 
-constexpr u32 MAX_COMPONENTS = 1024; // the name among them
-constexpr u32 MAX_COMPONENT = 255;   // characters of one that are looked at
-constexpr u32 DOT_DOT_INDEX = 1;     // of the entry ".." in a directory
+constexpr u32 MAX_COMPONENTS = 1024; // including the final name
+constexpr u32 MAX_COMPONENT = 255;   // characters of a component that are compared
+constexpr u32 DOT_DOT_INDEX = 1;     // index of the entry ".." in a directory
 
 using component_buffer = char[MAX_COMPONENT + 1];
 
@@ -26,8 +26,8 @@ void copy_component(const char *component, component_buffer &out) {
     out[copied] = '\0';
 }
 
-// The first component that leads away from the start directory, copied out. False when there is
-// none.
+// Copies the first component other than ".", which leads away from the start directory. False if
+// all are ".".
 bool find_real_component(const fat_path &path, component_buffer &out) {
     for (int i = 0; i < path.depth; i++) {
         copy_component(path.path[i], out);
@@ -38,9 +38,9 @@ bool find_real_component(const fat_path &path, component_buffer &out) {
     return false;
 }
 
-// Reads the entry of a parent component. The directory itself is not opened: the lookup ends here,
-// with no directory for its caller.
-int look_at_parent(u32 base_clu, component_buffer &component) {
+// Reads the entry of a parent component. Intentional: does not open that directory. The lookup ends
+// here, without a directory for its caller.
+int read_parent_entry(u32 base_clu, component_buffer &component) {
     int index = DOT_DOT_INDEX;
     if (std::strcmp(component, "..") != 0) {
         index = find_dentry_with_clu(base_clu, component, nullptr);
@@ -64,7 +64,7 @@ int look_at_parent(u32 base_clu, component_buffer &component) {
     return result;
 }
 
-// A record of its own for the start directory, the caller's to free.
+// A new record of the start directory, which the caller frees.
 int open_start_again(const oentry *start, oentry **dir) {
     heap_ptr<oentry> entry = zeroed_records<oentry>();
     if (entry == nullptr) {
@@ -76,7 +76,7 @@ int open_start_again(const oentry *start, oentry **dir) {
         return result;
     }
     if (start->dentry != nullptr && entry->dentry == nullptr) {
-        return -ENOENT; // the directory has been removed: its clusters are free
+        return -ENOENT; // the directory was removed: its clusters are free
     }
     entry->parent_clus = start->parent_clus;
     *dir = entry.release();
@@ -90,7 +90,7 @@ int find_directory(oentry *start, const fat_path &path, oentry **dir) {
     }
     component_buffer component;
     if (find_real_component(path, component)) {
-        return look_at_parent(base_cluster(start), component);
+        return read_parent_entry(base_cluster(start), component);
     }
     return open_start_again(start, dir);
 }
@@ -168,7 +168,8 @@ int fat_get_name(const char *path, char *out) {
         REPORT("Check here!\n\n");
         return -ENAMETOOLONG;
     }
-    // A path of the full length leaves no terminator here; the buffer's own byte behind it does.
+    // A path of maximum length is terminated by the next byte of the buffer, which is never
+    // written.
     std::memset(out, 0, MAX_PATH_LENGTH);
     std::memcpy(out, path, length);
     while (length > 0 && out[length - 1] == '/') {

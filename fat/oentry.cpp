@@ -1,8 +1,9 @@
 // Open entries: the table of 512 slots, its bitmap, and the lifetime of the records in it.
 //
-// Invariants: a slot holds a record exactly when its bit is set; slot 0 holds the root directory
-// and no other; `root_dir` and `current_dir` of the volume are null or point at records of the
-// table. Records made by a path lookup are never registered; whoever looked up frees them.
+// Invariants: a slot holds a record exactly if its bit is set; slot 0 holds the root directory and
+// nothing else; `root_dir` and `current_dir` of the volume are null or point to records in the
+// table. Records created by a path lookup are never in the table; the caller of the lookup frees
+// them.
 
 #include "fat/internal.h"
 
@@ -28,8 +29,8 @@ void set_fat16_root(oentry *entry) {
     entry->allocated = FAT16_ROOT_ENTRIES * DENTRY_SIZE;
 }
 
-// Counts the chain of a record whose start is set. A chain that runs into a free entry leaves the
-// record without an image, with result 0.
+// Counts the clusters of a record whose start is set. If the chain leads to a free entry, drops the
+// dentry copy of the record, with result 0.
 int measure_chain(oentry *entry) {
     entry->pos = 0;
     if (entry->start == 0) {
@@ -47,20 +48,20 @@ int measure_chain(oentry *entry) {
     return clusters;
 }
 
-// Opens the entry whose image was read from `location` into a record of its own.
-int open_image(const oentry *parent, const u8 *image, const dentry_location &location) {
+// Opens an entry that was read from `location`; creates its record.
+int open_dentry(const oentry *parent, const u8 *dentry, const dentry_location &location) {
     heap_ptr<oentry> entry = zeroed_records<oentry>();
     if (entry == nullptr) {
         report_at("fat_entry_open", __LINE__, "cannot allocate memory\n");
         return -ENOMEM;
     }
-    const int result = fat_set_oentry(image, location.sector, location.offset, entry.get());
+    const int result = fat_set_oentry(dentry, location.sector, location.offset, entry.get());
     if (result < 0) {
         report_at("fat_entry_open", __LINE__, "Cannot set oentry!\n\n");
         return result;
     }
     if (entry->dentry != nullptr && is_dot_dot_to_root(entry->dentry)) {
-        return 0; // the root's id: such an image has become a copy of the root before
+        return 0; // id of the root, whose record was copied
     }
     entry->parent_clus = base_cluster(parent);
     const int id = register_oentry(entry.get());
@@ -68,16 +69,16 @@ int open_image(const oentry *parent, const u8 *image, const dentry_location &loc
         std::free(entry->dentry);
         return id;
     }
-    (void)entry.release(); // the table owns it
+    (void)entry.release(); // the table owns the record
     return id;
 }
 
-void keep_leaf_name(oentry *entry, const char *leaf) {
+void store_leaf_name(oentry *entry, const char *leaf) {
     std::strncpy(entry->name, leaf, sizeof entry->name - 1);
     entry->name[sizeof entry->name - 1] = '\0';
 }
 
-// Opens the entry called `leaf` in the directory.
+// Opens the entry of the name `leaf` in the directory.
 int open_leaf(oentry *parent, char *leaf) {
     const int index = fat_find_dentry(parent, leaf, nullptr);
     if (index < 0) {
@@ -92,14 +93,14 @@ int open_leaf(oentry *parent, char *leaf) {
     if (opened == nullptr) {
         return -ENOENT;
     }
-    keep_leaf_name(opened, leaf);
+    store_leaf_name(opened, leaf);
     return id;
 }
 
-// Closes an entry of the wrong kind again.
+// Closes an entry of the wrong kind.
 int refuse_kind(const char *function, int id, int error) {
     report_at(function, __LINE__, "attempt to open directory!\n\n");
-    (void)fat_close(id); // an id just given out
+    (void)fat_close(id); // cannot fail: the id is open
     return error;
 }
 
@@ -153,7 +154,7 @@ void unmark_slot(u32 *map, u32 id) {
 
 int register_oentry(oentry *entry) {
     const int id = find_free_slot(oentry_map, MAX_ENTRIES);
-    if (id <= 0) { // slot 0 is the root's: nothing is registered before it is open
+    if (id <= 0) { // slot 0 is reserved for the root
         REPORT("Too many open files\n");
         return -EMFILE;
     }
@@ -232,14 +233,14 @@ int fat_entry_open(oentry *parent, u32 index) {
         REPORT("cannot allocate memory\n");
         return -ENOMEM;
     }
-    u8 *image = nullptr;
+    u8 *dentry = nullptr;
     dentry_location location = {};
-    const int result = fat_get_dentry(parent, index, &image, sector.get(), &location);
+    const int result = fat_get_dentry(parent, index, &dentry, sector.get(), &location);
     if (result < 0) {
         REPORT("Cannot get dentry!\n\n");
         return result;
     }
-    return open_image(parent, image, location);
+    return open_dentry(parent, dentry, location);
 }
 
 int open_root_directory() {
@@ -305,7 +306,7 @@ int fat_open(const char *path) {
 }
 
 int fat_open_dir(const char *path) {
-    // A path finds out by itself that nothing is mounted.
+    // For a path, the lookup checks whether the volume is mounted.
     if (path == nullptr ? not_mounted(__func__) : no_volume(__func__)) {
         return with_errno(-EINVAL);
     }
@@ -331,7 +332,7 @@ int fat_close(int id) {
         REPORT("Invalid id!(%d)\n\n", id);
         return -EINVAL;
     }
-    put_oentry(id); // a negative id is no entry's: ignored
+    put_oentry(id); // ignores a negative id
     return 0;
 }
 

@@ -20,8 +20,8 @@ constexpr u32 DEFAULT_NUMBER_OF_FATS = 2;
 constexpr char BLANK_LABEL[] = "           ";
 static_assert(sizeof BLANK_LABEL == sizeof fat_format_param::volume_label);
 
-// The areas in front of the data as each FAT width has them. An automatic width starts as FAT16;
-// the geometry replaces these where it decides for FAT32.
+// Defaults of the areas before the data, for each FAT width. A width of 0 begins as FAT16; the
+// geometry replaces these if it chooses FAT32.
 void set_area_defaults(fat_format_param *param) {
     const bool is_fat32 = param->fat_size == 32;
     param->root_entries = is_fat32 ? 0 : 512;
@@ -36,7 +36,7 @@ int check_format_param(fat_format_param *param) {
         REPORT("Check here!\n\n");
         return -1;
     }
-    // Deliberately before the defaults, and in 32 bits.
+    // Intentional: before the defaults, and in 32 bits.
     const u32 cluster_bytes = param->sec_per_clus * param->sector_size;
     if (cluster_bytes > MAX_CLUSTER_BYTES) {
         report_bare(

@@ -1,8 +1,8 @@
-// Removing entries, and the names of entries known by their index.
+// Removing entries, and the names of entries that are given by their index.
 //
-// An entry is marked deleted in place and directories are never compacted. The checksum that the
-// long-name slots are compared with is taken after the mark is set, so that it matches none of
-// them: they stay behind as orphans, which lookups skip. This is meant.
+// An entry is marked deleted in its slot; directories are never compacted. Intentional: the
+// checksum that is compared with the long-name slots is computed after the entry was marked, so it
+// matches no slot: the slots remain as orphans, which lookups skip.
 
 #include "fat/internal.h"
 
@@ -17,20 +17,19 @@ namespace {
 
 constexpr u32 REMOVED_SLOT_ATTR = 0xE5; // marks a long-name slot, in its attribute byte
 
-// What is removed: an entry of an open directory.
+// An entry of an open directory.
 struct found_entry {
     oentry *dir = nullptr;
     u32 index = 0;
 };
 
-// Finds the entry that a path names. The directory is to be given to free_lookup_result() in every
-// case. `failed_name` is what is said when the path is none.
-int find_entry(const char *function, const char *path, const char *failed_name,
-               found_entry *found) {
+// Finds the entry at a path. The caller passes the directory to free_lookup_result() in every case.
+// `path_error` is the message for an invalid path.
+int find_entry(const char *function, const char *path, const char *path_error, found_entry *found) {
     path_buffer name = {};
     int result = fat_get_name(path, name);
     if (result < 0) {
-        report_at(function, __LINE__, "%s\n\n", failed_name);
+        report_at(function, __LINE__, "%s\n\n", path_error);
         return result;
     }
     char *leaf = nullptr;
@@ -48,7 +47,7 @@ int find_entry(const char *function, const char *path, const char *failed_name,
     return 0;
 }
 
-// The tests that both removals make of their path.
+// Checks of the path that both removals share.
 int check_path(const char *function, const char *path) {
     if (path == nullptr) {
         report_at(function, __LINE__, "NULL path!\n\n");
@@ -61,7 +60,7 @@ int check_path(const char *function, const char *path) {
     return no_volume(function) ? -EINVAL : 0;
 }
 
-// Removes an open entry of `dir` with its clusters.
+// Removes an open entry of `dir` and frees its clusters.
 int delete_opened(oentry *dir, u32 index, oentry *entry) {
     if (is_live_directory(entry->dentry) && is_empty_dir(entry) < 0) {
         report_at("do_delete", __LINE__, "Check here!\n\n");
@@ -79,21 +78,22 @@ int delete_opened(oentry *dir, u32 index, oentry *entry) {
     return result;
 }
 
-// Marks the slots in front of the entry that carry the checksum. Returns how many, or -errno.
-int mark_slots(run_sectors *run, oentry *dir, u32 index, u8 *entry, u8 checksum) {
+// Marks the slots before the entry that have the checksum. Returns their number, or a negative
+// errno.
+int mark_slots(span_sectors *span, oentry *dir, u32 index, u8 *entry, u8 checksum) {
     u8 *slot = entry;
     int marked = 0;
     for (u32 i = index; i > 0; i--) {
         if (same_sector(i - 1, i)) {
             slot -= DENTRY_SIZE;
         } else {
-            int result = run->reserve();
+            int result = span->reserve();
             if (result == -EINVAL) {
                 report_at("remove_entry", __LINE__, "out of range\n");
                 return result;
             }
             if (result == 0) {
-                result = run->load(dir, i - 1, &slot);
+                result = span->load(dir, i - 1, &slot);
             }
             if (result < 0) {
                 report_at("remove_entry", __LINE__, "Check here!\n\n");
@@ -112,8 +112,8 @@ int mark_slots(run_sectors *run, oentry *dir, u32 index, u8 *entry, u8 checksum)
     return marked;
 }
 
-// Gathers the long name in front of the entry. False, after telling why, when it has no whole one.
-bool gather_backwards(u32 base_clu, u32 index, u8 checksum, u8 *sector_buf, u16 *units) {
+// Collects the long name before the entry. False, after a diagnostic, if it is not complete.
+bool collect_long_name(u32 base_clu, u32 index, u8 checksum, u8 *sector_buf, u16 *units) {
     while (index > 0) {
         index--;
         u8 *slot = nullptr;
@@ -134,7 +134,7 @@ bool gather_backwards(u32 base_clu, u32 index, u8 checksum, u8 *sector_buf, u16 
     return units[0] != 0;
 }
 
-// Reads the short entry whose name is asked for.
+// Reads the short entry at `index`.
 int read_named_entry(u32 base_clu, u32 index, u8 *sector_buf, u8 **entry) {
     const int result = get_dentry_with_clu(base_clu, index, entry, sector_buf, nullptr);
     if (result == -EFAULT) {
@@ -185,11 +185,11 @@ int is_empty_dir(oentry *dir) {
 }
 
 int remove_entry(oentry *dir, u32 index) {
-    run_sectors run;
+    span_sectors span;
     u8 *entry = nullptr;
-    int result = run.reserve();
+    int result = span.reserve();
     if (result == 0) {
-        result = run.load(dir, index, &entry);
+        result = span.load(dir, index, &entry);
     }
     if (result != 0) {
         REPORT("Check here!\n\n");
@@ -197,11 +197,11 @@ int remove_entry(oentry *dir, u32 index) {
     }
     entry[SHORT_NAME.offset] = NAME_DELETED;
     const u8 checksum = dosname_checksum(entry + SHORT_NAME.offset);
-    const int slots = mark_slots(&run, dir, index, entry, checksum);
+    const int slots = mark_slots(&span, dir, index, entry, checksum);
     if (slots < 0) {
         return slots;
     }
-    result = run.write_back();
+    result = span.write_back();
     if (result < 0) {
         REPORT("Check here!\n\n");
         return result;
@@ -223,7 +223,7 @@ int do_delete(oentry *dir, u32 index) {
         result = delete_opened(dir, index, entry);
     }
     if (id > 0) {
-        (void)fat_close(id); // an id just given out
+        (void)fat_close(id); // cannot fail: the id is open
     }
     return result;
 }
@@ -243,10 +243,10 @@ int get_name_of_entry(u32 base_clu, u32 index, char *out, u32 size) {
     convert_dosname_to_cstring(entry, out, static_cast<u8>(load(entry, SHORT_SYSID)));
     const u8 checksum = dosname_checksum(entry + SHORT_NAME.offset);
     u16 units[LONG_NAME_UNITS] = {};
-    if (!gather_backwards(base_clu, index, checksum, sector_buf.get(), units)) {
+    if (!collect_long_name(base_clu, index, checksum, sector_buf.get(), units)) {
         return 0;
     }
-    // A name that the encoding does not have is shown by its short form.
+    // A long name that is not representable in the encoding is replaced by the short one.
     char long_name[LONG_NAME_UNITS + 1] = {};
     if (convert_uname_to_cstring(units, long_name) >= 0) {
         std::memcpy(out, long_name, LONG_NAME_UNITS);

@@ -1,4 +1,4 @@
-// Ownership: heap blocks and descriptors that end with their scope.
+// Ownership: heap blocks and descriptors with the lifetime of their scope.
 
 #pragma once
 
@@ -22,8 +22,8 @@ struct free_block {
 template <typename T>
 using heap_ptr = std::unique_ptr<T, free_block>;
 
-// Room for `count` units of `unit` bytes, all zero, or null when there is none. A product beyond
-// the address space of a 32-bit host counts as no room.
+// `count` units of `unit` zero bytes, or null without memory. A product beyond the address space of
+// a 32-bit host counts as a lack of memory.
 [[nodiscard]] inline heap_ptr<u8> zeroed_bytes(u32 count, u32 unit = 1) {
     std::size_t size = 0;
     const bool fits = !__builtin_mul_overflow(count, unit, &size);
@@ -40,13 +40,13 @@ template <typename T>
     return heap_ptr<T>(reinterpret_cast<T *>(zeroed_bytes(count, sizeof(T)).release()));
 }
 
-// A descriptor that is closed at the end of its scope unless it has been given away.
-class held_descriptor {
+// A file descriptor, closed at the end of its scope unless released.
+class unique_fd {
 public:
-    explicit held_descriptor(int fd) : fd_(fd) {}
-    held_descriptor(const held_descriptor &) = delete;
-    held_descriptor &operator=(const held_descriptor &) = delete;
-    ~held_descriptor() {
+    explicit unique_fd(int fd) : fd_(fd) {}
+    unique_fd(const unique_fd &) = delete;
+    unique_fd &operator=(const unique_fd &) = delete;
+    ~unique_fd() {
         if (fd_ >= 0) {
             close(fd_);
         }

@@ -1,8 +1,8 @@
 // The one open volume: opening and sizing its target, sector transfers, release.
 //
-// Invariants: `sv` is null or points at a zero-initialised heap record whose `fd` is open; nothing
-// in the library reaches the target but through read_sectors and write_sectors, save sizing it and
-// truncating a compacted image.
+// Invariants: `sv` is null or points to a zero-initialised heap record whose `fd` is open. The
+// library accesses the target by read_sectors and write_sectors only, except to determine its size
+// and to truncate a compacted image file.
 
 #include "fat/internal.h"
 
@@ -27,10 +27,10 @@ fat_sector_io write_sectors = nullptr;
 
 namespace {
 
-constexpr u32 DEVICE_SECTOR = 512; // the unit of BLKGETSIZE, whatever the device's own sector
+constexpr u32 DEVICE_SECTOR = 512; // unit of BLKGETSIZE, regardless of the device's sector size
 constexpr int LAST_STANDARD_DESCRIPTOR = 2;
 
-constexpr u32 WINDOW_BYTES = 64 * 1024; // that a window holds at most
+constexpr u32 WINDOW_BYTES = 64 * 1024; // maximum size of a window
 
 void use_file_transfers() {
     read_sectors = file_read_sectors;
@@ -41,7 +41,7 @@ bool can_transfer(const void *buf) {
     return sv != nullptr && sv->fd > LAST_STANDARD_DESCRIPTOR && buf != nullptr;
 }
 
-// Sets errno on failure; a byte offset that no file can have is one.
+// Sets errno on failure, also for a byte offset beyond the range of files.
 bool seek_sector(u64 sector) {
     if (sector > static_cast<u64>(INT64_MAX) / transfer_unit()) {
         errno = EINVAL;
@@ -50,8 +50,7 @@ bool seek_sector(u64 sector) {
     return lseek(sv->fd, static_cast<off_t>(sector * transfer_unit()), SEEK_SET) >= 0;
 }
 
-// What the address space can hold; a request beyond that, or beyond what the system moves in one
-// call, comes back short.
+// Limited to the address space. The system may transfer less in one call: such a transfer is short.
 std::size_t transfer_bytes(u32 count) {
     const u64 bytes = static_cast<u64>(count) * transfer_unit();
     return bytes > SSIZE_MAX ? static_cast<std::size_t>(SSIZE_MAX)
@@ -62,14 +61,14 @@ int whole_sectors(ssize_t bytes) {
     return static_cast<int>(bytes / static_cast<ssize_t>(transfer_unit()));
 }
 
-// Both sizes of a block device are told; where they differ, the smaller one is meant to be taken.
+// Intentional: prints both sizes of a block device and uses the smaller one.
 int check_device_size(int fd, u64 *size) {
     unsigned long device_sectors = 0;
     if (ioctl(fd, BLKGETSIZE, &device_sectors) < 0) {
         report_at("check_vol_size", __LINE__, "cannot get the volume size: ioctl(BLKGETSIZE)\n");
         return -EACCES;
     }
-    // 32 bits wide, deliberately: a size taken from here is right below 4 GiB.
+    // Intentional: 32 bits wide. As a volume size it is correct below 4 GiB.
     const u32 device_bytes = static_cast<u32>(device_sectors) * DEVICE_SECTOR;
     const u64 seek_bytes = get_device_size(fd);
     report_at("check_vol_size", __LINE__, "ioctl(BLKGETSIZE): %u sectors, %u bytes\n",
@@ -107,13 +106,13 @@ void close_target() {
     }
 }
 
-void drop_volume() {
+void free_volume() {
     std::free(sv);
     sv = nullptr;
 }
 
-// Raises the allocation hint to the highest cluster in use. The two highest cluster numbers are
-// never looked at; the bound is meant to stay as it is.
+// Raises the allocation hint to the highest cluster in use. Intentional: never reads the two
+// highest clusters.
 int find_last_allocated() {
     sector_window window;
     for (u32 cluster = sv->last_alloc_clus + 1; cluster < sv->num_clusters; cluster++) {
@@ -129,8 +128,8 @@ int find_last_allocated() {
     return 0;
 }
 
-// End of the last allocated cluster. Each product is 32 bits wide, deliberately: images of 4 GiB
-// and more are not served.
+// End of the last allocated cluster, in bytes. Intentional: each product is 32 bits wide, so image
+// files of 4 GiB and more are not supported.
 u64 compact_length() {
     const u32 data_bytes = (sv->last_alloc_clus - 1) * sv->sec_per_clus * sv->sector_size;
     const u32 data_offset = sv->data_start * sv->sector_size;
@@ -151,11 +150,12 @@ int release_compacted() {
         report_at("fat_release_volume", __LINE__, "fail to truncate resulting image:%s\n",
                   std::strerror(errno));
     }
-    drop_volume();
+    free_volume();
     return result;
 }
 
-// Replaces the buffer by a larger one, of bytes that are all to be read; what it held is gone then.
+// Replaces the buffer by a larger one, without zeroing it: every byte is to be read into. The old
+// content is lost.
 bool grow_window(sector_window *window, u32 sectors) {
     void *larger = std::malloc(std::size_t{sectors} * sv->sector_size);
     if (larger == nullptr) {
@@ -215,7 +215,7 @@ u64 get_device_size(int fd) {
     if (end > 0) {
         return static_cast<u64>(end);
     }
-    // Offsets are signed 64-bit numbers; a device that can be read everywhere ends the doubling.
+    // Offsets are signed 64-bit numbers: the doubling ends even if every offset is readable.
     constexpr u64 HIGHEST_PROBE = 1ULL << 62;
     u64 low = 0;
     u64 high = 1;
@@ -311,7 +311,7 @@ bool read_ahead(sector_window *window, u64 sector, u32 count) {
         return false;
     }
     window->count = 0;
-    const quiet_scope unsaid; // what fails is read again sector by sector, and told then
+    const quiet_scope quiet; // after a failure the sectors are read one by one, and reported then
     if (read_sectors(window->buffer.get(), sector, count) != static_cast<int>(count)) {
         window->singles_below = sector + count;
         return false;
@@ -322,9 +322,9 @@ bool read_ahead(sector_window *window, u64 sector, u32 count) {
 }
 
 void refresh_sector(sector_window *window, u64 sector, const u8 *content) {
-    u8 *held = window->find(sector);
-    if (held != nullptr) {
-        std::memcpy(held, content, sv->sector_size);
+    u8 *buffered = window->find(sector);
+    if (buffered != nullptr) {
+        std::memcpy(buffered, content, sv->sector_size);
     }
 }
 
@@ -373,8 +373,8 @@ int fat_init_volume(const char *path, u8 long_name) {
 int fat_release_volume(int compact) {
     free_open_entries();
     if (compact == 1) {
-        // Where the data begins is known once the volume has been formatted or mounted. One that
-        // was refused half-way would be cut to nothing, or to the wrong length.
+        // The start of the data is known after formatting or mounting. Without it the file would be
+        // truncated to nothing or to a wrong length.
         if (sv == nullptr || sv->data_start == 0) {
             REPORT("Check here!\n\n");
             return -EINVAL;
@@ -383,7 +383,7 @@ int fat_release_volume(int compact) {
     }
     if (sv != nullptr) {
         close_target();
-        drop_volume();
+        free_volume();
     }
     return 0;
 }
@@ -421,7 +421,7 @@ int create_fat_volume(const char *path, uint32_t chunk, int count) {
         REPORT("failed to open file!\n\n");
         return -EFAULT;
     }
-    held_descriptor fd(open(path, O_RDWR | O_CREAT | O_TRUNC, IMAGE_MODE));
+    unique_fd fd(open(path, O_RDWR | O_CREAT | O_TRUNC, IMAGE_MODE));
     if (fd.get() < 0) {
         const int error = errno;
         REPORT("failed to open file!\n\n");

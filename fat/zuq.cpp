@@ -1,7 +1,7 @@
 // The reserved files of the ZUQ flash driver: pool and log.
 //
-// Both lie in the root directory and are made in one go, with no roll-back: what was created or
-// allocated before a failure stays.
+// Both are in the root directory. Intentional: nothing is rolled back. Files and clusters created
+// before a failure stay.
 
 #include "fat/internal.h"
 
@@ -19,14 +19,14 @@ constexpr u32 LOG_BYTES = 128 * 1024; // at least; rounded up to full clusters
 constexpr u32 RESERVED_ATTR = ATTR_READ_ONLY | ATTR_HIDDEN | ATTR_SYSTEM;
 constexpr int ROOT_ID = 0;
 
-// Creates a file in the root directory; the name is converted in place, so it is given as a copy.
+// Creates a file in the root directory from a copy of its name, which the conversion changes.
 int create_reserved(oentry *root, const reserved_name &name) {
     reserved_name copy;
     std::memcpy(copy, name, sizeof copy);
     return do_create(root, copy, DENTRY_FILE);
 }
 
-// Gives the file its size and attributes, in its record and on the medium.
+// Sets size and attributes of the file, in its record and on the medium.
 int finish_entry(int id, const oentry *entry, u32 size) {
     store(entry->dentry, SHORT_ATTR, load(entry->dentry, SHORT_ATTR) | RESERVED_ATTR);
     store(entry->dentry, SHORT_FILE_SIZE, size);
@@ -46,12 +46,12 @@ void fill_pool_header(u8 *cluster_data, u32 index, u32 cluster) {
     store(cluster_data, POOL_SECOND_MARK, ALL_ONES);
 }
 
-// Writes the one cluster of the pool; `cluster_data` holds as many zero bytes. A search for a free
-// cluster that met a damaged FAT entry has found none, and said 0.
+// Writes the one cluster of the pool; `cluster_data` has its size and is zeroed. The cluster number
+// is 0 if the search for a free cluster met a damaged FAT entry.
 int write_pool_cluster(u8 *cluster_data, u32 index, u32 cluster) {
     fill_pool_header(cluster_data, index, cluster);
     u32 sector = 0;
-    const bool is_in_root_area = cluster == 0 && sv->fat_type != 32; // where 0 would lead to
+    const bool is_in_root_area = cluster == 0 && sv->fat_type != 32; // lookups take 0 for the root
     const int result = is_in_root_area ? -EINVAL : get_phy_sector_by_offset(cluster, 0, &sector);
     if (result < 0) {
         report_at("zuq_make_pool", __LINE__, "Failed to get sector!\n\n");
@@ -90,7 +90,7 @@ int fill_pool(int id, u32 index, u8 *cluster_data) {
 
 // ---- log ----
 
-// Number 0 is none, as for the pool: clearing it would hit other areas.
+// Refuses cluster 0, as for the pool: clearing it would hit another area.
 int append_cleared_cluster(oentry *log) {
     u32 cluster = 0;
     const int result = fat_alloc_cluster(log, &cluster);
@@ -115,18 +115,18 @@ int fill_log(int id) {
         result = finish_entry(id, log, count * cluster_bytes());
     }
     if (result < 0) {
-        report_at("zuq_make_log", __LINE__, "Failed to get parent!\n\n"); // whatever has failed
+        report_at("zuq_make_log", __LINE__, "Failed to get parent!\n\n"); // for every error
     }
     return result;
 }
 
-// ---- looking clusters up ----
+// ---- finding clusters ----
 
 bool is_at_least(u32 cluster, u32 key) {
     return cluster >= key;
 }
 
-// The cluster behind the first one of the chain. A failed read counts as its end.
+// The second cluster of the chain. Intentional: a failed read counts as the end of the chain.
 int second_cluster(u32 start) {
     const int next = fat_read_clus(start);
     return next > 0 && !is_end_of_chain(static_cast<u32>(next)) ? next : -ENOENT;
@@ -138,13 +138,13 @@ namespace fat {
 
 int find_cluster(u32 start, u32 stop, u32 key, bool (*predicate)(u32 cluster, u32 key)) {
     sector_window window;
-    circle_guard guard;
+    cycle_detector detector;
     u32 cluster = start;
     while (cluster != FAT_END_MARK || stop != FAT_END_MARK) {
         if (predicate(cluster, key)) {
             return static_cast<int>(cluster);
         }
-        const int next = guard.closes_at(cluster) ? -EINVAL : follow_link(&window, cluster);
+        const int next = detector.closes_cycle(cluster) ? -EINVAL : follow_link(&window, cluster);
         if (next < 0) {
             REPORT("Failed to read cluster!\n\n");
             return next;
@@ -181,7 +181,7 @@ int zuq_make_pool(void) {
         return id;
     }
     const int result = fill_pool(id, static_cast<u32>(index), cluster_data.get());
-    (void)fat_close(id); // an id just given out
+    (void)fat_close(id); // cannot fail: the id is open
     return result;
 }
 
@@ -202,7 +202,7 @@ int zuq_make_log(void) {
         return id;
     }
     const int result = fill_log(id);
-    (void)fat_close(id); // an id just given out
+    (void)fat_close(id); // cannot fail: the id is open
     return result;
 }
 
@@ -215,7 +215,7 @@ int fat_find_pool(uint32_t key) {
         REPORT("Failed to open file!\n\n");
         return id;
     }
-    const oentry *pool = entry_of(id); // its id stays open
+    const oentry *pool = entry_of(id); // Intentional: the id stays open
     if (pool == nullptr) {
         REPORT("Failed to get file entry!\n\n");
         return -ENOENT;

@@ -177,9 +177,9 @@ u32 fat_table::highest_used() {
 
 std::vector<u32> fat_table::chain(u32 start, u32 limit) {
     std::vector<u32> clusters;
-    fat::circle_guard guard;
+    fat::cycle_detector guard;
     for (u32 cluster = start; clusters.size() < limit;) {
-        if (guard.closes_at(cluster)) {
+        if (guard.closes_cycle(cluster)) {
             throw error(fmt::format("the chain from cluster {} runs in a circle", start));
         }
         clusters.push_back(cluster);

@@ -91,7 +91,7 @@ std::string without_links(const std::string &path) {
 }
 
 void sync_directory(const std::string &path) {
-    const fat::held_descriptor directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const fat::unique_fd directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     // Some file systems do not synchronise directories and say so.
     if (directory.get() < 0 || (fsync(directory.get()) != 0 && errno != EINVAL)) {
         throw system_failure("put the name of the image on the medium");
@@ -144,7 +144,7 @@ void new_image::make(fat::u64 bytes) {
             throw system_failure("make an image in " + shown_bytes(directory_));
         }
     }
-    const fat::held_descriptor file(fd);
+    const fat::unique_fd file(fd);
     if (ftruncate(fd, static_cast<off_t>(bytes)) != 0) {
         const int reason = errno;
         unlink(path_.c_str());

@@ -121,7 +121,7 @@ void lock_target(int fd, const std::string &path, access wanted) {
 // The library opens a target by its path and for writing. A reading command has to do with a file
 // that is read-only, and the descriptor that was locked is the one to work on; so the record of the
 // open volume is made here.
-void adopt_descriptor(fat::held_descriptor *fd, const std::string &path, access wanted) {
+void adopt_descriptor(fat::unique_fd *fd, const std::string &path, access wanted) {
     u64 size = 0;
     if (fat::check_vol_size(fd->get(), &size) < 0) {
         throw error(shown_bytes(path) + " is neither an image file nor a block device");
@@ -193,7 +193,7 @@ bool is_fsinfo(const std::vector<u8> &sector) {
 // ---- target -----------------------------------------------------------------------------------
 
 target::target(std::string path, access wanted) : path_(std::move(path)) {
-    fat::held_descriptor fd(open_target(path_, wanted));
+    fat::unique_fd fd(open_target(path_, wanted));
     lock_target(fd.get(), path_, wanted);
     const struct stat status = status_of(fd.get(), path_);
     is_device_ = S_ISBLK(status.st_mode);
@@ -252,7 +252,7 @@ u32 target::sector_bytes() const {
 }
 
 void check_replaceable(const std::string &path) {
-    const fat::held_descriptor fd(open_target(path, access::READ));
+    const fat::unique_fd fd(open_target(path, access::READ));
     const struct stat status = status_of(fd.get(), path);
     if (!S_ISREG(status.st_mode)) {
         throw error(shown_bytes(path) + " is neither an image file nor a block device");

@@ -224,16 +224,16 @@ TEST_P(ReadAhead, SectorsThatDoNotComeTogetherAreAskedForOnce) {
 TEST(CircleGuard, PassesAStretchOfClustersAsItPassesThemOneByOne) {
     for (u32 seed = 1; seed <= 2000; seed++) {
         std::mt19937 random(seed);
-        circle_guard by_stretches;
-        circle_guard one_by_one;
+        cycle_detector by_stretches;
+        cycle_detector one_by_one;
         bool closes = false;
         while (!closes) {
             const u32 first = 2 + static_cast<u32>(random() % 300);
             const u32 count = static_cast<u32>(random() % 40);
             for (u32 i = 0; i < count && !closes; i++) {
-                closes = one_by_one.closes_at(first + i);
+                closes = one_by_one.closes_cycle(first + i);
             }
-            ASSERT_EQ(by_stretches.closes_within(first, count), closes) << "seed " << seed;
+            ASSERT_EQ(by_stretches.closes_cycle_within(first, count), closes) << "seed " << seed;
             ASSERT_EQ(by_stretches.anchor, one_by_one.anchor) << "seed " << seed;
             ASSERT_EQ(by_stretches.span, one_by_one.span) << "seed " << seed;
         }

@@ -1,4 +1,4 @@
-// quorvel: lays a fresh FAT16 or FAT32 file system onto a block device or an image file.
+// quorvel: formats a block device or an image file as FAT16 or FAT32.
 
 #include "fat/fat.h"
 #include "tool/options.h"
@@ -13,11 +13,11 @@
 
 namespace {
 
-constexpr int EXIT_FAILED = -1; // seen as status 255
+constexpr int EXIT_FAILED = -1; // exit status 255
 
-// A run started with a standard stream closed would open the target in its place, and the result
-// line would be written into the target. Those below a closed one are open by then, so that open()
-// gives its number.
+// If quorvel starts with a standard stream closed, the target would get its descriptor, and the
+// result line would be written into the target. The loop opens the lowest descriptors first, so
+// open() returns the closed one.
 bool occupy_standard_descriptors() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++) {
         if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", O_RDWR) < 0) {
@@ -28,7 +28,7 @@ bool occupy_standard_descriptors() {
     return true;
 }
 
-bool make_durable(const char *path) {
+bool sync_target(const char *path) {
     if (fsync(sv->fd) == 0) {
         return true;
     }
@@ -37,7 +37,7 @@ bool make_durable(const char *path) {
 }
 
 bool format_open_volume(fat_format_param *param) {
-    return fat_format(param) >= 0 && make_durable(param->outfile);
+    return fat_format(param) >= 0 && sync_target(param->outfile);
 }
 
 bool format_target(fat_format_param *param) {
@@ -55,7 +55,7 @@ bool format_target(fat_format_param *param) {
 } // namespace
 
 int main(int argc, char **argv) {
-    std::signal(SIGXFSZ, SIG_IGN); // a write beyond the limit on file sizes fails, and is told
+    std::signal(SIGXFSZ, SIG_IGN); // a write beyond the file size limit fails with a diagnostic
     fat_format_param param = {};
     if (!occupy_standard_descriptors() || quorvel::parse_options(argc, argv, &param) < 0 ||
         check_format_param(&param) < 0) {

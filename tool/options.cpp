@@ -21,7 +21,7 @@ constexpr char VERSION[] = "1.2.3";
 constexpr char OPTION_LETTERS[] = "s:S:F:p:l:v";
 constexpr char MOUNT_TABLE[] = "/etc/mtab";
 
-// A numeric option: its letter, the values it takes and where they go.
+// A numeric option: its letter, the accepted values and the destination in the request.
 struct numeric_option {
     int letter;
     std::span<const long> accepted;
@@ -66,7 +66,8 @@ void print_refusal(int letter, const char *argument) {
     }
 }
 
-// Compared as the long that strtol gives, so that a number beyond 32 bits is none of the accepted.
+// Compares the long that strtol returns: a cut to 32 bits could turn a larger number into an
+// accepted one.
 bool accept_number(const numeric_option &option, const char *argument, fat_format_param *param) {
     char *end = nullptr;
     const long number = std::strtol(argument, &end, 10);
@@ -82,7 +83,7 @@ bool accept_number(const numeric_option &option, const char *argument, fat_forma
     return false;
 }
 
-// Blank-padded to 11 bytes, or cut to them.
+// Pads the label with spaces, or cuts it, to 11 bytes.
 void set_label(const char *argument, fat_format_param *param) {
     std::snprintf(param->volume_label, sizeof param->volume_label, "%-11.11s", argument);
 }
@@ -106,7 +107,7 @@ bool apply_option(int letter, fat_format_param *param) {
     return true;
 }
 
-// Device names are compared as they are written.
+// Compares device names as text.
 bool is_mounted(const char *target) {
     FILE *table = setmntent(MOUNT_TABLE, "r");
     if (table == nullptr) {
@@ -151,8 +152,8 @@ void print_usage() {
 }
 
 int parse_options(int argc, char **argv, fat_format_param *param) {
-    opterr = 0; // the usage text is the whole answer to an unknown option
-    optind = 0; // glibc: begin anew, whatever was parsed before
+    opterr = 0; // an unknown option prints the usage text only
+    optind = 0; // glibc: restarts parsing
     verbose_count = 0;
     fat_page_size_given = 0;
     for (int letter = getopt(argc, argv, OPTION_LETTERS); letter != -1;
