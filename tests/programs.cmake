@@ -54,9 +54,7 @@ function(test_program name)
   target_precompile_headers(${name}_objects REUSE_FROM test_support)
   add_executable(${name} $<TARGET_OBJECTS:${name}_objects>)
   target_link_libraries(${name} PRIVATE test_support ${arg_LIBRARIES} fat)
-  if(arg_NEEDS)
-    add_dependencies(${name} ${arg_NEEDS})
-  endif()
+  add_dependencies(${name} quorvel ${arg_NEEDS})
   register_program(${name} ${arg_SHARDS} ${name} --gtest_brief=1)
 
   if(run_sanitized AND NOT arg_ONCE)
@@ -79,10 +77,7 @@ macro(add_sanitized_program name)
   target_link_libraries(asan_${name} PRIVATE test_support ${arg_SANITIZED_LIBRARIES}
                                              $<TARGET_FILE:fat_sanitized>)
   target_link_options(asan_${name} PRIVATE ${sanitizers})
-  add_dependencies(asan_${name} fat_sanitized quorvel_sanitized)
-  if(arg_NEEDS)
-    add_dependencies(asan_${name} ${arg_NEEDS})
-  endif()
+  add_dependencies(asan_${name} fat_sanitized quorvel_sanitized quorvel ${arg_NEEDS})
 endmacro()
 
 # A source of cases that no program has would be left out in silence.
