@@ -1,12 +1,14 @@
 // Cluster chains: finding and linking free clusters, clearing one.
 
 #include "tests/support/chain_fixture.h"
+#include "tests/support/every_fault.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -435,34 +437,15 @@ TEST_P(AllocCluster, UnreadableSectorOfTheLastClusterIsTold) {
     EXPECT_TRUE(sectors_written().empty());
 }
 
-TEST_P(AllocCluster, EveryFailingWriteLeavesWhatWasBefore) {
-    for (int k = 0;; k++) {
-        v.chain({4, 5});
-        v.set_link(far, 0);
-        open_entry file({4, 5});
-        const shown before = file.now();
-        const fat_picture fat(&v);
-        sv->last_alloc_clus = far - 1;
-        v.disk.writes_before_failure = k;
-        const allocation_meter meter;
-        u32 cluster = 0;
-        const answer a = alloc(&file.record, &cluster);
-        EXPECT_EQ(meter.live_blocks(), 0);
-        if (a.result == 0) {
-            EXPECT_EQ(k, 2);
-            v.disk.writes_before_failure = -1;
-            break;
-        }
-        ASSERT_LT(k, 2);
-        EXPECT_EQ(a, failed(-EIO, CANNOT_WRITE + NOT_LINKED));
-        EXPECT_EQ(file.now(), before);
-        EXPECT_EQ(fat.difference(), "");
-        EXPECT_EQ(sv->last_alloc_clus, far - 1);
-    }
-}
-
-TEST_P(AllocCluster, EveryFailingReadLeavesWhatWasBefore) {
-    for (int k = 0;; k++) {
+TEST_P(AllocCluster, EveryFailureLeavesWhatWasBefore) {
+    const std::map<fault, std::vector<answer>> failures = {
+        {fault::write, {failed(-EIO, CANNOT_WRITE + NOT_LINKED)}},
+        {fault::read,
+         {failed(-EIO, CANNOT_READ + INVALID_VALUE), failed(-EIO, CANNOT_CHANGE + NOT_LINKED)}},
+        {fault::allocation,
+         {failed(-ENOMEM, "fat_read_entry[N]: cannot allocate FAT\n\n" + INVALID_VALUE),
+          failed(-ENOMEM, "fat_write_entry[N]: cannot allocate buffer\n\n" + NOT_LINKED)}}};
+    at_every_fault({EVERY_WRITE, EVERY_READ, EVERY_ALLOCATION}, [&](fault_step &step) {
         v.chain({4, 5});
         v.set_link(far, 0);
         open_entry file({4, 5});
@@ -470,55 +453,19 @@ TEST_P(AllocCluster, EveryFailingReadLeavesWhatWasBefore) {
         fill(far - 2, far - 1, volume::end_mark());
         const fat_picture fat(&v);
         sv->last_alloc_clus = far - 3;
-        v.disk.reads_before_failure = k;
-        const allocation_meter meter;
         u32 cluster = 0;
-        const answer a = alloc(&file.record, &cluster);
-        EXPECT_EQ(meter.live_blocks(), 0);
-        if (a.result == 0) {
-            EXPECT_GT(k, 0);
-            v.disk.reads_before_failure = -1;
-            break;
+        const answer a = heard(step.run([&] { return fat_alloc_cluster(&file.record, &cluster); }));
+        if (!step.struck()) {
+            EXPECT_EQ(a.result, 0);
+            EXPECT_TRUE(!step.is(fault::write) || step.k == 2);
+            return;
         }
-        ASSERT_LT(k, 10);
-        EXPECT_TRUE(a == failed(-EIO, CANNOT_READ + INVALID_VALUE) ||
-                    a == failed(-EIO, CANNOT_CHANGE + NOT_LINKED))
-            << a;
+        const std::vector<answer> &expected = failures.at(step.kind.what);
+        EXPECT_NE(std::find(expected.begin(), expected.end(), a), expected.end()) << a;
         EXPECT_EQ(file.now(), before);
         EXPECT_EQ(fat.difference(), "");
         EXPECT_EQ(sv->last_alloc_clus, far - 3);
-    }
-}
-
-TEST_P(AllocCluster, EveryFailingAllocationLeavesWhatWasBefore) {
-    for (int k = 0;; k++) {
-        v.chain({4, 5});
-        open_entry file({4, 5});
-        const shown before = file.now();
-        const fat_picture fat(&v);
-        sv->last_alloc_clus = far - 1;
-        u32 cluster = 0;
-        answer a{};
-        {
-            const allocation_meter meter;
-            const failing_allocation fault(k);
-            a = {fat_alloc_cluster(&file.record, &cluster), ""};
-            EXPECT_EQ(meter.live_blocks(), 0);
-        }
-        a = heard(a.result);
-        if (a.result == 0) {
-            EXPECT_GT(k, 0);
-            break;
-        }
-        ASSERT_LT(k, 10);
-        EXPECT_TRUE(
-            a == failed(-ENOMEM, "fat_read_entry[N]: cannot allocate FAT\n\n" + INVALID_VALUE) ||
-            a == failed(-ENOMEM, "fat_write_entry[N]: cannot allocate buffer\n\n" + NOT_LINKED))
-            << a;
-        EXPECT_EQ(file.now(), before);
-        EXPECT_EQ(fat.difference(), "");
-        EXPECT_EQ(sv->last_alloc_clus, far - 1);
-    }
+    });
 }
 
 // ---- entries that cannot be searched ----------------------------------------------------------
