@@ -1,6 +1,7 @@
 // Listings: the printers of single entries, the iterator over a directory, and the listings of
 // directories, clusters and files of raw entries.
 
+#include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
 #include "tests/support/files.h"
 #include "tests/support/mounted.h"
@@ -1119,57 +1120,50 @@ TEST_P(FatListDir, EndsAtAClusterBehindTheEndOfTheVolume) {
     EXPECT_EQ(result.said, found() + "fat_list_clus[N]: out of the data area\n\n");
 }
 
+// Only the gathering of the chain leaves the id open.
+static printout list_and_close() {
+    printout result = list_dir("SUB", 1);
+    if (result.said.find("fat_get_chains") != std::string::npos) {
+        EXPECT_EQ(ids_in_use(), (std::vector<int>{0, 1}));
+        EXPECT_EQ(fat_close(1), 0);
+    }
+    EXPECT_EQ(ids_in_use(), (std::vector<int>{0}));
+    return result;
+}
+
 TEST_P(FatListDir, LeavesTheIdOpenWhereTheChainCannotBeGathered) {
     make_sub();
-    const u32 root_reads = 1;
-    // Opening reads the root once for the name and once for the entry, then the FAT.
-    std::vector<std::string> told;
-    for (int k = static_cast<int>(root_reads); k < 40; k++) {
-        v.disk.reads_before_failure = k;
-        const printout result = list_dir("SUB", 1);
-        const bool struck = v.disk.reads_before_failure < 0;
-        v.disk.reads_before_failure = -1;
-        if (!struck) {
-            break;
-        }
+    // Opening reads the root for the name and for the entry, then the FAT.
+    bool is_met = false;
+    at_every_fault({EVERY_READ}, [&](fault_step &step) {
+        const printout result = step.run(list_and_close);
         if (result.said.find("fat_get_chains") != std::string::npos) {
+            is_met = true;
             EXPECT_EQ(result,
                       (printout{-EINVAL, "",
                                 found() + "fat_read_entry[N]: cannot read FAT\n\n"
                                           "fat_get_chains[N]: Failed to read cluster!\n\n"}));
-            EXPECT_EQ(ids_in_use(), (std::vector<int>{0, 1}));
-            EXPECT_EQ(fat_close(1), 0);
-            told.push_back(result.said);
         }
-        EXPECT_EQ(ids_in_use(), (std::vector<int>{0}));
-    }
-    EXPECT_FALSE(told.empty());
+    });
+    EXPECT_TRUE(is_met);
 }
 
 TEST_P(FatListDir, TellsWhereMemoryEnds) {
     make_sub();
-    // In the order of the steps, each once. Only the gathering of the chain leaves the id open.
+    // In the order of the steps, each once.
     std::vector<printout> failures;
-    for (int k = 0; k < 100; k++) {
-        const allocation_meter meter;
-        const failing_allocation fault(k);
-        const printout result = list_dir("SUB", 1);
-        const bool is_left = result.said.find("fat_get_chains") != std::string::npos;
-        EXPECT_EQ(ids_in_use(), (is_left ? std::vector<int>{0, 1} : std::vector<int>{0})) << k;
-        if (is_left) {
-            EXPECT_EQ(fat_close(1), 0);
-        }
-        EXPECT_EQ(meter.live_blocks(), 0) << k;
-        if (!fault.struck()) {
+    at_every_fault({EVERY_ALLOCATION}, [&](fault_step &step) {
+        const printout result = step.run(list_and_close);
+        if (!step.struck()) {
             EXPECT_EQ(result.result, 0);
-            break;
+            return;
         }
-        EXPECT_LT(result.result, 0) << k;
+        EXPECT_LT(result.result, 0);
         if (result.said.find("fat_list_dir") == std::string::npos &&
             (failures.empty() || failures.back() != result)) {
             failures.push_back(result);
         }
-    }
+    });
     const std::string memory = "fat_list_clus[N]: Failed to allocate memory!\n\n";
     const std::string first = "[0-th: cluster #20]\n";
     const std::string second = chain_listing(sub, 1).out;
