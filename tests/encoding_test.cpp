@@ -1,5 +1,6 @@
 // Long names between UTF-16 units and the encodings of callers, and choosing an encoding.
 
+#include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
 #include "tests/support/names.h"
 #include "tests/support/process.h"
@@ -621,15 +622,17 @@ TEST_F(Utf8, ALongNameThatCannotBeMadeIsARefusedName) {
 }
 
 TEST_F(Utf8, NoAllocationFailsUnseen) {
-    for (int successes = 0; successes < 2; successes++) {
+    at_every_fault({EVERY_ALLOCATION}, [&](fault_step &step) {
         caller_string string("\xC3\xA9+");
         fat_name name = {};
-        const allocation_meter meter;
-        const failing_allocation fault(successes);
-        EXPECT_EQ(get_fatnames(string.get(), &name), -ENOMEM);
-        EXPECT_TRUE(fault.struck());
-        EXPECT_EQ(meter.live_blocks(), 0);
-    }
+        const int result = step.run_keeping([&] { return get_fatnames(string.get(), &name); });
+        EXPECT_EQ(step.struck(), step.k < 2);
+        EXPECT_EQ(result, step.struck() ? -ENOMEM : 0);
+        EXPECT_EQ(step.left_allocated(), step.struck() ? 0 : 2);
+        if (!step.struck()) {
+            release_name(&name);
+        }
+    });
 }
 
 // ---- ISO-8859-1 -------------------------------------------------------------------------------

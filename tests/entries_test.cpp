@@ -1,6 +1,7 @@
 // Listings for programs: the entries of an open directory one after another, and what an open entry
 // is.
 
+#include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
 #include "tests/support/mounted.h"
 #include "tests/support/open_entries.h"
@@ -696,42 +697,27 @@ TEST_P(NextEntry, FailsOrSucceedsWithEveryFailingReadAndAllocation) {
         dir.append(deleted(short_entry("GONE    TXT")));
     }
     dir.append_long(u"over the end of a cluster", DOS);
-    for (const bool is_memory : {false, true}) {
-        bool struck = true;
-        int failures = 0;
-        for (int k = 0; struck && k < 200; k++) {
-            fat_entry_info info;
-            u32 index = 0;
-            const allocation_meter meter;
-            int result = 0;
-            {
-                std::optional<failing_allocation> fault;
-                if (is_memory) {
-                    fault.emplace(k);
-                } else {
-                    c.v.disk.reads_before_failure = k;
-                }
-                result = fat_next_entry(did, &index, &info);
-                struck = is_memory ? fault->struck() : c.v.disk.reads_before_failure < 0;
-            }
-            c.v.disk.reads_before_failure = -1;
-            EXPECT_EQ(meter.live_blocks(), 0);
-            failures += result < 0 ? 1 : 0;
-            if (result < 0) {
-                EXPECT_TRUE(struck);
-                // A failed read of the FAT makes a broken directory of it.
-                EXPECT_TRUE(result == (is_memory ? -ENOMEM : -EIO) || result == -EINVAL)
-                    << result << " with fault " << k;
-                EXPECT_EQ(index, 0U);
-            } else {
-                // Sectors that cannot be read together are read one by one.
-                EXPECT_EQ(result, 1);
-                EXPECT_STREQ(info.name, "over the end of a cluster");
-            }
+    int failures = 0;
+    at_every_fault({EVERY_READ, EVERY_ALLOCATION}, [&](fault_step &step) {
+        fat_entry_info info;
+        u32 index = 0;
+        failures = step.k == 0 ? 0 : failures;
+        const int result = step.run([&] { return fat_next_entry(did, &index, &info); });
+        if (result < 0) {
+            failures++;
+            EXPECT_TRUE(step.struck());
+            // A failed read of the FAT makes a broken directory of it.
+            EXPECT_TRUE(result == (step.is(fault::read) ? -EIO : -ENOMEM) || result == -EINVAL)
+                << result;
+            EXPECT_EQ(index, 0U);
+            return;
         }
-        EXPECT_FALSE(struck);
-        EXPECT_GE(failures, 2); // the first sector and the link behind it, or their buffers
-    }
+        // Sectors that cannot be read together are read one by one.
+        EXPECT_EQ(result, 1);
+        EXPECT_STREQ(info.name, "over the end of a cluster");
+        // The first sector and the link behind it, or their buffers, are missed.
+        EXPECT_TRUE(step.struck() || failures >= 2);
+    });
     EXPECT_EQ(c.said.text(), "");
 }
 
@@ -958,28 +944,11 @@ TEST_P(InfoOf, TellsOfABrokenParent) {
 TEST_P(InfoOf, KeepsNothingWithEveryFailingReadAndAllocation) {
     c.v.top.append_long(u"A long name.txt", DOS);
     const int id = c.v.open(3);
-    for (const bool is_memory : {false, true}) {
-        bool struck = true;
-        for (int k = 0; struck && k < 200; k++) {
-            fat_entry_info info;
-            const allocation_meter meter;
-            int result = 0;
-            {
-                std::optional<failing_allocation> fault;
-                if (is_memory) {
-                    fault.emplace(k);
-                } else {
-                    c.v.disk.reads_before_failure = k;
-                }
-                result = fat_info_of(id, &info);
-                struck = is_memory ? fault->struck() : c.v.disk.reads_before_failure < 0;
-            }
-            c.v.disk.reads_before_failure = -1;
-            EXPECT_EQ(meter.live_blocks(), 0);
-            EXPECT_EQ(result, !struck ? 0 : is_memory ? -ENOMEM : -EIO) << k;
-        }
-        EXPECT_FALSE(struck);
-    }
+    at_every_fault({EVERY_READ, EVERY_ALLOCATION}, [&](fault_step &step) {
+        fat_entry_info info;
+        const int result = step.run([&] { return fat_info_of(id, &info); });
+        EXPECT_EQ(result, !step.struck() ? 0 : step.is(fault::read) ? -EIO : -ENOMEM);
+    });
     EXPECT_EQ(c.said.text(), "");
 }
 
