@@ -1,6 +1,7 @@
 // Fast-open paths: the letters, the paths of open files, the fast walk over a directory.
 
 #include "tests/support/capture.h"
+#include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
 #include "tests/support/mounted.h"
 #include "tests/support/open_entries.h"
@@ -865,45 +866,26 @@ TEST_P(ReaddirFast, TellsOfSlotsThatCannotBeRead) {
 // Every read and every allocation failing: an error, or the file; nothing kept, the walk not moved
 // past a file that it did not give.
 TEST_P(ReaddirFast, SurvivesEveryFailingReadAndAllocation) {
-    for (const bool is_memory : {false, true}) {
-        bool struck = true;
-        for (int k = 0; struck && k < 200; k++) {
-            directory dir = c.v.sub_directory({20, 22, 23});
-            for (u32 i = 0; i + 1 < volume::entries_per_cluster(); i++) {
-                dir.append(deleted(short_entry("GONE    TXT")));
-            }
-            dir.append_long(u"over the end of a cluster", DOS);
-            dir.append(entry_image{});
-            const allocation_meter meter;
-            fast_step got;
-            if (is_memory) {
-                u8 entry[32];
-                char text[256];
-                fat_name name = {};
-                name.cstring = text;
-                dentry_location location = {};
-                const failing_allocation fault(k);
-                got.result = do_readdir_fast(&dir.record, entry, &name, &location);
-                struck = fault.struck();
-            } else {
-                c.v.disk.reads_before_failure = k;
-                u8 entry[32];
-                char text[256];
-                fat_name name = {};
-                name.cstring = text;
-                dentry_location location = {};
-                got.result = do_readdir_fast(&dir.record, entry, &name, &location);
-                struck = c.v.disk.reads_before_failure < 0;
-                c.v.disk.reads_before_failure = -1;
-            }
-            EXPECT_EQ(meter.live_blocks(), 0);
-            EXPECT_EQ(got.result == 1, !struck) << k;
-            if (struck) {
-                EXPECT_LT(got.result, 0);
-            }
+    at_every_fault({EVERY_READ, EVERY_ALLOCATION}, [&](fault_step &step) {
+        directory dir = c.v.sub_directory({20, 22, 23});
+        for (u32 i = 0; i + 1 < volume::entries_per_cluster(); i++) {
+            dir.append(deleted(short_entry("GONE    TXT")));
         }
-        EXPECT_FALSE(struck);
-    }
+        dir.append_long(u"over the end of a cluster", DOS);
+        dir.append(entry_image{});
+        u8 entry[32];
+        char text[256];
+        fat_name name = {};
+        name.cstring = text;
+        dentry_location location = {};
+        const int result =
+            step.run([&] { return do_readdir_fast(&dir.record, entry, &name, &location); });
+        if (step.struck()) {
+            EXPECT_LT(result, 0);
+        } else {
+            EXPECT_EQ(result, 1);
+        }
+    });
 }
 
 // Random directories, walked until well behind their end.

@@ -1,6 +1,7 @@
 // Finding a name in a directory, and putting a stored long name together again.
 
 #include "tests/support/capture.h"
+#include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
 #include "tests/support/volume.h"
 
@@ -624,21 +625,16 @@ class FindWithoutMemory : public find_in_sub_directory {
 protected:
     std::vector<answer> answers(const std::string &name, bool with_record) {
         std::vector<answer> result;
-        bool struck = true;
-        for (int k = 0; struck; k++) {
+        at_every_fault({EVERY_ALLOCATION}, [&](fault_step &step) {
             std::string text = name;
             fat_name record = {};
-            int status = 0;
-            const allocation_meter meter;
-            {
-                const failing_allocation fault(k);
-                status = find_dentry_with_clu(5, text.data(), with_record ? &record : nullptr);
-                struck = fault.struck();
-            }
-            release_name(&record);
-            EXPECT_EQ(meter.live_blocks(), 0) << "allocation " << k;
-            result.push_back(heard(status));
-        }
+            result.push_back(heard(step.run([&] {
+                const int status =
+                    find_dentry_with_clu(5, text.data(), with_record ? &record : nullptr);
+                release_name(&record);
+                return status;
+            })));
+        });
         return result;
     }
 
