@@ -7,9 +7,12 @@
 #include "tests/support/ram_disk.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <optional>
 #include <ostream>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -173,6 +176,38 @@ auto answers_at_every_fault(const fault_kind &kind, Body body) {
         }
     });
     return answers;
+}
+
+// ---- test cases with a kind of fault as parameter ---------------------------------------------
+
+struct named_fault {
+    std::string name;
+    fault_kind kind;
+};
+inline std::ostream &operator<<(std::ostream &out, const named_fault &f) {
+    return out << f.name;
+}
+
+// Each kind of fault on FAT16 and FAT32.
+using faulty_volume = std::tuple<named_fault, std::uint32_t>;
+inline std::vector<faulty_volume> all_faults() {
+    std::vector<faulty_volume> result;
+    for (const named_fault &f : std::initializer_list<named_fault>{
+             {"OneRead", EVERY_READ},
+             {"ReadsFromOneOn", {fault::read, true}},
+             {"OneWrite", EVERY_WRITE},
+             {"OneWriteOfNothing", {fault::write, false, 0}},
+             {"WritesFromOneOn", {fault::write, true}},
+             {"OneAllocation", EVERY_ALLOCATION},
+             {"AllocationsFromOneOn", NO_ALLOCATION_FROM},
+         }) {
+        result.emplace_back(f, 16);
+        result.emplace_back(f, 32);
+    }
+    return result;
+}
+inline std::string fault_name(const testing::TestParamInfo<faulty_volume> &of) {
+    return std::get<0>(of.param).name + "Fat" + std::to_string(std::get<1>(of.param));
 }
 
 } // namespace testing_support
