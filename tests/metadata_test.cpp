@@ -1,6 +1,7 @@
 // Items, metadata and names of open entries: what is read, changed, written, printed; the path of a
 // cluster.
 
+#include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
 #include "tests/support/mounted.h"
 #include "tests/support/open_entries.h"
@@ -949,39 +950,24 @@ TEST_P(FindPathname, UsesAnIdForEachLevel) {
 TEST_P(FindPathname, SurvivesEveryFailingReadAndAllocation) {
     directory *sub = f.add_dir(top, "SUB~1      ", {20}, u"A directory");
     f.add_file(sub, "FILE~1  TXT", {30, 31}, u"A file here.txt");
-    for (const bool is_memory : {false, true}) {
-        bool struck = true;
-        for (int k = 0; struck && k < 500; k++) {
-            std::optional<failing_allocation> fault;
-            f.v.disk.reads_before_failure = is_memory ? -1 : k;
-            std::vector<char> buffer(4096, '#');
-            const found_path got = f.undisturbed(
-                [&] {
-                    if (is_memory) {
-                        fault.emplace(k);
-                    }
-                    const int result = fat_find_pathname(31, buffer.data(), 4096);
-                    struck = is_memory ? fault->struck() : f.v.disk.reads_before_failure < 0;
-                    fault.reset();
-                    return result;
-                },
-                buffer);
-            f.v.disk.reads_before_failure = -1;
-            if (got.result >= 0 && struck) {
-                // A long name that could not be read leaves the short one; a chain that could not
-                // be read is not looked at.
-                EXPECT_TRUE(got.path == "/A directory/A file here.txt" ||
-                            got.path == "/SUB~1/A file here.txt" ||
-                            got.path == "/A directory/FILE~1.TXT")
-                    << got;
-            } else if (got.result >= 0) {
-                EXPECT_EQ(got.path, "/A directory/A file here.txt");
-            } else {
-                EXPECT_TRUE(struck);
-            }
+    at_every_fault({EVERY_READ, EVERY_ALLOCATION}, [&](fault_step &step) {
+        std::vector<char> buffer(4096, '#');
+        const found_path got = step.run([&] {
+            return f.undisturbed([&] { return fat_find_pathname(31, buffer.data(), 4096); },
+                                 buffer);
+        });
+        if (!step.struck()) {
+            EXPECT_GE(got.result, 0);
+            EXPECT_EQ(got.path, "/A directory/A file here.txt");
+        } else if (got.result >= 0) {
+            // A long name that could not be read leaves the short one; a chain that could not be
+            // read is not looked at.
+            EXPECT_TRUE(got.path == "/A directory/A file here.txt" ||
+                        got.path == "/SUB~1/A file here.txt" ||
+                        got.path == "/A directory/FILE~1.TXT")
+                << got;
         }
-        EXPECT_FALSE(struck);
-    }
+    });
 }
 
 // ---- hostile trees
