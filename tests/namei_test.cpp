@@ -278,32 +278,6 @@ TEST(ResolvePath, ComponentsOfAnyLength) {
     EXPECT_EQ(split(a + "/" + b), (parts{0, {a}, b}));
 }
 
-TEST(ResolvePath, NullArguments) {
-    diagnostics said;
-    caller_path path("a/name");
-    fat_path rec = {};
-    char *name = nullptr;
-    int depth = -1;
-    const allocation_meter meter;
-    for (int missing = 0; missing < 4; missing++) {
-        said.clear();
-        EXPECT_EQ(resolve_path(missing == 0 ? nullptr : path.get(), missing == 1 ? nullptr : &rec,
-                               missing == 2 ? nullptr : &name, missing == 3 ? nullptr : &depth),
-                  -EINVAL);
-        EXPECT_EQ(said.text(), check_here("resolve_path"));
-    }
-    EXPECT_EQ(name, nullptr);
-    EXPECT_EQ(depth, -1);
-    EXPECT_EQ(meter.live_blocks(), 0);
-}
-
-TEST(ResolvePath, NoMemory) {
-    diagnostics said;
-    const failing_allocation fault(0);
-    EXPECT_EQ(split("a/name"), (parts{-ENOMEM}));
-    EXPECT_EQ(said.text(), check_here("resolve_path"));
-}
-
 // ---- lookup: the start directory --------------------------------------------------------------
 
 TEST_P(PathLookup, NameAloneLiesInTheStartDirectory) {
@@ -324,22 +298,6 @@ TEST_P(PathLookup, EmptyNameIsTheStartDirectoryWithNoName) {
     EXPECT_EQ(look_up(""), found_in(place::CURRENT, ""));
     EXPECT_EQ(look_up("/"), found_in(place::ROOT, ""));
     EXPECT_EQ(look_up("//"), found_in(place::ROOT, ""));
-}
-
-TEST_P(PathLookup, NullArguments) {
-    caller_path path("name");
-    oentry *dir = nullptr;
-    char *name = nullptr;
-    EXPECT_EQ(ask([&] { return fat_path_lookup(nullptr, &dir, &name); }),
-              (answer{-EINVAL, check_here("fat_path_lookup")}));
-    EXPECT_EQ(ask([&] { return fat_path_lookup(path.get(), nullptr, &name); }),
-              (answer{-EINVAL, check_here("fat_path_lookup")}));
-    EXPECT_EQ(ask([&] { return fat_path_lookup(path.get(), &dir, nullptr); }),
-              (answer{-EINVAL, check_here("resolve_path") + check_here("fat_path_lookup")}));
-    sv->current_dir = nullptr;
-    EXPECT_EQ(ask([&] { return fat_path_lookup(nullptr, &dir, &name); }),
-              (answer{-EINVAL, check_here("fat_path_lookup")}));
-    EXPECT_EQ(dir, nullptr);
 }
 
 TEST_P(PathLookup, RootAndCurrentDirectoryMustBothBeOpen) {
@@ -726,11 +684,4 @@ TEST(GetName, PathOf260CharactersFillsTheBuffer) {
     out.shrink_to_fit();
     EXPECT_EQ(fat_get_name(std::string(ROOM, 'a').c_str(), out.data()), static_cast<int>(ROOM));
     EXPECT_EQ(out, std::vector<char>(ROOM, 'a'));
-}
-
-TEST(GetName, NullPath) {
-    diagnostics said;
-    char out[ROOM + 1] = {};
-    EXPECT_EQ(fat_get_name(nullptr, out), -EINVAL);
-    EXPECT_EQ(said.text(), check_here("fat_get_name"));
 }

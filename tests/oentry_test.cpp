@@ -777,10 +777,6 @@ TEST_P(Open, NameIsKeptAsItWasGiven) {
     EXPECT_EQ(picture_of(1).name, "file.txt");
 }
 
-TEST_P(Open, NullPath) {
-    EXPECT_EQ(open_path(nullptr), (answer{-EINVAL, "fat_open[N]: NULL path!\n\n"}));
-}
-
 TEST_P(Open, EmptyPathIsTheRoot) {
     for (const char *path : {"", "/", "//", "////"}) {
         EXPECT_EQ(open_path(path), (answer{0, "fat_open[N]: failed to get name!\n\n"})) << path;
@@ -1131,10 +1127,6 @@ TEST_F(OpenEntries, OpenFileAcceptsWhatHasNoImageOfADirectory) {
     EXPECT_EQ(open_file("/"), (answer{0, "fat_open[N]: failed to get name!\n\n"}));
 }
 
-TEST_F(OpenEntries, OpenFileOfNull) {
-    EXPECT_EQ(open_file(nullptr), (answer{-EINVAL, "fat_open_file[N]: NULL path!\n\n"}));
-}
-
 TEST_F(OpenEntries, OpenFileStoresErrorsInErrno) {
     const auto error_of = [](const char *path) {
         errno = 0;
@@ -1211,14 +1203,6 @@ TEST_F(OpenEntries, CurrentThatIsMissing) {
     EXPECT_EQ(said.text(), "get_current[N]: NO current directory!\n\n");
     EXPECT_EQ(sv->current_dir, &stray);
     sv->current_dir = sv->root_dir;
-}
-
-TEST_F(OpenEntries, OnlyOpenIdsBecomeCurrent) {
-    for (const int did : {-1, INT_MIN, 1, 511, 512, 513, INT_MAX}) {
-        EXPECT_EQ(set_current(did), (answer{-EBADF, "fat_set_current[N]: Invalid did!\n\n"}))
-            << did;
-    }
-    EXPECT_EQ(get_current(), 0);
 }
 
 TEST_F(OpenEntries, ErrorOfTheFormerCurrentDirectoryComesBeforeTheKind) {
@@ -1321,16 +1305,3 @@ TEST_F(OpenEntries, FreeingTheCurrentDirectoryMakesTheRootCurrent) {
 }
 
 // ---- no volume --------------------------------------------------------------------------------
-
-TEST_F(OpenEntries, EveryCallRefusesWhenNoVolumeIsOpen) {
-    fat_close_volume(0);
-    EXPECT_EQ(open_path("FILE"), (answer{-EINVAL, check_here("fat_open")}));
-    EXPECT_EQ(open_path(""), (answer{-EINVAL, check_here("fat_open")}));
-    EXPECT_EQ(open_dir("SUB"), (answer{-EINVAL, check_here("fat_open_dir")}));
-    EXPECT_EQ(open_dir(nullptr), (answer{-EINVAL, check_here("fat_open_dir")}));
-    EXPECT_EQ(open_file("FILE"), (answer{-EINVAL, check_here("fat_open_file")}));
-    EXPECT_EQ(close_id(1), (answer{-EINVAL, check_here("fat_close")}));
-    EXPECT_EQ(current(), (answer{-EINVAL, check_here("get_current")}));
-    EXPECT_EQ(set_current(0), (answer{-EINVAL, check_here("fat_set_current")}));
-    EXPECT_EQ(ids_in_use(), std::vector<int>());
-}
