@@ -673,44 +673,6 @@ TEST(DumpImages, AreOpenedForReadingToo) {
     EXPECT_EQ(fat_dump("/", image.c_str()), -EACCES);
 }
 
-TEST(DumpImages, NeedAPath) {
-    mounted v;
-    v.top.append(short_entry("NAME       "));
-    EXPECT_EQ(to_output([] { return fat_dump_fat0(nullptr); }).result, -EINVAL);
-    EXPECT_EQ(to_output([] { return fat_dump_clus(2, nullptr); }).result, -EINVAL);
-    EXPECT_EQ(to_output([] { return fat_dump("NAME", nullptr); }).result, -EINVAL);
-    const scratch_directory scratch;
-    EXPECT_EQ(to_output([&] { return fat_dump(nullptr, scratch.file("image").c_str()); }).result,
-              -EINVAL);
-    EXPECT_EQ(ids_in_use(), (std::vector<int>{0}));
-}
-
-namespace {
-
-void expect_refusals() {
-    const scratch_directory scratch;
-    const std::string image = scratch.file("image");
-    const auto refused = [](const std::string &function) {
-        return printout{-EINVAL, "", function + "[N]: Check here!\n\n"};
-    };
-    EXPECT_EQ(to_output([&] { return fat_dump_fat0(image.c_str()); }), refused("fat_dump_fat0"));
-    EXPECT_EQ(to_output([&] { return fat_dump_clus(2, image.c_str()); }), refused("fat_dump_clus"));
-    EXPECT_EQ(to_output([&] { return fat_dump("/", image.c_str()); }), refused("fat_dump"));
-}
-
-} // namespace
-
-TEST(Dumps, AreRefusedWithoutAVolume) {
-    ASSERT_EQ(sv, nullptr);
-    expect_refusals();
-}
-
-TEST(Dumps, AreRefusedWhileTheVolumeIsNotMounted) {
-    const ram_disk disk(1 << 20);
-    expect_refusals();
-    EXPECT_TRUE(disk.log.empty());
-}
-
 TEST(Dumps, SayWhatFailsOnStandardErrorAlone) {
     const mounted v;
     const scratch_directory scratch;

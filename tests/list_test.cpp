@@ -795,16 +795,6 @@ TEST_P(FatReaddir, EndsWhereAnEntryCannotBeRead) {
                                     END_OF_READDIR}));
 }
 
-TEST_P(FatReaddir, PrintsNothingWithoutMemory) {
-    dir().append(short_entry("FILE       "));
-    const nothing_left check;
-    const failing_allocation fault(0);
-    const printout result = list();
-    EXPECT_TRUE(fault.struck());
-    EXPECT_EQ(result.result, -ENOMEM);
-    EXPECT_EQ(result.out, "");
-}
-
 TEST(FatReaddirOfAFreshVolume, FindsNothing) {
     for (const u32 fat_type : {16U, 32U}) {
         const mounted v({.fat_type = fat_type});
@@ -824,13 +814,6 @@ TEST(FatReaddirOfASubDirectory, ListsItsDotEntries) {
                         "fat_read_clus[N]: Invalid arg!\n\n"
                         "fat_count_clusters[N]: Failed to read cluster!\n\n" +
                             END_OF_READDIR}));
-}
-
-TEST(FatReaddirWithoutADirectory, IsRefused) {
-    const mounted v;
-    const printout result = to_stream([](FILE *stream) { return fat_readdir(nullptr, stream); });
-    EXPECT_EQ(result.result, -EINVAL);
-    EXPECT_EQ(result.out, "");
 }
 
 // ---- the slots of one cluster -----------------------------------------------------------------
@@ -933,12 +916,6 @@ TEST_P(FatListClus, TellsAClusterThatCannotBeRead) {
         v.disk.reads_before_failure = 0;
         EXPECT_EQ(list(30, 1), refused(-EIO, "fat_list_clus[N]: cluster mis match!\n\n")) << moved;
     }
-}
-
-TEST_P(FatListClus, TellsThatThereIsNoMemory) {
-    const nothing_left check;
-    const failing_allocation fault(0);
-    EXPECT_EQ(list(30, 1), refused(-ENOMEM, "fat_list_clus[N]: Failed to allocate memory!\n\n"));
 }
 
 // ---- the slots of a directory -----------------------------------------------------------------
@@ -1374,22 +1351,6 @@ TEST_F(FatListEntries, TellsAFileThatCannotBeOpened) {
     EXPECT_EQ(list(path, 1), (printout{-EACCES, "", "fat_list_entries[N]: cannot open file\n"}));
 }
 
-TEST_F(FatListEntries, FailsWithoutMemory) {
-    const std::string path = file_of({short_entry("FILE       ")});
-    const failing_allocation fault(0);
-    const printout result = list(path, 1);
-    EXPECT_TRUE(fault.struck());
-    EXPECT_EQ(result.result, -ENOMEM);
-    EXPECT_EQ(result.out, "");
-}
-
-TEST_F(FatListEntries, NeedsAPath) {
-    const printout result =
-        to_stream([](FILE *stream) { return fat_list_entries(nullptr, 1, stream); });
-    EXPECT_EQ(result.result, -EINVAL);
-    EXPECT_EQ(result.out, "");
-}
-
 TEST_F(FatListEntries, ListsWhatADumpHolds) {
     mounted v;
     directory inside(&v, {20}, false);
@@ -1518,64 +1479,7 @@ TEST_P(FatGetUname, TellsASlotThatCannotBeRead) {
                                ")\nget_long_name[N]: Failed to get entry with cluster ...\n\n");
 }
 
-TEST_P(FatGetUname, TellsThatThereIsNoMemory) {
-    dir().append_long(u"A Long Name.text", "ALONGN~1TEX");
-    const nothing_left check;
-    const failing_allocation fault(0);
-    EXPECT_EQ(get(id(), 0),
-              (answer_with_name{-ENOMEM, u"", "fat_get_uname[N]: failed to allocate memory!\n\n"}));
-}
-
-TEST_P(FatGetUname, RefusesIdsOfNothing) {
-    for (const int of : {2, 511, 512, -1}) {
-        EXPECT_EQ(get(of, 0).result, -EBADF) << of;
-    }
-    diagnostics said;
-    EXPECT_EQ(fat_get_uname(id(), 0, nullptr), -EINVAL);
-}
-
 // ---- no volume --------------------------------------------------------------------------------
-
-namespace {
-
-std::string check_here(const std::string &function) {
-    return function + "[N]: Check here!\n\n";
-}
-
-// Every listing that needs the geometry refuses.
-void expect_refusals() {
-    entry_image image = short_entry("DIR        ", DIRECTORY, 5);
-    oentry record = {};
-    record.start = record.last = 5;
-    record.allocated = 512;
-    record.dentry = image.data();
-    u16 units[256] = {};
-    const printout results[] = {
-        to_stream([&](FILE *stream) { return fat_readdir(&record, stream); }),
-        to_stream([](FILE *stream) { return fat_list_dir("/", 1, stream); }),
-        to_stream([](FILE *stream) { return fat_list_dir(nullptr, 0, stream); }),
-        to_stream([](FILE *stream) { return fat_list_clus(2, 1, stream); }),
-        to_output([&] { return fat_get_uname(0, 0, units); }),
-    };
-    const char *const functions[] = {"fat_readdir", "fat_list_dir", "fat_list_dir", "fat_list_clus",
-                                     "fat_get_uname"};
-    for (std::size_t i = 0; i < std::size(results); i++) {
-        EXPECT_EQ(results[i], (printout{-EINVAL, "", check_here(functions[i])}));
-    }
-}
-
-} // namespace
-
-TEST(Listings, AreRefusedWithoutAVolume) {
-    ASSERT_EQ(sv, nullptr);
-    expect_refusals();
-}
-
-TEST(Listings, AreRefusedWhileTheVolumeIsNotMounted) {
-    const ram_disk disk(1 << 20);
-    expect_refusals();
-    EXPECT_TRUE(disk.log.empty());
-}
 
 TEST(Listings, OfRawEntriesNeedNoVolume) {
     ASSERT_EQ(sv, nullptr);
