@@ -298,19 +298,6 @@ TEST_F(WithoutEncoding, UnitsWithoutATerminatorFillTheTextWithoutOneToo) {
 
 // ---- choosing an encoding ---------------------------------------------------------------------
 
-TEST_F(FatSetEncoding, WithoutAVolumeOrANameNothingIsDone) {
-    EXPECT_EQ(fat_set_encoding(nullptr), 0);
-    EXPECT_EQ(sv->cd_to_uni, nullptr);
-    EXPECT_EQ(sv->cd_from_uni, nullptr);
-    fat_super *volume = sv;
-    sv = nullptr;
-    EXPECT_EQ(fat_set_encoding("UTF-8"), 0);
-    EXPECT_EQ(fat_set_encoding("no such encoding"), 0);
-    EXPECT_EQ(fat_set_encoding(nullptr), 0);
-    sv = volume;
-    EXPECT_EQ(said.text(), "");
-}
-
 TEST_F(FatSetEncoding, AnUnknownEncodingIsTold) {
     EXPECT_EQ(fat_set_encoding("no such encoding"), -EINVAL);
     EXPECT_EQ(said.text(), "fat_set_encoding[N]: opening iconv() error!\n\n");
@@ -389,12 +376,6 @@ TEST_F(FatSetEncoding, ClosingTheVolumeClosesBothConvertersOnce) {
     EXPECT_EQ(fat_close_volume(0), 0);
     EXPECT_EQ(closed.list(), both);
     EXPECT_EQ(sv, nullptr);
-}
-
-TEST_F(FatSetEncoding, ConvertsNoStringToNothing) {
-    u16 units[LONG_NAME_UNITS] = {};
-    EXPECT_EQ(convert_cstring_to_uname(nullptr, units), -EINVAL);
-    EXPECT_EQ(units[0], 0);
 }
 
 // Runs this very case where the directories of conversion modules are hidden.

@@ -646,19 +646,6 @@ TEST_P(NextEntry, AgreesWithAPlainListing) {
 
 // ---- failures
 
-TEST_P(NextEntry, RefusesNullPointersAndWhatIsNotOpen) {
-    c.v.top.append(short_entry("FILE    TXT"));
-    fat_entry_info info;
-    u32 index = 0;
-    EXPECT_EQ(fat_next_entry(0, nullptr, &info), -EINVAL);
-    EXPECT_EQ(fat_next_entry(0, &index, nullptr), -EINVAL);
-    EXPECT_EQ(index, 0U);
-    for (const int did : {1, 511, 512, 100000, -1, INT32_MIN}) {
-        EXPECT_EQ(c.failed(did), -EBADF) << did;
-    }
-    EXPECT_EQ(c.said.text(), "");
-}
-
 TEST_P(NextEntry, RefusesWhatIsNoDirectory) {
     EXPECT_EQ(c.failed(c.v.open_new("FILE    TXT", {10}, 5)), -ENOTDIR);
     EXPECT_EQ(c.failed(c.v.open_new("EMPTY      ", {}, 0)), -ENOTDIR);
@@ -741,41 +728,6 @@ TEST(NextEntryTest, ListsALongFat32Root) {
     ASSERT_EQ(open_root_directory(), 0);
     root.fill_up(short_entry("FILE    TXT"));
     EXPECT_EQ(c.names(0).size(), 48U);
-}
-
-TEST(NextEntryTest, SaysThatNoVolumeIsOpen) {
-    ASSERT_EQ(sv, nullptr);
-    diagnostics said;
-    fat_entry_info info;
-    u32 index = 0;
-    EXPECT_EQ(fat_next_entry(0, &index, &info), -EINVAL);
-    EXPECT_EQ(said.text(), "fat_next_entry[N]: Check here!\n\n");
-    said.clear();
-    EXPECT_EQ(fat_info_of(0, &info), -EINVAL);
-    EXPECT_EQ(said.text(), "fat_info_of[N]: Check here!\n\n");
-}
-
-TEST(NextEntryTest, FindsNullPointersBeforeAMissingVolume) {
-    ASSERT_EQ(sv, nullptr);
-    diagnostics said;
-    fat_entry_info info;
-    u32 index = 0;
-    EXPECT_EQ(fat_next_entry(0, nullptr, &info), -EINVAL);
-    EXPECT_EQ(fat_next_entry(0, &index, nullptr), -EINVAL);
-    EXPECT_EQ(fat_info_of(0, nullptr), -EINVAL);
-    EXPECT_EQ(said.text(), "");
-}
-
-TEST(NextEntryTest, SaysThatTheVolumeIsNotMounted) {
-    const ram_disk disk(1 << 20);
-    diagnostics said;
-    fat_entry_info info;
-    u32 index = 0;
-    EXPECT_EQ(fat_next_entry(0, &index, &info), -EINVAL);
-    EXPECT_EQ(said.text(), "fat_next_entry[N]: Check here!\n\n");
-    said.clear();
-    EXPECT_EQ(fat_info_of(0, &info), -EINVAL);
-    EXPECT_EQ(said.text(), "fat_info_of[N]: Check here!\n\n");
 }
 
 // ---- fat_info_of ------------------------------------------------------------------------------
@@ -901,14 +853,6 @@ TEST_P(InfoOf, TellsOfARemovedEntry) {
     EXPECT_EQ(c.info_of(other).index, 1U);
     c.v.top.put(1, entry_image{});
     EXPECT_EQ(c.info_error(other), -ENOENT);
-}
-
-TEST_P(InfoOf, RefusesNullPointersAndWhatIsNotOpen) {
-    EXPECT_EQ(fat_info_of(0, nullptr), -EINVAL);
-    EXPECT_EQ(c.said.text(), "");
-    for (const int id : {1, 511, 512, 100000, -1, INT32_MIN}) {
-        EXPECT_EQ(c.info_error(id), -EBADF) << id;
-    }
 }
 
 TEST_P(InfoOf, TellsOfAParentThatCannotBeRead) {

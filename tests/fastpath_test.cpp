@@ -169,43 +169,6 @@ TEST_F(FastPathOfFile, TakesTheCopyAsItIsNow) {
     EXPECT_EQ(path_of_id(id).path, path_of(16002, 0x00060007 ^ 0x10));
 }
 
-TEST_F(FastPathOfFile, RefusesNullBuffers) {
-    const int id = forge(1000, 64, 5, 0x10);
-    char name[256] = "#";
-    char path[20] = "#";
-    const answer refused{-EINVAL, "zuq_get_fast_open_path_of_file[N]: NULL path!\n\n"};
-    EXPECT_EQ(c.ask([&] { return zuq_get_fast_open_path_of_file(id, nullptr, path); }), refused);
-    EXPECT_EQ(c.ask([&] { return zuq_get_fast_open_path_of_file(id, name, nullptr); }), refused);
-    EXPECT_STREQ(path, "#");
-}
-
-TEST_F(FastPathOfFile, RefusesIdsThatAreNotOpen) {
-    for (const int id : {1, 511, 512, 513, 100000, -1, INT32_MIN}) {
-        EXPECT_EQ(
-            path_of_id(id),
-            (path_made{-EINVAL, "zuq_get_fast_open_path_of_file[N]: Failed to get file entry!\n\n",
-                       NO_PATH, UNTOUCHED_NAME}))
-            << id;
-    }
-}
-
-TEST_F(FastPathOfFile, RefusesTheRootDirectory) {
-    EXPECT_EQ(path_of_id(0).result, -EINVAL);
-    EXPECT_EQ(path_of_id(0).path, NO_PATH);
-}
-
-TEST(FastPathOfFileTest, RefusesWithNoVolumeAfterItsNullTests) {
-    ASSERT_EQ(sv, nullptr);
-    diagnostics said;
-    char name[256] = "";
-    char path[20] = "";
-    EXPECT_EQ(zuq_get_fast_open_path_of_file(0, name, path), -EINVAL);
-    EXPECT_EQ(said.text(), "zuq_get_fast_open_path_of_file[N]: Check here!\n\n");
-    said.clear();
-    EXPECT_EQ(zuq_get_fast_open_path_of_file(0, nullptr, path), -EINVAL);
-    EXPECT_EQ(said.text(), "zuq_get_fast_open_path_of_file[N]: NULL path!\n\n");
-}
-
 // ---- get_next_cluster -------------------------------------------------------------------------
 
 class GetNextCluster : public testing::TestWithParam<u32> {
@@ -283,16 +246,6 @@ TEST_P(GetNextCluster, TellsOfReadErrors) {
     c.v.chain({10, 30});
     c.v.disk.unreadable = {volume::fat_sector_of(10)};
     EXPECT_EQ(next(10, 1).first, (answer{-1, "fat_read_entry[N]: cannot read FAT\n\n" + NO_NEXT}));
-}
-
-TEST_P(GetNextCluster, TellsOfMissingMemory) {
-    c.v.chain({10, 30});
-    u32 out = 0;
-    const answer a = c.ask([&] {
-        const failing_allocation fault(0);
-        return get_next_cluster(10, 1, &out);
-    });
-    EXPECT_EQ(a, (answer{-1, "fat_read_entry[N]: cannot allocate FAT\n\n" + NO_NEXT}));
 }
 
 // ---- get_long_name_fast -----------------------------------------------------------------------
@@ -1264,38 +1217,6 @@ TEST_P(FastPathOfDir, ReportsWhatTheWalkFailsWith) {
     EXPECT_EQ(failed.said, "do_readdir_fast[N]: cannot read sectors\n" + NO_MORE);
     EXPECT_EQ(failed.name, ZEROED_NAME);
     EXPECT_EQ(failed.path, NO_PATH);
-}
-
-TEST_P(FastPathOfDir, RefusesNullBuffers) {
-    char name[256] = "#";
-    char path[20] = "#";
-    const answer refused{-EINVAL, "zuq_get_fast_open_path_of_dir[N]: NULL arg!\n\n"};
-    EXPECT_EQ(c.ask([&] { return zuq_get_fast_open_path_of_dir(0, nullptr, path); }), refused);
-    EXPECT_EQ(c.ask([&] { return zuq_get_fast_open_path_of_dir(0, name, nullptr); }), refused);
-    EXPECT_STREQ(path, "#");
-    EXPECT_STREQ(name, "#");
-}
-
-TEST_P(FastPathOfDir, RefusesIdsThatAreNotOpen) {
-    for (const int id : {1, 511, 512, 513, 100000, -1, INT32_MIN}) {
-        EXPECT_EQ(
-            next(id),
-            (path_made{-EINVAL, "zuq_get_fast_open_path_of_dir[N]: Failed to get file entry!\n\n",
-                       NO_PATH, ZEROED_NAME}))
-            << id;
-    }
-}
-
-TEST(FastPathOfDirTest, RefusesWithNoVolumeAfterItsNullTests) {
-    ASSERT_EQ(sv, nullptr);
-    diagnostics said;
-    char name[256] = "";
-    char path[20] = "";
-    EXPECT_EQ(zuq_get_fast_open_path_of_dir(0, name, path), -EINVAL);
-    EXPECT_EQ(said.text(), "zuq_get_fast_open_path_of_dir[N]: Check here!\n\n");
-    said.clear();
-    EXPECT_EQ(zuq_get_fast_open_path_of_dir(0, name, nullptr), -EINVAL);
-    EXPECT_EQ(said.text(), "zuq_get_fast_open_path_of_dir[N]: NULL arg!\n\n");
 }
 
 } // namespace

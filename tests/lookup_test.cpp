@@ -518,17 +518,6 @@ TEST(FindInAnOddRoot, SmallAreaIsWalkedToItsEnd) {
 
 // ---- failures ---------------------------------------------------------------------------------
 
-TEST_P(FindFails, ArgumentsMustBeThere) {
-    char name[] = "README.TXT";
-    const answer refusal = {-EINVAL, "fat_find_dentry[N]: Check Here!\n\n"};
-    EXPECT_EQ(heard(fat_find_dentry(nullptr, name, nullptr)), refusal);
-    EXPECT_EQ(heard(fat_find_dentry(&dir.record, nullptr, nullptr)), refusal);
-    EXPECT_EQ(heard(fat_find_dentry(nullptr, nullptr, nullptr)), refusal);
-    EXPECT_EQ(heard(find_dentry_with_clu(5, nullptr, nullptr)),
-              (answer{-EINVAL, "get_fatnames[N]: Invalid arg!\n\n"
-                               "find_dentry_with_clu[N]: Failed to get fatnames!\n\n"}));
-}
-
 TEST_P(FindFails, NameOfNothingIsRefusedBeforeTheWalk) {
     v.disk.log.clear();
     for (const char *name : {"", " ", "...", ". ."}) {
@@ -1166,14 +1155,4 @@ TEST_P(GetLongName, NoSectorIsReadMoreThanOnceForEachEntry) {
     dir.append_long(std::u16string(255, u'x'), DOS);
     EXPECT_EQ(long_name(0), (answer{20, ""}));
     EXPECT_LE(v.traffic(), 20U * 2);
-}
-
-TEST_P(GetLongName, LeavesNoMemoryBehind) {
-    const u32 first = volume::entries_per_sector() - 1;
-    dir.go_to(first);
-    dir.append_long(A13 + u"Tail", DOS);
-    EXPECT_EQ(fat_get_dentry(&dir.record, first, &entry, buffer.data(), nullptr), 0);
-    const allocation_meter meter;
-    EXPECT_EQ(get_long_name(&dir.record, first, &entry, buffer.data(), units.data()), 2);
-    EXPECT_EQ(meter.live_blocks(), 0);
 }
