@@ -830,13 +830,6 @@ TEST_F(ImportRefuses, FilesThatAFullRootHasNoRoomFor) {
                       import_says("cannot create ZUQ file FILE: No space left on device\n")}));
 }
 
-TEST_F(ImportRefuses, NoPath) {
-    EXPECT_EQ(copy(nullptr, "NAME", 1),
-              (printout{-EINVAL, "", import_says("Cannot get file path!\n\n")}));
-    EXPECT_EQ(copy(nullptr, nullptr, 0),
-              (printout{-EINVAL, "", import_says("Cannot get file path!\n\n")}));
-}
-
 TEST_F(ImportRefuses, WhatThereIsNoMemoryFor) {
     const std::string host = host_file(some_bytes(10));
     for (const std::string &path : {host, scratch.file("."), host_link("target")}) {
@@ -849,31 +842,6 @@ TEST_F(ImportRefuses, WhatThereIsNoMemoryFor) {
     const failing_allocation fault(0);
     expect_no_status(scratch.file("none"), -ENOENT);
     EXPECT_FALSE(fault.struck());
-}
-
-TEST(Import, IsRefusedWithoutAVolume) {
-    ASSERT_EQ(sv, nullptr);
-    const scratch_directory scratch;
-    const std::string host = scratch.file_with("host", some_bytes(10));
-    EXPECT_EQ(to_output([&] { return fat_copy_to_zuq(host.c_str(), "NAME", 1); }),
-              (printout{-EINVAL, "", import_says(CHECK_HERE)}));
-    EXPECT_EQ(to_output([] { return fat_copy_to_zuq("/none", "NAME", 1); }),
-              (printout{-EINVAL, "", import_says(CHECK_HERE)}));
-    EXPECT_EQ(to_output([] { return fat_copy_to_zuq(nullptr, "NAME", 1); }),
-              (printout{-EINVAL, "", import_says("Cannot get file path!\n\n")}));
-}
-
-TEST(Import, FindsNoDirectoryWhileTheVolumeIsNotMounted) {
-    const ram_disk disk(1 << 20);
-    const scratch_directory scratch;
-    const std::string host = scratch.file_with("host", some_bytes(10));
-    EXPECT_EQ(
-        to_output([&] { return fat_copy_to_zuq(host.c_str(), "NAME", 1); }),
-        (printout{-EFAULT, "",
-                  "fat_path_lookup[N]: current directory isn't setup\n"
-                  "create_internal[N]: " +
-                      CHECK_HERE + import_says("cannot create ZUQ file NAME: Bad address\n")}));
-    EXPECT_TRUE(disk.log.empty());
 }
 
 TEST(Import, SaysWhatFailsOnStandardErrorAlone) {
