@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <functional>
@@ -263,7 +264,10 @@ TEST_P(FaultSweep, EveryPublicCallOnAMountedVolume) {
         SCOPED_TRACE(tested.name);
         faults += at_any_fault(kind, [&](fault_step &step) {
             prepared volume(std::get<1>(GetParam()));
+            const int open_before = mounted::open_ids();
             step.run_keeping([&] { return tested.call(volume); });
+            // What it opened has a record and a copy of the directory entry.
+            EXPECT_EQ(step.left_allocated(), 2 * std::max(0, mounted::open_ids() - open_before));
             if (step.struck()) {
                 expect_sound_table();
                 expect_working_volume(kind.what == fault::write);
