@@ -77,15 +77,6 @@ INSTANTIATE_TEST_SUITE_P(Directories, GrowForEntries, testing::ValuesIn(growing_
 
 // ---- runs -------------------------------------------------------------------------------------
 
-TEST_P(FindEmptyEntries, WithoutADirectoryOrAPlaceForTheIndexItIsRefused) {
-    u32 index = UNTOUCHED;
-    EXPECT_EQ(heard(fat_find_empty_entries(nullptr, 1, &index)), (answer{-EINVAL, CHECK_HERE}));
-    EXPECT_EQ(index, UNTOUCHED);
-    EXPECT_EQ(heard(fat_find_empty_entries(&dir.record, 1, nullptr)),
-              (answer{-EINVAL, CHECK_HERE}));
-    EXPECT_TRUE(v.disk.log.empty());
-}
-
 TEST_P(FindEmptyEntries, UnusedSlotsBehindTheLastEntry) {
     occupy();
     set_free(7, capacity - 1);
@@ -200,17 +191,6 @@ TEST_P(FindEmptyEntries, NoSectorIsReadTwiceAndNoTransferBeginsBehindTheRun) {
     for (const auto &[sector, times] : v.sectors_read()) {
         EXPECT_EQ(times, 1) << "sector " << sector;
     }
-}
-
-TEST_P(FindEmptyEntries, NoMemoryForTheSector) {
-    int result = 0;
-    u32 index = UNTOUCHED;
-    {
-        const failing_allocation fault(0);
-        result = fat_find_empty_entries(&dir.record, 1, &index);
-    }
-    EXPECT_EQ(heard(result), (answer{-ENOMEM, CHECK_HERE}));
-    EXPECT_EQ(index, UNTOUCHED);
 }
 
 TEST_P(FindEmptyEntries, UnreadableSectorIsTold) {

@@ -371,15 +371,6 @@ TEST(SetLongSlot, UnitsBehindTheTerminatorAreNotTaken) {
 
 // ---- an entry without a long name -------------------------------------------------------------
 
-TEST_P(BuildEntry, WithoutADirectoryOrANameItIsRefused) {
-    name_forms name("NAME    TXT");
-    EXPECT_EQ(heard(build_entry(nullptr, 0, 1, DENTRY_FILE, &name.record, 0)),
-              (answer{-EINVAL, CHECK_HERE}));
-    EXPECT_EQ(heard(build_entry(&dir.record, 0, 1, DENTRY_FILE, nullptr, 0)),
-              (answer{-EINVAL, CHECK_HERE}));
-    EXPECT_TRUE(v.disk.log.empty());
-}
-
 TEST_P(BuildEntry, ShortNameTakesOneSlot) {
     occupy();
     std::vector<entry_image> expected = space();
@@ -675,17 +666,6 @@ TEST_P(BuildEntry, UnreadableSectorOfASlotIsTold) {
     EXPECT_TRUE(sectors_written().empty());
 }
 
-TEST_P(BuildEntry, FailedWriteIsReturnedAsItIs) {
-    const std::vector<entry_image> before = space();
-    for (const int result : {-1, -5, -28, -110}) {
-        v.disk.failure_result = result;
-        v.disk.writes_before_failure = 0;
-        name_forms name("NAME       ");
-        EXPECT_EQ(build(3, 1, &name), (answer{result, CHECK_HERE}));
-    }
-    EXPECT_EQ(changes_since(before), "");
-}
-
 TEST_P(BuildEntry, WriteOfAnotherCountFails) {
     for (const int result : {0, 2}) {
         v.disk.failure_result = result;
@@ -706,14 +686,18 @@ TEST_P(BuildEntry, EveryFailingWriteLeavesTheSectorsBeforeItWritten) {
     const std::vector<entry_image> before = space();
     std::vector<entry_image> whole = before;
     put_into(&whole, first, wide, short_entry("LONGNA~1TXT", 0));
-    at_every_fault({EVERY_WRITE}, [&](fault_step &step) {
+    std::vector<fault_kind> kinds;
+    for (const int moved : {-1, -5, -28, -110}) {
+        kinds.push_back({fault::write, false, moved});
+    }
+    at_every_fault(kinds, [&](fault_step &step) {
         for (u32 i = 0; i < capacity; i++) {
             dir.put(i, before[i]);
         }
         name_forms name("LONGNAMETXT", wide);
         const answer a = heard(step.run(
             [&] { return build_entry(&dir.record, first, count, DENTRY_FILE, &name.record, 0); }));
-        EXPECT_EQ(a, step.struck() ? (answer{-EIO, CHECK_HERE})
+        EXPECT_EQ(a, step.struck() ? (answer{step.kind.transfer_result, CHECK_HERE})
                                    : (answer{static_cast<int>(last), ""}));
         const auto written = static_cast<std::ptrdiff_t>(step.k);
         EXPECT_EQ(step.struck(), written < std::ssize(sectors));
@@ -817,16 +801,6 @@ TEST_P(InitDirectory, ClusterThatIsNoneIsRefused) {
     EXPECT_TRUE(transfers().empty());
 }
 
-TEST_P(InitDirectory, UnreadableSectorIsTold) {
-    fill_data(40, 0xA7);
-    v.disk.unreadable = {volume::first_sector_of(40)};
-    const answer a = heard(init_directory(0, 40));
-    EXPECT_EQ(a.result, -EIO);
-    EXPECT_TRUE(a.said.ends_with(INIT_CHECK_HERE)) << a;
-    EXPECT_TRUE(sectors_written().empty());
-    EXPECT_EQ(data_of(40), all(0xA7));
-}
-
 TEST_P(InitDirectory, ReadOfAnotherCountFails) {
     fill_data(40, 0xA7);
     v.disk.unreadable = {volume::first_sector_of(40)};
@@ -840,26 +814,39 @@ TEST_P(InitDirectory, ReadOfAnotherCountFails) {
     EXPECT_EQ(data_of(40), all(0xA7));
 }
 
-TEST_P(InitDirectory, FailedWriteIsTold) {
-    for (const int result : {-1, -5, -28}) {
-        v.disk.failure_result = result;
-        v.disk.writes_before_failure = 0;
-        EXPECT_EQ(heard(init_directory(0, 40)), (answer{result, INIT_CHECK_HERE}));
-    }
-    for (const int result : {0, 2}) {
-        v.disk.failure_result = result;
-        v.disk.writes_before_failure = 0;
-        const answer a = heard(init_directory(0, 40));
-        EXPECT_LT(a.result, 0);
-        EXPECT_EQ(a.said, INIT_CHECK_HERE);
-    }
+TEST_P(InitDirectory, WriteOfAnotherCountFails) {
+    v.disk.failure_result = 2;
+    v.disk.writes_before_failure = 0;
+    const answer a = heard(init_directory(0, 40));
+    EXPECT_LT(a.result, 0);
+    EXPECT_EQ(a.said, INIT_CHECK_HERE);
 }
 
-TEST_P(InitDirectory, NoMemoryForTheSector) {
-    EXPECT_EQ(answers_at_every_fault(EVERY_ALLOCATION,
-                                     [&](fault_step &step) {
-                                         return heard(
-                                             step.run([] { return init_directory(0, 40); }));
-                                     }),
-              (std::vector<answer>{{-ENOMEM, INIT_CHECK_HERE}, {0, ""}}));
+TEST_P(InitDirectory, EveryFaultIsToldAndWritesNothing) {
+    fill_data(40, 0xA7);
+    std::vector<fault_kind> kinds = {EVERY_ALLOCATION, EVERY_READ};
+    for (const int moved : {-1, -5, -28, 0}) {
+        kinds.push_back({fault::write, false, moved});
+    }
+    at_every_fault(kinds, [&](fault_step &step) {
+        const answer a = heard(step.run([] { return init_directory(0, 40); }));
+        EXPECT_EQ(step.struck(), step.k == 0);
+        if (!step.struck()) {
+            EXPECT_EQ(a, (answer{0, ""}));
+            fill_data(40, 0xA7);
+            return;
+        }
+        if (step.is(fault::allocation)) {
+            EXPECT_EQ(a, (answer{-ENOMEM, INIT_CHECK_HERE}));
+        } else if (step.is(fault::read)) {
+            EXPECT_EQ(a.result, -EIO);
+            EXPECT_TRUE(a.said.ends_with(INIT_CHECK_HERE)) << a;
+        } else if (step.kind.transfer_result < 0) {
+            EXPECT_EQ(a, (answer{step.kind.transfer_result, INIT_CHECK_HERE}));
+        } else {
+            EXPECT_LT(a.result, 0);
+            EXPECT_EQ(a.said, INIT_CHECK_HERE);
+        }
+        EXPECT_EQ(data_of(40), all(0xA7));
+    });
 }
