@@ -612,29 +612,6 @@ TEST_P(EntryOpen, FullTableTakesNothing) {
     EXPECT_EQ(meter.live_blocks(), 0);
 }
 
-TEST_P(EntryOpen, EachAllocationThatFails) {
-    EXPECT_EQ(answers_under(
-                  EVERY_ALLOCATION, [&] { return fat_entry_open(&v.root_space.record, v.file); },
-                  fat_close),
-              (std::vector<answer>{
-                  {-ENOMEM, "fat_entry_open[N]: cannot allocate memory\n"},
-                  {-ENOMEM, "fat_set_oentry[N]: cannot allocate memory\n" + NOT_SET},
-                  {-EINVAL, "fat_read_entry[N]: cannot allocate FAT\n\n" + BAD_CHAIN + NOT_SET},
-                  {1, ""}}));
-}
-
-TEST_P(EntryOpen, EachReadThatFails) {
-    const u64 sector = v.root_space.offset_of(v.file) / sv->sector_size;
-    EXPECT_EQ(
-        answers_under(
-            EVERY_READ, [&] { return fat_entry_open(&v.root_space.record, v.file); }, fat_close),
-        (std::vector<answer>{
-            {-EIO, "get_dentry_with_clu[N]: cannot read sectors:(sector: " +
-                       std::to_string(sector) + ")\nfat_entry_open[N]: Cannot get dentry!\n\n"},
-            {-EINVAL, "fat_read_entry[N]: cannot read FAT\n\n" + BAD_CHAIN + NOT_SET},
-            {1, ""}}));
-}
-
 TEST_F(OpenEntries, IndexBehindASmallRootAreaIsNotOpened) {
     fat_close_volume(0);
     volume small({.root_entries = 32});
@@ -688,33 +665,6 @@ TEST_P(OpenRoot, OpeningAgainMakesItCurrent) {
     EXPECT_EQ(get_current(), 0);
     // Nobody gives the reference of the former current directory back.
     EXPECT_EQ(oentry_table[2]->ref_count, 2U);
-}
-
-TEST_P(OpenRoot, EachAllocationThatFails) {
-    forget_root();
-    const std::string no_memory = "open_root_directory[N]: failed to allocate memory!\n\n";
-    std::vector<answer> expected = {{-ENOMEM, no_memory}};
-    if (sv->fat_type == 32) {
-        expected.push_back({-EINVAL, "fat_read_entry[N]: cannot allocate FAT\n\n" + BAD_CHAIN +
-                                         "open_root_directory[N]: failed to set oentry!\n\n"});
-    }
-    expected.push_back({0, ""});
-    EXPECT_EQ(answers_under(EVERY_ALLOCATION, open_root_directory, [](int) { forget_root(); }),
-              expected);
-}
-
-TEST_P(OpenRoot, EachReadThatFails) {
-    forget_root();
-    const auto forget = [](int) { forget_root(); };
-    if (sv->fat_type == 16) {
-        expect_no_read(open_root_directory, forget);
-        return;
-    }
-    EXPECT_EQ(
-        answers_under(EVERY_READ, open_root_directory, forget),
-        (std::vector<answer>{{-EINVAL, "fat_read_entry[N]: cannot read FAT\n\n" + BAD_CHAIN +
-                                           "open_root_directory[N]: failed to set oentry!\n\n"},
-                             {0, ""}}));
 }
 
 TEST_F(Fat32OpenRoot, FailureEmptiesTheSlot) {
