@@ -264,17 +264,6 @@ TEST_F(CreatePbr, AVolumeFormattedAnewForgetsItsFormerGeometry) {
 
 // ---- refusals ---------------------------------------------------------------------------------
 
-TEST(CreatePbrRefusals, NoBuffer) {
-    const ram_disk disk(64 * MIB);
-    diagnostics said;
-    fat_format_param param = param_of({});
-    const fat_format_param before = param;
-    EXPECT_EQ(fat::create_pbr(nullptr, &param), -EINVAL);
-    EXPECT_EQ(said.text(), "create_pbr[N]: NULL pbr_p!\n\n");
-    EXPECT_EQ(std::memcmp(&param, &before, sizeof param), 0);
-    EXPECT_EQ(sv->sector_size, 0U);
-}
-
 TEST(CreatePbrRefusals, ATargetTooSmallLeavesSectorAndVolumeUntouched) {
     const ram_disk disk(4 * 4096);
     diagnostics said;
@@ -309,10 +298,4 @@ TEST(SetFsinfo, FillsItsFiveFieldsAndNothingElse) {
         }
         EXPECT_EQ(differences(sector, expected), "");
     }
-}
-
-TEST(SetFsinfo, RefusesNoSector) {
-    diagnostics said;
-    EXPECT_EQ(fat::set_fsinfo(nullptr), -EINVAL);
-    EXPECT_EQ(said.text(), "set_fsinfo[N]: NULL arg!\n\n");
 }

@@ -2,6 +2,7 @@
 // full directories; what was built as another program reads it.
 
 #include "tests/support/build_fixture.h"
+#include "tests/support/every_fault.h"
 #include "tests/support/files.h"
 #include "tests/support/process.h"
 
@@ -76,15 +77,6 @@ INSTANTIATE_TEST_SUITE_P(Directories, GrowForEntries, testing::ValuesIn(growing_
 } // namespace
 
 // ---- runs -------------------------------------------------------------------------------------
-
-TEST_P(FindEmptyEntries, WithoutADirectoryOrAPlaceForTheIndexItIsRefused) {
-    u32 index = UNTOUCHED;
-    EXPECT_EQ(heard(fat_find_empty_entries(nullptr, 1, &index)), (answer{-EINVAL, CHECK_HERE}));
-    EXPECT_EQ(index, UNTOUCHED);
-    EXPECT_EQ(heard(fat_find_empty_entries(&dir.record, 1, nullptr)),
-              (answer{-EINVAL, CHECK_HERE}));
-    EXPECT_TRUE(v.disk.log.empty());
-}
 
 // The first slots of a directory, x in use, - deleted and . unused; all others are as the last one.
 TEST_P(FindEmptyEntries, FirstSpanThatIsLongEnoughIsTaken) {
@@ -170,17 +162,6 @@ TEST_P(FindEmptyEntries, NoSectorIsReadTwiceAndNoTransferBeginsBehindTheRun) {
     for (const auto &[sector, times] : v.sectors_read()) {
         EXPECT_EQ(times, 1) << "sector " << sector;
     }
-}
-
-TEST_P(FindEmptyEntries, NoMemoryForTheSector) {
-    int result = 0;
-    u32 index = UNTOUCHED;
-    {
-        const failing_allocation fault(0);
-        result = fat_find_empty_entries(&dir.record, 1, &index);
-    }
-    EXPECT_EQ(heard(result), (answer{-ENOMEM, CHECK_HERE}));
-    EXPECT_EQ(index, UNTOUCHED);
 }
 
 // ---- growing ----------------------------------------------------------------------------------
@@ -346,51 +327,30 @@ TEST_P(GrowForEntries, ClusterThatCannotBeClearedIsTakenBack) {
 }
 
 TEST_P(GrowForEntries, EveryFailureEndsInADirectoryThatIsWhole) {
-    enum { READ, WRITE, ALLOCATE };
-    for (const int kind : {READ, WRITE, ALLOCATE}) {
-        for (int k = 0;; k++) {
-            directory again = v.sub_directory({200, 201});
-            for (u32 i = 0; i < again.capacity(); i++) {
-                again.put(i, file_number(i));
-            }
-            v.set_link(301, 0);
-            sv->last_alloc_clus = 300;
-            const fat_picture fat(&v);
-            u32 index = UNTOUCHED;
-            int result = 0;
-            bool struck = false;
-            {
-                const allocation_meter meter;
-                const failing_allocation fault(kind == ALLOCATE ? k : 1000000);
-                v.disk.reads_before_failure = kind == READ ? k : -1;
-                v.disk.writes_before_failure = kind == WRITE ? k : -1;
-                result = fat_find_empty_entries(&again.record, 1, &index);
-                EXPECT_EQ(meter.live_blocks(), 0);
-                struck = fault.struck() || (kind == READ && v.disk.reads_before_failure < 0) ||
-                         (kind == WRITE && v.disk.writes_before_failure < 0);
-            }
-            v.disk.reads_before_failure = v.disk.writes_before_failure = -1;
-            const answer a = heard(result);
-            if (result == 0) {
-                EXPECT_EQ(a.said, "");
-                EXPECT_EQ(index, again.capacity());
-                if (!struck) {
-                    EXPECT_GT(k, 1);
-                    break;
-                }
-                // Sectors that cannot be read together are read one by one.
-                EXPECT_NE(kind, WRITE);
-                ASSERT_LT(k, 2000);
-                continue;
-            }
-            EXPECT_TRUE(a.said.ends_with(CHECK_HERE)) << a;
-            EXPECT_EQ(index, UNTOUCHED);
-            EXPECT_EQ(again.record.last, 201U);
-            EXPECT_EQ(again.record.allocated, 2 * cluster_bytes);
-            EXPECT_EQ(fat.difference(), "") << a;
-            ASSERT_LT(k, 2000);
+    at_every_fault({EVERY_READ, EVERY_WRITE, EVERY_ALLOCATION}, [&](fault_step &step) {
+        directory again = v.sub_directory({200, 201});
+        for (u32 i = 0; i < again.capacity(); i++) {
+            again.put(i, file_number(i));
         }
-    }
+        v.set_link(301, 0);
+        sv->last_alloc_clus = 300;
+        const fat_picture fat(&v);
+        u32 index = UNTOUCHED;
+        const answer a =
+            heard(step.run([&] { return fat_find_empty_entries(&again.record, 1, &index); }));
+        if (a.result == 0) {
+            // Sectors that cannot be read together are read one by one.
+            EXPECT_TRUE(step.struck() ? !step.is(fault::write) : step.k > 1);
+            EXPECT_EQ(a.said, "");
+            EXPECT_EQ(index, again.capacity());
+            return;
+        }
+        EXPECT_TRUE(a.said.ends_with(CHECK_HERE)) << a;
+        EXPECT_EQ(index, UNTOUCHED);
+        EXPECT_EQ(again.record.last, 201U);
+        EXPECT_EQ(again.record.allocated, 2 * cluster_bytes);
+        EXPECT_EQ(fat.difference(), "") << a;
+    });
 }
 
 // ---- the root area of FAT16 -------------------------------------------------------------------

@@ -2,6 +2,7 @@
 // first two entries of a new directory.
 
 #include "tests/support/build_fixture.h"
+#include "tests/support/every_fault.h"
 
 #include <gtest/gtest.h>
 
@@ -347,15 +348,6 @@ TEST(SetLongSlot, UnitsBehindTheTerminatorAreNotTaken) {
 
 // ---- an entry without a long name -------------------------------------------------------------
 
-TEST_P(BuildEntry, WithoutADirectoryOrANameItIsRefused) {
-    name_forms name("NAME    TXT");
-    EXPECT_EQ(heard(build_entry(nullptr, 0, 1, DENTRY_FILE, &name.record, 0)),
-              (answer{-EINVAL, CHECK_HERE}));
-    EXPECT_EQ(heard(build_entry(&dir.record, 0, 1, DENTRY_FILE, nullptr, 0)),
-              (answer{-EINVAL, CHECK_HERE}));
-    EXPECT_TRUE(v.disk.log.empty());
-}
-
 TEST_P(BuildEntry, ShortNameTakesOneSlot) {
     occupy();
     std::vector<entry_image> expected = space();
@@ -637,10 +629,9 @@ TEST_P(BuildEntry, UnreadableSectorOfASlotIsTold) {
     EXPECT_TRUE(sectors_written().empty());
 }
 
-// As it is; but a count of sectors is no error.
-TEST_P(BuildEntry, FailedWriteIsReturned) {
+TEST_P(BuildEntry, WriteOfAnotherCountFails) {
     const std::vector<entry_image> before = space();
-    for (const int result : {-1, -5, -28, -110, 0, 2}) {
+    for (const int result : {0, 2}) {
         v.disk.failure_result = result;
         v.disk.writes_before_failure = 0;
         name_forms name("NAME       ");
@@ -660,88 +651,63 @@ TEST_P(BuildEntry, EveryFailingWriteLeavesTheSectorsBeforeItWritten) {
     const std::vector<entry_image> before = space();
     std::vector<entry_image> whole = before;
     put_into(&whole, first, wide, short_entry("LONGNA~1TXT", 0));
-    for (u32 k = 0; k <= sectors.size(); k++) {
+    std::vector<fault_kind> kinds;
+    for (const int moved : {-1, -5, -28, -110}) {
+        kinds.push_back({fault::write, false, moved});
+    }
+    at_every_fault(kinds, [&](fault_step &step) {
         for (u32 i = 0; i < capacity; i++) {
             dir.put(i, before[i]);
         }
         name_forms name("LONGNAMETXT", wide);
-        v.disk.writes_before_failure = static_cast<int>(k);
-        const allocation_meter meter;
-        const int result = build_entry(&dir.record, first, count, DENTRY_FILE, &name.record, 0);
-        EXPECT_EQ(meter.live_blocks(), 0);
-        v.disk.writes_before_failure = -1;
-        const bool succeeds = k == sectors.size();
-        EXPECT_EQ(heard(result),
-                  succeeds ? (answer{static_cast<int>(last), ""}) : (answer{-5, CHECK_HERE}));
+        const answer a = heard(step.run(
+            [&] { return build_entry(&dir.record, first, count, DENTRY_FILE, &name.record, 0); }));
+        EXPECT_EQ(a, step.struck() ? (answer{step.kind.transfer_result, CHECK_HERE})
+                                   : (answer{static_cast<int>(last), ""}));
+        const auto written = static_cast<std::ptrdiff_t>(step.k);
+        EXPECT_EQ(step.struck(), written < std::ssize(sectors));
         std::vector<entry_image> expected = before;
         for (u32 i = first; i <= last; i++) {
             const auto place = std::find(sectors.begin(), sectors.end(), sector_of(i));
-            if (place - sectors.begin() < static_cast<std::ptrdiff_t>(k)) {
+            if (place - sectors.begin() < written) {
                 expected[i] = whole[i];
             }
         }
-        EXPECT_EQ(changes_since(expected), "") << "write " << k;
-    }
+        EXPECT_EQ(changes_since(expected), "");
+    });
 }
 
-TEST_P(BuildEntry, EveryFailingReadWritesNothing) {
+TEST_P(BuildEntry, EveryFailingReadOrAllocationWritesNothing) {
     const std::u16string wide = long_name_of(255);
     const u32 count = name_forms("LONGNAMETXT", wide).slots();
     const u32 first = 2 * per_sector - 1;
     const std::vector<entry_image> before = space();
-    for (int k = 0;; k++) {
-        name_forms name("LONGNAMETXT", wide);
-        v.disk.reads_before_failure = k;
-        v.disk.log.clear();
-        const allocation_meter meter;
-        const int result = build_entry(&dir.record, first, count, DENTRY_FILE, &name.record, 0);
-        EXPECT_EQ(meter.live_blocks(), 0);
-        if (result >= 0) {
-            EXPECT_GE(k, 3);
-            v.disk.reads_before_failure = -1;
-            break;
-        }
-        // A FAT sector that cannot be read on the way makes the directory's chain a broken one.
-        EXPECT_TRUE(result == -EIO || result == -EINVAL) << result;
-        EXPECT_TRUE(k == 0 || heard(result).said.ends_with(CHECK_HERE));
-        EXPECT_EQ(changes_since(before), "");
-        EXPECT_TRUE(sectors_written().empty());
-        ASSERT_LT(k, 50);
-    }
-}
-
-TEST_P(BuildEntry, EveryFailingAllocationWritesNothing) {
-    const std::u16string wide = long_name_of(255);
-    const u32 count = name_forms("LONGNAMETXT", wide).slots();
-    const u32 first = 2 * per_sector - 1;
-    const std::vector<entry_image> before = space();
-    for (int k = 0;; k++) {
+    at_every_fault({EVERY_READ, EVERY_ALLOCATION}, [&](fault_step &step) {
         name_forms name("LONGNAMETXT", wide);
         v.disk.log.clear();
-        int result = 0;
-        {
-            const allocation_meter meter;
-            const failing_allocation fault(k);
-            result = build_entry(&dir.record, first, count, DENTRY_FILE, &name.record, 0);
-            EXPECT_EQ(meter.live_blocks(), 0);
+        const answer a = heard(step.run(
+            [&] { return build_entry(&dir.record, first, count, DENTRY_FILE, &name.record, 0); }));
+        if (!step.struck()) {
+            EXPECT_GE(a.result, 0);
+            EXPECT_GE(step.k, 3);
+            for (u32 i = 0; i < capacity; i++) {
+                dir.put(i, before[i]);
+            }
+            return;
         }
-        if (result >= 0) {
-            EXPECT_GE(k, 3);
-            break;
-        }
-        const answer a = heard(result);
-        if (k == 0) {
+        const bool is_memory = step.is(fault::allocation);
+        if (is_memory && step.k == 0) {
             EXPECT_EQ(a, (answer{-ENOMEM, CHECK_HERE}));
-        } else if (k == 1) {
+        } else if (is_memory && step.k == 1) {
             EXPECT_EQ(a, (answer{-ENOMEM, "add_numeric_tail[N]: Failed to allocate memory!\n\n"}));
         } else {
-            EXPECT_TRUE(result == -ENOMEM || result == -EINVAL) << result;
-            EXPECT_TRUE(a.said.ends_with(CHECK_HERE)) << a;
+            // A FAT sector that cannot be read on the way makes the directory's chain a broken one.
+            EXPECT_TRUE(a.result == (is_memory ? -ENOMEM : -EIO) || a.result == -EINVAL) << a;
+            EXPECT_TRUE(step.k == 0 || a.said.ends_with(CHECK_HERE)) << a;
         }
         EXPECT_EQ(changes_since(before), "");
         EXPECT_TRUE(sectors_written().empty());
-        ASSERT_LT(k, 50);
-    }
+    });
 }
 
 // ---- a new directory --------------------------------------------------------------------------
@@ -800,16 +766,6 @@ TEST_P(InitDirectory, ClusterThatIsNoneIsRefused) {
     EXPECT_TRUE(transfers().empty());
 }
 
-TEST_P(InitDirectory, UnreadableSectorIsTold) {
-    fill_data(40, 0xA7);
-    v.disk.unreadable = {volume::first_sector_of(40)};
-    const answer a = heard(init_directory(0, 40));
-    EXPECT_EQ(a.result, -EIO);
-    EXPECT_TRUE(a.said.ends_with(INIT_CHECK_HERE)) << a;
-    EXPECT_TRUE(sectors_written().empty());
-    EXPECT_EQ(data_of(40), all(0xA7));
-}
-
 TEST_P(InitDirectory, ReadOfAnotherCountFails) {
     fill_data(40, 0xA7);
     v.disk.unreadable = {volume::first_sector_of(40)};
@@ -823,35 +779,39 @@ TEST_P(InitDirectory, ReadOfAnotherCountFails) {
     EXPECT_EQ(data_of(40), all(0xA7));
 }
 
-TEST_P(InitDirectory, FailedWriteIsTold) {
-    for (const int result : {-1, -5, -28}) {
-        v.disk.failure_result = result;
-        v.disk.writes_before_failure = 0;
-        EXPECT_EQ(heard(init_directory(0, 40)), (answer{result, INIT_CHECK_HERE}));
-    }
-    for (const int result : {0, 2}) {
-        v.disk.failure_result = result;
-        v.disk.writes_before_failure = 0;
-        const answer a = heard(init_directory(0, 40));
-        EXPECT_LT(a.result, 0);
-        EXPECT_EQ(a.said, INIT_CHECK_HERE);
-    }
+TEST_P(InitDirectory, WriteOfAnotherCountFails) {
+    v.disk.failure_result = 2;
+    v.disk.writes_before_failure = 0;
+    const answer a = heard(init_directory(0, 40));
+    EXPECT_LT(a.result, 0);
+    EXPECT_EQ(a.said, INIT_CHECK_HERE);
 }
 
-TEST_P(InitDirectory, NoMemoryForTheSector) {
-    for (int k = 0;; k++) {
-        int result = 0;
-        {
-            const allocation_meter meter;
-            const failing_allocation fault(k);
-            result = init_directory(0, 40);
-            EXPECT_EQ(meter.live_blocks(), 0);
-        }
-        if (result == 0) {
-            EXPECT_GT(k, 0);
-            break;
-        }
-        EXPECT_EQ(heard(result), (answer{-ENOMEM, INIT_CHECK_HERE}));
-        ASSERT_LT(k, 5);
+TEST_P(InitDirectory, EveryFaultIsToldAndWritesNothing) {
+    fill_data(40, 0xA7);
+    std::vector<fault_kind> kinds = {EVERY_ALLOCATION, EVERY_READ};
+    for (const int moved : {-1, -5, -28, 0}) {
+        kinds.push_back({fault::write, false, moved});
     }
+    at_every_fault(kinds, [&](fault_step &step) {
+        const answer a = heard(step.run([] { return init_directory(0, 40); }));
+        EXPECT_EQ(step.struck(), step.k == 0);
+        if (!step.struck()) {
+            EXPECT_EQ(a, (answer{0, ""}));
+            fill_data(40, 0xA7);
+            return;
+        }
+        if (step.is(fault::allocation)) {
+            EXPECT_EQ(a, (answer{-ENOMEM, INIT_CHECK_HERE}));
+        } else if (step.is(fault::read)) {
+            EXPECT_EQ(a.result, -EIO);
+            EXPECT_TRUE(a.said.ends_with(INIT_CHECK_HERE)) << a;
+        } else if (step.kind.transfer_result < 0) {
+            EXPECT_EQ(a, (answer{step.kind.transfer_result, INIT_CHECK_HERE}));
+        } else {
+            EXPECT_LT(a.result, 0);
+            EXPECT_EQ(a.said, INIT_CHECK_HERE);
+        }
+        EXPECT_EQ(data_of(40), all(0xA7));
+    });
 }

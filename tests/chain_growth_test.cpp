@@ -1,6 +1,7 @@
 // Directories that grow by a cluster, and the open records that must know of it.
 
 #include "tests/support/chain_fixture.h"
+#include "tests/support/every_fault.h"
 
 #include <gtest/gtest.h>
 
@@ -227,48 +228,23 @@ TEST_P(ExtendDir, UndoThatFailsIsPassedOver) {
     EXPECT_EQ(fat.with(5, far).with(far, END).difference(), "");
 }
 
-TEST_P(ExtendDir, EveryFailingWriteEndsInADirectoryThatIsWhole) {
-    for (int k = 0;; k++) {
+TEST_P(ExtendDir, EveryFailureEndsInADirectoryThatIsWhole) {
+    at_every_fault({EVERY_WRITE, EVERY_READ, EVERY_ALLOCATION}, [&](fault_step &step) {
         directory dir = v.sub_directory({5, 9});
         v.set_link(far, 0);
         const fat_picture fat(&v);
         sv->last_alloc_clus = far - 1;
-        v.disk.writes_before_failure = k;
-        const allocation_meter meter;
-        const int result = fat_extend_dir(&dir.record, nullptr);
-        EXPECT_EQ(meter.live_blocks(), 0);
-        if (result == 0) {
-            EXPECT_EQ(k, static_cast<int>(2 + sv->sec_per_clus));
-            v.disk.writes_before_failure = -1;
-            break;
+        const int result = step.run([&] { return fat_extend_dir(&dir.record, nullptr); });
+        if (!step.struck()) {
+            EXPECT_EQ(result, 0);
+            EXPECT_TRUE(!step.is(fault::write) || step.k == static_cast<int>(2 + sv->sec_per_clus));
+            return;
         }
-        EXPECT_EQ(result, -EIO);
+        EXPECT_EQ(result, step.is(fault::allocation) ? -ENOMEM : -EIO);
         EXPECT_EQ(dir.record.last, 9U);
         EXPECT_EQ(dir.record.allocated, 2 * cluster_bytes);
         EXPECT_EQ(fat.difference(), "");
-    }
-}
-
-TEST_P(ExtendDir, EveryFailingReadEndsInADirectoryThatIsWhole) {
-    for (int k = 0;; k++) {
-        directory dir = v.sub_directory({5, 9});
-        v.set_link(far, 0);
-        const fat_picture fat(&v);
-        sv->last_alloc_clus = far - 1;
-        v.disk.reads_before_failure = k;
-        const allocation_meter meter;
-        const int result = fat_extend_dir(&dir.record, nullptr);
-        EXPECT_EQ(meter.live_blocks(), 0);
-        if (result == 0) {
-            EXPECT_GT(k, 0);
-            v.disk.reads_before_failure = -1;
-            break;
-        }
-        EXPECT_EQ(result, -EIO);
-        EXPECT_EQ(dir.record.last, 9U);
-        EXPECT_EQ(dir.record.allocated, 2 * cluster_bytes);
-        EXPECT_EQ(fat.difference(), "");
-    }
+    });
 }
 
 // ---- open records of a directory that grows ---------------------------------------------------

@@ -3,6 +3,7 @@
 // one entry at a time.
 
 #include "tests/support/capture.h"
+#include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
 #include "tests/support/ram_disk.h"
 
@@ -828,90 +829,42 @@ scenario scattered(u32 fat_type, bool has_chain) {
     return s;
 }
 
-// Allocates with the k-th transfer or allocation failing for k = 0, 1, ... until all succeeds. All
-// must be taken back each time.
-template <typename Arm>
-void expect_taken_back(const scenario &s, int least, Arm arm) {
-    for (int k = 0;; k++) {
-        small_volume v(s);
-        std::vector<u32> clusters(s.count, 0);
-        u32 allocated = 0;
-        int result = 0;
-        bool has_struck = false;
-        {
-            const allocation_meter meter;
-            result = arm(
-                &v, k,
-                [&] { return alloc_clusters(&v.entry, clusters.data(), s.count, &allocated); },
-                &has_struck);
-            if (result < 0) {
-                undo_allocation(&v.entry, s.before.record.last, clusters.data(), s.count,
-                                allocated);
-            }
-            EXPECT_EQ(meter.live_blocks(), 0);
-        }
-        const course c = v.end({result}, clusters);
-        if (!has_struck) {
-            EXPECT_EQ(result, 0);
-            EXPECT_EQ(allocated, s.count);
-            EXPECT_GE(k, least);
-            return;
-        }
-        ASSERT_LT(result, 0) << "failure " << k << " was not noticed";
-        EXPECT_EQ(c.after.record.last, s.before.record.last);
-        EXPECT_EQ(c.after.record.allocated, s.before.record.allocated);
-        state expected = s.before;
-        expected.record = c.after.record; // an entry that was empty may keep its first cluster
-        expected.hint = c.after.hint;
-        ASSERT_EQ(differences(c.after, expected), "") << "failure " << k << ": " << s;
-        if (s.before.record.start != 0) {
-            EXPECT_EQ(c.after.record, s.before.record);
-        }
-    }
-}
-
 } // namespace
 
-TEST(AllocClusters, EveryFailingWriteIsTakenBackWhole) {
+TEST(AllocClusters, EveryFailureIsTakenBackWhole) {
     for (const u32 fat_type : {16U, 32U}) {
         for (const bool has_chain : {false, true}) {
-            expect_taken_back(scattered(fat_type, has_chain), 3,
-                              [](small_volume *v, int k, auto call, bool *has_struck) {
-                                  v->disk.writes_before_failure = k;
-                                  const int result = call();
-                                  *has_struck = v->disk.writes_before_failure < 0;
-                                  v->disk.writes_before_failure = -1;
-                                  return result;
-                              });
-        }
-    }
-}
-
-TEST(AllocClusters, EveryFailingReadIsTakenBackWhole) {
-    for (const u32 fat_type : {16U, 32U}) {
-        for (const bool has_chain : {false, true}) {
-            expect_taken_back(scattered(fat_type, has_chain), 3,
-                              [](small_volume *v, int k, auto call, bool *has_struck) {
-                                  v->disk.reads_before_failure = k;
-                                  const int result = call();
-                                  *has_struck = v->disk.reads_before_failure < 0;
-                                  v->disk.reads_before_failure = -1;
-                                  return result;
-                              });
-        }
-    }
-}
-
-TEST(AllocClusters, EveryFailingAllocationIsTakenBackWhole) {
-    for (const u32 fat_type : {16U, 32U}) {
-        for (const bool has_chain : {false, true}) {
-            expect_taken_back(scattered(fat_type, has_chain), 1,
-                              [](small_volume *, int k, auto call, bool *has_struck) {
-                                  const failing_allocation fault(k);
-                                  const int result = call();
-                                  *has_struck = fault.struck();
-                                  return result;
-                              });
+            const scenario s = scattered(fat_type, has_chain);
+            at_every_fault({EVERY_WRITE, EVERY_READ, EVERY_ALLOCATION}, [&](fault_step &step) {
+                small_volume v(s);
+                std::vector<u32> clusters(s.count, 0);
+                u32 allocated = 0;
+                const int result = step.run(
+                    [&] { return alloc_clusters(&v.entry, clusters.data(), s.count, &allocated); });
+                if (result < 0) {
+                    const allocation_meter meter;
+                    undo_allocation(&v.entry, s.before.record.last, clusters.data(), s.count,
+                                    allocated);
+                    EXPECT_EQ(meter.live_blocks(), 0);
+                }
+                const course c = v.end({result}, clusters);
+                if (!step.struck()) {
+                    EXPECT_EQ(result, 0);
+                    EXPECT_EQ(allocated, s.count);
+                    EXPECT_GE(step.k, step.is(fault::allocation) ? 1 : 3);
+                    return;
+                }
+                ASSERT_LT(result, 0) << "it was not noticed";
+                state expected = s.before;
+                expected.record = c.after.record; // an empty entry may keep its first cluster
+                expected.hint = c.after.hint;
+                EXPECT_EQ(differences(c.after, expected), "") << s;
+                EXPECT_EQ(c.after.record.last, s.before.record.last);
+                EXPECT_EQ(c.after.record.allocated, s.before.record.allocated);
+                if (s.before.record.start != 0) {
+                    EXPECT_EQ(c.after.record, s.before.record);
+                }
+            });
         }
     }
 }

@@ -1,12 +1,14 @@
 // Cluster chains: finding and linking free clusters, clearing one.
 
 #include "tests/support/chain_fixture.h"
+#include "tests/support/every_fault.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -331,47 +333,6 @@ TEST_P(AllocClusterOfFat32, ReservedBitsOfChangedEntriesStay) {
 
 // ---- failing writes ---------------------------------------------------------------------------
 
-TEST_P(AllocCluster, FailingEndMarkOfALoneClusterIsTold) {
-    const fat_picture fat(&v);
-    sv->last_alloc_clus = 50;
-    for (const int result : NOT_ONE_SECTOR) {
-        v.disk.failure_result = result;
-        v.disk.writes_before_failure = 0;
-        u32 cluster = 0;
-        EXPECT_EQ(alloc(nullptr, &cluster), failed(-EIO, CANNOT_WRITE + NOT_LINKED));
-    }
-    EXPECT_EQ(fat.difference(), "");
-    EXPECT_EQ(sv->last_alloc_clus, 50U);
-}
-
-TEST_P(AllocCluster, FailingEndMarkLeavesAnEmptyEntryEmpty) {
-    open_entry file;
-    const shown before = file.now();
-    const fat_picture fat(&v);
-    sv->last_alloc_clus = 50;
-    v.disk.writes_before_failure = 0;
-    u32 cluster = 0;
-    EXPECT_EQ(alloc(&file.record, &cluster), failed(-EIO, CANNOT_WRITE + NOT_LINKED));
-    EXPECT_EQ(file.now(), before);
-    EXPECT_EQ(fat.difference(), "");
-    EXPECT_EQ(sv->last_alloc_clus, 50U);
-}
-
-TEST_P(AllocCluster, FailingLinkLeavesTheChainAlone) {
-    v.chain({4, far});
-    open_entry file({4, far});
-    const shown before = file.now();
-    const fat_picture fat(&v);
-    sv->last_alloc_clus = 50;
-    v.disk.unwritable = {volume::fat_sector_of(far)};
-    u32 cluster = 0;
-    EXPECT_EQ(alloc(&file.record, &cluster), failed(-EIO, CANNOT_WRITE + NOT_LINKED));
-    EXPECT_EQ(file.now(), before);
-    EXPECT_EQ(fat.difference(), "");
-    EXPECT_EQ(sv->last_alloc_clus, 50U);
-    EXPECT_EQ(sectors_written(), std::vector<u64>{volume::fat_sector_of(far)});
-}
-
 TEST_P(AllocCluster, FailingEndMarkTakesTheLinkBack) {
     v.chain({4, 5});
     open_entry file({4, 5});
@@ -420,104 +381,45 @@ TEST_P(AllocCluster, UndoThatFailsIsPassedOver) {
     EXPECT_EQ(sv->last_alloc_clus, far - 1);
 }
 
-TEST_P(AllocCluster, UnreadableSectorOfTheLastClusterIsTold) {
-    v.chain({far});
-    open_entry file({far});
-    const shown before = file.now();
-    const fat_picture fat(&v);
-    sv->last_alloc_clus = 8;
-    v.disk.unreadable = {volume::fat_sector_of(far)};
-    u32 cluster = 0;
-    EXPECT_EQ(alloc(&file.record, &cluster), failed(-EIO, CANNOT_CHANGE + NOT_LINKED));
-    EXPECT_EQ(file.now(), before);
-    EXPECT_EQ(fat.difference(), "");
-    EXPECT_EQ(sv->last_alloc_clus, 8U);
-    EXPECT_TRUE(sectors_written().empty());
-}
-
-TEST_P(AllocCluster, EveryFailingWriteLeavesWhatWasBefore) {
-    for (int k = 0;; k++) {
-        v.chain({4, 5});
-        v.set_link(far, 0);
-        open_entry file({4, 5});
-        const shown before = file.now();
-        const fat_picture fat(&v);
-        sv->last_alloc_clus = far - 1;
-        v.disk.writes_before_failure = k;
-        const allocation_meter meter;
-        u32 cluster = 0;
-        const answer a = alloc(&file.record, &cluster);
-        EXPECT_EQ(meter.live_blocks(), 0);
-        if (a.result == 0) {
-            EXPECT_EQ(k, 2);
-            v.disk.writes_before_failure = -1;
-            break;
-        }
-        ASSERT_LT(k, 2);
-        EXPECT_EQ(a, failed(-EIO, CANNOT_WRITE + NOT_LINKED));
-        EXPECT_EQ(file.now(), before);
-        EXPECT_EQ(fat.difference(), "");
-        EXPECT_EQ(sv->last_alloc_clus, far - 1);
+TEST_P(AllocCluster, EveryFailureLeavesWhatWasBefore) {
+    const std::map<fault, std::vector<answer>> failures = {
+        {fault::write, {failed(-EIO, CANNOT_WRITE + NOT_LINKED)}},
+        {fault::read,
+         {failed(-EIO, CANNOT_READ + INVALID_VALUE), failed(-EIO, CANNOT_CHANGE + NOT_LINKED)}},
+        {fault::allocation,
+         {failed(-ENOMEM, "fat_read_entry[N]: cannot allocate FAT\n\n" + INVALID_VALUE),
+          failed(-ENOMEM, "fat_write_entry[N]: cannot allocate buffer\n\n" + NOT_LINKED)}}};
+    std::vector<fault_kind> kinds = {EVERY_READ, EVERY_ALLOCATION};
+    for (const int moved : NOT_ONE_SECTOR) {
+        kinds.push_back({fault::write, false, moved});
     }
-}
-
-TEST_P(AllocCluster, EveryFailingReadLeavesWhatWasBefore) {
-    for (int k = 0;; k++) {
-        v.chain({4, 5});
-        v.set_link(far, 0);
-        open_entry file({4, 5});
-        const shown before = file.now();
-        fill(far - 2, far - 1, volume::end_mark());
-        const fat_picture fat(&v);
-        sv->last_alloc_clus = far - 3;
-        v.disk.reads_before_failure = k;
-        const allocation_meter meter;
-        u32 cluster = 0;
-        const answer a = alloc(&file.record, &cluster);
-        EXPECT_EQ(meter.live_blocks(), 0);
-        if (a.result == 0) {
-            EXPECT_GT(k, 0);
-            v.disk.reads_before_failure = -1;
-            break;
-        }
-        ASSERT_LT(k, 10);
-        EXPECT_TRUE(a == failed(-EIO, CANNOT_READ + INVALID_VALUE) ||
-                    a == failed(-EIO, CANNOT_CHANGE + NOT_LINKED))
-            << a;
-        EXPECT_EQ(file.now(), before);
-        EXPECT_EQ(fat.difference(), "");
-        EXPECT_EQ(sv->last_alloc_clus, far - 3);
-    }
-}
-
-TEST_P(AllocCluster, EveryFailingAllocationLeavesWhatWasBefore) {
-    for (int k = 0;; k++) {
-        v.chain({4, 5});
-        open_entry file({4, 5});
-        const shown before = file.now();
-        const fat_picture fat(&v);
-        sv->last_alloc_clus = far - 1;
-        u32 cluster = 0;
-        answer a{};
-        {
-            const allocation_meter meter;
-            const failing_allocation fault(k);
-            a = {fat_alloc_cluster(&file.record, &cluster), ""};
-            EXPECT_EQ(meter.live_blocks(), 0);
-        }
-        a = heard(a.result);
-        if (a.result == 0) {
-            EXPECT_GT(k, 0);
-            break;
-        }
-        ASSERT_LT(k, 10);
-        EXPECT_TRUE(
-            a == failed(-ENOMEM, "fat_read_entry[N]: cannot allocate FAT\n\n" + INVALID_VALUE) ||
-            a == failed(-ENOMEM, "fat_write_entry[N]: cannot allocate buffer\n\n" + NOT_LINKED))
-            << a;
-        EXPECT_EQ(file.now(), before);
-        EXPECT_EQ(fat.difference(), "");
-        EXPECT_EQ(sv->last_alloc_clus, far - 1);
+    enum { ALONE, EMPTY, CHAIN };
+    for (const auto taker : {ALONE, EMPTY, CHAIN}) {
+        at_every_fault(kinds, [&](fault_step &step) {
+            v.chain({4, 5});
+            v.set_link(far, 0);
+            open_entry file(taker == CHAIN ? std::vector<u32>{4, 5} : std::vector<u32>{});
+            const shown before = file.now();
+            fill(far - 2, far - 1, volume::end_mark());
+            const fat_picture fat(&v);
+            sv->last_alloc_clus = far - 3;
+            transfers();
+            u32 cluster = 0;
+            const answer a = heard(step.run([&] {
+                return fat_alloc_cluster(taker == ALONE ? nullptr : &file.record, &cluster);
+            }));
+            if (!step.struck()) {
+                EXPECT_EQ(a.result, 0);
+                EXPECT_TRUE(!step.is(fault::write) || step.k == (taker == CHAIN ? 2 : 1));
+                return;
+            }
+            const std::vector<answer> &expected = failures.at(step.kind.what);
+            EXPECT_NE(std::find(expected.begin(), expected.end(), a), expected.end()) << a;
+            EXPECT_TRUE(!step.is(fault::write) || step.k > 0 || sectors_written().size() == 1);
+            EXPECT_EQ(file.now(), before);
+            EXPECT_EQ(fat.difference(), "");
+            EXPECT_EQ(sv->last_alloc_clus, far - 3);
+        });
     }
 }
 
@@ -748,25 +650,6 @@ TEST_P(ClearCluster, WriteOfAnotherCountFails) {
         EXPECT_EQ(heard(clear_cluster(41)),
                   failed(-EIO, "clear_cluster[N]: cannot write cluster(#41)\n"));
     }
-}
-
-TEST_P(ClearCluster, NoMemoryForTheSector) {
-    const fat_picture fat(&v);
-    int result = 0;
-    {
-        const failing_allocation fault(0);
-        result = clear_cluster(30);
-    }
-    EXPECT_EQ(heard(result), failed(-ENOMEM, "clear_cluster[N]: Failed to allocate memory!\n\n"));
-    EXPECT_TRUE(transfers().empty());
-}
-
-TEST_P(ClearCluster, NothingStaysAllocated) {
-    const allocation_meter meter;
-    EXPECT_EQ(clear_cluster(30), 0);
-    v.disk.writes_before_failure = 0;
-    EXPECT_EQ(clear_cluster(30), -EIO);
-    EXPECT_EQ(meter.live_blocks(), 0);
 }
 
 TEST_P(ClearCluster, NumberIsNotHeldAgainstTheVolume) {

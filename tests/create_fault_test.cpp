@@ -1,6 +1,6 @@
 // Creations of which the k-th transfer or allocation fails, for every k until none is left.
 
-#include "tests/support/faulty_call.h"
+#include "tests/support/every_fault.h"
 #include "tests/support/namespace_fixture.h"
 
 #include <memory>
@@ -35,33 +35,28 @@ protected:
     template <typename Call>
     void create(const std::string &name, u32 clusters, const Call &call) {
         int failures = 0;
-        for (int k = 0;; k++) {
-            SCOPED_TRACE("failure " + std::to_string(k));
-            ASSERT_LT(k, 200);
+        at_every_fault({kind}, [&](fault_step &step) {
             make_volume();
-            const faulty_outcome o = call_with_fault(&v->disk, c, k, call);
+            const int result = step.run_keeping(call);
             ASSERT_EQ(v->disk.peek(dir->offset_of(0), others.size()), others);
             ASSERT_LE(free_before - v->count_free(), clusters);
-            if (o.result >= 0) {
+            if (result >= 0) {
                 // A fault of which nobody takes notice leaves nothing behind.
                 ASSERT_GE(fat_open(name.c_str()), 2);
                 ASSERT_EQ(v->count_free(), free_before - clusters);
-                if (!o.struck) {
-                    break;
-                }
-                continue;
+                return;
             }
             failures++;
-            ASSERT_TRUE(o.struck);
-            ASSERT_EQ(o.left_allocated, 0);
+            ASSERT_TRUE(step.struck());
+            ASSERT_EQ(step.left_allocated(), 0);
             ASSERT_EQ(mounted::open_ids(), 2);
-            ASSERT_TRUE(o.result == -EIO || o.result == -ENOMEM || o.result == -ENOSPC ||
-                        o.result == -EINVAL)
-                << o.result;
-            if (!c.forever) {
+            ASSERT_TRUE(result == -EIO || result == -ENOMEM || result == -ENOSPC ||
+                        result == -EINVAL)
+                << result;
+            if (!kind.forever) {
                 ASSERT_NO_FATAL_FAILURE(expect_next(call));
             }
-        }
+        });
         EXPECT_GE(failures, 1);
     }
     // The directory is one that can be gone on with: the name is there, or can be created now.
@@ -71,7 +66,7 @@ protected:
         ASSERT_TRUE(result >= 0 || result == -EEXIST) << result << said.text();
     }
 
-    const faulty_case c = std::get<0>(GetParam());
+    const fault_kind kind = std::get<0>(GetParam()).kind;
     std::unique_ptr<mounted> v;
     std::unique_ptr<directory> dir;
     diagnostics said;

@@ -324,14 +324,6 @@ TEST_F(CreateFile, DotsAloneAreNamesThatDoNotExistInTheRoot) {
     EXPECT_EQ(inside.at(2), entry_image{});
 }
 
-TEST_F(CreateFile, NullPathIsRefused) {
-    const std::string no_path = "fat_get_name[N]: Check here!\n\n";
-    EXPECT_EQ(create(nullptr), came_to(-EINVAL, no_path + "fat_create_file[N]: Check here!\n\n"));
-    EXPECT_EQ(make_dir(nullptr), came_to(-EINVAL, no_path + "fat_mkdir[N]: Check here!\n\n"));
-    EXPECT_EQ(symlink("target", nullptr),
-              came_to(-EINVAL, no_path + "fat_create_symlink[N]: Check here!\n\n"));
-}
-
 TEST_F(CreateFile, PathMayHave260Characters) {
     const std::string too_long = "fat_get_name[N]: Check here!\n\n";
     EXPECT_EQ(create("/" + std::string(260, 'a')),
@@ -348,18 +340,6 @@ TEST_F(CreateFile, PathMayHave260Characters) {
     EXPECT_EQ(create(std::string(260, 'x')), came_to(3));
     EXPECT_EQ(v.top.at(FIRST + 2), long_slots(std::u16string(255, 'x'), "XXXXXX~1   ")[0]);
     EXPECT_EQ(v.top.at(FIRST + 2 + 20), new_entry("XXXXXX~1   ", 0, 0x08));
-}
-
-TEST_F(CreateFile, NothingIsCreatedWithoutAVolumeOrARoot) {
-    v.disk.log.clear();
-    oentry *root = std::exchange(sv->root_dir, nullptr);
-    EXPECT_EQ(create("a"), came_to(-EFAULT, "fat_path_lookup[N]: current directory isn't setup\n" +
-                                                NOT_CREATED));
-    sv->root_dir = root;
-    fat_close_volume(0);
-    EXPECT_EQ(create("a"), came_to(-EINVAL, "fat_create_file[N]: Check here!\n\n"));
-    EXPECT_EQ(make_dir("a"), came_to(-EINVAL, "fat_mkdir[N]: Check here!\n\n"));
-    EXPECT_EQ(symlink("b", "a"), came_to(-EINVAL, "fat_create_symlink[N]: Check here!\n\n"));
 }
 
 // ---- directories ------------------------------------------------------------------------------
@@ -464,12 +444,6 @@ TEST_F(MakeSymlink, TargetOf260CharactersIsAcceptedAndOf261Refused) {
     EXPECT_EQ(symlink(target + "t", "other"),
               came_to(-ENAMETOOLONG, "fat_create_symlink[N]: Check here!\n\n"));
     EXPECT_TRUE(v.disk.log.empty());
-}
-
-TEST_F(MakeSymlink, NullTargetIsRefusedFirst) {
-    EXPECT_EQ(symlink(nullptr, nullptr),
-              came_to(-EINVAL, "fat_create_symlink[N]: Check here!\n\n"));
-    EXPECT_EQ(symlink(nullptr, "link"), came_to(-EINVAL, "fat_create_symlink[N]: Check here!\n\n"));
 }
 
 // Nothing can be written for it, but the link stays.
@@ -652,14 +626,6 @@ TEST_F(DoCreate, ResultIsTheIndexOfTheShortEntry) {
     EXPECT_EQ(do_create(sv->root_dir, long_name, DENTRY_FILE), -EEXIST);
     EXPECT_EQ(said.text(), found(0, 4));
     EXPECT_EQ(mounted::open_ids(), 1);
-}
-
-TEST_F(DoCreate, NullArgumentsAreRefused) {
-    char name[] = "a";
-    EXPECT_EQ(do_create(nullptr, name, DENTRY_FILE), -EINVAL);
-    EXPECT_EQ(do_create(sv->root_dir, nullptr, DENTRY_FILE), -EINVAL);
-    EXPECT_EQ(do_create(nullptr, nullptr, DENTRY_DIR), -EINVAL);
-    EXPECT_EQ(said.text(), NO_DIRECTORY + NO_DIRECTORY + NO_DIRECTORY);
 }
 
 TEST_F(DoCreate, DirectoryWhoseEntryIsNoneIsRefused) {

@@ -85,14 +85,6 @@ TEST(PrintFormatParam, ShowsMissingPathsAsNull) {
                           "=============================\n");
 }
 
-TEST(PrintFormatParam, SaysSoWithoutARequest) {
-    diagnostics said;
-    standard_output out;
-    print_format_param(nullptr);
-    EXPECT_EQ(out.stop(), "");
-    EXPECT_EQ(said.text(), "print_format_param[N]: Check here!\n\n");
-}
-
 // ---- the volume summary -----------------------------------------------------------------------
 
 TEST(PrintVolumeSummary, PrintsElevenLines) {
@@ -125,11 +117,4 @@ TEST(PrintVolumeSummary, PrintsElevenLines) {
                        "- DATA start:\t\t5th sector\n"
                        "- PBR start:\t\t6th sector\n");
     EXPECT_EQ(said.text(), "");
-}
-
-TEST(PrintVolumeSummary, SaysSoWithoutAVolume) {
-    ASSERT_EQ(sv, nullptr);
-    diagnostics said;
-    EXPECT_EQ(printed_by(print_volume_summary), "");
-    EXPECT_EQ(said.text(), "print_volume_summary[N]: Check here!\n\n");
 }

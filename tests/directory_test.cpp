@@ -188,22 +188,6 @@ TEST_P(GetPhySector, FailingReadOfTheFatIsAnInvalidValueToo) {
     }
 }
 
-TEST_P(GetPhySector, NoMemoryForAFatSectorIsAnInvalidValueToo) {
-    v.chain({5, 9, 7});
-    const failing_allocation fault(0);
-    EXPECT_EQ(phy_sector(5, spc), bad_link("fat_read_entry[N]: cannot allocate FAT\n\n", -ENOMEM));
-}
-
-TEST_P(GetPhySector, LeavesNoMemoryBehind) {
-    v.chain({5, 9, 7});
-    u32 sector = 0;
-    const allocation_meter meter;
-    EXPECT_EQ(get_phy_sector(5, 2 * spc, &sector), 0);
-    EXPECT_EQ(get_phy_sector(5, 3 * spc, &sector), -EFAULT);
-    EXPECT_EQ(get_phy_sector(5, 4 * spc, &sector), -EINVAL);
-    EXPECT_EQ(meter.live_blocks(), 0);
-}
-
 TEST_P(GetPhySector, ChainIsFollowedAnewByEveryCall) {
     v.chain({5, 9, 7});
     EXPECT_EQ(phy_sector(5, spc), found(volume::first_sector_of(9)));
@@ -215,14 +199,6 @@ TEST_P(GetPhySector, StateOfTheFirstClusterDoesNotMatterInsideIt) {
     for (const u32 value : {0U, 1U, volume::bad_mark(), volume::end_mark()}) {
         v.set_link(5, value);
         EXPECT_EQ(phy_sector(5, spc - 1), found(volume::first_sector_of(5) + spc - 1));
-    }
-}
-
-TEST_P(GetPhySector, WithoutAPlaceForTheSectorItIsRefused) {
-    for (const u32 base : {0U, 1U, 5U, 0xFFFFFFFFU}) {
-        EXPECT_EQ(get_phy_sector(base, 0, nullptr), -EINVAL);
-        EXPECT_EQ(said.text(), "get_phy_sector[N]: NULL pointer or invalid xxx!\n\n");
-        said.clear();
     }
 }
 
@@ -328,9 +304,6 @@ TEST_P(GetEntrySector, RefusalsAreThoseOfTheSector) {
     const place refusal = failed(-EINVAL, "get_phy_sector[N]: NULL pointer or invalid xxx!\n\n");
     EXPECT_EQ(entry_sector(0xFFFFFFFF, 0), refusal);
     EXPECT_EQ(phy_sector_by_offset(0xFFFFFFFF, 0), refusal);
-    EXPECT_EQ(get_entry_sector(5, 0, nullptr), -EINVAL);
-    EXPECT_EQ(get_phy_sector_by_offset(5, 0, nullptr), -EINVAL);
-    EXPECT_EQ(said.text(), refusal.said + refusal.said);
 }
 
 TEST_P(Fat16Root, HugeIndexesDoNotComeRoundToItsBeginning) {
@@ -408,18 +381,7 @@ TEST_P(GetDentryWithClu, PlaceNeedNotBeAskedFor) {
     EXPECT_EQ(entry, buffer.data() + 32);
 }
 
-TEST_P(GetDentryWithClu, BuffersMustBeThere) {
-    EXPECT_EQ(get_dentry_with_clu(5, 1, &entry, nullptr, &location), -EINVAL);
-    EXPECT_EQ(heard(), "get_dentry_with_clu[N]: sector_buf is NULL\n");
-    EXPECT_EQ(get_dentry_with_clu(5, 1, nullptr, buffer.data(), &location), -EINVAL);
-    EXPECT_EQ(heard(), "get_dentry_with_clu[N]: entry is NULL\n");
-    EXPECT_EQ(get_dentry_with_clu(5, 1, nullptr, nullptr, nullptr), -EINVAL);
-    EXPECT_EQ(heard(), "get_dentry_with_clu[N]: sector_buf is NULL\n");
-    EXPECT_TRUE(transfers().empty());
-    expect_untouched();
-}
-
-// Of damaged chains damaged_directory_test has the cases.
+// damaged_directory_test has the cases of damaged chains.
 TEST_P(GetDentryWithClu, SectorThatIsNotFoundIsToldWithClusterAndIndex) {
     EXPECT_EQ(get(5, 0xFFFFFFFF), -EINVAL);
     EXPECT_EQ(heard(), INVALID_ARG +
@@ -531,16 +493,6 @@ TEST_P(FatGetDentry, AllocatedSizeBoundsNotTheChain) {
     EXPECT_EQ(get(dir, capacity), -EFAULT);
     EXPECT_EQ(said.text(), "get_dentry_with_clu[N]: Failed to get entry sector!:(5, " +
                                std::to_string(capacity) + ")\n\n");
-}
-
-TEST_P(FatGetDentry, ArgumentsAreCheckedBehindTheRange) {
-    directory dir = v.sub_directory({5});
-    EXPECT_EQ(fat_get_dentry(&dir.record, 0, &entry, nullptr, nullptr), -EINVAL);
-    EXPECT_EQ(fat_get_dentry(&dir.record, 0, nullptr, buffer.data(), nullptr), -EINVAL);
-    EXPECT_EQ(fat_get_dentry(&dir.record, dir.capacity(), nullptr, nullptr, nullptr), -EFAULT);
-    EXPECT_EQ(said.text(), "get_dentry_with_clu[N]: sector_buf is NULL\n"
-                           "get_dentry_with_clu[N]: entry is NULL\n"
-                           "fat_get_dentry[N]: access the out of range in directory space\n");
 }
 
 TEST(FatGetDentryOfAnOddRoot, LargeAreaIsSeenUpToTheAllocatedSize) {

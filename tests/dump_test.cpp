@@ -1,5 +1,6 @@
 // Dumps: raw sectors of a mounted volume in files of the host.
 
+#include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
 #include "tests/support/files.h"
 #include "tests/support/mounted.h"
@@ -455,12 +456,13 @@ TEST_P(FatDump, EndsAtAClusterBehindTheEndOfTheVolume) {
 TEST_P(FatDump, EndsWhereTheImageCannotBeWritten) {
     const bytes content = make_file(3 * cluster_bytes());
     const std::string failed = found() + "fat_dump[N]: cannot write image\n";
-    for (int whole = 0; whole < 3; whole++) {
-        const failing_call fault(call::write, ENOSPC, whole);
-        EXPECT_EQ(dump("NAME"), answer(-EIO, failed));
+    at_every_fault({every_call(call::write, ENOSPC)}, [&](fault_step &step) {
+        const answer a = step.run([&] { return dump("NAME"); });
+        EXPECT_EQ(a, step.struck() ? answer(-EIO, failed) : copied());
+        EXPECT_EQ(step.struck(), step.k < 3);
         EXPECT_EQ(read_file(image),
-                  part_of(content, 0, static_cast<std::size_t>(whole) * cluster_bytes()));
-    }
+                  part_of(content, 0, static_cast<std::size_t>(step.k) * cluster_bytes()));
+    });
     const pretended_device full(
         {.short_transfer_bytes = static_cast<std::int64_t>(cluster_bytes()) - 1});
     EXPECT_EQ(dump("NAME"), answer(-EIO, failed));
@@ -477,19 +479,18 @@ TEST_P(FatDump, EndsWhereTheLastPartCannotBeWritten) {
 TEST_P(FatDump, TellsWhereMemoryEnds) {
     make_file(1);
     std::vector<answer> failures; // those behind the opening
-    for (int k = 0; k < 100; k++) {
-        const failing_allocation fault(k);
-        const answer a = dump("NAME");
-        if (!fault.struck()) {
+    at_every_fault({EVERY_ALLOCATION}, [&](fault_step &step) {
+        const answer a = step.run([&] { return dump("NAME"); });
+        if (!step.struck()) {
             EXPECT_EQ(a, copied());
-            break;
+            return;
         }
         EXPECT_LT(a.result, 0);
         if (a.said.find("fat_dump[N]: \n") == std::string::npos &&
             (failures.empty() || failures.back() != a)) {
             failures.push_back(a);
         }
-    }
+    });
     const std::vector<answer> expected = {
         {-ENOMEM, found() + "fat_dump[N]: Failed to allocate memory!\n\n"},
         {-ENOMEM, found() + "fat_get_chains[N]: Memory allocation error!\n\n"
@@ -504,17 +505,15 @@ TEST_P(FatDump, TellsWhereMemoryEnds) {
 TEST_P(FatDump, TellsAChainThatCannotBeRead) {
     make_file(1);
     std::set<std::string> told;
-    for (int k = 0; k < 100; k++) {
-        v.disk.reads_before_failure = k;
-        const answer a = dump("NAME");
-        const bool struck = std::exchange(v.disk.reads_before_failure, -1) < 0;
-        if (!struck) {
+    at_every_fault({EVERY_READ}, [&](fault_step &step) {
+        const answer a = step.run([&] { return dump("NAME"); });
+        if (!step.struck()) {
             EXPECT_EQ(a, copied());
-            break;
+            return;
         }
         EXPECT_TRUE(a.result == -EIO || a.result == -EINVAL) << a;
         told.insert(a.said);
-    }
+    });
     EXPECT_TRUE(told.contains(found() + "fat_read_entry[N]: cannot read FAT\n\n"
                                         "fat_get_chains[N]: Failed to read cluster!\n\n"
                                         "fat_dump[N]: Failed to get chains!\n\n"));
@@ -672,44 +671,6 @@ TEST(DumpImages, AreOpenedForReadingToo) {
     EXPECT_EQ(fat_dump_fat0(image.c_str()), -EACCES);
     EXPECT_EQ(fat_dump_clus(2, image.c_str()), -EACCES);
     EXPECT_EQ(fat_dump("/", image.c_str()), -EACCES);
-}
-
-TEST(DumpImages, NeedAPath) {
-    mounted v;
-    v.top.append(short_entry("NAME       "));
-    EXPECT_EQ(to_output([] { return fat_dump_fat0(nullptr); }).result, -EINVAL);
-    EXPECT_EQ(to_output([] { return fat_dump_clus(2, nullptr); }).result, -EINVAL);
-    EXPECT_EQ(to_output([] { return fat_dump("NAME", nullptr); }).result, -EINVAL);
-    const scratch_directory scratch;
-    EXPECT_EQ(to_output([&] { return fat_dump(nullptr, scratch.file("image").c_str()); }).result,
-              -EINVAL);
-    EXPECT_EQ(ids_in_use(), (std::vector<int>{0}));
-}
-
-namespace {
-
-void expect_refusals() {
-    const scratch_directory scratch;
-    const std::string image = scratch.file("image");
-    const auto refused = [](const std::string &function) {
-        return printout{-EINVAL, "", function + "[N]: Check here!\n\n"};
-    };
-    EXPECT_EQ(to_output([&] { return fat_dump_fat0(image.c_str()); }), refused("fat_dump_fat0"));
-    EXPECT_EQ(to_output([&] { return fat_dump_clus(2, image.c_str()); }), refused("fat_dump_clus"));
-    EXPECT_EQ(to_output([&] { return fat_dump("/", image.c_str()); }), refused("fat_dump"));
-}
-
-} // namespace
-
-TEST(Dumps, AreRefusedWithoutAVolume) {
-    ASSERT_EQ(sv, nullptr);
-    expect_refusals();
-}
-
-TEST(Dumps, AreRefusedWhileTheVolumeIsNotMounted) {
-    const ram_disk disk(1 << 20);
-    expect_refusals();
-    EXPECT_TRUE(disk.log.empty());
 }
 
 TEST(Dumps, SayWhatFailsOnStandardErrorAlone) {

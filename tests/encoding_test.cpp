@@ -1,5 +1,6 @@
 // Long names between UTF-16 units and the encodings of callers, and choosing an encoding.
 
+#include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
 #include "tests/support/names.h"
 #include "tests/support/process.h"
@@ -297,19 +298,6 @@ TEST_F(WithoutEncoding, UnitsWithoutATerminatorFillTheTextWithoutOneToo) {
 
 // ---- choosing an encoding ---------------------------------------------------------------------
 
-TEST_F(FatSetEncoding, WithoutAVolumeOrANameNothingIsDone) {
-    EXPECT_EQ(fat_set_encoding(nullptr), 0);
-    EXPECT_EQ(sv->cd_to_uni, nullptr);
-    EXPECT_EQ(sv->cd_from_uni, nullptr);
-    fat_super *volume = sv;
-    sv = nullptr;
-    EXPECT_EQ(fat_set_encoding("UTF-8"), 0);
-    EXPECT_EQ(fat_set_encoding("no such encoding"), 0);
-    EXPECT_EQ(fat_set_encoding(nullptr), 0);
-    sv = volume;
-    EXPECT_EQ(said.text(), "");
-}
-
 TEST_F(FatSetEncoding, AnUnknownEncodingIsTold) {
     EXPECT_EQ(fat_set_encoding("no such encoding"), -EINVAL);
     EXPECT_EQ(said.text(), "fat_set_encoding[N]: opening iconv() error!\n\n");
@@ -388,12 +376,6 @@ TEST_F(FatSetEncoding, ClosingTheVolumeClosesBothConvertersOnce) {
     EXPECT_EQ(fat_close_volume(0), 0);
     EXPECT_EQ(closed.list(), both);
     EXPECT_EQ(sv, nullptr);
-}
-
-TEST_F(FatSetEncoding, ConvertsNoStringToNothing) {
-    u16 units[LONG_NAME_UNITS] = {};
-    EXPECT_EQ(convert_cstring_to_uname(nullptr, units), -EINVAL);
-    EXPECT_EQ(units[0], 0);
 }
 
 // Runs this very case where the directories of conversion modules are hidden.
@@ -621,15 +603,17 @@ TEST_F(Utf8, ALongNameThatCannotBeMadeIsARefusedName) {
 }
 
 TEST_F(Utf8, NoAllocationFailsUnseen) {
-    for (int successes = 0; successes < 2; successes++) {
+    at_every_fault({EVERY_ALLOCATION}, [&](fault_step &step) {
         caller_string string("\xC3\xA9+");
         fat_name name = {};
-        const allocation_meter meter;
-        const failing_allocation fault(successes);
-        EXPECT_EQ(get_fatnames(string.get(), &name), -ENOMEM);
-        EXPECT_TRUE(fault.struck());
-        EXPECT_EQ(meter.live_blocks(), 0);
-    }
+        const int result = step.run_keeping([&] { return get_fatnames(string.get(), &name); });
+        EXPECT_EQ(step.struck(), step.k < 2);
+        EXPECT_EQ(result, step.struck() ? -ENOMEM : 0);
+        EXPECT_EQ(step.left_allocated(), step.struck() ? 0 : 2);
+        if (!step.struck()) {
+            release_name(&name);
+        }
+    });
 }
 
 // ---- ISO-8859-1 -------------------------------------------------------------------------------

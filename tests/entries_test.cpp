@@ -1,6 +1,7 @@
 // Listings for programs: the entries of an open directory one after another, and what an open entry
 // is.
 
+#include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
 #include "tests/support/mounted.h"
 #include "tests/support/open_entries.h"
@@ -602,19 +603,6 @@ TEST_P(NextEntry, AgreesWithAPlainListing) {
 
 // ---- failures
 
-TEST_P(NextEntry, RefusesNullPointersAndWhatIsNotOpen) {
-    c.v.top.append(short_entry("FILE    TXT"));
-    fat_entry_info info;
-    u32 index = 0;
-    EXPECT_EQ(fat_next_entry(0, nullptr, &info), -EINVAL);
-    EXPECT_EQ(fat_next_entry(0, &index, nullptr), -EINVAL);
-    EXPECT_EQ(index, 0U);
-    for (const int did : {1, 511, 512, 100000, -1, INT32_MIN}) {
-        EXPECT_EQ(c.failed(did), -EBADF) << did;
-    }
-    EXPECT_EQ(c.said.text(), "");
-}
-
 TEST_P(NextEntry, RefusesWhatIsNoDirectory) {
     EXPECT_EQ(c.failed(c.v.open_new("FILE    TXT", {10}, 5)), -ENOTDIR);
     EXPECT_EQ(c.failed(c.v.open_new("EMPTY      ", {}, 0)), -ENOTDIR);
@@ -627,42 +615,27 @@ TEST_P(NextEntry, FailsOrSucceedsWithEveryFailingReadAndAllocation) {
         dir.append(deleted(short_entry("GONE    TXT")));
     }
     dir.append_long(u"over the end of a cluster", DOS);
-    for (const bool is_memory : {false, true}) {
-        bool struck = true;
-        int failures = 0;
-        for (int k = 0; struck && k < 200; k++) {
-            fat_entry_info info;
-            u32 index = 0;
-            const allocation_meter meter;
-            int result = 0;
-            {
-                std::optional<failing_allocation> fault;
-                if (is_memory) {
-                    fault.emplace(k);
-                } else {
-                    c.v.disk.reads_before_failure = k;
-                }
-                result = fat_next_entry(did, &index, &info);
-                struck = is_memory ? fault->struck() : c.v.disk.reads_before_failure < 0;
-            }
-            c.v.disk.reads_before_failure = -1;
-            EXPECT_EQ(meter.live_blocks(), 0);
-            failures += result < 0 ? 1 : 0;
-            if (result < 0) {
-                EXPECT_TRUE(struck);
-                // A failed read of the FAT makes a broken directory of it.
-                EXPECT_TRUE(result == (is_memory ? -ENOMEM : -EIO) || result == -EINVAL)
-                    << result << " with fault " << k;
-                EXPECT_EQ(index, 0U);
-            } else {
-                // Sectors that cannot be read together are read one by one.
-                EXPECT_EQ(result, 1);
-                EXPECT_STREQ(info.name, "over the end of a cluster");
-            }
+    int failures = 0;
+    at_every_fault({EVERY_READ, EVERY_ALLOCATION}, [&](fault_step &step) {
+        fat_entry_info info;
+        u32 index = 0;
+        failures = step.k == 0 ? 0 : failures;
+        const int result = step.run([&] { return fat_next_entry(did, &index, &info); });
+        if (result < 0) {
+            failures++;
+            EXPECT_TRUE(step.struck());
+            // A failed read of the FAT makes a broken directory of it.
+            EXPECT_TRUE(result == (step.is(fault::read) ? -EIO : -ENOMEM) || result == -EINVAL)
+                << result;
+            EXPECT_EQ(index, 0U);
+            return;
         }
-        EXPECT_FALSE(struck);
-        EXPECT_GE(failures, 2); // the first sector and the link behind it, or their buffers
-    }
+        // Sectors that cannot be read together are read one by one.
+        EXPECT_EQ(result, 1);
+        EXPECT_STREQ(info.name, "over the end of a cluster");
+        // The first sector and the link behind it, or their buffers, are missed.
+        EXPECT_TRUE(step.struck() || failures >= 2);
+    });
     EXPECT_EQ(c.said.text(), "");
 }
 
@@ -676,41 +649,6 @@ TEST(NextEntryTest, EndsAfterTheRootDirectoryOfAnySize) {
         root.fill_up(short_entry("FILE    TXT"));
         EXPECT_EQ(c.names(0).size(), count);
     }
-}
-
-TEST(NextEntryTest, SaysThatNoVolumeIsOpen) {
-    ASSERT_EQ(sv, nullptr);
-    diagnostics said;
-    fat_entry_info info;
-    u32 index = 0;
-    EXPECT_EQ(fat_next_entry(0, &index, &info), -EINVAL);
-    EXPECT_EQ(said.text(), "fat_next_entry[N]: Check here!\n\n");
-    said.clear();
-    EXPECT_EQ(fat_info_of(0, &info), -EINVAL);
-    EXPECT_EQ(said.text(), "fat_info_of[N]: Check here!\n\n");
-}
-
-TEST(NextEntryTest, FindsNullPointersBeforeAMissingVolume) {
-    ASSERT_EQ(sv, nullptr);
-    diagnostics said;
-    fat_entry_info info;
-    u32 index = 0;
-    EXPECT_EQ(fat_next_entry(0, nullptr, &info), -EINVAL);
-    EXPECT_EQ(fat_next_entry(0, &index, nullptr), -EINVAL);
-    EXPECT_EQ(fat_info_of(0, nullptr), -EINVAL);
-    EXPECT_EQ(said.text(), "");
-}
-
-TEST(NextEntryTest, SaysThatTheVolumeIsNotMounted) {
-    const ram_disk disk(1 << 20);
-    diagnostics said;
-    fat_entry_info info;
-    u32 index = 0;
-    EXPECT_EQ(fat_next_entry(0, &index, &info), -EINVAL);
-    EXPECT_EQ(said.text(), "fat_next_entry[N]: Check here!\n\n");
-    said.clear();
-    EXPECT_EQ(fat_info_of(0, &info), -EINVAL);
-    EXPECT_EQ(said.text(), "fat_info_of[N]: Check here!\n\n");
 }
 
 // ---- fat_info_of ------------------------------------------------------------------------------
@@ -838,14 +776,6 @@ TEST_P(InfoOf, TellsOfARemovedEntry) {
     EXPECT_EQ(c.info_error(other), -ENOENT);
 }
 
-TEST_P(InfoOf, RefusesNullPointersAndWhatIsNotOpen) {
-    EXPECT_EQ(fat_info_of(0, nullptr), -EINVAL);
-    EXPECT_EQ(c.said.text(), "");
-    for (const int id : {1, 511, 512, 100000, -1, INT32_MIN}) {
-        EXPECT_EQ(c.info_error(id), -EBADF) << id;
-    }
-}
-
 TEST_P(InfoOf, FailsWithAParentThatCannotBeReadOrIsBroken) {
     const int in_root = c.v.open_new("FILE    TXT", {10}, 5);
     c.v.disk.unreadable = {c.v.top.offset_of(1) / sv->sector_size};
@@ -870,28 +800,11 @@ TEST_P(InfoOf, FailsWithAParentThatCannotBeReadOrIsBroken) {
 TEST_P(InfoOf, KeepsNothingWithEveryFailingReadAndAllocation) {
     c.v.top.append_long(u"A long name.txt", DOS);
     const int id = c.v.open(3);
-    for (const bool is_memory : {false, true}) {
-        bool struck = true;
-        for (int k = 0; struck && k < 200; k++) {
-            fat_entry_info info;
-            const allocation_meter meter;
-            int result = 0;
-            {
-                std::optional<failing_allocation> fault;
-                if (is_memory) {
-                    fault.emplace(k);
-                } else {
-                    c.v.disk.reads_before_failure = k;
-                }
-                result = fat_info_of(id, &info);
-                struck = is_memory ? fault->struck() : c.v.disk.reads_before_failure < 0;
-            }
-            c.v.disk.reads_before_failure = -1;
-            EXPECT_EQ(meter.live_blocks(), 0);
-            EXPECT_EQ(result, !struck ? 0 : is_memory ? -ENOMEM : -EIO) << k;
-        }
-        EXPECT_FALSE(struck);
-    }
+    at_every_fault({EVERY_READ, EVERY_ALLOCATION}, [&](fault_step &step) {
+        fat_entry_info info;
+        const int result = step.run([&] { return fat_info_of(id, &info); });
+        EXPECT_EQ(result, !step.struck() ? 0 : step.is(fault::read) ? -EIO : -ENOMEM);
+    });
     EXPECT_EQ(c.said.text(), "");
 }
 

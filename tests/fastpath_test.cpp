@@ -1,6 +1,7 @@
 // Fast-open paths: the letters, the paths of open files, the fast walk over a directory.
 
 #include "tests/support/capture.h"
+#include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
 #include "tests/support/mounted.h"
 #include "tests/support/open_entries.h"
@@ -168,43 +169,6 @@ TEST_F(FastPathOfFile, TakesTheCopyAsItIsNow) {
     EXPECT_EQ(path_of_id(id).path, path_of(16002, 0x00060007 ^ 0x10));
 }
 
-TEST_F(FastPathOfFile, RefusesNullBuffers) {
-    const int id = forge(1000, 64, 5, 0x10);
-    char name[256] = "#";
-    char path[20] = "#";
-    const answer refused{-EINVAL, "zuq_get_fast_open_path_of_file[N]: NULL path!\n\n"};
-    EXPECT_EQ(c.ask([&] { return zuq_get_fast_open_path_of_file(id, nullptr, path); }), refused);
-    EXPECT_EQ(c.ask([&] { return zuq_get_fast_open_path_of_file(id, name, nullptr); }), refused);
-    EXPECT_STREQ(path, "#");
-}
-
-TEST_F(FastPathOfFile, RefusesIdsThatAreNotOpen) {
-    for (const int id : {1, 511, 512, 513, 100000, -1, INT32_MIN}) {
-        EXPECT_EQ(
-            path_of_id(id),
-            (path_made{-EINVAL, "zuq_get_fast_open_path_of_file[N]: Failed to get file entry!\n\n",
-                       NO_PATH, UNTOUCHED_NAME}))
-            << id;
-    }
-}
-
-TEST_F(FastPathOfFile, RefusesTheRootDirectory) {
-    EXPECT_EQ(path_of_id(0).result, -EINVAL);
-    EXPECT_EQ(path_of_id(0).path, NO_PATH);
-}
-
-TEST(FastPathOfFileTest, RefusesWithNoVolumeAfterItsNullTests) {
-    ASSERT_EQ(sv, nullptr);
-    diagnostics said;
-    char name[256] = "";
-    char path[20] = "";
-    EXPECT_EQ(zuq_get_fast_open_path_of_file(0, name, path), -EINVAL);
-    EXPECT_EQ(said.text(), "zuq_get_fast_open_path_of_file[N]: Check here!\n\n");
-    said.clear();
-    EXPECT_EQ(zuq_get_fast_open_path_of_file(0, nullptr, path), -EINVAL);
-    EXPECT_EQ(said.text(), "zuq_get_fast_open_path_of_file[N]: NULL path!\n\n");
-}
-
 // ---- get_next_cluster -------------------------------------------------------------------------
 
 class GetNextCluster : public testing::TestWithParam<u32> {
@@ -282,16 +246,6 @@ TEST_P(GetNextCluster, TellsOfReadErrors) {
     c.v.chain({10, 30});
     c.v.disk.unreadable = {volume::fat_sector_of(10)};
     EXPECT_EQ(next(10, 1).first, (answer{-1, "fat_read_entry[N]: cannot read FAT\n\n" + NO_NEXT}));
-}
-
-TEST_P(GetNextCluster, TellsOfMissingMemory) {
-    c.v.chain({10, 30});
-    u32 out = 0;
-    const answer a = c.ask([&] {
-        const failing_allocation fault(0);
-        return get_next_cluster(10, 1, &out);
-    });
-    EXPECT_EQ(a, (answer{-1, "fat_read_entry[N]: cannot allocate FAT\n\n" + NO_NEXT}));
 }
 
 // ---- get_long_name_fast -----------------------------------------------------------------------
@@ -865,45 +819,26 @@ TEST_P(ReaddirFast, TellsOfSlotsThatCannotBeRead) {
 // Every read and every allocation failing: an error, or the file; nothing kept, the walk not moved
 // past a file that it did not give.
 TEST_P(ReaddirFast, SurvivesEveryFailingReadAndAllocation) {
-    for (const bool is_memory : {false, true}) {
-        bool struck = true;
-        for (int k = 0; struck && k < 200; k++) {
-            directory dir = c.v.sub_directory({20, 22, 23});
-            for (u32 i = 0; i + 1 < volume::entries_per_cluster(); i++) {
-                dir.append(deleted(short_entry("GONE    TXT")));
-            }
-            dir.append_long(u"over the end of a cluster", DOS);
-            dir.append(entry_image{});
-            const allocation_meter meter;
-            fast_step got;
-            if (is_memory) {
-                u8 entry[32];
-                char text[256];
-                fat_name name = {};
-                name.cstring = text;
-                dentry_location location = {};
-                const failing_allocation fault(k);
-                got.result = do_readdir_fast(&dir.record, entry, &name, &location);
-                struck = fault.struck();
-            } else {
-                c.v.disk.reads_before_failure = k;
-                u8 entry[32];
-                char text[256];
-                fat_name name = {};
-                name.cstring = text;
-                dentry_location location = {};
-                got.result = do_readdir_fast(&dir.record, entry, &name, &location);
-                struck = c.v.disk.reads_before_failure < 0;
-                c.v.disk.reads_before_failure = -1;
-            }
-            EXPECT_EQ(meter.live_blocks(), 0);
-            EXPECT_EQ(got.result == 1, !struck) << k;
-            if (struck) {
-                EXPECT_LT(got.result, 0);
-            }
+    at_every_fault({EVERY_READ, EVERY_ALLOCATION}, [&](fault_step &step) {
+        directory dir = c.v.sub_directory({20, 22, 23});
+        for (u32 i = 0; i + 1 < volume::entries_per_cluster(); i++) {
+            dir.append(deleted(short_entry("GONE    TXT")));
         }
-        EXPECT_FALSE(struck);
-    }
+        dir.append_long(u"over the end of a cluster", DOS);
+        dir.append(entry_image{});
+        u8 entry[32];
+        char text[256];
+        fat_name name = {};
+        name.cstring = text;
+        dentry_location location = {};
+        const int result =
+            step.run([&] { return do_readdir_fast(&dir.record, entry, &name, &location); });
+        if (step.struck()) {
+            EXPECT_LT(result, 0);
+        } else {
+            EXPECT_EQ(result, 1);
+        }
+    });
 }
 
 // Random directories, walked until well behind their end.
@@ -1282,38 +1217,6 @@ TEST_P(FastPathOfDir, ReportsWhatTheWalkFailsWith) {
     EXPECT_EQ(failed.said, "do_readdir_fast[N]: cannot read sectors\n" + NO_MORE);
     EXPECT_EQ(failed.name, ZEROED_NAME);
     EXPECT_EQ(failed.path, NO_PATH);
-}
-
-TEST_P(FastPathOfDir, RefusesNullBuffers) {
-    char name[256] = "#";
-    char path[20] = "#";
-    const answer refused{-EINVAL, "zuq_get_fast_open_path_of_dir[N]: NULL arg!\n\n"};
-    EXPECT_EQ(c.ask([&] { return zuq_get_fast_open_path_of_dir(0, nullptr, path); }), refused);
-    EXPECT_EQ(c.ask([&] { return zuq_get_fast_open_path_of_dir(0, name, nullptr); }), refused);
-    EXPECT_STREQ(path, "#");
-    EXPECT_STREQ(name, "#");
-}
-
-TEST_P(FastPathOfDir, RefusesIdsThatAreNotOpen) {
-    for (const int id : {1, 511, 512, 513, 100000, -1, INT32_MIN}) {
-        EXPECT_EQ(
-            next(id),
-            (path_made{-EINVAL, "zuq_get_fast_open_path_of_dir[N]: Failed to get file entry!\n\n",
-                       NO_PATH, ZEROED_NAME}))
-            << id;
-    }
-}
-
-TEST(FastPathOfDirTest, RefusesWithNoVolumeAfterItsNullTests) {
-    ASSERT_EQ(sv, nullptr);
-    diagnostics said;
-    char name[256] = "";
-    char path[20] = "";
-    EXPECT_EQ(zuq_get_fast_open_path_of_dir(0, name, path), -EINVAL);
-    EXPECT_EQ(said.text(), "zuq_get_fast_open_path_of_dir[N]: Check here!\n\n");
-    said.clear();
-    EXPECT_EQ(zuq_get_fast_open_path_of_dir(0, name, nullptr), -EINVAL);
-    EXPECT_EQ(said.text(), "zuq_get_fast_open_path_of_dir[N]: NULL arg!\n\n");
 }
 
 } // namespace

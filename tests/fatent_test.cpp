@@ -165,41 +165,10 @@ TEST_P(ReadEntry, IndexFarBehindTheMediumIsAskedOfItAllTheSame) {
     }
 }
 
-TEST_P(ReadEntry, WithoutASectorSizeItIsRefused) {
-    sv->sector_size = 0;
-    EXPECT_EQ(read_entry(5),
-              (answer{-EINVAL, "fat_read_entry[N]: Invalid input: sector_size(0) n_clu(5)\n"}));
-    EXPECT_EQ(read_entry(0xFFFFFFFF),
-              (answer{-EINVAL, "fat_read_entry[N]: Invalid input: sector_size(0) n_clu(-1)\n"}));
-    EXPECT_TRUE(transfers().empty());
-}
-
-TEST_P(ReadEntry, WithoutAPlaceForTheValueItIsRefused) {
-    const std::string size = std::to_string(sv->sector_size);
-    EXPECT_EQ(heard(fat_read_entry(9, nullptr)),
-              (answer{-EINVAL,
-                      "fat_read_entry[N]: Invalid input: sector_size(" + size + ") n_clu(9)\n"}));
-    EXPECT_TRUE(transfers().empty());
-}
-
 TEST_P(ReadEntry, OtherFatTypesAreRefused) {
     for (const u32 type : {0U, 12U, 15U, 17U, 64U}) {
         sv->fat_type = type;
         EXPECT_EQ(read_entry(5), (answer{-EINVAL, "fat_read_entry[N]: Invalid FAT type\n\n"}));
-    }
-    EXPECT_TRUE(transfers().empty());
-}
-
-TEST_P(ReadEntry, MissingPlaceIsToldBeforeTheFatType) {
-    sv->fat_type = 12;
-    sv->sector_size = 0;
-    EXPECT_EQ(read_entry(5).said, "fat_read_entry[N]: Invalid input: sector_size(0) n_clu(5)\n");
-}
-
-TEST_P(ReadEntry, NoMemoryForTheSector) {
-    {
-        const failing_allocation fault(0);
-        EXPECT_EQ(read_entry(5), (answer{-ENOMEM, "fat_read_entry[N]: cannot allocate FAT\n\n"}));
     }
     EXPECT_TRUE(transfers().empty());
 }
@@ -211,16 +180,6 @@ TEST_P(ReadEntry, TransferOfAnyOtherCountFails) {
         EXPECT_EQ(read_entry(5), (answer{-EIO, "fat_read_entry[N]: cannot read FAT\n\n"}))
             << moved << " sectors";
     }
-}
-
-TEST_P(ReadEntry, LeavesNoMemoryBehind) {
-    const allocation_meter meter;
-    u32 value = 0;
-    EXPECT_EQ(fat_read_entry(5, &value), 0);
-    EXPECT_EQ(meter.live_blocks(), 0);
-    v.disk.reads_before_failure = 0;
-    EXPECT_EQ(fat_read_entry(5, &value), -EIO);
-    EXPECT_EQ(meter.live_blocks(), 0);
 }
 
 TEST_P(ReadEntry, SeesAChangeOfTheMediumAtOnce) {
@@ -279,26 +238,10 @@ TEST_P(WriteEntry, SecondCopyNeverChanges) {
     EXPECT_EQ(v.link(97), 98U);
 }
 
-TEST_P(WriteEntry, WithoutASectorSizeItIsRefused) {
-    sv->sector_size = 0;
-    EXPECT_EQ(write_entry(5, 1),
-              (answer{-EINVAL, "fat_write_entry[N]: Invalid: sector size is not set\n\n"}));
-    EXPECT_TRUE(transfers().empty());
-}
-
 TEST_P(WriteEntry, OtherFatTypesAreRefused) {
     for (const u32 type : {0U, 12U, 17U, 64U}) {
         sv->fat_type = type;
         EXPECT_EQ(write_entry(5, 1), (answer{-EINVAL, "fat_write_entry[N]: Invalid FAT type\n"}));
-    }
-    EXPECT_TRUE(transfers().empty());
-}
-
-TEST_P(WriteEntry, NoMemoryForTheSector) {
-    {
-        const failing_allocation fault(0);
-        EXPECT_EQ(write_entry(5, 1),
-                  (answer{-ENOMEM, "fat_write_entry[N]: cannot allocate buffer\n\n"}));
     }
     EXPECT_TRUE(transfers().empty());
 }
@@ -323,16 +266,6 @@ TEST_P(WriteEntry, FailedWriteIsNotRetried) {
             << moved << " sectors";
         EXPECT_EQ(transfers(), (std::vector{read_of(5), write_of(5)}));
     }
-}
-
-TEST_P(WriteEntry, LeavesNoMemoryBehind) {
-    const allocation_meter meter;
-    EXPECT_EQ(fat_write_entry(5, 1), 0);
-    v.disk.reads_before_failure = 0;
-    EXPECT_EQ(fat_write_entry(5, 1), -EIO);
-    v.disk.writes_before_failure = 0;
-    EXPECT_EQ(fat_write_entry(5, 1), -EIO);
-    EXPECT_EQ(meter.live_blocks(), 0);
 }
 
 TEST_P(WriteEntry, IndexFarBehindTheMediumIsAskedOfItAllTheSame) {
@@ -547,12 +480,6 @@ TEST_P(FreeClus, ReadErrorInASectorFurtherOnEndsTheSearch) {
                             "fat_free_clus[N]: Invalid cluster value!\n\n"}));
 }
 
-TEST_P(FreeClus, NoMemoryForTheSector) {
-    const failing_allocation fault(0);
-    EXPECT_EQ(free_clus(5, 9), (answer{-ENOMEM, "fat_read_entry[N]: cannot allocate FAT\n\n"
-                                                "fat_free_clus[N]: Invalid cluster value!\n\n"}));
-}
-
 TEST_P(FreeClus, VolumeWithoutATypeOrASectorSizeIsRefused) {
     sv->fat_type = 12;
     EXPECT_EQ(free_clus(5, 9), (answer{-EINVAL, "fat_read_entry[N]: Invalid FAT type\n\n"
@@ -584,15 +511,6 @@ TEST_P(FreeClus, NothingIsKeptFromOneSearchToTheNext) {
     v.set_link(5, volume::end_mark());
     EXPECT_EQ(free_clus(5, 9), (answer{6, ""}));
     EXPECT_EQ(transfers(), (std::vector{read_of(5), read_of(5)}));
-}
-
-TEST_P(FreeClus, LeavesNoMemoryBehind) {
-    const allocation_meter meter;
-    EXPECT_EQ(fat_free_clus(5, 9), 5);
-    EXPECT_EQ(fat_free_clus(5, 4), -2);
-    v.disk.reads_before_failure = 0;
-    EXPECT_EQ(fat_free_clus(5, 9), -EIO);
-    EXPECT_EQ(meter.live_blocks(), 0);
 }
 
 // ---- the first sector of a cluster ------------------------------------------------------------

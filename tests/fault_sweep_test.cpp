@@ -7,11 +7,13 @@
 
 #include "fat/internal.h"
 #include "tests/support/capture.h"
-#include "tests/support/faulty_call.h"
+#include "tests/support/every_fault.h"
 #include "tests/support/files.h"
+#include "tests/support/mounted.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <functional>
@@ -25,17 +27,18 @@ using namespace testing_support;
 
 namespace {
 
-constexpr int MOST_POINTS = 3000;
-
 FILE *nowhere() {
     static FILE *stream = std::fopen("/dev/null", "w");
     return stream;
 }
 
-// The sum over all tests, printed with the last one.
-long &injected_faults() {
+// No call makes all kinds of steps; together they do. The sum over all tests is printed with the
+// last one.
+void expect_faults(int faults) {
     static long sum = 0;
-    return sum;
+    sum += faults;
+    EXPECT_GT(faults, 0);
+    std::printf("%ld faults injected so far\n", sum);
 }
 
 // ---- calls on a mounted volume ----------------------------------------------------------------
@@ -254,28 +257,25 @@ class FaultSweep : public testing::TestWithParam<faulty_volume> {};
 } // namespace
 
 TEST_P(FaultSweep, EveryPublicCallOnAMountedVolume) {
-    const auto &[fault_case, fat_type] = GetParam();
+    const fault_kind kind = std::get<0>(GetParam()).kind;
     fat_set_diagnostics(nullptr);
+    int faults = 0;
     for (const public_call &tested : CALLS) {
-        for (int k = 0;; k++) {
-            SCOPED_TRACE(testing::Message() << tested.name << ", k = " << k);
-            ASSERT_LT(k, MOST_POINTS);
-            prepared volume(fat_type);
-            const faulty_outcome outcome =
-                call_with_fault(&volume.disk, fault_case, k, [&] { return tested.call(volume); });
-            if (!outcome.struck) {
-                break;
+        SCOPED_TRACE(tested.name);
+        faults += at_any_fault(kind, [&](fault_step &step) {
+            prepared volume(std::get<1>(GetParam()));
+            const int open_before = mounted::open_ids();
+            step.run_keeping([&] { return tested.call(volume); });
+            // What it opened has a record and a copy of the directory entry.
+            EXPECT_EQ(step.left_allocated(), 2 * std::max(0, mounted::open_ids() - open_before));
+            if (step.struck()) {
+                expect_sound_table();
+                expect_working_volume(kind.what == fault::write);
             }
-            injected_faults()++;
-            expect_sound_table();
-            expect_working_volume(fault_case.kind == fault::write);
-            if (HasFailure()) {
-                break;
-            }
-        }
+        });
     }
     fat_set_diagnostics(stderr);
-    std::printf("%ld faults injected so far\n", injected_faults());
+    expect_faults(faults);
 }
 
 INSTANTIATE_TEST_SUITE_P(Faults, FaultSweep, testing::ValuesIn(all_faults()), fault_name);
@@ -284,22 +284,12 @@ INSTANTIATE_TEST_SUITE_P(Faults, FaultSweep, testing::ValuesIn(all_faults()), fa
 
 namespace {
 
-struct host_fault {
-    const char *name;
-    call which;
-    int error;
-};
-
-constexpr host_fault HOST_FAULTS[] = {
-    {"open", call::open, EACCES},
-    {"read", call::read, EIO},
-    {"write", call::write, ENOSPC},
-    {"lseek", call::lseek, EINVAL},
-    {"fstat", call::fstat, EIO},
-    {"lstat", call::lstat, EACCES},
-    {"truncate", call::truncate, EACCES},
-    {"fsync", call::fsync, EIO},
-    {"iconv_open", call::iconv_open, EINVAL},
+const std::vector<fault_kind> HOST_FAULTS = {
+    every_call(call::open, EACCES),       every_call(call::read, EIO),
+    every_call(call::write, ENOSPC),      every_call(call::lseek, EINVAL),
+    every_call(call::fstat, EIO),         every_call(call::lstat, EACCES),
+    every_call(call::truncate, EACCES),   every_call(call::fsync, EIO),
+    every_call(call::iconv_open, EINVAL), EVERY_ALLOCATION,
 };
 
 struct host_call {
@@ -375,19 +365,14 @@ void close_volume() {
     }
 }
 
-// One call with one fault. True when there was a k-th system call, or allocation, to fail.
-template <typename Fault, typename... Arguments>
-bool strikes(const host_call &tested, Arguments... arguments) {
+void call_with_fault(const host_call &tested, fault_step *step) {
     const scratch_directory scratch;
     const std::string image = scratch.sparse_file("disk.img", 4 << 20);
     const std::string other = scratch.file_with("other", some_bytes(9000));
-    bool struck = false;
     int result = 0;
     {
         const standard_output printed;
-        const Fault fault(arguments...);
-        result = tested.call(image, other);
-        struck = fault.struck();
+        result = step->run_keeping([&] { return tested.call(image, other); });
         std::fflush(stdout);
     }
     close_volume();
@@ -400,38 +385,19 @@ bool strikes(const host_call &tested, Arguments... arguments) {
     for (const oentry *entry : oentry_table) {
         EXPECT_EQ(entry, nullptr);
     }
-    return struck;
-}
-
-template <typename Fault, typename... Arguments>
-void sweep_host_calls(Arguments... arguments) {
-    for (const host_call &tested : HOST_CALLS) {
-        for (int k = 0;; k++) {
-            SCOPED_TRACE(testing::Message() << tested.name << ", k = " << k);
-            ASSERT_LT(k, MOST_POINTS);
-            bool struck = false;
-            if constexpr (sizeof...(Arguments) == 0) {
-                struck = strikes<Fault>(tested, k);
-            } else {
-                struck = strikes<Fault>(tested, arguments..., k);
-            }
-            if (!struck || testing::Test::HasFailure()) {
-                break;
-            }
-            injected_faults()++;
-        }
-    }
 }
 
 } // namespace
 
 TEST(HostFaultSweep, EveryCallOnFilesOfTheHost) {
     fat_set_diagnostics(nullptr);
-    for (const host_fault &fault : HOST_FAULTS) {
-        SCOPED_TRACE(fault.name);
-        sweep_host_calls<failing_call>(fault.which, fault.error);
+    for (const fault_kind &kind : HOST_FAULTS) {
+        int faults = 0;
+        for (const host_call &tested : HOST_CALLS) {
+            SCOPED_TRACE(tested.name);
+            faults += at_any_fault(kind, [&](fault_step &step) { call_with_fault(tested, &step); });
+        }
+        expect_faults(faults);
     }
-    sweep_host_calls<failing_allocation>();
     fat_set_diagnostics(stderr);
-    std::printf("%ld faults injected so far\n", injected_faults());
 }

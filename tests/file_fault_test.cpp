@@ -1,6 +1,6 @@
 // Writes and reads of which the k-th transfer or allocation fails, for every k until none is left.
 
-#include "tests/support/faulty_call.h"
+#include "tests/support/every_fault.h"
 #include "tests/support/file_fixture.h"
 
 #include <memory>
@@ -33,36 +33,31 @@ protected:
         said.clear();
     }
 
-    // Runs the call with the k-th transfer or allocation failing. Returns false when none did.
+    // Makes the call; what it comes to is in `result` and `error`.
     template <typename Call>
-    bool run(int k, const Call &call) {
-        const faulty_outcome o = call_with_fault(&v->disk, c, k, call);
-        result = o.result;
-        error = o.error;
-        left_allocated = o.left_allocated;
-        return o.struck;
+    void run(fault_step *step, const Call &call) {
+        step->run([&] {
+            errno = UNTOUCHED_ERRNO;
+            result = call();
+            error = errno;
+            return result;
+        });
     }
     void append(u32 count) {
         const bytes data = some_bytes(count, 7);
-        for (int k = 0;; k++) {
-            SCOPED_TRACE("failure " + std::to_string(k));
-            ASSERT_LT(k, 100);
+        at_every_fault({kind}, [&](fault_step &step) {
             make_file();
-            const bool struck = run(k, [&] { return fat_write_file(id, data.data(), count); });
-            ASSERT_EQ(left_allocated, 0);
+            run(&step, [&] { return fat_write_file(id, data.data(), count); });
             if (result > 0) {
-                ASSERT_NO_FATAL_FAILURE(expect_written(data));
-                if (!struck) {
-                    return;
-                }
-                continue;
+                expect_written(data);
+                return;
             }
-            ASSERT_TRUE(struck);
+            ASSERT_TRUE(step.struck());
             ASSERT_NO_FATAL_FAILURE(expect_failed());
-            if (!c.forever) {
-                ASSERT_NO_FATAL_FAILURE(expect_next_write(data));
+            if (!kind.forever) {
+                expect_next_write(data);
             }
-        }
+        });
     }
 
     void expect_written(const bytes &data) {
@@ -84,7 +79,7 @@ protected:
         if (!is_undone) {
             // Only the directory entry is missing.
             ASSERT_NE(size_of(mounted::held_entry(id)), size_of(held));
-            ASSERT_TRUE(result == -EIO || (result == -ENOMEM && c.kind == fault::allocation));
+            ASSERT_TRUE(result == -EIO || (result == -ENOMEM && kind.what == fault::allocation));
             return;
         }
         const oentry &now = mounted::record(id);
@@ -95,7 +90,7 @@ protected:
         // Start and image of a file that was empty may keep the number of a freed cluster.
         ASSERT_EQ(start_of(mounted::held_entry(id)), now.start);
         ASSERT_TRUE(is_empty || now.start == record.start);
-        if (!c.forever) {
+        if (!kind.forever) {
             if (is_empty && now.start != 0) {
                 ASSERT_EQ(v->value_of(0), volume::end_mark());
             }
@@ -114,14 +109,13 @@ protected:
         ASSERT_NO_FATAL_FAILURE(expect_written(data));
     }
 
-    const faulty_case c = std::get<0>(GetParam());
+    const fault_kind kind = std::get<0>(GetParam()).kind;
     std::unique_ptr<mounted> v;
     diagnostics said;
     int id = 0;
     bool is_empty = false;
     int result = 0;
     int error = 0;
-    int left_allocated = 0;
     // As they were before the call.
     bytes fat;
     oentry record = {};
@@ -148,21 +142,17 @@ TEST_P(FaultyFile, FirstWriteIsTakenBack) {
 TEST_P(FaultyFile, FailedReadLeavesThePositionAndTheMedium) {
     const std::vector<u32> clusters = {10, 11, 300, 12, 301};
     const bytes content = some_bytes(5 * 1024);
-    for (int k = 0;; k++) {
-        SCOPED_TRACE("failure " + std::to_string(k));
-        ASSERT_LT(k, 100);
+    const auto read = [&](fault_step &step) {
         make_file();
         id = v->open_new("READ       ", clusters, 5 * 1024);
         v->set_data(clusters, content);
         mounted::record(id).pos = 100;
-        v->disk.log.clear();
         v->disk.remember();
         bytes buffer(5000, 0xCC);
-        const bool struck = run(k, [&] { return fat_read_file(id, buffer.data(), 4900); });
-        ASSERT_EQ(left_allocated, 0);
+        run(&step, [&] { return fat_read_file(id, buffer.data(), 4900); });
         ASSERT_EQ(part_of(buffer, 4900, 100), bytes(100, 0xCC));
         ASSERT_TRUE(v->disk.written_blocks().empty());
-        if (!struck) {
+        if (!step.struck()) {
             ASSERT_EQ(result, 4900);
             ASSERT_EQ(part_of(buffer, 0, 4900), part_of(content, 100, 4900));
             ASSERT_EQ(mounted::record(id).pos, 5000U);
@@ -172,5 +162,10 @@ TEST_P(FaultyFile, FailedReadLeavesThePositionAndTheMedium) {
         ASSERT_TRUE(result == -EIO || result == -EINVAL || result == -ENOMEM) << result;
         ASSERT_EQ(error, -result);
         ASSERT_EQ(mounted::record(id).pos, 100U);
+    };
+    if (kind.what == fault::write) {
+        EXPECT_EQ(at_any_fault(kind, read), 0);
+    } else {
+        at_every_fault({kind}, read);
     }
 }

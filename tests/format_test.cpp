@@ -3,6 +3,7 @@
 
 #include "fat/internal.h"
 #include "tests/support/capture.h"
+#include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
 #include "tests/support/files.h"
 #include "tests/support/moment.h"
@@ -352,14 +353,6 @@ TEST(Format, AVolumeOfAnotherSectorSizeIsLaidOverTheFormerOne) {
 
 // ---- failures ---------------------------------------------------------------------------------
 
-TEST(Format, NoVolumeIsRefused) {
-    ASSERT_EQ(sv, nullptr);
-    diagnostics said;
-    fat_format_param param = request(FAT16_LARGE_SECTORS);
-    EXPECT_EQ(fat_format(&param), -EINVAL);
-    EXPECT_EQ(said.text(), "fat_format[N]: Check here!\n\n");
-}
-
 TEST(Format, ATargetThatIsTooSmallIsRefusedUntouched) {
     scenario tiny = FAT16_LARGE_SECTORS;
     tiny.target_bytes = 4 * 4096;
@@ -501,65 +494,41 @@ TEST_P(FormatOf, AFormatAfterAFailedOneSucceeds) {
 
 namespace {
 
-struct shortage {
-    const char *said;
-    std::size_t writes; // that reached the medium all the same
-};
-
-void expect_shortages(const scenario &volume, const std::vector<shortage> &shortages) {
-    for (std::size_t k = 0; k <= shortages.size(); k++) {
-        SCOPED_TRACE("allocation " + std::to_string(k));
+// `shortages`: what is said at each failing allocation.
+void expect_shortages(const scenario &volume, const std::vector<std::string> &shortages) {
+    std::size_t failures = 0;
+    at_every_fault({EVERY_ALLOCATION}, [&](fault_step &step) {
         formatting format(volume);
-        const failing_allocation fault(static_cast<int>(k));
-        const int result = format.run();
-        if (k == shortages.size()) {
-            EXPECT_FALSE(fault.struck()) << "more allocations than known";
+        const int result = step.run([&] { return fat_format(&format.param); });
+        if (!step.struck()) {
             EXPECT_EQ(result, static_cast<int>(volume.root));
             EXPECT_EQ(format.said.text(), "");
             return;
         }
-        EXPECT_TRUE(fault.struck());
+        failures++;
+        ASSERT_LE(failures, shortages.size()) << "more allocations than known";
         EXPECT_EQ(result, -ENOMEM);
-        EXPECT_EQ(format.said.text(), shortages[k].said);
-        EXPECT_EQ(format.disk.log.size(), shortages[k].writes);
-    }
+        EXPECT_EQ(format.said.text(), shortages[failures - 1]);
+        EXPECT_TRUE(format.disk.log.empty());
+    });
+    EXPECT_EQ(failures, shortages.size());
 }
 
 } // namespace
 
-TEST(Format, EveryFailingAllocationOfFat16IsToldAndNothingIsWritten) {
-    expect_shortages(FAT16_LARGE_SECTORS,
-                     {{"make_tables[N]: Failed to allocate memory!\n\n"
-                       "fat_format[N]: Failed to make table!\n\n",
-                       0},
-                      {"create_fat[N]: Unable to allocate FAT\n\n"
-                       "make_tables[N]: Cannot create FAT!\n\n"
-                       "fat_format[N]: Failed to make table!\n\n",
-                       0},
-                      {"create_root_dir[N]: Cannot allocate root directory\n"
-                       "make_tables[N]: Cannot create root directory!\n\n"
-                       "fat_format[N]: Failed to make table!\n\n",
-                       0},
-                      {"write_tables_vol[N]: Failed to allocate memory!\n\n", 0}});
-}
-
-TEST(Format, EveryFailingAllocationOfFat32IsToldAndNothingIsWritten) {
-    expect_shortages(FAT32_LARGE_CLUSTERS,
-                     {{"make_tables[N]: Failed to allocate memory!\n\n"
-                       "fat_format[N]: Failed to make table!\n\n",
-                       0},
-                      {"make_tables[N]: Cannot create FSINFO!\n\n"
-                       "fat_format[N]: Failed to make table!\n\n",
-                       0},
-                      {"create_fat[N]: Unable to allocate FAT\n\n"
-                       "make_tables[N]: Cannot create FAT!\n\n"
-                       "fat_format[N]: Failed to make table!\n\n",
-                       0},
-                      {"create_root_dir[N]: Cannot allocate root directory\n"
-                       "make_tables[N]: Cannot create root directory!\n\n"
-                       "fat_format[N]: Failed to make table!\n\n",
-                       0},
-                      {"write_tables_vol[N]: Failed to allocate memory!\n\n", 0}});
+TEST(Format, EveryFailingAllocationIsToldAndNothingIsWritten) {
+    const std::string no_table = "fat_format[N]: Failed to make table!\n\n";
+    const std::string none = "make_tables[N]: Failed to allocate memory!\n\n" + no_table;
+    const std::string no_fsinfo = "make_tables[N]: Cannot create FSINFO!\n\n" + no_table;
+    const std::string no_fat = "create_fat[N]: Unable to allocate FAT\n\n"
+                               "make_tables[N]: Cannot create FAT!\n\n" +
+                               no_table;
+    const std::string no_root = "create_root_dir[N]: Cannot allocate root directory\n"
+                                "make_tables[N]: Cannot create root directory!\n\n" +
+                                no_table;
+    const std::string no_sector = "write_tables_vol[N]: Failed to allocate memory!\n\n";
+    expect_shortages(FAT16_LARGE_SECTORS, {none, no_fat, no_root, no_sector});
+    expect_shortages(FAT32_LARGE_CLUSTERS, {none, no_fsinfo, no_fat, no_root, no_sector});
 }
 
 TEST_P(FormatOf, NoAllocationAtAllLeavesNothingBehind) {
@@ -598,13 +567,6 @@ private:
 
 } // namespace
 
-TEST_F(FormatOfFile, AFailedWriteIsToldByTheTransferAndByTheFormat) {
-    const failing_call fault(call::write, EIO);
-    EXPECT_EQ(run(), -EIO);
-    EXPECT_EQ(said.text(), "file_write_sectors[N]: Check here!\n\n"
-                           "write_tables_vol[N]: Cannot write PBR sector\n\n");
-}
-
 TEST_F(FormatOfFile, AFailedSeekIsToldByTheTransferAndByTheFormat) {
     const failing_call fault(call::lseek, EINVAL, 1);
     EXPECT_EQ(run(), -EIO);
@@ -620,16 +582,15 @@ TEST_F(FormatOfFile, AShortWriteOfTheFatTellsTheSectorsThatWereWritten) {
 }
 
 TEST_F(FormatOfFile, EveryFailedWriteEndsTheFormat) {
-    for (int successes = 0;; successes++) {
-        const failing_call fault(call::write, ENOSPC, successes);
-        const int result = run();
-        if (!fault.struck()) {
-            EXPECT_EQ(result, 32);
-            EXPECT_GT(successes, 3);
-            break;
-        }
-        EXPECT_EQ(result, -EIO);
-    }
+    at_every_fault({every_call(call::write, ENOSPC)}, [&](fault_step &step) {
+        fat_format_param param = request(FAT16_SMALL_SECTORS);
+        const int result = step.run([&] { return fat_format(&param); });
+        EXPECT_EQ(result, step.struck() ? -EIO : 32);
+        EXPECT_TRUE(step.k > 0 || said.text() ==
+                                      "file_write_sectors[N]: Check here!\n\n"
+                                      "write_tables_vol[N]: Cannot write PBR sector\n\n");
+        EXPECT_TRUE(step.struck() || step.k > 3);
+    });
 }
 
 // ---- the steps by themselves ------------------------------------------------------------------
@@ -726,51 +687,19 @@ TEST_F(Tables, OfFat32HaveFsinfo) {
     EXPECT_EQ(write(), 1);
 }
 
-TEST_F(Tables, WithoutAResultPointerAreNotMade) {
-    formatting format(FAT16_LARGE_SECTORS);
-    const auto expect_refused = [&format](fat::u8 **a, fat::u8 **b, fat::u8 **c, fat::u8 **d) {
-        const allocation_meter meter;
-        format.said.clear();
-        EXPECT_EQ(fat::make_tables(&format.param, a, b, c, d), -EINVAL);
-        EXPECT_EQ(format.said.text(), "make_tables[N]: NULL args!\n\n");
-        EXPECT_EQ(meter.peak_bytes(), 0U);
-    };
-    expect_refused(nullptr, &fsinfo, &fat, &rdir);
-    expect_refused(&pbr, nullptr, &fat, &rdir);
-    expect_refused(&pbr, &fsinfo, nullptr, &rdir);
-    expect_refused(&pbr, &fsinfo, &fat, nullptr);
-}
-
 TEST_F(Tables, ThatCouldNotBeMadeAreNotHandedOut) {
     formatting format(FAT32_LARGE_SECTORS);
-    for (int k = 0; k < 4; k++) {
-        const failing_allocation fault(k);
-        const allocation_meter meter;
-        EXPECT_EQ(fat::make_tables(&format.param, &pbr, &fsinfo, &fat, &rdir), -ENOMEM);
-        EXPECT_EQ(meter.live_blocks(), 0);
-        EXPECT_EQ(pbr, nullptr);
-        EXPECT_EQ(fsinfo, nullptr);
-        EXPECT_EQ(fat, nullptr);
-        EXPECT_EQ(rdir, nullptr);
+    at_every_fault({EVERY_ALLOCATION}, [&](fault_step &step) {
         format.param = request(FAT32_LARGE_SECTORS);
-    }
-}
-
-TEST_F(Tables, WithoutOneOfThemNothingIsWritten) {
-    make(FAT16_LARGE_SECTORS);
-    fat_format_param *param = &format().param;
-    const auto expect_refused = [this](fat_format_param *p, fat::u8 *a, fat::u8 *b, fat::u8 *c) {
-        const allocation_meter meter;
-        format().said.clear();
-        EXPECT_EQ(fat::write_tables_vol(p, a, b, c, fsinfo), -EINVAL);
-        EXPECT_EQ(said(), "write_tables_vol[N]: NULL args!\n\n");
-        EXPECT_EQ(meter.peak_bytes(), 0U);
-    };
-    expect_refused(nullptr, pbr, rdir, fat);
-    expect_refused(param, nullptr, rdir, fat);
-    expect_refused(param, pbr, nullptr, fat);
-    expect_refused(param, pbr, rdir, nullptr);
-    EXPECT_TRUE(written().empty());
+        const int result = step.run_keeping(
+            [&] { return fat::make_tables(&format.param, &pbr, &fsinfo, &fat, &rdir); });
+        EXPECT_EQ(step.struck(), step.k < 4);
+        EXPECT_EQ(result, step.struck() ? -ENOMEM : 0);
+        EXPECT_EQ(step.left_allocated(), step.struck() ? 0 : 4);
+        for (const fat::u8 *table : {pbr, fsinfo, fat, rdir}) {
+            EXPECT_EQ(table == nullptr, step.struck());
+        }
+    });
 }
 
 TEST_F(Tables, OfFat32WithoutFsinfoAreWrittenUpToThere) {
@@ -862,19 +791,6 @@ TEST_F(Tables, AFatOfItsOwnIsAsLongAsTheVolumeSays) {
     EXPECT_EQ(std::memcmp(own, fat, std::size_t{512} * 512), 0);
     EXPECT_EQ(sv->last_alloc_clus, 2U);
     std::free(own);
-}
-
-TEST_F(Tables, WithoutArgumentsAreRefused) {
-    make(FAT16_LARGE_SECTORS);
-    fat::u8 *table = nullptr;
-    EXPECT_EQ(fat::create_fat(nullptr, &table), -EINVAL);
-    EXPECT_EQ(fat::create_fat(pbr + 11, nullptr), -EINVAL);
-    EXPECT_EQ(said(), "create_fat[N]: NULL arg!\n\ncreate_fat[N]: NULL arg!\n\n");
-    format().said.clear();
-    EXPECT_EQ(fat::create_root_dir(nullptr, &table), -EINVAL);
-    EXPECT_EQ(fat::create_root_dir(pbr + 11, nullptr), -EINVAL);
-    EXPECT_EQ(said(), "create_root_dir[N]: NULL arg!\n\ncreate_root_dir[N]: NULL arg!\n\n");
-    EXPECT_EQ(table, nullptr);
 }
 
 TEST_F(Tables, OfAVolumeOfNoWidthAreNotMade) {

@@ -725,11 +725,3 @@ TEST(FormatRequest, AReservedAreaThatItsFieldCannotHoldIsRefused) {
     EXPECT_EQ(meter.live_blocks(), 0);
     EXPECT_TRUE(disk.log.empty());
 }
-
-TEST(FormatRequest, NoRequestIsRefused) {
-    const ram_disk disk(64 * MIB);
-    diagnostics said;
-    EXPECT_EQ(fat_format(nullptr), -EINVAL);
-    EXPECT_EQ(said.text(), "make_tables[N]: NULL args!\n\n"
-                           "fat_format[N]: Failed to make table!\n\n");
-}

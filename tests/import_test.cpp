@@ -1,5 +1,6 @@
 // Import: objects of the host copied into a mounted volume.
 
+#include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
 #include "tests/support/files.h"
 #include "tests/support/moment.h"
@@ -410,111 +411,55 @@ TEST_P(ImportFile, SectorThatCannotBeWrittenIsToldAndLeavesAnEmptyFile) {
 
 namespace {
 
-// Copies an object into fresh volumes while the first, second, ... step of a kind fails.
-class ImportUnderFaults : public testing::Test {
-protected:
-    // Returns how many steps the undisturbed call has.
-    template <typename Disturb>
-    int disturbed(const std::string &host, const Disturb &disturb) {
-        for (int k = 0; k < 200; k++) {
-            mounted v;
-            v.top.go_to(1);
-            const std::set<int> descriptors = open_descriptors();
-            const allocation_meter meter;
-            bool struck = false;
-            const printout result = to_output([&] {
-                return disturb(
-                    v, k, [&] { return fat_copy_to_zuq(host.c_str(), "A Long Name", 0); }, &struck);
-            });
-            EXPECT_EQ(result.out, "");
-            EXPECT_EQ(meter.live_blocks(), 0) << k;
-            EXPECT_EQ(open_descriptors(), descriptors) << k;
-            EXPECT_EQ(ids_in_use(), (std::vector<int>{0})) << k;
-            if (!struck) {
-                EXPECT_EQ(result, silent());
-                return k;
-            }
-            EXPECT_NE(result.said, "") << k;
-            EXPECT_TRUE(result.result == 0 || result.result == -EIO || result.result == -ENOMEM ||
-                        result.result == -ENOSPC || result.result == -EINVAL)
-                << k << ": " << result;
-            // What fails says so in the name of the import, once and last.
-            const std::size_t last = result.said.rfind("fat_copy_to_zuq[N]: cannot ");
-            EXPECT_EQ(result.said.find("fat_copy_to_zuq[N]: "),
-                      result.said.rfind("fat_copy_to_zuq[N]: "))
-                << result;
-            if (result.said.find("Cannot allocate memory.(err=-12)") == std::string::npos) {
-                EXPECT_NE(last, std::string::npos) << k << ": " << result;
-            }
+// Copies an object into fresh volumes while the first, second, ... step of a kind fails. `least`:
+// steps of the undisturbed call.
+void expect_survival(const std::string &host, const fault_kind &kind, int least) {
+    at_every_fault({kind}, [&](fault_step &step) {
+        mounted v;
+        v.top.go_to(1);
+        const std::set<int> descriptors = open_descriptors();
+        const printout result = to_output([&] {
+            return step.run([&] { return fat_copy_to_zuq(host.c_str(), "A Long Name", 0); });
+        });
+        EXPECT_EQ(result.out, "");
+        EXPECT_EQ(open_descriptors(), descriptors);
+        EXPECT_EQ(ids_in_use(), (std::vector<int>{0}));
+        if (!step.struck()) {
+            EXPECT_EQ(result, silent());
+            EXPECT_GT(step.k, least);
+            return;
         }
-        ADD_FAILURE() << "the call never ends undisturbed";
-        return 0;
-    }
-    template <typename Call>
-    static int with_failing_allocation(const mounted &, int k, const Call &call, bool *struck) {
-        const failing_allocation fault(k);
-        const int result = call();
-        *struck = fault.struck();
-        return result;
-    }
-
-    scratch_directory scratch;
-};
+        EXPECT_NE(result.said, "");
+        EXPECT_TRUE(result.result == 0 || result.result == -EIO || result.result == -ENOMEM ||
+                    result.result == -ENOSPC || result.result == -EINVAL)
+            << result;
+        // What fails says so in the name of the import, once and last.
+        EXPECT_EQ(result.said.find("fat_copy_to_zuq[N]: "),
+                  result.said.rfind("fat_copy_to_zuq[N]: "))
+            << result;
+        if (result.said.find("Cannot allocate memory.(err=-12)") == std::string::npos) {
+            EXPECT_NE(result.said.rfind("fat_copy_to_zuq[N]: cannot "), std::string::npos)
+                << result;
+        }
+    });
+}
 
 } // namespace
 
-TEST_F(ImportUnderFaults, FileSurvivesEveryFailedAllocation) {
+TEST(ImportUnderFaults, FileSurvivesEachOfThem) {
+    const scratch_directory scratch;
     const std::string host = scratch.file_with("host", some_bytes(700));
-    EXPECT_GT(
-        disturbed(host, [](mounted &v, int k, const auto &call,
-                           bool *struck) { return with_failing_allocation(v, k, call, struck); }),
-        5);
+    expect_survival(host, EVERY_ALLOCATION, 5);
+    expect_survival(host, EVERY_READ, 3);
+    expect_survival(host, EVERY_WRITE, 3);
 }
 
-TEST_F(ImportUnderFaults, LinkSurvivesEveryFailedAllocation) {
+TEST(ImportUnderFaults, LinkSurvivesEachOfThem) {
+    const scratch_directory scratch;
     const std::string host = scratch.file("link");
     ASSERT_EQ(::symlink("target", host.c_str()), 0);
-    EXPECT_GT(
-        disturbed(host, [](mounted &v, int k, const auto &call,
-                           bool *struck) { return with_failing_allocation(v, k, call, struck); }),
-        5);
-}
-
-TEST_F(ImportUnderFaults, FileSurvivesEveryFailedRead) {
-    const std::string host = scratch.file_with("host", some_bytes(700));
-    EXPECT_GT(disturbed(host,
-                        [](mounted &v, int k, const auto &call, bool *struck) {
-                            v.disk.reads_before_failure = k;
-                            const int result = call();
-                            *struck = v.disk.reads_before_failure < 0;
-                            return result;
-                        }),
-              3);
-}
-
-TEST_F(ImportUnderFaults, FileSurvivesEveryFailedWrite) {
-    const std::string host = scratch.file_with("host", some_bytes(700));
-    EXPECT_GT(disturbed(host,
-                        [](mounted &v, int k, const auto &call, bool *struck) {
-                            v.disk.writes_before_failure = k;
-                            const int result = call();
-                            *struck = v.disk.writes_before_failure < 0;
-                            return result;
-                        }),
-              3);
-}
-
-TEST_F(ImportUnderFaults, LinkSurvivesEveryFailedWrite) {
-    const std::string host = scratch.file("link");
-    ASSERT_EQ(::symlink("target", host.c_str()), 0);
-    EXPECT_GT(disturbed(host,
-                        [](mounted &v, int k, const auto &call, bool *struck) {
-                            v.disk.writes_before_failure = k;
-                            const int result = call();
-                            *struck = v.disk.writes_before_failure < 0;
-                            return result;
-                        }),
-              3);
+    expect_survival(host, EVERY_ALLOCATION, 5);
+    expect_survival(host, EVERY_WRITE, 3);
 }
 
 // ---- large files ------------------------------------------------------------------------------
@@ -885,13 +830,6 @@ TEST_F(ImportRefuses, FilesThatAFullRootHasNoRoomFor) {
                       import_says("cannot create ZUQ file FILE: No space left on device\n")}));
 }
 
-TEST_F(ImportRefuses, NoPath) {
-    EXPECT_EQ(copy(nullptr, "NAME", 1),
-              (printout{-EINVAL, "", import_says("Cannot get file path!\n\n")}));
-    EXPECT_EQ(copy(nullptr, nullptr, 0),
-              (printout{-EINVAL, "", import_says("Cannot get file path!\n\n")}));
-}
-
 TEST_F(ImportRefuses, WhatThereIsNoMemoryFor) {
     const std::string host = host_file(some_bytes(10));
     for (const std::string &path : {host, scratch.file("."), host_link("target")}) {
@@ -904,31 +842,6 @@ TEST_F(ImportRefuses, WhatThereIsNoMemoryFor) {
     const failing_allocation fault(0);
     expect_no_status(scratch.file("none"), -ENOENT);
     EXPECT_FALSE(fault.struck());
-}
-
-TEST(Import, IsRefusedWithoutAVolume) {
-    ASSERT_EQ(sv, nullptr);
-    const scratch_directory scratch;
-    const std::string host = scratch.file_with("host", some_bytes(10));
-    EXPECT_EQ(to_output([&] { return fat_copy_to_zuq(host.c_str(), "NAME", 1); }),
-              (printout{-EINVAL, "", import_says(CHECK_HERE)}));
-    EXPECT_EQ(to_output([] { return fat_copy_to_zuq("/none", "NAME", 1); }),
-              (printout{-EINVAL, "", import_says(CHECK_HERE)}));
-    EXPECT_EQ(to_output([] { return fat_copy_to_zuq(nullptr, "NAME", 1); }),
-              (printout{-EINVAL, "", import_says("Cannot get file path!\n\n")}));
-}
-
-TEST(Import, FindsNoDirectoryWhileTheVolumeIsNotMounted) {
-    const ram_disk disk(1 << 20);
-    const scratch_directory scratch;
-    const std::string host = scratch.file_with("host", some_bytes(10));
-    EXPECT_EQ(
-        to_output([&] { return fat_copy_to_zuq(host.c_str(), "NAME", 1); }),
-        (printout{-EFAULT, "",
-                  "fat_path_lookup[N]: current directory isn't setup\n"
-                  "create_internal[N]: " +
-                      CHECK_HERE + import_says("cannot create ZUQ file NAME: Bad address\n")}));
-    EXPECT_TRUE(disk.log.empty());
 }
 
 TEST(Import, SaysWhatFailsOnStandardErrorAlone) {

@@ -1,6 +1,7 @@
 // Listings: the printers of single entries, the iterator over a directory, and the listings of
 // directories, clusters and files of raw entries.
 
+#include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
 #include "tests/support/files.h"
 #include "tests/support/mounted.h"
@@ -721,16 +722,6 @@ TEST_P(FatReaddir, EndsWhereAnEntryCannotBeRead) {
                                     END_OF_READDIR}));
 }
 
-TEST_P(FatReaddir, PrintsNothingWithoutMemory) {
-    dir().append(short_entry("FILE       "));
-    const nothing_left check;
-    const failing_allocation fault(0);
-    const printout result = list();
-    EXPECT_TRUE(fault.struck());
-    EXPECT_EQ(result.result, -ENOMEM);
-    EXPECT_EQ(result.out, "");
-}
-
 TEST(FatReaddirOfAFreshVolume, FindsNothing) {
     for (const u32 fat_type : {16U, 32U}) {
         const mounted v({.fat_type = fat_type});
@@ -750,13 +741,6 @@ TEST(FatReaddirOfASubDirectory, ListsItsDotEntries) {
                         "fat_read_clus[N]: Invalid arg!\n\n"
                         "fat_count_clusters[N]: Failed to read cluster!\n\n" +
                             END_OF_READDIR}));
-}
-
-TEST(FatReaddirWithoutADirectory, IsRefused) {
-    const mounted v;
-    const printout result = to_stream([](FILE *stream) { return fat_readdir(nullptr, stream); });
-    EXPECT_EQ(result.result, -EINVAL);
-    EXPECT_EQ(result.out, "");
 }
 
 // ---- the slots of one cluster -----------------------------------------------------------------
@@ -859,12 +843,6 @@ TEST_P(FatListClus, TellsAClusterThatCannotBeRead) {
         v.disk.reads_before_failure = 0;
         EXPECT_EQ(list(30, 1), refused(-EIO, "fat_list_clus[N]: cluster mis match!\n\n")) << moved;
     }
-}
-
-TEST_P(FatListClus, TellsThatThereIsNoMemory) {
-    const nothing_left check;
-    const failing_allocation fault(0);
-    EXPECT_EQ(list(30, 1), refused(-ENOMEM, "fat_list_clus[N]: Failed to allocate memory!\n\n"));
 }
 
 // ---- the slots of a directory -----------------------------------------------------------------
@@ -1040,57 +1018,50 @@ TEST_P(FatListDir, EndsAtAClusterBehindTheEndOfTheVolume) {
     EXPECT_EQ(result.said, found() + "fat_list_clus[N]: out of the data area\n\n");
 }
 
+// Only the gathering of the chain leaves the id open.
+static printout list_and_close() {
+    printout result = list_dir("SUB", 1);
+    if (result.said.find("fat_get_chains") != std::string::npos) {
+        EXPECT_EQ(ids_in_use(), (std::vector<int>{0, 1}));
+        EXPECT_EQ(fat_close(1), 0);
+    }
+    EXPECT_EQ(ids_in_use(), (std::vector<int>{0}));
+    return result;
+}
+
 TEST_P(FatListDir, LeavesTheIdOpenWhereTheChainCannotBeGathered) {
     make_sub();
-    const u32 root_reads = 1;
-    // Opening reads the root once for the name and once for the entry, then the FAT.
-    std::vector<std::string> told;
-    for (int k = static_cast<int>(root_reads); k < 40; k++) {
-        v.disk.reads_before_failure = k;
-        const printout result = list_dir("SUB", 1);
-        const bool struck = v.disk.reads_before_failure < 0;
-        v.disk.reads_before_failure = -1;
-        if (!struck) {
-            break;
-        }
+    // Opening reads the root for the name and for the entry, then the FAT.
+    bool is_met = false;
+    at_every_fault({EVERY_READ}, [&](fault_step &step) {
+        const printout result = step.run(list_and_close);
         if (result.said.find("fat_get_chains") != std::string::npos) {
+            is_met = true;
             EXPECT_EQ(result,
                       (printout{-EINVAL, "",
                                 found() + "fat_read_entry[N]: cannot read FAT\n\n"
                                           "fat_get_chains[N]: Failed to read cluster!\n\n"}));
-            EXPECT_EQ(ids_in_use(), (std::vector<int>{0, 1}));
-            EXPECT_EQ(fat_close(1), 0);
-            told.push_back(result.said);
         }
-        EXPECT_EQ(ids_in_use(), (std::vector<int>{0}));
-    }
-    EXPECT_FALSE(told.empty());
+    });
+    EXPECT_TRUE(is_met);
 }
 
 TEST_P(FatListDir, TellsWhereMemoryEnds) {
     make_sub();
-    // In the order of the steps, each once. Only the gathering of the chain leaves the id open.
+    // In the order of the steps, each once.
     std::vector<printout> failures;
-    for (int k = 0; k < 100; k++) {
-        const allocation_meter meter;
-        const failing_allocation fault(k);
-        const printout result = list_dir("SUB", 1);
-        const bool is_left = result.said.find("fat_get_chains") != std::string::npos;
-        EXPECT_EQ(ids_in_use(), (is_left ? std::vector<int>{0, 1} : std::vector<int>{0})) << k;
-        if (is_left) {
-            EXPECT_EQ(fat_close(1), 0);
-        }
-        EXPECT_EQ(meter.live_blocks(), 0) << k;
-        if (!fault.struck()) {
+    at_every_fault({EVERY_ALLOCATION}, [&](fault_step &step) {
+        const printout result = step.run(list_and_close);
+        if (!step.struck()) {
             EXPECT_EQ(result.result, 0);
-            break;
+            return;
         }
-        EXPECT_LT(result.result, 0) << k;
+        EXPECT_LT(result.result, 0);
         if (result.said.find("fat_list_dir") == std::string::npos &&
             (failures.empty() || failures.back() != result)) {
             failures.push_back(result);
         }
-    }
+    });
     const std::string memory = "fat_list_clus[N]: Failed to allocate memory!\n\n";
     const std::string first = "[0-th: cluster #20]\n";
     const std::string second = chain_listing(sub, 1).out;
@@ -1403,64 +1374,7 @@ TEST_P(FatGetUname, TellsASlotThatCannotBeRead) {
                                ")\nget_long_name[N]: Failed to get entry with cluster ...\n\n");
 }
 
-TEST_P(FatGetUname, TellsThatThereIsNoMemory) {
-    dir().append_long(u"A Long Name.text", "ALONGN~1TEX");
-    const nothing_left check;
-    const failing_allocation fault(0);
-    EXPECT_EQ(get(id(), 0),
-              (answer_with_name{-ENOMEM, u"", "fat_get_uname[N]: failed to allocate memory!\n\n"}));
-}
-
-TEST_P(FatGetUname, RefusesIdsOfNothing) {
-    for (const int of : {2, 511, 512, -1}) {
-        EXPECT_EQ(get(of, 0).result, -EBADF) << of;
-    }
-    diagnostics said;
-    EXPECT_EQ(fat_get_uname(id(), 0, nullptr), -EINVAL);
-}
-
 // ---- no volume --------------------------------------------------------------------------------
-
-namespace {
-
-std::string check_here(const std::string &function) {
-    return function + "[N]: Check here!\n\n";
-}
-
-// Every listing that needs the geometry refuses.
-void expect_refusals() {
-    entry_image image = short_entry("DIR        ", DIRECTORY, 5);
-    oentry record = {};
-    record.start = record.last = 5;
-    record.allocated = 512;
-    record.dentry = image.data();
-    u16 units[256] = {};
-    const printout results[] = {
-        to_stream([&](FILE *stream) { return fat_readdir(&record, stream); }),
-        to_stream([](FILE *stream) { return fat_list_dir("/", 1, stream); }),
-        to_stream([](FILE *stream) { return fat_list_dir(nullptr, 0, stream); }),
-        to_stream([](FILE *stream) { return fat_list_clus(2, 1, stream); }),
-        to_output([&] { return fat_get_uname(0, 0, units); }),
-    };
-    const char *const functions[] = {"fat_readdir", "fat_list_dir", "fat_list_dir", "fat_list_clus",
-                                     "fat_get_uname"};
-    for (std::size_t i = 0; i < std::size(results); i++) {
-        EXPECT_EQ(results[i], (printout{-EINVAL, "", check_here(functions[i])}));
-    }
-}
-
-} // namespace
-
-TEST(Listings, AreRefusedWithoutAVolume) {
-    ASSERT_EQ(sv, nullptr);
-    expect_refusals();
-}
-
-TEST(Listings, AreRefusedWhileTheVolumeIsNotMounted) {
-    const ram_disk disk(1 << 20);
-    expect_refusals();
-    EXPECT_TRUE(disk.log.empty());
-}
 
 TEST(Listings, OfRawEntriesNeedNoVolume) {
     ASSERT_EQ(sv, nullptr);

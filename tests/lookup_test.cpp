@@ -1,6 +1,7 @@
 // Finding a name in a directory, and putting a stored long name together again.
 
 #include "tests/support/capture.h"
+#include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
 #include "tests/support/open_entries.h"
 #include "tests/support/volume.h"
@@ -393,17 +394,6 @@ TEST(FindInAnOddRoot, LargeAreaIsWalkedToItsEnd) {
 
 // ---- failures ---------------------------------------------------------------------------------
 
-TEST_P(FindFails, ArgumentsMustBeThere) {
-    char name[] = "README.TXT";
-    const answer refusal = {-EINVAL, "fat_find_dentry[N]: Check Here!\n\n"};
-    EXPECT_EQ(heard(fat_find_dentry(nullptr, name, nullptr)), refusal);
-    EXPECT_EQ(heard(fat_find_dentry(&dir.record, nullptr, nullptr)), refusal);
-    EXPECT_EQ(heard(fat_find_dentry(nullptr, nullptr, nullptr)), refusal);
-    EXPECT_EQ(heard(find_dentry_with_clu(5, nullptr, nullptr)),
-              (answer{-EINVAL, "get_fatnames[N]: Invalid arg!\n\n"
-                               "find_dentry_with_clu[N]: Failed to get fatnames!\n\n"}));
-}
-
 TEST_P(FindFails, NameOfNothingIsRefusedBeforeTheWalk) {
     v.disk.log.clear();
     for (const char *name : {"", " ", "...", ". ."}) {
@@ -450,21 +440,16 @@ class FindWithoutMemory : public find_in_sub_directory {
 protected:
     std::vector<answer> answers(const std::string &name, bool with_record) {
         std::vector<answer> result;
-        bool struck = true;
-        for (int k = 0; struck; k++) {
+        at_every_fault({EVERY_ALLOCATION}, [&](fault_step &step) {
             std::string text = name;
             fat_name record = {};
-            int status = 0;
-            const allocation_meter meter;
-            {
-                const failing_allocation fault(k);
-                status = find_dentry_with_clu(5, text.data(), with_record ? &record : nullptr);
-                struck = fault.struck();
-            }
-            release_name(&record);
-            EXPECT_EQ(meter.live_blocks(), 0) << "allocation " << k;
-            result.push_back(heard(status));
-        }
+            result.push_back(heard(step.run([&] {
+                const int status =
+                    find_dentry_with_clu(5, text.data(), with_record ? &record : nullptr);
+                release_name(&record);
+                return status;
+            })));
+        });
         return result;
     }
 
@@ -865,14 +850,4 @@ TEST_P(GetLongName, NoSectorIsReadMoreThanOnceForEachEntry) {
     dir.append_long(std::u16string(255, u'x'), DOS);
     EXPECT_EQ(long_name(0), (answer{20, ""}));
     EXPECT_LE(v.traffic(), 20U * 2);
-}
-
-TEST_P(GetLongName, LeavesNoMemoryBehind) {
-    const u32 first = volume::entries_per_sector() - 1;
-    dir.go_to(first);
-    dir.append_long(A13 + u"Tail", DOS);
-    EXPECT_EQ(fat_get_dentry(&dir.record, first, &entry, buffer.data(), nullptr), 0);
-    const allocation_meter meter;
-    EXPECT_EQ(get_long_name(&dir.record, first, &entry, buffer.data(), units.data()), 2);
-    EXPECT_EQ(meter.live_blocks(), 0);
 }

@@ -1,6 +1,7 @@
 // Items, metadata and names of open entries: what is read, changed, written, printed; the path of a
 // cluster.
 
+#include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
 #include "tests/support/mounted.h"
 #include "tests/support/open_entries.h"
@@ -9,7 +10,6 @@
 #include <cerrno>
 #include <list>
 #include <memory>
-#include <optional>
 
 using namespace fat;
 using namespace testing_support;
@@ -36,9 +36,6 @@ public:
     mounted v;
     diagnostics said;
 };
-
-// Ids that stand for nothing while one entry is open at most.
-constexpr int NO_IDS[] = {2, 511, 512, 513, 1 << 20, -1, INT32_MIN};
 
 // ---- items ------------------------------------------------------------------------------------
 
@@ -130,26 +127,6 @@ TEST_F(Items, OfOtherTypesDoNotExist) {
     EXPECT_EQ(mounted::held_entry(id), before);
 }
 
-TEST_F(Items, OfWhatIsNotOpenAreRefused) {
-    for (const int other : NO_IDS) {
-        for (const int type : {1, 4}) {
-            EXPECT_EQ(get(other, type),
-                      (value_given{{-EBADF, "fat_get[N]: Invalid fd!\n\n"}, 4711}))
-                << other;
-            EXPECT_EQ(set(other, type, 1), (answer{-EBADF, ""})) << other;
-        }
-    }
-}
-
-TEST_F(Items, OfTheRootDirectoryAreRefused) {
-    EXPECT_EQ(get(0, 1), (value_given{{-EBADF, "fat_get[N]: Invalid fd!\n\n"}, 4711}));
-    EXPECT_EQ(set(0, 1, 1), (answer{-EBADF, ""}));
-}
-
-TEST_F(Items, NeedAPlaceForTheirValue) {
-    EXPECT_EQ(c.ask([&] { return fat_get(id, 1, nullptr); }).result, -EINVAL);
-}
-
 TEST_F(Items, HaveCallsOfTheirOwn) {
     u32 value = 0;
     EXPECT_EQ(fat_set_cluster(id, 0xABCD1234), 0);
@@ -163,18 +140,6 @@ TEST_F(Items, HaveCallsOfTheirOwn) {
     EXPECT_EQ(value, 0xE2U);
     EXPECT_EQ(mounted::held_entry(id),
               with({{12, 0x18}, {13, 0xE2}, {20, 0xCD}, {21, 0xAB}, {26, 0x34}, {27, 0x12}}));
-}
-
-TEST_F(Items, HaveCallsThatSpeakAsTheCommonOnes) {
-    u32 value = 4711;
-    for (int (*getter)(int, u32 *) : {fat_get_cluster, fat_get_sysid, fat_get_cmsec}) {
-        EXPECT_EQ(c.ask([&] { return getter(77, &value); }),
-                  (answer{-EBADF, "fat_get[N]: Invalid fd!\n\n"}));
-    }
-    for (int (*setter)(int, u32) : {fat_set_cluster, fat_set_sysid, fat_set_cmsec}) {
-        EXPECT_EQ(c.ask([&] { return setter(77, 1); }), (answer{-EBADF, ""}));
-    }
-    EXPECT_EQ(value, 4711U);
 }
 
 // ---- fat_update_entry -------------------------------------------------------------------------
@@ -220,14 +185,6 @@ TEST_P(UpdateEntry, PutsTheCopyInItsPlaceAndNothingElse) {
     EXPECT_EQ(c.v.disk.log, (std::vector<transfer>{{false, sector, 1}, {true, sector, 1}}));
 }
 
-TEST_P(UpdateEntry, RefusesWhatIsNotOpenAndTheRoot) {
-    for (const int other : NO_IDS) {
-        EXPECT_EQ(update(other), (answer{-EBADF, "fat_update_entry[N]: Invalid arg!\n\n"}));
-    }
-    EXPECT_EQ(update(0), (answer{-EBADF, "fat_update_entry[N]: Invalid arg!\n\n"}));
-    EXPECT_EQ(c.v.traffic(), 0U);
-}
-
 TEST_P(UpdateEntry, WritesNothingAfterAFailedRead) {
     c.v.disk.reads_before_failure = 0;
     EXPECT_EQ(update(id), io_error());
@@ -262,14 +219,6 @@ TEST_P(UpdateEntry, FailsUnlessExactlyOneSectorIsWritten) {
         EXPECT_EQ(update(id), io_error()) << moved;
     }
     EXPECT_EQ(update(id), (answer{0, ""}));
-}
-
-TEST_P(UpdateEntry, TellsOfMissingMemory) {
-    const allocation_meter meter;
-    const failing_allocation fault(0);
-    EXPECT_EQ(fat_update_entry(id), -ENOMEM);
-    EXPECT_EQ(meter.live_blocks(), 0);
-    EXPECT_TRUE(c.v.disk.written_blocks().empty());
 }
 
 // ---- fat_list_chains, fat_fstat ---------------------------------------------------------------
@@ -326,12 +275,6 @@ TEST_P(ListChains, SaysOfAnEmptyEntryThatItHasNone) {
               (printout{0, "", "fat_list_chains[N]: failed to get chain count!\n\n"}));
 }
 
-TEST_P(ListChains, RefusesWhatIsNotOpen) {
-    for (const int other : NO_IDS) {
-        EXPECT_EQ(list_of(other), (printout{-EBADF, "", "fat_list_chains[N]: Invalid fd!\n\n"}));
-    }
-}
-
 TEST_P(ListChains, TellsOfAChainThatBroke) {
     const int id = c.v.open_new("FILE       ", {20, 30}, 1);
     c.v.set_link(20, 0);
@@ -343,24 +286,6 @@ TEST_P(ListChains, TellsOfAChainThatBroke) {
                                      "fat_read_clus[N]: Invalid cluster!\n\n"
                                      "fat_get_chains[N]: Failed to read cluster!\n\n"
                                      "fat_list_chains[N]: failed to get chain count!\n\n"}));
-}
-
-TEST_P(ListChains, TellsOfMissingMemory) {
-    const int id = c.v.open_new("FILE       ", {20, 30}, 1);
-    const answer a = c.ask([&] {
-        const failing_allocation fault(0);
-        return fat_list_chains(id, nullptr);
-    });
-    EXPECT_EQ(a, (answer{-ENOMEM, "fat_get_chains[N]: Memory allocation error!\n\n"
-                                  "fat_list_chains[N]: failed to get chain count!\n\n"}));
-}
-
-TEST_P(ListChains, KeepsNothing) {
-    const int id = c.v.open_new("FILE       ", {20, 30}, 1);
-    const standard_output out;
-    const allocation_meter meter;
-    EXPECT_EQ(fat_list_chains(id, nullptr), 0);
-    EXPECT_EQ(meter.live_blocks(), 0);
 }
 
 TEST_P(ListChains, PrintsToStandardOutputWithoutAStream) {
@@ -508,55 +433,7 @@ TEST_F(Fstat, PrintsToStandardOutputWithoutAStream) {
     EXPECT_EQ(expected.result, 0);
 }
 
-TEST_F(Fstat, RefusesWhatIsNotOpenAndTheRoot) {
-    for (const int other : NO_IDS) {
-        EXPECT_EQ(stat_of(other), (printout{-EBADF, "", "fat_fstat[N]: Invalid fd!\n\n"}));
-    }
-    EXPECT_EQ(stat_of(0), (printout{-EBADF, "", "fat_fstat[N]: Invalid fd!\n\n"}));
-}
-
 // ---- without a volume -------------------------------------------------------------------------
-
-TEST(MetadataWithoutVolume, IsRefused) {
-    ASSERT_EQ(sv, nullptr);
-    u32 value = 0;
-    char buffer[4096];
-    diagnostics said;
-    const auto refused = [&](const std::string &name, int result) {
-        EXPECT_EQ(result, -EINVAL) << name;
-        EXPECT_EQ(said.text(), name + "[N]: Check here!\n\n");
-        said.clear();
-    };
-    refused("fat_get", fat_get(0, 1, &value));
-    refused("fat_set", fat_set(0, 1, 1));
-    refused("fat_update_entry", fat_update_entry(0));
-    refused("fat_fstat", fat_fstat(0, nullptr));
-    refused("fat_list_chains", fat_list_chains(0, nullptr));
-    refused("fat_find_pathname", fat_find_pathname(2, buffer, sizeof buffer));
-    refused("fat_getcwd", fat_getcwd(buffer, sizeof buffer));
-}
-
-TEST(MetadataWithoutVolume, AccessorsAreRefusedToo) {
-    u32 value = 0;
-    const diagnostics said;
-    for (int (*getter)(int, u32 *) : {fat_get_cluster, fat_get_sysid, fat_get_cmsec}) {
-        EXPECT_EQ(getter(0, &value), -EINVAL);
-    }
-    for (int (*setter)(int, u32) : {fat_set_cluster, fat_set_sysid, fat_set_cmsec}) {
-        EXPECT_EQ(setter(0, 1), -EINVAL);
-    }
-}
-
-TEST(MetadataOfUnmountedVolume, HasNoPaths) {
-    const ram_disk disk(1 << 20);
-    char buffer[4096];
-    diagnostics said;
-    EXPECT_EQ(fat_find_pathname(2, buffer, sizeof buffer), -EINVAL);
-    EXPECT_EQ(said.text(), "fat_find_pathname[N]: Check here!\n\n");
-    said.clear();
-    EXPECT_EQ(fat_getcwd(buffer, sizeof buffer), -EINVAL);
-    EXPECT_EQ(said.text(), "fat_getcwd[N]: Check here!\n\n");
-}
 
 // ---- paths of clusters ------------------------------------------------------------------------
 
@@ -851,8 +728,6 @@ TEST_P(FindPathname, NeedsABufferOf4096Bytes) {
                   (answer{-EINVAL, "fat_find_pathname[N]: Invalid arg!\n\n"}));
         EXPECT_EQ(buffer, std::vector<char>(size, '#'));
     }
-    EXPECT_EQ(f.ask([&] { return fat_find_pathname(10, nullptr, 4096); }),
-              (answer{-EINVAL, "fat_find_pathname[N]: Invalid arg!\n\n"}));
 }
 
 TEST_P(FindPathname, ZeroesTheWholeBuffer) {
@@ -949,39 +824,24 @@ TEST_P(FindPathname, UsesAnIdForEachLevel) {
 TEST_P(FindPathname, SurvivesEveryFailingReadAndAllocation) {
     directory *sub = f.add_dir(top, "SUB~1      ", {20}, u"A directory");
     f.add_file(sub, "FILE~1  TXT", {30, 31}, u"A file here.txt");
-    for (const bool is_memory : {false, true}) {
-        bool struck = true;
-        for (int k = 0; struck && k < 500; k++) {
-            std::optional<failing_allocation> fault;
-            f.v.disk.reads_before_failure = is_memory ? -1 : k;
-            std::vector<char> buffer(4096, '#');
-            const found_path got = f.undisturbed(
-                [&] {
-                    if (is_memory) {
-                        fault.emplace(k);
-                    }
-                    const int result = fat_find_pathname(31, buffer.data(), 4096);
-                    struck = is_memory ? fault->struck() : f.v.disk.reads_before_failure < 0;
-                    fault.reset();
-                    return result;
-                },
-                buffer);
-            f.v.disk.reads_before_failure = -1;
-            if (got.result >= 0 && struck) {
-                // A long name that could not be read leaves the short one; a chain that could not
-                // be read is not looked at.
-                EXPECT_TRUE(got.path == "/A directory/A file here.txt" ||
-                            got.path == "/SUB~1/A file here.txt" ||
-                            got.path == "/A directory/FILE~1.TXT")
-                    << got;
-            } else if (got.result >= 0) {
-                EXPECT_EQ(got.path, "/A directory/A file here.txt");
-            } else {
-                EXPECT_TRUE(struck);
-            }
+    at_every_fault({EVERY_READ, EVERY_ALLOCATION}, [&](fault_step &step) {
+        std::vector<char> buffer(4096, '#');
+        const found_path got = step.run([&] {
+            return f.undisturbed([&] { return fat_find_pathname(31, buffer.data(), 4096); },
+                                 buffer);
+        });
+        if (!step.struck()) {
+            EXPECT_GE(got.result, 0);
+            EXPECT_EQ(got.path, "/A directory/A file here.txt");
+        } else if (got.result >= 0) {
+            // A long name that could not be read leaves the short one; a chain that could not be
+            // read is not looked at.
+            EXPECT_TRUE(got.path == "/A directory/A file here.txt" ||
+                        got.path == "/SUB~1/A file here.txt" ||
+                        got.path == "/A directory/FILE~1.TXT")
+                << got;
         }
-        EXPECT_FALSE(struck);
-    }
+    });
 }
 
 // ---- hostile trees
@@ -1177,21 +1037,6 @@ TEST_P(Getcwd, FailsWithoutACurrentDirectory) {
     EXPECT_EQ(f.ask([&] { return fat_getcwd(buffer, sizeof buffer); }),
               (answer{-EINVAL, "fat_getcwd[N]: Check here!\n\n"}));
     sv->current_dir = current;
-}
-
-TEST_P(Getcwd, SearchesNeitherNowhereNorIntoNothing) {
-    char path[4096] = "";
-    EXPECT_EQ(f.ask([&] { return find_entry_with_clu(nullptr, 5, nullptr, path); }),
-              (answer{-EINVAL, "find_entry_with_clu[N]: Check here!\n\n"}));
-    EXPECT_EQ(f.ask([&] { return find_entry_with_clu(sv->root_dir, 5, nullptr, nullptr); }),
-              (answer{-EINVAL, "find_entry_with_clu[N]: Check here!\n\n"}));
-}
-
-TEST_P(Getcwd, SearchNeedsMemory) {
-    char path[4096] = "";
-    const failing_allocation none(0);
-    EXPECT_EQ(f.ask([&] { return find_entry_with_clu(sv->root_dir, 5, nullptr, path); }),
-              (answer{-ENOMEM, "find_entry_with_clu[N]: Check here!\n\n"}));
 }
 
 TEST_P(Getcwd, IsThePathOfTheDirectory) {

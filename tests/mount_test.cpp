@@ -4,6 +4,7 @@
 #include "fat/internal.h"
 #include "tests/support/boot_sector.h"
 #include "tests/support/capture.h"
+#include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
 #include "tests/support/files.h"
 #include "tests/support/open_entries.h"
@@ -47,10 +48,6 @@ std::string over_limit(int clusters, int width_before) {
     return "fat_build_super[N]: NumCluster is over the limitation: clus(" +
            std::to_string(clusters) + "), FAT" + std::to_string(width_before) + "\n";
 }
-std::string check_here(const std::string &function) {
-    return function + "[N]: Check here!\n\n";
-}
-
 // Gives everything but the target back to the state in which it was opened.
 void forget_geometry() {
     fat_super fresh = {};
@@ -457,47 +454,23 @@ TEST_F(BootSector, FailedMountCanBeTriedAgain) {
 
 namespace {
 
-// The answers of a mount while its first, second, ... read or allocation fails, adjacent equal ones
-// once; the last is that of a mount that nothing disturbed.
 class DisturbedMount : public BootSector {
 protected:
-    enum class disturbance { READ, ALLOCATION };
-
-    std::vector<answer> answers(const boot_numbers &numbers, disturbance what) {
+    // The answers of a mount at every fault.
+    std::vector<answer> answers(const boot_numbers &numbers, const fault_kind &kind) {
         put(numbers);
-        std::vector<answer> result;
-        for (int k = 0; k < 100; k++) {
+        return answers_at_every_fault(kind, [&](fault_step &step) {
             forget_geometry();
-            const allocation_meter meter;
-            bool struck = false;
-            const answer a = ask([&] { return disturbed_mount(what, k, &struck); });
-            if (result.empty() || result.back() != a) {
-                result.push_back(a);
-            }
-            if (!struck) {
+            const answer a =
+                step.run_keeping([&] { return ask([] { return fat_build_super(); }); });
+            if (!step.struck()) {
                 expect_root_open();
-                return result;
+                return a;
             }
             EXPECT_EQ(ids_in_use(), std::vector<int>()) << a;
-            EXPECT_EQ(meter.live_blocks(), 0) << a;
-        }
-        ADD_FAILURE() << "the mount never ends undisturbed";
-        return result;
-    }
-
-private:
-    int disturbed_mount(disturbance what, int k, bool *struck) {
-        if (what == disturbance::ALLOCATION) {
-            const failing_allocation fault(k);
-            const int result = fat_build_super();
-            *struck = fault.struck();
-            return result;
-        }
-        disk.reads_before_failure = k;
-        const int result = fat_build_super();
-        *struck = disk.reads_before_failure < 0;
-        disk.reads_before_failure = -1;
-        return result;
+            EXPECT_EQ(step.left_allocated(), 0) << a;
+            return a;
+        });
     }
 };
 
@@ -507,31 +480,23 @@ const answer NO_RECORD{-ENOMEM, "open_root_directory[N]: failed to allocate memo
 
 } // namespace
 
-TEST_F(DisturbedMount, Fat16WithoutMemory) {
-    EXPECT_EQ(answers(fat16_numbers(), disturbance::ALLOCATION),
+TEST_F(DisturbedMount, EachFaultOnFat16) {
+    EXPECT_EQ(answers(fat16_numbers(), EVERY_ALLOCATION),
               (std::vector<answer>{NO_SPACE, NO_RECORD, {0, ""}}));
-}
-
-TEST_F(DisturbedMount, Fat32WithoutMemory) {
-    EXPECT_EQ(answers(fat32_numbers(), disturbance::ALLOCATION),
-              (std::vector<answer>{
-                  NO_SPACE,
-                  NO_RECORD,
-                  {-EINVAL, "fat_read_entry[N]: cannot allocate FAT\n\n" + BAD_CHAIN + NO_ROOT},
-                  {0, ""}}));
-}
-
-TEST_F(DisturbedMount, Fat16WithoutReads) {
-    EXPECT_EQ(answers(fat16_numbers(), disturbance::READ),
+    EXPECT_EQ(answers(fat16_numbers(), EVERY_READ),
               (std::vector<answer>{{-EIO, NO_READ + NO_PBR}, {0, ""}}));
 }
 
-TEST_F(DisturbedMount, Fat32WithoutReads) {
-    EXPECT_EQ(answers(fat32_numbers(), disturbance::READ),
-              (std::vector<answer>{
-                  {-EIO, NO_READ + NO_PBR},
-                  {-EINVAL, "fat_read_entry[N]: cannot read FAT\n\n" + BAD_CHAIN + NO_ROOT},
-                  {0, ""}}));
+TEST_F(DisturbedMount, EachFaultOnFat32) {
+    const std::string rest = " FAT\n\n" + BAD_CHAIN + NO_ROOT;
+    EXPECT_EQ(
+        answers(fat32_numbers(), EVERY_ALLOCATION),
+        (std::vector<answer>{
+            NO_SPACE, NO_RECORD, {-EINVAL, "fat_read_entry[N]: cannot allocate" + rest}, {0, ""}}));
+    EXPECT_EQ(answers(fat32_numbers(), EVERY_READ),
+              (std::vector<answer>{{-EIO, NO_READ + NO_PBR},
+                                   {-EINVAL, "fat_read_entry[N]: cannot read" + rest},
+                                   {0, ""}}));
 }
 
 // ---- image files ------------------------------------------------------------------------------
@@ -622,13 +587,15 @@ TEST_F(ImageFile, EachSystemCallThatFails) {
     const std::string no_fat = "fat_read_entry[N]: cannot read FAT\n\n" + BAD_CHAIN + NO_ROOT;
     const std::string no_transfer = "file_read_sectors[N]: Check here!: Input/output error";
     for (const call which : {call::read, call::lseek}) {
-        std::vector<answer> answers;
-        for (int k = 0; k < 10 && (answers.empty() || answers.back().result != 0); k++) {
-            ASSERT_GE(fat_open_volume(path.c_str(), 1, 0), 0);
-            const failing_call fault(which, EIO, k);
-            answers.push_back(mount());
-            expect_all_closed();
-        }
+        const std::vector<answer> answers =
+            answers_at_every_fault(every_call(which, EIO), [&](fault_step &step) {
+                EXPECT_GE(fat_open_volume(path.c_str(), 1, 0), 0);
+                return step.run([&] {
+                    const answer a = mount();
+                    expect_all_closed();
+                    return a;
+                });
+            });
         const bool is_read = which == call::read;
         EXPECT_EQ(
             answers,
@@ -636,25 +603,6 @@ TEST_F(ImageFile, EachSystemCallThatFails) {
                 {-EIO, no_transfer + (is_read ? "" : " (0 x 4096)") + "\n\n" + NO_READ + NO_PBR},
                 {-EINVAL, no_transfer + (is_read ? "" : " (32 x 512)") + "\n\n" + no_fat},
                 {0, ""}}));
-    }
-}
-
-TEST_F(ImageFile, EachAllocationThatFails) {
-    for (const boot_numbers &numbers : {fat16_numbers(), fat32_numbers()}) {
-        const std::string path = image_of(numbers);
-        int last = -1;
-        for (int k = 0; k < 20 && last != 0; k++) {
-            const allocation_meter meter;
-            ASSERT_GE(fat_open_volume(path.c_str(), 1, 0), 0);
-            {
-                const failing_allocation fault(k);
-                last = mount().result;
-            }
-            EXPECT_TRUE(last == 0 || last == -ENOMEM || last == -EINVAL) << last;
-            expect_all_closed();
-            EXPECT_EQ(meter.live_blocks(), 0);
-        }
-        EXPECT_EQ(last, 0);
     }
 }
 
@@ -858,14 +806,6 @@ TEST_F(PrintPbr, NothingIsPrintedOfWhatCannotBeReadOrHasNoSignature) {
         EXPECT_EQ(try_to_print(),
                   (printout{-EIO, "", NO_READ + "fat_print_pbr[N]: Unknown error!\n\n"}));
     }
-    for (const u32 size : {0U, 512U}) {
-        sv->sector_size = size;
-        const failing_allocation fault(0);
-        EXPECT_EQ(try_to_print(),
-                  (printout{-ENOMEM, "", "fat_print_pbr[N]: cannot allocate space\n"}));
-    }
-    EXPECT_EQ(print(), pbr_text(disk.peek(0, 512)));
-    EXPECT_EQ(meter.live_blocks(), 0);
 }
 
 // ---- the allocation hint ----------------------------------------------------------------------
@@ -877,8 +817,6 @@ TEST_F(BootSector, AllocationHintIsPrintedToAStream) {
     sv->last_alloc_clus = sv->num_clusters = 0xFFFFFFFF;
     EXPECT_EQ(to_stream(print_alloc_hint),
               (printout{39, "last allocated cluster: 4294967295 / 1\n", ""}));
-    EXPECT_EQ(to_stream([](FILE *) { return print_alloc_hint(nullptr); }),
-              (printout{-EINVAL, "", check_here("print_alloc_hint")}));
 }
 
 TEST_F(BootSector, AllocationHintOnAStreamThatTakesNothing) {
@@ -945,14 +883,3 @@ TEST_F(DeleteMbr, BootSectorThatIsNone) {
 }
 
 // ---- no volume --------------------------------------------------------------------------------
-
-TEST_F(ImageFile, EveryCallRefusesWhenNoVolumeIsOpen) {
-    const std::string path = scratch.file("new");
-    EXPECT_EQ(mount(), (answer{-EINVAL, check_here("fat_build_super")}));
-    EXPECT_EQ(to_stream(fat_print_pbr), (printout{-EINVAL, "", check_here("fat_print_pbr")}));
-    EXPECT_EQ(to_stream([&](FILE *) { return fat_delete_mbr(path.c_str()); }),
-              (printout{-EINVAL, "", check_here("fat_delete_mbr")}));
-    EXPECT_FALSE(std::filesystem::exists(path));
-    EXPECT_EQ(to_stream(print_alloc_hint),
-              (printout{33, "uninitialized volume information\n", ""}));
-}

@@ -1,5 +1,6 @@
 // Numeric tails: putting one on a short name, and choosing the one that a directory has left.
 
+#include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
 #include "tests/support/names.h"
 #include "tests/support/rows.h"
@@ -513,27 +514,16 @@ TEST_F(AddNumericTail, ASectorOfWhichNothingArrivesIsTheEnd) {
     EXPECT_EQ(meter.live_blocks(), 0);
 }
 
-TEST_F(AddNumericTail, WithoutMemoryForTheSectorNothingIsRead) {
-    medium.disk.log.clear();
-    const allocation_meter meter;
-    const failing_allocation fault(0);
-    EXPECT_EQ(ask("A          "), (answer{-ENOMEM, "A          ",
-                                          "add_numeric_tail[N]: Failed to allocate memory!\n\n"}));
-    EXPECT_EQ(medium.disk.log.size(), 0U);
-    EXPECT_EQ(meter.live_blocks(), 0);
-}
-
 TEST_F(AddNumericTail, NoAllocationFailsUnseen) {
     dir.fill_up(short_entry("FULL       "));
-    int failures = 0;
-    for (bool has_struck = true; has_struck; failures += has_struck ? 1 : 0) {
-        const allocation_meter meter;
-        const failing_allocation fault(failures);
-        const answer a = ask("A          ");
-        has_struck = fault.struck();
-        if (!has_struck) {
+    at_every_fault({EVERY_ALLOCATION}, [&](fault_step &step) {
+        const answer a = step.run([&] { return ask("A          "); });
+        if (!step.struck()) {
             EXPECT_EQ(a, chosen("A~1        "));
-        } else if (failures == 0) {
+            return;
+        }
+        EXPECT_EQ(a.dos, "A          ");
+        if (step.k == 0) {
             EXPECT_EQ(a.result, -ENOMEM);
         } else {
             // A link of the chain that cannot be followed.
@@ -543,10 +533,5 @@ TEST_F(AddNumericTail, NoAllocationFailsUnseen) {
                       "get_phy_sector[N]: invalid value -12\n"
                       "get_dentry_with_clu[N]: Failed to get entry sector!");
         }
-        if (has_struck) {
-            EXPECT_EQ(a.dos, "A          ");
-        }
-        EXPECT_EQ(meter.live_blocks(), 0) << "after " << failures;
-    }
-    EXPECT_GE(failures, 1);
+    });
 }

@@ -1,5 +1,6 @@
 // Short names: conversion both ways, the record of a name, tails, what is refused, entry types.
 
+#include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
 #include "tests/support/names.h"
 #include "tests/support/volume.h"
@@ -364,30 +365,26 @@ TEST_F(GetFatnames, TheLongNameEndsAfter255Units) {
 }
 
 TEST_F(GetFatnames, NoAllocationFailsUnseen) {
-    int failures = 0;
-    for (bool has_struck = true; has_struck; failures += has_struck ? 1 : 0) {
+    at_every_fault({EVERY_ALLOCATION}, [&](fault_step &step) {
         caller_string string("ReadMe.txt");
         fat_name name;
         std::memset(&name, 0x55, sizeof name);
         said.clear();
-        const allocation_meter meter;
-        const failing_allocation fault(failures);
-        const int result = get_fatnames(string.get(), &name);
-        has_struck = fault.struck();
-        if (has_struck) {
-            EXPECT_EQ(result, -ENOMEM);
-            EXPECT_EQ(said.text(), "convert_name[N]: cannot allocate space\n");
-            EXPECT_EQ(name.cstring, string.get());
-            EXPECT_EQ(name.dosName, nullptr);
-            EXPECT_EQ(name.unicode, nullptr);
-        } else {
+        const int result = step.run_keeping([&] { return get_fatnames(string.get(), &name); });
+        EXPECT_EQ(step.struck(), step.k < 2);
+        if (!step.struck()) {
             EXPECT_EQ(result, 0);
-            EXPECT_EQ(meter.live_blocks(), 2);
+            EXPECT_EQ(step.left_allocated(), 2);
             release_name(&name);
+            return;
         }
-        EXPECT_EQ(meter.live_blocks(), 0) << "after " << failures;
-    }
-    EXPECT_EQ(failures, 2);
+        EXPECT_EQ(result, -ENOMEM);
+        EXPECT_EQ(step.left_allocated(), 0);
+        EXPECT_EQ(said.text(), "convert_name[N]: cannot allocate space\n");
+        EXPECT_EQ(name.cstring, string.get());
+        EXPECT_EQ(name.dosName, nullptr);
+        EXPECT_EQ(name.unicode, nullptr);
+    });
 }
 
 TEST_F(GetFatnames, AShortNameTakes11BytesAndALongOneABlockOf512More) {

@@ -172,11 +172,6 @@ TEST_F(CheckFormatParam, RefusalLeavesErrnoAlone) {
     fclose(full);
 }
 
-TEST_F(CheckFormatParam, RefusesNoRequestAtAll) {
-    EXPECT_EQ(check_format_param(nullptr), -1);
-    EXPECT_EQ(said.text(), "check_format_param[N]: Check here!\n\n");
-}
-
 // ---- defaults ---------------------------------------------------------------------------------
 
 TEST_F(CheckFormatParam, FillsEveryDefaultOfAZeroRequest) {

@@ -115,17 +115,6 @@ TEST(Printers, PrintNothingFromLevelThreeOn) {
     EXPECT_TRUE(v.disk.log.empty());
 }
 
-TEST(Printers, PrintNothingFromLevelThreeOnWithoutAVolume) {
-    ASSERT_EQ(sv, nullptr);
-    EXPECT_EQ(to_output([] {
-                  print_volume_info(3);
-                  print_oentry(3, nullptr);
-                  test_oentry(3, 0);
-                  print_fat_value(3, 2, 0);
-              }),
-              printed(""));
-}
-
 TEST(Printers, PrintAtEveryLevelBelowThree) {
     mounted v;
     v.set_link(7, 8);
@@ -230,12 +219,6 @@ TEST(PrintVolumeInfo, NamesTheCurrentDirectoryByItsElevenBytes) {
     EXPECT_EQ(volume_line("Current"), "\tCurrent dir:\t\t       S\n");
 }
 
-TEST(PrintVolumeInfo, SaysSoWithoutAVolume) {
-    ASSERT_EQ(sv, nullptr);
-    EXPECT_EQ(to_output([] { print_volume_info(0); }),
-              (printout{0, "", "print_volume_info[N]: Check here!\n\n"}));
-}
-
 // ---- an open entry ----------------------------------------------------------------------------
 
 TEST(PrintOentry, PrintsTheRecordAndItsDirectoryEntry) {
@@ -282,11 +265,6 @@ TEST(PrintOentry, PrintsLargeNumbersAsSigned) {
                       "\tallocated:\t-2147483648 bytes\n"
                       "\tlocation:\tsector(-3), offset(2147483647)\n" +
                       DASHES));
-}
-
-TEST(PrintOentry, SaysSoWithoutAnEntry) {
-    EXPECT_EQ(to_output([] { print_oentry(0, nullptr); }),
-              (printout{0, "", "print_oentry[N]: Check here!\n\n"}));
 }
 
 // ---- a slot of the table ----------------------------------------------------------------------
@@ -381,10 +359,6 @@ TEST(TestOentry, ShowsAnOpenFile) {
 
 // ---- a name record ----------------------------------------------------------------------------
 
-TEST(PrintNameRecord, SaysThatThereIsNone) {
-    EXPECT_EQ(to_output([] { print_name_record(0, nullptr); }), printed("name isn't set\n"));
-}
-
 TEST(PrintNameRecord, ShowsMissingFormsAsNull) {
     const fat_name name = {};
     EXPECT_EQ(to_output([&] { print_name_record(0, &name); }),
@@ -439,13 +413,6 @@ TEST(PrintNameRecord, ShowsWhatTheConversionMade) {
 }
 
 // ---- a path -----------------------------------------------------------------------------------
-
-TEST(PrintPathRecord, SaysThatThereIsNone) {
-    char name[] = "name";
-    char *components[] = {name};
-    EXPECT_EQ(to_output([&] { print_path_record(0, nullptr, components, name, 1); }),
-              printed("path isn't set\n"));
-}
 
 TEST(PrintPathRecord, ShowsComponentsUpToTheirSlash) {
     char path[] = "one/two//four/last";
@@ -518,13 +485,6 @@ TEST(PrintFatValue, SaysThatTheEntryCannotBeRead) {
     EXPECT_EQ(
         to_output([] { print_fat_value(0, 5, 0); }),
         (printout{0, "Can't read 5's value in FAT\n", "fat_read_entry[N]: Invalid FAT type\n\n"}));
-}
-
-TEST(PrintFatValue, SaysThatNothingCanBeReadWithoutAVolume) {
-    ASSERT_EQ(sv, nullptr);
-    EXPECT_EQ(to_output([] { print_fat_value(0, 5, 0); }),
-              (printout{0, "Can't read 5's value in FAT\n",
-                        "fat_read_entry[N]: Invalid input: sector_size(0) n_clu(5)\n"}));
 }
 
 // ---- UTF-16 text ------------------------------------------------------------------------------

@@ -1,6 +1,6 @@
 // Removals of which the k-th transfer or allocation fails, for every k until none is left.
 
-#include "tests/support/faulty_call.h"
+#include "tests/support/every_fault.h"
 #include "tests/support/namespace_fixture.h"
 
 #include <memory>
@@ -33,40 +33,34 @@ protected:
     template <typename Call>
     void remove(u32 index, u32 clusters, const Call &call) {
         int failures = 0;
-        for (int k = 0;; k++) {
-            SCOPED_TRACE("failure " + std::to_string(k));
-            ASSERT_LT(k, 200);
+        at_every_fault({kind}, [&](fault_step &step) {
             make_volume();
-            const faulty_outcome o = call_with_fault(&v->disk, c, k, call);
-            ASSERT_EQ(o.left_allocated, 0);
+            const int result = step.run(call);
             ASSERT_EQ(mounted::open_ids(), 1);
-            if (o.result > 0) {
-                ASSERT_EQ(o.result, 1);
+            if (result > 0) {
+                ASSERT_EQ(result, 1);
                 ASSERT_EQ(v->count_free(), free_before + clusters);
                 others[index * 32] = 0xE5;
                 ASSERT_EQ(v->disk.peek(v->top.offset_of(0), 512), others);
-                if (!o.struck) {
-                    break;
-                }
-                continue;
+                return;
             }
             failures++;
-            ASSERT_TRUE(o.struck);
-            ASSERT_TRUE(o.result == -EIO || o.result == -ENOMEM || o.result == -EINVAL ||
-                        o.result == -ENOTEMPTY || o.result == -ENOENT)
-                << o.result;
+            ASSERT_TRUE(step.struck());
+            ASSERT_TRUE(result == -EIO || result == -ENOMEM || result == -EINVAL ||
+                        result == -ENOTEMPTY || result == -ENOENT)
+                << result;
             // The entry is marked last: it is there, whatever has become of its clusters.
             ASSERT_EQ(v->disk.peek(v->top.offset_of(0), 512), others);
             ASSERT_LE(v->count_free() - free_before, clusters);
             ASSERT_EQ(v->value_of(20), volume::end_mark());
-            if (o.result == -ENOTEMPTY) {
+            if (result == -ENOTEMPTY) {
                 ASSERT_EQ(v->count_free(), free_before);
             }
-        }
+        });
         EXPECT_GE(failures, 1);
     }
 
-    const faulty_case c = std::get<0>(GetParam());
+    const fault_kind kind = std::get<0>(GetParam()).kind;
     std::unique_ptr<mounted> v;
     diagnostics said;
     u32 free_before = 0;

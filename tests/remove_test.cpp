@@ -466,13 +466,6 @@ TEST_F(IsEmptyDirectory, DirectoryWithoutEntriesBehindTheDotsGivesZero) {
     EXPECT_EQ(is_empty_dir(&dir.record), -ENOTEMPTY);
 }
 
-TEST_F(IsEmptyDirectory, SectorBufferNeedsMemory) {
-    directory dir = v.sub_directory({5});
-    const failing_allocation none(0);
-    EXPECT_EQ(called([&dir] { return is_empty_dir(&dir.record); }),
-              came_to(-ENOMEM, NOT_A_DIRECTORY));
-}
-
 TEST_F(IsEmptyDirectory, EachSectorIsReadOnce) {
     directory dir = v.sub_directory({5, 6, 9});
     v.disk.log.clear();
@@ -594,14 +587,6 @@ TEST_F(RemoveEntry, IndexOutsideTheDirectoryIsItsError) {
     EXPECT_EQ(called([] { return remove_entry(sv->root_dir, 0); }).result, -EIO);
 }
 
-TEST_F(RemoveEntry, SectorBufferNeedsMemory) {
-    v.top.append(short_entry("FILE       "));
-    const failing_allocation none(0);
-    EXPECT_EQ(called([] { return remove_entry(sv->root_dir, 0); }),
-              came_to(-ENOMEM, "remove_entry[N]: Check here!\n\n"));
-    EXPECT_EQ(v.top.at(0)[0], 'F');
-}
-
 // ---- names by index ---------------------------------------------------------------------------
 
 namespace {
@@ -696,14 +681,6 @@ TEST_F(GetNameOfEntry, EntryThatIsNeitherFileNorDirectoryIsNotFound) {
     }
     v.top.append(short_entry("INVALID    ", LABEL | DIRECTORY));
     EXPECT_EQ(ask(4), came_to(-ENOENT, "entry_type[N]: Unknown entry type: 24\n\n" + NO_SLOT));
-}
-
-TEST_F(GetNameOfEntry, SectorBufferNeedsMemory) {
-    v.top.append(short_entry("FILE       "));
-    name.assign(300, '\xCC');
-    const failing_allocation none(0);
-    EXPECT_EQ(get_name_of_entry(0, 0, name.data(), 256), -ENOMEM);
-    EXPECT_EQ(name, std::string(300, '\xCC'));
 }
 
 TEST_F(GetNameOfEntry, SlotThatCannotBeReadLeavesTheShortName) {

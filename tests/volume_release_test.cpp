@@ -1,5 +1,6 @@
 // The end of a volume: what is closed and freed, and cutting an image behind its last cluster.
 
+#include "tests/support/every_fault.h"
 #include "tests/support/rows.h"
 #include "tests/support/volume_fixture.h"
 
@@ -133,18 +134,6 @@ TEST_F(VolumeRelease, ClosesTheTargetAndForgetsTheRecord) {
     expect_closed();
 }
 
-TEST_F(VolumeRelease, WithoutAVolumeSaysSoOnStandardOutput) {
-    open_image(20, 0);
-    EXPECT_EQ(fat_close_volume(0), 0);
-    for (const int compact : {0, 1, 2}) {
-        standard_output out;
-        const int result = fat_close_volume(compact);
-        EXPECT_EQ(out.stop(), "sv is null\n");
-        EXPECT_EQ(result, 0);
-    }
-    EXPECT_EQ(said.text(), "");
-}
-
 TEST_F(VolumeRelease, OnlyCompactOneCutsTheImage) {
     for (const int compact : {0, 2, -1, 256, 257}) {
         open_image(20, 2);
@@ -200,11 +189,6 @@ TEST_F(VolumeRelease, AnImageThatWasNeverMountedIsNotCut) {
     EXPECT_EQ(std::filesystem::file_size(unknown), 100000U);
     ASSERT_NE(sv, nullptr);
     EXPECT_EQ(fat_close_volume(0), 0);
-}
-
-TEST_F(VolumeRelease, WithoutAVolumeThereIsNothingToCompact) {
-    EXPECT_EQ(fat_release_volume(1), -EINVAL);
-    EXPECT_EQ(said.text(), "fat_release_volume[N]: Check here!\n\n");
 }
 
 TEST_F(VolumeRelease, LeavesTheStandardDescriptorsOpen) {
@@ -438,59 +422,33 @@ TEST_F(Compaction, AFatThatCannotBeReadStopsIt) {
     }
 }
 
-TEST_F(Compaction, StopsAtWhicheverReadFails) {
-    bool struck = true;
-    for (int k = 0; struck; k++) {
+TEST_F(Compaction, StopsAtWhicheverReadOrAllocationFails) {
+    const fault_kind every_read = every_call(call::read, EIO);
+    at_every_fault({every_read, EVERY_ALLOCATION, NO_ALLOCATION_FROM}, [&](fault_step &step) {
         open_image(300, 2);
         link(290, 0xFFFF);
         const u64 full_length = length();
-        const allocation_meter meter;
-        const failing_call fault(call::read, EIO, k);
         said.clear();
-        const int result = fat_close_volume(1);
-        struck = fault.struck();
-        if (struck) {
-            EXPECT_EQ(result, -EIO) << k;
-            EXPECT_EQ(said.text(), heading(2, 300) +
-                                       "file_read_sectors[N]: Check here!: Input/output error\n\n"
-                                       "fat_read_entry[N]: cannot read FAT\n\n"
-                                       "fat_release_volume[N]: Invalid cluster value\n\n");
+        const int result = step.run([] { return fat_close_volume(1); });
+        if (step.struck()) {
+            const bool is_read = step.is(fault::system_call);
+            EXPECT_EQ(result, is_read ? -EIO : -ENOMEM);
+            EXPECT_EQ(said.text(),
+                      heading(2, 300) +
+                          (is_read ? "file_read_sectors[N]: Check here!: Input/output error\n\n"
+                                     "fat_read_entry[N]: cannot read FAT\n\n"
+                                   : "fat_read_entry[N]: cannot allocate FAT\n\n") +
+                          "fat_release_volume[N]: Invalid cluster value\n\n");
             expect_still_open(full_length);
             EXPECT_EQ(fat_close_volume(0), 0);
         } else {
-            EXPECT_GT(k, 1) << "the FAT reaches into two sectors";
+            EXPECT_TRUE(!step.is(fault::system_call) || step.k > 1)
+                << "the FAT reaches into two sectors";
             EXPECT_EQ(result, 0);
             EXPECT_EQ(length(), end_of(290));
         }
-        EXPECT_EQ(meter.live_blocks(), 0);
         expect_closed();
-    }
-}
-
-TEST_F(Compaction, StopsAtWhicheverAllocationFails) {
-    for (const bool forever : {false, true}) {
-        bool struck = true;
-        for (int k = 0; struck; k++) {
-            open_image(20, 2);
-            const u64 full_length = length();
-            said.clear();
-            const failing_allocation fault(k, forever);
-            const int result = fat_close_volume(1);
-            struck = fault.struck();
-            if (struck) {
-                EXPECT_EQ(result, -ENOMEM) << k;
-                EXPECT_EQ(said.text(), heading(2, 20) +
-                                           "fat_read_entry[N]: cannot allocate FAT\n\n"
-                                           "fat_release_volume[N]: Invalid cluster value\n\n");
-                expect_still_open(full_length);
-                EXPECT_EQ(fat_close_volume(0), 0);
-            } else {
-                EXPECT_EQ(result, 0);
-                EXPECT_EQ(length(), end_of(2));
-            }
-            expect_closed();
-        }
-    }
+    });
 }
 
 TEST_F(Compaction, AnImageThatCannotBeCutIsReleasedAllTheSame) {

@@ -1,5 +1,6 @@
 // The volume: opening and sizing its target, sector transfers, blank images.
 
+#include "tests/support/every_fault.h"
 #include "tests/support/rows.h"
 #include "tests/support/volume_fixture.h"
 
@@ -842,18 +843,17 @@ TEST_F(CreateVolume, ClosesTheFileWhenThereIsNoMemory) {
 
 TEST_F(CreateVolume, ClosesAndFreesWhicheverWriteFails) {
     const std::string path = scratch.file("image");
-    for (int k = 0; k < 4; k++) {
+    at_every_fault({every_call(call::write, ENOSPC)}, [&](fault_step &step) {
         said.clear();
-        const allocation_meter meter;
-        const failing_call fault(call::write, ENOSPC, k);
-        expect_failure(create_fat_volume(path.c_str(), 512, 4), -EIO, "failed to write!");
-        EXPECT_EQ(meter.live_blocks(), 0) << k;
-        EXPECT_EQ(read_file(path).size(), static_cast<std::size_t>(512 * k));
-    }
-    said.clear();
-    const failing_call fault(call::write, ENOSPC, 4);
-    EXPECT_GE(create_fat_volume(path.c_str(), 512, 4), 0);
-    EXPECT_FALSE(fault.struck());
+        const int result = step.run([&] { return create_fat_volume(path.c_str(), 512, 4); });
+        EXPECT_EQ(step.struck(), step.k < 4);
+        if (step.struck()) {
+            expect_failure(result, -EIO, "failed to write!");
+            EXPECT_EQ(read_file(path).size(), static_cast<std::size_t>(512 * step.k));
+        } else {
+            EXPECT_GE(result, 0);
+        }
+    });
 }
 
 TEST_F(CreateVolume, TheFileCanBeOpenedAsAVolume) {

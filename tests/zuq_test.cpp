@@ -1,6 +1,7 @@
 // The reserved files of the flash driver: making the pool and the log file, looking clusters up in
 // the pool.
 
+#include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
 #include "tests/support/moment.h"
 #include "tests/support/mounted.h"
@@ -244,30 +245,6 @@ TEST(MakePoolTest, NeedsTheRootDirectoryOpen) {
     EXPECT_EQ(zuq_make_pool(), -EINVAL);
     EXPECT_EQ(said.text(), "zuq_make_pool[N]: root directory isn't open\n");
     EXPECT_TRUE(disk.log.empty());
-}
-
-TEST(MakePoolTest, SaysSoOfAVolumeThatIsNotMounted) {
-    const ram_disk disk(1 << 20);
-    diagnostics said;
-    EXPECT_EQ(zuq_make_pool(), -EINVAL);
-    EXPECT_EQ(said.text(), "zuq_make_pool[N]: root directory isn't open\n");
-}
-
-TEST(MakePoolTest, SaysSoWithNoVolume) {
-    ASSERT_EQ(sv, nullptr);
-    diagnostics said;
-    EXPECT_EQ(zuq_make_pool(), -EINVAL);
-    EXPECT_EQ(said.text(), "zuq_make_pool[N]: root directory isn't open\n");
-}
-
-TEST(MakePoolTest, TellsOfMissingMemoryFirst) {
-    zuq_case c;
-    const answer a = c.ask([] {
-        const failing_allocation fault(0);
-        return zuq_make_pool();
-    });
-    EXPECT_EQ(a, (answer{-ENOMEM, "zuq_make_pool[N]: Failed to allocate memory!\n\n"}));
-    EXPECT_TRUE(c.v.disk.log.empty());
 }
 
 TEST(MakePoolTest, RefusesASecondPool) {
@@ -523,20 +500,6 @@ TEST(MakeLogTest, NeedsTheRootDirectoryOpen) {
     EXPECT_TRUE(disk.log.empty());
 }
 
-TEST(MakeLogTest, SaysSoOfAVolumeThatIsNotMounted) {
-    const ram_disk disk(1 << 20);
-    diagnostics said;
-    EXPECT_EQ(zuq_make_log(), -EINVAL);
-    EXPECT_EQ(said.text(), "zuq_make_log[N]: Failed to get parent!\n\n");
-}
-
-TEST(MakeLogTest, SaysSoWithNoVolume) {
-    ASSERT_EQ(sv, nullptr);
-    diagnostics said;
-    EXPECT_EQ(zuq_make_log(), -EINVAL);
-    EXPECT_EQ(said.text(), "zuq_make_log[N]: Failed to get parent!\n\n");
-}
-
 TEST(MakeLogTest, RefusesASecondLog) {
     zuq_case c({.sec_per_clus = 64});
     EXPECT_EQ(c.make_log(), (answer{0, ""}));
@@ -657,46 +620,16 @@ TEST(MakeLogTest, TellsOfAnEntryThatCannotBeUpdated) {
 
 // ---- both, with every transfer and allocation failing -----------------------------------------
 
-enum class broken_thing { read, write, memory };
-
-// The last messages, with their results, of a call of which the first, second, ... of these things
-// fails, adjacent equal ones once.
-std::vector<answer> under_faults(broken_thing what, const volume_shape &shape, int (*call)()) {
-    std::vector<answer> result;
-    for (int k = 0; k < 1000; k++) {
+// The last messages, with their results, of a call at every fault.
+std::vector<answer> under_faults(const fault_kind &kind, const volume_shape &shape, int (*call)()) {
+    return answers_at_every_fault(kind, [&](fault_step &step) {
         zuq_case c(shape);
         sv->last_alloc_clus = 99;
-        bool struck = false;
-        const answer whole = c.ask([&] {
-            const allocation_meter meter;
-            int value = 0;
-            if (what == broken_thing::memory) {
-                const failing_allocation fault(k);
-                value = call();
-                struck = fault.struck();
-            } else {
-                int &before = what == broken_thing::read ? c.v.disk.reads_before_failure
-                                                         : c.v.disk.writes_before_failure;
-                before = k;
-                value = call();
-                struck = before < 0;
-                before = -1;
-            }
-            EXPECT_EQ(meter.live_blocks(), 0) << "fault " << k;
-            return value;
-        });
-        EXPECT_EQ(ids_in_use(), std::vector<int>{0}) << "fault " << k;
+        const answer whole = c.ask([&] { return step.run(call); });
+        EXPECT_EQ(ids_in_use(), std::vector<int>{0});
         EXPECT_EQ(sv->current_dir, sv->root_dir);
-        const answer a{whole.result, last_message(whole.said)};
-        if (result.empty() || result.back() != a) {
-            result.push_back(a);
-        }
-        if (!struck) {
-            return result;
-        }
-    }
-    ADD_FAILURE() << "the call never ends undisturbed";
-    return result;
+        return answer{whole.result, last_message(whole.said)};
+    });
 }
 
 answer pool_says(int result, const std::string &message) {
@@ -707,7 +640,7 @@ answer log_says(int result, const std::string &message) {
 }
 
 TEST(MakePoolUnderFaults, NamesTheStepOfEveryReadThatFails) {
-    EXPECT_EQ(under_faults(broken_thing::read, {}, zuq_make_pool),
+    EXPECT_EQ(under_faults(EVERY_READ, {}, zuq_make_pool),
               (std::vector<answer>{pool_says(-EIO, "Failed to create pool file!"), // the lookup
                                    pool_says(-ENOSPC, "Failed to create pool file!"),
                                    pool_says(-EIO, "Failed to create pool file!"),
@@ -718,7 +651,7 @@ TEST(MakePoolUnderFaults, NamesTheStepOfEveryReadThatFails) {
 }
 
 TEST(MakePoolUnderFaults, NamesTheStepOfEveryWriteThatFails) {
-    EXPECT_EQ(under_faults(broken_thing::write, {}, zuq_make_pool),
+    EXPECT_EQ(under_faults(EVERY_WRITE, {}, zuq_make_pool),
               (std::vector<answer>{pool_says(-EIO, "Failed to create pool file!"),
                                    pool_says(-EIO, "Failed to allocate cluster!"),
                                    pool_says(-EIO, "Failed to write sector!"),
@@ -727,7 +660,7 @@ TEST(MakePoolUnderFaults, NamesTheStepOfEveryWriteThatFails) {
 }
 
 TEST(MakePoolUnderFaults, NamesTheStepOfEveryAllocationThatFails) {
-    EXPECT_EQ(under_faults(broken_thing::memory, {}, zuq_make_pool),
+    EXPECT_EQ(under_faults(EVERY_ALLOCATION, {}, zuq_make_pool),
               (std::vector<answer>{pool_says(-ENOMEM, "Failed to allocate memory!"),
                                    pool_says(-ENOMEM, "Failed to create pool file!"),
                                    pool_says(-ENOSPC, "Failed to create pool file!"),
@@ -739,7 +672,7 @@ TEST(MakePoolUnderFaults, NamesTheStepOfEveryAllocationThatFails) {
 }
 
 TEST(MakeLogUnderFaults, NamesTheStepOfEveryReadThatFails) {
-    EXPECT_EQ(under_faults(broken_thing::read, {.sec_per_clus = 64}, zuq_make_log),
+    EXPECT_EQ(under_faults(EVERY_READ, {.sec_per_clus = 64}, zuq_make_log),
               (std::vector<answer>{log_says(-EIO, "Failed to create!"), // the lookup
                                    log_says(-ENOSPC, "Failed to create!"),
                                    log_says(-EIO, "Failed to create!"),
@@ -749,14 +682,14 @@ TEST(MakeLogUnderFaults, NamesTheStepOfEveryReadThatFails) {
 }
 
 TEST(MakeLogUnderFaults, NamesTheStepOfEveryWriteThatFails) {
-    EXPECT_EQ(under_faults(broken_thing::write, {.sec_per_clus = 64}, zuq_make_log),
+    EXPECT_EQ(under_faults(EVERY_WRITE, {.sec_per_clus = 64}, zuq_make_log),
               (std::vector<answer>{log_says(-EIO, "Failed to create!"),
                                    log_says(-EIO, "Failed to get parent!"),
                                    {0, ""}}));
 }
 
 TEST(MakeLogUnderFaults, NamesTheStepOfEveryAllocationThatFails) {
-    EXPECT_EQ(under_faults(broken_thing::memory, {.sec_per_clus = 64}, zuq_make_log),
+    EXPECT_EQ(under_faults(EVERY_ALLOCATION, {.sec_per_clus = 64}, zuq_make_log),
               (std::vector<answer>{log_says(-ENOMEM, "Failed to create!"),
                                    log_says(-ENOSPC, "Failed to create!"),
                                    log_says(-ENOMEM, "Failed to create!"),
@@ -1073,13 +1006,6 @@ TEST_P(FindPool, TakesAPoolWhoseFirstClusterIsFree) {
     EXPECT_EQ(c.find_pool(0).result, -ENOENT);
     EXPECT_EQ(c.find_pool(20).result, 20);
     EXPECT_EQ(c.find_pool(21).result, -ENOENT);
-}
-
-TEST(FindPoolTest, RefusesWithNoVolume) {
-    ASSERT_EQ(sv, nullptr);
-    diagnostics said;
-    EXPECT_EQ(fat_find_pool(1), -EINVAL);
-    EXPECT_EQ(said.text(), "fat_find_pool[N]: Check here!\n\n");
 }
 
 } // namespace

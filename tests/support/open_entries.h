@@ -5,7 +5,7 @@
 
 #include "fat/internal.h"
 #include "tests/support/capture.h"
-#include "tests/support/faults.h"
+#include "tests/support/every_fault.h"
 #include "tests/support/volume.h"
 
 #include <algorithm>
@@ -231,57 +231,38 @@ protected:
         return a;
     }
 
-    // The answers of a call while its first, second, ... allocation fails, adjacent equal ones
-    // once; the last is that of a call that nothing disturbed. `undo` takes a success back.
+    // The answers of a call at every fault, adjacent equal ones once; the last is that of the call
+    // that nothing disturbed. `undo` takes a success back.
     template <typename Call, typename Undo>
-    std::vector<answer> with_failing_allocations(Call call, Undo undo) {
-        return disturbed(undo, [&](int k, answer *a) {
-            const failing_allocation fault(k);
-            const int result = call();
-            const bool struck = fault.struck();
-            a->result = result;
-            return struck;
-        });
+    std::vector<answer> answers_under(const fault_kind &kind, Call call, Undo undo) {
+        return answers_at_every_fault(
+            kind, [&](fault_step &step) { return answer_under(&step, call, undo); });
     }
-    // The same for its reads.
+    // A call that succeeds without a read.
     template <typename Call, typename Undo>
-    std::vector<answer> with_failing_reads(Call call, Undo undo) {
-        return disturbed(undo, [&](int k, answer *a) {
-            v.disk.reads_before_failure = k;
-            a->result = call();
-            const bool struck = v.disk.reads_before_failure < 0;
-            v.disk.reads_before_failure = -1;
-            return struck;
+    void expect_no_read(Call call, Undo undo) {
+        const int reads = at_any_fault(EVERY_READ, [&](fault_step &step) {
+            EXPECT_EQ(answer_under(&step, call, undo), (answer{0, ""}));
         });
+        EXPECT_EQ(reads, 0);
     }
 
     tree v;
     diagnostics said;
 
 private:
-    template <typename Undo, typename Disturb>
-    std::vector<answer> disturbed(Undo undo, Disturb disturb) {
-        std::vector<answer> answers;
-        const allocation_meter meter;
-        for (int k = 0; k < 1000; k++) {
-            answer a{};
-            said.clear();
-            const bool struck = disturb(k, &a);
+    template <typename Call, typename Undo>
+    answer answer_under(fault_step *step, Call call, Undo undo) {
+        said.clear();
+        return step->run([&] {
+            answer a{call(), ""};
             a.said = said.text();
             EXPECT_TRUE(table_agrees()) << "after " << a;
-            if (!struck) {
+            if (a.result >= 0) {
                 undo(a.result);
             }
-            EXPECT_EQ(meter.live_blocks(), 0) << "after " << a;
-            if (answers.empty() || answers.back() != a) {
-                answers.push_back(a);
-            }
-            if (!struck) {
-                return answers;
-            }
-        }
-        ADD_FAILURE() << "the call never ends undisturbed";
-        return answers;
+            return a;
+        });
     }
 };
 

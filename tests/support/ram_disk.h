@@ -56,6 +56,10 @@ public:
         current() = nullptr;
     }
 
+    // The disk that the library's transfers reach.
+    [[nodiscard]] static ram_disk *in_use() {
+        return current();
+    }
     // Points the library's transfers at this disk again.
     void use() {
         current() = this;
@@ -68,6 +72,7 @@ public:
     int writes_before_failure = -1; // likewise
     int failure_result = -5;        // what a failing transfer returns, and moves where positive
     bool fails_forever = false;
+    int ordered_failures = 0;            // transfers that failed by the countdowns
     std::set<std::uint64_t> bad_sectors; // transfers that touch one of these always fail
     std::set<std::uint64_t> unreadable;  // reads that do
     std::set<std::uint64_t> unwritable;  // writes that do
@@ -136,11 +141,12 @@ private:
     static std::uint64_t unit() {
         return sv->sector_size != 0 ? sv->sector_size : 4096;
     }
-    bool fails(int *before_failure) const {
+    bool fails(int *before_failure) {
         if (*before_failure < 0) {
             return false;
         }
         if (*before_failure == 0) {
+            ordered_failures++;
             if (!fails_forever) {
                 *before_failure = -1;
             }
