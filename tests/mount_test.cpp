@@ -235,12 +235,14 @@ TEST_F(BootSector, Fat32Geometry) {
     EXPECT_EQ(picture_of(0), tree::opened_root());
 }
 
+// Only FAT16 without root entries is refused.
 TEST_F(BootSector, WidthFollowsFromTheClusterCountAlone) {
     for (const bool has_fat32_block : {false, true}) {
         for (const u32 clusters : {0U, 1U, 4084U, 4085U, 4086U, 65523U, 65524U, 65525U, 65526U}) {
-            for (const u32 rest : {0U, 3U}) {
+            for (const auto &[rest, root_entries] : {std::pair{0U, 0U}, {0U, 1U}, {3U, 512U}}) {
                 boot_numbers numbers = has_fat32_block ? fat32_numbers() : fat16_numbers();
                 numbers.sec_per_clus = 4;
+                numbers.root_entries = root_entries;
                 numbers.root_clus = 2;
                 numbers.total_16 = 0;
                 numbers.total_32 = first_data_sector(numbers) + 4 * clusters + rest;
@@ -248,8 +250,12 @@ TEST_F(BootSector, WidthFollowsFromTheClusterCountAlone) {
                 put(numbers);
                 disk.poke(std::uint64_t{numbers.reserved} * 512 + 8, {0xFF, 0xFF, 0xFF, 0x0F});
                 const answer a = mount_afresh(numbers);
-                if (clusters < 4085) {
-                    EXPECT_EQ(a, (answer{-EINVAL, over_limit(static_cast<int>(clusters), 0)}));
+                const bool has_no_root = clusters < 65525 && root_entries == 0;
+                if (clusters < 4085 || has_no_root) {
+                    EXPECT_EQ(a, (answer{-EINVAL, clusters < 4085
+                                                      ? over_limit(static_cast<int>(clusters), 0)
+                                                      : BROKEN}));
+                    EXPECT_EQ(sv->fat_type, 0U);
                     EXPECT_EQ(ids_in_use(), std::vector<int>());
                     continue;
                 }
@@ -626,7 +632,9 @@ TEST_F(ImageFile, ThatIsRefusedIsNotCut) {
     too_small.total_16 = static_cast<u16>(first_data_sector(too_small) - 1);
     boot_numbers one_cluster = fat16_numbers();
     one_cluster.total_16 = static_cast<u16>(first_data_sector(one_cluster) + 1);
-    for (const boot_numbers &numbers : {without_fat, too_small, one_cluster}) {
+    boot_numbers without_root = fat16_numbers();
+    without_root.root_entries = 0;
+    for (const boot_numbers &numbers : {without_fat, too_small, one_cluster, without_root}) {
         const std::string path = image_of(numbers);
         ASSERT_GE(fat_open_volume(path.c_str(), 1, 0), 0);
         EXPECT_EQ(mount().result, -EINVAL);
