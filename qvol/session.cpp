@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -226,6 +227,10 @@ bool is_fsinfo(const std::vector<u8> &sector) {
 
 target::target(std::string path, access wanted)
     : path_(std::move(path)), is_writable_(wanted == access::WRITE) {
+    if (is_writable_) {
+        // A reader of the output that goes away must not end the program between two writes.
+        (void)std::signal(SIGPIPE, SIG_IGN);
+    }
     fat::held_descriptor fd(open_target(path_, wanted));
     lock_target(fd.get(), path_, wanted);
     const struct stat status = status_of(fd.get(), path_);

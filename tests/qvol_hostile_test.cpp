@@ -488,3 +488,159 @@ TEST_P(QvolHealthy, IsWrittenToAsTheFormatterMadeIt) {
         }
     }
 }
+
+// ---- closed standard streams ------------------------------------------------------------------
+
+class QvolStreams : public QvolImage {
+protected:
+    QvolStreams() {
+        setenv("SOURCE_DATE_EPOCH", "1700000000", 1);
+        format("16", 3 << 20, "1");
+        said("put", {host_file("FILE", std::string(3000, 'x')), "/"});
+        said("mkdir", {"/DIR"});
+        pristine_ = read_file(image_);
+    }
+
+    // Runs a command on the volume as it was, with streams closed: bit N for descriptor N.
+    outcome run_closed(const std::vector<std::string> &arguments, unsigned closed) {
+        (void)scratch_.file_with("disk.img", pristine_);
+        std::filesystem::remove(scratch_.file("got"));
+        std::string command = "exec \"$@\"";
+        for (unsigned fd = 0; fd < 3; fd++) {
+            command += (closed >> fd & 1) != 0 ? " " + std::to_string(fd) + ">&-" : "";
+        }
+        std::vector<std::string> all = {qvol_path()};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        return shell(command, all);
+    }
+
+    // The image, and what a command wrote on the host.
+    std::vector<bytes> written() const {
+        const std::string got = scratch_.file("got");
+        return {read_file(image_), std::filesystem::exists(got) ? read_file(got) : bytes{}};
+    }
+
+    std::vector<std::vector<std::string>> every_command() {
+        const std::string got = scratch_.file("got");
+        const std::string file = host_file("new", "new");
+        std::vector<std::vector<std::string>> commands = {
+            {"build", image_, "--force", "--size", "4M", "--from",
+             host_file("tree/a", "a") + "/.."},
+            {"build", got, "--size", "auto"},
+            {"info", image_},
+            {"ls", "-lR", image_},
+            {"tree", image_},
+            {"stat", image_, "/FILE"},
+            {"cat", image_, "/FILE"},
+            {"get", image_, "/FILE", got},
+            {"put", image_, file, "/"},
+            {"put", "--encoding", "latin1", image_, file, "/"},
+            {"mkdir", image_, "/NEW"},
+            {"mkdir", image_, "/DIR"}, // exists
+            {"mv", image_, "/FILE", "/DIR"},
+            {"ln", image_, "FILE", "/LINK"},
+            {"rm", image_, "/FILE", "/DIR"},
+            {"pool", image_},
+            {"log", image_},
+            {"fastpath", image_, "/FILE"},
+            {"owner", image_, "2"},
+            {"map", image_},
+            {"map", image_, "--svg", got},
+            {"dump", image_, "fat", got},
+            {"check", image_},
+            {"check", image_, "--repair"},
+            {"mirror", image_},
+            {"compact", image_},
+        };
+        const std::size_t count = commands.size();
+        for (std::size_t i = 0; i < count; i++) {
+            for (const char *option : {"--json", "-v"}) {
+                commands.push_back(commands[i]);
+                commands.back().push_back(option);
+            }
+        }
+        for (const char *argument : {"--version", "--help", "--wrong", "wrong"}) {
+            commands.push_back({argument});
+        }
+        commands.push_back({"ls", "--help"});
+        commands.push_back({"put", image_, "--wrong"});
+        commands.push_back({"put", "-q", image_, file, "/"});
+        commands.push_back({"ls", scratch_.file("missing")});
+        return commands;
+    }
+
+    bytes pristine_;
+};
+
+// A failure to write what a command has to print is reported; the image is as with open streams.
+TEST_F(QvolStreams, ClosedOnesDoNotReachTheImage) {
+    for (const std::vector<std::string> &command : every_command()) {
+        SCOPED_TRACE(testing::PrintToString(command));
+        const outcome open = run_closed(command, 0);
+        const std::vector<bytes> expected = written();
+        for (unsigned closed = 1; closed < 8 && !HasFailure(); closed++) {
+            SCOPED_TRACE(closed);
+            const bool loses_output = (closed & 2) != 0 && !open.out.empty();
+            outcome wanted = open;
+            if (loses_output) {
+                wanted.status = open.status == 0 ? 1 : open.status;
+                wanted.out = "";
+                wanted.err += open.status == 2
+                                  ? ""
+                                  : "qvol: cannot write to standard output: Bad file descriptor\n";
+            }
+            if ((closed & 4) != 0) {
+                wanted.err = "";
+            }
+            EXPECT_EQ(run_closed(command, closed), wanted);
+            EXPECT_TRUE(written() == expected);
+        }
+    }
+}
+
+TEST_F(QvolStreams, NeedNoDevices) {
+    if (!can_mount_privately()) {
+        GTEST_SKIP() << "no mount namespace for this user";
+    }
+    const std::string image = scratch_.file("got");
+    EXPECT_EQ(shell_with_private_mounts("mount -t tmpfs none /dev && exec \"$@\" 0<&- 1>&- 2>&-",
+                                        {qvol_path(), "build", "-q", image, "--size", "4M"}),
+              (outcome{0, "", ""}));
+    EXPECT_EQ(run_qvol({"check", "-q", image}), (outcome{0, "", ""}));
+}
+
+// The reader has gone before the command starts.
+TEST_F(QvolStreams, BrokenPipeEndsOnlyWhatReads) {
+    const auto into_broken_pipe = [&](std::vector<std::string> arguments) {
+        (void)scratch_.file_with("disk.img", pristine_);
+        const std::string pipe = scratch_.file("pipe");
+        std::filesystem::remove(pipe);
+        arguments.insert(arguments.begin(), {pipe, qvol_path()});
+        return shell(
+            "mkfifo \"$1\" && exec 3<>\"$1\" 4>\"$1\" 3>&- && shift && exec \"$@\" >&4 4>&-",
+            arguments);
+    };
+    EXPECT_EQ(into_broken_pipe({"ls", image_}), (outcome{128 + SIGPIPE, "", ""}));
+    const std::string file = host_file("new", "new");
+    ASSERT_EQ(run_closed({"put", image_, file, "/"}, 0).status, 0);
+    const bytes expected = read_file(image_);
+    EXPECT_EQ(into_broken_pipe({"put", image_, file, "/"}),
+              (outcome{1, "", "qvol: cannot write to standard output: Broken pipe\n"}));
+    EXPECT_TRUE(read_file(image_) == expected);
+}
+
+TEST_F(QvolStreams, FullDiskIsReportedHoweverMuchIsPrinted) {
+    for (const char *command : {"info", "map", "cat", "--help"}) {
+        std::vector<std::string> arguments = {qvol_path(), command};
+        if (std::string(command) != "--help") {
+            arguments.push_back(image_);
+        }
+        if (std::string(command) == "cat") {
+            arguments.insert(arguments.end(), 20, "/FILE"); // more than a buffer
+        }
+        EXPECT_EQ(
+            shell("exec \"$@\" >/dev/full", arguments),
+            (outcome{1, "", "qvol: cannot write to standard output: No space left on device\n"}))
+            << command;
+    }
+}
