@@ -87,10 +87,20 @@ void place_areas(const u8 *pbr) {
     }
 }
 
+// FAT16 by the count, without the root area that FAT16 has: FAT32 with too few clusters. Taken for
+// FAT16 it would seem empty, and writing would destroy it.
+bool lacks_root_area(const u8 *pbr, u32 width) {
+    return width == 16 && load(pbr, PBR_ROOT_ENTRIES) == 0;
+}
+
+int refuse_boot_sector() {
+    report_at("fat_build_super", __LINE__, "PBR data is broken\n\n");
+    return -EINVAL;
+}
+
 int fill_geometry(const u8 *pbr) {
     if (!read_sizes(pbr) || !count_clusters(pbr)) {
-        report_at("fat_build_super", __LINE__, "PBR data is broken\n\n");
-        return -EINVAL;
+        return refuse_boot_sector();
     }
     const u32 width = width_of(sv->num_clusters);
     if (width == 0) {
@@ -98,6 +108,9 @@ int fill_geometry(const u8 *pbr) {
                   "NumCluster is over the limitation: clus(%d), FAT%d\n",
                   static_cast<int>(sv->num_clusters), static_cast<int>(sv->fat_type));
         return -EINVAL;
+    }
+    if (lacks_root_area(pbr, width)) {
+        return refuse_boot_sector();
     }
     sv->fat_type = width;
     place_areas(pbr);

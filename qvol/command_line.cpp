@@ -3,6 +3,7 @@
 #include "qvol/times.h"
 
 #include <new>
+#include <sstream>
 
 #include <fmt/format.h>
 
@@ -30,8 +31,20 @@ int run_chosen(const std::function<int()> &work) {
         report(failure);
     } catch (const std::bad_alloc &) {
         report(std::string("no memory"));
+    } catch (const std::exception &failure) {
+        report(std::string("unexpected failure: ") + failure.what());
     }
     return EXIT_FAILED;
+}
+
+// A request for help, or what is wrong with the command line.
+int print_instead(const CLI::App &app, const CLI::ParseError &why) {
+    std::ostringstream out;
+    std::ostringstream err;
+    const int status = app.exit(why, out, err) == 0 ? EXIT_DONE : EXIT_USAGE;
+    write_bytes(out.str().data(), out.str().size());
+    write_error_text(err.str());
+    return status;
 }
 
 } // namespace
@@ -59,7 +72,7 @@ int command_line::run(int argc, char **argv) {
     try {
         app_.parse(argc, argv);
     } catch (const CLI::ParseError &failure) {
-        return app_.exit(failure) == 0 ? EXIT_DONE : EXIT_USAGE;
+        return run_chosen([&] { return print_instead(app_, failure); });
     }
     if (!common_.out.is_verbose) {
         fat_set_diagnostics(nullptr);

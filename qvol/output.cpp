@@ -16,6 +16,18 @@ namespace {
 
 constexpr u32 MAX_LINK_BYTES = 4096;
 
+int output_failure = 0; // errno of the first write to standard output that failed
+
+void note_output_failure() {
+    output_failure = output_failure == 0 ? errno : output_failure;
+}
+
+void flush_output() {
+    if (std::fflush(stdout) != 0) {
+        note_output_failure();
+    }
+}
+
 const char *colour_of(kind type) {
     switch (type) {
     case kind::DIRECTORY:
@@ -38,7 +50,9 @@ bool uses_colour() {
 }
 
 void write_bytes(const void *bytes, std::size_t size) {
-    std::fwrite(bytes, 1, size, stdout); // finish_output() tells what went wrong
+    if (std::fwrite(bytes, 1, size, stdout) != size) { // finish_output() reports it
+        note_output_failure();
+    }
 }
 
 // NOLINTNEXTLINE(readability-convert-member-functions-to-static): one of the ways of an output
@@ -80,20 +94,26 @@ void report_totals(const output &out, const tree_totals &totals) {
 }
 
 void finish_output() {
-    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
-        throw system_failure("write to standard output");
+    flush_output();
+    if (output_failure != 0) {
+        throw system_failure("write to standard output", output_failure);
     }
 }
 
+// A failure to write to standard error cannot be reported anywhere; the exit status remains.
+void write_error_text(const std::string &text) {
+    std::fwrite(text.data(), 1, text.size(), stderr);
+}
+
 void report(const std::string &message) {
-    std::fflush(stdout);
-    fmt::print(stderr, "qvol: {}\n", message);
+    flush_output();
+    write_error_text(fmt::format("qvol: {}\n", message));
 }
 
 void report(const error &failure) {
     report(std::string(failure.what()));
     for (const std::string &detail : failure.details()) {
-        fmt::print(stderr, "  {}\n", detail);
+        write_error_text(fmt::format("  {}\n", detail));
     }
 }
 

@@ -50,6 +50,9 @@ void write_bytes(const void *bytes, std::size_t size);
 // Throws error where standard output did not take everything.
 void finish_output();
 
+// Text for standard error, as it is.
+void write_error_text(const std::string &text);
+
 // Tells an error on standard error.
 void report(const error &failure);
 void report(const std::string &message);

@@ -48,7 +48,7 @@ void progress::add(u64 bytes) {
 
 void progress::draw(clock::time_point now) {
     const double seconds = std::chrono::duration<double>(now - begin_).count();
-    fmt::print(stderr, "\r\x1b[K{}", progress_text(label_, done_, total_, seconds));
+    write_error_text("\r\x1b[K" + progress_text(label_, done_, total_, seconds));
     std::fflush(stderr);
     drawn_at_ = now;
     is_drawn_ = true;

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -169,12 +170,44 @@ boot_fields parse_boot_sector(const std::vector<u8> &sector) {
     return boot;
 }
 
+// A sector that cannot be read is left to the library to report.
+void refuse_unsupported(const target &where) {
+    std::vector<u8> sector(fat::transfer_unit());
+    const bool is_read = read_sectors(sector.data(), 0, 1) == 1;
+    const std::string reason = is_read ? unsupported_volume(sector) : "";
+    if (!reason.empty()) {
+        throw error(shown_bytes(where.path()) + " " + reason);
+    }
+}
+
+std::vector<contradiction> contradictions_on(const target &where) {
+    const std::optional<u64> device_bytes =
+        where.is_device() ? std::optional(where.size()) : std::nullopt;
+    return contradictions_of(read_run(0, 1), device_bytes);
+}
+
+void refuse_contradictions(const target &where) {
+    std::vector<std::string> reasons;
+    for (const contradiction &one : contradictions_on(where)) {
+        reasons.push_back(one.text);
+    }
+    if (!reasons.empty()) {
+        throw error(fmt::format("cannot write to {}: its boot sector contradicts itself",
+                                shown_bytes(where.path())),
+                    reasons);
+    }
+}
+
 // The width of the FAT is the last that the library finds out about the areas; what can fail behind
 // that is the root directory.
 boot_fields mount(const target &where, mounted wanted) {
+    refuse_unsupported(where);
     const bool has_root = fat_build_super() >= 0;
     if (!has_root && sv->fat_type == 0) {
         throw error(fmt::format("{} holds no FAT16 or FAT32 volume", shown_bytes(where.path())));
+    }
+    if (where.is_writable() && wanted == mounted::WITH_ROOT) {
+        refuse_contradictions(where);
     }
     if (!has_root && wanted == mounted::WITH_ROOT) {
         throw error(fmt::format("{}: the root directory is damaged; \"qvol check\" tells more",
@@ -192,7 +225,12 @@ bool is_fsinfo(const std::vector<u8> &sector) {
 
 // ---- target -----------------------------------------------------------------------------------
 
-target::target(std::string path, access wanted) : path_(std::move(path)) {
+target::target(std::string path, access wanted)
+    : path_(std::move(path)), is_writable_(wanted == access::WRITE) {
+    if (is_writable_) {
+        // A reader of the output that goes away must not end the program between two writes.
+        (void)std::signal(SIGPIPE, SIG_IGN);
+    }
     fat::unique_fd fd(open_target(path_, wanted));
     lock_target(fd.get(), path_, wanted);
     const struct stat status = status_of(fd.get(), path_);
@@ -265,6 +303,10 @@ void check_replaceable(const std::string &path) {
 
 volume::volume(const target &where, const std::string &encoding, mounted wanted)
     : target_(where), boot_(mount(where, wanted)), names_(encoding), fat_(boot_.fat_copies) {}
+
+std::vector<contradiction> volume::contradictions() const {
+    return contradictions_on(target_);
+}
 
 void volume::commit_additions(const std::vector<directory *> &changed) {
     has_committed_ = true;

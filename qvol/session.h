@@ -9,6 +9,7 @@
 
 #pragma once
 
+#include "qvol/boot_sector.h"
 #include "qvol/directory.h"
 #include "qvol/fat_table.h"
 #include "qvol/names.h"
@@ -38,6 +39,10 @@ public:
         return is_device_;
     }
 
+    [[nodiscard]] bool is_writable() const {
+        return is_writable_;
+    }
+
     // Puts everything written on the medium.
     void sync() const;
 
@@ -65,6 +70,7 @@ public:
 private:
     std::string path_;
     bool is_device_ = false;
+    bool is_writable_ = false;
     bool is_fresh_ = false;
 };
 
@@ -90,7 +96,9 @@ void check_replaceable(const std::string &path);
 
 class volume {
 public:
-    // Mounts. `target` has to outlive the volume. Throws error where no volume is found.
+    // Mounts. `target` has to outlive the volume. Throws error where no volume is found, and on a
+    // target opened for writing where the boot sector contradicts itself; with the areas alone,
+    // this is left to the caller.
     volume(const target &where, const std::string &encoding, mounted wanted = mounted::WITH_ROOT);
     volume(const volume &) = delete;
     volume &operator=(const volume &) = delete;
@@ -110,6 +118,9 @@ public:
     [[nodiscard]] const target &where() const {
         return target_;
     }
+
+    // Why nothing may be written on the volume.
+    [[nodiscard]] std::vector<contradiction> contradictions() const;
 
     // Writes changes in an order whose interruption loses space at most: what nothing refers to
     // yet, the FAT, the entries. The data of files has been written before.

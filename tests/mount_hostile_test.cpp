@@ -48,6 +48,10 @@ public:
                                         std::to_string(width_before) + "\n");
             return;
         }
+        if (shape.num_clusters < 65525 && number(17, 2) == 0) {
+            fail("fat_build_super", "PBR data is broken\n\n");
+            return;
+        }
         place();
         if (shape.fat_type == 32 && !root_chain_is_sound()) {
             fail("fat_count_clusters", "Failed to read cluster!\n\n");

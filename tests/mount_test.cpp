@@ -134,12 +134,15 @@ protected:
         put(numbers);
         return mount();
     }
-    // After a mount that nobody has seen before.
-    answer mount_afresh(const boot_numbers &numbers) {
+    // As if nothing had been mounted yet.
+    static void forget_mount() {
         free_oentry(oentry_table[0]);
         oentry_table[0] = nullptr;
         unmark_slot(oentry_map, 0);
         forget_geometry();
+    }
+    answer mount_afresh(const boot_numbers &numbers) {
+        forget_mount();
         return mount(numbers);
     }
     void expect_root_open() {
@@ -253,12 +256,14 @@ TEST_F(BootSector, Fat32Geometry) {
     EXPECT_EQ(picture_of(0), tree::opened_root());
 }
 
+// Only FAT16 without root entries is refused.
 TEST_F(BootSector, WidthFollowsFromTheClusterCountAlone) {
     for (const bool has_fat32_block : {false, true}) {
         for (const u32 clusters : {0U, 1U, 4084U, 4085U, 4086U, 65523U, 65524U, 65525U, 65526U}) {
-            for (const u32 rest : {0U, 3U}) {
+            for (const auto &[rest, root_entries] : {std::pair{0U, 0U}, {0U, 1U}, {3U, 512U}}) {
                 boot_numbers numbers = has_fat32_block ? fat32_numbers() : fat16_numbers();
                 numbers.sec_per_clus = 4;
+                numbers.root_entries = root_entries;
                 numbers.root_clus = 2;
                 numbers.total_16 = 0;
                 numbers.total_32 = first_data_sector(numbers) + 4 * clusters + rest;
@@ -266,8 +271,12 @@ TEST_F(BootSector, WidthFollowsFromTheClusterCountAlone) {
                 put(numbers);
                 disk.poke(std::uint64_t{numbers.reserved} * 512 + 8, {0xFF, 0xFF, 0xFF, 0x0F});
                 const answer a = mount_afresh(numbers);
-                if (clusters < 4085) {
-                    EXPECT_EQ(a, (answer{-EINVAL, over_limit(static_cast<int>(clusters), 0)}));
+                const bool has_no_root = clusters < 65525 && root_entries == 0;
+                if (clusters < 4085 || has_no_root) {
+                    EXPECT_EQ(a, (answer{-EINVAL, clusters < 4085
+                                                      ? over_limit(static_cast<int>(clusters), 0)
+                                                      : BROKEN}));
+                    EXPECT_EQ(sv->fat_type, 0U);
                     EXPECT_EQ(ids_in_use(), std::vector<int>());
                     continue;
                 }
@@ -458,6 +467,7 @@ class DisturbedMount : public BootSector {
 protected:
     // The answers of a mount at every fault.
     std::vector<answer> answers(const boot_numbers &numbers, const fault_kind &kind) {
+        forget_mount();
         put(numbers);
         return answers_at_every_fault(kind, [&](fault_step &step) {
             forget_geometry();
@@ -570,6 +580,8 @@ TEST_F(ImageFile, ThatIsRefusedIsNotCut) {
         rows.back().numbers.total_16 =
             static_cast<u16>(first_data_sector(fat16_numbers()) + clusters);
     }
+    rows.push_back({{"NoRootEntries"}, fat16_numbers(), 512});
+    rows.back().numbers.root_entries = 0;
     for (const broken_row &row : rows) {
         SCOPED_TRACE(row.name);
         ASSERT_GE(fat_open_volume(image_of(row.numbers).c_str(), 1, 0), 0);

@@ -1,8 +1,10 @@
 // Damaged volumes: whatever bytes stand in the metadata, every command ends, with status 0 or 1, in
 // seconds, and says something where it fails.
 
-#include "tests/support/qvol.h"
+#include "tests/support/checked_volume.h"
 
+#include <csignal>
+#include <functional>
 #include <random>
 
 using namespace testing_support;
@@ -154,4 +156,491 @@ TEST_P(QvolDamaged, FilesThatShareTheirClustersAreNotRemoved) {
                        "qvol: /twice/TWO: shares cluster " + std::to_string(cluster) +
                            " with another; repair that first\n"}));
     EXPECT_EQ(said("cat", {"/a"}), std::string(9000, 'a'));
+}
+
+// ---- boot sectors that contradict themselves --------------------------------------------------
+
+namespace {
+
+const char *const BOTH_WIDTHS[] = {"16", "32"};
+
+struct poked_number {
+    std::uint64_t offset; // in the boot sector
+    std::uint32_t value;
+    std::size_t size;
+};
+
+struct contradictory_fields {
+    const char *name;
+    const char *width;
+    std::vector<poked_number> numbers;
+    std::string reason;
+    bool is_backup_changed = true; // as the boot sector
+};
+std::ostream &operator<<(std::ostream &out, const contradictory_fields &tested) {
+    return out << tested.name;
+}
+
+// Volumes of 20480 and 81920 sectors of 512 bytes, a cluster each.
+const std::vector<contradictory_fields> CONTRADICTIONS = {
+    {"Totals16",
+     "16",
+     {{32, 20000, 4}},
+     "the 16-bit total is 20480 sectors, the 32-bit total 20000; both have to be equal, or one of "
+     "them 0"},
+    {"Totals32",
+     "32",
+     {{19, 20000, 2}},
+     "the 16-bit total is 20000 sectors, the 32-bit total 81920; both have to be equal, or one of "
+     "them 0"},
+    {"ClusterSize", "16", {{13, 3, 1}}, "a cluster has 3 sectors, should be a power of two"},
+    {"Reserved16",
+     "16",
+     {{14, 0, 2}},
+     "the volume has 0 reserved sectors, should be at least 1 for the boot sector"},
+    {"Copies16", "16", {{16, 0, 1}}, "the volume has 0 FAT copies, should be at least 1"},
+    {"Copies32", "32", {{16, 0, 1}}, "the volume has 0 FAT copies, should be at least 1"},
+    {"FatSize16", "16", {{22, 50, 2}}, "the FAT ends with cluster 12799, the volume with 20348"},
+    {"FatSize32", "32", {{36, 600, 4}}, "the FAT ends with cluster 76799, the volume with 80689"},
+    {"RootEntries", "32", {{17, 512, 2}}, "a FAT32 volume has 512 root entries, should be 0"},
+    {"RootCluster0",
+     "32",
+     {{44, 0, 4}},
+     "the root directory begins in cluster 0, the volume has clusters 2 to 80629"},
+    {"RootCluster1",
+     "32",
+     {{44, 1, 4}},
+     "the root directory begins in cluster 1, the volume has clusters 2 to 80629"},
+    {"RootClusterPastTheEnd",
+     "32",
+     {{44, 80630, 4}},
+     "the root directory begins in cluster 80630, the volume has clusters 2 to 80629"},
+    {"ActiveFat", "32", {{40, 0x81, 2}}, "FAT copy 1 is the one in use; only copy 0 is supported"},
+    {"ActiveFatMissing", "32", {{40, 0x82, 2}}, "FAT copy 2 is the one in use, the volume has 2"},
+    {"FsinfoPlace",
+     "32",
+     {{48, 32, 2}},
+     "FSInfo lies in sector 32, which is none of the reserved ones"},
+    {"BackupPlace",
+     "32",
+     {{50, 32, 2}},
+     "the boot sector has its backup in sector 32, which is none of the reserved ones"},
+    {"FsinfoInTheBackup",
+     "32",
+     {{48, 6, 2}},
+     "FSInfo and the backup of the boot sector are both in sector 6"},
+    {"Backup",
+     "32",
+     {{14, 33, 2}},
+     "the boot sector and its backup in sector 6 place the areas differently",
+     false},
+};
+
+// A healthy volume in whose boot sector numbers are changed.
+class PokedVolume : public CheckedVolume {
+protected:
+    void poke_numbers(const std::vector<poked_number> &numbers, bool is_backup_changed) {
+        for (const poked_number &one : numbers) {
+            poke(one.offset, little_endian(one.value, one.size));
+            if (is_fat32() && is_backup_changed) {
+                poke(6 * 512 + one.offset, little_endian(one.value, one.size));
+            }
+        }
+    }
+
+    // Every command that writes, with what it does on a healthy volume.
+    void for_each_writing_command(
+        const std::function<void(const std::string &, std::vector<std::string>)> &test) {
+        test("put", {host_file("new", "new"), "/"});
+        test("put", {"--force", host_file("A.TXT", "new"), "/"});
+        test("mkdir", {"/NEW"});
+        test("mkdir", {"-p", "/NEW/BELOW"});
+        test("mv", {"/A.TXT", "/DIR"});
+        test("ln", {"A.TXT", "/LINK"});
+        test("rm", {"/A.TXT"});
+        test("rm", {"-r", "/DIR"});
+        test("pool", {});
+        test("log", {});
+        test("mirror", {});
+        test("compact", {});
+    }
+    void for_each_reading_command(
+        const std::function<void(const std::string &, std::vector<std::string>)> &test) {
+        test("info", {});
+        test("ls", {"-lR"});
+        test("tree", {});
+        test("stat", {"/A.TXT"});
+        test("cat", {"/A.TXT"});
+        test("get", {"--force", "/A.TXT", scratch_.file("got")});
+        test("fastpath", {"/A.TXT"});
+        test("owner", {"2"});
+        test("map", {});
+        test("dump", {"--force", "fat", scratch_.file("dumped")});
+        test("check", {});
+    }
+};
+
+} // namespace
+
+class QvolContradiction : public PokedVolume {};
+INSTANTIATE_TEST_SUITE_P(Fat, QvolContradiction, testing::ValuesIn(BOTH_WIDTHS),
+                         [](const auto &tested) { return std::string(tested.param); });
+
+TEST_P(QvolContradiction, IsReadAndNotWrittenTo) {
+    const bytes healthy = read_file(image_);
+    for (const contradictory_fields &tested : CONTRADICTIONS) {
+        if (std::string(GetParam()) != tested.width) {
+            continue;
+        }
+        SCOPED_TRACE(tested);
+        (void)scratch_.file_with("disk.img", healthy);
+        poke_numbers(tested.numbers, tested.is_backup_changed);
+        set_link(FREE_CLUSTER, end_mark()); // a repair would free it
+        const bytes before = read_file(image_);
+        for_each_writing_command([&](const std::string &command,
+                                     std::vector<std::string> arguments) {
+            EXPECT_EQ(
+                qvol(command, std::move(arguments)),
+                (outcome{1, "",
+                         "qvol: cannot write to " + image_ +
+                             ": its boot sector contradicts itself\n  " + tested.reason + "\n"}))
+                << command;
+        });
+        EXPECT_TRUE(read_file(image_) == before);
+        for_each_reading_command(
+            [&](const std::string &command, std::vector<std::string> arguments) {
+                const outcome result = qvol(command, std::move(arguments));
+                EXPECT_TRUE(result.status == 0 || result.status == 1) << command << result;
+            });
+        const outcome repaired = qvol("check", {"--repair"});
+        EXPECT_EQ(repaired.status, 1);
+        EXPECT_EQ(repaired.out.find("mended: "), std::string::npos) << repaired;
+        EXPECT_TRUE(repaired.out.starts_with(tested.reason + "; left: ") ||
+                    repaired.err == "qvol: the boot sector names no FAT\n")
+            << repaired;
+        EXPECT_TRUE(read_file(image_) == before);
+    }
+}
+
+// ---- volumes that are not supported -----------------------------------------------------------
+
+class QvolUnsupported : public PokedVolume {
+protected:
+    void expect_refused(const std::string &reason) {
+        const bytes before = read_file(image_);
+        const auto expect_refusal = [&](const std::string &command,
+                                        std::vector<std::string> arguments) {
+            EXPECT_EQ(qvol(command, std::move(arguments)),
+                      (outcome{1, "", "qvol: " + image_ + " " + reason + "\n"}))
+                << command;
+        };
+        for_each_writing_command(expect_refusal);
+        for_each_reading_command(expect_refusal);
+        expect_refusal("check", {"--repair"});
+        EXPECT_TRUE(read_file(image_) == before);
+    }
+
+    // As mkfs.fat makes them, with the total in either field.
+    void expect_small_volumes_refused() {
+        for (const auto &[megabytes, clusters] : {std::pair{32, 8172}, {31, 7916}, {4, 1018}}) {
+            image_ = scratch_.sparse_file("small.img", std::uint64_t(megabytes) << 20);
+            ASSERT_EQ(run({"mkfs.fat", "-F", "32", "-s", "8", image_}).status, 0);
+            expect_refused("is a FAT32 volume with " + std::to_string(clusters) +
+                           " clusters; FAT32 with fewer than 65525 clusters is not supported yet");
+        }
+    }
+};
+INSTANTIATE_TEST_SUITE_P(Fat, QvolUnsupported, testing::ValuesIn(BOTH_WIDTHS),
+                         [](const auto &tested) { return std::string(tested.param); });
+
+TEST_P(QvolUnsupported, IsRefusedByEveryCommand) {
+    if (is_fat32()) {
+        poke_numbers({{13, 2, 1}}, true);
+        expect_refused("is a FAT32 volume with 40314 clusters; FAT32 with fewer than 65525 "
+                       "clusters is not supported yet");
+        poke_numbers({{17, 512, 2}}, true);
+        expect_refused("has a boot sector that contradicts itself: by its 40298 clusters it is "
+                       "FAT16, by its 16-bit FAT size of 0 FAT32");
+        poke_numbers({{17, 0, 2}, {13, 64, 1}}, true);
+        expect_refused("is a FAT32 volume with 1259 clusters; FAT32 with fewer than 65525 "
+                       "clusters is not supported yet");
+        poke_numbers({{13, 1, 1}, {22, 629, 2}, {36, 0, 4}}, true);
+        expect_refused("has a boot sector that contradicts itself: by its 80630 clusters it is "
+                       "FAT32, by its 16-bit FAT size of 629 FAT16");
+        poke_numbers({{22, 0, 2}, {32, 0xFFFFFFFF, 4}, {36, 0x1FFFFFF, 4}}, true);
+        expect_refused("has a boot sector that contradicts itself: 4227858401 clusters, FAT32 has "
+                       "at most 268435445");
+        expect_small_volumes_refused();
+    } else {
+        poke_numbers({{17, 0, 2}}, false);
+        expect_refused("has a boot sector that contradicts itself: by its 20319 clusters it is "
+                       "FAT16, but it has 0 root entries");
+        poke_numbers({{17, 512, 2}, {13, 8, 1}}, false);
+        expect_refused("is a FAT12 volume with 2535 clusters; fewer than 4085 clusters are not "
+                       "supported");
+    }
+}
+
+// ---- healthy volumes of another tool ----------------------------------------------------------
+
+namespace {
+
+struct made_volume {
+    std::uint64_t bytes;
+    std::vector<std::string> command; // the image comes last
+    bool is_checked = true;           // by fsck.fat
+};
+
+// Each option of mkfs.fat by itself, several at once, and what mtools make.
+std::vector<made_volume> made_volumes(const std::string &width) {
+    const bool is_fat32 = width == "32";
+    const std::uint64_t clusters = is_fat32 ? 66000 : 6000;
+    std::vector<made_volume> volumes;
+    const auto add = [&](std::uint64_t sector, std::uint64_t sectors,
+                         std::vector<std::string> options) {
+        options.insert(options.begin(), {"mkfs.fat", "-F", width, "-S", std::to_string(sector),
+                                         "-s", std::to_string(sectors)});
+        const std::uint64_t areas = clusters * 4 * 3 + (std::uint64_t{1} << 20);
+        volumes.push_back({clusters * sector * sectors + areas, options});
+    };
+    // fsck.fat knows no more than two FAT copies, and remarks on a missing backup.
+    const auto add_unchecked = [&](std::vector<std::string> options) {
+        add(512, 2, std::move(options));
+        volumes.back().is_checked = false;
+    };
+    for (const std::uint64_t sector : {512, 1024, 2048, 4096}) {
+        for (const std::uint64_t sectors : {1, 2, 8, 64, 128}) {
+            add(sector, sectors, {});
+        }
+        add(sector, 1, {"-f", "1", "-R", is_fat32 ? "9" : "3", "-n", "LABEL"});
+    }
+    add(512, 2, {"-f", "1"});
+    add_unchecked({"-f", "3"});
+    add_unchecked({"-f", "4"});
+    for (const char *reserved : {"2", "3", "7", "8", "32", "100"}) {
+        add(512, 2, {"-R", reserved});
+    }
+    for (const char *entries : {"16", "112", "512", "1000", "4096"}) {
+        add(512, 2, {"-r", entries});
+    }
+    add(512, 2, {"-a"});
+    add(512, 2, {"-M", "0xF0"});
+    add(512, 2, {"-h", "63"});
+    if (is_fat32) {
+        add(512, 2, {"-b", "3"});
+        add_unchecked({"-b", "0"});
+    } else {
+        add(512, 2, {"-R", "1"});
+    }
+    const std::vector<std::string> mtools = {"mformat", "-h", "16", "-s", "63"};
+    for (const std::vector<std::string> &options :
+         is_fat32 ? std::vector<std::vector<std::string>>{{"-T", "140000", "-F", "-c", "1"},
+                                                          {"-T", "300000", "-F", "-c", "2"}}
+                  : std::vector<std::vector<std::string>>{{"-T", "60000", "-c", "4"},
+                                                          {"-T", "70000", "-c", "4", "-r", "7"},
+                                                          {"-T", "70000", "-c", "4", "-L", "80"}}) {
+        volumes.push_back({std::uint64_t{160} << 20, mtools});
+        std::vector<std::string> &command = volumes.back().command;
+        command.insert(command.end(), options.begin(), options.end());
+        command.insert(command.end(), {"::", "-i"});
+    }
+    return volumes;
+}
+
+} // namespace
+
+class QvolHealthy : public QvolImage, public testing::WithParamInterface<const char *> {};
+INSTANTIATE_TEST_SUITE_P(Fat, QvolHealthy, testing::ValuesIn(BOTH_WIDTHS),
+                         [](const auto &tested) { return std::string(tested.param); });
+
+TEST_P(QvolHealthy, IsWrittenToWithEveryOptionOfOtherTools) {
+    image_ = scratch_.file("disk.img");
+    const std::string file = host_file("a file with a long name", std::string(3000, 'x'));
+    for (made_volume made : made_volumes(GetParam())) {
+        std::filesystem::remove(image_);
+        made.command.push_back(scratch_.sparse_file("disk.img", made.bytes));
+        SCOPED_TRACE(testing::PrintToString(made.command));
+        ASSERT_EQ(run(made.command).status, 0);
+        (void)said("mkdir", {"/directory"});
+        (void)said("put", {file, "/directory"});
+        (void)said("mv", {"/directory/a file with a long name", "/file"});
+        EXPECT_EQ(qvol("check", {"-q"}), (outcome{0, "", ""}));
+        EXPECT_EQ(said("cat", {"/file"}), std::string(3000, 'x'));
+        if (made.is_checked) {
+            expect_clean();
+        }
+    }
+}
+
+TEST_P(QvolHealthy, IsWrittenToAsTheFormatterMadeIt) {
+    const std::uint64_t clusters = std::string(GetParam()) == "32" ? 67000 : 6000;
+    for (const std::uint64_t sector : {512, 1024, 2048, 4096}) {
+        for (const char *page : {"0", "2048", "8192"}) {
+            image_ = scratch_.sparse_file("disk.img", (clusters * 2 + 1000) * sector);
+            const std::vector<std::string> command = {
+                tool_path(), "-F", GetParam(), "-S", std::to_string(sector),
+                "-s",        "2",  "-p",       page, image_};
+            SCOPED_TRACE(testing::PrintToString(command));
+            ASSERT_EQ(run(command).status, 0);
+            (void)said("mkdir", {"/directory"});
+            EXPECT_EQ(qvol("check", {"-q"}), (outcome{0, "", ""}));
+            std::filesystem::remove(image_);
+        }
+    }
+}
+
+// ---- closed standard streams ------------------------------------------------------------------
+
+class QvolStreams : public QvolImage {
+protected:
+    QvolStreams() {
+        setenv("SOURCE_DATE_EPOCH", "1700000000", 1);
+        format("16", 3 << 20, "1");
+        said("put", {host_file("FILE", std::string(3000, 'x')), "/"});
+        said("mkdir", {"/DIR"});
+        pristine_ = read_file(image_);
+    }
+
+    // Runs a command on the volume as it was, with streams closed: bit N for descriptor N.
+    outcome run_closed(const std::vector<std::string> &arguments, unsigned closed) {
+        (void)scratch_.file_with("disk.img", pristine_);
+        std::filesystem::remove(scratch_.file("got"));
+        std::string command = "exec \"$@\"";
+        for (unsigned fd = 0; fd < 3; fd++) {
+            command += (closed >> fd & 1) != 0 ? " " + std::to_string(fd) + ">&-" : "";
+        }
+        std::vector<std::string> all = {qvol_path()};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        return shell(command, all);
+    }
+
+    // The image, and what a command wrote on the host.
+    std::vector<bytes> written() const {
+        const std::string got = scratch_.file("got");
+        return {read_file(image_), std::filesystem::exists(got) ? read_file(got) : bytes{}};
+    }
+
+    std::vector<std::vector<std::string>> every_command() {
+        const std::string got = scratch_.file("got");
+        const std::string file = host_file("new", "new");
+        std::vector<std::vector<std::string>> commands = {
+            {"build", image_, "--force", "--size", "4M", "--from",
+             host_file("tree/a", "a") + "/.."},
+            {"build", got, "--size", "auto"},
+            {"info", image_},
+            {"ls", "-lR", image_},
+            {"tree", image_},
+            {"stat", image_, "/FILE"},
+            {"cat", image_, "/FILE"},
+            {"get", image_, "/FILE", got},
+            {"put", image_, file, "/"},
+            {"put", "--encoding", "latin1", image_, file, "/"},
+            {"mkdir", image_, "/NEW"},
+            {"mkdir", image_, "/DIR"}, // exists
+            {"mv", image_, "/FILE", "/DIR"},
+            {"ln", image_, "FILE", "/LINK"},
+            {"rm", image_, "/FILE", "/DIR"},
+            {"pool", image_},
+            {"log", image_},
+            {"fastpath", image_, "/FILE"},
+            {"owner", image_, "2"},
+            {"map", image_},
+            {"map", image_, "--svg", got},
+            {"dump", image_, "fat", got},
+            {"check", image_},
+            {"check", image_, "--repair"},
+            {"mirror", image_},
+            {"compact", image_},
+        };
+        const std::size_t count = commands.size();
+        for (std::size_t i = 0; i < count; i++) {
+            for (const char *option : {"--json", "-v"}) {
+                commands.push_back(commands[i]);
+                commands.back().push_back(option);
+            }
+        }
+        for (const char *argument : {"--version", "--help", "--wrong", "wrong"}) {
+            commands.push_back({argument});
+        }
+        commands.push_back({"ls", "--help"});
+        commands.push_back({"put", image_, "--wrong"});
+        commands.push_back({"put", "-q", image_, file, "/"});
+        commands.push_back({"ls", scratch_.file("missing")});
+        return commands;
+    }
+
+    bytes pristine_;
+};
+
+// A failure to write what a command has to print is reported; the image is as with open streams.
+TEST_F(QvolStreams, ClosedOnesDoNotReachTheImage) {
+    for (const std::vector<std::string> &command : every_command()) {
+        SCOPED_TRACE(testing::PrintToString(command));
+        const outcome open = run_closed(command, 0);
+        const std::vector<bytes> expected = written();
+        for (unsigned closed = 1; closed < 8 && !HasFailure(); closed++) {
+            SCOPED_TRACE(closed);
+            const bool loses_output = (closed & 2) != 0 && !open.out.empty();
+            outcome wanted = open;
+            if (loses_output) {
+                wanted.status = open.status == 0 ? 1 : open.status;
+                wanted.out = "";
+                wanted.err += open.status == 2
+                                  ? ""
+                                  : "qvol: cannot write to standard output: Bad file descriptor\n";
+            }
+            if ((closed & 4) != 0) {
+                wanted.err = "";
+            }
+            EXPECT_EQ(run_closed(command, closed), wanted);
+            EXPECT_TRUE(written() == expected);
+        }
+    }
+}
+
+TEST_F(QvolStreams, NeedNoDevices) {
+    if (!can_mount_privately()) {
+        GTEST_SKIP() << "no mount namespace for this user";
+    }
+    const std::string image = scratch_.file("got");
+    EXPECT_EQ(shell_with_private_mounts("mount -t tmpfs none /dev && exec \"$@\" 0<&- 1>&- 2>&-",
+                                        {qvol_path(), "build", "-q", image, "--size", "4M"}),
+              (outcome{0, "", ""}));
+    EXPECT_EQ(run_qvol({"check", "-q", image}), (outcome{0, "", ""}));
+}
+
+// The reader has gone before the command starts.
+TEST_F(QvolStreams, BrokenPipeEndsOnlyWhatReads) {
+    const auto into_broken_pipe = [&](std::vector<std::string> arguments) {
+        (void)scratch_.file_with("disk.img", pristine_);
+        const std::string pipe = scratch_.file("pipe");
+        std::filesystem::remove(pipe);
+        arguments.insert(arguments.begin(), {pipe, qvol_path()});
+        return shell(
+            "mkfifo \"$1\" && exec 3<>\"$1\" 4>\"$1\" 3>&- && shift && exec \"$@\" >&4 4>&-",
+            arguments);
+    };
+    EXPECT_EQ(into_broken_pipe({"ls", image_}), (outcome{128 + SIGPIPE, "", ""}));
+    const std::string file = host_file("new", "new");
+    ASSERT_EQ(run_closed({"put", image_, file, "/"}, 0).status, 0);
+    const bytes expected = read_file(image_);
+    EXPECT_EQ(into_broken_pipe({"put", image_, file, "/"}),
+              (outcome{1, "", "qvol: cannot write to standard output: Broken pipe\n"}));
+    EXPECT_TRUE(read_file(image_) == expected);
+}
+
+TEST_F(QvolStreams, FullDiskIsReportedHoweverMuchIsPrinted) {
+    for (const char *command : {"info", "map", "cat", "--help"}) {
+        std::vector<std::string> arguments = {qvol_path(), command};
+        if (std::string(command) != "--help") {
+            arguments.push_back(image_);
+        }
+        if (std::string(command) == "cat") {
+            arguments.insert(arguments.end(), 20, "/FILE"); // more than a buffer
+        }
+        EXPECT_EQ(
+            shell("exec \"$@\" >/dev/full", arguments),
+            (outcome{1, "", "qvol: cannot write to standard output: No space left on device\n"}))
+            << command;
+    }
 }

@@ -241,10 +241,16 @@ TEST_F(QvolMap, CountsSharedClustersOnceAndTellsTheDamage) {
 
 // ---- sizes ------------------------------------------------------------------------------------
 
-// The library mounts no volume of fewer than 4,085 clusters; a FAT may serve fewer.
+// The library mounts no volume of fewer than 4,085 clusters; a FAT may serve fewer. Such a volume
+// is not written to by a command: its file is made here.
 TEST_F(QvolMap, ShowsEachClusterOfASmallFat) {
     change(22, {1, 0}); // sectors of a FAT, of 256 entries each
-    put("a", 3 * 512);
+    const std::uint64_t root = (1 + 2 * 1) * 512;
+    change(root, {'A', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', 0x20, 0x08}); // "a"
+    change(root + 26, {2, 0, 0x00, 0x06}); // first cluster, bytes
+    set_fat16_entry(2, 3);
+    set_fat16_entry(3, 4);
+    set_fat16_entry(4, 0xFFFF);
     const std::string text = said("map");
     EXPECT_NE(text.find("Clusters, 1 a cell (512 bytes)\nAAA" + std::string(77, '.') + "\n"),
               std::string::npos)

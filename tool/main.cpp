@@ -15,13 +15,14 @@ namespace {
 
 constexpr int EXIT_FAILED = -1; // exit status 255
 
-// If quorvel starts with a standard stream closed, the target would get its descriptor, and the
-// result line would be written into the target. The loop opens the lowest descriptors first, so
-// open() returns the closed one.
+// A run started with a standard stream closed would open the target in its place, and the result
+// line would be written into the target. A descriptor opened with O_PATH takes the number and
+// refuses every transfer, as a closed one does; "/" is there without /dev. Lower numbers are taken
+// already, so that open() returns this one.
 bool occupy_standard_descriptors() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++) {
-        if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", O_RDWR) < 0) {
-            std::fprintf(stderr, "/dev/null: %s\n", std::strerror(errno));
+        if (fcntl(fd, F_GETFD) < 0 && open("/", O_PATH | O_CLOEXEC) != fd) {
+            std::fprintf(stderr, "/: %s\n", std::strerror(errno));
             return false;
         }
     }

@@ -1,5 +1,6 @@
 // The areas in front of the data: boot sector, FSInfo, the first two FAT entries, the FAT copies.
 
+#include "qvol/boot_sector.h"
 #include "qvol/check/repair.h"
 #include "qvol/check/survey.h"
 #include "qvol/output.h"
@@ -13,12 +14,6 @@ namespace qvol {
 
 namespace {
 
-constexpr u32 NO_SECTOR = 0xFFFF; // in the boot sector, as 0
-
-bool is_sector_named(u32 sector) {
-    return sector != 0 && sector != NO_SECTOR;
-}
-
 bool is_reserved(const survey &in, u32 sector) {
     return sector < in.vol.boot().reserved_sectors;
 }
@@ -30,26 +25,28 @@ void tell(survey *in, const finding_kind &as, std::string text, std::string reme
 
 // ---- boot sector ----
 
-// Fields that the places of all areas follow from.
-constexpr fat::field GEOMETRY_FIELDS[] = {
-    fat::PBR_BYTES_PER_SECTOR, fat::PBR_SECTORS_PER_CLUSTER, fat::PBR_RESERVED_SECTORS,
-    fat::PBR_NUMBER_OF_FATS,   fat::PBR_ROOT_ENTRIES,        fat::PBR_TOTAL_SECTORS_16,
-    fat::PBR_FAT_SIZE_16,      fat::PBR_TOTAL_SECTORS_32,    fat::PBR32_FAT_SIZE,
-    fat::PBR32_ROOT_CLUSTER,   fat::PBR32_FSINFO_SECTOR,     fat::PBR32_BACKUP_SECTOR,
-};
-
-bool is_boot_sector(const u8 *sector) {
-    const u32 size = fat::load(sector, fat::PBR_BYTES_PER_SECTOR);
-    return fat::load(sector, fat::PBR_SIGNATURE) == fat::BOOT_SIGNATURE &&
-           size >= fat::MIN_SECTOR_SIZE && size <= fat::MAX_SECTOR_SIZE &&
-           fat::load(sector, fat::PBR_SECTORS_PER_CLUSTER) != 0;
+const finding_kind *kind_of(contradicted about) {
+    switch (about) {
+    case contradicted::FAT_SIZE:
+        return &found::FAT_SIZE;
+    case contradicted::FSINFO_PLACE:
+        return &found::FSINFO_PLACE;
+    case contradicted::BACKUP_PLACE:
+        return &found::BACKUP_PLACE;
+    case contradicted::GEOMETRY:
+        return &found::GEOMETRY;
+    case contradicted::ACTIVE_FAT:
+        return &found::ACTIVE_FAT;
+    case contradicted::FIELDS:
+        break;
+    }
+    return &found::FIELDS;
 }
 
-bool place_areas_alike(const std::vector<u8> &boot, const std::vector<u8> &backup) {
-    return std::all_of(std::begin(GEOMETRY_FIELDS), std::end(GEOMETRY_FIELDS),
-                       [&](const fat::field &field) {
-                           return fat::load(boot.data(), field) == fat::load(backup.data(), field);
-                       });
+void check_contradictions(survey *in) {
+    for (const contradiction &one : in->vol.contradictions()) {
+        tell(in, *kind_of(one.about), one.text);
+    }
 }
 
 // In one byte systems keep a mark, in the boot sector alone.
@@ -59,34 +56,20 @@ bool are_alike(const std::vector<u8> &boot, std::vector<u8> backup) {
     return std::equal(boot.begin(), boot.begin() + fat::PBR_SIZE, backup.begin());
 }
 
-void compare_backup(survey *in, u32 sector) {
-    const std::vector<u8> boot = read_run(0, 1);
-    const std::vector<u8> backup = read_run(sector, 1);
-    if (are_alike(boot, backup)) {
-        return;
-    }
-    if (is_boot_sector(backup.data()) && !place_areas_alike(boot, backup)) {
-        tell(in, found::GEOMETRY,
-             fmt::format("the boot sector and its backup in sector {} place the areas differently",
-                         sector));
-    } else {
-        tell(in, found::BACKUP,
-             fmt::format("the backup of the boot sector, in sector {}, differs from it", sector),
-             "the boot sector was copied there",
-             [sector](repair *plan) { plan->copy_boot_sector(sector); });
-    }
-}
-
+// A backup that places the areas differently is a contradiction, and not written over.
 void check_backup(survey *in) {
     const u32 sector = in->vol.boot().backup_sector;
-    if (is_sector_named(sector) && !is_reserved(*in, sector)) {
-        tell(in, found::BACKUP_PLACE,
-             fmt::format("the boot sector has its backup in sector {}, which is none of the "
-                         "reserved ones",
-                         sector));
-    } else if (is_sector_named(sector)) {
-        compare_backup(in, sector);
+    const bool has_other_areas =
+        std::any_of(in->findings.begin(), in->findings.end(),
+                    [](const finding &one) { return one.kind == &found::GEOMETRY; });
+    if (!is_sector_named(sector) || !is_reserved(*in, sector) || has_other_areas ||
+        are_alike(read_run(0, 1), read_run(sector, 1))) {
+        return;
     }
+    tell(in, found::BACKUP,
+         fmt::format("the backup of the boot sector, in sector {}, differs from it", sector),
+         "the boot sector was copied there",
+         [sector](repair *plan) { plan->copy_boot_sector(sector); });
 }
 
 // ---- FSInfo ----
@@ -104,10 +87,7 @@ bool has_signatures(const std::vector<u8> &fsinfo) {
 
 void check_fsinfo(survey *in) {
     const u32 sector = in->vol.boot().fsinfo_sector;
-    if (is_sector_named(sector) && !is_reserved(*in, sector)) {
-        tell(in, found::FSINFO_PLACE,
-             fmt::format("FSInfo lies in sector {}, which is none of the reserved ones", sector));
-    } else if (has_fsinfo(*in) && !has_signatures(read_run(sector, 1))) {
+    if (has_fsinfo(*in) && !has_signatures(read_run(sector, 1))) {
         tell(in, found::FSINFO_SIGNATURE,
              fmt::format("FSInfo, in sector {}, has not its signatures", sector),
              "it was written anew", [sector](repair *plan) { plan->write_fsinfo(sector); });
@@ -172,32 +152,13 @@ void check_boot_mark(survey *in) {
     }
 }
 
-void check_fat_size(survey *in) {
-    const u32 wanted = sv->num_clusters + fat::FIRST_DATA_CLUSTER - 1;
-    if (in->table.last_cluster() < wanted) {
-        tell(in, found::FAT_SIZE,
-             fmt::format("the FAT ends with cluster {}, the volume with {}",
-                         in->table.last_cluster(), wanted));
-    }
-}
-
 // Without mirroring one copy is in use, and the others are left as they are.
-struct mirroring {
-    bool is_off = false;
-    u32 active = 0;
-};
-
-mirroring mirroring_of(const std::vector<u8> &boot) {
-    const u32 flags = sv->fat_type == 32 ? fat::load(boot.data(), fat::PBR32_EXTENDED_FLAGS) : 0;
-    return (flags & 0x80) != 0 ? mirroring{true, flags & 0x0F} : mirroring{};
+bool is_mirroring_off(const std::vector<u8> &boot) {
+    return sv->fat_type == 32 && (fat::load(boot.data(), fat::PBR32_EXTENDED_FLAGS) & 0x80) != 0;
 }
 
 void check_copies(survey *in) {
-    const mirroring mode = mirroring_of(read_run(0, 1));
-    if (mode.active != 0) {
-        tell(in, found::ACTIVE_FAT, fmt::format("FAT copy {} is the one in use", mode.active));
-    }
-    if (mode.is_off) {
+    if (is_mirroring_off(read_run(0, 1))) {
         return;
     }
     for (const copy_difference &difference : in->table.compare_copies()) {
@@ -215,10 +176,10 @@ void check_areas(survey *in) {
     if (in->vol.boot().fat_copies == 0) {
         throw error("the boot sector names no FAT");
     }
+    check_contradictions(in);
     check_backup(in);
     check_boot_mark(in);
     check_fsinfo(in);
-    check_fat_size(in);
     check_fixed_entries(in);
     check_copies(in);
 }

@@ -118,7 +118,7 @@ public:
         if (one.mend == nullptr) {
             return one.kind->obstacle;
         }
-        return has_other_areas_            ? found::GEOMETRY.obstacle
+        return has_other_areas_            ? found::AREAS_IN_DOUBT
                : is_doubtful(one)          ? found::DOUBTFUL
                : changes_chains(*one.kind) ? found::BROKEN_CHAIN
                                            : one.kind->obstacle;

@@ -31,16 +31,22 @@ inline constexpr const char *NOT_KNOWN = "what is missing is not known";
 inline constexpr const char *BY_HAND = "names are not changed here";
 inline constexpr const char *DOUBTFUL = "the directory may not be what it seems";
 inline constexpr const char *BROKEN_CHAIN = "the rest of a broken chain may be there";
+inline constexpr const char *AREAS_IN_DOUBT =
+    "nothing is changed while the boot sector contradicts itself";
 
 // ---- areas ----
+inline constexpr finding_kind FIELDS{"boot-fields", "which field is right is not known",
+                                     harm::AREAS};
 inline constexpr finding_kind GEOMETRY{"boot-geometry", "which of the two is right is not known",
                                        harm::AREAS};
 inline constexpr finding_kind BACKUP{"boot-backup", ""};
-inline constexpr finding_kind BACKUP_PLACE{"boot-backup-place", "the right place is not known"};
+inline constexpr finding_kind BACKUP_PLACE{"boot-backup-place", "the right place is not known",
+                                           harm::AREAS};
 inline constexpr finding_kind ACTIVE_FAT{"fat-active", "only the first copy is used here",
-                                         harm::CHAINS};
-inline constexpr finding_kind FAT_SIZE{"fat-size", "the areas are not moved"};
-inline constexpr finding_kind FSINFO_PLACE{"fsinfo-place", "the right place is not known"};
+                                         harm::AREAS};
+inline constexpr finding_kind FAT_SIZE{"fat-size", "the areas are not moved", harm::AREAS};
+inline constexpr finding_kind FSINFO_PLACE{"fsinfo-place", "the right place is not known",
+                                           harm::AREAS};
 inline constexpr finding_kind FSINFO_SIGNATURE{"fsinfo-signature", ""};
 inline constexpr finding_kind FSINFO_FREE{"fsinfo-free", ""};
 inline constexpr finding_kind FSINFO_NEXT{"fsinfo-next", ""};
