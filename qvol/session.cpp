@@ -9,7 +9,7 @@
 #include <cerrno>
 
 #include <fcntl.h>
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <linux/fs.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
