@@ -2,7 +2,7 @@
 
 #include "fat/internal.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 namespace qvol {
 

@@ -1,3 +1,5 @@
+// The only source that includes CLI11: its headers take longer to compile than any command.
+
 #include "qvol/command_line.h"
 
 #include "qvol/times.h"
@@ -5,18 +7,96 @@
 #include <new>
 #include <sstream>
 
-#include <fmt/format.h>
+#include <CLI/CLI.hpp>
 
 namespace qvol {
 
+// ---- declaring --------------------------------------------------------------------------------
+
+const declared_option &declared_option::required() const {
+    option_->required();
+    return *this;
+}
+
+const declared_option &declared_option::count(int least, int most) const {
+    option_->expected(least, most);
+    return *this;
+}
+
+const declared_option &declared_option::one_of(std::initializer_list<const char *> words) const {
+    option_->check(CLI::IsMember(std::vector<std::string>(words.begin(), words.end())));
+    return *this;
+}
+
+const declared_option &declared_option::one_of(std::initializer_list<int> numbers) const {
+    option_->check(CLI::IsMember(numbers));
+    return *this;
+}
+
+const declared_option &declared_option::range(u32 least, u32 most) const {
+    option_->check(CLI::Range(least, most));
+    return *this;
+}
+
+const declared_option &declared_option::needs(const declared_option &other) const {
+    option_->needs(other.option_);
+    return *this;
+}
+
+const declared_option &declared_option::excludes(const declared_option &other) const {
+    option_->excludes(other.option_);
+    return *this;
+}
+
+const declared_option &
+declared_option::check(std::string (*problem)(const std::string &value)) const {
+    option_->check(problem);
+    return *this;
+}
+
+const declared_option &declared_option::shows_default() const {
+    option_->capture_default_str();
+    return *this;
+}
+
+declared_option declared_command::flag(const char *names, bool *field, const char *help) const {
+    return declared_option(command_->add_flag(names, *field, help));
+}
+
+declared_option declared_command::value(const char *names, std::string *field,
+                                        const char *help) const {
+    return declared_option(command_->add_option(names, *field, help));
+}
+
+declared_option declared_command::value(const char *names, std::optional<std::string> *field,
+                                        const char *help) const {
+    return declared_option(command_->add_option_function<std::string>(
+        names, [field](const std::string &text) { *field = text; }, help));
+}
+
+declared_option declared_command::value(const char *names, u32 *field, const char *help) const {
+    return declared_option(command_->add_option(names, *field, help));
+}
+
+declared_option declared_command::value(const char *names, u64 *field, const char *help) const {
+    return declared_option(command_->add_option(names, *field, help));
+}
+
+declared_option declared_command::list(const char *names, std::vector<std::string> *field,
+                                       const char *help) const {
+    return declared_option(command_->add_option(names, *field, help));
+}
+
+// ---- running ----------------------------------------------------------------------------------
+
 namespace {
 
-void add_common_options(CLI::App *command, common_options *common) {
-    command->add_option("IMAGE", common->image, "Image file or block device")->required();
-    command->add_flag("--json", common->out.is_json, "One JSON document on standard output");
-    command->add_flag("--quiet,-q", common->out.is_quiet, "Only what was asked for, and errors");
-    command->add_flag("--verbose,-v", common->out.is_verbose, "The library's diagnostics as well");
-    command->add_option("--encoding", common->encoding, "Encoding of names (default UTF-8)");
+void add_common_options(const declared_command &command, common_options *common) {
+    command.value("IMAGE", &common->image, "Image file or block device").required();
+    command.flag("--json", &common->out.is_json, "One JSON document on standard output");
+    command.flag("--quiet,-q", &common->out.is_quiet, "Only what was asked for, and errors");
+    command.flag("--verbose,-v", &common->out.is_verbose, "The library's diagnostics as well");
+    command.value("--encoding", &common->encoding, "Encoding of names (default UTF-8)");
 }
 
 int run_chosen(const std::function<int()> &work) {
@@ -50,29 +130,33 @@ int print_instead(const CLI::App &app, const CLI::ParseError &why) {
 } // namespace
 
 command_line::command_line()
-    : app_("Builds, looks into and changes FAT16 and FAT32 volumes in image files and on block "
-           "devices.",
-           "qvol") {
-    app_.require_subcommand(1);
-    app_.set_version_flag("--version", "qvol " QVOL_VERSION);
-    app_.footer("Exit status: 0 done, 1 failed, 2 wrong usage.\n"
-                "\"qvol COMMAND --help\" tells about a command.");
+    : app_(std::make_unique<CLI::App>(
+          "Builds, looks into and changes FAT16 and FAT32 volumes in image files and on block "
+          "devices.",
+          "qvol")) {
+    app_->require_subcommand(1);
+    app_->set_version_flag("--version", "qvol " QVOL_VERSION);
+    app_->footer("Exit status: 0 done, 1 failed, 2 wrong usage.\n"
+                 "\"qvol COMMAND --help\" tells about a command.");
 }
 
-CLI::App *command_line::add(const command_text &text,
-                            std::function<int(const common_options &)> run) {
-    CLI::App *command = app_.add_subcommand(text.name, text.summary);
-    add_common_options(command, &common_);
-    command->footer(fmt::format("Examples:\n{}", text.examples));
-    command->callback([this, run = std::move(run)] { chosen_ = run; });
-    return command;
+command_line::~command_line() = default;
+
+declared_command command_line::add(const command_text &text,
+                                   std::function<int(const common_options &)> work) {
+    CLI::App *command = app_->add_subcommand(text.name, text.summary);
+    command->footer(std::string("Examples:\n") + text.examples);
+    command->callback([this, work = std::move(work)] { chosen_ = work; });
+    const declared_command declared(command);
+    add_common_options(declared, &common_);
+    return declared;
 }
 
 int command_line::run(int argc, char **argv) {
     try {
-        app_.parse(argc, argv);
+        app_->parse(argc, argv);
     } catch (const CLI::ParseError &failure) {
-        return run_chosen([&] { return print_instead(app_, failure); });
+        return run_chosen([&] { return print_instead(*app_, failure); });
     }
     if (!common_.out.is_verbose) {
         fat_set_diagnostics(nullptr);

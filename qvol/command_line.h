@@ -1,13 +1,35 @@
-// The command line: what all commands have in common, and which one was chosen.
+// The command line: how commands declare themselves and their options, and which one was chosen.
+//
+//     struct copy_options {
+//         std::vector<std::string> paths;
+//         bool is_forced = false;
+//     };
+//
+//     int run_copy(const common_options &common, const copy_options &options);
+//
+//     void add_copy(command_line *commands) {
+//         const auto [copy, options] =
+//             commands->add({"copy", "Copy files", "  qvol copy flash.img /a /b"}, run_copy);
+//         copy.list("PATH", &options->paths, "Files to copy").required();
+//         copy.flag("-f,--force", &options->is_forced, "Replace files that exist");
+//     }
 
 #pragma once
 
 #include "qvol/output.h"
 
 #include <functional>
+#include <initializer_list>
+#include <memory>
+#include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
-#include <CLI/CLI.hpp>
+namespace CLI {
+class App;
+class Option;
+} // namespace CLI
 
 namespace qvol {
 
@@ -18,26 +40,83 @@ struct common_options {
     output out;
 };
 
-// What a command is told about itself.
+// How a command describes itself.
 struct command_text {
     const char *name;
     const char *summary;
     const char *examples; // lines, shown below its options
 };
 
+// An option of a command; each call adds a rule.
+class declared_option {
+public:
+    static constexpr int ANY_NUMBER = -1;
+
+    explicit declared_option(CLI::Option *option) : option_(option) {}
+
+    const declared_option &required() const;
+    const declared_option &count(int least, int most) const; // of values; most: or ANY_NUMBER
+    const declared_option &one_of(std::initializer_list<const char *> words) const;
+    const declared_option &one_of(std::initializer_list<int> numbers) const;
+    const declared_option &range(u32 least, u32 most) const;
+    const declared_option &needs(const declared_option &other) const;
+    const declared_option &excludes(const declared_option &other) const;
+
+    // `problem` returns what is wrong with a value, or "".
+    const declared_option &check(std::string (*problem)(const std::string &value)) const;
+
+    // The help shows the value that the field has now.
+    const declared_option &shows_default() const;
+
+private:
+    CLI::Option *option_;
+};
+
+// A command whose options are being declared. Each is bound to a field, which has its default value
+// already and has to live until the command has run. Names are given as "-f,--force"; one without
+// dashes is that of a positional argument.
+class declared_command {
+public:
+    explicit declared_command(CLI::App *command) : command_(command) {}
+
+    declared_option flag(const char *names, bool *field, const char *help) const;
+    declared_option value(const char *names, std::string *field, const char *help) const;
+    declared_option value(const char *names, std::optional<std::string> *field,
+                          const char *help) const;
+    declared_option value(const char *names, u32 *field, const char *help) const;
+    declared_option value(const char *names, u64 *field, const char *help) const;
+    declared_option list(const char *names, std::vector<std::string> *field,
+                         const char *help) const;
+
+private:
+    CLI::App *command_;
+};
+
 class command_line {
 public:
     command_line();
+    ~command_line();
+    command_line(const command_line &) = delete;
+    command_line &operator=(const command_line &) = delete;
 
-    // Adds a command with the common options and IMAGE. The caller adds its own to what is
-    // returned. `run` does the work; it returns the exit status.
-    CLI::App *add(const command_text &text, std::function<int(const common_options &)> run);
+    // Adds a command with the common options and IMAGE. `work` returns the exit status.
+    declared_command add(const command_text &text, std::function<int(const common_options &)> work);
+
+    // A command with options of its own. They live as long as the command line.
+    template <typename Options>
+    std::pair<declared_command, Options *>
+    add(const command_text &text, int (*work)(const common_options &, const Options &)) {
+        const auto options = std::make_shared<Options>();
+        const declared_command command = add(
+            text, [options, work](const common_options &common) { return work(common, *options); });
+        return {command, options.get()};
+    }
 
     // Parses and runs. Returns the exit status of the program.
     int run(int argc, char **argv);
 
 private:
-    CLI::App app_;
+    std::unique_ptr<CLI::App> app_;
     common_options common_;
     std::function<int(const common_options &)> chosen_;
 };

@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 namespace qvol {
 

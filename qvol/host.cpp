@@ -5,7 +5,7 @@
 #include <cerrno>
 
 #include <fcntl.h>
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -8,7 +8,7 @@
 #include <unordered_map>
 
 #include <dirent.h>
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

@@ -8,7 +8,7 @@
 #include <algorithm>
 
 #include <fcntl.h>
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <unistd.h>
 
 namespace qvol {

@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 namespace qvol {
 

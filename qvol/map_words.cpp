@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 namespace qvol {
 

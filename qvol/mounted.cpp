@@ -5,7 +5,7 @@
 #include <set>
 #include <sstream>
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <sys/sysmacros.h>
 
 namespace qvol {

@@ -8,7 +8,7 @@
 #include <array>
 #include <cerrno>
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <iconv.h>
 #include <locale.h>
 #include <wctype.h>

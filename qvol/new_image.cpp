@@ -12,7 +12,7 @@
 #include <cstdlib>
 
 #include <fcntl.h>
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -4,10 +4,8 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <iostream>
 
-#include <fmt/format.h>
-#include <nlohmann/json.hpp>
+#include <fmt/core.h>
 #include <unistd.h>
 
 namespace qvol {
@@ -57,7 +55,7 @@ void write_bytes(const void *bytes, std::size_t size) {
 
 // NOLINTNEXTLINE(readability-convert-member-functions-to-static): one of the ways of an output
 void output::document(const json &content) const {
-    const std::string text = content.dump(2, ' ', false, json::error_handler_t::replace) + '\n';
+    const std::string text = content.text() + '\n';
     write_bytes(text.data(), text.size());
 }
 
@@ -184,9 +182,9 @@ json entry_json(volume &vol, const name_path &path, const entry &of) {
     };
     if (of.type() == kind::LINK) {
         try {
-            result["target"] = link_target(vol, of);
+            result.add("target", link_target(vol, of));
         } catch (const error &) {
-            result["target"] = nullptr;
+            result.add("target", nullptr);
         }
     }
     return result;

@@ -3,15 +3,12 @@
 #pragma once
 
 #include "qvol/error.h"
+#include "qvol/json.h"
 #include "qvol/path.h"
 
 #include <string>
 
-#include <nlohmann/json_fwd.hpp>
-
 namespace qvol {
-
-using json = nlohmann::ordered_json;
 
 struct output {
     bool is_json = false;

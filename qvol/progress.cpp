@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <utility>
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <unistd.h>
 
 namespace qvol {

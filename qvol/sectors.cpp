@@ -3,7 +3,7 @@
 #include "fat/internal.h"
 #include "qvol/error.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 namespace qvol {
 

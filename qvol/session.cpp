@@ -10,7 +10,7 @@
 #include <csignal>
 
 #include <fcntl.h>
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <linux/fs.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>

@@ -2,7 +2,7 @@
 
 #include "qvol/names.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 namespace qvol {
 

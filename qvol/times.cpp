@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 namespace qvol {
 

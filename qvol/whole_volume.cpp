@@ -5,7 +5,7 @@
 
 #include <cerrno>
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 namespace qvol {
 

@@ -20,7 +20,6 @@ if(run_sanitized)
                                                    nlohmann_json::nlohmann_json fmt::fmt)
   target_compile_definitions(qvol_core_sanitized PRIVATE QVOL_VERSION="${PROJECT_VERSION}")
   target_compile_options(qvol_core_sanitized PRIVATE ${sanitized_options})
-  target_precompile_headers(qvol_core_sanitized PRIVATE ${QVOL_PRECOMPILED_HEADERS})
   add_executable(qvol_sanitized ${PROJECT_SOURCE_DIR}/qvol/main.cpp)
   target_compile_options(qvol_sanitized PRIVATE ${sanitized_options})
   target_link_libraries(qvol_sanitized PRIVATE qvol_core_sanitized)
@@ -29,7 +28,7 @@ if(run_sanitized)
   set(sanitized_qvol qvol_sanitized)
 endif()
 
-test_program(qvol_unit_tests SOURCES qvol_names_test qvol_volume_test LIBRARIES qvol_core
+test_program(qvol_unit_tests SOURCES qvol_command_line_test qvol_names_test qvol_volume_test LIBRARIES qvol_core
              ${sanitized_core})
 
 set(qvol_definitions

@@ -6,7 +6,7 @@
 #include "qvol/output.h"
 #include "qvol/sectors.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 namespace qvol {
 

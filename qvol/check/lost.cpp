@@ -6,7 +6,7 @@
 
 #include "fat/internal.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 namespace qvol {
 

@@ -6,7 +6,7 @@
 
 #include <cstring>
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 namespace qvol {
 

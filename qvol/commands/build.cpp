@@ -9,18 +9,15 @@
 #include "qvol/host.h"
 #include "qvol/import.h"
 #include "qvol/new_image.h"
+#include "qvol/sizes.h"
 #include "qvol/volume_shape.h"
 #include "qvol/whole_volume.h"
 
 #include "fat/internal.h"
 
-#include <bit>
-#include <charconv>
 #include <filesystem>
-#include <memory>
 
-#include <fmt/format.h>
-#include <nlohmann/json.hpp>
+#include <fmt/core.h>
 #include <sys/stat.h>
 
 namespace qvol {
@@ -35,9 +32,8 @@ struct build_options {
     std::string sector;
     std::string cluster;
     std::string page = "4K";
-    std::string label;
+    std::optional<std::string> label;
     u32 fat_type = 0;
-    bool has_label = false;
     bool skips_special = false;
     bool is_short = false;
     bool has_pool = false;
@@ -48,31 +44,6 @@ struct build_options {
 };
 
 // ---- options ----
-
-// "64M", "4k", "512".
-u64 parse_size(const std::string &option, const std::string &text) {
-    u64 number = 0;
-    const char *end = text.data() + text.size();
-    const auto [rest, failure] = std::from_chars(text.data(), end, number);
-    const std::size_t unit = std::string_view("KMGkmg").find(rest != end ? *rest : '\0');
-    const bool has_unit = rest != end && rest + 1 == end && unit != std::string_view::npos;
-    const u64 factor = has_unit ? u64{1} << (10 * (unit % 3 + 1)) : 1;
-    if (failure != std::errc() || (rest != end && !has_unit) || number > MOST_BYTES / factor) {
-        throw usage_error(fmt::format("{} {}: not a number of bytes, as 4096, 64M or 2G", option,
-                                      shown_bytes(text)));
-    }
-    return number * factor;
-}
-
-// A power of two in a range.
-u32 parse_unit(const std::string &option, const std::string &text, u32 least, u32 most) {
-    const u64 bytes = parse_size(option, text);
-    if (!std::has_single_bit(bytes) || bytes < least || bytes > most) {
-        throw usage_error(fmt::format("{} {}: has to be a power of two from {} to {} bytes", option,
-                                      shown_bytes(text), least, most));
-    }
-    return static_cast<u32>(bytes);
-}
 
 // `sector_bytes` is what the target has itself.
 shape_request parse_shape(const build_options &options, u32 sector_bytes) {
@@ -145,7 +116,7 @@ volume_content content_of(const build_options &options, const std::vector<host_n
     volume_content content = {options.from.empty() ? "what was asked for"
                                                    : shown_bytes(options.from),
                               &nodes,
-                              static_cast<u32>(slots_needed(nodes)) + (options.has_label ? 1 : 0),
+                              static_cast<u32>(slots_needed(nodes)) + (options.label ? 1 : 0),
                               {}};
     for (const reserved_file *file : reserved_files(options)) {
         content.root_slots++;
@@ -166,14 +137,14 @@ build_result describe(volume &vol, const std::string &path, const tree_totals &t
                       const std::string &label) {
     const u64 free_bytes = u64{vol.fat().free_count()} * fat::cluster_bytes();
     build_result result = {totals, totals_json(totals), {}};
-    result.document.update({{"image", path},
-                            {"image_bytes", vol.where().size()},
-                            {"volume_bytes", u64{sv->total_sectors} * sv->sector_size},
-                            {"fat_type", sv->fat_type},
-                            {"sector_size", sv->sector_size},
-                            {"cluster_size", fat::cluster_bytes()},
-                            {"label", label},
-                            {"free_bytes", free_bytes}});
+    result.document.add("image", path);
+    result.document.add("image_bytes", vol.where().size());
+    result.document.add("volume_bytes", u64{sv->total_sectors} * sv->sector_size);
+    result.document.add("fat_type", sv->fat_type);
+    result.document.add("sector_size", sv->sector_size);
+    result.document.add("cluster_size", fat::cluster_bytes());
+    result.document.add("label", label);
+    result.document.add("free_bytes", free_bytes);
     result.remark = fmt::format("{}: {}, FAT{}, clusters of {}, {} free", shown_bytes(path),
                                 shown_size(vol.where().size()), sv->fat_type,
                                 shown_size(fat::cluster_bytes()), shown_size(free_bytes));
@@ -185,7 +156,8 @@ build_result build_volume(const common_options &common, const build_options &opt
                           const volume_shape &shape, const std::vector<host_node> &nodes,
                           const target &where) {
     sv->long_name = options.is_short ? 0 : 1;
-    format_target(shape, options.label);
+    const std::string label = options.label.value_or("");
+    format_target(shape, label);
     volume vol(where, common.encoding);
     if (options.leaves_copies) {
         vol.fat().leave_other_copies();
@@ -202,7 +174,7 @@ build_result build_volume(const common_options &common, const build_options &opt
         where.resize(std::min(where.size(), used_length(vol)));
     }
     vol.finish();
-    return describe(vol, common.image, totals, options.label);
+    return describe(vol, common.image, totals, label);
 }
 
 // An image that exists below the directory would be packed into itself.
@@ -273,9 +245,10 @@ bool is_block_device(const std::string &path) {
     return stat(path.c_str(), &status) == 0 && S_ISBLK(status.st_mode);
 }
 
-int run_build(const common_options &common, build_options options) {
-    if (options.has_label) {
-        options.label = checked_label(options.label);
+int run_build(const common_options &common, const build_options &given) {
+    build_options options = given;
+    if (options.label) {
+        options.label = checked_label(*options.label);
     }
     const build_result result = is_block_device(common.image) ? build_on_device(common, options)
                                                               : build_image(common, options);
@@ -287,53 +260,48 @@ int run_build(const common_options &common, build_options options) {
     return EXIT_DONE;
 }
 
-void add_shape_options(CLI::App *command, build_options *options) {
-    command->add_option("--size", options->size,
-                        "Bytes of the image with K, M or G, or auto for the fewest that do; of a "
-                        "device: all where none is given");
-    command->add_option("--fat", options->fat_type, "FAT width, by the size where none is given")
-        ->check(CLI::IsMember({16, 32}));
-    command->add_option("--sector", options->sector,
-                        "Bytes of a sector: 512 to 4096 (default 512, or the device's own)");
-    command->add_option("--cluster", options->cluster,
-                        "Bytes of a cluster: up to 32K and 64 sectors");
-    command
-        ->add_option("--page", options->page,
-                     "Bytes of a flash page that areas are aligned to; 0: none")
-        ->capture_default_str();
-    command->add_option("--label", options->label, "Volume label, 11 characters at most")
-        ->each([options](const std::string &) { options->has_label = true; });
+void add_shape_options(const declared_command &build, build_options *options) {
+    build.value("--size", &options->size,
+                "Bytes of the image with K, M or G, or auto for the fewest that do; of a device: "
+                "all where none is given");
+    build.value("--fat", &options->fat_type, "FAT width, by the size where none is given")
+        .one_of({16, 32});
+    build.value("--sector", &options->sector,
+                "Bytes of a sector: 512 to 4096 (default 512, or the device's own)");
+    build.value("--cluster", &options->cluster, "Bytes of a cluster: up to 32K and 64 sectors");
+    build
+        .value("--page", &options->page, "Bytes of a flash page that areas are aligned to; 0: none")
+        .shows_default();
+    build.value("--label", &options->label, "Volume label, 11 characters at most");
 }
 
-void add_content_options(CLI::App *command, build_options *options) {
-    command->add_option("--from", options->from, "Directory whose content goes in");
-    command->add_flag("--skip-special", options->skips_special,
-                      "Leave out what is neither file, directory nor link");
-    command->add_flag("--short-names", options->is_short,
-                      "No long names: refuse those that 8.3 does not hold");
-    command->add_flag("--pool", options->has_pool, "Make the pool file of the ZUQ driver");
-    command->add_flag("--log", options->has_log, "Make the log file of the ZUQ driver");
-    command->add_flag("--no-mirror", options->leaves_copies,
-                      "Write chains to the first FAT copy only");
-    command->add_flag("--compact", options->is_compact, "Cut the image to its used length");
-    command->add_flag("-f,--force", options->is_forced,
-                      "Replace an image that exists, or what is on a device");
+void add_content_options(const declared_command &build, build_options *options) {
+    build.value("--from", &options->from, "Directory whose content goes in");
+    build.flag("--skip-special", &options->skips_special,
+               "Leave out what is neither file, directory nor link");
+    build.flag("--short-names", &options->is_short,
+               "No long names: refuse those that 8.3 does not hold");
+    build.flag("--pool", &options->has_pool, "Make the pool file of the ZUQ driver");
+    build.flag("--log", &options->has_log, "Make the log file of the ZUQ driver");
+    build.flag("--no-mirror", &options->leaves_copies, "Write chains to the first FAT copy only");
+    build.flag("--compact", &options->is_compact, "Cut the image to its used length");
+    build.flag("-f,--force", &options->is_forced,
+               "Replace an image that exists, or what is on a device");
 }
 
 } // namespace
 
 void add_build(command_line *commands) {
-    const auto options = std::make_shared<build_options>();
-    CLI::App *command = commands->add(
+    const auto [build, options] = commands->add(
         {"build", "Make an image, or a volume on a device, from a directory",
          "  qvol build flash.img --size 64M --from rootfs --label SYSTEM\n"
          "  qvol build flash.img --size auto --from rootfs --pool --log\n"
          "  qvol build flash.img --size 512M --fat 32 --cluster 4K --page 8K\n"
          "  SOURCE_DATE_EPOCH=1700000000 qvol build flash.img --size auto --from rootfs --force\n"
          "  qvol build /dev/sdx1 --from rootfs --force"},
-        [options](const common_options &common) { return run_build(common, *options); });
-    add_shape_options(command, options.get());
-    add_content_options(command, options.get());
+        run_build);
+    add_shape_options(build, options);
+    add_content_options(build, options);
 }
 
 } // namespace qvol

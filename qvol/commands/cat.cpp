@@ -4,13 +4,13 @@
 #include "qvol/commands/commands.h"
 #include "qvol/file_data.h"
 
-#include <memory>
-
-#include <nlohmann/json.hpp>
-
 namespace qvol {
 
 namespace {
+
+struct cat_options {
+    std::vector<std::string> paths;
+};
 
 const entry &require_file(const volume &vol, const place &where) {
     if (where.is_directory()) {
@@ -30,10 +30,10 @@ json content_json(volume &vol, const place &where) {
     return {{"path", json_path(where.path)}, {"size", file.size()}, {"text", content}};
 }
 
-int run_cat(const common_options &common, const std::vector<std::string> &paths) {
+int run_cat(const common_options &common, const cat_options &options) {
     return with_volume(common, access::READ, [&](volume &vol) {
         json files = json::array();
-        for (const std::string &path : paths) {
+        for (const std::string &path : options.paths) {
             const place where = resolve(vol, path);
             if (common.out.is_json) {
                 files.push_back(content_json(vol, where));
@@ -44,7 +44,7 @@ int run_cat(const common_options &common, const std::vector<std::string> &paths)
                       [](std::span<const u8> bytes) { write_bytes(bytes.data(), bytes.size()); });
         }
         if (common.out.is_json) {
-            common.out.document({{"files", files}});
+            common.out.document({{"files", std::move(files)}});
         }
         return EXIT_DONE;
     });
@@ -53,13 +53,11 @@ int run_cat(const common_options &common, const std::vector<std::string> &paths)
 } // namespace
 
 void add_cat(command_line *commands) {
-    const auto paths = std::make_shared<std::vector<std::string>>();
-    CLI::App *command =
-        commands->add({"cat", "Write files to standard output",
-                       "  qvol cat flash.img /etc/config.txt\n"
-                       "  qvol cat flash.img /firmware.bin | sha256sum"},
-                      [paths](const common_options &common) { return run_cat(common, *paths); });
-    command->add_option("PATH", *paths, "Paths in the volume")->required();
+    const auto [cat, options] = commands->add({"cat", "Write files to standard output",
+                                               "  qvol cat flash.img /etc/config.txt\n"
+                                               "  qvol cat flash.img /firmware.bin | sha256sum"},
+                                              run_cat);
+    cat.list("PATH", &options->paths, "Paths in the volume").required();
 }
 
 } // namespace qvol

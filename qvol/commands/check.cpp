@@ -7,14 +7,16 @@
 #include "qvol/output.h"
 
 #include <algorithm>
-#include <memory>
 
-#include <fmt/format.h>
-#include <nlohmann/json.hpp>
+#include <fmt/core.h>
 
 namespace qvol {
 
 namespace {
+
+struct check_options {
+    bool repairs = false;
+};
 
 std::string line_of(const told_finding &of, bool repairs) {
     std::string line = of.path.empty() ? "" : of.path + ": ";
@@ -45,7 +47,7 @@ json finding_json(const told_finding &of, bool repairs) {
                    {"text", of.text},
                    {"repaired", of.is_mended}};
     if (repairs) {
-        result["outcome"] = of.outcome;
+        result.add("outcome", of.outcome);
     }
     return result;
 }
@@ -60,7 +62,7 @@ void tell(const common_options &common, const check_result &result, bool repairs
     }
     common.out.remark(summary_of(result, left, repairs));
     if (common.out.is_json) {
-        common.out.document({{"findings", findings},
+        common.out.document({{"findings", std::move(findings)},
                              {"left", left},
                              {"directories", result.directories},
                              {"files", result.files},
@@ -69,7 +71,8 @@ void tell(const common_options &common, const check_result &result, bool repairs
     }
 }
 
-int run_check(const common_options &common, bool repairs) {
+int run_check(const common_options &common, const check_options &options) {
+    const bool repairs = options.repairs;
     const target where(common.image, repairs ? access::WRITE : access::READ);
     volume vol(where, common.encoding, mounted::AREAS);
     const check_result result = repairs ? repair_volume(vol) : check_volume(vol);
@@ -83,13 +86,12 @@ int run_check(const common_options &common, bool repairs) {
 } // namespace
 
 void add_check(command_line *commands) {
-    const auto repairs = std::make_shared<bool>(false);
-    CLI::App *command = commands->add(
-        {"check", "Find what is wrong with the volume, and mend it",
-         "  qvol check flash.img\n"
-         "  qvol check --repair flash.img"},
-        [repairs](const common_options &common) { return run_check(common, *repairs); });
-    command->add_flag("--repair", *repairs, "Mend what can be mended without losing a file");
+    const auto [check, options] =
+        commands->add({"check", "Find what is wrong with the volume, and mend it",
+                       "  qvol check flash.img\n"
+                       "  qvol check --repair flash.img"},
+                      run_check);
+    check.flag("--repair", &options->repairs, "Mend what can be mended without losing a file");
 }
 
 } // namespace qvol

@@ -33,4 +33,10 @@ void add_check(command_line *commands);
 void add_mirror(command_line *commands);
 void add_compact(command_line *commands);
 
+// All of them, in the order of the help.
+inline constexpr void (*ALL_COMMANDS[])(command_line *commands) = {
+    add_build,    add_info,  add_ls,   add_tree, add_stat,  add_cat,    add_get,
+    add_put,      add_mkdir, add_mv,   add_ln,   add_rm,    add_pool,   add_log,
+    add_fastpath, add_owner, add_dump, add_map,  add_check, add_mirror, add_compact};
+
 } // namespace qvol

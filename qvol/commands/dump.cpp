@@ -9,10 +9,8 @@
 #include "fat/internal.h"
 
 #include <charconv>
-#include <memory>
 
-#include <fmt/format.h>
-#include <nlohmann/json.hpp>
+#include <fmt/core.h>
 
 namespace qvol {
 
@@ -111,20 +109,19 @@ int run_dump(const common_options &common, const dump_options &options) {
 } // namespace
 
 void add_dump(command_line *commands) {
-    const auto options = std::make_shared<dump_options>();
-    CLI::App *command = commands->add(
-        {"dump", "Write raw parts of the volume into a file",
-         "  qvol dump flash.img fat fat.bin\n"
-         "  qvol dump flash.img cluster 1234 cluster.bin\n"
-         "  qvol dump flash.img file /photos photos-directory.bin"},
-        [options](const common_options &common) { return run_dump(common, *options); });
-    command->add_option("WHAT", options->what, "fat, cluster or file")
-        ->required()
-        ->check(CLI::IsMember({"fat", "cluster", "file"}));
-    command->add_option("ARGUMENT", options->arguments, "[N or PATH] and the file to write")
-        ->required()
-        ->expected(1, 2);
-    command->add_flag("-f,--force", options->is_forced, "Replace a file that exists");
+    const auto [dump, options] =
+        commands->add({"dump", "Write raw parts of the volume into a file",
+                       "  qvol dump flash.img fat fat.bin\n"
+                       "  qvol dump flash.img cluster 1234 cluster.bin\n"
+                       "  qvol dump flash.img file /photos photos-directory.bin"},
+                      run_dump);
+    dump.value("WHAT", &options->what, "fat, cluster or file")
+        .required()
+        .one_of({"fat", "cluster", "file"});
+    dump.list("ARGUMENT", &options->arguments, "[N or PATH] and the file to write")
+        .required()
+        .count(1, 2);
+    dump.flag("-f,--force", &options->is_forced, "Replace a file that exists");
 }
 
 } // namespace qvol

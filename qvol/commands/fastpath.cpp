@@ -5,10 +5,7 @@
 
 #include "fat/internal.h"
 
-#include <memory>
-
-#include <fmt/format.h>
-#include <nlohmann/json.hpp>
+#include <fmt/core.h>
 
 namespace qvol {
 
@@ -57,8 +54,14 @@ private:
     int id_ = -1;
 };
 
-json fast_path_of(const volume &vol, const name_path &path, const entry &file,
-                  const directory &parent) {
+struct fast_path {
+    name_path path;
+    std::string shown;
+    std::string text;
+};
+
+fast_path fast_path_of(const volume &vol, const name_path &path, const entry &file,
+                       const directory &parent) {
     const std::string shown = shown_path(vol.names(), path);
     const open_id id(shown, file, parent);
     char name[fat::LONG_NAME_UNITS] = {};
@@ -66,18 +69,18 @@ json fast_path_of(const volume &vol, const name_path &path, const entry &file,
     if (zuq_get_fast_open_path_of_file(id.get(), name, text) < 0) {
         throw error(shown + ": the library gives no fast-open path");
     }
-    return {{"path", json_path(path)}, {"shown", shown}, {"fast_path", text}};
+    return {path, shown, text};
 }
 
 // The library's own walk over a directory leaves out its last file where no entry is free, and
 // makes other check values where names are long: each file is asked for on its own.
-json list_directory(volume &vol, const std::string &path) {
+std::vector<fast_path> list_directory(volume &vol, const std::string &path) {
     const place where = resolve(vol, path);
     if (!where.is_directory()) {
         throw error(shown_path(vol.names(), where.path) + ": not a directory");
     }
     const directory dir = open_directory(vol, where);
-    json list = json::array();
+    std::vector<fast_path> list;
     for (const auto &[slot, file] : dir.entries()) {
         if (file.type() == kind::FILE) {
             name_path path_of_file = where.path;
@@ -88,8 +91,8 @@ json list_directory(volume &vol, const std::string &path) {
     return list;
 }
 
-json list_files(volume &vol, const std::vector<std::string> &paths) {
-    json list = json::array();
+std::vector<fast_path> list_files(volume &vol, const std::vector<std::string> &paths) {
+    std::vector<fast_path> list;
     for (const std::string &path : paths) {
         const place where = resolve(vol, path);
         if (where.is_directory()) {
@@ -106,15 +109,14 @@ int run_fastpath(const common_options &common, const fastpath_options &options) 
         throw usage_error("fastpath takes paths, or --dir and one directory");
     }
     return with_volume(common, access::READ, [&](volume &vol) {
-        json list =
-            options.dir.empty() ? list_files(vol, options.paths) : list_directory(vol, options.dir);
-        for (json &item : list) {
-            common.out.line(fmt::format("{} {}", item["fast_path"].get<std::string>(),
-                                        item["shown"].get<std::string>()));
-            item.erase("shown");
+        json list = json::array();
+        for (const fast_path &one : options.dir.empty() ? list_files(vol, options.paths)
+                                                        : list_directory(vol, options.dir)) {
+            common.out.line(fmt::format("{} {}", one.text, one.shown));
+            list.push_back({{"path", json_path(one.path)}, {"fast_path", one.text}});
         }
         if (common.out.is_json) {
-            common.out.document({{"fast_paths", list}});
+            common.out.document({{"fast_paths", std::move(list)}});
         }
         return EXIT_DONE;
     });
@@ -123,14 +125,13 @@ int run_fastpath(const common_options &common, const fastpath_options &options) 
 } // namespace
 
 void add_fastpath(command_line *commands) {
-    const auto options = std::make_shared<fastpath_options>();
-    CLI::App *command = commands->add(
-        {"fastpath", "Give the fast-open paths of files for the ZUQ driver",
-         "  qvol fastpath flash.img /boot/kernel.bin /boot/logo.bmp\n"
-         "  qvol fastpath flash.img --dir /boot"},
-        [options](const common_options &common) { return run_fastpath(common, *options); });
-    command->add_option("PATH", options->paths, "Files in the volume");
-    command->add_option("--dir", options->dir, "All files of this directory");
+    const auto [fastpath, options] =
+        commands->add({"fastpath", "Give the fast-open paths of files for the ZUQ driver",
+                       "  qvol fastpath flash.img /boot/kernel.bin /boot/logo.bmp\n"
+                       "  qvol fastpath flash.img --dir /boot"},
+                      run_fastpath);
+    fastpath.list("PATH", &options->paths, "Files in the volume");
+    fastpath.value("--dir", &options->dir, "All files of this directory");
 }
 
 } // namespace qvol

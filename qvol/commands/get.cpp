@@ -10,8 +10,6 @@
 #include "qvol/progress.h"
 #include "qvol/tree.h"
 
-#include <memory>
-
 namespace qvol {
 
 namespace {
@@ -214,19 +212,16 @@ int run_get(const common_options &common, const get_options &options) {
 } // namespace
 
 void add_get(command_line *commands) {
-    const auto options = std::make_shared<get_options>();
-    CLI::App *command = commands->add(
-        {"get", "Copy files and directories out of the volume",
-         "  qvol get flash.img /photos backup\n"
-         "  qvol get flash.img / whole-volume\n"
-         "  qvol get --force flash.img /etc/config.txt config.txt"},
-        [options](const common_options &common) { return run_get(common, *options); });
-    command->add_option("PATH", options->path, "Path in the volume")->required();
-    command
-        ->add_option("DEST", options->destination,
-                     "Existing directory to copy into, or the new name")
-        ->required();
-    command->add_flag("-f,--force", options->is_forced, "Replace files that exist");
+    const auto [get, options] =
+        commands->add({"get", "Copy files and directories out of the volume",
+                       "  qvol get flash.img /photos backup\n"
+                       "  qvol get flash.img / whole-volume\n"
+                       "  qvol get --force flash.img /etc/config.txt config.txt"},
+                      run_get);
+    get.value("PATH", &options->path, "Path in the volume").required();
+    get.value("DEST", &options->destination, "Existing directory to copy into, or the new name")
+        .required();
+    get.flag("-f,--force", &options->is_forced, "Replace files that exist");
 }
 
 } // namespace qvol

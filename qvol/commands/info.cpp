@@ -8,8 +8,7 @@
 
 #include <algorithm>
 
-#include <fmt/format.h>
-#include <nlohmann/json.hpp>
+#include <fmt/core.h>
 
 namespace qvol {
 
@@ -32,9 +31,28 @@ std::string label_of(volume &vol) {
     return "";
 }
 
-json areas_json(const volume &vol) {
+struct volume_info {
+    const volume &vol;
+    u32 clusters;
+    u32 free_clusters;
+    std::string label;
+    std::string serial;
+    std::vector<area> areas;
+};
+
+volume_info info_of(volume &vol) {
+    const u32 serial = vol.boot().serial;
+    return {vol,
+            vol.fat().last_cluster() - fat::FIRST_DATA_CLUSTER + 1,
+            vol.fat().free_count(),
+            label_of(vol),
+            fmt::format("{:04X}-{:04X}", serial >> 16, serial & 0xFFFF),
+            areas_of(vol)};
+}
+
+json areas_json(const std::vector<area> &areas) {
     json list = json::array();
-    for (const area &a : areas_of(vol)) {
+    for (const area &a : areas) {
         list.push_back({{"name", a.name},
                         {"first_sector", a.first},
                         {"sectors", a.count},
@@ -45,68 +63,64 @@ json areas_json(const volume &vol) {
     return list;
 }
 
-json info_json(volume &vol) {
-    const u32 clusters = vol.fat().last_cluster() - fat::FIRST_DATA_CLUSTER + 1;
-    const u32 free_clusters = vol.fat().free_count();
-    return {{"image", vol.where().path()},
-            {"image_bytes", vol.where().size()},
+json info_json(const volume_info &info) {
+    const boot_fields &boot = info.vol.boot();
+    return {{"image", info.vol.where().path()},
+            {"image_bytes", info.vol.where().size()},
             {"fat_type", sv->fat_type},
-            {"label", label_of(vol)},
-            {"boot_label", vol.boot().label},
-            {"serial",
-             fmt::format("{:04X}-{:04X}", vol.boot().serial >> 16, vol.boot().serial & 0xFFFF)},
-            {"oem_name", vol.boot().oem_name},
+            {"label", info.label},
+            {"boot_label", boot.label},
+            {"serial", info.serial},
+            {"oem_name", boot.oem_name},
             {"sector_size", sv->sector_size},
             {"cluster_size", fat::cluster_bytes()},
             {"total_sectors", sv->total_sectors},
-            {"fat_copies", vol.boot().fat_copies},
-            {"root_entries", vol.boot().root_entries},
+            {"fat_copies", boot.fat_copies},
+            {"root_entries", boot.root_entries},
             {"root_cluster", sv->root_clus},
-            {"areas", areas_json(vol)},
-            {"clusters", clusters},
-            {"free_clusters", free_clusters},
-            {"used_clusters", clusters - free_clusters},
-            {"free_bytes", u64{free_clusters} * fat::cluster_bytes()}};
+            {"areas", areas_json(info.areas)},
+            {"clusters", info.clusters},
+            {"free_clusters", info.free_clusters},
+            {"used_clusters", info.clusters - info.free_clusters},
+            {"free_bytes", u64{info.free_clusters} * fat::cluster_bytes()}};
 }
 
-std::string cluster_line(const json &info, const char *key) {
-    const u64 count = info[key].get<u64>();
+std::string clusters_text(u64 count) {
     return fmt::format("{} ({})", count, shown_size(count * fat::cluster_bytes()));
 }
 
-void print_areas(const output &out, const json &areas) {
+void print_areas(const output &out, const std::vector<area> &areas) {
     out.line("");
     out.line("area            first sector     sectors        bytes  aligned to");
-    for (const json &a : areas) {
-        const u64 page = a["aligned_to"].get<u64>();
-        out.line(fmt::format("{:<15} {:>12} {:>11} {:>12}  {}", a["name"].get<std::string>(),
-                             a["first_sector"].get<u64>(), a["sectors"].get<u64>(),
-                             a["bytes"].get<u64>(),
+    for (const area &a : areas) {
+        const u32 page = alignment_of(a.offset());
+        out.line(fmt::format("{:<15} {:>12} {:>11} {:>12}  {}", a.name, a.first, a.count, a.bytes(),
                              page != 0 ? shown_size(page) : "less than 2 KiB"));
     }
 }
 
-void print_info(const output &out, const json &info) {
-    const auto text = [&](const char *key) { return shown_bytes(info[key].get<std::string>()); };
-    out.line(fmt::format("image         {}, {}", text("image"),
-                         shown_size(info["image_bytes"].get<u64>())));
+void print_info(const output &out, const volume_info &info) {
+    const target &where = info.vol.where();
+    out.line(
+        fmt::format("image         {}, {}", shown_bytes(where.path()), shown_size(where.size())));
     out.line(fmt::format("type          FAT{}", sv->fat_type));
-    out.line(fmt::format("label         {}", text("label").empty() ? "none" : text("label")));
-    out.line(fmt::format("serial        {}", text("serial")));
+    out.line(
+        fmt::format("label         {}", info.label.empty() ? "none" : shown_bytes(info.label)));
+    out.line(fmt::format("serial        {}", info.serial));
     out.line(fmt::format("sector size   {} bytes", sv->sector_size));
     out.line(fmt::format("cluster size  {} bytes", fat::cluster_bytes()));
     out.line(fmt::format("sectors       {}", sv->total_sectors));
-    out.line(fmt::format("clusters      {}", cluster_line(info, "clusters")));
-    out.line(fmt::format("used          {}", cluster_line(info, "used_clusters")));
-    out.line(fmt::format("free          {}", cluster_line(info, "free_clusters")));
-    print_areas(out, info["areas"]);
+    out.line(fmt::format("clusters      {}", clusters_text(info.clusters)));
+    out.line(fmt::format("used          {}", clusters_text(info.clusters - info.free_clusters)));
+    out.line(fmt::format("free          {}", clusters_text(info.free_clusters)));
+    print_areas(out, info.areas);
 }
 
 int run_info(const common_options &common) {
     return with_volume(common, access::READ, [&](volume &vol) {
-        const json info = info_json(vol);
+        const volume_info info = info_of(vol);
         if (common.out.is_json) {
-            common.out.document(info);
+            common.out.document(info_json(info));
         } else {
             print_info(common.out, info);
         }

@@ -4,10 +4,7 @@
 #include "qvol/commands/commands.h"
 #include "qvol/tree.h"
 
-#include <memory>
-
-#include <fmt/format.h>
-#include <nlohmann/json.hpp>
+#include <fmt/core.h>
 
 namespace qvol {
 
@@ -33,8 +30,8 @@ public:
         list_directory(where.path, open_directory(vol_, where));
     }
 
-    [[nodiscard]] const json &documents() const {
-        return documents_;
+    [[nodiscard]] json take_documents() {
+        return std::move(documents_);
     }
     [[nodiscard]] int status() const {
         return status_;
@@ -123,7 +120,7 @@ int run_ls(const common_options &common, const ls_options &options) {
             list.list(path);
         }
         if (common.out.is_json) {
-            common.out.document({{"entries", list.documents()}});
+            common.out.document({{"entries", list.take_documents()}});
         }
         return list.status();
     });
@@ -132,16 +129,14 @@ int run_ls(const common_options &common, const ls_options &options) {
 } // namespace
 
 void add_ls(command_line *commands) {
-    const auto options = std::make_shared<ls_options>();
-    CLI::App *command =
-        commands->add({"ls", "List directories",
-                       "  qvol ls flash.img\n"
-                       "  qvol ls -l flash.img /photos\n"
-                       "  qvol ls -R --json flash.img"},
-                      [options](const common_options &common) { return run_ls(common, *options); });
-    command->add_option("PATH", options->paths, "What to list (default: the root)");
-    command->add_flag("-l,--long", options->is_long, "Kind, attributes, size, time, link target");
-    command->add_flag("-R,--recursive", options->is_recursive, "Directories below as well");
+    const auto [ls, options] = commands->add({"ls", "List directories",
+                                              "  qvol ls flash.img\n"
+                                              "  qvol ls -l flash.img /photos\n"
+                                              "  qvol ls -R --json flash.img"},
+                                             run_ls);
+    ls.list("PATH", &options->paths, "What to list (default: the root)");
+    ls.flag("-l,--long", &options->is_long, "Kind, attributes, size, time, link target");
+    ls.flag("-R,--recursive", &options->is_recursive, "Directories below as well");
 }
 
 } // namespace qvol

@@ -6,10 +6,7 @@
 #include "qvol/map_svg.h"
 #include "qvol/map_text.h"
 
-#include <memory>
-
-#include <fmt/format.h>
-#include <nlohmann/json.hpp>
+#include <fmt/core.h>
 
 namespace qvol {
 
@@ -23,16 +20,16 @@ struct map_options {
 json areas_json(const volume_map &map) {
     json list = json::array();
     for (const area &of : map.areas) {
-        json remainders;
+        json remainders = json::object();
         for (const u32 page : PAGE_SIZES) {
-            remainders[std::to_string(page)] = of.offset() % page;
+            remainders.add(std::to_string(page), of.offset() % page);
         }
         list.push_back({{"name", of.name},
                         {"first_sector", of.first},
                         {"sectors", of.count},
                         {"offset", of.offset()},
                         {"bytes", of.bytes()},
-                        {"remainders", remainders}});
+                        {"remainders", std::move(remainders)}});
     }
     return list;
 }
@@ -124,14 +121,13 @@ int run_map(const common_options &common, const map_options &options) {
 } // namespace
 
 void add_map(command_line *commands) {
-    const auto options = std::make_shared<map_options>();
-    CLI::App *command = commands->add(
+    const auto [map, options] = commands->add(
         {"map", "Show the areas and the clusters, who holds them, and how fragmented they are",
          "  qvol map flash.img\n"
          "  qvol map flash.img --svg map.svg    for a browser"},
-        [options](const common_options &common) { return run_map(common, *options); });
-    command->add_option("--svg", options->svg, "Write a picture for browsers into this file");
-    command->add_flag("-f,--force", options->is_forced, "Replace a file that exists");
+        run_map);
+    map.value("--svg", &options->svg, "Write a picture for browsers into this file");
+    map.flag("-f,--force", &options->is_forced, "Replace a file that exists");
 }
 
 } // namespace qvol

@@ -5,10 +5,7 @@
 #include "qvol/file_data.h"
 #include "qvol/tree.h"
 
-#include <memory>
-
-#include <fmt/format.h>
-#include <nlohmann/json.hpp>
+#include <fmt/core.h>
 
 namespace qvol {
 
@@ -28,9 +25,9 @@ auto about(const volume &vol, const name_path &path, Work work) {
     }
 }
 
-void tell(const output &out, const char *what, const json &paths) {
+void tell(const output &out, const char *what, json paths) {
     if (out.is_json) {
-        out.document({{what, paths}});
+        out.document({{what, std::move(paths)}});
     }
 }
 
@@ -82,12 +79,17 @@ int run_mkdir(const common_options &common, const mkdir_options &options) {
             options.makes_parents ? make_with_parents(vol, path) : make_one(vol, path);
             made.push_back(json_path(parse_path(vol.names(), path)));
         }
-        tell(common.out, "made", made);
+        tell(common.out, "made", std::move(made));
         return EXIT_DONE;
     });
 }
 
 // ---- ln ----
+
+struct ln_options {
+    std::string target;
+    std::string path;
+};
 
 void write_text(const std::vector<u32> &clusters, const std::string &target) {
     data_writer writer;
@@ -97,13 +99,14 @@ void write_text(const std::vector<u32> &clusters, const std::string &target) {
     writer.flush();
 }
 
-int run_ln(const common_options &common, const std::string &target, const std::string &path) {
+int run_ln(const common_options &common, const ln_options &options) {
+    const std::string &target = options.target;
     if (target.empty() || target.size() > fat::MAX_PATH_LENGTH) {
         throw usage_error(
             fmt::format("the target of a link has 1 to {} bytes", fat::MAX_PATH_LENGTH));
     }
     return with_volume(common, access::WRITE, [&](volume &vol) {
-        place where = find_place(vol, path);
+        place where = find_place(vol, options.path);
         if (where.is_root() || where.found) {
             fail(vol, where.path, "exists");
         }
@@ -115,7 +118,9 @@ int run_ln(const common_options &common, const std::string &target, const std::s
             write_text(clusters, target);
             vol.commit_additions({&where.parent});
         });
-        tell(common.out, "made", json::array({json_path(where.path)}));
+        json made = json::array();
+        made.push_back(json_path(where.path));
+        tell(common.out, "made", std::move(made));
         return EXIT_DONE;
     });
 }
@@ -181,32 +186,32 @@ void adopt(volume &vol, const directory &parent, const entry &moved) {
 }
 
 // In one directory both changes reach the medium together; in two the new name comes first.
-void move_entry(volume &vol, place from, place to, bool is_forced) {
-    const entry moved = *from.found;
-    const bool is_same_directory = from.parent.start() == to.parent.start();
-    const bool is_same_entry = is_same_directory && to.found && to.found->slot == moved.slot;
-    if (is_same_entry && to.path.back() == moved.name) {
+void move_entry(volume &vol, place *from, place *to, bool is_forced) {
+    const entry moved = *from->found;
+    const bool is_same_directory = from->parent.start() == to->parent.start();
+    const bool is_same_entry = is_same_directory && to->found && to->found->slot == moved.slot;
+    if (is_same_entry && to->path.back() == moved.name) {
         return;
     }
     if (is_same_directory) {
-        to.parent.remove(moved);
+        to->parent.remove(moved);
     }
     if (is_same_entry) {
-        to.found.reset();
+        to->found.reset();
     }
-    const std::vector<u32> replaced = clear_new_place(vol, &to, moved, is_forced);
-    add_moved(&to.parent, to.path.back(), moved);
-    vol.commit_additions({&to.parent});
+    const std::vector<u32> replaced = clear_new_place(vol, to, moved, is_forced);
+    add_moved(&to->parent, to->path.back(), moved);
+    vol.commit_additions({&to->parent});
     if (!is_same_directory) {
-        adopt(vol, to.parent, moved);
-        from.parent.remove(moved);
+        adopt(vol, to->parent, moved);
+        from->parent.remove(moved);
     }
     vol.fat().release(replaced);
-    vol.commit_removals({&from.parent});
+    vol.commit_removals({&from->parent});
 }
 
 void move_one(volume &vol, const std::string &source, const std::string &path, bool is_forced) {
-    const place from = resolve(vol, source);
+    place from = resolve(vol, source);
     if (from.is_root()) {
         fail(vol, from.path, "the root directory cannot be moved");
     }
@@ -221,8 +226,7 @@ void move_one(volume &vol, const std::string &source, const std::string &path, b
         is_below(spelt_path(vol, to.path), spelt_path(vol, from.path))) {
         fail(vol, to.path, "lies in the directory that is to be moved");
     }
-    const name_path told = to.path;
-    about(vol, told, [&] { move_entry(vol, from, std::move(to), is_forced); });
+    about(vol, to.path, [&] { move_entry(vol, &from, &to, is_forced); });
 }
 
 int run_mv(const common_options &common, const mv_options &options) {
@@ -237,7 +241,7 @@ int run_mv(const common_options &common, const mv_options &options) {
             move_one(vol, options.arguments[i], path, options.is_forced);
             moved.push_back(json_path(parse_path(vol.names(), options.arguments[i])));
         }
-        tell(common.out, "moved", moved);
+        tell(common.out, "moved", std::move(moved));
         return EXIT_DONE;
     });
 }
@@ -346,7 +350,7 @@ int run_rm(const common_options &common, const rm_options &options) {
             }
             removed.push_back(json_path(spelt));
         }
-        tell(common.out, "removed", removed);
+        tell(common.out, "removed", std::move(removed));
         return EXIT_DONE;
     });
 }
@@ -354,52 +358,42 @@ int run_rm(const common_options &common, const rm_options &options) {
 } // namespace
 
 void add_mkdir(command_line *commands) {
-    const auto options = std::make_shared<mkdir_options>();
-    CLI::App *command = commands->add(
-        {"mkdir", "Make directories",
-         "  qvol mkdir flash.img /photos\n"
-         "  qvol mkdir -p flash.img /photos/2024/may"},
-        [options](const common_options &common) { return run_mkdir(common, *options); });
-    command->add_option("PATH", options->paths, "Directories to make")->required();
-    command->add_flag("-p,--parents", options->makes_parents,
-                      "Make the directories above as well; one that exists is no mistake");
+    const auto [mkdir, options] = commands->add({"mkdir", "Make directories",
+                                                 "  qvol mkdir flash.img /photos\n"
+                                                 "  qvol mkdir -p flash.img /photos/2024/may"},
+                                                run_mkdir);
+    mkdir.list("PATH", &options->paths, "Directories to make").required();
+    mkdir.flag("-p,--parents", &options->makes_parents,
+               "Make the directories above as well; one that exists is no mistake");
 }
 
 void add_ln(command_line *commands) {
-    const auto target = std::make_shared<std::string>();
-    const auto path = std::make_shared<std::string>();
-    CLI::App *command = commands->add(
+    const auto [ln, options] = commands->add(
         {"ln", "Make a symbolic link", "  qvol ln flash.img kernel-6.1.bin /boot/kernel.bin"},
-        [target, path](const common_options &common) { return run_ln(common, *target, *path); });
-    command->add_option("TARGET", *target, "What the link holds")->required();
-    command->add_option("PATH", *path, "The link to make")->required();
+        run_ln);
+    ln.value("TARGET", &options->target, "What the link holds").required();
+    ln.value("PATH", &options->path, "The link to make").required();
 }
 
 void add_mv(command_line *commands) {
-    const auto options = std::make_shared<mv_options>();
-    CLI::App *command =
-        commands->add({"mv", "Rename, or move into another directory",
-                       "  qvol mv flash.img /notes.txt /old-notes.txt\n"
-                       "  qvol mv flash.img /a.jpg /b.jpg /photos"},
-                      [options](const common_options &common) { return run_mv(common, *options); });
-    command
-        ->add_option("SOURCE... PATH", options->arguments,
-                     "What to move, and the directory to move it into, or the new name")
-        ->required()
-        ->expected(2, -1);
-    command->add_flag("-f,--force", options->is_forced, "Replace a file that exists");
+    const auto [mv, options] = commands->add({"mv", "Rename, or move into another directory",
+                                              "  qvol mv flash.img /notes.txt /old-notes.txt\n"
+                                              "  qvol mv flash.img /a.jpg /b.jpg /photos"},
+                                             run_mv);
+    mv.list("SOURCE... PATH", &options->arguments,
+            "What to move, and the directory to move it into, or the new name")
+        .required()
+        .count(2, declared_option::ANY_NUMBER);
+    mv.flag("-f,--force", &options->is_forced, "Replace a file that exists");
 }
 
 void add_rm(command_line *commands) {
-    const auto options = std::make_shared<rm_options>();
-    CLI::App *command =
-        commands->add({"rm", "Remove files, links and directories",
-                       "  qvol rm flash.img /notes.txt /empty-directory\n"
-                       "  qvol rm -r flash.img /photos"},
-                      [options](const common_options &common) { return run_rm(common, *options); });
-    command->add_option("PATH", options->paths, "What to remove")->required();
-    command->add_flag("-r,--recursive", options->is_recursive,
-                      "Directories with everything in them");
+    const auto [rm, options] = commands->add({"rm", "Remove files, links and directories",
+                                              "  qvol rm flash.img /notes.txt /empty-directory\n"
+                                              "  qvol rm -r flash.img /photos"},
+                                             run_rm);
+    rm.list("PATH", &options->paths, "What to remove").required();
+    rm.flag("-r,--recursive", &options->is_recursive, "Directories with everything in them");
 }
 
 } // namespace qvol

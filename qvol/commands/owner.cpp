@@ -7,14 +7,16 @@
 #include "fat/internal.h"
 
 #include <algorithm>
-#include <memory>
 
-#include <fmt/format.h>
-#include <nlohmann/json.hpp>
+#include <fmt/core.h>
 
 namespace qvol {
 
 namespace {
+
+struct owner_options {
+    u32 cluster = 0;
+};
 
 bool holds(fat_table &table, u32 start, u32 cluster) {
     if (start == 0) {
@@ -54,7 +56,8 @@ std::string state_of(u32 value, bool is_owned) {
     return value == fat::bad_mark() ? "bad" : is_owned ? "used" : "lost";
 }
 
-int run_owner(const common_options &common, u32 cluster) {
+int run_owner(const common_options &common, const owner_options &options) {
+    const u32 cluster = options.cluster;
     return with_volume(common, access::READ, [&](volume &vol) {
         const u32 value = vol.fat().get(cluster);
         const std::vector<name_path> owners =
@@ -66,7 +69,8 @@ int run_owner(const common_options &common, u32 cluster) {
             common.out.line(shown_path(vol.names(), path));
         }
         if (common.out.is_json) {
-            common.out.document({{"cluster", cluster}, {"state", state}, {"owners", paths}});
+            common.out.document(
+                {{"cluster", cluster}, {"state", state}, {"owners", std::move(paths)}});
         }
         if (owners.empty()) {
             report(fmt::format("cluster {} is {}", cluster, state));
@@ -78,11 +82,10 @@ int run_owner(const common_options &common, u32 cluster) {
 } // namespace
 
 void add_owner(command_line *commands) {
-    const auto cluster = std::make_shared<u32>(0);
-    CLI::App *command = commands->add(
+    const auto [owner, options] = commands->add(
         {"owner", "Tell which path a cluster belongs to", "  qvol owner flash.img 1234"},
-        [cluster](const common_options &common) { return run_owner(common, *cluster); });
-    command->add_option("CLUSTER", *cluster, "Number of the cluster")->required();
+        run_owner);
+    owner.value("CLUSTER", &options->cluster, "Number of the cluster").required();
 }
 
 } // namespace qvol

@@ -5,8 +5,6 @@
 #include "qvol/host.h"
 #include "qvol/import.h"
 
-#include <memory>
-
 namespace qvol {
 
 namespace {
@@ -42,8 +40,8 @@ destination find_destination(volume &vol, const std::string &path, std::size_t s
 }
 
 bool names_content(const std::string &source) {
-    const std::string last = split_host_path(source).name;
-    return last == "." || last == ".." || last == "/";
+    const split_path split = split_host_path(source);
+    return split.name == "." || split.name == ".." || split.name == "/";
 }
 
 // The nodes of one source. "dir/." stands for what is in the directory.
@@ -91,22 +89,20 @@ int run_put(const common_options &common, const put_options &options) {
 } // namespace
 
 void add_put(command_line *commands) {
-    const auto options = std::make_shared<put_options>();
-    CLI::App *command = commands->add(
-        {"put", "Copy files, directories and links into the volume",
-         "  qvol put flash.img kernel.bin logo.bmp /boot\n"
-         "  qvol put flash.img photos /\n"
-         "  qvol put flash.img rootfs/. /\n"
-         "  qvol put --force flash.img config.txt /etc/config.txt"},
-        [options](const common_options &common) { return run_put(common, *options); });
-    command
-        ->add_option("SOURCE... PATH", options->arguments,
-                     "What to copy, and the directory in the volume (or the new name)")
-        ->required()
-        ->expected(2, -1);
-    command->add_flag("-f,--force", options->is_forced, "Replace files that exist");
-    command->add_flag("--skip-special", options->skips_special,
-                      "Leave out what is neither file, directory nor link");
+    const auto [put, options] =
+        commands->add({"put", "Copy files, directories and links into the volume",
+                       "  qvol put flash.img kernel.bin logo.bmp /boot\n"
+                       "  qvol put flash.img photos /\n"
+                       "  qvol put flash.img rootfs/. /\n"
+                       "  qvol put --force flash.img config.txt /etc/config.txt"},
+                      run_put);
+    put.list("SOURCE... PATH", &options->arguments,
+             "What to copy, and the directory in the volume (or the new name)")
+        .required()
+        .count(2, declared_option::ANY_NUMBER);
+    put.flag("-f,--force", &options->is_forced, "Replace files that exist");
+    put.flag("--skip-special", &options->skips_special,
+             "Leave out what is neither file, directory nor link");
 }
 
 } // namespace qvol

@@ -3,14 +3,15 @@
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
 
-#include <memory>
-
-#include <fmt/format.h>
-#include <nlohmann/json.hpp>
+#include <fmt/core.h>
 
 namespace qvol {
 
 namespace {
+
+struct stat_options {
+    std::string path;
+};
 
 json root_json(const place &root) {
     return {{"path", "/"},
@@ -19,14 +20,17 @@ json root_json(const place &root) {
             {"short_name", nullptr}};
 }
 
-json chain_json(volume &vol, u32 start) {
-    json runs = json::array();
-    if (start != 0) {
-        for (const cluster_run &run : runs_of(vol.fat().chain(start))) {
-            runs.push_back({{"first", run.first}, {"count", run.count}});
-        }
+std::vector<cluster_run> chain_of(volume &vol, const place &where) {
+    const u32 start = where.is_root() ? where.parent.start() : where.found->start();
+    return start != 0 ? runs_of(vol.fat().chain(start)) : std::vector<cluster_run>();
+}
+
+json chain_json(const std::vector<cluster_run> &runs) {
+    json list = json::array();
+    for (const cluster_run &run : runs) {
+        list.push_back({{"first", run.first}, {"count", run.count}});
     }
-    return runs;
+    return list;
 }
 
 json location_json(const place &where) {
@@ -37,21 +41,18 @@ json location_json(const place &where) {
             {"slots", where.found->slot - where.found->first_slot + 1}};
 }
 
-json stat_json(volume &vol, const place &where) {
+json stat_json(volume &vol, const place &where, const std::vector<cluster_run> &chain) {
     json result = where.is_root() ? root_json(where) : entry_json(vol, where.path, *where.found);
     if (!where.is_root()) {
-        result["entry"] = location_json(where);
+        result.add("entry", location_json(where));
     }
-    result["chain"] =
-        chain_json(vol, where.is_root() ? where.parent.start() : where.found->start());
+    result.add("chain", chain_json(chain));
     return result;
 }
 
-std::string chain_text(const json &runs) {
+std::string chain_text(const std::vector<cluster_run> &runs) {
     std::string text;
-    for (const json &run : runs) {
-        const u64 first = run["first"].get<u64>();
-        const u64 count = run["count"].get<u64>();
+    for (const auto [first, count] : runs) {
         text += text.empty() ? "" : ", ";
         text +=
             count == 1 ? fmt::format("{}", first) : fmt::format("{}-{}", first, first + count - 1);
@@ -75,12 +76,12 @@ void print_fields(const output &out, volume &vol, const place &where) {
     }
 }
 
-int run_stat(const common_options &common, const std::string &path) {
+int run_stat(const common_options &common, const stat_options &options) {
     return with_volume(common, access::READ, [&](volume &vol) {
-        const place where = resolve(vol, path);
-        const json fields = stat_json(vol, where);
+        const place where = resolve(vol, options.path);
+        const std::vector<cluster_run> chain = chain_of(vol, where);
         if (common.out.is_json) {
-            common.out.document(fields);
+            common.out.document(stat_json(vol, where, chain));
             return EXIT_DONE;
         }
         common.out.line("path        " + shown_path(vol.names(), where.path));
@@ -89,7 +90,7 @@ int run_stat(const common_options &common, const std::string &path) {
         } else {
             print_fields(common.out, vol, where);
         }
-        common.out.line("chain       " + chain_text(fields["chain"]));
+        common.out.line("chain       " + chain_text(chain));
         return EXIT_DONE;
     });
 }
@@ -97,13 +98,12 @@ int run_stat(const common_options &common, const std::string &path) {
 } // namespace
 
 void add_stat(command_line *commands) {
-    const auto path = std::make_shared<std::string>();
-    CLI::App *command =
+    const auto [stat, options] =
         commands->add({"stat", "Tell about one entry: its fields, its place, its clusters",
                        "  qvol stat flash.img /photos/IMG_0001.jpg\n"
                        "  qvol stat --json flash.img /"},
-                      [path](const common_options &common) { return run_stat(common, *path); });
-    command->add_option("PATH", *path, "Path in the volume")->required();
+                      run_stat);
+    stat.value("PATH", &options->path, "Path in the volume").required();
 }
 
 } // namespace qvol

@@ -5,14 +5,15 @@
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
 
-#include <memory>
-
-#include <fmt/format.h>
-#include <nlohmann/json.hpp>
+#include <fmt/core.h>
 
 namespace qvol {
 
 namespace {
+
+struct tree_options {
+    std::string path = "/";
+};
 
 class tree_printer {
 public:
@@ -74,13 +75,12 @@ private:
     int status_ = EXIT_DONE;
 };
 
-// The tree as nested documents, put together with a stack of the lists that are open.
+// The tree as nested documents, put together with a stack of the directories that are open.
 class tree_document {
 public:
     explicit tree_document(volume &vol) : vol_(vol) {}
 
     [[nodiscard]] json of(const place &top) {
-        open_.push_back(json::array());
         tree_visitor visitor;
         visitor.visit = [this](const name_path &path, const entry &found, bool) {
             return add(path, found);
@@ -92,7 +92,7 @@ public:
             status_ = EXIT_FAILED;
         };
         walk_tree(vol_, top.path, open_directory(vol_, top), visitor);
-        return {{"path", json_path(top.path)}, {"entries", open_.back()}};
+        return {{"path", json_path(top.path)}, {"entries", std::move(entries_)}};
     }
 
     [[nodiscard]] int status() const {
@@ -101,27 +101,37 @@ public:
 
 private:
     bool add(const name_path &path, const entry &found) {
-        open_.back().push_back(entry_json(vol_, path, found));
+        json document = entry_json(vol_, path, found);
         if (found.is_directory()) {
-            open_.push_back(json::array());
+            open_.push_back({std::move(document), std::exchange(entries_, json::array())});
+        } else {
+            entries_.push_back(std::move(document));
         }
         return true;
     }
 
     void close() {
-        json children = std::move(open_.back());
+        auto [closed, siblings] = std::move(open_.back());
         open_.pop_back();
-        open_.back().back()["entries"] = std::move(children);
+        closed.add("entries", std::move(entries_));
+        entries_ = std::move(siblings);
+        entries_.push_back(std::move(closed));
     }
 
+    struct open_directory_document {
+        json document;
+        json siblings; // in front of it
+    };
+
     volume &vol_;
-    std::vector<json> open_;
+    std::vector<open_directory_document> open_;
+    json entries_ = json::array(); // of the innermost directory
     int status_ = EXIT_DONE;
 };
 
-int run_tree(const common_options &common, const std::string &path) {
+int run_tree(const common_options &common, const tree_options &options) {
     return with_volume(common, access::READ, [&](volume &vol) {
-        const place top = resolve(vol, path);
+        const place top = resolve(vol, options.path);
         if (!common.out.is_json) {
             tree_printer printer(vol, common.out);
             printer.print(top);
@@ -136,13 +146,11 @@ int run_tree(const common_options &common, const std::string &path) {
 } // namespace
 
 void add_tree(command_line *commands) {
-    const auto path = std::make_shared<std::string>("/");
-    CLI::App *command =
-        commands->add({"tree", "Show everything below a directory",
-                       "  qvol tree flash.img\n"
-                       "  qvol tree flash.img /photos/2024"},
-                      [path](const common_options &common) { return run_tree(common, *path); });
-    command->add_option("PATH", *path, "Where to begin (default: the root)");
+    const auto [tree, options] = commands->add({"tree", "Show everything below a directory",
+                                                "  qvol tree flash.img\n"
+                                                "  qvol tree flash.img /photos/2024"},
+                                               run_tree);
+    tree.value("PATH", &options->path, "Where to begin (default: the root)");
 }
 
 } // namespace qvol

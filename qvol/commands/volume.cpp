@@ -4,8 +4,7 @@
 #include "qvol/commands/commands.h"
 #include "qvol/whole_volume.h"
 
-#include <fmt/format.h>
-#include <nlohmann/json.hpp>
+#include <fmt/core.h>
 
 namespace qvol {
 

@@ -1,0 +1,71 @@
+// JSON documents, as commands put them together and write them. Nothing here reads JSON.
+
+#pragma once
+
+#include "fat/bytes.h"
+
+#include <cstddef>
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+namespace qvol {
+
+using fat::u32;
+using fat::u64;
+
+// A value. It moves and does not copy: a document may describe a whole volume.
+class json {
+public:
+    struct member;
+
+    json() : json(nullptr) {}
+    json(std::nullptr_t);
+    json(bool value);
+    json(u32 number);
+    json(u64 number);
+    json(double number);
+    json(const char *text);
+    json(const std::string &text); // bytes that are not UTF-8 become U+FFFD
+    json(const void *) = delete;   // would be taken for a truth value
+
+    // An object: {{"name", name}, {"bytes", bytes}}. Takes the values out of the list.
+    json(std::initializer_list<member> members);
+
+    [[nodiscard]] static json array();
+    [[nodiscard]] static json object();
+
+    json(json &&other) noexcept;
+    json &operator=(json &&other) noexcept;
+    ~json();
+
+    // Adds an element to an array.
+    void push_back(json value);
+
+    // Adds a member to an object, after the others. The object has no member of this name yet.
+    void add(const std::string &key, json value);
+
+    // The document: two blanks for each level, no newline at the end.
+    [[nodiscard]] std::string text() const;
+
+private:
+    enum class form { SCALAR, ARRAY, OBJECT };
+    struct open_value;
+
+    explicit json(form kind);
+    json(form kind, std::string text);
+
+    static void begin(const json &value, std::string *text, std::vector<open_value> *open);
+    static void end(std::string *text, std::vector<open_value> *open);
+
+    form form_;
+    std::string text_;           // the key of a member, then the value where it is a scalar
+    std::vector<json> children_; // of an array or object
+};
+
+struct json::member {
+    std::string key;
+    mutable json value; // moved from the list, whose elements are const
+};
+
+} // namespace qvol

@@ -1,0 +1,21 @@
+// Sizes as people write them on the command line.
+
+#pragma once
+
+#include "fat/bytes.h"
+
+#include <string>
+
+namespace qvol {
+
+using fat::u32;
+using fat::u64;
+
+// A number of bytes: "512", "4k", "64M", "2G". Throws usage_error, with the name of the option.
+[[nodiscard]] u64 parse_size(const std::string &option, const std::string &text);
+
+// A power of two in a range, in bytes.
+[[nodiscard]] u32 parse_unit(const std::string &option, const std::string &text, u32 least,
+                             u32 most);
+
+} // namespace qvol
