@@ -38,19 +38,19 @@ function prose_of_c(line,    prose, i, c, pair) {
     return prose
 }
 
-# The comments of one line of a script, and its string literals if `texts`. `state` is the quote that
-# is open. An apostrophe after a letter opens no literal.
+# The comments of one line of a script, and its string literals if `texts`. `state` is the open quote. A
+# backslash in single quotes escapes only these, as in Python.
 function prose_of_script(line,    prose, i, c) {
     prose = ""
     for (i = 1; i <= length(line); i++) {
         c = substr(line, i, 1)
-        if (c == "\\" && state != "'") {
+        if (c == "\\" && (state != "'" || substr(line, i + 1, 1) == "'")) {
             i++
         } else if (state != "code") {
             if (c == state) { state = "code"; prose = prose " " } else if (texts) prose = prose c
         } else if (c == "#" && substr(" " line, i, 1) ~ /[ \t]/) {
             return prose substr(line, i + 1)
-        } else if (c == "\"" || (c == "'" && substr(" " line, i, 1) !~ /[A-Za-z]/)) {
+        } else if (c == "\"" || c == "'") {
             state = c
         }
     }

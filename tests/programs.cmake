@@ -1,11 +1,11 @@
-# test_program(NAME SOURCES S...): a program of the cases in tests/S.cpp, registered as NAME, and as
-# asan.NAME with the sanitized library; in the full stage valgrind.NAME, too, where asked for.
+# test_program(NAME SOURCES S...): a program with the cases of tests/S.cpp, registered as NAME, and as
+# asan.NAME with the sanitized library.
 #
-#   SHARDS N        registered in N parts, NAME.1 to NAME.N, of which several run at once
-#   RUNS_PROGRAMS   works in other programs: not for valgrind, not for another machine
+#   SHARDS N        registers N parts, NAME.1 to NAME.N, which may run at the same time
+#   RUNS_PROGRAMS   tests other programs: not under valgrind, not for another machine
 #   ONCE            has no sanitized form
-#   VALGRIND S      the stage from which it runs under valgrind: full or deep (default); or never
-#   FURTHER F...    source files besides
+#   VALGRIND S      the first stage with valgrind.NAME: full or deep (default); never: no stage
+#   FURTHER F...    further source files
 #   DEFINITIONS, LIBRARIES, SANITIZED_LIBRARIES, NEEDS (targets)
 
 find_program(VALGRIND valgrind)
@@ -85,13 +85,13 @@ macro(add_sanitized_program name)
   endif()
 endmacro()
 
-# A source of cases that no program has would be left out in silence.
+# Fails if a source of cases is in no program.
 function(require_every_test_source)
   get_property(known GLOBAL PROPERTY quorvel_test_sources)
   file(GLOB found CONFIGURE_DEPENDS RELATIVE ${CMAKE_CURRENT_SOURCE_DIR} *_test.cpp)
   list(TRANSFORM found REPLACE "\\.cpp$" "")
   list(REMOVE_ITEM found ${known} c_api_test)
   if(found AND (build_qvol OR CMAKE_CROSSCOMPILING))
-    message(FATAL_ERROR "no test program has ${found}")
+    message(FATAL_ERROR "these sources are in no test program: ${found}")
   endif()
 endfunction()

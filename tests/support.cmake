@@ -1,13 +1,13 @@
-# What all test programs are linked with: GoogleTest, support/, and the sanitized library.
+# Libraries of all test programs: GoogleTest, support/, and the sanitized library.
 
 find_package(GTest QUIET)
-if(NOT GTest_FOUND AND EXISTS /usr/src/googletest) # for another machine: from Debian's sources
+if(NOT GTest_FOUND AND EXISTS /usr/src/googletest) # for another machine: Debian's sources
   add_subdirectory(/usr/src/googletest ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
 elseif(NOT GTest_FOUND)
   message(FATAL_ERROR "the tests need GoogleTest: install libgtest-dev and configure again")
 endif()
 
-# Some checks make no sense of what a sanitizer or a count of branches adds to a program.
+# Some checks do not apply to instrumented programs.
 foreach(check "SANITIZED;-fsanitize" "COVERED;--coverage")
   list(GET check 1 flag)
   string(FIND "${CMAKE_CXX_FLAGS}" "${flag}" position)
@@ -41,7 +41,7 @@ target_compile_definitions(
                       QUORVEL_SANITIZED=${QUORVEL_SANITIZED}
                       QUORVEL_COVERED=${QUORVEL_COVERED}
                       QUORVEL_EMULATED=$<BOOL:${CMAKE_CROSSCOMPILING}>)
-# At this level gcc 12 takes inlined string code for accesses outside their objects.
+# At -O1 gcc 12 mistakes inlined string functions for accesses outside their objects.
 target_compile_options(test_support PUBLIC -O1 -Wno-array-bounds -Wno-stringop-overflow)
 target_precompile_headers(
   test_support PRIVATE <gtest/gtest.h> <filesystem> <fstream> <map> <random> <set> <sstream>
@@ -51,10 +51,10 @@ foreach(function malloc calloc realloc free open64 close read write lseek64 fsta
                  ioctl truncate64 fsync iconv_open iconv_close)
   target_link_options(test_support PUBLIC -Wl,--wrap=${function})
 endforeach()
-# Brings faults.cpp into programs that arm no fault themselves.
+# Links faults.cpp into programs that inject no fault themselves.
 target_link_options(test_support PUBLIC -Wl,--undefined=__wrap_malloc)
 
-# A build that is instrumented as a whole, or for another machine, has no second form.
+# An instrumented build, or one for another machine, has no sanitized form.
 set(run_sanitized ON)
 if(QUORVEL_SANITIZED OR QUORVEL_COVERED OR CMAKE_CROSSCOMPILING)
   set(run_sanitized OFF)
