@@ -1,19 +1,20 @@
-// Building images side by side: qvol build, and mkfs.fat with mcopy -s, from the same trees.
+// Building images from the same trees: qvol build, compared with mkfs.fat and mcopy -s.
 //
 // usage: build_bench QVOL DIRECTORY [ROUNDS [SET...]]
 //
-// The sets, and those that are run where none is named (all but the slow one):
+// The sets; without arguments all but similar-2000:
 //
-//   like-2000        2,000 files with like names in one directory; mcopy takes minutes: one round
-//   varied-2000      2,000 files whose first letters differ in one directory
-//   like-20000       20,000 files with like names in 100 directories
-//   varied-20000     20,000 files whose first letters differ in 100 directories
+//   similar-2000     2,000 files with similar names in one directory; one round: mcopy is slow
+//   varied-2000      2,000 files whose names differ early in one directory
+//   similar-20000    20,000 files with similar names in 100 directories
+//   varied-20000     20,000 files whose names differ early in 100 directories
 //   large            one file of 1 GiB
 //
-// The image is made anew in every run, which counts. qvol synchronises it; so the others are
-// measured without and with a sync of theirs. Prints the median times and qvol's share of each.
+// Every run creates its image, and the time includes this. qvol syncs the image, so mkfs.fat and
+// mcopy are measured without and with a sync. Prints the median times, and the ratio of qvol's to
+// each.
 
-#include "bench/side_by_side.h"
+#include "bench/timing.h"
 
 #include <cstdint>
 #include <filesystem>
@@ -35,7 +36,7 @@ std::string numbered(const char *format, int number) {
     return name;
 }
 
-std::string like_name(int number) {
+std::string similar_name(int number) {
     return numbered("photograph-%05d.jpeg", number);
 }
 
@@ -45,15 +46,15 @@ std::string varied_name(int number) {
 
 struct build_set {
     const char *name;
-    int files; // 0: one large one
+    int files; // 0: one large file
     int directories;
     namer name_of;
     bool is_slow;
 };
 constexpr build_set SETS[] = {
-    {"like-2000", 2000, 1, like_name, true},
+    {"similar-2000", 2000, 1, similar_name, true},
     {"varied-2000", 2000, 1, varied_name, false},
-    {"like-20000", 20000, 100, like_name, false},
+    {"similar-20000", 20000, 100, similar_name, false},
     {"varied-20000", 20000, 100, varied_name, false},
     {"large", 0, 1, nullptr, false},
 };
@@ -84,7 +85,7 @@ void make_tree(const std::filesystem::path &tree, const build_set &set) {
 
 // ---- contestants ----
 
-struct site {
+struct environment {
     std::string qvol;
     std::filesystem::path base;
 
@@ -96,7 +97,7 @@ struct site {
 const std::string SIZE = "1200M";
 const std::string CLUSTER_SECTORS = "8"; // 4 KiB
 
-void build_with_mtools(const site &where, const std::filesystem::path &tree, bool syncs) {
+void build_with_mtools(const environment &where, const std::filesystem::path &tree, bool syncs) {
     bench::run_program({"truncate", "-s", SIZE, where.image()});
     bench::run_program({"mkfs.fat", "-F", "32", "-s", CLUSTER_SECTORS, where.image()});
     std::vector<std::string> copy = {"mcopy", "-s", "-i", where.image()};
@@ -110,7 +111,7 @@ void build_with_mtools(const site &where, const std::filesystem::path &tree, boo
     }
 }
 
-std::vector<contestant> contestants(const site &where, const std::filesystem::path &tree) {
+std::vector<contestant> contestants(const environment &where, const std::filesystem::path &tree) {
     const step prepare = [where] { std::filesystem::remove(where.image()); };
     return {{prepare, bench::program({where.qvol, "build", where.image(), "--size", SIZE, "--fat",
                                       "32", "--cluster", "4K", "--from", tree})},
@@ -118,7 +119,7 @@ std::vector<contestant> contestants(const site &where, const std::filesystem::pa
             {prepare, [where, tree] { build_with_mtools(where, tree, true); }}};
 }
 
-// One round without a warm one.
+// One round without a warm-up.
 std::vector<double> times_once(const std::vector<contestant> &all) {
     std::vector<double> times;
     for (const contestant &one : all) {
@@ -128,12 +129,12 @@ std::vector<double> times_once(const std::vector<contestant> &all) {
     return times;
 }
 
-void compare(const site &where, const build_set &set, int rounds) {
+void compare(const environment &where, const build_set &set, int rounds) {
     const std::filesystem::path tree = where.base / set.name;
     make_tree(tree, set);
     std::vector<contestant> all = contestants(where, tree);
     if (set.is_slow) {
-        all.pop_back(); // minutes, beside which a sync does not count
+        all.pop_back(); // compared with minutes, a sync does not matter
     }
     const std::vector<double> times = set.is_slow ? times_once(all) : bench::medians(all, rounds);
     const double synced = times.back();
@@ -159,7 +160,7 @@ int main(int argc, char **argv) {
         return 2;
     }
     const int rounds = argc > 3 ? std::atoi(argv[3]) : 5;
-    const site where = {argv[1], std::filesystem::path(argv[2]) / "build_bench"};
+    const environment where = {argv[1], std::filesystem::path(argv[2]) / "build_bench"};
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     std::filesystem::create_directories(where.base);
     std::printf("%-14s %12s %13s %7s %13s %7s\n", "building", "qvol", "mcopy", "ratio",

@@ -1,17 +1,18 @@
-// File data side by side: the library, mcopy and cp move the same bytes on the same disk.
+// File data: the library, mcopy and cp transfer the same bytes on the same disk.
 //
 // usage: data_bench QUORVEL DIRECTORY [ROUNDS]
 //
-// A run of the library includes opening, mounting and closing the volume, that of a program
-// starting it. Large data comes from the caller's memory and goes there, which nobody has to make
-// first; small files are read from the host as the programs read them. Images are made and
-// formatted anew for every run that writes, outside the time; nobody synchronises, so that all work
-// in the page cache. What mcopy reads goes to /dev/null, while cp always copies file to file.
+// The time of the library includes opening, mounting and closing the volume; the time of a program
+// includes starting it. The library transfers large data from and to memory that is mapped in
+// advance, and reads small files from the host, as the programs do. A fresh image is formatted for
+// every run that writes, outside the time. There is no sync, so all work in the page cache. mcopy
+// reads to /dev/null, while cp always copies from file to file.
 //
-// Prints the median of each and its ratios: to mcopy, to cp, to plain write() or read() in calls of
-// the same size, which is the floor; and, as "4x", the time of 256 MiB over that of 64 MiB.
+// Prints the median of each and its ratios to mcopy, to cp, and to plain write() or read() in calls
+// of the same size, which is the lower bound; as "4x", the time for 256 MiB divided by that for 64
+// MiB.
 
-#include "bench/side_by_side.h"
+#include "bench/timing.h"
 #include "fat/fat.h"
 
 #include <cstdint>
@@ -32,7 +33,7 @@ constexpr std::uint32_t LARGE_BYTES = 256 * MIB;
 constexpr std::uint32_t QUARTER_BYTES = LARGE_BYTES / 4;
 constexpr int SMALL_FILES = 2000;
 constexpr std::size_t SMALL_BYTES = 3000;
-constexpr int MOST_ROUNDS_OF_LIKE_NAMES = 3; // mcopy takes long to tell them apart
+constexpr int MAX_ROUNDS_OF_SIMILAR_NAMES = 3; // mcopy needs long for each
 
 struct cluster_case {
     const char *name;
@@ -48,11 +49,11 @@ struct call_case {
 constexpr call_case CALLS[] = {
     {"in one call", LARGE_BYTES}, {"in calls of 8 MiB", 8 * MIB}, {"in calls of 64 KiB", 64 * KIB}};
 
-// Where everything lies.
-struct site {
+// Programs, files and memory of a run.
+struct environment {
     std::string tool;
     std::filesystem::path base;
-    std::uint8_t *memory; // LARGE_BYTES, all there before: nobody pays for its pages
+    std::uint8_t *memory; // LARGE_BYTES; all pages are mapped in advance
 
     [[nodiscard]] std::string image() const {
         return base / "volume.img";
@@ -68,66 +69,66 @@ struct site {
     }
 };
 
-void demand(bool holds, const char *what) {
+void require(bool holds, const char *what) {
     if (!holds) {
         std::fprintf(stderr, "%s failed\n", what);
         std::exit(1);
     }
 }
 
-// ---- what the library does ----
+// ---- the library ----
 
-void mount(const site &where) {
-    demand(fat_open_volume(where.image().c_str(), 1, 0) >= 0, "fat_open_volume");
-    demand(fat_build_super() == 0, "fat_build_super");
+void mount(const environment &where) {
+    require(fat_open_volume(where.image().c_str(), 1, 0) >= 0, "fat_open_volume");
+    require(fat_build_super() == 0, "fat_build_super");
 }
 
 void read_host(int fd, std::uint8_t *buffer, std::uint32_t count) {
     for (std::uint32_t done = 0; done < count;) {
         const ssize_t moved = read(fd, buffer + done, count - done);
-        demand(moved > 0, "read");
+        require(moved > 0, "read");
         done += static_cast<std::uint32_t>(moved);
     }
 }
 
 // Appends `total` bytes to a new file.
-void append_large(const site &where, std::uint32_t total, std::uint32_t call_bytes) {
+void append_large(const environment &where, std::uint32_t total, std::uint32_t call_bytes) {
     mount(where);
     const int id = fat_create_file("LARGE.BIN");
-    demand(id > 0, "fat_create_file");
+    require(id > 0, "fat_create_file");
     for (std::uint32_t done = 0; done < total;) {
         const std::uint32_t count = std::min(call_bytes, total - done);
-        demand(fat_write_file(id, where.memory + done, count) == static_cast<int>(count),
-               "fat_write_file");
+        require(fat_write_file(id, where.memory + done, count) == static_cast<int>(count),
+                "fat_write_file");
         done += count;
     }
-    demand(fat_close(id) == 0 && fat_close_volume(0) == 0, "fat_close_volume");
+    require(fat_close(id) == 0 && fat_close_volume(0) == 0, "fat_close_volume");
 }
 
-void read_large(const site &where, std::uint32_t total, std::uint32_t call_bytes) {
+void read_large(const environment &where, std::uint32_t total, std::uint32_t call_bytes) {
     mount(where);
     const int id = fat_open("LARGE.BIN");
-    demand(id > 0, "fat_open");
+    require(id > 0, "fat_open");
     for (std::uint32_t done = 0; done < total;) {
         const std::uint32_t count = std::min(call_bytes, total - done);
-        demand(fat_read_file(id, where.memory + done, count) == static_cast<int>(count),
-               "fat_read_file");
+        require(fat_read_file(id, where.memory + done, count) == static_cast<int>(count),
+                "fat_read_file");
         done += count;
     }
-    demand(fat_close(id) == 0 && fat_close_volume(0) == 0, "fat_close_volume");
+    require(fat_close(id) == 0 && fat_close_volume(0) == 0, "fat_close_volume");
 }
 
-// The same bytes by plain system calls, on an image that has no file system.
-void write_plainly(const site &where, std::uint32_t total, std::uint32_t call_bytes) {
+// The same bytes by plain system calls, at the start of the image.
+void write_plainly(const environment &where, std::uint32_t total, std::uint32_t call_bytes) {
     const int fd = open(where.image().c_str(), O_WRONLY);
     for (std::uint32_t done = 0; done < total; done += call_bytes) {
-        demand(write(fd, where.memory + done, call_bytes) == static_cast<ssize_t>(call_bytes),
-               "write");
+        require(write(fd, where.memory + done, call_bytes) == static_cast<ssize_t>(call_bytes),
+                "write");
     }
     close(fd);
 }
 
-void read_plainly(const site &where, std::uint32_t total, std::uint32_t call_bytes) {
+void read_plainly(const environment &where, std::uint32_t total, std::uint32_t call_bytes) {
     const int fd = open(where.image().c_str(), O_RDONLY);
     for (std::uint32_t done = 0; done < total; done += call_bytes) {
         read_host(fd, where.memory + done, call_bytes);
@@ -135,25 +136,25 @@ void read_plainly(const site &where, std::uint32_t total, std::uint32_t call_byt
     close(fd);
 }
 
-void create_small(const site &where, const std::vector<std::string> &files) {
+void create_small(const environment &where, const std::vector<std::string> &files) {
     mount(where);
     for (const std::string &file : files) {
         const int from = open(file.c_str(), O_RDONLY);
-        demand(from >= 0, "open");
+        require(from >= 0, "open");
         read_host(from, where.memory, SMALL_BYTES);
         close(from);
         const int id = fat_create_file(std::filesystem::path(file).filename().c_str());
-        demand(id > 0, "fat_create_file");
-        demand(fat_write_file(id, where.memory, SMALL_BYTES) == static_cast<int>(SMALL_BYTES),
-               "fat_write_file");
-        demand(fat_close(id) == 0, "fat_close");
+        require(id > 0, "fat_create_file");
+        require(fat_write_file(id, where.memory, SMALL_BYTES) == static_cast<int>(SMALL_BYTES),
+                "fat_write_file");
+        require(fat_close(id) == 0, "fat_close");
     }
-    demand(fat_close_volume(0) == 0, "fat_close_volume");
+    require(fat_close_volume(0) == 0, "fat_close_volume");
 }
 
-// ---- material ----
+// ---- files and volumes ----
 
-void make_volume(const site &where, const cluster_case &clusters) {
+void make_volume(const environment &where, const cluster_case &clusters) {
     std::filesystem::remove(where.image());
     std::ofstream(where.image()).close();
     std::filesystem::resize_file(where.image(), VOLUME_BYTES);
@@ -171,8 +172,8 @@ void write_host_file(const std::string &path, std::size_t size) {
 
 using namer = std::string (*)(int);
 
-// A camera's names: their first six characters, which become the short name, are alike in each of
-// two series. A directory takes 1023 short names of one stem.
+// Names as a camera gives them, in two series with equal first six characters, which become the
+// short name. A directory has room for 1023 short names with the same stem.
 std::string camera_name(int number) {
     char name[32];
     std::snprintf(name, sizeof name, "%s-%04d.jpeg", number % 2 == 0 ? "photo" : "movie", number);
@@ -213,11 +214,11 @@ void print_row(const char *name, double time, double mcopy, double cp) {
     std::printf("  %-38s %9.1f ms %8.2f %8.2f", name, time * 1e3, time / mcopy, time / cp);
 }
 
-using large_run = void (*)(const site &, std::uint32_t total, std::uint32_t call_bytes);
+using large_run = void (*)(const environment &, std::uint32_t total, std::uint32_t call_bytes);
 
 // The rows of one cluster size: the library with every size of call, for the whole file and for a
-// quarter of it, and the others.
-void compare_large(const site &where, large_run run, large_run plain, const step &prepare,
+// quarter of it; mcopy; cp.
+void compare_large(const environment &where, large_run run, large_run plain, const step &prepare,
                    const step &mcopy, int rounds) {
     std::vector<contestant> all = {{prepare, mcopy},
                                    {[&] { std::filesystem::remove(where.copy()); },
@@ -242,14 +243,14 @@ void compare_large(const site &where, large_run run, large_run plain, const step
     std::printf("\n");
 }
 
-void compare_appending(const site &where, const cluster_case &clusters, int rounds) {
+void compare_appending(const environment &where, const cluster_case &clusters, int rounds) {
     print_head(std::string("append 256 MiB, ") + clusters.name);
     compare_large(
         where, append_large, write_plainly, [&] { make_volume(where, clusters); },
         bench::program({"mcopy", "-i", where.image(), where.large(), "::"}), rounds);
 }
 
-void compare_reading(const site &where, const cluster_case &clusters, int rounds) {
+void compare_reading(const environment &where, const cluster_case &clusters, int rounds) {
     print_head(std::string("read 256 MiB, ") + clusters.name);
     make_volume(where, clusters);
     append_large(where, LARGE_BYTES, LARGE_BYTES);
@@ -258,7 +259,7 @@ void compare_reading(const site &where, const cluster_case &clusters, int rounds
         bench::program({"mcopy", "-i", where.image(), "::LARGE.BIN", "-"}), rounds);
 }
 
-void compare_small(const site &where, const std::string &kind, namer name_of, int rounds) {
+void compare_small(const environment &where, const std::string &kind, namer name_of, int rounds) {
     const std::vector<std::string> files = make_small_files(where.small_files(kind), name_of);
     const auto new_volume = [&] { make_volume(where, CLUSTERS[1]); };
     const auto new_directory = [&] {
@@ -279,7 +280,7 @@ void compare_small(const site &where, const std::string &kind, namer name_of, in
     std::filesystem::remove_all(where.copy());
 }
 
-void compare_all(const site &where, int rounds) {
+void compare_all(const environment &where, int rounds) {
     write_host_file(where.large(), LARGE_BYTES);
     for (const cluster_case &clusters : CLUSTERS) {
         compare_appending(where, clusters, rounds);
@@ -287,8 +288,8 @@ void compare_all(const site &where, int rounds) {
     }
     std::filesystem::remove(where.copy());
     compare_small(where, "8.3 names", short_name, rounds);
-    compare_small(where, "like long names", camera_name,
-                  std::min(rounds, MOST_ROUNDS_OF_LIKE_NAMES));
+    compare_small(where, "similar long names", camera_name,
+                  std::min(rounds, MAX_ROUNDS_OF_SIMILAR_NAMES));
 }
 
 } // namespace
@@ -302,16 +303,16 @@ int main(int argc, char **argv) {
     void *memory = mmap(nullptr, LARGE_BYTES, PROT_READ | PROT_WRITE,
                         MAP_SHARED | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
     if (memory == MAP_FAILED) {
-        bench::give_up("mmap");
+        bench::fail("mmap");
     }
     FILE *null = std::fopen("/dev/null", "w");
     if (null == nullptr) {
-        bench::give_up("/dev/null");
+        bench::fail("/dev/null");
     }
-    std::setvbuf(null, nullptr, _IONBF, 0); // as the stream of standard error is
+    std::setvbuf(null, nullptr, _IONBF, 0); // unbuffered, as standard error
     fat_set_diagnostics(null);
-    const site where = {argv[1], std::filesystem::path(argv[2]) / "data_bench",
-                        static_cast<std::uint8_t *>(memory)};
+    const environment where = {argv[1], std::filesystem::path(argv[2]) / "data_bench",
+                               static_cast<std::uint8_t *>(memory)};
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     std::filesystem::create_directory(where.base);
     compare_all(where, rounds);

@@ -1,13 +1,12 @@
-// Formatting side by side: quorvel and mkfs.fat on fresh sparse images, with equal sector and
-// cluster sizes and FAT widths.
+// Formatting: quorvel compared with mkfs.fat on fresh sparse images, with equal sector and cluster
+// sizes and FAT widths.
 //
 // usage: format_bench QUORVEL DIRECTORY [ROUNDS]
 //
-// Prints the median time of each, and the ratio of the medians: below 1 quorvel is the faster. The
-// time of starting a program that does nothing (true) is printed with them: it is the floor under
-// both.
+// Prints the median time of each, and the ratio of the medians: below 1 quorvel is faster. The time
+// of a program that does nothing (true) is the lower bound for both.
 
-#include "bench/side_by_side.h"
+#include "bench/timing.h"
 
 #include <cstdint>
 #include <filesystem>

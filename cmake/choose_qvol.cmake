@@ -1,6 +1,6 @@
 # Decides whether qvol is built and sets `build_qvol`; prints why it is left out.
 
-# A cache of an older release holds a decision that nobody asked for.
+# Older releases cached a decision that was no request.
 unset(QUORVEL_BUILD_QVOL CACHE)
 
 set(build_qvol OFF)
@@ -9,7 +9,7 @@ if(NOT QUORVEL_QVOL MATCHES "^(AUTO|ON|OFF)$")
 endif()
 if(QUORVEL_QVOL STREQUAL OFF OR NOT PROJECT_IS_TOP_LEVEL OR CMAKE_CROSSCOMPILING)
   if(QUORVEL_QVOL STREQUAL ON)
-    message(FATAL_ERROR "qvol is a tool of the host: neither cross-compiled nor part of another project")
+    message(FATAL_ERROR "qvol is a tool of the host: it cannot be cross-compiled nor be part of another project")
   endif()
   return()
 endif()

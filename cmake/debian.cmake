@@ -11,7 +11,7 @@ set(tools_package quorvel)
 set(runtime_package libquorvel${PROJECT_VERSION_MAJOR})
 set(development_package libquorvel-dev)
 
-# ---- what the packages hold besides the installed files ----------------------------------------
+# ---- further files of the packages ------------------------------------------------------------
 
 # install_compressed(SOURCE NAME): into the document directory of each package, as NAME.gz
 function(install_compressed source name)
@@ -69,9 +69,10 @@ endmacro()
 
 package(
   tools otherosfs "FAT formatter and volume tools for NAND flash"
-  "quorvel lays a fresh FAT16 or FAT32 file system onto a NAND-flash block device
-or an image file, with every area aligned to the NAND page. qvol lists, copies
-in and out, and changes such volumes without mounting them.")
+  "quorvel formats a NAND-flash block device or an image file as FAT16 or FAT32,
+with every area aligned to the pages of the flash. qvol builds images from
+directories, copies files in and out, and checks and repairs such volumes
+without mounting them.")
 package(
   runtime libs "FAT library for NAND flash - shared library"
   "libquorvel formats FAT16 and FAT32 volumes on NAND-flash block devices and in

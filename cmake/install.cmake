@@ -1,12 +1,12 @@
-# What `cmake --install` lays down, in the components that become the Debian packages: `tools`,
+# The files that `cmake --install` installs, in the components of the Debian packages: `tools`,
 # `runtime` (the shared library) and `development`.
 
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-# Where the documents for those who program with the library go; a distribution has its own place.
+# The directory for the documents of the library. A distribution has its own.
 set(QUORVEL_DEVELOPMENT_DOCDIR ${CMAKE_INSTALL_DOCDIR} CACHE STRING
-    "Where the documents and examples of the library go")
+    "Directory for the documents and examples of the library")
 mark_as_advanced(QUORVEL_DEVELOPMENT_DOCDIR)
 
 install(TARGETS quorvel RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT tools)
@@ -32,7 +32,7 @@ install(EXPORT quorvelTargets NAMESPACE quorvel:: DESTINATION ${cmake_package_di
 install(FILES cmake/quorvelConfig.cmake ${PROJECT_BINARY_DIR}/quorvelConfigVersion.cmake
         DESTINATION ${cmake_package_dir} COMPONENT development)
 
-# pkg-config finds the prefix from where quorvel.pc lies, so that a moved prefix works.
+# pkg-config derives the prefix from the path of quorvel.pc, so that a moved prefix works.
 file(RELATIVE_PATH prefix_from_pc ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 string(REGEX REPLACE "/$" "" prefix_from_pc "${prefix_from_pc}")
 foreach(dir LIBDIR INCLUDEDIR)
@@ -49,7 +49,7 @@ install(FILES ${PROJECT_BINARY_DIR}/quorvel.pc DESTINATION ${CMAKE_INSTALL_LIBDI
 
 # ---- manual pages, completions, documents ------------------------------------------------------
 
-# The files of a directory, without those of a program that is not built.
+# The files that match `pattern`, without those of a program that is not built.
 function(companions variable pattern)
   file(GLOB found CONFIGURE_DEPENDS ${pattern})
   if(NOT build_qvol)
@@ -58,8 +58,8 @@ function(companions variable pattern)
   set(${variable} ${found} PARENT_SCOPE)
 endfunction()
 
-# Pages about calls belong to those who program, the others to the programs. In a Debian package they
-# are compressed.
+# Section 3 belongs to the component `development`, the other sections to `tools`. Debian packages
+# contain the pages compressed.
 companions(manual_pages man/*.[1-8])
 foreach(page IN LISTS manual_pages)
   string(REGEX REPLACE ".*\\." "" section ${page})
@@ -78,8 +78,8 @@ foreach(page IN LISTS manual_pages)
   install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT ${component})
 endforeach()
 
-# completions/NAME.bash for bash, completions/_NAME for zsh, which looks for those of a distribution
-# in a place of their own.
+# completions/NAME.bash for bash, completions/_NAME for zsh, which has another directory for those of a
+# distribution.
 set(zsh_directory zsh/site-functions)
 if(QUORVEL_DEBIAN)
   set(zsh_directory zsh/vendor-completions)

@@ -1,4 +1,4 @@
-# 32-bit ARM with Debian's cross compiler (g++-arm-linux-gnueabihf); qemu-arm runs what it builds.
+# 32-bit ARM with Debian's cross compiler (g++-arm-linux-gnueabihf); qemu-arm runs the programs.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)

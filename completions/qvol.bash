@@ -18,8 +18,8 @@ _qvol_options() {
     esac
 }
 
-# The values of an option that takes one; fails for an option that takes none. "files" and
-# "directories" stand for those of the host, "any" for what nobody can guess.
+# The values of an option; fails for an option without a value. "files" and "directories" are those of
+# the host, "any" is a value that cannot be completed.
 _qvol_values() {
     case $1 in
     --cluster) echo 512 1K 2K 4K 8K 16K 32K ;;
@@ -35,7 +35,7 @@ _qvol_values() {
     esac
 }
 
-# What stands at a place behind the command: place 1 is the image. Paths in the volume are "any".
+# The kind of the N-th argument of the command; the first is the image. Paths in the volume are "any".
 _qvol_argument() {
     case $1:$2 in
     *:1) echo files ;;
@@ -45,7 +45,7 @@ _qvol_argument() {
     esac
 }
 
-# Offers those of the words, or of the kind of thing, that begin with what was typed.
+# Offers those of the words, or of the kind, that begin with the typed text.
 _qvol_offer() {
     local typed=$1
     shift

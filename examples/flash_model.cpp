@@ -1,10 +1,10 @@
-// What writing costs a flash: a volume on a medium of its own, a RAM disk that programs whole pages
-// and counts how often each is programmed.
+// Counts the page programs of a flash: a volume on a RAM disk that programs whole pages and counts
+// how often each is programmed.
 //
 //   flash_model PAGE-SIZE ALIGNMENT
 //
-// Formats the medium with areas aligned to ALIGNMENT bytes (0: not at all), writes 200 files and
-// prints the programs by area. Try "8192 0" and "8192 8192".
+// Formats the medium with areas aligned to ALIGNMENT bytes (0: not aligned), writes 200 files and
+// prints the page programs of each area. Try "8192 0" and "8192 8192".
 
 #include <fat/fat.h>
 
@@ -27,7 +27,8 @@ std::vector<std::uint8_t> medium(MEDIUM_BYTES);
 std::vector<unsigned> programs; // of each page
 std::uint64_t page_bytes;
 
-// The library counts in the volume's sectors, or in 4096 bytes before it knows them.
+// The library counts in sectors of the volume, or in units of 4096 bytes before it knows their
+// size.
 std::uint64_t sector_bytes() {
     return sv->sector_size != 0 ? sv->sector_size : 4096;
 }
@@ -40,7 +41,7 @@ int read_medium(void *buffer, std::uint64_t sector, std::uint32_t count) {
     return static_cast<int>(count);
 }
 
-// A page that a write touches is programmed once for it, whether all of it changes or a sector.
+// A write programs each page that it touches once, even if only one sector of it changes.
 int write_medium(void *buffer, std::uint64_t sector, std::uint32_t count) {
     const std::uint64_t begin = sector * sector_bytes();
     const std::uint64_t end = begin + count * sector_bytes();
@@ -54,9 +55,9 @@ int write_medium(void *buffer, std::uint64_t sector, std::uint32_t count) {
     return static_cast<int>(count);
 }
 
-// The library opens a file or a device; the medium takes its place behind that. The file is as long
-// as the medium, sparse, and gone as soon as it is open.
-bool plug_in() {
+// The library must open a file or a device to learn the size. So it opens a sparse temporary file
+// of the size of the medium; then the transfers are replaced.
+bool open_medium() {
     std::string path = "/tmp/flash_model-XXXXXX";
     const int fd = mkstemp(path.data());
     const bool opened = fd >= 0 && ftruncate(fd, static_cast<off_t>(MEDIUM_BYTES)) == 0 &&
@@ -75,7 +76,7 @@ bool format(std::uint32_t alignment) {
     request.sector_size = 512;
     request.sec_per_clus = 8;
     request.page_size = alignment;
-    fat_page_size_given = 1; // 0 is meant as it stands
+    fat_page_size_given = 1; // an alignment of 0 gets no default
     return check_format_param(&request) == 0 && fat_format(&request) > 0 && fat_build_super() == 0;
 }
 
@@ -91,7 +92,7 @@ bool write_files() {
     return true;
 }
 
-// A page that two areas share is counted for both: that is what alignment avoids.
+// A page that two areas share counts for both. Alignment avoids such pages.
 void print_area(const char *name, std::uint64_t first_sector, std::uint64_t end_sector) {
     const std::uint64_t first = first_sector * sector_bytes() / page_bytes;
     const std::uint64_t end = (end_sector * sector_bytes() + page_bytes - 1) / page_bytes;
@@ -122,13 +123,13 @@ int main(int argc, char **argv) {
         return 2;
     }
     programs.resize(MEDIUM_BYTES / page_bytes + 1);
-    fat_set_diagnostics(nullptr); // results say enough here
-    const bool opened = plug_in();
+    fat_set_diagnostics(nullptr); // the results are sufficient here
+    const bool opened = open_medium();
     if (!opened || !format(static_cast<std::uint32_t>(std::strtoul(argv[2], nullptr, 10)))) {
         std::fprintf(stderr, "cannot format the medium\n");
         return 1;
     }
-    std::fill(programs.begin(), programs.end(), 0); // what formatting costs is paid once
+    std::fill(programs.begin(), programs.end(), 0); // formatting does not count
     const bool written = write_files();
     print_programs();
     fat_close_volume(0);

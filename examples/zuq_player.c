@@ -1,11 +1,13 @@
 /*
- * Prepares a flash for a ZUQ player: formats it, makes the driver's pool and log files, copies
- * media files in, and writes the list of the paths by which the player opens them without a search.
+ * Prepares a flash for a ZUQ player: formats it, creates the pool and log files of the driver,
+ * copies media files to it, and writes a list of the paths with which the player opens them without
+ * a search.
  *
  *   zuq_player IMAGE MEDIA-FILE...
  *
- * IMAGE is an image file of the flash's size, or its block device. The list is the file "FAST.LST"
- * in the root directory: one line for each media file, its fast-open path and its name.
+ * IMAGE is an image file of the size of the flash, or its block device. The list is the file
+ * "FAST.LST" in the root directory: one line for each media file, with its fast-open path and its
+ * name.
  */
 
 #include <fat/fat.h>
@@ -16,8 +18,8 @@
 
 #define FAST_PATH_SIZE 20 /* with the terminator */
 
-/* FAT32 with pages of 8 KiB, as the flash of the player has. */
-static int lay_file_system(const char *image) {
+/* Makes a FAT32 volume for a flash with pages of 8 KiB. */
+static int make_file_system(const char *image) {
     fat_format_param request;
     memset(&request, 0, sizeof request);
     request.fat_size = 32;
@@ -37,8 +39,8 @@ static const char *base_name(const char *path) {
     return slash != NULL ? slash + 1 : path;
 }
 
-/* Copies a file into the current directory. The import says 0 for a file that was cut short, too.
- */
+/* Copies a file into the current directory. Checks the size: the import also returns 0 for a file
+ * that it could not copy whole. */
 static int copy_in(const char *host_path) {
     FILE *file = fopen(host_path, "rb");
     fat_entry_info info;
@@ -81,7 +83,7 @@ static int list_file(int list, const char *name) {
     return fat_write_file(list, line, (uint32_t)length) == length ? 0 : -1;
 }
 
-/* The reserved files come first, so that the driver finds them in front of all others. */
+/* Creates the reserved files first, so that the driver finds them before all others. */
 static int fill(char **files, int count) {
     int list;
     int i;
@@ -112,8 +114,8 @@ int main(int argc, char **argv) {
         fprintf(stderr, "usage: %s IMAGE MEDIA-FILE...\n", argv[0]);
         return 2;
     }
-    fat_set_diagnostics(NULL); /* results say enough here */
-    failed = lay_file_system(argv[1]) < 0 || fill(argv + 2, argc - 2) < 0 || fsync(sv->fd) != 0;
+    fat_set_diagnostics(NULL); /* the results are sufficient here */
+    failed = make_file_system(argv[1]) < 0 || fill(argv + 2, argc - 2) < 0 || fsync(sv->fd) != 0;
     if (sv != NULL) {
         fat_close_volume(0);
     }

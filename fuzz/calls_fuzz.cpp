@@ -1,7 +1,8 @@
-// A sequence of public calls, decoded from the input, on a volume made of the rest of the input.
+// A sequence of public calls, decoded from the input, on a volume that the rest of the input fills.
 //
-// Byte 0: the shape of the volume; bit 7: its bytes are all the input's, else a formatted volume
-// that the input lies over, so that calls get further. Byte 1: how many bytes decode to calls.
+// Byte 0: the shape of the volume. With bit 7 all of its bytes come from the input; without it the
+// sectors before the data area are clean and the input begins there, so that calls get further.
+// Byte 1: the number of bytes to decode to calls.
 
 #include "fuzz/medium.h"
 
@@ -12,15 +13,14 @@ using namespace fuzzing;
 
 namespace {
 
-constexpr u32 MOST_CALLS = 40;
-constexpr u32 MOST_STEPS = 50; // of calls that are repeated until they end
+constexpr u32 MAX_CALLS = 40;
+constexpr u32 MAX_STEPS = 50; // of a listing
 
-FILE *nowhere() {
+FILE *null_stream() {
     static FILE *stream = std::fopen("/dev/null", "w");
     return stream;
 }
 
-// A clean FAT and an empty root directory in front of and under the bytes of the input.
 void prepare_volume(u8 shape, input *in) {
     sv = static_cast<fat_super *>(std::calloc(1, sizeof(fat_super)));
     require(sv != nullptr);
@@ -29,17 +29,18 @@ void prepare_volume(u8 shape, input *in) {
         const u32 end = sv->data_start * sv->sector_size;
         std::memmove(medium.data() + end, medium.data(), MEDIUM_BYTES - end);
         std::memset(medium.data(), 0, end);
-        // The root directory's chain of a FAT32 volume: one cluster.
+        // The root directory of a FAT32 volume has one cluster.
         (void)fat_write_entry(FIRST_DATA_CLUSTER, FAT_END_MARK);
-        // As many clusters as the FAT's one sector has entries.
+        // No more clusters than the single FAT sector has entries.
         const u32 entries = sv->sector_size / (sv->fat_type / 8) - FIRST_DATA_CLUSTER;
         sv->num_clusters = std::min(sv->num_clusters, entries);
     }
 }
 
-// ---- what calls are given ----
+// ---- arguments ----
 
-// Names that meet each other again, short, long, paths; or any bytes.
+// Short names, long names and paths of a fixed set, so that calls meet existing names; or any
+// bytes.
 struct name_source {
     std::array<char, 300> text = {};
 
@@ -70,7 +71,7 @@ struct name_source {
     }
 };
 
-// An id: mostly one that may be open.
+// An id, mostly in the range of the open ones.
 int next_id(input *in) {
     const u8 byte = in->byte();
     return byte == 0xFF ? 512 : byte == 0xFE ? -1 : byte % 16;
@@ -102,7 +103,7 @@ void list_entries(input *in) {
     const int id = next_id(in);
     fat_entry_info info;
     u32 index = next_number(in);
-    for (u32 step = 0; step < MOST_STEPS && fat_next_entry(id, &index, &info) == 1; step++) {
+    for (u32 step = 0; step < MAX_STEPS && fat_next_entry(id, &index, &info) == 1; step++) {
         require(info.name[0] != '\0' && info.short_name[0] != '\0');
         require(std::memchr(info.name, 0, sizeof info.name) != nullptr);
     }
@@ -112,7 +113,7 @@ void list_fast_paths(input *in) {
     const int id = next_id(in);
     char name[256];
     char path[20];
-    for (u32 step = 0; step < MOST_STEPS && zuq_get_fast_open_path_of_dir(id, name, path) == 1;
+    for (u32 step = 0; step < MAX_STEPS && zuq_get_fast_open_path_of_dir(id, name, path) == 1;
          step++) {
         require(std::strlen(path) == 19);
     }
@@ -133,7 +134,7 @@ void describe(input *in) {
     const int id = next_id(in);
     fat_entry_info info;
     (void)fat_info_of(id, &info);
-    (void)fat_fstat(id, nowhere());
+    (void)fat_fstat(id, null_stream());
     char name[12];
     (void)fat_dump_entry(id, name);
     char path[256];
@@ -154,23 +155,23 @@ void list_directory(input *in) {
     const u8 mode = in->byte() % 3;
     const u8 what = in->byte() % 3;
     if (what == 0) {
-        (void)fat_list_dir(nullptr, mode, nowhere());
+        (void)fat_list_dir(nullptr, mode, null_stream());
     } else if (what == 1) {
-        (void)fat_list_dir(name.next(in), mode, nowhere());
+        (void)fat_list_dir(name.next(in), mode, null_stream());
     } else {
-        (void)fat_list_clus(next_number(in), mode, nowhere());
+        (void)fat_list_clus(next_number(in), mode, null_stream());
     }
 }
 
-// Everything that prints goes where nobody reads it: standard output is closed.
+// The first three print to standard output, which is closed.
 void print_all(input *in) {
     const int id = next_id(in);
     print_volume_info(0);
     test_oentry(0, static_cast<u32>(id));
     print_fat_value(0, next_number(in), 0);
-    (void)fat_list_chains(id, nowhere());
-    print_volume_summary(nowhere());
-    (void)print_alloc_hint(nowhere());
+    (void)fat_list_chains(id, null_stream());
+    print_volume_summary(null_stream());
+    (void)print_alloc_hint(null_stream());
 }
 
 void dump(input *in) {
@@ -263,8 +264,8 @@ void call(input *in) {
     }
 }
 
-// What holds between calls: a slot is marked when it holds a record, and the current directory is
-// one of the records.
+// The invariants between calls: a slot is marked if and only if it holds a record, and the current
+// directory is one of the records.
 void check_table() {
     bool has_current = sv->current_dir == nullptr;
     for (u32 id = 0; id < std::size(oentry_table); id++) {
@@ -285,7 +286,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     input volume(in.rest() + calls, in.left() - calls);
     prepare_volume(shape, &volume);
     if (open_root_directory() == 0) {
-        for (u32 i = 0; i < MOST_CALLS && decoded.left() > 0; i++) {
+        for (u32 i = 0; i < MAX_CALLS && decoded.left() > 0; i++) {
             call(&decoded);
             check_table();
         }

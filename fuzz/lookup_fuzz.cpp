@@ -1,4 +1,4 @@
-// Any bytes as a FAT and directories: a lookup, a numeric tail, the long name of every entry.
+// Any bytes as a FAT and directories: looks up a name, adds a numeric tail, reads every long name.
 
 #include "fuzz/medium.h"
 
@@ -20,8 +20,8 @@ void gather_all_names(oentry *dir) {
         return;
     }
     const heap_ptr<u8> buffer = zeroed_bytes(sv->sector_size);
-    constexpr u32 ENOUGH = 600;
-    for (u32 index = 0; index < ENOUGH; index++) {
+    constexpr u32 MAX_ENTRIES = 600;
+    for (u32 index = 0; index < MAX_ENTRIES; index++) {
         u8 *entry = nullptr;
         if (walk_to(&walk, index, &entry) < 0) {
             return;

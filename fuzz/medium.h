@@ -12,7 +12,7 @@
 
 namespace fuzzing {
 
-// The bytes of the input, taken from the front; zeroes once they have run out.
+// Reads the input byte by byte; returns zeros after its end.
 class input {
 public:
     input(const std::uint8_t *data, std::size_t size) : data_(data), size_(size) {}
@@ -48,8 +48,8 @@ private:
 inline constexpr std::size_t MEDIUM_BYTES = 400 * 1024;
 inline std::array<std::uint8_t, MEDIUM_BYTES> medium;
 
-// The sectors of a transfer that lie inside the medium.
-inline std::uint64_t inside(std::uint64_t sector, std::uint32_t count, std::uint64_t unit) {
+// The number of sectors of a transfer that are inside the medium.
+inline std::uint64_t sectors_inside(std::uint64_t sector, std::uint32_t count, std::uint64_t unit) {
     const std::uint64_t sectors = MEDIUM_BYTES / unit;
     return sector < sectors ? std::min<std::uint64_t>(count, sectors - sector) : 0;
 }
@@ -60,7 +60,7 @@ inline std::uint64_t transfer_unit() {
 
 inline int read_medium(void *buf, std::uint64_t sector, std::uint32_t count) {
     const std::uint64_t unit = transfer_unit();
-    const std::uint64_t moved = inside(sector, count, unit);
+    const std::uint64_t moved = sectors_inside(sector, count, unit);
     if (moved == 0) {
         return -EIO;
     }
@@ -70,7 +70,7 @@ inline int read_medium(void *buf, std::uint64_t sector, std::uint32_t count) {
 
 inline int write_medium(void *buf, std::uint64_t sector, std::uint32_t count) {
     const std::uint64_t unit = transfer_unit();
-    const std::uint64_t moved = inside(sector, count, unit);
+    const std::uint64_t moved = sectors_inside(sector, count, unit);
     std::memcpy(medium.data() + sector * unit, buf, moved * unit);
     return static_cast<int>(moved);
 }
@@ -98,7 +98,7 @@ inline void open_medium(fat_super *volume, std::uint8_t shape, input *in) {
     fat_set_diagnostics(nullptr);
 }
 
-// Ends the run where an invariant does not hold.
+// Ends the run if an invariant does not hold.
 inline void require(bool holds) {
     if (!holds) {
         __builtin_trap();

@@ -1,4 +1,4 @@
-// Any bytes as a volume: mounted, walked, read, written to, closed.
+// Any bytes as a volume: mounts it, walks it, reads and writes its files, closes it.
 
 #include "fuzz/medium.h"
 
@@ -7,16 +7,16 @@ using namespace fuzzing;
 
 namespace {
 
-constexpr u32 MOST_ENTRIES = 64;  // of one directory that are looked at
-constexpr int MOST_OPENED = 200;  // in one run
-constexpr u32 MOST_BYTES = 20000; // of one file that are read
+constexpr u32 MAX_ENTRIES = 64;  // read in each directory
+constexpr int MAX_OPENED = 200;  // in one run
+constexpr u32 MAX_BYTES = 20000; // read from each file
 
-FILE *nowhere() {
+FILE *null_stream() {
     static FILE *stream = std::fopen("/dev/null", "w");
     return stream;
 }
 
-// The volume record of a target that has been opened and not mounted yet.
+// The volume record of an open target that is not mounted yet.
 void open_target(input *in) {
     sv = static_cast<fat_super *>(std::calloc(1, sizeof(fat_super)));
     require(sv != nullptr);
@@ -31,7 +31,7 @@ void open_target(input *in) {
 }
 
 void use_file(int id) {
-    static u8 data[MOST_BYTES];
+    static u8 data[MAX_BYTES];
     (void)fat_read_file(id, data, sizeof data);
     (void)fat_lseek(id, -3, 2);
     (void)fat_read_file(id, data, 10);
@@ -42,7 +42,7 @@ void use_file(int id) {
 
 // Opens the entries of a directory one after another.
 void use_entries(oentry *dir, int *opened) {
-    for (u32 index = 0; index < MOST_ENTRIES && *opened < MOST_OPENED; index++) {
+    for (u32 index = 0; index < MAX_ENTRIES && *opened < MAX_OPENED; index++) {
         const int id = fat_entry_open(dir, index);
         if (id <= 0) {
             continue;
@@ -59,10 +59,10 @@ void use_entries(oentry *dir, int *opened) {
     }
 }
 
-// Goes into the directories of the root and works there.
+// Makes each directory of the root the current one and changes it.
 void use_directories() {
     oentry *root = entry_of(0);
-    for (u32 index = 0; index < MOST_ENTRIES; index++) {
+    for (u32 index = 0; index < MAX_ENTRIES; index++) {
         const int id = fat_entry_open(root, index);
         if (id <= 0) {
             continue;
@@ -84,7 +84,7 @@ void use_directories() {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     input in(data, size);
     open_target(&in);
-    if (fat_print_pbr(nowhere()) == 0 && fat_build_super() == 0) {
+    if (fat_print_pbr(null_stream()) == 0 && fat_build_super() == 0) {
         int opened = 0;
         use_entries(entry_of(0), &opened);
         (void)fat_create_file("A new file");

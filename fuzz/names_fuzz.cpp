@@ -9,7 +9,7 @@ namespace {
 
 constexpr const char *ENCODINGS[] = {nullptr, "UTF-8", "ISO-8859-1", "EUC-JP"};
 
-// The converters are opened once: one volume record for each encoding.
+// One volume record for each encoding, so that each converter is opened once.
 fat_super *volume_with_encoding(std::size_t which) {
     static fat_super volumes[std::size(ENCODINGS)] = {};
     static bool opened = false;
@@ -26,13 +26,13 @@ fat_super *volume_with_encoding(std::size_t which) {
 }
 
 void check_record(const fat_name &name) {
-    u8 seen[DOS_NAME_SIZE];
-    std::memcpy(seen, name.dosName, sizeof seen);
-    require(seen[0] != NAME_UNUSED && seen[0] != NAME_DELETED && seen[0] != ' ');
+    u8 dos_name[DOS_NAME_SIZE];
+    std::memcpy(dos_name, name.dosName, sizeof dos_name);
+    require(dos_name[0] != NAME_UNUSED && dos_name[0] != NAME_DELETED && dos_name[0] != ' ');
     require((name.unicode != nullptr) == (name.ulen > 0));
     require(name.ulen < LONG_NAME_UNITS);
     char text[DOS_CSTRING_SIZE];
-    convert_dosname_to_cstring(seen, text, name.lcase);
+    convert_dosname_to_cstring(dos_name, text, name.lcase);
     require(std::strlen(text) < DOS_CSTRING_SIZE);
     if (name.unicode != nullptr) {
         require(name.unicode[name.ulen] == 0);

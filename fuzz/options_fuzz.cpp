@@ -1,7 +1,7 @@
-// Any command line, and the geometry and tables of what it asks for.
+// Any command line; formats the volume that it requests and checks the geometry.
 //
-// Byte 0 to 7: the size of the target in sectors of 512 bytes, modulo 2^33. The rest: arguments,
-// separated by NULs. What the parser prints is closed by -close_fd_mask=3.
+// Bytes 0 to 7: the size of the target in sectors of 512 bytes, modulo 2^33. The rest: arguments,
+// separated by NULs. -close_fd_mask=3 discards the output of the parser.
 
 #include "fuzz/medium.h"
 #include "tool/options.h"
@@ -14,12 +14,12 @@ using namespace fuzzing;
 
 namespace {
 
-constexpr std::size_t MOST_ARGUMENTS = 20;
-constexpr std::uint64_t MOST_TABLE_BYTES = 1 << 20; // larger tables are not built
+constexpr std::size_t MAX_ARGUMENTS = 20;
+constexpr std::uint64_t MAX_TABLE_BYTES = 1 << 20; // skips volumes with larger FATs
 
 std::vector<std::string> split(input *in) {
     std::vector<std::string> arguments = {"quorvel"};
-    while (in->left() > 0 && arguments.size() < MOST_ARGUMENTS) {
+    while (in->left() > 0 && arguments.size() < MAX_ARGUMENTS) {
         std::string argument;
         for (std::uint8_t byte = in->byte(); byte != 0; byte = in->byte()) {
             argument += static_cast<char>(byte);
@@ -33,7 +33,7 @@ int drop_sectors(void *, std::uint64_t, std::uint32_t count) {
     return static_cast<int>(count);
 }
 
-// What a plan that was accepted promises.
+// The invariants of an accepted geometry.
 void check_plan(const fat_format_param &param, u32 total, u32 fat_sectors, u32 clusters) {
     const bool is_fat16 = param.fat_size == 16;
     require(is_fat16 || param.fat_size == 32);
@@ -60,7 +60,7 @@ void format(fat_format_param *param, u64 bytes) {
     const u32 total = static_cast<u32>(bytes / param->sector_size);
     if (calc_fat_sectors(&plan, total, &fat_sectors, &clusters) == 0) {
         check_plan(plan, total, fat_sectors, clusters);
-        if (static_cast<u64>(fat_sectors) * plan.sector_size <= MOST_TABLE_BYTES) {
+        if (static_cast<u64>(fat_sectors) * plan.sector_size <= MAX_TABLE_BYTES) {
             require(fat_format(param) > 0);
         }
     }

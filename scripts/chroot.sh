@@ -1,17 +1,17 @@
-# Sourced by scripts that need a fresh Debian of this machine's release in a chroot.
+# Sourced by scripts that need a chroot with a fresh Debian of the same release as this machine.
 
 skip() {
     echo "skipped: $*"
     exit 77
 }
 
-# The Debian mirror that this machine's apt uses for a release.
+# The Debian mirror of a release, from the configuration of apt.
 mirror_of() {
     apt-get indextargets --format '$(SITE) $(RELEASE) $(COMPONENT)' 'Created-By: Packages' |
         awk -v release="$1" '$2 == release && $3 == "main" { print $1; exit }'
 }
 
-# make_debian TARBALL [PACKAGE,PACKAGE...]: a Debian with these packages besides the essential ones
+# make_debian TARBALL [PACKAGE,PACKAGE...]: makes a Debian with the essential packages and these
 make_debian() {
     [ "$(id -u)" -eq 0 ] || skip "a chroot needs root"
     command -v debootstrap >/dev/null || skip "debootstrap is not installed"
@@ -29,7 +29,7 @@ make_debian() {
     mv "$1.new" "$1"
 }
 
-# enter_debian TARBALL: unpacks it into $root, for inside(), until the script ends
+# enter_debian TARBALL: unpacks it into $root, for inside(); the end of the script removes it
 enter_debian() {
     root=$(mktemp -d)
     trap leave_debian EXIT INT TERM
@@ -43,7 +43,7 @@ leave_debian() {
     rm -rf "$root"
 }
 
-# inside COMMAND: in that Debian, with nothing of this environment but the way to the network
+# inside COMMAND: runs it in that Debian, without the environment except for the proxy
 inside() {
     env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C DEBIAN_FRONTEND=noninteractive \
         http_proxy="${http_proxy:-}" chroot "$root" sh -euc "$1"

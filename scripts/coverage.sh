@@ -1,4 +1,4 @@
-# Sourced by test: what the tests reach of fat/ and tool/.
+# Sourced by test: measures the lines and branches of fat/ and tool/ that the tests reach.
 
 need_packages gcovr
 instrumented="-O0 -g --coverage"

@@ -3,7 +3,7 @@
 configure fuzz -DCMAKE_BUILD_TYPE=Debug -DQUORVEL_BUILD_FUZZERS=ON -DQUORVEL_QVOL=OFF \
     -DCMAKE_CXX_COMPILER=clang++
 
-# 32-bit ARM under an emulator: a selection of the tests, in the long campaigns all of them.
+# 32-bit ARM under an emulator: a selection of the tests in the full stage, all in the deep stage.
 arm_tests="param_test;geometry_test;fatent_test;dentry_test;name_test;file_test;fastpath_test;zuq_test"
 [ $stage = full ] || arm_tests=""
 mkdir -p "$build_dir/arm32"

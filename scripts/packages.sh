@@ -1,6 +1,6 @@
-# Sourced by run and test: makes sure that Debian packages are there.
+# Sourced by run, test and bench/run: installs Debian packages.
 
-# need_packages NAME...: installs those that are missing, or tells which and fails.
+# need_packages NAME...: installs those that are missing, or lists them and fails.
 need_packages() {
     missing=""
     for package in "$@"; do
@@ -19,13 +19,12 @@ need_packages() {
     fi
 }
 
-# want_packages NAME...: the same for what the caller can do without. It goes on; what needs them is
-# left out with a message.
+# want_packages NAME...: the same for optional packages. Never fails.
 want_packages() {
     (need_packages "$@") || true
 }
 
-# install_missing PREFIX: the output of apt-get is shown only when it fails.
+# install_missing PREFIX: shows the output of apt-get only if it fails.
 install_missing() {
     echo "Installing:$missing" >&2
     log=$(mktemp)
@@ -41,7 +40,7 @@ install_missing() {
 }
 
 explain_missing() {
-    echo "These packages are needed and cannot be installed from here:" >&2
+    echo "Cannot install these packages, install them by hand:" >&2
     for package in $missing; do
         echo "    $package" >&2
     done

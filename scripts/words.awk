@@ -2,8 +2,8 @@
 #
 #     awk -v texts=0|1 -f scripts/words.awk TERMS FILE...
 #
-# Prose is: the comments of C++ and, with texts=1, its string literals; "#" comments of scripts; all
-# lines of documents and manual pages except their examples. Skips code in backquotes. Each line of the
+# Prose is: the comments of C++ and scripts and, with texts=1, their string literals; all lines of
+# documents and manual pages except their examples. Skips code in backquotes. Each line of the
 # list is a regex for whole words in lower case, a tab, and the preferred words; a match may continue on
 # the next line.
 
@@ -38,6 +38,25 @@ function prose_of_c(line,    prose, i, c, pair) {
     return prose
 }
 
+# The comments of one line of a script, and its string literals if `texts`. `state` is the open quote. A
+# backslash in single quotes escapes only these, as in Python.
+function prose_of_script(line,    prose, i, c) {
+    prose = ""
+    for (i = 1; i <= length(line); i++) {
+        c = substr(line, i, 1)
+        if (c == "\\" && (state != "'" || substr(line, i + 1, 1) == "'")) {
+            i++
+        } else if (state != "code") {
+            if (c == state) { state = "code"; prose = prose " " } else if (texts) prose = prose c
+        } else if (c == "#" && substr(" " line, i, 1) ~ /[ \t]/) {
+            return prose substr(line, i + 1)
+        } else if (c == "\"" || c == "'") {
+            state = c
+        }
+    }
+    return prose
+}
+
 function prose_of_markdown(line) {
     if (line ~ /^[ ]*```/) { state = state == "example" ? "code" : "example"; return "" }
     return state == "example" || line ~ /^    / ? "" : line
@@ -53,7 +72,7 @@ function prose_of(line) {
     if (kind == "c") return prose_of_c(line)
     if (kind == "markdown") return prose_of_markdown(line)
     if (kind == "manual") return prose_of_manual(line)
-    return line ~ /^[ \t]*#/ ? line : ""
+    return prose_of_script(line)
 }
 
 # Prints the terms that begin in `first`, a line of prose that `second` follows.

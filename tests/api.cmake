@@ -1,4 +1,4 @@
-# The public header and the shared library as programs in several languages see them.
+# The public header and the shared library in programs of several languages.
 
 function(quorvel_api_test name source language standard)
   add_executable(${name} ${source})
@@ -18,7 +18,7 @@ if(NOT QUORVEL_TESTS)
   quorvel_api_test(api_cxx20 c_api_test.cpp CXX 20)
 endif()
 
-# The same images from another machine's programs, run under the emulator.
+# Programs for another machine, run under the emulator, write the same images.
 add_executable(image_writer image_writer.cpp)
 target_link_libraries(image_writer PRIVATE fat quorvel_compile)
 if(CMAKE_CROSSCOMPILING)

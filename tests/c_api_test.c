@@ -1,6 +1,6 @@
 /*
  * The public header and the shared library from C: built as C99, C11 and C17, and included by
- * c_api_test.cpp as C++20. Takes the path of a scratch file; exits with 0 when all is well.
+ * c_api_test.cpp as C++20. Takes the path of a scratch file; exits with 0 on success.
  */
 
 #include <fat/fat.h>
@@ -49,7 +49,7 @@ static void make_image(const char *path) {
     CHECK(fclose(file) == 0);
 }
 
-/* What `path` holds, at most `size` - 1 bytes of it, as a string. */
+/* Reads at most `size` - 1 bytes of `path` as a string. */
 static void read_text(const char *path, char *text, size_t size) {
     FILE *file = fopen(path, "rb");
     size_t length = 0;
@@ -61,7 +61,7 @@ static void read_text(const char *path, char *text, size_t size) {
     text[length] = '\0';
 }
 
-/* Nobody has chosen a stream: the report goes to standard error. */
+/* Without a chosen stream diagnostics go to standard error. */
 static void diagnostics_go_to_standard_error(const char *path) {
     char text[256];
     const char *message;
@@ -127,7 +127,7 @@ static void prints_the_volume(const char *path) {
     CHECK(remove(path) == 0);
 }
 
-/* The transfers can be replaced once the volume is open; nothing of the target changes then. */
+/* The transfers can be replaced while the volume is open; then the target does not change. */
 static void transfers_can_be_replaced(const char *path) {
     fat_format_param param;
     FILE *file;

@@ -1,5 +1,5 @@
 // Directories that a Linux kernel wrote, read back by the library: what the kernel itself listed is
-// the judge. tests/vm/material makes the images.
+// the judge. tests/vm/golden_images makes the images.
 
 #include "fat/internal.h"
 #include "tests/support/capture.h"

@@ -1,5 +1,5 @@
-# Checks of form. clang-tidy takes long: before the full stage it reads only what has changed since
-# the last landed state.
+# Checks of form. clang-tidy takes long: in the quick stage it checks only the sources that have changed
+# since the last landed state.
 set(lint ${PROJECT_SOURCE_DIR}/scripts/lint)
 add_test(NAME lint.format COMMAND ${lint} format)
 add_test(NAME lint.cppcheck COMMAND ${lint} cppcheck)

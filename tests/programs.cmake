@@ -1,11 +1,12 @@
-# test_program(NAME SOURCES S...): a program of the cases in tests/S.cpp, registered as NAME, and as
-# asan.NAME with the sanitized library; in the full stage valgrind.NAME, too, where asked for.
+# test_program(NAME SOURCES S...): a program with the cases of tests/S.cpp, registered as NAME, and as
+# asan.NAME with the sanitized library.
 #
-#   SHARDS N        registered in N parts, NAME.1 to NAME.N, of which several run at once
-#   RUNS_PROGRAMS   works in other programs: not for valgrind, not for another machine
+#   OPTIMISED       calculates for long: see support.cmake
+#   SHARDS N        registers N parts, NAME.1 to NAME.N, which may run at the same time
+#   RUNS_PROGRAMS   tests other programs: not under valgrind, not for another machine
 #   ONCE            has no sanitized form
-#   VALGRIND S      the stage from which it runs under valgrind: full or deep (default); or never
-#   FURTHER F...    source files besides
+#   VALGRIND S      the first stage with valgrind.NAME: full or deep (default); never: no stage
+#   FURTHER F...    further source files
 #   DEFINITIONS, LIBRARIES, SANITIZED_LIBRARIES, NEEDS (targets)
 
 find_program(VALGRIND valgrind)
@@ -30,7 +31,7 @@ function(register_program name shards)
 endfunction()
 
 function(test_program name)
-  cmake_parse_arguments(arg "RUNS_PROGRAMS;ONCE" "SHARDS;VALGRIND"
+  cmake_parse_arguments(arg "OPTIMISED;RUNS_PROGRAMS;ONCE" "SHARDS;VALGRIND"
                         "SOURCES;FURTHER;DEFINITIONS;LIBRARIES;SANITIZED_LIBRARIES;NEEDS" ${ARGN})
   set_property(GLOBAL APPEND PROPERTY quorvel_test_sources ${arg_SOURCES})
   if(QUORVEL_TESTS)
@@ -47,13 +48,18 @@ function(test_program name)
     set(arg_VALGRIND deep)
   endif()
 
+  set(support test_support)
+  if(arg_OPTIMISED)
+    set(support test_support_optimised)
+  endif()
+
   list(TRANSFORM arg_SOURCES APPEND .cpp)
   add_library(${name}_objects OBJECT ${arg_SOURCES} ${arg_FURTHER})
-  target_link_libraries(${name}_objects PRIVATE test_support ${arg_LIBRARIES})
+  target_link_libraries(${name}_objects PRIVATE ${support} ${arg_LIBRARIES})
   target_compile_definitions(${name}_objects PRIVATE ${arg_DEFINITIONS})
-  target_precompile_headers(${name}_objects REUSE_FROM test_support)
+  target_precompile_headers(${name}_objects REUSE_FROM ${support})
   add_executable(${name} $<TARGET_OBJECTS:${name}_objects>)
-  target_link_libraries(${name} PRIVATE test_support ${arg_LIBRARIES} fat)
+  target_link_libraries(${name} PRIVATE ${support} ${arg_LIBRARIES} fat)
   add_dependencies(${name} quorvel ${arg_NEEDS})
   register_program(${name} ${arg_SHARDS} ${name} --gtest_brief=1)
 
@@ -74,19 +80,19 @@ endfunction()
 # The objects of a test program, linked with the sanitized library.
 macro(add_sanitized_program name)
   add_executable(asan_${name} $<TARGET_OBJECTS:${name}_objects>)
-  target_link_libraries(asan_${name} PRIVATE test_support ${arg_SANITIZED_LIBRARIES}
+  target_link_libraries(asan_${name} PRIVATE ${support} ${arg_SANITIZED_LIBRARIES}
                                              $<TARGET_FILE:fat_sanitized>)
   target_link_options(asan_${name} PRIVATE ${sanitizers})
   add_dependencies(asan_${name} fat_sanitized quorvel_sanitized quorvel ${arg_NEEDS})
 endmacro()
 
-# A source of cases that no program has would be left out in silence.
+# Fails if a source of cases is in no program.
 function(require_every_test_source)
   get_property(known GLOBAL PROPERTY quorvel_test_sources)
   file(GLOB found CONFIGURE_DEPENDS RELATIVE ${CMAKE_CURRENT_SOURCE_DIR} *_test.cpp)
   list(TRANSFORM found REPLACE "\\.cpp$" "")
   list(REMOVE_ITEM found ${known} c_api_test)
   if(found AND (build_qvol OR CMAKE_CROSSCOMPILING))
-    message(FATAL_ERROR "no test program has ${found}")
+    message(FATAL_ERROR "these sources are in no test program: ${found}")
   endif()
 endfunction()

@@ -1,4 +1,4 @@
-# qvol: its parts, the program, and what is written about all programs.
+# qvol: its parts, the program, and the documents of all programs.
 
 find_package(nlohmann_json REQUIRED)
 
@@ -11,7 +11,7 @@ target_link_options(qvol_failing_writes PRIVATE -Wl,--wrap=pwrite64)
 add_executable(qvol_failing_fsync EXCLUDE_FROM_ALL ${PROJECT_SOURCE_DIR}/qvol/main.cpp
                                   support/failing_fsync.cpp)
 target_link_libraries(qvol_failing_fsync PRIVATE qvol_core)
-# The program with the sanitizers in it.
+# The program with the sanitizers.
 if(run_sanitized)
   find_package(CLI11 REQUIRED)
   find_package(fmt REQUIRED)

@@ -1,4 +1,4 @@
-# What is installed and released.
+# The installed files and the release.
 
 include(GNUInstallDirs)
 set(release_needs quorvel fat fat_shared)
@@ -17,13 +17,13 @@ test_program(release_tests RUNS_PROGRAMS ONCE SOURCES artefact_test exports_test
                          QUORVEL_CXX_COMPILER="${CMAKE_CXX_COMPILER}"
              NEEDS ${release_needs})
 
-# script_test(NAME COMMAND...): a script that exits with 77 where the machine lacks what it needs
+# script_test(NAME COMMAND...): a script that exits with 77 if this machine cannot run it
 function(script_test name)
   add_test(NAME ${name} COMMAND ${ARGN})
   set_tests_properties(${name} PROPERTIES SKIP_RETURN_CODE 77 TIMEOUT 3000)
 endfunction()
 
-# The libraries and the formatter built twice, and the interface of the shared one.
+# The libraries and the formatter built twice, and the interface of the shared library.
 if(full_stage AND NOT CMAKE_CROSSCOMPILING)
   set(twice ${CMAKE_CURRENT_BINARY_DIR}/reproducible)
   script_test(release.reproducible ${CMAKE_CURRENT_SOURCE_DIR}/reproducible ${twice}
@@ -42,7 +42,7 @@ if(full_stage AND NOT CMAKE_CROSSCOMPILING)
   set_tests_properties(release.packages.build PROPERTIES FIXTURES_REQUIRED ""
                                                          FIXTURES_SETUP packages)
 
-  # The commands of the README on a machine that has nothing. Each order takes a machine's cores.
+  # The commands of the README on a bare machine. One order at a time: each uses all cores.
   script_test(door.system ${CMAKE_CURRENT_SOURCE_DIR}/bare_machine system
               ${CMAKE_CURRENT_BINARY_DIR}/bare_machine)
   set_tests_properties(door.system PROPERTIES FIXTURES_SETUP bare_machine)

@@ -1,11 +1,11 @@
-# Registers in SELECTED what REGEX selects of the tests in ALL: those with a matching name whole, and
-# of the test programs the matching cases.
+# Registers in SELECTED the tests in ALL whose names match REGEX, and the matching cases of the test
+# programs.
 #
 #   cmake -D ALL=BUILD-DIR -D SELECTED=BUILD-DIR -D REGEX=REGEX -P select.cmake
 
 cmake_minimum_required(VERSION 3.25)
 
-# matching_cases(VARIABLE COMMAND...): the cases of a test program that match, as a filter
+# matching_cases(VARIABLE COMMAND...): sets a filter for the matching cases of a test program
 function(matching_cases variable)
   execute_process(COMMAND ${ARGN} --gtest_list_tests OUTPUT_VARIABLE listed ERROR_QUIET)
   string(REGEX REPLACE " *#[^\n]*" "" listed "${listed}")
@@ -25,7 +25,7 @@ function(matching_cases variable)
   set(${variable} "${matching}" PARENT_SCOPE)
 endfunction()
 
-# add_selected(NAME PROPERTIES-JSON COMMAND...): one line of the file that ctest reads
+# add_selected(NAME PROPERTIES-JSON COMMAND...): adds a test to `content`, the file for ctest
 function(add_selected name properties)
   set(words "")
   foreach(word IN LISTS ARGN)

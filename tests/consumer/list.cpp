@@ -1,4 +1,4 @@
-// Lists the root directory of the image that it is given.
+// Lists the root directory of the given image.
 
 #include <fat/fat.h>
 

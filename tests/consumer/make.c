@@ -1,4 +1,4 @@
-/* Formats the image that it is given and makes a file on it. */
+/* Formats the given image and creates a file on it. */
 
 #include <fat/fat.h>
 

@@ -1,13 +1,13 @@
-// The library at work inside the virtual machine, on devices that a kernel also mounts.
+// Uses the library inside the virtual machine, on devices that a kernel also mounts.
 //
 // clang-format off
-//   driver extract DEVICE DIRECTORY        copies the whole volume out, links as links
-//   driver import DIRECTORY DEVICE         copies a tree of files, directories and links in
-//   driver remove DEVICE DIRECTORY NAME    removes a file of a directory of the root
-//   driver lookup DEVICE DIRECTORY         opens every name of a directory by that name
+//   driver extract DEVICE DIRECTORY        copies the whole volume to DIRECTORY, links as links
+//   driver import DIRECTORY DEVICE         copies files, directories and links to the volume
+//   driver remove DEVICE DIRECTORY NAME    removes a file from a directory in the root
+//   driver lookup DEVICE DIRECTORY         looks up every name of a directory
 // clang-format on
 //
-// Exit status 0, or 1 after saying on standard error what failed.
+// Exit status 0, or 1 with an error message on standard error.
 
 #include "fat/internal.h"
 
@@ -29,14 +29,14 @@ namespace fs = std::filesystem;
 
 constexpr u8 LINK = 7;
 
-[[noreturn]] void give_up(const std::string &what, int error) {
+[[noreturn]] void fail(const std::string &what, int error) {
     std::fprintf(stderr, "driver: %s: %s\n", what.c_str(), std::strerror(-error));
     std::exit(1);
 }
 
 int checked(int result, const std::string &what) {
     if (result < 0) {
-        give_up(what, result);
+        fail(what, result);
     }
     return result;
 }
@@ -67,7 +67,7 @@ std::vector<fat_entry_info> entries_of(int directory) {
     return result;
 }
 
-// ---- out ----
+// ---- extract ----
 
 std::string contents_of(int file) {
     std::string result;
@@ -85,7 +85,7 @@ std::string contents_of(int file) {
 void extract(int directory, const fs::path &target) {
     fs::create_directories(target);
     for (const fat_entry_info &info : entries_of(directory)) {
-        // By its index: some names of other systems are not found by what they look like.
+        // Opens by index: some names from other systems are not found by their listed form.
         const int id = checked(fat_entry_open(oentry_table[directory], info.index), info.name);
         const fs::path path = target / info.name;
         if (info.type == DENTRY_DIR) {
@@ -99,7 +99,7 @@ void extract(int directory, const fs::path &target) {
     }
 }
 
-// ---- in ----
+// ---- import ----
 
 void import_tree(const fs::path &source) {
     std::vector<fs::path> paths;
@@ -122,7 +122,7 @@ void import_tree(const fs::path &source) {
     }
 }
 
-// ---- names ----
+// ---- lookup ----
 
 int enter(const char *directory) {
     const int id = checked(fat_open_dir(directory), directory);
@@ -137,7 +137,7 @@ void look_up_all(int directory) {
         fat_entry_info opened;
         checked(fat_info_of(id, &opened), info.name);
         if (opened.index != info.index) {
-            give_up(std::string(info.name) + " leads to another entry", -ENOENT);
+            fail(std::string(info.name) + " leads to another entry", -ENOENT);
         }
         fat_close(id);
         found++;

@@ -1,4 +1,4 @@
-// Programs and calls measured side by side, in wall time.
+// Measures programs and calls in turn, in wall time.
 
 #pragma once
 
@@ -16,12 +16,12 @@
 
 namespace bench {
 
-[[noreturn]] inline void give_up(const std::string &what) {
+[[noreturn]] inline void fail(const std::string &what) {
     std::fprintf(stderr, "%s failed\n", what.c_str());
     std::exit(1);
 }
 
-inline void become(const std::vector<std::string> &arguments) {
+inline void exec_quietly(const std::vector<std::string> &arguments) {
     std::vector<char *> argv;
     for (const std::string &argument : arguments) {
         argv.push_back(const_cast<char *>(argument.c_str()));
@@ -34,23 +34,23 @@ inline void become(const std::vector<std::string> &arguments) {
     _exit(127);
 }
 
-// Runs a program, found through PATH, to its end. What it prints goes nowhere; one that fails ends
-// the benchmark.
+// Runs a program, found through PATH, to its end and discards its output. Ends the benchmark if the
+// program fails.
 inline void run_program(const std::vector<std::string> &arguments) {
     const pid_t child = fork();
     if (child == 0) {
-        become(arguments);
+        exec_quietly(arguments);
     }
     int status = 0;
     if (child < 0 || waitpid(child, &status, 0) < 0 || !WIFEXITED(status) ||
         WEXITSTATUS(status) != 0) {
-        give_up(arguments[0]);
+        fail(arguments[0]);
     }
 }
 
 using step = std::function<void()>;
 
-// The step that runs the program: starting and ending it counts.
+// The step that runs the program. Its time includes starting and ending it.
 inline step program(std::vector<std::string> arguments) {
     return [arguments = std::move(arguments)] { run_program(arguments); };
 }
@@ -72,8 +72,8 @@ inline double median(std::vector<double> values) {
     return values[values.size() / 2];
 }
 
-// The median time of each in seconds. All run in every round, each round in another order; the
-// first round only warms up.
+// The median time of each in seconds. All run in every round, in an order that rotates. The first
+// round only warms up.
 inline std::vector<double> medians(const std::vector<contestant> &contestants, int rounds) {
     const std::size_t count = contestants.size();
     std::vector<std::vector<double>> times(count);
@@ -88,8 +88,8 @@ inline std::vector<double> medians(const std::vector<contestant> &contestants, i
         }
     }
     std::vector<double> result;
-    for (const std::vector<double> &of_one : times) {
-        result.push_back(median(of_one));
+    for (const std::vector<double> &of_contestant : times) {
+        result.push_back(median(of_contestant));
     }
     return result;
 }
