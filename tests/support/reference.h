@@ -1,0 +1,39 @@
+// The reference model of the open volume: its areas, and its medium as the disk is.
+
+#pragma once
+
+#include "tests/model/volume.h"
+#include "tests/support/ram_disk.h"
+
+namespace testing_support {
+
+inline model::areas areas_of_open_volume() {
+    return {.width = sv->fat_type,
+            .sector_bytes = sv->sector_size,
+            .cluster_sectors = sv->sec_per_clus,
+            .clusters = sv->num_clusters,
+            .fat_start = sv->fat_start,
+            .fat_sectors = sv->fat_size,
+            .root_start = sv->rdir_start,
+            .data_start = sv->data_start,
+            .root_cluster = sv->root_clus,
+            .total_sectors = sv->total_sectors};
+}
+
+// A layer of the model over the open volume. It begins with what the disk held at its last
+// remember(), or holds when the model first reads it, and with the disk's bad sectors.
+template <typename Layer>
+Layer reference_of(ram_disk *disk) {
+    Layer layer(areas_of_open_volume(), [disk](std::uint64_t offset, std::size_t size) {
+        return disk->peek_before(offset, size);
+    });
+    layer.hint = sv->last_alloc_clus;
+    layer.unreadable = disk->unreadable;
+    layer.unreadable.insert(disk->bad_sectors.begin(), disk->bad_sectors.end());
+    layer.unwritable = disk->unwritable;
+    layer.unwritable.insert(disk->bad_sectors.begin(), disk->bad_sectors.end());
+    layer.fails_silently = disk->failure_result >= 0;
+    return layer;
+}
+
+} // namespace testing_support
