@@ -216,16 +216,9 @@ protected:
     }
     // The model takes over the disk and the open entry as they are now.
     void begin_reference(int id) {
-        const oentry &record = mounted::record(id);
         volume_.emplace(reference_of<model::volume>(&v.disk));
         volume_->date = static_cast<u16>(TODAY);
-        entry_ = {};
-        entry_.start = record.start;
-        entry_.last = record.last;
-        entry_.allocated = record.allocated;
-        entry_.cached = mounted::held_entry(id);
-        entry_.position = record.pos;
-        entry_.where = {record.dentry_sector, record.dentry_offset};
+        entry_ = open_entry_of(mounted::record(id));
     }
     // One call of the library and the model on one file; nothing is left different.
     void call_both(bool is_write) {
@@ -254,12 +247,7 @@ protected:
     // -- comparing
 
     void expect_same_record(int id) const {
-        const oentry &record = mounted::record(id);
-        ASSERT_EQ(record.start, entry_.start);
-        ASSERT_EQ(record.last, entry_.last);
-        ASSERT_EQ(record.allocated, entry_.allocated);
-        ASSERT_EQ(record.pos, entry_.position);
-        ASSERT_EQ(mounted::held_entry(id), entry_.cached);
+        ASSERT_EQ(open_entry_of(mounted::record(id)), entry_);
         ASSERT_EQ(sv->last_alloc_clus, volume_->hint);
     }
     void expect_same_medium() {

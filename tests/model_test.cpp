@@ -335,12 +335,12 @@ private:
     }
     testing::AssertionResult ids_agree() {
         for (int id = 0; id < model::IDS; id++) {
-            const auto slot = model->table.find(id);
-            const open_entry *expected = slot == model->table.end() ? nullptr : &slot->second;
-            if (!is_same(expected, oentry_table[id])) {
+            const auto found = open_entry_of(id);
+            const auto expected = expected_entry(*model, id);
+            if (found != expected) {
                 return testing::AssertionFailure()
-                       << "id " << id << " is " << shown(oentry_table[id]) << ", not "
-                       << shown(expected);
+                       << "id " << id << " is " << testing::PrintToString(found) << ", not "
+                       << testing::PrintToString(expected);
             }
         }
         if (get_current() != model->current) {
@@ -349,42 +349,6 @@ private:
         }
         return testing::AssertionSuccess();
     }
-    static const std::uint8_t *image_of(const open_entry &e) {
-        return e.cached ? e.cached->data() : nullptr;
-    }
-    static bool is_same(const open_entry *a, const oentry *b) {
-        if (a == nullptr || b == nullptr) {
-            return a == nullptr && b == nullptr;
-        }
-        const std::uint8_t *image = image_of(*a);
-        return a->start == b->start && a->last == b->last && a->allocated == b->allocated &&
-               a->position == b->pos && a->references == b->ref_count &&
-               (image == nullptr || b->dentry == nullptr
-                    ? image == b->dentry
-                    : std::equal(image, image + 32, b->dentry));
-    }
-    static std::string shown(const open_entry *e) {
-        return e == nullptr ? "none"
-                            : shown(e->start, e->last, e->allocated, e->position, e->references,
-                                    image_of(*e));
-    }
-    static std::string shown(const oentry *e) {
-        return e == nullptr
-                   ? "none"
-                   : shown(e->start, e->last, e->allocated, e->pos, e->ref_count, e->dentry);
-    }
-    static std::string shown(std::uint32_t start, std::uint32_t last, std::uint32_t allocated,
-                             std::uint64_t position, std::uint32_t references,
-                             const std::uint8_t *image) {
-        std::ostringstream out;
-        out << start << ".." << last << ", " << allocated << " bytes, at " << position << ", "
-            << references << " references" << (image == nullptr ? ", no image" : ", image");
-        for (std::size_t i = 0; image != nullptr && i < 32; i++) {
-            out << ' ' << static_cast<unsigned>(image[i]);
-        }
-        return out.str();
-    }
-
     run_plan plan_;
 };
 

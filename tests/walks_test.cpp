@@ -610,11 +610,9 @@ protected:
     }
 
     static model::open_chain model_chain(const directory &dir) {
-        return {.start = dir.record.start,
-                .last = dir.record.last,
-                .allocated = dir.record.allocated,
-                .cached = {},
-                .is_root = dir.base() == 0};
+        model::open_chain result = open_entry_of(dir.record);
+        result.is_root = dir.base() == 0;
+        return result;
     }
     void fill(directory *dir, bool with_tails) {
         for (u32 used = 0; used < dir->capacity();) {

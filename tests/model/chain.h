@@ -164,7 +164,7 @@ public:
     }
     // The clusters of a chain up to its end, its damage or its return to one of them.
     std::vector<std::uint32_t> clusters_of(std::uint32_t base, bool *is_cycle) {
-        const std::string before = printed;
+        const std::size_t length = printed.size();
         std::vector<std::uint32_t> result;
         std::set<std::uint32_t> visited;
         *is_cycle = false;
@@ -175,7 +175,7 @@ public:
                 cluster = static_cast<std::uint32_t>(std::max(next_of(cluster), 0));
             }
         }
-        printed = before;
+        printed.resize(length); // silently
         return result;
     }
     // The list that belongs to an open entry; its result counts the terminator.

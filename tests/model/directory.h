@@ -51,8 +51,7 @@ public:
         const int result = locate_slot(base, index, &where);
         if (result < 0) {
             return fail(result, me,
-                        "Failed to get entry sector!:(" + std::to_string(base) + ", " +
-                            std::to_string(static_cast<std::int32_t>(index)) + ")\n\n");
+                        "Failed to get entry sector!:" + position_text(base, index) + "\n\n");
         }
         if (can_read(where.sector)) {
             buffer_ = sector(where.sector);
@@ -79,7 +78,10 @@ public:
     // The slots of an open directory up to the first unused one.
     std::vector<raw_entry> entries_of(const open_chain &dir) {
         std::vector<raw_entry> result;
-        for (std::uint32_t i = 0; read_slot(dir, i) == 0 && slot()[0] != 0; i++) {
+        for (std::uint32_t i = 0; i < slots_of(dir) && walk_to(dir, i) == 0; i++) {
+            if (slot()[0] == 0) {
+                break;
+            }
             result.push_back(slot());
         }
         return result;
@@ -100,17 +102,17 @@ public:
             if (result == -EFAULT) {
                 return -ENOENT;
             }
-            const std::string position =
-                "(" + std::to_string(base) + ", " + std::to_string(i) + ")";
             if (result < 0) {
                 return fail(result, me,
-                            "fail to get dentry" + position + ":" + std::strerror(-result) + "\n");
+                            "fail to get dentry" + position_text(base, i) + ":" +
+                                std::strerror(-result) + "\n");
             }
             if (slot()[0] == 0) {
                 return -ENOENT;
             }
             if (matches(slot(), dos, units, &gathered)) {
-                return fail(static_cast<int>(i), me, "found index:" + position + "\n");
+                return fail(static_cast<int>(i), me,
+                            "found index:" + position_text(base, i) + "\n");
             }
         }
         return std::nullopt;
@@ -182,7 +184,7 @@ public:
         *first = 0;
         std::uint32_t index = 0;
         for (; index < slots_of(dir) && index - *first < count; index++) {
-            const int result = read_slot(dir, index);
+            const int result = walk_to(dir, index);
             if (result == -EFAULT) {
                 break;
             }
@@ -263,6 +265,11 @@ protected:
 private:
     friend class fast_walk;
 
+    // As diagnostics print it.
+    static std::string position_text(std::uint32_t base, std::uint32_t index) {
+        return "(" + std::to_string(base) + ", " +
+               std::to_string(static_cast<std::int32_t>(index)) + ")";
+    }
     [[nodiscard]] std::uint32_t sector_index_of(std::uint32_t index) const {
         return static_cast<std::uint32_t>(std::uint64_t{index} * 32 / shape.sector_bytes);
     }
@@ -476,9 +483,9 @@ private:
         for (int k = count; k >= 1; k--) {
             const int result = v_.read_slot(base, ++index);
             if (result < 0) {
-                return report(result, "fail to get dentry(" + std::to_string(base) + ", " +
-                                          std::to_string(index) + "): " + std::strerror(-result) +
-                                          "\n\n");
+                return report(result, "fail to get dentry" +
+                                          directories::position_text(base, index) + ": " +
+                                          std::strerror(-result) + "\n\n");
             }
             first_slot_ = step_.entry;
             const std::string flaw = flaw_of(v_.slot(), k == 1, first[13], index);

@@ -37,6 +37,13 @@ struct open_entry : open_chain {
     }
 };
 
+inline std::ostream &operator<<(std::ostream &out, const open_entry &e) {
+    return out << "{" << e.start << ".." << e.last << ", " << e.allocated << " bytes, at "
+               << e.position << ", " << e.references << " references, in sector " << e.where.sector
+               << " + " << e.where.offset << ", cached "
+               << (e.cached ? shown_bytes({e.cached->begin(), e.cached->end()}) : "nothing") << "}";
+}
+
 class volume : public directories {
 public:
     using directories::directories;

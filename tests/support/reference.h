@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include "fat/internal.h"
 #include "tests/model/volume.h"
 #include "tests/support/ram_disk.h"
 
@@ -18,6 +19,36 @@ inline model::areas areas_of_open_volume() {
             .data_start = sv->data_start,
             .root_cluster = sv->root_clus,
             .total_sectors = sv->total_sectors};
+}
+
+// An open entry as the model has it. A record does not tell that it is the root directory's.
+inline model::open_entry open_entry_of(const oentry &record) {
+    model::open_entry result;
+    result.start = record.start;
+    result.last = record.last;
+    result.allocated = record.allocated;
+    result.position = record.pos;
+    result.references = record.ref_count;
+    result.where = {record.dentry_sector, record.dentry_offset};
+    if (record.dentry != nullptr) {
+        result.cached.emplace();
+        std::copy_n(record.dentry, result.cached->size(), result.cached->begin());
+    }
+    return result;
+}
+// The same of an id, of the library and of the model; missing: the id is free.
+inline std::optional<model::open_entry> open_entry_of(int id) {
+    return oentry_table[id] == nullptr ? std::nullopt
+                                       : std::optional(open_entry_of(*oentry_table[id]));
+}
+inline std::optional<model::open_entry> expected_entry(const model::volume &volume, int id) {
+    const auto found = volume.table.find(id);
+    if (found == volume.table.end()) {
+        return std::nullopt;
+    }
+    model::open_entry result = found->second;
+    result.is_root = false;
+    return result;
 }
 
 // A layer of the model over the open volume. It begins with what the disk held at its last

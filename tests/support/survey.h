@@ -60,7 +60,7 @@ public:
 
 private:
     struct slot {
-        std::vector<std::uint8_t> raw;
+        model::raw_entry raw;
         std::uint64_t at;
     };
 
@@ -144,8 +144,8 @@ private:
         for (const auto &[offset, size] : pieces) {
             const std::vector<std::uint8_t> all = read_(offset, size);
             for (std::size_t at = 0; at < size; at += 32) {
-                const auto begin = all.begin() + static_cast<std::ptrdiff_t>(at);
-                result.push_back({{begin, begin + 32}, offset + at});
+                slot &s = result.emplace_back(slot{{}, offset + at});
+                std::copy_n(all.begin() + static_cast<std::ptrdiff_t>(at), 32, s.raw.begin());
             }
         }
         return result;
@@ -163,16 +163,16 @@ private:
                 }
                 continue;
             }
-            const unsigned kind = model::kind(s.raw[0], s.raw[11]);
-            used_slots += kind == 0 ? 0 : 1;
-            if (kind == 4) {
+            const model::entry_kind kind = model::kind(s.raw);
+            used_slots += kind == model::UNUSED ? 0 : 1;
+            if (kind == model::NAME_SLOT) {
                 run.push_back(s);
                 continue;
             }
-            const bool is_entry = kind == 2 || kind == 3;
+            const bool is_entry = model::is_short(s.raw);
             const std::string long_name = is_entry ? take_long_name(&run, s) : "";
             forget(&run);
-            has_ended = kind == 0;
+            has_ended = kind == model::UNUSED;
             has_dot = has_dot || (s.raw[0] == '.' && s.raw[1] == '.');
             if (is_entry && s.raw[0] != '.') {
                 add(before, s, long_name, subdirectories);
@@ -190,10 +190,10 @@ private:
     }
     // The long name in front of an entry; its slots are then no orphans.
     static std::string take_long_name(std::vector<slot> *run, const slot &entry) {
-        const unsigned checksum = model::checksum_of({entry.raw.begin(), entry.raw.begin() + 11});
+        const unsigned checksum = model::checksum_of(model::dos_name_of(entry.raw));
         std::string name;
         for (unsigned ordinal = 1; ordinal <= run->size(); ordinal++) {
-            const std::vector<std::uint8_t> &raw = (*run)[run->size() - ordinal].raw;
+            const model::raw_entry &raw = (*run)[run->size() - ordinal].raw;
             if ((raw[0] & 0x3F) != ordinal || raw[13] != checksum) {
                 return "";
             }
@@ -216,9 +216,9 @@ private:
         entry.is_directory = (s.raw[11] & 0x10) != 0;
         entry.is_link = s.raw[13] == 0xE2;
         entry.has_long_name = !long_name.empty();
-        entry.short_name = model::to_text({s.raw.begin(), s.raw.begin() + 11}, s.raw[12]);
-        entry.size = model::field_of(s.raw, 28, 4);
-        follow(model::field_of(s.raw, 20, 2) << 16 | model::field_of(s.raw, 26, 2), &entry);
+        entry.short_name = model::to_text(model::dos_name_of(s.raw), s.raw[12]);
+        entry.size = model::size_of(s.raw);
+        follow(model::start_of(s.raw), &entry);
         if (!entry.is_directory) {
             entry.content = content_of(entry.clusters);
             entry.content.resize(std::min<std::size_t>(entry.content.size(), entry.size));
