@@ -44,21 +44,15 @@ public:
         }
         return result;
     }
+    // Counts once, then with every change.
     std::uint32_t count_free() {
-        const std::uint32_t size = shape.width / 8;
-        std::uint32_t result = 0;
-        for (std::uint32_t cluster = 2; cluster <= shape.last_cluster();) {
-            const location where = fat_location(cluster);
-            const std::uint8_t *entry = sector(where.sector).data() + where.offset;
-            const std::uint8_t *const end = entry + shape.sector_bytes - where.offset;
-            for (; entry != end && cluster <= shape.last_cluster(); entry += size, cluster++) {
-                const bool is_free =
-                    (entry[0] | entry[1]) == 0 &&
-                    (size == 2 || (entry[2] | (entry[3] & 0x0F)) == 0); // without reserved bits
-                result += is_free ? 1 : 0;
+        if (!free_) {
+            free_ = 0;
+            for (std::uint32_t cluster = 2; cluster <= shape.last_cluster(); cluster++) {
+                *free_ += value_of(cluster) == 0 ? 1 : 0;
             }
         }
-        return result;
+        return *free_;
     }
 
     // The link of a data cluster, 0 for a free one.
@@ -82,11 +76,16 @@ public:
             return fail(-EIO, "fat_write_entry", "cannot read FAT\n");
         }
         bytes content = sector(where.sector);
-        const std::uint32_t reserved =
-            field_of(content, where.offset, shape.width / 8) & ~shape.end_mark();
-        put_field(&content, where.offset, shape.width / 8, reserved | (value & shape.end_mark()));
-        return write(where.sector, content) ? 0
-                                            : fail(-EIO, "fat_write_entry", "cannot write FAT\n\n");
+        const std::uint32_t old = field_of(content, where.offset, shape.width / 8);
+        value &= shape.end_mark();
+        put_field(&content, where.offset, shape.width / 8, (old & ~shape.end_mark()) | value);
+        if (!write(where.sector, content)) {
+            return fail(-EIO, "fat_write_entry", "cannot write FAT\n\n");
+        }
+        if (free_ && shape.has_cluster(cluster)) {
+            *free_ += (value == 0 ? 1U : 0U) - ((old & shape.end_mark()) == 0 ? 1U : 0U);
+        }
+        return 0;
     }
     int find_free(std::uint32_t first, std::uint32_t last) {
         for (std::uint64_t cluster = first; cluster <= last; cluster++) {
@@ -298,6 +297,8 @@ private:
         chain->last = cluster;
         chain->allocated += shape.cluster_bytes();
     }
+
+    std::optional<std::uint32_t> free_; // clusters
 };
 
 } // namespace model
