@@ -1,7 +1,8 @@
 // Allocating, taking back and releasing clusters on FATs in random states, fragmented, nearly full
-// and damaged, with sectors that cannot be read or written, against a second account that changes
-// one entry at a time.
+// and damaged, with sectors that cannot be read or written, against the reference model, which
+// changes one entry at a time.
 
+#include "tests/model/chain.h"
 #include "tests/support/capture.h"
 #include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
@@ -37,22 +38,20 @@ constexpr u32 END = 0xFFFFFFFF;
 
 // ---- states -----------------------------------------------------------------------------------
 
-// What a call may change of an open entry; no image: the entry has none.
-struct record_state {
-    u32 start = 0;
-    u32 last = 0;
-    u32 allocated = 0;
-    std::optional<u32> image_start = {};
-    bool operator==(const record_state &) const = default;
-};
-std::ostream &operator<<(std::ostream &out, const record_state &r) {
+using model::open_chain;
+using written = model::medium::sector_write;
+
+std::ostream &operator<<(std::ostream &out, const open_chain &r) {
     out << "{start " << r.start << ", last " << r.last << ", allocated " << r.allocated;
-    return r.image_start ? out << ", image " << *r.image_start << "}" : out << "}";
+    return r.cached ? out << ", in its entry " << model::start_of(*r.cached) << "}" : out << "}";
+}
+model::raw_entry entry_of(u32 start) {
+    return model::short_entry("ENTRY      ", 0x20, start, 77);
 }
 
 struct state {
     std::vector<u32> table; // every entry of the FAT with all its bits
-    record_state record;
+    open_chain record;
     u32 hint = 0;
     bool operator==(const state &) const = default;
 };
@@ -105,14 +104,7 @@ std::ostream &operator<<(std::ostream &out, const scenario &s) {
     return out;
 }
 
-// A write that reached the medium: its FAT sector, and all entries behind it.
-struct written {
-    u32 sector;
-    std::vector<u32> table;
-    bool operator==(const written &) const = default;
-};
-
-// What a run of calls came to.
+// What some calls came to.
 struct course {
     std::vector<int> results;
     std::vector<u32> clusters;
@@ -133,225 +125,63 @@ std::vector<written> last_of_each_row(const std::vector<written> &writes) {
     return result;
 }
 
-// ---- the plain account ------------------------------------------------------------------------
+// ---- the reference model ----------------------------------------------------------------------
 
-class plain_chains {
+// The FAT as it is stored, and back.
+std::vector<u8> stored_table(const scenario &s) {
+    const u32 size = s.fat_type / 8;
+    std::vector<u8> result(s.before.table.size() * size);
+    for (std::size_t i = 0; i < s.before.table.size(); i++) {
+        model::put_field(&result, i * size, size, s.before.table[i]);
+    }
+    return result;
+}
+std::vector<u32> table_in(const std::vector<u8> &stored, u32 fat_type) {
+    std::vector<u32> result;
+    for (std::size_t at = 0; at < stored.size(); at += fat_type / 8) {
+        result.push_back(model::field_of(stored, at, fat_type / 8));
+    }
+    return result;
+}
+
+class reference {
 public:
-    explicit plain_chains(const scenario &s) : s_(s), now_(s.before) {}
-
-    int alloc(u32 *cluster) {
-        if (now_.hint < 2 || now_.hint > s_.clusters) {
-            now_.hint = 1;
+    explicit reference(const scenario &s)
+        : fat({.width = s.fat_type,
+               .sector_bytes = SECTOR_SIZE,
+               .cluster_sectors = SECTORS_PER_CLUSTER,
+               .clusters = s.clusters,
+               .fat_start = FAT_START},
+              [stored = stored_table(s)](u64 offset, std::size_t size) {
+                  const auto begin = stored.begin() + static_cast<std::ptrdiff_t>(offset) -
+                                     FAT_START * SECTOR_SIZE;
+                  return std::vector<u8>(begin, begin + static_cast<std::ptrdiff_t>(size));
+              }),
+          record(s.before.record) {
+        fat.hint = s.before.hint;
+        for (const u32 sector : s.unreadable) {
+            fat.unreadable.insert(FAT_START + sector);
         }
-        int found = free_clus(now_.hint + 1, s_.clusters + 1);
-        if (found == -ENOENT) {
-            found = free_clus(2, now_.hint);
-            if (found == -ENOENT) {
-                say("fat_alloc_cluster", "No space left on volume!!\n");
-                return -ENOSPC;
-            }
-        } else if (found < 0) {
-            return found;
-        }
-        if (found > 0) {
-            *cluster = static_cast<u32>(found);
-        }
-        const int linked = link(*cluster);
-        if (linked == 0) {
-            now_.hint = *cluster;
-        }
-        return linked;
-    }
-
-    void undo(u32 old_last, const std::vector<u32> &clusters, u32 allocated) {
-        write_entry(old_last, END);
-        now_.record.last = old_last;
-        now_.record.allocated -= allocated * CLUSTER_BYTES;
-        for (const u32 cluster : clusters) {
-            if (cluster < 2) {
-                break;
-            }
-            write_entry(cluster, 0);
+        for (const u32 sector : s.unwritable) {
+            fat.unwritable.insert(FAT_START + sector);
         }
     }
 
-    int release(u32 keep) {
-        u32 count = 0;
-        u32 cluster = now_.record.start;
-        for (;;) {
-            const int next = read_clus(cluster);
-            if (next < 1) {
-                say("fat_release_clusters", "Failed to read cluster!\n\n");
-                return -EINVAL;
-            }
-            if (count >= keep) {
-                const int freed = write_entry(cluster, 0);
-                if (freed < 0) {
-                    say("fat_release_clusters", "Failed to read cluster!\n\n");
-                    return freed;
-                }
-            }
-            count++;
-            if (is_end(static_cast<u32>(next))) {
-                if (cluster != now_.record.last || count * CLUSTER_BYTES != now_.record.allocated) {
-                    say("fat_release_clusters",
-                        "FAT chain is broken, but truncated all clusters\n");
-                }
-                return static_cast<int>(count - keep);
-            }
-            cluster = static_cast<u32>(next);
-        }
-    }
+    model::chains fat;
+    open_chain record;
 
-    // -EINVAL also for a chain that comes back.
-    int count(u32 first, u32 *last) {
-        std::set<u32> seen;
-        int count = 0;
-        for (u32 cluster = first;;) {
-            const int next = seen.insert(cluster).second ? read_clus(cluster) : -EINVAL;
-            if (next < 0) {
-                say("fat_count_clusters", "Failed to read cluster!\n\n");
-                return -EINVAL;
-            }
-            if (next == 0) {
-                return 0;
-            }
-            count++;
-            if (is_end(static_cast<u32>(next))) {
-                *last = cluster;
-                return count;
-            }
-            cluster = static_cast<u32>(next);
-        }
-    }
-
-    int get_chains(std::vector<u32> *list) {
-        const record_state &record = now_.record;
-        if (!record.image_start && s_.fat_type != 32) {
-            say("fat_get_chains", "Invalid arg!\n\n");
-            return -EINVAL;
-        }
-        if (record.allocated == 0) {
-            return 0;
-        }
-        const u32 slots = record.allocated / CLUSTER_BYTES + 1;
-        list->push_back(record.start);
-        for (u32 i = 0; i < slots; i++) {
-            const int next = read_clus(list->back());
-            if (next < 1) {
-                say("fat_get_chains", "Failed to read cluster!\n\n");
-                list->clear();
-                return -EINVAL;
-            }
-            if (is_end(static_cast<u32>(next))) {
-                break;
-            }
-            list->push_back(static_cast<u32>(next));
-        }
-        // Whatever stands from the last slot on is not asked for.
-        list->resize(std::min<std::size_t>(list->size(), slots - 1));
-        return static_cast<int>(slots);
-    }
-
-    [[nodiscard]] const record_state &record() const {
-        return now_.record;
-    }
     course end(std::vector<int> results, std::vector<u32> clusters) {
-        return {std::move(results), std::move(clusters), said_, now_, writes_};
+        std::vector<u8> stored;
+        for (u32 i = 0; i < FAT_SECTORS; i++) {
+            const std::vector<u8> &sector = fat.sector(FAT_START + i);
+            stored.insert(stored.end(), sector.begin(), sector.end());
+        }
+        return {std::move(results),
+                std::move(clusters),
+                fat.printed,
+                {table_in(stored, fat.shape.width), record, fat.hint},
+                fat.writes};
     }
-
-private:
-    void say(const std::string &function, const std::string &message) {
-        said_ += function + "[N]: " + message;
-    }
-    [[nodiscard]] bool is_end(u32 value) const {
-        return value >= s_.end_mark() - 7;
-    }
-    int read_clus(u32 cluster) {
-        if (cluster < 2 || cluster >= s_.clusters + 2) {
-            say("fat_read_clus", "Invalid arg!\n\n");
-            return -EINVAL;
-        }
-        if (s_.unreadable.contains(cluster / s_.per_sector())) {
-            say("fat_read_entry", "cannot read FAT\n\n");
-            return -EIO;
-        }
-        const u32 value = now_.table[cluster] & s_.end_mark();
-        if (value == 0 || is_end(value)) {
-            return static_cast<int>(value);
-        }
-        if (value == 1 || value >= s_.clusters + 2) {
-            say("fat_read_clus", "Invalid cluster!\n\n");
-            return -EINVAL;
-        }
-        return static_cast<int>(value);
-    }
-    int free_clus(u32 first, u32 last) {
-        for (u32 cluster = first; cluster <= last; cluster++) {
-            const int value = read_clus(cluster);
-            if (value < 0) {
-                say("fat_free_clus", "Invalid cluster value!\n\n");
-                return value;
-            }
-            if (value == 0) {
-                return static_cast<int>(cluster);
-            }
-        }
-        return -ENOENT;
-    }
-    int write_entry(u32 cluster, u32 value) {
-        const u32 sector = cluster / s_.per_sector();
-        if (s_.unreadable.contains(sector)) {
-            say("fat_write_entry", "cannot read FAT\n");
-            return -EIO;
-        }
-        if (s_.unwritable.contains(sector)) {
-            say("fat_write_entry", "cannot write FAT\n\n");
-            return -EIO;
-        }
-        u32 &entry = now_.table[cluster];
-        entry = s_.fat_type == 16 ? value & 0xFFFF : (entry & 0xF0000000) | (value & 0x0FFFFFFF);
-        writes_.push_back({sector, now_.table});
-        return 0;
-    }
-    int write_link(u32 cluster, u32 value) {
-        const int result = write_entry(cluster, value);
-        if (result < 0) {
-            say("fat_alloc_cluster", "Failed to write entry!\n\n");
-        }
-        return result;
-    }
-    int link(u32 cluster) {
-        record_state &record = now_.record;
-        if (record.start == 0 && record.last == 0) {
-            const int result = write_link(cluster, END);
-            if (result == 0) {
-                record.start = record.last = cluster;
-                record.allocated += CLUSTER_BYTES;
-                if (record.image_start) {
-                    record.image_start = cluster;
-                }
-            }
-            return result;
-        }
-        int result = write_link(record.last, cluster);
-        if (result < 0) {
-            return result;
-        }
-        result = write_link(cluster, END);
-        if (result < 0) {
-            write_entry(record.last, END);
-            return result;
-        }
-        record.last = cluster;
-        record.allocated += CLUSTER_BYTES;
-        return 0;
-    }
-
-    const scenario &s_;
-    state now_;
-    std::string said_;
-    std::vector<written> writes_;
 };
 
 // ---- the library ------------------------------------------------------------------------------
@@ -370,13 +200,7 @@ public:
         sv->num_clusters = s.clusters;
         sv->total_sectors = sv->data_start + s.clusters * SECTORS_PER_CLUSTER;
         sv->last_alloc_clus = s.before.hint;
-        std::vector<u8> bytes;
-        for (const u32 value : s.before.table) {
-            for (u32 i = 0; i < s.fat_type / 8; i++) {
-                bytes.push_back(static_cast<u8>(value >> (8 * i)));
-            }
-        }
-        disk.poke(FAT_START * SECTOR_SIZE, bytes);
+        disk.poke(FAT_START * SECTOR_SIZE, stored_table(s));
         for (const u32 sector : s.unreadable) {
             disk.unreadable.insert(FAT_START + sector);
         }
@@ -386,13 +210,12 @@ public:
         entry.start = s.before.record.start;
         entry.last = s.before.record.last;
         entry.allocated = s.before.record.allocated;
-        if (s.before.record.image_start) {
-            entry.dentry = image_;
-            store16(image_ + 20, static_cast<u16>(*s.before.record.image_start >> 16));
-            store16(image_ + 26, static_cast<u16>(*s.before.record.image_start));
+        if (s.before.record.cached) {
+            cached_ = *s.before.record.cached;
+            entry.dentry = cached_.data();
         }
         watched() = this;
-        plain_write_ = write_sectors;
+        full_write_ = write_sectors;
         write_sectors = write_and_look;
     }
     small_volume(const small_volume &) = delete;
@@ -405,15 +228,17 @@ public:
     ram_disk disk{u64{2000} * SECTOR_SIZE};
 
     course end(std::vector<int> results, std::vector<u32> clusters) {
-        course c{std::move(results), std::move(clusters), said_.text(), {}, writes_};
-        c.after.table = table();
-        c.after.record = {entry.start, entry.last, entry.allocated, {}};
+        open_chain record{entry.start, entry.last, entry.allocated, {}};
         if (entry.dentry != nullptr) {
-            c.after.record.image_start =
-                static_cast<u32>(load16(image_ + 20)) << 16 | load16(image_ + 26);
+            record.cached = cached_;
         }
-        c.after.hint = sv->last_alloc_clus;
-        return c;
+        const std::vector<u8> stored =
+            disk.peek(FAT_START * SECTOR_SIZE, FAT_SECTORS * SECTOR_SIZE);
+        return {std::move(results),
+                std::move(clusters),
+                said_.text(),
+                {table_in(stored, s_.fat_type), record, sv->last_alloc_clus},
+                writes_};
     }
 
 private:
@@ -423,29 +248,19 @@ private:
     }
     static int write_and_look(void *buf, u64 sector, u32 count) {
         small_volume &v = *watched();
-        const int result = v.plain_write_(buf, sector, count);
+        const int result = v.full_write_(buf, sector, count);
         if (result == static_cast<int>(count)) {
             for (u32 i = 0; i < count; i++) {
-                v.writes_.push_back({static_cast<u32>(sector) + i - FAT_START, v.table()});
+                v.writes_.push_back(
+                    {sector + i, v.disk.peek((sector + i) * SECTOR_SIZE, SECTOR_SIZE)});
             }
         }
         return result;
     }
-    std::vector<u32> table() {
-        const u32 width = s_.fat_type / 8;
-        const std::vector<u8> bytes =
-            disk.peek(FAT_START * SECTOR_SIZE, s_.before.table.size() * width);
-        std::vector<u32> result;
-        for (std::size_t at = 0; at < bytes.size(); at += width) {
-            result.push_back(width == 2 ? load16(&bytes[at]) : load32(&bytes[at]));
-        }
-        return result;
-    }
-
     const scenario &s_;
     diagnostics said_;
-    u8 image_[32] = {};
-    fat_sector_io plain_write_ = nullptr;
+    model::raw_entry cached_ = {};
+    fat_sector_io full_write_ = nullptr;
     std::vector<written> writes_;
 };
 
@@ -522,7 +337,7 @@ private:
         }
     }
     void make_record(scenario *s) {
-        record_state &record = s->before.record;
+        open_chain &record = s->before.record;
         std::vector<u32> chain;
         for (u32 length = below(3) == 0 ? 0 : 1 + below(below(2) == 0 ? 3 : 60);
              chain.size() < length;) {
@@ -543,7 +358,7 @@ private:
             record.allocated = static_cast<u32>(chain.size()) * CLUSTER_BYTES;
         }
         if (below(5) != 0) {
-            record.image_start = record.start;
+            record.cached = entry_of(record.start);
         }
         switch (below(20)) {
         case 0:
@@ -570,20 +385,20 @@ private:
 
 // One allocation after another, up to the first that fails; then, or where data fail to be written,
 // all of it is taken back.
-course allocate_plainly(const scenario &s, bool data_fails) {
-    plain_chains plain(s);
-    const u32 old_last = plain.record().last;
+course allocate_as_the_model(const scenario &s, bool data_fails) {
+    reference model(s);
+    const u32 old_last = model.record.last;
     std::vector<u32> clusters(s.count, 0);
     int result = 0;
     u32 allocated = 0;
     while (allocated < s.count && result == 0) {
-        result = plain.alloc(&clusters[allocated]);
+        result = model.fat.allocate(&model.record, &clusters[allocated]);
         allocated += result == 0 ? 1 : 0;
     }
     if (result < 0 || data_fails) {
-        plain.undo(old_last, clusters, allocated);
+        model.fat.undo(&model.record, old_last, clusters, allocated);
     }
-    return plain.end({result}, clusters);
+    return model.end({result}, clusters);
 }
 
 course allocate_at_once(const scenario &s, bool data_fails) {
@@ -662,13 +477,13 @@ constexpr u32 STATES = 2500;
 
 } // namespace
 
-TEST(AllocClusterOnRandomStates, IsTheSameAsThePlainAccount) {
+TEST(AllocClusterOnRandomStates, IsTheSameAsInTheReferenceModel) {
     random_states states(1);
     tally seen;
     for (u32 i = 0; i < STATES; i++) {
         const scenario s = states.next();
         const bool data_fails = states.below(3) == 0;
-        const course expected = allocate_plainly(s, data_fails);
+        const course expected = allocate_as_the_model(s, data_fails);
         const course actual = allocate_one_by_one(s, data_fails);
         seen.count(s, expected);
         ASSERT_EQ(actual.results, expected.results) << "state " << i << ": " << s;
@@ -687,7 +502,7 @@ TEST(AllocClustersOnRandomStates, LeaveWhatSingleAllocationsLeave) {
     for (u32 i = 0; i < STATES; i++) {
         const scenario s = states.next();
         const bool data_fails = states.below(3) == 0;
-        const course expected = allocate_plainly(s, data_fails);
+        const course expected = allocate_as_the_model(s, data_fails);
         const course actual = allocate_at_once(s, data_fails);
         seen.count(s, expected);
         ASSERT_EQ(actual.results, expected.results) << "state " << i << ": " << s;
@@ -704,7 +519,7 @@ TEST(AllocClustersOnRandomStates, SayWhatSingleAllocationsSay) {
     for (u32 i = 0; i < STATES; i++) {
         const scenario s = states.next();
         const bool data_fails = states.below(3) == 0;
-        const course expected = allocate_plainly(s, data_fails);
+        const course expected = allocate_as_the_model(s, data_fails);
         const course actual = allocate_at_once(s, data_fails);
         ASSERT_EQ(different_words(s, actual, expected), "") << "state " << i << ": " << s;
     }
@@ -718,7 +533,7 @@ TEST(AllocClustersOnRandomStates, ReachTheMediumWithTheLastWriteOfEachRow) {
         s.unreadable.clear();
         s.unwritable.clear();
         const bool data_fails = states.below(3) == 0;
-        const course expected = allocate_plainly(s, data_fails);
+        const course expected = allocate_as_the_model(s, data_fails);
         const course actual = allocate_at_once(s, data_fails);
         const std::vector<written> rows = last_of_each_row(expected.writes);
         ASSERT_TRUE(last_of_each_row(actual.writes) == rows) << "state " << i << ": " << s;
@@ -727,15 +542,15 @@ TEST(AllocClustersOnRandomStates, ReachTheMediumWithTheLastWriteOfEachRow) {
     EXPECT_GT(rows_shortened, 500);
 }
 
-TEST(ReleaseClustersOnRandomStates, IsTheSameAsThePlainAccount) {
+TEST(ReleaseClustersOnRandomStates, IsTheSameAsInTheReferenceModel) {
     random_states states(5);
     tally seen;
     for (u32 i = 0; i < STATES; i++) {
         const scenario s = states.next();
         const u32 keep = states.below(3) == 0 ? states.below(6) : 0;
-        plain_chains plain(s);
-        const int result = plain.release(keep);
-        const course expected = plain.end({result}, {});
+        reference model(s);
+        const int result = model.fat.release(model.record, keep);
+        const course expected = model.end({result}, {});
         small_volume v(s);
         const int actual_result = fat_release_clusters(&v.entry, keep);
         const course actual = v.end({actual_result}, {});
@@ -754,16 +569,16 @@ TEST(ReleaseClustersOnRandomStates, IsTheSameAsThePlainAccount) {
     seen.expect_variety();
 }
 
-TEST(CountClustersOnRandomStates, IsTheSameAsThePlainAccount) {
+TEST(CountClustersOnRandomStates, IsTheSameAsInTheReferenceModel) {
     random_states states(6);
     for (u32 i = 0; i < STATES; i++) {
         const scenario s = states.next();
         const u32 first =
             states.below(2) == 0 ? s.before.record.start : states.below(s.clusters + 4);
-        plain_chains plain(s);
+        reference model(s);
         u32 expected_last = 0xDEADBEEF;
-        const int result = plain.count(first, &expected_last);
-        const course expected = plain.end({result}, {expected_last});
+        const int result = model.fat.count(first, &expected_last);
+        const course expected = model.end({result}, {expected_last});
         small_volume v(s);
         u32 last = 0xDEADBEEF;
         const int actual_result = fat_count_clusters(first, &last);
@@ -776,17 +591,17 @@ TEST(CountClustersOnRandomStates, IsTheSameAsThePlainAccount) {
     }
 }
 
-TEST(GetChainsOnRandomStates, IsTheSameAsThePlainAccount) {
+TEST(GetChainsOnRandomStates, IsTheSameAsInTheReferenceModel) {
     random_states states(7);
     for (u32 i = 0; i < STATES; i++) {
         scenario s = states.next();
         if (states.below(3) == 0) {
             s.before.record.allocated = states.below(20) * CLUSTER_BYTES;
         }
-        plain_chains plain(s);
+        reference model(s);
         std::vector<u32> expected_list;
-        const int result = plain.get_chains(&expected_list);
-        const course expected = plain.end({result}, expected_list);
+        const int result = model.fat.list(model.record, &expected_list);
+        const course expected = model.end({result}, expected_list);
         small_volume v(s);
         u32 *array = nullptr;
         const int actual_result = fat_get_chains(&v.entry, &array);
@@ -821,9 +636,9 @@ scenario scattered(u32 fat_type, bool has_chain) {
     s.count = 44;
     if (has_chain) {
         s.before.table[5] = 6;
-        s.before.record = {5, 6, 2 * CLUSTER_BYTES, 5};
+        s.before.record = {5, 6, 2 * CLUSTER_BYTES, entry_of(5)};
     } else {
-        s.before.record.image_start = 0;
+        s.before.record.cached = entry_of(0);
         s.before.table[0] = s.end_mark(); // receives the end mark of a chain that is not there
     }
     return s;
@@ -890,7 +705,7 @@ TEST(AllocClusters, HintThatWentAroundIsLeftAsTheFailedAllocationFoundIt) {
         s.unwritable = {0};
         s.before.table[5] = s.before.table[6] = s.end_mark();
         s.before.table[s.clusters] = s.end_mark();
-        s.before.record = {s.clusters, s.clusters, CLUSTER_BYTES, s.clusters};
+        s.before.record = {s.clusters, s.clusters, CLUSTER_BYTES, entry_of(s.clusters)};
         const course c = allocate_at_once(s, false);
         EXPECT_EQ(c.results.back(), -EIO);
         EXPECT_EQ(c.after.hint, 1U);

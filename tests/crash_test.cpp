@@ -411,7 +411,7 @@ phrases remains_in(const survey &now, const survey &before, const survey &finish
         }
     }
     for (const auto &[path, entry] : now.entries) {
-        add_remains_of(path, entry, now.areas.cluster_bytes, &found);
+        add_remains_of(path, entry, now.areas.cluster_bytes(), &found);
         if (known.count(path) == 0) {
             found.insert("names that were never there");
         }

@@ -15,8 +15,8 @@
 using namespace fat;
 using namespace testing_support;
 using namespace std::string_literals;
-using name_model::record;
-using name_model::shown_bytes;
+using record = model::name_record;
+using model::shown_bytes;
 
 namespace {
 
@@ -573,8 +573,8 @@ TEST_F(Utf8, OneDirectionDoesNotDisturbTheOther) {
 TEST_F(Utf8, ALongNameIsMadeWhereTheShortOneIsNotFaithful) {
     const std::string name = "\xC3\x89t\xC3\xA9 Long. ";
     const std::u16string units = u"\u00C9t\u00E9 Long";
-    EXPECT_EQ(fill(name), (record{0, "", "\xC3\x89t\xC3\xA9 Long", "\xC3\x89T\xC3\xA9LON   ",
-                                  std::vector<u16>(units.begin(), units.end()), 0x18, 1}));
+    EXPECT_EQ(fill(name),
+              (record{0, "", "\xC3\x89t\xC3\xA9 Long", "\xC3\x89T\xC3\xA9LON   ", units, 0x18, 1}));
 }
 
 TEST_F(Utf8, BytesThatFitGetNoLongName) {
@@ -647,8 +647,8 @@ TEST_F(Latin1, AShownNameHasUpTo255Bytes) {
 }
 
 TEST_F(Latin1, ALossyNameHasTheUnitsOfItsBytes) {
-    EXPECT_EQ(fill("\xE9\xE8+x"), (record{0, "", "\xE9\xE8+x", "\xE9\xE8_X       ",
-                                          std::vector<u16>{0xE9, 0xE8, '+', 'x'}, 0x08, 1}));
+    EXPECT_EQ(fill("\xE9\xE8+x"),
+              (record{0, "", "\xE9\xE8+x", "\xE9\xE8_X       ", u"\u00E9\u00E8+x", 0x08, 1}));
 }
 
 // ---- EUC-JP and Shift JIS ---------------------------------------------------------------------
@@ -693,9 +693,9 @@ TEST_F(ShiftJis, CharactersOfTwoBytesAreUnits) {
 TEST_F(ShiftJis, SecondBytesCountAsCharactersOfTheShortName) {
     EXPECT_EQ(fill("\x83\x61"),
               (record{0, "", "\x83\x61", "\x83\x41         ", std::nullopt, 0x08, 0}));
-    EXPECT_EQ(fill("\x83\x41\x83\x61"),
-              (record{0, "", "\x83\x41\x83\x61", "\x83\x41\x83\x41       ",
-                      std::vector<u16>{0x30A2, 0x30C2}, 0x18, 0}));
+    EXPECT_EQ(
+        fill("\x83\x41\x83\x61"),
+        (record{0, "", "\x83\x41\x83\x61", "\x83\x41\x83\x41       ", u"\u30A2\u30C2", 0x18, 0}));
     EXPECT_EQ(verify_valid_name("\x83\x5C"), -EINVAL);
 }
 
@@ -786,7 +786,7 @@ conversion convert_afresh(const char *to, const char *from, std::string in, std:
 }
 
 units_made encoded_afresh(const char *charset, const std::string &name) {
-    const std::string left = name_model::without_tail_blanks(name);
+    const std::string left = model::without_tail_blanks(name);
     const conversion c = convert_afresh("UNICODE", charset, left.substr(0, 256), 256);
     if (c.error != 0) {
         return not_encoded(c.error, left, c.rest);

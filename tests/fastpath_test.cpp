@@ -5,7 +5,7 @@
 #include "tests/support/faults.h"
 #include "tests/support/mounted.h"
 #include "tests/support/open_entries.h"
-#include "tests/support/plain_fast_walk.h"
+#include "tests/support/reference.h"
 #include "tests/support/valgrind.h"
 
 #include <cerrno>
@@ -16,6 +16,8 @@
 using namespace fat;
 using namespace testing_support;
 using namespace std::string_literals;
+using model::fast_letters;
+using model::fast_step;
 
 namespace {
 
@@ -489,7 +491,7 @@ TEST(GetLongNameFastTest, KeepsWithinItsBufferWhateverTheMediumSays) {
 
 // ---- the walk ---------------------------------------------------------------------------------
 
-// One call, with everything that the plain walk tells as well.
+// One call, with everything that the reference model gives as well.
 fast_step fast_step_of(fast_case *c, directory *dir) {
     std::vector<u8> entry(32, 0xCC);
     entry.shrink_to_fit();
@@ -502,14 +504,13 @@ fast_step fast_step_of(fast_case *c, directory *dir) {
         c->ask([&] { return do_readdir_fast(&dir->record, entry.data(), &name, &location); });
     fast_step step;
     step.result = a.result;
-    step.said = a.said;
-    step.pos = dir->record.readdir_pos;
-    step.clus = dir->record.readdir_clus;
+    step.printed = a.said;
+    step.slot = dir->record.readdir_pos;
+    step.cluster = dir->record.readdir_clus;
     if (a.result == 1) {
-        std::copy(entry.begin(), entry.end(), step.image.begin());
+        std::copy(entry.begin(), entry.end(), step.entry.begin());
         step.name.assign(text.begin(), std::find(text.begin(), text.end(), '\0'));
-        step.sector = location.sector;
-        step.offset = location.offset;
+        step.where = {location.sector, location.offset};
     }
     EXPECT_EQ(name.cstring, text.data());
     EXPECT_EQ(name.dosName, nullptr);
@@ -517,11 +518,13 @@ fast_step fast_step_of(fast_case *c, directory *dir) {
     return step;
 }
 
-// Holds the walk against the plain one, call by call.
+// Compares the walk with that of the reference model, call by call.
 void expect_equal_walks(fast_case *c, directory *dir, int calls) {
-    plain_fast_walk plain(dir);
+    auto volume = reference_of<model::directories>(&c->v.disk);
+    volume.long_names = sv->long_name == 1;
+    model::fast_walk walk(&volume, dir->base());
     for (int i = 0; i < calls; i++) {
-        const fast_step expected = plain.next();
+        const fast_step expected = walk.next();
         ASSERT_EQ(fast_step_of(c, dir), expected) << "call " << i;
     }
 }
@@ -619,10 +622,10 @@ TEST_P(ReaddirFast, FollowsLongNamesOverSectorsAndClusters) {
 
             const fast_step got = fast_step_of(&c, &dir);
             EXPECT_EQ(got.result, 1);
-            EXPECT_EQ(got.said, "");
+            EXPECT_EQ(got.printed, "");
             EXPECT_EQ(got.name, std::string(name.size(), 'n'));
-            EXPECT_EQ(got.image, dir.at(before)) << "the first slot";
-            EXPECT_EQ(u64{got.sector} * sv->sector_size + got.offset, dir.offset_of(index))
+            EXPECT_EQ(got.entry, dir.at(before)) << "the first slot";
+            EXPECT_EQ(got.where.sector * sv->sector_size + got.where.offset, dir.offset_of(index))
                 << before << " in front, " << slots << " slots";
             EXPECT_EQ(fast_step_of(&c, &dir).name, "NEXT.TXT");
             EXPECT_EQ(fast_step_of(&c, &dir).result, -ENOENT);
@@ -642,11 +645,11 @@ TEST_P(ReaddirFast, KeepsTheImageOfTheFirstSlotMet) {
     const fast_step got = fast_step_of(&c, &dir);
     EXPECT_EQ(got.result, 1);
     EXPECT_EQ(got.name, "FILE.TXT");
-    EXPECT_EQ(got.image, dir.at(1));
-    EXPECT_EQ(u64{got.sector} * sv->sector_size + got.offset, dir.offset_of(file));
+    EXPECT_EQ(got.entry, dir.at(1));
+    EXPECT_EQ(got.where.sector * sv->sector_size + got.where.offset, dir.offset_of(file));
     // A later call begins anew.
     dir.append(short_entry("FILE2   TXT", ARCHIVE, 7, 8));
-    EXPECT_EQ(fast_step_of(&c, &dir).image, short_entry("FILE2   TXT", ARCHIVE, 7, 8));
+    EXPECT_EQ(fast_step_of(&c, &dir).entry, short_entry("FILE2   TXT", ARCHIVE, 7, 8));
 }
 
 TEST_P(ReaddirFast, PassesOrphanSlotsWithTheirImageNotKept) {
@@ -656,8 +659,8 @@ TEST_P(ReaddirFast, PassesOrphanSlotsWithTheirImageNotKept) {
     dir.append(short_entry("FILE    TXT", ARCHIVE, 7, 8));
     const fast_step got = fast_step_of(&c, &dir);
     EXPECT_EQ(got.name, "FILE.TXT");
-    EXPECT_EQ(got.image, short_entry("FILE    TXT", ARCHIVE, 7, 8));
-    EXPECT_EQ(got.said, "");
+    EXPECT_EQ(got.entry, short_entry("FILE    TXT", ARCHIVE, 7, 8));
+    EXPECT_EQ(got.printed, "");
 }
 
 TEST_P(ReaddirFast, SkipsEverySlotWhileLongNamesAreOff) {
@@ -667,8 +670,8 @@ TEST_P(ReaddirFast, SkipsEverySlotWhileLongNamesAreOff) {
     const fast_step got = fast_step_of(&c, &dir);
     EXPECT_EQ(got.result, 1);
     EXPECT_EQ(got.name, "ALONGN~1.TXT");
-    EXPECT_EQ(got.image, short_entry(DOS));
-    EXPECT_EQ(u64{got.sector} * sv->sector_size + got.offset, dir.offset_of(index));
+    EXPECT_EQ(got.entry, short_entry(DOS));
+    EXPECT_EQ(got.where.sector * sv->sector_size + got.where.offset, dir.offset_of(index));
     directory full = c.v.sub_directory({30, 31});
     full.fill_up(long_slot(0x41, u"A name", 7));
     EXPECT_EQ(fast_step_of(&c, &full).result, 0);
@@ -695,8 +698,8 @@ TEST_P(ReaddirFast, LosesALongNameAtTheEndOfAFullDirectory) {
     for (int call = 0; call < 3; call++) {
         const fast_step got = fast_step_of(&c, &dir);
         EXPECT_EQ(got.result, 0);
-        EXPECT_EQ(got.said, "");
-        EXPECT_EQ(got.pos, dir.capacity() - 3);
+        EXPECT_EQ(got.printed, "");
+        EXPECT_EQ(got.slot, dir.capacity() - 3);
     }
 }
 
@@ -721,9 +724,9 @@ TEST_P(ReaddirFast, TellsOfAChainThatEndsInsideALongName) {
     const fast_step got = fast_step_of(&c, &dir);
     EXPECT_EQ(got.result, -EFAULT);
     const std::string place = "(20, " + std::to_string(count) + ")";
-    EXPECT_EQ(got.said, "get_dentry_with_clu[N]: Failed to get entry sector!:" + place +
-                            "\n\nget_long_name_fast[N]: fail to get dentry" + place +
-                            ": Bad address\n\ndo_readdir_fast[N]: Check here!\n\n");
+    EXPECT_EQ(got.printed, "get_dentry_with_clu[N]: Failed to get entry sector!:" + place +
+                               "\n\nget_long_name_fast[N]: fail to get dentry" + place +
+                               ": Bad address\n\ndo_readdir_fast[N]: Check here!\n\n");
 }
 
 TEST_P(ReaddirFast, TellsOfAChainThatBreaksBehindAShortEntry) {
@@ -739,7 +742,7 @@ TEST_P(ReaddirFast, TellsOfAChainThatBreaksBehindAShortEntry) {
             c.v.set_link(20, link);
             const fast_step got = fast_step_of(&c, &dir);
             EXPECT_EQ(got.result, -1);
-            EXPECT_EQ(got.said, message + NO_NEXT + "do_readdir_fast[N]: Check here!\n\n");
+            EXPECT_EQ(got.printed, message + NO_NEXT + "do_readdir_fast[N]: Check here!\n\n");
         }
     }
 }
@@ -752,7 +755,7 @@ TEST_P(ReaddirFast, TellsOfAChainThatBreaksBehindALongName) {
     c.v.set_link(20, 0);
     const fast_step got = fast_step_of(&c, &dir);
     EXPECT_EQ(got.result, -1);
-    EXPECT_EQ(got.said, NO_NEXT + "do_readdir_fast[N]: Check here!\n\n");
+    EXPECT_EQ(got.printed, NO_NEXT + "do_readdir_fast[N]: Check here!\n\n");
 }
 
 TEST_P(ReaddirFast, EndsACircleOfClustersWithoutFiles) {
@@ -761,7 +764,7 @@ TEST_P(ReaddirFast, EndsACircleOfClustersWithoutFiles) {
     c.v.set_link(28, 22);
     const fast_step got = fast_step_of(&c, &dir);
     EXPECT_EQ(got.result, -1);
-    const std::string said = got.said;
+    const std::string said = got.printed;
     EXPECT_NE(said.find("do_readdir_fast[N]: Check here!\n\n"), std::string::npos) << said;
     EXPECT_LT(c.v.traffic(), 40 * sv->sec_per_clus + 40);
     // Onto itself.
@@ -789,13 +792,13 @@ TEST_P(ReaddirFast, TellsOfSectorsThatCannotBeRead) {
         c.v.disk.unreadable = {volume::first_sector_of(20)};
         fast_step got = fast_step_of(&c, &dir);
         EXPECT_EQ(got.result, -EIO);
-        EXPECT_EQ(got.said, "do_readdir_fast[N]: cannot read sectors\n");
+        EXPECT_EQ(got.printed, "do_readdir_fast[N]: cannot read sectors\n");
         // And those met later on.
         dir.fill_up(deleted(short_entry("GONE    TXT")));
         c.v.disk.unreadable = {volume::first_sector_of(22)};
         got = fast_step_of(&c, &dir);
         EXPECT_EQ(got.result, -EIO);
-        EXPECT_EQ(got.said, "do_readdir_fast[N]: cannot read sectors\n");
+        EXPECT_EQ(got.printed, "do_readdir_fast[N]: cannot read sectors\n");
         c.v.disk.unreadable.clear();
         EXPECT_EQ(fast_step_of(&c, &dir).result, 0);
     }
@@ -810,7 +813,7 @@ TEST_P(ReaddirFast, TellsOfSlotsThatCannotBeRead) {
     c.v.disk.unreadable = {sector};
     const fast_step got = fast_step_of(&c, &dir);
     EXPECT_EQ(got.result, -EIO);
-    EXPECT_EQ(got.said,
+    EXPECT_EQ(got.printed,
               "get_dentry_with_clu[N]: cannot read sectors:(sector: " + std::to_string(sector) +
                   ")\nget_long_name_fast[N]: fail to get dentry(20, " + std::to_string(last + 1) +
                   "): Input/output error\n\ndo_readdir_fast[N]: Check here!\n\n");
@@ -951,15 +954,15 @@ TEST(ReaddirFastInFat16Root, GivesEveryFileOfAFullRootOf512) {
     for (u32 i = 0; i < 512; i++) {
         const fast_step got = fast_step_of(&c, &c.v.top);
         ASSERT_EQ(got.result, 1) << i;
-        ASSERT_EQ(u64{got.sector} * 512 + got.offset, c.v.top.offset_of(i));
-        ASSERT_EQ(got.pos, i + 1);
+        ASSERT_EQ(got.where.sector * 512 + got.where.offset, c.v.top.offset_of(i));
+        ASSERT_EQ(got.slot, i + 1);
     }
     // Slot 512 is examined, and lies behind the area.
     for (int call = 0; call < 3; call++) {
         const fast_step got = fast_step_of(&c, &c.v.top);
         EXPECT_EQ(got.result, -EFAULT);
-        EXPECT_EQ(got.said, BEHIND_AREA);
-        EXPECT_EQ(got.pos, 512U);
+        EXPECT_EQ(got.printed, BEHIND_AREA);
+        EXPECT_EQ(got.slot, 512U);
     }
 }
 
@@ -987,7 +990,7 @@ protected:
         for (int call = 0; call < 2; call++) {
             const fast_step got = next();
             EXPECT_EQ(got.result, -1);
-            EXPECT_EQ(got.said, "do_readdir_fast[N]: Check here!\n\n");
+            EXPECT_EQ(got.printed, "do_readdir_fast[N]: Check here!\n\n");
         }
     }
     fast_case c;
@@ -1000,8 +1003,8 @@ TEST_F(ReaddirFastInLargeRoot, ExaminesSlot512AndGivesNothingForIt) {
     EXPECT_EQ(next().name, "FILE511.TXT");
     const fast_step got = next();
     EXPECT_EQ(got.result, 0);
-    EXPECT_EQ(got.said, "");
-    EXPECT_EQ(got.pos, 513U);
+    EXPECT_EQ(got.printed, "");
+    EXPECT_EQ(got.slot, 513U);
     expect_refused();
 }
 
@@ -1036,8 +1039,8 @@ TEST_F(ReaddirFastInLargeRoot, GivesNothingForALongNameThatEndsLater) {
         c.v.top.append_long(u"two slots here", DOS);
         const fast_step got = next();
         EXPECT_EQ(got.result, 0) << first;
-        EXPECT_EQ(got.said, "");
-        EXPECT_EQ(got.pos, first + 3);
+        EXPECT_EQ(got.printed, "");
+        EXPECT_EQ(got.slot, first + 3);
         expect_refused();
     }
 }
@@ -1062,8 +1065,8 @@ TEST(ReaddirFastOnFat32, RefusesADirectoryWithoutCluster) {
     dir.record.start = 0;
     const fast_step got = fast_step_of(&c, &dir);
     EXPECT_EQ(got.result, -EINVAL);
-    EXPECT_EQ(got.said, "get_phy_sector[N]: invalid start cluster number 0\n"
-                        "do_readdir_fast[N]: Check here!\n\n");
+    EXPECT_EQ(got.printed, "get_phy_sector[N]: invalid start cluster number 0\n"
+                           "do_readdir_fast[N]: Check here!\n\n");
 }
 
 TEST(ReaddirFastOnFat32, WalksALongRoot) {
@@ -1093,7 +1096,7 @@ TEST(ReaddirFastNames, AreShortWhereTheLongOnesCannotBeConverted) {
     const fast_step got = fast_step_of(&c, &c.v.top);
     EXPECT_EQ(got.result, 1);
     EXPECT_EQ(got.name, "ALONGN~1.TXT");
-    EXPECT_EQ(got.image, c.v.top.at(index - 1));
+    EXPECT_EQ(got.entry, c.v.top.at(index - 1));
     // Too long for its 255 bytes.
     ASSERT_EQ(fat_set_encoding("UTF-8"), 0);
     c.v.top.append_long(std::u16string(100, u'\u4E2D'), "ALONGN~2TXT");

@@ -1,8 +1,8 @@
-// Thousands of writes and reads against the plain account of them: whole and broken chains, empty
+// Thousands of writes and reads against the reference model: whole and broken chains, empty
 // and full volumes, records that do not fit their chains, media that fail in one place.
 
 #include "tests/support/file_fixture.h"
-#include "tests/support/plain_file.h"
+#include "tests/support/reference.h"
 
 #include <cstdio>
 #include <map>
@@ -165,7 +165,7 @@ protected:
     }
 
     struct result_of_both {
-        s64 plain;
+        s64 expected;
         s64 real;
     };
 
@@ -175,15 +175,15 @@ protected:
         if (one_in(5)) {
             const u32 position = std::min(size_of(mounted::held_entry(id)),
                                           below(u64{mounted::record(id).allocated} + 1));
-            u32 plain_position = position;
+            u32 expected_position = position;
             u32 real_position = position;
-            const int expected = plain_->write_at(data.data(), count, &plain_position);
+            const int expected = volume_->write_at(&entry_, data, &expected_position);
             const int result =
                 do_write_file(&mounted::record(id), data.data(), count, &real_position);
-            EXPECT_EQ(real_position, plain_position);
+            EXPECT_EQ(real_position, expected_position);
             return {expected, result};
         }
-        const int expected = plain_->write_file(data);
+        const int expected = volume_->write_file(&entry_, data);
         errno = UNTOUCHED_ERRNO;
         const int result = fat_write_file(id, data.data(), count);
         EXPECT_EQ(errno, result < 0 ? -result : UNTOUCHED_ERRNO);
@@ -191,29 +191,36 @@ protected:
     }
     result_of_both read_both(int id) {
         const u32 count = some_count();
-        bytes expected_bytes(count + 16, 0xCC);
-        bytes real_bytes = expected_bytes;
+        bytes expected_bytes;
+        bytes real_bytes(count + 16, 0xCC);
         s64 expected = 0;
         s64 result = 0;
         if (one_in(5)) {
-            u64 plain_position = below(u64{mounted::record(id).allocated} + 1);
-            u64 real_position = plain_position;
-            expected = plain_->read_at(expected_bytes.data(), count, &plain_position);
+            u64 expected_position = below(u64{mounted::record(id).allocated} + 1);
+            u64 real_position = expected_position;
+            expected = volume_->read_at(entry_, count, &expected_position, &expected_bytes);
             result = do_read_file(&mounted::record(id), real_bytes.data(), count, &real_position);
-            EXPECT_EQ(real_position, plain_position);
+            EXPECT_EQ(real_position, expected_position);
         } else {
-            expected = plain_->read_file(expected_bytes.data(), count);
+            expected = volume_->read_file(&entry_, count, &expected_bytes);
             errno = UNTOUCHED_ERRNO;
             result = fat_read_file(id, real_bytes.data(), count);
             EXPECT_EQ(errno, result < 0 ? static_cast<int>(-result) : UNTOUCHED_ERRNO);
         }
         // What a failing transfer would have moved is not defined.
         const bool is_defined = !has_faults() || expected >= 0;
+        expected_bytes.resize(real_bytes.size(), 0xCC);
         EXPECT_EQ(part_of(real_bytes, count, 16), bytes(16, 0xCC));
         EXPECT_TRUE(!is_defined || real_bytes == expected_bytes) << "other bytes were read";
         return {expected, result};
     }
-    // One call of both accounts on one file; nothing is left different.
+    // The model takes over the disk and the open entry as they are now.
+    void begin_reference(int id) {
+        volume_.emplace(reference_of<model::volume>(&v.disk));
+        volume_->date = static_cast<u16>(TODAY);
+        entry_ = open_entry_of(mounted::record(id));
+    }
+    // One call of the library and the model on one file; nothing is left different.
     void call_both(bool is_write) {
         const int id = one_of(ids);
         if (!is_write) {
@@ -223,14 +230,14 @@ protected:
         v.disk.remember();
         v.disk.log.clear();
         said.clear();
-        plain_ = std::make_unique<plain_file>(&v.disk, mounted::record(id), TODAY);
+        begin_reference(id);
         const result_of_both both = is_write ? write_both(id) : read_both(id);
-        ASSERT_EQ(both.real, both.plain);
+        ASSERT_EQ(both.real, both.expected);
         ASSERT_NO_FATAL_FAILURE(expect_same_record(id));
         ASSERT_NO_FATAL_FAILURE(expect_same_medium());
         if (!has_faults()) {
-            ASSERT_EQ(said.text(), plain_->said);
-            ASSERT_EQ(last_writes(real_writes()), last_writes(plain_->written));
+            ASSERT_EQ(said.text(), volume_->printed);
+            ASSERT_EQ(last_writes(real_writes()), last_writes(expected_writes()));
         } else if (!has_fat_that_cannot_be_written()) {
             ASSERT_NO_FATAL_FAILURE(expect_same_complaints());
         }
@@ -240,16 +247,11 @@ protected:
     // -- comparing
 
     void expect_same_record(int id) const {
-        const oentry &record = mounted::record(id);
-        ASSERT_EQ(record.start, plain_->record.start);
-        ASSERT_EQ(record.last, plain_->record.last);
-        ASSERT_EQ(record.allocated, plain_->record.allocated);
-        ASSERT_EQ(record.pos, plain_->record.pos);
-        ASSERT_EQ(mounted::held_entry(id), plain_->image);
-        ASSERT_EQ(sv->last_alloc_clus, plain_->hint);
+        ASSERT_EQ(open_entry_of(mounted::record(id)), entry_);
+        ASSERT_EQ(sv->last_alloc_clus, volume_->hint);
     }
     void expect_same_medium() {
-        for (const u64 sector : plain_->known_sectors()) {
+        for (const u64 sector : volume_->known_sectors()) {
             ASSERT_NO_FATAL_FAILURE(expect_same_sector(sector));
         }
         const u64 per_block = ram_disk::BLOCK / sv->sector_size;
@@ -265,7 +267,7 @@ protected:
             return;
         }
         const bytes real = v.disk.peek(sector * sv->sector_size, sv->sector_size);
-        ASSERT_TRUE(real == plain_->sector(sector)) << "sector " << sector << " is different";
+        ASSERT_TRUE(real == volume_->sector(sector)) << "sector " << sector << " is different";
     }
     static bool is_data(u64 sector) {
         return sector >= sv->data_start &&
@@ -280,6 +282,13 @@ protected:
             for (u32 i = 0; t.is_write && i < t.count; i++) {
                 result.push_back(t.sector + i);
             }
+        }
+        return result;
+    }
+    [[nodiscard]] std::vector<u64> expected_writes() const {
+        std::vector<u64> result;
+        for (const auto &[sector, content] : volume_->writes) {
+            result.push_back(sector);
         }
         return result;
     }
@@ -300,9 +309,9 @@ protected:
     // A lookup that runs ahead of a transfer that fails may tell of a broken link behind it.
     void expect_same_complaints() {
         std::istringstream real(said.text());
-        std::istringstream plain(plain_->said);
+        std::istringstream expected(volume_->printed);
         std::string said_line;
-        for (std::string line; std::getline(plain, line);) {
+        for (std::string line; std::getline(expected, line);) {
             while (std::getline(real, said_line) && said_line != line) {
                 const std::string reporter = said_line.substr(0, said_line.find('['));
                 ASSERT_TRUE(reporter.empty() || reporter == "get_phy_sector" ||
@@ -419,13 +428,14 @@ private:
                          GetParam().sec_per_clus};
     bytes empty_fat_;
     std::vector<u32> free_;
-    std::unique_ptr<plain_file> plain_;
+    std::optional<model::volume> volume_;
+    model::open_entry entry_;
 };
 INSTANTIATE_TEST_SUITE_P(Shapes, FilesAtRandom, testing::ValuesIn(RANDOM_SHAPES), shape_name);
 
 } // namespace
 
-TEST_P(FilesAtRandom, AreWrittenAndReadAsByThePlainAccount) {
+TEST_P(FilesAtRandom, AreWrittenAndReadAsByTheReferenceModel) {
     for (int round = 0; round < 60; round++) {
         start_anew();
         for (int call = 0; call < 25; call++) {
@@ -438,7 +448,7 @@ TEST_P(FilesAtRandom, AreWrittenAndReadAsByThePlainAccount) {
     expect_outcomes(false, {1, 0, -EINVAL, -EFAULT});
 }
 
-TEST_P(FilesAtRandom, FailOnBadSectorsAsByThePlainAccount) {
+TEST_P(FilesAtRandom, FailOnBadSectorsAsByTheReferenceModel) {
     for (int round = 0; round < 90; round++) {
         start_anew();
         for (int bad = one_in(3) ? 3 : 1; bad > 0; bad--) {

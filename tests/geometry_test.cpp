@@ -2,9 +2,9 @@
 // refusal with its whole text.
 
 #include "fat/internal.h"
+#include "tests/model/layout.h"
 #include "tests/support/capture.h"
 #include "tests/support/faults.h"
-#include "tests/support/plain_volume.h"
 #include "tests/support/ram_disk.h"
 
 #include <gtest/gtest.h>
@@ -15,6 +15,9 @@
 #include <string>
 
 using namespace testing_support;
+using model::asked;
+using model::format_calculation;
+using model::volume_layout;
 
 namespace {
 
@@ -528,35 +531,35 @@ TEST(CalcFatSectors, TheLargestEvenTotalIsTooMuchForFat32WithSmallClusters) {
 
 TEST(CalcFatSectors, TheLargestTotalWithManyFats) {
     const asked wish = {.width = 32, .cluster_sectors = 64, .sector_bytes = 4096, .fats = 255};
-    const shape plain =
-        plain_calculation(wish, 4294967295U * std::uint64_t{4096}, 4294967295U).decide();
+    const volume_layout expected =
+        format_calculation(wish, 4294967295U * std::uint64_t{4096}, 4294967295U).decide();
     const decision made = decide(wish, 4294967295U);
-    EXPECT_EQ(made.said, plain.said);
-    EXPECT_EQ(made.fat_sectors, plain.fat_sectors);
-    EXPECT_EQ(made.clusters, plain.clusters);
+    EXPECT_EQ(made.said, expected.printed);
+    EXPECT_EQ(made.fat_sectors, expected.fat_sectors);
+    EXPECT_EQ(made.clusters, expected.clusters);
 }
 
-// ---- against the plain calculation ------------------------------------------------------------
+// ---- against the reference model --------------------------------------------------------------
 
 namespace {
 
-decision plain_decision(const asked &wish, std::uint32_t total) {
+decision expected_decision(const asked &wish, std::uint32_t total) {
     const std::uint64_t target_bytes = std::uint64_t{total} * wish.sector_bytes;
-    const shape plain = plain_calculation(wish, target_bytes, total).decide();
-    if (plain.result != 0) {
-        return refused(plain.said);
+    const volume_layout expected = format_calculation(wish, target_bytes, total).decide();
+    if (expected.result != 0) {
+        return refused(expected.printed);
     }
-    return {.said = plain.said,
-            .width = static_cast<std::uint32_t>(plain.width),
-            .reserved = static_cast<std::uint32_t>(plain.reserved),
-            .root_entries = static_cast<std::uint32_t>(plain.root_entries),
-            .fat_sectors = static_cast<std::uint32_t>(plain.fat_sectors),
-            .clusters = static_cast<std::uint32_t>(plain.clusters)};
+    return {.said = expected.printed,
+            .width = static_cast<std::uint32_t>(expected.width),
+            .reserved = static_cast<std::uint32_t>(expected.reserved),
+            .root_entries = static_cast<std::uint32_t>(expected.root_entries),
+            .fat_sectors = static_cast<std::uint32_t>(expected.fat_sectors),
+            .clusters = static_cast<std::uint32_t>(expected.clusters)};
 }
 
 } // namespace
 
-TEST(CalcFatSectors, AgreesWithThePlainCalculationAroundEveryLimit) {
+TEST(CalcFatSectors, AgreesWithTheReferenceModelAroundEveryLimit) {
     for (const std::uint32_t sector : {512U, 1024U, 2048U, 4096U}) {
         for (const std::uint32_t cluster : {1U, 2U, 8U, 64U}) {
             for (const std::uint32_t page : {0U, 2048U, 4096U, 8192U}) {
@@ -571,7 +574,7 @@ TEST(CalcFatSectors, AgreesWithThePlainCalculationAroundEveryLimit) {
                         const std::uint32_t middle = limit * cluster + limit * 8 / sector + 40;
                         for (std::uint32_t total = middle < 80 ? 0 : middle - 80;
                              total < middle + 80; total += 3) {
-                            ASSERT_EQ(decide(wish, total), plain_decision(wish, total))
+                            ASSERT_EQ(decide(wish, total), expected_decision(wish, total))
                                 << total << " sectors";
                         }
                     }
@@ -581,7 +584,7 @@ TEST(CalcFatSectors, AgreesWithThePlainCalculationAroundEveryLimit) {
     }
 }
 
-TEST(CalcFatSectors, AgreesWithThePlainCalculationOnRandomRequests) {
+TEST(CalcFatSectors, AgreesWithTheReferenceModelOnRandomRequests) {
     constexpr std::uint32_t SEED = 20240207;
     std::mt19937 random(SEED);
     std::printf("seed %u\n", SEED);
@@ -601,7 +604,7 @@ TEST(CalcFatSectors, AgreesWithThePlainCalculationOnRandomRequests) {
         // As many bits as not, so that small volumes are as frequent as large ones.
         const std::uint32_t total = static_cast<std::uint32_t>(random()) >> random() % 32;
         const decision made = decide(wish, total);
-        ASSERT_EQ(made, plain_decision(wish, total)) << total << " sectors";
+        ASSERT_EQ(made, expected_decision(wish, total)) << total << " sectors";
         (made.result == 0 ? accepted : rejected)++;
     }
     EXPECT_GT(accepted, 5000);

@@ -5,10 +5,10 @@
 // show.
 
 #include "fat/fat.h"
+#include "tests/model/layout.h"
 #include "tests/support/capture.h"
 #include "tests/support/files.h"
 #include "tests/support/moment.h"
-#include "tests/support/plain_volume.h"
 #include "tests/support/process.h"
 #include "tests/support/ram_disk.h"
 
@@ -25,6 +25,10 @@
 #include <vector>
 
 using namespace testing_support;
+using model::asked;
+using model::format_calculation;
+using model::usable_sectors;
+using model::volume_layout;
 
 namespace {
 
@@ -186,7 +190,7 @@ stamp stamp_of(time_t local_seconds) {
             .date = (parts.tm_year - 80) * 512 + (parts.tm_mon + 1) * 32 + parts.tm_mday};
 }
 
-bytes boot_sector(const asked &wish, const shape &volume, const std::string &label,
+bytes boot_sector(const asked &wish, const volume_layout &volume, const std::string &label,
                   std::uint32_t serial) {
     const bool is_32 = volume.width == 32;
     const bool total_is_short = !is_32 && volume.total < 65536;
@@ -230,8 +234,8 @@ bytes information_sector(const asked &wish) {
     return sector;
 }
 
-void paint_volume(picture *image, const options &given, const shape &volume, std::uint32_t serial,
-                  const stamp &written) {
+void paint_volume(picture *image, const options &given, const volume_layout &volume,
+                  std::uint32_t serial, const stamp &written) {
     const asked wish = with_defaults(given);
     const bool is_32 = volume.width == 32;
     const auto at = [&wish](std::int64_t sector) {
@@ -272,7 +276,7 @@ constexpr int CLUSTER_TOO_LARGE = -1000;
 struct expectation {
     int result;       // as fat_format gives it, or CLUSTER_TOO_LARGE
     std::string said; // every diagnostic
-    shape volume;
+    volume_layout volume;
 };
 
 expectation expect_of(const options &given, std::uint64_t target_bytes) {
@@ -287,16 +291,16 @@ expectation expect_of(const options &given, std::uint64_t target_bytes) {
     }
     const asked wish = with_defaults(given);
     const std::int64_t total = usable_sectors(target_bytes, wish.sector_bytes);
-    const shape volume = plain_calculation(wish, target_bytes, total).decide();
+    const volume_layout volume = format_calculation(wish, target_bytes, total).decide();
     if (volume.result != 0) {
         return {volume.result,
-                volume.said + "create_pbr[N]: failed to calc_fat_sectors!\n\n"
-                              "make_tables[N]: Cannot create PBR!\n\n"
-                              "fat_format[N]: Failed to make table!\n\n",
+                volume.printed + "create_pbr[N]: failed to calc_fat_sectors!\n\n"
+                                 "make_tables[N]: Cannot create PBR!\n\n"
+                                 "fat_format[N]: Failed to make table!\n\n",
                 volume};
     }
     const std::int64_t root = volume.width == 32 ? wish.cluster_sectors : volume.root_sectors;
-    return {static_cast<int>(root), volume.said, volume};
+    return {static_cast<int>(root), volume.printed, volume};
 }
 
 // ---- formatting ----
@@ -393,7 +397,7 @@ std::int64_t fewest_sectors(const asked &wish, std::int64_t width, std::int64_t 
     std::int64_t high = std::int64_t{1} << 31;
     while (low < high) {
         const std::int64_t middle = (low + high) / 2;
-        if (plain_calculation(wish, 0, middle).clusters_as(width) >= clusters) {
+        if (format_calculation(wish, 0, middle).clusters_as(width) >= clusters) {
             high = middle;
         } else {
             low = middle + 1;

@@ -1,4 +1,4 @@
-// Random sequences of public calls, on the library and on a plain model of it: after every call the
+// Random sequences of public calls, on the library and on the reference model: after every call the
 // results, the bytes on the medium, the open entries and the number of free clusters agree.
 //
 // Careful users (no writing through an id that another one has overtaken, no removing of what is
@@ -8,7 +8,7 @@
 
 #include "tests/support/capture.h"
 #include "tests/support/moment.h"
-#include "tests/support/plain_library.h"
+#include "tests/support/reference.h"
 #include "tests/support/valgrind.h"
 #include "tests/support/volume.h"
 
@@ -21,14 +21,15 @@
 #include <sstream>
 
 using namespace testing_support;
-using plain::byte_string;
-using plain::dos_name_in;
-using plain::is_directory;
-using plain::kind_of;
-using plain::open_entry;
-using plain::place;
-using plain::size_in;
-using plain::start_in;
+using model::bytes;
+using model::created;
+using model::dos_name_of;
+using model::kind;
+using model::location;
+using model::open_entry;
+using model::raw_entry;
+using model::size_of;
+using model::start_of;
 
 namespace {
 
@@ -78,8 +79,8 @@ public:
     const auto &one_of(const List &list) {
         return list.at(roll(static_cast<std::uint32_t>(list.size())));
     }
-    byte_string some_bytes(std::size_t size) {
-        byte_string result(size);
+    bytes some_bytes(std::size_t size) {
+        bytes result(size);
         std::uint32_t state = static_cast<std::uint32_t>(engine_());
         for (std::uint8_t &byte : result) {
             state = state * 1664525 + 1013904223;
@@ -187,39 +188,23 @@ private:
 
 // ---- the two libraries ------------------------------------------------------------------------
 
-plain::medium_shape shape_of_open_volume(const run_plan &plan) {
-    plain::medium_shape shape;
-    shape.width = sv->fat_type;
-    shape.sector_bytes = sv->sector_size;
-    shape.cluster_bytes = sv->sec_per_clus * sv->sector_size;
-    shape.clusters = sv->num_clusters;
-    shape.root_cluster = sv->root_clus;
-    shape.root_sector = sv->rdir_start;
-    shape.root_bytes = sv->fat_type == 16 ? (sv->data_start - sv->rdir_start) * sv->sector_size : 0;
-    shape.fat_copies_sector = sv->fat_start;
-    shape.data_sector = sv->data_start;
-    shape.fill = plan.shape.fill;
-    shape.long_names = plan.long_names;
-    shape.date = DATE;
-    shape.time = TIME;
-    return shape;
-}
-
 // Both on the same volume, and what they are compared by.
 class twins {
 public:
-    twins(const run_plan &plan, std::uint32_t seed)
-        : v(plan.shape), model(shape_of_open_volume(plan)), plan_(plan) {
+    twins(const run_plan &plan, std::uint32_t seed) : v(plan.shape), plan_(plan) {
         if (plan.free_clusters != 0) {
             leave_free(plan.free_clusters, seed);
         }
-        take_over();
-        second_fat_ = v.fat_copy(1);
+        v.disk.remember(); // the model begins with what the formatter left
+        model.emplace(reference_of<model::volume>(&v.disk));
+        model->long_names = plan.long_names;
+        model->date = DATE;
+        model->time = TIME;
         mount(sv->root_clus);
     }
 
     volume v;
-    plain::library model;
+    std::optional<model::volume> model;
 
     // As after the power was off.
     void remount() {
@@ -237,21 +222,19 @@ public:
         testing::AssertionResult result = sectors_agree();
         result = result ? clusters_agree() : result;
         result = result ? ids_agree() : result;
-        model.disk.changed.clear();
+        model->writes.clear();
+        model->printed.clear();
         v.disk.log.clear();
         return result;
     }
 
-    // Every sector of the volume that anything has touched, and the FAT copy that nothing may
-    // touch.
+    // Every sector of the volume that anything has touched. No operation of the model writes the
+    // second FAT.
     testing::AssertionResult everything_agrees() {
-        if (v.fat_copy(1) != second_fat_) {
-            return testing::AssertionFailure() << "the second FAT has changed";
-        }
         for (const std::uint64_t block : v.disk.known_blocks()) {
             for (std::uint32_t at = 0; at < ram_disk::BLOCK; at += sv->sector_size) {
                 const testing::AssertionResult result =
-                    sector_agrees((block * ram_disk::BLOCK + at) / sv->sector_size, true);
+                    sector_agrees((block * ram_disk::BLOCK + at) / sv->sector_size);
                 if (!result) {
                     return result;
                 }
@@ -266,7 +249,9 @@ private:
         if (fat_build_super() != 0) {
             throw std::runtime_error("the volume cannot be mounted");
         }
-        model.mount(hint);
+        model->table.clear();
+        model->hint = hint;
+        model->open_dir();
         v.disk.log.clear();
     }
 
@@ -278,55 +263,46 @@ private:
             left.insert(2 + d.roll(sv->num_clusters));
         }
         const std::uint32_t width = sv->fat_type / 8;
-        byte_string table = v.fat_copy(0);
+        bytes table = v.fat_copy(0);
         for (std::uint32_t cluster = 2; cluster <= volume::last_cluster(); cluster++) {
             const bool is_free = left.contains(cluster) || cluster == sv->root_clus;
-            for (std::uint32_t i = 0; i < width && !is_free; i++) {
-                table[cluster * width + i] = static_cast<std::uint8_t>(volume::end_mark() >> 8 * i);
+            if (!is_free) {
+                model::put_field(&table, cluster * width, width, volume::end_mark());
             }
         }
         v.disk.poke(volume::fat_offset(0), table);
     }
-    // The model begins with what the formatter left.
-    void take_over() {
-        const byte_string table = v.fat_copy(0);
-        const std::uint32_t width = sv->fat_type / 8;
-        for (std::uint32_t cluster = 0; cluster <= volume::last_cluster(); cluster++) {
-            std::uint32_t link = 0;
-            for (std::uint32_t i = width; i-- > 0;) {
-                link = link << 8 | table[std::size_t{cluster} * width + i];
-            }
-            model.disk.links.push_back(link);
-        }
-        const std::uint32_t root = sv->fat_type == 16 ? plain::ROOT_AREA : sv->root_clus;
-        byte_string &content = model.disk.content_of(root);
-        content = v.disk.peek(std::uint64_t{sv->rdir_start} * sv->sector_size, content.size());
-    }
-
-    testing::AssertionResult sector_agrees(std::uint64_t number, bool may_be_nobodys) {
-        const std::optional<byte_string> expected = model.disk.sector(number);
-        if (!expected) {
-            return may_be_nobodys ? testing::AssertionSuccess()
-                                  : testing::AssertionFailure()
-                                        << "sector " << number << " is nothing to write to";
-        }
-        const byte_string found = v.disk.peek(number * sv->sector_size, sv->sector_size);
-        if (found == *expected) {
+    testing::AssertionResult sector_agrees(std::uint64_t number) {
+        const bytes found = v.disk.peek(number * sv->sector_size, sv->sector_size);
+        const bytes &expected = model->sector(number);
+        if (found == expected) {
             return testing::AssertionSuccess();
         }
-        const auto at = std::mismatch(found.begin(), found.end(), expected->begin()).first;
+        const auto at = std::mismatch(found.begin(), found.end(), expected.begin()).first;
         return testing::AssertionFailure()
                << "sector " << number << " differs from byte " << at - found.begin() << " on";
     }
+    // The first FAT, the root area, the clusters.
+    static bool may_be_written(std::uint64_t number) {
+        return (number >= sv->fat_start &&
+                number <= volume::fat_sector_of(volume::last_cluster())) ||
+               number >= (sv->fat_type == 16 ? sv->rdir_start : sv->data_start);
+    }
     testing::AssertionResult sectors_agree() {
-        std::set<std::uint64_t> numbers = model.disk.changed;
+        std::set<std::uint64_t> numbers;
+        for (const auto &[sector, content] : model->writes) {
+            numbers.insert(sector);
+        }
         for (const transfer &t : v.disk.log) {
             for (std::uint32_t i = 0; t.is_write && i < t.count; i++) {
                 numbers.insert(t.sector + i);
             }
         }
         for (const std::uint64_t number : numbers) {
-            const testing::AssertionResult result = sector_agrees(number, false);
+            if (!may_be_written(number)) {
+                return testing::AssertionFailure() << "sector " << number << " was written";
+            }
+            const testing::AssertionResult result = sector_agrees(number);
             if (!result) {
                 return result;
             }
@@ -335,7 +311,7 @@ private:
     }
     // Counted on the medium itself.
     std::uint32_t count_free_on_medium() {
-        const byte_string table = v.fat_copy(0);
+        const bytes table = v.fat_copy(0);
         const std::uint32_t width = sv->fat_type / 8;
         std::uint32_t result = 0;
         for (std::size_t at = 2 * width; at < (sv->num_clusters + 2) * width; at += width) {
@@ -347,70 +323,33 @@ private:
     }
     testing::AssertionResult clusters_agree() {
         const std::uint32_t found = count_free_on_medium();
-        const std::uint32_t expected = model.disk.count_free();
+        const std::uint32_t expected = model->count_free();
         if (found != expected) {
             return testing::AssertionFailure() << found << " clusters are free, not " << expected;
         }
-        if (sv->last_alloc_clus != model.disk.hint) {
+        if (sv->last_alloc_clus != model->hint) {
             return testing::AssertionFailure()
-                   << "the hint is " << sv->last_alloc_clus << ", not " << model.disk.hint;
+                   << "the hint is " << sv->last_alloc_clus << ", not " << model->hint;
         }
         return testing::AssertionSuccess();
     }
     testing::AssertionResult ids_agree() {
-        for (int id = 0; id < plain::IDS; id++) {
-            const auto slot = model.table.find(id);
-            const open_entry *expected = slot == model.table.end() ? nullptr : &slot->second;
-            if (!is_same(expected, oentry_table[id])) {
+        for (int id = 0; id < model::IDS; id++) {
+            const auto found = open_entry_of(id);
+            const auto expected = expected_entry(*model, id);
+            if (found != expected) {
                 return testing::AssertionFailure()
-                       << "id " << id << " is " << shown(oentry_table[id]) << ", not "
-                       << shown(expected);
+                       << "id " << id << " is " << testing::PrintToString(found) << ", not "
+                       << testing::PrintToString(expected);
             }
         }
-        if (get_current() != model.current) {
+        if (get_current() != model->current) {
             return testing::AssertionFailure()
-                   << "the current directory is " << get_current() << ", not " << model.current;
+                   << "the current directory is " << get_current() << ", not " << model->current;
         }
         return testing::AssertionSuccess();
     }
-    static const std::uint8_t *image_of(const open_entry &e) {
-        return e.image ? e.image->data() : nullptr;
-    }
-    static bool is_same(const open_entry *a, const oentry *b) {
-        if (a == nullptr || b == nullptr) {
-            return a == nullptr && b == nullptr;
-        }
-        const std::uint8_t *image = image_of(*a);
-        return a->start == b->start && a->last == b->last && a->allocated == b->allocated &&
-               a->position == b->pos && a->references == b->ref_count &&
-               (image == nullptr || b->dentry == nullptr
-                    ? image == b->dentry
-                    : std::equal(image, image + 32, b->dentry));
-    }
-    static std::string shown(const open_entry *e) {
-        return e == nullptr ? "none"
-                            : shown(e->start, e->last, e->allocated, e->position, e->references,
-                                    image_of(*e));
-    }
-    static std::string shown(const oentry *e) {
-        return e == nullptr
-                   ? "none"
-                   : shown(e->start, e->last, e->allocated, e->pos, e->ref_count, e->dentry);
-    }
-    static std::string shown(std::uint32_t start, std::uint32_t last, std::uint32_t allocated,
-                             std::uint64_t position, std::uint32_t references,
-                             const std::uint8_t *image) {
-        std::ostringstream out;
-        out << start << ".." << last << ", " << allocated << " bytes, at " << position << ", "
-            << references << " references" << (image == nullptr ? ", no image" : ", image");
-        for (std::size_t i = 0; image != nullptr && i < 32; i++) {
-            out << ' ' << static_cast<unsigned>(image[i]);
-        }
-        return out.str();
-    }
-
     run_plan plan_;
-    byte_string second_fat_;
 };
 
 // ---- a run ------------------------------------------------------------------------------------
@@ -423,7 +362,7 @@ class random_run {
 public:
     random_run(const run_plan &plan, std::uint32_t seed, tally *done)
         : plan_(plan), done_(*done), dice_(seed), names_(&dice_), both_(plan, seed),
-          model_(both_.model) {}
+          model_(*both_.model) {}
 
     void operate(int operations) {
         for (int i = 0; i < operations; i++) {
@@ -491,8 +430,8 @@ private:
     void create() {
         const std::string path = path_to_create();
         const std::size_t ids = model_.table.size();
-        const place before = model_.last_built;
-        const int expected = model_.create(path, plain::kind::file);
+        const location before = model_.last_built;
+        const int expected = model_.create(path, created::file);
         expect("fat_create_file", path, fat_create_file(path.c_str()), expected);
         if (plan_.careful && (model_.table.size() > ids || model_.last_built != before)) {
             written_[model_.last_built] = {};
@@ -500,7 +439,7 @@ private:
     }
     void make_directory() {
         const std::string path = path_to_create();
-        const int expected = model_.create(path, plain::kind::directory);
+        const int expected = model_.create(path, created::directory);
         expect("fat_mkdir", path, fat_mkdir(path.c_str()), expected);
     }
     void link() {
@@ -564,7 +503,7 @@ private:
         if (plan_.careful && model_.table.contains(id) && !is_up_to_date(id)) {
             return;
         }
-        const byte_string data = dice_.some_bytes(size_to_write(id));
+        const bytes data = dice_.some_bytes(size_to_write(id));
         const int expected = model_.write(id, data);
         const int result = fat_write_file(id, data.data(), static_cast<std::uint32_t>(data.size()));
         expect("fat_write_file", std::to_string(id) + " " + std::to_string(data.size()), result,
@@ -573,7 +512,7 @@ private:
             mood_ = CLEARING;
         }
         if (plan_.careful && expected > 0) {
-            byte_string &all = written_[model_.table.at(id).where];
+            bytes &all = written_[model_.table.at(id).where];
             all.insert(all.end(), data.begin(), data.end());
             ASSERT_NO_FATAL_FAILURE(expect_whole(model_.table.at(id).where, all));
         }
@@ -581,9 +520,9 @@ private:
     void read() {
         const int id = some_file_id();
         const std::uint32_t count = dice_.roll(3) == 0 ? dice_.roll(20) : dice_.roll(40000);
-        byte_string expected;
+        bytes expected;
         const int expected_result = model_.read(id, count, &expected);
-        byte_string buffer(count + 1, 0x5A);
+        bytes buffer(count + 1, 0x5A);
         const int result = fat_read_file(id, buffer.data(), count);
         expect("fat_read_file", std::to_string(id) + " " + std::to_string(count), result,
                expected_result);
@@ -633,7 +572,7 @@ private:
         return dice_.chance(10) ? dice_.one_of(DIRECTORIES) : names_.path();
     }
     void close_most() {
-        for (int id = 20; id < plain::IDS; id++) {
+        for (int id = 20; id < model::IDS; id++) {
             if (id != model_.current && model_.table.contains(id)) {
                 expect("fat_close", std::to_string(id), fat_close(id), model_.close(id));
             }
@@ -655,15 +594,15 @@ private:
     int some_file_id() {
         std::vector<int> files;
         for (const auto &[id, entry] : model_.table) {
-            if (entry.image && !is_directory(entry.image)) {
+            if (entry.cached && !entry.is_directory()) {
                 files.push_back(id);
             }
         }
         return files.empty() || dice_.chance(10) ? some_id() : dice_.one_of(files);
     }
     // As a caller's string has it: what a slot that passes for an entry is called may hold NULs.
-    static std::string shown_name(const plain::entry_bytes &entry) {
-        return name_model::to_text(dos_name_in(entry), entry[12]).c_str();
+    static std::string shown_name(const raw_entry &entry) {
+        return model::to_text(dos_name_of(entry), entry[12]).c_str();
     }
     // Often of an entry that the current directory has.
     std::string path_to_find() {
@@ -671,14 +610,8 @@ private:
             return names_.path();
         }
         std::vector<std::string> present;
-        const open_entry &here = model_.table.at(model_.current);
-        place where;
-        for (std::uint32_t index = 0; model_.entry_place(here, index, &where) == 0; index++) {
-            const plain::entry_bytes entry = model_.disk.entry_at(where);
-            if (entry[0] == 0) {
-                break;
-            }
-            if (kind_of(entry) == 2 || kind_of(entry) == 3) {
+        for (const raw_entry &entry : model_.entries_of(model_.table.at(model_.current))) {
+            if (model::is_short(entry)) {
                 present.push_back(shown_name(entry));
             }
         }
@@ -686,7 +619,7 @@ private:
     }
     // From one byte to all that is left and one more, often up to a boundary.
     std::size_t size_to_write(int id) {
-        const std::uint32_t cluster = model_.disk.shape.cluster_bytes;
+        const std::uint32_t cluster = model_.shape.cluster_bytes();
         const std::uint32_t which = dice_.roll(100);
         if (which < 40) {
             return dice_.roll(300);
@@ -694,14 +627,15 @@ private:
         if (which < 70) {
             return dice_.roll(3 * cluster) + 1;
         }
-        const std::uint32_t free = model_.disk.count_free();
+        const std::uint32_t free = model_.count_free();
         if (which >= 99 && std::uint64_t{free} * cluster < 40U << 20) {
             return std::size_t{free} * cluster + dice_.roll(3) * dice_.roll(cluster);
         }
         const auto entry = model_.table.find(id);
-        const std::uint32_t size =
-            entry != model_.table.end() && entry->second.image ? size_in(*entry->second.image) : 0;
-        const std::uint32_t unit = which < 85 ? model_.disk.shape.sector_bytes : cluster;
+        const std::uint32_t size = entry != model_.table.end() && entry->second.cached
+                                       ? size_of(*entry->second.cached)
+                                       : 0;
+        const std::uint32_t unit = which < 85 ? model_.shape.sector_bytes : cluster;
         return unit - size % unit + dice_.roll(2);
     }
 
@@ -710,8 +644,8 @@ private:
     // Whether no other id has written the entry since this one was opened, or removed it.
     bool is_up_to_date(int id) {
         const open_entry &entry = model_.table.at(id);
-        return entry.image && model_.disk.entry_at(entry.where) == *entry.image &&
-               start_in(*entry.image) == entry.start;
+        return entry.cached && model_.entry_at(entry.where) == *entry.cached &&
+               start_of(*entry.cached) == entry.start;
     }
     // Anything but dot entries and directories that are open, if only as a part of the way.
     bool may_remove(const std::string &path) {
@@ -720,25 +654,25 @@ private:
             return true;
         }
         const auto &[where, image] = *found;
-        if (plain::is_dot_entry(image)) {
+        if (model::is_dot_entry(image)) {
             return false;
         }
-        const std::uint32_t start = start_in(image);
-        return kind_of(image) != 3 ||
+        const std::uint32_t start = start_of(image);
+        return kind(image) != model::DIR_ENTRY ||
                std::none_of(model_.table.begin(), model_.table.end(), [start](const auto &slot) {
-                   return slot.second.start == start && slot.second.image;
+                   return slot.second.start == start && slot.second.cached;
                });
     }
-    void expect_whole(const place &where, const byte_string &expected) {
-        const plain::entry_bytes entry = model_.disk.entry_at(where);
-        ASSERT_EQ(size_in(entry), expected.size());
-        byte_string found;
-        for (std::uint32_t cluster = start_in(entry); found.size() < expected.size();) {
-            const byte_string &content = model_.disk.content_of(cluster);
+    void expect_whole(const location &where, const bytes &expected) {
+        const raw_entry entry = model_.entry_at(where);
+        ASSERT_EQ(size_of(entry), expected.size());
+        bytes found;
+        for (std::uint32_t cluster = start_of(entry); found.size() < expected.size();) {
+            const bytes content = model_.content_of(cluster);
             const std::size_t left = std::min(content.size(), expected.size() - found.size());
             found.insert(found.end(), content.begin(),
                          content.begin() + static_cast<std::ptrdiff_t>(left));
-            cluster = model_.disk.value_of(cluster);
+            cluster = model_.value_of(cluster);
         }
         ASSERT_TRUE(found == expected) << "the file has other bytes";
     }
@@ -747,10 +681,10 @@ private:
         std::set<std::uint32_t> taken;
         for (const auto &[where, content] : written_) {
             ASSERT_NO_FATAL_FAILURE(expect_whole(where, content));
-            std::uint32_t cluster = start_in(model_.disk.entry_at(where));
-            while (cluster != 0 && !model_.disk.is_end(cluster)) {
+            std::uint32_t cluster = start_of(model_.entry_at(where));
+            while (cluster != 0 && !model_.shape.is_end(cluster)) {
                 ASSERT_TRUE(taken.insert(cluster).second) << "cluster " << cluster << " twice";
-                cluster = model_.disk.value_of(cluster);
+                cluster = model_.value_of(cluster);
             }
         }
     }
@@ -762,24 +696,16 @@ private:
             return;
         }
         expect("fat_set_current", std::to_string(id), fat_set_current(id), model_.set_current(id));
-        const open_entry dir = model_.table.at(id);
         std::vector<std::string> subdirectories;
-        for (std::uint32_t index = 0;; index++) {
-            place where;
-            if (model_.entry_place(dir, index, &where) < 0) {
-                break;
-            }
-            const plain::entry_bytes entry = model_.disk.entry_at(where);
-            const unsigned kind = kind_of(entry);
-            if (kind == 0) {
-                break;
-            }
-            if (kind == 2 || kind == 3) {
+        std::uint32_t index = 0;
+        for (const raw_entry &entry : model_.entries_of(model_.table.at(id))) {
+            if (model::is_short(entry)) {
                 ASSERT_NO_FATAL_FAILURE(read_entry(id, index, entry));
             }
-            if (kind == 3 && !plain::is_dot_entry(entry)) {
+            if (kind(entry) == model::DIR_ENTRY && !model::is_dot_entry(entry)) {
                 subdirectories.push_back(shown_name(entry));
             }
+            index++;
         }
         for (const std::string &name : subdirectories) {
             expect("fat_set_current", std::to_string(id), fat_set_current(id),
@@ -793,7 +719,7 @@ private:
         }
     }
     // By its place, and by its name.
-    void read_entry(int dir, std::uint32_t index, const plain::entry_bytes &entry) {
+    void read_entry(int dir, std::uint32_t index, const raw_entry &entry) {
         const int id = model_.open_at(model_.table.at(dir), index);
         expect("fat_entry_open", std::to_string(index),
                fat::fat_entry_open(oentry_table[dir], index), id);
@@ -808,12 +734,12 @@ private:
         if (id <= 0) {
             return;
         }
-        byte_string expected;
+        bytes expected;
         const open_entry &entry = model_.table.at(id);
-        const std::uint32_t size = entry.image ? size_in(*entry.image) : 0;
+        const std::uint32_t size = entry.cached ? size_of(*entry.cached) : 0;
         const std::uint32_t count = std::min(size, 1U << 26) + 1;
         const int expected_result = model_.read(id, count, &expected);
-        byte_string buffer(count);
+        bytes buffer(count);
         const int result = fat_read_file(id, buffer.data(), count);
         ASSERT_EQ(result, expected_result);
         buffer.resize(expected.size());
@@ -825,7 +751,7 @@ private:
 
     void expect(const std::string &call, const std::string &argument, std::int64_t result,
                 std::int64_t expected) {
-        story_.push_back(call + "(" + name_model::shown_bytes(argument) +
+        story_.push_back(call + "(" + model::shown_bytes(argument) +
                          ") = " + std::to_string(result));
         if (story_.size() > 12) {
             story_.pop_front();
@@ -846,9 +772,9 @@ private:
     dice dice_;
     names names_;
     twins both_;
-    plain::library &model_;
+    model::volume &model_;
     // What careful users have written into each file, by the place of its entry.
-    std::map<place, byte_string> written_;
+    std::map<location, bytes> written_;
     mood mood_ = MOODS[0];
     std::deque<std::string> story_;
     std::set<std::uint32_t> seen_; // directories read, by their first cluster
@@ -922,7 +848,7 @@ private:
 
 } // namespace
 
-TEST_P(RandomOperations, AgreeWithThePlainModelAfterEveryCall) {
+TEST_P(RandomOperations, AgreeWithTheReferenceModelAfterEveryCall) {
     tally done;
     for (std::uint32_t i = 0; i < VOLUMES; i++) {
         ASSERT_NO_FATAL_FAILURE(operate(seed_of(GetParam()) + i, &done));

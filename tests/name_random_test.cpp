@@ -1,4 +1,4 @@
-// Short names against the second account of them: names of all kinds, directories full of tails.
+// Short names against the reference model: names of all kinds, directories full of tails.
 
 #include "tests/support/names.h"
 #include "tests/support/volume.h"
@@ -115,9 +115,9 @@ TEST(NamesAtRandom, BecomeTheShortNamesThatTheyShould) {
     u32 mixed = 0;
     for (u32 i = 0; i < 60000; i++) {
         const std::string name = any_name(&random);
-        const name_model::short_form form = name_model::to_short(name);
+        const model::short_form form = model::to_short(name);
         said.clear();
-        ASSERT_EQ(to_short(name), form) << i << ": " << name_model::shown_bytes(name);
+        ASSERT_EQ(to_short(name), form) << i << ": " << model::shown_bytes(name);
         ASSERT_FALSE(testing::Test::HasFailure());
         ASSERT_EQ(said.text(),
                   form.result == 0 ? "" : "convert_cstring_to_dosname[N]: zero length string!\n\n");
@@ -137,10 +137,10 @@ TEST(NamesAtRandom, OfOneAndTwoBytesAreAllTried) {
     diagnostics said;
     for (int first = 1; first < 256; first++) {
         const std::string one(1, static_cast<char>(first));
-        ASSERT_EQ(to_short(one), name_model::to_short(one)) << first;
+        ASSERT_EQ(to_short(one), model::to_short(one)) << first;
         for (int second = 1; second < 256; second++) {
             const std::string two = one + static_cast<char>(second);
-            ASSERT_EQ(to_short(two), name_model::to_short(two)) << first << ", " << second;
+            ASSERT_EQ(to_short(two), model::to_short(two)) << first << ", " << second;
         }
     }
 }
@@ -154,8 +154,8 @@ TEST(NamesAtRandom, FillTheRecordsThatTheyShould) {
     for (u32 i = 0; i < 30000; i++) {
         const std::string name = any_name(&random);
         sv->long_name = random.one_in(4) ? 0 : 1;
-        const name_model::record expected = name_model::to_record(name, sv->long_name == 1);
-        ASSERT_EQ(to_record(name, &said), expected) << i << ": " << name_model::shown_bytes(name);
+        const model::name_record expected = model::to_record(name, sv->long_name == 1);
+        ASSERT_EQ(to_record(name, &said), expected) << i << ": " << model::shown_bytes(name);
         ASSERT_FALSE(testing::Test::HasFailure());
         long_names += expected.units ? 1 : 0;
         refused += expected.result != 0 ? 1 : 0;
@@ -175,9 +175,9 @@ TEST(NamesAtRandom, AreRefusedAsTheyShould) {
                    letters(&random, 6, " ") + letters(&random, 1, "x.");
         }
         said.clear();
-        const bool is_refused = name_model::is_refused(name);
+        const bool is_refused = model::is_refused(name);
         ASSERT_EQ(verify_valid_name(name.c_str()), is_refused ? -EINVAL : 0)
-            << name_model::shown_bytes(name);
+            << model::shown_bytes(name);
         ASSERT_EQ(said.text(), is_refused ? "verify_valid_name[N]: Check here!\n\n" : "");
         refused += is_refused ? 1 : 0;
     }
@@ -190,8 +190,8 @@ TEST(StoredNamesAtRandom, AreShownAsTheyShould) {
         const std::string dos = any_dos_name(&random);
         const u32 lcase = random.below(256);
         // A zero byte ends what is shown, as it ends every string.
-        const std::string shown = name_model::to_text(dos, lcase);
-        ASSERT_EQ(to_text(dos, lcase), shown.c_str()) << name_model::shown_bytes(dos) << lcase;
+        const std::string shown = model::to_text(dos, lcase);
+        ASSERT_EQ(to_text(dos, lcase), shown.c_str()) << model::shown_bytes(dos) << lcase;
     }
 }
 
@@ -203,12 +203,12 @@ TEST(StoredNamesAtRandom, ComeBackFromAFaithfulName) {
     u32 faithful = 0;
     for (u32 i = 0; i < 30000; i++) {
         const std::string name = any_name(&random);
-        const name_model::record made = to_record(name, &said);
+        const model::name_record made = to_record(name, &said);
         if (made.result != 0 || made.units || made.dos[0] == '\x05') {
             continue;
         }
         faithful++;
-        ASSERT_EQ(to_text(made.dos, made.lcase), made.left) << name_model::shown_bytes(name);
+        ASSERT_EQ(to_text(made.dos, made.lcase), made.left) << model::shown_bytes(name);
     }
     EXPECT_GT(faithful, 3000U);
 }
@@ -217,8 +217,7 @@ TEST(StoredNamesAtRandom, HaveTheChecksumThatTheyShould) {
     chance random(20231105);
     for (u32 i = 0; i < 30000; i++) {
         const std::string dos = any_dos_name(&random);
-        ASSERT_EQ(checksum_by_library(dos), name_model::checksum(dos))
-            << name_model::shown_bytes(dos);
+        ASSERT_EQ(checksum_by_library(dos), model::checksum_of(dos)) << model::shown_bytes(dos);
     }
 }
 
@@ -246,7 +245,7 @@ std::string tailed_name(chance *random, const std::string &near) {
 // The name that the stem has with a tail.
 std::string name_with_tail(const std::string &near, u32 tail) {
     const std::string number = std::to_string(tail);
-    return name_model::padded(near.substr(0, 7 - number.size()) + "~" + number, 11);
+    return model::padded(near.substr(0, 7 - number.size()) + "~" + number, 11);
 }
 
 entry_image any_entry(chance *random, const std::string &near) {
@@ -269,7 +268,7 @@ entry_image any_entry(chance *random, const std::string &near) {
 std::string short_name_of_stem(chance *random) {
     const std::string base =
         random->of("AB") + letters(random, 7, random->one_in(2) ? "AB~1" : "AB");
-    return name_model::padded(base, 8) + "TX ";
+    return model::padded(base, 8) + "TX ";
 }
 
 struct tail_tally {
@@ -282,7 +281,7 @@ void try_tails(chance *random, directory *dir, diagnostics *said, tail_tally *ta
     const u32 used = random->below(dir->capacity() + 1);
     constexpr u32 GAPS[] = {1, 3, 20, 1000};
     const u32 gap = GAPS[random->below(4)]; // one entry in so many is none of the run of tails
-    std::vector<std::string> entries;
+    std::vector<entry_image> entries;
     for (u32 i = 0; i < dir->capacity(); i++) {
         entry_image entry = {};
         if (i < used) {
@@ -290,16 +289,16 @@ void try_tails(chance *random, directory *dir, diagnostics *said, tail_tally *ta
                                         : short_entry(name_with_tail(near, i + 1));
         }
         dir->put(i, entry);
-        entries.emplace_back(entry.begin(), entry.end());
+        entries.push_back(entry);
     }
     for (u32 i = 0; i < 6; i++) {
         const std::string dos = i < 3 ? near : short_name_of_stem(random);
-        const u32 expected = name_model::free_tail(entries, dos);
+        const u32 expected = model::free_tail(entries, dos);
         ASSERT_NE(expected, 0U);
         dos_block block(dos);
         said->clear();
         ASSERT_EQ(add_numeric_tail(&dir->record, block.get()), 0);
-        ASSERT_EQ(block.text(), name_model::with_tail(dos, expected)) << dos;
+        ASSERT_EQ(block.text(), model::with_tail(dos, expected)) << dos;
         tally->largest = std::max(tally->largest, expected);
         tally->behind_first += expected > 1 ? 1 : 0;
     }
@@ -332,7 +331,7 @@ TEST(TailsAtRandom, FollowEachOtherUntilTheDirectoryIsFull) {
     for (u32 i = 0; i < 1023; i++) {
         dos_block block("LONGFILETXT");
         ASSERT_EQ(add_numeric_tail(&dir.record, block.get()), 0);
-        ASSERT_EQ(block.text(), name_model::with_tail("LONGFILETXT", i + 1));
+        ASSERT_EQ(block.text(), model::with_tail("LONGFILETXT", i + 1));
         dir.append(short_entry(block.text()));
     }
     dos_block block("LONGFILETXT");

@@ -21,7 +21,7 @@ std::string number(u32 value) {
 
 // "FOO", 12 -> "FOO~12     ".
 std::string tailed(const std::string &prefix, u32 tail) {
-    return name_model::padded(prefix + "~" + number(tail), 11);
+    return model::padded(prefix + "~" + number(tail), 11);
 }
 
 // ---- append_tail ------------------------------------------------------------------------------
@@ -66,8 +66,8 @@ struct answer {
     bool operator==(const answer &) const = default;
 };
 std::ostream &operator<<(std::ostream &out, const answer &a) {
-    return out << "{" << a.result << ", " << name_model::shown_bytes(a.dos) << ", "
-               << name_model::shown_bytes(a.said) << "}";
+    return out << "{" << a.result << ", " << model::shown_bytes(a.dos) << ", "
+               << model::shown_bytes(a.said) << "}";
 }
 
 answer ask(directory *dir, const std::string &dos, diagnostics *said) {
@@ -92,7 +92,7 @@ protected:
     }
     void append_files(const std::vector<std::string> &names) {
         for (const std::string &name : names) {
-            dir.append(short_entry(name_model::padded(name, 11)));
+            dir.append(short_entry(model::padded(name, 11)));
         }
     }
 
@@ -171,10 +171,9 @@ TEST_F(AppendTail, RefusesALargerTail) {
 
 TEST_F(AppendTail, EveryTailOnABaseOfEveryLength) {
     for (std::size_t length = 0; length <= 8; length++) {
-        const std::string dos =
-            name_model::padded(std::string("ABCDEFGH").substr(0, length), 8) + "EXT";
+        const std::string dos = model::padded(std::string("ABCDEFGH").substr(0, length), 8) + "EXT";
         for (u32 tail = 0; tail <= 1024; tail++) {
-            ASSERT_EQ(append(dos, tail), name_model::with_tail(dos, tail));
+            ASSERT_EQ(append(dos, tail), model::with_tail(dos, tail));
         }
     }
 }
@@ -191,7 +190,7 @@ TEST_P(AddNumericTailAnywhere, EveryEntryOfTheDirectoryCounts) {
         dir.put(i, short_entry(tailed("A", i + 1)));
     }
     EXPECT_EQ(ask(&dir, "A       TXT", &said),
-              chosen(name_model::with_tail("A       TXT", entries + 1)));
+              chosen(model::with_tail("A       TXT", entries + 1)));
 }
 
 TEST_P(AddNumericTailAnywhere, TheLastEntryCountsWhenEverythingBeforeItIsDeleted) {
@@ -426,7 +425,7 @@ TEST_F(AllTails, TakenButOneLeaveThatOne) {
     for (const u32 absent :
          {1U, 2U, 31U, 32U, 33U, 63U, 64U, 511U, 512U, 991U, 992U, 1022U, 1023U}) {
         take_all_but(absent);
-        EXPECT_EQ(ask_large("LONGFILETXT"), chosen(name_model::with_tail("LONGFILETXT", absent)));
+        EXPECT_EQ(ask_large("LONGFILETXT"), chosen(model::with_tail("LONGFILETXT", absent)));
     }
 }
 

@@ -12,8 +12,8 @@
 
 using namespace fat;
 using namespace testing_support;
-using name_model::record;
-using name_model::short_form;
+using record = model::name_record;
+using model::short_form;
 
 namespace {
 
@@ -27,7 +27,7 @@ short_form lossy(const std::string &left, const std::string &dos, unsigned case_
     return {0, left, dos, case_byte, true};
 }
 
-std::vector<u16> units_of(std::string_view text) {
+std::u16string units_of(std::string_view text) {
     return {text.begin(), text.end()};
 }
 
@@ -247,7 +247,7 @@ TEST_F(ConvertCstringToDosname, EveryOtherCharacterIsKept) {
     for (int c = 1; c < 256; c++) {
         const char character = static_cast<char>(c);
         if (std::string(" .+,;=[]").find(character) != std::string::npos ||
-            name_model::is_upper(character) || name_model::is_lower(character)) {
+            model::is_upper(character) || model::is_lower(character)) {
             continue;
         }
         const std::string name = std::string("0") + character + "." + character;
@@ -433,7 +433,7 @@ TEST_F(ConvertName, TheLastThreeOutputsNeedNotBeAskedFor) {
     EXPECT_EQ(convert_name(string.get(), &name.dosName, &name.unicode, nullptr, nullptr, nullptr),
               0);
     EXPECT_EQ(std::string(name.dosName, name.dosName + 11), "README     ");
-    EXPECT_EQ(std::vector<u16>(name.unicode, name.unicode + 8),
+    EXPECT_EQ(std::u16string(name.unicode, name.unicode + 8),
               units_of(std::string_view("Read Me\0", 8)));
     release_name(&name);
 }
@@ -648,7 +648,7 @@ TEST_F(EntryType, OfEveryFirstByteAndAttributeByte) {
         for (unsigned attr = 0; attr < 256; attr++) {
             entry_image entry = short_entry("?          ", static_cast<u8>(attr));
             entry[0] = static_cast<u8>(first);
-            const unsigned type = name_model::kind(first, attr);
+            const unsigned type = model::kind(first, attr);
             ASSERT_EQ(entry_type(entry.data()), type) << first << ", " << attr;
             if (type == 6) {
                 expected += "entry_type[N]: Unknown entry type: " + std::to_string(attr) + "\n\n";

@@ -146,7 +146,8 @@ protected:
         EXPECT_EQ(run({"cp", "--sparse=always", image_, copy}).status, 0);
         std::fstream stream(copy, std::ios::binary | std::ios::in | std::ios::out);
         const bytes fat = first_fat();
-        stream.seekp(static_cast<std::streamoff>(now.areas.fat + fat.size()));
+        stream.seekp(static_cast<std::streamoff>(std::uint64_t{sv->fat_start} * sv->sector_size +
+                                                 fat.size()));
         stream.write(reinterpret_cast<const char *>(fat.data()),
                      static_cast<std::streamsize>(fat.size()));
         for (const std::uint64_t slot : now.orphan_slots) {
@@ -170,9 +171,9 @@ private:
     static std::string shown(const std::string &path) {
         std::string result;
         for (const std::string &name : components_of(path)) {
-            const name_model::record r = name_model::to_record(name, GetParam().long_names);
+            const model::name_record r = model::to_record(name, GetParam().long_names);
             result = path_in(result, r.units ? std::string(r.units->begin(), r.units->end())
-                                             : name_model::to_text(r.dos, r.lcase));
+                                             : model::to_text(r.dos, r.lcase));
         }
         return result;
     }
@@ -243,8 +244,8 @@ private:
                            "  Auto-removing label.\n";
         if (const std::size_t lost = now.lost.size(); lost > 0) {
             text += "Reclaimed " + std::to_string(lost) + " unused cluster" +
-                    (lost > 1 ? "s" : "") + " (" + std::to_string(lost * now.areas.cluster_bytes) +
-                    " bytes).\n";
+                    (lost > 1 ? "s" : "") + " (" +
+                    std::to_string(lost * now.areas.cluster_bytes()) + " bytes).\n";
         }
         if (now.areas.width == 32) {
             text += "Free cluster summary uninitialized (should be " +

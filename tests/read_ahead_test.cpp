@@ -4,7 +4,7 @@
 #include "tests/support/capture.h"
 #include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
-#include "tests/support/plain_walk.h"
+#include "tests/support/reference.h"
 #include "tests/support/volume.h"
 
 #include <gtest/gtest.h>
@@ -81,17 +81,17 @@ protected:
         said.clear();
         return a;
     }
-    // The sector of cluster `links` links behind the first, by the library and by a plain walk.
+    // The sector of cluster `links` links behind the first, by the library and by the model.
     answer place(u32 links) {
         u32 sector = 0;
         const int result = get_phy_sector(5, links * sv->sec_per_clus, &sector);
         return heard(result < 0 ? result : std::int64_t{sector});
     }
-    answer plain_place(u32 links) {
-        plain_walk plain(&v);
+    answer expected_place(u32 links) {
+        auto volume = reference_of<model::chains>(&v.disk);
         u32 sector = 0;
-        const int result = plain.phy_sector(5, links * sv->sec_per_clus, &sector);
-        return {result < 0 ? result : std::int64_t{sector}, plain.said};
+        const int result = volume.locate(5, links * sv->sec_per_clus, &sector);
+        return {result < 0 ? result : std::int64_t{sector}, volume.printed};
     }
     [[nodiscard]] bool has_read_together() const {
         return std::any_of(v.disk.log.begin(), v.disk.log.end(),
@@ -120,10 +120,11 @@ TEST_P(ReadAhead, BadFatSectorMattersOnlyWhenTheChainLeadsThroughIt) {
         for (u32 bad = 0; bad < 13; bad++) {
             v.disk.bad_sectors = {sv->fat_start + bad};
             for (u32 links = 1; links < clusters.size(); links += per_fat_sector() / 2) {
-                ASSERT_EQ(place(links), plain_place(links)) << "bad " << bad << ", links " << links;
+                ASSERT_EQ(place(links), expected_place(links))
+                    << "bad " << bad << ", links " << links;
             }
             const u32 all = static_cast<u32>(clusters.size()) - 1;
-            ASSERT_EQ(place(all), plain_place(all)) << "bad " << bad;
+            ASSERT_EQ(place(all), expected_place(all)) << "bad " << bad;
         }
     }
     EXPECT_TRUE(has_read_together());
@@ -141,8 +142,9 @@ TEST_P(ReadAhead, SearchForAFreeClusterStopsAtABadFatSectorOnlyWhenItGetsThere) 
             answer_now = how;
             for (u32 bad = 0; bad < 14; bad++) {
                 v.disk.bad_sectors = {sv->fat_start + bad};
-                plain_walk plain(&v);
-                const answer expected{plain.free_clus(2, last), plain.said};
+                auto volume = reference_of<model::chains>(&v.disk);
+                const int free_cluster = volume.find_free(2, last);
+                const answer expected{free_cluster, volume.printed};
                 ASSERT_EQ(heard(fat_free_clus(2, last)), expected) << "bad " << bad;
             }
         }
@@ -166,7 +168,7 @@ TEST_P(ReadAhead, NothingBehindTheFatIsRead) {
 TEST_P(ReadAhead, FatOfAWrongSizeIsFollowedAllTheSame) {
     const std::vector<u32> clusters = straight_chain(13);
     const u32 all = static_cast<u32>(clusters.size()) - 1;
-    const answer expected = plain_place(all);
+    const answer expected = expected_place(all);
     for (const u32 size : {0U, 1U, 7U, 0xFFFFFFFFU}) {
         sv->fat_size = size;
         ASSERT_EQ(place(all), expected) << size << " sectors";
@@ -179,7 +181,7 @@ TEST_P(ReadAhead, FatOfAWrongSizeIsFollowedAllTheSame) {
 TEST_P(ReadAhead, LongerWindowsAreNotNeeded) {
     const std::vector<u32> clusters = straight_chain(13);
     const u32 all = static_cast<u32>(clusters.size()) - 1;
-    const answer expected = plain_place(all);
+    const answer expected = expected_place(all);
     const answer no_window = {-EINVAL, "fat_read_entry[N]: cannot allocate FAT\n\n"
                                        "get_phy_sector[N]: invalid value -12\n"};
     at_every_fault({EVERY_ALLOCATION, NO_ALLOCATION_FROM}, [&](fault_step &step) {
@@ -347,10 +349,10 @@ protected:
         char name[] = "HERE";
         return heard(find_dentry_with_clu(base, name, nullptr));
     }
-    answer look_up_plainly(u32 base) {
-        plain_walk plain(&v);
-        const std::optional<int> found = plain.find(base, {"HERE", "HERE       ", u""});
-        return {found.value_or(-ENOENT), plain.said};
+    answer expected_look_up(u32 base) {
+        auto volume = reference_of<model::directories>(&v.disk);
+        const std::optional<int> found = volume.find(base, "HERE       ", std::nullopt);
+        return {found.value_or(-ENOENT), volume.printed};
     }
     void expect_equal_lookups(const directory &dir) {
         const u32 sectors = static_cast<u32>(dir.sectors.size());
@@ -358,7 +360,7 @@ protected:
             put_name(dir, home);
             for (u32 bad = 0; bad < sectors; bad++) {
                 v.disk.bad_sectors = {dir.sectors[bad]};
-                ASSERT_EQ(look_up(dir.base()), look_up_plainly(dir.base()))
+                ASSERT_EQ(look_up(dir.base()), expected_look_up(dir.base()))
                     << "name in sector " << home << ", bad " << bad;
             }
         }
@@ -417,7 +419,7 @@ TEST_P(ReadAheadInADirectory, SectorThatDoesNotComeIsUnusedToAWalkOverAnOpenDire
 TEST_P(ReadAheadInADirectory, LongerWindowsAreNotNeeded) {
     const directory dir = v.sub_directory({5, 6, 7});
     put_name(dir, static_cast<u32>(dir.sectors.size()) - 1);
-    const answer expected = look_up_plainly(5);
+    const answer expected = expected_look_up(5);
     at_every_fault({EVERY_ALLOCATION}, [&](fault_step &step) {
         const answer a = step.run([&] { return look_up(5); });
         if (a.result >= 0) {

@@ -5,6 +5,7 @@
 
 #include "fat/internal.h"
 #include "tests/support/files.h"
+#include "tests/support/reference.h"
 #include "tests/support/survey.h"
 
 #include <algorithm>
@@ -117,18 +118,6 @@ inline std::pair<int, bytes> content_by_library(const std::string &path, std::ui
 
 inline std::uint32_t cluster_bytes_of_open_volume() {
     return sv->sec_per_clus * sv->sector_size;
-}
-inline volume_areas areas_of_open_volume() {
-    volume_areas areas;
-    areas.width = sv->fat_type;
-    areas.cluster_bytes = cluster_bytes_of_open_volume();
-    areas.clusters = sv->num_clusters;
-    areas.fat = std::uint64_t{sv->fat_start} * sv->sector_size;
-    areas.root = std::uint64_t{sv->rdir_start} * sv->sector_size;
-    areas.root_bytes = sv->fat_type == 16 ? (sv->data_start - sv->rdir_start) * sv->sector_size : 0;
-    areas.root_cluster = sv->root_clus;
-    areas.data = std::uint64_t{sv->data_start} * sv->sector_size;
-    return areas;
 }
 // Any bytes of it, in whole sectors through read_sectors.
 inline bytes read_bytes(std::uint64_t offset, std::size_t size) {

@@ -146,11 +146,10 @@ protected:
     }
     // Gives every cluster from `first` to `last` one value.
     void fill(std::uint32_t first, std::uint32_t last, std::uint32_t value) {
-        std::vector<std::uint8_t> bytes;
-        for (std::uint32_t cluster = first; cluster <= last; cluster++) {
-            for (std::uint32_t i = 0; i < sv->fat_type / 8; i++) {
-                bytes.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
-            }
+        const std::uint32_t width = sv->fat_type / 8;
+        std::vector<std::uint8_t> bytes(std::size_t{last - first + 1} * width);
+        for (std::size_t at = 0; at < bytes.size(); at += width) {
+            model::put_field(&bytes, at, width, value);
         }
         v.disk.poke(volume::fat_offset(first), bytes);
     }

@@ -24,12 +24,9 @@ public:
     // stay as they are.
     fat_picture &with(std::uint32_t cluster, std::uint32_t value) {
         const std::size_t at = std::size_t{cluster} * width_;
-        if (width_ == 4) {
-            value = (value & 0x0FFFFFFF) | static_cast<std::uint32_t>(bytes_[at + 3] & 0xF0) << 24;
-        }
-        for (std::size_t i = 0; i < width_; i++) {
-            bytes_.at(at + i) = static_cast<std::uint8_t>(value >> (8 * i));
-        }
+        const std::uint32_t kept = width_ == 4 ? 0xF0000000 : 0;
+        model::put_field(&bytes_, at, width_,
+                         (model::field_of(bytes_, at, width_) & kept) | (value & ~kept));
         return *this;
     }
 
@@ -38,11 +35,11 @@ public:
         const std::vector<std::uint8_t> now = all_copies();
         std::ostringstream found;
         for (std::size_t at = 0; at < bytes_.size(); at += width_) {
-            if (!std::equal(now.begin() + static_cast<std::ptrdiff_t>(at),
-                            now.begin() + static_cast<std::ptrdiff_t>(at + width_),
-                            bytes_.begin() + static_cast<std::ptrdiff_t>(at))) {
+            const std::uint32_t is = model::field_of(now, at, width_);
+            const std::uint32_t should_be = model::field_of(bytes_, at, width_);
+            if (is != should_be) {
                 found << "entry " << at % copy_bytes_ / width_ << " of copy " << at / copy_bytes_
-                      << " is " << value_in(now, at) << ", not " << value_in(bytes_, at) << "; ";
+                      << " is " << is << ", not " << should_be << "; ";
             }
         }
         return found.str();
@@ -51,14 +48,6 @@ public:
 private:
     [[nodiscard]] std::vector<std::uint8_t> all_copies() const {
         return of_->disk.peek(volume::fat_offset(0), 2 * copy_bytes_);
-    }
-    [[nodiscard]] std::uint32_t value_in(const std::vector<std::uint8_t> &bytes,
-                                         std::size_t at) const {
-        std::uint32_t value = 0;
-        for (std::size_t i = width_; i-- > 0;) {
-            value = value << 8 | bytes[at + i];
-        }
-        return value;
     }
 
     volume *of_;

@@ -15,7 +15,7 @@
 
 namespace testing_support {
 
-using bytes = std::vector<std::uint8_t>;
+using model::bytes;
 
 // Bytes without a pattern that a wrong offset could hit; none of them is zero.
 inline bytes some_bytes(std::size_t size, std::uint32_t seed = 1) {
@@ -126,9 +126,7 @@ public:
             if (value_of(cluster) != 0 || left_free.contains(cluster)) {
                 continue;
             }
-            for (std::uint32_t i = 0; i < width; i++) {
-                table[cluster * width + i] = static_cast<std::uint8_t>(end_mark() >> (8 * i));
-            }
+            model::put_field(&table, cluster * width, width, end_mark());
         }
         disk.poke(fat_offset(0), table);
     }
@@ -137,10 +135,7 @@ public:
         const bytes table = fat_copy(0);
         std::uint32_t result = 0;
         for (std::uint32_t cluster = 2; cluster <= last_cluster(); cluster++) {
-            std::uint32_t value = 0;
-            for (std::uint32_t i = width; i-- > 0;) {
-                value = value << 8 | table[cluster * width + i];
-            }
+            const std::uint32_t value = model::field_of(table, cluster * width, width);
             result += (value & 0x0FFFFFFF) == 0 ? 1 : 0;
         }
         return result;
@@ -154,20 +149,9 @@ private:
     }
 };
 
-// Fields of an entry image.
-inline std::uint32_t field_of(const entry_image &entry, std::size_t offset, std::size_t size) {
-    std::uint32_t value = 0;
-    for (std::size_t i = size; i-- > 0;) {
-        value = value << 8 | entry.at(offset + i);
-    }
-    return value;
-}
-inline std::uint32_t size_of(const entry_image &entry) {
-    return field_of(entry, 28, 4);
-}
-inline std::uint32_t start_of(const entry_image &entry) {
-    return field_of(entry, 20, 2) << 16 | field_of(entry, 26, 2);
-}
+using model::field_of;
+using model::size_of;
+using model::start_of;
 
 // What a call came to: its result, what it left in errno, what it printed.
 struct outcome {

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "fat/internal.h"
-#include "tests/name_model.h"
+#include "tests/model/names.h"
 #include "tests/support/capture.h"
 
 #include <cstring>
@@ -53,13 +53,13 @@ private:
 };
 
 // convert_cstring_to_dosname() with every output asked for.
-inline name_model::short_form to_short(const std::string &name) {
+inline model::short_form to_short(const std::string &name) {
     constexpr fat::u8 UNTOUCHED = 0x55; // no combination of case bits
     caller_string string(name);
     dos_block dos;
     fat::u8 case_byte = UNTOUCHED;
     fat::u32 lossy = UNTOUCHED;
-    name_model::short_form form;
+    model::short_form form;
     form.result = fat::convert_cstring_to_dosname(string.get(), dos.get(), &case_byte, &lossy);
     form.left = string.text();
     if (form.result != 0) {
@@ -75,12 +75,12 @@ inline name_model::short_form to_short(const std::string &name) {
 }
 
 // get_fatnames() into a record that held something else before.
-inline name_model::record to_record(const std::string &name, diagnostics *said) {
+inline model::name_record to_record(const std::string &name, diagnostics *said) {
     caller_string string(name);
     fat::fat_name record;
     std::memset(&record, 0x55, sizeof record);
     said->clear();
-    name_model::record result;
+    model::name_record result;
     result.result = fat::get_fatnames(string.get(), &record);
     result.said = said->text();
     result.left = string.text();

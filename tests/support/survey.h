@@ -3,7 +3,7 @@
 
 #pragma once
 
-#include "tests/name_model.h"
+#include "tests/model/medium.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -15,18 +15,6 @@
 #include <vector>
 
 namespace testing_support {
-
-// Where the areas lie, in bytes.
-struct volume_areas {
-    std::uint32_t width = 16; // bits of a FAT entry
-    std::uint32_t cluster_bytes = 0;
-    std::uint32_t clusters = 0;
-    std::uint64_t fat = 0;          // the first copy
-    std::uint64_t root = 0;         // FAT16: the root area
-    std::uint32_t root_bytes = 0;   // FAT16: its size
-    std::uint32_t root_cluster = 0; // FAT32
-    std::uint64_t data = 0;         // cluster 2
-};
 
 enum class chain_end { whole, none, start_is_free, runs_into_free, broken };
 
@@ -45,9 +33,8 @@ struct surveyed_entry {
 
 class survey {
 public:
-    using reader = std::function<std::vector<std::uint8_t>(std::uint64_t offset, std::size_t size)>;
-
-    survey(const volume_areas &areas_of_it, const reader &read) : areas(areas_of_it), read_(read) {
+    survey(const model::areas &areas_of_it, const model::medium::reader &read)
+        : areas(areas_of_it), read_(read) {
         read_links();
         walk_all();
         for (std::uint32_t cluster = 2; cluster < areas.clusters + 2; cluster++) {
@@ -57,7 +44,7 @@ public:
         }
     }
 
-    volume_areas areas;
+    model::areas areas;
     // By path, "SUB/INNER.TXT"; "" is the root directory. Long names where there are whole ones.
     std::map<std::string, surveyed_entry> entries;
     std::set<std::uint32_t> lost;              // in use, but of no chain
@@ -68,35 +55,24 @@ public:
     [[nodiscard]] std::uint32_t count_free() const {
         return static_cast<std::uint32_t>(
             std::count_if(links_.begin() + 2, links_.end(),
-                          [this](std::uint32_t link) { return (link & mask()) == 0; }));
+                          [this](std::uint32_t link) { return (link & areas.end_mark()) == 0; }));
     }
 
 private:
     struct slot {
-        std::vector<std::uint8_t> raw;
+        model::raw_entry raw;
         std::uint64_t at;
     };
 
-    [[nodiscard]] std::uint32_t mask() const {
-        return areas.width == 16 ? 0xFFFF : 0x0FFFFFFF;
-    }
     [[nodiscard]] std::uint32_t value_of(std::uint32_t cluster) const {
-        return links_.at(cluster) & mask();
-    }
-    static std::uint32_t number_in(const std::vector<std::uint8_t> &raw, std::size_t offset,
-                                   std::size_t size) {
-        std::uint32_t value = 0;
-        for (std::size_t i = size; i-- > 0;) {
-            value = value << 8 | raw.at(offset + i);
-        }
-        return value;
+        return links_.at(cluster) & areas.end_mark();
     }
     void read_links() {
         const std::size_t size = areas.width / 8;
         const std::vector<std::uint8_t> table =
-            read_(areas.fat, (std::size_t{areas.clusters} + 2) * size);
+            read_(byte_of(areas.fat_start), (std::size_t{areas.clusters} + 2) * size);
         for (std::size_t at = 0; at < table.size(); at += size) {
-            links_.push_back(number_in(table, at, size));
+            links_.push_back(model::field_of(table, at, size));
         }
         owners_.resize(links_.size());
     }
@@ -107,8 +83,7 @@ private:
         std::uint32_t cluster = start;
         entry->end = start == 0 ? chain_end::none : chain_end::whole;
         while (cluster != 0) {
-            const bool is_data = cluster >= 2 && cluster < areas.clusters + 2;
-            if (!is_data || entry->clusters.size() > areas.clusters) {
+            if (!areas.has_cluster(cluster) || entry->clusters.size() > areas.clusters) {
                 entry->end = chain_end::broken;
                 return;
             }
@@ -122,19 +97,22 @@ private:
             if (++owners_[cluster] > 1) {
                 shared.insert(cluster);
             }
-            cluster = next >= mask() - 7 ? 0 : next;
+            cluster = areas.is_end(next) ? 0 : next;
         }
     }
     std::vector<std::uint8_t> content_of(const std::vector<std::uint32_t> &clusters) {
         std::vector<std::uint8_t> result;
         for (const std::uint32_t cluster : clusters) {
-            const std::vector<std::uint8_t> more = read_(offset_of(cluster), areas.cluster_bytes);
+            const std::vector<std::uint8_t> more = read_(offset_of(cluster), areas.cluster_bytes());
             result.insert(result.end(), more.begin(), more.end());
         }
         return result;
     }
+    [[nodiscard]] std::uint64_t byte_of(std::uint32_t sector) const {
+        return std::uint64_t{sector} * areas.sector_bytes;
+    }
     [[nodiscard]] std::uint64_t offset_of(std::uint32_t cluster) const {
-        return areas.data + std::uint64_t{cluster - 2} * areas.cluster_bytes;
+        return byte_of(areas.first_sector_of(cluster));
     }
 
     // -- directories
@@ -156,17 +134,18 @@ private:
     std::vector<slot> slots_of(const surveyed_entry &dir, bool is_root) {
         std::vector<std::pair<std::uint64_t, std::size_t>> pieces;
         if (is_root && areas.width == 16) {
-            pieces.emplace_back(areas.root, areas.root_bytes);
+            pieces.emplace_back(byte_of(areas.root_start),
+                                byte_of(areas.data_start - areas.root_start));
         }
         for (const std::uint32_t cluster : dir.clusters) {
-            pieces.emplace_back(offset_of(cluster), areas.cluster_bytes);
+            pieces.emplace_back(offset_of(cluster), areas.cluster_bytes());
         }
         std::vector<slot> result;
         for (const auto &[offset, size] : pieces) {
             const std::vector<std::uint8_t> all = read_(offset, size);
             for (std::size_t at = 0; at < size; at += 32) {
-                const auto begin = all.begin() + static_cast<std::ptrdiff_t>(at);
-                result.push_back({{begin, begin + 32}, offset + at});
+                slot &s = result.emplace_back(slot{{}, offset + at});
+                std::copy_n(all.begin() + static_cast<std::ptrdiff_t>(at), 32, s.raw.begin());
             }
         }
         return result;
@@ -184,16 +163,16 @@ private:
                 }
                 continue;
             }
-            const unsigned kind = name_model::kind(s.raw[0], s.raw[11]);
-            used_slots += kind == 0 ? 0 : 1;
-            if (kind == 4) {
+            const model::entry_kind kind = model::kind(s.raw);
+            used_slots += kind == model::UNUSED ? 0 : 1;
+            if (kind == model::NAME_SLOT) {
                 run.push_back(s);
                 continue;
             }
-            const bool is_entry = kind == 2 || kind == 3;
+            const bool is_entry = model::is_short(s.raw);
             const std::string long_name = is_entry ? take_long_name(&run, s) : "";
             forget(&run);
-            has_ended = kind == 0;
+            has_ended = kind == model::UNUSED;
             has_dot = has_dot || (s.raw[0] == '.' && s.raw[1] == '.');
             if (is_entry && s.raw[0] != '.') {
                 add(before, s, long_name, subdirectories);
@@ -211,16 +190,15 @@ private:
     }
     // The long name in front of an entry; its slots are then no orphans.
     static std::string take_long_name(std::vector<slot> *run, const slot &entry) {
-        const unsigned checksum = name_model::checksum({entry.raw.begin(), entry.raw.begin() + 11});
-        constexpr std::size_t PLACES[13] = {1, 3, 5, 7, 9, 14, 16, 18, 20, 22, 24, 28, 30};
+        const unsigned checksum = model::checksum_of(model::dos_name_of(entry.raw));
         std::string name;
         for (unsigned ordinal = 1; ordinal <= run->size(); ordinal++) {
-            const std::vector<std::uint8_t> &raw = (*run)[run->size() - ordinal].raw;
+            const model::raw_entry &raw = (*run)[run->size() - ordinal].raw;
             if ((raw[0] & 0x3F) != ordinal || raw[13] != checksum) {
                 return "";
             }
-            for (const std::size_t place : PLACES) {
-                const std::uint32_t unit = number_in(raw, place, 2);
+            for (const std::size_t place : model::UNIT_OFFSETS) {
+                const std::uint32_t unit = model::field_of(raw, place, 2);
                 if (unit != 0 && unit != 0xFFFF) {
                     name += static_cast<char>(unit);
                 }
@@ -238,9 +216,9 @@ private:
         entry.is_directory = (s.raw[11] & 0x10) != 0;
         entry.is_link = s.raw[13] == 0xE2;
         entry.has_long_name = !long_name.empty();
-        entry.short_name = name_model::to_text({s.raw.begin(), s.raw.begin() + 11}, s.raw[12]);
-        entry.size = number_in(s.raw, 28, 4);
-        follow(number_in(s.raw, 20, 2) << 16 | number_in(s.raw, 26, 2), &entry);
+        entry.short_name = model::to_text(model::dos_name_of(s.raw), s.raw[12]);
+        entry.size = model::size_of(s.raw);
+        follow(model::start_of(s.raw), &entry);
         if (!entry.is_directory) {
             entry.content = content_of(entry.clusters);
             entry.content.resize(std::min<std::size_t>(entry.content.size(), entry.size));
@@ -252,7 +230,7 @@ private:
         }
     }
 
-    reader read_;
+    model::medium::reader read_;
     std::vector<std::uint32_t> links_;
     std::vector<std::uint32_t> owners_; // how many chains a cluster is part of
 };

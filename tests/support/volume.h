@@ -4,6 +4,7 @@
 #pragma once
 
 #include "fat/internal.h"
+#include "tests/model/names.h"
 #include "tests/support/ram_disk.h"
 
 #include <array>
@@ -68,80 +69,15 @@ inline std::string shape_name(const testing::TestParamInfo<volume_shape> &info) 
 
 // ---- directory entries ------------------------------------------------------------------------
 
-using entry_image = std::array<std::uint8_t, 32>;
+using entry_image = model::raw_entry;
+using model::checksum_of;
+using model::deleted;
+using model::long_slot;
+using model::long_slots;
+using model::short_entry;
 
 constexpr std::uint8_t READ_ONLY = 0x01, HIDDEN = 0x02, SYSTEM = 0x04, LABEL = 0x08,
                        DIRECTORY = 0x10, ARCHIVE = 0x20, SLOT = 0x0F;
-
-// A short entry. The name is the 11 bytes as they stand on the medium.
-inline entry_image short_entry(std::string_view dos, std::uint8_t attr = ARCHIVE,
-                               std::uint32_t start = 0, std::uint32_t size = 0) {
-    if (dos.size() != 11) {
-        throw std::logic_error("a short name has 11 bytes");
-    }
-    entry_image result = {};
-    std::copy(dos.begin(), dos.end(), result.begin());
-    result[11] = attr;
-    result[20] = static_cast<std::uint8_t>(start >> 16);
-    result[21] = static_cast<std::uint8_t>(start >> 24);
-    result[26] = static_cast<std::uint8_t>(start);
-    result[27] = static_cast<std::uint8_t>(start >> 8);
-    for (std::size_t i = 0; i < 4; i++) {
-        result[28 + i] = static_cast<std::uint8_t>(size >> (8 * i));
-    }
-    return result;
-}
-
-inline entry_image deleted(entry_image entry) {
-    entry[0] = 0xE5;
-    return entry;
-}
-
-// The checksum of a short name, rotated bit by bit.
-inline std::uint8_t checksum_of(std::string_view dos) {
-    unsigned sum = 0;
-    for (const char c : dos) {
-        const unsigned low_bit = sum % 2;
-        sum = sum / 2 + 128 * low_bit + static_cast<unsigned char>(c);
-        sum %= 256;
-    }
-    return static_cast<std::uint8_t>(sum);
-}
-
-// A long-name slot with `ordinal` as its first byte. Of fewer than 13 units the slot is filled up
-// with a terminator and 0xFFFF.
-inline entry_image long_slot(unsigned ordinal, std::u16string_view units, unsigned checksum) {
-    if (units.size() > 13) {
-        throw std::logic_error("a slot has 13 units");
-    }
-    constexpr std::size_t PLACES[13] = {1, 3, 5, 7, 9, 14, 16, 18, 20, 22, 24, 28, 30};
-    entry_image result = {};
-    result[0] = static_cast<std::uint8_t>(ordinal);
-    result[11] = SLOT;
-    result[13] = static_cast<std::uint8_t>(checksum);
-    std::u16string all(units);
-    if (all.size() < 13) {
-        all += u'\0';
-    }
-    all.resize(13, u'\xFFFF');
-    for (std::size_t i = 0; i < 13; i++) {
-        result[PLACES[i]] = static_cast<std::uint8_t>(all[i]);
-        result[PLACES[i] + 1] = static_cast<std::uint8_t>(all[i] >> 8);
-    }
-    return result;
-}
-
-// The slots of a long name as they stand in front of the short entry `dos`: the last one first.
-inline std::vector<entry_image> long_slots(std::u16string_view name, std::string_view dos) {
-    const std::size_t count = (name.size() + 12) / 13;
-    std::vector<entry_image> result;
-    for (std::size_t k = count; k >= 1; k--) {
-        const unsigned mark = k == count ? 0x40 : 0;
-        result.push_back(long_slot(static_cast<unsigned>(k) + mark, name.substr((k - 1) * 13, 13),
-                                   checksum_of(dos)));
-    }
-    return result;
-}
 
 // ---- the volume -------------------------------------------------------------------------------
 
@@ -178,14 +114,13 @@ public:
         return fat_offset(cluster) / sv->sector_size;
     }
     void set_link(std::uint32_t cluster, std::uint32_t value) {
-        std::vector<std::uint8_t> stored;
-        for (std::uint32_t i = 0; i < sv->fat_type / 8; i++) {
-            stored.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
-        }
+        std::vector<std::uint8_t> stored(sv->fat_type / 8);
+        model::put_field(&stored, 0, stored.size(), value);
         disk.poke(fat_offset(cluster), stored);
     }
     [[nodiscard]] std::uint32_t link(std::uint32_t cluster, std::uint32_t copy = 0) {
-        return number_at(fat_offset(cluster, copy), sv->fat_type / 8);
+        const std::size_t size = sv->fat_type / 8;
+        return model::field_of(disk.peek(fat_offset(cluster, copy), size), 0, size);
     }
     // Links the clusters one after another and ends the chain.
     void chain(const std::vector<std::uint32_t> &clusters) {
@@ -277,14 +212,6 @@ private:
         const std::uint64_t sectors =
             reserved + 2 * fat_sectors + root_sectors + (clusters + 1) * shape.sec_per_clus + 1;
         return sectors * shape.sector_size;
-    }
-    [[nodiscard]] std::uint32_t number_at(std::uint64_t offset, std::uint32_t size) {
-        const std::vector<std::uint8_t> stored = disk.peek(offset, size);
-        std::uint32_t value = 0;
-        for (std::size_t i = stored.size(); i-- > 0;) {
-            value = value << 8 | stored[i];
-        }
-        return value;
     }
     static void count_read(std::uint64_t sector,
                            std::vector<std::pair<std::uint64_t, int>> *counts) {

@@ -1,15 +1,23 @@
-// A second account of the shape of a volume, written plainly: divisions instead of shifts, one wide
-// signed type, nothing of the library. The tests hold the library against it.
+// Reference model: the layout of a volume.
+//
+// Models: the sizes that the formatter chooses for a target, with its refusals, and the areas
+// that a mount reads from a boot sector. Divisions instead of shifts, one wide type.
+//
+// Not modelled: the bytes that the formatter writes; command-line options and their defaults; open
+// entries, save that a mount of FAT32 counts the clusters of the root directory.
 
 #pragma once
+
+#include "tests/model/chain.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <ostream>
 #include <string>
 
-namespace testing_support {
+namespace model {
+
+// ---- formatting -------------------------------------------------------------------------------
 
 // What is asked of the formatter, every default filled in.
 struct asked {
@@ -21,10 +29,10 @@ struct asked {
     std::uint32_t fats = 2;
 };
 
-// What must come of it. Of a refused volume only `result` and `said` count.
-struct shape {
+// The volume that must come of it. Of a refused volume only `result` and `printed` matter.
+struct volume_layout {
     int result = 0;
-    std::string said; // the diagnostics, source lines as N
+    std::string printed; // diagnostics, source lines as N
     std::int64_t width = 0;
     std::int64_t reserved = 0;
     std::int64_t root_sectors = 0; // of the fixed area: 0 on FAT32
@@ -38,14 +46,14 @@ struct shape {
     }
 };
 
-class plain_calculation {
+class format_calculation {
 public:
-    plain_calculation(const asked &wish, std::uint64_t target_bytes, std::int64_t total)
+    format_calculation(const asked &wish, std::uint64_t target_bytes, std::int64_t total)
         : wish_(wish), target_(std::to_string(target_bytes)), total_(total),
           sector_(wish.sector_bytes), cluster_(std::int64_t{wish.cluster_sectors} * sector_) {}
 
     // The volume as it must come out.
-    shape decide() {
+    volume_layout decide() {
         find_page_unit();
         result_.total = total_;
         if (wish_.width != 32) {
@@ -82,7 +90,7 @@ private:
 
     void refuse(const std::string &message) {
         result_.result = -EINVAL;
-        result_.said += message;
+        result_.printed += message;
     }
 
     void find_page_unit() {
@@ -95,8 +103,8 @@ private:
             page_unit_ = larger / sector_;
             return;
         }
-        result_.said += "calc_fat_sectors[N]: Can't align to page size(" + cut(page) +
-                        "): Sector is " + cut(sector_) + "\n";
+        result_.printed += "calc_fat_sectors[N]: Can't align to page size(" + cut(page) +
+                           "): Sector is " + cut(sector_) + "\n";
     }
 
     // Whole pages, at least one; without alignment the sectors as they are.
@@ -202,7 +210,7 @@ private:
     std::int64_t data_before_fats_ = 0;
     std::int64_t data_ = 0;
     std::int64_t most_ = 0;
-    shape result_;
+    volume_layout result_;
 };
 
 // The sectors that the formatter uses of a target: whole ones, and an even number of them, counted
@@ -212,4 +220,91 @@ inline std::int64_t usable_sectors(std::uint64_t target_bytes, std::uint32_t sec
     return static_cast<std::int64_t>(whole - whole % 2);
 }
 
-} // namespace testing_support
+// ---- mounting ---------------------------------------------------------------------------------
+
+// A boot sector, read by a mount. Fields of more than 32 bits in sum are cut where they are stored.
+class mount_reader {
+public:
+    int result = 0;
+    std::string printed; // diagnostics, source lines as N
+    areas found;         // of a refused volume: as far as the mount came
+
+    // `width_before`: bits of a FAT entry of the volume that was mounted before, 0 for none.
+    mount_reader(const medium::reader &read, std::uint64_t target_bytes, std::uint32_t width_before)
+        : boot_(read(0, 512)) {
+        const char *const me = "fat_build_super";
+        if (number(510, 2) != 0xAA55) {
+            refuse("get_pbr_sector", "Invalid PBR signature\n\n");
+            refuse(me, "Cannot get PBR sector!\n\n");
+        } else if (!decode()) {
+            refuse(me, "PBR data is broken\n\n");
+        } else if (found.clusters < 4085) {
+            refuse(me, "NumCluster is over the limitation: clus(" + std::to_string(found.clusters) +
+                           "), FAT" + std::to_string(width_before) + "\n");
+        } else if (found.width == 16 &&
+                   number(17, 2) == 0) { // by its count, but without a root area
+            refuse(me, "PBR data is broken\n\n");
+        } else if (found.width == 32) {
+            open_root(read, target_bytes);
+        }
+    }
+
+private:
+    void refuse(const std::string &function, const std::string &message) {
+        result = -EINVAL;
+        printed += function + "[N]: " + message;
+    }
+    [[nodiscard]] std::uint64_t number(std::size_t offset, std::size_t size) const {
+        return field_of(boot_, offset, size);
+    }
+    static std::uint32_t low(std::uint64_t value) {
+        return static_cast<std::uint32_t>(value);
+    }
+
+    bool decode() {
+        const std::uint64_t sector_bytes = number(11, 2);
+        const std::uint64_t cluster = number(13, 1);
+        const bool is_short = number(22, 2) != 0; // 16-bit fields
+        const std::uint64_t fat = is_short ? number(22, 2) : number(36, 4);
+        const bool has_short_total = is_short && number(19, 2) != 0;
+        const std::uint64_t total = has_short_total ? number(19, 2) : number(32, 4);
+        const std::set<std::uint64_t> sizes = {512, 1024, 2048, 4096};
+        if (fat == 0 || !sizes.contains(sector_bytes) || cluster == 0) {
+            return false;
+        }
+        const std::uint64_t root = (number(17, 2) * 32 + sector_bytes - 1) / sector_bytes;
+        const std::uint64_t fats_end = number(14, 2) + number(16, 1) * fat;
+        if (fats_end + root > total) {
+            return false;
+        }
+        found.sector_bytes = low(sector_bytes);
+        found.cluster_sectors = low(cluster);
+        found.fat_sectors = low(fat);
+        found.total_sectors = low(total);
+        found.clusters = low((total - fats_end - root) / cluster);
+        found.width = found.clusters < 65525 ? 16 : 32;
+        found.fat_start = low(number(14, 2));
+        found.root_start = low(fats_end);
+        found.data_start = low(fats_end + root);
+        if (found.width == 32) {
+            found.root_cluster = low(number(44, 4));
+            found.root_start = found.first_sector_of(found.root_cluster);
+        }
+        return true;
+    }
+    // A root directory without a cluster opens, too.
+    void open_root(const medium::reader &read, std::uint64_t target_bytes) {
+        chains fat(found, read);
+        fat.sectors_of_target = target_bytes / found.sector_bytes;
+        std::uint32_t last = 0;
+        if (found.root_cluster != 0 && fat.count(found.root_cluster, &last) < 0) {
+            printed += fat.printed;
+            refuse("open_root_directory", "failed to set oentry!\n\n");
+            refuse("fat_build_super", "Cannot open root directory!\n\n");
+        }
+    }
+
+    bytes boot_;
+};
+
+} // namespace model
