@@ -299,7 +299,7 @@ const record_row WITHOUT_LONG_NAMES[] = {
 };
 
 record record_of(const record_row &row) {
-    const std::vector<u16> units = units_of(row.units);
+    const std::u16string units = units_of(row.units);
     return {
         0,         "",       row.left, row.dos, units.empty() ? std::nullopt : std::optional(units),
         row.lcase, row.lossy};
