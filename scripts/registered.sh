@@ -4,7 +4,7 @@
 # for STAGE.
 require_registered() {
     case $2 in
-    quick) stages=quick ;;
+    quick) stages='quick|only' ;;
     full) stages='quick|full' ;;
     deep) stages='quick|full|deep' ;;
     esac
