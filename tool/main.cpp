@@ -15,10 +15,10 @@ namespace {
 
 constexpr int EXIT_FAILED = -1; // exit status 255
 
-// If quorvel starts with a standard stream closed, the target would get its descriptor, and the result
-// line would be written into the target. A descriptor opened with O_PATH takes the number and refuses
-// every transfer, as a closed one does; "/" exists without /dev. The loop opens the lowest descriptors
-// first, so that open() returns the closed one.
+// If quorvel starts with a standard stream closed, the target would get its descriptor, and the
+// result line would be written into the target. A descriptor opened with O_PATH takes the number
+// and refuses every transfer, as a closed one does; "/" exists without /dev. The loop opens the
+// lowest descriptors first, so that open() returns the closed one.
 bool occupy_standard_descriptors() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++) {
         if (fcntl(fd, F_GETFD) < 0 && open("/", O_PATH | O_CLOEXEC) != fd) {
