@@ -137,8 +137,8 @@ TEST_P(QvolDamaged, AFileThatClaimsItsDirectoryIsNotRemoved) {
     set_start("FILE       ", cluster);
     EXPECT_EQ(qvol("rm", {"/dir/FILE"}),
               (outcome{1, "",
-                       "qvol: /dir/FILE: shares cluster " + std::to_string(cluster) +
-                           " with another; repair that first\n"}));
+                       "qvol: cannot remove /dir/FILE: shares cluster " + std::to_string(cluster) +
+                           " with another entry; repair the volume first\n"}));
     EXPECT_EQ(said("ls", {"/dir"}), "FILE\n");
 }
 
@@ -153,8 +153,8 @@ TEST_P(QvolDamaged, FilesThatShareTheirClustersAreNotRemoved) {
     set_start("TWO        ", cluster);
     EXPECT_EQ(qvol("rm", {"-r", "/twice"}),
               (outcome{1, "",
-                       "qvol: /twice/TWO: shares cluster " + std::to_string(cluster) +
-                           " with another; repair that first\n"}));
+                       "qvol: cannot remove /twice/TWO: shares cluster " + std::to_string(cluster) +
+                           " with another entry; repair the volume first\n"}));
     EXPECT_EQ(said("cat", {"/a"}), std::string(9000, 'a'));
 }
 

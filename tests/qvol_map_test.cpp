@@ -326,7 +326,7 @@ TEST_F(QvolMap, DrawsTheNameOfTheImageAsText) {
 TEST_F(QvolMap, ReplacesAPictureOnlyWhenForced) {
     const std::string path = host_file("there.svg", "mine");
     EXPECT_EQ(qvol("map", {"--svg", path}),
-              (outcome{1, "", "qvol: " + path + ": exists; --force replaces it\n"}));
+              (outcome{1, "", "qvol: cannot make " + path + ": exists; --force replaces it\n"}));
     EXPECT_EQ(text_of_file(path), "mine");
     EXPECT_EQ(qvol("map", {"--svg", path, "--force"}), (outcome{0, "made " + path + "\n", ""}));
     EXPECT_EQ(text_of_file(path).substr(0, 4), "<svg");

@@ -55,7 +55,7 @@ write_content cluster_content(volume &vol, const std::string &number) {
 
 // The bytes of a file or link, or the clusters of a directory.
 write_content entry_content(volume &vol, const std::string &path) {
-    const place where = resolve(vol, path);
+    const resolved_path where = resolve(vol, path);
     if (where.is_root() && where.parent.start() == directory::ROOT) {
         return [](const write_piece &put) {
             dump_sectors(sv->rdir_start, sv->data_start - sv->rdir_start, put);

@@ -75,7 +75,7 @@ fast_path fast_path_of(const volume &vol, const name_path &path, const entry &fi
 // The library's own walk over a directory leaves out its last file where no entry is free, and
 // makes other check values where names are long: each file is asked for on its own.
 std::vector<fast_path> list_directory(volume &vol, const std::string &path) {
-    const place where = resolve(vol, path);
+    const resolved_path where = resolve(vol, path);
     if (!where.is_directory()) {
         throw error(shown_path(vol.names(), where.path) + ": not a directory");
     }
@@ -94,7 +94,7 @@ std::vector<fast_path> list_directory(volume &vol, const std::string &path) {
 std::vector<fast_path> list_files(volume &vol, const std::vector<std::string> &paths) {
     std::vector<fast_path> list;
     for (const std::string &path : paths) {
-        const place where = resolve(vol, path);
+        const resolved_path where = resolve(vol, path);
         if (where.is_directory()) {
             throw error(shown_path(vol.names(), where.path) +
                         ": is a directory; --dir gives the paths of the files in it");

@@ -19,7 +19,7 @@ class tree_printer {
 public:
     tree_printer(volume &vol, const output &out) : vol_(vol), out_(out) {}
 
-    void print(const place &top) {
+    void print(const resolved_path &top) {
         if (!top.is_directory()) {
             throw error(shown_path(vol_.names(), top.path) + ": not a directory");
         }
@@ -80,7 +80,7 @@ class tree_document {
 public:
     explicit tree_document(volume &vol) : vol_(vol) {}
 
-    [[nodiscard]] json of(const place &top) {
+    [[nodiscard]] json of(const resolved_path &top) {
         tree_visitor visitor;
         visitor.visit = [this](const name_path &path, const entry &found, bool) {
             return add(path, found);
@@ -131,7 +131,7 @@ private:
 
 int run_tree(const common_options &common, const tree_options &options) {
     return with_volume(common, access::READ, [&](volume &vol) {
-        const place top = resolve(vol, options.path);
+        const resolved_path top = resolve(vol, options.path);
         if (!common.out.is_json) {
             tree_printer printer(vol, common.out);
             printer.print(top);

@@ -15,7 +15,7 @@ namespace {
 int make_reserved(const common_options &common, const reserved_file &file) {
     return with_volume(common, access::WRITE, [&](volume &vol) {
         make_reserved_file(vol, file);
-        const place where = resolve(vol, fmt::format("/{}", file.name));
+        const resolved_path where = resolve(vol, fmt::format("/{}", file.name));
         common.out.remark(fmt::format("made /{}, {}", file.name, shown_size(where.found->size())));
         if (common.out.is_json) {
             common.out.document({{"made", entry_json(vol, where.path, *where.found)}});
