@@ -104,24 +104,24 @@ using contradictions = std::vector<contradiction>;
 void compare_sizes(const boot_numbers &boot, contradictions *found) {
     if (boot.total_16 != 0 && boot.total_32 != 0 && boot.total_16 != boot.total_32) {
         found->push_back(
-            {contradicted::FIELDS,
+            {contradiction_kind::FIELDS,
              fmt::format("the 16-bit total is {} sectors, the 32-bit total {}; both have to be "
                          "equal, or one of them 0",
                          boot.total_16, boot.total_32)});
     }
     if (!std::has_single_bit(boot.cluster_sectors)) {
-        found->push_back(
-            {contradicted::FIELDS, fmt::format("a cluster has {} sectors, should be a power of two",
-                                               boot.cluster_sectors)});
+        found->push_back({contradiction_kind::FIELDS,
+                          fmt::format("a cluster has {} sectors, should be a power of two",
+                                      boot.cluster_sectors)});
     }
     if (boot.reserved == 0) {
-        found->push_back({contradicted::FIELDS,
+        found->push_back({contradiction_kind::FIELDS,
                           "the volume has 0 reserved sectors, should be at least 1 for the boot "
                           "sector"});
     }
     if (boot.fat_copies == 0) {
         found->push_back(
-            {contradicted::FIELDS, "the volume has 0 FAT copies, should be at least 1"});
+            {contradiction_kind::FIELDS, "the volume has 0 FAT copies, should be at least 1"});
     }
 }
 
@@ -130,9 +130,9 @@ void compare_fat_size(contradictions *found) {
     const u64 entries = u64{sv->fat_size} * sv->sector_size / entry_bytes;
     const u64 wanted = u64{sv->num_clusters} + fat::FIRST_DATA_CLUSTER;
     if (entries < wanted) {
-        found->push_back(
-            {contradicted::FAT_SIZE, fmt::format("the FAT ends with cluster {}, the volume with {}",
-                                                 entries - 1, wanted - 1)});
+        found->push_back({contradiction_kind::FAT_SIZE,
+                          fmt::format("the FAT ends with cluster {}, the volume with {}",
+                                      entries - 1, wanted - 1)});
     }
 }
 
@@ -140,20 +140,20 @@ void compare_device(u64 device_bytes, contradictions *found) {
     const u64 device_sectors = device_bytes / sv->sector_size;
     if (device_sectors < sv->total_sectors) {
         found->push_back(
-            {contradicted::FIELDS, fmt::format("the volume has {} sectors, the device has {}",
-                                               sv->total_sectors, device_sectors)});
+            {contradiction_kind::FIELDS, fmt::format("the volume has {} sectors, the device has {}",
+                                                     sv->total_sectors, device_sectors)});
     }
 }
 
 void compare_root(const boot_numbers &boot, contradictions *found) {
     if (boot.root_entries != 0) {
         found->push_back(
-            {contradicted::FIELDS,
+            {contradiction_kind::FIELDS,
              fmt::format("a FAT32 volume has {} root entries, should be 0", boot.root_entries)});
     }
     const u64 last = u64{sv->num_clusters} + fat::FIRST_DATA_CLUSTER - 1;
     if (sv->root_clus < fat::FIRST_DATA_CLUSTER || sv->root_clus > last) {
-        found->push_back({contradicted::FIELDS,
+        found->push_back({contradiction_kind::FIELDS,
                           fmt::format("the root directory begins in cluster {}, the volume has "
                                       "clusters {} to {}",
                                       sv->root_clus, fat::FIRST_DATA_CLUSTER, last)});
@@ -165,11 +165,11 @@ void compare_active_fat(const u8 *boot, u32 fat_copies, contradictions *found) {
     const u32 active = (flags & MIRRORING_OFF) != 0 ? flags & ACTIVE_FAT_MASK : 0;
     if (active >= fat_copies && active != 0) {
         found->push_back(
-            {contradicted::FIELDS,
+            {contradiction_kind::FIELDS,
              fmt::format("FAT copy {} is the one in use, the volume has {}", active, fat_copies)});
     } else if (active != 0) {
         found->push_back(
-            {contradicted::ACTIVE_FAT,
+            {contradiction_kind::ACTIVE_FAT,
              fmt::format("FAT copy {} is the one in use; only copy 0 is supported", active)});
     }
 }
@@ -197,10 +197,10 @@ bool place_areas_alike(const u8 *boot, const u8 *backup) {
 }
 
 void compare_backup(const u8 *boot, u32 sector, contradictions *found) {
-    const std::vector<u8> backup = read_run(sector, 1);
+    const std::vector<u8> backup = read_extent(sector, 1);
     if (is_boot_sector(backup.data()) && !place_areas_alike(boot, backup.data())) {
         found->push_back(
-            {contradicted::GEOMETRY,
+            {contradiction_kind::GEOMETRY,
              fmt::format("the boot sector and its backup in sector {} place the areas differently",
                          sector)});
     }
@@ -210,13 +210,13 @@ void compare_reserved_sectors(const u8 *boot, u32 reserved, contradictions *foun
     const u32 backup = fat::load(boot, fat::PBR32_BACKUP_SECTOR);
     const u32 fsinfo = fat::load(boot, fat::PBR32_FSINFO_SECTOR);
     if (is_sector_named(backup) && backup >= reserved) {
-        found->push_back({contradicted::BACKUP_PLACE,
+        found->push_back({contradiction_kind::BACKUP_LOCATION,
                           fmt::format("the boot sector has its backup in sector {}, which is none "
                                       "of the reserved ones",
                                       backup)});
     } else if (is_sector_named(backup) && backup == fsinfo) {
         found->push_back(
-            {contradicted::FIELDS,
+            {contradiction_kind::FIELDS,
              fmt::format("FSInfo and the backup of the boot sector are both in sector {}",
                          backup)});
     } else if (is_sector_named(backup)) {
@@ -224,7 +224,7 @@ void compare_reserved_sectors(const u8 *boot, u32 reserved, contradictions *foun
     }
     if (is_sector_named(fsinfo) && fsinfo >= reserved) {
         found->push_back(
-            {contradicted::FSINFO_PLACE,
+            {contradiction_kind::FSINFO_LOCATION,
              fmt::format("FSInfo lies in sector {}, which is none of the reserved ones", fsinfo)});
     }
 }

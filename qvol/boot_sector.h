@@ -20,10 +20,17 @@ using fat::u64;
 using fat::u8;
 
 // What a contradiction is about; "qvol check" has a kind of finding for each.
-enum class contradicted { FIELDS, FAT_SIZE, FSINFO_PLACE, BACKUP_PLACE, GEOMETRY, ACTIVE_FAT };
+enum class contradiction_kind {
+    FIELDS,
+    FAT_SIZE,
+    FSINFO_LOCATION,
+    BACKUP_LOCATION,
+    GEOMETRY,
+    ACTIVE_FAT
+};
 
 struct contradiction {
-    contradicted about;
+    contradiction_kind about;
     std::string text;
 };
 

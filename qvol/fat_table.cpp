@@ -53,7 +53,7 @@ fat_table::fat_table(u32 copies)
 
 fat_table::page fat_table::load_page(std::size_t index) {
     const u32 count = sectors_of_page(index);
-    return {read_run(page_sector(index, 0), count), std::vector<bool>(count)};
+    return {read_extent(page_sector(index, 0), count), std::vector<bool>(count)};
 }
 
 fat_table::page &fat_table::page_of(u64 byte_offset) {
@@ -79,7 +79,7 @@ void fat_table::write_page(std::size_t index, page *changed) const {
             std::span(changed->bytes)
                 .subspan(first * sv->sector_size, (end - first) * sv->sector_size);
         for (u32 copy = 0; copy < written_copies_; copy++) {
-            write_run(page_sector(index, copy) + first, bytes);
+            write_extent(page_sector(index, copy) + first, bytes);
         }
         first = end;
     }
@@ -246,7 +246,7 @@ void fat_table::visit_differences(
         const page first = load_page(index);
         for (u32 copy = 1; copy < copies_; copy++) {
             const std::vector<u8> other =
-                read_run(page_sector(index, copy), sectors_of_page(index));
+                read_extent(page_sector(index, copy), sectors_of_page(index));
             for (std::size_t at = 0; at < other.size(); at += sv->sector_size) {
                 const differing_sector sector = {
                     copy, page_sector(index, 0) - sv->fat_start + at / sv->sector_size,
@@ -260,7 +260,7 @@ void fat_table::visit_differences(
     }
 }
 
-std::vector<copy_difference> fat_table::compare_copies() const {
+std::vector<copy_difference> fat_table::compare_fat_copies() const {
     std::map<u32, copy_difference> found;
     visit_differences([&](const differing_sector &sector) {
         const auto [a, b] =
@@ -282,7 +282,7 @@ std::vector<copy_difference> fat_table::compare_copies() const {
 u64 fat_table::mirror() {
     u64 differing = 0;
     visit_differences([&](const differing_sector &sector) {
-        write_run(sv->fat_start + u64{sector.copy} * sv->fat_size + sector.in_fat, sector.first);
+        write_extent(sv->fat_start + u64{sector.copy} * sv->fat_size + sector.in_fat, sector.first);
         differing++;
     });
     return differing;
@@ -294,7 +294,7 @@ void fat_table::read_all() {
     }
 }
 
-void fat_table::adopt_changes_of_library() {
+void fat_table::take_over_library_changes() {
     for (std::size_t index = 0; page_begins_in_table(index); index++) {
         page fresh = load_page(index);
         const page &known = page_of(index * u64{PAGE_BYTES});
@@ -310,8 +310,8 @@ void fat_table::adopt_changes_of_library() {
     cursor_ = fat::FIRST_DATA_CLUSTER;
 }
 
-std::vector<cluster_run> runs_of(std::span<const u32> clusters) {
-    std::vector<cluster_run> runs;
+std::vector<cluster_extent> extents_of(std::span<const u32> clusters) {
+    std::vector<cluster_extent> runs;
     for (const u32 cluster : clusters) {
         if (!runs.empty() && runs.back().first + runs.back().count == cluster) {
             runs.back().count++;

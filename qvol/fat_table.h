@@ -22,11 +22,11 @@ using fat::u64;
 using fat::u8;
 
 // Clusters that follow one another on the medium.
-struct cluster_run {
+struct cluster_extent {
     u32 first;
     u32 count;
 
-    bool operator==(const cluster_run &) const = default;
+    bool operator==(const cluster_extent &) const = default;
 };
 
 // A copy of the FAT that is not equal to the first one.
@@ -87,7 +87,7 @@ public:
     void write_changes();
 
     // How each copy that differs from the first one does.
-    [[nodiscard]] std::vector<copy_difference> compare_copies() const;
+    [[nodiscard]] std::vector<copy_difference> compare_fat_copies() const;
 
     // From now on only the first copy is written. mirror() makes the others equal.
     void leave_other_copies() {
@@ -98,10 +98,10 @@ public:
     [[nodiscard]] u64 mirror();
 
     // A call of the library changes the first copy alone. Between read_all() and
-    // adopt_changes_of_library() it may; write_changes() then brings the others up to date.
+    // take_over_library_changes() it may; write_changes() then brings the others up to date.
     // Nothing else may have been changed.
     void read_all();
-    void adopt_changes_of_library();
+    void take_over_library_changes();
 
 private:
     struct page {
@@ -136,6 +136,6 @@ private:
 };
 
 // Neighbouring clusters of a chain put together.
-[[nodiscard]] std::vector<cluster_run> runs_of(std::span<const u32> clusters);
+[[nodiscard]] std::vector<cluster_extent> extents_of(std::span<const u32> clusters);
 
 } // namespace qvol

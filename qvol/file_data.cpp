@@ -48,7 +48,7 @@ std::vector<u32> clusters_of_file(fat_table &table, u32 start, u64 size) {
 void read_data(std::span<const u32> clusters, u64 size,
                const std::function<void(std::span<const u8>)> &take) {
     std::vector<u8> piece(std::size_t{clusters_per_piece()} * fat::cluster_bytes());
-    for (const cluster_run &run : runs_of(clusters)) {
+    for (const cluster_extent &run : extents_of(clusters)) {
         for (u32 done = 0; done < run.count && size > 0;) {
             const u32 count = std::min(run.count - done, clusters_per_piece());
             const std::span bytes =
@@ -56,7 +56,7 @@ void read_data(std::span<const u32> clusters, u64 size,
             const std::size_t wanted = static_cast<std::size_t>(std::min<u64>(size, bytes.size()));
             const std::size_t sectors =
                 (wanted + sv->sector_size - 1) / sv->sector_size * sv->sector_size;
-            read_run_into(sector_of_cluster(run.first + done), bytes.first(sectors));
+            read_extent_into(sector_of_cluster(run.first + done), bytes.first(sectors));
             take(bytes.first(wanted));
             size -= wanted;
             done += count;
@@ -123,7 +123,7 @@ void data_writer::end() {
 
 void data_writer::flush() {
     if (!leaves_zeroes_ || !is_zero(gathered_)) {
-        write_run(sector_, gathered_);
+        write_extent(sector_, gathered_);
     }
     sector_ += gathered_.size() / sv->sector_size;
     gathered_.clear();

@@ -458,7 +458,7 @@ void map_picture::draw_positions(const cluster_owner &owner, const box &at,
     const auto unit_of = [&](u64 cluster) {
         return (cluster - fat::FIRST_DATA_CLUSTER) * is_held.size() / map_.clusters;
     };
-    for (const cluster_run &run : owner.runs) {
+    for (const cluster_extent &run : owner.runs) {
         for (u64 x = unit_of(run.first); x <= unit_of(u64{run.first} + run.count - 1); x++) {
             is_held[x] = true;
         }

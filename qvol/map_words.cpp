@@ -49,7 +49,7 @@ std::string free_space_text(const volume_map &map) {
     u64 runs = 0;
     u64 largest = 0;
     for (const extent &part : map.extents) {
-        if (part.held_by == HELD_BY_NOBODY) {
+        if (part.held_by == HOLDER_FREE) {
             runs++;
             largest = std::max<u64>(largest, part.count);
         }

@@ -22,7 +22,7 @@ u32 sectors_in(std::size_t bytes) {
 
 } // namespace
 
-void read_run_into(u64 sector, std::span<u8> bytes) {
+void read_extent_into(u64 sector, std::span<u8> bytes) {
     const u32 count = sectors_in(bytes.size());
     const int moved = count != 0 ? read_sectors(bytes.data(), sector, count) : 0;
     if (moved != static_cast<int>(count)) {
@@ -30,13 +30,13 @@ void read_run_into(u64 sector, std::span<u8> bytes) {
     }
 }
 
-std::vector<u8> read_run(u64 sector, u32 count) {
+std::vector<u8> read_extent(u64 sector, u32 count) {
     std::vector<u8> bytes(std::size_t{count} * sv->sector_size);
-    read_run_into(sector, bytes);
+    read_extent_into(sector, bytes);
     return bytes;
 }
 
-void write_run(u64 sector, std::span<const u8> bytes) {
+void write_extent(u64 sector, std::span<const u8> bytes) {
     const u32 count = sectors_in(bytes.size());
     void *source = const_cast<u8 *>(bytes.data()); // a write does not change its buffer
     const int moved = count != 0 ? write_sectors(source, sector, count) : 0;

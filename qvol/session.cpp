@@ -183,7 +183,7 @@ void refuse_unsupported(const target &where) {
 std::vector<contradiction> contradictions_on(const target &where) {
     const std::optional<u64> device_bytes =
         where.is_device() ? std::optional(where.size()) : std::nullopt;
-    return contradictions_of(read_run(0, 1), device_bytes);
+    return contradictions_of(read_extent(0, 1), device_bytes);
 }
 
 void refuse_contradictions(const target &where) {
@@ -213,7 +213,7 @@ boot_fields mount(const target &where, mounted wanted) {
         throw error(fmt::format("{}: the root directory is damaged; \"qvol check\" tells more",
                                 shown_bytes(where.path())));
     }
-    return parse_boot_sector(read_run(0, 1));
+    return parse_boot_sector(read_extent(0, 1));
 }
 
 bool is_fsinfo(const std::vector<u8> &sector) {
@@ -348,7 +348,7 @@ void volume::abandon() {
 
 // A sector that does not carry the signatures is left alone: something else may lie there.
 void volume::write_fsinfo() {
-    std::vector<u8> sector = read_run(boot_.fsinfo_sector, 1);
+    std::vector<u8> sector = read_extent(boot_.fsinfo_sector, 1);
     if (!is_fsinfo(sector)) {
         return;
     }
@@ -356,7 +356,7 @@ void volume::write_fsinfo() {
     fat::store(sector.data(), fat::FSINFO_FREE_COUNT, fat_.free_count());
     fat::store(sector.data(), fat::FSINFO_NEXT_FREE, fat_.next_free());
     if (sector != before) {
-        write_run(boot_.fsinfo_sector, sector);
+        write_extent(boot_.fsinfo_sector, sector);
     }
 }
 

@@ -47,7 +47,7 @@ bool is_entry(const u8 *slot) {
     return (fat::load(slot, fat::SHORT_ATTR) & fat::ATTR_KIND_MASK) != fat::ATTR_KIND_MASK;
 }
 
-void long_name_run::accept(const u8 *slot, u32 index) {
+void name_assembler::accept(const u8 *slot, u32 index) {
     const u32 ordinal = fat::load(slot, fat::SLOT_ORDINAL);
     const u8 slot_checksum = static_cast<u8>(fat::load(slot, fat::SLOT_CHECKSUM));
     if ((ordinal & fat::SLOT_LAST) != 0) {
@@ -67,11 +67,11 @@ void long_name_run::accept(const u8 *slot, u32 index) {
     missing--;
 }
 
-bool long_name_run::belongs_to(const u8 *short_entry) const {
+bool name_assembler::belongs_to(const u8 *short_entry) const {
     return is_whole() && checksum == fat::dosname_checksum(short_entry);
 }
 
-entry entry_of_slot(const u8 *slot, u32 index, const long_name_run &run) {
+entry entry_of_slot(const u8 *slot, u32 index, const name_assembler &run) {
     entry found;
     std::copy_n(slot, fat::DENTRY_SIZE, found.raw.begin());
     found.slot = index;

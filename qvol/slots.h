@@ -18,14 +18,14 @@ inline constexpr u32 MAX_SLOTS = 65536;
 // The long name that a walk over the slots is in. It counts only where it is whole: its slots stand
 // right in front of the short entry, in falling order from the one marked last to 1, and carry that
 // entry's checksum.
-struct long_name_run {
+struct name_assembler {
     std::u16string units;
     u32 first_slot = 0;
     u32 missing = 0; // slots that are still to come
     u8 checksum = 0;
 
     void reset() {
-        *this = long_name_run{};
+        *this = name_assembler{};
     }
     void accept(const u8 *slot, u32 index);
 
@@ -36,6 +36,6 @@ struct long_name_run {
 };
 
 // The entry of a short slot, with the long name where that is its own.
-[[nodiscard]] entry entry_of_slot(const u8 *slot, u32 index, const long_name_run &run);
+[[nodiscard]] entry entry_of_slot(const u8 *slot, u32 index, const name_assembler &run);
 
 } // namespace qvol

@@ -14,12 +14,12 @@ namespace {
 
 holder state_of(u32 value) {
     if (value == fat::FAT_FREE) {
-        return HELD_BY_NOBODY;
+        return HOLDER_FREE;
     }
-    return value == fat::bad_mark() ? HELD_AS_BAD : HELD_BY_LOST;
+    return value == fat::bad_mark() ? HOLDER_BAD : HOLDER_LOST;
 }
 
-void append_cluster(std::vector<cluster_run> *runs, u32 cluster) {
+void append_cluster(std::vector<cluster_extent> *runs, u32 cluster) {
     if (!runs->empty() && runs->back().first + runs->back().count == cluster) {
         runs->back().count++;
     } else {
@@ -54,7 +54,7 @@ public:
     [[nodiscard]] std::vector<extent> extents() const {
         std::vector<extent> held;
         for (u32 number = 0; number < owners_.size(); number++) {
-            for (const cluster_run &run : owners_[number].runs) {
+            for (const cluster_extent &run : owners_[number].runs) {
                 held.push_back({run.first, run.count, number});
             }
         }
@@ -102,9 +102,9 @@ private:
             return fmt::format("leads to cluster {}, which is in use already", cluster);
         }
         const holder state = state_of(vol_.fat().get(cluster));
-        return state == HELD_BY_LOST ? ""
-                                     : fmt::format("leads to cluster {}, which is {}", cluster,
-                                                   state == HELD_AS_BAD ? "bad" : "free");
+        return state == HOLDER_LOST ? ""
+                                    : fmt::format("leads to cluster {}, which is {}", cluster,
+                                                  state == HOLDER_BAD ? "bad" : "free");
     }
 
     // The walk tells about a directory behind visiting it.
@@ -270,11 +270,11 @@ void map_classes::count(const volume_map &map) {
 
 u32 map_classes::of(holder by) const {
     switch (by) {
-    case HELD_BY_NOBODY:
+    case HOLDER_FREE:
         return CLASS_FREE;
-    case HELD_AS_BAD:
+    case HOLDER_BAD:
         return CLASS_BAD;
-    case HELD_BY_LOST:
+    case HOLDER_LOST:
         return CLASS_LOST;
     default:
         return class_of_owner_[by];

@@ -15,18 +15,18 @@ namespace qvol {
 
 // What is in a cluster: one of the owners, by its number, or nothing that a path leads to.
 using holder = u32;
-inline constexpr holder HELD_BY_NOBODY = ~u32{0};   // free
-inline constexpr holder HELD_AS_BAD = ~u32{1};      // marked bad
-inline constexpr holder HELD_BY_LOST = ~u32{2};     // in use, and no path leads there
-inline constexpr holder FIRST_STATE = HELD_BY_LOST; // owners have the numbers below
+inline constexpr holder HOLDER_FREE = ~u32{0};     // free
+inline constexpr holder HOLDER_BAD = ~u32{1};      // marked bad
+inline constexpr holder HOLDER_LOST = ~u32{2};     // in use, and no path leads there
+inline constexpr holder FIRST_STATE = HOLDER_LOST; // owners have the numbers below
 
 // An entry with the clusters of its chain.
 struct cluster_owner {
     name_path path; // empty: the root
     kind type;
     u32 clusters;
-    std::vector<cluster_run> runs; // in the order of the chain
-    std::string damage;            // what is wrong with its chain; "" for nothing
+    std::vector<cluster_extent> runs; // in the order of the chain
+    std::string damage;               // what is wrong with its chain; "" for nothing
 
     [[nodiscard]] bool is_in_pieces() const {
         return runs.size() > 1;

@@ -136,7 +136,7 @@ std::optional<volume_shape> smallest_shape(shape_request exact, const volume_con
     }
     const u64 step = u64{2} * exact.sector_bytes;
     const u64 first = units_of(fewest_sectors(exact, needed) * exact.sector_bytes, step) * step;
-    const u64 end = std::min(first + SLACK, exact.most_bytes + 1);
+    const u64 end = std::min(first + SLACK, exact.max_bytes + 1);
     for (exact.bytes = first; exact.bytes < end; exact.bytes += step) {
         const std::optional<volume_shape> shape = shape_of(exact);
         if (shape && shape->clusters >= needed) {
@@ -198,7 +198,7 @@ std::string advice(const shape_request &request, const volume_content &content) 
         return fmt::format("; use --fat {}", shape->fat_type);
     }
     const std::optional<u64> size = round_size_that_holds(request, content);
-    if (size && *size > request.bytes && *size <= request.most_bytes) {
+    if (size && *size > request.bytes && *size <= request.max_bytes) {
         return "; use --size " + size_argument(*size);
     }
     other.cluster_bytes = 0;

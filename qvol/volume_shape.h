@@ -14,14 +14,14 @@
 
 namespace qvol {
 
-inline constexpr u64 MOST_BYTES = u64{1} << 62; // no file is as long
+inline constexpr u64 MAX_VOLUME_BYTES = u64{1} << 62; // no file is as long
 
 // What is wanted; 0 where it is left open.
 struct shape_request {
-    u64 bytes = 0;               // of the volume; 0: as few as hold the content
-    u64 most_bytes = MOST_BYTES; // that there is room for
-    u32 fat_type = 0;            // 16 or 32
-    u32 sector_bytes = 0;        // is always given
+    u64 bytes = 0;                    // of the volume; 0: as few as hold the content
+    u64 max_bytes = MAX_VOLUME_BYTES; // that there is room for
+    u32 fat_type = 0;                 // 16 or 32
+    u32 sector_bytes = 0;             // is always given
     u32 cluster_bytes = 0;
     u32 page_bytes = 0; // that every area is aligned to; 0: no alignment
 };

@@ -23,7 +23,7 @@ void make_reserved_file(volume &vol, const reserved_file &file) {
     if (made < 0) {
         throw system_failure(fmt::format("make /{}", file.name), -made);
     }
-    vol.fat().adopt_changes_of_library();
+    vol.fat().take_over_library_changes();
     vol.fat().write_changes();
 }
 

@@ -25,19 +25,19 @@ void tell(survey *in, const finding_kind &as, std::string text, std::string reme
 
 // ---- boot sector ----
 
-const finding_kind *kind_of(contradicted about) {
+const finding_kind *kind_of(contradiction_kind about) {
     switch (about) {
-    case contradicted::FAT_SIZE:
+    case contradiction_kind::FAT_SIZE:
         return &found::FAT_SIZE;
-    case contradicted::FSINFO_PLACE:
-        return &found::FSINFO_PLACE;
-    case contradicted::BACKUP_PLACE:
-        return &found::BACKUP_PLACE;
-    case contradicted::GEOMETRY:
+    case contradiction_kind::FSINFO_LOCATION:
+        return &found::FSINFO_LOCATION;
+    case contradiction_kind::BACKUP_LOCATION:
+        return &found::BACKUP_LOCATION;
+    case contradiction_kind::GEOMETRY:
         return &found::GEOMETRY;
-    case contradicted::ACTIVE_FAT:
+    case contradiction_kind::ACTIVE_FAT:
         return &found::ACTIVE_FAT;
-    case contradicted::FIELDS:
+    case contradiction_kind::FIELDS:
         break;
     }
     return &found::FIELDS;
@@ -63,7 +63,7 @@ void check_backup(survey *in) {
         std::any_of(in->findings.begin(), in->findings.end(),
                     [](const finding &one) { return one.kind == &found::GEOMETRY; });
     if (!is_sector_named(sector) || !is_reserved(*in, sector) || has_other_areas ||
-        are_alike(read_run(0, 1), read_run(sector, 1))) {
+        are_alike(read_extent(0, 1), read_extent(sector, 1))) {
         return;
     }
     tell(in, found::BACKUP,
@@ -87,7 +87,7 @@ bool has_signatures(const std::vector<u8> &fsinfo) {
 
 void check_fsinfo(survey *in) {
     const u32 sector = in->vol.boot().fsinfo_sector;
-    if (has_fsinfo(*in) && !has_signatures(read_run(sector, 1))) {
+    if (has_fsinfo(*in) && !has_signatures(read_extent(sector, 1))) {
         tell(in, found::FSINFO_SIGNATURE,
              fmt::format("FSInfo, in sector {}, has not its signatures", sector),
              "it was written anew", [sector](repair *plan) { plan->write_fsinfo(sector); });
@@ -136,7 +136,7 @@ void check_end_mark(survey *in, u32 value) {
 }
 
 void check_fixed_entries(survey *in) {
-    const std::vector<u8> fat = read_run(sv->fat_start, 1);
+    const std::vector<u8> fat = read_extent(sv->fat_start, 1);
     const u32 size = sv->fat_type / 8;
     const fat::field entries[] = {{"entry 0", 0, size}, {"entry 1", size, size}};
     check_media(in, fat::load(fat.data(), entries[0]) & value_mask());
@@ -146,7 +146,7 @@ void check_fixed_entries(survey *in) {
 // Systems keep their mark in the boot sector as well.
 void check_boot_mark(survey *in) {
     const u32 extended = sv->fat_type == 32 ? fat::EBR_OFFSET_FAT32 : fat::EBR_OFFSET_FAT16;
-    if ((fat::load(read_run(0, 1).data() + extended, fat::EBR_RESERVED) & 1) != 0) {
+    if ((fat::load(read_extent(0, 1).data() + extended, fat::EBR_RESERVED) & 1) != 0) {
         tell(in, found::DIRTY, "the boot sector is marked: it was not closed",
              "the mark was removed", [](repair *plan) { plan->mark_clean(); });
     }
@@ -158,10 +158,10 @@ bool is_mirroring_off(const std::vector<u8> &boot) {
 }
 
 void check_copies(survey *in) {
-    if (is_mirroring_off(read_run(0, 1))) {
+    if (is_mirroring_off(read_extent(0, 1))) {
         return;
     }
-    for (const copy_difference &difference : in->table.compare_copies()) {
+    for (const copy_difference &difference : in->table.compare_fat_copies()) {
         in->add({&found::FAT_COPIES, NO_NODE, difference.cluster,
                  fmt::format("is the first whose entry in FAT copy {} differs: {}", difference.copy,
                              counted(difference.sectors, "sector", "sectors")),
@@ -189,7 +189,7 @@ void check_fsinfo_counts(survey *in) {
         return;
     }
     const u32 sector = in->vol.boot().fsinfo_sector;
-    const std::vector<u8> fsinfo = read_run(sector, 1);
+    const std::vector<u8> fsinfo = read_extent(sector, 1);
     const u32 told = fat::load(fsinfo.data(), fat::FSINFO_FREE_COUNT);
     const u32 next = fat::load(fsinfo.data(), fat::FSINFO_NEXT_FREE);
     const auto mend = [sector](repair *plan) { plan->write_fsinfo(sector); };

@@ -184,7 +184,7 @@ finding broken_chain(survey *in, u32 node, const claimed_chain &chain) {
     case chain_end::BAD:
         return {&found::CHAIN_BAD, node, chain.at, "is marked bad and belongs to the chain", ""};
     case chain_end::CIRCLE:
-        return {&found::CHAIN_CIRCLE, node, chain.last,
+        return {&found::CHAIN_CYCLE, node, chain.last,
                 fmt::format("leads back to cluster {} of the same chain", chain.at), ""};
     case chain_end::SHARED:
         return shared_chain(in, node, chain);
@@ -195,7 +195,7 @@ finding broken_chain(survey *in, u32 node, const claimed_chain &chain) {
 
 void check_whole_chain(survey *in, u32 node, const claimed_chain &chain) {
     if (chain.behind != 0) {
-        in->add({&found::BEHIND_IMAGE, node, chain.behind, "lies behind the end of the image", ""});
+        in->add({&found::PAST_IMAGE, node, chain.behind, "lies behind the end of the image", ""});
     }
     if (chain.end != chain_end::MARK && chain.end != chain_end::LIMIT) {
         in->add(broken_chain(in, node, chain));

@@ -50,8 +50,8 @@ void look(survey *in) {
 
 // ---- telling ----
 
-told_finding told(const survey &in, const finding &of) {
-    told_finding result{of.kind->name, "", "", of.cluster, of.text, false, ""};
+reported_finding told(const survey &in, const finding &of) {
+    reported_finding result{of.kind->name, "", "", of.cluster, of.text, false, ""};
     if (of.node != NO_NODE) {
         const name_path path = path_of(in, of.node);
         result.path = shown_path(in.vol.names(), path);
@@ -146,10 +146,10 @@ bool plan_repair(const survey &of, repair *plan, check_result *result) {
     bool mends = false;
     for (std::size_t i = 0; i < of.findings.size(); i++) {
         const finding &one = of.findings[i];
-        told_finding &report = result->findings[i];
-        report.is_mended = chosen.may_mend(one);
-        report.outcome = report.is_mended ? one.remedy : chosen.obstacle(one);
-        if (report.is_mended) {
+        reported_finding &report = result->findings[i];
+        report.is_repaired = chosen.may_mend(one);
+        report.outcome = report.is_repaired ? one.remedy : chosen.obstacle(one);
+        if (report.is_repaired) {
             one.mend(plan);
             mends = true;
         }
@@ -160,18 +160,18 @@ bool plan_repair(const survey &of, repair *plan, check_result *result) {
 // What a second look finds is the truth: a finding that is still there is left, and one that was
 // hidden before is told too.
 void adopt_second_look(const check_result &second, check_result *result) {
-    const std::set<told_finding> left(second.findings.begin(), second.findings.end());
-    const std::set<told_finding> known(result->findings.begin(), result->findings.end());
-    for (told_finding &one : result->findings) {
-        if (one.is_mended && left.contains(one)) {
-            one.is_mended = false;
+    const std::set<reported_finding> left(second.findings.begin(), second.findings.end());
+    const std::set<reported_finding> known(result->findings.begin(), result->findings.end());
+    for (reported_finding &one : result->findings) {
+        if (one.is_repaired && left.contains(one)) {
+            one.is_repaired = false;
             one.outcome = "it came back";
-        } else if (!one.is_mended && !left.contains(one)) {
-            one.is_mended = true;
+        } else if (!one.is_repaired && !left.contains(one)) {
+            one.is_repaired = true;
             one.outcome = "it went with another";
         }
     }
-    for (const told_finding &one : second.findings) {
+    for (const reported_finding &one : second.findings) {
         if (!known.contains(one)) {
             result->findings.push_back(one);
             result->findings.back().outcome = "it shows since the others are mended";

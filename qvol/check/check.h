@@ -7,22 +7,22 @@
 namespace qvol {
 
 // A finding as it is told.
-struct told_finding {
+struct reported_finding {
     std::string kind;
     std::string path; // as a terminal may be shown it; "": the volume's
     std::string json_path;
     u32 cluster; // 0: none
     std::string text;
-    bool is_mended = false;
+    bool is_repaired = false;
     std::string outcome; // of a repair: what was done, or why it is left
 
-    bool operator<(const told_finding &other) const {
+    bool operator<(const reported_finding &other) const {
         return std::tie(kind, path, cluster) < std::tie(other.kind, other.path, other.cluster);
     }
 };
 
 struct check_result {
-    std::vector<told_finding> findings; // of the areas, of the tree by path, of lost clusters
+    std::vector<reported_finding> findings; // of the areas, of the tree by path, of lost clusters
     u64 files = 0;
     u64 directories = 0;
     u32 used_clusters = 0;

@@ -40,13 +40,13 @@ inline constexpr finding_kind FIELDS{"boot-fields", "which field is right is not
 inline constexpr finding_kind GEOMETRY{"boot-geometry", "which of the two is right is not known",
                                        harm::AREAS};
 inline constexpr finding_kind BACKUP{"boot-backup", ""};
-inline constexpr finding_kind BACKUP_PLACE{"boot-backup-place", "the right place is not known",
-                                           harm::AREAS};
+inline constexpr finding_kind BACKUP_LOCATION{"boot-backup-place", "the right place is not known",
+                                              harm::AREAS};
 inline constexpr finding_kind ACTIVE_FAT{"fat-active", "only the first copy is used here",
                                          harm::AREAS};
 inline constexpr finding_kind FAT_SIZE{"fat-size", "the areas are not moved", harm::AREAS};
-inline constexpr finding_kind FSINFO_PLACE{"fsinfo-place", "the right place is not known",
-                                           harm::AREAS};
+inline constexpr finding_kind FSINFO_LOCATION{"fsinfo-place", "the right place is not known",
+                                              harm::AREAS};
 inline constexpr finding_kind FSINFO_SIGNATURE{"fsinfo-signature", ""};
 inline constexpr finding_kind FSINFO_FREE{"fsinfo-free", ""};
 inline constexpr finding_kind FSINFO_NEXT{"fsinfo-next", ""};
@@ -61,30 +61,31 @@ inline constexpr finding_kind CHAIN_MISSING{"chain-missing", NOT_KNOWN, harm::CH
 inline constexpr finding_kind CHAIN_FREE{"chain-free", NOT_KNOWN, harm::CHAINS};
 inline constexpr finding_kind CHAIN_BAD{"chain-bad", NOT_KNOWN, harm::CHAINS};
 inline constexpr finding_kind CHAIN_RANGE{"chain-range", NOT_KNOWN, harm::CHAINS};
-inline constexpr finding_kind CHAIN_CIRCLE{"chain-circle", NOT_KNOWN, harm::CHAINS};
+inline constexpr finding_kind CHAIN_CYCLE{"chain-circle", NOT_KNOWN, harm::CHAINS};
 inline constexpr finding_kind CHAIN_SHARED{"chain-shared", "whose clusters they are is not known",
                                            harm::CHAINS};
 inline constexpr finding_kind CHAIN_SHORT{"chain-short", NOT_KNOWN, harm::CHAINS};
 inline constexpr finding_kind CHAIN_LONG{"chain-long", BROKEN_CHAIN};
-inline constexpr finding_kind BEHIND_IMAGE{"behind-image", NOT_KNOWN};
+inline constexpr finding_kind PAST_IMAGE{"behind-image", NOT_KNOWN};
 inline constexpr finding_kind LOST{"lost", BROKEN_CHAIN};
 
 // ---- directories ----
 inline constexpr finding_kind UNREADABLE{"unreadable", "the medium failed", harm::CHAINS};
 inline constexpr finding_kind TOO_LONG{"directory-length", "move entries out of it", harm::CHAINS};
-inline constexpr finding_kind BEHIND_END{"behind-end", "whether they are entries is not known",
-                                         harm::CHAINS};
+inline constexpr finding_kind PAST_END{"behind-end", "whether they are entries is not known",
+                                       harm::CHAINS};
 inline constexpr finding_kind DIRECTORY_SIZE{"directory-size", ""};
 inline constexpr finding_kind DOT_MISSING{"dot-missing", "something else stands in its place"};
 inline constexpr finding_kind DOT_CLUSTER{"dot-cluster", ""};
-inline constexpr finding_kind DOT_PLACE{"dot-place", BY_HAND, harm::CHAINS};
+inline constexpr finding_kind DOT_LOCATION{"dot-place", BY_HAND, harm::CHAINS};
 inline constexpr finding_kind ORPHAN_SLOTS{"orphan-slots", ""};
 inline constexpr finding_kind CHECKSUM{"checksum", ""};
 inline constexpr finding_kind SLOT_CLUSTER{"slot-cluster", ""};
 inline constexpr finding_kind SLOT_RESERVED{"slot-reserved", ""};
 inline constexpr finding_kind NO_ENTRY{"no-entry", "what it was is not known", harm::CHAINS};
 inline constexpr finding_kind LABELS{"labels", "which one is right is not known"};
-inline constexpr finding_kind LABEL_PLACE{"label-place", "what it was is not known", harm::CHAINS};
+inline constexpr finding_kind LABEL_LOCATION{"label-place", "what it was is not known",
+                                             harm::CHAINS};
 inline constexpr finding_kind DUPLICATE_NAME{"duplicate-name", BY_HAND};
 inline constexpr finding_kind DUPLICATE_SHORT{"duplicate-short-name", BY_HAND};
 inline constexpr finding_kind NAME{"name", BY_HAND};

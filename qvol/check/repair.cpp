@@ -17,11 +17,11 @@ void store_signatures(u8 *fsinfo) {
 
 // Reads a sector, has it changed, and writes it back where that makes a difference.
 void change_sector(u64 sector, const std::function<void(u8 *bytes)> &change) {
-    const std::vector<u8> before = read_run(sector, 1);
+    const std::vector<u8> before = read_extent(sector, 1);
     std::vector<u8> bytes = before;
     change(bytes.data());
     if (bytes != before) {
-        write_run(sector, bytes);
+        write_extent(sector, bytes);
     }
 }
 
@@ -106,7 +106,7 @@ void repair::write() {
     }
     write_fixed_entries();
     if (backup_sector_) {
-        write_run(*backup_sector_, read_run(0, 1));
+        write_extent(*backup_sector_, read_extent(0, 1));
     }
     if (fsinfo_sector_) {
         change_sector(*fsinfo_sector_, store_signatures);

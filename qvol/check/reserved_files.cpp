@@ -47,7 +47,7 @@ void check_pool_header(survey *in, u32 node) {
         {fat::POOL_SECOND, pool.start()},  {fat::POOL_ONE, 1},  {fat::POOL_FIRST_MARK, ALL_ONES},
         {fat::POOL_SECOND_MARK, ALL_ONES},
     };
-    const std::vector<u8> header = read_run(sector_of_cluster(pool.start()), 1);
+    const std::vector<u8> header = read_extent(sector_of_cluster(pool.start()), 1);
     for (const header_word &word : words) {
         const u32 value = fat::load(header.data(), word.where);
         if (value != word.value) {

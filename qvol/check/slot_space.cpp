@@ -66,7 +66,7 @@ private:
         }
     }
 
-    long_name_run run_;
+    name_assembler run_;
     u32 behind_run_ = 0; // first slot behind the last one that was none of a long name
     directory_content content_;
 };
@@ -79,7 +79,7 @@ slot_space::slot_space(std::vector<u32> clusters) : clusters_(std::move(clusters
     const u32 most = std::max(MAX_SLOTS / slots_per_cluster(), 1U);
     is_too_long_ = clusters_.size() > most;
     clusters_.resize(std::min<std::size_t>(clusters_.size(), most));
-    for (const cluster_run &run : runs_of(clusters_)) {
+    for (const cluster_extent &run : extents_of(clusters_)) {
         load(sector_of_cluster(run.first), run.count * sv->sec_per_clus);
     }
     find_end();
@@ -95,7 +95,7 @@ slot_space slot_space::root_area() {
 void slot_space::load(u64 first_sector, u32 sectors) {
     const std::size_t before = bytes_.size();
     bytes_.resize(before + std::size_t{sectors} * sv->sector_size);
-    read_run_into(first_sector, std::span(bytes_).subspan(before));
+    read_extent_into(first_sector, std::span(bytes_).subspan(before));
 }
 
 void slot_space::find_end() {

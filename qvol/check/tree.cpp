@@ -115,7 +115,7 @@ private:
                  fmt::format("the directory has more than {} slots", MAX_SLOTS));
         }
         if (space.remains() != 0) {
-            tell(found::BEHIND_END, start(),
+            tell(found::PAST_END, start(),
                  fmt::format("{} in use behind the end of the directory, slot {}",
                              counted(space.remains(), "slot", "slots"), space.count()));
         }
@@ -178,7 +178,7 @@ private:
                 continue;
             }
             if (!is_root() || label.start() != 0 || label.size() != 0) {
-                tell(found::LABEL_PLACE, label.start(),
+                tell(found::LABEL_LOCATION, label.start(),
                      fmt::format("slot {} holds a volume label {}", label.slot,
                                  is_root() ? "with data" : "outside the root"));
             } else if (!label.name.empty() && ++labels == 2) {
@@ -284,7 +284,7 @@ private:
 
     bool is_stray_dot(const entry &child) {
         if (child.is_dot()) {
-            tell(found::DOT_PLACE, child.start(),
+            tell(found::DOT_LOCATION, child.start(),
                  fmt::format("slot {} holds a dot entry", child.slot));
         }
         return child.is_dot();

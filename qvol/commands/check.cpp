@@ -18,14 +18,14 @@ struct check_options {
     bool repairs = false;
 };
 
-std::string line_of(const told_finding &of, bool repairs) {
+std::string line_of(const reported_finding &of, bool repairs) {
     std::string line = of.path.empty() ? "" : of.path + ": ";
     if (of.cluster != 0) {
         line += fmt::format("cluster {}: ", of.cluster);
     }
     line += of.text;
     if (repairs) {
-        line += (of.is_mended ? "; mended: " : "; left: ") + of.outcome;
+        line += (of.is_repaired ? "; mended: " : "; left: ") + of.outcome;
     }
     return line;
 }
@@ -40,12 +40,12 @@ std::string summary_of(const check_result &of, u64 left, bool repairs) {
         counted(of.files, "file", "files"), of.used_clusters, of.clusters, findings, outcome);
 }
 
-json finding_json(const told_finding &of, bool repairs) {
+json finding_json(const reported_finding &of, bool repairs) {
     json result = {{"kind", of.kind},
                    {"path", of.path.empty() ? json(nullptr) : json(of.json_path)},
                    {"cluster", of.cluster == 0 ? json(nullptr) : json(of.cluster)},
                    {"text", of.text},
-                   {"repaired", of.is_mended}};
+                   {"repaired", of.is_repaired}};
     if (repairs) {
         result.add("outcome", of.outcome);
     }
@@ -54,7 +54,7 @@ json finding_json(const told_finding &of, bool repairs) {
 
 void tell(const common_options &common, const check_result &result, bool repairs, u64 left) {
     json findings = json::array();
-    for (const told_finding &one : result.findings) {
+    for (const reported_finding &one : result.findings) {
         common.out.line(line_of(one, repairs));
         if (common.out.is_json) {
             findings.push_back(finding_json(one, repairs));
@@ -76,9 +76,9 @@ int run_check(const common_options &common, const check_options &options) {
     const target where(common.image, repairs ? access::WRITE : access::READ);
     volume vol(where, common.encoding, mounted::AREAS);
     const check_result result = repairs ? repair_volume(vol) : check_volume(vol);
-    const u64 left =
-        static_cast<u64>(std::count_if(result.findings.begin(), result.findings.end(),
-                                       [](const told_finding &one) { return !one.is_mended; }));
+    const u64 left = static_cast<u64>(
+        std::count_if(result.findings.begin(), result.findings.end(),
+                      [](const reported_finding &one) { return !one.is_repaired; }));
     tell(common, result, repairs, left);
     return left == 0 ? EXIT_DONE : EXIT_FAILED;
 }

@@ -27,7 +27,7 @@ constexpr u32 SECTORS_AT_ONCE = 256;
 void dump_sectors(u64 first, u64 count, const write_piece &put) {
     while (count > 0) {
         const u32 part = static_cast<u32>(std::min<u64>(count, SECTORS_AT_ONCE));
-        put(read_run(first, part));
+        put(read_extent(first, part));
         first += part;
         count -= part;
     }

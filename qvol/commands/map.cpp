@@ -34,9 +34,9 @@ json areas_json(const volume_map &map) {
     return list;
 }
 
-json runs_json(const std::vector<cluster_run> &runs) {
+json runs_json(const std::vector<cluster_extent> &runs) {
     json list = json::array();
-    for (const cluster_run &run : runs) {
+    for (const cluster_extent &run : runs) {
         list.push_back({{"first", run.first}, {"count", run.count}});
     }
     return list;
@@ -56,7 +56,7 @@ json owners_json(const volume_map &map) {
 
 // The runs of clusters that no path leads to.
 json state_json(const volume_map &map, holder state) {
-    std::vector<cluster_run> runs;
+    std::vector<cluster_extent> runs;
     for (const extent &part : map.extents) {
         if (part.held_by == state) {
             runs.push_back({part.first, part.count});
@@ -81,9 +81,9 @@ json map_json(const volume_map &map, const std::string &image) {
               {"steps", pieces.steps},
               {"jumps", pieces.jumps}}},
             {"owners", owners_json(map)},
-            {"free", state_json(map, HELD_BY_NOBODY)},
-            {"lost", state_json(map, HELD_BY_LOST)},
-            {"bad", state_json(map, HELD_AS_BAD)}};
+            {"free", state_json(map, HOLDER_FREE)},
+            {"lost", state_json(map, HOLDER_LOST)},
+            {"bad", state_json(map, HOLDER_BAD)}};
 }
 
 void write_svg(const volume_map &map, const map_options &options) {

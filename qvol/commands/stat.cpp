@@ -20,14 +20,14 @@ json root_json(const place &root) {
             {"short_name", nullptr}};
 }
 
-std::vector<cluster_run> chain_of(volume &vol, const place &where) {
+std::vector<cluster_extent> chain_of(volume &vol, const place &where) {
     const u32 start = where.is_root() ? where.parent.start() : where.found->start();
-    return start != 0 ? runs_of(vol.fat().chain(start)) : std::vector<cluster_run>();
+    return start != 0 ? extents_of(vol.fat().chain(start)) : std::vector<cluster_extent>();
 }
 
-json chain_json(const std::vector<cluster_run> &runs) {
+json chain_json(const std::vector<cluster_extent> &runs) {
     json list = json::array();
-    for (const cluster_run &run : runs) {
+    for (const cluster_extent &run : runs) {
         list.push_back({{"first", run.first}, {"count", run.count}});
     }
     return list;
@@ -41,7 +41,7 @@ json location_json(const place &where) {
             {"slots", where.found->slot - where.found->first_slot + 1}};
 }
 
-json stat_json(volume &vol, const place &where, const std::vector<cluster_run> &chain) {
+json stat_json(volume &vol, const place &where, const std::vector<cluster_extent> &chain) {
     json result = where.is_root() ? root_json(where) : entry_json(vol, where.path, *where.found);
     if (!where.is_root()) {
         result.add("entry", location_json(where));
@@ -50,7 +50,7 @@ json stat_json(volume &vol, const place &where, const std::vector<cluster_run> &
     return result;
 }
 
-std::string chain_text(const std::vector<cluster_run> &runs) {
+std::string chain_text(const std::vector<cluster_extent> &runs) {
     std::string text;
     for (const auto [first, count] : runs) {
         text += text.empty() ? "" : ", ";
@@ -79,7 +79,7 @@ void print_fields(const output &out, volume &vol, const place &where) {
 int run_stat(const common_options &common, const stat_options &options) {
     return with_volume(common, access::READ, [&](volume &vol) {
         const place where = resolve(vol, options.path);
-        const std::vector<cluster_run> chain = chain_of(vol, where);
+        const std::vector<cluster_extent> chain = chain_of(vol, where);
         if (common.out.is_json) {
             common.out.document(stat_json(vol, where, chain));
             return EXIT_DONE;
