@@ -2,6 +2,7 @@
 
 #include "qvol/check/chains.h"
 #include "qvol/file_data.h"
+#include "qvol/output.h"
 #include "qvol/sectors.h"
 
 #include <cstring>
@@ -18,28 +19,29 @@ constexpr u32 LOG_BYTES = 128 * 1024; // at least; rounded up to full clusters
 
 bool is_file_of_root(const survey &in, u32 node, const char *name) {
     const tree_node &candidate = in.nodes[node];
-    return candidate.parent == ROOT_NODE && candidate.of.type() == kind::FILE &&
-           std::memcmp(candidate.of.raw.data(), name, fat::SHORT_NAME.size) == 0;
+    return candidate.parent == ROOT_NODE && candidate.dentry.type() == kind::FILE &&
+           std::memcmp(candidate.dentry.raw.data(), name, fat::SHORT_NAME.size) == 0;
 }
 
-void check_size(survey *in, u32 node, const finding_kind &as, u32 wanted) {
-    const u32 size = in->nodes[node].of.size();
+void check_size(survey *in, u32 node, const finding_kind &kind, u32 wanted) {
+    const u32 size = in->nodes[node].dentry.size();
     if (size != wanted) {
-        in->add({&as, node, in->nodes[node].of.start(),
-                 fmt::format("has {} bytes, the driver needs {}", size, wanted), ""});
+        in->add({&kind, node, in->nodes[node].dentry.start(),
+                 fmt::format("size is {}, should be {}", counted(size, "byte", "bytes"), wanted),
+                 ""});
     }
 }
 
-// What the header has to say in a word, by its field.
+// A field of the header and its required value.
 struct header_word {
-    fat::field where;
+    fat::field field;
     u32 value;
 };
 
 void check_pool_header(survey *in, u32 node) {
-    const entry &pool = in->nodes[node].of;
+    const entry &pool = in->nodes[node].dentry;
     if (in->owners.get(pool.start()) != node + 1 || !is_in_image(pool.start())) {
-        return; // that is told with the chain
+        return; // reported with the chain
     }
     constexpr u32 ALL_ONES = 0xFFFFFFFF;
     const header_word words[] = {
@@ -49,11 +51,11 @@ void check_pool_header(survey *in, u32 node) {
     };
     const std::vector<u8> header = read_extent(sector_of_cluster(pool.start()), 1);
     for (const header_word &word : words) {
-        const u32 value = fat::load(header.data(), word.where);
+        const u32 value = fat::load(header.data(), word.field);
         if (value != word.value) {
             in->add({&found::POOL, node, pool.start(),
-                     fmt::format("the header holds {:#x} at byte {}, where {:#x} has to stand",
-                                 value, word.where.offset, word.value),
+                     fmt::format("header field at byte {} is {:#x}, should be {:#x}",
+                                 word.field.offset, value, word.value),
                      ""});
         }
     }
