@@ -13,11 +13,11 @@ u32 sectors_in(std::size_t bytes) {
     return static_cast<u32>(bytes / sv->sector_size);
 }
 
-// `moved` is what the transfer returned: a negative errno, or fewer sectors than asked for.
-[[noreturn]] void fail(const char *what, u64 sector, u32 count, int moved) {
-    throw error(fmt::format("cannot {} sectors {} to {} of the volume: {}", what, sector,
+// `moved` is the result of the transfer: a negative errno, or fewer sectors than requested.
+[[noreturn]] void fail(const char *action, u64 sector, u32 count, int moved) {
+    throw error(fmt::format("cannot {} sectors {} to {} of the volume: {}", action, sector,
                             sector + count - 1,
-                            moved < 0 ? std::strerror(-moved) : "the medium ends before them"));
+                            moved < 0 ? std::strerror(-moved) : "past the end of the medium"));
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-// Runs of sectors of the open volume, whole or not at all.
+// Transfers of contiguous sectors of the open volume.
 
 #pragma once
 
@@ -13,7 +13,7 @@ using fat::u32;
 using fat::u64;
 using fat::u8;
 
-// Throw error where the transfer fails or ends early.
+// Throw error if the transfer fails or is incomplete.
 [[nodiscard]] std::vector<u8> read_extent(u64 sector, u32 count);
 void read_extent_into(u64 sector, std::span<u8> bytes);
 void write_extent(u64 sector, std::span<const u8> bytes);

@@ -3,8 +3,6 @@
 #include "fat/internal.h"
 #include "qvol/sectors.h"
 
-#include <cerrno>
-
 #include <fmt/core.h>
 
 namespace qvol {
@@ -17,9 +15,6 @@ const reserved_file LOG_FILE = {"$ZUQ_LOG.LO$", zuq_make_log, LOG_BYTES};
 void make_reserved_file(volume &vol, const reserved_file &file) {
     vol.fat().read_all();
     const int made = file.make();
-    if (made == -EEXIST) {
-        throw error(fmt::format("/{}: exists", file.name));
-    }
     if (made < 0) {
         throw system_failure(fmt::format("make /{}", file.name), -made);
     }

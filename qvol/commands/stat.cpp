@@ -1,4 +1,4 @@
-// qvol stat: what one entry says, where it lies, and its chain.
+// qvol stat: shows the fields of one entry, its location and its chain.
 
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
@@ -25,10 +25,10 @@ std::vector<cluster_extent> chain_of(volume &vol, const place &where) {
     return start != 0 ? extents_of(vol.fat().chain(start)) : std::vector<cluster_extent>();
 }
 
-json chain_json(const std::vector<cluster_extent> &runs) {
+json chain_json(const std::vector<cluster_extent> &extents) {
     json list = json::array();
-    for (const cluster_extent &run : runs) {
-        list.push_back({{"first", run.first}, {"count", run.count}});
+    for (const cluster_extent &extent : extents) {
+        list.push_back({{"first", extent.first}, {"count", extent.count}});
     }
     return list;
 }
@@ -50,9 +50,9 @@ json stat_json(volume &vol, const place &where, const std::vector<cluster_extent
     return result;
 }
 
-std::string chain_text(const std::vector<cluster_extent> &runs) {
+std::string chain_text(const std::vector<cluster_extent> &extents) {
     std::string text;
-    for (const auto [first, count] : runs) {
+    for (const auto [first, count] : extents) {
         text += text.empty() ? "" : ", ";
         text +=
             count == 1 ? fmt::format("{}", first) : fmt::format("{}-{}", first, first + count - 1);
@@ -99,7 +99,7 @@ int run_stat(const common_options &common, const stat_options &options) {
 
 void add_stat(command_line *commands) {
     const auto [stat, options] =
-        commands->add({"stat", "Tell about one entry: its fields, its place, its clusters",
+        commands->add({"stat", "Show one entry: its fields, its location, its clusters",
                        "  qvol stat flash.img /photos/IMG_0001.jpg\n"
                        "  qvol stat --json flash.img /"},
                       run_stat);
