@@ -14,13 +14,13 @@ namespace qvol {
 
 namespace {
 
-bool is_reserved(const survey &in, u32 sector) {
-    return sector < in.vol.boot().reserved_sectors;
+bool is_reserved(const survey &checked, u32 sector) {
+    return sector < checked.vol.boot().reserved_sectors;
 }
 
-void add_finding(survey *in, const finding_kind &kind, std::string text, std::string remedy = "",
-                 std::function<void(repair_plan *)> repair = {}) {
-    in->add({&kind, NO_NODE, 0, std::move(text), std::move(remedy), std::move(repair)});
+void add_finding(survey *checked, const finding_kind &kind, std::string text,
+                 std::string remedy = "", std::function<void(repair_plan *)> repair = {}) {
+    checked->add({&kind, NO_NODE, 0, std::move(text), std::move(remedy), std::move(repair)});
 }
 
 // ---- boot sector ----
@@ -43,9 +43,9 @@ const finding_kind *finding_kind_of(contradiction_kind kind) {
     return &found::FIELDS;
 }
 
-void check_contradictions(survey *in) {
-    for (const contradiction &one : in->vol.contradictions()) {
-        add_finding(in, *finding_kind_of(one.kind), one.text);
+void check_contradictions(survey *checked) {
+    for (const contradiction &one : checked->vol.contradictions()) {
+        add_finding(checked, *finding_kind_of(one.kind), one.text);
     }
 }
 
@@ -57,17 +57,17 @@ bool is_same_boot_sector(const std::vector<u8> &boot, std::vector<u8> backup) {
 }
 
 // A backup with other locations of the areas is a contradiction and is not overwritten.
-void check_backup(survey *in) {
-    const u32 sector = in->vol.boot().backup_sector;
+void check_backup(survey *checked) {
+    const u32 sector = checked->vol.boot().backup_sector;
     const bool has_other_areas =
-        std::any_of(in->findings.begin(), in->findings.end(),
+        std::any_of(checked->findings.begin(), checked->findings.end(),
                     [](const finding &one) { return one.kind == &found::GEOMETRY; });
-    if (!is_sector_given(sector) || !is_reserved(*in, sector) || has_other_areas ||
+    if (!is_sector_given(sector) || !is_reserved(*checked, sector) || has_other_areas ||
         is_same_boot_sector(read_extent(0, 1), read_extent(sector, 1))) {
         return;
     }
     add_finding(
-        in, found::BACKUP,
+        checked, found::BACKUP,
         fmt::format("the backup boot sector (sector {}) differs from the boot sector", sector),
         "boot sector copied over it",
         [sector](repair_plan *plan) { plan->copy_boot_sector(sector); });
@@ -75,9 +75,9 @@ void check_backup(survey *in) {
 
 // ---- FSInfo ----
 
-bool has_fsinfo(const survey &in) {
-    const u32 sector = in.vol.boot().fsinfo_sector;
-    return is_sector_given(sector) && is_reserved(in, sector);
+bool has_fsinfo(const survey &checked) {
+    const u32 sector = checked.vol.boot().fsinfo_sector;
+    return is_sector_given(sector) && is_reserved(checked, sector);
 }
 
 bool has_signatures(const std::vector<u8> &fsinfo) {
@@ -86,10 +86,10 @@ bool has_signatures(const std::vector<u8> &fsinfo) {
            fat::load(fsinfo.data(), fat::FSINFO_TRAIL) == fat::FSINFO_TRAIL_SIGNATURE;
 }
 
-void check_fsinfo(survey *in) {
-    const u32 sector = in->vol.boot().fsinfo_sector;
-    if (has_fsinfo(*in) && !has_signatures(read_extent(sector, 1))) {
-        add_finding(in, found::FSINFO_SIGNATURE,
+void check_fsinfo(survey *checked) {
+    const u32 sector = checked->vol.boot().fsinfo_sector;
+    if (has_fsinfo(*checked) && !has_signatures(read_extent(sector, 1))) {
+        add_finding(checked, found::FSINFO_SIGNATURE,
                     fmt::format("FSInfo (sector {}): signature missing", sector), "rewritten",
                     [sector](repair_plan *plan) { plan->write_fsinfo(sector); });
     }
@@ -111,46 +111,47 @@ u32 value_mask() {
     return sv->fat_type == 32 ? fat::FAT32_VALUE_MASK : 0xFFFF;
 }
 
-void check_media(survey *in, u32 value) {
-    const u32 wanted = (0xFFFFFF00 | in->vol.boot().media) & value_mask();
+void check_media(survey *checked, u32 value) {
+    const u32 wanted = (0xFFFFFF00 | checked->vol.boot().media) & value_mask();
     if (value != wanted) {
         add_finding(
-            in, found::FAT_MEDIA,
+            checked, found::FAT_MEDIA,
             fmt::format("FAT entry 0 is {:#x}, should be {:#x} for this media byte", value, wanted),
             "corrected", [wanted](repair_plan *plan) { plan->set_fixed_entry(0, wanted); });
     }
 }
 
-void check_end_mark(survey *in, u32 value) {
+void check_end_mark(survey *checked, u32 value) {
     const state_bits bits = state_bits_of_type();
     if (!fat::is_end_of_chain(value | bits.is_clean | bits.has_no_errors)) {
         const u32 wanted = value_mask();
-        add_finding(in, found::FAT_END_MARK,
+        add_finding(checked, found::FAT_END_MARK,
                     fmt::format("FAT entry 1 is {:#x}, should be an end-of-chain mark", value),
                     "corrected", [wanted](repair_plan *plan) { plan->set_fixed_entry(1, wanted); });
     } else if ((value & bits.has_no_errors) == 0) {
-        add_finding(in, found::DIRTY, "error flag set: the medium reported I/O errors",
+        add_finding(checked, found::DIRTY, "error flag set: the medium reported I/O errors",
                     "flag cleared", [](repair_plan *plan) { plan->set_clean(); });
     } else if ((value & bits.is_clean) == 0) {
-        add_finding(in, found::DIRTY, "dirty flag set: not cleanly unmounted", "flag cleared",
+        add_finding(checked, found::DIRTY, "dirty flag set: not cleanly unmounted", "flag cleared",
                     [](repair_plan *plan) { plan->set_clean(); });
     }
 }
 
-void check_fixed_entries(survey *in) {
+void check_fixed_entries(survey *checked) {
     const std::vector<u8> fat = read_extent(sv->fat_start, 1);
     const u32 size = sv->fat_type / 8;
     const fat::field entries[] = {{"entry 0", 0, size}, {"entry 1", size, size}};
-    check_media(in, fat::load(fat.data(), entries[0]) & value_mask());
-    check_end_mark(in, fat::load(fat.data(), entries[1]) & value_mask());
+    check_media(checked, fat::load(fat.data(), entries[0]) & value_mask());
+    check_end_mark(checked, fat::load(fat.data(), entries[1]) & value_mask());
 }
 
 // Some systems store the dirty flag in the boot sector as well.
-void check_boot_flag(survey *in) {
+void check_boot_flag(survey *checked) {
     const u32 extended = sv->fat_type == 32 ? fat::EBR_OFFSET_FAT32 : fat::EBR_OFFSET_FAT16;
     if ((fat::load(read_extent(0, 1).data() + extended, fat::EBR_RESERVED) & 1) != 0) {
-        add_finding(in, found::DIRTY, "dirty flag set in the boot sector: not cleanly unmounted",
-                    "flag cleared", [](repair_plan *plan) { plan->set_clean(); });
+        add_finding(checked, found::DIRTY,
+                    "dirty flag set in the boot sector: not cleanly unmounted", "flag cleared",
+                    [](repair_plan *plan) { plan->set_clean(); });
     }
 }
 
@@ -159,38 +160,38 @@ bool is_mirroring_off(const std::vector<u8> &boot) {
     return sv->fat_type == 32 && (fat::load(boot.data(), fat::PBR32_EXTENDED_FLAGS) & 0x80) != 0;
 }
 
-void check_copies(survey *in) {
+void check_copies(survey *checked) {
     if (is_mirroring_off(read_extent(0, 1))) {
         return;
     }
-    for (const copy_difference &difference : in->table.compare_copies()) {
-        in->add({&found::FAT_COPIES, NO_NODE, difference.cluster,
-                 fmt::format("FAT copy {} differs from copy 0 in {}, first at cluster {}",
-                             difference.copy, counted(difference.sectors, "sector", "sectors"),
-                             difference.cluster),
-                 "copy 0 copied over it", [](repair_plan *plan) { plan->copy_first_fat(); }});
+    for (const copy_difference &difference : checked->table.compare_copies()) {
+        checked->add({&found::FAT_COPIES, NO_NODE, difference.cluster,
+                      fmt::format("FAT copy {} differs from copy 0 in {}, first at cluster {}",
+                                  difference.copy, counted(difference.sectors, "sector", "sectors"),
+                                  difference.cluster),
+                      "copy 0 copied over it", [](repair_plan *plan) { plan->copy_first_fat(); }});
     }
 }
 
 } // namespace
 
-void check_areas(survey *in) {
-    if (in->vol.boot().fat_copies == 0) {
+void check_areas(survey *checked) {
+    if (checked->vol.boot().fat_copies == 0) {
         throw error("cannot check the volume: it has 0 FAT copies, should have at least 1");
     }
-    check_contradictions(in);
-    check_backup(in);
-    check_boot_flag(in);
-    check_fsinfo(in);
-    check_fixed_entries(in);
-    check_copies(in);
+    check_contradictions(checked);
+    check_backup(checked);
+    check_boot_flag(checked);
+    check_fsinfo(checked);
+    check_fixed_entries(checked);
+    check_copies(checked);
 }
 
-void check_fsinfo_counts(survey *in) {
-    if (!has_fsinfo(*in)) {
+void check_fsinfo_counts(survey *checked) {
+    if (!has_fsinfo(*checked)) {
         return;
     }
-    const u32 sector = in->vol.boot().fsinfo_sector;
+    const u32 sector = checked->vol.boot().fsinfo_sector;
     const std::vector<u8> fsinfo = read_extent(sector, 1);
     const u32 free_count = fat::load(fsinfo.data(), fat::FSINFO_FREE_COUNT);
     const u32 next = fat::load(fsinfo.data(), fat::FSINFO_NEXT_FREE);
@@ -198,17 +199,18 @@ void check_fsinfo_counts(survey *in) {
     if (!has_signatures(fsinfo)) {
         return; // the repair writes the counts with them
     }
-    if (free_count != fat::FSINFO_UNKNOWN && free_count != in->table.free_count()) {
-        add_finding(in, found::FSINFO_FREE,
+    if (free_count != fat::FSINFO_UNKNOWN && free_count != checked->table.free_count()) {
+        add_finding(checked, found::FSINFO_FREE,
                     fmt::format("FSInfo free count is {}, should be {}", free_count,
-                                in->table.free_count()),
+                                checked->table.free_count()),
                     "corrected", repair);
     }
-    const bool is_cluster = next >= fat::FIRST_DATA_CLUSTER && next <= in->table.last_cluster();
+    const bool is_cluster =
+        next >= fat::FIRST_DATA_CLUSTER && next <= checked->table.last_cluster();
     if (next != fat::FSINFO_UNKNOWN && !is_cluster) {
-        add_finding(in, found::FSINFO_NEXT,
+        add_finding(checked, found::FSINFO_NEXT,
                     fmt::format("FSInfo next free cluster is {}, should be {} to {}", next,
-                                fat::FIRST_DATA_CLUSTER, in->table.last_cluster()),
+                                fat::FIRST_DATA_CLUSTER, checked->table.last_cluster()),
                     "corrected", repair);
     }
 }

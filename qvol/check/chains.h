@@ -26,11 +26,11 @@ struct claimed_chain {
     u32 past_image = 0; // the first of its clusters past the end of the image; 0: all are in it
 };
 
-[[nodiscard]] claimed_chain claim_chain(survey *in, u32 node, u32 start,
+[[nodiscard]] claimed_chain claim_chain(survey *checked, u32 node, u32 start,
                                         u32 limit = std::numeric_limits<u32>::max());
 
 // Claims the rest of a chain that ended at its limit.
-[[nodiscard]] claimed_chain claim_tail(survey *in, u32 node, const claimed_chain &head);
+[[nodiscard]] claimed_chain claim_tail(survey *checked, u32 node, const claimed_chain &head);
 
 // Image files may end after their last cluster in use.
 [[nodiscard]] bool is_in_image(u32 cluster);
@@ -39,9 +39,9 @@ struct claimed_chain {
 [[nodiscard]] std::vector<u32> claimed_clusters(fat_table *table, u32 start, u32 count);
 
 // The finding for a chain whose end is neither MARK nor LIMIT.
-[[nodiscard]] finding broken_chain(survey *in, u32 node, const claimed_chain &chain);
+[[nodiscard]] finding broken_chain(survey *checked, u32 node, const claimed_chain &chain);
 
 // Adds the findings of a chain whose clusters are all needed.
-void check_whole_chain(survey *in, u32 node, const claimed_chain &chain);
+void check_whole_chain(survey *checked, u32 node, const claimed_chain &chain);
 
 } // namespace qvol

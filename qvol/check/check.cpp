@@ -28,33 +28,33 @@ std::vector<u32> ranks_of(const survey &checked) {
 }
 
 // Areas first, then findings with a path, then lost clusters.
-void sort_findings(survey *in) {
-    const std::vector<u32> ranks = ranks_of(*in);
+void sort_findings(survey *checked) {
+    const std::vector<u32> ranks = ranks_of(*checked);
     const auto position = [&](const finding &one) {
         const u32 group = one.node != NO_NODE ? 1 : one.kind == &found::LOST ? 2 : 0;
         return std::pair(group, group == 1 ? ranks[one.node] : group == 2 ? one.cluster : 0);
     };
-    std::stable_sort(in->findings.begin(), in->findings.end(),
+    std::stable_sort(checked->findings.begin(), checked->findings.end(),
                      [&](const finding &a, const finding &b) { return position(a) < position(b); });
 }
 
-void run_all_checks(survey *in) {
-    check_areas(in);
-    check_directories(in);
-    check_files(in);
-    check_reserved_files(in);
-    check_fsinfo_counts(in);
-    check_lost_clusters(in);
-    sort_findings(in);
+void run_all_checks(survey *checked) {
+    check_areas(checked);
+    check_directories(checked);
+    check_files(checked);
+    check_reserved_files(checked);
+    check_fsinfo_counts(checked);
+    check_lost_clusters(checked);
+    sort_findings(checked);
 }
 
 // ---- the report ----
 
-reported_finding report_of(const survey &in, const finding &one) {
+reported_finding report_of(const survey &checked, const finding &one) {
     reported_finding result{one.kind->name, "", "", one.cluster, one.text, false, ""};
     if (one.node != NO_NODE) {
-        const name_path path = path_of(in, one.node);
-        result.path = shown_path(in.vol.names(), path);
+        const name_path path = path_of(checked, one.node);
+        result.path = shown_path(checked.vol.names(), path);
         result.json_path = json_path(path);
     }
     return result;

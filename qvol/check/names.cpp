@@ -20,8 +20,8 @@ bool is_short_name_byte(u8 byte) {
 }
 
 // Why the 11 bytes of the entry are not a valid short name, if they are not.
-std::optional<std::string> short_name_problem(const entry &checked) {
-    const short_name name = checked.alias();
+std::optional<std::string> short_name_problem(const entry &named) {
+    const short_name name = named.alias();
     if (name[0] == ' ') {
         return "begins with a space";
     }
@@ -31,8 +31,8 @@ std::optional<std::string> short_name_problem(const entry &checked) {
             return fmt::format("contains byte 0x{:02x}", name[i]);
         }
     }
-    const u32 case_bits = fat::load(checked.raw.data(), fat::SHORT_SYSID);
-    if (!checked.has_long_name && (case_bits & CASE_NO_SHORT_NAME) != 0) {
+    const u32 case_bits = fat::load(named.raw.data(), fat::SHORT_SYSID);
+    if (!named.has_long_name && (case_bits & CASE_NO_SHORT_NAME) != 0) {
         return fmt::format("case byte 0x{:02x} requires a long name", case_bits);
     }
     return std::nullopt;
@@ -40,7 +40,8 @@ std::optional<std::string> short_name_problem(const entry &checked) {
 
 class name_check {
 public:
-    name_check(survey *in, u32 directory) : in_(in), directory_(in->nodes[directory]) {}
+    name_check(survey *checked, u32 directory)
+        : checked_(checked), directory_(checked->nodes[directory]) {}
 
     void run() {
         for (u32 node = directory_.first_child; node < directory_.first_child + directory_.children;
@@ -52,11 +53,11 @@ public:
 
 private:
     void add_finding(const finding_kind &kind, u32 node, std::string text) {
-        in_->add({&kind, node, in_->nodes[node].dentry.start(), std::move(text), ""});
+        checked_->add({&kind, node, checked_->nodes[node].dentry.start(), std::move(text), ""});
     }
 
     void check_validity(u32 node) {
-        const entry &child = in_->nodes[node].dentry;
+        const entry &child = checked_->nodes[node].dentry;
         const std::optional<std::string> short_problem = short_name_problem(child);
         const std::optional<std::string> long_problem =
             child.has_long_name ? name_problem(child.name) : std::nullopt;
@@ -69,7 +70,7 @@ private:
     }
 
     void check_uniqueness(u32 node) {
-        const entry &child = in_->nodes[node].dentry;
+        const entry &child = checked_->nodes[node].dentry;
         const auto [named, is_new_name] = names_.try_emplace(fold_case(child.name), node);
         const std::u16string alias = short_name_units(child.alias(), 0);
         const auto [aliased, is_new_alias] = aliases_.try_emplace(alias, node);
@@ -78,15 +79,15 @@ private:
         } else if (!is_new_alias) {
             add_finding(found::DUPLICATE_SHORT, node,
                         fmt::format("same short name as {}: {}", shown(aliased->second),
-                                    in_->vol.names().shown(alias)));
+                                    checked_->vol.names().shown(alias)));
         }
     }
 
     [[nodiscard]] std::string shown(u32 node) const {
-        return shown_path(*in_, node);
+        return shown_path(*checked_, node);
     }
 
-    survey *in_;
+    survey *checked_;
     tree_node directory_;
     std::unordered_map<std::u16string, u32> names_; // folded; the first node that has it
     std::unordered_map<std::u16string, u32> aliases_;
@@ -94,8 +95,8 @@ private:
 
 } // namespace
 
-void check_names(survey *in, u32 directory) {
-    name_check(in, directory).run();
+void check_names(survey *checked, u32 directory) {
+    name_check(checked, directory).run();
 }
 
 } // namespace qvol

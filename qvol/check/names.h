@@ -7,6 +7,6 @@
 namespace qvol {
 
 // Finds invalid names and duplicate names among the children of a directory.
-void check_names(survey *in, u32 directory);
+void check_names(survey *checked, u32 directory);
 
 } // namespace qvol

@@ -17,18 +17,18 @@ constexpr char POOL_NAME[] = "ZUQ_POOLSY$";
 constexpr char LOG_NAME[] = "$ZUQ_LOGLO$";
 constexpr u32 LOG_BYTES = 128 * 1024; // at least; rounded up to full clusters
 
-bool is_file_of_root(const survey &in, u32 node, const char *name) {
-    const tree_node &candidate = in.nodes[node];
+bool is_file_of_root(const survey &checked, u32 node, const char *name) {
+    const tree_node &candidate = checked.nodes[node];
     return candidate.parent == ROOT_NODE && candidate.dentry.type() == kind::FILE &&
            std::memcmp(candidate.dentry.raw.data(), name, fat::SHORT_NAME.size) == 0;
 }
 
-void check_size(survey *in, u32 node, const finding_kind &kind, u32 wanted) {
-    const u32 size = in->nodes[node].dentry.size();
+void check_size(survey *checked, u32 node, const finding_kind &kind, u32 wanted) {
+    const u32 size = checked->nodes[node].dentry.size();
     if (size != wanted) {
-        in->add({&kind, node, in->nodes[node].dentry.start(),
-                 fmt::format("size is {}, should be {}", counted(size, "byte", "bytes"), wanted),
-                 ""});
+        checked->add(
+            {&kind, node, checked->nodes[node].dentry.start(),
+             fmt::format("size is {}, should be {}", counted(size, "byte", "bytes"), wanted), ""});
     }
 }
 
@@ -38,9 +38,9 @@ struct header_word {
     u32 value;
 };
 
-void check_pool_header(survey *in, u32 node) {
-    const entry &pool = in->nodes[node].dentry;
-    if (in->owners.get(pool.start()) != node + 1 || !is_in_image(pool.start())) {
+void check_pool_header(survey *checked, u32 node) {
+    const entry &pool = checked->nodes[node].dentry;
+    if (checked->owners.get(pool.start()) != node + 1 || !is_in_image(pool.start())) {
         return; // reported with the chain
     }
     constexpr u32 ALL_ONES = 0xFFFFFFFF;
@@ -53,28 +53,28 @@ void check_pool_header(survey *in, u32 node) {
     for (const header_word &word : words) {
         const u32 value = fat::load(header.data(), word.field);
         if (value != word.value) {
-            in->add({&found::POOL, node, pool.start(),
-                     fmt::format("header field at byte {} is {:#x}, should be {:#x}",
-                                 word.field.offset, value, word.value),
-                     ""});
+            checked->add({&found::POOL, node, pool.start(),
+                          fmt::format("header field at byte {} is {:#x}, should be {:#x}",
+                                      word.field.offset, value, word.value),
+                          ""});
         }
     }
 }
 
 } // namespace
 
-bool is_pool(const survey &in, u32 node) {
-    return is_file_of_root(in, node, POOL_NAME);
+bool is_pool(const survey &checked, u32 node) {
+    return is_file_of_root(checked, node, POOL_NAME);
 }
 
-void check_reserved_files(survey *in) {
-    const tree_node root = in->nodes[ROOT_NODE];
+void check_reserved_files(survey *checked) {
+    const tree_node root = checked->nodes[ROOT_NODE];
     for (u32 node = root.first_child; node < root.first_child + root.children; node++) {
-        if (is_pool(*in, node)) {
-            check_size(in, node, found::POOL, fat::cluster_bytes());
-            check_pool_header(in, node);
-        } else if (is_file_of_root(*in, node, LOG_NAME)) {
-            check_size(in, node, found::LOG, clusters_for(LOG_BYTES) * fat::cluster_bytes());
+        if (is_pool(*checked, node)) {
+            check_size(checked, node, found::POOL, fat::cluster_bytes());
+            check_pool_header(checked, node);
+        } else if (is_file_of_root(*checked, node, LOG_NAME)) {
+            check_size(checked, node, found::LOG, clusters_for(LOG_BYTES) * fat::cluster_bytes());
         }
     }
 }

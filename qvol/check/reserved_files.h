@@ -8,6 +8,6 @@ namespace qvol {
 
 // Intentional: the driver stores spare clusters in the chain of the pool, which is therefore longer
 // than the file size.
-[[nodiscard]] bool is_pool(const survey &in, u32 node);
+[[nodiscard]] bool is_pool(const survey &checked, u32 node);
 
 } // namespace qvol

@@ -67,16 +67,16 @@ inline constexpr u32 LOST_OWNER = std::numeric_limits<u32>::max();
 
 // The names from the root to the node. The first ones are left out of a path of hundreds of names,
 // which no healthy volume has: the size of the report stays in proportion to the volume.
-[[nodiscard]] name_path path_of(const survey &in, u32 node);
-[[nodiscard]] std::string shown_path(const survey &in, u32 node);
+[[nodiscard]] name_path path_of(const survey &checked, u32 node);
+[[nodiscard]] std::string shown_path(const survey &checked, u32 node);
 
 // ---- the steps, in their order ----
 
-void check_areas(survey *in);          // boot sector, FSInfo, the first two FAT entries, FAT copies
-void check_directories(survey *in);    // the tree, its names, the chains of directories
-void check_files(survey *in);          // the chains of files
-void check_reserved_files(survey *in); // pool and log
-void check_lost_clusters(survey *in);  // allocated clusters without an owner
-void check_fsinfo_counts(survey *in);
+void check_areas(survey *checked); // boot sector, FSInfo, the first two FAT entries, FAT copies
+void check_directories(survey *checked);    // the tree, its names, the chains of directories
+void check_files(survey *checked);          // the chains of files
+void check_reserved_files(survey *checked); // pool and log
+void check_lost_clusters(survey *checked);  // allocated clusters without an owner
+void check_fsinfo_counts(survey *checked);
 
 } // namespace qvol

@@ -28,7 +28,7 @@ struct dot {
 
 class directory_check {
 public:
-    directory_check(survey *in, u32 node) : in_(in), node_(node) {}
+    directory_check(survey *checked, u32 node) : checked_(checked), node_(node) {}
 
     // Returns the subdirectories, in the order of their names.
     std::vector<u32> run() {
@@ -45,7 +45,7 @@ public:
 
 private:
     [[nodiscard]] const entry &own_entry() const {
-        return in_->nodes[node_].dentry;
+        return checked_->nodes[node_].dentry;
     }
     [[nodiscard]] bool is_root() const {
         return node_ == ROOT_NODE;
@@ -55,13 +55,14 @@ private:
     }
     // The required first cluster of "..".
     [[nodiscard]] u32 parent_link() const {
-        const u32 parent = in_->nodes[node_].parent;
-        return parent == ROOT_NODE ? 0 : in_->nodes[parent].dentry.start();
+        const u32 parent = checked_->nodes[node_].parent;
+        return parent == ROOT_NODE ? 0 : checked_->nodes[parent].dentry.start();
     }
 
     void add_finding(const finding_kind &kind, u32 cluster, std::string text,
                      std::string remedy = "", std::function<void(repair_plan *)> repair = {}) {
-        in_->add({&kind, node_, cluster, std::move(text), std::move(remedy), std::move(repair)});
+        checked_->add(
+            {&kind, node_, cluster, std::move(text), std::move(remedy), std::move(repair)});
     }
 
     // ---- the chain ----
@@ -74,9 +75,9 @@ private:
             add_finding(found::CHAIN_MISSING, 0, "the directory has no cluster");
             return std::nullopt;
         }
-        const claimed_chain chain = claim_chain(in_, node_, start());
-        check_whole_chain(in_, node_, chain);
-        std::vector<u32> clusters = claimed_clusters(&in_->table, start(), chain.count);
+        const claimed_chain chain = claim_chain(checked_, node_, start());
+        check_whole_chain(checked_, node_, chain);
+        std::vector<u32> clusters = claimed_clusters(&checked_->table, start(), chain.count);
         clusters.erase(std::find_if_not(clusters.begin(), clusters.end(), is_in_image),
                        clusters.end());
         if (chain.count > clusters.size()) {
@@ -99,7 +100,7 @@ private:
         check_slots(space, content);
         check_labels(content);
         add_children(space, content);
-        check_names(in_, node_);
+        check_names(checked_, node_);
     }
 
     void check_size() {
@@ -108,7 +109,7 @@ private:
                         fmt::format("directory size is {}, should be 0",
                                     counted(own_entry().size(), "byte", "bytes")),
                         "size set to 0",
-                        [location = in_->nodes[node_].location](repair_plan *plan) {
+                        [location = checked_->nodes[node_].location](repair_plan *plan) {
                             plan->clear_size(location);
                         });
         }
@@ -218,7 +219,7 @@ private:
             return;
         }
         is_dot_[wanted.slot] = may_be_dot(space, there, wanted);
-        in_->nodes[node_].is_doubtful |= !is_dot_[wanted.slot];
+        checked_->nodes[node_].is_doubtful |= !is_dot_[wanted.slot];
         add_finding(found::DOT_MISSING, start(),
                     fmt::format("{} is missing from slot {}", wanted.text, wanted.slot),
                     "entry written", is_dot_[wanted.slot] ? rewrite_dot(space, wanted) : nullptr);
@@ -291,10 +292,10 @@ private:
         std::sort(children.begin(), children.end(), [](const entry &a, const entry &b) {
             return std::tie(a.name, a.slot) < std::tie(b.name, b.slot);
         });
-        in_->nodes[node_].first_child = static_cast<u32>(in_->nodes.size());
-        in_->nodes[node_].children = static_cast<u32>(children.size());
+        checked_->nodes[node_].first_child = static_cast<u32>(checked_->nodes.size());
+        checked_->nodes[node_].children = static_cast<u32>(children.size());
         for (const entry &child : children) {
-            in_->nodes.push_back({node_, child, space.location(child.slot)});
+            checked_->nodes.push_back({node_, child, space.location(child.slot)});
         }
     }
 
@@ -308,37 +309,37 @@ private:
 
     [[nodiscard]] std::vector<u32> subdirectories() const {
         std::vector<u32> found;
-        const tree_node &here = in_->nodes[node_];
+        const tree_node &here = checked_->nodes[node_];
         for (u32 node = here.first_child; node < here.first_child + here.children; node++) {
-            if (in_->nodes[node].dentry.is_directory()) {
+            if (checked_->nodes[node].dentry.is_directory()) {
                 found.push_back(node);
             }
         }
         return found;
     }
 
-    survey *in_;
+    survey *checked_;
     u32 node_;
     std::array<bool, fat::DOT_ENTRIES> is_dot_{}; // slots that are treated as dot entries
 };
 
 } // namespace
 
-void check_directories(survey *in) {
+void check_directories(survey *checked) {
     std::vector<u32> pending = {ROOT_NODE};
     while (!pending.empty()) {
         const u32 node = pending.back();
         pending.pop_back();
-        const std::vector<u32> below = directory_check(in, node).run();
+        const std::vector<u32> below = directory_check(checked, node).run();
         pending.insert(pending.end(), below.rbegin(), below.rend());
     }
 }
 
-name_path path_of(const survey &in, u32 node) {
+name_path path_of(const survey &checked, u32 node) {
     name_path path;
     u32 at = node;
-    for (; at != ROOT_NODE && path.size() < MAX_SHOWN_NAMES; at = in.nodes[at].parent) {
-        path.push_back(in.nodes[at].dentry.name);
+    for (; at != ROOT_NODE && path.size() < MAX_SHOWN_NAMES; at = checked.nodes[at].parent) {
+        path.push_back(checked.nodes[at].dentry.name);
     }
     if (at != ROOT_NODE) {
         path.emplace_back(u"...");
@@ -347,8 +348,8 @@ name_path path_of(const survey &in, u32 node) {
     return path;
 }
 
-std::string shown_path(const survey &in, u32 node) {
-    return shown_path(in.vol.names(), path_of(in, node));
+std::string shown_path(const survey &checked, u32 node) {
+    return shown_path(checked.vol.names(), path_of(checked, node));
 }
 
 } // namespace qvol
