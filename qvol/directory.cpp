@@ -110,7 +110,7 @@ directory::directory(fat_table &table, u32 start) : table_(&table) {
 
 void directory::load() {
     if (start_ == ROOT) {
-        bytes_ = read_run(sv->rdir_start, sv->data_start - sv->rdir_start);
+        bytes_ = read_extent(sv->rdir_start, sv->data_start - sv->rdir_start);
     } else {
         const u32 most = MAX_READ_BYTES / fat::cluster_bytes();
         clusters_ = table_->chain(start_, most + 1);
@@ -120,9 +120,9 @@ void directory::load() {
         }
         bytes_.resize(clusters_.size() * fat::cluster_bytes());
         std::size_t done = 0;
-        for (const cluster_run &run : runs_of(clusters_)) {
+        for (const cluster_extent &run : extents_of(clusters_)) {
             const std::size_t size = std::size_t{run.count} * fat::cluster_bytes();
-            read_run_into(sector_of_cluster(run.first), std::span(bytes_).subspan(done, size));
+            read_extent_into(sector_of_cluster(run.first), std::span(bytes_).subspan(done, size));
             done += size;
         }
     }
@@ -164,7 +164,7 @@ fat::dentry_location directory::location(u32 slot) const {
 // ---- reading ----------------------------------------------------------------------------------
 
 void directory::parse() {
-    long_name_run run;
+    name_assembler run;
     for (end_ = 0; end_ < capacity(); end_++) {
         const u8 *slot = slot_bytes(end_);
         if (slot[fat::SHORT_NAME.offset] == fat::NAME_UNUSED) {
@@ -412,9 +412,9 @@ void directory::write_dirty(u32 first_sector, u32 end_sector) {
                sector_of(end) == sector_of(first) + end - first) {
             is_dirty_[end++] = false;
         }
-        write_run(sector_of(first),
-                  std::span(bytes_).subspan(std::size_t{first} * sv->sector_size,
-                                            std::size_t{end - first} * sv->sector_size));
+        write_extent(sector_of(first),
+                     std::span(bytes_).subspan(std::size_t{first} * sv->sector_size,
+                                               std::size_t{end - first} * sv->sector_size));
         first = end - 1;
     }
 }

@@ -48,15 +48,15 @@ std::vector<u32> clusters_of_file(fat_table &table, u32 start, u64 size) {
 void read_data(std::span<const u32> clusters, u64 size,
                const std::function<void(std::span<const u8>)> &take) {
     std::vector<u8> piece(std::size_t{clusters_per_piece()} * fat::cluster_bytes());
-    for (const cluster_run &run : runs_of(clusters)) {
-        for (u32 done = 0; done < run.count && size > 0;) {
-            const u32 count = std::min(run.count - done, clusters_per_piece());
+    for (const cluster_extent &extent : extents_of(clusters)) {
+        for (u32 done = 0; done < extent.count && size > 0;) {
+            const u32 count = std::min(extent.count - done, clusters_per_piece());
             const std::span bytes =
                 std::span(piece).first(std::size_t{count} * fat::cluster_bytes());
             const std::size_t wanted = static_cast<std::size_t>(std::min<u64>(size, bytes.size()));
             const std::size_t sectors =
                 (wanted + sv->sector_size - 1) / sv->sector_size * sv->sector_size;
-            read_run_into(sector_of_cluster(run.first + done), bytes.first(sectors));
+            read_extent_into(sector_of_cluster(extent.first + done), bytes.first(sectors));
             take(bytes.first(wanted));
             size -= wanted;
             done += count;
@@ -123,7 +123,7 @@ void data_writer::end() {
 
 void data_writer::flush() {
     if (!skips_zeros_ || !is_zero(buffer_)) {
-        write_run(sector_, buffer_);
+        write_extent(sector_, buffer_);
     }
     sector_ += buffer_.size() / sv->sector_size;
     buffer_.clear();

@@ -58,14 +58,14 @@ std::string padded(std::string text) {
 
 // The formatter makes a blank label entry, which checkers remark on.
 void set_label_entry(const std::string &label) {
-    std::vector<u8> sector = read_run(sv->rdir_start, 1);
+    std::vector<u8> sector = read_extent(sv->rdir_start, 1);
     if (label.empty()) {
         std::fill_n(sector.begin(), fat::DENTRY_SIZE, u8{0});
     } else {
         const std::string text = padded(label);
         (void)fat::set_volume_entry(sector.data(), reinterpret_cast<const u8 *>(text.data()));
     }
-    write_run(sv->rdir_start, sector);
+    write_extent(sv->rdir_start, sector);
 }
 
 // ---- the boot sector of a device ----
@@ -134,7 +134,7 @@ deferred_boot_sector::~deferred_boot_sector() {
 
 void deferred_boot_sector::release() {
     write_sectors = write_device;
-    write_run(0, boot_sector);
+    write_extent(0, boot_sector);
     where_.sync();
 }
 

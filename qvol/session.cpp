@@ -185,7 +185,7 @@ void refuse_unsupported(const target &where) {
 std::vector<contradiction> contradictions_on(const target &where) {
     const std::optional<u64> device_bytes =
         where.is_device() ? std::optional(where.size()) : std::nullopt;
-    return contradictions_of(read_run(0, 1), device_bytes);
+    return contradictions_of(read_extent(0, 1), device_bytes);
 }
 
 void refuse_contradictions(const target &where) {
@@ -217,7 +217,7 @@ boot_fields mount(const target &where, mounted wanted) {
                                 "shows how",
                                 shown_bytes(where.path())));
     }
-    return parse_boot_sector(read_run(0, 1));
+    return parse_boot_sector(read_extent(0, 1));
 }
 
 bool is_fsinfo(const std::vector<u8> &sector) {
@@ -352,7 +352,7 @@ void volume::abandon() {
 
 // A sector without the signatures is not changed: it may contain something else.
 void volume::write_fsinfo() {
-    std::vector<u8> sector = read_run(boot_.fsinfo_sector, 1);
+    std::vector<u8> sector = read_extent(boot_.fsinfo_sector, 1);
     if (!is_fsinfo(sector)) {
         return;
     }
@@ -360,7 +360,7 @@ void volume::write_fsinfo() {
     fat::store(sector.data(), fat::FSINFO_FREE_COUNT, fat_.free_count());
     fat::store(sector.data(), fat::FSINFO_NEXT_FREE, fat_.next_free());
     if (sector != before) {
-        write_run(boot_.fsinfo_sector, sector);
+        write_extent(boot_.fsinfo_sector, sector);
     }
 }
 

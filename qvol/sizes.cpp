@@ -18,7 +18,8 @@ u64 parse_size(const std::string &option, const std::string &text) {
     const std::size_t unit = std::string_view("KMGkmg").find(rest != end ? *rest : '\0');
     const bool has_unit = rest != end && rest + 1 == end && unit != std::string_view::npos;
     const u64 factor = has_unit ? u64{1} << (10 * (unit % 3 + 1)) : 1;
-    if (failure != std::errc() || (rest != end && !has_unit) || number > MOST_BYTES / factor) {
+    if (failure != std::errc() || (rest != end && !has_unit) ||
+        number > MAX_VOLUME_BYTES / factor) {
         throw usage_error(
             fmt::format("{} {}: not a size such as 4096, 64M or 2G", option, shown_bytes(text)));
     }

@@ -396,14 +396,12 @@ TEST_F(QvolBuild, TakesFat32WhereTheRootDirectoryIsLong) {
     EXPECT_EQ(json::parse(said("info", {"--json"}))["fat_type"], 32);
     EXPECT_EQ(build({"--size", "40M", "--from", tree_, "--fat", "16", "--force"}),
               (outcome{1, "",
-                       "qvol: " + tree_ +
-                           " has names at its top that take 600 entries, the root directory of a "
-                           "FAT16 volume has 512; use --fat 32\n"}));
+                       "qvol: no space in the root directory: " + tree_ +
+                           " needs 600 entries, FAT16 has 512; use --fat 32\n"}));
     EXPECT_EQ(build({"--size", "8M", "--from", tree_, "--force"}),
               (outcome{1, "",
-                       "qvol: " + tree_ +
-                           " has names at its top that take 600 entries, the root directory of a "
-                           "FAT16 volume has 512; use --size 33M\n"}));
+                       "qvol: no space in the root directory: " + tree_ +
+                           " needs 600 entries, FAT16 has 512; use --size 33M\n"}));
     build_tree("33M");
 }
 
@@ -439,8 +437,8 @@ TEST_F(QvolBuildRefusal, TellsWhatDoesNotGoTogether) {
         {{"--size", "1M", "--sector", "4096"},
          "a volume of 1.0 MiB cannot be FAT16 or FAT32" + rule + "--size 16M"},
         {{"--size", "3000G"},
-         "a volume has 4294967294 sectors at most, with 512 bytes each that is 2.0 TiB; use larger "
-         "ones with --sector, or a smaller --size"},
+         "a volume of 2.9 TiB is too large: with sectors of 512 bytes the maximum is 2.0 TiB; use a "
+         "larger --sector or a smaller --size"},
         {{"--size", "auto", "--fat", "32", "--cluster", "4K", "--from", "/no/such"},
          "cannot read directory /no/such: No such file or directory"},
     };
@@ -454,7 +452,8 @@ TEST_F(QvolBuildRefusal, TellsWhatNoFat16Holds) {
         (void)scratch_.sparse_file("tree/file" + std::to_string(i), std::uint64_t{1} << 30);
     }
     EXPECT_EQ(refusal({"--size", "auto", "--from", tree_, "--fat", "16"}),
-              "qvol: no volume of FAT16 holds " + tree_ + "; leave out --fat and --cluster\n");
+              "qvol: no volume of type FAT16 can hold " + tree_ +
+                  "; leave out --fat and --cluster\n");
 }
 
 TEST_F(QvolBuildRefusal, TakesNoNonsenseForANumber) {

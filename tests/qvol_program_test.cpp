@@ -82,7 +82,7 @@ TEST_F(Qvol16, KeepsTheLibraryQuietUnlessAsked) {
     said("mkdir", {"/dir"});
     EXPECT_EQ(qvol("stat", {"/dir"}).err, "");
     said("pool");
-    const std::string refusal = "qvol: /ZUQ_POOL.SY$: exists\n";
+    const std::string refusal = "qvol: cannot make /ZUQ_POOL.SY$: File exists\n";
     EXPECT_EQ(qvol("pool").err, refusal);
     const std::string all = qvol("pool", {"--verbose"}).err;
     EXPECT_TRUE(all.ends_with(refusal) && all.size() > refusal.size()) << all;
@@ -574,7 +574,7 @@ TEST_F(Qvol16, OwnerNamesThePathOfACluster) {
     said("put", {host_file("file", std::string(5000, 'x')), "/dir"});
     EXPECT_EQ(qvol("owner", {"2"}), (outcome{0, "/dir\n", ""}));
     EXPECT_EQ(qvol("owner", {"5"}), (outcome{0, "/dir/file\n", ""}));
-    EXPECT_EQ(qvol("owner", {"6"}), (outcome{1, "", "qvol: cluster 6 is free\n"}));
+    EXPECT_EQ(qvol("owner", {"6"}), (outcome{1, "", "qvol: cluster 6 has no owner: it is free\n"}));
     EXPECT_EQ(qvol("owner", {"1"}).status, 1);
 }
 
@@ -632,7 +632,7 @@ TEST_P(QvolBoth, MakesPoolAndLogThatTheJudgesAccept) {
     said("pool");
     said("log");
     EXPECT_EQ(said("ls"), "$ZUQ_LOG.LO$\nZUQ_POOL.SY$\n");
-    EXPECT_EQ(qvol("pool"), (outcome{1, "", "qvol: /ZUQ_POOL.SY$: exists\n"}));
+    EXPECT_EQ(qvol("pool"), (outcome{1, "", "qvol: cannot make /ZUQ_POOL.SY$: File exists\n"}));
     expect_clean();
 }
 
@@ -644,7 +644,7 @@ TEST_P(QvolBoth, MirrorMakesTheCopiesEqual) {
     const std::size_t second = (layout.fat_start + layout.fat_size) * layout.sector_size;
     image.at(second + 40) ^= 0xFF;
     (void)scratch_.file_with("disk.img", image);
-    EXPECT_EQ(said("mirror"), "1 sector of FAT copies changed\n");
+    EXPECT_EQ(said("mirror"), "1 sector of the FAT copies changed\n");
     expect_clean();
 }
 

@@ -228,7 +228,7 @@ build_result build_on_device(const common_options &common, const build_options &
         completed.size = std::to_string(where.size());
     }
     shape_request request = parse_shape(completed, where.sector_bytes());
-    request.most_bytes = where.size();
+    request.max_bytes = where.size();
     if (request.bytes > where.size()) {
         throw error(fmt::format("--size {}: larger than {}, which has {}", options.size,
                                 shown_bytes(common.image), shown_size(where.size())));
