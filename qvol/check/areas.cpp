@@ -165,11 +165,13 @@ void check_copies(survey *checked) {
         return;
     }
     for (const copy_difference &difference : checked->table.compare_copies()) {
-        checked->add({&found::FAT_COPIES, NO_NODE, difference.cluster,
-                      fmt::format("FAT copy {} differs from copy 0 in {}, first at cluster {}",
-                                  difference.copy, counted(difference.sectors, "sector", "sectors"),
-                                  difference.cluster),
-                      "copy 0 copied over it", [](repair_plan *plan) { plan->copy_first_fat(); }});
+        checked->add(
+            {&found::FAT_COPIES, NO_NODE, difference.cluster,
+             fmt::format("FAT copy {} differs from copy 0 in {}, first at {} {}", difference.copy,
+                         counted(difference.sectors, "sector", "sectors"),
+                         difference.cluster < fat::FIRST_DATA_CLUSTER ? "entry" : "cluster",
+                         difference.cluster),
+             "copy 0 copied over it", [](repair_plan *plan) { plan->copy_first_fat(); }});
     }
 }
 
