@@ -1,4 +1,4 @@
-// The areas of the open volume, and how they lie on the pages of a flash.
+// The areas of the open volume, and their alignment to the pages of a flash.
 
 #pragma once
 

@@ -12,7 +12,7 @@ namespace qvol {
 
 namespace {
 
-constexpr u32 NO_SECTOR = 0xFFFF; // as 0
+constexpr u32 NO_SECTOR = 0xFFFF; // the same as 0
 constexpr u32 MIRRORING_OFF = 0x80;
 constexpr u32 ACTIVE_FAT_MASK = 0x0F;
 constexpr u32 FAT32_MAX_CLUSTERS = fat::FAT32_BAD - fat::FIRST_DATA_CLUSTER;
@@ -39,12 +39,13 @@ struct boot_numbers {
           fat_size_16(fat::load(boot, fat::PBR_FAT_SIZE_16)),
           fat_size_32(fat::load(boot, fat::PBR32_FAT_SIZE)) {}
 
-    // The layout that other systems go by: the cluster count decides between FAT12 and FAT16 only.
+    // The layout by the rule of other systems, where the cluster count only decides between FAT12
+    // and FAT16.
     [[nodiscard]] bool has_fat32_layout() const {
         return fat_size_16 == 0;
     }
 
-    // Nothing where the numbers describe no volume.
+    // No value if the numbers do not describe a volume.
     [[nodiscard]] std::optional<u64> clusters() const {
         const u32 fat_size = has_fat32_layout() ? fat_size_32 : fat_size_16;
         const bool is_32_first = has_fat32_layout() && total_32 != 0;
@@ -61,16 +62,17 @@ struct boot_numbers {
 
 std::string unsupported_fat32(u64 clusters, u32 root_entries) {
     if (clusters > FAT32_MAX_CLUSTERS) {
-        return fmt::format("has a boot sector that contradicts itself: {} clusters, FAT32 has at "
-                           "most {}",
-                           clusters, FAT32_MAX_CLUSTERS);
+        return fmt::format(
+            "has a boot sector that contradicts itself: it has {} clusters, FAT32 has "
+            "at most {}",
+            clusters, FAT32_MAX_CLUSTERS);
     }
     if (clusters >= fat::FAT32_MIN_CLUSTERS) {
         return "";
     }
     if (root_entries != 0) {
-        return fmt::format("has a boot sector that contradicts itself: by its {} clusters it is "
-                           "FAT16, by its 16-bit FAT size of 0 FAT32",
+        return fmt::format("has a boot sector that contradicts itself: {} clusters are FAT16, a "
+                           "16-bit FAT size of 0 is FAT32",
                            clusters);
     }
     return fmt::format("is a FAT32 volume with {} clusters; FAT32 with fewer than {} clusters is "
@@ -80,8 +82,8 @@ std::string unsupported_fat32(u64 clusters, u32 root_entries) {
 
 std::string unsupported_fat16(u64 clusters, const boot_numbers &boot) {
     if (clusters >= fat::FAT32_MIN_CLUSTERS) {
-        return fmt::format("has a boot sector that contradicts itself: by its {} clusters it is "
-                           "FAT32, by its 16-bit FAT size of {} FAT16",
+        return fmt::format("has a boot sector that contradicts itself: {} clusters are FAT32, a "
+                           "16-bit FAT size of {} is FAT16",
                            clusters, boot.fat_size_16);
     }
     if (clusters < fat::FAT16_MIN_CLUSTERS) {
@@ -90,9 +92,10 @@ std::string unsupported_fat16(u64 clusters, const boot_numbers &boot) {
                            clusters, fat::FAT16_MIN_CLUSTERS);
     }
     if (boot.root_entries == 0) {
-        return fmt::format("has a boot sector that contradicts itself: by its {} clusters it is "
-                           "FAT16, but it has 0 root entries",
-                           clusters);
+        return fmt::format(
+            "has a boot sector that contradicts itself: {} clusters are FAT16, 0 root "
+            "entries are FAT32",
+            clusters);
     }
     return "";
 }
@@ -104,24 +107,24 @@ using contradictions = std::vector<contradiction>;
 void compare_sizes(const boot_numbers &boot, contradictions *found) {
     if (boot.total_16 != 0 && boot.total_32 != 0 && boot.total_16 != boot.total_32) {
         found->push_back(
-            {contradicted::FIELDS,
-             fmt::format("the 16-bit total is {} sectors, the 32-bit total {}; both have to be "
+            {contradiction_kind::FIELDS,
+             fmt::format("the 16-bit total is {} sectors and the 32-bit total is {}, should be "
                          "equal, or one of them 0",
                          boot.total_16, boot.total_32)});
     }
     if (!std::has_single_bit(boot.cluster_sectors)) {
-        found->push_back(
-            {contradicted::FIELDS, fmt::format("a cluster has {} sectors, should be a power of two",
-                                               boot.cluster_sectors)});
+        found->push_back({contradiction_kind::FIELDS,
+                          fmt::format("a cluster has {} sectors, should be a power of two",
+                                      boot.cluster_sectors)});
     }
     if (boot.reserved == 0) {
-        found->push_back({contradicted::FIELDS,
+        found->push_back({contradiction_kind::FIELDS,
                           "the volume has 0 reserved sectors, should be at least 1 for the boot "
                           "sector"});
     }
     if (boot.fat_copies == 0) {
         found->push_back(
-            {contradicted::FIELDS, "the volume has 0 FAT copies, should be at least 1"});
+            {contradiction_kind::FIELDS, "the volume has 0 FAT copies, should be at least 1"});
     }
 }
 
@@ -130,9 +133,9 @@ void compare_fat_size(contradictions *found) {
     const u64 entries = u64{sv->fat_size} * sv->sector_size / entry_bytes;
     const u64 wanted = u64{sv->num_clusters} + fat::FIRST_DATA_CLUSTER;
     if (entries < wanted) {
-        found->push_back(
-            {contradicted::FAT_SIZE, fmt::format("the FAT ends with cluster {}, the volume with {}",
-                                                 entries - 1, wanted - 1)});
+        found->push_back({contradiction_kind::FAT_SIZE,
+                          fmt::format("the last cluster of the FAT is {}, should be at least {}",
+                                      entries - 1, wanted - 1)});
     }
 }
 
@@ -140,22 +143,23 @@ void compare_device(u64 device_bytes, contradictions *found) {
     const u64 device_sectors = device_bytes / sv->sector_size;
     if (device_sectors < sv->total_sectors) {
         found->push_back(
-            {contradicted::FIELDS, fmt::format("the volume has {} sectors, the device has {}",
-                                               sv->total_sectors, device_sectors)});
+            {contradiction_kind::FIELDS,
+             fmt::format("the volume has {} sectors, should have at most {} on this device",
+                         sv->total_sectors, device_sectors)});
     }
 }
 
 void compare_root(const boot_numbers &boot, contradictions *found) {
     if (boot.root_entries != 0) {
         found->push_back(
-            {contradicted::FIELDS,
+            {contradiction_kind::FIELDS,
              fmt::format("a FAT32 volume has {} root entries, should be 0", boot.root_entries)});
     }
     const u64 last = u64{sv->num_clusters} + fat::FIRST_DATA_CLUSTER - 1;
     if (sv->root_clus < fat::FIRST_DATA_CLUSTER || sv->root_clus > last) {
-        found->push_back({contradicted::FIELDS,
-                          fmt::format("the root directory begins in cluster {}, the volume has "
-                                      "clusters {} to {}",
+        found->push_back({contradiction_kind::FIELDS,
+                          fmt::format("the first cluster of the root directory is {}, should be "
+                                      "{} to {}",
                                       sv->root_clus, fat::FIRST_DATA_CLUSTER, last)});
     }
 }
@@ -165,16 +169,18 @@ void compare_active_fat(const u8 *boot, u32 fat_copies, contradictions *found) {
     const u32 active = (flags & MIRRORING_OFF) != 0 ? flags & ACTIVE_FAT_MASK : 0;
     if (active >= fat_copies && active != 0) {
         found->push_back(
-            {contradicted::FIELDS,
-             fmt::format("FAT copy {} is the one in use, the volume has {}", active, fat_copies)});
+            {contradiction_kind::FIELDS,
+             fmt::format("the active FAT copy is {}, should be less than {}, the number of copies",
+                         active, fat_copies)});
     } else if (active != 0) {
         found->push_back(
-            {contradicted::ACTIVE_FAT,
-             fmt::format("FAT copy {} is the one in use; only copy 0 is supported", active)});
+            {contradiction_kind::ACTIVE_FAT,
+             fmt::format("the active FAT copy is {}, should be 0: others are not supported",
+                         active)});
     }
 }
 
-// Fields that the places of all areas follow from.
+// Fields that determine the locations of all areas.
 constexpr fat::field GEOMETRY_FIELDS[] = {
     fat::PBR_BYTES_PER_SECTOR, fat::PBR_SECTORS_PER_CLUSTER, fat::PBR_RESERVED_SECTORS,
     fat::PBR_NUMBER_OF_FATS,   fat::PBR_ROOT_ENTRIES,        fat::PBR_TOTAL_SECTORS_16,
@@ -189,7 +195,7 @@ bool is_boot_sector(const u8 *sector) {
            fat::load(sector, fat::PBR_SECTORS_PER_CLUSTER) != 0;
 }
 
-bool place_areas_alike(const u8 *boot, const u8 *backup) {
+bool have_same_areas(const u8 *boot, const u8 *backup) {
     return std::all_of(std::begin(GEOMETRY_FIELDS), std::end(GEOMETRY_FIELDS),
                        [&](const fat::field &field) {
                            return fat::load(boot, field) == fat::load(backup, field);
@@ -197,11 +203,11 @@ bool place_areas_alike(const u8 *boot, const u8 *backup) {
 }
 
 void compare_backup(const u8 *boot, u32 sector, contradictions *found) {
-    const std::vector<u8> backup = read_run(sector, 1);
-    if (is_boot_sector(backup.data()) && !place_areas_alike(boot, backup.data())) {
+    const std::vector<u8> backup = read_extent(sector, 1);
+    if (is_boot_sector(backup.data()) && !have_same_areas(boot, backup.data())) {
         found->push_back(
-            {contradicted::GEOMETRY,
-             fmt::format("the boot sector and its backup in sector {} place the areas differently",
+            {contradiction_kind::GEOMETRY,
+             fmt::format("the boot sector and its backup in sector {} describe different areas",
                          sector)});
     }
 }
@@ -209,29 +215,29 @@ void compare_backup(const u8 *boot, u32 sector, contradictions *found) {
 void compare_reserved_sectors(const u8 *boot, u32 reserved, contradictions *found) {
     const u32 backup = fat::load(boot, fat::PBR32_BACKUP_SECTOR);
     const u32 fsinfo = fat::load(boot, fat::PBR32_FSINFO_SECTOR);
-    if (is_sector_named(backup) && backup >= reserved) {
-        found->push_back({contradicted::BACKUP_PLACE,
-                          fmt::format("the boot sector has its backup in sector {}, which is none "
-                                      "of the reserved ones",
-                                      backup)});
-    } else if (is_sector_named(backup) && backup == fsinfo) {
+    if (is_sector_given(backup) && backup >= reserved) {
+        found->push_back({contradiction_kind::BACKUP_LOCATION,
+                          fmt::format("the backup boot sector is in sector {}, should be in a "
+                                      "reserved sector (below {})",
+                                      backup, reserved)});
+    } else if (is_sector_given(backup) && backup == fsinfo) {
         found->push_back(
-            {contradicted::FIELDS,
-             fmt::format("FSInfo and the backup of the boot sector are both in sector {}",
-                         backup)});
-    } else if (is_sector_named(backup)) {
+            {contradiction_kind::FIELDS,
+             fmt::format("FSInfo and the backup boot sector are both in sector {}", backup)});
+    } else if (is_sector_given(backup)) {
         compare_backup(boot, backup, found);
     }
-    if (is_sector_named(fsinfo) && fsinfo >= reserved) {
+    if (is_sector_given(fsinfo) && fsinfo >= reserved) {
         found->push_back(
-            {contradicted::FSINFO_PLACE,
-             fmt::format("FSInfo lies in sector {}, which is none of the reserved ones", fsinfo)});
+            {contradiction_kind::FSINFO_LOCATION,
+             fmt::format("FSInfo is in sector {}, should be in a reserved sector (below {})",
+                         fsinfo, reserved)});
     }
 }
 
 } // namespace
 
-bool is_sector_named(u32 sector) {
+bool is_sector_given(u32 sector) {
     return sector != 0 && sector != NO_SECTOR;
 }
 

@@ -1,8 +1,8 @@
-// The numbers of a boot sector, compared with each other: which volumes are not supported, and on
-// which nothing may be written.
+// Consistency checks of a boot sector: which volumes are not supported, and on which nothing may be
+// written.
 //
-// The library mounts what it can compute with. A boot sector whose numbers contradict each other
-// does not show where the areas are, so that a write could go anywhere.
+// The library mounts every volume whose numbers it can compute with. If the numbers contradict each
+// other, the locations of the areas are unknown, and a write could destroy anything.
 
 #pragma once
 
@@ -19,16 +19,23 @@ using fat::u32;
 using fat::u64;
 using fat::u8;
 
-// What a contradiction is about; "qvol check" has a kind of finding for each.
-enum class contradicted { FIELDS, FAT_SIZE, FSINFO_PLACE, BACKUP_PLACE, GEOMETRY, ACTIVE_FAT };
+// The subject of a contradiction; "qvol check" has a kind of finding for each.
+enum class contradiction_kind {
+    FIELDS,
+    FAT_SIZE,
+    FSINFO_LOCATION,
+    BACKUP_LOCATION,
+    GEOMETRY,
+    ACTIVE_FAT
+};
 
 struct contradiction {
-    contradicted about;
+    contradiction_kind kind;
     std::string text;
 };
 
-// Why no command works with a volume that has this boot sector, although its numbers describe one:
-// "is a FAT12 volume with ...". "" for a supported volume, and for a sector that describes none.
+// Why no command supports the volume with this boot sector: "is a FAT12 volume with ...". "" for a
+// supported volume, and for a sector that does not describe a volume.
 [[nodiscard]] std::string unsupported_volume(std::span<const u8> boot);
 
 // Why nothing may be written on the mounted volume. `device_bytes` is the size of a block device;
@@ -36,7 +43,7 @@ struct contradiction {
 [[nodiscard]] std::vector<contradiction> contradictions_of(std::span<const u8> boot,
                                                            std::optional<u64> device_bytes);
 
-// Whether a field for the number of a sector names one: 0 and 0xFFFF do not.
-[[nodiscard]] bool is_sector_named(u32 sector);
+// Whether a field with a sector number is in use: 0 and 0xFFFF mean "no sector".
+[[nodiscard]] bool is_sector_given(u32 sector);
 
 } // namespace qvol

@@ -11,7 +11,7 @@
 
 namespace qvol {
 
-// ---- declaring --------------------------------------------------------------------------------
+// ---- declarations -----------------------------------------------------------------------------
 
 const declared_option &declared_option::required() const {
     option_->required();
@@ -93,13 +93,15 @@ namespace {
 
 void add_common_options(const declared_command &command, common_options *common) {
     command.value("IMAGE", &common->image, "Image file or block device").required();
-    command.flag("--json", &common->out.is_json, "One JSON document on standard output");
-    command.flag("--quiet,-q", &common->out.is_quiet, "Only what was asked for, and errors");
-    command.flag("--verbose,-v", &common->out.is_verbose, "The library's diagnostics as well");
-    command.value("--encoding", &common->encoding, "Encoding of names (default UTF-8)");
+    command.flag("--json", &common->out.is_json, "Print one JSON document to standard output");
+    command.flag("--quiet,-q", &common->out.is_quiet,
+                 "Print only the requested output, and errors");
+    command.flag("--verbose,-v", &common->out.is_verbose,
+                 "Print the library's diagnostics as well");
+    command.value("--encoding", &common->encoding, "Encoding of names on the host (default UTF-8)");
 }
 
-int run_chosen(const std::function<int()> &work) {
+int run_and_report(const std::function<int()> &work) {
     try {
         const int status = work();
         finish_output();
@@ -110,15 +112,15 @@ int run_chosen(const std::function<int()> &work) {
     } catch (const error &failure) {
         report(failure);
     } catch (const std::bad_alloc &) {
-        report(std::string("no memory"));
+        report(std::string("out of memory"));
     } catch (const std::exception &failure) {
-        report(std::string("unexpected failure: ") + failure.what());
+        report(std::string("unexpected error: ") + failure.what());
     }
     return EXIT_FAILED;
 }
 
-// A request for help, or what is wrong with the command line.
-int print_instead(const CLI::App &app, const CLI::ParseError &why) {
+// Prints the help if it was requested, else the error in the command line.
+int print_help_or_error(const CLI::App &app, const CLI::ParseError &why) {
     std::ostringstream out;
     std::ostringstream err;
     const int status = app.exit(why, out, err) == 0 ? EXIT_DONE : EXIT_USAGE;
@@ -131,13 +133,13 @@ int print_instead(const CLI::App &app, const CLI::ParseError &why) {
 
 command_line::command_line()
     : app_(std::make_unique<CLI::App>(
-          "Builds, looks into and changes FAT16 and FAT32 volumes in image files and on block "
+          "Builds, inspects and changes FAT16 and FAT32 volumes in image files and on block "
           "devices.",
           "qvol")) {
     app_->require_subcommand(1);
     app_->set_version_flag("--version", "qvol " QVOL_VERSION);
     app_->footer("Exit status: 0 done, 1 failed, 2 wrong usage.\n"
-                 "\"qvol COMMAND --help\" tells about a command.");
+                 "\"qvol COMMAND --help\" describes a command and its options.");
 }
 
 command_line::~command_line() = default;
@@ -156,12 +158,12 @@ int command_line::run(int argc, char **argv) {
     try {
         app_->parse(argc, argv);
     } catch (const CLI::ParseError &failure) {
-        return run_chosen([&] { return print_instead(*app_, failure); });
+        return run_and_report([&] { return print_help_or_error(*app_, failure); });
     }
     if (!common_.out.is_verbose) {
         fat_set_diagnostics(nullptr);
     }
-    return run_chosen([this] {
+    return run_and_report([this] {
         set_up_clock();
         return chosen_(common_);
     });

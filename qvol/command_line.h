@@ -1,4 +1,4 @@
-// The command line: how commands declare themselves and their options, and which one was chosen.
+// The command line: commands declare themselves and their options; run() calls the chosen one.
 //
 //     struct copy_options {
 //         std::vector<std::string> paths;
@@ -11,7 +11,7 @@
 //         const auto [copy, options] =
 //             commands->add({"copy", "Copy files", "  qvol copy flash.img /a /b"}, run_copy);
 //         copy.list("PATH", &options->paths, "Files to copy").required();
-//         copy.flag("-f,--force", &options->is_forced, "Replace files that exist");
+//         copy.flag("-f,--force", &options->is_forced, "Replace existing files");
 //     }
 
 #pragma once
@@ -33,21 +33,21 @@ class Option;
 
 namespace qvol {
 
-// Options that every command takes, and the image.
+// IMAGE and the options of every command.
 struct common_options {
     std::string image;
     std::string encoding = "UTF-8";
     output out;
 };
 
-// How a command describes itself.
+// Name, summary and examples of a command, for the help.
 struct command_text {
     const char *name;
     const char *summary;
-    const char *examples; // lines, shown below its options
+    const char *examples; // lines, printed after its options
 };
 
-// An option of a command; each call adds a rule.
+// An option of a command. Each call adds a constraint.
 class declared_option {
 public:
     static constexpr int ANY_NUMBER = -1;
@@ -55,26 +55,26 @@ public:
     explicit declared_option(CLI::Option *option) : option_(option) {}
 
     const declared_option &required() const;
-    const declared_option &count(int least, int most) const; // of values; most: or ANY_NUMBER
+    const declared_option &count(int least, int most) const; // of values; `most` may be ANY_NUMBER
     const declared_option &one_of(std::initializer_list<const char *> words) const;
     const declared_option &one_of(std::initializer_list<int> numbers) const;
     const declared_option &range(u32 least, u32 most) const;
     const declared_option &needs(const declared_option &other) const;
     const declared_option &excludes(const declared_option &other) const;
 
-    // `problem` returns what is wrong with a value, or "".
+    // `problem` returns why a value is invalid, or "".
     const declared_option &check(std::string (*problem)(const std::string &value)) const;
 
-    // The help shows the value that the field has now.
+    // Prints the current value of the field in the help.
     const declared_option &shows_default() const;
 
 private:
     CLI::Option *option_;
 };
 
-// A command whose options are being declared. Each is bound to a field, which has its default value
-// already and has to live until the command has run. Names are given as "-f,--force"; one without
-// dashes is that of a positional argument.
+// A command whose options are being declared. Each option is bound to a field, which already has
+// its default value and must live until the command has run. Names are written as "-f,--force"; a
+// name without dashes is a positional argument.
 class declared_command {
 public:
     explicit declared_command(CLI::App *command) : command_(command) {}
@@ -102,7 +102,7 @@ public:
     // Adds a command with the common options and IMAGE. `work` returns the exit status.
     declared_command add(const command_text &text, std::function<int(const common_options &)> work);
 
-    // A command with options of its own. They live as long as the command line.
+    // A command with its own options. They live as long as the command line.
     template <typename Options>
     std::pair<declared_command, Options *>
     add(const command_text &text, int (*work)(const common_options &, const Options &)) {
@@ -125,8 +125,7 @@ inline constexpr int EXIT_DONE = 0;
 inline constexpr int EXIT_FAILED = 1;
 inline constexpr int EXIT_USAGE = 2;
 
-// A command that works on a mounted volume. What it changes is finished, and synchronised, before
-// the function returns; the output is.
+// Runs `work` on the mounted volume. Changes are complete and synced before the function returns.
 int with_volume(const common_options &common, access wanted,
                 const std::function<int(volume &vol)> &work);
 

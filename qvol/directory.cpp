@@ -13,7 +13,7 @@ namespace qvol {
 
 namespace {
 
-// A longer one is no directory but a damaged chain.
+// A longer chain is damaged.
 constexpr u32 MAX_READ_BYTES = 8 * 1024 * 1024;
 
 u32 slots_per_sector() {
@@ -99,7 +99,7 @@ void entry::set_link(bool is_link) {
     fat::store(raw.data(), fat::SHORT_CMSEC, is_link ? fat::CMSEC_SYMLINK : 0);
 }
 
-// ---- the space of the directory ---------------------------------------------------------------
+// ---- sectors and slots ------------------------------------------------------------------------
 
 directory::directory(fat_table &table, u32 start) : table_(&table) {
     is_root_ = start == ROOT || (sv->fat_type == 32 && start == sv->root_clus);
@@ -110,23 +110,23 @@ directory::directory(fat_table &table, u32 start) : table_(&table) {
 
 void directory::load() {
     if (start_ == ROOT) {
-        bytes_ = read_run(sv->rdir_start, sv->data_start - sv->rdir_start);
+        bytes_ = read_extent(sv->rdir_start, sv->data_start - sv->rdir_start);
     } else {
         const u32 most = MAX_READ_BYTES / fat::cluster_bytes();
         clusters_ = table_->chain(start_, most + 1);
         if (clusters_.size() > most) {
-            throw error(fmt::format("the directory in cluster {} is longer than {} MiB", start_,
+            throw error(fmt::format("the directory at cluster {} is longer than {} MiB", start_,
                                     MAX_READ_BYTES / (1024 * 1024)));
         }
         bytes_.resize(clusters_.size() * fat::cluster_bytes());
         std::size_t done = 0;
-        for (const cluster_run &run : runs_of(clusters_)) {
+        for (const cluster_extent &run : extents_of(clusters_)) {
             const std::size_t size = std::size_t{run.count} * fat::cluster_bytes();
-            read_run_into(sector_of_cluster(run.first), std::span(bytes_).subspan(done, size));
+            read_extent_into(sector_of_cluster(run.first), std::span(bytes_).subspan(done, size));
             done += size;
         }
     }
-    known_clusters_ = static_cast<u32>(clusters_.size());
+    written_clusters_ = static_cast<u32>(clusters_.size());
     is_dirty_.resize(bytes_.size() / sv->sector_size);
 }
 
@@ -134,8 +134,8 @@ u32 directory::capacity() const {
     return static_cast<u32>(bytes_.size() / fat::DENTRY_SIZE);
 }
 
-// The library looks at the first 512 slots of a FAT16 root, however large its area is; names are
-// put where it finds them.
+// The library reads only the first 512 slots of a FAT16 root, however large its area is. New names
+// must be among them.
 u32 directory::usable_slots() const {
     return start_ == ROOT ? std::min(capacity(), fat::FAT16_ROOT_ENTRIES) : capacity();
 }
@@ -164,14 +164,14 @@ fat::dentry_location directory::location(u32 slot) const {
 // ---- reading ----------------------------------------------------------------------------------
 
 void directory::parse() {
-    long_name_run run;
+    name_assembler run;
     for (end_ = 0; end_ < capacity(); end_++) {
         const u8 *slot = slot_bytes(end_);
         if (slot[fat::SHORT_NAME.offset] == fat::NAME_UNUSED) {
             break;
         }
         if (is_removed(slot)) {
-            note_free_slots(end_);
+            add_removed_slot(end_);
         } else if (is_long_name_slot(slot)) {
             run.accept(slot, end_);
             continue;
@@ -182,7 +182,7 @@ void directory::parse() {
     }
 }
 
-void directory::note_free_slots(u32 slot) {
+void directory::add_removed_slot(u32 slot) {
     const auto next = removed_slots_.upper_bound(slot);
     u32 first = slot;
     if (next != removed_slots_.begin() &&
@@ -232,17 +232,17 @@ bool directory::is_empty() const {
                        [](const auto &item) { return item.second.is_dot(); });
 }
 
-// ---- room -------------------------------------------------------------------------------------
+// ---- allocating slots -------------------------------------------------------------------------
 
 void directory::grow() {
     if (start_ == ROOT) {
-        throw error(fmt::format("the root directory is full: a FAT16 root has {} entries; use a "
-                                "directory below it",
+        throw error(fmt::format("the root directory is full: a FAT16 root has {} slots; use a "
+                                "subdirectory",
                                 usable_slots()));
     }
     if (capacity() >= MAX_SLOTS) {
-        throw error(fmt::format("the directory is full: {} entries are the most that other systems "
-                                "read; spread the names over directories",
+        throw error(fmt::format("the directory is full: other systems read at most {} slots; use "
+                                "several directories",
                                 MAX_SLOTS));
     }
     clusters_.push_back(table_->allocate(1, clusters_.back()).front());
@@ -250,28 +250,28 @@ void directory::grow() {
     is_dirty_.resize(is_dirty_.size() + sv->sec_per_clus, true);
 }
 
-std::optional<u32> directory::take_removed_slots(u32 count) {
+std::optional<u32> directory::reuse_removed_slots(u32 count) {
     u32 &from = search_from_.at(count);
-    auto run = removed_slots_.lower_bound(from);
-    while (run != removed_slots_.end() && run->second < count) {
-        ++run;
+    auto span = removed_slots_.lower_bound(from);
+    while (span != removed_slots_.end() && span->second < count) {
+        ++span;
     }
-    from = run != removed_slots_.end() ? run->first : end_;
-    if (run == removed_slots_.end() || run->first + count > usable_slots()) {
+    from = span != removed_slots_.end() ? span->first : end_;
+    if (span == removed_slots_.end() || span->first + count > usable_slots()) {
         return std::nullopt;
     }
-    const auto [first, length] = *run;
-    removed_slots_.erase(run);
+    const auto [first, length] = *span;
+    removed_slots_.erase(span);
     if (length > count) {
         removed_slots_[first + count] = length - count;
     }
     return first;
 }
 
-// Finds room for an entry with its long name. What stands behind the end of a directory need not be
-// zero: the slot behind the new end is made so.
-u32 directory::take_slots(u32 count) {
-    const std::optional<u32> reused = take_removed_slots(count);
+// Finds a span of slots for an entry with its long name. Slots past the end of a directory need not
+// be zero, so the slot after the new end is cleared.
+u32 directory::allocate_slots(u32 count) {
+    const std::optional<u32> reused = reuse_removed_slots(count);
     if (reused) {
         return *reused;
     }
@@ -282,12 +282,12 @@ u32 directory::take_slots(u32 count) {
     end_ += count;
     if (end_ < capacity() && slot_bytes(end_)[0] != fat::NAME_UNUSED) {
         std::memset(slot_bytes(end_), 0, fat::DENTRY_SIZE);
-        mark_slot(end_);
+        mark_dirty(end_);
     }
     return first;
 }
 
-void directory::mark_slot(u32 slot) {
+void directory::mark_dirty(u32 slot) {
     is_dirty_[slot / slots_per_sector()] = true;
 }
 
@@ -303,20 +303,20 @@ void directory::write_slots(const entry &added, std::u16string_view long_name) {
         const u32 mark = ordinal == count ? fat::SLOT_LAST : 0;
         fat::set_long_slot(slot_bytes(slot), static_cast<u8>(ordinal | mark),
                            units.data() + std::size_t{ordinal - 1} * fat::SLOT_UNITS, checksum);
-        mark_slot(slot);
+        mark_dirty(slot);
     }
     std::copy(added.raw.begin(), added.raw.end(), slot_bytes(added.slot));
-    mark_slot(added.slot);
+    mark_dirty(added.slot);
 }
 
-// Without long names, case bits keep the case of a name.
+// Without long names, case bits store the case of a name.
 cased_short_name directory::choose_alias(std::u16string_view name) {
     if (sv->long_name == 1) {
         return {aliases_.choose(name), 0};
     }
     const std::optional<cased_short_name> alias = cased_short_name_of(name);
     if (!alias) {
-        throw error("the volume keeps no long names, and 8.3 does not hold this one");
+        throw error("long names are off and this name does not fit 8.3");
     }
     return *alias;
 }
@@ -324,10 +324,10 @@ cased_short_name directory::choose_alias(std::u16string_view name) {
 const entry &directory::add(const new_entry &wanted) {
     const std::optional<std::string> problem = name_problem(wanted.name);
     if (problem) {
-        throw error("the volume cannot hold the name: " + *problem);
+        throw error("invalid name: " + *problem);
     }
     if (find(wanted.name) != nullptr) {
-        throw error("the name is in use in its directory, perhaps in another case");
+        throw error("the name already exists in its directory, possibly in another case");
     }
     const cased_short_name alias = choose_alias(wanted.name);
     entry added;
@@ -339,7 +339,7 @@ const entry &directory::add(const new_entry &wanted) {
     added.set_modified(wanted.modified);
 
     const u32 count = 1 + (added.has_long_name ? slots_of_long_name(wanted.name) : 0);
-    added.first_slot = take_slots(count);
+    added.first_slot = allocate_slots(count);
     added.slot = added.first_slot + count - 1;
     write_slots(added, added.has_long_name ? wanted.name : std::u16string());
     index_entry(added);
@@ -347,11 +347,11 @@ const entry &directory::add(const new_entry &wanted) {
 }
 
 void directory::remove(const entry &removed) {
-    const entry gone = removed; // the caller's reference ends with the index
+    const entry gone = removed; // the caller's reference may be into the index
     for (u32 slot = gone.first_slot; slot <= gone.slot; slot++) {
         slot_bytes(slot)[fat::SHORT_NAME.offset] = fat::NAME_DELETED;
-        mark_slot(slot);
-        note_free_slots(slot);
+        mark_dirty(slot);
+        add_removed_slot(slot);
     }
     std::erase(by_name_[fold_case(gone.name)], gone.slot);
     const auto aliased = by_alias_.find(fold_case(alias_text(gone)));
@@ -365,7 +365,7 @@ void directory::remove(const entry &removed) {
 void directory::update(const entry &changed) {
     entries_.at(changed.slot).raw = changed.raw;
     std::copy(changed.raw.begin(), changed.raw.end(), slot_bytes(changed.slot));
-    mark_slot(changed.slot);
+    mark_dirty(changed.slot);
 }
 
 void directory::set_parent(u32 link) {
@@ -401,7 +401,7 @@ directory directory::make(fat_table &table, const directory &parent, const dos_t
 
 // ---- the medium -------------------------------------------------------------------------------
 
-// Changed sectors that lie side by side, in the directory and on the medium, travel together.
+// Writes dirty sectors that are contiguous in the directory and on the medium in one transfer.
 void directory::write_dirty(u32 first_sector, u32 end_sector) {
     for (u32 first = first_sector; first < end_sector; first++) {
         if (!is_dirty_[first]) {
@@ -412,17 +412,17 @@ void directory::write_dirty(u32 first_sector, u32 end_sector) {
                sector_of(end) == sector_of(first) + end - first) {
             is_dirty_[end++] = false;
         }
-        write_run(sector_of(first),
-                  std::span(bytes_).subspan(std::size_t{first} * sv->sector_size,
-                                            std::size_t{end - first} * sv->sector_size));
+        write_extent(sector_of(first),
+                     std::span(bytes_).subspan(std::size_t{first} * sv->sector_size,
+                                               std::size_t{end - first} * sv->sector_size));
         first = end - 1;
     }
 }
 
 void directory::write_new_clusters() {
     const u32 sector_count = static_cast<u32>(is_dirty_.size());
-    write_dirty(known_clusters_ * sv->sec_per_clus, start_ == ROOT ? 0 : sector_count);
-    known_clusters_ = static_cast<u32>(clusters_.size());
+    write_dirty(written_clusters_ * sv->sec_per_clus, start_ == ROOT ? 0 : sector_count);
+    written_clusters_ = static_cast<u32>(clusters_.size());
 }
 
 void directory::write_changes() {

@@ -1,11 +1,10 @@
-// A directory in memory: its entries, finding them by name, and changing them.
+// A directory in memory: finds entries by name and changes them.
 //
-// The whole space of the directory is read at once and changed in memory; write_new_clusters() and
-// write_changes() bring the changes onto the medium. Adding thousands of names takes no walk for
-// each: names, short names and free slots are kept in indexes.
+// All sectors of the directory are read at once and changed in memory. write_new_clusters() and
+// write_changes() write them back. Names, short names and free slots are indexed, so adding
+// thousands of names does not scan the directory for each.
 //
-// A name is found whatever its short form: first as it is spelt, then whatever its case, then by
-// its 8.3 alias.
+// A name is found by its exact spelling, else in another case, else by its 8.3 alias.
 
 #pragma once
 
@@ -26,11 +25,11 @@ namespace qvol {
 
 enum class kind { FILE, DIRECTORY, LINK, LABEL };
 
-// One entry as it stands in its directory. Slots are counted in 32-byte steps from its start.
+// An entry of a directory. Slots are numbered from the start of the directory, 32 bytes each.
 struct entry {
-    std::u16string name; // the long name where its slots are whole, else the short one
+    std::u16string name; // the long name if its slots are complete, else the short one
     bool has_long_name = false;
-    u32 first_slot = 0; // of the long name; `slot` where there is none
+    u32 first_slot = 0; // of the long name; equal to `slot` without one
     u32 slot = 0;       // of the short entry
     std::array<u8, fat::DENTRY_SIZE> raw{};
 
@@ -39,7 +38,7 @@ struct entry {
         return type() == kind::DIRECTORY;
     }
     [[nodiscard]] bool is_dot() const; // "." or ".."
-    [[nodiscard]] u32 start() const;   // first cluster, 0: none
+    [[nodiscard]] u32 start() const;   // first cluster, 0: no clusters
     [[nodiscard]] u32 size() const;    // bytes
     [[nodiscard]] u32 attributes() const;
     [[nodiscard]] short_name alias() const;
@@ -51,7 +50,7 @@ struct entry {
     void set_link(bool is_link);
 };
 
-// What add() is to store.
+// The fields of an entry to add.
 struct new_entry {
     std::u16string name;
     kind type = kind::FILE;
@@ -64,40 +63,41 @@ class directory {
 public:
     static constexpr u32 ROOT = 0;
 
-    // Reads the directory that begins at a cluster, or the root. `table` has to outlive it. Throws
-    // error for a broken chain and for more than a directory can hold.
+    // Reads the directory that starts at a cluster, or the root. `table` must outlive it. Throws
+    // error if the chain is broken or longer than a directory can be.
     directory(fat_table &table, u32 start);
 
-    // Makes a new one, with "." and "..", in a cluster allocated for it; nothing is written yet.
+    // Makes a new directory with "." and ".." and allocates its cluster. Does not write anything
+    // yet.
     [[nodiscard]] static directory make(fat_table &table, const directory &parent,
                                         const dos_time &modified);
 
     // ---- reading ----
 
-    // All entries in their order, "." and ".." and the volume label included.
+    // All entries by their slots, including ".", ".." and the volume label.
     [[nodiscard]] const std::map<u32, entry> &entries() const {
         return entries_;
     }
 
-    // Null where there is none. The dot entries and the label are not found.
+    // Null if there is no such entry. Does not find dot entries and the label.
     [[nodiscard]] const entry *find(std::u16string_view name) const;
 
-    // The same without the aliases.
+    // Like find(), but not by aliases.
     [[nodiscard]] const entry *find_name(std::u16string_view name) const;
 
-    // Nothing but dot entries, and remains of removed names.
+    // True if there are no entries but the dot entries.
     [[nodiscard]] bool is_empty() const;
 
     [[nodiscard]] bool is_root() const {
         return is_root_;
     }
 
-    // First cluster: 0 for the FAT16 root.
+    // First cluster; 0 for the FAT16 root.
     [[nodiscard]] u32 start() const {
         return start_;
     }
 
-    // What a ".." that leads here holds.
+    // First cluster in a ".." that leads here.
     [[nodiscard]] u32 parent_link() const {
         return is_root_ ? 0 : start_;
     }
@@ -106,32 +106,33 @@ public:
         return clusters_;
     }
 
-    // Where a slot lies on the volume.
+    // Sector and offset of a slot.
     [[nodiscard]] fat::dentry_location location(u32 slot) const;
 
     // ---- changing in memory ----
 
-    // Adds an entry; the directory grows as far as it has to. Throws error where the name is in
-    // use, where it cannot be stored, and where there is no room.
+    // Adds an entry; the directory grows if necessary. Throws error if the name exists or is
+    // invalid, or if there is no space.
     const entry &add(const new_entry &wanted);
 
-    // Keeps the exact short forms of names that are to come from becoming others' aliases.
+    // Prevents the exact short form of a name that will be added from becoming another name's
+    // alias.
     void reserve_short_name(std::u16string_view name) {
         aliases_.reserve(name);
     }
 
-    // Marks the entry and its long-name slots as removed. Its chain is the caller's affair.
+    // Marks the entry and its long-name slots as removed. Does not free its chain.
     void remove(const entry &removed);
 
-    // Stores a changed short entry; its slot and its names stay.
+    // Stores a changed short entry of the same slot and names.
     void update(const entry &changed);
 
-    // Points ".." at another parent.
+    // Sets the first cluster in "..".
     void set_parent(u32 link);
 
     // ---- the medium ----
 
-    // Writes the clusters that the directory has grown by: nothing refers to them yet.
+    // Writes the clusters that were added; nothing on the medium refers to them yet.
     void write_new_clusters();
     void write_changes();
 
@@ -141,7 +142,7 @@ private:
     void load();
     void parse();
     void index_entry(const entry &added);
-    void note_free_slots(u32 slot);
+    void add_removed_slot(u32 slot);
 
     [[nodiscard]] u32 capacity() const;
     [[nodiscard]] u32 usable_slots() const;
@@ -150,10 +151,10 @@ private:
     [[nodiscard]] u64 sector_of(u32 sector_index) const;
 
     [[nodiscard]] cased_short_name choose_alias(std::u16string_view name);
-    [[nodiscard]] u32 take_slots(u32 count);
-    [[nodiscard]] std::optional<u32> take_removed_slots(u32 count);
+    [[nodiscard]] u32 allocate_slots(u32 count);
+    [[nodiscard]] std::optional<u32> reuse_removed_slots(u32 count);
     void grow();
-    void mark_slot(u32 slot);
+    void mark_dirty(u32 slot);
     void write_slots(const entry &added, std::u16string_view long_name);
     void write_dirty(u32 first_sector, u32 end_sector);
 
@@ -161,7 +162,7 @@ private:
     u32 start_ = ROOT;
     bool is_root_ = false;
     std::vector<u32> clusters_; // empty for the FAT16 root
-    u32 known_clusters_ = 0;    // of those, how many were there before this program
+    u32 written_clusters_ = 0;  // number of those that are on the medium already
     std::vector<u8> bytes_;
     std::vector<bool> is_dirty_; // by sector
 
@@ -169,10 +170,10 @@ private:
     std::unordered_map<std::u16string, std::vector<u32>> by_name_; // by the folded name
     std::unordered_map<std::u16string, u32> by_alias_;
     short_name_set aliases_;
-    u32 end_ = 0;                      // first slot never used; all behind it are free
-    std::map<u32, u32> removed_slots_; // runs of removed slots in front of the end: first, count
+    u32 end_ = 0;                      // first unused slot; all after it are unused, too
+    std::map<u32, u32> removed_slots_; // spans of removed slots before the end: first, count
 
-    // For a name of so many slots: in front of this slot no run is long enough.
+    // By number of slots: no span before this slot is long enough.
     std::array<u32, fat::LONG_NAME_UNITS / fat::SLOT_UNITS + 3> search_from_{};
 };
 

@@ -1,4 +1,4 @@
-// How qvol fails: one exception that carries what a person has to know.
+// Errors: one exception that carries the message for the user.
 
 #pragma once
 
@@ -11,8 +11,8 @@
 
 namespace qvol {
 
-// What failed, on which path, why, and what to do about it. `details` are further lines, one for
-// each finding where several are told at once.
+// The message states what failed, on what, why, and what to do. `details` are further lines, one
+// for each problem if several are reported at once.
 class error : public std::runtime_error {
 public:
     explicit error(const std::string &message, std::vector<std::string> details = {})
@@ -26,13 +26,13 @@ private:
     std::vector<std::string> details_;
 };
 
-// The request itself makes no sense, whatever the volume holds.
+// The request is invalid, whatever the content of the volume.
 class usage_error : public error {
 public:
     using error::error;
 };
 
-// "cannot WHAT: the reason that the system gave".
+// "cannot WHAT: REASON", with the text of the system for `number`.
 [[nodiscard]] inline error system_failure(const std::string &what, int number = errno) {
     return error("cannot " + what + ": " + std::strerror(number));
 }

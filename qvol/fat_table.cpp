@@ -33,8 +33,8 @@ bool page_begins_in_fat(std::size_t index) {
     return index * u64{sectors_per_page()} < sv->fat_size;
 }
 
-// A FAT that is smaller than the volume needs serves the clusters that it has.
-u32 last_cluster_served(u32 entry_size) {
+// If the FAT is smaller than the volume needs, only the clusters with an entry are used.
+u32 last_cluster_with_entry(u32 entry_size) {
     const u64 entries = u64{sv->fat_size} * sv->sector_size / entry_size;
     const u64 wanted = u64{sv->num_clusters} + fat::FIRST_DATA_CLUSTER;
     return static_cast<u32>(std::min(entries, wanted)) - 1;
@@ -45,7 +45,7 @@ u32 last_cluster_served(u32 entry_size) {
 fat_table::fat_table(u32 copies)
     : copies_(copies), written_copies_(copies),
       entry_size_(sv->fat_type == 16 ? fat::FAT16_ENTRY_SIZE : fat::FAT32_ENTRY_SIZE),
-      last_cluster_(last_cluster_served(entry_size_)), cursor_(fat::FIRST_DATA_CLUSTER) {
+      last_cluster_(last_cluster_with_entry(entry_size_)), cursor_(fat::FIRST_DATA_CLUSTER) {
     pages_.resize((u64{last_cluster_} + 1) * entry_size_ / PAGE_BYTES + 1);
 }
 
@@ -53,18 +53,18 @@ fat_table::fat_table(u32 copies)
 
 fat_table::page fat_table::load_page(std::size_t index) {
     const u32 count = sectors_of_page(index);
-    return {read_run(page_sector(index, 0), count), std::vector<bool>(count)};
+    return {read_extent(page_sector(index, 0), count), std::vector<bool>(count)};
 }
 
 fat_table::page &fat_table::page_of(u64 byte_offset) {
-    std::unique_ptr<page> &held = pages_.at(byte_offset / PAGE_BYTES);
-    if (held == nullptr) {
-        held = std::make_unique<page>(load_page(byte_offset / PAGE_BYTES));
+    std::unique_ptr<page> &cached = pages_.at(byte_offset / PAGE_BYTES);
+    if (cached == nullptr) {
+        cached = std::make_unique<page>(load_page(byte_offset / PAGE_BYTES));
     }
-    return *held;
+    return *cached;
 }
 
-// Changed sectors that lie side by side travel together.
+// Writes contiguous dirty sectors together.
 void fat_table::write_page(std::size_t index, page *changed) const {
     const std::size_t count = changed->is_dirty.size();
     for (std::size_t first = 0; first < count; first++) {
@@ -79,7 +79,7 @@ void fat_table::write_page(std::size_t index, page *changed) const {
             std::span(changed->bytes)
                 .subspan(first * sv->sector_size, (end - first) * sv->sector_size);
         for (u32 copy = 0; copy < written_copies_; copy++) {
-            write_run(page_sector(index, copy) + first, bytes);
+            write_extent(page_sector(index, copy) + first, bytes);
         }
         first = end;
     }
@@ -87,14 +87,14 @@ void fat_table::write_page(std::size_t index, page *changed) const {
 
 // ---- entries ----------------------------------------------------------------------------------
 
-// The last page may have been made for nothing, where the entries end with the one before it.
+// The last page may be beyond the FAT, if the entries end with the page before it.
 bool fat_table::page_begins_in_table(std::size_t index) const {
     return index < pages_.size() && page_begins_in_fat(index);
 }
 
 void fat_table::check_number(u32 cluster) const {
     if (cluster < fat::FIRST_DATA_CLUSTER || cluster > last_cluster_) {
-        throw error(fmt::format("there is no cluster {}: the volume has those from {} to {}",
+        throw error(fmt::format("cluster {} does not exist: the volume has clusters {} to {}",
                                 cluster, fat::FIRST_DATA_CLUSTER, last_cluster_));
     }
 }
@@ -109,7 +109,7 @@ void fat_table::set(u32 cluster, u32 value) {
     const bool was_free = get(cluster) == fat::FAT_FREE;
     const u64 offset = u64{cluster} * entry_size_;
     page &changed = page_of(offset);
-    // Index 0 of the table that begins at the entry: the entry itself.
+    // Index 0 of a table that starts at the entry is the entry itself.
     (void)fat::set_fat_entry(sv->fat_type, changed.bytes.data() + offset % PAGE_BYTES, 0, value);
     changed.is_dirty[offset % PAGE_BYTES / sv->sector_size] = true;
     const bool is_free = get(cluster) == fat::FAT_FREE;
@@ -121,8 +121,8 @@ void fat_table::set(u32 cluster, u32 value) {
     }
 }
 
-u32 fat_table::value_in(const page &held, u64 byte_offset) const {
-    const u8 *entry = held.bytes.data() + byte_offset % PAGE_BYTES;
+u32 fat_table::value_in(const page &cached, u64 byte_offset) const {
+    const u8 *entry = cached.bytes.data() + byte_offset % PAGE_BYTES;
     return entry_size_ == fat::FAT16_ENTRY_SIZE ? fat::load16(entry)
                                                 : fat::load32(entry) & fat::FAT32_VALUE_MASK;
 }
@@ -152,7 +152,7 @@ u32 fat_table::free_count() {
     return *free_count_;
 }
 
-// The lowest free cluster; the cursor never lies behind one. 0 where there is none.
+// The lowest free cluster, or 0. No free cluster is below the cursor.
 u32 fat_table::find_free() {
     while (cursor_ <= last_cluster_ && get(cursor_) != fat::FAT_FREE) {
         cursor_++;
@@ -180,7 +180,7 @@ std::vector<u32> fat_table::chain(u32 start, u32 limit) {
     fat::cycle_detector guard;
     for (u32 cluster = start; clusters.size() < limit;) {
         if (guard.closes_cycle(cluster)) {
-            throw error(fmt::format("the chain from cluster {} runs in a circle", start));
+            throw error(fmt::format("the chain from cluster {} contains a cycle", start));
         }
         clusters.push_back(cluster);
         const u32 next = get(cluster);
@@ -188,7 +188,7 @@ std::vector<u32> fat_table::chain(u32 start, u32 limit) {
             break;
         }
         if (next < fat::FIRST_DATA_CLUSTER || next > last_cluster_ || next == fat::bad_mark()) {
-            throw error(fmt::format("the chain from cluster {} is broken: entry {} holds {:#x}",
+            throw error(fmt::format("the chain from cluster {} is broken: FAT entry {} is {:#x}",
                                     start, cluster, next));
         }
         cluster = next;
@@ -225,8 +225,8 @@ void fat_table::release(std::span<const u32> clusters) {
 // ---- the medium -------------------------------------------------------------------------------
 
 void fat_table::forget_changes() {
-    for (std::unique_ptr<page> &held : pages_) {
-        held.reset();
+    for (std::unique_ptr<page> &cached : pages_) {
+        cached.reset();
     }
     free_count_.reset();
     cursor_ = fat::FIRST_DATA_CLUSTER;
@@ -246,7 +246,7 @@ void fat_table::visit_differences(
         const page first = load_page(index);
         for (u32 copy = 1; copy < copies_; copy++) {
             const std::vector<u8> other =
-                read_run(page_sector(index, copy), sectors_of_page(index));
+                read_extent(page_sector(index, copy), sectors_of_page(index));
             for (std::size_t at = 0; at < other.size(); at += sv->sector_size) {
                 const differing_sector sector = {
                     copy, page_sector(index, 0) - sv->fat_start + at / sv->sector_size,
@@ -266,7 +266,7 @@ std::vector<copy_difference> fat_table::compare_copies() const {
         const auto [a, b] =
             std::mismatch(sector.first.begin(), sector.first.end(), sector.other.begin());
         const u64 offset =
-            sector.in_fat * sv->sector_size + static_cast<u64>(a - sector.first.begin());
+            sector.index * sv->sector_size + static_cast<u64>(a - sector.first.begin());
         const copy_difference first = {sector.copy, 0, static_cast<u32>(offset / entry_size_)};
         found.try_emplace(sector.copy, first).first->second.sectors++;
     });
@@ -282,7 +282,7 @@ std::vector<copy_difference> fat_table::compare_copies() const {
 u64 fat_table::mirror() {
     u64 differing = 0;
     visit_differences([&](const differing_sector &sector) {
-        write_run(sv->fat_start + u64{sector.copy} * sv->fat_size + sector.in_fat, sector.first);
+        write_extent(sv->fat_start + u64{sector.copy} * sv->fat_size + sector.index, sector.first);
         differing++;
     });
     return differing;
@@ -294,7 +294,7 @@ void fat_table::read_all() {
     }
 }
 
-void fat_table::adopt_changes_of_library() {
+void fat_table::take_over_library_changes() {
     for (std::size_t index = 0; page_begins_in_table(index); index++) {
         page fresh = load_page(index);
         const page &known = page_of(index * u64{PAGE_BYTES});
@@ -310,16 +310,16 @@ void fat_table::adopt_changes_of_library() {
     cursor_ = fat::FIRST_DATA_CLUSTER;
 }
 
-std::vector<cluster_run> runs_of(std::span<const u32> clusters) {
-    std::vector<cluster_run> runs;
+std::vector<cluster_extent> extents_of(std::span<const u32> clusters) {
+    std::vector<cluster_extent> extents;
     for (const u32 cluster : clusters) {
-        if (!runs.empty() && runs.back().first + runs.back().count == cluster) {
-            runs.back().count++;
+        if (!extents.empty() && extents.back().first + extents.back().count == cluster) {
+            extents.back().count++;
         } else {
-            runs.push_back({cluster, 1});
+            extents.push_back({cluster, 1});
         }
     }
-    return runs;
+    return extents;
 }
 
 } // namespace qvol

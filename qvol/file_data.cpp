@@ -14,7 +14,7 @@ namespace qvol {
 namespace {
 
 constexpr u32 PIECE_BYTES = 1024 * 1024;
-constexpr std::size_t GATHERED_BYTES = std::size_t{512} * 1024;
+constexpr std::size_t BUFFER_BYTES = std::size_t{512} * 1024;
 
 u32 clusters_per_piece() {
     return std::max(PIECE_BYTES / fat::cluster_bytes(), 1U);
@@ -38,8 +38,8 @@ std::vector<u32> clusters_of_file(fat_table &table, u32 start, u64 size) {
     }
     std::vector<u32> clusters = table.chain(start, count);
     if (clusters.size() < count) {
-        throw error(fmt::format("the chain from cluster {} is shorter than the file: {} clusters "
-                                "of {}",
+        throw error(fmt::format("the chain from cluster {} is too short: it has {} clusters, the "
+                                "file needs {}",
                                 start, clusters.size(), count));
     }
     return clusters;
@@ -48,15 +48,15 @@ std::vector<u32> clusters_of_file(fat_table &table, u32 start, u64 size) {
 void read_data(std::span<const u32> clusters, u64 size,
                const std::function<void(std::span<const u8>)> &take) {
     std::vector<u8> piece(std::size_t{clusters_per_piece()} * fat::cluster_bytes());
-    for (const cluster_run &run : runs_of(clusters)) {
-        for (u32 done = 0; done < run.count && size > 0;) {
-            const u32 count = std::min(run.count - done, clusters_per_piece());
+    for (const cluster_extent &extent : extents_of(clusters)) {
+        for (u32 done = 0; done < extent.count && size > 0;) {
+            const u32 count = std::min(extent.count - done, clusters_per_piece());
             const std::span bytes =
                 std::span(piece).first(std::size_t{count} * fat::cluster_bytes());
             const std::size_t wanted = static_cast<std::size_t>(std::min<u64>(size, bytes.size()));
             const std::size_t sectors =
                 (wanted + sv->sector_size - 1) / sv->sector_size * sv->sector_size;
-            read_run_into(sector_of_cluster(run.first + done), bytes.first(sectors));
+            read_extent_into(sector_of_cluster(extent.first + done), bytes.first(sectors));
             take(bytes.first(wanted));
             size -= wanted;
             done += count;
@@ -74,59 +74,59 @@ std::string read_text(fat_table &table, u32 start, u32 size) {
 
 // ---- writing ----------------------------------------------------------------------------------
 
-data_writer::data_writer(bool leaves_zeroes) : leaves_zeroes_(leaves_zeroes) {
-    gathered_.reserve(GATHERED_BYTES);
+data_writer::data_writer(bool skips_zeros) : skips_zeros_(skips_zeros) {
+    buffer_.reserve(BUFFER_BYTES);
 }
 
 void data_writer::begin(std::span<const u32> clusters) {
     clusters_ = clusters;
     next_ = 0;
-    room_ = 0;
+    cluster_space_ = 0;
 }
 
 void data_writer::enter_cluster() {
     const u64 sector = sector_of_cluster(clusters_[next_++]);
-    if (sector != sector_ + gathered_.size() / sv->sector_size) {
+    if (sector != sector_ + buffer_.size() / sv->sector_size) {
         flush();
     }
-    if (gathered_.empty()) {
+    if (buffer_.empty()) {
         sector_ = sector;
     }
-    room_ = fat::cluster_bytes();
+    cluster_space_ = fat::cluster_bytes();
 }
 
-void data_writer::put(std::span<const u8> bytes) {
-    gathered_.insert(gathered_.end(), bytes.begin(), bytes.end());
-    room_ -= static_cast<u32>(bytes.size());
-    if (room_ == 0 && gathered_.size() >= GATHERED_BYTES - fat::cluster_bytes()) {
+void data_writer::append_to_cluster(std::span<const u8> bytes) {
+    buffer_.insert(buffer_.end(), bytes.begin(), bytes.end());
+    cluster_space_ -= static_cast<u32>(bytes.size());
+    if (cluster_space_ == 0 && buffer_.size() >= BUFFER_BYTES - fat::cluster_bytes()) {
         flush();
     }
 }
 
 void data_writer::append(std::span<const u8> bytes) {
     while (!bytes.empty()) {
-        if (room_ == 0) {
+        if (cluster_space_ == 0) {
             enter_cluster();
         }
-        const std::size_t count = std::min<std::size_t>(bytes.size(), room_);
-        put(bytes.first(count));
+        const std::size_t count = std::min<std::size_t>(bytes.size(), cluster_space_);
+        append_to_cluster(bytes.first(count));
         bytes = bytes.subspan(count);
     }
 }
 
 void data_writer::end() {
-    const std::vector<u8> zeros(room_);
-    if (room_ != 0) {
-        put(zeros);
+    const std::vector<u8> zeros(cluster_space_);
+    if (cluster_space_ != 0) {
+        append_to_cluster(zeros);
     }
 }
 
 void data_writer::flush() {
-    if (!leaves_zeroes_ || !is_zero(gathered_)) {
-        write_run(sector_, gathered_);
+    if (!skips_zeros_ || !is_zero(buffer_)) {
+        write_extent(sector_, buffer_);
     }
-    sector_ += gathered_.size() / sv->sector_size;
-    gathered_.clear();
+    sector_ += buffer_.size() / sv->sector_size;
+    buffer_.clear();
 }
 
 } // namespace qvol

@@ -29,26 +29,26 @@ bool is_label_character(char c) {
            LABEL_PUNCTUATION.find(c) != std::string_view::npos;
 }
 
-// Why no volume can have the label; "" where one can.
+// Why the label is invalid, or "".
 std::string label_problem(const std::string &label) {
     const std::string upper = upper_case(label);
     if (label.empty()) {
-        return "it is empty; leave the option out for a volume without a label";
+        return "is empty; omit the option for a volume without a label";
     }
     if (label.size() > LABEL_SIZE) {
-        return fmt::format("it is longer than {} characters", LABEL_SIZE);
+        return fmt::format("is longer than {} characters", LABEL_SIZE);
     }
     if (!std::all_of(upper.begin(), upper.end(), is_label_character)) {
-        return fmt::format("its characters may be A to Z, 0 to 9, blanks and {}",
+        return fmt::format("may contain only A to Z, 0 to 9, spaces and {}",
                            LABEL_PUNCTUATION.substr(1));
     }
     if (label != upper) {
-        return fmt::format("labels are upper case; use \"{}\"", upper);
+        return fmt::format("must be upper case; use \"{}\"", upper);
     }
     if (label.front() == ' ' || label.back() == ' ') {
-        return "it begins or ends with a blank";
+        return "begins or ends with a space";
     }
-    return label == NO_NAME ? "volumes without a label say that" : "";
+    return label == NO_NAME ? "is reserved for volumes without a label" : "";
 }
 
 std::string padded(std::string text) {
@@ -56,21 +56,21 @@ std::string padded(std::string text) {
     return text;
 }
 
-// The formatter leaves a blank label entry, which checkers do not take for a label.
+// The formatter makes a blank label entry, which checkers remark on.
 void set_label_entry(const std::string &label) {
-    std::vector<u8> sector = read_run(sv->rdir_start, 1);
+    std::vector<u8> sector = read_extent(sv->rdir_start, 1);
     if (label.empty()) {
         std::fill_n(sector.begin(), fat::DENTRY_SIZE, u8{0});
     } else {
         const std::string text = padded(label);
         (void)fat::set_volume_entry(sector.data(), reinterpret_cast<const u8 *>(text.data()));
     }
-    write_run(sv->rdir_start, sector);
+    write_extent(sv->rdir_start, sector);
 }
 
 // ---- the boot sector of a device ----
 
-std::vector<u8> boot_sector; // what was written there; empty: nothing yet
+std::vector<u8> boot_sector; // its deferred content; empty: not written yet
 fat_sector_io read_device = nullptr;
 fat_sector_io write_device = nullptr;
 
@@ -82,7 +82,7 @@ int read_with_boot_sector(void *buffer, u64 sector, u32 count) {
     return moved;
 }
 
-int write_but_boot_sector(void *buffer, u64 sector, u32 count) {
+int write_without_boot_sector(void *buffer, u64 sector, u32 count) {
     if (sector != 0 || count == 0) {
         return write_device(buffer, sector, count);
     }
@@ -113,27 +113,28 @@ void format_target(const volume_shape &shape, const std::string &label) {
     set_label_entry(label);
 }
 
-withheld_boot_sector::withheld_boot_sector(const target &where) : where_(where) {
-    std::vector<u8> zeroes(fat::transfer_unit());
-    if (write_sectors(zeroes.data(), 0, 1) != 1) {
-        throw error("cannot write to " + shown_bytes(where.path()));
+deferred_boot_sector::deferred_boot_sector(const target &where) : where_(where) {
+    std::vector<u8> zeros(fat::transfer_unit());
+    const int written = write_sectors(zeros.data(), 0, 1);
+    if (written != 1) {
+        throw system_failure("write to " + shown_bytes(where.path()), written < 0 ? -written : EIO);
     }
     where_.sync();
     read_device = read_sectors;
     write_device = write_sectors;
     read_sectors = read_with_boot_sector;
-    write_sectors = write_but_boot_sector;
+    write_sectors = write_without_boot_sector;
 }
 
-withheld_boot_sector::~withheld_boot_sector() {
+deferred_boot_sector::~deferred_boot_sector() {
     read_sectors = read_device;
     write_sectors = write_device;
     boot_sector.clear();
 }
 
-void withheld_boot_sector::release() {
+void deferred_boot_sector::release() {
     write_sectors = write_device;
-    write_run(0, boot_sector);
+    write_extent(0, boot_sector);
     where_.sync();
 }
 

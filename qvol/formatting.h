@@ -1,4 +1,4 @@
-// Laying a fresh file system on a target, and its label.
+// Formats a target and sets the volume label.
 
 #pragma once
 
@@ -10,25 +10,25 @@
 
 namespace qvol {
 
-// A label as it is stored. Throws usage_error for one that a volume cannot have. No label: "".
+// Returns the label. Throws usage_error if it is invalid.
 [[nodiscard]] std::string checked_label(const std::string &text);
 
-// Formats the target, which is as long as the shape says. The label goes into the boot sectors and
-// the root directory; where there is none, "NO NAME" goes into the first, and no entry into the
-// second.
+// Formats the target, which must have the length of the shape. Stores the label in the boot sectors
+// and the root directory. Without a label ("") the boot sectors get "NO NAME" and the root gets no
+// entry.
 void format_target(const volume_shape &shape, const std::string &label);
 
-// A device has no other place than its own. While one lives, the first sector of the device is kept
-// in memory and zeroes stand in its place: an interrupted build leaves no volume rather than a
+// A volume on a device is built in place. Until release() the boot sector is buffered in memory and
+// the first sector of the device is zero, so an interrupted build leaves no volume instead of a
 // broken one.
-class withheld_boot_sector {
+class deferred_boot_sector {
 public:
-    explicit withheld_boot_sector(const target &where);
-    ~withheld_boot_sector();
-    withheld_boot_sector(const withheld_boot_sector &) = delete;
-    withheld_boot_sector &operator=(const withheld_boot_sector &) = delete;
+    explicit deferred_boot_sector(const target &where);
+    ~deferred_boot_sector();
+    deferred_boot_sector(const deferred_boot_sector &) = delete;
+    deferred_boot_sector &operator=(const deferred_boot_sector &) = delete;
 
-    // Writes it, when everything else is on the medium.
+    // Writes and syncs the boot sector. Call it when everything else is synced.
     void release();
 
 private:

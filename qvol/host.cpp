@@ -27,31 +27,31 @@ void write_all(int fd, std::span<const u8> bytes, const std::string &shown) {
     }
 }
 
-// Makes an entry under a name. Returns 0 or more, or -1 with errno.
+// Makes an entry with this name. Returns 0 or more, or -1 with errno.
 using make_entry = std::function<int(const char *name)>;
 
-// An entry that is being made: under another name until it is whole. Taken away again unless it is
-// kept.
+// An entry that is being made, under a temporary name until commit(). Without it the destructor
+// removes the entry.
 class unfinished_entry {
 public:
     unfinished_entry(int directory, std::string name, bool replaces, const std::string &shown,
                      const make_entry &make)
         : directory_(directory), name_(std::move(name)), replaces_(replaces), shown_(shown) {
         refuse_existing();
-        make_under_another_name(make);
+        make_temporary(make);
         if (result_ < 0) {
             throw system_failure("make " + shown_);
         }
     }
     ~unfinished_entry() {
-        if (!is_kept_) {
-            unlinkat(directory_, current_.c_str(), 0);
+        if (!is_committed_) {
+            unlinkat(directory_, temporary_name_.c_str(), 0);
         }
     }
     unfinished_entry(const unfinished_entry &) = delete;
     unfinished_entry &operator=(const unfinished_entry &) = delete;
 
-    // What making it returned.
+    // The result of `make`, a descriptor for a file.
     [[nodiscard]] int result() const {
         return result_;
     }
@@ -61,52 +61,52 @@ public:
             return;
         }
         const timespec times[2] = {{*modified, 0}, {*modified, 0}};
-        if (utimensat(directory_, current_.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
+        if (utimensat(directory_, temporary_name_.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
             throw system_failure("set the time of " + shown_);
         }
     }
 
-    void keep() {
+    void commit() {
         if (rename_to_final() != 0) {
             const int failure = errno;
             refuse_existing(); // made by another program in the meantime
-            throw system_failure("give " + shown_ + " its name", failure);
+            throw system_failure("rename the new file to " + shown_, failure);
         }
-        is_kept_ = true;
+        is_committed_ = true;
     }
 
 private:
     void refuse_existing() const {
         struct stat status {};
         if (fstatat(directory_, name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-            if (errno != ENOENT) { // as a name that is too long here
+            if (errno != ENOENT) { // for example a name that is too long for the host
                 throw system_failure("make " + shown_);
             }
             return;
         }
         if (!replaces_) {
-            throw error(shown_ + ": exists; --force replaces it");
+            throw error("cannot make " + shown_ + ": exists; --force replaces it");
         }
         if (S_ISDIR(status.st_mode)) {
-            throw error(shown_ + ": is a directory, which is not replaced");
+            throw error("cannot replace " + shown_ + ": is a directory");
         }
     }
 
-    // Some file systems of the host cannot refuse to replace.
+    // Some file systems do not support RENAME_NOREPLACE.
     [[nodiscard]] int rename_to_final() const {
         const unsigned flags = replaces_ ? 0 : RENAME_NOREPLACE;
         const int renamed =
-            renameat2(directory_, current_.c_str(), directory_, name_.c_str(), flags);
+            renameat2(directory_, temporary_name_.c_str(), directory_, name_.c_str(), flags);
         return renamed != 0 && (errno == EINVAL || errno == ENOSYS)
-                   ? renameat(directory_, current_.c_str(), directory_, name_.c_str())
+                   ? renameat(directory_, temporary_name_.c_str(), directory_, name_.c_str())
                    : renamed;
     }
 
-    void make_under_another_name(const make_entry &make) {
+    void make_temporary(const make_entry &make) {
         constexpr int MOST_ATTEMPTS = 1000;
         for (int attempt = 0; attempt < MOST_ATTEMPTS; attempt++) {
-            current_ = fmt::format(".qvol-{}-{}", getpid(), attempt);
-            result_ = make(current_.c_str());
+            temporary_name_ = fmt::format(".qvol-{}-{}", getpid(), attempt);
+            result_ = make(temporary_name_.c_str());
             if (result_ >= 0 || errno != EEXIST) {
                 return;
             }
@@ -117,9 +117,9 @@ private:
     std::string name_;
     bool replaces_;
     std::string shown_;
-    std::string current_; // the name it has until then
+    std::string temporary_name_;
     int result_ = -1;
-    bool is_kept_ = false;
+    bool is_committed_ = false;
 };
 
 } // namespace
@@ -127,7 +127,7 @@ private:
 host_directory::host_directory(const std::string &path) : path_(path) {
     const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) {
-        throw system_failure("open the directory " + shown_bytes(path));
+        throw system_failure("open directory " + shown_bytes(path));
     }
     fd_ = std::make_unique<fat::unique_fd>(fd);
 }
@@ -138,15 +138,15 @@ std::string host_directory::shown(const std::string &name) const {
 
 host_directory host_directory::enter(const std::string &name) const {
     if (mkdirat(fd_->get(), name.c_str(), DIRECTORY_MODE) != 0 && errno != EEXIST) {
-        throw system_failure("make the directory " + shown(name));
+        throw system_failure("make directory " + shown(name));
     }
     const int fd =
         openat(fd_->get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0 && (errno == ENOTDIR || errno == ELOOP)) {
-        throw error(shown(name) + ": exists and is no directory");
+        throw error("cannot make directory " + shown(name) + ": exists and is not a directory");
     }
     if (fd < 0) {
-        throw system_failure("open the directory " + shown(name));
+        throw system_failure("open directory " + shown(name));
     }
     return {fd, host_path_below(path_, name)};
 }
@@ -160,7 +160,7 @@ void host_directory::make_file(const std::string &name, bool replaces,
     const fat::unique_fd file(made.result());
     content([&](std::span<const u8> bytes) { write_all(file.get(), bytes, shown(name)); });
     made.set_modified(modified);
-    made.keep();
+    made.commit();
 }
 
 void host_directory::make_link(const std::string &name, bool replaces,
@@ -169,7 +169,7 @@ void host_directory::make_link(const std::string &name, bool replaces,
         return symlinkat(target.c_str(), fd_->get(), wanted);
     });
     made.set_modified(modified);
-    made.keep();
+    made.commit();
 }
 
 void host_directory::set_modified(std::optional<time_t> modified) const {

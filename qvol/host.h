@@ -1,5 +1,5 @@
-// Writing on the host: files and directories made step by step from an open directory, so that no
-// name leads elsewhere and no link is followed, the ones just made included.
+// Writing on the host. Files and directories are made relative to an open directory, so no name
+// leads elsewhere and no link is followed, not even one that qvol has just made.
 
 #pragma once
 
@@ -18,26 +18,26 @@ namespace qvol {
 
 // Writes the content of a new file piece by piece.
 using write_piece = std::function<void(std::span<const u8>)>;
-using write_content = std::function<void(const write_piece &put)>;
+using write_content = std::function<void(const write_piece &write)>;
 
 // An open directory of the host.
 class host_directory {
 public:
-    // Opens a directory that the user named; links on the way are the user's own.
+    // Opens a directory that the user named. Follows links: the path is trusted.
     explicit host_directory(const std::string &path);
 
-    // Makes a directory below this one, or opens the one that is there. A link is not followed:
-    // throws error.
+    // Makes a directory below this one, or opens the existing one. Throws error for a link instead
+    // of following it.
     [[nodiscard]] host_directory enter(const std::string &name) const;
 
-    // Make an entry, under another name until it is whole. What exists is an error, unless
-    // `replaces`: then it is exchanged. An entry that cannot be made whole leaves nothing behind.
+    // Make an entry, under a temporary name until it is complete. An existing entry is an error, or
+    // is replaced if `replaces` is set. A failure leaves no new entry.
     void make_file(const std::string &name, bool replaces, std::optional<time_t> modified,
                    const write_content &content) const;
     void make_link(const std::string &name, bool replaces, std::optional<time_t> modified,
                    const std::string &target) const;
 
-    // Stamps this directory.
+    // Sets the modification time of this directory.
     void set_modified(std::optional<time_t> modified) const;
 
     [[nodiscard]] const std::string &path() const {
@@ -54,18 +54,18 @@ private:
     std::string path_; // for messages
 };
 
-// A file that the user named, made as make_file() does.
+// Makes a file that the user named, as make_file() does.
 void make_host_file(const std::string &path, bool replaces, std::optional<time_t> modified,
                     const write_content &content);
 
-// The two halves of a path that the user named: its directory and its last component.
+// A path split into its directory and its last component.
 struct split_path {
     std::string directory;
     std::string name;
 };
 [[nodiscard]] split_path split_host_path(const std::string &path);
 
-// The path of an entry of a directory.
+// The path of an entry in a directory.
 [[nodiscard]] std::string host_path_below(const std::string &directory, const std::string &name);
 
 [[nodiscard]] bool is_host_directory(const std::string &path); // following links

@@ -28,7 +28,7 @@ struct close_directory {
 std::vector<std::string> sorted_names(const std::string &path) {
     const std::unique_ptr<DIR, close_directory> listing(opendir(path.c_str()));
     if (listing == nullptr) {
-        throw system_failure("read the directory " + shown_bytes(path));
+        throw system_failure("read directory " + shown_bytes(path));
     }
     std::vector<std::string> names;
     errno = 0;
@@ -41,7 +41,7 @@ std::vector<std::string> sorted_names(const std::string &path) {
         errno = 0;
     }
     if (errno != 0) {
-        throw system_failure("read the directory " + shown_bytes(path));
+        throw system_failure("read directory " + shown_bytes(path));
     }
     std::sort(names.begin(), names.end());
     return names;
@@ -50,7 +50,7 @@ std::vector<std::string> sorted_names(const std::string &path) {
 struct stat status_of(const std::string &path) {
     struct stat status {};
     if (lstat(path.c_str(), &status) != 0) {
-        throw system_failure("look at " + shown_bytes(path));
+        throw system_failure("stat " + shown_bytes(path));
     }
     return status;
 }
@@ -79,19 +79,19 @@ void host_scan::add_problem(const std::string &path, const std::string &why) {
     problems_.push_back(shown_bytes(path) + ": " + why);
 }
 
-// What stands against a name, the first thing of all.
-void host_scan::take_name(host_node *node, const std::string &name) {
+// Sets the name and the slots it takes; adds a problem if the name is invalid.
+void host_scan::set_name(host_node *node, const std::string &name) {
     const std::optional<std::u16string> units = names_.to_units(name);
-    std::optional<std::string> problem =
-        units ? name_problem(*units) : "its name is no text in the encoding of names";
-    if (!problem && !takes_long_names_ && !cased_short_name_of(*units)) {
-        problem = "its name needs a long one: it is not 8.3, or mixes upper and lower case";
-    }
+    const std::optional<std::string> problem =
+        units ? name_problem(*units) : "not valid in the name encoding";
     if (problem) {
-        add_problem(node->path, *problem);
+        add_problem(node->path, "invalid name: " + *problem);
+    } else if (!allows_long_names_ && !cased_short_name_of(*units)) {
+        add_problem(node->path, "long names are off and this name does not fit 8.3 with one case "
+                                "for each half");
     }
     node->name = units.value_or(u"");
-    node->slots = takes_long_names_ ? slots_of_name(node->name) : 1;
+    node->slots = allows_long_names_ ? slots_of_name(node->name) : 1;
 }
 
 host_node host_scan::scan(const std::string &path, const std::string &name) {
@@ -99,7 +99,7 @@ host_node host_scan::scan(const std::string &path, const std::string &name) {
     host_node node;
     node.path = path;
     node.modified = status.st_mtime;
-    take_name(&node, name);
+    set_name(&node, name);
     if (S_ISDIR(status.st_mode)) {
         node.type = kind::DIRECTORY;
         node.children = scan_children(path);
@@ -108,16 +108,16 @@ host_node host_scan::scan(const std::string &path, const std::string &name) {
         node.target = read_link(path);
         node.size = node.target.size();
         if (node.size > fat::MAX_PATH_LENGTH) {
-            add_problem(path, fmt::format("the target of the link is longer than {} bytes",
-                                          fat::MAX_PATH_LENGTH));
+            add_problem(
+                path, fmt::format("the link target is longer than {} bytes", fat::MAX_PATH_LENGTH));
         }
     } else if (S_ISREG(status.st_mode)) {
         node.size = static_cast<u64>(status.st_size);
         if (node.size > MAX_FILE_BYTES) {
-            add_problem(path, "a file of 4 GiB or more does not fit into a FAT volume");
+            add_problem(path, "too large: files on a FAT volume are smaller than 4 GiB");
         }
     } else {
-        add_problem(path, "neither a file, a directory nor a link; --skip-special leaves it out");
+        add_problem(path, "neither file, directory nor link; --skip-special leaves it out");
     }
     return node;
 }
@@ -143,8 +143,8 @@ void host_scan::check_names(const std::vector<host_node> &siblings) {
     for (const host_node &node : siblings) {
         const auto [first, is_new] = seen.try_emplace(fold_case(node.name), &node);
         if (!is_new && !node.name.empty()) {
-            add_problem(node.path, "its name differs from that of " +
-                                       shown_bytes(first->second->path) + " at most in case");
+            add_problem(node.path,
+                        "same name as " + shown_bytes(first->second->path) + " if case is ignored");
         }
     }
 }

@@ -17,7 +17,8 @@ namespace {
 
 constexpr std::size_t PIECE_BYTES = std::size_t{128} * 1024;
 
-// Reads a file of the host that is to have `size` bytes, and hands them on.
+// Reads a file of the host and passes its bytes to `take`. Throws error if they are not `size`
+// bytes.
 void read_host_file(const std::string &path, u64 size, std::vector<u8> *buffer,
                     const std::function<void(std::span<const u8>)> &take) {
     const fat::unique_fd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -36,23 +37,24 @@ void read_host_file(const std::string &path, u64 size, std::vector<u8> *buffer,
         }
         take(std::span(*buffer).first(static_cast<std::size_t>(count)));
         if (done == size && static_cast<std::size_t>(count) < buffer->size()) {
-            break; // the file has ended here: no further call is needed to see that
+            break; // end of the file: a short read, so no further call is needed
         }
     }
     if (done != size) {
-        throw error(shown_bytes(path) + ": changed while it was read; try again");
+        throw error("cannot copy " + shown_bytes(path) + ": changed while it was read; try again");
     }
 }
 
-// Tells which entry of the host it was that has no place. Too little space concerns all of them.
+// Adds the entry of the host to errors of `work`, except no_space, which concerns all entries.
 template <typename Work>
-auto about(const host_node &node, Work work) {
+auto add_context(const host_node &node, Work work) {
     try {
         return work();
     } catch (const no_space &) {
         throw;
     } catch (const error &why) {
-        throw error(shown_bytes(node.path) + ": " + why.what() + "; nothing was written");
+        throw error("cannot store " + shown_bytes(node.path) + ": " + why.what() +
+                    "; nothing was written");
     }
 }
 
@@ -62,7 +64,7 @@ std::span<const u8> bytes_of(const std::string &text) {
 
 } // namespace
 
-// ---- looking for what stands against it -------------------------------------------------------
+// ---- checks -----------------------------------------------------------------------------------
 
 void import_plan::check_existing(const host_node &node, const entry &existing,
                                  const std::string &path) {
@@ -70,8 +72,8 @@ void import_plan::check_existing(const host_node &node, const entry &existing,
         problems_.push_back(path + ": exists as " + vol_.names().shown(existing.name) +
                             ", which differs only in case");
     } else if (existing.is_directory() != (node.type == kind::DIRECTORY)) {
-        problems_.push_back(path + (existing.is_directory() ? ": is a directory of the volume"
-                                                            : ": exists and is no directory"));
+        problems_.push_back(path + (existing.is_directory() ? ": is a directory on the volume"
+                                                            : ": exists and is not a directory"));
     } else if (existing.is_directory()) {
         check(node.children, open_directory(vol_, existing), path);
     } else if (!replaces_) {
@@ -88,7 +90,7 @@ void import_plan::check(const std::vector<host_node> &nodes, const directory &in
         if (existing != nullptr) {
             check_existing(node, *existing, shown);
         } else if (alias != nullptr) {
-            problems_.push_back(shown + ": is in use as the short name of " +
+            problems_.push_back(shown + ": is already the short name of " +
                                 vol_.names().shown(alias->name));
         }
     }
@@ -96,47 +98,47 @@ void import_plan::check(const std::vector<host_node> &nodes, const directory &in
 
 // ---- planning ---------------------------------------------------------------------------------
 
-// Two directories in memory over one chain would overwrite each other's changes.
+// Two directory objects for one chain would overwrite each other's changes.
 directory import_plan::open_once(const entry &existing) {
     directory dir = open_directory(vol_, existing);
     const bool is_open =
         std::any_of(directories_.begin(), directories_.end(),
                     [&](const auto &known) { return known->start() == dir.start(); });
     if (is_open) {
-        throw error("two directories of the volume share one chain; repair it first");
+        throw error("two directories share one chain; repair the volume first");
     }
     return dir;
 }
 
-void import_plan::place_directory(const host_node &node, directory *parent) {
+void import_plan::plan_directory(const host_node &node, directory *parent) {
     const entry *existing = parent->find_name(node.name);
     if (existing != nullptr) {
         directories_.push_back(
-            std::make_unique<directory>(about(node, [&] { return open_once(*existing); })));
+            std::make_unique<directory>(add_context(node, [&] { return open_once(*existing); })));
     } else {
         const dos_time stamp = dos_time_of(node.modified);
         directories_.push_back(
             std::make_unique<directory>(directory::make(vol_.fat(), *parent, stamp)));
         const u32 start = directories_.back()->start();
-        about(node, [&] { parent->add({node.name, kind::DIRECTORY, start, 0, stamp}); });
+        add_context(node, [&] { parent->add({node.name, kind::DIRECTORY, start, 0, stamp}); });
     }
-    place_entries(node.children, directories_.back().get());
+    plan_entries(node.children, directories_.back().get());
 }
 
-// The entry gets its clusters later, when those of all directories have been found.
-void import_plan::place_file(const host_node &node, directory *parent) {
+// The entry gets its clusters in allocate_data(), after those of all directories.
+void import_plan::plan_file(const host_node &node, directory *parent) {
     const entry *existing = parent->find_name(node.name);
     const dos_time stamp = dos_time_of(node.modified);
     if (existing == nullptr) {
         const u32 size = static_cast<u32>(node.size);
-        existing = about(node, [&] {
+        existing = add_context(node, [&] {
             return &parent->add({node.name, node.type, 0, size, stamp});
         });
     } else {
         entry changed = *existing;
         if (changed.start() != 0) {
             const std::vector<u32> old =
-                about(node, [&] { return vol_.fat().chain(changed.start()); });
+                add_context(node, [&] { return vol_.fat().chain(changed.start()); });
             replaced_clusters_.insert(replaced_clusters_.end(), old.begin(), old.end());
         }
         changed.set_start(0);
@@ -148,15 +150,15 @@ void import_plan::place_file(const host_node &node, directory *parent) {
     files_.push_back({&node, parent, existing->slot, {}});
 }
 
-void import_plan::place_entries(const std::vector<host_node> &nodes, directory *into) {
+void import_plan::plan_entries(const std::vector<host_node> &nodes, directory *into) {
     for (const host_node &node : nodes) {
         into->reserve_short_name(node.name);
     }
     for (const host_node &node : nodes) {
         if (node.type == kind::DIRECTORY) {
-            place_directory(node, into);
+            plan_directory(node, into);
         } else {
-            place_file(node, into);
+            plan_file(node, into);
         }
     }
 }
@@ -172,30 +174,30 @@ void import_plan::allocate_data() {
     }
 }
 
-// How far directories that exist have to grow is not counted: the sum may fall short of what is
-// needed, but it is known to be more than what is left.
-void import_plan::tell_no_space(const std::vector<host_node> &nodes) {
+// clusters_needed() does not count the growth of existing directories, so it may be too small; the
+// true number exceeds the free clusters in any case.
+void import_plan::throw_no_space(const std::vector<host_node> &nodes) {
     const u64 cluster = fat::cluster_bytes();
-    const u64 left = vol_.fat().free_count();
-    const u64 needed = std::max(clusters_needed(nodes, fat::cluster_bytes()), left + 1);
-    throw error(fmt::format("no space: {} are needed, the volume has {} left; nothing was written",
-                            shown_size(needed * cluster), shown_size(left * cluster)));
+    const u64 available = vol_.fat().free_count();
+    const u64 needed = std::max(clusters_needed(nodes, fat::cluster_bytes()), available + 1);
+    throw error(fmt::format("no space: {} needed, {} free on the volume; nothing was written",
+                            shown_size(needed * cluster), shown_size(available * cluster)));
 }
 
-void import_plan::place(const std::vector<host_node> &nodes, directory into,
-                        const std::string &path) {
+void import_plan::plan(const std::vector<host_node> &nodes, directory into,
+                       const std::string &path) {
     check(nodes, into, path);
     if (!problems_.empty()) {
-        throw error("not everything can be stored; nothing was written", problems_);
+        throw error("cannot store all entries; nothing was written", problems_);
     }
     directories_.push_back(std::make_unique<directory>(std::move(into)));
     directory *top = directories_.back().get();
     try {
-        place_entries(nodes, top);
+        plan_entries(nodes, top);
         allocate_data();
     } catch (const no_space &) {
         vol_.fat().forget_changes();
-        tell_no_space(nodes);
+        throw_no_space(nodes);
     }
 }
 

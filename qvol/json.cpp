@@ -1,6 +1,6 @@
 // The only source that includes the JSON library: its headers take longer to compile than most
-// commands. It writes strings and numbers; the structure around them is written here, level by
-// level without recursion, because a document may be as deep as a damaged volume.
+// commands. The library formats strings and numbers. The structure around them is written here,
+// without recursion, because a document may be as deep as the tree of a damaged volume.
 
 #include "qvol/json.h"
 
@@ -13,7 +13,7 @@ namespace qvol {
 
 namespace {
 
-constexpr std::size_t INDENT = 2; // blanks for each level
+constexpr std::size_t INDENT = 2; // spaces for each level
 
 std::string quoted(const std::string &text) {
     return nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);

@@ -1,4 +1,4 @@
-// JSON documents, as commands put them together and write them. Nothing here reads JSON.
+// Builds and prints JSON documents. Nothing here reads JSON.
 
 #pragma once
 
@@ -14,7 +14,7 @@ namespace qvol {
 using fat::u32;
 using fat::u64;
 
-// A value. It moves and does not copy: a document may describe a whole volume.
+// A value. Move-only: a document may describe a whole volume.
 class json {
 public:
     struct member;
@@ -27,9 +27,9 @@ public:
     json(double number);
     json(const char *text);
     json(const std::string &text); // bytes that are not UTF-8 become U+FFFD
-    json(const void *) = delete;   // would be taken for a truth value
+    json(const void *) = delete;   // would convert to bool
 
-    // An object: {{"name", name}, {"bytes", bytes}}. Takes the values out of the list.
+    // An object: {{"name", name}, {"bytes", bytes}}. Moves the values out of the list.
     json(std::initializer_list<member> members);
 
     [[nodiscard]] static json array();
@@ -42,10 +42,10 @@ public:
     // Adds an element to an array.
     void push_back(json value);
 
-    // Adds a member to an object, after the others. The object has no member of this name yet.
+    // Adds a member at the end of an object. The key must be new.
     void add(const std::string &key, json value);
 
-    // The document: two blanks for each level, no newline at the end.
+    // The document: two spaces for each level, no newline at the end.
     [[nodiscard]] std::string text() const;
 
 private:
@@ -59,7 +59,7 @@ private:
     static void end(std::string *text, std::vector<open_value> *open);
 
     form form_;
-    std::string text_;           // the key of a member, then the value where it is a scalar
+    std::string text_;           // the key of a member, then the value of a scalar
     std::vector<json> children_; // of an array or object
 };
 

@@ -1,4 +1,4 @@
-// qvol: builds, looks into and changes FAT16 and FAT32 volumes from the command line.
+// qvol: builds, inspects and changes FAT16 and FAT32 volumes from the command line.
 
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
@@ -12,14 +12,14 @@
 
 namespace {
 
-// A program started with a standard stream closed would open the image in its place and write its
-// output into the image. A descriptor opened with O_PATH takes the number and refuses every
-// transfer, as a closed one does; "/" is there without /dev. Lower numbers are taken already, so
-// that open() returns this one.
+// If a standard stream is closed at the start, the image would get its descriptor, and output would
+// be written into the image. A descriptor opened with O_PATH occupies the number and refuses every
+// transfer, as a closed one does; "/" exists even without /dev. Lower numbers are in use already,
+// so open() returns this one.
 bool occupy_standard_descriptors() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++) {
         if (fcntl(fd, F_GETFD) < 0 && open("/", O_PATH | O_CLOEXEC) != fd) {
-            std::perror("qvol: cannot open a standard stream that is closed");
+            std::perror("qvol: cannot occupy the descriptor of a closed standard stream");
             return false;
         }
     }
@@ -37,16 +37,16 @@ int run(int argc, char **argv) {
 } // namespace
 
 int main(int argc, char **argv) {
-    std::signal(SIGXFSZ, SIG_IGN); // a write beyond the limit on file sizes fails, and is told
+    std::signal(SIGXFSZ, SIG_IGN); // a write past the file size limit fails with EFBIG
     if (!occupy_standard_descriptors()) {
         return qvol::EXIT_FAILED;
     }
     try {
         return run(argc, argv);
-    } catch (const std::exception &failure) { // not even the report of a failure succeeded
-        std::fprintf(stderr, "qvol: unexpected failure: %s\n", failure.what());
+    } catch (const std::exception &failure) { // reporting an error failed, too
+        std::fprintf(stderr, "qvol: unexpected error: %s\n", failure.what());
     } catch (...) {
-        std::fputs("qvol: unexpected failure\n", stderr);
+        std::fputs("qvol: unexpected error\n", stderr);
     }
     return qvol::EXIT_FAILED;
 }

@@ -21,14 +21,14 @@ constexpr double MARGIN = 40;
 constexpr double INNER = WIDTH - 2 * MARGIN;
 constexpr double TILE_HEIGHT = 68;
 constexpr double STRIP_HEIGHT = 30;
-constexpr double FUNNEL_HEIGHT = 26; // between a strip and its closer look
+constexpr double FUNNEL_HEIGHT = 26; // between a strip and the enlarged strip
 constexpr double HEADING_HEIGHT = 30;
 constexpr double SECTION_GAP = 30;
 constexpr double ROW_HEIGHT = 23;
 constexpr double MONO_WIDTH = 7.3; // of a column of the fixed font of 12 units
 
-constexpr std::size_t MOST_LISTED = FILES_WITH_CLASS;
-constexpr std::size_t MOST_TITLE_LINES = 8;
+constexpr std::size_t MAX_LISTED = FILES_WITH_CLASS;
+constexpr std::size_t MAX_TITLE_LINES = 8;
 
 // Light and dark, by the setting of the browser. Classes: r f t d: the areas; c0 to c12: the
 // classes of clusters.
@@ -64,16 +64,16 @@ std::string class_name(u32 number) {
     return fmt::format("c{}", number);
 }
 
-const char *class_name(const area &of) {
+const char *class_name(const area &drawn) {
     constexpr const char *NAMES[] = {"r", "f", "t", "d"};
-    return NAMES[static_cast<std::size_t>(of.kind)];
+    return NAMES[static_cast<std::size_t>(drawn.kind)];
 }
 
 // "12,345"
 std::string grouped(u64 number) {
     std::string text = std::to_string(number);
-    for (std::size_t place = text.size(); place > 3; place -= 3) {
-        text.insert(place - 3, 1, ',');
+    for (std::size_t digit = text.size(); digit > 3; digit -= 3) {
+        text.insert(digit - 3, 1, ',');
     }
     return text;
 }
@@ -85,7 +85,7 @@ std::string range_text(u32 first, u32 count) {
     return fmt::format("clusters {} to {}", grouped(first), grouped(u64{first} + count - 1));
 }
 
-// The picture grows downwards: each section draws from `y_` on and moves it.
+// The picture grows downwards: each section starts at `y_` and moves it.
 class map_picture {
 public:
     explicit map_picture(const volume_map &map) : map_(map), classes_(map) {}
@@ -109,8 +109,8 @@ private:
     void draw_areas();
     void draw_strip(const box &at, u64 first, u64 span, bool has_labels);
     void draw_boundaries();
-    void draw_boundary(const area &of, const box &at);
-    void draw_page_row(const area &of, u32 page, const box &at);
+    void draw_boundary(const area &drawn, const box &at);
+    void draw_page_row(const area &drawn, u32 page, const box &at);
     void draw_clusters();
     void draw_cells(std::span<const map_cell> row, double pitch);
     void draw_grid(double top, std::size_t columns, std::size_t rows, double pitch);
@@ -120,7 +120,7 @@ private:
     double draw_legend(double width);
     double draw_pieces(double x, double width);
     void draw_owner_row(const box &at, const std::string &swatch, const std::string &path,
-                        u64 clusters, u64 runs);
+                        u64 clusters, u64 pieces);
     void draw_positions(const cluster_owner &owner, const box &at, const std::string &colour);
     [[nodiscard]] std::string holder_text(holder by) const;
     [[nodiscard]] std::string cell_title(const map_cell &cell) const;
@@ -185,18 +185,18 @@ void map_picture::draw_strip(const box &at, u64 first, u64 span, bool has_labels
     const double scale = at.width / static_cast<double>(span);
     body_.begin_clipped(at);
     body_.rect({0, 0, at.width, at.height}, "c10");
-    for (const area &of : map_.areas) {
-        const double x = (static_cast<double>(of.offset()) - static_cast<double>(first)) * scale;
-        const double width = static_cast<double>(of.bytes()) * scale;
+    for (const area &drawn : map_.areas) {
+        const double x = (static_cast<double>(drawn.offset()) - static_cast<double>(first)) * scale;
+        const double width = static_cast<double>(drawn.bytes()) * scale;
         if (x > at.width || x + width < 0) {
             continue;
         }
-        body_.rect({x, 0, width, at.height}, std::string(class_name(of)) + " edge",
-                   fmt::format("{}\n{} from byte {}", of.name, short_size(of.bytes()),
-                               grouped(of.offset())));
+        body_.rect({x, 0, width, at.height}, std::string(class_name(drawn)) + " edge",
+                   fmt::format("{}\n{} from byte {}", drawn.name, short_size(drawn.bytes()),
+                               grouped(drawn.offset())));
         const double shown = std::min(x + width, at.width) - x;
-        if (has_labels && shown > 8.5 * static_cast<double>(of.name.size()) + 12) {
-            body_.text(x + shown / 2, at.height / 2 + 4.5, "on mid", of.name);
+        if (has_labels && shown > 8.5 * static_cast<double>(drawn.name.size()) + 12) {
+            body_.text(x + shown / 2, at.height / 2 + 4.5, "on mid", drawn.name);
         }
     }
     body_.end_clipped();
@@ -212,8 +212,7 @@ void map_picture::draw_areas() {
                            coordinate(MARGIN + part), coordinate(MARGIN + INNER),
                            coordinate(y_ + FUNNEL_HEIGHT)),
                "funnel");
-    body_.text(MARGIN + INNER, y_ + 14, "small end",
-               fmt::format("the first {} of it", short_size(span)));
+    body_.text(MARGIN + INNER, y_ + 14, "small end", fmt::format("the first {}", short_size(span)));
     y_ += FUNNEL_HEIGHT;
     draw_strip({MARGIN, y_, INNER, STRIP_HEIGHT}, 0, span, true);
     y_ += STRIP_HEIGHT + SECTION_GAP;
@@ -224,92 +223,95 @@ void map_picture::draw_areas() {
 // A page ruler for each page size, around the first byte of an area.
 constexpr u64 WINDOW = 32 * u64{1024};
 constexpr double BOUNDARY_HEIGHT = 138;
-constexpr std::size_t MOST_BOUNDARIES = 5;
+constexpr std::size_t MAX_BOUNDARIES = 5;
 
-u64 window_start(const area &of) {
+u64 window_start(const area &drawn) {
     const u64 page = PAGE_SIZES.back();
-    const u64 start = of.offset() / page * page;
+    const u64 start = drawn.offset() / page * page;
     return start < page / 2 ? 0 : start - page / 2;
 }
 
-void map_picture::draw_page_row(const area &of, u32 page, const box &at) {
-    const u64 first = window_start(of);
+void map_picture::draw_page_row(const area &drawn, u32 page, const box &at) {
+    const u64 first = window_start(drawn);
     const double scale = at.width / static_cast<double>(WINDOW);
-    for (u64 place = (first + page - 1) / page * page; place <= first + WINDOW; place += page) {
-        const double x = at.x + static_cast<double>(place - first) * scale;
+    for (u64 tick = (first + page - 1) / page * page; tick <= first + WINDOW; tick += page) {
+        const double x = at.x + static_cast<double>(tick - first) * scale;
         body_.line(x, at.y + 3, x, at.y + at.height - 3, "tick");
     }
-    const u64 remainder = of.offset() % page;
+    const u64 remainder = drawn.offset() % page;
     body_.text(at.x - 8, at.y + 13, "small end", short_size(page));
     body_.text(at.x + at.width + 8, at.y + 13, remainder == 0 ? "good" : "off",
                remainder == 0 ? "0" : "+" + grouped(remainder));
 }
 
-void map_picture::draw_boundary(const area &of, const box &at) {
+void map_picture::draw_boundary(const area &drawn, const box &at) {
     constexpr double ROW = 20;
     constexpr double TOP = 46;
     const box rulers = {at.x + 62, at.y + TOP, at.width - 62 - 72, ROW * PAGE_SIZES.size()};
     body_.rect(at, "panel", "", 8);
-    body_.rect({at.x + 14, at.y + 15, 12, 12}, class_name(of), "", 3);
-    body_.text(at.x + 34, at.y + 26, "bold", of.name);
+    body_.rect({at.x + 14, at.y + 15, 12, 12}, class_name(drawn), "", 3);
+    body_.text(at.x + 34, at.y + 26, "bold", drawn.name);
     body_.text(at.x + at.width - 14, at.y + 26, "small end",
-               fmt::format("at {}", grouped(of.offset())));
+               fmt::format("at {}", grouped(drawn.offset())));
     body_.raw("<g class=\"pale\">\n");
-    draw_strip(rulers, window_start(of), WINDOW, false);
+    draw_strip(rulers, window_start(drawn), WINDOW, false);
     body_.end_group();
     for (std::size_t row = 0; row < PAGE_SIZES.size(); row++) {
-        draw_page_row(of, PAGE_SIZES[row],
+        draw_page_row(drawn, PAGE_SIZES[row],
                       {rulers.x, rulers.y + static_cast<double>(row) * ROW, rulers.width, ROW});
     }
-    const double x = rulers.x + static_cast<double>(of.offset() - window_start(of)) /
+    const double x = rulers.x + static_cast<double>(drawn.offset() - window_start(drawn)) /
                                     static_cast<double>(WINDOW) * rulers.width;
     body_.line(x, rulers.y - 4, x, rulers.y + rulers.height + 4, "mark");
 }
 
-// Of a volume with many FATs the first areas and the last one.
+// Shows the first areas and the last one of a volume with many FATs.
 void map_picture::draw_boundaries() {
     std::vector<area> shown(map_.areas.begin() + 1, map_.areas.end());
-    if (shown.size() > MOST_BOUNDARIES) {
-        shown.erase(shown.begin() + MOST_BOUNDARIES - 1, shown.end() - 1);
+    if (shown.size() > MAX_BOUNDARIES) {
+        shown.erase(shown.begin() + MAX_BOUNDARIES - 1, shown.end() - 1);
     }
-    draw_heading("Where areas begin on flash pages",
-                 "the mark is the first byte; at the right the bytes behind the page boundary");
+    draw_heading(
+        "Start of the areas on flash pages",
+        "mark: first byte of the area; right: its distance from the page boundary in bytes");
     const double gap = 16;
     const double count = static_cast<double>(shown.size());
     const double width = (INNER - (count - 1) * gap) / count;
-    for (std::size_t place = 0; place < shown.size(); place++) {
-        draw_boundary(shown[place], {MARGIN + static_cast<double>(place) * (width + gap), y_, width,
-                                     BOUNDARY_HEIGHT});
+    for (std::size_t i = 0; i < shown.size(); i++) {
+        draw_boundary(shown[i], {MARGIN + static_cast<double>(i) * (width + gap), y_, width,
+                                 BOUNDARY_HEIGHT});
     }
     y_ += BOUNDARY_HEIGHT + SECTION_GAP;
 }
 
 // ---- clusters ---------------------------------------------------------------------------------
 
-// The largest cells with which a volume fits; of a large one, a cell is many clusters.
+// The largest cells with which the volume fits are used. In a large volume, a cell is many
+// clusters.
 struct cell_form {
     double pitch;
-    u32 most; // cells
+    u32 max_cells;
 };
 constexpr cell_form CELL_FORMS[] = {{28, 40 * 7}, {20, 56 * 10}, {14, 80 * 14}, {10, 112 * 20}};
 
 const cell_form &form_for(u32 clusters) {
     const auto *const fitting =
         std::find_if(std::begin(CELL_FORMS), std::end(CELL_FORMS),
-                     [clusters](const cell_form &form) { return clusters <= form.most; });
+                     [clusters](const cell_form &form) { return clusters <= form.max_cells; });
     return fitting != std::end(CELL_FORMS) ? *fitting : CELL_FORMS[std::size(CELL_FORMS) - 1];
 }
 
 std::string map_picture::holder_text(holder by) const {
-    return by >= FIRST_STATE ? class_text(classes_.of(by), 0) : owner_text(names_, map_.owners[by]);
+    return by >= FIRST_STATE ? class_text(classes_.class_of(by), 0)
+                             : owner_text(names_, map_.owners[by]);
 }
 
 std::string map_picture::cell_title(const map_cell &cell) const {
     std::string text;
     std::size_t lines = 0;
-    for (const extent &part : cell.parts) {
-        if (lines++ == MOST_TITLE_LINES) {
-            text += fmt::format("\nand {} more", cell.parts.size() - MOST_TITLE_LINES);
+    for (const held_extent &part : cell.parts) {
+        if (lines++ == MAX_TITLE_LINES) {
+            text += fmt::format("\nand {} more", cell.parts.size() - MAX_TITLE_LINES);
             break;
         }
         text += fmt::format("{}{}: {}", text.empty() ? "" : "\n", holder_text(part.held_by),
@@ -318,12 +320,12 @@ std::string map_picture::cell_title(const map_cell &cell) const {
     return text;
 }
 
-// The share of each class in a cell, as a picture has it: what is in use is always to be seen.
+// The visible share of each class in a cell: classes in use get at least LEAST_SHARE.
 std::array<double, CLASSES> map_picture::shares_in(const map_cell &cell) const {
     constexpr double LEAST_SHARE = 0.25;
     std::array<double, CLASSES> shares{};
-    for (const extent &part : cell.parts) {
-        shares[classes_.of(part.held_by)] += static_cast<double>(part.count) / cell.count;
+    for (const held_extent &part : cell.parts) {
+        shares[classes_.class_of(part.held_by)] += static_cast<double>(part.count) / cell.count;
     }
     double sum = 0;
     for (u32 number = 0; number < CLASSES; number++) {
@@ -339,7 +341,7 @@ std::array<double, CLASSES> map_picture::shares_in(const map_cell &cell) const {
     return shares;
 }
 
-// What is in a cell, from its bottom up.
+// Draws the classes in a cell from the bottom up.
 void map_picture::draw_mixed_cell(const map_cell &cell, double x, double pitch) {
     const std::array<double, CLASSES> shares = shares_in(cell);
     body_.raw(fmt::format("<g><title>{}</title>\n", xml_text(cell_title(cell))));
@@ -353,33 +355,33 @@ void map_picture::draw_mixed_cell(const map_cell &cell, double x, double pitch) 
     body_.end_group();
 }
 
-// A row of cells. Those side by side that one holder has make one rectangle.
+// Draws a row of cells. Adjacent cells with the same holder become one rectangle.
 void map_picture::draw_cells(std::span<const map_cell> row, double pitch) {
-    for (std::size_t place = 0; place < row.size();) {
-        const map_cell &cell = row[place];
-        const double x = static_cast<double>(place) * pitch;
+    for (std::size_t column = 0; column < row.size();) {
+        const map_cell &cell = row[column];
+        const double x = static_cast<double>(column) * pitch;
         if (!cell.has_one_holder()) {
             draw_mixed_cell(cell, x, pitch);
-            place++;
+            column++;
             continue;
         }
         const holder by = cell.parts.front().held_by;
-        std::size_t end = place;
+        std::size_t end = column;
         u32 clusters = 0;
         while (end < row.size() && row[end].has_one_holder() &&
                row[end].parts.front().held_by == by) {
             clusters += row[end++].count;
         }
-        body_.rect({x, 0, static_cast<double>(end - place) * pitch, pitch},
-                   class_name(classes_.of(by)),
+        body_.rect({x, 0, static_cast<double>(end - column) * pitch, pitch},
+                   class_name(classes_.class_of(by)),
                    fmt::format("{}\n{}", holder_text(by), range_text(cell.first, clusters)));
-        place = end;
+        column = end;
     }
 }
 
 void map_picture::draw_clusters() {
     const cell_form &form = form_for(map_.clusters);
-    const std::vector<map_cell> cells = cells_of(map_, form.most);
+    const std::vector<map_cell> cells = cells_of(map_, form.max_cells);
     const std::size_t columns = static_cast<std::size_t>(INNER / form.pitch);
     const u32 size = cells.front().count;
     draw_heading("Clusters", fmt::format("a cell is {} ({})",
@@ -397,7 +399,7 @@ void map_picture::draw_clusters() {
     y_ += SECTION_GAP;
 }
 
-// The lines that make cells of the rectangles.
+// Draws the lines that divide the rectangles into cells.
 void map_picture::draw_grid(double top, std::size_t columns, std::size_t rows, double pitch) {
     std::string lines;
     for (std::size_t column = 0; column <= columns; column++) {
@@ -415,10 +417,10 @@ void map_picture::draw_grid(double top, std::size_t columns, std::size_t rows, d
 // ---- tables -----------------------------------------------------------------------------------
 
 void map_picture::draw_owner_row(const box &at, const std::string &swatch, const std::string &path,
-                                 u64 clusters, u64 runs) {
+                                 u64 clusters, u64 pieces) {
     body_.rect({at.x, at.y + 5, 13, 13}, swatch, "", 3);
     body_.text(at.x + at.width - 58, at.y + 16, "end", short_size(clusters * map_.cluster_bytes));
-    body_.text(at.x + at.width, at.y + 16, "end soft", grouped(runs));
+    body_.text(at.x + at.width, at.y + 16, "end soft", grouped(pieces));
     const double room = at.width - 24 - 140;
     body_.raw(fmt::format("<g><title>{}</title>\n", xml_text(path)));
     body_.begin_clipped({at.x + 24, at.y, room, at.height});
@@ -430,36 +432,36 @@ void map_picture::draw_owner_row(const box &at, const std::string &swatch, const
 // Returns its height.
 double map_picture::draw_legend(double width) {
     box row = {MARGIN, y_, width, ROW_HEIGHT};
-    body_.text(row.x, row.y + 14, "h", "Held by");
+    body_.text(row.x, row.y + 14, "h", "Owner");
     body_.text(row.x + width - 58, row.y + 14, "small end", "size");
     body_.text(row.x + width, row.y + 14, "small end", "pieces");
     row.y += HEADING_HEIGHT - 6;
-    for (u32 place = 0; place < classes_.largest().size(); place++) {
-        const cluster_owner &owner = map_.owners[classes_.largest()[place]];
-        draw_owner_row(row, class_name(place), owner_text(names_, owner), owner.clusters,
-                       owner.runs.size());
+    for (u32 rank = 0; rank < classes_.largest().size(); rank++) {
+        const cluster_owner &owner = map_.owners[classes_.largest()[rank]];
+        draw_owner_row(row, class_name(rank), owner_text(names_, owner), owner.clusters,
+                       owner.extents.size());
         row.y += ROW_HEIGHT;
     }
     for (u32 number = FILES_WITH_CLASS; number < CLASSES; number++) {
         const map_classes::total &total = classes_.total_of(number);
         if (total.clusters != 0) {
             draw_owner_row(row, class_name(number), class_text(number, total.owners),
-                           total.clusters, total.runs);
+                           total.clusters, total.extents);
             row.y += ROW_HEIGHT;
         }
     }
     return row.y - y_;
 }
 
-// Where the pieces of a chain lie in the data area.
+// Draws the positions of the pieces of a chain in the data area.
 void map_picture::draw_positions(const cluster_owner &owner, const box &at,
                                  const std::string &colour) {
     std::vector<bool> is_held(static_cast<std::size_t>(at.width));
     const auto unit_of = [&](u64 cluster) {
         return (cluster - fat::FIRST_DATA_CLUSTER) * is_held.size() / map_.clusters;
     };
-    for (const cluster_run &run : owner.runs) {
-        for (u64 x = unit_of(run.first); x <= unit_of(u64{run.first} + run.count - 1); x++) {
+    for (const cluster_extent &part : owner.extents) {
+        for (u64 x = unit_of(part.first); x <= unit_of(u64{part.first} + part.count - 1); x++) {
             is_held[x] = true;
         }
     }
@@ -475,16 +477,16 @@ void map_picture::draw_positions(const cluster_owner &owner, const box &at,
 }
 
 double map_picture::draw_pieces(double x, double width) {
-    const std::vector<u32> listed = map_.most_pieces(MOST_LISTED);
+    const std::vector<u32> listed = map_.most_pieces(MAX_LISTED);
     box row = {x, y_, width, ROW_HEIGHT};
-    body_.text(x, row.y + 14, "h", "In most pieces");
+    body_.text(x, row.y + 14, "h", "Most fragmented");
     row.y += HEADING_HEIGHT - 6;
     if (listed.empty()) {
-        body_.text(x, row.y + 16, "soft", "Every chain lies in one piece.");
+        body_.text(x, row.y + 16, "soft", "Every chain is in one piece.");
         return row.y + ROW_HEIGHT - y_;
     }
     body_.text(x + 270 + 60, y_ + 14, "small end", "pieces");
-    body_.text(x + width, y_ + 14, "small end", "where they lie");
+    body_.text(x + width, y_ + 14, "small end", "position");
     for (const u32 number : listed) {
         const cluster_owner &owner = map_.owners[number];
         const std::string path = owner_text(names_, owner);
@@ -493,9 +495,9 @@ double map_picture::draw_pieces(double x, double width) {
         body_.text(0, 16, "mono", fitted(path, static_cast<unsigned>(270 / MONO_WIDTH), "…"));
         body_.end_clipped();
         body_.end_group();
-        body_.text(x + 270 + 60, row.y + 16, "end soft", grouped(owner.runs.size()));
+        body_.text(x + 270 + 60, row.y + 16, "end soft", grouped(owner.extents.size()));
         draw_positions(owner, {x + 350, row.y + 5, width - 350, 13},
-                       class_name(classes_.of(number)));
+                       class_name(classes_.class_of(number)));
         row.y += ROW_HEIGHT;
     }
     return row.y - y_;

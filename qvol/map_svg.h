@@ -1,7 +1,8 @@
 // The map of a volume as an SVG picture for browsers.
 //
-// It stands alone: no script, no font and no picture from elsewhere. Hovering over a part tells its
-// path and its clusters. Light or dark as the browser is. The same volume gives the same bytes.
+// Self-contained: no script, no external font or picture. Hovering over a part shows its path and
+// its clusters. Light or dark by the setting of the browser. The same volume results in the same
+// bytes.
 
 #pragma once
 

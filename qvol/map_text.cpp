@@ -11,13 +11,13 @@ namespace qvol {
 
 namespace {
 
-constexpr u32 MOST_ROWS = 16;           // of cells
-constexpr std::size_t MOST_LISTED = 10; // of what lies in pieces
-constexpr u64 LEAST_COLUMNS_OF_MARK = 5;
+constexpr u32 MAX_ROWS = 16;           // of cells
+constexpr std::size_t MAX_LISTED = 10; // fragmented owners
+constexpr u64 MIN_MARK_COLUMNS = 5;
 
 // ---- colours ----------------------------------------------------------------------------------
 
-// Of the 256 that terminals have. The largest files come first, as in the classes.
+// From the 256 colours of terminals. The largest files come first, as in the classes.
 constexpr std::array<int, CLASSES> CLASS_COLOURS = {33,  208, 35, 134, 203, 38, 178,
                                                     137, 103, 60, 240, 196, 15};
 constexpr int AREA_COLOURS[] = {240, 33, 134, 35}; // reserved, FAT, root directory, data
@@ -30,7 +30,7 @@ std::string heading(const terminal_form &form, const std::string &text) {
     return form.has_colour ? "\x1b[1m" + text + "\x1b[0m" : text;
 }
 
-// A row of a picture: what stands side by side in one colour is coloured at once.
+// A row of a picture: adjacent symbols of one colour are coloured together.
 class picture_row {
 public:
     explicit picture_row(const terminal_form &form) : form_(form) {}
@@ -63,12 +63,12 @@ private:
 
 // ---- areas ------------------------------------------------------------------------------------
 
-std::string symbol_of(const area &of) {
-    switch (of.kind) {
+std::string symbol_of(const area &drawn) {
+    switch (drawn.kind) {
     case area_kind::RESERVED:
         return "R";
     case area_kind::FAT:
-        return of.name.substr(of.name.size() - 1); // the last digit of the copy's number
+        return drawn.name.substr(drawn.name.size() - 1); // the last digit of the copy's number
     case area_kind::ROOT:
         return "/";
     default:
@@ -76,28 +76,29 @@ std::string symbol_of(const area &of) {
     }
 }
 
-int colour_of(const area &of) {
-    return AREA_COLOURS[static_cast<std::size_t>(of.kind)];
+int colour_of(const area &drawn) {
+    return AREA_COLOURS[static_cast<std::size_t>(drawn.kind)];
 }
 
-// The bytes from 0 to `span`, to scale: each column shows what lies in its middle.
+// The bytes from 0 to `span`, to scale: each column shows the area at its middle.
 std::string area_strip(const volume_map &map, u64 span, const terminal_form &form) {
     picture_row row(form);
     for (u64 column = 0; column < form.width; column++) {
         const u64 middle = (2 * column + 1) * span / (2 * u64{form.width});
-        const auto at = std::find_if(map.areas.begin(), map.areas.end(), [middle](const area &of) {
-            return middle >= of.offset() && middle < of.end();
-        });
+        const auto at =
+            std::find_if(map.areas.begin(), map.areas.end(), [middle](const area &drawn) {
+                return middle >= drawn.offset() && middle < drawn.end();
+            });
         row.add(at != map.areas.end() ? colour_of(*at) : 0,
                 at != map.areas.end() ? symbol_of(*at) : "-");
     }
     return row.text();
 }
 
-// The distance of marks: pages of 2 KiB, or as many times twice as much as leaves them apart.
+// The distance of marks in bytes: a page of 2 KiB, doubled until marks are far enough apart.
 u64 mark_distance(u64 span, unsigned width) {
     u64 distance = PAGE_SIZES.front();
-    while (distance * width < span * LEAST_COLUMNS_OF_MARK) {
+    while (distance * width < span * MIN_MARK_COLUMNS) {
         distance *= 2;
     }
     return distance;
@@ -128,7 +129,7 @@ void print_areas(const output &out, const volume_map &map, const terminal_form &
     out.line(marks(span, distance, form.width));
 }
 
-// How far behind a page boundary each area begins.
+// Prints the distance from the last page boundary to each area.
 void print_remainders(const output &out, const volume_map &map, const terminal_form &form) {
     std::string names_of_pages;
     for (const u32 page : PAGE_SIZES) {
@@ -137,19 +138,19 @@ void print_remainders(const output &out, const volume_map &map, const terminal_f
     out.line("");
     out.line(heading(form, "Bytes from the page boundary to the area"));
     out.line(fmt::format("{:18}{}{:>14}", "  pages of", names_of_pages, "at byte"));
-    for (const area &of : map.areas) {
-        std::string line = fmt::format(" {:<16}", of.name);
+    for (const area &drawn : map.areas) {
+        std::string line = fmt::format(" {:<16}", drawn.name);
         for (const u32 page : PAGE_SIZES) {
-            line += fmt::format("{:>8}", of.offset() % page);
+            line += fmt::format("{:>8}", drawn.offset() % page);
         }
-        out.line(coloured(form, colour_of(of), symbol_of(of)) + line +
-                 fmt::format("{:>14}", of.offset()));
+        out.line(coloured(form, colour_of(drawn), symbol_of(drawn)) + line +
+                 fmt::format("{:>14}", drawn.offset()));
     }
 }
 
 // ---- clusters ---------------------------------------------------------------------------------
 
-// Capital: all of a cell; small: most of it.
+// Capital: all clusters of a cell; small: most of them.
 std::string symbol_of(u32 number, bool is_whole, const terminal_form &form) {
     switch (number) {
     case CLASS_OTHER_FILES:
@@ -174,19 +175,19 @@ std::string cell_symbol(u32 number, bool is_whole, const terminal_form &form) {
     return is_whole ? "█" : "▓";
 }
 
-// What most clusters of a cell are.
+// The class of most clusters in a cell, and whether all clusters have it.
 std::pair<u32, bool> main_class(const map_cell &cell, const map_classes &classes) {
     std::array<u32, CLASSES> counts{};
-    for (const extent &part : cell.parts) {
-        counts[classes.of(part.held_by)] += part.count;
+    for (const held_extent &part : cell.parts) {
+        counts[classes.class_of(part.held_by)] += part.count;
     }
-    const auto *const most = std::max_element(counts.begin(), counts.end());
-    return {static_cast<u32>(most - counts.begin()), *most == cell.count};
+    const auto *const main = std::max_element(counts.begin(), counts.end());
+    return {static_cast<u32>(main - counts.begin()), *main == cell.count};
 }
 
 void print_cells(const output &out, const volume_map &map, const map_classes &classes,
                  const terminal_form &form) {
-    const std::vector<map_cell> cells = cells_of(map, form.width * MOST_ROWS);
+    const std::vector<map_cell> cells = cells_of(map, form.width * MAX_ROWS);
     const u32 size = cells.front().count;
     out.line("");
     out.line(heading(form, fmt::format("Clusters, {} a cell ({})", size,
@@ -215,13 +216,13 @@ public:
             form_, fmt::format("  {:>9}  {:>8}  {:>6}  {}", "clusters", "share", "pieces", first)));
     }
 
-    void print_row(const std::string &symbol, u64 clusters, u64 runs,
+    void print_row(const std::string &symbol, u64 clusters, u64 pieces,
                    const std::string &text) const {
         const double share = 100.0 * static_cast<double>(clusters) / map_.clusters;
         const std::string shown =
             fitted(text, form_.width - FIXED_COLUMNS, form_.has_utf8 ? "…" : "...");
         out_.line(
-            fmt::format("{} {:>9}  {:>6.2f} %  {:>6}  {}", symbol, clusters, share, runs, shown));
+            fmt::format("{} {:>9}  {:>6.2f} %  {:>6}  {}", symbol, clusters, share, pieces, shown));
     }
 
 private:
@@ -238,15 +239,16 @@ void print_legend(const output &out, const name_codec &names, const volume_map &
     const auto symbol = [&](u32 number) {
         return coloured(form, CLASS_COLOURS[number], cell_symbol(number, true, form));
     };
-    table.print_heading("held by");
-    for (u32 place = 0; place < classes.largest().size(); place++) {
-        const cluster_owner &owner = map.owners[classes.largest()[place]];
-        table.print_row(symbol(place), owner.clusters, owner.runs.size(), owner_text(names, owner));
+    table.print_heading("owner");
+    for (u32 rank = 0; rank < classes.largest().size(); rank++) {
+        const cluster_owner &owner = map.owners[classes.largest()[rank]];
+        table.print_row(symbol(rank), owner.clusters, owner.extents.size(),
+                        owner_text(names, owner));
     }
     for (u32 number = FILES_WITH_CLASS; number < CLASSES; number++) {
         const map_classes::total &total = classes.total_of(number);
         if (total.clusters != 0) {
-            table.print_row(symbol(number), total.clusters, total.runs,
+            table.print_row(symbol(number), total.clusters, total.extents,
                             class_text(number, total.owners));
         }
     }
@@ -259,15 +261,15 @@ void print_fragmentation(const output &out, const name_codec &names, const volum
     out.line(heading(form, "Fragmentation " + percent_text(pieces.percent())));
     out.line(jumps_text(pieces));
     out.line("free space " + free_space_text(map));
-    const std::vector<u32> listed = map.most_pieces(MOST_LISTED);
+    const std::vector<u32> listed = map.most_pieces(MAX_LISTED);
     if (listed.empty()) {
         return;
     }
     const clusters_table table(out, map, form);
-    table.print_heading("in most pieces");
+    table.print_heading("most fragmented");
     for (const u32 number : listed) {
         const cluster_owner &owner = map.owners[number];
-        table.print_row(" ", owner.clusters, owner.runs.size(), owner_text(names, owner));
+        table.print_row(" ", owner.clusters, owner.extents.size(), owner_text(names, owner));
     }
 }
 

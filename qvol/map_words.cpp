@@ -22,7 +22,7 @@ std::string class_text(u32 number, u64 owners) {
     case CLASS_FREE:
         return "free";
     case CLASS_LOST:
-        return "in use, but no path leads there";
+        return "lost: allocated, referenced by no entry";
     default:
         return "marked bad";
     }
@@ -46,15 +46,15 @@ std::string jumps_text(const fragmentation &pieces) {
 }
 
 std::string free_space_text(const volume_map &map) {
-    u64 runs = 0;
+    u64 pieces = 0;
     u64 largest = 0;
-    for (const extent &part : map.extents) {
-        if (part.held_by == HELD_BY_NOBODY) {
-            runs++;
+    for (const held_extent &part : map.extents) {
+        if (part.held_by == HOLDER_FREE) {
+            pieces++;
             largest = std::max<u64>(largest, part.count);
         }
     }
-    return fmt::format("in {}, the largest {}", counted(runs, "piece", "pieces"),
+    return fmt::format("in {}, the largest {}", counted(pieces, "piece", "pieces"),
                        short_size(largest * map.cluster_bytes));
 }
 

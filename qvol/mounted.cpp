@@ -25,7 +25,7 @@ std::string first_line(const fs::path &path) {
     return line;
 }
 
-// Adds the numbers of the partitions of a disk.
+// Adds the device numbers of the partitions of a disk.
 void add_partitions(const fs::path &disk, std::set<std::string> *numbers) {
     std::error_code error;
     for (const auto &child : fs::directory_iterator(disk, error)) {
@@ -35,7 +35,7 @@ void add_partitions(const fs::path &disk, std::set<std::string> *numbers) {
     }
 }
 
-// A device, its partitions, and the disk that it is a partition of.
+// Adds a device, its partitions, and the disk that it is a partition of.
 void add_device(const std::string &number, const system_view &view,
                 std::set<std::string> *numbers) {
     numbers->insert(number);
@@ -56,7 +56,7 @@ bool is_same_file(const std::string &path, const struct stat &status) {
            other.st_ino == status.st_ino;
 }
 
-// The loop devices over an image file.
+// Adds the loop devices over an image file.
 void add_loop_devices(const struct stat &status, const system_view &view,
                       std::set<std::string> *numbers) {
     std::error_code error;
@@ -78,7 +78,7 @@ std::set<std::string> devices_of(const struct stat &status, const system_view &v
     return numbers;
 }
 
-// Some file systems have device numbers of their own; the device they lie on is their source.
+// Some file systems have their own device numbers; their source is the block device.
 std::string number_of_source(const std::string &source) {
     struct stat status {};
     const bool is_device =
@@ -86,7 +86,7 @@ std::string number_of_source(const std::string &source) {
     return is_device ? number_of(status.st_rdev) : std::string();
 }
 
-// One line of the system's table: ID PARENT MAJOR:MINOR ROOT POINT OPTIONS... - TYPE SOURCE ...
+// A line of mountinfo: ID PARENT MAJOR:MINOR ROOT POINT OPTIONS... - TYPE SOURCE ...
 struct mount_line {
     std::string number;
     std::string point;

@@ -1,5 +1,5 @@
-// Whether a target is in use by the system: mounted itself, by one of its partitions, by the disk
-// that it is a partition of, or through a loop device over it.
+// Finds out if the system has mounted a target: the target itself, one of its partitions, the disk
+// that it is a partition of, or a loop device over it.
 
 #pragma once
 
@@ -10,15 +10,14 @@
 
 namespace qvol {
 
-// Where the system tells about its mounts and block devices. Tests give places of their own.
+// Where the system lists its mounts and block devices. Tests pass other paths.
 struct system_view {
     std::string mounts = "/proc/self/mountinfo";
     std::string devices = "/sys/dev/block"; // MAJOR:MINOR of every block device
     std::string blocks = "/sys/block";      // the disks by name
 };
 
-// The mount point that uses the target of the open descriptor `status` was taken from, which an
-// image file or a block device may be; nothing when none does.
+// The mount point that uses the image file or block device of `status`, or nothing.
 [[nodiscard]] std::optional<std::string> mount_point_using(const struct stat &status,
                                                            const system_view &view = {});
 

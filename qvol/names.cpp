@@ -37,7 +37,7 @@ bool is_surrogate(char32_t code) {
 
 // ---- code points ----
 
-// Takes one code point off the front; half a surrogate pair is given as itself.
+// Removes the first code point and returns it; half a surrogate pair is returned as it is.
 char32_t next_code_point(std::u16string_view *units) {
     const char32_t first = units->front();
     const std::u16string_view rest = units->substr(1);
@@ -77,7 +77,7 @@ void append_utf8(std::string *bytes, char32_t code) {
     }
 }
 
-// Bytes of the sequence that the lead byte begins, 0 for none.
+// Length of the sequence that begins with `lead`; 0 if it is not a lead byte.
 std::size_t utf8_length(u8 lead) {
     if (lead < 0x80) {
         return 1;
@@ -91,7 +91,7 @@ std::size_t utf8_length(u8 lead) {
     return lead >= 0xF0 && lead < 0xF5 ? 4 : 0;
 }
 
-// The value of a whole sequence; INVALID for overlong ones, surrogates and what is too large.
+// The value of a sequence; INVALID if it is overlong, a surrogate or too large.
 char32_t utf8_value(std::string_view sequence) {
     if (sequence.size() == 1) {
         return static_cast<u8>(sequence[0]);
@@ -109,7 +109,7 @@ char32_t utf8_value(std::string_view sequence) {
     return is_valid ? code : INVALID;
 }
 
-// Takes one code point off the front of the bytes. INVALID takes nothing.
+// Removes the first code point and returns it. Removes nothing if it is INVALID.
 char32_t next_code_point(std::string_view *bytes) {
     const std::size_t length = utf8_length(static_cast<u8>(bytes->front()));
     if (length == 0 || length > bytes->size()) {
@@ -122,24 +122,24 @@ char32_t next_code_point(std::string_view *bytes) {
     return code;
 }
 
-// ---- what may be shown ----
+// ---- printable text ----
 
 struct code_range {
     char32_t first;
     char32_t last;
 };
 
-// Controls, line separators, invisible characters and those that turn the direction of text.
-constexpr code_range UNSHOWN[] = {
+// Control characters, line separators, invisible characters and direction marks.
+constexpr code_range UNPRINTABLE[] = {
     {0x00, 0x1F},     {DELETE_CONTROL, 0x9F}, {0xAD, 0xAD},       {0x61C, 0x61C},
     {0x200B, 0x200F}, {0x2028, 0x202E},       {0x2060, 0x206F},   {0xFEFF, 0xFEFF},
     {0xFFF9, 0xFFFB}, {0xD800, 0xDFFF},       {0xE0000, 0xE007F},
 };
 
-bool may_be_shown(char32_t code) {
-    return std::none_of(std::begin(UNSHOWN), std::end(UNSHOWN), [code](const code_range &range) {
-        return code >= range.first && code <= range.last;
-    });
+bool is_printable(char32_t code) {
+    return std::none_of(
+        std::begin(UNPRINTABLE), std::end(UNPRINTABLE),
+        [code](const code_range &range) { return code >= range.first && code <= range.last; });
 }
 
 std::string escape_of(char32_t code) {
@@ -150,8 +150,8 @@ std::string escape_of(char32_t code) {
                                       : fmt::format("\\U{:08x}", static_cast<u32>(code));
 }
 
-// Text put together from what may be shown and escapes. Both spellings are kept, since a quote or a
-// backslash has to be escaped only where something else is.
+// Collects printable characters and escapes. Builds both spellings: quotes and backslashes are
+// escaped only if something else is.
 class shown_text {
 public:
     void add(char32_t code, const std::string &text) {
@@ -162,8 +162,8 @@ public:
         quoted_ += text;
         needs_quotes_ = true;
     }
-    [[nodiscard]] std::string result(bool asks_for_quotes) const {
-        return needs_quotes_ || asks_for_quotes ? "$'" + quoted_ + "'" : plain_;
+    [[nodiscard]] std::string result(bool wants_quotes) const {
+        return needs_quotes_ || wants_quotes ? "$'" + quoted_ + "'" : plain_;
     }
 
 private:
@@ -172,17 +172,17 @@ private:
     bool needs_quotes_ = false;
 };
 
-// Names that a path does not take for names.
-bool is_no_component(std::u16string_view name) {
+// Names that cannot be a component of a path.
+bool is_invalid_component(std::u16string_view name) {
     return name.empty() || name == u"." || name == u".." ||
            name.find(u'/') != std::u16string_view::npos;
 }
 
-// ---- what a volume can hold ----
+// ---- valid names ----
 
 constexpr std::u16string_view FORBIDDEN = u"\\/:*?\"<>|";
 
-// Names of devices: no file can be opened by them on the systems that know these devices.
+// Device names: systems that know these devices cannot open such files.
 bool is_device_name(std::u16string_view name) {
     const std::u16string folded = fold_case(name);
     const bool is_numbered = folded.size() == 4 && folded[3] >= u'1' && folded[3] <= u'9' &&
@@ -195,14 +195,14 @@ std::optional<std::string> character_problem(std::u16string_view name) {
     while (!name.empty()) {
         const char32_t code = next_code_point(&name);
         if (code < 0x20 || (code >= DELETE_CONTROL && code < 0xA0)) {
-            return fmt::format("it holds the control character 0x{:02x}", static_cast<u32>(code));
+            return fmt::format("contains the control character 0x{:02x}", static_cast<u32>(code));
         }
         if (is_surrogate(code)) {
-            return "it holds half a surrogate pair";
+            return "contains half a surrogate pair";
         }
         if (code < 0x80 &&
             FORBIDDEN.find(static_cast<char16_t>(code)) != std::u16string_view::npos) {
-            return fmt::format("it holds '{}'", static_cast<char>(code));
+            return fmt::format("contains '{}'", static_cast<char>(code));
         }
     }
     return std::nullopt;
@@ -291,7 +291,7 @@ struct name_codec::converters {
 
 namespace {
 
-// Nothing where the text cannot be converted whole and without loss.
+// Nothing if the text cannot be converted completely and without loss.
 std::optional<std::string> convert(iconv_t converter, std::string_view text) {
     constexpr std::size_t MOST_BYTES_PER_BYTE = 8;
     std::string result(text.size() * MOST_BYTES_PER_BYTE + 16, '\0');
@@ -321,8 +321,7 @@ name_codec::name_codec(const std::string &encoding) {
     }
     converters_ = std::make_unique<converters>(encoding);
     if (!converters_->are_open()) {
-        throw usage_error(fmt::format("the system does not know the encoding {}; \"iconv -l\" "
-                                      "lists those it knows",
+        throw usage_error(fmt::format("unknown encoding {}; \"iconv -l\" lists the known ones",
                                       shown_bytes(encoding)));
     }
 }
@@ -364,7 +363,7 @@ std::string name_codec::shown(std::u16string_view units) const {
         const std::u16string_view before = rest;
         const char32_t code = next_code_point(&rest);
         const std::optional<std::string> host =
-            may_be_shown(code) ? to_host(before.substr(0, before.size() - rest.size()))
+            is_printable(code) ? to_host(before.substr(0, before.size() - rest.size()))
                                : std::nullopt;
         if (host) {
             text.add(code, *host);
@@ -372,7 +371,7 @@ std::string name_codec::shown(std::u16string_view units) const {
             text.escape(escape_of(code));
         }
     }
-    return text.result(is_no_component(units));
+    return text.result(is_invalid_component(units));
 }
 
 std::string shown_bytes(std::string_view bytes) {
@@ -383,7 +382,7 @@ std::string shown_bytes(std::string_view bytes) {
         if (code == INVALID) {
             text.escape(fmt::format("\\x{:02x}", static_cast<u8>(bytes.front())));
             bytes.remove_prefix(1);
-        } else if (may_be_shown(code)) {
+        } else if (is_printable(code)) {
             text.add(code, std::string(before.substr(0, before.size() - bytes.size())));
         } else {
             text.escape(escape_of(code));
@@ -392,33 +391,33 @@ std::string shown_bytes(std::string_view bytes) {
     return text.result(false);
 }
 
-// ---- what a volume can hold -------------------------------------------------------------------
+// ---- valid names ------------------------------------------------------------------------------
 
 std::optional<std::string> name_problem(std::u16string_view name) {
     if (name.empty()) {
-        return "it is empty";
+        return "is empty";
     }
     if (name.size() > MAX_NAME_UNITS) {
-        return fmt::format("it is {} UTF-16 units long, {} are the most", name.size(),
+        return fmt::format("has {} UTF-16 units, at most {} are allowed", name.size(),
                            MAX_NAME_UNITS);
     }
     if (name.back() == u'.' || name.back() == u' ') {
-        return "it ends with a blank or a dot, which would be cut off";
+        return "ends with a space or a dot";
     }
     if (is_device_name(name)) {
-        return "it is the name of a device";
+        return "is a device name";
     }
     return character_problem(name);
 }
 
 std::optional<std::string> extraction_problem(std::u16string_view name) {
-    if (is_no_component(name)) {
-        return "it would lead elsewhere";
+    if (is_invalid_component(name)) {
+        return "would lead outside the destination";
     }
     for (std::u16string_view rest = name; !rest.empty();) {
         const char32_t code = next_code_point(&rest);
         if (code < 0x20 || (code >= DELETE_CONTROL && code < 0xA0)) {
-            return fmt::format("it holds the control character 0x{:02x}", static_cast<u32>(code));
+            return fmt::format("contains the control character 0x{:02x}", static_cast<u32>(code));
         }
     }
     return std::nullopt;

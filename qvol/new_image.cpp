@@ -26,10 +26,9 @@ constexpr mode_t IMAGE_MODE = 0666; // the user's umask decides
 
 // ---- signals ----
 
-char unfinished_path[PATH_MAX]; // "": there is none
+char unfinished_path[PATH_MAX]; // "": nothing to remove
 
-// Only what a handler may do: the file goes, and the signal ends the program as if nobody had
-// caught it.
+// Async-signal-safe. Removes the file; then the signal ends the program by its default action.
 void remove_unfinished(int signal) {
     if (unfinished_path[0] != '\0') {
         unlink(unfinished_path);
@@ -38,7 +37,7 @@ void remove_unfinished(int signal) {
     (void)raise(signal);
 }
 
-// A signal that was ignored when the program started stays so.
+// A signal that was ignored at the start of the program stays ignored.
 void catch_signals() {
     for (const int signal : STOPPING_SIGNALS) {
         struct sigaction action {};
@@ -49,10 +48,10 @@ void catch_signals() {
     }
 }
 
-// While one lives, the signals wait, unless they are to wait for ever.
-class signals_held {
+// Blocks the signals in its scope, or until the program ends after make_permanent().
+class signal_blocker {
 public:
-    signals_held() {
+    signal_blocker() {
         sigset_t set;
         sigemptyset(&set);
         for (const int signal : STOPPING_SIGNALS) {
@@ -60,20 +59,20 @@ public:
         }
         sigprocmask(SIG_BLOCK, &set, &before_);
     }
-    signals_held(const signals_held &) = delete;
-    signals_held &operator=(const signals_held &) = delete;
-    ~signals_held() {
-        if (!is_for_ever_) {
+    signal_blocker(const signal_blocker &) = delete;
+    signal_blocker &operator=(const signal_blocker &) = delete;
+    ~signal_blocker() {
+        if (!is_permanent_) {
             sigprocmask(SIG_SETMASK, &before_, nullptr);
         }
     }
-    void for_ever() {
-        is_for_ever_ = true;
+    void make_permanent() {
+        is_permanent_ = true;
     }
 
 private:
     sigset_t before_;
-    bool is_for_ever_ = false;
+    bool is_permanent_ = false;
 };
 
 void remember_unfinished(const std::string &path) {
@@ -82,9 +81,9 @@ void remember_unfinished(const std::string &path) {
     unfinished_path[length] = '\0';
 }
 
-// ---- names ----
+// ---- file names ----
 
-// The image that a link leads to is the one to replace, not the link.
+// Resolves links: the target of a link is replaced, not the link.
 std::string without_links(const std::string &path) {
     char resolved[PATH_MAX];
     return realpath(path.c_str(), resolved) != nullptr ? resolved : path;
@@ -92,14 +91,14 @@ std::string without_links(const std::string &path) {
 
 void sync_directory(const std::string &path) {
     const fat::unique_fd directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    // Some file systems do not synchronise directories and say so.
+    // EINVAL: the file system cannot sync directories.
     if (directory.get() < 0 || (fsync(directory.get()) != 0 && errno != EINVAL)) {
-        throw system_failure("put the name of the image on the medium");
+        throw system_failure("sync directory " + shown_bytes(path));
     }
 }
 
-error taken(const std::string &path) {
-    return error(shown_bytes(path) + " exists; --force replaces it");
+error name_exists(const std::string &path) {
+    return error("cannot make " + shown_bytes(path) + ": exists; --force replaces it");
 }
 
 int rename_to_free_name(const std::string &from, const std::string &to) {
@@ -107,7 +106,7 @@ int rename_to_free_name(const std::string &from, const std::string &to) {
     if (renamed == 0 || errno != EINVAL) {
         return renamed;
     }
-    // A file system that cannot refuse to replace: the name was free when the build began.
+    // EINVAL: the file system does not support RENAME_NOREPLACE. The name was free at the start.
     return rename(from.c_str(), to.c_str());
 }
 
@@ -119,7 +118,7 @@ void check_image_name(const std::string &path, bool replaces) {
         return;
     }
     if (!replaces) {
-        throw taken(path);
+        throw name_exists(path);
     }
     if (stat(path.c_str(), &status) == 0) {
         check_replaceable(path);
@@ -129,7 +128,7 @@ void check_image_name(const std::string &path, bool replaces) {
 new_image::new_image(const std::string &path, bool replaces, fat::u64 bytes)
     : final_path_(without_links(path)), replaces_(replaces) {
     directory_ = split_host_path(final_path_).directory;
-    const signals_held held;
+    const signal_blocker blocker;
     make(bytes);
     remember_unfinished(path_);
     catch_signals();
@@ -148,29 +147,30 @@ void new_image::make(fat::u64 bytes) {
     if (ftruncate(fd, static_cast<off_t>(bytes)) != 0) {
         const int reason = errno;
         unlink(path_.c_str());
-        throw system_failure(fmt::format("make a file of {} bytes", bytes), reason);
+        throw system_failure(
+            fmt::format("make an image of {} bytes in {}", bytes, shown_bytes(directory_)), reason);
     }
 }
 
 new_image::~new_image() {
-    if (!is_kept_) {
+    if (!is_committed_) {
         unlink(path_.c_str());
     }
     unfinished_path[0] = '\0';
 }
 
-void new_image::keep() {
-    signals_held held;
+void new_image::commit() {
+    signal_blocker blocker;
     const int renamed = replaces_ ? rename(path_.c_str(), final_path_.c_str())
                                   : rename_to_free_name(path_, final_path_);
     if (renamed != 0 && errno == EEXIST) {
-        throw taken(final_path_);
+        throw name_exists(final_path_);
     }
     if (renamed != 0) {
-        throw system_failure("give the image its name " + shown_bytes(final_path_));
+        throw system_failure("rename the image to " + shown_bytes(final_path_));
     }
-    is_kept_ = true;
-    held.for_ever();
+    is_committed_ = true;
+    blocker.make_permanent();
     sync_directory(directory_);
 }
 

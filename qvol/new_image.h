@@ -1,8 +1,7 @@
-// An image file while it is being made.
+// An image file that is being made.
 //
-// It lies beside its place under a name of its own until it is whole. Whatever ends the program
-// before that, short of kill -9, takes it away again; and nothing half-made ever has the final
-// name.
+// It has a temporary name in its final directory until it is complete. If the program ends before
+// that, by anything but kill -9, the file is removed. An incomplete image never has the final name.
 
 #pragma once
 
@@ -12,27 +11,28 @@
 
 namespace qvol {
 
-// Refuses a final name that is taken: unless `replaces`, and then by what is in use or is no
-// image file. Throws error.
+// Throws error if the final name exists; with `replaces` only if the file is in use or is not an
+// image file.
 void check_image_name(const std::string &path, bool replaces);
 
 class new_image {
 public:
-    // Makes the file, sparse, `bytes` long. `replaces`: the final name may be taken when it gets
-    // it.
+    // Makes a sparse file of `bytes` bytes. `replaces`: commit() replaces a file with the final
+    // name.
     new_image(const std::string &path, bool replaces, fat::u64 bytes);
     ~new_image();
     new_image(const new_image &) = delete;
     new_image &operator=(const new_image &) = delete;
 
-    // Where it lies for now.
+    // The temporary path.
     [[nodiscard]] const std::string &path() const {
         return path_;
     }
 
-    // Gives it its final name, durably. What it holds has been synchronised. From here on the
-    // program is not stopped by SIGINT, SIGTERM and SIGHUP: what they would stop is done.
-    void keep();
+    // Renames the file to its final name and syncs the directory. The content must be synced
+    // already. SIGINT, SIGTERM and SIGHUP stay blocked afterwards: there is nothing left to
+    // interrupt.
+    void commit();
 
 private:
     void make(fat::u64 bytes);
@@ -41,7 +41,7 @@ private:
     std::string final_path_;
     std::string path_;
     bool replaces_;
-    bool is_kept_ = false;
+    bool is_committed_ = false;
 };
 
 } // namespace qvol

@@ -16,13 +16,13 @@ constexpr u32 MAX_LINK_BYTES = 4096;
 
 int output_failure = 0; // errno of the first write to standard output that failed
 
-void note_output_failure() {
+void remember_output_failure() {
     output_failure = output_failure == 0 ? errno : output_failure;
 }
 
 void flush_output() {
     if (std::fflush(stdout) != 0) {
-        note_output_failure();
+        remember_output_failure();
     }
 }
 
@@ -49,11 +49,11 @@ bool uses_colour() {
 
 void write_bytes(const void *bytes, std::size_t size) {
     if (std::fwrite(bytes, 1, size, stdout) != size) { // finish_output() reports it
-        note_output_failure();
+        remember_output_failure();
     }
 }
 
-// NOLINTNEXTLINE(readability-convert-member-functions-to-static): one of the ways of an output
+// NOLINTNEXTLINE(readability-convert-member-functions-to-static): called like its siblings
 void output::document(const json &content) const {
     const std::string text = content.text() + '\n';
     write_bytes(text.data(), text.size());
@@ -163,8 +163,8 @@ std::string listed_name(const name_codec &names, const entry &of) {
 
 std::string link_target(volume &vol, const entry &of) {
     if (of.size() > MAX_LINK_BYTES) {
-        throw error(
-            fmt::format("the link holds {} bytes, {} are the most", of.size(), MAX_LINK_BYTES));
+        throw error(fmt::format("the link target has {} bytes, at most {} are allowed", of.size(),
+                                MAX_LINK_BYTES));
     }
     return read_text(vol.fat(), of.start(), of.size());
 }

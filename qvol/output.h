@@ -1,4 +1,4 @@
-// What a command says: text or one JSON document on standard output, remarks on standard error.
+// Output of the commands: text or one JSON document on standard output, errors on standard error.
 
 #pragma once
 
@@ -15,20 +15,20 @@ struct output {
     bool is_quiet = false;
     bool is_verbose = false;
 
-    // A document, where one is asked for.
+    // Prints a document.
     void document(const json &content) const;
 
-    // A line of what was asked for. Not under --json.
+    // Prints a line of the requested output. Not with --json.
     void line(const std::string &text) const;
 
-    // A line about what a command did. Not under --json, nor under --quiet.
+    // Prints a line about what a command did. Neither with --json nor with --quiet.
     void remark(const std::string &text) const;
 };
 
-// Whether standard output takes colours: a terminal does, unless NO_COLOR is set.
+// True if standard output is a terminal and NO_COLOR is not set.
 [[nodiscard]] bool uses_colour();
 
-// What a command has copied.
+// Counts of what a command has copied.
 struct tree_totals {
     u64 files = 0;
     u64 directories = 0;
@@ -38,19 +38,19 @@ struct tree_totals {
 [[nodiscard]] json totals_json(const tree_totals &totals);
 [[nodiscard]] std::string totals_text(const tree_totals &totals);
 
-// Tells the totals: a remark, or the document.
+// Prints the totals: a remark, or the document.
 void report_totals(const output &out, const tree_totals &totals);
 
-// Bytes of what was asked for.
+// Prints bytes of the requested output.
 void write_bytes(const void *bytes, std::size_t size);
 
-// Throws error where standard output did not take everything.
+// Throws error if a write to standard output has failed.
 void finish_output();
 
-// Text for standard error, as it is.
+// Writes text to standard error, without a prefix.
 void write_error_text(const std::string &text);
 
-// Tells an error on standard error.
+// Prints an error to standard error.
 void report(const error &failure);
 void report(const std::string &message);
 
@@ -59,15 +59,15 @@ void report(const std::string &message);
 [[nodiscard]] std::string shown_size(u64 bytes);                                 // "73.2 MiB"
 [[nodiscard]] std::string counted(u64 count, const char *one, const char *many); // "2 files"
 [[nodiscard]] const char *kind_name(kind type); // "file", "directory", "link", "label"
-[[nodiscard]] std::string attribute_letters(const entry &of); // "dlrhsa", "-" for what is not set
+[[nodiscard]] std::string attribute_letters(const entry &of); // "d", "l" or "-", then "rhsa" or "-"
 
-// A name as a listing shows it: in colour on a terminal, unless NO_COLOR is set.
+// A name as listings print it: coloured if uses_colour().
 [[nodiscard]] std::string listed_name(const name_codec &names, const entry &of);
 
-// What every command tells about an entry.
+// The fields of an entry that every command prints.
 [[nodiscard]] json entry_json(volume &vol, const name_path &path, const entry &of);
 
-// The target of a link as text; what went wrong where it cannot be read.
+// The target of a link as text. Throws error if it cannot be read.
 [[nodiscard]] std::string link_target(volume &vol, const entry &of);
 
 } // namespace qvol

@@ -25,7 +25,8 @@ name_path first_components(const name_path &path, std::size_t count) {
 
 [[noreturn]] void fail_at(const volume &vol, const name_path &path, std::size_t count,
                           const char *why) {
-    throw error(shown_path(vol.names(), first_components(path, count)) + ": " + why);
+    throw error("cannot open " + shown_path(vol.names(), first_components(path, count)) + ": " +
+                why);
 }
 
 } // namespace
@@ -33,8 +34,8 @@ name_path first_components(const name_path &path, std::size_t count) {
 name_path parse_path(const name_codec &names, std::string_view path) {
     const std::optional<std::u16string> units = names.to_units(path);
     if (!units) {
-        throw usage_error(shown_bytes(path) + ": no text in the encoding of names; --encoding "
-                                              "chooses another");
+        throw usage_error("invalid path " + shown_bytes(path) +
+                          ": not valid in the name encoding; --encoding chooses another");
     }
     name_path result;
     std::u16string_view rest = *units;
@@ -62,8 +63,8 @@ std::string json_path(const name_path &path) {
     return text.empty() ? "/" : text;
 }
 
-place find_place(volume &vol, name_path path) {
-    place where{std::move(path), vol.root(), std::nullopt};
+resolved_path find_path(volume &vol, name_path path) {
+    resolved_path where{std::move(path), vol.root(), std::nullopt};
     for (std::size_t i = 0; i < where.path.size(); i++) {
         if (i > 0) {
             if (!where.found) {
@@ -80,12 +81,12 @@ place find_place(volume &vol, name_path path) {
     return where;
 }
 
-place find_place(volume &vol, std::string_view path) {
-    return find_place(vol, parse_path(vol.names(), path));
+resolved_path find_path(volume &vol, std::string_view path) {
+    return find_path(vol, parse_path(vol.names(), path));
 }
 
-place resolve(volume &vol, std::string_view path) {
-    place where = find_place(vol, path);
+resolved_path resolve(volume &vol, std::string_view path) {
+    resolved_path where = find_path(vol, path);
     if (!where.is_root() && !where.found) {
         fail_at(vol, where.path, where.path.size(), "no such file or directory");
     }
@@ -94,12 +95,13 @@ place resolve(volume &vol, std::string_view path) {
 
 directory open_directory(volume &vol, const entry &of) {
     if (of.start() == 0) {
-        throw error(fmt::format("the directory {} has no cluster", vol.names().shown(of.name)));
+        throw error(
+            fmt::format("the directory {} has no first cluster", vol.names().shown(of.name)));
     }
     return {vol.fat(), of.start()};
 }
 
-directory open_directory(volume &vol, const place &of) {
+directory open_directory(volume &vol, const resolved_path &of) {
     return of.is_root() ? vol.root() : open_directory(vol, *of.found);
 }
 

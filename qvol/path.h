@@ -1,8 +1,7 @@
 // Paths in the volume, of any depth.
 //
-// A path is taken apart by its slashes. "." stays, ".." goes up as the path is spelt, an empty
-// component counts for nothing; links are not followed. The way down is walked in the directories
-// themselves.
+// A path is split at its slashes. "." and empty components are dropped, ".." drops the component
+// before it; links are not followed. Each component is then looked up in its directory.
 
 #pragma once
 
@@ -14,20 +13,20 @@
 
 namespace qvol {
 
-// The names of a path from the root on.
+// The components of a path, from the root.
 using name_path = std::vector<std::u16string>;
 
-// Throws usage_error where the path is no text in the encoding.
+// Throws usage_error if the path is not valid in the encoding.
 [[nodiscard]] name_path parse_path(const name_codec &names, std::string_view path);
 
-// The path as a terminal may be shown it, and in JSON; "/" for the root.
+// The path for a terminal, and for JSON; "/" for the root.
 [[nodiscard]] std::string shown_path(const name_codec &names, const name_path &path);
 [[nodiscard]] std::string json_path(const name_path &path);
 
-// Where a path has led: the directory that holds the entry, and the entry. The root has none.
-struct place {
+// The result of a lookup: the entry and the directory that contains it. The root has no entry.
+struct resolved_path {
     name_path path;
-    directory parent; // of the root: itself
+    directory parent; // of the root: the root
     std::optional<entry> found;
 
     [[nodiscard]] bool is_root() const {
@@ -36,20 +35,20 @@ struct place {
     [[nodiscard]] bool is_directory() const {
         return is_root() || (found && found->is_directory());
     }
-    // The directory that the path names, as a directory to be read.
+    // First cluster, as the constructor of directory takes it.
     [[nodiscard]] u32 start() const {
         return is_root() ? directory::ROOT : found->start();
     }
 };
 
-// Walks down. Throws error, with the path as far as it was found, where a component is missing or
-// is no directory. `find_place` leaves the last component open: `found` is then empty.
-[[nodiscard]] place resolve(volume &vol, std::string_view path);
-[[nodiscard]] place find_place(volume &vol, std::string_view path);
-[[nodiscard]] place find_place(volume &vol, name_path path);
+// Look up a path. Throw error with the first part of the path that is missing or not a directory.
+// For find_path() the last component may be missing: `found` is then empty.
+[[nodiscard]] resolved_path resolve(volume &vol, std::string_view path);
+[[nodiscard]] resolved_path find_path(volume &vol, std::string_view path);
+[[nodiscard]] resolved_path find_path(volume &vol, name_path path);
 
-// Opens the directory that an entry names. Throws error where it has no cluster.
+// Opens the directory of an entry. Throws error if it has no first cluster.
 [[nodiscard]] directory open_directory(volume &vol, const entry &of);
-[[nodiscard]] directory open_directory(volume &vol, const place &of);
+[[nodiscard]] directory open_directory(volume &vol, const resolved_path &of);
 
 } // namespace qvol

@@ -1,4 +1,4 @@
-// A progress bar with rate and remaining time on standard error, where that is a terminal.
+// A progress bar with rate and remaining time on standard error, if that is a terminal.
 
 #pragma once
 
@@ -11,7 +11,7 @@ namespace qvol {
 
 class progress {
 public:
-    // `total` in bytes; 0: nothing is shown.
+    // `total` in bytes; 0: no bar.
     progress(std::string label, fat::u64 total, bool is_quiet);
     ~progress();
     progress(const progress &) = delete;
@@ -33,7 +33,7 @@ private:
     clock::time_point drawn_at_;
 };
 
-// The text of the bar: a pure function of what is known.
+// The text of the bar. A pure function, for tests.
 [[nodiscard]] std::string progress_text(const std::string &label, fat::u64 done, fat::u64 total,
                                         double seconds);
 

@@ -13,16 +13,16 @@ u32 sectors_in(std::size_t bytes) {
     return static_cast<u32>(bytes / sv->sector_size);
 }
 
-// `moved` is what the transfer returned: a negative errno, or fewer sectors than asked for.
-[[noreturn]] void fail(const char *what, u64 sector, u32 count, int moved) {
-    throw error(fmt::format("cannot {} sectors {} to {} of the volume: {}", what, sector,
+// `moved` is the result of the transfer: a negative errno, or fewer sectors than requested.
+[[noreturn]] void fail(const char *action, u64 sector, u32 count, int moved) {
+    throw error(fmt::format("cannot {} sectors {} to {} of the volume: {}", action, sector,
                             sector + count - 1,
-                            moved < 0 ? std::strerror(-moved) : "the medium ends before them"));
+                            moved < 0 ? std::strerror(-moved) : "past the end of the medium"));
 }
 
 } // namespace
 
-void read_run_into(u64 sector, std::span<u8> bytes) {
+void read_extent_into(u64 sector, std::span<u8> bytes) {
     const u32 count = sectors_in(bytes.size());
     const int moved = count != 0 ? read_sectors(bytes.data(), sector, count) : 0;
     if (moved != static_cast<int>(count)) {
@@ -30,13 +30,13 @@ void read_run_into(u64 sector, std::span<u8> bytes) {
     }
 }
 
-std::vector<u8> read_run(u64 sector, u32 count) {
+std::vector<u8> read_extent(u64 sector, u32 count) {
     std::vector<u8> bytes(std::size_t{count} * sv->sector_size);
-    read_run_into(sector, bytes);
+    read_extent_into(sector, bytes);
     return bytes;
 }
 
-void write_run(u64 sector, std::span<const u8> bytes) {
+void write_extent(u64 sector, std::span<const u8> bytes) {
     const u32 count = sectors_in(bytes.size());
     void *source = const_cast<u8 *>(bytes.data()); // a write does not change its buffer
     const int moved = count != 0 ? write_sectors(source, sector, count) : 0;

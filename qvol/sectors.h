@@ -1,4 +1,4 @@
-// Runs of sectors of the open volume, whole or not at all.
+// Transfers of contiguous sectors of the open volume.
 
 #pragma once
 
@@ -13,10 +13,10 @@ using fat::u32;
 using fat::u64;
 using fat::u8;
 
-// Throw error where the transfer fails or ends early.
-[[nodiscard]] std::vector<u8> read_run(u64 sector, u32 count);
-void read_run_into(u64 sector, std::span<u8> bytes);
-void write_run(u64 sector, std::span<const u8> bytes);
+// Throw error if the transfer fails or is incomplete.
+[[nodiscard]] std::vector<u8> read_extent(u64 sector, u32 count);
+void read_extent_into(u64 sector, std::span<u8> bytes);
+void write_extent(u64 sector, std::span<const u8> bytes);
 
 // First sector of a data cluster.
 [[nodiscard]] u64 sector_of_cluster(u32 cluster);

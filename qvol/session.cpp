@@ -23,7 +23,7 @@ namespace {
 
 // ---- transfers --------------------------------------------------------------------------------
 
-// The library's own transfers take a short count for a failure; these go on until all is moved.
+// Continues after a short transfer, which the library's own functions treat as a failure.
 template <typename Transfer>
 int transfer_all(u64 sector, u32 count, Transfer transfer) {
     const u64 unit = fat::transfer_unit();
@@ -64,13 +64,13 @@ int refuse_to_write(void *, u64, u32) {
 struct stat status_of(int fd, const std::string &path) {
     struct stat status {};
     if (fstat(fd, &status) != 0) {
-        throw system_failure("look at " + shown_bytes(path));
+        throw system_failure("stat " + shown_bytes(path));
     }
     return status;
 }
 
-// Opened exclusively a device is refused that the system or another program uses as a whole, in
-// other mount namespaces too. A pipe, which is refused later, is not waited for.
+// O_EXCL fails for a device that the system or another program uses, also in other mount
+// namespaces. O_NONBLOCK: open() must not wait for a pipe, which is refused later.
 int opening_flags(const std::string &path, access wanted) {
     if (wanted == access::READ) {
         return O_RDONLY | O_CLOEXEC | O_NONBLOCK;
@@ -83,8 +83,8 @@ int opening_flags(const std::string &path, access wanted) {
 void refuse_mounted(const struct stat &status, const std::string &path) {
     const std::optional<std::string> point = mount_point_using(status);
     if (point) {
-        throw error(fmt::format("{} is mounted on {}; unmount it first", shown_bytes(path),
-                                shown_bytes(*point)));
+        throw error(fmt::format("cannot write to {}: it is mounted on {}; unmount it first",
+                                shown_bytes(path), shown_bytes(*point)));
     }
 }
 
@@ -93,7 +93,8 @@ void refuse_mounted(const struct stat &status, const std::string &path) {
     if (stat(path.c_str(), &status) == 0) {
         refuse_mounted(status, path);
     }
-    throw error(shown_bytes(path) + " is in use by the system; unmount it first");
+    throw error("cannot write to " + shown_bytes(path) +
+                ": it is in use by the system; unmount it first");
 }
 
 int open_target(const std::string &path, access wanted) {
@@ -113,22 +114,23 @@ void lock_target(int fd, const std::string &path, access wanted) {
         return;
     }
     if (errno == EWOULDBLOCK) {
-        throw error(fmt::format("{} is locked by another program; try again when it has finished",
-                                shown_bytes(path)));
+        throw error(
+            fmt::format("cannot lock {}: locked by another program; try again when it has finished",
+                        shown_bytes(path)));
     }
     throw system_failure("lock " + shown_bytes(path));
 }
 
-// The library opens a target by its path and for writing. A reading command has to do with a file
-// that is read-only, and the descriptor that was locked is the one to work on; so the record of the
-// open volume is made here.
-void adopt_descriptor(fat::unique_fd *fd, const std::string &path, access wanted) {
+// Makes the library's record of the open volume from the locked descriptor. The library itself
+// would open the path again, and for writing, which fails on a read-only file.
+void attach_to_library(fat::unique_fd *fd, const std::string &path, access wanted) {
     u64 size = 0;
     if (fat::check_vol_size(fd->get(), &size) < 0) {
-        throw error(shown_bytes(path) + " is neither an image file nor a block device");
+        throw error("cannot open " + shown_bytes(path) +
+                    ": neither an image file nor a block device");
     }
     if (size == 0) {
-        throw error(shown_bytes(path) + " is empty");
+        throw error("cannot open " + shown_bytes(path) + ": it is empty");
     }
     fat::heap_ptr<fat_super> record = fat::zeroed_records<fat_super>();
     if (record == nullptr) {
@@ -170,7 +172,7 @@ boot_fields parse_boot_sector(const std::vector<u8> &sector) {
     return boot;
 }
 
-// A sector that cannot be read is left to the library to report.
+// The library reports a sector that cannot be read.
 void refuse_unsupported(const target &where) {
     std::vector<u8> sector(fat::transfer_unit());
     const bool is_read = read_sectors(sector.data(), 0, 1) == 1;
@@ -183,7 +185,7 @@ void refuse_unsupported(const target &where) {
 std::vector<contradiction> contradictions_on(const target &where) {
     const std::optional<u64> device_bytes =
         where.is_device() ? std::optional(where.size()) : std::nullopt;
-    return contradictions_of(read_run(0, 1), device_bytes);
+    return contradictions_of(read_extent(0, 1), device_bytes);
 }
 
 void refuse_contradictions(const target &where) {
@@ -198,22 +200,24 @@ void refuse_contradictions(const target &where) {
     }
 }
 
-// The width of the FAT is the last that the library finds out about the areas; what can fail behind
-// that is the root directory.
+// The FAT width is the last property of the areas that the library finds out. If it is known and
+// mounting fails, the root directory is damaged.
 boot_fields mount(const target &where, mounted wanted) {
     refuse_unsupported(where);
     const bool has_root = fat_build_super() >= 0;
     if (!has_root && sv->fat_type == 0) {
-        throw error(fmt::format("{} holds no FAT16 or FAT32 volume", shown_bytes(where.path())));
+        throw error(fmt::format("cannot mount {}: no FAT16 or FAT32 volume found",
+                                shown_bytes(where.path())));
     }
     if (where.is_writable() && wanted == mounted::WITH_ROOT) {
         refuse_contradictions(where);
     }
     if (!has_root && wanted == mounted::WITH_ROOT) {
-        throw error(fmt::format("{}: the root directory is damaged; \"qvol check\" tells more",
+        throw error(fmt::format("cannot mount {}: the root directory is damaged; \"qvol check\" "
+                                "shows how",
                                 shown_bytes(where.path())));
     }
-    return parse_boot_sector(read_run(0, 1));
+    return parse_boot_sector(read_extent(0, 1));
 }
 
 bool is_fsinfo(const std::vector<u8> &sector) {
@@ -228,7 +232,7 @@ bool is_fsinfo(const std::vector<u8> &sector) {
 target::target(std::string path, access wanted)
     : path_(std::move(path)), is_writable_(wanted == access::WRITE) {
     if (is_writable_) {
-        // A reader of the output that goes away must not end the program between two writes.
+        // If the reader of the output ends, SIGPIPE must not end the program between two writes.
         (void)std::signal(SIGPIPE, SIG_IGN);
     }
     fat::unique_fd fd(open_target(path_, wanted));
@@ -238,40 +242,40 @@ target::target(std::string path, access wanted)
     if (wanted == access::WRITE) {
         refuse_mounted(status, path_);
     }
-    adopt_descriptor(&fd, path_, wanted);
+    attach_to_library(&fd, path_, wanted);
 }
 
 target::~target() {
-    (void)fat_close_volume(0); // without compacting it cannot fail
+    (void)fat_close_volume(0); // cannot fail without compacting
 }
 
-// The library holds the size, of the one volume that it has open.
-// NOLINTNEXTLINE(readability-convert-member-functions-to-static): of this target for its users
+// The library stores the size of its one open volume.
+// NOLINTNEXTLINE(readability-convert-member-functions-to-static): a property of this target
 u64 target::size() const {
     return sv->vol_size;
 }
 
 void target::sync() const {
     if (fsync(sv->fd) != 0) {
-        throw system_failure("put the changes of " + shown_bytes(path_) + " on the medium");
+        throw system_failure("sync " + shown_bytes(path_));
     }
 }
 
 void target::resize(u64 size) const {
     if (ftruncate(sv->fd, static_cast<off_t>(size)) != 0) {
-        throw system_failure("change the length of " + shown_bytes(path_));
+        throw system_failure("resize " + shown_bytes(path_));
     }
     sv->vol_size = size;
 }
 
 // NOLINTNEXTLINE(readability-convert-member-functions-to-static): as size()
-void target::use_first(u64 bytes) const {
+void target::limit_size(u64 bytes) const {
     sv->vol_size = bytes;
 }
 
 bool target::is_blank() const {
-    constexpr std::size_t LOOKED_AT = std::size_t{1024} * 1024;
-    std::vector<u8> bytes(LOOKED_AT);
+    constexpr std::size_t HEADER_BYTES = std::size_t{1024} * 1024;
+    std::vector<u8> bytes(HEADER_BYTES);
     const ssize_t count = pread(sv->fd, bytes.data(), bytes.size(), 0);
     if (count < 0) {
         throw system_failure("read " + shown_bytes(path_));
@@ -284,16 +288,16 @@ bool target::is_blank() const {
 
 u32 target::sector_bytes() const {
     int bytes = 0;
-    const bool is_told = is_device_ && ioctl(sv->fd, BLKSSZGET, &bytes) == 0 &&
-                         bytes >= static_cast<int>(fat::MIN_SECTOR_SIZE);
-    return is_told ? static_cast<u32>(bytes) : fat::MIN_SECTOR_SIZE;
+    const bool is_known = is_device_ && ioctl(sv->fd, BLKSSZGET, &bytes) == 0 &&
+                          bytes >= static_cast<int>(fat::MIN_SECTOR_SIZE);
+    return is_known ? static_cast<u32>(bytes) : fat::MIN_SECTOR_SIZE;
 }
 
 void check_replaceable(const std::string &path) {
     const fat::unique_fd fd(open_target(path, access::READ));
     const struct stat status = status_of(fd.get(), path);
     if (!S_ISREG(status.st_mode)) {
-        throw error(shown_bytes(path) + " is neither an image file nor a block device");
+        throw error("cannot replace " + shown_bytes(path) + ": not an image file");
     }
     lock_target(fd.get(), path, access::WRITE);
     refuse_mounted(status, path);
@@ -342,13 +346,13 @@ void volume::abandon() {
     try {
         finish();
     } catch (const error &) {
-        // the failure that led here is the one to tell
+        // the earlier error is the one to report
     }
 }
 
-// A sector that does not carry the signatures is left alone: something else may lie there.
+// A sector without the signatures is not changed: it may contain something else.
 void volume::write_fsinfo() {
-    std::vector<u8> sector = read_run(boot_.fsinfo_sector, 1);
+    std::vector<u8> sector = read_extent(boot_.fsinfo_sector, 1);
     if (!is_fsinfo(sector)) {
         return;
     }
@@ -356,7 +360,7 @@ void volume::write_fsinfo() {
     fat::store(sector.data(), fat::FSINFO_FREE_COUNT, fat_.free_count());
     fat::store(sector.data(), fat::FSINFO_NEXT_FREE, fat_.next_free());
     if (sector != before) {
-        write_run(boot_.fsinfo_sector, sector);
+        write_extent(boot_.fsinfo_sector, sector);
     }
 }
 

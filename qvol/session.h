@@ -1,11 +1,10 @@
 // A session with one target: the image file or block device, and the volume on it.
 //
-//   target   opened, locked, not in use by the system; sector transfers work. Formatting needs
-//   this. volume   a target that has been mounted: its FAT, its names, and the order in which
-//   changes
-//            reach the medium.
+//   target   opened, locked, not in use by the system; sectors can be read and written. This is
+//            enough for formatting.
+//   volume   a mounted target: its FAT, its names, and the order of writes to the medium.
 //
-// The library has one open volume; so has the program. Both objects end it with their scope.
+// The library has one open volume, and so has the program. Destroying the target closes it.
 
 #pragma once
 
@@ -24,8 +23,8 @@ enum class access { READ, WRITE };
 
 class target {
 public:
-    // Opens the target. Writing takes an exclusive lock and refuses what is mounted; reading takes
-    // a shared lock. Throws error.
+    // Opens and locks the target: exclusively for writing, shared for reading. Throws error, also
+    // if a target to write to is mounted.
     target(std::string path, access wanted);
     ~target();
     target(const target &) = delete;
@@ -43,28 +42,28 @@ public:
         return is_writable_;
     }
 
-    // Puts everything written on the medium.
+    // Syncs all writes to the medium.
     void sync() const;
 
     // Cuts or extends an image file.
     void resize(u64 size) const;
 
-    // What was never written reads as zeroes: so it is with an image file that was just made.
-    void note_fresh() {
+    // Unwritten sectors read as zeros, as in an image file that was just made.
+    void mark_fresh() {
         is_fresh_ = true;
     }
     [[nodiscard]] bool is_fresh() const {
         return is_fresh_;
     }
 
-    // Only so many bytes from the start are there for a volume to be made.
-    void use_first(u64 bytes) const;
+    // Restricts formatting to the first `bytes` bytes.
+    void limit_size(u64 bytes) const;
 
-    // Whether its first MiB, in which volumes, partition tables and other file systems tell of
-    // themselves, is as on a blank medium: all zero, or all 0xFF as on erased flash.
+    // True if the first MiB, where volumes, partition tables and other file systems have their
+    // headers, is blank: all zero, or all 0xFF as on erased flash.
     [[nodiscard]] bool is_blank() const;
 
-    // The sectors that a device is read by; 512 of an image file.
+    // Logical sector size of a device; 512 for an image file.
     [[nodiscard]] u32 sector_bytes() const;
 
 private:
@@ -74,31 +73,30 @@ private:
     bool is_fresh_ = false;
 };
 
-// What the boot sector says beyond the geometry that the library keeps.
+// Fields of the boot sector that are not part of the library's geometry.
 struct boot_fields {
     u32 reserved_sectors;
     u32 fat_copies;
     u32 root_entries; // 0 on FAT32
     u32 media;
     u32 serial;
-    u32 fsinfo_sector; // 0: none
-    u32 backup_sector; // 0: none
+    u32 fsinfo_sector; // 0: no FSInfo
+    u32 backup_sector; // 0: no backup
     std::string oem_name;
-    std::string label; // without its padding; "" where there is none
+    std::string label; // without its padding; "" if there is no label
 };
 
-// What a command has to find to work with a volume: areas alone, or a root directory as well.
+// The parts of a volume that a command requires: the areas, or also a readable root directory.
 enum class mounted { AREAS, WITH_ROOT };
 
-// Refuses a file that is to be replaced while another program has locked it or the system has it
-// mounted, and what is no regular file. Throws error.
+// Throws error if the file to replace is locked by another program, mounted, or not a regular file.
 void check_replaceable(const std::string &path);
 
 class volume {
 public:
-    // Mounts. `target` has to outlive the volume. Throws error where no volume is found, and on a
-    // target opened for writing where the boot sector contradicts itself; with the areas alone,
-    // this is left to the caller.
+    // Mounts. `target` must outlive the volume. Throws error if there is no volume, or if the
+    // target is writable and its boot sector contradicts itself. With mounted::AREAS the caller
+    // checks for contradictions.
     volume(const target &where, const std::string &encoding, mounted wanted = mounted::WITH_ROOT);
     volume(const volume &) = delete;
     volume &operator=(const volume &) = delete;
@@ -119,22 +117,21 @@ public:
         return target_;
     }
 
-    // Why nothing may be written on the volume.
+    // The reasons why nothing may be written to the volume.
     [[nodiscard]] std::vector<contradiction> contradictions() const;
 
-    // Writes changes in an order whose interruption loses space at most: what nothing refers to
-    // yet, the FAT, the entries. The data of files has been written before.
+    // Writes new entries in an order that loses only space if interrupted: clusters without
+    // references, then the FAT, then the entries. File data must have been written before.
     void commit_additions(const std::vector<directory *> &changed);
 
-    // The other way round: entries that go, then what they referred to.
+    // Writes removals in the opposite order: the entries, then the FAT.
     void commit_removals(const std::vector<directory *> &changed);
 
-    // Writes the true count of free clusters, where the volume keeps one, and synchronises. The
-    // last step of every writing command.
+    // Updates the free count in FSInfo, if there is one, and syncs. The last step of every command
+    // that writes.
     void finish();
 
-    // Ends a command that failed: what was not committed is dropped, what was is finished as far as
-    // that goes.
+    // Ends a failed command: drops uncommitted changes and finishes committed ones if possible.
     void abandon();
 
 private:

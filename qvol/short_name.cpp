@@ -33,7 +33,7 @@ char16_t ascii_upper(char16_t unit) {
     return unit >= u'a' && unit <= u'z' ? static_cast<char16_t>(unit - u'a' + u'A') : unit;
 }
 
-// Writes one half of a short name. Returns whether it holds all of the text.
+// Writes one half of a short name. Returns true if it is the whole text, apart from case.
 bool fill_half(std::u16string_view text, u8 *out, std::size_t size) {
     bool is_exact = true;
     std::size_t used = 0;
@@ -154,8 +154,8 @@ void short_name_set::reserve(std::u16string_view name) {
     }
 }
 
-// Tails of so many digits. The place to go on at is kept for each stem as it is cut, so that like
-// stems share it.
+// Tries tails of `digits` digits. Stores the next tail for each cut stem, so stems that are equal
+// when cut share it.
 bool short_name_set::choose_tail(const short_name &stem, u32 digits, short_name *chosen) {
     constexpr u32 POWERS[] = {1, 10, 100, 1000, 10000};
     const short_name cut = cut_base(stem, BASE_SIZE - 1 - digits);
@@ -182,8 +182,8 @@ short_name short_name_set::choose(std::u16string_view name) {
             return chosen;
         }
     }
-    constexpr std::size_t KEPT_LETTERS = 2;
-    const short_name stem = cut_base(form.name, KEPT_LETTERS);
+    constexpr std::size_t STEM_LETTERS = 2;
+    const short_name stem = cut_base(form.name, STEM_LETTERS);
     for (u32 hash = hash_of(name);; hash = hash * 16777619 + 1) {
         chosen = append_to_base(stem, fmt::format("{:04X}~1", hash & 0xFFFF));
         for (u8 digit = '1'; digit <= '9'; digit++) {

@@ -1,8 +1,8 @@
-// Short names: the 8.3 form that every entry has beside its long name.
+// Short names: the 8.3 name that every entry has in addition to its long name.
 //
-// A name that 8.3 holds in one case keeps that form, so that it is found by it. Any other gets a
-// numeric tail, ~1 to ~1023, and beyond those a base made of its first letters and a few digits of
-// a hash of the long name: thousands of like names fit into one directory.
+// A name that fits 8.3 apart from its case gets its exact short form. Any other name gets a numeric
+// tail, ~1 to ~1023. After these the base is its first letters and four digits of a hash of the
+// long name, so thousands of similar names fit into one directory.
 
 #pragma once
 
@@ -20,29 +20,29 @@ namespace qvol {
 
 using short_name = std::array<fat::u8, 11>;
 
-// What 8.3 makes of a long name.
+// The 8.3 form of a long name.
 struct short_form {
     short_name name;
-    bool is_exact; // nothing but the case was lost: no tail is needed
+    bool is_exact; // equal to the long name apart from case: needs no tail
 };
 
 [[nodiscard]] short_form short_form_of(std::u16string_view name);
 
-// The text of a stored short name; `case_bits` is byte 12 of its entry. Bytes from 0x80 on are of
-// code page 437. A blank name is given as its blanks.
+// The text of a stored short name; `case_bits` is byte 12 of its entry. Bytes from 0x80 are code
+// page 437. A blank name is returned as 11 spaces.
 [[nodiscard]] std::u16string short_name_units(const short_name &name, fat::u8 case_bits);
 
-// A short entry that holds a name with nothing else: 8.3 in ASCII, each half in one case.
+// A short entry that stores a name without long-name slots: 8.3 in ASCII, one case for each half.
 struct cased_short_name {
     short_name name;
     fat::u8 case_bits;
 };
 
-// Nothing where the name needs a long one.
+// Nothing if the name needs long-name slots.
 [[nodiscard]] std::optional<cased_short_name> cased_short_name_of(std::u16string_view name);
 
-// The short names of one directory, and the choice of new ones. Choosing takes no longer in a large
-// directory than in a small one.
+// The short names of one directory; chooses new ones in a time that does not depend on their
+// number.
 class short_name_set {
 public:
     void insert(const short_name &name) {
@@ -55,10 +55,11 @@ public:
         return taken_.contains(name);
     }
 
-    // Keeps the exact short form of a name that is to come from becoming another name's tail.
+    // Prevents the exact short form of a name that will be added from being chosen for another
+    // name.
     void reserve(std::u16string_view name);
 
-    // A short name for the long one that no other has; it is not inserted.
+    // Returns an unused short name for the long name. Does not insert it.
     [[nodiscard]] short_name choose(std::u16string_view name);
 
 private:
@@ -69,7 +70,7 @@ private:
 
     std::set<short_name> taken_;
     std::set<short_name> reserved_;
-    std::map<short_name, fat::u32> next_tail_; // by the stem as the tail cuts it
+    std::map<short_name, fat::u32> next_tail_; // by the stem cut to make space for the tail
 };
 
 } // namespace qvol

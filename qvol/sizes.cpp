@@ -18,9 +18,10 @@ u64 parse_size(const std::string &option, const std::string &text) {
     const std::size_t unit = std::string_view("KMGkmg").find(rest != end ? *rest : '\0');
     const bool has_unit = rest != end && rest + 1 == end && unit != std::string_view::npos;
     const u64 factor = has_unit ? u64{1} << (10 * (unit % 3 + 1)) : 1;
-    if (failure != std::errc() || (rest != end && !has_unit) || number > MOST_BYTES / factor) {
-        throw usage_error(fmt::format("{} {}: not a number of bytes, as 4096, 64M or 2G", option,
-                                      shown_bytes(text)));
+    if (failure != std::errc() || (rest != end && !has_unit) ||
+        number > MAX_VOLUME_BYTES / factor) {
+        throw usage_error(
+            fmt::format("{} {}: not a size such as 4096, 64M or 2G", option, shown_bytes(text)));
     }
     return number * factor;
 }
@@ -28,7 +29,7 @@ u64 parse_size(const std::string &option, const std::string &text) {
 u32 parse_unit(const std::string &option, const std::string &text, u32 least, u32 most) {
     const u64 bytes = parse_size(option, text);
     if (!std::has_single_bit(bytes) || bytes < least || bytes > most) {
-        throw usage_error(fmt::format("{} {}: has to be a power of two from {} to {} bytes", option,
+        throw usage_error(fmt::format("{} {}: must be a power of two from {} to {} bytes", option,
                                       shown_bytes(text), least, most));
     }
     return static_cast<u32>(bytes);

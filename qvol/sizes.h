@@ -1,4 +1,4 @@
-// Sizes as people write them on the command line.
+// Sizes on the command line.
 
 #pragma once
 

@@ -6,7 +6,7 @@ namespace qvol {
 
 namespace {
 
-constexpr u32 MAX_ORDINAL = 20; // slots of 13 units for 255 of them
+constexpr u32 MAX_ORDINAL = 20; // slots of 13 units, for names of up to 255 units
 
 std::u16string units_of_slot(const u8 *slot) {
     std::u16string units;
@@ -26,11 +26,11 @@ std::u16string label_text(const short_name &label) {
     return text;
 }
 
-std::u16string short_text(const entry &of) {
-    return of.type() == kind::LABEL
-               ? label_text(of.alias())
-               : short_name_units(of.alias(),
-                                  static_cast<u8>(fat::load(of.raw.data(), fat::SHORT_SYSID)));
+std::u16string short_text(const entry &shown) {
+    return shown.type() == kind::LABEL
+               ? label_text(shown.alias())
+               : short_name_units(shown.alias(),
+                                  static_cast<u8>(fat::load(shown.raw.data(), fat::SHORT_SYSID)));
 }
 
 } // namespace
@@ -47,7 +47,7 @@ bool is_entry(const u8 *slot) {
     return (fat::load(slot, fat::SHORT_ATTR) & fat::ATTR_KIND_MASK) != fat::ATTR_KIND_MASK;
 }
 
-void long_name_run::accept(const u8 *slot, u32 index) {
+void name_assembler::accept(const u8 *slot, u32 index) {
     const u32 ordinal = fat::load(slot, fat::SLOT_ORDINAL);
     const u8 slot_checksum = static_cast<u8>(fat::load(slot, fat::SLOT_CHECKSUM));
     if ((ordinal & fat::SLOT_LAST) != 0) {
@@ -67,17 +67,17 @@ void long_name_run::accept(const u8 *slot, u32 index) {
     missing--;
 }
 
-bool long_name_run::belongs_to(const u8 *short_entry) const {
+bool name_assembler::belongs_to(const u8 *short_entry) const {
     return is_whole() && checksum == fat::dosname_checksum(short_entry);
 }
 
-entry entry_of_slot(const u8 *slot, u32 index, const long_name_run &run) {
+entry entry_of_slot(const u8 *slot, u32 index, const name_assembler &assembler) {
     entry found;
     std::copy_n(slot, fat::DENTRY_SIZE, found.raw.begin());
     found.slot = index;
-    found.has_long_name = run.belongs_to(slot) && found.type() != kind::LABEL;
-    found.first_slot = found.has_long_name ? run.first_slot : index;
-    found.name = found.has_long_name ? run.units : short_text(found);
+    found.has_long_name = assembler.belongs_to(slot) && found.type() != kind::LABEL;
+    found.first_slot = found.has_long_name ? assembler.first_slot : index;
+    found.name = found.has_long_name ? assembler.units : short_text(found);
     return found;
 }
 

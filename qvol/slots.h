@@ -1,4 +1,4 @@
-// The 32-byte slots of a directory, one after another: which of them make up an entry.
+// The 32-byte slots of a directory, and the entries that they form.
 
 #pragma once
 
@@ -6,26 +6,26 @@
 
 namespace qvol {
 
-// What other systems take for the longest directory.
+// The maximum size of a directory in other systems.
 inline constexpr u32 MAX_SLOTS = 65536;
 
 [[nodiscard]] bool is_removed(const u8 *slot);
 [[nodiscard]] bool is_long_name_slot(const u8 *slot);
 
-// An attribute byte that is a label and a directory at once belongs to no entry.
+// An attribute byte with both the label and the directory bit does not form an entry.
 [[nodiscard]] bool is_entry(const u8 *slot);
 
-// The long name that a walk over the slots is in. It counts only where it is whole: its slots stand
-// right in front of the short entry, in falling order from the one marked last to 1, and carry that
-// entry's checksum.
-struct long_name_run {
+// Collects the slots of a long name during a walk over the slots. The name is valid only if it is
+// whole: its slots directly precede the short entry, in descending order from the one marked last
+// to 1, and have the checksum of that entry.
+struct name_assembler {
     std::u16string units;
     u32 first_slot = 0;
-    u32 missing = 0; // slots that are still to come
+    u32 missing = 0; // slots that are expected next
     u8 checksum = 0;
 
     void reset() {
-        *this = long_name_run{};
+        *this = name_assembler{};
     }
     void accept(const u8 *slot, u32 index);
 
@@ -35,7 +35,7 @@ struct long_name_run {
     [[nodiscard]] bool belongs_to(const u8 *short_entry) const;
 };
 
-// The entry of a short slot, with the long name where that is its own.
-[[nodiscard]] entry entry_of_slot(const u8 *slot, u32 index, const long_name_run &run);
+// The entry of a short slot, with the long name if that belongs to it.
+[[nodiscard]] entry entry_of_slot(const u8 *slot, u32 index, const name_assembler &assembler);
 
 } // namespace qvol

@@ -31,7 +31,7 @@ std::string escaped_ascii(char letter) {
     }
 }
 
-// The two code points of the basic plane that are no characters and not surrogates.
+// U+FFFE and U+FFFF, which XML does not allow.
 bool is_noncharacter(std::string_view character) {
     return character == "\xEF\xBF\xBE" || character == "\xEF\xBF\xBF";
 }
@@ -99,7 +99,7 @@ void svg_body::path(std::string_view data, std::string_view classes, std::string
     finish("path", title);
 }
 
-// An inner picture shows nothing outside of its own bounds.
+// An inner picture is clipped to its bounds.
 void svg_body::begin_clipped(const box &inside) {
     markup_ +=
         fmt::format("<svg x=\"{}\" y=\"{}\" width=\"{}\" height=\"{}\">\n", coordinate(inside.x),

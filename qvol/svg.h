@@ -1,4 +1,4 @@
-// Putting an SVG picture together.
+// Writes SVG markup.
 
 #pragma once
 
@@ -15,15 +15,14 @@ struct box {
     double height;
 };
 
-// Text as it may stand between tags and in attributes: markup is escaped, and what XML does not
-// have is replaced by U+FFFD. Bytes that are no UTF-8 are replaced too.
+// Text for use between tags and in attributes: escapes markup, and replaces characters that XML
+// does not allow and bytes that are not UTF-8 by U+FFFD.
 [[nodiscard]] std::string xml_text(std::string_view text);
 
 // A coordinate with at most two decimals.
 [[nodiscard]] std::string coordinate(double value);
 
-// Elements, in the order in which they are added. Texts are escaped here; classes are the caller's
-// own words.
+// Elements, in the order in which they are added. Texts are escaped; classes are not.
 class svg_body {
 public:
     void rect(const box &at, std::string_view classes, std::string_view title = {},
@@ -32,14 +31,14 @@ public:
     void line(double x1, double y1, double x2, double y2, std::string_view classes);
     void path(std::string_view data, std::string_view classes, std::string_view title = {});
 
-    // Elements up to the end of the group are moved by (x, y), and seen only inside of the box
-    // where there is one.
+    // The elements up to the end of the group are moved by (x, y). With a box, only the parts
+    // inside it are visible.
     void begin_group(double x, double y);
     void begin_clipped(const box &inside);
     void end_group();
     void end_clipped();
 
-    // Markup as it is.
+    // Adds markup without escaping.
     void raw(std::string_view markup) {
         markup_ += markup;
     }

@@ -28,7 +28,7 @@ bool locale_is_utf8() {
     return is_utf8;
 }
 
-// The bytes of one character each; what is no UTF-8 goes byte by byte.
+// Splits text into characters; invalid UTF-8 byte by byte.
 std::vector<std::string> characters_of(const std::string &text) {
     std::vector<std::string> characters;
     for (const char byte : text) {
@@ -42,8 +42,8 @@ std::vector<std::string> characters_of(const std::string &text) {
     return characters;
 }
 
-// From U+2E80 on stand the ideographs, syllables and signs of East Asia, and pictures. A character
-// that is taken for wide and is not only costs room.
+// Characters from U+2E80 are East Asian scripts and pictures, which are mostly wide. Counting a
+// narrow character as wide only wastes a column.
 unsigned width_of(const std::string &character) {
     const bool has_lead_byte = static_cast<unsigned char>(character.front()) >= 0xC0U;
     return has_lead_byte && character >= "\xE2\xBA\x80" ? 2 : 1;
@@ -90,7 +90,7 @@ std::string fitted(const std::string &text, unsigned columns, const char *dots) 
     }
     const unsigned dot_columns = columns_of(dots);
     const unsigned room = columns > dot_columns ? columns - dot_columns : 0;
-    std::size_t head = 0; // a third of the room; the end of a path tells more
+    std::size_t head = 0; // a third of the room; the end of a path is more useful
     while (width_of(characters, 0, head + 1) <= room / 3) {
         head++;
     }

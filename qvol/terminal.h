@@ -1,4 +1,4 @@
-// What standard output can show.
+// Properties of the terminal at standard output.
 
 #pragma once
 
@@ -9,13 +9,13 @@ namespace qvol {
 struct terminal_form {
     unsigned width = 80; // columns
     bool has_colour = false;
-    bool has_utf8 = false; // by the locale; else ASCII is all that is safe
+    bool has_utf8 = false; // by the locale; without it only ASCII is safe
 };
 
 [[nodiscard]] terminal_form form_of_standard_output();
 
-// Text of at most so many columns: a longer one loses its middle. Characters of double width count
-// twice.
+// Shortens text to at most `columns` columns by replacing its middle with `dots`. Characters of
+// double width count twice.
 [[nodiscard]] std::string fitted(const std::string &text, unsigned columns, const char *dots);
 
 // The columns that UTF-8 text takes.

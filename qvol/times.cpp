@@ -19,10 +19,10 @@ constexpr dos_time FIRST_STAMP = {1 << 5 | 1, 0};
 constexpr dos_time LAST_STAMP = {(LAST_YEAR - FIRST_YEAR) << 9 | 12 << 5 | 31,
                                  23 << 11 | 59 << 5 | 29};
 
-std::optional<time_t> latest_moment; // what SOURCE_DATE_EPOCH says
+std::optional<time_t> latest_moment; // SOURCE_DATE_EPOCH
 
 time_t clock_of_library(time_t *out) {
-    const time_t now = present();
+    const time_t now = current_time();
     if (out != nullptr) {
         *out = now;
     }
@@ -35,7 +35,7 @@ time_t parse_epoch(const char *text) {
     const long long value = std::strtoll(text, &end, 10);
     if (*text == '\0' || *end != '\0' || errno != 0 || value < 0) {
         throw usage_error(
-            fmt::format("SOURCE_DATE_EPOCH is \"{}\", which is no number of seconds", text));
+            fmt::format("invalid SOURCE_DATE_EPOCH \"{}\": not a number of seconds", text));
     }
     return static_cast<time_t>(value);
 }
@@ -65,13 +65,13 @@ void set_up_clock() {
         latest_moment = parse_epoch(epoch);
         setenv("TZ", "UTC", 1);
     }
-    // Where nothing is said of the zone, glibc looks at its file again for every stamp.
+    // Without TZ, glibc checks the file of the time zone again for every stamp.
     setenv("TZ", ":/etc/localtime", 0);
     tzset();
     fat_clock = clock_of_library;
 }
 
-time_t present() {
+time_t current_time() {
     const time_t now = time(nullptr);
     return latest_moment.value_or(now);
 }

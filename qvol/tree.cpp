@@ -9,7 +9,7 @@ namespace qvol {
 
 namespace {
 
-// One directory of the stack: what is left to visit in it.
+// A directory on the stack.
 struct level {
     std::vector<entry> entries;
     std::size_t next = 0;
@@ -47,18 +47,19 @@ private:
     [[nodiscard]] bool enter(const entry &found) {
         try {
             if (!entered_.insert(found.start()).second) {
-                throw error("leads back into a directory that was met before");
+                throw error(
+                    "was visited before: a cycle, or a chain shared with another directory");
             }
             const directory dir = open_directory(vol_, found);
             if (dir.clusters().size() > clusters_left_) {
-                throw error("directories of the volume share their clusters");
+                throw error("directories share their clusters");
             }
             clusters_left_ -= dir.clusters().size();
             levels_.push_back({listed_entries(dir)});
             return true;
         } catch (const error &why) {
             if (!visitor_.fail) {
-                throw error(shown_path(vol_.names(), path_) + ": " + why.what());
+                throw error("cannot read " + shown_path(vol_.names(), path_) + ": " + why.what());
             }
             visitor_.fail(path_, why.what());
             return false;

@@ -1,8 +1,7 @@
-// Going through everything below a directory.
+// Walks everything below a directory.
 //
-// The walk keeps its own stack, as deep as the tree, enters every directory once, and reads no more
-// clusters than the volume has: a tree that leads back into itself, or whose directories share
-// their chains, ends.
+// The walk has its own stack, enters every directory once, and reads at most as many clusters as
+// the volume has. So it ends even if the tree has a cycle or directories share their chains.
 
 #pragma once
 
@@ -12,22 +11,22 @@
 
 namespace qvol {
 
-// What the walk meets. Each may be left empty.
+// Callbacks of the walk. Each may be empty.
 struct tree_visitor {
-    // An entry, its path, and whether it is the last one of its directory. A directory is entered
-    // after its own visit where this returns true.
+    // Called for each entry. If it returns true for a directory, the walk enters that next.
     std::function<bool(const name_path &path, const entry &found, bool is_last)> visit;
-    // Behind the last entry below a directory that was entered.
+    // Called after the last entry of each entered directory, but not of the top.
     std::function<void(const name_path &path)> leave;
-    // A directory that cannot be read; the walk goes on behind it. Left empty, the error is thrown.
+    // Called for a directory that cannot be read; the walk continues after it. If empty, the walk
+    // throws.
     std::function<void(const name_path &path, const std::string &why)> fail;
 };
 
-// Entries come in the order of their names; dot entries and the volume label are left out.
+// Visits entries in the order of their names, without dot entries and the volume label.
 void walk_tree(volume &vol, const name_path &path, const directory &top,
                const tree_visitor &visitor);
 
-// The entries that a listing shows, in the order of their names.
+// The entries to list, in the order of their names: no dot entries, no volume label.
 [[nodiscard]] std::vector<entry> listed_entries(const directory &of);
 
 } // namespace qvol

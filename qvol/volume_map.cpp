@@ -14,16 +14,16 @@ namespace {
 
 holder state_of(u32 value) {
     if (value == fat::FAT_FREE) {
-        return HELD_BY_NOBODY;
+        return HOLDER_FREE;
     }
-    return value == fat::bad_mark() ? HELD_AS_BAD : HELD_BY_LOST;
+    return value == fat::bad_mark() ? HOLDER_BAD : HOLDER_LOST;
 }
 
-void append_cluster(std::vector<cluster_run> *runs, u32 cluster) {
-    if (!runs->empty() && runs->back().first + runs->back().count == cluster) {
-        runs->back().count++;
+void append_cluster(std::vector<cluster_extent> *extents, u32 cluster) {
+    if (!extents->empty() && extents->back().first + extents->back().count == cluster) {
+        extents->back().count++;
     } else {
-        runs->push_back({cluster, 1});
+        extents->push_back({cluster, 1});
     }
 }
 
@@ -46,20 +46,20 @@ public:
             return true;
         };
         visitor.fail = [this](const name_path &path, const std::string &why) {
-            note_unreadable(path, why);
+            record_unreadable(path, why);
         };
         walk_tree(vol_, {}, root, visitor);
     }
 
-    [[nodiscard]] std::vector<extent> extents() const {
-        std::vector<extent> held;
+    [[nodiscard]] std::vector<held_extent> extents() const {
+        std::vector<held_extent> held;
         for (u32 number = 0; number < owners_.size(); number++) {
-            for (const cluster_run &run : owners_[number].runs) {
-                held.push_back({run.first, run.count, number});
+            for (const cluster_extent &part : owners_[number].extents) {
+                held.push_back({part.first, part.count, number});
             }
         }
         std::sort(held.begin(), held.end(),
-                  [](const extent &a, const extent &b) { return a.first < b.first; });
+                  [](const held_extent &a, const held_extent &b) { return a.first < b.first; });
         return with_gaps_filled(held);
     }
 
@@ -84,7 +84,7 @@ private:
         while (owner->damage.empty()) {
             is_taken_[cluster] = true;
             owner->clusters++;
-            append_cluster(&owner->runs, cluster);
+            append_cluster(&owner->extents, cluster);
             cluster = vol_.fat().get(cluster);
             if (fat::is_end_of_chain(cluster)) {
                 return;
@@ -93,22 +93,22 @@ private:
         }
     }
 
-    // Why a chain does not go on in a cluster, or "".
+    // Why a chain cannot continue in a cluster, or "".
     [[nodiscard]] std::string problem_with(u32 cluster) {
         if (cluster < fat::FIRST_DATA_CLUSTER || cluster > last_) {
-            return fmt::format("leads to cluster {:#x}, which does not exist", cluster);
+            return fmt::format("the chain links to cluster {:#x}, which does not exist", cluster);
         }
         if (is_taken_[cluster]) {
-            return fmt::format("leads to cluster {}, which is in use already", cluster);
+            return fmt::format("the chain links to cluster {}, which is already in use", cluster);
         }
         const holder state = state_of(vol_.fat().get(cluster));
-        return state == HELD_BY_LOST ? ""
-                                     : fmt::format("leads to cluster {}, which is {}", cluster,
-                                                   state == HELD_AS_BAD ? "bad" : "free");
+        return state == HOLDER_LOST ? ""
+                                    : fmt::format("the chain links to cluster {}, which is {}",
+                                                  cluster, state == HOLDER_BAD ? "bad" : "free");
     }
 
-    // The walk tells about a directory behind visiting it.
-    void note_unreadable(const name_path &path, const std::string &why) {
+    // The walk reports an unreadable directory after visiting it.
+    void record_unreadable(const name_path &path, const std::string &why) {
         if (owners_.empty() || owners_.back().path != path) {
             owners_.push_back({path, kind::DIRECTORY, 0, {}, {}});
         }
@@ -117,10 +117,11 @@ private:
         }
     }
 
-    [[nodiscard]] std::vector<extent> with_gaps_filled(const std::vector<extent> &held) const {
-        std::vector<extent> all;
+    [[nodiscard]] std::vector<held_extent>
+    with_gaps_filled(const std::vector<held_extent> &held) const {
+        std::vector<held_extent> all;
         u32 next = fat::FIRST_DATA_CLUSTER;
-        for (const extent &part : held) {
+        for (const held_extent &part : held) {
             append_states(next, part.first, &all);
             all.push_back(part);
             next = part.first + part.count;
@@ -129,7 +130,7 @@ private:
         return all;
     }
 
-    void append_states(u32 first, u32 end, std::vector<extent> *all) const {
+    void append_states(u32 first, u32 end, std::vector<held_extent> *all) const {
         for (u32 cluster = first; cluster < end; cluster++) {
             const holder state = state_of(vol_.fat().get(cluster));
             if (cluster != first && all->back().held_by == state) {
@@ -142,14 +143,14 @@ private:
 
     volume &vol_;
     u32 last_;
-    std::vector<bool> is_taken_; // by cluster: some path holds it
+    std::vector<bool> is_taken_; // by cluster: a path leads to it
     std::vector<cluster_owner> owners_;
     u64 files_ = 0;
 };
 
-// The first `most` owners in an order, of those that `is_wanted`.
+// The numbers of the `count` owners with the greatest `size`, of those with `is_wanted`.
 template <typename Wanted, typename Size>
-std::vector<u32> greatest_owners(const std::vector<cluster_owner> &owners, std::size_t most,
+std::vector<u32> greatest_owners(const std::vector<cluster_owner> &owners, std::size_t count,
                                  Wanted is_wanted, Size size) {
     std::vector<u32> numbers;
     for (u32 number = 0; number < owners.size(); number++) {
@@ -157,7 +158,7 @@ std::vector<u32> greatest_owners(const std::vector<cluster_owner> &owners, std::
             numbers.push_back(number);
         }
     }
-    const auto end = numbers.begin() + static_cast<std::ptrdiff_t>(std::min(most, numbers.size()));
+    const auto end = numbers.begin() + static_cast<std::ptrdiff_t>(std::min(count, numbers.size()));
     std::partial_sort(numbers.begin(), end, numbers.end(), [&](u32 a, u32 b) {
         return std::pair(size(owners[b]), a) < std::pair(size(owners[a]), b);
     });
@@ -173,7 +174,7 @@ volume_map map_volume(volume &vol) {
     cluster_survey survey(vol);
     survey.visit_tree();
     if (survey.clusters() == 0) {
-        throw error("the volume has no clusters");
+        throw error("cannot draw a map: the volume has no clusters");
     }
     volume_map map{};
     map.image = shown_bytes(split_host_path(vol.where().path()).name);
@@ -194,46 +195,46 @@ fragmentation volume_map::pieces() const {
         if (owner.clusters != 0) {
             result.chains++;
             result.steps += owner.clusters - 1;
-            result.jumps += owner.runs.size() - 1;
+            result.jumps += owner.extents.size() - 1;
             result.in_pieces += owner.is_in_pieces() ? 1 : 0;
         }
     }
     return result;
 }
 
-std::vector<u32> volume_map::largest_files(std::size_t most) const {
+std::vector<u32> volume_map::largest_files(std::size_t count) const {
     return greatest_owners(
-        owners, most,
+        owners, count,
         [](const cluster_owner &owner) {
             return owner.type != kind::DIRECTORY && owner.clusters != 0;
         },
         [](const cluster_owner &owner) { return owner.clusters; });
 }
 
-std::vector<u32> volume_map::most_pieces(std::size_t most) const {
+std::vector<u32> volume_map::most_pieces(std::size_t count) const {
     return greatest_owners(
-        owners, most, [](const cluster_owner &owner) { return owner.is_in_pieces(); },
-        [](const cluster_owner &owner) { return owner.runs.size(); });
+        owners, count, [](const cluster_owner &owner) { return owner.is_in_pieces(); },
+        [](const cluster_owner &owner) { return owner.extents.size(); });
 }
 
 // ---- cells ------------------------------------------------------------------------------------
 
 bool map_cell::has_one_holder() const {
-    return std::all_of(parts.begin(), parts.end(), [this](const extent &part) {
+    return std::all_of(parts.begin(), parts.end(), [this](const held_extent &part) {
         return part.held_by == parts.front().held_by;
     });
 }
 
-std::vector<map_cell> cells_of(const volume_map &map, u32 most) {
-    const u32 size = (map.clusters + most - 1) / most;
+std::vector<map_cell> cells_of(const volume_map &map, u32 max_cells) {
+    const u32 size = (map.clusters + max_cells - 1) / max_cells;
     const u64 end = u64{fat::FIRST_DATA_CLUSTER} + map.clusters;
     std::vector<map_cell> cells;
     for (u64 first = fat::FIRST_DATA_CLUSTER; first < end; first += size) {
         const u64 count = std::min<u64>(size, end - first);
         cells.push_back({static_cast<u32>(first), static_cast<u32>(count), {}});
     }
-    for (const extent &whole : map.extents) {
-        for (extent rest = whole; rest.count != 0;) {
+    for (const held_extent &whole : map.extents) {
+        for (held_extent rest = whole; rest.count != 0;) {
             map_cell &cell = cells[(rest.first - fat::FIRST_DATA_CLUSTER) / size];
             const u32 part = std::min(rest.count, cell.first + cell.count - rest.first);
             cell.parts.push_back({rest.first, part, rest.held_by});
@@ -252,29 +253,29 @@ map_classes::map_classes(const volume_map &map)
         class_of_owner_[number] =
             map.owners[number].type == kind::DIRECTORY ? CLASS_DIRECTORIES : CLASS_OTHER_FILES;
     }
-    for (u32 place = 0; place < largest_.size(); place++) {
-        class_of_owner_[largest_[place]] = place;
+    for (u32 rank = 0; rank < largest_.size(); rank++) {
+        class_of_owner_[largest_[rank]] = rank;
     }
     count(map);
 }
 
 void map_classes::count(const volume_map &map) {
     for (u32 number = 0; number < map.owners.size(); number++) {
-        totals_[of(number)].owners += map.owners[number].clusters != 0 ? 1 : 0;
+        totals_[class_of(number)].owners += map.owners[number].clusters != 0 ? 1 : 0;
     }
-    for (const extent &part : map.extents) {
-        totals_[of(part.held_by)].clusters += part.count;
-        totals_[of(part.held_by)].runs++;
+    for (const held_extent &part : map.extents) {
+        totals_[class_of(part.held_by)].clusters += part.count;
+        totals_[class_of(part.held_by)].extents++;
     }
 }
 
-u32 map_classes::of(holder by) const {
+u32 map_classes::class_of(holder by) const {
     switch (by) {
-    case HELD_BY_NOBODY:
+    case HOLDER_FREE:
         return CLASS_FREE;
-    case HELD_AS_BAD:
+    case HOLDER_BAD:
         return CLASS_BAD;
-    case HELD_BY_LOST:
+    case HOLDER_LOST:
         return CLASS_LOST;
     default:
         return class_of_owner_[by];

@@ -1,7 +1,7 @@
-// The map of a volume: its areas, and which path holds which clusters.
+// The map of a volume: its areas, and the owners of its clusters.
 //
-// One walk through the tree and one through the FAT. A cluster belongs to the first path that the
-// walk finds it in; so a damaged volume, whose chains meet or run in circles, takes no longer.
+// Takes one walk through the tree and one through the FAT. A cluster belongs to the first path
+// whose chain contains it, so a damaged volume with shared chains or cycles takes no longer.
 
 #pragma once
 
@@ -13,38 +13,38 @@
 
 namespace qvol {
 
-// What is in a cluster: one of the owners, by its number, or nothing that a path leads to.
+// The holder of a cluster: an owner, by its number, or a state of clusters without an owner.
 using holder = u32;
-inline constexpr holder HELD_BY_NOBODY = ~u32{0};   // free
-inline constexpr holder HELD_AS_BAD = ~u32{1};      // marked bad
-inline constexpr holder HELD_BY_LOST = ~u32{2};     // in use, and no path leads there
-inline constexpr holder FIRST_STATE = HELD_BY_LOST; // owners have the numbers below
+inline constexpr holder HOLDER_FREE = ~u32{0};     // free
+inline constexpr holder HOLDER_BAD = ~u32{1};      // marked bad
+inline constexpr holder HOLDER_LOST = ~u32{2};     // allocated, but no path leads there
+inline constexpr holder FIRST_STATE = HOLDER_LOST; // owners have the numbers below
 
 // An entry with the clusters of its chain.
 struct cluster_owner {
     name_path path; // empty: the root
     kind type;
     u32 clusters;
-    std::vector<cluster_run> runs; // in the order of the chain
-    std::string damage;            // what is wrong with its chain; "" for nothing
+    std::vector<cluster_extent> extents; // in the order of the chain
+    std::string damage;                  // of the chain, as a message; "": no damage
 
     [[nodiscard]] bool is_in_pieces() const {
-        return runs.size() > 1;
+        return extents.size() > 1;
     }
 };
 
-// Clusters side by side that the same holder has.
-struct extent {
+// Contiguous clusters with the same holder.
+struct held_extent {
     u32 first;
     u32 count;
     holder held_by;
 };
 
-// How far the chains are from lying in one piece each.
+// How much the chains are split into pieces.
 struct fragmentation {
     u64 chains = 0;
     u64 steps = 0;     // from each cluster of a chain to the next
-    u64 jumps = 0;     // of those: to another place than the next cluster of the medium
+    u64 jumps = 0;     // steps to a cluster that is not the next one on the medium
     u64 in_pieces = 0; // chains with a jump
 
     [[nodiscard]] double percent() const {
@@ -53,43 +53,43 @@ struct fragmentation {
 };
 
 struct volume_map {
-    std::string image; // the last component of its path, as it may be shown
+    std::string image; // the last component of its path, safe for a terminal
     u32 fat_type;
     u32 cluster_bytes;
     u64 bytes; // of the volume
     std::vector<area> areas;
     u32 clusters;
-    u64 files;                         // those without clusters and links included
-    std::vector<cluster_owner> owners; // with a cluster or damage, in the order of the walk
-    std::vector<extent> extents;       // every cluster once, in the order of the medium
+    u64 files;                         // includes links, and files without clusters
+    std::vector<cluster_owner> owners; // entries with a cluster or damage, in the order of the walk
+    std::vector<held_extent> extents;  // every cluster once, in the order of the medium
 
     [[nodiscard]] fragmentation pieces() const;
 
-    // Numbers of owners: files and links by their clusters, and everything by its pieces, the most
-    // first.
-    [[nodiscard]] std::vector<u32> largest_files(std::size_t most) const;
-    [[nodiscard]] std::vector<u32> most_pieces(std::size_t most) const;
+    // Numbers of owners, at most `count`: the files and links with the most clusters, and the
+    // owners with the most pieces.
+    [[nodiscard]] std::vector<u32> largest_files(std::size_t count) const;
+    [[nodiscard]] std::vector<u32> most_pieces(std::size_t count) const;
 };
 
 [[nodiscard]] volume_map map_volume(volume &vol);
 
 // ---- cells ------------------------------------------------------------------------------------
 
-// A cell of a picture: so many clusters, and who holds them.
+// A cell of a picture: some clusters and their holders.
 struct map_cell {
     u32 first;
     u32 count;
-    std::vector<extent> parts; // in the order of the medium
+    std::vector<held_extent> parts; // in the order of the medium
 
     [[nodiscard]] bool has_one_holder() const;
 };
 
-// The clusters in at most `most` cells of the same size, of which the last may be smaller.
-[[nodiscard]] std::vector<map_cell> cells_of(const volume_map &map, u32 most);
+// Divides the clusters into at most `max_cells` cells of the same size; the last may be smaller.
+[[nodiscard]] std::vector<map_cell> cells_of(const volume_map &map, u32 max_cells);
 
-// ---- what is shown in one colour --------------------------------------------------------------
+// ---- classes: clusters shown in one colour ----------------------------------------------------
 
-// The largest files have classes of their own, the first ones.
+// Each of the largest files has its own class; these are the first classes.
 inline constexpr u32 FILES_WITH_CLASS = 8;
 inline constexpr u32 CLASS_OTHER_FILES = FILES_WITH_CLASS;
 inline constexpr u32 CLASS_DIRECTORIES = FILES_WITH_CLASS + 1;
@@ -102,18 +102,18 @@ class map_classes {
 public:
     explicit map_classes(const volume_map &map);
 
-    [[nodiscard]] u32 of(holder by) const;
+    [[nodiscard]] u32 class_of(holder by) const;
 
-    // Numbers of the owners with a class of their own.
+    // Numbers of the owners with their own class.
     [[nodiscard]] const std::vector<u32> &largest() const {
         return largest_;
     }
 
-    // The owners of a class, and their clusters; a state counts as none.
+    // The owners of a class, and their clusters; a state is not an owner.
     struct total {
         u64 owners = 0;
         u64 clusters = 0;
-        u64 runs = 0;
+        u64 extents = 0;
     };
     [[nodiscard]] const total &total_of(u32 number) const {
         return totals_[number];

@@ -26,7 +26,7 @@ u64 units_of(u64 bytes, u64 unit) {
 
 // ---- what the formatter makes of a request -----------------------------------------------------
 
-// Nothing where there can be no such volume. Width, cluster size and length are given.
+// No value if there is no such volume. FAT type, cluster size and length must be specified.
 std::optional<volume_shape> shape_of(const shape_request &exact) {
     const fat::quiet_scope quiet;
     const u64 sectors = exact.bytes / exact.sector_bytes & ~u64{1};
@@ -41,7 +41,7 @@ std::optional<volume_shape> shape_of(const shape_request &exact) {
     return shape;
 }
 
-bool holds(const volume_shape &shape, const volume_content &content) {
+bool can_hold(const volume_shape &shape, const volume_content &content) {
     const bool has_root = shape.fat_type == 32 || content.root_slots <= fat::FAT16_ROOT_ENTRIES;
     return has_root && content.clusters(shape.fat_type, shape.cluster_bytes) <= shape.clusters;
 }
@@ -56,16 +56,16 @@ u32 usual_cluster_bytes(u64 volume_bytes) {
     return static_cast<u32>(usual);
 }
 
-// The usual size, those above it, those below it.
+// The usual size, then larger ones, then smaller ones.
 std::vector<u32> cluster_sizes(const shape_request &request) {
     if (request.cluster_bytes != 0) {
         return {request.cluster_bytes};
     }
-    const u32 most =
+    const u32 largest =
         std::min(MAX_CLUSTER_BYTES, request.sector_bytes * fat::MAX_SECTORS_PER_CLUSTER);
     const u32 usual = std::max(usual_cluster_bytes(request.bytes), request.sector_bytes);
     std::vector<u32> sizes;
-    for (u32 size = usual; size <= most; size *= 2) {
+    for (u32 size = usual; size <= largest; size *= 2) {
         sizes.push_back(size);
     }
     for (u32 size = usual / 2; size >= request.sector_bytes; size /= 2) {
@@ -74,7 +74,7 @@ std::vector<u32> cluster_sizes(const shape_request &request) {
     return sizes;
 }
 
-// The request with everything given but its length, the best ones first.
+// The request with every possible FAT type and cluster size, the best ones first.
 std::vector<shape_request> candidates(const shape_request &request) {
     std::vector<shape_request> all;
     for (const u32 cluster_bytes : cluster_sizes(request)) {
@@ -90,7 +90,7 @@ std::vector<shape_request> candidates(const shape_request &request) {
     return all;
 }
 
-// All shapes of the length that is asked for.
+// All shapes of the requested length.
 std::vector<volume_shape> possible_shapes(const shape_request &request) {
     std::vector<volume_shape> shapes;
     for (const shape_request &candidate : candidates(request)) {
@@ -105,15 +105,15 @@ std::vector<volume_shape> possible_shapes(const shape_request &request) {
 std::optional<volume_shape> first_that_holds(const std::vector<volume_shape> &shapes,
                                              const volume_content &content) {
     const auto found = std::find_if(shapes.begin(), shapes.end(), [&](const volume_shape &shape) {
-        return holds(shape, content);
+        return can_hold(shape, content);
     });
     return found != shapes.end() ? std::optional(*found) : std::nullopt;
 }
 
 // ---- the smallest volume ----------------------------------------------------------------------
 
-// Sectors that a volume with so many clusters has at least: no area is aligned.
-u64 fewest_sectors(const shape_request &exact, u64 clusters) {
+// The minimum number of sectors of a volume with this number of clusters, without alignment.
+u64 min_sectors(const shape_request &exact, u64 clusters) {
     const bool is_fat32 = exact.fat_type == 32;
     const u64 entry_size = is_fat32 ? fat::FAT32_ENTRY_SIZE : fat::FAT16_ENTRY_SIZE;
     const u64 fat_bytes = (clusters + fat::FIRST_DATA_CLUSTER) * entry_size;
@@ -123,9 +123,9 @@ u64 fewest_sectors(const shape_request &exact, u64 clusters) {
            clusters * (exact.cluster_bytes / exact.sector_bytes);
 }
 
-// The count of clusters does not grow with every sector: where the FATs grow by a page it falls. So
-// every length is tried from the first that could do; alignment and the formatter's estimates add
-// less than `SLACK` to it.
+// The number of clusters does not grow with every sector: it drops when the FATs grow by a page.
+// Therefore every length is tried, from the first possible one on; alignment and the estimates of
+// the formatter add less than `SLACK` to it.
 std::optional<volume_shape> smallest_shape(shape_request exact, const volume_content &content) {
     constexpr u64 SLACK = MIB;
     const u64 least = exact.fat_type == 32 ? fat::FAT32_MIN_CLUSTERS : fat::FAT16_MIN_CLUSTERS;
@@ -135,8 +135,8 @@ std::optional<volume_shape> smallest_shape(shape_request exact, const volume_con
         return std::nullopt;
     }
     const u64 step = u64{2} * exact.sector_bytes;
-    const u64 first = units_of(fewest_sectors(exact, needed) * exact.sector_bytes, step) * step;
-    const u64 end = std::min(first + SLACK, exact.most_bytes + 1);
+    const u64 first = units_of(min_sectors(exact, needed) * exact.sector_bytes, step) * step;
+    const u64 end = std::min(first + SLACK, exact.max_bytes + 1);
     for (exact.bytes = first; exact.bytes < end; exact.bytes += step) {
         const std::optional<volume_shape> shape = shape_of(exact);
         if (shape && shape->clusters >= needed) {
@@ -146,7 +146,7 @@ std::optional<volume_shape> smallest_shape(shape_request exact, const volume_con
     return std::nullopt;
 }
 
-// Of equal lengths the one with the more usual clusters.
+// Among equal lengths, the one with the more usual cluster size.
 std::optional<volume_shape> smallest_of_all(const shape_request &request,
                                             const volume_content &content) {
     std::optional<volume_shape> smallest;
@@ -161,14 +161,14 @@ std::optional<volume_shape> smallest_of_all(const shape_request &request,
 
 // ---- what to do instead -----------------------------------------------------------------------
 
-// As an option takes it: "64M", "4K", "512".
+// As the argument of an option: "64M", "4K", "512".
 std::string size_argument(u64 bytes) {
     return bytes % MIB == 0   ? fmt::format("{}M", bytes / MIB)
            : bytes % KIB == 0 ? fmt::format("{}K", bytes / KIB)
                               : std::to_string(bytes);
 }
 
-// The first whole number of MiB, from the smallest volume on, that does hold the content.
+// The first whole number of MiB, from the smallest volume on, that holds the content.
 std::optional<u64> round_size_that_holds(shape_request request, const volume_content &content) {
     const std::optional<volume_shape> smallest = smallest_of_all(request, content);
     if (!smallest) {
@@ -185,7 +185,7 @@ std::optional<u64> round_size_that_holds(shape_request request, const volume_con
     return std::nullopt;
 }
 
-// What of the request, changed alone, makes it possible.
+// The change of a single option that makes the request possible.
 std::string advice(const shape_request &request, const volume_content &content) {
     shape_request other = request;
     other.cluster_bytes = 0;
@@ -198,16 +198,16 @@ std::string advice(const shape_request &request, const volume_content &content) 
         return fmt::format("; use --fat {}", shape->fat_type);
     }
     const std::optional<u64> size = round_size_that_holds(request, content);
-    if (size && *size > request.bytes && *size <= request.most_bytes) {
+    if (size && *size > request.bytes && *size <= request.max_bytes) {
         return "; use --size " + size_argument(*size);
     }
     other.cluster_bytes = 0;
     return size || !smallest_of_all(other, content) ? "" : "; leave out --fat and --cluster";
 }
 
-// ---- what does not go together ----------------------------------------------------------------
+// ---- refusals ---------------------------------------------------------------------------------
 
-std::string width_text(u32 fat_type) {
+std::string type_text(u32 fat_type) {
     return fat_type == 0 ? "FAT16 or FAT32" : fmt::format("FAT{}", fat_type);
 }
 
@@ -218,27 +218,27 @@ std::string clusters_text(u32 cluster_bytes) {
 [[noreturn]] void refuse_shape(const shape_request &request) {
     constexpr const char *RULE = "FAT16 has 4085 to 65524 clusters, FAT32 65525 to 268435438";
     if (request.bytes / request.sector_bytes > MAX_SECTORS) {
-        throw error(fmt::format("a volume has {} sectors at most, with {} bytes each that is {}; "
-                                "use larger ones with --sector, or a smaller --size",
-                                MAX_SECTORS, request.sector_bytes,
-                                shown_size(MAX_SECTORS * request.sector_bytes)));
+        throw error(
+            fmt::format("a volume of {} is too large: with sectors of {} bytes the maximum is "
+                        "{}; use a larger --sector or a smaller --size",
+                        shown_size(request.bytes), request.sector_bytes,
+                        shown_size(MAX_SECTORS * request.sector_bytes)));
     }
     const std::vector<host_node> no_nodes;
     const volume_content nothing = {"", &no_nodes, 0, {}};
     throw error(fmt::format("a volume of {} cannot be {}{}: {}{}", shown_size(request.bytes),
-                            width_text(request.fat_type), clusters_text(request.cluster_bytes),
-                            RULE, advice(request, nothing)));
+                            type_text(request.fat_type), clusters_text(request.cluster_bytes), RULE,
+                            advice(request, nothing)));
 }
 
-// How much the content is larger than the volume, in bytes; 0 where it is not.
+// By how many bytes the content is too large for the volume; 0 if it fits.
 u64 shortage(const volume_shape &shape, const volume_content &content) {
     const u64 needed = content.clusters(shape.fat_type, shape.cluster_bytes);
     return (std::max<u64>(needed, shape.clusters) - shape.clusters) * shape.cluster_bytes;
 }
 
 [[noreturn]] void refuse_root(const shape_request &request, const volume_content &content) {
-    throw error(fmt::format("{} has names at its top that take {} entries, the root directory of "
-                            "a FAT16 volume has {}{}",
+    throw error(fmt::format("no space in the root directory: {} needs {} entries, FAT16 has {}{}",
                             content.name, content.root_slots, fat::FAT16_ROOT_ENTRIES,
                             advice(request, content)));
 }
@@ -271,10 +271,10 @@ u64 shortage(const volume_shape &shape, const volume_content &content) {
 }
 
 [[noreturn]] void refuse_automatic(shape_request request, const volume_content &content) {
-    const std::string what = width_text(request.fat_type) + clusters_text(request.cluster_bytes);
+    const std::string type = type_text(request.fat_type) + clusters_text(request.cluster_bytes);
     request.fat_type = request.cluster_bytes = 0;
     const bool is_possible = smallest_of_all(request, content).has_value();
-    throw error(fmt::format("no volume of {} holds {}{}", what, content.name,
+    throw error(fmt::format("no volume of type {} can hold {}{}", type, content.name,
                             is_possible ? "; leave out --fat and --cluster" : ""));
 }
 

@@ -1,7 +1,7 @@
-// Which volume to make: its FAT width, cluster size and length, for what it is to hold.
+// Chooses the volume to create for a given content: its FAT type, cluster size and length.
 //
-// The formatter's own arithmetic decides what can be; nothing is reckoned a second time here but
-// the space that the content takes.
+// The formatter's own arithmetic decides which volumes are possible; only the space of the content
+// is calculated here.
 
 #pragma once
 
@@ -14,16 +14,16 @@
 
 namespace qvol {
 
-inline constexpr u64 MOST_BYTES = u64{1} << 62; // no file is as long
+inline constexpr u64 MAX_VOLUME_BYTES = u64{1} << 62; // longer than any file
 
-// What is wanted; 0 where it is left open.
+// The requested volume; 0: not specified.
 struct shape_request {
-    u64 bytes = 0;               // of the volume; 0: as few as hold the content
-    u64 most_bytes = MOST_BYTES; // that there is room for
-    u32 fat_type = 0;            // 16 or 32
-    u32 sector_bytes = 0;        // is always given
+    u64 bytes = 0;                    // of the volume; 0: the smallest that holds the content
+    u64 max_bytes = MAX_VOLUME_BYTES; // available for the volume
+    u32 fat_type = 0;                 // 16 or 32
+    u32 sector_bytes = 0;             // always specified
     u32 cluster_bytes = 0;
-    u32 page_bytes = 0; // that every area is aligned to; 0: no alignment
+    u32 page_bytes = 0; // alignment of every area; 0: no alignment
 };
 
 // A volume that can be formatted.
@@ -36,21 +36,21 @@ struct volume_shape {
     u32 clusters;
 };
 
-// What the volume is to hold.
+// The content of the volume to create.
 struct volume_content {
     std::string name; // for messages
     const std::vector<host_node> *nodes;
-    u32 root_slots;                  // of the root directory in all
+    u32 root_slots;                  // total of the root directory
     std::vector<u32> reserved_files; // bytes of each
 
-    // Clusters that it takes in a volume of such a shape.
+    // Clusters that the content needs in a volume of this shape.
     [[nodiscard]] u64 clusters(u32 fat_type, u32 cluster_bytes) const;
 };
 
-// The shape of a volume that holds the content: of the length asked for, or the smallest. Where no
-// cluster size is given it is 4 KiB (from 8 GiB on 8 KiB, from 16 GiB on 16 KiB, from 32 GiB on
-// 32 KiB), or the next one above that will do, or the next one below. Throws error that tells what
-// does not go together, and what would.
+// The shape of a volume that holds the content: of the requested length, or the smallest. The
+// default cluster size is 4 KiB (from 8 GiB on 8 KiB, from 16 GiB on 16 KiB, from 32 GiB on 32
+// KiB); if it is not possible, the next larger one that is, or else the next smaller one. Throws
+// error with the reason and with options that are possible.
 [[nodiscard]] volume_shape choose_shape(const shape_request &request,
                                         const volume_content &content);
 

@@ -3,8 +3,6 @@
 #include "fat/internal.h"
 #include "qvol/sectors.h"
 
-#include <cerrno>
-
 #include <fmt/core.h>
 
 namespace qvol {
@@ -17,13 +15,10 @@ const reserved_file LOG_FILE = {"$ZUQ_LOG.LO$", zuq_make_log, LOG_BYTES};
 void make_reserved_file(volume &vol, const reserved_file &file) {
     vol.fat().read_all();
     const int made = file.make();
-    if (made == -EEXIST) {
-        throw error(fmt::format("/{}: exists", file.name));
-    }
     if (made < 0) {
         throw system_failure(fmt::format("make /{}", file.name), -made);
     }
-    vol.fat().adopt_changes_of_library();
+    vol.fat().take_over_library_changes();
     vol.fat().write_changes();
 }
 

@@ -1,4 +1,4 @@
-// What concerns a volume as a whole: the reserved files of the ZUQ driver, and its used length.
+// Operations on a volume as a whole: the reserved files of the ZUQ driver, the used length.
 
 #pragma once
 
@@ -10,13 +10,12 @@ namespace qvol {
 struct reserved_file {
     const char *name;
     int (*make)();
-    u32 bytes; // at least; whole clusters are taken
+    u32 bytes; // minimum; rounded up to whole clusters
 };
 extern const reserved_file POOL_FILE;
 extern const reserved_file LOG_FILE;
 
-// Makes the file, in every copy of the FAT that is written. Nothing else may have been changed
-// before.
+// Makes the file, and updates every FAT copy that is written. There must be no unwritten changes.
 void make_reserved_file(volume &vol, const reserved_file &file);
 
 // Bytes from the start of the image to the end of the last cluster in use.

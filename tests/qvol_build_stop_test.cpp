@@ -149,7 +149,9 @@ TEST_F(QvolBuild, AFailingWriteLeavesNothing) {
 TEST_F(QvolBuild, AnImageThatDoesNotReachTheMediumIsNotKept) {
     const outcome result = run({QVOL_FAILING_FSYNC, "build", image_, "--size", "16M"});
     EXPECT_EQ(result.status, 1);
-    EXPECT_NE(result.err.find("on the medium: Input/output error"), std::string::npos) << result;
+    EXPECT_TRUE(result.err.starts_with("qvol: cannot sync ") &&
+                result.err.ends_with(": Input/output error\n"))
+        << result;
     EXPECT_EQ(made(), std::vector<std::string>());
 }
 
@@ -233,9 +235,9 @@ TEST_F(QvolBuildDevice, BuildsInPlace) {
 
 TEST_F(QvolBuildDevice, OverwritesOnlyABlankDeviceUnlessForced) {
     EXPECT_EQ(build({"--quiet"}), (outcome{0, "", ""}));
-    EXPECT_EQ(
-        build({"--quiet"}),
-        (outcome{1, "", "qvol: " + image_ + " is not blank; --force overwrites what is on it\n"}));
+    EXPECT_EQ(build({"--quiet"}), (outcome{1, "",
+                                           "qvol: cannot build on " + image_ +
+                                               ": not blank; --force overwrites its content\n"}));
     EXPECT_EQ(build({"--quiet", "--force"}), (outcome{0, "", ""}));
 }
 
@@ -249,8 +251,9 @@ TEST_F(QvolBuildDevice, TakesErasedFlashForBlank) {
 }
 
 TEST_F(QvolBuildDevice, RefusesWhatTheDeviceCannotBe) {
-    EXPECT_EQ(build({"--size", "41M"}),
-              (outcome{1, "", "qvol: --size 41M: " + image_ + " has 40.0 MiB\n"}));
+    EXPECT_EQ(
+        build({"--size", "41M"}),
+        (outcome{1, "", "qvol: --size 41M: larger than " + image_ + ", which has 40.0 MiB\n"}));
     EXPECT_EQ(build({"--compact"}).status, 2);
     EXPECT_EQ(build({"--fat", "32", "--cluster", "4K", "--from", tree_}).status, 1);
     (void)scratch_.sparse_file("tree/file", 50 << 20);
@@ -272,8 +275,9 @@ TEST_F(QvolBuildDevice, ADeviceThatIsNotFinishedHoldsNoVolume) {
         ASSERT_LE(status, 1);
         const outcome listed = qvol("ls");
         if (status != 0) {
-            EXPECT_EQ(listed,
-                      (outcome{1, "", "qvol: " + image_ + " holds no FAT16 or FAT32 volume\n"}));
+            EXPECT_EQ(listed, (outcome{1, "",
+                                       "qvol: cannot mount " + image_ +
+                                           ": no FAT16 or FAT32 volume found\n"}));
         }
     }
     EXPECT_GT(allowed, 5);
@@ -293,6 +297,9 @@ TEST_F(QvolBuildDevice, RefusesADeviceThatIsMounted) {
     if (result.status == 77) {
         GTEST_SKIP() << "the kernel does not mount it: " << result.err;
     }
-    const std::string refused = " is mounted on " + scratch_.file("made") + "; unmount it first\n";
-    EXPECT_EQ(result, (outcome{1, "", "qvol: " + image_ + refused + "qvol: " + file_ + refused}));
+    const std::string refused =
+        ": it is mounted on " + scratch_.file("made") + "; unmount it first\n";
+    EXPECT_EQ(result, (outcome{1, "",
+                               "qvol: cannot write to " + image_ + refused +
+                                   "qvol: cannot write to " + file_ + refused}));
 }

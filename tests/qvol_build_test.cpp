@@ -15,7 +15,7 @@ using nlohmann::json;
 
 namespace {
 
-const std::string NOT_STORED = "qvol: not everything can be stored; nothing was written\n";
+const std::string NOT_STORED = "qvol: cannot store all entries; nothing was written\n";
 
 // What the program says of a request that it refuses. Nothing may have been made.
 class QvolBuildRefusal : public QvolBuild {
@@ -183,8 +183,8 @@ TEST_F(QvolBuildRefusal, ListsEveryNameThatNeedsALongOne) {
                                    "dir/file.jpeg", "dir/\u00fc.txt"}) {
         tree_file(name, "");
     }
-    const std::string why = ": its name needs a long one: it is not 8.3, or mixes upper and lower "
-                            "case\n";
+    const std::string why = ": long names are off and this name does not fit 8.3 with one case for "
+                            "each half\n";
     EXPECT_EQ(refusal({"--size", "auto", "--from", tree_, "--short-names"}),
               NOT_STORED + "  " + tree_ + "/Mixed.txt" + why + "  " + tree_ + "/a b" + why + "  " +
                   tree_ + "/dir/file.jpeg" + why + "  " + tree_ + "/dir/\u00fc.txt" + why + "  " +
@@ -219,13 +219,13 @@ TEST_F(QvolBuild, SaysNoNameWithoutALabel) {
 
 TEST_F(QvolBuildRefusal, TellsWhatIsWrongWithALabel) {
     const std::pair<const char *, const char *> cases[] = {
-        {"", "it is empty; leave the option out for a volume without a label"},
-        {"TWELVE CHARS", "it is longer than 11 characters"},
-        {"lower", "labels are upper case; use \"LOWER\""},
-        {"A.B", "its characters may be A to Z, 0 to 9, blanks and $%'-_@~`!(){}^#&"},
-        {"\u00dc", "its characters may be A to Z, 0 to 9, blanks and $%'-_@~`!(){}^#&"},
-        {" A", "it begins or ends with a blank"},
-        {"NO NAME", "volumes without a label say that"},
+        {"", "is empty; omit the option for a volume without a label"},
+        {"TWELVE CHARS", "is longer than 11 characters"},
+        {"lower", "must be upper case; use \"LOWER\""},
+        {"A.B", "may contain only A to Z, 0 to 9, spaces and $%'-_@~`!(){}^#&"},
+        {"\u00dc", "may contain only A to Z, 0 to 9, spaces and $%'-_@~`!(){}^#&"},
+        {" A", "begins or ends with a space"},
+        {"NO NAME", "is reserved for volumes without a label"},
     };
     for (const auto &[label, why] : cases) {
         EXPECT_EQ(refusal({"--size", "16M", "--label", label}, 2),
@@ -252,11 +252,9 @@ TEST_F(QvolBuildRefusal, TakesNoReservedFileFromTheTree) {
     tree_file("$ZUQ_LOG.LO$", "x");
     EXPECT_EQ(refusal({"--size", "16M", "--from", tree_, "--pool", "--log"}),
               NOT_STORED + "  " + tree_ +
-                  "/$ZUQ_LOG.LO$: a file of this name is made anew by --log; leave one of them "
-                  "out\n  " +
+                  "/$ZUQ_LOG.LO$: --log makes this file; omit --log or remove the file\n  " +
                   tree_ +
-                  "/zuq_pool.sy$: a file of this name is made anew by --pool; leave one of them "
-                  "out\n");
+                  "/zuq_pool.sy$: --pool makes this file; omit --pool or remove the file\n");
 }
 
 TEST_F(QvolBuild, LeavesTheOtherCopyOfTheFatWhenAsked) {
@@ -398,14 +396,12 @@ TEST_F(QvolBuild, TakesFat32WhereTheRootDirectoryIsLong) {
     EXPECT_EQ(json::parse(said("info", {"--json"}))["fat_type"], 32);
     EXPECT_EQ(build({"--size", "40M", "--from", tree_, "--fat", "16", "--force"}),
               (outcome{1, "",
-                       "qvol: " + tree_ +
-                           " has names at its top that take 600 entries, the root directory of a "
-                           "FAT16 volume has 512; use --fat 32\n"}));
+                       "qvol: no space in the root directory: " + tree_ +
+                           " needs 600 entries, FAT16 has 512; use --fat 32\n"}));
     EXPECT_EQ(build({"--size", "8M", "--from", tree_, "--force"}),
               (outcome{1, "",
-                       "qvol: " + tree_ +
-                           " has names at its top that take 600 entries, the root directory of a "
-                           "FAT16 volume has 512; use --size 33M\n"}));
+                       "qvol: no space in the root directory: " + tree_ +
+                           " needs 600 entries, FAT16 has 512; use --size 33M\n"}));
     build_tree("33M");
 }
 
@@ -441,10 +437,10 @@ TEST_F(QvolBuildRefusal, TellsWhatDoesNotGoTogether) {
         {{"--size", "1M", "--sector", "4096"},
          "a volume of 1.0 MiB cannot be FAT16 or FAT32" + rule + "--size 16M"},
         {{"--size", "3000G"},
-         "a volume has 4294967294 sectors at most, with 512 bytes each that is 2.0 TiB; use larger "
-         "ones with --sector, or a smaller --size"},
+         "a volume of 2.9 TiB is too large: with sectors of 512 bytes the maximum is 2.0 TiB; use a "
+         "larger --sector or a smaller --size"},
         {{"--size", "auto", "--fat", "32", "--cluster", "4K", "--from", "/no/such"},
-         "cannot read the directory /no/such: No such file or directory"},
+         "cannot read directory /no/such: No such file or directory"},
     };
     for (const auto &[arguments, told] : cases) {
         EXPECT_EQ(refusal(arguments), "qvol: " + told + "\n");
@@ -456,13 +452,14 @@ TEST_F(QvolBuildRefusal, TellsWhatNoFat16Holds) {
         (void)scratch_.sparse_file("tree/file" + std::to_string(i), std::uint64_t{1} << 30);
     }
     EXPECT_EQ(refusal({"--size", "auto", "--from", tree_, "--fat", "16"}),
-              "qvol: no volume of FAT16 holds " + tree_ + "; leave out --fat and --cluster\n");
+              "qvol: no volume of type FAT16 can hold " + tree_ +
+                  "; leave out --fat and --cluster\n");
 }
 
 TEST_F(QvolBuildRefusal, TakesNoNonsenseForANumber) {
-    const std::string no_number = ": not a number of bytes, as 4096, 64M or 2G\n";
+    const std::string no_number = ": not a size such as 4096, 64M or 2G\n";
     const std::pair<std::vector<std::string>, std::string> cases[] = {
-        {{}, "--size is needed: a size as 64M, or auto for the smallest image\n"},
+        {{}, "--size is required: a size such as 64M, or auto for the smallest image\n"},
         {{"--size", "12X"}, "--size 12X" + no_number},
         {{"--size", "-1"}, "--size -1" + no_number},
         {{"--size", "M"}, "--size M" + no_number},
@@ -470,13 +467,13 @@ TEST_F(QvolBuildRefusal, TakesNoNonsenseForANumber) {
         {{"--size", "99999999999999999999G"}, "--size 99999999999999999999G" + no_number},
         {{"--size", "0"}, "--size 0: too small for a volume\n"},
         {{"--size", "16M", "--sector", "256"},
-         "--sector 256: has to be a power of two from 512 to 4096 bytes\n"},
+         "--sector 256: must be a power of two from 512 to 4096 bytes\n"},
         {{"--size", "16M", "--cluster", "3000"},
-         "--cluster 3000: has to be a power of two from 512 to 32768 bytes\n"},
+         "--cluster 3000: must be a power of two from 512 to 32768 bytes\n"},
         {{"--size", "16M", "--cluster", "2K", "--sector", "4K"},
-         "--cluster 2K: has to be a power of two from 4096 to 32768 bytes\n"},
+         "--cluster 2K: must be a power of two from 4096 to 32768 bytes\n"},
         {{"--size", "16M", "--page", "32K"},
-         "--page 32K: has to be a power of two from 1 to 16384 bytes\n"},
+         "--page 32K: must be a power of two from 1 to 16384 bytes\n"},
     };
     for (const auto &[arguments, told] : cases) {
         EXPECT_EQ(refusal(arguments, 2), "qvol: " + told);
@@ -547,7 +544,7 @@ TEST_F(QvolBuild, GivesTheSameBytesFromEqualTrees) {
 TEST_F(QvolBuild, ReplacesAnImageOnlyWhenForced) {
     host_file("made/disk.img", "precious");
     EXPECT_EQ(build({"--size", "16M"}),
-              (outcome{1, "", "qvol: " + image_ + " exists; --force replaces it\n"}));
+              (outcome{1, "", "qvol: cannot make " + image_ + ": exists; --force replaces it\n"}));
     EXPECT_EQ(read_file(image_), bytes({'p', 'r', 'e', 'c', 'i', 'o', 'u', 's'}));
     EXPECT_EQ(build({"--size", "16M", "--force"}).status, 0);
     expect_clean();
@@ -560,17 +557,16 @@ TEST_F(QvolBuild, ReplacesNoImageThatAnotherProgramHasLocked) {
     ASSERT_EQ(flock(fd, LOCK_SH), 0);
     EXPECT_EQ(build({"--size", "16M", "--force"}),
               (outcome{1, "",
-                       "qvol: " + image_ +
-                           " is locked by another program; try again when it has finished\n"}));
+                       "qvol: cannot lock " + image_ +
+                           ": locked by another program; try again when it has finished\n"}));
     close(fd);
     EXPECT_EQ(std::filesystem::file_size(image_), 8U);
 }
 
 TEST_F(QvolBuild, ReplacesOnlyImageFiles) {
     std::filesystem::create_directory(image_);
-    EXPECT_EQ(
-        build({"--size", "16M", "--force"}),
-        (outcome{1, "", "qvol: " + image_ + " is neither an image file nor a block device\n"}));
+    EXPECT_EQ(build({"--size", "16M", "--force"}),
+              (outcome{1, "", "qvol: cannot replace " + image_ + ": not an image file\n"}));
 }
 
 TEST_F(QvolBuild, ReplacesWhatALinkLeadsTo) {
@@ -585,8 +581,8 @@ TEST_F(QvolBuild, PacksNoImageIntoItself) {
     image_ = tree_file("disk.img", "old");
     EXPECT_EQ(build({"--size", "16M", "--from", tree_, "--force"}),
               (outcome{1, "",
-                       "qvol: " + image_ + " lies in " + tree_ +
-                           ": it would be packed into itself; build it elsewhere\n"}));
+                       "qvol: cannot build " + image_ + ": it is below " + tree_ +
+                           " and would contain itself; choose another path\n"}));
 }
 
 // ---- what it says -----------------------------------------------------------------------------

@@ -28,12 +28,13 @@ std::string at(std::uint32_t cluster) {
     return ": cluster " + number(cluster) + ": ";
 }
 
-const std::string CUT = "mended: the chain was cut to the size";
-const std::string NOT_KNOWN = "left: what is missing is not known";
-const std::string BROKEN_CHAIN = "left: the rest of a broken chain may be there";
-const std::string SET_RIGHT = "mended: it was set right";
-const std::string IN_DOUBT = "left: nothing is changed while the boot sector contradicts itself";
-const std::string BY_HAND = "left: names are not changed here";
+const std::string CUT = "repaired: chain cut to the file size";
+const std::string UNKNOWN_DATA = "not repaired: the missing data is unknown";
+const std::string BROKEN_CHAIN = "not repaired: a broken chain may continue there";
+const std::string CORRECTED = "repaired: corrected";
+const std::string IN_DOUBT =
+    "not repaired: nothing is repaired while the boot sector contradicts itself";
+const std::string BY_HAND = "not repaired: names are not repaired automatically";
 
 } // namespace
 
@@ -91,25 +92,25 @@ TEST_P(QvolCheck, FindsNothingOnACompactedImage) {
 
 TEST_P(QvolCheck32, CopiesTheBootSectorOverABackupThatDiffers) {
     poke(6 * 512 + 71, "OTHER LABEL");
-    expect_mended({{"the backup of the boot sector, in sector 6, differs from it",
-                    "mended: the boot sector was copied there"}});
+    expect_mended({{"the backup boot sector (sector 6) differs from the boot sector",
+                    "repaired: boot sector copied over it"}});
     EXPECT_EQ(peek(0, 512), peek(6 * 512, 512));
 }
 
 TEST_P(QvolCheck32, CopiesTheBootSectorOverABackupThatIsNone) {
     poke(6 * 512, std::string(512, '\x5A'));
-    expect_mended({{"the backup of the boot sector, in sector 6, differs from it",
-                    "mended: the boot sector was copied there"}});
+    expect_mended({{"the backup boot sector (sector 6) differs from the boot sector",
+                    "repaired: boot sector copied over it"}});
 }
 
 // With areas elsewhere every other repair would do harm.
 TEST_P(QvolCheck32, MendsNothingWhereTheBackupHasOtherAreas) {
     poke(6 * 512 + 14, little_endian(33, 2));
     set_link(FREE_CLUSTER, end_mark());
-    expect_left({{"the boot sector and its backup in sector 6 place the areas differently",
-                  "left: which of the two is right is not known"},
-                 {"FSInfo tells 80619 free clusters, there are 80618", IN_DOUBT},
-                 {"cluster 1000: is lost: in use, and of no entry", IN_DOUBT}});
+    expect_left({{"the boot sector and its backup in sector 6 describe different areas",
+                  "not repaired: it is unknown which of the two is correct"},
+                 {"FSInfo free count is 80619, should be 80618", IN_DOUBT},
+                 {"cluster 1000: lost cluster: allocated, referenced by no entry", IN_DOUBT}});
 }
 
 TEST_P(QvolCheck32, TellsSectorsThatAreNoneOfTheReservedOnes) {
@@ -117,21 +118,22 @@ TEST_P(QvolCheck32, TellsSectorsThatAreNoneOfTheReservedOnes) {
         poke(boot + 48, little_endian(40, 2));
         poke(boot + 50, little_endian(50, 2));
     }
-    expect_left({{"the boot sector has its backup in sector 50, which is none of the reserved ones",
-                  "left: the right place is not known"},
-                 {"FSInfo lies in sector 40, which is none of the reserved ones",
-                  "left: the right place is not known"}});
+    expect_left(
+        {{"the backup boot sector is in sector 50, should be in a reserved sector (below 32)",
+          "not repaired: the correct sector is unknown"},
+         {"FSInfo is in sector 40, should be in a reserved sector (below 32)",
+          "not repaired: the correct sector is unknown"}});
 }
 
 TEST_P(QvolCheck32, SetsFsinfoRight) {
     poke(512 + 488, little_endian(12345, 4) + little_endian(1, 4));
     expect_judge_finds_something();
-    expect_mended({{"FSInfo tells 12345 free clusters, there are 80619", SET_RIGHT},
-                   {"FSInfo tells 1 for the next free cluster, which is none", SET_RIGHT}});
+    expect_mended({{"FSInfo free count is 12345, should be 80619", CORRECTED},
+                   {"FSInfo next free cluster is 1, should be 2 to 80629", CORRECTED}});
     poke(512, "XXXX");
     poke(512 + 488, little_endian(1, 4));
     expect_judge_finds_something();
-    expect_mended({{"FSInfo, in sector 1, has not its signatures", "mended: it was written anew"}});
+    expect_mended({{"FSInfo (sector 1): signature missing", "repaired: rewritten"}});
 }
 
 // ---- the fixed entries of the FAT, its copies -------------------------------------------------
@@ -142,61 +144,61 @@ TEST_P(QvolCheck, SetsTheFirstTwoEntriesRight) {
     const std::string high = is_fat32() ? "0xfffff" : "0xff";
     expect_judge_finds_something();
     expect_mended(
-        {{"FAT entry 0 holds " + high + "f0, of the media byte it is " + high + "f8", SET_RIGHT},
-         {"FAT entry 1 holds 0x5, which is no end of a chain", SET_RIGHT}});
+        {{"FAT entry 0 is " + high + "f0, should be " + high + "f8 for this media byte", CORRECTED},
+         {"FAT entry 1 is 0x5, should be an end-of-chain mark", CORRECTED}});
 }
 
 TEST_P(QvolCheck, RemovesTheMarkOfAVolumeThatWasNotClosed) {
     set_link(1, is_fat32() ? 0x07FFFFFF : 0x7FFF);
     poke(is_fat32() ? 65 : 37, "\x01");
-    expect_mended({{"the boot sector is marked: it was not closed", "mended: the mark was removed"},
-                   {"the volume is marked: it was not closed", "mended: the mark was removed"}});
-    set_link(1, is_fat32() ? 0x0BFFFFFF : 0xBFFF);
     expect_mended(
-        {{"the volume is marked: the medium has failed", "mended: the mark was removed"}});
+        {{"dirty flag set in the boot sector: not cleanly unmounted", "repaired: flag cleared"},
+         {"dirty flag set: not cleanly unmounted", "repaired: flag cleared"}});
+    set_link(1, is_fat32() ? 0x0BFFFFFF : 0xBFFF);
+    expect_mended({{"error flag set: the medium reported I/O errors", "repaired: flag cleared"}});
 }
 
 TEST_P(QvolCheck, KeepsTheMarkWhereSomethingIsLeft) {
     set_link(1, is_fat32() ? 0x07FFFFFF : 0x7FFF);
     put_slot(start_of("/DIR"), 6, "BAD*NAMEXXX", 0x20);
-    expect_left({{"the volume is marked: it was not closed", "left: something else is left"},
-                 {"/DIR/BAD*NAME.XXX: the short name is none: it holds the byte 0x2a", BY_HAND}});
+    expect_left({{"dirty flag set: not cleanly unmounted", "not repaired: other findings remain"},
+                 {"/DIR/BAD*NAME.XXX: invalid short name: contains byte 0x2a", BY_HAND}});
 }
 
 TEST_P(QvolCheck, MakesTheFatCopiesEqual) {
     set_link_in(1, FREE_CLUSTER, 7);
     set_link_in(1, FREE_CLUSTER + 5000, 7);
     expect_judge_finds_something();
-    expect_mended({{"cluster 1000: is the first whose entry in FAT copy 1 differs: 2 sectors",
-                    "mended: the first copy was written over it"}});
+    expect_mended({{"FAT copy 1 differs from copy 0 in 2 sectors, first at cluster 1000",
+                    "repaired: copy 0 copied over it"}});
 }
 
 // What the library writes it writes to the first copy.
 TEST_P(QvolCheck, TellsTheCopyThatTheLibraryLeftBehind) {
     set_link_in(1, start_of("/A.TXT"), 0);
-    expect_mended({{"cluster " + number(start_of("/A.TXT")) +
-                        ": is the first whose entry in FAT copy 1 differs: 1 sector",
-                    "mended: the first copy was written over it"}});
+    expect_mended({{"FAT copy 1 differs from copy 0 in 1 sector, first at cluster " +
+                        number(start_of("/A.TXT")),
+                    "repaired: copy 0 copied over it"}});
 }
 
 // The other copy may hold what the first one lacks.
 TEST_P(QvolCheck, KeepsCopiesThatDifferWhereTheFirstIsBroken) {
     const std::uint32_t start = start_of("/A.TXT");
     set_link_in(0, start, 0);
-    const std::string fsinfo = "FSInfo tells 80619 free clusters, there are 80620";
+    const std::string fsinfo = "FSInfo free count is 80619, should be 80620";
     const std::vector<expected_finding> findings = {
-        {"cluster " + number(start) + ": is the first whose entry in FAT copy 1 differs: 1 sector",
+        {"FAT copy 1 differs from copy 0 in 1 sector, first at cluster " + number(start),
          BROKEN_CHAIN},
-        {"/A.TXT" + at(start) + "is marked free and belongs to the chain", NOT_KNOWN},
+        {"/A.TXT" + at(start) + "marked free, but part of the chain", UNKNOWN_DATA},
         {"cluster " + number(start + 1) +
-             ": begins a lost chain of 2 clusters: in use, and of no entry",
+             ": lost chain of 2 clusters: allocated, referenced by no entry",
          BROKEN_CHAIN}};
     if (!is_fat32()) {
         expect_left(findings);
         return;
     }
     expect_check({findings[0], {fsinfo, ""}, findings[1], findings[2]});
-    expect_repair({findings[0], {fsinfo, SET_RIGHT}, findings[1], findings[2]}, 1);
+    expect_repair({findings[0], {fsinfo, CORRECTED}, findings[1], findings[2]}, 1);
     expect_check(findings);
 }
 
@@ -207,9 +209,9 @@ TEST_P(QvolCheck, TellsAFatThatIsTooSmall) {
     poke(size_field, little_endian(layout_.fat_size - taken, is_fat32() ? 4 : 2));
     const outcome result = qvol("check", {"-q"});
     EXPECT_EQ(result.status, 1);
-    EXPECT_NE(result.out.find("the FAT ends with cluster " +
+    EXPECT_NE(result.out.find("the last cluster of the FAT is " +
                               number((layout_.fat_size - taken) * per_sector - 1) +
-                              ", the volume with "),
+                              ", should be at least "),
               std::string::npos)
         << result;
 }
@@ -222,14 +224,14 @@ TEST_P(QvolCheck, TellsAChainThatMeetsAFreeCluster) {
     give_back(start + 2);
     expect_judge_finds_something();
     expect_left(
-        {{"/A.TXT" + at(FREE_CLUSTER) + "is marked free and belongs to the chain", NOT_KNOWN}});
+        {{"/A.TXT" + at(FREE_CLUSTER) + "marked free, but part of the chain", UNKNOWN_DATA}});
 }
 
 TEST_P(QvolCheck, TellsAChainThatMeetsABadCluster) {
     const std::uint32_t start = start_of("/A.TXT");
     set_link(start + 2, bad_mark());
     expect_judge_finds_something();
-    expect_left({{"/A.TXT" + at(start + 2) + "is marked bad and belongs to the chain", NOT_KNOWN}});
+    expect_left({{"/A.TXT" + at(start + 2) + "marked bad, but part of the chain", UNKNOWN_DATA}});
 }
 
 TEST_P(QvolCheck, TellsAChainThatLeavesTheVolume) {
@@ -239,10 +241,9 @@ TEST_P(QvolCheck, TellsAChainThatLeavesTheVolume) {
     const std::string value = is_fat32() ? "0xabcdef0" : "0xabcd";
     expect_judge_finds_something();
     expect_left(
-        {{"/A.TXT" + at(start + 1) + "is linked to " + value +
-              ", which is no cluster of the volume",
-          NOT_KNOWN},
-         {"cluster " + number(start + 2) + ": is lost: in use, and of no entry", BROKEN_CHAIN}});
+        {{"/A.TXT" + at(start + 1) + "links to " + value + ", which does not exist", UNKNOWN_DATA},
+         {"cluster " + number(start + 2) + ": lost cluster: allocated, referenced by no entry",
+          BROKEN_CHAIN}});
 }
 
 TEST_P(QvolCheck, TellsACircle) {
@@ -250,15 +251,15 @@ TEST_P(QvolCheck, TellsACircle) {
     set_link(start + 1, start);
     give_back(start + 2);
     expect_judge_finds_something();
-    expect_left({{"/A.TXT" + at(start + 1) + "leads back to cluster " + number(start) +
+    expect_left({{"/A.TXT" + at(start + 1) + "links back to cluster " + number(start) +
                       " of the same chain",
-                  NOT_KNOWN}});
+                  UNKNOWN_DATA}});
 }
 
 TEST_P(QvolCheck, EndsACircleBehindTheWholeFile) {
     const std::uint32_t start = start_of("/A.TXT");
     set_link(start + 2, start + 1);
-    expect_mended({{"/A.TXT" + at(start + 2) + "leads back to cluster " + number(start + 1) +
+    expect_mended({{"/A.TXT" + at(start + 2) + "links back to cluster " + number(start + 1) +
                         " of the same chain",
                     CUT}});
 }
@@ -271,9 +272,9 @@ TEST_P(QvolCheck, TellsAStartThatIsNoCluster) {
     change_free_count(2);
     poke(entry + 26, little_endian(1, 2));
     expect_judge_finds_something();
-    expect_left({{"/B.TXT: begins in 0x1, which is no cluster of the volume", NOT_KNOWN}});
+    expect_left({{"/B.TXT: first cluster is 0x1, which does not exist", UNKNOWN_DATA}});
     poke(entry + 26, little_endian(0, 2));
-    expect_left({{"/B.TXT: has 1000 bytes and no cluster", NOT_KNOWN}});
+    expect_left({{"/B.TXT: the file of 1000 bytes has no cluster", UNKNOWN_DATA}});
 }
 
 TEST_P(QvolCheck, TellsFilesThatShareClusters) {
@@ -281,10 +282,10 @@ TEST_P(QvolCheck, TellsFilesThatShareClusters) {
     const std::uint32_t b = start_of("/B.TXT");
     set_link(b, a + 1);
     expect_judge_finds_something();
-    expect_left(
-        {{"/B.TXT" + at(a + 1) + "belongs to /A.TXT as well",
-          "left: whose clusters they are is not known"},
-         {"cluster " + number(b + 1) + ": is lost: in use, and of no entry", BROKEN_CHAIN}});
+    expect_left({{"/B.TXT" + at(a + 1) + "also belongs to /A.TXT",
+                  "not repaired: it is unknown which entry owns the clusters"},
+                 {"cluster " + number(b + 1) + ": lost cluster: allocated, referenced by no entry",
+                  BROKEN_CHAIN}});
 }
 
 // What one file has too much takes nothing from another, whatever their order.
@@ -292,7 +293,7 @@ TEST_P(QvolCheck, CutsAChainThatRunsOnIntoAnother) {
     const std::uint32_t b = start_of("/B.TXT");
     set_link(start_of("/A.TXT") + 2, b);
     expect_judge_finds_something();
-    expect_mended({{"/A.TXT" + at(b) + "belongs to /B.TXT as well", CUT}});
+    expect_mended({{"/A.TXT" + at(b) + "also belongs to /B.TXT", CUT}});
 }
 
 TEST_P(QvolCheck, CutsAChainThatIsTooLong) {
@@ -301,27 +302,26 @@ TEST_P(QvolCheck, CutsAChainThatIsTooLong) {
     set_link(FREE_CLUSTER + 1, end_mark());
     change_free_count(-2);
     expect_judge_finds_something();
-    expect_mended({{"/B.TXT" + at(FREE_CLUSTER) +
-                        "the chain has 4 clusters, the 1000 bytes of the file need 2",
-                    CUT}});
+    expect_mended(
+        {{"/B.TXT" + at(FREE_CLUSTER) + "the chain has 4 clusters, should have 2 for 1000 bytes",
+          CUT}});
 }
 
 TEST_P(QvolCheck, CutsAChainThatIsBrokenBehindTheWholeFile) {
     const std::uint32_t last = start_of("/B.TXT") + 1;
     set_link(last, FREE_CLUSTER);
-    expect_mended({{"/B.TXT" + at(FREE_CLUSTER) + "is marked free and belongs to the chain", CUT}});
+    expect_mended({{"/B.TXT" + at(FREE_CLUSTER) + "marked free, but part of the chain", CUT}});
     set_link(last, 1);
-    expect_mended(
-        {{"/B.TXT" + at(last) + "is linked to 0x1, which is no cluster of the volume", CUT}});
+    expect_mended({{"/B.TXT" + at(last) + "links to 0x1, which does not exist", CUT}});
 }
 
 TEST_P(QvolCheck, TakesTheChainOfAnEmptyFile) {
     set_link(FREE_CLUSTER, end_mark());
     set_start("/DIR/EMPTY", FREE_CLUSTER);
     change_free_count(-1);
-    expect_mended({{"/DIR/EMPTY" + at(FREE_CLUSTER) +
-                        "the chain has 1 cluster, the 0 bytes of the file need 0",
-                    CUT}});
+    expect_mended(
+        {{"/DIR/EMPTY" + at(FREE_CLUSTER) + "the chain has 1 cluster, should have 0 for 0 bytes",
+          CUT}});
     EXPECT_EQ(start_of("/DIR/EMPTY"), 0U);
 }
 
@@ -329,8 +329,8 @@ TEST_P(QvolCheck, TellsAChainThatIsTooShort) {
     set_size("/B.TXT", 5000);
     expect_judge_finds_something();
     expect_left({{"/B.TXT" + at(start_of("/B.TXT")) +
-                      "the chain has 2 clusters, the 5000 bytes of the file need 10",
-                  NOT_KNOWN}});
+                      "the chain has 2 clusters, should have 10 for 5000 bytes",
+                  UNKNOWN_DATA}});
 }
 
 TEST_P(QvolCheck, TellsClustersBehindTheEndOfTheImage) {
@@ -339,9 +339,8 @@ TEST_P(QvolCheck, TellsClustersBehindTheEndOfTheImage) {
     set_link(start + 1, FREE_CLUSTER);
     set_link(FREE_CLUSTER, end_mark());
     std::filesystem::resize_file(image_, cluster_offset(FREE_CLUSTER));
-    expect_check({{"/A.TXT" + at(FREE_CLUSTER) + "lies behind the end of the image", ""}});
-    expect_repair({{"/A.TXT" + at(FREE_CLUSTER) + "lies behind the end of the image", NOT_KNOWN}},
-                  1);
+    expect_check({{"/A.TXT" + at(FREE_CLUSTER) + "past the end of the image", ""}});
+    expect_repair({{"/A.TXT" + at(FREE_CLUSTER) + "past the end of the image", UNKNOWN_DATA}}, 1);
 }
 
 TEST_P(QvolCheck, GivesLostClustersBack) {
@@ -357,17 +356,17 @@ TEST_P(QvolCheck, GivesLostClustersBack) {
     set_link(1050, start_of("/A.TXT"));
     change_free_count(-10);
     expect_judge_finds_something();
-    const std::string two = ": begins a lost chain of 2 clusters: in use, and of no entry";
-    const std::string one = ": is lost: in use, and of no entry";
-    const std::string given = "mended: 2 clusters were given back";
-    const std::string given_one = "mended: 1 cluster was given back";
-    expect_mended({{"cluster 1000" + two, given},
-                   {"cluster 1010" + two, given},
-                   {"cluster 1011" + one, given_one},
-                   {"cluster 1020" + two, given},
-                   {"cluster 1030" + one, given_one},
-                   {"cluster 1040" + one, given_one},
-                   {"cluster 1050" + one, given_one}});
+    const std::string two = ": lost chain of 2 clusters: allocated, referenced by no entry";
+    const std::string one = ": lost cluster: allocated, referenced by no entry";
+    const std::string freed = "repaired: 2 clusters freed";
+    const std::string freed_one = "repaired: 1 cluster freed";
+    expect_mended({{"cluster 1000" + two, freed},
+                   {"cluster 1010" + two, freed},
+                   {"cluster 1011" + one, freed_one},
+                   {"cluster 1020" + two, freed},
+                   {"cluster 1030" + one, freed_one},
+                   {"cluster 1040" + one, freed_one},
+                   {"cluster 1050" + one, freed_one}});
 }
 
 TEST_P(QvolCheck, LeavesClustersThatAreMarkedBad) {
@@ -381,8 +380,8 @@ TEST_P(QvolCheck, LeavesClustersThatAreMarkedBad) {
 TEST_P(QvolCheck, TakesTheSizeOffADirectory) {
     set_size("/DIR", 4096);
     expect_judge_finds_something();
-    expect_mended({{"/DIR" + at(start_of("/DIR")) + "the directory has a size, 4096 bytes",
-                    "mended: the size was set to 0"}});
+    expect_mended({{"/DIR" + at(start_of("/DIR")) + "directory size is 4096 bytes, should be 0",
+                    "repaired: size set to 0"}});
 }
 
 TEST_P(QvolCheck, SetsDotEntriesRight) {
@@ -392,22 +391,22 @@ TEST_P(QvolCheck, SetsDotEntriesRight) {
     poke(offset + 32 + 26, little_endian(78, 2));
     expect_judge_finds_something();
     expect_mended(
-        {{"/DIR" + at(dir) + "\".\" leads to cluster 77 and not to " + number(dir), SET_RIGHT},
-         {"/DIR" + at(dir) + "\"..\" leads to cluster 78 and not to 0", SET_RIGHT}});
+        {{"/DIR" + at(dir) + "first cluster of \".\" is 77, should be " + number(dir), CORRECTED},
+         {"/DIR" + at(dir) + "first cluster of \"..\" is 78, should be 0", CORRECTED}});
 }
 
 TEST_P(QvolCheck, PutsMissingDotEntriesBack) {
     const std::uint32_t dir = start_of("/DIR");
     const std::uint64_t offset = cluster_offset(dir);
     const std::string before = peek(offset, 64);
-    const std::string put = "mended: it was put there";
+    const std::string put = "repaired: entry written";
     poke(offset, "\xE5");   // removed
     poke(offset + 32, "X"); // another name
     expect_judge_finds_something();
-    expect_mended({{"/DIR" + at(dir) + "slot 0 does not hold \".\"", put},
-                   {"/DIR" + at(dir) + "slot 1 does not hold \"..\"", put}});
+    expect_mended({{"/DIR" + at(dir) + "\".\" is missing from slot 0", put},
+                   {"/DIR" + at(dir) + "\"..\" is missing from slot 1", put}});
     poke(offset + 11, std::string(1, '\x20')); // no directory
-    expect_mended({{"/DIR" + at(dir) + "slot 0 does not hold \".\"", put}});
+    expect_mended({{"/DIR" + at(dir) + "\".\" is missing from slot 0", put}});
     EXPECT_EQ(peek(offset + 32, 64 - 32), before.substr(32));
 }
 
@@ -416,8 +415,9 @@ TEST_P(QvolCheck, PutsDotEntriesIntoABlankDirectory) {
     const std::uint32_t dir = start_of("/NEW");
     poke(cluster_offset(dir), std::string(512, '\0'));
     expect_judge_finds_something();
-    expect_mended({{"/NEW" + at(dir) + "slot 0 does not hold \".\"", "mended: it was put there"},
-                   {"/NEW" + at(dir) + "slot 1 does not hold \"..\"", "mended: it was put there"}});
+    expect_mended(
+        {{"/NEW" + at(dir) + "\".\" is missing from slot 0", "repaired: entry written"},
+         {"/NEW" + at(dir) + "\"..\" is missing from slot 1", "repaired: entry written"}});
 }
 
 // With the first slot blank all others are hidden: what is theirs is not given back.
@@ -425,13 +425,13 @@ TEST_P(QvolCheck, LeavesWhatIsBehindTheEndOfADirectory) {
     const std::uint32_t dir = start_of("/DIR");
     const std::uint32_t file = start_of("/DIR/A long name.text");
     poke(cluster_offset(dir), std::string(1, '\0'));
-    const std::string in_place = "left: something else stands in its place";
-    expect_left({{"/DIR" + at(dir) + "5 slots in use behind the end of the directory, slot 0",
-                  "left: whether they are entries is not known"},
-                 {"/DIR" + at(dir) + "slot 0 does not hold \".\"", in_place},
-                 {"/DIR" + at(dir) + "slot 1 does not hold \"..\"", in_place},
+    const std::string in_use = "not repaired: the slot is in use";
+    expect_left({{"/DIR" + at(dir) + "5 slots in use past the end of the directory (slot 0)",
+                  "not repaired: it is unknown whether they are entries"},
+                 {"/DIR" + at(dir) + "\".\" is missing from slot 0", in_use},
+                 {"/DIR" + at(dir) + "\"..\" is missing from slot 1", in_use},
                  {"cluster " + number(file) +
-                      ": begins a lost chain of 2 clusters: in use, and of no entry",
+                      ": lost chain of 2 clusters: allocated, referenced by no entry",
                   BROKEN_CHAIN}});
     poke(cluster_offset(dir), ".");
     expect_check({});
@@ -440,7 +440,7 @@ TEST_P(QvolCheck, LeavesWhatIsBehindTheEndOfADirectory) {
 
 TEST_P(QvolCheck, TellsADotEntryElsewhere) {
     put_slot(start_of("/DIR"), 6, ".          ", 0x10);
-    expect_left({{"/DIR: slot 6 holds a dot entry", BY_HAND}});
+    expect_left({{"/DIR: misplaced dot entry in slot 6", BY_HAND}});
 }
 
 TEST_P(QvolCheck, RemovesSlotsWithoutTheirEntry) {
@@ -449,8 +449,8 @@ TEST_P(QvolCheck, RemovesSlotsWithoutTheirEntry) {
     poke(cluster_offset(dir) + 6 * 32, peek(entry - 64, 64)); // the two slots once more
     put_slot(dir, 8, "\xE5OTHER  TXT", 0x20);
     expect_judge_finds_something();
-    expect_mended({{"/DIR" + at(dir) + "2 long-name slots without an entry from slot 6 on",
-                    "mended: the slots were removed"}});
+    expect_mended({{"/DIR" + at(dir) + "2 long-name slots without an entry, starting at slot 6",
+                    "repaired: slots removed"}});
     EXPECT_EQ(said("ls", {"/DIR"}), "A long name.text\nEMPTY\n");
 }
 
@@ -463,16 +463,16 @@ TEST_P(QvolCheck, RemovesALongNameWithAnotherChecksum) {
     contents_["/DIR/ALONGN~1.TEX"] = contents_["/DIR/A long name.text"];
     contents_.erase("/DIR/A long name.text");
     expect_mended({{"/DIR" + at(dir) +
-                        "the long name in slot 2 has another checksum than the entry behind it",
-                    "mended: the slots were removed"}});
+                        "checksum of the long name in slot 2 does not match the entry after it",
+                    "repaired: slots removed"}});
 }
 
 TEST_P(QvolCheck, TakesTheFirstClusterOffALongNameSlot) {
     const std::uint32_t dir = start_of("/DIR");
     poke(entry_offset("/DIR/A long name.text") - 32 + 26, little_endian(5, 2));
     expect_judge_finds_something();
-    expect_mended({{"/DIR" + at(dir) + "the long-name slot 3 has a first cluster",
-                    "mended: it was taken away"}});
+    expect_mended({{"/DIR" + at(dir) + "first cluster of long-name slot 3 is 5, should be 0",
+                    "repaired: set to 0"}});
 }
 
 TEST_P(QvolCheck, ClearsTheReservedBitsOfALongNameSlot) {
@@ -481,8 +481,8 @@ TEST_P(QvolCheck, ClearsTheReservedBitsOfALongNameSlot) {
     for (const auto &[offset, byte] : {std::pair<int, const char *>{12, "\x08"}, {11, "\xCF"}}) {
         poke(slot + offset, byte);
         expect_judge_finds_something();
-        expect_mended({{"/DIR" + at(dir) + "reserved bits of the long-name slot 3 are not 0",
-                        "mended: they were set to 0"}});
+        expect_mended({{"/DIR" + at(dir) + "reserved bits of long-name slot 3 are set, should be 0",
+                        "repaired: set to 0"}});
     }
 }
 
@@ -491,15 +491,15 @@ TEST_P(QvolCheck, TellsASlotThatIsNoEntry) {
     put_slot(dir, 6, "NEITHER TXT", 0x18, FREE_CLUSTER);
     set_link(FREE_CLUSTER, end_mark());
     change_free_count(-1);
-    expect_left({{"/DIR" + at(dir) + "slot 6 is neither a file nor a directory nor a label",
-                  "left: what it was is not known"},
-                 {"cluster 1000: is lost: in use, and of no entry", BROKEN_CHAIN}});
+    expect_left({{"/DIR" + at(dir) + "slot 6 is neither a file, a directory nor a label",
+                  "not repaired: its original content is unknown"},
+                 {"cluster 1000: lost cluster: allocated, referenced by no entry", BROKEN_CHAIN}});
 }
 
 TEST_P(QvolCheck, TellsLabels) {
     put_slot(start_of("/DIR"), 6, "A LABEL    ", 0x08);
-    expect_left(
-        {{"/DIR: slot 6 holds a volume label outside the root", "left: what it was is not known"}});
+    expect_left({{"/DIR: slot 6 holds a volume label outside the root directory",
+                  "not repaired: its original content is unknown"}});
 }
 
 TEST_P(QvolCheck, TellsMoreThanOneLabelInTheRoot) {
@@ -511,8 +511,8 @@ TEST_P(QvolCheck, TellsMoreThanOneLabelInTheRoot) {
         slot++;
     }
     poke(root + slot * 32, label + label);
-    expect_left({{"/: slot " + number(slot + 1) + " holds another volume label",
-                  "left: which one is right is not known"}});
+    expect_left({{"/: slot " + number(slot + 1) + " holds a second volume label",
+                  "not repaired: it is unknown which label is correct"}});
 }
 
 TEST_P(QvolCheck, TellsNamesThatStandTwice) {
@@ -521,8 +521,8 @@ TEST_P(QvolCheck, TellsNamesThatStandTwice) {
     put_slot(dir, 7, "ALONGN~1TEX", 0x20);
     expect_judge_finds_something();
     expect_left(
-        {{"/DIR/ALONGN~1.TEX: the same short name as /DIR/A long name.text: ALONGN~1.TEX", BY_HAND},
-         {"/DIR/EMPTY: the same name as /DIR/EMPTY", BY_HAND}});
+        {{"/DIR/ALONGN~1.TEX: same short name as /DIR/A long name.text: ALONGN~1.TEX", BY_HAND},
+         {"/DIR/EMPTY: same name as /DIR/EMPTY", BY_HAND}});
 }
 
 TEST_P(QvolCheck, TellsNamesThatDifferInCaseAlone) {
@@ -540,13 +540,13 @@ TEST_P(QvolCheck, TellsNamesThatDifferInCaseAlone) {
     slots.replace(64 + 20, 2, 2, '\0');
     slots.replace(64 + 26, 6, 6, '\0');
     poke(cluster_offset(dir) + 6 * 32, slots);
-    expect_left({{"/DIR/a long name.text: the same name as /DIR/A long name.text", BY_HAND}});
+    expect_left({{"/DIR/a long name.text: same name as /DIR/A long name.text", BY_HAND}});
 }
 
 TEST_P(QvolCheck, TellsNamesThatAreNone) {
     const std::uint32_t dir = start_of("/DIR");
     put_slot(dir, 6, "\x1B[31m      ", 0x20);
-    expect_left({{"/DIR/$'\\x1b[31m': the short name is none: it holds the byte 0x1b", BY_HAND}});
+    expect_left({{"/DIR/$'\\x1b[31m': invalid short name: contains byte 0x1b", BY_HAND}});
 }
 
 TEST_P(QvolCheck, TellsShortNamesThatStandForALongNameWhichIsNotThere) {
@@ -554,17 +554,17 @@ TEST_P(QvolCheck, TellsShortNamesThatStandForALongNameWhichIsNotThere) {
     expect_healthy();
     poke(entry_offset("/A.TXT") + 12, "\x20");
     expect_judge_finds_something();
-    expect_left(
-        {{"/A.TXT" + at(start_of("/A.TXT")) + "the short name is none: its case byte 0x20 says so",
-          BY_HAND}});
+    expect_left({{"/A.TXT" + at(start_of("/A.TXT")) +
+                      "invalid short name: case byte 0x20 requires a long name",
+                  BY_HAND}});
 }
 
 TEST_P(QvolCheck, TellsADirectoryThatContainsItself) {
     const std::uint32_t dir = start_of("/DIR");
     put_slot(dir, 6, "SELF       ", 0x10, dir);
     expect_judge_finds_something();
-    expect_left({{"/DIR/SELF" + at(dir) + "belongs to /DIR as well",
-                  "left: whose clusters they are is not known"}});
+    expect_left({{"/DIR/SELF" + at(dir) + "also belongs to /DIR",
+                  "not repaired: it is unknown which entry owns the clusters"}});
 }
 
 TEST_P(QvolCheck, TellsADirectoryThatTwoEntriesClaim) {
@@ -574,11 +574,11 @@ TEST_P(QvolCheck, TellsADirectoryThatTwoEntriesClaim) {
     put_slot(start_of("/AAA"), 2, "TWIN       ", 0x10, sub);
     expect_judge_finds_something();
     const std::uint32_t dir = start_of("/DIR");
-    expect_left({{"/AAA/TWIN" + at(sub) + "\"..\" leads to cluster " + number(dir) +
-                      " and not to " + number(start_of("/AAA")),
-                  "left: the directory may not be what it seems"},
-                 {"/DIR/SUB" + at(sub) + "belongs to /AAA/TWIN as well",
-                  "left: whose clusters they are is not known"}});
+    expect_left({{"/AAA/TWIN" + at(sub) + "first cluster of \"..\" is " + number(dir) +
+                      ", should be " + number(start_of("/AAA")),
+                  "not repaired: this may not be a directory"},
+                 {"/DIR/SUB" + at(sub) + "also belongs to /AAA/TWIN",
+                  "not repaired: it is unknown which entry owns the clusters"}});
 }
 
 // A file that is taken for a directory holds bytes, not slots: they are not mended.
@@ -595,26 +595,25 @@ TEST_P(QvolCheck, LeavesTheBytesOfAFileThatIsTakenForADirectory) {
 
 TEST_P(QvolCheck, TellsADirectoryWithoutACluster) {
     put_slot(start_of("/DIR"), 6, "NONE       ", 0x10);
-    expect_left({{"/DIR/NONE: the directory has no cluster", NOT_KNOWN}});
+    expect_left({{"/DIR/NONE: the directory has no cluster", UNKNOWN_DATA}});
 }
 
 TEST_P(QvolCheck, TellsADirectoryWhoseChainIsBroken) {
     const std::uint32_t dir = start_of("/DIR");
     set_link(dir, FREE_CLUSTER);
     expect_judge_finds_something();
-    expect_left(
-        {{"/DIR" + at(FREE_CLUSTER) + "is marked free and belongs to the chain", NOT_KNOWN}});
+    expect_left({{"/DIR" + at(FREE_CLUSTER) + "marked free, but part of the chain", UNKNOWN_DATA}});
 }
 
 // The library does not mount it; the check does.
 TEST_P(QvolCheck32, TellsARootDirectoryWhoseChainIsBroken) {
     set_link(2, 2);
-    expect_check({{"/: cluster 2: leads back to cluster 2 of the same chain", ""}});
+    expect_check({{"/: cluster 2: links back to cluster 2 of the same chain", ""}});
     set_link(2, 0);
     const outcome result = qvol("check", {"-q"});
     EXPECT_EQ(result.out.substr(0, result.out.find("/: ")),
-              "FSInfo tells 80619 free clusters, there are 80620\n");
-    EXPECT_NE(result.out.find("/: cluster 2: is marked free and belongs to the chain\n"),
+              "FSInfo free count is 80619, should be 80620\n");
+    EXPECT_NE(result.out.find("/: cluster 2: marked free, but part of the chain\n"),
               std::string::npos)
         << result;
 }
@@ -628,14 +627,13 @@ TEST_P(QvolCheck, KnowsThePoolAndTheLog) {
     const std::uint32_t pool = start_of("/ZUQ_POOL.SY$");
     poke(cluster_offset(pool) + 8, little_endian(77, 4));
     set_size("/$ZUQ_LOG.LO$", 131072 - 512);
-    const std::string by_driver = "left: its content is the driver's: remove it, make it anew";
     const std::uint32_t log = start_of("/$ZUQ_LOG.LO$");
     expect_check({{"/$ZUQ_LOG.LO$" + at(log + 255) +
-                       "the chain has 256 clusters, the 130560 bytes of the file need 255",
+                       "the chain has 256 clusters, should have 255 for 130560 bytes",
                    ""},
-                  {"/$ZUQ_LOG.LO$" + at(log) + "has 130560 bytes, the driver needs 131072", ""},
-                  {"/ZUQ_POOL.SY$" + at(pool) + "the header holds 0x4d at byte 8, where " +
-                       (is_fat32() ? "0xb" : "0xa") + " has to stand",
+                  {"/$ZUQ_LOG.LO$" + at(log) + "size is 130560 bytes, should be 131072", ""},
+                  {"/ZUQ_POOL.SY$" + at(pool) + "header field at byte 8 is 0x4d, should be " +
+                       (is_fat32() ? "0xb" : "0xa"),
                    ""}});
 }
 
@@ -657,7 +655,7 @@ TEST_P(QvolCheck, SumsUp) {
     const outcome result = qvol("check", {"--repair"});
     const std::string last = "1 directory, 4 files, " + total +
                              " clusters: " + (is_fat32() ? "3 findings, 1" : "2 findings, 0") +
-                             " mended, 2 left\n";
+                             " repaired, 2 not repaired\n";
     EXPECT_EQ(result.out.substr(result.out.find("1 directory")), last);
 }
 
@@ -667,7 +665,7 @@ TEST_P(QvolCheck, GivesADocument) {
     json finding = {{"kind", "directory-size"},
                     {"path", "/DIR"},
                     {"cluster", dir},
-                    {"text", "the directory has a size, 1 bytes"},
+                    {"text", "directory size is 1 byte, should be 0"},
                     {"repaired", false}};
     json expected = {{"findings", {finding}},
                      {"left", 1},
@@ -677,7 +675,7 @@ TEST_P(QvolCheck, GivesADocument) {
                      {"clusters", is_fat32() ? 80628 : 20287}};
     EXPECT_EQ(json::parse(qvol("check", {"--json"}).out), expected);
     finding["repaired"] = true;
-    finding["outcome"] = "the size was set to 0";
+    finding["outcome"] = "size set to 0";
     expected["findings"] = {finding};
     expected["left"] = 0;
     EXPECT_EQ(json::parse(said("check", {"--json", "--repair"})), expected);

@@ -137,8 +137,8 @@ TEST_P(QvolDamaged, AFileThatClaimsItsDirectoryIsNotRemoved) {
     set_start("FILE       ", cluster);
     EXPECT_EQ(qvol("rm", {"/dir/FILE"}),
               (outcome{1, "",
-                       "qvol: /dir/FILE: shares cluster " + std::to_string(cluster) +
-                           " with another; repair that first\n"}));
+                       "qvol: cannot remove /dir/FILE: shares cluster " + std::to_string(cluster) +
+                           " with another entry; repair the volume first\n"}));
     EXPECT_EQ(said("ls", {"/dir"}), "FILE\n");
 }
 
@@ -153,8 +153,8 @@ TEST_P(QvolDamaged, FilesThatShareTheirClustersAreNotRemoved) {
     set_start("TWO        ", cluster);
     EXPECT_EQ(qvol("rm", {"-r", "/twice"}),
               (outcome{1, "",
-                       "qvol: /twice/TWO: shares cluster " + std::to_string(cluster) +
-                           " with another; repair that first\n"}));
+                       "qvol: cannot remove /twice/TWO: shares cluster " + std::to_string(cluster) +
+                           " with another entry; repair the volume first\n"}));
     EXPECT_EQ(said("cat", {"/a"}), std::string(9000, 'a'));
 }
 
@@ -186,12 +186,12 @@ const std::vector<contradictory_fields> CONTRADICTIONS = {
     {"Totals16",
      "16",
      {{32, 20000, 4}},
-     "the 16-bit total is 20480 sectors, the 32-bit total 20000; both have to be equal, or one of "
+     "the 16-bit total is 20480 sectors and the 32-bit total is 20000, should be equal, or one of "
      "them 0"},
     {"Totals32",
      "32",
      {{19, 20000, 2}},
-     "the 16-bit total is 20000 sectors, the 32-bit total 81920; both have to be equal, or one of "
+     "the 16-bit total is 20000 sectors and the 32-bit total is 81920, should be equal, or one of "
      "them 0"},
     {"ClusterSize", "16", {{13, 3, 1}}, "a cluster has 3 sectors, should be a power of two"},
     {"Reserved16",
@@ -200,39 +200,51 @@ const std::vector<contradictory_fields> CONTRADICTIONS = {
      "the volume has 0 reserved sectors, should be at least 1 for the boot sector"},
     {"Copies16", "16", {{16, 0, 1}}, "the volume has 0 FAT copies, should be at least 1"},
     {"Copies32", "32", {{16, 0, 1}}, "the volume has 0 FAT copies, should be at least 1"},
-    {"FatSize16", "16", {{22, 50, 2}}, "the FAT ends with cluster 12799, the volume with 20348"},
-    {"FatSize32", "32", {{36, 600, 4}}, "the FAT ends with cluster 76799, the volume with 80689"},
+    {"FatSize16",
+     "16",
+     {{22, 50, 2}},
+     "the last cluster of the FAT is 12799, should be at least 20348"},
+    {"FatSize32",
+     "32",
+     {{36, 600, 4}},
+     "the last cluster of the FAT is 76799, should be at least 80689"},
     {"RootEntries", "32", {{17, 512, 2}}, "a FAT32 volume has 512 root entries, should be 0"},
     {"RootCluster0",
      "32",
      {{44, 0, 4}},
-     "the root directory begins in cluster 0, the volume has clusters 2 to 80629"},
+     "the first cluster of the root directory is 0, should be 2 to 80629"},
     {"RootCluster1",
      "32",
      {{44, 1, 4}},
-     "the root directory begins in cluster 1, the volume has clusters 2 to 80629"},
+     "the first cluster of the root directory is 1, should be 2 to 80629"},
     {"RootClusterPastTheEnd",
      "32",
      {{44, 80630, 4}},
-     "the root directory begins in cluster 80630, the volume has clusters 2 to 80629"},
-    {"ActiveFat", "32", {{40, 0x81, 2}}, "FAT copy 1 is the one in use; only copy 0 is supported"},
-    {"ActiveFatMissing", "32", {{40, 0x82, 2}}, "FAT copy 2 is the one in use, the volume has 2"},
+     "the first cluster of the root directory is 80630, should be 2 to 80629"},
+    {"ActiveFat",
+     "32",
+     {{40, 0x81, 2}},
+     "the active FAT copy is 1, should be 0: others are not supported"},
+    {"ActiveFatMissing",
+     "32",
+     {{40, 0x82, 2}},
+     "the active FAT copy is 2, should be less than 2, the number of copies"},
     {"FsinfoPlace",
      "32",
      {{48, 32, 2}},
-     "FSInfo lies in sector 32, which is none of the reserved ones"},
+     "FSInfo is in sector 32, should be in a reserved sector (below 32)"},
     {"BackupPlace",
      "32",
      {{50, 32, 2}},
-     "the boot sector has its backup in sector 32, which is none of the reserved ones"},
+     "the backup boot sector is in sector 32, should be in a reserved sector (below 32)"},
     {"FsinfoInTheBackup",
      "32",
      {{48, 6, 2}},
-     "FSInfo and the backup of the boot sector are both in sector 6"},
+     "FSInfo and the backup boot sector are both in sector 6"},
     {"Backup",
      "32",
      {{14, 33, 2}},
-     "the boot sector and its backup in sector 6 place the areas differently",
+     "the boot sector and its backup in sector 6 describe different areas",
      false},
 };
 
@@ -314,9 +326,11 @@ TEST_P(QvolContradiction, IsReadAndNotWrittenTo) {
             });
         const outcome repaired = qvol("check", {"--repair"});
         EXPECT_EQ(repaired.status, 1);
-        EXPECT_EQ(repaired.out.find("mended: "), std::string::npos) << repaired;
-        EXPECT_TRUE(repaired.out.starts_with(tested.reason + "; left: ") ||
-                    repaired.err == "qvol: the boot sector names no FAT\n")
+        EXPECT_EQ(repaired.out.find("; repaired: "), std::string::npos) << repaired;
+        EXPECT_TRUE(
+            repaired.out.starts_with(tested.reason + "; not repaired: ") ||
+            repaired.err ==
+                "qvol: cannot check the volume: it has 0 FAT copies, should have at least 1\n")
             << repaired;
         EXPECT_TRUE(read_file(image_) == before);
     }
@@ -359,22 +373,22 @@ TEST_P(QvolUnsupported, IsRefusedByEveryCommand) {
         expect_refused("is a FAT32 volume with 40314 clusters; FAT32 with fewer than 65525 "
                        "clusters is not supported yet");
         poke_numbers({{17, 512, 2}}, true);
-        expect_refused("has a boot sector that contradicts itself: by its 40298 clusters it is "
-                       "FAT16, by its 16-bit FAT size of 0 FAT32");
+        expect_refused("has a boot sector that contradicts itself: 40298 clusters are FAT16, a "
+                       "16-bit FAT size of 0 is FAT32");
         poke_numbers({{17, 0, 2}, {13, 64, 1}}, true);
         expect_refused("is a FAT32 volume with 1259 clusters; FAT32 with fewer than 65525 "
                        "clusters is not supported yet");
         poke_numbers({{13, 1, 1}, {22, 629, 2}, {36, 0, 4}}, true);
-        expect_refused("has a boot sector that contradicts itself: by its 80630 clusters it is "
-                       "FAT32, by its 16-bit FAT size of 629 FAT16");
+        expect_refused("has a boot sector that contradicts itself: 80630 clusters are FAT32, a "
+                       "16-bit FAT size of 629 is FAT16");
         poke_numbers({{22, 0, 2}, {32, 0xFFFFFFFF, 4}, {36, 0x1FFFFFF, 4}}, true);
-        expect_refused("has a boot sector that contradicts itself: 4227858401 clusters, FAT32 has "
-                       "at most 268435445");
+        expect_refused("has a boot sector that contradicts itself: it has 4227858401 "
+                       "clusters, FAT32 has at most 268435445");
         expect_small_volumes_refused();
     } else {
         poke_numbers({{17, 0, 2}}, false);
-        expect_refused("has a boot sector that contradicts itself: by its 20319 clusters it is "
-                       "FAT16, but it has 0 root entries");
+        expect_refused("has a boot sector that contradicts itself: 20319 clusters are FAT16, 0 "
+                       "root entries are FAT32");
         poke_numbers({{17, 512, 2}, {13, 8, 1}}, false);
         expect_refused("is a FAT12 volume with 2535 clusters; fewer than 4085 clusters are not "
                        "supported");

@@ -60,7 +60,11 @@ TEST_F(QvolImport, FillsAVolumeToTheLastCluster) {
     EXPECT_NE(said("info").find("free          0 (0 bytes)"), std::string::npos);
     expect_clean();
     const outcome full = qvol("mkdir", {"/dir"});
-    EXPECT_EQ(full, (outcome{1, "", "qvol: /dir: no space: 1 clusters are needed, 0 are free\n"}));
+    EXPECT_EQ(
+        full,
+        (outcome{
+            1, "",
+            "qvol: cannot make directory /dir: no space: 1 clusters are needed, 0 are free\n"}));
 }
 
 TEST_F(QvolImport, GivesTheSameBytesWithAFixedMoment) {
@@ -92,7 +96,7 @@ TEST_F(QvolImport, RefusesAMomentThatIsNone) {
     setenv("SOURCE_DATE_EPOCH", "yesterday", 1);
     EXPECT_EQ(qvol("mkdir", {"/x"}),
               (outcome{2, "",
-                       "qvol: SOURCE_DATE_EPOCH is \"yesterday\", which is no number of "
+                       "qvol: invalid SOURCE_DATE_EPOCH \"yesterday\": not a number of "
                        "seconds\n"}));
     unsetenv("SOURCE_DATE_EPOCH");
 }
@@ -109,8 +113,8 @@ TEST_F(QvolImport, SpeaksOtherEncodings) {
     EXPECT_TRUE(std::filesystem::exists(out + "/gr\xFC\xDF"));
     EXPECT_EQ(qvol("get", {"--encoding", "ASCII", "/", scratch_.file("ascii")}),
               (outcome{1, "",
-                       "qvol: these names are not made on the host; nothing was written\n"
-                       "  /$'gr\\u00fc\\u00df': the encoding of names does not have it\n"}));
+                       "qvol: cannot make these names on the host; nothing was written\n"
+                       "  /$'gr\\u00fc\\u00df': not representable in the name encoding\n"}));
 }
 
 TEST_F(QvolImport, ATailNeverTakesTheNameOfAnother) {
@@ -129,8 +133,10 @@ TEST_F(QvolImport, ATailNeverTakesTheNameOfAnother) {
 TEST_F(QvolImport, LeavesNothingWhenAFileChangesWhileItIsRead) {
     format("32", 80 << 20, "1");
     const bytes before = read_file(image_);
-    EXPECT_EQ(qvol("put", {host_file("first", "x"), "/proc/self/status", "/"}),
-              (outcome{1, "", "qvol: /proc/self/status: changed while it was read; try again\n"}));
+    EXPECT_EQ(
+        qvol("put", {host_file("first", "x"), "/proc/self/status", "/"}),
+        (outcome{1, "",
+                 "qvol: cannot copy /proc/self/status: changed while it was read; try again\n"}));
     const std::string tree = said("tree");
     EXPECT_EQ(tree, "/\n0 directories, 0 files, 0 links\n");
     EXPECT_EQ(std::filesystem::file_size(image_), before.size());

@@ -107,10 +107,9 @@ TEST_F(QvolJson, HoldsTheTextOfFiles) {
     EXPECT_EQ(document("cat", {"/A file.txt"}),
               (json{{"files", {{{"path", "/A file.txt"}, {"size", 4}, {"text", "text"}}}}}));
     said("put", {host_file("binary", "\xFF"), "/"});
-    EXPECT_EQ(qvol("cat", {"--json", "/binary"}),
-              (outcome{1, "",
-                       "qvol: /binary: is no UTF-8 text, which JSON could hold; leave --json "
-                       "out\n"}));
+    EXPECT_EQ(
+        qvol("cat", {"--json", "/binary"}),
+        (outcome{1, "", "qvol: cannot print /binary as JSON: not UTF-8 text; omit --json\n"}));
 }
 
 TEST_F(QvolJson, TellsWhatWasDone) {

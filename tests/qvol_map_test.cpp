@@ -131,7 +131,7 @@ TEST_F(QvolMap, ShowsAreasClustersAndPieces) {
     expected += std::string(37, '.') +
                 "\n"
                 "\n"
-                "   clusters     share  pieces  held by\n"
+                "   clusters     share  pieces  owner\n"
                 "A      1758   21.72 %       1  /a\n"
                 "B      1172   14.48 %       2  /d\n"
                 "C         1    0.01 %       1  /c\n"
@@ -142,7 +142,7 @@ TEST_F(QvolMap, ShowsAreasClustersAndPieces) {
                 "1 of 4 chains in pieces; 1 jump in 2928 steps from cluster to cluster\n"
                 "free space in 1 piece, the largest 2.5 MiB\n"
                 "\n"
-                "   clusters     share  pieces  in most pieces\n"
+                "   clusters     share  pieces  most fragmented\n"
                 "       1172   14.48 %       2  /d\n";
     EXPECT_EQ(qvol("map"), (outcome{0, expected, ""}));
 }
@@ -171,7 +171,7 @@ TEST_F(QvolMap, MarksWhatIsLostAndBad) {
     set_fat16_entry(101, 0xFFFF);
     set_fat16_entry(200, 0xFFF7);
     const std::string text = said("map");
-    EXPECT_NE(text.find("?         2    0.02 %       1  in use, but no path leads there\n"),
+    EXPECT_NE(text.find("?         2    0.02 %       1  lost: allocated, referenced by no entry\n"),
               std::string::npos)
         << text;
     EXPECT_NE(text.find("!         1    0.01 %       1  marked bad\n"), std::string::npos) << text;
@@ -231,8 +231,8 @@ TEST_F(QvolMap, CountsSharedClustersOnceAndTellsTheDamage) {
     set_fat16_entry(5, 2); // /a runs in a circle
     const outcome result = qvol("map", {"--json"});
     EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.err, "qvol: /a: leads to cluster 2, which is in use already\n"
-                          "qvol: /b: leads to cluster 3, which is in use already\n");
+    EXPECT_EQ(result.err, "qvol: /a: the chain links to cluster 2, which is already in use\n"
+                          "qvol: /b: the chain links to cluster 3, which is already in use\n");
     const json map = json::parse(result.out);
     EXPECT_EQ(owner_of(map, "/a")["clusters"], 4);
     EXPECT_EQ(owner_of(map, "/b")["chain"], (json{{{"first", 6}, {"count", 2}}}));
@@ -326,7 +326,7 @@ TEST_F(QvolMap, DrawsTheNameOfTheImageAsText) {
 TEST_F(QvolMap, ReplacesAPictureOnlyWhenForced) {
     const std::string path = host_file("there.svg", "mine");
     EXPECT_EQ(qvol("map", {"--svg", path}),
-              (outcome{1, "", "qvol: " + path + ": exists; --force replaces it\n"}));
+              (outcome{1, "", "qvol: cannot make " + path + ": exists; --force replaces it\n"}));
     EXPECT_EQ(text_of_file(path), "mine");
     EXPECT_EQ(qvol("map", {"--svg", path, "--force"}), (outcome{0, "made " + path + "\n", ""}));
     EXPECT_EQ(text_of_file(path).substr(0, 4), "<svg");

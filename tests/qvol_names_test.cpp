@@ -116,15 +116,15 @@ TEST(NameProblem, IsNoneForNamesUpToTheLimit) {
 }
 
 TEST(NameProblem, TellsWhy) {
-    EXPECT_EQ(name_problem(u"a:b"), "it holds ':'");
-    EXPECT_EQ(name_problem(u"a\x07"), "it holds the control character 0x07");
-    EXPECT_EQ(name_problem(u"dot."), "it ends with a blank or a dot, which would be cut off");
-    EXPECT_EQ(name_problem(u"blank "), "it ends with a blank or a dot, which would be cut off");
-    EXPECT_EQ(name_problem(u"Con"), "it is the name of a device");
-    EXPECT_EQ(name_problem(u"lpt9"), "it is the name of a device");
-    EXPECT_EQ(name_problem(repeated(u'x', 256)), "it is 256 UTF-16 units long, 255 are the most");
-    EXPECT_EQ(name_problem(u""), "it is empty");
-    EXPECT_EQ(name_problem(u"\xD800"), "it holds half a surrogate pair");
+    EXPECT_EQ(name_problem(u"a:b"), "contains ':'");
+    EXPECT_EQ(name_problem(u"a\x07"), "contains the control character 0x07");
+    EXPECT_EQ(name_problem(u"dot."), "ends with a space or a dot");
+    EXPECT_EQ(name_problem(u"blank "), "ends with a space or a dot");
+    EXPECT_EQ(name_problem(u"Con"), "is a device name");
+    EXPECT_EQ(name_problem(u"lpt9"), "is a device name");
+    EXPECT_EQ(name_problem(repeated(u'x', 256)), "has 256 UTF-16 units, at most 255 are allowed");
+    EXPECT_EQ(name_problem(u""), "is empty");
+    EXPECT_EQ(name_problem(u"\xD800"), "contains half a surrogate pair");
 }
 
 TEST(NameProblem, RefusesEachForbiddenCharacter) {
@@ -137,9 +137,9 @@ TEST(NameProblem, RefusesEachForbiddenCharacter) {
 TEST(ExtractionProblem, RefusesNamesThatLeadElsewhereAndControls) {
     EXPECT_EQ(extraction_problem(u"name"), std::nullopt);
     for (const std::u16string name : {u"..", u".", u"", u"../x", u"/etc/passwd"}) {
-        EXPECT_EQ(extraction_problem(name), "it would lead elsewhere");
+        EXPECT_EQ(extraction_problem(name), "would lead outside the destination");
     }
-    EXPECT_EQ(extraction_problem(u"a\x1B"), "it holds the control character 0x1b");
+    EXPECT_EQ(extraction_problem(u"a\x1B"), "contains the control character 0x1b");
 }
 
 TEST(FoldCase, MakesNamesThatDifferInCaseEqual) {

@@ -76,7 +76,7 @@ std::vector<std::u16string> names_in(const directory &dir) {
 
 TEST_P(QvolVolume, AllocatesTheLowestClustersAndLinksThem) {
     const std::vector<u32> first = table().allocate(3);
-    EXPECT_EQ(runs_of(first).size(), 1U);
+    EXPECT_EQ(extents_of(first).size(), 1U);
     const std::vector<u32> second = table().allocate(2, first.back());
     std::vector<u32> both = first;
     both.insert(both.end(), second.begin(), second.end());

@@ -1,4 +1,4 @@
-// The areas in front of the data: boot sector, FSInfo, the first two FAT entries, the FAT copies.
+// The areas before the data: boot sector, FSInfo, the first two FAT entries, the FAT copies.
 
 #include "qvol/boot_sector.h"
 #include "qvol/check/repair.h"
@@ -14,69 +14,70 @@ namespace qvol {
 
 namespace {
 
-bool is_reserved(const survey &in, u32 sector) {
-    return sector < in.vol.boot().reserved_sectors;
+bool is_reserved(const survey &checked, u32 sector) {
+    return sector < checked.vol.boot().reserved_sectors;
 }
 
-void tell(survey *in, const finding_kind &as, std::string text, std::string remedy = "",
-          std::function<void(repair *)> mend = {}) {
-    in->add({&as, NO_NODE, 0, std::move(text), std::move(remedy), std::move(mend)});
+void add_finding(survey *checked, const finding_kind &kind, std::string text,
+                 std::string remedy = "", std::function<void(repair_plan *)> repair = {}) {
+    checked->add({&kind, NO_NODE, 0, std::move(text), std::move(remedy), std::move(repair)});
 }
 
 // ---- boot sector ----
 
-const finding_kind *kind_of(contradicted about) {
-    switch (about) {
-    case contradicted::FAT_SIZE:
+const finding_kind *finding_kind_of(contradiction_kind kind) {
+    switch (kind) {
+    case contradiction_kind::FAT_SIZE:
         return &found::FAT_SIZE;
-    case contradicted::FSINFO_PLACE:
-        return &found::FSINFO_PLACE;
-    case contradicted::BACKUP_PLACE:
-        return &found::BACKUP_PLACE;
-    case contradicted::GEOMETRY:
+    case contradiction_kind::FSINFO_LOCATION:
+        return &found::FSINFO_LOCATION;
+    case contradiction_kind::BACKUP_LOCATION:
+        return &found::BACKUP_LOCATION;
+    case contradiction_kind::GEOMETRY:
         return &found::GEOMETRY;
-    case contradicted::ACTIVE_FAT:
+    case contradiction_kind::ACTIVE_FAT:
         return &found::ACTIVE_FAT;
-    case contradicted::FIELDS:
+    case contradiction_kind::FIELDS:
         break;
     }
     return &found::FIELDS;
 }
 
-void check_contradictions(survey *in) {
-    for (const contradiction &one : in->vol.contradictions()) {
-        tell(in, *kind_of(one.about), one.text);
+void check_contradictions(survey *checked) {
+    for (const contradiction &one : checked->vol.contradictions()) {
+        add_finding(checked, *finding_kind_of(one.kind), one.text);
     }
 }
 
-// In one byte systems keep a mark, in the boot sector alone.
-bool are_alike(const std::vector<u8> &boot, std::vector<u8> backup) {
-    constexpr u32 MARK = fat::EBR_OFFSET_FAT32 + fat::EBR_RESERVED.offset;
-    backup[MARK] = boot[MARK];
+// One byte holds the dirty flag of some systems, only in the boot sector: it is not compared.
+bool is_same_boot_sector(const std::vector<u8> &boot, std::vector<u8> backup) {
+    constexpr u32 FLAG = fat::EBR_OFFSET_FAT32 + fat::EBR_RESERVED.offset;
+    backup[FLAG] = boot[FLAG];
     return std::equal(boot.begin(), boot.begin() + fat::PBR_SIZE, backup.begin());
 }
 
-// A backup that places the areas differently is a contradiction, and not written over.
-void check_backup(survey *in) {
-    const u32 sector = in->vol.boot().backup_sector;
+// A backup with other locations of the areas is a contradiction and is not overwritten.
+void check_backup(survey *checked) {
+    const u32 sector = checked->vol.boot().backup_sector;
     const bool has_other_areas =
-        std::any_of(in->findings.begin(), in->findings.end(),
+        std::any_of(checked->findings.begin(), checked->findings.end(),
                     [](const finding &one) { return one.kind == &found::GEOMETRY; });
-    if (!is_sector_named(sector) || !is_reserved(*in, sector) || has_other_areas ||
-        are_alike(read_run(0, 1), read_run(sector, 1))) {
+    if (!is_sector_given(sector) || !is_reserved(*checked, sector) || has_other_areas ||
+        is_same_boot_sector(read_extent(0, 1), read_extent(sector, 1))) {
         return;
     }
-    tell(in, found::BACKUP,
-         fmt::format("the backup of the boot sector, in sector {}, differs from it", sector),
-         "the boot sector was copied there",
-         [sector](repair *plan) { plan->copy_boot_sector(sector); });
+    add_finding(
+        checked, found::BACKUP,
+        fmt::format("the backup boot sector (sector {}) differs from the boot sector", sector),
+        "boot sector copied over it",
+        [sector](repair_plan *plan) { plan->copy_boot_sector(sector); });
 }
 
 // ---- FSInfo ----
 
-bool has_fsinfo(const survey &in) {
-    const u32 sector = in.vol.boot().fsinfo_sector;
-    return is_sector_named(sector) && is_reserved(in, sector);
+bool has_fsinfo(const survey &checked) {
+    const u32 sector = checked.vol.boot().fsinfo_sector;
+    return is_sector_given(sector) && is_reserved(checked, sector);
 }
 
 bool has_signatures(const std::vector<u8> &fsinfo) {
@@ -85,24 +86,24 @@ bool has_signatures(const std::vector<u8> &fsinfo) {
            fat::load(fsinfo.data(), fat::FSINFO_TRAIL) == fat::FSINFO_TRAIL_SIGNATURE;
 }
 
-void check_fsinfo(survey *in) {
-    const u32 sector = in->vol.boot().fsinfo_sector;
-    if (has_fsinfo(*in) && !has_signatures(read_run(sector, 1))) {
-        tell(in, found::FSINFO_SIGNATURE,
-             fmt::format("FSInfo, in sector {}, has not its signatures", sector),
-             "it was written anew", [sector](repair *plan) { plan->write_fsinfo(sector); });
+void check_fsinfo(survey *checked) {
+    const u32 sector = checked->vol.boot().fsinfo_sector;
+    if (has_fsinfo(*checked) && !has_signatures(read_extent(sector, 1))) {
+        add_finding(checked, found::FSINFO_SIGNATURE,
+                    fmt::format("FSInfo (sector {}): signature missing", sector), "rewritten",
+                    [sector](repair_plan *plan) { plan->write_fsinfo(sector); });
     }
 }
 
 // ---- FAT ----
 
-// How a system says in entry 1 that all is well.
+// Flags in FAT entry 1, set while the volume has no problem.
 struct state_bits {
-    u32 is_clean;
-    u32 has_no_errors;
+    u32 is_clean;      // cleanly unmounted
+    u32 has_no_errors; // no I/O errors
 };
 
-state_bits bits_of_width() {
+state_bits state_bits_of_type() {
     return sv->fat_type == 32 ? state_bits{0x08000000, 0x04000000} : state_bits{0x8000, 0x4000};
 }
 
@@ -110,103 +111,109 @@ u32 value_mask() {
     return sv->fat_type == 32 ? fat::FAT32_VALUE_MASK : 0xFFFF;
 }
 
-void check_media(survey *in, u32 value) {
-    const u32 wanted = (0xFFFFFF00 | in->vol.boot().media) & value_mask();
+void check_media(survey *checked, u32 value) {
+    const u32 wanted = (0xFFFFFF00 | checked->vol.boot().media) & value_mask();
     if (value != wanted) {
-        tell(in, found::FAT_MEDIA,
-             fmt::format("FAT entry 0 holds {:#x}, of the media byte it is {:#x}", value, wanted),
-             "it was set right", [wanted](repair *plan) { plan->set_fixed_entry(0, wanted); });
+        add_finding(
+            checked, found::FAT_MEDIA,
+            fmt::format("FAT entry 0 is {:#x}, should be {:#x} for this media byte", value, wanted),
+            "corrected", [wanted](repair_plan *plan) { plan->set_fixed_entry(0, wanted); });
     }
 }
 
-void check_end_mark(survey *in, u32 value) {
-    const state_bits bits = bits_of_width();
+void check_end_mark(survey *checked, u32 value) {
+    const state_bits bits = state_bits_of_type();
     if (!fat::is_end_of_chain(value | bits.is_clean | bits.has_no_errors)) {
         const u32 wanted = value_mask();
-        tell(in, found::FAT_END_MARK,
-             fmt::format("FAT entry 1 holds {:#x}, which is no end of a chain", value),
-             "it was set right", [wanted](repair *plan) { plan->set_fixed_entry(1, wanted); });
+        add_finding(checked, found::FAT_END_MARK,
+                    fmt::format("FAT entry 1 is {:#x}, should be an end-of-chain mark", value),
+                    "corrected", [wanted](repair_plan *plan) { plan->set_fixed_entry(1, wanted); });
     } else if ((value & bits.has_no_errors) == 0) {
-        tell(in, found::DIRTY, "the volume is marked: the medium has failed",
-             "the mark was removed", [](repair *plan) { plan->mark_clean(); });
+        add_finding(checked, found::DIRTY, "error flag set: the medium reported I/O errors",
+                    "flag cleared", [](repair_plan *plan) { plan->set_clean(); });
     } else if ((value & bits.is_clean) == 0) {
-        tell(in, found::DIRTY, "the volume is marked: it was not closed", "the mark was removed",
-             [](repair *plan) { plan->mark_clean(); });
+        add_finding(checked, found::DIRTY, "dirty flag set: not cleanly unmounted", "flag cleared",
+                    [](repair_plan *plan) { plan->set_clean(); });
     }
 }
 
-void check_fixed_entries(survey *in) {
-    const std::vector<u8> fat = read_run(sv->fat_start, 1);
+void check_fixed_entries(survey *checked) {
+    const std::vector<u8> fat = read_extent(sv->fat_start, 1);
     const u32 size = sv->fat_type / 8;
     const fat::field entries[] = {{"entry 0", 0, size}, {"entry 1", size, size}};
-    check_media(in, fat::load(fat.data(), entries[0]) & value_mask());
-    check_end_mark(in, fat::load(fat.data(), entries[1]) & value_mask());
+    check_media(checked, fat::load(fat.data(), entries[0]) & value_mask());
+    check_end_mark(checked, fat::load(fat.data(), entries[1]) & value_mask());
 }
 
-// Systems keep their mark in the boot sector as well.
-void check_boot_mark(survey *in) {
+// Some systems store the dirty flag in the boot sector as well.
+void check_boot_flag(survey *checked) {
     const u32 extended = sv->fat_type == 32 ? fat::EBR_OFFSET_FAT32 : fat::EBR_OFFSET_FAT16;
-    if ((fat::load(read_run(0, 1).data() + extended, fat::EBR_RESERVED) & 1) != 0) {
-        tell(in, found::DIRTY, "the boot sector is marked: it was not closed",
-             "the mark was removed", [](repair *plan) { plan->mark_clean(); });
+    if ((fat::load(read_extent(0, 1).data() + extended, fat::EBR_RESERVED) & 1) != 0) {
+        add_finding(checked, found::DIRTY,
+                    "dirty flag set in the boot sector: not cleanly unmounted", "flag cleared",
+                    [](repair_plan *plan) { plan->set_clean(); });
     }
 }
 
-// Without mirroring one copy is in use, and the others are left as they are.
+// Without mirroring one copy is in use, and the others are not compared.
 bool is_mirroring_off(const std::vector<u8> &boot) {
     return sv->fat_type == 32 && (fat::load(boot.data(), fat::PBR32_EXTENDED_FLAGS) & 0x80) != 0;
 }
 
-void check_copies(survey *in) {
-    if (is_mirroring_off(read_run(0, 1))) {
+void check_copies(survey *checked) {
+    if (is_mirroring_off(read_extent(0, 1))) {
         return;
     }
-    for (const copy_difference &difference : in->table.compare_copies()) {
-        in->add({&found::FAT_COPIES, NO_NODE, difference.cluster,
-                 fmt::format("is the first whose entry in FAT copy {} differs: {}", difference.copy,
-                             counted(difference.sectors, "sector", "sectors")),
-                 "the first copy was written over it",
-                 [](repair *plan) { plan->make_copies_equal(); }});
+    for (const copy_difference &difference : checked->table.compare_copies()) {
+        checked->add(
+            {&found::FAT_COPIES, NO_NODE, difference.cluster,
+             fmt::format("FAT copy {} differs from copy 0 in {}, first at {} {}", difference.copy,
+                         counted(difference.sectors, "sector", "sectors"),
+                         difference.cluster < fat::FIRST_DATA_CLUSTER ? "entry" : "cluster",
+                         difference.cluster),
+             "copy 0 copied over it", [](repair_plan *plan) { plan->copy_first_fat(); }});
     }
 }
 
 } // namespace
 
-void check_areas(survey *in) {
-    if (in->vol.boot().fat_copies == 0) {
-        throw error("the boot sector names no FAT");
+void check_areas(survey *checked) {
+    if (checked->vol.boot().fat_copies == 0) {
+        throw error("cannot check the volume: it has 0 FAT copies, should have at least 1");
     }
-    check_contradictions(in);
-    check_backup(in);
-    check_boot_mark(in);
-    check_fsinfo(in);
-    check_fixed_entries(in);
-    check_copies(in);
+    check_contradictions(checked);
+    check_backup(checked);
+    check_boot_flag(checked);
+    check_fsinfo(checked);
+    check_fixed_entries(checked);
+    check_copies(checked);
 }
 
-void check_fsinfo_counts(survey *in) {
-    if (!has_fsinfo(*in)) {
+void check_fsinfo_counts(survey *checked) {
+    if (!has_fsinfo(*checked)) {
         return;
     }
-    const u32 sector = in->vol.boot().fsinfo_sector;
-    const std::vector<u8> fsinfo = read_run(sector, 1);
-    const u32 told = fat::load(fsinfo.data(), fat::FSINFO_FREE_COUNT);
+    const u32 sector = checked->vol.boot().fsinfo_sector;
+    const std::vector<u8> fsinfo = read_extent(sector, 1);
+    const u32 free_count = fat::load(fsinfo.data(), fat::FSINFO_FREE_COUNT);
     const u32 next = fat::load(fsinfo.data(), fat::FSINFO_NEXT_FREE);
-    const auto mend = [sector](repair *plan) { plan->write_fsinfo(sector); };
+    const auto repair = [sector](repair_plan *plan) { plan->write_fsinfo(sector); };
     if (!has_signatures(fsinfo)) {
-        return; // the counts are written with them
+        return; // the repair writes the counts with them
     }
-    if (told != fat::FSINFO_UNKNOWN && told != in->table.free_count()) {
-        tell(in, found::FSINFO_FREE,
-             fmt::format("FSInfo tells {}, there are {}",
-                         counted(told, "free cluster", "free clusters"), in->table.free_count()),
-             "it was set right", mend);
+    if (free_count != fat::FSINFO_UNKNOWN && free_count != checked->table.free_count()) {
+        add_finding(checked, found::FSINFO_FREE,
+                    fmt::format("FSInfo free count is {}, should be {}", free_count,
+                                checked->table.free_count()),
+                    "corrected", repair);
     }
-    const bool is_cluster = next >= fat::FIRST_DATA_CLUSTER && next <= in->table.last_cluster();
+    const bool is_cluster =
+        next >= fat::FIRST_DATA_CLUSTER && next <= checked->table.last_cluster();
     if (next != fat::FSINFO_UNKNOWN && !is_cluster) {
-        tell(in, found::FSINFO_NEXT,
-             fmt::format("FSInfo tells {} for the next free cluster, which is none", next),
-             "it was set right", mend);
+        add_finding(checked, found::FSINFO_NEXT,
+                    fmt::format("FSInfo next free cluster is {}, should be {} to {}", next,
+                                fat::FIRST_DATA_CLUSTER, checked->table.last_cluster()),
+                    "corrected", repair);
     }
 }
 

@@ -16,115 +16,117 @@ bool is_cluster(const fat_table &table, u32 number) {
     return number >= fat::FIRST_DATA_CLUSTER && number <= table.last_cluster();
 }
 
-// Why the chain of a node cannot go on in a cluster; MARK where it can.
-chain_end obstacle_at(survey *in, u32 node, u32 cluster) {
-    if (!is_cluster(in->table, cluster)) {
+// Why the chain of a node cannot continue in a cluster; MARK if it can.
+chain_end obstacle_at(survey *checked, u32 node, u32 cluster) {
+    if (!is_cluster(checked->table, cluster)) {
         return chain_end::RANGE;
     }
-    const u32 owner = in->owners.get(cluster);
+    const u32 owner = checked->owners.get(cluster);
     if (owner != 0) {
-        return owner == node + 1 ? chain_end::CIRCLE : chain_end::SHARED;
+        return owner == node + 1 ? chain_end::CYCLE : chain_end::SHARED;
     }
-    const u32 value = in->table.get(cluster);
+    const u32 value = checked->table.get(cluster);
     return value == fat::FAT_FREE     ? chain_end::FREE
            : value == fat::bad_mark() ? chain_end::BAD
                                       : chain_end::MARK;
 }
 
-void take_cluster(survey *in, u32 node, u32 cluster, claimed_chain *chain) {
-    in->owners.set(cluster, node + 1);
-    in->used_clusters++;
+void claim_cluster(survey *checked, u32 node, u32 cluster, claimed_chain *chain) {
+    checked->owners.set(cluster, node + 1);
+    checked->used_clusters++;
     chain->count++;
     chain->last = cluster;
-    if (chain->behind == 0 && !is_in_image(cluster)) {
-        chain->behind = cluster;
+    if (chain->past_image == 0 && !is_in_image(cluster)) {
+        chain->past_image = cluster;
     }
 }
 
 // ---- findings ----
 
-finding shared_chain(survey *in, u32 node, const claimed_chain &chain) {
-    const u32 owner = in->owners.get(chain.at) - 1;
-    in->nodes[owner].is_shared = true;
+finding shared_chain(survey *checked, u32 node, const claimed_chain &chain) {
+    const u32 owner = checked->owners.get(chain.at) - 1;
+    checked->nodes[owner].is_shared = true;
     return {&found::CHAIN_SHARED, node, chain.at,
-            fmt::format("belongs to {} as well", shown_path(*in, owner)), ""};
+            fmt::format("also belongs to {}", shown_path(*checked, owner)), ""};
 }
 
 finding unlinked_chain(u32 node, const claimed_chain &chain) {
     if (chain.last == 0) {
         return {&found::CHAIN_START, node, 0,
-                fmt::format("begins in {:#x}, which is no cluster of the volume", chain.at), ""};
+                fmt::format("first cluster is {:#x}, which does not exist", chain.at), ""};
     }
     return {&found::CHAIN_RANGE, node, chain.last,
-            fmt::format("is linked to {:#x}, which is no cluster of the volume", chain.at), ""};
+            fmt::format("links to {:#x}, which does not exist", chain.at), ""};
 }
 
 // ---- files ----
 
-// A file whose chain is to be looked at behind what its size needs.
+// A file whose chain continues after the clusters that its size needs.
 struct file_tail {
     u32 node;
     claimed_chain needed;
 };
 
-void check_length(survey *in, u32 node, const claimed_chain &chain) {
-    const u32 wanted = clusters_for(in->nodes[node].of.size());
+std::string length_text(u32 count, u32 wanted, u32 file_size) {
+    return fmt::format("the chain has {}, should have {} for {}",
+                       counted(count, "cluster", "clusters"), wanted,
+                       counted(file_size, "byte", "bytes"));
+}
+
+void check_length(survey *checked, u32 node, const claimed_chain &chain) {
+    const u32 wanted = clusters_for(checked->nodes[node].dentry.size());
     if (chain.end == chain_end::MARK && chain.count < wanted) {
-        in->add({&found::CHAIN_SHORT, node, in->nodes[node].of.start(),
-                 fmt::format("the chain has {}, the {} bytes of the file need {}",
-                             counted(chain.count, "cluster", "clusters"), in->nodes[node].of.size(),
-                             wanted),
-                 ""});
+        checked->add({&found::CHAIN_SHORT, node, checked->nodes[node].dentry.start(),
+                      length_text(chain.count, wanted, checked->nodes[node].dentry.size()), ""});
     }
 }
 
-// What is needed of all files is claimed first: what one of them has too much takes nothing from
-// another.
-void check_needed(survey *in, u32 node, std::vector<file_tail> *tails) {
-    const entry file = in->nodes[node].of;
+// The clusters that the files need are claimed first, for all files: surplus clusters of one file
+// then take nothing from another.
+void check_needed(survey *checked, u32 node, std::vector<file_tail> *tails) {
+    const entry file = checked->nodes[node].dentry;
     const u32 wanted = clusters_for(file.size());
     if (file.start() == 0) {
         if (wanted != 0) {
-            in->add({&found::CHAIN_MISSING, node, 0,
-                     fmt::format("has {} bytes and no cluster", file.size()), ""});
+            checked->add({&found::CHAIN_MISSING, node, 0,
+                          fmt::format("the file of {} bytes has no cluster", file.size()), ""});
         }
         return;
     }
-    const claimed_chain chain = is_pool(*in, node) ? claim_chain(in, node, file.start())
-                                                   : claim_chain(in, node, file.start(), wanted);
+    const claimed_chain chain = is_pool(*checked, node)
+                                    ? claim_chain(checked, node, file.start())
+                                    : claim_chain(checked, node, file.start(), wanted);
     if (chain.end == chain_end::LIMIT) {
         tails->push_back({node, chain});
     }
-    check_whole_chain(in, node, chain);
-    check_length(in, node, chain);
+    check_whole_chain(checked, node, chain);
+    check_length(checked, node, chain);
 }
 
-// Ends the chain where the size says, and gives back what was its own behind that.
-std::function<void(repair *)> cutting(const tree_node &file, const claimed_chain &needed,
-                                      const claimed_chain &tail) {
-    return [place = file.place, needed, tail](repair *plan) {
+// Ends the chain after the clusters that the file needs, and frees its own clusters after them.
+std::function<void(repair_plan *)> cut_to_size(const tree_node &file, const claimed_chain &needed,
+                                               const claimed_chain &tail) {
+    return [location = file.location, needed, tail](repair_plan *plan) {
         plan->release_chain(needed.at, tail.count);
         if (needed.count == 0) {
-            plan->clear_start(place);
+            plan->clear_start(location);
         } else {
             plan->end_chain(needed.last);
         }
     };
 }
 
-void check_tail(survey *in, const file_tail &of) {
-    const claimed_chain tail = claim_tail(in, of.node, of.needed);
-    finding found =
-        tail.end == chain_end::MARK
-            ? finding{&found::CHAIN_LONG, of.node, of.needed.at,
-                      fmt::format("the chain has {}, the {} bytes of the file need {}",
-                                  counted(of.needed.count + tail.count, "cluster", "clusters"),
-                                  in->nodes[of.node].of.size(), of.needed.count),
-                      ""}
-            : broken_chain(in, of.node, tail);
-    found.remedy = "the chain was cut to the size";
-    found.mend = cutting(in->nodes[of.node], of.needed, tail);
-    in->add(std::move(found));
+void check_tail(survey *checked, const file_tail &file) {
+    const claimed_chain tail = claim_tail(checked, file.node, file.needed);
+    finding found = tail.end == chain_end::MARK
+                        ? finding{&found::CHAIN_LONG, file.node, file.needed.at,
+                                  length_text(file.needed.count + tail.count, file.needed.count,
+                                              checked->nodes[file.node].dentry.size()),
+                                  ""}
+                        : broken_chain(checked, file.node, tail);
+    found.remedy = "chain cut to the file size";
+    found.repair = cut_to_size(checked->nodes[file.node], file.needed, tail);
+    checked->add(std::move(found));
 }
 
 } // namespace
@@ -137,14 +139,14 @@ bool is_in_image(u32 cluster) {
 
 namespace {
 
-void extend_chain(survey *in, u32 node, u32 limit, claimed_chain *chain) {
+void extend_chain(survey *checked, u32 node, u32 limit, claimed_chain *chain) {
     while (chain->count < limit) {
-        chain->end = obstacle_at(in, node, chain->at);
+        chain->end = obstacle_at(checked, node, chain->at);
         if (chain->end != chain_end::MARK) {
             return;
         }
-        take_cluster(in, node, chain->at, chain);
-        chain->at = in->table.get(chain->last);
+        claim_cluster(checked, node, chain->at, chain);
+        chain->at = checked->table.get(chain->last);
         if (fat::is_end_of_chain(chain->at)) {
             return;
         }
@@ -154,18 +156,18 @@ void extend_chain(survey *in, u32 node, u32 limit, claimed_chain *chain) {
 
 } // namespace
 
-claimed_chain claim_chain(survey *in, u32 node, u32 start, u32 limit) {
+claimed_chain claim_chain(survey *checked, u32 node, u32 start, u32 limit) {
     claimed_chain chain;
     chain.at = start;
-    extend_chain(in, node, limit, &chain);
+    extend_chain(checked, node, limit, &chain);
     return chain;
 }
 
-claimed_chain claim_tail(survey *in, u32 node, const claimed_chain &of) {
+claimed_chain claim_tail(survey *checked, u32 node, const claimed_chain &head) {
     claimed_chain chain;
-    chain.last = of.last;
-    chain.at = of.at;
-    extend_chain(in, node, std::numeric_limits<u32>::max(), &chain);
+    chain.last = head.last;
+    chain.at = head.at;
+    extend_chain(checked, node, std::numeric_limits<u32>::max(), &chain);
     return chain;
 }
 
@@ -177,42 +179,42 @@ std::vector<u32> claimed_clusters(fat_table *table, u32 start, u32 count) {
     return clusters;
 }
 
-finding broken_chain(survey *in, u32 node, const claimed_chain &chain) {
+finding broken_chain(survey *checked, u32 node, const claimed_chain &chain) {
     switch (chain.end) {
     case chain_end::FREE:
-        return {&found::CHAIN_FREE, node, chain.at, "is marked free and belongs to the chain", ""};
+        return {&found::CHAIN_FREE, node, chain.at, "marked free, but part of the chain", ""};
     case chain_end::BAD:
-        return {&found::CHAIN_BAD, node, chain.at, "is marked bad and belongs to the chain", ""};
-    case chain_end::CIRCLE:
-        return {&found::CHAIN_CIRCLE, node, chain.last,
-                fmt::format("leads back to cluster {} of the same chain", chain.at), ""};
+        return {&found::CHAIN_BAD, node, chain.at, "marked bad, but part of the chain", ""};
+    case chain_end::CYCLE:
+        return {&found::CHAIN_CYCLE, node, chain.last,
+                fmt::format("links back to cluster {} of the same chain", chain.at), ""};
     case chain_end::SHARED:
-        return shared_chain(in, node, chain);
+        return shared_chain(checked, node, chain);
     default:
         return unlinked_chain(node, chain);
     }
 }
 
-void check_whole_chain(survey *in, u32 node, const claimed_chain &chain) {
-    if (chain.behind != 0) {
-        in->add({&found::BEHIND_IMAGE, node, chain.behind, "lies behind the end of the image", ""});
+void check_whole_chain(survey *checked, u32 node, const claimed_chain &chain) {
+    if (chain.past_image != 0) {
+        checked->add({&found::PAST_IMAGE, node, chain.past_image, "past the end of the image", ""});
     }
     if (chain.end != chain_end::MARK && chain.end != chain_end::LIMIT) {
-        in->add(broken_chain(in, node, chain));
+        checked->add(broken_chain(checked, node, chain));
     }
 }
 
 // ---- files ------------------------------------------------------------------------------------
 
-void check_files(survey *in) {
+void check_files(survey *checked) {
     std::vector<file_tail> tails;
-    for (u32 node = ROOT_NODE + 1; node < in->nodes.size(); node++) {
-        if (!in->nodes[node].of.is_directory()) {
-            check_needed(in, node, &tails);
+    for (u32 node = ROOT_NODE + 1; node < checked->nodes.size(); node++) {
+        if (!checked->nodes[node].dentry.is_directory()) {
+            check_needed(checked, node, &tails);
         }
     }
     for (const file_tail &tail : tails) {
-        check_tail(in, tail);
+        check_tail(checked, tail);
     }
 }
 

@@ -11,114 +11,112 @@ namespace {
 
 // ---- the order of findings ----
 
-// The place of each node when the tree is gone through by path.
-std::vector<u32> ranks_of(const survey &of) {
-    std::vector<u32> ranks(of.nodes.size());
-    std::vector<u32> waiting = {ROOT_NODE};
-    for (u32 rank = 0; !waiting.empty(); rank++) {
-        const u32 node = waiting.back();
-        waiting.pop_back();
+// The position of each node in a walk through the tree by path.
+std::vector<u32> ranks_of(const survey &checked) {
+    std::vector<u32> ranks(checked.nodes.size());
+    std::vector<u32> pending = {ROOT_NODE};
+    for (u32 rank = 0; !pending.empty(); rank++) {
+        const u32 node = pending.back();
+        pending.pop_back();
         ranks[node] = rank;
-        const tree_node &here = of.nodes[node];
+        const tree_node &here = checked.nodes[node];
         for (u32 i = here.children; i > 0; i--) {
-            waiting.push_back(here.first_child + i - 1);
+            pending.push_back(here.first_child + i - 1);
         }
     }
     return ranks;
 }
 
-// Areas first, then what has a path, then lost clusters.
-void sort_findings(survey *in) {
-    const std::vector<u32> ranks = ranks_of(*in);
-    const auto place = [&](const finding &of) {
-        const u32 group = of.node != NO_NODE ? 1 : of.kind == &found::LOST ? 2 : 0;
-        return std::pair(group, group == 1 ? ranks[of.node] : group == 2 ? of.cluster : 0);
+// Areas first, then findings with a path, then lost clusters.
+void sort_findings(survey *checked) {
+    const std::vector<u32> ranks = ranks_of(*checked);
+    const auto position = [&](const finding &one) {
+        const u32 group = one.node != NO_NODE ? 1 : one.kind == &found::LOST ? 2 : 0;
+        return std::pair(group, group == 1 ? ranks[one.node] : group == 2 ? one.cluster : 0);
     };
-    std::stable_sort(in->findings.begin(), in->findings.end(),
-                     [&](const finding &a, const finding &b) { return place(a) < place(b); });
+    std::stable_sort(checked->findings.begin(), checked->findings.end(),
+                     [&](const finding &a, const finding &b) { return position(a) < position(b); });
 }
 
-void look(survey *in) {
-    check_areas(in);
-    check_directories(in);
-    check_files(in);
-    check_reserved_files(in);
-    check_fsinfo_counts(in);
-    check_lost_clusters(in);
-    sort_findings(in);
+void run_all_checks(survey *checked) {
+    check_areas(checked);
+    check_directories(checked);
+    check_files(checked);
+    check_reserved_files(checked);
+    check_fsinfo_counts(checked);
+    check_lost_clusters(checked);
+    sort_findings(checked);
 }
 
-// ---- telling ----
+// ---- the report ----
 
-told_finding told(const survey &in, const finding &of) {
-    told_finding result{of.kind->name, "", "", of.cluster, of.text, false, ""};
-    if (of.node != NO_NODE) {
-        const name_path path = path_of(in, of.node);
-        result.path = shown_path(in.vol.names(), path);
+reported_finding report_of(const survey &checked, const finding &one) {
+    reported_finding result{one.kind->name, "", "", one.cluster, one.text, false, ""};
+    if (one.node != NO_NODE) {
+        const name_path path = path_of(checked, one.node);
+        result.path = shown_path(checked.vol.names(), path);
         result.json_path = json_path(path);
     }
     return result;
 }
 
-check_result result_of(const survey &of) {
+check_result result_of(const survey &checked) {
     check_result result;
-    for (const finding &one : of.findings) {
-        result.findings.push_back(told(of, one));
+    for (const finding &one : checked.findings) {
+        result.findings.push_back(report_of(checked, one));
     }
-    for (const tree_node &node : of.nodes) {
-        (node.of.is_directory() ? result.directories : result.files)++;
+    for (const tree_node &node : checked.nodes) {
+        (node.dentry.is_directory() ? result.directories : result.files)++;
     }
     result.files--; // the root, which has no entry
-    result.used_clusters = of.used_clusters;
-    result.clusters = of.table.last_cluster() - fat::FIRST_DATA_CLUSTER + 1;
+    result.used_clusters = checked.used_clusters;
+    result.clusters = checked.table.last_cluster() - fat::FIRST_DATA_CLUSTER + 1;
     return result;
 }
 
-// ---- mending ----
+// ---- the repair ----
 
-// Nothing is changed in a directory, nor below it, whose clusters belong to another as well or
-// whose dot entries are not there: its slots may be the bytes of a file. A parent comes before its
-// children.
-std::vector<bool> doubtful_nodes(const survey &of) {
-    std::vector<bool> doubtful(of.nodes.size());
-    for (u32 node = ROOT_NODE + 1; node < of.nodes.size(); node++) {
-        const tree_node &here = of.nodes[node];
-        doubtful[node] =
-            here.is_doubtful || doubtful[here.parent] || (here.is_shared && here.of.is_directory());
+// Directories whose clusters another entry owns as well, or whose dot entries are missing, and the
+// entries below them: the slots may be the bytes of a file, so they are not changed. A parent comes
+// before its children.
+std::vector<bool> doubtful_nodes(const survey &checked) {
+    std::vector<bool> doubtful(checked.nodes.size());
+    for (u32 node = ROOT_NODE + 1; node < checked.nodes.size(); node++) {
+        const tree_node &here = checked.nodes[node];
+        doubtful[node] = here.is_doubtful || doubtful[here.parent] ||
+                         (here.is_shared && here.dentry.is_directory());
     }
     return doubtful;
 }
 
-// What can be mended depends on everything that was found.
-class choice {
+// Decides which findings are repaired: that depends on all findings together.
+class repair_policy {
 public:
-    explicit choice(const survey &of) : doubtful_(doubtful_nodes(of)) {
-        for (const finding &one : of.findings) {
-            const bool is_left = one.mend == nullptr;
-            has_other_areas_ |= one.kind->does == harm::AREAS;
-            has_broken_chains_ |= is_left && one.kind->does == harm::CHAINS;
+    explicit repair_policy(const survey &checked) : doubtful_(doubtful_nodes(checked)) {
+        for (const finding &one : checked.findings) {
+            are_areas_in_doubt_ |= one.kind->scope == damage::AREAS;
+            has_broken_chains_ |= one.repair == nullptr && one.kind->scope == damage::CHAINS;
         }
-        leaves_something_ =
-            std::any_of(of.findings.begin(), of.findings.end(), [this](const finding &one) {
-                return one.kind != &found::DIRTY && !may_mend(one);
-            });
+        leaves_findings_ = std::any_of(
+            checked.findings.begin(), checked.findings.end(),
+            [this](const finding &one) { return one.kind != &found::DIRTY && !may_repair(one); });
     }
 
-    [[nodiscard]] bool may_mend(const finding &one) const {
-        if (one.mend == nullptr || has_other_areas_ || is_doubtful(one)) {
+    [[nodiscard]] bool may_repair(const finding &one) const {
+        if (one.repair == nullptr || are_areas_in_doubt_ || is_doubtful(one)) {
             return false;
         }
         if (one.kind == &found::DIRTY) {
-            return !leaves_something_;
+            return !leaves_findings_;
         }
         return !has_broken_chains_ || !changes_chains(*one.kind);
     }
 
     [[nodiscard]] const char *obstacle(const finding &one) const {
-        if (one.mend == nullptr) {
+        if (one.repair == nullptr) {
             return one.kind->obstacle;
         }
-        return has_other_areas_            ? found::AREAS_IN_DOUBT
+        return are_areas_in_doubt_         ? found::AREAS_IN_DOUBT
                : is_doubtful(one)          ? found::DOUBTFUL
                : changes_chains(*one.kind) ? found::BROKEN_CHAIN
                                            : one.kind->obstacle;
@@ -126,8 +124,8 @@ public:
 
 private:
     static bool changes_chains(const finding_kind &kind) {
-        return kind.does == harm::CHAINS || &kind == &found::CHAIN_LONG || &kind == &found::LOST ||
-               &kind == &found::FAT_COPIES;
+        return kind.scope == damage::CHAINS || &kind == &found::CHAIN_LONG ||
+               &kind == &found::LOST || &kind == &found::FAT_COPIES;
     }
 
     [[nodiscard]] bool is_doubtful(const finding &one) const {
@@ -135,46 +133,47 @@ private:
     }
 
     std::vector<bool> doubtful_; // by node
-    bool has_other_areas_ = false;
+    bool are_areas_in_doubt_ = false;
     bool has_broken_chains_ = false;
-    bool leaves_something_ = false;
+    bool leaves_findings_ = false;
 };
 
-// Plans what can be mended, and says of each finding what came of it.
-bool plan_repair(const survey &of, repair *plan, check_result *result) {
-    const choice chosen(of);
-    bool mends = false;
-    for (std::size_t i = 0; i < of.findings.size(); i++) {
-        const finding &one = of.findings[i];
-        told_finding &report = result->findings[i];
-        report.is_mended = chosen.may_mend(one);
-        report.outcome = report.is_mended ? one.remedy : chosen.obstacle(one);
-        if (report.is_mended) {
-            one.mend(plan);
-            mends = true;
+// Plans the repairs and sets the outcome of each finding. Returns whether there is anything to
+// repair.
+bool plan_repairs(const survey &checked, repair_plan *plan, check_result *result) {
+    const repair_policy policy(checked);
+    bool repairs = false;
+    for (std::size_t i = 0; i < checked.findings.size(); i++) {
+        const finding &one = checked.findings[i];
+        reported_finding &report = result->findings[i];
+        report.is_repaired = policy.may_repair(one);
+        report.outcome = report.is_repaired ? one.remedy : policy.obstacle(one);
+        if (report.is_repaired) {
+            one.repair(plan);
+            repairs = true;
         }
     }
-    return mends;
+    return repairs;
 }
 
-// What a second look finds is the truth: a finding that is still there is left, and one that was
-// hidden before is told too.
-void adopt_second_look(const check_result &second, check_result *result) {
-    const std::set<told_finding> left(second.findings.begin(), second.findings.end());
-    const std::set<told_finding> known(result->findings.begin(), result->findings.end());
-    for (told_finding &one : result->findings) {
-        if (one.is_mended && left.contains(one)) {
-            one.is_mended = false;
-            one.outcome = "it came back";
-        } else if (!one.is_mended && !left.contains(one)) {
-            one.is_mended = true;
-            one.outcome = "it went with another";
+// The second check decides: a finding that is still present is not repaired, and one that was
+// hidden before is added.
+void compare_with_second_check(const check_result &second, check_result *result) {
+    const std::set<reported_finding> remaining(second.findings.begin(), second.findings.end());
+    const std::set<reported_finding> known(result->findings.begin(), result->findings.end());
+    for (reported_finding &one : result->findings) {
+        if (one.is_repaired && remaining.contains(one)) {
+            one.is_repaired = false;
+            one.outcome = "still present after the repair";
+        } else if (!one.is_repaired && !remaining.contains(one)) {
+            one.is_repaired = true;
+            one.outcome = "fixed by another repair";
         }
     }
-    for (const told_finding &one : second.findings) {
+    for (const reported_finding &one : second.findings) {
         if (!known.contains(one)) {
             result->findings.push_back(one);
-            result->findings.back().outcome = "it shows since the others are mended";
+            result->findings.back().outcome = "found only after the other repairs";
         }
     }
     result->used_clusters = second.used_clusters;
@@ -183,20 +182,20 @@ void adopt_second_look(const check_result &second, check_result *result) {
 } // namespace
 
 check_result check_volume(volume &vol) {
-    survey seen(vol);
-    look(&seen);
-    return result_of(seen);
+    survey checked(vol);
+    run_all_checks(&checked);
+    return result_of(checked);
 }
 
 check_result repair_volume(volume &vol) {
-    survey seen(vol);
-    look(&seen);
-    check_result result = result_of(seen);
-    repair plan(vol);
-    if (plan_repair(seen, &plan, &result)) {
+    survey checked(vol);
+    run_all_checks(&checked);
+    check_result result = result_of(checked);
+    repair_plan plan(vol);
+    if (plan_repairs(checked, &plan, &result)) {
         plan.write();
         vol.fat().forget_changes();
-        adopt_second_look(check_volume(vol), &result);
+        compare_with_second_check(check_volume(vol), &result);
     }
     return result;
 }

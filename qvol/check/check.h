@@ -6,23 +6,23 @@
 
 namespace qvol {
 
-// A finding as it is told.
-struct told_finding {
+// A finding as it is printed.
+struct reported_finding {
     std::string kind;
-    std::string path; // as a terminal may be shown it; "": the volume's
+    std::string path; // safe for a terminal; "": the finding is about the volume
     std::string json_path;
-    u32 cluster; // 0: none
+    u32 cluster; // 0: no cluster
     std::string text;
-    bool is_mended = false;
-    std::string outcome; // of a repair: what was done, or why it is left
+    bool is_repaired = false;
+    std::string outcome; // of a repair: what was done, or why nothing was
 
-    bool operator<(const told_finding &other) const {
+    bool operator<(const reported_finding &other) const {
         return std::tie(kind, path, cluster) < std::tie(other.kind, other.path, other.cluster);
     }
 };
 
 struct check_result {
-    std::vector<told_finding> findings; // of the areas, of the tree by path, of lost clusters
+    std::vector<reported_finding> findings; // areas, then the tree by path, then lost clusters
     u64 files = 0;
     u64 directories = 0;
     u32 used_clusters = 0;
@@ -31,7 +31,7 @@ struct check_result {
 
 [[nodiscard]] check_result check_volume(volume &vol);
 
-// The same, and mends what can be mended. A volume that nothing can be mended on is not written to.
+// Checks the volume and repairs what can be repaired. Writes nothing if there is nothing to repair.
 [[nodiscard]] check_result repair_volume(volume &vol);
 
 } // namespace qvol

@@ -1,4 +1,4 @@
-// Lost clusters: in use by the FAT, and of no entry.
+// Lost clusters: allocated in the FAT, referenced by no entry.
 
 #include "qvol/check/repair.h"
 #include "qvol/check/survey.h"
@@ -12,65 +12,67 @@ namespace qvol {
 
 namespace {
 
-// Steps of a lost cluster on its way into a chain.
-constexpr u32 LOST_HEAD = LOST_OWNER - 2;   // no other leads to it
-constexpr u32 LOST_MEMBER = LOST_OWNER - 1; // another one does
+// Owners of a lost cluster that is not yet part of a reported chain.
+constexpr u32 LOST_HEAD = LOST_OWNER - 2;   // no lost cluster links to it
+constexpr u32 LOST_MEMBER = LOST_OWNER - 1; // a lost cluster links to it
 
-bool is_waiting(const survey &in, u32 cluster) {
-    const u32 owner = in.owners.get(cluster);
+bool is_pending(const survey &checked, u32 cluster) {
+    const u32 owner = checked.owners.get(cluster);
     return owner == LOST_HEAD || owner == LOST_MEMBER;
 }
 
-// Whether a value of the FAT is the number of a lost cluster that is in no chain yet.
-bool leads_to_waiting(const survey &in, u32 value) {
-    return value >= fat::FIRST_DATA_CLUSTER && value <= in.table.last_cluster() &&
-           is_waiting(in, value);
+// Whether a value of the FAT is the number of a pending lost cluster.
+bool links_to_pending(const survey &checked, u32 value) {
+    return value >= fat::FIRST_DATA_CLUSTER && value <= checked.table.last_cluster() &&
+           is_pending(checked, value);
 }
 
-std::vector<u32> collect_lost(survey *in) {
+std::vector<u32> collect_lost(survey *checked) {
     std::vector<u32> lost;
-    in->table.visit_used([&](u32 cluster, u32 value) {
-        if (value != fat::bad_mark() && in->owners.get(cluster) == 0) {
-            in->owners.set(cluster, LOST_HEAD);
+    checked->table.visit_used([&](u32 cluster, u32 value) {
+        if (value != fat::bad_mark() && checked->owners.get(cluster) == 0) {
+            checked->owners.set(cluster, LOST_HEAD);
             lost.push_back(cluster);
         }
     });
     return lost;
 }
 
-void mark_members(survey *in, const std::vector<u32> &lost) {
+void mark_members(survey *checked, const std::vector<u32> &lost) {
     for (const u32 cluster : lost) {
-        const u32 next = in->table.get(cluster);
-        if (next != cluster && leads_to_waiting(*in, next)) {
-            in->owners.set(next, LOST_MEMBER);
+        const u32 next = checked->table.get(cluster);
+        if (next != cluster && links_to_pending(*checked, next)) {
+            checked->owners.set(next, LOST_MEMBER);
         }
     }
 }
 
-void take_chain(survey *in, u32 head) {
+void report_chain(survey *checked, u32 head) {
     u32 count = 0;
-    for (u32 cluster = head; leads_to_waiting(*in, cluster); cluster = in->table.get(cluster)) {
-        in->owners.set(cluster, LOST_OWNER);
+    for (u32 cluster = head; links_to_pending(*checked, cluster);
+         cluster = checked->table.get(cluster)) {
+        checked->owners.set(cluster, LOST_OWNER);
         count++;
     }
-    in->add({&found::LOST, NO_NODE, head,
-             count == 1 ? "is lost: in use, and of no entry"
-                        : fmt::format("begins a lost chain of {} clusters: in use, and of no entry",
-                                      count),
-             counted(count, "cluster was", "clusters were") + " given back",
-             [head, count](repair *plan) { plan->release_chain(head, count); }});
+    checked->add(
+        {&found::LOST, NO_NODE, head,
+         count == 1
+             ? "lost cluster: allocated, referenced by no entry"
+             : fmt::format("lost chain of {} clusters: allocated, referenced by no entry", count),
+         counted(count, "cluster", "clusters") + " freed",
+         [head, count](repair_plan *plan) { plan->release_chain(head, count); }});
 }
 
 } // namespace
 
-// Chains from their heads; what then is left are circles.
-void check_lost_clusters(survey *in) {
-    const std::vector<u32> lost = collect_lost(in);
-    mark_members(in, lost);
-    for (const u32 step : {LOST_HEAD, LOST_MEMBER}) {
+// Reports chains from their heads; the remaining clusters form cycles.
+void check_lost_clusters(survey *checked) {
+    const std::vector<u32> lost = collect_lost(checked);
+    mark_members(checked, lost);
+    for (const u32 owner : {LOST_HEAD, LOST_MEMBER}) {
         for (const u32 cluster : lost) {
-            if (in->owners.get(cluster) == step) {
-                take_chain(in, cluster);
+            if (checked->owners.get(cluster) == owner) {
+                report_chain(checked, cluster);
             }
         }
     }

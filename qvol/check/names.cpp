@@ -9,7 +9,7 @@ namespace qvol {
 
 namespace {
 
-// What some systems set beside the case bits: the short name stands for a long one alone.
+// Some systems set this next to the case bits: the short name only serves a long name.
 constexpr u32 CASE_NO_SHORT_NAME = 0x20;
 constexpr std::string_view FORBIDDEN_IN_SHORT = "\"*+,./:;<=>?[\\]|";
 
@@ -19,74 +19,75 @@ bool is_short_name_byte(u8 byte) {
            FORBIDDEN_IN_SHORT.find(static_cast<char>(byte)) == std::string_view::npos;
 }
 
-// Why the entry's 11 bytes are no short name, or nothing.
-std::optional<std::string> short_name_problem(const entry &of) {
-    const short_name name = of.alias();
+// Why the 11 bytes of the entry are not a valid short name, if they are not.
+std::optional<std::string> short_name_problem(const entry &named) {
+    const short_name name = named.alias();
     if (name[0] == ' ') {
-        return "it begins with a blank";
+        return "begins with a space";
     }
     for (std::size_t i = 0; i < name.size(); i++) {
         const bool is_escape = i == 0 && name[i] == fat::NAME_ESCAPED_E5;
         if (!is_escape && !is_short_name_byte(name[i])) {
-            return fmt::format("it holds the byte 0x{:02x}", name[i]);
+            return fmt::format("contains byte 0x{:02x}", name[i]);
         }
     }
-    const u32 case_bits = fat::load(of.raw.data(), fat::SHORT_SYSID);
-    if (!of.has_long_name && (case_bits & CASE_NO_SHORT_NAME) != 0) {
-        return fmt::format("its case byte 0x{:02x} says so", case_bits);
+    const u32 case_bits = fat::load(named.raw.data(), fat::SHORT_SYSID);
+    if (!named.has_long_name && (case_bits & CASE_NO_SHORT_NAME) != 0) {
+        return fmt::format("case byte 0x{:02x} requires a long name", case_bits);
     }
     return std::nullopt;
 }
 
 class name_check {
 public:
-    name_check(survey *in, u32 directory) : in_(in), directory_(in->nodes[directory]) {}
+    name_check(survey *checked, u32 directory)
+        : checked_(checked), directory_(checked->nodes[directory]) {}
 
     void run() {
         for (u32 node = directory_.first_child; node < directory_.first_child + directory_.children;
              node++) {
-            check_form(node);
-            check_other(node);
+            check_validity(node);
+            check_uniqueness(node);
         }
     }
 
 private:
-    void tell(const finding_kind &as, u32 node, std::string text) {
-        in_->add({&as, node, in_->nodes[node].of.start(), std::move(text), ""});
+    void add_finding(const finding_kind &kind, u32 node, std::string text) {
+        checked_->add({&kind, node, checked_->nodes[node].dentry.start(), std::move(text), ""});
     }
 
-    void check_form(u32 node) {
-        const entry &of = in_->nodes[node].of;
-        const std::optional<std::string> of_short = short_name_problem(of);
-        const std::optional<std::string> of_long =
-            of.has_long_name ? name_problem(of.name) : std::nullopt;
-        if (of_short) {
-            tell(found::NAME, node, "the short name is none: " + *of_short);
+    void check_validity(u32 node) {
+        const entry &child = checked_->nodes[node].dentry;
+        const std::optional<std::string> short_problem = short_name_problem(child);
+        const std::optional<std::string> long_problem =
+            child.has_long_name ? name_problem(child.name) : std::nullopt;
+        if (short_problem) {
+            add_finding(found::NAME, node, "invalid short name: " + *short_problem);
         }
-        if (of_long) {
-            tell(found::NAME, node, "the name is none: " + *of_long);
+        if (long_problem) {
+            add_finding(found::NAME, node, "invalid name: " + *long_problem);
         }
     }
 
-    void check_other(u32 node) {
-        const entry &of = in_->nodes[node].of;
-        const auto [named, is_new_name] = names_.try_emplace(fold_case(of.name), node);
-        const std::u16string alias = short_name_units(of.alias(), 0);
+    void check_uniqueness(u32 node) {
+        const entry &child = checked_->nodes[node].dentry;
+        const auto [named, is_new_name] = names_.try_emplace(fold_case(child.name), node);
+        const std::u16string alias = short_name_units(child.alias(), 0);
         const auto [aliased, is_new_alias] = aliases_.try_emplace(alias, node);
         if (!is_new_name) {
-            tell(found::DUPLICATE_NAME, node, "the same name as " + shown(named->second));
+            add_finding(found::DUPLICATE_NAME, node, "same name as " + shown(named->second));
         } else if (!is_new_alias) {
-            tell(found::DUPLICATE_SHORT, node,
-                 fmt::format("the same short name as {}: {}", shown(aliased->second),
-                             in_->vol.names().shown(alias)));
+            add_finding(found::DUPLICATE_SHORT, node,
+                        fmt::format("same short name as {}: {}", shown(aliased->second),
+                                    checked_->vol.names().shown(alias)));
         }
     }
 
     [[nodiscard]] std::string shown(u32 node) const {
-        return shown_path(*in_, node);
+        return shown_path(*checked_, node);
     }
 
-    survey *in_;
+    survey *checked_;
     tree_node directory_;
     std::unordered_map<std::u16string, u32> names_; // folded; the first node that has it
     std::unordered_map<std::u16string, u32> aliases_;
@@ -94,8 +95,8 @@ private:
 
 } // namespace
 
-void check_names(survey *in, u32 directory) {
-    name_check(in, directory).run();
+void check_names(survey *checked, u32 directory) {
+    name_check(checked, directory).run();
 }
 
 } // namespace qvol

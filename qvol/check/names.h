@@ -6,7 +6,7 @@
 
 namespace qvol {
 
-// Names that no volume can hold, and names that stand twice among the children of a directory.
-void check_names(survey *in, u32 directory);
+// Finds invalid names and duplicate names among the children of a directory.
+void check_names(survey *checked, u32 directory);
 
 } // namespace qvol

@@ -15,62 +15,64 @@ void store_signatures(u8 *fsinfo) {
     fat::store(fsinfo, fat::FSINFO_TRAIL, fat::FSINFO_TRAIL_SIGNATURE);
 }
 
-// Reads a sector, has it changed, and writes it back where that makes a difference.
+// Reads a sector, applies the change, and writes the sector if the change makes a difference.
 void change_sector(u64 sector, const std::function<void(u8 *bytes)> &change) {
-    const std::vector<u8> before = read_run(sector, 1);
+    const std::vector<u8> before = read_extent(sector, 1);
     std::vector<u8> bytes = before;
     change(bytes.data());
     if (bytes != before) {
-        write_run(sector, bytes);
+        write_extent(sector, bytes);
     }
 }
 
 } // namespace
 
-// ---- gathering --------------------------------------------------------------------------------
+// ---- collecting --------------------------------------------------------------------------------
 
-void repair::change_slot(const fat::dentry_location &place, u32 offset, std::vector<u8> bytes) {
-    changes_[place.sector].push_back({place.offset + offset, std::move(bytes)});
+void repair_plan::change_slot(const fat::dentry_location &location, u32 offset,
+                              std::vector<u8> bytes) {
+    changes_[location.sector].push_back({location.offset + offset, std::move(bytes)});
 }
 
-void repair::remove_slot(const fat::dentry_location &place) {
-    change_slot(place, fat::SHORT_NAME.offset, {fat::NAME_DELETED});
+void repair_plan::remove_slot(const fat::dentry_location &location) {
+    change_slot(location, fat::SHORT_NAME.offset, {fat::NAME_DELETED});
 }
 
-void repair::write_slot(const fat::dentry_location &place,
-                        const std::array<u8, fat::DENTRY_SIZE> &raw) {
-    change_slot(place, 0, {raw.begin(), raw.end()});
+void repair_plan::write_slot(const fat::dentry_location &location,
+                             const std::array<u8, fat::DENTRY_SIZE> &raw) {
+    change_slot(location, 0, {raw.begin(), raw.end()});
 }
 
-void repair::clear_start(const fat::dentry_location &place) {
-    change_slot(place, fat::SHORT_START_HIGH.offset, std::vector<u8>(fat::SHORT_START_HIGH.size));
-    change_slot(place, fat::SHORT_START_LOW.offset, std::vector<u8>(fat::SHORT_START_LOW.size));
+void repair_plan::clear_start(const fat::dentry_location &location) {
+    change_slot(location, fat::SHORT_START_HIGH.offset,
+                std::vector<u8>(fat::SHORT_START_HIGH.size));
+    change_slot(location, fat::SHORT_START_LOW.offset, std::vector<u8>(fat::SHORT_START_LOW.size));
 }
 
-void repair::clear_slot_start(const fat::dentry_location &place) {
-    change_slot(place, fat::SLOT_START.offset, std::vector<u8>(fat::SLOT_START.size));
+void repair_plan::clear_slot_start(const fat::dentry_location &location) {
+    change_slot(location, fat::SLOT_START.offset, std::vector<u8>(fat::SLOT_START.size));
 }
 
-void repair::clear_slot_reserve(const fat::dentry_location &place) {
-    change_slot(place, fat::SLOT_ATTR.offset, {fat::ATTR_LONG_NAME});
-    change_slot(place, fat::SLOT_SYSID.offset, {0});
+void repair_plan::clear_reserved_bits(const fat::dentry_location &location) {
+    change_slot(location, fat::SLOT_ATTR.offset, {fat::ATTR_LONG_NAME});
+    change_slot(location, fat::SLOT_SYSID.offset, {0});
 }
 
-void repair::clear_size(const fat::dentry_location &place) {
-    change_slot(place, fat::SHORT_FILE_SIZE.offset, std::vector<u8>(fat::SHORT_FILE_SIZE.size));
+void repair_plan::clear_size(const fat::dentry_location &location) {
+    change_slot(location, fat::SHORT_FILE_SIZE.offset, std::vector<u8>(fat::SHORT_FILE_SIZE.size));
 }
 
-void repair::end_chain(u32 last) {
+void repair_plan::end_chain(u32 last) {
     vol_.fat().set(last, fat::FAT_END_MARK);
 }
 
-void repair::release_chain(u32 first, u32 count) {
+void repair_plan::release_chain(u32 first, u32 count) {
     vol_.fat().release(claimed_clusters(&vol_.fat(), first, count));
 }
 
 // ---- writing ----------------------------------------------------------------------------------
 
-void repair::write_slots() {
+void repair_plan::write_slots() {
     for (const auto &[sector, changes] : changes_) {
         change_sector(sector, [&list = changes](u8 *bytes) {
             for (const change &one : list) {
@@ -80,8 +82,8 @@ void repair::write_slots() {
     }
 }
 
-// Entries 0 and 1, which are no cluster's, in every copy.
-void repair::write_fixed_entries() {
+// Entries 0 and 1, which do not represent clusters, in every copy.
+void repair_plan::write_fixed_entries() {
     for (u32 copy = 0; copy < vol_.boot().fat_copies; copy++) {
         change_sector(sv->fat_start + u64{copy} * sv->fat_size, [&](u8 *bytes) {
             for (const auto &[number, value] : fixed_entries_) {
@@ -91,31 +93,31 @@ void repair::write_fixed_entries() {
     }
 }
 
-void repair::write_boot_mark() {
+void repair_plan::clear_boot_flag() {
     const u32 extended = sv->fat_type == 32 ? fat::EBR_OFFSET_FAT32 : fat::EBR_OFFSET_FAT16;
     change_sector(0, [&](u8 *bytes) { fat::store(bytes + extended, fat::EBR_RESERVED, 0); });
 }
 
-// Entries let go of clusters before these are free; what others rely on follows what it tells
-// about; the mark that all is well comes last.
-void repair::write() {
+// Directory entries drop their references before the clusters are freed; backups and counts follow
+// the data that they describe; the clean flag is set last.
+void repair_plan::write() {
     write_slots();
     vol_.fat().write_changes();
-    if (makes_copies_equal_) {
+    if (copies_first_fat_) {
         (void)vol_.fat().mirror();
     }
     write_fixed_entries();
     if (backup_sector_) {
-        write_run(*backup_sector_, read_run(0, 1));
+        write_extent(*backup_sector_, read_extent(0, 1));
     }
     if (fsinfo_sector_) {
         change_sector(*fsinfo_sector_, store_signatures);
     }
     vol_.finish();
-    if (marks_clean_) {
+    if (sets_clean_) {
         fixed_entries_[1] = fat::FAT_END_MARK;
         write_fixed_entries();
-        write_boot_mark();
+        clear_boot_flag();
         vol_.where().sync();
     }
 }

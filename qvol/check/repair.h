@@ -1,5 +1,4 @@
-// What is to be mended, gathered first and then written in an order whose interruption does no
-// harm.
+// Repairs: collected first, then written in an order that makes an interruption harmless.
 
 #pragma once
 
@@ -12,25 +11,26 @@
 
 namespace qvol {
 
-class repair {
+class repair_plan {
 public:
-    explicit repair(volume &vol) : vol_(vol) {}
-    repair(const repair &) = delete;
-    repair &operator=(const repair &) = delete;
+    explicit repair_plan(volume &vol) : vol_(vol) {}
+    repair_plan(const repair_plan &) = delete;
+    repair_plan &operator=(const repair_plan &) = delete;
 
     // ---- slots ----
-    void remove_slot(const fat::dentry_location &place);
-    void write_slot(const fat::dentry_location &place, const std::array<u8, fat::DENTRY_SIZE> &raw);
-    void clear_start(const fat::dentry_location &place);
-    void clear_slot_start(const fat::dentry_location &place); // of a long-name slot
-    void clear_slot_reserve(const fat::dentry_location &place);
-    void clear_size(const fat::dentry_location &place);
+    void remove_slot(const fat::dentry_location &location);
+    void write_slot(const fat::dentry_location &location,
+                    const std::array<u8, fat::DENTRY_SIZE> &raw);
+    void clear_start(const fat::dentry_location &location);
+    void clear_slot_start(const fat::dentry_location &location);    // of a long-name slot
+    void clear_reserved_bits(const fat::dentry_location &location); // of a long-name slot
+    void clear_size(const fat::dentry_location &location);
 
     // ---- the FAT ----
     void end_chain(u32 last);
     void release_chain(u32 first, u32 count);
-    void make_copies_equal() {
-        makes_copies_equal_ = true;
+    void copy_first_fat() {
+        copies_first_fat_ = true;
     }
     void set_fixed_entry(u32 number, u32 value) {
         fixed_entries_[number] = value;
@@ -43,20 +43,20 @@ public:
     void write_fsinfo(u32 sector) {
         fsinfo_sector_ = sector;
     }
-    void mark_clean() {
-        marks_clean_ = true;
+    void set_clean() {
+        sets_clean_ = true;
     }
 
-    // Writes all of it and synchronises.
+    // Writes all repairs and syncs the medium.
     void write();
 
 private:
-    void change_slot(const fat::dentry_location &place, u32 offset, std::vector<u8> bytes);
+    void change_slot(const fat::dentry_location &location, u32 offset, std::vector<u8> bytes);
     void write_slots();
     void write_fixed_entries();
-    static void write_boot_mark();
+    static void clear_boot_flag();
 
-    // Bytes that are changed in a sector.
+    // A changed range of bytes in a sector.
     struct change {
         u32 offset;
         std::vector<u8> bytes;
@@ -64,11 +64,11 @@ private:
 
     volume &vol_;
     std::map<u32, std::vector<change>> changes_; // by sector
-    bool makes_copies_equal_ = false;
+    bool copies_first_fat_ = false;
     std::map<u32, u32> fixed_entries_;
     std::optional<u32> backup_sector_;
     std::optional<u32> fsinfo_sector_;
-    bool marks_clean_ = false;
+    bool sets_clean_ = false;
 };
 
 } // namespace qvol

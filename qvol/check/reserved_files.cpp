@@ -2,6 +2,7 @@
 
 #include "qvol/check/chains.h"
 #include "qvol/file_data.h"
+#include "qvol/output.h"
 #include "qvol/sectors.h"
 
 #include <cstring>
@@ -16,30 +17,31 @@ constexpr char POOL_NAME[] = "ZUQ_POOLSY$";
 constexpr char LOG_NAME[] = "$ZUQ_LOGLO$";
 constexpr u32 LOG_BYTES = 128 * 1024; // at least; rounded up to full clusters
 
-bool is_file_of_root(const survey &in, u32 node, const char *name) {
-    const tree_node &candidate = in.nodes[node];
-    return candidate.parent == ROOT_NODE && candidate.of.type() == kind::FILE &&
-           std::memcmp(candidate.of.raw.data(), name, fat::SHORT_NAME.size) == 0;
+bool is_file_of_root(const survey &checked, u32 node, const char *name) {
+    const tree_node &candidate = checked.nodes[node];
+    return candidate.parent == ROOT_NODE && candidate.dentry.type() == kind::FILE &&
+           std::memcmp(candidate.dentry.raw.data(), name, fat::SHORT_NAME.size) == 0;
 }
 
-void check_size(survey *in, u32 node, const finding_kind &as, u32 wanted) {
-    const u32 size = in->nodes[node].of.size();
+void check_size(survey *checked, u32 node, const finding_kind &kind, u32 wanted) {
+    const u32 size = checked->nodes[node].dentry.size();
     if (size != wanted) {
-        in->add({&as, node, in->nodes[node].of.start(),
-                 fmt::format("has {} bytes, the driver needs {}", size, wanted), ""});
+        checked->add(
+            {&kind, node, checked->nodes[node].dentry.start(),
+             fmt::format("size is {}, should be {}", counted(size, "byte", "bytes"), wanted), ""});
     }
 }
 
-// What the header has to say in a word, by its field.
+// A field of the header and its required value.
 struct header_word {
-    fat::field where;
+    fat::field field;
     u32 value;
 };
 
-void check_pool_header(survey *in, u32 node) {
-    const entry &pool = in->nodes[node].of;
-    if (in->owners.get(pool.start()) != node + 1 || !is_in_image(pool.start())) {
-        return; // that is told with the chain
+void check_pool_header(survey *checked, u32 node) {
+    const entry &pool = checked->nodes[node].dentry;
+    if (checked->owners.get(pool.start()) != node + 1 || !is_in_image(pool.start())) {
+        return; // reported with the chain
     }
     constexpr u32 ALL_ONES = 0xFFFFFFFF;
     const header_word words[] = {
@@ -47,32 +49,32 @@ void check_pool_header(survey *in, u32 node) {
         {fat::POOL_SECOND, pool.start()},  {fat::POOL_ONE, 1},  {fat::POOL_FIRST_MARK, ALL_ONES},
         {fat::POOL_SECOND_MARK, ALL_ONES},
     };
-    const std::vector<u8> header = read_run(sector_of_cluster(pool.start()), 1);
+    const std::vector<u8> header = read_extent(sector_of_cluster(pool.start()), 1);
     for (const header_word &word : words) {
-        const u32 value = fat::load(header.data(), word.where);
+        const u32 value = fat::load(header.data(), word.field);
         if (value != word.value) {
-            in->add({&found::POOL, node, pool.start(),
-                     fmt::format("the header holds {:#x} at byte {}, where {:#x} has to stand",
-                                 value, word.where.offset, word.value),
-                     ""});
+            checked->add({&found::POOL, node, pool.start(),
+                          fmt::format("header field at byte {} is {:#x}, should be {:#x}",
+                                      word.field.offset, value, word.value),
+                          ""});
         }
     }
 }
 
 } // namespace
 
-bool is_pool(const survey &in, u32 node) {
-    return is_file_of_root(in, node, POOL_NAME);
+bool is_pool(const survey &checked, u32 node) {
+    return is_file_of_root(checked, node, POOL_NAME);
 }
 
-void check_reserved_files(survey *in) {
-    const tree_node root = in->nodes[ROOT_NODE];
+void check_reserved_files(survey *checked) {
+    const tree_node root = checked->nodes[ROOT_NODE];
     for (u32 node = root.first_child; node < root.first_child + root.children; node++) {
-        if (is_pool(*in, node)) {
-            check_size(in, node, found::POOL, fat::cluster_bytes());
-            check_pool_header(in, node);
-        } else if (is_file_of_root(*in, node, LOG_NAME)) {
-            check_size(in, node, found::LOG, clusters_for(LOG_BYTES) * fat::cluster_bytes());
+        if (is_pool(*checked, node)) {
+            check_size(checked, node, found::POOL, fat::cluster_bytes());
+            check_pool_header(checked, node);
+        } else if (is_file_of_root(*checked, node, LOG_NAME)) {
+            check_size(checked, node, found::LOG, clusters_for(LOG_BYTES) * fat::cluster_bytes());
         }
     }
 }

@@ -6,8 +6,8 @@
 
 namespace qvol {
 
-// The driver keeps clusters in stock in the chain of the pool: it is longer than the size by
-// design.
-[[nodiscard]] bool is_pool(const survey &in, u32 node);
+// Intentional: the driver stores spare clusters in the chain of the pool, which is therefore longer
+// than the file size.
+[[nodiscard]] bool is_pool(const survey &checked, u32 node);
 
 } // namespace qvol

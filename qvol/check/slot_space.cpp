@@ -12,62 +12,64 @@ u32 slots_per_cluster() {
     return fat::cluster_bytes() / fat::DENTRY_SIZE;
 }
 
-// Takes the slots of a directory one by one.
+// Accepts the slots of a directory one by one.
 class content_reader {
 public:
-    void take(const u8 *slot, u32 index) {
+    void accept(const u8 *slot, u32 index) {
         if (!is_removed(slot) && is_long_name_slot(slot)) {
-            take_long_name_slot(slot, index);
+            accept_long_name_slot(slot, index);
             return;
         }
         if (is_removed(slot)) {
-            close_run(index, index);
+            close_span(index, index);
         } else if (is_entry(slot)) {
-            take_entry(entry_of_slot(slot, index, run_));
+            accept_entry(entry_of_slot(slot, index, assembler_));
         } else {
-            close_run(index, index);
-            content_.no_entries.push_back(index);
+            close_span(index, index);
+            content_.invalid.push_back(index);
         }
-        behind_run_ = index + 1;
-        run_.reset();
+        span_start_ = index + 1;
+        assembler_.reset();
     }
 
     [[nodiscard]] directory_content finish(u32 end) {
-        close_run(end, end);
+        close_span(end, end);
         return std::move(content_);
     }
 
 private:
-    void take_long_name_slot(const u8 *slot, u32 index) {
-        run_.accept(slot, index);
+    void accept_long_name_slot(const u8 *slot, u32 index) {
+        assembler_.accept(slot, index);
         if (fat::load(slot, fat::SLOT_START) != 0) {
-            content_.started.push_back(index);
+            content_.with_cluster.push_back(index);
         }
         const bool has_other_bits = fat::load(slot, fat::SLOT_ATTR) != fat::ATTR_LONG_NAME;
         if (has_other_bits || fat::load(slot, fat::SLOT_SYSID) != 0) {
-            content_.reserved.push_back(index);
+            content_.with_reserved_bits.push_back(index);
         }
     }
 
-    void take_entry(const entry &found) {
-        const bool misfits = run_.is_whole() && !found.has_long_name && found.type() != kind::LABEL;
-        close_run(misfits ? run_.first_slot : found.first_slot, found.slot);
-        if (misfits) {
-            content_.misfits.push_back({run_.first_slot, found.slot - run_.first_slot});
+    void accept_entry(const entry &found) {
+        const bool mismatched =
+            assembler_.is_whole() && !found.has_long_name && found.type() != kind::LABEL;
+        close_span(mismatched ? assembler_.first_slot : found.first_slot, found.slot);
+        if (mismatched) {
+            content_.mismatched.push_back(
+                {assembler_.first_slot, found.slot - assembler_.first_slot});
         }
         content_.entries.push_back(found);
     }
 
-    // The slots since the last that was none of a long name are of nobody up to `first_owned`.
-    void close_run(u32 first_owned, u32 end) {
+    // Long-name slots since the last other slot belong to no entry, up to `first_owned`.
+    void close_span(u32 first_owned, u32 end) {
         const u32 orphans_end = std::min(first_owned, end);
-        if (orphans_end > behind_run_) {
-            content_.orphans.push_back({behind_run_, orphans_end - behind_run_});
+        if (orphans_end > span_start_) {
+            content_.orphans.push_back({span_start_, orphans_end - span_start_});
         }
     }
 
-    long_name_run run_;
-    u32 behind_run_ = 0; // first slot behind the last one that was none of a long name
+    name_assembler assembler_;
+    u32 span_start_ = 0; // the slot after the last one that is not a long-name slot
     directory_content content_;
 };
 
@@ -76,11 +78,11 @@ private:
 // ---- reading ----------------------------------------------------------------------------------
 
 slot_space::slot_space(std::vector<u32> clusters) : clusters_(std::move(clusters)) {
-    const u32 most = std::max(MAX_SLOTS / slots_per_cluster(), 1U);
-    is_too_long_ = clusters_.size() > most;
-    clusters_.resize(std::min<std::size_t>(clusters_.size(), most));
-    for (const cluster_run &run : runs_of(clusters_)) {
-        load(sector_of_cluster(run.first), run.count * sv->sec_per_clus);
+    const u32 max_clusters = std::max(MAX_SLOTS / slots_per_cluster(), 1U);
+    is_too_long_ = clusters_.size() > max_clusters;
+    clusters_.resize(std::min<std::size_t>(clusters_.size(), max_clusters));
+    for (const cluster_extent &extent : extents_of(clusters_)) {
+        load(sector_of_cluster(extent.first), extent.count * sv->sec_per_clus);
     }
     find_end();
 }
@@ -95,7 +97,7 @@ slot_space slot_space::root_area() {
 void slot_space::load(u64 first_sector, u32 sectors) {
     const std::size_t before = bytes_.size();
     bytes_.resize(before + std::size_t{sectors} * sv->sector_size);
-    read_run_into(first_sector, std::span(bytes_).subspan(before));
+    read_extent_into(first_sector, std::span(bytes_).subspan(before));
 }
 
 void slot_space::find_end() {
@@ -104,7 +106,7 @@ void slot_space::find_end() {
     }
 }
 
-u32 slot_space::remains() const {
+u32 slot_space::slots_past_end() const {
     u32 found = 0;
     for (u32 index = count_; index < capacity(); index++) {
         found += slot(index)[0] != fat::NAME_UNUSED && !is_removed(slot(index)) ? 1 : 0;
@@ -112,7 +114,7 @@ u32 slot_space::remains() const {
     return found;
 }
 
-bool slot_space::is_blank_from(u32 index) const {
+bool slot_space::is_zero_from(u32 index) const {
     const auto from = bytes_.begin() + static_cast<std::ptrdiff_t>(index) * fat::DENTRY_SIZE;
     return index >= count_ && std::all_of(from, bytes_.end(), [](u8 byte) { return byte == 0; });
 }
@@ -130,7 +132,7 @@ fat::dentry_location slot_space::location(u32 slot) const {
 directory_content content_of(const slot_space &space) {
     content_reader reader;
     for (u32 index = 0; index < space.count(); index++) {
-        reader.take(space.slot(index), index);
+        reader.accept(space.slot(index), index);
     }
     return reader.finish(space.count());
 }

@@ -1,4 +1,4 @@
-// The slots of a directory as they stand on the medium, whatever they hold.
+// All slots of a directory as they are stored on the medium, valid or not.
 
 #pragma once
 
@@ -11,17 +11,17 @@ namespace qvol {
 
 class slot_space {
 public:
-    // Reads the clusters of a directory, or the root area of FAT16, as far as a directory may
-    // reach. Throws error where that fails.
+    // Reads the clusters of a directory, or the root area of FAT16, up to the maximum size of a
+    // directory. Throws error if reading fails.
     explicit slot_space(std::vector<u32> clusters);
     [[nodiscard]] static slot_space root_area();
 
-    // Slots in front of the end.
+    // Slots before the end-of-directory slot.
     [[nodiscard]] u32 count() const {
         return count_;
     }
-    // Slots behind the end that hold something: some systems do not look at them, others do.
-    [[nodiscard]] u32 remains() const;
+    // Slots in use past the end of the directory: some systems ignore them, others read them.
+    [[nodiscard]] u32 slots_past_end() const;
 
     [[nodiscard]] bool is_too_long() const {
         return is_too_long_;
@@ -30,8 +30,8 @@ public:
         return bytes_.data() + std::size_t{index} * fat::DENTRY_SIZE;
     }
 
-    // Whether the slot is at or behind the end of the directory, and nothing but zeros from it on.
-    [[nodiscard]] bool is_blank_from(u32 index) const;
+    // Whether the slot is at or past the end of the directory, and all bytes from it on are 0.
+    [[nodiscard]] bool is_zero_from(u32 index) const;
 
     [[nodiscard]] fat::dentry_location location(u32 slot) const;
     [[nodiscard]] u32 cluster_of(u32 slot) const; // 0 in the root area
@@ -50,20 +50,20 @@ private:
     bool is_too_long_ = false;
 };
 
-// Slots that follow one another.
-struct slot_run {
+// Contiguous slots.
+struct slot_span {
     u32 first;
     u32 count;
 };
 
-// What the slots of a directory make up.
+// The entries of a directory, and the slots that do not form entries.
 struct directory_content {
     std::vector<entry> entries;
-    std::vector<slot_run> orphans; // long-name slots of no entry
-    std::vector<slot_run> misfits; // whole long names whose checksum is not that of their entry
-    std::vector<u32> started;      // long-name slots with a first cluster
-    std::vector<u32> reserved;     // long-name slots whose reserved bits are not 0
-    std::vector<u32> no_entries;   // in use, and neither file nor directory nor label
+    std::vector<slot_span> orphans;      // long-name slots of no entry
+    std::vector<slot_span> mismatched;   // complete long names whose checksum does not match
+    std::vector<u32> with_cluster;       // long-name slots whose first cluster is not 0
+    std::vector<u32> with_reserved_bits; // long-name slots whose reserved bits are not 0
+    std::vector<u32> invalid; // slots in use that are neither a file, a directory nor a label
 };
 
 [[nodiscard]] directory_content content_of(const slot_space &space);

@@ -1,4 +1,4 @@
-// What a check knows about a volume: the entries met so far, whose each cluster is, what was found.
+// The state of a check: the entries visited, the owner of each cluster, the findings.
 
 #pragma once
 
@@ -12,7 +12,7 @@
 
 namespace qvol {
 
-// A number for each cluster, 0 at first. Takes memory where there are others.
+// A number for each cluster, 0 at first. Pages are allocated when a number is set in them.
 class cluster_map {
 public:
     [[nodiscard]] u32 get(u32 cluster) const {
@@ -39,12 +39,12 @@ private:
 // The root, at index 0, or an entry below it.
 struct tree_node {
     u32 parent = NO_NODE;
-    entry of{};
-    fat::dentry_location place{}; // of its short entry
+    entry dentry{};
+    fat::dentry_location location{}; // of its short entry
     u32 first_child = 0;
     u32 children = 0;
-    bool is_shared = false;   // another entry leads to clusters of this one
-    bool is_doubtful = false; // what was read as a directory may be something else
+    bool is_shared = false;   // another entry references clusters of this one
+    bool is_doubtful = false; // read as a directory, but may be a file
 };
 
 struct survey {
@@ -53,7 +53,7 @@ struct survey {
     volume &vol;
     fat_table &table;
     std::vector<tree_node> nodes;
-    cluster_map owners; // index of the node, and 1; LOST_OWNER
+    cluster_map owners; // index of the node plus 1, or LOST_OWNER; 0: unowned
     std::vector<finding> findings;
     u32 used_clusters = 0; // by the entries of the tree
 
@@ -65,18 +65,18 @@ struct survey {
 inline constexpr u32 ROOT_NODE = 0;
 inline constexpr u32 LOST_OWNER = std::numeric_limits<u32>::max();
 
-// The names from the root to the node. Of a path of hundreds of names, which no healthy volume has,
-// the first ones are left out: what is told stays in proportion to the volume.
-[[nodiscard]] name_path path_of(const survey &in, u32 node);
-[[nodiscard]] std::string shown_path(const survey &in, u32 node);
+// The names from the root to the node. The first ones are left out of a path of hundreds of names,
+// which no healthy volume has: the size of the report stays in proportion to the volume.
+[[nodiscard]] name_path path_of(const survey &checked, u32 node);
+[[nodiscard]] std::string shown_path(const survey &checked, u32 node);
 
 // ---- the steps, in their order ----
 
-void check_areas(survey *in);          // boot sector, FSInfo, what is fixed in the FAT, its copies
-void check_directories(survey *in);    // the tree, names, and whose clusters the directories' are
-void check_files(survey *in);          // whose clusters the files' are
-void check_reserved_files(survey *in); // pool and log
-void check_lost_clusters(survey *in);  // clusters in use that nobody owns
-void check_fsinfo_counts(survey *in);
+void check_areas(survey *checked); // boot sector, FSInfo, the first two FAT entries, FAT copies
+void check_directories(survey *checked);    // the tree, its names, the chains of directories
+void check_files(survey *checked);          // the chains of files
+void check_reserved_files(survey *checked); // pool and log
+void check_lost_clusters(survey *checked);  // allocated clusters without an owner
+void check_fsinfo_counts(survey *checked);
 
 } // namespace qvol

@@ -1,4 +1,5 @@
-// The directories of the volume: each is claimed, read once, and its entries become nodes.
+// The directories of the volume: claims the chain of each, reads it once, and adds its entries as
+// nodes.
 
 #include "qvol/check/chains.h"
 #include "qvol/check/names.h"
@@ -17,7 +18,7 @@ namespace {
 
 constexpr std::size_t MAX_SHOWN_NAMES = 256; // of a path
 
-// What a dot entry has to be.
+// The required content of a dot entry.
 struct dot {
     u32 slot;
     const u8 (&name)[fat::SHORT_NAME.size];
@@ -27,9 +28,9 @@ struct dot {
 
 class directory_check {
 public:
-    directory_check(survey *in, u32 node) : in_(in), node_(node) {}
+    directory_check(survey *checked, u32 node) : checked_(checked), node_(node) {}
 
-    // Returns the sub-directories, in the order of their names.
+    // Returns the subdirectories, in the order of their names.
     std::vector<u32> run() {
         try {
             const std::optional<slot_space> space = claim();
@@ -37,30 +38,31 @@ public:
                 check_content(*space);
             }
         } catch (const error &failure) {
-            tell(found::UNREADABLE, start(), failure.what());
+            add_finding(found::UNREADABLE, start(), failure.what());
         }
-        return sub_directories();
+        return subdirectories();
     }
 
 private:
-    [[nodiscard]] const entry &of() const {
-        return in_->nodes[node_].of;
+    [[nodiscard]] const entry &own_entry() const {
+        return checked_->nodes[node_].dentry;
     }
     [[nodiscard]] bool is_root() const {
         return node_ == ROOT_NODE;
     }
     [[nodiscard]] u32 start() const {
-        return is_root() ? sv->root_clus : of().start();
+        return is_root() ? sv->root_clus : own_entry().start();
     }
-    // What ".." has to hold.
+    // The required first cluster of "..".
     [[nodiscard]] u32 parent_link() const {
-        const u32 parent = in_->nodes[node_].parent;
-        return parent == ROOT_NODE ? 0 : in_->nodes[parent].of.start();
+        const u32 parent = checked_->nodes[node_].parent;
+        return parent == ROOT_NODE ? 0 : checked_->nodes[parent].dentry.start();
     }
 
-    void tell(const finding_kind &as, u32 cluster, std::string text, std::string remedy = "",
-              std::function<void(repair *)> mend = {}) {
-        in_->add({&as, node_, cluster, std::move(text), std::move(remedy), std::move(mend)});
+    void add_finding(const finding_kind &kind, u32 cluster, std::string text,
+                     std::string remedy = "", std::function<void(repair_plan *)> repair = {}) {
+        checked_->add(
+            {&kind, node_, cluster, std::move(text), std::move(remedy), std::move(repair)});
     }
 
     // ---- the chain ----
@@ -70,16 +72,17 @@ private:
             return slot_space::root_area();
         }
         if (start() == 0) {
-            tell(found::CHAIN_MISSING, 0, "the directory has no cluster");
+            add_finding(found::CHAIN_MISSING, 0, "the directory has no cluster");
             return std::nullopt;
         }
-        const claimed_chain chain = claim_chain(in_, node_, start());
-        check_whole_chain(in_, node_, chain);
-        std::vector<u32> clusters = claimed_clusters(&in_->table, start(), chain.count);
+        const claimed_chain chain = claim_chain(checked_, node_, start());
+        check_whole_chain(checked_, node_, chain);
+        std::vector<u32> clusters = claimed_clusters(&checked_->table, start(), chain.count);
         clusters.erase(std::find_if_not(clusters.begin(), clusters.end(), is_in_image),
                        clusters.end());
         if (chain.count > clusters.size()) {
-            tell(found::UNREADABLE, chain.behind, "what lies there cannot be read");
+            add_finding(found::UNREADABLE, chain.past_image,
+                        "cannot be read: past the end of the image");
         }
         return clusters.empty() ? std::nullopt : std::optional<slot_space>(std::move(clusters));
     }
@@ -97,80 +100,90 @@ private:
         check_slots(space, content);
         check_labels(content);
         add_children(space, content);
-        check_names(in_, node_);
+        check_names(checked_, node_);
     }
 
     void check_size() {
-        if (of().size() != 0) {
-            tell(found::DIRECTORY_SIZE, start(),
-                 fmt::format("the directory has a size, {} bytes", of().size()),
-                 "the size was set to 0",
-                 [place = in_->nodes[node_].place](repair *plan) { plan->clear_size(place); });
+        if (own_entry().size() != 0) {
+            add_finding(found::DIRECTORY_SIZE, start(),
+                        fmt::format("directory size is {}, should be 0",
+                                    counted(own_entry().size(), "byte", "bytes")),
+                        "size set to 0",
+                        [location = checked_->nodes[node_].location](repair_plan *plan) {
+                            plan->clear_size(location);
+                        });
         }
     }
 
     void check_end(const slot_space &space) {
         if (space.is_too_long()) {
-            tell(found::TOO_LONG, start(),
-                 fmt::format("the directory has more than {} slots", MAX_SLOTS));
+            add_finding(
+                found::TOO_LONG, start(),
+                fmt::format("the directory has more than {} slots, the maximum", MAX_SLOTS));
         }
-        if (space.remains() != 0) {
-            tell(found::BEHIND_END, start(),
-                 fmt::format("{} in use behind the end of the directory, slot {}",
-                             counted(space.remains(), "slot", "slots"), space.count()));
+        if (space.slots_past_end() != 0) {
+            add_finding(found::PAST_END, start(),
+                        fmt::format("{} in use past the end of the directory (slot {})",
+                                    counted(space.slots_past_end(), "slot", "slots"),
+                                    space.count()));
         }
     }
 
     void check_long_names(const slot_space &space, const directory_content &content) {
-        for (const slot_run &slots : content.orphans) {
-            tell_slots(found::ORPHAN_SLOTS, space, slots,
-                       fmt::format("{} without an entry from slot {} on",
-                                   counted(slots.count, "long-name slot", "long-name slots"),
-                                   slots.first));
+        for (const slot_span &slots : content.orphans) {
+            add_slot_finding(found::ORPHAN_SLOTS, space, slots,
+                             fmt::format("{} without an entry, starting at slot {}",
+                                         counted(slots.count, "long-name slot", "long-name slots"),
+                                         slots.first));
         }
-        for (const slot_run &slots : content.misfits) {
-            tell_slots(found::CHECKSUM, space, slots,
-                       fmt::format("the long name in slot {} has another checksum than the entry "
-                                   "behind it",
-                                   slots.first));
+        for (const slot_span &slots : content.mismatched) {
+            add_slot_finding(
+                found::CHECKSUM, space, slots,
+                fmt::format("checksum of the long name in slot {} does not match the entry "
+                            "after it",
+                            slots.first));
         }
     }
 
     void check_slots(const slot_space &space, const directory_content &content) {
-        for (const u32 slot : content.started) {
-            tell(found::SLOT_CLUSTER, space.cluster_of(slot),
-                 fmt::format("the long-name slot {} has a first cluster", slot),
-                 "it was taken away",
-                 [place = space.location(slot)](repair *plan) { plan->clear_slot_start(place); });
+        for (const u32 slot : content.with_cluster) {
+            add_finding(found::SLOT_CLUSTER, space.cluster_of(slot),
+                        fmt::format("first cluster of long-name slot {} is {}, should be 0", slot,
+                                    fat::load(space.slot(slot), fat::SLOT_START)),
+                        "set to 0", [location = space.location(slot)](repair_plan *plan) {
+                            plan->clear_slot_start(location);
+                        });
         }
-        for (const u32 slot : content.reserved) {
-            tell(found::SLOT_RESERVED, space.cluster_of(slot),
-                 fmt::format("reserved bits of the long-name slot {} are not 0", slot),
-                 "they were set to 0",
-                 [place = space.location(slot)](repair *plan) { plan->clear_slot_reserve(place); });
+        for (const u32 slot : content.with_reserved_bits) {
+            add_finding(
+                found::SLOT_RESERVED, space.cluster_of(slot),
+                fmt::format("reserved bits of long-name slot {} are set, should be 0", slot),
+                "set to 0", [location = space.location(slot)](repair_plan *plan) {
+                    plan->clear_reserved_bits(location);
+                });
         }
-        for (const u32 slot : content.no_entries) {
-            tell(found::NO_ENTRY, space.cluster_of(slot),
-                 fmt::format("slot {} is neither a file nor a directory nor a label", slot));
+        for (const u32 slot : content.invalid) {
+            add_finding(found::NO_ENTRY, space.cluster_of(slot),
+                        fmt::format("slot {} is neither a file, a directory nor a label", slot));
         }
     }
 
-    void tell_slots(const finding_kind &as, const slot_space &space, const slot_run &run,
-                    std::string text) {
-        std::vector<fat::dentry_location> places;
-        for (u32 i = 0; i < run.count; i++) {
-            places.push_back(space.location(run.first + i));
+    void add_slot_finding(const finding_kind &kind, const slot_space &space, const slot_span &span,
+                          std::string text) {
+        std::vector<fat::dentry_location> locations;
+        for (u32 i = 0; i < span.count; i++) {
+            locations.push_back(space.location(span.first + i));
         }
-        tell(as, space.cluster_of(run.first), std::move(text),
-             run.count == 1 ? "the slot was removed" : "the slots were removed",
-             [places](repair *plan) {
-                 for (const fat::dentry_location &place : places) {
-                     plan->remove_slot(place);
-                 }
-             });
+        add_finding(kind, space.cluster_of(span.first), std::move(text),
+                    span.count == 1 ? "slot removed" : "slots removed",
+                    [locations](repair_plan *plan) {
+                        for (const fat::dentry_location &location : locations) {
+                            plan->remove_slot(location);
+                        }
+                    });
     }
 
-    // A blank label, as the formatter leaves it, is none.
+    // The blank label entry of the formatter is not counted as a label.
     void check_labels(const directory_content &content) {
         u32 labels = 0;
         for (const entry &label : content.entries) {
@@ -178,12 +191,12 @@ private:
                 continue;
             }
             if (!is_root() || label.start() != 0 || label.size() != 0) {
-                tell(found::LABEL_PLACE, label.start(),
-                     fmt::format("slot {} holds a volume label {}", label.slot,
-                                 is_root() ? "with data" : "outside the root"));
+                add_finding(found::LABEL_LOCATION, label.start(),
+                            fmt::format("slot {} holds a volume label {}", label.slot,
+                                        is_root() ? "with data" : "outside the root directory"));
             } else if (!label.name.empty() && ++labels == 2) {
-                tell(found::LABELS, 0,
-                     fmt::format("slot {} holds another volume label", label.slot));
+                add_finding(found::LABELS, 0,
+                            fmt::format("slot {} holds a second volume label", label.slot));
             }
         }
     }
@@ -206,22 +219,24 @@ private:
             return;
         }
         is_dot_[wanted.slot] = may_be_dot(space, there, wanted);
-        in_->nodes[node_].is_doubtful |= !is_dot_[wanted.slot];
-        tell(found::DOT_MISSING, start(),
-             fmt::format("slot {} does not hold {}", wanted.slot, wanted.text), "it was put there",
-             is_dot_[wanted.slot] ? rewriting(space, wanted) : nullptr);
+        checked_->nodes[node_].is_doubtful |= !is_dot_[wanted.slot];
+        add_finding(found::DOT_MISSING, start(),
+                    fmt::format("{} is missing from slot {}", wanted.text, wanted.slot),
+                    "entry written", is_dot_[wanted.slot] ? rewrite_dot(space, wanted) : nullptr);
     }
 
     void check_dot_fields(const slot_space &space, const dot &wanted, const entry &there) {
         if (there.start() != wanted.start) {
-            tell(found::DOT_CLUSTER, start(),
-                 fmt::format("{} leads to cluster {} and not to {}", wanted.text, there.start(),
-                             wanted.start),
-                 "it was set right", rewriting(space, wanted));
+            add_finding(found::DOT_CLUSTER, start(),
+                        fmt::format("first cluster of {} is {}, should be {}", wanted.text,
+                                    there.start(), wanted.start),
+                        "corrected", rewrite_dot(space, wanted));
         }
         if (there.size() != 0) {
-            tell(found::DIRECTORY_SIZE, start(), fmt::format("{} has a size", wanted.text),
-                 "it was set right", rewriting(space, wanted));
+            add_finding(found::DIRECTORY_SIZE, start(),
+                        fmt::format("size of {} is {}, should be 0", wanted.text,
+                                    counted(there.size(), "byte", "bytes")),
+                        "size set to 0", rewrite_dot(space, wanted));
         }
     }
 
@@ -237,7 +252,8 @@ private:
         return entry_of_slot(space.slot(slot), slot, {});
     }
 
-    // Whether a dot entry may be written there: over free space, or over what is left of it.
+    // Whether a dot entry may be written to the slot: the slot is free, or holds a damaged dot
+    // entry.
     static bool may_be_dot(const slot_space &space, const std::optional<entry> &found,
                            const dot &wanted) {
         if (found) {
@@ -245,20 +261,21 @@ private:
                    (found->is_directory() && found->start() == wanted.start);
         }
         return wanted.slot < space.count() ? is_removed(space.slot(wanted.slot))
-                                           : space.is_blank_from(wanted.slot);
+                                           : space.is_zero_from(wanted.slot);
     }
 
-    // An entry that is there keeps its stamps.
-    std::function<void(repair *)> rewriting(const slot_space &space, const dot &wanted) const {
+    // The time stamps of an existing entry are not changed.
+    std::function<void(repair_plan *)> rewrite_dot(const slot_space &space,
+                                                   const dot &wanted) const {
         entry made;
         const std::optional<entry> found = entry_at(space, wanted.slot);
-        made.raw = found ? found->raw : of().raw;
+        made.raw = found ? found->raw : own_entry().raw;
         std::copy_n(wanted.name, sizeof wanted.name, made.raw.begin());
         fat::store(made.raw.data(), fat::SHORT_ATTR, fat::ATTR_DIRECTORY);
         made.set_start(wanted.start);
         made.set_size(0);
-        return [place = space.location(wanted.slot), raw = made.raw](repair *plan) {
-            plan->write_slot(place, raw);
+        return [location = space.location(wanted.slot), raw = made.raw](repair_plan *plan) {
+            plan->write_slot(location, raw);
         };
     }
 
@@ -275,54 +292,54 @@ private:
         std::sort(children.begin(), children.end(), [](const entry &a, const entry &b) {
             return std::tie(a.name, a.slot) < std::tie(b.name, b.slot);
         });
-        in_->nodes[node_].first_child = static_cast<u32>(in_->nodes.size());
-        in_->nodes[node_].children = static_cast<u32>(children.size());
+        checked_->nodes[node_].first_child = static_cast<u32>(checked_->nodes.size());
+        checked_->nodes[node_].children = static_cast<u32>(children.size());
         for (const entry &child : children) {
-            in_->nodes.push_back({node_, child, space.location(child.slot)});
+            checked_->nodes.push_back({node_, child, space.location(child.slot)});
         }
     }
 
     bool is_stray_dot(const entry &child) {
         if (child.is_dot()) {
-            tell(found::DOT_PLACE, child.start(),
-                 fmt::format("slot {} holds a dot entry", child.slot));
+            add_finding(found::DOT_LOCATION, child.start(),
+                        fmt::format("misplaced dot entry in slot {}", child.slot));
         }
         return child.is_dot();
     }
 
-    [[nodiscard]] std::vector<u32> sub_directories() const {
+    [[nodiscard]] std::vector<u32> subdirectories() const {
         std::vector<u32> found;
-        const tree_node &here = in_->nodes[node_];
+        const tree_node &here = checked_->nodes[node_];
         for (u32 node = here.first_child; node < here.first_child + here.children; node++) {
-            if (in_->nodes[node].of.is_directory()) {
+            if (checked_->nodes[node].dentry.is_directory()) {
                 found.push_back(node);
             }
         }
         return found;
     }
 
-    survey *in_;
+    survey *checked_;
     u32 node_;
-    std::array<bool, fat::DOT_ENTRIES> is_dot_{}; // slots that are taken for dot entries
+    std::array<bool, fat::DOT_ENTRIES> is_dot_{}; // slots that are treated as dot entries
 };
 
 } // namespace
 
-void check_directories(survey *in) {
-    std::vector<u32> waiting = {ROOT_NODE};
-    while (!waiting.empty()) {
-        const u32 node = waiting.back();
-        waiting.pop_back();
-        const std::vector<u32> below = directory_check(in, node).run();
-        waiting.insert(waiting.end(), below.rbegin(), below.rend());
+void check_directories(survey *checked) {
+    std::vector<u32> pending = {ROOT_NODE};
+    while (!pending.empty()) {
+        const u32 node = pending.back();
+        pending.pop_back();
+        const std::vector<u32> below = directory_check(checked, node).run();
+        pending.insert(pending.end(), below.rbegin(), below.rend());
     }
 }
 
-name_path path_of(const survey &in, u32 node) {
+name_path path_of(const survey &checked, u32 node) {
     name_path path;
     u32 at = node;
-    for (; at != ROOT_NODE && path.size() < MAX_SHOWN_NAMES; at = in.nodes[at].parent) {
-        path.push_back(in.nodes[at].of.name);
+    for (; at != ROOT_NODE && path.size() < MAX_SHOWN_NAMES; at = checked.nodes[at].parent) {
+        path.push_back(checked.nodes[at].dentry.name);
     }
     if (at != ROOT_NODE) {
         path.emplace_back(u"...");
@@ -331,8 +348,8 @@ name_path path_of(const survey &in, u32 node) {
     return path;
 }
 
-std::string shown_path(const survey &in, u32 node) {
-    return shown_path(in.vol.names(), path_of(in, node));
+std::string shown_path(const survey &checked, u32 node) {
+    return shown_path(checked.vol.names(), path_of(checked, node));
 }
 
 } // namespace qvol

@@ -1,7 +1,7 @@
-// qvol build: from a directory of the host to an image, or a device, that holds it.
+// qvol build: makes an image, or a volume on a device, from a directory of the host.
 //
-// Everything is looked at before anything is made: the options, the tree, the shape of the volume.
-// An image is then made beside its place and gets its name when it is whole and on the medium.
+// Checks the options, the tree and the shape of the volume before it makes anything. An image has a
+// temporary name until it is complete and synced.
 
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
@@ -45,7 +45,7 @@ struct build_options {
 
 // ---- options ----
 
-// `sector_bytes` is what the target has itself.
+// `sector_bytes`: the default sector size, that of the target.
 shape_request parse_shape(const build_options &options, u32 sector_bytes) {
     shape_request request;
     request.fat_type = options.fat_type;
@@ -69,7 +69,7 @@ shape_request parse_shape(const build_options &options, u32 sector_bytes) {
     return request;
 }
 
-// ---- what goes in ----
+// ---- content ----
 
 std::vector<const reserved_file *> reserved_files(const build_options &options) {
     std::vector<const reserved_file *> files;
@@ -82,12 +82,13 @@ std::vector<const reserved_file *> reserved_files(const build_options &options) 
     return files;
 }
 
-// A name of the tree that one of the reserved files is to have.
+// A problem if a node has the name of a reserved file.
 std::optional<std::string> reserved_problem(const host_node &node, const build_options &options) {
     for (const reserved_file *file : reserved_files(options)) {
         if (fold_case(node.name) == units_of_utf8(file->name)) {
-            return shown_bytes(node.path) + ": a file of this name is made anew by " +
-                   (file == &POOL_FILE ? "--pool" : "--log") + "; leave one of them out";
+            const std::string option = file == &POOL_FILE ? "--pool" : "--log";
+            return shown_bytes(node.path) + ": " + option + " makes this file; omit " + option +
+                   " or remove the file";
         }
     }
     return std::nullopt;
@@ -107,13 +108,13 @@ std::vector<host_node> scan_tree(const build_options &options, const name_codec 
         }
     }
     if (!problems.empty()) {
-        throw error("not everything can be stored; nothing was written", problems);
+        throw error("cannot store all entries; nothing was written", problems);
     }
     return nodes;
 }
 
 volume_content content_of(const build_options &options, const std::vector<host_node> &nodes) {
-    volume_content content = {options.from.empty() ? "what was asked for"
+    volume_content content = {options.from.empty() ? "the requested content"
                                                    : shown_bytes(options.from),
                               &nodes,
                               static_cast<u32>(slots_needed(nodes)) + (options.label ? 1 : 0),
@@ -125,7 +126,7 @@ volume_content content_of(const build_options &options, const std::vector<host_n
     return content;
 }
 
-// ---- making it ----
+// ---- building ----
 
 struct build_result {
     tree_totals totals;
@@ -151,7 +152,7 @@ build_result describe(volume &vol, const std::string &path, const tree_totals &t
     return result;
 }
 
-// Formats the target, which is as long as the volume is to be, and puts everything in.
+// Formats the target, which already has the length of the volume, and copies the content.
 build_result build_volume(const common_options &common, const build_options &options,
                           const volume_shape &shape, const std::vector<host_node> &nodes,
                           const target &where) {
@@ -166,7 +167,7 @@ build_result build_volume(const common_options &common, const build_options &opt
         make_reserved_file(vol, *file);
     }
     import_plan plan(vol, false);
-    plan.place(nodes, vol.root(), "/");
+    plan.plan(nodes, vol.root(), "/");
     const tree_totals totals = totals_of(nodes);
     progress bar("build", totals.bytes, common.out.is_quiet);
     plan.write(&bar);
@@ -177,21 +178,22 @@ build_result build_volume(const common_options &common, const build_options &opt
     return describe(vol, common.image, totals, label);
 }
 
-// An image that exists below the directory would be packed into itself.
+// An existing image below the directory would contain itself.
 void refuse_own_source(const std::string &image, const std::string &from) {
     std::error_code failure;
-    const std::filesystem::path place = std::filesystem::canonical(image, failure);
+    const std::filesystem::path resolved = std::filesystem::canonical(image, failure);
     const std::filesystem::path top =
         failure ? std::filesystem::path() : std::filesystem::canonical(from, failure);
-    if (!failure && place.string().starts_with((top / "").string())) {
-        throw error(fmt::format("{} lies in {}: it would be packed into itself; build it elsewhere",
+    if (!failure && resolved.string().starts_with((top / "").string())) {
+        throw error(fmt::format("cannot build {}: it is below {} and would contain itself; choose "
+                                "another path",
                                 shown_bytes(image), shown_bytes(from)));
     }
 }
 
 build_result build_image(const common_options &common, const build_options &options) {
     if (options.size.empty()) {
-        throw usage_error("--size is needed: a size as 64M, or auto for the smallest image");
+        throw usage_error("--size is required: a size such as 64M, or auto for the smallest image");
     }
     const shape_request request = parse_shape(options, fat::MIN_SECTOR_SIZE);
     check_image_name(common.image, options.is_forced);
@@ -201,20 +203,20 @@ build_result build_image(const common_options &common, const build_options &opti
     new_image image(common.image, options.is_forced, shape.bytes);
     build_result result = [&] {
         target where(image.path(), access::WRITE);
-        where.note_fresh();
+        where.mark_fresh();
         return build_volume(common, options, shape, nodes, where);
     }();
-    image.keep();
+    image.commit();
     return result;
 }
 
 void check_device(const target &where, const build_options &options) {
     const std::string name = shown_bytes(where.path());
     if (options.is_compact) {
-        throw usage_error(name + " is a device; only an image file can be cut with --compact");
+        throw usage_error("cannot use --compact on " + name + ": only an image file can be cut");
     }
     if (!options.is_forced && !where.is_blank()) {
-        throw error(name + " is not blank; --force overwrites what is on it");
+        throw error("cannot build on " + name + ": not blank; --force overwrites its content");
     }
 }
 
@@ -226,15 +228,15 @@ build_result build_on_device(const common_options &common, const build_options &
         completed.size = std::to_string(where.size());
     }
     shape_request request = parse_shape(completed, where.sector_bytes());
-    request.most_bytes = where.size();
+    request.max_bytes = where.size();
     if (request.bytes > where.size()) {
-        throw error(fmt::format("--size {}: {} has {}", options.size, shown_bytes(common.image),
-                                shown_size(where.size())));
+        throw error(fmt::format("--size {}: larger than {}, which has {}", options.size,
+                                shown_bytes(common.image), shown_size(where.size())));
     }
     const std::vector<host_node> nodes = scan_tree(options, name_codec(common.encoding));
     const volume_shape shape = choose_shape(request, content_of(options, nodes));
-    where.use_first(shape.bytes);
-    withheld_boot_sector boot(where);
+    where.limit_size(shape.bytes);
+    deferred_boot_sector boot(where);
     build_result result = build_volume(common, options, shape, nodes, where);
     boot.release();
     return result;
@@ -262,31 +264,33 @@ int run_build(const common_options &common, const build_options &given) {
 
 void add_shape_options(const declared_command &build, build_options *options) {
     build.value("--size", &options->size,
-                "Bytes of the image with K, M or G, or auto for the fewest that do; of a device: "
-                "all where none is given");
-    build.value("--fat", &options->fat_type, "FAT width, by the size where none is given")
+                "Size in bytes, with K, M or G, or auto for the smallest image (default for a "
+                "device: all of it)");
+    build.value("--fat", &options->fat_type, "FAT width (default: depends on the size)")
         .one_of({16, 32});
     build.value("--sector", &options->sector,
-                "Bytes of a sector: 512 to 4096 (default 512, or the device's own)");
-    build.value("--cluster", &options->cluster, "Bytes of a cluster: up to 32K and 64 sectors");
+                "Sector size in bytes, 512 to 4096 (default 512, or that of the device)");
+    build.value("--cluster", &options->cluster,
+                "Cluster size in bytes, up to 32K and 64 sectors (default: depends on the size)");
     build
-        .value("--page", &options->page, "Bytes of a flash page that areas are aligned to; 0: none")
+        .value("--page", &options->page,
+               "Size in bytes of the flash page that areas are aligned to; 0: no alignment")
         .shows_default();
     build.value("--label", &options->label, "Volume label, 11 characters at most");
 }
 
 void add_content_options(const declared_command &build, build_options *options) {
-    build.value("--from", &options->from, "Directory whose content goes in");
+    build.value("--from", &options->from, "Directory whose content is copied");
     build.flag("--skip-special", &options->skips_special,
-               "Leave out what is neither file, directory nor link");
+               "Leave out entries that are neither file, directory nor link");
     build.flag("--short-names", &options->is_short,
-               "No long names: refuse those that 8.3 does not hold");
+               "No long names: refuse names that do not fit 8.3");
     build.flag("--pool", &options->has_pool, "Make the pool file of the ZUQ driver");
     build.flag("--log", &options->has_log, "Make the log file of the ZUQ driver");
     build.flag("--no-mirror", &options->leaves_copies, "Write chains to the first FAT copy only");
     build.flag("--compact", &options->is_compact, "Cut the image to its used length");
     build.flag("-f,--force", &options->is_forced,
-               "Replace an image that exists, or what is on a device");
+               "Replace an existing image, or the content of a device");
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-// qvol cat: the bytes of a file, or the target of a link.
+// qvol cat: prints the bytes of files, or the targets of links.
 
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
@@ -12,20 +12,21 @@ struct cat_options {
     std::vector<std::string> paths;
 };
 
-const entry &require_file(const volume &vol, const place &where) {
+const entry &require_file(const volume &vol, const resolved_path &where) {
     if (where.is_directory()) {
-        throw error(shown_path(vol.names(), where.path) + ": is a directory; \"qvol ls\" lists it");
+        throw error("cannot print " + shown_path(vol.names(), where.path) +
+                    ": is a directory; \"qvol ls\" lists it");
     }
     return *where.found;
 }
 
-// A document cannot hold bytes that are no text.
-json content_json(volume &vol, const place &where) {
+// JSON cannot represent bytes that are not text.
+json content_json(volume &vol, const resolved_path &where) {
     const entry &file = require_file(vol, where);
     const std::string content = read_text(vol.fat(), file.start(), file.size());
     if (!units_of_utf8(content)) {
-        throw error(shown_path(vol.names(), where.path) +
-                    ": is no UTF-8 text, which JSON could hold; leave --json out");
+        throw error("cannot print " + shown_path(vol.names(), where.path) +
+                    " as JSON: not UTF-8 text; omit --json");
     }
     return {{"path", json_path(where.path)}, {"size", file.size()}, {"text", content}};
 }
@@ -34,7 +35,7 @@ int run_cat(const common_options &common, const cat_options &options) {
     return with_volume(common, access::READ, [&](volume &vol) {
         json files = json::array();
         for (const std::string &path : options.paths) {
-            const place where = resolve(vol, path);
+            const resolved_path where = resolve(vol, path);
             if (common.out.is_json) {
                 files.push_back(content_json(vol, where));
                 continue;
@@ -57,7 +58,7 @@ void add_cat(command_line *commands) {
                                                "  qvol cat flash.img /etc/config.txt\n"
                                                "  qvol cat flash.img /firmware.bin | sha256sum"},
                                               run_cat);
-    cat.list("PATH", &options->paths, "Paths in the volume").required();
+    cat.list("PATH", &options->paths, "Files to print").required();
 }
 
 } // namespace qvol

@@ -1,4 +1,4 @@
-// qvol check: what is wrong with a volume, and mending what can be mended.
+// qvol check: checks a volume, and repairs it.
 
 #include "qvol/check/check.h"
 
@@ -18,43 +18,47 @@ struct check_options {
     bool repairs = false;
 };
 
-std::string line_of(const told_finding &of, bool repairs) {
-    std::string line = of.path.empty() ? "" : of.path + ": ";
-    if (of.cluster != 0) {
-        line += fmt::format("cluster {}: ", of.cluster);
+std::string line_of(const reported_finding &one, bool repairs) {
+    const bool is_cluster_in_text = one.kind == found::FAT_COPIES.name;
+    std::string line = one.path.empty() ? "" : one.path + ": ";
+    if (one.cluster != 0 && !is_cluster_in_text) {
+        line += fmt::format("cluster {}: ", one.cluster);
     }
-    line += of.text;
+    line += one.text;
     if (repairs) {
-        line += (of.is_mended ? "; mended: " : "; left: ") + of.outcome;
+        line += (one.is_repaired ? "; repaired: " : "; not repaired: ") + one.outcome;
     }
     return line;
 }
 
-std::string summary_of(const check_result &of, u64 left, bool repairs) {
-    const u64 count = of.findings.size();
+std::string summary_of(const check_result &result, u64 left, bool repairs) {
+    const u64 count = result.findings.size();
     const std::string findings = count == 0 ? "no findings" : counted(count, "finding", "findings");
     const std::string outcome =
-        repairs && count != 0 ? fmt::format(", {} mended, {} left", count - left, left) : "";
-    return fmt::format(
-        "{}, {}, {} of {} clusters: {}{}", counted(of.directories, "directory", "directories"),
-        counted(of.files, "file", "files"), of.used_clusters, of.clusters, findings, outcome);
+        repairs && count != 0 ? fmt::format(", {} repaired, {} not repaired", count - left, left)
+                              : "";
+    return fmt::format("{}, {}, {} of {} clusters: {}{}",
+                       counted(result.directories, "directory", "directories"),
+                       counted(result.files, "file", "files"), result.used_clusters,
+                       result.clusters, findings, outcome);
 }
 
-json finding_json(const told_finding &of, bool repairs) {
-    json result = {{"kind", of.kind},
-                   {"path", of.path.empty() ? json(nullptr) : json(of.json_path)},
-                   {"cluster", of.cluster == 0 ? json(nullptr) : json(of.cluster)},
-                   {"text", of.text},
-                   {"repaired", of.is_mended}};
+json finding_json(const reported_finding &one, bool repairs) {
+    json result = {{"kind", one.kind},
+                   {"path", one.path.empty() ? json(nullptr) : json(one.json_path)},
+                   {"cluster", one.cluster == 0 ? json(nullptr) : json(one.cluster)},
+                   {"text", one.text},
+                   {"repaired", one.is_repaired}};
     if (repairs) {
-        result.add("outcome", of.outcome);
+        result.add("outcome", one.outcome);
     }
     return result;
 }
 
-void tell(const common_options &common, const check_result &result, bool repairs, u64 left) {
+void print_result(const common_options &common, const check_result &result, bool repairs,
+                  u64 left) {
     json findings = json::array();
-    for (const told_finding &one : result.findings) {
+    for (const reported_finding &one : result.findings) {
         common.out.line(line_of(one, repairs));
         if (common.out.is_json) {
             findings.push_back(finding_json(one, repairs));
@@ -76,10 +80,10 @@ int run_check(const common_options &common, const check_options &options) {
     const target where(common.image, repairs ? access::WRITE : access::READ);
     volume vol(where, common.encoding, mounted::AREAS);
     const check_result result = repairs ? repair_volume(vol) : check_volume(vol);
-    const u64 left =
-        static_cast<u64>(std::count_if(result.findings.begin(), result.findings.end(),
-                                       [](const told_finding &one) { return !one.is_mended; }));
-    tell(common, result, repairs, left);
+    const u64 left = static_cast<u64>(
+        std::count_if(result.findings.begin(), result.findings.end(),
+                      [](const reported_finding &one) { return !one.is_repaired; }));
+    print_result(common, result, repairs, left);
     return left == 0 ? EXIT_DONE : EXIT_FAILED;
 }
 
@@ -87,11 +91,11 @@ int run_check(const common_options &common, const check_options &options) {
 
 void add_check(command_line *commands) {
     const auto [check, options] =
-        commands->add({"check", "Find what is wrong with the volume, and mend it",
+        commands->add({"check", "Check the volume for errors, and repair them",
                        "  qvol check flash.img\n"
                        "  qvol check --repair flash.img"},
                       run_check);
-    check.flag("--repair", &options->repairs, "Mend what can be mended without losing a file");
+    check.flag("--repair", &options->repairs, "Repair what can be repaired without losing a file");
 }
 
 } // namespace qvol

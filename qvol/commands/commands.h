@@ -1,4 +1,4 @@
-// The commands. Each adds itself to the command line: its name, its options, its work.
+// The commands. Each function adds a command to the command line: name, options, implementation.
 
 #pragma once
 
@@ -6,7 +6,7 @@ namespace qvol {
 
 class command_line;
 
-// ---- looking ----
+// ---- reading ----
 void add_info(command_line *commands);
 void add_ls(command_line *commands);
 void add_tree(command_line *commands);
@@ -17,7 +17,7 @@ void add_fastpath(command_line *commands);
 void add_owner(command_line *commands);
 void add_dump(command_line *commands);
 
-// ---- changing ----
+// ---- writing ----
 void add_build(command_line *commands);
 void add_put(command_line *commands);
 void add_mkdir(command_line *commands);

@@ -1,4 +1,4 @@
-// qvol dump: raw sectors of the volume into a file of the host.
+// qvol dump: writes raw sectors of the volume into a host file.
 
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
@@ -27,7 +27,7 @@ constexpr u32 SECTORS_AT_ONCE = 256;
 void dump_sectors(u64 first, u64 count, const write_piece &put) {
     while (count > 0) {
         const u32 part = static_cast<u32>(std::min<u64>(count, SECTORS_AT_ONCE));
-        put(read_run(first, part));
+        put(read_extent(first, part));
         first += part;
         count -= part;
     }
@@ -45,9 +45,9 @@ write_content cluster_content(volume &vol, const std::string &number) {
     const char *end = number.data() + number.size();
     const auto [stop, failure] = std::from_chars(number.data(), end, cluster);
     if (failure != std::errc() || stop != end) {
-        throw usage_error(fmt::format("\"{}\" is no cluster number", shown_bytes(number)));
+        throw usage_error(fmt::format("\"{}\" is not a cluster number", shown_bytes(number)));
     }
-    (void)vol.fat().get(cluster); // throws where there is no such cluster
+    (void)vol.fat().get(cluster); // throws if the cluster does not exist
     return [cluster](const write_piece &put) {
         dump_sectors(sector_of_cluster(cluster), sv->sec_per_clus, put);
     };
@@ -55,7 +55,7 @@ write_content cluster_content(volume &vol, const std::string &number) {
 
 // The bytes of a file or link, or the clusters of a directory.
 write_content entry_content(volume &vol, const std::string &path) {
-    const place where = resolve(vol, path);
+    const resolved_path where = resolve(vol, path);
     if (where.is_root() && where.parent.start() == directory::ROOT) {
         return [](const write_piece &put) {
             dump_sectors(sv->rdir_start, sv->data_start - sv->rdir_start, put);

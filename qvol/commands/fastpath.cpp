@@ -1,4 +1,4 @@
-// qvol fastpath: the strings by which the ZUQ driver opens files without a search.
+// qvol fastpath: prints the strings with which the ZUQ driver opens files without a search.
 
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
@@ -11,7 +11,7 @@ namespace qvol {
 
 namespace {
 
-constexpr std::size_t FAST_PATH_ROOM = 20; // with the terminator
+constexpr std::size_t FAST_PATH_BYTES = 20; // with the terminator
 
 struct fastpath_options {
     std::vector<std::string> paths;
@@ -21,27 +21,27 @@ struct fastpath_options {
 // An open id of the library.
 class open_id {
 public:
-    open_id(const std::string &shown, const entry &of, const directory &parent) {
-        const fat::dentry_location location = parent.location(of.slot);
+    open_id(const std::string &shown, const entry &opened, const directory &parent) {
+        const fat::dentry_location location = parent.location(opened.slot);
         fat::heap_ptr<oentry> record = fat::zeroed_records<oentry>();
         if (record == nullptr) {
             throw std::bad_alloc();
         }
-        if (fat::fat_set_oentry(of.raw.data(), location.sector, location.offset, record.get()) <
+        if (fat::fat_set_oentry(opened.raw.data(), location.sector, location.offset, record.get()) <
                 0 ||
             record->dentry == nullptr) {
-            throw error(shown + ": its chain is broken");
+            throw error("cannot open " + shown + ": its chain is broken");
         }
         record->parent_clus = parent.start();
         id_ = fat::register_oentry(record.get());
         if (id_ < 0) {
             std::free(record->dentry);
-            throw error(shown + ": too many files are open");
+            throw error("cannot open " + shown + ": too many open files");
         }
         (void)record.release(); // the table owns it
     }
     ~open_id() {
-        (void)fat_close(id_); // an id just given out
+        (void)fat_close(id_); // a valid id
     }
     open_id(const open_id &) = delete;
     open_id &operator=(const open_id &) = delete;
@@ -65,19 +65,19 @@ fast_path fast_path_of(const volume &vol, const name_path &path, const entry &fi
     const std::string shown = shown_path(vol.names(), path);
     const open_id id(shown, file, parent);
     char name[fat::LONG_NAME_UNITS] = {};
-    char text[FAST_PATH_ROOM] = {};
+    char text[FAST_PATH_BYTES] = {};
     if (zuq_get_fast_open_path_of_file(id.get(), name, text) < 0) {
-        throw error(shown + ": the library gives no fast-open path");
+        throw error("cannot get the fast-open path of " + shown);
     }
     return {path, shown, text};
 }
 
-// The library's own walk over a directory leaves out its last file where no entry is free, and
-// makes other check values where names are long: each file is asked for on its own.
+// Requests each file separately. The library's own walk over a directory leaves out the last file
+// of a full directory, and computes other check values for long names.
 std::vector<fast_path> list_directory(volume &vol, const std::string &path) {
-    const place where = resolve(vol, path);
+    const resolved_path where = resolve(vol, path);
     if (!where.is_directory()) {
-        throw error(shown_path(vol.names(), where.path) + ": not a directory");
+        throw error("cannot list " + shown_path(vol.names(), where.path) + ": not a directory");
     }
     const directory dir = open_directory(vol, where);
     std::vector<fast_path> list;
@@ -94,10 +94,10 @@ std::vector<fast_path> list_directory(volume &vol, const std::string &path) {
 std::vector<fast_path> list_files(volume &vol, const std::vector<std::string> &paths) {
     std::vector<fast_path> list;
     for (const std::string &path : paths) {
-        const place where = resolve(vol, path);
+        const resolved_path where = resolve(vol, path);
         if (where.is_directory()) {
-            throw error(shown_path(vol.names(), where.path) +
-                        ": is a directory; --dir gives the paths of the files in it");
+            throw error("cannot open " + shown_path(vol.names(), where.path) +
+                        ": is a directory; use --dir for the files in it");
         }
         list.push_back(fast_path_of(vol, where.path, *where.found, where.parent));
     }
@@ -126,7 +126,7 @@ int run_fastpath(const common_options &common, const fastpath_options &options) 
 
 void add_fastpath(command_line *commands) {
     const auto [fastpath, options] =
-        commands->add({"fastpath", "Give the fast-open paths of files for the ZUQ driver",
+        commands->add({"fastpath", "Print the fast-open paths of files for the ZUQ driver",
                        "  qvol fastpath flash.img /boot/kernel.bin /boot/logo.bmp\n"
                        "  qvol fastpath flash.img --dir /boot"},
                       run_fastpath);

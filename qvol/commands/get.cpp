@@ -1,7 +1,7 @@
-// qvol get: out of the volume, onto the host.
+// qvol get: copies out of the volume to the host.
 //
-// Every name is looked at before anything is written, and refused where it would lead elsewhere.
-// Everything is made from open directories, without following links.
+// Checks every name before it writes anything, and refuses names that would lead outside the
+// destination. Makes all entries relative to open directories and follows no links.
 
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
@@ -20,7 +20,7 @@ struct get_options {
     bool is_forced = false;
 };
 
-// ---- looking first ----
+// ---- checks ----
 
 std::optional<std::string> problem_of(const volume &vol, const entry &found) {
     std::optional<std::string> problem = extraction_problem(found.name);
@@ -29,35 +29,35 @@ std::optional<std::string> problem_of(const volume &vol, const entry &found) {
     }
     const std::optional<std::string> name = vol.names().to_host(found.name);
     if (!name || name->find_first_of(std::string_view("/\0", 2)) != name->npos) {
-        return "the encoding of names does not have it";
+        return "not representable in the name encoding";
     }
     return std::nullopt;
 }
 
-// Goes through all that is asked for. Throws error with every name that is refused.
-class survey {
+// Checks all requested entries. Throws error with every name that is refused.
+class extraction_check {
 public:
-    explicit survey(volume &vol) : vol_(vol) {}
+    explicit extraction_check(volume &vol) : vol_(vol) {}
 
-    tree_totals of(const place &top) {
+    tree_totals of(const resolved_path &top) {
         if (!top.is_root()) {
-            look_at(top.path, *top.found);
+            check_entry(top.path, *top.found);
         }
         if (top.is_directory()) {
             tree_visitor visitor;
             visitor.visit = [this](const name_path &path, const entry &found, bool) {
-                return look_at(path, found);
+                return check_entry(path, found);
             };
             walk_tree(vol_, top.path, open_directory(vol_, top), visitor);
         }
         if (!refused_.empty()) {
-            throw error("these names are not made on the host; nothing was written", refused_);
+            throw error("cannot make these names on the host; nothing was written", refused_);
         }
         return totals_;
     }
 
 private:
-    bool look_at(const name_path &path, const entry &found) {
+    bool check_entry(const name_path &path, const entry &found) {
         const std::optional<std::string> problem = problem_of(vol_, found);
         if (problem) {
             refused_.push_back(shown_path(vol_.names(), path) + ": " + *problem);
@@ -69,12 +69,12 @@ private:
         return true;
     }
 
-    // Files that share their chains could fill the host many times over.
+    // Files that share their chains could take much more space on the host than the volume has.
     void count_clusters(const entry &found) {
         clusters_ += clusters_for(found.size());
         if (clusters_ > sv->num_clusters) {
-            throw error("the files are larger together than the volume: they share their "
-                        "clusters, which is to be repaired first");
+            throw error("cannot copy: files share clusters and need more space than the volume "
+                        "has; repair the volume first");
         }
     }
 
@@ -91,8 +91,8 @@ public:
     extraction(volume &vol, bool is_forced, progress *bar)
         : vol_(vol), is_forced_(is_forced), bar_(bar) {}
 
-    // Makes one entry, with everything below it, under a name of a directory of the host.
-    void extract(const host_directory &into, const std::string &name, const place &top) {
+    // Copies one entry, with everything below it, into a directory of the host.
+    void extract(const host_directory &into, const std::string &name, const resolved_path &top) {
         if (top.is_directory()) {
             extract_tree(into.enter(name), top);
         } else {
@@ -100,8 +100,8 @@ public:
         }
     }
 
-    // Makes everything below a directory of the volume in one of the host.
-    void extract_tree(host_directory into, const place &top) {
+    // Copies everything below a directory of the volume into a directory of the host.
+    void extract_tree(host_directory into, const resolved_path &top) {
         const directory dir = open_directory(vol_, top);
         open_.push_back(
             {std::move(into), top.is_root() ? std::nullopt : moment_of(top.found->modified())});
@@ -136,7 +136,7 @@ private:
         return true;
     }
 
-    // A directory gets its time when everything in it has been made.
+    // Sets the time of a directory after its entries are made.
     void leave() {
         open_.back().dir.set_modified(open_.back().modified);
         open_.pop_back();
@@ -148,18 +148,19 @@ private:
             found.type() == kind::LINK ? make_link(into, name, found)
                                        : make_file(into, name, found);
         } catch (const error &why) {
-            throw error(shown_path(vol_.names(), path) + ": " + why.what());
+            throw error("cannot copy " + shown_path(vol_.names(), path) + ": " + why.what());
         }
     }
 
     void make_file(const host_directory &into, const std::string &name, const entry &found) {
         const std::vector<u32> clusters = clusters_of_file(vol_.fat(), found.start(), found.size());
-        into.make_file(name, is_forced_, moment_of(found.modified()), [&](const write_piece &put) {
-            read_data(clusters, found.size(), [&](std::span<const u8> bytes) {
-                put(bytes);
-                bar_->add(bytes.size());
-            });
-        });
+        into.make_file(name, is_forced_, moment_of(found.modified()),
+                       [&](const write_piece &write) {
+                           read_data(clusters, found.size(), [&](std::span<const u8> bytes) {
+                               write(bytes);
+                               bar_->add(bytes.size());
+                           });
+                       });
         totals_.files++;
         totals_.bytes += found.size();
     }
@@ -167,7 +168,7 @@ private:
     void make_link(const host_directory &into, const std::string &name, const entry &found) {
         const std::string target = link_target(vol_, found);
         if (target.empty() || target.find('\0') != std::string::npos) {
-            throw error("the target of the link is none that the host could hold");
+            throw error("the link target cannot be created on this system");
         }
         into.make_link(name, is_forced_, moment_of(found.modified()), target);
         totals_.links++;
@@ -180,9 +181,9 @@ private:
     tree_totals totals_;
 };
 
-// A destination that is a directory takes the entry under its own name; the root has none, and its
-// content goes straight into the destination.
-void extract_to(extraction *work, const volume &vol, const place &top,
+// If the destination is a directory, the entry is copied into it under its own name. The root has
+// no name: its content goes into the destination.
+void extract_to(extraction *work, const volume &vol, const resolved_path &top,
                 const std::string &destination) {
     if (is_host_directory(destination)) {
         host_directory into(destination);
@@ -199,8 +200,8 @@ void extract_to(extraction *work, const volume &vol, const place &top,
 
 int run_get(const common_options &common, const get_options &options) {
     return with_volume(common, access::READ, [&](volume &vol) {
-        const place top = resolve(vol, options.path);
-        const tree_totals expected = survey(vol).of(top);
+        const resolved_path top = resolve(vol, options.path);
+        const tree_totals expected = extraction_check(vol).of(top);
         progress bar("get", expected.bytes, common.out.is_quiet);
         extraction work(vol, options.is_forced, &bar);
         extract_to(&work, vol, top, options.destination);
@@ -218,10 +219,10 @@ void add_get(command_line *commands) {
                        "  qvol get flash.img / whole-volume\n"
                        "  qvol get --force flash.img /etc/config.txt config.txt"},
                       run_get);
-    get.value("PATH", &options->path, "Path in the volume").required();
+    get.value("PATH", &options->path, "What to copy").required();
     get.value("DEST", &options->destination, "Existing directory to copy into, or the new name")
         .required();
-    get.flag("-f,--force", &options->is_forced, "Replace files that exist");
+    get.flag("-f,--force", &options->is_forced, "Replace existing files");
 }
 
 } // namespace qvol

@@ -14,7 +14,7 @@ namespace qvol {
 
 namespace {
 
-// The largest page from 2 to 16 KiB that a byte offset is a multiple of; 0 for none.
+// The largest page size from 2 to 16 KiB that a byte offset is a multiple of, or 0.
 u32 alignment_of(u64 offset) {
     const auto page = std::find_if(PAGE_SIZES.rbegin(), PAGE_SIZES.rend(),
                                    [&](u32 size) { return offset % size == 0; });
@@ -52,13 +52,13 @@ volume_info info_of(volume &vol) {
 
 json areas_json(const std::vector<area> &areas) {
     json list = json::array();
-    for (const area &a : areas) {
-        list.push_back({{"name", a.name},
-                        {"first_sector", a.first},
-                        {"sectors", a.count},
-                        {"offset", a.offset()},
-                        {"bytes", a.bytes()},
-                        {"aligned_to", alignment_of(a.offset())}});
+    for (const area &one : areas) {
+        list.push_back({{"name", one.name},
+                        {"first_sector", one.first},
+                        {"sectors", one.count},
+                        {"offset", one.offset()},
+                        {"bytes", one.bytes()},
+                        {"aligned_to", alignment_of(one.offset())}});
     }
     return list;
 }
@@ -92,10 +92,10 @@ std::string clusters_text(u64 count) {
 void print_areas(const output &out, const std::vector<area> &areas) {
     out.line("");
     out.line("area            first sector     sectors        bytes  aligned to");
-    for (const area &a : areas) {
-        const u32 page = alignment_of(a.offset());
-        out.line(fmt::format("{:<15} {:>12} {:>11} {:>12}  {}", a.name, a.first, a.count, a.bytes(),
-                             page != 0 ? shown_size(page) : "less than 2 KiB"));
+    for (const area &one : areas) {
+        const u32 page = alignment_of(one.offset());
+        out.line(fmt::format("{:<15} {:>12} {:>11} {:>12}  {}", one.name, one.first, one.count,
+                             one.bytes(), page != 0 ? shown_size(page) : "less than 2 KiB"));
     }
 }
 
@@ -131,7 +131,7 @@ int run_info(const common_options &common) {
 } // namespace
 
 void add_info(command_line *commands) {
-    commands->add({"info", "Tell about the volume: areas, alignment, label, clusters",
+    commands->add({"info", "Show the volume: areas, alignment, label, clusters",
                    "  qvol info flash.img\n"
                    "  qvol info --json flash.img"},
                   run_info);

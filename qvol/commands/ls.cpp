@@ -1,4 +1,4 @@
-// qvol ls: the entries of directories.
+// qvol ls: lists directories.
 
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
@@ -22,7 +22,7 @@ public:
         : vol_(vol), options_(options), out_(out) {}
 
     void list(const std::string &path) {
-        const place where = resolve(vol_, path);
+        const resolved_path where = resolve(vol_, path);
         if (!where.is_directory()) {
             show(where.path, *where.found);
             return;
@@ -38,7 +38,7 @@ public:
     }
 
 private:
-    // Breadth within a directory, then what lies below, as people know it from other systems.
+    // Prints all entries of a directory before those below it, as ls -R does.
     void list_directory(const name_path &path, const directory &top) {
         if (!options_.is_recursive) {
             show_all(path, top);
@@ -53,7 +53,7 @@ private:
         walk_tree(vol_, path, top, visitor);
     }
 
-    // A directory that cannot be read is told by the walk, which cannot enter it either.
+    // Reports no error: the walk cannot enter the directory either, and calls fail().
     [[nodiscard]] bool show_below(const name_path &at, const entry &found) {
         try {
             const directory below = open_directory(vol_, found);
@@ -101,7 +101,7 @@ private:
     }
 
     void fail(const name_path &path, const std::string &why) {
-        report(shown_path(vol_.names(), path) + ": " + why);
+        report("cannot read " + shown_path(vol_.names(), path) + ": " + why);
         status_ = EXIT_FAILED;
     }
 
@@ -134,9 +134,9 @@ void add_ls(command_line *commands) {
                                               "  qvol ls -l flash.img /photos\n"
                                               "  qvol ls -R --json flash.img"},
                                              run_ls);
-    ls.list("PATH", &options->paths, "What to list (default: the root)");
-    ls.flag("-l,--long", &options->is_long, "Kind, attributes, size, time, link target");
-    ls.flag("-R,--recursive", &options->is_recursive, "Directories below as well");
+    ls.list("PATH", &options->paths, "Directories or files (default: the root)");
+    ls.flag("-l,--long", &options->is_long, "Show kind, attributes, size, time, link target");
+    ls.flag("-R,--recursive", &options->is_recursive, "List the directories below as well");
 }
 
 } // namespace qvol

@@ -1,4 +1,4 @@
-// qvol map: the areas to scale, and which clusters are used, by whom, in how many pieces.
+// qvol map: the areas to scale, the owners of the clusters, fragmentation.
 
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
@@ -19,25 +19,25 @@ struct map_options {
 
 json areas_json(const volume_map &map) {
     json list = json::array();
-    for (const area &of : map.areas) {
+    for (const area &drawn : map.areas) {
         json remainders = json::object();
         for (const u32 page : PAGE_SIZES) {
-            remainders.add(std::to_string(page), of.offset() % page);
+            remainders.add(std::to_string(page), drawn.offset() % page);
         }
-        list.push_back({{"name", of.name},
-                        {"first_sector", of.first},
-                        {"sectors", of.count},
-                        {"offset", of.offset()},
-                        {"bytes", of.bytes()},
+        list.push_back({{"name", drawn.name},
+                        {"first_sector", drawn.first},
+                        {"sectors", drawn.count},
+                        {"offset", drawn.offset()},
+                        {"bytes", drawn.bytes()},
                         {"remainders", std::move(remainders)}});
     }
     return list;
 }
 
-json runs_json(const std::vector<cluster_run> &runs) {
+json extents_json(const std::vector<cluster_extent> &extents) {
     json list = json::array();
-    for (const cluster_run &run : runs) {
-        list.push_back({{"first", run.first}, {"count", run.count}});
+    for (const cluster_extent &extent : extents) {
+        list.push_back({{"first", extent.first}, {"count", extent.count}});
     }
     return list;
 }
@@ -48,21 +48,21 @@ json owners_json(const volume_map &map) {
         list.push_back({{"path", json_path(owner.path)},
                         {"kind", kind_name(owner.type)},
                         {"clusters", owner.clusters},
-                        {"chain", runs_json(owner.runs)},
+                        {"chain", extents_json(owner.extents)},
                         {"damage", owner.damage.empty() ? json() : json(owner.damage)}});
     }
     return list;
 }
 
-// The runs of clusters that no path leads to.
+// The extents of the clusters in a state, which no path leads to.
 json state_json(const volume_map &map, holder state) {
-    std::vector<cluster_run> runs;
-    for (const extent &part : map.extents) {
+    std::vector<cluster_extent> extents;
+    for (const held_extent &part : map.extents) {
         if (part.held_by == state) {
-            runs.push_back({part.first, part.count});
+            extents.push_back({part.first, part.count});
         }
     }
-    return runs_json(runs);
+    return extents_json(extents);
 }
 
 json map_json(const volume_map &map, const std::string &image) {
@@ -81,9 +81,9 @@ json map_json(const volume_map &map, const std::string &image) {
               {"steps", pieces.steps},
               {"jumps", pieces.jumps}}},
             {"owners", owners_json(map)},
-            {"free", state_json(map, HELD_BY_NOBODY)},
-            {"lost", state_json(map, HELD_BY_LOST)},
-            {"bad", state_json(map, HELD_AS_BAD)}};
+            {"free", state_json(map, HOLDER_FREE)},
+            {"lost", state_json(map, HOLDER_LOST)},
+            {"bad", state_json(map, HOLDER_BAD)}};
 }
 
 void write_svg(const volume_map &map, const map_options &options) {
@@ -121,12 +121,12 @@ int run_map(const common_options &common, const map_options &options) {
 } // namespace
 
 void add_map(command_line *commands) {
-    const auto [map, options] = commands->add(
-        {"map", "Show the areas and the clusters, who holds them, and how fragmented they are",
-         "  qvol map flash.img\n"
-         "  qvol map flash.img --svg map.svg    for a browser"},
-        run_map);
-    map.value("--svg", &options->svg, "Write a picture for browsers into this file");
+    const auto [map, options] =
+        commands->add({"map", "Show the areas, the owners of the clusters, and fragmentation",
+                       "  qvol map flash.img\n"
+                       "  qvol map flash.img --svg map.svg    for a browser"},
+                      run_map);
+    map.value("--svg", &options->svg, "Write the map as a picture for browsers into this file");
     map.flag("-f,--force", &options->is_forced, "Replace a file that exists");
 }
 

@@ -1,4 +1,4 @@
-// qvol mkdir, ln, mv, rm: names in the volume.
+// qvol mkdir, ln, mv, rm: make, move and remove entries of the volume.
 
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
@@ -11,25 +11,33 @@ namespace qvol {
 
 namespace {
 
-[[noreturn]] void fail(const volume &vol, const name_path &path, const std::string &why) {
-    throw error(shown_path(vol.names(), path) + ": " + why);
+// Throws "cannot ACTION PATH: WHY".
+[[noreturn]] void fail(const volume &vol, const char *action, const name_path &path,
+                       const std::string &why) {
+    throw error(fmt::format("cannot {} {}: {}", action, shown_path(vol.names(), path), why));
 }
 
-// Tells which path it was that something went wrong with.
+// Adds the action and its path to errors of `work`.
 template <typename Work>
-auto about(const volume &vol, const name_path &path, Work work) {
+auto add_context(const volume &vol, const char *action, const name_path &path, Work work) {
     try {
         return work();
     } catch (const error &why) {
-        fail(vol, path, why.what());
+        fail(vol, action, path, why.what());
     }
 }
 
-void tell(const output &out, const char *what, json paths) {
+void print_paths(const output &out, const char *field, json paths) {
     if (out.is_json) {
-        out.document({{what, std::move(paths)}});
+        out.document({{field, std::move(paths)}});
     }
 }
+
+constexpr const char *MAKE_DIRECTORY = "make directory";
+constexpr const char *MAKE_LINK = "make link";
+constexpr const char *MOVE = "move";
+constexpr const char *MOVE_TO = "move to";
+constexpr const char *REMOVE = "remove";
 
 // ---- mkdir ----
 
@@ -38,9 +46,9 @@ struct mkdir_options {
     bool makes_parents = false;
 };
 
-// Makes one directory in an open one, and writes both.
+// Makes a directory in an open one, and writes both.
 directory make_directory(volume &vol, directory *parent, const std::u16string &name) {
-    const dos_time now = dos_time_of(present());
+    const dos_time now = dos_time_of(current_time());
     directory made = directory::make(vol.fat(), *parent, now);
     parent->add({name, kind::DIRECTORY, made.start(), 0, now});
     vol.commit_additions({&made, parent});
@@ -48,11 +56,12 @@ directory make_directory(volume &vol, directory *parent, const std::u16string &n
 }
 
 void make_one(volume &vol, const std::string &path) {
-    place where = find_place(vol, path);
+    resolved_path where = find_path(vol, path);
     if (where.is_root() || where.found) {
-        fail(vol, where.path, "exists");
+        fail(vol, MAKE_DIRECTORY, where.path, "exists");
     }
-    about(vol, where.path, [&] { (void)make_directory(vol, &where.parent, where.path.back()); });
+    add_context(vol, MAKE_DIRECTORY, where.path,
+                [&] { (void)make_directory(vol, &where.parent, where.path.back()); });
 }
 
 void make_with_parents(volume &vol, const std::string &path) {
@@ -63,9 +72,9 @@ void make_with_parents(volume &vol, const std::string &path) {
         done.push_back(name);
         const entry *found = here.find(name);
         if (found != nullptr && !found->is_directory()) {
-            fail(vol, done, "exists and is no directory");
+            fail(vol, MAKE_DIRECTORY, done, "exists and is not a directory");
         }
-        here = about(vol, done, [&] {
+        here = add_context(vol, MAKE_DIRECTORY, done, [&] {
             return found != nullptr ? open_directory(vol, *found)
                                     : make_directory(vol, &here, name);
         });
@@ -79,7 +88,7 @@ int run_mkdir(const common_options &common, const mkdir_options &options) {
             options.makes_parents ? make_with_parents(vol, path) : make_one(vol, path);
             made.push_back(json_path(parse_path(vol.names(), path)));
         }
-        tell(common.out, "made", std::move(made));
+        print_paths(common.out, "made", std::move(made));
         return EXIT_DONE;
     });
 }
@@ -103,24 +112,25 @@ int run_ln(const common_options &common, const ln_options &options) {
     const std::string &target = options.target;
     if (target.empty() || target.size() > fat::MAX_PATH_LENGTH) {
         throw usage_error(
-            fmt::format("the target of a link has 1 to {} bytes", fat::MAX_PATH_LENGTH));
+            fmt::format("cannot make link {}: the target has {} bytes, must have 1 to {}",
+                        shown_bytes(options.path), target.size(), fat::MAX_PATH_LENGTH));
     }
     return with_volume(common, access::WRITE, [&](volume &vol) {
-        place where = find_place(vol, options.path);
+        resolved_path where = find_path(vol, options.path);
         if (where.is_root() || where.found) {
-            fail(vol, where.path, "exists");
+            fail(vol, MAKE_LINK, where.path, "exists");
         }
-        about(vol, where.path, [&] {
+        add_context(vol, MAKE_LINK, where.path, [&] {
             const auto size = static_cast<u32>(target.size());
             const std::vector<u32> clusters = vol.fat().allocate(clusters_for(size));
-            where.parent.add(
-                {where.path.back(), kind::LINK, clusters.front(), size, dos_time_of(present())});
+            where.parent.add({where.path.back(), kind::LINK, clusters.front(), size,
+                              dos_time_of(current_time())});
             write_text(clusters, target);
             vol.commit_additions({&where.parent});
         });
         json made = json::array();
         made.push_back(json_path(where.path));
-        tell(common.out, "made", std::move(made));
+        print_paths(common.out, "made", std::move(made));
         return EXIT_DONE;
     });
 }
@@ -136,19 +146,21 @@ bool is_below(const name_path &path, const name_path &top) {
     return path.size() >= top.size() && std::equal(top.begin(), top.end(), path.begin());
 }
 
-// The path as the volume spells it, from the root down: "A" and "a" are one directory.
-name_path spelt_path(volume &vol, const name_path &path) {
-    name_path spelt;
+// The path in the spelling of the volume, to compare paths: "A" and "a" are one directory.
+name_path stored_path(volume &vol, const name_path &path) {
+    name_path stored;
     for (std::size_t count = 1; count <= path.size(); count++) {
-        const place where = find_place(
+        const resolved_path where = find_path(
             vol, name_path(path.begin(), path.begin() + static_cast<std::ptrdiff_t>(count)));
-        spelt.push_back(where.found ? where.found->name : path[count - 1]);
+        stored.push_back(where.found ? where.found->name : path[count - 1]);
     }
-    return spelt;
+    return stored;
 }
 
-// What stands at the new place gives way, or stops the command. Returns its clusters.
-std::vector<u32> clear_new_place(volume &vol, place *to, const entry &moved, bool is_forced) {
+// Removes the entry at the destination and returns its clusters. Throws error if it must not be
+// replaced.
+std::vector<u32> clear_destination(volume &vol, resolved_path *to, const entry &moved,
+                                   bool is_forced) {
     if (!to->found) {
         return {};
     }
@@ -166,18 +178,18 @@ std::vector<u32> clear_new_place(volume &vol, place *to, const entry &moved, boo
     return clusters;
 }
 
-// The new entry: everything of the old one but its names and its place.
+// Adds the moved entry: all fields of the old one but its names and slots.
 void add_moved(directory *into, const std::u16string &name, const entry &moved) {
     entry added = into->add({name, moved.type(), 0, 0, moved.modified()});
     const short_name alias = added.alias();
     added.raw = moved.raw;
     std::copy(alias.begin(), alias.end(), added.raw.begin());
-    added.raw[fat::SHORT_SYSID.offset] = 0; // the long name tells the case
+    added.raw[fat::SHORT_SYSID.offset] = 0; // no case bits: the long name has the case
     into->update(added);
 }
 
-// A directory that moves gets another "..".
-void adopt(volume &vol, const directory &parent, const entry &moved) {
+// Sets ".." of a moved directory.
+void update_parent_link(volume &vol, const directory &parent, const entry &moved) {
     if (moved.is_directory() && moved.start() != 0) {
         directory dir = open_directory(vol, moved);
         dir.set_parent(parent.parent_link());
@@ -185,8 +197,8 @@ void adopt(volume &vol, const directory &parent, const entry &moved) {
     }
 }
 
-// In one directory both changes reach the medium together; in two the new name comes first.
-void move_entry(volume &vol, place *from, place *to, bool is_forced) {
+// Within one directory both changes are written together; else the new name is written first.
+void move_entry(volume &vol, resolved_path *from, resolved_path *to, bool is_forced) {
     const entry moved = *from->found;
     const bool is_same_directory = from->parent.start() == to->parent.start();
     const bool is_same_entry = is_same_directory && to->found && to->found->slot == moved.slot;
@@ -199,11 +211,11 @@ void move_entry(volume &vol, place *from, place *to, bool is_forced) {
     if (is_same_entry) {
         to->found.reset();
     }
-    const std::vector<u32> replaced = clear_new_place(vol, to, moved, is_forced);
+    const std::vector<u32> replaced = clear_destination(vol, to, moved, is_forced);
     add_moved(&to->parent, to->path.back(), moved);
     vol.commit_additions({&to->parent});
     if (!is_same_directory) {
-        adopt(vol, to->parent, moved);
+        update_parent_link(vol, to->parent, moved);
         from->parent.remove(moved);
     }
     vol.fat().release(replaced);
@@ -211,22 +223,22 @@ void move_entry(volume &vol, place *from, place *to, bool is_forced) {
 }
 
 void move_one(volume &vol, const std::string &source, const std::string &path, bool is_forced) {
-    place from = resolve(vol, source);
+    resolved_path from = resolve(vol, source);
     if (from.is_root()) {
-        fail(vol, from.path, "the root directory cannot be moved");
+        fail(vol, MOVE, from.path, "is the root directory");
     }
-    place to = find_place(vol, path);
+    resolved_path to = find_path(vol, path);
     const bool is_itself =
         to.found && to.parent.start() == from.parent.start() && to.found->slot == from.found->slot;
     if (to.is_directory() && !is_itself) {
         to.path.push_back(from.found->name);
-        to = find_place(vol, to.path);
+        to = find_path(vol, to.path);
     }
     if (from.found->is_directory() && !is_itself &&
-        is_below(spelt_path(vol, to.path), spelt_path(vol, from.path))) {
-        fail(vol, to.path, "lies in the directory that is to be moved");
+        is_below(stored_path(vol, to.path), stored_path(vol, from.path))) {
+        fail(vol, MOVE_TO, to.path, "is inside the directory to move");
     }
-    about(vol, to.path, [&] { move_entry(vol, &from, &to, is_forced); });
+    add_context(vol, MOVE_TO, to.path, [&] { move_entry(vol, &from, &to, is_forced); });
 }
 
 int run_mv(const common_options &common, const mv_options &options) {
@@ -234,14 +246,14 @@ int run_mv(const common_options &common, const mv_options &options) {
         const std::string &path = options.arguments.back();
         const std::size_t sources = options.arguments.size() - 1;
         if (sources > 1 && !resolve(vol, path).is_directory()) {
-            fail(vol, parse_path(vol.names(), path), "not a directory");
+            fail(vol, MOVE_TO, parse_path(vol.names(), path), "not a directory");
         }
         json moved = json::array();
         for (std::size_t i = 0; i < sources; i++) {
             move_one(vol, options.arguments[i], path, options.is_forced);
             moved.push_back(json_path(parse_path(vol.names(), options.arguments[i])));
         }
-        tell(common.out, "moved", std::move(moved));
+        print_paths(common.out, "moved", std::move(moved));
         return EXIT_DONE;
     });
 }
@@ -253,26 +265,26 @@ struct rm_options {
     bool is_recursive = false;
 };
 
-// The clusters that are to go. One that is met twice belongs to two chains, and freeing it might
-// take it from a file that stays.
+// Collects the clusters to free. Throws error for a cluster of two chains: freeing it could damage
+// a file that is not removed.
 class removal {
 public:
-    // What belongs to the root and to the directory of what is removed is not to go.
+    // Clusters of the root and of `parent`, the directory of the removed entry, must not be freed.
     removal(volume &vol, const directory &parent)
-        : vol_(vol), is_taken_(vol.fat().last_cluster() + 1) {
-        keep(vol.root());
-        keep(parent);
+        : vol_(vol), is_claimed_(vol.fat().last_cluster() + 1) {
+        exclude(vol.root());
+        exclude(parent);
     }
 
-    // Everything that an entry refers to, itself and below it.
-    void take_tree(const place &top) {
-        about(vol_, top.path, [&] { take(*top.found); });
+    // Adds the chains of an entry and of everything below it.
+    void add_tree(const resolved_path &top) {
+        add_context(vol_, REMOVE, top.path, [&] { add_chain(*top.found); });
         if (!top.found->is_directory() || top.found->start() == 0) {
             return;
         }
         tree_visitor visitor;
         visitor.visit = [&](const name_path &path, const entry &found, bool) {
-            about(vol_, path, [&] { take(found); });
+            add_context(vol_, REMOVE, path, [&] { add_chain(found); });
             return true;
         };
         walk_tree(vol_, top.path, open_directory(vol_, top), visitor);
@@ -283,60 +295,60 @@ public:
     }
 
 private:
-    void keep(const directory &kept) {
-        for (const u32 cluster : kept.clusters()) {
-            is_taken_[cluster] = true;
+    void exclude(const directory &dir) {
+        for (const u32 cluster : dir.clusters()) {
+            is_claimed_[cluster] = true;
         }
     }
 
-    void take(const entry &found) {
+    void add_chain(const entry &found) {
         if (found.start() == 0) {
             return;
         }
         for (const u32 cluster : vol_.fat().chain(found.start())) {
-            if (is_taken_[cluster]) {
-                throw error(
-                    fmt::format("shares cluster {} with another; repair that first", cluster));
+            if (is_claimed_[cluster]) {
+                throw error(fmt::format(
+                    "shares cluster {} with another entry; repair the volume first", cluster));
             }
-            is_taken_[cluster] = true;
+            is_claimed_[cluster] = true;
             clusters_.push_back(cluster);
         }
     }
 
     volume &vol_;
-    std::vector<bool> is_taken_; // by cluster
+    std::vector<bool> is_claimed_; // by cluster
     std::vector<u32> clusters_;
 };
 
-void check_removal(volume &vol, const place &where, bool is_recursive) {
+void check_removal(volume &vol, const resolved_path &where, bool is_recursive) {
     if (where.is_root()) {
-        fail(vol, where.path, "the root directory cannot be removed");
+        fail(vol, REMOVE, where.path, "is the root directory");
     }
     if (where.found->is_directory() && !is_recursive && where.found->start() != 0 &&
         !open_directory(vol, where).is_empty()) {
-        fail(vol, where.path,
-             "is a directory that is not empty; -r removes it with everything in it");
+        fail(vol, REMOVE, where.path, "directory not empty; -r removes it with everything in it");
     }
 }
 
-// Whether a path leads to something; one whose directory has gone does not.
-bool is_there(volume &vol, const name_path &path) {
+// True if the path exists. Its directory may have been removed before.
+bool exists(volume &vol, const name_path &path) {
     try {
-        return find_place(vol, path).found.has_value();
+        return find_path(vol, path).found.has_value();
     } catch (const error &) {
         return false;
     }
 }
 
-void remove_one(volume &vol, place where) {
-    removal gone(vol, where.parent);
-    gone.take_tree(where);
+void remove_one(volume &vol, resolved_path where) {
+    removal removed(vol, where.parent);
+    removed.add_tree(where);
     where.parent.remove(*where.found);
-    vol.fat().release(gone.clusters());
+    vol.fat().release(removed.clusters());
     vol.commit_removals({&where.parent});
 }
 
-// All paths are looked at before the first one goes. One that goes with another is no mistake.
+// Checks all paths before it removes the first. A path that was removed with another is not an
+// error.
 int run_rm(const common_options &common, const rm_options &options) {
     return with_volume(common, access::WRITE, [&](volume &vol) {
         for (const std::string &path : options.paths) {
@@ -345,12 +357,12 @@ int run_rm(const common_options &common, const rm_options &options) {
         json removed = json::array();
         for (const std::string &path : options.paths) {
             const name_path spelt = parse_path(vol.names(), path);
-            if (is_there(vol, spelt)) {
-                remove_one(vol, find_place(vol, spelt));
+            if (exists(vol, spelt)) {
+                remove_one(vol, find_path(vol, spelt));
             }
             removed.push_back(json_path(spelt));
         }
-        tell(common.out, "removed", std::move(removed));
+        print_paths(common.out, "removed", std::move(removed));
         return EXIT_DONE;
     });
 }
@@ -364,15 +376,15 @@ void add_mkdir(command_line *commands) {
                                                 run_mkdir);
     mkdir.list("PATH", &options->paths, "Directories to make").required();
     mkdir.flag("-p,--parents", &options->makes_parents,
-               "Make the directories above as well; one that exists is no mistake");
+               "Make missing parent directories as well; an existing directory is not an error");
 }
 
 void add_ln(command_line *commands) {
     const auto [ln, options] = commands->add(
         {"ln", "Make a symbolic link", "  qvol ln flash.img kernel-6.1.bin /boot/kernel.bin"},
         run_ln);
-    ln.value("TARGET", &options->target, "What the link holds").required();
-    ln.value("PATH", &options->path, "The link to make").required();
+    ln.value("TARGET", &options->target, "Text of the link").required();
+    ln.value("PATH", &options->path, "Link to make").required();
 }
 
 void add_mv(command_line *commands) {
@@ -381,10 +393,10 @@ void add_mv(command_line *commands) {
                                               "  qvol mv flash.img /a.jpg /b.jpg /photos"},
                                              run_mv);
     mv.list("SOURCE... PATH", &options->arguments,
-            "What to move, and the directory to move it into, or the new name")
+            "What to move, and the directory to move it into (or the new name)")
         .required()
         .count(2, declared_option::ANY_NUMBER);
-    mv.flag("-f,--force", &options->is_forced, "Replace a file that exists");
+    mv.flag("-f,--force", &options->is_forced, "Replace an existing file");
 }
 
 void add_rm(command_line *commands) {
@@ -393,7 +405,7 @@ void add_rm(command_line *commands) {
                                               "  qvol rm -r flash.img /photos"},
                                              run_rm);
     rm.list("PATH", &options->paths, "What to remove").required();
-    rm.flag("-r,--recursive", &options->is_recursive, "Directories with everything in them");
+    rm.flag("-r,--recursive", &options->is_recursive, "Remove directories with everything in them");
 }
 
 } // namespace qvol

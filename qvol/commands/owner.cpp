@@ -1,4 +1,4 @@
-// qvol owner: which path a cluster belongs to.
+// qvol owner: prints the path that a cluster belongs to.
 
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
@@ -18,7 +18,7 @@ struct owner_options {
     u32 cluster = 0;
 };
 
-bool holds(fat_table &table, u32 start, u32 cluster) {
+bool chain_contains(fat_table &table, u32 start, u32 cluster) {
     if (start == 0) {
         return false;
     }
@@ -26,25 +26,25 @@ bool holds(fat_table &table, u32 start, u32 cluster) {
         const std::vector<u32> clusters = table.chain(start);
         return std::find(clusters.begin(), clusters.end(), cluster) != clusters.end();
     } catch (const error &) {
-        return false; // a broken chain is told by the check
+        return false; // "qvol check" reports broken chains
     }
 }
 
-// All that own it: a healthy cluster has one owner.
+// All owners of the cluster: in a healthy volume there is at most one.
 std::vector<name_path> find_owners(volume &vol, u32 cluster) {
     std::vector<name_path> owners;
     const directory root = vol.root();
-    if (holds(vol.fat(), root.start(), cluster)) {
+    if (chain_contains(vol.fat(), root.start(), cluster)) {
         owners.emplace_back();
     }
     tree_visitor visitor;
     visitor.visit = [&](const name_path &path, const entry &found, bool) {
-        if (holds(vol.fat(), found.start(), cluster)) {
+        if (chain_contains(vol.fat(), found.start(), cluster)) {
             owners.push_back(path);
         }
         return true;
     };
-    visitor.fail = [](const name_path &, const std::string &) {}; // as above
+    visitor.fail = [](const name_path &, const std::string &) {}; // "qvol check" reports them
     walk_tree(vol, {}, root, visitor);
     return owners;
 }
@@ -73,7 +73,7 @@ int run_owner(const common_options &common, const owner_options &options) {
                 {{"cluster", cluster}, {"state", state}, {"owners", std::move(paths)}});
         }
         if (owners.empty()) {
-            report(fmt::format("cluster {} is {}", cluster, state));
+            report(fmt::format("cluster {} has no owner: it is {}", cluster, state));
         }
         return owners.empty() ? EXIT_FAILED : EXIT_DONE;
     });
@@ -83,7 +83,7 @@ int run_owner(const common_options &common, const owner_options &options) {
 
 void add_owner(command_line *commands) {
     const auto [owner, options] = commands->add(
-        {"owner", "Tell which path a cluster belongs to", "  qvol owner flash.img 1234"},
+        {"owner", "Print the path that a cluster belongs to", "  qvol owner flash.img 1234"},
         run_owner);
     owner.value("CLUSTER", &options->cluster, "Number of the cluster").required();
 }

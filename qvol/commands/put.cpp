@@ -1,4 +1,4 @@
-// qvol put: files, directories and links of the host into the volume.
+// qvol put: copies files, directories and links of the host into the volume.
 
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
@@ -15,24 +15,25 @@ struct put_options {
     bool skips_special = false;
 };
 
-// Into which directory of the volume, and, for one source, under which name.
+// The directory of the volume to copy into, and the new name of an only source.
 struct destination {
     directory into;
     name_path path;
     std::optional<std::string> name;
 };
 
-// A path that is a directory takes the sources under their own names; one whose last component is
-// not there yet is the new name of the only source.
+// If the path is a directory, the sources are copied into it under their own names. If its last
+// component does not exist, it is the new name of the only source.
 destination find_destination(volume &vol, const std::string &path, std::size_t sources) {
-    place where = find_place(vol, path);
+    resolved_path where = find_path(vol, path);
     if (where.is_directory()) {
         return {open_directory(vol, where), where.path, std::nullopt};
     }
     const std::string shown = shown_path(vol.names(), where.path);
     if (sources > 1 || path.ends_with('/')) {
-        throw error(shown + (where.found ? ": not a directory"
-                                         : ": no such directory; \"qvol mkdir\" makes it"));
+        throw error(
+            "cannot copy to " + shown +
+            (where.found ? ": not a directory" : ": no such directory; \"qvol mkdir\" makes it"));
     }
     const std::string name = vol.names().to_host(where.path.back()).value_or("");
     name_path parent(where.path.begin(), where.path.end() - 1);
@@ -44,7 +45,7 @@ bool names_content(const std::string &source) {
     return split.name == "." || split.name == ".." || split.name == "/";
 }
 
-// The nodes of one source. "dir/." stands for what is in the directory.
+// Scans one source. "dir/." is the content of the directory.
 void scan_source(host_scan *scan, const std::string &source, const std::optional<std::string> &name,
                  std::vector<host_node> *nodes) {
     if (names_content(source) && !name) {
@@ -66,7 +67,7 @@ std::vector<host_node> scan_sources(const volume &vol, const put_options &option
     }
     scan.check_names(nodes);
     if (!scan.problems().empty()) {
-        throw error("not everything can be stored; nothing was written", scan.problems());
+        throw error("cannot store all entries; nothing was written", scan.problems());
     }
     return nodes;
 }
@@ -77,7 +78,7 @@ int run_put(const common_options &common, const put_options &options) {
             find_destination(vol, options.arguments.back(), options.arguments.size() - 1);
         const std::vector<host_node> nodes = scan_sources(vol, options, where.name);
         import_plan plan(vol, options.is_forced);
-        plan.place(nodes, std::move(where.into), shown_path(vol.names(), where.path));
+        plan.plan(nodes, std::move(where.into), shown_path(vol.names(), where.path));
         const tree_totals totals = totals_of(nodes);
         progress bar("put", totals.bytes, common.out.is_quiet);
         plan.write(&bar);
@@ -100,9 +101,9 @@ void add_put(command_line *commands) {
              "What to copy, and the directory in the volume (or the new name)")
         .required()
         .count(2, declared_option::ANY_NUMBER);
-    put.flag("-f,--force", &options->is_forced, "Replace files that exist");
+    put.flag("-f,--force", &options->is_forced, "Replace existing files");
     put.flag("--skip-special", &options->skips_special,
-             "Leave out what is neither file, directory nor link");
+             "Leave out entries that are neither file, directory nor link");
 }
 
 } // namespace qvol

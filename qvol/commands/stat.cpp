@@ -1,4 +1,4 @@
-// qvol stat: what one entry says, where it lies, and its chain.
+// qvol stat: shows the fields of one entry, its location and its chain.
 
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
@@ -13,27 +13,27 @@ struct stat_options {
     std::string path;
 };
 
-json root_json(const place &root) {
+json root_json(const resolved_path &root) {
     return {{"path", "/"},
             {"kind", "directory"},
             {"first_cluster", root.parent.start()},
             {"short_name", nullptr}};
 }
 
-std::vector<cluster_run> chain_of(volume &vol, const place &where) {
+std::vector<cluster_extent> chain_of(volume &vol, const resolved_path &where) {
     const u32 start = where.is_root() ? where.parent.start() : where.found->start();
-    return start != 0 ? runs_of(vol.fat().chain(start)) : std::vector<cluster_run>();
+    return start != 0 ? extents_of(vol.fat().chain(start)) : std::vector<cluster_extent>();
 }
 
-json chain_json(const std::vector<cluster_run> &runs) {
+json chain_json(const std::vector<cluster_extent> &extents) {
     json list = json::array();
-    for (const cluster_run &run : runs) {
-        list.push_back({{"first", run.first}, {"count", run.count}});
+    for (const cluster_extent &extent : extents) {
+        list.push_back({{"first", extent.first}, {"count", extent.count}});
     }
     return list;
 }
 
-json location_json(const place &where) {
+json location_json(const resolved_path &where) {
     const fat::dentry_location location = where.parent.location(where.found->slot);
     return {{"sector", location.sector},
             {"offset", location.offset},
@@ -41,7 +41,7 @@ json location_json(const place &where) {
             {"slots", where.found->slot - where.found->first_slot + 1}};
 }
 
-json stat_json(volume &vol, const place &where, const std::vector<cluster_run> &chain) {
+json stat_json(volume &vol, const resolved_path &where, const std::vector<cluster_extent> &chain) {
     json result = where.is_root() ? root_json(where) : entry_json(vol, where.path, *where.found);
     if (!where.is_root()) {
         result.add("entry", location_json(where));
@@ -50,9 +50,9 @@ json stat_json(volume &vol, const place &where, const std::vector<cluster_run> &
     return result;
 }
 
-std::string chain_text(const std::vector<cluster_run> &runs) {
+std::string chain_text(const std::vector<cluster_extent> &extents) {
     std::string text;
-    for (const auto [first, count] : runs) {
+    for (const auto [first, count] : extents) {
         text += text.empty() ? "" : ", ";
         text +=
             count == 1 ? fmt::format("{}", first) : fmt::format("{}-{}", first, first + count - 1);
@@ -60,7 +60,7 @@ std::string chain_text(const std::vector<cluster_run> &runs) {
     return text.empty() ? "none" : text;
 }
 
-void print_fields(const output &out, volume &vol, const place &where) {
+void print_fields(const output &out, volume &vol, const resolved_path &where) {
     const entry &found = *where.found;
     const fat::dentry_location location = where.parent.location(found.slot);
     out.line(fmt::format("kind        {}", kind_name(found.type())));
@@ -78,8 +78,8 @@ void print_fields(const output &out, volume &vol, const place &where) {
 
 int run_stat(const common_options &common, const stat_options &options) {
     return with_volume(common, access::READ, [&](volume &vol) {
-        const place where = resolve(vol, options.path);
-        const std::vector<cluster_run> chain = chain_of(vol, where);
+        const resolved_path where = resolve(vol, options.path);
+        const std::vector<cluster_extent> chain = chain_of(vol, where);
         if (common.out.is_json) {
             common.out.document(stat_json(vol, where, chain));
             return EXIT_DONE;
@@ -99,7 +99,7 @@ int run_stat(const common_options &common, const stat_options &options) {
 
 void add_stat(command_line *commands) {
     const auto [stat, options] =
-        commands->add({"stat", "Tell about one entry: its fields, its place, its clusters",
+        commands->add({"stat", "Show one entry: its fields, its location, its clusters",
                        "  qvol stat flash.img /photos/IMG_0001.jpg\n"
                        "  qvol stat --json flash.img /"},
                       run_stat);

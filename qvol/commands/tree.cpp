@@ -1,4 +1,4 @@
-// qvol tree: everything below a directory as a picture.
+// qvol tree: draws the tree below a directory.
 
 #include "qvol/tree.h"
 
@@ -19,9 +19,9 @@ class tree_printer {
 public:
     tree_printer(volume &vol, const output &out) : vol_(vol), out_(out) {}
 
-    void print(const place &top) {
+    void print(const resolved_path &top) {
         if (!top.is_directory()) {
-            throw error(shown_path(vol_.names(), top.path) + ": not a directory");
+            throw error("cannot list " + shown_path(vol_.names(), top.path) + ": not a directory");
         }
         out_.line(shown_path(vol_.names(), top.path));
         tree_visitor visitor;
@@ -68,19 +68,19 @@ private:
 
     volume &vol_;
     const output &out_;
-    std::vector<bool> has_more_; // by level: whether entries follow at that level
+    std::vector<bool> has_more_; // by level: whether more entries follow at that level
     u64 directories_ = 0;
     u64 files_ = 0;
     u64 links_ = 0;
     int status_ = EXIT_DONE;
 };
 
-// The tree as nested documents, put together with a stack of the directories that are open.
+// The tree as nested documents, built with a stack of the open directories.
 class tree_document {
 public:
     explicit tree_document(volume &vol) : vol_(vol) {}
 
-    [[nodiscard]] json of(const place &top) {
+    [[nodiscard]] json build(const resolved_path &top) {
         tree_visitor visitor;
         visitor.visit = [this](const name_path &path, const entry &found, bool) {
             return add(path, found);
@@ -120,7 +120,7 @@ private:
 
     struct open_directory_document {
         json document;
-        json siblings; // in front of it
+        json siblings; // before it
     };
 
     volume &vol_;
@@ -131,14 +131,14 @@ private:
 
 int run_tree(const common_options &common, const tree_options &options) {
     return with_volume(common, access::READ, [&](volume &vol) {
-        const place top = resolve(vol, options.path);
+        const resolved_path top = resolve(vol, options.path);
         if (!common.out.is_json) {
             tree_printer printer(vol, common.out);
             printer.print(top);
             return printer.status();
         }
         tree_document document(vol);
-        common.out.document(document.of(top));
+        common.out.document(document.build(top));
         return document.status();
     });
 }
@@ -150,7 +150,7 @@ void add_tree(command_line *commands) {
                                                 "  qvol tree flash.img\n"
                                                 "  qvol tree flash.img /photos/2024"},
                                                run_tree);
-    tree.value("PATH", &options->path, "Where to begin (default: the root)");
+    tree.value("PATH", &options->path, "Directory to start at (default: the root)");
 }
 
 } // namespace qvol

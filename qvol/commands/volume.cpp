@@ -1,4 +1,4 @@
-// qvol pool, log, mirror, compact: what concerns the volume as a whole.
+// qvol pool, log, mirror, compact: commands for the volume as a whole.
 
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
@@ -15,7 +15,7 @@ namespace {
 int make_reserved(const common_options &common, const reserved_file &file) {
     return with_volume(common, access::WRITE, [&](volume &vol) {
         make_reserved_file(vol, file);
-        const place where = resolve(vol, fmt::format("/{}", file.name));
+        const resolved_path where = resolve(vol, fmt::format("/{}", file.name));
         common.out.remark(fmt::format("made /{}, {}", file.name, shown_size(where.found->size())));
         if (common.out.is_json) {
             common.out.document({{"made", entry_json(vol, where.path, *where.found)}});
@@ -29,9 +29,9 @@ int make_reserved(const common_options &common, const reserved_file &file) {
 int run_mirror(const common_options &common) {
     return with_volume(common, access::WRITE, [&](volume &vol) {
         const u64 changed = vol.fat().mirror();
-        common.out.remark(changed == 0
-                              ? "all FAT copies are equal"
-                              : counted(changed, "sector", "sectors") + " of FAT copies changed");
+        common.out.remark(changed == 0 ? "all FAT copies are equal"
+                                       : counted(changed, "sector", "sectors") +
+                                             " of the FAT copies changed");
         if (common.out.is_json) {
             common.out.document(
                 {{"fat_copies", vol.boot().fat_copies}, {"changed_sectors", changed}});
@@ -45,7 +45,8 @@ int run_mirror(const common_options &common) {
 int run_compact(const common_options &common) {
     const target where(common.image, access::WRITE);
     if (where.is_device()) {
-        throw error(shown_bytes(common.image) + " is a device; only an image file can be cut");
+        throw error("cannot cut " + shown_bytes(common.image) +
+                    ": it is a device, only image files can be cut");
     }
     volume vol(where, common.encoding);
     const u64 before = where.size();

@@ -13,7 +13,7 @@ namespace testing_support {
 // A line that the check prints, and what the repair adds to it.
 struct expected_finding {
     std::string line;
-    std::string outcome; // "mended: ..." or "left: ..."
+    std::string outcome; // "repaired: ..." or "not repaired: ..."
 };
 
 // Clusters have one sector of 512 bytes in both widths. The files and their clusters:
