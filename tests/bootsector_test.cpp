@@ -266,11 +266,11 @@ TEST_F(CreatePbr, AVolumeFormattedAnewForgetsItsFormerGeometry) {
 
 TEST(CreatePbrRefusals, ATargetTooSmallLeavesSectorAndVolumeUntouched) {
     const ram_disk disk(4 * 4096);
-    diagnostics said;
+    diagnostics messages;
     fat_format_param param = param_of({});
     bytes sector(4096);
     EXPECT_EQ(fat::create_pbr(sector.data(), &param), -EINVAL);
-    EXPECT_EQ(said.text(),
+    EXPECT_EQ(messages.text(),
               "Volume size(16384) is too small to format the volume to FAT16\n"
               "Retry to format after enlarge the volume size to larger than (rdir area(4) + "
               "reserved area(1)) * sector size(4096)\n"
@@ -285,9 +285,9 @@ TEST(CreatePbrRefusals, ATargetTooSmallLeavesSectorAndVolumeUntouched) {
 TEST(SetFsinfo, FillsItsFiveFieldsAndNothingElse) {
     for (const std::size_t size : {512U, 1024U, 2048U, 4096U}) {
         bytes sector(size);
-        diagnostics said;
+        diagnostics messages;
         EXPECT_EQ(fat::set_fsinfo(sector.data()), 0);
-        EXPECT_EQ(said.text(), "");
+        EXPECT_EQ(messages.text(), "");
         bytes expected(size);
         for (const auto &[offset, value] : {std::pair{0U, 0x41615252U},
                                             {484U, 0x61417272U},

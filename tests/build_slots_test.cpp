@@ -341,11 +341,11 @@ TEST_P(GrowForEntries, EveryFailureEndsInADirectoryThatIsWhole) {
         if (a.result == 0) {
             // Sectors that cannot be read together are read one by one.
             EXPECT_TRUE(step.struck() ? !step.is(fault::write) : step.k > 1);
-            EXPECT_EQ(a.said, "");
+            EXPECT_EQ(a.messages, "");
             EXPECT_EQ(index, again.capacity());
             return;
         }
-        EXPECT_TRUE(a.said.ends_with(CHECK_HERE)) << a;
+        EXPECT_TRUE(a.messages.ends_with(CHECK_HERE)) << a;
         EXPECT_EQ(index, UNTOUCHED);
         EXPECT_EQ(again.record.last, 201U);
         EXPECT_EQ(again.record.allocated, 2 * cluster_bytes);
@@ -365,10 +365,10 @@ protected:
         }
     }
     answer find(u32 count) {
-        said.clear();
+        messages.clear();
         index = UNTOUCHED;
         const int result = fat_find_empty_entries(&root.record, count, &index);
-        return {result, said.text()};
+        return {result, messages.text()};
     }
     void expect_unwritten() const {
         for (const transfer &t : v.disk.log) {
@@ -377,7 +377,7 @@ protected:
     }
     volume v{GetParam()};
     directory root = v.root();
-    diagnostics said;
+    diagnostics messages;
     u32 index = UNTOUCHED;
 };
 
@@ -446,9 +446,9 @@ TEST_P(Fat16RootArea, SubDirectoryAtTheClusterOfItsNumberGrows) {
     }
     ASSERT_EQ(dir.record.start, sv->rdir_start);
     sv->last_alloc_clus = 99;
-    said.clear();
+    messages.clear();
     EXPECT_EQ(fat_find_empty_entries(&dir.record, 1, &index), 0);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     EXPECT_EQ(index, dir.capacity());
     EXPECT_EQ(dir.record.last, 100U);
 }
@@ -471,7 +471,7 @@ protected:
     void add(oentry *dir, const std::string &text, const std::string &content) {
         const u32 cluster = content.empty() ? 0 : data_cluster(content);
         const int index = build(dir, text, DENTRY_FILE, cluster);
-        ASSERT_GE(index, 0) << text << ": " << said.text();
+        ASSERT_GE(index, 0) << text << ": " << messages.text();
         u32 sector = 0;
         ASSERT_EQ(get_entry_sector(base_cluster(dir), static_cast<u32>(index), &sector), 0);
         const u64 place =
@@ -534,7 +534,7 @@ protected:
     const std::string image = scratch.file("volume.img");
     const stopped_clock clock{LEAP_DAY};
     volume v{GetParam()};
-    diagnostics said;
+    diagnostics messages;
 
 private:
     int build(oentry *dir, const std::string &text, u32 kind, u32 cluster) {
@@ -544,7 +544,7 @@ private:
         EXPECT_EQ(get_fatnames(writable.data(), &name), 0);
         const u32 count = name.unicode == nullptr ? 1 : 1 + (name.ulen + 12) / 13;
         u32 first = 0;
-        EXPECT_EQ(fat_find_empty_entries(dir, count, &first), 0) << said.text();
+        EXPECT_EQ(fat_find_empty_entries(dir, count, &first), 0) << messages.text();
         const int index = build_entry(dir, first, count, kind, &name, cluster);
         release_name(&name);
         return index;
@@ -603,7 +603,7 @@ TEST_P(ReadByMtools, NamesOfAllLengthsInRootAndSubDirectory) {
         add(&sub, name, expected_contents[path]);
         expected.insert(name);
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     save();
     EXPECT_EQ(listing("A sub-directory/"), expected);
     expected.insert("A sub-directory/");
@@ -628,7 +628,7 @@ TEST_P(ReadByMtools, ManyNamesWithTailsInADirectoryThatGrows) {
         expected.insert(name);
         expected_contents["many/" + name] = content;
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     save();
     EXPECT_EQ(listing("many/"), expected);
     EXPECT_EQ(contents(), expected_contents);

@@ -38,7 +38,7 @@ protected:
     }
     const stopped_clock clock{LEAP_DAY};
     entry_image entry;
-    diagnostics said;
+    diagnostics messages;
 };
 
 class BuildEntry : public build_case {
@@ -191,14 +191,14 @@ TEST_F(SetEntryValue, EachRowGivesItsEntry) {
         expected[13] = mark;
         EXPECT_EQ(entry, expected);
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_F(SetEntryValue, OtherKindsAreRefused) {
     for (const u32 kind : {0U, 1U, 4U, 5U, 6U, 9U, 0x10U, 0xFFFFFFFFU}) {
-        said.clear();
+        messages.clear();
         EXPECT_EQ(set("NAME       ", kind), -EINVAL);
-        EXPECT_EQ(said.text(), "set_entry_value[N]: Check Here!\n\n");
+        EXPECT_EQ(messages.text(), "set_entry_value[N]: Check Here!\n\n");
     }
     entry_image expected;
     expected.fill(0x55);
@@ -210,7 +210,7 @@ TEST_F(SetEntryValue, EntryOfTheVolumeLabelHasNoClusterAndNoCase) {
     const std::string label = "LABEL 11 CH";
     EXPECT_EQ(set_volume_entry(entry.data(), reinterpret_cast<const u8 *>(label.data())), 0);
     EXPECT_EQ(entry, stamped(short_entry(label, 0x08)));
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 // ---- permissions ------------------------------------------------------------------------------
@@ -572,7 +572,7 @@ protected:
     const stopped_clock clock{LEAP_DAY};
     volume v{shape()};
     directory dir = v.sub_directory(many_clusters());
-    diagnostics said;
+    diagnostics messages;
 };
 
 INSTANTIATE_TEST_SUITE_P(Widths, TailsOfADirectory, testing::Values(16U, 32U));
@@ -583,7 +583,7 @@ TEST_P(TailsOfADirectory, LastOfThemIs1023AndAfterItNothingIsWritten) {
     take(1022);
     name_forms name("LONGNAMETXT", u"Long name.txt");
     EXPECT_EQ(build_entry(&dir.record, 1100, 2, DENTRY_FILE, &name.record, 0), 1101);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     EXPECT_EQ(name.dos(), "LON~1023TXT");
     EXPECT_EQ(dir.at(1101), stamped(short_entry("LON~1023TXT", 0)));
     EXPECT_EQ(dir.at(1100), long_slot(0x41, u"Long name.txt", checksum_of("LON~1023TXT")));
@@ -591,7 +591,7 @@ TEST_P(TailsOfADirectory, LastOfThemIs1023AndAfterItNothingIsWritten) {
     v.disk.log.clear();
     name_forms another("LONGNAMETXT", u"Long name.txt");
     EXPECT_EQ(build_entry(&dir.record, 1100, 2, DENTRY_FILE, &another.record, 0), -EEXIST);
-    EXPECT_EQ(said.text(), TOO_MANY);
+    EXPECT_EQ(messages.text(), TOO_MANY);
     EXPECT_EQ(another.dos(), "LONGNAMETXT");
     for (const transfer &t : v.disk.log) {
         EXPECT_FALSE(t.is_write) << t;
@@ -636,7 +636,7 @@ TEST_P(BuildEntry, WriteOfAnotherCountFails) {
         v.disk.writes_before_failure = 0;
         name_forms name("NAME       ");
         const answer a = build(3, 1, &name);
-        EXPECT_EQ(a.said, CHECK_HERE);
+        EXPECT_EQ(a.messages, CHECK_HERE);
         EXPECT_TRUE(result < 0 ? a.result == result : a.result < 0) << a;
         EXPECT_TRUE(result > 0 || changes_since(before).empty());
     }
@@ -703,7 +703,7 @@ TEST_P(BuildEntry, EveryFailingReadOrAllocationWritesNothing) {
         } else {
             // A FAT sector that cannot be read on the way makes the directory's chain a broken one.
             EXPECT_TRUE(a.result == (is_memory ? -ENOMEM : -EIO) || a.result == -EINVAL) << a;
-            EXPECT_TRUE(step.k == 0 || a.said.ends_with(CHECK_HERE)) << a;
+            EXPECT_TRUE(step.k == 0 || a.messages.ends_with(CHECK_HERE)) << a;
         }
         EXPECT_EQ(changes_since(before), "");
         EXPECT_TRUE(sectors_written().empty());
@@ -761,7 +761,7 @@ TEST_P(InitDirectory, ClusterThatIsNoneIsRefused) {
     for (const u32 cluster : {1U, last_cluster + 1, 0xFFFFFFFFU}) {
         const answer a = heard(init_directory(0, cluster));
         EXPECT_EQ(a.result, -EINVAL);
-        EXPECT_TRUE(a.said.ends_with(INIT_CHECK_HERE)) << a;
+        EXPECT_TRUE(a.messages.ends_with(INIT_CHECK_HERE)) << a;
     }
     EXPECT_TRUE(transfers().empty());
 }
@@ -773,7 +773,7 @@ TEST_P(InitDirectory, ReadOfAnotherCountFails) {
         v.disk.failure_result = result;
         const answer a = heard(init_directory(0, 40));
         EXPECT_LT(a.result, 0) << "the read moved " << result;
-        EXPECT_TRUE(a.said.ends_with(INIT_CHECK_HERE)) << a;
+        EXPECT_TRUE(a.messages.ends_with(INIT_CHECK_HERE)) << a;
     }
     EXPECT_TRUE(sectors_written().empty());
     EXPECT_EQ(data_of(40), all(0xA7));
@@ -784,7 +784,7 @@ TEST_P(InitDirectory, WriteOfAnotherCountFails) {
     v.disk.writes_before_failure = 0;
     const answer a = heard(init_directory(0, 40));
     EXPECT_LT(a.result, 0);
-    EXPECT_EQ(a.said, INIT_CHECK_HERE);
+    EXPECT_EQ(a.messages, INIT_CHECK_HERE);
 }
 
 TEST_P(InitDirectory, EveryFaultIsToldAndWritesNothing) {
@@ -805,12 +805,12 @@ TEST_P(InitDirectory, EveryFaultIsToldAndWritesNothing) {
             EXPECT_EQ(a, (answer{-ENOMEM, INIT_CHECK_HERE}));
         } else if (step.is(fault::read)) {
             EXPECT_EQ(a.result, -EIO);
-            EXPECT_TRUE(a.said.ends_with(INIT_CHECK_HERE)) << a;
+            EXPECT_TRUE(a.messages.ends_with(INIT_CHECK_HERE)) << a;
         } else if (step.kind.transfer_result < 0) {
             EXPECT_EQ(a, (answer{step.kind.transfer_result, INIT_CHECK_HERE}));
         } else {
             EXPECT_LT(a.result, 0);
-            EXPECT_EQ(a.said, INIT_CHECK_HERE);
+            EXPECT_EQ(a.messages, INIT_CHECK_HERE);
         }
         EXPECT_EQ(data_of(40), all(0xA7));
     });

@@ -180,10 +180,10 @@ TEST_P(ExtendDir, NoMemoryToClearTakesTheClusterBack) {
         EXPECT_EQ(dir.record.allocated, cluster_bytes);
         EXPECT_EQ(fat.difference(), "");
         if (sv->last_alloc_clus == 41) {
-            EXPECT_EQ(a.said, "clear_cluster[N]: Failed to allocate memory!\n\n");
+            EXPECT_EQ(a.messages, "clear_cluster[N]: Failed to allocate memory!\n\n");
         } else {
             EXPECT_EQ(sv->last_alloc_clus, 40U);
-            EXPECT_TRUE(a.said.ends_with(NOT_EXTENDED)) << a.said;
+            EXPECT_TRUE(a.messages.ends_with(NOT_EXTENDED)) << a.messages;
         }
     }
     EXPECT_GE(k, 2);
@@ -427,11 +427,11 @@ class GrowingDirectory : public chain_case {
 protected:
     GrowingDirectory() {
         EXPECT_EQ(fat_build_super(), 0);
-        said.clear();
+        messages.clear();
     }
     void create(const std::string &path) {
         const int id = fat_create_file(path.c_str());
-        ASSERT_GT(id, 0) << path << ": " << said.text();
+        ASSERT_GT(id, 0) << path << ": " << messages.text();
         EXPECT_EQ(fat_close(id), 0);
     }
     // Names of the live short entries of a chain of clusters, in order.

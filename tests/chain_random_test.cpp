@@ -108,7 +108,7 @@ std::ostream &operator<<(std::ostream &out, const scenario &s) {
 struct course {
     std::vector<int> results;
     std::vector<u32> clusters;
-    std::string said;
+    std::string messages;
     state after;
     std::vector<written> writes; // those that succeeded
 };
@@ -435,9 +435,9 @@ course allocate_one_by_one(const scenario &s, bool data_fails) {
     return v.end({result}, clusters);
 }
 
-std::vector<std::string> lines_of(const std::string &said) {
+std::vector<std::string> lines_of(const std::string &messages) {
     std::vector<std::string> result;
-    std::istringstream stream(said);
+    std::istringstream stream(messages);
     for (std::string line; std::getline(stream, line);) {
         if (!line.empty()) {
             result.push_back(line);
@@ -449,13 +449,13 @@ std::vector<std::string> lines_of(const std::string &said) {
 // Where the words differ; empty where they do not. Gathered changes of a sector fail together, so
 // that lines which single writes would repeat are said once.
 std::string different_words(const scenario &s, const course &actual, const course &expected) {
-    std::vector<std::string> said = lines_of(actual.said);
-    std::vector<std::string> wanted = lines_of(expected.said);
+    std::vector<std::string> messages = lines_of(actual.messages);
+    std::vector<std::string> wanted = lines_of(expected.messages);
     if (!s.unwritable.empty()) {
-        said.erase(std::unique(said.begin(), said.end()), said.end());
+        messages.erase(std::unique(messages.begin(), messages.end()), messages.end());
         wanted.erase(std::unique(wanted.begin(), wanted.end()), wanted.end());
     }
-    return said == wanted ? "" : actual.said + " instead of " + expected.said;
+    return messages == wanted ? "" : actual.messages + " instead of " + expected.messages;
 }
 
 // How far a case got through the states worth having.
@@ -488,7 +488,7 @@ TEST(AllocClusterOnRandomStates, IsTheSameAsInTheReferenceModel) {
         seen.count(s, expected);
         ASSERT_EQ(actual.results, expected.results) << "state " << i << ": " << s;
         ASSERT_EQ(actual.clusters, expected.clusters) << "state " << i << ": " << s;
-        ASSERT_EQ(actual.said, expected.said) << "state " << i << ": " << s;
+        ASSERT_EQ(actual.messages, expected.messages) << "state " << i << ": " << s;
         ASSERT_EQ(differences(actual.after, expected.after), "") << "state " << i << ": " << s;
         ASSERT_TRUE(last_of_each_row(actual.writes) == last_of_each_row(expected.writes))
             << "state " << i << ": " << s;
@@ -586,7 +586,8 @@ TEST(CountClustersOnRandomStates, IsTheSameAsInTheReferenceModel) {
         ASSERT_EQ(actual.results, expected.results)
             << "state " << i << ", first " << first << ": " << s;
         ASSERT_EQ(actual.clusters, expected.clusters) << "state " << i << ": " << s;
-        ASSERT_EQ(actual.said, expected.said) << "state " << i << ", first " << first << ": " << s;
+        ASSERT_EQ(actual.messages, expected.messages)
+            << "state " << i << ", first " << first << ": " << s;
         ASSERT_TRUE(actual.writes.empty());
     }
 }
@@ -614,7 +615,7 @@ TEST(GetChainsOnRandomStates, IsTheSameAsInTheReferenceModel) {
         const course actual = v.end({actual_result}, list);
         ASSERT_EQ(actual.results, expected.results) << "state " << i << ": " << s;
         ASSERT_EQ(actual.clusters, expected.clusters) << "state " << i << ": " << s;
-        ASSERT_EQ(actual.said, expected.said) << "state " << i << ": " << s;
+        ASSERT_EQ(actual.messages, expected.messages) << "state " << i << ": " << s;
     }
 }
 

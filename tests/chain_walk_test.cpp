@@ -332,7 +332,7 @@ TEST_P(ReleaseClusters, EveryFailureLeavesTheFrontOfTheChainFree) {
                 << a;
         } else {
             EXPECT_TRUE(a.result == -EINVAL || a.result == -ENOMEM) << a;
-            EXPECT_TRUE(a.said.ends_with(NOT_RELEASED)) << a;
+            EXPECT_TRUE(a.messages.ends_with(NOT_RELEASED)) << a;
         }
         // Freed clusters are those at the front, nothing behind them has changed.
         std::size_t freed = 0;
@@ -520,7 +520,7 @@ TEST_P(GetChains, BrokenChainIsToldAndNothingIsKept) {
         const allocation_meter meter;
         EXPECT_EQ(fat_get_chains(&file.record, &array), -EINVAL);
         EXPECT_EQ(meter.live_blocks(), 0);
-        EXPECT_EQ(heard(0).said, d.message + NOT_LISTED);
+        EXPECT_EQ(heard(0).messages, d.message + NOT_LISTED);
         EXPECT_EQ(array, nullptr);
     }
 }

@@ -21,11 +21,11 @@ namespace {
 struct place {
     int result;
     u32 sector;
-    std::string said;
+    std::string messages;
     bool operator==(const place &) const = default;
 };
 std::ostream &operator<<(std::ostream &out, const place &p) {
-    return out << p.result << ", sector " << p.sector << ", \"" << p.said << "\"";
+    return out << p.result << ", sector " << p.sector << ", \"" << p.messages << "\"";
 }
 
 constexpr u32 UNTOUCHED = 0xDEADBEEF;
@@ -47,22 +47,22 @@ protected:
     place phy_sector(u32 base, u32 index) {
         place p{0, UNTOUCHED, ""};
         p.result = get_phy_sector(base, index, &p.sector);
-        p.said = said.text();
-        said.clear();
+        p.messages = messages.text();
+        messages.clear();
         return p;
     }
     place phy_sector_by_offset(u32 base, u32 offset) {
         place p{0, UNTOUCHED, ""};
         p.result = get_phy_sector_by_offset(base, offset, &p.sector);
-        p.said = said.text();
-        said.clear();
+        p.messages = messages.text();
+        messages.clear();
         return p;
     }
     place entry_sector(u32 base, u32 index) {
         place p{0, UNTOUCHED, ""};
         p.result = get_entry_sector(base, index, &p.sector);
-        p.said = said.text();
-        said.clear();
+        p.messages = messages.text();
+        messages.clear();
         return p;
     }
 
@@ -74,7 +74,7 @@ protected:
     }
 
     volume v{GetParam()};
-    diagnostics said;
+    diagnostics messages;
     const u32 spc = sv->sec_per_clus;
 };
 
@@ -249,8 +249,8 @@ TEST_P(Fat16Root, EntryWhoseSectorReachesTheDataArea) {
     std::vector<u8> buffer(sv->sector_size);
     u8 *entry = nullptr;
     EXPECT_EQ(get_dentry_with_clu(0, 512, &entry, buffer.data(), nullptr), -EFAULT);
-    EXPECT_EQ(said.text(), "get_phy_sector[N]: Invalid sector number in Root dir\n\n"
-                           "get_dentry_with_clu[N]: Failed to get entry sector!:(0, 512)\n\n");
+    EXPECT_EQ(messages.text(), "get_phy_sector[N]: Invalid sector number in Root dir\n\n"
+                               "get_dentry_with_clu[N]: Failed to get entry sector!:(0, 512)\n\n");
     EXPECT_EQ(entry, nullptr);
     EXPECT_TRUE(transfers().empty());
 }
@@ -331,8 +331,8 @@ protected:
         return get_dentry_with_clu(base, index, &entry, buffer.data(), &location);
     }
     std::string heard() {
-        const std::string text = said.text();
-        said.clear();
+        const std::string text = messages.text();
+        messages.clear();
         return text;
     }
     // Nothing was handed out.
@@ -434,8 +434,9 @@ protected:
     void expect_out_of_range(directory &dir, u32 index) {
         transfers();
         EXPECT_EQ(get(dir, index), -EFAULT) << "index " << index;
-        EXPECT_EQ(said.text(), "fat_get_dentry[N]: access the out of range in directory space\n");
-        said.clear();
+        EXPECT_EQ(messages.text(),
+                  "fat_get_dentry[N]: access the out of range in directory space\n");
+        messages.clear();
         EXPECT_TRUE(transfers().empty());
         EXPECT_EQ(entry, nullptr);
     }
@@ -443,7 +444,7 @@ protected:
         EXPECT_EQ(get(dir, index), 0) << "index " << index;
         EXPECT_EQ(location.sector, sector);
         EXPECT_EQ(location.offset, index * 32 % sv->sector_size);
-        EXPECT_EQ(said.text(), "");
+        EXPECT_EQ(messages.text(), "");
         entry = nullptr;
     }
 
@@ -491,8 +492,8 @@ TEST_P(FatGetDentry, AllocatedSizeBoundsNotTheChain) {
     dir.record.allocated = 0xFFFFFFFF;
     const u32 capacity = dir.capacity();
     EXPECT_EQ(get(dir, capacity), -EFAULT);
-    EXPECT_EQ(said.text(), "get_dentry_with_clu[N]: Failed to get entry sector!:(5, " +
-                               std::to_string(capacity) + ")\n\n");
+    EXPECT_EQ(messages.text(), "get_dentry_with_clu[N]: Failed to get entry sector!:(5, " +
+                                   std::to_string(capacity) + ")\n\n");
 }
 
 TEST(FatGetDentryOfAnOddRoot, LargeAreaIsSeenUpToTheAllocatedSize) {
@@ -500,10 +501,10 @@ TEST(FatGetDentryOfAnOddRoot, LargeAreaIsSeenUpToTheAllocatedSize) {
     directory root = v.root();
     std::vector<u8> buffer(512);
     u8 *entry = nullptr;
-    diagnostics said;
+    diagnostics messages;
     EXPECT_EQ(fat_get_dentry(&root.record, 511, &entry, buffer.data(), nullptr), 0);
     EXPECT_EQ(fat_get_dentry(&root.record, 512, &entry, buffer.data(), nullptr), -EFAULT);
-    EXPECT_EQ(said.text(), "fat_get_dentry[N]: access the out of range in directory space\n");
+    EXPECT_EQ(messages.text(), "fat_get_dentry[N]: access the out of range in directory space\n");
 }
 
 // ---- the number of entries --------------------------------------------------------------------

@@ -37,24 +37,24 @@ struct units_made {
     int result;
     std::u16string units; // where it succeeds
     std::string left;     // the caller's string afterwards
-    std::string said;     // source lines as N
+    std::string messages; // source lines as N
     bool operator==(const units_made &) const = default;
 };
 std::ostream &operator<<(std::ostream &out, const units_made &made) {
     return out << "{" << made.result << ", " << shown_units(made.units) << ", left "
-               << shown_bytes(made.left) << ", said " << shown_bytes(made.said) << "}";
+               << shown_bytes(made.left) << ", messages " << shown_bytes(made.messages) << "}";
 }
 
 // What convert_uname_to_cstring() makes of units.
 struct text_made {
     int result;
     std::string text; // where it succeeds
-    std::string said;
+    std::string messages;
     bool operator==(const text_made &) const = default;
 };
 std::ostream &operator<<(std::ostream &out, const text_made &made) {
-    return out << "{" << made.result << ", " << shown_bytes(made.text) << ", said "
-               << shown_bytes(made.said) << "}";
+    return out << "{" << made.result << ", " << shown_bytes(made.text) << ", messages "
+               << shown_bytes(made.messages) << "}";
 }
 
 units_made encoded(std::u16string units, const std::string &left) {
@@ -109,11 +109,11 @@ protected:
         caller_string string(name);
         std::vector<u16> units(LONG_NAME_UNITS, 0xAAAA);
         units.shrink_to_fit();
-        said.clear();
+        messages.clear();
         units_made made = {};
         made.result = convert_cstring_to_uname(string.get(), units.data());
         made.left = string.text();
-        made.said = said.text();
+        made.messages = messages.text();
         if (made.result >= 0) {
             EXPECT_LT(made.result, 256);
             EXPECT_EQ(units.at(static_cast<u32>(made.result)), 0);
@@ -132,10 +132,10 @@ protected:
         const std::vector<u16> before = units;
         std::vector<char> text(256, '#');
         text.shrink_to_fit();
-        said.clear();
+        messages.clear();
         text_made made = {};
         made.result = convert_uname_to_cstring(units.data(), text.data());
-        made.said = said.text();
+        made.messages = messages.text();
         if (made.result >= 0) {
             EXPECT_LT(made.result, 256);
             EXPECT_EQ(text.at(static_cast<u32>(made.result)), '\0');
@@ -146,11 +146,11 @@ protected:
     }
 
     record fill(const std::string &name) {
-        return to_record(name, &said);
+        return to_record(name, &messages);
     }
 
     ram_disk disk;
-    diagnostics said;
+    diagnostics messages;
 };
 
 // A volume with an encoding.
@@ -163,7 +163,7 @@ protected:
             GTEST_SKIP() << "this system has no conversion for " << charset_;
         }
         ASSERT_EQ(fat_set_encoding(charset_), 0);
-        ASSERT_EQ(said.text(), "");
+        ASSERT_EQ(messages.text(), "");
     }
 
 private:
@@ -281,7 +281,7 @@ TEST_F(WithoutEncoding, EveryUnitAloneIsShown) {
         expected += unit < 0x80 ? static_cast<char>(unit) : '?';
     }
     EXPECT_EQ(shown == expected, true);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_F(WithoutEncoding, AShownNameHasUpTo255Bytes) {
@@ -300,7 +300,7 @@ TEST_F(WithoutEncoding, UnitsWithoutATerminatorFillTheTextWithoutOneToo) {
 
 TEST_F(FatSetEncoding, AnUnknownEncodingIsTold) {
     EXPECT_EQ(fat_set_encoding("no such encoding"), -EINVAL);
-    EXPECT_EQ(said.text(), "fat_set_encoding[N]: opening iconv() error!\n\n");
+    EXPECT_EQ(messages.text(), "fat_set_encoding[N]: opening iconv() error!\n\n");
     EXPECT_EQ(sv->cd_to_uni, nullptr);
     EXPECT_EQ(sv->cd_from_uni, nullptr);
     EXPECT_EQ(encode("still ASCII"), encoded(u"still ASCII", "still ASCII"));
@@ -312,7 +312,7 @@ TEST_F(FatSetEncoding, OpensOneConverterForEachDirection) {
         GTEST_SKIP() << "this system has no conversion for ISO-8859-1";
     }
     EXPECT_EQ(fat_set_encoding("ISO-8859-1"), 0);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     EXPECT_NE(sv->cd_to_uni, nullptr);
     EXPECT_NE(sv->cd_from_uni, nullptr);
     EXPECT_EQ(encode("\xE9"), encoded(u"\x00E9", "\xE9"));
@@ -327,16 +327,16 @@ TEST_F(FatSetEncoding, ADirectionThatFailsIsAsciiAndTheOtherIsKept) {
         const failing_call fault(call::iconv_open, EINVAL, 0);
         EXPECT_EQ(fat_set_encoding("ISO-8859-1"), -EINVAL);
     }
-    EXPECT_EQ(said.text(), "fat_set_encoding[N]: opening iconv() error!\n\n");
+    EXPECT_EQ(messages.text(), "fat_set_encoding[N]: opening iconv() error!\n\n");
     EXPECT_EQ(sv->cd_to_uni, nullptr);
     EXPECT_EQ(encode("\xE9").result, -EINVAL);
     EXPECT_EQ(decode(u"\x00E9"), decoded("\xE9"));
-    said.clear();
+    messages.clear();
     {
         const failing_call fault(call::iconv_open, EMFILE, 1);
         EXPECT_EQ(fat_set_encoding("ISO-8859-1"), -EINVAL);
     }
-    EXPECT_EQ(said.text(), "fat_set_encoding[N]: opening iconv() error!\n\n");
+    EXPECT_EQ(messages.text(), "fat_set_encoding[N]: opening iconv() error!\n\n");
     EXPECT_EQ(sv->cd_from_uni, nullptr);
     EXPECT_EQ(encode("\xE9"), encoded(u"\x00E9", "\xE9"));
     EXPECT_EQ(decode(u"\x00E9"), decoded("?"));
@@ -407,9 +407,9 @@ TEST_F(FatSetEncoding, FailsWhereTheSystemHasNoConversions) {
         return;
     }
     for (const char *charset : {"UTF-8", "ISO-8859-1", "EUC-JP", "ASCII", "UNICODE", ""}) {
-        said.clear();
+        messages.clear();
         EXPECT_EQ(fat_set_encoding(charset), -EINVAL) << charset;
-        EXPECT_EQ(said.text(), "fat_set_encoding[N]: opening iconv() error!\n\n") << charset;
+        EXPECT_EQ(messages.text(), "fat_set_encoding[N]: opening iconv() error!\n\n") << charset;
         EXPECT_EQ(sv->cd_to_uni, nullptr);
         EXPECT_EQ(sv->cd_from_uni, nullptr);
     }
@@ -590,8 +590,8 @@ TEST_F(Utf8, ALongNameThatCannotBeMadeIsARefusedName) {
     caller_string string("Caf\xE9");
     fat_name name = {};
     EXPECT_EQ(get_fatnames(string.get(), &name), -EINVAL);
-    EXPECT_EQ(said.text(), "convert_cstring_to_uname[N]: Failed to convert: \xE9\n\n"
-                           "convert_name[N]: Failed to convert ...!\n\n");
+    EXPECT_EQ(messages.text(), "convert_cstring_to_uname[N]: Failed to convert: \xE9\n\n"
+                               "convert_name[N]: Failed to convert ...!\n\n");
     EXPECT_EQ(name.dosName, nullptr);
     EXPECT_EQ(name.unicode, nullptr);
     EXPECT_EQ(meter.live_blocks(), 0);
@@ -904,7 +904,7 @@ TEST_P(EncodingsAtRandom, EveryStoredNameIsShownAsIfItWereTheFirst) {
         const text_made expected = decoded_afresh(GetParam(), units);
         text_made made = decode(units);
         if (!units.empty() && units[0] == 0xFFFE) {
-            made.said = expected.said; // shows the units in one byte order or the other
+            made.messages = expected.messages; // shows the units in one byte order or the other
         }
         ASSERT_EQ(made, expected) << i << ": " << shown_units(units);
         ASSERT_FALSE(HasFailure());

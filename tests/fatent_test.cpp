@@ -20,11 +20,11 @@ namespace {
 // What a call gives back and what it says.
 struct answer {
     std::int64_t result;
-    std::string said;
+    std::string messages;
     bool operator==(const answer &) const = default;
 };
 std::ostream &operator<<(std::ostream &out, const answer &a) {
-    return out << a.result << ", \"" << a.said << "\"";
+    return out << a.result << ", \"" << a.messages << "\"";
 }
 
 constexpr u32 UNTOUCHED = 0xDEADBEEF;
@@ -32,8 +32,8 @@ constexpr u32 UNTOUCHED = 0xDEADBEEF;
 class any_shape : public testing::TestWithParam<volume_shape> {
 protected:
     answer heard(std::int64_t result) {
-        const answer a{result, said.text()};
-        said.clear();
+        const answer a{result, messages.text()};
+        messages.clear();
         return a;
     }
 
@@ -82,7 +82,7 @@ protected:
     }
 
     volume v{GetParam()};
-    diagnostics said;
+    diagnostics messages;
 };
 
 class ReadEntry : public any_shape {};
@@ -390,12 +390,12 @@ TEST_P(Fat32Entry, TopBitsMakeNoLink) {
 
 TEST(Fat32Link, MarksOfFat16AreNumbersOfClusters) {
     volume v({.fat_type = 32, .clusters = 66000});
-    diagnostics said;
+    diagnostics messages;
     for (const u32 value : {0xFFF6U, 0xFFF7U, 0xFFF8U, 0xFFFFU}) {
         v.set_link(5, value);
         EXPECT_EQ(fat_read_clus(5), static_cast<int>(value));
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 // ---- finding a free cluster -------------------------------------------------------------------
@@ -546,10 +546,10 @@ TEST_P(FatSector, ReadsNothing) {
 // A cluster count that the data area cannot have must not come out as a sector in the middle of it.
 TEST(FatSectorOfAnImpossibleVolume, SectorsBeyondTheRangeOfTheirNumberGiveZero) {
     volume v;
-    diagnostics said;
+    diagnostics messages;
     sv->sec_per_clus = 64;
     sv->num_clusters = 0x0FFFFFEE;
     EXPECT_EQ(fat_sector(0x04000002), 0U);
     EXPECT_EQ(fat_sector(0x04000003), 0U);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }

@@ -160,7 +160,7 @@ public:
     const scenario volume;
     const stopped_clock clock{NOW};
     ram_disk disk;
-    diagnostics said;
+    diagnostics messages;
     fat_format_param param;
     std::uint64_t heap_peak = 0;
 };
@@ -194,7 +194,7 @@ INSTANTIATE_TEST_SUITE_P(Format, FormatOf, testing::ValuesIn(ALL),
 TEST_P(FormatOf, ReturnsTheSectorsOfTheRootDirectoryAndSaysNothing) {
     formatting format(GetParam());
     EXPECT_EQ(format.run(), static_cast<int>(GetParam().root));
-    EXPECT_EQ(format.said.text(), "");
+    EXPECT_EQ(format.messages.text(), "");
     EXPECT_EQ(format.param.fat_size, is_fat32(GetParam()) ? 32U : 16U);
     EXPECT_EQ(format.param.nr_rsvd_sec, GetParam().reserved);
     EXPECT_EQ(format.param.root_entries, is_fat32(GetParam()) ? 0U : 512U);
@@ -358,7 +358,7 @@ TEST(Format, ATargetThatIsTooSmallIsRefusedUntouched) {
     tiny.target_bytes = 4 * 4096;
     formatting format(tiny);
     EXPECT_EQ(format.run(), -EINVAL);
-    EXPECT_EQ(format.said.text(),
+    EXPECT_EQ(format.messages.text(),
               "Volume size(16384) is too small to format the volume to FAT16\n"
               "Retry to format after enlarge the volume size to larger than (rdir area(4) + "
               "reserved area(1)) * sector size(4096)\n"
@@ -419,7 +419,7 @@ public:
         const int outcome = format.run();
 
         const std::string message = message_of(steps_[first_step_of(failing)].what, result);
-        EXPECT_EQ(format.said.text(), message);
+        EXPECT_EQ(format.messages.text(), message);
         EXPECT_EQ(outcome, message.empty() ? static_cast<int>(volume_.root) : -EIO);
         const std::size_t made = message.empty() ? log_.size() : failing + 1;
         const std::vector<transfer> expected_log(log_.begin(),
@@ -488,7 +488,7 @@ TEST_P(FormatOf, AFormatAfterAFailedOneSucceeds) {
     format.disk.writes_before_failure = 2;
     EXPECT_EQ(format.run(), -EIO);
     format.param = request(GetParam());
-    format.said.clear();
+    format.messages.clear();
     EXPECT_EQ(format.run(), static_cast<int>(GetParam().root));
 }
 
@@ -502,13 +502,13 @@ void expect_shortages(const scenario &volume, const std::vector<std::string> &sh
         const int result = step.run([&] { return fat_format(&format.param); });
         if (!step.struck()) {
             EXPECT_EQ(result, static_cast<int>(volume.root));
-            EXPECT_EQ(format.said.text(), "");
+            EXPECT_EQ(format.messages.text(), "");
             return;
         }
         failures++;
         ASSERT_LE(failures, shortages.size()) << "more allocations than known";
         EXPECT_EQ(result, -ENOMEM);
-        EXPECT_EQ(format.said.text(), shortages[failures - 1]);
+        EXPECT_EQ(format.messages.text(), shortages[failures - 1]);
         EXPECT_TRUE(format.disk.log.empty());
     });
     EXPECT_EQ(failures, shortages.size());
@@ -559,7 +559,7 @@ protected:
         EXPECT_EQ(meter.live_blocks(), 0);
         return result;
     }
-    diagnostics said;
+    diagnostics messages;
 
 private:
     scratch_directory directory_;
@@ -570,15 +570,15 @@ private:
 TEST_F(FormatOfFile, AFailedSeekIsToldByTheTransferAndByTheFormat) {
     const failing_call fault(call::lseek, EINVAL, 1);
     EXPECT_EQ(run(), -EIO);
-    EXPECT_EQ(said.text(), "file_write_sectors[N]: Check here!\n\n"
-                           "write_tables_vol[N]: IO Error!\n\n");
+    EXPECT_EQ(messages.text(), "file_write_sectors[N]: Check here!\n\n"
+                               "write_tables_vol[N]: IO Error!\n\n");
 }
 
 TEST_F(FormatOfFile, AShortWriteOfTheFatTellsTheSectorsThatWereWritten) {
     // Every transfer moves at most 20 sectors and a half.
     const pretended_device device({.short_transfer_bytes = 20 * 512 + 256});
     EXPECT_EQ(run(), -EIO);
-    EXPECT_EQ(said.text(), "write_tables_vol[N]: Cannot write FAT(20)\n\n");
+    EXPECT_EQ(messages.text(), "write_tables_vol[N]: Cannot write FAT(20)\n\n");
 }
 
 TEST_F(FormatOfFile, EveryFailedWriteEndsTheFormat) {
@@ -586,7 +586,7 @@ TEST_F(FormatOfFile, EveryFailedWriteEndsTheFormat) {
         fat_format_param param = request(FAT16_SMALL_SECTORS);
         const int result = step.run([&] { return fat_format(&param); });
         EXPECT_EQ(result, step.struck() ? -EIO : 32);
-        EXPECT_TRUE(step.k > 0 || said.text() ==
+        EXPECT_TRUE(step.k > 0 || messages.text() ==
                                       "file_write_sectors[N]: Check here!\n\n"
                                       "write_tables_vol[N]: Cannot write PBR sector\n\n");
         EXPECT_TRUE(step.struck() || step.k > 3);
@@ -615,9 +615,10 @@ TEST(SetFatEntry, Fat32TakesTheLowTwentyEightBitsAndKeepsTheTopFour) {
 TEST(SetFatEntry, AnotherWidthIsRefused) {
     for (const std::uint32_t width : {0U, 12U, 17U, 28U, 64U}) {
         bytes table(64, 0x77);
-        diagnostics said;
+        diagnostics messages;
         EXPECT_EQ(fat::set_fat_entry(width, table.data(), 1, 5), -EINVAL);
-        EXPECT_EQ(said.text(), "set_fat_entry[N]: This library supports only FAT16 and FAT32\n");
+        EXPECT_EQ(messages.text(),
+                  "set_fat_entry[N]: This library supports only FAT16 and FAT32\n");
         EXPECT_EQ(table, bytes(64, 0x77));
     }
 }
@@ -631,7 +632,7 @@ protected:
         format_.reset();
         format_ = std::make_unique<formatting>(volume);
         ASSERT_EQ(fat::make_tables(&format_->param, &pbr, &fsinfo, &fat, &rdir), 0);
-        EXPECT_EQ(format_->said.text(), "");
+        EXPECT_EQ(format_->messages.text(), "");
         EXPECT_TRUE(format_->disk.log.empty());
     }
     ~Tables() override {
@@ -646,8 +647,8 @@ protected:
         EXPECT_EQ(meter.live_blocks(), 0);
         return result;
     }
-    std::string said() {
-        return format_->said.text();
+    std::string messages() {
+        return format_->messages.text();
     }
     std::vector<std::uint64_t> written() {
         return sectors_of(format_->disk.log);
@@ -707,7 +708,7 @@ TEST_F(Tables, OfFat32WithoutFsinfoAreWrittenUpToThere) {
     std::free(fsinfo);
     fsinfo = nullptr;
     EXPECT_EQ(write(), -EIO);
-    EXPECT_EQ(said(), "write_tables_vol[N]: cannot write FSInfo sector\n");
+    EXPECT_EQ(messages(), "write_tables_vol[N]: cannot write FSInfo sector\n");
     EXPECT_EQ(written(), ranges({{0, 1}, {1, 31}, {6, 1}}));
 }
 
@@ -739,7 +740,7 @@ TEST_F(Tables, OfAVolumeWithoutAFatAreWrittenUpToThere) {
     sv->fat_start = 0;
     sv->fat_size = 0;
     EXPECT_EQ(write(), -EINVAL);
-    EXPECT_EQ(said(), "write_tables_vol[N]: Not initialized value\n\n");
+    EXPECT_EQ(messages(), "write_tables_vol[N]: Not initialized value\n\n");
     EXPECT_EQ(written(), ranges({{0, 1}, {1, 15}}));
 }
 
@@ -754,7 +755,7 @@ TEST_F(Tables, OfAVolumeWithoutARootDirectoryAreWrittenUpToThere) {
     make(FAT16_SMALL_SECTORS);
     sv->rdir_start = 0;
     EXPECT_EQ(write(), -EINVAL);
-    EXPECT_EQ(said(), "write_tables_vol[N]: Not initialized value\n\n");
+    EXPECT_EQ(messages(), "write_tables_vol[N]: Not initialized value\n\n");
     EXPECT_EQ(written(), ranges({{0, 1}, {1, 15}, {16, 64}}));
 }
 
@@ -799,7 +800,7 @@ TEST_F(Tables, OfAVolumeOfNoWidthAreNotMade) {
     fat::u8 *table = nullptr;
     const allocation_meter meter;
     EXPECT_EQ(fat::create_fat(pbr + 11, &table), -EINVAL);
-    EXPECT_EQ(said(), "set_fat_entry[N]: This library supports only FAT16 and FAT32\n");
+    EXPECT_EQ(messages(), "set_fat_entry[N]: This library supports only FAT16 and FAT32\n");
     EXPECT_EQ(meter.live_blocks(), 0);
     EXPECT_EQ(table, nullptr);
 }

@@ -27,7 +27,7 @@ constexpr std::uint64_t MIB = 1024 * KIB;
 // Everything that the calculation gives back. `said` holds the diagnostics.
 struct decision {
     int result = 0;
-    std::string said = {};
+    std::string messages = {};
     std::uint32_t width = 0;
     std::uint32_t reserved = 0;
     std::uint32_t root_entries = 0;
@@ -38,7 +38,7 @@ struct decision {
 std::ostream &operator<<(std::ostream &out, const decision &d) {
     return out << "{result " << d.result << ", FAT" << d.width << ", reserved " << d.reserved
                << ", root entries " << d.root_entries << ", FAT sectors " << d.fat_sectors
-               << ", clusters " << d.clusters << ", said <" << d.said << ">}";
+               << ", clusters " << d.clusters << ", messages <" << d.messages << ">}";
 }
 
 // A request as it is after the defaults were filled in.
@@ -61,19 +61,19 @@ constexpr std::uint32_t UNTOUCHED = 0xABABABAB;
 // the result slots must be as they were, and the decision is blank but for result and text.
 decision decide(const asked &wish, std::uint32_t total, std::uint64_t target_bytes) {
     const ram_disk disk(target_bytes);
-    diagnostics said;
+    diagnostics messages;
     fat_format_param param = request(wish);
     decision made;
     made.fat_sectors = UNTOUCHED;
     made.clusters = UNTOUCHED;
     made.result = fat::calc_fat_sectors(&param, total, &made.fat_sectors, &made.clusters);
-    made.said = said.text();
+    made.messages = messages.text();
     if (made.result != 0) {
         const fat_format_param before = request(wish);
         EXPECT_EQ(std::memcmp(&param, &before, sizeof param), 0) << "the request was changed";
         EXPECT_EQ(made.fat_sectors, UNTOUCHED);
         EXPECT_EQ(made.clusters, UNTOUCHED);
-        return {.result = made.result, .said = made.said};
+        return {.result = made.result, .messages = made.messages};
     }
     made.width = param.fat_size;
     made.reserved = param.nr_rsvd_sec;
@@ -92,8 +92,8 @@ decision fat32(decision rest) {
     rest.width = 32;
     return rest;
 }
-decision refused(const std::string &said) {
-    return {.result = -EINVAL, .said = said};
+decision refused(const std::string &messages) {
+    return {.result = -EINVAL, .messages = messages};
 }
 
 // The starts of the areas in sectors, as the boot sector and the volume record have them.
@@ -245,7 +245,7 @@ TEST(CalcFatSectors, TheRequestsOwnReservedSectorsAreNotConsulted) {
 // ---- the limits -------------------------------------------------------------------------------
 
 TEST(CalcFatSectors, Fat16StartsAt4085Clusters) {
-    const std::string said =
+    const std::string messages =
         "Cluster size(4096) is too large or volume size(16764928) is too small to format the "
         "device to FAT16.\n"
         "If you want to format the deivce to FAT16/32, retry to format after reduce the cluster "
@@ -253,7 +253,7 @@ TEST(CalcFatSectors, Fat16StartsAt4085Clusters) {
         "num_clusters 4084 data area 4084\n";
     for (const std::uint32_t width : {0U, 16U}) {
         const asked wish = {.width = width};
-        EXPECT_EQ(decide(wish, 4093), refused(said));
+        EXPECT_EQ(decide(wish, 4093), refused(messages));
         EXPECT_EQ(decide(wish, 4094),
                   fat16({.reserved = 1, .root_entries = 512, .fat_sectors = 2, .clusters = 4085}));
     }
@@ -273,7 +273,7 @@ TEST(CalcFatSectors, Fat16EndsAt65524ClustersWhenItIsAskedFor) {
 TEST(CalcFatSectors, AWidthThatIsNoneIsRefused) {
     const decision made = decide({.width = 12}, 5000);
     EXPECT_EQ(made.result, -EINVAL);
-    EXPECT_NE(made.said.find("Invalid format request: "), std::string::npos) << made.said;
+    EXPECT_NE(made.messages.find("Invalid format request: "), std::string::npos) << made.messages;
 }
 
 TEST(CalcFatSectors, BetweenTheWidthsAutomaticChoiceIsRefusedAsFat32) {
@@ -411,22 +411,24 @@ TEST(CalcFatSectors, ThirtyOneSectorsHaveNoRoomForTheReservedAreaOfFat32) {
 
 TEST(CalcFatSectors, TheMessagesNameTheSizeOfTheTargetNotOfItsSectors) {
     // 64-bit: the target is larger than what is used of it.
-    EXPECT_EQ(decide({}, 4, 123456789012345).said.substr(0, 28), "Volume size(123456789012345)");
-    EXPECT_EQ(decide({.width = 32}, 4, 123456789012345).said.substr(0, 28),
+    EXPECT_EQ(decide({}, 4, 123456789012345).messages.substr(0, 28),
+              "Volume size(123456789012345)");
+    EXPECT_EQ(decide({.width = 32}, 4, 123456789012345).messages.substr(0, 28),
               "Volume size(123456789012345)");
 }
 
 TEST(CalcFatSectors, ARootAreaOfHalfKiBsIsRefused) {
-    const std::string said = "calc_fat_sectors[N]: RdirSize is not even multiple of 512Bytes!\n\n";
+    const std::string messages =
+        "calc_fat_sectors[N]: RdirSize is not even multiple of 512Bytes!\n\n";
     // 16 entries are one sector of 512 bytes, 33 to 48 are three.
     asked wish = {.cluster_sectors = 8, .sector_bytes = 512, .page_bytes = 0, .root_entries = 16};
-    EXPECT_EQ(decide(wish, 131072), refused(said));
+    EXPECT_EQ(decide(wish, 131072), refused(messages));
     wish.root_entries = 33;
-    EXPECT_EQ(decide(wish, 131072), refused(said));
+    EXPECT_EQ(decide(wish, 131072), refused(messages));
     wish.width = 16;
-    EXPECT_EQ(decide(wish, 131072), refused(said));
+    EXPECT_EQ(decide(wish, 131072), refused(messages));
     // The areas are measured after it.
-    EXPECT_EQ(decide(wish, 2), refused(said));
+    EXPECT_EQ(decide(wish, 2), refused(messages));
     // 17 to 32 entries are two sectors: 1024 bytes.
     wish.root_entries = 17;
     EXPECT_EQ(decide(wish, 131072).root_entries, 32U);
@@ -438,9 +440,10 @@ TEST(CalcFatSectors, ARootAreaOfHalfKiBsIsRefused) {
 }
 
 TEST(CalcFatSectors, APageThatNoSectorFitsIsSaidAndTheVolumeGoesOnUnaligned) {
-    const std::string said = "calc_fat_sectors[N]: Can't align to page size(3000): Sector is 512\n";
+    const std::string messages =
+        "calc_fat_sectors[N]: Can't align to page size(3000): Sector is 512\n";
     asked wish = {.cluster_sectors = 8, .sector_bytes = 512, .page_bytes = 3000};
-    EXPECT_EQ(decide(wish, 131000), (decision{.said = said,
+    EXPECT_EQ(decide(wish, 131000), (decision{.messages = messages,
                                               .width = 16,
                                               .reserved = 1,
                                               .root_entries = 512,
@@ -448,7 +451,7 @@ TEST(CalcFatSectors, APageThatNoSectorFitsIsSaidAndTheVolumeGoesOnUnaligned) {
                                               .clusters = 16354}));
     EXPECT_EQ(lay_out(wish, 131000 * 512), (areas{.fat = 1, .root = 129, .data = 161}));
     wish = {.width = 32, .cluster_sectors = 1, .sector_bytes = 512, .page_bytes = 3000};
-    EXPECT_EQ(decide(wish, 70000), (decision{.said = said,
+    EXPECT_EQ(decide(wish, 70000), (decision{.messages = messages,
                                              .width = 32,
                                              .reserved = 32,
                                              .root_entries = 0,
@@ -460,7 +463,7 @@ TEST(CalcFatSectors, TheLargestPageThatNoSectorFitsIsSaidAsASignedNumber) {
     const asked wish = {.cluster_sectors = 8, .sector_bytes = 512, .page_bytes = 0xFFFFFFFF};
     EXPECT_EQ(
         decide(wish, 131000),
-        (decision{.said = "calc_fat_sectors[N]: Can't align to page size(-1): Sector is 512\n",
+        (decision{.messages = "calc_fat_sectors[N]: Can't align to page size(-1): Sector is 512\n",
                   .width = 16,
                   .reserved = 1,
                   .root_entries = 512,
@@ -470,19 +473,20 @@ TEST(CalcFatSectors, TheLargestPageThatNoSectorFitsIsSaidAsASignedNumber) {
 
 TEST(CalcFatSectors, ASectorThatNoPageFitsIsSaidToo) {
     const asked wish = {.cluster_sectors = 1, .sector_bytes = 4096, .page_bytes = 3000};
-    EXPECT_EQ(decide(wish, 16384),
-              (decision{.said = "calc_fat_sectors[N]: Can't align to page size(3000): Sector is "
-                                "4096\n",
-                        .width = 16,
-                        .reserved = 1,
-                        .root_entries = 512,
-                        .fat_sectors = 8,
-                        .clusters = 16363}));
+    EXPECT_EQ(
+        decide(wish, 16384),
+        (decision{.messages = "calc_fat_sectors[N]: Can't align to page size(3000): Sector is "
+                              "4096\n",
+                  .width = 16,
+                  .reserved = 1,
+                  .root_entries = 512,
+                  .fat_sectors = 8,
+                  .clusters = 16363}));
 }
 
 TEST(CalcFatSectors, TheAlignmentIsSaidOnceWhenTheChoiceGoesOnToFat32) {
     const asked wish = {.cluster_sectors = 1, .sector_bytes = 512, .page_bytes = 3000};
-    EXPECT_EQ(decide(wish, 131072).said,
+    EXPECT_EQ(decide(wish, 131072).messages,
               "calc_fat_sectors[N]: Can't align to page size(3000): Sector is 512\n");
     EXPECT_EQ(decide(wish, 131072).width, 32U);
 }
@@ -534,7 +538,7 @@ TEST(CalcFatSectors, TheLargestTotalWithManyFats) {
     const volume_layout expected =
         format_calculation(wish, 4294967295U * std::uint64_t{4096}, 4294967295U).decide();
     const decision made = decide(wish, 4294967295U);
-    EXPECT_EQ(made.said, expected.printed);
+    EXPECT_EQ(made.messages, expected.printed);
     EXPECT_EQ(made.fat_sectors, expected.fat_sectors);
     EXPECT_EQ(made.clusters, expected.clusters);
 }
@@ -549,7 +553,7 @@ decision expected_decision(const asked &wish, std::uint32_t total) {
     if (expected.result != 0) {
         return refused(expected.printed);
     }
-    return {.said = expected.printed,
+    return {.messages = expected.printed,
             .width = static_cast<std::uint32_t>(expected.width),
             .reserved = static_cast<std::uint32_t>(expected.reserved),
             .root_entries = static_cast<std::uint32_t>(expected.root_entries),
@@ -625,7 +629,7 @@ std::string as_text(const asked &wish) {
 
 void expect_refused_untouched(const asked &wish) {
     ram_disk disk(64 * MIB);
-    diagnostics said;
+    diagnostics messages;
     fat_format_param param = request(wish);
     const fat_format_param before = param;
     const fat_super volume_before = *sv;
@@ -636,8 +640,8 @@ void expect_refused_untouched(const asked &wish) {
         EXPECT_EQ(meter.peak_bytes(), 0U);
         EXPECT_FALSE(none_allowed.struck());
     }
-    EXPECT_EQ(said.text(), "make_tables[N]: Invalid format request: " + as_text(wish) +
-                               "\n\nfat_format[N]: Failed to make table!\n\n");
+    EXPECT_EQ(messages.text(), "make_tables[N]: Invalid format request: " + as_text(wish) +
+                                   "\n\nfat_format[N]: Failed to make table!\n\n");
     EXPECT_TRUE(disk.log.empty());
     EXPECT_EQ(std::memcmp(&param, &before, sizeof param), 0);
     EXPECT_EQ(std::memcmp(sv, &volume_before, sizeof volume_before), 0);
@@ -684,13 +688,13 @@ namespace {
 // What fat_format() says of a request whose geometry cannot be, and that nothing was written.
 std::string refusal_of_format(const asked &wish, std::uint64_t target_bytes) {
     ram_disk disk(target_bytes);
-    diagnostics said;
+    diagnostics messages;
     fat_format_param param = request(wish);
     const allocation_meter meter;
     EXPECT_EQ(fat_format(&param), -EINVAL);
     EXPECT_EQ(meter.live_blocks(), 0);
     EXPECT_TRUE(disk.log.empty());
-    return said.text();
+    return messages.text();
 }
 
 constexpr const char *CALLERS = "create_pbr[N]: failed to calc_fat_sectors!\n\n"
@@ -721,7 +725,7 @@ TEST(FormatRequest, AReservedAreaThatItsFieldCannotHoldIsRefused) {
     // 65536 sectors to a page.
     const asked wish = {.sector_bytes = 512, .page_bytes = 32 * MIB};
     ram_disk disk(1024 * MIB);
-    diagnostics said;
+    diagnostics messages;
     fat_format_param param = request(wish);
     const allocation_meter meter;
     EXPECT_EQ(fat_format(&param), -EINVAL);

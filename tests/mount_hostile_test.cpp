@@ -166,15 +166,15 @@ protected:
             [&](u64 offset, std::size_t size) { return disk.peek(offset, size); }, target->size(),
             sv->fat_type);
         const allocation_meter meter;
-        diagnostics said;
-        const answer got{fat_build_super(), said.text()};
+        diagnostics messages;
+        const answer got{fat_build_super(), messages.text()};
         ASSERT_EQ(got, (answer{expected.result, expected.printed}));
         ASSERT_TRUE(table_agrees());
         if (got.result == 0) {
             mounted++;
             ASSERT_EQ(areas_of_open_volume(), expected.found);
             ASSERT_EQ(sv->pbr_start, 0U);
-            ASSERT_NO_FATAL_FAILURE(look_around(said));
+            ASSERT_NO_FATAL_FAILURE(look_around(messages));
         } else {
             ASSERT_EQ(ids_in_use(), std::vector<int>());
         }
@@ -213,7 +213,7 @@ protected:
     }
 
 private:
-    static void look_around(diagnostics &said) {
+    static void look_around(diagnostics &messages) {
         ASSERT_NO_FATAL_FAILURE(look_up_everything());
         const int sub = fat_open_dir("SUB");
         if (sub > 0) {
@@ -226,7 +226,7 @@ private:
         const geometry before = geometry_of_volume();
         ASSERT_EQ(fat_build_super(), 0);
         ASSERT_EQ(geometry_of_volume(), before);
-        said.clear();
+        messages.clear();
     }
     static void print_everything() {
         FILE *nowhere = std::fopen("/dev/null", "w");
@@ -289,7 +289,7 @@ TEST_P(Hostile, MountedAgainWithOtherNumbers) {
         ram_disk disk(target->size(), target->background());
         sv->long_name = 1;
         const allocation_meter meter;
-        diagnostics said;
+        diagnostics messages;
         ASSERT_EQ(fat_build_super(), 0);
         for (int again = 0; again < 3; again++) {
             std::vector<u8> sector = target->boot_sector();

@@ -121,9 +121,9 @@ protected:
     }
     template <typename Call>
     answer ask(Call call) {
-        said.clear();
+        messages.clear();
         const int result = call();
-        answer a{result, said.text()};
+        answer a{result, messages.text()};
         EXPECT_TRUE(table_agrees()) << "after " << a;
         return a;
     }
@@ -153,7 +153,7 @@ protected:
     }
 
     ram_disk disk{SIZE};
-    diagnostics said;
+    diagnostics messages;
 };
 
 class Formatted : public testing::TestWithParam<volume_shape> {};
@@ -210,11 +210,11 @@ TEST_F(BootSector, SignatureIsBothBytes) {
 
 TEST_P(Formatted, MountsWithTheGeometryThatFormattingComputed) {
     volume v(GetParam());
-    diagnostics said;
+    diagnostics messages;
     const geometry computed = geometry_of_volume();
     forget_geometry();
     EXPECT_EQ(fat_build_super(), 0);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     EXPECT_EQ(geometry_of_volume(), computed);
     EXPECT_EQ(picture_of(0), tree::opened_root());
     EXPECT_EQ(sv->current_dir, sv->root_dir);
@@ -528,10 +528,10 @@ protected:
         return path;
     }
     answer mount() {
-        said.clear();
+        messages.clear();
         const int result = fat_build_super();
         EXPECT_TRUE(table_agrees());
-        return {result, said.text()};
+        return {result, messages.text()};
     }
     // Closing leaves no descriptor and no open entry behind.
     void expect_all_closed() {
@@ -586,9 +586,9 @@ TEST_F(ImageFile, ThatIsRefusedIsNotCut) {
         SCOPED_TRACE(row.name);
         ASSERT_GE(fat_open_volume(image_of(row.numbers).c_str(), 1, 0), 0);
         EXPECT_EQ(mount().result, -EINVAL);
-        said.clear();
+        messages.clear();
         EXPECT_EQ(fat_close_volume(1), -EINVAL);
-        EXPECT_EQ(said.text(), "fat_release_volume[N]: Check here!\n\n");
+        EXPECT_EQ(messages.text(), "fat_release_volume[N]: Check here!\n\n");
         EXPECT_EQ(std::filesystem::file_size(scratch.file("disk.img")), 64 * MIB);
         expect_all_closed();
     }
@@ -849,9 +849,9 @@ protected:
         ASSERT_GE(fat_open_volume(image_of(numbers).c_str(), 1, 0), 0);
     }
     answer delete_mbr(const std::string &path) {
-        said.clear();
+        messages.clear();
         const int result = fat_delete_mbr(path.c_str());
-        return {result, said.text()};
+        return {result, messages.text()};
     }
 };
 

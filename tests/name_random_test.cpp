@@ -108,7 +108,7 @@ std::string any_dos_name(chance *random) {
 
 TEST(NamesAtRandom, BecomeTheShortNamesThatTheyShould) {
     chance random(1580239471);
-    diagnostics said;
+    diagnostics messages;
     u32 refused = 0;
     u32 lossy = 0;
     u32 cut = 0;
@@ -116,10 +116,10 @@ TEST(NamesAtRandom, BecomeTheShortNamesThatTheyShould) {
     for (u32 i = 0; i < 60000; i++) {
         const std::string name = any_name(&random);
         const model::short_form form = model::to_short(name);
-        said.clear();
+        messages.clear();
         ASSERT_EQ(to_short(name), form) << i << ": " << model::shown_bytes(name);
         ASSERT_FALSE(testing::Test::HasFailure());
-        ASSERT_EQ(said.text(),
+        ASSERT_EQ(messages.text(),
                   form.result == 0 ? "" : "convert_cstring_to_dosname[N]: zero length string!\n\n");
         refused += form.result != 0 ? 1 : 0;
         lossy += form.lossy ? 1 : 0;
@@ -134,7 +134,7 @@ TEST(NamesAtRandom, BecomeTheShortNamesThatTheyShould) {
 }
 
 TEST(NamesAtRandom, OfOneAndTwoBytesAreAllTried) {
-    diagnostics said;
+    diagnostics messages;
     for (int first = 1; first < 256; first++) {
         const std::string one(1, static_cast<char>(first));
         ASSERT_EQ(to_short(one), model::to_short(one)) << first;
@@ -147,7 +147,7 @@ TEST(NamesAtRandom, OfOneAndTwoBytesAreAllTried) {
 
 TEST(NamesAtRandom, FillTheRecordsThatTheyShould) {
     chance random(826417);
-    diagnostics said;
+    diagnostics messages;
     ram_disk disk(4096);
     u32 long_names = 0;
     u32 refused = 0;
@@ -155,7 +155,7 @@ TEST(NamesAtRandom, FillTheRecordsThatTheyShould) {
         const std::string name = any_name(&random);
         sv->long_name = random.one_in(4) ? 0 : 1;
         const model::name_record expected = model::to_record(name, sv->long_name == 1);
-        ASSERT_EQ(to_record(name, &said), expected) << i << ": " << model::shown_bytes(name);
+        ASSERT_EQ(to_record(name, &messages), expected) << i << ": " << model::shown_bytes(name);
         ASSERT_FALSE(testing::Test::HasFailure());
         long_names += expected.units ? 1 : 0;
         refused += expected.result != 0 ? 1 : 0;
@@ -166,7 +166,7 @@ TEST(NamesAtRandom, FillTheRecordsThatTheyShould) {
 
 TEST(NamesAtRandom, AreRefusedAsTheyShould) {
     chance random(90210);
-    diagnostics said;
+    diagnostics messages;
     u32 refused = 0;
     for (u32 i = 0; i < 20000; i++) {
         std::string name = any_name(&random);
@@ -174,11 +174,11 @@ TEST(NamesAtRandom, AreRefusedAsTheyShould) {
             name = letters(&random, 4, "AUXCONLPTMRcomlpt") + letters(&random, 2, "12345 .") +
                    letters(&random, 6, " ") + letters(&random, 1, "x.");
         }
-        said.clear();
+        messages.clear();
         const bool is_refused = model::is_refused(name);
         ASSERT_EQ(verify_valid_name(name.c_str()), is_refused ? -EINVAL : 0)
             << model::shown_bytes(name);
-        ASSERT_EQ(said.text(), is_refused ? "verify_valid_name[N]: Check here!\n\n" : "");
+        ASSERT_EQ(messages.text(), is_refused ? "verify_valid_name[N]: Check here!\n\n" : "");
         refused += is_refused ? 1 : 0;
     }
     EXPECT_GT(refused, 1000U);
@@ -197,13 +197,13 @@ TEST(StoredNamesAtRandom, AreShownAsTheyShould) {
 
 TEST(StoredNamesAtRandom, ComeBackFromAFaithfulName) {
     chance random(4711);
-    diagnostics said;
+    diagnostics messages;
     ram_disk disk(4096);
     sv->long_name = 1;
     u32 faithful = 0;
     for (u32 i = 0; i < 30000; i++) {
         const std::string name = any_name(&random);
-        const model::name_record made = to_record(name, &said);
+        const model::name_record made = to_record(name, &messages);
         if (made.result != 0 || made.units || made.dos[0] == '\x05') {
             continue;
         }
@@ -276,7 +276,7 @@ struct tail_tally {
     u32 behind_first = 0; // choices other than 1
 };
 
-void try_tails(chance *random, directory *dir, diagnostics *said, tail_tally *tally) {
+void try_tails(chance *random, directory *dir, diagnostics *messages, tail_tally *tally) {
     const std::string near = short_name_of_stem(random);
     const u32 used = random->below(dir->capacity() + 1);
     constexpr u32 GAPS[] = {1, 3, 20, 1000};
@@ -296,7 +296,7 @@ void try_tails(chance *random, directory *dir, diagnostics *said, tail_tally *ta
         const u32 expected = model::free_tail(entries, dos);
         ASSERT_NE(expected, 0U);
         dos_block block(dos);
-        said->clear();
+        messages->clear();
         ASSERT_EQ(add_numeric_tail(&dir->record, block.get()), 0);
         ASSERT_EQ(block.text(), model::with_tail(dos, expected)) << dos;
         tally->largest = std::max(tally->largest, expected);
@@ -308,7 +308,7 @@ void try_tails(chance *random, directory *dir, diagnostics *said, tail_tally *ta
 
 TEST(TailsAtRandom, AreTheLowestFreeOnes) {
     chance random(60606);
-    diagnostics said;
+    diagnostics messages;
     tail_tally tally;
     const volume_shape chained = {16, 512, 2};
     volume medium(chained);
@@ -316,7 +316,7 @@ TEST(TailsAtRandom, AreTheLowestFreeOnes) {
     directory large = medium.sub_directory({70, 69, 4000, 12});
     for (u32 i = 0; i < 1500; i++) {
         ASSERT_NO_FATAL_FAILURE(
-            try_tails(&random, random.one_in(4) ? &large : &small, &said, &tally))
+            try_tails(&random, random.one_in(4) ? &large : &small, &messages, &tally))
             << "directory " << i;
     }
     EXPECT_GT(tally.behind_first, 2000U);
@@ -325,7 +325,7 @@ TEST(TailsAtRandom, AreTheLowestFreeOnes) {
 }
 
 TEST(TailsAtRandom, FollowEachOtherUntilTheDirectoryIsFull) {
-    diagnostics said;
+    diagnostics messages;
     volume medium({16, 512, 64});
     directory dir = medium.sub_directory({2});
     for (u32 i = 0; i < 1023; i++) {
@@ -336,5 +336,5 @@ TEST(TailsAtRandom, FollowEachOtherUntilTheDirectoryIsFull) {
     }
     dos_block block("LONGFILETXT");
     ASSERT_EQ(add_numeric_tail(&dir.record, block.get()), -EEXIST);
-    ASSERT_EQ(said.text(), "add_numeric_tail[N]: Too many SFNs!\n\n");
+    ASSERT_EQ(messages.text(), "add_numeric_tail[N]: Too many SFNs!\n\n");
 }

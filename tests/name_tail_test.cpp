@@ -35,7 +35,7 @@ protected:
         return block.text();
     }
 
-    diagnostics said;
+    diagnostics messages;
 };
 
 // ---- add_numeric_tail -------------------------------------------------------------------------
@@ -62,21 +62,21 @@ directory open_in(volume &volume, const place &place) {
 struct answer {
     int result;
     std::string dos;
-    std::string said; // source lines as N
+    std::string messages; // source lines as N
     bool operator==(const answer &) const = default;
 };
 std::ostream &operator<<(std::ostream &out, const answer &a) {
     return out << "{" << a.result << ", " << model::shown_bytes(a.dos) << ", "
-               << model::shown_bytes(a.said) << "}";
+               << model::shown_bytes(a.messages) << "}";
 }
 
-answer ask(directory *dir, const std::string &dos, diagnostics *said) {
+answer ask(directory *dir, const std::string &dos, diagnostics *messages) {
     dos_block block(dos);
-    said->clear();
+    messages->clear();
     answer a;
     a.result = add_numeric_tail(&dir->record, block.get());
     a.dos = block.text();
-    a.said = said->text();
+    a.messages = messages->text();
     return a;
 }
 
@@ -88,7 +88,7 @@ answer chosen(const std::string &dos) {
 class AddNumericTail : public testing::Test {
 protected:
     answer ask(const std::string &dos) {
-        return ::ask(&dir, dos, &said);
+        return ::ask(&dir, dos, &messages);
     }
     void append_files(const std::vector<std::string> &names) {
         for (const std::string &name : names) {
@@ -96,14 +96,14 @@ protected:
         }
     }
 
-    diagnostics said;
+    diagnostics messages;
     volume medium;
     directory dir = medium.sub_directory({9, 4, 17});
 };
 
 class AddNumericTailAnywhere : public testing::TestWithParam<place> {
 protected:
-    diagnostics said;
+    diagnostics messages;
     volume medium{GetParam().shape};
     directory dir = open_in(medium, GetParam());
 };
@@ -156,16 +156,16 @@ TEST_F(AppendTail, EachRowGivesItsName) {
     for (const auto &[dos, tail, name] : rows) {
         EXPECT_EQ(append(dos, tail), name);
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_F(AppendTail, RefusesALargerTail) {
     for (const u32 tail : {1025U, 9999U, 0x7FFFFFFFU, 0x80000000U, 0xFFFFFFFFU}) {
         dos_block block("LONGFILETXT");
-        said.clear();
+        messages.clear();
         EXPECT_EQ(append_tail(block.get(), tail), -EINVAL);
         EXPECT_EQ(block.text(), "LONGFILETXT");
-        EXPECT_EQ(said.text(), "append_tail[N]: numeric-tail overflow\n");
+        EXPECT_EQ(messages.text(), "append_tail[N]: numeric-tail overflow\n");
     }
 }
 
@@ -181,7 +181,7 @@ TEST_F(AppendTail, EveryTailOnABaseOfEveryLength) {
 // ---- directories of every kind ----------------------------------------------------------------
 
 TEST_P(AddNumericTailAnywhere, OneIsTheFirst) {
-    EXPECT_EQ(ask(&dir, "LONGFILETXT", &said), chosen("LONGFI~1TXT"));
+    EXPECT_EQ(ask(&dir, "LONGFILETXT", &messages), chosen("LONGFI~1TXT"));
 }
 
 TEST_P(AddNumericTailAnywhere, EveryEntryOfTheDirectoryCounts) {
@@ -189,7 +189,7 @@ TEST_P(AddNumericTailAnywhere, EveryEntryOfTheDirectoryCounts) {
     for (u32 i = 0; i < entries; i++) {
         dir.put(i, short_entry(tailed("A", i + 1)));
     }
-    EXPECT_EQ(ask(&dir, "A       TXT", &said),
+    EXPECT_EQ(ask(&dir, "A       TXT", &messages),
               chosen(model::with_tail("A       TXT", entries + 1)));
 }
 
@@ -199,7 +199,7 @@ TEST_P(AddNumericTailAnywhere, TheLastEntryCountsWhenEverythingBeforeItIsDeleted
         dir.put(i, deleted(short_entry(tailed("A", 2))));
     }
     dir.put(last, short_entry(tailed("A", 1)));
-    EXPECT_EQ(ask(&dir, "A          ", &said), chosen("A~2        "));
+    EXPECT_EQ(ask(&dir, "A          ", &messages), chosen("A~2        "));
 }
 
 TEST_P(AddNumericTailAnywhere, NothingBehindAnUnusedEntryCounts) {
@@ -207,13 +207,13 @@ TEST_P(AddNumericTailAnywhere, NothingBehindAnUnusedEntryCounts) {
     dir.put(0, short_entry(tailed("A", 1)));
     dir.put(2, short_entry(tailed("A", 2)));
     dir.put(last, short_entry(tailed("A", 2)));
-    EXPECT_EQ(ask(&dir, "A          ", &said), chosen("A~2        "));
+    EXPECT_EQ(ask(&dir, "A          ", &messages), chosen("A~2        "));
 }
 
 TEST_P(AddNumericTailAnywhere, ReadsEachSectorOfTheDirectoryOnceAndWritesNothing) {
     dir.fill_up(short_entry("FULL       "));
     medium.disk.log.clear();
-    EXPECT_EQ(ask(&dir, "A          ", &said), chosen("A~1        "));
+    EXPECT_EQ(ask(&dir, "A          ", &messages), chosen("A~1        "));
     const u32 sectors = std::min(512U, dir.capacity()) / volume::entries_per_sector();
     std::map<std::uint64_t, int> times;
     for (const auto &[sector, count] : medium.sectors_read()) {
@@ -234,7 +234,7 @@ TEST_P(AddNumericTailAnywhere, ASectorThatCannotBeReadIsTheAnswer) {
     for (u32 i = 0; i < sectors; i++) {
         medium.disk.bad_sectors = {dir.sectors[i]};
         const allocation_meter meter;
-        EXPECT_EQ(ask(&dir, "A          ", &said),
+        EXPECT_EQ(ask(&dir, "A          ", &messages),
                   (answer{-EIO, "A          ",
                           "get_dentry_with_clu[N]: cannot read sectors:(sector: " +
                               number(dir.sectors[i]) + ")\n"}));
@@ -249,7 +249,7 @@ TEST_P(AddNumericTailAnywhere, ASectorBehindTheEndOfTheDirectoryIsNotRead) {
         }
     }
     dir.append(short_entry(tailed("A", 1)));
-    EXPECT_EQ(ask(&dir, "A          ", &said), chosen("A~2        "));
+    EXPECT_EQ(ask(&dir, "A          ", &messages), chosen("A~2        "));
 }
 
 // ---- the choice -------------------------------------------------------------------------------
@@ -397,7 +397,7 @@ protected:
         }
     }
     answer ask_large(const std::string &dos) {
-        return ::ask(&large, dos, &said);
+        return ::ask(&large, dos, &messages);
     }
 
     directory large = medium.sub_directory(clusters());
@@ -432,7 +432,7 @@ TEST_F(AllTails, TakenButOneLeaveThatOne) {
 // ---- the end of the directory -----------------------------------------------------------------
 
 TEST(AddNumericTailInRootArea, StopsAfter512EntriesOfMore) {
-    diagnostics said;
+    diagnostics messages;
     volume medium({16, 512, 1, 0, 1024});
     directory root = medium.root();
     ASSERT_EQ(root.capacity(), 1024U);
@@ -440,18 +440,18 @@ TEST(AddNumericTailInRootArea, StopsAfter512EntriesOfMore) {
     root.fill_up(short_entry("FULL       "));
     root.put(511, short_entry(tailed("A", 1)));
     root.put(512, short_entry(tailed("A", 2)));
-    EXPECT_EQ(ask(&root, "A          ", &said), chosen("A~2        "));
+    EXPECT_EQ(ask(&root, "A          ", &messages), chosen("A~2        "));
 }
 
 TEST(AddNumericTailInRootArea, EndsWithASmallerArea) {
-    diagnostics said;
+    diagnostics messages;
     volume medium({16, 512, 1, 0, 64});
     directory root = medium.root();
     ASSERT_EQ(root.capacity(), 64U);
     root.fill_up(short_entry("FULL       "));
     root.put(63, short_entry(tailed("A", 1)));
     const allocation_meter meter;
-    EXPECT_EQ(ask(&root, "A          ", &said),
+    EXPECT_EQ(ask(&root, "A          ", &messages),
               (answer{0, "A~2        ",
                       "get_phy_sector[N]: Invalid sector number in Root dir\n\n"
                       "get_dentry_with_clu[N]: Failed to get entry sector!:(0, 64)\n\n"}));
@@ -459,14 +459,14 @@ TEST(AddNumericTailInRootArea, EndsWithASmallerArea) {
 }
 
 TEST(AddNumericTailInRootArea, EndsWithWhatTheOpenDirectoryCallsItsSize) {
-    diagnostics said;
+    diagnostics messages;
     volume medium({16, 512, 1, 0, 512});
     directory root = medium.root();
     root.fill_up(short_entry("FULL       "));
     root.put(31, short_entry(tailed("A", 1)));
     root.put(32, short_entry(tailed("A", 2)));
     root.record.allocated = 1024;
-    EXPECT_EQ(ask(&root, "A          ", &said),
+    EXPECT_EQ(ask(&root, "A          ", &messages),
               (answer{0, "A~2        ",
                       "fat_get_dentry[N]: access the out of range in directory space\n"}));
 }
@@ -527,7 +527,7 @@ TEST_F(AddNumericTail, NoAllocationFailsUnseen) {
         } else {
             // A link of the chain that cannot be followed.
             EXPECT_EQ(a.result, -EINVAL);
-            EXPECT_EQ(a.said.substr(0, a.said.find(":(")),
+            EXPECT_EQ(a.messages.substr(0, a.messages.find(":(")),
                       "fat_read_entry[N]: cannot allocate FAT\n\n"
                       "get_phy_sector[N]: invalid value -12\n"
                       "get_dentry_with_clu[N]: Failed to get entry sector!");

@@ -34,7 +34,7 @@ std::u16string units_of(std::string_view text) {
 // What the library says is looked at; a volume is open where a case asks for one.
 class Names : public testing::Test {
 protected:
-    diagnostics said;
+    diagnostics messages;
 };
 
 class RemoveTrailBlanks : public Names {
@@ -63,7 +63,7 @@ protected:
     }
 
     record fill(const std::string &name) {
-        return to_record(name, &said);
+        return to_record(name, &messages);
     }
 
     ram_disk disk;
@@ -81,8 +81,8 @@ TEST_F(RemoveTrailBlanks, NoStringIsRefused) {
     char *end = nullptr;
     EXPECT_EQ(remove_trail_blanks(nullptr, &end), -EINVAL);
     EXPECT_EQ(remove_trail_blanks(nullptr, nullptr), -EINVAL);
-    EXPECT_EQ(said.text(), "remove_trail_blanks[N]: NULL string!\n\n"
-                           "remove_trail_blanks[N]: NULL string!\n\n");
+    EXPECT_EQ(messages.text(), "remove_trail_blanks[N]: NULL string!\n\n"
+                               "remove_trail_blanks[N]: NULL string!\n\n");
 }
 
 TEST_F(RemoveTrailBlanks, CutsBlanksAndDotsButNeverTheFirstCharacter) {
@@ -106,7 +106,7 @@ TEST_F(RemoveTrailBlanks, CutsBlanksAndDotsButNeverTheFirstCharacter) {
                                                                       {"", ""}}) {
         EXPECT_EQ(cut(text), left);
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_F(RemoveTrailBlanks, TheEndNeedNotBeAskedFor) {
@@ -211,15 +211,16 @@ TEST_F(ConvertCstringToDosname, EachRowGivesItsElevenBytesAndItsCaseByte) {
     for (const auto &[text, dos, case_byte, left] : LOSSY) {
         EXPECT_EQ(to_short(text), lossy(left.empty() ? text : left, dos, *case_byte)) << text;
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_F(ConvertCstringToDosname, NothingButDotsAndBlanksHasNoLength) {
     for (const char *name :
          {"", " ", "   ", "...", "....", ". ", " .", ".. ", " ..", ". .", "\x20."}) {
-        said.clear();
+        messages.clear();
         EXPECT_EQ(to_short(name), (short_form{-EINVAL, name, "", NOT_WRITTEN, false})) << name;
-        EXPECT_EQ(said.text(), "convert_cstring_to_dosname[N]: zero length string!\n\n") << name;
+        EXPECT_EQ(messages.text(), "convert_cstring_to_dosname[N]: zero length string!\n\n")
+            << name;
     }
 }
 
@@ -264,8 +265,8 @@ TEST_F(GetFatnames, BothArgumentsAreNeeded) {
     caller_string string("a");
     EXPECT_EQ(get_fatnames(nullptr, &name), -EINVAL);
     EXPECT_EQ(get_fatnames(string.get(), nullptr), -EINVAL);
-    EXPECT_EQ(said.text(), "get_fatnames[N]: Invalid arg!\n\n"
-                           "get_fatnames[N]: Invalid arg!\n\n");
+    EXPECT_EQ(messages.text(), "get_fatnames[N]: Invalid arg!\n\n"
+                               "get_fatnames[N]: Invalid arg!\n\n");
 }
 
 namespace {
@@ -369,7 +370,7 @@ TEST_F(GetFatnames, NoAllocationFailsUnseen) {
         caller_string string("ReadMe.txt");
         fat_name name;
         std::memset(&name, 0x55, sizeof name);
-        said.clear();
+        messages.clear();
         const int result = step.run_keeping([&] { return get_fatnames(string.get(), &name); });
         EXPECT_EQ(step.struck(), step.k < 2);
         if (!step.struck()) {
@@ -380,7 +381,7 @@ TEST_F(GetFatnames, NoAllocationFailsUnseen) {
         }
         EXPECT_EQ(result, -ENOMEM);
         EXPECT_EQ(step.left_allocated(), 0);
-        EXPECT_EQ(said.text(), "convert_name[N]: cannot allocate space\n");
+        EXPECT_EQ(messages.text(), "convert_name[N]: cannot allocate space\n");
         EXPECT_EQ(name.cstring, string.get());
         EXPECT_EQ(name.dosName, nullptr);
         EXPECT_EQ(name.unicode, nullptr);
@@ -421,8 +422,8 @@ TEST_F(ConvertName, BothNamesMustHaveAPlace) {
     u32 is_lossy = 0;
     EXPECT_EQ(convert_name(string.get(), nullptr, &unicode, &ulen, &lcase, &is_lossy), -EINVAL);
     EXPECT_EQ(convert_name(string.get(), &dos, nullptr, &ulen, &lcase, &is_lossy), -EINVAL);
-    EXPECT_EQ(said.text(), "convert_name[N]: Invalid arg...\n\n"
-                           "convert_name[N]: Invalid arg...\n\n");
+    EXPECT_EQ(messages.text(), "convert_name[N]: Invalid arg...\n\n"
+                               "convert_name[N]: Invalid arg...\n\n");
     EXPECT_EQ(dos, nullptr);
     EXPECT_EQ(unicode, nullptr);
 }
@@ -526,7 +527,7 @@ TEST_F(ConvertDosnameToCstring, EachRowGivesItsText) {
     for (const auto &[dos, case_byte, text] : rows) {
         EXPECT_EQ(to_text(dos, case_byte), text) << dos;
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_F(ConvertDosnameToCstring, ANameThatFitsComesBackWithItsCaseByte) {
@@ -534,7 +535,7 @@ TEST_F(ConvertDosnameToCstring, ANameThatFitsComesBackWithItsCaseByte) {
     sv->long_name = 1;
     for (const char *name : {"readme.txt", "README.txt", "readme.TXT", "README.TXT", "a", "A.b",
                              "12345678.123", "\xE5\xE5.\xE5", "x.y", "_~!#$%&.'()"}) {
-        const record made = to_record(name, &said);
+        const record made = to_record(name, &messages);
         EXPECT_EQ(made.units, std::nullopt) << name;
         EXPECT_EQ(to_text(made.dos, made.lcase), name);
     }
@@ -568,9 +569,9 @@ TEST_F(VerifyValidName, NineCharactersAreRefusedWhereverTheyStand) {
         for (const std::string &name :
              {std::string{c}, std::string{'a', c}, std::string{c, 'a'}, std::string{'a', '.', c},
               std::string("a long name with it at the end.") + c}) {
-            said.clear();
+            messages.clear();
             EXPECT_EQ(verify_valid_name(name.c_str()), -EINVAL) << name;
-            EXPECT_EQ(said.text(), "verify_valid_name[N]: Check here!\n\n") << name;
+            EXPECT_EQ(messages.text(), "verify_valid_name[N]: Check here!\n\n") << name;
         }
     }
 }
@@ -598,18 +599,18 @@ TEST_F(VerifyValidName, DeviceNamesAreRefusedAndWhatResemblesThemIsAccepted) {
                              "lPt4",     "CON ",
                              "con     ", "CON     and more.txt",
                              "LPT1    ."}) {
-        said.clear();
+        messages.clear();
         EXPECT_EQ(verify_valid_name(name), -EINVAL) << name;
-        EXPECT_EQ(said.text(), "verify_valid_name[N]: Check here!\n\n") << name;
+        EXPECT_EQ(messages.text(), "verify_valid_name[N]: Check here!\n\n") << name;
     }
-    said.clear();
+    messages.clear();
     for (const char *name : {"CON.TXT",  "aux.c", "CON.",  "nul.", "lpt1.x", "COM1.COM", "CON    x",
                              "CON .txt", "CONS",  "CO",    "ACON", " CON",   "COM",      "COM0",
                              "COM5",     "COM9",  "COM11", "LPT",  "LPT0",   "LPT5",     "CLOCK$",
                              "CONIN$",   "A",     "",      "."}) {
         EXPECT_EQ(verify_valid_name(name), 0) << name;
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 // ---- entry types ------------------------------------------------------------------------------
@@ -635,11 +636,11 @@ TEST_F(EntryType, EachRowHasItsType) {
         entry[0] = static_cast<u8>(first);
         EXPECT_EQ(entry_type(entry.data()), type) << first << ", " << attr;
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     EXPECT_EQ(entry_type(short_entry("A          ", 0x18).data()), 6U);
     EXPECT_EQ(entry_type(short_entry("A          ", 0xFF).data()), 6U);
-    EXPECT_EQ(said.text(), "entry_type[N]: Unknown entry type: 24\n\n"
-                           "entry_type[N]: Unknown entry type: 255\n\n");
+    EXPECT_EQ(messages.text(), "entry_type[N]: Unknown entry type: 24\n\n"
+                               "entry_type[N]: Unknown entry type: 255\n\n");
 }
 
 TEST_F(EntryType, OfEveryFirstByteAndAttributeByte) {
@@ -655,5 +656,5 @@ TEST_F(EntryType, OfEveryFirstByteAndAttributeByte) {
             }
         }
     }
-    EXPECT_EQ(said.text() == expected, true);
+    EXPECT_EQ(messages.text() == expected, true);
 }

@@ -44,13 +44,13 @@ protected:
 
     void accept() {
         EXPECT_EQ(check_format_param(&param), 0);
-        EXPECT_EQ(said.text(), "");
+        EXPECT_EQ(messages.text(), "");
     }
 
     void refuse(const std::string &cluster_line) {
         const std::string before = image();
         EXPECT_EQ(check_format_param(&param), -1);
-        EXPECT_EQ(said.text(), cluster_line + "\nBut cluster size can't be over 32KBytes\n");
+        EXPECT_EQ(messages.text(), cluster_line + "\nBut cluster size can't be over 32KBytes\n");
         EXPECT_EQ(image(), before) << "a refused request was changed";
         EXPECT_EQ(clock_calls, 0);
     }
@@ -61,7 +61,7 @@ protected:
     }
 
     fat_format_param param = {};
-    diagnostics said;
+    diagnostics messages;
 };
 
 } // namespace

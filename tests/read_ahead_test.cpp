@@ -49,11 +49,11 @@ int read_in_part(void *buf, u64 sector, u32 count) {
 // A result and what was said with it.
 struct answer {
     std::int64_t result;
-    std::string said;
+    std::string messages;
     bool operator==(const answer &) const = default;
 };
 std::ostream &operator<<(std::ostream &out, const answer &a) {
-    return out << a.result << ", \"" << a.said << "\"";
+    return out << a.result << ", \"" << a.messages << "\"";
 }
 
 class ReadAhead : public testing::TestWithParam<volume_shape> {
@@ -77,8 +77,8 @@ protected:
         return clusters;
     }
     answer heard(std::int64_t result) {
-        const answer a{result, said.text()};
-        said.clear();
+        const answer a{result, messages.text()};
+        messages.clear();
         return a;
     }
     // The sector of cluster `links` links behind the first, by the library and by the model.
@@ -99,7 +99,7 @@ protected:
     }
 
     volume v{GetParam()};
-    diagnostics said;
+    diagnostics messages;
 };
 std::vector<volume_shape> walked_shapes() {
     return {{.fat_type = 16},

@@ -129,7 +129,7 @@ TEST_F(VolumeRelease, ClosesTheTargetAndForgetsTheRecord) {
     const int result = fat_close_volume(0);
     EXPECT_EQ(out.stop(), "");
     EXPECT_EQ(result, 0);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     EXPECT_EQ(length(), full_length);
     expect_closed();
 }
@@ -142,7 +142,7 @@ TEST_F(VolumeRelease, OnlyCompactOneCutsTheImage) {
         EXPECT_EQ(length(), full_length) << compact;
         expect_closed();
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_F(VolumeRelease, FreesTheRecordAndAnySlotWhateverTheMapSays) {
@@ -162,7 +162,7 @@ TEST_F(VolumeRelease, FreesTheRecordAndAnySlotWhateverTheMapSays) {
     put_entry(3, make_entry(true));
     EXPECT_EQ(fat_release_volume(0), 0); // without a volume
     EXPECT_EQ(meter.live_blocks(), 0);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     expect_closed();
 }
 
@@ -185,7 +185,7 @@ TEST_F(VolumeRelease, AnImageThatWasNeverMountedIsNotCut) {
     const std::string unknown = scratch.sparse_file("disk.img", 100000);
     ASSERT_GE(fat_open_volume(unknown.c_str(), 0, 0), 0);
     EXPECT_EQ(fat_close_volume(1), -EINVAL);
-    EXPECT_EQ(said.text(), "fat_release_volume[N]: Check here!\n\n");
+    EXPECT_EQ(messages.text(), "fat_release_volume[N]: Check here!\n\n");
     EXPECT_EQ(std::filesystem::file_size(unknown), 100000U);
     ASSERT_NE(sv, nullptr);
     EXPECT_EQ(fat_close_volume(0), 0);
@@ -210,7 +210,7 @@ TEST_F(VolumeRelease, AFailingCloseChangesNothing) {
     const failing_call fault(call::close, EIO);
     EXPECT_EQ(fat_close_volume(0), 0);
     EXPECT_TRUE(fault.struck());
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     EXPECT_EQ(sv, nullptr);
 }
 
@@ -278,7 +278,7 @@ TEST_P(CompactionCuts, AfterTheLastClusterOfTheRow) {
         link(cluster, value);
     }
     EXPECT_EQ(fat_close_volume(1), 0);
-    EXPECT_EQ(said.text(), heading(row.hint, row.clusters));
+    EXPECT_EQ(messages.text(), heading(row.hint, row.clusters));
     EXPECT_EQ(length(), end_of(row.last_left));
     expect_closed();
 }
@@ -299,9 +299,9 @@ TEST_F(Compaction, ReadsNothingWhenTheHintIsTheLastClusterItWouldLookAt) {
         open_image(20, hint);
         read_sectors = stubborn_read;
         stubborn_result = -EIO;
-        said.clear();
+        messages.clear();
         EXPECT_EQ(fat_close_volume(1), 0);
-        EXPECT_EQ(said.text(), heading(hint, 20));
+        EXPECT_EQ(messages.text(), heading(hint, 20));
         EXPECT_EQ(length(), end_of(hint));
     }
 }
@@ -323,14 +323,14 @@ TEST_F(Compaction, EachProductHas32BitsAndTheirSumHas64) {
     // 0x400000 x 3 x 512 = 0x180000000, cut to 0x80000000; 0xFFFFFF x 512 = 0x1FFFFFE00, cut to
     // 0xFFFFFE00; together more than 32 bits hold.
     EXPECT_EQ(fat_close_volume(1), 0);
-    EXPECT_EQ(said.text(), heading(0x00400001, 0));
+    EXPECT_EQ(messages.text(), heading(0x00400001, 0));
     EXPECT_EQ(length(), 0x17FFFFE00U);
 }
 
 TEST_F(Compaction, AHintOfZeroInATinyVolumeCountsBackFrom4GiB) {
     open_image(1, 0);
     EXPECT_EQ(fat_close_volume(1), 0);
-    EXPECT_EQ(said.text(), heading(0, 1));
+    EXPECT_EQ(messages.text(), heading(0, 1));
     EXPECT_EQ(length(), (1ULL << 32) - CLUSTER_SECTORS * SECTOR + DATA_START * SECTOR);
 }
 
@@ -365,8 +365,8 @@ TEST_F(Compaction, AHintOfZeroStopsAtClusterOne) {
     open_image(20, 0);
     const u64 full_length = length();
     EXPECT_EQ(fat_close_volume(1), -EINVAL);
-    EXPECT_EQ(said.text(), heading(0, 20) + "fat_read_clus[N]: Invalid arg!\n\n"
-                                            "fat_release_volume[N]: Invalid cluster value\n\n");
+    EXPECT_EQ(messages.text(), heading(0, 20) + "fat_read_clus[N]: Invalid arg!\n\n"
+                                                "fat_release_volume[N]: Invalid cluster value\n\n");
     EXPECT_EQ(sv->last_alloc_clus, 0U);
     expect_still_open(full_length);
 }
@@ -383,10 +383,11 @@ TEST_F(Compaction, ABrokenEntryStopsIt) {
         link(4, 0xFFFF);
         link(9, cluster == 7 ? 0xFFFF : 0); // not reached
         link(cluster, value);
-        said.clear();
+        messages.clear();
         EXPECT_EQ(fat_close_volume(1), -EINVAL);
-        EXPECT_EQ(said.text(), heading(2, 20) + "fat_read_clus[N]: Invalid cluster!\n\n"
-                                                "fat_release_volume[N]: Invalid cluster value\n\n");
+        EXPECT_EQ(messages.text(), heading(2, 20) +
+                                       "fat_read_clus[N]: Invalid cluster!\n\n"
+                                       "fat_release_volume[N]: Invalid cluster value\n\n");
         EXPECT_EQ(sv->last_alloc_clus, 4U) << "clusters seen before the broken one";
         expect_still_open(full_length);
         EXPECT_EQ(fat_close_volume(0), 0);
@@ -400,9 +401,9 @@ TEST_F(Compaction, ARepairedEntryLetsTheNextTryThrough) {
     link(7, 1);
     EXPECT_EQ(fat_close_volume(1), -EINVAL);
     link(7, 0);
-    said.clear();
+    messages.clear();
     EXPECT_EQ(fat_close_volume(1), 0);
-    EXPECT_EQ(said.text(), heading(4, 20));
+    EXPECT_EQ(messages.text(), heading(4, 20));
     EXPECT_EQ(length(), end_of(4));
 }
 
@@ -413,10 +414,11 @@ TEST_F(Compaction, AFatThatCannotBeReadStopsIt) {
         put_entry(1, make_entry(true));
         read_sectors = stubborn_read;
         stubborn_result = result;
-        said.clear();
+        messages.clear();
         EXPECT_EQ(fat_close_volume(1), -EIO);
-        EXPECT_EQ(said.text(), heading(2, 20) + "fat_read_entry[N]: cannot read FAT\n\n"
-                                                "fat_release_volume[N]: Invalid cluster value\n\n");
+        EXPECT_EQ(messages.text(), heading(2, 20) +
+                                       "fat_read_entry[N]: cannot read FAT\n\n"
+                                       "fat_release_volume[N]: Invalid cluster value\n\n");
         expect_still_open(full_length);
         EXPECT_EQ(fat_close_volume(0), 0);
     }
@@ -428,12 +430,12 @@ TEST_F(Compaction, StopsAtWhicheverReadOrAllocationFails) {
         open_image(300, 2);
         link(290, 0xFFFF);
         const u64 full_length = length();
-        said.clear();
+        messages.clear();
         const int result = step.run([] { return fat_close_volume(1); });
         if (step.struck()) {
             const bool is_read = step.is(fault::system_call);
             EXPECT_EQ(result, is_read ? -EIO : -ENOMEM);
-            EXPECT_EQ(said.text(),
+            EXPECT_EQ(messages.text(),
                       heading(2, 300) +
                           (is_read ? "file_read_sectors[N]: Check here!: Input/output error\n\n"
                                      "fat_read_entry[N]: cannot read FAT\n\n"
@@ -462,7 +464,7 @@ TEST_F(Compaction, AnImageThatCannotBeCutIsReleasedAllTheSame) {
     const failing_call fault(call::truncate, EIO);
     EXPECT_EQ(fat_close_volume(1), -1);
     EXPECT_TRUE(fault.struck());
-    EXPECT_EQ(said.text(),
+    EXPECT_EQ(messages.text(),
               heading(2, 20) +
                   "fat_release_volume[N]: fail to truncate resulting image:Input/output error\n");
     EXPECT_EQ(length(), full_length);
@@ -476,7 +478,7 @@ TEST_F(Compaction, TellsWhyTheImageCannotBeCut) {
     EXPECT_EQ(fat_close_volume(1), -1);
     const std::string failure = "fat_release_volume[N]: fail to truncate resulting image:"
                                 "No such file or directory\n";
-    EXPECT_EQ(said.text(), heading(2, 20) + failure);
+    EXPECT_EQ(messages.text(), heading(2, 20) + failure);
     expect_closed();
 }
 
@@ -494,7 +496,7 @@ protected:
         ASSERT_GE(fat_open_volume(path.c_str(), 0, 0), 0);
         ASSERT_GT(fat_format(&param), 0);
         ASSERT_EQ(sv->fat_type, fat_size);
-        ASSERT_EQ(said.text(), "");
+        ASSERT_EQ(messages.text(), "");
     }
 };
 
@@ -504,7 +506,7 @@ TEST_F(FreshVolume, Fat32IsCutBehindItsRootCluster) {
     const u64 data_start = sv->data_start;
     EXPECT_EQ(sv->last_alloc_clus, 2U);
     EXPECT_EQ(fat_close_volume(1), 0);
-    EXPECT_EQ(said.text(), heading(2, clusters));
+    EXPECT_EQ(messages.text(), heading(2, clusters));
     EXPECT_EQ(length(), (data_start + 1) * SECTOR);
     expect_closed();
 }
@@ -516,6 +518,6 @@ TEST_F(FreshVolume, Fat16HasNoAllocatedClusterToCutBehind) {
     EXPECT_EQ(fat_close_volume(1), -EINVAL);
     const std::string failure = "fat_read_clus[N]: Invalid arg!\n\n"
                                 "fat_release_volume[N]: Invalid cluster value\n\n";
-    EXPECT_EQ(said.text(), heading(0, clusters) + failure);
+    EXPECT_EQ(messages.text(), heading(0, clusters) + failure);
     expect_still_open(8 << 20);
 }

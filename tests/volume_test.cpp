@@ -98,7 +98,7 @@ TEST_F(OpenVolume, GivesTheDescriptorOfARegularFileOfAnySize) {
     for (const u64 size : {u64{1}, u64{123457}, 5 * GIB + 1}) {
         const std::string path = scratch.sparse_file("image", size);
         const int fd = fat_open_volume(path.c_str(), 1, 0);
-        EXPECT_EQ(said.text(), "");
+        EXPECT_EQ(messages.text(), "");
         ASSERT_NE(sv, nullptr);
         EXPECT_EQ(left_open(), std::vector<int>{fd});
         EXPECT_EQ(fcntl(fd, F_GETFL) & O_ACCMODE, O_RDWR);
@@ -161,7 +161,7 @@ struct refused_target : named_row {
     std::string (*path)(const scratch_directory &scratch);
     int mode;
     int result;
-    const char *said;
+    const char *messages;
     bool sets_transfers; // they are set once path and mode are accepted
     std::size_t left_open;
 };
@@ -230,7 +230,7 @@ TEST_P(OpenVolumeRefuses, WithItsErrorAndMessage) {
     const std::string path = row.path == nullptr ? "" : row.path(scratch);
     EXPECT_EQ(fat_open_volume(row.path == nullptr ? nullptr : path.c_str(), 0, row.mode),
               row.result);
-    EXPECT_EQ(said.text(), row.said);
+    EXPECT_EQ(messages.text(), row.messages);
     EXPECT_TRUE(row.sets_transfers ? transfers_reach_the_file() : transfers_are_unset());
     EXPECT_EQ(sv, nullptr);
     EXPECT_EQ(left_open().size(), row.left_open);
@@ -240,17 +240,17 @@ TEST_F(OpenVolume, AcceptsAPathOf4095Bytes) {
     const std::string path = padded_path(scratch.sparse_file("image", 4096), 4095);
     ASSERT_EQ(path.size(), 4095U);
     ASSERT_GE(fat_open_volume(path.c_str(), 0, 0), 0);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     EXPECT_EQ(std::string(sv->dev_path), path);
 }
 
 TEST_F(OpenVolume, ReturnsTheErrorOfAnyFailedOpen) {
     const std::string path = scratch.sparse_file("image", 4096);
     for (const int error : {EACCES, EROFS, EMFILE, EBUSY}) {
-        said.clear();
+        messages.clear();
         const failing_call fault(call::open, error);
         EXPECT_EQ(fat_open_volume(path.c_str(), 0, 0), -error);
-        EXPECT_EQ(said.text(), "fat_init_volume[N]: Check here: " + name_of(error) + "\n\n");
+        EXPECT_EQ(messages.text(), "fat_init_volume[N]: Check here: " + name_of(error) + "\n\n");
     }
     expect_nothing_happened();
 }
@@ -262,11 +262,11 @@ TEST_F(OpenVolume, LeavesTheDescriptorOpenWhenTheTargetCannotBeSized) {
         const std::size_t open_before_it = left_open().size();
         const pretended_device device({.is_block_device = true});
         const failing_call fault(which, EIO);
-        said.clear();
+        messages.clear();
         EXPECT_EQ(fat_open_volume(scratch.sparse_file("image", 4096).c_str(), 0, 0), error);
-        EXPECT_EQ(said.text(), std::string("check_vol_size[N]: ") + message +
-                                   "\nfat_init_volume[N]: Check here: " + std::to_string(error) +
-                                   "\n\n");
+        EXPECT_EQ(messages.text(),
+                  std::string("check_vol_size[N]: ") + message +
+                      "\nfat_init_volume[N]: Check here: " + std::to_string(error) + "\n\n");
         EXPECT_EQ(sv, nullptr);
         EXPECT_EQ(left_open().size(), open_before_it + 1);
     }
@@ -278,7 +278,7 @@ TEST_F(OpenVolume, ClosesTheDescriptorWhenThereIsNoMemoryForTheRecord) {
     const failing_allocation fault(0);
     EXPECT_EQ(fat_open_volume(path.c_str(), 0, 0), -ENOMEM);
     EXPECT_TRUE(fault.struck());
-    EXPECT_EQ(said.text(), "fat_init_volume[N]: cannot allocate volume data structure\n\n");
+    EXPECT_EQ(messages.text(), "fat_init_volume[N]: cannot allocate volume data structure\n\n");
     EXPECT_EQ(meter.live_blocks(), 0);
     expect_nothing_happened();
 }
@@ -332,9 +332,9 @@ protected:
 
     void expect_refusal(int fd, int error, const std::string &message) {
         u64 size = UNTOUCHED;
-        said.clear();
+        messages.clear();
         EXPECT_EQ(check_vol_size(fd, &size), error);
-        EXPECT_EQ(said.text(), message);
+        EXPECT_EQ(messages.text(), message);
         EXPECT_EQ(size, UNTOUCHED);
     }
 
@@ -344,10 +344,10 @@ protected:
         const pretended_device device(
             {.is_block_device = true, .ioctl_sectors = sectors, .seek_end = seek_end});
         u64 size = UNTOUCHED;
-        said.clear();
+        messages.clear();
         EXPECT_EQ(check_vol_size(fd, &size), 0);
         EXPECT_EQ(size, wanted);
-        EXPECT_EQ(said.text(), message);
+        EXPECT_EQ(messages.text(), message);
         close(fd);
     }
 };
@@ -360,7 +360,7 @@ TEST_F(CheckVolSize, ARegularFileIsAsLongAsItIs) {
         EXPECT_EQ(size, length);
         close(fd);
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_F(CheckVolSize, RefusesWhatIsNeitherAFileNorABlockDevice) {
@@ -442,7 +442,7 @@ TEST_F(OpenVolume, TakesTheSmallerSizeOfABlockDevice) {
     const pretended_device device({.is_block_device = true, .ioctl_sectors = 16, .seek_end = 8704});
     ASSERT_GE(fat_open_volume(scratch.sparse_file("device", 8704).c_str(), 0, 0), 0);
     EXPECT_EQ(sv->vol_size, 8192U);
-    EXPECT_EQ(said.text(),
+    EXPECT_EQ(messages.text(),
               "check_vol_size[N]: ioctl(BLKGETSIZE): 16 sectors, 8192 bytes\n"
               "check_vol_size[N]: seek volume: 8704 bytes\n"
               "Warning: mismatch the volume size from ioctl(8192 B) and lseek(8704 B)\n");
@@ -452,11 +452,11 @@ TEST_F(OpenVolume, ADeviceWhoseProductWrapsToNothingIsEmpty) {
     const pretended_device device(
         {.is_block_device = true, .ioctl_sectors = 0x800000, .seek_end = 0x100000200});
     EXPECT_EQ(fat_open_volume(scratch.sparse_file("device", 4096).c_str(), 0, 0), -ENOSPC);
-    EXPECT_EQ(said.text(), "check_vol_size[N]: ioctl(BLKGETSIZE): 8388608 sectors, 0 bytes\n"
-                           "check_vol_size[N]: seek volume: 4294967808 bytes\n"
-                           "Warning: mismatch the volume size from ioctl(0 B) and "
-                           "lseek(4294967808 B)\n"
-                           "fat_init_volume[N]: The size of volume is zero!\n\n");
+    EXPECT_EQ(messages.text(), "check_vol_size[N]: ioctl(BLKGETSIZE): 8388608 sectors, 0 bytes\n"
+                               "check_vol_size[N]: seek volume: 4294967808 bytes\n"
+                               "Warning: mismatch the volume size from ioctl(0 B) and "
+                               "lseek(4294967808 B)\n"
+                               "fat_init_volume[N]: The size of volume is zero!\n\n");
     EXPECT_EQ(left_open().size(), 1U);
 }
 
@@ -483,7 +483,7 @@ TEST_F(DeviceSize, IsWhereTheEndIsOrWhereASearchFindsIt) {
     const failing_call fault(call::lseek, EIO);
     EXPECT_EQ(get_device_size(fd), 777U);
     EXPECT_TRUE(fault.struck());
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_F(DeviceSize, IsFoundByTryingOffsets) {
@@ -495,14 +495,14 @@ TEST_F(DeviceSize, IsFoundByTryingOffsets) {
                              u64{1000003}, 2 * GIB - 1, 2 * GIB + 1, 4 * GIB, 7 * GIB + 12345}) {
         EXPECT_EQ(searched_size(length), length);
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_F(DeviceSize, IsOneByteWhereNothingCanBeSought) {
     int ends[2] = {};
     ASSERT_EQ(pipe(ends), 0);
     EXPECT_EQ(get_device_size(ends[0]), 1U);
-    EXPECT_EQ(said.text(), "valid_offset[N]: Check here!\n\n");
+    EXPECT_EQ(messages.text(), "valid_offset[N]: Check here!\n\n");
 }
 
 TEST_F(DeviceSize, AFailingProbeCountsAsBeyondTheEnd) {
@@ -512,7 +512,7 @@ TEST_F(DeviceSize, AFailingProbeCountsAsBeyondTheEnd) {
     const failing_call fault(call::read, EIO, 6);
     EXPECT_EQ(get_device_size(fd), 64U);
     EXPECT_TRUE(fault.struck());
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_F(DeviceSize, TheSearchEndsOnADeviceWithoutEnd) {
@@ -540,9 +540,9 @@ TEST_F(ValidOffset, IsOneUpToTheLastByte) {
              {wide, 4 * GIB + 99, 1, ""},
              {wide, 4 * GIB + 100, 0, ""},
              {wide, 8 * GIB + 5, 0, ""}}) {
-        said.clear();
+        messages.clear();
         EXPECT_EQ(valid_offset(fd, offset), result) << fd << ", " << offset;
-        EXPECT_EQ(said.text(), message);
+        EXPECT_EQ(messages.text(), message);
     }
 }
 
@@ -569,12 +569,12 @@ protected:
 
     // Both transfers fail with this result. What reading prints after "Check here!".
     void expect_failures(u8 *data, u64 sector, int result, const std::string &detail = "") {
-        said.clear();
+        messages.clear();
         EXPECT_EQ(file_read_sectors(data, sector, 1), result);
-        EXPECT_EQ(said.text(), "file_read_sectors[N]: Check here!" + detail + "\n\n");
-        said.clear();
+        EXPECT_EQ(messages.text(), "file_read_sectors[N]: Check here!" + detail + "\n\n");
+        messages.clear();
         EXPECT_EQ(file_write_sectors(data, sector, 1), result);
-        EXPECT_EQ(said.text(), "file_write_sectors[N]: Check here!\n\n");
+        EXPECT_EQ(messages.text(), "file_write_sectors[N]: Check here!\n\n");
     }
 
     // Puts another descriptor in place of the volume's; the old one is closed with the case.
@@ -600,7 +600,7 @@ TEST_F(SectorTransfer, MovesSectorsOfEverySize) {
         EXPECT_EQ(file_write_sectors(buffer.data(), 5, 3), 3);
         std::fill_n(content.begin() + 5 * unit, 3 * unit, 0xEE);
         EXPECT_EQ(read_file(path), content);
-        EXPECT_EQ(said.text(), "");
+        EXPECT_EQ(messages.text(), "");
         fat_close_volume(0);
     }
 }
@@ -618,7 +618,7 @@ TEST_F(SectorTransfer, BeginsAtItsSectorWhereverTheLastOneEnded) {
     EXPECT_EQ(file_write_sectors(buffer.data(), 1, 0), 0);
     EXPECT_EQ(buffer, bytes(16384, 0xEE));
     EXPECT_EQ(read_file(path), content);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_F(SectorTransfer, ReachesBeyond4GiBAndSectorNumbersHave64Bits) {
@@ -645,7 +645,7 @@ TEST_F(SectorTransfer, ReadingAcrossTheEndCountsTheWholeSectorsBeforeIt) {
     EXPECT_EQ(part(buffer, 0, 1024 + 100), part(content, 3 * 512, 1024 + 100));
     EXPECT_EQ(file_read_sectors(buffer.data(), 5, 1), 0);
     EXPECT_EQ(file_read_sectors(buffer.data(), 6, 1), 0);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_F(SectorTransfer, WritingBehindTheEndMakesAFileLonger) {
@@ -672,7 +672,7 @@ TEST_F(SectorTransfer, AShortTransferIsCountedNotRepeated) {
     const pretended_device device({.short_transfer_bytes = 511});
     EXPECT_EQ(file_read_sectors(buffer.data(), 0, 1), 0);
     EXPECT_EQ(file_write_sectors(buffer.data(), 0, 1), 0);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_F(SectorTransfer, RefusesStandardDescriptorsANullBufferAndNoVolume) {
@@ -729,8 +729,9 @@ TEST_F(SectorTransfer, CutsTheSectorItCannotSeekToAnInt) {
     EXPECT_EQ(file_read_sectors(buffer.data(), 0x500000007, 1), -EIO);
     EXPECT_EQ(file_read_sectors(buffer.data(), 0xFFFFFFFF, 1), -EIO);
     const std::string reason = name_of(EOVERFLOW);
-    EXPECT_EQ(said.text(), "file_read_sectors[N]: Check here!: " + reason + " (7 x 4096)\n\n" +
-                               "file_read_sectors[N]: Check here!: " + reason + " (-1 x 4096)\n\n");
+    EXPECT_EQ(messages.text(), "file_read_sectors[N]: Check here!: " + reason + " (7 x 4096)\n\n" +
+                                   "file_read_sectors[N]: Check here!: " + reason +
+                                   " (-1 x 4096)\n\n");
 }
 
 TEST_F(SectorTransfer, PrintsWhyReadingFailsAndThatWritingFails) {
@@ -746,8 +747,9 @@ TEST_F(SectorTransfer, PrintsWhyReadingFailsAndThatWritingFails) {
     EXPECT_EQ(file_read_sectors(buffer.data(), 3, 1), -EIO);
     replace_descriptor(open(path.c_str(), O_RDONLY));
     EXPECT_EQ(file_write_sectors(buffer.data(), 3, 1), -EIO);
-    EXPECT_TRUE(said.text().ends_with("file_read_sectors[N]: Check here!: Bad file descriptor\n\n"
-                                      "file_write_sectors[N]: Check here!\n\n"));
+    EXPECT_TRUE(
+        messages.text().ends_with("file_read_sectors[N]: Check here!: Bad file descriptor\n\n"
+                                  "file_write_sectors[N]: Check here!\n\n"));
     EXPECT_EQ(buffer, bytes(16384, 0xEE));
     EXPECT_EQ(read_file(path), content);
 }
@@ -766,7 +768,7 @@ class CreateVolume : public volume_test {
 protected:
     void expect_failure(int result, int error, const std::string &message) {
         EXPECT_EQ(result, error);
-        EXPECT_EQ(said.text(), "create_fat_volume[N]: " + message + "\n\n");
+        EXPECT_EQ(messages.text(), "create_fat_volume[N]: " + message + "\n\n");
         EXPECT_TRUE(left_open().empty());
         EXPECT_TRUE(transfers_are_unset());
         EXPECT_EQ(sv, nullptr);
@@ -780,7 +782,7 @@ TEST_F(CreateVolume, FillsAFileOfItsOwnerAndGroupWithZeros) {
     const int fd = create_fat_volume(path.c_str(), 1000, 3);
     umask(old_mask);
     EXPECT_EQ(meter.live_blocks(), 0);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     EXPECT_EQ(left_open(), std::vector<int>{fd});
     EXPECT_EQ(fcntl(fd, F_GETFL) & O_ACCMODE, O_RDWR);
     EXPECT_EQ(read_file(path), bytes(3000, 0));
@@ -803,30 +805,30 @@ TEST_F(CreateVolume, NoBlocksOrEmptyOnesMakeAnEmptyFile) {
         EXPECT_EQ(read_file(path), bytes{});
         close(fd);
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_F(CreateVolume, AShortWriteIsNoFailure) {
     const std::string path = scratch.file("image");
     const pretended_device device({.short_transfer_bytes = 300});
     EXPECT_GE(create_fat_volume(path.c_str(), 512, 4), 0);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     EXPECT_EQ(read_file(path), bytes(1200, 0));
 }
 
 TEST_F(CreateVolume, PrintsThatTheTargetCannotBeOpenedOrWritten) {
     expect_failure(create_fat_volume(scratch.file("no/image").c_str(), 512, 1), -ENOENT,
                    "failed to open file!");
-    said.clear();
+    messages.clear();
     expect_failure(create_fat_volume(nullptr, 512, 1), -EFAULT, "failed to open file!");
-    said.clear();
+    messages.clear();
     expect_failure(create_fat_volume("/dev/full", 512, 1), -EIO, "failed to write!");
 }
 
 TEST_F(CreateVolume, ReturnsTheErrorOfAnyFailedOpen) {
     const std::string path = scratch.file("image");
     for (const int error : {EACCES, EROFS, ENOSPC}) {
-        said.clear();
+        messages.clear();
         const failing_call fault(call::open, error);
         expect_failure(create_fat_volume(path.c_str(), 512, 1), -error, "failed to open file!");
     }
@@ -844,7 +846,7 @@ TEST_F(CreateVolume, ClosesTheFileWhenThereIsNoMemory) {
 TEST_F(CreateVolume, ClosesAndFreesWhicheverWriteFails) {
     const std::string path = scratch.file("image");
     at_every_fault({every_call(call::write, ENOSPC)}, [&](fault_step &step) {
-        said.clear();
+        messages.clear();
         const int result = step.run([&] { return create_fat_volume(path.c_str(), 512, 4); });
         EXPECT_EQ(step.struck(), step.k < 4);
         if (step.struck()) {
@@ -897,12 +899,12 @@ TEST_F(Diagnostics, GoToTheChosenStreamOrNowhere) {
     standard_error err;
     standard_output out;
     provoke();
-    EXPECT_EQ(said.text(), EVERYTHING);
+    EXPECT_EQ(messages.text(), EVERYTHING);
     fat_set_diagnostics(nullptr);
     provoke();
     EXPECT_EQ(out.stop(), "");
     EXPECT_EQ(err.stop(), "");
-    EXPECT_EQ(said.text(), EVERYTHING);
+    EXPECT_EQ(messages.text(), EVERYTHING);
 }
 
 TEST_F(Diagnostics, StandardErrorCanBeChosenAgain) {
@@ -910,7 +912,7 @@ TEST_F(Diagnostics, StandardErrorCanBeChosenAgain) {
     fat_set_diagnostics(nullptr);
     fat_set_diagnostics(stderr);
     EXPECT_EQ(fat_open_volume(nullptr, 0, 1), -EINVAL);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     const std::string printed = err.stop();
     EXPECT_EQ(printed.substr(0, 16), "fat_open_volume[");
     EXPECT_EQ(printed.substr(printed.find(']')), "]: NULL path!\n\n");
@@ -926,7 +928,7 @@ TEST_F(Diagnostics, DoNotTouchWhatGoesToStandardOutput) {
 
 TEST_F(Diagnostics, ThePrefixNamesTheReporterAndASourceLine) {
     EXPECT_EQ(fat_open_volume(nullptr, 0, 0), -EINVAL);
-    const std::string printed = said.raw();
+    const std::string printed = messages.raw();
     const std::size_t digits = std::string("fat_open_volume[").size();
     const std::size_t end = printed.find(']');
     ASSERT_NE(end, std::string::npos);

@@ -90,19 +90,19 @@ protected:
     }
     // Only one line of complaint about the chain: no entry of it is bad.
     void expect_said(const std::string &end) {
-        const std::string text = said.text();
+        const std::string text = messages.text();
         EXPECT_EQ(text.rfind("get_phy_sector[N]: invalid value ", 0), 0U) << text;
         EXPECT_TRUE(ends_with(text, end)) << text;
         const auto lines = std::count(text.begin(), text.end(), '[');
         EXPECT_EQ(lines, 1 + std::count(end.begin(), end.end(), '[')) << text;
-        said.clear();
+        messages.clear();
     }
 
     const u32 length = GetParam().tail + GetParam().circle;
     volume v;
     std::vector<u32> clusters;
     directory dir{&v, {5}, false};
-    diagnostics said;
+    diagnostics messages;
 };
 INSTANTIATE_TEST_SUITE_P(Shapes, Circle, testing::ValuesIn(many_circles()), rho_name);
 
@@ -116,7 +116,7 @@ TEST_P(Circle, EverySectorBeforeTheReturnIsFound) {
             EXPECT_EQ(sector, volume::first_sector_of(clusters[i]) + r);
         }
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_P(Circle, FarSectorIsNotFound) {
@@ -145,7 +145,7 @@ TEST_P(Circle, LookupEndsInFailure) {
     char name[] = "README.TXT";
     EXPECT_EQ(find_dentry_with_clu(5, name, nullptr), -EINVAL);
     expect_few_reads(sv->sec_per_clus);
-    const std::string text = said.text();
+    const std::string text = messages.text();
     const std::size_t index = text.rfind("(5, ");
     ASSERT_NE(index, std::string::npos) << text;
     const std::string number = text.substr(index + 4, text.find(')', index) - index - 4);
@@ -159,7 +159,7 @@ TEST_P(Circle, LookupEndsInFailure) {
     v.disk.log.clear();
     EXPECT_EQ(fat_find_dentry(&dir.record, name, nullptr), -EINVAL);
     expect_few_reads(sv->sec_per_clus);
-    EXPECT_EQ(said.text(), text);
+    EXPECT_EQ(messages.text(), text);
 }
 
 TEST_P(Circle, NameInItsLastClusterIsFound) {
@@ -170,7 +170,7 @@ TEST_P(Circle, NameInItsLastClusterIsFound) {
     v.disk.poke(place, {entry.begin(), entry.end()});
     char name[] = "README.TXT";
     EXPECT_EQ(find_dentry_with_clu(5, name, nullptr), static_cast<int>(index));
-    EXPECT_EQ(said.text(),
+    EXPECT_EQ(messages.text(),
               "find_dentry_with_clu[N]: found index:(5, " + std::to_string(index) + ")\n");
 }
 
@@ -179,7 +179,7 @@ TEST_P(Circle, NumericTailEndsInFailure) {
     EXPECT_EQ(add_numeric_tail(&dir.record, dos), -EINVAL);
     EXPECT_STREQ(reinterpret_cast<char *>(dos), "LONGFILETXT");
     expect_few_reads(sv->sec_per_clus);
-    const std::string text = said.text();
+    const std::string text = messages.text();
     const std::size_t index = text.rfind("(5, ");
     ASSERT_NE(index, std::string::npos) << text;
     expect_said("get_dentry_with_clu[N]: Failed to get entry sector!:" + text.substr(index));
@@ -190,7 +190,7 @@ TEST_P(Circle, NumericTailOfAsManyEntriesAsThereAreSucceeds) {
     u8 dos[] = "LONGFILETXT";
     EXPECT_EQ(add_numeric_tail(&dir.record, dos), 0);
     EXPECT_STREQ(reinterpret_cast<char *>(dos), "LONGFI~1TXT");
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 namespace {
@@ -210,7 +210,7 @@ protected:
     }
 
     volume v;
-    diagnostics said;
+    diagnostics messages;
 };
 INSTANTIATE_TEST_SUITE_P(Returns, LongNameInACircle, testing::Values(5U, 9U));
 
@@ -229,8 +229,8 @@ TEST_P(LongNameInACircle, IsNoName) {
     EXPECT_LE(v.traffic(), 63U * 3);
     if (result < 0) {
         EXPECT_EQ(result, -EINVAL);
-        EXPECT_TRUE(ends_with(said.text(), "get_long_name[N]: Failed to get entry with cluster "
-                                           "...\n\n"));
+        EXPECT_TRUE(ends_with(messages.text(), "get_long_name[N]: Failed to get entry with cluster "
+                                               "...\n\n"));
     }
 }
 
@@ -291,7 +291,7 @@ protected:
     volume v{GetParam()};
     const std::vector<u32> links = chain_in_runs();
     directory dir = v.sub_directory(links);
-    diagnostics said;
+    diagnostics messages;
 };
 INSTANTIATE_TEST_SUITE_P(
     Shapes, WalkReads,
@@ -372,7 +372,7 @@ protected:
 
     volume v;
     directory dir = v.sub_directory({5, 9, 7});
-    diagnostics said;
+    diagnostics messages;
 };
 
 } // namespace
@@ -431,11 +431,11 @@ protected:
         v.disk.bad_sectors.clear();
         v.disk.failure_result = one_in(3) ? 0 : -5; // nothing moved, or an error
         v.disk.log.clear();
-        said.clear();
+        messages.clear();
     }
     // Of the volume as it is; both it and the library begin to print.
     model::directories reference() {
-        said.clear();
+        messages.clear();
         return reference_of<model::directories>(&v.disk);
     }
 
@@ -493,7 +493,7 @@ protected:
     }
 
     volume v{GetParam()};
-    diagnostics said;
+    diagnostics messages;
     std::mt19937 chance{SEED + GetParam().fat_type + GetParam().sector_size};
 
 private:
@@ -644,11 +644,11 @@ protected:
         const int result = find_dentry_with_clu(dir.base(), text.data(), nullptr);
         if (expected.has_value()) {
             ASSERT_EQ(result, *expected);
-            ASSERT_EQ(said.text(), volume.printed);
+            ASSERT_EQ(messages.text(), volume.printed);
             outcomes_[*expected >= 0 ? "found" : std::to_string(*expected)]++;
         } else {
             ASSERT_EQ(result, -EINVAL);
-            ASSERT_TRUE(ends_with(said.text(), "):Invalid argument\n")) << said.text();
+            ASSERT_TRUE(ends_with(messages.text(), "):Invalid argument\n")) << messages.text();
             outcomes_["circle"]++;
         }
     }
@@ -671,7 +671,7 @@ protected:
         const int expected = volume.long_name(dir->base(), &last, &expected_units);
         ASSERT_EQ(get_long_name(&dir->record, index, &entry, buffer.data(), units.data()),
                   expected);
-        ASSERT_EQ(said.text(), volume.printed);
+        ASSERT_EQ(messages.text(), volume.printed);
         if (expected >= 0) {
             ASSERT_TRUE(std::equal(units.begin(), units.end(), expected_units.begin()));
             ASSERT_EQ((entry - buffer.data()) / 32, last % volume::entries_per_sector());
@@ -712,7 +712,7 @@ TEST_P(RandomChains, SectorsAreThoseOfTheReferenceModel) {
                 one_in(8) ? static_cast<u32>(chance()) : below((length + 3) * sv->sec_per_clus);
             const u32 link = index / sv->sec_per_clus;
             u32 sector = 0;
-            said.clear();
+            messages.clear();
             volume.printed.clear();
             if (is_circle && link >= length) {
                 // A few rounds may pass before the circle is noticed.
@@ -730,7 +730,7 @@ TEST_P(RandomChains, SectorsAreThoseOfTheReferenceModel) {
             const int expected = volume.locate(base, index, &expected_sector);
             ASSERT_EQ(get_phy_sector(base, index, &sector), expected);
             ASSERT_EQ(sector, expected_sector);
-            ASSERT_EQ(said.text(), volume.printed);
+            ASSERT_EQ(messages.text(), volume.printed);
             results[expected]++;
         }
     }
@@ -762,7 +762,7 @@ TEST_P(RandomChains, FreeClustersAreThoseOfTheReferenceModel) {
         auto volume = reference();
         const int expected = volume.find_free(first, last);
         ASSERT_EQ(fat_free_clus(first, last), expected);
-        ASSERT_EQ(said.text(), volume.printed);
+        ASSERT_EQ(messages.text(), volume.printed);
         results[expected > 0 ? 0 : expected]++;
     }
     for (const int result : {0, -ENOENT, -EINVAL, -EIO}) {
@@ -844,7 +844,7 @@ TEST_P(RandomDirectories, NumericTailsAreThoseOfTheReferenceModel) {
             }
             ASSERT_EQ(result, *expected);
             ASSERT_EQ(dos, expected_name);
-            ASSERT_EQ(said.text(), volume.printed);
+            ASSERT_EQ(messages.text(), volume.printed);
             outcomes_[std::to_string(*expected)]++;
         }
     }

@@ -326,11 +326,11 @@ inline short_form to_short(const std::string &name) {
 
 // ---- a string to the whole record -------------------------------------------------------------
 
-// The record of a name on a volume without an encoding. Of a refused name only `result`, `said` and
+// The record of a name on a volume without an encoding. Of a refused name only `result`, `messages` and
 // `left` count.
 struct name_record {
     int result = 0;
-    std::string said; // source lines as N
+    std::string messages; // source lines as N
     std::string left;
     std::string dos;
     std::optional<std::u16string> units; // the long name, where there is one
@@ -341,8 +341,8 @@ struct name_record {
 };
 
 inline std::ostream &operator<<(std::ostream &out, const name_record &r) {
-    out << "{" << r.result << ", said " << shown_bytes(r.said) << ", left " << shown_bytes(r.left)
-        << ", dos " << shown_bytes(r.dos) << ", units";
+    out << "{" << r.result << ", messages " << shown_bytes(r.messages) << ", left "
+        << shown_bytes(r.left) << ", dos " << shown_bytes(r.dos) << ", units";
     if (!r.units) {
         out << " none";
     } else {
@@ -376,8 +376,8 @@ inline name_record to_record(const std::string &name, bool has_long_names) {
         for (const char c : seen) {
             if (static_cast<unsigned char>(c) > 127) {
                 r.result = -EINVAL;
-                r.said = "convert_cstring_to_uname[N]: cannot convert non-ascii\n"
-                         "convert_name[N]: Failed to convert ...!\n\n";
+                r.messages = "convert_cstring_to_uname[N]: cannot convert non-ascii\n"
+                             "convert_name[N]: Failed to convert ...!\n\n";
                 return r;
             }
             units += static_cast<char16_t>(c);

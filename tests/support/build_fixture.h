@@ -124,8 +124,8 @@ protected:
     }
 
     answer heard(int result) {
-        const answer a{result, said.text()};
-        said.clear();
+        const answer a{result, messages.text()};
+        messages.clear();
         return a;
     }
 
@@ -201,7 +201,7 @@ protected:
     directory dir = GetParam().where == place::SUB ? v.sub_directory({30, 35, 31, 60})
                     : sv->fat_type == 16           ? v.root()
                                                    : v.longer_root({35, 31, 60});
-    diagnostics said;
+    diagnostics messages;
     const std::uint32_t per_sector = volume::entries_per_sector();
     const std::uint32_t capacity = dir.capacity();
 };

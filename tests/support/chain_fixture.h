@@ -113,8 +113,8 @@ inline std::vector<volume_shape> chain_shapes() {
 class chain_case : public testing::TestWithParam<volume_shape> {
 protected:
     answer heard(int result) {
-        const answer a{result, said.text()};
-        said.clear();
+        const answer a{result, messages.text()};
+        messages.clear();
         return a;
     }
     static answer failed(int result, const std::string &message) {
@@ -174,7 +174,7 @@ protected:
     }
 
     volume v{GetParam()};
-    diagnostics said;
+    diagnostics messages;
     const std::uint32_t cluster_bytes = sv->sec_per_clus * sv->sector_size;
     const std::uint32_t last_cluster = volume::last_cluster();
     // Clusters whose entries lie in the second sector of the FAT.

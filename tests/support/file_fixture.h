@@ -27,10 +27,10 @@ protected:
     explicit file_test(const volume_shape &shape = {.sec_per_clus = 4}) : v(shape) {}
 
     outcome write(int id, const void *data, std::uint32_t count) {
-        said.clear();
+        messages.clear();
         errno = UNTOUCHED_ERRNO;
         const int result = fat_write_file(id, data, count);
-        return {result, errno, said.text()};
+        return {result, errno, messages.text()};
     }
     outcome write(int id, const bytes &data) {
         return write(id, data.data(), static_cast<std::uint32_t>(data.size()));
@@ -61,7 +61,7 @@ protected:
     }
 
     mounted v;
-    diagnostics said;
+    diagnostics messages;
     stopped_clock clock{LEAP_DAY_2024};
 };
 

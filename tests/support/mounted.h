@@ -157,11 +157,11 @@ using model::start_of;
 struct outcome {
     std::int64_t result;
     int error;
-    std::string said;
+    std::string messages;
     bool operator==(const outcome &) const = default;
 };
 inline std::ostream &operator<<(std::ostream &out, const outcome &o) {
-    return out << o.result << ", errno " << o.error << ", \"" << o.said << "\"";
+    return out << o.result << ", errno " << o.error << ", \"" << o.messages << "\"";
 }
 
 // What errno holds before a call, and behind one that does not touch it.

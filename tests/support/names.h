@@ -75,14 +75,14 @@ inline model::short_form to_short(const std::string &name) {
 }
 
 // get_fatnames() into a record that held something else before.
-inline model::name_record to_record(const std::string &name, diagnostics *said) {
+inline model::name_record to_record(const std::string &name, diagnostics *messages) {
     caller_string string(name);
     fat::fat_name record;
     std::memset(&record, 0x55, sizeof record);
-    said->clear();
+    messages->clear();
     model::name_record result;
     result.result = fat::get_fatnames(string.get(), &record);
-    result.said = said->text();
+    result.messages = messages->text();
     result.left = string.text();
     EXPECT_EQ(record.cstring, string.get());
     if (result.result != 0) {

@@ -50,9 +50,9 @@ protected:
     // errno is no part of what these calls promise.
     template <typename Call>
     outcome called(const Call &call) {
-        said.clear();
+        messages.clear();
         const int result = call();
-        return {result, 0, said.text()};
+        return {result, 0, messages.text()};
     }
     static outcome came_to(std::int64_t result, const std::string &printed = "") {
         return {result, 0, printed};

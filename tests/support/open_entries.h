@@ -25,14 +25,15 @@ namespace testing_support {
 // The result of a call and the diagnostics it printed, source lines as N.
 struct answer {
     answer() = default;
-    answer(int outcome, std::string diagnostics) : result(outcome), said(std::move(diagnostics)) {}
+    answer(int outcome, std::string diagnostics)
+        : result(outcome), messages(std::move(diagnostics)) {}
 
     int result = 0;
-    std::string said;
+    std::string messages;
     bool operator==(const answer &) const = default;
 };
 inline std::ostream &operator<<(std::ostream &out, const answer &a) {
-    return out << a.result << ", " << std::quoted(a.said);
+    return out << a.result << ", " << std::quoted(a.messages);
 }
 
 // ---- the table --------------------------------------------------------------------------------
@@ -224,9 +225,9 @@ protected:
     // Makes a call; afterwards the table must agree with its bitmap.
     template <typename Call>
     answer ask(Call call) {
-        said.clear();
+        messages.clear();
         const int result = call();
-        answer a{result, said.text()};
+        answer a{result, messages.text()};
         EXPECT_TRUE(table_agrees()) << "after " << a;
         return a;
     }
@@ -248,15 +249,15 @@ protected:
     }
 
     tree v;
-    diagnostics said;
+    diagnostics messages;
 
 private:
     template <typename Call, typename Undo>
     answer answer_under(fault_step *step, Call call, Undo undo) {
-        said.clear();
+        messages.clear();
         return step->run([&] {
             answer a{call(), ""};
-            a.said = said.text();
+            a.messages = messages.text();
             EXPECT_TRUE(table_agrees()) << "after " << a;
             if (a.result >= 0) {
                 undo(a.result);

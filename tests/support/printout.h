@@ -19,12 +19,12 @@ namespace testing_support {
 
 struct printout {
     int result = 0;
-    std::string out;  // standard output, or the stream that the call was given
-    std::string said; // diagnostics, source lines as N
+    std::string out;      // standard output, or the stream that the call was given
+    std::string messages; // diagnostics, source lines as N
     bool operator==(const printout &) const = default;
 };
 inline std::ostream &operator<<(std::ostream &out, const printout &p) {
-    return out << p.result << "\nprinted:\n" << p.out << "said:\n" << p.said;
+    return out << p.result << "\nprinted:\n" << p.out << "messages:\n" << p.messages;
 }
 
 // 0 for a call without a result.
@@ -41,22 +41,22 @@ int result_of(const Call &call, Arguments... arguments) {
 // Of a call that prints to standard output.
 template <typename Call>
 printout to_output(const Call &call) {
-    diagnostics said;
+    diagnostics messages;
     standard_output out;
     const int result = result_of(call);
-    return {result, out.stop(), said.text()};
+    return {result, out.stop(), messages.text()};
 }
 
 // Of a call that prints to the stream it is given, and nothing to standard output.
 template <typename Call>
 printout to_stream(const Call &call) {
-    diagnostics said;
+    diagnostics messages;
     memory_stream stream;
     standard_output out;
     const int result = result_of(call, stream.get());
     const std::string stray = out.stop();
     EXPECT_EQ(stray, "");
-    return {result, stream.text(), said.text()};
+    return {result, stream.text(), messages.text()};
 }
 
 // ---- entries ----------------------------------------------------------------------------------

@@ -51,7 +51,7 @@ protected:
     }
 
     scratch_directory scratch;
-    diagnostics said;
+    diagnostics messages;
     const std::set<int> open_before = open_descriptors();
 };
 
