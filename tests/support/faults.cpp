@@ -337,7 +337,7 @@ int __wrap_fsync(int fd) {
 }
 
 iconv_t __wrap_iconv_open(const char *to, const char *from) {
-    // An address of -1 tells the failure.
+    // An address of -1 reports the failure.
     return fails(call::iconv_open) ? reinterpret_cast<iconv_t>(std::intptr_t{-1})
                                    : __real_iconv_open(to, from);
 }

@@ -1,4 +1,4 @@
-// A mounted volume, the calls on files with all that they leave behind, and a clock that stands.
+// A mounted volume, the calls on files with all of their effects, and a stopped clock.
 
 #pragma once
 
@@ -47,7 +47,7 @@ protected:
     std::vector<transfer> transfers() {
         return std::exchange(v.disk.log, {});
     }
-    // Those among them that touch the data area, the root directory of FAT32 left out.
+    // The transfers of the data area, without the root directory of FAT32.
     std::vector<transfer> data_transfers() {
         std::vector<transfer> result = transfers();
         std::erase_if(result, [](const transfer &t) {
