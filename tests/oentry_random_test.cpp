@@ -22,7 +22,7 @@ namespace {
 constexpr unsigned SEED = 20240229;
 
 const std::array NAMES = {
-    "FILE.TXT", "EMPTY", "SUB", "LOST",      "BROKEN", "OUTSIDE", "CIRCLE",
+    "FILE.TXT", "EMPTY", "SUB", "LOST",      "BROKEN", "OUTSIDE", "CYCLE",
     ".",        "..",    "X",   "INNER.TXT", "DEEP",   "MISSING", "A Long Name.txt"};
 
 class RandomHandles : public tree_test {

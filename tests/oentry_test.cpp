@@ -582,7 +582,7 @@ TEST_P(EntryOpen, BrokenEntryIsNotOpened) {
               (answer{-EINVAL, BAD_ENTRY + BAD_CHAIN + NOT_SET}));
     EXPECT_EQ(open_entry(&v.root_space, v.outside),
               (answer{-EINVAL, BAD_CLUSTER + BAD_CHAIN + NOT_SET}));
-    EXPECT_EQ(open_entry(&v.root_space, v.circle), (answer{-EINVAL, BAD_CHAIN + NOT_SET}));
+    EXPECT_EQ(open_entry(&v.root_space, v.cycle), (answer{-EINVAL, BAD_CHAIN + NOT_SET}));
     EXPECT_EQ(meter.live_blocks(), 0);
     EXPECT_EQ(ids_in_use(), std::vector<int>{0});
 }
@@ -856,8 +856,8 @@ TEST_P(Open, BrokenChainIsNotOpened) {
                                                         BAD_CHAIN + NOT_SET}));
     EXPECT_EQ(open_path("OUTSIDE"), (answer{-EINVAL, found_at(v.root_base(), v.outside) +
                                                          BAD_CLUSTER + BAD_CHAIN + NOT_SET}));
-    EXPECT_EQ(open_path("CIRCLE"),
-              (answer{-EINVAL, found_at(v.root_base(), v.circle) + BAD_CHAIN + NOT_SET}));
+    EXPECT_EQ(open_path("CYCLE"),
+              (answer{-EINVAL, found_at(v.root_base(), v.cycle) + BAD_CHAIN + NOT_SET}));
     EXPECT_EQ(meter.live_blocks(), 0);
     EXPECT_EQ(ids_in_use(), std::vector<int>{0});
 }
@@ -1086,7 +1086,7 @@ TEST_F(OpenEntries, OpenFileStoresErrorsInErrno) {
     EXPECT_EQ(error_of(nullptr), (std::pair{-EINVAL, EINVAL}));
     EXPECT_EQ(error_of("MISSING"), (std::pair{-ENOENT, ENOENT}));
     EXPECT_EQ(error_of("a|b"), (std::pair{-EINVAL, EINVAL}));
-    EXPECT_EQ(error_of("CIRCLE"), (std::pair{-EINVAL, EINVAL}));
+    EXPECT_EQ(error_of("CYCLE"), (std::pair{-EINVAL, EINVAL}));
     EXPECT_EQ(error_of(std::string(261, '/').c_str()), (std::pair{-ENAMETOOLONG, ENAMETOOLONG}));
     open_until_full();
     EXPECT_EQ(error_of("FILE.TXT"), (std::pair{-EMFILE, EMFILE}));

@@ -131,7 +131,7 @@ inline std::string found_at(std::uint32_t base, std::uint32_t index) {
 //   LOST         its cluster is free         DEEP        a directory
 //   BROKEN       a chain with no link          X         no cluster
 //   OUTSIDE      starts past the volume
-//   CIRCLE       a cyclic chain
+//   CYCLE        a cyclic chain
 //   A Long Name.txt
 class tree : public volume {
 public:
@@ -148,7 +148,7 @@ public:
         lost = root_space.append(short_entry("LOST       ", ARCHIVE, 40));
         broken = root_space.append(short_entry("BROKEN     ", ARCHIVE, 50));
         outside = root_space.append(short_entry("OUTSIDE    ", ARCHIVE, last_cluster() + 1));
-        circle = root_space.append(short_entry("CIRCLE     ", ARCHIVE, 60));
+        cycle = root_space.append(short_entry("CYCLE      ", ARCHIVE, 60));
         long_named = root_space.append_long(u"A Long Name.txt", "ALONGN~1TXT");
         fill_sub();
         if (fat::open_root_directory() != 0) {
@@ -161,7 +161,7 @@ public:
     directory sub_space = sub_directory({20, 22});
     directory deep_space = sub_directory({21});
     // Indexes in the directories.
-    std::uint32_t file = 0, empty = 0, sub = 0, lost = 0, broken = 0, outside = 0, circle = 0,
+    std::uint32_t file = 0, empty = 0, sub = 0, lost = 0, broken = 0, outside = 0, cycle = 0,
                   long_named = 0, inner = 0, deep = 0, x = 0;
 
     // The root's base cluster in messages of lookups.
