@@ -252,7 +252,7 @@ TEST_F(CreatePbr, Fat32KeepsItsReservedAreaAtThirtyTwoWithEveryPage) {
     }
 }
 
-TEST_F(CreatePbr, AVolumeFormattedAnewForgetsItsFormerGeometry) {
+TEST_F(CreatePbr, AVolumeFormattedAgainForgetsItsFormerGeometry) {
     boot_sector(512 * MIB);
     EXPECT_EQ(sv->root_clus, 2U);
     sv->vol_size = 64 * MIB;

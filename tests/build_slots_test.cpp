@@ -109,7 +109,7 @@ TEST_P(FindEmptyEntries, FirstSpanThatIsLongEnoughIsTaken) {
     expect_unwritten();
 }
 
-TEST_P(FindEmptyEntries, EveryOtherEntryBreaksARun) {
+TEST_P(FindEmptyEntries, EveryOtherEntryEndsASpan) {
     const std::pair<entry_image, std::string> others[] = {
         {short_entry("FILE       ", 0), ""},
         {short_entry("DIR        ", DIRECTORY), ""},
@@ -137,7 +137,7 @@ TEST_P(FindEmptyEntries, DeletedSlotsAndLabelsAreFree) {
     EXPECT_EQ(find(3), at(3));
 }
 
-TEST_P(FindEmptyEntries, RunMayCrossSectorsAndClusters) {
+TEST_P(FindEmptyEntries, SpanMayCrossSectorsAndClusters) {
     occupy();
     const u32 cluster_border = volume::entries_per_cluster();
     for (const u32 border : {per_sector, 2 * per_sector, cluster_border, 2 * cluster_border,
@@ -153,7 +153,7 @@ TEST_P(FindEmptyEntries, RunMayCrossSectorsAndClusters) {
     }
 }
 
-TEST_P(FindEmptyEntries, NoSectorIsReadTwiceAndNoTransferBeginsBehindTheRun) {
+TEST_P(FindEmptyEntries, NoSectorIsReadTwiceAndNoTransferBeginsAfterTheSpan) {
     occupy();
     set_free(2 * per_sector, 2 * per_sector);
     v.disk.log.clear();
@@ -185,7 +185,7 @@ TEST_P(GrowForEntries, FullDirectoryGrowsByAClearedCluster) {
     EXPECT_EQ(dir.record.last, 100U);
 }
 
-TEST_P(GrowForEntries, RunBeginsInTheOldSpace) {
+TEST_P(GrowForEntries, SpanBeginsInTheOldSpace) {
     for (const u32 left : {1U, 2U, 3U}) {
         directory again = v.sub_directory({200, 201});
         for (u32 i = 0; i < again.capacity(); i++) {
@@ -220,7 +220,7 @@ TEST_P(GrowForEntries, SpanBeginsWithFreeEntriesAtTheEndOnly) {
     }
 }
 
-TEST_P(GrowForEntries, ManyClustersWhereTheRunNeedsThem) {
+TEST_P(GrowForEntries, ManyClustersWhereTheSpanNeedsThem) {
     occupy();
     set_free(capacity - 1, capacity - 1);
     fat_picture fat(&v);
@@ -275,7 +275,7 @@ TEST_P(GrowForEntries, ChainShorterThanRecordedGrowsWhereItEnds) {
 
 // ---- growth that fails ------------------------------------------------------------------------
 
-TEST_P(GrowForEntries, FullVolumeIsTold) {
+TEST_P(GrowForEntries, FullVolumeIsReported) {
     occupy();
     std::vector<u8> fat = v.fat_copy(0);
     std::fill(fat.begin(), fat.end(), u8{0xFF});
@@ -315,7 +315,7 @@ TEST_P(GrowForEntries, LastClusterOfTheVolumeIsTakenAndStaysWhereOneMoreIsMissin
     EXPECT_EQ(find(per_cluster), at(capacity));
 }
 
-TEST_P(GrowForEntries, ClusterThatCannotBeClearedIsTakenBack) {
+TEST_P(GrowForEntries, ClusterThatCannotBeClearedIsFreedAgain) {
     occupy();
     sv->last_alloc_clus = 99;
     const fat_picture fat(&v);
@@ -401,7 +401,7 @@ INSTANTIATE_TEST_SUITE_P(Sizes, Fat16RootArea, testing::ValuesIn(root_areas()), 
 
 } // namespace
 
-TEST_P(Fat16RootArea, FullRootIsToldAndNothingGrows) {
+TEST_P(Fat16RootArea, FullRootIsReportedAndNothingGrows) {
     fill(root.capacity());
     const fat_picture fat(&v);
     const record_picture before = picture_of(root.record);
@@ -424,7 +424,7 @@ TEST_P(Fat16RootArea, LastSlotIsTakenAndNoMore) {
     expect_unwritten();
 }
 
-TEST_P(Fat16RootArea, EntriesBehindThe512thAreNotCounted) {
+TEST_P(Fat16RootArea, EntriesAfterThe512thAreNotCounted) {
     fill(std::min(root.capacity(), 512U));
     EXPECT_EQ(find(1).result, -ENOSPC);
 }

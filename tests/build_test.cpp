@@ -234,7 +234,7 @@ entry_image with_permissions(entry_image entry, u32 mode, u16 id) {
 
 } // namespace
 
-TEST_F(SetEntryValue, EveryModeIsKeptInTheEntry) {
+TEST_F(SetEntryValue, EveryModeIsStoredInTheEntry) {
     const std::pair<u32, u8> kinds[] = {
         {DENTRY_FILE, 0}, {DENTRY_DIR, 0x10}, {KIND_SYMLINK, 0}, {DENTRY_VOLUME, 0x08}};
     for (const auto &[kind, attr] : kinds) {
@@ -313,7 +313,7 @@ TEST(SetLongSlot, ThirteenUnitsFillIt) {
               long_slot(0x42, u"ABCDEFGHIJKLM", 0x7A));
 }
 
-TEST(SetLongSlot, UnitsKeepTheirPlacesAndBytes) {
+TEST(SetLongSlot, UnitsKeepTheirPositionsAndBytes) {
     const std::u16string units = u"\u0102\u0304\u0506\u0708\u090A\u0B0C\u0D0E\u0F10\u1112\u1314"
                                  u"\u1516\u1718\u191A";
     const entry_image slot = slot_of(1, units_of(units), 0xFF);
@@ -339,7 +339,7 @@ TEST(SetLongSlot, PaddingUnitEndsTheNameToo) {
     EXPECT_EQ(slot_of(0x41, {u'A', u'B', 0xFFFF}, 0x11), long_slot(0x41, expected, 0x11));
 }
 
-TEST(SetLongSlot, UnitsBehindTheTerminatorAreNotTaken) {
+TEST(SetLongSlot, UnitsAfterTheTerminatorAreNotTaken) {
     EXPECT_EQ(slot_of(0x41,
                       {u'A', 0, u'B', u'C', u'D', u'E', u'F', u'G', u'H', u'I', u'J', u'K', u'L'},
                       0x11),
@@ -391,7 +391,7 @@ TEST_P(BuildEntry, UnknownKindIsRefused) {
     EXPECT_TRUE(sectors_written().empty());
 }
 
-TEST_P(BuildEntry, SlotBehindTheDirectoryIsRefused) {
+TEST_P(BuildEntry, SlotPastTheDirectoryIsRefused) {
     const u32 behind = dir.record.allocated / 32; // of the FAT16 root it is 512
     name_forms name("NAME       ");
     EXPECT_EQ(build(behind, 1, &name),
@@ -520,7 +520,7 @@ TEST_P(BuildEntry, PermissionsComeWithTheEntry) {
 
 // ---- numeric tails ----------------------------------------------------------------------------
 
-TEST_P(BuildEntry, TailIsTheLowestThatIsNotTaken) {
+TEST_P(BuildEntry, TailIsTheLowestFreeOne) {
     dir.append(short_entry("LONGNA~1TXT"));
     dir.append(short_entry("LONGNA~2   ", DIRECTORY));
     dir.append(short_entry("LONGNA~4TXT"));
@@ -534,7 +534,7 @@ TEST_P(BuildEntry, TailIsTheLowestThatIsNotTaken) {
     EXPECT_EQ(name.dos(), "LONGNA~3TXT");
 }
 
-TEST_P(BuildEntry, ShortNameOfThreeLettersGetsItsTailBehindThem) {
+TEST_P(BuildEntry, ShortNameOfThreeLettersGetsItsTailAfterThem) {
     std::vector<entry_image> expected = space();
     name_forms name("FOO     TXT", u"Foo.txt");
     EXPECT_EQ(build(0, 2, &name), (answer{1, ""}));
@@ -600,7 +600,7 @@ TEST_P(TailsOfADirectory, LastOfThemIs1023AndAfterItNothingIsWritten) {
 
 // ---- failures ---------------------------------------------------------------------------------
 
-TEST_P(BuildEntry, SearchForTailsThatFailsIsReturnedWithoutAFurtherWord) {
+TEST_P(BuildEntry, FailedSearchForTailsIsReturnedWithoutAFurtherMessage) {
     occupy();
     v.disk.unreadable = {sector_of(per_sector)};
     name_forms name("LONGNAMETXT", u"Long name.txt");
@@ -608,7 +608,7 @@ TEST_P(BuildEntry, SearchForTailsThatFailsIsReturnedWithoutAFurtherWord) {
     EXPECT_TRUE(sectors_written().empty());
 }
 
-TEST_P(BuildEntry, UnreadableSectorOfTheShortEntryIsTold) {
+TEST_P(BuildEntry, UnreadableSectorOfTheShortEntryIsReported) {
     v.disk.unreadable = {sector_of(per_sector)};
     name_forms name("NAME       ");
     for (const int result : {-1, -5, -28}) {
@@ -619,7 +619,7 @@ TEST_P(BuildEntry, UnreadableSectorOfTheShortEntryIsTold) {
     EXPECT_TRUE(sectors_written().empty());
 }
 
-TEST_P(BuildEntry, UnreadableSectorOfASlotIsTold) {
+TEST_P(BuildEntry, UnreadableSectorOfASlotIsReported) {
     const u32 first = 2 * per_sector - 1;
     const std::vector<entry_image> before = space();
     v.disk.unreadable = {sector_of(first)};
@@ -727,7 +727,7 @@ TEST_P(InitDirectory, FirstTwoEntriesAreWritten) {
     }
 }
 
-TEST_P(InitDirectory, WhatStandsBehindThemInTheSectorStays) {
+TEST_P(InitDirectory, RestOfTheSectorIsNotChanged) {
     fill_data(40, 0xA7);
     EXPECT_EQ(heard(init_directory(9, 40)), (answer{0, ""}));
     const auto [dot, dot_dot] = dots(9, 40);
@@ -757,7 +757,7 @@ TEST_P(InitDirectory, EachEntryHasItsOwnPermissions) {
     EXPECT_TRUE(std::equal(second.begin(), second.end(), data.begin() + 32));
 }
 
-TEST_P(InitDirectory, ClusterThatIsNoneIsRefused) {
+TEST_P(InitDirectory, InvalidClusterIsRefused) {
     for (const u32 cluster : {1U, last_cluster + 1, 0xFFFFFFFFU}) {
         const answer a = heard(init_directory(0, cluster));
         EXPECT_EQ(a.result, -EINVAL);
@@ -787,7 +787,7 @@ TEST_P(InitDirectory, WriteOfAnotherCountFails) {
     EXPECT_EQ(a.messages, INIT_CHECK_HERE);
 }
 
-TEST_P(InitDirectory, EveryFaultIsToldAndWritesNothing) {
+TEST_P(InitDirectory, EveryFaultIsReportedAndWritesNothing) {
     fill_data(40, 0xA7);
     std::vector<fault_kind> kinds = {EVERY_ALLOCATION, EVERY_READ};
     for (const int moved : {-1, -5, -28, 0}) {

@@ -25,7 +25,7 @@ INSTANTIATE_TEST_SUITE_P(Shapes, ExtendDir, testing::ValuesIn(chain_shapes()), s
 
 // ---- growing a directory ----------------------------------------------------------------------
 
-TEST_P(ExtendDir, WithoutADirectoryAClearedClusterStandsAlone) {
+TEST_P(ExtendDir, WithoutADirectoryAClearedClusterIsNotLinked) {
     fat_picture fat(&v);
     fill_data(41, 0x5A);
     sv->last_alloc_clus = 40;
@@ -82,7 +82,7 @@ TEST_P(ExtendDir, FatIsChangedBeforeTheClusterIsCleared) {
     EXPECT_EQ(written[2], volume::first_sector_of(far));
 }
 
-TEST_P(ExtendDir, FullVolumeIsTold) {
+TEST_P(ExtendDir, FullVolumeIsReported) {
     occupy_all_but({});
     directory dir = v.sub_directory({5});
     const fat_picture fat(&v);
@@ -106,7 +106,7 @@ TEST_P(ExtendDir, ErrorOfTheAllocationIsItsOwn) {
               failed(-EINVAL, INVALID_LINK + INVALID_VALUE + NOT_EXTENDED));
 }
 
-TEST_P(ExtendDir, SearchThatWasPassedOverClearsNothing) {
+TEST_P(ExtendDir, IgnoredSearchErrorClearsNothing) {
     occupy_all_but({});
     v.set_link(20, 1);
     directory dir = v.sub_directory({5});
@@ -124,7 +124,7 @@ TEST_P(ExtendDir, SearchThatWasPassedOverClearsNothing) {
     }
 }
 
-TEST_P(ExtendDir, ClusterThatCannotBeClearedIsTakenBack) {
+TEST_P(ExtendDir, ClusterThatCannotBeClearedIsFreedAgain) {
     directory dir = v.sub_directory({5, 9});
     const fat_picture fat(&v);
     for (u32 k = 0; k < sv->sec_per_clus; k++) {
@@ -154,7 +154,7 @@ TEST_P(ExtendDir, OldEndIsMarkedBeforeTheNewClusterIsFreed) {
                                 volume::fat_sector_of(far)}));
 }
 
-TEST_P(ExtendDir, NoMemoryToClearTakesTheClusterBack) {
+TEST_P(ExtendDir, NoMemoryToClearFreesTheClusterAgain) {
     directory dir = v.sub_directory({5});
     const fat_picture fat(&v);
     // The last allocation that grows it is the one for zeros.
@@ -214,7 +214,7 @@ TEST_P(ExtendDir, LoneClusterThatCannotBeClearedIsFreed) {
     EXPECT_EQ(sv->last_alloc_clus, 41U);
 }
 
-TEST_P(ExtendDir, UndoThatFailsIsPassedOver) {
+TEST_P(ExtendDir, FailedUndoIsIgnored) {
     directory dir = v.sub_directory({5});
     fat_picture fat(&v);
     sv->last_alloc_clus = far - 1;
@@ -285,7 +285,7 @@ INSTANTIATE_TEST_SUITE_P(Shapes, SharedGrowthOfFat32, testing::ValuesIn(chain_sh
 
 } // namespace
 
-TEST_P(SharedGrowth, EveryOpenRecordOfTheDirectoryLearnsItsEnd) {
+TEST_P(SharedGrowth, EveryOpenRecordOfTheDirectoryReceivesItsEnd) {
     v.chain({5, 9});
     oentry *first = opened({5, 9});
     oentry *second = opened({5, 9});
@@ -333,7 +333,7 @@ TEST_P(SharedGrowth, EmptyRecordsDoNotLearnOfAnothersFirstCluster) {
     expect_end(empty, 0, 0);
 }
 
-TEST_P(SharedGrowth, FailedGrowthIsSharedWithNobody) {
+TEST_P(SharedGrowth, FailedGrowthIsNotShared) {
     v.chain({5, 9});
     oentry *grown = opened({5, 9});
     const oentry *other = opened({5, 9});
@@ -483,7 +483,7 @@ std::string numbered(u32 number) {
 
 } // namespace
 
-TEST_P(GrowingDirectory, NamesCreatedThroughSeveralRecordsStandInOneChain) {
+TEST_P(GrowingDirectory, NamesCreatedThroughSeveralRecordsAreInOneChain) {
     const u32 used_before = used_clusters();
     const int first = fat_mkdir("DIR");
     ASSERT_GT(first, 0);
@@ -510,7 +510,7 @@ TEST_P(GrowingDirectory, NamesCreatedThroughSeveralRecordsStandInOneChain) {
     }
 }
 
-TEST_P(GrowingFat32Root, NamesCreatedThroughSeveralPathsStandInOneChain) {
+TEST_P(GrowingFat32Root, NamesCreatedThroughSeveralPathsAreInOneChain) {
     const u32 used_before = used_clusters();
     std::vector<std::string> expected;
     for (u32 i = 0; i < 4 * volume::entries_per_cluster(); i++) {

@@ -496,7 +496,7 @@ TEST(AllocClusterOnRandomStates, IsTheSameAsInTheReferenceModel) {
     seen.expect_variety();
 }
 
-TEST(AllocClustersOnRandomStates, LeaveWhatSingleAllocationsLeave) {
+TEST(AllocClustersOnRandomStates, LeaveTheStateOfSingleAllocations) {
     random_states states(2);
     tally seen;
     for (u32 i = 0; i < STATES; i++) {
@@ -514,7 +514,7 @@ TEST(AllocClustersOnRandomStates, LeaveWhatSingleAllocationsLeave) {
     seen.expect_variety();
 }
 
-TEST(AllocClustersOnRandomStates, SayWhatSingleAllocationsSay) {
+TEST(AllocClustersOnRandomStates, PrintTheMessagesOfSingleAllocations) {
     random_states states(3);
     for (u32 i = 0; i < STATES; i++) {
         const scenario s = states.next();
@@ -647,7 +647,7 @@ scenario scattered(u32 fat_type, bool has_chain) {
 
 } // namespace
 
-TEST(AllocClusters, EveryFailureIsTakenBackWhole) {
+TEST(AllocClusters, EveryFailureIsUndoneCompletely) {
     for (const u32 fat_type : {16U, 32U}) {
         for (const bool has_chain : {false, true}) {
             const scenario s = scattered(fat_type, has_chain);
@@ -685,7 +685,7 @@ TEST(AllocClusters, EveryFailureIsTakenBackWhole) {
     }
 }
 
-TEST(AllocClusters, SectorThatCannotBeWrittenDoesNotKeepTheOthersFromBeingTakenBack) {
+TEST(AllocClusters, SectorThatCannotBeWrittenDoesNotStopTheUndoOfTheOthers) {
     for (const u32 fat_type : {16U, 32U}) {
         for (const bool has_chain : {false, true}) {
             scenario s = scattered(fat_type, has_chain);
@@ -698,7 +698,7 @@ TEST(AllocClusters, SectorThatCannotBeWrittenDoesNotKeepTheOthersFromBeingTakenB
     }
 }
 
-TEST(AllocClusters, HintThatWentAroundIsLeftAsTheFailedAllocationFoundIt) {
+TEST(AllocClusters, HintThatWrappedIsNotChangedByTheFailedAllocation) {
     for (const u32 fat_type : {16U, 32U}) {
         scenario s = scattered(fat_type, true);
         s.before.table[s.clusters + 1] = 0;

@@ -56,13 +56,13 @@ TEST_P(AllocCluster, HintBelowTheDataAreaStartsAtTheFirstCluster) {
     }
 }
 
-TEST_P(AllocCluster, SearchGoesOnBehindTheHint) {
+TEST_P(AllocCluster, SearchContinuesAfterTheHint) {
     sv->last_alloc_clus = 10;
     EXPECT_EQ(alloc_alone(), 11U);
     EXPECT_EQ(sv->last_alloc_clus, 11U);
 }
 
-TEST_P(AllocCluster, OccupiedClustersBehindTheHintArePassedOver) {
+TEST_P(AllocCluster, OccupiedClustersAfterTheHintAreSkipped) {
     fill(11, 14, volume::end_mark());
     v.set_link(12, 11);
     v.set_link(13, last_cluster);
@@ -104,7 +104,7 @@ TEST_P(AllocCluster, ClusterOfTheHintItselfComesLast) {
     EXPECT_EQ(sv->last_alloc_clus, 10U);
 }
 
-TEST_P(AllocCluster, ClustersFreedBehindAreTakenOnlyAfterTheEnd) {
+TEST_P(AllocCluster, ClustersFreedBeforeTheHintAreTakenOnlyAfterTheEnd) {
     occupy_all_but({});
     fill(last_cluster - 2, last_cluster, 0);
     sv->last_alloc_clus = last_cluster - 4;
@@ -134,7 +134,7 @@ TEST_P(AllocCluster, FindsEveryFreeClusterOfTheVolumeOnce) {
 
 // ---- a full volume ----------------------------------------------------------------------------
 
-TEST_P(AllocCluster, FullVolumeIsTold) {
+TEST_P(AllocCluster, FullVolumeIsReported) {
     occupy_all_but({});
     open_entry file({5, 6});
     const shown before = file.now();
@@ -161,7 +161,7 @@ TEST_P(AllocCluster, FullVolumeLeavesABadHintCorrected) {
     }
 }
 
-TEST_P(AllocCluster, LastFreeClusterIsGivenAndThenNone) {
+TEST_P(AllocCluster, LastFreeClusterIsAllocatedAndThenNoneIsLeft) {
     occupy_all_but({last_cluster});
     open_entry file;
     u32 cluster = 0;
@@ -171,7 +171,7 @@ TEST_P(AllocCluster, LastFreeClusterIsGivenAndThenNone) {
     EXPECT_EQ(file.record.last, last_cluster);
 }
 
-TEST_P(AllocCluster, FreeEntriesBehindTheLastClusterAreNone) {
+TEST_P(AllocCluster, FreeEntriesPastTheLastClusterDoNotCount) {
     occupy_all_but({});
     v.set_link(last_cluster + 1, 0);
     sv->last_alloc_clus = sv->num_clusters;
@@ -181,7 +181,7 @@ TEST_P(AllocCluster, FreeEntriesBehindTheLastClusterAreNone) {
 
 // ---- linking ----------------------------------------------------------------------------------
 
-TEST_P(AllocCluster, WithoutAnEntryTheClusterStandsAlone) {
+TEST_P(AllocCluster, WithoutAnEntryTheClusterIsNotLinked) {
     fat_picture fat(&v);
     sv->last_alloc_clus = 100;
     EXPECT_EQ(alloc_alone(), 101U);
@@ -224,7 +224,7 @@ TEST_P(AllocCluster, AllFourBytesOfTheFirstClusterAreStored) {
     EXPECT_EQ(file.image[26] | file.image[27] << 8, static_cast<int>(wanted));
 }
 
-TEST_P(AllocCluster, EmptyEntryWithoutAnImageReceivesItsFirstCluster) {
+TEST_P(AllocCluster, EmptyEntryWithoutADentryCopyReceivesItsFirstCluster) {
     open_entry file;
     file.record.dentry = nullptr;
     const entry_image before = file.image;
@@ -234,7 +234,7 @@ TEST_P(AllocCluster, EmptyEntryWithoutAnImageReceivesItsFirstCluster) {
     EXPECT_EQ(file.now(), (shown{41, 41, cluster_bytes, before}));
 }
 
-TEST_P(AllocCluster, FurtherClusterIsLinkedBehindTheLast) {
+TEST_P(AllocCluster, FurtherClusterIsLinkedAfterTheLast) {
     v.chain({5, 900, 7});
     open_entry file({5, 900, 7});
     fat_picture fat(&v);
@@ -250,7 +250,7 @@ TEST_P(AllocCluster, FurtherClusterIsLinkedBehindTheLast) {
     EXPECT_EQ(sv->last_alloc_clus, 51U);
 }
 
-TEST_P(AllocCluster, SecondClusterIsLinkedBehindTheFirst) {
+TEST_P(AllocCluster, SecondClusterIsLinkedAfterTheFirst) {
     open_entry file;
     u32 cluster = 0;
     sv->last_alloc_clus = far - 1;
@@ -333,7 +333,7 @@ TEST_P(AllocClusterOfFat32, ReservedBitsOfChangedEntriesStay) {
 
 // ---- failing writes ---------------------------------------------------------------------------
 
-TEST_P(AllocCluster, FailingEndMarkTakesTheLinkBack) {
+TEST_P(AllocCluster, FailingEndMarkUndoesTheLink) {
     v.chain({4, 5});
     open_entry file({4, 5});
     const shown before = file.now();
@@ -365,7 +365,7 @@ TEST_P(AllocCluster, OldEndMarkIsWrittenBackAsTheLibraryWritesIt) {
     EXPECT_EQ(fat.with(5, END).difference(), "");
 }
 
-TEST_P(AllocCluster, UndoThatFailsIsPassedOver) {
+TEST_P(AllocCluster, FailedUndoIsIgnored) {
     v.chain({4, 5});
     open_entry file({4, 5});
     const shown before = file.now();
@@ -381,7 +381,7 @@ TEST_P(AllocCluster, UndoThatFailsIsPassedOver) {
     EXPECT_EQ(sv->last_alloc_clus, far - 1);
 }
 
-TEST_P(AllocCluster, EveryFailureLeavesWhatWasBefore) {
+TEST_P(AllocCluster, EveryFailureRestoresTheFormerState) {
     const std::map<fault, std::vector<answer>> failures = {
         {fault::write, {failed(-EIO, CANNOT_WRITE + NOT_LINKED)}},
         {fault::read,
@@ -443,7 +443,7 @@ TEST_P(AllocCluster, DamagedEntryInTheFirstPassEndsTheSearch) {
     EXPECT_TRUE(sectors_written().empty());
 }
 
-TEST_P(AllocCluster, DamagedEntryBehindTheFreeOneIsNotMet) {
+TEST_P(AllocCluster, DamagedEntryAfterTheFreeOneIsNotRead) {
     v.set_link(12, volume::bad_mark());
     v.set_link(9, 1);
     sv->last_alloc_clus = 10;
@@ -535,7 +535,7 @@ TEST_P(AllocCluster, UnreadableSectorInTheSecondPassLeavesTheCallersNumberInUse)
     EXPECT_EQ(sv->last_alloc_clus, far + 2);
 }
 
-TEST_P(AllocCluster, WriteThatFollowsThePassedOverErrorStillCounts) {
+TEST_P(AllocCluster, WriteAfterTheIgnoredErrorStillCounts) {
     occupy_all_but({});
     v.disk.unreadable = {volume::fat_sector_of(5)};
     sv->last_alloc_clus = far;
@@ -652,7 +652,7 @@ TEST_P(ClearCluster, WriteOfAnotherCountFails) {
     }
 }
 
-TEST_P(ClearCluster, NumberIsNotHeldAgainstTheVolume) {
+TEST_P(ClearCluster, NumberIsNotCheckedAgainstTheVolume) {
     sv->vol_size += 10 * cluster_bytes;
     transfers();
     EXPECT_EQ(heard(clear_cluster(last_cluster + 5)), (answer{0, ""}));

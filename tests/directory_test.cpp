@@ -105,7 +105,7 @@ TEST_P(GetPhySector, FirstClusterNeedsNoLink) {
     EXPECT_TRUE(transfers().empty());
 }
 
-TEST_P(GetPhySector, SectorsGoOnInTheNextClusterOfTheChain) {
+TEST_P(GetPhySector, SectorsContinueInTheNextClusterOfTheChain) {
     v.chain({5, 9, 7, volume::last_cluster(), 2});
     for (const u32 r : {0U, spc / 2, spc - 1}) {
         EXPECT_EQ(phy_sector(5, 1 * spc + r), found(sv->data_start + 7 * spc + r));
@@ -147,7 +147,7 @@ TEST_P(GetPhySector, EndOfTheChainIsTheEndOfTheSpace) {
     }
 }
 
-TEST_P(GetPhySector, MarkMetOnTheWayIsNoCluster) {
+TEST_P(GetPhySector, EndMarkOnTheWayIsNotACluster) {
     v.chain({5, 9, 7});
     const place refusal = bad_link(INVALID_ARG, -EINVAL);
     EXPECT_EQ(phy_sector(5, 4 * spc), refusal);
@@ -162,14 +162,14 @@ TEST_P(GetPhySector, ArrivingAtAFreeEntryIsAnInvalidValue) {
     EXPECT_EQ(phy_sector(5, 3 * spc), bad_link("", 0));
 }
 
-TEST_P(GetPhySector, FreeEntryMetOnTheWayIsNoCluster) {
+TEST_P(GetPhySector, FreeEntryOnTheWayIsNotACluster) {
     v.chain({5, 9, 7});
     v.set_link(7, 0);
     EXPECT_EQ(phy_sector(5, 4 * spc), bad_link(INVALID_ARG, -EINVAL));
     EXPECT_EQ(phy_sector(5, 0xFFFFFFFF), bad_link(INVALID_ARG, -EINVAL));
 }
 
-TEST_P(GetPhySector, ValuesThatAreNoLinkEndTheChain) {
+TEST_P(GetPhySector, InvalidLinksEndTheChain) {
     v.chain({5, 9, 7});
     for (const u32 value : {1U, sv->num_clusters + 2, volume::bad_mark()}) {
         v.set_link(9, value);
@@ -188,7 +188,7 @@ TEST_P(GetPhySector, FailingReadOfTheFatIsAnInvalidValueToo) {
     }
 }
 
-TEST_P(GetPhySector, ChainIsFollowedAnewByEveryCall) {
+TEST_P(GetPhySector, ChainIsFollowedAgainByEveryCall) {
     v.chain({5, 9, 7});
     EXPECT_EQ(phy_sector(5, spc), found(volume::first_sector_of(9)));
     v.set_link(5, 8);
@@ -202,7 +202,7 @@ TEST_P(GetPhySector, StateOfTheFirstClusterDoesNotMatterInsideIt) {
     }
 }
 
-TEST_P(GetPhySector, ClustersBehindTheVolumeAreRefused) {
+TEST_P(GetPhySector, ClustersPastTheVolumeAreRefused) {
     for (const u32 base : {sv->num_clusters + 2, sv->num_clusters + 3, volume::bad_mark(),
                            volume::end_mark(), 0x80000005U, 0xFFFFFFFFU}) {
         EXPECT_EQ(phy_sector(base, 0),
@@ -306,7 +306,7 @@ TEST_P(GetEntrySector, RefusalsAreThoseOfTheSector) {
     EXPECT_EQ(phy_sector_by_offset(0xFFFFFFFF, 0), refusal);
 }
 
-TEST_P(Fat16Root, HugeIndexesDoNotComeRoundToItsBeginning) {
+TEST_P(Fat16Root, HugeIndexesDoNotWrapToItsBeginning) {
     const place end = failed(-EFAULT, "get_phy_sector[N]: Invalid sector number in Root dir\n\n");
     for (const u32 index : {0x08000000U, 0x10000001U, 0x80000000U, 0xFFFFFFFFU}) {
         EXPECT_EQ(entry_sector(0, index), end) << "entry " << index;
@@ -376,13 +376,13 @@ TEST_P(GetDentryWithClu, WholeSectorIsLeftInTheBuffer) {
     EXPECT_EQ(transfers(), (std::vector<transfer>{{false, volume::first_sector_of(5), 1}}));
 }
 
-TEST_P(GetDentryWithClu, PlaceNeedNotBeAskedFor) {
+TEST_P(GetDentryWithClu, LocationIsOptional) {
     ASSERT_EQ(get_dentry_with_clu(5, 1, &entry, buffer.data(), nullptr), 0);
     EXPECT_EQ(entry, buffer.data() + 32);
 }
 
 // damaged_directory_test has the cases of damaged chains.
-TEST_P(GetDentryWithClu, SectorThatIsNotFoundIsToldWithClusterAndIndex) {
+TEST_P(GetDentryWithClu, MissingSectorIsReportedWithClusterAndIndex) {
     EXPECT_EQ(get(5, 0xFFFFFFFF), -EINVAL);
     EXPECT_EQ(heard(), INVALID_ARG +
                            "get_phy_sector[N]: invalid value -22\n"
@@ -415,7 +415,7 @@ TEST_P(GetDentryWithClu, AnyOtherResultOfTheReadIsTaken) {
     EXPECT_EQ(heard(), "");
 }
 
-TEST_P(GetDentryWithClu, SectorIsReadAnewByEveryCall) {
+TEST_P(GetDentryWithClu, SectorIsReadAgainByEveryCall) {
     ASSERT_EQ(get(5, 0), 0);
     dir.put(1, short_entry("CHANGED    "));
     ASSERT_EQ(get(5, 1), 0);

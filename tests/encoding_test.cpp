@@ -246,7 +246,7 @@ TEST_F(WithoutEncoding, ANameOf255IsKeptAndOf256IsCut) {
     EXPECT_EQ(encode(longest.substr(1)), encoded(units.substr(1), longest.substr(1)));
 }
 
-TEST_F(WithoutEncoding, The256thByteIsStillLookedAt) {
+TEST_F(WithoutEncoding, The256thByteIsStillChecked) {
     const std::string longest(255, 'x');
     EXPECT_EQ(encode(longest + "\x80").result, -EINVAL);
     EXPECT_EQ(encode(longest + "y\x80"), encoded(std::u16string(255, u'x'), longest + "y\x80"));
@@ -298,7 +298,7 @@ TEST_F(WithoutEncoding, UnitsWithoutATerminatorFillTheTextWithoutOneToo) {
 
 // ---- choosing an encoding ---------------------------------------------------------------------
 
-TEST_F(FatSetEncoding, AnUnknownEncodingIsTold) {
+TEST_F(FatSetEncoding, AnUnknownEncodingIsReported) {
     EXPECT_EQ(fat_set_encoding("no such encoding"), -EINVAL);
     EXPECT_EQ(messages.text(), "fat_set_encoding[N]: opening iconv() error!\n\n");
     EXPECT_EQ(sv->cd_to_uni, nullptr);
@@ -319,7 +319,7 @@ TEST_F(FatSetEncoding, OpensOneConverterForEachDirection) {
     EXPECT_EQ(decode(u"\x00E9"), decoded("\xE9"));
 }
 
-TEST_F(FatSetEncoding, ADirectionThatFailsIsAsciiAndTheOtherIsKept) {
+TEST_F(FatSetEncoding, ADirectionThatFailsIsAsciiAndTheOtherIsConverted) {
     if (!system_converts("ISO-8859-1")) {
         GTEST_SKIP() << "this system has no conversion for ISO-8859-1";
     }
@@ -429,7 +429,7 @@ TEST_F(Utf8, CharactersOfOneToThreeBytesAreUnits) {
     EXPECT_EQ(encode(""), encoded(u"", ""));
 }
 
-TEST_F(Utf8, TheByteOrderMarkIsNoPartOfAnyName) {
+TEST_F(Utf8, TheByteOrderMarkIsNotPartOfAnyName) {
     for (int i = 0; i < 3; i++) {
         EXPECT_EQ(encode("a"), encoded(u"a", "a"));
     }
@@ -479,7 +479,7 @@ TEST_F(Utf8, ACharacterThatTheEndOfTheInputCutsIsIncomplete) {
     EXPECT_EQ(encode("\xE2\x82"), not_encoded(EINVAL, "\xE2\x82", "\xE2\x82"));
 }
 
-TEST_F(Utf8, InvalidBytesAreToldFromWhereTheyBegin) {
+TEST_F(Utf8, InvalidBytesAreReportedFromTheFirstOne) {
     EXPECT_EQ(encode("a\xFF"
                      "b"),
               not_encoded(EILSEQ,
@@ -678,7 +678,7 @@ TEST_F(EucJp, AShownNameHasUpTo255Bytes) {
     EXPECT_EQ(decode(std::u16string(128, u'\u3042')), not_decoded(E2BIG, "\x42\x30"));
 }
 
-TEST_F(EucJp, WhatIsNotInItIsInvalid) {
+TEST_F(EucJp, MissingCharactersAreInvalid) {
     EXPECT_EQ(decode(u"a\u0E01"), not_decoded(EILSEQ, bytes_of(u"\u0E01")));
     EXPECT_EQ(encode("a\xA4\x20x"), not_encoded(EILSEQ, "a\xA4\x20x", "\xA4\x20x"));
 }
@@ -708,7 +708,7 @@ TEST_F(Cp1258, TheLastCharacterIsNotHeldBack) {
     EXPECT_EQ(encode("Longname b"), encoded(u"Longname b", "Longname b"));
 }
 
-TEST_F(Cp1258, ANameWhoseLastCharacterFindsNoRoomIsTooBig) {
+TEST_F(Cp1258, ANameWithoutRoomForItsLastCharacterIsTooBig) {
     EXPECT_EQ(encode(std::string(127, 'a')).result, 127);
     EXPECT_EQ(encode(std::string(128, 'a')).result, -E2BIG);
 }
@@ -747,7 +747,7 @@ TEST_F(Iso2022Jp, ANameThatFailsShiftedDoesNotShiftTheNextOne) {
     EXPECT_EQ(decode(u"$\""), decoded("$\""));
 }
 
-TEST_F(Iso2022Jp, ANameOfShiftsAloneComesToNothingAndHasNoLongName) {
+TEST_F(Iso2022Jp, ANameOfShiftsAloneIsEmptyAndHasNoLongName) {
     const std::string shifts = "\x1B(B\x1B(B\x1B(B";
     EXPECT_EQ(encode(shifts), encoded(u"", shifts));
     const allocation_meter meter;
@@ -766,7 +766,8 @@ struct conversion {
     std::string rest; // of the input
 };
 
-conversion convert_afresh(const char *to, const char *from, std::string in, std::size_t room) {
+conversion convert_independently(const char *to, const char *from, std::string in,
+                                 std::size_t room) {
     iconv_t converter = iconv_open(to, from);
     conversion result = {};
     result.out.resize(room);
@@ -785,9 +786,9 @@ conversion convert_afresh(const char *to, const char *from, std::string in, std:
     return result;
 }
 
-units_made encoded_afresh(const char *charset, const std::string &name) {
+units_made encoded_independently(const char *charset, const std::string &name) {
     const std::string left = model::without_tail_blanks(name);
-    const conversion c = convert_afresh("UNICODE", charset, left.substr(0, 256), 256);
+    const conversion c = convert_independently("UNICODE", charset, left.substr(0, 256), 256);
     if (c.error != 0) {
         return not_encoded(c.error, left, c.rest);
     }
@@ -799,9 +800,9 @@ units_made encoded_afresh(const char *charset, const std::string &name) {
     return encoded(units, left);
 }
 
-text_made decoded_afresh(const char *charset, const std::u16string &units) {
+text_made decoded_independently(const char *charset, const std::u16string &units) {
     const std::string in(reinterpret_cast<const char *>(units.data()), units.size() * 2);
-    const conversion c = convert_afresh(charset, "UNICODE", in, 255);
+    const conversion c = convert_independently(charset, "UNICODE", in, 255);
     return c.error != 0 ? not_decoded(c.error, c.rest.substr(0, c.rest.find('\0')))
                         : decoded(c.out);
 }
@@ -885,7 +886,7 @@ TEST_P(EncodingsAtRandom, EveryNameIsConvertedAsIfItWereTheFirst) {
     u32 failures = 0;
     for (int i = 0; i < 3000; i++) {
         const std::string name = any_name(&random);
-        const units_made expected = encoded_afresh(GetParam(), name);
+        const units_made expected = encoded_independently(GetParam(), name);
         ASSERT_EQ(encode(name), expected) << i << ": " << shown_bytes(name);
         ASSERT_FALSE(HasFailure());
         failures += expected.result < 0 ? 1 : 0;
@@ -901,7 +902,7 @@ TEST_P(EncodingsAtRandom, EveryStoredNameIsShownAsIfItWereTheFirst) {
     u32 failures = 0;
     for (int i = 0; i < 3000; i++) {
         const std::u16string units = any_units(&random);
-        const text_made expected = decoded_afresh(GetParam(), units);
+        const text_made expected = decoded_independently(GetParam(), units);
         text_made made = decode(units);
         if (!units.empty() && units[0] == 0xFFFE) {
             made.messages = expected.messages; // shows the units in one byte order or the other

@@ -138,7 +138,7 @@ TEST_P(ReadEntry, FirstAndLastEntryOfEverySectorAreFound) {
     }
 }
 
-TEST_P(ReadEntry, IndexIsNotHeldAgainstTheVolume) {
+TEST_P(ReadEntry, IndexIsNotCheckedAgainstTheVolume) {
     const u32 behind = sv->num_clusters + 2;
     v.set_link(behind, 0x4321);
     EXPECT_EQ(value_of(behind), 0x4321U);
@@ -156,7 +156,7 @@ TEST_P(ReadEntry, ReadsTheOneSectorOfTheEntry) {
     }
 }
 
-TEST_P(ReadEntry, IndexFarBehindTheMediumIsAskedOfItAllTheSame) {
+TEST_P(ReadEntry, IndexFarPastTheMediumIsStillRequestedFromIt) {
     sv->vol_size = u64{sv->data_start} * sv->sector_size;
     for (const u32 cluster : {0x3FFFFFFFU, 0x40000000U, 0x7FFFFFFFU, 0x80000003U, 0xFFFFFFFFU}) {
         const u64 sector = sv->fat_start + u64{cluster} * (sv->fat_type / 8) / sv->sector_size;
@@ -246,7 +246,7 @@ TEST_P(WriteEntry, OtherFatTypesAreRefused) {
     EXPECT_TRUE(transfers().empty());
 }
 
-TEST_P(WriteEntry, FailedReadLeavesTheFatAsItWas) {
+TEST_P(WriteEntry, FailedReadDoesNotChangeTheFat) {
     v.set_link(5, 9);
     for (const int moved : NOT_ONE_SECTOR) {
         v.disk.reads_before_failure = 0;
@@ -268,7 +268,7 @@ TEST_P(WriteEntry, FailedWriteIsNotRetried) {
     }
 }
 
-TEST_P(WriteEntry, IndexFarBehindTheMediumIsAskedOfItAllTheSame) {
+TEST_P(WriteEntry, IndexFarPastTheMediumIsStillRequestedFromIt) {
     sv->vol_size = u64{sv->data_start} * sv->sector_size;
     for (const u32 cluster : {0x40000000U, 0x80000003U, 0xFFFFFFFFU}) {
         const u64 sector = sv->fat_start + u64{cluster} * (sv->fat_type / 8) / sv->sector_size;
@@ -291,14 +291,14 @@ TEST_P(ReadClus, LinkGivesTheNextCluster) {
     }
 }
 
-TEST_P(ReadClus, EveryEndMarkComesAsItStands) {
+TEST_P(ReadClus, EveryEndMarkIsReturnedUnchanged) {
     for (u32 mark = volume::first_end_mark(); mark <= volume::end_mark(); mark++) {
         v.set_link(5, mark);
         EXPECT_EQ(read_clus(5), (answer{mark, ""}));
     }
 }
 
-TEST_P(ReadClus, ValuesThatAreNoLinkAreRefused) {
+TEST_P(ReadClus, InvalidLinksAreRefused) {
     const answer refusal{-EINVAL, "fat_read_clus[N]: Invalid cluster!\n\n"};
     for (const u32 value : {1U, volume::last_cluster() + 1, volume::last_cluster() + 2,
                             volume::first_end_mark() - 2, volume::bad_mark()}) {
@@ -506,7 +506,7 @@ TEST_P(FreeClus, FatSectorsAreReadOnceInTheirOrder) {
     }
 }
 
-TEST_P(FreeClus, NothingIsKeptFromOneSearchToTheNext) {
+TEST_P(FreeClus, NothingIsCachedFromOneSearchToTheNext) {
     EXPECT_EQ(free_clus(5, 9), (answer{5, ""}));
     v.set_link(5, volume::end_mark());
     EXPECT_EQ(free_clus(5, 9), (answer{6, ""}));
@@ -515,7 +515,7 @@ TEST_P(FreeClus, NothingIsKeptFromOneSearchToTheNext) {
 
 // ---- the first sector of a cluster ------------------------------------------------------------
 
-TEST_P(FatSector, ClustersLieOneBehindAnotherInTheDataArea) {
+TEST_P(FatSector, ClustersAreContiguousInTheDataArea) {
     EXPECT_EQ(heard(fat_sector(2)), (answer{sv->data_start, ""}));
     EXPECT_EQ(heard(fat_sector(3)), (answer{sv->data_start + sv->sec_per_clus, ""}));
     EXPECT_EQ(heard(fat_sector(volume::last_cluster())),
@@ -529,7 +529,7 @@ TEST_P(FatSector, NumbersOfNoDataClusterGiveZero) {
     }
 }
 
-TEST_P(FatSector, ClusterBehindTheLastSectorGivesZeroInSilence) {
+TEST_P(FatSector, ClusterPastTheLastSectorGivesZeroSilently) {
     sv->total_sectors = sv->data_start + 3 * sv->sec_per_clus;
     EXPECT_EQ(heard(fat_sector(4)), (answer{sv->data_start + 2 * sv->sec_per_clus, ""}));
     EXPECT_EQ(heard(fat_sector(5)), (answer{0, ""}));

@@ -191,7 +191,7 @@ INSTANTIATE_TEST_SUITE_P(Format, FormatOf, testing::ValuesIn(ALL),
 
 // ---- success ----------------------------------------------------------------------------------
 
-TEST_P(FormatOf, ReturnsTheSectorsOfTheRootDirectoryAndSaysNothing) {
+TEST_P(FormatOf, ReturnsTheSectorsOfTheRootDirectoryAndPrintsNothing) {
     formatting format(GetParam());
     EXPECT_EQ(format.run(), static_cast<int>(GetParam().root));
     EXPECT_EQ(format.messages.text(), "");
@@ -284,7 +284,7 @@ TEST(Format, LargeSectorsCarryTheSignatureTwice) {
     EXPECT_EQ(bytes(sector.begin() + 512, sector.begin() + 4094), bytes(4094 - 512));
 }
 
-TEST(Format, Fat16StartsWithTwoEntriesAndIsFreeBehind) {
+TEST(Format, Fat16StartsWithTwoEntriesAndIsFreeAfterThem) {
     formatting format(FAT16_LARGE_SECTORS);
     ASSERT_GT(format.run(), 0);
     bytes expected(4096);
@@ -294,7 +294,7 @@ TEST(Format, Fat16StartsWithTwoEntriesAndIsFreeBehind) {
     EXPECT_EQ(sv->last_alloc_clus, 0U);
 }
 
-TEST(Format, Fat32StartsWithThreeEntriesAndIsFreeBehind) {
+TEST(Format, Fat32StartsWithThreeEntriesAndIsFreeAfterThem) {
     formatting format(FAT32_LARGE_CLUSTERS);
     ASSERT_GT(format.run(), 0);
     bytes expected(512);
@@ -462,7 +462,7 @@ private:
 
 } // namespace
 
-TEST_P(FormatOf, EveryFailingWriteIsToldAndLeavesWhatWasWrittenBefore) {
+TEST_P(FormatOf, EveryFailingWriteIsReportedAndLeavesTheEarlierWrites) {
     broken_format format(GetParam());
     ASSERT_GT(format.transfers(), 0U);
     for (std::size_t failing = 0; failing < format.transfers(); failing++) {
@@ -471,7 +471,7 @@ TEST_P(FormatOf, EveryFailingWriteIsToldAndLeavesWhatWasWrittenBefore) {
     }
 }
 
-TEST_P(FormatOf, EveryShortWriteIsToldButThoseOfTheReservedArea) {
+TEST_P(FormatOf, EveryShortWriteIsReportedExceptInTheReservedArea) {
     broken_format format(GetParam());
     for (std::size_t failing = 0; failing < format.transfers(); failing++) {
         format.expect_failure(failing, 0);
@@ -516,7 +516,7 @@ void expect_shortages(const scenario &volume, const std::vector<std::string> &sh
 
 } // namespace
 
-TEST(Format, EveryFailingAllocationIsToldAndNothingIsWritten) {
+TEST(Format, EveryFailingAllocationIsReportedAndNothingIsWritten) {
     const std::string no_table = "fat_format[N]: Failed to make table!\n\n";
     const std::string none = "make_tables[N]: Failed to allocate memory!\n\n" + no_table;
     const std::string no_fsinfo = "make_tables[N]: Cannot create FSINFO!\n\n" + no_table;
@@ -531,7 +531,7 @@ TEST(Format, EveryFailingAllocationIsToldAndNothingIsWritten) {
     expect_shortages(FAT32_LARGE_CLUSTERS, {none, no_fsinfo, no_fat, no_root, no_sector});
 }
 
-TEST_P(FormatOf, NoAllocationAtAllLeavesNothingBehind) {
+TEST_P(FormatOf, NoAllocationAtAllLeavesNothingAllocated) {
     formatting format(GetParam());
     const failing_allocation fault(0, true);
     EXPECT_EQ(format.run(), -ENOMEM);
@@ -567,14 +567,14 @@ private:
 
 } // namespace
 
-TEST_F(FormatOfFile, AFailedSeekIsToldByTheTransferAndByTheFormat) {
+TEST_F(FormatOfFile, AFailedSeekIsReportedByTheTransferAndByTheFormat) {
     const failing_call fault(call::lseek, EINVAL, 1);
     EXPECT_EQ(run(), -EIO);
     EXPECT_EQ(messages.text(), "file_write_sectors[N]: Check here!\n\n"
                                "write_tables_vol[N]: IO Error!\n\n");
 }
 
-TEST_F(FormatOfFile, AShortWriteOfTheFatTellsTheSectorsThatWereWritten) {
+TEST_F(FormatOfFile, AShortWriteOfTheFatReportsTheWrittenSectors) {
     // Every transfer moves at most 20 sectors and a half.
     const pretended_device device({.short_transfer_bytes = 20 * 512 + 256});
     EXPECT_EQ(run(), -EIO);
@@ -688,7 +688,7 @@ TEST_F(Tables, OfFat32HaveFsinfo) {
     EXPECT_EQ(write(), 1);
 }
 
-TEST_F(Tables, ThatCouldNotBeMadeAreNotHandedOut) {
+TEST_F(Tables, ThatCouldNotBeMadeAreNotReturned) {
     formatting format(FAT32_LARGE_SECTORS);
     at_every_fault({EVERY_ALLOCATION}, [&](fault_step &step) {
         format.param = request(FAT32_LARGE_SECTORS);
@@ -726,7 +726,7 @@ TEST_F(Tables, WithoutAnFsinfoFieldHaveNoFsinfo) {
     EXPECT_EQ(written(), ranges({{0, 1}, {1, 31}, {6, 1}, {32, 256}, {288, 1}}));
 }
 
-TEST_F(Tables, GoWhereTheBootSectorSays) {
+TEST_F(Tables, AreWrittenWhereTheBootSectorStates) {
     make(FAT32_LARGE_SECTORS);
     pbr[48] = 9;
     pbr[50] = 0x0C;
@@ -782,7 +782,7 @@ TEST_F(Tables, HaveARootDirectoryOfTheEntriesInTheBootSector) {
     EXPECT_EQ(written(), ranges({{0, 1}, {1, 15}, {16, 64}, {80, 3}}));
 }
 
-TEST_F(Tables, AFatOfItsOwnIsAsLongAsTheVolumeSays) {
+TEST_F(Tables, AFatOfItsOwnHasTheLengthOfTheVolumesFat) {
     make(FAT32_LARGE_CLUSTERS);
     sv->last_alloc_clus = 77;
     fat::u8 *own = nullptr;

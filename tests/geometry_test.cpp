@@ -236,7 +236,7 @@ TEST(CalcFatSectors, TheEstimateCountsTheTwoEntriesOfEveryFatThatNameNoCluster) 
               fat32({.reserved = 32, .fat_sectors = 587, .clusters = 74876}));
 }
 
-TEST(CalcFatSectors, TheRequestsOwnReservedSectorsAreNotConsulted) {
+TEST(CalcFatSectors, TheRequestsOwnReservedSectorsAreIgnored) {
     const asked wish = {.width = 32, .root_entries = 0};
     EXPECT_EQ(decide(wish, 131072).reserved, 32U); // the request says 77
     EXPECT_EQ(decide({}, 16384).reserved, 1U);
@@ -270,7 +270,7 @@ TEST(CalcFatSectors, Fat16EndsAt65524ClustersWhenItIsAskedFor) {
                       "fat 32 max 65524 num_clusters 65525\n"));
 }
 
-TEST(CalcFatSectors, AWidthThatIsNoneIsRefused) {
+TEST(CalcFatSectors, AnInvalidWidthIsRefused) {
     const decision made = decide({.width = 12}, 5000);
     EXPECT_EQ(made.result, -EINVAL);
     EXPECT_NE(made.messages.find("Invalid format request: "), std::string::npos) << made.messages;
@@ -354,7 +354,7 @@ TEST(CalcFatSectors, FourSectorsOrFewerHaveNoRoomForTheAreasOfFat16) {
     }
 }
 
-TEST(CalcFatSectors, ARoomLeftOfNothingIsATooSmallVolumeOfNegativeClusters) {
+TEST(CalcFatSectors, NoRoomLeftIsATooSmallVolumeOfNegativeClusters) {
     // Five sectors are just the areas; two FATs of a sector each do not fit.
     EXPECT_EQ(decide({}, 5),
               refused("Cluster size(4096) is too large or volume size(20480) is too small to "
@@ -381,7 +381,7 @@ TEST(CalcFatSectors, NegativeClustersAreRoundedDown) {
                       "num_clusters -1 data area -1\n"));
 }
 
-TEST(CalcFatSectors, TheAlignedReservedAreaCountsButTheMessageSaysOne) {
+TEST(CalcFatSectors, TheAlignedReservedAreaCountsButTheMessagePrintsOne) {
     const asked wish = {.cluster_sectors = 1, .sector_bytes = 512, .page_bytes = 8192};
     EXPECT_EQ(decide(wish, 47), refused("Volume size(24064) is too small to format the volume to "
                                         "FAT16\n"
@@ -439,7 +439,7 @@ TEST(CalcFatSectors, ARootAreaOfHalfKiBsIsRefused) {
     EXPECT_EQ(decide(wish, 131072).width, 32U);
 }
 
-TEST(CalcFatSectors, APageThatNoSectorFitsIsSaidAndTheVolumeGoesOnUnaligned) {
+TEST(CalcFatSectors, APageThatNoSectorFitsIsReportedAndTheVolumeIsUnaligned) {
     const std::string messages =
         "calc_fat_sectors[N]: Can't align to page size(3000): Sector is 512\n";
     asked wish = {.cluster_sectors = 8, .sector_bytes = 512, .page_bytes = 3000};
@@ -459,7 +459,7 @@ TEST(CalcFatSectors, APageThatNoSectorFitsIsSaidAndTheVolumeGoesOnUnaligned) {
                                              .clusters = 68890}));
 }
 
-TEST(CalcFatSectors, TheLargestPageThatNoSectorFitsIsSaidAsASignedNumber) {
+TEST(CalcFatSectors, TheLargestPageThatNoSectorFitsIsPrintedAsASignedNumber) {
     const asked wish = {.cluster_sectors = 8, .sector_bytes = 512, .page_bytes = 0xFFFFFFFF};
     EXPECT_EQ(
         decide(wish, 131000),
@@ -471,7 +471,7 @@ TEST(CalcFatSectors, TheLargestPageThatNoSectorFitsIsSaidAsASignedNumber) {
                   .clusters = 16354}));
 }
 
-TEST(CalcFatSectors, ASectorThatNoPageFitsIsSaidToo) {
+TEST(CalcFatSectors, ASectorThatNoPageFitsIsReportedToo) {
     const asked wish = {.cluster_sectors = 1, .sector_bytes = 4096, .page_bytes = 3000};
     EXPECT_EQ(
         decide(wish, 16384),
@@ -484,14 +484,14 @@ TEST(CalcFatSectors, ASectorThatNoPageFitsIsSaidToo) {
                   .clusters = 16363}));
 }
 
-TEST(CalcFatSectors, TheAlignmentIsSaidOnceWhenTheChoiceGoesOnToFat32) {
+TEST(CalcFatSectors, TheAlignmentIsReportedOnceWhenTheChoiceContinuesWithFat32) {
     const asked wish = {.cluster_sectors = 1, .sector_bytes = 512, .page_bytes = 3000};
     EXPECT_EQ(decide(wish, 131072).messages,
               "calc_fat_sectors[N]: Can't align to page size(3000): Sector is 512\n");
     EXPECT_EQ(decide(wish, 131072).width, 32U);
 }
 
-TEST(CalcFatSectors, TheAlignmentIsSaidBeforeARefusal) {
+TEST(CalcFatSectors, TheAlignmentIsReportedBeforeARefusal) {
     const asked wish = {.page_bytes = 3000};
     EXPECT_EQ(decide(wish, 2),
               refused("calc_fat_sectors[N]: Can't align to page size(3000): Sector is 4096\n"
@@ -649,7 +649,7 @@ void expect_refused_untouched(const asked &wish) {
 
 } // namespace
 
-TEST(FormatRequest, ASectorSizeThatIsNoneIsRefusedBeforeAnythingIsAllocatedOrWritten) {
+TEST(FormatRequest, AnInvalidSectorSizeIsRefusedBeforeAnythingIsAllocatedOrWritten) {
     for (const std::uint32_t sector_bytes : {0U, 1U, 2U, 256U, 511U, 513U, 3072U, 4095U, 8192U,
                                              32768U, 65536U, 0x80000000U, 0xFFFFFFFFU}) {
         expect_refused_untouched({.sector_bytes = sector_bytes});
@@ -659,7 +659,7 @@ TEST(FormatRequest, ASectorSizeThatIsNoneIsRefusedBeforeAnythingIsAllocatedOrWri
     expect_refused_untouched({.cluster_sectors = 0, .sector_bytes = 32768});
 }
 
-TEST(FormatRequest, AClusterSizeThatIsNoneIsRefusedBeforeAnythingIsAllocatedOrWritten) {
+TEST(FormatRequest, AnInvalidClusterSizeIsRefusedBeforeAnythingIsAllocatedOrWritten) {
     for (const std::uint32_t cluster_sectors :
          {0U, 3U, 6U, 63U, 65U, 96U, 128U, 256U, 0x80000000U, 0xFFFFFFFFU}) {
         expect_refused_untouched({.cluster_sectors = cluster_sectors});
@@ -668,7 +668,7 @@ TEST(FormatRequest, AClusterSizeThatIsNoneIsRefusedBeforeAnythingIsAllocatedOrWr
     }
 }
 
-TEST(FormatRequest, CountsAndWidthsThatAreNoneAreRefusedBeforeAnythingIsAllocatedOrWritten) {
+TEST(FormatRequest, InvalidCountsAndWidthsAreRefusedBeforeAnythingIsAllocatedOrWritten) {
     for (const std::uint32_t fats : {0U, 256U, 257U, 0xFFFFFFFFU}) {
         expect_refused_untouched({.fats = fats});
     }

@@ -141,7 +141,7 @@ protected:
         unmark_slot(oentry_map, 0);
         forget_geometry();
     }
-    answer mount_afresh(const boot_numbers &numbers) {
+    answer mount_from_scratch(const boot_numbers &numbers) {
         forget_mount();
         return mount(numbers);
     }
@@ -270,7 +270,7 @@ TEST_F(BootSector, WidthFollowsFromTheClusterCountAlone) {
                 numbers.type = clusters % 2 == 0 ? "FAT12   " : "FAT32   "; // read by nobody
                 put(numbers);
                 disk.poke(std::uint64_t{numbers.reserved} * 512 + 8, {0xFF, 0xFF, 0xFF, 0x0F});
-                const answer a = mount_afresh(numbers);
+                const answer a = mount_from_scratch(numbers);
                 const bool has_no_root = clusters < 65525 && root_entries == 0;
                 if (clusters < 4085 || has_no_root) {
                     EXPECT_EQ(a, (answer{-EINVAL, clusters < 4085
@@ -324,7 +324,7 @@ TEST_F(BootSector, Fat32BlockCountsOnlyWithoutASixteenBitFatSize) {
 TEST_F(BootSector, BrokenNumbersAreRefusedAndMountingCanBeTriedAgain) {
     for (const broken_row &row : broken_boot_sectors()) {
         SCOPED_TRACE(testing::Message() << row.name << ", sectors of " << row.numbers.sector_size);
-        EXPECT_EQ(mount_afresh(row.numbers), (answer{-EINVAL, BROKEN}));
+        EXPECT_EQ(mount_from_scratch(row.numbers), (answer{-EINVAL, BROKEN}));
         EXPECT_EQ(ids_in_use(), std::vector<int>());
         EXPECT_EQ(sv->sector_size, row.sector_size);
         EXPECT_EQ(sv->fat_type, 0U);
@@ -350,7 +350,7 @@ TEST_F(BootSector, TotalMayBeLargerThanTheTarget) {
     EXPECT_EQ(fat_open("MISSING"), -ENOENT);
 }
 
-TEST_F(BootSector, WhatTheVolumeDoesNotTellIsKept) {
+TEST_F(BootSector, FieldsNotInTheBootSectorAreNotChanged) {
     sv->last_alloc_clus = 77;
     sv->pbr_start = 5;
     for (const bool long_name : {false, true}) {
@@ -405,7 +405,7 @@ TEST_F(BootSector, RootWithoutAChainIsMountedEmpty) {
                          "fat_open[N]: failed to find directory entry!\n\n"}));
 }
 
-TEST_F(BootSector, MountingAgainOpensTheRootAnewInPlace) {
+TEST_F(BootSector, MountingAgainReopensTheRootInPlace) {
     ASSERT_EQ(mount(fat16_numbers()), (answer{0, ""}));
     const oentry *root = oentry_table[0];
     sv->root_dir->pos = 5;
@@ -438,7 +438,7 @@ TEST_F(BootSector, FailedMountLeavesWhatItHadRead) {
         (geometry{.total_sectors = numbers.total_32, .sector_size = 1024, .sec_per_clus = 2}));
     numbers = fat16_numbers();
     numbers.total_16 = static_cast<u16>(first_data_sector(numbers) + 4084);
-    EXPECT_EQ(mount_afresh(numbers), (answer{-EINVAL, over_limit(4084, 0)}));
+    EXPECT_EQ(mount_from_scratch(numbers), (answer{-EINVAL, over_limit(4084, 0)}));
     EXPECT_EQ(geometry_of_volume(), (geometry{0, 32, numbers.total_16, 4084, 512, 1}));
     EXPECT_EQ(sv->root_dir, nullptr);
 }
@@ -807,7 +807,7 @@ TEST_F(PrintPbr, AnyBytes) {
     }
 }
 
-TEST_F(PrintPbr, NothingIsPrintedOfWhatCannotBeReadOrHasNoSignature) {
+TEST_F(PrintPbr, UnreadableOrUnsignedSectorIsNotPrinted) {
     const allocation_meter meter;
     EXPECT_EQ(try_to_print(),
               (printout{-EINVAL, "", NO_SIGNATURE + "fat_print_pbr[N]: unformated FAT volume\n"}));
@@ -831,7 +831,7 @@ TEST_F(BootSector, AllocationHintIsPrintedToAStream) {
               (printout{39, "last allocated cluster: 4294967295 / 1\n", ""}));
 }
 
-TEST_F(BootSector, AllocationHintOnAStreamThatTakesNothing) {
+TEST_F(BootSector, AllocationHintOnAStreamThatCannotBeWritten) {
     const std::string path = "/dev/null";
     FILE *stream = std::fopen(path.c_str(), "r");
     ASSERT_NE(stream, nullptr);
@@ -857,7 +857,7 @@ protected:
 
 } // namespace
 
-TEST_F(DeleteMbr, NothingIsCopiedSinceNothingStandsThere) {
+TEST_F(DeleteMbr, NothingIsCopiedFromAnEmptyArea) {
     ASSERT_NO_FATAL_FAILURE(open_image(fat16_numbers()));
     const std::string existing = scratch.file_with("existing", {1, 2, 3});
     const allocation_meter meter;
@@ -876,7 +876,7 @@ TEST_F(DeleteMbr, NothingIsCopiedSinceNothingStandsThere) {
     expect_all_closed();
 }
 
-TEST_F(DeleteMbr, BootSectorThatIsNone) {
+TEST_F(DeleteMbr, InvalidBootSector) {
     const std::string failed = "fat_delete_mbr[N]: Failed to get PBR sector!\n\n";
     ASSERT_GE(fat_open_volume(scratch.sparse_file("blank.img", MIB).c_str(), 1, 0), 0);
     const allocation_meter meter;

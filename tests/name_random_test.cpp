@@ -106,7 +106,7 @@ std::string any_dos_name(chance *random) {
 
 } // namespace
 
-TEST(NamesAtRandom, BecomeTheShortNamesThatTheyShould) {
+TEST(NamesAtRandom, BecomeTheExpectedShortNames) {
     chance random(1580239471);
     diagnostics messages;
     u32 refused = 0;
@@ -145,7 +145,7 @@ TEST(NamesAtRandom, OfOneAndTwoBytesAreAllTried) {
     }
 }
 
-TEST(NamesAtRandom, FillTheRecordsThatTheyShould) {
+TEST(NamesAtRandom, FillTheExpectedRecords) {
     chance random(826417);
     diagnostics messages;
     ram_disk disk(4096);
@@ -164,7 +164,7 @@ TEST(NamesAtRandom, FillTheRecordsThatTheyShould) {
     EXPECT_GT(refused, 1000U);
 }
 
-TEST(NamesAtRandom, AreRefusedAsTheyShould) {
+TEST(NamesAtRandom, AreRefusedAsExpected) {
     chance random(90210);
     diagnostics messages;
     u32 refused = 0;
@@ -184,7 +184,7 @@ TEST(NamesAtRandom, AreRefusedAsTheyShould) {
     EXPECT_GT(refused, 1000U);
 }
 
-TEST(StoredNamesAtRandom, AreShownAsTheyShould) {
+TEST(StoredNamesAtRandom, AreShownAsExpected) {
     chance random(31337);
     for (u32 i = 0; i < 30000; i++) {
         const std::string dos = any_dos_name(&random);
@@ -195,7 +195,7 @@ TEST(StoredNamesAtRandom, AreShownAsTheyShould) {
     }
 }
 
-TEST(StoredNamesAtRandom, ComeBackFromAFaithfulName) {
+TEST(StoredNamesAtRandom, AreRestoredFromAFaithfulName) {
     chance random(4711);
     diagnostics messages;
     ram_disk disk(4096);
@@ -213,7 +213,7 @@ TEST(StoredNamesAtRandom, ComeBackFromAFaithfulName) {
     EXPECT_GT(faithful, 3000U);
 }
 
-TEST(StoredNamesAtRandom, HaveTheChecksumThatTheyShould) {
+TEST(StoredNamesAtRandom, HaveTheExpectedChecksum) {
     chance random(20231105);
     for (u32 i = 0; i < 30000; i++) {
         const std::string dos = any_dos_name(&random);
@@ -273,7 +273,7 @@ std::string short_name_of_stem(chance *random) {
 
 struct tail_tally {
     u32 largest = 0;
-    u32 behind_first = 0; // choices other than 1
+    u32 after_first = 0; // choices other than 1
 };
 
 void try_tails(chance *random, directory *dir, diagnostics *messages, tail_tally *tally) {
@@ -300,7 +300,7 @@ void try_tails(chance *random, directory *dir, diagnostics *messages, tail_tally
         ASSERT_EQ(add_numeric_tail(&dir->record, block.get()), 0);
         ASSERT_EQ(block.text(), model::with_tail(dos, expected)) << dos;
         tally->largest = std::max(tally->largest, expected);
-        tally->behind_first += expected > 1 ? 1 : 0;
+        tally->after_first += expected > 1 ? 1 : 0;
     }
 }
 
@@ -319,7 +319,7 @@ TEST(TailsAtRandom, AreTheLowestFreeOnes) {
             try_tails(&random, random.one_in(4) ? &large : &small, &messages, &tally))
             << "directory " << i;
     }
-    EXPECT_GT(tally.behind_first, 2000U);
+    EXPECT_GT(tally.after_first, 2000U);
     EXPECT_GT(tally.largest, 99U);
     std::printf("largest tail %u\n", tally.largest);
 }

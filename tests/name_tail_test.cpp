@@ -202,7 +202,7 @@ TEST_P(AddNumericTailAnywhere, TheLastEntryCountsWhenEverythingBeforeItIsDeleted
     EXPECT_EQ(ask(&dir, "A          ", &messages), chosen("A~2        "));
 }
 
-TEST_P(AddNumericTailAnywhere, NothingBehindAnUnusedEntryCounts) {
+TEST_P(AddNumericTailAnywhere, NothingAfterAnUnusedEntryCounts) {
     const u32 last = std::min(512U, dir.capacity()) - 1;
     dir.put(0, short_entry(tailed("A", 1)));
     dir.put(2, short_entry(tailed("A", 2)));
@@ -242,7 +242,7 @@ TEST_P(AddNumericTailAnywhere, ASectorThatCannotBeReadIsTheAnswer) {
     }
 }
 
-TEST_P(AddNumericTailAnywhere, ASectorBehindTheEndOfTheDirectoryIsNotRead) {
+TEST_P(AddNumericTailAnywhere, ASectorPastTheEndOfTheDirectoryIsNotRead) {
     for (const u32 sector : dir.sectors) {
         if (sector != dir.sectors.front()) {
             medium.disk.bad_sectors.insert(sector);
@@ -314,7 +314,7 @@ TEST_P(NumericTailChoice, IsThatOfTheRow) {
     EXPECT_EQ(ask(GetParam().asked), chosen(GetParam().given));
 }
 
-TEST_F(AddNumericTail, ATildeBehindTheNameIsNoTail) {
+TEST_F(AddNumericTail, ATildeAfterTheNameIsNotATail) {
     entry_image entry = short_entry("ABCDEFGHIJK", '!');
     std::copy_n("~1~1~1~1~1~1~1~1~1~1", 20, entry.begin() + 12);
     dir.append(entry);
@@ -360,7 +360,7 @@ TEST_F(AddNumericTail, NothingElseCounts) {
     EXPECT_EQ(ask("A          "), chosen("A~1        "));
 }
 
-TEST_F(AddNumericTail, AnInvalidEntryIsToldAndDoesNotCount) {
+TEST_F(AddNumericTail, AnInvalidEntryIsReportedAndDoesNotCount) {
     dir.append(short_entry(tailed("A", 1), 0x18));
     dir.append(short_entry(tailed("A", 2), 0x3F));
     dir.append(short_entry(tailed("A", 1)));
@@ -369,7 +369,7 @@ TEST_F(AddNumericTail, AnInvalidEntryIsToldAndDoesNotCount) {
                                           "entry_type[N]: Unknown entry type: 63\n\n"}));
 }
 
-TEST_F(AddNumericTail, TheLongNameFlagPlaysNoPart) {
+TEST_F(AddNumericTail, TheLongNameFlagDoesNotMatter) {
     append_files({"A~1"});
     sv->long_name = 0;
     EXPECT_EQ(ask("A          "), chosen("A~2        "));
@@ -458,7 +458,7 @@ TEST(AddNumericTailInRootArea, EndsWithASmallerArea) {
     EXPECT_EQ(meter.live_blocks(), 0);
 }
 
-TEST(AddNumericTailInRootArea, EndsWithWhatTheOpenDirectoryCallsItsSize) {
+TEST(AddNumericTailInRootArea, EndsWithTheSizeOfTheOpenDirectory) {
     diagnostics messages;
     volume medium({16, 512, 1, 0, 512});
     directory root = medium.root();
@@ -479,7 +479,7 @@ TEST_F(AddNumericTail, ADirectoryOfNoSizeHasNoEntries) {
     EXPECT_EQ(medium.disk.log.size(), 0U);
 }
 
-TEST_F(AddNumericTail, EntriesBehindTheSizeDoNotCount) {
+TEST_F(AddNumericTail, EntriesPastTheSizeDoNotCount) {
     dir.fill_up(short_entry("FULL       "));
     dir.put(15, short_entry(tailed("A", 1)));
     dir.put(16, short_entry(tailed("A", 2)));
@@ -501,7 +501,7 @@ TEST_F(AddNumericTail, AChainThatEndsEarlyEndsTheDirectory) {
 
 // A transfer that moves nothing is no failure here: the sector counts as empty, and an empty entry
 // ends the directory.
-TEST_F(AddNumericTail, ASectorOfWhichNothingArrivesIsTheEnd) {
+TEST_F(AddNumericTail, AnEmptyTransferIsTheEnd) {
     dir.fill_up(short_entry("FULL       "));
     dir.put(0, short_entry(tailed("A", 1)));
     dir.put(16, short_entry(tailed("A", 2)));

@@ -109,7 +109,7 @@ TEST_F(RemoveTrailBlanks, CutsBlanksAndDotsButNeverTheFirstCharacter) {
     EXPECT_EQ(messages.text(), "");
 }
 
-TEST_F(RemoveTrailBlanks, TheEndNeedNotBeAskedFor) {
+TEST_F(RemoveTrailBlanks, TheEndIsOptional) {
     caller_string string("name. .");
     EXPECT_EQ(remove_trail_blanks(string.get(), nullptr), 0);
     EXPECT_EQ(string.text(), "name");
@@ -224,7 +224,7 @@ TEST_F(ConvertCstringToDosname, NothingButDotsAndBlanksHasNoLength) {
     }
 }
 
-TEST_F(ConvertCstringToDosname, TheOutputsNeedNotBeAskedFor) {
+TEST_F(ConvertCstringToDosname, TheOutputsAreOptional) {
     for (const auto &[name, dos] : std::vector<std::pair<std::string, std::string>>{
              {"Read+me.txt", "READ_ME TXT"}, {".", ".          "}, {"..", "..         "}}) {
         caller_string string(name);
@@ -321,7 +321,7 @@ TEST_F(GetFatnames, EachRowGivesItsRecord) {
     }
 }
 
-TEST_F(GetFatnames, ANameOfNothingAndOneThatAsciiLacksAreRefused) {
+TEST_F(GetFatnames, AnEmptyNameAndANonAsciiNameAreRefused) {
     const std::string empty = "convert_cstring_to_dosname[N]: zero length string!\n\n"
                               "convert_name[N]: invalid name in DOS:";
     EXPECT_EQ(fill(". . "), (record{-EINVAL, empty + ". . \n", ". . ", "", std::nullopt, 0, 0}));
@@ -413,7 +413,7 @@ TEST_F(GetFatnames, ARefusedNameLeavesNothingAllocated) {
     }
 }
 
-TEST_F(ConvertName, BothNamesMustHaveAPlace) {
+TEST_F(ConvertName, BothNamesMustHaveABuffer) {
     caller_string string("a");
     u8 *dos = nullptr;
     u16 *unicode = nullptr;
@@ -428,7 +428,7 @@ TEST_F(ConvertName, BothNamesMustHaveAPlace) {
     EXPECT_EQ(unicode, nullptr);
 }
 
-TEST_F(ConvertName, TheLastThreeOutputsNeedNotBeAskedFor) {
+TEST_F(ConvertName, TheLastThreeOutputsAreOptional) {
     caller_string string("Read Me");
     fat_name name = {};
     EXPECT_EQ(convert_name(string.get(), &name.dosName, &name.unicode, nullptr, nullptr, nullptr),
@@ -439,7 +439,7 @@ TEST_F(ConvertName, TheLastThreeOutputsNeedNotBeAskedFor) {
     release_name(&name);
 }
 
-TEST_F(ConvertName, AFailureLeavesTheOutputsAsTheyWere) {
+TEST_F(ConvertName, AFailureDoesNotChangeTheOutputs) {
     struct failure {
         const char *name;
         int allocations; // that succeed; -1: all
@@ -530,7 +530,7 @@ TEST_F(ConvertDosnameToCstring, EachRowGivesItsText) {
     EXPECT_EQ(messages.text(), "");
 }
 
-TEST_F(ConvertDosnameToCstring, ANameThatFitsComesBackWithItsCaseByte) {
+TEST_F(ConvertDosnameToCstring, ANameThatFitsIsRestoredWithItsCaseByte) {
     ram_disk disk(4096);
     sv->long_name = 1;
     for (const char *name : {"readme.txt", "README.txt", "readme.TXT", "README.TXT", "a", "A.b",
@@ -564,7 +564,7 @@ TEST_F(DosnameChecksum, EveryByteCounts) {
 
 // ---- what is refused --------------------------------------------------------------------------
 
-TEST_F(VerifyValidName, NineCharactersAreRefusedWhereverTheyStand) {
+TEST_F(VerifyValidName, NineCharactersAreRefusedInEveryPosition) {
     for (const char c : std::string("\\/:*?\"<>|")) {
         for (const std::string &name :
              {std::string{c}, std::string{'a', c}, std::string{c, 'a'}, std::string{'a', '.', c},

@@ -82,12 +82,12 @@ protected:
         return a;
     }
     // The sector of cluster `links` links behind the first, by the library and by the model.
-    answer place(u32 links) {
+    answer found_sector(u32 links) {
         u32 sector = 0;
         const int result = get_phy_sector(5, links * sv->sec_per_clus, &sector);
         return heard(result < 0 ? result : std::int64_t{sector});
     }
-    answer expected_place(u32 links) {
+    answer expected_sector(u32 links) {
         auto volume = reference_of<model::chains>(&v.disk);
         u32 sector = 0;
         const int result = volume.locate(5, links * sv->sec_per_clus, &sector);
@@ -120,18 +120,18 @@ TEST_P(ReadAhead, BadFatSectorMattersOnlyWhenTheChainLeadsThroughIt) {
         for (u32 bad = 0; bad < 13; bad++) {
             v.disk.bad_sectors = {sv->fat_start + bad};
             for (u32 links = 1; links < clusters.size(); links += per_fat_sector() / 2) {
-                ASSERT_EQ(place(links), expected_place(links))
+                ASSERT_EQ(found_sector(links), expected_sector(links))
                     << "bad " << bad << ", links " << links;
             }
             const u32 all = static_cast<u32>(clusters.size()) - 1;
-            ASSERT_EQ(place(all), expected_place(all)) << "bad " << bad;
+            ASSERT_EQ(found_sector(all), expected_sector(all)) << "bad " << bad;
         }
     }
     EXPECT_TRUE(has_read_together());
     EXPECT_GT(refused, 0);
 }
 
-TEST_P(ReadAhead, SearchForAFreeClusterStopsAtABadFatSectorOnlyWhenItGetsThere) {
+TEST_P(ReadAhead, SearchForAFreeClusterStopsAtABadFatSectorOnlyWhenItReachesIt) {
     const u32 last = 13 * per_fat_sector() - 1;
     for (u32 cluster = 2; cluster <= last; cluster++) {
         v.set_link(cluster, volume::end_mark());
@@ -152,7 +152,7 @@ TEST_P(ReadAhead, SearchForAFreeClusterStopsAtABadFatSectorOnlyWhenItGetsThere) 
     }
 }
 
-TEST_P(ReadAhead, NothingBehindTheFatIsRead) {
+TEST_P(ReadAhead, NothingPastTheFatIsRead) {
     for (u32 cluster = 2; cluster <= volume::last_cluster(); cluster++) {
         v.set_link(cluster, volume::end_mark());
     }
@@ -168,20 +168,20 @@ TEST_P(ReadAhead, NothingBehindTheFatIsRead) {
 TEST_P(ReadAhead, FatOfAWrongSizeIsFollowedAllTheSame) {
     const std::vector<u32> clusters = straight_chain(13);
     const u32 all = static_cast<u32>(clusters.size()) - 1;
-    const answer expected = expected_place(all);
+    const answer expected = expected_sector(all);
     for (const u32 size : {0U, 1U, 7U, 0xFFFFFFFFU}) {
         sv->fat_size = size;
-        ASSERT_EQ(place(all), expected) << size << " sectors";
+        ASSERT_EQ(found_sector(all), expected) << size << " sectors";
     }
     sv->fat_size = 0xFFFFFFFF;
     sv->vol_size = u64{sv->fat_start + 13} * sv->sector_size;
-    ASSERT_EQ(place(all), expected);
+    ASSERT_EQ(found_sector(all), expected);
 }
 
 TEST_P(ReadAhead, LongerWindowsAreNotNeeded) {
     const std::vector<u32> clusters = straight_chain(13);
     const u32 all = static_cast<u32>(clusters.size()) - 1;
-    const answer expected = expected_place(all);
+    const answer expected = expected_sector(all);
     const answer no_window = {-EINVAL, "fat_read_entry[N]: cannot allocate FAT\n\n"
                                        "get_phy_sector[N]: invalid value -12\n"};
     at_every_fault({EVERY_ALLOCATION, NO_ALLOCATION_FROM}, [&](fault_step &step) {
@@ -212,14 +212,14 @@ TEST_P(ReadAhead, WindowHolds64KiBAtMostAndOneSectorForAShortWalk) {
 }
 
 // A medium that fails with several sectors is not asked for those again: it may take its time.
-TEST_P(ReadAhead, SectorsThatDoNotComeTogetherAreAskedForOnce) {
+TEST_P(ReadAhead, SectorsThatCannotBeReadTogetherAreRequestedOnce) {
     const u32 all = static_cast<u32>(straight_chain(13).size()) - 1;
     answer_now = togetherness::GARBAGE_AND_FAILURE;
-    EXPECT_GT(place(all).result, 0);
+    EXPECT_GT(found_sector(all).result, 0);
     EXPECT_LE(refused, 3);
 }
 
-TEST(CircleGuard, PassesAStretchOfClustersAsItPassesThemOneByOne) {
+TEST(CycleGuard, PassesAnExtentAsItPassesSingleClusters) {
     for (u32 seed = 1; seed <= 2000; seed++) {
         std::mt19937 random(seed);
         cycle_detector by_stretches;
@@ -261,7 +261,7 @@ TEST_P(ReadAhead, ReleaseSeesWhatItFreedInSectorsReadBefore) {
 
 // A chain that goes through many FAT sectors and then back to other clusters in some of them: what
 // was changed there before must not be written away.
-TEST_P(ReadAhead, ReleaseKeepsItsEarlierChangesOfASectorThatItComesBackTo) {
+TEST_P(ReadAhead, ReleaseKeepsItsEarlierChangesOfASectorThatItReachesAgain) {
     std::vector<u32> clusters = straight_chain(13);
     clusters.pop_back();
     std::vector<u32> left_out;
@@ -285,7 +285,7 @@ TEST_P(ReadAhead, ReleaseKeepsItsEarlierChangesOfASectorThatItComesBackTo) {
 
 // The second write of an allocation fails although its sector reaches the medium. Taking back the
 // link begins with what stands there now.
-TEST_P(ReadAhead, UndoLooksAgainAtASectorWhoseWriteFailed) {
+TEST_P(ReadAhead, UndoReadsASectorWhoseWriteFailedAgain) {
     v.chain({5});
     oentry file = {};
     file.start = file.last = 5;
@@ -376,7 +376,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 } // namespace
 
-TEST_P(ReadAheadInADirectory, BadSectorMattersOnlyWhenTheLookupGetsThere) {
+TEST_P(ReadAheadInADirectory, BadSectorMattersOnlyWhenTheLookupReachesIt) {
     const directory dir = v.sub_directory({5, 6, 7, 20, 9});
     for (const togetherness how : EVERY_ANSWER) {
         answer_now = how;
@@ -389,7 +389,7 @@ TEST_P(ReadAheadInADirectory, BadSectorMattersOnlyWhenTheLookupGetsThere) {
 
 // A transfer of one sector that moves nothing is no failure of a lookup, which takes it for the
 // sector before once more: neither for what lies there, nor for the end of the directory.
-TEST_P(ReadAheadInADirectory, SectorThatDoesNotComeIsPassedOverByALookup) {
+TEST_P(ReadAheadInADirectory, MissingSectorIsSkippedByALookup) {
     const directory dir = v.sub_directory({5, 6, 7});
     const u32 per_sector = volume::entries_per_sector();
     for (u32 missing = 1; missing + 1 < dir.sectors.size(); missing++) {
@@ -404,7 +404,7 @@ TEST_P(ReadAheadInADirectory, SectorThatDoesNotComeIsPassedOverByALookup) {
     }
 }
 
-TEST_P(ReadAheadInADirectory, SectorThatDoesNotComeIsUnusedToAWalkOverAnOpenDirectory) {
+TEST_P(ReadAheadInADirectory, MissingSectorIsUnusedToAWalkOverAnOpenDirectory) {
     directory dir = v.sub_directory({5, 6, 7});
     for (u32 home = 1; home < dir.sectors.size(); home++) {
         put_name(dir, home);
@@ -430,7 +430,7 @@ TEST_P(ReadAheadInADirectory, LongerWindowsAreNotNeeded) {
     });
 }
 
-TEST_P(ReadAheadInADirectory, NoTransferLeavesTheStretchOfTheDirectory) {
+TEST_P(ReadAheadInADirectory, NoTransferLeavesTheExtentOfTheDirectory) {
     const directory dir = v.sub_directory({5, 6, 20, 21, 9});
     put_name(dir, static_cast<u32>(dir.sectors.size()) - 1);
     const std::set<u64> own(dir.sectors.begin(), dir.sectors.end());

@@ -145,7 +145,7 @@ TEST_F(VolumeRelease, OnlyCompactOneCutsTheImage) {
     EXPECT_EQ(messages.text(), "");
 }
 
-TEST_F(VolumeRelease, FreesTheRecordAndAnySlotWhateverTheMapSays) {
+TEST_F(VolumeRelease, FreesTheRecordAndAnySlotRegardlessOfTheMap) {
     for (const auto &[id, is_in_map] : {std::pair{0U, true}, {511U, true}, {9U, false}}) {
         const allocation_meter meter;
         open_image(20, 0);
@@ -283,7 +283,7 @@ TEST_P(CompactionCuts, AfterTheLastClusterOfTheRow) {
     expect_closed();
 }
 
-TEST_F(Compaction, KeepsTheBytesInFrontOfTheCut) {
+TEST_F(Compaction, KeepsTheBytesBeforeTheCut) {
     open_image(20, 2);
     link(6, 0xFFFF);
     const bytes mark(SECTOR, 0xA5);
@@ -294,7 +294,7 @@ TEST_F(Compaction, KeepsTheBytesInFrontOfTheCut) {
     EXPECT_EQ(read_file(path), before);
 }
 
-TEST_F(Compaction, ReadsNothingWhenTheHintIsTheLastClusterItWouldLookAt) {
+TEST_F(Compaction, ReadsNothingWhenTheHintIsTheLastClusterToCheck) {
     for (const u32 hint : {19U, 20U, 21U, 22U}) {
         open_image(20, hint);
         read_sectors = stubborn_read;
@@ -472,7 +472,7 @@ TEST_F(Compaction, AnImageThatCannotBeCutIsReleasedAllTheSame) {
     expect_closed();
 }
 
-TEST_F(Compaction, TellsWhyTheImageCannotBeCut) {
+TEST_F(Compaction, ReportsWhyTheImageCannotBeCut) {
     open_image(20, 2);
     std::filesystem::remove(path);
     EXPECT_EQ(fat_close_volume(1), -1);
@@ -500,7 +500,7 @@ protected:
     }
 };
 
-TEST_F(FreshVolume, Fat32IsCutBehindItsRootCluster) {
+TEST_F(FreshVolume, Fat32IsCutAfterItsRootCluster) {
     format(32, 40 << 20);
     const u32 clusters = sv->num_clusters;
     const u64 data_start = sv->data_start;
@@ -511,7 +511,7 @@ TEST_F(FreshVolume, Fat32IsCutBehindItsRootCluster) {
     expect_closed();
 }
 
-TEST_F(FreshVolume, Fat16HasNoAllocatedClusterToCutBehind) {
+TEST_F(FreshVolume, Fat16HasNoAllocatedClusterToCutAfter) {
     format(16, 8 << 20);
     const u32 clusters = sv->num_clusters;
     EXPECT_EQ(sv->last_alloc_clus, 0U);

@@ -49,7 +49,7 @@ bytes part(const bytes &content, std::size_t offset, std::size_t size) {
 
 // ---- the record -------------------------------------------------------------------------------
 
-TEST(FatSuper, FieldsStandInTheirOrder) {
+TEST(FatSuper, FieldsAreInTheirOrder) {
     const std::size_t offsets[] = {
         offsetof(fat_super, fd),
         offsetof(fat_super, vol_size),
@@ -317,7 +317,7 @@ TEST_F(OpenVolume, ASecondVolumeReplacesTheFirstWithoutReleasingIt) {
     std::free(first_record);
 }
 
-TEST_F(OpenVolume, AFailureKeepsTheVolumeThatWasOpen) {
+TEST_F(OpenVolume, AFailureLeavesTheOpenVolumeOpen) {
     ASSERT_GE(fat_open_volume(scratch.sparse_file("image", 4096).c_str(), 0, 0), 0);
     fat_super *const record = sv;
     EXPECT_EQ(fat_open_volume(scratch.file("nothing").c_str(), 0, 0), -ENOENT);
@@ -363,7 +363,7 @@ TEST_F(CheckVolSize, ARegularFileIsAsLongAsItIs) {
     EXPECT_EQ(messages.text(), "");
 }
 
-TEST_F(CheckVolSize, RefusesWhatIsNeitherAFileNorABlockDevice) {
+TEST_F(CheckVolSize, RefusesATargetThatIsNeitherAFileNorABlockDevice) {
     int ends[2] = {};
     ASSERT_EQ(pipe(ends), 0);
     for (const int fd : {open(scratch.file("").c_str(), O_RDONLY), open("/dev/zero", O_RDWR),
@@ -372,11 +372,11 @@ TEST_F(CheckVolSize, RefusesWhatIsNeitherAFileNorABlockDevice) {
     }
 }
 
-TEST_F(CheckVolSize, RefusesWhatCannotBeExamined) {
+TEST_F(CheckVolSize, RefusesATargetWithoutAStatus) {
     expect_refusal(-1, -EINVAL, "check_vol_size[N]: - cannot access volume\n");
 }
 
-TEST_F(CheckVolSize, RefusesADeviceThatDoesNotTellItsSize) {
+TEST_F(CheckVolSize, RefusesADeviceThatDoesNotReportItsSize) {
     const int fd = open(scratch.sparse_file("device", 4096).c_str(), O_RDWR);
     const pretended_device device({.is_block_device = true, .seek_end = 4096});
     const failing_call fault(call::ioctl, ENOTTY);
@@ -648,7 +648,7 @@ TEST_F(SectorTransfer, ReadingAcrossTheEndCountsTheWholeSectorsBeforeIt) {
     EXPECT_EQ(messages.text(), "");
 }
 
-TEST_F(SectorTransfer, WritingBehindTheEndMakesAFileLonger) {
+TEST_F(SectorTransfer, WritingPastTheEndExtendsAFile) {
     open_known(512, 1024);
     EXPECT_EQ(file_write_sectors(buffer.data(), 4, 1), 1);
     content.resize(2048, 0);
@@ -687,7 +687,7 @@ TEST_F(SectorTransfer, RefusesStandardDescriptorsANullBufferAndNoVolume) {
     replace_descriptor(own);
 }
 
-TEST_F(SectorTransfer, TheFirstDescriptorServedIsThree) {
+TEST_F(SectorTransfer, TheFirstSupportedDescriptorIsThree) {
     open_known(512);
     const int own = sv->fd;
     const int third = dup(3);

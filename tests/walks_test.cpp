@@ -36,7 +36,7 @@ struct rho {
     u32 circle;
 };
 std::ostream &operator<<(std::ostream &out, const rho &r) {
-    return out << "Fat" << r.fat_type << "Cluster" << r.sec_per_clus << "Tail" << r.tail << "Circle"
+    return out << "Fat" << r.fat_type << "Cluster" << r.sec_per_clus << "Tail" << r.tail << "Cycle"
                << r.circle;
 }
 std::string rho_name(const testing::TestParamInfo<rho> &info) {
@@ -67,10 +67,10 @@ std::vector<rho> many_circles() {
     return result;
 }
 
-class Circle : public testing::TestWithParam<rho> {
+class Cycle : public testing::TestWithParam<rho> {
 protected:
     // Everything unwritten reads as deleted entries, so that no directory ends by itself.
-    Circle()
+    Cycle()
         : v({.fat_type = GetParam().fat_type,
              .sec_per_clus = GetParam().sec_per_clus,
              .fill = 0xE5}) {
@@ -104,11 +104,11 @@ protected:
     directory dir{&v, {5}, false};
     diagnostics messages;
 };
-INSTANTIATE_TEST_SUITE_P(Shapes, Circle, testing::ValuesIn(many_circles()), rho_name);
+INSTANTIATE_TEST_SUITE_P(Shapes, Cycle, testing::ValuesIn(many_circles()), rho_name);
 
 } // namespace
 
-TEST_P(Circle, EverySectorBeforeTheReturnIsFound) {
+TEST_P(Cycle, EverySectorBeforeTheReturnIsFound) {
     for (const u32 i : {0U, length / 2, length - 1}) {
         for (const u32 r : {0U, sv->sec_per_clus - 1}) {
             u32 sector = 0;
@@ -119,7 +119,7 @@ TEST_P(Circle, EverySectorBeforeTheReturnIsFound) {
     EXPECT_EQ(messages.text(), "");
 }
 
-TEST_P(Circle, FarSectorIsNotFound) {
+TEST_P(Cycle, FarSectorIsNotFound) {
     u32 sector = 0;
     EXPECT_EQ(get_phy_sector(5, 0xFFFFFFFF, &sector), -EINVAL);
     expect_few_reads(0);
@@ -130,7 +130,7 @@ TEST_P(Circle, FarSectorIsNotFound) {
     expect_said("\n");
 }
 
-TEST_P(Circle, FarEntryIsNotFound) {
+TEST_P(Cycle, FarEntryIsNotFound) {
     std::vector<u8> buffer(sv->sector_size);
     u8 *entry = nullptr;
     const u32 far = 0x07FFFFFE;
@@ -141,7 +141,7 @@ TEST_P(Circle, FarEntryIsNotFound) {
     expect_said("get_dentry_with_clu[N]: Failed to get entry sector!:(5, -1)\n\n");
 }
 
-TEST_P(Circle, LookupEndsInFailure) {
+TEST_P(Cycle, LookupEndsInFailure) {
     char name[] = "README.TXT";
     EXPECT_EQ(find_dentry_with_clu(5, name, nullptr), -EINVAL);
     expect_few_reads(sv->sec_per_clus);
@@ -162,7 +162,7 @@ TEST_P(Circle, LookupEndsInFailure) {
     EXPECT_EQ(messages.text(), text);
 }
 
-TEST_P(Circle, NameInItsLastClusterIsFound) {
+TEST_P(Cycle, NameInItsLastClusterIsFound) {
     const u32 index = length * volume::entries_per_cluster() - 1;
     const std::uint64_t place =
         u64{volume::first_sector_of(clusters.back()) + sv->sec_per_clus} * sv->sector_size - 32;
@@ -174,7 +174,7 @@ TEST_P(Circle, NameInItsLastClusterIsFound) {
               "find_dentry_with_clu[N]: found index:(5, " + std::to_string(index) + ")\n");
 }
 
-TEST_P(Circle, NumericTailEndsInFailure) {
+TEST_P(Cycle, NumericTailEndsInFailure) {
     u8 dos[] = "LONGFILETXT";
     EXPECT_EQ(add_numeric_tail(&dir.record, dos), -EINVAL);
     EXPECT_STREQ(reinterpret_cast<char *>(dos), "LONGFILETXT");
@@ -185,7 +185,7 @@ TEST_P(Circle, NumericTailEndsInFailure) {
     expect_said("get_dentry_with_clu[N]: Failed to get entry sector!:" + text.substr(index));
 }
 
-TEST_P(Circle, NumericTailOfAsManyEntriesAsThereAreSucceeds) {
+TEST_P(Cycle, NumericTailOfAsManyEntriesAsThereAreSucceeds) {
     dir.record.allocated = length * volume::entries_per_cluster() * 32;
     u8 dos[] = "LONGFILETXT";
     EXPECT_EQ(add_numeric_tail(&dir.record, dos), 0);
@@ -197,9 +197,9 @@ namespace {
 
 // Slots without an end: the first cluster ends with the last slot of a name of 63, all entries of
 // the second are slots of it, and the second is followed by itself or by the first.
-class LongNameInACircle : public testing::TestWithParam<u32> {
+class LongNameInACycle : public testing::TestWithParam<u32> {
 protected:
-    LongNameInACircle() {
+    LongNameInACycle() {
         directory space = v.sub_directory({5, 9});
         for (u32 i = 0; i < space.capacity(); i++) {
             space.put(i, long_slot(1, u"ABCDEFGHIJKLM", 0x55));
@@ -212,11 +212,11 @@ protected:
     volume v;
     diagnostics messages;
 };
-INSTANTIATE_TEST_SUITE_P(Returns, LongNameInACircle, testing::Values(5U, 9U));
+INSTANTIATE_TEST_SUITE_P(Returns, LongNameInACycle, testing::Values(5U, 9U));
 
 } // namespace
 
-TEST_P(LongNameInACircle, IsNoName) {
+TEST_P(LongNameInACycle, IsNotAName) {
     directory dir(&v, {5}, false);
     std::vector<u8> buffer(512);
     std::vector<u16> units(256);
@@ -234,7 +234,7 @@ TEST_P(LongNameInACircle, IsNoName) {
     }
 }
 
-TEST_P(LongNameInACircle, IsFoundWhereItEndsBeforeTheReturn) {
+TEST_P(LongNameInACycle, IsFoundWhereItEndsBeforeTheReturn) {
     directory dir(&v, {5, 9}, false);
     v.chain({5, 9});
     v.set_link(9, GetParam());
@@ -333,7 +333,7 @@ TEST_P(WalkReads, FirstSectorsNeedNoFat) {
     EXPECT_EQ(v.traffic(), sv->sec_per_clus);
 }
 
-TEST_P(WalkReads, NothingIsKeptFromOneWalkToTheNext) {
+TEST_P(WalkReads, NothingIsCachedFromOneWalkToTheNext) {
     char name[] = "README.TXT";
     EXPECT_EQ(fat_find_dentry(&dir.record, name, nullptr), -ENOENT);
     const u32 index = dir.capacity() - 3;
@@ -377,7 +377,7 @@ protected:
 
 } // namespace
 
-TEST_F(EmptyRead, LookupGoesOnWithTheSectorItHas) {
+TEST_F(EmptyRead, LookupContinuesWithTheSectorItHas) {
     dir.put(20, short_entry("LOST       "));
     dir.put(40, short_entry("README  TXT"));
     char name[] = "README.TXT";
@@ -423,7 +423,7 @@ protected:
         touched_.push_back(cluster);
     }
     // Frees every cluster again and heals the medium.
-    void start_anew() {
+    void start_over() {
         for (const u32 cluster : touched_) {
             v.set_link(cluster, 0);
         }
@@ -699,14 +699,14 @@ TEST_P(RandomChains, SectorsAreThoseOfTheReferenceModel) {
     std::map<int, int> results;
     for (int i = 0; i < 2000; i++) {
         SCOPED_TRACE("chain " + std::to_string(i));
-        start_anew();
+        start_over();
         const std::vector<u32> clusters = some_directory(30);
         const u32 base = clusters.empty() ? 0
                          : one_in(10)     ? below(sv->num_clusters + 4)
                                           : clusters.front();
         auto volume = reference();
-        bool is_circle = false;
-        const auto length = static_cast<u32>(volume.clusters_of(base, &is_circle).size());
+        bool is_cycle = false;
+        const auto length = static_cast<u32>(volume.clusters_of(base, &is_cycle).size());
         for (int k = 0; k < 6; k++) {
             const u32 index =
                 one_in(8) ? static_cast<u32>(chance()) : below((length + 3) * sv->sec_per_clus);
@@ -714,7 +714,7 @@ TEST_P(RandomChains, SectorsAreThoseOfTheReferenceModel) {
             u32 sector = 0;
             messages.clear();
             volume.printed.clear();
-            if (is_circle && link >= length) {
+            if (is_cycle && link >= length) {
                 // A few rounds may pass before the circle is noticed.
                 const int result = get_phy_sector(base, index, &sector);
                 u32 expected_sector = 0;
@@ -743,7 +743,7 @@ TEST_P(RandomChains, FreeClustersAreThoseOfTheReferenceModel) {
     std::map<int, int> results;
     for (int i = 0; i < 1500; i++) {
         SCOPED_TRACE("stretch " + std::to_string(i));
-        start_anew();
+        start_over();
         const bool is_at_the_end = one_in(10);
         const u32 length = 1 + below(one_in(10) ? 600 : 40);
         const u32 first =
@@ -773,16 +773,16 @@ TEST_P(RandomChains, FreeClustersAreThoseOfTheReferenceModel) {
 TEST_P(RandomDirectories, LookupsAreThoseOfTheReferenceModel) {
     for (int i = 0; i < 600; i++) {
         SCOPED_TRACE("directory " + std::to_string(i));
-        start_anew();
+        start_over();
         const std::vector<u32> clusters = some_directory(one_in(10) ? 40 : 8);
-        bool is_circle = false;
+        bool is_cycle = false;
         if (!clusters.empty()) {
-            (void)reference().clusters_of(clusters.front(), &is_circle);
+            (void)reference().clusters_of(clusters.front(), &is_cycle);
         }
         directory dir(&v, clusters, clusters.empty());
         fill(&dir, false);
         sv->long_name = one_in(8) ? 0 : 1;
-        for (const wanted_name &name : is_circle ? absent_names() : names()) {
+        for (const wanted_name &name : is_cycle ? absent_names() : names()) {
             ASSERT_NO_FATAL_FAILURE(look_for(dir, name)) << name.text;
         }
         for (const wanted_name &name : absent_names()) {
@@ -797,18 +797,18 @@ TEST_P(RandomDirectories, LookupsAreThoseOfTheReferenceModel) {
 TEST_P(RandomDirectories, LongNamesAreThoseOfTheReferenceModel) {
     for (int i = 0; i < 800; i++) {
         SCOPED_TRACE("directory " + std::to_string(i));
-        start_anew();
+        start_over();
         const std::vector<u32> clusters = some_directory(6);
-        bool is_circle = false;
+        bool is_cycle = false;
         const u32 readable =
             clusters.empty()
                 ? 0xFFFFFFFF
-                : static_cast<u32>(reference().clusters_of(clusters.front(), &is_circle).size()) *
+                : static_cast<u32>(reference().clusters_of(clusters.front(), &is_cycle).size()) *
                       volume::entries_per_cluster();
         directory dir(&v, clusters, clusters.empty());
         fill(&dir, false);
         for (u32 index = 0; index < std::min(dir.capacity(), readable); index++) {
-            const u32 end = is_circle ? readable : 0xFFFFFFFF;
+            const u32 end = is_cycle ? readable : 0xFFFFFFFF;
             ASSERT_NO_FATAL_FAILURE(put_together(&dir, index, end)) << "entry " << index;
         }
     }
@@ -820,7 +820,7 @@ TEST_P(RandomDirectories, NumericTailsAreThoseOfTheReferenceModel) {
         "LONGFILETXT", "README  TXT", "A          ", "AB~3       ", "LONGF   TXT", "ABCDEFGHI  "};
     for (int i = 0; i < 600; i++) {
         SCOPED_TRACE("directory " + std::to_string(i));
-        start_anew();
+        start_over();
         const std::vector<u32> clusters = some_directory(8);
         directory dir(&v, clusters, clusters.empty());
         fill(&dir, true);
