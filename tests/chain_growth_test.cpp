@@ -1,4 +1,4 @@
-// Directories that grow by a cluster, and the open records that must know of it.
+// Directories that grow by a cluster, and the open records that must be updated.
 
 #include "tests/support/chain_fixture.h"
 #include "tests/support/every_fault.h"
@@ -138,7 +138,7 @@ TEST_P(ExtendDir, ClusterThatCannotBeClearedIsFreedAgain) {
         EXPECT_EQ(dir.record.last, 9U);
         EXPECT_EQ(dir.record.allocated, 2 * cluster_bytes);
         EXPECT_EQ(fat.difference(), "");
-        EXPECT_EQ(sv->last_alloc_clus, 41U); // the hint is not taken back
+        EXPECT_EQ(sv->last_alloc_clus, 41U); // the hint is not restored
     }
 }
 
@@ -157,7 +157,7 @@ TEST_P(ExtendDir, OldEndIsMarkedBeforeTheNewClusterIsFreed) {
 TEST_P(ExtendDir, NoMemoryToClearFreesTheClusterAgain) {
     directory dir = v.sub_directory({5});
     const fat_picture fat(&v);
-    // The last allocation that grows it is the one for zeros.
+    // The last allocation of the growth is the buffer of zeros.
     int k = 0;
     for (;; k++) {
         sv->last_alloc_clus = 40;
@@ -257,7 +257,7 @@ protected:
         EXPECT_EQ(open_root_directory(), 0);
     }
 
-    // A record in the table, as opening makes it, for a chain of these clusters.
+    // A record in the table, as after opening, for a chain of these clusters.
     static oentry *opened(const std::vector<u32> &clusters, u8 attr = DIRECTORY) {
         const entry_image image =
             short_entry("OPENED     ", attr, clusters.empty() ? 0 : clusters.front());
@@ -295,7 +295,7 @@ TEST_P(SharedGrowth, EveryOpenRecordOfTheDirectoryReceivesItsEnd) {
     for (const oentry *record : {first, second, third}) {
         expect_end(record, 41, 3);
     }
-    // A further one goes on where the chain ends.
+    // The next growth continues at the end of the chain.
     EXPECT_EQ(heard(fat_extend_dir(third, nullptr)), (answer{0, ""}));
     EXPECT_EQ(heard(fat_extend_dir(first, nullptr)), (answer{0, ""}));
     for (const oentry *record : {first, second, third}) {
@@ -373,7 +373,7 @@ TEST_P(SharedGrowth, RecordMadeForADotPathTeachesTheOriginal) {
 }
 
 TEST_P(SharedGrowthOfFat32, RootLearnsOfIt) {
-    // What opening ".." of a first-level directory leaves in the table: a copy of the root.
+    // Opening ".." of a first-level directory stores a copy of the root in the table.
     oentry *copy = opened({});
     const entry_image parent = short_entry("..         ", DIRECTORY);
     std::free(copy->dentry);
@@ -419,7 +419,7 @@ TEST_P(SharedGrowthOfFat16, RootAreaIsNotTakenForTheClusterOfItsNumber) {
     }
 }
 
-// ---- growth through every door of the library -------------------------------------------------
+// ---- growth by every function of the library --------------------------------------------------
 
 namespace {
 
@@ -492,8 +492,8 @@ TEST_P(GrowingDirectory, NamesCreatedThroughSeveralRecordsAreInOneChain) {
     const u32 start = oentry_table[first]->start;
     std::vector<std::string> expected = {".       ", "..      "};
     for (u32 i = 0; i < 5 * volume::entries_per_cluster(); i++) {
-        // A record in turn is the current directory, and every third name goes through another
-        // one, made for the path.
+        // The records become the current directory in turn; every third name is created through
+        // another record, opened for the path.
         if (i % 11 == 0) {
             ASSERT_EQ(fat_set_current(i % 22 == 0 ? first : second), i % 22 == 0 ? first : second);
         }

@@ -23,14 +23,14 @@ protected:
     answer alloc(oentry *entry, u32 *cluster) {
         return heard(fat_alloc_cluster(entry, cluster));
     }
-    // A free-standing cluster, or UNTOUCHED.
+    // An allocated single cluster, or UNTOUCHED.
     u32 alloc_alone() {
         u32 cluster = UNTOUCHED;
         EXPECT_EQ(alloc(nullptr, &cluster), (answer{0, ""}));
         return cluster;
     }
-    // Clusters that are no link. What lies from the first mark of a bad cluster on is an end mark
-    // or the bad one itself.
+    // Numbers that are not a link. Values from the mark of a bad cluster on are this mark or end
+    // marks.
     [[nodiscard]] static std::vector<u32> bad_links() {
         return {1, volume::last_cluster() + 1, volume::bad_mark() - 1, volume::bad_mark()};
     }
@@ -478,12 +478,12 @@ TEST_P(AllocCluster, FatThatCannotBeAddressedEndsTheSearch) {
     EXPECT_TRUE(transfers().empty());
 }
 
-// An error of the second pass is passed over: the number that stood in `cluster` is used.
+// An error of the second pass is ignored: the former number in `cluster` is used.
 
 TEST_P(AllocCluster, DamagedEntryInTheSecondPassLeavesTheCallersNumberInUse) {
     occupy_all_but({});
     v.set_link(20, volume::bad_mark());
-    v.set_link(30, 0); // behind the damage, not reached
+    v.set_link(30, 0); // after the damage, not reached
     sv->last_alloc_clus = 100;
     fat_picture fat(&v);
     u32 cluster = 77;
@@ -573,7 +573,7 @@ TEST_P(AllocCluster, ClustersOfANearlyFullVolumeCostTheSectorsPassed) {
         ASSERT_EQ(alloc(&file.record, &cluster), (answer{0, ""}));
         EXPECT_EQ(cluster, 100 * (i + 1));
     }
-    // The sector where a search begins, and those of the two entries that change, are read anew.
+    // The first sector of a search and the sectors of the two changed entries are read again.
     const u64 fat_sectors = volume::fat_sector_of(last_cluster) - sv->fat_start + 1;
     EXPECT_LE(sectors_read(), fat_sectors + 3 * free_clusters);
     EXPECT_LE(sectors_written().size(), 2 * free_clusters);
@@ -666,7 +666,7 @@ TEST_P(ClearCluster, NumbersBelowTheFirstOneCountBackwards) {
     for (const u32 cluster : {1U, 0U}) {
         const u32 distance = (2 - cluster) * sv->sec_per_clus;
         if (distance > sv->data_start) {
-            continue; // that would be no sector of the medium
+            continue; // not a sector of the medium
         }
         transfers();
         EXPECT_EQ(heard(clear_cluster(cluster)), (answer{0, ""}));

@@ -116,7 +116,7 @@ TEST_P(CountClusters, WholeVolumeAsOneChainReadsEachFatSectorOnce) {
     EXPECT_LE(sectors_read(), volume::fat_sector_of(last_cluster) - sv->fat_start + 1);
 }
 
-// ---- circles ----------------------------------------------------------------------------------
+// ---- cycles -----------------------------------------------------------------------------------
 
 TEST_P(CountClusters, CycleIsABrokenChain) {
     for (const auto &[length, back_to] : std::initializer_list<std::pair<u32, u32>>{{1, 0},
@@ -164,7 +164,7 @@ TEST_P(ReleaseClusters, CycleIsReleasedUpToItsReturnAndThenBroken) {
     }
 }
 
-// What is kept of a circle is freed when the walk comes back to it.
+// The part of a cycle that is to stay is freed when the walk reaches it again.
 TEST_P(ReleaseClusters, KeptPartOfACycleIsReachedAgain) {
     for (const auto &[length, keep] : std::initializer_list<std::pair<u32, u32>>{
              {2, 1}, {3, 1}, {3, 2}, {5, 3}, {9, 1}, {16, 15}, {64, 8}}) {
@@ -334,7 +334,7 @@ TEST_P(ReleaseClusters, EveryFailureLeavesTheFrontOfTheChainFree) {
             EXPECT_TRUE(a.result == -EINVAL || a.result == -ENOMEM) << a;
             EXPECT_TRUE(a.messages.ends_with(NOT_RELEASED)) << a;
         }
-        // Freed clusters are those at the front, nothing behind them has changed.
+        // The freed clusters are the first ones; the clusters after them have not changed.
         std::size_t freed = 0;
         while (freed < clusters.size() && v.link(clusters[freed]) == 0) {
             freed++;
@@ -379,7 +379,7 @@ TEST_P(ReleaseClusters, WholeVolumeIsFreedInOnePassOverTheFat) {
 
 namespace {
 
-// What an array holds up to its terminator, which must come within `slots`.
+// The numbers of an array before its terminator, which must be within `slots`.
 std::vector<u32> listed(const u32 *array, u32 slots) {
     std::vector<u32> result;
     for (u32 i = 0; i < slots; i++) {
@@ -434,7 +434,7 @@ TEST_P(GetChainsOfFat16, RootAndEntriesWithoutADentryCopyHaveNoChain) {
     for (oentry *record : {&root.record, &dir.record, &elsewhere.record}) {
         EXPECT_EQ(heard(fat_get_chains(record, &array)),
                   failed(-EINVAL, "fat_get_chains[N]: Invalid arg!\n\n"));
-        record->allocated = 0; // is looked at later
+        record->allocated = 0; // is checked later
         EXPECT_EQ(heard(fat_get_chains(record, &array)),
                   failed(-EINVAL, "fat_get_chains[N]: Invalid arg!\n\n"));
         EXPECT_EQ(array, &something);

@@ -11,7 +11,7 @@ using namespace testing_support;
 
 namespace {
 
-// What `print` writes to the stream it is given.
+// The output of `print` to its stream argument.
 template <typename Print>
 std::string printed_by(Print print) {
     char *text = nullptr;

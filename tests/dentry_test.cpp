@@ -37,12 +37,12 @@ packed pack(int year, int month, int day, int hour, int minute, int second) {
     return {date, time};
 }
 
-// What a stamp says.
+// The time of a stamp.
 packed stamp_of(const bytes &entry) {
     return {entry[24] + 256U * entry[25], entry[22] + 256U * entry[23]};
 }
 
-// The stamp that an entry gets when the clock stands at `now`.
+// The stamp of an entry at clock time `now`.
 packed stamp_at(time_t now, const char *zone) {
     const stopped_clock clock(now, zone);
     bytes entry(32);

@@ -17,7 +17,7 @@ using namespace testing_support;
 
 namespace {
 
-// Where a sector was found, or how it was not.
+// The position of a sector, or the reason why it was not found.
 struct place {
     int result;
     u32 sector;
@@ -38,7 +38,7 @@ protected:
     static place failed(int result, std::string message) {
         return {result, UNTOUCHED, std::move(message)};
     }
-    // A link of the chain that is none.
+    // The failure for an invalid link of the chain.
     static place bad_link(const std::string &reason, int value) {
         return failed(-EINVAL,
                       reason + "get_phy_sector[N]: invalid value " + std::to_string(value) + "\n");
@@ -335,7 +335,7 @@ protected:
         messages.clear();
         return text;
     }
-    // Nothing was handed out.
+    // Checks that no entry was returned.
     void expect_untouched() const {
         EXPECT_EQ(entry, nullptr);
         EXPECT_EQ(location.sector, UNTOUCHED);
@@ -488,7 +488,7 @@ TEST_P(FatGetDentry, AllocatedSizeBoundsNotTheChain) {
     expect_out_of_range(dir, 3);
     dir.record.allocated = 0;
     expect_out_of_range(dir, 0);
-    // A size beyond the chain leaves it to the chain to end.
+    // If the size is larger than the chain, the end of the chain limits the index.
     dir.record.allocated = 0xFFFFFFFF;
     const u32 capacity = dir.capacity();
     EXPECT_EQ(get(dir, capacity), -EFAULT);
@@ -537,7 +537,7 @@ TEST(DirEntryCount, OtherDirectoriesHaveWhatIsAllocated) {
 
 namespace {
 
-// The units that a slot gives, of those that were set to 0x7777 before.
+// The units that a slot stores into a buffer of 0x7777.
 std::u16string chars_of(const entry_image &slot) {
     u16 units[16];
     std::fill(std::begin(units), std::end(units), u16{0x7777});
@@ -583,7 +583,7 @@ TEST(GetLfnChars, FullSlotIsTerminatedFromOrdinal41On) {
                   ordinal > 0x40 ? THIRTEEN + u'\0' : THIRTEEN)
             << "ordinal " << ordinal;
     }
-    // Filling is copied like characters; nothing is read past a terminator in the middle.
+    // Padding is copied like characters; nothing is read past a terminator in the middle.
     const std::u16string odd = u"A\xFFFF\xFFFF"
                                u"B";
     const std::u16string filling(13, u'\xFFFF');

@@ -17,7 +17,7 @@ using namespace testing_support;
 
 namespace {
 
-// What a call gives back and what it says.
+// The result and the messages of a call.
 struct answer {
     std::int64_t result;
     std::string messages;
@@ -59,7 +59,7 @@ protected:
         return heard(fat_free_clus(first, last));
     }
 
-    // What the transfers between the disk and the library were.
+    // The transfers between the disk and the library.
     std::vector<transfer> transfers() {
         return std::exchange(v.disk.log, {});
     }
@@ -70,11 +70,11 @@ protected:
         return {true, volume::fat_sector_of(cluster), 1};
     }
 
-    // Entries of one sector of the FAT.
+    // Number of entries in one sector of the FAT.
     [[nodiscard]] static u32 entries_per_fat_sector() {
         return sv->sector_size / (sv->fat_type / 8);
     }
-    // Gives every cluster from `first` to `last` the end mark.
+    // Sets the end mark in every cluster from `first` to `last`.
     void occupy(u32 first, u32 last) {
         for (u32 cluster = first; cluster <= last; cluster++) {
             v.set_link(cluster, volume::end_mark());
@@ -99,7 +99,7 @@ INSTANTIATE_TEST_SUITE_P(Shapes, FreeClus, testing::ValuesIn(many_shapes()), sha
 INSTANTIATE_TEST_SUITE_P(Shapes, FatSector, testing::ValuesIn(many_shapes()), shape_name);
 INSTANTIATE_TEST_SUITE_P(Shapes, Fat32Entry, testing::ValuesIn(many_shapes(32)), shape_name);
 
-// A transfer that moves a negative number, none or two sectors where one was asked for.
+// Results of a transfer of one sector: negative, zero or two.
 constexpr int NOT_ONE_SECTOR[] = {-1, -5, -28, 0, 2};
 
 } // namespace
@@ -139,10 +139,10 @@ TEST_P(ReadEntry, FirstAndLastEntryOfEverySectorAreFound) {
 }
 
 TEST_P(ReadEntry, IndexIsNotCheckedAgainstTheVolume) {
-    const u32 behind = sv->num_clusters + 2;
-    v.set_link(behind, 0x4321);
-    EXPECT_EQ(value_of(behind), 0x4321U);
-    // Entry 0 of the second copy, as the first one sees it.
+    const u32 past = sv->num_clusters + 2;
+    v.set_link(past, 0x4321);
+    EXPECT_EQ(value_of(past), 0x4321U);
+    // Entry 0 of the second copy, addressed through the first one.
     const u32 in_second_copy = sv->fat_size * entries_per_fat_sector();
     EXPECT_EQ(value_of(in_second_copy), volume::end_mark() - 7);
 }
@@ -444,7 +444,7 @@ TEST_P(FreeClus, OneCorruptEntryEndsTheSearch) {
         v.set_link(7, value);
         EXPECT_EQ(free_clus(5, 20), failure) << "value " << value;
     }
-    // A free cluster in front of it is found, and one behind it does not matter.
+    // A free cluster before it is found, and one after it does not matter.
     v.set_link(6, 0);
     EXPECT_EQ(free_clus(5, 20), (answer{6, ""}));
 }
@@ -497,7 +497,7 @@ TEST_P(FreeClus, FatSectorsAreReadOnceInTheirOrder) {
     EXPECT_EQ(free_clus(2, last), (answer{-2, ""}));
     const auto read = v.sectors_read();
     const std::size_t needed = last / per_sector + 1;
-    // A search that goes on reads as many sectors again as it has passed, at most.
+    // A search that continues reads at most as many sectors again as it has passed.
     EXPECT_GE(read.size(), needed);
     EXPECT_LE(read.size(), std::min(2 * needed, std::size_t{sv->fat_size}));
     EXPECT_LE(transfers().size(), needed);
@@ -543,7 +543,7 @@ TEST_P(FatSector, ReadsNothing) {
     EXPECT_TRUE(transfers().empty());
 }
 
-// A cluster count that the data area cannot have must not come out as a sector in the middle of it.
+// An impossible cluster count must not result in a sector in the middle of the data area.
 TEST(FatSectorOfAnImpossibleVolume, SectorsBeyondTheRangeOfTheirNumberGiveZero) {
     volume v;
     diagnostics messages;

@@ -1,5 +1,4 @@
-// Building the tables and writing them: results, messages, the order on the medium, and every
-// failure on the way.
+// Building and writing the tables: results, messages, the order of the writes, and every failure.
 
 #include "fat/internal.h"
 #include "tests/support/capture.h"
@@ -25,11 +24,11 @@ using namespace testing_support;
 namespace {
 
 constexpr std::uint64_t MIB = 1024 * 1024;
-constexpr std::uint8_t OLD_BYTE = 0xC3; // what the medium held before
+constexpr std::uint8_t OLD_BYTE = 0xC3; // former content of the medium
 // 2024-02-29 23:59:58 UTC: DOS time BF7D, date 585D.
 constexpr time_t NOW = 1709251198;
 
-// A volume to be made, and where its areas must come to lie. Sectors, but for target_bytes.
+// A volume to format and the expected positions of its areas. In sectors, except target_bytes.
 struct scenario {
     const char *name;
     std::uint64_t target_bytes;
@@ -113,7 +112,7 @@ std::vector<std::uint64_t> sectors_of(const std::vector<step> &steps) {
     return result;
 }
 
-// The sectors of a log of writes, one by one. No read may be in it.
+// The single sectors of a log of writes. The log must contain no read.
 std::vector<std::uint64_t> sectors_of(const std::vector<transfer> &log) {
     std::vector<std::uint64_t> result;
     for (const transfer &t : log) {
@@ -138,13 +137,13 @@ ranges(const std::vector<std::pair<std::uint64_t, std::uint64_t>> &first_and_cou
 
 // ---- formatting once ----
 
-// A medium that holds old bytes, and what a format of it said. The clock stands still.
+// A medium with old bytes, and the messages of formatting it. The clock is stopped.
 class formatting {
 public:
     explicit formatting(const scenario &chosen)
         : volume(chosen), disk(chosen.target_bytes, OLD_BYTE), param(request(chosen)) {}
 
-    // Formats; no block of memory may be left over.
+    // Formats; all memory must be freed.
     int run() {
         const allocation_meter meter;
         const int result = fat_format(&param);
@@ -165,7 +164,7 @@ public:
     std::uint64_t heap_peak = 0;
 };
 
-// The medium must hold `written` and be as it was elsewhere.
+// Checks that the medium contains `written` and is not changed elsewhere.
 void expect_medium(formatting &after, const std::map<std::uint64_t, bytes> &written) {
     const std::uint32_t size = after.volume.sector_size;
     const bytes old(size, OLD_BYTE);
@@ -371,7 +370,7 @@ TEST(Format, ATargetThatIsTooSmallIsRefusedUntouched) {
 
 namespace {
 
-// What must be said when a transfer of `what` ends with `result`; nothing when that is no failure.
+// The expected messages if a transfer of `what` returns `result`; empty if that is not a failure.
 std::string message_of(stage what, int result) {
     const std::string number = std::to_string(result);
     switch (what) {
@@ -391,8 +390,8 @@ std::string message_of(stage what, int result) {
     return "";
 }
 
-// A format in which the transfer with number `failing` moves nothing, or fewer sectors than asked,
-// and returns `result`.
+// A format in which transfer number `failing` moves no sectors, or fewer than requested, and
+// returns `result`.
 class broken_format {
 public:
     explicit broken_format(const scenario &volume) : volume_(volume), steps_(steps_of(volume)) {
@@ -437,7 +436,7 @@ private:
         return steps;
     }
 
-    // What the medium holds when the first `made` transfers went over and `failing` did not.
+    // The content of the medium if the first `made` transfers succeeded and `failing` did not.
     [[nodiscard]] std::map<std::uint64_t, bytes> medium_after(std::size_t made, std::size_t failing,
                                                               int result) const {
         std::map<std::uint64_t, bytes> medium;
@@ -494,7 +493,7 @@ TEST_P(FormatOf, AFormatAfterAFailedOneSucceeds) {
 
 namespace {
 
-// `shortages`: what is said at each failing allocation.
+// `shortages`: the messages of each failing allocation.
 void expect_shortages(const scenario &volume, const std::vector<std::string> &shortages) {
     std::size_t failures = 0;
     at_every_fault({EVERY_ALLOCATION}, [&](fault_step &step) {
@@ -625,7 +624,7 @@ TEST(SetFatEntry, AnotherWidthIsRefused) {
 
 namespace {
 
-// The four tables of a volume, to be written after the test has changed them or the volume.
+// The four tables of a volume; a test changes them or the volume and writes them.
 class Tables : public testing::Test {
 protected:
     void make(const scenario &volume) {
@@ -674,7 +673,7 @@ TEST_F(Tables, OfFat16HaveNoFsinfo) {
     EXPECT_EQ(fsinfo, nullptr);
     EXPECT_EQ(bytes(fat, fat + 6), (bytes{0xF8, 0xFF, 0xFF, 0xFF, 0, 0}));
     EXPECT_EQ(rdir[11], 0x08);
-    // The signature at the end of a large sector comes with the writing.
+    // The signature at the end of a large sector is set by the write.
     EXPECT_EQ(bytes(pbr + 510, pbr + 512), (bytes{0x55, 0xAA}));
     EXPECT_EQ(bytes(pbr + 4094, pbr + 4096), (bytes{0, 0}));
     EXPECT_EQ(write(), 4);

@@ -24,7 +24,7 @@ namespace {
 constexpr std::uint64_t KIB = 1024;
 constexpr std::uint64_t MIB = 1024 * KIB;
 
-// Everything that the calculation gives back. `said` holds the diagnostics.
+// All results of the calculation, with its messages.
 struct decision {
     int result = 0;
     std::string messages = {};
@@ -57,8 +57,8 @@ fat_format_param request(const asked &wish) {
 
 constexpr std::uint32_t UNTOUCHED = 0xABABABAB;
 
-// The decision for `total` sectors of a target of `target_bytes`. After a refusal the request and
-// the result slots must be as they were, and the decision is blank but for result and text.
+// The decision for `total` sectors of a target of `target_bytes`. A refusal must change neither the
+// request nor the result slots; the decision then has only a result and a text.
 decision decide(const asked &wish, std::uint32_t total, std::uint64_t target_bytes) {
     const ram_disk disk(target_bytes);
     diagnostics messages;
@@ -140,7 +140,7 @@ TEST(RoundUpTo, ReachesTheEndOfThirtyTwoBits) {
     EXPECT_EQ(fat::round_up_to(0, 0x80000000U), 0x80000000U);
 }
 
-// ---- volumes that come out --------------------------------------------------------------------
+// ---- accepted volumes -------------------------------------------------------------------------
 
 TEST(CalcFatSectors, SixtyFourMiBInSectorsOf4096) {
     const asked wish = {.cluster_sectors = 1, .sector_bytes = 4096, .page_bytes = 4096};
@@ -203,7 +203,7 @@ TEST(CalcFatSectors, RootEntriesAreRoundedUpToFillTheirSectors) {
     // 40 entries fill 3 sectors of 512 bytes, 6 of them an 3072-byte page, 8 a page of 4096.
     wish = {.cluster_sectors = 8, .sector_bytes = 512, .page_bytes = 4096, .root_entries = 40};
     EXPECT_EQ(decide(wish, 131072).root_entries, 128U);
-    // With alignment, even no entry at all takes a page.
+    // With alignment, even a root area without entries takes a page.
     wish.root_entries = 0;
     EXPECT_EQ(decide(wish, 131072).root_entries, 128U);
 }
@@ -238,7 +238,7 @@ TEST(CalcFatSectors, TheEstimateCountsTheTwoEntriesOfEveryFatThatNameNoCluster) 
 
 TEST(CalcFatSectors, TheRequestsOwnReservedSectorsAreIgnored) {
     const asked wish = {.width = 32, .root_entries = 0};
-    EXPECT_EQ(decide(wish, 131072).reserved, 32U); // the request says 77
+    EXPECT_EQ(decide(wish, 131072).reserved, 32U); // 77 in the request
     EXPECT_EQ(decide({}, 16384).reserved, 1U);
 }
 
@@ -410,7 +410,7 @@ TEST(CalcFatSectors, ThirtyOneSectorsHaveNoRoomForTheReservedAreaOfFat32) {
 }
 
 TEST(CalcFatSectors, TheMessagesNameTheSizeOfTheTargetNotOfItsSectors) {
-    // 64-bit: the target is larger than what is used of it.
+    // 64-bit: the target is larger than its used part.
     EXPECT_EQ(decide({}, 4, 123456789012345).messages.substr(0, 28),
               "Volume size(123456789012345)");
     EXPECT_EQ(decide({.width = 32}, 4, 123456789012345).messages.substr(0, 28),
@@ -420,7 +420,7 @@ TEST(CalcFatSectors, TheMessagesNameTheSizeOfTheTargetNotOfItsSectors) {
 TEST(CalcFatSectors, ARootAreaOfHalfKiBsIsRefused) {
     const std::string messages =
         "calc_fat_sectors[N]: RdirSize is not even multiple of 512Bytes!\n\n";
-    // 16 entries are one sector of 512 bytes, 33 to 48 are three.
+    // 16 entries are one sector of 512 bytes, 33 to 48 entries are three.
     asked wish = {.cluster_sectors = 8, .sector_bytes = 512, .page_bytes = 0, .root_entries = 16};
     EXPECT_EQ(decide(wish, 131072), refused(messages));
     wish.root_entries = 33;
@@ -574,7 +574,7 @@ TEST(CalcFatSectors, AgreesWithTheReferenceModelAroundEveryLimit) {
                                         .page_bytes = page,
                                         .root_entries = width == 32 ? 0U : 512U};
                     for (const std::uint32_t limit : {0U, 4085U, 65525U}) {
-                        // From 32 sectors before to 32 behind, FATs and reserved area included.
+                        // From 32 sectors before to 32 after, FATs and reserved area included.
                         const std::uint32_t middle = limit * cluster + limit * 8 / sector + 40;
                         for (std::uint32_t total = middle < 80 ? 0 : middle - 80;
                              total < middle + 80; total += 3) {
@@ -605,7 +605,7 @@ TEST(CalcFatSectors, AgreesWithTheReferenceModelOnRandomRequests) {
                             .page_bytes = one_of(0, 2048, 4096, 8192, 3000, 1000),
                             .root_entries = one_of(512, 512, 64, 100, 1000, 2048),
                             .fats = one_of(1, 2, 2, 2, 3, 255)};
-        // As many bits as not, so that small volumes are as frequent as large ones.
+        // A random number of bits, so that small volumes are as frequent as large ones.
         const std::uint32_t total = static_cast<std::uint32_t>(random()) >> random() % 32;
         const decision made = decide(wish, total);
         ASSERT_EQ(made, expected_decision(wish, total)) << total << " sectors";
@@ -685,7 +685,7 @@ TEST(FormatRequest, InvalidCountsAndWidthsAreRefusedBeforeAnythingIsAllocatedOrW
 
 namespace {
 
-// What fat_format() says of a request whose geometry cannot be, and that nothing was written.
+// Checks the messages of fat_format() for an impossible geometry, and that nothing was written.
 std::string refusal_of_format(const asked &wish, std::uint64_t target_bytes) {
     ram_disk disk(target_bytes);
     diagnostics messages;
@@ -704,7 +704,7 @@ constexpr const char *CALLERS = "create_pbr[N]: failed to calc_fat_sectors!\n\n"
 } // namespace
 
 TEST(FormatRequest, ARootAreaThatItsFieldCannotHoldIsRefused) {
-    // 65535 entries fill 512 sectors of 4096 bytes, which hold 65536: one more than 16 bits say.
+    // 65535 entries fill 512 sectors of 4096 bytes, which hold 65536: one more than fits 16 bits.
     const asked wish = {.root_entries = 65535};
     EXPECT_EQ(refusal_of_format(wish, 64 * MIB),
               std::string("calc_fat_sectors[N]: Invalid format request: FAT0, 2 FATs, 1 sectors of "
@@ -713,7 +713,7 @@ TEST(FormatRequest, ARootAreaThatItsFieldCannotHoldIsRefused) {
 }
 
 TEST(FormatRequest, ARootAreaOfNoSectorIsRefused) {
-    // Its first entry, the volume label, would have no place.
+    // There is no room for its first entry, the volume label.
     const asked wish = {.page_bytes = 0, .root_entries = 0};
     EXPECT_EQ(refusal_of_format(wish, 64 * MIB),
               std::string("calc_fat_sectors[N]: Invalid format request: FAT0, 2 FATs, 1 sectors of "

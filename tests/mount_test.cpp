@@ -1,5 +1,4 @@
-// Mounting: the geometry that a boot sector gives, boot sectors that are none, what is printed of
-// them.
+// Mounting: the geometry from a boot sector, invalid boot sectors, printing boot sectors.
 
 #include "fat/internal.h"
 #include "tests/support/boot_sector.h"
@@ -48,7 +47,7 @@ std::string over_limit(int clusters, int width_before) {
     return "fat_build_super[N]: NumCluster is over the limitation: clus(" +
            std::to_string(clusters) + "), FAT" + std::to_string(width_before) + "\n";
 }
-// Gives everything but the target back to the state in which it was opened.
+// Resets everything but the target to the state after opening.
 void forget_geometry() {
     fat_super fresh = {};
     fresh.fd = sv->fd;
@@ -106,7 +105,7 @@ std::vector<broken_row> broken_boot_sectors() {
     return rows;
 }
 
-// A boot sector on a disk of its own, which is the open volume.
+// A boot sector on its own disk, which is the open volume.
 class BootSector : public testing::Test {
 protected:
     static constexpr std::uint64_t SIZE = 64 * MIB;
@@ -134,7 +133,7 @@ protected:
         put(numbers);
         return mount();
     }
-    // As if nothing had been mounted yet.
+    // Mounts as if no volume had been mounted before.
     static void forget_mount() {
         free_oentry(oentry_table[0]);
         oentry_table[0] = nullptr;
@@ -198,7 +197,7 @@ TEST_F(BootSector, SignatureIsBothBytes) {
                                     {0xFF, 0xFF}}) {
         put(fat16_numbers());
         disk.poke(510, {static_cast<u8>(low), static_cast<u8>(high)});
-        disk.poke(4094, {0x55, 0xAA}); // where it does not count
+        disk.poke(4094, {0x55, 0xAA}); // where it is ignored
         EXPECT_EQ(ask([&] { return get_pbr_sector(buffer.data()); }),
                   (answer{-EINVAL, NO_SIGNATURE}));
         EXPECT_EQ(mount(), (answer{-EINVAL, NO_SIGNATURE + NO_PBR}));
@@ -267,7 +266,7 @@ TEST_F(BootSector, WidthFollowsFromTheClusterCountAlone) {
                 numbers.root_clus = 2;
                 numbers.total_16 = 0;
                 numbers.total_32 = first_data_sector(numbers) + 4 * clusters + rest;
-                numbers.type = clusters % 2 == 0 ? "FAT12   " : "FAT32   "; // read by nobody
+                numbers.type = clusters % 2 == 0 ? "FAT12   " : "FAT32   "; // never read
                 put(numbers);
                 disk.poke(std::uint64_t{numbers.reserved} * 512 + 8, {0xFF, 0xFF, 0xFF, 0x0F});
                 const answer a = mount_from_scratch(numbers);
@@ -311,7 +310,7 @@ TEST_F(BootSector, SixteenBitTotalCountsBeforeTheOther) {
 
 TEST_F(BootSector, Fat32BlockCountsOnlyWithoutASixteenBitFatSize) {
     boot_numbers numbers = fat32_numbers();
-    numbers.total_16 = 5000; // not looked at
+    numbers.total_16 = 5000; // ignored
     EXPECT_EQ(mount(numbers), (answer{0, ""}));
     EXPECT_EQ(sv->total_sectors, numbers.total_32);
     EXPECT_EQ(sv->fat_size, numbers.fat_size_32);
@@ -382,7 +381,7 @@ TEST_F(BootSector, RootWithABrokenChainIsNotMounted) {
         EXPECT_EQ(mount(elsewhere),
                   (answer{-EINVAL, "fat_read_clus[N]: Invalid arg!\n\n" + BAD_CHAIN + NO_ROOT}));
     }
-    EXPECT_EQ(mount(numbers), (answer{0, ""})); // nothing of it is left behind
+    EXPECT_EQ(mount(numbers), (answer{0, ""})); // no state of it remains
     expect_root_open();
 }
 
@@ -513,7 +512,7 @@ TEST_F(DisturbedMount, EachFaultOnFat32) {
 
 namespace {
 
-// A target that is opened as programs do it.
+// A target opened in the way of programs.
 class ImageFile : public volume_test {
 protected:
     [[nodiscard]] std::string image_of(const boot_numbers &numbers) const {
@@ -533,7 +532,7 @@ protected:
         EXPECT_TRUE(table_agrees());
         return {result, messages.text()};
     }
-    // Closing leaves no descriptor and no open entry behind.
+    // Closes the volume and checks that no descriptor and no open entry remains.
     void expect_all_closed() {
         EXPECT_EQ(fat_close_volume(0), 0);
         EXPECT_EQ(sv, nullptr);
@@ -572,7 +571,7 @@ TEST_F(ImageFile, SmallerThanTheFirstTransferIsUnreadable) {
     expect_all_closed();
 }
 
-// The numbers of a boot sector that was refused say nothing of where the image could be cut.
+// The numbers of a refused boot sector do not define where the image can be cut.
 TEST_F(ImageFile, ThatIsRefusedIsNotCut) {
     std::vector<broken_row> rows = broken_boot_sectors();
     for (const u32 clusters : {1U, 4084U}) {
@@ -622,7 +621,7 @@ TEST_F(ImageFile, EachSystemCallThatFails) {
 
 namespace {
 
-// A string field: what stands before its first zero byte.
+// A string field: the bytes before its first zero byte.
 std::string text_field(const bytes &sector, std::size_t offset, std::size_t size) {
     const std::string field(sector.begin() + static_cast<std::ptrdiff_t>(offset),
                             sector.begin() + static_cast<std::ptrdiff_t>(offset + size));
@@ -738,7 +737,7 @@ TEST_F(PrintPbr, Fat32) {
 
 namespace {
 
-// The whole text for any sector, written plainly.
+// The expected text for any sector.
 std::string pbr_text(const bytes &s) {
     const auto number = [&](std::size_t offset, std::size_t size) {
         std::uint32_t value = 0;
@@ -839,7 +838,7 @@ TEST_F(BootSector, AllocationHintOnAStreamThatCannotBeWritten) {
     std::fclose(stream);
 }
 
-// ---- what stands in front of the volume -------------------------------------------------------
+// ---- the area before the volume ---------------------------------------------------------------
 
 namespace {
 

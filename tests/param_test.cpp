@@ -24,7 +24,7 @@ time_t still_clock(time_t *out) {
     return STILL_TIME;
 }
 
-// Requests are checked with a clock that stands still and no page size given.
+// Requests are checked with a stopped clock and without a page size.
 class CheckFormatParam : public testing::Test {
 protected:
     CheckFormatParam() {
@@ -37,7 +37,7 @@ protected:
         fat_page_size_given = 0;
     }
 
-    // The record byte for byte, to see whether anything in it moved.
+    // The bytes of the record, to detect any change.
     std::string image() const {
         return {reinterpret_cast<const char *>(&param), sizeof param};
     }

@@ -1,4 +1,4 @@
-// The end of a volume: what is closed and freed, and cutting an image behind its last cluster.
+// Closing a volume: closed descriptors, freed memory, and cutting an image after its last cluster.
 
 #include "tests/support/every_fault.h"
 #include "tests/support/rows.h"
@@ -45,7 +45,7 @@ int counting_read(void *buf, u64 sector, u32 count) {
     return file_read_sectors(buf, sector, count);
 }
 
-// What every release starts from: a small FAT16 volume whose geometry is set by hand.
+// The volume of every case: a small FAT16 volume with hand-made geometry.
 //
 //   sector 0      boot sector, left zero
 //   sectors 1-2   the FAT, 256 entries in each sector
@@ -103,7 +103,7 @@ protected:
         EXPECT_TRUE(no_entry_is_open());
     }
 
-    // The volume survived a failed compaction: open, without open entries, at its full length.
+    // Checks the volume after a failed compaction: open, without open entries, at its full length.
     void expect_still_open(u64 full_length) {
         ASSERT_NE(sv, nullptr);
         EXPECT_EQ(left_open(), std::vector<int>{sv->fd});
@@ -180,7 +180,7 @@ TEST_F(VolumeRelease, FreesEveryOpenEntry) {
     expect_closed();
 }
 
-// Nothing is known then of what the image holds; by the sums it would be cut to nothing.
+// The content of the image is then not known; the calculation would cut it to nothing.
 TEST_F(VolumeRelease, AnImageThatWasNeverMountedIsNotCut) {
     const std::string unknown = scratch.sparse_file("disk.img", 100000);
     ASSERT_GE(fat_open_volume(unknown.c_str(), 0, 0), 0);
@@ -251,7 +251,7 @@ const cut_row CUTS[] = {
     {"ClusterTwoAlone", 20, 2, {{2, 0xFFFF}}, 2},
     {"ClusterTwoFromAHintOfOne", 20, 1, {{2, 0xFFFF}}, 2},
     {"HighestClusterInUse", 20, 2, {{4, 0xFFFF}, {5, 9}, {9, 0xFFF8}, {12, 0xFFFF}}, 12},
-    // The hint counts as in use, whatever its FAT entry says.
+    // The hint counts as allocated, whatever its FAT entry is.
     {"HintWithNothingInUseAfterIt", 20, 7, {}, 7},
     {"ClusterBelowTheCount", 20, 2, {{19, 0xFFFF}}, 19},
     {"TwoHighestClustersAreNotChecked", 20, 2, {{5, 20}, {20, 21}, {21, 0xFFFF}}, 5},
@@ -317,7 +317,7 @@ TEST_F(Compaction, ReadsAtMostOneSectorForEachCluster) {
 
 TEST_F(Compaction, EachProductHas32BitsAndTheirSumHas64) {
     open_image(20, 0x00400001);
-    sv->num_clusters = 0; // nothing is looked at
+    sv->num_clusters = 0; // nothing is read
     sv->sec_per_clus = 3;
     sv->data_start = 0x00FFFFFF;
     // 0x400000 x 3 x 512 = 0x180000000, cut to 0x80000000; 0xFFFFFF x 512 = 0x1FFFFFE00, cut to

@@ -16,7 +16,7 @@ namespace {
 
 constexpr u64 GIB = 1ULL << 30;
 
-// Whether the transfers are the ones that work on the descriptor of the volume.
+// Whether the transfers are those for the descriptor of the volume.
 bool transfers_reach_the_file() {
     return read_sectors == file_read_sectors && write_sectors == file_write_sectors;
 }
@@ -87,7 +87,7 @@ TEST(FatSuper, FieldsAreInTheirOrder) {
 
 class OpenVolume : public volume_test {
 protected:
-    // A refusal that opens nothing, keeps nothing and leaves the process's state as it was.
+    // Checks a refusal that opens nothing, allocates nothing and does not change the process.
     void expect_nothing_happened() {
         EXPECT_EQ(sv, nullptr);
         EXPECT_TRUE(left_open().empty());
@@ -162,7 +162,7 @@ struct refused_target : named_row {
     int mode;
     int result;
     const char *messages;
-    bool sets_transfers; // they are set once path and mode are accepted
+    bool sets_transfers; // transfers are set after path and mode are accepted
     std::size_t left_open;
 };
 using dir = const scratch_directory &;
@@ -338,7 +338,7 @@ protected:
         EXPECT_EQ(size, UNTOUCHED);
     }
 
-    // A block device whose two sizes are as given.
+    // A block device with these two sizes.
     void expect_device(s64 sectors, s64 seek_end, u64 wanted, const std::string &message) {
         const int fd = open(scratch.sparse_file("device", 4096).c_str(), O_RDWR);
         const pretended_device device(
@@ -387,7 +387,7 @@ TEST_F(CheckVolSize, RefusesADeviceThatDoesNotReportItsSize) {
 
 namespace {
 
-// A block device: its sectors by ioctl, its end by seeking, and what comes of them.
+// A block device: its sectors by ioctl, its end by seeking, and the resulting size.
 struct device_row : named_row {
     s64 sectors;
     s64 seek_end;
@@ -395,7 +395,7 @@ struct device_row : named_row {
     u32 shown_sectors;
     u32 shown_bytes; // their product in 32 bits
     bool is_mismatch;
-    u64 found_end; // where the end is searched for; 0: as sought
+    u64 found_end; // end found by the search; 0: the sought end
 };
 
 const device_row DEVICES[] = {
@@ -462,7 +462,7 @@ TEST_F(OpenVolume, ADeviceWhoseProductWrapsToNothingIsEmpty) {
 
 class DeviceSize : public volume_test {
 protected:
-    // Size of a file of `length` bytes whose end cannot be sought.
+    // Size of an unseekable file of `length` bytes.
     u64 searched_size(u64 length) {
         const int fd = open(scratch.sparse_file("device", length).c_str(), O_RDONLY);
         const pretended_device device({.seek_end = 0});
@@ -478,7 +478,7 @@ TEST_F(DeviceSize, IsWhereTheEndIsOrWhereASearchFindsIt) {
     const int fd = open(scratch.sparse_file("device", 777).c_str(), O_RDONLY);
     {
         const pretended_device device({.seek_end = 1});
-        EXPECT_EQ(get_device_size(fd), 1U); // an end at one is believed
+        EXPECT_EQ(get_device_size(fd), 1U); // an end of one is accepted
     }
     const failing_call fault(call::lseek, EIO);
     EXPECT_EQ(get_device_size(fd), 777U);
@@ -559,7 +559,7 @@ TEST_F(ValidOffset, ChangesNothing) {
 
 class SectorTransfer : public volume_test {
 protected:
-    // Opens a volume whose bytes are known; sector size 0 is the unit of an unknown geometry.
+    // Opens a volume with known bytes; sector size 0: the geometry is unknown.
     void open_known(u32 sector_size, std::size_t length = 40960) {
         content = counted_bytes(length);
         path = scratch.file_with("image", content);
@@ -577,7 +577,7 @@ protected:
         EXPECT_EQ(messages.text(), "file_write_sectors[N]: Check here!\n\n");
     }
 
-    // Puts another descriptor in place of the volume's; the old one is closed with the case.
+    // Replaces the descriptor of the volume; the old one is closed with the case.
     static void replace_descriptor(int fd) {
         sv->fd = fd;
     }
@@ -587,7 +587,7 @@ protected:
     bytes buffer = bytes(16384, 0xEE);
 };
 
-// Sector size 0, of an unknown geometry, is a unit of 4096 bytes.
+// Sector size 0 (geometry unknown) is a unit of 4096 bytes.
 TEST_F(SectorTransfer, MovesSectorsOfEverySize) {
     for (const u32 sector_size : {0U, 512U, 1024U, 2048U, 4096U}) {
         open_known(sector_size);
@@ -614,7 +614,7 @@ TEST_F(SectorTransfer, BeginsAtItsSectorWhereverTheLastOneEnded) {
     EXPECT_EQ(file_write_sectors(bytes(512, 0x11).data(), 0, 1), 1);
     std::fill_n(content.begin(), 512, 0x11);
     buffer.assign(16384, 0xEE);
-    EXPECT_EQ(file_read_sectors(buffer.data(), 1, 0), 0); // none are asked for
+    EXPECT_EQ(file_read_sectors(buffer.data(), 1, 0), 0); // no sector requested
     EXPECT_EQ(file_write_sectors(buffer.data(), 1, 0), 0);
     EXPECT_EQ(buffer, bytes(16384, 0xEE));
     EXPECT_EQ(read_file(path), content);
@@ -668,7 +668,7 @@ TEST_F(SectorTransfer, AShortTransferIsCountedNotRepeated) {
     }
     std::fill_n(content.begin() + 512, 1500, 0xEE);
     EXPECT_EQ(read_file(path), content);
-    // Less than a sector counts as none.
+    // A part of a sector does not count.
     const pretended_device device({.short_transfer_bytes = 511});
     EXPECT_EQ(file_read_sectors(buffer.data(), 0, 1), 0);
     EXPECT_EQ(file_write_sectors(buffer.data(), 0, 1), 0);
@@ -791,7 +791,7 @@ TEST_F(CreateVolume, FillsAFileOfItsOwnerAndGroupWithZeros) {
     EXPECT_EQ(status.st_mode & 07777, 0660U);
     EXPECT_TRUE(transfers_reach_the_file());
     EXPECT_EQ(sv, nullptr); // no volume is opened
-    // What the file held before is replaced.
+    // The former content of the file is replaced.
     EXPECT_GE(create_fat_volume(scratch.file_with("image", counted_bytes(9000)).c_str(), 512, 4),
               0);
     EXPECT_EQ(read_file(path), bytes(2048, 0));
