@@ -1,5 +1,5 @@
-// Free slots for new entries: finding a run of them, growing a directory for one, full volumes and
-// full directories; what was built as another program reads it.
+// Free slots for new entries: finding a span of them, growing a directory, full volumes and full
+// directories; the entries as another program reads them.
 
 #include "tests/support/build_fixture.h"
 #include "tests/support/every_fault.h"
@@ -27,7 +27,7 @@ namespace {
 
 const std::string CHECK_HERE = "fat_find_empty_entries[N]: Check Here!\n\n";
 const std::string NO_MORE_SPACE = "Root directory has no more space\n";
-// How a walk learns that the root area ends at `index`.
+// The message of a walk that reaches the end of the root area at `index`.
 std::string root_ends_at(u32 index) {
     return "get_phy_sector[N]: Invalid sector number in Root dir\n\n"
            "get_dentry_with_clu[N]: Failed to get entry sector!:(0, " +
@@ -36,7 +36,7 @@ std::string root_ends_at(u32 index) {
 
 class FindEmptyEntries : public build_case {
 protected:
-    // Where a run was found; UNTOUCHED: nowhere.
+    // The index of the span; UNTOUCHED: not found.
     struct found {
         answer a;
         u32 index;
@@ -76,7 +76,7 @@ INSTANTIATE_TEST_SUITE_P(Directories, GrowForEntries, testing::ValuesIn(growing_
 
 } // namespace
 
-// ---- runs -------------------------------------------------------------------------------------
+// ---- spans ------------------------------------------------------------------------------------
 
 // The first slots of a directory, x in use, - deleted and . unused; all others are as the last one.
 TEST_P(FindEmptyEntries, FirstSpanThatIsLongEnoughIsTaken) {
@@ -179,7 +179,7 @@ TEST_P(GrowForEntries, FullDirectoryGrowsByAClearedCluster) {
     EXPECT_EQ(dir.record.last, 100U);
     EXPECT_EQ(dir.record.allocated, 5 * cluster_bytes);
     EXPECT_EQ(changes_since(before), "");
-    // Only now it has what was asked for.
+    // Now the directory has the requested span.
     EXPECT_EQ(find(1), at(capacity));
     EXPECT_EQ(find(per_cluster), at(capacity));
     EXPECT_EQ(dir.record.last, 100U);
@@ -437,7 +437,7 @@ TEST_P(Fat16RootArea, CopyOfTheRootsRecordCannotGrowEither) {
     expect_unwritten();
 }
 
-// The number of the first sector of the root area says nothing about a cluster.
+// The number of the first sector of the root area does not identify a cluster.
 TEST_P(Fat16RootArea, SubDirectoryAtTheClusterOfItsNumberGrows) {
     const u32 cluster = sv->rdir_start;
     directory dir = v.sub_directory({cluster});
@@ -467,7 +467,7 @@ protected:
         }
     }
 
-    // Creates a name as the library does, step by step, and gives it data of its own.
+    // Creates a name by the same steps as the library, with its own data.
     void add(oentry *dir, const std::string &text, const std::string &content) {
         const u32 cluster = content.empty() ? 0 : data_cluster(content);
         const int index = build(dir, text, DENTRY_FILE, cluster);

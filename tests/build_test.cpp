@@ -46,7 +46,7 @@ protected:
     answer build(u32 first, u32 count, name_forms *name, u32 kind = DENTRY_FILE, u32 start = 0) {
         return heard(build_entry(&dir.record, first, count, kind, &name->record, start));
     }
-    // The slots of a name as they are to stand from `first` on.
+    // The expected slots of a name from `first` on.
     static void put_into(std::vector<entry_image> *space, u32 first, std::u16string_view wide,
                          const entry_image &entry) {
         const std::vector<entry_image> slots =
@@ -54,7 +54,7 @@ protected:
         std::copy(slots.begin(), slots.end(), space->begin() + first);
         space->at(first + slots.size()) = stamped(entry);
     }
-    // The sectors of slots `first` to `last`, from the last one on down.
+    // The sectors of slots `first` to `last`, in descending order.
     [[nodiscard]] std::vector<u64> sectors_downwards(u32 first, u32 last) const {
         std::vector<u64> result;
         for (u32 i = last + 1; i-- > first;) {
@@ -69,7 +69,7 @@ protected:
 INSTANTIATE_TEST_SUITE_P(Directories, BuildEntry, testing::ValuesIn(all_directories()),
                          directory_shape_name);
 
-// Sectors that hold fewer entries than a name may take slots.
+// Sectors with fewer entries than the slots of a long name.
 class BuildEntryInSmallSectors : public BuildEntry {};
 
 std::vector<directory_shape> small_sectors() {
@@ -82,7 +82,7 @@ INSTANTIATE_TEST_SUITE_P(Directories, BuildEntryInSmallSectors, testing::ValuesI
 
 class InitDirectory : public chain_case {
 protected:
-    // The two entries as they are to be.
+    // The two expected entries.
     static std::pair<entry_image, entry_image> dots(u32 parent, u32 cluster) {
         return {stamped(short_entry(".          ", DIRECTORY, cluster)),
                 stamped(short_entry("..         ", DIRECTORY, parent))};
@@ -130,7 +130,7 @@ TEST(DosTimeDate, PacksADayAndEverySecondSecond) {
     EXPECT_EQ(pack(2024, 2, 29, 12, 34, 56), (packed{0x585D, 0x645C}));
     EXPECT_EQ(pack(2107, 12, 31, 0, 0, 1), (packed{0xFF9F, 0}));
     EXPECT_EQ(pack(1980, 1, 1, 0, 0, 60), (packed{0x0021, 30})); // a leap second
-    // Years that do not fit are cut.
+    // Years that do not fit are truncated.
     EXPECT_EQ(pack(2108, 1, 1), (packed{0x0021, 0}));
     EXPECT_EQ(pack(1979, 12, 31), (packed{0xFF9F, 0}));
 }
@@ -179,7 +179,7 @@ TEST_F(SetEntryValue, EachRowGivesItsEntry) {
         {"NAME       ", DENTRY_DIR, 0x00020003, 0, 0x10, 0},
         {"NAME       ", KIND_SYMLINK, 7, 0, 0, 0xE2},
         {"MY VOLUME  ", DENTRY_VOLUME, 0, 0, 0x08, 0},
-        // Case byte and cluster are stored whole, the name as it is.
+        // Case byte and cluster are stored completely, the name unchanged.
         {"NAME    TXT", DENTRY_FILE, 0xFEDCBA98, 0x18, 0, 0},
         {{"\x05\xFF\x01 lower.\0z", 11}, DENTRY_FILE, 0, 0, 0, 0},
     };
@@ -202,7 +202,7 @@ TEST_F(SetEntryValue, OtherKindsAreRefused) {
     }
     entry_image expected;
     expected.fill(0x55);
-    expected[13] = 0; // cleared before the kind is looked at
+    expected[13] = 0; // cleared before the kind is checked
     EXPECT_EQ(entry, expected);
 }
 
@@ -217,7 +217,7 @@ TEST_F(SetEntryValue, EntryOfTheVolumeLabelHasNoClusterAndNoCase) {
 
 namespace {
 
-// What the mode leaves in an entry, bit by bit.
+// The bits of an entry that a mode sets.
 entry_image with_permissions(entry_image entry, u32 mode, u16 id) {
     const bool group_reads = (mode & 040) != 0;
     const bool group_writes = (mode & 020) != 0;
@@ -266,7 +266,7 @@ TEST_F(SetEntryValue, ParentEntryHasItsOwnModeAndIdentifier) {
     const entry_image plain = stamped(short_entry("..         ", 0x10, 9));
     EXPECT_EQ(set("..         ", DENTRY_DIR, 9), 0);
     EXPECT_EQ(entry, with_permissions(plain, 0000, 0x2222));
-    // Names that only begin like it are others.
+    // Names that only begin like it are different names.
     for (const char *name : {".          ", "..        X", ". .        ", "...        "}) {
         EXPECT_EQ(set(name, DENTRY_DIR, 9), 0);
         EXPECT_EQ(entry, with_permissions(stamped(short_entry(name, 0x10, 9)), 0777, 0x1111));
@@ -277,7 +277,7 @@ TEST_F(SetEntryValue, OtherBitsOfTheModeWordDoNotMatter) {
     fat_perm = {1, 0x1111, 0, 0xFFFFFE00 | 0640, 0};
     EXPECT_EQ(set("NAME       ", DENTRY_FILE), 0);
     EXPECT_EQ(entry, with_permissions(stamped(short_entry("NAME       ", 0)), 0640, 0x1111));
-    fat_perm.perm_mode = 0647; // what others may is kept nowhere
+    fat_perm.perm_mode = 0647; // permissions of others are not stored
     EXPECT_EQ(set("NAME       ", DENTRY_FILE), 0);
     EXPECT_EQ(entry, with_permissions(stamped(short_entry("NAME       ", 0)), 0640, 0x1111));
 }
@@ -327,7 +327,7 @@ TEST(SetLongSlot, TerminatorIsWrittenOnceAndPaddingFollows) {
     const std::u16string name = u"ABCDEFGHIJKLM";
     for (std::size_t length = 0; length < 13; length++) {
         std::vector<u16> units = units_of(name.substr(0, length));
-        units.push_back(0); // and nothing behind it
+        units.push_back(0); // and nothing after it
         EXPECT_EQ(slot_of(0x41, units, 0x11), long_slot(0x41, name.substr(0, length), 0x11))
             << length << " units";
     }
@@ -363,7 +363,7 @@ TEST_P(BuildEntry, ShortNameTakesOneSlot) {
     }
 }
 
-// Nothing of what was there before is kept: no creation and access stamps, no size.
+// The former content of the slot is cleared: creation and access stamps, size.
 TEST_P(BuildEntry, EveryKindWithItsCluster) {
     dir.put(5, deleted(file_number(5)));
     std::vector<entry_image> expected = space();
@@ -392,9 +392,9 @@ TEST_P(BuildEntry, UnknownKindIsRefused) {
 }
 
 TEST_P(BuildEntry, SlotPastTheDirectoryIsRefused) {
-    const u32 behind = dir.record.allocated / 32; // of the FAT16 root it is 512
+    const u32 past = dir.record.allocated / 32; // of the FAT16 root it is 512
     name_forms name("NAME       ");
-    EXPECT_EQ(build(behind, 1, &name),
+    EXPECT_EQ(build(past, 1, &name),
               (answer{-EFAULT, "fat_get_dentry[N]: access the out of range in directory space\n" +
                                    CHECK_HERE}));
     EXPECT_TRUE(sectors_written().empty());
@@ -544,7 +544,7 @@ TEST_P(BuildEntry, ShortNameOfThreeLettersGetsItsTailAfterThem) {
 
 namespace {
 
-// A directory long enough for all tails and a name behind them.
+// A directory long enough for all tails and a name after them.
 class TailsOfADirectory : public testing::TestWithParam<u32> {
 protected:
     static std::vector<u32> many_clusters() {
@@ -701,7 +701,7 @@ TEST_P(BuildEntry, EveryFailingReadOrAllocationWritesNothing) {
         } else if (is_memory && step.k == 1) {
             EXPECT_EQ(a, (answer{-ENOMEM, "add_numeric_tail[N]: Failed to allocate memory!\n\n"}));
         } else {
-            // A FAT sector that cannot be read on the way makes the directory's chain a broken one.
+            // If a FAT sector on the way cannot be read, the chain of the directory is broken.
             EXPECT_TRUE(a.result == (is_memory ? -ENOMEM : -EIO) || a.result == -EINVAL) << a;
             EXPECT_TRUE(step.k == 0 || a.messages.ends_with(CHECK_HERE)) << a;
         }

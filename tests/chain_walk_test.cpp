@@ -175,7 +175,7 @@ TEST_P(ReleaseClusters, KeptPartOfACycleIsReachedAgain) {
             fat.with(cluster, 0);
         }
         EXPECT_EQ(heard(fat_release_clusters(&file.record, keep)), failed(-EINVAL, NOT_RELEASED));
-        EXPECT_EQ(fat.difference(), "") << length << " clusters, " << keep << " kept";
+        EXPECT_EQ(fat.difference(), "") << length << " clusters, " << keep << " retained";
     }
 }
 

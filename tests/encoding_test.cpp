@@ -32,7 +32,7 @@ std::string shown_units(const std::u16string &units) {
 
 // ---- one call ---------------------------------------------------------------------------------
 
-// What convert_cstring_to_uname() makes of a string.
+// The results of convert_cstring_to_uname().
 struct units_made {
     int result;
     std::u16string units; // where it succeeds
@@ -45,7 +45,7 @@ std::ostream &operator<<(std::ostream &out, const units_made &made) {
                << shown_bytes(made.left) << ", messages " << shown_bytes(made.messages) << "}";
 }
 
-// What convert_uname_to_cstring() makes of units.
+// The results of convert_uname_to_cstring().
 struct text_made {
     int result;
     std::string text; // where it succeeds
@@ -71,7 +71,7 @@ text_made not_decoded(int error, const std::string &rest) {
     return {-error, "", "convert_uname_to_cstring[N]: Failed to convert: " + rest + "\n\n"};
 }
 
-// The bytes of units as they lie in memory, up to the first zero byte, as a message shows them.
+// The bytes of units in memory up to the first zero byte, as in a message.
 std::string bytes_of(const std::u16string &units) {
     const std::string all(reinterpret_cast<const char *>(units.data()), units.size() * 2);
     return all.substr(0, all.find('\0'));
@@ -122,13 +122,13 @@ protected:
         return made;
     }
 
-    // The units are given a terminator unless they fill their buffer.
+    // The units are terminated unless they fill their buffer.
     text_made decode(std::u16string_view name) {
         std::vector<u16> units(name.begin(), name.end());
         if (units.size() < LONG_NAME_UNITS) {
             units.push_back(0);
         }
-        units.resize(LONG_NAME_UNITS, 0x58); // what stands behind the terminator is no part of it
+        units.resize(LONG_NAME_UNITS, 0x58); // units after the terminator do not count
         const std::vector<u16> before = units;
         std::vector<char> text(256, '#');
         text.shrink_to_fit();
@@ -378,7 +378,7 @@ TEST_F(FatSetEncoding, ClosingTheVolumeClosesBothConvertersOnce) {
     EXPECT_EQ(sv, nullptr);
 }
 
-// Runs this very case where the directories of conversion modules are hidden.
+// Runs this case again with the directories of conversion modules hidden.
 TEST_F(FatSetEncoding, FailsWhereTheSystemHasNoConversions) {
     if (system_converts("UTF-8")) {
         if (std::getenv("QUORVEL_MODULES_HIDDEN") != nullptr) {
@@ -388,7 +388,7 @@ TEST_F(FatSetEncoding, FailsWhereTheSystemHasNoConversions) {
             GTEST_SKIP() << "hiding the conversion modules takes a mount namespace";
         }
         if (QUORVEL_EMULATED) {
-            GTEST_SKIP() << "an emulated program cannot start itself anew";
+            GTEST_SKIP() << "an emulated program cannot start itself again";
         }
         const testing::TestInfo *self = testing::UnitTest::GetInstance()->current_test_info();
         const outcome hidden = shell_with_private_mounts(
@@ -492,7 +492,7 @@ TEST_F(Utf8, InvalidBytesAreReportedFromTheFirstOne) {
     EXPECT_EQ(encode("caf\xE9 noir"), not_encoded(EILSEQ, "caf\xE9 noir", "\xE9 noir"));
 }
 
-// The units are those of UCS-2: what would take two of them is no character.
+// The units are those of UCS-2: a character of two units is invalid.
 TEST_F(Utf8, CharactersOfFourBytesAreInvalid) {
     EXPECT_EQ(encode("a\xF0\x9F\x98\x80"),
               not_encoded(EILSEQ, "a\xF0\x9F\x98\x80", "\xF0\x9F\x98\x80"));
@@ -699,7 +699,7 @@ TEST_F(ShiftJis, SecondBytesCountAsCharactersOfTheShortName) {
     EXPECT_EQ(verify_valid_name("\x83\x5C"), -EINVAL);
 }
 
-// ---- encodings that wait for what follows a character -----------------------------------------
+// ---- encodings that combine a character with the next one -------------------------------------
 
 TEST_F(Cp1258, TheLastCharacterIsNotHeldBack) {
     EXPECT_EQ(encode("Longname a"), encoded(u"Longname a", "Longname a"));
@@ -755,11 +755,11 @@ TEST_F(Iso2022Jp, ANameOfShiftsAloneIsEmptyAndHasNoLongName) {
     EXPECT_EQ(meter.live_blocks(), 0);
 }
 
-// ---- against converters of their own ----------------------------------------------------------
+// ---- compared with new converters -------------------------------------------------------------
 
 namespace {
 
-// A conversion by a converter that has converted nothing before.
+// A conversion by a new converter.
 struct conversion {
     int error; // 0: none
     std::string out;
@@ -807,7 +807,7 @@ text_made decoded_independently(const char *charset, const std::u16string &units
                         : decoded(c.out);
 }
 
-// Pieces of names of every encoding, right and wrong.
+// Parts of names in every encoding, valid and invalid.
 const std::vector<std::string> PIECES = {"a",
                                          "Z",
                                          "~1",

@@ -1,4 +1,4 @@
-// Short names against the reference model: names of all kinds, directories full of tails.
+// Short names compared with the reference model: names of all kinds, directories full of tails.
 
 #include "tests/support/names.h"
 #include "tests/support/volume.h"
@@ -32,7 +32,7 @@ private:
     std::mt19937 engine_;
 };
 
-// Any byte but zero, mostly one that means something to a name.
+// Any byte but zero, mostly one with a meaning in names.
 char any_character(chance *random) {
     switch (random->below(8)) {
     case 0:
@@ -95,7 +95,7 @@ std::string any_name(chance *random) {
     return name;
 }
 
-// Eleven bytes as they may stand on a medium.
+// Eleven bytes of a possible short name on a medium.
 std::string any_dos_name(chance *random) {
     std::string dos(11, ' ');
     for (char &c : dos) {
@@ -126,7 +126,7 @@ TEST(NamesAtRandom, BecomeTheExpectedShortNames) {
         cut += form.left != name ? 1 : 0;
         mixed += form.case_byte == 255U ? 1 : 0;
     }
-    // Each kind of name is met often.
+    // Each kind of name occurs often.
     for (const u32 count : {refused, lossy, cut, mixed}) {
         EXPECT_GT(count, 300U);
         EXPECT_LT(count, 59000U);
@@ -264,7 +264,7 @@ entry_image any_entry(chance *random, const std::string &near) {
     return entry;
 }
 
-// A short name whose beginning many entries share.
+// A short name with the same beginning as many entries.
 std::string short_name_of_stem(chance *random) {
     const std::string base =
         random->of("AB") + letters(random, 7, random->one_in(2) ? "AB~1" : "AB");
@@ -280,7 +280,8 @@ void try_tails(chance *random, directory *dir, diagnostics *messages, tail_tally
     const std::string near = short_name_of_stem(random);
     const u32 used = random->below(dir->capacity() + 1);
     constexpr u32 GAPS[] = {1, 3, 20, 1000};
-    const u32 gap = GAPS[random->below(4)]; // one entry in so many is none of the run of tails
+    // One in this many entries is not one of the adjacent tails.
+    const u32 gap = GAPS[random->below(4)];
     std::vector<entry_image> entries;
     for (u32 i = 0; i < dir->capacity(); i++) {
         entry_image entry = {};

@@ -1,4 +1,4 @@
-// Numeric tails: putting one on a short name, and choosing the one that a directory has left.
+// Numeric tails: appending one to a short name, and choosing a free one in a directory.
 
 #include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
@@ -58,7 +58,7 @@ directory open_in(volume &volume, const place &place) {
     return place.clusters.empty() ? volume.root() : volume.longer_root(place.clusters);
 }
 
-// What add_numeric_tail() says to one name.
+// The result and the messages of add_numeric_tail() for one name.
 struct answer {
     int result;
     std::string dos;
@@ -84,7 +84,7 @@ answer chosen(const std::string &dos) {
     return {0, dos, ""};
 }
 
-// A directory of three clusters that do not lie in order: 16 entries in each.
+// A directory of three clusters that are not in order: 16 entries in each.
 class AddNumericTail : public testing::Test {
 protected:
     answer ask(const std::string &dos) {
@@ -149,7 +149,7 @@ TEST_F(AppendTail, EachRowGivesItsName) {
         {"        TXT", 1, "~1      TXT"},
         {"FOO~1      ", 2, "FOO~1~2    "},
         {"LONGFI~1   ", 2, "LONGFI~2   "},
-        // One more than any directory is given.
+        // One more than the largest tail in a directory.
         {"LONGFILETXT", 1024, "LON~1024TXT"},
         {"A       TXT", 1024, "A~1024  TXT"},
     };
@@ -220,7 +220,7 @@ TEST_P(AddNumericTailAnywhere, ReadsEachSectorOfTheDirectoryOnceAndWritesNothing
         times[sector] = count;
     }
     for (u32 i = 0; i < dir.sectors.size(); i++) {
-        // What lies behind the last entry that counts may come along with it.
+        // Sectors after the last entry that counts may be read together with it.
         EXPECT_LE(times[dir.sectors[i]], 1) << "sector " << i;
         EXPECT_GE(times[dir.sectors[i]], i < sectors ? 1 : 0) << "sector " << i;
     }
@@ -271,7 +271,7 @@ std::vector<std::string> nine_and(const std::string &name) {
     return result;
 }
 const std::vector<std::string> PADDED = {"A  ~1", "A ~2"};
-// The number is read over everything that is no digit.
+// Bytes that are not digits are skipped within the number.
 const std::vector<std::string> MIXED = {"A~X1", "A~2X", "A~ 3", "A~1B2"};
 const std::vector<std::string> MORE_MIXED = {"A~X1", "A~2X", "A~ 3", "A~1B2", "A~4",   "A~5",
                                              "A~6",  "A~7",  "A~8",  "A~9",   "A~1 0", "A~1~1"};
@@ -282,7 +282,8 @@ const choice_row CHOICES[] = {
     {"ZeroIsNeverTaken", {"A~0", "A~00", "A~"}, "A          ", "A~1        "},
     {"NamesWithoutATilde", {"A1", "A-1", "A       ", "LONGFILE"}, "LONGFILETXT", "LONGFI~1TXT"},
     {"AnotherPrefix", {"B~1", "AB~1", "a~1", "\xC1~1"}, "AC         ", "AC~1       "},
-    // The text before the tilde is compared with so many bytes of the new name, not with its base.
+    // The text before the tilde is compared with that many bytes of the new name, not with its
+    // base.
     {"ShorterPrefixCounts", {"LO~1", "L~2", "LONGF~3"}, "LONGFILETXT", "LONGFI~4TXT"},
     {"TildeInFrontCountsForAShortName", {"~1", "~2X"}, "A          ", "A~3        "},
     {"TildeInFrontCountsForALongName", {"~1", "~2X"}, "LONGFILETXT", "LONGFI~3TXT"},
@@ -321,14 +322,14 @@ TEST_F(AddNumericTail, ATildeAfterTheNameIsNotATail) {
     EXPECT_EQ(ask("ABCDEFGHIJK"), chosen("ABCDEF~1IJK"));
 }
 
-// An entry without a zero byte has no end of its own; neither what stands behind it in the sector
-// nor what lies behind the sector belongs to it.
+// An entry without a zero byte is not terminated; the bytes after it in the sector and the bytes
+// after the sector do not belong to it.
 TEST_F(AddNumericTail, AnEntryWithoutAnEndIsReadNoFurther) {
     entry_image endless;
     endless.fill('!');
     dir.fill_up(endless);
     EXPECT_EQ(ask("!!!!!!!!!!!"), chosen("!!!!!!~1!!!"));
-    // With a tilde at its very end, in the middle of the directory and in the last place.
+    // With a tilde at its end, in the middle of the directory and in the last position.
     endless[31] = '~';
     dir.put(0, endless);
     dir.put(dir.capacity() - 1, endless);
@@ -414,7 +415,7 @@ TEST_F(AllTails, TakenLeaveNone) {
     EXPECT_EQ(ask_large("LOXGFILETXT"), chosen("LOXGFI~1TXT"));
 }
 
-// A tail of 1024 would be accepted by append_tail(), but no directory is given it.
+// append_tail() accepts a tail of 1024, but add_numeric_tail() never chooses it.
 TEST_F(AllTails, TakenLeaveNoTailOf1024) {
     take_all_but(0);
     large.append(short_entry(tailed("X", 1024)));
@@ -499,8 +500,8 @@ TEST_F(AddNumericTail, AChainThatEndsEarlyEndsTheDirectory) {
 
 // ---- failures ---------------------------------------------------------------------------------
 
-// A transfer that moves nothing is no failure here: the sector counts as empty, and an empty entry
-// ends the directory.
+// Intentional: a transfer that moves nothing is not an error here: the sector counts as empty, and
+// an empty entry ends the directory.
 TEST_F(AddNumericTail, AnEmptyTransferIsTheEnd) {
     dir.fill_up(short_entry("FULL       "));
     dir.put(0, short_entry(tailed("A", 1)));

@@ -1,4 +1,4 @@
-// Short names: conversion both ways, the record of a name, tails, what is refused, entry types.
+// Short names: conversion both ways, the record of a name, tails, refused names, entry types.
 
 #include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
@@ -31,7 +31,7 @@ std::u16string units_of(std::string_view text) {
     return {text.begin(), text.end()};
 }
 
-// What the library says is looked at; a volume is open where a case asks for one.
+// Cases check the library's messages; a volume is open only in cases that open one.
 class Names : public testing::Test {
 protected:
     diagnostics messages;
@@ -150,7 +150,7 @@ const short_row FAITHFUL[] = {
     {"\\/:*?\"<>.|", "\\/:*?\"<>|  ", 0x00, ""},
     {"CON", "CON        ", 0x07, ""},
     {"\xC3\xA9t\xC3\xA9.\xE4", "\xC3\xA9T\xC3\xA9   \xE4  ", 0x08, ""},
-    // A first byte E5 is stored as 05; nothing tells it from one that is 05.
+    // A first byte E5 is stored as 05, the same as a first byte 05.
     {"\xE5", "\x05          ", 0x00, ""},
     {"\xE5\xE5.\xE5", "\x05\xE5      \xE5  ", 0x00, ""},
     {"\x05", "\x05          ", 0x00, ""},
@@ -562,7 +562,7 @@ TEST_F(DosnameChecksum, EveryByteCounts) {
     }
 }
 
-// ---- what is refused --------------------------------------------------------------------------
+// ---- refused names ----------------------------------------------------------------------------
 
 TEST_F(VerifyValidName, NineCharactersAreRefusedInEveryPosition) {
     for (const char c : std::string("\\/:*?\"<>|")) {

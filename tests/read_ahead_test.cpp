@@ -1,5 +1,5 @@
-// Sectors read together. Whatever comes of such a transfer, a walk finds and says what it does when
-// every sector is read on its own, and sees what the same call has written.
+// Sectors read together. Whatever the result of such a transfer, a walk returns and prints the same
+// as with single-sector reads, and sees the writes of its own call.
 
 #include "tests/support/capture.h"
 #include "tests/support/every_fault.h"
@@ -24,7 +24,7 @@ constexpr togetherness EVERY_ANSWER[] = {togetherness::WHOLE, togetherness::NOTH
                                          togetherness::GARBAGE_AND_FAILURE};
 togetherness answer_now = togetherness::WHOLE;
 fat_sector_io read_well = nullptr;
-int refused = 0; // transfers of several sectors that did not come whole
+int refused = 0; // incomplete transfers of several sectors
 
 int read_in_part(void *buf, u64 sector, u32 count) {
     if (count == 1 || answer_now == togetherness::WHOLE) {
@@ -39,14 +39,14 @@ int read_in_part(void *buf, u64 sector, u32 count) {
     case togetherness::GARBAGE_AND_FAILURE:
         std::memset(buf, 0x5A, std::size_t{count} * sv->sector_size);
         report_at("file_read_sectors", __LINE__,
-                  "Check here!\n\n"); // nobody has asked for them yet
+                  "Check here!\n\n"); // not requested yet
         return -EIO;
     default:
         return 0;
     }
 }
 
-// A result and what was said with it.
+// A result and its messages.
 struct answer {
     std::int64_t result;
     std::string messages;
@@ -68,7 +68,7 @@ protected:
     static u32 per_fat_sector() {
         return sv->sector_size / (sv->fat_type / 8);
     }
-    // Clusters side by side that take `fat_sectors` sectors of the FAT, and one more elsewhere.
+    // Contiguous clusters that take `fat_sectors` sectors of the FAT, and one more elsewhere.
     std::vector<u32> straight_chain(u32 fat_sectors) {
         std::vector<u32> clusters(std::size_t{fat_sectors} * per_fat_sector() - 5);
         std::iota(clusters.begin(), clusters.end(), 5U);
@@ -81,7 +81,7 @@ protected:
         messages.clear();
         return a;
     }
-    // The sector of cluster `links` links behind the first, by the library and by the model.
+    // The sector of the cluster `links` links after the first, by the library and by the model.
     answer found_sector(u32 links) {
         u32 sector = 0;
         const int result = get_phy_sector(5, links * sv->sec_per_clus, &sector);
@@ -204,14 +204,14 @@ TEST_P(ReadAhead, WindowHolds64KiBAtMostAndOneSectorForAShortWalk) {
     }
     const allocation_meter meter;
     EXPECT_EQ(fat_free_clus(2, volume::last_cluster()), -ENOENT);
-    EXPECT_LE(meter.peak_bytes(), (64U + 32U) * 1024); // the old window goes when the new is there
+    EXPECT_LE(meter.peak_bytes(), (64U + 32U) * 1024); // the old window is freed after the new one
     EXPECT_EQ(meter.live_blocks(), 0);
     for (const transfer &t : v.disk.log) {
         EXPECT_LE(t.count, 65536 / sv->sector_size);
     }
 }
 
-// A medium that fails with several sectors is not asked for those again: it may take its time.
+// A failed transfer of several sectors is not repeated: the medium may be slow to fail.
 TEST_P(ReadAhead, SectorsThatCannotBeReadTogetherAreRequestedOnce) {
     const u32 all = static_cast<u32>(straight_chain(13).size()) - 1;
     answer_now = togetherness::GARBAGE_AND_FAILURE;
@@ -240,8 +240,8 @@ TEST(CycleGuard, PassesAnExtentAsItPassesSingleClusters) {
 
 // ---- what the same call has changed -----------------------------------------------------------
 
-// A chain through many FAT sectors that comes back to a cluster which its release has freed, in a
-// sector that was read together with others: the free entry is what ends the release.
+// A chain through many FAT sectors that returns to a cluster already freed by its release, in a
+// sector that was read together with others: the free entry ends the release.
 TEST_P(ReadAhead, ReleaseSeesWhatItFreedInSectorsReadBefore) {
     for (u32 back_to = 8; back_to < 12; back_to++) {
         const std::vector<u32> clusters = straight_chain(13);
@@ -259,8 +259,8 @@ TEST_P(ReadAhead, ReleaseSeesWhatItFreedInSectorsReadBefore) {
     }
 }
 
-// A chain that goes through many FAT sectors and then back to other clusters in some of them: what
-// was changed there before must not be written away.
+// A chain through many FAT sectors that then returns to other clusters in some of them: the earlier
+// changes of these sectors must not be overwritten.
 TEST_P(ReadAhead, ReleaseKeepsItsEarlierChangesOfASectorThatItReachesAgain) {
     std::vector<u32> clusters = straight_chain(13);
     clusters.pop_back();
@@ -283,8 +283,8 @@ TEST_P(ReadAhead, ReleaseKeepsItsEarlierChangesOfASectorThatItReachesAgain) {
     }
 }
 
-// The second write of an allocation fails although its sector reaches the medium. Taking back the
-// link begins with what stands there now.
+// The second write of an allocation fails although its sector reaches the medium. The undo of the
+// link starts with the current content of the sector.
 TEST_P(ReadAhead, UndoReadsASectorWhoseWriteFailedAgain) {
     v.chain({5});
     oentry file = {};
@@ -301,7 +301,7 @@ TEST_P(ReadAhead, UndoReadsASectorWhoseWriteFailedAgain) {
     EXPECT_EQ(v.link(6), volume::end_mark());
 }
 
-// Allocations that go through many FAT sectors, wrap around and come to those sectors again.
+// Allocations that go through many FAT sectors, wrap around and reach those sectors again.
 TEST_P(ReadAhead, AllocationsSeeTheirOwnChangesAfterTheWrap) {
     for (u32 cluster = 2; cluster <= volume::last_cluster(); cluster++) {
         v.set_link(cluster, volume::end_mark());
@@ -336,7 +336,7 @@ namespace {
 
 class ReadAheadInADirectory : public ReadAhead {
 protected:
-    // Every entry but those of one sector is deleted; the name is in sector `home`.
+    // All entries are deleted except those of one sector; the name is in sector `home`.
     void put_name(const directory &dir, u32 home) {
         for (u32 i = 0; i < dir.capacity(); i++) {
             v.disk.poke(dir.offset_of(i), {0xE5});
@@ -387,19 +387,19 @@ TEST_P(ReadAheadInADirectory, BadSectorMattersOnlyWhenTheLookupReachesIt) {
     EXPECT_GT(refused, 0);
 }
 
-// A transfer of one sector that moves nothing is no failure of a lookup, which takes it for the
-// sector before once more: neither for what lies there, nor for the end of the directory.
+// Intentional: a transfer of one sector that moves nothing is not an error of a lookup. The lookup
+// uses the previous sector again, neither the sector's own content nor the end of the directory.
 TEST_P(ReadAheadInADirectory, MissingSectorIsSkippedByALookup) {
     const directory dir = v.sub_directory({5, 6, 7});
     const u32 per_sector = volume::entries_per_sector();
     for (u32 missing = 1; missing + 1 < dir.sectors.size(); missing++) {
         put_name(dir, missing);
-        const u32 behind = (missing + 1) * per_sector;
+        const u32 after = (missing + 1) * per_sector;
         const entry_image entry = short_entry("HERE       ");
-        v.disk.poke(dir.offset_of(behind), {entry.begin(), entry.end()});
+        v.disk.poke(dir.offset_of(after), {entry.begin(), entry.end()});
         v.disk.failure_result = 0;
         v.disk.bad_sectors = {dir.sectors[missing]};
-        ASSERT_EQ(look_up(5).result, behind);
+        ASSERT_EQ(look_up(5).result, after);
         v.disk.bad_sectors.clear();
     }
 }

@@ -1,5 +1,5 @@
-// Walks over cluster chains and directories: chains that come back on themselves, what a walk
-// reads, and thousands of damaged chains and directories against the reference model.
+// Walks over cluster chains and directories: cyclic chains, the reads of a walk, and thousands of
+// damaged chains and directories compared with the reference model.
 
 #include "tests/support/capture.h"
 #include "tests/support/reference.h"
@@ -26,18 +26,18 @@ bool ends_with(const std::string &text, const std::string &end) {
            text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
-// ---- chains that come back --------------------------------------------------------------------
+// ---- cyclic chains ----------------------------------------------------------------------------
 
-// A tail of so many clusters leads into a circle of so many.
+// A chain with `tail` clusters that lead into a cycle.
 struct rho {
     u32 fat_type;
     u32 sec_per_clus;
     u32 tail;
-    u32 circle;
+    u32 cycle;
 };
 std::ostream &operator<<(std::ostream &out, const rho &r) {
     return out << "Fat" << r.fat_type << "Cluster" << r.sec_per_clus << "Tail" << r.tail << "Cycle"
-               << r.circle;
+               << r.cycle;
 }
 std::string rho_name(const testing::TestParamInfo<rho> &info) {
     return testing::PrintToString(info.param);
@@ -45,23 +45,23 @@ std::string rho_name(const testing::TestParamInfo<rho> &info) {
 std::vector<rho> many_circles() {
     std::vector<rho> result;
     for (const auto &[fat_type, sec_per_clus] : {std::pair{16U, 1U}, {16U, 8U}, {32U, 1U}}) {
-        for (const auto &[tail, circle] : {std::pair{0U, 1U},
-                                           {1U, 1U},
-                                           {0U, 2U},
-                                           {1U, 2U},
-                                           {3U, 1U},
-                                           {0U, 3U},
-                                           {5U, 7U},
-                                           {7U, 5U},
-                                           {0U, 64U},
-                                           {64U, 1U},
-                                           {1U, 64U},
-                                           {63U, 65U},
-                                           {100U, 900U},
-                                           {900U, 100U},
-                                           {0U, 3000U},
-                                           {3000U, 1U}}) {
-            result.push_back({fat_type, sec_per_clus, tail, circle});
+        for (const auto &[tail, cycle] : {std::pair{0U, 1U},
+                                          {1U, 1U},
+                                          {0U, 2U},
+                                          {1U, 2U},
+                                          {3U, 1U},
+                                          {0U, 3U},
+                                          {5U, 7U},
+                                          {7U, 5U},
+                                          {0U, 64U},
+                                          {64U, 1U},
+                                          {1U, 64U},
+                                          {63U, 65U},
+                                          {100U, 900U},
+                                          {900U, 100U},
+                                          {0U, 3000U},
+                                          {3000U, 1U}}) {
+            result.push_back({fat_type, sec_per_clus, tail, cycle});
         }
     }
     return result;
@@ -74,7 +74,7 @@ protected:
         : v({.fat_type = GetParam().fat_type,
              .sec_per_clus = GetParam().sec_per_clus,
              .fill = 0xE5}) {
-        // Neighbours in the chain are far from each other in the FAT.
+        // Adjacent clusters of the chain are far from each other in the FAT.
         for (u32 i = 0; i < length; i++) {
             clusters.push_back(5 + i * 1231 % 4079);
         }
@@ -84,11 +84,11 @@ protected:
         v.disk.log.clear();
     }
 
-    // A walk found out after a few rounds at most. `sectors`: of the directory, for each cluster.
+    // The walk ended after a few rounds at most. `sectors`: of the directory, for each cluster.
     void expect_few_reads(u32 sectors) const {
         EXPECT_LE(v.traffic(), std::uint64_t{4} * (length + 1) * (1 + sectors));
     }
-    // Only one line of complaint about the chain: no entry of it is bad.
+    // Exactly one message about the chain: none of its entries is bad.
     void expect_said(const std::string &end) {
         const std::string text = messages.text();
         EXPECT_EQ(text.rfind("get_phy_sector[N]: invalid value ", 0), 0U) << text;
@@ -98,7 +98,7 @@ protected:
         messages.clear();
     }
 
-    const u32 length = GetParam().tail + GetParam().circle;
+    const u32 length = GetParam().tail + GetParam().cycle;
     volume v;
     std::vector<u32> clusters;
     directory dir{&v, {5}, false};
@@ -153,7 +153,7 @@ TEST_P(Cycle, LookupEndsInFailure) {
                 ")\n\n"
                 "find_dentry_with_clu[N]: fail to get dentry(5, " +
                 number + "):Invalid argument\n");
-    // No sooner than every entry has been seen.
+    // Not before every entry was read.
     EXPECT_GE(std::stoul(number), std::size_t{length} * volume::entries_per_cluster());
 
     v.disk.log.clear();
@@ -254,7 +254,7 @@ TEST_P(LongNameInACycle, IsFoundWhereItEndsBeforeTheReturn) {
 
 namespace {
 
-// A full directory whose chain goes through the FAT in runs: some links in one sector, then some
+// A full directory whose chain alternates between FAT sectors: some links in one sector, then some
 // in another, and back.
 class WalkReads : public testing::TestWithParam<volume_shape> {
 protected:
@@ -262,7 +262,7 @@ protected:
         const u32 far = sv->sector_size / (sv->fat_type / 8);
         return {5, 7, 6, far + 1, far + 9, far + 2, 9, 8, far + 3, 10, 11, 12, 13, 14};
     }
-    // Stretches of links that lie in one FAT sector.
+    // Number of spans of links within one FAT sector.
     static int runs(const std::vector<u32> &links) {
         int result = 0;
         for (std::size_t i = 0; i < links.size(); i++) {
@@ -353,7 +353,7 @@ TEST_P(WalkReads, LongNameReadsASectorAgainForEachSlotAtMost) {
     ASSERT_EQ(fat_get_dentry(&dir.record, first, &entry, buffer.data(), nullptr), 0);
     v.disk.log.clear();
     EXPECT_EQ(get_long_name(&dir.record, first, &entry, buffer.data(), units.data()), 4);
-    // One sector for each entry behind the first slot, one of the FAT where it is in cluster 2.
+    // One sector for each entry after the first slot, and one of the FAT if it is in cluster 2.
     EXPECT_LE(v.traffic(), 4U + 3U);
 }
 
@@ -361,7 +361,7 @@ TEST_P(WalkReads, LongNameReadsASectorAgainForEachSlotAtMost) {
 
 namespace {
 
-// A directory of three sectors whose second one moves nothing when it is read.
+// A directory of three sectors; a read of the second one moves nothing.
 class EmptyRead : public testing::Test {
 protected:
     EmptyRead() {
@@ -399,7 +399,7 @@ const volume_shape RANDOM_SHAPES[] = {
     {.fat_type = 32, .sector_size = 1024, .sec_per_clus = 2},
 };
 
-// Chains and directories made by chance.
+// Random chains and directories.
 class Random : public testing::TestWithParam<volume_shape> {
 protected:
     Random() {
@@ -422,7 +422,7 @@ protected:
         v.set_link(cluster, value | top);
         touched_.push_back(cluster);
     }
-    // Frees every cluster again and heals the medium.
+    // Frees every cluster and repairs the medium.
     void start_over() {
         for (const u32 cluster : touched_) {
             v.set_link(cluster, 0);
@@ -433,13 +433,13 @@ protected:
         v.disk.log.clear();
         messages.clear();
     }
-    // Of the volume as it is; both it and the library begin to print.
+    // The reference model of the current volume; clears the messages of the library.
     model::directories reference() {
         messages.clear();
         return reference_of<model::directories>(&v.disk);
     }
 
-    // Different clusters: one behind the other, near each other, or anywhere.
+    // Different clusters: contiguous, near each other, or anywhere.
     std::vector<u32> some_clusters(u32 count) {
         std::vector<u32> result;
         const u32 manner = below(3);
@@ -461,7 +461,7 @@ protected:
         return one_of<u32>({0, 0, 1, volume::bad_mark(), sv->num_clusters + 2, sv->num_clusters + 3,
                             volume::bad_mark() - 1});
     }
-    // A chain of a few clusters, whole or damaged.
+    // A chain of a few clusters, intact or damaged.
     std::vector<u32> some_chain(u32 longest) {
         const std::vector<u32> clusters = some_clusters(1 + below(longest));
         for (std::size_t i = 0; i < clusters.size(); i++) {
@@ -525,7 +525,7 @@ protected:
         };
         return list;
     }
-    // No directory here has them, however its slots are put together.
+    // Names that no directory here contains, whatever its slots.
     static const std::vector<wanted_name> &absent_names() {
         static const std::vector<wanted_name> list = {
             {"absent.txt", "ABSENT  TXT", u""},
@@ -565,7 +565,7 @@ protected:
             return some_slot();
         }
     }
-    // A name with its slots, whole or with one slot lost, deleted or out of its place.
+    // A name with its slots, intact or with one slot missing, deleted or out of order.
     std::vector<entry_image> some_long_name() {
         const wanted_name &name = one_of(names());
         std::vector<entry_image> result = long_slots(name.wide, name.dos);
@@ -597,7 +597,7 @@ protected:
         dos.resize(11, ' ');
         return short_entry(dos);
     }
-    // Short names with tails: digits behind tildes in all sorts of places.
+    // Short names with tails: digits after tildes in various positions.
     entry_image some_tail() {
         static const std::vector<std::string> prefixes = {"LONGFI", "LONGF", "README", "A",
                                                           "",       "AB~3",  "AB",     "LONGFILE"};
@@ -649,7 +649,7 @@ protected:
         } else {
             ASSERT_EQ(result, -EINVAL);
             ASSERT_TRUE(ends_with(messages.text(), "):Invalid argument\n")) << messages.text();
-            outcomes_["circle"]++;
+            outcomes_["cycle"]++;
         }
     }
     // Takes the entry for the last slot of a long name, if it is a slot and no name that it may
@@ -678,7 +678,7 @@ protected:
         }
         outcomes_[std::to_string(expected)]++;
     }
-    // Each way for a walk to end has been seen a good number of times.
+    // Each way for a walk to end occurred many times.
     void expect_outcomes(const std::vector<std::string> &all, int times) const {
         for (const std::string &outcome : all) {
             const auto count = outcomes_.find(outcome);
@@ -715,7 +715,7 @@ TEST_P(RandomChains, SectorsAreThoseOfTheReferenceModel) {
             messages.clear();
             volume.printed.clear();
             if (is_cycle && link >= length) {
-                // A few rounds may pass before the circle is noticed.
+                // A few rounds may pass before the cycle is noticed.
                 const int result = get_phy_sector(base, index, &sector);
                 u32 expected_sector = 0;
                 ASSERT_TRUE(result == -EINVAL || (result == 0 && link <= 4 * (length + 1)));
@@ -790,7 +790,7 @@ TEST_P(RandomDirectories, LookupsAreThoseOfTheReferenceModel) {
         }
     }
     expect_outcomes(
-        {"found", "circle", std::to_string(-ENOENT), std::to_string(-EINVAL), std::to_string(-EIO)},
+        {"found", "cycle", std::to_string(-ENOENT), std::to_string(-EINVAL), std::to_string(-EIO)},
         20);
 }
 
@@ -836,10 +836,10 @@ TEST_P(RandomDirectories, NumericTailsAreThoseOfTheReferenceModel) {
                 volume.add_numeric_tail(model_chain(dir), &expected_name);
             const int result = add_numeric_tail(&dir.record, reinterpret_cast<u8 *>(dos.data()));
             if (!expected.has_value()) {
-                // A few rounds may pass before the circle is noticed.
+                // A few rounds may pass before the cycle is noticed.
                 const bool may_end = dir.record.allocated / 32 <= 4 * (dir.capacity() + 1);
                 ASSERT_TRUE(result == -EINVAL || (may_end && result == 0)) << result;
-                outcomes_["circle"]++;
+                outcomes_["cycle"]++;
                 continue;
             }
             ASSERT_EQ(result, *expected);
@@ -848,5 +848,5 @@ TEST_P(RandomDirectories, NumericTailsAreThoseOfTheReferenceModel) {
             outcomes_[std::to_string(*expected)]++;
         }
     }
-    expect_outcomes({"0", "circle", std::to_string(-EINVAL), std::to_string(-EIO)}, 10);
+    expect_outcomes({"0", "cycle", std::to_string(-EINVAL), std::to_string(-EIO)}, 10);
 }
