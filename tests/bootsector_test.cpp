@@ -1,5 +1,5 @@
 // The boot sector and the FSInfo sector in memory, byte by byte, and the geometry that the boot
-// sector leaves in the volume record.
+// sector sets in the volume record.
 
 #include "fat/internal.h"
 #include "tests/support/boot_sector.h"
@@ -24,7 +24,7 @@ namespace {
 constexpr std::uint64_t MIB = 1024 * 1024;
 constexpr std::uint32_t VOLUME_ID = 0x89ABCDEF;
 
-// What a request may differ in from the usual one.
+// The fields in which a request may differ from the usual one.
 struct request {
     std::uint32_t fat_size = 0;
     std::uint32_t sector_size = 4096;
@@ -55,7 +55,7 @@ void put_text(bytes *sector, std::size_t offset, std::string_view text) {
     }
 }
 
-// A sector with these numbers, the fields that never differ, and zeros everywhere else.
+// A sector with these numbers, the constant fields, and zeros everywhere else.
 bytes formatted(const boot_numbers &numbers) {
     bytes sector = boot_sector_of(numbers);
     sector.resize(numbers.sector_size);
@@ -125,7 +125,7 @@ std::uint32_t field(const bytes &sector, std::size_t offset, std::size_t size) {
 
 // ---- whole sectors ----------------------------------------------------------------------------
 
-// The numbers of a sector, and the geometry that they give.
+// The numbers of a sector and the resulting geometry.
 struct layout {
     boot_numbers numbers;
     geometry volume;
@@ -226,7 +226,7 @@ TEST_F(CreatePbr, NumberOfFatsIsCountedInTheAreas) {
 }
 
 TEST_F(CreatePbr, ClustersAreCountedFromTheFinalLayout) {
-    // 3 sectors behind the last whole cluster of 64 sectors.
+    // 3 sectors after the last whole cluster of 64 sectors.
     const std::uint32_t before_data = 1 + 2 * 20 + 32;
     boot_sector((before_data + 5000 * 64 + 3) * std::uint64_t{512},
                 {.sector_size = 512, .sec_per_clus = 64, .page_size = 0});
@@ -252,7 +252,7 @@ TEST_F(CreatePbr, Fat32KeepsItsReservedAreaAtThirtyTwoWithEveryPage) {
     }
 }
 
-TEST_F(CreatePbr, AVolumeFormattedAnewForgetsItsFormerGeometry) {
+TEST_F(CreatePbr, AVolumeFormattedAgainForgetsItsFormerGeometry) {
     boot_sector(512 * MIB);
     EXPECT_EQ(sv->root_clus, 2U);
     sv->vol_size = 64 * MIB;
@@ -266,11 +266,11 @@ TEST_F(CreatePbr, AVolumeFormattedAnewForgetsItsFormerGeometry) {
 
 TEST(CreatePbrRefusals, ATargetTooSmallLeavesSectorAndVolumeUntouched) {
     const ram_disk disk(4 * 4096);
-    diagnostics said;
+    diagnostics messages;
     fat_format_param param = param_of({});
     bytes sector(4096);
     EXPECT_EQ(fat::create_pbr(sector.data(), &param), -EINVAL);
-    EXPECT_EQ(said.text(),
+    EXPECT_EQ(messages.text(),
               "Volume size(16384) is too small to format the volume to FAT16\n"
               "Retry to format after enlarge the volume size to larger than (rdir area(4) + "
               "reserved area(1)) * sector size(4096)\n"
@@ -285,9 +285,9 @@ TEST(CreatePbrRefusals, ATargetTooSmallLeavesSectorAndVolumeUntouched) {
 TEST(SetFsinfo, FillsItsFiveFieldsAndNothingElse) {
     for (const std::size_t size : {512U, 1024U, 2048U, 4096U}) {
         bytes sector(size);
-        diagnostics said;
+        diagnostics messages;
         EXPECT_EQ(fat::set_fsinfo(sector.data()), 0);
-        EXPECT_EQ(said.text(), "");
+        EXPECT_EQ(messages.text(), "");
         bytes expected(size);
         for (const auto &[offset, value] : {std::pair{0U, 0x41615252U},
                                             {484U, 0x61417272U},

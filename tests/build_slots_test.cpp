@@ -1,5 +1,5 @@
-// Free slots for new entries: finding a run of them, growing a directory for one, full volumes and
-// full directories; what was built as another program reads it.
+// Free slots for new entries: finding a span of them, growing a directory, full volumes and full
+// directories; the entries as another program reads them.
 
 #include "tests/support/build_fixture.h"
 #include "tests/support/every_fault.h"
@@ -27,7 +27,7 @@ namespace {
 
 const std::string CHECK_HERE = "fat_find_empty_entries[N]: Check Here!\n\n";
 const std::string NO_MORE_SPACE = "Root directory has no more space\n";
-// How a walk learns that the root area ends at `index`.
+// The message of a walk that reaches the end of the root area at `index`.
 std::string root_ends_at(u32 index) {
     return "get_phy_sector[N]: Invalid sector number in Root dir\n\n"
            "get_dentry_with_clu[N]: Failed to get entry sector!:(0, " +
@@ -36,7 +36,7 @@ std::string root_ends_at(u32 index) {
 
 class FindEmptyEntries : public build_case {
 protected:
-    // Where a run was found; UNTOUCHED: nowhere.
+    // The index of the span; UNTOUCHED: not found.
     struct found {
         answer a;
         u32 index;
@@ -76,7 +76,7 @@ INSTANTIATE_TEST_SUITE_P(Directories, GrowForEntries, testing::ValuesIn(growing_
 
 } // namespace
 
-// ---- runs -------------------------------------------------------------------------------------
+// ---- spans ------------------------------------------------------------------------------------
 
 // The first slots of a directory, x in use, - deleted and . unused; all others are as the last one.
 TEST_P(FindEmptyEntries, FirstSpanThatIsLongEnoughIsTaken) {
@@ -109,7 +109,7 @@ TEST_P(FindEmptyEntries, FirstSpanThatIsLongEnoughIsTaken) {
     expect_unwritten();
 }
 
-TEST_P(FindEmptyEntries, EveryOtherEntryBreaksARun) {
+TEST_P(FindEmptyEntries, EveryOtherEntryEndsASpan) {
     const std::pair<entry_image, std::string> others[] = {
         {short_entry("FILE       ", 0), ""},
         {short_entry("DIR        ", DIRECTORY), ""},
@@ -137,7 +137,7 @@ TEST_P(FindEmptyEntries, DeletedSlotsAndLabelsAreFree) {
     EXPECT_EQ(find(3), at(3));
 }
 
-TEST_P(FindEmptyEntries, RunMayCrossSectorsAndClusters) {
+TEST_P(FindEmptyEntries, SpanMayCrossSectorsAndClusters) {
     occupy();
     const u32 cluster_border = volume::entries_per_cluster();
     for (const u32 border : {per_sector, 2 * per_sector, cluster_border, 2 * cluster_border,
@@ -153,7 +153,7 @@ TEST_P(FindEmptyEntries, RunMayCrossSectorsAndClusters) {
     }
 }
 
-TEST_P(FindEmptyEntries, NoSectorIsReadTwiceAndNoTransferBeginsBehindTheRun) {
+TEST_P(FindEmptyEntries, NoSectorIsReadTwiceAndNoTransferBeginsAfterTheSpan) {
     occupy();
     set_free(2 * per_sector, 2 * per_sector);
     v.disk.log.clear();
@@ -179,13 +179,13 @@ TEST_P(GrowForEntries, FullDirectoryGrowsByAClearedCluster) {
     EXPECT_EQ(dir.record.last, 100U);
     EXPECT_EQ(dir.record.allocated, 5 * cluster_bytes);
     EXPECT_EQ(changes_since(before), "");
-    // Only now it has what was asked for.
+    // Now the directory has the requested span.
     EXPECT_EQ(find(1), at(capacity));
     EXPECT_EQ(find(per_cluster), at(capacity));
     EXPECT_EQ(dir.record.last, 100U);
 }
 
-TEST_P(GrowForEntries, RunBeginsInTheOldSpace) {
+TEST_P(GrowForEntries, SpanBeginsInTheOldSpace) {
     for (const u32 left : {1U, 2U, 3U}) {
         directory again = v.sub_directory({200, 201});
         for (u32 i = 0; i < again.capacity(); i++) {
@@ -220,7 +220,7 @@ TEST_P(GrowForEntries, SpanBeginsWithFreeEntriesAtTheEndOnly) {
     }
 }
 
-TEST_P(GrowForEntries, ManyClustersWhereTheRunNeedsThem) {
+TEST_P(GrowForEntries, ManyClustersWhereTheSpanNeedsThem) {
     occupy();
     set_free(capacity - 1, capacity - 1);
     fat_picture fat(&v);
@@ -275,7 +275,7 @@ TEST_P(GrowForEntries, ChainShorterThanRecordedGrowsWhereItEnds) {
 
 // ---- growth that fails ------------------------------------------------------------------------
 
-TEST_P(GrowForEntries, FullVolumeIsTold) {
+TEST_P(GrowForEntries, FullVolumeIsReported) {
     occupy();
     std::vector<u8> fat = v.fat_copy(0);
     std::fill(fat.begin(), fat.end(), u8{0xFF});
@@ -315,7 +315,7 @@ TEST_P(GrowForEntries, LastClusterOfTheVolumeIsTakenAndStaysWhereOneMoreIsMissin
     EXPECT_EQ(find(per_cluster), at(capacity));
 }
 
-TEST_P(GrowForEntries, ClusterThatCannotBeClearedIsTakenBack) {
+TEST_P(GrowForEntries, ClusterThatCannotBeClearedIsFreedAgain) {
     occupy();
     sv->last_alloc_clus = 99;
     const fat_picture fat(&v);
@@ -341,11 +341,11 @@ TEST_P(GrowForEntries, EveryFailureEndsInADirectoryThatIsWhole) {
         if (a.result == 0) {
             // Sectors that cannot be read together are read one by one.
             EXPECT_TRUE(step.struck() ? !step.is(fault::write) : step.k > 1);
-            EXPECT_EQ(a.said, "");
+            EXPECT_EQ(a.messages, "");
             EXPECT_EQ(index, again.capacity());
             return;
         }
-        EXPECT_TRUE(a.said.ends_with(CHECK_HERE)) << a;
+        EXPECT_TRUE(a.messages.ends_with(CHECK_HERE)) << a;
         EXPECT_EQ(index, UNTOUCHED);
         EXPECT_EQ(again.record.last, 201U);
         EXPECT_EQ(again.record.allocated, 2 * cluster_bytes);
@@ -365,10 +365,10 @@ protected:
         }
     }
     answer find(u32 count) {
-        said.clear();
+        messages.clear();
         index = UNTOUCHED;
         const int result = fat_find_empty_entries(&root.record, count, &index);
-        return {result, said.text()};
+        return {result, messages.text()};
     }
     void expect_unwritten() const {
         for (const transfer &t : v.disk.log) {
@@ -377,7 +377,7 @@ protected:
     }
     volume v{GetParam()};
     directory root = v.root();
-    diagnostics said;
+    diagnostics messages;
     u32 index = UNTOUCHED;
 };
 
@@ -401,7 +401,7 @@ INSTANTIATE_TEST_SUITE_P(Sizes, Fat16RootArea, testing::ValuesIn(root_areas()), 
 
 } // namespace
 
-TEST_P(Fat16RootArea, FullRootIsToldAndNothingGrows) {
+TEST_P(Fat16RootArea, FullRootIsReportedAndNothingGrows) {
     fill(root.capacity());
     const fat_picture fat(&v);
     const record_picture before = picture_of(root.record);
@@ -424,7 +424,7 @@ TEST_P(Fat16RootArea, LastSlotIsTakenAndNoMore) {
     expect_unwritten();
 }
 
-TEST_P(Fat16RootArea, EntriesBehindThe512thAreNotCounted) {
+TEST_P(Fat16RootArea, EntriesAfterThe512thAreNotCounted) {
     fill(std::min(root.capacity(), 512U));
     EXPECT_EQ(find(1).result, -ENOSPC);
 }
@@ -437,7 +437,7 @@ TEST_P(Fat16RootArea, CopyOfTheRootsRecordCannotGrowEither) {
     expect_unwritten();
 }
 
-// The number of the first sector of the root area says nothing about a cluster.
+// The number of the first sector of the root area does not identify a cluster.
 TEST_P(Fat16RootArea, SubDirectoryAtTheClusterOfItsNumberGrows) {
     const u32 cluster = sv->rdir_start;
     directory dir = v.sub_directory({cluster});
@@ -446,9 +446,9 @@ TEST_P(Fat16RootArea, SubDirectoryAtTheClusterOfItsNumberGrows) {
     }
     ASSERT_EQ(dir.record.start, sv->rdir_start);
     sv->last_alloc_clus = 99;
-    said.clear();
+    messages.clear();
     EXPECT_EQ(fat_find_empty_entries(&dir.record, 1, &index), 0);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     EXPECT_EQ(index, dir.capacity());
     EXPECT_EQ(dir.record.last, 100U);
 }
@@ -467,11 +467,11 @@ protected:
         }
     }
 
-    // Creates a name as the library does, step by step, and gives it data of its own.
+    // Creates a name by the same steps as the library, with its own data.
     void add(oentry *dir, const std::string &text, const std::string &content) {
         const u32 cluster = content.empty() ? 0 : data_cluster(content);
         const int index = build(dir, text, DENTRY_FILE, cluster);
-        ASSERT_GE(index, 0) << text << ": " << said.text();
+        ASSERT_GE(index, 0) << text << ": " << messages.text();
         u32 sector = 0;
         ASSERT_EQ(get_entry_sector(base_cluster(dir), static_cast<u32>(index), &sector), 0);
         const u64 place =
@@ -534,7 +534,7 @@ protected:
     const std::string image = scratch.file("volume.img");
     const stopped_clock clock{LEAP_DAY};
     volume v{GetParam()};
-    diagnostics said;
+    diagnostics messages;
 
 private:
     int build(oentry *dir, const std::string &text, u32 kind, u32 cluster) {
@@ -544,7 +544,7 @@ private:
         EXPECT_EQ(get_fatnames(writable.data(), &name), 0);
         const u32 count = name.unicode == nullptr ? 1 : 1 + (name.ulen + 12) / 13;
         u32 first = 0;
-        EXPECT_EQ(fat_find_empty_entries(dir, count, &first), 0) << said.text();
+        EXPECT_EQ(fat_find_empty_entries(dir, count, &first), 0) << messages.text();
         const int index = build_entry(dir, first, count, kind, &name, cluster);
         release_name(&name);
         return index;
@@ -603,7 +603,7 @@ TEST_P(ReadByMtools, NamesOfAllLengthsInRootAndSubDirectory) {
         add(&sub, name, expected_contents[path]);
         expected.insert(name);
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     save();
     EXPECT_EQ(listing("A sub-directory/"), expected);
     expected.insert("A sub-directory/");
@@ -628,7 +628,7 @@ TEST_P(ReadByMtools, ManyNamesWithTailsInADirectoryThatGrows) {
         expected.insert(name);
         expected_contents["many/" + name] = content;
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     save();
     EXPECT_EQ(listing("many/"), expected);
     EXPECT_EQ(contents(), expected_contents);

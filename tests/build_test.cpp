@@ -38,7 +38,7 @@ protected:
     }
     const stopped_clock clock{LEAP_DAY};
     entry_image entry;
-    diagnostics said;
+    diagnostics messages;
 };
 
 class BuildEntry : public build_case {
@@ -46,7 +46,7 @@ protected:
     answer build(u32 first, u32 count, name_forms *name, u32 kind = DENTRY_FILE, u32 start = 0) {
         return heard(build_entry(&dir.record, first, count, kind, &name->record, start));
     }
-    // The slots of a name as they are to stand from `first` on.
+    // The expected slots of a name from `first` on.
     static void put_into(std::vector<entry_image> *space, u32 first, std::u16string_view wide,
                          const entry_image &entry) {
         const std::vector<entry_image> slots =
@@ -54,7 +54,7 @@ protected:
         std::copy(slots.begin(), slots.end(), space->begin() + first);
         space->at(first + slots.size()) = stamped(entry);
     }
-    // The sectors of slots `first` to `last`, from the last one on down.
+    // The sectors of slots `first` to `last`, in descending order.
     [[nodiscard]] std::vector<u64> sectors_downwards(u32 first, u32 last) const {
         std::vector<u64> result;
         for (u32 i = last + 1; i-- > first;) {
@@ -69,7 +69,7 @@ protected:
 INSTANTIATE_TEST_SUITE_P(Directories, BuildEntry, testing::ValuesIn(all_directories()),
                          directory_shape_name);
 
-// Sectors that hold fewer entries than a name may take slots.
+// Sectors with fewer entries than the slots of a long name.
 class BuildEntryInSmallSectors : public BuildEntry {};
 
 std::vector<directory_shape> small_sectors() {
@@ -82,7 +82,7 @@ INSTANTIATE_TEST_SUITE_P(Directories, BuildEntryInSmallSectors, testing::ValuesI
 
 class InitDirectory : public chain_case {
 protected:
-    // The two entries as they are to be.
+    // The two expected entries.
     static std::pair<entry_image, entry_image> dots(u32 parent, u32 cluster) {
         return {stamped(short_entry(".          ", DIRECTORY, cluster)),
                 stamped(short_entry("..         ", DIRECTORY, parent))};
@@ -130,7 +130,7 @@ TEST(DosTimeDate, PacksADayAndEverySecondSecond) {
     EXPECT_EQ(pack(2024, 2, 29, 12, 34, 56), (packed{0x585D, 0x645C}));
     EXPECT_EQ(pack(2107, 12, 31, 0, 0, 1), (packed{0xFF9F, 0}));
     EXPECT_EQ(pack(1980, 1, 1, 0, 0, 60), (packed{0x0021, 30})); // a leap second
-    // Years that do not fit are cut.
+    // Years that do not fit are truncated.
     EXPECT_EQ(pack(2108, 1, 1), (packed{0x0021, 0}));
     EXPECT_EQ(pack(1979, 12, 31), (packed{0xFF9F, 0}));
 }
@@ -179,7 +179,7 @@ TEST_F(SetEntryValue, EachRowGivesItsEntry) {
         {"NAME       ", DENTRY_DIR, 0x00020003, 0, 0x10, 0},
         {"NAME       ", KIND_SYMLINK, 7, 0, 0, 0xE2},
         {"MY VOLUME  ", DENTRY_VOLUME, 0, 0, 0x08, 0},
-        // Case byte and cluster are stored whole, the name as it is.
+        // Case byte and cluster are stored completely, the name unchanged.
         {"NAME    TXT", DENTRY_FILE, 0xFEDCBA98, 0x18, 0, 0},
         {{"\x05\xFF\x01 lower.\0z", 11}, DENTRY_FILE, 0, 0, 0, 0},
     };
@@ -191,18 +191,18 @@ TEST_F(SetEntryValue, EachRowGivesItsEntry) {
         expected[13] = mark;
         EXPECT_EQ(entry, expected);
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_F(SetEntryValue, OtherKindsAreRefused) {
     for (const u32 kind : {0U, 1U, 4U, 5U, 6U, 9U, 0x10U, 0xFFFFFFFFU}) {
-        said.clear();
+        messages.clear();
         EXPECT_EQ(set("NAME       ", kind), -EINVAL);
-        EXPECT_EQ(said.text(), "set_entry_value[N]: Check Here!\n\n");
+        EXPECT_EQ(messages.text(), "set_entry_value[N]: Check Here!\n\n");
     }
     entry_image expected;
     expected.fill(0x55);
-    expected[13] = 0; // cleared before the kind is looked at
+    expected[13] = 0; // cleared before the kind is checked
     EXPECT_EQ(entry, expected);
 }
 
@@ -210,14 +210,14 @@ TEST_F(SetEntryValue, EntryOfTheVolumeLabelHasNoClusterAndNoCase) {
     const std::string label = "LABEL 11 CH";
     EXPECT_EQ(set_volume_entry(entry.data(), reinterpret_cast<const u8 *>(label.data())), 0);
     EXPECT_EQ(entry, stamped(short_entry(label, 0x08)));
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 // ---- permissions ------------------------------------------------------------------------------
 
 namespace {
 
-// What the mode leaves in an entry, bit by bit.
+// The bits of an entry that a mode sets.
 entry_image with_permissions(entry_image entry, u32 mode, u16 id) {
     const bool group_reads = (mode & 040) != 0;
     const bool group_writes = (mode & 020) != 0;
@@ -234,7 +234,7 @@ entry_image with_permissions(entry_image entry, u32 mode, u16 id) {
 
 } // namespace
 
-TEST_F(SetEntryValue, EveryModeIsKeptInTheEntry) {
+TEST_F(SetEntryValue, EveryModeIsStoredInTheEntry) {
     const std::pair<u32, u8> kinds[] = {
         {DENTRY_FILE, 0}, {DENTRY_DIR, 0x10}, {KIND_SYMLINK, 0}, {DENTRY_VOLUME, 0x08}};
     for (const auto &[kind, attr] : kinds) {
@@ -266,7 +266,7 @@ TEST_F(SetEntryValue, ParentEntryHasItsOwnModeAndIdentifier) {
     const entry_image plain = stamped(short_entry("..         ", 0x10, 9));
     EXPECT_EQ(set("..         ", DENTRY_DIR, 9), 0);
     EXPECT_EQ(entry, with_permissions(plain, 0000, 0x2222));
-    // Names that only begin like it are others.
+    // Names that only begin like it are different names.
     for (const char *name : {".          ", "..        X", ". .        ", "...        "}) {
         EXPECT_EQ(set(name, DENTRY_DIR, 9), 0);
         EXPECT_EQ(entry, with_permissions(stamped(short_entry(name, 0x10, 9)), 0777, 0x1111));
@@ -277,7 +277,7 @@ TEST_F(SetEntryValue, OtherBitsOfTheModeWordDoNotMatter) {
     fat_perm = {1, 0x1111, 0, 0xFFFFFE00 | 0640, 0};
     EXPECT_EQ(set("NAME       ", DENTRY_FILE), 0);
     EXPECT_EQ(entry, with_permissions(stamped(short_entry("NAME       ", 0)), 0640, 0x1111));
-    fat_perm.perm_mode = 0647; // what others may is kept nowhere
+    fat_perm.perm_mode = 0647; // permissions of others are not stored
     EXPECT_EQ(set("NAME       ", DENTRY_FILE), 0);
     EXPECT_EQ(entry, with_permissions(stamped(short_entry("NAME       ", 0)), 0640, 0x1111));
 }
@@ -313,7 +313,7 @@ TEST(SetLongSlot, ThirteenUnitsFillIt) {
               long_slot(0x42, u"ABCDEFGHIJKLM", 0x7A));
 }
 
-TEST(SetLongSlot, UnitsKeepTheirPlacesAndBytes) {
+TEST(SetLongSlot, UnitsKeepTheirPositionsAndBytes) {
     const std::u16string units = u"\u0102\u0304\u0506\u0708\u090A\u0B0C\u0D0E\u0F10\u1112\u1314"
                                  u"\u1516\u1718\u191A";
     const entry_image slot = slot_of(1, units_of(units), 0xFF);
@@ -327,7 +327,7 @@ TEST(SetLongSlot, TerminatorIsWrittenOnceAndPaddingFollows) {
     const std::u16string name = u"ABCDEFGHIJKLM";
     for (std::size_t length = 0; length < 13; length++) {
         std::vector<u16> units = units_of(name.substr(0, length));
-        units.push_back(0); // and nothing behind it
+        units.push_back(0); // and nothing after it
         EXPECT_EQ(slot_of(0x41, units, 0x11), long_slot(0x41, name.substr(0, length), 0x11))
             << length << " units";
     }
@@ -339,7 +339,7 @@ TEST(SetLongSlot, PaddingUnitEndsTheNameToo) {
     EXPECT_EQ(slot_of(0x41, {u'A', u'B', 0xFFFF}, 0x11), long_slot(0x41, expected, 0x11));
 }
 
-TEST(SetLongSlot, UnitsBehindTheTerminatorAreNotTaken) {
+TEST(SetLongSlot, UnitsAfterTheTerminatorAreNotTaken) {
     EXPECT_EQ(slot_of(0x41,
                       {u'A', 0, u'B', u'C', u'D', u'E', u'F', u'G', u'H', u'I', u'J', u'K', u'L'},
                       0x11),
@@ -363,7 +363,7 @@ TEST_P(BuildEntry, ShortNameTakesOneSlot) {
     }
 }
 
-// Nothing of what was there before is kept: no creation and access stamps, no size.
+// The former content of the slot is cleared: creation and access stamps, size.
 TEST_P(BuildEntry, EveryKindWithItsCluster) {
     dir.put(5, deleted(file_number(5)));
     std::vector<entry_image> expected = space();
@@ -391,10 +391,10 @@ TEST_P(BuildEntry, UnknownKindIsRefused) {
     EXPECT_TRUE(sectors_written().empty());
 }
 
-TEST_P(BuildEntry, SlotBehindTheDirectoryIsRefused) {
-    const u32 behind = dir.record.allocated / 32; // of the FAT16 root it is 512
+TEST_P(BuildEntry, SlotPastTheDirectoryIsRefused) {
+    const u32 past = dir.record.allocated / 32; // of the FAT16 root it is 512
     name_forms name("NAME       ");
-    EXPECT_EQ(build(behind, 1, &name),
+    EXPECT_EQ(build(past, 1, &name),
               (answer{-EFAULT, "fat_get_dentry[N]: access the out of range in directory space\n" +
                                    CHECK_HERE}));
     EXPECT_TRUE(sectors_written().empty());
@@ -520,7 +520,7 @@ TEST_P(BuildEntry, PermissionsComeWithTheEntry) {
 
 // ---- numeric tails ----------------------------------------------------------------------------
 
-TEST_P(BuildEntry, TailIsTheLowestThatIsNotTaken) {
+TEST_P(BuildEntry, TailIsTheLowestFreeOne) {
     dir.append(short_entry("LONGNA~1TXT"));
     dir.append(short_entry("LONGNA~2   ", DIRECTORY));
     dir.append(short_entry("LONGNA~4TXT"));
@@ -534,7 +534,7 @@ TEST_P(BuildEntry, TailIsTheLowestThatIsNotTaken) {
     EXPECT_EQ(name.dos(), "LONGNA~3TXT");
 }
 
-TEST_P(BuildEntry, ShortNameOfThreeLettersGetsItsTailBehindThem) {
+TEST_P(BuildEntry, ShortNameOfThreeLettersGetsItsTailAfterThem) {
     std::vector<entry_image> expected = space();
     name_forms name("FOO     TXT", u"Foo.txt");
     EXPECT_EQ(build(0, 2, &name), (answer{1, ""}));
@@ -544,7 +544,7 @@ TEST_P(BuildEntry, ShortNameOfThreeLettersGetsItsTailBehindThem) {
 
 namespace {
 
-// A directory long enough for all tails and a name behind them.
+// A directory long enough for all tails and a name after them.
 class TailsOfADirectory : public testing::TestWithParam<u32> {
 protected:
     static std::vector<u32> many_clusters() {
@@ -572,7 +572,7 @@ protected:
     const stopped_clock clock{LEAP_DAY};
     volume v{shape()};
     directory dir = v.sub_directory(many_clusters());
-    diagnostics said;
+    diagnostics messages;
 };
 
 INSTANTIATE_TEST_SUITE_P(Widths, TailsOfADirectory, testing::Values(16U, 32U));
@@ -583,7 +583,7 @@ TEST_P(TailsOfADirectory, LastOfThemIs1023AndAfterItNothingIsWritten) {
     take(1022);
     name_forms name("LONGNAMETXT", u"Long name.txt");
     EXPECT_EQ(build_entry(&dir.record, 1100, 2, DENTRY_FILE, &name.record, 0), 1101);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     EXPECT_EQ(name.dos(), "LON~1023TXT");
     EXPECT_EQ(dir.at(1101), stamped(short_entry("LON~1023TXT", 0)));
     EXPECT_EQ(dir.at(1100), long_slot(0x41, u"Long name.txt", checksum_of("LON~1023TXT")));
@@ -591,7 +591,7 @@ TEST_P(TailsOfADirectory, LastOfThemIs1023AndAfterItNothingIsWritten) {
     v.disk.log.clear();
     name_forms another("LONGNAMETXT", u"Long name.txt");
     EXPECT_EQ(build_entry(&dir.record, 1100, 2, DENTRY_FILE, &another.record, 0), -EEXIST);
-    EXPECT_EQ(said.text(), TOO_MANY);
+    EXPECT_EQ(messages.text(), TOO_MANY);
     EXPECT_EQ(another.dos(), "LONGNAMETXT");
     for (const transfer &t : v.disk.log) {
         EXPECT_FALSE(t.is_write) << t;
@@ -600,7 +600,7 @@ TEST_P(TailsOfADirectory, LastOfThemIs1023AndAfterItNothingIsWritten) {
 
 // ---- failures ---------------------------------------------------------------------------------
 
-TEST_P(BuildEntry, SearchForTailsThatFailsIsReturnedWithoutAFurtherWord) {
+TEST_P(BuildEntry, FailedSearchForTailsIsReturnedWithoutAFurtherMessage) {
     occupy();
     v.disk.unreadable = {sector_of(per_sector)};
     name_forms name("LONGNAMETXT", u"Long name.txt");
@@ -608,7 +608,7 @@ TEST_P(BuildEntry, SearchForTailsThatFailsIsReturnedWithoutAFurtherWord) {
     EXPECT_TRUE(sectors_written().empty());
 }
 
-TEST_P(BuildEntry, UnreadableSectorOfTheShortEntryIsTold) {
+TEST_P(BuildEntry, UnreadableSectorOfTheShortEntryIsReported) {
     v.disk.unreadable = {sector_of(per_sector)};
     name_forms name("NAME       ");
     for (const int result : {-1, -5, -28}) {
@@ -619,7 +619,7 @@ TEST_P(BuildEntry, UnreadableSectorOfTheShortEntryIsTold) {
     EXPECT_TRUE(sectors_written().empty());
 }
 
-TEST_P(BuildEntry, UnreadableSectorOfASlotIsTold) {
+TEST_P(BuildEntry, UnreadableSectorOfASlotIsReported) {
     const u32 first = 2 * per_sector - 1;
     const std::vector<entry_image> before = space();
     v.disk.unreadable = {sector_of(first)};
@@ -636,7 +636,7 @@ TEST_P(BuildEntry, WriteOfAnotherCountFails) {
         v.disk.writes_before_failure = 0;
         name_forms name("NAME       ");
         const answer a = build(3, 1, &name);
-        EXPECT_EQ(a.said, CHECK_HERE);
+        EXPECT_EQ(a.messages, CHECK_HERE);
         EXPECT_TRUE(result < 0 ? a.result == result : a.result < 0) << a;
         EXPECT_TRUE(result > 0 || changes_since(before).empty());
     }
@@ -701,9 +701,9 @@ TEST_P(BuildEntry, EveryFailingReadOrAllocationWritesNothing) {
         } else if (is_memory && step.k == 1) {
             EXPECT_EQ(a, (answer{-ENOMEM, "add_numeric_tail[N]: Failed to allocate memory!\n\n"}));
         } else {
-            // A FAT sector that cannot be read on the way makes the directory's chain a broken one.
+            // If a FAT sector on the way cannot be read, the chain of the directory is broken.
             EXPECT_TRUE(a.result == (is_memory ? -ENOMEM : -EIO) || a.result == -EINVAL) << a;
-            EXPECT_TRUE(step.k == 0 || a.said.ends_with(CHECK_HERE)) << a;
+            EXPECT_TRUE(step.k == 0 || a.messages.ends_with(CHECK_HERE)) << a;
         }
         EXPECT_EQ(changes_since(before), "");
         EXPECT_TRUE(sectors_written().empty());
@@ -727,7 +727,7 @@ TEST_P(InitDirectory, FirstTwoEntriesAreWritten) {
     }
 }
 
-TEST_P(InitDirectory, WhatStandsBehindThemInTheSectorStays) {
+TEST_P(InitDirectory, RestOfTheSectorIsNotChanged) {
     fill_data(40, 0xA7);
     EXPECT_EQ(heard(init_directory(9, 40)), (answer{0, ""}));
     const auto [dot, dot_dot] = dots(9, 40);
@@ -757,11 +757,11 @@ TEST_P(InitDirectory, EachEntryHasItsOwnPermissions) {
     EXPECT_TRUE(std::equal(second.begin(), second.end(), data.begin() + 32));
 }
 
-TEST_P(InitDirectory, ClusterThatIsNoneIsRefused) {
+TEST_P(InitDirectory, InvalidClusterIsRefused) {
     for (const u32 cluster : {1U, last_cluster + 1, 0xFFFFFFFFU}) {
         const answer a = heard(init_directory(0, cluster));
         EXPECT_EQ(a.result, -EINVAL);
-        EXPECT_TRUE(a.said.ends_with(INIT_CHECK_HERE)) << a;
+        EXPECT_TRUE(a.messages.ends_with(INIT_CHECK_HERE)) << a;
     }
     EXPECT_TRUE(transfers().empty());
 }
@@ -773,7 +773,7 @@ TEST_P(InitDirectory, ReadOfAnotherCountFails) {
         v.disk.failure_result = result;
         const answer a = heard(init_directory(0, 40));
         EXPECT_LT(a.result, 0) << "the read moved " << result;
-        EXPECT_TRUE(a.said.ends_with(INIT_CHECK_HERE)) << a;
+        EXPECT_TRUE(a.messages.ends_with(INIT_CHECK_HERE)) << a;
     }
     EXPECT_TRUE(sectors_written().empty());
     EXPECT_EQ(data_of(40), all(0xA7));
@@ -784,10 +784,10 @@ TEST_P(InitDirectory, WriteOfAnotherCountFails) {
     v.disk.writes_before_failure = 0;
     const answer a = heard(init_directory(0, 40));
     EXPECT_LT(a.result, 0);
-    EXPECT_EQ(a.said, INIT_CHECK_HERE);
+    EXPECT_EQ(a.messages, INIT_CHECK_HERE);
 }
 
-TEST_P(InitDirectory, EveryFaultIsToldAndWritesNothing) {
+TEST_P(InitDirectory, EveryFaultIsReportedAndWritesNothing) {
     fill_data(40, 0xA7);
     std::vector<fault_kind> kinds = {EVERY_ALLOCATION, EVERY_READ};
     for (const int moved : {-1, -5, -28, 0}) {
@@ -805,12 +805,12 @@ TEST_P(InitDirectory, EveryFaultIsToldAndWritesNothing) {
             EXPECT_EQ(a, (answer{-ENOMEM, INIT_CHECK_HERE}));
         } else if (step.is(fault::read)) {
             EXPECT_EQ(a.result, -EIO);
-            EXPECT_TRUE(a.said.ends_with(INIT_CHECK_HERE)) << a;
+            EXPECT_TRUE(a.messages.ends_with(INIT_CHECK_HERE)) << a;
         } else if (step.kind.transfer_result < 0) {
             EXPECT_EQ(a, (answer{step.kind.transfer_result, INIT_CHECK_HERE}));
         } else {
             EXPECT_LT(a.result, 0);
-            EXPECT_EQ(a.said, INIT_CHECK_HERE);
+            EXPECT_EQ(a.messages, INIT_CHECK_HERE);
         }
         EXPECT_EQ(data_of(40), all(0xA7));
     });

@@ -1,4 +1,4 @@
-// Directories that grow by a cluster, and the open records that must know of it.
+// Directories that grow by a cluster, and the open records that must be updated.
 
 #include "tests/support/chain_fixture.h"
 #include "tests/support/every_fault.h"
@@ -25,7 +25,7 @@ INSTANTIATE_TEST_SUITE_P(Shapes, ExtendDir, testing::ValuesIn(chain_shapes()), s
 
 // ---- growing a directory ----------------------------------------------------------------------
 
-TEST_P(ExtendDir, WithoutADirectoryAClearedClusterStandsAlone) {
+TEST_P(ExtendDir, WithoutADirectoryAClearedClusterIsNotLinked) {
     fat_picture fat(&v);
     fill_data(41, 0x5A);
     sv->last_alloc_clus = 40;
@@ -82,7 +82,7 @@ TEST_P(ExtendDir, FatIsChangedBeforeTheClusterIsCleared) {
     EXPECT_EQ(written[2], volume::first_sector_of(far));
 }
 
-TEST_P(ExtendDir, FullVolumeIsTold) {
+TEST_P(ExtendDir, FullVolumeIsReported) {
     occupy_all_but({});
     directory dir = v.sub_directory({5});
     const fat_picture fat(&v);
@@ -106,7 +106,7 @@ TEST_P(ExtendDir, ErrorOfTheAllocationIsItsOwn) {
               failed(-EINVAL, INVALID_LINK + INVALID_VALUE + NOT_EXTENDED));
 }
 
-TEST_P(ExtendDir, SearchThatWasPassedOverClearsNothing) {
+TEST_P(ExtendDir, IgnoredSearchErrorClearsNothing) {
     occupy_all_but({});
     v.set_link(20, 1);
     directory dir = v.sub_directory({5});
@@ -124,7 +124,7 @@ TEST_P(ExtendDir, SearchThatWasPassedOverClearsNothing) {
     }
 }
 
-TEST_P(ExtendDir, ClusterThatCannotBeClearedIsTakenBack) {
+TEST_P(ExtendDir, ClusterThatCannotBeClearedIsFreedAgain) {
     directory dir = v.sub_directory({5, 9});
     const fat_picture fat(&v);
     for (u32 k = 0; k < sv->sec_per_clus; k++) {
@@ -138,7 +138,7 @@ TEST_P(ExtendDir, ClusterThatCannotBeClearedIsTakenBack) {
         EXPECT_EQ(dir.record.last, 9U);
         EXPECT_EQ(dir.record.allocated, 2 * cluster_bytes);
         EXPECT_EQ(fat.difference(), "");
-        EXPECT_EQ(sv->last_alloc_clus, 41U); // the hint is not taken back
+        EXPECT_EQ(sv->last_alloc_clus, 41U); // the hint is not restored
     }
 }
 
@@ -154,10 +154,10 @@ TEST_P(ExtendDir, OldEndIsMarkedBeforeTheNewClusterIsFreed) {
                                 volume::fat_sector_of(far)}));
 }
 
-TEST_P(ExtendDir, NoMemoryToClearTakesTheClusterBack) {
+TEST_P(ExtendDir, NoMemoryToClearFreesTheClusterAgain) {
     directory dir = v.sub_directory({5});
     const fat_picture fat(&v);
-    // The last allocation that grows it is the one for zeros.
+    // The last allocation of the growth is the buffer of zeros.
     int k = 0;
     for (;; k++) {
         sv->last_alloc_clus = 40;
@@ -180,10 +180,10 @@ TEST_P(ExtendDir, NoMemoryToClearTakesTheClusterBack) {
         EXPECT_EQ(dir.record.allocated, cluster_bytes);
         EXPECT_EQ(fat.difference(), "");
         if (sv->last_alloc_clus == 41) {
-            EXPECT_EQ(a.said, "clear_cluster[N]: Failed to allocate memory!\n\n");
+            EXPECT_EQ(a.messages, "clear_cluster[N]: Failed to allocate memory!\n\n");
         } else {
             EXPECT_EQ(sv->last_alloc_clus, 40U);
-            EXPECT_TRUE(a.said.ends_with(NOT_EXTENDED)) << a.said;
+            EXPECT_TRUE(a.messages.ends_with(NOT_EXTENDED)) << a.messages;
         }
     }
     EXPECT_GE(k, 2);
@@ -214,7 +214,7 @@ TEST_P(ExtendDir, LoneClusterThatCannotBeClearedIsFreed) {
     EXPECT_EQ(sv->last_alloc_clus, 41U);
 }
 
-TEST_P(ExtendDir, UndoThatFailsIsPassedOver) {
+TEST_P(ExtendDir, FailedUndoIsIgnored) {
     directory dir = v.sub_directory({5});
     fat_picture fat(&v);
     sv->last_alloc_clus = far - 1;
@@ -257,7 +257,7 @@ protected:
         EXPECT_EQ(open_root_directory(), 0);
     }
 
-    // A record in the table, as opening makes it, for a chain of these clusters.
+    // A record in the table, as after opening, for a chain of these clusters.
     static oentry *opened(const std::vector<u32> &clusters, u8 attr = DIRECTORY) {
         const entry_image image =
             short_entry("OPENED     ", attr, clusters.empty() ? 0 : clusters.front());
@@ -285,7 +285,7 @@ INSTANTIATE_TEST_SUITE_P(Shapes, SharedGrowthOfFat32, testing::ValuesIn(chain_sh
 
 } // namespace
 
-TEST_P(SharedGrowth, EveryOpenRecordOfTheDirectoryLearnsItsEnd) {
+TEST_P(SharedGrowth, EveryOpenRecordOfTheDirectoryReceivesItsEnd) {
     v.chain({5, 9});
     oentry *first = opened({5, 9});
     oentry *second = opened({5, 9});
@@ -295,7 +295,7 @@ TEST_P(SharedGrowth, EveryOpenRecordOfTheDirectoryLearnsItsEnd) {
     for (const oentry *record : {first, second, third}) {
         expect_end(record, 41, 3);
     }
-    // A further one goes on where the chain ends.
+    // The next growth continues at the end of the chain.
     EXPECT_EQ(heard(fat_extend_dir(third, nullptr)), (answer{0, ""}));
     EXPECT_EQ(heard(fat_extend_dir(first, nullptr)), (answer{0, ""}));
     for (const oentry *record : {first, second, third}) {
@@ -333,7 +333,7 @@ TEST_P(SharedGrowth, EmptyRecordsDoNotLearnOfAnothersFirstCluster) {
     expect_end(empty, 0, 0);
 }
 
-TEST_P(SharedGrowth, FailedGrowthIsSharedWithNobody) {
+TEST_P(SharedGrowth, FailedGrowthIsNotShared) {
     v.chain({5, 9});
     oentry *grown = opened({5, 9});
     const oentry *other = opened({5, 9});
@@ -373,7 +373,7 @@ TEST_P(SharedGrowth, RecordMadeForADotPathTeachesTheOriginal) {
 }
 
 TEST_P(SharedGrowthOfFat32, RootLearnsOfIt) {
-    // What opening ".." of a first-level directory leaves in the table: a copy of the root.
+    // Opening ".." of a first-level directory stores a copy of the root in the table.
     oentry *copy = opened({});
     const entry_image parent = short_entry("..         ", DIRECTORY);
     std::free(copy->dentry);
@@ -419,7 +419,7 @@ TEST_P(SharedGrowthOfFat16, RootAreaIsNotTakenForTheClusterOfItsNumber) {
     }
 }
 
-// ---- growth through every door of the library -------------------------------------------------
+// ---- growth by every function of the library --------------------------------------------------
 
 namespace {
 
@@ -427,11 +427,11 @@ class GrowingDirectory : public chain_case {
 protected:
     GrowingDirectory() {
         EXPECT_EQ(fat_build_super(), 0);
-        said.clear();
+        messages.clear();
     }
     void create(const std::string &path) {
         const int id = fat_create_file(path.c_str());
-        ASSERT_GT(id, 0) << path << ": " << said.text();
+        ASSERT_GT(id, 0) << path << ": " << messages.text();
         EXPECT_EQ(fat_close(id), 0);
     }
     // Names of the live short entries of a chain of clusters, in order.
@@ -483,7 +483,7 @@ std::string numbered(u32 number) {
 
 } // namespace
 
-TEST_P(GrowingDirectory, NamesCreatedThroughSeveralRecordsStandInOneChain) {
+TEST_P(GrowingDirectory, NamesCreatedThroughSeveralRecordsAreInOneChain) {
     const u32 used_before = used_clusters();
     const int first = fat_mkdir("DIR");
     ASSERT_GT(first, 0);
@@ -492,8 +492,8 @@ TEST_P(GrowingDirectory, NamesCreatedThroughSeveralRecordsStandInOneChain) {
     const u32 start = oentry_table[first]->start;
     std::vector<std::string> expected = {".       ", "..      "};
     for (u32 i = 0; i < 5 * volume::entries_per_cluster(); i++) {
-        // A record in turn is the current directory, and every third name goes through another
-        // one, made for the path.
+        // The records become the current directory in turn; every third name is created through
+        // another record, opened for the path.
         if (i % 11 == 0) {
             ASSERT_EQ(fat_set_current(i % 22 == 0 ? first : second), i % 22 == 0 ? first : second);
         }
@@ -510,7 +510,7 @@ TEST_P(GrowingDirectory, NamesCreatedThroughSeveralRecordsStandInOneChain) {
     }
 }
 
-TEST_P(GrowingFat32Root, NamesCreatedThroughSeveralPathsStandInOneChain) {
+TEST_P(GrowingFat32Root, NamesCreatedThroughSeveralPathsAreInOneChain) {
     const u32 used_before = used_clusters();
     std::vector<std::string> expected;
     for (u32 i = 0; i < 4 * volume::entries_per_cluster(); i++) {

@@ -1,6 +1,6 @@
-// Allocating, taking back and releasing clusters on FATs in random states, fragmented, nearly full
-// and damaged, with sectors that cannot be read or written, against the reference model, which
-// changes one entry at a time.
+// Allocating and releasing clusters and undoing allocations on FATs in random states (fragmented,
+// nearly full, damaged, with unreadable and unwritable sectors), compared with the reference model,
+// which changes one entry at a time.
 
 #include "tests/model/chain.h"
 #include "tests/support/capture.h"
@@ -55,7 +55,7 @@ struct state {
     u32 hint = 0;
     bool operator==(const state &) const = default;
 };
-// Where they differ; empty where they do not.
+// Where they differ; empty if they are equal.
 std::string differences(const state &actual, const state &expected) {
     std::ostringstream out;
     if (actual.record != expected.record) {
@@ -104,16 +104,16 @@ std::ostream &operator<<(std::ostream &out, const scenario &s) {
     return out;
 }
 
-// What some calls came to.
+// The outcome of some calls.
 struct course {
     std::vector<int> results;
     std::vector<u32> clusters;
-    std::string said;
+    std::string messages;
     state after;
     std::vector<written> writes; // those that succeeded
 };
 
-// Of writes to one sector in a row only the last is seen when changes are gathered.
+// Gathered changes: of adjacent writes to one sector only the last one is visible.
 std::vector<written> last_of_each_row(const std::vector<written> &writes) {
     std::vector<written> result;
     for (const written &w : writes) {
@@ -186,7 +186,7 @@ public:
 
 // ---- the library ------------------------------------------------------------------------------
 
-// A medium that holds little more than a FAT.
+// A medium with little more than a FAT.
 class small_volume {
 public:
     explicit small_volume(const scenario &s) : s_(s) {
@@ -309,7 +309,7 @@ private:
             return cluster_of(s);
         }
     }
-    // Entries that are free one in so many; in runs, so that chains stay in a sector or leave it.
+    // One in that many entries is free; in spans, so that chains stay in a sector or leave it.
     void fill(scenario *s) {
         constexpr u32 FREE_IN[] = {1, 2, 5, 30, 200, 5000};
         constexpr u32 DAMAGED_IN[] = {10000, 10000, 1000, 100};
@@ -341,7 +341,7 @@ private:
         std::vector<u32> chain;
         for (u32 length = below(3) == 0 ? 0 : 1 + below(below(2) == 0 ? 3 : 60);
              chain.size() < length;) {
-            // Side by side as often as not.
+            // Contiguous in half of the cases.
             const u32 cluster = chain.empty() || below(3) == 0 ? cluster_of(*s) : chain.back() + 1;
             if (cluster > s->clusters + 1 ||
                 std::find(chain.begin(), chain.end(), cluster) != chain.end()) {
@@ -383,8 +383,8 @@ private:
 
 // ---- courses ----------------------------------------------------------------------------------
 
-// One allocation after another, up to the first that fails; then, or where data fail to be written,
-// all of it is taken back.
+// Single allocations up to the first failure; after it, or after a failed write of data, all of
+// them are undone.
 course allocate_as_the_model(const scenario &s, bool data_fails) {
     reference model(s);
     const u32 old_last = model.record.last;
@@ -413,7 +413,7 @@ course allocate_at_once(const scenario &s, bool data_fails) {
     return v.end({result}, clusters);
 }
 
-// The library's single allocations, taken back by its single writes.
+// The library's single allocations, undone by its single writes.
 course allocate_one_by_one(const scenario &s, bool data_fails) {
     small_volume v(s);
     const u32 old_last = v.entry.last;
@@ -435,9 +435,9 @@ course allocate_one_by_one(const scenario &s, bool data_fails) {
     return v.end({result}, clusters);
 }
 
-std::vector<std::string> lines_of(const std::string &said) {
+std::vector<std::string> lines_of(const std::string &messages) {
     std::vector<std::string> result;
-    std::istringstream stream(said);
+    std::istringstream stream(messages);
     for (std::string line; std::getline(stream, line);) {
         if (!line.empty()) {
             result.push_back(line);
@@ -446,19 +446,19 @@ std::vector<std::string> lines_of(const std::string &said) {
     return result;
 }
 
-// Where the words differ; empty where they do not. Gathered changes of a sector fail together, so
-// that lines which single writes would repeat are said once.
+// Where the messages differ; empty if they are equal. Gathered changes of a sector fail together,
+// so that lines repeated by single writes are printed once.
 std::string different_words(const scenario &s, const course &actual, const course &expected) {
-    std::vector<std::string> said = lines_of(actual.said);
-    std::vector<std::string> wanted = lines_of(expected.said);
+    std::vector<std::string> messages = lines_of(actual.messages);
+    std::vector<std::string> wanted = lines_of(expected.messages);
     if (!s.unwritable.empty()) {
-        said.erase(std::unique(said.begin(), said.end()), said.end());
+        messages.erase(std::unique(messages.begin(), messages.end()), messages.end());
         wanted.erase(std::unique(wanted.begin(), wanted.end()), wanted.end());
     }
-    return said == wanted ? "" : actual.said + " instead of " + expected.said;
+    return messages == wanted ? "" : actual.messages + " instead of " + expected.messages;
 }
 
-// How far a case got through the states worth having.
+// Counts the interesting states that a case has reached.
 struct tally {
     int successes = 0, failures = 0, with_fault = 0;
 
@@ -488,7 +488,7 @@ TEST(AllocClusterOnRandomStates, IsTheSameAsInTheReferenceModel) {
         seen.count(s, expected);
         ASSERT_EQ(actual.results, expected.results) << "state " << i << ": " << s;
         ASSERT_EQ(actual.clusters, expected.clusters) << "state " << i << ": " << s;
-        ASSERT_EQ(actual.said, expected.said) << "state " << i << ": " << s;
+        ASSERT_EQ(actual.messages, expected.messages) << "state " << i << ": " << s;
         ASSERT_EQ(differences(actual.after, expected.after), "") << "state " << i << ": " << s;
         ASSERT_TRUE(last_of_each_row(actual.writes) == last_of_each_row(expected.writes))
             << "state " << i << ": " << s;
@@ -496,7 +496,7 @@ TEST(AllocClusterOnRandomStates, IsTheSameAsInTheReferenceModel) {
     seen.expect_variety();
 }
 
-TEST(AllocClustersOnRandomStates, LeaveWhatSingleAllocationsLeave) {
+TEST(AllocClustersOnRandomStates, LeaveTheStateOfSingleAllocations) {
     random_states states(2);
     tally seen;
     for (u32 i = 0; i < STATES; i++) {
@@ -514,7 +514,7 @@ TEST(AllocClustersOnRandomStates, LeaveWhatSingleAllocationsLeave) {
     seen.expect_variety();
 }
 
-TEST(AllocClustersOnRandomStates, SayWhatSingleAllocationsSay) {
+TEST(AllocClustersOnRandomStates, PrintTheMessagesOfSingleAllocations) {
     random_states states(3);
     for (u32 i = 0; i < STATES; i++) {
         const scenario s = states.next();
@@ -586,7 +586,8 @@ TEST(CountClustersOnRandomStates, IsTheSameAsInTheReferenceModel) {
         ASSERT_EQ(actual.results, expected.results)
             << "state " << i << ", first " << first << ": " << s;
         ASSERT_EQ(actual.clusters, expected.clusters) << "state " << i << ": " << s;
-        ASSERT_EQ(actual.said, expected.said) << "state " << i << ", first " << first << ": " << s;
+        ASSERT_EQ(actual.messages, expected.messages)
+            << "state " << i << ", first " << first << ": " << s;
         ASSERT_TRUE(actual.writes.empty());
     }
 }
@@ -614,7 +615,7 @@ TEST(GetChainsOnRandomStates, IsTheSameAsInTheReferenceModel) {
         const course actual = v.end({actual_result}, list);
         ASSERT_EQ(actual.results, expected.results) << "state " << i << ": " << s;
         ASSERT_EQ(actual.clusters, expected.clusters) << "state " << i << ": " << s;
-        ASSERT_EQ(actual.said, expected.said) << "state " << i << ": " << s;
+        ASSERT_EQ(actual.messages, expected.messages) << "state " << i << ": " << s;
     }
 }
 
@@ -622,7 +623,7 @@ TEST(GetChainsOnRandomStates, IsTheSameAsInTheReferenceModel) {
 
 namespace {
 
-// A chain in the first FAT sector, or none, and free clusters scattered over all three.
+// A chain in the first FAT sector, or no chain, and free clusters scattered over all three.
 scenario scattered(u32 fat_type, bool has_chain) {
     scenario s;
     s.fat_type = fat_type;
@@ -639,14 +640,14 @@ scenario scattered(u32 fat_type, bool has_chain) {
         s.before.record = {5, 6, 2 * CLUSTER_BYTES, entry_of(5)};
     } else {
         s.before.record.cached = entry_of(0);
-        s.before.table[0] = s.end_mark(); // receives the end mark of a chain that is not there
+        s.before.table[0] = s.end_mark(); // receives the end mark of a missing chain
     }
     return s;
 }
 
 } // namespace
 
-TEST(AllocClusters, EveryFailureIsTakenBackWhole) {
+TEST(AllocClusters, EveryFailureIsUndoneCompletely) {
     for (const u32 fat_type : {16U, 32U}) {
         for (const bool has_chain : {false, true}) {
             const scenario s = scattered(fat_type, has_chain);
@@ -684,11 +685,11 @@ TEST(AllocClusters, EveryFailureIsTakenBackWhole) {
     }
 }
 
-TEST(AllocClusters, SectorThatCannotBeWrittenDoesNotKeepTheOthersFromBeingTakenBack) {
+TEST(AllocClusters, SectorThatCannotBeWrittenDoesNotStopTheUndoOfTheOthers) {
     for (const u32 fat_type : {16U, 32U}) {
         for (const bool has_chain : {false, true}) {
             scenario s = scattered(fat_type, has_chain);
-            s.before.hint = 2 * s.per_sector() - 1; // the search comes to the first sector last
+            s.before.hint = 2 * s.per_sector() - 1; // the search reaches the first sector last
             s.unwritable = {0};
             const course c = allocate_at_once(s, false);
             EXPECT_EQ(c.results.back(), -EIO);
@@ -697,7 +698,7 @@ TEST(AllocClusters, SectorThatCannotBeWrittenDoesNotKeepTheOthersFromBeingTakenB
     }
 }
 
-TEST(AllocClusters, HintThatWentAroundIsLeftAsTheFailedAllocationFoundIt) {
+TEST(AllocClusters, HintThatWrappedIsNotChangedByTheFailedAllocation) {
     for (const u32 fat_type : {16U, 32U}) {
         scenario s = scattered(fat_type, true);
         s.before.table[s.clusters + 1] = 0;

@@ -23,14 +23,14 @@ protected:
     answer alloc(oentry *entry, u32 *cluster) {
         return heard(fat_alloc_cluster(entry, cluster));
     }
-    // A free-standing cluster, or UNTOUCHED.
+    // An allocated single cluster, or UNTOUCHED.
     u32 alloc_alone() {
         u32 cluster = UNTOUCHED;
         EXPECT_EQ(alloc(nullptr, &cluster), (answer{0, ""}));
         return cluster;
     }
-    // Clusters that are no link. What lies from the first mark of a bad cluster on is an end mark
-    // or the bad one itself.
+    // Numbers that are not a link. Values from the mark of a bad cluster on are this mark or end
+    // marks.
     [[nodiscard]] static std::vector<u32> bad_links() {
         return {1, volume::last_cluster() + 1, volume::bad_mark() - 1, volume::bad_mark()};
     }
@@ -56,13 +56,13 @@ TEST_P(AllocCluster, HintBelowTheDataAreaStartsAtTheFirstCluster) {
     }
 }
 
-TEST_P(AllocCluster, SearchGoesOnBehindTheHint) {
+TEST_P(AllocCluster, SearchContinuesAfterTheHint) {
     sv->last_alloc_clus = 10;
     EXPECT_EQ(alloc_alone(), 11U);
     EXPECT_EQ(sv->last_alloc_clus, 11U);
 }
 
-TEST_P(AllocCluster, OccupiedClustersBehindTheHintArePassedOver) {
+TEST_P(AllocCluster, OccupiedClustersAfterTheHintAreSkipped) {
     fill(11, 14, volume::end_mark());
     v.set_link(12, 11);
     v.set_link(13, last_cluster);
@@ -104,7 +104,7 @@ TEST_P(AllocCluster, ClusterOfTheHintItselfComesLast) {
     EXPECT_EQ(sv->last_alloc_clus, 10U);
 }
 
-TEST_P(AllocCluster, ClustersFreedBehindAreTakenOnlyAfterTheEnd) {
+TEST_P(AllocCluster, ClustersFreedBeforeTheHintAreTakenOnlyAfterTheEnd) {
     occupy_all_but({});
     fill(last_cluster - 2, last_cluster, 0);
     sv->last_alloc_clus = last_cluster - 4;
@@ -134,7 +134,7 @@ TEST_P(AllocCluster, FindsEveryFreeClusterOfTheVolumeOnce) {
 
 // ---- a full volume ----------------------------------------------------------------------------
 
-TEST_P(AllocCluster, FullVolumeIsTold) {
+TEST_P(AllocCluster, FullVolumeIsReported) {
     occupy_all_but({});
     open_entry file({5, 6});
     const shown before = file.now();
@@ -161,7 +161,7 @@ TEST_P(AllocCluster, FullVolumeLeavesABadHintCorrected) {
     }
 }
 
-TEST_P(AllocCluster, LastFreeClusterIsGivenAndThenNone) {
+TEST_P(AllocCluster, LastFreeClusterIsAllocatedAndThenNoneIsLeft) {
     occupy_all_but({last_cluster});
     open_entry file;
     u32 cluster = 0;
@@ -171,7 +171,7 @@ TEST_P(AllocCluster, LastFreeClusterIsGivenAndThenNone) {
     EXPECT_EQ(file.record.last, last_cluster);
 }
 
-TEST_P(AllocCluster, FreeEntriesBehindTheLastClusterAreNone) {
+TEST_P(AllocCluster, FreeEntriesPastTheLastClusterDoNotCount) {
     occupy_all_but({});
     v.set_link(last_cluster + 1, 0);
     sv->last_alloc_clus = sv->num_clusters;
@@ -181,7 +181,7 @@ TEST_P(AllocCluster, FreeEntriesBehindTheLastClusterAreNone) {
 
 // ---- linking ----------------------------------------------------------------------------------
 
-TEST_P(AllocCluster, WithoutAnEntryTheClusterStandsAlone) {
+TEST_P(AllocCluster, WithoutAnEntryTheClusterIsNotLinked) {
     fat_picture fat(&v);
     sv->last_alloc_clus = 100;
     EXPECT_EQ(alloc_alone(), 101U);
@@ -224,7 +224,7 @@ TEST_P(AllocCluster, AllFourBytesOfTheFirstClusterAreStored) {
     EXPECT_EQ(file.image[26] | file.image[27] << 8, static_cast<int>(wanted));
 }
 
-TEST_P(AllocCluster, EmptyEntryWithoutAnImageReceivesItsFirstCluster) {
+TEST_P(AllocCluster, EmptyEntryWithoutADentryCopyReceivesItsFirstCluster) {
     open_entry file;
     file.record.dentry = nullptr;
     const entry_image before = file.image;
@@ -234,7 +234,7 @@ TEST_P(AllocCluster, EmptyEntryWithoutAnImageReceivesItsFirstCluster) {
     EXPECT_EQ(file.now(), (shown{41, 41, cluster_bytes, before}));
 }
 
-TEST_P(AllocCluster, FurtherClusterIsLinkedBehindTheLast) {
+TEST_P(AllocCluster, FurtherClusterIsLinkedAfterTheLast) {
     v.chain({5, 900, 7});
     open_entry file({5, 900, 7});
     fat_picture fat(&v);
@@ -250,7 +250,7 @@ TEST_P(AllocCluster, FurtherClusterIsLinkedBehindTheLast) {
     EXPECT_EQ(sv->last_alloc_clus, 51U);
 }
 
-TEST_P(AllocCluster, SecondClusterIsLinkedBehindTheFirst) {
+TEST_P(AllocCluster, SecondClusterIsLinkedAfterTheFirst) {
     open_entry file;
     u32 cluster = 0;
     sv->last_alloc_clus = far - 1;
@@ -333,7 +333,7 @@ TEST_P(AllocClusterOfFat32, ReservedBitsOfChangedEntriesStay) {
 
 // ---- failing writes ---------------------------------------------------------------------------
 
-TEST_P(AllocCluster, FailingEndMarkTakesTheLinkBack) {
+TEST_P(AllocCluster, FailingEndMarkUndoesTheLink) {
     v.chain({4, 5});
     open_entry file({4, 5});
     const shown before = file.now();
@@ -365,7 +365,7 @@ TEST_P(AllocCluster, OldEndMarkIsWrittenBackAsTheLibraryWritesIt) {
     EXPECT_EQ(fat.with(5, END).difference(), "");
 }
 
-TEST_P(AllocCluster, UndoThatFailsIsPassedOver) {
+TEST_P(AllocCluster, FailedUndoIsIgnored) {
     v.chain({4, 5});
     open_entry file({4, 5});
     const shown before = file.now();
@@ -381,7 +381,7 @@ TEST_P(AllocCluster, UndoThatFailsIsPassedOver) {
     EXPECT_EQ(sv->last_alloc_clus, far - 1);
 }
 
-TEST_P(AllocCluster, EveryFailureLeavesWhatWasBefore) {
+TEST_P(AllocCluster, EveryFailureRestoresTheFormerState) {
     const std::map<fault, std::vector<answer>> failures = {
         {fault::write, {failed(-EIO, CANNOT_WRITE + NOT_LINKED)}},
         {fault::read,
@@ -443,7 +443,7 @@ TEST_P(AllocCluster, DamagedEntryInTheFirstPassEndsTheSearch) {
     EXPECT_TRUE(sectors_written().empty());
 }
 
-TEST_P(AllocCluster, DamagedEntryBehindTheFreeOneIsNotMet) {
+TEST_P(AllocCluster, DamagedEntryAfterTheFreeOneIsNotRead) {
     v.set_link(12, volume::bad_mark());
     v.set_link(9, 1);
     sv->last_alloc_clus = 10;
@@ -478,12 +478,12 @@ TEST_P(AllocCluster, FatThatCannotBeAddressedEndsTheSearch) {
     EXPECT_TRUE(transfers().empty());
 }
 
-// An error of the second pass is passed over: the number that stood in `cluster` is used.
+// An error of the second pass is ignored: the former number in `cluster` is used.
 
 TEST_P(AllocCluster, DamagedEntryInTheSecondPassLeavesTheCallersNumberInUse) {
     occupy_all_but({});
     v.set_link(20, volume::bad_mark());
-    v.set_link(30, 0); // behind the damage, not reached
+    v.set_link(30, 0); // after the damage, not reached
     sv->last_alloc_clus = 100;
     fat_picture fat(&v);
     u32 cluster = 77;
@@ -535,7 +535,7 @@ TEST_P(AllocCluster, UnreadableSectorInTheSecondPassLeavesTheCallersNumberInUse)
     EXPECT_EQ(sv->last_alloc_clus, far + 2);
 }
 
-TEST_P(AllocCluster, WriteThatFollowsThePassedOverErrorStillCounts) {
+TEST_P(AllocCluster, WriteAfterTheIgnoredErrorStillCounts) {
     occupy_all_but({});
     v.disk.unreadable = {volume::fat_sector_of(5)};
     sv->last_alloc_clus = far;
@@ -573,7 +573,7 @@ TEST_P(AllocCluster, ClustersOfANearlyFullVolumeCostTheSectorsPassed) {
         ASSERT_EQ(alloc(&file.record, &cluster), (answer{0, ""}));
         EXPECT_EQ(cluster, 100 * (i + 1));
     }
-    // The sector where a search begins, and those of the two entries that change, are read anew.
+    // The first sector of a search and the sectors of the two changed entries are read again.
     const u64 fat_sectors = volume::fat_sector_of(last_cluster) - sv->fat_start + 1;
     EXPECT_LE(sectors_read(), fat_sectors + 3 * free_clusters);
     EXPECT_LE(sectors_written().size(), 2 * free_clusters);
@@ -652,7 +652,7 @@ TEST_P(ClearCluster, WriteOfAnotherCountFails) {
     }
 }
 
-TEST_P(ClearCluster, NumberIsNotHeldAgainstTheVolume) {
+TEST_P(ClearCluster, NumberIsNotCheckedAgainstTheVolume) {
     sv->vol_size += 10 * cluster_bytes;
     transfers();
     EXPECT_EQ(heard(clear_cluster(last_cluster + 5)), (answer{0, ""}));
@@ -666,7 +666,7 @@ TEST_P(ClearCluster, NumbersBelowTheFirstOneCountBackwards) {
     for (const u32 cluster : {1U, 0U}) {
         const u32 distance = (2 - cluster) * sv->sec_per_clus;
         if (distance > sv->data_start) {
-            continue; // that would be no sector of the medium
+            continue; // not a sector of the medium
         }
         transfers();
         EXPECT_EQ(heard(clear_cluster(cluster)), (answer{0, ""}));

@@ -64,7 +64,7 @@ TEST_P(CountClusters, FreeEntryInTheChainGivesZero) {
     EXPECT_EQ(last, UNTOUCHED);
 }
 
-TEST_P(CountClusters, DamagedLinkIsTold) {
+TEST_P(CountClusters, DamagedLinkIsReported) {
     for (const u32 value : {1U, last_cluster + 1, volume::bad_mark() - 1, volume::bad_mark()}) {
         v.chain({5, 6, 7});
         v.set_link(7, value);
@@ -74,7 +74,7 @@ TEST_P(CountClusters, DamagedLinkIsTold) {
     }
 }
 
-TEST_P(CountClusters, FirstClusterThatIsNoneIsTold) {
+TEST_P(CountClusters, InvalidFirstClusterIsReported) {
     for (const u32 first : {0U, 1U, last_cluster + 1, 0xFFFFFFFFU}) {
         u32 last = UNTOUCHED;
         EXPECT_EQ(heard(fat_count_clusters(first, &last)),
@@ -116,9 +116,9 @@ TEST_P(CountClusters, WholeVolumeAsOneChainReadsEachFatSectorOnce) {
     EXPECT_LE(sectors_read(), volume::fat_sector_of(last_cluster) - sv->fat_start + 1);
 }
 
-// ---- circles ----------------------------------------------------------------------------------
+// ---- cycles -----------------------------------------------------------------------------------
 
-TEST_P(CountClusters, CircleIsABrokenChain) {
+TEST_P(CountClusters, CycleIsABrokenChain) {
     for (const auto &[length, back_to] : std::initializer_list<std::pair<u32, u32>>{{1, 0},
                                                                                     {2, 0},
                                                                                     {2, 1},
@@ -139,7 +139,7 @@ TEST_P(CountClusters, CircleIsABrokenChain) {
     }
 }
 
-TEST_P(CountClusters, CircleNeedsNoTableOfClusters) {
+TEST_P(CountClusters, CycleNeedsNoTableOfClusters) {
     const std::vector<u32> clusters = circular_chain(&v, 200, 0);
     const allocation_meter meter;
     u32 last = UNTOUCHED;
@@ -148,7 +148,7 @@ TEST_P(CountClusters, CircleNeedsNoTableOfClusters) {
     EXPECT_EQ(meter.live_blocks(), 0);
 }
 
-TEST_P(ReleaseClusters, CircleIsReleasedUpToItsReturnAndThenBroken) {
+TEST_P(ReleaseClusters, CycleIsReleasedUpToItsReturnAndThenBroken) {
     for (const auto &[length, back_to] : std::initializer_list<std::pair<u32, u32>>{
              {1, 0}, {2, 0}, {3, 0}, {3, 2}, {64, 0}, {64, 63}, {100, 37}}) {
         const std::vector<u32> clusters = circular_chain(&v, length, back_to);
@@ -164,8 +164,8 @@ TEST_P(ReleaseClusters, CircleIsReleasedUpToItsReturnAndThenBroken) {
     }
 }
 
-// What is kept of a circle is freed when the walk comes back to it.
-TEST_P(ReleaseClusters, KeptPartOfACircleIsReachedAgain) {
+// The part of a cycle that is to stay is freed when the walk reaches it again.
+TEST_P(ReleaseClusters, KeptPartOfACycleIsReachedAgain) {
     for (const auto &[length, keep] : std::initializer_list<std::pair<u32, u32>>{
              {2, 1}, {3, 1}, {3, 2}, {5, 3}, {9, 1}, {16, 15}, {64, 8}}) {
         const std::vector<u32> clusters = circular_chain(&v, length, 0);
@@ -175,11 +175,11 @@ TEST_P(ReleaseClusters, KeptPartOfACircleIsReachedAgain) {
             fat.with(cluster, 0);
         }
         EXPECT_EQ(heard(fat_release_clusters(&file.record, keep)), failed(-EINVAL, NOT_RELEASED));
-        EXPECT_EQ(fat.difference(), "") << length << " clusters, " << keep << " kept";
+        EXPECT_EQ(fat.difference(), "") << length << " clusters, " << keep << " retained";
     }
 }
 
-TEST_P(ReleaseClusters, CircleThatIsKeptWholeEndsTheWalkInBoundedReads) {
+TEST_P(ReleaseClusters, CycleThatIsKeptWholeEndsTheWalkInBoundedReads) {
     for (const u32 length : {1U, 2U, 3U, 50U}) {
         const std::vector<u32> clusters = circular_chain(&v, length, 0);
         open_entry file(clusters);
@@ -190,7 +190,7 @@ TEST_P(ReleaseClusters, CircleThatIsKeptWholeEndsTheWalkInBoundedReads) {
     }
 }
 
-TEST_P(GetChains, CircleIsListedAsLongAsTheRecordSays) {
+TEST_P(GetChains, CycleIsListedUpToTheRecordedLength) {
     const std::vector<u32> clusters = circular_chain(&v, 3, 0);
     open_entry file(clusters);
     file.record.allocated = 5 * cluster_bytes;
@@ -220,7 +220,7 @@ TEST_P(ReleaseClusters, WholeChainIsFreed) {
     EXPECT_EQ(sv->last_alloc_clus, 1234U);
 }
 
-TEST_P(ReleaseClusters, RecordThatSaysLessIsWarnedOf) {
+TEST_P(ReleaseClusters, RecordedLengthTooSmallIsWarnedOf) {
     v.chain({5, 6, 7});
     open_entry file({5, 6, 7});
     file.record.allocated = 2 * cluster_bytes;
@@ -229,7 +229,7 @@ TEST_P(ReleaseClusters, RecordThatSaysLessIsWarnedOf) {
     EXPECT_EQ(fat.with(5, 0).with(6, 0).with(7, 0).difference(), "");
 }
 
-TEST_P(ReleaseClusters, RecordThatSaysMoreIsWarnedOf) {
+TEST_P(ReleaseClusters, RecordedLengthTooLargeIsWarnedOf) {
     v.chain({5, 6, 7});
     open_entry file({5, 6, 7});
     file.record.allocated = 4 * cluster_bytes;
@@ -243,7 +243,7 @@ TEST_P(ReleaseClusters, RecordThatEndsElsewhereIsWarnedOf) {
     EXPECT_EQ(heard(fat_release_clusters(&file.record, 0)), (answer{3, TRUNCATED}));
 }
 
-TEST_P(ReleaseClusters, KeptClustersAndTheLinkBehindThemStay) {
+TEST_P(ReleaseClusters, KeptClustersAndTheLinkAfterThemStay) {
     for (const u32 keep : {1U, 2U, 3U}) {
         v.chain({5, 6, far, 7});
         open_entry file({5, 6, far, 7});
@@ -260,7 +260,7 @@ TEST_P(ReleaseClusters, KeptClustersAndTheLinkBehindThemStay) {
     }
 }
 
-TEST_P(ReleaseClusters, NothingBehindWhatIsKeptIsFreed) {
+TEST_P(ReleaseClusters, NothingAfterTheKeptClustersIsFreed) {
     v.chain({5, 6, 7});
     open_entry file({5, 6, 7});
     const fat_picture fat(&v);
@@ -289,7 +289,7 @@ TEST_P(ReleaseClusters, EmptyEntryHasNoChain) {
     EXPECT_TRUE(transfers().empty());
 }
 
-TEST_P(ReleaseClusters, FreeEntryInTheChainEndsItWithWhatWasFreed) {
+TEST_P(ReleaseClusters, FreeEntryInTheChainEndsTheRelease) {
     v.chain({5, 6, 7, 8});
     v.set_link(7, 0);
     open_entry file({5, 6, 7, 8});
@@ -298,7 +298,7 @@ TEST_P(ReleaseClusters, FreeEntryInTheChainEndsItWithWhatWasFreed) {
     EXPECT_EQ(fat.with(5, 0).with(6, 0).difference(), "");
 }
 
-TEST_P(ReleaseClusters, DamagedLinkEndsItWithWhatWasFreed) {
+TEST_P(ReleaseClusters, DamagedLinkEndsTheRelease) {
     for (const u32 value : {1U, last_cluster + 1, volume::bad_mark()}) {
         v.chain({5, 6, far});
         v.set_link(far, value);
@@ -332,9 +332,9 @@ TEST_P(ReleaseClusters, EveryFailureLeavesTheFrontOfTheChainFree) {
                 << a;
         } else {
             EXPECT_TRUE(a.result == -EINVAL || a.result == -ENOMEM) << a;
-            EXPECT_TRUE(a.said.ends_with(NOT_RELEASED)) << a;
+            EXPECT_TRUE(a.messages.ends_with(NOT_RELEASED)) << a;
         }
-        // Freed clusters are those at the front, nothing behind them has changed.
+        // The freed clusters are the first ones; the clusters after them have not changed.
         std::size_t freed = 0;
         while (freed < clusters.size() && v.link(clusters[freed]) == 0) {
             freed++;
@@ -379,7 +379,7 @@ TEST_P(ReleaseClusters, WholeVolumeIsFreedInOnePassOverTheFat) {
 
 namespace {
 
-// What an array holds up to its terminator, which must come within `slots`.
+// The numbers of an array before its terminator, which must be within `slots`.
 std::vector<u32> listed(const u32 *array, u32 slots) {
     std::vector<u32> result;
     for (u32 i = 0; i < slots; i++) {
@@ -422,7 +422,7 @@ TEST_P(GetChains, EntryWithNothingAllocatedHasNoArray) {
     EXPECT_TRUE(transfers().empty());
 }
 
-TEST_P(GetChainsOfFat16, RootAndWhateverHasNoImageHasNoChain) {
+TEST_P(GetChainsOfFat16, RootAndEntriesWithoutADentryCopyHaveNoChain) {
     directory root = v.root();
     directory dir = v.sub_directory({5});
     dir.record.dentry = nullptr;
@@ -434,7 +434,7 @@ TEST_P(GetChainsOfFat16, RootAndWhateverHasNoImageHasNoChain) {
     for (oentry *record : {&root.record, &dir.record, &elsewhere.record}) {
         EXPECT_EQ(heard(fat_get_chains(record, &array)),
                   failed(-EINVAL, "fat_get_chains[N]: Invalid arg!\n\n"));
-        record->allocated = 0; // is looked at later
+        record->allocated = 0; // is checked later
         EXPECT_EQ(heard(fat_get_chains(record, &array)),
                   failed(-EINVAL, "fat_get_chains[N]: Invalid arg!\n\n"));
         EXPECT_EQ(array, &something);
@@ -504,7 +504,7 @@ TEST_P(GetChains, SizeOfLessThanAClusterStillGivesATerminatedArray) {
     }
 }
 
-TEST_P(GetChains, BrokenChainIsToldAndNothingIsKept) {
+TEST_P(GetChains, BrokenChainIsReportedAndNothingStaysAllocated) {
     struct damage {
         u32 value;
         std::string message;
@@ -520,7 +520,7 @@ TEST_P(GetChains, BrokenChainIsToldAndNothingIsKept) {
         const allocation_meter meter;
         EXPECT_EQ(fat_get_chains(&file.record, &array), -EINVAL);
         EXPECT_EQ(meter.live_blocks(), 0);
-        EXPECT_EQ(heard(0).said, d.message + NOT_LISTED);
+        EXPECT_EQ(heard(0).messages, d.message + NOT_LISTED);
         EXPECT_EQ(array, nullptr);
     }
 }

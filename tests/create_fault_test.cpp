@@ -28,7 +28,7 @@ protected:
         sv->last_alloc_clus = 9;
         free_before = v->count_free();
         others = v->disk.peek(dir->offset_of(0), std::size_t{14} * 32);
-        said.clear();
+        messages.clear();
     }
 
     // `clusters`: the most that the creation takes, of the directory's growth and of the entry.
@@ -63,13 +63,13 @@ protected:
     template <typename Call>
     void expect_next(const Call &call) {
         const int result = call();
-        ASSERT_TRUE(result >= 0 || result == -EEXIST) << result << said.text();
+        ASSERT_TRUE(result >= 0 || result == -EEXIST) << result << messages.text();
     }
 
     const fault_kind kind = std::get<0>(GetParam()).kind;
     std::unique_ptr<mounted> v;
     std::unique_ptr<directory> dir;
-    diagnostics said;
+    diagnostics messages;
     u32 free_before = 0;
     bytes others;
 };

@@ -225,7 +225,7 @@ TEST_F(CreateFile, ExistingNameIsRefusedAndNothingIsWritten) {
     EXPECT_EQ(create("Some long name"), exists("Some long name", 4));
     EXPECT_EQ(make_dir("readme.txt"), exists("readme.txt", 1));
     const outcome link = symlink("target", "readme.txt");
-    EXPECT_EQ(link, came_to(-EEXIST, exists("readme.txt", 1).said +
+    EXPECT_EQ(link, came_to(-EEXIST, exists("readme.txt", 1).messages +
                                          "fat_create_symlink[N]: Check here!\n\n"));
     EXPECT_TRUE(nothing_written());
     EXPECT_EQ(mounted::open_ids(), 1);
@@ -624,7 +624,7 @@ TEST_F(DoCreate, ResultIsTheIndexOfTheShortEntry) {
     EXPECT_EQ(do_create(sv->root_dir, short_name, DENTRY_FILE), 1);
     EXPECT_EQ(do_create(sv->root_dir, long_name, DENTRY_DIR), 4);
     EXPECT_EQ(do_create(sv->root_dir, long_name, DENTRY_FILE), -EEXIST);
-    EXPECT_EQ(said.text(), found(0, 4));
+    EXPECT_EQ(messages.text(), found(0, 4));
     EXPECT_EQ(mounted::open_ids(), 1);
 }
 
@@ -658,7 +658,8 @@ TEST_F(DoCreate, UnknownKindIsRefusedAndWritesNothing) {
     char name[] = "a";
     v.disk.log.clear();
     EXPECT_EQ(do_create(sv->root_dir, name, 5), -EINVAL);
-    EXPECT_EQ(said.text(), "set_entry_value[N]: Check Here!\n\nbuild_entry[N]: Check here!\n\n");
+    EXPECT_EQ(messages.text(),
+              "set_entry_value[N]: Check Here!\n\nbuild_entry[N]: Check here!\n\n");
     EXPECT_TRUE(nothing_written());
 }
 

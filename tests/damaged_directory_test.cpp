@@ -149,8 +149,8 @@ protected:
         dir.append(entry_image{});
     }
     std::string heard() {
-        const std::string text = said.text();
-        said.clear();
+        const std::string text = messages.text();
+        messages.clear();
         return text;
     }
     [[nodiscard]] std::string if_invalid() const {
@@ -246,7 +246,7 @@ protected:
     const name_row row = std::get<0>(GetParam());
     mounted v{std::get<1>(GetParam())};
     directory dir = sv->fat_type == 16 ? v.root() : v.longer_root({25, 22});
-    diagnostics said;
+    diagnostics messages;
     u32 first = 0;
     u32 last = 0; // the short entry of the name
 };
@@ -280,7 +280,7 @@ constexpr int ID = 9; // under which the directory is open
 // the base cluster, %I the index, %E the error.
 struct walking_call : named_row {
     int (*call)(oentry *dir, u32 base, u32 index);
-    const char *said;
+    const char *messages;
     int at_end; // for an entry after the last one
     const char *said_at_end;
     bool skips_dots = false; // the first two entries, which the root has not
@@ -407,7 +407,7 @@ protected:
     }
     [[nodiscard]] answer expected(const walking_call &call) const {
         const bool is_end = row.result == -EFAULT;
-        const char *words = is_end ? call.said_at_end : call.said;
+        const char *words = is_end ? call.said_at_end : call.messages;
         const std::string reason =
             row.cause == nullptr
                 ? "get_dentry_with_clu[N]: cannot read sectors:(sector: " +
@@ -421,7 +421,7 @@ protected:
     const damaged_walk row = std::get<0>(GetParam());
     mounted v{shape()};
     directory dir = row.is_root_area ? v.root() : v.sub_directory({20, 25, 22});
-    diagnostics said;
+    diagnostics messages;
     const u32 per_cluster =
         row.is_root_area ? volume::entries_per_sector() : volume::entries_per_cluster();
     const u32 base = damaged_base();
@@ -442,14 +442,14 @@ TEST_P(DamagedWalk, PrintsTheReasonAndTheWordsOfTheCall) {
             continue;
         }
         SCOPED_TRACE(call.name);
-        said.clear();
+        messages.clear();
         const allocation_meter meter;
         index = row.clusters_before * per_cluster;
         if (call.skips_dots) {
             index = std::max(index, 2U);
         }
         const int result = call.call(&dir.record, base, index);
-        EXPECT_EQ((answer{result, said.text()}), expected(call));
+        EXPECT_EQ((answer{result, messages.text()}), expected(call));
         EXPECT_EQ(meter.live_blocks(), 0);
     }
     for (const transfer &t : v.disk.log) {
@@ -470,15 +470,15 @@ TEST(DamagedWalkInACycle, EndsEachCall) {
             mark_slot(oentry_map, ID);
             for (const walking_call &call : WALKING_CALLS) {
                 SCOPED_TRACE(call.name);
-                diagnostics said;
+                diagnostics messages;
                 v.disk.log.clear();
                 EXPECT_EQ(call.call(&dir.record, 20, 0x07FFFFF0), -EINVAL);
                 // One of them reads a sector for each entry.
                 const bool reads_most = std::string(call.name) == "do_readdir";
                 EXPECT_LT(v.traffic(), reads_most ? 4 * dir.capacity() : 50U);
-                EXPECT_EQ(said.text().find("Failed to get entry sector!:(20, ") ==
+                EXPECT_EQ(messages.text().find("Failed to get entry sector!:(20, ") ==
                               std::string::npos,
-                          call.said == SILENT);
+                          call.messages == SILENT);
             }
             oentry_table[ID] = nullptr;
             unmark_slot(oentry_map, ID);

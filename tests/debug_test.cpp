@@ -11,7 +11,7 @@ using namespace testing_support;
 
 namespace {
 
-// What `print` writes to the stream it is given.
+// The output of `print` to its stream argument.
 template <typename Print>
 std::string printed_by(Print print) {
     char *text = nullptr;
@@ -45,7 +45,7 @@ TEST(PrintFormatParam, PrintsEveryFieldUnderItsName) {
     param.sector_of_bkup = 6;
     param.volume_id = 0xFFFFFFFF;
     std::memcpy(param.volume_label, "LABEL      ", sizeof param.volume_label);
-    diagnostics said;
+    diagnostics messages;
     standard_output out;
     print_format_param(&param);
     EXPECT_EQ(out.stop(), "=== User input for Format ===\n"
@@ -62,7 +62,7 @@ TEST(PrintFormatParam, PrintsEveryFieldUnderItsName) {
                           " volume id:      4294967295\n"
                           " volume_label:   LABEL      \n"
                           "=============================\n");
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST(PrintFormatParam, ShowsMissingPathsAsNull) {
@@ -101,7 +101,7 @@ TEST(PrintVolumeSummary, PrintsElevenLines) {
     sv->data_start = 5;
     sv->pbr_start = 6;
     sv->last_alloc_clus = 999;
-    diagnostics said;
+    diagnostics messages;
     standard_output out;
     const std::string summary = printed_by(print_volume_summary);
     EXPECT_EQ(out.stop(), "");
@@ -116,5 +116,5 @@ TEST(PrintVolumeSummary, PrintsElevenLines) {
                        "- RDIR start:\t\t4th sector\n"
                        "- DATA start:\t\t5th sector\n"
                        "- PBR start:\t\t6th sector\n");
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }

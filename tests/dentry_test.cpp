@@ -37,12 +37,12 @@ packed pack(int year, int month, int day, int hour, int minute, int second) {
     return {date, time};
 }
 
-// What a stamp says.
+// The time of a stamp.
 packed stamp_of(const bytes &entry) {
     return {entry[24] + 256U * entry[25], entry[22] + 256U * entry[23]};
 }
 
-// The stamp that an entry gets when the clock stands at `now`.
+// The stamp of an entry at clock time `now`.
 packed stamp_at(time_t now, const char *zone) {
     const stopped_clock clock(now, zone);
     bytes entry(32);
@@ -67,7 +67,7 @@ TEST(DosTimeDate, LastMomentFillsEveryField) {
     EXPECT_EQ(pack(2107, 12, 31, 23, 59, 59), (packed{0xFF9F, 0xBF7D}));
 }
 
-TEST(DosTimeDate, EveryFieldHasItsPlace) {
+TEST(DosTimeDate, EveryFieldHasItsPosition) {
     EXPECT_EQ(pack(1981, 1, 1, 0, 0, 0).date, 0x0221U);
     EXPECT_EQ(pack(1980, 2, 1, 0, 0, 0).date, 0x0041U);
     EXPECT_EQ(pack(1980, 1, 2, 0, 0, 0).date, 0x0022U);
@@ -134,13 +134,13 @@ TEST(SetEntryTime, FollowsSummerTime) {
     EXPECT_EQ(stamp_at(LEAP_DAY_END + 150 * DAY, zone), pack(2024, 7, 29, 1, 59, 58));
 }
 
-TEST(SetEntryTime, ReadsTheClockAnewEachTime) {
+TEST(SetEntryTime, ReadsTheClockAgainEachTime) {
     EXPECT_EQ(stamp_at(LEAP_DAY_END, "UTC0"), pack(2024, 2, 29, 23, 59, 58));
     EXPECT_EQ(stamp_at(LEAP_DAY_END + 2, "UTC0"), pack(2024, 3, 1, 0, 0, 0));
     EXPECT_EQ(stamp_at(315532800, "UTC0"), pack(1980, 1, 1, 0, 0, 0));
 }
 
-TEST(SetEntryTime, AMomentWithoutACalendarYearLeavesTheStampAsItIs) {
+TEST(SetEntryTime, AMomentWithoutACalendarYearDoesNotChangeTheStamp) {
     if (sizeof(time_t) < 8) {
         GTEST_SKIP() << "every time has a year here";
     }

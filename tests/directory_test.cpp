@@ -17,15 +17,15 @@ using namespace testing_support;
 
 namespace {
 
-// Where a sector was found, or how it was not.
+// The position of a sector, or the reason why it was not found.
 struct place {
     int result;
     u32 sector;
-    std::string said;
+    std::string messages;
     bool operator==(const place &) const = default;
 };
 std::ostream &operator<<(std::ostream &out, const place &p) {
-    return out << p.result << ", sector " << p.sector << ", \"" << p.said << "\"";
+    return out << p.result << ", sector " << p.sector << ", \"" << p.messages << "\"";
 }
 
 constexpr u32 UNTOUCHED = 0xDEADBEEF;
@@ -38,7 +38,7 @@ protected:
     static place failed(int result, std::string message) {
         return {result, UNTOUCHED, std::move(message)};
     }
-    // A link of the chain that is none.
+    // The failure for an invalid link of the chain.
     static place bad_link(const std::string &reason, int value) {
         return failed(-EINVAL,
                       reason + "get_phy_sector[N]: invalid value " + std::to_string(value) + "\n");
@@ -47,22 +47,22 @@ protected:
     place phy_sector(u32 base, u32 index) {
         place p{0, UNTOUCHED, ""};
         p.result = get_phy_sector(base, index, &p.sector);
-        p.said = said.text();
-        said.clear();
+        p.messages = messages.text();
+        messages.clear();
         return p;
     }
     place phy_sector_by_offset(u32 base, u32 offset) {
         place p{0, UNTOUCHED, ""};
         p.result = get_phy_sector_by_offset(base, offset, &p.sector);
-        p.said = said.text();
-        said.clear();
+        p.messages = messages.text();
+        messages.clear();
         return p;
     }
     place entry_sector(u32 base, u32 index) {
         place p{0, UNTOUCHED, ""};
         p.result = get_entry_sector(base, index, &p.sector);
-        p.said = said.text();
-        said.clear();
+        p.messages = messages.text();
+        messages.clear();
         return p;
     }
 
@@ -74,7 +74,7 @@ protected:
     }
 
     volume v{GetParam()};
-    diagnostics said;
+    diagnostics messages;
     const u32 spc = sv->sec_per_clus;
 };
 
@@ -105,7 +105,7 @@ TEST_P(GetPhySector, FirstClusterNeedsNoLink) {
     EXPECT_TRUE(transfers().empty());
 }
 
-TEST_P(GetPhySector, SectorsGoOnInTheNextClusterOfTheChain) {
+TEST_P(GetPhySector, SectorsContinueInTheNextClusterOfTheChain) {
     v.chain({5, 9, 7, volume::last_cluster(), 2});
     for (const u32 r : {0U, spc / 2, spc - 1}) {
         EXPECT_EQ(phy_sector(5, 1 * spc + r), found(sv->data_start + 7 * spc + r));
@@ -147,7 +147,7 @@ TEST_P(GetPhySector, EndOfTheChainIsTheEndOfTheSpace) {
     }
 }
 
-TEST_P(GetPhySector, MarkMetOnTheWayIsNoCluster) {
+TEST_P(GetPhySector, EndMarkOnTheWayIsNotACluster) {
     v.chain({5, 9, 7});
     const place refusal = bad_link(INVALID_ARG, -EINVAL);
     EXPECT_EQ(phy_sector(5, 4 * spc), refusal);
@@ -162,14 +162,14 @@ TEST_P(GetPhySector, ArrivingAtAFreeEntryIsAnInvalidValue) {
     EXPECT_EQ(phy_sector(5, 3 * spc), bad_link("", 0));
 }
 
-TEST_P(GetPhySector, FreeEntryMetOnTheWayIsNoCluster) {
+TEST_P(GetPhySector, FreeEntryOnTheWayIsNotACluster) {
     v.chain({5, 9, 7});
     v.set_link(7, 0);
     EXPECT_EQ(phy_sector(5, 4 * spc), bad_link(INVALID_ARG, -EINVAL));
     EXPECT_EQ(phy_sector(5, 0xFFFFFFFF), bad_link(INVALID_ARG, -EINVAL));
 }
 
-TEST_P(GetPhySector, ValuesThatAreNoLinkEndTheChain) {
+TEST_P(GetPhySector, InvalidLinksEndTheChain) {
     v.chain({5, 9, 7});
     for (const u32 value : {1U, sv->num_clusters + 2, volume::bad_mark()}) {
         v.set_link(9, value);
@@ -188,7 +188,7 @@ TEST_P(GetPhySector, FailingReadOfTheFatIsAnInvalidValueToo) {
     }
 }
 
-TEST_P(GetPhySector, ChainIsFollowedAnewByEveryCall) {
+TEST_P(GetPhySector, ChainIsFollowedAgainByEveryCall) {
     v.chain({5, 9, 7});
     EXPECT_EQ(phy_sector(5, spc), found(volume::first_sector_of(9)));
     v.set_link(5, 8);
@@ -202,7 +202,7 @@ TEST_P(GetPhySector, StateOfTheFirstClusterDoesNotMatterInsideIt) {
     }
 }
 
-TEST_P(GetPhySector, ClustersBehindTheVolumeAreRefused) {
+TEST_P(GetPhySector, ClustersPastTheVolumeAreRefused) {
     for (const u32 base : {sv->num_clusters + 2, sv->num_clusters + 3, volume::bad_mark(),
                            volume::end_mark(), 0x80000005U, 0xFFFFFFFFU}) {
         EXPECT_EQ(phy_sector(base, 0),
@@ -249,8 +249,8 @@ TEST_P(Fat16Root, EntryWhoseSectorReachesTheDataArea) {
     std::vector<u8> buffer(sv->sector_size);
     u8 *entry = nullptr;
     EXPECT_EQ(get_dentry_with_clu(0, 512, &entry, buffer.data(), nullptr), -EFAULT);
-    EXPECT_EQ(said.text(), "get_phy_sector[N]: Invalid sector number in Root dir\n\n"
-                           "get_dentry_with_clu[N]: Failed to get entry sector!:(0, 512)\n\n");
+    EXPECT_EQ(messages.text(), "get_phy_sector[N]: Invalid sector number in Root dir\n\n"
+                               "get_dentry_with_clu[N]: Failed to get entry sector!:(0, 512)\n\n");
     EXPECT_EQ(entry, nullptr);
     EXPECT_TRUE(transfers().empty());
 }
@@ -306,7 +306,7 @@ TEST_P(GetEntrySector, RefusalsAreThoseOfTheSector) {
     EXPECT_EQ(phy_sector_by_offset(0xFFFFFFFF, 0), refusal);
 }
 
-TEST_P(Fat16Root, HugeIndexesDoNotComeRoundToItsBeginning) {
+TEST_P(Fat16Root, HugeIndexesDoNotWrapToItsBeginning) {
     const place end = failed(-EFAULT, "get_phy_sector[N]: Invalid sector number in Root dir\n\n");
     for (const u32 index : {0x08000000U, 0x10000001U, 0x80000000U, 0xFFFFFFFFU}) {
         EXPECT_EQ(entry_sector(0, index), end) << "entry " << index;
@@ -331,11 +331,11 @@ protected:
         return get_dentry_with_clu(base, index, &entry, buffer.data(), &location);
     }
     std::string heard() {
-        const std::string text = said.text();
-        said.clear();
+        const std::string text = messages.text();
+        messages.clear();
         return text;
     }
-    // Nothing was handed out.
+    // Checks that no entry was returned.
     void expect_untouched() const {
         EXPECT_EQ(entry, nullptr);
         EXPECT_EQ(location.sector, UNTOUCHED);
@@ -376,13 +376,13 @@ TEST_P(GetDentryWithClu, WholeSectorIsLeftInTheBuffer) {
     EXPECT_EQ(transfers(), (std::vector<transfer>{{false, volume::first_sector_of(5), 1}}));
 }
 
-TEST_P(GetDentryWithClu, PlaceNeedNotBeAskedFor) {
+TEST_P(GetDentryWithClu, LocationIsOptional) {
     ASSERT_EQ(get_dentry_with_clu(5, 1, &entry, buffer.data(), nullptr), 0);
     EXPECT_EQ(entry, buffer.data() + 32);
 }
 
 // damaged_directory_test has the cases of damaged chains.
-TEST_P(GetDentryWithClu, SectorThatIsNotFoundIsToldWithClusterAndIndex) {
+TEST_P(GetDentryWithClu, MissingSectorIsReportedWithClusterAndIndex) {
     EXPECT_EQ(get(5, 0xFFFFFFFF), -EINVAL);
     EXPECT_EQ(heard(), INVALID_ARG +
                            "get_phy_sector[N]: invalid value -22\n"
@@ -415,7 +415,7 @@ TEST_P(GetDentryWithClu, AnyOtherResultOfTheReadIsTaken) {
     EXPECT_EQ(heard(), "");
 }
 
-TEST_P(GetDentryWithClu, SectorIsReadAnewByEveryCall) {
+TEST_P(GetDentryWithClu, SectorIsReadAgainByEveryCall) {
     ASSERT_EQ(get(5, 0), 0);
     dir.put(1, short_entry("CHANGED    "));
     ASSERT_EQ(get(5, 1), 0);
@@ -434,8 +434,9 @@ protected:
     void expect_out_of_range(directory &dir, u32 index) {
         transfers();
         EXPECT_EQ(get(dir, index), -EFAULT) << "index " << index;
-        EXPECT_EQ(said.text(), "fat_get_dentry[N]: access the out of range in directory space\n");
-        said.clear();
+        EXPECT_EQ(messages.text(),
+                  "fat_get_dentry[N]: access the out of range in directory space\n");
+        messages.clear();
         EXPECT_TRUE(transfers().empty());
         EXPECT_EQ(entry, nullptr);
     }
@@ -443,7 +444,7 @@ protected:
         EXPECT_EQ(get(dir, index), 0) << "index " << index;
         EXPECT_EQ(location.sector, sector);
         EXPECT_EQ(location.offset, index * 32 % sv->sector_size);
-        EXPECT_EQ(said.text(), "");
+        EXPECT_EQ(messages.text(), "");
         entry = nullptr;
     }
 
@@ -487,12 +488,12 @@ TEST_P(FatGetDentry, AllocatedSizeBoundsNotTheChain) {
     expect_out_of_range(dir, 3);
     dir.record.allocated = 0;
     expect_out_of_range(dir, 0);
-    // A size beyond the chain leaves it to the chain to end.
+    // If the size is larger than the chain, the end of the chain limits the index.
     dir.record.allocated = 0xFFFFFFFF;
     const u32 capacity = dir.capacity();
     EXPECT_EQ(get(dir, capacity), -EFAULT);
-    EXPECT_EQ(said.text(), "get_dentry_with_clu[N]: Failed to get entry sector!:(5, " +
-                               std::to_string(capacity) + ")\n\n");
+    EXPECT_EQ(messages.text(), "get_dentry_with_clu[N]: Failed to get entry sector!:(5, " +
+                                   std::to_string(capacity) + ")\n\n");
 }
 
 TEST(FatGetDentryOfAnOddRoot, LargeAreaIsSeenUpToTheAllocatedSize) {
@@ -500,10 +501,10 @@ TEST(FatGetDentryOfAnOddRoot, LargeAreaIsSeenUpToTheAllocatedSize) {
     directory root = v.root();
     std::vector<u8> buffer(512);
     u8 *entry = nullptr;
-    diagnostics said;
+    diagnostics messages;
     EXPECT_EQ(fat_get_dentry(&root.record, 511, &entry, buffer.data(), nullptr), 0);
     EXPECT_EQ(fat_get_dentry(&root.record, 512, &entry, buffer.data(), nullptr), -EFAULT);
-    EXPECT_EQ(said.text(), "fat_get_dentry[N]: access the out of range in directory space\n");
+    EXPECT_EQ(messages.text(), "fat_get_dentry[N]: access the out of range in directory space\n");
 }
 
 // ---- the number of entries --------------------------------------------------------------------
@@ -536,7 +537,7 @@ TEST(DirEntryCount, OtherDirectoriesHaveWhatIsAllocated) {
 
 namespace {
 
-// The units that a slot gives, of those that were set to 0x7777 before.
+// The units that a slot stores into a buffer of 0x7777.
 std::u16string chars_of(const entry_image &slot) {
     u16 units[16];
     std::fill(std::begin(units), std::end(units), u16{0x7777});
@@ -582,7 +583,7 @@ TEST(GetLfnChars, FullSlotIsTerminatedFromOrdinal41On) {
                   ordinal > 0x40 ? THIRTEEN + u'\0' : THIRTEEN)
             << "ordinal " << ordinal;
     }
-    // Filling is copied like characters; nothing is read past a terminator in the middle.
+    // Padding is copied like characters; nothing is read past a terminator in the middle.
     const std::u16string odd = u"A\xFFFF\xFFFF"
                                u"B";
     const std::u16string filling(13, u'\xFFFF');

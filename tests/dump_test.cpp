@@ -59,7 +59,7 @@ protected:
         EXPECT_EQ(ids_in_use(), ids);
         EXPECT_EQ(open_descriptors(), descriptors);
         EXPECT_TRUE(table_agrees());
-        return {result.result, result.said};
+        return {result.result, result.messages};
     }
     answer dump_fat0() {
         return ask([&] { return fat_dump_fat0(image.c_str()); });
@@ -486,7 +486,7 @@ TEST_P(FatDump, TellsWhereMemoryEnds) {
             return;
         }
         EXPECT_LT(a.result, 0);
-        if (a.said.find("fat_dump[N]: \n") == std::string::npos &&
+        if (a.messages.find("fat_dump[N]: \n") == std::string::npos &&
             (failures.empty() || failures.back() != a)) {
             failures.push_back(a);
         }
@@ -512,7 +512,7 @@ TEST_P(FatDump, TellsAChainThatCannotBeRead) {
             return;
         }
         EXPECT_TRUE(a.result == -EIO || a.result == -EINVAL) << a;
-        told.insert(a.said);
+        told.insert(a.messages);
     });
     EXPECT_TRUE(told.contains(found() + "fat_read_entry[N]: cannot read FAT\n\n"
                                         "fat_get_chains[N]: Failed to read cluster!\n\n"
@@ -526,7 +526,7 @@ TEST_P(FatDump, FindsNothingInAnEmptySlot) {
     oentry_table[0] = root;
     EXPECT_EQ(result.result, -ENOENT);
     const std::string expected = ROOT_OPENED + "fat_dump[N]: Failed to get file entry!\n\n";
-    EXPECT_EQ(result.said.substr(0, expected.size()), expected);
+    EXPECT_EQ(result.messages.substr(0, expected.size()), expected);
     EXPECT_FALSE(image_exists());
 }
 
@@ -641,7 +641,7 @@ TEST(DumpImages, AreMadeForOwnerAndGroup) {
     const scratch_directory scratch;
     mounted v;
     v.top.append(short_entry("NAME       "));
-    const diagnostics said;
+    const diagnostics messages;
     for (const auto &[mask, mode] :
          {std::pair<mode_t, mode_t>{0, 0660}, {022, 0640}, {077, 0600}}) {
         const file_mode_mask present(mask);
@@ -661,7 +661,7 @@ TEST(DumpImages, AreOpenedForReadingToo) {
     const scratch_directory scratch;
     const std::string image = scratch.file_with("image", {});
     const mounted v;
-    const diagnostics said;
+    const diagnostics messages;
     ASSERT_EQ(chmod(scratch.file(".").c_str(), 0777), 0);
     ASSERT_EQ(chmod(image.c_str(), 0222), 0);
     const plain_user user;

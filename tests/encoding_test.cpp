@@ -32,29 +32,29 @@ std::string shown_units(const std::u16string &units) {
 
 // ---- one call ---------------------------------------------------------------------------------
 
-// What convert_cstring_to_uname() makes of a string.
+// The results of convert_cstring_to_uname().
 struct units_made {
     int result;
     std::u16string units; // where it succeeds
     std::string left;     // the caller's string afterwards
-    std::string said;     // source lines as N
+    std::string messages; // source lines as N
     bool operator==(const units_made &) const = default;
 };
 std::ostream &operator<<(std::ostream &out, const units_made &made) {
     return out << "{" << made.result << ", " << shown_units(made.units) << ", left "
-               << shown_bytes(made.left) << ", said " << shown_bytes(made.said) << "}";
+               << shown_bytes(made.left) << ", messages " << shown_bytes(made.messages) << "}";
 }
 
-// What convert_uname_to_cstring() makes of units.
+// The results of convert_uname_to_cstring().
 struct text_made {
     int result;
     std::string text; // where it succeeds
-    std::string said;
+    std::string messages;
     bool operator==(const text_made &) const = default;
 };
 std::ostream &operator<<(std::ostream &out, const text_made &made) {
-    return out << "{" << made.result << ", " << shown_bytes(made.text) << ", said "
-               << shown_bytes(made.said) << "}";
+    return out << "{" << made.result << ", " << shown_bytes(made.text) << ", messages "
+               << shown_bytes(made.messages) << "}";
 }
 
 units_made encoded(std::u16string units, const std::string &left) {
@@ -71,7 +71,7 @@ text_made not_decoded(int error, const std::string &rest) {
     return {-error, "", "convert_uname_to_cstring[N]: Failed to convert: " + rest + "\n\n"};
 }
 
-// The bytes of units as they lie in memory, up to the first zero byte, as a message shows them.
+// The bytes of units in memory up to the first zero byte, as in a message.
 std::string bytes_of(const std::u16string &units) {
     const std::string all(reinterpret_cast<const char *>(units.data()), units.size() * 2);
     return all.substr(0, all.find('\0'));
@@ -109,11 +109,11 @@ protected:
         caller_string string(name);
         std::vector<u16> units(LONG_NAME_UNITS, 0xAAAA);
         units.shrink_to_fit();
-        said.clear();
+        messages.clear();
         units_made made = {};
         made.result = convert_cstring_to_uname(string.get(), units.data());
         made.left = string.text();
-        made.said = said.text();
+        made.messages = messages.text();
         if (made.result >= 0) {
             EXPECT_LT(made.result, 256);
             EXPECT_EQ(units.at(static_cast<u32>(made.result)), 0);
@@ -122,20 +122,20 @@ protected:
         return made;
     }
 
-    // The units are given a terminator unless they fill their buffer.
+    // The units are terminated unless they fill their buffer.
     text_made decode(std::u16string_view name) {
         std::vector<u16> units(name.begin(), name.end());
         if (units.size() < LONG_NAME_UNITS) {
             units.push_back(0);
         }
-        units.resize(LONG_NAME_UNITS, 0x58); // what stands behind the terminator is no part of it
+        units.resize(LONG_NAME_UNITS, 0x58); // units after the terminator do not count
         const std::vector<u16> before = units;
         std::vector<char> text(256, '#');
         text.shrink_to_fit();
-        said.clear();
+        messages.clear();
         text_made made = {};
         made.result = convert_uname_to_cstring(units.data(), text.data());
-        made.said = said.text();
+        made.messages = messages.text();
         if (made.result >= 0) {
             EXPECT_LT(made.result, 256);
             EXPECT_EQ(text.at(static_cast<u32>(made.result)), '\0');
@@ -146,11 +146,11 @@ protected:
     }
 
     record fill(const std::string &name) {
-        return to_record(name, &said);
+        return to_record(name, &messages);
     }
 
     ram_disk disk;
-    diagnostics said;
+    diagnostics messages;
 };
 
 // A volume with an encoding.
@@ -163,7 +163,7 @@ protected:
             GTEST_SKIP() << "this system has no conversion for " << charset_;
         }
         ASSERT_EQ(fat_set_encoding(charset_), 0);
-        ASSERT_EQ(said.text(), "");
+        ASSERT_EQ(messages.text(), "");
     }
 
 private:
@@ -246,7 +246,7 @@ TEST_F(WithoutEncoding, ANameOf255IsKeptAndOf256IsCut) {
     EXPECT_EQ(encode(longest.substr(1)), encoded(units.substr(1), longest.substr(1)));
 }
 
-TEST_F(WithoutEncoding, The256thByteIsStillLookedAt) {
+TEST_F(WithoutEncoding, The256thByteIsStillChecked) {
     const std::string longest(255, 'x');
     EXPECT_EQ(encode(longest + "\x80").result, -EINVAL);
     EXPECT_EQ(encode(longest + "y\x80"), encoded(std::u16string(255, u'x'), longest + "y\x80"));
@@ -281,7 +281,7 @@ TEST_F(WithoutEncoding, EveryUnitAloneIsShown) {
         expected += unit < 0x80 ? static_cast<char>(unit) : '?';
     }
     EXPECT_EQ(shown == expected, true);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_F(WithoutEncoding, AShownNameHasUpTo255Bytes) {
@@ -298,9 +298,9 @@ TEST_F(WithoutEncoding, UnitsWithoutATerminatorFillTheTextWithoutOneToo) {
 
 // ---- choosing an encoding ---------------------------------------------------------------------
 
-TEST_F(FatSetEncoding, AnUnknownEncodingIsTold) {
+TEST_F(FatSetEncoding, AnUnknownEncodingIsReported) {
     EXPECT_EQ(fat_set_encoding("no such encoding"), -EINVAL);
-    EXPECT_EQ(said.text(), "fat_set_encoding[N]: opening iconv() error!\n\n");
+    EXPECT_EQ(messages.text(), "fat_set_encoding[N]: opening iconv() error!\n\n");
     EXPECT_EQ(sv->cd_to_uni, nullptr);
     EXPECT_EQ(sv->cd_from_uni, nullptr);
     EXPECT_EQ(encode("still ASCII"), encoded(u"still ASCII", "still ASCII"));
@@ -312,14 +312,14 @@ TEST_F(FatSetEncoding, OpensOneConverterForEachDirection) {
         GTEST_SKIP() << "this system has no conversion for ISO-8859-1";
     }
     EXPECT_EQ(fat_set_encoding("ISO-8859-1"), 0);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     EXPECT_NE(sv->cd_to_uni, nullptr);
     EXPECT_NE(sv->cd_from_uni, nullptr);
     EXPECT_EQ(encode("\xE9"), encoded(u"\x00E9", "\xE9"));
     EXPECT_EQ(decode(u"\x00E9"), decoded("\xE9"));
 }
 
-TEST_F(FatSetEncoding, ADirectionThatFailsIsAsciiAndTheOtherIsKept) {
+TEST_F(FatSetEncoding, ADirectionThatFailsIsAsciiAndTheOtherIsConverted) {
     if (!system_converts("ISO-8859-1")) {
         GTEST_SKIP() << "this system has no conversion for ISO-8859-1";
     }
@@ -327,16 +327,16 @@ TEST_F(FatSetEncoding, ADirectionThatFailsIsAsciiAndTheOtherIsKept) {
         const failing_call fault(call::iconv_open, EINVAL, 0);
         EXPECT_EQ(fat_set_encoding("ISO-8859-1"), -EINVAL);
     }
-    EXPECT_EQ(said.text(), "fat_set_encoding[N]: opening iconv() error!\n\n");
+    EXPECT_EQ(messages.text(), "fat_set_encoding[N]: opening iconv() error!\n\n");
     EXPECT_EQ(sv->cd_to_uni, nullptr);
     EXPECT_EQ(encode("\xE9").result, -EINVAL);
     EXPECT_EQ(decode(u"\x00E9"), decoded("\xE9"));
-    said.clear();
+    messages.clear();
     {
         const failing_call fault(call::iconv_open, EMFILE, 1);
         EXPECT_EQ(fat_set_encoding("ISO-8859-1"), -EINVAL);
     }
-    EXPECT_EQ(said.text(), "fat_set_encoding[N]: opening iconv() error!\n\n");
+    EXPECT_EQ(messages.text(), "fat_set_encoding[N]: opening iconv() error!\n\n");
     EXPECT_EQ(sv->cd_from_uni, nullptr);
     EXPECT_EQ(encode("\xE9"), encoded(u"\x00E9", "\xE9"));
     EXPECT_EQ(decode(u"\x00E9"), decoded("?"));
@@ -378,7 +378,7 @@ TEST_F(FatSetEncoding, ClosingTheVolumeClosesBothConvertersOnce) {
     EXPECT_EQ(sv, nullptr);
 }
 
-// Runs this very case where the directories of conversion modules are hidden.
+// Runs this case again with the directories of conversion modules hidden.
 TEST_F(FatSetEncoding, FailsWhereTheSystemHasNoConversions) {
     if (system_converts("UTF-8")) {
         if (std::getenv("QUORVEL_MODULES_HIDDEN") != nullptr) {
@@ -388,7 +388,7 @@ TEST_F(FatSetEncoding, FailsWhereTheSystemHasNoConversions) {
             GTEST_SKIP() << "hiding the conversion modules takes a mount namespace";
         }
         if (QUORVEL_EMULATED) {
-            GTEST_SKIP() << "an emulated program cannot start itself anew";
+            GTEST_SKIP() << "an emulated program cannot start itself again";
         }
         const testing::TestInfo *self = testing::UnitTest::GetInstance()->current_test_info();
         const outcome hidden = shell_with_private_mounts(
@@ -407,9 +407,9 @@ TEST_F(FatSetEncoding, FailsWhereTheSystemHasNoConversions) {
         return;
     }
     for (const char *charset : {"UTF-8", "ISO-8859-1", "EUC-JP", "ASCII", "UNICODE", ""}) {
-        said.clear();
+        messages.clear();
         EXPECT_EQ(fat_set_encoding(charset), -EINVAL) << charset;
-        EXPECT_EQ(said.text(), "fat_set_encoding[N]: opening iconv() error!\n\n") << charset;
+        EXPECT_EQ(messages.text(), "fat_set_encoding[N]: opening iconv() error!\n\n") << charset;
         EXPECT_EQ(sv->cd_to_uni, nullptr);
         EXPECT_EQ(sv->cd_from_uni, nullptr);
     }
@@ -429,7 +429,7 @@ TEST_F(Utf8, CharactersOfOneToThreeBytesAreUnits) {
     EXPECT_EQ(encode(""), encoded(u"", ""));
 }
 
-TEST_F(Utf8, TheByteOrderMarkIsNoPartOfAnyName) {
+TEST_F(Utf8, TheByteOrderMarkIsNotPartOfAnyName) {
     for (int i = 0; i < 3; i++) {
         EXPECT_EQ(encode("a"), encoded(u"a", "a"));
     }
@@ -479,7 +479,7 @@ TEST_F(Utf8, ACharacterThatTheEndOfTheInputCutsIsIncomplete) {
     EXPECT_EQ(encode("\xE2\x82"), not_encoded(EINVAL, "\xE2\x82", "\xE2\x82"));
 }
 
-TEST_F(Utf8, InvalidBytesAreToldFromWhereTheyBegin) {
+TEST_F(Utf8, InvalidBytesAreReportedFromTheFirstOne) {
     EXPECT_EQ(encode("a\xFF"
                      "b"),
               not_encoded(EILSEQ,
@@ -492,7 +492,7 @@ TEST_F(Utf8, InvalidBytesAreToldFromWhereTheyBegin) {
     EXPECT_EQ(encode("caf\xE9 noir"), not_encoded(EILSEQ, "caf\xE9 noir", "\xE9 noir"));
 }
 
-// The units are those of UCS-2: what would take two of them is no character.
+// The units are those of UCS-2: a character of two units is invalid.
 TEST_F(Utf8, CharactersOfFourBytesAreInvalid) {
     EXPECT_EQ(encode("a\xF0\x9F\x98\x80"),
               not_encoded(EILSEQ, "a\xF0\x9F\x98\x80", "\xF0\x9F\x98\x80"));
@@ -590,8 +590,8 @@ TEST_F(Utf8, ALongNameThatCannotBeMadeIsARefusedName) {
     caller_string string("Caf\xE9");
     fat_name name = {};
     EXPECT_EQ(get_fatnames(string.get(), &name), -EINVAL);
-    EXPECT_EQ(said.text(), "convert_cstring_to_uname[N]: Failed to convert: \xE9\n\n"
-                           "convert_name[N]: Failed to convert ...!\n\n");
+    EXPECT_EQ(messages.text(), "convert_cstring_to_uname[N]: Failed to convert: \xE9\n\n"
+                               "convert_name[N]: Failed to convert ...!\n\n");
     EXPECT_EQ(name.dosName, nullptr);
     EXPECT_EQ(name.unicode, nullptr);
     EXPECT_EQ(meter.live_blocks(), 0);
@@ -678,7 +678,7 @@ TEST_F(EucJp, AShownNameHasUpTo255Bytes) {
     EXPECT_EQ(decode(std::u16string(128, u'\u3042')), not_decoded(E2BIG, "\x42\x30"));
 }
 
-TEST_F(EucJp, WhatIsNotInItIsInvalid) {
+TEST_F(EucJp, MissingCharactersAreInvalid) {
     EXPECT_EQ(decode(u"a\u0E01"), not_decoded(EILSEQ, bytes_of(u"\u0E01")));
     EXPECT_EQ(encode("a\xA4\x20x"), not_encoded(EILSEQ, "a\xA4\x20x", "\xA4\x20x"));
 }
@@ -699,7 +699,7 @@ TEST_F(ShiftJis, SecondBytesCountAsCharactersOfTheShortName) {
     EXPECT_EQ(verify_valid_name("\x83\x5C"), -EINVAL);
 }
 
-// ---- encodings that wait for what follows a character -----------------------------------------
+// ---- encodings that combine a character with the next one -------------------------------------
 
 TEST_F(Cp1258, TheLastCharacterIsNotHeldBack) {
     EXPECT_EQ(encode("Longname a"), encoded(u"Longname a", "Longname a"));
@@ -708,7 +708,7 @@ TEST_F(Cp1258, TheLastCharacterIsNotHeldBack) {
     EXPECT_EQ(encode("Longname b"), encoded(u"Longname b", "Longname b"));
 }
 
-TEST_F(Cp1258, ANameWhoseLastCharacterFindsNoRoomIsTooBig) {
+TEST_F(Cp1258, ANameWithoutRoomForItsLastCharacterIsTooBig) {
     EXPECT_EQ(encode(std::string(127, 'a')).result, 127);
     EXPECT_EQ(encode(std::string(128, 'a')).result, -E2BIG);
 }
@@ -747,7 +747,7 @@ TEST_F(Iso2022Jp, ANameThatFailsShiftedDoesNotShiftTheNextOne) {
     EXPECT_EQ(decode(u"$\""), decoded("$\""));
 }
 
-TEST_F(Iso2022Jp, ANameOfShiftsAloneComesToNothingAndHasNoLongName) {
+TEST_F(Iso2022Jp, ANameOfShiftsAloneIsEmptyAndHasNoLongName) {
     const std::string shifts = "\x1B(B\x1B(B\x1B(B";
     EXPECT_EQ(encode(shifts), encoded(u"", shifts));
     const allocation_meter meter;
@@ -755,18 +755,19 @@ TEST_F(Iso2022Jp, ANameOfShiftsAloneComesToNothingAndHasNoLongName) {
     EXPECT_EQ(meter.live_blocks(), 0);
 }
 
-// ---- against converters of their own ----------------------------------------------------------
+// ---- compared with new converters -------------------------------------------------------------
 
 namespace {
 
-// A conversion by a converter that has converted nothing before.
+// A conversion by a new converter.
 struct conversion {
     int error; // 0: none
     std::string out;
     std::string rest; // of the input
 };
 
-conversion convert_afresh(const char *to, const char *from, std::string in, std::size_t room) {
+conversion convert_independently(const char *to, const char *from, std::string in,
+                                 std::size_t room) {
     iconv_t converter = iconv_open(to, from);
     conversion result = {};
     result.out.resize(room);
@@ -785,9 +786,9 @@ conversion convert_afresh(const char *to, const char *from, std::string in, std:
     return result;
 }
 
-units_made encoded_afresh(const char *charset, const std::string &name) {
+units_made encoded_independently(const char *charset, const std::string &name) {
     const std::string left = model::without_tail_blanks(name);
-    const conversion c = convert_afresh("UNICODE", charset, left.substr(0, 256), 256);
+    const conversion c = convert_independently("UNICODE", charset, left.substr(0, 256), 256);
     if (c.error != 0) {
         return not_encoded(c.error, left, c.rest);
     }
@@ -799,14 +800,14 @@ units_made encoded_afresh(const char *charset, const std::string &name) {
     return encoded(units, left);
 }
 
-text_made decoded_afresh(const char *charset, const std::u16string &units) {
+text_made decoded_independently(const char *charset, const std::u16string &units) {
     const std::string in(reinterpret_cast<const char *>(units.data()), units.size() * 2);
-    const conversion c = convert_afresh(charset, "UNICODE", in, 255);
+    const conversion c = convert_independently(charset, "UNICODE", in, 255);
     return c.error != 0 ? not_decoded(c.error, c.rest.substr(0, c.rest.find('\0')))
                         : decoded(c.out);
 }
 
-// Pieces of names of every encoding, right and wrong.
+// Parts of names in every encoding, valid and invalid.
 const std::vector<std::string> PIECES = {"a",
                                          "Z",
                                          "~1",
@@ -885,7 +886,7 @@ TEST_P(EncodingsAtRandom, EveryNameIsConvertedAsIfItWereTheFirst) {
     u32 failures = 0;
     for (int i = 0; i < 3000; i++) {
         const std::string name = any_name(&random);
-        const units_made expected = encoded_afresh(GetParam(), name);
+        const units_made expected = encoded_independently(GetParam(), name);
         ASSERT_EQ(encode(name), expected) << i << ": " << shown_bytes(name);
         ASSERT_FALSE(HasFailure());
         failures += expected.result < 0 ? 1 : 0;
@@ -901,10 +902,10 @@ TEST_P(EncodingsAtRandom, EveryStoredNameIsShownAsIfItWereTheFirst) {
     u32 failures = 0;
     for (int i = 0; i < 3000; i++) {
         const std::u16string units = any_units(&random);
-        const text_made expected = decoded_afresh(GetParam(), units);
+        const text_made expected = decoded_independently(GetParam(), units);
         text_made made = decode(units);
         if (!units.empty() && units[0] == 0xFFFE) {
-            made.said = expected.said; // shows the units in one byte order or the other
+            made.messages = expected.messages; // shows the units in one byte order or the other
         }
         ASSERT_EQ(made, expected) << i << ": " << shown_units(units);
         ASSERT_FALSE(HasFailure());

@@ -132,9 +132,9 @@ public:
         fat_entry_info info;
         std::memset(&info, 0x55, sizeof info);
         const fat_entry_info before = info;
-        said.clear();
+        messages.clear();
         const int result = fat_next_entry(did, index, &info);
-        EXPECT_EQ(said.text(), "");
+        EXPECT_EQ(messages.text(), "");
         if (result == 1) {
             EXPECT_GT(*index, info.index);
             return picture_of_info(info);
@@ -149,9 +149,9 @@ public:
         std::memset(&info, 0x55, sizeof info);
         const fat_entry_info before = info;
         u32 index = at;
-        said.clear();
+        messages.clear();
         const int result = fat_next_entry(did, &index, &info);
-        EXPECT_EQ(said.text(), "");
+        EXPECT_EQ(messages.text(), "");
         EXPECT_EQ(std::memcmp(&info, &before, sizeof info), 0);
         EXPECT_EQ(index, at);
         return result;
@@ -160,9 +160,9 @@ public:
     info_picture info_of(int id) {
         fat_entry_info info;
         std::memset(&info, 0x55, sizeof info);
-        said.clear();
+        messages.clear();
         const int result = fat_info_of(id, &info);
-        EXPECT_EQ(said.text(), "");
+        EXPECT_EQ(messages.text(), "");
         if (result != 0) {
             info_picture error;
             error.name = "error " + std::to_string(result);
@@ -172,14 +172,14 @@ public:
     }
     int info_error(int id) {
         fat_entry_info info;
-        said.clear();
+        messages.clear();
         const int result = fat_info_of(id, &info);
-        EXPECT_EQ(said.text(), "");
+        EXPECT_EQ(messages.text(), "");
         return result;
     }
 
     mounted v;
-    diagnostics said;
+    diagnostics messages;
 };
 
 const char *const DOS = "ALONGN~1TXT";
@@ -594,7 +594,7 @@ TEST_P(NextEntry, FailsOrSucceedsWithEveryFailingReadAndAllocation) {
         // The first sector and the link behind it, or their buffers, are missed.
         EXPECT_TRUE(step.struck() || failures >= 2);
     });
-    EXPECT_EQ(c.said.text(), "");
+    EXPECT_EQ(c.messages.text(), "");
 }
 
 TEST(NextEntryTest, EndsAfterTheRootDirectoryOfAnySize) {
@@ -763,7 +763,7 @@ TEST_P(InfoOf, KeepsNothingWithEveryFailingReadAndAllocation) {
         const int result = step.run([&] { return fat_info_of(id, &info); });
         EXPECT_EQ(result, !step.struck() ? 0 : step.is(fault::read) ? -EIO : -ENOMEM);
     });
-    EXPECT_EQ(c.said.text(), "");
+    EXPECT_EQ(c.messages.text(), "");
 }
 
 } // namespace

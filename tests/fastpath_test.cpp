@@ -70,33 +70,33 @@ public:
 
     template <typename Call>
     answer ask(Call call) {
-        said.clear();
+        messages.clear();
         v.disk.log.clear();
         const int result = call();
-        return {result, said.text()};
+        return {result, messages.text()};
     }
 
     mounted v;
-    diagnostics said;
+    diagnostics messages;
 };
 
 // What a call that makes a path left in its buffers, each in a block of just its size.
 struct path_made {
     int result;
-    std::string said;
+    std::string messages;
     std::string path; // all 20 bytes
     std::string name;
     bool operator==(const path_made &) const = default;
 };
 std::ostream &operator<<(std::ostream &out, const path_made &made) {
-    return out << "{" << made.result << ", said \"" << made.said << "\", path \"" << made.path
-               << "\"}";
+    return out << "{" << made.result << ", messages \"" << made.messages << "\", path \""
+               << made.path << "\"}";
 }
 path_made make_path(fast_case *c, int (*call)(int, char *, char *), int id) {
     std::vector<char> path(20, MARK);
     std::vector<char> name(256, MARK);
     const answer a = c->ask([&] { return call(id, name.data(), path.data()); });
-    return {a.result, a.said, {path.begin(), path.end()}, {name.begin(), name.end()}};
+    return {a.result, a.messages, {path.begin(), path.end()}, {name.begin(), name.end()}};
 }
 const std::string UNTOUCHED_NAME(256, MARK);
 const std::string ZEROED_NAME(256, '\0');
@@ -416,7 +416,7 @@ TEST_F(GetLongNameFast, BreaksWhereNoShortEntryFollows) {
         dir.put(3, other);
         const gathered_name g = gather(2);
         EXPECT_EQ(g.a, (answer{0, by("idx[N]: not SFN(type:"s + type + ")\n")}));
-        EXPECT_NE(c.said.raw().find("]: idx[3]: not SFN"), std::string::npos);
+        EXPECT_NE(c.messages.raw().find("]: idx[3]: not SFN"), std::string::npos);
         EXPECT_EQ(g.entry, 96U);
     }
     dir.put(3, short_entry(DOS, DIRECTORY | LABEL));
@@ -504,7 +504,7 @@ fast_step fast_step_of(fast_case *c, directory *dir) {
         c->ask([&] { return do_readdir_fast(&dir->record, entry.data(), &name, &location); });
     fast_step step;
     step.result = a.result;
-    step.printed = a.said;
+    step.printed = a.messages;
     step.slot = dir->record.readdir_pos;
     step.cluster = dir->record.readdir_clus;
     if (a.result == 1) {
@@ -575,7 +575,7 @@ TEST_P(ReaddirFast, GivesFilesAndSkipsTheRest) {
     EXPECT_EQ(
         all_names(&c, &dir),
         (names_and_end{{"FIRST.TXT", "LINK", "A long name with more.text", "small.txt"}, -ENOENT}));
-    EXPECT_EQ(c.said.text(), "");
+    EXPECT_EQ(c.messages.text(), "");
     // The end is no place to pass.
     EXPECT_EQ(fast_step_of(&c, &dir).result, -ENOENT);
     dir.append(short_entry("LATE    TXT"));
@@ -586,7 +586,7 @@ TEST_P(ReaddirFast, SaysOfAnInvalidEntryWhatItsTypeIs) {
     directory dir = c.v.sub_directory({20});
     dir.append(short_entry("INVALID    ", DIRECTORY | LABEL | ARCHIVE));
     EXPECT_EQ(fast_step_of(&c, &dir).result, -ENOENT);
-    EXPECT_EQ(c.said.text(), "entry_type[N]: Unknown entry type: 56\n\n");
+    EXPECT_EQ(c.messages.text(), "entry_type[N]: Unknown entry type: 56\n\n");
 }
 
 TEST_P(ReaddirFast, FindsNoneAmongDirectories) {
@@ -764,8 +764,8 @@ TEST_P(ReaddirFast, EndsACircleOfClustersWithoutFiles) {
     c.v.set_link(28, 22);
     const fast_step got = fast_step_of(&c, &dir);
     EXPECT_EQ(got.result, -1);
-    const std::string said = got.printed;
-    EXPECT_NE(said.find("do_readdir_fast[N]: Check here!\n\n"), std::string::npos) << said;
+    const std::string messages = got.printed;
+    EXPECT_NE(messages.find("do_readdir_fast[N]: Check here!\n\n"), std::string::npos) << messages;
     EXPECT_LT(c.v.traffic(), 40 * sv->sec_per_clus + 40);
     // Onto itself.
     directory alone = c.v.sub_directory({30});
@@ -974,7 +974,7 @@ TEST(ReaddirFastInFat16Root, MeetsTheEndOfASmallArea) {
     ASSERT_EQ(c.v.top.capacity(), 32U);
     EXPECT_EQ(fast_step_of(&c, &c.v.top).name, "FILE.TXT");
     EXPECT_EQ(fast_step_of(&c, &c.v.top).result, -EFAULT);
-    EXPECT_EQ(c.said.text(), BEHIND_AREA);
+    EXPECT_EQ(c.messages.text(), BEHIND_AREA);
 }
 
 class ReaddirFastInLargeRoot : public testing::Test {
@@ -1154,7 +1154,7 @@ TEST_P(FastPathOfDir, GivesOneFileWithEachCall) {
     for (int call = 0; call < 2; call++) {
         const path_made end = next(0);
         EXPECT_EQ(end.result, -ENOENT);
-        EXPECT_EQ(end.said, NO_MORE);
+        EXPECT_EQ(end.messages, NO_MORE);
         EXPECT_EQ(end.name, ZEROED_NAME);
     }
 }
@@ -1210,14 +1210,14 @@ TEST_P(FastPathOfDir, EndsWithZeroBehindAFullDirectory) {
     const int id = c.v.open_new("SUB        ", {20}, 0, DIRECTORY);
     const path_made end = next(id);
     EXPECT_EQ(end.result, 0);
-    EXPECT_EQ(end.said, "");
+    EXPECT_EQ(end.messages, "");
 }
 
 TEST_P(FastPathOfDir, ReportsWhatTheWalkFailsWith) {
     c.v.disk.unreadable = {c.v.top.offset_of(0) / 512};
     const path_made failed = next(0);
     EXPECT_EQ(failed.result, -EIO);
-    EXPECT_EQ(failed.said, "do_readdir_fast[N]: cannot read sectors\n" + NO_MORE);
+    EXPECT_EQ(failed.messages, "do_readdir_fast[N]: cannot read sectors\n" + NO_MORE);
     EXPECT_EQ(failed.name, ZEROED_NAME);
     EXPECT_EQ(failed.path, NO_PATH);
 }

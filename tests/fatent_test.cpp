@@ -17,14 +17,14 @@ using namespace testing_support;
 
 namespace {
 
-// What a call gives back and what it says.
+// The result and the messages of a call.
 struct answer {
     std::int64_t result;
-    std::string said;
+    std::string messages;
     bool operator==(const answer &) const = default;
 };
 std::ostream &operator<<(std::ostream &out, const answer &a) {
-    return out << a.result << ", \"" << a.said << "\"";
+    return out << a.result << ", \"" << a.messages << "\"";
 }
 
 constexpr u32 UNTOUCHED = 0xDEADBEEF;
@@ -32,8 +32,8 @@ constexpr u32 UNTOUCHED = 0xDEADBEEF;
 class any_shape : public testing::TestWithParam<volume_shape> {
 protected:
     answer heard(std::int64_t result) {
-        const answer a{result, said.text()};
-        said.clear();
+        const answer a{result, messages.text()};
+        messages.clear();
         return a;
     }
 
@@ -59,7 +59,7 @@ protected:
         return heard(fat_free_clus(first, last));
     }
 
-    // What the transfers between the disk and the library were.
+    // The transfers between the disk and the library.
     std::vector<transfer> transfers() {
         return std::exchange(v.disk.log, {});
     }
@@ -70,11 +70,11 @@ protected:
         return {true, volume::fat_sector_of(cluster), 1};
     }
 
-    // Entries of one sector of the FAT.
+    // Number of entries in one sector of the FAT.
     [[nodiscard]] static u32 entries_per_fat_sector() {
         return sv->sector_size / (sv->fat_type / 8);
     }
-    // Gives every cluster from `first` to `last` the end mark.
+    // Sets the end mark in every cluster from `first` to `last`.
     void occupy(u32 first, u32 last) {
         for (u32 cluster = first; cluster <= last; cluster++) {
             v.set_link(cluster, volume::end_mark());
@@ -82,7 +82,7 @@ protected:
     }
 
     volume v{GetParam()};
-    diagnostics said;
+    diagnostics messages;
 };
 
 class ReadEntry : public any_shape {};
@@ -99,7 +99,7 @@ INSTANTIATE_TEST_SUITE_P(Shapes, FreeClus, testing::ValuesIn(many_shapes()), sha
 INSTANTIATE_TEST_SUITE_P(Shapes, FatSector, testing::ValuesIn(many_shapes()), shape_name);
 INSTANTIATE_TEST_SUITE_P(Shapes, Fat32Entry, testing::ValuesIn(many_shapes(32)), shape_name);
 
-// A transfer that moves a negative number, none or two sectors where one was asked for.
+// Results of a transfer of one sector: negative, zero or two.
 constexpr int NOT_ONE_SECTOR[] = {-1, -5, -28, 0, 2};
 
 } // namespace
@@ -138,11 +138,11 @@ TEST_P(ReadEntry, FirstAndLastEntryOfEverySectorAreFound) {
     }
 }
 
-TEST_P(ReadEntry, IndexIsNotHeldAgainstTheVolume) {
-    const u32 behind = sv->num_clusters + 2;
-    v.set_link(behind, 0x4321);
-    EXPECT_EQ(value_of(behind), 0x4321U);
-    // Entry 0 of the second copy, as the first one sees it.
+TEST_P(ReadEntry, IndexIsNotCheckedAgainstTheVolume) {
+    const u32 past = sv->num_clusters + 2;
+    v.set_link(past, 0x4321);
+    EXPECT_EQ(value_of(past), 0x4321U);
+    // Entry 0 of the second copy, addressed through the first one.
     const u32 in_second_copy = sv->fat_size * entries_per_fat_sector();
     EXPECT_EQ(value_of(in_second_copy), volume::end_mark() - 7);
 }
@@ -156,7 +156,7 @@ TEST_P(ReadEntry, ReadsTheOneSectorOfTheEntry) {
     }
 }
 
-TEST_P(ReadEntry, IndexFarBehindTheMediumIsAskedOfItAllTheSame) {
+TEST_P(ReadEntry, IndexFarPastTheMediumIsStillRequestedFromIt) {
     sv->vol_size = u64{sv->data_start} * sv->sector_size;
     for (const u32 cluster : {0x3FFFFFFFU, 0x40000000U, 0x7FFFFFFFU, 0x80000003U, 0xFFFFFFFFU}) {
         const u64 sector = sv->fat_start + u64{cluster} * (sv->fat_type / 8) / sv->sector_size;
@@ -246,7 +246,7 @@ TEST_P(WriteEntry, OtherFatTypesAreRefused) {
     EXPECT_TRUE(transfers().empty());
 }
 
-TEST_P(WriteEntry, FailedReadLeavesTheFatAsItWas) {
+TEST_P(WriteEntry, FailedReadDoesNotChangeTheFat) {
     v.set_link(5, 9);
     for (const int moved : NOT_ONE_SECTOR) {
         v.disk.reads_before_failure = 0;
@@ -268,7 +268,7 @@ TEST_P(WriteEntry, FailedWriteIsNotRetried) {
     }
 }
 
-TEST_P(WriteEntry, IndexFarBehindTheMediumIsAskedOfItAllTheSame) {
+TEST_P(WriteEntry, IndexFarPastTheMediumIsStillRequestedFromIt) {
     sv->vol_size = u64{sv->data_start} * sv->sector_size;
     for (const u32 cluster : {0x40000000U, 0x80000003U, 0xFFFFFFFFU}) {
         const u64 sector = sv->fat_start + u64{cluster} * (sv->fat_type / 8) / sv->sector_size;
@@ -291,14 +291,14 @@ TEST_P(ReadClus, LinkGivesTheNextCluster) {
     }
 }
 
-TEST_P(ReadClus, EveryEndMarkComesAsItStands) {
+TEST_P(ReadClus, EveryEndMarkIsReturnedUnchanged) {
     for (u32 mark = volume::first_end_mark(); mark <= volume::end_mark(); mark++) {
         v.set_link(5, mark);
         EXPECT_EQ(read_clus(5), (answer{mark, ""}));
     }
 }
 
-TEST_P(ReadClus, ValuesThatAreNoLinkAreRefused) {
+TEST_P(ReadClus, InvalidLinksAreRefused) {
     const answer refusal{-EINVAL, "fat_read_clus[N]: Invalid cluster!\n\n"};
     for (const u32 value : {1U, volume::last_cluster() + 1, volume::last_cluster() + 2,
                             volume::first_end_mark() - 2, volume::bad_mark()}) {
@@ -390,12 +390,12 @@ TEST_P(Fat32Entry, TopBitsMakeNoLink) {
 
 TEST(Fat32Link, MarksOfFat16AreNumbersOfClusters) {
     volume v({.fat_type = 32, .clusters = 66000});
-    diagnostics said;
+    diagnostics messages;
     for (const u32 value : {0xFFF6U, 0xFFF7U, 0xFFF8U, 0xFFFFU}) {
         v.set_link(5, value);
         EXPECT_EQ(fat_read_clus(5), static_cast<int>(value));
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 // ---- finding a free cluster -------------------------------------------------------------------
@@ -444,7 +444,7 @@ TEST_P(FreeClus, OneCorruptEntryEndsTheSearch) {
         v.set_link(7, value);
         EXPECT_EQ(free_clus(5, 20), failure) << "value " << value;
     }
-    // A free cluster in front of it is found, and one behind it does not matter.
+    // A free cluster before it is found, and one after it does not matter.
     v.set_link(6, 0);
     EXPECT_EQ(free_clus(5, 20), (answer{6, ""}));
 }
@@ -497,7 +497,7 @@ TEST_P(FreeClus, FatSectorsAreReadOnceInTheirOrder) {
     EXPECT_EQ(free_clus(2, last), (answer{-2, ""}));
     const auto read = v.sectors_read();
     const std::size_t needed = last / per_sector + 1;
-    // A search that goes on reads as many sectors again as it has passed, at most.
+    // A search that continues reads at most as many sectors again as it has passed.
     EXPECT_GE(read.size(), needed);
     EXPECT_LE(read.size(), std::min(2 * needed, std::size_t{sv->fat_size}));
     EXPECT_LE(transfers().size(), needed);
@@ -506,7 +506,7 @@ TEST_P(FreeClus, FatSectorsAreReadOnceInTheirOrder) {
     }
 }
 
-TEST_P(FreeClus, NothingIsKeptFromOneSearchToTheNext) {
+TEST_P(FreeClus, NothingIsCachedFromOneSearchToTheNext) {
     EXPECT_EQ(free_clus(5, 9), (answer{5, ""}));
     v.set_link(5, volume::end_mark());
     EXPECT_EQ(free_clus(5, 9), (answer{6, ""}));
@@ -515,7 +515,7 @@ TEST_P(FreeClus, NothingIsKeptFromOneSearchToTheNext) {
 
 // ---- the first sector of a cluster ------------------------------------------------------------
 
-TEST_P(FatSector, ClustersLieOneBehindAnotherInTheDataArea) {
+TEST_P(FatSector, ClustersAreContiguousInTheDataArea) {
     EXPECT_EQ(heard(fat_sector(2)), (answer{sv->data_start, ""}));
     EXPECT_EQ(heard(fat_sector(3)), (answer{sv->data_start + sv->sec_per_clus, ""}));
     EXPECT_EQ(heard(fat_sector(volume::last_cluster())),
@@ -529,7 +529,7 @@ TEST_P(FatSector, NumbersOfNoDataClusterGiveZero) {
     }
 }
 
-TEST_P(FatSector, ClusterBehindTheLastSectorGivesZeroInSilence) {
+TEST_P(FatSector, ClusterPastTheLastSectorGivesZeroSilently) {
     sv->total_sectors = sv->data_start + 3 * sv->sec_per_clus;
     EXPECT_EQ(heard(fat_sector(4)), (answer{sv->data_start + 2 * sv->sec_per_clus, ""}));
     EXPECT_EQ(heard(fat_sector(5)), (answer{0, ""}));
@@ -543,13 +543,13 @@ TEST_P(FatSector, ReadsNothing) {
     EXPECT_TRUE(transfers().empty());
 }
 
-// A cluster count that the data area cannot have must not come out as a sector in the middle of it.
+// An impossible cluster count must not result in a sector in the middle of the data area.
 TEST(FatSectorOfAnImpossibleVolume, SectorsBeyondTheRangeOfTheirNumberGiveZero) {
     volume v;
-    diagnostics said;
+    diagnostics messages;
     sv->sec_per_clus = 64;
     sv->num_clusters = 0x0FFFFFEE;
     EXPECT_EQ(fat_sector(0x04000002), 0U);
     EXPECT_EQ(fat_sector(0x04000003), 0U);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }

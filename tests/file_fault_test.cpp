@@ -30,7 +30,7 @@ protected:
         held = mounted::held_entry(id);
         stored = v->stored_entry(id);
         v->disk.log.clear();
-        said.clear();
+        messages.clear();
     }
 
     // Makes the call; what it comes to is in `result` and `error`.
@@ -73,7 +73,7 @@ protected:
     void expect_failed() {
         ASSERT_EQ(error, -result);
         ASSERT_EQ(v->stored_entry(id), stored);
-        const std::string text = said.text();
+        const std::string text = messages.text();
         const bool is_undone =
             text.find("write_file_internal[N]: Failed to write file!\n\n") != std::string::npos;
         if (!is_undone) {
@@ -111,7 +111,7 @@ protected:
 
     const fault_kind kind = std::get<0>(GetParam()).kind;
     std::unique_ptr<mounted> v;
-    diagnostics said;
+    diagnostics messages;
     int id = 0;
     bool is_empty = false;
     int result = 0;

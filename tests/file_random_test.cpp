@@ -229,14 +229,14 @@ protected:
         }
         v.disk.remember();
         v.disk.log.clear();
-        said.clear();
+        messages.clear();
         begin_reference(id);
         const result_of_both both = is_write ? write_both(id) : read_both(id);
         ASSERT_EQ(both.real, both.expected);
         ASSERT_NO_FATAL_FAILURE(expect_same_record(id));
         ASSERT_NO_FATAL_FAILURE(expect_same_medium());
         if (!has_faults()) {
-            ASSERT_EQ(said.text(), volume_->printed);
+            ASSERT_EQ(messages.text(), volume_->printed);
             ASSERT_EQ(last_writes(real_writes()), last_writes(expected_writes()));
         } else if (!has_fat_that_cannot_be_written()) {
             ASSERT_NO_FATAL_FAILURE(expect_same_complaints());
@@ -308,7 +308,7 @@ protected:
 
     // A lookup that runs ahead of a transfer that fails may tell of a broken link behind it.
     void expect_same_complaints() {
-        std::istringstream real(said.text());
+        std::istringstream real(messages.text());
         std::istringstream expected(volume_->printed);
         std::string said_line;
         for (std::string line; std::getline(expected, line);) {

@@ -14,10 +14,10 @@ protected:
     using file_test::file_test;
 
     outcome read(int id, void *space, u32 count) {
-        said.clear();
+        messages.clear();
         errno = UNTOUCHED_ERRNO;
         const int result = fat_read_file(id, space, count);
-        return {result, errno, said.text()};
+        return {result, errno, messages.text()};
     }
     // Reads into a block of just that size.
     outcome read(int id, u32 count) {
@@ -26,16 +26,16 @@ protected:
         return read(id, buffer.data(), count);
     }
     outcome seek(int id, s64 offset, int whence) {
-        said.clear();
+        messages.clear();
         errno = UNTOUCHED_ERRNO;
         const s64 result = fat_lseek(id, offset, whence);
-        return {result, errno, said.text()};
+        return {result, errno, messages.text()};
     }
     outcome dump(int id) {
-        said.clear();
+        messages.clear();
         errno = UNTOUCHED_ERRNO;
         const int result = fat_dump_entry(id, name);
-        return {result, errno, said.text()};
+        return {result, errno, messages.text()};
     }
     static outcome done(s64 result) {
         return {result, UNTOUCHED_ERRNO, ""};
@@ -199,7 +199,7 @@ TEST_P(ReadAnyShape, BytesReadInOddPieces) {
     u32 piece = 1;
     for (s64 count = 1; count > 0;) {
         const outcome o = read(id, piece);
-        ASSERT_EQ(o.said, "");
+        ASSERT_EQ(o.messages, "");
         count = o.result;
         all = joined(all, part_of(buffer, 0, static_cast<std::size_t>(count)));
         piece = piece * 3 + 1;
@@ -467,9 +467,9 @@ TEST_F(ReadFile, ExactCountIsReadWhateverTheSize) {
     EXPECT_EQ(do_read_file(&mounted::record(id), space.data(), 6, &pos), -EFAULT);
     EXPECT_EQ(pos, 2043U);
     pos = u64{1} << 63;
-    said.clear();
+    messages.clear();
     EXPECT_EQ(do_read_file(&mounted::record(id), space.data(), 6, &pos), -EINVAL);
-    EXPECT_EQ(said.text(), NO_LOOKUP);
+    EXPECT_EQ(messages.text(), NO_LOOKUP);
     EXPECT_EQ(pos, u64{1} << 63);
 }
 
@@ -482,7 +482,7 @@ TEST_F(ReadFile, InternalCallReadsARecordOfItsOwn) {
     EXPECT_EQ(read_file_internal(&record, space.data(), 20), 0);
     record.pos = 11;
     EXPECT_EQ(read_file_internal(&record, space.data(), 20), -EINVAL);
-    EXPECT_EQ(said.text(), "read_file_internal[N]: file position beyonds the file size!\n\n");
+    EXPECT_EQ(messages.text(), "read_file_internal[N]: file position beyonds the file size!\n\n");
 }
 
 // ---- limits -----------------------------------------------------------------------------------
@@ -498,7 +498,7 @@ TEST_F(HugeFileRead, ResultEndsAtIntMax) {
     EXPECT_EQ(mounted::record(id).pos, u64{UNIT * CLUSTERS});
     EXPECT_EQ(fat_read_file(id, space.at, 0xFFFFFFFF), 0);
     EXPECT_EQ(errno, UNTOUCHED_ERRNO);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_F(HugeFileRead, LastBytesOfAFileOfNearly4GiB) {

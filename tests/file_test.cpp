@@ -42,7 +42,7 @@ TEST_F(GetFileEntry, OpenFileIsGivenOut) {
     oentry *entry = nullptr;
     EXPECT_EQ(get_file_entry(id, &entry), 0);
     EXPECT_EQ(entry, oentry_table[id]);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_F(GetFileEntry, LastIdIsServed) {
@@ -55,7 +55,7 @@ TEST_F(GetFileEntry, LastIdIsServed) {
     EXPECT_EQ(get_file_entry(511, &entry), 0);
     EXPECT_EQ(entry, oentry_table[511]);
     EXPECT_EQ(get_file_entry(512, &entry), -EINVAL);
-    EXPECT_EQ(said.text(), "not open file id 512\n");
+    EXPECT_EQ(messages.text(), "not open file id 512\n");
 }
 
 TEST_F(GetFileEntry, IdThatIsNotOpenIsRefused) {
@@ -65,8 +65,8 @@ TEST_F(GetFileEntry, IdThatIsNotOpenIsRefused) {
         oentry *entry = sv->root_dir;
         EXPECT_EQ(get_file_entry(id, &entry), -EINVAL);
         EXPECT_EQ(entry, nullptr);
-        EXPECT_EQ(said.text(), "not open file id " + std::to_string(id) + "\n");
-        said.clear();
+        EXPECT_EQ(messages.text(), "not open file id " + std::to_string(id) + "\n");
+        messages.clear();
     }
 }
 
@@ -74,7 +74,7 @@ TEST_F(GetFileEntry, RootDirectoryIsNoFileButIsGivenOut) {
     oentry *entry = nullptr;
     EXPECT_EQ(get_file_entry(0, &entry), -EISDIR);
     EXPECT_EQ(entry, sv->root_dir);
-    EXPECT_EQ(said.text(), "not file\n\n");
+    EXPECT_EQ(messages.text(), "not file\n\n");
 }
 
 TEST_F(GetFileEntry, AttributeDecidesBetweenFileAndDirectory) {
@@ -86,8 +86,8 @@ TEST_F(GetFileEntry, AttributeDecidesBetweenFileAndDirectory) {
         oentry *entry = nullptr;
         EXPECT_EQ(get_file_entry(id, &entry), is_directory ? -EISDIR : 0);
         EXPECT_EQ(entry, oentry_table[id]);
-        EXPECT_EQ(said.text(), is_directory ? "not file\n\n" : "");
-        said.clear();
+        EXPECT_EQ(messages.text(), is_directory ? "not file\n\n" : "");
+        messages.clear();
     }
 }
 
@@ -98,7 +98,7 @@ TEST_F(GetFileEntry, DirectoryThatWasRemovedPassesAsFile) {
         oentry *entry = nullptr;
         EXPECT_EQ(get_file_entry(id, &entry), 0) << first;
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 // A chain that runs into a free cluster, or a ".." that leads to the root, opens without an image.
@@ -108,12 +108,12 @@ TEST_F(GetFileEntry, RecordWithoutImageIsNoFile) {
     const int to_root = v.open(v.top.append(short_entry("..         ", DIRECTORY, 0)));
     transfers();
     for (const int id : {broken, to_root}) {
-        said.clear();
+        messages.clear();
         ASSERT_NE(id, 0);
         ASSERT_EQ(mounted::record(id).dentry, nullptr);
         oentry *entry = nullptr;
         EXPECT_EQ(get_file_entry(id, &entry), -EISDIR);
-        EXPECT_EQ(said.text(), "not file\n\n");
+        EXPECT_EQ(messages.text(), "not file\n\n");
         EXPECT_EQ(write(id, {1}), (outcome{-EISDIR, EISDIR, "not file\n\n" + NO_FILE}));
         EXPECT_TRUE(transfers().empty());
     }
@@ -241,7 +241,7 @@ TEST_P(WriteAnyShape, FileGrowsByOddPieces) {
 TEST_P(WriteAnyShape, SecondFatStaysAsItWas) {
     const int id = v.open_new("FILE       ", {}, 0);
     const bytes second = v.fat_copy(1);
-    EXPECT_EQ(write(id, some_bytes(mounted::cluster_bytes() + 1)).said, "");
+    EXPECT_EQ(write(id, some_bytes(mounted::cluster_bytes() + 1)).messages, "");
     EXPECT_EQ(v.fat_copy(1), second);
     EXPECT_NE(v.fat_copy(0), second);
 }
@@ -250,7 +250,7 @@ TEST_P(WriteAnyShape, FatThenDataThenDirectoryEntryReachTheMedium) {
     const int id = v.open_new("FILE       ", {5}, mounted::cluster_bytes() - 1);
     sv->last_alloc_clus = 9;
     transfers();
-    EXPECT_EQ(write(id, some_bytes(2)).said, "");
+    EXPECT_EQ(write(id, some_bytes(2)).messages, "");
     std::vector<transfer> writes = transfers();
     std::erase_if(writes, [](const transfer &t) { return !t.is_write; });
     const u32 data = volume::first_sector_of(5) + sv->sec_per_clus - 1;
@@ -700,7 +700,7 @@ TEST_F(WriteFile, PartOfASectorWithoutMemoryFreesTheNewClusters) {
             return;
         }
         EXPECT_LT(o.result, 0);
-        if (o.said.find("cannot allocate memory") != std::string::npos) {
+        if (o.messages.find("cannot allocate memory") != std::string::npos) {
             is_met = true;
             EXPECT_EQ(o.result, -ENOMEM);
             EXPECT_EQ(v.fat_copy(0), fat);
@@ -863,7 +863,7 @@ TEST_F(HugeFile, ClustersToSpareOf2GiBAndMoreAreTakenForMissingOnes) {
     v.set_link(FIRST + 0x90000000 / UNIT - 1, 0xFFFF);
     const int id = open(0x10000000);
     ASSERT_EQ(mounted::record(id).allocated, 0x90000000);
-    EXPECT_EQ(write(id, {1}).said, ""); // 2 GiB less one byte left
+    EXPECT_EQ(write(id, {1}).messages, ""); // 2 GiB less one byte left
     const int other = open(0x10000000 - 2);
     EXPECT_EQ(write(other, {1}), TOO_LARGE);
     EXPECT_EQ(moved(), 1U);
@@ -887,7 +887,7 @@ TEST_F(HugeFile, CountAboveIntMaxIsRefused) {
     EXPECT_EQ(moved(), 0U);
     EXPECT_EQ(v.stored_entry(id), stored);
     // What is wrong with the id comes first.
-    EXPECT_EQ(write(7, data.at, u32{INT_MAX} + 1).said, "not open file id 7\n" + NO_FILE);
+    EXPECT_EQ(write(7, data.at, u32{INT_MAX} + 1).messages, "not open file id 7\n" + NO_FILE);
 }
 
 // ---- cost -------------------------------------------------------------------------------------
@@ -910,7 +910,7 @@ TEST_P(WriteAnyShape, EachGapBetweenClustersTakesOneMoreTransfer) {
     v.chain({15, 16});
     transfers();
     const u32 spc = sv->sec_per_clus;
-    EXPECT_EQ(write(id, some_bytes(std::size_t{6} * mounted::cluster_bytes())).said, "");
+    EXPECT_EQ(write(id, some_bytes(std::size_t{6} * mounted::cluster_bytes())).messages, "");
     EXPECT_EQ(data_transfers(),
               (std::vector<transfer>{{true, volume::first_sector_of(10), 2 * spc},
                                      {true, volume::first_sector_of(13), 2 * spc},
@@ -921,7 +921,7 @@ TEST_F(WriteFat32, LargeWriteReadsAndWritesEachFatSectorAFewTimes) {
     for (const u32 clusters : {500U, 1000U, 4000U}) {
         const int id = v.open_new("FILE       ", {}, 0);
         v.disk.log.clear();
-        ASSERT_EQ(write(id, some_bytes(std::size_t{clusters} * 512)).said, "");
+        ASSERT_EQ(write(id, some_bytes(std::size_t{clusters} * 512)).messages, "");
         const u64 fat_sectors = clusters / 128 + 2;
         EXPECT_LE(v.traffic(), clusters + 6 * fat_sectors + 4);
     }
@@ -937,7 +937,7 @@ TEST_F(WriteFat32, ScatteredClustersCostTimeInProportionToTheirNumber) {
     for (const u32 clusters : {300U, 1500U}) {
         const int id = v.open_new("FILE       ", {}, 0);
         v.disk.log.clear();
-        ASSERT_EQ(write(id, some_bytes(std::size_t{clusters} * 512)).said, "");
+        ASSERT_EQ(write(id, some_bytes(std::size_t{clusters} * 512)).messages, "");
         EXPECT_LE(v.traffic(), u64{4} * clusters);
     }
 }

@@ -1,5 +1,4 @@
-// Building the tables and writing them: results, messages, the order on the medium, and every
-// failure on the way.
+// Building and writing the tables: results, messages, the order of the writes, and every failure.
 
 #include "fat/internal.h"
 #include "tests/support/capture.h"
@@ -25,11 +24,11 @@ using namespace testing_support;
 namespace {
 
 constexpr std::uint64_t MIB = 1024 * 1024;
-constexpr std::uint8_t OLD_BYTE = 0xC3; // what the medium held before
+constexpr std::uint8_t OLD_BYTE = 0xC3; // former content of the medium
 // 2024-02-29 23:59:58 UTC: DOS time BF7D, date 585D.
 constexpr time_t NOW = 1709251198;
 
-// A volume to be made, and where its areas must come to lie. Sectors, but for target_bytes.
+// A volume to format and the expected positions of its areas. In sectors, except target_bytes.
 struct scenario {
     const char *name;
     std::uint64_t target_bytes;
@@ -113,7 +112,7 @@ std::vector<std::uint64_t> sectors_of(const std::vector<step> &steps) {
     return result;
 }
 
-// The sectors of a log of writes, one by one. No read may be in it.
+// The single sectors of a log of writes. The log must contain no read.
 std::vector<std::uint64_t> sectors_of(const std::vector<transfer> &log) {
     std::vector<std::uint64_t> result;
     for (const transfer &t : log) {
@@ -138,13 +137,13 @@ ranges(const std::vector<std::pair<std::uint64_t, std::uint64_t>> &first_and_cou
 
 // ---- formatting once ----
 
-// A medium that holds old bytes, and what a format of it said. The clock stands still.
+// A medium with old bytes, and the messages of formatting it. The clock is stopped.
 class formatting {
 public:
     explicit formatting(const scenario &chosen)
         : volume(chosen), disk(chosen.target_bytes, OLD_BYTE), param(request(chosen)) {}
 
-    // Formats; no block of memory may be left over.
+    // Formats; all memory must be freed.
     int run() {
         const allocation_meter meter;
         const int result = fat_format(&param);
@@ -160,12 +159,12 @@ public:
     const scenario volume;
     const stopped_clock clock{NOW};
     ram_disk disk;
-    diagnostics said;
+    diagnostics messages;
     fat_format_param param;
     std::uint64_t heap_peak = 0;
 };
 
-// The medium must hold `written` and be as it was elsewhere.
+// Checks that the medium contains `written` and is not changed elsewhere.
 void expect_medium(formatting &after, const std::map<std::uint64_t, bytes> &written) {
     const std::uint32_t size = after.volume.sector_size;
     const bytes old(size, OLD_BYTE);
@@ -191,10 +190,10 @@ INSTANTIATE_TEST_SUITE_P(Format, FormatOf, testing::ValuesIn(ALL),
 
 // ---- success ----------------------------------------------------------------------------------
 
-TEST_P(FormatOf, ReturnsTheSectorsOfTheRootDirectoryAndSaysNothing) {
+TEST_P(FormatOf, ReturnsTheSectorsOfTheRootDirectoryAndPrintsNothing) {
     formatting format(GetParam());
     EXPECT_EQ(format.run(), static_cast<int>(GetParam().root));
-    EXPECT_EQ(format.said.text(), "");
+    EXPECT_EQ(format.messages.text(), "");
     EXPECT_EQ(format.param.fat_size, is_fat32(GetParam()) ? 32U : 16U);
     EXPECT_EQ(format.param.nr_rsvd_sec, GetParam().reserved);
     EXPECT_EQ(format.param.root_entries, is_fat32(GetParam()) ? 0U : 512U);
@@ -284,7 +283,7 @@ TEST(Format, LargeSectorsCarryTheSignatureTwice) {
     EXPECT_EQ(bytes(sector.begin() + 512, sector.begin() + 4094), bytes(4094 - 512));
 }
 
-TEST(Format, Fat16StartsWithTwoEntriesAndIsFreeBehind) {
+TEST(Format, Fat16StartsWithTwoEntriesAndIsFreeAfterThem) {
     formatting format(FAT16_LARGE_SECTORS);
     ASSERT_GT(format.run(), 0);
     bytes expected(4096);
@@ -294,7 +293,7 @@ TEST(Format, Fat16StartsWithTwoEntriesAndIsFreeBehind) {
     EXPECT_EQ(sv->last_alloc_clus, 0U);
 }
 
-TEST(Format, Fat32StartsWithThreeEntriesAndIsFreeBehind) {
+TEST(Format, Fat32StartsWithThreeEntriesAndIsFreeAfterThem) {
     formatting format(FAT32_LARGE_CLUSTERS);
     ASSERT_GT(format.run(), 0);
     bytes expected(512);
@@ -358,7 +357,7 @@ TEST(Format, ATargetThatIsTooSmallIsRefusedUntouched) {
     tiny.target_bytes = 4 * 4096;
     formatting format(tiny);
     EXPECT_EQ(format.run(), -EINVAL);
-    EXPECT_EQ(format.said.text(),
+    EXPECT_EQ(format.messages.text(),
               "Volume size(16384) is too small to format the volume to FAT16\n"
               "Retry to format after enlarge the volume size to larger than (rdir area(4) + "
               "reserved area(1)) * sector size(4096)\n"
@@ -371,7 +370,7 @@ TEST(Format, ATargetThatIsTooSmallIsRefusedUntouched) {
 
 namespace {
 
-// What must be said when a transfer of `what` ends with `result`; nothing when that is no failure.
+// The expected messages if a transfer of `what` returns `result`; empty if that is not a failure.
 std::string message_of(stage what, int result) {
     const std::string number = std::to_string(result);
     switch (what) {
@@ -391,8 +390,8 @@ std::string message_of(stage what, int result) {
     return "";
 }
 
-// A format in which the transfer with number `failing` moves nothing, or fewer sectors than asked,
-// and returns `result`.
+// A format in which transfer number `failing` moves no sectors, or fewer than requested, and
+// returns `result`.
 class broken_format {
 public:
     explicit broken_format(const scenario &volume) : volume_(volume), steps_(steps_of(volume)) {
@@ -419,7 +418,7 @@ public:
         const int outcome = format.run();
 
         const std::string message = message_of(steps_[first_step_of(failing)].what, result);
-        EXPECT_EQ(format.said.text(), message);
+        EXPECT_EQ(format.messages.text(), message);
         EXPECT_EQ(outcome, message.empty() ? static_cast<int>(volume_.root) : -EIO);
         const std::size_t made = message.empty() ? log_.size() : failing + 1;
         const std::vector<transfer> expected_log(log_.begin(),
@@ -437,7 +436,7 @@ private:
         return steps;
     }
 
-    // What the medium holds when the first `made` transfers went over and `failing` did not.
+    // The content of the medium if the first `made` transfers succeeded and `failing` did not.
     [[nodiscard]] std::map<std::uint64_t, bytes> medium_after(std::size_t made, std::size_t failing,
                                                               int result) const {
         std::map<std::uint64_t, bytes> medium;
@@ -462,7 +461,7 @@ private:
 
 } // namespace
 
-TEST_P(FormatOf, EveryFailingWriteIsToldAndLeavesWhatWasWrittenBefore) {
+TEST_P(FormatOf, EveryFailingWriteIsReportedAndLeavesTheEarlierWrites) {
     broken_format format(GetParam());
     ASSERT_GT(format.transfers(), 0U);
     for (std::size_t failing = 0; failing < format.transfers(); failing++) {
@@ -471,7 +470,7 @@ TEST_P(FormatOf, EveryFailingWriteIsToldAndLeavesWhatWasWrittenBefore) {
     }
 }
 
-TEST_P(FormatOf, EveryShortWriteIsToldButThoseOfTheReservedArea) {
+TEST_P(FormatOf, EveryShortWriteIsReportedExceptInTheReservedArea) {
     broken_format format(GetParam());
     for (std::size_t failing = 0; failing < format.transfers(); failing++) {
         format.expect_failure(failing, 0);
@@ -488,13 +487,13 @@ TEST_P(FormatOf, AFormatAfterAFailedOneSucceeds) {
     format.disk.writes_before_failure = 2;
     EXPECT_EQ(format.run(), -EIO);
     format.param = request(GetParam());
-    format.said.clear();
+    format.messages.clear();
     EXPECT_EQ(format.run(), static_cast<int>(GetParam().root));
 }
 
 namespace {
 
-// `shortages`: what is said at each failing allocation.
+// `shortages`: the messages of each failing allocation.
 void expect_shortages(const scenario &volume, const std::vector<std::string> &shortages) {
     std::size_t failures = 0;
     at_every_fault({EVERY_ALLOCATION}, [&](fault_step &step) {
@@ -502,13 +501,13 @@ void expect_shortages(const scenario &volume, const std::vector<std::string> &sh
         const int result = step.run([&] { return fat_format(&format.param); });
         if (!step.struck()) {
             EXPECT_EQ(result, static_cast<int>(volume.root));
-            EXPECT_EQ(format.said.text(), "");
+            EXPECT_EQ(format.messages.text(), "");
             return;
         }
         failures++;
         ASSERT_LE(failures, shortages.size()) << "more allocations than known";
         EXPECT_EQ(result, -ENOMEM);
-        EXPECT_EQ(format.said.text(), shortages[failures - 1]);
+        EXPECT_EQ(format.messages.text(), shortages[failures - 1]);
         EXPECT_TRUE(format.disk.log.empty());
     });
     EXPECT_EQ(failures, shortages.size());
@@ -516,7 +515,7 @@ void expect_shortages(const scenario &volume, const std::vector<std::string> &sh
 
 } // namespace
 
-TEST(Format, EveryFailingAllocationIsToldAndNothingIsWritten) {
+TEST(Format, EveryFailingAllocationIsReportedAndNothingIsWritten) {
     const std::string no_table = "fat_format[N]: Failed to make table!\n\n";
     const std::string none = "make_tables[N]: Failed to allocate memory!\n\n" + no_table;
     const std::string no_fsinfo = "make_tables[N]: Cannot create FSINFO!\n\n" + no_table;
@@ -531,7 +530,7 @@ TEST(Format, EveryFailingAllocationIsToldAndNothingIsWritten) {
     expect_shortages(FAT32_LARGE_CLUSTERS, {none, no_fsinfo, no_fat, no_root, no_sector});
 }
 
-TEST_P(FormatOf, NoAllocationAtAllLeavesNothingBehind) {
+TEST_P(FormatOf, NoAllocationAtAllLeavesNothingAllocated) {
     formatting format(GetParam());
     const failing_allocation fault(0, true);
     EXPECT_EQ(format.run(), -ENOMEM);
@@ -559,7 +558,7 @@ protected:
         EXPECT_EQ(meter.live_blocks(), 0);
         return result;
     }
-    diagnostics said;
+    diagnostics messages;
 
 private:
     scratch_directory directory_;
@@ -567,18 +566,18 @@ private:
 
 } // namespace
 
-TEST_F(FormatOfFile, AFailedSeekIsToldByTheTransferAndByTheFormat) {
+TEST_F(FormatOfFile, AFailedSeekIsReportedByTheTransferAndByTheFormat) {
     const failing_call fault(call::lseek, EINVAL, 1);
     EXPECT_EQ(run(), -EIO);
-    EXPECT_EQ(said.text(), "file_write_sectors[N]: Check here!\n\n"
-                           "write_tables_vol[N]: IO Error!\n\n");
+    EXPECT_EQ(messages.text(), "file_write_sectors[N]: Check here!\n\n"
+                               "write_tables_vol[N]: IO Error!\n\n");
 }
 
-TEST_F(FormatOfFile, AShortWriteOfTheFatTellsTheSectorsThatWereWritten) {
+TEST_F(FormatOfFile, AShortWriteOfTheFatReportsTheWrittenSectors) {
     // Every transfer moves at most 20 sectors and a half.
     const pretended_device device({.short_transfer_bytes = 20 * 512 + 256});
     EXPECT_EQ(run(), -EIO);
-    EXPECT_EQ(said.text(), "write_tables_vol[N]: Cannot write FAT(20)\n\n");
+    EXPECT_EQ(messages.text(), "write_tables_vol[N]: Cannot write FAT(20)\n\n");
 }
 
 TEST_F(FormatOfFile, EveryFailedWriteEndsTheFormat) {
@@ -586,7 +585,7 @@ TEST_F(FormatOfFile, EveryFailedWriteEndsTheFormat) {
         fat_format_param param = request(FAT16_SMALL_SECTORS);
         const int result = step.run([&] { return fat_format(&param); });
         EXPECT_EQ(result, step.struck() ? -EIO : 32);
-        EXPECT_TRUE(step.k > 0 || said.text() ==
+        EXPECT_TRUE(step.k > 0 || messages.text() ==
                                       "file_write_sectors[N]: Check here!\n\n"
                                       "write_tables_vol[N]: Cannot write PBR sector\n\n");
         EXPECT_TRUE(step.struck() || step.k > 3);
@@ -615,23 +614,24 @@ TEST(SetFatEntry, Fat32TakesTheLowTwentyEightBitsAndKeepsTheTopFour) {
 TEST(SetFatEntry, AnotherWidthIsRefused) {
     for (const std::uint32_t width : {0U, 12U, 17U, 28U, 64U}) {
         bytes table(64, 0x77);
-        diagnostics said;
+        diagnostics messages;
         EXPECT_EQ(fat::set_fat_entry(width, table.data(), 1, 5), -EINVAL);
-        EXPECT_EQ(said.text(), "set_fat_entry[N]: This library supports only FAT16 and FAT32\n");
+        EXPECT_EQ(messages.text(),
+                  "set_fat_entry[N]: This library supports only FAT16 and FAT32\n");
         EXPECT_EQ(table, bytes(64, 0x77));
     }
 }
 
 namespace {
 
-// The four tables of a volume, to be written after the test has changed them or the volume.
+// The four tables of a volume; a test changes them or the volume and writes them.
 class Tables : public testing::Test {
 protected:
     void make(const scenario &volume) {
         format_.reset();
         format_ = std::make_unique<formatting>(volume);
         ASSERT_EQ(fat::make_tables(&format_->param, &pbr, &fsinfo, &fat, &rdir), 0);
-        EXPECT_EQ(format_->said.text(), "");
+        EXPECT_EQ(format_->messages.text(), "");
         EXPECT_TRUE(format_->disk.log.empty());
     }
     ~Tables() override {
@@ -646,8 +646,8 @@ protected:
         EXPECT_EQ(meter.live_blocks(), 0);
         return result;
     }
-    std::string said() {
-        return format_->said.text();
+    std::string messages() {
+        return format_->messages.text();
     }
     std::vector<std::uint64_t> written() {
         return sectors_of(format_->disk.log);
@@ -673,7 +673,7 @@ TEST_F(Tables, OfFat16HaveNoFsinfo) {
     EXPECT_EQ(fsinfo, nullptr);
     EXPECT_EQ(bytes(fat, fat + 6), (bytes{0xF8, 0xFF, 0xFF, 0xFF, 0, 0}));
     EXPECT_EQ(rdir[11], 0x08);
-    // The signature at the end of a large sector comes with the writing.
+    // The signature at the end of a large sector is set by the write.
     EXPECT_EQ(bytes(pbr + 510, pbr + 512), (bytes{0x55, 0xAA}));
     EXPECT_EQ(bytes(pbr + 4094, pbr + 4096), (bytes{0, 0}));
     EXPECT_EQ(write(), 4);
@@ -687,7 +687,7 @@ TEST_F(Tables, OfFat32HaveFsinfo) {
     EXPECT_EQ(write(), 1);
 }
 
-TEST_F(Tables, ThatCouldNotBeMadeAreNotHandedOut) {
+TEST_F(Tables, ThatCouldNotBeMadeAreNotReturned) {
     formatting format(FAT32_LARGE_SECTORS);
     at_every_fault({EVERY_ALLOCATION}, [&](fault_step &step) {
         format.param = request(FAT32_LARGE_SECTORS);
@@ -707,7 +707,7 @@ TEST_F(Tables, OfFat32WithoutFsinfoAreWrittenUpToThere) {
     std::free(fsinfo);
     fsinfo = nullptr;
     EXPECT_EQ(write(), -EIO);
-    EXPECT_EQ(said(), "write_tables_vol[N]: cannot write FSInfo sector\n");
+    EXPECT_EQ(messages(), "write_tables_vol[N]: cannot write FSInfo sector\n");
     EXPECT_EQ(written(), ranges({{0, 1}, {1, 31}, {6, 1}}));
 }
 
@@ -725,7 +725,7 @@ TEST_F(Tables, WithoutAnFsinfoFieldHaveNoFsinfo) {
     EXPECT_EQ(written(), ranges({{0, 1}, {1, 31}, {6, 1}, {32, 256}, {288, 1}}));
 }
 
-TEST_F(Tables, GoWhereTheBootSectorSays) {
+TEST_F(Tables, AreWrittenWhereTheBootSectorStates) {
     make(FAT32_LARGE_SECTORS);
     pbr[48] = 9;
     pbr[50] = 0x0C;
@@ -739,7 +739,7 @@ TEST_F(Tables, OfAVolumeWithoutAFatAreWrittenUpToThere) {
     sv->fat_start = 0;
     sv->fat_size = 0;
     EXPECT_EQ(write(), -EINVAL);
-    EXPECT_EQ(said(), "write_tables_vol[N]: Not initialized value\n\n");
+    EXPECT_EQ(messages(), "write_tables_vol[N]: Not initialized value\n\n");
     EXPECT_EQ(written(), ranges({{0, 1}, {1, 15}}));
 }
 
@@ -754,7 +754,7 @@ TEST_F(Tables, OfAVolumeWithoutARootDirectoryAreWrittenUpToThere) {
     make(FAT16_SMALL_SECTORS);
     sv->rdir_start = 0;
     EXPECT_EQ(write(), -EINVAL);
-    EXPECT_EQ(said(), "write_tables_vol[N]: Not initialized value\n\n");
+    EXPECT_EQ(messages(), "write_tables_vol[N]: Not initialized value\n\n");
     EXPECT_EQ(written(), ranges({{0, 1}, {1, 15}, {16, 64}}));
 }
 
@@ -781,7 +781,7 @@ TEST_F(Tables, HaveARootDirectoryOfTheEntriesInTheBootSector) {
     EXPECT_EQ(written(), ranges({{0, 1}, {1, 15}, {16, 64}, {80, 3}}));
 }
 
-TEST_F(Tables, AFatOfItsOwnIsAsLongAsTheVolumeSays) {
+TEST_F(Tables, AFatOfItsOwnHasTheLengthOfTheVolumesFat) {
     make(FAT32_LARGE_CLUSTERS);
     sv->last_alloc_clus = 77;
     fat::u8 *own = nullptr;
@@ -799,7 +799,7 @@ TEST_F(Tables, OfAVolumeOfNoWidthAreNotMade) {
     fat::u8 *table = nullptr;
     const allocation_meter meter;
     EXPECT_EQ(fat::create_fat(pbr + 11, &table), -EINVAL);
-    EXPECT_EQ(said(), "set_fat_entry[N]: This library supports only FAT16 and FAT32\n");
+    EXPECT_EQ(messages(), "set_fat_entry[N]: This library supports only FAT16 and FAT32\n");
     EXPECT_EQ(meter.live_blocks(), 0);
     EXPECT_EQ(table, nullptr);
 }

@@ -24,10 +24,10 @@ namespace {
 constexpr std::uint64_t KIB = 1024;
 constexpr std::uint64_t MIB = 1024 * KIB;
 
-// Everything that the calculation gives back. `said` holds the diagnostics.
+// All results of the calculation, with its messages.
 struct decision {
     int result = 0;
-    std::string said = {};
+    std::string messages = {};
     std::uint32_t width = 0;
     std::uint32_t reserved = 0;
     std::uint32_t root_entries = 0;
@@ -38,7 +38,7 @@ struct decision {
 std::ostream &operator<<(std::ostream &out, const decision &d) {
     return out << "{result " << d.result << ", FAT" << d.width << ", reserved " << d.reserved
                << ", root entries " << d.root_entries << ", FAT sectors " << d.fat_sectors
-               << ", clusters " << d.clusters << ", said <" << d.said << ">}";
+               << ", clusters " << d.clusters << ", messages <" << d.messages << ">}";
 }
 
 // A request as it is after the defaults were filled in.
@@ -57,23 +57,23 @@ fat_format_param request(const asked &wish) {
 
 constexpr std::uint32_t UNTOUCHED = 0xABABABAB;
 
-// The decision for `total` sectors of a target of `target_bytes`. After a refusal the request and
-// the result slots must be as they were, and the decision is blank but for result and text.
+// The decision for `total` sectors of a target of `target_bytes`. A refusal must change neither the
+// request nor the result slots; the decision then has only a result and a text.
 decision decide(const asked &wish, std::uint32_t total, std::uint64_t target_bytes) {
     const ram_disk disk(target_bytes);
-    diagnostics said;
+    diagnostics messages;
     fat_format_param param = request(wish);
     decision made;
     made.fat_sectors = UNTOUCHED;
     made.clusters = UNTOUCHED;
     made.result = fat::calc_fat_sectors(&param, total, &made.fat_sectors, &made.clusters);
-    made.said = said.text();
+    made.messages = messages.text();
     if (made.result != 0) {
         const fat_format_param before = request(wish);
         EXPECT_EQ(std::memcmp(&param, &before, sizeof param), 0) << "the request was changed";
         EXPECT_EQ(made.fat_sectors, UNTOUCHED);
         EXPECT_EQ(made.clusters, UNTOUCHED);
-        return {.result = made.result, .said = made.said};
+        return {.result = made.result, .messages = made.messages};
     }
     made.width = param.fat_size;
     made.reserved = param.nr_rsvd_sec;
@@ -92,8 +92,8 @@ decision fat32(decision rest) {
     rest.width = 32;
     return rest;
 }
-decision refused(const std::string &said) {
-    return {.result = -EINVAL, .said = said};
+decision refused(const std::string &messages) {
+    return {.result = -EINVAL, .messages = messages};
 }
 
 // The starts of the areas in sectors, as the boot sector and the volume record have them.
@@ -140,7 +140,7 @@ TEST(RoundUpTo, ReachesTheEndOfThirtyTwoBits) {
     EXPECT_EQ(fat::round_up_to(0, 0x80000000U), 0x80000000U);
 }
 
-// ---- volumes that come out --------------------------------------------------------------------
+// ---- accepted volumes -------------------------------------------------------------------------
 
 TEST(CalcFatSectors, SixtyFourMiBInSectorsOf4096) {
     const asked wish = {.cluster_sectors = 1, .sector_bytes = 4096, .page_bytes = 4096};
@@ -203,7 +203,7 @@ TEST(CalcFatSectors, RootEntriesAreRoundedUpToFillTheirSectors) {
     // 40 entries fill 3 sectors of 512 bytes, 6 of them an 3072-byte page, 8 a page of 4096.
     wish = {.cluster_sectors = 8, .sector_bytes = 512, .page_bytes = 4096, .root_entries = 40};
     EXPECT_EQ(decide(wish, 131072).root_entries, 128U);
-    // With alignment, even no entry at all takes a page.
+    // With alignment, even a root area without entries takes a page.
     wish.root_entries = 0;
     EXPECT_EQ(decide(wish, 131072).root_entries, 128U);
 }
@@ -236,16 +236,16 @@ TEST(CalcFatSectors, TheEstimateCountsTheTwoEntriesOfEveryFatThatNameNoCluster) 
               fat32({.reserved = 32, .fat_sectors = 587, .clusters = 74876}));
 }
 
-TEST(CalcFatSectors, TheRequestsOwnReservedSectorsAreNotConsulted) {
+TEST(CalcFatSectors, TheRequestsOwnReservedSectorsAreIgnored) {
     const asked wish = {.width = 32, .root_entries = 0};
-    EXPECT_EQ(decide(wish, 131072).reserved, 32U); // the request says 77
+    EXPECT_EQ(decide(wish, 131072).reserved, 32U); // 77 in the request
     EXPECT_EQ(decide({}, 16384).reserved, 1U);
 }
 
 // ---- the limits -------------------------------------------------------------------------------
 
 TEST(CalcFatSectors, Fat16StartsAt4085Clusters) {
-    const std::string said =
+    const std::string messages =
         "Cluster size(4096) is too large or volume size(16764928) is too small to format the "
         "device to FAT16.\n"
         "If you want to format the deivce to FAT16/32, retry to format after reduce the cluster "
@@ -253,7 +253,7 @@ TEST(CalcFatSectors, Fat16StartsAt4085Clusters) {
         "num_clusters 4084 data area 4084\n";
     for (const std::uint32_t width : {0U, 16U}) {
         const asked wish = {.width = width};
-        EXPECT_EQ(decide(wish, 4093), refused(said));
+        EXPECT_EQ(decide(wish, 4093), refused(messages));
         EXPECT_EQ(decide(wish, 4094),
                   fat16({.reserved = 1, .root_entries = 512, .fat_sectors = 2, .clusters = 4085}));
     }
@@ -270,10 +270,10 @@ TEST(CalcFatSectors, Fat16EndsAt65524ClustersWhenItIsAskedFor) {
                       "fat 32 max 65524 num_clusters 65525\n"));
 }
 
-TEST(CalcFatSectors, AWidthThatIsNoneIsRefused) {
+TEST(CalcFatSectors, AnInvalidWidthIsRefused) {
     const decision made = decide({.width = 12}, 5000);
     EXPECT_EQ(made.result, -EINVAL);
-    EXPECT_NE(made.said.find("Invalid format request: "), std::string::npos) << made.said;
+    EXPECT_NE(made.messages.find("Invalid format request: "), std::string::npos) << made.messages;
 }
 
 TEST(CalcFatSectors, BetweenTheWidthsAutomaticChoiceIsRefusedAsFat32) {
@@ -354,7 +354,7 @@ TEST(CalcFatSectors, FourSectorsOrFewerHaveNoRoomForTheAreasOfFat16) {
     }
 }
 
-TEST(CalcFatSectors, ARoomLeftOfNothingIsATooSmallVolumeOfNegativeClusters) {
+TEST(CalcFatSectors, NoRoomLeftIsATooSmallVolumeOfNegativeClusters) {
     // Five sectors are just the areas; two FATs of a sector each do not fit.
     EXPECT_EQ(decide({}, 5),
               refused("Cluster size(4096) is too large or volume size(20480) is too small to "
@@ -381,7 +381,7 @@ TEST(CalcFatSectors, NegativeClustersAreRoundedDown) {
                       "num_clusters -1 data area -1\n"));
 }
 
-TEST(CalcFatSectors, TheAlignedReservedAreaCountsButTheMessageSaysOne) {
+TEST(CalcFatSectors, TheAlignedReservedAreaCountsButTheMessagePrintsOne) {
     const asked wish = {.cluster_sectors = 1, .sector_bytes = 512, .page_bytes = 8192};
     EXPECT_EQ(decide(wish, 47), refused("Volume size(24064) is too small to format the volume to "
                                         "FAT16\n"
@@ -410,23 +410,25 @@ TEST(CalcFatSectors, ThirtyOneSectorsHaveNoRoomForTheReservedAreaOfFat32) {
 }
 
 TEST(CalcFatSectors, TheMessagesNameTheSizeOfTheTargetNotOfItsSectors) {
-    // 64-bit: the target is larger than what is used of it.
-    EXPECT_EQ(decide({}, 4, 123456789012345).said.substr(0, 28), "Volume size(123456789012345)");
-    EXPECT_EQ(decide({.width = 32}, 4, 123456789012345).said.substr(0, 28),
+    // 64-bit: the target is larger than its used part.
+    EXPECT_EQ(decide({}, 4, 123456789012345).messages.substr(0, 28),
+              "Volume size(123456789012345)");
+    EXPECT_EQ(decide({.width = 32}, 4, 123456789012345).messages.substr(0, 28),
               "Volume size(123456789012345)");
 }
 
 TEST(CalcFatSectors, ARootAreaOfHalfKiBsIsRefused) {
-    const std::string said = "calc_fat_sectors[N]: RdirSize is not even multiple of 512Bytes!\n\n";
-    // 16 entries are one sector of 512 bytes, 33 to 48 are three.
+    const std::string messages =
+        "calc_fat_sectors[N]: RdirSize is not even multiple of 512Bytes!\n\n";
+    // 16 entries are one sector of 512 bytes, 33 to 48 entries are three.
     asked wish = {.cluster_sectors = 8, .sector_bytes = 512, .page_bytes = 0, .root_entries = 16};
-    EXPECT_EQ(decide(wish, 131072), refused(said));
+    EXPECT_EQ(decide(wish, 131072), refused(messages));
     wish.root_entries = 33;
-    EXPECT_EQ(decide(wish, 131072), refused(said));
+    EXPECT_EQ(decide(wish, 131072), refused(messages));
     wish.width = 16;
-    EXPECT_EQ(decide(wish, 131072), refused(said));
+    EXPECT_EQ(decide(wish, 131072), refused(messages));
     // The areas are measured after it.
-    EXPECT_EQ(decide(wish, 2), refused(said));
+    EXPECT_EQ(decide(wish, 2), refused(messages));
     // 17 to 32 entries are two sectors: 1024 bytes.
     wish.root_entries = 17;
     EXPECT_EQ(decide(wish, 131072).root_entries, 32U);
@@ -437,10 +439,11 @@ TEST(CalcFatSectors, ARootAreaOfHalfKiBsIsRefused) {
     EXPECT_EQ(decide(wish, 131072).width, 32U);
 }
 
-TEST(CalcFatSectors, APageThatNoSectorFitsIsSaidAndTheVolumeGoesOnUnaligned) {
-    const std::string said = "calc_fat_sectors[N]: Can't align to page size(3000): Sector is 512\n";
+TEST(CalcFatSectors, APageThatNoSectorFitsIsReportedAndTheVolumeIsUnaligned) {
+    const std::string messages =
+        "calc_fat_sectors[N]: Can't align to page size(3000): Sector is 512\n";
     asked wish = {.cluster_sectors = 8, .sector_bytes = 512, .page_bytes = 3000};
-    EXPECT_EQ(decide(wish, 131000), (decision{.said = said,
+    EXPECT_EQ(decide(wish, 131000), (decision{.messages = messages,
                                               .width = 16,
                                               .reserved = 1,
                                               .root_entries = 512,
@@ -448,7 +451,7 @@ TEST(CalcFatSectors, APageThatNoSectorFitsIsSaidAndTheVolumeGoesOnUnaligned) {
                                               .clusters = 16354}));
     EXPECT_EQ(lay_out(wish, 131000 * 512), (areas{.fat = 1, .root = 129, .data = 161}));
     wish = {.width = 32, .cluster_sectors = 1, .sector_bytes = 512, .page_bytes = 3000};
-    EXPECT_EQ(decide(wish, 70000), (decision{.said = said,
+    EXPECT_EQ(decide(wish, 70000), (decision{.messages = messages,
                                              .width = 32,
                                              .reserved = 32,
                                              .root_entries = 0,
@@ -456,11 +459,11 @@ TEST(CalcFatSectors, APageThatNoSectorFitsIsSaidAndTheVolumeGoesOnUnaligned) {
                                              .clusters = 68890}));
 }
 
-TEST(CalcFatSectors, TheLargestPageThatNoSectorFitsIsSaidAsASignedNumber) {
+TEST(CalcFatSectors, TheLargestPageThatNoSectorFitsIsPrintedAsASignedNumber) {
     const asked wish = {.cluster_sectors = 8, .sector_bytes = 512, .page_bytes = 0xFFFFFFFF};
     EXPECT_EQ(
         decide(wish, 131000),
-        (decision{.said = "calc_fat_sectors[N]: Can't align to page size(-1): Sector is 512\n",
+        (decision{.messages = "calc_fat_sectors[N]: Can't align to page size(-1): Sector is 512\n",
                   .width = 16,
                   .reserved = 1,
                   .root_entries = 512,
@@ -468,26 +471,27 @@ TEST(CalcFatSectors, TheLargestPageThatNoSectorFitsIsSaidAsASignedNumber) {
                   .clusters = 16354}));
 }
 
-TEST(CalcFatSectors, ASectorThatNoPageFitsIsSaidToo) {
+TEST(CalcFatSectors, ASectorThatNoPageFitsIsReportedToo) {
     const asked wish = {.cluster_sectors = 1, .sector_bytes = 4096, .page_bytes = 3000};
-    EXPECT_EQ(decide(wish, 16384),
-              (decision{.said = "calc_fat_sectors[N]: Can't align to page size(3000): Sector is "
-                                "4096\n",
-                        .width = 16,
-                        .reserved = 1,
-                        .root_entries = 512,
-                        .fat_sectors = 8,
-                        .clusters = 16363}));
+    EXPECT_EQ(
+        decide(wish, 16384),
+        (decision{.messages = "calc_fat_sectors[N]: Can't align to page size(3000): Sector is "
+                              "4096\n",
+                  .width = 16,
+                  .reserved = 1,
+                  .root_entries = 512,
+                  .fat_sectors = 8,
+                  .clusters = 16363}));
 }
 
-TEST(CalcFatSectors, TheAlignmentIsSaidOnceWhenTheChoiceGoesOnToFat32) {
+TEST(CalcFatSectors, TheAlignmentIsReportedOnceWhenTheChoiceContinuesWithFat32) {
     const asked wish = {.cluster_sectors = 1, .sector_bytes = 512, .page_bytes = 3000};
-    EXPECT_EQ(decide(wish, 131072).said,
+    EXPECT_EQ(decide(wish, 131072).messages,
               "calc_fat_sectors[N]: Can't align to page size(3000): Sector is 512\n");
     EXPECT_EQ(decide(wish, 131072).width, 32U);
 }
 
-TEST(CalcFatSectors, TheAlignmentIsSaidBeforeARefusal) {
+TEST(CalcFatSectors, TheAlignmentIsReportedBeforeARefusal) {
     const asked wish = {.page_bytes = 3000};
     EXPECT_EQ(decide(wish, 2),
               refused("calc_fat_sectors[N]: Can't align to page size(3000): Sector is 4096\n"
@@ -534,7 +538,7 @@ TEST(CalcFatSectors, TheLargestTotalWithManyFats) {
     const volume_layout expected =
         format_calculation(wish, 4294967295U * std::uint64_t{4096}, 4294967295U).decide();
     const decision made = decide(wish, 4294967295U);
-    EXPECT_EQ(made.said, expected.printed);
+    EXPECT_EQ(made.messages, expected.printed);
     EXPECT_EQ(made.fat_sectors, expected.fat_sectors);
     EXPECT_EQ(made.clusters, expected.clusters);
 }
@@ -549,7 +553,7 @@ decision expected_decision(const asked &wish, std::uint32_t total) {
     if (expected.result != 0) {
         return refused(expected.printed);
     }
-    return {.said = expected.printed,
+    return {.messages = expected.printed,
             .width = static_cast<std::uint32_t>(expected.width),
             .reserved = static_cast<std::uint32_t>(expected.reserved),
             .root_entries = static_cast<std::uint32_t>(expected.root_entries),
@@ -570,7 +574,7 @@ TEST(CalcFatSectors, AgreesWithTheReferenceModelAroundEveryLimit) {
                                         .page_bytes = page,
                                         .root_entries = width == 32 ? 0U : 512U};
                     for (const std::uint32_t limit : {0U, 4085U, 65525U}) {
-                        // From 32 sectors before to 32 behind, FATs and reserved area included.
+                        // From 32 sectors before to 32 after, FATs and reserved area included.
                         const std::uint32_t middle = limit * cluster + limit * 8 / sector + 40;
                         for (std::uint32_t total = middle < 80 ? 0 : middle - 80;
                              total < middle + 80; total += 3) {
@@ -601,7 +605,7 @@ TEST(CalcFatSectors, AgreesWithTheReferenceModelOnRandomRequests) {
                             .page_bytes = one_of(0, 2048, 4096, 8192, 3000, 1000),
                             .root_entries = one_of(512, 512, 64, 100, 1000, 2048),
                             .fats = one_of(1, 2, 2, 2, 3, 255)};
-        // As many bits as not, so that small volumes are as frequent as large ones.
+        // A random number of bits, so that small volumes are as frequent as large ones.
         const std::uint32_t total = static_cast<std::uint32_t>(random()) >> random() % 32;
         const decision made = decide(wish, total);
         ASSERT_EQ(made, expected_decision(wish, total)) << total << " sectors";
@@ -625,7 +629,7 @@ std::string as_text(const asked &wish) {
 
 void expect_refused_untouched(const asked &wish) {
     ram_disk disk(64 * MIB);
-    diagnostics said;
+    diagnostics messages;
     fat_format_param param = request(wish);
     const fat_format_param before = param;
     const fat_super volume_before = *sv;
@@ -636,8 +640,8 @@ void expect_refused_untouched(const asked &wish) {
         EXPECT_EQ(meter.peak_bytes(), 0U);
         EXPECT_FALSE(none_allowed.struck());
     }
-    EXPECT_EQ(said.text(), "make_tables[N]: Invalid format request: " + as_text(wish) +
-                               "\n\nfat_format[N]: Failed to make table!\n\n");
+    EXPECT_EQ(messages.text(), "make_tables[N]: Invalid format request: " + as_text(wish) +
+                                   "\n\nfat_format[N]: Failed to make table!\n\n");
     EXPECT_TRUE(disk.log.empty());
     EXPECT_EQ(std::memcmp(&param, &before, sizeof param), 0);
     EXPECT_EQ(std::memcmp(sv, &volume_before, sizeof volume_before), 0);
@@ -645,7 +649,7 @@ void expect_refused_untouched(const asked &wish) {
 
 } // namespace
 
-TEST(FormatRequest, ASectorSizeThatIsNoneIsRefusedBeforeAnythingIsAllocatedOrWritten) {
+TEST(FormatRequest, AnInvalidSectorSizeIsRefusedBeforeAnythingIsAllocatedOrWritten) {
     for (const std::uint32_t sector_bytes : {0U, 1U, 2U, 256U, 511U, 513U, 3072U, 4095U, 8192U,
                                              32768U, 65536U, 0x80000000U, 0xFFFFFFFFU}) {
         expect_refused_untouched({.sector_bytes = sector_bytes});
@@ -655,7 +659,7 @@ TEST(FormatRequest, ASectorSizeThatIsNoneIsRefusedBeforeAnythingIsAllocatedOrWri
     expect_refused_untouched({.cluster_sectors = 0, .sector_bytes = 32768});
 }
 
-TEST(FormatRequest, AClusterSizeThatIsNoneIsRefusedBeforeAnythingIsAllocatedOrWritten) {
+TEST(FormatRequest, AnInvalidClusterSizeIsRefusedBeforeAnythingIsAllocatedOrWritten) {
     for (const std::uint32_t cluster_sectors :
          {0U, 3U, 6U, 63U, 65U, 96U, 128U, 256U, 0x80000000U, 0xFFFFFFFFU}) {
         expect_refused_untouched({.cluster_sectors = cluster_sectors});
@@ -664,7 +668,7 @@ TEST(FormatRequest, AClusterSizeThatIsNoneIsRefusedBeforeAnythingIsAllocatedOrWr
     }
 }
 
-TEST(FormatRequest, CountsAndWidthsThatAreNoneAreRefusedBeforeAnythingIsAllocatedOrWritten) {
+TEST(FormatRequest, InvalidCountsAndWidthsAreRefusedBeforeAnythingIsAllocatedOrWritten) {
     for (const std::uint32_t fats : {0U, 256U, 257U, 0xFFFFFFFFU}) {
         expect_refused_untouched({.fats = fats});
     }
@@ -681,16 +685,16 @@ TEST(FormatRequest, CountsAndWidthsThatAreNoneAreRefusedBeforeAnythingIsAllocate
 
 namespace {
 
-// What fat_format() says of a request whose geometry cannot be, and that nothing was written.
+// Checks the messages of fat_format() for an impossible geometry, and that nothing was written.
 std::string refusal_of_format(const asked &wish, std::uint64_t target_bytes) {
     ram_disk disk(target_bytes);
-    diagnostics said;
+    diagnostics messages;
     fat_format_param param = request(wish);
     const allocation_meter meter;
     EXPECT_EQ(fat_format(&param), -EINVAL);
     EXPECT_EQ(meter.live_blocks(), 0);
     EXPECT_TRUE(disk.log.empty());
-    return said.text();
+    return messages.text();
 }
 
 constexpr const char *CALLERS = "create_pbr[N]: failed to calc_fat_sectors!\n\n"
@@ -700,7 +704,7 @@ constexpr const char *CALLERS = "create_pbr[N]: failed to calc_fat_sectors!\n\n"
 } // namespace
 
 TEST(FormatRequest, ARootAreaThatItsFieldCannotHoldIsRefused) {
-    // 65535 entries fill 512 sectors of 4096 bytes, which hold 65536: one more than 16 bits say.
+    // 65535 entries fill 512 sectors of 4096 bytes, which hold 65536: one more than fits 16 bits.
     const asked wish = {.root_entries = 65535};
     EXPECT_EQ(refusal_of_format(wish, 64 * MIB),
               std::string("calc_fat_sectors[N]: Invalid format request: FAT0, 2 FATs, 1 sectors of "
@@ -709,7 +713,7 @@ TEST(FormatRequest, ARootAreaThatItsFieldCannotHoldIsRefused) {
 }
 
 TEST(FormatRequest, ARootAreaOfNoSectorIsRefused) {
-    // Its first entry, the volume label, would have no place.
+    // There is no room for its first entry, the volume label.
     const asked wish = {.page_bytes = 0, .root_entries = 0};
     EXPECT_EQ(refusal_of_format(wish, 64 * MIB),
               std::string("calc_fat_sectors[N]: Invalid format request: FAT0, 2 FATs, 1 sectors of "
@@ -721,7 +725,7 @@ TEST(FormatRequest, AReservedAreaThatItsFieldCannotHoldIsRefused) {
     // 65536 sectors to a page.
     const asked wish = {.sector_bytes = 512, .page_bytes = 32 * MIB};
     ram_disk disk(1024 * MIB);
-    diagnostics said;
+    diagnostics messages;
     fat_format_param param = request(wish);
     const allocation_meter meter;
     EXPECT_EQ(fat_format(&param), -EINVAL);

@@ -274,8 +274,8 @@ constexpr int CLUSTER_TOO_LARGE = -1000;
 
 // What must come of the options on a target.
 struct expectation {
-    int result;       // as fat_format gives it, or CLUSTER_TOO_LARGE
-    std::string said; // every diagnostic
+    int result;           // as fat_format gives it, or CLUSTER_TOO_LARGE
+    std::string messages; // every diagnostic
     volume_layout volume;
 };
 
@@ -371,12 +371,12 @@ void check_in_memory(const options &given, std::uint64_t target_bytes, unsigned 
     ram_disk disk(target_bytes, [phase](std::uint64_t number, std::uint8_t *block) {
         paint_old_block(number, phase, block);
     });
-    diagnostics said;
+    diagnostics messages;
     const int result = format_with(given);
 
     const expectation expected = expect_of(given, target_bytes);
     ASSERT_EQ(result, expected.result);
-    ASSERT_EQ(said.text(), expected.said);
+    ASSERT_EQ(messages.text(), expected.messages);
     picture image(phase);
     if (expected.result < 0) {
         ASSERT_TRUE(disk.log.empty());
@@ -607,12 +607,12 @@ TEST(ImageFile, IsAsThePictureAndKeepsItsSize) {
         const scratch_directory directory;
         const std::string path = file_of_old_bytes(directory, one.size);
         const expectation expected = expect_of(one.given, one.size);
-        diagnostics said;
+        diagnostics messages;
         ASSERT_GE(fat_open_volume(path.c_str(), 0, 0), 0);
         const int result = format_with(one.given);
         EXPECT_EQ(fat_close_volume(0), 0);
         EXPECT_EQ(result, expected.result);
-        EXPECT_EQ(said.text(), expected.said);
+        EXPECT_EQ(messages.text(), expected.messages);
         picture image(0);
         if (expected.result > 0) {
             paint_volume(&image, one.given, expected.volume, NOW, stamp_of(NOW));
@@ -630,16 +630,17 @@ std::uint32_t serial_of(const std::string &path, std::int64_t width) {
                             : field[0] + 256U * field[1] + 65536U * field[2] + 16777216U * field[3];
 }
 
-std::string without_lines(const std::string &said) {
+std::string without_lines(const std::string &messages) {
     std::string result;
-    for (std::size_t i = 0; i < said.size(); i++) {
-        const bool is_line = said[i] == '[' && i + 1 < said.size() && std::isdigit(said[i + 1]);
+    for (std::size_t i = 0; i < messages.size(); i++) {
+        const bool is_line =
+            messages[i] == '[' && i + 1 < messages.size() && std::isdigit(messages[i + 1]);
         if (!is_line) {
-            result += said[i];
+            result += messages[i];
             continue;
         }
         result += "[N";
-        i = said.find(']', i) - 1;
+        i = messages.find(']', i) - 1;
     }
     return result;
 }
@@ -662,7 +663,7 @@ TEST(ImageFile, OfTheProgramIsAsThePicture) {
         const time_t before = std::time(nullptr);
         const outcome done = run(command);
         const time_t after = std::time(nullptr);
-        EXPECT_EQ(without_lines(done.err), expected.said);
+        EXPECT_EQ(without_lines(done.err), expected.messages);
         picture image(0);
         if (expected.result < 0) {
             EXPECT_EQ(done.out, expected.result != CLUSTER_TOO_LARGE ? "Fail to format\n" : "");

@@ -248,7 +248,7 @@ TEST_P(ImportFile, NamesAreThoseOfTheVolume) {
 }
 
 TEST_P(ImportFile, GoesIntoTheCurrentDirectory) {
-    diagnostics said;
+    diagnostics messages;
     const int id = fat_mkdir("SUB");
     ASSERT_EQ(fat_set_current(id), id);
     const directory sub(&v, {mounted::record(id).start}, false);
@@ -265,7 +265,7 @@ protected:
     template <typename Call>
     std::map<std::uint64_t, bytes> blocks_after(const Call &call) {
         mounted v(GetParam());
-        const diagnostics said;
+        const diagnostics messages;
         call();
         std::map<std::uint64_t, bytes> blocks;
         for (const std::uint64_t number : v.disk.known_blocks()) {
@@ -358,7 +358,7 @@ TEST_P(ImportFile, FileThatTheUserMayNotReadIsRefused) {
     const std::string host = host_file(some_bytes(100));
     ASSERT_EQ(chmod(host.c_str(), 0), 0);
     ASSERT_EQ(chmod(scratch.file(".").c_str(), 0755), 0);
-    const diagnostics said;
+    const diagnostics messages;
     const plain_user user;
     if (!user.is_plain()) {
         GTEST_SKIP() << "root stays root here";
@@ -387,7 +387,7 @@ TEST_P(ImportFile, VolumeThatFillsUpLeavesWhatCameBefore) {
     const std::string host = host_file(content);
     const pretended_device slow({.short_transfer_bytes = static_cast<std::int64_t>(2 * cluster)});
     printout expected = shown({2 * cluster}, 5 * cluster);
-    expected.said =
+    expected.messages =
         VOLUME_FULL + import_says("cannot write to file /FILE: No space left on device\n");
     EXPECT_EQ(copy(host, "/FILE", 1), expected);
     EXPECT_EQ(content_of(imported()), part_of(content, 0, 2 * cluster));
@@ -429,16 +429,16 @@ void expect_survival(const std::string &host, const fault_kind &kind, int least)
             EXPECT_GT(step.k, least);
             return;
         }
-        EXPECT_NE(result.said, "");
+        EXPECT_NE(result.messages, "");
         EXPECT_TRUE(result.result == 0 || result.result == -EIO || result.result == -ENOMEM ||
                     result.result == -ENOSPC || result.result == -EINVAL)
             << result;
         // What fails says so in the name of the import, once and last.
-        EXPECT_EQ(result.said.find("fat_copy_to_zuq[N]: "),
-                  result.said.rfind("fat_copy_to_zuq[N]: "))
+        EXPECT_EQ(result.messages.find("fat_copy_to_zuq[N]: "),
+                  result.messages.rfind("fat_copy_to_zuq[N]: "))
             << result;
-        if (result.said.find("Cannot allocate memory.(err=-12)") == std::string::npos) {
-            EXPECT_NE(result.said.rfind("fat_copy_to_zuq[N]: cannot "), std::string::npos)
+        if (result.messages.find("Cannot allocate memory.(err=-12)") == std::string::npos) {
+            EXPECT_NE(result.messages.rfind("fat_copy_to_zuq[N]: cannot "), std::string::npos)
                 << result;
         }
     });
@@ -583,7 +583,7 @@ TEST_F(ImportLargeFile, FourGibibytesEndOneChunkBefore) {
 
 TEST_F(ImportLargeFile, TakesOneBufferOfEightMebibytesAndAByte) {
     const std::string host = scratch.sparse_file("host", 20 * MIB);
-    diagnostics said;
+    diagnostics messages;
     const allocation_meter meter;
     EXPECT_EQ(fat_copy_to_zuq(host.c_str(), "FILE", 0), 0);
     EXPECT_GE(meter.peak_bytes(), CHUNK + 1);
@@ -624,8 +624,8 @@ protected:
         const bytes content = content_of(entry);
         EXPECT_EQ(std::string(content.begin(), content.end()), target);
     }
-    static printout refused(int result, const std::string &said) {
-        return {result, "", said};
+    static printout refused(int result, const std::string &messages) {
+        return {result, "", messages};
     }
 };
 const std::string LINK_REFUSED = import_says("cannot create ZUQ file LINK\n\n");
@@ -670,7 +670,7 @@ TEST_F(ImportLink, TargetOfEightMebibytesFillsTheBuffer) {
     EXPECT_EQ(longest.room(), CHUNK);
     EXPECT_TRUE(nothing_written());
     // Its terminator stands behind.
-    const diagnostics said;
+    const diagnostics messages;
     const allocation_meter meter;
     EXPECT_EQ(fat_copy_to_zuq(path.c_str(), "LINK", 0), -ENAMETOOLONG);
     EXPECT_EQ(meter.peak_bytes(), CHUNK + 1);
@@ -695,7 +695,7 @@ TEST_F(ImportLink, TargetWithoutCharactersIsRefused) {
     const pretended_link empty({.target_size = 0, .error = EIO});
     const printout result = copy(path, "LINK");
     EXPECT_LT(result.result, 0);
-    EXPECT_EQ(result.said, import_says("Cannot read link!\n\n"));
+    EXPECT_EQ(result.messages, import_says("Cannot read link!\n\n"));
     EXPECT_TRUE(nothing_written());
 }
 
@@ -737,11 +737,11 @@ TEST_F(ImportLink, TargetThatCannotBeWrittenIsTold) {
     v.disk.writes_before_failure = 3;
     const printout result = copy(host_link("target"), "LINK");
     EXPECT_EQ(result.result, -EIO);
-    EXPECT_EQ(result.said, "do_write_file[N]: cannot write sector to file\n"
-                           "write_file_internal[N]: Failed to write file!\n\n"
-                           "fat_write_file[N]: Failed go get file entry!\n\n"
-                           "fat_create_symlink[N]: " +
-                               CHECK_HERE + LINK_REFUSED);
+    EXPECT_EQ(result.messages, "do_write_file[N]: cannot write sector to file\n"
+                               "write_file_internal[N]: Failed to write file!\n\n"
+                               "fat_write_file[N]: Failed go get file entry!\n\n"
+                               "fat_create_symlink[N]: " +
+                                   CHECK_HERE + LINK_REFUSED);
 }
 
 // ---- everything else --------------------------------------------------------------------------

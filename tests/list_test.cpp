@@ -59,7 +59,7 @@ struct slot_line {
     std::string label;
     std::string fields; // in mode 2
     int result = 0;
-    std::string said;
+    std::string messages;
 };
 slot_line line_of_deleted(const entry_image &entry) {
     if ((entry[11] & 0x3F) == 0x0F) {
@@ -104,7 +104,7 @@ printout listing_of(const std::vector<entry_image> &entries, u32 first, int mode
         const slot_line line = line_of(entries[i]);
         result.out += "[" + std::to_string(first + i) + "] " + line.label + "\n";
         result.out += mode == 2 ? line.fields : "";
-        result.said += line.said;
+        result.messages += line.messages;
         if (line.result < 0) {
             break;
         }
@@ -261,7 +261,7 @@ TEST(PrintSlot, PrintsOneRowOfTheTableForEachKind) {
         const char *line;
         text fields; // in mode 2; null: none
         int result = 0;
-        std::string said = {};
+        std::string messages = {};
     } rows[] = {
         {short_entry(dos, LABEL), "[7] volume entry\n", nullptr},
         {deleted(slot), "[7] deleted extended entry\n", text_of_long_slot},
@@ -283,7 +283,7 @@ TEST(PrintSlot, PrintsOneRowOfTheTableForEachKind) {
                           return print_slot(7, mode, row.entry.data(), stream);
                       }),
                       (printout{row.result, row.line + (has_fields ? row.fields(row.entry) : ""),
-                                row.said}))
+                                row.messages}))
                 << mode;
         }
     }
@@ -298,10 +298,10 @@ TEST(PrintSlot, PrintsEveryAttributeBehindEveryKindOfFirstByte) {
             for (const int mode : {0, 1, 2}) {
                 printout expected = listing_of({entry}, 4294967295, mode);
                 expected.result = first == 0 ? -ENOENT : 0;
-                diagnostics said;
+                diagnostics messages;
                 memory_stream stream;
                 const int result = print_slot(4294967295, mode, entry.data(), stream.get());
-                EXPECT_EQ((printout{result, stream.text(), said.text()}), expected)
+                EXPECT_EQ((printout{result, stream.text(), messages.text()}), expected)
                     << int{first} << " " << attr << " " << mode;
             }
         }
@@ -328,14 +328,14 @@ struct found_item {
     std::string name = {};
     std::string dos = {}; // of the entry in the buffer
     std::pair<u32, u32> location = {};
-    std::string said = {};
+    std::string messages = {};
     bool operator==(const found_item &) const = default;
 };
 std::ostream &operator<<(std::ostream &out, const found_item &item) {
     return out << item.result << ", index " << item.index << ", type " << item.type << ", size "
                << item.size << ", " << std::quoted(item.name) << ", " << std::quoted(item.dos)
-               << ", at " << item.location.first << "+" << item.location.second << ", said "
-               << std::quoted(item.said);
+               << ", at " << item.location.first << "+" << item.location.second << ", messages "
+               << std::quoted(item.messages);
 }
 
 struct listing_shape {
@@ -394,12 +394,12 @@ protected:
         std::memset(&item, 0xEE, sizeof item);
         u8 *entry = nullptr;
         dentry_location location = {};
-        diagnostics said;
+        diagnostics messages;
         found_item found;
         found.result = do_readdir(record(), &index, &entry, &item, buffer.data(),
                                   wants_location ? &location : nullptr);
         found.index = index;
-        found.said = said.text();
+        found.messages = messages.text();
         if (found.result < 0) {
             return found;
         }
@@ -413,16 +413,16 @@ protected:
         found.location = {location.sector, location.offset};
         return found;
     }
-    static found_item failed(int result, u32 index, const std::string &said = "") {
+    static found_item failed(int result, u32 index, const std::string &messages = "") {
         found_item found;
         found.result = result;
         found.index = index;
-        found.said = said;
+        found.messages = messages;
         return found;
     }
     // An item whose first entry is `first`, after which the index stands at `next`.
     found_item item_at(u32 first, u32 next, u32 type, u32 size, const std::string &name,
-                       const std::string &dos, const std::string &said = "") {
+                       const std::string &dos, const std::string &messages = "") {
         found_item found;
         found.index = next;
         found.type = type;
@@ -431,7 +431,7 @@ protected:
         found.dos = dos;
         found.location = {static_cast<u32>(dir().offset_of(first) / sv->sector_size),
                           static_cast<u32>(dir().offset_of(first) % sv->sector_size)};
-        found.said = said;
+        found.messages = messages;
         return found;
     }
     [[nodiscard]] static u32 cluster_bytes() {
@@ -633,10 +633,10 @@ TEST(DoReaddirOfTheRootArea, StopsBehind512EntriesOfALargerOne) {
     u32 index = 0;
     u8 *entry = nullptr;
     dir_item item = {};
-    diagnostics said;
+    diagnostics messages;
     EXPECT_EQ(do_readdir(sv->root_dir, &index, &entry, &item, buffer.data(), nullptr), -ENOENT);
     EXPECT_EQ(index, 0U);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 // ---- the compact listing ----------------------------------------------------------------------
@@ -752,8 +752,8 @@ protected:
     static printout list(u32 cluster, int mode) {
         return to_stream([&](FILE *stream) { return fat_list_clus(cluster, mode, stream); });
     }
-    static printout refused(int result, const std::string &said) {
-        return {result, "", said};
+    static printout refused(int result, const std::string &messages) {
+        return {result, "", messages};
     }
     // What a listing of the cluster is to print.
     printout listing(const directory &space, int mode) const {
@@ -867,7 +867,7 @@ printout chain_listing(const directory &space, int mode) {
         const printout cluster = listing_of(entries, 0, mode);
         result.out += "[" + std::to_string(i) + "-th: cluster #" +
                       std::to_string(space.clusters[i]) + "]\n" + cluster.out;
-        result.said += cluster.said;
+        result.messages += cluster.messages;
     }
     return result;
 }
@@ -912,7 +912,7 @@ TEST_P(FatListDir, CutsEachClusterAtItsOwnFirstUnusedSlot) {
     const nothing_left check;
     for (const int mode : MODES_OF_LINES) {
         printout expected = chain_listing(space, mode);
-        expected.said = found();
+        expected.messages = found();
         EXPECT_EQ(list_dir("SUB", mode), expected) << mode;
         EXPECT_EQ(to_output([&] { return fat_list_dir("/SUB", mode, nullptr); }), expected) << mode;
     }
@@ -940,7 +940,7 @@ TEST_P(FatListDir, ListsItemsInModeZero) {
     EXPECT_EQ(list_dir(nullptr, 0), root);
     EXPECT_EQ(to_output([] { return fat_list_dir(nullptr, 0, nullptr); }), root);
     EXPECT_EQ(list_dir("/", 0),
-              (printout{0, root.out, "fat_open[N]: failed to get name!\n\n" + root.said}));
+              (printout{0, root.out, "fat_open[N]: failed to get name!\n\n" + root.messages}));
 }
 
 TEST_P(FatListDir, ListsTheRootWithoutAPath) {
@@ -1004,7 +1004,7 @@ TEST_P(FatListDir, EndsAtAClusterThatCannotBeRead) {
     expected.result = -EIO;
     expected.out.resize(expected.out.find("[1-th"));
     expected.out += "[1-th: cluster #25]\n";
-    expected.said = found() + "fat_list_clus[N]: cluster mis match!\n\n";
+    expected.messages = found() + "fat_list_clus[N]: cluster mis match!\n\n";
     EXPECT_EQ(list_dir("SUB", 1), expected);
 }
 
@@ -1015,13 +1015,13 @@ TEST_P(FatListDir, EndsAtAClusterBehindTheEndOfTheVolume) {
     const printout result = list_dir("SUB", 1);
     EXPECT_EQ(result.result, -EINVAL);
     EXPECT_EQ(result.out.substr(result.out.find("[1-th")), "[1-th: cluster #25]\n");
-    EXPECT_EQ(result.said, found() + "fat_list_clus[N]: out of the data area\n\n");
+    EXPECT_EQ(result.messages, found() + "fat_list_clus[N]: out of the data area\n\n");
 }
 
 // Only the gathering of the chain leaves the id open.
 static printout list_and_close() {
     printout result = list_dir("SUB", 1);
-    if (result.said.find("fat_get_chains") != std::string::npos) {
+    if (result.messages.find("fat_get_chains") != std::string::npos) {
         EXPECT_EQ(ids_in_use(), (std::vector<int>{0, 1}));
         EXPECT_EQ(fat_close(1), 0);
     }
@@ -1035,7 +1035,7 @@ TEST_P(FatListDir, LeavesTheIdOpenWhereTheChainCannotBeGathered) {
     bool is_met = false;
     at_every_fault({EVERY_READ}, [&](fault_step &step) {
         const printout result = step.run(list_and_close);
-        if (result.said.find("fat_get_chains") != std::string::npos) {
+        if (result.messages.find("fat_get_chains") != std::string::npos) {
             is_met = true;
             EXPECT_EQ(result,
                       (printout{-EINVAL, "",
@@ -1057,7 +1057,7 @@ TEST_P(FatListDir, TellsWhereMemoryEnds) {
             return;
         }
         EXPECT_LT(result.result, 0);
-        if (result.said.find("fat_list_dir") == std::string::npos &&
+        if (result.messages.find("fat_list_dir") == std::string::npos &&
             (failures.empty() || failures.back() != result)) {
             failures.push_back(result);
         }
@@ -1088,9 +1088,9 @@ TEST(FatListDirOfAFat32Root, FollowsItsChain) {
     space.go_to(2 * volume::entries_per_cluster());
     space.append(short_entry("THIRD      "));
     printout expected = chain_listing(space, 1);
-    expected.said = ROOT_IS_NOT_CLOSED;
+    expected.messages = ROOT_IS_NOT_CLOSED;
     EXPECT_EQ(list_dir(nullptr, 1), expected);
-    expected.said = "fat_open[N]: failed to get name!\n\n" + ROOT_IS_NOT_CLOSED;
+    expected.messages = "fat_open[N]: failed to get name!\n\n" + ROOT_IS_NOT_CLOSED;
     EXPECT_EQ(list_dir("/", 1), expected);
 }
 
@@ -1104,7 +1104,7 @@ TEST(FatListDirOfTheRootArea, NumbersAllItsSlotsInOneRow) {
             entries.push_back(v.top.at(i));
         }
         printout expected = listing_of(entries, 0, 2);
-        expected.said = ROOT_IS_NOT_CLOSED;
+        expected.messages = ROOT_IS_NOT_CLOSED;
         EXPECT_EQ(list_dir(nullptr, 2), expected);
     }
 }
@@ -1143,7 +1143,8 @@ TEST(FatListDirOfTheRootArea, TellsASectorThatCannotBeRead) {
         const printout result = list_dir(nullptr, 1);
         EXPECT_EQ(result.result, -EIO);
         EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 16);
-        EXPECT_EQ(result.said, "fat_list_dir[N]: Failed go read sector!\n\n" + ROOT_IS_NOT_CLOSED);
+        EXPECT_EQ(result.messages,
+                  "fat_list_dir[N]: Failed go read sector!\n\n" + ROOT_IS_NOT_CLOSED);
     }
 }
 
@@ -1293,10 +1294,10 @@ protected:
     struct answer_with_name {
         int result = 0;
         std::u16string name = {};
-        std::string said = {};
+        std::string messages = {};
         bool operator==(const answer_with_name &) const = default;
         friend std::ostream &operator<<(std::ostream &out, const answer_with_name &a) {
-            return out << a.result << ", " << testing::PrintToString(a.name) << ", " << a.said;
+            return out << a.result << ", " << testing::PrintToString(a.name) << ", " << a.messages;
         }
     };
     [[nodiscard]] int id() const {
@@ -1305,10 +1306,10 @@ protected:
     answer_with_name get(int of, u32 index) {
         std::vector<u16> units(256);
         units.shrink_to_fit();
-        diagnostics said;
+        diagnostics messages;
         answer_with_name result;
         result.result = fat_get_uname(of, index, units.data());
-        result.said = said.text();
+        result.messages = messages.text();
         const auto end = std::find(units.begin(), units.end(), 0);
         result.name.assign(units.begin(), end);
         return result;
@@ -1369,9 +1370,9 @@ TEST_P(FatGetUname, TellsASlotThatCannotBeRead) {
     v.disk.unreadable = {dir().sectors[1]};
     const answer_with_name result = get(id(), last);
     EXPECT_EQ(result.result, -EIO);
-    EXPECT_EQ(result.said, "get_dentry_with_clu[N]: cannot read sectors:(sector: " +
-                               std::to_string(dir().sectors[1]) +
-                               ")\nget_long_name[N]: Failed to get entry with cluster ...\n\n");
+    EXPECT_EQ(result.messages, "get_dentry_with_clu[N]: cannot read sectors:(sector: " +
+                                   std::to_string(dir().sectors[1]) +
+                                   ")\nget_long_name[N]: Failed to get entry with cluster ...\n\n");
 }
 
 // ---- no volume --------------------------------------------------------------------------------

@@ -43,8 +43,8 @@ const kind KINDS[] = {
 class in_directory : public testing::TestWithParam<kind> {
 protected:
     answer heard(int result) {
-        const answer a{result, said.text()};
-        said.clear();
+        const answer a{result, messages.text()};
+        messages.clear();
         return a;
     }
     answer found(u32 index) const {
@@ -64,7 +64,7 @@ protected:
         GetParam().is_root
             ? (GetParam().shape.fat_type == 16 ? v.root() : v.longer_root({9, 7, 20, 8}))
             : v.sub_directory({5, 9, 7, 20, 8});
-    diagnostics said;
+    diagnostics messages;
 };
 
 class FindDentry : public in_directory {};
@@ -149,7 +149,7 @@ TEST_P(FindDentry, LabelsDeletedAndInvalidEntriesArePassed) {
     dir.append(short_entry("README  TXT", DIRECTORY | LABEL));
     const u32 index = dir.append(short_entry("README  TXT"));
     answer expected = found(index);
-    expected.said = "entry_type[N]: Unknown entry type: 24\n\n" + expected.said;
+    expected.messages = "entry_type[N]: Unknown entry type: 24\n\n" + expected.messages;
     EXPECT_EQ(find("README.TXT"), expected);
 }
 
@@ -386,10 +386,10 @@ TEST(FindInAnOddRoot, LargeAreaIsWalkedToItsEnd) {
     directory root = v.root();
     root.fill_up(short_entry("OTHER   TXT"));
     root.put(1023, short_entry("LAST    TXT"));
-    diagnostics said;
+    diagnostics messages;
     char name[] = "LAST.TXT";
     EXPECT_EQ(fat_find_dentry(&root.record, name, nullptr), 1023);
-    EXPECT_EQ(said.text(), "find_dentry_with_clu[N]: found index:(0, 1023)\n");
+    EXPECT_EQ(messages.text(), "find_dentry_with_clu[N]: found index:(0, 1023)\n");
 }
 
 // ---- failures ---------------------------------------------------------------------------------
@@ -571,8 +571,8 @@ protected:
         const int result =
             compare_entry_name(entry.data(), reinterpret_cast<const u8 *>("README  TXT"),
                                wide != nullptr ? unicode : nullptr, gathered, &flag);
-        const answer a{result, said.text()};
-        said.clear();
+        const answer a{result, messages.text()};
+        messages.clear();
         for (std::size_t i = 256; i < std::size(gathered); i++) {
             EXPECT_EQ(gathered[i], CANARY) << "unit " << i << " is outside";
         }
@@ -593,7 +593,7 @@ protected:
     const entry_image file = short_entry("README  TXT");
     const entry_image other = short_entry("OTHER   TXT");
     volume v;
-    diagnostics said;
+    diagnostics messages;
     u16 gathered[300];
     u32 flag = 0;
 };
@@ -678,9 +678,9 @@ TEST_F(CompareEntryName, MissingPlaceForTheGatheredNameCountsAsAMatchOfALongForm
     const u16 wide[256] = {'A', 0};
     const u8 *const dos = reinterpret_cast<const u8 *>("README  TXT");
     EXPECT_EQ(compare_entry_name(other.data(), dos, nullptr, nullptr, &flag), 0);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     EXPECT_EQ(compare_entry_name(file.data(), dos, wide, nullptr, &flag), -EEXIST);
-    EXPECT_EQ(said.text(), "compare_entry_name[N]: extended name is null\n\n");
+    EXPECT_EQ(messages.text(), "compare_entry_name[N]: extended name is null\n\n");
 }
 
 // ---- comparing long names ---------------------------------------------------------------------

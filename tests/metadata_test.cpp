@@ -25,16 +25,16 @@ public:
 
     template <typename Call>
     answer ask(Call call) {
-        said.clear();
+        messages.clear();
         v.disk.log.clear();
         const int result = call();
-        answer a{result, said.text()};
+        answer a{result, messages.text()};
         EXPECT_TRUE(table_agrees()) << "after " << a;
         return a;
     }
 
     mounted v;
-    diagnostics said;
+    diagnostics messages;
 };
 
 // ---- items ------------------------------------------------------------------------------------
@@ -422,8 +422,8 @@ TEST_F(Fstat, EndsWithWhatTheListOfClustersSays) {
     c.v.set_link(10, 0);
     const printout broken = stat_of(id);
     EXPECT_EQ(broken.result, -EINVAL);
-    EXPECT_EQ(broken.said, "fat_get_chains[N]: Failed to read cluster!\n\n"
-                           "fat_list_chains[N]: failed to get chain count!\n\n");
+    EXPECT_EQ(broken.messages, "fat_get_chains[N]: Failed to read cluster!\n\n"
+                               "fat_list_chains[N]: failed to get chain count!\n\n");
 }
 
 TEST_F(Fstat, PrintsToStandardOutputWithoutAStream) {
@@ -523,7 +523,7 @@ TEST_P(FindPathname, IsThatOfTheFileWithTheCluster) {
     const int index = static_cast<int>(f.add_file(top, "FILE    TXT", {10, 12, 11}));
     for (const u32 cluster : {10U, 12U, 11U}) {
         EXPECT_EQ(f.find(cluster), (found_path{index, "/FILE.TXT"})) << cluster;
-        EXPECT_EQ(f.said.text(), NAMED);
+        EXPECT_EQ(f.messages.text(), NAMED);
     }
 }
 
@@ -533,7 +533,7 @@ TEST_P(FindPathname, HasALevelForEachDirectory) {
     f.add_file(sub, "INNER   TXT", {30});
     const int index = static_cast<int>(f.add_file(sub, "FILE    TXT", {31, 32}));
     EXPECT_EQ(f.find(32), (found_path{index, "/SUB/FILE.TXT"}));
-    EXPECT_EQ(f.said.text(), NAMED + NAMED);
+    EXPECT_EQ(f.messages.text(), NAMED + NAMED);
     EXPECT_EQ(f.find(30), (found_path{index - 1, "/SUB/INNER.TXT"}));
 }
 
@@ -543,7 +543,7 @@ TEST_P(FindPathname, IsThatOfADirectoryForItsOwnClusters) {
     const int index = static_cast<int>(f.last_index);
     for (const u32 cluster : {20U, 22U, 21U}) {
         EXPECT_EQ(f.find(cluster), (found_path{index, "/SUB"}));
-        EXPECT_EQ(f.said.text(), NAMED + NAMED);
+        EXPECT_EQ(f.messages.text(), NAMED + NAMED);
     }
 }
 
@@ -596,7 +596,7 @@ TEST_P(FindPathname, DoesNotExistForFreeAndLostClusters) {
     f.add_file(sub, "FILE    TXT", {30});
     f.v.chain({40, 41});
     EXPECT_EQ(f.find(40), nothing());
-    EXPECT_EQ(f.said.text(), NAMED); // of the directory that was looked into
+    EXPECT_EQ(f.messages.text(), NAMED); // of the directory that was looked into
     EXPECT_EQ(f.find(50), nothing());
     EXPECT_EQ(f.find(volume::last_cluster()), nothing());
 }
@@ -605,7 +605,7 @@ TEST_P(FindPathname, LooksAtTheFirstEntryOfTheRoot) {
     top->go_to(0);
     f.add_file(top, "FILE    TXT", {10});
     EXPECT_EQ(f.find(10), (found_path{0, "/FILE.TXT"}));
-    EXPECT_EQ(f.said.text(), "");
+    EXPECT_EQ(f.messages.text(), "");
 }
 
 // The first two are taken for "." and "..", whatever they are.
@@ -629,7 +629,7 @@ TEST_P(FindPathname, PassesWhatIsNeitherFileNorDirectory) {
     top->append(short_entry("INVALID    ", DIRECTORY | LABEL, 10));
     top->append(short_entry("EMPTY      ", ARCHIVE, 0));
     EXPECT_EQ(f.find(10), nothing());
-    EXPECT_EQ(f.said.text(), "entry_type[N]: Unknown entry type: 24\n\n");
+    EXPECT_EQ(f.messages.text(), "entry_type[N]: Unknown entry type: 24\n\n");
     f.add_file(top, "FILE    TXT", {10});
     EXPECT_EQ(f.find(10).path, "/FILE.TXT");
 }
@@ -647,7 +647,7 @@ TEST_P(FindPathname, LooksThroughFullDirectories) {
     f.v.chain({30});
     f.add_file(top, "BEHIND  TXT", {11});
     EXPECT_EQ(f.find(11).path, "/BEHIND.TXT");
-    EXPECT_EQ(f.said.text(), NAMED + NAMED);
+    EXPECT_EQ(f.messages.text(), NAMED + NAMED);
     sub->put(31, short_entry("LAST       ", ARCHIVE, 30));
     EXPECT_EQ(f.find(30), (found_path{31, "/SUB/LAST"}));
 }
@@ -662,7 +662,7 @@ TEST_P(FindPathname, PassesFilesWhoseChainsAreBroken) {
              {10, "find_cluster[N]: Failed to read cluster!\n\n"}}) {
         f.v.set_link(11, link);
         EXPECT_EQ(f.find(12).path, "/FILE.TXT");
-        EXPECT_EQ(f.said.text(), message + NAMED);
+        EXPECT_EQ(f.messages.text(), message + NAMED);
         EXPECT_EQ(f.find(11).path, "/BROKEN");
     }
 }
@@ -699,22 +699,22 @@ TEST_P(FindPathname, TellsOfADirectoryThatCannotBeRead) {
     f.v.disk.unreadable = {top->offset_of(0) / 512};
     EXPECT_EQ(f.find(12), (found_path{-EIO, ""}));
     const std::string sector = std::to_string(top->offset_of(0) / 512);
-    EXPECT_EQ(f.said.text(), "get_dentry_with_clu[N]: cannot read sectors:(sector: " + sector +
-                                 ")\nfind_entry_with_clu[N]: Check here!\n\n");
+    EXPECT_EQ(f.messages.text(), "get_dentry_with_clu[N]: cannot read sectors:(sector: " + sector +
+                                     ")\nfind_entry_with_clu[N]: Check here!\n\n");
     f.v.disk.unreadable.clear();
     const directory *sub = f.add_dir(top, "SUB        ", {20, 21});
     const u64 inner = sub->sectors.front();
     f.v.disk.unreadable = {inner};
     EXPECT_EQ(f.find(12), (found_path{-EIO, ""}));
-    EXPECT_EQ(f.said.text(), NAMED + "get_dentry_with_clu[N]: cannot read sectors:(sector: " +
-                                 std::to_string(inner) +
-                                 ")\nfind_entry_with_clu[N]: Check here!\n\n");
+    EXPECT_EQ(f.messages.text(), NAMED + "get_dentry_with_clu[N]: cannot read sectors:(sector: " +
+                                     std::to_string(inner) +
+                                     ")\nfind_entry_with_clu[N]: Check here!\n\n");
 }
 
 TEST_P(FindPathname, RefusesNumbersThatAreNoClusters) {
     for (const u32 cluster : {0U, 1U, volume::last_cluster() + 1, 0xFFFFFFFFU}) {
         EXPECT_EQ(f.find(cluster), (found_path{-EINVAL, ""})) << cluster;
-        EXPECT_EQ(f.said.text(), "fat_find_pathname[N]: Invalid arg!\n\n");
+        EXPECT_EQ(f.messages.text(), "fat_find_pathname[N]: Invalid arg!\n\n");
     }
     f.add_file(top, "FILE    TXT", {volume::last_cluster()});
     EXPECT_EQ(f.find(volume::last_cluster()).path, "/FILE.TXT");
@@ -811,7 +811,7 @@ TEST_P(FindPathname, UsesAnIdForEachLevel) {
     EXPECT_EQ(f.find(20).path, "/SUB"); // found before it would be opened
     for (const u32 cluster : {21U, 30U, 31U, 32U}) {
         EXPECT_EQ(f.find(cluster), (found_path{-EMFILE, ""})) << cluster;
-        EXPECT_EQ(f.said.text(), NAMED + "register_oentry[N]: Too many open files\n");
+        EXPECT_EQ(f.messages.text(), NAMED + "register_oentry[N]: Too many open files\n");
     }
     fat_close(300);
     EXPECT_EQ(f.find(21).path, "/SUB/DEEP");
@@ -938,16 +938,16 @@ TEST(FindPathnameInFat16Root, CountsEntries512) {
     f.v.top.put(512, short_entry("OUT     TXT", ARCHIVE, 11));
     EXPECT_EQ(f.find(10), (found_path{511, "/IN.TXT"}));
     EXPECT_EQ(f.find(11), (found_path{-ENOENT, ""}));
-    EXPECT_EQ(f.said.text(), "");
+    EXPECT_EQ(f.messages.text(), "");
 }
 
 TEST(FindPathnameInFat16Root, EndsBehindASmallArea) {
     forest f({.root_entries = 32});
     f.v.top.fill_up(deleted(short_entry("GONE    TXT")));
     EXPECT_EQ(f.find(10), (found_path{-ENOENT, ""}));
-    EXPECT_EQ(f.said.text(), "get_phy_sector[N]: Invalid sector number in Root dir\n\n"
-                             "get_dentry_with_clu[N]: Failed to get entry sector!:(0, 32)\n\n"
-                             "find_entry_with_clu[N]: Failed to get entry!\n\n");
+    EXPECT_EQ(f.messages.text(), "get_phy_sector[N]: Invalid sector number in Root dir\n\n"
+                                 "get_dentry_with_clu[N]: Failed to get entry sector!:(0, 32)\n\n"
+                                 "find_entry_with_clu[N]: Failed to get entry!\n\n");
 }
 
 TEST(FindPathnameOnFat32, HasNoPathForTheRootsOwnClusters) {
@@ -1011,7 +1011,7 @@ INSTANTIATE_TEST_SUITE_P(Widths, Getcwd, testing::Values(16, 32),
 
 TEST_P(Getcwd, IsASlashInTheRoot) {
     EXPECT_EQ(f.where_am_i(), (found_path{0, "/"}));
-    EXPECT_EQ(f.said.text(), "");
+    EXPECT_EQ(f.messages.text(), "");
     EXPECT_EQ(f.v.traffic(), 0U);
     EXPECT_EQ(f.where_am_i(2), (found_path{0, "/"}));
     std::vector<char> buffer(40, '#');
@@ -1043,7 +1043,7 @@ TEST_P(Getcwd, IsThePathOfTheDirectory) {
     directory *sub = f.add_dir(top, "SUB        ", {20, 21});
     enter(f.last_index);
     EXPECT_EQ(f.where_am_i(), (found_path{0, "/SUB"}));
-    EXPECT_EQ(f.said.text(), NAMED);
+    EXPECT_EQ(f.messages.text(), NAMED);
     f.add_dir(sub, "DEEP~1     ", {22}, u"Deep inside it");
     enter(f.last_index);
     EXPECT_EQ(f.where_am_i(), (found_path{0, "/SUB/Deep inside it"}));
@@ -1069,7 +1069,7 @@ TEST_P(Getcwd, TellsOfADirectoryThatIsGone) {
     enter(index);
     top->put(index, deleted(short_entry("SUB        ", DIRECTORY, 20)));
     EXPECT_EQ(f.where_am_i(), (found_path{-ENOENT, ""}));
-    EXPECT_EQ(f.said.text(), "fat_getcwd[N]: Failed to get cwd!\n\n");
+    EXPECT_EQ(f.messages.text(), "fat_getcwd[N]: Failed to get cwd!\n\n");
 }
 
 TEST_P(Getcwd, PassesErrorsOn) {
@@ -1078,9 +1078,9 @@ TEST_P(Getcwd, PassesErrorsOn) {
     f.v.disk.unreadable = {top->offset_of(0) / 512};
     EXPECT_EQ(f.where_am_i().result, -EIO);
     const std::string sector = std::to_string(top->offset_of(0) / 512);
-    EXPECT_EQ(f.said.text(), "get_dentry_with_clu[N]: cannot read sectors:(sector: " + sector +
-                                 ")\nfind_entry_with_clu[N]: Check here!\n\n"
-                                 "fat_getcwd[N]: Failed to get cwd!\n\n");
+    EXPECT_EQ(f.messages.text(), "get_dentry_with_clu[N]: cannot read sectors:(sector: " + sector +
+                                     ")\nfind_entry_with_clu[N]: Check here!\n\n"
+                                     "fat_getcwd[N]: Failed to get cwd!\n\n");
 }
 
 } // namespace

@@ -1,5 +1,5 @@
-// Boot sectors with any bytes: mounted, looked into and closed, as the reference model of a mount
-// says of each.
+// Boot sectors with any bytes: mounted, read and closed, compared with the reference model of a
+// mount.
 
 #include "fat/internal.h"
 #include "tests/model/layout.h"
@@ -43,12 +43,12 @@ const std::vector<place> FIELDS = {
     {36, 1}, {37, 1}, {38, 1}, {39, 4}, {43, 4}, {47, 4}, {51, 3}, {54, 4}, {58, 4}, // FAT16
     {64, 1}, {65, 1}, {66, 1}, {67, 4}, {71, 4}, {75, 4}, {79, 3}, {82, 4}, {86, 4}, {510, 2},
 };
-// Those that the geometry follows from.
+// The fields that determine the geometry.
 const std::vector<place> NUMBERS = {{11, 2}, {13, 1}, {14, 2}, {16, 1}, {17, 2},
                                     {19, 2}, {22, 2}, {32, 4}, {36, 4}, {44, 4}};
 
-// A formatted volume whose links are made by chance and whose data looks like entries; most of its
-// clusters hold no unused entry, so that walks go on.
+// A formatted volume with random links and data that looks like entries; most clusters contain no
+// unused entry, so that walks continue.
 class victim {
 public:
     explicit victim(const volume_shape &shape) : fat_type_(shape.fat_type) {
@@ -136,8 +136,8 @@ protected:
     u64 below(u64 limit) {
         return (static_cast<u64>(chance()) << 32 | chance()) % limit;
     }
-    // Numbers at which something may turn: small ones, powers of two and their neighbours, the
-    // largest; or any.
+    // Boundary values: small numbers, powers of two and their neighbours, the largest; or any
+    // number.
     u32 value_for(const place &field) {
         const u64 limit = u64{1} << (8 * field.size);
         const u64 power = u64{1} << below(8 * field.size);
@@ -157,7 +157,7 @@ protected:
         }
     }
 
-    // One boot sector from mounting to closing.
+    // Mounts, uses and closes one boot sector.
     void torment(const std::vector<u8> &sector) {
         ram_disk disk(target->size(), target->background());
         disk.poke(0, sector);
@@ -166,15 +166,15 @@ protected:
             [&](u64 offset, std::size_t size) { return disk.peek(offset, size); }, target->size(),
             sv->fat_type);
         const allocation_meter meter;
-        diagnostics said;
-        const answer got{fat_build_super(), said.text()};
+        diagnostics messages;
+        const answer got{fat_build_super(), messages.text()};
         ASSERT_EQ(got, (answer{expected.result, expected.printed}));
         ASSERT_TRUE(table_agrees());
         if (got.result == 0) {
             mounted++;
             ASSERT_EQ(areas_of_open_volume(), expected.found);
             ASSERT_EQ(sv->pbr_start, 0U);
-            ASSERT_NO_FATAL_FAILURE(look_around(said));
+            ASSERT_NO_FATAL_FAILURE(look_around(messages));
         } else {
             ASSERT_EQ(ids_in_use(), std::vector<int>());
         }
@@ -182,7 +182,7 @@ protected:
         for (const transfer &t : disk.log) {
             ASSERT_FALSE(t.is_write) << t;
         }
-        // Chains made by chance are short, whatever the numbers say of their clusters.
+        // Random chains are short, whatever the number of clusters in the boot sector.
         ASSERT_LE(disk.log.size(), 20000U);
         ASSERT_EQ(fat_close_volume(0), 0);
         ASSERT_EQ(ids_in_use(), std::vector<int>());
@@ -213,7 +213,7 @@ protected:
     }
 
 private:
-    static void look_around(diagnostics &said) {
+    static void look_around(diagnostics &messages) {
         ASSERT_NO_FATAL_FAILURE(look_up_everything());
         const int sub = fat_open_dir("SUB");
         if (sub > 0) {
@@ -226,7 +226,7 @@ private:
         const geometry before = geometry_of_volume();
         ASSERT_EQ(fat_build_super(), 0);
         ASSERT_EQ(geometry_of_volume(), before);
-        said.clear();
+        messages.clear();
     }
     static void print_everything() {
         FILE *nowhere = std::fopen("/dev/null", "w");
@@ -289,7 +289,7 @@ TEST_P(Hostile, MountedAgainWithOtherNumbers) {
         ram_disk disk(target->size(), target->background());
         sv->long_name = 1;
         const allocation_meter meter;
-        diagnostics said;
+        diagnostics messages;
         ASSERT_EQ(fat_build_super(), 0);
         for (int again = 0; again < 3; again++) {
             std::vector<u8> sector = target->boot_sector();

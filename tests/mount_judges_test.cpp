@@ -73,8 +73,8 @@ std::string checker_account(std::uint32_t fats) {
 }
 
 // What it said, without the lines about the disk's tracks and what stands around the geometry.
-std::string geometry_in(const std::string &said) {
-    std::istringstream lines(said);
+std::string geometry_in(const std::string &messages) {
+    std::istringstream lines(messages);
     std::string text;
     bool is_inside = false;
     for (std::string line; std::getline(lines, line);) {
@@ -87,7 +87,7 @@ std::string geometry_in(const std::string &said) {
             return text;
         }
     }
-    return said;
+    return messages;
 }
 
 // ---- mounting what others made ----------------------------------------------------------------
@@ -120,9 +120,9 @@ protected:
     }
     void mount(const std::string &image) {
         ASSERT_GE(fat_open_volume(image.c_str(), 1, 0), 0);
-        said.clear();
-        ASSERT_EQ(fat_build_super(), 0) << said.text();
-        ASSERT_EQ(said.text(), "");
+        messages.clear();
+        ASSERT_EQ(fat_build_super(), 0) << messages.text();
+        ASSERT_EQ(messages.text(), "");
         ASSERT_TRUE(table_agrees());
     }
     void close_it() {

@@ -1,5 +1,4 @@
-// Mounting: the geometry that a boot sector gives, boot sectors that are none, what is printed of
-// them.
+// Mounting: the geometry from a boot sector, invalid boot sectors, printing boot sectors.
 
 #include "fat/internal.h"
 #include "tests/support/boot_sector.h"
@@ -48,7 +47,7 @@ std::string over_limit(int clusters, int width_before) {
     return "fat_build_super[N]: NumCluster is over the limitation: clus(" +
            std::to_string(clusters) + "), FAT" + std::to_string(width_before) + "\n";
 }
-// Gives everything but the target back to the state in which it was opened.
+// Resets everything but the target to the state after opening.
 void forget_geometry() {
     fat_super fresh = {};
     fresh.fd = sv->fd;
@@ -106,7 +105,7 @@ std::vector<broken_row> broken_boot_sectors() {
     return rows;
 }
 
-// A boot sector on a disk of its own, which is the open volume.
+// A boot sector on its own disk, which is the open volume.
 class BootSector : public testing::Test {
 protected:
     static constexpr std::uint64_t SIZE = 64 * MIB;
@@ -121,9 +120,9 @@ protected:
     }
     template <typename Call>
     answer ask(Call call) {
-        said.clear();
+        messages.clear();
         const int result = call();
-        answer a{result, said.text()};
+        answer a{result, messages.text()};
         EXPECT_TRUE(table_agrees()) << "after " << a;
         return a;
     }
@@ -134,14 +133,14 @@ protected:
         put(numbers);
         return mount();
     }
-    // As if nothing had been mounted yet.
+    // Mounts as if no volume had been mounted before.
     static void forget_mount() {
         free_oentry(oentry_table[0]);
         oentry_table[0] = nullptr;
         unmark_slot(oentry_map, 0);
         forget_geometry();
     }
-    answer mount_afresh(const boot_numbers &numbers) {
+    answer mount_from_scratch(const boot_numbers &numbers) {
         forget_mount();
         return mount(numbers);
     }
@@ -153,7 +152,7 @@ protected:
     }
 
     ram_disk disk{SIZE};
-    diagnostics said;
+    diagnostics messages;
 };
 
 class Formatted : public testing::TestWithParam<volume_shape> {};
@@ -198,7 +197,7 @@ TEST_F(BootSector, SignatureIsBothBytes) {
                                     {0xFF, 0xFF}}) {
         put(fat16_numbers());
         disk.poke(510, {static_cast<u8>(low), static_cast<u8>(high)});
-        disk.poke(4094, {0x55, 0xAA}); // where it does not count
+        disk.poke(4094, {0x55, 0xAA}); // where it is ignored
         EXPECT_EQ(ask([&] { return get_pbr_sector(buffer.data()); }),
                   (answer{-EINVAL, NO_SIGNATURE}));
         EXPECT_EQ(mount(), (answer{-EINVAL, NO_SIGNATURE + NO_PBR}));
@@ -210,11 +209,11 @@ TEST_F(BootSector, SignatureIsBothBytes) {
 
 TEST_P(Formatted, MountsWithTheGeometryThatFormattingComputed) {
     volume v(GetParam());
-    diagnostics said;
+    diagnostics messages;
     const geometry computed = geometry_of_volume();
     forget_geometry();
     EXPECT_EQ(fat_build_super(), 0);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     EXPECT_EQ(geometry_of_volume(), computed);
     EXPECT_EQ(picture_of(0), tree::opened_root());
     EXPECT_EQ(sv->current_dir, sv->root_dir);
@@ -267,10 +266,10 @@ TEST_F(BootSector, WidthFollowsFromTheClusterCountAlone) {
                 numbers.root_clus = 2;
                 numbers.total_16 = 0;
                 numbers.total_32 = first_data_sector(numbers) + 4 * clusters + rest;
-                numbers.type = clusters % 2 == 0 ? "FAT12   " : "FAT32   "; // read by nobody
+                numbers.type = clusters % 2 == 0 ? "FAT12   " : "FAT32   "; // never read
                 put(numbers);
                 disk.poke(std::uint64_t{numbers.reserved} * 512 + 8, {0xFF, 0xFF, 0xFF, 0x0F});
-                const answer a = mount_afresh(numbers);
+                const answer a = mount_from_scratch(numbers);
                 const bool has_no_root = clusters < 65525 && root_entries == 0;
                 if (clusters < 4085 || has_no_root) {
                     EXPECT_EQ(a, (answer{-EINVAL, clusters < 4085
@@ -311,7 +310,7 @@ TEST_F(BootSector, SixteenBitTotalCountsBeforeTheOther) {
 
 TEST_F(BootSector, Fat32BlockCountsOnlyWithoutASixteenBitFatSize) {
     boot_numbers numbers = fat32_numbers();
-    numbers.total_16 = 5000; // not looked at
+    numbers.total_16 = 5000; // ignored
     EXPECT_EQ(mount(numbers), (answer{0, ""}));
     EXPECT_EQ(sv->total_sectors, numbers.total_32);
     EXPECT_EQ(sv->fat_size, numbers.fat_size_32);
@@ -324,7 +323,7 @@ TEST_F(BootSector, Fat32BlockCountsOnlyWithoutASixteenBitFatSize) {
 TEST_F(BootSector, BrokenNumbersAreRefusedAndMountingCanBeTriedAgain) {
     for (const broken_row &row : broken_boot_sectors()) {
         SCOPED_TRACE(testing::Message() << row.name << ", sectors of " << row.numbers.sector_size);
-        EXPECT_EQ(mount_afresh(row.numbers), (answer{-EINVAL, BROKEN}));
+        EXPECT_EQ(mount_from_scratch(row.numbers), (answer{-EINVAL, BROKEN}));
         EXPECT_EQ(ids_in_use(), std::vector<int>());
         EXPECT_EQ(sv->sector_size, row.sector_size);
         EXPECT_EQ(sv->fat_type, 0U);
@@ -350,7 +349,7 @@ TEST_F(BootSector, TotalMayBeLargerThanTheTarget) {
     EXPECT_EQ(fat_open("MISSING"), -ENOENT);
 }
 
-TEST_F(BootSector, WhatTheVolumeDoesNotTellIsKept) {
+TEST_F(BootSector, FieldsNotInTheBootSectorAreNotChanged) {
     sv->last_alloc_clus = 77;
     sv->pbr_start = 5;
     for (const bool long_name : {false, true}) {
@@ -382,7 +381,7 @@ TEST_F(BootSector, RootWithABrokenChainIsNotMounted) {
         EXPECT_EQ(mount(elsewhere),
                   (answer{-EINVAL, "fat_read_clus[N]: Invalid arg!\n\n" + BAD_CHAIN + NO_ROOT}));
     }
-    EXPECT_EQ(mount(numbers), (answer{0, ""})); // nothing of it is left behind
+    EXPECT_EQ(mount(numbers), (answer{0, ""})); // no state of it remains
     expect_root_open();
 }
 
@@ -405,7 +404,7 @@ TEST_F(BootSector, RootWithoutAChainIsMountedEmpty) {
                          "fat_open[N]: failed to find directory entry!\n\n"}));
 }
 
-TEST_F(BootSector, MountingAgainOpensTheRootAnewInPlace) {
+TEST_F(BootSector, MountingAgainReopensTheRootInPlace) {
     ASSERT_EQ(mount(fat16_numbers()), (answer{0, ""}));
     const oentry *root = oentry_table[0];
     sv->root_dir->pos = 5;
@@ -438,7 +437,7 @@ TEST_F(BootSector, FailedMountLeavesWhatItHadRead) {
         (geometry{.total_sectors = numbers.total_32, .sector_size = 1024, .sec_per_clus = 2}));
     numbers = fat16_numbers();
     numbers.total_16 = static_cast<u16>(first_data_sector(numbers) + 4084);
-    EXPECT_EQ(mount_afresh(numbers), (answer{-EINVAL, over_limit(4084, 0)}));
+    EXPECT_EQ(mount_from_scratch(numbers), (answer{-EINVAL, over_limit(4084, 0)}));
     EXPECT_EQ(geometry_of_volume(), (geometry{0, 32, numbers.total_16, 4084, 512, 1}));
     EXPECT_EQ(sv->root_dir, nullptr);
 }
@@ -513,7 +512,7 @@ TEST_F(DisturbedMount, EachFaultOnFat32) {
 
 namespace {
 
-// A target that is opened as programs do it.
+// A target opened in the way of programs.
 class ImageFile : public volume_test {
 protected:
     [[nodiscard]] std::string image_of(const boot_numbers &numbers) const {
@@ -528,12 +527,12 @@ protected:
         return path;
     }
     answer mount() {
-        said.clear();
+        messages.clear();
         const int result = fat_build_super();
         EXPECT_TRUE(table_agrees());
-        return {result, said.text()};
+        return {result, messages.text()};
     }
-    // Closing leaves no descriptor and no open entry behind.
+    // Closes the volume and checks that no descriptor and no open entry remains.
     void expect_all_closed() {
         EXPECT_EQ(fat_close_volume(0), 0);
         EXPECT_EQ(sv, nullptr);
@@ -572,7 +571,7 @@ TEST_F(ImageFile, SmallerThanTheFirstTransferIsUnreadable) {
     expect_all_closed();
 }
 
-// The numbers of a boot sector that was refused say nothing of where the image could be cut.
+// The numbers of a refused boot sector do not define where the image can be cut.
 TEST_F(ImageFile, ThatIsRefusedIsNotCut) {
     std::vector<broken_row> rows = broken_boot_sectors();
     for (const u32 clusters : {1U, 4084U}) {
@@ -586,9 +585,9 @@ TEST_F(ImageFile, ThatIsRefusedIsNotCut) {
         SCOPED_TRACE(row.name);
         ASSERT_GE(fat_open_volume(image_of(row.numbers).c_str(), 1, 0), 0);
         EXPECT_EQ(mount().result, -EINVAL);
-        said.clear();
+        messages.clear();
         EXPECT_EQ(fat_close_volume(1), -EINVAL);
-        EXPECT_EQ(said.text(), "fat_release_volume[N]: Check here!\n\n");
+        EXPECT_EQ(messages.text(), "fat_release_volume[N]: Check here!\n\n");
         EXPECT_EQ(std::filesystem::file_size(scratch.file("disk.img")), 64 * MIB);
         expect_all_closed();
     }
@@ -622,7 +621,7 @@ TEST_F(ImageFile, EachSystemCallThatFails) {
 
 namespace {
 
-// A string field: what stands before its first zero byte.
+// A string field: the bytes before its first zero byte.
 std::string text_field(const bytes &sector, std::size_t offset, std::size_t size) {
     const std::string field(sector.begin() + static_cast<std::ptrdiff_t>(offset),
                             sector.begin() + static_cast<std::ptrdiff_t>(offset + size));
@@ -738,7 +737,7 @@ TEST_F(PrintPbr, Fat32) {
 
 namespace {
 
-// The whole text for any sector, written plainly.
+// The expected text for any sector.
 std::string pbr_text(const bytes &s) {
     const auto number = [&](std::size_t offset, std::size_t size) {
         std::uint32_t value = 0;
@@ -807,7 +806,7 @@ TEST_F(PrintPbr, AnyBytes) {
     }
 }
 
-TEST_F(PrintPbr, NothingIsPrintedOfWhatCannotBeReadOrHasNoSignature) {
+TEST_F(PrintPbr, UnreadableOrUnsignedSectorIsNotPrinted) {
     const allocation_meter meter;
     EXPECT_EQ(try_to_print(),
               (printout{-EINVAL, "", NO_SIGNATURE + "fat_print_pbr[N]: unformated FAT volume\n"}));
@@ -831,7 +830,7 @@ TEST_F(BootSector, AllocationHintIsPrintedToAStream) {
               (printout{39, "last allocated cluster: 4294967295 / 1\n", ""}));
 }
 
-TEST_F(BootSector, AllocationHintOnAStreamThatTakesNothing) {
+TEST_F(BootSector, AllocationHintOnAStreamThatCannotBeWritten) {
     const std::string path = "/dev/null";
     FILE *stream = std::fopen(path.c_str(), "r");
     ASSERT_NE(stream, nullptr);
@@ -839,7 +838,7 @@ TEST_F(BootSector, AllocationHintOnAStreamThatTakesNothing) {
     std::fclose(stream);
 }
 
-// ---- what stands in front of the volume -------------------------------------------------------
+// ---- the area before the volume ---------------------------------------------------------------
 
 namespace {
 
@@ -849,15 +848,15 @@ protected:
         ASSERT_GE(fat_open_volume(image_of(numbers).c_str(), 1, 0), 0);
     }
     answer delete_mbr(const std::string &path) {
-        said.clear();
+        messages.clear();
         const int result = fat_delete_mbr(path.c_str());
-        return {result, said.text()};
+        return {result, messages.text()};
     }
 };
 
 } // namespace
 
-TEST_F(DeleteMbr, NothingIsCopiedSinceNothingStandsThere) {
+TEST_F(DeleteMbr, NothingIsCopiedFromAnEmptyArea) {
     ASSERT_NO_FATAL_FAILURE(open_image(fat16_numbers()));
     const std::string existing = scratch.file_with("existing", {1, 2, 3});
     const allocation_meter meter;
@@ -876,7 +875,7 @@ TEST_F(DeleteMbr, NothingIsCopiedSinceNothingStandsThere) {
     expect_all_closed();
 }
 
-TEST_F(DeleteMbr, BootSectorThatIsNone) {
+TEST_F(DeleteMbr, InvalidBootSector) {
     const std::string failed = "fat_delete_mbr[N]: Failed to get PBR sector!\n\n";
     ASSERT_GE(fat_open_volume(scratch.sparse_file("blank.img", MIB).c_str(), 1, 0), 0);
     const allocation_meter meter;

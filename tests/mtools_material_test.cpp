@@ -164,7 +164,7 @@ protected:
         std::filesystem::copy_file(shop->image(), image_);
         ASSERT_GT(fat_open_volume(image_.c_str(), 1, 0), 0);
         take_geometry();
-        said.clear();
+        messages.clear();
     }
     void TearDown() override {
         if (sv != nullptr) {
@@ -332,12 +332,12 @@ protected:
         return fat_find_dentry(dir, name.data(), nullptr);
     }
     void expect_found(oentry *dir, const std::string &name, u32 index) {
-        said.clear();
+        messages.clear();
         EXPECT_EQ(find(dir, name), static_cast<int>(index)) << name;
         const u32 base = dir->dentry == nullptr && GetParam() == 16 ? 0 : dir->start;
-        EXPECT_EQ(said.text(), "find_dentry_with_clu[N]: found index:(" + std::to_string(base) +
-                                   ", " + std::to_string(index) + ")\n");
-        said.clear();
+        EXPECT_EQ(messages.text(), "find_dentry_with_clu[N]: found index:(" + std::to_string(base) +
+                                       ", " + std::to_string(index) + ")\n");
+        messages.clear();
     }
     // The file behind the name is the one that was given this content.
     void expect_content(const shown &entry, const std::string &content) const {
@@ -346,7 +346,7 @@ protected:
         EXPECT_EQ(std::string(is.begin(), is.end()), content);
     }
 
-    diagnostics said;
+    diagnostics messages;
 
 private:
     scratch_directory scratch_;
@@ -360,7 +360,7 @@ INSTANTIATE_TEST_SUITE_P(Width, MtoolsMaterial, testing::Values(16U, 32U));
     if (fat_set_encoding(charset) != 0) {                                                          \
         GTEST_SKIP() << "this system cannot convert " << (charset);                                \
     }                                                                                              \
-    said.clear()
+    messages.clear()
 
 } // namespace
 
@@ -388,7 +388,7 @@ TEST_P(MtoolsMaterial, ListingShowsWhatWasWrittenAndWhatMtoolsShows) {
     expected.push_back(ENDS_WITH_A_DOT);
     expected.emplace_back("Sub Directory");
     EXPECT_EQ(names_of(list(&dir)), expected);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     EXPECT_EQ(listed_by_mdir("/"), expected);
 }
 
@@ -401,11 +401,11 @@ TEST_P(MtoolsMaterial, AsciiNamesNeedNoEncoding) {
         if (is_ascii) {
             expect_found(&dir, name, index_of(entries, name));
         } else {
-            said.clear();
+            messages.clear();
             EXPECT_EQ(find(&dir, name), -EINVAL);
-            EXPECT_EQ(said.text(), "convert_cstring_to_uname[N]: cannot convert non-ascii\n"
-                                   "convert_name[N]: Failed to convert ...!\n\n"
-                                   "find_dentry_with_clu[N]: Failed to get fatnames!\n\n");
+            EXPECT_EQ(messages.text(), "convert_cstring_to_uname[N]: cannot convert non-ascii\n"
+                                       "convert_name[N]: Failed to convert ...!\n\n"
+                                       "find_dentry_with_clu[N]: Failed to get fatnames!\n\n");
         }
     }
     // Units that are not ASCII are shown as question marks.
@@ -442,7 +442,7 @@ TEST_P(MtoolsMaterial, LongestNameIsTooLongForAnEncoding) {
     NEED_ENCODING("UTF-8");
     oentry dir = root();
     EXPECT_EQ(find(&dir, LONGEST), -EINVAL);
-    EXPECT_EQ(said.text().rfind("convert_cstring_to_uname[N]: Failed to convert: n", 0), 0U);
+    EXPECT_EQ(messages.text().rfind("convert_cstring_to_uname[N]: Failed to convert: n", 0), 0U);
 }
 
 TEST_P(MtoolsMaterial, NameThatFitsItsElevenBytesIsLookedForAsAShortOne) {
@@ -569,9 +569,10 @@ TEST_P(MtoolsMaterial, OrphanedSlotsInFrontOfAnotherShortEntryAreTakenForItsName
     expect_found(&dir, "to be orphaned.txt", index);
     expect_found(&dir, "README", index);
     // Putting the name together looks at the checksum.
-    said.clear();
+    messages.clear();
     const std::vector<shown> after = list(&dir);
-    EXPECT_EQ(said.text(), "get_long_name[N]: not match checksum(" + std::to_string(index) + ")\n");
+    EXPECT_EQ(messages.text(),
+              "get_long_name[N]: not match checksum(" + std::to_string(index) + ")\n");
     const names listed = names_of(after);
     EXPECT_EQ(std::count(listed.begin(), listed.end(), "to be orphaned.txt"), 0);
     EXPECT_EQ(std::count(listed.begin(), listed.end(), "README"), 2);
@@ -583,9 +584,9 @@ TEST_P(MtoolsMaterial, WrongChecksumHidesTheNameFromListingsOnly) {
     const dentry_location first = place_of(&dir, index - 1);
     poke(first.sector, first.offset + 13, {0});
     expect_found(&dir, "a long name.txt", index);
-    said.clear();
+    messages.clear();
     const names listed = names_of(list(&dir));
-    EXPECT_EQ(said.text(),
+    EXPECT_EQ(messages.text(),
               "get_long_name[N]: not match checksum(" + std::to_string(index - 1) + ")\n");
     EXPECT_EQ(std::count(listed.begin(), listed.end(), "a long name.txt"), 0);
     EXPECT_EQ(std::count(listed.begin(), listed.end(), "ALONGN~1.TXT"), 1);

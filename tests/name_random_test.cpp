@@ -1,4 +1,4 @@
-// Short names against the reference model: names of all kinds, directories full of tails.
+// Short names compared with the reference model: names of all kinds, directories full of tails.
 
 #include "tests/support/names.h"
 #include "tests/support/volume.h"
@@ -32,7 +32,7 @@ private:
     std::mt19937 engine_;
 };
 
-// Any byte but zero, mostly one that means something to a name.
+// Any byte but zero, mostly one with a meaning in names.
 char any_character(chance *random) {
     switch (random->below(8)) {
     case 0:
@@ -95,7 +95,7 @@ std::string any_name(chance *random) {
     return name;
 }
 
-// Eleven bytes as they may stand on a medium.
+// Eleven bytes of a possible short name on a medium.
 std::string any_dos_name(chance *random) {
     std::string dos(11, ' ');
     for (char &c : dos) {
@@ -106,9 +106,9 @@ std::string any_dos_name(chance *random) {
 
 } // namespace
 
-TEST(NamesAtRandom, BecomeTheShortNamesThatTheyShould) {
+TEST(NamesAtRandom, BecomeTheExpectedShortNames) {
     chance random(1580239471);
-    diagnostics said;
+    diagnostics messages;
     u32 refused = 0;
     u32 lossy = 0;
     u32 cut = 0;
@@ -116,17 +116,17 @@ TEST(NamesAtRandom, BecomeTheShortNamesThatTheyShould) {
     for (u32 i = 0; i < 60000; i++) {
         const std::string name = any_name(&random);
         const model::short_form form = model::to_short(name);
-        said.clear();
+        messages.clear();
         ASSERT_EQ(to_short(name), form) << i << ": " << model::shown_bytes(name);
         ASSERT_FALSE(testing::Test::HasFailure());
-        ASSERT_EQ(said.text(),
+        ASSERT_EQ(messages.text(),
                   form.result == 0 ? "" : "convert_cstring_to_dosname[N]: zero length string!\n\n");
         refused += form.result != 0 ? 1 : 0;
         lossy += form.lossy ? 1 : 0;
         cut += form.left != name ? 1 : 0;
         mixed += form.case_byte == 255U ? 1 : 0;
     }
-    // Each kind of name is met often.
+    // Each kind of name occurs often.
     for (const u32 count : {refused, lossy, cut, mixed}) {
         EXPECT_GT(count, 300U);
         EXPECT_LT(count, 59000U);
@@ -134,7 +134,7 @@ TEST(NamesAtRandom, BecomeTheShortNamesThatTheyShould) {
 }
 
 TEST(NamesAtRandom, OfOneAndTwoBytesAreAllTried) {
-    diagnostics said;
+    diagnostics messages;
     for (int first = 1; first < 256; first++) {
         const std::string one(1, static_cast<char>(first));
         ASSERT_EQ(to_short(one), model::to_short(one)) << first;
@@ -145,9 +145,9 @@ TEST(NamesAtRandom, OfOneAndTwoBytesAreAllTried) {
     }
 }
 
-TEST(NamesAtRandom, FillTheRecordsThatTheyShould) {
+TEST(NamesAtRandom, FillTheExpectedRecords) {
     chance random(826417);
-    diagnostics said;
+    diagnostics messages;
     ram_disk disk(4096);
     u32 long_names = 0;
     u32 refused = 0;
@@ -155,7 +155,7 @@ TEST(NamesAtRandom, FillTheRecordsThatTheyShould) {
         const std::string name = any_name(&random);
         sv->long_name = random.one_in(4) ? 0 : 1;
         const model::name_record expected = model::to_record(name, sv->long_name == 1);
-        ASSERT_EQ(to_record(name, &said), expected) << i << ": " << model::shown_bytes(name);
+        ASSERT_EQ(to_record(name, &messages), expected) << i << ": " << model::shown_bytes(name);
         ASSERT_FALSE(testing::Test::HasFailure());
         long_names += expected.units ? 1 : 0;
         refused += expected.result != 0 ? 1 : 0;
@@ -164,9 +164,9 @@ TEST(NamesAtRandom, FillTheRecordsThatTheyShould) {
     EXPECT_GT(refused, 1000U);
 }
 
-TEST(NamesAtRandom, AreRefusedAsTheyShould) {
+TEST(NamesAtRandom, AreRefusedAsExpected) {
     chance random(90210);
-    diagnostics said;
+    diagnostics messages;
     u32 refused = 0;
     for (u32 i = 0; i < 20000; i++) {
         std::string name = any_name(&random);
@@ -174,17 +174,17 @@ TEST(NamesAtRandom, AreRefusedAsTheyShould) {
             name = letters(&random, 4, "AUXCONLPTMRcomlpt") + letters(&random, 2, "12345 .") +
                    letters(&random, 6, " ") + letters(&random, 1, "x.");
         }
-        said.clear();
+        messages.clear();
         const bool is_refused = model::is_refused(name);
         ASSERT_EQ(verify_valid_name(name.c_str()), is_refused ? -EINVAL : 0)
             << model::shown_bytes(name);
-        ASSERT_EQ(said.text(), is_refused ? "verify_valid_name[N]: Check here!\n\n" : "");
+        ASSERT_EQ(messages.text(), is_refused ? "verify_valid_name[N]: Check here!\n\n" : "");
         refused += is_refused ? 1 : 0;
     }
     EXPECT_GT(refused, 1000U);
 }
 
-TEST(StoredNamesAtRandom, AreShownAsTheyShould) {
+TEST(StoredNamesAtRandom, AreShownAsExpected) {
     chance random(31337);
     for (u32 i = 0; i < 30000; i++) {
         const std::string dos = any_dos_name(&random);
@@ -195,15 +195,15 @@ TEST(StoredNamesAtRandom, AreShownAsTheyShould) {
     }
 }
 
-TEST(StoredNamesAtRandom, ComeBackFromAFaithfulName) {
+TEST(StoredNamesAtRandom, AreRestoredFromAFaithfulName) {
     chance random(4711);
-    diagnostics said;
+    diagnostics messages;
     ram_disk disk(4096);
     sv->long_name = 1;
     u32 faithful = 0;
     for (u32 i = 0; i < 30000; i++) {
         const std::string name = any_name(&random);
-        const model::name_record made = to_record(name, &said);
+        const model::name_record made = to_record(name, &messages);
         if (made.result != 0 || made.units || made.dos[0] == '\x05') {
             continue;
         }
@@ -213,7 +213,7 @@ TEST(StoredNamesAtRandom, ComeBackFromAFaithfulName) {
     EXPECT_GT(faithful, 3000U);
 }
 
-TEST(StoredNamesAtRandom, HaveTheChecksumThatTheyShould) {
+TEST(StoredNamesAtRandom, HaveTheExpectedChecksum) {
     chance random(20231105);
     for (u32 i = 0; i < 30000; i++) {
         const std::string dos = any_dos_name(&random);
@@ -264,7 +264,7 @@ entry_image any_entry(chance *random, const std::string &near) {
     return entry;
 }
 
-// A short name whose beginning many entries share.
+// A short name with the same beginning as many entries.
 std::string short_name_of_stem(chance *random) {
     const std::string base =
         random->of("AB") + letters(random, 7, random->one_in(2) ? "AB~1" : "AB");
@@ -273,14 +273,15 @@ std::string short_name_of_stem(chance *random) {
 
 struct tail_tally {
     u32 largest = 0;
-    u32 behind_first = 0; // choices other than 1
+    u32 after_first = 0; // choices other than 1
 };
 
-void try_tails(chance *random, directory *dir, diagnostics *said, tail_tally *tally) {
+void try_tails(chance *random, directory *dir, diagnostics *messages, tail_tally *tally) {
     const std::string near = short_name_of_stem(random);
     const u32 used = random->below(dir->capacity() + 1);
     constexpr u32 GAPS[] = {1, 3, 20, 1000};
-    const u32 gap = GAPS[random->below(4)]; // one entry in so many is none of the run of tails
+    // One in this many entries is not one of the adjacent tails.
+    const u32 gap = GAPS[random->below(4)];
     std::vector<entry_image> entries;
     for (u32 i = 0; i < dir->capacity(); i++) {
         entry_image entry = {};
@@ -296,11 +297,11 @@ void try_tails(chance *random, directory *dir, diagnostics *said, tail_tally *ta
         const u32 expected = model::free_tail(entries, dos);
         ASSERT_NE(expected, 0U);
         dos_block block(dos);
-        said->clear();
+        messages->clear();
         ASSERT_EQ(add_numeric_tail(&dir->record, block.get()), 0);
         ASSERT_EQ(block.text(), model::with_tail(dos, expected)) << dos;
         tally->largest = std::max(tally->largest, expected);
-        tally->behind_first += expected > 1 ? 1 : 0;
+        tally->after_first += expected > 1 ? 1 : 0;
     }
 }
 
@@ -308,7 +309,7 @@ void try_tails(chance *random, directory *dir, diagnostics *said, tail_tally *ta
 
 TEST(TailsAtRandom, AreTheLowestFreeOnes) {
     chance random(60606);
-    diagnostics said;
+    diagnostics messages;
     tail_tally tally;
     const volume_shape chained = {16, 512, 2};
     volume medium(chained);
@@ -316,16 +317,16 @@ TEST(TailsAtRandom, AreTheLowestFreeOnes) {
     directory large = medium.sub_directory({70, 69, 4000, 12});
     for (u32 i = 0; i < 1500; i++) {
         ASSERT_NO_FATAL_FAILURE(
-            try_tails(&random, random.one_in(4) ? &large : &small, &said, &tally))
+            try_tails(&random, random.one_in(4) ? &large : &small, &messages, &tally))
             << "directory " << i;
     }
-    EXPECT_GT(tally.behind_first, 2000U);
+    EXPECT_GT(tally.after_first, 2000U);
     EXPECT_GT(tally.largest, 99U);
     std::printf("largest tail %u\n", tally.largest);
 }
 
 TEST(TailsAtRandom, FollowEachOtherUntilTheDirectoryIsFull) {
-    diagnostics said;
+    diagnostics messages;
     volume medium({16, 512, 64});
     directory dir = medium.sub_directory({2});
     for (u32 i = 0; i < 1023; i++) {
@@ -336,5 +337,5 @@ TEST(TailsAtRandom, FollowEachOtherUntilTheDirectoryIsFull) {
     }
     dos_block block("LONGFILETXT");
     ASSERT_EQ(add_numeric_tail(&dir.record, block.get()), -EEXIST);
-    ASSERT_EQ(said.text(), "add_numeric_tail[N]: Too many SFNs!\n\n");
+    ASSERT_EQ(messages.text(), "add_numeric_tail[N]: Too many SFNs!\n\n");
 }

@@ -1,4 +1,4 @@
-// Numeric tails: putting one on a short name, and choosing the one that a directory has left.
+// Numeric tails: appending one to a short name, and choosing a free one in a directory.
 
 #include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
@@ -35,7 +35,7 @@ protected:
         return block.text();
     }
 
-    diagnostics said;
+    diagnostics messages;
 };
 
 // ---- add_numeric_tail -------------------------------------------------------------------------
@@ -58,25 +58,25 @@ directory open_in(volume &volume, const place &place) {
     return place.clusters.empty() ? volume.root() : volume.longer_root(place.clusters);
 }
 
-// What add_numeric_tail() says to one name.
+// The result and the messages of add_numeric_tail() for one name.
 struct answer {
     int result;
     std::string dos;
-    std::string said; // source lines as N
+    std::string messages; // source lines as N
     bool operator==(const answer &) const = default;
 };
 std::ostream &operator<<(std::ostream &out, const answer &a) {
     return out << "{" << a.result << ", " << model::shown_bytes(a.dos) << ", "
-               << model::shown_bytes(a.said) << "}";
+               << model::shown_bytes(a.messages) << "}";
 }
 
-answer ask(directory *dir, const std::string &dos, diagnostics *said) {
+answer ask(directory *dir, const std::string &dos, diagnostics *messages) {
     dos_block block(dos);
-    said->clear();
+    messages->clear();
     answer a;
     a.result = add_numeric_tail(&dir->record, block.get());
     a.dos = block.text();
-    a.said = said->text();
+    a.messages = messages->text();
     return a;
 }
 
@@ -84,11 +84,11 @@ answer chosen(const std::string &dos) {
     return {0, dos, ""};
 }
 
-// A directory of three clusters that do not lie in order: 16 entries in each.
+// A directory of three clusters that are not in order: 16 entries in each.
 class AddNumericTail : public testing::Test {
 protected:
     answer ask(const std::string &dos) {
-        return ::ask(&dir, dos, &said);
+        return ::ask(&dir, dos, &messages);
     }
     void append_files(const std::vector<std::string> &names) {
         for (const std::string &name : names) {
@@ -96,14 +96,14 @@ protected:
         }
     }
 
-    diagnostics said;
+    diagnostics messages;
     volume medium;
     directory dir = medium.sub_directory({9, 4, 17});
 };
 
 class AddNumericTailAnywhere : public testing::TestWithParam<place> {
 protected:
-    diagnostics said;
+    diagnostics messages;
     volume medium{GetParam().shape};
     directory dir = open_in(medium, GetParam());
 };
@@ -149,23 +149,23 @@ TEST_F(AppendTail, EachRowGivesItsName) {
         {"        TXT", 1, "~1      TXT"},
         {"FOO~1      ", 2, "FOO~1~2    "},
         {"LONGFI~1   ", 2, "LONGFI~2   "},
-        // One more than any directory is given.
+        // One more than the largest tail in a directory.
         {"LONGFILETXT", 1024, "LON~1024TXT"},
         {"A       TXT", 1024, "A~1024  TXT"},
     };
     for (const auto &[dos, tail, name] : rows) {
         EXPECT_EQ(append(dos, tail), name);
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_F(AppendTail, RefusesALargerTail) {
     for (const u32 tail : {1025U, 9999U, 0x7FFFFFFFU, 0x80000000U, 0xFFFFFFFFU}) {
         dos_block block("LONGFILETXT");
-        said.clear();
+        messages.clear();
         EXPECT_EQ(append_tail(block.get(), tail), -EINVAL);
         EXPECT_EQ(block.text(), "LONGFILETXT");
-        EXPECT_EQ(said.text(), "append_tail[N]: numeric-tail overflow\n");
+        EXPECT_EQ(messages.text(), "append_tail[N]: numeric-tail overflow\n");
     }
 }
 
@@ -181,7 +181,7 @@ TEST_F(AppendTail, EveryTailOnABaseOfEveryLength) {
 // ---- directories of every kind ----------------------------------------------------------------
 
 TEST_P(AddNumericTailAnywhere, OneIsTheFirst) {
-    EXPECT_EQ(ask(&dir, "LONGFILETXT", &said), chosen("LONGFI~1TXT"));
+    EXPECT_EQ(ask(&dir, "LONGFILETXT", &messages), chosen("LONGFI~1TXT"));
 }
 
 TEST_P(AddNumericTailAnywhere, EveryEntryOfTheDirectoryCounts) {
@@ -189,7 +189,7 @@ TEST_P(AddNumericTailAnywhere, EveryEntryOfTheDirectoryCounts) {
     for (u32 i = 0; i < entries; i++) {
         dir.put(i, short_entry(tailed("A", i + 1)));
     }
-    EXPECT_EQ(ask(&dir, "A       TXT", &said),
+    EXPECT_EQ(ask(&dir, "A       TXT", &messages),
               chosen(model::with_tail("A       TXT", entries + 1)));
 }
 
@@ -199,28 +199,28 @@ TEST_P(AddNumericTailAnywhere, TheLastEntryCountsWhenEverythingBeforeItIsDeleted
         dir.put(i, deleted(short_entry(tailed("A", 2))));
     }
     dir.put(last, short_entry(tailed("A", 1)));
-    EXPECT_EQ(ask(&dir, "A          ", &said), chosen("A~2        "));
+    EXPECT_EQ(ask(&dir, "A          ", &messages), chosen("A~2        "));
 }
 
-TEST_P(AddNumericTailAnywhere, NothingBehindAnUnusedEntryCounts) {
+TEST_P(AddNumericTailAnywhere, NothingAfterAnUnusedEntryCounts) {
     const u32 last = std::min(512U, dir.capacity()) - 1;
     dir.put(0, short_entry(tailed("A", 1)));
     dir.put(2, short_entry(tailed("A", 2)));
     dir.put(last, short_entry(tailed("A", 2)));
-    EXPECT_EQ(ask(&dir, "A          ", &said), chosen("A~2        "));
+    EXPECT_EQ(ask(&dir, "A          ", &messages), chosen("A~2        "));
 }
 
 TEST_P(AddNumericTailAnywhere, ReadsEachSectorOfTheDirectoryOnceAndWritesNothing) {
     dir.fill_up(short_entry("FULL       "));
     medium.disk.log.clear();
-    EXPECT_EQ(ask(&dir, "A          ", &said), chosen("A~1        "));
+    EXPECT_EQ(ask(&dir, "A          ", &messages), chosen("A~1        "));
     const u32 sectors = std::min(512U, dir.capacity()) / volume::entries_per_sector();
     std::map<std::uint64_t, int> times;
     for (const auto &[sector, count] : medium.sectors_read()) {
         times[sector] = count;
     }
     for (u32 i = 0; i < dir.sectors.size(); i++) {
-        // What lies behind the last entry that counts may come along with it.
+        // Sectors after the last entry that counts may be read together with it.
         EXPECT_LE(times[dir.sectors[i]], 1) << "sector " << i;
         EXPECT_GE(times[dir.sectors[i]], i < sectors ? 1 : 0) << "sector " << i;
     }
@@ -234,7 +234,7 @@ TEST_P(AddNumericTailAnywhere, ASectorThatCannotBeReadIsTheAnswer) {
     for (u32 i = 0; i < sectors; i++) {
         medium.disk.bad_sectors = {dir.sectors[i]};
         const allocation_meter meter;
-        EXPECT_EQ(ask(&dir, "A          ", &said),
+        EXPECT_EQ(ask(&dir, "A          ", &messages),
                   (answer{-EIO, "A          ",
                           "get_dentry_with_clu[N]: cannot read sectors:(sector: " +
                               number(dir.sectors[i]) + ")\n"}));
@@ -242,14 +242,14 @@ TEST_P(AddNumericTailAnywhere, ASectorThatCannotBeReadIsTheAnswer) {
     }
 }
 
-TEST_P(AddNumericTailAnywhere, ASectorBehindTheEndOfTheDirectoryIsNotRead) {
+TEST_P(AddNumericTailAnywhere, ASectorPastTheEndOfTheDirectoryIsNotRead) {
     for (const u32 sector : dir.sectors) {
         if (sector != dir.sectors.front()) {
             medium.disk.bad_sectors.insert(sector);
         }
     }
     dir.append(short_entry(tailed("A", 1)));
-    EXPECT_EQ(ask(&dir, "A          ", &said), chosen("A~2        "));
+    EXPECT_EQ(ask(&dir, "A          ", &messages), chosen("A~2        "));
 }
 
 // ---- the choice -------------------------------------------------------------------------------
@@ -271,7 +271,7 @@ std::vector<std::string> nine_and(const std::string &name) {
     return result;
 }
 const std::vector<std::string> PADDED = {"A  ~1", "A ~2"};
-// The number is read over everything that is no digit.
+// Bytes that are not digits are skipped within the number.
 const std::vector<std::string> MIXED = {"A~X1", "A~2X", "A~ 3", "A~1B2"};
 const std::vector<std::string> MORE_MIXED = {"A~X1", "A~2X", "A~ 3", "A~1B2", "A~4",   "A~5",
                                              "A~6",  "A~7",  "A~8",  "A~9",   "A~1 0", "A~1~1"};
@@ -282,7 +282,8 @@ const choice_row CHOICES[] = {
     {"ZeroIsNeverTaken", {"A~0", "A~00", "A~"}, "A          ", "A~1        "},
     {"NamesWithoutATilde", {"A1", "A-1", "A       ", "LONGFILE"}, "LONGFILETXT", "LONGFI~1TXT"},
     {"AnotherPrefix", {"B~1", "AB~1", "a~1", "\xC1~1"}, "AC         ", "AC~1       "},
-    // The text before the tilde is compared with so many bytes of the new name, not with its base.
+    // The text before the tilde is compared with that many bytes of the new name, not with its
+    // base.
     {"ShorterPrefixCounts", {"LO~1", "L~2", "LONGF~3"}, "LONGFILETXT", "LONGFI~4TXT"},
     {"TildeInFrontCountsForAShortName", {"~1", "~2X"}, "A          ", "A~3        "},
     {"TildeInFrontCountsForALongName", {"~1", "~2X"}, "LONGFILETXT", "LONGFI~3TXT"},
@@ -314,21 +315,21 @@ TEST_P(NumericTailChoice, IsThatOfTheRow) {
     EXPECT_EQ(ask(GetParam().asked), chosen(GetParam().given));
 }
 
-TEST_F(AddNumericTail, ATildeBehindTheNameIsNoTail) {
+TEST_F(AddNumericTail, ATildeAfterTheNameIsNotATail) {
     entry_image entry = short_entry("ABCDEFGHIJK", '!');
     std::copy_n("~1~1~1~1~1~1~1~1~1~1", 20, entry.begin() + 12);
     dir.append(entry);
     EXPECT_EQ(ask("ABCDEFGHIJK"), chosen("ABCDEF~1IJK"));
 }
 
-// An entry without a zero byte has no end of its own; neither what stands behind it in the sector
-// nor what lies behind the sector belongs to it.
+// An entry without a zero byte is not terminated; the bytes after it in the sector and the bytes
+// after the sector do not belong to it.
 TEST_F(AddNumericTail, AnEntryWithoutAnEndIsReadNoFurther) {
     entry_image endless;
     endless.fill('!');
     dir.fill_up(endless);
     EXPECT_EQ(ask("!!!!!!!!!!!"), chosen("!!!!!!~1!!!"));
-    // With a tilde at its very end, in the middle of the directory and in the last place.
+    // With a tilde at its end, in the middle of the directory and in the last position.
     endless[31] = '~';
     dir.put(0, endless);
     dir.put(dir.capacity() - 1, endless);
@@ -360,7 +361,7 @@ TEST_F(AddNumericTail, NothingElseCounts) {
     EXPECT_EQ(ask("A          "), chosen("A~1        "));
 }
 
-TEST_F(AddNumericTail, AnInvalidEntryIsToldAndDoesNotCount) {
+TEST_F(AddNumericTail, AnInvalidEntryIsReportedAndDoesNotCount) {
     dir.append(short_entry(tailed("A", 1), 0x18));
     dir.append(short_entry(tailed("A", 2), 0x3F));
     dir.append(short_entry(tailed("A", 1)));
@@ -369,7 +370,7 @@ TEST_F(AddNumericTail, AnInvalidEntryIsToldAndDoesNotCount) {
                                           "entry_type[N]: Unknown entry type: 63\n\n"}));
 }
 
-TEST_F(AddNumericTail, TheLongNameFlagPlaysNoPart) {
+TEST_F(AddNumericTail, TheLongNameFlagDoesNotMatter) {
     append_files({"A~1"});
     sv->long_name = 0;
     EXPECT_EQ(ask("A          "), chosen("A~2        "));
@@ -397,7 +398,7 @@ protected:
         }
     }
     answer ask_large(const std::string &dos) {
-        return ::ask(&large, dos, &said);
+        return ::ask(&large, dos, &messages);
     }
 
     directory large = medium.sub_directory(clusters());
@@ -414,7 +415,7 @@ TEST_F(AllTails, TakenLeaveNone) {
     EXPECT_EQ(ask_large("LOXGFILETXT"), chosen("LOXGFI~1TXT"));
 }
 
-// A tail of 1024 would be accepted by append_tail(), but no directory is given it.
+// append_tail() accepts a tail of 1024, but add_numeric_tail() never chooses it.
 TEST_F(AllTails, TakenLeaveNoTailOf1024) {
     take_all_but(0);
     large.append(short_entry(tailed("X", 1024)));
@@ -432,7 +433,7 @@ TEST_F(AllTails, TakenButOneLeaveThatOne) {
 // ---- the end of the directory -----------------------------------------------------------------
 
 TEST(AddNumericTailInRootArea, StopsAfter512EntriesOfMore) {
-    diagnostics said;
+    diagnostics messages;
     volume medium({16, 512, 1, 0, 1024});
     directory root = medium.root();
     ASSERT_EQ(root.capacity(), 1024U);
@@ -440,33 +441,33 @@ TEST(AddNumericTailInRootArea, StopsAfter512EntriesOfMore) {
     root.fill_up(short_entry("FULL       "));
     root.put(511, short_entry(tailed("A", 1)));
     root.put(512, short_entry(tailed("A", 2)));
-    EXPECT_EQ(ask(&root, "A          ", &said), chosen("A~2        "));
+    EXPECT_EQ(ask(&root, "A          ", &messages), chosen("A~2        "));
 }
 
 TEST(AddNumericTailInRootArea, EndsWithASmallerArea) {
-    diagnostics said;
+    diagnostics messages;
     volume medium({16, 512, 1, 0, 64});
     directory root = medium.root();
     ASSERT_EQ(root.capacity(), 64U);
     root.fill_up(short_entry("FULL       "));
     root.put(63, short_entry(tailed("A", 1)));
     const allocation_meter meter;
-    EXPECT_EQ(ask(&root, "A          ", &said),
+    EXPECT_EQ(ask(&root, "A          ", &messages),
               (answer{0, "A~2        ",
                       "get_phy_sector[N]: Invalid sector number in Root dir\n\n"
                       "get_dentry_with_clu[N]: Failed to get entry sector!:(0, 64)\n\n"}));
     EXPECT_EQ(meter.live_blocks(), 0);
 }
 
-TEST(AddNumericTailInRootArea, EndsWithWhatTheOpenDirectoryCallsItsSize) {
-    diagnostics said;
+TEST(AddNumericTailInRootArea, EndsWithTheSizeOfTheOpenDirectory) {
+    diagnostics messages;
     volume medium({16, 512, 1, 0, 512});
     directory root = medium.root();
     root.fill_up(short_entry("FULL       "));
     root.put(31, short_entry(tailed("A", 1)));
     root.put(32, short_entry(tailed("A", 2)));
     root.record.allocated = 1024;
-    EXPECT_EQ(ask(&root, "A          ", &said),
+    EXPECT_EQ(ask(&root, "A          ", &messages),
               (answer{0, "A~2        ",
                       "fat_get_dentry[N]: access the out of range in directory space\n"}));
 }
@@ -479,7 +480,7 @@ TEST_F(AddNumericTail, ADirectoryOfNoSizeHasNoEntries) {
     EXPECT_EQ(medium.disk.log.size(), 0U);
 }
 
-TEST_F(AddNumericTail, EntriesBehindTheSizeDoNotCount) {
+TEST_F(AddNumericTail, EntriesPastTheSizeDoNotCount) {
     dir.fill_up(short_entry("FULL       "));
     dir.put(15, short_entry(tailed("A", 1)));
     dir.put(16, short_entry(tailed("A", 2)));
@@ -499,9 +500,9 @@ TEST_F(AddNumericTail, AChainThatEndsEarlyEndsTheDirectory) {
 
 // ---- failures ---------------------------------------------------------------------------------
 
-// A transfer that moves nothing is no failure here: the sector counts as empty, and an empty entry
-// ends the directory.
-TEST_F(AddNumericTail, ASectorOfWhichNothingArrivesIsTheEnd) {
+// Intentional: a transfer that moves nothing is not an error here: the sector counts as empty, and
+// an empty entry ends the directory.
+TEST_F(AddNumericTail, AnEmptyTransferIsTheEnd) {
     dir.fill_up(short_entry("FULL       "));
     dir.put(0, short_entry(tailed("A", 1)));
     dir.put(16, short_entry(tailed("A", 2)));
@@ -527,7 +528,7 @@ TEST_F(AddNumericTail, NoAllocationFailsUnseen) {
         } else {
             // A link of the chain that cannot be followed.
             EXPECT_EQ(a.result, -EINVAL);
-            EXPECT_EQ(a.said.substr(0, a.said.find(":(")),
+            EXPECT_EQ(a.messages.substr(0, a.messages.find(":(")),
                       "fat_read_entry[N]: cannot allocate FAT\n\n"
                       "get_phy_sector[N]: invalid value -12\n"
                       "get_dentry_with_clu[N]: Failed to get entry sector!");

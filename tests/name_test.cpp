@@ -1,4 +1,4 @@
-// Short names: conversion both ways, the record of a name, tails, what is refused, entry types.
+// Short names: conversion both ways, the record of a name, tails, refused names, entry types.
 
 #include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
@@ -31,10 +31,10 @@ std::u16string units_of(std::string_view text) {
     return {text.begin(), text.end()};
 }
 
-// What the library says is looked at; a volume is open where a case asks for one.
+// Cases check the library's messages; a volume is open only in cases that open one.
 class Names : public testing::Test {
 protected:
-    diagnostics said;
+    diagnostics messages;
 };
 
 class RemoveTrailBlanks : public Names {
@@ -63,7 +63,7 @@ protected:
     }
 
     record fill(const std::string &name) {
-        return to_record(name, &said);
+        return to_record(name, &messages);
     }
 
     ram_disk disk;
@@ -81,8 +81,8 @@ TEST_F(RemoveTrailBlanks, NoStringIsRefused) {
     char *end = nullptr;
     EXPECT_EQ(remove_trail_blanks(nullptr, &end), -EINVAL);
     EXPECT_EQ(remove_trail_blanks(nullptr, nullptr), -EINVAL);
-    EXPECT_EQ(said.text(), "remove_trail_blanks[N]: NULL string!\n\n"
-                           "remove_trail_blanks[N]: NULL string!\n\n");
+    EXPECT_EQ(messages.text(), "remove_trail_blanks[N]: NULL string!\n\n"
+                               "remove_trail_blanks[N]: NULL string!\n\n");
 }
 
 TEST_F(RemoveTrailBlanks, CutsBlanksAndDotsButNeverTheFirstCharacter) {
@@ -106,10 +106,10 @@ TEST_F(RemoveTrailBlanks, CutsBlanksAndDotsButNeverTheFirstCharacter) {
                                                                       {"", ""}}) {
         EXPECT_EQ(cut(text), left);
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
-TEST_F(RemoveTrailBlanks, TheEndNeedNotBeAskedFor) {
+TEST_F(RemoveTrailBlanks, TheEndIsOptional) {
     caller_string string("name. .");
     EXPECT_EQ(remove_trail_blanks(string.get(), nullptr), 0);
     EXPECT_EQ(string.text(), "name");
@@ -150,7 +150,7 @@ const short_row FAITHFUL[] = {
     {"\\/:*?\"<>.|", "\\/:*?\"<>|  ", 0x00, ""},
     {"CON", "CON        ", 0x07, ""},
     {"\xC3\xA9t\xC3\xA9.\xE4", "\xC3\xA9T\xC3\xA9   \xE4  ", 0x08, ""},
-    // A first byte E5 is stored as 05; nothing tells it from one that is 05.
+    // A first byte E5 is stored as 05, the same as a first byte 05.
     {"\xE5", "\x05          ", 0x00, ""},
     {"\xE5\xE5.\xE5", "\x05\xE5      \xE5  ", 0x00, ""},
     {"\x05", "\x05          ", 0x00, ""},
@@ -211,19 +211,20 @@ TEST_F(ConvertCstringToDosname, EachRowGivesItsElevenBytesAndItsCaseByte) {
     for (const auto &[text, dos, case_byte, left] : LOSSY) {
         EXPECT_EQ(to_short(text), lossy(left.empty() ? text : left, dos, *case_byte)) << text;
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_F(ConvertCstringToDosname, NothingButDotsAndBlanksHasNoLength) {
     for (const char *name :
          {"", " ", "   ", "...", "....", ". ", " .", ".. ", " ..", ". .", "\x20."}) {
-        said.clear();
+        messages.clear();
         EXPECT_EQ(to_short(name), (short_form{-EINVAL, name, "", NOT_WRITTEN, false})) << name;
-        EXPECT_EQ(said.text(), "convert_cstring_to_dosname[N]: zero length string!\n\n") << name;
+        EXPECT_EQ(messages.text(), "convert_cstring_to_dosname[N]: zero length string!\n\n")
+            << name;
     }
 }
 
-TEST_F(ConvertCstringToDosname, TheOutputsNeedNotBeAskedFor) {
+TEST_F(ConvertCstringToDosname, TheOutputsAreOptional) {
     for (const auto &[name, dos] : std::vector<std::pair<std::string, std::string>>{
              {"Read+me.txt", "READ_ME TXT"}, {".", ".          "}, {"..", "..         "}}) {
         caller_string string(name);
@@ -264,8 +265,8 @@ TEST_F(GetFatnames, BothArgumentsAreNeeded) {
     caller_string string("a");
     EXPECT_EQ(get_fatnames(nullptr, &name), -EINVAL);
     EXPECT_EQ(get_fatnames(string.get(), nullptr), -EINVAL);
-    EXPECT_EQ(said.text(), "get_fatnames[N]: Invalid arg!\n\n"
-                           "get_fatnames[N]: Invalid arg!\n\n");
+    EXPECT_EQ(messages.text(), "get_fatnames[N]: Invalid arg!\n\n"
+                               "get_fatnames[N]: Invalid arg!\n\n");
 }
 
 namespace {
@@ -320,7 +321,7 @@ TEST_F(GetFatnames, EachRowGivesItsRecord) {
     }
 }
 
-TEST_F(GetFatnames, ANameOfNothingAndOneThatAsciiLacksAreRefused) {
+TEST_F(GetFatnames, AnEmptyNameAndANonAsciiNameAreRefused) {
     const std::string empty = "convert_cstring_to_dosname[N]: zero length string!\n\n"
                               "convert_name[N]: invalid name in DOS:";
     EXPECT_EQ(fill(". . "), (record{-EINVAL, empty + ". . \n", ". . ", "", std::nullopt, 0, 0}));
@@ -369,7 +370,7 @@ TEST_F(GetFatnames, NoAllocationFailsUnseen) {
         caller_string string("ReadMe.txt");
         fat_name name;
         std::memset(&name, 0x55, sizeof name);
-        said.clear();
+        messages.clear();
         const int result = step.run_keeping([&] { return get_fatnames(string.get(), &name); });
         EXPECT_EQ(step.struck(), step.k < 2);
         if (!step.struck()) {
@@ -380,7 +381,7 @@ TEST_F(GetFatnames, NoAllocationFailsUnseen) {
         }
         EXPECT_EQ(result, -ENOMEM);
         EXPECT_EQ(step.left_allocated(), 0);
-        EXPECT_EQ(said.text(), "convert_name[N]: cannot allocate space\n");
+        EXPECT_EQ(messages.text(), "convert_name[N]: cannot allocate space\n");
         EXPECT_EQ(name.cstring, string.get());
         EXPECT_EQ(name.dosName, nullptr);
         EXPECT_EQ(name.unicode, nullptr);
@@ -412,7 +413,7 @@ TEST_F(GetFatnames, ARefusedNameLeavesNothingAllocated) {
     }
 }
 
-TEST_F(ConvertName, BothNamesMustHaveAPlace) {
+TEST_F(ConvertName, BothNamesMustHaveABuffer) {
     caller_string string("a");
     u8 *dos = nullptr;
     u16 *unicode = nullptr;
@@ -421,13 +422,13 @@ TEST_F(ConvertName, BothNamesMustHaveAPlace) {
     u32 is_lossy = 0;
     EXPECT_EQ(convert_name(string.get(), nullptr, &unicode, &ulen, &lcase, &is_lossy), -EINVAL);
     EXPECT_EQ(convert_name(string.get(), &dos, nullptr, &ulen, &lcase, &is_lossy), -EINVAL);
-    EXPECT_EQ(said.text(), "convert_name[N]: Invalid arg...\n\n"
-                           "convert_name[N]: Invalid arg...\n\n");
+    EXPECT_EQ(messages.text(), "convert_name[N]: Invalid arg...\n\n"
+                               "convert_name[N]: Invalid arg...\n\n");
     EXPECT_EQ(dos, nullptr);
     EXPECT_EQ(unicode, nullptr);
 }
 
-TEST_F(ConvertName, TheLastThreeOutputsNeedNotBeAskedFor) {
+TEST_F(ConvertName, TheLastThreeOutputsAreOptional) {
     caller_string string("Read Me");
     fat_name name = {};
     EXPECT_EQ(convert_name(string.get(), &name.dosName, &name.unicode, nullptr, nullptr, nullptr),
@@ -438,7 +439,7 @@ TEST_F(ConvertName, TheLastThreeOutputsNeedNotBeAskedFor) {
     release_name(&name);
 }
 
-TEST_F(ConvertName, AFailureLeavesTheOutputsAsTheyWere) {
+TEST_F(ConvertName, AFailureDoesNotChangeTheOutputs) {
     struct failure {
         const char *name;
         int allocations; // that succeed; -1: all
@@ -526,15 +527,15 @@ TEST_F(ConvertDosnameToCstring, EachRowGivesItsText) {
     for (const auto &[dos, case_byte, text] : rows) {
         EXPECT_EQ(to_text(dos, case_byte), text) << dos;
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
-TEST_F(ConvertDosnameToCstring, ANameThatFitsComesBackWithItsCaseByte) {
+TEST_F(ConvertDosnameToCstring, ANameThatFitsIsRestoredWithItsCaseByte) {
     ram_disk disk(4096);
     sv->long_name = 1;
     for (const char *name : {"readme.txt", "README.txt", "readme.TXT", "README.TXT", "a", "A.b",
                              "12345678.123", "\xE5\xE5.\xE5", "x.y", "_~!#$%&.'()"}) {
-        const record made = to_record(name, &said);
+        const record made = to_record(name, &messages);
         EXPECT_EQ(made.units, std::nullopt) << name;
         EXPECT_EQ(to_text(made.dos, made.lcase), name);
     }
@@ -561,16 +562,16 @@ TEST_F(DosnameChecksum, EveryByteCounts) {
     }
 }
 
-// ---- what is refused --------------------------------------------------------------------------
+// ---- refused names ----------------------------------------------------------------------------
 
-TEST_F(VerifyValidName, NineCharactersAreRefusedWhereverTheyStand) {
+TEST_F(VerifyValidName, NineCharactersAreRefusedInEveryPosition) {
     for (const char c : std::string("\\/:*?\"<>|")) {
         for (const std::string &name :
              {std::string{c}, std::string{'a', c}, std::string{c, 'a'}, std::string{'a', '.', c},
               std::string("a long name with it at the end.") + c}) {
-            said.clear();
+            messages.clear();
             EXPECT_EQ(verify_valid_name(name.c_str()), -EINVAL) << name;
-            EXPECT_EQ(said.text(), "verify_valid_name[N]: Check here!\n\n") << name;
+            EXPECT_EQ(messages.text(), "verify_valid_name[N]: Check here!\n\n") << name;
         }
     }
 }
@@ -598,18 +599,18 @@ TEST_F(VerifyValidName, DeviceNamesAreRefusedAndWhatResemblesThemIsAccepted) {
                              "lPt4",     "CON ",
                              "con     ", "CON     and more.txt",
                              "LPT1    ."}) {
-        said.clear();
+        messages.clear();
         EXPECT_EQ(verify_valid_name(name), -EINVAL) << name;
-        EXPECT_EQ(said.text(), "verify_valid_name[N]: Check here!\n\n") << name;
+        EXPECT_EQ(messages.text(), "verify_valid_name[N]: Check here!\n\n") << name;
     }
-    said.clear();
+    messages.clear();
     for (const char *name : {"CON.TXT",  "aux.c", "CON.",  "nul.", "lpt1.x", "COM1.COM", "CON    x",
                              "CON .txt", "CONS",  "CO",    "ACON", " CON",   "COM",      "COM0",
                              "COM5",     "COM9",  "COM11", "LPT",  "LPT0",   "LPT5",     "CLOCK$",
                              "CONIN$",   "A",     "",      "."}) {
         EXPECT_EQ(verify_valid_name(name), 0) << name;
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 // ---- entry types ------------------------------------------------------------------------------
@@ -635,11 +636,11 @@ TEST_F(EntryType, EachRowHasItsType) {
         entry[0] = static_cast<u8>(first);
         EXPECT_EQ(entry_type(entry.data()), type) << first << ", " << attr;
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     EXPECT_EQ(entry_type(short_entry("A          ", 0x18).data()), 6U);
     EXPECT_EQ(entry_type(short_entry("A          ", 0xFF).data()), 6U);
-    EXPECT_EQ(said.text(), "entry_type[N]: Unknown entry type: 24\n\n"
-                           "entry_type[N]: Unknown entry type: 255\n\n");
+    EXPECT_EQ(messages.text(), "entry_type[N]: Unknown entry type: 24\n\n"
+                               "entry_type[N]: Unknown entry type: 255\n\n");
 }
 
 TEST_F(EntryType, OfEveryFirstByteAndAttributeByte) {
@@ -655,5 +656,5 @@ TEST_F(EntryType, OfEveryFirstByteAndAttributeByte) {
             }
         }
     }
-    EXPECT_EQ(said.text() == expected, true);
+    EXPECT_EQ(messages.text() == expected, true);
 }

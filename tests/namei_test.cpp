@@ -123,13 +123,13 @@ protected:
     PathLookup() : tree_test(GetParam()) {}
 
     struct lookup {
-        answer said;
+        answer messages;
         place directory;
         std::string name;
         bool operator==(const lookup &) const = default;
     };
     friend std::ostream &operator<<(std::ostream &out, const lookup &l) {
-        return out << l.said << ", directory " << static_cast<int>(l.directory) << ", name "
+        return out << l.messages << ", directory " << static_cast<int>(l.directory) << ", name "
                    << std::quoted(l.name);
     }
     // A record made by the lookup is shown to `look` and freed.
@@ -141,7 +141,7 @@ protected:
         char *name = nullptr;
         const allocation_meter meter;
         lookup result{};
-        result.said = ask([&] { return fat_path_lookup(path.get(), &dir, &name); });
+        result.messages = ask([&] { return fat_path_lookup(path.get(), &dir, &name); });
         result.name = name != nullptr ? name : "(none)";
         EXPECT_TRUE(path.is_as_it_was()) << text;
         if (dir == &untouched) {
@@ -165,7 +165,7 @@ protected:
     record_picture own_record(const std::string &text) {
         record_picture result;
         const lookup l = look_up(text, [&](const oentry &dir) { result = picture_of(dir); });
-        EXPECT_EQ(l.said, (answer{0, ""})) << text;
+        EXPECT_EQ(l.messages, (answer{0, ""})) << text;
         EXPECT_EQ(l.directory, place::OWN_RECORD) << text;
         return result;
     }
@@ -191,24 +191,24 @@ INSTANTIATE_TEST_SUITE_P(Widths, PathLookup, testing::ValuesIn(TREE_SHAPES), sha
 // ---- keeping a path ---------------------------------------------------------------------------
 
 struct kept {
-    answer said;
+    answer messages;
     std::string text; // up to the terminator that the caller's block ends with
     bool operator==(const kept &) const = default;
 };
 std::ostream &operator<<(std::ostream &out, const kept &k) {
-    return out << k.said << ", " << std::quoted(k.text);
+    return out << k.messages << ", " << std::quoted(k.text);
 }
 
 constexpr std::size_t ROOM = 260;
 
 // Into a block of 261 zeroed bytes.
 kept keep(const std::string &path) {
-    diagnostics said;
+    diagnostics messages;
     std::vector<char> out(ROOM + 1);
     out.shrink_to_fit();
     kept result{};
-    result.said.result = fat_get_name(path.c_str(), out.data());
-    result.said.said = said.text();
+    result.messages.result = fat_get_name(path.c_str(), out.data());
+    result.messages.messages = messages.text();
     result.text = out.data();
     return result;
 }
@@ -264,10 +264,10 @@ TEST(ResolvePath, UpTo1024ComponentsAndNoMore) {
     }
     expected.name = "name";
     EXPECT_EQ(split(path + "name"), expected);
-    diagnostics said;
+    diagnostics messages;
     const allocation_meter meter;
     EXPECT_EQ(split(path + "a/name"), (parts{-ENAMETOOLONG}));
-    EXPECT_EQ(said.text(), check_here("resolve_path"));
+    EXPECT_EQ(messages.text(), check_here("resolve_path"));
     EXPECT_EQ(split(std::string(5000, 'a') + std::string(100000, '/')), (parts{-ENAMETOOLONG}));
     EXPECT_EQ(meter.live_blocks(), 0);
 }
@@ -379,7 +379,7 @@ TEST_P(PathLookup, DotParentsGiveARecordOfTheCurrentDirectory) {
     for (const char *path : {"./name", "././name", "./"}) {
         EXPECT_EQ(own_record(path), expected) << path;
     }
-    EXPECT_EQ(look_up("./name", [&](const oentry &dir) { EXPECT_NE(dir.dentry, image); }).said,
+    EXPECT_EQ(look_up("./name", [&](const oentry &dir) { EXPECT_NE(dir.dentry, image); }).messages,
               (answer{0, ""}));
     EXPECT_EQ(own_record("/./name"), tree::opened_root());
     EXPECT_EQ(ids_in_use(), (std::vector<int>{0, 1}));
@@ -468,7 +468,7 @@ TEST_P(PathLookup, EmptyParentIsNoName) {
 TEST_P(PathLookup, ParentIsLookedForByIts255FirstCharacters) {
     v.root_space.append_long(std::u16string(255, u'x'), "XXXXXX~1   ");
     const std::string parent(255, 'x');
-    const auto result_of = [&](const std::string &path) { return look_up(path).said.result; };
+    const auto result_of = [&](const std::string &path) { return look_up(path).messages.result; };
     EXPECT_EQ(result_of(parent + "/name"), 0);
     EXPECT_EQ(result_of(parent + std::string(100, 'y') + "/name"), 0);
     EXPECT_EQ(result_of(parent.substr(1) + "/name"), -ENOENT);
@@ -518,7 +518,7 @@ TEST_P(PathLookup, EveryShortPath) {
         }
         u32 start = 0;
         const lookup l = look_up(path, [&](const oentry &dir) { start = dir.start; });
-        EXPECT_EQ(l.said.result, result) << path;
+        EXPECT_EQ(l.messages.result, result) << path;
         EXPECT_EQ(l.directory, directory) << path;
         EXPECT_EQ(l.name, p.name) << path;
         if (directory == place::OWN_RECORD) {
@@ -609,7 +609,7 @@ TEST_P(PathLookup, ParentThatIsTheFirstEntryIsReadLikeAnyOther) {
     EXPECT_EQ(look_up("FIRST/name"),
               (lookup{{0, found_at(v.root_base(), 0)}, place::NONE, "name"}));
     v.disk.reads_before_failure = 1;
-    EXPECT_EQ(look_up("FIRST/name").said.result, -EIO);
+    EXPECT_EQ(look_up("FIRST/name").messages.result, -EIO);
 }
 
 TEST_P(PathLookup, StartDirectoryOutsideTheVolume) {

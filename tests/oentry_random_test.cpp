@@ -22,7 +22,7 @@ namespace {
 constexpr unsigned SEED = 20240229;
 
 const std::array NAMES = {
-    "FILE.TXT", "EMPTY", "SUB", "LOST",      "BROKEN", "OUTSIDE", "CIRCLE",
+    "FILE.TXT", "EMPTY", "SUB", "LOST",      "BROKEN", "OUTSIDE", "CYCLE",
     ".",        "..",    "X",   "INNER.TXT", "DEEP",   "MISSING", "A Long Name.txt"};
 
 class RandomHandles : public tree_test {
@@ -105,7 +105,7 @@ protected:
             struck = v.disk.reads_before_failure <= 0 && s.result != s.expected;
             v.disk.reads_before_failure = -1;
         }
-        said.clear();
+        messages.clear();
         if (!struck) {
             EXPECT_EQ(s.result, s.expected) << s.text;
             return;
@@ -137,7 +137,7 @@ protected:
                 text = "a disturbed call";
             } else {
                 const step s = any_step(eagerness, limit);
-                said.clear();
+                messages.clear();
                 ASSERT_EQ(s.result, s.expected) << s.text;
                 text = s.text;
                 times_full += s.result == -EMFILE ? 1 : 0;

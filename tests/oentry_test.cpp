@@ -198,12 +198,12 @@ TEST(SlotMap, MarkingChangesTheBitOfTheIdAlone) {
 
 TEST(RegisterOentry, NothingIsRegisteredBeforeTheRootIsOpen) {
     ram_disk disk(4096);
-    diagnostics said;
+    diagnostics messages;
     oentry record = {};
     for (int i = 0; i < 3; i++) {
-        said.clear();
+        messages.clear();
         EXPECT_EQ(register_oentry(&record), -EMFILE);
-        EXPECT_EQ(said.text(), TOO_MANY);
+        EXPECT_EQ(messages.text(), TOO_MANY);
         EXPECT_EQ(ids_in_use(), std::vector<int>());
         EXPECT_TRUE(table_agrees());
     }
@@ -233,9 +233,9 @@ TEST_F(OpenEntries, PutOfWhatIsNotOpenDoesNothing) {
     const int id = fat_open("FILE.TXT");
     ASSERT_EQ(id, 1);
     for (const int none : {-1, INT_MIN, 2, 511, 512, 513, 1024, INT_MAX}) {
-        said.clear();
+        messages.clear();
         put_oentry(none);
-        EXPECT_EQ(said.text(), "");
+        EXPECT_EQ(messages.text(), "");
         EXPECT_EQ(ids_in_use(), (std::vector<int>{0, 1}));
         EXPECT_EQ(references(1), 1U);
     }
@@ -266,7 +266,7 @@ TEST_F(OpenEntries, FreeingTakesTheImageAlongAndNullIsIgnored) {
     EXPECT_EQ(meter.live_blocks(), 0);
     free_oentry(blank_record());
     EXPECT_EQ(meter.live_blocks(), 0);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_F(OpenEntries, ReleasingTheVolumeFreesWhatIsLeft) {
@@ -520,9 +520,9 @@ TEST_F(Fat32SetOentry, RootWithABrokenChain) {
 TEST(Fat16RootRecord, Has16384BytesWhateverTheAreaHolds) {
     for (const u32 entries : {32U, 64U, 512U, 1024U, 4096U}) {
         volume v({.root_entries = entries});
-        diagnostics said;
+        diagnostics messages;
         EXPECT_EQ(open_root_directory(), 0);
-        EXPECT_EQ(said.text(), "");
+        EXPECT_EQ(messages.text(), "");
         ASSERT_EQ((sv->data_start - sv->rdir_start) * sv->sector_size, entries * 32);
         EXPECT_EQ(picture_of(0), tree::opened_root());
         EXPECT_EQ(sv->root_dir->allocated, 16384U);
@@ -582,7 +582,7 @@ TEST_P(EntryOpen, BrokenEntryIsNotOpened) {
               (answer{-EINVAL, BAD_ENTRY + BAD_CHAIN + NOT_SET}));
     EXPECT_EQ(open_entry(&v.root_space, v.outside),
               (answer{-EINVAL, BAD_CLUSTER + BAD_CHAIN + NOT_SET}));
-    EXPECT_EQ(open_entry(&v.root_space, v.circle), (answer{-EINVAL, BAD_CHAIN + NOT_SET}));
+    EXPECT_EQ(open_entry(&v.root_space, v.cycle), (answer{-EINVAL, BAD_CHAIN + NOT_SET}));
     EXPECT_EQ(meter.live_blocks(), 0);
     EXPECT_EQ(ids_in_use(), std::vector<int>{0});
 }
@@ -856,8 +856,8 @@ TEST_P(Open, BrokenChainIsNotOpened) {
                                                         BAD_CHAIN + NOT_SET}));
     EXPECT_EQ(open_path("OUTSIDE"), (answer{-EINVAL, found_at(v.root_base(), v.outside) +
                                                          BAD_CLUSTER + BAD_CHAIN + NOT_SET}));
-    EXPECT_EQ(open_path("CIRCLE"),
-              (answer{-EINVAL, found_at(v.root_base(), v.circle) + BAD_CHAIN + NOT_SET}));
+    EXPECT_EQ(open_path("CYCLE"),
+              (answer{-EINVAL, found_at(v.root_base(), v.cycle) + BAD_CHAIN + NOT_SET}));
     EXPECT_EQ(meter.live_blocks(), 0);
     EXPECT_EQ(ids_in_use(), std::vector<int>{0});
 }
@@ -1086,7 +1086,7 @@ TEST_F(OpenEntries, OpenFileStoresErrorsInErrno) {
     EXPECT_EQ(error_of(nullptr), (std::pair{-EINVAL, EINVAL}));
     EXPECT_EQ(error_of("MISSING"), (std::pair{-ENOENT, ENOENT}));
     EXPECT_EQ(error_of("a|b"), (std::pair{-EINVAL, EINVAL}));
-    EXPECT_EQ(error_of("CIRCLE"), (std::pair{-EINVAL, EINVAL}));
+    EXPECT_EQ(error_of("CYCLE"), (std::pair{-EINVAL, EINVAL}));
     EXPECT_EQ(error_of(std::string(261, '/').c_str()), (std::pair{-ENAMETOOLONG, ENAMETOOLONG}));
     open_until_full();
     EXPECT_EQ(error_of("FILE.TXT"), (std::pair{-EMFILE, EMFILE}));
@@ -1145,12 +1145,12 @@ TEST_F(OpenEntries, CurrentThatIsMissing) {
     EXPECT_EQ(current(), (answer{-1, "get_current[N]: NULL current directory!\n\n"}));
     oentry stray = {};
     sv->current_dir = &stray;
-    said.clear();
+    messages.clear();
     EXPECT_EQ(get_current(), -EINVAL);
-    EXPECT_EQ(said.text(), "get_current[N]: NO current directory!\n\n");
-    said.clear();
+    EXPECT_EQ(messages.text(), "get_current[N]: NO current directory!\n\n");
+    messages.clear();
     EXPECT_EQ(fat_set_current(0), -EINVAL);
-    EXPECT_EQ(said.text(), "get_current[N]: NO current directory!\n\n");
+    EXPECT_EQ(messages.text(), "get_current[N]: NO current directory!\n\n");
     EXPECT_EQ(sv->current_dir, &stray);
     sv->current_dir = sv->root_dir;
 }

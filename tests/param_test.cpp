@@ -24,7 +24,7 @@ time_t still_clock(time_t *out) {
     return STILL_TIME;
 }
 
-// Requests are checked with a clock that stands still and no page size given.
+// Requests are checked with a stopped clock and without a page size.
 class CheckFormatParam : public testing::Test {
 protected:
     CheckFormatParam() {
@@ -37,20 +37,20 @@ protected:
         fat_page_size_given = 0;
     }
 
-    // The record byte for byte, to see whether anything in it moved.
+    // The bytes of the record, to detect any change.
     std::string image() const {
         return {reinterpret_cast<const char *>(&param), sizeof param};
     }
 
     void accept() {
         EXPECT_EQ(check_format_param(&param), 0);
-        EXPECT_EQ(said.text(), "");
+        EXPECT_EQ(messages.text(), "");
     }
 
     void refuse(const std::string &cluster_line) {
         const std::string before = image();
         EXPECT_EQ(check_format_param(&param), -1);
-        EXPECT_EQ(said.text(), cluster_line + "\nBut cluster size can't be over 32KBytes\n");
+        EXPECT_EQ(messages.text(), cluster_line + "\nBut cluster size can't be over 32KBytes\n");
         EXPECT_EQ(image(), before) << "a refused request was changed";
         EXPECT_EQ(clock_calls, 0);
     }
@@ -61,14 +61,14 @@ protected:
     }
 
     fat_format_param param = {};
-    diagnostics said;
+    diagnostics messages;
 };
 
 } // namespace
 
 // ---- the record -------------------------------------------------------------------------------
 
-TEST(FormatParam, FieldsStandInTheirOrder) {
+TEST(FormatParam, FieldsAreInTheirOrder) {
     const std::size_t offsets[] = {
         offsetof(fat_format_param, fat_size),       offsetof(fat_format_param, sec_per_clus),
         offsetof(fat_format_param, sector_size),    offsetof(fat_format_param, outfile),
@@ -215,7 +215,7 @@ TEST_F(CheckFormatParam, SectorsPerClusterBecomeOneBesideAnyOtherSectorSize) {
     }
 }
 
-TEST_F(CheckFormatParam, KeepsGivenSectorsPerCluster) {
+TEST_F(CheckFormatParam, GivenSectorsPerClusterStay) {
     for (const uint32_t sectors : {1U, 2U, 4U, 8U, 16U, 32U, 64U}) {
         set_cluster(sectors, 512);
         accept();
@@ -229,7 +229,7 @@ TEST_F(CheckFormatParam, PageSizeNotGivenIsReplaced) {
     EXPECT_EQ(param.page_size, 4096U);
 }
 
-TEST_F(CheckFormatParam, GivenPageSizeStaysZeroIncluded) {
+TEST_F(CheckFormatParam, GivenPageSizeStaysEvenIfZero) {
     fat_page_size_given = 1;
     for (const uint32_t page_size : {0U, 2048U, 4096U, 8192U}) {
         param.page_size = page_size;
@@ -238,7 +238,7 @@ TEST_F(CheckFormatParam, GivenPageSizeStaysZeroIncluded) {
     }
 }
 
-TEST_F(CheckFormatParam, Fat32AreasReplaceWhatTheRequestHeld) {
+TEST_F(CheckFormatParam, Fat32AreasReplaceThoseOfTheRequest) {
     param.fat_size = 32;
     param.root_entries = 1000;
     param.nr_rsvd_sec = 1000;
@@ -270,7 +270,7 @@ TEST_F(CheckFormatParam, EmptyLabelBecomesElevenBlanks) {
     EXPECT_EQ(std::memcmp(param.volume_label, "           ", sizeof param.volume_label), 0);
 }
 
-TEST_F(CheckFormatParam, KeepsALabelAsItIs) {
+TEST_F(CheckFormatParam, LabelIsNotChanged) {
     std::memcpy(param.volume_label, "a\0b", 4);
     const std::string label(param.volume_label, sizeof param.volume_label);
     accept();

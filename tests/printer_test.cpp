@@ -309,7 +309,7 @@ TEST(TestOentry, TellsTheOpenedParentOfAFirstLevelDirectory) {
     const int id = v.open_new("SUB        ", {5}, 0, DIRECTORY);
     ASSERT_EQ(fat_set_current(id), id);
     {
-        const diagnostics said;
+        const diagnostics messages;
         ASSERT_EQ(fat_open(".."), 2);
     }
     EXPECT_EQ(to_output([] { test_oentry(0, 2); }),

@@ -1,5 +1,5 @@
-// Sectors read together. Whatever comes of such a transfer, a walk finds and says what it does when
-// every sector is read on its own, and sees what the same call has written.
+// Sectors read together. Whatever the result of such a transfer, a walk returns and prints the same
+// as with single-sector reads, and sees the writes of its own call.
 
 #include "tests/support/capture.h"
 #include "tests/support/every_fault.h"
@@ -24,7 +24,7 @@ constexpr togetherness EVERY_ANSWER[] = {togetherness::WHOLE, togetherness::NOTH
                                          togetherness::GARBAGE_AND_FAILURE};
 togetherness answer_now = togetherness::WHOLE;
 fat_sector_io read_well = nullptr;
-int refused = 0; // transfers of several sectors that did not come whole
+int refused = 0; // incomplete transfers of several sectors
 
 int read_in_part(void *buf, u64 sector, u32 count) {
     if (count == 1 || answer_now == togetherness::WHOLE) {
@@ -39,21 +39,21 @@ int read_in_part(void *buf, u64 sector, u32 count) {
     case togetherness::GARBAGE_AND_FAILURE:
         std::memset(buf, 0x5A, std::size_t{count} * sv->sector_size);
         report_at("file_read_sectors", __LINE__,
-                  "Check here!\n\n"); // nobody has asked for them yet
+                  "Check here!\n\n"); // not requested yet
         return -EIO;
     default:
         return 0;
     }
 }
 
-// A result and what was said with it.
+// A result and its messages.
 struct answer {
     std::int64_t result;
-    std::string said;
+    std::string messages;
     bool operator==(const answer &) const = default;
 };
 std::ostream &operator<<(std::ostream &out, const answer &a) {
-    return out << a.result << ", \"" << a.said << "\"";
+    return out << a.result << ", \"" << a.messages << "\"";
 }
 
 class ReadAhead : public testing::TestWithParam<volume_shape> {
@@ -68,7 +68,7 @@ protected:
     static u32 per_fat_sector() {
         return sv->sector_size / (sv->fat_type / 8);
     }
-    // Clusters side by side that take `fat_sectors` sectors of the FAT, and one more elsewhere.
+    // Contiguous clusters that take `fat_sectors` sectors of the FAT, and one more elsewhere.
     std::vector<u32> straight_chain(u32 fat_sectors) {
         std::vector<u32> clusters(std::size_t{fat_sectors} * per_fat_sector() - 5);
         std::iota(clusters.begin(), clusters.end(), 5U);
@@ -77,17 +77,17 @@ protected:
         return clusters;
     }
     answer heard(std::int64_t result) {
-        const answer a{result, said.text()};
-        said.clear();
+        const answer a{result, messages.text()};
+        messages.clear();
         return a;
     }
-    // The sector of cluster `links` links behind the first, by the library and by the model.
-    answer place(u32 links) {
+    // The sector of the cluster `links` links after the first, by the library and by the model.
+    answer found_sector(u32 links) {
         u32 sector = 0;
         const int result = get_phy_sector(5, links * sv->sec_per_clus, &sector);
         return heard(result < 0 ? result : std::int64_t{sector});
     }
-    answer expected_place(u32 links) {
+    answer expected_sector(u32 links) {
         auto volume = reference_of<model::chains>(&v.disk);
         u32 sector = 0;
         const int result = volume.locate(5, links * sv->sec_per_clus, &sector);
@@ -99,7 +99,7 @@ protected:
     }
 
     volume v{GetParam()};
-    diagnostics said;
+    diagnostics messages;
 };
 std::vector<volume_shape> walked_shapes() {
     return {{.fat_type = 16},
@@ -120,18 +120,18 @@ TEST_P(ReadAhead, BadFatSectorMattersOnlyWhenTheChainLeadsThroughIt) {
         for (u32 bad = 0; bad < 13; bad++) {
             v.disk.bad_sectors = {sv->fat_start + bad};
             for (u32 links = 1; links < clusters.size(); links += per_fat_sector() / 2) {
-                ASSERT_EQ(place(links), expected_place(links))
+                ASSERT_EQ(found_sector(links), expected_sector(links))
                     << "bad " << bad << ", links " << links;
             }
             const u32 all = static_cast<u32>(clusters.size()) - 1;
-            ASSERT_EQ(place(all), expected_place(all)) << "bad " << bad;
+            ASSERT_EQ(found_sector(all), expected_sector(all)) << "bad " << bad;
         }
     }
     EXPECT_TRUE(has_read_together());
     EXPECT_GT(refused, 0);
 }
 
-TEST_P(ReadAhead, SearchForAFreeClusterStopsAtABadFatSectorOnlyWhenItGetsThere) {
+TEST_P(ReadAhead, SearchForAFreeClusterStopsAtABadFatSectorOnlyWhenItReachesIt) {
     const u32 last = 13 * per_fat_sector() - 1;
     for (u32 cluster = 2; cluster <= last; cluster++) {
         v.set_link(cluster, volume::end_mark());
@@ -152,7 +152,7 @@ TEST_P(ReadAhead, SearchForAFreeClusterStopsAtABadFatSectorOnlyWhenItGetsThere) 
     }
 }
 
-TEST_P(ReadAhead, NothingBehindTheFatIsRead) {
+TEST_P(ReadAhead, NothingPastTheFatIsRead) {
     for (u32 cluster = 2; cluster <= volume::last_cluster(); cluster++) {
         v.set_link(cluster, volume::end_mark());
     }
@@ -168,20 +168,20 @@ TEST_P(ReadAhead, NothingBehindTheFatIsRead) {
 TEST_P(ReadAhead, FatOfAWrongSizeIsFollowedAllTheSame) {
     const std::vector<u32> clusters = straight_chain(13);
     const u32 all = static_cast<u32>(clusters.size()) - 1;
-    const answer expected = expected_place(all);
+    const answer expected = expected_sector(all);
     for (const u32 size : {0U, 1U, 7U, 0xFFFFFFFFU}) {
         sv->fat_size = size;
-        ASSERT_EQ(place(all), expected) << size << " sectors";
+        ASSERT_EQ(found_sector(all), expected) << size << " sectors";
     }
     sv->fat_size = 0xFFFFFFFF;
     sv->vol_size = u64{sv->fat_start + 13} * sv->sector_size;
-    ASSERT_EQ(place(all), expected);
+    ASSERT_EQ(found_sector(all), expected);
 }
 
 TEST_P(ReadAhead, LongerWindowsAreNotNeeded) {
     const std::vector<u32> clusters = straight_chain(13);
     const u32 all = static_cast<u32>(clusters.size()) - 1;
-    const answer expected = expected_place(all);
+    const answer expected = expected_sector(all);
     const answer no_window = {-EINVAL, "fat_read_entry[N]: cannot allocate FAT\n\n"
                                        "get_phy_sector[N]: invalid value -12\n"};
     at_every_fault({EVERY_ALLOCATION, NO_ALLOCATION_FROM}, [&](fault_step &step) {
@@ -204,22 +204,22 @@ TEST_P(ReadAhead, WindowHolds64KiBAtMostAndOneSectorForAShortWalk) {
     }
     const allocation_meter meter;
     EXPECT_EQ(fat_free_clus(2, volume::last_cluster()), -ENOENT);
-    EXPECT_LE(meter.peak_bytes(), (64U + 32U) * 1024); // the old window goes when the new is there
+    EXPECT_LE(meter.peak_bytes(), (64U + 32U) * 1024); // the old window is freed after the new one
     EXPECT_EQ(meter.live_blocks(), 0);
     for (const transfer &t : v.disk.log) {
         EXPECT_LE(t.count, 65536 / sv->sector_size);
     }
 }
 
-// A medium that fails with several sectors is not asked for those again: it may take its time.
-TEST_P(ReadAhead, SectorsThatDoNotComeTogetherAreAskedForOnce) {
+// A failed transfer of several sectors is not repeated: the medium may be slow to fail.
+TEST_P(ReadAhead, SectorsThatCannotBeReadTogetherAreRequestedOnce) {
     const u32 all = static_cast<u32>(straight_chain(13).size()) - 1;
     answer_now = togetherness::GARBAGE_AND_FAILURE;
-    EXPECT_GT(place(all).result, 0);
+    EXPECT_GT(found_sector(all).result, 0);
     EXPECT_LE(refused, 3);
 }
 
-TEST(CircleGuard, PassesAStretchOfClustersAsItPassesThemOneByOne) {
+TEST(CycleGuard, PassesAnExtentAsItPassesSingleClusters) {
     for (u32 seed = 1; seed <= 2000; seed++) {
         std::mt19937 random(seed);
         cycle_detector by_stretches;
@@ -240,8 +240,8 @@ TEST(CircleGuard, PassesAStretchOfClustersAsItPassesThemOneByOne) {
 
 // ---- what the same call has changed -----------------------------------------------------------
 
-// A chain through many FAT sectors that comes back to a cluster which its release has freed, in a
-// sector that was read together with others: the free entry is what ends the release.
+// A chain through many FAT sectors that returns to a cluster already freed by its release, in a
+// sector that was read together with others: the free entry ends the release.
 TEST_P(ReadAhead, ReleaseSeesWhatItFreedInSectorsReadBefore) {
     for (u32 back_to = 8; back_to < 12; back_to++) {
         const std::vector<u32> clusters = straight_chain(13);
@@ -259,9 +259,9 @@ TEST_P(ReadAhead, ReleaseSeesWhatItFreedInSectorsReadBefore) {
     }
 }
 
-// A chain that goes through many FAT sectors and then back to other clusters in some of them: what
-// was changed there before must not be written away.
-TEST_P(ReadAhead, ReleaseKeepsItsEarlierChangesOfASectorThatItComesBackTo) {
+// A chain through many FAT sectors that then returns to other clusters in some of them: the earlier
+// changes of these sectors must not be overwritten.
+TEST_P(ReadAhead, ReleaseKeepsItsEarlierChangesOfASectorThatItReachesAgain) {
     std::vector<u32> clusters = straight_chain(13);
     clusters.pop_back();
     std::vector<u32> left_out;
@@ -283,9 +283,9 @@ TEST_P(ReadAhead, ReleaseKeepsItsEarlierChangesOfASectorThatItComesBackTo) {
     }
 }
 
-// The second write of an allocation fails although its sector reaches the medium. Taking back the
-// link begins with what stands there now.
-TEST_P(ReadAhead, UndoLooksAgainAtASectorWhoseWriteFailed) {
+// The second write of an allocation fails although its sector reaches the medium. The undo of the
+// link starts with the current content of the sector.
+TEST_P(ReadAhead, UndoReadsASectorWhoseWriteFailedAgain) {
     v.chain({5});
     oentry file = {};
     file.start = file.last = 5;
@@ -301,7 +301,7 @@ TEST_P(ReadAhead, UndoLooksAgainAtASectorWhoseWriteFailed) {
     EXPECT_EQ(v.link(6), volume::end_mark());
 }
 
-// Allocations that go through many FAT sectors, wrap around and come to those sectors again.
+// Allocations that go through many FAT sectors, wrap around and reach those sectors again.
 TEST_P(ReadAhead, AllocationsSeeTheirOwnChangesAfterTheWrap) {
     for (u32 cluster = 2; cluster <= volume::last_cluster(); cluster++) {
         v.set_link(cluster, volume::end_mark());
@@ -336,7 +336,7 @@ namespace {
 
 class ReadAheadInADirectory : public ReadAhead {
 protected:
-    // Every entry but those of one sector is deleted; the name is in sector `home`.
+    // All entries are deleted except those of one sector; the name is in sector `home`.
     void put_name(const directory &dir, u32 home) {
         for (u32 i = 0; i < dir.capacity(); i++) {
             v.disk.poke(dir.offset_of(i), {0xE5});
@@ -376,7 +376,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 } // namespace
 
-TEST_P(ReadAheadInADirectory, BadSectorMattersOnlyWhenTheLookupGetsThere) {
+TEST_P(ReadAheadInADirectory, BadSectorMattersOnlyWhenTheLookupReachesIt) {
     const directory dir = v.sub_directory({5, 6, 7, 20, 9});
     for (const togetherness how : EVERY_ANSWER) {
         answer_now = how;
@@ -387,24 +387,24 @@ TEST_P(ReadAheadInADirectory, BadSectorMattersOnlyWhenTheLookupGetsThere) {
     EXPECT_GT(refused, 0);
 }
 
-// A transfer of one sector that moves nothing is no failure of a lookup, which takes it for the
-// sector before once more: neither for what lies there, nor for the end of the directory.
-TEST_P(ReadAheadInADirectory, SectorThatDoesNotComeIsPassedOverByALookup) {
+// Intentional: a transfer of one sector that moves nothing is not an error of a lookup. The lookup
+// uses the previous sector again, neither the sector's own content nor the end of the directory.
+TEST_P(ReadAheadInADirectory, MissingSectorIsSkippedByALookup) {
     const directory dir = v.sub_directory({5, 6, 7});
     const u32 per_sector = volume::entries_per_sector();
     for (u32 missing = 1; missing + 1 < dir.sectors.size(); missing++) {
         put_name(dir, missing);
-        const u32 behind = (missing + 1) * per_sector;
+        const u32 after = (missing + 1) * per_sector;
         const entry_image entry = short_entry("HERE       ");
-        v.disk.poke(dir.offset_of(behind), {entry.begin(), entry.end()});
+        v.disk.poke(dir.offset_of(after), {entry.begin(), entry.end()});
         v.disk.failure_result = 0;
         v.disk.bad_sectors = {dir.sectors[missing]};
-        ASSERT_EQ(look_up(5).result, behind);
+        ASSERT_EQ(look_up(5).result, after);
         v.disk.bad_sectors.clear();
     }
 }
 
-TEST_P(ReadAheadInADirectory, SectorThatDoesNotComeIsUnusedToAWalkOverAnOpenDirectory) {
+TEST_P(ReadAheadInADirectory, MissingSectorIsUnusedToAWalkOverAnOpenDirectory) {
     directory dir = v.sub_directory({5, 6, 7});
     for (u32 home = 1; home < dir.sectors.size(); home++) {
         put_name(dir, home);
@@ -430,7 +430,7 @@ TEST_P(ReadAheadInADirectory, LongerWindowsAreNotNeeded) {
     });
 }
 
-TEST_P(ReadAheadInADirectory, NoTransferLeavesTheStretchOfTheDirectory) {
+TEST_P(ReadAheadInADirectory, NoTransferLeavesTheExtentOfTheDirectory) {
     const directory dir = v.sub_directory({5, 6, 20, 21, 9});
     put_name(dir, static_cast<u32>(dir.sectors.size()) - 1);
     const std::set<u64> own(dir.sectors.begin(), dir.sectors.end());

@@ -73,7 +73,7 @@ struct row {
     const char *text; // of the call
     std::int64_t (*call)(arguments &a);
     std::int64_t result;
-    const char *said;     // "@" stands for the name of the call and its line
+    const char *messages; // "@" stands for the name of the call and its line
     const char *out = ""; // on standard output
 };
 
@@ -518,7 +518,7 @@ private:
             peak = meter.peak_bytes();
         });
         EXPECT_EQ(result, r.result) << bad;
-        EXPECT_EQ(printed.said, said_by(r, bad));
+        EXPECT_EQ(printed.messages, said_by(r, bad));
         EXPECT_EQ(printed.out, r.out);
         if (with_memory) {
             EXPECT_EQ(error, (r.when & STORES) != 0 ? -result : UNTOUCHED_ERRNO);
@@ -534,7 +534,7 @@ private:
     }
     static std::string said_by(const row &r, int bad) {
         const std::string call(r.text, std::strcspn(r.text, "("));
-        std::string result = r.said;
+        std::string result = r.messages;
         for (std::size_t at = result.find('@'); at != std::string::npos; at = result.find('@')) {
             result.replace(at, 1, call + "[N]");
         }

@@ -26,7 +26,7 @@ protected:
         v->chain({20});
         free_before = v->count_free();
         others = v->disk.peek(v->top.offset_of(0), 512);
-        said.clear();
+        messages.clear();
     }
 
     // Removes the entry with that index; `clusters` become free by that.
@@ -62,7 +62,7 @@ protected:
 
     const fault_kind kind = std::get<0>(GetParam()).kind;
     std::unique_ptr<mounted> v;
-    diagnostics said;
+    diagnostics messages;
     u32 free_before = 0;
     bytes others;
 };

@@ -285,7 +285,7 @@ TEST_F(RemovePath, EachPathIsRefusedByBothCalls) {
     const struct {
         std::string path;
         int result;
-        std::string said;
+        std::string messages;
     } rows[] = {
         {std::string(261, 'a'), -ENAMETOOLONG, too_long},
         {std::string(1000, '/'), -ENAMETOOLONG, too_long},
@@ -450,7 +450,7 @@ TEST_F(IsEmptyDirectory, FirstTwoEntriesAreNotLookedAt) {
     EXPECT_EQ(is_empty_dir(&dir.record), 1);
     dir.put(2, short_entry("FILE       "));
     EXPECT_EQ(is_empty_dir(&dir.record), -ENOTEMPTY);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_F(IsEmptyDirectory, DirectoryWithoutEntriesBehindTheDotsGivesZero) {

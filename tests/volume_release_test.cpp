@@ -1,4 +1,4 @@
-// The end of a volume: what is closed and freed, and cutting an image behind its last cluster.
+// Closing a volume: closed descriptors, freed memory, and cutting an image after its last cluster.
 
 #include "tests/support/every_fault.h"
 #include "tests/support/rows.h"
@@ -45,7 +45,7 @@ int counting_read(void *buf, u64 sector, u32 count) {
     return file_read_sectors(buf, sector, count);
 }
 
-// What every release starts from: a small FAT16 volume whose geometry is set by hand.
+// The volume of every case: a small FAT16 volume with hand-made geometry.
 //
 //   sector 0      boot sector, left zero
 //   sectors 1-2   the FAT, 256 entries in each sector
@@ -103,7 +103,7 @@ protected:
         EXPECT_TRUE(no_entry_is_open());
     }
 
-    // The volume survived a failed compaction: open, without open entries, at its full length.
+    // Checks the volume after a failed compaction: open, without open entries, at its full length.
     void expect_still_open(u64 full_length) {
         ASSERT_NE(sv, nullptr);
         EXPECT_EQ(left_open(), std::vector<int>{sv->fd});
@@ -129,7 +129,7 @@ TEST_F(VolumeRelease, ClosesTheTargetAndForgetsTheRecord) {
     const int result = fat_close_volume(0);
     EXPECT_EQ(out.stop(), "");
     EXPECT_EQ(result, 0);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     EXPECT_EQ(length(), full_length);
     expect_closed();
 }
@@ -142,10 +142,10 @@ TEST_F(VolumeRelease, OnlyCompactOneCutsTheImage) {
         EXPECT_EQ(length(), full_length) << compact;
         expect_closed();
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
-TEST_F(VolumeRelease, FreesTheRecordAndAnySlotWhateverTheMapSays) {
+TEST_F(VolumeRelease, FreesTheRecordAndAnySlotRegardlessOfTheMap) {
     for (const auto &[id, is_in_map] : {std::pair{0U, true}, {511U, true}, {9U, false}}) {
         const allocation_meter meter;
         open_image(20, 0);
@@ -162,7 +162,7 @@ TEST_F(VolumeRelease, FreesTheRecordAndAnySlotWhateverTheMapSays) {
     put_entry(3, make_entry(true));
     EXPECT_EQ(fat_release_volume(0), 0); // without a volume
     EXPECT_EQ(meter.live_blocks(), 0);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     expect_closed();
 }
 
@@ -180,12 +180,12 @@ TEST_F(VolumeRelease, FreesEveryOpenEntry) {
     expect_closed();
 }
 
-// Nothing is known then of what the image holds; by the sums it would be cut to nothing.
+// The content of the image is then not known; the calculation would cut it to nothing.
 TEST_F(VolumeRelease, AnImageThatWasNeverMountedIsNotCut) {
     const std::string unknown = scratch.sparse_file("disk.img", 100000);
     ASSERT_GE(fat_open_volume(unknown.c_str(), 0, 0), 0);
     EXPECT_EQ(fat_close_volume(1), -EINVAL);
-    EXPECT_EQ(said.text(), "fat_release_volume[N]: Check here!\n\n");
+    EXPECT_EQ(messages.text(), "fat_release_volume[N]: Check here!\n\n");
     EXPECT_EQ(std::filesystem::file_size(unknown), 100000U);
     ASSERT_NE(sv, nullptr);
     EXPECT_EQ(fat_close_volume(0), 0);
@@ -210,7 +210,7 @@ TEST_F(VolumeRelease, AFailingCloseChangesNothing) {
     const failing_call fault(call::close, EIO);
     EXPECT_EQ(fat_close_volume(0), 0);
     EXPECT_TRUE(fault.struck());
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     EXPECT_EQ(sv, nullptr);
 }
 
@@ -251,7 +251,7 @@ const cut_row CUTS[] = {
     {"ClusterTwoAlone", 20, 2, {{2, 0xFFFF}}, 2},
     {"ClusterTwoFromAHintOfOne", 20, 1, {{2, 0xFFFF}}, 2},
     {"HighestClusterInUse", 20, 2, {{4, 0xFFFF}, {5, 9}, {9, 0xFFF8}, {12, 0xFFFF}}, 12},
-    // The hint counts as in use, whatever its FAT entry says.
+    // The hint counts as allocated, whatever its FAT entry is.
     {"HintWithNothingInUseAfterIt", 20, 7, {}, 7},
     {"ClusterBelowTheCount", 20, 2, {{19, 0xFFFF}}, 19},
     {"TwoHighestClustersAreNotChecked", 20, 2, {{5, 20}, {20, 21}, {21, 0xFFFF}}, 5},
@@ -278,12 +278,12 @@ TEST_P(CompactionCuts, AfterTheLastClusterOfTheRow) {
         link(cluster, value);
     }
     EXPECT_EQ(fat_close_volume(1), 0);
-    EXPECT_EQ(said.text(), heading(row.hint, row.clusters));
+    EXPECT_EQ(messages.text(), heading(row.hint, row.clusters));
     EXPECT_EQ(length(), end_of(row.last_left));
     expect_closed();
 }
 
-TEST_F(Compaction, KeepsTheBytesInFrontOfTheCut) {
+TEST_F(Compaction, KeepsTheBytesBeforeTheCut) {
     open_image(20, 2);
     link(6, 0xFFFF);
     const bytes mark(SECTOR, 0xA5);
@@ -294,14 +294,14 @@ TEST_F(Compaction, KeepsTheBytesInFrontOfTheCut) {
     EXPECT_EQ(read_file(path), before);
 }
 
-TEST_F(Compaction, ReadsNothingWhenTheHintIsTheLastClusterItWouldLookAt) {
+TEST_F(Compaction, ReadsNothingWhenTheHintIsTheLastClusterToCheck) {
     for (const u32 hint : {19U, 20U, 21U, 22U}) {
         open_image(20, hint);
         read_sectors = stubborn_read;
         stubborn_result = -EIO;
-        said.clear();
+        messages.clear();
         EXPECT_EQ(fat_close_volume(1), 0);
-        EXPECT_EQ(said.text(), heading(hint, 20));
+        EXPECT_EQ(messages.text(), heading(hint, 20));
         EXPECT_EQ(length(), end_of(hint));
     }
 }
@@ -317,20 +317,20 @@ TEST_F(Compaction, ReadsAtMostOneSectorForEachCluster) {
 
 TEST_F(Compaction, EachProductHas32BitsAndTheirSumHas64) {
     open_image(20, 0x00400001);
-    sv->num_clusters = 0; // nothing is looked at
+    sv->num_clusters = 0; // nothing is read
     sv->sec_per_clus = 3;
     sv->data_start = 0x00FFFFFF;
     // 0x400000 x 3 x 512 = 0x180000000, cut to 0x80000000; 0xFFFFFF x 512 = 0x1FFFFFE00, cut to
     // 0xFFFFFE00; together more than 32 bits hold.
     EXPECT_EQ(fat_close_volume(1), 0);
-    EXPECT_EQ(said.text(), heading(0x00400001, 0));
+    EXPECT_EQ(messages.text(), heading(0x00400001, 0));
     EXPECT_EQ(length(), 0x17FFFFE00U);
 }
 
 TEST_F(Compaction, AHintOfZeroInATinyVolumeCountsBackFrom4GiB) {
     open_image(1, 0);
     EXPECT_EQ(fat_close_volume(1), 0);
-    EXPECT_EQ(said.text(), heading(0, 1));
+    EXPECT_EQ(messages.text(), heading(0, 1));
     EXPECT_EQ(length(), (1ULL << 32) - CLUSTER_SECTORS * SECTOR + DATA_START * SECTOR);
 }
 
@@ -365,8 +365,8 @@ TEST_F(Compaction, AHintOfZeroStopsAtClusterOne) {
     open_image(20, 0);
     const u64 full_length = length();
     EXPECT_EQ(fat_close_volume(1), -EINVAL);
-    EXPECT_EQ(said.text(), heading(0, 20) + "fat_read_clus[N]: Invalid arg!\n\n"
-                                            "fat_release_volume[N]: Invalid cluster value\n\n");
+    EXPECT_EQ(messages.text(), heading(0, 20) + "fat_read_clus[N]: Invalid arg!\n\n"
+                                                "fat_release_volume[N]: Invalid cluster value\n\n");
     EXPECT_EQ(sv->last_alloc_clus, 0U);
     expect_still_open(full_length);
 }
@@ -383,10 +383,11 @@ TEST_F(Compaction, ABrokenEntryStopsIt) {
         link(4, 0xFFFF);
         link(9, cluster == 7 ? 0xFFFF : 0); // not reached
         link(cluster, value);
-        said.clear();
+        messages.clear();
         EXPECT_EQ(fat_close_volume(1), -EINVAL);
-        EXPECT_EQ(said.text(), heading(2, 20) + "fat_read_clus[N]: Invalid cluster!\n\n"
-                                                "fat_release_volume[N]: Invalid cluster value\n\n");
+        EXPECT_EQ(messages.text(), heading(2, 20) +
+                                       "fat_read_clus[N]: Invalid cluster!\n\n"
+                                       "fat_release_volume[N]: Invalid cluster value\n\n");
         EXPECT_EQ(sv->last_alloc_clus, 4U) << "clusters seen before the broken one";
         expect_still_open(full_length);
         EXPECT_EQ(fat_close_volume(0), 0);
@@ -400,9 +401,9 @@ TEST_F(Compaction, ARepairedEntryLetsTheNextTryThrough) {
     link(7, 1);
     EXPECT_EQ(fat_close_volume(1), -EINVAL);
     link(7, 0);
-    said.clear();
+    messages.clear();
     EXPECT_EQ(fat_close_volume(1), 0);
-    EXPECT_EQ(said.text(), heading(4, 20));
+    EXPECT_EQ(messages.text(), heading(4, 20));
     EXPECT_EQ(length(), end_of(4));
 }
 
@@ -413,10 +414,11 @@ TEST_F(Compaction, AFatThatCannotBeReadStopsIt) {
         put_entry(1, make_entry(true));
         read_sectors = stubborn_read;
         stubborn_result = result;
-        said.clear();
+        messages.clear();
         EXPECT_EQ(fat_close_volume(1), -EIO);
-        EXPECT_EQ(said.text(), heading(2, 20) + "fat_read_entry[N]: cannot read FAT\n\n"
-                                                "fat_release_volume[N]: Invalid cluster value\n\n");
+        EXPECT_EQ(messages.text(), heading(2, 20) +
+                                       "fat_read_entry[N]: cannot read FAT\n\n"
+                                       "fat_release_volume[N]: Invalid cluster value\n\n");
         expect_still_open(full_length);
         EXPECT_EQ(fat_close_volume(0), 0);
     }
@@ -428,12 +430,12 @@ TEST_F(Compaction, StopsAtWhicheverReadOrAllocationFails) {
         open_image(300, 2);
         link(290, 0xFFFF);
         const u64 full_length = length();
-        said.clear();
+        messages.clear();
         const int result = step.run([] { return fat_close_volume(1); });
         if (step.struck()) {
             const bool is_read = step.is(fault::system_call);
             EXPECT_EQ(result, is_read ? -EIO : -ENOMEM);
-            EXPECT_EQ(said.text(),
+            EXPECT_EQ(messages.text(),
                       heading(2, 300) +
                           (is_read ? "file_read_sectors[N]: Check here!: Input/output error\n\n"
                                      "fat_read_entry[N]: cannot read FAT\n\n"
@@ -462,7 +464,7 @@ TEST_F(Compaction, AnImageThatCannotBeCutIsReleasedAllTheSame) {
     const failing_call fault(call::truncate, EIO);
     EXPECT_EQ(fat_close_volume(1), -1);
     EXPECT_TRUE(fault.struck());
-    EXPECT_EQ(said.text(),
+    EXPECT_EQ(messages.text(),
               heading(2, 20) +
                   "fat_release_volume[N]: fail to truncate resulting image:Input/output error\n");
     EXPECT_EQ(length(), full_length);
@@ -470,13 +472,13 @@ TEST_F(Compaction, AnImageThatCannotBeCutIsReleasedAllTheSame) {
     expect_closed();
 }
 
-TEST_F(Compaction, TellsWhyTheImageCannotBeCut) {
+TEST_F(Compaction, ReportsWhyTheImageCannotBeCut) {
     open_image(20, 2);
     std::filesystem::remove(path);
     EXPECT_EQ(fat_close_volume(1), -1);
     const std::string failure = "fat_release_volume[N]: fail to truncate resulting image:"
                                 "No such file or directory\n";
-    EXPECT_EQ(said.text(), heading(2, 20) + failure);
+    EXPECT_EQ(messages.text(), heading(2, 20) + failure);
     expect_closed();
 }
 
@@ -494,28 +496,28 @@ protected:
         ASSERT_GE(fat_open_volume(path.c_str(), 0, 0), 0);
         ASSERT_GT(fat_format(&param), 0);
         ASSERT_EQ(sv->fat_type, fat_size);
-        ASSERT_EQ(said.text(), "");
+        ASSERT_EQ(messages.text(), "");
     }
 };
 
-TEST_F(FreshVolume, Fat32IsCutBehindItsRootCluster) {
+TEST_F(FreshVolume, Fat32IsCutAfterItsRootCluster) {
     format(32, 40 << 20);
     const u32 clusters = sv->num_clusters;
     const u64 data_start = sv->data_start;
     EXPECT_EQ(sv->last_alloc_clus, 2U);
     EXPECT_EQ(fat_close_volume(1), 0);
-    EXPECT_EQ(said.text(), heading(2, clusters));
+    EXPECT_EQ(messages.text(), heading(2, clusters));
     EXPECT_EQ(length(), (data_start + 1) * SECTOR);
     expect_closed();
 }
 
-TEST_F(FreshVolume, Fat16HasNoAllocatedClusterToCutBehind) {
+TEST_F(FreshVolume, Fat16HasNoAllocatedClusterToCutAfter) {
     format(16, 8 << 20);
     const u32 clusters = sv->num_clusters;
     EXPECT_EQ(sv->last_alloc_clus, 0U);
     EXPECT_EQ(fat_close_volume(1), -EINVAL);
     const std::string failure = "fat_read_clus[N]: Invalid arg!\n\n"
                                 "fat_release_volume[N]: Invalid cluster value\n\n";
-    EXPECT_EQ(said.text(), heading(0, clusters) + failure);
+    EXPECT_EQ(messages.text(), heading(0, clusters) + failure);
     expect_still_open(8 << 20);
 }

@@ -16,7 +16,7 @@ namespace {
 
 constexpr u64 GIB = 1ULL << 30;
 
-// Whether the transfers are the ones that work on the descriptor of the volume.
+// Whether the transfers are those for the descriptor of the volume.
 bool transfers_reach_the_file() {
     return read_sectors == file_read_sectors && write_sectors == file_write_sectors;
 }
@@ -49,7 +49,7 @@ bytes part(const bytes &content, std::size_t offset, std::size_t size) {
 
 // ---- the record -------------------------------------------------------------------------------
 
-TEST(FatSuper, FieldsStandInTheirOrder) {
+TEST(FatSuper, FieldsAreInTheirOrder) {
     const std::size_t offsets[] = {
         offsetof(fat_super, fd),
         offsetof(fat_super, vol_size),
@@ -87,7 +87,7 @@ TEST(FatSuper, FieldsStandInTheirOrder) {
 
 class OpenVolume : public volume_test {
 protected:
-    // A refusal that opens nothing, keeps nothing and leaves the process's state as it was.
+    // Checks a refusal that opens nothing, allocates nothing and does not change the process.
     void expect_nothing_happened() {
         EXPECT_EQ(sv, nullptr);
         EXPECT_TRUE(left_open().empty());
@@ -98,7 +98,7 @@ TEST_F(OpenVolume, GivesTheDescriptorOfARegularFileOfAnySize) {
     for (const u64 size : {u64{1}, u64{123457}, 5 * GIB + 1}) {
         const std::string path = scratch.sparse_file("image", size);
         const int fd = fat_open_volume(path.c_str(), 1, 0);
-        EXPECT_EQ(said.text(), "");
+        EXPECT_EQ(messages.text(), "");
         ASSERT_NE(sv, nullptr);
         EXPECT_EQ(left_open(), std::vector<int>{fd});
         EXPECT_EQ(fcntl(fd, F_GETFL) & O_ACCMODE, O_RDWR);
@@ -161,8 +161,8 @@ struct refused_target : named_row {
     std::string (*path)(const scratch_directory &scratch);
     int mode;
     int result;
-    const char *said;
-    bool sets_transfers; // they are set once path and mode are accepted
+    const char *messages;
+    bool sets_transfers; // transfers are set after path and mode are accepted
     std::size_t left_open;
 };
 using dir = const scratch_directory &;
@@ -230,7 +230,7 @@ TEST_P(OpenVolumeRefuses, WithItsErrorAndMessage) {
     const std::string path = row.path == nullptr ? "" : row.path(scratch);
     EXPECT_EQ(fat_open_volume(row.path == nullptr ? nullptr : path.c_str(), 0, row.mode),
               row.result);
-    EXPECT_EQ(said.text(), row.said);
+    EXPECT_EQ(messages.text(), row.messages);
     EXPECT_TRUE(row.sets_transfers ? transfers_reach_the_file() : transfers_are_unset());
     EXPECT_EQ(sv, nullptr);
     EXPECT_EQ(left_open().size(), row.left_open);
@@ -240,17 +240,17 @@ TEST_F(OpenVolume, AcceptsAPathOf4095Bytes) {
     const std::string path = padded_path(scratch.sparse_file("image", 4096), 4095);
     ASSERT_EQ(path.size(), 4095U);
     ASSERT_GE(fat_open_volume(path.c_str(), 0, 0), 0);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     EXPECT_EQ(std::string(sv->dev_path), path);
 }
 
 TEST_F(OpenVolume, ReturnsTheErrorOfAnyFailedOpen) {
     const std::string path = scratch.sparse_file("image", 4096);
     for (const int error : {EACCES, EROFS, EMFILE, EBUSY}) {
-        said.clear();
+        messages.clear();
         const failing_call fault(call::open, error);
         EXPECT_EQ(fat_open_volume(path.c_str(), 0, 0), -error);
-        EXPECT_EQ(said.text(), "fat_init_volume[N]: Check here: " + name_of(error) + "\n\n");
+        EXPECT_EQ(messages.text(), "fat_init_volume[N]: Check here: " + name_of(error) + "\n\n");
     }
     expect_nothing_happened();
 }
@@ -262,11 +262,11 @@ TEST_F(OpenVolume, LeavesTheDescriptorOpenWhenTheTargetCannotBeSized) {
         const std::size_t open_before_it = left_open().size();
         const pretended_device device({.is_block_device = true});
         const failing_call fault(which, EIO);
-        said.clear();
+        messages.clear();
         EXPECT_EQ(fat_open_volume(scratch.sparse_file("image", 4096).c_str(), 0, 0), error);
-        EXPECT_EQ(said.text(), std::string("check_vol_size[N]: ") + message +
-                                   "\nfat_init_volume[N]: Check here: " + std::to_string(error) +
-                                   "\n\n");
+        EXPECT_EQ(messages.text(),
+                  std::string("check_vol_size[N]: ") + message +
+                      "\nfat_init_volume[N]: Check here: " + std::to_string(error) + "\n\n");
         EXPECT_EQ(sv, nullptr);
         EXPECT_EQ(left_open().size(), open_before_it + 1);
     }
@@ -278,7 +278,7 @@ TEST_F(OpenVolume, ClosesTheDescriptorWhenThereIsNoMemoryForTheRecord) {
     const failing_allocation fault(0);
     EXPECT_EQ(fat_open_volume(path.c_str(), 0, 0), -ENOMEM);
     EXPECT_TRUE(fault.struck());
-    EXPECT_EQ(said.text(), "fat_init_volume[N]: cannot allocate volume data structure\n\n");
+    EXPECT_EQ(messages.text(), "fat_init_volume[N]: cannot allocate volume data structure\n\n");
     EXPECT_EQ(meter.live_blocks(), 0);
     expect_nothing_happened();
 }
@@ -317,7 +317,7 @@ TEST_F(OpenVolume, ASecondVolumeReplacesTheFirstWithoutReleasingIt) {
     std::free(first_record);
 }
 
-TEST_F(OpenVolume, AFailureKeepsTheVolumeThatWasOpen) {
+TEST_F(OpenVolume, AFailureLeavesTheOpenVolumeOpen) {
     ASSERT_GE(fat_open_volume(scratch.sparse_file("image", 4096).c_str(), 0, 0), 0);
     fat_super *const record = sv;
     EXPECT_EQ(fat_open_volume(scratch.file("nothing").c_str(), 0, 0), -ENOENT);
@@ -332,22 +332,22 @@ protected:
 
     void expect_refusal(int fd, int error, const std::string &message) {
         u64 size = UNTOUCHED;
-        said.clear();
+        messages.clear();
         EXPECT_EQ(check_vol_size(fd, &size), error);
-        EXPECT_EQ(said.text(), message);
+        EXPECT_EQ(messages.text(), message);
         EXPECT_EQ(size, UNTOUCHED);
     }
 
-    // A block device whose two sizes are as given.
+    // A block device with these two sizes.
     void expect_device(s64 sectors, s64 seek_end, u64 wanted, const std::string &message) {
         const int fd = open(scratch.sparse_file("device", 4096).c_str(), O_RDWR);
         const pretended_device device(
             {.is_block_device = true, .ioctl_sectors = sectors, .seek_end = seek_end});
         u64 size = UNTOUCHED;
-        said.clear();
+        messages.clear();
         EXPECT_EQ(check_vol_size(fd, &size), 0);
         EXPECT_EQ(size, wanted);
-        EXPECT_EQ(said.text(), message);
+        EXPECT_EQ(messages.text(), message);
         close(fd);
     }
 };
@@ -360,10 +360,10 @@ TEST_F(CheckVolSize, ARegularFileIsAsLongAsItIs) {
         EXPECT_EQ(size, length);
         close(fd);
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
-TEST_F(CheckVolSize, RefusesWhatIsNeitherAFileNorABlockDevice) {
+TEST_F(CheckVolSize, RefusesATargetThatIsNeitherAFileNorABlockDevice) {
     int ends[2] = {};
     ASSERT_EQ(pipe(ends), 0);
     for (const int fd : {open(scratch.file("").c_str(), O_RDONLY), open("/dev/zero", O_RDWR),
@@ -372,11 +372,11 @@ TEST_F(CheckVolSize, RefusesWhatIsNeitherAFileNorABlockDevice) {
     }
 }
 
-TEST_F(CheckVolSize, RefusesWhatCannotBeExamined) {
+TEST_F(CheckVolSize, RefusesATargetWithoutAStatus) {
     expect_refusal(-1, -EINVAL, "check_vol_size[N]: - cannot access volume\n");
 }
 
-TEST_F(CheckVolSize, RefusesADeviceThatDoesNotTellItsSize) {
+TEST_F(CheckVolSize, RefusesADeviceThatDoesNotReportItsSize) {
     const int fd = open(scratch.sparse_file("device", 4096).c_str(), O_RDWR);
     const pretended_device device({.is_block_device = true, .seek_end = 4096});
     const failing_call fault(call::ioctl, ENOTTY);
@@ -387,7 +387,7 @@ TEST_F(CheckVolSize, RefusesADeviceThatDoesNotTellItsSize) {
 
 namespace {
 
-// A block device: its sectors by ioctl, its end by seeking, and what comes of them.
+// A block device: its sectors by ioctl, its end by seeking, and the resulting size.
 struct device_row : named_row {
     s64 sectors;
     s64 seek_end;
@@ -395,7 +395,7 @@ struct device_row : named_row {
     u32 shown_sectors;
     u32 shown_bytes; // their product in 32 bits
     bool is_mismatch;
-    u64 found_end; // where the end is searched for; 0: as sought
+    u64 found_end; // end found by the search; 0: the sought end
 };
 
 const device_row DEVICES[] = {
@@ -442,7 +442,7 @@ TEST_F(OpenVolume, TakesTheSmallerSizeOfABlockDevice) {
     const pretended_device device({.is_block_device = true, .ioctl_sectors = 16, .seek_end = 8704});
     ASSERT_GE(fat_open_volume(scratch.sparse_file("device", 8704).c_str(), 0, 0), 0);
     EXPECT_EQ(sv->vol_size, 8192U);
-    EXPECT_EQ(said.text(),
+    EXPECT_EQ(messages.text(),
               "check_vol_size[N]: ioctl(BLKGETSIZE): 16 sectors, 8192 bytes\n"
               "check_vol_size[N]: seek volume: 8704 bytes\n"
               "Warning: mismatch the volume size from ioctl(8192 B) and lseek(8704 B)\n");
@@ -452,17 +452,17 @@ TEST_F(OpenVolume, ADeviceWhoseProductWrapsToNothingIsEmpty) {
     const pretended_device device(
         {.is_block_device = true, .ioctl_sectors = 0x800000, .seek_end = 0x100000200});
     EXPECT_EQ(fat_open_volume(scratch.sparse_file("device", 4096).c_str(), 0, 0), -ENOSPC);
-    EXPECT_EQ(said.text(), "check_vol_size[N]: ioctl(BLKGETSIZE): 8388608 sectors, 0 bytes\n"
-                           "check_vol_size[N]: seek volume: 4294967808 bytes\n"
-                           "Warning: mismatch the volume size from ioctl(0 B) and "
-                           "lseek(4294967808 B)\n"
-                           "fat_init_volume[N]: The size of volume is zero!\n\n");
+    EXPECT_EQ(messages.text(), "check_vol_size[N]: ioctl(BLKGETSIZE): 8388608 sectors, 0 bytes\n"
+                               "check_vol_size[N]: seek volume: 4294967808 bytes\n"
+                               "Warning: mismatch the volume size from ioctl(0 B) and "
+                               "lseek(4294967808 B)\n"
+                               "fat_init_volume[N]: The size of volume is zero!\n\n");
     EXPECT_EQ(left_open().size(), 1U);
 }
 
 class DeviceSize : public volume_test {
 protected:
-    // Size of a file of `length` bytes whose end cannot be sought.
+    // Size of an unseekable file of `length` bytes.
     u64 searched_size(u64 length) {
         const int fd = open(scratch.sparse_file("device", length).c_str(), O_RDONLY);
         const pretended_device device({.seek_end = 0});
@@ -478,12 +478,12 @@ TEST_F(DeviceSize, IsWhereTheEndIsOrWhereASearchFindsIt) {
     const int fd = open(scratch.sparse_file("device", 777).c_str(), O_RDONLY);
     {
         const pretended_device device({.seek_end = 1});
-        EXPECT_EQ(get_device_size(fd), 1U); // an end at one is believed
+        EXPECT_EQ(get_device_size(fd), 1U); // an end of one is accepted
     }
     const failing_call fault(call::lseek, EIO);
     EXPECT_EQ(get_device_size(fd), 777U);
     EXPECT_TRUE(fault.struck());
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_F(DeviceSize, IsFoundByTryingOffsets) {
@@ -495,14 +495,14 @@ TEST_F(DeviceSize, IsFoundByTryingOffsets) {
                              u64{1000003}, 2 * GIB - 1, 2 * GIB + 1, 4 * GIB, 7 * GIB + 12345}) {
         EXPECT_EQ(searched_size(length), length);
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_F(DeviceSize, IsOneByteWhereNothingCanBeSought) {
     int ends[2] = {};
     ASSERT_EQ(pipe(ends), 0);
     EXPECT_EQ(get_device_size(ends[0]), 1U);
-    EXPECT_EQ(said.text(), "valid_offset[N]: Check here!\n\n");
+    EXPECT_EQ(messages.text(), "valid_offset[N]: Check here!\n\n");
 }
 
 TEST_F(DeviceSize, AFailingProbeCountsAsBeyondTheEnd) {
@@ -512,7 +512,7 @@ TEST_F(DeviceSize, AFailingProbeCountsAsBeyondTheEnd) {
     const failing_call fault(call::read, EIO, 6);
     EXPECT_EQ(get_device_size(fd), 64U);
     EXPECT_TRUE(fault.struck());
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_F(DeviceSize, TheSearchEndsOnADeviceWithoutEnd) {
@@ -540,9 +540,9 @@ TEST_F(ValidOffset, IsOneUpToTheLastByte) {
              {wide, 4 * GIB + 99, 1, ""},
              {wide, 4 * GIB + 100, 0, ""},
              {wide, 8 * GIB + 5, 0, ""}}) {
-        said.clear();
+        messages.clear();
         EXPECT_EQ(valid_offset(fd, offset), result) << fd << ", " << offset;
-        EXPECT_EQ(said.text(), message);
+        EXPECT_EQ(messages.text(), message);
     }
 }
 
@@ -559,7 +559,7 @@ TEST_F(ValidOffset, ChangesNothing) {
 
 class SectorTransfer : public volume_test {
 protected:
-    // Opens a volume whose bytes are known; sector size 0 is the unit of an unknown geometry.
+    // Opens a volume with known bytes; sector size 0: the geometry is unknown.
     void open_known(u32 sector_size, std::size_t length = 40960) {
         content = counted_bytes(length);
         path = scratch.file_with("image", content);
@@ -569,15 +569,15 @@ protected:
 
     // Both transfers fail with this result. What reading prints after "Check here!".
     void expect_failures(u8 *data, u64 sector, int result, const std::string &detail = "") {
-        said.clear();
+        messages.clear();
         EXPECT_EQ(file_read_sectors(data, sector, 1), result);
-        EXPECT_EQ(said.text(), "file_read_sectors[N]: Check here!" + detail + "\n\n");
-        said.clear();
+        EXPECT_EQ(messages.text(), "file_read_sectors[N]: Check here!" + detail + "\n\n");
+        messages.clear();
         EXPECT_EQ(file_write_sectors(data, sector, 1), result);
-        EXPECT_EQ(said.text(), "file_write_sectors[N]: Check here!\n\n");
+        EXPECT_EQ(messages.text(), "file_write_sectors[N]: Check here!\n\n");
     }
 
-    // Puts another descriptor in place of the volume's; the old one is closed with the case.
+    // Replaces the descriptor of the volume; the old one is closed with the case.
     static void replace_descriptor(int fd) {
         sv->fd = fd;
     }
@@ -587,7 +587,7 @@ protected:
     bytes buffer = bytes(16384, 0xEE);
 };
 
-// Sector size 0, of an unknown geometry, is a unit of 4096 bytes.
+// Sector size 0 (geometry unknown) is a unit of 4096 bytes.
 TEST_F(SectorTransfer, MovesSectorsOfEverySize) {
     for (const u32 sector_size : {0U, 512U, 1024U, 2048U, 4096U}) {
         open_known(sector_size);
@@ -600,7 +600,7 @@ TEST_F(SectorTransfer, MovesSectorsOfEverySize) {
         EXPECT_EQ(file_write_sectors(buffer.data(), 5, 3), 3);
         std::fill_n(content.begin() + 5 * unit, 3 * unit, 0xEE);
         EXPECT_EQ(read_file(path), content);
-        EXPECT_EQ(said.text(), "");
+        EXPECT_EQ(messages.text(), "");
         fat_close_volume(0);
     }
 }
@@ -614,11 +614,11 @@ TEST_F(SectorTransfer, BeginsAtItsSectorWhereverTheLastOneEnded) {
     EXPECT_EQ(file_write_sectors(bytes(512, 0x11).data(), 0, 1), 1);
     std::fill_n(content.begin(), 512, 0x11);
     buffer.assign(16384, 0xEE);
-    EXPECT_EQ(file_read_sectors(buffer.data(), 1, 0), 0); // none are asked for
+    EXPECT_EQ(file_read_sectors(buffer.data(), 1, 0), 0); // no sector requested
     EXPECT_EQ(file_write_sectors(buffer.data(), 1, 0), 0);
     EXPECT_EQ(buffer, bytes(16384, 0xEE));
     EXPECT_EQ(read_file(path), content);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_F(SectorTransfer, ReachesBeyond4GiBAndSectorNumbersHave64Bits) {
@@ -645,10 +645,10 @@ TEST_F(SectorTransfer, ReadingAcrossTheEndCountsTheWholeSectorsBeforeIt) {
     EXPECT_EQ(part(buffer, 0, 1024 + 100), part(content, 3 * 512, 1024 + 100));
     EXPECT_EQ(file_read_sectors(buffer.data(), 5, 1), 0);
     EXPECT_EQ(file_read_sectors(buffer.data(), 6, 1), 0);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
-TEST_F(SectorTransfer, WritingBehindTheEndMakesAFileLonger) {
+TEST_F(SectorTransfer, WritingPastTheEndExtendsAFile) {
     open_known(512, 1024);
     EXPECT_EQ(file_write_sectors(buffer.data(), 4, 1), 1);
     content.resize(2048, 0);
@@ -668,11 +668,11 @@ TEST_F(SectorTransfer, AShortTransferIsCountedNotRepeated) {
     }
     std::fill_n(content.begin() + 512, 1500, 0xEE);
     EXPECT_EQ(read_file(path), content);
-    // Less than a sector counts as none.
+    // A part of a sector does not count.
     const pretended_device device({.short_transfer_bytes = 511});
     EXPECT_EQ(file_read_sectors(buffer.data(), 0, 1), 0);
     EXPECT_EQ(file_write_sectors(buffer.data(), 0, 1), 0);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_F(SectorTransfer, RefusesStandardDescriptorsANullBufferAndNoVolume) {
@@ -687,7 +687,7 @@ TEST_F(SectorTransfer, RefusesStandardDescriptorsANullBufferAndNoVolume) {
     replace_descriptor(own);
 }
 
-TEST_F(SectorTransfer, TheFirstDescriptorServedIsThree) {
+TEST_F(SectorTransfer, TheFirstSupportedDescriptorIsThree) {
     open_known(512);
     const int own = sv->fd;
     const int third = dup(3);
@@ -729,8 +729,9 @@ TEST_F(SectorTransfer, CutsTheSectorItCannotSeekToAnInt) {
     EXPECT_EQ(file_read_sectors(buffer.data(), 0x500000007, 1), -EIO);
     EXPECT_EQ(file_read_sectors(buffer.data(), 0xFFFFFFFF, 1), -EIO);
     const std::string reason = name_of(EOVERFLOW);
-    EXPECT_EQ(said.text(), "file_read_sectors[N]: Check here!: " + reason + " (7 x 4096)\n\n" +
-                               "file_read_sectors[N]: Check here!: " + reason + " (-1 x 4096)\n\n");
+    EXPECT_EQ(messages.text(), "file_read_sectors[N]: Check here!: " + reason + " (7 x 4096)\n\n" +
+                                   "file_read_sectors[N]: Check here!: " + reason +
+                                   " (-1 x 4096)\n\n");
 }
 
 TEST_F(SectorTransfer, PrintsWhyReadingFailsAndThatWritingFails) {
@@ -746,8 +747,9 @@ TEST_F(SectorTransfer, PrintsWhyReadingFailsAndThatWritingFails) {
     EXPECT_EQ(file_read_sectors(buffer.data(), 3, 1), -EIO);
     replace_descriptor(open(path.c_str(), O_RDONLY));
     EXPECT_EQ(file_write_sectors(buffer.data(), 3, 1), -EIO);
-    EXPECT_TRUE(said.text().ends_with("file_read_sectors[N]: Check here!: Bad file descriptor\n\n"
-                                      "file_write_sectors[N]: Check here!\n\n"));
+    EXPECT_TRUE(
+        messages.text().ends_with("file_read_sectors[N]: Check here!: Bad file descriptor\n\n"
+                                  "file_write_sectors[N]: Check here!\n\n"));
     EXPECT_EQ(buffer, bytes(16384, 0xEE));
     EXPECT_EQ(read_file(path), content);
 }
@@ -766,7 +768,7 @@ class CreateVolume : public volume_test {
 protected:
     void expect_failure(int result, int error, const std::string &message) {
         EXPECT_EQ(result, error);
-        EXPECT_EQ(said.text(), "create_fat_volume[N]: " + message + "\n\n");
+        EXPECT_EQ(messages.text(), "create_fat_volume[N]: " + message + "\n\n");
         EXPECT_TRUE(left_open().empty());
         EXPECT_TRUE(transfers_are_unset());
         EXPECT_EQ(sv, nullptr);
@@ -780,7 +782,7 @@ TEST_F(CreateVolume, FillsAFileOfItsOwnerAndGroupWithZeros) {
     const int fd = create_fat_volume(path.c_str(), 1000, 3);
     umask(old_mask);
     EXPECT_EQ(meter.live_blocks(), 0);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     EXPECT_EQ(left_open(), std::vector<int>{fd});
     EXPECT_EQ(fcntl(fd, F_GETFL) & O_ACCMODE, O_RDWR);
     EXPECT_EQ(read_file(path), bytes(3000, 0));
@@ -789,7 +791,7 @@ TEST_F(CreateVolume, FillsAFileOfItsOwnerAndGroupWithZeros) {
     EXPECT_EQ(status.st_mode & 07777, 0660U);
     EXPECT_TRUE(transfers_reach_the_file());
     EXPECT_EQ(sv, nullptr); // no volume is opened
-    // What the file held before is replaced.
+    // The former content of the file is replaced.
     EXPECT_GE(create_fat_volume(scratch.file_with("image", counted_bytes(9000)).c_str(), 512, 4),
               0);
     EXPECT_EQ(read_file(path), bytes(2048, 0));
@@ -803,30 +805,30 @@ TEST_F(CreateVolume, NoBlocksOrEmptyOnesMakeAnEmptyFile) {
         EXPECT_EQ(read_file(path), bytes{});
         close(fd);
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 TEST_F(CreateVolume, AShortWriteIsNoFailure) {
     const std::string path = scratch.file("image");
     const pretended_device device({.short_transfer_bytes = 300});
     EXPECT_GE(create_fat_volume(path.c_str(), 512, 4), 0);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     EXPECT_EQ(read_file(path), bytes(1200, 0));
 }
 
 TEST_F(CreateVolume, PrintsThatTheTargetCannotBeOpenedOrWritten) {
     expect_failure(create_fat_volume(scratch.file("no/image").c_str(), 512, 1), -ENOENT,
                    "failed to open file!");
-    said.clear();
+    messages.clear();
     expect_failure(create_fat_volume(nullptr, 512, 1), -EFAULT, "failed to open file!");
-    said.clear();
+    messages.clear();
     expect_failure(create_fat_volume("/dev/full", 512, 1), -EIO, "failed to write!");
 }
 
 TEST_F(CreateVolume, ReturnsTheErrorOfAnyFailedOpen) {
     const std::string path = scratch.file("image");
     for (const int error : {EACCES, EROFS, ENOSPC}) {
-        said.clear();
+        messages.clear();
         const failing_call fault(call::open, error);
         expect_failure(create_fat_volume(path.c_str(), 512, 1), -error, "failed to open file!");
     }
@@ -844,7 +846,7 @@ TEST_F(CreateVolume, ClosesTheFileWhenThereIsNoMemory) {
 TEST_F(CreateVolume, ClosesAndFreesWhicheverWriteFails) {
     const std::string path = scratch.file("image");
     at_every_fault({every_call(call::write, ENOSPC)}, [&](fault_step &step) {
-        said.clear();
+        messages.clear();
         const int result = step.run([&] { return create_fat_volume(path.c_str(), 512, 4); });
         EXPECT_EQ(step.struck(), step.k < 4);
         if (step.struck()) {
@@ -897,12 +899,12 @@ TEST_F(Diagnostics, GoToTheChosenStreamOrNowhere) {
     standard_error err;
     standard_output out;
     provoke();
-    EXPECT_EQ(said.text(), EVERYTHING);
+    EXPECT_EQ(messages.text(), EVERYTHING);
     fat_set_diagnostics(nullptr);
     provoke();
     EXPECT_EQ(out.stop(), "");
     EXPECT_EQ(err.stop(), "");
-    EXPECT_EQ(said.text(), EVERYTHING);
+    EXPECT_EQ(messages.text(), EVERYTHING);
 }
 
 TEST_F(Diagnostics, StandardErrorCanBeChosenAgain) {
@@ -910,7 +912,7 @@ TEST_F(Diagnostics, StandardErrorCanBeChosenAgain) {
     fat_set_diagnostics(nullptr);
     fat_set_diagnostics(stderr);
     EXPECT_EQ(fat_open_volume(nullptr, 0, 1), -EINVAL);
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
     const std::string printed = err.stop();
     EXPECT_EQ(printed.substr(0, 16), "fat_open_volume[");
     EXPECT_EQ(printed.substr(printed.find(']')), "]: NULL path!\n\n");
@@ -926,7 +928,7 @@ TEST_F(Diagnostics, DoNotTouchWhatGoesToStandardOutput) {
 
 TEST_F(Diagnostics, ThePrefixNamesTheReporterAndASourceLine) {
     EXPECT_EQ(fat_open_volume(nullptr, 0, 0), -EINVAL);
-    const std::string printed = said.raw();
+    const std::string printed = messages.raw();
     const std::size_t digits = std::string("fat_open_volume[").size();
     const std::size_t end = printed.find(']');
     ASSERT_NE(end, std::string::npos);

@@ -1,5 +1,5 @@
-// Walks over cluster chains and directories: chains that come back on themselves, what a walk
-// reads, and thousands of damaged chains and directories against the reference model.
+// Walks over cluster chains and directories: cyclic chains, the reads of a walk, and thousands of
+// damaged chains and directories compared with the reference model.
 
 #include "tests/support/capture.h"
 #include "tests/support/reference.h"
@@ -26,18 +26,18 @@ bool ends_with(const std::string &text, const std::string &end) {
            text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
-// ---- chains that come back --------------------------------------------------------------------
+// ---- cyclic chains ----------------------------------------------------------------------------
 
-// A tail of so many clusters leads into a circle of so many.
+// A chain with `tail` clusters that lead into a cycle.
 struct rho {
     u32 fat_type;
     u32 sec_per_clus;
     u32 tail;
-    u32 circle;
+    u32 cycle;
 };
 std::ostream &operator<<(std::ostream &out, const rho &r) {
-    return out << "Fat" << r.fat_type << "Cluster" << r.sec_per_clus << "Tail" << r.tail << "Circle"
-               << r.circle;
+    return out << "Fat" << r.fat_type << "Cluster" << r.sec_per_clus << "Tail" << r.tail << "Cycle"
+               << r.cycle;
 }
 std::string rho_name(const testing::TestParamInfo<rho> &info) {
     return testing::PrintToString(info.param);
@@ -45,36 +45,36 @@ std::string rho_name(const testing::TestParamInfo<rho> &info) {
 std::vector<rho> many_circles() {
     std::vector<rho> result;
     for (const auto &[fat_type, sec_per_clus] : {std::pair{16U, 1U}, {16U, 8U}, {32U, 1U}}) {
-        for (const auto &[tail, circle] : {std::pair{0U, 1U},
-                                           {1U, 1U},
-                                           {0U, 2U},
-                                           {1U, 2U},
-                                           {3U, 1U},
-                                           {0U, 3U},
-                                           {5U, 7U},
-                                           {7U, 5U},
-                                           {0U, 64U},
-                                           {64U, 1U},
-                                           {1U, 64U},
-                                           {63U, 65U},
-                                           {100U, 900U},
-                                           {900U, 100U},
-                                           {0U, 3000U},
-                                           {3000U, 1U}}) {
-            result.push_back({fat_type, sec_per_clus, tail, circle});
+        for (const auto &[tail, cycle] : {std::pair{0U, 1U},
+                                          {1U, 1U},
+                                          {0U, 2U},
+                                          {1U, 2U},
+                                          {3U, 1U},
+                                          {0U, 3U},
+                                          {5U, 7U},
+                                          {7U, 5U},
+                                          {0U, 64U},
+                                          {64U, 1U},
+                                          {1U, 64U},
+                                          {63U, 65U},
+                                          {100U, 900U},
+                                          {900U, 100U},
+                                          {0U, 3000U},
+                                          {3000U, 1U}}) {
+            result.push_back({fat_type, sec_per_clus, tail, cycle});
         }
     }
     return result;
 }
 
-class Circle : public testing::TestWithParam<rho> {
+class Cycle : public testing::TestWithParam<rho> {
 protected:
     // Everything unwritten reads as deleted entries, so that no directory ends by itself.
-    Circle()
+    Cycle()
         : v({.fat_type = GetParam().fat_type,
              .sec_per_clus = GetParam().sec_per_clus,
              .fill = 0xE5}) {
-        // Neighbours in the chain are far from each other in the FAT.
+        // Adjacent clusters of the chain are far from each other in the FAT.
         for (u32 i = 0; i < length; i++) {
             clusters.push_back(5 + i * 1231 % 4079);
         }
@@ -84,31 +84,31 @@ protected:
         v.disk.log.clear();
     }
 
-    // A walk found out after a few rounds at most. `sectors`: of the directory, for each cluster.
+    // The walk ended after a few rounds at most. `sectors`: of the directory, for each cluster.
     void expect_few_reads(u32 sectors) const {
         EXPECT_LE(v.traffic(), std::uint64_t{4} * (length + 1) * (1 + sectors));
     }
-    // Only one line of complaint about the chain: no entry of it is bad.
+    // Exactly one message about the chain: none of its entries is bad.
     void expect_said(const std::string &end) {
-        const std::string text = said.text();
+        const std::string text = messages.text();
         EXPECT_EQ(text.rfind("get_phy_sector[N]: invalid value ", 0), 0U) << text;
         EXPECT_TRUE(ends_with(text, end)) << text;
         const auto lines = std::count(text.begin(), text.end(), '[');
         EXPECT_EQ(lines, 1 + std::count(end.begin(), end.end(), '[')) << text;
-        said.clear();
+        messages.clear();
     }
 
-    const u32 length = GetParam().tail + GetParam().circle;
+    const u32 length = GetParam().tail + GetParam().cycle;
     volume v;
     std::vector<u32> clusters;
     directory dir{&v, {5}, false};
-    diagnostics said;
+    diagnostics messages;
 };
-INSTANTIATE_TEST_SUITE_P(Shapes, Circle, testing::ValuesIn(many_circles()), rho_name);
+INSTANTIATE_TEST_SUITE_P(Shapes, Cycle, testing::ValuesIn(many_circles()), rho_name);
 
 } // namespace
 
-TEST_P(Circle, EverySectorBeforeTheReturnIsFound) {
+TEST_P(Cycle, EverySectorBeforeTheReturnIsFound) {
     for (const u32 i : {0U, length / 2, length - 1}) {
         for (const u32 r : {0U, sv->sec_per_clus - 1}) {
             u32 sector = 0;
@@ -116,10 +116,10 @@ TEST_P(Circle, EverySectorBeforeTheReturnIsFound) {
             EXPECT_EQ(sector, volume::first_sector_of(clusters[i]) + r);
         }
     }
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
-TEST_P(Circle, FarSectorIsNotFound) {
+TEST_P(Cycle, FarSectorIsNotFound) {
     u32 sector = 0;
     EXPECT_EQ(get_phy_sector(5, 0xFFFFFFFF, &sector), -EINVAL);
     expect_few_reads(0);
@@ -130,7 +130,7 @@ TEST_P(Circle, FarSectorIsNotFound) {
     expect_said("\n");
 }
 
-TEST_P(Circle, FarEntryIsNotFound) {
+TEST_P(Cycle, FarEntryIsNotFound) {
     std::vector<u8> buffer(sv->sector_size);
     u8 *entry = nullptr;
     const u32 far = 0x07FFFFFE;
@@ -141,11 +141,11 @@ TEST_P(Circle, FarEntryIsNotFound) {
     expect_said("get_dentry_with_clu[N]: Failed to get entry sector!:(5, -1)\n\n");
 }
 
-TEST_P(Circle, LookupEndsInFailure) {
+TEST_P(Cycle, LookupEndsInFailure) {
     char name[] = "README.TXT";
     EXPECT_EQ(find_dentry_with_clu(5, name, nullptr), -EINVAL);
     expect_few_reads(sv->sec_per_clus);
-    const std::string text = said.text();
+    const std::string text = messages.text();
     const std::size_t index = text.rfind("(5, ");
     ASSERT_NE(index, std::string::npos) << text;
     const std::string number = text.substr(index + 4, text.find(')', index) - index - 4);
@@ -153,16 +153,16 @@ TEST_P(Circle, LookupEndsInFailure) {
                 ")\n\n"
                 "find_dentry_with_clu[N]: fail to get dentry(5, " +
                 number + "):Invalid argument\n");
-    // No sooner than every entry has been seen.
+    // Not before every entry was read.
     EXPECT_GE(std::stoul(number), std::size_t{length} * volume::entries_per_cluster());
 
     v.disk.log.clear();
     EXPECT_EQ(fat_find_dentry(&dir.record, name, nullptr), -EINVAL);
     expect_few_reads(sv->sec_per_clus);
-    EXPECT_EQ(said.text(), text);
+    EXPECT_EQ(messages.text(), text);
 }
 
-TEST_P(Circle, NameInItsLastClusterIsFound) {
+TEST_P(Cycle, NameInItsLastClusterIsFound) {
     const u32 index = length * volume::entries_per_cluster() - 1;
     const std::uint64_t place =
         u64{volume::first_sector_of(clusters.back()) + sv->sec_per_clus} * sv->sector_size - 32;
@@ -170,36 +170,36 @@ TEST_P(Circle, NameInItsLastClusterIsFound) {
     v.disk.poke(place, {entry.begin(), entry.end()});
     char name[] = "README.TXT";
     EXPECT_EQ(find_dentry_with_clu(5, name, nullptr), static_cast<int>(index));
-    EXPECT_EQ(said.text(),
+    EXPECT_EQ(messages.text(),
               "find_dentry_with_clu[N]: found index:(5, " + std::to_string(index) + ")\n");
 }
 
-TEST_P(Circle, NumericTailEndsInFailure) {
+TEST_P(Cycle, NumericTailEndsInFailure) {
     u8 dos[] = "LONGFILETXT";
     EXPECT_EQ(add_numeric_tail(&dir.record, dos), -EINVAL);
     EXPECT_STREQ(reinterpret_cast<char *>(dos), "LONGFILETXT");
     expect_few_reads(sv->sec_per_clus);
-    const std::string text = said.text();
+    const std::string text = messages.text();
     const std::size_t index = text.rfind("(5, ");
     ASSERT_NE(index, std::string::npos) << text;
     expect_said("get_dentry_with_clu[N]: Failed to get entry sector!:" + text.substr(index));
 }
 
-TEST_P(Circle, NumericTailOfAsManyEntriesAsThereAreSucceeds) {
+TEST_P(Cycle, NumericTailOfAsManyEntriesAsThereAreSucceeds) {
     dir.record.allocated = length * volume::entries_per_cluster() * 32;
     u8 dos[] = "LONGFILETXT";
     EXPECT_EQ(add_numeric_tail(&dir.record, dos), 0);
     EXPECT_STREQ(reinterpret_cast<char *>(dos), "LONGFI~1TXT");
-    EXPECT_EQ(said.text(), "");
+    EXPECT_EQ(messages.text(), "");
 }
 
 namespace {
 
 // Slots without an end: the first cluster ends with the last slot of a name of 63, all entries of
 // the second are slots of it, and the second is followed by itself or by the first.
-class LongNameInACircle : public testing::TestWithParam<u32> {
+class LongNameInACycle : public testing::TestWithParam<u32> {
 protected:
-    LongNameInACircle() {
+    LongNameInACycle() {
         directory space = v.sub_directory({5, 9});
         for (u32 i = 0; i < space.capacity(); i++) {
             space.put(i, long_slot(1, u"ABCDEFGHIJKLM", 0x55));
@@ -210,13 +210,13 @@ protected:
     }
 
     volume v;
-    diagnostics said;
+    diagnostics messages;
 };
-INSTANTIATE_TEST_SUITE_P(Returns, LongNameInACircle, testing::Values(5U, 9U));
+INSTANTIATE_TEST_SUITE_P(Returns, LongNameInACycle, testing::Values(5U, 9U));
 
 } // namespace
 
-TEST_P(LongNameInACircle, IsNoName) {
+TEST_P(LongNameInACycle, IsNotAName) {
     directory dir(&v, {5}, false);
     std::vector<u8> buffer(512);
     std::vector<u16> units(256);
@@ -229,12 +229,12 @@ TEST_P(LongNameInACircle, IsNoName) {
     EXPECT_LE(v.traffic(), 63U * 3);
     if (result < 0) {
         EXPECT_EQ(result, -EINVAL);
-        EXPECT_TRUE(ends_with(said.text(), "get_long_name[N]: Failed to get entry with cluster "
-                                           "...\n\n"));
+        EXPECT_TRUE(ends_with(messages.text(), "get_long_name[N]: Failed to get entry with cluster "
+                                               "...\n\n"));
     }
 }
 
-TEST_P(LongNameInACircle, IsFoundWhereItEndsBeforeTheReturn) {
+TEST_P(LongNameInACycle, IsFoundWhereItEndsBeforeTheReturn) {
     directory dir(&v, {5, 9}, false);
     v.chain({5, 9});
     v.set_link(9, GetParam());
@@ -254,7 +254,7 @@ TEST_P(LongNameInACircle, IsFoundWhereItEndsBeforeTheReturn) {
 
 namespace {
 
-// A full directory whose chain goes through the FAT in runs: some links in one sector, then some
+// A full directory whose chain alternates between FAT sectors: some links in one sector, then some
 // in another, and back.
 class WalkReads : public testing::TestWithParam<volume_shape> {
 protected:
@@ -262,7 +262,7 @@ protected:
         const u32 far = sv->sector_size / (sv->fat_type / 8);
         return {5, 7, 6, far + 1, far + 9, far + 2, 9, 8, far + 3, 10, 11, 12, 13, 14};
     }
-    // Stretches of links that lie in one FAT sector.
+    // Number of spans of links within one FAT sector.
     static int runs(const std::vector<u32> &links) {
         int result = 0;
         for (std::size_t i = 0; i < links.size(); i++) {
@@ -291,7 +291,7 @@ protected:
     volume v{GetParam()};
     const std::vector<u32> links = chain_in_runs();
     directory dir = v.sub_directory(links);
-    diagnostics said;
+    diagnostics messages;
 };
 INSTANTIATE_TEST_SUITE_P(
     Shapes, WalkReads,
@@ -333,7 +333,7 @@ TEST_P(WalkReads, FirstSectorsNeedNoFat) {
     EXPECT_EQ(v.traffic(), sv->sec_per_clus);
 }
 
-TEST_P(WalkReads, NothingIsKeptFromOneWalkToTheNext) {
+TEST_P(WalkReads, NothingIsCachedFromOneWalkToTheNext) {
     char name[] = "README.TXT";
     EXPECT_EQ(fat_find_dentry(&dir.record, name, nullptr), -ENOENT);
     const u32 index = dir.capacity() - 3;
@@ -353,7 +353,7 @@ TEST_P(WalkReads, LongNameReadsASectorAgainForEachSlotAtMost) {
     ASSERT_EQ(fat_get_dentry(&dir.record, first, &entry, buffer.data(), nullptr), 0);
     v.disk.log.clear();
     EXPECT_EQ(get_long_name(&dir.record, first, &entry, buffer.data(), units.data()), 4);
-    // One sector for each entry behind the first slot, one of the FAT where it is in cluster 2.
+    // One sector for each entry after the first slot, and one of the FAT if it is in cluster 2.
     EXPECT_LE(v.traffic(), 4U + 3U);
 }
 
@@ -361,7 +361,7 @@ TEST_P(WalkReads, LongNameReadsASectorAgainForEachSlotAtMost) {
 
 namespace {
 
-// A directory of three sectors whose second one moves nothing when it is read.
+// A directory of three sectors; a read of the second one moves nothing.
 class EmptyRead : public testing::Test {
 protected:
     EmptyRead() {
@@ -372,12 +372,12 @@ protected:
 
     volume v;
     directory dir = v.sub_directory({5, 9, 7});
-    diagnostics said;
+    diagnostics messages;
 };
 
 } // namespace
 
-TEST_F(EmptyRead, LookupGoesOnWithTheSectorItHas) {
+TEST_F(EmptyRead, LookupContinuesWithTheSectorItHas) {
     dir.put(20, short_entry("LOST       "));
     dir.put(40, short_entry("README  TXT"));
     char name[] = "README.TXT";
@@ -399,7 +399,7 @@ const volume_shape RANDOM_SHAPES[] = {
     {.fat_type = 32, .sector_size = 1024, .sec_per_clus = 2},
 };
 
-// Chains and directories made by chance.
+// Random chains and directories.
 class Random : public testing::TestWithParam<volume_shape> {
 protected:
     Random() {
@@ -422,8 +422,8 @@ protected:
         v.set_link(cluster, value | top);
         touched_.push_back(cluster);
     }
-    // Frees every cluster again and heals the medium.
-    void start_anew() {
+    // Frees every cluster and repairs the medium.
+    void start_over() {
         for (const u32 cluster : touched_) {
             v.set_link(cluster, 0);
         }
@@ -431,15 +431,15 @@ protected:
         v.disk.bad_sectors.clear();
         v.disk.failure_result = one_in(3) ? 0 : -5; // nothing moved, or an error
         v.disk.log.clear();
-        said.clear();
+        messages.clear();
     }
-    // Of the volume as it is; both it and the library begin to print.
+    // The reference model of the current volume; clears the messages of the library.
     model::directories reference() {
-        said.clear();
+        messages.clear();
         return reference_of<model::directories>(&v.disk);
     }
 
-    // Different clusters: one behind the other, near each other, or anywhere.
+    // Different clusters: contiguous, near each other, or anywhere.
     std::vector<u32> some_clusters(u32 count) {
         std::vector<u32> result;
         const u32 manner = below(3);
@@ -461,7 +461,7 @@ protected:
         return one_of<u32>({0, 0, 1, volume::bad_mark(), sv->num_clusters + 2, sv->num_clusters + 3,
                             volume::bad_mark() - 1});
     }
-    // A chain of a few clusters, whole or damaged.
+    // A chain of a few clusters, intact or damaged.
     std::vector<u32> some_chain(u32 longest) {
         const std::vector<u32> clusters = some_clusters(1 + below(longest));
         for (std::size_t i = 0; i < clusters.size(); i++) {
@@ -493,7 +493,7 @@ protected:
     }
 
     volume v{GetParam()};
-    diagnostics said;
+    diagnostics messages;
     std::mt19937 chance{SEED + GetParam().fat_type + GetParam().sector_size};
 
 private:
@@ -525,7 +525,7 @@ protected:
         };
         return list;
     }
-    // No directory here has them, however its slots are put together.
+    // Names that no directory here contains, whatever its slots.
     static const std::vector<wanted_name> &absent_names() {
         static const std::vector<wanted_name> list = {
             {"absent.txt", "ABSENT  TXT", u""},
@@ -565,7 +565,7 @@ protected:
             return some_slot();
         }
     }
-    // A name with its slots, whole or with one slot lost, deleted or out of its place.
+    // A name with its slots, intact or with one slot missing, deleted or out of order.
     std::vector<entry_image> some_long_name() {
         const wanted_name &name = one_of(names());
         std::vector<entry_image> result = long_slots(name.wide, name.dos);
@@ -597,7 +597,7 @@ protected:
         dos.resize(11, ' ');
         return short_entry(dos);
     }
-    // Short names with tails: digits behind tildes in all sorts of places.
+    // Short names with tails: digits after tildes in various positions.
     entry_image some_tail() {
         static const std::vector<std::string> prefixes = {"LONGFI", "LONGF", "README", "A",
                                                           "",       "AB~3",  "AB",     "LONGFILE"};
@@ -644,12 +644,12 @@ protected:
         const int result = find_dentry_with_clu(dir.base(), text.data(), nullptr);
         if (expected.has_value()) {
             ASSERT_EQ(result, *expected);
-            ASSERT_EQ(said.text(), volume.printed);
+            ASSERT_EQ(messages.text(), volume.printed);
             outcomes_[*expected >= 0 ? "found" : std::to_string(*expected)]++;
         } else {
             ASSERT_EQ(result, -EINVAL);
-            ASSERT_TRUE(ends_with(said.text(), "):Invalid argument\n")) << said.text();
-            outcomes_["circle"]++;
+            ASSERT_TRUE(ends_with(messages.text(), "):Invalid argument\n")) << messages.text();
+            outcomes_["cycle"]++;
         }
     }
     // Takes the entry for the last slot of a long name, if it is a slot and no name that it may
@@ -671,14 +671,14 @@ protected:
         const int expected = volume.long_name(dir->base(), &last, &expected_units);
         ASSERT_EQ(get_long_name(&dir->record, index, &entry, buffer.data(), units.data()),
                   expected);
-        ASSERT_EQ(said.text(), volume.printed);
+        ASSERT_EQ(messages.text(), volume.printed);
         if (expected >= 0) {
             ASSERT_TRUE(std::equal(units.begin(), units.end(), expected_units.begin()));
             ASSERT_EQ((entry - buffer.data()) / 32, last % volume::entries_per_sector());
         }
         outcomes_[std::to_string(expected)]++;
     }
-    // Each way for a walk to end has been seen a good number of times.
+    // Each way for a walk to end occurred many times.
     void expect_outcomes(const std::vector<std::string> &all, int times) const {
         for (const std::string &outcome : all) {
             const auto count = outcomes_.find(outcome);
@@ -699,23 +699,23 @@ TEST_P(RandomChains, SectorsAreThoseOfTheReferenceModel) {
     std::map<int, int> results;
     for (int i = 0; i < 2000; i++) {
         SCOPED_TRACE("chain " + std::to_string(i));
-        start_anew();
+        start_over();
         const std::vector<u32> clusters = some_directory(30);
         const u32 base = clusters.empty() ? 0
                          : one_in(10)     ? below(sv->num_clusters + 4)
                                           : clusters.front();
         auto volume = reference();
-        bool is_circle = false;
-        const auto length = static_cast<u32>(volume.clusters_of(base, &is_circle).size());
+        bool is_cycle = false;
+        const auto length = static_cast<u32>(volume.clusters_of(base, &is_cycle).size());
         for (int k = 0; k < 6; k++) {
             const u32 index =
                 one_in(8) ? static_cast<u32>(chance()) : below((length + 3) * sv->sec_per_clus);
             const u32 link = index / sv->sec_per_clus;
             u32 sector = 0;
-            said.clear();
+            messages.clear();
             volume.printed.clear();
-            if (is_circle && link >= length) {
-                // A few rounds may pass before the circle is noticed.
+            if (is_cycle && link >= length) {
+                // A few rounds may pass before the cycle is noticed.
                 const int result = get_phy_sector(base, index, &sector);
                 u32 expected_sector = 0;
                 ASSERT_TRUE(result == -EINVAL || (result == 0 && link <= 4 * (length + 1)));
@@ -730,7 +730,7 @@ TEST_P(RandomChains, SectorsAreThoseOfTheReferenceModel) {
             const int expected = volume.locate(base, index, &expected_sector);
             ASSERT_EQ(get_phy_sector(base, index, &sector), expected);
             ASSERT_EQ(sector, expected_sector);
-            ASSERT_EQ(said.text(), volume.printed);
+            ASSERT_EQ(messages.text(), volume.printed);
             results[expected]++;
         }
     }
@@ -743,7 +743,7 @@ TEST_P(RandomChains, FreeClustersAreThoseOfTheReferenceModel) {
     std::map<int, int> results;
     for (int i = 0; i < 1500; i++) {
         SCOPED_TRACE("stretch " + std::to_string(i));
-        start_anew();
+        start_over();
         const bool is_at_the_end = one_in(10);
         const u32 length = 1 + below(one_in(10) ? 600 : 40);
         const u32 first =
@@ -762,7 +762,7 @@ TEST_P(RandomChains, FreeClustersAreThoseOfTheReferenceModel) {
         auto volume = reference();
         const int expected = volume.find_free(first, last);
         ASSERT_EQ(fat_free_clus(first, last), expected);
-        ASSERT_EQ(said.text(), volume.printed);
+        ASSERT_EQ(messages.text(), volume.printed);
         results[expected > 0 ? 0 : expected]++;
     }
     for (const int result : {0, -ENOENT, -EINVAL, -EIO}) {
@@ -773,16 +773,16 @@ TEST_P(RandomChains, FreeClustersAreThoseOfTheReferenceModel) {
 TEST_P(RandomDirectories, LookupsAreThoseOfTheReferenceModel) {
     for (int i = 0; i < 600; i++) {
         SCOPED_TRACE("directory " + std::to_string(i));
-        start_anew();
+        start_over();
         const std::vector<u32> clusters = some_directory(one_in(10) ? 40 : 8);
-        bool is_circle = false;
+        bool is_cycle = false;
         if (!clusters.empty()) {
-            (void)reference().clusters_of(clusters.front(), &is_circle);
+            (void)reference().clusters_of(clusters.front(), &is_cycle);
         }
         directory dir(&v, clusters, clusters.empty());
         fill(&dir, false);
         sv->long_name = one_in(8) ? 0 : 1;
-        for (const wanted_name &name : is_circle ? absent_names() : names()) {
+        for (const wanted_name &name : is_cycle ? absent_names() : names()) {
             ASSERT_NO_FATAL_FAILURE(look_for(dir, name)) << name.text;
         }
         for (const wanted_name &name : absent_names()) {
@@ -790,25 +790,25 @@ TEST_P(RandomDirectories, LookupsAreThoseOfTheReferenceModel) {
         }
     }
     expect_outcomes(
-        {"found", "circle", std::to_string(-ENOENT), std::to_string(-EINVAL), std::to_string(-EIO)},
+        {"found", "cycle", std::to_string(-ENOENT), std::to_string(-EINVAL), std::to_string(-EIO)},
         20);
 }
 
 TEST_P(RandomDirectories, LongNamesAreThoseOfTheReferenceModel) {
     for (int i = 0; i < 800; i++) {
         SCOPED_TRACE("directory " + std::to_string(i));
-        start_anew();
+        start_over();
         const std::vector<u32> clusters = some_directory(6);
-        bool is_circle = false;
+        bool is_cycle = false;
         const u32 readable =
             clusters.empty()
                 ? 0xFFFFFFFF
-                : static_cast<u32>(reference().clusters_of(clusters.front(), &is_circle).size()) *
+                : static_cast<u32>(reference().clusters_of(clusters.front(), &is_cycle).size()) *
                       volume::entries_per_cluster();
         directory dir(&v, clusters, clusters.empty());
         fill(&dir, false);
         for (u32 index = 0; index < std::min(dir.capacity(), readable); index++) {
-            const u32 end = is_circle ? readable : 0xFFFFFFFF;
+            const u32 end = is_cycle ? readable : 0xFFFFFFFF;
             ASSERT_NO_FATAL_FAILURE(put_together(&dir, index, end)) << "entry " << index;
         }
     }
@@ -820,7 +820,7 @@ TEST_P(RandomDirectories, NumericTailsAreThoseOfTheReferenceModel) {
         "LONGFILETXT", "README  TXT", "A          ", "AB~3       ", "LONGF   TXT", "ABCDEFGHI  "};
     for (int i = 0; i < 600; i++) {
         SCOPED_TRACE("directory " + std::to_string(i));
-        start_anew();
+        start_over();
         const std::vector<u32> clusters = some_directory(8);
         directory dir(&v, clusters, clusters.empty());
         fill(&dir, true);
@@ -836,17 +836,17 @@ TEST_P(RandomDirectories, NumericTailsAreThoseOfTheReferenceModel) {
                 volume.add_numeric_tail(model_chain(dir), &expected_name);
             const int result = add_numeric_tail(&dir.record, reinterpret_cast<u8 *>(dos.data()));
             if (!expected.has_value()) {
-                // A few rounds may pass before the circle is noticed.
+                // A few rounds may pass before the cycle is noticed.
                 const bool may_end = dir.record.allocated / 32 <= 4 * (dir.capacity() + 1);
                 ASSERT_TRUE(result == -EINVAL || (may_end && result == 0)) << result;
-                outcomes_["circle"]++;
+                outcomes_["cycle"]++;
                 continue;
             }
             ASSERT_EQ(result, *expected);
             ASSERT_EQ(dos, expected_name);
-            ASSERT_EQ(said.text(), volume.printed);
+            ASSERT_EQ(messages.text(), volume.printed);
             outcomes_[std::to_string(*expected)]++;
         }
     }
-    expect_outcomes({"0", "circle", std::to_string(-EINVAL), std::to_string(-EIO)}, 10);
+    expect_outcomes({"0", "cycle", std::to_string(-EINVAL), std::to_string(-EIO)}, 10);
 }

@@ -114,10 +114,10 @@ public:
 
     template <typename Call>
     answer ask(Call call) {
-        said.clear();
+        messages.clear();
         v.disk.log.clear();
         const int result = call();
-        answer a{result, said.text()};
+        answer a{result, messages.text()};
         EXPECT_TRUE(table_agrees()) << "after " << a;
         return a;
     }
@@ -148,7 +148,7 @@ public:
 
     stopped_clock clock{NOW};
     mounted v;
-    diagnostics said;
+    diagnostics messages;
 };
 
 std::string found(u32 index, u32 base = sv->fat_type == 16 ? 0 : sv->root_clus) {
@@ -170,13 +170,13 @@ std::vector<volume_shape> painted(std::vector<volume_shape> shapes, std::uint8_t
 }
 
 // The last of the messages.
-std::string last_message(const std::string &said) {
-    std::string rest = said;
+std::string last_message(const std::string &messages) {
+    std::string rest = messages;
     while (!rest.empty() && rest.back() == '\n') {
         rest.pop_back();
     }
     const std::size_t newline = rest.rfind('\n');
-    return newline == std::string::npos ? said : said.substr(newline + 1);
+    return newline == std::string::npos ? messages : messages.substr(newline + 1);
 }
 
 // ---- the pool file ----------------------------------------------------------------------------
@@ -241,9 +241,9 @@ TEST(MakePoolTest, NeedsTheRootDirectoryOpen) {
     ram_disk disk(1 << 20);
     sv->sector_size = 512;
     sv->sec_per_clus = 1;
-    diagnostics said;
+    diagnostics messages;
     EXPECT_EQ(zuq_make_pool(), -EINVAL);
-    EXPECT_EQ(said.text(), "zuq_make_pool[N]: root directory isn't open\n");
+    EXPECT_EQ(messages.text(), "zuq_make_pool[N]: root directory isn't open\n");
     EXPECT_TRUE(disk.log.empty());
 }
 
@@ -494,9 +494,9 @@ TEST(MakeLogTest, NeedsTheRootDirectoryOpen) {
     ram_disk disk(1 << 20);
     sv->sector_size = 512;
     sv->sec_per_clus = 1;
-    diagnostics said;
+    diagnostics messages;
     EXPECT_EQ(zuq_make_log(), -EINVAL);
-    EXPECT_EQ(said.text(), "zuq_make_log[N]: Failed to get parent!\n\n");
+    EXPECT_EQ(messages.text(), "zuq_make_log[N]: Failed to get parent!\n\n");
     EXPECT_TRUE(disk.log.empty());
 }
 
@@ -628,7 +628,7 @@ std::vector<answer> under_faults(const fault_kind &kind, const volume_shape &sha
         const answer whole = c.ask([&] { return step.run(call); });
         EXPECT_EQ(ids_in_use(), std::vector<int>{0});
         EXPECT_EQ(sv->current_dir, sv->root_dir);
-        return answer{whole.result, last_message(whole.said)};
+        return answer{whole.result, last_message(whole.messages)};
     });
 }
 
@@ -842,8 +842,8 @@ TEST_P(FindCluster, PassesMissingMemoryOn) {
     asked.reserve(100);
     const int result = find_cluster(10, ALL_ONES, 7, [](u32, u32) { return false; });
     EXPECT_EQ(result, -ENOMEM);
-    EXPECT_EQ(c.said.text(), "fat_read_entry[N]: cannot allocate FAT\n\n"
-                             "find_cluster[N]: Failed to read cluster!\n\n");
+    EXPECT_EQ(c.messages.text(), "fat_read_entry[N]: cannot allocate FAT\n\n"
+                                 "find_cluster[N]: Failed to read cluster!\n\n");
 }
 
 TEST_P(FindCluster, KeepsNothing) {

@@ -100,13 +100,13 @@ public:
         return -ENOENT;
     }
 
-    // A cluster that a walk came to after so many links.
+    // A cluster that a walk reached after that many links.
     struct step {
         std::uint32_t link = 0;
         std::uint32_t cluster = 0;
     };
     // Sector `index` of the chain that begins with cluster `base`, or of the root area of FAT16,
-    // whose base is 0. With `from` the walk goes on where the last one through it ended.
+    // whose base is 0. With `from` the walk continues where the last one through it ended.
     int locate(std::uint32_t base, std::uint32_t index, std::uint32_t *sector_number,
                std::optional<step> *from = nullptr) {
         if (base > shape.last_cluster()) {
@@ -143,7 +143,7 @@ public:
         return 0;
     }
 
-    // Returns how many clusters a chain has, 0 where it runs into a free one.
+    // Returns the number of clusters of a chain, 0 if the chain reaches a free one.
     int count(std::uint32_t first, std::uint32_t *last) {
         std::set<std::uint32_t> visited;
         for (std::uint32_t cluster = first;;) {
@@ -161,7 +161,7 @@ public:
             cluster = static_cast<std::uint32_t>(next);
         }
     }
-    // The clusters of a chain up to its end, its damage or its return to one of them.
+    // The clusters of a chain up to its end, a damaged link or a repeated cluster.
     std::vector<std::uint32_t> clusters_of(std::uint32_t base, bool *is_cycle) {
         const std::size_t length = printed.size();
         std::vector<std::uint32_t> result;
@@ -198,12 +198,12 @@ public:
             }
             clusters->push_back(static_cast<std::uint32_t>(next));
         }
-        // What is in the last slot and past it is not defined.
+        // The last slot and the slots past it are not defined.
         clusters->resize(std::min<std::size_t>(clusters->size(), slots - 1));
         return static_cast<int>(slots);
     }
 
-    // Appends a free cluster to the chain. `chain` may be missing: then it begins one of its own.
+    // Appends a free cluster to the chain. Without `chain` it begins a new one.
     int allocate(open_chain *chain, std::uint32_t *cluster) {
         if (hint < 2 || hint > shape.clusters) {
             hint = 1;
@@ -217,7 +217,7 @@ public:
         } else if (found < 0) {
             return found;
         }
-        if (found > 0) { // intentional: an error of the second search leaves *cluster as it was
+        if (found > 0) { // Intentional: an error of the second search does not change *cluster
             *cluster = static_cast<std::uint32_t>(found);
         }
         const int result = link(chain, *cluster);

@@ -23,12 +23,12 @@ public:
 
     bool long_names = true;
 
-    // -- places
+    // -- locations
 
     [[nodiscard]] bool is_root_area(const open_chain &dir) const {
         return dir.is_root && shape.width == 16;
     }
-    // As walks take a directory: its first cluster, 0 for the root area.
+    // The argument of walks for a directory: its first cluster, 0 for the root area.
     [[nodiscard]] std::uint32_t base_of(const open_chain &dir) const {
         return is_root_area(dir) ? 0 : dir.start;
     }
@@ -278,7 +278,7 @@ private:
         std::copy_n(buffer_.begin() + offset, result.size(), result.begin());
         return result;
     }
-    // Goes on from the slot before, or begins; a sector is read once.
+    // Continues after the previous slot, or begins; reads a sector once.
     int walk_to(std::uint32_t base, std::uint32_t index) {
         if (index == 0 || sector_index_of(index) != sector_index_of(index - 1)) {
             return read_slot(base, index);
@@ -286,7 +286,7 @@ private:
         at_.offset += 32;
         return 0;
     }
-    // The same in an open directory; what does not come then reads as unused.
+    // The same in an open directory; slots that cannot be read are unused.
     int walk_to(const open_chain &dir, std::uint32_t index) {
         if (index == 0 || sector_index_of(index) != sector_index_of(index - 1)) {
             buffer_.assign(shape.sector_bytes, 0);
@@ -354,7 +354,7 @@ inline std::string fast_letters(std::uint32_t value) {
     return result;
 }
 
-// What one call of the walk gives. Of a call that finds no file the last three are left out.
+// The results of one call of the walk. A call that finds no file does not set the last three.
 struct fast_step {
     int result = 0;
     std::string printed;
@@ -421,7 +421,7 @@ private:
         step_.cluster = clusters_.at(at_);
         return step_;
     }
-    // Nothing: the walk goes on.
+    // No value: the walk continues.
     std::optional<int> visit() {
         location where;
         const int result = v_.locate_slot(clusters_.at(at_), index_in_cluster(), &where);
@@ -527,8 +527,8 @@ private:
 
     directories &v_;
     bool is_fixed_;
-    std::vector<std::uint32_t> clusters_; // of the root area: 0
-    std::size_t at_ = 0;                  // of the cursor's cluster
+    std::vector<std::uint32_t> clusters_; // 0 for the root area
+    std::size_t at_ = 0;                  // index of the cursor's cluster
     std::uint32_t slot_ = 0;              // the cursor, over the whole directory
     fast_step step_;
     std::optional<raw_entry> first_slot_;

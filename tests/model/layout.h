@@ -19,7 +19,7 @@ namespace model {
 
 // ---- formatting -------------------------------------------------------------------------------
 
-// What is asked of the formatter, every default filled in.
+// A request to the formatter, with all defaults filled in.
 struct asked {
     std::uint32_t width = 0; // of a FAT entry in bits: 16, 32, or 0: the formatter chooses
     std::uint32_t cluster_sectors = 1;
@@ -29,7 +29,7 @@ struct asked {
     std::uint32_t fats = 2;
 };
 
-// The volume that must come of it. Of a refused volume only `result` and `printed` matter.
+// The expected volume. Of a refused volume only `result` and `printed` matter.
 struct volume_layout {
     int result = 0;
     std::string printed; // diagnostics, source lines as N
@@ -52,7 +52,7 @@ public:
         : wish_(wish), target_(std::to_string(target_bytes)), total_(total),
           sector_(wish.sector_bytes), cluster_(std::int64_t{wish.cluster_sectors} * sector_) {}
 
-    // The volume as it must come out.
+    // The expected volume.
     volume_layout decide() {
         find_page_unit();
         result_.total = total_;
@@ -66,7 +66,7 @@ public:
         return result_;
     }
 
-    // How many clusters there would be, were there no limits; negative where there is no room.
+    // The number of clusters without limits; negative if there is no room.
     std::int64_t clusters_as(std::int64_t width) {
         find_page_unit();
         lay_out(width);
@@ -77,7 +77,7 @@ private:
     static std::string text(std::int64_t number) {
         return std::to_string(number);
     }
-    // As %d prints what does not fit.
+    // A value as %d prints it, truncated to 32 bits.
     static std::string cut(std::int64_t number) {
         return std::to_string(static_cast<std::int32_t>(static_cast<std::uint64_t>(number)));
     }
@@ -107,7 +107,7 @@ private:
                            "): Sector is " + cut(sector_) + "\n";
     }
 
-    // Whole pages, at least one; without alignment the sectors as they are.
+    // Rounds up to whole pages, at least one; without alignment returns the sectors unchanged.
     [[nodiscard]] std::int64_t in_pages(std::int64_t sectors) const {
         if (page_unit_ == 0) {
             return sectors;
@@ -115,8 +115,8 @@ private:
         return std::max<std::int64_t>(1, ceiling_of(sectors, page_unit_)) * page_unit_;
     }
 
-    // Everything but the limits. data_ is what is left for clusters, data_before_fats_ what was
-    // left when the FATs had no size yet.
+    // Calculates everything but the limits. data_: sectors left for clusters; data_before_fats_:
+    // the same before the FATs had a size.
     void lay_out(std::int64_t width) {
         const bool is_16 = width == 16;
         const std::int64_t entry = width / 8;
@@ -136,7 +136,7 @@ private:
         most_ = std::min(result_.fat_sectors * sector_ / entry - 2, limit);
     }
 
-    // Whether FAT16 is the answer or the refusal; otherwise it is for FAT32 to say.
+    // Whether the result is FAT16 or a refusal as FAT16; otherwise FAT32 is tried.
     bool decide_for_fat16() {
         lay_out(16);
         if (result_.root_sectors * sector_ % 1024 != 0) {
@@ -222,14 +222,14 @@ inline std::int64_t usable_sectors(std::uint64_t target_bytes, std::uint32_t sec
 
 // ---- mounting ---------------------------------------------------------------------------------
 
-// A boot sector, read by a mount. Fields of more than 32 bits in sum are cut where they are stored.
+// A boot sector, read by a mount. Sums of more than 32 bits are truncated when they are stored.
 class mount_reader {
 public:
     int result = 0;
     std::string printed; // diagnostics, source lines as N
     areas found;         // of a refused volume: as far as the mount came
 
-    // `width_before`: bits of a FAT entry of the volume that was mounted before, 0 for none.
+    // `width_before`: bits of a FAT entry of the volume mounted before, 0: no such volume.
     mount_reader(const medium::reader &read, std::uint64_t target_bytes, std::uint32_t width_before)
         : boot_(read(0, 512)) {
         const char *const me = "fat_build_super";

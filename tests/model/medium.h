@@ -79,7 +79,7 @@ public:
         bool operator==(const sector_write &) const = default;
     };
 
-    // `initial` gives the bytes from `offset` on as they were before any write of the model.
+    // `initial` returns the bytes from `offset` on before any write of the model.
     medium(const areas &of_the_volume, reader initial)
         : shape(of_the_volume), initial_(std::move(initial)) {}
     medium(medium &&) = default;

@@ -26,7 +26,7 @@ namespace model {
 
 using bytes = std::vector<std::uint8_t>;
 
-// For messages of the tests: what is not printable is shown in hexadecimal.
+// For messages of the tests: unprintable bytes are shown in hexadecimal.
 inline std::string shown_bytes(const std::string &text) {
     std::string result = "\"";
     for (const char c : text) {
@@ -220,7 +220,7 @@ public:
             store(first, u'\0');
         }
     }
-    // Adds a slot at the units that its ordinal says.
+    // Adds a slot at the units that its ordinal states.
     void add(const raw_entry &slot) {
         add(slot, ((slot[0] & ~0x40) - 1) * 13);
     }
@@ -238,13 +238,13 @@ private:
     }
 };
 
-// Without the blanks and dots at its end; the first character stays.
+// Without trailing blanks and dots; the first character always stays.
 inline std::string without_tail_blanks(const std::string &name) {
     const std::size_t last = name.find_last_not_of(" .");
     return last == std::string::npos ? name.substr(0, 1) : name.substr(0, last + 1);
 }
 
-// What becomes of a name. Where it has no short form only `result` and `left` count.
+// The conversion of a name. Without a short form only `result` and `left` count.
 struct short_form {
     int result = 0;
     std::string left; // the caller's string afterwards
@@ -326,11 +326,11 @@ inline short_form to_short(const std::string &name) {
 
 // ---- a string to the whole record -------------------------------------------------------------
 
-// The record of a name on a volume without an encoding. Of a refused name only `result`, `said` and
-// `left` count.
+// The record of a name on a volume without an encoding. Of a refused name only `result`, `messages`
+// and `left` count.
 struct name_record {
     int result = 0;
-    std::string said; // source lines as N
+    std::string messages; // source lines as N
     std::string left;
     std::string dos;
     std::optional<std::u16string> units; // the long name, where there is one
@@ -341,8 +341,8 @@ struct name_record {
 };
 
 inline std::ostream &operator<<(std::ostream &out, const name_record &r) {
-    out << "{" << r.result << ", said " << shown_bytes(r.said) << ", left " << shown_bytes(r.left)
-        << ", dos " << shown_bytes(r.dos) << ", units";
+    out << "{" << r.result << ", messages " << shown_bytes(r.messages) << ", left "
+        << shown_bytes(r.left) << ", dos " << shown_bytes(r.dos) << ", units";
     if (!r.units) {
         out << " none";
     } else {
@@ -376,8 +376,8 @@ inline name_record to_record(const std::string &name, bool has_long_names) {
         for (const char c : seen) {
             if (static_cast<unsigned char>(c) > 127) {
                 r.result = -EINVAL;
-                r.said = "convert_cstring_to_uname[N]: cannot convert non-ascii\n"
-                         "convert_name[N]: Failed to convert ...!\n\n";
+                r.messages = "convert_cstring_to_uname[N]: cannot convert non-ascii\n"
+                             "convert_name[N]: Failed to convert ...!\n\n";
                 return r;
             }
             units += static_cast<char16_t>(c);

@@ -174,7 +174,7 @@ public:
         return found.result < 0 ? found.result
                                 : remove_entry(found.dir, static_cast<std::uint32_t>(found.result));
     }
-    // The entry that a removal would take, where it would find one.
+    // The entry that a removal would remove, if it finds one.
     std::optional<std::pair<location, raw_entry>> peek(const std::string &path) {
         const target found = find_entry(path);
         if (found.result < 0 ||
@@ -236,7 +236,7 @@ public:
         }
         return result;
     }
-    // Appends to `out` what could be read.
+    // Appends the bytes that could be read to `out`.
     int read_at(const open_entry &entry, std::uint32_t count, std::uint64_t *position, bytes *out) {
         if (*position > INT64_MAX) {
             return fail(-EINVAL, READER, "Failed to get FAT sector!\n\n");
@@ -269,7 +269,7 @@ private:
     static constexpr const char *WRITER = "do_write_file";
     static constexpr const char *READER = "do_read_file";
 
-    // What a path leads to: a directory and a name in it.
+    // A resolved path: a directory and a name in it.
     struct target {
         int result = 0; // of a search: the index
         open_entry dir;
@@ -366,7 +366,7 @@ private:
         chain->last = chain->allocated = 0;
         const int clusters = chain->start == 0 ? 0 : count(chain->start, &chain->last);
         if (chain->start != 0 && clusters <= 0) {
-            chain->cached.reset(); // a chain that runs into a free cluster leaves none
+            chain->cached.reset(); // a chain that reaches a free cluster has no cached entry
         }
         chain->allocated =
             static_cast<std::uint32_t>(std::max(clusters, 0)) * shape.cluster_bytes();
@@ -439,7 +439,7 @@ private:
         }
         return length < 0 ? length : static_cast<int>(first);
     }
-    // Every record of the directory that is open follows. Without one the cluster stands alone.
+    // Updates every open record of the directory. Without a directory the cluster is not linked.
     int extend_directory(open_entry *dir, std::uint32_t *cluster) {
         const int result = allocate(dir, cluster);
         if (result < 0) {

@@ -42,7 +42,7 @@ inline geometry geometry_of_volume() {
 
 // ---- boot sectors -----------------------------------------------------------------------------
 
-// The numbers that the layout of a volume follows from. Each is cut to what its field holds.
+// The numbers that determine the layout of a volume. Each is truncated to the size of its field.
 struct boot_numbers {
     std::uint32_t sector_size = 512;
     std::uint32_t sec_per_clus = 1;
@@ -57,7 +57,7 @@ struct boot_numbers {
     std::string type = "FAT     "; // 8 bytes
 };
 
-// Small volumes that everybody takes.
+// Small valid volumes.
 inline boot_numbers fat16_numbers() {
     boot_numbers numbers;
     numbers.fat_size_16 = 32;
@@ -81,7 +81,7 @@ inline std::uint32_t first_data_sector(const boot_numbers &n) {
            (n.root_entries * 32 + n.sector_size - 1) / n.sector_size;
 }
 
-// Stores the low `size` bytes of a number, the lowest first.
+// Stores the low `size` bytes of a number, little-endian.
 inline void put_number(std::vector<std::uint8_t> *bytes, std::size_t offset, std::size_t size,
                        std::uint32_t value) {
     for (std::size_t i = 0; i < size; i++) {
@@ -89,7 +89,7 @@ inline void put_number(std::vector<std::uint8_t> *bytes, std::size_t offset, std
     }
 }
 
-// 512 bytes. The block of FAT32 is there where the 16-bit FAT size is 0.
+// 512 bytes. Has the FAT32 block if the 16-bit FAT size is 0.
 inline std::vector<std::uint8_t> boot_sector_of(const boot_numbers &n) {
     std::vector<std::uint8_t> result(512);
     const bool has_fat32_block = n.fat_size_16 == 0;

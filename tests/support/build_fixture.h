@@ -1,5 +1,5 @@
-// Directories in every place that a volume has for one, prepared by hand, for cases about finding
-// free slots and writing entries.
+// Hand-made directories of every kind (root area, root chain, sub-directory) for cases about
+// finding free slots and writing entries.
 
 #pragma once
 
@@ -45,7 +45,7 @@ inline std::vector<directory_shape> all_directories() {
     }
     return result;
 }
-// Those that are chains of clusters.
+// The directories that are cluster chains.
 inline std::vector<directory_shape> growing_directories() {
     std::vector<directory_shape> result = all_directories();
     std::erase_if(result, [](const directory_shape &s) {
@@ -56,7 +56,7 @@ inline std::vector<directory_shape> growing_directories() {
 
 // ---- names and entries ------------------------------------------------------------------------
 
-// 2024-02-29 12:34:56 UTC, and how it is stamped.
+// 2024-02-29 12:34:56 UTC and its time stamp.
 constexpr time_t LEAP_DAY = 1709210096;
 constexpr std::uint16_t LEAP_DAY_DATE = 44 << 9 | 2 << 5 | 29;
 constexpr std::uint16_t LEAP_DAY_TIME = 12 << 11 | 34 << 5 | 28;
@@ -70,7 +70,7 @@ inline entry_image stamped(entry_image entry, std::uint16_t date = LEAP_DAY_DATE
     return entry;
 }
 
-// A name record made by hand, each form in a block of just its size. An empty long form: none.
+// A hand-made name record, each form in a block of its exact size. Empty `long`: no long name.
 class name_forms {
 public:
     explicit name_forms(std::string_view dos, std::u16string_view wide = {}, std::uint8_t lcase = 0)
@@ -103,7 +103,7 @@ private:
     std::vector<std::uint16_t> units_;
 };
 
-// A long name of so many units, no two neighbours alike and none of them zero or 0xFFFF.
+// A long name of that many units: adjacent units differ, no unit is zero or 0xFFFF.
 inline std::u16string long_name_of(std::size_t units) {
     std::u16string result;
     for (std::size_t i = 0; i < units; i++) {
@@ -124,8 +124,8 @@ protected:
     }
 
     answer heard(int result) {
-        const answer a{result, said.text()};
-        said.clear();
+        const answer a{result, messages.text()};
+        messages.clear();
         return a;
     }
 
@@ -142,7 +142,7 @@ protected:
         }
         return result;
     }
-    // Fills the space with files, no two of one name.
+    // Fills the space with files of different names.
     void occupy() {
         for (std::uint32_t i = 0; i < dir.capacity(); i++) {
             dir.put(i, file_number(i));
@@ -165,7 +165,7 @@ protected:
             dir.put(i, deleted(file_number(i)));
         }
     }
-    // Slots that differ from `before`, each with its place; empty: none.
+    // The slots that differ from `before`, each with its index; empty: no slot differs.
     [[nodiscard]] std::string changes_since(const std::vector<entry_image> &before) {
         std::string result;
         const std::vector<entry_image> now = space();
@@ -201,7 +201,7 @@ protected:
     directory dir = GetParam().where == place::SUB ? v.sub_directory({30, 35, 31, 60})
                     : sv->fat_type == 16           ? v.root()
                                                    : v.longer_root({35, 31, 60});
-    diagnostics said;
+    diagnostics messages;
     const std::uint32_t per_sector = volume::entries_per_sector();
     const std::uint32_t capacity = dir.capacity();
 };

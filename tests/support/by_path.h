@@ -1,4 +1,4 @@
-// The library's calls on paths of any depth: each goes down to the directory first. And a survey of
+// The library's calls on paths of any depth: each changes to the directory first. And a survey of
 // the open volume.
 
 #pragma once
@@ -43,7 +43,7 @@ inline std::string numbered(const std::string &before, std::uint32_t number) {
     return result;
 }
 
-// Bytes without a pattern, the same for the same seed.
+// Random bytes, reproducible from the seed.
 inline bytes arbitrary_bytes(std::size_t size, std::uint32_t seed) {
     bytes result(size);
     for (std::uint8_t &byte : result) {
@@ -69,7 +69,7 @@ inline int go_to(const std::string &path) {
     return 0;
 }
 
-// Calls one of the functions that take a path, from the directory in which its last name lies.
+// Calls a function that takes a path, from the directory that contains its last component.
 inline int call_on(const std::string &path, int (*call)(const char *)) {
     const int result = go_to(parent_of(path));
     return result < 0 ? result : call(leaf_of(path).c_str());
@@ -119,7 +119,7 @@ inline std::pair<int, bytes> content_by_library(const std::string &path, std::ui
 inline std::uint32_t cluster_bytes_of_open_volume() {
     return sv->sec_per_clus * sv->sector_size;
 }
-// Any bytes of it, in whole sectors through read_sectors.
+// Any bytes of the volume; reads whole sectors through read_sectors.
 inline bytes read_bytes(std::uint64_t offset, std::size_t size) {
     const std::uint64_t first = offset / sv->sector_size;
     const std::uint64_t last = (offset + size - 1) / sv->sector_size;
@@ -130,7 +130,7 @@ inline bytes read_bytes(std::uint64_t offset, std::size_t size) {
     const auto begin = sectors.begin() + static_cast<std::ptrdiff_t>(offset % sv->sector_size);
     return {begin, begin + static_cast<std::ptrdiff_t>(size)};
 }
-// What stands on the medium, past whatever the library holds open.
+// A survey of the medium itself; bypasses the entries that the library has open.
 inline survey survey_of_open_volume() {
     return {areas_of_open_volume(), read_bytes};
 }

@@ -1,4 +1,4 @@
-// What the code under test prints.
+// Captures the output of the code under test.
 
 #pragma once
 
@@ -29,7 +29,7 @@ inline std::string without_line_numbers(const std::string &printed) {
     return result;
 }
 
-// A stream into memory, to be handed to a printer.
+// A stream into memory, for a printer.
 class memory_stream {
 public:
     memory_stream() : stream_(open_memstream(&text_, &size_)) {}
@@ -55,7 +55,7 @@ private:
     FILE *stream_;
 };
 
-// Collects the library's diagnostics for its lifetime, then gives standard error back.
+// Collects the library's diagnostics for its lifetime, then restores standard error.
 class diagnostics {
 public:
     diagnostics() : stream_(open_memstream(&text_, &size_)) {
@@ -92,8 +92,8 @@ private:
     FILE *stream_;
 };
 
-// Collects what reaches a descriptor for its lifetime, or until stop(); use standard_output or
-// standard_error. What GoogleTest says meanwhile to standard output is swallowed with the rest.
+// Collects the output to a descriptor for its lifetime, or until stop(); use standard_output or
+// standard_error. Also swallows GoogleTest's own output to standard output in that time.
 class descriptor_capture {
 public:
     descriptor_capture(const descriptor_capture &) = delete;
@@ -111,7 +111,7 @@ public:
         return result;
     }
 
-    // Gives the descriptor back and returns what was collected.
+    // Restores the descriptor and returns the collected output.
     std::string stop() {
         const std::string result = text();
         give_back();

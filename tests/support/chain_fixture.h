@@ -1,5 +1,5 @@
-// Volumes for cases about cluster chains: chains, occupied clusters and open entries put there by
-// hand, and what the library says where a chain or the FAT fails.
+// Volumes for cases about cluster chains: hand-made chains, occupied clusters and open entries, and
+// the library's messages for a failing chain or FAT.
 
 #pragma once
 
@@ -24,7 +24,7 @@ namespace testing_support {
 
 constexpr std::uint32_t UNTOUCHED = 0xDEADBEEF;
 constexpr std::uint32_t END =
-    0xFFFFFFFF; // as it is handed to the library, and behind a list of clusters
+    0xFFFFFFFF; // initial value of results, and the terminator of a cluster list
 
 inline const std::string NO_SPACE = "fat_alloc_cluster[N]: No space left on volume!!\n";
 inline const std::string CANNOT_READ = "fat_read_entry[N]: cannot read FAT\n\n";
@@ -41,10 +41,10 @@ inline const std::string TRUNCATED =
     "fat_release_clusters[N]: FAT chain is broken, but truncated all clusters\n";
 inline const std::string NOT_LISTED = "fat_get_chains[N]: Failed to read cluster!\n\n";
 
-// Transfers that move another number of sectors than the one asked for, and no sector at all.
+// Transfers that move another number of sectors than requested, including none.
 constexpr int NOT_ONE_SECTOR[] = {-1, -5, -28, 0};
 
-// What allocation changes of an open entry.
+// The fields of an open entry that allocation changes.
 struct shown {
     std::uint32_t start, last, allocated;
     entry_image image;
@@ -55,7 +55,7 @@ inline std::ostream &operator<<(std::ostream &out, const shown &s) {
                << ", image " << testing::PrintToString(s.image);
 }
 
-// An open entry with an image of its own that the library has not made.
+// A hand-made open entry with its own dentry copy.
 class open_entry {
 public:
     explicit open_entry(const std::vector<std::uint32_t> &clusters = {},
@@ -109,12 +109,12 @@ inline std::vector<volume_shape> chain_shapes() {
     return result;
 }
 
-// A case on a formatted volume, with hands for its FAT and its data.
+// A case on a formatted volume, with helpers to set up its FAT and its data.
 class chain_case : public testing::TestWithParam<volume_shape> {
 protected:
     answer heard(int result) {
-        const answer a{result, said.text()};
-        said.clear();
+        const answer a{result, messages.text()};
+        messages.clear();
         return a;
     }
     static answer failed(int result, const std::string &message) {
@@ -144,7 +144,7 @@ protected:
     [[nodiscard]] static std::uint32_t entries_per_fat_sector() {
         return sv->sector_size / (sv->fat_type / 8);
     }
-    // Gives every cluster from `first` to `last` one value.
+    // Sets the FAT entries of clusters `first` to `last` to one value.
     void fill(std::uint32_t first, std::uint32_t last, std::uint32_t value) {
         const std::uint32_t width = sv->fat_type / 8;
         std::vector<std::uint8_t> bytes(std::size_t{last - first + 1} * width);
@@ -160,7 +160,7 @@ protected:
             v.set_link(cluster, 0);
         }
     }
-    // What a cluster holds.
+    // The data of a cluster.
     std::vector<std::uint8_t> data_of(std::uint32_t cluster) {
         return v.disk.peek(std::uint64_t{volume::first_sector_of(cluster)} * sv->sector_size,
                            cluster_bytes);
@@ -174,10 +174,10 @@ protected:
     }
 
     volume v{GetParam()};
-    diagnostics said;
+    diagnostics messages;
     const std::uint32_t cluster_bytes = sv->sec_per_clus * sv->sector_size;
     const std::uint32_t last_cluster = volume::last_cluster();
-    // Clusters whose entries lie in the second sector of the FAT.
+    // Clusters whose entries are in the second sector of the FAT.
     const std::uint32_t far = entries_per_fat_sector() + 5;
 };
 
@@ -187,8 +187,8 @@ inline std::vector<volume_shape> chain_shapes(std::uint32_t fat_type) {
     return result;
 }
 
-// A chain whose links alternate between two sectors of the FAT, so that every step shows in the
-// log, and whose last cluster leads back to number `back_to`.
+// A chain whose links alternate between two sectors of the FAT, so that every step is in the log.
+// Its last cluster links back to number `back_to`.
 inline std::vector<std::uint32_t> circular_chain(volume *v, std::uint32_t length,
                                                  std::uint32_t back_to) {
     const std::uint32_t per_sector = sv->sector_size / (sv->fat_type / 8);

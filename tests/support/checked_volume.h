@@ -1,4 +1,4 @@
-// A small healthy volume whose bytes a test damages one by one, and what `qvol check` says then.
+// A small healthy volume for tests that damage single bytes and run `qvol check`.
 
 #pragma once
 
@@ -10,7 +10,7 @@
 
 namespace testing_support {
 
-// A line that the check prints, and what the repair adds to it.
+// A line that the check prints, and the repair's addition to it.
 struct expected_finding {
     std::string line;
     std::string outcome; // "repaired: ..." or "not repaired: ..."
@@ -81,8 +81,7 @@ protected:
         return (std::uint64_t{layout_.data_start} + cluster - 2) * 512;
     }
 
-    // Makes FSInfo's count of free clusters true for one that differs by so many from the first
-    // one.
+    // Sets FSInfo's count of free clusters to the initial count plus a difference.
     void change_free_count(int by) {
         if (is_fat32()) {
             poke(512 + 488, little_endian(static_cast<std::uint32_t>(80619 + by), 4));
@@ -95,12 +94,12 @@ protected:
         change_free_count(1);
     }
 
-    // What reads as a long-name slot.
+    // Bytes that are a valid long-name slot.
     static std::string long_name_like_bytes() {
         return std::string(11, 'b') + '\x0F' + std::string(20, 'b');
     }
 
-    // ---- places ----
+    // ---- locations ----
 
     nlohmann::json stat(const std::string &path) {
         return nlohmann::json::parse(said("stat", {"--json", path}));
@@ -108,12 +107,12 @@ protected:
     std::uint32_t start_of(const std::string &path) {
         return stat(path)["first_cluster"];
     }
-    // Where the short entry lies, in bytes.
+    // Byte offset of the short entry.
     std::uint64_t entry_offset(const std::string &path) {
         const nlohmann::json entry = stat(path)["entry"];
         return entry["sector"].get<std::uint64_t>() * 512 + entry["offset"].get<std::uint64_t>();
     }
-    // A cluster that is far from those in use.
+    // A cluster far from the allocated ones.
     static constexpr std::uint32_t FREE_CLUSTER = 1000;
 
     void set_start(const std::string &path, std::uint32_t cluster) {
@@ -152,7 +151,7 @@ protected:
         EXPECT_EQ(qvol("check", {"-q", "--repair"}), (outcome{status, lines, ""}));
     }
 
-    // Nothing is found, and the repair changes no byte.
+    // The check finds nothing, and the repair changes no byte.
     void expect_healthy() {
         const bytes before = read_file(image_);
         expect_check({});
@@ -160,7 +159,7 @@ protected:
         EXPECT_TRUE(read_file(image_) == before);
     }
 
-    // The check finds exactly this; the repair mends all of it, and no file has changed.
+    // The check finds exactly this; the repair fixes all of it and changes no file.
     void expect_mended(const std::vector<expected_finding> &findings) {
         expect_check(findings);
         expect_repair(findings, 0);
@@ -169,7 +168,7 @@ protected:
         expect_contents();
     }
 
-    // The check finds exactly this; the repair leaves all of it, and every byte.
+    // The check finds exactly this; the repair fixes none of it and changes no byte.
     void expect_left(const std::vector<expected_finding> &findings) {
         expect_check(findings);
         const bytes before = read_file(image_);

@@ -1,4 +1,4 @@
-// Programs of the documents and examples, compiled as a user would and linked with the library.
+// Compiles programs of the documents and examples as a user does and links them with the library.
 
 #pragma once
 

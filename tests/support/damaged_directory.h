@@ -1,5 +1,5 @@
-// Directories that are damaged in one way each: slots of a long name that are lost, deleted, out of
-// order or of another name, and chains and sectors at which a walk fails or ends.
+// Directories with one kind of damage each: slots of a long name that are missing, deleted, out of
+// order or of another name; chains and sectors at which a walk fails or ends.
 
 #pragma once
 
@@ -16,14 +16,14 @@ namespace testing_support {
 
 // ---- slots of a name --------------------------------------------------------------------------
 
-// Whose slots are damaged, and how that name is shown.
+// The name with damaged slots, and its printed form.
 constexpr std::string_view DAMAGED_DOS = "ALONGN~1TXT";
 inline const std::string DAMAGED_SHORT = "ALONGN~1.TXT";
 
 inline std::u16string wide_of(const std::string &text) {
     return {text.begin(), text.end()};
 }
-// A slot of the damaged name. `wrong`: how much its checksum is off.
+// A slot of the damaged name. `wrong` is added to its checksum.
 inline entry_image slot(unsigned ordinal, const std::string &units, unsigned wrong = 0) {
     return long_slot(ordinal, wide_of(units), checksum_of(DAMAGED_DOS) + wrong);
 }
@@ -31,27 +31,27 @@ inline entry_image with_attribute(entry_image entry, unsigned attr) {
     entry[11] = static_cast<std::uint8_t>(attr);
     return entry;
 }
-// These entries, and the short entry of the damaged name after them.
+// These entries, followed by the short entry of the damaged name.
 inline std::vector<entry_image> before_entry(std::vector<entry_image> entries) {
     entries.push_back(short_entry(DAMAGED_DOS));
     return entries;
 }
-// A name of three slots with something else in place of the middle one, or of its short entry.
+// A name of three slots with another entry instead of the middle slot or of the short entry.
 inline std::vector<entry_image> with_middle(const entry_image &middle) {
     return before_entry({slot(0x43, "Tail"), middle, slot(1, std::string(13, 'a'))});
 }
 inline std::vector<entry_image> with_end(const entry_image &end) {
     return before_entry({slot(0x42, "Tail"), slot(1, std::string(13, 'a')), end});
 }
-// A name of one slot and something between it and its short entry.
+// A name of one slot with another entry between the slot and the short entry.
 inline std::vector<entry_image> with_between(const entry_image &between) {
     return before_entry({slot(0x41, "One"), between});
 }
 
 // ---- chains and sectors -----------------------------------------------------------------------
 
-// A directory of deleted files, of the clusters 20, 25 and 22 or the root area of FAT16, in which
-// walks do not reach the entry after so many whole clusters.
+// A directory of deleted files, in the clusters 20, 25 and 22 or the root area of FAT16. Walks do
+// not reach the entry after that many whole clusters.
 struct damaged_walk : named_row {
     bool is_root_area;
     void (*damage)(volume *v, directory *dir);

@@ -1,5 +1,5 @@
-// Calls of which the first, the second, ... read, write, allocation or system call fails, until one
-// gets through that no fault has struck.
+// Repeats a call while its first, second, ... read, write, allocation or system call fails, until
+// the call completes without a fault.
 
 #pragma once
 
@@ -21,13 +21,13 @@ namespace testing_support {
 
 enum class fault { read, write, allocation, system_call };
 
-// What fails: one step, or with `forever` all steps from one on. Reads and writes are those of the
-// medium in memory.
+// The steps that fail: one step or, with `forever`, this step and all later ones. Reads and writes
+// are those of the medium in memory.
 struct fault_kind {
     fault what;
     bool forever = false;
     int transfer_result = -EIO;
-    call which = call::open; // of the system calls, and the errno that it fails with
+    call which = call::open; // the system call that fails, and its errno
     int error = 0;
 };
 inline std::ostream &operator<<(std::ostream &out, const fault_kind &kind) {
@@ -43,15 +43,15 @@ constexpr fault_kind every_call(call which, int error) {
     return {fault::system_call, false, 0, which, error};
 }
 
-// One fault, and the one call that it may strike.
+// One fault, and the one call that it may hit.
 class fault_step {
 public:
     fault_step(const fault_kind &what_fails, int successes) : kind(what_fails), k(successes) {}
 
     const fault_kind kind;
-    const int k; // steps of the kind that succeed before the one that fails
+    const int k; // successful steps of the kind before the failing one
 
-    // Makes the call, which must leave no memory allocated, and returns its result.
+    // Makes the call and returns its result. The call must leave no memory allocated.
     template <typename Call>
     auto run(const Call &call) {
         auto result = run_keeping(call);
@@ -72,14 +72,14 @@ public:
     [[nodiscard]] bool has_run() const {
         return has_run_;
     }
-    // Whether there was a k-th step to fail.
+    // Whether the fault was hit.
     [[nodiscard]] bool struck() const {
         return struck_;
     }
     [[nodiscard]] bool is(fault what) const {
         return kind.what == what;
     }
-    // Blocks that the call left allocated.
+    // Number of blocks that the call left allocated.
     [[nodiscard]] int left_allocated() const {
         return left_allocated_;
     }
@@ -133,9 +133,9 @@ private:
     int left_allocated_ = 0;
 };
 
-// Runs `body` with a step for each fault of the kind, which may be none. The body prepares what its
-// call needs, makes the call through the step and checks what it came to; its first failure ends
-// all. Returns the number of faults that struck.
+// Runs `body` with a step for each fault of the kind; there may be no fault. The body prepares its
+// call, makes the call through the step and checks the outcome; its first failure ends the loop.
+// Returns the number of faults that were hit.
 template <typename Body>
 int at_any_fault(const fault_kind &kind, const Body &body) {
     constexpr int MOST = 3000;
@@ -152,7 +152,7 @@ int at_any_fault(const fault_kind &kind, const Body &body) {
     return MOST;
 }
 
-// The same for several kinds, each of which must strike.
+// The same for several kinds; each of them must be hit.
 template <typename Body>
 void at_every_fault(const std::vector<fault_kind> &kinds, Body body) {
     for (const fault_kind &kind : kinds) {
@@ -164,8 +164,8 @@ void at_every_fault(const std::vector<fault_kind> &kinds, Body body) {
     }
 }
 
-// What `body` returns at every fault, adjacent equal ones once. The last is that of the call that
-// got through.
+// The values that `body` returns at every fault, without adjacent duplicates. The last one is of
+// the call without a fault.
 template <typename Body>
 auto answers_at_every_fault(const fault_kind &kind, Body body) {
     std::vector<decltype(body(std::declval<fault_step &>()))> answers;
@@ -188,7 +188,7 @@ inline std::ostream &operator<<(std::ostream &out, const named_fault &f) {
     return out << f.name;
 }
 
-// Each kind of fault on FAT16 and FAT32.
+// Each kind of fault, on FAT16 and on FAT32.
 using faulty_volume = std::tuple<named_fault, std::uint32_t>;
 inline std::vector<faulty_volume> all_faults() {
     std::vector<faulty_volume> result;

@@ -1,4 +1,4 @@
-// Linked into a program, stands in for fsync: no target of it ever reaches its medium.
+// Replaces fsync() of the program that it is linked into: every fsync() fails.
 
 #include <cerrno>
 

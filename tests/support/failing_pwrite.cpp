@@ -1,4 +1,4 @@
-// Linked into a program it makes every write behind the first WRITES_ALLOWED ones fail.
+// Linked into a program, makes every write after the first WRITES_ALLOWED fail.
 
 #include <cerrno>
 #include <cstdlib>

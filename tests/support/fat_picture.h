@@ -1,4 +1,4 @@
-// A picture of the FAT, to be compared with what a call left.
+// A snapshot of the FAT, compared with the FAT after a call.
 
 #pragma once
 
@@ -13,15 +13,15 @@
 
 namespace testing_support {
 
-// Every copy of the FAT as it stood at one moment, to be changed by hand and compared.
+// A snapshot of all FAT copies; a test changes it as it expects and compares.
 class fat_picture {
 public:
     explicit fat_picture(volume *of)
         : of_(of), width_(sv->fat_type / 8), copy_bytes_(sv->fat_size * sv->sector_size),
           bytes_(all_copies()) {}
 
-    // What the library is to leave in an entry of the first copy: the top 4 bits of a wide entry
-    // stay as they are.
+    // Sets the expected value of an entry of the first copy; the top 4 bits of a FAT32 entry are
+    // not changed.
     fat_picture &with(std::uint32_t cluster, std::uint32_t value) {
         const std::size_t at = std::size_t{cluster} * width_;
         const std::uint32_t kept = width_ == 4 ? 0xF0000000 : 0;
@@ -30,7 +30,7 @@ public:
         return *this;
     }
 
-    // Where the medium differs from the picture now; empty where it does not.
+    // Where the medium differs from the snapshot now; empty if they are equal.
     [[nodiscard]] std::string difference() const {
         const std::vector<std::uint8_t> now = all_copies();
         std::ostringstream found;

@@ -257,10 +257,10 @@ ssize_t __wrap_read(int fd, void *buffer, std::size_t count) {
     if (picture.invented_bytes < 0) {
         return __real_read(fd, buffer, cut(count));
     }
-    const std::int64_t told =
+    const std::int64_t returned =
         std::min(static_cast<std::int64_t>(cut(count)), picture.invented_bytes);
-    picture.invented_bytes -= told;
-    return static_cast<ssize_t>(told);
+    picture.invented_bytes -= returned;
+    return static_cast<ssize_t>(returned);
 }
 
 ssize_t __wrap_write(int fd, const void *buffer, std::size_t count) {
@@ -307,10 +307,10 @@ ssize_t __wrap_readlink(const char *path, char *target, std::size_t size) {
     if (pretended.target_size < 0) {
         return __real_readlink(path, target, size);
     }
-    const std::size_t told = std::min(size, static_cast<std::size_t>(pretended.target_size));
-    std::memset(target, pretended.fill, told);
+    const std::size_t returned = std::min(size, static_cast<std::size_t>(pretended.target_size));
+    std::memset(target, pretended.fill, returned);
     errno = pretended.error;
-    return static_cast<ssize_t>(told);
+    return static_cast<ssize_t>(returned);
 }
 
 int __wrap_ioctl(int fd, unsigned long request, ...) {
@@ -337,7 +337,7 @@ int __wrap_fsync(int fd) {
 }
 
 iconv_t __wrap_iconv_open(const char *to, const char *from) {
-    // An address of -1 tells the failure.
+    // An address of -1 reports the failure.
     return fails(call::iconv_open) ? reinterpret_cast<iconv_t>(std::intptr_t{-1})
                                    : __real_iconv_open(to, from);
 }

@@ -12,21 +12,22 @@
 
 namespace testing_support {
 
-// Fails calls for its lifetime. One of a kind at a time.
+// Makes calls fail during its lifetime. One object of each kind at a time.
 class failing_allocation {
 public:
-    // Lets `successes` allocations (malloc, calloc, realloc) through, then fails one, or all after.
+    // After `successes` allocations (malloc, calloc, realloc) fails the next one, or all later
+    // ones.
     explicit failing_allocation(int successes, bool forever = false);
     failing_allocation(const failing_allocation &) = delete;
     failing_allocation &operator=(const failing_allocation &) = delete;
     ~failing_allocation();
 
-    // Whether the fault has struck.
+    // Whether the fault was hit.
     [[nodiscard]] bool struck() const;
 };
 
-// The bytes asked for by malloc, calloc and realloc while it lives: the largest sum that was held
-// at one time, and how many blocks were not freed.
+// Counts malloc, calloc and realloc during its lifetime: the peak of the allocated bytes, and the
+// blocks that were not freed.
 class allocation_meter {
 public:
     allocation_meter();
@@ -53,7 +54,7 @@ enum class call {
     iconv_open
 };
 
-// Lets `successes` calls through, then makes one, or all after, fail with `error`.
+// After `successes` calls fails the next one, or all later ones, with `error`.
 class failing_call {
 public:
     failing_call(call which, int error, int successes = 0, bool forever = false);
@@ -67,14 +68,13 @@ private:
     call which_;
 };
 
-// What replaces the results of the calls that size a target, while it lives. A value of -1 leaves
-// a call alone.
+// Replaces the results of the calls that size a target, during its lifetime. -1: not replaced.
 struct device_picture {
     bool is_block_device = false;           // fstat reports a block device
     std::int64_t ioctl_sectors = -1;        // answer of ioctl(BLKGETSIZE)
     std::int64_t seek_end = -1;             // answer of lseek(fd, 0, SEEK_END)
     std::int64_t short_transfer_bytes = -1; // reads and writes move at most this many bytes
-    std::int64_t invented_bytes = -1;       // so many are read in all, the buffers left as they are
+    std::int64_t invented_bytes = -1;       // total of bytes that reads return, buffers unchanged
 };
 class pretended_device {
 public:
@@ -84,10 +84,10 @@ public:
     ~pretended_device();
 };
 
-// Replaces what lstat and readlink tell of any path, while it lives.
+// Replaces the results of lstat and readlink for any path, during its lifetime.
 struct link_picture {
-    std::uint32_t mode = 0;        // type bits of the status; 0: left alone
-    std::int64_t target_size = -1; // bytes of the target, cut to the room offered; -1: left alone
+    std::uint32_t mode = 0;        // type bits of the status; 0: not replaced
+    std::int64_t target_size = -1; // bytes of the target, cut to the buffer; -1: not replaced
     char fill = 'x';               // every byte of it
     int error = 0;                 // left in errno
 };
@@ -98,11 +98,11 @@ public:
     pretended_link &operator=(const pretended_link &) = delete;
     ~pretended_link();
 
-    // The room that readlink was offered last.
+    // The buffer size of the last readlink.
     [[nodiscard]] std::uint64_t room() const;
 };
 
-// The character-set converters closed while it lives, in order. One at a time.
+// The character-set converters closed during its lifetime, in order. One object at a time.
 class closed_converters {
 public:
     closed_converters();

@@ -1,4 +1,4 @@
-// A mounted volume, the calls on files with all that they leave behind, and a clock that stands.
+// A mounted volume, the calls on files with all of their effects, and a stopped clock.
 
 #pragma once
 
@@ -27,10 +27,10 @@ protected:
     explicit file_test(const volume_shape &shape = {.sec_per_clus = 4}) : v(shape) {}
 
     outcome write(int id, const void *data, std::uint32_t count) {
-        said.clear();
+        messages.clear();
         errno = UNTOUCHED_ERRNO;
         const int result = fat_write_file(id, data, count);
-        return {result, errno, said.text()};
+        return {result, errno, messages.text()};
     }
     outcome write(int id, const bytes &data) {
         return write(id, data.data(), static_cast<std::uint32_t>(data.size()));
@@ -47,7 +47,7 @@ protected:
     std::vector<transfer> transfers() {
         return std::exchange(v.disk.log, {});
     }
-    // Those among them that touch the data area, the root directory of FAT32 left out.
+    // The transfers of the data area, without the root directory of FAT32.
     std::vector<transfer> data_transfers() {
         std::vector<transfer> result = transfers();
         std::erase_if(result, [](const transfer &t) {
@@ -61,7 +61,7 @@ protected:
     }
 
     mounted v;
-    diagnostics said;
+    diagnostics messages;
     stopped_clock clock{LEAP_DAY_2024};
 };
 

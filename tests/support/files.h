@@ -18,7 +18,7 @@ namespace testing_support {
 
 using bytes = std::vector<std::uint8_t>;
 
-// A directory of its own, removed with everything in it.
+// A new temporary directory, removed with its content.
 class scratch_directory {
 public:
     scratch_directory() {
@@ -68,13 +68,13 @@ inline bytes read_range(const std::string &path, std::uint64_t offset, std::size
     return result;
 }
 
-// The descriptors that are open now.
+// The open descriptors of this process.
 inline std::set<int> open_descriptors() {
     std::set<int> listed;
     for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
         listed.insert(std::stoi(entry.path().filename().string()));
     }
-    // The listing's own descriptor is among them and closed by now.
+    // The list contains the descriptor of the listing itself, which is closed by now.
     std::set<int> result;
     for (const int fd : listed) {
         if (fcntl(fd, F_GETFD) >= 0) {

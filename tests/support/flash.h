@@ -1,4 +1,4 @@
-// A NAND flash between the library and the medium: counts what its writes cost, and holds them back
+// A NAND flash between the library and the medium: counts the cost of its writes, and delays them
 // until they are synchronised, so that a power failure can drop and reorder them.
 
 #pragma once
@@ -17,15 +17,15 @@ struct flash_geometry {
     std::uint32_t pages_per_block;
 };
 
-// What writes cost on a flash that programs whole pages and whose block driver keeps one erase
-// block in memory and writes it back when another one is written to.
+// The cost of writes on a flash that programs whole pages. Its block driver caches one erase block
+// in memory and writes it back when another block is written.
 struct flash_cost {
     std::uint64_t page_programs = 0; // pages touched, each time a write touches them
     std::uint64_t torn_pages = 0;    // of these, pages that the write covered in part
     std::uint64_t block_rewrites = 0;
 };
 
-// Stands in front of write_sectors while it lives.
+// Intercepts write_sectors during its lifetime.
 class flash {
 public:
     explicit flash(const flash_geometry &geometry) : geometry_(geometry) {
@@ -58,7 +58,7 @@ public:
         return std::exchange(ranges_, {});
     }
 
-    // From now on writes are kept in a list too, sector by sector.
+    // From now on also records the writes in a list, sector by sector.
     void record() {
         held_.clear();
         records_ = true;

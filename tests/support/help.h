@@ -1,4 +1,4 @@
-// What a program's own help says about its command line.
+// The command line of a program as its own help describes it.
 
 #pragma once
 
@@ -61,7 +61,7 @@ inline help_text help_of_qvol(const std::vector<std::string> &arguments) {
     return help;
 }
 
-// The options of the formatter's usage text, which stand there behind one tab.
+// The options in the formatter's usage text, where one tab precedes each.
 inline std::set<std::string> options_of_usage() {
     std::set<std::string> result;
     for (const std::string &line : lines_of(run({tool_path()}).out)) {
@@ -73,8 +73,7 @@ inline std::set<std::string> options_of_usage() {
     return result;
 }
 
-// The numbers that an option of the formatter takes: it refuses others before it looks for a
-// target.
+// The numbers that an option of the formatter accepts: it refuses others before it opens a target.
 inline std::set<std::string> accepted_numbers(const std::string &option) {
     std::set<std::string> result;
     for (const char *number :

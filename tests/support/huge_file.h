@@ -8,8 +8,8 @@
 
 namespace testing_support {
 
-// A file on clusters of 256 KiB, of which all but one of those that fit into 4 GiB are its own, and
-// transfers of its data that only count sectors.
+// A file on clusters of 256 KiB, one cluster short of 4 GiB. Transfers of its data only count
+// sectors.
 class huge_file_test : public file_test {
 protected:
     static constexpr std::uint32_t UNIT = 64 * 4096;

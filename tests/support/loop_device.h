@@ -1,4 +1,4 @@
-// Loop devices, for which root and a kernel that has them are needed.
+// Loop devices; these need root and a kernel with loop devices.
 
 #pragma once
 
@@ -17,8 +17,8 @@
 
 namespace testing_support {
 
-// A loop device over a file. It is marked for removal as soon as it is made and lives on only
-// through the descriptor held here, so that even a killed test leaves none behind.
+// A loop device over a file. It is marked for removal at once and exists as long as this open
+// descriptor, so that even a killed test leaves no device.
 class loop_device {
 public:
     explicit loop_device(const std::string &file, const std::vector<std::string> &options = {}) {
@@ -48,7 +48,7 @@ public:
         }
     }
 
-    // Why there is no device; "" where there is one.
+    // Why there is no device; "" if there is one.
     [[nodiscard]] const std::string &trouble() const {
         return trouble_;
     }
@@ -67,7 +67,7 @@ private:
     std::uint64_t sectors_ = 0;
 };
 
-// Why there can be no loop device here; "" where there can.
+// Why loop devices are not available here; "" if they are.
 inline std::string trouble_with_loop_devices(const std::string &file) {
     if (geteuid() != 0) {
         return "making a loop device takes root";

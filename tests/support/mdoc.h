@@ -20,7 +20,7 @@ inline bool begins_with(const std::string &text, const std::string &beginning) {
     return text.compare(0, beginning.size(), beginning) == 0;
 }
 
-// The lines of man/NAME that are no headings.
+// The lines of man/NAME that are not headings.
 inline std::vector<manual_line> manual_page(const std::string &name) {
     std::vector<manual_line> result;
     std::string section;

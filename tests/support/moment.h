@@ -1,4 +1,4 @@
-// A present time of the test's choice.
+// Sets the current time of a test.
 
 #pragma once
 

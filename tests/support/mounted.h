@@ -1,4 +1,4 @@
-// A mounted volume in memory: files and directories put there by hand, opened by the library.
+// A mounted volume in memory: hand-made files and directories, opened by the library.
 
 #pragma once
 
@@ -54,7 +54,7 @@ public:
     static oentry &record(int id) {
         return *oentry_table[id];
     }
-    // How many ids are given out, the root's included.
+    // Number of ids in use, including the root's.
     [[nodiscard]] static int open_ids() {
         int result = 0;
         for (const oentry *entry : oentry_table) {
@@ -63,7 +63,7 @@ public:
         return result;
     }
 
-    // Puts an entry behind those in the root directory and opens it. The clusters become its chain.
+    // Appends an entry to the root directory and opens it. The clusters become its chain.
     int open_new(std::string_view dos, const std::vector<std::uint32_t> &clusters,
                  std::uint32_t size, std::uint8_t attr = ARCHIVE) {
         chain(clusters);
@@ -78,7 +78,7 @@ public:
         return id;
     }
 
-    // The directory entry of an open file as it stands on the medium, and as its record has it.
+    // The directory entry of an open file, on the medium and in its record.
     [[nodiscard]] entry_image stored_entry(int id) {
         const std::uint64_t sector = record(id).dentry_sector;
         return image_of(disk.peek(sector * sv->sector_size + record(id).dentry_offset, 32).data());
@@ -87,7 +87,7 @@ public:
         return image_of(record(id).dentry);
     }
 
-    // The bytes of clusters, one behind the other.
+    // The concatenated bytes of clusters.
     [[nodiscard]] bytes data_of(const std::vector<std::uint32_t> &clusters) {
         bytes result;
         for (const std::uint32_t cluster : clusters) {
@@ -118,7 +118,7 @@ public:
         return link(cluster) & (sv->fat_type == 16 ? 0xFFFF : 0x0FFFFFFF);
     }
 
-    // Ends a chain in every free cluster but these.
+    // Stores an end mark in every free cluster except these.
     void fill_but(const std::set<std::uint32_t> &left_free) {
         const std::uint32_t width = sv->fat_type / 8;
         bytes table = fat_copy(0);
@@ -153,18 +153,18 @@ using model::field_of;
 using model::size_of;
 using model::start_of;
 
-// What a call came to: its result, what it left in errno, what it printed.
+// The outcome of a call: its result, errno and its messages.
 struct outcome {
     std::int64_t result;
     int error;
-    std::string said;
+    std::string messages;
     bool operator==(const outcome &) const = default;
 };
 inline std::ostream &operator<<(std::ostream &out, const outcome &o) {
-    return out << o.result << ", errno " << o.error << ", \"" << o.said << "\"";
+    return out << o.result << ", errno " << o.error << ", \"" << o.messages << "\"";
 }
 
-// What errno holds before a call, and behind one that does not touch it.
+// errno before a call, and after a call that does not set it.
 constexpr int UNTOUCHED_ERRNO = 4711;
 
 } // namespace testing_support

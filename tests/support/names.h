@@ -1,4 +1,4 @@
-// The library's name operations as a test calls them: strings in, whole results out.
+// The library's name operations as functions from strings to complete results.
 
 #pragma once
 
@@ -15,7 +15,7 @@
 
 namespace testing_support {
 
-// A string in a block of just its size, as a caller hands it over to be changed in place.
+// A string in a block of its exact size, which the library changes in place.
 class caller_string {
 public:
     explicit caller_string(std::string_view text) : block_(text.begin(), text.end()) {
@@ -33,7 +33,7 @@ private:
     std::vector<char> block_;
 };
 
-// The 11 bytes of a short name, in a block of just that size.
+// The 11 bytes of a short name, in a block of exactly that size.
 class dos_block {
 public:
     explicit dos_block(std::string_view name = "\xAA\xAA\xAA\xAA\xAA\xAA\xAA\xAA\xAA\xAA\xAA")
@@ -52,9 +52,9 @@ private:
     std::vector<fat::u8> block_;
 };
 
-// convert_cstring_to_dosname() with every output asked for.
+// convert_cstring_to_dosname() with all outputs requested.
 inline model::short_form to_short(const std::string &name) {
-    constexpr fat::u8 UNTOUCHED = 0x55; // no combination of case bits
+    constexpr fat::u8 UNTOUCHED = 0x55; // not a combination of case bits
     caller_string string(name);
     dos_block dos;
     fat::u8 case_byte = UNTOUCHED;
@@ -74,15 +74,15 @@ inline model::short_form to_short(const std::string &name) {
     return form;
 }
 
-// get_fatnames() into a record that held something else before.
-inline model::name_record to_record(const std::string &name, diagnostics *said) {
+// get_fatnames() into a record with other content.
+inline model::name_record to_record(const std::string &name, diagnostics *messages) {
     caller_string string(name);
     fat::fat_name record;
     std::memset(&record, 0x55, sizeof record);
-    said->clear();
+    messages->clear();
     model::name_record result;
     result.result = fat::get_fatnames(string.get(), &record);
-    result.said = said->text();
+    result.messages = messages->text();
     result.left = string.text();
     EXPECT_EQ(record.cstring, string.get());
     if (result.result != 0) {

@@ -1,4 +1,4 @@
-// A mounted volume and the calls that create and remove names on it, with all that they print.
+// A mounted volume and the calls that create and remove names on it, with all of their messages.
 
 #pragma once
 
@@ -47,17 +47,17 @@ protected:
     outcome rm_entry(const std::string &path) {
         return rm_entry(path.c_str());
     }
-    // errno is no part of what these calls promise.
+    // These calls do not define errno.
     template <typename Call>
     outcome called(const Call &call) {
-        said.clear();
+        messages.clear();
         const int result = call();
-        return {result, 0, said.text()};
+        return {result, 0, messages.text()};
     }
     static outcome came_to(std::int64_t result, const std::string &printed = "") {
         return {result, 0, printed};
     }
-    // What a lookup in the directory of that base cluster says when it finds something.
+    // The message of a successful lookup in the directory of that base cluster.
     static std::string found(std::uint32_t base, std::uint32_t index) {
         return "find_dentry_with_clu[N]: found index:(" + std::to_string(base) + ", " +
                std::to_string(index) + ")\n";
@@ -66,14 +66,14 @@ protected:
     static std::uint32_t root_base() {
         return sv->fat_type == 16 ? 0 : sv->root_clus;
     }
-    // What the lookup of an empty name says.
+    // The message of the lookup of an empty name.
     static std::string empty_name() {
         return "convert_cstring_to_dosname[N]: zero length string!\n\n"
                "convert_name[N]: invalid name in DOS:\n"
                "find_dentry_with_clu[N]: Failed to get fatnames!\n\n";
     }
 
-    // A sub-directory of the root, made by hand and made current. Its dot entries stand in it.
+    // A hand-made sub-directory of the root with dot entries; it becomes the current directory.
     directory &enter_directory(const std::vector<std::uint32_t> &clusters) {
         inside_ = std::make_unique<directory>(&v, clusters, false);
         inside_->append(short_entry(".          ", DIRECTORY, clusters.front()));

@@ -1,5 +1,5 @@
-// Volumes with an open root directory, what a call answers and says, and the table of open entries
-// held against its bitmap.
+// Volumes with an open root directory, the result and messages of a call, and a check of the table
+// of open entries against its bitmap.
 
 #pragma once
 
@@ -22,22 +22,23 @@
 
 namespace testing_support {
 
-// The result of a call and the diagnostics it printed, source lines as N.
+// The result of a call and its messages, source lines as N.
 struct answer {
     answer() = default;
-    answer(int outcome, std::string diagnostics) : result(outcome), said(std::move(diagnostics)) {}
+    answer(int outcome, std::string diagnostics)
+        : result(outcome), messages(std::move(diagnostics)) {}
 
     int result = 0;
-    std::string said;
+    std::string messages;
     bool operator==(const answer &) const = default;
 };
 inline std::ostream &operator<<(std::ostream &out, const answer &a) {
-    return out << a.result << ", " << std::quoted(a.said);
+    return out << a.result << ", " << std::quoted(a.messages);
 }
 
 // ---- the table --------------------------------------------------------------------------------
 
-// The ids in use, as the slots tell.
+// The ids in use, by the slots.
 inline std::vector<int> ids_in_use() {
     std::vector<int> result;
     for (int id = 0; id < 512; id++) {
@@ -48,8 +49,8 @@ inline std::vector<int> ids_in_use() {
     return result;
 }
 
-// A bit is set exactly where a slot is filled; slot 0 is the root's; what the volume points at
-// stands in the table.
+// A bit is set if and only if its slot is filled; slot 0 is the root's; the entries that the volume
+// points to are in the table.
 inline testing::AssertionResult table_agrees() {
     for (std::uint32_t id = 0; id < 512; id++) {
         const bool is_marked = (oentry_map[id / 32] >> (id % 32) & 1) != 0;
@@ -73,7 +74,7 @@ inline testing::AssertionResult table_agrees() {
 
 // ---- one open entry ---------------------------------------------------------------------------
 
-// Everything that a record holds; no image: no copy of a directory entry.
+// All fields of a record; no `image`: the record has no dentry copy.
 struct record_picture {
     std::uint32_t start = 0;
     std::uint32_t last = 0;
@@ -118,7 +119,7 @@ inline record_picture picture_of(int id) {
 
 // ---- a tree -----------------------------------------------------------------------------------
 
-// What the lookup says of each name it finds.
+// The message of a lookup for each name that it finds.
 inline std::string found_at(std::uint32_t base, std::uint32_t index) {
     return "find_dentry_with_clu[N]: found index:(" + std::to_string(base) + ", " +
            std::to_string(index) + ")\n";
@@ -129,8 +130,8 @@ inline std::string found_at(std::uint32_t base, std::uint32_t index) {
 //   EMPTY        no cluster                  INNER.TXT   one cluster
 //   LOST         its cluster is free         DEEP        a directory
 //   BROKEN       a chain with no link          X         no cluster
-//   OUTSIDE      starts behind the volume
-//   CIRCLE       a chain that comes back
+//   OUTSIDE      starts past the volume
+//   CYCLE        a cyclic chain
 //   A Long Name.txt
 class tree : public volume {
 public:
@@ -140,14 +141,14 @@ public:
         chain({60, 61});
         set_link(61, 60);
         chain({30});
-        root_space.go_to(1); // behind the label
+        root_space.go_to(1); // after the label
         file = root_space.append(short_entry("FILE    TXT", ARCHIVE, 10, 1234));
         empty = root_space.append(short_entry("EMPTY      "));
         sub = root_space.append(short_entry("SUB        ", DIRECTORY, 20));
         lost = root_space.append(short_entry("LOST       ", ARCHIVE, 40));
         broken = root_space.append(short_entry("BROKEN     ", ARCHIVE, 50));
         outside = root_space.append(short_entry("OUTSIDE    ", ARCHIVE, last_cluster() + 1));
-        circle = root_space.append(short_entry("CIRCLE     ", ARCHIVE, 60));
+        cycle = root_space.append(short_entry("CYCLE      ", ARCHIVE, 60));
         long_named = root_space.append_long(u"A Long Name.txt", "ALONGN~1TXT");
         fill_sub();
         if (fat::open_root_directory() != 0) {
@@ -159,18 +160,18 @@ public:
     directory root_space = root();
     directory sub_space = sub_directory({20, 22});
     directory deep_space = sub_directory({21});
-    // Places in the directories.
-    std::uint32_t file = 0, empty = 0, sub = 0, lost = 0, broken = 0, outside = 0, circle = 0,
+    // Indexes in the directories.
+    std::uint32_t file = 0, empty = 0, sub = 0, lost = 0, broken = 0, outside = 0, cycle = 0,
                   long_named = 0, inner = 0, deep = 0, x = 0;
 
-    // As lookups in the root name it.
+    // The root's base cluster in messages of lookups.
     [[nodiscard]] std::uint32_t root_base() const {
         return root_space.base();
     }
     [[nodiscard]] static std::uint32_t cluster_bytes() {
         return sv->sec_per_clus * sv->sector_size;
     }
-    // The record of an entry that has just been opened. `clusters`: of its chain.
+    // The record of a newly opened entry. `clusters`: its chain.
     [[nodiscard]] static record_picture opened(const directory &where, std::uint32_t index,
                                                const std::vector<std::uint32_t> &clusters,
                                                const std::string &name) {
@@ -188,7 +189,7 @@ public:
         result.name = name;
         return result;
     }
-    // The record of the root directory as it is opened.
+    // The record of the newly opened root directory.
     [[nodiscard]] static record_picture opened_root() {
         record_picture result;
         const bool is_fat32 = sv->fat_type == 32;
@@ -221,24 +222,24 @@ protected:
         }
     }
 
-    // Makes a call; afterwards the table must agree with its bitmap.
+    // Makes a call; afterwards the table must match its bitmap.
     template <typename Call>
     answer ask(Call call) {
-        said.clear();
+        messages.clear();
         const int result = call();
-        answer a{result, said.text()};
+        answer a{result, messages.text()};
         EXPECT_TRUE(table_agrees()) << "after " << a;
         return a;
     }
 
-    // The answers of a call at every fault, adjacent equal ones once; the last is that of the call
-    // that nothing disturbed. `undo` takes a success back.
+    // The answers of a call at every fault, without adjacent duplicates; the last one is of the
+    // call without a fault. `undo` reverts a success.
     template <typename Call, typename Undo>
     std::vector<answer> answers_under(const fault_kind &kind, Call call, Undo undo) {
         return answers_at_every_fault(
             kind, [&](fault_step &step) { return answer_under(&step, call, undo); });
     }
-    // A call that succeeds without a read.
+    // Checks that a call succeeds without a read.
     template <typename Call, typename Undo>
     void expect_no_read(Call call, Undo undo) {
         const int reads = at_any_fault(EVERY_READ, [&](fault_step &step) {
@@ -248,15 +249,15 @@ protected:
     }
 
     tree v;
-    diagnostics said;
+    diagnostics messages;
 
 private:
     template <typename Call, typename Undo>
     answer answer_under(fault_step *step, Call call, Undo undo) {
-        said.clear();
+        messages.clear();
         return step->run([&] {
             answer a{call(), ""};
-            a.said = said.text();
+            a.messages = messages.text();
             EXPECT_TRUE(table_agrees()) << "after " << a;
             if (a.result >= 0) {
                 undo(a.result);
@@ -266,8 +267,7 @@ private:
     }
 };
 
-// Two shapes that differ in everything; the second has clusters whose numbers take more than 16
-// bits.
+// Two shapes that differ in every property; the second has cluster numbers of more than 16 bits.
 inline const volume_shape TREE_SHAPES[] = {
     {.fat_type = 16},
     {.fat_type = 32, .sector_size = 1024, .sec_per_clus = 2, .clusters = 70000},

@@ -6,7 +6,7 @@
 
 namespace testing_support {
 
-// What the system refuses to others it refuses to this program, too, for its lifetime.
+// Drops root's privileges during its lifetime: file permissions apply to this program.
 class plain_user {
 public:
     static constexpr uid_t NOBODY = 65534;
@@ -20,7 +20,7 @@ public:
         }
     }
 
-    // False where the system does not let root change its user.
+    // False if the system does not let root change its user.
     [[nodiscard]] bool is_plain() const {
         return became_;
     }

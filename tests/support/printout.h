@@ -1,5 +1,5 @@
-// What a call that prints came to, standard output, stream and diagnostics kept apart, and the text
-// that a directory entry is to be printed as.
+// The outcome of a call that prints, separated into standard output, stream and diagnostics; and
+// the expected printed text of a directory entry.
 
 #pragma once
 
@@ -19,12 +19,12 @@ namespace testing_support {
 
 struct printout {
     int result = 0;
-    std::string out;  // standard output, or the stream that the call was given
-    std::string said; // diagnostics, source lines as N
+    std::string out;      // standard output, or the stream argument of the call
+    std::string messages; // diagnostics, source lines as N
     bool operator==(const printout &) const = default;
 };
 inline std::ostream &operator<<(std::ostream &out, const printout &p) {
-    return out << p.result << "\nprinted:\n" << p.out << "said:\n" << p.said;
+    return out << p.result << "\nprinted:\n" << p.out << "messages:\n" << p.messages;
 }
 
 // 0 for a call without a result.
@@ -38,30 +38,30 @@ int result_of(const Call &call, Arguments... arguments) {
     }
 }
 
-// Of a call that prints to standard output.
+// The outcome of a call that prints to standard output.
 template <typename Call>
 printout to_output(const Call &call) {
-    diagnostics said;
+    diagnostics messages;
     standard_output out;
     const int result = result_of(call);
-    return {result, out.stop(), said.text()};
+    return {result, out.stop(), messages.text()};
 }
 
-// Of a call that prints to the stream it is given, and nothing to standard output.
+// The outcome of a call that prints to its stream argument and nothing to standard output.
 template <typename Call>
 printout to_stream(const Call &call) {
-    diagnostics said;
+    diagnostics messages;
     memory_stream stream;
     standard_output out;
     const int result = result_of(call, stream.get());
     const std::string stray = out.stop();
     EXPECT_EQ(stray, "");
-    return {result, stream.text(), said.text()};
+    return {result, stream.text(), messages.text()};
 }
 
 // ---- entries ----------------------------------------------------------------------------------
 
-// Numbers as an entry is printed with: "%04x" is in_hex(value, 4), "0x%02X" is "0x" + ...
+// Numbers in a printed entry: "%04x" is in_hex(value, 4), "0x%02X" is "0x" + ...
 inline std::string in_hex(std::uint32_t value, int digits = 1, bool upper = false) {
     std::ostringstream out;
     out << std::hex << std::setfill('0') << (upper ? std::uppercase : std::nouppercase)
@@ -90,7 +90,7 @@ inline std::string text_of_short_entry(const entry_image &entry) {
     return text;
 }
 
-// So many units from `offset` on, or as many as come before a zero.
+// That many units from `offset` on, or fewer up to a zero.
 inline std::string text_of_units(const entry_image &entry, std::size_t offset, std::size_t count) {
     std::string text;
     for (std::size_t i = 0; i < count && word_at(entry, offset + 2 * i) != 0; i++) {

@@ -1,4 +1,4 @@
-// Running a program and keeping what it says.
+// Runs a program and captures its output.
 
 #pragma once
 
@@ -30,7 +30,7 @@ inline const char *tool_path() {
     return chosen != nullptr ? chosen : QUORVEL_BUILT_TOOL;
 }
 
-// Whether that is another one, with sanitizers in it.
+// Whether QUORVEL_TOOL names another program, one built with sanitizers.
 inline bool is_sanitized_tool() {
     return QUORVEL_SANITIZED || std::getenv("QUORVEL_TOOL") != nullptr;
 }

@@ -1,4 +1,4 @@
-// The program qvol: images to run it on, its runs, and what judges make of the result.
+// The program qvol: images for it, its runs, and the checks of the result by other programs.
 
 #pragma once
 
@@ -14,8 +14,8 @@
 
 namespace testing_support {
 
-// The program under test: the one that was built with this test, or the one that QVOL names, which
-// has the sanitizers in it.
+// The program under test: the one built with this test, or the one that QVOL names, which is built
+// with sanitizers.
 inline const char *qvol_path() {
     const char *chosen = std::getenv("QVOL");
     return chosen != nullptr ? chosen : QVOL_BUILT_PROGRAM;
@@ -30,7 +30,7 @@ inline outcome run_qvol(std::vector<std::string> arguments) {
     return run(arguments);
 }
 
-// A formatted image, a host directory beside it, and runs of the program on the image.
+// A formatted image, a host directory, and runs of the program on the image.
 class QvolImage : public testing::Test {
 protected:
     QvolImage() {
@@ -47,8 +47,8 @@ protected:
         drop_blank_label(width == "32");
     }
 
-    // The formatter writes a blank label entry, which checkers do not take for a label. They take
-    // none, where the boot sector says so too.
+    // The formatter writes a blank label entry, which checkers do not accept as a label. They
+    // accept a missing label if the boot sector has none either.
     void drop_blank_label(bool is_fat32) {
         const volume_layout layout = layout_of(image_);
         const std::uint64_t sector = layout.sector_size;
@@ -71,7 +71,7 @@ protected:
         return run_qvol(arguments);
     }
 
-    // What the program prints where it has to succeed.
+    // The output of a program run that must succeed.
     std::string said(const std::string &command, std::vector<std::string> arguments = {}) {
         const outcome result = qvol(command, std::move(arguments));
         EXPECT_EQ(result.status, 0) << command << ": " << result;
@@ -85,7 +85,7 @@ protected:
         return path;
     }
 
-    // What the checker of dosfstools finds; 0 where it finds nothing.
+    // Runs the checker of dosfstools; status 0 if it finds nothing.
     outcome checked() {
         return run({"fsck.fat", "-n", image_});
     }

@@ -12,8 +12,8 @@
 
 namespace testing_support {
 
-// Entries of a directory, what is below them included: kind, time to the two seconds that a volume
-// keeps, and the target of a link.
+// Entries of a directory tree: kind, time in units of two seconds as a volume stores it, and the
+// target of a link.
 using tree_listing = std::map<std::string, std::tuple<char, std::int64_t, std::string>>;
 
 inline tree_listing listing_of(const std::string &top) {
@@ -42,7 +42,7 @@ protected:
         return qvol("build", std::move(arguments));
     }
 
-    // Builds from the tree; it has to succeed and to satisfy the checker.
+    // Builds from the tree; must succeed and pass the checker.
     void build_tree(const std::string &size, std::vector<std::string> arguments = {}) {
         arguments.insert(arguments.end(), {"--size", size, "--from", tree_, "--force"});
         const outcome result = build(std::move(arguments));
@@ -68,7 +68,7 @@ protected:
         std::filesystem::create_symlink(target, tree_ + "/" + name);
     }
 
-    // A bit of everything.
+    // A tree with every kind of entry.
     void make_mixed_tree() {
         tree_file("README.TXT", "in capitals");
         tree_file("readme.md", "in small letters");
@@ -86,7 +86,7 @@ protected:
                   0);
     }
 
-    // What is in the directory of the image.
+    // The files in the directory of the image.
     [[nodiscard]] std::vector<std::string> made() const {
         std::vector<std::string> names;
         for (const auto &item :

@@ -1,5 +1,5 @@
-// A medium in memory behind read_sectors and write_sectors: it logs what reaches it and fails on
-// command.
+// A medium in memory, below read_sectors and write_sectors: it logs its transfers and fails on
+// request.
 
 #pragma once
 
@@ -28,8 +28,8 @@ inline std::ostream &operator<<(std::ostream &stream, const transfer &t) {
     return stream << (t.is_write ? "write " : "read ") << t.sector << " + " << t.count;
 }
 
-// Lives as the one open volume: makes `sv` at start (zero geometry, descriptor -1), frees it at the
-// end. What was never written reads as the fill byte, or as the background that a function paints.
+// The one open volume: its constructor creates `sv` (zero geometry, descriptor -1), its destructor
+// frees it. Unwritten bytes read as the fill byte, or as a background that a function paints.
 class ram_disk {
 public:
     static constexpr std::size_t BLOCK = 4096;
@@ -70,14 +70,14 @@ public:
     std::vector<transfer> log;
     int reads_before_failure = -1;  // -1: never fails
     int writes_before_failure = -1; // likewise
-    int failure_result = -5;        // what a failing transfer returns, and moves where positive
+    int failure_result = -5;        // result of a failing transfer; if positive, sectors it moves
     bool fails_forever = false;
     int ordered_failures = 0;            // transfers that failed by the countdowns
     std::set<std::uint64_t> bad_sectors; // transfers that touch one of these always fail
     std::set<std::uint64_t> unreadable;  // reads that do
     std::set<std::uint64_t> unwritable;  // writes that do
 
-    // The bytes from `offset` on, for looking and for preparing.
+    // Reads or writes the bytes from `offset` on directly.
     std::vector<std::uint8_t> peek(std::uint64_t offset, std::size_t size) {
         std::vector<std::uint8_t> result(size);
         for (std::size_t i = 0; i < size;) {
@@ -95,7 +95,7 @@ public:
         }
     }
 
-    // From now on keeps what changes: peek_before() shows the disk as it is now.
+    // From now on retains the old bytes: peek_before() returns the disk as it is now.
     void remember() {
         before_.clear();
         remembers_ = true;
@@ -120,8 +120,7 @@ public:
         return result;
     }
 
-    // The numbers of the blocks that anything has looked at or written, ascending. All others are
-    // as they were.
+    // The numbers of the blocks that were read or written, ascending. All others have not changed.
     [[nodiscard]] std::vector<std::uint64_t> known_blocks() const {
         std::vector<std::uint64_t> result;
         for (const auto &[number, block] : blocks_) {
@@ -189,7 +188,7 @@ private:
             move(static_cast<std::uint8_t *>(buf), sector, std::min(count, moved), is_write);
         }
     }
-    // Whole sectors inside the disk; what lies beyond its end is not moved.
+    // Transfers whole sectors inside the disk; sectors past its end are not moved.
     int move(std::uint8_t *buf, std::uint64_t sector, std::uint32_t count, bool is_write) {
         const std::uint64_t sectors = sv->vol_size / unit();
         const std::uint64_t left = sector < sectors ? sectors - sector : 0;

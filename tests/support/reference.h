@@ -21,7 +21,7 @@ inline model::areas areas_of_open_volume() {
             .total_sectors = sv->total_sectors};
 }
 
-// An open entry as the model has it. A record does not tell that it is the root directory's.
+// An open entry in the model. A record does not state that it is the root directory's.
 inline model::open_entry open_entry_of(const oentry &record) {
     model::open_entry result;
     result.start = record.start;
@@ -36,7 +36,7 @@ inline model::open_entry open_entry_of(const oentry &record) {
     }
     return result;
 }
-// The same of an id, of the library and of the model; missing: the id is free.
+// The open entry of an id, in the library and in the model; missing: the id is free.
 inline std::optional<model::open_entry> open_entry_of(int id) {
     return oentry_table[id] == nullptr ? std::nullopt
                                        : std::optional(open_entry_of(*oentry_table[id]));
@@ -51,8 +51,8 @@ inline std::optional<model::open_entry> expected_entry(const model::volume &volu
     return result;
 }
 
-// A layer of the model over the open volume. It begins with what the disk held at its last
-// remember(), or holds when the model first reads it, and with the disk's bad sectors.
+// A layer of the model over the open volume. It starts with the disk's bytes at its last
+// remember(), or at the model's first read of them, and with the disk's bad sectors.
 template <typename Layer>
 Layer reference_of(ram_disk *disk) {
     Layer layer(areas_of_open_volume(), [disk](std::uint64_t offset, std::size_t size) {

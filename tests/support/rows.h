@@ -9,7 +9,7 @@
 
 namespace testing_support {
 
-// What a row of a table derives from; its name comes first: {"ReadOnlyFile", ...}.
+// The base of a table row; the name is first: {"ReadOnlyFile", ...}.
 struct named_row {
     const char *name;
 };

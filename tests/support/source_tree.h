@@ -34,7 +34,7 @@ inline std::vector<std::string> words_of(const std::string &line) {
     return {std::istream_iterator<std::string>(stream), std::istream_iterator<std::string>()};
 }
 
-// A C source without its comments of the old form.
+// A C source without its block comments.
 inline std::string without_comments(const std::string &text) {
     std::string result;
     for (std::size_t at = 0; at < text.size();) {

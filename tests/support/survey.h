@@ -1,5 +1,5 @@
-// A look at a whole volume from outside, with nothing of the library: every directory walked, every
-// chain followed, every cluster's owner noted. What is not as it should be is listed, not judged.
+// A survey of a whole volume without the library: walks every directory, follows every chain,
+// records the owner of every cluster. Lists irregularities; does not fail on them.
 
 #pragma once
 
@@ -22,12 +22,12 @@ struct surveyed_entry {
     bool is_directory = false;
     bool is_link = false;
     bool has_long_name = false;
-    std::string short_name; // as a person sees it
+    std::string short_name; // printed form
     std::uint32_t size = 0;
     std::vector<std::uint32_t> clusters;
     chain_end end = chain_end::none;
     std::vector<std::uint8_t> content; // of files: as much of `size` as the chain has
-    std::uint32_t used_slots = 0;      // of directories: in front of the first unused one
+    std::uint32_t used_slots = 0;      // of directories: before the first unused one
     bool has_dot_entries = true;       // of directories that have a cluster
 };
 
@@ -45,12 +45,12 @@ public:
     }
 
     model::areas areas;
-    // By path, "SUB/INNER.TXT"; "" is the root directory. Long names where there are whole ones.
+    // By path, "SUB/INNER.TXT"; "" is the root directory. Complete long names, else short names.
     std::map<std::string, surveyed_entry> entries;
-    std::set<std::uint32_t> lost;              // in use, but of no chain
-    std::set<std::uint32_t> shared;            // of more than one chain
-    std::vector<std::uint64_t> orphan_slots;   // bytes at which slots without their entry lie
-    std::vector<std::uint64_t> behind_the_end; // bytes at which entries behind an unused one lie
+    std::set<std::uint32_t> lost;              // allocated, but in no chain
+    std::set<std::uint32_t> shared;            // in more than one chain
+    std::vector<std::uint64_t> orphan_slots;   // byte offsets of slots without their entry
+    std::vector<std::uint64_t> behind_the_end; // byte offsets of entries after an unused one
 
     [[nodiscard]] std::uint32_t count_free() const {
         return static_cast<std::uint32_t>(
@@ -152,7 +152,7 @@ private:
     }
     void walk(const std::string &path, std::vector<std::string> *subdirectories) {
         const std::string before = path.empty() ? "" : path + "/";
-        std::vector<slot> run; // slots in front of an entry
+        std::vector<slot> run; // slots before an entry
         bool has_ended = false;
         bool has_dot = false;
         std::uint32_t used_slots = 0;
@@ -188,7 +188,7 @@ private:
         }
         run->clear();
     }
-    // The long name in front of an entry; its slots are then no orphans.
+    // The long name before an entry; its slots are then not orphans.
     static std::string take_long_name(std::vector<slot> *run, const slot &entry) {
         const unsigned checksum = model::checksum_of(model::dos_name_of(entry.raw));
         std::string name;

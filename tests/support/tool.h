@@ -54,7 +54,7 @@ inline outcome run_tool(std::vector<std::string> arguments) {
     return without_line_numbers(run(arguments));
 }
 
-// What follows the geometry's own refusal, line numbers replaced.
+// The messages after the geometry's own refusal, line numbers replaced.
 inline const std::string GEOMETRY_REFUSED = "create_pbr[N]: failed to calc_fat_sectors!\n\n"
                                             "make_tables[N]: Cannot create PBR!\n\n"
                                             "fat_format[N]: Failed to make table!\n\n";
@@ -68,7 +68,7 @@ inline std::uint32_t number_at(const bytes &content, std::size_t offset, std::si
     return result;
 }
 
-// Where the areas of a formatted image lie, as its boot sector tells.
+// The areas of a formatted image according to its boot sector.
 struct volume_layout {
     std::uint32_t sector_size = 0; // bytes
     std::uint32_t sec_per_clus = 0;
@@ -92,8 +92,8 @@ inline volume_layout layout_of(const std::string &image) {
     return layout;
 }
 
-// The bytes of a formatted image with everything that depends on the moment zeroed: the serial
-// number in the boot sector and its backup, time and date of the root directory's label entry.
+// The bytes of a formatted image with all time-dependent fields zeroed: the serial number in the
+// boot sector and its backup, time and date of the root directory's label entry.
 inline bytes without_moment(const std::string &image) {
     bytes content = read_file(image);
     const volume_layout layout = layout_of(image);

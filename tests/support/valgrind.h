@@ -1,4 +1,4 @@
-// Whether this program runs in valgrind, where everything takes some thirty times as long.
+// Whether this program runs in valgrind, which is about thirty times slower.
 
 #pragma once
 

@@ -1,5 +1,5 @@
-// A formatted volume on the medium in memory, and hands that put anything on it: FAT entries,
-// directory entries and long-name slots in any state, open directories made without the library.
+// A formatted volume on the medium in memory, and helpers that set it up without the library: FAT
+// entries, directory entries and long-name slots in any state, open directories.
 
 #pragma once
 
@@ -27,9 +27,9 @@ struct volume_shape {
     std::uint32_t fat_type = 16;
     std::uint32_t sector_size = 512;
     std::uint32_t sec_per_clus = 1;
-    std::uint32_t clusters = 0;       // about so many and not fewer; 0: as few as the width takes
+    std::uint32_t clusters = 0;       // at least this many; 0: the minimum for the width
     std::uint32_t root_entries = 512; // FAT16: of the fixed root area
-    std::uint8_t fill = 0;            // of what is not written; 0xE5 makes deleted entries of it
+    std::uint8_t fill = 0;            // unwritten bytes; 0xE5 makes them deleted entries
 };
 
 // As part of the name of a case: "Fat16Sector512Cluster4".
@@ -83,7 +83,7 @@ constexpr std::uint8_t READ_ONLY = 0x01, HIDDEN = 0x02, SYSTEM = 0x04, LABEL = 0
 
 class directory;
 
-// Made by the formatter, on a disk of its own, as the one open volume. Long names are on.
+// The one open volume, made by the formatter on its own disk. Long names are on.
 class volume {
 public:
     explicit volume(const volume_shape &shape = {}) : disk(bytes_for(shape), shape.fill) {
@@ -104,7 +104,7 @@ public:
 
     ram_disk disk;
 
-    // -- FAT entries: all 16 or 32 bits, as they stand on the medium
+    // -- FAT entries: all 16 or 32 bits, as stored on the medium
 
     [[nodiscard]] static std::uint64_t fat_offset(std::uint32_t cluster, std::uint32_t copy = 0) {
         const std::uint64_t start = sv->fat_start + std::uint64_t{copy} * sv->fat_size;
@@ -142,7 +142,7 @@ public:
         return disk.peek(fat_offset(0, copy), std::size_t{sv->fat_size} * sv->sector_size);
     }
 
-    // -- places
+    // -- locations
 
     [[nodiscard]] static std::uint32_t last_cluster() {
         return sv->num_clusters + 1;
@@ -159,16 +159,16 @@ public:
 
     // -- directories
 
-    // The root as formatted. Of FAT32 it is the chain that begins with the root cluster.
+    // The root as formatted. On FAT32 it is the chain that begins with the root cluster.
     [[nodiscard]] directory root();
-    // A sub-directory of these clusters, which become a chain.
+    // A sub-directory in these clusters, which become a chain.
     [[nodiscard]] directory sub_directory(std::vector<std::uint32_t> clusters);
-    // The root directory of a FAT32 volume, of these clusters behind its first one.
+    // The root directory of a FAT32 volume, with these clusters after its first one.
     [[nodiscard]] directory longer_root(std::vector<std::uint32_t> further);
 
     // -- the log
 
-    // How often each sector was read, and in what order for the first time.
+    // How often each sector was read, and the order of first reads.
     [[nodiscard]] std::vector<std::pair<std::uint64_t, int>> sectors_read() const {
         std::vector<std::pair<std::uint64_t, int>> result;
         for (const transfer &t : disk.log) {
@@ -192,7 +192,7 @@ private:
         fat_format_param param = {};
         param.fat_size = shape.fat_type;
         param.sec_per_clus = shape.sec_per_clus;
-        // Clusters of more than 32 KiB pass only with the sector size left to its default.
+        // Clusters of more than 32 KiB are accepted only with the default sector size.
         const bool is_large = shape.sec_per_clus * shape.sector_size > 32768;
         param.sector_size = is_large ? 0 : shape.sector_size;
         param.volume_id = 0x20240229;
@@ -208,7 +208,7 @@ private:
                 ? (shape.root_entries * 32 + shape.sector_size - 1) / shape.sector_size
                 : 0;
         const std::uint64_t reserved = shape.fat_type == 16 ? 1 : 32;
-        // One more sector for an even number, one cluster for what division leaves.
+        // One more sector for an even number, one cluster for the remainder of the division.
         const std::uint64_t sectors =
             reserved + 2 * fat_sectors + root_sectors + (clusters + 1) * shape.sec_per_clus + 1;
         return sectors * shape.sector_size;
@@ -227,7 +227,7 @@ private:
 
 // ---- directories ------------------------------------------------------------------------------
 
-// The space of a directory and an open entry of it that the library has not made.
+// The space of a directory and a hand-made open entry of it.
 class directory {
 public:
     // Of the FAT16 root, `clusters` is empty.
@@ -264,7 +264,7 @@ public:
     std::vector<std::uint32_t> sectors; // in their order in the directory
     oentry record = {};
 
-    // As the walks take it: 0 for the FAT16 root.
+    // The argument of walks: 0 for the FAT16 root.
     [[nodiscard]] std::uint32_t base() const {
         return clusters.empty() ? 0 : clusters.front();
     }
@@ -287,7 +287,7 @@ public:
         return result;
     }
 
-    // Puts entries behind those appended before. Return the index of the last one.
+    // Append entries after those appended before. Return the index of the last one.
     std::uint32_t append(const entry_image &entry) {
         put(used_, entry);
         return used_++;
@@ -303,11 +303,11 @@ public:
         append(long_slots(name, dos));
         return append(short_entry(dos));
     }
-    // Lets append() go on at `index`.
+    // append() continues at `index`.
     void go_to(std::uint32_t index) {
         used_ = index;
     }
-    // The same entry over and over, up to the end of the space.
+    // Repeats the entry up to the end of the space.
     void fill_up(const entry_image &entry) {
         while (used_ < capacity()) {
             append(entry);

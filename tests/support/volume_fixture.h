@@ -1,4 +1,5 @@
-// A scratch directory, what the library says, and what a case leaves open.
+// A scratch directory, the library's messages, and a check of the descriptors that a case leaves
+// open.
 
 #pragma once
 
@@ -37,7 +38,7 @@ protected:
         }
     }
 
-    // Descriptors that were not there when the case began.
+    // Descriptors that were opened since the case began.
     [[nodiscard]] std::vector<int> left_open() const {
         const std::set<int> now = open_descriptors();
         std::vector<int> result;
@@ -51,7 +52,7 @@ protected:
     }
 
     scratch_directory scratch;
-    diagnostics said;
+    diagnostics messages;
     const std::set<int> open_before = open_descriptors();
 };
 
