@@ -45,14 +45,14 @@ struct remark {
     std::uint32_t dropped_clusters = 0;
 };
 
-class Judged : public testing::TestWithParam<format_wish> {
+class NamespaceInteroperability : public testing::TestWithParam<format_wish> {
 protected:
-    Judged() {
+    NamespaceInteroperability() {
         // Eight sectors to a track need not divide the volume, which mtools would refuse.
         setenv("MTOOLS_SKIP_CHECK", "1", 1);
         fat_set_diagnostics(nullptr);
     }
-    ~Judged() override {
+    ~NamespaceInteroperability() override {
         if (sv != nullptr) {
             fat_close_volume(0);
         }
@@ -278,7 +278,7 @@ std::string wish_name(const testing::TestParamInfo<format_wish> &info) {
 
 // ---- creating ---------------------------------------------------------------------------------
 
-TEST_P(Judged, FilesWithNamesOfEveryForm) {
+TEST_P(NamespaceInteroperability, FilesWithNamesOfEveryForm) {
     for (const char *name :
          {"PLAIN.TXT", "lower.txt", "UPPER.low", "low.UPP", "NOEXT", "a", "Mixed.txt", "a+b=c.txt",
           ".profile", "two.dots.txt", "longfilename.txt", "LongFileName2.Text", "thirteen char",
@@ -289,7 +289,7 @@ TEST_P(Judged, FilesWithNamesOfEveryForm) {
     judge();
 }
 
-TEST_P(Judged, LikeNamesWithTails) {
+TEST_P(NamespaceInteroperability, LikeNamesWithTails) {
     ASSERT_NO_FATAL_FAILURE(add_file("Photograph of the sea", 1));
     for (std::uint32_t i = 1; i <= 120; i++) {
         const std::string name = numbered("Photograph of the sea ", i);
@@ -302,7 +302,7 @@ TEST_P(Judged, LikeNamesWithTails) {
     judge();
 }
 
-TEST_P(Judged, DirectoriesInDirectories) {
+TEST_P(NamespaceInteroperability, DirectoriesInDirectories) {
     std::string path;
     for (const char *name : {"FIRST", "second", "Third Level", "4", "FIFTH.DIR"}) {
         path = path_in(path, name);
@@ -312,7 +312,7 @@ TEST_P(Judged, DirectoriesInDirectories) {
     judge();
 }
 
-TEST_P(Judged, ADirectoryThatGrowsOverManyClusters) {
+TEST_P(NamespaceInteroperability, ADirectoryThatGrowsOverManyClusters) {
     ASSERT_NO_FATAL_FAILURE(add_directory("SUB"));
     const std::uint32_t names = 3 * unit() / 32 / (GetParam().long_names ? 3 : 1) + 5;
     for (std::uint32_t i = 0; i < names; i++) {
@@ -322,7 +322,7 @@ TEST_P(Judged, ADirectoryThatGrowsOverManyClusters) {
     judge();
 }
 
-TEST_P(Judged, ARootDirectoryThatGrowsOrIsFull) {
+TEST_P(NamespaceInteroperability, ARootDirectoryThatGrowsOrIsFull) {
     std::uint32_t i = 0;
     int result = 0;
     for (; result == 0 && i < 600; i++) {
@@ -336,13 +336,13 @@ TEST_P(Judged, ARootDirectoryThatGrowsOrIsFull) {
     judge();
 }
 
-TEST_P(Judged, Links) {
+TEST_P(NamespaceInteroperability, Links) {
     ASSERT_NO_FATAL_FAILURE(add_link("PLAIN.TXT", "LINK"));
     ASSERT_NO_FATAL_FAILURE(add_link(std::string(260, 't'), "Another link"));
     judge();
 }
 
-TEST_P(Judged, ALinkWithoutATargetKeepsItsCluster) {
+TEST_P(NamespaceInteroperability, ALinkWithoutATargetKeepsItsCluster) {
     EXPECT_EQ(make_link("", "LINK"), -EINVAL);
     files_["LINK"] = {};
     judge({.lines = "/LINK\n"
@@ -353,7 +353,7 @@ TEST_P(Judged, ALinkWithoutATargetKeepsItsCluster) {
 
 // ---- writing ----------------------------------------------------------------------------------
 
-TEST_P(Judged, FilesOfEverySizeAroundTheBoundaries) {
+TEST_P(NamespaceInteroperability, FilesOfEverySizeAroundTheBoundaries) {
     const std::set<std::uint32_t> sizes = {
         1,      sv->sector_size - 1, sv->sector_size, sv->sector_size + 1, unit() - 1,
         unit(), unit() + 1,          7 * unit() - 1,  7 * unit(),          7 * unit() + 1};
@@ -363,7 +363,7 @@ TEST_P(Judged, FilesOfEverySizeAroundTheBoundaries) {
     judge();
 }
 
-TEST_P(Judged, FilesThatGrowInTurns) {
+TEST_P(NamespaceInteroperability, FilesThatGrowInTurns) {
     ASSERT_NO_FATAL_FAILURE(furnish());
     for (std::uint32_t i = 0; i < 12; i++) {
         for (const char *path : {"PLAIN.TXT", "EMPTY", "SUB/INNER.TXT", "LINK"}) {
@@ -373,7 +373,7 @@ TEST_P(Judged, FilesThatGrowInTurns) {
     judge();
 }
 
-TEST_P(Judged, AVolumeFilledToItsLastCluster) {
+TEST_P(NamespaceInteroperability, AVolumeFilledToItsLastCluster) {
     ASSERT_NO_FATAL_FAILURE(furnish());
     ASSERT_NO_FATAL_FAILURE(append("EMPTY", unit()));
     const std::uint32_t left = survey_of_open_volume().count_free();
@@ -384,7 +384,7 @@ TEST_P(Judged, AVolumeFilledToItsLastCluster) {
     judge();
 }
 
-TEST_P(Judged, AWriteThatFailsOnAFullVolume) {
+TEST_P(NamespaceInteroperability, AWriteThatFailsOnAFullVolume) {
     ASSERT_NO_FATAL_FAILURE(furnish());
     const std::uint32_t left = survey_of_open_volume().count_free();
     const bytes too_much((std::size_t{left} + 1) * unit());
@@ -396,7 +396,7 @@ TEST_P(Judged, AWriteThatFailsOnAFullVolume) {
     judge();
 }
 
-TEST_P(Judged, AWriteThroughAnIdThatFailedOnAnEmptyFileLinksFatEntryZero) {
+TEST_P(NamespaceInteroperability, AWriteThroughAnIdThatFailedOnAnEmptyFileLinksFatEntryZero) {
     ASSERT_EQ(create("EMPTY"), 0);
     const int id = fat_open_file("EMPTY");
     const bytes too_much((std::size_t{survey_of_open_volume().count_free()} + 1) * unit());
@@ -412,7 +412,7 @@ TEST_P(Judged, AWriteThroughAnIdThatFailedOnAnEmptyFileLinksFatEntryZero) {
 
 // ---- removing ---------------------------------------------------------------------------------
 
-TEST_P(Judged, UnlinkedFilesLinksAndDirectories) {
+TEST_P(NamespaceInteroperability, UnlinkedFilesLinksAndDirectories) {
     ASSERT_NO_FATAL_FAILURE(furnish());
     ASSERT_NO_FATAL_FAILURE(add_directory("A directory"));
     for (const char *path : {"PLAIN.TXT", "A long name.text", "LINK", "A directory",
@@ -423,7 +423,7 @@ TEST_P(Judged, UnlinkedFilesLinksAndDirectories) {
     EXPECT_EQ(survey_of_open_volume().orphan_slots.empty(), !GetParam().long_names);
 }
 
-TEST_P(Judged, RemovedEntriesLeaveTheirClusters) {
+TEST_P(NamespaceInteroperability, RemovedEntriesLeaveTheirClusters) {
     ASSERT_NO_FATAL_FAILURE(furnish());
     ASSERT_NO_FATAL_FAILURE(remove_entry("EMPTY"));
     judge();
@@ -434,7 +434,7 @@ TEST_P(Judged, RemovedEntriesLeaveTheirClusters) {
     EXPECT_EQ(survey_of_open_volume().lost.size(), 7U); // 1, and 1 + 1 + 1 + 3 and its own
 }
 
-TEST_P(Judged, NewNamesInThePlacesOfRemovedOnes) {
+TEST_P(NamespaceInteroperability, NewNamesInThePlacesOfRemovedOnes) {
     ASSERT_NO_FATAL_FAILURE(furnish());
     ASSERT_NO_FATAL_FAILURE(unlink("A long name.text"));
     ASSERT_NO_FATAL_FAILURE(unlink("PLAIN.TXT"));
@@ -444,7 +444,7 @@ TEST_P(Judged, NewNamesInThePlacesOfRemovedOnes) {
     judge();
 }
 
-TEST_P(Judged, AVolumeInUseForALongTime) {
+TEST_P(NamespaceInteroperability, AVolumeInUseForALongTime) {
     ASSERT_NO_FATAL_FAILURE(furnish());
     const std::string name = GetParam().long_names ? "SUB/Recording " : "SUB/REC";
     for (std::uint32_t i = 0; i < 60; i++) {
@@ -462,7 +462,7 @@ TEST_P(Judged, AVolumeInUseForALongTime) {
 
 // ---- mending ----------------------------------------------------------------------------------
 
-TEST_P(Judged, ADirectoryCutShortIsBroughtBackByAChecker) {
+TEST_P(NamespaceInteroperability, ADirectoryCutShortIsBroughtBackByAChecker) {
     ASSERT_NO_FATAL_FAILURE(add_directory("SUB"));
     for (std::uint32_t i = 2; i <= unit() / 32; i++) {
         ASSERT_NO_FATAL_FAILURE(add_file(numbered("SUB/F", i), 0));
@@ -481,4 +481,4 @@ TEST_P(Judged, ADirectoryCutShortIsBroughtBackByAChecker) {
     EXPECT_EQ(content_by_library("SUB/F2", 0), std::pair(0, bytes()));
 }
 
-INSTANTIATE_TEST_SUITE_P(Shapes, Judged, testing::ValuesIn(WISHES), wish_name);
+INSTANTIATE_TEST_SUITE_P(Shapes, NamespaceInteroperability, testing::ValuesIn(WISHES), wish_name);

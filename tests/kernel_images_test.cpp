@@ -43,7 +43,7 @@ kernel_list read_list(const std::string &path) {
     return result;
 }
 
-class KernelMaterial : public testing::TestWithParam<const char *> {
+class KernelImages : public testing::TestWithParam<const char *> {
 protected:
     scratch_directory scratch;
     kernel_list expected;
@@ -110,14 +110,14 @@ protected:
 
 } // namespace
 
-TEST_P(KernelMaterial, NamesTimesAndContentsAreThoseOfTheKernel) {
+TEST_P(KernelImages, NamesTimesAndContentsAreThoseOfTheKernel) {
     kernel_list found;
     collect(0, "", &found);
     EXPECT_EQ(found.directories, expected.directories);
     EXPECT_EQ(found.files, expected.files);
 }
 
-TEST_P(KernelMaterial, EveryNameInADirectoryIsFoundByThatName) {
+TEST_P(KernelImages, EveryNameInADirectoryIsFoundByThatName) {
     const int directory = fat_open_dir("many");
     ASSERT_GT(directory, 0);
     ASSERT_EQ(fat_set_current(directory), directory);
@@ -133,7 +133,7 @@ TEST_P(KernelMaterial, EveryNameInADirectoryIsFoundByThatName) {
     }
 }
 
-TEST_P(KernelMaterial, TheListingShowsTheSameNames) {
+TEST_P(KernelImages, TheListingShowsTheSameNames) {
     std::set<std::string> listed;
     {
         standard_output output;
@@ -152,7 +152,7 @@ TEST_P(KernelMaterial, TheListingShowsTheSameNames) {
     EXPECT_EQ(listed, names);
 }
 
-INSTANTIATE_TEST_SUITE_P(Images, KernelMaterial, testing::Values("kernel-fat16", "kernel-fat32"),
+INSTANTIATE_TEST_SUITE_P(Volumes, KernelImages, testing::Values("kernel-fat16", "kernel-fat32"),
                          [](const testing::TestParamInfo<const char *> &of) {
                              return std::string(of.param).substr(7);
                          });

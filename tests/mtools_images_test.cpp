@@ -142,7 +142,7 @@ struct shown {
     bool is_directory;
 };
 
-class MtoolsMaterial : public testing::TestWithParam<unsigned> {
+class MtoolsImages : public testing::TestWithParam<unsigned> {
 protected:
     static void TearDownTestSuite() {
         for (auto &shop : workshops) {
@@ -353,7 +353,7 @@ private:
     std::string image_;
     u8 own_dentry_[32] = {};
 };
-INSTANTIATE_TEST_SUITE_P(Width, MtoolsMaterial, testing::Values(16U, 32U));
+INSTANTIATE_TEST_SUITE_P(Width, MtoolsImages, testing::Values(16U, 32U));
 
 // Ends the case where the system has no conversion modules.
 #define NEED_ENCODING(charset)                                                                     \
@@ -364,7 +364,7 @@ INSTANTIATE_TEST_SUITE_P(Width, MtoolsMaterial, testing::Values(16U, 32U));
 
 } // namespace
 
-TEST_P(MtoolsMaterial, EveryNameOfTheRootIsFoundAndLeadsToItsFile) {
+TEST_P(MtoolsImages, EveryNameOfTheRootIsFoundAndLeadsToItsFile) {
     NEED_ENCODING("UTF-8");
     oentry dir = root();
     const std::vector<shown> entries = list(&dir);
@@ -379,7 +379,7 @@ TEST_P(MtoolsMaterial, EveryNameOfTheRootIsFoundAndLeadsToItsFile) {
     }
 }
 
-TEST_P(MtoolsMaterial, ListingShowsWhatWasWrittenAndWhatMtoolsShows) {
+TEST_P(MtoolsImages, ListingShowsWhatWasWrittenAndWhatMtoolsShows) {
     NEED_ENCODING("UTF-8");
     oentry dir = root();
     names expected = ROOT_NAMES;
@@ -392,7 +392,7 @@ TEST_P(MtoolsMaterial, ListingShowsWhatWasWrittenAndWhatMtoolsShows) {
     EXPECT_EQ(listed_by_mdir("/"), expected);
 }
 
-TEST_P(MtoolsMaterial, AsciiNamesNeedNoEncoding) {
+TEST_P(MtoolsImages, AsciiNamesNeedNoEncoding) {
     oentry dir = root();
     const std::vector<shown> entries = list(&dir);
     for (const std::string &name : ROOT_NAMES) {
@@ -412,7 +412,7 @@ TEST_P(MtoolsMaterial, AsciiNamesNeedNoEncoding) {
     EXPECT_NE(index_of(entries, "Gr??e aus K?ln.txt"), 0U);
 }
 
-TEST_P(MtoolsMaterial, NamesAreFoundInTheEncodingOfTheirCaller) {
+TEST_P(MtoolsImages, NamesAreFoundInTheEncodingOfTheirCaller) {
     NEED_ENCODING("ISO-8859-1");
     oentry dir = root();
     const std::string name = "Gr\xFC\xDF"
@@ -433,32 +433,32 @@ TEST_P(MtoolsMaterial, NamesAreFoundInTheEncodingOfTheirCaller) {
               -ENOENT);
 }
 
-TEST_P(MtoolsMaterial, LongestNameIsFoundWithoutAnEncoding) {
+TEST_P(MtoolsImages, LongestNameIsFoundWithoutAnEncoding) {
     oentry dir = root();
     expect_found(&dir, LONGEST, index_of(list(&dir), LONGEST));
 }
 
-TEST_P(MtoolsMaterial, LongestNameIsTooLongForAnEncoding) {
+TEST_P(MtoolsImages, LongestNameIsTooLongForAnEncoding) {
     NEED_ENCODING("UTF-8");
     oentry dir = root();
     EXPECT_EQ(find(&dir, LONGEST), -EINVAL);
     EXPECT_EQ(said.text().rfind("convert_cstring_to_uname[N]: Failed to convert: n", 0), 0U);
 }
 
-TEST_P(MtoolsMaterial, NameThatFitsItsElevenBytesIsLookedForAsAShortOne) {
+TEST_P(MtoolsImages, NameThatFitsItsElevenBytesIsLookedForAsAShortOne) {
     NEED_ENCODING("UTF-8");
     oentry dir = root();
     EXPECT_NE(index_of(list(&dir), SHORT_BUT_NOT_ASCII), 0U);
     EXPECT_EQ(find(&dir, SHORT_BUT_NOT_ASCII), -ENOENT);
 }
 
-TEST_P(MtoolsMaterial, StoredNameThatEndsWithADotIsOutOfReach) {
+TEST_P(MtoolsImages, StoredNameThatEndsWithADotIsOutOfReach) {
     oentry dir = root();
     EXPECT_NE(index_of(list(&dir), ENDS_WITH_A_DOT), 0U);
     EXPECT_EQ(find(&dir, ENDS_WITH_A_DOT), -ENOENT);
 }
 
-TEST_P(MtoolsMaterial, OtherCaseIsAnotherName) {
+TEST_P(MtoolsImages, OtherCaseIsAnotherName) {
     oentry dir = root();
     const std::vector<shown> entries = list(&dir);
     expect_found(&dir, "plain.txt", index_of(entries, "PLAIN.TXT"));
@@ -469,7 +469,7 @@ TEST_P(MtoolsMaterial, OtherCaseIsAnotherName) {
     }
 }
 
-TEST_P(MtoolsMaterial, EveryShortNameIsFoundByItsBytes) {
+TEST_P(MtoolsImages, EveryShortNameIsFoundByItsBytes) {
     oentry dir = root();
     for (const shown &entry : list(&dir)) {
         const std::string base = entry.short_name.substr(0, entry.short_name.find(' '));
@@ -483,7 +483,7 @@ TEST_P(MtoolsMaterial, EveryShortNameIsFoundByItsBytes) {
 
 // ---- a directory of several clusters with deleted entries in it -------------------------------
 
-TEST_P(MtoolsMaterial, SurvivorsOfADirectoryAreFound) {
+TEST_P(MtoolsImages, SurvivorsOfADirectoryAreFound) {
     oentry dir = sub_directory();
     const std::vector<shown> entries = list(&dir);
     ASSERT_GE(dir.allocated, 8 * 512U);
@@ -507,7 +507,7 @@ TEST_P(MtoolsMaterial, SurvivorsOfADirectoryAreFound) {
     EXPECT_EQ(listed, expected);
 }
 
-TEST_P(MtoolsMaterial, DeletedNamesAreNotFound) {
+TEST_P(MtoolsImages, DeletedNamesAreNotFound) {
     oentry dir = sub_directory();
     for (int i = 3; i <= 60; i += 3) {
         EXPECT_EQ(find(&dir, file_number(i)), -ENOENT);
@@ -516,13 +516,13 @@ TEST_P(MtoolsMaterial, DeletedNamesAreNotFound) {
     EXPECT_EQ(find(&dir, file_number(61)), -ENOENT);
 }
 
-TEST_P(MtoolsMaterial, DotEntriesOfADirectoryAreFound) {
+TEST_P(MtoolsImages, DotEntriesOfADirectoryAreFound) {
     oentry dir = sub_directory();
     expect_found(&dir, ".", 0);
     expect_found(&dir, "..", 1);
 }
 
-TEST_P(MtoolsMaterial, NextNumericTailIsTheLowestThatNoneHas) {
+TEST_P(MtoolsImages, NextNumericTailIsTheLowestThatNoneHas) {
     oentry dir = sub_directory();
     std::set<std::string> taken;
     for (const shown &entry : list(&dir)) {
@@ -545,7 +545,7 @@ TEST_P(MtoolsMaterial, NextNumericTailIsTheLowestThatNoneHas) {
 
 // ---- damage -----------------------------------------------------------------------------------
 
-TEST_P(MtoolsMaterial, OrphanedSlotsDoNotHideTheNextName) {
+TEST_P(MtoolsImages, OrphanedSlotsDoNotHideTheNextName) {
     oentry dir = root();
     const std::vector<shown> before = list(&dir);
     const u32 index = index_of(before, "to be orphaned.txt");
@@ -559,7 +559,7 @@ TEST_P(MtoolsMaterial, OrphanedSlotsDoNotHideTheNextName) {
     EXPECT_EQ(names_of(list(&dir)), expected);
 }
 
-TEST_P(MtoolsMaterial, OrphanedSlotsInFrontOfAnotherShortEntryAreTakenForItsName) {
+TEST_P(MtoolsImages, OrphanedSlotsInFrontOfAnotherShortEntryAreTakenForItsName) {
     oentry dir = root();
     const u32 index = index_of(list(&dir), "to be orphaned.txt");
     // README moves up behind the slots.
@@ -577,7 +577,7 @@ TEST_P(MtoolsMaterial, OrphanedSlotsInFrontOfAnotherShortEntryAreTakenForItsName
     EXPECT_EQ(std::count(listed.begin(), listed.end(), "README"), 2);
 }
 
-TEST_P(MtoolsMaterial, WrongChecksumHidesTheNameFromListingsOnly) {
+TEST_P(MtoolsImages, WrongChecksumHidesTheNameFromListingsOnly) {
     oentry dir = root();
     const u32 index = index_of(list(&dir), "a long name.txt");
     const dentry_location first = place_of(&dir, index - 1);
@@ -593,7 +593,7 @@ TEST_P(MtoolsMaterial, WrongChecksumHidesTheNameFromListingsOnly) {
     EXPECT_EQ(std::count(judged.begin(), judged.end(), "ALONGN~1.TXT"), 1);
 }
 
-TEST_P(MtoolsMaterial, SlotsInOddOrderAreFoundButNotListed) {
+TEST_P(MtoolsImages, SlotsInOddOrderAreFoundButNotListed) {
     oentry dir = root();
     const u32 index = index_of(list(&dir), "a long name.txt");
     std::vector<u8> buffer(512);
