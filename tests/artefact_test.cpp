@@ -311,7 +311,7 @@ TEST_F(ArtefactTest, TheStrippedProgramStaysBelow64KiB) {
 
 // ---- form of the sources ----------------------------------------------------------------------
 
-TEST(SourceChecks, SeeWhatTheyLookFor) {
+TEST(SourceChecks, FindEachViolation) {
     const std::string code =
         bare_code("// throw in a comment\n"
                   "int f(char c) { /* new\n */ return c == '\"' ? 1'000 : 2; }\n"
@@ -339,7 +339,7 @@ TEST(SourceChecks, SeeWhatTheyLookFor) {
     EXPECT_EQ(functions_in(code).size(), 2u);
 }
 
-TEST(Sources, KeepEveryFunctionBelow70Lines) {
+TEST(Sources, HaveNoFunctionOf70LinesOrMore) {
     std::size_t count = 0;
     for (const std::filesystem::path &path : sources()) {
         for (const function_extent &f : functions_in(bare_code(text_of(path)))) {
@@ -350,7 +350,7 @@ TEST(Sources, KeepEveryFunctionBelow70Lines) {
     EXPECT_GT(count, 80u); // that many are found at least, or the search is broken
 }
 
-TEST(Sources, KeepEveryLineWithin100ColumnsButForItsLiterals) {
+TEST(Sources, HaveNoLineOver100ColumnsExceptForItsLiterals) {
     for (const std::filesystem::path &path : sources()) {
         const std::string text = text_of(path);
         std::istringstream lines(text);
@@ -367,7 +367,7 @@ TEST(Sources, KeepEveryLineWithin100ColumnsButForItsLiterals) {
     }
 }
 
-TEST(Sources, UseNothingThatNeedsTheCppRunTimeLibrary) {
+TEST(Sources, NeedNoCppRunTimeLibrary) {
     for (const std::filesystem::path &path : sources()) {
         EXPECT_EQ(banned_in(bare_code(text_of(path))), std::vector<std::string>{}) << path;
     }

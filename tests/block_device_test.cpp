@@ -66,7 +66,7 @@ protected:
 
 // ---- formatting -------------------------------------------------------------------------------
 
-TEST_F(BlockDeviceTest, TellsBothSizesAndFormats) {
+TEST_F(BlockDeviceTest, PrintsBothSizesAndFormats) {
     for (const std::uint64_t sectors : {8192, 8191, 8193}) {
         SCOPED_TRACE(sectors);
         const std::string file = backing_file(sectors);

@@ -93,7 +93,7 @@ TEST_P(CompletionTest, OffersTheValuesThatTheHelpNames) {
     }
 }
 
-TEST_P(CompletionTest, OffersOptionsBehindTheImageToo) {
+TEST_P(CompletionTest, OffersOptionsAfterTheImageToo) {
     EXPECT_TRUE(offered({"qvol", "ls", "disk.img", "--re"}).contains("--recursive"));
     EXPECT_TRUE(offered({"qvol", "ls", "--encoding", "UTF-8", "--rec"}).contains("--recursive"));
 }
@@ -107,7 +107,7 @@ TEST_P(CompletionTest, OffersFilesForTheImage) {
     EXPECT_EQ(offered({"qvol", "info", "dis"}), text_set{"disk.img"});
 }
 
-TEST_P(CompletionTest, OffersFilesWhereTheHostIsMeantAndNothingForPathsInTheVolume) {
+TEST_P(CompletionTest, OffersFilesForPathsOfTheHostAndNothingForPathsInTheVolume) {
     EXPECT_EQ(offered({"qvol", "put", "disk.img", ""}), FILES);
     EXPECT_EQ(offered({"qvol", "get", "disk.img", "/photos", ""}), FILES);
     EXPECT_EQ(offered({"qvol", "dump", "disk.img", "fat", ""}), FILES);

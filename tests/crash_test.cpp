@@ -760,19 +760,19 @@ private:
 
 // ---- what a cut leaves ------------------------------------------------------------------------
 
-TEST_P(PowerLoss, WhileAFileIsCreatedLeavesWhatIsPromised) {
+TEST_P(PowerLoss, WhileAFileIsCreatedLeavesThePromisedState) {
     cut_everywhere(file_creations());
 }
 
-TEST_P(PowerLoss, WhileADirectoryIsCreatedLeavesWhatIsPromised) {
+TEST_P(PowerLoss, WhileADirectoryIsCreatedLeavesThePromisedState) {
     cut_everywhere(directory_creations());
 }
 
-TEST_P(PowerLoss, WhileALinkIsCreatedLeavesWhatIsPromised) {
+TEST_P(PowerLoss, WhileALinkIsCreatedLeavesThePromisedState) {
     cut_everywhere(link_creations());
 }
 
-TEST_P(PowerLoss, WhileAFileIsWrittenLeavesWhatIsPromised) {
+TEST_P(PowerLoss, WhileAFileIsWrittenLeavesThePromisedState) {
     std::vector<scenario> all = writes();
     if (GetParam().fat_type == 16) {
         const std::vector<scenario> failing = failing_writes();
@@ -781,11 +781,11 @@ TEST_P(PowerLoss, WhileAFileIsWrittenLeavesWhatIsPromised) {
     cut_everywhere(all);
 }
 
-TEST_P(PowerLoss, WhileANameIsUnlinkedLeavesWhatIsPromised) {
+TEST_P(PowerLoss, WhileANameIsUnlinkedLeavesThePromisedState) {
     cut_everywhere(removals());
 }
 
-TEST_P(PowerLoss, WhileAnEntryIsRemovedLeavesWhatIsPromised) {
+TEST_P(PowerLoss, WhileAnEntryIsRemovedLeavesThePromisedState) {
     cut_everywhere(entry_removals());
 }
 
@@ -821,7 +821,7 @@ TEST_P(OneCut, LeavesANameThatSharesTheClustersOfTheNextFileUnlessItIsRemovedFir
     EXPECT_EQ(content_by_library("LATER.TXT", 2 * unit()), std::pair(0, content));
 }
 
-TEST_P(OneCut, LeavesAGapBehindWhichLongNamesAreLostUntilItIsFilled) {
+TEST_P(OneCut, LeavesAGapAfterWhichLongNamesAreLostUntilItIsFilled) {
     const auto disk = cut(file_creations(), "LongNameInTwoSectors", 1);
     ASSERT_EQ(create("VOID/Another new file.txt"), 0);
     EXPECT_EQ(call_on("VOID/Another new file.txt", fat_open), -ENOENT);
@@ -831,7 +831,7 @@ TEST_P(OneCut, LeavesAGapBehindWhichLongNamesAreLostUntilItIsFilled) {
     EXPECT_GT(call_on("VOID/anewfi~1.txt", fat_open), 0);
 }
 
-TEST_P(OneCut, LeavesClustersBehindTheEndThatTheNextWriteUses) {
+TEST_P(OneCut, LeavesClustersPastTheEndThatTheNextWriteUses) {
     const auto disk = cut(writes(), "NewClusters", 1);
     const survey before = survey_of_open_volume();
     ASSERT_GT(append("SUB/INNER.TXT", 2 * unit() + 7), 0);

@@ -232,7 +232,7 @@ TEST_F(CreateFile, ExistingNameIsRefusedAndNothingIsWritten) {
 }
 
 // The conversion to a short name cuts them off in place.
-TEST_F(CreateFile, ExistingNameIsToldWithoutItsTrailingDotsAndBlanks) {
+TEST_F(CreateFile, ExistingNameIsReportedWithoutItsTrailingDotsAndSpaces) {
     v.top.go_to(FIRST);
     v.top.append(short_entry("README  TXT"));
     EXPECT_EQ(create("readme.txt.. ."),
@@ -628,7 +628,7 @@ TEST_F(DoCreate, ResultIsTheIndexOfTheShortEntry) {
     EXPECT_EQ(mounted::open_ids(), 1);
 }
 
-TEST_F(DoCreate, DirectoryWhoseEntryIsNoneIsRefused) {
+TEST_F(DoCreate, DirectoryWithAnInvalidEntryIsRefused) {
     enter_directory({5});
     oentry &dir = mounted::record(inside_id);
     for (const auto &[first, attr] : std::initializer_list<std::pair<unsigned, unsigned>>{

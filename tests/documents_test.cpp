@@ -302,7 +302,7 @@ TEST(Documents, ShowEveryCommandThatIsRunElsewhere) {
     }
 }
 
-TEST(Documents, CommandsRunElsewhereAreWhatTheirScriptsTake) {
+TEST(Documents, CommandsRunElsewhereAreAcceptedByTheirScripts) {
     for (const elsewhere &known : RUN_ELSEWHERE) {
         const std::string script = source_text(known.script);
         EXPECT_FALSE(script.empty()) << known.script;

@@ -149,7 +149,7 @@ TEST_P(FatDumpFat0, ReplacesALongerImage) {
     EXPECT_EQ(read_file(image), expected);
 }
 
-TEST_P(FatDumpFat0, TellsWhyTheImageCannotBeMade) {
+TEST_P(FatDumpFat0, ReportsWhyTheImageCannotBeMade) {
     EXPECT_EQ(ask([&] { return fat_dump_fat0(scratch.file("none/image").c_str()); }),
               answer(-ENOENT, "create fat image: No such file or directory\n"));
     EXPECT_EQ(ask([&] { return fat_dump_fat0(scratch.file(".").c_str()); }),
@@ -239,13 +239,13 @@ TEST_P(FatDumpClus, LeavesAnEmptyImageOfNoCluster) {
     EXPECT_TRUE(v.disk.log.empty());
 }
 
-TEST_P(FatDumpClus, RefusesAClusterBehindTheEndOfTheVolume) {
+TEST_P(FatDumpClus, RefusesAClusterPastTheEndOfTheVolume) {
     sv->total_sectors = volume::first_sector_of(30);
     EXPECT_EQ(dump_clus(30), answer(-EINVAL, OUT_OF_AREA));
     EXPECT_EQ(dump_clus(29), answer(all_sectors(), ""));
 }
 
-TEST_P(FatDumpClus, TellsWhyTheImageCannotBeMade) {
+TEST_P(FatDumpClus, ReportsWhyTheImageCannotBeMade) {
     EXPECT_EQ(ask([&] { return fat_dump_clus(30, scratch.file("none/image").c_str()); }),
               answer(-ENOENT, "create cluster image: No such file or directory\n"));
     // The image comes before the number is looked at.
@@ -260,7 +260,7 @@ TEST_P(FatDumpClus, LeavesAnEmptyImageWithoutMemory) {
     EXPECT_EQ(read_file(image), bytes());
 }
 
-TEST_P(FatDumpClus, TellsAClusterThatCannotBeRead) {
+TEST_P(FatDumpClus, ReportsAClusterThatCannotBeRead) {
     v.disk.unreadable = {volume::first_sector_of(30) + sv->sec_per_clus - 1};
     for (int moved = -5; moved < all_sectors(); moved++) {
         v.disk.failure_result = moved;
@@ -269,7 +269,7 @@ TEST_P(FatDumpClus, TellsAClusterThatCannotBeRead) {
     }
 }
 
-TEST_P(FatDumpClus, TellsAnImageThatCannotBeWritten) {
+TEST_P(FatDumpClus, ReportsAnImageThatCannotBeWritten) {
     v.set_data({30}, some_bytes(cluster_bytes()));
     {
         const failing_call fault(call::write, ENOSPC);
@@ -382,7 +382,7 @@ TEST_P(FatDump, FindsAFileByItsLongName) {
     EXPECT_EQ(read_file(image), part_of(some_bytes(cluster_bytes()), 0, 100));
 }
 
-TEST_P(FatDump, ReplacesALongerImageAndKeepsItsMode) {
+TEST_P(FatDump, ReplacesALongerImageAndDoesNotChangeItsMode) {
     const bytes content = make_file(cluster_bytes() + 1);
     (void)scratch.file_with("image", bytes(2 * cluster_bytes(), 'x'));
     ASSERT_EQ(chmod(image.c_str(), 0604), 0);
@@ -407,14 +407,14 @@ TEST_P(FatDump, ReadsEachClusterInOneTransfer) {
     EXPECT_EQ(data, expected);
 }
 
-TEST_P(FatDump, TellsThatThePathCannotBeOpened) {
+TEST_P(FatDump, ReportsThatThePathCannotBeOpened) {
     EXPECT_EQ(dump("NONE"), answer(-ENOENT, "fat_open[N]: failed to find directory entry!\n\n"
                                             "fat_dump[N]: \n"));
     EXPECT_EQ(dump("a:b").result, -EINVAL);
     EXPECT_FALSE(image_exists());
 }
 
-TEST_P(FatDump, TellsThatTheImageCannotBeMade) {
+TEST_P(FatDump, ReportsThatTheImageCannotBeMade) {
     make_file(1);
     const std::string refused = found() + "fat_dump[N]: create directory image\n\n";
     EXPECT_EQ(ask([&] { return fat_dump("NAME", scratch.file("none/image").c_str()); }),
@@ -439,14 +439,14 @@ TEST_P(FatDump, EndsAtAClusterThatCannotBeRead) {
     }
 }
 
-TEST_P(FatDump, ReadsTheClustersBehindTheSizeToo) {
+TEST_P(FatDump, ReadsTheClustersPastTheSizeToo) {
     make_file(1);
     v.disk.unreadable = {volume::first_sector_of(chain[2])};
     EXPECT_EQ(dump("NAME"), answer(-EIO, found() + "fat_dump[N]: Failed to read sectors!\n\n"));
     EXPECT_EQ(read_file(image).size(), 1U);
 }
 
-TEST_P(FatDump, EndsAtAClusterBehindTheEndOfTheVolume) {
+TEST_P(FatDump, EndsAtAClusterPastTheEndOfTheVolume) {
     const bytes content = make_file(3 * cluster_bytes());
     sv->total_sectors = volume::first_sector_of(25);
     EXPECT_EQ(dump("NAME"), answer(-EINVAL, found() + "fat_dump[N]: out of the data area\n\n"));
@@ -476,7 +476,7 @@ TEST_P(FatDump, EndsWhereTheLastPartCannotBeWritten) {
     EXPECT_EQ(read_file(image), part_of(content, 0, cluster_bytes()));
 }
 
-TEST_P(FatDump, TellsWhereMemoryEnds) {
+TEST_P(FatDump, ReportsMissingMemory) {
     make_file(1);
     std::vector<answer> failures; // those behind the opening
     at_every_fault({EVERY_ALLOCATION}, [&](fault_step &step) {
@@ -502,7 +502,7 @@ TEST_P(FatDump, TellsWhereMemoryEnds) {
     EXPECT_TRUE(image_exists());
 }
 
-TEST_P(FatDump, TellsAChainThatCannotBeRead) {
+TEST_P(FatDump, ReportsAChainThatCannotBeRead) {
     make_file(1);
     std::set<std::string> told;
     at_every_fault({EVERY_READ}, [&](fault_step &step) {
@@ -673,7 +673,7 @@ TEST(DumpImages, AreOpenedForReadingToo) {
     EXPECT_EQ(fat_dump("/", image.c_str()), -EACCES);
 }
 
-TEST(Dumps, SayWhatFailsOnStandardErrorAlone) {
+TEST(Dumps, ReportFailuresOnStandardErrorAlone) {
     const mounted v;
     const scratch_directory scratch;
     standard_error error;

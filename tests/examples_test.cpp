@@ -41,7 +41,7 @@ protected:
 
 } // namespace
 
-TEST_F(Example, ZuqPlayerFillsADeviceWithWhatThePlayerNeeds) {
+TEST_F(Example, ZuqPlayerFillsADeviceForThePlayer) {
     image_ = scratch_.sparse_file("player.img", 300 << 20);
     const std::string song = host_file("A long song.mp3", "la la la");
     const std::string film = host_file("FILM.AVI", std::string(100'000, 'f'));
@@ -58,7 +58,7 @@ TEST_F(Example, ZuqPlayerFillsADeviceWithWhatThePlayerNeeds) {
     expect_sound_but_for_label_and_copies();
 }
 
-TEST_F(Example, ZuqPlayerTellsWhatItCannotDo) {
+TEST_F(Example, ZuqPlayerReportsItsFailures) {
     image_ = scratch_.sparse_file("player.img", 300 << 20);
     const std::string missing = scratch_.file("missing.mp3");
     EXPECT_EQ(run({program("zuq_player"), image_}).status, 2);
@@ -112,7 +112,7 @@ TEST_F(Example, MakeImageGivesTheTreeInAShortImageThatIsTheSameEveryTime) {
               (outcome{0, "", ""}));
 }
 
-TEST_F(Example, MakeImageTellsHowItIsCalled) {
+TEST_F(Example, MakeImagePrintsItsUsage) {
     EXPECT_EQ(run({source_path("examples/make-image")}).status, 2);
     EXPECT_NE(make_image(scratch_.file("missing"), scratch_.file("flash.img")).status, 0);
     EXPECT_FALSE(std::filesystem::exists(scratch_.file("flash.img")));

@@ -48,7 +48,7 @@ TEST(EncodeFastWord, WritesEightBytesAndNoTerminator) {
     EXPECT_STREQ(out, "#ABCDEFGH#");
 }
 
-TEST(EncodeFastWord, HasALetterForEveryValueInEveryPlace) {
+TEST(EncodeFastWord, HasALetterForEveryValueAtEveryPosition) {
     for (u32 place = 0; place < 8; place++) {
         for (u32 digit = 0; digit < 16; digit++) {
             std::string expected = "@@@@@@@@";
@@ -130,7 +130,7 @@ protected:
     fast_case c;
 };
 
-TEST_F(FastPathOfFile, IsThePlaceOfTheEntryAndACheckValue) {
+TEST_F(FastPathOfFile, IsThePositionOfTheEntryAndACheckValue) {
     EXPECT_EQ(path_of_id(forge(1000, 64, 5, 0x10)), made("<?>@@@@CNHB@@@E@@A@"));
     EXPECT_EQ(path_of_id(forge(1000, 64, 0, 0)), made("<?>@@@@CNHB@@@@@@@@"));
     // Entry 16 x 1 + 15 = 31; halves of 0x00012345 swapped: 0x23450001, with size 0x89ABCDEF.
@@ -139,7 +139,7 @@ TEST_F(FastPathOfFile, IsThePlaceOfTheEntryAndACheckValue) {
     EXPECT_EQ(path_of_id(forge(0, 0, 0xFFFF0FFF, 0xF0F0F0F0)), made("<?>@@@@@@@@OO@O@O@O"));
 }
 
-TEST_F(FastPathOfFile, CountsThePlaceIn32Bits) {
+TEST_F(FastPathOfFile, CountsThePositionIn32Bits) {
     // Byte 0x1_0000_0200 of the volume is byte 0x200 in 32 bits: entry 16.
     EXPECT_EQ(path_of_id(forge(0x800001, 0, 0, 0)), made("<?>@@@@@@A@@@@@@@@@"));
     EXPECT_EQ(path_of_id(forge(0x7FFFFF, 480, 0, 0)), made("<?>@GOOOOOO@@@@@@@@"));
@@ -219,7 +219,7 @@ TEST_P(GetNextCluster, EndsWithTheChain) {
     }
 }
 
-TEST_P(GetNextCluster, RefusesNumbersBehindTheVolume) {
+TEST_P(GetNextCluster, RefusesNumbersPastTheVolume) {
     for (const u32 cluster : {volume::last_cluster() + 1, 0x80000000U, 0xFFFFFFFFU}) {
         EXPECT_EQ(next(cluster, 0).first, (answer{-EINVAL, NO_NEXT})) << cluster;
         EXPECT_EQ(next(cluster, 1).first, (answer{-EINVAL, NO_NEXT})) << cluster;
@@ -227,7 +227,7 @@ TEST_P(GetNextCluster, RefusesNumbersBehindTheVolume) {
     EXPECT_EQ(c.v.traffic(), 0U);
 }
 
-TEST_P(GetNextCluster, TellsOfBrokenChains) {
+TEST_P(GetNextCluster, ReportsBrokenChains) {
     c.v.set_link(10, 30);
     EXPECT_EQ(next(10, 2).first, (answer{-1, NO_NEXT})); // 30 is free
     for (const u32 link : {1U, volume::bad_mark(), volume::last_cluster() + 1}) {
@@ -244,7 +244,7 @@ TEST_P(GetNextCluster, TellsOfBrokenChains) {
     }
 }
 
-TEST_P(GetNextCluster, TellsOfReadErrors) {
+TEST_P(GetNextCluster, ReportsReadErrors) {
     c.v.chain({10, 30});
     c.v.disk.unreadable = {volume::fat_sector_of(10)};
     EXPECT_EQ(next(10, 1).first, (answer{-1, "fat_read_entry[N]: cannot read FAT\n\n" + NO_NEXT}));
@@ -360,7 +360,7 @@ TEST_F(GetLongNameFast, KnowsNoNameOfLessThanOneSlot) {
     }
 }
 
-TEST_F(GetLongNameFast, BreaksAtWhatIsNoSlot) {
+TEST_F(GetLongNameFast, BreaksAtAnEntryThatIsNotASlot) {
     for (const entry_image &other :
          {short_entry(DOS), short_entry("SUB        ", DIRECTORY), entry_image{},
           deleted(long_slot(1, u"thirteen long", checksum_of(DOS))),
@@ -425,7 +425,7 @@ TEST_F(GetLongNameFast, BreaksWhereNoShortEntryFollows) {
 }
 
 // Their order in the directory alone says where the units go.
-TEST_F(GetLongNameFast, DoesNotLookAtOrdinals) {
+TEST_F(GetLongNameFast, DoesNotCheckOrdinals) {
     dir.put(0, long_slot(0x43, u"end", checksum_of(DOS)));
     dir.put(1, long_slot(1, u"two two two t", checksum_of(DOS)));
     dir.put(2, long_slot(0x40, u"one one one o", checksum_of(DOS)));
@@ -433,7 +433,7 @@ TEST_F(GetLongNameFast, DoesNotLookAtOrdinals) {
     EXPECT_EQ(gather(0), (gathered_name{{3, ""}, u"one one one otwo two two tend", 96}));
 }
 
-TEST_F(GetLongNameFast, TellsOfAChainThatEndsBeforeTheName) {
+TEST_F(GetLongNameFast, ReportsAChainThatEndsBeforeTheName) {
     dir.go_to(30);
     dir.append(long_slots(u"twenty-six units are two s", DOS));
     EXPECT_EQ(gather(14, 22).a,
@@ -444,7 +444,7 @@ TEST_F(GetLongNameFast, TellsOfAChainThatEndsBeforeTheName) {
                                    by("fail to get dentry(20, 32): Bad address\n\n")}));
 }
 
-TEST_F(GetLongNameFast, TellsOfAChainThatRunsIntoAFreeEntry) {
+TEST_F(GetLongNameFast, ReportsAChainThatRunsIntoAFreeEntry) {
     dir.put(15, long_slot(0x41, u"A name", checksum_of(DOS)));
     c.v.set_link(20, 0);
     EXPECT_EQ(gather(15).a,
@@ -453,7 +453,7 @@ TEST_F(GetLongNameFast, TellsOfAChainThatRunsIntoAFreeEntry) {
                                    by("fail to get dentry(20, 16): Invalid argument\n\n")}));
 }
 
-TEST_F(GetLongNameFast, TellsOfSectorsThatCannotBeRead) {
+TEST_F(GetLongNameFast, ReportsSectorsThatCannotBeRead) {
     dir.put(15, long_slot(0x41, u"A name", checksum_of(DOS)));
     dir.put(16, short_entry(DOS));
     c.v.disk.unreadable = {volume::first_sector_of(22)};
@@ -464,7 +464,7 @@ TEST_F(GetLongNameFast, TellsOfSectorsThatCannotBeRead) {
 }
 
 // More slots than a name can have: what lies behind unit 255 is left out.
-TEST(GetLongNameFastTest, KeepsWithinItsBufferWhateverTheMediumSays) {
+TEST(GetLongNameFastTest, StaysWithinItsBufferWithAnySlots) {
     for (const unsigned count : {21U, 100U, 191U}) {
         fast_case c({.sec_per_clus = 16});
         directory dir(&c.v, {20}, false);
@@ -582,7 +582,7 @@ TEST_P(ReaddirFast, GivesFilesAndSkipsTheRest) {
     EXPECT_EQ(fast_step_of(&c, &dir).name, "LATE.TXT");
 }
 
-TEST_P(ReaddirFast, SaysOfAnInvalidEntryWhatItsTypeIs) {
+TEST_P(ReaddirFast, ReportsTheTypeOfAnInvalidEntry) {
     directory dir = c.v.sub_directory({20});
     dir.append(short_entry("INVALID    ", DIRECTORY | LABEL | ARCHIVE));
     EXPECT_EQ(fast_step_of(&c, &dir).result, -ENOENT);
@@ -635,7 +635,7 @@ TEST_P(ReaddirFast, FollowsLongNamesOverSectorsAndClusters) {
 
 // From the first long name on, the output keeps the image of its first slot, also where the name
 // is that of a directory, or broken, and other entries follow.
-TEST_P(ReaddirFast, KeepsTheImageOfTheFirstSlotMet) {
+TEST_P(ReaddirFast, RetainsACopyOfTheFirstSlotVisited) {
     directory dir = c.v.sub_directory({20, 22});
     dir.append(deleted(short_entry("GONE    TXT")));
     dir.append(long_slots(u"A long directory", "ALONGD~1   "));
@@ -652,7 +652,7 @@ TEST_P(ReaddirFast, KeepsTheImageOfTheFirstSlotMet) {
     EXPECT_EQ(fast_step_of(&c, &dir).entry, short_entry("FILE2   TXT", ARCHIVE, 7, 8));
 }
 
-TEST_P(ReaddirFast, PassesOrphanSlotsWithTheirImageNotKept) {
+TEST_P(ReaddirFast, SkipsOrphanSlotsWithoutACopyOfThem) {
     directory dir = c.v.sub_directory({20, 22});
     dir.append(long_slot(0x02, u"orphan", 7));
     dir.append(long_slot(0x40, u"orphan", 7));
@@ -715,7 +715,7 @@ TEST_P(ReaddirFast, NeedsNoRoomForTheName) {
     EXPECT_EQ(name.cstring, nullptr);
 }
 
-TEST_P(ReaddirFast, TellsOfAChainThatEndsInsideALongName) {
+TEST_P(ReaddirFast, ReportsAChainThatEndsInsideALongName) {
     directory dir = c.v.sub_directory({20});
     dir.fill_up(deleted(short_entry("GONE    TXT")));
     const u32 count = dir.capacity();
@@ -729,7 +729,7 @@ TEST_P(ReaddirFast, TellsOfAChainThatEndsInsideALongName) {
                                ": Bad address\n\ndo_readdir_fast[N]: Check here!\n\n");
 }
 
-TEST_P(ReaddirFast, TellsOfAChainThatBreaksBehindAShortEntry) {
+TEST_P(ReaddirFast, ReportsAChainThatBreaksAfterAShortEntry) {
     for (const bool is_file : {false, true}) {
         for (const auto &[link, message] : std::initializer_list<std::pair<u32, std::string>>{
                  {0, ""}, {1, "fat_read_clus[N]: Invalid cluster!\n\n"}}) {
@@ -747,7 +747,7 @@ TEST_P(ReaddirFast, TellsOfAChainThatBreaksBehindAShortEntry) {
     }
 }
 
-TEST_P(ReaddirFast, TellsOfAChainThatBreaksBehindALongName) {
+TEST_P(ReaddirFast, ReportsAChainThatBreaksAfterALongName) {
     directory dir = c.v.sub_directory({20, 22});
     dir.fill_up(deleted(short_entry("GONE    TXT")));
     dir.go_to(volume::entries_per_cluster() - 2);
@@ -758,7 +758,7 @@ TEST_P(ReaddirFast, TellsOfAChainThatBreaksBehindALongName) {
     EXPECT_EQ(got.printed, NO_NEXT + "do_readdir_fast[N]: Check here!\n\n");
 }
 
-TEST_P(ReaddirFast, EndsACircleOfClustersWithoutFiles) {
+TEST_P(ReaddirFast, EndsACycleOfClustersWithoutFiles) {
     directory dir = c.v.sub_directory({20, 22, 24, 26, 28});
     dir.fill_up(deleted(short_entry("GONE    TXT")));
     c.v.set_link(28, 22);
@@ -775,7 +775,7 @@ TEST_P(ReaddirFast, EndsACircleOfClustersWithoutFiles) {
 }
 
 // Files in a circle come again with every round; each call ends.
-TEST_P(ReaddirFast, GoesRoundInACircleWithFiles) {
+TEST_P(ReaddirFast, RepeatsTheFilesOfACycle) {
     directory dir = c.v.sub_directory({20, 22});
     dir.fill_up(deleted(short_entry("GONE    TXT")));
     dir.put(3, short_entry("FILE    TXT"));
@@ -785,7 +785,7 @@ TEST_P(ReaddirFast, GoesRoundInACircleWithFiles) {
     }
 }
 
-TEST_P(ReaddirFast, TellsOfSectorsThatCannotBeRead) {
+TEST_P(ReaddirFast, ReportsSectorsThatCannotBeRead) {
     for (const int moved : {-EIO, 0}) {
         directory dir = c.v.sub_directory({20, 22});
         c.v.disk.failure_result = moved;
@@ -804,7 +804,7 @@ TEST_P(ReaddirFast, TellsOfSectorsThatCannotBeRead) {
     }
 }
 
-TEST_P(ReaddirFast, TellsOfSlotsThatCannotBeRead) {
+TEST_P(ReaddirFast, ReportsSlotsThatCannotBeRead) {
     directory dir = c.v.sub_directory({20, 22});
     dir.fill_up(deleted(short_entry("GONE    TXT")));
     const u32 last = volume::entries_per_cluster() - 1;
@@ -845,7 +845,7 @@ TEST_P(ReaddirFast, SurvivesEveryFailingReadAndAllocation) {
 }
 
 // Random directories, walked until well behind their end.
-TEST_P(ReaddirFast, AgreesWithThePlainWalk) {
+TEST_P(ReaddirFast, AgreesWithTheReferenceWalk) {
     std::mt19937 engine(20240229);
     const auto below = [&](u32 n) { return static_cast<u32>(engine() % n); };
     const int rounds = runs_in_valgrind() ? 8 : 120;
@@ -1008,7 +1008,7 @@ TEST_F(ReaddirFastInLargeRoot, ExaminesSlot512AndGivesNothingForIt) {
     expect_refused();
 }
 
-TEST_F(ReaddirFastInLargeRoot, StopsBehindSlot512) {
+TEST_F(ReaddirFastInLargeRoot, StopsAfterSlot512) {
     EXPECT_EQ(next().result, 0);
     EXPECT_EQ(c.v.top.record.readdir_pos, 513U);
     expect_refused();
@@ -1103,7 +1103,7 @@ TEST(ReaddirFastNames, AreShortWhereTheLongOnesCannotBeConverted) {
     EXPECT_EQ(fast_step_of(&c, &c.v.top).name, "ALONGN~2.TXT");
 }
 
-TEST(ReaddirFastNames, StayWithinTheirRoomWhateverTheMediumSays) {
+TEST(ReaddirFastNames, StayWithinTheirBufferWithAnySlots) {
     fast_case c;
     for (unsigned i = 0; i < 20; i++) {
         c.v.top.append(long_slot(i == 0 ? 0x54 : 20 - i, u"thirteen long", checksum_of(DOS)));
@@ -1174,14 +1174,14 @@ TEST_P(FastPathOfDir, MakesTheCheckValueOfTheFirstSlot) {
     EXPECT_EQ(next(0), gives("<?>" + fast_letters(number_of(index)) + "@@@E@@A@\0"s));
 }
 
-TEST_P(FastPathOfDir, KeepsTheFirstSlotForAFileBehindALongNamedDirectory) {
+TEST_P(FastPathOfDir, RetainsTheFirstSlotForAFileAfterALongNamedDirectory) {
     c.v.top.append(long_slots(u"Long name.txt", "LONGNA~1TXT"));
     c.v.top.append(short_entry("LONGNA~1TXT", DIRECTORY, 30));
     const u32 index = c.v.top.append(short_entry("B       TXT", ARCHIVE, 5, 0x10));
     EXPECT_EQ(next(0), gives("<?>" + fast_letters(number_of(index)) + "@@GD@@AM\0"s));
 }
 
-TEST_P(FastPathOfDir, BeginsAnewWithANewId) {
+TEST_P(FastPathOfDir, BeginsAgainWithANewId) {
     directory sub = c.v.sub_directory({20, 22});
     c.v.top.append(short_entry("SUB        ", DIRECTORY, 20));
     for (int i = 0; i < 20; i++) {
@@ -1204,7 +1204,7 @@ TEST_P(FastPathOfDir, BeginsAnewWithANewId) {
     EXPECT_EQ(next(third), gives(path_of(static_cast<u32>(sub.offset_of(0) / 32), 0)));
 }
 
-TEST_P(FastPathOfDir, EndsWithZeroBehindAFullDirectory) {
+TEST_P(FastPathOfDir, EndsWithZeroAfterAFullDirectory) {
     directory sub = c.v.sub_directory({20});
     sub.fill_up(short_entry("SUB        ", DIRECTORY, 30));
     const int id = c.v.open_new("SUB        ", {20}, 0, DIRECTORY);
@@ -1213,7 +1213,7 @@ TEST_P(FastPathOfDir, EndsWithZeroBehindAFullDirectory) {
     EXPECT_EQ(end.said, "");
 }
 
-TEST_P(FastPathOfDir, ReportsWhatTheWalkFailsWith) {
+TEST_P(FastPathOfDir, ReportsTheErrorOfTheWalk) {
     c.v.disk.unreadable = {c.v.top.offset_of(0) / 512};
     const path_made failed = next(0);
     EXPECT_EQ(failed.result, -EIO);

@@ -121,7 +121,7 @@ TEST_F(ReadFile, EmptyFileReadsAsNothing) {
     EXPECT_TRUE(transfers().empty());
 }
 
-TEST_F(ReadFile, GoesOnWhereTheLastReadEnded) {
+TEST_F(ReadFile, ContinuesAtTheEndOfTheLastRead) {
     const int id = open_ten();
     EXPECT_EQ(read(id, 4), done(4));
     EXPECT_EQ(buffer, part_of(some_bytes(10), 0, 4));
@@ -236,7 +236,7 @@ TEST_F(ReadFile, TransferOfTooFewSectorsIsAFailure) {
     EXPECT_EQ(position(id), 0U);
 }
 
-TEST_F(ReadFile, ChainThatIsTooShortIsToldWithPrefix) {
+TEST_F(ReadFile, ChainThatIsTooShortIsReportedWithPrefix) {
     const int id = v.open_new("FILE       ", {5, 6}, 5000);
     const outcome too_short = {
         -EFAULT, EFAULT, NO_LOOKUP + "do_read_file[N]: access out of cluster chain\n" + FAILED};
@@ -273,7 +273,7 @@ TEST_F(ReadFile, UnreadableFatIsAFailedLookup) {
 }
 
 // What stands behind a sector is looked up before it is read, and told behind it.
-TEST_F(ReadFile, LookupBehindASectorThatCannotBeReadIsNotTold) {
+TEST_F(ReadFile, LookupPastASectorThatCannotBeReadIsNotReported) {
     const int id = v.open_new("FILE       ", {5, 6}, 4096);
     v.disk.unreadable = {volume::fat_sector_of(5), volume::first_sector_of(5) + 3};
     EXPECT_EQ(read(id, 4096),
@@ -305,7 +305,7 @@ TEST_F(ReadBySmallRoot, FileWithoutAClusterEndsWithTheRootArea) {
 }
 
 // Of a chain that runs in a circle only what comes before the return can be counted on.
-TEST_F(ReadFile, ChainInACircleEnds) {
+TEST_F(ReadFile, ChainInACycleEnds) {
     const int id = v.open_new("FILE       ", {5, 6, 7}, 0x40000000);
     v.set_data({5, 6, 7}, some_bytes(3 * 2048));
     v.set_link(7, 6);
@@ -365,7 +365,7 @@ TEST_F(SeekFile, MovesFromTheBeginningThePositionAndTheEnd) {
     EXPECT_TRUE(transfers().empty());
 }
 
-TEST_F(SeekFile, PositionBehindTheEndIsKeptAndFailsTheNextRead) {
+TEST_F(SeekFile, PositionPastTheEndIsStoredAndFailsTheNextRead) {
     const int id = open_ten();
     EXPECT_EQ(seek(id, 20, 0), done(20));
     EXPECT_EQ(read(id, 1), BEYOND_THE_END);
@@ -417,7 +417,7 @@ TEST_F(SeekFile, UnknownCommandLeavesThePosition) {
     }
 }
 
-TEST_F(SeekFile, DirectoriesAreRefusedWhateverTheCommand) {
+TEST_F(SeekFile, DirectoriesAreRefusedWithAnyCommand) {
     const int dir = v.open_new("DIR        ", {5}, 0, DIRECTORY);
     const int to_root = v.open(v.top.append(short_entry("..         ", DIRECTORY, 0)));
     for (const int id : {0, dir, to_root}) {
@@ -457,7 +457,7 @@ TEST_F(ReadFile, PositionBeyond4GiBIsLookedUpByItsLow32Bits) {
     EXPECT_EQ(position(id), 0U);
 }
 
-TEST_F(ReadFile, ExactCountIsReadWhateverTheSize) {
+TEST_F(ReadFile, ExactCountIsReadWithAnySize) {
     const int id = open_ten();
     bytes space(600);
     u64 pos = 0;

@@ -159,7 +159,7 @@ TEST_F(WriteFile, FirstByteOfAnEmptyFile) {
     EXPECT_EQ(mounted::held_entry(id), after);
 }
 
-TEST_F(WriteFile, SecondByteGoesBehindTheFirst) {
+TEST_F(WriteFile, SecondByteIsWrittenAfterTheFirst) {
     const int id = v.open_new("FILE    TXT", {5}, 1);
     v.set_data({5}, some_bytes(2048));
     transfers();
@@ -191,7 +191,7 @@ TEST_F(WriteFile, LastClusterIsFilledBeforeAnotherIsTaken) {
     EXPECT_EQ(size_of(v.stored_entry(id)), 2049U);
 }
 
-TEST_F(WriteFile, ClustersAreTakenBehindTheHintAndLinkedBehindTheLast) {
+TEST_F(WriteFile, ClustersAreTakenAfterTheHintAndLinkedAfterTheLast) {
     const int id = v.open_new("FILE       ", {5}, 2048);
     v.chain({12, 14});
     sv->last_alloc_clus = 10;
@@ -313,7 +313,7 @@ TEST_F(WriteFile, TwoIdsOfOneFileDoNotSeeEachOther) {
 
 // ---- parts of sectors -------------------------------------------------------------------------
 
-TEST_P(WriteAnyShape, PartOfASectorKeepsWhatIsInFrontAndClearsWhatIsBehind) {
+TEST_P(WriteAnyShape, PartOfASectorRetainsTheBytesBeforeAndClearsTheBytesAfter) {
     const u32 size = sv->sector_size;
     const std::size_t whole = mounted::cluster_bytes();
     const bytes old = some_bytes(whole, 2);
@@ -436,7 +436,7 @@ TEST_F(WriteFile, AllocationsAreTakenBackWhenTheVolumeIsFull) {
 
 // A chain that began with the write is freed, but its number stays in the record and in the image,
 // and the end mark for the last cluster, which was none, goes into FAT entry 0.
-TEST_P(WriteAnyShape, EmptyFileKeepsItsFreedStartAndEntryZeroTheEndMark) {
+TEST_P(WriteAnyShape, EmptyFileRetainsItsFreedStartAndEntryZeroTheEndMark) {
     const int id = v.open_new("FILE       ", {}, 0);
     v.fill_but({20, 30});
     const u32 entry_zero = v.link(0);
@@ -476,7 +476,7 @@ TEST_F(WriteFile, EmptyFileThatFailedOnceLosesItsNextCluster) {
     EXPECT_EQ(v.data_of({20})[0], 'A'); // into a cluster that is free
 }
 
-TEST_F(WriteFat32, UndoKeepsReservedBitsOfFat32Entries) {
+TEST_F(WriteFat32, UndoRetainsReservedBitsOfFat32Entries) {
     const int id = v.open_new("FILE       ", {5}, 512);
     v.set_link(5, 0xAFFFFFFF);
     v.set_link(20, 0xB0000000);
@@ -488,7 +488,7 @@ TEST_F(WriteFat32, UndoKeepsReservedBitsOfFat32Entries) {
 
 // ---- a medium that fails ----------------------------------------------------------------------
 
-TEST_F(WriteFile, FailedDataSectorFreesTheNewClustersAndKeepsTheOld) {
+TEST_F(WriteFile, FailedDataSectorFreesTheNewClustersAndRetainsTheOld) {
     const int id = v.open_new("FILE       ", {5}, 512);
     v.set_data({5}, some_bytes(2048));
     sv->last_alloc_clus = 9;
@@ -585,7 +585,7 @@ TEST_F(WriteFile, FatThatCannotBeWrittenAllocatesNothing) {
 }
 
 // The first of two allocations cannot reach the medium, the second would meet a damaged entry.
-TEST_F(WriteFile, FailedWriteOfTheFatIsToldBeforeWhatTheNextSearchMeets) {
+TEST_F(WriteFile, FailedWriteOfTheFatIsReportedBeforeTheErrorsOfTheNextSearch) {
     const int id = v.open_new("FILE       ", {5}, 2048);
     sv->last_alloc_clus = 9;
     v.set_link(11, 1);
@@ -600,7 +600,7 @@ TEST_F(WriteFile, FailedWriteOfTheFatIsToldBeforeWhatTheNextSearchMeets) {
 
 // The volume's last cluster is taken, the next one cannot be. The undo cannot put its end mark into
 // entry 0 then, but frees the cluster that it can free.
-TEST_F(WriteFile, UndoGoesOnBehindAnEntryThatCannotBeWritten) {
+TEST_F(WriteFile, UndoContinuesAfterAnEntryThatCannotBeWritten) {
     const int id = v.open_new("FILE       ", {}, 0);
     const u32 end = volume::last_cluster();
     const bytes fat = v.fat_copy(0);
@@ -713,7 +713,7 @@ TEST_F(WriteFile, PartOfASectorWithoutMemoryFreesTheNewClusters) {
 
 // ---- broken chains ----------------------------------------------------------------------------
 
-TEST_F(WriteFile, ChainThatIsTooShortIsToldWithoutPrefix) {
+TEST_F(WriteFile, ChainThatIsTooShortIsReportedWithoutPrefix) {
     const int id = v.open_new("FILE       ", {5, 6}, 4096);
     mounted::record(id).allocated += 2048;
     const bytes fat = v.fat_copy(0);
@@ -757,7 +757,7 @@ TEST_F(WriteFile, BrokenLinkIsTheErrorOfTheLookup) {
 }
 
 // What stands behind a sector is looked up before it is written, and told behind it.
-TEST_F(WriteFile, LookupBehindASectorThatCannotBeWrittenIsNotTold) {
+TEST_F(WriteFile, LookupPastASectorThatCannotBeWrittenIsNotReported) {
     const int id = v.open_new("FILE       ", {5, 6}, 0);
     v.set_link(5, 1);
     mounted::record(id).allocated = 4096;
@@ -942,7 +942,7 @@ TEST_F(WriteFat32, ScatteredClustersCostTimeInProportionToTheirNumber) {
     }
 }
 
-TEST_F(WriteFile, ByteBehindALongChainFollowsItOnce) {
+TEST_F(WriteFile, ByteAfterALongChainFollowsItOnce) {
     std::vector<u32> clusters;
     for (u32 i = 0; i < 2000; i++) {
         clusters.push_back(10 + i);

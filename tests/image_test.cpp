@@ -449,7 +449,7 @@ bool is_refused_by_cluster_size(const options &given) {
 
 } // namespace
 
-TEST(OldBytes, NoneIsZeroAndBothKindsCoverEveryPlace) {
+TEST(OldBytes, AreNeverZeroAndBothKindsCoverEveryPosition) {
     bytes blocks[2] = {bytes(BLOCK), bytes(BLOCK)};
     for (std::uint64_t number : {0, 1, 2, 77, 4096, 1 << 20}) {
         for (unsigned phase : {0U, 1U}) {
@@ -599,7 +599,7 @@ void expect_file(const std::string &path, std::uint64_t size, const picture &ima
 
 } // namespace
 
-TEST(ImageFile, IsAsThePictureAndKeepsItsSize) {
+TEST(ImageFile, MatchesThePictureAndDoesNotChangeItsSize) {
     constexpr time_t NOW = 1709251198;
     for (const on_file &one : FILES) {
         SCOPED_TRACE(as_text(one.given, one.size));

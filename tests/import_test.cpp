@@ -287,7 +287,7 @@ INSTANTIATE_TEST_SUITE_P(Volumes, ImportTwice,
 
 } // namespace
 
-TEST_P(ImportTwice, WritesWhatCreatingAndWritingByHandDoes) {
+TEST_P(ImportTwice, WritesTheSameAsCreatingAndWritingByHand) {
     const bytes content = some_bytes(CHUNK + 5000);
     const std::string host = scratch.file_with("host", content);
     const auto by_import =
@@ -368,7 +368,7 @@ TEST_P(ImportFile, FileThatTheUserMayNotReadIsRefused) {
     EXPECT_TRUE(nothing_written());
 }
 
-TEST_P(ImportFile, FullVolumeIsToldAndLeavesAnEmptyFile) {
+TEST_P(ImportFile, FullVolumeIsReportedAndLeavesAnEmptyFile) {
     v.fill_but({});
     EXPECT_EQ(copy(host_file(some_bytes(100)), "FILE", 1),
               (printout{0, "\n",
@@ -380,7 +380,7 @@ TEST_P(ImportFile, FullVolumeIsToldAndLeavesAnEmptyFile) {
     EXPECT_EQ(v.count_free(), 0U);
 }
 
-TEST_P(ImportFile, VolumeThatFillsUpLeavesWhatCameBefore) {
+TEST_P(ImportFile, VolumeThatFillsUpRetainsTheEarlierImports) {
     const std::size_t cluster = mounted::cluster_bytes();
     v.fill_but({30, 31, 32});
     const bytes content = some_bytes(5 * cluster);
@@ -394,7 +394,7 @@ TEST_P(ImportFile, VolumeThatFillsUpLeavesWhatCameBefore) {
     EXPECT_EQ(v.count_free(), 1U);
 }
 
-TEST_P(ImportFile, SectorThatCannotBeWrittenIsToldAndLeavesAnEmptyFile) {
+TEST_P(ImportFile, SectorThatCannotBeWrittenIsReportedAndLeavesAnEmptyFile) {
     v.fill_but({30, 31});
     v.disk.unwritable = {volume::first_sector_of(30)};
     EXPECT_EQ(copy(host_file(some_bytes(mounted::cluster_bytes())), "FILE"),
@@ -676,14 +676,14 @@ TEST_F(ImportLink, TargetOfEightMebibytesFillsTheBuffer) {
     EXPECT_EQ(meter.peak_bytes(), CHUNK + 1);
 }
 
-TEST_F(ImportLink, TargetEndsWhereTheSystemSaysSo) {
+TEST_F(ImportLink, TargetEndsAtTheLengthThatTheSystemReturns) {
     const std::string path = host_link("longer than three");
     const pretended_link three({.target_size = 3, .fill = 't'});
     EXPECT_EQ(copy(path, "LINK"), silent());
     expect_link(1, "LINK       ", "ttt");
 }
 
-TEST_F(ImportLink, TellsATargetThatCannotBeRead) {
+TEST_F(ImportLink, ReportsATargetThatCannotBeRead) {
     const std::string path = host_link("target");
     const failing_call fault(call::readlink, EACCES);
     EXPECT_EQ(copy(path, "LINK"), refused(-EACCES, import_says("Cannot read link!\n\n")));
@@ -721,7 +721,7 @@ TEST_F(ImportLink, NeedsANameInTheVolume) {
                                    CHECK_HERE + import_says("cannot create ZUQ file (null)\n\n")));
 }
 
-TEST_F(ImportLink, FullVolumeIsTold) {
+TEST_F(ImportLink, FullVolumeIsReported) {
     v.fill_but({});
     EXPECT_EQ(copy(host_link("target"), "LINK"),
               refused(-ENOSPC, "fat_alloc_cluster[N]: No space left on volume!!\n"
@@ -731,7 +731,7 @@ TEST_F(ImportLink, FullVolumeIsTold) {
     EXPECT_EQ(imported(), entry_image{});
 }
 
-TEST_F(ImportLink, TargetThatCannotBeWrittenIsTold) {
+TEST_F(ImportLink, TargetThatCannotBeWrittenIsReported) {
     v.fill_but({30});
     // The cluster is cleared first and written with the target then.
     v.disk.writes_before_failure = 3;
@@ -830,7 +830,7 @@ TEST_F(ImportRefuses, FilesThatAFullRootHasNoRoomFor) {
                       import_says("cannot create ZUQ file FILE: No space left on device\n")}));
 }
 
-TEST_F(ImportRefuses, WhatThereIsNoMemoryFor) {
+TEST_F(ImportRefuses, MissingMemory) {
     const std::string host = host_file(some_bytes(10));
     for (const std::string &path : {host, scratch.file("."), host_link("target")}) {
         const failing_allocation fault(0);
@@ -844,7 +844,7 @@ TEST_F(ImportRefuses, WhatThereIsNoMemoryFor) {
     EXPECT_FALSE(fault.struck());
 }
 
-TEST(Import, SaysWhatFailsOnStandardErrorAlone) {
+TEST(Import, ReportsFailuresOnStandardErrorAlone) {
     const mounted v;
     standard_error error;
     standard_output out;

@@ -153,7 +153,7 @@ TEST_P(FindDentry, LabelsDeletedAndInvalidEntriesArePassed) {
     EXPECT_EQ(find("README.TXT"), expected);
 }
 
-TEST_P(FindDentry, NothingIsLookedAtBehindAnUnusedEntry) {
+TEST_P(FindDentry, NothingIsReadAfterAnUnusedEntry) {
     dir.append(short_entry("OTHER   TXT"));
     dir.append(entry_image{});
     dir.append(short_entry("README  TXT"));
@@ -256,7 +256,7 @@ TEST_P(FindSlots, OrphanSlotsBelongToTheNextShortEntry) {
     EXPECT_EQ(find("OTHER.TXT"), found(index));
 }
 
-TEST_P(FindSlots, NameBehindOrphansAndDeletedEntriesIsFound) {
+TEST_P(FindSlots, NameAfterOrphansAndDeletedEntriesIsFound) {
     dir.append(deleted(short_entry("README~1TXT")));
     dir.append(long_slots(std::u16string(40, u'o'), "OOOOOO~1   "));
     dir.append(deleted(long_slot(0x41, u"ReadMe.txt", 0)));
@@ -265,7 +265,7 @@ TEST_P(FindSlots, NameBehindOrphansAndDeletedEntriesIsFound) {
     EXPECT_EQ(find("ReadMe.txt"), found(index));
 }
 
-TEST_P(FindSlots, SecondShortEntryBehindTheSlotsHasNoLongName) {
+TEST_P(FindSlots, SecondShortEntryAfterTheSlotsHasNoLongName) {
     dir.append(long_slots(u"OtherName", "OTHERN~1   "));
     dir.append(short_entry("OTHERN~1   "));
     dir.append(short_entry("README~1TXT"));
@@ -273,7 +273,7 @@ TEST_P(FindSlots, SecondShortEntryBehindTheSlotsHasNoLongName) {
     EXPECT_EQ(find("README~1.TXT"), found(2));
 }
 
-TEST_P(FindSlots, UnitsOfAnEarlierNameStayBehindALaterOneWithoutItsEnd) {
+TEST_P(FindSlots, UnitsOfAnEarlierNameRemainAfterALaterOneWithoutItsEnd) {
     dir.append_long(A13 + u"BBBB", "AAAAAA~1   ");
     dir.append(long_slot(0x01, C13, 0));
     const u32 index = dir.append(short_entry("CCCCCC~1   "));
@@ -281,7 +281,7 @@ TEST_P(FindSlots, UnitsOfAnEarlierNameStayBehindALaterOneWithoutItsEnd) {
     EXPECT_EQ(find(narrow(C13)), ABSENT);
 }
 
-TEST_P(FindSlots, FullLastSlotEndsTheNameInFrontOfOldUnits) {
+TEST_P(FindSlots, FullLastSlotEndsTheNameBeforeOldUnits) {
     dir.append_long(A13 + u"BBBB", "AAAAAA~1   ");
     const u32 index = dir.append_long(C13, "CCCCCC~1   ");
     EXPECT_EQ(find(narrow(C13)), found(index));
@@ -414,7 +414,7 @@ TEST_P(FindFails, LongFormThatIsNotAsciiCannotBeLookedFor) {
                                "find_dentry_with_clu[N]: Failed to get fatnames!\n\n"}));
 }
 
-TEST_P(FindFails, NameInFrontOfTheDamageIsFound) {
+TEST_P(FindFails, NameBeforeTheDamageIsFound) {
     dir.fill_up(short_entry("OTHER   TXT"));
     dir.put(31, short_entry("README  TXT"));
     v.set_link(9, 1);
@@ -674,7 +674,7 @@ TEST_F(CompareEntryName, TwentiethSlotIsCutAtTheEnd) {
     EXPECT_EQ(std::u16string(gathered + 247, gathered + 256), A13.substr(0, 9));
 }
 
-TEST_F(CompareEntryName, MissingPlaceForTheGatheredNameCountsAsAMatchOfALongForm) {
+TEST_F(CompareEntryName, MissingBufferForTheGatheredNameCountsAsAMatchOfALongForm) {
     const u16 wide[256] = {'A', 0};
     const u8 *const dos = reinterpret_cast<const u8 *>("README  TXT");
     EXPECT_EQ(compare_entry_name(other.data(), dos, nullptr, nullptr, &flag), 0);
@@ -788,7 +788,7 @@ TEST_P(GetLongName, NamesOfEveryLengthComeBackWithTheirSlots) {
     }
 }
 
-TEST_P(GetLongName, NameOfADirectoryComesBackToo) {
+TEST_P(GetLongName, NameOfADirectoryIsReturnedToo) {
     dir.append(long_slots(u"Directory", DOS));
     dir.append(short_entry(DOS, DIRECTORY));
     EXPECT_EQ(long_name(0), (answer{1, ""}));
@@ -807,7 +807,7 @@ TEST_P(GetLongName, SlotsGoOnInTheNextSector) {
     }
 }
 
-TEST_P(GetLongName, UnitsBehindThe256thAreLeftOut) {
+TEST_P(GetLongName, UnitsAfterThe256thAreOmitted) {
     std::u16string wide;
     for (unsigned k = 63; k >= 1; k--) {
         const std::u16string part(13, static_cast<char16_t>(0x100 + k));

@@ -175,7 +175,7 @@ INSTANTIATE_TEST_SUITE_P(Shapes, UpdateEntry,
                                          volume_shape{.fat_type = 16, .sector_size = 4096}),
                          shape_name);
 
-TEST_P(UpdateEntry, PutsTheCopyInItsPlaceAndNothingElse) {
+TEST_P(UpdateEntry, WritesTheCopyToItsPositionAndNothingElse) {
     bytes expected = c.v.disk.peek(sector * sv->sector_size, sv->sector_size);
     const entry_image held = mounted::held_entry(id);
     std::copy(held.begin(), held.end(),
@@ -205,7 +205,7 @@ TEST_P(UpdateEntry, WritesNothingWhereTheEntryIsInNoSector) {
 }
 
 // Only a negative result of the read counts.
-TEST_P(UpdateEntry, GoesOnAfterAReadThatMovesNothing) {
+TEST_P(UpdateEntry, ContinuesAfterAReadThatMovesNothing) {
     c.v.disk.failure_result = 0;
     c.v.disk.reads_before_failure = 0;
     EXPECT_EQ(update(id), (answer{0, ""}));
@@ -270,12 +270,12 @@ TEST_P(ListChains, PrintsTenNumbersInALine) {
               (printout{0, twenty + "\n", ""}));
 }
 
-TEST_P(ListChains, SaysOfAnEmptyEntryThatItHasNone) {
+TEST_P(ListChains, ReportsThatAnEmptyEntryHasNone) {
     EXPECT_EQ(list_of(c.v.open_new("EMPTY      ", {}, 0)),
               (printout{0, "", "fat_list_chains[N]: failed to get chain count!\n\n"}));
 }
 
-TEST_P(ListChains, TellsOfAChainThatBroke) {
+TEST_P(ListChains, ReportsAChainThatBroke) {
     const int id = c.v.open_new("FILE       ", {20, 30}, 1);
     c.v.set_link(20, 0);
     EXPECT_EQ(list_of(id), (printout{-EINVAL, "",
@@ -411,7 +411,7 @@ TEST_F(Fstat, TakesTheSizeOfTheCopyAsItIs) {
     EXPECT_EQ(stat_of(id).out.substr(0, 24), "[file]  (16777215 Bytes)");
 }
 
-TEST_F(Fstat, EndsWithWhatTheListOfClustersSays) {
+TEST_F(Fstat, EndsWithTheListOfClusters) {
     const entry_image entry = short_entry("EMPTY      ");
     EXPECT_EQ(stat_of(open("EMPTY", entry, {})),
               (printout{0,
@@ -567,7 +567,7 @@ TEST_P(FindPathname, GoesDownFiveLevels) {
     EXPECT_EQ(f.find(70), nothing());
 }
 
-TEST_P(FindPathname, ShowsNamesAsTheyAreMeantToBeSeen) {
+TEST_P(FindPathname, ShowsNamesInTheirDisplayForm) {
     entry_image small = short_entry("SMALL   TXT", ARCHIVE, 10);
     small[12] = 0x18;
     f.v.chain({10});
@@ -601,7 +601,7 @@ TEST_P(FindPathname, DoesNotExistForFreeAndLostClusters) {
     EXPECT_EQ(f.find(volume::last_cluster()), nothing());
 }
 
-TEST_P(FindPathname, LooksAtTheFirstEntryOfTheRoot) {
+TEST_P(FindPathname, ChecksTheFirstEntryOfTheRoot) {
     top->go_to(0);
     f.add_file(top, "FILE    TXT", {10});
     EXPECT_EQ(f.find(10), (found_path{0, "/FILE.TXT"}));
@@ -621,7 +621,7 @@ TEST_P(FindPathname, LeavesOutTheFirstTwoEntriesOfOtherDirectories) {
     EXPECT_EQ(f.find(31), (found_path{2, "/SUB/THIRD"}));
 }
 
-TEST_P(FindPathname, PassesWhatIsNeitherFileNorDirectory) {
+TEST_P(FindPathname, SkipsEntriesThatAreNeitherFilesNorDirectories) {
     f.v.chain({10});
     top->append(deleted(short_entry("GONE    TXT", ARCHIVE, 10)));
     top->append(short_entry("LABEL      ", LABEL, 10));
@@ -679,7 +679,7 @@ TEST_P(FindPathname, FailsAtADirectoryWhoseChainIsBroken) {
     }
 }
 
-TEST_P(FindPathname, PassesADirectoryWhoseChainRunsIntoAFreeEntry) {
+TEST_P(FindPathname, SkipsADirectoryWhoseChainRunsIntoAFreeEntry) {
     directory *sub = f.add_dir(top, "SUB        ", {20, 21});
     f.add_file(sub, "INNER   TXT", {30});
     f.add_file(top, "FILE    TXT", {12});
@@ -695,7 +695,7 @@ TEST_P(FindPathname, PassesADirectoryWithoutCluster) {
     EXPECT_EQ(f.find(99), nothing());
 }
 
-TEST_P(FindPathname, TellsOfADirectoryThatCannotBeRead) {
+TEST_P(FindPathname, ReportsADirectoryThatCannotBeRead) {
     f.v.disk.unreadable = {top->offset_of(0) / 512};
     EXPECT_EQ(f.find(12), (found_path{-EIO, ""}));
     const std::string sector = std::to_string(top->offset_of(0) / 512);
@@ -766,7 +766,7 @@ TEST_P(LongPaths, HoldUpTo4095Characters) {
     EXPECT_EQ(f.find(114).path, path);
 }
 
-TEST_P(LongPaths, TouchNothingBehindTheBuffer) {
+TEST_P(LongPaths, TouchNothingPastTheBuffer) {
     const u32 index = f.add_file(in, "FILE~1     ", {50}, std::u16string(254, u'f'));
     std::vector<char> buffer(4096 + 8, '#');
     EXPECT_EQ(f.ask([&] { return fat_find_pathname(50, buffer.data(), 4096); }).result,
@@ -941,7 +941,7 @@ TEST(FindPathnameInFat16Root, CountsEntries512) {
     EXPECT_EQ(f.said.text(), "");
 }
 
-TEST(FindPathnameInFat16Root, EndsBehindASmallArea) {
+TEST(FindPathnameInFat16Root, EndsAfterASmallArea) {
     forest f({.root_entries = 32});
     f.v.top.fill_up(deleted(short_entry("GONE    TXT")));
     EXPECT_EQ(f.find(10), (found_path{-ENOENT, ""}));
@@ -982,7 +982,7 @@ TEST_P(FindPathname, ComesWithTheBaseClusterOfItsDirectory) {
     EXPECT_EQ(parent_of_cluster(30), 22U);
 }
 
-TEST_P(FindPathname, IsAppendedToWhatThePathHolds) {
+TEST_P(FindPathname, IsAppendedToThePath) {
     directory *sub = f.add_dir(top, "SUB        ", {20});
     f.add_file(sub, "FILE    TXT", {30});
     const int id = f.v.open(1);
@@ -1063,7 +1063,7 @@ TEST_P(Getcwd, NeedsABufferOf4096BytesElsewhere) {
                                "fat_getcwd[N]: Failed to get cwd!\n\n"}));
 }
 
-TEST_P(Getcwd, TellsOfADirectoryThatIsGone) {
+TEST_P(Getcwd, ReportsARemovedDirectory) {
     f.add_dir(top, "SUB        ", {20});
     const u32 index = f.last_index;
     enter(index);

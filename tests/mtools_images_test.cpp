@@ -379,7 +379,7 @@ TEST_P(MtoolsImages, EveryNameOfTheRootIsFoundAndLeadsToItsFile) {
     }
 }
 
-TEST_P(MtoolsImages, ListingShowsWhatWasWrittenAndWhatMtoolsShows) {
+TEST_P(MtoolsImages, ListingShowsTheWrittenFilesLikeMtools) {
     NEED_ENCODING("UTF-8");
     oentry dir = root();
     names expected = ROOT_NAMES;
@@ -522,7 +522,7 @@ TEST_P(MtoolsImages, DotEntriesOfADirectoryAreFound) {
     expect_found(&dir, "..", 1);
 }
 
-TEST_P(MtoolsImages, NextNumericTailIsTheLowestThatNoneHas) {
+TEST_P(MtoolsImages, NextNumericTailIsTheLowestUnused) {
     oentry dir = sub_directory();
     std::set<std::string> taken;
     for (const shown &entry : list(&dir)) {
@@ -559,7 +559,7 @@ TEST_P(MtoolsImages, OrphanedSlotsDoNotHideTheNextName) {
     EXPECT_EQ(names_of(list(&dir)), expected);
 }
 
-TEST_P(MtoolsImages, OrphanedSlotsInFrontOfAnotherShortEntryAreTakenForItsName) {
+TEST_P(MtoolsImages, OrphanedSlotsBeforeAnotherShortEntryAreTakenForItsName) {
     oentry dir = root();
     const u32 index = index_of(list(&dir), "to be orphaned.txt");
     // README moves up behind the slots.

@@ -225,7 +225,7 @@ TEST(ResolvePath, NameAloneHasNoParents) {
     EXPECT_EQ(split(".."), (parts{0, {}, ".."}));
 }
 
-TEST(ResolvePath, ParentsStandInTheirOrder) {
+TEST(ResolvePath, ParentsAreInTheirOrder) {
     EXPECT_EQ(split("a/name"), (parts{0, {"a"}, "name"}));
     EXPECT_EQ(split("a/bc/def/name"), (parts{0, {"a", "bc", "def"}, "name"}));
     EXPECT_EQ(split("./.././name"), (parts{0, {".", "..", "."}, "name"}));
@@ -440,7 +440,7 @@ TEST_P(PathLookup, ParentThatIsMissing) {
     }
 }
 
-TEST_P(PathLookup, DotDotParentIsEntryOneWhateverThatIs) {
+TEST_P(PathLookup, DotDotParentIsAlwaysEntryOne) {
     for (const char *path : {"../name", "/../name", "./../name", "../MISSING/name", "../../name"}) {
         v.disk.log.clear();
         EXPECT_EQ(look_up(path), (lookup{{0, ""}, place::NONE, "name"})) << path;
@@ -633,7 +633,7 @@ TEST_P(PathLookup, StartDirectoryOutsideTheVolume) {
 
 // ---- keeping a path ---------------------------------------------------------------------------
 
-TEST(GetName, PathOfUpTo260CharactersIsKept) {
+TEST(GetName, PathOfUpTo260CharactersIsStored) {
     for (std::size_t length = 0; length <= ROOM; length++) {
         const std::string path(length, 'a');
         EXPECT_EQ(keep(path), (kept{{static_cast<int>(length), ""}, path}));

@@ -342,7 +342,7 @@ TEST_P(NamespaceInteroperability, Links) {
     judge();
 }
 
-TEST_P(NamespaceInteroperability, ALinkWithoutATargetKeepsItsCluster) {
+TEST_P(NamespaceInteroperability, ALinkWithoutATargetRetainsItsCluster) {
     EXPECT_EQ(make_link("", "LINK"), -EINVAL);
     files_["LINK"] = {};
     judge({.lines = "/LINK\n"
@@ -434,7 +434,7 @@ TEST_P(NamespaceInteroperability, RemovedEntriesLeaveTheirClusters) {
     EXPECT_EQ(survey_of_open_volume().lost.size(), 7U); // 1, and 1 + 1 + 1 + 3 and its own
 }
 
-TEST_P(NamespaceInteroperability, NewNamesInThePlacesOfRemovedOnes) {
+TEST_P(NamespaceInteroperability, NewNamesInTheSlotsOfRemovedOnes) {
     ASSERT_NO_FATAL_FAILURE(furnish());
     ASSERT_NO_FATAL_FAILURE(unlink("A long name.text"));
     ASSERT_NO_FATAL_FAILURE(unlink("PLAIN.TXT"));
@@ -462,7 +462,7 @@ TEST_P(NamespaceInteroperability, AVolumeInUseForALongTime) {
 
 // ---- mending ----------------------------------------------------------------------------------
 
-TEST_P(NamespaceInteroperability, ADirectoryCutShortIsBroughtBackByAChecker) {
+TEST_P(NamespaceInteroperability, ADirectoryCutShortIsRepairedByAChecker) {
     ASSERT_NO_FATAL_FAILURE(add_directory("SUB"));
     for (std::uint32_t i = 2; i <= unit() / 32; i++) {
         ASSERT_NO_FATAL_FAILURE(add_file(numbered("SUB/F", i), 0));

@@ -158,7 +158,7 @@ TEST_P(RandomHandles, FewEntriesOpen) {
     run(4000, 4, 12);
 }
 
-TEST_P(RandomHandles, TableRunsFull) {
+TEST_P(RandomHandles, TableBecomesFull) {
     run(6000, 9, 512);
     EXPECT_GT(times_full, 100);
 }

@@ -137,7 +137,7 @@ TEST_F(Unlink, FileThatIsOpenGoesAllTheSame) {
 }
 
 // Only a warning: all clusters of the chain are freed.
-TEST_F(DoDelete, ReleaseOfAChainThatTheImageDoesNotFitGoesOn) {
+TEST_F(DoDelete, ReleaseOfAChainThatTheCachedEntryDoesNotFitContinues) {
     v.top.go_to(1);
     v.top.append(short_entry("FILE       ", ARCHIVE, 5, 100000));
     v.chain({5, 6});
@@ -147,7 +147,7 @@ TEST_F(DoDelete, ReleaseOfAChainThatTheImageDoesNotFitGoesOn) {
 
 // ---- orphan slots -----------------------------------------------------------------------------
 
-TEST_P(UnlinkAnyShape, SlotsOfALongNameStayBehind) {
+TEST_P(UnlinkAnyShape, SlotsOfALongNameRemain) {
     sv->last_alloc_clus = 9;
     symlink("target", "Some long name");
     const std::vector<entry_image> slots = {v.top.at(1), v.top.at(2)};
@@ -404,7 +404,7 @@ TEST_F(DoDelete, EntryIsOpenedUnderTheLastFreeId) {
     EXPECT_NE(v.value_of(6), 0U);
 }
 
-TEST_F(RemovePath, EntryThatCannotBeMarkedIsTold) {
+TEST_F(RemovePath, EntryThatCannotBeMarkedIsReported) {
     v.top.append(short_entry("FILE       ", ARCHIVE, 5, 10));
     v.disk.unwritable = {v.top.sectors[0]};
     v.disk.failure_result = -EROFS;
@@ -428,7 +428,7 @@ const std::string NOT_A_DIRECTORY = "is_empty_dir[N]: Check here!\n\n";
 
 } // namespace
 
-TEST_F(IsEmptyDirectory, OnlyLiveDirectoriesAreLookedAt) {
+TEST_F(IsEmptyDirectory, OnlyLiveDirectoriesAreChecked) {
     directory dir = v.sub_directory({5});
     const auto ask = [&dir] { return is_empty_dir(&dir.record); };
     for (const auto &[first, attr] : std::initializer_list<std::pair<unsigned, unsigned>>{
@@ -442,7 +442,7 @@ TEST_F(IsEmptyDirectory, OnlyLiveDirectoriesAreLookedAt) {
     EXPECT_EQ(called(ask), came_to(1));
 }
 
-TEST_F(IsEmptyDirectory, FirstTwoEntriesAreNotLookedAt) {
+TEST_F(IsEmptyDirectory, FirstTwoEntriesAreNotChecked) {
     directory dir = v.sub_directory({5});
     EXPECT_EQ(is_empty_dir(&dir.record), 1);
     dir.put(0, short_entry("FILE       "));
@@ -453,7 +453,7 @@ TEST_F(IsEmptyDirectory, FirstTwoEntriesAreNotLookedAt) {
     EXPECT_EQ(said.text(), "");
 }
 
-TEST_F(IsEmptyDirectory, DirectoryWithoutEntriesBehindTheDotsGivesZero) {
+TEST_F(IsEmptyDirectory, DirectoryWithoutEntriesAfterTheDotsGivesZero) {
     directory dir = v.sub_directory({5});
     dir.put(2, short_entry("FILE       "));
     v.disk.log.clear();
@@ -519,7 +519,7 @@ TEST_F(RemoveEntry, WalkBackMarksEachMatchingSlotUpToTheLastOfTheName) {
     }
 }
 
-TEST_F(RemoveEntry, SlotsInTwoMoreSectorsAreWrittenBehindTheEntry) {
+TEST_F(RemoveEntry, SlotsInTwoMoreSectorsAreWrittenAfterTheEntry) {
     const u8 sum = checksum_when_removed("FILE       ");
     v.top.go_to(15);
     v.top.append(long_slot(0x52, u"last", sum));
@@ -550,7 +550,7 @@ TEST_F(RemoveEntry, SlotsInAFourthSectorAreOutOfRange) {
 }
 
 // The sector in front is read to see that its last slot does not match, and written back.
-TEST_F(RemoveEntry, SectorThatWasOnlyLookedAtIsWrittenToo) {
+TEST_F(RemoveEntry, SectorThatWasOnlyReadIsWrittenToo) {
     v.top.go_to(16);
     v.top.append(short_entry("FILE       "));
     v.disk.log.clear();

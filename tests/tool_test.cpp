@@ -118,7 +118,7 @@ TEST_F(ToolTest, ShowsUsageWithoutAnOperandOrWithTwo) {
     expect_untouched(first, {second}, usage);
 }
 
-TEST_F(ToolTest, ShowsUsageForWhatIsNoOption) {
+TEST_F(ToolTest, ShowsUsageForAnUnknownOption) {
     const std::string target = small_image();
     for (const char *option : {"-x", "-h", "--help", "--version"}) {
         SCOPED_TRACE(option);
@@ -166,7 +166,7 @@ TEST_F(ToolTest, RefusesAClusterOver32KiBWithItsMessageAlone) {
 
 // ---- success ----------------------------------------------------------------------------------
 
-TEST_F(ToolTest, SaysNothingButSuccess) {
+TEST_F(ToolTest, PrintsNothingButSuccess) {
     EXPECT_EQ(run_tool({image(64 * MIB)}), (outcome{0, SUCCESS, ""}));
 }
 
@@ -178,7 +178,7 @@ TEST_F(ToolTest, ShowsTheSummaryOnceHoweverOftenItIsAskedFor) {
     EXPECT_EQ(run_tool({target, "-vvv"}), expected);
 }
 
-TEST_F(ToolTest, ChoosesFat32BeyondWhatFat16CanCount) {
+TEST_F(ToolTest, ChoosesFat32BeyondTheClustersOfFat16) {
     EXPECT_EQ(run_tool({"-v", image(512 * MIB)}), (outcome{0,
                                                            "- Volume size:\t\t536870912 Bytes\n"
                                                            "- FAT type:\t\t32 bits\n"
@@ -195,7 +195,7 @@ TEST_F(ToolTest, ChoosesFat32BeyondWhatFat16CanCount) {
                                                            ""}));
 }
 
-TEST_F(ToolTest, AlignsToPagesOf4096BytesUnlessToldOtherwise) {
+TEST_F(ToolTest, AlignsToPagesOf4096BytesByDefault) {
     const std::string target = image(64 * MIB);
     const auto summary = [](const char *fat_sectors, const char *clusters, const char *fat,
                             const char *rdir, const char *data) {
@@ -229,7 +229,7 @@ TEST_F(ToolTest, TakesClustersOver32KiBWhereTheSectorSizeIsLeftOut) {
     EXPECT_TRUE(layout.is_fat32);
 }
 
-TEST_F(ToolTest, WritesTheDefaultsThatTheUsageTextDoesNotTell) {
+TEST_F(ToolTest, WritesTheDefaultsThatTheUsageTextDoesNotShow) {
     const std::string target = image(64 * MIB);
     const auto before = static_cast<std::uint32_t>(std::time(nullptr));
     EXPECT_EQ(run_tool({target}), (outcome{0, SUCCESS, ""}));
@@ -254,13 +254,13 @@ TEST_F(ToolTest, PutsTheLabelIntoTheBootSectorAlone) {
     EXPECT_EQ(std::string(entry.begin(), entry.end()), "           \x08");
 }
 
-TEST_F(ToolTest, KeepsTheSizeOfAnImage) {
+TEST_F(ToolTest, DoesNotChangeTheSizeOfAnImage) {
     const std::string target = image(SMALL_SIZE + 777);
     EXPECT_EQ(format_small(target), (outcome{0, SUCCESS, ""}));
     EXPECT_EQ(std::filesystem::file_size(target), SMALL_SIZE + 777);
 }
 
-TEST_F(ToolTest, GivesTheSameBytesWhateverWasThereBefore) {
+TEST_F(ToolTest, WritesTheSameBytesOverAnyOldContent) {
     const std::string target = small_image();
     EXPECT_EQ(format_small(target), (outcome{0, SUCCESS, ""}));
     EXPECT_EQ(format_small(target), (outcome{0, SUCCESS, ""}));
@@ -558,7 +558,7 @@ TEST_F(ToolTest, NeedsNoNullDevice) {
 
 // ---- a limit on file sizes --------------------------------------------------------------------
 
-TEST_F(ToolTest, TellsThatTheTargetIsBeyondTheLimitOnFileSizes) {
+TEST_F(ToolTest, ReportsThatTheTargetIsBeyondTheLimitOnFileSizes) {
     const std::string target = image(64 * MIB);
     EXPECT_EQ(
         without_line_numbers(shell("ulimit -f 4; exec \"$@\"", {tool_path(), "-S", "512", target})),
@@ -665,7 +665,7 @@ TEST_F(MountTableTest, SkipsTheCheckWithoutATable) {
     expect_formatted(target_);
 }
 
-TEST_F(MountTableTest, LooksAtTheTableAfterTheOptionsAndBeforeTheClusterSize) {
+TEST_F(MountTableTest, ReadsTheTableAfterTheOptionsAndBeforeTheClusterSize) {
     table(target_ + " /mnt vfat rw 0 0\n");
     const target_state before = state_of(target_);
     EXPECT_EQ(format(target_, {"-F", "12"}),

@@ -266,7 +266,7 @@ TEST(MakePoolTest, RefusesADirectoryOfThatName) {
     c.expect_unchanged();
 }
 
-TEST(MakePoolTest, LiesInTheRootWhateverIsCurrent) {
+TEST(MakePoolTest, IsInTheRootWithAnyCurrentDirectory) {
     zuq_case c;
     const directory sub = c.v.sub_directory({20});
     const int id = c.v.open_new("SUB        ", {20}, 0, DIRECTORY);
@@ -277,7 +277,7 @@ TEST(MakePoolTest, LiesInTheRootWhateverIsCurrent) {
 }
 
 // The attributes come on top of those that creation gives, which are none but in permission mode.
-TEST(MakePoolTest, KeepsTheBitsOfThePermissionMode) {
+TEST(MakePoolTest, RetainsTheBitsOfThePermissionMode) {
     zuq_case c({.sec_per_clus = 64});
     fat_perm = {1, 0x1234, 0, 0600, 0};
     sv->last_alloc_clus = 99;
@@ -306,7 +306,7 @@ TEST(MakePoolTest, TakesTheSlotOfARemovedEntry) {
     EXPECT_EQ(c.v.data_of({10}), pool_content(2, 10, 512));
 }
 
-TEST(MakePoolTest, TellsOfAFullRootDirectory) {
+TEST(MakePoolTest, ReportsAFullRootDirectory) {
     zuq_case c;
     c.v.top.fill_up(short_entry("FULL    TXT"));
     c.v.disk.remember();
@@ -348,7 +348,7 @@ TEST(MakePoolTest, LeavesTheEntryWhereNoClusterIsFree) {
 }
 
 // The second search for a free cluster passes over broken entries and comes back with number 0.
-TEST(MakePoolTest, TellsOfAClusterThatHasNoSector) {
+TEST(MakePoolTest, ReportsAClusterThatHasNoSector) {
     zuq_case c({.fat_type = 32});
     c.v.fill_but({});
     c.v.set_link(7, 1);
@@ -360,7 +360,7 @@ TEST(MakePoolTest, TellsOfAClusterThatHasNoSector) {
     EXPECT_EQ(ids_in_use(), std::vector<int>{0});
 }
 
-TEST(MakePoolTest, TellsOfAClusterThatCannotBeWritten) {
+TEST(MakePoolTest, ReportsAClusterThatCannotBeWritten) {
     for (const int moved : {-EIO, 0, 1, 3, 5}) {
         zuq_case c({.fat_type = 16, .sec_per_clus = 4});
         sv->last_alloc_clus = 9;
@@ -376,7 +376,7 @@ TEST(MakePoolTest, TellsOfAClusterThatCannotBeWritten) {
     }
 }
 
-TEST(MakePoolTest, TellsOfAnEntryThatCannotBeUpdated) {
+TEST(MakePoolTest, ReportsAnEntryThatCannotBeUpdated) {
     for (const int moved : {-EIO, 0, 2}) {
         zuq_case c;
         sv->last_alloc_clus = 9;
@@ -508,7 +508,7 @@ TEST(MakeLogTest, RefusesASecondLog) {
     c.expect_unchanged();
 }
 
-TEST(MakeLogTest, StandsBesideThePool) {
+TEST(MakeLogTest, ExistsBesideThePool) {
     for (const u32 fat_type : {16U, 32U}) {
         zuq_case c({.fat_type = fat_type, .sec_per_clus = 8});
         sv->last_alloc_clus = 99;
@@ -520,7 +520,7 @@ TEST(MakeLogTest, StandsBesideThePool) {
     }
 }
 
-TEST(MakeLogTest, TellsOfAFullRootDirectory) {
+TEST(MakeLogTest, ReportsAFullRootDirectory) {
     zuq_case c;
     c.v.top.fill_up(short_entry("FULL    TXT"));
     c.v.disk.remember();
@@ -545,7 +545,7 @@ TEST(MakeLogTest, LeavesTheEntryWhereAllIdsAreTaken) {
 }
 
 // The clusters stay in the chain, the entry on the medium does not know them.
-TEST(MakeLogTest, KeepsWhatItHasWhereTheVolumeFillsUpHalfWay) {
+TEST(MakeLogTest, RetainsItsClustersIfTheVolumeFillsUpHalfWay) {
     for (const u32 fat_type : {16U, 32U}) {
         zuq_case c({.fat_type = fat_type, .sec_per_clus = 8, .fill = 0x5A});
         c.v.fill_but({40, 41, 50, 77, 78});
@@ -598,7 +598,7 @@ TEST(MakeLogTest, StopsAtAClusterThatCannotBeCleared) {
     }
 }
 
-TEST(MakeLogTest, TellsOfAnEntryThatCannotBeUpdated) {
+TEST(MakeLogTest, ReportsAnEntryThatCannotBeUpdated) {
     int writes = 0;
     for (const bool is_rehearsal : {true, false}) {
         zuq_case c({.sec_per_clus = 64});
@@ -750,7 +750,7 @@ TEST_P(FindCluster, IsTheFirstOfTheChainThatThePredicateHoldsFor) {
     EXPECT_EQ(asked, each_of({20, 60, 30}, 10));
 }
 
-TEST_P(FindCluster, LooksAtTheStartBeforeAnythingIsRead) {
+TEST_P(FindCluster, ChecksTheStartBeforeAnyRead) {
     EXPECT_EQ(find(10, ALL_ONES, 10, is_equal), (answer{10, ""}));
     EXPECT_EQ(c.v.traffic(), 0U);
     // Also at a number that is no cluster.
@@ -788,7 +788,7 @@ TEST_P(FindCluster, IgnoresAStopThatIsNotAllOnes) {
     }
 }
 
-TEST_P(FindCluster, TellsOfNumbersThatAreNoClusters) {
+TEST_P(FindCluster, ReportsNumbersThatAreNotClusters) {
     const answer refused{-EINVAL, "fat_read_clus[N]: Invalid arg!\n\n"
                                   "find_cluster[N]: Failed to read cluster!\n\n"};
     for (const u32 start : {0U, 1U, volume::last_cluster() + 1, 0x80000000U, ALL_ONES - 1}) {
@@ -800,7 +800,7 @@ TEST_P(FindCluster, TellsOfNumbersThatAreNoClusters) {
     EXPECT_EQ(asked, each_of({ALL_ONES}, 7));
 }
 
-TEST_P(FindCluster, TellsOfLinksThatAreNone) {
+TEST_P(FindCluster, ReportsInvalidLinks) {
     const answer refused{-EINVAL, "fat_read_clus[N]: Invalid cluster!\n\n"
                                   "find_cluster[N]: Failed to read cluster!\n\n"};
     for (const u32 link : {1U, volume::bad_mark(), volume::last_cluster() + 1}) {
@@ -810,7 +810,7 @@ TEST_P(FindCluster, TellsOfLinksThatAreNone) {
     }
 }
 
-TEST_P(FindCluster, EndsACircleInTimeThatFitsIt) {
+TEST_P(FindCluster, EndsACycleInTimeProportionalToIt) {
     for (const u32 before : {0U, 1U, 5U, 100U}) {
         for (const u32 length : {1U, 2U, 3U, 64U, 1000U}) {
             const std::vector<u32> clusters = row(10, before + length);
@@ -846,7 +846,7 @@ TEST_P(FindCluster, PassesMissingMemoryOn) {
                              "find_cluster[N]: Failed to read cluster!\n\n");
 }
 
-TEST_P(FindCluster, KeepsNothing) {
+TEST_P(FindCluster, RetainsNothing) {
     c.v.chain({10, 20, 30});
     const allocation_meter meter;
     EXPECT_EQ(find_cluster(10, ALL_ONES, 30, [](u32 cluster, u32 key) { return cluster == key; }),
@@ -952,13 +952,13 @@ TEST_P(FindPool, LooksInTheCurrentDirectoryAlone) {
     EXPECT_EQ(c.find_pool(1), (answer{70, found(2, 60)}));
 }
 
-TEST_P(FindPool, TellsOfAMissingPool) {
+TEST_P(FindPool, ReportsAMissingPool) {
     EXPECT_EQ(c.find_pool(0), (answer{-ENOENT, "fat_open[N]: failed to find directory entry!\n\n"
                                                "fat_find_pool[N]: Failed to open file!\n\n"}));
     EXPECT_EQ(ids_in_use(), std::vector<int>{0});
 }
 
-TEST_P(FindPool, TellsOfADirectoryInItsPlace) {
+TEST_P(FindPool, ReportsADirectoryOfThatName) {
     c.v.chain({20});
     c.v.top.append(short_entry(POOL, DIRECTORY, 20));
     EXPECT_EQ(c.find_pool(0),
@@ -976,7 +976,7 @@ TEST_P(FindPool, FindsNothingInAPoolWithoutClusters) {
 }
 
 // With key 0 a failure is not told apart from the end of the chain.
-TEST_P(FindPool, TellsOfAChainThatBreaksBehindItsBack) {
+TEST_P(FindPool, ReportsAChainThatBreaksDuringTheWalk) {
     put_pool({20, 30});
     const int id = c.v.open(1);
     ASSERT_GT(id, 0);
