@@ -43,7 +43,7 @@ std::string text_of(const std::filesystem::path &path) {
     return {content.begin(), content.end()};
 }
 
-// Where the comment or literal that begins at `begin` ends; `begin` itself where none does.
+// Where the comment or literal that begins at `begin` ends; `begin` itself if there is no end.
 std::size_t end_of_comment_or_literal(const std::string &text, std::size_t begin) {
     const auto after = [&text](std::string_view closing, std::size_t from) {
         const std::size_t found = text.find(closing, from);

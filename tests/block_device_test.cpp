@@ -22,7 +22,7 @@ using namespace testing_support;
 
 namespace {
 
-// The two lines that tell the size of a device; the first counts bytes in 32 bits.
+// The two lines with the size of a device; the first counts bytes in 32 bits.
 std::string size_lines(std::uint64_t sectors) {
     const auto cut_sectors = static_cast<std::uint32_t>(sectors);
     return "check_vol_size[N]: ioctl(BLKGETSIZE): " + std::to_string(cut_sectors) + " sectors, " +

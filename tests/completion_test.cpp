@@ -1,5 +1,4 @@
-// Completion in bash and zsh: what the shells offer, held against what the programs say of
-// themselves.
+// Completion in bash and zsh: the offers of the shells are compared with the help of the programs.
 
 #include "tests/support/files.h"
 #include "tests/support/help.h"

@@ -1,4 +1,4 @@
-// The power fails after every single sector that a call writes: what stands on the medium then is
+// The power fails after every single sector that a call writes: the medium in this state is
 // mounted again. Everything that the call was not about is whole, no cluster belongs to two chains,
 // every walk ends. What the call itself may leave is collected, and is exactly what
 // docs/power-loss.md promises.
@@ -102,7 +102,7 @@ public:
 private:
     using block_map = std::map<std::uint64_t, bytes>;
 
-    // What the disk does not know is as it was before.
+    // Blocks that the disk does not have are not changed.
     void take(ram_disk *disk) {
         auto blocks = std::make_shared<block_map>(blocks_ != nullptr ? *blocks_ : block_map());
         for (const std::uint64_t number : disk->known_blocks()) {
@@ -184,7 +184,7 @@ struct scenario {
     std::string name;
     std::function<void()> prepare; // on the furnished volume; may be empty
     std::function<int()> act;
-    int result = 0;         // of the act: 0 stands for any success
+    int result = 0;         // of the act: 0 means any success
     std::string about = ""; // what is written to without a change that stays
     bool is_stale = false;  // a directory grows into a cluster that holds old entries
 };
@@ -327,7 +327,7 @@ std::vector<scenario> writes() {
         {"fat_write_file", "Link", {}, [] { return append("LINK", 20); }},
     };
 }
-// On small volumes: the clusters that were found are given back.
+// On small volumes: the clusters that were found are freed.
 std::vector<scenario> failing_writes() {
     return {
         {"fat_write_file", "NoSpace", [] { fill_volume(3); },
@@ -675,7 +675,8 @@ private:
             }
         }
     }
-    // Behind a directory that cannot be opened. A root directory can always be, but nothing in it.
+    // In a directory that cannot be opened. A root directory can always be opened, but no entry in
+    // it.
     static void expect_barred(const std::string &barrier, const std::string &path) {
         if (!barrier.empty()) {
             ASSERT_EQ(go_to(barrier), -ENOTDIR);
@@ -704,7 +705,7 @@ private:
                    found->second.end == chain_end::runs_into_free;
         });
     }
-    // Names of one slot, made and removed, put an end to the gap in front of a name behind the end.
+    // Creates and removes names of one slot, which closes the gap before a name past the end.
     static void fill_gap(const std::string &directory) {
         std::vector<std::string> made;
         while (!survey_of_open_volume().behind_the_end.empty()) {
@@ -872,7 +873,7 @@ int format_again(const volume_shape &shape) {
     param.fat_size = shape.fat_type;
     param.sector_size = shape.sector_size;
     param.sec_per_clus = shape.sec_per_clus;
-    param.nr_fat = 1; // everything behind the first FAT moves
+    param.nr_fat = 1; // everything after the first FAT moves
     param.volume_id = 0x20240301;
     const std::uint64_t size = sv->vol_size;
     *sv = {};

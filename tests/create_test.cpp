@@ -44,11 +44,11 @@ entry_image new_entry(std::string_view dos, u8 attr, u8 case_bits, u32 start = 0
 constexpr u8 LOWER = 0x18; // both parts of the name
 constexpr u8 SYMLINK_MARK = 0xE2;
 
-// What is said where no directory came of the path.
+// Messages if the path leads to no directory.
 const std::string NO_DIRECTORY = "do_create[N]: Invalid input\n";
 const std::string NOT_CREATED = "create_internal[N]: Check here!\n\n";
 
-// Behind the label entry that formatting leaves in the root directory.
+// After the label entry that formatting leaves in the root directory.
 constexpr u32 FIRST = 1;
 
 } // namespace
@@ -186,7 +186,7 @@ TEST_F(CreateFile, RemovedEntriesAreUsedAgain) {
     EXPECT_EQ(v.top.at(6), short_entry("F          "));
 }
 
-// Slots that a removal leaves behind are never used again.
+// Slots that a removal leaves are never used again.
 TEST_F(CreateFile, OrphanSlotsAreNotUsedAgain) {
     v.top.go_to(1);
     v.top.append(long_slots(u"Some long name", "SOMELO~1   "));
@@ -245,7 +245,7 @@ TEST_F(CreateFile, NameOfTheLabelEntryIsFree) {
     EXPECT_EQ(create("VOLUME"), came_to(1));
 }
 
-// All 1023 numbers taken: the name is told to exist although it does not.
+// All 1023 numbers taken: the name is reported to exist although it does not.
 TEST_F(CreateFile, NumericTailsThatAreUsedUpAreAnExistingName) {
     directory &inside = enter_directory([] {
         std::vector<u32> clusters(20);

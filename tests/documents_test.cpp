@@ -94,8 +94,8 @@ struct block {
     std::vector<shown_command> commands;
 };
 
-// The command of a line of code: what stands behind "$ ", or in front of a remark, which is set off
-// by two blanks. Empty: the line is no command.
+// The command of a line of code: the text after "$ ", or before a remark, which two
+// spaces separate. Empty: the line is not a command.
 std::string command_of(const std::string &line) {
     if (begins_with(line, "$ ")) {
         return line.substr(2);

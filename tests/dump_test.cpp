@@ -36,8 +36,8 @@ const volume_shape DUMPED_SHAPES[] = {
 const std::string ROOT_OPENED = "fat_open[N]: failed to get name!\n\n";
 const std::string ROOT_IS_NOT_CLOSED = "fat_close[N]: Invalid id!(0)\n\n";
 
-// A mounted volume and an image file to be. Whatever a dump opens is given back, and nothing is
-// written to the volume.
+// A mounted volume and the image file to write. A dump closes all that it opens and does not write
+// to the volume.
 class dumped_volume : public testing::TestWithParam<volume_shape> {
 protected:
     explicit dumped_volume(const volume_shape &shape) : v(shape) {}
@@ -119,7 +119,7 @@ namespace {
 
 class FatDumpFat0 : public dumped_volume {
 protected:
-    // What stands in front of the second FAT, with a pattern in it.
+    // The sectors before the second FAT, with a pattern in them.
     bytes prepare() {
         set_sectors(1, volume::fat_offset(0, 1) / sv->sector_size, 7);
         return sectors(0, sv->fat_start + sv->fat_size);
@@ -248,7 +248,7 @@ TEST_P(FatDumpClus, RefusesAClusterPastTheEndOfTheVolume) {
 TEST_P(FatDumpClus, ReportsWhyTheImageCannotBeMade) {
     EXPECT_EQ(ask([&] { return fat_dump_clus(30, scratch.file("none/image").c_str()); }),
               answer(-ENOENT, "create cluster image: No such file or directory\n"));
-    // The image comes before the number is looked at.
+    // The image is created before the number is checked.
     EXPECT_EQ(ask([&] { return fat_dump_clus(1, scratch.file(".").c_str()); }),
               answer(-EISDIR, "create cluster image: Is a directory\n"));
 }
@@ -302,7 +302,7 @@ protected:
     bytes make_file(std::size_t size) {
         return make(ARCHIVE, static_cast<u32>(size));
     }
-    // What opening it says.
+    // The messages of opening it.
     [[nodiscard]] std::string found() const {
         return found_at(v.top.base(), 0);
     }
@@ -478,7 +478,7 @@ TEST_P(FatDump, EndsWhereTheLastPartCannotBeWritten) {
 
 TEST_P(FatDump, ReportsMissingMemory) {
     make_file(1);
-    std::vector<answer> failures; // those behind the opening
+    std::vector<answer> failures; // those after the opening
     at_every_fault({EVERY_ALLOCATION}, [&](fault_step &step) {
         const answer a = step.run([&] { return dump("NAME"); });
         if (!step.struck()) {

@@ -18,7 +18,7 @@ using namespace std::string_literals;
 
 namespace {
 
-// What an entry is told to be.
+// The reported attributes of an entry.
 struct info_picture {
     std::string name;
     std::string short_name;
@@ -105,10 +105,10 @@ std::vector<info_picture> expected_listing(const directory &dir) {
 class entries_case {
 public:
     explicit entries_case(const volume_shape &shape = {}) : v(shape) {
-        v.top.go_to(1); // behind the label
+        v.top.go_to(1); // after the label
     }
 
-    // All entries from the beginning on. Nothing is said.
+    // All entries from the beginning on. Prints no diagnostics.
     std::vector<info_picture> list(int did) {
         std::vector<info_picture> result;
         u32 index = 0;
@@ -156,7 +156,7 @@ public:
         EXPECT_EQ(index, at);
         return result;
     }
-    // What an open entry is; its error as a name. Nothing is said.
+    // The attributes of an open entry; its error as a name. Prints no diagnostics.
     info_picture info_of(int id) {
         fat_entry_info info;
         std::memset(&info, 0x55, sizeof info);
@@ -525,7 +525,7 @@ TEST_P(NextEntry, AgreesWithTheReferenceListing) {
             case 2:
                 add(short_entry("INVALID    ", LABEL | DIRECTORY));
                 break;
-            case 3: // slots with nothing behind them
+            case 3: // slots with nothing after them
                 break;
             case 4:
                 slots[below(static_cast<u32>(slots.size()))][below(2) == 0 ? 0 : 13] ^=
@@ -591,7 +591,7 @@ TEST_P(NextEntry, FailsOrSucceedsWithEveryFailingReadAndAllocation) {
         // Sectors that cannot be read together are read one by one.
         EXPECT_EQ(result, 1);
         EXPECT_STREQ(info.name, "over the end of a cluster");
-        // The first sector and the link behind it, or their buffers, are missed.
+        // The first sector and the link after it, or their buffers, are missing.
         EXPECT_TRUE(step.struck() || failures >= 2);
     });
     EXPECT_EQ(c.said.text(), "");
@@ -722,7 +722,7 @@ TEST_P(InfoOf, ReportsARemovedEntry) {
     ASSERT_GT(id, 0);
     ASSERT_GE(fat_rm_entry("/A long name.txt"), 0);
     EXPECT_EQ(c.info_error(id), -ENOENT);
-    // Its place is taken by another, which is not it.
+    // Another entry, which is not the same, takes its position.
     c.v.top.go_to(1);
     const int other = c.v.open_new("OTHER      ", {}, 0);
     EXPECT_EQ(c.info_of(other).index, 1U);

@@ -99,7 +99,7 @@ TEST_F(Example, MakeImageGivesTheTreeInAShortImageThatIsTheSameEveryTime) {
     EXPECT_TRUE(read_file(image_) == read_file(again));
     EXPECT_NE(made.out.find("FIRMWARE"), std::string::npos);
 
-    // What was cut off comes back as zeros.
+    // The part that was cut off reads as zeros.
     const nlohmann::json info = nlohmann::json::parse(said("info", {"--json"}));
     const std::uint64_t whole =
         info["total_sectors"].get<std::uint64_t>() * info["sector_size"].get<std::uint64_t>();

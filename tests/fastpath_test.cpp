@@ -89,7 +89,7 @@ struct path_made {
     bool operator==(const path_made &) const = default;
 };
 std::ostream &operator<<(std::ostream &out, const path_made &made) {
-    return out << "{" << made.result << ", said \"" << made.said << "\", path \"" << made.path
+    return out << "{" << made.result << ", printed \"" << made.said << "\", path \"" << made.path
                << "\"}";
 }
 path_made make_path(fast_case *c, int (*call)(int, char *, char *), int id) {
@@ -113,7 +113,7 @@ protected:
     path_made path_of_id(int id) {
         return make_path(&c, zuq_get_fast_open_path_of_file, id);
     }
-    // An open entry that lies where the test says and describes what it says.
+    // An open entry with the given position and fields.
     int forge(u32 sector, u32 offset, u32 start, u32 size) {
         const int id = c.v.open_new("FORGED  TXT", {}, size);
         const entry_image entry = short_entry("FORGED  TXT", ARCHIVE, start, size);
@@ -252,7 +252,7 @@ TEST_P(GetNextCluster, ReportsReadErrors) {
 
 // ---- get_long_name_fast -----------------------------------------------------------------------
 
-// What it gives: the name up to its terminator, where the pointer stands afterwards.
+// Its output: the name up to its terminator, and the position of the pointer afterwards.
 struct gathered_name {
     answer a;
     std::u16string units;
@@ -270,7 +270,7 @@ class GetLongNameFast : public testing::Test {
 protected:
     GetLongNameFast() : dir(c.v.sub_directory({20, 22})) {}
 
-    // Of the slots that begin at `index` of the cluster. `before` stands in every unit.
+    // From the slots that begin at `index` of the cluster. Every unit is set to `before` first.
     gathered_name gather(u32 index, u32 cluster = 20, u16 before = 0) {
         const u32 place = cluster == 22 ? index + 16 : index;
         entry_image first = dir.at(place);
@@ -424,7 +424,7 @@ TEST_F(GetLongNameFast, BreaksWhereNoShortEntryFollows) {
                                           by("idx[N]: not SFN(type:6)\n")}));
 }
 
-// Their order in the directory alone says where the units go.
+// Only their order in the directory determines the positions of the units.
 TEST_F(GetLongNameFast, DoesNotCheckOrdinals) {
     dir.put(0, long_slot(0x43, u"end", checksum_of(DOS)));
     dir.put(1, long_slot(1, u"two two two t", checksum_of(DOS)));
@@ -463,7 +463,7 @@ TEST_F(GetLongNameFast, ReportsSectorsThatCannotBeRead) {
                                 by("fail to get dentry(20, 16): Input/output error\n\n")}));
 }
 
-// More slots than a name can have: what lies behind unit 255 is left out.
+// More slots than a name can have: the units past 255 are omitted.
 TEST(GetLongNameFastTest, StaysWithinItsBufferWithAnySlots) {
     for (const unsigned count : {21U, 100U, 191U}) {
         fast_case c({.sec_per_clus = 16});
@@ -633,8 +633,8 @@ TEST_P(ReaddirFast, FollowsLongNamesOverSectorsAndClusters) {
     }
 }
 
-// From the first long name on, the output keeps the image of its first slot, also where the name
-// is that of a directory, or broken, and other entries follow.
+// From the first long name on, the output retains a copy of its first slot, even if the name
+// belongs to a directory or is broken, and other entries follow.
 TEST_P(ReaddirFast, RetainsACopyOfTheFirstSlotVisited) {
     directory dir = c.v.sub_directory({20, 22});
     dir.append(deleted(short_entry("GONE    TXT")));
@@ -647,7 +647,7 @@ TEST_P(ReaddirFast, RetainsACopyOfTheFirstSlotVisited) {
     EXPECT_EQ(got.name, "FILE.TXT");
     EXPECT_EQ(got.entry, dir.at(1));
     EXPECT_EQ(got.where.sector * sv->sector_size + got.where.offset, dir.offset_of(file));
-    // A later call begins anew.
+    // A later call begins again.
     dir.append(short_entry("FILE2   TXT", ARCHIVE, 7, 8));
     EXPECT_EQ(fast_step_of(&c, &dir).entry, short_entry("FILE2   TXT", ARCHIVE, 7, 8));
 }
@@ -677,7 +677,7 @@ TEST_P(ReaddirFast, SkipsEverySlotWhileLongNamesAreOff) {
     EXPECT_EQ(fast_step_of(&c, &full).result, 0);
 }
 
-// The file in the very last slot of a chain is lost: the walk cannot stand behind it.
+// The file in the very last slot of a chain is lost: the walk has no position after it.
 TEST_P(ReaddirFast, LosesTheLastFileOfAFullDirectory) {
     directory dir = c.v.sub_directory({20});
     dir.fill_up(short_entry("FILE    TXT"));
@@ -774,7 +774,7 @@ TEST_P(ReaddirFast, EndsACycleOfClustersWithoutFiles) {
     EXPECT_EQ(fast_step_of(&c, &alone).result, -1);
 }
 
-// Files in a circle come again with every round; each call ends.
+// Files in a cycle are listed again in every round; each call ends.
 TEST_P(ReaddirFast, RepeatsTheFilesOfACycle) {
     directory dir = c.v.sub_directory({20, 22});
     dir.fill_up(deleted(short_entry("GONE    TXT")));
@@ -819,8 +819,8 @@ TEST_P(ReaddirFast, ReportsSlotsThatCannotBeRead) {
                   "): Input/output error\n\ndo_readdir_fast[N]: Check here!\n\n");
 }
 
-// Every read and every allocation failing: an error, or the file; nothing kept, the walk not moved
-// past a file that it did not give.
+// Every read and every allocation fails in turn: the call returns an error or the file, retains
+// nothing, and does not move past a file that it did not return.
 TEST_P(ReaddirFast, SurvivesEveryFailingReadAndAllocation) {
     at_every_fault({EVERY_READ, EVERY_ALLOCATION}, [&](fault_step &step) {
         directory dir = c.v.sub_directory({20, 22, 23});
@@ -844,7 +844,7 @@ TEST_P(ReaddirFast, SurvivesEveryFailingReadAndAllocation) {
     });
 }
 
-// Random directories, walked until well behind their end.
+// Random directories, walked until well past their end.
 TEST_P(ReaddirFast, AgreesWithTheReferenceWalk) {
     std::mt19937 engine(20240229);
     const auto below = [&](u32 n) { return static_cast<u32>(engine() % n); };
@@ -892,7 +892,7 @@ TEST_P(ReaddirFast, AgreesWithTheReferenceWalk) {
                 entry[11] = DIRECTORY | LABEL | ARCHIVE;
                 add(entry);
                 break;
-            case 4: // slots with nothing behind them
+            case 4: // slots with nothing after them
                 for (const entry_image &slot : slots) {
                     add(slot);
                 }
@@ -957,7 +957,7 @@ TEST(ReaddirFastInFat16Root, GivesEveryFileOfAFullRootOf512) {
         ASSERT_EQ(got.where.sector * 512 + got.where.offset, c.v.top.offset_of(i));
         ASSERT_EQ(got.slot, i + 1);
     }
-    // Slot 512 is examined, and lies behind the area.
+    // Slot 512 is examined, and is past the area.
     for (int call = 0; call < 3; call++) {
         const fast_step got = fast_step_of(&c, &c.v.top);
         EXPECT_EQ(got.result, -EFAULT);

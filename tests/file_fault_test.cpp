@@ -1,4 +1,4 @@
-// Writes and reads of which the k-th transfer or allocation fails, for every k until none is left.
+// Writes and reads in which the k-th transfer or allocation fails, for every k up to the last.
 
 #include "tests/support/every_fault.h"
 #include "tests/support/file_fixture.h"

@@ -27,10 +27,10 @@ INSTANTIATE_TEST_SUITE_P(Shapes, WriteAnyShape, testing::ValuesIn(many_shapes())
 
 constexpr u8 SYMLINK_MARK = 0xE2;
 
-// What a write that was taken back says last.
+// The last messages of a write that was undone.
 const std::string WRITE_FAILED = "write_file_internal[N]: Failed to write file!\n\n"
                                  "fat_write_file[N]: Failed go get file entry!\n\n";
-// What a refusal says last.
+// The last message of a refusal.
 const std::string NO_FILE = "fat_write_file[N]: Failed go get file entry!\n\n";
 
 } // namespace
@@ -299,7 +299,7 @@ TEST_F(WriteFile, PositionIsNeitherUsedNorMoved) {
     EXPECT_EQ(part_of(v.data_of({5}), 0, 10), part_of(some_bytes(2048), 0, 10));
 }
 
-// Each id has its own copy of the entry: the one that writes last decides what the medium says.
+// Each id has its own copy of the entry: the last write determines the entry on the medium.
 TEST_F(WriteFile, TwoIdsOfOneFileDoNotSeeEachOther) {
     const int first = v.open_new("FILE       ", {5}, 10);
     const int second = v.open(0);
@@ -377,7 +377,7 @@ TEST_F(WriteFile, WholeCopyReachesTheMediumAndItsNeighboursStay) {
         v.top.append(short_entry("OTHER   TXT", ARCHIVE, 9, 1234));
     }
     const int id = v.open_new("FILE       ", {5}, 10);
-    v.top.append(short_entry("BEHIND  TXT", ARCHIVE, 9, 1234));
+    v.top.append(short_entry("AFTER   TXT", ARCHIVE, 9, 1234));
     ASSERT_EQ(mounted::record(id).dentry_offset, 0U);
     const u64 sector = u64{mounted::record(id).dentry_sector} * 512;
     const bytes behind = v.disk.peek(sector + 32, 480);
@@ -434,8 +434,8 @@ TEST_F(WriteFile, AllocationsAreTakenBackWhenTheVolumeIsFull) {
     EXPECT_EQ(sv->last_alloc_clus, 30U);
 }
 
-// A chain that began with the write is freed, but its number stays in the record and in the image,
-// and the end mark for the last cluster, which was none, goes into FAT entry 0.
+// A chain that began with the write is freed, but its number stays in the record and in the cached
+// entry, and the end mark is written to FAT entry 0, as there was no last cluster.
 TEST_P(WriteAnyShape, EmptyFileRetainsItsFreedStartAndEntryZeroTheEndMark) {
     const int id = v.open_new("FILE       ", {}, 0);
     v.fill_but({20, 30});
@@ -460,7 +460,7 @@ TEST_P(WriteAnyShape, EmptyFileRetainsItsFreedStartAndEntryZeroTheEndMark) {
     EXPECT_EQ(v.fat_copy(0), fat);
 }
 
-// The next write links what it allocates behind cluster 0, so that it does not reach its data.
+// The next write links its new clusters after cluster 0, so that it does not reach its data.
 TEST_F(WriteFile, EmptyFileThatFailedOnceLosesItsNextCluster) {
     const int id = v.open_new("FILE       ", {}, 0);
     v.fill_but({20, 30});
@@ -692,7 +692,7 @@ TEST_F(WriteFile, ListOfClustersNeedsMemory) {
 TEST_F(WriteFile, PartOfASectorWithoutMemoryFreesTheNewClusters) {
     const int id = v.open_new("FILE       ", {5}, 2048);
     const bytes fat = v.fat_copy(0);
-    bool is_met = false; // behind the list and the sectors of the FAT
+    bool is_met = false; // after the list and the sectors of the FAT
     at_every_fault({EVERY_ALLOCATION}, [&](fault_step &step) {
         const outcome o = step.run([&] { return write(id, some_bytes(1)); });
         if (!step.struck()) {
@@ -756,7 +756,8 @@ TEST_F(WriteFile, BrokenLinkIsTheErrorOfTheLookup) {
                                            WRITE_FAILED}));
 }
 
-// What stands behind a sector is looked up before it is written, and told behind it.
+// The cluster after a sector is looked up before the sector is written, and its errors are printed
+// after those of the sector.
 TEST_F(WriteFile, LookupPastASectorThatCannotBeWrittenIsNotReported) {
     const int id = v.open_new("FILE       ", {5, 6}, 0);
     v.set_link(5, 1);

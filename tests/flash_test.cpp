@@ -243,13 +243,13 @@ namespace {
 
 using tree = std::map<std::string, std::vector<std::uint8_t>>;
 
-// The files of the root directory that begin with "kept", read whole.
-tree kept_files() {
+// The files of the root directory that begin with "safe", read whole.
+tree safe_files() {
     tree result;
     fat_entry_info info;
     for (std::uint32_t index = 0; fat_next_entry(0, &index, &info) == 1;) {
         const std::string name = info.name;
-        if (name.rfind("kept", 0) != 0) {
+        if (name.rfind("safe", 0) != 0) {
             continue;
         }
         const int id = fat_open_file(info.name);
@@ -286,7 +286,7 @@ void check_after_failure(const std::map<std::uint64_t, std::vector<std::uint8_t>
     }
     sv->long_name = 1;
     ASSERT_EQ(fat_build_super(), 0);
-    EXPECT_TRUE(kept_files() == expected);
+    EXPECT_TRUE(safe_files() == expected);
 }
 
 std::map<std::uint64_t, std::vector<std::uint8_t>> blocks_of(ram_disk *disk) {
@@ -323,11 +323,11 @@ TEST(FlashPowerLoss, AnyPartOfACallsWritesInAnyOrderLeavesOtherFilesWhole) {
             {
                 flash_volume volume(wanted, LARGE_PAGES);
                 // The directory has room: while one grows, a lost write may cut it short.
-                for (const char *name : {"kept one", "changing", "kept two", "KEPT3.TXT"}) {
+                for (const char *name : {"safe one", "changing", "safe two", "SAFE3.TXT"}) {
                     create(name);
                     append(name, 3000);
                 }
-                expected = kept_files();
+                expected = safe_files();
                 ASSERT_EQ(expected.size(), 2u);
                 before = blocks_of(&volume.disk());
                 volume.chip().record();

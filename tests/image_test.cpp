@@ -1,4 +1,4 @@
-// Whole images, byte by byte. What must stand on the medium is computed here, from the layouts of
+// Whole images, byte by byte. The expected bytes are computed here, from the layouts of
 // the FAT file system as they are written down, without the library: not one offset or formula is
 // shared with it. The medium is full beforehand of bytes that read as directory entries and as
 // chains of clusters and none of which is zero, so that a byte too many and a byte too few both
@@ -57,7 +57,7 @@ void paint_old_link(std::uint64_t number, std::uint8_t *entry) {
     entry[3] = static_cast<std::uint8_t>(1 + number / 16581375 % 15);
 }
 
-// Stretches of 512 bytes are directory and FAT in turn; `phase` says which comes first.
+// Stretches of 512 bytes are directory and FAT in turn; `phase` selects the first.
 void paint_old_block(std::uint64_t number, unsigned phase, std::uint8_t *block) {
     for (std::uint64_t at = 0; at < BLOCK; at += 512) {
         const std::uint64_t first = number * BLOCK + at;
@@ -93,7 +93,7 @@ public:
             done += part;
         }
     }
-    // Only the blocks that were painted; every other one is as it was.
+    // Only the blocks that were painted; no other one is changed.
     [[nodiscard]] const std::map<std::uint64_t, bytes> &blocks() const {
         return blocks_;
     }
@@ -269,7 +269,7 @@ void paint_volume(picture *image, const options &given, const volume_layout &vol
     image->put(at(root), label_entry);
 }
 
-// Stands for a request that is refused before fat_format sees it; no errno.
+// Result of a request that is refused before fat_format gets it; not an errno.
 constexpr int CLUSTER_TOO_LARGE = -1000;
 
 // What must come of the options on a target.
@@ -305,7 +305,7 @@ expectation expect_of(const options &given, std::uint64_t target_bytes) {
 
 // ---- formatting ----
 
-// Hands the options to the library as the program does. Returns what expectation::result says.
+// Passes the options to the library as the program does. Returns a result like that of expectation.
 int format_with(const options &given) {
     fat_format_param param = {};
     param.sec_per_clus = given.cluster_sectors.value_or(0);
@@ -333,7 +333,7 @@ std::string difference(const std::uint8_t *is, const bytes &should_be, std::uint
            " and should be " + std::to_string(should_be[i]);
 }
 
-// Every block that the formatter looked at or wrote, and every block that it should have written.
+// Every block that the formatter read or wrote, and every block that it should have written.
 void expect_image(ram_disk *disk, const picture &image) {
     for (const auto &[number, content] : image.blocks()) {
         (void)disk->block(number);
@@ -524,7 +524,7 @@ TEST(Image, RandomOptionsAndSizes) {
             given.width.reset(); // the formatter chooses
         }
         const asked wish = with_defaults(given);
-        // From none to about 130000 clusters, and any byte.
+        // From 0 to about 130000 clusters, and any byte.
         const std::uint64_t cluster = wish.cluster_sectors * std::uint64_t{wish.sector_bytes};
         const std::uint64_t size = (random() % 131072) * cluster + random() % cluster;
         ASSERT_NO_FATAL_FAILURE(check_in_memory(given, size, i, &count));

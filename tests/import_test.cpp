@@ -41,7 +41,7 @@ std::string import_says(const std::string &text) {
     return "fat_copy_to_zuq[N]: " + text;
 }
 const std::string CHECK_HERE = "Check here!\n\n";
-// What a write says that finds no free cluster.
+// The messages of a write that finds no free cluster.
 const std::string VOLUME_FULL = "fat_alloc_cluster[N]: No space left on volume!!\n"
                                 "do_write_file[N]: cannot allocate cluster\n"
                                 "write_file_internal[N]: Failed to write file!\n\n"
@@ -82,7 +82,7 @@ protected:
         return path;
     }
 
-    // The first entry of the root; imports come behind the label.
+    // The first entry of the root; imports come after the label.
     [[nodiscard]] entry_image imported() const {
         return v.top.at(1);
     }
@@ -433,7 +433,7 @@ void expect_survival(const std::string &host, const fault_kind &kind, int least)
         EXPECT_TRUE(result.result == 0 || result.result == -EIO || result.result == -ENOMEM ||
                     result.result == -ENOSPC || result.result == -EINVAL)
             << result;
-        // What fails says so in the name of the import, once and last.
+        // A failure is printed in the name of the import, once and last.
         EXPECT_EQ(result.said.find("fat_copy_to_zuq[N]: "),
                   result.said.rfind("fat_copy_to_zuq[N]: "))
             << result;
@@ -466,7 +466,7 @@ TEST(ImportUnderFaults, LinkSurvivesEachOfThem) {
 
 namespace {
 
-// A volume whose data area keeps only sectors that are not all zero, or nothing, and counts them.
+// A volume whose data area stores only sectors that are not all zero, or nothing, and counts them.
 class ImportLargeFile : public import_test {
 protected:
     explicit ImportLargeFile(const volume_shape &shape = {.fat_type = 16,
@@ -669,7 +669,7 @@ TEST_F(ImportLink, TargetOfEightMebibytesFillsTheBuffer) {
               refused(-ENAMETOOLONG, "fat_create_symlink[N]: " + CHECK_HERE + LINK_REFUSED));
     EXPECT_EQ(longest.room(), CHUNK);
     EXPECT_TRUE(nothing_written());
-    // Its terminator stands behind.
+    // Its terminator is past that.
     const diagnostics said;
     const allocation_meter meter;
     EXPECT_EQ(fat_copy_to_zuq(path.c_str(), "LINK", 0), -ENAMETOOLONG);

@@ -43,7 +43,7 @@ protected:
         EXPECT_EQ(run({lister, image}), (outcome{0, "Made in C\n", ""}));
     }
 
-    // Configures tests/consumer into `build` and builds all of it; what failed says why.
+    // Configures tests/consumer into `build` and builds all of it; prints the output of a failure.
     static void build_consumer(const std::string &build, std::vector<std::string> settings) {
         settings.insert(settings.begin(),
                         {"cmake", "-S", CONSUMER, "-B", build,
@@ -73,7 +73,7 @@ protected:
         return prefix + "/" + name;
     }
 
-    // Compiles a program of tests/consumer as pkg-config says and gives its path.
+    // Compiles a program of tests/consumer with the flags of pkg-config and returns its path.
     [[nodiscard]] std::string by_pkg_config(const std::string &compiler, const std::string &source,
                                             const std::string &link) const {
         std::string program = scratch.file(source + link);
@@ -135,7 +135,7 @@ std::string completion_place(const std::string &name) {
                : "share/bash-completion/completions/" + name.substr(0, name.find(".bash"));
 }
 
-// What stands for each file of a directory of the source tree.
+// The installed counterpart of each file of a directory of the source tree.
 template <typename Place>
 std::set<std::string> placed(const std::string &directory, Place place) {
     std::set<std::string> result;

@@ -1,5 +1,5 @@
-// What independent FAT implementations say of formatted images: the checker of dosfstools and
-// mtools, which read, list and write the volumes.
+// Formatted images in independent FAT implementations: the checker of dosfstools, and mtools, which
+// read, list and write the volumes.
 
 #include "tests/support/files.h"
 #include "tests/support/process.h"
@@ -87,7 +87,7 @@ protected:
         }
     }
 
-    // Formats a fresh image and shows it to everyone.
+    // Formats a new image and checks it with every tool.
     void check(const request &wanted) {
         std::string trace;
         for (const std::string &option : wanted.options) {
@@ -142,8 +142,8 @@ private:
         }
     }
 
-    // Of a good volume the checker minds the blank label entry and, on FAT32, that nobody has
-    // counted the free clusters yet; there is nothing else to say.
+    // On a good volume the checker reports the blank label entry and, on FAT32, that the free
+    // clusters have not been counted yet, and nothing else.
     void expect_clean(const summary &s, unsigned files, unsigned used_clusters) const {
         const outcome result = run({"fsck.fat", "-n", image_});
         std::string expected = "Volume label '' stored in root directory is not valid.\n"

@@ -1,5 +1,5 @@
-// Directories that a Linux kernel wrote, read back by the library: what the kernel itself listed is
-// the judge. tests/vm/golden_images makes the images.
+// Directories that a Linux kernel wrote, read back by the library: the expected result is the
+// listing of the kernel itself. tests/vm/golden_images makes the images.
 
 #include "fat/internal.h"
 #include "tests/support/capture.h"
@@ -86,7 +86,7 @@ protected:
         return shell("md5sum <\"$1\"", {path}).out.substr(0, 32) + " " + std::to_string(size);
     }
 
-    // Collects what lies below an open directory.
+    // Collects the entries below an open directory.
     void collect(int directory, const std::string &prefix, kernel_list *found) {
         for (const fat_entry_info &info : entries_of(directory)) {
             const std::string path = prefix + info.name;

@@ -1,4 +1,4 @@
-// The programs that the library guide shows, compiled as they stand there and run.
+// The programs that the library guide shows, compiled without a change and run.
 
 #include "fat/fat.h"
 #include "tests/support/compile.h"

@@ -334,7 +334,7 @@ struct found_item {
 std::ostream &operator<<(std::ostream &out, const found_item &item) {
     return out << item.result << ", index " << item.index << ", type " << item.type << ", size "
                << item.size << ", " << std::quoted(item.name) << ", " << std::quoted(item.dos)
-               << ", at " << item.location.first << "+" << item.location.second << ", said "
+               << ", at " << item.location.first << "+" << item.location.second << ", printed "
                << std::quoted(item.said);
 }
 
@@ -420,7 +420,7 @@ protected:
         found.said = said;
         return found;
     }
-    // An item whose first entry is `first`, after which the index stands at `next`.
+    // An item whose first entry is `first`, after which the index is `next`.
     found_item item_at(u32 first, u32 next, u32 type, u32 size, const std::string &name,
                        const std::string &dos, const std::string &said = "") {
         found_item found;
@@ -437,7 +437,7 @@ protected:
     [[nodiscard]] static u32 cluster_bytes() {
         return mounted::cluster_bytes();
     }
-    // Behind the last sector of entries of the first sector.
+    // The last entry of the first sector.
     [[nodiscard]] static u32 last_of_first_sector() {
         return volume::entries_per_sector() - 1;
     }
@@ -572,9 +572,9 @@ TEST_P(DoReaddir, GivesDirectoriesWithoutAnIntactChainNoSize) {
 TEST_P(DoReaddir, EndsAtTheFirstUnusedEntry) {
     EXPECT_EQ(read(1), failed(-ENOENT, 1));
     dir().go_to(2);
-    dir().append(short_entry("BEHIND     "));
+    dir().append(short_entry("AFTER      "));
     EXPECT_EQ(read(1), failed(-ENOENT, 1));
-    EXPECT_EQ(read(2), item_at(2, 3, DENTRY_FILE, 0, "BEHIND", "BEHIND     "));
+    EXPECT_EQ(read(2), item_at(2, 3, DENTRY_FILE, 0, "AFTER", "AFTER      "));
 }
 
 TEST_P(DoReaddir, EndsAfterTheLastEntry) {
@@ -628,7 +628,7 @@ TEST_P(DoReaddir, EndsWithTheErrorOfALongNameAfterTheLastEntry) {
 TEST(DoReaddirOfTheRootArea, StopsAfter512EntriesOfALargerOne) {
     mounted v({.fat_type = 16, .root_entries = 1024});
     v.top.fill_up(deleted(short_entry("GONE       ")));
-    v.top.put(512, short_entry("BEHIND     "));
+    v.top.put(512, short_entry("AFTER      "));
     std::vector<u8> buffer(512);
     u32 index = 0;
     u8 *entry = nullptr;
@@ -654,7 +654,7 @@ protected:
 INSTANTIATE_TEST_SUITE_P(Directories, FatReaddir, testing::ValuesIn(LISTING_SHAPES),
                          listing_shape_name);
 
-// Whatever a listing opened or allocated while it lives is given back.
+// Checks that a listing closes and frees all that it opens and allocates in the lifetime of this.
 class nothing_left {
 public:
     nothing_left() = default;
@@ -785,7 +785,7 @@ TEST_P(FatListClus, ListsEverySlotUpToTheFirstUnusedOne) {
     space.append(short_entry("LABEL      ", LABEL));
     space.append(short_entry("INVALID    ", INVALID));
     space.go_to(9);
-    space.append(short_entry("BEHIND     "));
+    space.append(short_entry("AFTER      "));
     const nothing_left check;
     EXPECT_EQ(list(30, 1), (printout{static_cast<int>(sv->sec_per_clus),
                                      "[0] extended slot\n"
@@ -874,7 +874,7 @@ printout chain_listing(const directory &space, int mode) {
 
 class FatListDir : public testing::TestWithParam<volume_shape> {
 protected:
-    // What opening the sub-directory by name says.
+    // The messages of opening the sub-directory by name.
     [[nodiscard]] std::string found() const {
         return found_at(v.top.base(), 0);
     }
@@ -1115,7 +1115,7 @@ TEST(FatListDirOfTheRootArea, EndsAtTheFirstUnusedSlotOfAnySector) {
         v.top.append(short_entry("FILE       "));
     }
     v.top.go_to(41);
-    v.top.fill_up(short_entry("BEHIND     "));
+    v.top.fill_up(short_entry("AFTER      "));
     v.disk.log.clear();
     const std::string out = list_dir(nullptr, 1).out;
     EXPECT_EQ(out.substr(out.find("[39]")), "[39] file(short name)\n[40] unused\n");
@@ -1224,7 +1224,7 @@ TEST_F(FatListEntries, NumbersTheEntriesFromOne) {
 
 TEST_F(FatListEntries, EndsAtTheFirstUnusedEntryOrAtAPartOfOne) {
     const entry_image file = short_entry("FILE       ");
-    EXPECT_EQ(list(file_of({file, {}, short_entry("BEHIND     ")}), 1),
+    EXPECT_EQ(list(file_of({file, {}, short_entry("AFTER      ")}), 1),
               printed("[1] file(short name)\n[2] unused\n"));
     EXPECT_EQ(list(file_of({file}, 31), 2), listing_of({file}, 1, 2));
     EXPECT_EQ(list(file_of({}, 31), 2), printed(""));
@@ -1284,7 +1284,7 @@ TEST_F(FatListEntries, ListsTheEntriesOfADump) {
               listing_of({inside.at(0), inside.at(1), inside.at(2), {}}, 1, 2));
 }
 
-// ---- the long name behind an index ------------------------------------------------------------
+// ---- the long name at an index ---------------------------------------------------------------
 
 namespace {
 

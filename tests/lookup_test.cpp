@@ -70,7 +70,7 @@ protected:
 class FindDentry : public in_directory {};
 INSTANTIATE_TEST_SUITE_P(Directories, FindDentry, testing::ValuesIn(KINDS), kind_name);
 
-// The same where one kind of directory tells it all.
+// The same if one kind of directory is enough.
 class find_in_sub_directory : public in_directory {};
 class FindSlots : public find_in_sub_directory {};
 class FindFails : public find_in_sub_directory {};
@@ -342,7 +342,7 @@ TEST_P(FindSlots, TwentiethSlotEndsTheNameAtItsEighthUnit) {
     const u32 index = dir.append(short_entry("ABCDEF~1   "));
     // 256 units without a terminator are gathered; the name looked for ends at 255.
     EXPECT_EQ(find(narrow(name.substr(0, 255))), ABSENT);
-    // With a terminator in its place the name is found.
+    // With a terminator at its position the name is found.
     dir.put(0, long_slot(0x54, name.substr(247, 8), 0));
     EXPECT_EQ(find(narrow(name.substr(0, 255))), found(index));
 }
@@ -731,8 +731,8 @@ class GetLongName : public in_directory {
 protected:
     static constexpr u16 CANARY = 0x7777;
 
-    // The answer for the slot at `index`; the units are left in `units`, the entry that the walk
-    // goes on with in `entry`.
+    // The answer for the slot at `index`; the units are left in `units`, the next entry of the
+    // walk in `entry`.
     answer long_name(u32 index) {
         std::fill(units.begin(), units.end(), CANARY);
         EXPECT_EQ(fat_get_dentry(&dir.record, index, &entry, buffer.data(), nullptr), 0);

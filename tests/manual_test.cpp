@@ -1,5 +1,5 @@
-// The manual pages: what they say about options, calls and records, held against the programs, the
-// header and the layout; and their form.
+// The manual pages: their options, calls and records are compared with the programs, the header and
+// the layout; and their form.
 
 #include "fat/layout.h"
 #include "tests/support/compile.h"

@@ -20,7 +20,7 @@ namespace {
 class metadata_case {
 public:
     explicit metadata_case(const volume_shape &shape = {}) : v(shape) {
-        v.top.go_to(1); // behind the label
+        v.top.go_to(1); // after the label
     }
 
     template <typename Call>
@@ -151,7 +151,7 @@ protected:
             c.v.top.append(short_entry("OTHER   TXT", ARCHIVE, 0, static_cast<u32>(i)));
         }
         id = c.v.open_new("FILE    TXT", {10}, 7);
-        c.v.top.append(short_entry("BEHIND  TXT"));
+        c.v.top.append(short_entry("AFTER   TXT"));
         sector = mounted::record(id).dentry_sector;
         for (std::size_t i = 0; i < 32; i++) {
             mounted::record(id).dentry[i] = static_cast<std::uint8_t>(0xC0 + i);
@@ -437,7 +437,7 @@ TEST_F(Fstat, PrintsToStandardOutputWithoutAStream) {
 
 // ---- paths of clusters ------------------------------------------------------------------------
 
-// A volume on which directories are made by hand, with whatever stands in them.
+// A volume on which directories and all their entries are made by hand.
 class forest : public metadata_case {
 public:
     explicit forest(const volume_shape &shape = {}) : metadata_case(shape) {}
@@ -458,10 +458,11 @@ public:
         return last_index;
     }
 
-    // A path as it is found. Ids and current directory stay as they are, nothing is kept.
+    // The path that a search finds. Ids and current directory do not change, nothing stays
+    // allocated.
     struct found_path {
         int result;
-        std::string path; // empty where none is found
+        std::string path; // empty if not found
         bool operator==(const found_path &) const = default;
     };
     found_path find(u32 cluster, u32 size = 4096) {
@@ -503,7 +504,7 @@ std::ostream &operator<<(std::ostream &out, const forest::found_path &found) {
 }
 using found_path = forest::found_path;
 
-// What taking the name of an entry without a long name says.
+// The message for the name of an entry without a long name.
 const std::string NAMED = "get_name_of_entry[N]: Check here!\n\n";
 
 class FindPathname : public testing::TestWithParam<u32> {
@@ -637,7 +638,7 @@ TEST_P(FindPathname, SkipsEntriesThatAreNeitherFilesNorDirectories) {
 TEST_P(FindPathname, EndsAtAnUnusedEntry) {
     f.add_file(top, "FILE    TXT", {10});
     top->append(entry_image{});
-    f.add_file(top, "BEHIND  TXT", {11});
+    f.add_file(top, "AFTER   TXT", {11});
     EXPECT_EQ(f.find(11), nothing());
 }
 
@@ -645,8 +646,8 @@ TEST_P(FindPathname, LooksThroughFullDirectories) {
     directory *sub = f.add_dir(top, "SUB        ", {20, 22});
     sub->fill_up(short_entry("EMPTY      "));
     f.v.chain({30});
-    f.add_file(top, "BEHIND  TXT", {11});
-    EXPECT_EQ(f.find(11).path, "/BEHIND.TXT");
+    f.add_file(top, "AFTER   TXT", {11});
+    EXPECT_EQ(f.find(11).path, "/AFTER.TXT");
     EXPECT_EQ(f.said.text(), NAMED + NAMED);
     sub->put(31, short_entry("LAST       ", ARCHIVE, 30));
     EXPECT_EQ(f.find(30), (found_path{31, "/SUB/LAST"}));
@@ -834,8 +835,8 @@ TEST_P(FindPathname, SurvivesEveryFailingReadAndAllocation) {
             EXPECT_GE(got.result, 0);
             EXPECT_EQ(got.path, "/A directory/A file here.txt");
         } else if (got.result >= 0) {
-            // A long name that could not be read leaves the short one; a chain that could not be
-            // read is not looked at.
+            // A long name that could not be read leaves the short one; a directory whose chain
+            // could not be read is not searched.
             EXPECT_TRUE(got.path == "/A directory/A file here.txt" ||
                         got.path == "/SUB~1/A file here.txt" ||
                         got.path == "/A directory/FILE~1.TXT")
@@ -917,7 +918,7 @@ TEST_P(FindPathname, EndsAtAnEntryThatLeadsBackToTheRoot) {
     directory *again = f.add_dir(top, "AGAIN      ", {21});
     again->append(short_entry("..         ", DIRECTORY, 0));
     EXPECT_EQ(f.find(99), (found_path{-EMFILE, ""}));
-    EXPECT_EQ(fat_open("/FILE.TXT"), 1); // the root is as it was
+    EXPECT_EQ(fat_open("/FILE.TXT"), 1); // the root is not changed
 }
 
 TEST_P(FindPathname, EndsAtAnEntryThatLeadsBackToItsParent) {

@@ -3,8 +3,8 @@
 //
 // Careful users (no writing through an id that another one has overtaken, no removing of what is
 // open) are also promised that no file ever loses or gains a byte: a list of what was written into
-// each file is held against the medium. Careless ones run into everything the library leaves
-// undefended; there the model alone says what must come of it.
+// each file is compared with the medium. Careless ones do everything that the library does not
+// defend against; there the model alone defines the expected result.
 
 #include "tests/support/capture.h"
 #include "tests/support/moment.h"
@@ -40,7 +40,7 @@ constexpr std::uint16_t TIME = 12 << 11 | 34 << 5 | 56 / 2;
 struct run_plan {
     volume_shape shape;
     bool long_names = true;
-    std::uint32_t free_clusters = 0; // others are taken from the start; 0: none is
+    std::uint32_t free_clusters = 0; // others are taken from the start; 0: all are free
     bool careful = true;
 };
 
@@ -379,7 +379,7 @@ public:
         }
     }
 
-    // All that can be reached is opened and read once more, on a volume mounted anew.
+    // All that can be reached is opened and read once more, on a volume mounted again.
     void read_all_again() {
         ASSERT_TRUE(both_.everything_agrees());
         ASSERT_NO_FATAL_FAILURE(expect_files_whole());
@@ -476,7 +476,7 @@ private:
         }
         expect("fat_close", std::to_string(id), fat_close(id), model_.close(id));
     }
-    // Goes down or up, or to any open directory; now and then the root is opened anew.
+    // Goes down or up, or to any open directory; now and then the root is opened again.
     void change_directory() {
         const std::uint32_t which = dice_.roll(10);
         if (which == 0) {
@@ -718,7 +718,7 @@ private:
             }
         }
     }
-    // By its place, and by its name.
+    // By its position, and by its name.
     void read_entry(int dir, std::uint32_t index, const raw_entry &entry) {
         const int id = model_.open_at(model_.table.at(dir), index);
         expect("fat_entry_open", std::to_string(index),
@@ -773,7 +773,7 @@ private:
     names names_;
     twins both_;
     model::volume &model_;
-    // What careful users have written into each file, by the place of its entry.
+    // What careful users have written into each file, by the position of its entry.
     std::map<location, bytes> written_;
     mood mood_ = MOODS[0];
     std::deque<std::string> story_;

@@ -1,5 +1,5 @@
-// Volumes that others made, and those of the program itself: mounted as their makers and judges
-// describe them.
+// Volumes that other programs made, and those of the program itself: the mounted geometry is
+// compared with that of the maker and of the checker.
 
 #include "fat/internal.h"
 #include "tests/support/boot_sector.h"
@@ -35,7 +35,7 @@ std::string joined(const words &list) {
     return result;
 }
 
-// ---- the checker's account --------------------------------------------------------------------
+// ---- the report of the checker ---------------------------------------------------------------
 
 // A number as the checker aligns it.
 std::string aligned(std::uint64_t number, const std::string &of_what) {
@@ -47,8 +47,8 @@ std::string at_byte(const std::string &what, const std::string &verb, std::uint6
            " (sector " + std::to_string(sector) + ")\n";
 }
 
-// What the checker of dosfstools has to say of the mounted geometry.
-std::string checker_account(std::uint32_t fats) {
+// The expected report of the checker of dosfstools on the mounted geometry.
+std::string checker_report(std::uint32_t fats) {
     const bool is_fat32 = sv->fat_type == 32;
     const std::uint64_t cluster = std::uint64_t{sv->sec_per_clus} * sv->sector_size;
     std::string text = aligned(sv->sector_size, "bytes per logical sector");
@@ -72,7 +72,7 @@ std::string checker_account(std::uint32_t fats) {
     return text + aligned(sv->total_sectors, "sectors total");
 }
 
-// What it said, without the lines about the disk's tracks and what stands around the geometry.
+// The geometry in its output, without the lines about the tracks of the disk.
 std::string geometry_in(const std::string &said) {
     std::istringstream lines(said);
     std::string text;
@@ -90,7 +90,7 @@ std::string geometry_in(const std::string &said) {
     return said;
 }
 
-// ---- mounting what others made ----------------------------------------------------------------
+// ---- mounting volumes of other programs ------------------------------------------------------
 
 class MountInteroperability : public volume_test {
 protected:
@@ -155,7 +155,7 @@ protected:
         ASSERT_NO_FATAL_FAILURE(mount(image));
         EXPECT_EQ(sv->fat_type, width);
         EXPECT_EQ(sv->sec_per_clus * sv->sector_size, cluster_bytes);
-        EXPECT_EQ(geometry_in(checked.out), checker_account(fats));
+        EXPECT_EQ(geometry_in(checked.out), checker_report(fats));
         const std::uint32_t fats_end = sv->fat_start + fats * sv->fat_size;
         EXPECT_EQ(sv->rdir_start, width == 32 ? sv->data_start : fats_end);
         if (width == 32) {

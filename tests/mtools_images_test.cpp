@@ -1,5 +1,5 @@
-// Directories that mtools wrote, on volumes that mkfs.fat made: read back name by name. What mtools
-// itself lists is the judge.
+// Directories that mtools wrote, on volumes that mkfs.fat made: read back name by name. The
+// expected result is the listing of mtools itself.
 
 #include "fat/internal.h"
 #include "tests/support/capture.h"
@@ -67,7 +67,7 @@ std::string file_number(int i) {
 // The images, made once and copied for each case.
 class workshop {
 public:
-    explicit workshop(unsigned width) : image_(scratch_.file("material.img")) {
+    explicit workshop(unsigned width) : image_(scratch_.file("fixture.img")) {
         make(width);
     }
     [[nodiscard]] const std::string &image() const {
@@ -101,7 +101,7 @@ private:
         must("i=$1 to=$2 && cd \"$3\" && shift 3 && mcopy -i \"$i\" \"$@\" \"$to\"", arguments);
     }
     void make(unsigned width) {
-        must("mkfs.fat -C -F \"$1\" -s 1 -S 512 -n MATERIAL -i 20240229 \"$2\" \"$3\"",
+        must("mkfs.fat -C -F \"$1\" -s 1 -S 512 -n FIXTURE -i 20240229 \"$2\" \"$3\"",
              {std::to_string(width), image_, std::to_string(width == 16 ? FAT16_KIB : FAT32_KIB)});
         names root = ROOT_NAMES;
         root.push_back(LONGEST);
@@ -304,7 +304,7 @@ protected:
         return result;
     }
 
-    // -- the judge
+    // -- the listing of mtools
 
     [[nodiscard]] names listed_by_mdir(const std::string &path) const {
         const std::string prefix = "::" + path;
@@ -339,7 +339,7 @@ protected:
                                    ", " + std::to_string(index) + ")\n");
         said.clear();
     }
-    // The file behind the name is the one that was given this content.
+    // The file of this name is the one that was written with this content.
     void expect_content(const shown &entry, const std::string &content) const {
         const u64 offset = u64{fat_sector(entry.start)} * sv->sector_size;
         const bytes is = read_range(image_, offset, content.size());
@@ -562,13 +562,13 @@ TEST_P(MtoolsImages, OrphanedSlotsDoNotHideTheNextName) {
 TEST_P(MtoolsImages, OrphanedSlotsBeforeAnotherShortEntryAreTakenForItsName) {
     oentry dir = root();
     const u32 index = index_of(list(&dir), "to be orphaned.txt");
-    // README moves up behind the slots.
+    // README moves up after the slots.
     const dentry_location place = place_of(&dir, index);
     const std::string name = "README     ";
     poke(place.sector, place.offset, {name.begin(), name.end()});
     expect_found(&dir, "to be orphaned.txt", index);
     expect_found(&dir, "README", index);
-    // Putting the name together looks at the checksum.
+    // Assembling the name checks the checksum.
     said.clear();
     const std::vector<shown> after = list(&dir);
     EXPECT_EQ(said.text(), "get_long_name[N]: not match checksum(" + std::to_string(index) + ")\n");
@@ -589,8 +589,8 @@ TEST_P(MtoolsImages, WrongChecksumHidesTheNameFromListingsOnly) {
               "get_long_name[N]: not match checksum(" + std::to_string(index - 1) + ")\n");
     EXPECT_EQ(std::count(listed.begin(), listed.end(), "a long name.txt"), 0);
     EXPECT_EQ(std::count(listed.begin(), listed.end(), "ALONGN~1.TXT"), 1);
-    const names judged = listed_by_mdir("/");
-    EXPECT_EQ(std::count(judged.begin(), judged.end(), "ALONGN~1.TXT"), 1);
+    const names listed = listed_by_mdir("/");
+    EXPECT_EQ(std::count(listed.begin(), listed.end(), "ALONGN~1.TXT"), 1);
 }
 
 TEST_P(MtoolsImages, SlotsInOddOrderAreFoundButNotListed) {

@@ -1,4 +1,4 @@
-// Long runs of opening, closing and changing the current directory, made by chance, with faults in
+// Long random series of opening, closing and changing the current directory, with faults in
 // between. After every step the table is compared with that of the reference model.
 
 #include "tests/support/open_entries.h"

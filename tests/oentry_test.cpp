@@ -39,7 +39,7 @@ std::string check_here(const std::string &function) {
     return function + "[N]: Check here!\n\n";
 }
 
-// The calls, and what they say.
+// The calls, and their messages.
 class handles : public tree_test {
 protected:
     using tree_test::tree_test;
@@ -65,7 +65,7 @@ protected:
     answer current() {
         return ask(get_current);
     }
-    // Makes a directory current, which alone keeps it open then.
+    // Makes a directory current; this is its only reference afterwards.
     int enter(const char *name) {
         const int id = fat_open_dir(name);
         EXPECT_GT(id, 0) << name;
@@ -663,7 +663,7 @@ TEST_P(OpenRoot, OpeningAgainMakesItCurrent) {
     ASSERT_EQ(oentry_table[id], nullptr);
     EXPECT_EQ(open_root(), (answer{0, ""}));
     EXPECT_EQ(get_current(), 0);
-    // Nobody gives the reference of the former current directory back.
+    // Intentional: the reference to the former current directory is not released.
     EXPECT_EQ(oentry_table[2]->ref_count, 2U);
 }
 

@@ -1,4 +1,4 @@
-// The command line: what each option takes, what it refuses, and what it says.
+// The command line: what each option accepts, refuses and prints.
 
 #include "tool/options.h"
 
@@ -345,7 +345,7 @@ TEST(ParseOptions, TakesAllOptionsTogether) {
     EXPECT_EQ(p.page_size_given, 1);
 }
 
-// ---- options that are none --------------------------------------------------------------------
+// ---- unknown options -------------------------------------------------------------------------
 
 TEST(ParseOptions, ShowsUsageAloneForAnUnknownOption) {
     for (const char *option :

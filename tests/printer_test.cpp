@@ -497,7 +497,7 @@ TEST(PrintUname, PrintsUnitsAndANewline) {
 
 TEST(PrintUname, StopsAfter256Units) {
     EXPECT_EQ(uname_printed(std::vector<u16>(300, u'x')), printed(std::string(256, 'x') + "\n"));
-    // A block of just this size: nothing behind it may be looked at.
+    // A block of just this size: nothing past it may be read.
     std::vector<u16> full(256, u'x');
     full.shrink_to_fit();
     EXPECT_EQ(uname_printed(full), printed(std::string(256, 'x') + "\n"));

@@ -29,13 +29,13 @@ namespace {
 
 // ---- the table --------------------------------------------------------------------------------
 
-// What the calls are given, all of it 0x55 where a case does not say otherwise.
+// The arguments of the calls, all of them 0x55 unless a case sets them.
 struct arguments {
     int bad;      // an id that names nothing
     int file = 1; // ids on the mounted volumes
     int dir = 2;
     const char *host;  // a file of the host
-    const char *image; // a path at which there is none
+    const char *image; // a path without a file
     u8 *pbr, *fsinfo, *fat, *rdir;
     fat_format_param param;
     fat_name name;
@@ -62,7 +62,7 @@ enum states : unsigned {
     ANY = NONE | UNMOUNTED | MOUNTED,
     STORES = 8,       // the call leaves its error in errno, which is untouched otherwise
     FIRST = 16,       // nothing is allocated before
-    CLEARS_NAME = 32, // the 256 bytes of a name are cleared; all else stays as it was given
+    CLEARS_NAME = 32, // the 256 bytes of a name are cleared; nothing else is changed
     CLEARS_PATH = 64, // and the 20 bytes of a path
     TOO_HIGH = 128,   // only ids of 512 and more
     IN_RANGE = 256,   // only ids below that
@@ -73,7 +73,7 @@ struct row {
     const char *text; // of the call
     std::int64_t (*call)(arguments &a);
     std::int64_t result;
-    const char *said;     // "@" stands for the name of the call and its line
+    const char *said;     // "@": the name of the call and its line
     const char *out = ""; // on standard output
 };
 

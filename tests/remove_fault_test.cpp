@@ -1,4 +1,4 @@
-// Removals of which the k-th transfer or allocation fails, for every k until none is left.
+// Removals in which the k-th transfer or allocation fails, for every k up to the last.
 
 #include "tests/support/every_fault.h"
 #include "tests/support/namespace_fixture.h"

@@ -32,7 +32,7 @@ protected:
 using UnlinkAnyShape = namespace_on_any_shape;
 INSTANTIATE_TEST_SUITE_P(Shapes, UnlinkAnyShape, testing::ValuesIn(many_shapes()), shape_name);
 
-// What is said where the chain of what is to be deleted is none.
+// Messages if the entry to delete has no chain.
 const std::string NO_CLUSTERS = "fat_read_clus[N]: Invalid arg!\n\n"
                                 "fat_release_clusters[N]: Failed to read cluster!\n\n"
                                 "do_delete[N]: Check here!\n\n";
@@ -56,7 +56,7 @@ TEST_P(UnlinkAnyShape, FileGoesWithItsClusters) {
     v.top.append(short_entry("BEFORE     ", ARCHIVE, 90, 1));
     const entry_image entry = short_entry("FILE    TXT", ARCHIVE, 5, 3 * mounted::cluster_bytes());
     v.top.append(entry);
-    v.top.append(short_entry("BEHIND     ", ARCHIVE, 91, 1));
+    v.top.append(short_entry("AFTER      ", ARCHIVE, 91, 1));
     v.chain({5, 9, volume::last_cluster()});
     v.chain({90});
     v.chain({91});
@@ -69,7 +69,7 @@ TEST_P(UnlinkAnyShape, FileGoesWithItsClusters) {
 
     EXPECT_EQ(v.top.at(2), deleted(entry));
     EXPECT_EQ(v.top.at(1), short_entry("BEFORE     ", ARCHIVE, 90, 1));
-    EXPECT_EQ(v.top.at(3), short_entry("BEHIND     ", ARCHIVE, 91, 1));
+    EXPECT_EQ(v.top.at(3), short_entry("AFTER      ", ARCHIVE, 91, 1));
     for (const u32 cluster : {5U, 9U, volume::last_cluster()}) {
         EXPECT_EQ(v.value_of(cluster), 0U);
     }
@@ -120,7 +120,7 @@ TEST_P(UnlinkAnyShape, FileWithoutClustersCannotBeUnlinked) {
     EXPECT_EQ(v.top.at(1), deleted(entry));
 }
 
-// It has no entries behind the dots, which counts as empty, and no chain to follow.
+// It has no entries after the dots, which counts as empty, and no chain to follow.
 TEST_F(Unlink, DirectoryWithoutClustersCannotBeUnlinked) {
     v.top.append(short_entry("DIR        ", DIRECTORY, 0));
     v.disk.log.clear();
@@ -141,7 +141,7 @@ TEST_F(DoDelete, ReleaseOfAChainThatTheCachedEntryDoesNotFitContinues) {
     v.top.go_to(1);
     v.top.append(short_entry("FILE       ", ARCHIVE, 5, 100000));
     v.chain({5, 6});
-    EXPECT_EQ(unlink("file"), came_to(1, found(0, 1))); // its size is not looked at
+    EXPECT_EQ(unlink("file"), came_to(1, found(0, 1))); // its size is not checked
     EXPECT_EQ(v.value_of(6), 0U);
 }
 
@@ -209,7 +209,7 @@ TEST_F(Unlink, DirectoryWithAnythingElseIsNotEmpty) {
     for (const entry_image &entry :
          {short_entry("FILE       "), short_entry("DIR        ", DIRECTORY, 7),
           short_entry("LABEL      ", LABEL), long_slot(0x41, u"Orphan", 0)}) {
-        // Behind unused entries as well: they do not end the walk.
+        // After unused entries as well: they do not end the walk.
         for (const u32 index : {2U, 3U, 63U, 64U, 127U}) {
             inside.put(index, entry);
             EXPECT_EQ(unlink("dir"),
@@ -633,7 +633,7 @@ TEST_F(GetNameOfEntry, DirectoryHasANameToo) {
     EXPECT_EQ(text(), "Sub");
 }
 
-// Every entry without a long name says so, unless it is the first of its directory.
+// Prints a message for every entry without a long name, unless it is the first of its directory.
 TEST_F(GetNameOfEntry, ShortNameIsShownInItsCase) {
     v.top.append(short_entry("FIRST   TXT"));
     entry_image lower = short_entry("README  TXT");

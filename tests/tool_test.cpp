@@ -1,4 +1,4 @@
-// Whole runs of the program: what it prints, its exit status, and what becomes of the target.
+// Calls of the program: its output, its exit status, and its effect on the target.
 
 #include "tests/support/files.h"
 #include "tests/support/process.h"
@@ -47,7 +47,7 @@ target_state state_of(const std::string &path) {
 }
 
 // A scratch directory with targets in it. The small one takes FAT16 with -S 512 and one sector per
-// cluster, which keeps whole images cheap to compare.
+// cluster, so that whole images are cheap to compare.
 class ToolTest : public ::testing::Test {
 protected:
     static constexpr std::uint64_t SMALL_SIZE = 4 * MIB;
@@ -335,7 +335,7 @@ TEST_F(ToolTest, RefusesVolumesThatNoFatFits) {
 
 TEST_F(ToolTest, FailsOnTargetsThatCannotBeOpened) {
     std::filesystem::create_symlink("nowhere", scratch.file("dangling"));
-    std::filesystem::create_symlink("circle", scratch.file("circle"));
+    std::filesystem::create_symlink("loop", scratch.file("loop"));
     const std::string file = small_image();
     const struct {
         std::string target;
@@ -344,7 +344,7 @@ TEST_F(ToolTest, FailsOnTargetsThatCannotBeOpened) {
         {scratch.file("missing"), "No such file or directory"},
         {"", "No such file or directory"},
         {scratch.file("dangling"), "No such file or directory"},
-        {scratch.file("circle"), "Too many levels of symbolic links"},
+        {scratch.file("loop"), "Too many levels of symbolic links"},
         {file + "/below", "Not a directory"},
         {scratch.file(std::string(256, 'n')), "File name too long"},
         {scratch.file(""), "Is a directory"},
@@ -378,14 +378,14 @@ TEST_F(ToolTest, FailsOnTargetsThatAreNeitherFileNorBlockDevice) {
 
 TEST_F(ToolTest, FailsOnTargetsWithoutPermission) {
     if (QUORVEL_COVERED) {
-        GTEST_SKIP() << "nobody may not write what a count of branches leaves behind";
+        GTEST_SKIP() << "an unprivileged user may not write the files of a branch count";
     }
     const std::string target = small_image();
     const std::string tool = scratch.file("quorvel");
     std::filesystem::copy_file(tool_path(), tool);
     std::vector<std::string> command = {tool, target};
     if (geteuid() == 0) {
-        // Root may open everything: become nobody, who must still reach the program.
+        // Root may open everything: become the user `nobody`, who must still reach the program.
         if (!has_program("setpriv")) {
             GTEST_SKIP() << "running as root, and there is no setpriv to give that up";
         }
@@ -402,7 +402,7 @@ TEST_F(ToolTest, FailsOnTargetsWithoutPermission) {
                   (outcome{EXIT_REFUSED, FAILURE,
                            "fat_init_volume[N]: Check here: Permission denied\n\n"}));
     }
-    // Proof that nothing else stood in the way.
+    // Proof that there was no other reason.
     ASSERT_EQ(chmod(target.c_str(), 0666), 0);
     EXPECT_EQ(state_of(target), before);
     command.insert(command.end(), {"-S", "512"});
@@ -495,7 +495,7 @@ TEST_F(FullFileSystemTest, FailsWithoutSpaceForTheReservedArea) {
 }
 
 TEST_F(FullFileSystemTest, FailsWithoutSpaceForTheFat) {
-    // 32 reserved sectors fit; of the FAT's 128 sectors, the message tells how many did.
+    // 32 reserved sectors fit. The message contains the number of written FAT sectors, of 128.
     const outcome result = format_with_space(200 * 1024);
     EXPECT_EQ(result.status, EXIT_REFUSED);
     EXPECT_EQ(result.out, FAILURE + "1\n");

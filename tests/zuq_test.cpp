@@ -104,11 +104,11 @@ private:
     std::map<std::uint64_t, bytes> blocks_;
 };
 
-// A mounted volume whose clock stands still; what it says and writes.
+// A mounted volume with a fixed clock; its messages and writes.
 class zuq_case {
 public:
     explicit zuq_case(const volume_shape &shape = {}) : v(shape) {
-        v.top.go_to(1); // behind the label
+        v.top.go_to(1); // after the label
         v.disk.remember();
     }
 
@@ -155,8 +155,8 @@ std::string found(u32 index, u32 base = sv->fat_type == 16 ? 0 : sv->root_clus) 
     return found_at(base, index);
 }
 
-// What a lookup says that comes to the end of a directory without an unused entry.
-std::string behind_end(u32 base, u32 index) {
+// The messages of a lookup that reaches the end of a directory without an unused entry.
+std::string past_end(u32 base, u32 index) {
     return (base == 0 ? "get_phy_sector[N]: Invalid sector number in Root dir\n\n"s : ""s) +
            "get_dentry_with_clu[N]: Failed to get entry sector!:(" + std::to_string(base) + ", " +
            std::to_string(index) + ")\n\n";
@@ -229,7 +229,7 @@ TEST(MakePoolOnFat32, GrowsAFullRootDirectoryFirst) {
     c.v.top.fill_up(short_entry("FULL    TXT"));
     sv->last_alloc_clus = 9;
     const answer a = c.make_pool();
-    EXPECT_EQ(a, (answer{0, behind_end(2, 16)}));
+    EXPECT_EQ(a, (answer{0, past_end(2, 16)}));
     // 16 entries filled the first cluster; the next one is 10, and the pool gets 11.
     EXPECT_EQ(c.v.chain_from(sv->root_clus), (std::vector<u32>{sv->root_clus, 10}));
     const entry_image entry = reserved_entry(POOL, 11, 512);
@@ -276,7 +276,7 @@ TEST(MakePoolTest, IsInTheRootWithAnyCurrentDirectory) {
     EXPECT_EQ(get_current(), id);
 }
 
-// The attributes come on top of those that creation gives, which are none but in permission mode.
+// The attributes come on top of those that creation gives, which are 0 except in permission mode.
 TEST(MakePoolTest, RetainsTheBitsOfThePermissionMode) {
     zuq_case c({.sec_per_clus = 64});
     fat_perm = {1, 0x1234, 0, 0600, 0};
@@ -310,10 +310,10 @@ TEST(MakePoolTest, ReportsAFullRootDirectory) {
     zuq_case c;
     c.v.top.fill_up(short_entry("FULL    TXT"));
     c.v.disk.remember();
-    EXPECT_EQ(c.make_pool(),
-              (answer{-ENOSPC, behind_end(0, 512) +
-                                   "Root directory has no more space\n"
-                                   "zuq_make_pool[N]: Failed to create pool file!\n\n"}));
+    EXPECT_EQ(
+        c.make_pool(),
+        (answer{-ENOSPC, past_end(0, 512) + "Root directory has no more space\n"
+                                            "zuq_make_pool[N]: Failed to create pool file!\n\n"}));
     c.expect_unchanged();
 }
 
@@ -347,7 +347,7 @@ TEST(MakePoolTest, LeavesTheEntryWhereNoClusterIsFree) {
     }
 }
 
-// The second search for a free cluster passes over broken entries and comes back with number 0.
+// The second search for a free cluster skips broken entries and returns number 0.
 TEST(MakePoolTest, ReportsAClusterThatHasNoSector) {
     zuq_case c({.fat_type = 32});
     c.v.fill_but({});
@@ -427,7 +427,7 @@ TEST_P(MakeLog, IsACleared128KiB) {
     EXPECT_EQ(sv->last_alloc_clus, 300 + count - 1);
 }
 
-// Links of one FAT sector may travel in one write, the last; a cluster is cleared behind its link.
+// Links of one FAT sector may travel in one write, the last; a cluster is cleared after its link.
 TEST_P(MakeLog, ClearsItsClustersInTheirOrderAndWritesTheEntryLast) {
     zuq_case c(GetParam());
     sv->last_alloc_clus = 299;
@@ -525,8 +525,8 @@ TEST(MakeLogTest, ReportsAFullRootDirectory) {
     c.v.top.fill_up(short_entry("FULL    TXT"));
     c.v.disk.remember();
     EXPECT_EQ(c.make_log(),
-              (answer{-ENOSPC, behind_end(0, 512) + "Root directory has no more space\n"
-                                                    "zuq_make_log[N]: Failed to create!\n\n"}));
+              (answer{-ENOSPC, past_end(0, 512) + "Root directory has no more space\n"
+                                                  "zuq_make_log[N]: Failed to create!\n\n"}));
     c.expect_unchanged();
 }
 
@@ -818,7 +818,7 @@ TEST_P(FindCluster, EndsACycleInTimeProportionalToIt) {
             c.v.set_link(clusters.back(), clusters[before]);
             EXPECT_EQ(find(10, ALL_ONES, 7, never),
                       (answer{-EINVAL, "find_cluster[N]: Failed to read cluster!\n\n"}))
-                << before << " and then a circle of " << length;
+                << before << " and then a cycle of " << length;
             EXPECT_GE(asked.size(), before + length);
             EXPECT_LE(asked.size(), 4 * (before + length) + 4);
             // A cluster inside is found nonetheless.
@@ -975,7 +975,7 @@ TEST_P(FindPool, FindsNothingInAPoolWithoutClusters) {
                                           "find_cluster[N]: Failed to read cluster!\n\n"}));
 }
 
-// With key 0 a failure is not told apart from the end of the chain.
+// With key 0 a failure cannot be distinguished from the end of the chain.
 TEST_P(FindPool, ReportsAChainThatBreaksDuringTheWalk) {
     put_pool({20, 30});
     const int id = c.v.open(1);
