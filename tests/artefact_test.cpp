@@ -67,7 +67,7 @@ std::size_t end_of_comment_or_literal(const std::string &text, std::size_t begin
     return std::min(end + 1, text.size());
 }
 
-// The text with comments and the insides of literals gone. Line breaks stay.
+// The text without comments and the contents of literals. Line breaks are not removed.
 std::string bare_code(const std::string &text) {
     std::string result;
     for (std::size_t i = 0; i < text.size();) {
@@ -161,8 +161,8 @@ std::vector<std::string> words_of(const std::string &code) {
     return result;
 }
 
-// What a file uses of that which needs the C++ run-time library: some words wherever they stand,
-// others as std::NAME or <NAME>.
+// The words of a file that need the C++ run-time library: some words anywhere, others only as
+// std::NAME or <NAME>.
 std::vector<std::string> banned_in(const std::string &code) {
     static const std::set<std::string> ANYWHERE = {"new",   "throw",  "try",
                                                    "catch", "typeid", "dynamic_cast"};
@@ -235,7 +235,7 @@ protected:
 
 } // namespace
 
-// ---- what is needed at run time ---------------------------------------------------------------
+// ---- dependencies at run time -----------------------------------------------------------------
 
 TEST_F(ArtefactTest, ProgramAndSharedLibraryNeedLibcAlone) {
     skip_where_sanitized();

@@ -33,7 +33,7 @@ protected:
         (void)scratch_.sparse_file("disk.img", 1);
     }
 
-    // What the shell offers for the last of the words.
+    // The offers of the shell for the last word.
     text_set offered(const std::vector<std::string> &words) {
         std::vector<std::string> command = {source_path("tests/completion/" + GetParam()),
                                             source_path("completions")};

@@ -1,7 +1,7 @@
 // The power fails after every single sector that a call writes: the medium in this state is
-// mounted again. Everything that the call was not about is whole, no cluster belongs to two chains,
-// every walk ends. What the call itself may leave is collected, and is exactly what
-// docs/power-loss.md promises.
+// mounted again. Everything else is whole, no cluster belongs to two chains,
+// every walk ends. The possible states that the call itself leaves are collected, and are
+// exactly those of docs/power-loss.md.
 
 #include "tests/support/by_path.h"
 #include "tests/support/moment.h"
@@ -177,7 +177,7 @@ void furnish() {
     must(go_to(""));
 }
 
-// ---- what happens while the power fails -------------------------------------------------------
+// ---- the calls during a power failure ---------------------------------------------------------
 
 struct scenario {
     std::string call; // its row in docs/power-loss.md
@@ -368,7 +368,7 @@ std::vector<scenario> entry_removals() {
     };
 }
 
-// ---- what is found ----------------------------------------------------------------------------
+// ---- findings ---------------------------------------------------------------------------------
 
 bool is_cut_short(const surveyed_entry &entry) {
     return entry.end == chain_end::runs_into_free || entry.end == chain_end::start_is_free;
@@ -401,7 +401,7 @@ void add_remains_of(const std::string &path, const surveyed_entry &entry,
     }
 }
 
-// What is not as on a volume on which every call came to its end.
+// The differences from a volume on which every call was completed.
 phrases remains_in(const survey &now, const survey &before, const survey &finished) {
     phrases found;
     std::set<std::string> known;
@@ -443,7 +443,7 @@ bool is_untouched(const surveyed_entry &a, const surveyed_entry &b) {
     return is_same(a, b) && a.clusters == b.clusters && a.end == b.end;
 }
 
-// What the call is about: every path that it adds, removes or changes, in all forms of its name.
+// The subjects of the call: every path that it adds, removes or changes, in all forms of its name.
 std::set<std::string> subjects_of(const survey &before, const survey &after,
                                   const std::string &about) {
     std::set<std::string> result;
@@ -477,7 +477,7 @@ std::optional<std::string> barrier_before(const survey &now, const std::string &
 
 // ---- the promise ------------------------------------------------------------------------------
 
-// A row of docs/power-loss.md: what a cut may leave, and what the whole call leaves.
+// A row of docs/power-loss.md: the possible states after a cut, and the state after the whole call.
 struct promise {
     phrases of_a_cut;
     phrases of_the_call;
@@ -547,7 +547,8 @@ protected:
         std::set<std::string> subjects;
     };
 
-    // The power fails everywhere in all of them; together they leave what is promised of the call.
+    // The power fails everywhere in all of them; together they leave the promised states of the
+    // call.
     void cut_everywhere(const std::vector<scenario> &scenarios) {
         phrases left_by_cuts;
         phrases left_by_call;
@@ -564,12 +565,12 @@ protected:
         EXPECT_EQ(left_by_call, promised.of_the_call);
     }
 
-    // After every cut what is left is removed and the call is made again, where it is not done.
-    void mend_everywhere(const std::vector<scenario> &scenarios) {
+    // After every cut removes the remains and repeats the call if it was not completed.
+    void repair_everywhere(const std::vector<scenario> &scenarios) {
         for_each(scenarios, [](const scenario &s, const play &p, std::size_t count) {
             const auto disk = p.start.mounted(p.sectors, count);
             const survey now = survey_of_open_volume();
-            if (count == p.sectors.size() || s.is_stale || is_beyond_mending(p, now)) {
+            if (count == p.sectors.size() || s.is_stale || is_beyond_repair(p, now)) {
                 return;
             }
             ASSERT_NO_FATAL_FAILURE(remove_remains(p, now));
@@ -697,8 +698,8 @@ private:
         ASSERT_EQ(call_on(path, fat_unlink), -ENOENT);
     }
 
-    // A directory that cannot be opened stays so.
-    static bool is_beyond_mending(const play &p, const survey &now) {
+    // A directory that cannot be opened cannot be repaired by calls.
+    static bool is_beyond_repair(const play &p, const survey &now) {
         return std::any_of(p.subjects.begin(), p.subjects.end(), [&now](const std::string &path) {
             const auto found = now.entries.find(path);
             return found != now.entries.end() && found->second.is_directory &&
@@ -759,7 +760,7 @@ private:
 
 } // namespace
 
-// ---- what a cut leaves ------------------------------------------------------------------------
+// ---- after a cut ------------------------------------------------------------------------------
 
 TEST_P(PowerLoss, WhileAFileIsCreatedLeavesThePromisedState) {
     cut_everywhere(file_creations());
@@ -790,12 +791,12 @@ TEST_P(PowerLoss, WhileAnEntryIsRemovedLeavesThePromisedState) {
     cut_everywhere(entry_removals());
 }
 
-// ---- what can be done about it ----------------------------------------------------------------
+// ---- repairing --------------------------------------------------------------------------------
 
 TEST_P(PowerLoss, AfterwardsTheRemainsAreRemovedAndTheCallIsMadeAgain) {
     for (const std::vector<scenario> &all :
          {file_creations(), directory_creations(), link_creations(), writes(), removals()}) {
-        ASSERT_NO_FATAL_FAILURE(mend_everywhere(all));
+        ASSERT_NO_FATAL_FAILURE(repair_everywhere(all));
     }
 }
 
@@ -841,7 +842,7 @@ TEST_P(OneCut, LeavesClustersPastTheEndThatTheNextWriteUses) {
     EXPECT_EQ(after.entries.at("SUB/INNER.TXT").size, 4 * unit() + 7);
 }
 
-// ---- what is not in danger --------------------------------------------------------------------
+// ---- unaffected files -------------------------------------------------------------------------
 
 TEST_P(PowerLoss, CannotHurtWhileNothingIsChanged) {
     const auto disk = furnished_volume().mounted({}, 0);

@@ -446,7 +446,7 @@ TEST_F(MakeSymlink, TargetOf260CharactersIsAcceptedAndOf261Refused) {
     EXPECT_TRUE(v.disk.log.empty());
 }
 
-// Nothing can be written for it, but the link stays.
+// There is nothing to write, but the link is not removed.
 TEST_F(MakeSymlink, EmptyTargetLeavesALinkWithoutOne) {
     sv->last_alloc_clus = 9;
     EXPECT_EQ(symlink("", "link"), came_to(-EINVAL, "fat_write_file[N]: NULL arg!\n\n"
@@ -546,7 +546,7 @@ TEST_F(CreateOnFat32, RootGrowsForEveryRecordOfIt) {
     }
 }
 
-// Whatever the reason is that no slots were found.
+// The result is the same for any reason that no slots were found.
 TEST_F(CreateFile, DirectoryThatCannotBeReadAnyMoreHasNoRoom) {
     v.disk.reads_before_failure = 1; // of the lookup
     EXPECT_EQ(create("a"),
@@ -573,7 +573,7 @@ TEST_F(CreateFile, EntryIsThereThoughAllIdsAreGivenOut) {
     EXPECT_EQ(create("b"), came_to(7));
 }
 
-// ---- what a failure leaves --------------------------------------------------------------------
+// ---- after a failure --------------------------------------------------------------------------
 
 TEST_F(MakeDirectory, EntryThatCannotBeWrittenLeavesItsClusterAllocated) {
     sv->last_alloc_clus = 9;

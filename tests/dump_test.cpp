@@ -536,7 +536,7 @@ TEST(FatDumpOfTheRoot, HoldsTheSixteenKilobytesOfAFat16Area) {
     const scratch_directory scratch;
     const std::string image = scratch.file("image");
     for (const u32 sector_size : {512U, 1024U, 4096U}) {
-        // The area of 16384 bytes is taken to be there whatever the volume was formatted with.
+        // The area is assumed to have 16384 bytes, with any format of the volume.
         for (const u32 root_entries : {512U, 256U, 1024U}) {
             mounted v({.sector_size = sector_size, .root_entries = root_entries});
             const std::uint64_t start = std::uint64_t{sv->rdir_start} * sector_size;

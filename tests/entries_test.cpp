@@ -1,5 +1,5 @@
-// Listings for programs: the entries of an open directory one after another, and what an open entry
-// is.
+// Listings for programs: the entries of an open directory one after another, and the attributes of
+// an open entry.
 
 #include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
@@ -44,7 +44,7 @@ info_picture picture_of_info(const fat_entry_info &info) {
             info.mtime, info.mdate,      info.size, info.start, info.index};
 }
 
-// ---- what a listing must give -----------------------------------------------------------------
+// ---- the expected listing ---------------------------------------------------------------------
 
 // The long name whose slots are before entry `index`, from there backwards.
 std::optional<std::string> long_name_before(const directory &dir, u32 index) {

@@ -1,4 +1,4 @@
-// The example programs, run: what they print and what they leave.
+// Calls of the example programs: their output and the files that they write.
 
 #include "tests/support/files.h"
 #include "tests/support/process.h"
@@ -23,7 +23,7 @@ protected:
         return std::string(QUORVEL_EXAMPLES) + "/" + name;
     }
 
-    // FATs that differ and the blank label are all that the checker may object to.
+    // FATs that differ and the blank label are the only permitted findings of the checker.
     void expect_sound_but_for_label_and_copies() {
         const outcome checked = run({"fsck.fat", "-n", image_});
         EXPECT_EQ(checked.status & ~1, 0) << checked;

@@ -34,7 +34,7 @@ std::string word_before(const std::string &text, std::size_t end) {
     return text.substr(begin, end - begin);
 }
 
-// `text` cut at each `separator`; what follows the last one is dropped.
+// `text` cut at each `separator`; the text after the last one is dropped.
 std::vector<std::string> pieces(const std::string &text, char separator) {
     std::vector<std::string> result;
     std::size_t begin = 0;
@@ -46,7 +46,7 @@ std::vector<std::string> pieces(const std::string &text, char separator) {
     return result;
 }
 
-// What the library's symbol table offers to other programs, as NAME@@VERSION.
+// The symbols that the library exports, as NAME@@VERSION.
 names exported_symbols() {
     const outcome listed = run({"nm", "-D", "--defined-only", QUORVEL_SHARED_LIBRARY});
     EXPECT_EQ(listed.status, 0) << listed.err;
@@ -94,7 +94,7 @@ std::string declared_name(const std::string &declarator) {
                                         : word_before(declarator, declarator.find('['));
 }
 
-// What the public header declares: functions, and the declarators of extern objects.
+// The declarations of the public header: functions, and the declarators of extern objects.
 names declared_names() {
     const std::string header = without_comments(source_text("fat/fat.h"));
     std::string declarations;

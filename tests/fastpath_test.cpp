@@ -80,7 +80,7 @@ public:
     diagnostics said;
 };
 
-// What a call that makes a path left in its buffers, each in a block of just its size.
+// The buffers after a call that makes a path, each in a block of just its size.
 struct path_made {
     int result;
     std::string said;
@@ -177,7 +177,7 @@ class GetNextCluster : public testing::TestWithParam<u32> {
 protected:
     GetNextCluster() : c({.fat_type = GetParam()}) {}
 
-    // The result, and the cluster that it gives.
+    // The result, and the cluster that it returns.
     std::pair<answer, u32> next(u32 cluster, u32 n) {
         u32 out = 4711;
         const answer a = c.ask([&] { return get_next_cluster(cluster, n, &out); });
@@ -479,7 +479,7 @@ TEST(GetLongNameFastTest, StaysWithinItsBufferWithAnySlots) {
         std::vector<u16> units(256, STALE);
         units.shrink_to_fit();
         const int slots = get_long_name_fast(20, 0, &current, buffer.data(), units.data());
-        // The first byte 0xE5, 165 slots, is not met here: it marks a deleted entry.
+        // The first byte 0xE5, 165 slots, does not occur here: it marks a deleted entry.
         EXPECT_EQ(slots, static_cast<int>(count));
         EXPECT_EQ(current, buffer.data() + count * 32 % 512);
         const std::u16string part = u"thirteen long";
@@ -491,7 +491,7 @@ TEST(GetLongNameFastTest, StaysWithinItsBufferWithAnySlots) {
 
 // ---- the walk ---------------------------------------------------------------------------------
 
-// One call, with everything that the reference model gives as well.
+// One call, with the results of the reference model.
 fast_step fast_step_of(fast_case *c, directory *dir) {
     std::vector<u8> entry(32, 0xCC);
     entry.shrink_to_fit();
@@ -529,7 +529,7 @@ void expect_equal_walks(fast_case *c, directory *dir, int calls) {
     }
 }
 
-// The names that the walk gives until it gives no more, and its last result.
+// The names that the walk returns up to its end, and its last result.
 std::pair<std::vector<std::string>, int> all_names(fast_case *c, directory *dir) {
     std::vector<std::string> names;
     for (;;) {
@@ -576,7 +576,7 @@ TEST_P(ReaddirFast, GivesFilesAndSkipsTheRest) {
         all_names(&c, &dir),
         (names_and_end{{"FIRST.TXT", "LINK", "A long name with more.text", "small.txt"}, -ENOENT}));
     EXPECT_EQ(c.said.text(), "");
-    // The end is no place to pass.
+    // The walk does not pass the end.
     EXPECT_EQ(fast_step_of(&c, &dir).result, -ENOENT);
     dir.append(short_entry("LATE    TXT"));
     EXPECT_EQ(fast_step_of(&c, &dir).name, "LATE.TXT");
@@ -605,7 +605,7 @@ TEST_P(ReaddirFast, WalksTheRoot) {
     EXPECT_EQ(all_names(&c, &c.v.top), (names_and_end{{"A.TXT", "second file.txt"}, -ENOENT}));
 }
 
-// Every place of a name in its cluster, every count of slots.
+// Every position of a name in its cluster, every count of slots.
 TEST_P(ReaddirFast, FollowsLongNamesOverSectorsAndClusters) {
     const u32 step = runs_in_valgrind() ? 5 : 1;
     const u32 end = volume::entries_per_cluster() + 2;

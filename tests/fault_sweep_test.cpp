@@ -266,7 +266,7 @@ TEST_P(FaultSweep, EveryPublicCallOnAMountedVolume) {
             prepared volume(std::get<1>(GetParam()));
             const int open_before = mounted::open_ids();
             step.run_keeping([&] { return tested.call(volume); });
-            // What it opened has a record and a copy of the directory entry.
+            // Each id that it opened has a record and a copy of the directory entry.
             EXPECT_EQ(step.left_allocated(), 2 * std::max(0, mounted::open_ids() - open_before));
             if (step.struck()) {
                 expect_sound_table();
@@ -358,7 +358,7 @@ void expect_volume_on(const std::string &image) {
     fat_close_volume(0);
 }
 
-// What a call under a fault left open.
+// Closes the ids that a call with a fault left open.
 void close_volume() {
     if (sv != nullptr) {
         fat_close_volume(0);

@@ -207,7 +207,7 @@ protected:
             result = fat_read_file(id, real_bytes.data(), count);
             EXPECT_EQ(errno, result < 0 ? static_cast<int>(-result) : UNTOUCHED_ERRNO);
         }
-        // What a failing transfer would have moved is not defined.
+        // The data of a failed transfer are undefined.
         const bool is_defined = !has_faults() || expected >= 0;
         expected_bytes.resize(real_bytes.size(), 0xCC);
         EXPECT_EQ(part_of(real_bytes, count, 16), bytes(16, 0xCC));

@@ -290,7 +290,7 @@ TEST_F(ReadFile, LookupPastASectorThatCannotBeReadIsNotReported) {
                                            NO_LOOKUP + FAILED}));
 }
 
-// By their start they lie in the root area, which has no clusters.
+// Their start is in the root area, which has no clusters.
 TEST_F(ReadBySmallRoot, FileWithoutAClusterEndsWithTheRootArea) {
     const int id = v.open_new("FILE       ", {}, 4096);
     ASSERT_EQ(sv->data_start - sv->rdir_start, 2U);

@@ -1,5 +1,5 @@
-// Writing files: what an append puts on the medium and in which order, what it leaves alone, how a
-// failed one is taken back, and what it costs.
+// Writing files: the writes of an append and their order, the bytes that it does not change, the
+// undo of a failed one, and the cost.
 
 #include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
@@ -101,7 +101,8 @@ TEST_F(GetFileEntry, DirectoryThatWasRemovedPassesAsFile) {
     EXPECT_EQ(said.text(), "");
 }
 
-// A chain that runs into a free cluster, or a ".." that leads to the root, opens without an image.
+// A chain that runs into a free cluster, or a ".." that leads to the root, opens without a cached
+// entry.
 TEST_F(GetFileEntry, RecordWithoutImageIsNoFile) {
     v.set_link(5, 6);
     const int broken = v.open(v.top.append(short_entry("BROKEN     ", ARCHIVE, 5, 100)));
@@ -170,7 +171,7 @@ TEST_F(WriteFile, SecondByteIsWrittenAfterTheFirst) {
     EXPECT_EQ(v.data_of({5}),
               joined(joined({first, 'B'}, bytes(510, 0)), part_of(some_bytes(2048), 512, 1536)));
     EXPECT_EQ(size_of(v.stored_entry(id)), 2U);
-    // What is in front is read from the medium; nothing is allocated.
+    // The bytes before are read from the medium; nothing is allocated.
     const u32 data = volume::first_sector_of(5);
     const u32 entries = mounted::record(id).dentry_sector;
     EXPECT_EQ(transfers(),
@@ -334,7 +335,7 @@ TEST_P(WriteAnyShape, PartOfASectorRetainsTheBytesBeforeAndClearsTheBytesAfter) 
         expected.resize(size, 0);
         expected = joined(expected, part_of(old, size, whole - size));
         EXPECT_EQ(v.data_of({5}), expected);
-        // What is overwritten from its beginning is not read.
+        // A sector that is overwritten from its beginning is not read.
         const u32 sector = volume::first_sector_of(5);
         EXPECT_EQ(count_of(transfers(), {false, sector, 1}), offset == 0 ? 0 : 1);
         fat_close(id);
@@ -430,7 +431,7 @@ TEST_F(WriteFile, AllocationsAreTakenBackWhenTheVolumeIsFull) {
     EXPECT_EQ(v.fat_copy(0), fat);
     EXPECT_EQ(v.data_of({5}), some_bytes(2048));
     EXPECT_TRUE(data_transfers().empty());
-    // The hint stays where the search came to.
+    // The hint remains where the search ended.
     EXPECT_EQ(sv->last_alloc_clus, 30U);
 }
 
@@ -775,7 +776,7 @@ TEST_F(WriteFile, LookupPastASectorThatCannotBeWrittenIsNotReported) {
                            WRITE_FAILED}));
 }
 
-// A search for a free cluster that meets a damaged entry in its second part comes to number 0, by
+// A search for a free cluster that meets a damaged entry in its second part returns number 0, with
 // which a lookup would find the root directory.
 TEST_F(WriteFile, SearchThatComesToNoClusterLeavesTheRootDirectory) {
     const int id = v.open_new("FILE       ", {}, 0);
@@ -887,7 +888,7 @@ TEST_F(HugeFile, CountAboveIntMaxIsRefused) {
     }
     EXPECT_EQ(moved(), 0U);
     EXPECT_EQ(v.stored_entry(id), stored);
-    // What is wrong with the id comes first.
+    // Errors of the id come first.
     EXPECT_EQ(write(7, data.at, u32{INT_MAX} + 1).said, "not open file id 7\n" + NO_FILE);
 }
 

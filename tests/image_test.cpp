@@ -1,8 +1,7 @@
-// Whole images, byte by byte. The expected bytes are computed here, from the layouts of
-// the FAT file system as they are written down, without the library: not one offset or formula is
-// shared with it. The medium is full beforehand of bytes that read as directory entries and as
-// chains of clusters and none of which is zero, so that a byte too many and a byte too few both
-// show.
+// Whole images, byte by byte. The expected bytes are computed here, from the documented
+// layouts of the FAT file system, without the library: no offset or formula is shared with it. The
+// medium is filled before with bytes that read as directory entries and as chains of clusters, and
+// that are never zero, so that a byte too many and a byte too few are both detected.
 
 #include "fat/fat.h"
 #include "tests/model/layout.h"
@@ -35,7 +34,7 @@ namespace {
 constexpr std::uint64_t BLOCK = ram_disk::BLOCK;
 constexpr std::uint64_t MIB = 1024 * 1024;
 
-// ---- what a medium held before ----
+// ---- old content of the medium ----
 
 // A deleted or living file "F0001A2BOLD" with every field filled: none of its bytes is zero.
 void paint_old_entry(std::uint64_t number, std::uint8_t *entry) {
@@ -69,7 +68,7 @@ void paint_old_block(std::uint64_t number, unsigned phase, std::uint8_t *block) 
     }
 }
 
-// ---- what the medium must hold ----
+// ---- expected content -------------
 
 class picture {
 public:
@@ -131,7 +130,7 @@ void put_text(bytes *sector, std::size_t offset, const std::string &text) {
     std::copy(text.begin(), text.end(), sector->begin() + static_cast<long>(offset));
 }
 
-// The options of one run of the formatter; what is absent is left to its defaults.
+// The options of one call of the formatter; missing ones have their defaults.
 struct options {
     std::optional<std::uint32_t> cluster_sectors = {}; // -s
     std::optional<std::uint32_t> sector_bytes = {};    // -S
@@ -272,7 +271,7 @@ void paint_volume(picture *image, const options &given, const volume_layout &vol
 // Result of a request that is refused before fat_format gets it; not an errno.
 constexpr int CLUSTER_TOO_LARGE = -1000;
 
-// What must come of the options on a target.
+// The expected result of the options on a target.
 struct expectation {
     int result;       // as fat_format gives it, or CLUSTER_TOO_LARGE
     std::string said; // every diagnostic
@@ -343,7 +342,7 @@ void expect_image(ram_disk *disk, const picture &image) {
     }
 }
 
-// How often each outcome came about.
+// The count of each outcome.
 struct tally {
     int fat16 = 0;
     int fat32 = 0;

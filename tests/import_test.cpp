@@ -96,7 +96,7 @@ protected:
         result.resize(size_of(entry));
         return result;
     }
-    // Whether the volume holds what it held when the case began.
+    // Whether the volume has not changed since the case began.
     [[nodiscard]] bool nothing_written() const {
         return std::none_of(v.disk.log.begin(), v.disk.log.end(),
                             [](const transfer &t) { return t.is_write; });
@@ -411,7 +411,7 @@ TEST_P(ImportFile, SectorThatCannotBeWrittenIsReportedAndLeavesAnEmptyFile) {
 
 namespace {
 
-// Copies an object into fresh volumes while the first, second, ... step of a kind fails. `least`:
+// Copies an object into new volumes while the first, second, ... step of a kind fails. `least`:
 // steps of the undisturbed call.
 void expect_survival(const std::string &host, const fault_kind &kind, int least) {
     at_every_fault({kind}, [&](fault_step &step) {

@@ -1,5 +1,5 @@
-// What `cmake --install` lays down, and programs in C and C++ that are built against it, or against
-// the source tree from inside another project.
+// The files that `cmake --install` installs, and programs in C and C++ that are built against it,
+// or against the source tree from inside another project.
 
 #include "tests/support/files.h"
 #include "tests/support/process.h"
@@ -37,7 +37,7 @@ protected:
         }
     }
 
-    // The C program makes a volume, the C++ program finds on it what it made.
+    // The C program makes a volume, the C++ program finds the files on it.
     void expect_both_work(const std::string &maker, const std::string &lister) const {
         EXPECT_EQ(run({maker, image}), (outcome{0, "made\n", ""}));
         EXPECT_EQ(run({lister, image}), (outcome{0, "Made in C\n", ""}));
@@ -85,7 +85,7 @@ protected:
         return program;
     }
 
-    // A directory of the prefix as the name that the loader looks in.
+    // A directory of the prefix as the name that the loader searches.
     void use_installed_library() const {
         setenv("LD_LIBRARY_PATH", installed(LIBDIR).c_str(), 1);
     }

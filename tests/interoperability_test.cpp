@@ -42,7 +42,7 @@ struct summary {
     }
 };
 
-// Blanks in the format match blanks and tabs of any number.
+// A space in the format matches any number of spaces and tabs.
 constexpr char SUMMARY[] = "- Volume size: %llu Bytes - FAT type: %u bits - FAT size: %u sectors "
                            "- Total sectors: %u sectors - Cluster counts: %u "
                            "- Sector size: %u Bytes - Sectors/cluster: %u "
@@ -297,7 +297,7 @@ protected:
         result.page_size = page;
         return result;
     }
-    // Goes through the page sizes, from another one on with each number of sectors, so that every
+    // Cycles through the page sizes, from another one on with each number of sectors, so that every
     // width of the FAT and every sector size meet all four.
     static unsigned page_size(unsigned turn) {
         const auto turns = static_cast<unsigned>(std::countr_zero(GetParam().sec_per_clus));

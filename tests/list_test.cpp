@@ -53,7 +53,7 @@ entry_image link_entry(std::string_view dos, u32 start, u32 size) {
 constexpr u8 INVALID = DIRECTORY | LABEL;
 const std::string UNKNOWN_TYPE = "entry_type[N]: Unknown entry type: 24\n\n";
 
-// ---- what a listing of slots is to print ------------------------------------------------------
+// ---- the expected listing of slots ------------------------------------------------------------
 
 struct slot_line {
     std::string label;
@@ -319,7 +319,7 @@ TEST(PrintSlot, PrintsToStandardOutputWithoutAStream) {
 
 namespace {
 
-// What do_readdir() came to.
+// The result of do_readdir().
 struct found_item {
     int result = 0;
     u32 index = 0; // as the call left it
@@ -755,7 +755,7 @@ protected:
     static printout refused(int result, const std::string &said) {
         return {result, "", said};
     }
-    // What a listing of the cluster is to print.
+    // The expected listing of the cluster.
     printout listing(const directory &space, int mode) const {
         std::vector<entry_image> entries;
         for (u32 i = 0; i < space.capacity(); i++) {
@@ -1121,7 +1121,7 @@ TEST(FatListDirOfTheRootArea, EndsAtTheFirstUnusedSlotOfAnySector) {
     EXPECT_EQ(out.substr(out.find("[39]")), "[39] file(short name)\n[40] unused\n");
 }
 
-// The area is taken to be of 16384 bytes, whatever the volume was formatted with.
+// The area is assumed to have 16384 bytes, with any format of the volume.
 TEST(FatListDirOfTheRootArea, Lists512SlotsOfALargerOrSmallerArea) {
     for (const u32 root_entries : {256U, 1024U}) {
         mounted v({.fat_type = 16, .root_entries = root_entries, .fill = 0xE5});
@@ -1284,7 +1284,7 @@ TEST_F(FatListEntries, ListsTheEntriesOfADump) {
               listing_of({inside.at(0), inside.at(1), inside.at(2), {}}, 1, 2));
 }
 
-// ---- the long name at an index ---------------------------------------------------------------
+// ---- the long name at an index ----------------------------------------------------------------
 
 namespace {
 

@@ -50,7 +50,7 @@ protected:
     answer found(u32 index) const {
         return {static_cast<int>(index), found_at(dir.base(), index)};
     }
-    // Both entrances give the same answer.
+    // Both functions return the same answer.
     answer find(std::string name, fat_name *record = nullptr) {
         std::string copy = name;
         const answer by_cluster = heard(find_dentry_with_clu(dir.base(), copy.data(), nullptr));
@@ -298,7 +298,7 @@ TEST_P(FindSlots, MissingSlotLeavesTheUnitsThatWereThere) {
 }
 
 TEST_P(FindSlots, SlotsOutsideTheNameMakeItHaveSlotsAndNothingElse) {
-    // 1 to 19 lie inside 256 units whole, 20 in part, these not at all.
+    // Slots 1 to 19 are inside the 256 units, 20 in part, these not at all.
     for (const unsigned ordinal :
          {0x40U, 0x15U, 0x55U, 0x3FU, 0x7FU, 0x80U, 0x81U, 0xBFU, 0xC0U, 0xC1U, 0xFFU}) {
         dir.go_to(0);
@@ -340,7 +340,7 @@ TEST_P(FindSlots, TwentiethSlotEndsTheNameAtItsEighthUnit) {
         dir.append(long_slot(k == 20 ? 0x54 : k, name.substr((k - 1) * std::size_t{13}, 13), 0));
     }
     const u32 index = dir.append(short_entry("ABCDEF~1   "));
-    // 256 units without a terminator are gathered; the name looked for ends at 255.
+    // 256 units without a terminator are gathered; the searched name ends at 255.
     EXPECT_EQ(find(narrow(name.substr(0, 255))), ABSENT);
     // With a terminator at its position the name is found.
     dir.put(0, long_slot(0x54, name.substr(247, 8), 0));

@@ -215,7 +215,7 @@ std::string hexadecimal(std::uint32_t value, int digits) {
 
 // ---- form -------------------------------------------------------------------------------------
 
-// What mandoc finds. That a page of another package is not installed is no finding.
+// The findings of mandoc, except for pages of other packages that are not installed.
 std::string lint_findings() {
     std::vector<std::string> command = {"mandoc", "-Tlint"};
     for (const std::string &page : PAGES) {

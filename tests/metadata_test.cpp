@@ -1,5 +1,5 @@
-// Items, metadata and names of open entries: what is read, changed, written, printed; the path of a
-// cluster.
+// Items, metadata and names of open entries: reading, changing, writing and printing them; the path
+// of a cluster.
 
 #include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
@@ -55,7 +55,7 @@ protected:
         EXPECT_TRUE(c.v.disk.written_blocks().empty());
     }
 
-    // The result, and the value that it gives.
+    // The result, and the value that it returns.
     std::pair<answer, u32> get(int of, int type) {
         u32 value = 4711;
         const answer a = c.ask([&] { return fat_get(of, type, &value); });
@@ -552,7 +552,7 @@ TEST_P(FindPathname, GoesDownFiveLevels) {
     directory *in = top;
     std::string path;
     for (u32 level = 0; level < 5; level++) {
-        // Something to look through at every level.
+        // Entries to search at every level.
         f.add_dir(in, "EMPTY      ", {100 + level});
         f.add_file(in, "FILE    TXT", {200 + level});
         const std::string digit = std::to_string(level);
@@ -609,7 +609,7 @@ TEST_P(FindPathname, ChecksTheFirstEntryOfTheRoot) {
     EXPECT_EQ(f.said.text(), "");
 }
 
-// The first two are taken for "." and "..", whatever they are.
+// The first two are treated as "." and ".." without a check.
 TEST_P(FindPathname, LeavesOutTheFirstTwoEntriesOfOtherDirectories) {
     directory *sub = f.add_dir(top, "SUB        ", {20});
     f.v.chain({30});
@@ -779,7 +779,7 @@ TEST_P(LongPaths, TouchNothingPastTheBuffer) {
 TEST_P(LongPaths, EndWith4096Characters) {
     const u32 index = f.add_file(in, "FILE~1     ", {50}, std::u16string(255, u'f'));
     EXPECT_EQ(f.find(50), (found_path{-ENAMETOOLONG, ""}));
-    // A file that is not looked for may have any name.
+    // A file that is not searched for may have any name.
     f.add_file(in, "FILE       ", {51});
     EXPECT_EQ(f.find(51), (found_path{static_cast<int>(index) + 1, path + "/FILE"}));
 }
@@ -914,7 +914,7 @@ TEST_P(FindPathname, EndsAtAnEntryThatLeadsBackToTheRoot) {
     EXPECT_EQ(f.find(20).path, "/SUB");
     EXPECT_EQ(f.find(99), nothing());
     EXPECT_EQ(f.find(30).path, "/SUB/../FILE.TXT");
-    // Another directory that leads there, and can be met from there.
+    // Another directory with the same cluster, which can be reached from there.
     directory *again = f.add_dir(top, "AGAIN      ", {21});
     again->append(short_entry("..         ", DIRECTORY, 0));
     EXPECT_EQ(f.find(99), (found_path{-EMFILE, ""}));

@@ -35,7 +35,7 @@ std::string joined(const words &list) {
     return result;
 }
 
-// ---- the report of the checker ---------------------------------------------------------------
+// ---- the report of the checker ----------------------------------------------------------------
 
 // A number as the checker aligns it.
 std::string aligned(std::uint64_t number, const std::string &of_what) {
@@ -90,7 +90,7 @@ std::string geometry_in(const std::string &said) {
     return said;
 }
 
-// ---- mounting volumes of other programs ------------------------------------------------------
+// ---- mounting volumes of other programs -------------------------------------------------------
 
 class MountInteroperability : public volume_test {
 protected:
@@ -147,7 +147,7 @@ protected:
         EXPECT_EQ(fat_open("MISSING"), -ENOENT);
     }
 
-    // From the finished image on. `width`: that must come of it.
+    // Checks a finished image. `width`: the expected FAT width.
     void check(const std::string &image, unsigned width, std::uint32_t fats,
                std::uint32_t cluster_bytes) {
         ASSERT_NO_FATAL_FAILURE(populate(image, cluster_bytes));

@@ -52,10 +52,10 @@ const names ROOT_NAMES = {
 };
 const std::string LONGEST = std::string(251, 'n') + ".txt";
 
-// A name that fits 8.3 byte by byte and is therefore looked for as a short one.
+// A name that fits 8.3 byte by byte and is therefore searched for as a short one.
 const std::string SHORT_BUT_NOT_ASCII = "\xE6\x97\xA5\xE6\x9C\xAC.txt";
 
-// A name that mtools stores as it is, while names looked for lose their trailing dots.
+// A name that mtools stores without a change; a search cuts off trailing dots.
 const std::string ENDS_WITH_A_DOT = "ends with a dot.";
 
 std::string file_number(int i) {
@@ -73,7 +73,7 @@ public:
     [[nodiscard]] const std::string &image() const {
         return image_;
     }
-    // What went wrong, if anything.
+    // The errors, or empty.
     [[nodiscard]] const std::string &complaint() const {
         return complaint_;
     }
@@ -238,7 +238,7 @@ protected:
         return {};
     }
 
-    // Shows the directory the way a listing does: long names where they are whole, else the short
+    // Shows the directory like a listing: long names where they are whole, else the short
     // ones.
     std::vector<shown> list(oentry *dir) {
         std::vector<shown> result;
@@ -295,7 +295,7 @@ protected:
         ADD_FAILURE() << name << " is not listed";
         return 0;
     }
-    // Where entry `index` lies.
+    // The position of entry `index`.
     static dentry_location place_of(oentry *dir, u32 index) {
         std::vector<u8> buffer(sv->sector_size);
         u8 *entry = nullptr;
@@ -589,8 +589,8 @@ TEST_P(MtoolsImages, WrongChecksumHidesTheNameFromListingsOnly) {
               "get_long_name[N]: not match checksum(" + std::to_string(index - 1) + ")\n");
     EXPECT_EQ(std::count(listed.begin(), listed.end(), "a long name.txt"), 0);
     EXPECT_EQ(std::count(listed.begin(), listed.end(), "ALONGN~1.TXT"), 1);
-    const names listed = listed_by_mdir("/");
-    EXPECT_EQ(std::count(listed.begin(), listed.end(), "ALONGN~1.TXT"), 1);
+    const names by_mtools = listed_by_mdir("/");
+    EXPECT_EQ(std::count(by_mtools.begin(), by_mtools.end(), "ALONGN~1.TXT"), 1);
 }
 
 TEST_P(MtoolsImages, SlotsInOddOrderAreFoundButNotListed) {

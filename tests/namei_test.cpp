@@ -187,7 +187,7 @@ protected:
 };
 INSTANTIATE_TEST_SUITE_P(Widths, PathLookup, testing::ValuesIn(TREE_SHAPES), shape_name);
 
-// ---- storing a path --------------------------------------------------------------------------
+// ---- storing a path ---------------------------------------------------------------------------
 
 struct kept {
     answer said;
@@ -406,7 +406,7 @@ TEST_P(PathLookup, NoRecordOfADirectoryThatHasBeenRemoved) {
     EXPECT_EQ(own_record("/./name"), tree::opened_root());
 }
 
-// ---- lookup: parents elsewhere ---------------------------------------------------------------
+// ---- lookup: parents elsewhere ----------------------------------------------------------------
 
 TEST_P(PathLookup, ParentThatExistsGivesNoDirectory) {
     const answer found{0, found_at(v.root_base(), v.sub)};
@@ -472,7 +472,7 @@ TEST_P(PathLookup, ParentIsLookedForByIts255FirstCharacters) {
     EXPECT_EQ(result_of(parent + std::string(100, 'y') + "/name"), 0);
     EXPECT_EQ(result_of(parent.substr(1) + "/name"), -ENOENT);
     EXPECT_EQ(result_of(parent.substr(1) + "y/name"), -ENOENT);
-    // What follows the 255th character does not keep the blanks before it.
+    // Text after the 255th character does not protect the spaces before it.
     v.root_space.append_long(std::u16string(250, u'z'), "ZZZZZZ~1   ");
     EXPECT_EQ(result_of(std::string(250, 'z') + "     y/name"), 0);
     EXPECT_EQ(result_of(std::string(250, 'z') + "    y/name"), -ENOENT);
@@ -630,7 +630,7 @@ TEST_P(PathLookup, StartDirectoryOutsideTheVolume) {
                       "name"}));
 }
 
-// ---- storing a path --------------------------------------------------------------------------
+// ---- storing a path ---------------------------------------------------------------------------
 
 TEST(GetName, PathOfUpTo260CharactersIsStored) {
     for (std::size_t length = 0; length <= ROOM; length++) {

@@ -84,7 +84,7 @@ protected:
         ASSERT_EQ(fat_build_super(), 0);
     }
 
-    // -- the library's calls, and what must come of them
+    // -- the calls of the library, and their expected results
 
     void add_file(const std::string &path, std::size_t size) {
         ASSERT_EQ(create(path), 0) << path;
@@ -460,7 +460,7 @@ TEST_P(NamespaceInteroperability, AVolumeInUseForALongTime) {
     check_all();
 }
 
-// ---- repairing -------------------------------------------------------------------------------
+// ---- repairing --------------------------------------------------------------------------------
 
 TEST_P(NamespaceInteroperability, ADirectoryCutShortIsRepairedByAChecker) {
     ASSERT_NO_FATAL_FAILURE(add_directory("SUB"));

@@ -39,7 +39,7 @@ protected:
         return below(n) == 0;
     }
 
-    // One call and what it is to answer.
+    // One call and its expected result.
     struct step {
         std::string text;
         int expected;

@@ -20,7 +20,7 @@ namespace {
 
 constexpr char BLANK_LABEL[] = "           ";
 
-// One parse of a command line, and everything that came of it.
+// One parse of a command line, and all its results.
 struct parsed {
     int result = 0;
     fat_format_param param = {};
@@ -345,7 +345,7 @@ TEST(ParseOptions, TakesAllOptionsTogether) {
     EXPECT_EQ(p.page_size_given, 1);
 }
 
-// ---- unknown options -------------------------------------------------------------------------
+// ---- unknown options --------------------------------------------------------------------------
 
 TEST(ParseOptions, ShowsUsageAloneForAnUnknownOption) {
     for (const char *option :

@@ -32,8 +32,8 @@ std::string shown_below(const std::string &command) {
     return result;
 }
 
-// A fresh volume for each width, named disk.img as the README has it.
-const std::vector<std::vector<std::string>> FRESH_VOLUMES = {{}, {"-F", "32", "-S", "512"}};
+// A new volume for each width, named disk.img as in the README.
+const std::vector<std::vector<std::string>> NEW_VOLUMES = {{}, {"-F", "32", "-S", "512"}};
 
 std::string fresh_volume(const scratch_directory &scratch, std::vector<std::string> options) {
     const std::string image = scratch.sparse_file("disk.img", 64ULL << 20);
@@ -84,7 +84,7 @@ TEST(Readme, ShowsTheOutputOfFsckForANewVolume) {
 }
 
 TEST(Readme, FatlabelAndFsckRemoveTheRemark) {
-    for (const std::vector<std::string> &options : FRESH_VOLUMES) {
+    for (const std::vector<std::string> &options : NEW_VOLUMES) {
         const scratch_directory scratch;
         const std::string image = fresh_volume(scratch, options);
         const std::string found = run({"fsck.fat", "-n", image}).out;

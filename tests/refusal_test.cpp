@@ -1,5 +1,5 @@
-// What each call refuses: with no volume open, with one that is open and not mounted, null pointers
-// where it needs others, ids that name nothing, no memory. Its result and its text, word for word.
+// Refused calls: with no volume open, with one that is open and not mounted, with unexpected null
+// pointers, with ids that name nothing, without memory. Result and text, word for word.
 
 #include "tests/support/every_fault.h"
 #include "tests/support/files.h"
@@ -418,7 +418,7 @@ const std::vector<row> INTERNAL_CALLS = {
     {MOUNTED, CALL(find_entry_with_clu(sv->root_dir, 5, nullptr, nullptr)), -EINVAL, HERE},
 };
 
-// What comes of it when the first allocation of a call fails.
+// Results if the first allocation of a call fails.
 const std::vector<row> WITHOUT_MEMORY = {
     {UNMOUNTED | MOUNTED, CALL(fat_print_pbr(stdout)), -ENOMEM, "@: cannot allocate space\n"},
     {UNMOUNTED | MOUNTED, CALL(fat_delete_mbr(a.image)), -ENOMEM, "@: cannot allocate space\n"},
@@ -542,7 +542,7 @@ private:
         return at == std::string::npos ? result : result.replace(at, 1, std::to_string(bad));
     }
 
-    // The volume, or none, and what must not change on it.
+    // The volume, if any, and the parts of it that must not change.
     class medium {
     public:
         explicit medium(const volume_state &wanted) {

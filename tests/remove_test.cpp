@@ -481,7 +481,7 @@ TEST_F(IsEmptyDirectory, EachSectorIsReadOnce) {
 
 // ---- marking slots ----------------------------------------------------------------------------
 
-// Slots whose checksum is that of the name already marked are what the walk back looks for.
+// The walk back searches for slots with the checksum of the name that is already marked.
 TEST_F(RemoveEntry, WalkBackMarksEachMatchingSlotUpToTheLastOfTheName) {
     const u8 sum = checksum_when_removed("FILE       ");
     const entry_image a = long_slot(0x01, u"aaaaaaaaaaaaa", sum);

@@ -23,7 +23,7 @@ namespace {
 
 constexpr std::uint64_t MIB = 1 << 20;
 
-// What shows that a target was written to.
+// The attributes that change if a target is written to.
 struct target_state {
     off_t size = 0;
     blkcnt_t blocks = 0;
@@ -81,7 +81,7 @@ protected:
         return without_moment(path);
     }
 
-    // Runs and expects that the target is left alone.
+    // Runs the program and expects that the target is not changed.
     static void expect_untouched(const std::string &target, const std::vector<std::string> &options,
                                  const outcome &expected) {
         const target_state before = state_of(target);
@@ -469,8 +469,8 @@ protected:
         }
     }
 
-    // Formats a sparse image of 512 MiB that lies on a tmpfs of 256 KiB, of which all but `left`
-    // bytes are taken, and counts the image's bytes that are not zero.
+    // Formats a sparse image of 512 MiB on a tmpfs of 256 KiB, on which `left` bytes are free, and
+    // counts the image's bytes that are not zero.
     [[nodiscard]] outcome format_with_space(unsigned left) const {
         const std::string script = "cd \"$1\" && mount -t tmpfs -o size=256k none . && cd \"$1\" &&"
                                    "truncate -s 512M disk.img &&"

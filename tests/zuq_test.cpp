@@ -26,7 +26,7 @@ constexpr u32 NOW_DATE = 44 << 9 | 2 << 5 | 29;
 constexpr const char *POOL = "ZUQ_POOLSY$";
 constexpr const char *LOG = "$ZUQ_LOGLO$";
 
-// An entry as creation makes it, with what the builders set on top.
+// An entry as creation makes it, with the changes of the builders.
 entry_image made_entry(const char *dos, std::uint8_t attr, u32 start, u32 size) {
     entry_image result = short_entry(dos, attr, start, size);
     result[22] = static_cast<std::uint8_t>(NOW_TIME);
@@ -51,7 +51,7 @@ bytes pool_content(u32 index, u32 cluster, std::size_t size) {
     return result;
 }
 
-// What a medium is expected to have become since it was remembered. Held against it whole.
+// The expected changes of a medium since it was remembered. The whole medium is compared.
 class expected_medium {
 public:
     explicit expected_medium(ram_disk *disk) : disk_(disk) {}
@@ -544,7 +544,7 @@ TEST(MakeLogTest, LeavesTheEntryWhereAllIdsAreTaken) {
     EXPECT_EQ(expected.difference(), "");
 }
 
-// The clusters stay in the chain, the entry on the medium does not know them.
+// The clusters remain in the chain; the entry on the medium does not include them.
 TEST(MakeLogTest, RetainsItsClustersIfTheVolumeFillsUpHalfWay) {
     for (const u32 fat_type : {16U, 32U}) {
         zuq_case c({.fat_type = fat_type, .sec_per_clus = 8, .fill = 0x5A});
@@ -702,7 +702,7 @@ TEST(MakeLogUnderFaults, NamesTheStepOfEveryAllocationThatFails) {
 
 constexpr u32 ALL_ONES = 0xFFFFFFFF;
 
-// What the predicates were asked about.
+// The arguments of the predicates.
 std::vector<std::pair<u32, u32>> asked;
 
 bool never(u32 cluster, u32 key) {
