@@ -43,7 +43,7 @@ std::string text_of(const std::filesystem::path &path) {
     return {content.begin(), content.end()};
 }
 
-// Where the comment or literal that begins at `begin` ends; `begin` itself where none does.
+// Where the comment or literal that begins at `begin` ends; `begin` itself if there is no end.
 std::size_t end_of_comment_or_literal(const std::string &text, std::size_t begin) {
     const auto after = [&text](std::string_view closing, std::size_t from) {
         const std::size_t found = text.find(closing, from);
@@ -67,7 +67,7 @@ std::size_t end_of_comment_or_literal(const std::string &text, std::size_t begin
     return std::min(end + 1, text.size());
 }
 
-// The text with comments and the insides of literals gone. Line breaks stay.
+// The text without comments and the contents of literals. Line breaks are not removed.
 std::string bare_code(const std::string &text) {
     std::string result;
     for (std::size_t i = 0; i < text.size();) {
@@ -161,8 +161,8 @@ std::vector<std::string> words_of(const std::string &code) {
     return result;
 }
 
-// What a file uses of that which needs the C++ run-time library: some words wherever they stand,
-// others as std::NAME or <NAME>.
+// The words of a file that need the C++ run-time library: some words anywhere, others only as
+// std::NAME or <NAME>.
 std::vector<std::string> banned_in(const std::string &code) {
     static const std::set<std::string> ANYWHERE = {"new",   "throw",  "try",
                                                    "catch", "typeid", "dynamic_cast"};
@@ -235,7 +235,7 @@ protected:
 
 } // namespace
 
-// ---- what is needed at run time ---------------------------------------------------------------
+// ---- dependencies at run time -----------------------------------------------------------------
 
 TEST_F(ArtefactTest, ProgramAndSharedLibraryNeedLibcAlone) {
     skip_where_sanitized();
@@ -311,7 +311,7 @@ TEST_F(ArtefactTest, TheStrippedProgramStaysBelow64KiB) {
 
 // ---- form of the sources ----------------------------------------------------------------------
 
-TEST(SourceChecks, SeeWhatTheyLookFor) {
+TEST(SourceChecks, FindEachViolation) {
     const std::string code =
         bare_code("// throw in a comment\n"
                   "int f(char c) { /* new\n */ return c == '\"' ? 1'000 : 2; }\n"
@@ -339,7 +339,7 @@ TEST(SourceChecks, SeeWhatTheyLookFor) {
     EXPECT_EQ(functions_in(code).size(), 2u);
 }
 
-TEST(Sources, KeepEveryFunctionBelow70Lines) {
+TEST(Sources, HaveNoFunctionOf70LinesOrMore) {
     std::size_t count = 0;
     for (const std::filesystem::path &path : sources()) {
         for (const function_extent &f : functions_in(bare_code(text_of(path)))) {
@@ -350,7 +350,7 @@ TEST(Sources, KeepEveryFunctionBelow70Lines) {
     EXPECT_GT(count, 80u); // that many are found at least, or the search is broken
 }
 
-TEST(Sources, KeepEveryLineWithin100ColumnsButForItsLiterals) {
+TEST(Sources, HaveNoLineOver100ColumnsExceptForItsLiterals) {
     for (const std::filesystem::path &path : sources()) {
         const std::string text = text_of(path);
         std::istringstream lines(text);
@@ -367,7 +367,7 @@ TEST(Sources, KeepEveryLineWithin100ColumnsButForItsLiterals) {
     }
 }
 
-TEST(Sources, UseNothingThatNeedsTheCppRunTimeLibrary) {
+TEST(Sources, NeedNoCppRunTimeLibrary) {
     for (const std::filesystem::path &path : sources()) {
         EXPECT_EQ(banned_in(bare_code(text_of(path))), std::vector<std::string>{}) << path;
     }

@@ -22,7 +22,7 @@ using namespace testing_support;
 
 namespace {
 
-// The two lines that tell the size of a device; the first counts bytes in 32 bits.
+// The two lines with the size of a device; the first counts bytes in 32 bits.
 std::string size_lines(std::uint64_t sectors) {
     const auto cut_sectors = static_cast<std::uint32_t>(sectors);
     return "check_vol_size[N]: ioctl(BLKGETSIZE): " + std::to_string(cut_sectors) + " sectors, " +
@@ -50,7 +50,7 @@ protected:
         return path;
     }
 
-    // What the same options make of an image file of the same size and content.
+    // An image file of the same size and content, formatted with the same options.
     [[nodiscard]] bytes formatted_file(std::uint64_t sectors,
                                        std::vector<std::string> options) const {
         const std::string path = backing_file(sectors, "reference.img");
@@ -66,7 +66,7 @@ protected:
 
 // ---- formatting -------------------------------------------------------------------------------
 
-TEST_F(BlockDeviceTest, TellsBothSizesAndFormats) {
+TEST_F(BlockDeviceTest, PrintsBothSizesAndFormats) {
     for (const std::uint64_t sectors : {8192, 8191, 8193}) {
         SCOPED_TRACE(sectors);
         const std::string file = backing_file(sectors);
@@ -75,7 +75,7 @@ TEST_F(BlockDeviceTest, TellsBothSizesAndFormats) {
         ASSERT_EQ(device.sectors(), sectors);
         EXPECT_EQ(run_tool({"-S", "512", device.path()}),
                   (outcome{0, SUCCESS, size_lines(sectors)}));
-        // The device is still there, and what it was given has reached the file beneath.
+        // The device still exists, and the data written to it have reached the file below it.
         EXPECT_EQ(without_moment(file), formatted_file(sectors, {"-S", "512"}));
     }
 }
@@ -88,7 +88,7 @@ TEST_F(BlockDeviceTest, FormatsDevicesWithSectorsOf4096Bytes) {
         if (!device.trouble().empty()) {
             GTEST_SKIP() << "no loop device with sectors of 4096 bytes: " << device.trouble();
         }
-        // A kernel may leave out what is no whole sector of the device.
+        // A kernel may omit the part that does not fill a sector of the device.
         ASSERT_LE(device.sectors(), sectors);
         ASSERT_GT(device.sectors() + 8, sectors);
         EXPECT_EQ(run_tool({"-S", "512", device.path()}),
@@ -208,7 +208,7 @@ TEST_F(BlockDeviceTest, RefusesADeviceThatIsMounted) {
     }
     EXPECT_EQ(shell_with_private_mounts(mount_it + "exec \"$3\" -S 512 \"$1\"", arguments),
               (outcome{EXIT_REFUSED, "", device.path() + " is already mounted\n"}));
-    // The file system is whole, and once it is no longer mounted it gives way.
+    // The file system is not damaged, and is overwritten after it is unmounted.
     EXPECT_EQ(run({"fsck.ext2", "-f", "-n", device.path()}).status, 0);
     EXPECT_EQ(run_tool({"-S", "512", device.path()}),
               (outcome{0, SUCCESS, size_lines(SMALL_SECTORS)}));

@@ -1,5 +1,4 @@
-// Completion in bash and zsh: what the shells offer, held against what the programs say of
-// themselves.
+// Completion in bash and zsh: the offers of the shells are compared with the help of the programs.
 
 #include "tests/support/files.h"
 #include "tests/support/help.h"
@@ -34,7 +33,7 @@ protected:
         (void)scratch_.sparse_file("disk.img", 1);
     }
 
-    // What the shell offers for the last of the words.
+    // The offers of the shell for the last word.
     text_set offered(const std::vector<std::string> &words) {
         std::vector<std::string> command = {source_path("tests/completion/" + GetParam()),
                                             source_path("completions")};
@@ -93,7 +92,7 @@ TEST_P(CompletionTest, OffersTheValuesThatTheHelpNames) {
     }
 }
 
-TEST_P(CompletionTest, OffersOptionsBehindTheImageToo) {
+TEST_P(CompletionTest, OffersOptionsAfterTheImageToo) {
     EXPECT_TRUE(offered({"qvol", "ls", "disk.img", "--re"}).contains("--recursive"));
     EXPECT_TRUE(offered({"qvol", "ls", "--encoding", "UTF-8", "--rec"}).contains("--recursive"));
 }
@@ -107,7 +106,7 @@ TEST_P(CompletionTest, OffersFilesForTheImage) {
     EXPECT_EQ(offered({"qvol", "info", "dis"}), text_set{"disk.img"});
 }
 
-TEST_P(CompletionTest, OffersFilesWhereTheHostIsMeantAndNothingForPathsInTheVolume) {
+TEST_P(CompletionTest, OffersFilesForPathsOfTheHostAndNothingForPathsInTheVolume) {
     EXPECT_EQ(offered({"qvol", "put", "disk.img", ""}), FILES);
     EXPECT_EQ(offered({"qvol", "get", "disk.img", "/photos", ""}), FILES);
     EXPECT_EQ(offered({"qvol", "dump", "disk.img", "fat", ""}), FILES);

@@ -1,7 +1,7 @@
-// The power fails after every single sector that a call writes: what stands on the medium then is
-// mounted again. Everything that the call was not about is whole, no cluster belongs to two chains,
-// every walk ends. What the call itself may leave is collected, and is exactly what
-// docs/power-loss.md promises.
+// The power fails after every single sector that a call writes: the medium in this state is
+// mounted again. Everything else is whole, no cluster belongs to two chains,
+// every walk ends. The possible states that the call itself leaves are collected, and are
+// exactly those of docs/power-loss.md.
 
 #include "tests/support/by_path.h"
 #include "tests/support/moment.h"
@@ -102,7 +102,7 @@ public:
 private:
     using block_map = std::map<std::uint64_t, bytes>;
 
-    // What the disk does not know is as it was before.
+    // Blocks that the disk does not have are not changed.
     void take(ram_disk *disk) {
         auto blocks = std::make_shared<block_map>(blocks_ != nullptr ? *blocks_ : block_map());
         for (const std::uint64_t number : disk->known_blocks()) {
@@ -177,14 +177,14 @@ void furnish() {
     must(go_to(""));
 }
 
-// ---- what happens while the power fails -------------------------------------------------------
+// ---- the calls during a power failure ---------------------------------------------------------
 
 struct scenario {
     std::string call; // its row in docs/power-loss.md
     std::string name;
     std::function<void()> prepare; // on the furnished volume; may be empty
     std::function<int()> act;
-    int result = 0;         // of the act: 0 stands for any success
+    int result = 0;         // of the act: 0 means any success
     std::string about = ""; // what is written to without a change that stays
     bool is_stale = false;  // a directory grows into a cluster that holds old entries
 };
@@ -327,7 +327,7 @@ std::vector<scenario> writes() {
         {"fat_write_file", "Link", {}, [] { return append("LINK", 20); }},
     };
 }
-// On small volumes: the clusters that were found are given back.
+// On small volumes: the clusters that were found are freed.
 std::vector<scenario> failing_writes() {
     return {
         {"fat_write_file", "NoSpace", [] { fill_volume(3); },
@@ -368,7 +368,7 @@ std::vector<scenario> entry_removals() {
     };
 }
 
-// ---- what is found ----------------------------------------------------------------------------
+// ---- findings ---------------------------------------------------------------------------------
 
 bool is_cut_short(const surveyed_entry &entry) {
     return entry.end == chain_end::runs_into_free || entry.end == chain_end::start_is_free;
@@ -401,7 +401,7 @@ void add_remains_of(const std::string &path, const surveyed_entry &entry,
     }
 }
 
-// What is not as on a volume on which every call came to its end.
+// The differences from a volume on which every call was completed.
 phrases remains_in(const survey &now, const survey &before, const survey &finished) {
     phrases found;
     std::set<std::string> known;
@@ -443,7 +443,7 @@ bool is_untouched(const surveyed_entry &a, const surveyed_entry &b) {
     return is_same(a, b) && a.clusters == b.clusters && a.end == b.end;
 }
 
-// What the call is about: every path that it adds, removes or changes, in all forms of its name.
+// The subjects of the call: every path that it adds, removes or changes, in all forms of its name.
 std::set<std::string> subjects_of(const survey &before, const survey &after,
                                   const std::string &about) {
     std::set<std::string> result;
@@ -477,7 +477,7 @@ std::optional<std::string> barrier_before(const survey &now, const std::string &
 
 // ---- the promise ------------------------------------------------------------------------------
 
-// A row of docs/power-loss.md: what a cut may leave, and what the whole call leaves.
+// A row of docs/power-loss.md: the possible states after a cut, and the state after the whole call.
 struct promise {
     phrases of_a_cut;
     phrases of_the_call;
@@ -547,7 +547,8 @@ protected:
         std::set<std::string> subjects;
     };
 
-    // The power fails everywhere in all of them; together they leave what is promised of the call.
+    // The power fails everywhere in all of them; together they leave the promised states of the
+    // call.
     void cut_everywhere(const std::vector<scenario> &scenarios) {
         phrases left_by_cuts;
         phrases left_by_call;
@@ -564,12 +565,12 @@ protected:
         EXPECT_EQ(left_by_call, promised.of_the_call);
     }
 
-    // After every cut what is left is removed and the call is made again, where it is not done.
-    void mend_everywhere(const std::vector<scenario> &scenarios) {
+    // After every cut removes the remains and repeats the call if it was not completed.
+    void repair_everywhere(const std::vector<scenario> &scenarios) {
         for_each(scenarios, [](const scenario &s, const play &p, std::size_t count) {
             const auto disk = p.start.mounted(p.sectors, count);
             const survey now = survey_of_open_volume();
-            if (count == p.sectors.size() || s.is_stale || is_beyond_mending(p, now)) {
+            if (count == p.sectors.size() || s.is_stale || is_beyond_repair(p, now)) {
                 return;
             }
             ASSERT_NO_FATAL_FAILURE(remove_remains(p, now));
@@ -675,7 +676,8 @@ private:
             }
         }
     }
-    // Behind a directory that cannot be opened. A root directory can always be, but nothing in it.
+    // In a directory that cannot be opened. A root directory can always be opened, but no entry in
+    // it.
     static void expect_barred(const std::string &barrier, const std::string &path) {
         if (!barrier.empty()) {
             ASSERT_EQ(go_to(barrier), -ENOTDIR);
@@ -696,15 +698,15 @@ private:
         ASSERT_EQ(call_on(path, fat_unlink), -ENOENT);
     }
 
-    // A directory that cannot be opened stays so.
-    static bool is_beyond_mending(const play &p, const survey &now) {
+    // A directory that cannot be opened cannot be repaired by calls.
+    static bool is_beyond_repair(const play &p, const survey &now) {
         return std::any_of(p.subjects.begin(), p.subjects.end(), [&now](const std::string &path) {
             const auto found = now.entries.find(path);
             return found != now.entries.end() && found->second.is_directory &&
                    found->second.end == chain_end::runs_into_free;
         });
     }
-    // Names of one slot, made and removed, put an end to the gap in front of a name behind the end.
+    // Creates and removes names of one slot, which closes the gap before a name past the end.
     static void fill_gap(const std::string &directory) {
         std::vector<std::string> made;
         while (!survey_of_open_volume().behind_the_end.empty()) {
@@ -758,21 +760,21 @@ private:
 
 } // namespace
 
-// ---- what a cut leaves ------------------------------------------------------------------------
+// ---- after a cut ------------------------------------------------------------------------------
 
-TEST_P(PowerLoss, WhileAFileIsCreatedLeavesWhatIsPromised) {
+TEST_P(PowerLoss, WhileAFileIsCreatedLeavesThePromisedState) {
     cut_everywhere(file_creations());
 }
 
-TEST_P(PowerLoss, WhileADirectoryIsCreatedLeavesWhatIsPromised) {
+TEST_P(PowerLoss, WhileADirectoryIsCreatedLeavesThePromisedState) {
     cut_everywhere(directory_creations());
 }
 
-TEST_P(PowerLoss, WhileALinkIsCreatedLeavesWhatIsPromised) {
+TEST_P(PowerLoss, WhileALinkIsCreatedLeavesThePromisedState) {
     cut_everywhere(link_creations());
 }
 
-TEST_P(PowerLoss, WhileAFileIsWrittenLeavesWhatIsPromised) {
+TEST_P(PowerLoss, WhileAFileIsWrittenLeavesThePromisedState) {
     std::vector<scenario> all = writes();
     if (GetParam().fat_type == 16) {
         const std::vector<scenario> failing = failing_writes();
@@ -781,20 +783,20 @@ TEST_P(PowerLoss, WhileAFileIsWrittenLeavesWhatIsPromised) {
     cut_everywhere(all);
 }
 
-TEST_P(PowerLoss, WhileANameIsUnlinkedLeavesWhatIsPromised) {
+TEST_P(PowerLoss, WhileANameIsUnlinkedLeavesThePromisedState) {
     cut_everywhere(removals());
 }
 
-TEST_P(PowerLoss, WhileAnEntryIsRemovedLeavesWhatIsPromised) {
+TEST_P(PowerLoss, WhileAnEntryIsRemovedLeavesThePromisedState) {
     cut_everywhere(entry_removals());
 }
 
-// ---- what can be done about it ----------------------------------------------------------------
+// ---- repairing --------------------------------------------------------------------------------
 
 TEST_P(PowerLoss, AfterwardsTheRemainsAreRemovedAndTheCallIsMadeAgain) {
     for (const std::vector<scenario> &all :
          {file_creations(), directory_creations(), link_creations(), writes(), removals()}) {
-        ASSERT_NO_FATAL_FAILURE(mend_everywhere(all));
+        ASSERT_NO_FATAL_FAILURE(repair_everywhere(all));
     }
 }
 
@@ -821,7 +823,7 @@ TEST_P(OneCut, LeavesANameThatSharesTheClustersOfTheNextFileUnlessItIsRemovedFir
     EXPECT_EQ(content_by_library("LATER.TXT", 2 * unit()), std::pair(0, content));
 }
 
-TEST_P(OneCut, LeavesAGapBehindWhichLongNamesAreLostUntilItIsFilled) {
+TEST_P(OneCut, LeavesAGapAfterWhichLongNamesAreLostUntilItIsFilled) {
     const auto disk = cut(file_creations(), "LongNameInTwoSectors", 1);
     ASSERT_EQ(create("VOID/Another new file.txt"), 0);
     EXPECT_EQ(call_on("VOID/Another new file.txt", fat_open), -ENOENT);
@@ -831,7 +833,7 @@ TEST_P(OneCut, LeavesAGapBehindWhichLongNamesAreLostUntilItIsFilled) {
     EXPECT_GT(call_on("VOID/anewfi~1.txt", fat_open), 0);
 }
 
-TEST_P(OneCut, LeavesClustersBehindTheEndThatTheNextWriteUses) {
+TEST_P(OneCut, LeavesClustersPastTheEndThatTheNextWriteUses) {
     const auto disk = cut(writes(), "NewClusters", 1);
     const survey before = survey_of_open_volume();
     ASSERT_GT(append("SUB/INNER.TXT", 2 * unit() + 7), 0);
@@ -840,7 +842,7 @@ TEST_P(OneCut, LeavesClustersBehindTheEndThatTheNextWriteUses) {
     EXPECT_EQ(after.entries.at("SUB/INNER.TXT").size, 4 * unit() + 7);
 }
 
-// ---- what is not in danger --------------------------------------------------------------------
+// ---- unaffected files -------------------------------------------------------------------------
 
 TEST_P(PowerLoss, CannotHurtWhileNothingIsChanged) {
     const auto disk = furnished_volume().mounted({}, 0);
@@ -872,7 +874,7 @@ int format_again(const volume_shape &shape) {
     param.fat_size = shape.fat_type;
     param.sector_size = shape.sector_size;
     param.sec_per_clus = shape.sec_per_clus;
-    param.nr_fat = 1; // everything behind the first FAT moves
+    param.nr_fat = 1; // everything after the first FAT moves
     param.volume_id = 0x20240301;
     const std::uint64_t size = sv->vol_size;
     *sv = {};

@@ -1,4 +1,4 @@
-// Creations of which the k-th transfer or allocation fails, for every k until none is left.
+// Creations in which the k-th transfer or allocation fails, for every k up to the last.
 
 #include "tests/support/every_fault.h"
 #include "tests/support/namespace_fixture.h"
@@ -41,7 +41,7 @@ protected:
             ASSERT_EQ(v->disk.peek(dir->offset_of(0), others.size()), others);
             ASSERT_LE(free_before - v->count_free(), clusters);
             if (result >= 0) {
-                // A fault of which nobody takes notice leaves nothing behind.
+                // An unnoticed fault leaves no trace.
                 ASSERT_GE(fat_open(name.c_str()), 2);
                 ASSERT_EQ(v->count_free(), free_before - clusters);
                 return;

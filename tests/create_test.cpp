@@ -44,11 +44,11 @@ entry_image new_entry(std::string_view dos, u8 attr, u8 case_bits, u32 start = 0
 constexpr u8 LOWER = 0x18; // both parts of the name
 constexpr u8 SYMLINK_MARK = 0xE2;
 
-// What is said where no directory came of the path.
+// Messages if the path leads to no directory.
 const std::string NO_DIRECTORY = "do_create[N]: Invalid input\n";
 const std::string NOT_CREATED = "create_internal[N]: Check here!\n\n";
 
-// Behind the label entry that formatting leaves in the root directory.
+// After the label entry that formatting leaves in the root directory.
 constexpr u32 FIRST = 1;
 
 } // namespace
@@ -186,7 +186,7 @@ TEST_F(CreateFile, RemovedEntriesAreUsedAgain) {
     EXPECT_EQ(v.top.at(6), short_entry("F          "));
 }
 
-// Slots that a removal leaves behind are never used again.
+// Slots that a removal leaves are never used again.
 TEST_F(CreateFile, OrphanSlotsAreNotUsedAgain) {
     v.top.go_to(1);
     v.top.append(long_slots(u"Some long name", "SOMELO~1   "));
@@ -232,7 +232,7 @@ TEST_F(CreateFile, ExistingNameIsRefusedAndNothingIsWritten) {
 }
 
 // The conversion to a short name cuts them off in place.
-TEST_F(CreateFile, ExistingNameIsToldWithoutItsTrailingDotsAndBlanks) {
+TEST_F(CreateFile, ExistingNameIsReportedWithoutItsTrailingDotsAndSpaces) {
     v.top.go_to(FIRST);
     v.top.append(short_entry("README  TXT"));
     EXPECT_EQ(create("readme.txt.. ."),
@@ -245,7 +245,7 @@ TEST_F(CreateFile, NameOfTheLabelEntryIsFree) {
     EXPECT_EQ(create("VOLUME"), came_to(1));
 }
 
-// All 1023 numbers taken: the name is told to exist although it does not.
+// All 1023 numbers taken: the name is reported to exist although it does not.
 TEST_F(CreateFile, NumericTailsThatAreUsedUpAreAnExistingName) {
     directory &inside = enter_directory([] {
         std::vector<u32> clusters(20);
@@ -446,7 +446,7 @@ TEST_F(MakeSymlink, TargetOf260CharactersIsAcceptedAndOf261Refused) {
     EXPECT_TRUE(v.disk.log.empty());
 }
 
-// Nothing can be written for it, but the link stays.
+// There is nothing to write, but the link is not removed.
 TEST_F(MakeSymlink, EmptyTargetLeavesALinkWithoutOne) {
     sv->last_alloc_clus = 9;
     EXPECT_EQ(symlink("", "link"), came_to(-EINVAL, "fat_write_file[N]: NULL arg!\n\n"
@@ -546,7 +546,7 @@ TEST_F(CreateOnFat32, RootGrowsForEveryRecordOfIt) {
     }
 }
 
-// Whatever the reason is that no slots were found.
+// The result is the same for any reason that no slots were found.
 TEST_F(CreateFile, DirectoryThatCannotBeReadAnyMoreHasNoRoom) {
     v.disk.reads_before_failure = 1; // of the lookup
     EXPECT_EQ(create("a"),
@@ -573,7 +573,7 @@ TEST_F(CreateFile, EntryIsThereThoughAllIdsAreGivenOut) {
     EXPECT_EQ(create("b"), came_to(7));
 }
 
-// ---- what a failure leaves --------------------------------------------------------------------
+// ---- after a failure --------------------------------------------------------------------------
 
 TEST_F(MakeDirectory, EntryThatCannotBeWrittenLeavesItsClusterAllocated) {
     sv->last_alloc_clus = 9;
@@ -628,7 +628,7 @@ TEST_F(DoCreate, ResultIsTheIndexOfTheShortEntry) {
     EXPECT_EQ(mounted::open_ids(), 1);
 }
 
-TEST_F(DoCreate, DirectoryWhoseEntryIsNoneIsRefused) {
+TEST_F(DoCreate, DirectoryWithAnInvalidEntryIsRefused) {
     enter_directory({5});
     oentry &dir = mounted::record(inside_id);
     for (const auto &[first, attr] : std::initializer_list<std::pair<unsigned, unsigned>>{

@@ -1,5 +1,5 @@
-// Damaged directories, made by one generator and given to every call that reads names or walks over
-// entries: what each call returns and prints.
+// Damaged directories, made by one generator, for every call that reads names or walks over
+// entries: the result and the output of each call.
 
 #include "tests/support/damaged_directory.h"
 #include "tests/support/faults.h"
@@ -26,8 +26,8 @@ const volume_shape SHAPES[] = {{.fat_type = 16}, {.fat_type = 32, .sec_per_clus 
 
 // ---- names ------------------------------------------------------------------------------------
 
-// What get_long_name() makes of the first entry: its result, the units, the entry that it ends at
-// and, unless 0, the entry whose checksum it prints, both counted from the first.
+// The output of get_long_name() for the first entry: its result, the units, the entry that it ends
+// at and, unless 0, the entry whose checksum it prints, both counted from the first.
 struct assembled_name {
     int slots;
     std::string units;
@@ -159,7 +159,7 @@ protected:
                    ? "entry_type[N]: Unknown entry type: 24\n\n"
                    : "";
     }
-    // What putting the name together prints.
+    // The messages of assembling the name.
     [[nodiscard]] std::string assembling() const {
         const u32 mismatch = row.assembled.mismatch;
         return mismatch == 0 ? if_invalid()
@@ -276,7 +276,7 @@ namespace {
 
 constexpr int ID = 9; // under which the directory is open
 
-// A call that walks to entry `index`, or over all entries. What it prints after the reason: %B is
+// A call that walks to entry `index`, or over all entries. Its messages after the reason: %B is
 // the base cluster, %I the index, %E the error.
 struct walking_call : named_row {
     int (*call)(oentry *dir, u32 base, u32 index);

@@ -1,5 +1,5 @@
-// The documents: every command that they show is run, or is one that the list below knows to be run
-// elsewhere; every link leads to something.
+// The documents: every command that they show is run, or is in the list below of commands that are
+// run elsewhere; every link has a target.
 
 #include "tests/support/files.h"
 #include "tests/support/help.h"
@@ -25,7 +25,7 @@ namespace {
 
 using text_list = std::vector<std::string>;
 
-// What takes long, builds, or needs the network. `script` exists, and has every text in it.
+// A command that takes long, builds, or needs the network. `script` exists and contains every text.
 struct elsewhere {
     std::string command;
     std::string script;
@@ -68,8 +68,8 @@ const std::vector<elsewhere> RUN_ELSEWHERE = {
 const std::map<std::string, int> REFUSALS = {{"quorvel small.img", 255},
                                              {"fsck.fat -n disk.img", 1}};
 
-// What has to be done to the workplace first: commands that make what is there, or look for what is
-// not.
+// The preparations of the workplace: commands that create existing files, or search for missing
+// ones.
 const std::map<std::string, std::string> PREPARATIONS = {
     {"qvol ln flash.img kernel-6.1.bin /boot/kernel.bin", "qvol rm flash.img /boot/kernel.bin"},
     {"qvol mkdir flash.img /photos", "qvol rm -r flash.img /photos"},
@@ -94,8 +94,8 @@ struct block {
     std::vector<shown_command> commands;
 };
 
-// The command of a line of code: what stands behind "$ ", or in front of a remark, which is set off
-// by two blanks. Empty: the line is no command.
+// The command of a line of code: the text after "$ ", or before a remark, which two
+// spaces separate. Empty: the line is not a command.
 std::string command_of(const std::string &line) {
     if (begins_with(line, "$ ")) {
         return line.substr(2);
@@ -115,7 +115,7 @@ void add_line(const std::string &line, block *to) {
     }
 }
 
-// The blocks of a Markdown document that are set off by four blanks. Fenced ones are programs,
+// The blocks of a Markdown document that are indented by four spaces. Fenced ones are programs,
 // which library_guide_test compiles, and pictures.
 std::vector<block> blocks_of_markdown(const std::string &name) {
     std::vector<block> blocks;
@@ -175,7 +175,7 @@ const elsewhere *found_elsewhere(const std::string &command) {
     return found == RUN_ELSEWHERE.end() ? nullptr : &*found;
 }
 
-// A directory with what the documents take for granted: the programs, a tree of the host, and an
+// A directory with the files that the documents assume: the programs, a tree of the host, and an
 // image, flash.img, with something in it.
 class workplace {
 public:
@@ -302,7 +302,7 @@ TEST(Documents, ShowEveryCommandThatIsRunElsewhere) {
     }
 }
 
-TEST(Documents, CommandsRunElsewhereAreWhatTheirScriptsTake) {
+TEST(Documents, CommandsRunElsewhereAreAcceptedByTheirScripts) {
     for (const elsewhere &known : RUN_ELSEWHERE) {
         const std::string script = source_text(known.script);
         EXPECT_FALSE(script.empty()) << known.script;

@@ -36,8 +36,8 @@ const volume_shape DUMPED_SHAPES[] = {
 const std::string ROOT_OPENED = "fat_open[N]: failed to get name!\n\n";
 const std::string ROOT_IS_NOT_CLOSED = "fat_close[N]: Invalid id!(0)\n\n";
 
-// A mounted volume and an image file to be. Whatever a dump opens is given back, and nothing is
-// written to the volume.
+// A mounted volume and the image file to write. A dump closes all that it opens and does not write
+// to the volume.
 class dumped_volume : public testing::TestWithParam<volume_shape> {
 protected:
     explicit dumped_volume(const volume_shape &shape) : v(shape) {}
@@ -119,7 +119,7 @@ namespace {
 
 class FatDumpFat0 : public dumped_volume {
 protected:
-    // What stands in front of the second FAT, with a pattern in it.
+    // The sectors before the second FAT, with a pattern in them.
     bytes prepare() {
         set_sectors(1, volume::fat_offset(0, 1) / sv->sector_size, 7);
         return sectors(0, sv->fat_start + sv->fat_size);
@@ -149,7 +149,7 @@ TEST_P(FatDumpFat0, ReplacesALongerImage) {
     EXPECT_EQ(read_file(image), expected);
 }
 
-TEST_P(FatDumpFat0, TellsWhyTheImageCannotBeMade) {
+TEST_P(FatDumpFat0, ReportsWhyTheImageCannotBeMade) {
     EXPECT_EQ(ask([&] { return fat_dump_fat0(scratch.file("none/image").c_str()); }),
               answer(-ENOENT, "create fat image: No such file or directory\n"));
     EXPECT_EQ(ask([&] { return fat_dump_fat0(scratch.file(".").c_str()); }),
@@ -239,16 +239,16 @@ TEST_P(FatDumpClus, LeavesAnEmptyImageOfNoCluster) {
     EXPECT_TRUE(v.disk.log.empty());
 }
 
-TEST_P(FatDumpClus, RefusesAClusterBehindTheEndOfTheVolume) {
+TEST_P(FatDumpClus, RefusesAClusterPastTheEndOfTheVolume) {
     sv->total_sectors = volume::first_sector_of(30);
     EXPECT_EQ(dump_clus(30), answer(-EINVAL, OUT_OF_AREA));
     EXPECT_EQ(dump_clus(29), answer(all_sectors(), ""));
 }
 
-TEST_P(FatDumpClus, TellsWhyTheImageCannotBeMade) {
+TEST_P(FatDumpClus, ReportsWhyTheImageCannotBeMade) {
     EXPECT_EQ(ask([&] { return fat_dump_clus(30, scratch.file("none/image").c_str()); }),
               answer(-ENOENT, "create cluster image: No such file or directory\n"));
-    // The image comes before the number is looked at.
+    // The image is created before the number is checked.
     EXPECT_EQ(ask([&] { return fat_dump_clus(1, scratch.file(".").c_str()); }),
               answer(-EISDIR, "create cluster image: Is a directory\n"));
 }
@@ -260,7 +260,7 @@ TEST_P(FatDumpClus, LeavesAnEmptyImageWithoutMemory) {
     EXPECT_EQ(read_file(image), bytes());
 }
 
-TEST_P(FatDumpClus, TellsAClusterThatCannotBeRead) {
+TEST_P(FatDumpClus, ReportsAClusterThatCannotBeRead) {
     v.disk.unreadable = {volume::first_sector_of(30) + sv->sec_per_clus - 1};
     for (int moved = -5; moved < all_sectors(); moved++) {
         v.disk.failure_result = moved;
@@ -269,7 +269,7 @@ TEST_P(FatDumpClus, TellsAClusterThatCannotBeRead) {
     }
 }
 
-TEST_P(FatDumpClus, TellsAnImageThatCannotBeWritten) {
+TEST_P(FatDumpClus, ReportsAnImageThatCannotBeWritten) {
     v.set_data({30}, some_bytes(cluster_bytes()));
     {
         const failing_call fault(call::write, ENOSPC);
@@ -302,7 +302,7 @@ protected:
     bytes make_file(std::size_t size) {
         return make(ARCHIVE, static_cast<u32>(size));
     }
-    // What opening it says.
+    // The messages of opening it.
     [[nodiscard]] std::string found() const {
         return found_at(v.top.base(), 0);
     }
@@ -382,7 +382,7 @@ TEST_P(FatDump, FindsAFileByItsLongName) {
     EXPECT_EQ(read_file(image), part_of(some_bytes(cluster_bytes()), 0, 100));
 }
 
-TEST_P(FatDump, ReplacesALongerImageAndKeepsItsMode) {
+TEST_P(FatDump, ReplacesALongerImageAndDoesNotChangeItsMode) {
     const bytes content = make_file(cluster_bytes() + 1);
     (void)scratch.file_with("image", bytes(2 * cluster_bytes(), 'x'));
     ASSERT_EQ(chmod(image.c_str(), 0604), 0);
@@ -407,14 +407,14 @@ TEST_P(FatDump, ReadsEachClusterInOneTransfer) {
     EXPECT_EQ(data, expected);
 }
 
-TEST_P(FatDump, TellsThatThePathCannotBeOpened) {
+TEST_P(FatDump, ReportsThatThePathCannotBeOpened) {
     EXPECT_EQ(dump("NONE"), answer(-ENOENT, "fat_open[N]: failed to find directory entry!\n\n"
                                             "fat_dump[N]: \n"));
     EXPECT_EQ(dump("a:b").result, -EINVAL);
     EXPECT_FALSE(image_exists());
 }
 
-TEST_P(FatDump, TellsThatTheImageCannotBeMade) {
+TEST_P(FatDump, ReportsThatTheImageCannotBeMade) {
     make_file(1);
     const std::string refused = found() + "fat_dump[N]: create directory image\n\n";
     EXPECT_EQ(ask([&] { return fat_dump("NAME", scratch.file("none/image").c_str()); }),
@@ -439,14 +439,14 @@ TEST_P(FatDump, EndsAtAClusterThatCannotBeRead) {
     }
 }
 
-TEST_P(FatDump, ReadsTheClustersBehindTheSizeToo) {
+TEST_P(FatDump, ReadsTheClustersPastTheSizeToo) {
     make_file(1);
     v.disk.unreadable = {volume::first_sector_of(chain[2])};
     EXPECT_EQ(dump("NAME"), answer(-EIO, found() + "fat_dump[N]: Failed to read sectors!\n\n"));
     EXPECT_EQ(read_file(image).size(), 1U);
 }
 
-TEST_P(FatDump, EndsAtAClusterBehindTheEndOfTheVolume) {
+TEST_P(FatDump, EndsAtAClusterPastTheEndOfTheVolume) {
     const bytes content = make_file(3 * cluster_bytes());
     sv->total_sectors = volume::first_sector_of(25);
     EXPECT_EQ(dump("NAME"), answer(-EINVAL, found() + "fat_dump[N]: out of the data area\n\n"));
@@ -476,9 +476,9 @@ TEST_P(FatDump, EndsWhereTheLastPartCannotBeWritten) {
     EXPECT_EQ(read_file(image), part_of(content, 0, cluster_bytes()));
 }
 
-TEST_P(FatDump, TellsWhereMemoryEnds) {
+TEST_P(FatDump, ReportsMissingMemory) {
     make_file(1);
-    std::vector<answer> failures; // those behind the opening
+    std::vector<answer> failures; // those after the opening
     at_every_fault({EVERY_ALLOCATION}, [&](fault_step &step) {
         const answer a = step.run([&] { return dump("NAME"); });
         if (!step.struck()) {
@@ -502,7 +502,7 @@ TEST_P(FatDump, TellsWhereMemoryEnds) {
     EXPECT_TRUE(image_exists());
 }
 
-TEST_P(FatDump, TellsAChainThatCannotBeRead) {
+TEST_P(FatDump, ReportsAChainThatCannotBeRead) {
     make_file(1);
     std::set<std::string> told;
     at_every_fault({EVERY_READ}, [&](fault_step &step) {
@@ -536,7 +536,7 @@ TEST(FatDumpOfTheRoot, HoldsTheSixteenKilobytesOfAFat16Area) {
     const scratch_directory scratch;
     const std::string image = scratch.file("image");
     for (const u32 sector_size : {512U, 1024U, 4096U}) {
-        // The area of 16384 bytes is taken to be there whatever the volume was formatted with.
+        // The area is assumed to have 16384 bytes, with any format of the volume.
         for (const u32 root_entries : {512U, 256U, 1024U}) {
             mounted v({.sector_size = sector_size, .root_entries = root_entries});
             const std::uint64_t start = std::uint64_t{sv->rdir_start} * sector_size;
@@ -673,7 +673,7 @@ TEST(DumpImages, AreOpenedForReadingToo) {
     EXPECT_EQ(fat_dump("/", image.c_str()), -EACCES);
 }
 
-TEST(Dumps, SayWhatFailsOnStandardErrorAlone) {
+TEST(Dumps, ReportFailuresOnStandardErrorAlone) {
     const mounted v;
     const scratch_directory scratch;
     standard_error error;

@@ -1,5 +1,5 @@
-// Listings for programs: the entries of an open directory one after another, and what an open entry
-// is.
+// Listings for programs: the entries of an open directory one after another, and the attributes of
+// an open entry.
 
 #include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
@@ -18,7 +18,7 @@ using namespace std::string_literals;
 
 namespace {
 
-// What an entry is told to be.
+// The reported attributes of an entry.
 struct info_picture {
     std::string name;
     std::string short_name;
@@ -44,7 +44,7 @@ info_picture picture_of_info(const fat_entry_info &info) {
             info.mtime, info.mdate,      info.size, info.start, info.index};
 }
 
-// ---- what a listing must give -----------------------------------------------------------------
+// ---- the expected listing ---------------------------------------------------------------------
 
 // The long name whose slots are before entry `index`, from there backwards.
 std::optional<std::string> long_name_before(const directory &dir, u32 index) {
@@ -105,10 +105,10 @@ std::vector<info_picture> expected_listing(const directory &dir) {
 class entries_case {
 public:
     explicit entries_case(const volume_shape &shape = {}) : v(shape) {
-        v.top.go_to(1); // behind the label
+        v.top.go_to(1); // after the label
     }
 
-    // All entries from the beginning on. Nothing is said.
+    // All entries from the beginning on. Prints no diagnostics.
     std::vector<info_picture> list(int did) {
         std::vector<info_picture> result;
         u32 index = 0;
@@ -156,7 +156,7 @@ public:
         EXPECT_EQ(index, at);
         return result;
     }
-    // What an open entry is; its error as a name. Nothing is said.
+    // The attributes of an open entry; its error as a name. Prints no diagnostics.
     info_picture info_of(int id) {
         fat_entry_info info;
         std::memset(&info, 0x55, sizeof info);
@@ -197,7 +197,7 @@ INSTANTIATE_TEST_SUITE_P(
                     volume_shape{.fat_type = 16, .sector_size = 4096}),
     shape_name);
 
-TEST_P(NextEntry, TellsEverythingOfAFile) {
+TEST_P(NextEntry, ReportsEveryFieldOfAFile) {
     entry_image entry = short_entry("README  TXT", ARCHIVE | READ_ONLY, 0x54321, 0x87654321);
     entry[12] = 0x18;
     entry[13] = 0x37;
@@ -256,7 +256,7 @@ TEST_P(NextEntry, EndsAtAnUnusedEntryAndOpensNothing) {
     EXPECT_EQ(sv->root_dir->readdir_pos, 0U);
 }
 
-TEST_P(NextEntry, LeavesTheBlankLabelOfAFreshVolumeOut) {
+TEST_P(NextEntry, OmitsTheBlankLabelOfANewVolume) {
     EXPECT_EQ(c.names(0), std::vector<std::string>());
     c.v.top.put(0, short_entry("NAMED      ", LABEL));
     EXPECT_EQ(c.names(0), std::vector<std::string>{"NAMED"});
@@ -281,7 +281,7 @@ TEST_P(NextEntry, HasNothingInADirectoryWithoutCluster) {
     EXPECT_EQ(c.names(did), std::vector<std::string>());
 }
 
-TEST_P(NextEntry, GoesOnWhereTheCallerSays) {
+TEST_P(NextEntry, ContinuesAtTheIndexOfTheCaller) {
     c.v.top.append(short_entry("A          "));
     c.v.top.append_long(u"A long name.txt", DOS);
     c.v.top.append(short_entry("B          "));
@@ -301,7 +301,7 @@ TEST_P(NextEntry, GoesOnWhereTheCallerSays) {
     EXPECT_EQ(index, 5U);
 }
 
-TEST_P(NextEntry, SeesWhatIsAddedMeanwhile) {
+TEST_P(NextEntry, ListsEntriesAddedMeanwhile) {
     c.v.top.append(short_entry("A          "));
     u32 index = 0;
     EXPECT_EQ(c.next(0, &index)->name, "A");
@@ -314,7 +314,7 @@ TEST_P(NextEntry, SeesWhatIsAddedMeanwhile) {
     EXPECT_EQ(c.next(0, &index), std::nullopt);
 }
 
-TEST_P(NextEntry, SeesWhatADirectoryGrewBy) {
+TEST_P(NextEntry, ListsTheEntriesOfAGrownDirectory) {
     directory dir = c.v.sub_directory({20});
     const int did = c.v.open_new("SUB        ", {20}, 0, DIRECTORY);
     dir.append(short_entry(".          ", DIRECTORY, 20));
@@ -355,7 +355,7 @@ TEST_P(NextEntry, GathersNamesOverSectorsAndClusters) {
     }
 }
 
-TEST_P(NextEntry, TakesTheNameThatIsWholeBehindABrokenOne) {
+TEST_P(NextEntry, TakesTheWholeNameAfterABrokenOne) {
     const unsigned sum = checksum_of(DOS);
     c.v.top.append(long_slot(0x42, u"broken", sum));
     c.v.top.append_long(u"whole", DOS);
@@ -438,7 +438,7 @@ TEST_P(NextEntry, GivesNamesOf255UnitsInUtf8) {
     EXPECT_EQ(names, (std::vector<std::string>{three_bytes, two_bytes}));
 }
 
-TEST_P(NextEntry, GivesTheShortNameOfWhatCannotBeConverted) {
+TEST_P(NextEntry, ReturnsTheShortNameIfTheLongOneCannotBeConverted) {
     c.v.top.append_long(u"größer.txt", "GRER~1  TXT");
     c.v.top.append_long(u"\u4E2D\u6587.txt", "ZHONG~1 TXT");
     c.v.top.append_long(u"half \xD800 pair", "HALF~1     ");
@@ -457,7 +457,7 @@ TEST_P(NextEntry, GivesTheShortNameOfWhatCannotBeConverted) {
                                                     "plain name.txt"}));
 }
 
-TEST_P(NextEntry, KeepsAByteOrderMarkThatIsPartOfTheName) {
+TEST_P(NextEntry, RetainsAByteOrderMarkThatIsPartOfTheName) {
     ASSERT_EQ(fat_set_encoding("UTF-8"), 0);
     c.v.top.append_long(u"\uFEFFname", DOS);
     c.v.top.append_long(u"plain", "ALONGN~2TXT");
@@ -469,7 +469,7 @@ TEST_P(NextEntry, KeepsAByteOrderMarkThatIsPartOfTheName) {
 
 // ---- random directories
 
-TEST_P(NextEntry, AgreesWithAPlainListing) {
+TEST_P(NextEntry, AgreesWithTheReferenceListing) {
     std::mt19937 engine(4711);
     const auto below = [&](u32 n) { return static_cast<u32>(engine() % n); };
     const int rounds = runs_in_valgrind() ? 5 : 60;
@@ -525,7 +525,7 @@ TEST_P(NextEntry, AgreesWithAPlainListing) {
             case 2:
                 add(short_entry("INVALID    ", LABEL | DIRECTORY));
                 break;
-            case 3: // slots with nothing behind them
+            case 3: // slots with nothing after them
                 break;
             case 4:
                 slots[below(static_cast<u32>(slots.size()))][below(2) == 0 ? 0 : 13] ^=
@@ -561,7 +561,7 @@ TEST_P(NextEntry, AgreesWithAPlainListing) {
 
 // ---- failures
 
-TEST_P(NextEntry, RefusesWhatIsNoDirectory) {
+TEST_P(NextEntry, RefusesAnEntryThatIsNotADirectory) {
     EXPECT_EQ(c.failed(c.v.open_new("FILE    TXT", {10}, 5)), -ENOTDIR);
     EXPECT_EQ(c.failed(c.v.open_new("EMPTY      ", {}, 0)), -ENOTDIR);
 }
@@ -591,7 +591,7 @@ TEST_P(NextEntry, FailsOrSucceedsWithEveryFailingReadAndAllocation) {
         // Sectors that cannot be read together are read one by one.
         EXPECT_EQ(result, 1);
         EXPECT_STREQ(info.name, "over the end of a cluster");
-        // The first sector and the link behind it, or their buffers, are missed.
+        // The first sector and the link after it, or their buffers, are missing.
         EXPECT_TRUE(step.struck() || failures >= 2);
     });
     EXPECT_EQ(c.messages.text(), "");
@@ -622,7 +622,7 @@ INSTANTIATE_TEST_SUITE_P(
                     volume_shape{.fat_type = 32, .sector_size = 1024, .sec_per_clus = 2}),
     shape_name);
 
-TEST_P(InfoOf, IsWhatTheListingTells) {
+TEST_P(InfoOf, MatchesTheListing) {
     directory dir = c.v.sub_directory({20, 22, 24});
     const int did = c.v.open_new("SUB        ", {20, 22, 24}, 0, DIRECTORY);
     dir.append(short_entry(".          ", DIRECTORY, 20));
@@ -673,7 +673,7 @@ TEST_P(InfoOf, CallsTheRootASlash) {
     EXPECT_EQ(root.start, sv->fat_type == 32 ? sv->root_clus : 0);
 }
 
-TEST_P(InfoOf, HasWhatTheCopySaysAndTheNameOfTheMedium) {
+TEST_P(InfoOf, HasTheFieldsOfTheCopyAndTheNameOfTheMedium) {
     c.v.top.append_long(u"A long name.txt", DOS);
     const int id = c.v.open(3);
     ASSERT_EQ(fat_set_cluster(id, 0x12345), 0);
@@ -705,7 +705,7 @@ TEST_P(InfoOf, DoesNotFindAnEntryWhoseChainRunsIntoAFreeOne) {
     EXPECT_EQ(info.name[0], '\0');
 }
 
-TEST_P(InfoOf, KnowsWhatIsWritten) {
+TEST_P(InfoOf, IncludesWrittenChanges) {
     const int id = fat_create_file("/A long name.txt");
     ASSERT_GT(id, 0);
     EXPECT_EQ(c.info_of(id).size, 0U);
@@ -717,12 +717,12 @@ TEST_P(InfoOf, KnowsWhatIsWritten) {
     EXPECT_EQ(info.start, mounted::record(id).start);
 }
 
-TEST_P(InfoOf, TellsOfARemovedEntry) {
+TEST_P(InfoOf, ReportsARemovedEntry) {
     const int id = fat_create_file("/A long name.txt");
     ASSERT_GT(id, 0);
     ASSERT_GE(fat_rm_entry("/A long name.txt"), 0);
     EXPECT_EQ(c.info_error(id), -ENOENT);
-    // Its place is taken by another, which is not it.
+    // Another entry, which is not the same, takes its position.
     c.v.top.go_to(1);
     const int other = c.v.open_new("OTHER      ", {}, 0);
     EXPECT_EQ(c.info_of(other).index, 1U);
@@ -755,7 +755,7 @@ TEST_P(InfoOf, FailsWithAParentThatCannotBeReadOrIsBroken) {
     }
 }
 
-TEST_P(InfoOf, KeepsNothingWithEveryFailingReadAndAllocation) {
+TEST_P(InfoOf, RetainsNothingWithEveryFailingReadAndAllocation) {
     c.v.top.append_long(u"A long name.txt", DOS);
     const int id = c.v.open(3);
     at_every_fault({EVERY_READ, EVERY_ALLOCATION}, [&](fault_step &step) {

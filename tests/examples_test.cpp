@@ -1,4 +1,4 @@
-// The example programs, run: what they print and what they leave.
+// Calls of the example programs: their output and the files that they write.
 
 #include "tests/support/files.h"
 #include "tests/support/process.h"
@@ -23,7 +23,7 @@ protected:
         return std::string(QUORVEL_EXAMPLES) + "/" + name;
     }
 
-    // FATs that differ and the blank label are all that the checker may object to.
+    // FATs that differ and the blank label are the only permitted findings of the checker.
     void expect_sound_but_for_label_and_copies() {
         const outcome checked = run({"fsck.fat", "-n", image_});
         EXPECT_EQ(checked.status & ~1, 0) << checked;
@@ -41,7 +41,7 @@ protected:
 
 } // namespace
 
-TEST_F(Example, ZuqPlayerFillsADeviceWithWhatThePlayerNeeds) {
+TEST_F(Example, ZuqPlayerFillsADeviceForThePlayer) {
     image_ = scratch_.sparse_file("player.img", 300 << 20);
     const std::string song = host_file("A long song.mp3", "la la la");
     const std::string film = host_file("FILM.AVI", std::string(100'000, 'f'));
@@ -58,7 +58,7 @@ TEST_F(Example, ZuqPlayerFillsADeviceWithWhatThePlayerNeeds) {
     expect_sound_but_for_label_and_copies();
 }
 
-TEST_F(Example, ZuqPlayerTellsWhatItCannotDo) {
+TEST_F(Example, ZuqPlayerReportsItsFailures) {
     image_ = scratch_.sparse_file("player.img", 300 << 20);
     const std::string missing = scratch_.file("missing.mp3");
     EXPECT_EQ(run({program("zuq_player"), image_}).status, 2);
@@ -99,7 +99,7 @@ TEST_F(Example, MakeImageGivesTheTreeInAShortImageThatIsTheSameEveryTime) {
     EXPECT_TRUE(read_file(image_) == read_file(again));
     EXPECT_NE(made.out.find("FIRMWARE"), std::string::npos);
 
-    // What was cut off comes back as zeros.
+    // The part that was cut off reads as zeros.
     const nlohmann::json info = nlohmann::json::parse(messages("info", {"--json"}));
     const std::uint64_t whole =
         info["total_sectors"].get<std::uint64_t>() * info["sector_size"].get<std::uint64_t>();
@@ -112,7 +112,7 @@ TEST_F(Example, MakeImageGivesTheTreeInAShortImageThatIsTheSameEveryTime) {
               (outcome{0, "", ""}));
 }
 
-TEST_F(Example, MakeImageTellsHowItIsCalled) {
+TEST_F(Example, MakeImagePrintsItsUsage) {
     EXPECT_EQ(run({source_path("examples/make-image")}).status, 2);
     EXPECT_NE(make_image(scratch_.file("missing"), scratch_.file("flash.img")).status, 0);
     EXPECT_FALSE(std::filesystem::exists(scratch_.file("flash.img")));

@@ -18,7 +18,7 @@ namespace {
 
 using names = std::set<std::string>;
 
-// The last word that ends in front of `end`.
+// The last word that ends before `end`.
 std::string word_before(const std::string &text, std::size_t end) {
     const auto is_word = [&text](std::size_t at) {
         return std::isalnum(static_cast<unsigned char>(text[at])) != 0 || text[at] == '_';
@@ -34,7 +34,7 @@ std::string word_before(const std::string &text, std::size_t end) {
     return text.substr(begin, end - begin);
 }
 
-// `text` cut at each `separator`; what follows the last one is dropped.
+// `text` cut at each `separator`; the text after the last one is dropped.
 std::vector<std::string> pieces(const std::string &text, char separator) {
     std::vector<std::string> result;
     std::size_t begin = 0;
@@ -46,7 +46,7 @@ std::vector<std::string> pieces(const std::string &text, char separator) {
     return result;
 }
 
-// What the library's symbol table offers to other programs, as NAME@@VERSION.
+// The symbols that the library exports, as NAME@@VERSION.
 names exported_symbols() {
     const outcome listed = run({"nm", "-D", "--defined-only", QUORVEL_SHARED_LIBRARY});
     EXPECT_EQ(listed.status, 0) << listed.err;
@@ -69,12 +69,13 @@ names exported_names() {
     return result;
 }
 
-// What the linker is told to offer, as NAME@@VERSION: each name under the node that lists it.
+// The names that the version script exports, as NAME@@VERSION: each name under the node that lists
+// it.
 names mapped_symbols() {
     names result;
     for (const std::string &node : pieces(without_comments(source_text("fat/exports.map")), '}')) {
         const std::size_t brace = node.find('{');
-        const std::size_t before = node.rfind('\n', brace) + 1; // behind the end of the last node
+        const std::size_t before = node.rfind('\n', brace) + 1; // after the end of the last node
         const std::string version =
             node.substr(before, node.find_last_not_of(" ", brace - 1) + 1 - before);
         const std::size_t begin = node.find("global:") + std::string("global:").size();
@@ -93,7 +94,7 @@ std::string declared_name(const std::string &declarator) {
                                         : word_before(declarator, declarator.find('['));
 }
 
-// What the public header declares: functions, and the declarators of extern objects.
+// The declarations of the public header: functions, and the declarators of extern objects.
 names declared_names() {
     const std::string header = without_comments(source_text("fat/fat.h"));
     std::string declarations;

@@ -48,7 +48,7 @@ TEST(EncodeFastWord, WritesEightBytesAndNoTerminator) {
     EXPECT_STREQ(out, "#ABCDEFGH#");
 }
 
-TEST(EncodeFastWord, HasALetterForEveryValueInEveryPlace) {
+TEST(EncodeFastWord, HasALetterForEveryValueAtEveryPosition) {
     for (u32 place = 0; place < 8; place++) {
         for (u32 digit = 0; digit < 16; digit++) {
             std::string expected = "@@@@@@@@";
@@ -80,7 +80,7 @@ public:
     diagnostics messages;
 };
 
-// What a call that makes a path left in its buffers, each in a block of just its size.
+// The buffers after a call that makes a path, each in a block of just its size.
 struct path_made {
     int result;
     std::string messages;
@@ -89,8 +89,8 @@ struct path_made {
     bool operator==(const path_made &) const = default;
 };
 std::ostream &operator<<(std::ostream &out, const path_made &made) {
-    return out << "{" << made.result << ", messages \"" << made.messages << "\", path \""
-               << made.path << "\"}";
+    return out << "{" << made.result << ", printed \"" << made.messages << "\", path \"" << made.path
+               << "\"}";
 }
 path_made make_path(fast_case *c, int (*call)(int, char *, char *), int id) {
     std::vector<char> path(20, MARK);
@@ -113,7 +113,7 @@ protected:
     path_made path_of_id(int id) {
         return make_path(&c, zuq_get_fast_open_path_of_file, id);
     }
-    // An open entry that lies where the test says and describes what it says.
+    // An open entry with the given position and fields.
     int forge(u32 sector, u32 offset, u32 start, u32 size) {
         const int id = c.v.open_new("FORGED  TXT", {}, size);
         const entry_image entry = short_entry("FORGED  TXT", ARCHIVE, start, size);
@@ -130,7 +130,7 @@ protected:
     fast_case c;
 };
 
-TEST_F(FastPathOfFile, IsThePlaceOfTheEntryAndACheckValue) {
+TEST_F(FastPathOfFile, IsThePositionOfTheEntryAndACheckValue) {
     EXPECT_EQ(path_of_id(forge(1000, 64, 5, 0x10)), made("<?>@@@@CNHB@@@E@@A@"));
     EXPECT_EQ(path_of_id(forge(1000, 64, 0, 0)), made("<?>@@@@CNHB@@@@@@@@"));
     // Entry 16 x 1 + 15 = 31; halves of 0x00012345 swapped: 0x23450001, with size 0x89ABCDEF.
@@ -139,7 +139,7 @@ TEST_F(FastPathOfFile, IsThePlaceOfTheEntryAndACheckValue) {
     EXPECT_EQ(path_of_id(forge(0, 0, 0xFFFF0FFF, 0xF0F0F0F0)), made("<?>@@@@@@@@OO@O@O@O"));
 }
 
-TEST_F(FastPathOfFile, CountsThePlaceIn32Bits) {
+TEST_F(FastPathOfFile, CountsThePositionIn32Bits) {
     // Byte 0x1_0000_0200 of the volume is byte 0x200 in 32 bits: entry 16.
     EXPECT_EQ(path_of_id(forge(0x800001, 0, 0, 0)), made("<?>@@@@@@A@@@@@@@@@"));
     EXPECT_EQ(path_of_id(forge(0x7FFFFF, 480, 0, 0)), made("<?>@GOOOOOO@@@@@@@@"));
@@ -177,7 +177,7 @@ class GetNextCluster : public testing::TestWithParam<u32> {
 protected:
     GetNextCluster() : c({.fat_type = GetParam()}) {}
 
-    // The result, and the cluster that it gives.
+    // The result, and the cluster that it returns.
     std::pair<answer, u32> next(u32 cluster, u32 n) {
         u32 out = 4711;
         const answer a = c.ask([&] { return get_next_cluster(cluster, n, &out); });
@@ -219,7 +219,7 @@ TEST_P(GetNextCluster, EndsWithTheChain) {
     }
 }
 
-TEST_P(GetNextCluster, RefusesNumbersBehindTheVolume) {
+TEST_P(GetNextCluster, RefusesNumbersPastTheVolume) {
     for (const u32 cluster : {volume::last_cluster() + 1, 0x80000000U, 0xFFFFFFFFU}) {
         EXPECT_EQ(next(cluster, 0).first, (answer{-EINVAL, NO_NEXT})) << cluster;
         EXPECT_EQ(next(cluster, 1).first, (answer{-EINVAL, NO_NEXT})) << cluster;
@@ -227,7 +227,7 @@ TEST_P(GetNextCluster, RefusesNumbersBehindTheVolume) {
     EXPECT_EQ(c.v.traffic(), 0U);
 }
 
-TEST_P(GetNextCluster, TellsOfBrokenChains) {
+TEST_P(GetNextCluster, ReportsBrokenChains) {
     c.v.set_link(10, 30);
     EXPECT_EQ(next(10, 2).first, (answer{-1, NO_NEXT})); // 30 is free
     for (const u32 link : {1U, volume::bad_mark(), volume::last_cluster() + 1}) {
@@ -244,7 +244,7 @@ TEST_P(GetNextCluster, TellsOfBrokenChains) {
     }
 }
 
-TEST_P(GetNextCluster, TellsOfReadErrors) {
+TEST_P(GetNextCluster, ReportsReadErrors) {
     c.v.chain({10, 30});
     c.v.disk.unreadable = {volume::fat_sector_of(10)};
     EXPECT_EQ(next(10, 1).first, (answer{-1, "fat_read_entry[N]: cannot read FAT\n\n" + NO_NEXT}));
@@ -252,7 +252,7 @@ TEST_P(GetNextCluster, TellsOfReadErrors) {
 
 // ---- get_long_name_fast -----------------------------------------------------------------------
 
-// What it gives: the name up to its terminator, where the pointer stands afterwards.
+// Its output: the name up to its terminator, and the position of the pointer afterwards.
 struct gathered_name {
     answer a;
     std::u16string units;
@@ -270,7 +270,7 @@ class GetLongNameFast : public testing::Test {
 protected:
     GetLongNameFast() : dir(c.v.sub_directory({20, 22})) {}
 
-    // Of the slots that begin at `index` of the cluster. `before` stands in every unit.
+    // From the slots that begin at `index` of the cluster. Every unit is set to `before` first.
     gathered_name gather(u32 index, u32 cluster = 20, u16 before = 0) {
         const u32 place = cluster == 22 ? index + 16 : index;
         entry_image first = dir.at(place);
@@ -360,7 +360,7 @@ TEST_F(GetLongNameFast, KnowsNoNameOfLessThanOneSlot) {
     }
 }
 
-TEST_F(GetLongNameFast, BreaksAtWhatIsNoSlot) {
+TEST_F(GetLongNameFast, BreaksAtAnEntryThatIsNotASlot) {
     for (const entry_image &other :
          {short_entry(DOS), short_entry("SUB        ", DIRECTORY), entry_image{},
           deleted(long_slot(1, u"thirteen long", checksum_of(DOS))),
@@ -424,8 +424,8 @@ TEST_F(GetLongNameFast, BreaksWhereNoShortEntryFollows) {
                                           by("idx[N]: not SFN(type:6)\n")}));
 }
 
-// Their order in the directory alone says where the units go.
-TEST_F(GetLongNameFast, DoesNotLookAtOrdinals) {
+// Only their order in the directory determines the positions of the units.
+TEST_F(GetLongNameFast, DoesNotCheckOrdinals) {
     dir.put(0, long_slot(0x43, u"end", checksum_of(DOS)));
     dir.put(1, long_slot(1, u"two two two t", checksum_of(DOS)));
     dir.put(2, long_slot(0x40, u"one one one o", checksum_of(DOS)));
@@ -433,7 +433,7 @@ TEST_F(GetLongNameFast, DoesNotLookAtOrdinals) {
     EXPECT_EQ(gather(0), (gathered_name{{3, ""}, u"one one one otwo two two tend", 96}));
 }
 
-TEST_F(GetLongNameFast, TellsOfAChainThatEndsBeforeTheName) {
+TEST_F(GetLongNameFast, ReportsAChainThatEndsBeforeTheName) {
     dir.go_to(30);
     dir.append(long_slots(u"twenty-six units are two s", DOS));
     EXPECT_EQ(gather(14, 22).a,
@@ -444,7 +444,7 @@ TEST_F(GetLongNameFast, TellsOfAChainThatEndsBeforeTheName) {
                                    by("fail to get dentry(20, 32): Bad address\n\n")}));
 }
 
-TEST_F(GetLongNameFast, TellsOfAChainThatRunsIntoAFreeEntry) {
+TEST_F(GetLongNameFast, ReportsAChainThatRunsIntoAFreeEntry) {
     dir.put(15, long_slot(0x41, u"A name", checksum_of(DOS)));
     c.v.set_link(20, 0);
     EXPECT_EQ(gather(15).a,
@@ -453,7 +453,7 @@ TEST_F(GetLongNameFast, TellsOfAChainThatRunsIntoAFreeEntry) {
                                    by("fail to get dentry(20, 16): Invalid argument\n\n")}));
 }
 
-TEST_F(GetLongNameFast, TellsOfSectorsThatCannotBeRead) {
+TEST_F(GetLongNameFast, ReportsSectorsThatCannotBeRead) {
     dir.put(15, long_slot(0x41, u"A name", checksum_of(DOS)));
     dir.put(16, short_entry(DOS));
     c.v.disk.unreadable = {volume::first_sector_of(22)};
@@ -463,8 +463,8 @@ TEST_F(GetLongNameFast, TellsOfSectorsThatCannotBeRead) {
                                 by("fail to get dentry(20, 16): Input/output error\n\n")}));
 }
 
-// More slots than a name can have: what lies behind unit 255 is left out.
-TEST(GetLongNameFastTest, KeepsWithinItsBufferWhateverTheMediumSays) {
+// More slots than a name can have: the units past 255 are omitted.
+TEST(GetLongNameFastTest, StaysWithinItsBufferWithAnySlots) {
     for (const unsigned count : {21U, 100U, 191U}) {
         fast_case c({.sec_per_clus = 16});
         directory dir(&c.v, {20}, false);
@@ -479,7 +479,7 @@ TEST(GetLongNameFastTest, KeepsWithinItsBufferWhateverTheMediumSays) {
         std::vector<u16> units(256, STALE);
         units.shrink_to_fit();
         const int slots = get_long_name_fast(20, 0, &current, buffer.data(), units.data());
-        // The first byte 0xE5, 165 slots, is not met here: it marks a deleted entry.
+        // The first byte 0xE5, 165 slots, does not occur here: it marks a deleted entry.
         EXPECT_EQ(slots, static_cast<int>(count));
         EXPECT_EQ(current, buffer.data() + count * 32 % 512);
         const std::u16string part = u"thirteen long";
@@ -491,7 +491,7 @@ TEST(GetLongNameFastTest, KeepsWithinItsBufferWhateverTheMediumSays) {
 
 // ---- the walk ---------------------------------------------------------------------------------
 
-// One call, with everything that the reference model gives as well.
+// One call, with the results of the reference model.
 fast_step fast_step_of(fast_case *c, directory *dir) {
     std::vector<u8> entry(32, 0xCC);
     entry.shrink_to_fit();
@@ -529,7 +529,7 @@ void expect_equal_walks(fast_case *c, directory *dir, int calls) {
     }
 }
 
-// The names that the walk gives until it gives no more, and its last result.
+// The names that the walk returns up to its end, and its last result.
 std::pair<std::vector<std::string>, int> all_names(fast_case *c, directory *dir) {
     std::vector<std::string> names;
     for (;;) {
@@ -576,13 +576,13 @@ TEST_P(ReaddirFast, GivesFilesAndSkipsTheRest) {
         all_names(&c, &dir),
         (names_and_end{{"FIRST.TXT", "LINK", "A long name with more.text", "small.txt"}, -ENOENT}));
     EXPECT_EQ(c.messages.text(), "");
-    // The end is no place to pass.
+    // The walk does not pass the end.
     EXPECT_EQ(fast_step_of(&c, &dir).result, -ENOENT);
     dir.append(short_entry("LATE    TXT"));
     EXPECT_EQ(fast_step_of(&c, &dir).name, "LATE.TXT");
 }
 
-TEST_P(ReaddirFast, SaysOfAnInvalidEntryWhatItsTypeIs) {
+TEST_P(ReaddirFast, ReportsTheTypeOfAnInvalidEntry) {
     directory dir = c.v.sub_directory({20});
     dir.append(short_entry("INVALID    ", DIRECTORY | LABEL | ARCHIVE));
     EXPECT_EQ(fast_step_of(&c, &dir).result, -ENOENT);
@@ -605,7 +605,7 @@ TEST_P(ReaddirFast, WalksTheRoot) {
     EXPECT_EQ(all_names(&c, &c.v.top), (names_and_end{{"A.TXT", "second file.txt"}, -ENOENT}));
 }
 
-// Every place of a name in its cluster, every count of slots.
+// Every position of a name in its cluster, every count of slots.
 TEST_P(ReaddirFast, FollowsLongNamesOverSectorsAndClusters) {
     const u32 step = runs_in_valgrind() ? 5 : 1;
     const u32 end = volume::entries_per_cluster() + 2;
@@ -633,9 +633,9 @@ TEST_P(ReaddirFast, FollowsLongNamesOverSectorsAndClusters) {
     }
 }
 
-// From the first long name on, the output keeps the image of its first slot, also where the name
-// is that of a directory, or broken, and other entries follow.
-TEST_P(ReaddirFast, KeepsTheImageOfTheFirstSlotMet) {
+// From the first long name on, the output retains a copy of its first slot, even if the name
+// belongs to a directory or is broken, and other entries follow.
+TEST_P(ReaddirFast, RetainsACopyOfTheFirstSlotVisited) {
     directory dir = c.v.sub_directory({20, 22});
     dir.append(deleted(short_entry("GONE    TXT")));
     dir.append(long_slots(u"A long directory", "ALONGD~1   "));
@@ -647,12 +647,12 @@ TEST_P(ReaddirFast, KeepsTheImageOfTheFirstSlotMet) {
     EXPECT_EQ(got.name, "FILE.TXT");
     EXPECT_EQ(got.entry, dir.at(1));
     EXPECT_EQ(got.where.sector * sv->sector_size + got.where.offset, dir.offset_of(file));
-    // A later call begins anew.
+    // A later call begins again.
     dir.append(short_entry("FILE2   TXT", ARCHIVE, 7, 8));
     EXPECT_EQ(fast_step_of(&c, &dir).entry, short_entry("FILE2   TXT", ARCHIVE, 7, 8));
 }
 
-TEST_P(ReaddirFast, PassesOrphanSlotsWithTheirImageNotKept) {
+TEST_P(ReaddirFast, SkipsOrphanSlotsWithoutACopyOfThem) {
     directory dir = c.v.sub_directory({20, 22});
     dir.append(long_slot(0x02, u"orphan", 7));
     dir.append(long_slot(0x40, u"orphan", 7));
@@ -677,7 +677,7 @@ TEST_P(ReaddirFast, SkipsEverySlotWhileLongNamesAreOff) {
     EXPECT_EQ(fast_step_of(&c, &full).result, 0);
 }
 
-// The file in the very last slot of a chain is lost: the walk cannot stand behind it.
+// The file in the very last slot of a chain is lost: the walk has no position after it.
 TEST_P(ReaddirFast, LosesTheLastFileOfAFullDirectory) {
     directory dir = c.v.sub_directory({20});
     dir.fill_up(short_entry("FILE    TXT"));
@@ -715,7 +715,7 @@ TEST_P(ReaddirFast, NeedsNoRoomForTheName) {
     EXPECT_EQ(name.cstring, nullptr);
 }
 
-TEST_P(ReaddirFast, TellsOfAChainThatEndsInsideALongName) {
+TEST_P(ReaddirFast, ReportsAChainThatEndsInsideALongName) {
     directory dir = c.v.sub_directory({20});
     dir.fill_up(deleted(short_entry("GONE    TXT")));
     const u32 count = dir.capacity();
@@ -729,7 +729,7 @@ TEST_P(ReaddirFast, TellsOfAChainThatEndsInsideALongName) {
                                ": Bad address\n\ndo_readdir_fast[N]: Check here!\n\n");
 }
 
-TEST_P(ReaddirFast, TellsOfAChainThatBreaksBehindAShortEntry) {
+TEST_P(ReaddirFast, ReportsAChainThatBreaksAfterAShortEntry) {
     for (const bool is_file : {false, true}) {
         for (const auto &[link, message] : std::initializer_list<std::pair<u32, std::string>>{
                  {0, ""}, {1, "fat_read_clus[N]: Invalid cluster!\n\n"}}) {
@@ -747,7 +747,7 @@ TEST_P(ReaddirFast, TellsOfAChainThatBreaksBehindAShortEntry) {
     }
 }
 
-TEST_P(ReaddirFast, TellsOfAChainThatBreaksBehindALongName) {
+TEST_P(ReaddirFast, ReportsAChainThatBreaksAfterALongName) {
     directory dir = c.v.sub_directory({20, 22});
     dir.fill_up(deleted(short_entry("GONE    TXT")));
     dir.go_to(volume::entries_per_cluster() - 2);
@@ -758,7 +758,7 @@ TEST_P(ReaddirFast, TellsOfAChainThatBreaksBehindALongName) {
     EXPECT_EQ(got.printed, NO_NEXT + "do_readdir_fast[N]: Check here!\n\n");
 }
 
-TEST_P(ReaddirFast, EndsACircleOfClustersWithoutFiles) {
+TEST_P(ReaddirFast, EndsACycleOfClustersWithoutFiles) {
     directory dir = c.v.sub_directory({20, 22, 24, 26, 28});
     dir.fill_up(deleted(short_entry("GONE    TXT")));
     c.v.set_link(28, 22);
@@ -774,8 +774,8 @@ TEST_P(ReaddirFast, EndsACircleOfClustersWithoutFiles) {
     EXPECT_EQ(fast_step_of(&c, &alone).result, -1);
 }
 
-// Files in a circle come again with every round; each call ends.
-TEST_P(ReaddirFast, GoesRoundInACircleWithFiles) {
+// Files in a cycle are listed again in every round; each call ends.
+TEST_P(ReaddirFast, RepeatsTheFilesOfACycle) {
     directory dir = c.v.sub_directory({20, 22});
     dir.fill_up(deleted(short_entry("GONE    TXT")));
     dir.put(3, short_entry("FILE    TXT"));
@@ -785,7 +785,7 @@ TEST_P(ReaddirFast, GoesRoundInACircleWithFiles) {
     }
 }
 
-TEST_P(ReaddirFast, TellsOfSectorsThatCannotBeRead) {
+TEST_P(ReaddirFast, ReportsSectorsThatCannotBeRead) {
     for (const int moved : {-EIO, 0}) {
         directory dir = c.v.sub_directory({20, 22});
         c.v.disk.failure_result = moved;
@@ -804,7 +804,7 @@ TEST_P(ReaddirFast, TellsOfSectorsThatCannotBeRead) {
     }
 }
 
-TEST_P(ReaddirFast, TellsOfSlotsThatCannotBeRead) {
+TEST_P(ReaddirFast, ReportsSlotsThatCannotBeRead) {
     directory dir = c.v.sub_directory({20, 22});
     dir.fill_up(deleted(short_entry("GONE    TXT")));
     const u32 last = volume::entries_per_cluster() - 1;
@@ -819,8 +819,8 @@ TEST_P(ReaddirFast, TellsOfSlotsThatCannotBeRead) {
                   "): Input/output error\n\ndo_readdir_fast[N]: Check here!\n\n");
 }
 
-// Every read and every allocation failing: an error, or the file; nothing kept, the walk not moved
-// past a file that it did not give.
+// Every read and every allocation fails in turn: the call returns an error or the file, retains
+// nothing, and does not move past a file that it did not return.
 TEST_P(ReaddirFast, SurvivesEveryFailingReadAndAllocation) {
     at_every_fault({EVERY_READ, EVERY_ALLOCATION}, [&](fault_step &step) {
         directory dir = c.v.sub_directory({20, 22, 23});
@@ -844,8 +844,8 @@ TEST_P(ReaddirFast, SurvivesEveryFailingReadAndAllocation) {
     });
 }
 
-// Random directories, walked until well behind their end.
-TEST_P(ReaddirFast, AgreesWithThePlainWalk) {
+// Random directories, walked until well past their end.
+TEST_P(ReaddirFast, AgreesWithTheReferenceWalk) {
     std::mt19937 engine(20240229);
     const auto below = [&](u32 n) { return static_cast<u32>(engine() % n); };
     const int rounds = runs_in_valgrind() ? 8 : 120;
@@ -892,7 +892,7 @@ TEST_P(ReaddirFast, AgreesWithThePlainWalk) {
                 entry[11] = DIRECTORY | LABEL | ARCHIVE;
                 add(entry);
                 break;
-            case 4: // slots with nothing behind them
+            case 4: // slots with nothing after them
                 for (const entry_image &slot : slots) {
                     add(slot);
                 }
@@ -957,7 +957,7 @@ TEST(ReaddirFastInFat16Root, GivesEveryFileOfAFullRootOf512) {
         ASSERT_EQ(got.where.sector * 512 + got.where.offset, c.v.top.offset_of(i));
         ASSERT_EQ(got.slot, i + 1);
     }
-    // Slot 512 is examined, and lies behind the area.
+    // Slot 512 is examined, and is past the area.
     for (int call = 0; call < 3; call++) {
         const fast_step got = fast_step_of(&c, &c.v.top);
         EXPECT_EQ(got.result, -EFAULT);
@@ -1008,7 +1008,7 @@ TEST_F(ReaddirFastInLargeRoot, ExaminesSlot512AndGivesNothingForIt) {
     expect_refused();
 }
 
-TEST_F(ReaddirFastInLargeRoot, StopsBehindSlot512) {
+TEST_F(ReaddirFastInLargeRoot, StopsAfterSlot512) {
     EXPECT_EQ(next().result, 0);
     EXPECT_EQ(c.v.top.record.readdir_pos, 513U);
     expect_refused();
@@ -1103,7 +1103,7 @@ TEST(ReaddirFastNames, AreShortWhereTheLongOnesCannotBeConverted) {
     EXPECT_EQ(fast_step_of(&c, &c.v.top).name, "ALONGN~2.TXT");
 }
 
-TEST(ReaddirFastNames, StayWithinTheirRoomWhateverTheMediumSays) {
+TEST(ReaddirFastNames, StayWithinTheirBufferWithAnySlots) {
     fast_case c;
     for (unsigned i = 0; i < 20; i++) {
         c.v.top.append(long_slot(i == 0 ? 0x54 : 20 - i, u"thirteen long", checksum_of(DOS)));
@@ -1174,14 +1174,14 @@ TEST_P(FastPathOfDir, MakesTheCheckValueOfTheFirstSlot) {
     EXPECT_EQ(next(0), gives("<?>" + fast_letters(number_of(index)) + "@@@E@@A@\0"s));
 }
 
-TEST_P(FastPathOfDir, KeepsTheFirstSlotForAFileBehindALongNamedDirectory) {
+TEST_P(FastPathOfDir, RetainsTheFirstSlotForAFileAfterALongNamedDirectory) {
     c.v.top.append(long_slots(u"Long name.txt", "LONGNA~1TXT"));
     c.v.top.append(short_entry("LONGNA~1TXT", DIRECTORY, 30));
     const u32 index = c.v.top.append(short_entry("B       TXT", ARCHIVE, 5, 0x10));
     EXPECT_EQ(next(0), gives("<?>" + fast_letters(number_of(index)) + "@@GD@@AM\0"s));
 }
 
-TEST_P(FastPathOfDir, BeginsAnewWithANewId) {
+TEST_P(FastPathOfDir, BeginsAgainWithANewId) {
     directory sub = c.v.sub_directory({20, 22});
     c.v.top.append(short_entry("SUB        ", DIRECTORY, 20));
     for (int i = 0; i < 20; i++) {
@@ -1204,7 +1204,7 @@ TEST_P(FastPathOfDir, BeginsAnewWithANewId) {
     EXPECT_EQ(next(third), gives(path_of(static_cast<u32>(sub.offset_of(0) / 32), 0)));
 }
 
-TEST_P(FastPathOfDir, EndsWithZeroBehindAFullDirectory) {
+TEST_P(FastPathOfDir, EndsWithZeroAfterAFullDirectory) {
     directory sub = c.v.sub_directory({20});
     sub.fill_up(short_entry("SUB        ", DIRECTORY, 30));
     const int id = c.v.open_new("SUB        ", {20}, 0, DIRECTORY);
@@ -1213,7 +1213,7 @@ TEST_P(FastPathOfDir, EndsWithZeroBehindAFullDirectory) {
     EXPECT_EQ(end.messages, "");
 }
 
-TEST_P(FastPathOfDir, ReportsWhatTheWalkFailsWith) {
+TEST_P(FastPathOfDir, ReportsTheErrorOfTheWalk) {
     c.v.disk.unreadable = {c.v.top.offset_of(0) / 512};
     const path_made failed = next(0);
     EXPECT_EQ(failed.result, -EIO);

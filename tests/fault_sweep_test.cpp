@@ -1,9 +1,9 @@
 // Every public call, and a whole run of the program, with the k-th transfer, system call or
 // allocation failing, for every k.
 //
-// What each call is to answer and to undo stands in the tests of the calls. Here it is that nothing
-// breaks: the table of open entries stays sound, what the call was not about stays whole, and once
-// the fault is over the volume works again.
+// The tests of the calls check the results and what a failed call undoes. These tests check that
+// nothing breaks: the table of open entries stays sound, other files and directories do not change,
+// and the volume works again after the fault.
 
 #include "fat/internal.h"
 #include "tests/support/capture.h"
@@ -59,7 +59,7 @@ class prepared : public mounted {
 public:
     explicit prepared(std::uint32_t fat_type) : mounted(shape_of(fat_type)) {
         sv->long_name = 1;
-        write_whole("Kept in the root.dat", KEPT);
+        write_whole("Safe in the root.dat", KEPT);
         write_whole("victim.txt", some_bytes(3000));
         write_whole("A victim with a long name.txt", some_bytes(3000));
         if (zuq_make_pool() != 0 || fat_create_symlink("victim.txt", "a link") != 0) {
@@ -67,7 +67,7 @@ public:
         }
         directory_id = fat_mkdir("A directory");
         fat_set_current(directory_id);
-        write_whole("Kept in the directory.dat", KEPT);
+        write_whole("Safe in the directory.dat", KEPT);
         fat_set_current(0);
         fat_close(fat_mkdir("empty"));
         file_id = fat_open_file("victim.txt");
@@ -232,7 +232,7 @@ bytes contents_of(const char *name) {
     return result;
 }
 
-// The volume as a further mount finds it. A failed write may have left a gap in a directory, behind
+// The volume as a further mount finds it. A failed write may have left a gap in a directory, after
 // which new names are not found.
 void expect_working_volume(bool may_have_gaps) {
     for (int id = 1; id < static_cast<int>(std::size(oentry_table)); id++) {
@@ -242,11 +242,11 @@ void expect_working_volume(bool may_have_gaps) {
     }
     ASSERT_EQ(fat_build_super(), 0);
     EXPECT_EQ(list_all(0), 0);
-    EXPECT_TRUE(contents_of("Kept in the root.dat") == KEPT);
+    EXPECT_TRUE(contents_of("Safe in the root.dat") == KEPT);
     const int directory = fat_open_dir("A directory");
     ASSERT_GT(directory, 0);
     ASSERT_EQ(fat_set_current(directory), directory);
-    EXPECT_TRUE(contents_of("Kept in the directory.dat") == KEPT);
+    EXPECT_TRUE(contents_of("Safe in the directory.dat") == KEPT);
     ASSERT_EQ(fat_set_current(0), 0);
     write_whole("Written afterwards.dat", KEPT);
     EXPECT_TRUE(may_have_gaps || contents_of("Written afterwards.dat") == KEPT);
@@ -266,7 +266,7 @@ TEST_P(FaultSweep, EveryPublicCallOnAMountedVolume) {
             prepared volume(std::get<1>(GetParam()));
             const int open_before = mounted::open_ids();
             step.run_keeping([&] { return tested.call(volume); });
-            // What it opened has a record and a copy of the directory entry.
+            // Each id that it opened has a record and a copy of the directory entry.
             EXPECT_EQ(step.left_allocated(), 2 * std::max(0, mounted::open_ids() - open_before));
             if (step.struck()) {
                 expect_sound_table();
@@ -351,14 +351,14 @@ const std::vector<host_call> HOST_CALLS = {
      }},
 };
 
-// A run of the program that says it succeeded has made a volume.
+// If the program reports success, it has made a volume.
 void expect_volume_on(const std::string &image) {
     ASSERT_GE(fat_open_volume(image.c_str(), 1, 0), 0);
     EXPECT_EQ(fat_build_super(), 0);
     fat_close_volume(0);
 }
 
-// What a call under a fault left open.
+// Closes the ids that a call with a fault left open.
 void close_volume() {
     if (sv != nullptr) {
         fat_close_volume(0);

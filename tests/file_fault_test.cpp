@@ -1,4 +1,4 @@
-// Writes and reads of which the k-th transfer or allocation fails, for every k until none is left.
+// Writes and reads in which the k-th transfer or allocation fails, for every k up to the last.
 
 #include "tests/support/every_fault.h"
 #include "tests/support/file_fixture.h"
@@ -33,7 +33,7 @@ protected:
         messages.clear();
     }
 
-    // Makes the call; what it comes to is in `result` and `error`.
+    // Makes the call; its outcome is in `result` and `error`.
     template <typename Call>
     void run(fault_step *step, const Call &call) {
         step->run([&] {
@@ -98,7 +98,7 @@ protected:
             ASSERT_TRUE(is_empty || v->fat_copy(0) == fat);
         }
     }
-    // What was taken back can be done again. A file that was empty has lost its way to its data.
+    // An undone write can be repeated. A file that was empty no longer reaches its data.
     void expect_next_write(const bytes &data) {
         if (is_empty || size_of(mounted::held_entry(id)) != size_of(held)) {
             return;

@@ -1,5 +1,5 @@
 // Thousands of writes and reads against the reference model: whole and broken chains, empty
-// and full volumes, records that do not fit their chains, media that fail in one place.
+// and full volumes, records that do not fit their chains, media that fail at one position.
 
 #include "tests/support/file_fixture.h"
 #include "tests/support/reference.h"
@@ -53,7 +53,7 @@ protected:
     // -- volumes
 
     // A volume with other clusters taken, and new files.
-    void start_anew() {
+    void start_again() {
         for (int id = 1; id < 512; id++) {
             if (oentry_table[id] != nullptr) {
                 fat_close(id);
@@ -131,7 +131,7 @@ protected:
         }
         u32 value = one_of<u32>({0, 0, 1, volume::bad_mark(), sv->num_clusters + 2,
                                  volume::first_end_mark(), volume::first_end_mark() + 3});
-        // Into a chain made before, so that no circle comes of it.
+        // Into a chain made before, so that it makes no cycle.
         if (chains.size() > 1 && !chains.front().empty() && one_in(4)) {
             value = one_of(chains.front());
         }
@@ -207,7 +207,7 @@ protected:
             result = fat_read_file(id, real_bytes.data(), count);
             EXPECT_EQ(errno, result < 0 ? static_cast<int>(-result) : UNTOUCHED_ERRNO);
         }
-        // What a failing transfer would have moved is not defined.
+        // The data of a failed transfer are undefined.
         const bool is_defined = !has_faults() || expected >= 0;
         expected_bytes.resize(real_bytes.size(), 0xCC);
         EXPECT_EQ(part_of(real_bytes, count, 16), bytes(16, 0xCC));
@@ -306,7 +306,7 @@ protected:
         return result;
     }
 
-    // A lookup that runs ahead of a transfer that fails may tell of a broken link behind it.
+    // A lookup ahead of a transfer that fails may report a broken link past it.
     void expect_same_complaints() {
         std::istringstream real(messages.text());
         std::istringstream expected(volume_->printed);
@@ -374,7 +374,7 @@ protected:
 private:
     void fill_fat() {
         bytes table = empty_fat_;
-        const u32 first = sv->fat_type == 16 ? 2 : 3; // behind the root directory
+        const u32 first = sv->fat_type == 16 ? 2 : 3; // after the root directory
         free_.clear();
         const u32 manner = below(4);
         const u32 left = below(40);
@@ -407,7 +407,7 @@ private:
         }
         v.disk.poke(volume::fat_offset(0), table);
     }
-    // One behind the other, near each other, or anywhere.
+    // One after the other, near each other, or anywhere.
     std::vector<u32> some_free_clusters(u32 count) {
         std::vector<u32> result;
         const u32 size = static_cast<u32>(free_.size());
@@ -437,7 +437,7 @@ INSTANTIATE_TEST_SUITE_P(Shapes, FilesAtRandom, testing::ValuesIn(RANDOM_SHAPES)
 
 TEST_P(FilesAtRandom, AreWrittenAndReadAsByTheReferenceModel) {
     for (int round = 0; round < 60; round++) {
-        start_anew();
+        start_again();
         for (int call = 0; call < 25; call++) {
             SCOPED_TRACE("volume " + std::to_string(round) + ", call " + std::to_string(call));
             ASSERT_NO_FATAL_FAILURE(call_both(!one_in(3)));
@@ -450,7 +450,7 @@ TEST_P(FilesAtRandom, AreWrittenAndReadAsByTheReferenceModel) {
 
 TEST_P(FilesAtRandom, FailOnBadSectorsAsByTheReferenceModel) {
     for (int round = 0; round < 90; round++) {
-        start_anew();
+        start_again();
         for (int bad = one_in(3) ? 3 : 1; bad > 0; bad--) {
             spoil_a_sector();
         }

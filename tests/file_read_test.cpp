@@ -78,7 +78,7 @@ protected:
     ReadFat32() : file_read_test({.fat_type = 32}) {}
 };
 
-// What a failed read says last.
+// The last messages of a failed read.
 const std::string FAILED = "fat_read_file[N]: Check here!\n\n";
 const std::string NO_LOOKUP = "do_read_file[N]: Failed to get FAT sector!\n\n";
 const outcome BEYOND_THE_END = {
@@ -121,7 +121,7 @@ TEST_F(ReadFile, EmptyFileReadsAsNothing) {
     EXPECT_TRUE(transfers().empty());
 }
 
-TEST_F(ReadFile, GoesOnWhereTheLastReadEnded) {
+TEST_F(ReadFile, ContinuesAtTheEndOfTheLastRead) {
     const int id = open_ten();
     EXPECT_EQ(read(id, 4), done(4));
     EXPECT_EQ(buffer, part_of(some_bytes(10), 0, 4));
@@ -236,7 +236,7 @@ TEST_F(ReadFile, TransferOfTooFewSectorsIsAFailure) {
     EXPECT_EQ(position(id), 0U);
 }
 
-TEST_F(ReadFile, ChainThatIsTooShortIsToldWithPrefix) {
+TEST_F(ReadFile, ChainThatIsTooShortIsReportedWithPrefix) {
     const int id = v.open_new("FILE       ", {5, 6}, 5000);
     const outcome too_short = {
         -EFAULT, EFAULT, NO_LOOKUP + "do_read_file[N]: access out of cluster chain\n" + FAILED};
@@ -272,8 +272,9 @@ TEST_F(ReadFile, UnreadableFatIsAFailedLookup) {
     EXPECT_EQ(read(id, 2048), done(2048));
 }
 
-// What stands behind a sector is looked up before it is read, and told behind it.
-TEST_F(ReadFile, LookupBehindASectorThatCannotBeReadIsNotTold) {
+// The cluster after a sector is looked up before the sector is read, and its errors are printed
+// after those of the sector.
+TEST_F(ReadFile, LookupPastASectorThatCannotBeReadIsNotReported) {
     const int id = v.open_new("FILE       ", {5, 6}, 4096);
     v.disk.unreadable = {volume::fat_sector_of(5), volume::first_sector_of(5) + 3};
     EXPECT_EQ(read(id, 4096),
@@ -289,7 +290,7 @@ TEST_F(ReadFile, LookupBehindASectorThatCannotBeReadIsNotTold) {
                                            NO_LOOKUP + FAILED}));
 }
 
-// By their start they lie in the root area, which has no clusters.
+// Their start is in the root area, which has no clusters.
 TEST_F(ReadBySmallRoot, FileWithoutAClusterEndsWithTheRootArea) {
     const int id = v.open_new("FILE       ", {}, 4096);
     ASSERT_EQ(sv->data_start - sv->rdir_start, 2U);
@@ -304,8 +305,8 @@ TEST_F(ReadBySmallRoot, FileWithoutAClusterEndsWithTheRootArea) {
     EXPECT_EQ(v.disk.log, (std::vector<transfer>{{false, sv->rdir_start, 2}}));
 }
 
-// Of a chain that runs in a circle only what comes before the return can be counted on.
-TEST_F(ReadFile, ChainInACircleEnds) {
+// Of a chain with a cycle, only the part before the return is reliable.
+TEST_F(ReadFile, ChainInACycleEnds) {
     const int id = v.open_new("FILE       ", {5, 6, 7}, 0x40000000);
     v.set_data({5, 6, 7}, some_bytes(3 * 2048));
     v.set_link(7, 6);
@@ -336,7 +337,7 @@ TEST_F(ReadFile, SectorBufferIsTheOnlyMemory) {
 
 // ---- a record that its chain does not bear out -------------------------------------------------
 
-// No cluster stands for the fixed root directory on FAT16.
+// No cluster number means the fixed root directory on FAT16.
 TEST_F(ReadFile, SizeWithoutAChainReadsTheRootAreaOfFat16) {
     const int id = v.open(v.top.append(short_entry("FILE       ", ARCHIVE, 0, 40)));
     EXPECT_EQ(read(id, 40), done(40));
@@ -365,7 +366,7 @@ TEST_F(SeekFile, MovesFromTheBeginningThePositionAndTheEnd) {
     EXPECT_TRUE(transfers().empty());
 }
 
-TEST_F(SeekFile, PositionBehindTheEndIsKeptAndFailsTheNextRead) {
+TEST_F(SeekFile, PositionPastTheEndIsStoredAndFailsTheNextRead) {
     const int id = open_ten();
     EXPECT_EQ(seek(id, 20, 0), done(20));
     EXPECT_EQ(read(id, 1), BEYOND_THE_END);
@@ -393,7 +394,7 @@ TEST_F(SeekFile, SumsAreModulo2ToThe64) {
     EXPECT_EQ(position(id), ~u64{0});
 }
 
-// Compared as signed numbers they lie in front of every file, but no lookup leads there.
+// Compared as signed numbers they are before every file, but no lookup leads there.
 TEST_F(SeekFile, PositionsOf2ToThe63AndMoreFailInTheLookup) {
     const int id = open_ten();
     for (const u64 pos : {u64{1} << 63, (u64{1} << 63) + 5, ~u64{0}, ~u64{0} - 9, ~u64{0} << 32}) {
@@ -417,7 +418,7 @@ TEST_F(SeekFile, UnknownCommandLeavesThePosition) {
     }
 }
 
-TEST_F(SeekFile, DirectoriesAreRefusedWhateverTheCommand) {
+TEST_F(SeekFile, DirectoriesAreRefusedWithAnyCommand) {
     const int dir = v.open_new("DIR        ", {5}, 0, DIRECTORY);
     const int to_root = v.open(v.top.append(short_entry("..         ", DIRECTORY, 0)));
     for (const int id : {0, dir, to_root}) {
@@ -457,7 +458,7 @@ TEST_F(ReadFile, PositionBeyond4GiBIsLookedUpByItsLow32Bits) {
     EXPECT_EQ(position(id), 0U);
 }
 
-TEST_F(ReadFile, ExactCountIsReadWhateverTheSize) {
+TEST_F(ReadFile, ExactCountIsReadWithAnySize) {
     const int id = open_ten();
     bytes space(600);
     u64 pos = 0;

@@ -1,5 +1,5 @@
-// Writing files: what an append puts on the medium and in which order, what it leaves alone, how a
-// failed one is taken back, and what it costs.
+// Writing files: the writes of an append and their order, the bytes that it does not change, the
+// undo of a failed one, and the cost.
 
 #include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
@@ -27,10 +27,10 @@ INSTANTIATE_TEST_SUITE_P(Shapes, WriteAnyShape, testing::ValuesIn(many_shapes())
 
 constexpr u8 SYMLINK_MARK = 0xE2;
 
-// What a write that was taken back says last.
+// The last messages of a write that was undone.
 const std::string WRITE_FAILED = "write_file_internal[N]: Failed to write file!\n\n"
                                  "fat_write_file[N]: Failed go get file entry!\n\n";
-// What a refusal says last.
+// The last message of a refusal.
 const std::string NO_FILE = "fat_write_file[N]: Failed go get file entry!\n\n";
 
 } // namespace
@@ -101,7 +101,8 @@ TEST_F(GetFileEntry, DirectoryThatWasRemovedPassesAsFile) {
     EXPECT_EQ(messages.text(), "");
 }
 
-// A chain that runs into a free cluster, or a ".." that leads to the root, opens without an image.
+// A chain that runs into a free cluster, or a ".." that leads to the root, opens without a cached
+// entry.
 TEST_F(GetFileEntry, RecordWithoutImageIsNoFile) {
     v.set_link(5, 6);
     const int broken = v.open(v.top.append(short_entry("BROKEN     ", ARCHIVE, 5, 100)));
@@ -159,7 +160,7 @@ TEST_F(WriteFile, FirstByteOfAnEmptyFile) {
     EXPECT_EQ(mounted::held_entry(id), after);
 }
 
-TEST_F(WriteFile, SecondByteGoesBehindTheFirst) {
+TEST_F(WriteFile, SecondByteIsWrittenAfterTheFirst) {
     const int id = v.open_new("FILE    TXT", {5}, 1);
     v.set_data({5}, some_bytes(2048));
     transfers();
@@ -170,7 +171,7 @@ TEST_F(WriteFile, SecondByteGoesBehindTheFirst) {
     EXPECT_EQ(v.data_of({5}),
               joined(joined({first, 'B'}, bytes(510, 0)), part_of(some_bytes(2048), 512, 1536)));
     EXPECT_EQ(size_of(v.stored_entry(id)), 2U);
-    // What is in front is read from the medium; nothing is allocated.
+    // The bytes before are read from the medium; nothing is allocated.
     const u32 data = volume::first_sector_of(5);
     const u32 entries = mounted::record(id).dentry_sector;
     EXPECT_EQ(transfers(),
@@ -191,7 +192,7 @@ TEST_F(WriteFile, LastClusterIsFilledBeforeAnotherIsTaken) {
     EXPECT_EQ(size_of(v.stored_entry(id)), 2049U);
 }
 
-TEST_F(WriteFile, ClustersAreTakenBehindTheHintAndLinkedBehindTheLast) {
+TEST_F(WriteFile, ClustersAreTakenAfterTheHintAndLinkedAfterTheLast) {
     const int id = v.open_new("FILE       ", {5}, 2048);
     v.chain({12, 14});
     sv->last_alloc_clus = 10;
@@ -299,7 +300,7 @@ TEST_F(WriteFile, PositionIsNeitherUsedNorMoved) {
     EXPECT_EQ(part_of(v.data_of({5}), 0, 10), part_of(some_bytes(2048), 0, 10));
 }
 
-// Each id has its own copy of the entry: the one that writes last decides what the medium says.
+// Each id has its own copy of the entry: the last write determines the entry on the medium.
 TEST_F(WriteFile, TwoIdsOfOneFileDoNotSeeEachOther) {
     const int first = v.open_new("FILE       ", {5}, 10);
     const int second = v.open(0);
@@ -313,7 +314,7 @@ TEST_F(WriteFile, TwoIdsOfOneFileDoNotSeeEachOther) {
 
 // ---- parts of sectors -------------------------------------------------------------------------
 
-TEST_P(WriteAnyShape, PartOfASectorKeepsWhatIsInFrontAndClearsWhatIsBehind) {
+TEST_P(WriteAnyShape, PartOfASectorRetainsTheBytesBeforeAndClearsTheBytesAfter) {
     const u32 size = sv->sector_size;
     const std::size_t whole = mounted::cluster_bytes();
     const bytes old = some_bytes(whole, 2);
@@ -334,7 +335,7 @@ TEST_P(WriteAnyShape, PartOfASectorKeepsWhatIsInFrontAndClearsWhatIsBehind) {
         expected.resize(size, 0);
         expected = joined(expected, part_of(old, size, whole - size));
         EXPECT_EQ(v.data_of({5}), expected);
-        // What is overwritten from its beginning is not read.
+        // A sector that is overwritten from its beginning is not read.
         const u32 sector = volume::first_sector_of(5);
         EXPECT_EQ(count_of(transfers(), {false, sector, 1}), offset == 0 ? 0 : 1);
         fat_close(id);
@@ -377,7 +378,7 @@ TEST_F(WriteFile, WholeCopyReachesTheMediumAndItsNeighboursStay) {
         v.top.append(short_entry("OTHER   TXT", ARCHIVE, 9, 1234));
     }
     const int id = v.open_new("FILE       ", {5}, 10);
-    v.top.append(short_entry("BEHIND  TXT", ARCHIVE, 9, 1234));
+    v.top.append(short_entry("AFTER   TXT", ARCHIVE, 9, 1234));
     ASSERT_EQ(mounted::record(id).dentry_offset, 0U);
     const u64 sector = u64{mounted::record(id).dentry_sector} * 512;
     const bytes behind = v.disk.peek(sector + 32, 480);
@@ -430,13 +431,13 @@ TEST_F(WriteFile, AllocationsAreTakenBackWhenTheVolumeIsFull) {
     EXPECT_EQ(v.fat_copy(0), fat);
     EXPECT_EQ(v.data_of({5}), some_bytes(2048));
     EXPECT_TRUE(data_transfers().empty());
-    // The hint stays where the search came to.
+    // The hint remains where the search ended.
     EXPECT_EQ(sv->last_alloc_clus, 30U);
 }
 
-// A chain that began with the write is freed, but its number stays in the record and in the image,
-// and the end mark for the last cluster, which was none, goes into FAT entry 0.
-TEST_P(WriteAnyShape, EmptyFileKeepsItsFreedStartAndEntryZeroTheEndMark) {
+// A chain that began with the write is freed, but its number stays in the record and in the cached
+// entry, and the end mark is written to FAT entry 0, as there was no last cluster.
+TEST_P(WriteAnyShape, EmptyFileRetainsItsFreedStartAndEntryZeroTheEndMark) {
     const int id = v.open_new("FILE       ", {}, 0);
     v.fill_but({20, 30});
     const u32 entry_zero = v.link(0);
@@ -460,7 +461,7 @@ TEST_P(WriteAnyShape, EmptyFileKeepsItsFreedStartAndEntryZeroTheEndMark) {
     EXPECT_EQ(v.fat_copy(0), fat);
 }
 
-// The next write links what it allocates behind cluster 0, so that it does not reach its data.
+// The next write links its new clusters after cluster 0, so that it does not reach its data.
 TEST_F(WriteFile, EmptyFileThatFailedOnceLosesItsNextCluster) {
     const int id = v.open_new("FILE       ", {}, 0);
     v.fill_but({20, 30});
@@ -476,7 +477,7 @@ TEST_F(WriteFile, EmptyFileThatFailedOnceLosesItsNextCluster) {
     EXPECT_EQ(v.data_of({20})[0], 'A'); // into a cluster that is free
 }
 
-TEST_F(WriteFat32, UndoKeepsReservedBitsOfFat32Entries) {
+TEST_F(WriteFat32, UndoRetainsReservedBitsOfFat32Entries) {
     const int id = v.open_new("FILE       ", {5}, 512);
     v.set_link(5, 0xAFFFFFFF);
     v.set_link(20, 0xB0000000);
@@ -488,7 +489,7 @@ TEST_F(WriteFat32, UndoKeepsReservedBitsOfFat32Entries) {
 
 // ---- a medium that fails ----------------------------------------------------------------------
 
-TEST_F(WriteFile, FailedDataSectorFreesTheNewClustersAndKeepsTheOld) {
+TEST_F(WriteFile, FailedDataSectorFreesTheNewClustersAndRetainsTheOld) {
     const int id = v.open_new("FILE       ", {5}, 512);
     v.set_data({5}, some_bytes(2048));
     sv->last_alloc_clus = 9;
@@ -585,7 +586,7 @@ TEST_F(WriteFile, FatThatCannotBeWrittenAllocatesNothing) {
 }
 
 // The first of two allocations cannot reach the medium, the second would meet a damaged entry.
-TEST_F(WriteFile, FailedWriteOfTheFatIsToldBeforeWhatTheNextSearchMeets) {
+TEST_F(WriteFile, FailedWriteOfTheFatIsReportedBeforeTheErrorsOfTheNextSearch) {
     const int id = v.open_new("FILE       ", {5}, 2048);
     sv->last_alloc_clus = 9;
     v.set_link(11, 1);
@@ -600,7 +601,7 @@ TEST_F(WriteFile, FailedWriteOfTheFatIsToldBeforeWhatTheNextSearchMeets) {
 
 // The volume's last cluster is taken, the next one cannot be. The undo cannot put its end mark into
 // entry 0 then, but frees the cluster that it can free.
-TEST_F(WriteFile, UndoGoesOnBehindAnEntryThatCannotBeWritten) {
+TEST_F(WriteFile, UndoContinuesAfterAnEntryThatCannotBeWritten) {
     const int id = v.open_new("FILE       ", {}, 0);
     const u32 end = volume::last_cluster();
     const bytes fat = v.fat_copy(0);
@@ -692,7 +693,7 @@ TEST_F(WriteFile, ListOfClustersNeedsMemory) {
 TEST_F(WriteFile, PartOfASectorWithoutMemoryFreesTheNewClusters) {
     const int id = v.open_new("FILE       ", {5}, 2048);
     const bytes fat = v.fat_copy(0);
-    bool is_met = false; // behind the list and the sectors of the FAT
+    bool is_met = false; // after the list and the sectors of the FAT
     at_every_fault({EVERY_ALLOCATION}, [&](fault_step &step) {
         const outcome o = step.run([&] { return write(id, some_bytes(1)); });
         if (!step.struck()) {
@@ -713,7 +714,7 @@ TEST_F(WriteFile, PartOfASectorWithoutMemoryFreesTheNewClusters) {
 
 // ---- broken chains ----------------------------------------------------------------------------
 
-TEST_F(WriteFile, ChainThatIsTooShortIsToldWithoutPrefix) {
+TEST_F(WriteFile, ChainThatIsTooShortIsReportedWithoutPrefix) {
     const int id = v.open_new("FILE       ", {5, 6}, 4096);
     mounted::record(id).allocated += 2048;
     const bytes fat = v.fat_copy(0);
@@ -756,8 +757,9 @@ TEST_F(WriteFile, BrokenLinkIsTheErrorOfTheLookup) {
                                            WRITE_FAILED}));
 }
 
-// What stands behind a sector is looked up before it is written, and told behind it.
-TEST_F(WriteFile, LookupBehindASectorThatCannotBeWrittenIsNotTold) {
+// The cluster after a sector is looked up before the sector is written, and its errors are printed
+// after those of the sector.
+TEST_F(WriteFile, LookupPastASectorThatCannotBeWrittenIsNotReported) {
     const int id = v.open_new("FILE       ", {5, 6}, 0);
     v.set_link(5, 1);
     mounted::record(id).allocated = 4096;
@@ -774,7 +776,7 @@ TEST_F(WriteFile, LookupBehindASectorThatCannotBeWrittenIsNotTold) {
                            WRITE_FAILED}));
 }
 
-// A search for a free cluster that meets a damaged entry in its second part comes to number 0, by
+// A search for a free cluster that meets a damaged entry in its second part returns number 0, with
 // which a lookup would find the root directory.
 TEST_F(WriteFile, SearchThatComesToNoClusterLeavesTheRootDirectory) {
     const int id = v.open_new("FILE       ", {}, 0);
@@ -886,7 +888,7 @@ TEST_F(HugeFile, CountAboveIntMaxIsRefused) {
     }
     EXPECT_EQ(moved(), 0U);
     EXPECT_EQ(v.stored_entry(id), stored);
-    // What is wrong with the id comes first.
+    // Errors of the id come first.
     EXPECT_EQ(write(7, data.at, u32{INT_MAX} + 1).messages, "not open file id 7\n" + NO_FILE);
 }
 
@@ -942,7 +944,7 @@ TEST_F(WriteFat32, ScatteredClustersCostTimeInProportionToTheirNumber) {
     }
 }
 
-TEST_F(WriteFile, ByteBehindALongChainFollowsItOnce) {
+TEST_F(WriteFile, ByteAfterALongChainFollowsItOnce) {
     std::vector<u32> clusters;
     for (u32 i = 0; i < 2000; i++) {
         clusters.push_back(10 + i);

@@ -1,4 +1,4 @@
-// What the library costs a NAND flash, and what it leaves on one that drops and reorders writes.
+// The cost of the library on NAND flash, and the state of a flash that drops and reorders writes.
 
 #include "tests/support/flash.h"
 
@@ -213,8 +213,8 @@ TEST(FlashAreas, NoWriteOnAnAlignedVolumeTouchesAPageOfAnotherArea) {
                     const std::uint64_t last_page = (range.end - 1) / page * page;
                     const std::size_t area = area_of(starts, range.begin);
                     ASSERT_EQ(area_of(starts, first_page), area) << range.begin;
-                    // Formatting writes neighbouring areas of one kind in one go; what matters is
-                    // that the last page belongs to the area of the last byte.
+                    // Formatting writes neighbouring areas of one kind in one call; only the
+                    // last page must belong to the area of the last byte.
                     ASSERT_EQ(area_of(starts, last_page), area_of(starts, range.end - 1))
                         << range.end;
                     ASSERT_EQ(area_of(starts, std::min(last_page + page, sv->vol_size) - 1),
@@ -229,7 +229,7 @@ TEST(FlashAreas, NoWriteOnAnAlignedVolumeTouchesAPageOfAnotherArea) {
 }
 
 TEST(FlashAreas, AnUnalignedVolumeDoesShareThem) {
-    // The check above sees what it looks for.
+    // The check above finds violations.
     flash_volume volume({16, 512, 8, 0}, LARGE_PAGES);
     const std::vector<std::uint64_t> starts = area_starts();
     EXPECT_TRUE(std::any_of(starts.begin(), starts.end(), [](std::uint64_t start) {
@@ -243,13 +243,13 @@ namespace {
 
 using tree = std::map<std::string, std::vector<std::uint8_t>>;
 
-// The files of the root directory that begin with "kept", read whole.
-tree kept_files() {
+// The files of the root directory that begin with "safe", read whole.
+tree safe_files() {
     tree result;
     fat_entry_info info;
     for (std::uint32_t index = 0; fat_next_entry(0, &index, &info) == 1;) {
         const std::string name = info.name;
-        if (name.rfind("kept", 0) != 0) {
+        if (name.rfind("safe", 0) != 0) {
             continue;
         }
         const int id = fat_open_file(info.name);
@@ -277,7 +277,7 @@ const std::vector<unsynced_call> CALLS = {
     {"rm_entry", [] { EXPECT_GT(fat_rm_entry("changing"), 0); }},
 };
 
-// Mounts a copy of the disk on which some of the held writes, in some order, have arrived.
+// Mounts a copy of the disk on which some of the pending writes, in some order, have arrived.
 void check_after_failure(const std::map<std::uint64_t, std::vector<std::uint8_t>> &blocks,
                          std::uint64_t size, const tree &expected) {
     ram_disk disk(size);
@@ -286,7 +286,7 @@ void check_after_failure(const std::map<std::uint64_t, std::vector<std::uint8_t>
     }
     sv->long_name = 1;
     ASSERT_EQ(fat_build_super(), 0);
-    EXPECT_TRUE(kept_files() == expected);
+    EXPECT_TRUE(safe_files() == expected);
 }
 
 std::map<std::uint64_t, std::vector<std::uint8_t>> blocks_of(ram_disk *disk) {
@@ -308,8 +308,8 @@ void apply(const flash::held_write &write,
 
 } // namespace
 
-// Whatever part of one call's writes reaches the flash, and in whatever order: files that the call
-// was not about are whole, when all before the call had been synchronised.
+// Any part of the writes of one call reaches the flash, in any order: other files are whole if all
+// earlier writes had been synchronised.
 TEST(FlashPowerLoss, AnyPartOfACallsWritesInAnyOrderLeavesOtherFilesWhole) {
     std::minstd_rand random(20240229);
     for (const request &wanted :
@@ -323,11 +323,11 @@ TEST(FlashPowerLoss, AnyPartOfACallsWritesInAnyOrderLeavesOtherFilesWhole) {
             {
                 flash_volume volume(wanted, LARGE_PAGES);
                 // The directory has room: while one grows, a lost write may cut it short.
-                for (const char *name : {"kept one", "changing", "kept two", "KEPT3.TXT"}) {
+                for (const char *name : {"safe one", "changing", "safe two", "SAFE3.TXT"}) {
                     create(name);
                     append(name, 3000);
                 }
-                expected = kept_files();
+                expected = safe_files();
                 ASSERT_EQ(expected.size(), 2u);
                 before = blocks_of(&volume.disk());
                 volume.chip().record();

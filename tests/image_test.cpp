@@ -1,8 +1,7 @@
-// Whole images, byte by byte. What must stand on the medium is computed here, from the layouts of
-// the FAT file system as they are written down, without the library: not one offset or formula is
-// shared with it. The medium is full beforehand of bytes that read as directory entries and as
-// chains of clusters and none of which is zero, so that a byte too many and a byte too few both
-// show.
+// Whole images, byte by byte. The expected bytes are computed here, from the documented
+// layouts of the FAT file system, without the library: no offset or formula is shared with it. The
+// medium is filled before with bytes that read as directory entries and as chains of clusters, and
+// that are never zero, so that a byte too many and a byte too few are both detected.
 
 #include "fat/fat.h"
 #include "tests/model/layout.h"
@@ -35,7 +34,7 @@ namespace {
 constexpr std::uint64_t BLOCK = ram_disk::BLOCK;
 constexpr std::uint64_t MIB = 1024 * 1024;
 
-// ---- what a medium held before ----
+// ---- old content of the medium ----
 
 // A deleted or living file "F0001A2BOLD" with every field filled: none of its bytes is zero.
 void paint_old_entry(std::uint64_t number, std::uint8_t *entry) {
@@ -57,7 +56,7 @@ void paint_old_link(std::uint64_t number, std::uint8_t *entry) {
     entry[3] = static_cast<std::uint8_t>(1 + number / 16581375 % 15);
 }
 
-// Stretches of 512 bytes are directory and FAT in turn; `phase` says which comes first.
+// Stretches of 512 bytes are directory and FAT in turn; `phase` selects the first.
 void paint_old_block(std::uint64_t number, unsigned phase, std::uint8_t *block) {
     for (std::uint64_t at = 0; at < BLOCK; at += 512) {
         const std::uint64_t first = number * BLOCK + at;
@@ -69,7 +68,7 @@ void paint_old_block(std::uint64_t number, unsigned phase, std::uint8_t *block) 
     }
 }
 
-// ---- what the medium must hold ----
+// ---- expected content -------------
 
 class picture {
 public:
@@ -93,7 +92,7 @@ public:
             done += part;
         }
     }
-    // Only the blocks that were painted; every other one is as it was.
+    // Only the blocks that were painted; no other one is changed.
     [[nodiscard]] const std::map<std::uint64_t, bytes> &blocks() const {
         return blocks_;
     }
@@ -131,7 +130,7 @@ void put_text(bytes *sector, std::size_t offset, const std::string &text) {
     std::copy(text.begin(), text.end(), sector->begin() + static_cast<long>(offset));
 }
 
-// The options of one run of the formatter; what is absent is left to its defaults.
+// The options of one call of the formatter; missing ones have their defaults.
 struct options {
     std::optional<std::uint32_t> cluster_sectors = {}; // -s
     std::optional<std::uint32_t> sector_bytes = {};    // -S
@@ -269,10 +268,10 @@ void paint_volume(picture *image, const options &given, const volume_layout &vol
     image->put(at(root), label_entry);
 }
 
-// Stands for a request that is refused before fat_format sees it; no errno.
+// Result of a request that is refused before fat_format gets it; not an errno.
 constexpr int CLUSTER_TOO_LARGE = -1000;
 
-// What must come of the options on a target.
+// The expected result of the options on a target.
 struct expectation {
     int result;           // as fat_format gives it, or CLUSTER_TOO_LARGE
     std::string messages; // every diagnostic
@@ -305,7 +304,7 @@ expectation expect_of(const options &given, std::uint64_t target_bytes) {
 
 // ---- formatting ----
 
-// Hands the options to the library as the program does. Returns what expectation::result says.
+// Passes the options to the library as the program does. Returns a result like that of expectation.
 int format_with(const options &given) {
     fat_format_param param = {};
     param.sec_per_clus = given.cluster_sectors.value_or(0);
@@ -333,7 +332,7 @@ std::string difference(const std::uint8_t *is, const bytes &should_be, std::uint
            " and should be " + std::to_string(should_be[i]);
 }
 
-// Every block that the formatter looked at or wrote, and every block that it should have written.
+// Every block that the formatter read or wrote, and every block that it should have written.
 void expect_image(ram_disk *disk, const picture &image) {
     for (const auto &[number, content] : image.blocks()) {
         (void)disk->block(number);
@@ -343,7 +342,7 @@ void expect_image(ram_disk *disk, const picture &image) {
     }
 }
 
-// How often each outcome came about.
+// The count of each outcome.
 struct tally {
     int fat16 = 0;
     int fat32 = 0;
@@ -449,7 +448,7 @@ bool is_refused_by_cluster_size(const options &given) {
 
 } // namespace
 
-TEST(OldBytes, NoneIsZeroAndBothKindsCoverEveryPlace) {
+TEST(OldBytes, AreNeverZeroAndBothKindsCoverEveryPosition) {
     bytes blocks[2] = {bytes(BLOCK), bytes(BLOCK)};
     for (std::uint64_t number : {0, 1, 2, 77, 4096, 1 << 20}) {
         for (unsigned phase : {0U, 1U}) {
@@ -524,7 +523,7 @@ TEST(Image, RandomOptionsAndSizes) {
             given.width.reset(); // the formatter chooses
         }
         const asked wish = with_defaults(given);
-        // From none to about 130000 clusters, and any byte.
+        // From 0 to about 130000 clusters, and any byte.
         const std::uint64_t cluster = wish.cluster_sectors * std::uint64_t{wish.sector_bytes};
         const std::uint64_t size = (random() % 131072) * cluster + random() % cluster;
         ASSERT_NO_FATAL_FAILURE(check_in_memory(given, size, i, &count));
@@ -599,7 +598,7 @@ void expect_file(const std::string &path, std::uint64_t size, const picture &ima
 
 } // namespace
 
-TEST(ImageFile, IsAsThePictureAndKeepsItsSize) {
+TEST(ImageFile, MatchesThePictureAndDoesNotChangeItsSize) {
     constexpr time_t NOW = 1709251198;
     for (const on_file &one : FILES) {
         SCOPED_TRACE(as_text(one.given, one.size));

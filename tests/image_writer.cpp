@@ -1,9 +1,9 @@
-// Formats an image and works on it, always in the same way: whoever builds this program for another
-// machine gets the same bytes.
+// Formats an image and writes to it, always in the same way: a build of this program for another
+// machine must write the same bytes.
 //
 //   image_writer IMAGE SIZE-IN-MIB FAT-WIDTH SECTOR-SIZE SECTORS-PER-CLUSTER
 //
-// The image is made sparse. Its second half is written to as well, so that large ones are reached
+// The image is sparse. The program also writes to its second half, so that large images are written
 // beyond 2 GiB and 4 GiB.
 
 #include "fat/fat.h"

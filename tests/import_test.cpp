@@ -41,7 +41,7 @@ std::string import_says(const std::string &text) {
     return "fat_copy_to_zuq[N]: " + text;
 }
 const std::string CHECK_HERE = "Check here!\n\n";
-// What a write says that finds no free cluster.
+// The messages of a write that finds no free cluster.
 const std::string VOLUME_FULL = "fat_alloc_cluster[N]: No space left on volume!!\n"
                                 "do_write_file[N]: cannot allocate cluster\n"
                                 "write_file_internal[N]: Failed to write file!\n\n"
@@ -82,7 +82,7 @@ protected:
         return path;
     }
 
-    // The first entry of the root; imports come behind the label.
+    // The first entry of the root; imports come after the label.
     [[nodiscard]] entry_image imported() const {
         return v.top.at(1);
     }
@@ -96,7 +96,7 @@ protected:
         result.resize(size_of(entry));
         return result;
     }
-    // Whether the volume holds what it held when the case began.
+    // Whether the volume has not changed since the case began.
     [[nodiscard]] bool nothing_written() const {
         return std::none_of(v.disk.log.begin(), v.disk.log.end(),
                             [](const transfer &t) { return t.is_write; });
@@ -287,7 +287,7 @@ INSTANTIATE_TEST_SUITE_P(Volumes, ImportTwice,
 
 } // namespace
 
-TEST_P(ImportTwice, WritesWhatCreatingAndWritingByHandDoes) {
+TEST_P(ImportTwice, WritesTheSameAsCreatingAndWritingByHand) {
     const bytes content = some_bytes(CHUNK + 5000);
     const std::string host = scratch.file_with("host", content);
     const auto by_import =
@@ -368,7 +368,7 @@ TEST_P(ImportFile, FileThatTheUserMayNotReadIsRefused) {
     EXPECT_TRUE(nothing_written());
 }
 
-TEST_P(ImportFile, FullVolumeIsToldAndLeavesAnEmptyFile) {
+TEST_P(ImportFile, FullVolumeIsReportedAndLeavesAnEmptyFile) {
     v.fill_but({});
     EXPECT_EQ(copy(host_file(some_bytes(100)), "FILE", 1),
               (printout{0, "\n",
@@ -380,7 +380,7 @@ TEST_P(ImportFile, FullVolumeIsToldAndLeavesAnEmptyFile) {
     EXPECT_EQ(v.count_free(), 0U);
 }
 
-TEST_P(ImportFile, VolumeThatFillsUpLeavesWhatCameBefore) {
+TEST_P(ImportFile, VolumeThatFillsUpRetainsTheEarlierImports) {
     const std::size_t cluster = mounted::cluster_bytes();
     v.fill_but({30, 31, 32});
     const bytes content = some_bytes(5 * cluster);
@@ -394,7 +394,7 @@ TEST_P(ImportFile, VolumeThatFillsUpLeavesWhatCameBefore) {
     EXPECT_EQ(v.count_free(), 1U);
 }
 
-TEST_P(ImportFile, SectorThatCannotBeWrittenIsToldAndLeavesAnEmptyFile) {
+TEST_P(ImportFile, SectorThatCannotBeWrittenIsReportedAndLeavesAnEmptyFile) {
     v.fill_but({30, 31});
     v.disk.unwritable = {volume::first_sector_of(30)};
     EXPECT_EQ(copy(host_file(some_bytes(mounted::cluster_bytes())), "FILE"),
@@ -411,7 +411,7 @@ TEST_P(ImportFile, SectorThatCannotBeWrittenIsToldAndLeavesAnEmptyFile) {
 
 namespace {
 
-// Copies an object into fresh volumes while the first, second, ... step of a kind fails. `least`:
+// Copies an object into new volumes while the first, second, ... step of a kind fails. `least`:
 // steps of the undisturbed call.
 void expect_survival(const std::string &host, const fault_kind &kind, int least) {
     at_every_fault({kind}, [&](fault_step &step) {
@@ -433,7 +433,7 @@ void expect_survival(const std::string &host, const fault_kind &kind, int least)
         EXPECT_TRUE(result.result == 0 || result.result == -EIO || result.result == -ENOMEM ||
                     result.result == -ENOSPC || result.result == -EINVAL)
             << result;
-        // What fails says so in the name of the import, once and last.
+        // A failure is printed in the name of the import, once and last.
         EXPECT_EQ(result.messages.find("fat_copy_to_zuq[N]: "),
                   result.messages.rfind("fat_copy_to_zuq[N]: "))
             << result;
@@ -466,7 +466,7 @@ TEST(ImportUnderFaults, LinkSurvivesEachOfThem) {
 
 namespace {
 
-// A volume whose data area keeps only sectors that are not all zero, or nothing, and counts them.
+// A volume whose data area stores only sectors that are not all zero, or nothing, and counts them.
 class ImportLargeFile : public import_test {
 protected:
     explicit ImportLargeFile(const volume_shape &shape = {.fat_type = 16,
@@ -669,21 +669,21 @@ TEST_F(ImportLink, TargetOfEightMebibytesFillsTheBuffer) {
               refused(-ENAMETOOLONG, "fat_create_symlink[N]: " + CHECK_HERE + LINK_REFUSED));
     EXPECT_EQ(longest.room(), CHUNK);
     EXPECT_TRUE(nothing_written());
-    // Its terminator stands behind.
+    // Its terminator is past that.
     const diagnostics messages;
     const allocation_meter meter;
     EXPECT_EQ(fat_copy_to_zuq(path.c_str(), "LINK", 0), -ENAMETOOLONG);
     EXPECT_EQ(meter.peak_bytes(), CHUNK + 1);
 }
 
-TEST_F(ImportLink, TargetEndsWhereTheSystemSaysSo) {
+TEST_F(ImportLink, TargetEndsAtTheLengthThatTheSystemReturns) {
     const std::string path = host_link("longer than three");
     const pretended_link three({.target_size = 3, .fill = 't'});
     EXPECT_EQ(copy(path, "LINK"), silent());
     expect_link(1, "LINK       ", "ttt");
 }
 
-TEST_F(ImportLink, TellsATargetThatCannotBeRead) {
+TEST_F(ImportLink, ReportsATargetThatCannotBeRead) {
     const std::string path = host_link("target");
     const failing_call fault(call::readlink, EACCES);
     EXPECT_EQ(copy(path, "LINK"), refused(-EACCES, import_says("Cannot read link!\n\n")));
@@ -721,7 +721,7 @@ TEST_F(ImportLink, NeedsANameInTheVolume) {
                                    CHECK_HERE + import_says("cannot create ZUQ file (null)\n\n")));
 }
 
-TEST_F(ImportLink, FullVolumeIsTold) {
+TEST_F(ImportLink, FullVolumeIsReported) {
     v.fill_but({});
     EXPECT_EQ(copy(host_link("target"), "LINK"),
               refused(-ENOSPC, "fat_alloc_cluster[N]: No space left on volume!!\n"
@@ -731,7 +731,7 @@ TEST_F(ImportLink, FullVolumeIsTold) {
     EXPECT_EQ(imported(), entry_image{});
 }
 
-TEST_F(ImportLink, TargetThatCannotBeWrittenIsTold) {
+TEST_F(ImportLink, TargetThatCannotBeWrittenIsReported) {
     v.fill_but({30});
     // The cluster is cleared first and written with the target then.
     v.disk.writes_before_failure = 3;
@@ -830,7 +830,7 @@ TEST_F(ImportRefuses, FilesThatAFullRootHasNoRoomFor) {
                       import_says("cannot create ZUQ file FILE: No space left on device\n")}));
 }
 
-TEST_F(ImportRefuses, WhatThereIsNoMemoryFor) {
+TEST_F(ImportRefuses, MissingMemory) {
     const std::string host = host_file(some_bytes(10));
     for (const std::string &path : {host, scratch.file("."), host_link("target")}) {
         const failing_allocation fault(0);
@@ -844,7 +844,7 @@ TEST_F(ImportRefuses, WhatThereIsNoMemoryFor) {
     EXPECT_FALSE(fault.struck());
 }
 
-TEST(Import, SaysWhatFailsOnStandardErrorAlone) {
+TEST(Import, ReportsFailuresOnStandardErrorAlone) {
     const mounted v;
     standard_error error;
     standard_output out;

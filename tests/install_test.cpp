@@ -1,5 +1,5 @@
-// What `cmake --install` lays down, and programs in C and C++ that are built against it, or against
-// the source tree from inside another project.
+// The files that `cmake --install` installs, and programs in C and C++ that are built against it,
+// or against the source tree from inside another project.
 
 #include "tests/support/files.h"
 #include "tests/support/process.h"
@@ -37,13 +37,13 @@ protected:
         }
     }
 
-    // The C program makes a volume, the C++ program finds on it what it made.
+    // The C program makes a volume, the C++ program finds the files on it.
     void expect_both_work(const std::string &maker, const std::string &lister) const {
         EXPECT_EQ(run({maker, image}), (outcome{0, "made\n", ""}));
         EXPECT_EQ(run({lister, image}), (outcome{0, "Made in C\n", ""}));
     }
 
-    // Configures tests/consumer into `build` and builds all of it; what failed says why.
+    // Configures tests/consumer into `build` and builds all of it; prints the output of a failure.
     static void build_consumer(const std::string &build, std::vector<std::string> settings) {
         settings.insert(settings.begin(),
                         {"cmake", "-S", CONSUMER, "-B", build,
@@ -73,7 +73,7 @@ protected:
         return prefix + "/" + name;
     }
 
-    // Compiles a program of tests/consumer as pkg-config says and gives its path.
+    // Compiles a program of tests/consumer with the flags of pkg-config and returns its path.
     [[nodiscard]] std::string by_pkg_config(const std::string &compiler, const std::string &source,
                                             const std::string &link) const {
         std::string program = scratch.file(source + link);
@@ -85,7 +85,7 @@ protected:
         return program;
     }
 
-    // A directory of the prefix as the name that the loader looks in.
+    // A directory of the prefix as the name that the loader searches.
     void use_installed_library() const {
         setenv("LD_LIBRARY_PATH", installed(LIBDIR).c_str(), 1);
     }
@@ -135,7 +135,7 @@ std::string completion_place(const std::string &name) {
                : "share/bash-completion/completions/" + name.substr(0, name.find(".bash"));
 }
 
-// What stands for each file of a directory of the source tree.
+// The installed counterpart of each file of a directory of the source tree.
 template <typename Place>
 std::set<std::string> placed(const std::string &directory, Place place) {
     std::set<std::string> result;

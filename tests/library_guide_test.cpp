@@ -1,4 +1,4 @@
-// The programs that the library guide shows, compiled as they stand there and run.
+// The programs that the library guide shows, compiled without a change and run.
 
 #include "fat/fat.h"
 #include "tests/support/compile.h"
@@ -70,7 +70,7 @@ TEST_F(LibraryGuideTest, TheFirstProgramsWriteAndListAVolume) {
     EXPECT_EQ(run({"fsck.fat", "-n", image}).status & ~1, 0); // copies of the FAT differ
 }
 
-TEST_F(LibraryGuideTest, TheFirstProgramsRefuseWhatIsNoVolume) {
+TEST_F(LibraryGuideTest, TheFirstProgramsRefuseAFileThatIsNotAVolume) {
     const std::string writer = built("c", "first.c", {QUORVEL_C_COMPILER, "-std=c11"});
     const std::string lister = built("c++", "first.cpp", {QUORVEL_CXX_COMPILER, "-std=c++20"});
     EXPECT_EQ(run({writer}).status, 2);

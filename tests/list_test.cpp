@@ -53,7 +53,7 @@ entry_image link_entry(std::string_view dos, u32 start, u32 size) {
 constexpr u8 INVALID = DIRECTORY | LABEL;
 const std::string UNKNOWN_TYPE = "entry_type[N]: Unknown entry type: 24\n\n";
 
-// ---- what a listing of slots is to print ------------------------------------------------------
+// ---- the expected listing of slots ------------------------------------------------------------
 
 struct slot_line {
     std::string label;
@@ -174,7 +174,7 @@ TEST(PrintLongSlot, PrintsEveryFieldFromItsBytes) {
                       "\tunname[11-12]:\t3e3d 403f \n"));
 }
 
-TEST(PrintLongSlot, EndsEachRunOfUnitsAtItsFirstZero) {
+TEST(PrintLongSlot, EndsEachSpanOfUnitsAtItsFirstZero) {
     EXPECT_EQ(to_stream([](FILE *stream) {
                   print_long_slot(stream, long_slot(0x42, u"abc", 0x0A).data());
               }),
@@ -289,7 +289,7 @@ TEST(PrintSlot, PrintsOneRowOfTheTableForEachKind) {
     }
 }
 
-TEST(PrintSlot, PrintsEveryAttributeBehindEveryKindOfFirstByte) {
+TEST(PrintSlot, PrintsEveryAttributeAfterEveryKindOfFirstByte) {
     for (const u8 first : std::initializer_list<u8>{0x00, 0x05, 0x2E, 0x41, 0xE4, 0xE5, 0xFF}) {
         for (unsigned attr = 0; attr < 256; attr++) {
             entry_image entry = counted_entry();
@@ -319,7 +319,7 @@ TEST(PrintSlot, PrintsToStandardOutputWithoutAStream) {
 
 namespace {
 
-// What do_readdir() came to.
+// The result of do_readdir().
 struct found_item {
     int result = 0;
     u32 index = 0; // as the call left it
@@ -334,7 +334,7 @@ struct found_item {
 std::ostream &operator<<(std::ostream &out, const found_item &item) {
     return out << item.result << ", index " << item.index << ", type " << item.type << ", size "
                << item.size << ", " << std::quoted(item.name) << ", " << std::quoted(item.dos)
-               << ", at " << item.location.first << "+" << item.location.second << ", messages "
+               << ", at " << item.location.first << "+" << item.location.second << ", printed "
                << std::quoted(item.messages);
 }
 
@@ -420,7 +420,7 @@ protected:
         found.messages = messages;
         return found;
     }
-    // An item whose first entry is `first`, after which the index stands at `next`.
+    // An item whose first entry is `first`, after which the index is `next`.
     found_item item_at(u32 first, u32 next, u32 type, u32 size, const std::string &name,
                        const std::string &dos, const std::string &messages = "") {
         found_item found;
@@ -437,7 +437,7 @@ protected:
     [[nodiscard]] static u32 cluster_bytes() {
         return mounted::cluster_bytes();
     }
-    // Behind the last sector of entries of the first sector.
+    // The last entry of the first sector.
     [[nodiscard]] static u32 last_of_first_sector() {
         return volume::entries_per_sector() - 1;
     }
@@ -486,7 +486,7 @@ TEST_P(DoReaddir, ShowsTheCaseBitsOfBaseAndExtension) {
     EXPECT_EQ(read(3).name, "\xE5XY");
 }
 
-TEST_P(DoReaddir, SkipsWhatIsNoItem) {
+TEST_P(DoReaddir, SkipsEntriesThatAreNotItems) {
     dir().append(short_entry("LABEL      ", LABEL));
     dir().append(deleted(short_entry("GONE       ")));
     dir().append(deleted(long_slot(0x41, u"gone", 1)));
@@ -572,12 +572,12 @@ TEST_P(DoReaddir, GivesDirectoriesWithoutAnIntactChainNoSize) {
 TEST_P(DoReaddir, EndsAtTheFirstUnusedEntry) {
     EXPECT_EQ(read(1), failed(-ENOENT, 1));
     dir().go_to(2);
-    dir().append(short_entry("BEHIND     "));
+    dir().append(short_entry("AFTER      "));
     EXPECT_EQ(read(1), failed(-ENOENT, 1));
-    EXPECT_EQ(read(2), item_at(2, 3, DENTRY_FILE, 0, "BEHIND", "BEHIND     "));
+    EXPECT_EQ(read(2), item_at(2, 3, DENTRY_FILE, 0, "AFTER", "AFTER      "));
 }
 
-TEST_P(DoReaddir, EndsBehindTheLastEntry) {
+TEST_P(DoReaddir, EndsAfterTheLastEntry) {
     dir().go_to(0);
     dir().fill_up(deleted(short_entry("GONE       ")));
     const u32 count = in_root && sv->fat_type == 16 ? 512 : dir().capacity();
@@ -591,14 +591,14 @@ TEST_P(DoReaddir, EndsBehindTheLastEntry) {
     EXPECT_TRUE(v.disk.log.empty());
 }
 
-TEST_P(DoReaddir, NeedsNoPlaceForTheLocation) {
+TEST_P(DoReaddir, NeedsNoBufferForTheLocation) {
     dir().append_long(u"A Long Name", "ALONGN~1   ");
     dir().append(short_entry("FILE       "));
     EXPECT_EQ(read(0, false).name, "A Long Name");
     EXPECT_EQ(read(2, false).name, "FILE");
 }
 
-TEST_P(DoReaddir, TellsALongNameThatCannotBeReadToItsEnd) {
+TEST_P(DoReaddir, ReportsALongNameThatCannotBeReadToItsEnd) {
     const u32 last = last_of_first_sector();
     dir().go_to(last);
     dir().append_long(u"A Long Name", "ALONGN~1   ");
@@ -610,7 +610,7 @@ TEST_P(DoReaddir, TellsALongNameThatCannotBeReadToItsEnd) {
                                      "get_long_name[N]: Failed to get entry with cluster ...\n\n"));
 }
 
-TEST_P(DoReaddir, EndsWithTheErrorOfALongNameBehindTheLastEntry) {
+TEST_P(DoReaddir, EndsWithTheErrorOfALongNameAfterTheLastEntry) {
     dir().fill_up(deleted(short_entry("GONE       ")));
     const u32 last = dir().capacity() - 1;
     dir().put(last, long_slot(0x41, u"alone", 1));
@@ -625,10 +625,10 @@ TEST_P(DoReaddir, EndsWithTheErrorOfALongNameBehindTheLastEntry) {
                          "get_long_name[N]: Failed to get entry with cluster ...\n\n"));
 }
 
-TEST(DoReaddirOfTheRootArea, StopsBehind512EntriesOfALargerOne) {
+TEST(DoReaddirOfTheRootArea, StopsAfter512EntriesOfALargerOne) {
     mounted v({.fat_type = 16, .root_entries = 1024});
     v.top.fill_up(deleted(short_entry("GONE       ")));
-    v.top.put(512, short_entry("BEHIND     "));
+    v.top.put(512, short_entry("AFTER      "));
     std::vector<u8> buffer(512);
     u32 index = 0;
     u8 *entry = nullptr;
@@ -654,7 +654,7 @@ protected:
 INSTANTIATE_TEST_SUITE_P(Directories, FatReaddir, testing::ValuesIn(LISTING_SHAPES),
                          listing_shape_name);
 
-// Whatever a listing opened or allocated while it lives is given back.
+// Checks that a listing closes and frees all that it opens and allocates in the lifetime of this.
 class nothing_left {
 public:
     nothing_left() = default;
@@ -674,7 +674,7 @@ private:
 
 } // namespace
 
-TEST_P(FatReaddir, ListsEveryItemAndSaysThatItFailedAtTheEnd) {
+TEST_P(FatReaddir, ListsEveryItemAndReportsTheFailureAtTheEnd) {
     v.chain({40, 42, 41});
     dir().append(short_entry("LABEL      ", LABEL));
     dir().append(with_case(short_entry("README  TXT", ARCHIVE, 30, 5), 0x18));
@@ -722,7 +722,7 @@ TEST_P(FatReaddir, EndsWhereAnEntryCannotBeRead) {
                                     END_OF_READDIR}));
 }
 
-TEST(FatReaddirOfAFreshVolume, FindsNothing) {
+TEST(FatReaddirOfANewVolume, FindsNothing) {
     for (const u32 fat_type : {16U, 32U}) {
         const mounted v({.fat_type = fat_type});
         EXPECT_EQ(to_stream([](FILE *stream) { return fat_readdir(sv->root_dir, stream); }),
@@ -755,7 +755,7 @@ protected:
     static printout refused(int result, const std::string &messages) {
         return {result, "", messages};
     }
-    // What a listing of the cluster is to print.
+    // The expected listing of the cluster.
     printout listing(const directory &space, int mode) const {
         std::vector<entry_image> entries;
         for (u32 i = 0; i < space.capacity(); i++) {
@@ -785,7 +785,7 @@ TEST_P(FatListClus, ListsEverySlotUpToTheFirstUnusedOne) {
     space.append(short_entry("LABEL      ", LABEL));
     space.append(short_entry("INVALID    ", INVALID));
     space.go_to(9);
-    space.append(short_entry("BEHIND     "));
+    space.append(short_entry("AFTER      "));
     const nothing_left check;
     EXPECT_EQ(list(30, 1), (printout{static_cast<int>(sv->sec_per_clus),
                                      "[0] extended slot\n"
@@ -826,14 +826,14 @@ TEST_P(FatListClus, RefusesNumbersOfNoCluster) {
     EXPECT_TRUE(v.disk.log.empty());
 }
 
-TEST_P(FatListClus, RefusesAClusterBehindTheEndOfTheVolume) {
+TEST_P(FatListClus, RefusesAClusterPastTheEndOfTheVolume) {
     sv->total_sectors = volume::first_sector_of(30);
     const nothing_left check;
     EXPECT_EQ(list(30, 1), refused(-EINVAL, "fat_list_clus[N]: out of the data area\n\n"));
     EXPECT_EQ(list(29, 1).result, static_cast<int>(sv->sec_per_clus));
 }
 
-TEST_P(FatListClus, TellsAClusterThatCannotBeRead) {
+TEST_P(FatListClus, ReportsAClusterThatCannotBeRead) {
     const nothing_left check;
     for (int moved = -5; moved <= static_cast<int>(sv->sec_per_clus) + 1; moved++) {
         if (moved == static_cast<int>(sv->sec_per_clus)) {
@@ -874,7 +874,7 @@ printout chain_listing(const directory &space, int mode) {
 
 class FatListDir : public testing::TestWithParam<volume_shape> {
 protected:
-    // What opening the sub-directory by name says.
+    // The messages of opening the sub-directory by name.
     [[nodiscard]] std::string found() const {
         return found_at(v.top.base(), 0);
     }
@@ -967,7 +967,7 @@ TEST_P(FatListDir, ListsTheRootWithoutAPath) {
     EXPECT_EQ(to_output([] { return fat_list_dir(nullptr, 2, nullptr); }), list_dir(nullptr, 2));
 }
 
-TEST_P(FatListDir, ShowsAFreshRootWithItsLabelAloneAndWithoutItOneUnusedSlot) {
+TEST_P(FatListDir, ShowsANewRootWithItsLabelAloneAndWithoutItOneUnusedSlot) {
     const std::string heading =
         sv->fat_type == 32 ? "[0-th: cluster #" + std::to_string(sv->root_clus) + "]\n" : "";
     EXPECT_EQ(list_dir(nullptr, 1),
@@ -984,7 +984,7 @@ TEST_P(FatListDir, ListsNothingOfADirectoryWithoutClusters) {
     EXPECT_EQ(list_dir("SUB", 0), (printout{0, "", found() + END_OF_READDIR}));
 }
 
-TEST_P(FatListDir, RefusesWhatIsNoDirectory) {
+TEST_P(FatListDir, RefusesAnEntryThatIsNotADirectory) {
     v.top.append(short_entry("FILE       "));
     const nothing_left check;
     EXPECT_EQ(list_dir("FILE", 1), (printout{-ENOTDIR, "",
@@ -1008,7 +1008,7 @@ TEST_P(FatListDir, EndsAtAClusterThatCannotBeRead) {
     EXPECT_EQ(list_dir("SUB", 1), expected);
 }
 
-TEST_P(FatListDir, EndsAtAClusterBehindTheEndOfTheVolume) {
+TEST_P(FatListDir, EndsAtAClusterPastTheEndOfTheVolume) {
     make_sub();
     sv->total_sectors = volume::first_sector_of(25);
     const nothing_left check;
@@ -1046,7 +1046,7 @@ TEST_P(FatListDir, LeavesTheIdOpenWhereTheChainCannotBeGathered) {
     EXPECT_TRUE(is_met);
 }
 
-TEST_P(FatListDir, TellsWhereMemoryEnds) {
+TEST_P(FatListDir, ReportsMissingMemory) {
     make_sub();
     // In the order of the steps, each once.
     std::vector<printout> failures;
@@ -1115,13 +1115,13 @@ TEST(FatListDirOfTheRootArea, EndsAtTheFirstUnusedSlotOfAnySector) {
         v.top.append(short_entry("FILE       "));
     }
     v.top.go_to(41);
-    v.top.fill_up(short_entry("BEHIND     "));
+    v.top.fill_up(short_entry("AFTER      "));
     v.disk.log.clear();
     const std::string out = list_dir(nullptr, 1).out;
     EXPECT_EQ(out.substr(out.find("[39]")), "[39] file(short name)\n[40] unused\n");
 }
 
-// The area is taken to be of 16384 bytes, whatever the volume was formatted with.
+// The area is assumed to have 16384 bytes, with any format of the volume.
 TEST(FatListDirOfTheRootArea, Lists512SlotsOfALargerOrSmallerArea) {
     for (const u32 root_entries : {256U, 1024U}) {
         mounted v({.fat_type = 16, .root_entries = root_entries, .fill = 0xE5});
@@ -1133,7 +1133,7 @@ TEST(FatListDirOfTheRootArea, Lists512SlotsOfALargerOrSmallerArea) {
     }
 }
 
-TEST(FatListDirOfTheRootArea, TellsASectorThatCannotBeRead) {
+TEST(FatListDirOfTheRootArea, ReportsASectorThatCannotBeRead) {
     mounted v;
     v.top.fill_up(short_entry("FILE       "));
     const nothing_left check;
@@ -1225,7 +1225,7 @@ TEST_F(FatListEntries, NumbersTheEntriesFromOne) {
 
 TEST_F(FatListEntries, EndsAtTheFirstUnusedEntryOrAtAPartOfOne) {
     const entry_image file = short_entry("FILE       ");
-    EXPECT_EQ(list(file_of({file, {}, short_entry("BEHIND     ")}), 1),
+    EXPECT_EQ(list(file_of({file, {}, short_entry("AFTER      ")}), 1),
               printed("[1] file(short name)\n[2] unused\n"));
     EXPECT_EQ(list(file_of({file}, 31), 2), listing_of({file}, 1, 2));
     EXPECT_EQ(list(file_of({}, 31), 2), printed(""));
@@ -1275,7 +1275,7 @@ TEST_F(FatListEntries, PrintsAFileThatCannotBeOpened) {
     EXPECT_EQ((std::pair{no_memory.result, no_memory.out}), (std::pair{-ENOMEM, std::string()}));
 }
 
-TEST_F(FatListEntries, ListsWhatADumpHolds) {
+TEST_F(FatListEntries, ListsTheEntriesOfADump) {
     mounted v;
     directory inside(&v, {20}, false);
     inside.append(short_entry(".          ", DIRECTORY, 20));
@@ -1285,7 +1285,7 @@ TEST_F(FatListEntries, ListsWhatADumpHolds) {
               listing_of({inside.at(0), inside.at(1), inside.at(2), {}}, 1, 2));
 }
 
-// ---- the long name behind an index ------------------------------------------------------------
+// ---- the long name at an index ----------------------------------------------------------------
 
 namespace {
 
@@ -1339,7 +1339,7 @@ TEST_P(FatGetUname, GivesTheNameThatBeginsThere) {
     EXPECT_EQ(get(id(), 0), (answer_with_name{20, std::u16string(256, u'n'), ""}));
 }
 
-TEST_P(FatGetUname, RefusesWhatIsNoSlot) {
+TEST_P(FatGetUname, RefusesAnEntryThatIsNotASlot) {
     const std::string no_slot = "fat_get_uname[N]: Failed to get long name!\n\n";
     dir().append(short_entry("FILE       "));
     dir().append(short_entry("DIR        ", DIRECTORY));
@@ -1352,7 +1352,7 @@ TEST_P(FatGetUname, RefusesWhatIsNoSlot) {
     EXPECT_EQ(get(id(), 4), (answer_with_name{-EINVAL, u"", UNKNOWN_TYPE + no_slot}));
 }
 
-TEST_P(FatGetUname, TellsAnIndexBehindTheEnd) {
+TEST_P(FatGetUname, ReportsAnIndexPastTheEnd) {
     const u32 count = in_root && sv->fat_type == 16 ? 512 : record()->allocated / 32;
     const nothing_left check;
     for (const u32 index : {count, 0xFFFFFFFFU}) {
@@ -1363,7 +1363,7 @@ TEST_P(FatGetUname, TellsAnIndexBehindTheEnd) {
     }
 }
 
-TEST_P(FatGetUname, TellsASlotThatCannotBeRead) {
+TEST_P(FatGetUname, ReportsASlotThatCannotBeRead) {
     const u32 last = last_of_first_sector();
     dir().go_to(last);
     dir().append_long(u"A Long Name.text", "ALONGN~1TEX");
@@ -1386,7 +1386,7 @@ TEST(Listings, OfRawEntriesNeedNoVolume) {
               listing_of({entry}, 1, 2));
 }
 
-TEST(Listings, SayWhatFailsOnStandardErrorAlone) {
+TEST(Listings, ReportFailuresOnStandardErrorAlone) {
     const mounted v;
     standard_error error;
     standard_output out;

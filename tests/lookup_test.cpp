@@ -50,7 +50,7 @@ protected:
     answer found(u32 index) const {
         return {static_cast<int>(index), found_at(dir.base(), index)};
     }
-    // Both entrances give the same answer.
+    // Both functions return the same answer.
     answer find(std::string name, fat_name *record = nullptr) {
         std::string copy = name;
         const answer by_cluster = heard(find_dentry_with_clu(dir.base(), copy.data(), nullptr));
@@ -70,7 +70,7 @@ protected:
 class FindDentry : public in_directory {};
 INSTANTIATE_TEST_SUITE_P(Directories, FindDentry, testing::ValuesIn(KINDS), kind_name);
 
-// The same where one kind of directory tells it all.
+// The same if one kind of directory is enough.
 class find_in_sub_directory : public in_directory {};
 class FindSlots : public find_in_sub_directory {};
 class FindFails : public find_in_sub_directory {};
@@ -153,7 +153,7 @@ TEST_P(FindDentry, LabelsDeletedAndInvalidEntriesArePassed) {
     EXPECT_EQ(find("README.TXT"), expected);
 }
 
-TEST_P(FindDentry, NothingIsLookedAtBehindAnUnusedEntry) {
+TEST_P(FindDentry, NothingIsReadAfterAnUnusedEntry) {
     dir.append(short_entry("OTHER   TXT"));
     dir.append(entry_image{});
     dir.append(short_entry("README  TXT"));
@@ -256,7 +256,7 @@ TEST_P(FindSlots, OrphanSlotsBelongToTheNextShortEntry) {
     EXPECT_EQ(find("OTHER.TXT"), found(index));
 }
 
-TEST_P(FindSlots, NameBehindOrphansAndDeletedEntriesIsFound) {
+TEST_P(FindSlots, NameAfterOrphansAndDeletedEntriesIsFound) {
     dir.append(deleted(short_entry("README~1TXT")));
     dir.append(long_slots(std::u16string(40, u'o'), "OOOOOO~1   "));
     dir.append(deleted(long_slot(0x41, u"ReadMe.txt", 0)));
@@ -265,7 +265,7 @@ TEST_P(FindSlots, NameBehindOrphansAndDeletedEntriesIsFound) {
     EXPECT_EQ(find("ReadMe.txt"), found(index));
 }
 
-TEST_P(FindSlots, SecondShortEntryBehindTheSlotsHasNoLongName) {
+TEST_P(FindSlots, SecondShortEntryAfterTheSlotsHasNoLongName) {
     dir.append(long_slots(u"OtherName", "OTHERN~1   "));
     dir.append(short_entry("OTHERN~1   "));
     dir.append(short_entry("README~1TXT"));
@@ -273,7 +273,7 @@ TEST_P(FindSlots, SecondShortEntryBehindTheSlotsHasNoLongName) {
     EXPECT_EQ(find("README~1.TXT"), found(2));
 }
 
-TEST_P(FindSlots, UnitsOfAnEarlierNameStayBehindALaterOneWithoutItsEnd) {
+TEST_P(FindSlots, UnitsOfAnEarlierNameRemainAfterALaterOneWithoutItsEnd) {
     dir.append_long(A13 + u"BBBB", "AAAAAA~1   ");
     dir.append(long_slot(0x01, C13, 0));
     const u32 index = dir.append(short_entry("CCCCCC~1   "));
@@ -281,7 +281,7 @@ TEST_P(FindSlots, UnitsOfAnEarlierNameStayBehindALaterOneWithoutItsEnd) {
     EXPECT_EQ(find(narrow(C13)), ABSENT);
 }
 
-TEST_P(FindSlots, FullLastSlotEndsTheNameInFrontOfOldUnits) {
+TEST_P(FindSlots, FullLastSlotEndsTheNameBeforeOldUnits) {
     dir.append_long(A13 + u"BBBB", "AAAAAA~1   ");
     const u32 index = dir.append_long(C13, "CCCCCC~1   ");
     EXPECT_EQ(find(narrow(C13)), found(index));
@@ -298,7 +298,7 @@ TEST_P(FindSlots, MissingSlotLeavesTheUnitsThatWereThere) {
 }
 
 TEST_P(FindSlots, SlotsOutsideTheNameMakeItHaveSlotsAndNothingElse) {
-    // 1 to 19 lie inside 256 units whole, 20 in part, these not at all.
+    // Slots 1 to 19 are inside the 256 units, 20 in part, these not at all.
     for (const unsigned ordinal :
          {0x40U, 0x15U, 0x55U, 0x3FU, 0x7FU, 0x80U, 0x81U, 0xBFU, 0xC0U, 0xC1U, 0xFFU}) {
         dir.go_to(0);
@@ -340,9 +340,9 @@ TEST_P(FindSlots, TwentiethSlotEndsTheNameAtItsEighthUnit) {
         dir.append(long_slot(k == 20 ? 0x54 : k, name.substr((k - 1) * std::size_t{13}, 13), 0));
     }
     const u32 index = dir.append(short_entry("ABCDEF~1   "));
-    // 256 units without a terminator are gathered; the name looked for ends at 255.
+    // 256 units without a terminator are gathered; the searched name ends at 255.
     EXPECT_EQ(find(narrow(name.substr(0, 255))), ABSENT);
-    // With a terminator in its place the name is found.
+    // With a terminator at its position the name is found.
     dir.put(0, long_slot(0x54, name.substr(247, 8), 0));
     EXPECT_EQ(find(narrow(name.substr(0, 255))), found(index));
 }
@@ -414,7 +414,7 @@ TEST_P(FindFails, LongFormThatIsNotAsciiCannotBeLookedFor) {
                                "find_dentry_with_clu[N]: Failed to get fatnames!\n\n"}));
 }
 
-TEST_P(FindFails, NameInFrontOfTheDamageIsFound) {
+TEST_P(FindFails, NameBeforeTheDamageIsFound) {
     dir.fill_up(short_entry("OTHER   TXT"));
     dir.put(31, short_entry("README  TXT"));
     v.set_link(9, 1);
@@ -674,7 +674,7 @@ TEST_F(CompareEntryName, TwentiethSlotIsCutAtTheEnd) {
     EXPECT_EQ(std::u16string(gathered + 247, gathered + 256), A13.substr(0, 9));
 }
 
-TEST_F(CompareEntryName, MissingPlaceForTheGatheredNameCountsAsAMatchOfALongForm) {
+TEST_F(CompareEntryName, MissingBufferForTheGatheredNameCountsAsAMatchOfALongForm) {
     const u16 wide[256] = {'A', 0};
     const u8 *const dos = reinterpret_cast<const u8 *>("README  TXT");
     EXPECT_EQ(compare_entry_name(other.data(), dos, nullptr, nullptr, &flag), 0);
@@ -731,8 +731,8 @@ class GetLongName : public in_directory {
 protected:
     static constexpr u16 CANARY = 0x7777;
 
-    // The answer for the slot at `index`; the units are left in `units`, the entry that the walk
-    // goes on with in `entry`.
+    // The answer for the slot at `index`; the units are left in `units`, the next entry of the
+    // walk in `entry`.
     answer long_name(u32 index) {
         std::fill(units.begin(), units.end(), CANARY);
         EXPECT_EQ(fat_get_dentry(&dir.record, index, &entry, buffer.data(), nullptr), 0);
@@ -788,7 +788,7 @@ TEST_P(GetLongName, NamesOfEveryLengthComeBackWithTheirSlots) {
     }
 }
 
-TEST_P(GetLongName, NameOfADirectoryComesBackToo) {
+TEST_P(GetLongName, NameOfADirectoryIsReturnedToo) {
     dir.append(long_slots(u"Directory", DOS));
     dir.append(short_entry(DOS, DIRECTORY));
     EXPECT_EQ(long_name(0), (answer{1, ""}));
@@ -807,7 +807,7 @@ TEST_P(GetLongName, SlotsGoOnInTheNextSector) {
     }
 }
 
-TEST_P(GetLongName, UnitsBehindThe256thAreLeftOut) {
+TEST_P(GetLongName, UnitsAfterThe256thAreOmitted) {
     std::u16string wide;
     for (unsigned k = 63; k >= 1; k--) {
         const std::u16string part(13, static_cast<char16_t>(0x100 + k));

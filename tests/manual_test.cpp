@@ -1,5 +1,5 @@
-// The manual pages: what they say about options, calls and records, held against the programs, the
-// header and the layout; and their form.
+// The manual pages: their options, calls and records are compared with the programs, the header and
+// the layout; and their form.
 
 #include "fat/layout.h"
 #include "tests/support/compile.h"
@@ -215,7 +215,7 @@ std::string hexadecimal(std::uint32_t value, int digits) {
 
 // ---- form -------------------------------------------------------------------------------------
 
-// What mandoc finds. That a page of another package is not installed is no finding.
+// The findings of mandoc, except for pages of other packages that are not installed.
 std::string lint_findings() {
     std::vector<std::string> command = {"mandoc", "-Tlint"};
     for (const std::string &page : PAGES) {

@@ -1,5 +1,5 @@
-// Items, metadata and names of open entries: what is read, changed, written, printed; the path of a
-// cluster.
+// Items, metadata and names of open entries: reading, changing, writing and printing them; the path
+// of a cluster.
 
 #include "tests/support/every_fault.h"
 #include "tests/support/faults.h"
@@ -20,7 +20,7 @@ namespace {
 class metadata_case {
 public:
     explicit metadata_case(const volume_shape &shape = {}) : v(shape) {
-        v.top.go_to(1); // behind the label
+        v.top.go_to(1); // after the label
     }
 
     template <typename Call>
@@ -55,7 +55,7 @@ protected:
         EXPECT_TRUE(c.v.disk.written_blocks().empty());
     }
 
-    // The result, and the value that it gives.
+    // The result, and the value that it returns.
     std::pair<answer, u32> get(int of, int type) {
         u32 value = 4711;
         const answer a = c.ask([&] { return fat_get(of, type, &value); });
@@ -151,7 +151,7 @@ protected:
             c.v.top.append(short_entry("OTHER   TXT", ARCHIVE, 0, static_cast<u32>(i)));
         }
         id = c.v.open_new("FILE    TXT", {10}, 7);
-        c.v.top.append(short_entry("BEHIND  TXT"));
+        c.v.top.append(short_entry("AFTER   TXT"));
         sector = mounted::record(id).dentry_sector;
         for (std::size_t i = 0; i < 32; i++) {
             mounted::record(id).dentry[i] = static_cast<std::uint8_t>(0xC0 + i);
@@ -175,7 +175,7 @@ INSTANTIATE_TEST_SUITE_P(Shapes, UpdateEntry,
                                          volume_shape{.fat_type = 16, .sector_size = 4096}),
                          shape_name);
 
-TEST_P(UpdateEntry, PutsTheCopyInItsPlaceAndNothingElse) {
+TEST_P(UpdateEntry, WritesTheCopyToItsPositionAndNothingElse) {
     bytes expected = c.v.disk.peek(sector * sv->sector_size, sv->sector_size);
     const entry_image held = mounted::held_entry(id);
     std::copy(held.begin(), held.end(),
@@ -205,7 +205,7 @@ TEST_P(UpdateEntry, WritesNothingWhereTheEntryIsInNoSector) {
 }
 
 // Only a negative result of the read counts.
-TEST_P(UpdateEntry, GoesOnAfterAReadThatMovesNothing) {
+TEST_P(UpdateEntry, ContinuesAfterAReadThatMovesNothing) {
     c.v.disk.failure_result = 0;
     c.v.disk.reads_before_failure = 0;
     EXPECT_EQ(update(id), (answer{0, ""}));
@@ -270,12 +270,12 @@ TEST_P(ListChains, PrintsTenNumbersInALine) {
               (printout{0, twenty + "\n", ""}));
 }
 
-TEST_P(ListChains, SaysOfAnEmptyEntryThatItHasNone) {
+TEST_P(ListChains, ReportsThatAnEmptyEntryHasNone) {
     EXPECT_EQ(list_of(c.v.open_new("EMPTY      ", {}, 0)),
               (printout{0, "", "fat_list_chains[N]: failed to get chain count!\n\n"}));
 }
 
-TEST_P(ListChains, TellsOfAChainThatBroke) {
+TEST_P(ListChains, ReportsAChainThatBroke) {
     const int id = c.v.open_new("FILE       ", {20, 30}, 1);
     c.v.set_link(20, 0);
     EXPECT_EQ(list_of(id), (printout{-EINVAL, "",
@@ -411,7 +411,7 @@ TEST_F(Fstat, TakesTheSizeOfTheCopyAsItIs) {
     EXPECT_EQ(stat_of(id).out.substr(0, 24), "[file]  (16777215 Bytes)");
 }
 
-TEST_F(Fstat, EndsWithWhatTheListOfClustersSays) {
+TEST_F(Fstat, EndsWithTheListOfClusters) {
     const entry_image entry = short_entry("EMPTY      ");
     EXPECT_EQ(stat_of(open("EMPTY", entry, {})),
               (printout{0,
@@ -437,7 +437,7 @@ TEST_F(Fstat, PrintsToStandardOutputWithoutAStream) {
 
 // ---- paths of clusters ------------------------------------------------------------------------
 
-// A volume on which directories are made by hand, with whatever stands in them.
+// A volume on which directories and all their entries are made by hand.
 class forest : public metadata_case {
 public:
     explicit forest(const volume_shape &shape = {}) : metadata_case(shape) {}
@@ -458,10 +458,11 @@ public:
         return last_index;
     }
 
-    // A path as it is found. Ids and current directory stay as they are, nothing is kept.
+    // The path that a search finds. Ids and current directory do not change, nothing stays
+    // allocated.
     struct found_path {
         int result;
-        std::string path; // empty where none is found
+        std::string path; // empty if not found
         bool operator==(const found_path &) const = default;
     };
     found_path find(u32 cluster, u32 size = 4096) {
@@ -503,7 +504,7 @@ std::ostream &operator<<(std::ostream &out, const forest::found_path &found) {
 }
 using found_path = forest::found_path;
 
-// What taking the name of an entry without a long name says.
+// The message for the name of an entry without a long name.
 const std::string NAMED = "get_name_of_entry[N]: Check here!\n\n";
 
 class FindPathname : public testing::TestWithParam<u32> {
@@ -551,7 +552,7 @@ TEST_P(FindPathname, GoesDownFiveLevels) {
     directory *in = top;
     std::string path;
     for (u32 level = 0; level < 5; level++) {
-        // Something to look through at every level.
+        // Entries to search at every level.
         f.add_dir(in, "EMPTY      ", {100 + level});
         f.add_file(in, "FILE    TXT", {200 + level});
         const std::string digit = std::to_string(level);
@@ -567,7 +568,7 @@ TEST_P(FindPathname, GoesDownFiveLevels) {
     EXPECT_EQ(f.find(70), nothing());
 }
 
-TEST_P(FindPathname, ShowsNamesAsTheyAreMeantToBeSeen) {
+TEST_P(FindPathname, ShowsNamesInTheirDisplayForm) {
     entry_image small = short_entry("SMALL   TXT", ARCHIVE, 10);
     small[12] = 0x18;
     f.v.chain({10});
@@ -601,14 +602,14 @@ TEST_P(FindPathname, DoesNotExistForFreeAndLostClusters) {
     EXPECT_EQ(f.find(volume::last_cluster()), nothing());
 }
 
-TEST_P(FindPathname, LooksAtTheFirstEntryOfTheRoot) {
+TEST_P(FindPathname, ChecksTheFirstEntryOfTheRoot) {
     top->go_to(0);
     f.add_file(top, "FILE    TXT", {10});
     EXPECT_EQ(f.find(10), (found_path{0, "/FILE.TXT"}));
     EXPECT_EQ(f.messages.text(), "");
 }
 
-// The first two are taken for "." and "..", whatever they are.
+// The first two are treated as "." and ".." without a check.
 TEST_P(FindPathname, LeavesOutTheFirstTwoEntriesOfOtherDirectories) {
     directory *sub = f.add_dir(top, "SUB        ", {20});
     f.v.chain({30});
@@ -621,7 +622,7 @@ TEST_P(FindPathname, LeavesOutTheFirstTwoEntriesOfOtherDirectories) {
     EXPECT_EQ(f.find(31), (found_path{2, "/SUB/THIRD"}));
 }
 
-TEST_P(FindPathname, PassesWhatIsNeitherFileNorDirectory) {
+TEST_P(FindPathname, SkipsEntriesThatAreNeitherFilesNorDirectories) {
     f.v.chain({10});
     top->append(deleted(short_entry("GONE    TXT", ARCHIVE, 10)));
     top->append(short_entry("LABEL      ", LABEL, 10));
@@ -637,7 +638,7 @@ TEST_P(FindPathname, PassesWhatIsNeitherFileNorDirectory) {
 TEST_P(FindPathname, EndsAtAnUnusedEntry) {
     f.add_file(top, "FILE    TXT", {10});
     top->append(entry_image{});
-    f.add_file(top, "BEHIND  TXT", {11});
+    f.add_file(top, "AFTER   TXT", {11});
     EXPECT_EQ(f.find(11), nothing());
 }
 
@@ -645,8 +646,8 @@ TEST_P(FindPathname, LooksThroughFullDirectories) {
     directory *sub = f.add_dir(top, "SUB        ", {20, 22});
     sub->fill_up(short_entry("EMPTY      "));
     f.v.chain({30});
-    f.add_file(top, "BEHIND  TXT", {11});
-    EXPECT_EQ(f.find(11).path, "/BEHIND.TXT");
+    f.add_file(top, "AFTER   TXT", {11});
+    EXPECT_EQ(f.find(11).path, "/AFTER.TXT");
     EXPECT_EQ(f.messages.text(), NAMED + NAMED);
     sub->put(31, short_entry("LAST       ", ARCHIVE, 30));
     EXPECT_EQ(f.find(30), (found_path{31, "/SUB/LAST"}));
@@ -679,7 +680,7 @@ TEST_P(FindPathname, FailsAtADirectoryWhoseChainIsBroken) {
     }
 }
 
-TEST_P(FindPathname, PassesADirectoryWhoseChainRunsIntoAFreeEntry) {
+TEST_P(FindPathname, SkipsADirectoryWhoseChainRunsIntoAFreeEntry) {
     directory *sub = f.add_dir(top, "SUB        ", {20, 21});
     f.add_file(sub, "INNER   TXT", {30});
     f.add_file(top, "FILE    TXT", {12});
@@ -695,7 +696,7 @@ TEST_P(FindPathname, PassesADirectoryWithoutCluster) {
     EXPECT_EQ(f.find(99), nothing());
 }
 
-TEST_P(FindPathname, TellsOfADirectoryThatCannotBeRead) {
+TEST_P(FindPathname, ReportsADirectoryThatCannotBeRead) {
     f.v.disk.unreadable = {top->offset_of(0) / 512};
     EXPECT_EQ(f.find(12), (found_path{-EIO, ""}));
     const std::string sector = std::to_string(top->offset_of(0) / 512);
@@ -766,7 +767,7 @@ TEST_P(LongPaths, HoldUpTo4095Characters) {
     EXPECT_EQ(f.find(114).path, path);
 }
 
-TEST_P(LongPaths, TouchNothingBehindTheBuffer) {
+TEST_P(LongPaths, TouchNothingPastTheBuffer) {
     const u32 index = f.add_file(in, "FILE~1     ", {50}, std::u16string(254, u'f'));
     std::vector<char> buffer(4096 + 8, '#');
     EXPECT_EQ(f.ask([&] { return fat_find_pathname(50, buffer.data(), 4096); }).result,
@@ -778,7 +779,7 @@ TEST_P(LongPaths, TouchNothingBehindTheBuffer) {
 TEST_P(LongPaths, EndWith4096Characters) {
     const u32 index = f.add_file(in, "FILE~1     ", {50}, std::u16string(255, u'f'));
     EXPECT_EQ(f.find(50), (found_path{-ENAMETOOLONG, ""}));
-    // A file that is not looked for may have any name.
+    // A file that is not searched for may have any name.
     f.add_file(in, "FILE       ", {51});
     EXPECT_EQ(f.find(51), (found_path{static_cast<int>(index) + 1, path + "/FILE"}));
 }
@@ -834,8 +835,8 @@ TEST_P(FindPathname, SurvivesEveryFailingReadAndAllocation) {
             EXPECT_GE(got.result, 0);
             EXPECT_EQ(got.path, "/A directory/A file here.txt");
         } else if (got.result >= 0) {
-            // A long name that could not be read leaves the short one; a chain that could not be
-            // read is not looked at.
+            // A long name that could not be read leaves the short one; a directory whose chain
+            // could not be read is not searched.
             EXPECT_TRUE(got.path == "/A directory/A file here.txt" ||
                         got.path == "/SUB~1/A file here.txt" ||
                         got.path == "/A directory/FILE~1.TXT")
@@ -913,11 +914,11 @@ TEST_P(FindPathname, EndsAtAnEntryThatLeadsBackToTheRoot) {
     EXPECT_EQ(f.find(20).path, "/SUB");
     EXPECT_EQ(f.find(99), nothing());
     EXPECT_EQ(f.find(30).path, "/SUB/../FILE.TXT");
-    // Another directory that leads there, and can be met from there.
+    // Another directory with the same cluster, which can be reached from there.
     directory *again = f.add_dir(top, "AGAIN      ", {21});
     again->append(short_entry("..         ", DIRECTORY, 0));
     EXPECT_EQ(f.find(99), (found_path{-EMFILE, ""}));
-    EXPECT_EQ(fat_open("/FILE.TXT"), 1); // the root is as it was
+    EXPECT_EQ(fat_open("/FILE.TXT"), 1); // the root is not changed
 }
 
 TEST_P(FindPathname, EndsAtAnEntryThatLeadsBackToItsParent) {
@@ -941,7 +942,7 @@ TEST(FindPathnameInFat16Root, CountsEntries512) {
     EXPECT_EQ(f.messages.text(), "");
 }
 
-TEST(FindPathnameInFat16Root, EndsBehindASmallArea) {
+TEST(FindPathnameInFat16Root, EndsAfterASmallArea) {
     forest f({.root_entries = 32});
     f.v.top.fill_up(deleted(short_entry("GONE    TXT")));
     EXPECT_EQ(f.find(10), (found_path{-ENOENT, ""}));
@@ -982,7 +983,7 @@ TEST_P(FindPathname, ComesWithTheBaseClusterOfItsDirectory) {
     EXPECT_EQ(parent_of_cluster(30), 22U);
 }
 
-TEST_P(FindPathname, IsAppendedToWhatThePathHolds) {
+TEST_P(FindPathname, IsAppendedToThePath) {
     directory *sub = f.add_dir(top, "SUB        ", {20});
     f.add_file(sub, "FILE    TXT", {30});
     const int id = f.v.open(1);
@@ -1063,7 +1064,7 @@ TEST_P(Getcwd, NeedsABufferOf4096BytesElsewhere) {
                                "fat_getcwd[N]: Failed to get cwd!\n\n"}));
 }
 
-TEST_P(Getcwd, TellsOfADirectoryThatIsGone) {
+TEST_P(Getcwd, ReportsARemovedDirectory) {
     f.add_dir(top, "SUB        ", {20});
     const u32 index = f.last_index;
     enter(index);

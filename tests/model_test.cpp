@@ -1,10 +1,10 @@
 // Random sequences of public calls, on the library and on the reference model: after every call the
 // results, the bytes on the medium, the open entries and the number of free clusters agree.
 //
-// Careful users (no writing through an id that another one has overtaken, no removing of what is
-// open) are also promised that no file ever loses or gains a byte: a list of what was written into
-// each file is held against the medium. Careless ones run into everything the library leaves
-// undefended; there the model alone says what must come of it.
+// Careful users (no writing through an id that another one has overtaken, no removing of open
+// entries) are also promised that no file ever loses or gains a byte: a list of the writes into
+// each file is compared with the medium. Careless ones do everything that the library does not
+// defend against; there the model alone defines the expected result.
 
 #include "tests/support/capture.h"
 #include "tests/support/moment.h"
@@ -40,7 +40,7 @@ constexpr std::uint16_t TIME = 12 << 11 | 34 << 5 | 56 / 2;
 struct run_plan {
     volume_shape shape;
     bool long_names = true;
-    std::uint32_t free_clusters = 0; // others are taken from the start; 0: none is
+    std::uint32_t free_clusters = 0; // others are taken from the start; 0: all are free
     bool careful = true;
 };
 
@@ -188,7 +188,7 @@ private:
 
 // ---- the two libraries ------------------------------------------------------------------------
 
-// Both on the same volume, and what they are compared by.
+// Both on the same volume, and their comparison.
 class twins {
 public:
     twins(const run_plan &plan, std::uint32_t seed) : v(plan.shape), plan_(plan) {
@@ -255,7 +255,7 @@ private:
         v.disk.log.clear();
     }
 
-    // Takes all clusters but so many, which lie apart from each other.
+    // Takes all clusters except for `count` ones, which are not contiguous.
     void leave_free(std::uint32_t count, std::uint32_t seed) {
         dice d(seed);
         std::set<std::uint32_t> left;
@@ -354,7 +354,7 @@ private:
 
 // ---- a run ------------------------------------------------------------------------------------
 
-// Operations and how often they came to an end: successes by the name of the call, failures by name
+// Operations and the number of calls: successes by the name of the call, failures by name
 // and error.
 using tally = std::map<std::string, int>;
 
@@ -379,7 +379,7 @@ public:
         }
     }
 
-    // All that can be reached is opened and read once more, on a volume mounted anew.
+    // All that can be reached is opened and read once more, on a volume mounted again.
     void read_all_again() {
         ASSERT_TRUE(both_.everything_agrees());
         ASSERT_NO_FATAL_FAILURE(expect_files_whole());
@@ -476,7 +476,8 @@ private:
         }
         expect("fat_close", std::to_string(id), fat_close(id), model_.close(id));
     }
-    // Goes down or up, or to any open directory; now and then the root is opened anew.
+    // Changes to a subdirectory, the parent, or any open directory; now and then the root is opened
+    // again.
     void change_directory() {
         const std::uint32_t which = dice_.roll(10);
         if (which == 0) {
@@ -563,7 +564,7 @@ private:
         }
     }
 
-    // -- what operations are given
+    // -- arguments of operations
 
     const std::vector<std::string> DIRECTORIES = {"sub",  "deep", "deeper", "Sub Directory",
                                                   "/sub", ".",    "a",      "A.B"};
@@ -600,7 +601,7 @@ private:
         }
         return files.empty() || dice_.chance(10) ? some_id() : dice_.one_of(files);
     }
-    // As a caller's string has it: what a slot that passes for an entry is called may hold NULs.
+    // As a string of the caller: the name of a slot that is taken for an entry may contain NULs.
     static std::string shown_name(const raw_entry &entry) {
         return model::to_text(dos_name_of(entry), entry[12]).c_str();
     }
@@ -718,7 +719,7 @@ private:
             }
         }
     }
-    // By its place, and by its name.
+    // By its position, and by its name.
     void read_entry(int dir, std::uint32_t index, const raw_entry &entry) {
         const int id = model_.open_at(model_.table.at(dir), index);
         expect("fat_entry_open", std::to_string(index),
@@ -773,7 +774,7 @@ private:
     names names_;
     twins both_;
     model::volume &model_;
-    // What careful users have written into each file, by the place of its entry.
+    // What careful users have written into each file, by the position of its entry.
     std::map<location, bytes> written_;
     mood mood_ = MOODS[0];
     std::deque<std::string> story_;

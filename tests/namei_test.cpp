@@ -1,5 +1,4 @@
-// Paths: splitting them, the directory in which their last name lies, the form in which callers
-// keep them.
+// Paths: splitting them, the directory of their last name, the form in which callers store them.
 
 #include "tests/support/open_entries.h"
 
@@ -82,8 +81,8 @@ parts split(const std::string &text) {
     return result;
 }
 
-// The same, written plainly.
-parts plainly_split(std::string text) {
+// The same: the reference model.
+parts reference_split(std::string text) {
     text.erase(0, std::min(text.find_first_not_of('/'), text.size()));
     parts result;
     for (std::size_t slash = text.find('/'); slash != std::string::npos; slash = text.find('/')) {
@@ -188,7 +187,7 @@ protected:
 };
 INSTANTIATE_TEST_SUITE_P(Widths, PathLookup, testing::ValuesIn(TREE_SHAPES), shape_name);
 
-// ---- keeping a path ---------------------------------------------------------------------------
+// ---- storing a path ---------------------------------------------------------------------------
 
 struct kept {
     answer messages;
@@ -225,7 +224,7 @@ TEST(ResolvePath, NameAloneHasNoParents) {
     EXPECT_EQ(split(".."), (parts{0, {}, ".."}));
 }
 
-TEST(ResolvePath, ParentsStandInTheirOrder) {
+TEST(ResolvePath, ParentsAreInTheirOrder) {
     EXPECT_EQ(split("a/name"), (parts{0, {"a"}, "name"}));
     EXPECT_EQ(split("a/bc/def/name"), (parts{0, {"a", "bc", "def"}, "name"}));
     EXPECT_EQ(split("./.././name"), (parts{0, {".", "..", "."}, "name"}));
@@ -250,7 +249,7 @@ TEST(ResolvePath, SlashesInARowMakeEmptyParents) {
 
 TEST(ResolvePath, EveryShortPath) {
     for (const std::string &path : all_strings("/ab", 8)) {
-        EXPECT_EQ(split(path), plainly_split(path)) << path;
+        EXPECT_EQ(split(path), reference_split(path)) << path;
     }
 }
 
@@ -335,7 +334,7 @@ TEST_P(PathLookup, DeviceNamesAreRefused) {
         EXPECT_EQ(look_up("././" + name), refused(name));
         for (const char *accepted : {"x", ".", ".txt", "     x.", "."}) {
             const std::string longer = name + accepted;
-            // Nothing but blanks may stand behind it among the first eight characters.
+            // Only spaces may follow it among the first eight characters.
             const bool is_device =
                 (longer + "        ").substr(0, 8) == (name + "        ").substr(0, 8);
             EXPECT_EQ(look_up(longer),
@@ -407,7 +406,7 @@ TEST_P(PathLookup, NoRecordOfADirectoryThatHasBeenRemoved) {
     EXPECT_EQ(own_record("/./name"), tree::opened_root());
 }
 
-// ---- lookup: parents that lead away -----------------------------------------------------------
+// ---- lookup: parents elsewhere ----------------------------------------------------------------
 
 TEST_P(PathLookup, ParentThatExistsGivesNoDirectory) {
     const answer found{0, found_at(v.root_base(), v.sub)};
@@ -417,7 +416,7 @@ TEST_P(PathLookup, ParentThatExistsGivesNoDirectory) {
         EXPECT_EQ(look_up(path), (lookup{found, place::NONE, "name"})) << path;
     }
     EXPECT_EQ(look_up("SUB/"), (lookup{found, place::NONE, ""}));
-    // A file is as good; nobody looks what it is.
+    // A file is accepted as well: its type is not checked.
     EXPECT_EQ(look_up("FILE.TXT/name"),
               (lookup{{0, found_at(v.root_base(), v.file)}, place::NONE, "name"}));
     EXPECT_EQ(look_up("A Long Name.txt/name"),
@@ -440,7 +439,7 @@ TEST_P(PathLookup, ParentThatIsMissing) {
     }
 }
 
-TEST_P(PathLookup, DotDotParentIsEntryOneWhateverThatIs) {
+TEST_P(PathLookup, DotDotParentIsAlwaysEntryOne) {
     for (const char *path : {"../name", "/../name", "./../name", "../MISSING/name", "../../name"}) {
         v.disk.log.clear();
         EXPECT_EQ(look_up(path), (lookup{{0, ""}, place::NONE, "name"})) << path;
@@ -473,7 +472,7 @@ TEST_P(PathLookup, ParentIsLookedForByIts255FirstCharacters) {
     EXPECT_EQ(result_of(parent + std::string(100, 'y') + "/name"), 0);
     EXPECT_EQ(result_of(parent.substr(1) + "/name"), -ENOENT);
     EXPECT_EQ(result_of(parent.substr(1) + "y/name"), -ENOENT);
-    // What follows the 255th character does not keep the blanks before it.
+    // Text after the 255th character does not protect the spaces before it.
     v.root_space.append_long(std::u16string(250, u'z'), "ZZZZZZ~1   ");
     EXPECT_EQ(result_of(std::string(250, 'z') + "     y/name"), 0);
     EXPECT_EQ(result_of(std::string(250, 'z') + "    y/name"), -ENOENT);
@@ -500,7 +499,7 @@ TEST_P(PathLookup, EveryShortPath) {
     v.root_space.append(short_entry("A          "));
     ASSERT_NO_FATAL_FAILURE(enter("SUB"));
     for (const std::string &path : all_strings("/.a", 7)) {
-        const parts p = plainly_split(path);
+        const parts p = reference_split(path);
         const bool from_root = path[0] == '/';
         const auto leads_away = [](const std::string &parent) { return parent != "."; };
         const auto first = std::find_if(p.parents.begin(), p.parents.end(), leads_away);
@@ -631,9 +630,9 @@ TEST_P(PathLookup, StartDirectoryOutsideTheVolume) {
                       "name"}));
 }
 
-// ---- keeping a path ---------------------------------------------------------------------------
+// ---- storing a path ---------------------------------------------------------------------------
 
-TEST(GetName, PathOfUpTo260CharactersIsKept) {
+TEST(GetName, PathOfUpTo260CharactersIsStored) {
     for (std::size_t length = 0; length <= ROOM; length++) {
         const std::string path(length, 'a');
         EXPECT_EQ(keep(path), (kept{{static_cast<int>(length), ""}, path}));

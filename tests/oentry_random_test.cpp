@@ -1,4 +1,4 @@
-// Long runs of opening, closing and changing the current directory, made by chance, with faults in
+// Long random series of opening, closing and changing the current directory, with faults in
 // between. After every step the table is compared with that of the reference model.
 
 #include "tests/support/open_entries.h"
@@ -39,7 +39,7 @@ protected:
         return below(n) == 0;
     }
 
-    // One call and what it is to answer.
+    // One call and its expected result.
     struct step {
         std::string text;
         int expected;
@@ -158,7 +158,7 @@ TEST_P(RandomHandles, FewEntriesOpen) {
     run(4000, 4, 12);
 }
 
-TEST_P(RandomHandles, TableRunsFull) {
+TEST_P(RandomHandles, TableBecomesFull) {
     run(6000, 9, 512);
     EXPECT_GT(times_full, 100);
 }

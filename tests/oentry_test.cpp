@@ -39,7 +39,7 @@ std::string check_here(const std::string &function) {
     return function + "[N]: Check here!\n\n";
 }
 
-// The calls, and what they say.
+// The calls, and their messages.
 class handles : public tree_test {
 protected:
     using tree_test::tree_test;
@@ -65,7 +65,7 @@ protected:
     answer current() {
         return ask(get_current);
     }
-    // Makes a directory current, which alone keeps it open then.
+    // Makes a directory current; this is its only reference afterwards.
     int enter(const char *name) {
         const int id = fat_open_dir(name);
         EXPECT_GT(id, 0) << name;
@@ -229,7 +229,7 @@ TEST_F(OpenEntries, RegisteredFromOneUpwardsUntilTheTableIsFull) {
 
 // ---- dropping references and freeing ----------------------------------------------------------
 
-TEST_F(OpenEntries, PutOfWhatIsNotOpenDoesNothing) {
+TEST_F(OpenEntries, PutOfAnIdThatIsNotOpenDoesNothing) {
     const int id = fat_open("FILE.TXT");
     ASSERT_EQ(id, 1);
     for (const int none : {-1, INT_MIN, 2, 511, 512, 513, 1024, INT_MAX}) {
@@ -269,7 +269,7 @@ TEST_F(OpenEntries, FreeingTakesTheImageAlongAndNullIsIgnored) {
     EXPECT_EQ(messages.text(), "");
 }
 
-TEST_F(OpenEntries, ReleasingTheVolumeFreesWhatIsLeft) {
+TEST_F(OpenEntries, ReleasingTheVolumeFreesTheOtherEntries) {
     const allocation_meter meter;
     open_until_full();
     ASSERT_EQ(fat_close(7), 0);
@@ -301,7 +301,7 @@ TEST_P(SetOentry, RootRecord) {
     EXPECT_EQ(picture_of(record), tree::opened_root());
 }
 
-TEST_P(SetOentry, WhatStoodInTheRecordIsReplaced) {
+TEST_P(SetOentry, OldContentOfTheRecordIsReplaced) {
     u8 stale = 0;
     oentry used = {};
     used.start = used.last = used.allocated = used.ref_count = used.readdir_pos = 99;
@@ -453,7 +453,7 @@ TEST_P(SetOentry, FreeFirstClusterLeavesNoImageAndNoError) {
     EXPECT_EQ(meter.live_blocks(), 0);
 }
 
-TEST_P(SetOentry, ChainThatRunsIntoAFreeEntryLeavesNoImageAndNoError) {
+TEST_P(SetOentry, ChainThatRunsIntoAFreeEntryLeavesNoCachedEntryAndNoError) {
     v.chain({70, 71, 72});
     v.set_link(72, 0);
     oentry record = {};
@@ -517,7 +517,7 @@ TEST_F(Fat32SetOentry, RootWithABrokenChain) {
     EXPECT_EQ(record.allocated, 3 * tree::cluster_bytes());
 }
 
-TEST(Fat16RootRecord, Has16384BytesWhateverTheAreaHolds) {
+TEST(Fat16RootRecord, Has16384BytesWithAnySizeOfTheArea) {
     for (const u32 entries : {32U, 64U, 512U, 1024U, 4096U}) {
         volume v({.root_entries = entries});
         diagnostics messages;
@@ -543,7 +543,7 @@ TEST_P(EntryOpen, EntryOfTheRootAndOfASubDirectory) {
     EXPECT_EQ(oentry_table[3]->parent_clus, 20U);
 }
 
-TEST_P(EntryOpen, AnyEntryIsOpenedAsItStands) {
+TEST_P(EntryOpen, AnyEntryIsOpenedWithoutACheck) {
     v.sub_space.append(deleted(short_entry("GONE       ", ARCHIVE, 30)));
     EXPECT_EQ(open_entry(&v.root_space, 0), (answer{1, ""})); // the label
     EXPECT_EQ(picture_of(1), tree::opened(v.root_space, 0, {}, ""));
@@ -553,7 +553,7 @@ TEST_P(EntryOpen, AnyEntryIsOpenedAsItStands) {
     EXPECT_EQ(picture_of(3), tree::opened(v.sub_space, 5, {}, ""));
 }
 
-TEST_P(EntryOpen, LastEntryOfTheDirectoryAndTheFirstBehindIt) {
+TEST_P(EntryOpen, LastEntryOfTheDirectoryAndTheFirstPastIt) {
     const u32 count = v.sub_space.capacity();
     v.sub_space.put(count - 1, short_entry("LAST       "));
     EXPECT_EQ(open_entry(&v.sub_space, count - 1), (answer{1, ""}));
@@ -612,7 +612,7 @@ TEST_P(EntryOpen, FullTableTakesNothing) {
     EXPECT_EQ(meter.live_blocks(), 0);
 }
 
-TEST_F(OpenEntries, IndexBehindASmallRootAreaIsNotOpened) {
+TEST_F(OpenEntries, IndexPastASmallRootAreaIsNotOpened) {
     fat_close_volume(0);
     volume small({.root_entries = 32});
     ASSERT_EQ(open_root_directory(), 0);
@@ -663,7 +663,7 @@ TEST_P(OpenRoot, OpeningAgainMakesItCurrent) {
     ASSERT_EQ(oentry_table[id], nullptr);
     EXPECT_EQ(open_root(), (answer{0, ""}));
     EXPECT_EQ(get_current(), 0);
-    // Nobody gives the reference of the former current directory back.
+    // Intentional: the reference to the former current directory is not released.
     EXPECT_EQ(oentry_table[2]->ref_count, 2U);
 }
 
@@ -722,7 +722,7 @@ TEST_P(Open, FileBecomesARecordWithItsName) {
     EXPECT_EQ(picture_of(4), tree::opened(v.root_space, v.long_named, {}, "A Long Name.txt"));
 }
 
-TEST_P(Open, NameIsKeptAsItWasGiven) {
+TEST_P(Open, NameIsStoredWithoutAChange) {
     EXPECT_EQ(open_path("/file.txt///"), (answer{1, found_at(v.root_base(), v.file)}));
     EXPECT_EQ(picture_of(1).name, "file.txt");
 }
@@ -985,7 +985,7 @@ TEST_F(OpenEntries, The512thOpenFailsUntilOneIsClosed) {
 
 // ---- opening what must be a directory ---------------------------------------------------------
 
-TEST_F(OpenEntries, OpenDirOfNullOpensTheRootAnew) {
+TEST_F(OpenEntries, OpenDirOfNullOpensTheRootAgain) {
     enter("SUB");
     oentry_table[0]->ref_count = 5;
     EXPECT_EQ(open_dir(nullptr), (answer{0, ""}));
@@ -1068,7 +1068,7 @@ TEST_F(OpenEntries, OpenFileRefusesADirectoryAndClosesIt) {
     }
 }
 
-TEST_F(OpenEntries, OpenFileAcceptsWhatHasNoImageOfADirectory) {
+TEST_F(OpenEntries, OpenFileAcceptsARecordWithoutACachedDirectoryEntry) {
     enter("SUB");
     EXPECT_EQ(open_file(".."), (answer{2, found_at(20, 1)}));
     EXPECT_EQ(open_file("/LOST"), (answer{3, found_at(0, v.lost)}));

@@ -1,4 +1,4 @@
-// The command line: what each option takes, what it refuses, and what it says.
+// The command line: what each option accepts, refuses and prints.
 
 #include "tool/options.h"
 
@@ -20,7 +20,7 @@ namespace {
 
 constexpr char BLANK_LABEL[] = "           ";
 
-// One parse of a command line, and everything that came of it.
+// One parse of a command line, and all its results.
 struct parsed {
     int result = 0;
     fat_format_param param = {};
@@ -164,7 +164,7 @@ TEST(ParseOptions, TakesOptionsAfterTheOperand) {
     EXPECT_EQ(p.verbose, 1u);
 }
 
-TEST(ParseOptions, TakesWhatFollowsADoubleDashAsTheOperand) {
+TEST(ParseOptions, TakesTheWordAfterADoubleDashAsTheOperand) {
     const parsed p = parse({"-v", "--", "-v"});
     expect_accepted(p, "-v");
     EXPECT_EQ(p.verbose, 1u);
@@ -243,7 +243,7 @@ TEST(ParseOptions, RefusesAnEmptyNumberWhereZeroIsRefused) {
     expect_refused(parse({"-F", "", "disk.img"}), "Invalid FAT type: \n");
 }
 
-TEST(ParseOptions, RefusesWhateverFollowsANumber) {
+TEST(ParseOptions, RefusesTextAfterANumber) {
     for (const numeric_option &option : NUMERIC_OPTIONS) {
         const std::string number = std::to_string(option.accepted.back());
         for (const char *tail : {"k", " ", "\n", ".", ".0", "L", "x", "-", "\xe9", ",", " 1"}) {
@@ -345,7 +345,7 @@ TEST(ParseOptions, TakesAllOptionsTogether) {
     EXPECT_EQ(p.page_size_given, 1);
 }
 
-// ---- options that are none --------------------------------------------------------------------
+// ---- unknown options --------------------------------------------------------------------------
 
 TEST(ParseOptions, ShowsUsageAloneForAnUnknownOption) {
     for (const char *option :
@@ -362,7 +362,7 @@ TEST(ParseOptions, ShowsUsageAloneForAnOptionWithoutItsArgument) {
     }
 }
 
-TEST(ParseOptions, TakesTheNextWordAsTheArgumentWhateverItIs) {
+TEST(ParseOptions, TakesAnyNextWordAsTheArgument) {
     expect_refused(parse({"-s", "-v", "disk.img"}), "Invalid number of sectors per cluster: -v\n");
     expect_refused(parse({"-F", "disk.img"}), "Invalid FAT type: disk.img\n");
     const parsed p = parse({"-l", "-v", "disk.img"});
@@ -406,7 +406,7 @@ TEST(ParseOptions, TakesAnEmptyLabelAsBlanks) {
     EXPECT_EQ(label_of(p), label_bytes(BLANK_LABEL));
 }
 
-TEST(ParseOptions, KeepsTheBytesOfALabelAsTheyAre) {
+TEST(ParseOptions, DoesNotChangeTheBytesOfALabel) {
     EXPECT_EQ(label_of(parse({"-l", "%s%n%100d", "disk.img"})), label_bytes("%s%n%100d  "));
     EXPECT_EQ(label_of(parse({"-l", "\x80\xff\xe5 \x01", "disk.img"})),
               label_bytes("\x80\xff\xe5 \x01      "));
@@ -418,7 +418,7 @@ TEST(ParseOptions, KeepsTheBytesOfALabelAsTheyAre) {
 
 // ---- more than one command line ---------------------------------------------------------------
 
-TEST(ParseOptions, BeginsAnewWithEachCall) {
+TEST(ParseOptions, BeginsAgainWithEachCall) {
     const parsed first = parse({"-v", "-s", "8", "-p", "0", "-l", "ONE", "one.img"});
     expect_accepted(first, "one.img");
     const parsed bare = parse({"two.img"});

@@ -269,7 +269,7 @@ TEST(PrintOentry, PrintsLargeNumbersAsSigned) {
 
 // ---- a slot of the table ----------------------------------------------------------------------
 
-TEST(TestOentry, TellsANumberOverTheLimit) {
+TEST(TestOentry, ReportsANumberOverTheLimit) {
     EXPECT_EQ(to_output([] { test_oentry(0, 512); }),
               printed("Test open entry(512)\n -- over limit\n"));
     EXPECT_EQ(to_output([] { test_oentry(0, 600); }),
@@ -278,20 +278,20 @@ TEST(TestOentry, TellsANumberOverTheLimit) {
               printed("Test open entry(-1)\n -- over limit\n"));
 }
 
-TEST(TestOentry, TellsAnEmptySlot) {
+TEST(TestOentry, ReportsAnEmptySlot) {
     EXPECT_EQ(to_output([] { test_oentry(0, 0); }),
               printed("Test open entry(0)\n -- not opened index\n"));
     EXPECT_EQ(to_output([] { test_oentry(0, 511); }),
               printed("Test open entry(511)\n -- not opened index\n"));
 }
 
-TEST(TestOentry, TellsTheRootDirectory) {
+TEST(TestOentry, ReportsTheRootDirectory) {
     const mounted v;
     EXPECT_EQ(to_output([] { test_oentry(0, 0); }),
               printed("Test open entry(0)\n -- root directory\n"));
 }
 
-TEST(TestOentry, TellsARecordWithoutDirectoryEntryInAnotherSlot) {
+TEST(TestOentry, ReportsARecordWithoutDirectoryEntryInAnotherSlot) {
     oentry record = record_of(nullptr);
     for (const int id : {1, 511}) {
         const hand_made_slot slot(id, &record);
@@ -301,7 +301,7 @@ TEST(TestOentry, TellsARecordWithoutDirectoryEntryInAnotherSlot) {
     }
 }
 
-TEST(TestOentry, TellsTheOpenedParentOfAFirstLevelDirectory) {
+TEST(TestOentry, ReportsTheOpenedParentOfAFirstLevelDirectory) {
     mounted v;
     directory inside(&v, {5}, false);
     inside.append(short_entry(".          ", DIRECTORY, 5));
@@ -316,7 +316,7 @@ TEST(TestOentry, TellsTheOpenedParentOfAFirstLevelDirectory) {
               printed("Test open entry(2)\n -- wrong mapping of root directory index\n"));
 }
 
-TEST(TestOentry, TellsDirectoriesFromFilesByFirstByteAndAttribute) {
+TEST(TestOentry, DistinguishesDirectoriesFromFilesByFirstByteAndAttribute) {
     for (const u8 first : std::initializer_list<u8>{0x00, 0x05, 0x41, 0xE4, 0xE5, 0xE6, 0xFF}) {
         for (int attr = 0; attr < 256; attr++) {
             entry_image image = short_entry("NAME    EXT", static_cast<u8>(attr), 5);
@@ -399,7 +399,7 @@ TEST(PrintNameRecord, ShowsEachFormForItself) {
               printed("Name set\n\tcstring:: NULL\n\tdosName:: NULL\n\tunicode:: \n"));
 }
 
-TEST(PrintNameRecord, ShowsWhatTheConversionMade) {
+TEST(PrintNameRecord, ShowsTheResultOfTheConversion) {
     const mounted v;
     caller_string string("Mixed Case.text");
     fat_name name = {};
@@ -439,7 +439,7 @@ TEST(PrintPathRecord, ShowsAComponentWithoutSlashToItsEnd) {
               printed("Resolved path\npath::one\n=> (depth:1)\n::one\n"));
 }
 
-TEST(PrintPathRecord, LeavesOutWhatIsNotGiven) {
+TEST(PrintPathRecord, OmitsMissingArguments) {
     char path[] = "/a/b";
     char *components[] = {path + 1};
     EXPECT_EQ(to_output([&] { print_path_record(0, path, components, path + 3, 0); }),
@@ -454,7 +454,7 @@ TEST(PrintPathRecord, LeavesOutWhatIsNotGiven) {
 
 // ---- a FAT value ------------------------------------------------------------------------------
 
-TEST(PrintFatValue, PrintsWhatTheEntryHolds) {
+TEST(PrintFatValue, PrintsTheValueOfTheEntry) {
     mounted v;
     v.set_link(5, 0x1234);
     v.set_link(6, 0xFFFF);
@@ -472,7 +472,7 @@ TEST(PrintFatValue, LeavesTheReservedBitsOut) {
     EXPECT_EQ(to_output([] { print_fat_value(0, 6, 0); }), printed("FAT[6] = 7\n"));
 }
 
-TEST(PrintFatValue, SaysThatTheEntryCannotBeRead) {
+TEST(PrintFatValue, ReportsThatTheEntryCannotBeRead) {
     mounted v;
     v.disk.reads_before_failure = 0;
     EXPECT_EQ(
@@ -495,9 +495,9 @@ TEST(PrintUname, PrintsUnitsAndANewline) {
     EXPECT_EQ(uname_printed({u'a', 0, u'b', 0}), printed("a\n"));
 }
 
-TEST(PrintUname, StopsBehind256Units) {
+TEST(PrintUname, StopsAfter256Units) {
     EXPECT_EQ(uname_printed(std::vector<u16>(300, u'x')), printed(std::string(256, 'x') + "\n"));
-    // A block of just this size: nothing behind it may be looked at.
+    // A block of just this size: nothing past it may be read.
     std::vector<u16> full(256, u'x');
     full.shrink_to_fit();
     EXPECT_EQ(uname_printed(full), printed(std::string(256, 'x') + "\n"));
@@ -506,7 +506,7 @@ TEST(PrintUname, StopsBehind256Units) {
     EXPECT_EQ(uname_printed(shorter), printed(std::string(255, 'x') + "\n"));
 }
 
-TEST(PrintUname, ShowsWhatTheLocaleLacksAsQuestionMarks) {
+TEST(PrintUname, ShowsCharactersMissingInTheLocaleAsQuestionMarks) {
     EXPECT_EQ(uname_printed(terminated(u"\u00E4b\u20ACc")), printed("?b?c\n"));
     EXPECT_EQ(uname_printed({0xFFFF, u'a', 0xFEFF, 0}), printed("?a?\n"));
 }
@@ -546,7 +546,7 @@ TEST(PrintUname, ShowsAPairThatTheLimitCutsAsAQuestionMark) {
     EXPECT_EQ(uname_printed(units), printed(std::string(254, 'x') + "\xF0\x9F\x98\x80\n"));
 }
 
-TEST(PrintUname, LeavesStandardOutputToEverybody) {
+TEST(PrintUname, DoesNotChangeTheOrientationOfStandardOutput) {
     const std::vector<u16> units = terminated(u"name");
     const standard_output out;
     print_uname(units.data());

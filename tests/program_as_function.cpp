@@ -1,4 +1,4 @@
-// The program under another name than main(), to be run inside a test.
+// The program as a function with another name than main(), which a test can call.
 
 #define main quorvel_main // NOLINT: the one way to have the same source under another name
 int main(int argc, char **argv);

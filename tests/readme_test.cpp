@@ -32,8 +32,8 @@ std::string shown_below(const std::string &command) {
     return result;
 }
 
-// A fresh volume for each width, named disk.img as the README has it.
-const std::vector<std::vector<std::string>> FRESH_VOLUMES = {{}, {"-F", "32", "-S", "512"}};
+// A new volume for each width, named disk.img as in the README.
+const std::vector<std::vector<std::string>> NEW_VOLUMES = {{}, {"-F", "32", "-S", "512"}};
 
 std::string fresh_volume(const scratch_directory &scratch, std::vector<std::string> options) {
     const std::string image = scratch.sparse_file("disk.img", 64ULL << 20);
@@ -52,7 +52,7 @@ bool contains(const std::string &text, const std::string &part) {
 
 } // namespace
 
-TEST(Readme, ShowsWhatTheWorkedExamplePrints) {
+TEST(Readme, ShowsTheOutputOfTheWorkedExample) {
     const scratch_directory scratch;
     const std::string image = scratch.sparse_file("disk.img", 64ULL << 20);
     const outcome result = run({tool_path(), "-v", "-l", "MEDIA", image});
@@ -60,7 +60,7 @@ TEST(Readme, ShowsWhatTheWorkedExamplePrints) {
     EXPECT_EQ(shown_below("quorvel -v -l MEDIA disk.img"), result.out);
 }
 
-TEST(Readme, ShowsWhatARefusalPrints) {
+TEST(Readme, ShowsTheOutputOfARefusal) {
     const scratch_directory scratch;
     const std::string image = scratch.sparse_file("small.img", 8ULL << 20);
     const outcome result = run({tool_path(), image});
@@ -72,7 +72,7 @@ TEST(Readme, ShowsWhatARefusalPrints) {
     EXPECT_EQ(shown.substr(dots + 4), result.out);
 }
 
-TEST(Readme, ShowsWhatFsckRemarksOnAFreshVolume) {
+TEST(Readme, ShowsTheOutputOfFsckForANewVolume) {
     const scratch_directory scratch;
     const std::string image = fresh_volume(scratch, {});
     const outcome checked = run({"fsck.fat", "-n", image});
@@ -84,7 +84,7 @@ TEST(Readme, ShowsWhatFsckRemarksOnAFreshVolume) {
 }
 
 TEST(Readme, FatlabelAndFsckRemoveTheRemark) {
-    for (const std::vector<std::string> &options : FRESH_VOLUMES) {
+    for (const std::vector<std::string> &options : NEW_VOLUMES) {
         const scratch_directory scratch;
         const std::string image = fresh_volume(scratch, options);
         const std::string found = run({"fsck.fat", "-n", image}).out;

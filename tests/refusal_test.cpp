@@ -1,5 +1,5 @@
-// What each call refuses: with no volume open, with one that is open and not mounted, null pointers
-// where it needs others, ids that name nothing, no memory. Its result and its text, word for word.
+// Refused calls: with no volume open, with one that is open and not mounted, with unexpected null
+// pointers, with ids that name nothing, without memory. Result and text, word for word.
 
 #include "tests/support/every_fault.h"
 #include "tests/support/files.h"
@@ -29,13 +29,13 @@ namespace {
 
 // ---- the table --------------------------------------------------------------------------------
 
-// What the calls are given, all of it 0x55 where a case does not say otherwise.
+// The arguments of the calls, all of them 0x55 unless a case sets them.
 struct arguments {
     int bad;      // an id that names nothing
     int file = 1; // ids on the mounted volumes
     int dir = 2;
     const char *host;  // a file of the host
-    const char *image; // a path at which there is none
+    const char *image; // a path without a file
     u8 *pbr, *fsinfo, *fat, *rdir;
     fat_format_param param;
     fat_name name;
@@ -62,7 +62,7 @@ enum states : unsigned {
     ANY = NONE | UNMOUNTED | MOUNTED,
     STORES = 8,       // the call leaves its error in errno, which is untouched otherwise
     FIRST = 16,       // nothing is allocated before
-    CLEARS_NAME = 32, // the 256 bytes of a name are cleared; all else stays as it was given
+    CLEARS_NAME = 32, // the 256 bytes of a name are cleared; nothing else is changed
     CLEARS_PATH = 64, // and the 20 bytes of a path
     TOO_HIGH = 128,   // only ids of 512 and more
     IN_RANGE = 256,   // only ids below that
@@ -73,7 +73,7 @@ struct row {
     const char *text; // of the call
     std::int64_t (*call)(arguments &a);
     std::int64_t result;
-    const char *messages; // "@" stands for the name of the call and its line
+    const char *messages;     // "@": the name of the call and its line
     const char *out = ""; // on standard output
 };
 
@@ -418,7 +418,7 @@ const std::vector<row> INTERNAL_CALLS = {
     {MOUNTED, CALL(find_entry_with_clu(sv->root_dir, 5, nullptr, nullptr)), -EINVAL, HERE},
 };
 
-// What comes of it when the first allocation of a call fails.
+// Results if the first allocation of a call fails.
 const std::vector<row> WITHOUT_MEMORY = {
     {UNMOUNTED | MOUNTED, CALL(fat_print_pbr(stdout)), -ENOMEM, "@: cannot allocate space\n"},
     {UNMOUNTED | MOUNTED, CALL(fat_delete_mbr(a.image)), -ENOMEM, "@: cannot allocate space\n"},
@@ -542,7 +542,7 @@ private:
         return at == std::string::npos ? result : result.replace(at, 1, std::to_string(bad));
     }
 
-    // The volume, or none, and what must not change on it.
+    // The volume, if any, and the parts of it that must not change.
     class medium {
     public:
         explicit medium(const volume_state &wanted) {

@@ -1,4 +1,4 @@
-// Removals of which the k-th transfer or allocation fails, for every k until none is left.
+// Removals in which the k-th transfer or allocation fails, for every k up to the last.
 
 #include "tests/support/every_fault.h"
 #include "tests/support/namespace_fixture.h"
@@ -49,7 +49,7 @@ protected:
             ASSERT_TRUE(result == -EIO || result == -ENOMEM || result == -EINVAL ||
                         result == -ENOTEMPTY || result == -ENOENT)
                 << result;
-            // The entry is marked last: it is there, whatever has become of its clusters.
+            // The entry is marked last: it exists, with any state of its clusters.
             ASSERT_EQ(v->disk.peek(v->top.offset_of(0), 512), others);
             ASSERT_LE(v->count_free() - free_before, clusters);
             ASSERT_EQ(v->value_of(20), volume::end_mark());

@@ -32,7 +32,7 @@ protected:
 using UnlinkAnyShape = namespace_on_any_shape;
 INSTANTIATE_TEST_SUITE_P(Shapes, UnlinkAnyShape, testing::ValuesIn(many_shapes()), shape_name);
 
-// What is said where the chain of what is to be deleted is none.
+// Messages if the entry to delete has no chain.
 const std::string NO_CLUSTERS = "fat_read_clus[N]: Invalid arg!\n\n"
                                 "fat_release_clusters[N]: Failed to read cluster!\n\n"
                                 "do_delete[N]: Check here!\n\n";
@@ -56,7 +56,7 @@ TEST_P(UnlinkAnyShape, FileGoesWithItsClusters) {
     v.top.append(short_entry("BEFORE     ", ARCHIVE, 90, 1));
     const entry_image entry = short_entry("FILE    TXT", ARCHIVE, 5, 3 * mounted::cluster_bytes());
     v.top.append(entry);
-    v.top.append(short_entry("BEHIND     ", ARCHIVE, 91, 1));
+    v.top.append(short_entry("AFTER      ", ARCHIVE, 91, 1));
     v.chain({5, 9, volume::last_cluster()});
     v.chain({90});
     v.chain({91});
@@ -69,7 +69,7 @@ TEST_P(UnlinkAnyShape, FileGoesWithItsClusters) {
 
     EXPECT_EQ(v.top.at(2), deleted(entry));
     EXPECT_EQ(v.top.at(1), short_entry("BEFORE     ", ARCHIVE, 90, 1));
-    EXPECT_EQ(v.top.at(3), short_entry("BEHIND     ", ARCHIVE, 91, 1));
+    EXPECT_EQ(v.top.at(3), short_entry("AFTER      ", ARCHIVE, 91, 1));
     for (const u32 cluster : {5U, 9U, volume::last_cluster()}) {
         EXPECT_EQ(v.value_of(cluster), 0U);
     }
@@ -120,7 +120,7 @@ TEST_P(UnlinkAnyShape, FileWithoutClustersCannotBeUnlinked) {
     EXPECT_EQ(v.top.at(1), deleted(entry));
 }
 
-// It has no entries behind the dots, which counts as empty, and no chain to follow.
+// It has no entries after the dots, which counts as empty, and no chain to follow.
 TEST_F(Unlink, DirectoryWithoutClustersCannotBeUnlinked) {
     v.top.append(short_entry("DIR        ", DIRECTORY, 0));
     v.disk.log.clear();
@@ -137,17 +137,17 @@ TEST_F(Unlink, FileThatIsOpenGoesAllTheSame) {
 }
 
 // Only a warning: all clusters of the chain are freed.
-TEST_F(DoDelete, ReleaseOfAChainThatTheImageDoesNotFitGoesOn) {
+TEST_F(DoDelete, ReleaseOfAChainThatTheCachedEntryDoesNotFitContinues) {
     v.top.go_to(1);
     v.top.append(short_entry("FILE       ", ARCHIVE, 5, 100000));
     v.chain({5, 6});
-    EXPECT_EQ(unlink("file"), came_to(1, found(0, 1))); // its size is not looked at
+    EXPECT_EQ(unlink("file"), came_to(1, found(0, 1))); // its size is not checked
     EXPECT_EQ(v.value_of(6), 0U);
 }
 
 // ---- orphan slots -----------------------------------------------------------------------------
 
-TEST_P(UnlinkAnyShape, SlotsOfALongNameStayBehind) {
+TEST_P(UnlinkAnyShape, SlotsOfALongNameRemain) {
     sv->last_alloc_clus = 9;
     symlink("target", "Some long name");
     const std::vector<entry_image> slots = {v.top.at(1), v.top.at(2)};
@@ -209,7 +209,7 @@ TEST_F(Unlink, DirectoryWithAnythingElseIsNotEmpty) {
     for (const entry_image &entry :
          {short_entry("FILE       "), short_entry("DIR        ", DIRECTORY, 7),
           short_entry("LABEL      ", LABEL), long_slot(0x41, u"Orphan", 0)}) {
-        // Behind unused entries as well: they do not end the walk.
+        // After unused entries as well: they do not end the walk.
         for (const u32 index : {2U, 3U, 63U, 64U, 127U}) {
             inside.put(index, entry);
             EXPECT_EQ(unlink("dir"),
@@ -404,7 +404,7 @@ TEST_F(DoDelete, EntryIsOpenedUnderTheLastFreeId) {
     EXPECT_NE(v.value_of(6), 0U);
 }
 
-TEST_F(RemovePath, EntryThatCannotBeMarkedIsTold) {
+TEST_F(RemovePath, EntryThatCannotBeMarkedIsReported) {
     v.top.append(short_entry("FILE       ", ARCHIVE, 5, 10));
     v.disk.unwritable = {v.top.sectors[0]};
     v.disk.failure_result = -EROFS;
@@ -428,7 +428,7 @@ const std::string NOT_A_DIRECTORY = "is_empty_dir[N]: Check here!\n\n";
 
 } // namespace
 
-TEST_F(IsEmptyDirectory, OnlyLiveDirectoriesAreLookedAt) {
+TEST_F(IsEmptyDirectory, OnlyLiveDirectoriesAreChecked) {
     directory dir = v.sub_directory({5});
     const auto ask = [&dir] { return is_empty_dir(&dir.record); };
     for (const auto &[first, attr] : std::initializer_list<std::pair<unsigned, unsigned>>{
@@ -442,7 +442,7 @@ TEST_F(IsEmptyDirectory, OnlyLiveDirectoriesAreLookedAt) {
     EXPECT_EQ(called(ask), came_to(1));
 }
 
-TEST_F(IsEmptyDirectory, FirstTwoEntriesAreNotLookedAt) {
+TEST_F(IsEmptyDirectory, FirstTwoEntriesAreNotChecked) {
     directory dir = v.sub_directory({5});
     EXPECT_EQ(is_empty_dir(&dir.record), 1);
     dir.put(0, short_entry("FILE       "));
@@ -453,7 +453,7 @@ TEST_F(IsEmptyDirectory, FirstTwoEntriesAreNotLookedAt) {
     EXPECT_EQ(messages.text(), "");
 }
 
-TEST_F(IsEmptyDirectory, DirectoryWithoutEntriesBehindTheDotsGivesZero) {
+TEST_F(IsEmptyDirectory, DirectoryWithoutEntriesAfterTheDotsGivesZero) {
     directory dir = v.sub_directory({5});
     dir.put(2, short_entry("FILE       "));
     v.disk.log.clear();
@@ -481,7 +481,7 @@ TEST_F(IsEmptyDirectory, EachSectorIsReadOnce) {
 
 // ---- marking slots ----------------------------------------------------------------------------
 
-// Slots whose checksum is that of the name already marked are what the walk back looks for.
+// The walk back searches for slots with the checksum of the name that is already marked.
 TEST_F(RemoveEntry, WalkBackMarksEachMatchingSlotUpToTheLastOfTheName) {
     const u8 sum = checksum_when_removed("FILE       ");
     const entry_image a = long_slot(0x01, u"aaaaaaaaaaaaa", sum);
@@ -519,7 +519,7 @@ TEST_F(RemoveEntry, WalkBackMarksEachMatchingSlotUpToTheLastOfTheName) {
     }
 }
 
-TEST_F(RemoveEntry, SlotsInTwoMoreSectorsAreWrittenBehindTheEntry) {
+TEST_F(RemoveEntry, SlotsInTwoMoreSectorsAreWrittenAfterTheEntry) {
     const u8 sum = checksum_when_removed("FILE       ");
     v.top.go_to(15);
     v.top.append(long_slot(0x52, u"last", sum));
@@ -550,7 +550,7 @@ TEST_F(RemoveEntry, SlotsInAFourthSectorAreOutOfRange) {
 }
 
 // The sector in front is read to see that its last slot does not match, and written back.
-TEST_F(RemoveEntry, SectorThatWasOnlyLookedAtIsWrittenToo) {
+TEST_F(RemoveEntry, SectorThatWasOnlyReadIsWrittenToo) {
     v.top.go_to(16);
     v.top.append(short_entry("FILE       "));
     v.disk.log.clear();
@@ -633,7 +633,7 @@ TEST_F(GetNameOfEntry, DirectoryHasANameToo) {
     EXPECT_EQ(text(), "Sub");
 }
 
-// Every entry without a long name says so, unless it is the first of its directory.
+// Prints a message for every entry without a long name, unless it is the first of its directory.
 TEST_F(GetNameOfEntry, ShortNameIsShownInItsCase) {
     v.top.append(short_entry("FIRST   TXT"));
     entry_image lower = short_entry("README  TXT");

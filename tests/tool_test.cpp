@@ -1,4 +1,4 @@
-// Whole runs of the program: what it prints, its exit status, and what becomes of the target.
+// Calls of the program: its output, its exit status, and its effect on the target.
 
 #include "tests/support/files.h"
 #include "tests/support/process.h"
@@ -23,7 +23,7 @@ namespace {
 
 constexpr std::uint64_t MIB = 1 << 20;
 
-// What shows that a target was written to.
+// The attributes that change if a target is written to.
 struct target_state {
     off_t size = 0;
     blkcnt_t blocks = 0;
@@ -47,7 +47,7 @@ target_state state_of(const std::string &path) {
 }
 
 // A scratch directory with targets in it. The small one takes FAT16 with -S 512 and one sector per
-// cluster, which keeps whole images cheap to compare.
+// cluster, so that whole images are cheap to compare.
 class ToolTest : public ::testing::Test {
 protected:
     static constexpr std::uint64_t SMALL_SIZE = 4 * MIB;
@@ -81,7 +81,7 @@ protected:
         return without_moment(path);
     }
 
-    // Runs and expects that the target is left alone.
+    // Runs the program and expects that the target is not changed.
     static void expect_untouched(const std::string &target, const std::vector<std::string> &options,
                                  const outcome &expected) {
         const target_state before = state_of(target);
@@ -118,7 +118,7 @@ TEST_F(ToolTest, ShowsUsageWithoutAnOperandOrWithTwo) {
     expect_untouched(first, {second}, usage);
 }
 
-TEST_F(ToolTest, ShowsUsageForWhatIsNoOption) {
+TEST_F(ToolTest, ShowsUsageForAnUnknownOption) {
     const std::string target = small_image();
     for (const char *option : {"-x", "-h", "--help", "--version"}) {
         SCOPED_TRACE(option);
@@ -166,7 +166,7 @@ TEST_F(ToolTest, RefusesAClusterOver32KiBWithItsMessageAlone) {
 
 // ---- success ----------------------------------------------------------------------------------
 
-TEST_F(ToolTest, SaysNothingButSuccess) {
+TEST_F(ToolTest, PrintsNothingButSuccess) {
     EXPECT_EQ(run_tool({image(64 * MIB)}), (outcome{0, SUCCESS, ""}));
 }
 
@@ -178,7 +178,7 @@ TEST_F(ToolTest, ShowsTheSummaryOnceHoweverOftenItIsAskedFor) {
     EXPECT_EQ(run_tool({target, "-vvv"}), expected);
 }
 
-TEST_F(ToolTest, ChoosesFat32BeyondWhatFat16CanCount) {
+TEST_F(ToolTest, ChoosesFat32BeyondTheClustersOfFat16) {
     EXPECT_EQ(run_tool({"-v", image(512 * MIB)}), (outcome{0,
                                                            "- Volume size:\t\t536870912 Bytes\n"
                                                            "- FAT type:\t\t32 bits\n"
@@ -195,7 +195,7 @@ TEST_F(ToolTest, ChoosesFat32BeyondWhatFat16CanCount) {
                                                            ""}));
 }
 
-TEST_F(ToolTest, AlignsToPagesOf4096BytesUnlessToldOtherwise) {
+TEST_F(ToolTest, AlignsToPagesOf4096BytesByDefault) {
     const std::string target = image(64 * MIB);
     const auto summary = [](const char *fat_sectors, const char *clusters, const char *fat,
                             const char *rdir, const char *data) {
@@ -229,7 +229,7 @@ TEST_F(ToolTest, TakesClustersOver32KiBWhereTheSectorSizeIsLeftOut) {
     EXPECT_TRUE(layout.is_fat32);
 }
 
-TEST_F(ToolTest, WritesTheDefaultsThatTheUsageTextDoesNotTell) {
+TEST_F(ToolTest, WritesTheDefaultsThatTheUsageTextDoesNotShow) {
     const std::string target = image(64 * MIB);
     const auto before = static_cast<std::uint32_t>(std::time(nullptr));
     EXPECT_EQ(run_tool({target}), (outcome{0, SUCCESS, ""}));
@@ -254,13 +254,13 @@ TEST_F(ToolTest, PutsTheLabelIntoTheBootSectorAlone) {
     EXPECT_EQ(std::string(entry.begin(), entry.end()), "           \x08");
 }
 
-TEST_F(ToolTest, KeepsTheSizeOfAnImage) {
+TEST_F(ToolTest, DoesNotChangeTheSizeOfAnImage) {
     const std::string target = image(SMALL_SIZE + 777);
     EXPECT_EQ(format_small(target), (outcome{0, SUCCESS, ""}));
     EXPECT_EQ(std::filesystem::file_size(target), SMALL_SIZE + 777);
 }
 
-TEST_F(ToolTest, GivesTheSameBytesWhateverWasThereBefore) {
+TEST_F(ToolTest, WritesTheSameBytesOverAnyOldContent) {
     const std::string target = small_image();
     EXPECT_EQ(format_small(target), (outcome{0, SUCCESS, ""}));
     EXPECT_EQ(format_small(target), (outcome{0, SUCCESS, ""}));
@@ -335,7 +335,7 @@ TEST_F(ToolTest, RefusesVolumesThatNoFatFits) {
 
 TEST_F(ToolTest, FailsOnTargetsThatCannotBeOpened) {
     std::filesystem::create_symlink("nowhere", scratch.file("dangling"));
-    std::filesystem::create_symlink("circle", scratch.file("circle"));
+    std::filesystem::create_symlink("loop", scratch.file("loop"));
     const std::string file = small_image();
     const struct {
         std::string target;
@@ -344,7 +344,7 @@ TEST_F(ToolTest, FailsOnTargetsThatCannotBeOpened) {
         {scratch.file("missing"), "No such file or directory"},
         {"", "No such file or directory"},
         {scratch.file("dangling"), "No such file or directory"},
-        {scratch.file("circle"), "Too many levels of symbolic links"},
+        {scratch.file("loop"), "Too many levels of symbolic links"},
         {file + "/below", "Not a directory"},
         {scratch.file(std::string(256, 'n')), "File name too long"},
         {scratch.file(""), "Is a directory"},
@@ -378,14 +378,14 @@ TEST_F(ToolTest, FailsOnTargetsThatAreNeitherFileNorBlockDevice) {
 
 TEST_F(ToolTest, FailsOnTargetsWithoutPermission) {
     if (QUORVEL_COVERED) {
-        GTEST_SKIP() << "nobody may not write what a count of branches leaves behind";
+        GTEST_SKIP() << "an unprivileged user may not write the files of a branch count";
     }
     const std::string target = small_image();
     const std::string tool = scratch.file("quorvel");
     std::filesystem::copy_file(tool_path(), tool);
     std::vector<std::string> command = {tool, target};
     if (geteuid() == 0) {
-        // Root may open everything: become nobody, who must still reach the program.
+        // Root may open everything: become the user `nobody`, who must still reach the program.
         if (!has_program("setpriv")) {
             GTEST_SKIP() << "running as root, and there is no setpriv to give that up";
         }
@@ -402,7 +402,7 @@ TEST_F(ToolTest, FailsOnTargetsWithoutPermission) {
                   (outcome{EXIT_REFUSED, FAILURE,
                            "fat_init_volume[N]: Check here: Permission denied\n\n"}));
     }
-    // Proof that nothing else stood in the way.
+    // Proof that there was no other reason.
     ASSERT_EQ(chmod(target.c_str(), 0666), 0);
     EXPECT_EQ(state_of(target), before);
     command.insert(command.end(), {"-S", "512"});
@@ -469,8 +469,8 @@ protected:
         }
     }
 
-    // Formats a sparse image of 512 MiB that lies on a tmpfs of 256 KiB, of which all but `left`
-    // bytes are taken, and counts the image's bytes that are not zero.
+    // Formats a sparse image of 512 MiB on a tmpfs of 256 KiB, on which `left` bytes are free, and
+    // counts the image's bytes that are not zero.
     [[nodiscard]] outcome format_with_space(unsigned left) const {
         const std::string script = "cd \"$1\" && mount -t tmpfs -o size=256k none . && cd \"$1\" &&"
                                    "truncate -s 512M disk.img &&"
@@ -495,7 +495,7 @@ TEST_F(FullFileSystemTest, FailsWithoutSpaceForTheReservedArea) {
 }
 
 TEST_F(FullFileSystemTest, FailsWithoutSpaceForTheFat) {
-    // 32 reserved sectors fit; of the FAT's 128 sectors, the message tells how many did.
+    // 32 reserved sectors fit. The message contains the number of written FAT sectors, of 128.
     const outcome result = format_with_space(200 * 1024);
     EXPECT_EQ(result.status, EXIT_REFUSED);
     EXPECT_EQ(result.out, FAILURE + "1\n");
@@ -558,7 +558,7 @@ TEST_F(ToolTest, NeedsNoNullDevice) {
 
 // ---- a limit on file sizes --------------------------------------------------------------------
 
-TEST_F(ToolTest, TellsThatTheTargetIsBeyondTheLimitOnFileSizes) {
+TEST_F(ToolTest, ReportsThatTheTargetIsBeyondTheLimitOnFileSizes) {
     const std::string target = image(64 * MIB);
     EXPECT_EQ(
         without_line_numbers(shell("ulimit -f 4; exec \"$@\"", {tool_path(), "-S", "512", target})),
@@ -665,7 +665,7 @@ TEST_F(MountTableTest, SkipsTheCheckWithoutATable) {
     expect_formatted(target_);
 }
 
-TEST_F(MountTableTest, LooksAtTheTableAfterTheOptionsAndBeforeTheClusterSize) {
+TEST_F(MountTableTest, ReadsTheTableAfterTheOptionsAndBeforeTheClusterSize) {
     table(target_ + " /mnt vfat rw 0 0\n");
     const target_state before = state_of(target_);
     EXPECT_EQ(format(target_, {"-F", "12"}),

@@ -26,7 +26,7 @@ constexpr u32 NOW_DATE = 44 << 9 | 2 << 5 | 29;
 constexpr const char *POOL = "ZUQ_POOLSY$";
 constexpr const char *LOG = "$ZUQ_LOGLO$";
 
-// An entry as creation makes it, with what the builders set on top.
+// An entry as creation makes it, with the changes of the builders.
 entry_image made_entry(const char *dos, std::uint8_t attr, u32 start, u32 size) {
     entry_image result = short_entry(dos, attr, start, size);
     result[22] = static_cast<std::uint8_t>(NOW_TIME);
@@ -51,7 +51,7 @@ bytes pool_content(u32 index, u32 cluster, std::size_t size) {
     return result;
 }
 
-// What a medium is expected to have become since it was remembered. Held against it whole.
+// The expected changes of a medium since it was remembered. The whole medium is compared.
 class expected_medium {
 public:
     explicit expected_medium(ram_disk *disk) : disk_(disk) {}
@@ -104,11 +104,11 @@ private:
     std::map<std::uint64_t, bytes> blocks_;
 };
 
-// A mounted volume whose clock stands still; what it says and writes.
+// A mounted volume with a fixed clock; its messages and writes.
 class zuq_case {
 public:
     explicit zuq_case(const volume_shape &shape = {}) : v(shape) {
-        v.top.go_to(1); // behind the label
+        v.top.go_to(1); // after the label
         v.disk.remember();
     }
 
@@ -155,8 +155,8 @@ std::string found(u32 index, u32 base = sv->fat_type == 16 ? 0 : sv->root_clus) 
     return found_at(base, index);
 }
 
-// What a lookup says that comes to the end of a directory without an unused entry.
-std::string behind_end(u32 base, u32 index) {
+// The messages of a lookup that reaches the end of a directory without an unused entry.
+std::string past_end(u32 base, u32 index) {
     return (base == 0 ? "get_phy_sector[N]: Invalid sector number in Root dir\n\n"s : ""s) +
            "get_dentry_with_clu[N]: Failed to get entry sector!:(" + std::to_string(base) + ", " +
            std::to_string(index) + ")\n\n";
@@ -229,7 +229,7 @@ TEST(MakePoolOnFat32, GrowsAFullRootDirectoryFirst) {
     c.v.top.fill_up(short_entry("FULL    TXT"));
     sv->last_alloc_clus = 9;
     const answer a = c.make_pool();
-    EXPECT_EQ(a, (answer{0, behind_end(2, 16)}));
+    EXPECT_EQ(a, (answer{0, past_end(2, 16)}));
     // 16 entries filled the first cluster; the next one is 10, and the pool gets 11.
     EXPECT_EQ(c.v.chain_from(sv->root_clus), (std::vector<u32>{sv->root_clus, 10}));
     const entry_image entry = reserved_entry(POOL, 11, 512);
@@ -266,7 +266,7 @@ TEST(MakePoolTest, RefusesADirectoryOfThatName) {
     c.expect_unchanged();
 }
 
-TEST(MakePoolTest, LiesInTheRootWhateverIsCurrent) {
+TEST(MakePoolTest, IsInTheRootWithAnyCurrentDirectory) {
     zuq_case c;
     const directory sub = c.v.sub_directory({20});
     const int id = c.v.open_new("SUB        ", {20}, 0, DIRECTORY);
@@ -276,8 +276,8 @@ TEST(MakePoolTest, LiesInTheRootWhateverIsCurrent) {
     EXPECT_EQ(get_current(), id);
 }
 
-// The attributes come on top of those that creation gives, which are none but in permission mode.
-TEST(MakePoolTest, KeepsTheBitsOfThePermissionMode) {
+// The attributes come on top of those that creation gives, which are 0 except in permission mode.
+TEST(MakePoolTest, RetainsTheBitsOfThePermissionMode) {
     zuq_case c({.sec_per_clus = 64});
     fat_perm = {1, 0x1234, 0, 0600, 0};
     sv->last_alloc_clus = 99;
@@ -306,14 +306,14 @@ TEST(MakePoolTest, TakesTheSlotOfARemovedEntry) {
     EXPECT_EQ(c.v.data_of({10}), pool_content(2, 10, 512));
 }
 
-TEST(MakePoolTest, TellsOfAFullRootDirectory) {
+TEST(MakePoolTest, ReportsAFullRootDirectory) {
     zuq_case c;
     c.v.top.fill_up(short_entry("FULL    TXT"));
     c.v.disk.remember();
-    EXPECT_EQ(c.make_pool(),
-              (answer{-ENOSPC, behind_end(0, 512) +
-                                   "Root directory has no more space\n"
-                                   "zuq_make_pool[N]: Failed to create pool file!\n\n"}));
+    EXPECT_EQ(
+        c.make_pool(),
+        (answer{-ENOSPC, past_end(0, 512) + "Root directory has no more space\n"
+                                            "zuq_make_pool[N]: Failed to create pool file!\n\n"}));
     c.expect_unchanged();
 }
 
@@ -347,8 +347,8 @@ TEST(MakePoolTest, LeavesTheEntryWhereNoClusterIsFree) {
     }
 }
 
-// The second search for a free cluster passes over broken entries and comes back with number 0.
-TEST(MakePoolTest, TellsOfAClusterThatHasNoSector) {
+// The second search for a free cluster skips broken entries and returns number 0.
+TEST(MakePoolTest, ReportsAClusterThatHasNoSector) {
     zuq_case c({.fat_type = 32});
     c.v.fill_but({});
     c.v.set_link(7, 1);
@@ -360,7 +360,7 @@ TEST(MakePoolTest, TellsOfAClusterThatHasNoSector) {
     EXPECT_EQ(ids_in_use(), std::vector<int>{0});
 }
 
-TEST(MakePoolTest, TellsOfAClusterThatCannotBeWritten) {
+TEST(MakePoolTest, ReportsAClusterThatCannotBeWritten) {
     for (const int moved : {-EIO, 0, 1, 3, 5}) {
         zuq_case c({.fat_type = 16, .sec_per_clus = 4});
         sv->last_alloc_clus = 9;
@@ -376,7 +376,7 @@ TEST(MakePoolTest, TellsOfAClusterThatCannotBeWritten) {
     }
 }
 
-TEST(MakePoolTest, TellsOfAnEntryThatCannotBeUpdated) {
+TEST(MakePoolTest, ReportsAnEntryThatCannotBeUpdated) {
     for (const int moved : {-EIO, 0, 2}) {
         zuq_case c;
         sv->last_alloc_clus = 9;
@@ -427,7 +427,7 @@ TEST_P(MakeLog, IsACleared128KiB) {
     EXPECT_EQ(sv->last_alloc_clus, 300 + count - 1);
 }
 
-// Links of one FAT sector may travel in one write, the last; a cluster is cleared behind its link.
+// Links of one FAT sector may travel in one write, the last; a cluster is cleared after its link.
 TEST_P(MakeLog, ClearsItsClustersInTheirOrderAndWritesTheEntryLast) {
     zuq_case c(GetParam());
     sv->last_alloc_clus = 299;
@@ -508,7 +508,7 @@ TEST(MakeLogTest, RefusesASecondLog) {
     c.expect_unchanged();
 }
 
-TEST(MakeLogTest, StandsBesideThePool) {
+TEST(MakeLogTest, ExistsBesideThePool) {
     for (const u32 fat_type : {16U, 32U}) {
         zuq_case c({.fat_type = fat_type, .sec_per_clus = 8});
         sv->last_alloc_clus = 99;
@@ -520,13 +520,13 @@ TEST(MakeLogTest, StandsBesideThePool) {
     }
 }
 
-TEST(MakeLogTest, TellsOfAFullRootDirectory) {
+TEST(MakeLogTest, ReportsAFullRootDirectory) {
     zuq_case c;
     c.v.top.fill_up(short_entry("FULL    TXT"));
     c.v.disk.remember();
     EXPECT_EQ(c.make_log(),
-              (answer{-ENOSPC, behind_end(0, 512) + "Root directory has no more space\n"
-                                                    "zuq_make_log[N]: Failed to create!\n\n"}));
+              (answer{-ENOSPC, past_end(0, 512) + "Root directory has no more space\n"
+                                                  "zuq_make_log[N]: Failed to create!\n\n"}));
     c.expect_unchanged();
 }
 
@@ -544,8 +544,8 @@ TEST(MakeLogTest, LeavesTheEntryWhereAllIdsAreTaken) {
     EXPECT_EQ(expected.difference(), "");
 }
 
-// The clusters stay in the chain, the entry on the medium does not know them.
-TEST(MakeLogTest, KeepsWhatItHasWhereTheVolumeFillsUpHalfWay) {
+// The clusters remain in the chain; the entry on the medium does not include them.
+TEST(MakeLogTest, RetainsItsClustersIfTheVolumeFillsUpHalfWay) {
     for (const u32 fat_type : {16U, 32U}) {
         zuq_case c({.fat_type = fat_type, .sec_per_clus = 8, .fill = 0x5A});
         c.v.fill_but({40, 41, 50, 77, 78});
@@ -598,7 +598,7 @@ TEST(MakeLogTest, StopsAtAClusterThatCannotBeCleared) {
     }
 }
 
-TEST(MakeLogTest, TellsOfAnEntryThatCannotBeUpdated) {
+TEST(MakeLogTest, ReportsAnEntryThatCannotBeUpdated) {
     int writes = 0;
     for (const bool is_rehearsal : {true, false}) {
         zuq_case c({.sec_per_clus = 64});
@@ -702,7 +702,7 @@ TEST(MakeLogUnderFaults, NamesTheStepOfEveryAllocationThatFails) {
 
 constexpr u32 ALL_ONES = 0xFFFFFFFF;
 
-// What the predicates were asked about.
+// The arguments of the predicates.
 std::vector<std::pair<u32, u32>> asked;
 
 bool never(u32 cluster, u32 key) {
@@ -750,7 +750,7 @@ TEST_P(FindCluster, IsTheFirstOfTheChainThatThePredicateHoldsFor) {
     EXPECT_EQ(asked, each_of({20, 60, 30}, 10));
 }
 
-TEST_P(FindCluster, LooksAtTheStartBeforeAnythingIsRead) {
+TEST_P(FindCluster, ChecksTheStartBeforeAnyRead) {
     EXPECT_EQ(find(10, ALL_ONES, 10, is_equal), (answer{10, ""}));
     EXPECT_EQ(c.v.traffic(), 0U);
     // Also at a number that is no cluster.
@@ -788,7 +788,7 @@ TEST_P(FindCluster, IgnoresAStopThatIsNotAllOnes) {
     }
 }
 
-TEST_P(FindCluster, TellsOfNumbersThatAreNoClusters) {
+TEST_P(FindCluster, ReportsNumbersThatAreNotClusters) {
     const answer refused{-EINVAL, "fat_read_clus[N]: Invalid arg!\n\n"
                                   "find_cluster[N]: Failed to read cluster!\n\n"};
     for (const u32 start : {0U, 1U, volume::last_cluster() + 1, 0x80000000U, ALL_ONES - 1}) {
@@ -800,7 +800,7 @@ TEST_P(FindCluster, TellsOfNumbersThatAreNoClusters) {
     EXPECT_EQ(asked, each_of({ALL_ONES}, 7));
 }
 
-TEST_P(FindCluster, TellsOfLinksThatAreNone) {
+TEST_P(FindCluster, ReportsInvalidLinks) {
     const answer refused{-EINVAL, "fat_read_clus[N]: Invalid cluster!\n\n"
                                   "find_cluster[N]: Failed to read cluster!\n\n"};
     for (const u32 link : {1U, volume::bad_mark(), volume::last_cluster() + 1}) {
@@ -810,7 +810,7 @@ TEST_P(FindCluster, TellsOfLinksThatAreNone) {
     }
 }
 
-TEST_P(FindCluster, EndsACircleInTimeThatFitsIt) {
+TEST_P(FindCluster, EndsACycleInTimeProportionalToIt) {
     for (const u32 before : {0U, 1U, 5U, 100U}) {
         for (const u32 length : {1U, 2U, 3U, 64U, 1000U}) {
             const std::vector<u32> clusters = row(10, before + length);
@@ -818,7 +818,7 @@ TEST_P(FindCluster, EndsACircleInTimeThatFitsIt) {
             c.v.set_link(clusters.back(), clusters[before]);
             EXPECT_EQ(find(10, ALL_ONES, 7, never),
                       (answer{-EINVAL, "find_cluster[N]: Failed to read cluster!\n\n"}))
-                << before << " and then a circle of " << length;
+                << before << " and then a cycle of " << length;
             EXPECT_GE(asked.size(), before + length);
             EXPECT_LE(asked.size(), 4 * (before + length) + 4);
             // A cluster inside is found nonetheless.
@@ -846,7 +846,7 @@ TEST_P(FindCluster, PassesMissingMemoryOn) {
                                  "find_cluster[N]: Failed to read cluster!\n\n");
 }
 
-TEST_P(FindCluster, KeepsNothing) {
+TEST_P(FindCluster, RetainsNothing) {
     c.v.chain({10, 20, 30});
     const allocation_meter meter;
     EXPECT_EQ(find_cluster(10, ALL_ONES, 30, [](u32 cluster, u32 key) { return cluster == key; }),
@@ -952,13 +952,13 @@ TEST_P(FindPool, LooksInTheCurrentDirectoryAlone) {
     EXPECT_EQ(c.find_pool(1), (answer{70, found(2, 60)}));
 }
 
-TEST_P(FindPool, TellsOfAMissingPool) {
+TEST_P(FindPool, ReportsAMissingPool) {
     EXPECT_EQ(c.find_pool(0), (answer{-ENOENT, "fat_open[N]: failed to find directory entry!\n\n"
                                                "fat_find_pool[N]: Failed to open file!\n\n"}));
     EXPECT_EQ(ids_in_use(), std::vector<int>{0});
 }
 
-TEST_P(FindPool, TellsOfADirectoryInItsPlace) {
+TEST_P(FindPool, ReportsADirectoryOfThatName) {
     c.v.chain({20});
     c.v.top.append(short_entry(POOL, DIRECTORY, 20));
     EXPECT_EQ(c.find_pool(0),
@@ -975,8 +975,8 @@ TEST_P(FindPool, FindsNothingInAPoolWithoutClusters) {
                                           "find_cluster[N]: Failed to read cluster!\n\n"}));
 }
 
-// With key 0 a failure is not told apart from the end of the chain.
-TEST_P(FindPool, TellsOfAChainThatBreaksBehindItsBack) {
+// With key 0 a failure cannot be distinguished from the end of the chain.
+TEST_P(FindPool, ReportsAChainThatBreaksDuringTheWalk) {
     put_pool({20, 30});
     const int id = c.v.open(1);
     ASSERT_GT(id, 0);

@@ -1,5 +1,5 @@
-// Volumes that others made, and those of the program itself: mounted as their makers and judges
-// describe them.
+// Volumes that other programs made, and those of the program itself: the mounted geometry is
+// compared with that of the maker and of the checker.
 
 #include "fat/internal.h"
 #include "tests/support/boot_sector.h"
@@ -35,7 +35,7 @@ std::string joined(const words &list) {
     return result;
 }
 
-// ---- the checker's account --------------------------------------------------------------------
+// ---- the report of the checker ----------------------------------------------------------------
 
 // A number as the checker aligns it.
 std::string aligned(std::uint64_t number, const std::string &of_what) {
@@ -47,8 +47,8 @@ std::string at_byte(const std::string &what, const std::string &verb, std::uint6
            " (sector " + std::to_string(sector) + ")\n";
 }
 
-// What the checker of dosfstools has to say of the mounted geometry.
-std::string checker_account(std::uint32_t fats) {
+// The expected report of the checker of dosfstools on the mounted geometry.
+std::string checker_report(std::uint32_t fats) {
     const bool is_fat32 = sv->fat_type == 32;
     const std::uint64_t cluster = std::uint64_t{sv->sec_per_clus} * sv->sector_size;
     std::string text = aligned(sv->sector_size, "bytes per logical sector");
@@ -72,7 +72,7 @@ std::string checker_account(std::uint32_t fats) {
     return text + aligned(sv->total_sectors, "sectors total");
 }
 
-// What it said, without the lines about the disk's tracks and what stands around the geometry.
+// The geometry in its output, without the lines about the tracks of the disk.
 std::string geometry_in(const std::string &messages) {
     std::istringstream lines(messages);
     std::string text;
@@ -90,9 +90,9 @@ std::string geometry_in(const std::string &messages) {
     return messages;
 }
 
-// ---- mounting what others made ----------------------------------------------------------------
+// ---- mounting volumes of other programs -------------------------------------------------------
 
-class MountJudges : public volume_test {
+class MountInteroperability : public volume_test {
 protected:
     static void SetUpTestSuite() {
         // Eight sectors to a track need not divide the volume, which mtools would refuse.
@@ -147,15 +147,15 @@ protected:
         EXPECT_EQ(fat_open("MISSING"), -ENOENT);
     }
 
-    // From the finished image on. `width`: that must come of it.
-    void judge(const std::string &image, unsigned width, std::uint32_t fats,
+    // Checks a finished image. `width`: the expected FAT width.
+    void check(const std::string &image, unsigned width, std::uint32_t fats,
                std::uint32_t cluster_bytes) {
         ASSERT_NO_FATAL_FAILURE(populate(image, cluster_bytes));
         const outcome checked = run({"fsck.fat", "-v", "-n", image});
         ASSERT_NO_FATAL_FAILURE(mount(image));
         EXPECT_EQ(sv->fat_type, width);
         EXPECT_EQ(sv->sec_per_clus * sv->sector_size, cluster_bytes);
-        EXPECT_EQ(geometry_in(checked.out), checker_account(fats));
+        EXPECT_EQ(geometry_in(checked.out), checker_report(fats));
         const std::uint32_t fats_end = sv->fat_start + fats * sv->fat_size;
         EXPECT_EQ(sv->rdir_start, width == 32 ? sv->data_start : fats_end);
         if (width == 32) {
@@ -172,23 +172,23 @@ protected:
         std::uint32_t fats;
         std::uint32_t cluster_bytes;
     };
-    void judge_mkfs(const maker &m) {
+    void check_mkfs(const maker &m) {
         SCOPED_TRACE(joined(m.options) + "on " + std::to_string(m.size));
         const std::string image = scratch.sparse_file("disk.img", m.size);
         words command = {"mkfs.fat", "-F", std::to_string(m.width)};
         command.insert(command.end(), m.options.begin(), m.options.end());
         command.push_back(image);
         ASSERT_NO_FATAL_FAILURE(must(command));
-        judge(image, m.width, m.fats, m.cluster_bytes);
+        check(image, m.width, m.fats, m.cluster_bytes);
     }
-    void judge_mformat(const maker &m) {
+    void check_mformat(const maker &m) {
         SCOPED_TRACE(joined(m.options) + "on " + std::to_string(m.size));
         const std::string image = scratch.sparse_file("disk.img", m.size);
         words command = {"mformat", "-i", image, "-h", "16", "-s", "63"};
         command.insert(command.end(), m.options.begin(), m.options.end());
         command.emplace_back("::");
         ASSERT_NO_FATAL_FAILURE(must(command));
-        judge(image, m.width, m.fats, m.cluster_bytes);
+        check(image, m.width, m.fats, m.cluster_bytes);
     }
 };
 
@@ -205,7 +205,7 @@ std::string volume_summary() {
 
 } // namespace
 
-TEST_F(MountJudges, VolumesOfTheProgram) {
+TEST_F(MountInteroperability, VolumesOfTheProgram) {
     for (const std::string width : {"16", "32"}) {
         for (const std::uint32_t sector : {512U, 1024U, 2048U, 4096U}) {
             for (const std::uint32_t sectors : {1U, 2U, 8U}) {
@@ -226,21 +226,21 @@ TEST_F(MountJudges, VolumesOfTheProgram) {
                     EXPECT_EQ(volume_summary() + "Success to format\n", made.out);
                     ASSERT_NO_FATAL_FAILURE(close_it());
                     ASSERT_NO_FATAL_FAILURE(
-                        judge(image, width == "16" ? 16 : 32, 2, sector * sectors));
+                        check(image, width == "16" ? 16 : 32, 2, sector * sectors));
                 }
             }
         }
     }
 }
 
-TEST_F(MountJudges, Fat16VolumesOfMkfs) {
+TEST_F(MountInteroperability, Fat16VolumesOfMkfs) {
     for (const std::uint32_t sector : {512U, 1024U, 2048U, 4096U}) {
         const std::string size = std::to_string(sector);
         ASSERT_NO_FATAL_FAILURE(
-            judge_mkfs({{"-S", size, "-s", "1"}, std::uint64_t{10000} * sector, 16, 2, sector}));
-        ASSERT_NO_FATAL_FAILURE(judge_mkfs(
+            check_mkfs({{"-S", size, "-s", "1"}, std::uint64_t{10000} * sector, 16, 2, sector}));
+        ASSERT_NO_FATAL_FAILURE(check_mkfs(
             {{"-S", size, "-s", "4"}, std::uint64_t{40000} * sector, 16, 2, 4 * sector}));
-        ASSERT_NO_FATAL_FAILURE(judge_mkfs(
+        ASSERT_NO_FATAL_FAILURE(check_mkfs(
             {{"-a", "-S", size, "-s", "2", "-f", "1", "-R", "7", "-r", "1024", "-h", "63"},
              std::uint64_t{120000} * sector,
              16,
@@ -249,12 +249,12 @@ TEST_F(MountJudges, Fat16VolumesOfMkfs) {
     }
 }
 
-TEST_F(MountJudges, Fat32VolumesOfMkfs) {
+TEST_F(MountInteroperability, Fat32VolumesOfMkfs) {
     for (const std::uint32_t sector : {512U, 1024U, 2048U, 4096U}) {
         const std::string size = std::to_string(sector);
         ASSERT_NO_FATAL_FAILURE(
-            judge_mkfs({{"-S", size, "-s", "1"}, std::uint64_t{70000} * sector, 32, 2, sector}));
-        ASSERT_NO_FATAL_FAILURE(judge_mkfs({{"-a", "-S", size, "-s", "2", "-f", "1", "-R", "40"},
+            check_mkfs({{"-S", size, "-s", "1"}, std::uint64_t{70000} * sector, 32, 2, sector}));
+        ASSERT_NO_FATAL_FAILURE(check_mkfs({{"-a", "-S", size, "-s", "2", "-f", "1", "-R", "40"},
                                             std::uint64_t{150000} * sector,
                                             32,
                                             1,
@@ -262,20 +262,20 @@ TEST_F(MountJudges, Fat32VolumesOfMkfs) {
     }
 }
 
-TEST_F(MountJudges, VolumesOfMformat) {
+TEST_F(MountInteroperability, VolumesOfMformat) {
     for (const std::uint32_t sector : {512U, 1024U, 2048U, 4096U}) {
         const std::string size = std::to_string(sector);
-        ASSERT_NO_FATAL_FAILURE(judge_mformat({{"-M", size, "-c", "2", "-T", "20000"},
+        ASSERT_NO_FATAL_FAILURE(check_mformat({{"-M", size, "-c", "2", "-T", "20000"},
                                                std::uint64_t{20000} * sector,
                                                16,
                                                2,
                                                2 * sector}));
-        ASSERT_NO_FATAL_FAILURE(judge_mformat({{"-M", size, "-c", "1", "-d", "1", "-T", "50000"},
+        ASSERT_NO_FATAL_FAILURE(check_mformat({{"-M", size, "-c", "1", "-d", "1", "-T", "50000"},
                                                std::uint64_t{50000} * sector,
                                                16,
                                                1,
                                                sector}));
-        ASSERT_NO_FATAL_FAILURE(judge_mformat({{"-M", size, "-F", "-c", "1", "-T", "70000"},
+        ASSERT_NO_FATAL_FAILURE(check_mformat({{"-M", size, "-F", "-c", "1", "-T", "70000"},
                                                std::uint64_t{70000} * sector,
                                                32,
                                                2,

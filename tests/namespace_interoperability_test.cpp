@@ -1,9 +1,9 @@
-// What independent FAT implementations make of volumes on which the library creates, writes and
-// removes: after every step mtools lists and copies out the same names and bytes, and the checker
-// of dosfstools finds nothing beyond what it says of every formatted volume. It gets a copy in
-// which the second FAT was made equal to the first and the slots that removals leave behind were
-// cleared: to leave both is the library's way. Where another of its ways shows, the case expects
-// that line.
+// Volumes on which the library creates, writes and removes, in independent FAT implementations:
+// after every step mtools lists and copies out the same names and bytes, and the checker of
+// dosfstools reports only what it reports for every formatted volume. The checker gets a copy in
+// which the second FAT equals the first and the slots of removed names are cleared: the library
+// intentionally does neither. A case that shows another quirk of the library expects the line of
+// the checker.
 
 #include "tests/support/by_path.h"
 #include "tests/support/moment.h"
@@ -39,20 +39,20 @@ std::ostream &operator<<(std::ostream &out, const format_wish &wish) {
     return out << name_of(wish);
 }
 
-// What the checker says beyond the usual, and the clusters that it does not count for that reason.
+// The additional lines of the checker, and the clusters that it does not count for that reason.
 struct remark {
     std::string lines = "";
     std::uint32_t dropped_clusters = 0;
 };
 
-class Judged : public testing::TestWithParam<format_wish> {
+class NamespaceInteroperability : public testing::TestWithParam<format_wish> {
 protected:
-    Judged() {
+    NamespaceInteroperability() {
         // Eight sectors to a track need not divide the volume, which mtools would refuse.
         setenv("MTOOLS_SKIP_CHECK", "1", 1);
         fat_set_diagnostics(nullptr);
     }
-    ~Judged() override {
+    ~NamespaceInteroperability() override {
         if (sv != nullptr) {
             fat_close_volume(0);
         }
@@ -84,7 +84,7 @@ protected:
         ASSERT_EQ(fat_build_super(), 0);
     }
 
-    // -- the library's calls, and what must come of them
+    // -- the calls of the library, and their expected results
 
     void add_file(const std::string &path, std::size_t size) {
         ASSERT_EQ(create(path), 0) << path;
@@ -131,16 +131,16 @@ protected:
         return cluster_bytes_of_open_volume();
     }
 
-    // -- what everyone says
+    // -- the check by all tools
 
-    void judge(const remark &expected = {}) {
+    void check_all(const remark &expected = {}) {
         const survey now = survey_of_open_volume();
         ASSERT_NO_FATAL_FAILURE(ask_mdir());
         ASSERT_NO_FATAL_FAILURE(ask_mcopy());
         ASSERT_NO_FATAL_FAILURE(ask_mtype());
         ASSERT_NO_FATAL_FAILURE(ask_fsck(now, expected));
     }
-    // The copy that the checker looks at.
+    // The copy for the checker.
     std::string prepared_copy(const survey &now) {
         const std::string copy = scratch_.file("copy.img");
         EXPECT_EQ(run({"cp", "--sparse=always", image_, copy}).status, 0);
@@ -278,7 +278,7 @@ std::string wish_name(const testing::TestParamInfo<format_wish> &info) {
 
 // ---- creating ---------------------------------------------------------------------------------
 
-TEST_P(Judged, FilesWithNamesOfEveryForm) {
+TEST_P(NamespaceInteroperability, FilesWithNamesOfEveryForm) {
     for (const char *name :
          {"PLAIN.TXT", "lower.txt", "UPPER.low", "low.UPP", "NOEXT", "a", "Mixed.txt", "a+b=c.txt",
           ".profile", "two.dots.txt", "longfilename.txt", "LongFileName2.Text", "thirteen char",
@@ -286,10 +286,10 @@ TEST_P(Judged, FilesWithNamesOfEveryForm) {
         ASSERT_NO_FATAL_FAILURE(add_file(name, 1));
     }
     ASSERT_NO_FATAL_FAILURE(add_file(std::string(250, 'n') + ".txt", 2));
-    judge();
+    check_all();
 }
 
-TEST_P(Judged, LikeNamesWithTails) {
+TEST_P(NamespaceInteroperability, LikeNamesWithTails) {
     ASSERT_NO_FATAL_FAILURE(add_file("Photograph of the sea", 1));
     for (std::uint32_t i = 1; i <= 120; i++) {
         const std::string name = numbered("Photograph of the sea ", i);
@@ -299,30 +299,30 @@ TEST_P(Judged, LikeNamesWithTails) {
             ASSERT_EQ(create(name), -EEXIST); // all of them are PHOTOGRA
         }
     }
-    judge();
+    check_all();
 }
 
-TEST_P(Judged, DirectoriesInDirectories) {
+TEST_P(NamespaceInteroperability, DirectoriesInDirectories) {
     std::string path;
     for (const char *name : {"FIRST", "second", "Third Level", "4", "FIFTH.DIR"}) {
         path = path_in(path, name);
         ASSERT_NO_FATAL_FAILURE(add_directory(path));
         ASSERT_NO_FATAL_FAILURE(add_file(path + "/FILE.TXT", 10));
     }
-    judge();
+    check_all();
 }
 
-TEST_P(Judged, ADirectoryThatGrowsOverManyClusters) {
+TEST_P(NamespaceInteroperability, ADirectoryThatGrowsOverManyClusters) {
     ASSERT_NO_FATAL_FAILURE(add_directory("SUB"));
     const std::uint32_t names = 3 * unit() / 32 / (GetParam().long_names ? 3 : 1) + 5;
     for (std::uint32_t i = 0; i < names; i++) {
         ASSERT_NO_FATAL_FAILURE(
             add_file(numbered(GetParam().long_names ? "SUB/File with number " : "SUB/F", i), 0));
     }
-    judge();
+    check_all();
 }
 
-TEST_P(Judged, ARootDirectoryThatGrowsOrIsFull) {
+TEST_P(NamespaceInteroperability, ARootDirectoryThatGrowsOrIsFull) {
     std::uint32_t i = 0;
     int result = 0;
     for (; result == 0 && i < 600; i++) {
@@ -333,47 +333,47 @@ TEST_P(Judged, ARootDirectoryThatGrowsOrIsFull) {
     }
     EXPECT_EQ(result, sv->fat_type == 16 ? -ENOSPC : 0);
     EXPECT_EQ(i, sv->fat_type == 16 ? 512U : 600U); // the label has one of the 512 slots
-    judge();
+    check_all();
 }
 
-TEST_P(Judged, Links) {
+TEST_P(NamespaceInteroperability, Links) {
     ASSERT_NO_FATAL_FAILURE(add_link("PLAIN.TXT", "LINK"));
     ASSERT_NO_FATAL_FAILURE(add_link(std::string(260, 't'), "Another link"));
-    judge();
+    check_all();
 }
 
-TEST_P(Judged, ALinkWithoutATargetKeepsItsCluster) {
+TEST_P(NamespaceInteroperability, ALinkWithoutATargetRetainsItsCluster) {
     EXPECT_EQ(make_link("", "LINK"), -EINVAL);
     files_["LINK"] = {};
-    judge({.lines = "/LINK\n"
-                    "  File size is 0 bytes, cluster chain length is > 0 bytes.\n"
-                    "  Truncating file to 0 bytes.\n",
-           .dropped_clusters = 1});
+    check_all({.lines = "/LINK\n"
+                        "  File size is 0 bytes, cluster chain length is > 0 bytes.\n"
+                        "  Truncating file to 0 bytes.\n",
+               .dropped_clusters = 1});
 }
 
 // ---- writing ----------------------------------------------------------------------------------
 
-TEST_P(Judged, FilesOfEverySizeAroundTheBoundaries) {
+TEST_P(NamespaceInteroperability, FilesOfEverySizeAroundTheBoundaries) {
     const std::set<std::uint32_t> sizes = {
         1,      sv->sector_size - 1, sv->sector_size, sv->sector_size + 1, unit() - 1,
         unit(), unit() + 1,          7 * unit() - 1,  7 * unit(),          7 * unit() + 1};
     for (const std::uint32_t size : sizes) {
         ASSERT_NO_FATAL_FAILURE(add_file(numbered("F", size), size));
     }
-    judge();
+    check_all();
 }
 
-TEST_P(Judged, FilesThatGrowInTurns) {
+TEST_P(NamespaceInteroperability, FilesThatGrowInTurns) {
     ASSERT_NO_FATAL_FAILURE(furnish());
     for (std::uint32_t i = 0; i < 12; i++) {
         for (const char *path : {"PLAIN.TXT", "EMPTY", "SUB/INNER.TXT", "LINK"}) {
             ASSERT_NO_FATAL_FAILURE(append(path, 1 + i * unit() / 5));
         }
     }
-    judge();
+    check_all();
 }
 
-TEST_P(Judged, AVolumeFilledToItsLastCluster) {
+TEST_P(NamespaceInteroperability, AVolumeFilledToItsLastCluster) {
     ASSERT_NO_FATAL_FAILURE(furnish());
     ASSERT_NO_FATAL_FAILURE(append("EMPTY", unit()));
     const std::uint32_t left = survey_of_open_volume().count_free();
@@ -381,22 +381,22 @@ TEST_P(Judged, AVolumeFilledToItsLastCluster) {
     ASSERT_NO_FATAL_FAILURE(append("FILLER", (std::size_t{left} - 1) * unit()));
     EXPECT_EQ(make_directory("MORE"), -ENOSPC);
     EXPECT_EQ(append_to("PLAIN.TXT", bytes(unit())), -ENOSPC);
-    judge();
+    check_all();
 }
 
-TEST_P(Judged, AWriteThatFailsOnAFullVolume) {
+TEST_P(NamespaceInteroperability, AWriteThatFailsOnAFullVolume) {
     ASSERT_NO_FATAL_FAILURE(furnish());
     const std::uint32_t left = survey_of_open_volume().count_free();
     const bytes too_much((std::size_t{left} + 1) * unit());
     EXPECT_EQ(append_to("PLAIN.TXT", too_much), -ENOSPC);
-    judge();
-    // The end mark in FAT entry 0 that the failure of an empty file leaves is nobody's concern.
+    check_all();
+    // The end mark in FAT entry 0 that the failure of an empty file leaves is not an error.
     EXPECT_EQ(append_to("EMPTY", too_much), -ENOSPC);
     EXPECT_EQ(survey_of_open_volume().count_free(), left);
-    judge();
+    check_all();
 }
 
-TEST_P(Judged, AWriteThroughAnIdThatFailedOnAnEmptyFileLinksFatEntryZero) {
+TEST_P(NamespaceInteroperability, AWriteThroughAnIdThatFailedOnAnEmptyFileLinksFatEntryZero) {
     ASSERT_EQ(create("EMPTY"), 0);
     const int id = fat_open_file("EMPTY");
     const bytes too_much((std::size_t{survey_of_open_volume().count_free()} + 1) * unit());
@@ -412,39 +412,39 @@ TEST_P(Judged, AWriteThroughAnIdThatFailedOnAnEmptyFileLinksFatEntryZero) {
 
 // ---- removing ---------------------------------------------------------------------------------
 
-TEST_P(Judged, UnlinkedFilesLinksAndDirectories) {
+TEST_P(NamespaceInteroperability, UnlinkedFilesLinksAndDirectories) {
     ASSERT_NO_FATAL_FAILURE(furnish());
     ASSERT_NO_FATAL_FAILURE(add_directory("A directory"));
     for (const char *path : {"PLAIN.TXT", "A long name.text", "LINK", "A directory",
                              "SUB/DEEP/Mixed.txt", "SUB/INNER.TXT"}) {
         ASSERT_NO_FATAL_FAILURE(unlink(path));
     }
-    judge();
+    check_all();
     EXPECT_EQ(survey_of_open_volume().orphan_slots.empty(), !GetParam().long_names);
 }
 
-TEST_P(Judged, RemovedEntriesLeaveTheirClusters) {
+TEST_P(NamespaceInteroperability, RemovedEntriesLeaveTheirClusters) {
     ASSERT_NO_FATAL_FAILURE(furnish());
     ASSERT_NO_FATAL_FAILURE(remove_entry("EMPTY"));
-    judge();
+    check_all();
     ASSERT_NO_FATAL_FAILURE(remove_entry("PLAIN.TXT"));
-    judge();
+    check_all();
     ASSERT_NO_FATAL_FAILURE(remove_entry("SUB"));
-    judge();
+    check_all();
     EXPECT_EQ(survey_of_open_volume().lost.size(), 7U); // 1, and 1 + 1 + 1 + 3 and its own
 }
 
-TEST_P(Judged, NewNamesInThePlacesOfRemovedOnes) {
+TEST_P(NamespaceInteroperability, NewNamesInTheSlotsOfRemovedOnes) {
     ASSERT_NO_FATAL_FAILURE(furnish());
     ASSERT_NO_FATAL_FAILURE(unlink("A long name.text"));
     ASSERT_NO_FATAL_FAILURE(unlink("PLAIN.TXT"));
-    ASSERT_NO_FATAL_FAILURE(add_file("SHORT", 5)); // behind slots that belong to nobody
+    ASSERT_NO_FATAL_FAILURE(add_file("SHORT", 5)); // after slots of no entry
     ASSERT_NO_FATAL_FAILURE(add_file("OTHER", 6));
     ASSERT_NO_FATAL_FAILURE(add_file("Another long name.text", unit() + 1));
-    judge();
+    check_all();
 }
 
-TEST_P(Judged, AVolumeInUseForALongTime) {
+TEST_P(NamespaceInteroperability, AVolumeInUseForALongTime) {
     ASSERT_NO_FATAL_FAILURE(furnish());
     const std::string name = GetParam().long_names ? "SUB/Recording " : "SUB/REC";
     for (std::uint32_t i = 0; i < 60; i++) {
@@ -457,12 +457,12 @@ TEST_P(Judged, AVolumeInUseForALongTime) {
             ASSERT_NO_FATAL_FAILURE(mount());
         }
     }
-    judge();
+    check_all();
 }
 
-// ---- mending ----------------------------------------------------------------------------------
+// ---- repairing --------------------------------------------------------------------------------
 
-TEST_P(Judged, ADirectoryCutShortIsBroughtBackByAChecker) {
+TEST_P(NamespaceInteroperability, ADirectoryCutShortIsRepairedByAChecker) {
     ASSERT_NO_FATAL_FAILURE(add_directory("SUB"));
     for (std::uint32_t i = 2; i <= unit() / 32; i++) {
         ASSERT_NO_FATAL_FAILURE(add_file(numbered("SUB/F", i), 0));
@@ -481,4 +481,4 @@ TEST_P(Judged, ADirectoryCutShortIsBroughtBackByAChecker) {
     EXPECT_EQ(content_by_library("SUB/F2", 0), std::pair(0, bytes()));
 }
 
-INSTANTIATE_TEST_SUITE_P(Shapes, Judged, testing::ValuesIn(WISHES), wish_name);
+INSTANTIATE_TEST_SUITE_P(Shapes, NamespaceInteroperability, testing::ValuesIn(WISHES), wish_name);

@@ -1,5 +1,5 @@
-// Directories that a Linux kernel wrote, read back by the library: what the kernel itself listed is
-// the judge. tests/vm/golden_images makes the images.
+// Directories that a Linux kernel wrote, read back by the library: the expected result is the
+// listing of the kernel itself. tests/vm/golden_images makes the images.
 
 #include "fat/internal.h"
 #include "tests/support/capture.h"
@@ -43,7 +43,7 @@ kernel_list read_list(const std::string &path) {
     return result;
 }
 
-class KernelMaterial : public testing::TestWithParam<const char *> {
+class KernelImages : public testing::TestWithParam<const char *> {
 protected:
     scratch_directory scratch;
     kernel_list expected;
@@ -86,7 +86,7 @@ protected:
         return shell("md5sum <\"$1\"", {path}).out.substr(0, 32) + " " + std::to_string(size);
     }
 
-    // Collects what lies below an open directory.
+    // Collects the entries below an open directory.
     void collect(int directory, const std::string &prefix, kernel_list *found) {
         for (const fat_entry_info &info : entries_of(directory)) {
             const std::string path = prefix + info.name;
@@ -110,14 +110,14 @@ protected:
 
 } // namespace
 
-TEST_P(KernelMaterial, NamesTimesAndContentsAreThoseOfTheKernel) {
+TEST_P(KernelImages, NamesTimesAndContentsAreThoseOfTheKernel) {
     kernel_list found;
     collect(0, "", &found);
     EXPECT_EQ(found.directories, expected.directories);
     EXPECT_EQ(found.files, expected.files);
 }
 
-TEST_P(KernelMaterial, EveryNameInADirectoryIsFoundByThatName) {
+TEST_P(KernelImages, EveryNameInADirectoryIsFoundByThatName) {
     const int directory = fat_open_dir("many");
     ASSERT_GT(directory, 0);
     ASSERT_EQ(fat_set_current(directory), directory);
@@ -133,7 +133,7 @@ TEST_P(KernelMaterial, EveryNameInADirectoryIsFoundByThatName) {
     }
 }
 
-TEST_P(KernelMaterial, TheListingShowsTheSameNames) {
+TEST_P(KernelImages, TheListingShowsTheSameNames) {
     std::set<std::string> listed;
     {
         standard_output output;
@@ -152,7 +152,7 @@ TEST_P(KernelMaterial, TheListingShowsTheSameNames) {
     EXPECT_EQ(listed, names);
 }
 
-INSTANTIATE_TEST_SUITE_P(Images, KernelMaterial, testing::Values("kernel-fat16", "kernel-fat32"),
+INSTANTIATE_TEST_SUITE_P(Volumes, KernelImages, testing::Values("kernel-fat16", "kernel-fat32"),
                          [](const testing::TestParamInfo<const char *> &of) {
                              return std::string(of.param).substr(7);
                          });

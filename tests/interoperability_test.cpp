@@ -1,5 +1,5 @@
-// What independent FAT implementations say of formatted images: the checker of dosfstools and
-// mtools, which read, list and write the volumes.
+// Formatted images in independent FAT implementations: the checker of dosfstools, and mtools, which
+// read, list and write the volumes.
 
 #include "tests/support/files.h"
 #include "tests/support/process.h"
@@ -42,7 +42,7 @@ struct summary {
     }
 };
 
-// Blanks in the format match blanks and tabs of any number.
+// A space in the format matches any number of spaces and tabs.
 constexpr char SUMMARY[] = "- Volume size: %llu Bytes - FAT type: %u bits - FAT size: %u sectors "
                            "- Total sectors: %u sectors - Cluster counts: %u "
                            "- Sector size: %u Bytes - Sectors/cluster: %u "
@@ -73,7 +73,7 @@ struct request {
     unsigned page_size = 0;    // likewise
 };
 
-class JudgesTest : public ::testing::Test {
+class Interoperability : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
         // Eight sectors to a track need not divide the volume, which mtools would refuse.
@@ -87,8 +87,8 @@ protected:
         }
     }
 
-    // Formats a fresh image and shows it to everyone.
-    void judge(const request &wanted) {
+    // Formats a new image and checks it with every tool.
+    void check(const request &wanted) {
         std::string trace;
         for (const std::string &option : wanted.options) {
             trace += option + " ";
@@ -108,7 +108,7 @@ protected:
 private:
     void format(const request &wanted, summary *s) const {
         std::vector<std::string> arguments = wanted.options;
-        arguments.insert(arguments.end(), {"-v", "-l", "JUDGED", image_});
+        arguments.insert(arguments.end(), {"-v", "-l", "CHECKED", image_});
         const outcome result = run_tool(arguments);
         ASSERT_EQ(result.status, 0);
         ASSERT_EQ(result.err, "");
@@ -142,8 +142,8 @@ private:
         }
     }
 
-    // Of a good volume the checker minds the blank label entry and, on FAT32, that nobody has
-    // counted the free clusters yet; there is nothing else to say.
+    // On a good volume the checker reports the blank label entry and, on FAT32, that the free
+    // clusters have not been counted yet, and nothing else.
     void expect_clean(const summary &s, unsigned files, unsigned used_clusters) const {
         const outcome result = run({"fsck.fat", "-n", image_});
         std::string expected = "Volume label '' stored in root directory is not valid.\n"
@@ -192,7 +192,7 @@ private:
             "physical drive id: 0x0",
             "dos4=0x29",
             std::string("serial number: ") + serial.data(),
-            "disk label=\"JUDGED     \"",
+            "disk label=\"CHECKED    \"",
             std::string("disk type=\"") + (is_fat32 ? "FAT32   \"" : "FAT16   \"")};
         if (!is_small) {
             lines.push_back("big size: " + std::to_string(s.total_sectors) + " sectors");
@@ -278,7 +278,8 @@ std::string shape_name(const ::testing::TestParamInfo<cluster_shape> &info) {
     return std::to_string(info.param.sec_per_clus) + "x" + std::to_string(info.param.sector_size);
 }
 
-class EveryClusterShape : public JudgesTest, public ::testing::WithParamInterface<cluster_shape> {
+class EveryClusterShape : public Interoperability,
+                          public ::testing::WithParamInterface<cluster_shape> {
 protected:
     // An image with room for about `clusters` clusters, odd in sectors and with a rest.
     static request make(unsigned fat_type, unsigned page, unsigned clusters) {
@@ -296,71 +297,71 @@ protected:
         result.page_size = page;
         return result;
     }
-    // Goes through the page sizes, from another one on with each number of sectors, so that every
+    // Cycles through the page sizes, from another one on with each number of sectors, so that every
     // width of the FAT and every sector size meet all four.
     static unsigned page_size(unsigned turn) {
         const auto turns = static_cast<unsigned>(std::countr_zero(GetParam().sec_per_clus));
         return PAGE_SIZES[(turns + turn) % PAGE_SIZES.size()];
     }
-    void judge_width(unsigned fat_type, unsigned page, unsigned clusters) {
+    void check_width(unsigned fat_type, unsigned page, unsigned clusters) {
         request wanted = make(fat_type, page, clusters);
         wanted.options.insert(wanted.options.end(),
                               {"-F", std::to_string(fat_type), "-p", std::to_string(page)});
-        judge(wanted);
+        check(wanted);
     }
     // With the width and the page size left to the program.
-    void judge_automatic(unsigned fat_type, unsigned clusters) {
-        judge(make(fat_type, 4096, clusters));
+    void check_automatic(unsigned fat_type, unsigned clusters) {
+        check(make(fat_type, 4096, clusters));
     }
 };
 
 } // namespace
 
 TEST_P(EveryClusterShape, IsSoundInFat16) {
-    judge_width(16, page_size(0), 4200);
-    judge_width(16, page_size(1), 63000);
+    check_width(16, page_size(0), 4200);
+    check_width(16, page_size(1), 63000);
 }
 
 TEST_P(EveryClusterShape, IsSoundInFat32) {
-    judge_width(32, page_size(2), 65600);
-    judge_width(32, page_size(3), 140000);
+    check_width(32, page_size(2), 65600);
+    check_width(32, page_size(3), 140000);
 }
 
 TEST_P(EveryClusterShape, IsSoundWithTheWidthLeftToTheProgram) {
-    judge_automatic(16, 40000);
-    judge_automatic(32, 70000);
+    check_automatic(16, 40000);
+    check_automatic(32, 70000);
 }
 
-INSTANTIATE_TEST_SUITE_P(Judges, EveryClusterShape, ::testing::ValuesIn(cluster_shapes()),
+INSTANTIATE_TEST_SUITE_P(Shapes, EveryClusterShape, ::testing::ValuesIn(cluster_shapes()),
                          shape_name);
 
 // ---- sizes at the limits ----------------------------------------------------------------------
 
-TEST_F(JudgesTest, AcceptTheFewestAndTheMostClustersOfEachWidth) {
+TEST_F(Interoperability, OtherToolsAcceptTheFewestAndTheMostClustersOfEachWidth) {
     const std::vector<std::string> unaligned = {"-S", "512", "-p", "0"};
     const std::vector<std::string> pairs = {"-S", "512", "-s", "2", "-p", "0"};
-    judge({4150ULL * 512, unaligned, 16, 512, 1, 0});         // 4085 clusters
-    judge({66076ULL * 512, {"-S", "512"}, 16, 512, 1, 4096}); // 65524 clusters
-    judge({132106ULL * 512, pairs, 32, 512, 2, 0});           // 65525 clusters
+    check({4150ULL * 512, unaligned, 16, 512, 1, 0});         // 4085 clusters
+    check({66076ULL * 512, {"-S", "512"}, 16, 512, 1, 4096}); // 65524 clusters
+    check({132106ULL * 512, pairs, 32, 512, 2, 0});           // 65525 clusters
 }
 
-TEST_F(JudgesTest, AcceptTotalsOnBothSidesOf16Bits) {
+TEST_F(Interoperability, OtherToolsAcceptTotalsOnBothSidesOf16Bits) {
     const std::vector<std::string> pairs = {"-S", "512", "-s", "2"};
     for (const std::uint64_t sectors : {65534, 65535, 65536, 65537, 65538}) {
-        judge({sectors * 512, pairs, 16, 512, 2, 4096});
+        check({sectors * 512, pairs, 16, 512, 2, 4096});
     }
 }
 
-TEST_F(JudgesTest, AcceptTheDefaults) {
-    judge({64ULL << 20, {}, 16, 4096, 1, 4096});
-    judge({512ULL << 20, {}, 32, 4096, 1, 4096});
+TEST_F(Interoperability, OtherToolsAcceptTheDefaults) {
+    check({64ULL << 20, {}, 16, 4096, 1, 4096});
+    check({512ULL << 20, {}, 32, 4096, 1, 4096});
 }
 
-TEST_F(JudgesTest, AcceptClustersOver32KiB) {
-    judge({18ULL << 30, {"-s", "64", "-F", "32"}, 32, 4096, 64, 4096});
-    judge({3ULL << 30, {"-s", "16"}, 16, 4096, 16, 4096});
+TEST_F(Interoperability, OtherToolsAcceptClustersOver32KiB) {
+    check({18ULL << 30, {"-s", "64", "-F", "32"}, 32, 4096, 64, 4096});
+    check({3ULL << 30, {"-s", "16"}, 16, 4096, 16, 4096});
 }
 
-TEST_F(JudgesTest, AcceptAVolumeWhoseSectorsAreNoMultipleOfATrack) {
-    judge({(64ULL << 20) + 5 * 4096, {}, 16, 4096, 1, 4096});
+TEST_F(Interoperability, OtherToolsAcceptAVolumeWhoseSectorsAreNoMultipleOfATrack) {
+    check({(64ULL << 20) + 5 * 4096, {}, 16, 4096, 1, 4096});
 }

@@ -1,5 +1,5 @@
-// Directories that mtools wrote, on volumes that mkfs.fat made: read back name by name. What mtools
-// itself lists is the judge.
+// Directories that mtools wrote, on volumes that mkfs.fat made: read back name by name. The
+// expected result is the listing of mtools itself.
 
 #include "fat/internal.h"
 #include "tests/support/capture.h"
@@ -52,10 +52,10 @@ const names ROOT_NAMES = {
 };
 const std::string LONGEST = std::string(251, 'n') + ".txt";
 
-// A name that fits 8.3 byte by byte and is therefore looked for as a short one.
+// A name that fits 8.3 byte by byte and is therefore searched for as a short one.
 const std::string SHORT_BUT_NOT_ASCII = "\xE6\x97\xA5\xE6\x9C\xAC.txt";
 
-// A name that mtools stores as it is, while names looked for lose their trailing dots.
+// A name that mtools stores without a change; a search cuts off trailing dots.
 const std::string ENDS_WITH_A_DOT = "ends with a dot.";
 
 std::string file_number(int i) {
@@ -67,13 +67,13 @@ std::string file_number(int i) {
 // The images, made once and copied for each case.
 class workshop {
 public:
-    explicit workshop(unsigned width) : image_(scratch_.file("material.img")) {
+    explicit workshop(unsigned width) : image_(scratch_.file("fixture.img")) {
         make(width);
     }
     [[nodiscard]] const std::string &image() const {
         return image_;
     }
-    // What went wrong, if anything.
+    // The errors, or empty.
     [[nodiscard]] const std::string &complaint() const {
         return complaint_;
     }
@@ -101,7 +101,7 @@ private:
         must("i=$1 to=$2 && cd \"$3\" && shift 3 && mcopy -i \"$i\" \"$@\" \"$to\"", arguments);
     }
     void make(unsigned width) {
-        must("mkfs.fat -C -F \"$1\" -s 1 -S 512 -n MATERIAL -i 20240229 \"$2\" \"$3\"",
+        must("mkfs.fat -C -F \"$1\" -s 1 -S 512 -n FIXTURE -i 20240229 \"$2\" \"$3\"",
              {std::to_string(width), image_, std::to_string(width == 16 ? FAT16_KIB : FAT32_KIB)});
         names root = ROOT_NAMES;
         root.push_back(LONGEST);
@@ -142,7 +142,7 @@ struct shown {
     bool is_directory;
 };
 
-class MtoolsMaterial : public testing::TestWithParam<unsigned> {
+class MtoolsImages : public testing::TestWithParam<unsigned> {
 protected:
     static void TearDownTestSuite() {
         for (auto &shop : workshops) {
@@ -238,7 +238,7 @@ protected:
         return {};
     }
 
-    // Shows the directory the way a listing does: long names where they are whole, else the short
+    // Shows the directory like a listing: long names where they are whole, else the short
     // ones.
     std::vector<shown> list(oentry *dir) {
         std::vector<shown> result;
@@ -295,7 +295,7 @@ protected:
         ADD_FAILURE() << name << " is not listed";
         return 0;
     }
-    // Where entry `index` lies.
+    // The position of entry `index`.
     static dentry_location place_of(oentry *dir, u32 index) {
         std::vector<u8> buffer(sv->sector_size);
         u8 *entry = nullptr;
@@ -304,7 +304,7 @@ protected:
         return result;
     }
 
-    // -- the judge
+    // -- the listing of mtools
 
     [[nodiscard]] names listed_by_mdir(const std::string &path) const {
         const std::string prefix = "::" + path;
@@ -339,7 +339,7 @@ protected:
                                        ", " + std::to_string(index) + ")\n");
         messages.clear();
     }
-    // The file behind the name is the one that was given this content.
+    // The file of this name is the one that was written with this content.
     void expect_content(const shown &entry, const std::string &content) const {
         const u64 offset = u64{fat_sector(entry.start)} * sv->sector_size;
         const bytes is = read_range(image_, offset, content.size());
@@ -353,7 +353,7 @@ private:
     std::string image_;
     u8 own_dentry_[32] = {};
 };
-INSTANTIATE_TEST_SUITE_P(Width, MtoolsMaterial, testing::Values(16U, 32U));
+INSTANTIATE_TEST_SUITE_P(Width, MtoolsImages, testing::Values(16U, 32U));
 
 // Ends the case where the system has no conversion modules.
 #define NEED_ENCODING(charset)                                                                     \
@@ -364,7 +364,7 @@ INSTANTIATE_TEST_SUITE_P(Width, MtoolsMaterial, testing::Values(16U, 32U));
 
 } // namespace
 
-TEST_P(MtoolsMaterial, EveryNameOfTheRootIsFoundAndLeadsToItsFile) {
+TEST_P(MtoolsImages, EveryNameOfTheRootIsFoundAndLeadsToItsFile) {
     NEED_ENCODING("UTF-8");
     oentry dir = root();
     const std::vector<shown> entries = list(&dir);
@@ -379,7 +379,7 @@ TEST_P(MtoolsMaterial, EveryNameOfTheRootIsFoundAndLeadsToItsFile) {
     }
 }
 
-TEST_P(MtoolsMaterial, ListingShowsWhatWasWrittenAndWhatMtoolsShows) {
+TEST_P(MtoolsImages, ListingShowsTheWrittenFilesLikeMtools) {
     NEED_ENCODING("UTF-8");
     oentry dir = root();
     names expected = ROOT_NAMES;
@@ -392,7 +392,7 @@ TEST_P(MtoolsMaterial, ListingShowsWhatWasWrittenAndWhatMtoolsShows) {
     EXPECT_EQ(listed_by_mdir("/"), expected);
 }
 
-TEST_P(MtoolsMaterial, AsciiNamesNeedNoEncoding) {
+TEST_P(MtoolsImages, AsciiNamesNeedNoEncoding) {
     oentry dir = root();
     const std::vector<shown> entries = list(&dir);
     for (const std::string &name : ROOT_NAMES) {
@@ -412,7 +412,7 @@ TEST_P(MtoolsMaterial, AsciiNamesNeedNoEncoding) {
     EXPECT_NE(index_of(entries, "Gr??e aus K?ln.txt"), 0U);
 }
 
-TEST_P(MtoolsMaterial, NamesAreFoundInTheEncodingOfTheirCaller) {
+TEST_P(MtoolsImages, NamesAreFoundInTheEncodingOfTheirCaller) {
     NEED_ENCODING("ISO-8859-1");
     oentry dir = root();
     const std::string name = "Gr\xFC\xDF"
@@ -433,32 +433,32 @@ TEST_P(MtoolsMaterial, NamesAreFoundInTheEncodingOfTheirCaller) {
               -ENOENT);
 }
 
-TEST_P(MtoolsMaterial, LongestNameIsFoundWithoutAnEncoding) {
+TEST_P(MtoolsImages, LongestNameIsFoundWithoutAnEncoding) {
     oentry dir = root();
     expect_found(&dir, LONGEST, index_of(list(&dir), LONGEST));
 }
 
-TEST_P(MtoolsMaterial, LongestNameIsTooLongForAnEncoding) {
+TEST_P(MtoolsImages, LongestNameIsTooLongForAnEncoding) {
     NEED_ENCODING("UTF-8");
     oentry dir = root();
     EXPECT_EQ(find(&dir, LONGEST), -EINVAL);
     EXPECT_EQ(messages.text().rfind("convert_cstring_to_uname[N]: Failed to convert: n", 0), 0U);
 }
 
-TEST_P(MtoolsMaterial, NameThatFitsItsElevenBytesIsLookedForAsAShortOne) {
+TEST_P(MtoolsImages, NameThatFitsItsElevenBytesIsLookedForAsAShortOne) {
     NEED_ENCODING("UTF-8");
     oentry dir = root();
     EXPECT_NE(index_of(list(&dir), SHORT_BUT_NOT_ASCII), 0U);
     EXPECT_EQ(find(&dir, SHORT_BUT_NOT_ASCII), -ENOENT);
 }
 
-TEST_P(MtoolsMaterial, StoredNameThatEndsWithADotIsOutOfReach) {
+TEST_P(MtoolsImages, StoredNameThatEndsWithADotIsOutOfReach) {
     oentry dir = root();
     EXPECT_NE(index_of(list(&dir), ENDS_WITH_A_DOT), 0U);
     EXPECT_EQ(find(&dir, ENDS_WITH_A_DOT), -ENOENT);
 }
 
-TEST_P(MtoolsMaterial, OtherCaseIsAnotherName) {
+TEST_P(MtoolsImages, OtherCaseIsAnotherName) {
     oentry dir = root();
     const std::vector<shown> entries = list(&dir);
     expect_found(&dir, "plain.txt", index_of(entries, "PLAIN.TXT"));
@@ -469,7 +469,7 @@ TEST_P(MtoolsMaterial, OtherCaseIsAnotherName) {
     }
 }
 
-TEST_P(MtoolsMaterial, EveryShortNameIsFoundByItsBytes) {
+TEST_P(MtoolsImages, EveryShortNameIsFoundByItsBytes) {
     oentry dir = root();
     for (const shown &entry : list(&dir)) {
         const std::string base = entry.short_name.substr(0, entry.short_name.find(' '));
@@ -483,7 +483,7 @@ TEST_P(MtoolsMaterial, EveryShortNameIsFoundByItsBytes) {
 
 // ---- a directory of several clusters with deleted entries in it -------------------------------
 
-TEST_P(MtoolsMaterial, SurvivorsOfADirectoryAreFound) {
+TEST_P(MtoolsImages, SurvivorsOfADirectoryAreFound) {
     oentry dir = sub_directory();
     const std::vector<shown> entries = list(&dir);
     ASSERT_GE(dir.allocated, 8 * 512U);
@@ -507,7 +507,7 @@ TEST_P(MtoolsMaterial, SurvivorsOfADirectoryAreFound) {
     EXPECT_EQ(listed, expected);
 }
 
-TEST_P(MtoolsMaterial, DeletedNamesAreNotFound) {
+TEST_P(MtoolsImages, DeletedNamesAreNotFound) {
     oentry dir = sub_directory();
     for (int i = 3; i <= 60; i += 3) {
         EXPECT_EQ(find(&dir, file_number(i)), -ENOENT);
@@ -516,13 +516,13 @@ TEST_P(MtoolsMaterial, DeletedNamesAreNotFound) {
     EXPECT_EQ(find(&dir, file_number(61)), -ENOENT);
 }
 
-TEST_P(MtoolsMaterial, DotEntriesOfADirectoryAreFound) {
+TEST_P(MtoolsImages, DotEntriesOfADirectoryAreFound) {
     oentry dir = sub_directory();
     expect_found(&dir, ".", 0);
     expect_found(&dir, "..", 1);
 }
 
-TEST_P(MtoolsMaterial, NextNumericTailIsTheLowestThatNoneHas) {
+TEST_P(MtoolsImages, NextNumericTailIsTheLowestUnused) {
     oentry dir = sub_directory();
     std::set<std::string> taken;
     for (const shown &entry : list(&dir)) {
@@ -545,7 +545,7 @@ TEST_P(MtoolsMaterial, NextNumericTailIsTheLowestThatNoneHas) {
 
 // ---- damage -----------------------------------------------------------------------------------
 
-TEST_P(MtoolsMaterial, OrphanedSlotsDoNotHideTheNextName) {
+TEST_P(MtoolsImages, OrphanedSlotsDoNotHideTheNextName) {
     oentry dir = root();
     const std::vector<shown> before = list(&dir);
     const u32 index = index_of(before, "to be orphaned.txt");
@@ -559,16 +559,16 @@ TEST_P(MtoolsMaterial, OrphanedSlotsDoNotHideTheNextName) {
     EXPECT_EQ(names_of(list(&dir)), expected);
 }
 
-TEST_P(MtoolsMaterial, OrphanedSlotsInFrontOfAnotherShortEntryAreTakenForItsName) {
+TEST_P(MtoolsImages, OrphanedSlotsBeforeAnotherShortEntryAreTakenForItsName) {
     oentry dir = root();
     const u32 index = index_of(list(&dir), "to be orphaned.txt");
-    // README moves up behind the slots.
+    // README moves up after the slots.
     const dentry_location place = place_of(&dir, index);
     const std::string name = "README     ";
     poke(place.sector, place.offset, {name.begin(), name.end()});
     expect_found(&dir, "to be orphaned.txt", index);
     expect_found(&dir, "README", index);
-    // Putting the name together looks at the checksum.
+    // Assembling the name checks the checksum.
     messages.clear();
     const std::vector<shown> after = list(&dir);
     EXPECT_EQ(messages.text(),
@@ -578,7 +578,7 @@ TEST_P(MtoolsMaterial, OrphanedSlotsInFrontOfAnotherShortEntryAreTakenForItsName
     EXPECT_EQ(std::count(listed.begin(), listed.end(), "README"), 2);
 }
 
-TEST_P(MtoolsMaterial, WrongChecksumHidesTheNameFromListingsOnly) {
+TEST_P(MtoolsImages, WrongChecksumHidesTheNameFromListingsOnly) {
     oentry dir = root();
     const u32 index = index_of(list(&dir), "a long name.txt");
     const dentry_location first = place_of(&dir, index - 1);
@@ -590,11 +590,11 @@ TEST_P(MtoolsMaterial, WrongChecksumHidesTheNameFromListingsOnly) {
               "get_long_name[N]: not match checksum(" + std::to_string(index - 1) + ")\n");
     EXPECT_EQ(std::count(listed.begin(), listed.end(), "a long name.txt"), 0);
     EXPECT_EQ(std::count(listed.begin(), listed.end(), "ALONGN~1.TXT"), 1);
-    const names judged = listed_by_mdir("/");
-    EXPECT_EQ(std::count(judged.begin(), judged.end(), "ALONGN~1.TXT"), 1);
+    const names by_mtools = listed_by_mdir("/");
+    EXPECT_EQ(std::count(by_mtools.begin(), by_mtools.end(), "ALONGN~1.TXT"), 1);
 }
 
-TEST_P(MtoolsMaterial, SlotsInOddOrderAreFoundButNotListed) {
+TEST_P(MtoolsImages, SlotsInOddOrderAreFoundButNotListed) {
     oentry dir = root();
     const u32 index = index_of(list(&dir), "a long name.txt");
     std::vector<u8> buffer(512);
