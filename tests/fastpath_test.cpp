@@ -89,8 +89,8 @@ struct path_made {
     bool operator==(const path_made &) const = default;
 };
 std::ostream &operator<<(std::ostream &out, const path_made &made) {
-    return out << "{" << made.result << ", printed \"" << made.messages << "\", path \"" << made.path
-               << "\"}";
+    return out << "{" << made.result << ", printed \"" << made.messages << "\", path \""
+               << made.path << "\"}";
 }
 path_made make_path(fast_case *c, int (*call)(int, char *, char *), int id) {
     std::vector<char> path(20, MARK);

@@ -73,7 +73,7 @@ struct row {
     const char *text; // of the call
     std::int64_t (*call)(arguments &a);
     std::int64_t result;
-    const char *messages;     // "@": the name of the call and its line
+    const char *messages; // "@": the name of the call and its line
     const char *out = ""; // on standard output
 };
 
