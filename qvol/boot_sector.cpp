@@ -55,7 +55,8 @@ struct boot_numbers {
             return std::nullopt;
         }
         const u64 root_sectors = fat::div_ceil(root_entries * fat::DENTRY_SIZE, sector_bytes);
-        const u64 areas = reserved + u64{fat_size} * fat_copies + root_sectors;
+        const u64 fat_sectors = u64{fat_size} * fat_copies;
+        const u64 areas = fat_sectors + reserved + root_sectors;
         return areas <= total ? std::optional((total - areas) / cluster_sectors) : std::nullopt;
     }
 };

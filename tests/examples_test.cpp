@@ -27,7 +27,7 @@ protected:
     void expect_sound_but_for_label_and_copies() {
         const outcome checked = run({"fsck.fat", "-n", image_});
         EXPECT_EQ(checked.status & ~1, 0) << checked;
-        EXPECT_EQ(messages("mirror", {"--quiet"}), "");
+        EXPECT_EQ(said("mirror", {"--quiet"}), "");
         for (const char *finding : {"clusters are shared", "Orphan", "Reclaimed", "differ"}) {
             EXPECT_EQ(run({"fsck.fat", "-n", image_}).out.find(finding), std::string::npos);
         }
@@ -47,13 +47,13 @@ TEST_F(Example, ZuqPlayerFillsADeviceForThePlayer) {
     const std::string film = host_file("FILM.AVI", std::string(100'000, 'f'));
     EXPECT_EQ(run({program("zuq_player"), image_, song, film}), (outcome{0, "ready\n", ""}));
 
-    EXPECT_EQ(messages("ls", {"/"}),
+    EXPECT_EQ(said("ls", {"/"}),
               "$ZUQ_LOG.LO$\nA long song.mp3\nFAST.LST\nFILM.AVI\nZUQ_POOL.SY$\n");
     EXPECT_EQ(run({"mtype", "-i", image_, "::A long song.mp3"}).out, "la la la");
     EXPECT_EQ(run({"mtype", "-i", image_, "::FILM.AVI"}).out, std::string(100'000, 'f'));
-    const std::string song_path = messages("fastpath", {"/A long song.mp3"}).substr(0, 19);
-    const std::string film_path = messages("fastpath", {"/FILM.AVI"}).substr(0, 19);
-    EXPECT_EQ(messages("cat", {"/FAST.LST"}),
+    const std::string song_path = said("fastpath", {"/A long song.mp3"}).substr(0, 19);
+    const std::string film_path = said("fastpath", {"/FILM.AVI"}).substr(0, 19);
+    EXPECT_EQ(said("cat", {"/FAST.LST"}),
               song_path + " A long song.mp3\n" + film_path + " FILM.AVI\n");
     expect_sound_but_for_label_and_copies();
 }
@@ -100,14 +100,14 @@ TEST_F(Example, MakeImageGivesTheTreeInAShortImageThatIsTheSameEveryTime) {
     EXPECT_NE(made.out.find("FIRMWARE"), std::string::npos);
 
     // The part that was cut off reads as zeros.
-    const nlohmann::json info = nlohmann::json::parse(messages("info", {"--json"}));
+    const nlohmann::json info = nlohmann::json::parse(said("info", {"--json"}));
     const std::uint64_t whole =
         info["total_sectors"].get<std::uint64_t>() * info["sector_size"].get<std::uint64_t>();
     EXPECT_LE(std::filesystem::file_size(image_), whole);
     std::filesystem::resize_file(image_, whole);
     expect_clean();
-    EXPECT_EQ(messages("ls", {"/"}), "$ZUQ_LOG.LO$\nZUQ_POOL.SY$\nboot\netc\n");
-    EXPECT_EQ(messages("get", {"--quiet", "/etc", scratch_.file("out")}), "");
+    EXPECT_EQ(said("ls", {"/"}), "$ZUQ_LOG.LO$\nZUQ_POOL.SY$\nboot\netc\n");
+    EXPECT_EQ(said("get", {"--quiet", "/etc", scratch_.file("out")}), "");
     EXPECT_EQ(run({"diff", "-r", scratch_.file("tree/etc"), scratch_.file("out")}),
               (outcome{0, "", ""}));
 }
