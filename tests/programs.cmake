@@ -1,9 +1,11 @@
 # test_program(NAME SOURCES S...): a program with the cases of tests/S.cpp, registered as NAME, and as
-# asan.NAME with the sanitized library.
+# asan.NAME with the sanitized library and programs.
 #
 #   OPTIMISED       calculates for long: see support.cmake
 #   SHARDS N        registers N parts, NAME.1 to NAME.N, which may run at the same time
-#   RUNS_PROGRAMS   tests other programs: not under valgrind, not for another machine
+#   RUNS_PROGRAMS   tests other programs: not under valgrind, not for another machine; asan.NAME is the
+#                   same program with the sanitized programs
+#   CALLS_LIBRARY   although it RUNS_PROGRAMS, asan.NAME has the sanitized library, too
 #   ONCE            has no sanitized form
 #   VALGRIND S      the first stage with valgrind.NAME: full or deep (default); never: no stage
 #   FURTHER F...    further source files
@@ -31,7 +33,7 @@ function(register_program name shards)
 endfunction()
 
 function(test_program name)
-  cmake_parse_arguments(arg "OPTIMISED;RUNS_PROGRAMS;ONCE" "SHARDS;VALGRIND"
+  cmake_parse_arguments(arg "OPTIMISED;RUNS_PROGRAMS;CALLS_LIBRARY;ONCE" "SHARDS;VALGRIND"
                         "SOURCES;FURTHER;DEFINITIONS;LIBRARIES;SANITIZED_LIBRARIES;NEEDS" ${ARGN})
   set_property(GLOBAL APPEND PROPERTY quorvel_test_sources ${arg_SOURCES})
   if(QUORVEL_TESTS)
@@ -61,12 +63,19 @@ function(test_program name)
   add_executable(${name} $<TARGET_OBJECTS:${name}_objects>)
   target_link_libraries(${name} PRIVATE ${support} ${arg_LIBRARIES} fat)
   add_dependencies(${name} quorvel ${arg_NEEDS})
+  if(run_sanitized)
+    add_dependencies(${name} quorvel_sanitized)
+  endif()
   register_program(${name} ${arg_SHARDS} ${name} --gtest_brief=1)
 
   if(run_sanitized AND NOT arg_ONCE)
-    add_sanitized_program(${name})
+    set(sanitized ${name})
+    if(NOT arg_RUNS_PROGRAMS OR arg_CALLS_LIBRARY)
+      set(sanitized asan_${name})
+      add_sanitized_program(${name})
+    endif()
     register_program(asan.${name} ${arg_SHARDS} ${CMAKE_COMMAND} -E env ${sanitized_programs}
-                     $<TARGET_FILE:asan_${name}> --gtest_brief=1)
+                     $<TARGET_FILE:${sanitized}> --gtest_brief=1)
   endif()
   if(VALGRIND AND NOT CMAKE_CROSSCOMPILING AND NOT arg_RUNS_PROGRAMS
      AND (deep_stage OR (full_stage AND arg_VALGRIND STREQUAL full)))
@@ -83,7 +92,7 @@ macro(add_sanitized_program name)
   target_link_libraries(asan_${name} PRIVATE ${support} ${arg_SANITIZED_LIBRARIES}
                                              $<TARGET_FILE:fat_sanitized>)
   target_link_options(asan_${name} PRIVATE ${sanitizers})
-  add_dependencies(asan_${name} fat_sanitized quorvel_sanitized quorvel ${arg_NEEDS})
+  add_dependencies(asan_${name} fat_sanitized ${name})
 endmacro()
 
 # Fails if a source of cases is in no program.

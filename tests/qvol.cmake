@@ -41,7 +41,7 @@ test_program(qvol_tests RUNS_PROGRAMS SHARDS 2 SOURCES qvol_build_stop_test qvol
              qvol_check_test qvol_hostile_test qvol_import_test qvol_interrupted_test qvol_json_test
              qvol_map_test qvol_program_test
              DEFINITIONS ${qvol_definitions} LIBRARIES nlohmann_json::nlohmann_json
-             SANITIZED_LIBRARIES nlohmann_json::nlohmann_json NEEDS ${qvol_programs})
+             NEEDS ${qvol_programs})
 if(deep_stage)
   add_test(NAME deep.qvol_check
            COMMAND ${CMAKE_COMMAND} -E env QUORVEL_DEEP_TESTS=1 $<TARGET_FILE:qvol_tests>
@@ -57,5 +57,4 @@ test_program(document_tests RUNS_PROGRAMS SOURCES completion_test documents_test
                          QUORVEL_C_COMPILER="${CMAKE_C_COMPILER}"
                          QUORVEL_EXAMPLES="$<TARGET_FILE_DIR:zuq_player>"
              LIBRARIES nlohmann_json::nlohmann_json
-             SANITIZED_LIBRARIES nlohmann_json::nlohmann_json
              NEEDS ${qvol_programs} zuq_player flash_model)

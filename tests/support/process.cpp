@@ -2,15 +2,19 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <stdexcept>
 
 #include <fcntl.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace testing_support {
 
 namespace {
+
+constexpr int NOT_STARTED = 127; // as a shell reports it
 
 std::string contents(FILE *file) {
     std::string result;
@@ -23,22 +27,54 @@ std::string contents(FILE *file) {
     return result;
 }
 
-[[noreturn]] void become(const std::vector<std::string> &arguments, FILE *out, FILE *err) {
-    const int null = open("/dev/null", O_RDONLY);
-    dup2(null, STDIN_FILENO);
-    dup2(fileno(out), STDOUT_FILENO);
-    dup2(fileno(err), STDERR_FILENO);
+// A variable of the environment for the lifetime of the object; nullptr: not set.
+class scoped_variable {
+public:
+    scoped_variable(const char *name, const char *value) : name_(name) {
+        const char *before = std::getenv(name);
+        before_ = before == nullptr ? std::nullopt : std::optional<std::string>(before);
+        set(value);
+    }
+    scoped_variable(const scoped_variable &) = delete;
+    scoped_variable &operator=(const scoped_variable &) = delete;
+    ~scoped_variable() {
+        set(before_.has_value() ? before_->c_str() : nullptr);
+    }
+
+private:
+    void set(const char *value) const {
+        if (value == nullptr) {
+            unsetenv(name_);
+        } else {
+            setenv(name_, value, 1);
+        }
+    }
+
+    const char *name_;
+    std::optional<std::string> before_;
+};
+
+// Not fork(), which copies the page tables of this process: those of a sanitized one are large.
+pid_t start(const std::vector<std::string> &arguments, FILE *out, FILE *err) {
+    const char *path = std::getenv("PATH");
+    const std::string with_system = std::string(path != nullptr ? path : "") + ":/usr/sbin:/sbin";
+    const scoped_variable search("PATH", with_system.c_str());
+    const scoped_variable language("LC_ALL", "C");
+    const scoped_variable converters("GCONV_PATH", nullptr); // that of an emulated test program
     std::vector<char *> argv;
     for (const std::string &argument : arguments) {
         argv.push_back(const_cast<char *>(argument.c_str()));
     }
     argv.push_back(nullptr);
-    const char *path = std::getenv("PATH");
-    setenv("PATH", (std::string(path != nullptr ? path : "") + ":/usr/sbin:/sbin").c_str(), 1);
-    setenv("LC_ALL", "C", 1);
-    unsetenv("GCONV_PATH"); // that of an emulated test program
-    execvp(argv[0], argv.data());
-    _exit(127);
+    posix_spawn_file_actions_t files;
+    posix_spawn_file_actions_init(&files);
+    posix_spawn_file_actions_addopen(&files, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&files, fileno(out), STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&files, fileno(err), STDERR_FILENO);
+    pid_t child = 0;
+    const int error = posix_spawnp(&child, argv[0], &files, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&files);
+    return error == 0 ? child : -1;
 }
 
 } // namespace
@@ -50,14 +86,14 @@ outcome run(const std::vector<std::string> &arguments) {
         throw std::runtime_error("cannot make temporary files");
     }
     std::fflush(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
-        become(arguments, out, err);
-    }
+    const pid_t child = start(arguments, out, err);
     int status = 0;
-    waitpid(child, &status, 0);
     outcome result;
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    result.status = NOT_STARTED;
+    if (child > 0) {
+        waitpid(child, &status, 0);
+        result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
     result.out = contents(out);
     result.err = contents(err);
     std::fclose(out);
