@@ -86,9 +86,9 @@ std::vector<const reserved_file *> reserved_files(const build_options &options) 
 std::optional<std::string> reserved_problem(const host_node &node, const build_options &options) {
     for (const reserved_file *file : reserved_files(options)) {
         if (fold_case(node.name) == units_of_utf8(file->name)) {
-            const std::string option = file == &POOL_FILE ? "--pool" : "--log";
-            return shown_bytes(node.path) + ": " + option + " makes this file; omit " + option +
-                   " or remove the file";
+            const char *option = file == &POOL_FILE ? "--pool" : "--log";
+            return fmt::format("{}: {} makes this file; omit {} or remove the file",
+                               shown_bytes(node.path), option, option);
         }
     }
     return std::nullopt;
