@@ -1,7 +1,10 @@
 # Decides whether qvol is built and sets `build_qvol`; prints why it is left out.
 
 # Older releases cached a decision that was no request.
-unset(QUORVEL_BUILD_QVOL CACHE)
+if(DEFINED CACHE{QUORVEL_BUILD_QVOL})
+  message(STATUS "QUORVEL_BUILD_QVOL is ignored: use QUORVEL_QVOL")
+  unset(QUORVEL_BUILD_QVOL CACHE)
+endif()
 
 set(build_qvol OFF)
 if(NOT QUORVEL_QVOL MATCHES "^(AUTO|ON|OFF)$")
