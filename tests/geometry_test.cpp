@@ -566,7 +566,7 @@ decision expected_decision(const asked &wish, std::uint32_t total) {
 TEST(CalcFatSectors, AgreesWithTheReferenceModelAroundEveryLimit) {
     for (const std::uint32_t sector : {512U, 1024U, 2048U, 4096U}) {
         for (const std::uint32_t cluster : {1U, 2U, 8U, 64U}) {
-            for (const std::uint32_t page : {0U, 2048U, 4096U, 8192U}) {
+            for (const std::uint32_t page : {0U, 2048U, 4096U, 8192U, 65536U}) {
                 for (const std::uint32_t width : {0U, 16U, 32U}) {
                     const asked wish = {.width = width,
                                         .cluster_sectors = cluster,
@@ -602,7 +602,7 @@ TEST(CalcFatSectors, AgreesWithTheReferenceModelOnRandomRequests) {
         const asked wish = {.width = one_of(0, 16, 32),
                             .cluster_sectors = 1U << random() % 7,
                             .sector_bytes = 512U << random() % 4,
-                            .page_bytes = one_of(0, 2048, 4096, 8192, 3000, 1000),
+                            .page_bytes = one_of(0, 2048, 4096, 8192, 65536, 3000, 1000),
                             .root_entries = one_of(512, 512, 64, 100, 1000, 2048),
                             .fats = one_of(1, 2, 2, 2, 3, 255)};
         // A random number of bits, so that small volumes are as frequent as large ones.
