@@ -125,7 +125,8 @@ private:
             is_16 ? in_pages(ceiling_of(std::int64_t{wish_.root_entries} * 32, sector_)) : 0;
         result_.root_entries = result_.root_sectors * sector_ / 32;
         result_.reserved = in_pages(is_16 ? 1 : 32);
-        data_before_fats_ = total_ - result_.root_sectors - result_.reserved;
+        // Of FAT32, the 32 sectors before they are rounded up to pages.
+        data_before_fats_ = total_ - (is_16 ? result_.root_sectors + result_.reserved : 32);
         const std::int64_t room = std::max<std::int64_t>(0, data_before_fats_) * sector_;
         const std::int64_t fats = wish_.fats;
         const std::int64_t estimate = (room + 2 * entry * fats) / (cluster_ + entry * fats);

@@ -6,7 +6,10 @@
 #include <stdexcept>
 
 #include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,7 +17,8 @@ namespace testing_support {
 
 namespace {
 
-constexpr int NOT_STARTED = 127; // as a shell reports it
+constexpr int NOT_STARTED = 127;        // as a shell reports it
+constexpr int LONGEST_RUN = 600 * 1000; // ms
 
 std::string contents(FILE *file) {
     std::string result;
@@ -77,6 +81,17 @@ pid_t start(const std::vector<std::string> &arguments, FILE *out, FILE *err) {
     return error == 0 ? child : -1;
 }
 
+// Kills a process that does not end.
+void wait_for_end(pid_t child) {
+    const int handle = static_cast<int>(syscall(SYS_pidfd_open, child, 0));
+    pollfd end = {.fd = handle, .events = POLLIN, .revents = 0};
+    if (handle >= 0 && poll(&end, 1, LONGEST_RUN) == 0) {
+        std::fprintf(stderr, "killed after %d s\n", LONGEST_RUN / 1000);
+        kill(child, SIGKILL);
+    }
+    close(handle);
+}
+
 } // namespace
 
 outcome run(const std::vector<std::string> &arguments) {
@@ -91,6 +106,7 @@ outcome run(const std::vector<std::string> &arguments) {
     outcome result;
     result.status = NOT_STARTED;
     if (child > 0) {
+        wait_for_end(child);
         waitpid(child, &status, 0);
         result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
