@@ -2,7 +2,6 @@
 
 #include "fat/internal.h"
 
-#include <bit>
 #include <cerrno>
 #include <cstring>
 
@@ -10,17 +9,11 @@ namespace fat {
 
 namespace {
 
-constexpr u32 ROOT_CLUSTER = 2; // of a new FAT32 volume
 constexpr u32 SECTORS_PER_TRACK = 8;
 constexpr u32 HEADS = 1;
 constexpr u32 FSINFO_SECTOR = 1;
 constexpr u32 BACKUP_SECTOR = 6;
 constexpr u32 MAX_TOTAL_SECTORS_16 = 0xFFFF;
-
-// Intentional: an odd last sector is not part of the file system.
-u32 usable_sectors(u64 volume_bytes, u32 sector_size) {
-    return static_cast<u32>(volume_bytes >> std::countr_zero(sector_size)) & ~1U;
-}
 
 void put_jump_and_name(u8 *pbr, bool is_fat32) {
     u8 *jump = pbr + PBR_JUMP.offset;
@@ -66,29 +59,22 @@ void put_fat16_block(u8 *pbr, const fat_format_param *param, u32 total, u32 fat_
 void put_fat32_block(u8 *pbr, const fat_format_param *param, u32 total, u32 fat_sectors) {
     store(pbr, PBR_TOTAL_SECTORS_32, total);
     store(pbr, PBR32_FAT_SIZE, fat_sectors);
-    store(pbr, PBR32_ROOT_CLUSTER, ROOT_CLUSTER);
+    store(pbr, PBR32_ROOT_CLUSTER, NEW_ROOT_CLUSTER);
     store(pbr, PBR32_FSINFO_SECTOR, FSINFO_SECTOR);
     store(pbr, PBR32_BACKUP_SECTOR, param->nr_rsvd_sec > BACKUP_SECTOR ? BACKUP_SECTOR : 0);
 }
 
-void fill_volume_record(const fat_format_param *param, u32 total, u32 fat_sectors) {
-    sv->fat_type = param->fat_size;
-    sv->fat_size = fat_sectors;
-    sv->total_sectors = total;
-    sv->sector_size = param->sector_size;
-    sv->sec_per_clus = param->sec_per_clus;
-    sv->fat_start = param->nr_rsvd_sec;
-    const u32 fats_end = param->nr_rsvd_sec + fat_sectors * param->nr_fat;
-    if (param->fat_size == 32) {
-        sv->root_clus = ROOT_CLUSTER;
-        sv->data_start = fats_end;
-        sv->rdir_start = sv->data_start + (sv->root_clus - FIRST_DATA_CLUSTER) * sv->sec_per_clus;
-    } else {
-        sv->root_clus = 0;
-        sv->rdir_start = fats_end;
-        sv->data_start = fats_end + div_ceil(param->root_entries * DENTRY_SIZE, param->sector_size);
-    }
-    sv->num_clusters = (total - sv->data_start) / param->sec_per_clus;
+void fill_volume_record(const core::areas &at) {
+    sv->fat_type = at.width;
+    sv->fat_size = at.fat_sectors;
+    sv->total_sectors = at.total_sectors;
+    sv->sector_size = at.sector_size;
+    sv->sec_per_clus = at.sectors_per_cluster;
+    sv->root_clus = at.root_cluster;
+    sv->fat_start = at.fat_start;
+    sv->rdir_start = at.root_start;
+    sv->data_start = at.data_start;
+    sv->num_clusters = at.clusters;
 }
 
 } // namespace
@@ -98,10 +84,10 @@ int create_pbr(u8 *pbr, fat_format_param *param) {
         REPORT("NULL pbr_p!\n\n");
         return -EINVAL;
     }
-    const u32 total = usable_sectors(sv->vol_size, param->sector_size);
-    u32 fat_sectors = 0;
-    u32 clusters = 0;
-    const int result = calc_fat_sectors(param, total, &fat_sectors, &clusters);
+    const u32 total = core::usable_sectors(sv->vol_size, param->sector_size);
+    core::volume_layout layout;
+    core::areas areas;
+    const int result = lay_out_volume(param, total, &layout, &areas);
     if (result < 0) {
         REPORT("failed to calc_fat_sectors!\n\n");
         return result;
@@ -110,14 +96,14 @@ int create_pbr(u8 *pbr, fat_format_param *param) {
     put_jump_and_name(pbr, is_fat32);
     put_common_block(pbr, param);
     if (is_fat32) {
-        put_fat32_block(pbr, param, total, fat_sectors);
+        put_fat32_block(pbr, param, total, areas.fat_sectors);
         put_extended_record(pbr + EBR_OFFSET_FAT32, param);
     } else {
-        put_fat16_block(pbr, param, total, fat_sectors);
+        put_fat16_block(pbr, param, total, areas.fat_sectors);
         put_extended_record(pbr + EBR_OFFSET_FAT16, param);
     }
     store(pbr, PBR_SIGNATURE, BOOT_SIGNATURE);
-    fill_volume_record(param, total, fat_sectors);
+    fill_volume_record(areas);
     return 0;
 }
 

@@ -45,7 +45,7 @@ int search_slots(dentry_walk *walk, u32 slot_count, free_span *span, u32 *positi
             report_at("fat_find_empty_entries", __LINE__, "Check Here!\n\n");
             return result;
         }
-        if (!is_free_slot(entry)) {
+        if (!is_available(entry)) {
             span->length = 0;
         } else if (span->count_free()) {
             return 1;
@@ -179,8 +179,8 @@ int fat_find_empty_entries(oentry *dir, u32 count, u32 *index) {
         REPORT("Check Here!\n\n");
         return -EINVAL;
     }
-    dentry_walk walk;
-    if (!begin_walk(&walk, dir)) {
+    dentry_walk walk(dir);
+    if (!walk.slots.reserve()) {
         REPORT("Check Here!\n\n");
         return -ENOMEM;
     }

@@ -25,8 +25,8 @@ void report_failed_write() {
 
 // Reports a full volume. Deferred changes, which single writes would have made before the search,
 // are written first.
-int fail_full_search(fat_buffer *fat) {
-    const int flushed = flush_fat(fat);
+int fail_full_search(core::table *fat) {
+    const int flushed = flush(fat);
     if (flushed < 0) {
         report_failed_write();
         return flushed;
@@ -37,13 +37,13 @@ int fail_full_search(fat_buffer *fat) {
 
 // Stores a free cluster. Intentional: if the second pass fails for another reason than a full
 // volume, the result is 0 and `cluster` is not changed.
-int find_free_cluster(fat_buffer *fat, u32 *cluster) {
+int find_free_cluster(core::table *fat, u32 *cluster) {
     int found = find_free(fat, sv->last_alloc_clus + 1, sv->num_clusters + 1);
     const bool is_first_pass = found != -ENOENT;
     if (!is_first_pass) {
         found = find_free(fat, FIRST_DATA_CLUSTER, sv->last_alloc_clus);
     }
-    if (fat->write_failed) {
+    if (fat->write_failed()) {
         report_failed_write();
         return -EIO;
     }
@@ -59,8 +59,8 @@ int find_free_cluster(fat_buffer *fat, u32 *cluster) {
     return 0;
 }
 
-int write_link(fat_buffer *fat, u32 cluster, u32 value) {
-    const int result = write_entry(fat, cluster, value);
+int write_link(core::table *fat, u32 cluster, u32 value) {
+    const int result = change(fat, cluster, value);
     if (result < 0) {
         report_failed_write();
     }
@@ -79,14 +79,14 @@ void start_chain(oentry *entry, u32 cluster) {
 }
 
 // Links the cluster first, then terminates the chain; if terminating fails, the link is undone.
-int append_to_chain(fat_buffer *fat, oentry *entry, u32 cluster) {
+int append_to_chain(core::table *fat, oentry *entry, u32 cluster) {
     int result = write_link(fat, entry->last, cluster);
     if (result < 0) {
         return result;
     }
     result = write_link(fat, cluster, FAT_END_MARK);
     if (result < 0) {
-        (void)write_entry(fat, entry->last, FAT_END_MARK); // the first error is the one returned
+        (void)change(fat, entry->last, FAT_END_MARK); // the first error is the one returned
         return result;
     }
     entry->last = cluster;
@@ -94,7 +94,7 @@ int append_to_chain(fat_buffer *fat, oentry *entry, u32 cluster) {
     return 0;
 }
 
-int link_cluster(fat_buffer *fat, oentry *entry, u32 cluster) {
+int link_cluster(core::table *fat, oentry *entry, u32 cluster) {
     if (entry != nullptr && (entry->start != 0 || entry->last != 0)) {
         return append_to_chain(fat, entry, cluster);
     }
@@ -105,7 +105,7 @@ int link_cluster(fat_buffer *fat, oentry *entry, u32 cluster) {
     return result;
 }
 
-int alloc_cluster(fat_buffer *fat, oentry *entry, u32 *cluster) {
+int alloc_cluster(core::table *fat, oentry *entry, u32 *cluster) {
     correct_hint();
     const int found = find_free_cluster(fat, cluster);
     if (found < 0) {
@@ -179,28 +179,29 @@ void undo_growth(oentry *entry, u32 previous_last, u32 cluster) {
 // One change of an undo. A failure here cannot be repaired; the caller returns the error that led
 // here. The failing write may be that of the previous dirty sector: then the change itself is tried
 // again.
-void undo_entry(fat_buffer *fat, u32 cluster, u32 value) {
-    const bool has_pending_changes = fat->needs_flush;
-    if (write_entry(fat, cluster, value) < 0 && has_pending_changes) {
-        (void)write_entry(fat, cluster, value);
+void undo_entry(core::table *fat, u32 cluster, u32 value) {
+    const bool has_pending_changes = fat->has_late_changes();
+    if (change(fat, cluster, value) < 0 && has_pending_changes) {
+        (void)change(fat, cluster, value);
     }
 }
 
 // The link of the current cluster of a walk; negative also if the chain has a cycle.
-int read_link(fat_buffer *fat, cycle_detector *detector, u32 cluster) {
-    return detector->closes_cycle(cluster) ? -EINVAL : follow_link(fat, cluster);
+int read_link(core::table *fat, core::cycle_detector *detector, u32 cluster) {
+    return detector->closes_cycle(cluster) ? -EINVAL : follow(fat, cluster);
 }
 
 // The same for a release. After the clusters that stay, a cycle ends without detection: at the
 // first freed entry.
-int read_released_link(fat_buffer *fat, cycle_detector *detector, u32 cluster, bool is_kept) {
-    return is_kept ? read_link(fat, detector, cluster) : follow_link(fat, cluster);
+int read_released_link(core::table *fat, core::cycle_detector *detector, u32 cluster,
+                       bool is_kept) {
+    return is_kept ? read_link(fat, detector, cluster) : follow(fat, cluster);
 }
 
 // Ends a release that failed: deferred changes are written nevertheless. A failed write takes
 // precedence, since single writes would have met it first.
-int fail_release(fat_buffer *fat, int error) {
-    const bool write_failed = flush_fat(fat) < 0 || fat->write_failed;
+int fail_release(core::table *fat, int error) {
+    const bool write_failed = flush(fat) < 0 || fat->write_failed();
     report_at("fat_release_clusters", __LINE__, "Failed to read cluster!\n\n");
     return write_failed ? -EIO : error;
 }
@@ -210,41 +211,39 @@ int fail_release(fat_buffer *fat, int error) {
 // ---- allocation -------------------------------------------------------------------------------
 
 int fat_alloc_cluster(oentry *entry, u32 *cluster) {
-    fat_buffer fat;
+    core::table fat(here());
     return alloc_cluster(&fat, entry, cluster);
 }
 
 int alloc_clusters(oentry *entry, u32 *clusters, u32 count, u32 *allocated) {
     correct_hint();
     const before_allocation before = save_state(entry);
-    fat_buffer fat;
-    fat.defers_writes = true;
+    core::table fat(here(), core::table::writing::LATE);
     int result = 0;
     for (*allocated = 0; *allocated < count && result == 0;) {
-        fat.step = *allocated;
+        fat.begin_step(*allocated);
         result = alloc_cluster(&fat, entry, &clusters[*allocated]);
         *allocated += result == 0 ? 1 : 0;
     }
-    if (!fat.write_failed && flush_fat(&fat) < 0 && result == 0) {
+    if (!fat.write_failed() && flush(&fat) < 0 && result == 0) {
         report_failed_write();
         result = -EIO;
     }
-    if (fat.write_failed) {
-        restore_lost(before, fat.dirty_since_step, clusters, entry);
+    if (fat.write_failed()) {
+        restore_lost(before, fat.first_lost_step(), clusters, entry);
     }
     return result;
 }
 
 void undo_allocation(oentry *entry, u32 old_last, const u32 *clusters, u32 count, u32 allocated) {
-    fat_buffer fat;
-    fat.defers_writes = true;
+    core::table fat(here(), core::table::writing::LATE);
     undo_entry(&fat, old_last, FAT_END_MARK);
     entry->last = old_last;
     entry->allocated -= allocated * cluster_bytes();
     for (u32 i = 0; i < count && clusters[i] >= FIRST_DATA_CLUSTER; i++) {
         undo_entry(&fat, clusters[i], FAT_FREE);
     }
-    (void)flush_fat(&fat); // an error here is ignored as in undo_entry()
+    (void)flush(&fat); // an error here is ignored as in undo_entry()
 }
 
 int clear_cluster(u32 cluster) {
@@ -293,30 +292,24 @@ int fat_extend_dir(oentry *entry, u32 *cluster) {
 // ---- walks ------------------------------------------------------------------------------------
 
 int fat_count_clusters(u32 first, u32 *last) {
-    fat_buffer fat;
-    cycle_detector detector;
-    u32 cluster = first;
-    for (int count = 1;; count++) {
-        const int next = read_link(&fat, &detector, cluster);
-        if (next < 0) {
-            REPORT("Failed to read cluster!\n\n");
-            return -EINVAL;
-        }
-        if (next == 0) {
-            return 0;
-        }
-        if (is_end_of_chain(static_cast<u32>(next))) {
-            *last = cluster;
-            return count;
-        }
-        cluster = static_cast<u32>(next);
+    core::table fat(here());
+    u32 stopped_at = 0;
+    const core::result<core::chain_length> length = core::measure_chain(fat, first, &stopped_at);
+    if (length.why == core::fault::FREE_CLUSTER) {
+        return 0;
     }
+    if (!length.ok()) {
+        (void)report_link(length.why, stopped_at); // Intentional: whatever the error was
+        REPORT("Failed to read cluster!\n\n");
+        return -EINVAL;
+    }
+    *last = length.value.last;
+    return static_cast<int>(length.value.clusters);
 }
 
 int fat_release_clusters(oentry *entry, u32 keep) {
-    fat_buffer fat;
-    fat.defers_writes = true;
-    cycle_detector detector;
+    core::table fat(here(), core::table::writing::LATE);
+    core::cycle_detector detector;
     u32 cluster = entry->start;
     for (u32 count = 1;; count++) {
         const int next = read_released_link(&fat, &detector, cluster, count <= keep);
@@ -324,13 +317,13 @@ int fat_release_clusters(oentry *entry, u32 keep) {
             return fail_release(&fat, -EINVAL);
         }
         if (count > keep) {
-            const int freed = write_entry(&fat, cluster, FAT_FREE);
+            const int freed = change(&fat, cluster, FAT_FREE);
             if (freed < 0) {
                 return fail_release(&fat, freed);
             }
         }
         if (is_end_of_chain(static_cast<u32>(next))) {
-            if (flush_fat(&fat) < 0) {
+            if (flush(&fat) < 0) {
                 return fail_release(&fat, -EIO);
             }
             if (cluster != entry->last || count * cluster_bytes() != entry->allocated) {
@@ -361,9 +354,9 @@ int fat_get_chains(oentry *entry, u32 **array) {
     u32 *slot = chain.get();
     slot[0] = entry->start;
     u32 i = 0;
-    sector_window fat;
+    core::table fat(here());
     while (i < slots) {
-        const int next = follow_link(&fat, slot[i]);
+        const int next = follow(&fat, slot[i]);
         if (next < 1) {
             REPORT("Failed to read cluster!\n\n");
             return -EINVAL;

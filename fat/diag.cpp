@@ -4,7 +4,6 @@
 
 #include "fat/fat.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -20,19 +19,9 @@ constinit FILE *chosen_stream = nullptr;
 // Number of quiet_scope objects alive.
 constinit unsigned quiet_scopes = 0;
 
-// Where reports are currently collected; null: they are printed.
-constinit fat::deferred_reports *deferred_to = nullptr;
-
 // Null: nothing is printed.
 FILE *diagnostics() {
     return stream_chosen ? chosen_stream : stderr;
-}
-
-void defer(const char *format, va_list arguments) {
-    const std::size_t room = sizeof deferred_to->text - deferred_to->length;
-    const int length =
-        std::vsnprintf(deferred_to->text + deferred_to->length, room, format, arguments);
-    deferred_to->length += std::min(static_cast<std::size_t>(std::max(length, 0)), room - 1);
 }
 
 void report(const char *format, va_list arguments) {
@@ -40,9 +29,7 @@ void report(const char *format, va_list arguments) {
         return;
     }
     const int saved_errno = errno;
-    if (deferred_to != nullptr) {
-        defer(format, arguments);
-    } else if (FILE *stream = diagnostics(); stream != nullptr) {
+    if (FILE *stream = diagnostics(); stream != nullptr) {
         std::vfprintf(stream, format, arguments);
     }
     errno = saved_errno;
@@ -78,19 +65,6 @@ quiet_scope::quiet_scope() {
 
 quiet_scope::~quiet_scope() {
     quiet_scopes--;
-}
-
-deferring_scope::deferring_scope(deferred_reports *deferred) {
-    deferred_to = deferred;
-}
-
-deferring_scope::~deferring_scope() {
-    deferred_to = nullptr;
-}
-
-void report_deferred(deferred_reports *deferred) {
-    report_bare("%s", deferred->text);
-    *deferred = {};
 }
 
 void report_errno(const char *caption) {

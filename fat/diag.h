@@ -2,8 +2,6 @@
 
 #pragma once
 
-#include <cstddef>
-
 namespace fat {
 
 // Prints "FUNCTION[LINE]: " and the message to the diagnostics stream. Does not change errno.
@@ -24,24 +22,6 @@ public:
     quiet_scope &operator=(const quiet_scope &) = delete;
     ~quiet_scope();
 };
-
-// Reports of an operation that ran ahead of its turn. Longer text is truncated.
-struct deferred_reports {
-    char text[512] = {};
-    std::size_t length = 0;
-};
-
-// During its lifetime, appends reports to `deferred` instead of printing them.
-class deferring_scope {
-public:
-    explicit deferring_scope(deferred_reports *deferred);
-    deferring_scope(const deferring_scope &) = delete;
-    deferring_scope &operator=(const deferring_scope &) = delete;
-    ~deferring_scope();
-};
-
-// Prints the deferred reports and clears them.
-void report_deferred(deferred_reports *deferred);
 
 } // namespace fat
 

@@ -27,7 +27,7 @@ struct name_assembler {
     void accept(const u8 *slot);
 
     [[nodiscard]] bool belongs_to(const u8 *short_entry) const {
-        return whole && checksum == dosname_checksum(short_entry + SHORT_NAME.offset);
+        return whole && checksum == core::checksum_of(short_entry + SHORT_NAME.offset);
     }
 };
 
@@ -52,13 +52,10 @@ void name_assembler::accept(const u8 *slot) {
 
 // ---- one entry ----
 
-bool is_symlink(const u8 *entry) {
-    return load(entry, SHORT_CMSEC) == CMSEC_SYMLINK;
-}
-
-u32 kind_of(const u8 *entry) {
-    const u32 type = entry_type(entry);
-    return type == DENTRY_FILE && is_symlink(entry) ? KIND_SYMLINK : type;
+u32 kind_for_programs(const u8 *entry) {
+    const core::slot_kind kind = core::kind_of(entry);
+    return kind == core::slot_kind::FILE && core::is_symlink(entry) ? KIND_SYMLINK
+                                                                    : static_cast<u32>(kind);
 }
 
 // The 11 bytes of a label without their padding; empty for a blank label.
@@ -73,7 +70,7 @@ void label_text(const u8 *entry, char *out) {
 
 // The short name of an entry as text, never empty: a blank name is copied with its padding.
 void short_text(const u8 *entry, u8 lcase, char *out) {
-    if (entry_type(entry) == DENTRY_VOLUME) {
+    if (core::kind_of(entry) == core::slot_kind::LABEL) {
         label_text(entry, out);
     } else {
         convert_dosname_to_cstring(entry + SHORT_NAME.offset, out, lcase);
@@ -91,7 +88,7 @@ bool is_blank_label(const u8 *entry) {
 }
 
 void fill_fields(const u8 *entry, fat_entry_info *info) {
-    info->type = static_cast<u8>(kind_of(entry));
+    info->type = static_cast<u8>(kind_for_programs(entry));
     info->attr = static_cast<u8>(load(entry, SHORT_ATTR));
     info->cmsec = static_cast<u8>(load(entry, SHORT_CMSEC));
     info->mtime = static_cast<u16>(load(entry, SHORT_MTIME));
@@ -102,7 +99,8 @@ void fill_fields(const u8 *entry, fat_entry_info *info) {
 
 void fill_names(const u8 *entry, const name_assembler &name, fat_entry_info *info) {
     short_text(entry, 0, info->short_name);
-    const bool is_label = entry_type(entry) == DENTRY_VOLUME; // a label has no long name
+    const bool is_label =
+        core::kind_of(entry) == core::slot_kind::LABEL; // a label has no long name
     const bool shows_long = !is_label && sv->long_name != 0 && name.belongs_to(entry);
     if (!shows_long || !store_display_name(name.units, info->name)) {
         short_text(entry, static_cast<u8>(load(entry, SHORT_SYSID)), info->name);
@@ -113,30 +111,54 @@ void fill_names(const u8 *entry, const name_assembler &name, fat_entry_info *inf
 
 // Whether listings include the entry.
 bool is_listed(const u8 *entry) {
-    switch (entry_type(entry)) {
-    case DENTRY_FILE:
-    case DENTRY_DIR:
-        return true;
-    case DENTRY_VOLUME:
-        return !is_blank_label(entry);
+    const core::slot_kind kind = core::kind_of(entry);
+    return core::is_named_kind(kind) || (kind == core::slot_kind::LABEL && !is_blank_label(entry));
+}
+
+// A walk that reports nothing.
+struct silent_walk {
+    core::table fat;
+    core::slot_walk slots;
+
+    explicit silent_walk(const oentry *dir)
+        : fat(here_silently()), slots(fat, base_cluster(dir), dir->allocated / DENTRY_SIZE,
+                                      core::slot_walk::empty_read::ZEROS) {}
+    explicit silent_walk(u32 base_clu) : fat(here_silently()), slots(fat, base_clu) {}
+    silent_walk(const silent_walk &) = delete;
+    silent_walk &operator=(const silent_walk &) = delete;
+    ~silent_walk() = default;
+};
+
+// Why a walk ended. Returns 0 for the end of the directory, else a negative errno.
+int end_of_walk(core::fault why) {
+    switch (why) {
+    case core::fault::SIZE_END:
+    case core::fault::ROOT_AREA_END:
+    case core::fault::CHAIN_END:
+        return 0;
+    case core::fault::NO_MEMORY:
+        return -ENOMEM;
+    case core::fault::READ:
+        return -EIO;
     default:
-        return false;
+        return -EINVAL;
     }
 }
 
 // Walks to the next listed entry from `*index` on and advances `*index` past it. Returns 1, 0 at
 // the end of the directory, or a negative errno.
-int next_entry(dentry_walk *walk, u32 *index, u8 **entry, name_assembler *name) {
+int next_entry(core::slot_walk *slots, u32 *index, u8 **entry, name_assembler *name) {
     name->reset();
     for (u32 i = *index;; i++) {
-        const int result = walk_to(walk, i, entry);
-        if (result < 0) {
-            return result == -EFAULT ? 0 : result;
+        const core::result<u8 *> slot = slots->to(i);
+        if (!slot.ok()) {
+            return end_of_walk(slot.why);
         }
-        switch (entry_type(*entry)) {
-        case DENTRY_UNUSED:
+        *entry = slot.value;
+        switch (core::kind_of(*entry)) {
+        case core::slot_kind::UNUSED:
             return 0;
-        case DENTRY_LFN:
+        case core::slot_kind::LONG_NAME:
             name->accept(*entry);
             continue;
         default:
@@ -166,20 +188,17 @@ bool has_same_name(const u8 *a, const u8 *b) {
 
 // Finds an open entry in its directory on the medium, for its names and index.
 int find_names(const oentry *entry, fat_entry_info *info) {
-    dentry_walk walk;
-    if (!begin_walk(&walk, entry->parent_clus)) {
-        return -ENOMEM;
-    }
+    silent_walk walk(entry->parent_clus);
     u32 index = 0;
     for (;;) {
         u8 *found = nullptr;
         name_assembler name;
-        const int result = next_entry(&walk, &index, &found, &name);
+        const int result = next_entry(&walk.slots, &index, &found, &name);
         if (result < 1) {
             return result == 0 ? -ENOENT : result;
         }
-        if (walk.location.sector == entry->dentry_sector &&
-            walk.location.offset == entry->dentry_offset) {
+        const core::slot_place &place = walk.slots.place();
+        if (place.sector == entry->dentry_sector && place.offset == entry->dentry_offset) {
             if (!has_same_name(found, entry->dentry)) {
                 return -ENOENT; // another entry uses the slot now
             }
@@ -196,7 +215,6 @@ int fat_next_entry(int did, uint32_t *index, fat_entry_info *info) {
     if (index == nullptr || info == nullptr || not_mounted(__func__)) {
         return -EINVAL;
     }
-    const quiet_scope quiet;
     const oentry *dir = entry_of(did);
     if (dir == nullptr) {
         return -EBADF;
@@ -204,13 +222,10 @@ int fat_next_entry(int did, uint32_t *index, fat_entry_info *info) {
     if (!is_open_directory(dir)) {
         return -ENOTDIR;
     }
-    dentry_walk walk;
-    if (!begin_walk(&walk, dir)) {
-        return -ENOMEM;
-    }
+    silent_walk walk(dir);
     u8 *entry = nullptr;
     name_assembler name;
-    const int result = next_entry(&walk, index, &entry, &name);
+    const int result = next_entry(&walk.slots, index, &entry, &name);
     if (result == 1) {
         *info = {};
         info->index = *index - 1;
@@ -224,7 +239,6 @@ int fat_info_of(int id, fat_entry_info *info) {
     if (info == nullptr || not_mounted(__func__)) {
         return -EINVAL;
     }
-    const quiet_scope quiet;
     const oentry *entry = entry_of(id);
     if (entry == nullptr) {
         return -EBADF;

@@ -64,7 +64,7 @@ struct fast_walk {
     u32 sector = 0;       // number of the sector in the buffer
     u32 cluster = 0;      // cluster of that sector
     u32 sector_index = 0; // index of that sector in the cluster, or in the root area
-    cycle_detector detector = {};
+    core::cycle_detector detector = {};
 
     // A FAT16 directory without a dentry copy or without a cluster counts as the root area, even if
     // it is another directory.
@@ -345,11 +345,13 @@ int get_long_name_fast(u32 cluster, u32 index, u8 **current, u8 *sector_buf, u16
     }
     const u32 slot_count = ordinal - SLOT_LAST;
     const u8 checksum = static_cast<u8>(load(*current, SLOT_CHECKSUM));
-    chain_cursor cursor;
+    core::table fat(here());
+    core::chain_cursor cursor;
     for (u32 slot = slot_count; slot >= 1; slot--) {
         copy_units(*current, (slot - 1) * SLOT_UNITS, uname);
         index++;
-        const int result = get_dentry_from(&cursor, cluster, index, current, sector_buf, nullptr);
+        const int result =
+            get_dentry_from(&fat, &cursor, cluster, index, current, sector_buf, nullptr);
         if (result < 0) {
             REPORT("fail to get dentry(%u, %d): %s\n\n", cluster, static_cast<int>(index),
                    std::strerror(-result));
@@ -369,9 +371,9 @@ int get_next_cluster(u32 cluster, u32 n, u32 *out) {
         REPORT("Check here!\n\n");
         return -EINVAL;
     }
-    sector_window window;
+    core::table fat(here());
     for (u32 i = 0; i < n; i++) {
-        const int next = follow_link(&window, cluster);
+        const int next = follow(&fat, cluster);
         if (next > 0 && is_end_of_chain(static_cast<u32>(next))) {
             return 0;
         }

@@ -32,25 +32,19 @@ struct data_extent {
     u32 sector = 0; // first sector
     u32 count = 0;
 };
+
 // Finds the extents of a file in order.
 struct extent_finder {
     const oentry *entry;
-    chain_cursor cursor;
-    u32 ahead = 0; // first sector of the next extent, if `has_ahead`
+    core::table fat;
+    core::chain_cursor cursor;
+    core::result<u32> ahead = core::fault::NONE; // first sector of the next extent, if `has_ahead`
     bool has_ahead = false;
-    int ahead_error = 0; // error of the search after the last extent
-    deferred_reports ahead_reports;
 
-    explicit extent_finder(const oentry *of) : entry(of) {}
+    explicit extent_finder(const oentry *of) : entry(of), fat(here()) {}
 
-    int locate(u32 sector_index, u32 *sector) {
-        return locate_sector(&cursor, entry->start, sector_index, sector);
-    }
-    // Searches after the extent. Its reports are deferred until the sectors of the extent have been
-    // transferred.
-    void look_ahead(u32 sector_index) {
-        const deferring_scope deferred(&ahead_reports);
-        ahead_error = locate(sector_index, &ahead);
+    [[nodiscard]] core::result<u32> locate(u32 sector_index) {
+        return core::sector_in_space(fat, &cursor, entry->start, sector_index);
     }
     // Number of sectors after this one in its cluster. The root area of FAT16 has no clusters.
     [[nodiscard]] u32 left_in_cluster(u32 sector_index) const {
@@ -59,20 +53,14 @@ struct extent_finder {
 };
 
 // Finds the extent that begins with sector `sector_index` of the file, of at most `max_sectors`
-// sectors. A lookup that fails after the first sector ends the extent; the next call returns its
-// error.
+// sectors. A lookup that fails after the first sector ends the extent; the next call reports it.
 int find_extent(extent_finder *finder, u32 sector_index, u32 max_sectors, data_extent *extent) {
-    if (finder->ahead_error < 0) {
-        report_deferred(&finder->ahead_reports);
-        return finder->ahead_error;
+    const core::result<u32> first =
+        finder->has_ahead ? finder->ahead : finder->locate(sector_index);
+    if (!first.ok()) {
+        return report_place(first.why, finder->entry->start, finder->cursor);
     }
-    if (!finder->has_ahead) {
-        const int found = finder->locate(sector_index, &finder->ahead);
-        if (found < 0) {
-            return found;
-        }
-    }
-    *extent = {finder->ahead, 0};
+    *extent = {first.value, 0};
     finder->has_ahead = false;
     const u32 limit = std::min(max_sectors, MAX_EXTENT_BYTES / sv->sector_size);
     while (true) {
@@ -81,11 +69,8 @@ int find_extent(extent_finder *finder, u32 sector_index, u32 max_sectors, data_e
         if (extent->count == limit) {
             return 0;
         }
-        finder->look_ahead(sector_index + extent->count);
-        if (finder->ahead_error < 0) {
-            return 0;
-        }
-        if (finder->ahead != extent->sector + extent->count) {
+        finder->ahead = finder->locate(sector_index + extent->count);
+        if (!finder->ahead.ok() || finder->ahead.value != extent->sector + extent->count) {
             finder->has_ahead = true;
             return 0;
         }
@@ -98,16 +83,20 @@ struct data_part {
     u32 bytes;   // length of the part
     u32 sectors; // number of whole sectors; 1 for a part of a sector
 
-    data_part(u64 position, u32 left) {
-        offset = static_cast<u32>(position % sv->sector_size);
-        const bool is_partial = offset != 0 || left < sv->sector_size;
-        sectors = is_partial ? 1 : left / sv->sector_size;
-        bytes = is_partial ? std::min(sv->sector_size - offset, left) : sectors * sv->sector_size;
-    }
     [[nodiscard]] bool is_whole() const {
         return bytes == sectors * sv->sector_size;
     }
 };
+
+// The first part of a request of `left` bytes.
+data_part first_part(u64 position, u32 left) {
+    const u32 offset = static_cast<u32>(position % sv->sector_size);
+    if (offset != 0 || left < sv->sector_size) {
+        return {offset, std::min(sv->sector_size - offset, left), 1};
+    }
+    const u32 sectors = left / sv->sector_size;
+    return {0, sectors * sv->sector_size, sectors};
+}
 
 // Files end below 4 GiB: the low 32 bits of a position select its sector.
 u32 sector_index_at(u64 position) {
@@ -158,7 +147,7 @@ void report_write_lookup(int error) {
 int write_data(const oentry *entry, const u8 *data, u32 count, u32 position) {
     extent_finder finder(entry);
     for (u32 written = 0; written < count;) {
-        data_part part(position, count - written);
+        data_part part = first_part(position, count - written);
         data_extent extent;
         const int found = find_extent(&finder, sector_index_at(position), part.sectors, &extent);
         if (found < 0) {
@@ -291,7 +280,7 @@ void report_read_lookup(int error) {
 int read_data(const oentry *entry, u8 *sector_buf, u8 *data, u32 count, u64 position) {
     extent_finder finder(entry);
     for (u32 done = 0; done < count;) {
-        data_part part(position, count - done);
+        data_part part = first_part(position, count - done);
         data_extent extent;
         const int found = find_extent(&finder, sector_index_at(position), part.sectors, &extent);
         if (found < 0) {

@@ -24,11 +24,14 @@
 
 #pragma once
 
-#include "fat/bytes.h"
+#include "core/chain.h"
+#include "core/geometry.h"
+#include "core/record.h"
+#include "core/resources.h"
+#include "core/slots.h"
+#include "core/table.h"
 #include "fat/diag.h"
 #include "fat/fat.h"
-#include "fat/layout.h"
-#include "fat/resources.h"
 
 #include <ctime>
 #include <iterator>
@@ -37,21 +40,26 @@
 
 // An open file or directory. Global because the public header names it.
 struct oentry {
-    fat::u32 start;         // first cluster, 0 without clusters; FAT16 root: its first sector
-    fat::u32 last;          // last cluster, 0 without clusters; FAT16 root: its last sector
-    fat::u32 allocated;     // bytes of the whole chain
-    fat::u64 pos;           // byte position for reads
-    fat::u32 ref_count;     // references to the table slot
-    fat::u32 dentry_sector; // sector of the directory entry, 0 for the root
-    fat::u32 dentry_offset; // byte offset in that sector
-    fat::u8 *dentry;        // copy of the 32-byte entry, on the heap; null for the root
-    fat::u32 parent_clus;   // first cluster of the parent, 0: the FAT16 root
-    char name[256];         // last component of the path it was opened by
-    fat::u32 readdir_clus;  // cluster that holds entry readdir_pos, for the fast directory walk
-    fat::u32 readdir_pos;   // index of the next entry of the fast directory walk
+    core::u32 start;         // first cluster, 0 without clusters; FAT16 root: its first sector
+    core::u32 last;          // last cluster, 0 without clusters; FAT16 root: its last sector
+    core::u32 allocated;     // bytes of the whole chain
+    core::u64 pos;           // byte position for reads
+    core::u32 ref_count;     // references to the table slot
+    core::u32 dentry_sector; // sector of the directory entry, 0 for the root
+    core::u32 dentry_offset; // byte offset in that sector
+    core::u8 *dentry;        // copy of the 32-byte entry, on the heap; null for the root
+    core::u32 parent_clus;   // first cluster of the parent, 0: the FAT16 root
+    char name[256];          // last component of the path it was opened by
+    core::u32 readdir_clus;  // cluster that holds entry readdir_pos, for the fast directory walk
+    core::u32 readdir_pos;   // index of the next entry of the fast directory walk
 };
 
 namespace fat {
+
+using namespace core::basis;
+using core::is_live_directory;
+using core::set_start_cluster;
+using core::start_cluster;
 
 // ---- public calls -----------------------------------------------------------------------------
 
@@ -106,47 +114,18 @@ inline constexpr mode_t IMAGE_MODE = 0660;
 [[nodiscard]] int file_read_sectors(void *buf, u64 sector, u32 count);
 [[nodiscard]] int file_write_sectors(void *buf, u64 sector, u32 count);
 
-// Sectors that were read together because a walk visits them in ascending order. Lives within one
-// call; the owner reports every write of that call by refresh_sector() or forget_sector().
-struct sector_window {
-    heap_ptr<u8> buffer;
-    u32 room = 0;          // capacity of the buffer, in sectors
-    u64 first = 0;         // number of the first sector in the buffer
-    u32 count = 0;         // sectors in the buffer
-    u32 in_order = 0;      // sectors that the walk has visited without a jump, set by its owner
-    u64 singles_below = 0; // sectors below this are read one by one: reading them together failed
+// The open volume as the engine sees it, with its transfers by read_sectors and write_sectors; all
+// areas are 0 if no volume is open. A copy: valid until the volume record changes.
+[[nodiscard]] core::volume here();
 
-    // The bytes of a sector, null where the window does not contain it.
-    [[nodiscard]] u8 *find(u64 sector) const;
-};
-
-// Ensures room for at least one sector. False without memory.
-[[nodiscard]] bool reserve_sector(sector_window *window);
-
-// Reads up to `count` sectors into the window, limited by the maximum window size, if that is more
-// than one. True if the window contains `sector` afterwards; otherwise the caller reads that one
-// sector. A bad sector further on, a short transfer or a lack of memory are not errors here.
-[[nodiscard]] bool read_ahead(sector_window *window, u64 sector, u32 count);
-
-// Copies the new content of a sector into the window if the window contains that sector.
-void refresh_sector(sector_window *window, u64 sector, const u8 *content);
-
-// Empties the window if it contains a sector whose content is no longer known.
-void forget_sector(sector_window *window, u64 sector);
+// The same; failed reads print nothing.
+[[nodiscard]] core::volume here_silently();
 
 // ---- format -----------------------------------------------------------------------------------
-
-inline constexpr u32 MIN_SECTOR_SIZE = 512;
-inline constexpr u32 MAX_SECTOR_SIZE = 4096;
-inline constexpr u32 MAX_SECTORS_PER_CLUSTER = 64;
 
 // Bytes of one cluster of the volume.
 [[nodiscard]] inline u32 cluster_bytes() {
     return sv->sec_per_clus * sv->sector_size;
-}
-
-[[nodiscard]] constexpr u32 div_ceil(u32 value, u32 unit) {
-    return value / unit + (value % unit != 0 ? 1 : 0);
 }
 
 // Whether the request is safe for the arithmetic of formatting: known FAT width, sector and cluster
@@ -165,6 +144,10 @@ void refuse_request(const char *function, const fat_format_param *param);
 // formatted so, or -1.
 [[nodiscard]] int calc_fat_sectors(fat_format_param *param, u32 total_sectors, u32 *fat_sectors,
                                    u32 *num_clusters);
+
+// The same with the layout, and the areas of the volume.
+[[nodiscard]] int lay_out_volume(fat_format_param *param, u32 total_sectors,
+                                 core::volume_layout *layout, core::areas *areas);
 
 // Fills the zeroed boot sector `pbr` (one sector) and the geometry of `sv`.
 [[nodiscard]] int create_pbr(u8 *pbr, fat_format_param *param);
@@ -190,33 +173,6 @@ void refuse_request(const char *function, const fat_format_param *param);
 
 // ---- fatent -----------------------------------------------------------------------------------
 
-// Write-back buffer for FAT entries within one public call. With `defers_writes`, a changed sector
-// is written when a change moves to another sector or at flush_fat(), so each write takes place
-// after the last change of its sector. Otherwise every change is written at once.
-struct fat_buffer {
-    bool defers_writes = false;
-    bool needs_flush = false;    // `dirty_sector` has changes that are not on the medium
-    bool write_failed = false;   // at least one write failed
-    u32 step = 0;                // number of the current step, set by the owner
-    u32 dirty_since_step = 0;    // step of the first change in the last sector written
-    sector_window dirty_sector;  // the one sector being changed
-    sector_window clean_sectors; // sectors that were only read
-};
-
-// Detects a cycle in a chain in time proportional to its length and in constant memory: the anchor
-// moves forward at distances that double (Brent).
-struct cycle_detector {
-    u32 anchor = 0;
-    bool has_anchor = false;
-    u32 span = 1;  // steps from one anchor to the next
-    u32 steps = 1; // since the anchor was set
-
-    // Call with each cluster of the chain in turn, or with `count` clusters of consecutive numbers.
-    // True if the chain has reached the anchor again.
-    [[nodiscard]] bool closes_cycle(u32 cluster);
-    [[nodiscard]] bool closes_cycle_within(u32 first, u32 count);
-};
-
 [[nodiscard]] bool is_data_cluster(u32 cluster);
 
 // Whether a FAT value ends a chain.
@@ -224,6 +180,12 @@ struct cycle_detector {
 
 // FAT value that marks a bad cluster.
 [[nodiscard]] u32 bad_mark();
+
+// Report a fault of the FAT in the name of the operation on entry `index` that failed: a read or a
+// link followed, or a change. Return its negative errno, and 0 for no fault. CYCLE and
+// FREE_CLUSTER, which are not faults of one entry, give -EINVAL without a report.
+int report_link(core::fault why, u32 index);
+int report_change(core::fault why);
 
 // Stores the value of a FAT entry, without its reserved bits, in `value`. Does not check the
 // cluster number against the volume. Returns 0, -EINVAL, -ENOMEM or -EIO.
@@ -234,31 +196,22 @@ struct cycle_detector {
 // unless the write itself failed.
 [[nodiscard]] int fat_write_entry(u32 cluster, u32 value);
 
-// fat_write_entry() through a write-back buffer, and the write of its deferred changes. The owner
-// of a buffer that defers writes calls flush_fat() at the end. Results and messages are those of
-// fat_write_entry().
-[[nodiscard]] int write_entry(fat_buffer *fat, u32 cluster, u32 value);
-[[nodiscard]] int flush_fat(fat_buffer *fat);
+// Steps of an operation on one view of the FAT, with the results and messages of
+// fat_write_entry() and fat_read_clus().
+[[nodiscard]] int change(core::table *fat, u32 index, u32 value);
+[[nodiscard]] int flush(core::table *fat);
+[[nodiscard]] int follow(core::table *fat, u32 cluster);
 
 // Follows one link. Returns the next cluster, 0 for a free entry, the end-of-chain value, or a
 // negative errno: the number is not a data cluster, the entry is not a link, or the read failed.
 [[nodiscard]] int fat_read_clus(u32 cluster);
 
-// The same for walks, which read a FAT sector once as long as they stay in it. A write-back buffer
-// is flushed before a failure is reported; an error of that write takes precedence.
-[[nodiscard]] int follow_link(sector_window *fat, u32 cluster);
-[[nodiscard]] int follow_link(fat_buffer *fat, u32 cluster);
-
-// Number of links from `cluster` on that lead to the next higher cluster number, as far as the
-// window contains them, at most `max_links`. Reads nothing.
-[[nodiscard]] u32 count_contiguous_links(const sector_window &fat, u32 cluster, u32 max_links);
-
 // The lowest free cluster from `first` to `last`, both included; -ENOENT if there is no free one,
 // or the error of the first entry that cannot be read or is not a link.
 [[nodiscard]] int fat_free_clus(u32 first, u32 last);
 
-// The same through a write-back buffer, including its deferred changes.
-[[nodiscard]] int find_free(fat_buffer *fat, u32 first, u32 last);
+// The same on one view of the FAT, late changes included.
+[[nodiscard]] int find_free(core::table *fat, u32 first, u32 last);
 
 // First sector of a cluster; 0 for a cluster outside the volume.
 [[nodiscard]] u32 fat_sector(u32 cluster);
@@ -397,36 +350,22 @@ void close_encoding();
 // ---- dentry -----------------------------------------------------------------------------------
 
 // Location of an entry: its sector, and the byte offset in that sector.
-struct dentry_location {
-    u32 sector;
-    u32 offset;
-};
+using dentry_location = core::slot_place;
 
-// Position in a cluster chain during a walk over its sectors. Lives within one call.
-struct chain_cursor {
-    u32 first = 0;   // first cluster of the chain; 0: not set
-    u32 cluster = 0; // current cluster
-    u32 links = 0;   // number of links from the first cluster to the current one
-    cycle_detector detector;
-    sector_window fat;
-};
-
-// A walk over the entries of one directory: the sector in its buffer and its position in the chain.
+// A walk over the entries of one directory, with its own view of the FAT.
 struct dentry_walk {
-    const oentry *dir = nullptr; // bounds the walk; null: bounded by the chain only
-    u32 base_clu = 0;            // 0: the FAT16 root area
-    heap_ptr<u8> sector_buf;
-    u32 first_index = 0;    // index of the first entry in the buffer
-    u32 loaded_entries = 0; // number of entries in the buffer
-    sector_window ahead;
-    chain_cursor cursor;
-    dentry_location location = {};
-};
+    u32 base_clu; // 0: the FAT16 root area
+    core::table fat;
+    core::slot_walk slots;
 
-// Begin a walk over an open directory, or over the directory at a base cluster. Return false
-// without memory for the sector, which the caller reports.
-[[nodiscard]] bool begin_walk(dentry_walk *walk, const oentry *dir);
-[[nodiscard]] bool begin_walk(dentry_walk *walk, u32 base_clu);
+    // Over an open directory, or over the directory at a base cluster, which is bounded by its
+    // chain only. The owner calls reserve() of the slots, and reports if that fails.
+    explicit dentry_walk(const oentry *dir);
+    explicit dentry_walk(u32 base);
+    dentry_walk(const dentry_walk &) = delete;
+    dentry_walk &operator=(const dentry_walk &) = delete;
+    ~dentry_walk() = default;
+};
 
 // Sets `entry` to entry `index`; reads its sector unless it is in the buffer. Results and messages
 // are those of fat_get_dentry() for an open directory, else of get_dentry_with_clu().
@@ -443,18 +382,11 @@ struct dentry_walk {
 // the sector size, if the volume was formatted or mounted again while the record was open.
 [[nodiscard]] bool lies_in_one_sector(const oentry &entry);
 
-// Whether a copy of a short entry describes a directory that is not removed. False for null.
-[[nodiscard]] bool is_live_directory(const u8 *dentry);
-
 // Whether a record is the root directory or a directory that is not removed.
 [[nodiscard]] bool is_open_directory(const oentry *entry);
 
-// Whether a slot is available: unused or deleted.
-[[nodiscard]] bool is_free_slot(const u8 *entry);
-
-// First cluster of a short entry.
-[[nodiscard]] u32 start_cluster(const u8 *dentry);
-void set_start_cluster(u8 *dentry, u32 cluster);
+// Whether a new entry may use a slot: unused or deleted. Classifies it by entry_type().
+[[nodiscard]] bool is_available(const u8 *entry);
 
 // Base cluster of an open directory: 0 for the FAT16 root.
 [[nodiscard]] u32 base_cluster(const oentry *dir);
@@ -465,7 +397,12 @@ void set_start_cluster(u8 *dentry, u32 cluster);
 [[nodiscard]] int get_phy_sector(u32 base_clu, u32 sector_index, u32 *sector);
 
 // The same for a walk that continues from `cursor`.
-[[nodiscard]] int locate_sector(chain_cursor *cursor, u32 base_clu, u32 sector_index, u32 *sector);
+[[nodiscard]] int locate_sector(core::table *fat, core::chain_cursor *cursor, u32 base_clu,
+                                u32 sector_index, u32 *sector);
+
+// Reports, in the name of get_phy_sector(), why a sector of the space from `base_clu` on was not
+// found. Returns its negative errno.
+int report_place(core::fault why, u32 base_clu, const core::chain_cursor &cursor);
 
 [[nodiscard]] int get_phy_sector_by_offset(u32 base_clu, u32 byte_offset, u32 *sector);
 [[nodiscard]] int get_entry_sector(u32 base_clu, u32 index, u32 *sector);
@@ -476,8 +413,8 @@ void set_start_cluster(u8 *dentry, u32 cluster);
                                       dentry_location *location);
 
 // The same for a walk that continues from `cursor`.
-[[nodiscard]] int get_dentry_from(chain_cursor *cursor, u32 base_clu, u32 index, u8 **entry,
-                                  u8 *sector_buf, dentry_location *location);
+[[nodiscard]] int get_dentry_from(core::table *fat, core::chain_cursor *cursor, u32 base_clu,
+                                  u32 index, u8 **entry, u8 *sector_buf, dentry_location *location);
 
 // The same for an open directory; -EFAULT for an index past its allocated size.
 [[nodiscard]] int fat_get_dentry(oentry *dir, u32 index, u8 **entry, u8 *sector_buf,

@@ -60,8 +60,8 @@ int compare_long_name(const u8 *entry, const u8 *dosName, const u16 *unicode, co
 
 // Walks the directory for the name. Returns the index of its short entry, or a negative errno.
 int search_directory(u32 base_clu, const fat_name *name) {
-    dentry_walk walk;
-    if (!begin_walk(&walk, base_clu)) {
+    dentry_walk walk(base_clu);
+    if (!walk.slots.reserve()) {
         report_at("find_dentry_with_clu", __LINE__, "Failed to allocate memory!\n\n");
         return -ENOMEM;
     }
@@ -106,13 +106,14 @@ int fill_and_search(u32 base_clu, char *cstring, fat_name *name) {
 }
 
 // Advances `*entry` to the next entry; reads a sector only at the end of the buffer.
-int read_next_entry(chain_cursor *cursor, u32 base_clu, u32 index, u8 **entry, u8 *sector_buf) {
+int read_next_entry(core::table *fat, core::chain_cursor *cursor, u32 base_clu, u32 index,
+                    u8 **entry, u8 *sector_buf) {
     u8 *next = *entry + DENTRY_SIZE;
     if (next < sector_buf + sv->sector_size) {
         *entry = next;
         return 0;
     }
-    const int result = get_dentry_from(cursor, base_clu, index, entry, sector_buf, nullptr);
+    const int result = get_dentry_from(fat, cursor, base_clu, index, entry, sector_buf, nullptr);
     if (result < 0) {
         report_at("get_long_name", __LINE__, "Failed to get entry with cluster ...\n\n");
     }
@@ -218,11 +219,12 @@ int get_long_name(oentry *dir, u32 index, u8 **entry, u8 *sector_buf, u16 *units
     }
     const u32 slot_count = ordinal - SLOT_LAST;
     const u8 checksum = static_cast<u8>(load(*entry, SLOT_CHECKSUM));
-    chain_cursor cursor;
+    core::table fat(here());
+    core::chain_cursor cursor;
     for (u32 slot = slot_count; slot >= 1; slot--) {
         copy_units(*entry, static_cast<s64>(slot - 1) * SLOT_UNITS, units);
         index++;
-        const int result = read_next_entry(&cursor, base_clu, index, entry, sector_buf);
+        const int result = read_next_entry(&fat, &cursor, base_clu, index, entry, sector_buf);
         if (result < 0) {
             return result;
         }

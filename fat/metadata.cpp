@@ -149,8 +149,8 @@ int visit_entry(owner_search *search, oentry *dir, u32 index, const u8 *entry) {
 }
 
 int search_directory(owner_search *search, oentry *dir) {
-    dentry_walk walk;
-    if (!begin_walk(&walk, dir)) {
+    dentry_walk walk(dir);
+    if (!walk.slots.reserve()) {
         report_at("find_entry_with_clu", __LINE__, "Check here!\n\n");
         return -ENOMEM;
     }

@@ -24,7 +24,8 @@ u32 either_total(const u8 *pbr) {
 }
 
 bool is_sector_size(u32 size) {
-    return std::has_single_bit(size) && size >= MIN_SECTOR_SIZE && size <= MAX_SECTOR_SIZE;
+    return std::has_single_bit(size) && size >= core::MIN_SECTOR_SIZE &&
+           size <= core::MAX_SECTOR_SIZE;
 }
 
 // Stores the sizes and the total. False if a size is invalid or missing.

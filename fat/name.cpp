@@ -181,8 +181,8 @@ void mark_tail(const u8 *entry, const u8 *dos, tail_bitmap *tails) {
 
 // Marks the tails of a whole directory. Its end, of whatever form, ends the walk without an error.
 int mark_tails(oentry *dir, const u8 *dos, tail_bitmap *tails) {
-    dentry_walk walk;
-    if (!begin_walk(&walk, dir)) {
+    dentry_walk walk(dir);
+    if (!walk.slots.reserve()) {
         report_at("add_numeric_tail", __LINE__, "Failed to allocate memory!\n\n");
         return -ENOMEM;
     }
@@ -348,11 +348,7 @@ int convert_dosname_to_cstring(const u8 *dos, char *out, u8 lcase) {
 }
 
 u8 dosname_checksum(const u8 *dos) {
-    u8 sum = 0;
-    for (u32 i = 0; i < DOS_NAME_SIZE; i++) {
-        sum = static_cast<u8>(std::rotr(sum, 1) + dos[i]);
-    }
-    return sum;
+    return core::checksum_of(dos);
 }
 
 int append_tail(u8 *dos, u32 n) {
@@ -407,27 +403,11 @@ int verify_valid_name(const char *cstring) {
 // ---- classification ---------------------------------------------------------------------------
 
 u32 entry_type(const u8 *dentry) {
-    const u32 attr = load(dentry, SHORT_ATTR);
-    if (dentry[SHORT_NAME.offset] == NAME_UNUSED) {
-        return DENTRY_UNUSED;
+    const core::slot_kind kind = core::kind_of(dentry);
+    if (kind == core::slot_kind::INVALID) {
+        REPORT("Unknown entry type: %d\n\n", static_cast<int>(load(dentry, SHORT_ATTR)));
     }
-    if (dentry[SHORT_NAME.offset] == NAME_DELETED) {
-        return DENTRY_DELETED;
-    }
-    if ((attr & ATTR_LONG_NAME_MASK) == ATTR_LONG_NAME) {
-        return DENTRY_LFN;
-    }
-    switch (attr & ATTR_KIND_MASK) {
-    case 0:
-        return DENTRY_FILE;
-    case ATTR_DIRECTORY:
-        return DENTRY_DIR;
-    case ATTR_VOLUME:
-        return DENTRY_VOLUME;
-    default:
-        REPORT("Unknown entry type: %d\n\n", static_cast<int>(attr));
-        return DENTRY_INVALID;
-    }
+    return static_cast<u32>(kind);
 }
 
 } // namespace fat

@@ -31,7 +31,7 @@ void set_fat16_root(oentry *entry) {
 
 // Counts the clusters of a record whose start is set. If the chain leads to a free entry, drops the
 // dentry copy of the record, with result 0.
-int measure_chain(oentry *entry) {
+int measure_entry(oentry *entry) {
     entry->pos = 0;
     if (entry->start == 0) {
         entry->last = 0;
@@ -212,7 +212,7 @@ int fat_set_oentry(const u8 *dentry_image, u32 sector, u32 offset, oentry *entry
             return 0;
         }
         entry->start = sv->root_clus;
-        return measure_chain(entry);
+        return measure_entry(entry);
     }
     heap_ptr<u8> copy = zeroed_bytes(DENTRY_SIZE);
     if (copy == nullptr) {
@@ -224,7 +224,7 @@ int fat_set_oentry(const u8 *dentry_image, u32 sector, u32 offset, oentry *entry
     entry->dentry_sector = sector;
     entry->dentry_offset = offset;
     entry->dentry = copy.release();
-    return measure_chain(entry);
+    return measure_entry(entry);
 }
 
 int fat_entry_open(oentry *parent, u32 index) {

@@ -161,8 +161,8 @@ int is_empty_dir(oentry *dir) {
         REPORT("Check here!\n\n");
         return -EINVAL;
     }
-    dentry_walk walk;
-    if (!begin_walk(&walk, dir)) {
+    dentry_walk walk(dir);
+    if (!walk.slots.reserve()) {
         REPORT("Check here!\n\n");
         return -ENOMEM;
     }
@@ -177,7 +177,7 @@ int is_empty_dir(oentry *dir) {
             REPORT("Check here!\n\n");
             return result;
         }
-        if (!is_free_slot(entry)) {
+        if (!is_available(entry)) {
             return -ENOTEMPTY;
         }
     }

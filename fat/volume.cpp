@@ -30,8 +30,6 @@ namespace {
 constexpr u32 DEVICE_SECTOR = 512; // unit of BLKGETSIZE, regardless of the device's sector size
 constexpr int LAST_STANDARD_DESCRIPTOR = 2;
 
-constexpr u32 WINDOW_BYTES = 64 * 1024; // maximum size of a window
-
 void use_file_transfers() {
     read_sectors = file_read_sectors;
     write_sectors = file_write_sectors;
@@ -114,9 +112,9 @@ void free_volume() {
 // Raises the allocation hint to the highest cluster in use. Intentional: never reads the two
 // highest clusters.
 int find_last_allocated() {
-    sector_window window;
+    core::table fat(here());
     for (u32 cluster = sv->last_alloc_clus + 1; cluster < sv->num_clusters; cluster++) {
-        const int value = follow_link(&window, cluster);
+        const int value = follow(&fat, cluster);
         if (value < 0) {
             report_at("fat_release_volume", __LINE__, "Invalid cluster value\n\n");
             return value;
@@ -154,17 +152,56 @@ int release_compacted() {
     return result;
 }
 
-// Replaces the buffer by a larger one, without zeroing it: every byte is to be read into. The old
-// content is lost.
-bool grow_window(sector_window *window, u32 sectors) {
-    void *larger = std::malloc(std::size_t{sectors} * sv->sector_size);
-    if (larger == nullptr) {
-        return false;
+// The target of the open volume, as the program may have replaced its transfers.
+class target_medium : public core::medium {
+public:
+    explicit constexpr target_medium(bool is_silent) : is_silent_(is_silent) {}
+
+    s64 read(u64 offset, std::span<u8> bytes) override {
+        return is_silent_ ? read_ahead(offset, bytes) : moved(read_sectors, offset, bytes);
     }
-    window->buffer.reset(static_cast<u8 *>(larger));
-    window->room = sectors;
-    window->count = 0;
-    return true;
+    s64 read_ahead(u64 offset, std::span<u8> bytes) override {
+        const quiet_scope quiet; // what is needed is read again, and reported then
+        return moved(read_sectors, offset, bytes);
+    }
+    s64 write(u64 offset, std::span<const u8> bytes) override {
+        // Transfers in both directions have one type; a write does not change its buffer.
+        return moved(write_sectors, offset, {const_cast<u8 *>(bytes.data()), bytes.size()});
+    }
+    [[nodiscard]] u64 size() const override {
+        return sv->vol_size;
+    }
+
+private:
+    static s64 moved(fat_sector_io transfer, u64 offset, std::span<u8> bytes) {
+        const u32 unit = transfer_unit();
+        const int result =
+            transfer(bytes.data(), offset / unit, static_cast<u32>(bytes.size() / unit));
+        return result < 0 ? result : s64{result} * unit;
+    }
+
+    bool is_silent_;
+};
+
+constinit target_medium target(false);
+constinit target_medium silent_target(true);
+
+core::volume volume_on(core::medium *device) {
+    core::volume vol;
+    if (sv != nullptr) {
+        vol.device = device;
+        vol.at = {.width = sv->fat_type,
+                  .sector_size = sv->sector_size,
+                  .sectors_per_cluster = sv->sec_per_clus,
+                  .total_sectors = sv->total_sectors,
+                  .fat_start = sv->fat_start,
+                  .fat_sectors = sv->fat_size,
+                  .root_start = sv->rdir_start,
+                  .root_cluster = sv->root_clus,
+                  .data_start = sv->data_start,
+                  .clusters = sv->num_clusters};
+    }
+    return vol;
 }
 
 } // namespace
@@ -251,6 +288,14 @@ int check_vol_size(int fd, u64 *size) {
     return -EINVAL;
 }
 
+core::volume here() {
+    return volume_on(&target);
+}
+
+core::volume here_silently() {
+    return volume_on(&silent_target);
+}
+
 // ---- sector transfers -------------------------------------------------------------------------
 
 u32 transfer_unit() {
@@ -290,48 +335,6 @@ int file_write_sectors(void *buf, u64 sector, u32 count) {
         return -EIO;
     }
     return whole_sectors(bytes);
-}
-
-// ---- reading ahead ----------------------------------------------------------------------------
-
-u8 *sector_window::find(u64 sector) const {
-    return sector >= first && sector - first < count
-               ? buffer.get() + (sector - first) * sv->sector_size
-               : nullptr;
-}
-
-bool reserve_sector(sector_window *window) {
-    return window->buffer != nullptr || grow_window(window, 1);
-}
-
-bool read_ahead(sector_window *window, u64 sector, u32 count) {
-    count = std::min(count, WINDOW_BYTES / sv->sector_size);
-    if (count <= 1 || sector < window->singles_below ||
-        (window->room < count && !grow_window(window, count))) {
-        return false;
-    }
-    window->count = 0;
-    const quiet_scope quiet; // after a failure the sectors are read one by one, and reported then
-    if (read_sectors(window->buffer.get(), sector, count) != static_cast<int>(count)) {
-        window->singles_below = sector + count;
-        return false;
-    }
-    window->first = sector;
-    window->count = count;
-    return true;
-}
-
-void refresh_sector(sector_window *window, u64 sector, const u8 *content) {
-    u8 *buffered = window->find(sector);
-    if (buffered != nullptr) {
-        std::memcpy(buffered, content, sv->sector_size);
-    }
-}
-
-void forget_sector(sector_window *window, u64 sector) {
-    if (window->find(sector) != nullptr) {
-        window->count = 0;
-    }
 }
 
 // ---- opening and release ----------------------------------------------------------------------

@@ -137,14 +137,14 @@ int second_cluster(u32 start) {
 namespace fat {
 
 int find_cluster(u32 start, u32 stop, u32 key, bool (*predicate)(u32 cluster, u32 key)) {
-    sector_window window;
-    cycle_detector detector;
+    core::table fat(here());
+    core::cycle_detector detector;
     u32 cluster = start;
     while (cluster != FAT_END_MARK || stop != FAT_END_MARK) {
         if (predicate(cluster, key)) {
             return static_cast<int>(cluster);
         }
-        const int next = detector.closes_cycle(cluster) ? -EINVAL : follow_link(&window, cluster);
+        const int next = detector.closes_cycle(cluster) ? -EINVAL : follow(&fat, cluster);
         if (next < 0) {
             REPORT("Failed to read cluster!\n\n");
             return next;

@@ -15,7 +15,7 @@ namespace {
 constexpr u32 NO_SECTOR = 0xFFFF; // the same as 0
 constexpr u32 MIRRORING_OFF = 0x80;
 constexpr u32 ACTIVE_FAT_MASK = 0x0F;
-constexpr u32 FAT32_MAX_CLUSTERS = fat::FAT32_BAD - fat::FIRST_DATA_CLUSTER;
+constexpr u32 FAT32_MAX_CLUSTERS = core::FAT32_BAD - core::FIRST_DATA_CLUSTER;
 
 struct boot_numbers {
     u32 sector_bytes;
@@ -29,15 +29,15 @@ struct boot_numbers {
     u32 fat_size_32;
 
     explicit boot_numbers(const u8 *boot)
-        : sector_bytes(fat::load(boot, fat::PBR_BYTES_PER_SECTOR)),
-          cluster_sectors(fat::load(boot, fat::PBR_SECTORS_PER_CLUSTER)),
-          reserved(fat::load(boot, fat::PBR_RESERVED_SECTORS)),
-          fat_copies(fat::load(boot, fat::PBR_NUMBER_OF_FATS)),
-          root_entries(fat::load(boot, fat::PBR_ROOT_ENTRIES)),
-          total_16(fat::load(boot, fat::PBR_TOTAL_SECTORS_16)),
-          total_32(fat::load(boot, fat::PBR_TOTAL_SECTORS_32)),
-          fat_size_16(fat::load(boot, fat::PBR_FAT_SIZE_16)),
-          fat_size_32(fat::load(boot, fat::PBR32_FAT_SIZE)) {}
+        : sector_bytes(core::load(boot, core::PBR_BYTES_PER_SECTOR)),
+          cluster_sectors(core::load(boot, core::PBR_SECTORS_PER_CLUSTER)),
+          reserved(core::load(boot, core::PBR_RESERVED_SECTORS)),
+          fat_copies(core::load(boot, core::PBR_NUMBER_OF_FATS)),
+          root_entries(core::load(boot, core::PBR_ROOT_ENTRIES)),
+          total_16(core::load(boot, core::PBR_TOTAL_SECTORS_16)),
+          total_32(core::load(boot, core::PBR_TOTAL_SECTORS_32)),
+          fat_size_16(core::load(boot, core::PBR_FAT_SIZE_16)),
+          fat_size_32(core::load(boot, core::PBR32_FAT_SIZE)) {}
 
     // The layout by the rule of other systems, where the cluster count only decides between FAT12
     // and FAT16.
@@ -50,11 +50,11 @@ struct boot_numbers {
         const u32 fat_size = has_fat32_layout() ? fat_size_32 : fat_size_16;
         const bool is_32_first = has_fat32_layout() && total_32 != 0;
         const u64 total = is_32_first || total_16 == 0 ? total_32 : total_16;
-        if (!std::has_single_bit(sector_bytes) || sector_bytes < fat::MIN_SECTOR_SIZE ||
-            sector_bytes > fat::MAX_SECTOR_SIZE || cluster_sectors == 0 || fat_size == 0) {
+        if (!std::has_single_bit(sector_bytes) || sector_bytes < core::MIN_SECTOR_SIZE ||
+            sector_bytes > core::MAX_SECTOR_SIZE || cluster_sectors == 0 || fat_size == 0) {
             return std::nullopt;
         }
-        const u64 root_sectors = fat::div_ceil(root_entries * fat::DENTRY_SIZE, sector_bytes);
+        const u64 root_sectors = core::div_ceil(root_entries * core::DENTRY_SIZE, sector_bytes);
         const u64 fat_sectors = u64{fat_size} * fat_copies;
         const u64 areas = fat_sectors + reserved + root_sectors;
         return areas <= total ? std::optional((total - areas) / cluster_sectors) : std::nullopt;
@@ -68,7 +68,7 @@ std::string unsupported_fat32(u64 clusters, u32 root_entries) {
             "at most {}",
             clusters, FAT32_MAX_CLUSTERS);
     }
-    if (clusters >= fat::FAT32_MIN_CLUSTERS) {
+    if (clusters >= core::FAT32_MIN_CLUSTERS) {
         return "";
     }
     if (root_entries != 0) {
@@ -78,19 +78,19 @@ std::string unsupported_fat32(u64 clusters, u32 root_entries) {
     }
     return fmt::format("is a FAT32 volume with {} clusters; FAT32 with fewer than {} clusters is "
                        "not supported yet",
-                       clusters, fat::FAT32_MIN_CLUSTERS);
+                       clusters, core::FAT32_MIN_CLUSTERS);
 }
 
 std::string unsupported_fat16(u64 clusters, const boot_numbers &boot) {
-    if (clusters >= fat::FAT32_MIN_CLUSTERS) {
+    if (clusters >= core::FAT32_MIN_CLUSTERS) {
         return fmt::format("has a boot sector that contradicts itself: {} clusters are FAT32, a "
                            "16-bit FAT size of {} is FAT16",
                            clusters, boot.fat_size_16);
     }
-    if (clusters < fat::FAT16_MIN_CLUSTERS) {
+    if (clusters < core::FAT16_MIN_CLUSTERS) {
         return fmt::format("is a FAT12 volume with {} clusters; fewer than {} clusters are not "
                            "supported",
-                           clusters, fat::FAT16_MIN_CLUSTERS);
+                           clusters, core::FAT16_MIN_CLUSTERS);
     }
     if (boot.root_entries == 0) {
         return fmt::format(
@@ -132,7 +132,7 @@ void compare_sizes(const boot_numbers &boot, contradictions *found) {
 void compare_fat_size(contradictions *found) {
     const u32 entry_bytes = sv->fat_type / 8;
     const u64 entries = u64{sv->fat_size} * sv->sector_size / entry_bytes;
-    const u64 wanted = u64{sv->num_clusters} + fat::FIRST_DATA_CLUSTER;
+    const u64 wanted = u64{sv->num_clusters} + core::FIRST_DATA_CLUSTER;
     if (entries < wanted) {
         found->push_back({contradiction_kind::FAT_SIZE,
                           fmt::format("the last cluster of the FAT is {}, should be at least {}",
@@ -156,17 +156,17 @@ void compare_root(const boot_numbers &boot, contradictions *found) {
             {contradiction_kind::FIELDS,
              fmt::format("a FAT32 volume has {} root entries, should be 0", boot.root_entries)});
     }
-    const u64 last = u64{sv->num_clusters} + fat::FIRST_DATA_CLUSTER - 1;
-    if (sv->root_clus < fat::FIRST_DATA_CLUSTER || sv->root_clus > last) {
+    const u64 last = u64{sv->num_clusters} + core::FIRST_DATA_CLUSTER - 1;
+    if (sv->root_clus < core::FIRST_DATA_CLUSTER || sv->root_clus > last) {
         found->push_back({contradiction_kind::FIELDS,
                           fmt::format("the first cluster of the root directory is {}, should be "
                                       "{} to {}",
-                                      sv->root_clus, fat::FIRST_DATA_CLUSTER, last)});
+                                      sv->root_clus, core::FIRST_DATA_CLUSTER, last)});
     }
 }
 
 void compare_active_fat(const u8 *boot, u32 fat_copies, contradictions *found) {
-    const u32 flags = fat::load(boot, fat::PBR32_EXTENDED_FLAGS);
+    const u32 flags = core::load(boot, core::PBR32_EXTENDED_FLAGS);
     const u32 active = (flags & MIRRORING_OFF) != 0 ? flags & ACTIVE_FAT_MASK : 0;
     if (active >= fat_copies && active != 0) {
         found->push_back(
@@ -182,24 +182,24 @@ void compare_active_fat(const u8 *boot, u32 fat_copies, contradictions *found) {
 }
 
 // Fields that determine the locations of all areas.
-constexpr fat::field GEOMETRY_FIELDS[] = {
-    fat::PBR_BYTES_PER_SECTOR, fat::PBR_SECTORS_PER_CLUSTER, fat::PBR_RESERVED_SECTORS,
-    fat::PBR_NUMBER_OF_FATS,   fat::PBR_ROOT_ENTRIES,        fat::PBR_TOTAL_SECTORS_16,
-    fat::PBR_FAT_SIZE_16,      fat::PBR_TOTAL_SECTORS_32,    fat::PBR32_FAT_SIZE,
-    fat::PBR32_ROOT_CLUSTER,   fat::PBR32_FSINFO_SECTOR,     fat::PBR32_BACKUP_SECTOR,
+constexpr core::field GEOMETRY_FIELDS[] = {
+    core::PBR_BYTES_PER_SECTOR, core::PBR_SECTORS_PER_CLUSTER, core::PBR_RESERVED_SECTORS,
+    core::PBR_NUMBER_OF_FATS,   core::PBR_ROOT_ENTRIES,        core::PBR_TOTAL_SECTORS_16,
+    core::PBR_FAT_SIZE_16,      core::PBR_TOTAL_SECTORS_32,    core::PBR32_FAT_SIZE,
+    core::PBR32_ROOT_CLUSTER,   core::PBR32_FSINFO_SECTOR,     core::PBR32_BACKUP_SECTOR,
 };
 
 bool is_boot_sector(const u8 *sector) {
-    const u32 size = fat::load(sector, fat::PBR_BYTES_PER_SECTOR);
-    return fat::load(sector, fat::PBR_SIGNATURE) == fat::BOOT_SIGNATURE &&
-           size >= fat::MIN_SECTOR_SIZE && size <= fat::MAX_SECTOR_SIZE &&
-           fat::load(sector, fat::PBR_SECTORS_PER_CLUSTER) != 0;
+    const u32 size = core::load(sector, core::PBR_BYTES_PER_SECTOR);
+    return core::load(sector, core::PBR_SIGNATURE) == core::BOOT_SIGNATURE &&
+           size >= core::MIN_SECTOR_SIZE && size <= core::MAX_SECTOR_SIZE &&
+           core::load(sector, core::PBR_SECTORS_PER_CLUSTER) != 0;
 }
 
 bool have_same_areas(const u8 *boot, const u8 *backup) {
     return std::all_of(std::begin(GEOMETRY_FIELDS), std::end(GEOMETRY_FIELDS),
-                       [&](const fat::field &field) {
-                           return fat::load(boot, field) == fat::load(backup, field);
+                       [&](const core::field &field) {
+                           return core::load(boot, field) == core::load(backup, field);
                        });
 }
 
@@ -214,8 +214,8 @@ void compare_backup(const u8 *boot, u32 sector, contradictions *found) {
 }
 
 void compare_reserved_sectors(const u8 *boot, u32 reserved, contradictions *found) {
-    const u32 backup = fat::load(boot, fat::PBR32_BACKUP_SECTOR);
-    const u32 fsinfo = fat::load(boot, fat::PBR32_FSINFO_SECTOR);
+    const u32 backup = core::load(boot, core::PBR32_BACKUP_SECTOR);
+    const u32 fsinfo = core::load(boot, core::PBR32_FSINFO_SECTOR);
     if (is_sector_given(backup) && backup >= reserved) {
         found->push_back({contradiction_kind::BACKUP_LOCATION,
                           fmt::format("the backup boot sector is in sector {}, should be in a "
@@ -245,7 +245,7 @@ bool is_sector_given(u32 sector) {
 std::string unsupported_volume(std::span<const u8> boot) {
     const boot_numbers numbers(boot.data());
     const std::optional<u64> clusters = numbers.clusters();
-    if (fat::load(boot.data(), fat::PBR_SIGNATURE) != fat::BOOT_SIGNATURE || !clusters) {
+    if (core::load(boot.data(), core::PBR_SIGNATURE) != core::BOOT_SIGNATURE || !clusters) {
         return "";
     }
     return numbers.has_fat32_layout() ? unsupported_fat32(*clusters, numbers.root_entries)

@@ -6,7 +6,7 @@
 
 #pragma once
 
-#include "fat/bytes.h"
+#include "core/bytes.h"
 
 #include <optional>
 #include <span>
@@ -15,9 +15,9 @@
 
 namespace qvol {
 
-using fat::u32;
-using fat::u64;
-using fat::u8;
+using core::u32;
+using core::u64;
+using core::u8;
 
 // The subject of a contradiction; "qvol check" has a kind of finding for each.
 enum class contradiction_kind {

@@ -17,7 +17,7 @@ namespace {
 constexpr u32 MAX_READ_BYTES = 8 * 1024 * 1024;
 
 u32 slots_per_sector() {
-    return sv->sector_size / fat::DENTRY_SIZE;
+    return sv->sector_size / core::DENTRY_SIZE;
 }
 
 u32 kind_number(kind type) {
@@ -42,20 +42,20 @@ std::u16string alias_text(const entry &of) {
 // ---- entry ------------------------------------------------------------------------------------
 
 kind entry::type() const {
-    switch (attributes() & fat::ATTR_KIND_MASK) {
-    case fat::ATTR_DIRECTORY:
+    switch (attributes() & core::ATTR_KIND_MASK) {
+    case core::ATTR_DIRECTORY:
         return kind::DIRECTORY;
-    case fat::ATTR_VOLUME:
+    case core::ATTR_VOLUME:
         return kind::LABEL;
     default:
-        return fat::load(raw.data(), fat::SHORT_CMSEC) == fat::CMSEC_SYMLINK ? kind::LINK
-                                                                             : kind::FILE;
+        return core::load(raw.data(), core::SHORT_CMSEC) == core::CMSEC_SYMLINK ? kind::LINK
+                                                                                : kind::FILE;
     }
 }
 
 bool entry::is_dot() const {
-    return std::memcmp(raw.data(), fat::DOT_NAME, sizeof fat::DOT_NAME) == 0 ||
-           std::memcmp(raw.data(), fat::DOT_DOT_NAME, sizeof fat::DOT_DOT_NAME) == 0;
+    return std::memcmp(raw.data(), core::DOT_NAME, sizeof core::DOT_NAME) == 0 ||
+           std::memcmp(raw.data(), core::DOT_DOT_NAME, sizeof core::DOT_DOT_NAME) == 0;
 }
 
 u32 entry::start() const {
@@ -64,11 +64,11 @@ u32 entry::start() const {
 }
 
 u32 entry::size() const {
-    return fat::load(raw.data(), fat::SHORT_FILE_SIZE);
+    return core::load(raw.data(), core::SHORT_FILE_SIZE);
 }
 
 u32 entry::attributes() const {
-    return fat::load(raw.data(), fat::SHORT_ATTR);
+    return core::load(raw.data(), core::SHORT_ATTR);
 }
 
 short_name entry::alias() const {
@@ -78,8 +78,8 @@ short_name entry::alias() const {
 }
 
 dos_time entry::modified() const {
-    return {static_cast<u16>(fat::load(raw.data(), fat::SHORT_MDATE)),
-            static_cast<u16>(fat::load(raw.data(), fat::SHORT_MTIME))};
+    return {static_cast<u16>(core::load(raw.data(), core::SHORT_MDATE)),
+            static_cast<u16>(core::load(raw.data(), core::SHORT_MTIME))};
 }
 
 void entry::set_start(u32 cluster) {
@@ -87,16 +87,16 @@ void entry::set_start(u32 cluster) {
 }
 
 void entry::set_size(u32 bytes) {
-    fat::store(raw.data(), fat::SHORT_FILE_SIZE, bytes);
+    core::store(raw.data(), core::SHORT_FILE_SIZE, bytes);
 }
 
 void entry::set_modified(const dos_time &stamp) {
-    fat::store(raw.data(), fat::SHORT_MDATE, stamp.date);
-    fat::store(raw.data(), fat::SHORT_MTIME, stamp.time);
+    core::store(raw.data(), core::SHORT_MDATE, stamp.date);
+    core::store(raw.data(), core::SHORT_MTIME, stamp.time);
 }
 
 void entry::set_link(bool is_link) {
-    fat::store(raw.data(), fat::SHORT_CMSEC, is_link ? fat::CMSEC_SYMLINK : 0);
+    core::store(raw.data(), core::SHORT_CMSEC, is_link ? core::CMSEC_SYMLINK : 0);
 }
 
 // ---- sectors and slots ------------------------------------------------------------------------
@@ -131,21 +131,21 @@ void directory::load() {
 }
 
 u32 directory::capacity() const {
-    return static_cast<u32>(bytes_.size() / fat::DENTRY_SIZE);
+    return static_cast<u32>(bytes_.size() / core::DENTRY_SIZE);
 }
 
 // The library reads only the first 512 slots of a FAT16 root, however large its area is. New names
 // must be among them.
 u32 directory::usable_slots() const {
-    return start_ == ROOT ? std::min(capacity(), fat::FAT16_ROOT_ENTRIES) : capacity();
+    return start_ == ROOT ? std::min(capacity(), core::FAT16_ROOT_ENTRIES) : capacity();
 }
 
 u8 *directory::slot_bytes(u32 slot) {
-    return bytes_.data() + std::size_t{slot} * fat::DENTRY_SIZE;
+    return bytes_.data() + std::size_t{slot} * core::DENTRY_SIZE;
 }
 
 const u8 *directory::slot_bytes(u32 slot) const {
-    return bytes_.data() + std::size_t{slot} * fat::DENTRY_SIZE;
+    return bytes_.data() + std::size_t{slot} * core::DENTRY_SIZE;
 }
 
 u64 directory::sector_of(u32 sector_index) const {
@@ -158,7 +158,7 @@ u64 directory::sector_of(u32 sector_index) const {
 
 fat::dentry_location directory::location(u32 slot) const {
     return {static_cast<u32>(sector_of(slot / slots_per_sector())),
-            slot % slots_per_sector() * fat::DENTRY_SIZE};
+            slot % slots_per_sector() * core::DENTRY_SIZE};
 }
 
 // ---- reading ----------------------------------------------------------------------------------
@@ -167,7 +167,7 @@ void directory::parse() {
     name_assembler run;
     for (end_ = 0; end_ < capacity(); end_++) {
         const u8 *slot = slot_bytes(end_);
-        if (slot[fat::SHORT_NAME.offset] == fat::NAME_UNUSED) {
+        if (slot[core::SHORT_NAME.offset] == core::NAME_UNUSED) {
             break;
         }
         if (is_removed(slot)) {
@@ -280,8 +280,8 @@ u32 directory::allocate_slots(u32 count) {
     }
     const u32 first = end_;
     end_ += count;
-    if (end_ < capacity() && slot_bytes(end_)[0] != fat::NAME_UNUSED) {
-        std::memset(slot_bytes(end_), 0, fat::DENTRY_SIZE);
+    if (end_ < capacity() && slot_bytes(end_)[0] != core::NAME_UNUSED) {
+        std::memset(slot_bytes(end_), 0, core::DENTRY_SIZE);
         mark_dirty(end_);
     }
     return first;
@@ -300,7 +300,7 @@ void directory::write_slots(const entry &added, std::u16string_view long_name) {
     const u32 count = added.slot - added.first_slot;
     for (u32 ordinal = 1; ordinal <= count; ordinal++) {
         const u32 slot = added.slot - ordinal;
-        const u32 mark = ordinal == count ? fat::SLOT_LAST : 0;
+        const u32 mark = ordinal == count ? core::SLOT_LAST : 0;
         fat::set_long_slot(slot_bytes(slot), static_cast<u8>(ordinal | mark),
                            units.data() + std::size_t{ordinal - 1} * fat::SLOT_UNITS, checksum);
         mark_dirty(slot);
@@ -349,7 +349,7 @@ const entry &directory::add(const new_entry &wanted) {
 void directory::remove(const entry &removed) {
     const entry gone = removed; // the caller's reference may be into the index
     for (u32 slot = gone.first_slot; slot <= gone.slot; slot++) {
-        slot_bytes(slot)[fat::SHORT_NAME.offset] = fat::NAME_DELETED;
+        slot_bytes(slot)[core::SHORT_NAME.offset] = core::NAME_DELETED;
         mark_dirty(slot);
         add_removed_slot(slot);
     }
@@ -370,7 +370,7 @@ void directory::update(const entry &changed) {
 
 void directory::set_parent(u32 link) {
     for (const auto &[slot, found] : entries_) {
-        if (std::memcmp(found.raw.data(), fat::DOT_DOT_NAME, sizeof fat::DOT_DOT_NAME) == 0) {
+        if (std::memcmp(found.raw.data(), core::DOT_DOT_NAME, sizeof core::DOT_DOT_NAME) == 0) {
             entry changed = found;
             changed.set_start(link);
             update(changed);
@@ -385,8 +385,8 @@ directory directory::make(fat_table &table, const directory &parent, const dos_t
     made.start_ = made.clusters_.front();
     made.bytes_.resize(fat::cluster_bytes());
     made.is_dirty_.resize(sv->sec_per_clus, true);
-    const std::pair<const u8 *, u32> dots[] = {{fat::DOT_NAME, made.start_},
-                                               {fat::DOT_DOT_NAME, parent.parent_link()}};
+    const std::pair<const u8 *, u32> dots[] = {{core::DOT_NAME, made.start_},
+                                               {core::DOT_DOT_NAME, parent.parent_link()}};
     u32 slot = 0;
     for (const auto &[name, link] : dots) {
         entry dot;

@@ -31,7 +31,7 @@ struct entry {
     bool has_long_name = false;
     u32 first_slot = 0; // of the long name; equal to `slot` without one
     u32 slot = 0;       // of the short entry
-    std::array<u8, fat::DENTRY_SIZE> raw{};
+    std::array<u8, core::DENTRY_SIZE> raw{};
 
     [[nodiscard]] kind type() const;
     [[nodiscard]] bool is_directory() const {

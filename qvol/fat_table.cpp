@@ -36,7 +36,7 @@ bool page_begins_in_fat(std::size_t index) {
 // If the FAT is smaller than the volume needs, only the clusters with an entry are used.
 u32 last_cluster_with_entry(u32 entry_size) {
     const u64 entries = u64{sv->fat_size} * sv->sector_size / entry_size;
-    const u64 wanted = u64{sv->num_clusters} + fat::FIRST_DATA_CLUSTER;
+    const u64 wanted = u64{sv->num_clusters} + core::FIRST_DATA_CLUSTER;
     return static_cast<u32>(std::min(entries, wanted)) - 1;
 }
 
@@ -44,8 +44,8 @@ u32 last_cluster_with_entry(u32 entry_size) {
 
 fat_table::fat_table(u32 copies)
     : copies_(copies), written_copies_(copies),
-      entry_size_(sv->fat_type == 16 ? fat::FAT16_ENTRY_SIZE : fat::FAT32_ENTRY_SIZE),
-      last_cluster_(last_cluster_with_entry(entry_size_)), cursor_(fat::FIRST_DATA_CLUSTER) {
+      entry_size_(sv->fat_type == 16 ? core::FAT16_ENTRY_SIZE : core::FAT32_ENTRY_SIZE),
+      last_cluster_(last_cluster_with_entry(entry_size_)), cursor_(core::FIRST_DATA_CLUSTER) {
     pages_.resize((u64{last_cluster_} + 1) * entry_size_ / PAGE_BYTES + 1);
 }
 
@@ -93,9 +93,9 @@ bool fat_table::page_begins_in_table(std::size_t index) const {
 }
 
 void fat_table::check_number(u32 cluster) const {
-    if (cluster < fat::FIRST_DATA_CLUSTER || cluster > last_cluster_) {
+    if (cluster < core::FIRST_DATA_CLUSTER || cluster > last_cluster_) {
         throw error(fmt::format("cluster {} does not exist: the volume has clusters {} to {}",
-                                cluster, fat::FIRST_DATA_CLUSTER, last_cluster_));
+                                cluster, core::FIRST_DATA_CLUSTER, last_cluster_));
     }
 }
 
@@ -106,13 +106,13 @@ u32 fat_table::get(u32 cluster) {
 }
 
 void fat_table::set(u32 cluster, u32 value) {
-    const bool was_free = get(cluster) == fat::FAT_FREE;
+    const bool was_free = get(cluster) == core::FAT_FREE;
     const u64 offset = u64{cluster} * entry_size_;
     page &changed = page_of(offset);
     // Index 0 of a table that starts at the entry is the entry itself.
     (void)fat::set_fat_entry(sv->fat_type, changed.bytes.data() + offset % PAGE_BYTES, 0, value);
     changed.is_dirty[offset % PAGE_BYTES / sv->sector_size] = true;
-    const bool is_free = get(cluster) == fat::FAT_FREE;
+    const bool is_free = get(cluster) == core::FAT_FREE;
     if (free_count_) {
         *free_count_ += (is_free ? 1U : 0U) - (was_free ? 1U : 0U);
     }
@@ -123,8 +123,8 @@ void fat_table::set(u32 cluster, u32 value) {
 
 u32 fat_table::value_in(const page &cached, u64 byte_offset) const {
     const u8 *entry = cached.bytes.data() + byte_offset % PAGE_BYTES;
-    return entry_size_ == fat::FAT16_ENTRY_SIZE ? fat::load16(entry)
-                                                : fat::load32(entry) & fat::FAT32_VALUE_MASK;
+    return entry_size_ == core::FAT16_ENTRY_SIZE ? core::load16(entry)
+                                                 : core::load32(entry) & core::FAT32_VALUE_MASK;
 }
 
 void fat_table::visit_used(const std::function<void(u32 cluster, u32 value)> &visit) const {
@@ -134,9 +134,9 @@ void fat_table::visit_used(const std::function<void(u32 cluster, u32 value)> &vi
         const page &shown = pages_[index] == nullptr ? fresh : *pages_[index];
         const u32 first = static_cast<u32>(index) * per_page;
         const u64 end = std::min(u64{last_cluster_} + 1, u64{first} + per_page);
-        for (u32 cluster = std::max(first, fat::FIRST_DATA_CLUSTER); cluster < end; cluster++) {
+        for (u32 cluster = std::max(first, core::FIRST_DATA_CLUSTER); cluster < end; cluster++) {
             const u32 value = value_in(shown, u64{cluster} * entry_size_);
-            if (value != fat::FAT_FREE) {
+            if (value != core::FAT_FREE) {
                 visit(cluster, value);
             }
         }
@@ -147,14 +147,14 @@ u32 fat_table::free_count() {
     if (!free_count_) {
         u32 used = 0;
         visit_used([&used](u32, u32) { used++; });
-        free_count_ = last_cluster_ - fat::FIRST_DATA_CLUSTER + 1 - used;
+        free_count_ = last_cluster_ - core::FIRST_DATA_CLUSTER + 1 - used;
     }
     return *free_count_;
 }
 
 // The lowest free cluster, or 0. No free cluster is below the cursor.
 u32 fat_table::find_free() {
-    while (cursor_ <= last_cluster_ && get(cursor_) != fat::FAT_FREE) {
+    while (cursor_ <= last_cluster_ && get(cursor_) != core::FAT_FREE) {
         cursor_++;
     }
     return cursor_ <= last_cluster_ ? cursor_ : 0;
@@ -162,22 +162,22 @@ u32 fat_table::find_free() {
 
 u32 fat_table::next_free() {
     const u32 found = find_free();
-    return found != 0 ? found : fat::FSINFO_UNKNOWN;
+    return found != 0 ? found : core::FSINFO_UNKNOWN;
 }
 
 u32 fat_table::highest_used() {
     u32 cluster = last_cluster_;
-    while (cluster >= fat::FIRST_DATA_CLUSTER && get(cluster) == fat::FAT_FREE) {
+    while (cluster >= core::FIRST_DATA_CLUSTER && get(cluster) == core::FAT_FREE) {
         cluster--;
     }
-    return cluster >= fat::FIRST_DATA_CLUSTER ? cluster : 0;
+    return cluster >= core::FIRST_DATA_CLUSTER ? cluster : 0;
 }
 
 // ---- chains -----------------------------------------------------------------------------------
 
 std::vector<u32> fat_table::chain(u32 start, u32 limit) {
     std::vector<u32> clusters;
-    fat::cycle_detector guard;
+    core::cycle_detector guard;
     for (u32 cluster = start; clusters.size() < limit;) {
         if (guard.closes_cycle(cluster)) {
             throw error(fmt::format("the chain from cluster {} contains a cycle", start));
@@ -187,7 +187,7 @@ std::vector<u32> fat_table::chain(u32 start, u32 limit) {
         if (fat::is_end_of_chain(next)) {
             break;
         }
-        if (next < fat::FIRST_DATA_CLUSTER || next > last_cluster_ || next == fat::bad_mark()) {
+        if (next < core::FIRST_DATA_CLUSTER || next > last_cluster_ || next == fat::bad_mark()) {
             throw error(fmt::format("the chain from cluster {} is broken: FAT entry {} is {:#x}",
                                     start, cluster, next));
         }
@@ -205,7 +205,7 @@ std::vector<u32> fat_table::allocate(u32 count, u32 previous) {
     clusters.reserve(count);
     while (clusters.size() < count) {
         const u32 cluster = find_free();
-        set(cluster, fat::FAT_END_MARK);
+        set(cluster, core::FAT_END_MARK);
         if (previous != 0) {
             // The value is the number of the next cluster.
             set(previous, cluster); // NOLINT(readability-suspicious-call-argument)
@@ -218,7 +218,7 @@ std::vector<u32> fat_table::allocate(u32 count, u32 previous) {
 
 void fat_table::release(std::span<const u32> clusters) {
     for (const u32 cluster : clusters) {
-        set(cluster, fat::FAT_FREE);
+        set(cluster, core::FAT_FREE);
     }
 }
 
@@ -229,7 +229,7 @@ void fat_table::forget_changes() {
         cached.reset();
     }
     free_count_.reset();
-    cursor_ = fat::FIRST_DATA_CLUSTER;
+    cursor_ = core::FIRST_DATA_CLUSTER;
 }
 
 void fat_table::write_changes() {
@@ -307,7 +307,7 @@ void fat_table::take_over_library_changes() {
         pages_[index] = std::make_unique<page>(std::move(fresh));
     }
     free_count_.reset();
-    cursor_ = fat::FIRST_DATA_CLUSTER;
+    cursor_ = core::FIRST_DATA_CLUSTER;
 }
 
 std::vector<cluster_extent> extents_of(std::span<const u32> clusters) {

@@ -6,7 +6,7 @@
 
 #pragma once
 
-#include "fat/bytes.h"
+#include "core/bytes.h"
 #include "qvol/error.h"
 
 #include <functional>
@@ -17,9 +17,9 @@
 
 namespace qvol {
 
-using fat::u32;
-using fat::u64;
-using fat::u8;
+using core::u32;
+using core::u64;
+using core::u8;
 
 // Contiguous clusters.
 struct cluster_extent {

@@ -13,7 +13,7 @@ namespace qvol {
 
 namespace {
 
-constexpr std::size_t LABEL_SIZE = fat::SHORT_NAME.size;
+constexpr std::size_t LABEL_SIZE = core::SHORT_NAME.size;
 constexpr const char *NO_NAME = "NO NAME";
 constexpr std::string_view LABEL_PUNCTUATION = " $%'-_@~`!(){}^#&";
 
@@ -60,7 +60,7 @@ std::string padded(std::string text) {
 void set_label_entry(const std::string &label) {
     std::vector<u8> sector = read_extent(sv->rdir_start, 1);
     if (label.empty()) {
-        std::fill_n(sector.begin(), fat::DENTRY_SIZE, u8{0});
+        std::fill_n(sector.begin(), core::DENTRY_SIZE, u8{0});
     } else {
         const std::string text = padded(label);
         (void)fat::set_volume_entry(sector.data(), reinterpret_cast<const u8 *>(text.data()));

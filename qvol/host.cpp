@@ -129,7 +129,7 @@ host_directory::host_directory(const std::string &path) : path_(path) {
     if (fd < 0) {
         throw system_failure("open directory " + shown_bytes(path));
     }
-    fd_ = std::make_unique<fat::unique_fd>(fd);
+    fd_ = std::make_unique<core::unique_fd>(fd);
 }
 
 std::string host_directory::shown(const std::string &name) const {
@@ -157,7 +157,7 @@ void host_directory::make_file(const std::string &name, bool replaces,
         return openat(fd_->get(), wanted, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
                       FILE_MODE);
     });
-    const fat::unique_fd file(made.result());
+    const core::unique_fd file(made.result());
     content([&](std::span<const u8> bytes) { write_all(file.get(), bytes, shown(name)); });
     made.set_modified(modified);
     made.commit();

@@ -3,7 +3,7 @@
 
 #pragma once
 
-#include "fat/resources.h"
+#include "core/resources.h"
 #include "qvol/names.h"
 
 #include <functional>
@@ -46,11 +46,11 @@ public:
 
 private:
     host_directory(int fd, std::string path)
-        : fd_(new fat::unique_fd(fd)), path_(std::move(path)) {}
+        : fd_(new core::unique_fd(fd)), path_(std::move(path)) {}
 
     [[nodiscard]] std::string shown(const std::string &name) const;
 
-    std::unique_ptr<fat::unique_fd> fd_;
+    std::unique_ptr<core::unique_fd> fd_;
     std::string path_; // for messages
 };
 

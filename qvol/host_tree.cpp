@@ -185,7 +185,7 @@ u64 clusters_needed(const std::vector<host_node> &nodes, u32 cluster_bytes) {
     for (const host_node &node : nodes) {
         if (node.type == kind::DIRECTORY) {
             const u64 slots = DOT_SLOTS + slots_needed(node.children);
-            clusters += clusters_of_bytes(slots * fat::DENTRY_SIZE, cluster_bytes) +
+            clusters += clusters_of_bytes(slots * core::DENTRY_SIZE, cluster_bytes) +
                         clusters_needed(node.children, cluster_bytes);
         } else {
             clusters += clusters_of_bytes(node.size, cluster_bytes);

@@ -21,7 +21,7 @@ constexpr std::size_t PIECE_BYTES = std::size_t{128} * 1024;
 // bytes.
 void read_host_file(const std::string &path, u64 size, std::vector<u8> *buffer,
                     const std::function<void(std::span<const u8>)> &take) {
-    const fat::unique_fd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    const core::unique_fd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (file.get() < 0) {
         throw system_failure("open " + shown_bytes(path));
     }

@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include "fat/bytes.h"
+#include "core/bytes.h"
 
 #include <cstddef>
 #include <initializer_list>
@@ -11,8 +11,8 @@
 
 namespace qvol {
 
-using fat::u32;
-using fat::u64;
+using core::u32;
+using core::u64;
 
 // A value. Move-only: a document may describe a whole volume.
 class json {

@@ -458,7 +458,7 @@ void map_picture::draw_positions(const cluster_owner &owner, const box &at,
                                  const std::string &colour) {
     std::vector<bool> is_held(static_cast<std::size_t>(at.width));
     const auto unit_of = [&](u64 cluster) {
-        return (cluster - fat::FIRST_DATA_CLUSTER) * is_held.size() / map_.clusters;
+        return (cluster - core::FIRST_DATA_CLUSTER) * is_held.size() / map_.clusters;
     };
     for (const cluster_extent &part : owner.extents) {
         for (u64 x = unit_of(part.first); x <= unit_of(u64{part.first} + part.count - 1); x++) {

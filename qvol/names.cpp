@@ -339,7 +339,7 @@ std::optional<std::u16string> name_codec::to_units(std::string_view bytes) const
     }
     std::u16string units;
     for (std::size_t i = 0; i + 1 < converted->size(); i += 2) {
-        units.push_back(fat::load16(reinterpret_cast<const u8 *>(converted->data()) + i));
+        units.push_back(core::load16(reinterpret_cast<const u8 *>(converted->data()) + i));
     }
     return units;
 }
@@ -350,7 +350,7 @@ std::optional<std::string> name_codec::to_host(std::u16string_view units) const 
     }
     std::string bytes(units.size() * 2, '\0');
     for (std::size_t i = 0; i < units.size(); i++) {
-        fat::store16(reinterpret_cast<u8 *>(bytes.data()) + 2 * i, units[i]);
+        core::store16(reinterpret_cast<u8 *>(bytes.data()) + 2 * i, units[i]);
     }
     return convert(converters_->from_units, bytes);
 }
@@ -435,7 +435,7 @@ bool is_plain_short_name(std::u16string_view name) {
 }
 
 u32 slots_of_long_name(std::u16string_view name) {
-    return fat::div_ceil(static_cast<u32>(name.size()), fat::SLOT_UNITS);
+    return core::div_ceil(static_cast<u32>(name.size()), fat::SLOT_UNITS);
 }
 
 u32 slots_of_name(std::u16string_view name) {

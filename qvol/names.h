@@ -5,7 +5,7 @@
 
 #pragma once
 
-#include "fat/bytes.h"
+#include "core/bytes.h"
 
 #include <memory>
 #include <optional>
@@ -14,10 +14,10 @@
 
 namespace qvol {
 
-using fat::u16;
-using fat::u32;
-using fat::u64;
-using fat::u8;
+using core::u16;
+using core::u32;
+using core::u64;
+using core::u8;
 
 // ---- conversion -------------------------------------------------------------------------------
 

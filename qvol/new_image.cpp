@@ -1,6 +1,6 @@
 #include "qvol/new_image.h"
 
-#include "fat/resources.h"
+#include "core/resources.h"
 #include "qvol/error.h"
 #include "qvol/host.h"
 #include "qvol/session.h"
@@ -90,7 +90,7 @@ std::string without_links(const std::string &path) {
 }
 
 void sync_directory(const std::string &path) {
-    const fat::unique_fd directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const core::unique_fd directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     // EINVAL: the file system cannot sync directories.
     if (directory.get() < 0 || (fsync(directory.get()) != 0 && errno != EINVAL)) {
         throw system_failure("sync directory " + shown_bytes(path));
@@ -125,7 +125,7 @@ void check_image_name(const std::string &path, bool replaces) {
     }
 }
 
-new_image::new_image(const std::string &path, bool replaces, fat::u64 bytes)
+new_image::new_image(const std::string &path, bool replaces, core::u64 bytes)
     : final_path_(without_links(path)), replaces_(replaces) {
     directory_ = split_host_path(final_path_).directory;
     const signal_blocker blocker;
@@ -134,7 +134,7 @@ new_image::new_image(const std::string &path, bool replaces, fat::u64 bytes)
     catch_signals();
 }
 
-void new_image::make(fat::u64 bytes) {
+void new_image::make(core::u64 bytes) {
     int fd = -1;
     for (int attempt = 0; fd < 0; attempt++) {
         path_ = fmt::format("{}/.qvol-{}-{}", directory_, getpid(), attempt);
@@ -143,7 +143,7 @@ void new_image::make(fat::u64 bytes) {
             throw system_failure("make an image in " + shown_bytes(directory_));
         }
     }
-    const fat::unique_fd file(fd);
+    const core::unique_fd file(fd);
     if (ftruncate(fd, static_cast<off_t>(bytes)) != 0) {
         const int reason = errno;
         unlink(path_.c_str());

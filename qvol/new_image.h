@@ -5,7 +5,7 @@
 
 #pragma once
 
-#include "fat/bytes.h"
+#include "core/bytes.h"
 
 #include <string>
 
@@ -19,7 +19,7 @@ class new_image {
 public:
     // Makes a sparse file of `bytes` bytes. `replaces`: commit() replaces a file with the final
     // name.
-    new_image(const std::string &path, bool replaces, fat::u64 bytes);
+    new_image(const std::string &path, bool replaces, core::u64 bytes);
     ~new_image();
     new_image(const new_image &) = delete;
     new_image &operator=(const new_image &) = delete;
@@ -35,7 +35,7 @@ public:
     void commit();
 
 private:
-    void make(fat::u64 bytes);
+    void make(core::u64 bytes);
 
     std::string directory_;
     std::string final_path_;

@@ -151,8 +151,8 @@ const char *kind_name(kind type) {
 std::string attribute_letters(const entry &of) {
     const auto letter = [&](u32 bit, char set) { return (of.attributes() & bit) != 0 ? set : '-'; };
     const char type = of.is_directory() ? 'd' : of.type() == kind::LINK ? 'l' : '-';
-    return {type, letter(fat::ATTR_READ_ONLY, 'r'), letter(fat::ATTR_HIDDEN, 'h'),
-            letter(fat::ATTR_SYSTEM, 's'), letter(fat::ATTR_ARCHIVE, 'a')};
+    return {type, letter(core::ATTR_READ_ONLY, 'r'), letter(core::ATTR_HIDDEN, 'h'),
+            letter(core::ATTR_SYSTEM, 's'), letter(core::ATTR_ARCHIVE, 'a')};
 }
 
 std::string listed_name(const name_codec &names, const entry &of) {

@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include "fat/bytes.h"
+#include "core/bytes.h"
 
 #include <chrono>
 #include <string>
@@ -12,12 +12,12 @@ namespace qvol {
 class progress {
 public:
     // `total` in bytes; 0: no bar.
-    progress(std::string label, fat::u64 total, bool is_quiet);
+    progress(std::string label, core::u64 total, bool is_quiet);
     ~progress();
     progress(const progress &) = delete;
     progress &operator=(const progress &) = delete;
 
-    void add(fat::u64 bytes);
+    void add(core::u64 bytes);
 
 private:
     using clock = std::chrono::steady_clock;
@@ -25,8 +25,8 @@ private:
     void draw(clock::time_point now);
 
     std::string label_;
-    fat::u64 total_;
-    fat::u64 done_ = 0;
+    core::u64 total_;
+    core::u64 done_ = 0;
     bool is_shown_;
     bool is_drawn_ = false;
     clock::time_point begin_ = clock::now();
@@ -34,7 +34,7 @@ private:
 };
 
 // The text of the bar. A pure function, for tests.
-[[nodiscard]] std::string progress_text(const std::string &label, fat::u64 done, fat::u64 total,
+[[nodiscard]] std::string progress_text(const std::string &label, core::u64 done, core::u64 total,
                                         double seconds);
 
 } // namespace qvol

@@ -46,7 +46,7 @@ void write_extent(u64 sector, std::span<const u8> bytes) {
 }
 
 u64 sector_of_cluster(u32 cluster) {
-    return sv->data_start + u64{cluster - fat::FIRST_DATA_CLUSTER} * sv->sec_per_clus;
+    return sv->data_start + u64{cluster - core::FIRST_DATA_CLUSTER} * sv->sec_per_clus;
 }
 
 } // namespace qvol

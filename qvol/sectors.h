@@ -2,16 +2,16 @@
 
 #pragma once
 
-#include "fat/bytes.h"
+#include "core/bytes.h"
 
 #include <span>
 #include <vector>
 
 namespace qvol {
 
-using fat::u32;
-using fat::u64;
-using fat::u8;
+using core::u32;
+using core::u64;
+using core::u8;
 
 // Throw error if the transfer fails or is incomplete.
 [[nodiscard]] std::vector<u8> read_extent(u64 sector, u32 count);

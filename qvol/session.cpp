@@ -123,7 +123,7 @@ void lock_target(int fd, const std::string &path, access wanted) {
 
 // Makes the library's record of the open volume from the locked descriptor. The library itself
 // would open the path again, and for writing, which fails on a read-only file.
-void attach_to_library(fat::unique_fd *fd, const std::string &path, access wanted) {
+void attach_to_library(core::unique_fd *fd, const std::string &path, access wanted) {
     u64 size = 0;
     if (fat::check_vol_size(fd->get(), &size) < 0) {
         throw error("cannot open " + shown_bytes(path) +
@@ -132,7 +132,7 @@ void attach_to_library(fat::unique_fd *fd, const std::string &path, access wante
     if (size == 0) {
         throw error("cannot open " + shown_bytes(path) + ": it is empty");
     }
-    fat::heap_ptr<fat_super> record = fat::zeroed_records<fat_super>();
+    core::heap_ptr<fat_super> record = core::zeroed_records<fat_super>();
     if (record == nullptr) {
         throw std::bad_alloc();
     }
@@ -146,7 +146,7 @@ void attach_to_library(fat::unique_fd *fd, const std::string &path, access wante
 
 // ---- boot sector ------------------------------------------------------------------------------
 
-std::string padded_text(const u8 *record, const fat::field &field) {
+std::string padded_text(const u8 *record, const core::field &field) {
     std::string text(reinterpret_cast<const char *>(record) + field.offset, field.size);
     text.erase(std::find(text.begin(), text.end(), '\0'), text.end());
     text.erase(text.find_last_not_of(' ') + 1);
@@ -156,19 +156,19 @@ std::string padded_text(const u8 *record, const fat::field &field) {
 boot_fields parse_boot_sector(const std::vector<u8> &sector) {
     const u8 *pbr = sector.data();
     const bool is_fat32 = sv->fat_type == 32;
-    const u8 *extended = pbr + (is_fat32 ? fat::EBR_OFFSET_FAT32 : fat::EBR_OFFSET_FAT16);
+    const u8 *extended = pbr + (is_fat32 ? core::EBR_OFFSET_FAT32 : core::EBR_OFFSET_FAT16);
     const bool has_extended =
-        fat::load(extended, fat::EBR_BOOT_SIGNATURE) == fat::EXTENDED_BOOT_SIGNATURE;
+        core::load(extended, core::EBR_BOOT_SIGNATURE) == core::EXTENDED_BOOT_SIGNATURE;
     boot_fields boot{};
-    boot.reserved_sectors = fat::load(pbr, fat::PBR_RESERVED_SECTORS);
-    boot.fat_copies = fat::load(pbr, fat::PBR_NUMBER_OF_FATS);
-    boot.root_entries = is_fat32 ? 0 : fat::load(pbr, fat::PBR_ROOT_ENTRIES);
-    boot.media = fat::load(pbr, fat::PBR_MEDIA);
-    boot.serial = has_extended ? fat::load(extended, fat::EBR_VOLUME_ID) : 0;
-    boot.fsinfo_sector = is_fat32 ? fat::load(pbr, fat::PBR32_FSINFO_SECTOR) : 0;
-    boot.backup_sector = is_fat32 ? fat::load(pbr, fat::PBR32_BACKUP_SECTOR) : 0;
-    boot.oem_name = padded_text(pbr, fat::PBR_OEM_NAME);
-    boot.label = has_extended ? padded_text(extended, fat::EBR_VOLUME_LABEL) : std::string();
+    boot.reserved_sectors = core::load(pbr, core::PBR_RESERVED_SECTORS);
+    boot.fat_copies = core::load(pbr, core::PBR_NUMBER_OF_FATS);
+    boot.root_entries = is_fat32 ? 0 : core::load(pbr, core::PBR_ROOT_ENTRIES);
+    boot.media = core::load(pbr, core::PBR_MEDIA);
+    boot.serial = has_extended ? core::load(extended, core::EBR_VOLUME_ID) : 0;
+    boot.fsinfo_sector = is_fat32 ? core::load(pbr, core::PBR32_FSINFO_SECTOR) : 0;
+    boot.backup_sector = is_fat32 ? core::load(pbr, core::PBR32_BACKUP_SECTOR) : 0;
+    boot.oem_name = padded_text(pbr, core::PBR_OEM_NAME);
+    boot.label = has_extended ? padded_text(extended, core::EBR_VOLUME_LABEL) : std::string();
     return boot;
 }
 
@@ -221,8 +221,8 @@ boot_fields mount(const target &where, mounted wanted) {
 }
 
 bool is_fsinfo(const std::vector<u8> &sector) {
-    return fat::load(sector.data(), fat::FSINFO_LEAD) == fat::FSINFO_LEAD_SIGNATURE &&
-           fat::load(sector.data(), fat::FSINFO_STRUCTURE) == fat::FSINFO_STRUCTURE_SIGNATURE;
+    return core::load(sector.data(), core::FSINFO_LEAD) == core::FSINFO_LEAD_SIGNATURE &&
+           core::load(sector.data(), core::FSINFO_STRUCTURE) == core::FSINFO_STRUCTURE_SIGNATURE;
 }
 
 } // namespace
@@ -235,7 +235,7 @@ target::target(std::string path, access wanted)
         // If the reader of the output ends, SIGPIPE must not end the program between two writes.
         (void)std::signal(SIGPIPE, SIG_IGN);
     }
-    fat::unique_fd fd(open_target(path_, wanted));
+    core::unique_fd fd(open_target(path_, wanted));
     lock_target(fd.get(), path_, wanted);
     const struct stat status = status_of(fd.get(), path_);
     is_device_ = S_ISBLK(status.st_mode);
@@ -289,12 +289,12 @@ bool target::is_blank() const {
 u32 target::sector_bytes() const {
     int bytes = 0;
     const bool is_known = is_device_ && ioctl(sv->fd, BLKSSZGET, &bytes) == 0 &&
-                          bytes >= static_cast<int>(fat::MIN_SECTOR_SIZE);
-    return is_known ? static_cast<u32>(bytes) : fat::MIN_SECTOR_SIZE;
+                          bytes >= static_cast<int>(core::MIN_SECTOR_SIZE);
+    return is_known ? static_cast<u32>(bytes) : core::MIN_SECTOR_SIZE;
 }
 
 void check_replaceable(const std::string &path) {
-    const fat::unique_fd fd(open_target(path, access::READ));
+    const core::unique_fd fd(open_target(path, access::READ));
     const struct stat status = status_of(fd.get(), path);
     if (!S_ISREG(status.st_mode)) {
         throw error("cannot replace " + shown_bytes(path) + ": not an image file");
@@ -357,8 +357,8 @@ void volume::write_fsinfo() {
         return;
     }
     const std::vector<u8> before = sector;
-    fat::store(sector.data(), fat::FSINFO_FREE_COUNT, fat_.free_count());
-    fat::store(sector.data(), fat::FSINFO_NEXT_FREE, fat_.next_free());
+    core::store(sector.data(), core::FSINFO_FREE_COUNT, fat_.free_count());
+    core::store(sector.data(), core::FSINFO_NEXT_FREE, fat_.next_free());
     if (sector != before) {
         write_extent(boot_.fsinfo_sector, sector);
     }

@@ -9,8 +9,8 @@
 
 namespace qvol {
 
-using fat::u32;
-using fat::u8;
+using core::u32;
+using core::u8;
 
 namespace {
 
@@ -122,13 +122,13 @@ short_form short_form_of(std::u16string_view name) {
 
 std::u16string short_name_units(const short_name &name, u8 case_bits) {
     short_name bytes = name;
-    if (bytes[0] == fat::NAME_ESCAPED_E5) {
-        bytes[0] = fat::NAME_DELETED;
+    if (bytes[0] == core::NAME_ESCAPED_E5) {
+        bytes[0] = core::NAME_DELETED;
     }
     std::u16string text =
-        decoded_half(bytes.data(), BASE_SIZE, (case_bits & fat::CASE_LOWER_BASE) != 0);
+        decoded_half(bytes.data(), BASE_SIZE, (case_bits & core::CASE_LOWER_BASE) != 0);
     const std::u16string extension = decoded_half(bytes.data() + BASE_SIZE, EXTENSION_SIZE,
-                                                  (case_bits & fat::CASE_LOWER_EXTENSION) != 0);
+                                                  (case_bits & core::CASE_LOWER_EXTENSION) != 0);
     if (!extension.empty()) {
         text += u'.' + extension;
     }
@@ -137,8 +137,8 @@ std::u16string short_name_units(const short_name &name, u8 case_bits) {
 
 std::optional<cased_short_name> cased_short_name_of(std::u16string_view name) {
     const short_form form = short_form_of(name);
-    for (const u32 bits : {0U, fat::CASE_LOWER_BASE, fat::CASE_LOWER_EXTENSION,
-                           fat::CASE_LOWER_BASE | fat::CASE_LOWER_EXTENSION}) {
+    for (const u32 bits : {0U, core::CASE_LOWER_BASE, core::CASE_LOWER_EXTENSION,
+                           core::CASE_LOWER_BASE | core::CASE_LOWER_EXTENSION}) {
         const u8 case_bits = static_cast<u8>(bits);
         if (form.is_exact && short_name_units(form.name, case_bits) == name) {
             return cased_short_name{form.name, case_bits};

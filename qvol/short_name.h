@@ -6,7 +6,7 @@
 
 #pragma once
 
-#include "fat/bytes.h"
+#include "core/bytes.h"
 
 #include <array>
 #include <map>
@@ -18,7 +18,7 @@
 
 namespace qvol {
 
-using short_name = std::array<fat::u8, 11>;
+using short_name = std::array<core::u8, 11>;
 
 // The 8.3 form of a long name.
 struct short_form {
@@ -30,12 +30,12 @@ struct short_form {
 
 // The text of a stored short name; `case_bits` is byte 12 of its entry. Bytes from 0x80 are code
 // page 437. A blank name is returned as 11 spaces.
-[[nodiscard]] std::u16string short_name_units(const short_name &name, fat::u8 case_bits);
+[[nodiscard]] std::u16string short_name_units(const short_name &name, core::u8 case_bits);
 
 // A short entry that stores a name without long-name slots: 8.3 in ASCII, one case for each half.
 struct cased_short_name {
     short_name name;
-    fat::u8 case_bits;
+    core::u8 case_bits;
 };
 
 // Nothing if the name needs long-name slots.
@@ -66,11 +66,11 @@ private:
     [[nodiscard]] bool is_free(const short_name &name) const {
         return !taken_.contains(name) && !reserved_.contains(name);
     }
-    [[nodiscard]] bool choose_tail(const short_name &stem, fat::u32 digits, short_name *chosen);
+    [[nodiscard]] bool choose_tail(const short_name &stem, core::u32 digits, short_name *chosen);
 
     std::set<short_name> taken_;
     std::set<short_name> reserved_;
-    std::map<short_name, fat::u32> next_tail_; // by the stem cut to make space for the tail
+    std::map<short_name, core::u32> next_tail_; // by the stem cut to make space for the tail
 };
 
 } // namespace qvol

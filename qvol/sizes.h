@@ -2,14 +2,14 @@
 
 #pragma once
 
-#include "fat/bytes.h"
+#include "core/bytes.h"
 
 #include <string>
 
 namespace qvol {
 
-using fat::u32;
-using fat::u64;
+using core::u32;
+using core::u64;
 
 // A number of bytes: "512", "4k", "64M", "2G". Throws usage_error, with the name of the option.
 [[nodiscard]] u64 parse_size(const std::string &option, const std::string &text);

@@ -11,7 +11,7 @@ constexpr u32 MAX_ORDINAL = 20; // slots of 13 units, for names of up to 255 uni
 std::u16string units_of_slot(const u8 *slot) {
     std::u16string units;
     for (u32 unit = 0; unit < fat::SLOT_UNITS; unit++) {
-        const u16 value = fat::load16(slot + fat::slot_unit_offset(unit));
+        const u16 value = core::load16(slot + core::slot_unit_offset(unit));
         if (value == 0) {
             break;
         }
@@ -30,31 +30,31 @@ std::u16string short_text(const entry &shown) {
     return shown.type() == kind::LABEL
                ? label_text(shown.alias())
                : short_name_units(shown.alias(),
-                                  static_cast<u8>(fat::load(shown.raw.data(), fat::SHORT_SYSID)));
+                                  static_cast<u8>(core::load(shown.raw.data(), core::SHORT_SYSID)));
 }
 
 } // namespace
 
 bool is_removed(const u8 *slot) {
-    return slot[fat::SHORT_NAME.offset] == fat::NAME_DELETED;
+    return slot[core::SHORT_NAME.offset] == core::NAME_DELETED;
 }
 
 bool is_long_name_slot(const u8 *slot) {
-    return (fat::load(slot, fat::SHORT_ATTR) & fat::ATTR_LONG_NAME_MASK) == fat::ATTR_LONG_NAME;
+    return (core::load(slot, core::SHORT_ATTR) & core::ATTR_LONG_NAME_MASK) == core::ATTR_LONG_NAME;
 }
 
 bool is_entry(const u8 *slot) {
-    return (fat::load(slot, fat::SHORT_ATTR) & fat::ATTR_KIND_MASK) != fat::ATTR_KIND_MASK;
+    return (core::load(slot, core::SHORT_ATTR) & core::ATTR_KIND_MASK) != core::ATTR_KIND_MASK;
 }
 
 void name_assembler::accept(const u8 *slot, u32 index) {
-    const u32 ordinal = fat::load(slot, fat::SLOT_ORDINAL);
-    const u8 slot_checksum = static_cast<u8>(fat::load(slot, fat::SLOT_CHECKSUM));
-    if ((ordinal & fat::SLOT_LAST) != 0) {
+    const u32 ordinal = core::load(slot, core::SLOT_ORDINAL);
+    const u8 slot_checksum = static_cast<u8>(core::load(slot, core::SLOT_CHECKSUM));
+    if ((ordinal & core::SLOT_LAST) != 0) {
         reset();
         first_slot = index;
         checksum = slot_checksum;
-        missing = ordinal & ~fat::SLOT_LAST;
+        missing = ordinal & ~core::SLOT_LAST;
         missing = missing <= MAX_ORDINAL ? missing : 0;
     } else if (missing == 0 || ordinal != missing || slot_checksum != checksum) {
         reset();
@@ -73,7 +73,7 @@ bool name_assembler::belongs_to(const u8 *short_entry) const {
 
 entry entry_of_slot(const u8 *slot, u32 index, const name_assembler &assembler) {
     entry found;
-    std::copy_n(slot, fat::DENTRY_SIZE, found.raw.begin());
+    std::copy_n(slot, core::DENTRY_SIZE, found.raw.begin());
     found.slot = index;
     found.has_long_name = assembler.belongs_to(slot) && found.type() != kind::LABEL;
     found.first_slot = found.has_long_name ? assembler.first_slot : index;

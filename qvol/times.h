@@ -5,7 +5,7 @@
 
 #pragma once
 
-#include "fat/bytes.h"
+#include "core/bytes.h"
 
 #include <optional>
 #include <string>
@@ -15,8 +15,8 @@
 namespace qvol {
 
 struct dos_time {
-    fat::u16 date = 0; // (year - 1980) << 9 | month << 5 | day; 0: no date
-    fat::u16 time = 0; // hours << 11 | minutes << 5 | seconds / 2
+    core::u16 date = 0; // (year - 1980) << 9 | month << 5 | day; 0: no date
+    core::u16 time = 0; // hours << 11 | minutes << 5 | seconds / 2
 };
 
 // Sets the clock of the library and the time zone by SOURCE_DATE_EPOCH. Throws usage_error if that

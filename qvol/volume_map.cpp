@@ -13,7 +13,7 @@ namespace qvol {
 namespace {
 
 holder state_of(u32 value) {
-    if (value == fat::FAT_FREE) {
+    if (value == core::FAT_FREE) {
         return HOLDER_FREE;
     }
     return value == fat::bad_mark() ? HOLDER_BAD : HOLDER_LOST;
@@ -64,7 +64,7 @@ public:
     }
 
     [[nodiscard]] u32 clusters() const {
-        return last_ - fat::FIRST_DATA_CLUSTER + 1;
+        return last_ - core::FIRST_DATA_CLUSTER + 1;
     }
     [[nodiscard]] u64 files() const {
         return files_;
@@ -95,7 +95,7 @@ private:
 
     // Why a chain cannot continue in a cluster, or "".
     [[nodiscard]] std::string problem_with(u32 cluster) {
-        if (cluster < fat::FIRST_DATA_CLUSTER || cluster > last_) {
+        if (cluster < core::FIRST_DATA_CLUSTER || cluster > last_) {
             return fmt::format("the chain links to cluster {:#x}, which does not exist", cluster);
         }
         if (is_taken_[cluster]) {
@@ -120,7 +120,7 @@ private:
     [[nodiscard]] std::vector<held_extent>
     with_gaps_filled(const std::vector<held_extent> &held) const {
         std::vector<held_extent> all;
-        u32 next = fat::FIRST_DATA_CLUSTER;
+        u32 next = core::FIRST_DATA_CLUSTER;
         for (const held_extent &part : held) {
             append_states(next, part.first, &all);
             all.push_back(part);
@@ -227,15 +227,15 @@ bool map_cell::has_one_holder() const {
 
 std::vector<map_cell> cells_of(const volume_map &map, u32 max_cells) {
     const u32 size = (map.clusters + max_cells - 1) / max_cells;
-    const u64 end = u64{fat::FIRST_DATA_CLUSTER} + map.clusters;
+    const u64 end = u64{core::FIRST_DATA_CLUSTER} + map.clusters;
     std::vector<map_cell> cells;
-    for (u64 first = fat::FIRST_DATA_CLUSTER; first < end; first += size) {
+    for (u64 first = core::FIRST_DATA_CLUSTER; first < end; first += size) {
         const u64 count = std::min<u64>(size, end - first);
         cells.push_back({static_cast<u32>(first), static_cast<u32>(count), {}});
     }
     for (const held_extent &whole : map.extents) {
         for (held_extent rest = whole; rest.count != 0;) {
-            map_cell &cell = cells[(rest.first - fat::FIRST_DATA_CLUSTER) / size];
+            map_cell &cell = cells[(rest.first - core::FIRST_DATA_CLUSTER) / size];
             const u32 part = std::min(rest.count, cell.first + cell.count - rest.first);
             cell.parts.push_back({rest.first, part, rest.held_by});
             rest.first += part;

@@ -1,6 +1,6 @@
 #include "qvol/volume_shape.h"
 
-#include "fat/internal.h"
+#include "core/geometry.h"
 #include "qvol/error.h"
 
 #include <algorithm>
@@ -17,8 +17,8 @@ constexpr u64 GIB = 1024 * MIB;
 
 constexpr u32 FAT_COPIES = 2;
 constexpr u64 MAX_SECTORS = 0xFFFFFFFE; // an odd last sector is not used
-constexpr u32 FAT16_MAX_CLUSTERS = fat::FAT32_MIN_CLUSTERS - 1;
-constexpr u32 ROOT_BYTES = fat::FAT16_ROOT_ENTRIES * fat::DENTRY_SIZE;
+constexpr u32 FAT16_MAX_CLUSTERS = core::FAT32_MIN_CLUSTERS - 1;
+constexpr u32 ROOT_BYTES = core::FAT16_ROOT_ENTRIES * core::DENTRY_SIZE;
 
 u64 units_of(u64 bytes, u64 unit) {
     return (bytes + unit - 1) / unit;
@@ -28,21 +28,27 @@ u64 units_of(u64 bytes, u64 unit) {
 
 // No value if there is no such volume. FAT type, cluster size and length must be specified.
 std::optional<volume_shape> shape_of(const shape_request &exact) {
-    const fat::quiet_scope quiet;
     const u64 sectors = exact.bytes / exact.sector_bytes & ~u64{1};
-    volume_shape shape = {exact.fat_type,   exact.sector_bytes, exact.cluster_bytes,
-                          exact.page_bytes, exact.bytes,        0};
-    fat_format_param param = formatter_request(shape);
-    u32 fat_sectors = 0;
-    if (sectors > MAX_SECTORS || fat::calc_fat_sectors(&param, static_cast<u32>(sectors),
-                                                       &fat_sectors, &shape.clusters) < 0) {
+    if (sectors > MAX_SECTORS) {
         return std::nullopt;
     }
-    return shape;
+    const core::layout_request request = {
+        .width = exact.fat_type,
+        .page_size = exact.page_bytes,
+        .sector_size = exact.sector_bytes,
+        .sectors_per_cluster = exact.cluster_bytes / exact.sector_bytes,
+        .root_entries = exact.fat_type == 32 ? 0 : core::FAT16_ROOT_ENTRIES,
+        .fats = FAT_COPIES};
+    const core::volume_layout layout = core::lay_out(request, static_cast<u32>(sectors));
+    if (layout.why != core::layout_fault::NONE) {
+        return std::nullopt;
+    }
+    return volume_shape{exact.fat_type,   exact.sector_bytes, exact.cluster_bytes,
+                        exact.page_bytes, exact.bytes,        static_cast<u32>(layout.clusters)};
 }
 
 bool can_hold(const volume_shape &shape, const volume_content &content) {
-    const bool has_root = shape.fat_type == 32 || content.root_slots <= fat::FAT16_ROOT_ENTRIES;
+    const bool has_root = shape.fat_type == 32 || content.root_slots <= core::FAT16_ROOT_ENTRIES;
     return has_root && content.clusters(shape.fat_type, shape.cluster_bytes) <= shape.clusters;
 }
 
@@ -62,7 +68,7 @@ std::vector<u32> cluster_sizes(const shape_request &request) {
         return {request.cluster_bytes};
     }
     const u32 largest =
-        std::min(MAX_CLUSTER_BYTES, request.sector_bytes * fat::MAX_SECTORS_PER_CLUSTER);
+        std::min(MAX_CLUSTER_BYTES, request.sector_bytes * core::MAX_SECTORS_PER_CLUSTER);
     const u32 usual = std::max(usual_cluster_bytes(request.bytes), request.sector_bytes);
     std::vector<u32> sizes;
     for (u32 size = usual; size <= largest; size *= 2) {
@@ -115,8 +121,8 @@ std::optional<volume_shape> first_that_holds(const std::vector<volume_shape> &sh
 // The minimum number of sectors of a volume with this number of clusters, without alignment.
 u64 min_sectors(const shape_request &exact, u64 clusters) {
     const bool is_fat32 = exact.fat_type == 32;
-    const u64 entry_size = is_fat32 ? fat::FAT32_ENTRY_SIZE : fat::FAT16_ENTRY_SIZE;
-    const u64 fat_bytes = (clusters + fat::FIRST_DATA_CLUSTER) * entry_size;
+    const u64 entry_size = is_fat32 ? core::FAT32_ENTRY_SIZE : core::FAT16_ENTRY_SIZE;
+    const u64 fat_bytes = (clusters + core::FIRST_DATA_CLUSTER) * entry_size;
     const u64 root_bytes = is_fat32 ? 0 : ROOT_BYTES;
     return 1 + units_of(root_bytes, exact.sector_bytes) +
            FAT_COPIES * units_of(fat_bytes, exact.sector_bytes) +
@@ -128,10 +134,10 @@ u64 min_sectors(const shape_request &exact, u64 clusters) {
 // the formatter add less than `SLACK` to it.
 std::optional<volume_shape> smallest_shape(shape_request exact, const volume_content &content) {
     constexpr u64 SLACK = MIB;
-    const u64 least = exact.fat_type == 32 ? fat::FAT32_MIN_CLUSTERS : fat::FAT16_MIN_CLUSTERS;
+    const u64 least = exact.fat_type == 32 ? core::FAT32_MIN_CLUSTERS : core::FAT16_MIN_CLUSTERS;
     const u64 needed = std::max(content.clusters(exact.fat_type, exact.cluster_bytes), least);
     if (exact.fat_type == 16 &&
-        (needed > FAT16_MAX_CLUSTERS || content.root_slots > fat::FAT16_ROOT_ENTRIES)) {
+        (needed > FAT16_MAX_CLUSTERS || content.root_slots > core::FAT16_ROOT_ENTRIES)) {
         return std::nullopt;
     }
     const u64 step = u64{2} * exact.sector_bytes;
@@ -239,7 +245,7 @@ u64 shortage(const volume_shape &shape, const volume_content &content) {
 
 [[noreturn]] void refuse_root(const shape_request &request, const volume_content &content) {
     throw error(fmt::format("no space in the root directory: {} needs {} entries, FAT16 has {}{}",
-                            content.name, content.root_slots, fat::FAT16_ROOT_ENTRIES,
+                            content.name, content.root_slots, core::FAT16_ROOT_ENTRIES,
                             advice(request, content)));
 }
 
@@ -285,7 +291,7 @@ u64 volume_content::clusters(u32 fat_type, u32 cluster_bytes) const {
     for (const u32 bytes : reserved_files) {
         count += units_of(bytes, cluster_bytes);
     }
-    const u64 root_bytes = u64{std::max(root_slots, 1U)} * fat::DENTRY_SIZE;
+    const u64 root_bytes = u64{std::max(root_slots, 1U)} * core::DENTRY_SIZE;
     return count + (fat_type == 32 ? units_of(root_bytes, cluster_bytes) : 0);
 }
 

@@ -1,4 +1,4 @@
-# Sourced by test: measures the lines and branches of fat/ and tool/ that the tests reach.
+# Sourced by test: measures the lines and branches of core/, fat/ and tool/ that the tests reach.
 
 need_packages gcovr
 instrumented="-O0 -g --coverage"
@@ -10,6 +10,6 @@ find "$coverage_dir" -name '*.gcda' -delete
 ctest --test-dir "$coverage_dir" --output-on-failure -j "$jobs" "$@"
 
 mkdir -p "$coverage_dir/report"
-gcovr --root "$source_dir" --filter "$source_dir/fat/" --filter "$source_dir/tool/" \
+gcovr --root "$source_dir" --filter "$source_dir/core/" --filter "$source_dir/fat/" --filter "$source_dir/tool/" \
     --exclude-unreachable-branches --html-details "$coverage_dir/report/index.html" \
     --txt - --print-summary --fail-under-line 99 --fail-under-branch 95 "$coverage_dir"

@@ -31,8 +31,8 @@ packed pack(int year, int month, int day, int hour, int minute, int second) {
     local.tm_hour = hour;
     local.tm_min = minute;
     local.tm_sec = second;
-    fat::u16 date = 0;
-    fat::u16 time = 0;
+    core::u16 date = 0;
+    core::u16 time = 0;
     fat::dos_time_date(&local, &date, &time);
     return {date, time};
 }
@@ -151,7 +151,7 @@ TEST(SetVolumeEntry, HasNameKindAndStampOnly) {
     const stopped_clock clock(LEAP_DAY_END);
     const std::string label = "MY VOLUME  ";
     bytes entry(32);
-    EXPECT_EQ(fat::set_volume_entry(entry.data(), reinterpret_cast<const fat::u8 *>(label.data())),
+    EXPECT_EQ(fat::set_volume_entry(entry.data(), reinterpret_cast<const core::u8 *>(label.data())),
               0);
     bytes expected(32);
     std::copy(label.begin(), label.end(), expected.begin());

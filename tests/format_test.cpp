@@ -656,10 +656,10 @@ protected:
         return *format_;
     }
 
-    fat::u8 *pbr = nullptr;
-    fat::u8 *fsinfo = nullptr;
-    fat::u8 *fat = nullptr;
-    fat::u8 *rdir = nullptr;
+    core::u8 *pbr = nullptr;
+    core::u8 *fsinfo = nullptr;
+    core::u8 *fat = nullptr;
+    core::u8 *rdir = nullptr;
 
 private:
     std::unique_ptr<formatting> format_;
@@ -696,7 +696,7 @@ TEST_F(Tables, ThatCouldNotBeMadeAreNotReturned) {
         EXPECT_EQ(step.struck(), step.k < 4);
         EXPECT_EQ(result, step.struck() ? -ENOMEM : 0);
         EXPECT_EQ(step.left_allocated(), step.struck() ? 0 : 4);
-        for (const fat::u8 *table : {pbr, fsinfo, fat, rdir}) {
+        for (const core::u8 *table : {pbr, fsinfo, fat, rdir}) {
             EXPECT_EQ(table == nullptr, step.struck());
         }
     });
@@ -763,7 +763,7 @@ TEST_F(Tables, HaveARootDirectoryOfTheEntriesInTheBootSector) {
     // 33 entries: three sectors of 512 bytes.
     pbr[17] = 33;
     pbr[18] = 0;
-    fat::u8 *small = nullptr;
+    core::u8 *small = nullptr;
     const allocation_meter meter;
     EXPECT_EQ(fat::create_root_dir(pbr + 11, &small), 0);
     EXPECT_GE(meter.peak_bytes(), 3U * 512);
@@ -784,7 +784,7 @@ TEST_F(Tables, HaveARootDirectoryOfTheEntriesInTheBootSector) {
 TEST_F(Tables, AFatOfItsOwnHasTheLengthOfTheVolumesFat) {
     make(FAT32_LARGE_CLUSTERS);
     sv->last_alloc_clus = 77;
-    fat::u8 *own = nullptr;
+    core::u8 *own = nullptr;
     const allocation_meter meter;
     EXPECT_EQ(fat::create_fat(pbr + 11, &own), 0);
     EXPECT_EQ(meter.peak_bytes(), 512U * 512);
@@ -796,7 +796,7 @@ TEST_F(Tables, AFatOfItsOwnHasTheLengthOfTheVolumesFat) {
 TEST_F(Tables, OfAVolumeOfNoWidthAreNotMade) {
     make(FAT16_LARGE_SECTORS);
     sv->fat_type = 12;
-    fat::u8 *table = nullptr;
+    core::u8 *table = nullptr;
     const allocation_meter meter;
     EXPECT_EQ(fat::create_fat(pbr + 11, &table), -EINVAL);
     EXPECT_EQ(messages(), "set_fat_entry[N]: This library supports only FAT16 and FAT32\n");

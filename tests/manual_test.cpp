@@ -1,7 +1,7 @@
 // The manual pages: their options, calls and records are compared with the programs, the header and
 // the layout; and their form.
 
-#include "fat/layout.h"
+#include "core/layout.h"
 #include "tests/support/compile.h"
 #include "tests/support/files.h"
 #include "tests/support/help.h"
@@ -199,9 +199,9 @@ std::vector<std::vector<extent>> field_tables() {
     return result;
 }
 
-std::vector<extent> extents_of(std::span<const fat::field> fields) {
+std::vector<extent> extents_of(std::span<const core::field> fields) {
     std::vector<extent> result;
-    for (const fat::field &f : fields) {
+    for (const core::field &f : fields) {
         result.push_back({f.offset, f.size});
     }
     return result;
@@ -313,9 +313,10 @@ TEST(Manual, NamesEveryObjectAndEveryMemberOfTheRecords) {
 
 TEST(Manual, FieldsAreThoseOfTheLayout) {
     const std::vector<std::vector<extent>> expected = {
-        extents_of(fat::PBR_FIELDS),    extents_of(fat::PBR32_FIELDS), extents_of(fat::EBR_FIELDS),
-        extents_of(fat::FSINFO_FIELDS), extents_of(fat::SHORT_FIELDS), extents_of(fat::SLOT_FIELDS),
-        extents_of(fat::POOL_FIELDS),
+        extents_of(core::PBR_FIELDS),   extents_of(core::PBR32_FIELDS),
+        extents_of(core::EBR_FIELDS),   extents_of(core::FSINFO_FIELDS),
+        extents_of(core::SHORT_FIELDS), extents_of(core::SLOT_FIELDS),
+        extents_of(core::POOL_FIELDS),
     };
     EXPECT_TRUE(field_tables() == expected);
 }
@@ -323,35 +324,35 @@ TEST(Manual, FieldsAreThoseOfTheLayout) {
 TEST(Manual, ConstantsOfTheFormatAreThoseOfTheLayout) {
     const std::string page = source_text("man/quorvel-format.5");
     for (const std::string &constant :
-         {hexadecimal(fat::MEDIA_FIXED, 2),
-          hexadecimal(fat::EXTENDED_BOOT_SIGNATURE, 2),
-          hexadecimal(fat::FSINFO_LEAD_SIGNATURE, 8),
-          hexadecimal(fat::FSINFO_STRUCTURE_SIGNATURE, 8),
-          hexadecimal(fat::FSINFO_TRAIL_SIGNATURE, 8),
-          hexadecimal(fat::FSINFO_UNKNOWN, 8),
-          hexadecimal(fat::FAT16_BAD, 4),
-          hexadecimal(fat::FAT32_BAD, 8),
-          hexadecimal(fat::FAT16_END, 4),
-          hexadecimal(fat::FAT32_END, 8),
-          hexadecimal(fat::NAME_DELETED, 2),
-          hexadecimal(fat::NAME_ESCAPED_E5, 2),
-          hexadecimal(fat::ATTR_READ_ONLY, 2),
-          hexadecimal(fat::ATTR_HIDDEN, 2),
-          hexadecimal(fat::ATTR_SYSTEM, 2),
-          hexadecimal(fat::ATTR_VOLUME, 2),
-          hexadecimal(fat::ATTR_DIRECTORY, 2),
-          hexadecimal(fat::ATTR_ARCHIVE, 2),
-          hexadecimal(fat::ATTR_LONG_NAME, 2),
-          hexadecimal(fat::CASE_LOWER_BASE, 2),
-          hexadecimal(fat::CASE_LOWER_EXTENSION, 2),
-          hexadecimal(fat::CMSEC_SYMLINK, 2),
-          hexadecimal(fat::SLOT_LAST, 2),
-          std::to_string(fat::FAT16_MIN_CLUSTERS) + " to " +
-              std::to_string(fat::FAT32_MIN_CLUSTERS - 1) + " are FAT16, " +
-              std::to_string(fat::FAT32_MIN_CLUSTERS) + " and more FAT32",
-          "at " + std::to_string(fat::EBR_OFFSET_FAT16) + " on FAT16",
-          "at " + std::to_string(fat::EBR_OFFSET_FAT32) + " on FAT32",
-          "are at " + std::to_string(fat::PBR_SIGNATURE.offset)}) {
+         {hexadecimal(core::MEDIA_FIXED, 2),
+          hexadecimal(core::EXTENDED_BOOT_SIGNATURE, 2),
+          hexadecimal(core::FSINFO_LEAD_SIGNATURE, 8),
+          hexadecimal(core::FSINFO_STRUCTURE_SIGNATURE, 8),
+          hexadecimal(core::FSINFO_TRAIL_SIGNATURE, 8),
+          hexadecimal(core::FSINFO_UNKNOWN, 8),
+          hexadecimal(core::FAT16_BAD, 4),
+          hexadecimal(core::FAT32_BAD, 8),
+          hexadecimal(core::FAT16_END, 4),
+          hexadecimal(core::FAT32_END, 8),
+          hexadecimal(core::NAME_DELETED, 2),
+          hexadecimal(core::NAME_ESCAPED_E5, 2),
+          hexadecimal(core::ATTR_READ_ONLY, 2),
+          hexadecimal(core::ATTR_HIDDEN, 2),
+          hexadecimal(core::ATTR_SYSTEM, 2),
+          hexadecimal(core::ATTR_VOLUME, 2),
+          hexadecimal(core::ATTR_DIRECTORY, 2),
+          hexadecimal(core::ATTR_ARCHIVE, 2),
+          hexadecimal(core::ATTR_LONG_NAME, 2),
+          hexadecimal(core::CASE_LOWER_BASE, 2),
+          hexadecimal(core::CASE_LOWER_EXTENSION, 2),
+          hexadecimal(core::CMSEC_SYMLINK, 2),
+          hexadecimal(core::SLOT_LAST, 2),
+          std::to_string(core::FAT16_MIN_CLUSTERS) + " to " +
+              std::to_string(core::FAT32_MIN_CLUSTERS - 1) + " are FAT16, " +
+              std::to_string(core::FAT32_MIN_CLUSTERS) + " and more FAT32",
+          "at " + std::to_string(core::EBR_OFFSET_FAT16) + " on FAT16",
+          "at " + std::to_string(core::EBR_OFFSET_FAT32) + " on FAT32",
+          "are at " + std::to_string(core::PBR_SIGNATURE.offset)}) {
         EXPECT_NE(one_spaced(page).find(constant), std::string::npos) << constant;
     }
 }

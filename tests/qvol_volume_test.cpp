@@ -99,7 +99,7 @@ TEST_P(QvolVolume, AllocatesAllThereIsAndNotOneMore) {
     EXPECT_EQ(table().free_count(), all);
     EXPECT_EQ(table().allocate(all).size(), all);
     EXPECT_EQ(table().highest_used(), table().last_cluster());
-    EXPECT_EQ(table().next_free(), fat::FSINFO_UNKNOWN);
+    EXPECT_EQ(table().next_free(), core::FSINFO_UNKNOWN);
     EXPECT_THROW((void)table().allocate(1), no_space);
 }
 

@@ -222,8 +222,8 @@ TEST_P(ReadAhead, SectorsThatCannotBeReadTogetherAreRequestedOnce) {
 TEST(CycleGuard, PassesAnExtentAsItPassesSingleClusters) {
     for (u32 seed = 1; seed <= 2000; seed++) {
         std::mt19937 random(seed);
-        cycle_detector by_stretches;
-        cycle_detector one_by_one;
+        core::cycle_detector by_stretches;
+        core::cycle_detector one_by_one;
         bool closes = false;
         while (!closes) {
             const u32 first = 2 + static_cast<u32>(random() % 300);

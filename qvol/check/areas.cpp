@@ -51,9 +51,9 @@ void check_contradictions(survey *checked) {
 
 // One byte holds the dirty flag of some systems, only in the boot sector: it is not compared.
 bool is_same_boot_sector(const std::vector<u8> &boot, std::vector<u8> backup) {
-    constexpr u32 FLAG = fat::EBR_OFFSET_FAT32 + fat::EBR_RESERVED.offset;
+    constexpr u32 FLAG = core::EBR_OFFSET_FAT32 + core::EBR_RESERVED.offset;
     backup[FLAG] = boot[FLAG];
-    return std::equal(boot.begin(), boot.begin() + fat::PBR_SIZE, backup.begin());
+    return std::equal(boot.begin(), boot.begin() + core::PBR_SIZE, backup.begin());
 }
 
 // A backup with other locations of the areas is a contradiction and is not overwritten.
@@ -81,9 +81,9 @@ bool has_fsinfo(const survey &checked) {
 }
 
 bool has_signatures(const std::vector<u8> &fsinfo) {
-    return fat::load(fsinfo.data(), fat::FSINFO_LEAD) == fat::FSINFO_LEAD_SIGNATURE &&
-           fat::load(fsinfo.data(), fat::FSINFO_STRUCTURE) == fat::FSINFO_STRUCTURE_SIGNATURE &&
-           fat::load(fsinfo.data(), fat::FSINFO_TRAIL) == fat::FSINFO_TRAIL_SIGNATURE;
+    return core::load(fsinfo.data(), core::FSINFO_LEAD) == core::FSINFO_LEAD_SIGNATURE &&
+           core::load(fsinfo.data(), core::FSINFO_STRUCTURE) == core::FSINFO_STRUCTURE_SIGNATURE &&
+           core::load(fsinfo.data(), core::FSINFO_TRAIL) == core::FSINFO_TRAIL_SIGNATURE;
 }
 
 void check_fsinfo(survey *checked) {
@@ -108,7 +108,7 @@ state_bits state_bits_of_type() {
 }
 
 u32 value_mask() {
-    return sv->fat_type == 32 ? fat::FAT32_VALUE_MASK : 0xFFFF;
+    return sv->fat_type == 32 ? core::FAT32_VALUE_MASK : 0xFFFF;
 }
 
 void check_media(survey *checked, u32 value) {
@@ -140,15 +140,15 @@ void check_end_mark(survey *checked, u32 value) {
 void check_fixed_entries(survey *checked) {
     const std::vector<u8> fat = read_extent(sv->fat_start, 1);
     const u32 size = sv->fat_type / 8;
-    const fat::field entries[] = {{"entry 0", 0, size}, {"entry 1", size, size}};
-    check_media(checked, fat::load(fat.data(), entries[0]) & value_mask());
-    check_end_mark(checked, fat::load(fat.data(), entries[1]) & value_mask());
+    const core::field entries[] = {{"entry 0", 0, size}, {"entry 1", size, size}};
+    check_media(checked, core::load(fat.data(), entries[0]) & value_mask());
+    check_end_mark(checked, core::load(fat.data(), entries[1]) & value_mask());
 }
 
 // Some systems store the dirty flag in the boot sector as well.
 void check_boot_flag(survey *checked) {
-    const u32 extended = sv->fat_type == 32 ? fat::EBR_OFFSET_FAT32 : fat::EBR_OFFSET_FAT16;
-    if ((fat::load(read_extent(0, 1).data() + extended, fat::EBR_RESERVED) & 1) != 0) {
+    const u32 extended = sv->fat_type == 32 ? core::EBR_OFFSET_FAT32 : core::EBR_OFFSET_FAT16;
+    if ((core::load(read_extent(0, 1).data() + extended, core::EBR_RESERVED) & 1) != 0) {
         add_finding(checked, found::DIRTY,
                     "dirty flag set in the boot sector: not cleanly unmounted", "flag cleared",
                     [](repair_plan *plan) { plan->set_clean(); });
@@ -157,7 +157,7 @@ void check_boot_flag(survey *checked) {
 
 // Without mirroring one copy is in use, and the others are not compared.
 bool is_mirroring_off(const std::vector<u8> &boot) {
-    return sv->fat_type == 32 && (fat::load(boot.data(), fat::PBR32_EXTENDED_FLAGS) & 0x80) != 0;
+    return sv->fat_type == 32 && (core::load(boot.data(), core::PBR32_EXTENDED_FLAGS) & 0x80) != 0;
 }
 
 void check_copies(survey *checked) {
@@ -169,7 +169,7 @@ void check_copies(survey *checked) {
             {&found::FAT_COPIES, NO_NODE, difference.cluster,
              fmt::format("FAT copy {} differs from copy 0 in {}, first at {} {}", difference.copy,
                          counted(difference.sectors, "sector", "sectors"),
-                         difference.cluster < fat::FIRST_DATA_CLUSTER ? "entry" : "cluster",
+                         difference.cluster < core::FIRST_DATA_CLUSTER ? "entry" : "cluster",
                          difference.cluster),
              "copy 0 copied over it", [](repair_plan *plan) { plan->copy_first_fat(); }});
     }
@@ -195,24 +195,24 @@ void check_fsinfo_counts(survey *checked) {
     }
     const u32 sector = checked->vol.boot().fsinfo_sector;
     const std::vector<u8> fsinfo = read_extent(sector, 1);
-    const u32 free_count = fat::load(fsinfo.data(), fat::FSINFO_FREE_COUNT);
-    const u32 next = fat::load(fsinfo.data(), fat::FSINFO_NEXT_FREE);
+    const u32 free_count = core::load(fsinfo.data(), core::FSINFO_FREE_COUNT);
+    const u32 next = core::load(fsinfo.data(), core::FSINFO_NEXT_FREE);
     const auto repair = [sector](repair_plan *plan) { plan->write_fsinfo(sector); };
     if (!has_signatures(fsinfo)) {
         return; // the repair writes the counts with them
     }
-    if (free_count != fat::FSINFO_UNKNOWN && free_count != checked->table.free_count()) {
+    if (free_count != core::FSINFO_UNKNOWN && free_count != checked->table.free_count()) {
         add_finding(checked, found::FSINFO_FREE,
                     fmt::format("FSInfo free count is {}, should be {}", free_count,
                                 checked->table.free_count()),
                     "corrected", repair);
     }
     const bool is_cluster =
-        next >= fat::FIRST_DATA_CLUSTER && next <= checked->table.last_cluster();
-    if (next != fat::FSINFO_UNKNOWN && !is_cluster) {
+        next >= core::FIRST_DATA_CLUSTER && next <= checked->table.last_cluster();
+    if (next != core::FSINFO_UNKNOWN && !is_cluster) {
         add_finding(checked, found::FSINFO_NEXT,
                     fmt::format("FSInfo next free cluster is {}, should be {} to {}", next,
-                                fat::FIRST_DATA_CLUSTER, checked->table.last_cluster()),
+                                core::FIRST_DATA_CLUSTER, checked->table.last_cluster()),
                     "corrected", repair);
     }
 }

@@ -13,7 +13,7 @@ namespace qvol {
 namespace {
 
 bool is_cluster(const fat_table &table, u32 number) {
-    return number >= fat::FIRST_DATA_CLUSTER && number <= table.last_cluster();
+    return number >= core::FIRST_DATA_CLUSTER && number <= table.last_cluster();
 }
 
 // Why the chain of a node cannot continue in a cluster; MARK if it can.
@@ -26,7 +26,7 @@ chain_end obstacle_at(survey *checked, u32 node, u32 cluster) {
         return owner == node + 1 ? chain_end::CYCLE : chain_end::SHARED;
     }
     const u32 value = checked->table.get(cluster);
-    return value == fat::FAT_FREE     ? chain_end::FREE
+    return value == core::FAT_FREE    ? chain_end::FREE
            : value == fat::bad_mark() ? chain_end::BAD
                                       : chain_end::MARK;
 }

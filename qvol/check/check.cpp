@@ -70,7 +70,7 @@ check_result result_of(const survey &checked) {
     }
     result.files--; // the root, which has no entry
     result.used_clusters = checked.used_clusters;
-    result.clusters = checked.table.last_cluster() - fat::FIRST_DATA_CLUSTER + 1;
+    result.clusters = checked.table.last_cluster() - core::FIRST_DATA_CLUSTER + 1;
     return result;
 }
 

@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include "fat/bytes.h"
+#include "core/bytes.h"
 
 #include <functional>
 #include <limits>
@@ -100,12 +100,12 @@ inline constexpr finding_kind LOG{"log", "remove it, then create it again with \
 } // namespace found
 
 // A node is an entry of the tree, by its index in the survey.
-inline constexpr fat::u32 NO_NODE = std::numeric_limits<fat::u32>::max();
+inline constexpr core::u32 NO_NODE = std::numeric_limits<core::u32>::max();
 
 struct finding {
     const finding_kind *kind;
-    fat::u32 node;    // NO_NODE: the finding is about the volume
-    fat::u32 cluster; // 0: no cluster
+    core::u32 node;    // NO_NODE: the finding is about the volume
+    core::u32 cluster; // 0: no cluster
     std::string text;
 
     std::string remedy;                              // the result of `repair`, as it is printed

@@ -26,12 +26,12 @@ std::optional<std::string> short_name_problem(const entry &named) {
         return "begins with a space";
     }
     for (std::size_t i = 0; i < name.size(); i++) {
-        const bool is_escape = i == 0 && name[i] == fat::NAME_ESCAPED_E5;
+        const bool is_escape = i == 0 && name[i] == core::NAME_ESCAPED_E5;
         if (!is_escape && !is_short_name_byte(name[i])) {
             return fmt::format("contains byte 0x{:02x}", name[i]);
         }
     }
-    const u32 case_bits = fat::load(named.raw.data(), fat::SHORT_SYSID);
+    const u32 case_bits = core::load(named.raw.data(), core::SHORT_SYSID);
     if (!named.has_long_name && (case_bits & CASE_NO_SHORT_NAME) != 0) {
         return fmt::format("case byte 0x{:02x} requires a long name", case_bits);
     }

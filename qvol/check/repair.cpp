@@ -10,9 +10,9 @@ namespace qvol {
 namespace {
 
 void store_signatures(u8 *fsinfo) {
-    fat::store(fsinfo, fat::FSINFO_LEAD, fat::FSINFO_LEAD_SIGNATURE);
-    fat::store(fsinfo, fat::FSINFO_STRUCTURE, fat::FSINFO_STRUCTURE_SIGNATURE);
-    fat::store(fsinfo, fat::FSINFO_TRAIL, fat::FSINFO_TRAIL_SIGNATURE);
+    core::store(fsinfo, core::FSINFO_LEAD, core::FSINFO_LEAD_SIGNATURE);
+    core::store(fsinfo, core::FSINFO_STRUCTURE, core::FSINFO_STRUCTURE_SIGNATURE);
+    core::store(fsinfo, core::FSINFO_TRAIL, core::FSINFO_TRAIL_SIGNATURE);
 }
 
 // Reads a sector, applies the change, and writes the sector if the change makes a difference.
@@ -35,35 +35,37 @@ void repair_plan::change_slot(const fat::dentry_location &location, u32 offset,
 }
 
 void repair_plan::remove_slot(const fat::dentry_location &location) {
-    change_slot(location, fat::SHORT_NAME.offset, {fat::NAME_DELETED});
+    change_slot(location, core::SHORT_NAME.offset, {core::NAME_DELETED});
 }
 
 void repair_plan::write_slot(const fat::dentry_location &location,
-                             const std::array<u8, fat::DENTRY_SIZE> &raw) {
+                             const std::array<u8, core::DENTRY_SIZE> &raw) {
     change_slot(location, 0, {raw.begin(), raw.end()});
 }
 
 void repair_plan::clear_start(const fat::dentry_location &location) {
-    change_slot(location, fat::SHORT_START_HIGH.offset,
-                std::vector<u8>(fat::SHORT_START_HIGH.size));
-    change_slot(location, fat::SHORT_START_LOW.offset, std::vector<u8>(fat::SHORT_START_LOW.size));
+    change_slot(location, core::SHORT_START_HIGH.offset,
+                std::vector<u8>(core::SHORT_START_HIGH.size));
+    change_slot(location, core::SHORT_START_LOW.offset,
+                std::vector<u8>(core::SHORT_START_LOW.size));
 }
 
 void repair_plan::clear_slot_start(const fat::dentry_location &location) {
-    change_slot(location, fat::SLOT_START.offset, std::vector<u8>(fat::SLOT_START.size));
+    change_slot(location, core::SLOT_START.offset, std::vector<u8>(core::SLOT_START.size));
 }
 
 void repair_plan::clear_reserved_bits(const fat::dentry_location &location) {
-    change_slot(location, fat::SLOT_ATTR.offset, {fat::ATTR_LONG_NAME});
-    change_slot(location, fat::SLOT_SYSID.offset, {0});
+    change_slot(location, core::SLOT_ATTR.offset, {core::ATTR_LONG_NAME});
+    change_slot(location, core::SLOT_SYSID.offset, {0});
 }
 
 void repair_plan::clear_size(const fat::dentry_location &location) {
-    change_slot(location, fat::SHORT_FILE_SIZE.offset, std::vector<u8>(fat::SHORT_FILE_SIZE.size));
+    change_slot(location, core::SHORT_FILE_SIZE.offset,
+                std::vector<u8>(core::SHORT_FILE_SIZE.size));
 }
 
 void repair_plan::end_chain(u32 last) {
-    vol_.fat().set(last, fat::FAT_END_MARK);
+    vol_.fat().set(last, core::FAT_END_MARK);
 }
 
 void repair_plan::release_chain(u32 first, u32 count) {
@@ -94,8 +96,8 @@ void repair_plan::write_fixed_entries() {
 }
 
 void repair_plan::clear_boot_flag() {
-    const u32 extended = sv->fat_type == 32 ? fat::EBR_OFFSET_FAT32 : fat::EBR_OFFSET_FAT16;
-    change_sector(0, [&](u8 *bytes) { fat::store(bytes + extended, fat::EBR_RESERVED, 0); });
+    const u32 extended = sv->fat_type == 32 ? core::EBR_OFFSET_FAT32 : core::EBR_OFFSET_FAT16;
+    change_sector(0, [&](u8 *bytes) { core::store(bytes + extended, core::EBR_RESERVED, 0); });
 }
 
 // Directory entries drop their references before the clusters are freed; backups and counts follow
@@ -115,7 +117,7 @@ void repair_plan::write() {
     }
     vol_.finish();
     if (sets_clean_) {
-        fixed_entries_[1] = fat::FAT_END_MARK;
+        fixed_entries_[1] = core::FAT_END_MARK;
         write_fixed_entries();
         clear_boot_flag();
         vol_.where().sync();

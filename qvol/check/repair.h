@@ -20,7 +20,7 @@ public:
     // ---- slots ----
     void remove_slot(const fat::dentry_location &location);
     void write_slot(const fat::dentry_location &location,
-                    const std::array<u8, fat::DENTRY_SIZE> &raw);
+                    const std::array<u8, core::DENTRY_SIZE> &raw);
     void clear_start(const fat::dentry_location &location);
     void clear_slot_start(const fat::dentry_location &location);    // of a long-name slot
     void clear_reserved_bits(const fat::dentry_location &location); // of a long-name slot

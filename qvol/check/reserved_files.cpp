@@ -20,7 +20,7 @@ constexpr u32 LOG_BYTES = 128 * 1024; // at least; rounded up to full clusters
 bool is_file_of_root(const survey &checked, u32 node, const char *name) {
     const tree_node &candidate = checked.nodes[node];
     return candidate.parent == ROOT_NODE && candidate.dentry.type() == kind::FILE &&
-           std::memcmp(candidate.dentry.raw.data(), name, fat::SHORT_NAME.size) == 0;
+           std::memcmp(candidate.dentry.raw.data(), name, core::SHORT_NAME.size) == 0;
 }
 
 void check_size(survey *checked, u32 node, const finding_kind &kind, u32 wanted) {
@@ -34,7 +34,7 @@ void check_size(survey *checked, u32 node, const finding_kind &kind, u32 wanted)
 
 // A field of the header and its required value.
 struct header_word {
-    fat::field field;
+    core::field field;
     u32 value;
 };
 
@@ -45,13 +45,13 @@ void check_pool_header(survey *checked, u32 node) {
     }
     constexpr u32 ALL_ONES = 0xFFFFFFFF;
     const header_word words[] = {
-        {fat::POOL_INDEX, pool.slot},      {fat::POOL_ZERO, 0}, {fat::POOL_FIRST, pool.start()},
-        {fat::POOL_SECOND, pool.start()},  {fat::POOL_ONE, 1},  {fat::POOL_FIRST_MARK, ALL_ONES},
-        {fat::POOL_SECOND_MARK, ALL_ONES},
+        {core::POOL_INDEX, pool.slot},      {core::POOL_ZERO, 0}, {core::POOL_FIRST, pool.start()},
+        {core::POOL_SECOND, pool.start()},  {core::POOL_ONE, 1},  {core::POOL_FIRST_MARK, ALL_ONES},
+        {core::POOL_SECOND_MARK, ALL_ONES},
     };
     const std::vector<u8> header = read_extent(sector_of_cluster(pool.start()), 1);
     for (const header_word &word : words) {
-        const u32 value = fat::load(header.data(), word.field);
+        const u32 value = core::load(header.data(), word.field);
         if (value != word.value) {
             checked->add({&found::POOL, node, pool.start(),
                           fmt::format("header field at byte {} is {:#x}, should be {:#x}",

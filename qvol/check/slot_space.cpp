@@ -9,7 +9,7 @@ namespace qvol {
 namespace {
 
 u32 slots_per_cluster() {
-    return fat::cluster_bytes() / fat::DENTRY_SIZE;
+    return fat::cluster_bytes() / core::DENTRY_SIZE;
 }
 
 // Accepts the slots of a directory one by one.
@@ -40,11 +40,11 @@ public:
 private:
     void accept_long_name_slot(const u8 *slot, u32 index) {
         assembler_.accept(slot, index);
-        if (fat::load(slot, fat::SLOT_START) != 0) {
+        if (core::load(slot, core::SLOT_START) != 0) {
             content_.with_cluster.push_back(index);
         }
-        const bool has_other_bits = fat::load(slot, fat::SLOT_ATTR) != fat::ATTR_LONG_NAME;
-        if (has_other_bits || fat::load(slot, fat::SLOT_SYSID) != 0) {
+        const bool has_other_bits = core::load(slot, core::SLOT_ATTR) != core::ATTR_LONG_NAME;
+        if (has_other_bits || core::load(slot, core::SLOT_SYSID) != 0) {
             content_.with_reserved_bits.push_back(index);
         }
     }
@@ -101,7 +101,7 @@ void slot_space::load(u64 first_sector, u32 sectors) {
 }
 
 void slot_space::find_end() {
-    while (count_ < capacity() && slot(count_)[0] != fat::NAME_UNUSED) {
+    while (count_ < capacity() && slot(count_)[0] != core::NAME_UNUSED) {
         count_++;
     }
 }
@@ -109,13 +109,13 @@ void slot_space::find_end() {
 u32 slot_space::slots_past_end() const {
     u32 found = 0;
     for (u32 index = count_; index < capacity(); index++) {
-        found += slot(index)[0] != fat::NAME_UNUSED && !is_removed(slot(index)) ? 1 : 0;
+        found += slot(index)[0] != core::NAME_UNUSED && !is_removed(slot(index)) ? 1 : 0;
     }
     return found;
 }
 
 bool slot_space::is_zero_from(u32 index) const {
-    const auto from = bytes_.begin() + static_cast<std::ptrdiff_t>(index) * fat::DENTRY_SIZE;
+    const auto from = bytes_.begin() + static_cast<std::ptrdiff_t>(index) * core::DENTRY_SIZE;
     return index >= count_ && std::all_of(from, bytes_.end(), [](u8 byte) { return byte == 0; });
 }
 
@@ -125,7 +125,7 @@ u32 slot_space::cluster_of(u32 slot) const {
 
 fat::dentry_location slot_space::location(u32 slot) const {
     const u64 base = clusters_.empty() ? sv->rdir_start : sector_of_cluster(cluster_of(slot));
-    const u32 offset = (clusters_.empty() ? slot : slot % slots_per_cluster()) * fat::DENTRY_SIZE;
+    const u32 offset = (clusters_.empty() ? slot : slot % slots_per_cluster()) * core::DENTRY_SIZE;
     return {static_cast<u32>(base + offset / sv->sector_size), offset % sv->sector_size};
 }
 

@@ -27,7 +27,7 @@ public:
         return is_too_long_;
     }
     [[nodiscard]] const u8 *slot(u32 index) const {
-        return bytes_.data() + std::size_t{index} * fat::DENTRY_SIZE;
+        return bytes_.data() + std::size_t{index} * core::DENTRY_SIZE;
     }
 
     // Whether the slot is at or past the end of the directory, and all bytes from it on are 0.
@@ -41,7 +41,7 @@ private:
     void load(u64 first_sector, u32 sectors);
     void find_end();
     [[nodiscard]] u32 capacity() const {
-        return static_cast<u32>(bytes_.size() / fat::DENTRY_SIZE);
+        return static_cast<u32>(bytes_.size() / core::DENTRY_SIZE);
     }
 
     std::vector<u32> clusters_;

@@ -21,7 +21,7 @@ constexpr std::size_t MAX_SHOWN_NAMES = 256; // of a path
 // The required content of a dot entry.
 struct dot {
     u32 slot;
-    const u8 (&name)[fat::SHORT_NAME.size];
+    const u8 (&name)[core::SHORT_NAME.size];
     const char *text;
     u32 start;
 };
@@ -149,7 +149,7 @@ private:
         for (const u32 slot : content.with_cluster) {
             add_finding(found::SLOT_CLUSTER, space.cluster_of(slot),
                         fmt::format("first cluster of long-name slot {} is {}, should be 0", slot,
-                                    fat::load(space.slot(slot), fat::SLOT_START)),
+                                    core::load(space.slot(slot), core::SLOT_START)),
                         "set to 0", [location = space.location(slot)](repair_plan *plan) {
                             plan->clear_slot_start(location);
                         });
@@ -204,8 +204,8 @@ private:
     // ---- dot entries ----
 
     void check_dots(const slot_space &space) {
-        const dot dots[] = {{0, fat::DOT_NAME, "\".\"", start()},
-                            {1, fat::DOT_DOT_NAME, "\"..\"", parent_link()}};
+        const dot dots[] = {{0, core::DOT_NAME, "\".\"", start()},
+                            {1, core::DOT_DOT_NAME, "\"..\"", parent_link()}};
         for (const dot &wanted : dots) {
             check_dot(space, wanted);
         }
@@ -271,7 +271,7 @@ private:
         const std::optional<entry> found = entry_at(space, wanted.slot);
         made.raw = found ? found->raw : own_entry().raw;
         std::copy_n(wanted.name, sizeof wanted.name, made.raw.begin());
-        fat::store(made.raw.data(), fat::SHORT_ATTR, fat::ATTR_DIRECTORY);
+        core::store(made.raw.data(), core::SHORT_ATTR, core::ATTR_DIRECTORY);
         made.set_start(wanted.start);
         made.set_size(0);
         return [location = space.location(wanted.slot), raw = made.raw](repair_plan *plan) {
@@ -320,7 +320,7 @@ private:
 
     survey *checked_;
     u32 node_;
-    std::array<bool, fat::DOT_ENTRIES> is_dot_{}; // slots that are treated as dot entries
+    std::array<bool, core::DOT_ENTRIES> is_dot_{}; // slots that are treated as dot entries
 };
 
 } // namespace

@@ -52,9 +52,9 @@ shape_request parse_shape(const build_options &options, u32 sector_bytes) {
     request.sector_bytes =
         options.sector.empty()
             ? sector_bytes
-            : parse_unit("--sector", options.sector, fat::MIN_SECTOR_SIZE, fat::MAX_SECTOR_SIZE);
+            : parse_unit("--sector", options.sector, core::MIN_SECTOR_SIZE, core::MAX_SECTOR_SIZE);
     const u32 largest_cluster =
-        std::min(MAX_CLUSTER_BYTES, request.sector_bytes * fat::MAX_SECTORS_PER_CLUSTER);
+        std::min(MAX_CLUSTER_BYTES, request.sector_bytes * core::MAX_SECTORS_PER_CLUSTER);
     request.cluster_bytes =
         options.cluster.empty()
             ? 0
@@ -63,7 +63,7 @@ shape_request parse_shape(const build_options &options, u32 sector_bytes) {
         options.page == "0" ? 0 : parse_unit("--page", options.page, 1, MAX_PAGE_BYTES);
     const bool is_automatic = options.size == "auto";
     request.bytes = is_automatic ? 0 : parse_size("--size", options.size);
-    if (!is_automatic && request.bytes < fat::MIN_SECTOR_SIZE) {
+    if (!is_automatic && request.bytes < core::MIN_SECTOR_SIZE) {
         throw usage_error(fmt::format("--size {}: too small for a volume", options.size));
     }
     return request;
@@ -195,7 +195,7 @@ build_result build_image(const common_options &common, const build_options &opti
     if (options.size.empty()) {
         throw usage_error("--size is required: a size such as 64M, or auto for the smallest image");
     }
-    const shape_request request = parse_shape(options, fat::MIN_SECTOR_SIZE);
+    const shape_request request = parse_shape(options, core::MIN_SECTOR_SIZE);
     check_image_name(common.image, options.is_forced);
     refuse_own_source(common.image, options.from);
     const std::vector<host_node> nodes = scan_tree(options, name_codec(common.encoding));

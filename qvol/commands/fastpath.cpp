@@ -23,7 +23,7 @@ class open_id {
 public:
     open_id(const std::string &shown, const entry &opened, const directory &parent) {
         const fat::dentry_location location = parent.location(opened.slot);
-        fat::heap_ptr<oentry> record = fat::zeroed_records<oentry>();
+        core::heap_ptr<oentry> record = core::zeroed_records<oentry>();
         if (record == nullptr) {
             throw std::bad_alloc();
         }

@@ -43,7 +43,7 @@ struct volume_info {
 volume_info info_of(volume &vol) {
     const u32 serial = vol.boot().serial;
     return {vol,
-            vol.fat().last_cluster() - fat::FIRST_DATA_CLUSTER + 1,
+            vol.fat().last_cluster() - core::FIRST_DATA_CLUSTER + 1,
             vol.fat().free_count(),
             label_of(vol),
             fmt::format("{:04X}-{:04X}", serial >> 16, serial & 0xFFFF),

@@ -184,7 +184,7 @@ void add_moved(directory *into, const std::u16string &name, const entry &moved) 
     const short_name alias = added.alias();
     added.raw = moved.raw;
     std::copy(alias.begin(), alias.end(), added.raw.begin());
-    added.raw[fat::SHORT_SYSID.offset] = 0; // no case bits: the long name has the case
+    added.raw[core::SHORT_SYSID.offset] = 0; // no case bits: the long name has the case
     into->update(added);
 }
 

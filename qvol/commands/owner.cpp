@@ -50,7 +50,7 @@ std::vector<name_path> find_owners(volume &vol, u32 cluster) {
 }
 
 std::string state_of(u32 value, bool is_owned) {
-    if (value == fat::FAT_FREE) {
+    if (value == core::FAT_FREE) {
         return "free";
     }
     return value == fat::bad_mark() ? "bad" : is_owned ? "used" : "lost";
@@ -61,7 +61,7 @@ int run_owner(const common_options &common, const owner_options &options) {
     return with_volume(common, access::READ, [&](volume &vol) {
         const u32 value = vol.fat().get(cluster);
         const std::vector<name_path> owners =
-            value == fat::FAT_FREE ? std::vector<name_path>() : find_owners(vol, cluster);
+            value == core::FAT_FREE ? std::vector<name_path>() : find_owners(vol, cluster);
         const std::string state = state_of(value, !owners.empty());
         json paths = json::array();
         for (const name_path &path : owners) {

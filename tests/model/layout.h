@@ -199,6 +199,12 @@ private:
                    "fat sectors " +
                    cut(result_.fat_sectors) + " max clusters " + cut(most_) + " data area " +
                    cut(data_) + "\n");
+        } else if (floor_of(data_ - (result_.reserved - 32), wish_.cluster_sectors) <= 65524) {
+            // The areas are placed after the larger reserved area: too few clusters are left.
+            refuse("calc_fat_sectors[N]: Invalid format request: FAT" + text(wish_.width) + ", " +
+                   text(wish_.fats) + " FATs, " + text(wish_.cluster_sectors) + " sectors of " +
+                   text(sector_) + " bytes per cluster, " + text(wish_.root_entries) +
+                   " root entries, page size " + text(wish_.page_bytes) + "\n\n");
         }
     }
 

@@ -41,7 +41,7 @@ public:
         EXPECT_EQ(block_.size(), fat::DOS_NAME_SIZE);
         block_.shrink_to_fit();
     }
-    [[nodiscard]] fat::u8 *get() {
+    [[nodiscard]] core::u8 *get() {
         return block_.data();
     }
     [[nodiscard]] std::string text() const {
@@ -49,16 +49,16 @@ public:
     }
 
 private:
-    std::vector<fat::u8> block_;
+    std::vector<core::u8> block_;
 };
 
 // convert_cstring_to_dosname() with all outputs requested.
 inline model::short_form to_short(const std::string &name) {
-    constexpr fat::u8 UNTOUCHED = 0x55; // not a combination of case bits
+    constexpr core::u8 UNTOUCHED = 0x55; // not a combination of case bits
     caller_string string(name);
     dos_block dos;
-    fat::u8 case_byte = UNTOUCHED;
-    fat::u32 lossy = UNTOUCHED;
+    core::u8 case_byte = UNTOUCHED;
+    core::u32 lossy = UNTOUCHED;
     model::short_form form;
     form.result = fat::convert_cstring_to_dosname(string.get(), dos.get(), &case_byte, &lossy);
     form.left = string.text();
@@ -107,8 +107,8 @@ inline model::name_record to_record(const std::string &name, diagnostics *messag
 inline std::string to_text(std::string_view dos, unsigned lcase) {
     dos_block block(dos);
     std::vector<char> out(fat::DOS_CSTRING_SIZE, '#');
-    EXPECT_EQ(fat::convert_dosname_to_cstring(block.get(), out.data(), static_cast<fat::u8>(lcase)),
-              0);
+    EXPECT_EQ(
+        fat::convert_dosname_to_cstring(block.get(), out.data(), static_cast<core::u8>(lcase)), 0);
     EXPECT_EQ(block.text(), dos);
     EXPECT_NE(std::memchr(out.data(), '\0', out.size()), nullptr);
     return out.data();

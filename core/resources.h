@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include "fat/bytes.h"
+#include "core/bytes.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -10,7 +10,8 @@
 
 #include <unistd.h>
 
-namespace fat {
+namespace core {
+inline namespace basis {
 
 struct free_block {
     void operator()(void *block) const {
@@ -64,4 +65,5 @@ private:
     int fd_;
 };
 
-} // namespace fat
+} // namespace basis
+} // namespace core

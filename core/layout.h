@@ -12,9 +12,10 @@
 
 #pragma once
 
-#include "fat/bytes.h"
+#include "core/bytes.h"
 
-namespace fat {
+namespace core {
+inline namespace basis {
 
 // ---- boot sector ------------------------------------------------------------------------------
 
@@ -129,6 +130,7 @@ inline constexpr u32 FAT16_ENTRY_SIZE = 2;
 inline constexpr u32 FAT32_ENTRY_SIZE = 4;
 inline constexpr u32 FAT32_VALUE_MASK = 0x0FFFFFFF; // the top 4 bits of a FAT32 entry are reserved
 inline constexpr u32 FIRST_DATA_CLUSTER = 2;
+inline constexpr u32 NEW_ROOT_CLUSTER = 2; // of the root directory of a new FAT32 volume
 inline constexpr u32 FAT_FREE = 0;
 inline constexpr u32 FAT16_BAD = 0xFFF7;
 inline constexpr u32 FAT32_BAD = 0x0FFFFFF7;
@@ -243,4 +245,5 @@ inline constexpr field POOL_FIELDS[] = {
 };
 static_assert(covers(POOL_FIELDS, 0, 28));
 
-} // namespace fat
+} // namespace basis
+} // namespace core

@@ -9,7 +9,9 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace fat {
+// The names of the basis (bytes, layout, resources): the faces take them over as a whole.
+namespace core {
+inline namespace basis {
 
 using u8 = std::uint8_t;
 using u16 = std::uint16_t;
@@ -17,6 +19,10 @@ using u32 = std::uint32_t;
 using u64 = std::uint64_t;
 using s32 = std::int32_t;
 using s64 = std::int64_t;
+
+[[nodiscard]] constexpr u32 div_ceil(u32 value, u32 unit) {
+    return value / unit + (value % unit != 0 ? 1 : 0);
+}
 
 [[nodiscard]] constexpr u16 load16(const u8 *bytes) {
     return static_cast<u16>(bytes[0] | bytes[1] << 8);
@@ -83,4 +89,5 @@ consteval bool covers(const field (&fields)[N], u32 begin, u32 end) {
     return position == end;
 }
 
-} // namespace fat
+} // namespace basis
+} // namespace core

@@ -1,0 +1,77 @@
+#include "core/record.h"
+
+#include <bit>
+
+namespace core {
+
+slot_kind kind_of(const u8 *slot) {
+    const u8 first = slot[SHORT_NAME.offset];
+    const u32 attr = load(slot, SHORT_ATTR);
+    if (first == NAME_UNUSED) {
+        return slot_kind::UNUSED;
+    }
+    if (first == NAME_DELETED) {
+        return slot_kind::DELETED;
+    }
+    if ((attr & ATTR_LONG_NAME_MASK) == ATTR_LONG_NAME) {
+        return slot_kind::LONG_NAME;
+    }
+    switch (attr & ATTR_KIND_MASK) {
+    case 0:
+        return slot_kind::FILE;
+    case ATTR_DIRECTORY:
+        return slot_kind::DIRECTORY;
+    case ATTR_VOLUME:
+        return slot_kind::LABEL;
+    default:
+        return slot_kind::INVALID;
+    }
+}
+
+bool is_free_slot(const u8 *slot) {
+    const u8 first = slot[SHORT_NAME.offset];
+    return first == NAME_UNUSED || first == NAME_DELETED;
+}
+
+bool is_named_kind(slot_kind kind) {
+    return kind == slot_kind::FILE || kind == slot_kind::DIRECTORY;
+}
+
+bool is_live_directory(const u8 *entry) {
+    return entry != nullptr && !is_free_slot(entry) &&
+           (load(entry, SHORT_ATTR) & ATTR_KIND_MASK) == ATTR_DIRECTORY;
+}
+
+bool is_symlink(const u8 *entry) {
+    return load(entry, SHORT_CMSEC) == CMSEC_SYMLINK;
+}
+
+u32 start_cluster(const u8 *entry) {
+    return load(entry, SHORT_START_HIGH) << 16 | load(entry, SHORT_START_LOW);
+}
+
+void set_start_cluster(u8 *entry, u32 cluster) {
+    store(entry, SHORT_START_HIGH, cluster >> 16);
+    store(entry, SHORT_START_LOW, cluster & 0xFFFF);
+}
+
+u8 checksum_of(const u8 *short_name) {
+    u8 sum = 0;
+    for (u32 i = 0; i < SHORT_NAME.size; i++) {
+        sum = static_cast<u8>(std::rotr(sum, 1) + short_name[i]);
+    }
+    return sum;
+}
+
+dos_moment dos_moment_of(const tm &local) {
+    constexpr int DOS_EPOCH_YEAR = 1980;
+    const int years = local.tm_year + 1900 - DOS_EPOCH_YEAR;
+    return {static_cast<u16>(static_cast<unsigned>(years) << 9 |
+                             static_cast<unsigned>(local.tm_mon + 1) << 5 |
+                             static_cast<unsigned>(local.tm_mday)),
+            static_cast<u16>(static_cast<unsigned>(local.tm_hour) << 11 |
+                             static_cast<unsigned>(local.tm_min) << 5 |
+                             static_cast<unsigned>(local.tm_sec / 2))};
+}
+
+} // namespace core

@@ -1,0 +1,48 @@
+// What the 32 bytes of a directory slot are: kinds, first cluster, time stamps, checksum.
+
+#pragma once
+
+#include "core/layout.h"
+
+#include <ctime>
+
+namespace core {
+
+// The numbers are those that listings show.
+enum class slot_kind : u8 {
+    UNUSED = 0, // also the end of the directory
+    DELETED = 1,
+    FILE = 2,
+    DIRECTORY = 3,
+    LONG_NAME = 4,
+    INVALID = 6, // both a directory and a volume label
+    LABEL = 8,
+};
+
+[[nodiscard]] slot_kind kind_of(const u8 *slot);
+
+// Whether a new entry may use the slot.
+[[nodiscard]] bool is_free_slot(const u8 *slot);
+
+// A file or a directory, the kinds that a name can refer to.
+[[nodiscard]] bool is_named_kind(slot_kind kind);
+
+// Whether a short entry is that of a directory which is not deleted. False for null.
+[[nodiscard]] bool is_live_directory(const u8 *entry);
+
+[[nodiscard]] bool is_symlink(const u8 *entry);
+
+// First cluster of a short entry.
+[[nodiscard]] u32 start_cluster(const u8 *entry);
+void set_start_cluster(u8 *entry, u32 cluster);
+
+// Checksum of a short name of 11 bytes that its long-name slots carry.
+[[nodiscard]] u8 checksum_of(const u8 *short_name);
+
+struct dos_moment {
+    u16 date; // years since 1980, month, day
+    u16 time; // hours, minutes, seconds / 2
+};
+[[nodiscard]] dos_moment dos_moment_of(const tm &local);
+
+} // namespace core

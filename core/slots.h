@@ -1,0 +1,74 @@
+// The slots of one directory: where each lies, and a walk over them.
+//
+// Slot i is at byte i x 32 of the space of its directory: the fixed root area of FAT16 (first
+// cluster 0), or a cluster chain.
+
+#pragma once
+
+#include "core/chain.h"
+
+namespace core {
+
+// The sector of a slot, and its byte offset there.
+struct slot_place {
+    u32 sector;
+    u32 offset;
+};
+
+// The volume sector that holds sector `sector_index` of the space that begins with cluster `first`,
+// for a walk that continues from `cursor`. Faults: START_OUTSIDE, START_RESERVED, ROOT_AREA_END,
+// FREE_CLUSTER, CHAIN_END, those of chain_cursor::move().
+[[nodiscard]] result<u32> sector_in_space(table &fat, chain_cursor *cursor, u32 first,
+                                          u32 sector_index);
+
+// Index of the sector of a space that holds a slot, and the byte offset of the slot there.
+[[nodiscard]] u32 sector_index_of_slot(const volume &of, u32 slot);
+[[nodiscard]] u32 offset_of_slot(const volume &of, u32 slot);
+
+// A walk over the slots of one directory. It reads each sector once: the first one alone, since
+// most walks end there, then contiguous ones together.
+class slot_walk {
+public:
+    static constexpr u32 NO_LIMIT = ~0U;
+
+    // What to see where a transfer moves no sector although it does not fail.
+    enum class empty_read { OLD_CONTENT, ZEROS };
+
+    // The directory begins with cluster `first`; the walk ends before slot `limit`.
+    slot_walk(table &fat, u32 first, u32 limit = NO_LIMIT,
+              empty_read on_empty = empty_read::OLD_CONTENT)
+        : fat_(fat), first_(first), limit_(limit), on_empty_(on_empty) {}
+
+    // Allocates the buffer for a sector, if that has not been done. False without memory.
+    [[nodiscard]] bool reserve();
+
+    // The bytes of a slot, valid until the next call. Faults: NO_MEMORY, READ, SIZE_END, those of
+    // sector_in_space().
+    [[nodiscard]] result<u8 *> to(u32 slot);
+
+    // Location of the last slot.
+    [[nodiscard]] const slot_place &place() const {
+        return place_;
+    }
+    // The position in the chain, for reports.
+    [[nodiscard]] const chain_cursor &cursor() const {
+        return cursor_;
+    }
+
+private:
+    [[nodiscard]] fault read_sector(bool continues);
+    [[nodiscard]] u32 contiguous_sectors() const;
+
+    table &fat_;
+    u32 first_;
+    u32 limit_;
+    empty_read on_empty_;
+    heap_ptr<u8> buffer_;
+    u32 first_slot_ = 0; // in the buffer
+    u32 slots_ = 0;      // in the buffer
+    slot_place place_ = {};
+    chain_cursor cursor_;
+    sector_window ahead_;
+};
+
+} // namespace core

@@ -1,0 +1,61 @@
+// A FAT volume: its areas, and sectors moved to and from its medium.
+
+#pragma once
+
+#include "core/layout.h"
+#include "core/medium.h"
+
+namespace core {
+
+// Where everything lies. Positions and sizes are in sectors unless stated otherwise.
+struct areas {
+    u32 width = 0;       // bits of a FAT entry: 16 or 32; 0: not known
+    u32 sector_size = 0; // bytes; 0: not known
+    u32 sectors_per_cluster = 0;
+    u32 total_sectors = 0;
+    u32 fat_start = 0;
+    u32 fat_sectors = 0;  // of one copy
+    u32 root_start = 0;   // first sector of the root directory
+    u32 root_cluster = 0; // 0: the root directory is in the fixed area of FAT16
+    u32 data_start = 0;   // first sector of cluster 2
+    u32 clusters = 0;     // number of data clusters
+};
+
+// A view of the areas of a volume on a medium. Copies are cheap; the medium outlives them.
+struct volume {
+    medium *device = nullptr;
+    areas at;
+
+    [[nodiscard]] bool is_wide() const { // FAT32
+        return at.width == 32;
+    }
+    [[nodiscard]] u32 entry_size() const { // bytes of a FAT entry
+        return at.width == 16 ? FAT16_ENTRY_SIZE : FAT32_ENTRY_SIZE;
+    }
+    [[nodiscard]] u32 cluster_bytes() const {
+        return at.sectors_per_cluster * at.sector_size;
+    }
+    [[nodiscard]] u32 last_cluster() const {
+        return at.clusters + 1;
+    }
+    [[nodiscard]] bool is_data_cluster(u32 number) const {
+        return number >= FIRST_DATA_CLUSTER && number - FIRST_DATA_CLUSTER < at.clusters;
+    }
+    [[nodiscard]] bool is_end_of_chain(u32 value) const {
+        return value >= (is_wide() ? FAT32_END : FAT16_END);
+    }
+    [[nodiscard]] u32 bad_mark() const { // FAT value of a bad cluster
+        return is_wide() ? FAT32_BAD : FAT16_BAD;
+    }
+    // First sector of a data cluster. Modulo 2^32 for areas beyond that.
+    [[nodiscard]] u32 sector_of(u32 cluster) const {
+        return at.data_start + (cluster - FIRST_DATA_CLUSTER) * at.sectors_per_cluster;
+    }
+
+    // Transfers of whole sectors. Return their number, or a negative errno.
+    [[nodiscard]] int read(u64 sector, u8 *bytes, u32 count) const;
+    [[nodiscard]] int read_ahead(u64 sector, u8 *bytes, u32 count) const;
+    [[nodiscard]] int write(u64 sector, const u8 *bytes, u32 count) const;
+};
+
+} // namespace core
