@@ -150,7 +150,7 @@ int write_dot_entries(u32 parent_clu, u32 new_clu) {
     }
     u32 sector = 0;
     int result = get_entry_sector(new_clu, 0, &sector);
-    if (result == 0 && read_sectors(sector_buf.get(), sector, 1) != 1) {
+    if (result == 0 && read_medium(sector_buf.get(), sector, 1) != 1) {
         result = -EIO;
     }
     u8 *dot = sector_buf.get();
@@ -163,7 +163,7 @@ int write_dot_entries(u32 parent_clu, u32 new_clu) {
     if (result < 0) {
         return result;
     }
-    const int written = write_sectors(sector_buf.get(), sector, 1);
+    const int written = write_medium(sector_buf.get(), sector, 1);
     if (written != 1) {
         return written < 0 ? written : -EIO;
     }
@@ -231,7 +231,7 @@ int span_sectors::load(oentry *dir, u32 index, u8 **entry) {
 
 int span_sectors::write_back() {
     for (u32 i = 0; i < used; i++) {
-        const int written = write_sectors(buffers[i].get(), sectors[i], 1);
+        const int written = write_medium(buffers[i].get(), sectors[i], 1);
         if (written != 1) {
             return written < 0 ? written : -EIO;
         }

@@ -254,7 +254,7 @@ int clear_cluster(u32 cluster) {
     }
     const u32 first = sv->data_start + (cluster - FIRST_DATA_CLUSTER) * sv->sec_per_clus;
     for (u32 i = 0; i < sv->sec_per_clus; i++) {
-        if (write_sectors(zeros.get(), first + i, 1) != 1) {
+        if (write_medium(zeros.get(), first + i, 1) != 1) {
             REPORT("cannot write cluster(#%d)\n", static_cast<int>(cluster));
             return -EIO;
         }

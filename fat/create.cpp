@@ -97,6 +97,7 @@ namespace {
 
 // The common part of the public calls that return an id.
 int create_at(const char *function, const char *path, u32 kind) {
+    const public_call call;
     if (no_volume(function)) {
         return -EINVAL;
     }
@@ -122,6 +123,7 @@ int fat_mkdir(const char *path) {
 }
 
 int fat_create_symlink(const char *target, const char *path) {
+    const public_call call;
     if (target == nullptr) {
         REPORT("Check here!\n\n");
         return -EINVAL;

@@ -32,7 +32,7 @@ int copy_reserved_area_and_fat(int image) {
     }
     const u64 end = static_cast<u64>(sv->fat_start) + sv->fat_size;
     for (u64 sector = sv->pbr_start; sector < end; sector++) {
-        if (read_sectors(sector_buf.get(), sector, 1) != 1) {
+        if (read_medium(sector_buf.get(), sector, 1) != 1) {
             report_at("fat_dump_fat0", __LINE__, "cannot read sector\n");
             return -EIO;
         }
@@ -54,7 +54,7 @@ int copy_cluster(const char *function, int image, u32 cluster, u8 *buffer, u32 b
         report_at(function, __LINE__, "out of the data area\n\n");
         return -EINVAL;
     }
-    const int moved = read_sectors(buffer, sector, sv->sec_per_clus);
+    const int moved = read_medium(buffer, sector, sv->sec_per_clus);
     if (moved != static_cast<int>(sv->sec_per_clus)) {
         report_at(function, __LINE__, "Failed to read sectors!\n\n");
         return -EIO;
@@ -71,7 +71,7 @@ int copy_cluster(const char *function, int image, u32 cluster, u8 *buffer, u32 b
 int copy_root_area(int image, u8 *buffer) {
     const u32 sectors = FAT16_ROOT_ENTRIES * DENTRY_SIZE / sv->sector_size;
     for (u32 i = 0; i < sectors; i++) {
-        if (read_sectors(buffer, sv->rdir_start + i, 1) != 1) {
+        if (read_medium(buffer, sv->rdir_start + i, 1) != 1) {
             report_at("fat_dump", __LINE__, "Failed to read sectors!\n\n");
             return -EIO;
         }
@@ -172,6 +172,7 @@ int fat_dump_clus(uint32_t cluster, const char *image_path) {
 }
 
 int fat_dump(const char *volume_path, const char *image_path) {
+    const public_call call;
     if (is_refused(__func__, image_path)) {
         return -EINVAL;
     }

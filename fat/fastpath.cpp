@@ -106,7 +106,7 @@ int load_sector(fast_walk *walk) {
     if (located < 0) {
         return report_walk(__LINE__, located);
     }
-    if (read_sectors(walk->sector_buf.get(), walk->sector, 1) != 1) {
+    if (read_medium(walk->sector_buf.get(), walk->sector, 1) != 1) {
         report_at("do_readdir_fast", __LINE__, "cannot read sectors\n");
         return -EIO;
     }
@@ -423,6 +423,7 @@ int zuq_get_fast_open_path_of_file(int id, char *name, char *path) {
 }
 
 int zuq_get_fast_open_path_of_dir(int id, char *name, char *path) {
+    const public_call call;
     if (name == nullptr || path == nullptr) {
         REPORT("NULL arg!\n\n");
         return -EINVAL;

@@ -112,14 +112,14 @@ int write_partial(u32 sector, const data_part &part, const u8 *data) {
         report_at("do_write_file", __LINE__, "cannot allocate memory\n");
         return -ENOMEM;
     }
-    if (part.offset != 0 && read_sectors(buffer.get(), sector, 1) != 1) {
+    if (part.offset != 0 && read_medium(buffer.get(), sector, 1) != 1) {
         report_at("do_write_file", __LINE__, "cannot read sector\n");
         return -EIO;
     }
     const u32 end = part.offset + part.bytes;
     std::memcpy(buffer.get() + part.offset, data, part.bytes);
     std::memset(buffer.get() + end, 0, sv->sector_size - end);
-    if (write_sectors(buffer.get(), sector, 1) != 1) {
+    if (write_medium(buffer.get(), sector, 1) != 1) {
         report_at("do_write_file", __LINE__, "cannot write sector to file\n");
         return -EIO;
     }
@@ -127,9 +127,7 @@ int write_partial(u32 sector, const data_part &part, const u8 *data) {
 }
 
 int write_whole(const data_extent &extent, const u8 *data) {
-    // Transfers in both directions have one type; a write does not change its buffer.
-    if (write_sectors(const_cast<u8 *>(data), extent.sector, extent.count) !=
-        static_cast<int>(extent.count)) {
+    if (write_medium(data, extent.sector, extent.count) != static_cast<int>(extent.count)) {
         report_at("do_write_file", __LINE__, "cannot write sector to file\n");
         return -EIO;
     }
@@ -239,12 +237,12 @@ int write_dentry(const oentry *entry) {
         report_at("write_file_internal", __LINE__, "Memory allocation error!\n\n");
         return -ENOMEM;
     }
-    if (!lies_in_one_sector(*entry) || read_sectors(sector.get(), entry->dentry_sector, 1) < 0) {
+    if (!lies_in_one_sector(*entry) || read_medium(sector.get(), entry->dentry_sector, 1) < 0) {
         report_at("write_file_internal", __LINE__, "Failed to read sectors!\n\n");
         return -EIO;
     }
     std::memcpy(sector.get() + entry->dentry_offset, entry->dentry, DENTRY_SIZE);
-    if (write_sectors(sector.get(), entry->dentry_sector, 1) != 1) {
+    if (write_medium(sector.get(), entry->dentry_sector, 1) != 1) {
         report_at("write_file_internal", __LINE__, "cannot update metadata\n");
         return -EIO;
     }
@@ -254,7 +252,7 @@ int write_dentry(const oentry *entry) {
 // ---- reading ----
 
 int read_partial(u32 sector, const data_part &part, u8 *sector_buf, u8 *data) {
-    if (read_sectors(sector_buf, sector, 1) != 1) {
+    if (read_medium(sector_buf, sector, 1) != 1) {
         report_at("do_read_file", __LINE__, "cannot read sector\n");
         return -EIO;
     }
@@ -263,7 +261,7 @@ int read_partial(u32 sector, const data_part &part, u8 *sector_buf, u8 *data) {
 }
 
 int read_whole(const data_extent &extent, u8 *data) {
-    if (read_sectors(data, extent.sector, extent.count) != static_cast<int>(extent.count)) {
+    if (read_medium(data, extent.sector, extent.count) != static_cast<int>(extent.count)) {
         report_at("do_read_file", __LINE__, "cannot read sector\n");
         return -EIO;
     }
@@ -410,6 +408,7 @@ int read_file_internal(oentry *entry, void *buffer, u32 count) {
 } // namespace fat
 
 int fat_write_file(int id, const void *buffer, uint32_t count) {
+    const public_call call;
     if (buffer == nullptr || count == 0) {
         REPORT("NULL arg!\n\n");
         return -EINVAL;
@@ -429,6 +428,7 @@ int fat_write_file(int id, const void *buffer, uint32_t count) {
 }
 
 int fat_read_file(int id, void *buffer, uint32_t count) {
+    const public_call call;
     if (buffer == nullptr || count == 0) {
         REPORT("Invalid arg!\n\n");
         return -EINVAL;

@@ -26,7 +26,7 @@ void sign_sector_end(u8 *pbr) {
 }
 
 int write_boot_sector(u8 *pbr) {
-    if (write_sectors(pbr, 0, 1) != 1) {
+    if (write_medium(pbr, 0, 1) != 1) {
         report_at("write_tables_vol", __LINE__, "Cannot write PBR sector\n\n");
         return -EIO;
     }
@@ -35,7 +35,7 @@ int write_boot_sector(u8 *pbr) {
 
 int clear_reserved_area(const fat_format_param *param, u8 *zero_sector) {
     for (u32 sector = 1; sector < param->nr_rsvd_sec; sector++) {
-        if (write_sectors(zero_sector, sector, 1) < 0) {
+        if (write_medium(zero_sector, sector, 1) < 0) {
             report_at("write_tables_vol", __LINE__, "IO Error!\n\n");
             return -EIO;
         }
@@ -47,12 +47,12 @@ int clear_reserved_area(const fat_format_param *param, u8 *zero_sector) {
 // has no backup.
 int write_fat32_sectors(u8 *pbr, u8 *fsinfo) {
     const u32 backup_sector = load(pbr, PBR32_BACKUP_SECTOR);
-    if (backup_sector != 0 && write_sectors(pbr, backup_sector, 1) != 1) {
+    if (backup_sector != 0 && write_medium(pbr, backup_sector, 1) != 1) {
         report_at("write_tables_vol", __LINE__, "Cannot write PBR backup!\n\n");
         return -EIO;
     }
     const u32 fsinfo_sector = load(pbr, PBR32_FSINFO_SECTOR);
-    if (fsinfo_sector != 0 && (fsinfo == nullptr || write_sectors(fsinfo, fsinfo_sector, 1) != 1)) {
+    if (fsinfo_sector != 0 && (fsinfo == nullptr || write_medium(fsinfo, fsinfo_sector, 1) != 1)) {
         report_at("write_tables_vol", __LINE__, "cannot write FSInfo sector\n");
         return -EIO;
     }
@@ -66,7 +66,7 @@ int write_fats(const fat_format_param *param, u8 *fat) {
     }
     for (u32 copy = 0; copy < param->nr_fat; copy++) {
         const u64 sector = sv->fat_start + static_cast<u64>(copy) * sv->fat_size;
-        const int written = write_sectors(fat, sector, sv->fat_size);
+        const int written = write_medium(fat, sector, sv->fat_size);
         if (written != static_cast<int>(sv->fat_size)) {
             report_at("write_tables_vol", __LINE__, "Cannot write FAT(%d)\n\n", written);
             return -EIO;
@@ -89,7 +89,7 @@ int write_root_dir(const u8 *pbr, u8 *rdir) {
         return -EINVAL;
     }
     const int sectors = static_cast<int>(root_dir_sectors(pbr + BPB_OFFSET));
-    const int written = write_sectors(rdir, sv->rdir_start, static_cast<u32>(sectors));
+    const int written = write_medium(rdir, sv->rdir_start, static_cast<u32>(sectors));
     if (written != sectors) {
         report_at("write_tables_vol", __LINE__, "Cannot write root directory(%d)!\n\n", written);
         return -EIO;

@@ -88,6 +88,7 @@ int copy_link(const char *host_path, const char *volume_path, u8 *chunk) {
 } // namespace
 
 int fat_copy_to_zuq(const char *host_path, const char *volume_path, int show_progress) {
+    const public_call call;
     if (host_path == nullptr) {
         REPORT("Cannot get file path!\n\n");
         return -EINVAL;

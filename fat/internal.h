@@ -114,6 +114,24 @@ inline constexpr mode_t IMAGE_MODE = 0660;
 [[nodiscard]] int file_read_sectors(void *buf, u64 sector, u32 count);
 [[nodiscard]] int file_write_sectors(void *buf, u64 sector, u32 count);
 
+// What the library knows of the medium during one public call, which every public call that
+// transfers sectors marks by an object of this type: the sectors transferred last. It is forgotten
+// when the outermost call returns.
+class public_call {
+public:
+    public_call();
+    public_call(const public_call &) = delete;
+    public_call &operator=(const public_call &) = delete;
+    ~public_call();
+};
+
+// Transfers of the library: read_sectors and write_sectors, except for sectors that are known.
+[[nodiscard]] int read_medium(void *buf, u64 sector, u32 count);
+[[nodiscard]] int write_medium(const void *buf, u64 sector, u32 count);
+
+// Number of writes so far, modulo 2^32: whoever keeps a position on the medium compares it.
+[[nodiscard]] u32 writes_so_far();
+
 // The open volume as the engine sees it, with its transfers by read_sectors and write_sectors; all
 // areas are 0 if no volume is open. A copy: valid until the volume record changes.
 [[nodiscard]] core::volume here();

@@ -144,7 +144,7 @@ int list_root_area(int mode, FILE *stream) {
     const u32 entries_per_sector = sv->sector_size / DENTRY_SIZE;
     const u32 sectors = FAT16_ROOT_ENTRIES / entries_per_sector;
     for (u32 i = 0; i < sectors; i++) {
-        if (read_sectors(sector_buf.get(), sv->rdir_start + i, 1) != 1) {
+        if (read_medium(sector_buf.get(), sv->rdir_start + i, 1) != 1) {
             report_at("fat_list_dir", __LINE__, "Failed go read sector!\n\n");
             return -EIO;
         }
@@ -286,6 +286,7 @@ int do_readdir(oentry *dir, u32 *index, u8 **entry, dir_item *item, u8 *sector_b
 // ---- public calls -----------------------------------------------------------------------------
 
 int fat_readdir(oentry *dir, FILE *stream) {
+    const public_call call;
     if (dir == nullptr) {
         REPORT("Check here!\n\n");
         return -EINVAL;
@@ -308,6 +309,7 @@ int fat_readdir(oentry *dir, FILE *stream) {
 }
 
 int fat_list_dir(const char *path, int mode, FILE *stream) {
+    const public_call call;
     if (not_mounted(__func__)) {
         return -EINVAL;
     }
@@ -338,7 +340,7 @@ int fat_list_clus(uint32_t cluster, int mode, FILE *stream) {
         REPORT("out of the data area\n\n");
         return -EINVAL;
     }
-    const int moved = read_sectors(block.get(), sector, sv->sec_per_clus);
+    const int moved = read_medium(block.get(), sector, sv->sec_per_clus);
     if (moved != static_cast<int>(sv->sec_per_clus)) {
         REPORT("cluster mis match!\n\n");
         return -EIO;
@@ -374,6 +376,7 @@ int fat_list_entries(const char *host_path, int mode, FILE *stream) {
 }
 
 int fat_get_uname(int id, uint32_t index, uint16_t *uname) {
+    const public_call call;
     if (uname == nullptr) {
         REPORT("Check here!\n\n");
         return -EINVAL;

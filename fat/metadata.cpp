@@ -284,12 +284,12 @@ int fat_update_entry(int id) {
         return -ENOMEM;
     }
     // Intentional: a read of 0 sectors is not an error, a write of 0 sectors is.
-    if (!lies_in_one_sector(*entry) || read_sectors(sector.get(), entry->dentry_sector, 1) < 0) {
+    if (!lies_in_one_sector(*entry) || read_medium(sector.get(), entry->dentry_sector, 1) < 0) {
         REPORT("IO Error!\n\n");
         return -EIO;
     }
     std::memcpy(sector.get() + entry->dentry_offset, entry->dentry, DENTRY_SIZE);
-    if (write_sectors(sector.get(), entry->dentry_sector, 1) != 1) {
+    if (write_medium(sector.get(), entry->dentry_sector, 1) != 1) {
         REPORT("IO Error!\n\n");
         return -EIO;
     }
@@ -344,6 +344,7 @@ int fat_list_chains(int id, FILE *stream) {
 // ---- paths ------------------------------------------------------------------------------------
 
 int fat_find_pathname(uint32_t cluster, char *buffer, uint32_t size) {
+    const public_call call;
     if (buffer == nullptr || size < MAX_PATHNAME) {
         REPORT("Invalid arg!\n\n");
         return -EINVAL;
@@ -360,6 +361,7 @@ int fat_find_pathname(uint32_t cluster, char *buffer, uint32_t size) {
 }
 
 int fat_getcwd(char *buffer, uint32_t size) {
+    const public_call call;
     constexpr char ROOT[] = "/";
     if (not_mounted(__func__)) {
         return -EINVAL;

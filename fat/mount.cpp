@@ -189,7 +189,7 @@ void print_boot_sector(FILE *stream, const u8 *pbr) {
 }
 
 int copy_sector(u8 *buffer, u64 sector, u32 size, int fd) {
-    if (read_sectors(buffer, sector, 1) != 1) {
+    if (read_medium(buffer, sector, 1) != 1) {
         report_at("fat_delete_mbr", __LINE__, "cannot read sector\n");
         return -EIO;
     }
@@ -227,7 +227,7 @@ int copy_volume(const char *path, const u8 *pbr, u32 first_sector) {
 
 int get_pbr_sector(u8 *buf) {
     constexpr int PBR_SECTOR = 0; // the boot sector is always the first of the target
-    if (read_sectors(buf, PBR_SECTOR, 1) != 1) {
+    if (read_medium(buf, PBR_SECTOR, 1) != 1) {
         REPORT("Cannot read PBR from volume\n");
         return -EIO;
     }

@@ -273,6 +273,7 @@ int open_root_directory() {
 // ---- public calls -----------------------------------------------------------------------------
 
 int fat_open(const char *path) {
+    const public_call call;
     if (path == nullptr) {
         REPORT("NULL path!\n\n");
         return -EINVAL;
@@ -306,6 +307,7 @@ int fat_open(const char *path) {
 }
 
 int fat_open_dir(const char *path) {
+    const public_call call;
     // For a path, the lookup checks whether the volume is mounted.
     if (path == nullptr ? not_mounted(__func__) : no_volume(__func__)) {
         return with_errno(-EINVAL);
@@ -314,6 +316,7 @@ int fat_open_dir(const char *path) {
 }
 
 int fat_open_file(const char *path) {
+    const public_call call;
     if (path == nullptr) {
         REPORT("NULL path!\n\n");
         return with_errno(-EINVAL);

@@ -257,6 +257,7 @@ int get_name_of_entry(u32 base_clu, u32 index, char *out, u32 size) {
 } // namespace fat
 
 int fat_unlink(const char *path) {
+    const public_call call;
     int result = check_path(__func__, path);
     if (result < 0) {
         return result;
@@ -271,6 +272,7 @@ int fat_unlink(const char *path) {
 }
 
 int fat_rm_entry(const char *path) {
+    const public_call call;
     int result = check_path(__func__, path);
     if (result < 0) {
         return result;

@@ -4,6 +4,7 @@
 // library accesses the target by read_sectors and write_sectors only, except to determine its size
 // and to truncate a compacted image file.
 
+#include "core/sector_cache.h"
 #include "fat/internal.h"
 
 #include <algorithm>
@@ -152,32 +153,38 @@ int release_compacted() {
     return result;
 }
 
+constinit unsigned calls = 0; // public calls that have not returned
+constinit core::sector_cache known_sectors;
+constinit u32 writes = 0;
+
 // The target of the open volume, as the program may have replaced its transfers.
 class target_medium : public core::medium {
 public:
     explicit constexpr target_medium(bool is_silent) : is_silent_(is_silent) {}
 
     s64 read(u64 offset, std::span<u8> bytes) override {
-        return is_silent_ ? read_ahead(offset, bytes) : moved(read_sectors, offset, bytes);
+        if (is_silent_) {
+            return read_ahead(offset, bytes);
+        }
+        return moved(read_medium(bytes.data(), offset / transfer_unit(), units(bytes.size())));
     }
     s64 read_ahead(u64 offset, std::span<u8> bytes) override {
         const quiet_scope quiet; // what is needed is read again, and reported then
-        return moved(read_sectors, offset, bytes);
+        return moved(read_medium(bytes.data(), offset / transfer_unit(), units(bytes.size())));
     }
     s64 write(u64 offset, std::span<const u8> bytes) override {
-        // Transfers in both directions have one type; a write does not change its buffer.
-        return moved(write_sectors, offset, {const_cast<u8 *>(bytes.data()), bytes.size()});
+        return moved(write_medium(bytes.data(), offset / transfer_unit(), units(bytes.size())));
     }
     [[nodiscard]] u64 size() const override {
         return sv->vol_size;
     }
 
 private:
-    static s64 moved(fat_sector_io transfer, u64 offset, std::span<u8> bytes) {
-        const u32 unit = transfer_unit();
-        const int result =
-            transfer(bytes.data(), offset / unit, static_cast<u32>(bytes.size() / unit));
-        return result < 0 ? result : s64{result} * unit;
+    static u32 units(std::size_t bytes) {
+        return static_cast<u32>(bytes / transfer_unit());
+    }
+    static s64 moved(int sectors) {
+        return sectors < 0 ? sectors : s64{sectors} * transfer_unit();
     }
 
     bool is_silent_;
@@ -286,6 +293,45 @@ int check_vol_size(int fd, u64 *size) {
     }
     REPORT("Not supported volume type\n");
     return -EINVAL;
+}
+
+public_call::public_call() {
+    if (calls++ == 0) {
+        known_sectors.clear();
+    }
+}
+
+public_call::~public_call() {
+    calls--;
+}
+
+int read_medium(void *buf, u64 sector, u32 count) {
+    const bool is_kept = calls > 0 && count == 1;
+    const u8 *known = is_kept ? known_sectors.find(sector, transfer_unit()) : nullptr;
+    if (known != nullptr) {
+        std::memcpy(buf, known, transfer_unit());
+        return 1;
+    }
+    const int moved = read_sectors(buf, sector, count);
+    if (is_kept && moved == 1) {
+        known_sectors.store(sector, static_cast<const u8 *>(buf), transfer_unit());
+    }
+    return moved;
+}
+
+int write_medium(const void *buf, u64 sector, u32 count) {
+    writes++;
+    known_sectors.forget(sector, count, transfer_unit());
+    // Transfers in both directions have one type; a write does not change its buffer.
+    const int moved = write_sectors(const_cast<void *>(buf), sector, count);
+    if (calls > 0 && count == 1 && moved == 1) {
+        known_sectors.store(sector, static_cast<const u8 *>(buf), transfer_unit());
+    }
+    return moved;
+}
+
+u32 writes_so_far() {
+    return writes;
 }
 
 core::volume here() {

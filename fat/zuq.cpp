@@ -57,7 +57,7 @@ int write_pool_cluster(u8 *cluster_data, u32 index, u32 cluster) {
         report_at("zuq_make_pool", __LINE__, "Failed to get sector!\n\n");
         return result;
     }
-    if (write_sectors(cluster_data, sector, sv->sec_per_clus) !=
+    if (write_medium(cluster_data, sector, sv->sec_per_clus) !=
         static_cast<int>(sv->sec_per_clus)) {
         report_at("zuq_make_pool", __LINE__, "Failed to write sector!\n\n");
         return -EIO;
@@ -160,6 +160,7 @@ int find_cluster(u32 start, u32 stop, u32 key, bool (*predicate)(u32 cluster, u3
 } // namespace fat
 
 int zuq_make_pool(void) {
+    const public_call call;
     const heap_ptr<u8> cluster_data = zeroed_bytes(sv != nullptr ? cluster_bytes() : 0);
     if (cluster_data == nullptr) {
         REPORT("Failed to allocate memory!\n\n");
@@ -186,6 +187,7 @@ int zuq_make_pool(void) {
 }
 
 int zuq_make_log(void) {
+    const public_call call;
     oentry *root = entry_of(ROOT_ID);
     if (root == nullptr) {
         REPORT("Failed to get parent!\n\n");
@@ -207,6 +209,7 @@ int zuq_make_log(void) {
 }
 
 int fat_find_pool(uint32_t key) {
+    const public_call call;
     if (no_volume(__func__)) {
         return -EINVAL;
     }

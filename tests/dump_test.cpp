@@ -502,7 +502,7 @@ TEST_P(FatDump, ReportsMissingMemory) {
     EXPECT_TRUE(image_exists());
 }
 
-TEST_P(FatDump, ReportsAChainThatCannotBeRead) {
+TEST_P(FatDump, ReportsDataThatCannotBeRead) {
     make_file(1);
     std::set<std::string> told;
     at_every_fault({EVERY_READ}, [&](fault_step &step) {
@@ -514,9 +514,6 @@ TEST_P(FatDump, ReportsAChainThatCannotBeRead) {
         EXPECT_TRUE(a.result == -EIO || a.result == -EINVAL) << a;
         told.insert(a.messages);
     });
-    EXPECT_TRUE(told.contains(found() + "fat_read_entry[N]: cannot read FAT\n\n"
-                                        "fat_get_chains[N]: Failed to read cluster!\n\n"
-                                        "fat_dump[N]: Failed to get chains!\n\n"));
     EXPECT_TRUE(told.contains(found() + "fat_dump[N]: Failed to read sectors!\n\n"));
 }
 

@@ -1029,23 +1029,6 @@ static printout list_and_close() {
     return result;
 }
 
-TEST_P(FatListDir, LeavesTheIdOpenWhereTheChainCannotBeGathered) {
-    make_sub();
-    // Opening reads the root for the name and for the entry, then the FAT.
-    bool is_met = false;
-    at_every_fault({EVERY_READ}, [&](fault_step &step) {
-        const printout result = step.run(list_and_close);
-        if (result.messages.find("fat_get_chains") != std::string::npos) {
-            is_met = true;
-            EXPECT_EQ(result,
-                      (printout{-EINVAL, "",
-                                found() + "fat_read_entry[N]: cannot read FAT\n\n"
-                                          "fat_get_chains[N]: Failed to read cluster!\n\n"}));
-        }
-    });
-    EXPECT_TRUE(is_met);
-}
-
 TEST_P(FatListDir, ReportsMissingMemory) {
     make_sub();
     // In the order of the steps, each once.
