@@ -1,5 +1,7 @@
 #include "core/slots.h"
 
+#include "core/record.h"
+
 #include <algorithm>
 
 namespace core {
@@ -83,7 +85,9 @@ fault slot_walk::read_sector(bool continues) {
     if (on_empty_ == empty_read::ZEROS) {
         std::memset(buffer_.get(), 0, of.at.sector_size);
     }
-    return of.read(place_.sector, buffer_.get(), 1) < 0 ? fault::READ : fault::NONE;
+    const int moved = of.read(place_.sector, buffer_.get(), 1);
+    had_empty_read_ = had_empty_read_ || moved == 0;
+    return moved < 0 ? fault::READ : fault::NONE;
 }
 
 result<u8 *> slot_walk::to(u32 slot) {
@@ -113,6 +117,21 @@ result<u8 *> slot_walk::to(u32 slot) {
     }
     place_.offset = (slot - first_slot_) * DENTRY_SIZE;
     return buffer_.get() + place_.offset;
+}
+
+// ---- survey -----------------------------------------------------------------------------------
+
+void slot_survey::visit(const u8 *slot) {
+    if (visited >= limit) {
+        return;
+    }
+    visited++;
+    if (span_end == 0 && span.add(is_free_slot(slot))) {
+        span_end = visited;
+    }
+    if (name != nullptr && is_named_kind(kind_of(slot))) {
+        tails.mark(slot, name);
+    }
 }
 
 } // namespace core

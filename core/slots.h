@@ -6,6 +6,7 @@
 #pragma once
 
 #include "core/chain.h"
+#include "core/short_name.h"
 
 namespace core {
 
@@ -50,6 +51,10 @@ public:
     [[nodiscard]] const slot_place &place() const {
         return place_;
     }
+    // Whether a transfer moved no sector although it did not fail.
+    [[nodiscard]] bool had_empty_read() const {
+        return had_empty_read_;
+    }
     // The position in the chain, for reports.
     [[nodiscard]] const chain_cursor &cursor() const {
         return cursor_;
@@ -67,8 +72,38 @@ private:
     u32 first_slot_ = 0; // in the buffer
     u32 slots_ = 0;      // in the buffer
     slot_place place_ = {};
+    bool had_empty_read_ = false;
     chain_cursor cursor_;
     sector_window ahead_;
+};
+
+// The first of so many consecutive free slots.
+class free_span {
+public:
+    explicit free_span(u32 wanted) : wanted_(wanted) {}
+
+    // Call with each slot in turn. True if the span is complete; it then ends at this slot.
+    [[nodiscard]] bool add(bool is_free) {
+        length_ = is_free ? length_ + 1 : 0;
+        return length_ == wanted_;
+    }
+
+private:
+    u32 wanted_;
+    u32 length_ = 0;
+};
+
+// What one sweep over a directory finds for a new name: free slots, and the tails in use.
+struct slot_survey {
+    u32 limit;      // number of slots that may be used
+    free_span span; // of as many slots as the name takes
+    const u8 *name; // short name that gets a tail; null: none
+    tail_set tails = {};
+    u32 visited = 0;  // number of slots
+    u32 span_end = 0; // the slot after the span; 0: not found yet
+
+    // Call with each slot in turn, from the first one on.
+    void visit(const u8 *slot);
 };
 
 } // namespace core

@@ -20,21 +20,9 @@ constexpr u16 PADDING_UNIT = 0xFFFF; // after the terminator of a long name
 
 // ---- free slots ----
 
-// The consecutive free slots that a walk over a directory has just counted.
-struct free_span {
-    u32 wanted;
-    u32 length = 0;
-
-    // True if the span is long enough; it then ends at the slot just counted.
-    bool count_free() {
-        length++;
-        return length == wanted;
-    }
-};
-
-// Searches the directory from its first slot. Returns 1 for a complete span, 0 at the end, or a
+// Searches the directory from slot `position` on. Returns 1 for a complete span, 0 at the end, or a
 // negative errno; leaves `position` at the slot where the search ended.
-int search_slots(dentry_walk *walk, u32 slot_count, free_span *span, u32 *position) {
+int search_slots(dentry_walk *walk, u32 slot_count, core::free_span *span, u32 *position) {
     for (; *position < slot_count; (*position)++) {
         u8 *entry = nullptr;
         const int result = walk_to(walk, *position, &entry);
@@ -45,9 +33,7 @@ int search_slots(dentry_walk *walk, u32 slot_count, free_span *span, u32 *positi
             report_at("fat_find_empty_entries", __LINE__, "Check Here!\n\n");
             return result;
         }
-        if (!is_available(entry)) {
-            span->length = 0;
-        } else if (span->count_free()) {
+        if (span->add(is_available(entry))) {
             return 1;
         }
     }
@@ -55,7 +41,7 @@ int search_slots(dentry_walk *walk, u32 slot_count, free_span *span, u32 *positi
 }
 
 // Appends clusters until the span is complete. All slots of a new cluster are free.
-int grow_for_span(oentry *dir, free_span *span, u32 *position) {
+int grow_for_span(oentry *dir, core::free_span *span, u32 *position) {
     for (;;) {
         const int grown = fat_extend_dir(dir, nullptr);
         if (grown < 0) {
@@ -63,7 +49,7 @@ int grow_for_span(oentry *dir, free_span *span, u32 *position) {
             return grown;
         }
         for (const u32 slot_count = dir_entry_count(dir); *position < slot_count; (*position)++) {
-            if (span->count_free()) {
+            if (span->add(true)) {
                 return 0;
             }
         }
@@ -118,11 +104,13 @@ int fill_long_slots(span_sectors *span, oentry *dir, u32 short_index, u8 *short_
     return 0;
 }
 
-int make_short_name_unique(oentry *dir, const fat_name *name) {
+// The tails come from the survey or, without one, from a walk over the directory.
+int make_short_name_unique(oentry *dir, const fat_name *name, const creation_survey *survey) {
     if (sv->long_name != 1 || name->unicode == nullptr) {
         return 0;
     }
-    const int result = add_numeric_tail(dir, name->dosName);
+    const int result = survey != nullptr ? append_lowest_tail(name->dosName, survey->slots.tails)
+                                         : add_numeric_tail(dir, name->dosName);
     if (result == -EEXIST) {
         report_at("build_entry", __LINE__, "cannot create DOS name: over the maximum numeric\n");
     }
@@ -174,18 +162,15 @@ int write_dot_entries(u32 parent_clu, u32 new_clu) {
 
 // ---- free slots -------------------------------------------------------------------------------
 
-int fat_find_empty_entries(oentry *dir, u32 count, u32 *index) {
-    if (dir == nullptr || index == nullptr) {
-        REPORT("Check Here!\n\n");
-        return -EINVAL;
-    }
+namespace {
+
+// Continues the search for a span at slot `position`.
+int continue_search(oentry *dir, core::free_span span, u32 position, u32 count, u32 *index) {
     dentry_walk walk(dir);
     if (!walk.slots.reserve()) {
-        REPORT("Check Here!\n\n");
+        report_at("fat_find_empty_entries", __LINE__, "Check Here!\n\n");
         return -ENOMEM;
     }
-    free_span span{count};
-    u32 position = 0;
     int result = search_slots(&walk, dir_entry_count(dir), &span, &position);
     if (result < 0) {
         return result;
@@ -202,6 +187,27 @@ int fat_find_empty_entries(oentry *dir, u32 count, u32 *index) {
     }
     *index = position + 1 - count;
     return 0;
+}
+
+} // namespace
+
+int fat_find_empty_entries(oentry *dir, u32 count, u32 *index) {
+    if (dir == nullptr || index == nullptr) {
+        REPORT("Check Here!\n\n");
+        return -EINVAL;
+    }
+    return continue_search(dir, core::free_span(count), 0, count, index);
+}
+
+int find_empty_entries_after(oentry *dir, u32 count, const creation_survey &survey, u32 *index) {
+    if (!survey.is_usable) {
+        return fat_find_empty_entries(dir, count, index);
+    }
+    if (survey.slots.span_end != 0) {
+        *index = survey.slots.span_end - count;
+        return 0;
+    }
+    return continue_search(dir, survey.slots.span, survey.slots.visited, count, index);
 }
 
 // ---- the sectors of a span --------------------------------------------------------------------
@@ -297,18 +303,17 @@ int set_long_slot(u8 *slot, u8 ordinal, const u16 *units, u8 checksum) {
 
 // ---- writing ----------------------------------------------------------------------------------
 
-int build_entry(oentry *dir, u32 first, u32 count, u32 kind, fat_name *name, u32 start_clu) {
-    if (dir == nullptr || name == nullptr) {
-        REPORT("Check here!\n\n");
-        return -EINVAL;
-    }
+namespace {
+
+int build_with(oentry *dir, u32 first, u32 count, u32 kind, fat_name *name, u32 start_clu,
+               const creation_survey *survey) {
     span_sectors span;
     int result = span.reserve();
     if (result < 0) {
-        REPORT("Check here!\n\n");
+        report_at("build_entry", __LINE__, "Check here!\n\n");
         return result;
     }
-    result = make_short_name_unique(dir, name);
+    result = make_short_name_unique(dir, name, survey);
     if (result < 0) {
         return result;
     }
@@ -318,10 +323,26 @@ int build_entry(oentry *dir, u32 first, u32 count, u32 kind, fat_name *name, u32
         result = span.write_back();
     }
     if (result < 0) {
-        REPORT("Check here!\n\n");
+        report_at("build_entry", __LINE__, "Check here!\n\n");
         return result;
     }
     return static_cast<int>(short_index);
+}
+
+} // namespace
+
+int build_entry(oentry *dir, u32 first, u32 count, u32 kind, fat_name *name, u32 start_clu) {
+    if (dir == nullptr || name == nullptr) {
+        REPORT("Check here!\n\n");
+        return -EINVAL;
+    }
+    return build_with(dir, first, count, kind, name, start_clu, nullptr);
+}
+
+int build_entry_after(oentry *dir, u32 first, u32 count, u32 kind, fat_name *name, u32 start_clu,
+                      const creation_survey &survey) {
+    return build_with(dir, first, count, kind, name, start_clu,
+                      survey.is_usable ? &survey : nullptr);
 }
 
 int init_directory(u32 parent_clu, u32 new_clu) {

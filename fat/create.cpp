@@ -25,21 +25,16 @@ struct name_guard {
     }
 };
 
-// Number of slots of a name: its long-name slots and the short entry.
-u32 slot_count(const fat_name &name) {
-    return name.unicode == nullptr ? 1 : (name.ulen + SLOT_UNITS - 1) / SLOT_UNITS + 1;
-}
-
 // Directories and links begin with one cleared cluster, files without clusters.
 int allocate_first_cluster(u32 kind, u32 *cluster) {
     return kind == DENTRY_DIR || kind == KIND_SYMLINK ? fat_extend_dir(nullptr, cluster) : 0;
 }
 
 // Builds the entry of a name that does not exist in the directory.
-int build_new_entry(oentry *dir, fat_name *name, u32 kind) {
-    const u32 count = slot_count(*name);
+int build_new_entry(oentry *dir, fat_name *name, u32 kind, const creation_survey &survey) {
+    const u32 count = slots_of(*name);
     u32 first = 0;
-    if (fat_find_empty_entries(dir, count, &first) < 0) {
+    if (find_empty_entries_after(dir, count, survey, &first) < 0) {
         return -ENOSPC; // Intentional: for every error
     }
     u32 cluster = 0;
@@ -47,7 +42,7 @@ int build_new_entry(oentry *dir, fat_name *name, u32 kind) {
     if (result < 0) {
         return result;
     }
-    const int index = build_entry(dir, first, count, kind, name, cluster);
+    const int index = build_entry_after(dir, first, count, kind, name, cluster, survey);
     if (index >= 0 && kind == DENTRY_DIR) {
         const u32 parent = dir->dentry != nullptr ? dir->start : 0;
         result = init_directory(parent, cluster);
@@ -67,11 +62,12 @@ int do_create(oentry *dir, char *name, u32 kind) {
         return -EINVAL;
     }
     name_guard guard;
-    const int found = fat_find_dentry(dir, name, &guard.record);
+    creation_survey survey;
+    const int found = find_for_creation(dir, name, &guard.record, &survey);
     if (found >= 0) {
         return -EEXIST;
     }
-    return found == -ENOENT ? build_new_entry(dir, &guard.record, kind) : found;
+    return found == -ENOENT ? build_new_entry(dir, &guard.record, kind, survey) : found;
 }
 
 int create_internal(char *path, u32 kind) {

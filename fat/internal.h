@@ -129,7 +129,8 @@ public:
 [[nodiscard]] int read_medium(void *buf, u64 sector, u32 count);
 [[nodiscard]] int write_medium(const void *buf, u64 sector, u32 count);
 
-// Number of writes so far, modulo 2^32: whoever keeps a position on the medium compares it.
+// Number of writes so far, modulo 2^32. A position on the medium that outlives a call is compared
+// with it.
 [[nodiscard]] u32 writes_so_far();
 
 // The open volume as the engine sees it, with its transfers by read_sectors and write_sectors; all
@@ -336,6 +337,9 @@ int convert_dosname_to_cstring(const u8 *dos, char *out, u8 lcase);
 // prefix has. Returns 0, -EEXIST (1 to 1023 are in use), -ENOMEM or the error of the walk.
 [[nodiscard]] int add_numeric_tail(oentry *dir, u8 *dos);
 
+// Appends the lowest tail that is not in use. Returns 0 or -EEXIST.
+[[nodiscard]] int append_lowest_tail(u8 *dos, const core::tail_set &tails);
+
 // Writes "~n" after the base, or over its end. Returns 0 or -EINVAL (n is over 1024).
 [[nodiscard]] int append_tail(u8 *dos, u32 n);
 
@@ -451,6 +455,22 @@ int get_lfn_chars(const u8 *slot, u16 *units);
 [[nodiscard]] int fat_find_dentry(oentry *dir, char *cstring, fat_name *name);
 [[nodiscard]] int find_dentry_with_clu(u32 base_clu, char *cstring, fat_name *name);
 
+// Number of slots of a name: its long-name slots and the short entry.
+[[nodiscard]] u32 slots_of(const fat_name &name);
+
+// What the lookup of a new name saw of its directory.
+struct creation_survey {
+    core::slot_survey slots = {0, core::free_span(0), nullptr};
+
+    // Whether walks of their own for the free slots and for the tail would see the same and print
+    // nothing.
+    bool is_usable = false;
+};
+
+// fat_find_dentry() for a name that is to be created.
+[[nodiscard]] int find_for_creation(oentry *dir, char *cstring, fat_name *name,
+                                    creation_survey *survey);
+
 // Processes one entry of a lookup: collects a long-name slot in `gathered` (256 units), or compares
 // a short entry. Returns -EEXIST if the entry matches, else 0.
 [[nodiscard]] int compare_entry_name(const u8 *entry, const u8 *dosName, const u16 *unicode,
@@ -506,6 +526,10 @@ struct span_sectors {
 // directory that has no such span. Returns 0, -ENOSPC, -EINVAL, -ENOMEM or the error of the walk.
 [[nodiscard]] int fat_find_empty_entries(oentry *dir, u32 count, u32 *index);
 
+// The same after a survey, which walks over the slots that the survey did not visit.
+[[nodiscard]] int find_empty_entries_after(oentry *dir, u32 count, const creation_survey &survey,
+                                           u32 *index);
+
 // Fills a short entry in memory and sets its time. Returns 0 or -EINVAL (unknown kind).
 [[nodiscard]] int set_entry_value(u8 *entry, const u8 *dos, u32 kind, u32 start_clu, u8 lcase);
 
@@ -521,6 +545,10 @@ int set_long_slot(u8 *slot, u8 ordinal, const u16 *units, u8 checksum);
 // short entry, or a negative errno; sectors written before a failed write stay written.
 [[nodiscard]] int build_entry(oentry *dir, u32 first, u32 count, u32 kind, fat_name *name,
                               u32 start_clu);
+
+// The same with the tails that a survey has found.
+[[nodiscard]] int build_entry_after(oentry *dir, u32 first, u32 count, u32 kind, fat_name *name,
+                                    u32 start_clu, const creation_survey &survey);
 
 // Writes "." and ".." to the first slots of a new directory; `parent_clu` is 0 if the parent is the
 // root. Returns 0 or a negative errno.

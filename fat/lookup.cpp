@@ -58,8 +58,13 @@ int compare_long_name(const u8 *entry, const u8 *dosName, const u16 *unicode, co
     return 0;
 }
 
+// Whether the survey is that of other walks over the same directory, which would print nothing.
+bool ends_silently(const dentry_walk &walk, const core::slot_survey &survey, bool at_unused) {
+    return (at_unused || survey.visited == survey.limit) && !walk.slots.had_empty_read();
+}
+
 // Walks the directory for the name. Returns the index of its short entry, or a negative errno.
-int search_directory(u32 base_clu, const fat_name *name) {
+int search_directory(u32 base_clu, const fat_name *name, creation_survey *survey) {
     dentry_walk walk(base_clu);
     if (!walk.slots.reserve()) {
         report_at("find_dentry_with_clu", __LINE__, "Failed to allocate memory!\n\n");
@@ -67,19 +72,24 @@ int search_directory(u32 base_clu, const fat_name *name) {
     }
     u16 gathered[LONG_NAME_UNITS] = {};
     u32 gathering = 0;
+    bool is_silent = survey != nullptr;
     for (u32 index = 0; index < INT_MAX; index++) { // the index is the result
         u8 *entry = nullptr;
         const int result = walk_to(&walk, index, &entry);
-        if (result == -EFAULT) {
-            return -ENOENT;
-        }
-        if (result < 0) {
+        if (result < 0 && result != -EFAULT) {
             report_at("find_dentry_with_clu", __LINE__, "fail to get dentry(%u, %d):%s\n", base_clu,
                       static_cast<int>(index), std::strerror(-result));
             return result;
         }
-        const u32 type = entry_type(entry);
+        const u32 type = result == 0 ? entry_type(entry) : DENTRY_UNUSED;
+        if (survey != nullptr && result == 0) {
+            survey->slots.visit(entry);
+            is_silent = is_silent && type != DENTRY_INVALID;
+        }
         if (type == DENTRY_UNUSED) {
+            if (survey != nullptr) {
+                survey->is_usable = is_silent && ends_silently(walk, survey->slots, result == 0);
+            }
             return -ENOENT;
         }
         if (type != DENTRY_LFN && !is_short_entry(type)) {
@@ -96,13 +106,17 @@ int search_directory(u32 base_clu, const fat_name *name) {
     return -ENOENT;
 }
 
-int fill_and_search(u32 base_clu, char *cstring, fat_name *name) {
+int fill_names(char *cstring, fat_name *name) {
     const int filled = get_fatnames(cstring, name);
     if (filled < 0) {
         report_at("find_dentry_with_clu", __LINE__, "Failed to get fatnames!\n\n");
-        return filled;
     }
-    return search_directory(base_clu, name);
+    return filled;
+}
+
+int fill_and_search(u32 base_clu, char *cstring, fat_name *name) {
+    const int filled = fill_names(cstring, name);
+    return filled < 0 ? filled : search_directory(base_clu, name, nullptr);
 }
 
 // Advances `*entry` to the next entry; reads a sector only at the end of the buffer.
@@ -207,6 +221,21 @@ int fat_find_dentry(oentry *dir, char *cstring, fat_name *name) {
         return -EINVAL;
     }
     return find_dentry_with_clu(base_cluster(dir), cstring, name);
+}
+
+u32 slots_of(const fat_name &name) {
+    return name.unicode == nullptr ? 1 : (name.ulen + SLOT_UNITS - 1) / SLOT_UNITS + 1;
+}
+
+int find_for_creation(oentry *dir, char *cstring, fat_name *name, creation_survey *survey) {
+    const int filled = fill_names(cstring, name);
+    if (filled < 0) {
+        return filled;
+    }
+    survey->slots.limit = dir_entry_count(dir);
+    survey->slots.span = core::free_span(slots_of(*name));
+    survey->slots.name = name->unicode != nullptr ? name->dosName : nullptr;
+    return search_directory(base_cluster(dir), name, survey);
 }
 
 // ---- long names -------------------------------------------------------------------------------

@@ -5,9 +5,7 @@
 
 #include "fat/internal.h"
 
-#include <bit>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <iterator>
 #include <utility>
@@ -34,9 +32,7 @@ constexpr u8 LOWER_EXTENSION = CASE_LOWER_EXTENSION;
 constexpr u8 EXTENSION_HALF = 0xF0;
 constexpr u8 MIXED_CASE = 0xFF;
 
-constexpr u32 MAX_TAIL = 1024;    // highest number that append_tail() accepts
-constexpr u32 TAIL_BITMAP = 1024; // number of tails in the bitmap; bit 0 is never free
-constexpr u32 WORD_BITS = 32;
+constexpr u32 MAX_TAIL = 1024; // highest number that append_tail() accepts
 
 constexpr bool is_upper(u8 c) {
     return c >= 'A' && c <= 'Z';
@@ -140,47 +136,8 @@ int make_long_name(char *cstring, heap_ptr<u16> *unicode, u32 *ulen) {
     return 0;
 }
 
-// The tails in use, one bit each.
-struct tail_bitmap {
-    u32 words[TAIL_BITMAP / WORD_BITS] = {1};
-
-    void mark_used(u32 tail) {
-        if (tail < TAIL_BITMAP) {
-            words[tail / WORD_BITS] |= 1U << (tail % WORD_BITS);
-        }
-    }
-    // TAIL_BITMAP if all are in use.
-    [[nodiscard]] u32 lowest_free() const {
-        for (u32 word = 0; word < std::size(words); word++) {
-            if (words[word] != ~0U) {
-                return word * WORD_BITS + static_cast<u32>(std::countr_one(words[word]));
-            }
-        }
-        return TAIL_BITMAP;
-    }
-};
-
-// Marks the tail of a short entry that has the same prefix as `dos`. A tilde without digits after
-// it counts as tail 0.
-void mark_tail(const u8 *entry, const u8 *dos, tail_bitmap *tails) {
-    u32 tilde = 0;
-    while (tilde < DOS_BASE_SIZE && entry[tilde] != '~' && entry[tilde] != 0) {
-        tilde++;
-    }
-    if (tilde == DOS_BASE_SIZE || entry[tilde] == 0 || std::memcmp(entry, dos, tilde) != 0) {
-        return;
-    }
-    u32 number = 0;
-    for (u32 i = tilde + 1; i < DOS_BASE_SIZE; i++) {
-        if (entry[i] >= '0' && entry[i] <= '9') {
-            number = number * 10 + (entry[i] - '0');
-        }
-    }
-    tails->mark_used(number);
-}
-
 // Marks the tails of a whole directory. Its end, of whatever form, ends the walk without an error.
-int mark_tails(oentry *dir, const u8 *dos, tail_bitmap *tails) {
+int mark_tails(oentry *dir, const u8 *dos, core::tail_set *tails) {
     dentry_walk walk(dir);
     if (!walk.slots.reserve()) {
         report_at("add_numeric_tail", __LINE__, "Failed to allocate memory!\n\n");
@@ -201,7 +158,7 @@ int mark_tails(oentry *dir, const u8 *dos, tail_bitmap *tails) {
             return 0;
         }
         if (type == DENTRY_FILE || type == DENTRY_DIR) {
-            mark_tail(entry, dos, tails);
+            tails->mark(entry, dos);
         }
     }
     return 0;
@@ -356,29 +313,23 @@ int append_tail(u8 *dos, u32 n) {
         REPORT("numeric-tail overflow\n");
         return -EINVAL;
     }
-    char tail[7] = {};
-    const u32 length =
-        static_cast<u32>(std::snprintf(tail, sizeof tail, "%c%d", '~', static_cast<int>(n)));
-    u32 position = 0;
-    while (position < DOS_BASE_SIZE - length && dos[position] != ' ') {
-        position++;
-    }
-    std::memcpy(dos + position, tail, length);
+    core::write_tail(dos, n);
     return 0;
 }
 
-int add_numeric_tail(oentry *dir, u8 *dos) {
-    tail_bitmap tails;
-    const int walked = mark_tails(dir, dos, &tails);
-    if (walked < 0) {
-        return walked;
-    }
+int append_lowest_tail(u8 *dos, const core::tail_set &tails) {
     const u32 tail = tails.lowest_free();
-    if (tail >= TAIL_BITMAP) {
-        REPORT("Too many SFNs!\n\n");
+    if (tail == core::tail_set::END) {
+        report_at("add_numeric_tail", __LINE__, "Too many SFNs!\n\n");
         return -EEXIST;
     }
     return append_tail(dos, tail);
+}
+
+int add_numeric_tail(oentry *dir, u8 *dos) {
+    core::tail_set tails;
+    const int walked = mark_tails(dir, dos, &tails);
+    return walked < 0 ? walked : append_lowest_tail(dos, tails);
 }
 
 int verify_valid_name(const char *cstring) {

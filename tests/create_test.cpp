@@ -548,20 +548,35 @@ TEST_F(CreateOnFat32, RootGrowsForEveryRecordOfIt) {
 
 // The result is the same for any reason that no slots were found.
 TEST_F(CreateFile, DirectoryThatCannotBeReadAnyMoreHasNoRoom) {
-    char name[] = "a";
-    v.disk.reads_before_failure = 1; // of the lookup
-    EXPECT_EQ(do_create(sv->root_dir, name, DENTRY_FILE), -ENOSPC);
-    EXPECT_EQ(messages.text(), "get_dentry_with_clu[N]: cannot read sectors:(sector: " +
-                                   std::to_string(sv->rdir_start) +
+    v.top.go_to(1);
+    while (v.top.append(short_entry("FILE       ")) % 16 != 14) {
+    }
+    v.disk.reads_before_failure = 1; // of the lookup; the slots continue in the next sector
+    EXPECT_EQ(create("A long name of three slots"),
+              came_to(-ENOSPC, "get_dentry_with_clu[N]: cannot read sectors:(sector: " +
+                                   std::to_string(sv->rdir_start + 1) +
                                    ")\n"
-                                   "fat_find_empty_entries[N]: Check Here!\n\n");
-    messages.clear();
+                                   "fat_find_empty_entries[N]: Check Here!\n\n"));
     v.disk.reads_before_failure = 0;
     EXPECT_EQ(create("a"), came_to(-EIO, "get_dentry_with_clu[N]: cannot read sectors:(sector: " +
                                              std::to_string(sv->rdir_start) +
                                              ")\n"
                                              "find_dentry_with_clu[N]: fail to get dentry(0, "
                                              "0):Input/output error\n"));
+}
+
+TEST_F(CreateFile, SweepsItsDirectoryOnce) {
+    for (int i = 0; i < 80; i++) {
+        fat_close(fat_create_file(("A long name, number " + std::to_string(i)).c_str()));
+    }
+    v.disk.log.clear();
+    ASSERT_GT(fat_create_file("A long name, number 80"), 0);
+    std::size_t root_sectors = 0;
+    for (const auto &[sector, times] : v.sectors_read()) {
+        root_sectors += sector >= sv->rdir_start ? 1 : 0;
+        EXPECT_EQ(times, 1) << "sector " << sector;
+    }
+    EXPECT_EQ(root_sectors, (80 * 3 + 3) / 16 + 1U);
 }
 
 TEST_F(CreateFile, EntryIsThereThoughAllIdsAreGivenOut) {

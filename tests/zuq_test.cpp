@@ -659,8 +659,6 @@ TEST(MakePoolUnderFaults, NamesTheStepOfEveryAllocationThatFails) {
     EXPECT_EQ(under_faults(EVERY_ALLOCATION, {}, zuq_make_pool),
               (std::vector<answer>{pool_says(-ENOMEM, "Failed to allocate memory!"),
                                    pool_says(-ENOMEM, "Failed to create pool file!"),
-                                   pool_says(-ENOSPC, "Failed to create pool file!"),
-                                   pool_says(-ENOMEM, "Failed to create pool file!"),
                                    pool_says(-ENOMEM, "Failed to open pool file!"),
                                    pool_says(-ENOMEM, "Failed to allocate cluster!"),
                                    pool_says(-ENOMEM, "Failed to update entry!"),
@@ -684,8 +682,6 @@ TEST(MakeLogUnderFaults, NamesTheStepOfEveryWriteThatFails) {
 TEST(MakeLogUnderFaults, NamesTheStepOfEveryAllocationThatFails) {
     EXPECT_EQ(under_faults(EVERY_ALLOCATION, {.sec_per_clus = 64}, zuq_make_log),
               (std::vector<answer>{log_says(-ENOMEM, "Failed to create!"),
-                                   log_says(-ENOSPC, "Failed to create!"),
-                                   log_says(-ENOMEM, "Failed to create!"),
                                    log_says(-ENOMEM, "Failed to open!"),
                                    log_says(-ENOMEM, "Failed to get parent!"),
                                    {0, ""}}));
