@@ -210,7 +210,8 @@ inline constexpr field SLOT_FIELDS[] = {
 static_assert(covers(SLOT_FIELDS, 0, DENTRY_SIZE));
 static_assert(SLOT_ATTR.offset == SHORT_ATTR.offset); // one byte distinguishes the two records
 
-inline constexpr u32 SLOT_LAST = 0x40; // ordinal bit of the slot furthest from the short entry
+inline constexpr u32 MAX_LONG_SLOTS = 20; // of a name of 255 units
+inline constexpr u32 SLOT_LAST = 0x40;    // ordinal bit of the slot furthest from the short entry
 
 // Byte offset of unit 0 to 12 in a slot.
 [[nodiscard]] constexpr u32 slot_unit_offset(u32 unit) {

@@ -48,6 +48,8 @@ s64 medium::read_ahead(u64 offset, std::span<u8> bytes) {
     return read(offset, bytes);
 }
 
+void medium::used(u64 /*offset*/, std::span<const u8> /*bytes*/) {}
+
 int medium::flush() {
     return 0;
 }

@@ -18,6 +18,10 @@ public:
     // The same as read(), for bytes that may not be needed: the caller ignores a failure.
     virtual s64 read_ahead(u64 offset, std::span<u8> bytes);
 
+    // Bytes that were read ahead are in use now. A medium that stores what it transferred last
+    // takes them for read.
+    virtual void used(u64 offset, std::span<const u8> bytes);
+
     // Makes everything written so far durable. Returns 0 or a negative errno.
     virtual int flush();
 

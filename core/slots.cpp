@@ -78,8 +78,9 @@ u32 slot_walk::contiguous_sectors() const {
 fault slot_walk::read_sector(bool continues) {
     const volume &of = fat_.on();
     if (ahead_.find(place_.sector) != nullptr ||
-        (continues && ahead_.read_ahead(of, place_.sector, contiguous_sectors()))) {
+        (continues && reads_ahead_ && ahead_.read_ahead(of, place_.sector, contiguous_sectors()))) {
         std::memcpy(buffer_.get(), ahead_.find(place_.sector), of.at.sector_size);
+        of.used(place_.sector, buffer_.get());
         return fault::NONE;
     }
     if (on_empty_ == empty_read::ZEROS) {

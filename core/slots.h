@@ -40,6 +40,11 @@ public:
               empty_read on_empty = empty_read::OLD_CONTENT)
         : fat_(fat), first_(first), limit_(limit), on_empty_(on_empty) {}
 
+    // From now on reads each sector alone.
+    void read_singly() {
+        reads_ahead_ = false;
+    }
+
     // Allocates the buffer for a sector, if that has not been done. False without memory.
     [[nodiscard]] bool reserve();
 
@@ -73,6 +78,7 @@ private:
     u32 slots_ = 0;      // in the buffer
     slot_place place_ = {};
     bool had_empty_read_ = false;
+    bool reads_ahead_ = true;
     chain_cursor cursor_;
     sector_window ahead_;
 };

@@ -24,6 +24,10 @@ int volume::read_ahead(u64 sector, u8 *bytes, u32 count) const {
                          at.sector_size);
 }
 
+void volume::used(u64 sector, const u8 *bytes) const {
+    device->used(sector * at.sector_size, {bytes, at.sector_size});
+}
+
 int volume::write(u64 sector, const u8 *bytes, u32 count) const {
     return whole_sectors(device->write(sector * at.sector_size, {bytes, bytes_of(at, count)}),
                          at.sector_size);

@@ -55,6 +55,7 @@ struct volume {
     // Transfers of whole sectors. Return their number, or a negative errno.
     [[nodiscard]] int read(u64 sector, u8 *bytes, u32 count) const;
     [[nodiscard]] int read_ahead(u64 sector, u8 *bytes, u32 count) const;
+    void used(u64 sector, const u8 *bytes) const; // one sector, see medium::used()
     [[nodiscard]] int write(u64 sector, const u8 *bytes, u32 count) const;
 };
 

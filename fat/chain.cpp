@@ -166,6 +166,7 @@ void share_growth(const oentry *grown) {
 // Undoes an allocation whose cluster could not be cleared or is not valid. Intentional: the number
 // of the freed cluster remains in the hint and, if the entry had no cluster before, in its fields.
 void undo_growth(oentry *entry, u32 previous_last, u32 cluster) {
+    forget_positions();
     if (previous_last != 0) {
         (void)fat_write_entry(previous_last, FAT_END_MARK); // the caller returns its own error
         entry->last = previous_last;
@@ -236,6 +237,7 @@ int alloc_clusters(oentry *entry, u32 *clusters, u32 count, u32 *allocated) {
 }
 
 void undo_allocation(oentry *entry, u32 old_last, const u32 *clusters, u32 count, u32 allocated) {
+    forget_positions();
     core::table fat(here(), core::table::writing::LATE);
     undo_entry(&fat, old_last, FAT_END_MARK);
     entry->last = old_last;
@@ -308,6 +310,7 @@ int fat_count_clusters(u32 first, u32 *last) {
 }
 
 int fat_release_clusters(oentry *entry, u32 keep) {
+    forget_positions();
     core::table fat(here(), core::table::writing::LATE);
     core::cycle_detector detector;
     u32 cluster = entry->start;

@@ -7,6 +7,7 @@
 
 #include "fat/internal.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -120,9 +121,12 @@ struct silent_walk {
     core::table fat;
     core::slot_walk slots;
 
+    // Sectors that one call reads ahead, the next one would read again.
     explicit silent_walk(const oentry *dir)
         : fat(here_silently()), slots(fat, base_cluster(dir), dir->allocated / DENTRY_SIZE,
-                                      core::slot_walk::empty_read::ZEROS) {}
+                                      core::slot_walk::empty_read::ZEROS) {
+        slots.read_singly();
+    }
     explicit silent_walk(u32 base_clu) : fat(here_silently()), slots(fat, base_clu) {}
     silent_walk(const silent_walk &) = delete;
     silent_walk &operator=(const silent_walk &) = delete;
@@ -186,10 +190,10 @@ bool has_same_name(const u8 *a, const u8 *b) {
     return std::memcmp(a + SHORT_NAME.offset, b + SHORT_NAME.offset, SHORT_NAME.size) == 0;
 }
 
-// Finds an open entry in its directory on the medium, for its names and index.
-int find_names(const oentry *entry, fat_entry_info *info) {
+// Finds an open entry in its directory on the medium, from slot `index` on, for its names and
+// index.
+int find_names(const oentry *entry, u32 index, fat_entry_info *info) {
     silent_walk walk(entry->parent_clus);
-    u32 index = 0;
     for (;;) {
         u8 *found = nullptr;
         name_assembler name;
@@ -222,6 +226,7 @@ int fat_next_entry(int did, uint32_t *index, fat_entry_info *info) {
     if (!is_open_directory(dir)) {
         return -ENOTDIR;
     }
+    const public_call call;
     silent_walk walk(dir);
     u8 *entry = nullptr;
     name_assembler name;
@@ -251,7 +256,13 @@ int fat_info_of(int id, fat_entry_info *info) {
         return -ENOENT; // its chain leads to a free entry: the entry has been removed
     }
     fat_entry_info found = {};
-    const int result = find_names(entry, &found);
+    const public_call call;
+    // From before its long name on, else from the start: the record may be older than a removal.
+    const u32 name_start = entry->dentry_index - std::min(entry->dentry_index, MAX_LONG_SLOTS);
+    int result = find_names(entry, name_start, &found);
+    if (result == -ENOENT && name_start != 0) {
+        result = find_names(entry, 0, &found);
+    }
     if (result < 0) {
         return result;
     }

@@ -126,6 +126,15 @@ extern int fat_page_size_given;
  */
 void fat_set_diagnostics(FILE *stream);
 
+/*
+ * With `enabled` not 0, the library stores from call to call what it has learned of the volume: FAT
+ * and directory sectors, and positions in the cluster chains of open files. The program promises in
+ * return that the medium changes by calls of the library alone. The library drops all of it at this
+ * call, at formatting, mounting and closing, and if read_sectors or write_sectors is replaced.
+ * Initially 0: nothing is stored. Results, messages, and what is written do not depend on it.
+ */
+void fat_set_cache(int enabled);
+
 /* The only source of the present time in the library; initially time(). Must not be NULL. */
 extern time_t (*fat_clock)(time_t *);
 

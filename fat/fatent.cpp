@@ -89,6 +89,7 @@ int fat_read_entry(u32 cluster, u32 *value) {
 }
 
 int fat_write_entry(u32 cluster, u32 value) {
+    forget_positions();
     core::table fat(here());
     return change(&fat, cluster, value);
 }

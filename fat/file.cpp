@@ -35,13 +35,32 @@ struct data_extent {
 
 // Finds the extents of a file in order.
 struct extent_finder {
-    const oentry *entry;
+    oentry *entry;
     core::table fat;
     core::chain_cursor cursor;
     core::result<u32> ahead = core::fault::NONE; // first sector of the next extent, if `has_ahead`
     bool has_ahead = false;
 
-    explicit extent_finder(const oentry *of) : entry(of), fat(here()) {}
+    // Continues from the position that the entry has stored, if it is valid.
+    explicit extent_finder(oentry *of) : entry(of), fat(here()) {
+        if (keeps_positions() && entry->kept_epoch == chain_epoch() &&
+            entry->kept_first == entry->start) {
+            cursor.first = entry->kept_first;
+            cursor.cluster = entry->kept_cluster;
+            cursor.links = entry->kept_links;
+        }
+    }
+    extent_finder(const extent_finder &) = delete;
+    extent_finder &operator=(const extent_finder &) = delete;
+    ~extent_finder() {
+        if (keeps_positions() && fat.on().is_data_cluster(cursor.first) &&
+            fat.on().is_data_cluster(cursor.cluster)) {
+            entry->kept_first = cursor.first;
+            entry->kept_cluster = cursor.cluster;
+            entry->kept_links = cursor.links;
+            entry->kept_epoch = chain_epoch();
+        }
+    }
 
     [[nodiscard]] core::result<u32> locate(u32 sector_index) {
         return core::sector_in_space(fat, &cursor, entry->start, sector_index);
@@ -142,7 +161,7 @@ void report_write_lookup(int error) {
 }
 
 // Writes the data to allocated clusters.
-int write_data(const oentry *entry, const u8 *data, u32 count, u32 position) {
+int write_data(oentry *entry, const u8 *data, u32 count, u32 position) {
     extent_finder finder(entry);
     for (u32 written = 0; written < count;) {
         data_part part = first_part(position, count - written);
@@ -275,7 +294,7 @@ void report_read_lookup(int error) {
     }
 }
 
-int read_data(const oentry *entry, u8 *sector_buf, u8 *data, u32 count, u64 position) {
+int read_data(oentry *entry, u8 *sector_buf, u8 *data, u32 count, u64 position) {
     extent_finder finder(entry);
     for (u32 done = 0; done < count;) {
         data_part part = first_part(position, count - done);

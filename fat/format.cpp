@@ -249,6 +249,7 @@ int write_tables_vol(fat_format_param *param, u8 *pbr, u8 *rdir, u8 *fat, u8 *fs
 } // namespace fat
 
 int fat_format(fat_format_param *param) {
+    forget_medium();
     if (no_volume(__func__)) {
         return -EINVAL;
     }

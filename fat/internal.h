@@ -52,6 +52,12 @@ struct oentry {
     char name[256];          // last component of the path it was opened by
     core::u32 readdir_clus;  // cluster that holds entry readdir_pos, for the fast directory walk
     core::u32 readdir_pos;   // index of the next entry of the fast directory walk
+    // Position of the last data transfer in the chain, if the cache is on.
+    core::u32 kept_first; // first cluster of that chain
+    core::u32 kept_cluster;
+    core::u32 kept_links;   // from the first cluster to that one
+    core::u32 kept_epoch;   // chain_epoch() of that position
+    core::u32 dentry_index; // slot of the entry in its directory when it was opened
 };
 
 namespace fat {
@@ -115,8 +121,9 @@ inline constexpr mode_t IMAGE_MODE = 0660;
 [[nodiscard]] int file_write_sectors(void *buf, u64 sector, u32 count);
 
 // What the library knows of the medium during one public call, which every public call that
-// transfers sectors marks by an object of this type: the sectors transferred last. It is forgotten
-// when the outermost call returns.
+// transfers sectors marks by an object of this type: the sectors transferred last. The outermost
+// call begins without any, unless fat_set_cache() is on and the volume and its transfers are those
+// of the call before.
 class public_call {
 public:
     public_call();
@@ -125,13 +132,18 @@ public:
     ~public_call();
 };
 
+// Drops what is known of the medium: it may have changed, or be another one.
+void forget_medium();
+
+// Positions in chains that a program lets the library store from call to call are valid while this
+// number does not change. Appending to a chain leaves them valid.
+[[nodiscard]] u32 chain_epoch();
+void forget_positions();
+[[nodiscard]] bool keeps_positions();
+
 // Transfers of the library: read_sectors and write_sectors, except for sectors that are known.
 [[nodiscard]] int read_medium(void *buf, u64 sector, u32 count);
 [[nodiscard]] int write_medium(const void *buf, u64 sector, u32 count);
-
-// Number of writes so far, modulo 2^32. A position on the medium that outlives a call is compared
-// with it.
-[[nodiscard]] u32 writes_so_far();
 
 // The open volume as the engine sees it, with its transfers by read_sectors and write_sectors; all
 // areas are 0 if no volume is open. A copy: valid until the volume record changes.

@@ -241,6 +241,7 @@ int get_pbr_sector(u8 *buf) {
 } // namespace fat
 
 int fat_build_super() {
+    forget_medium();
     if (no_volume(__func__)) {
         return -EINVAL;
     }

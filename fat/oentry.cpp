@@ -49,7 +49,8 @@ int measure_entry(oentry *entry) {
 }
 
 // Opens an entry that was read from `location`; creates its record.
-int open_dentry(const oentry *parent, const u8 *dentry, const dentry_location &location) {
+int open_dentry(const oentry *parent, u32 index, const u8 *dentry,
+                const dentry_location &location) {
     heap_ptr<oentry> entry = zeroed_records<oentry>();
     if (entry == nullptr) {
         report_at("fat_entry_open", __LINE__, "cannot allocate memory\n");
@@ -64,6 +65,7 @@ int open_dentry(const oentry *parent, const u8 *dentry, const dentry_location &l
         return 0; // id of the root, whose record was copied
     }
     entry->parent_clus = base_cluster(parent);
+    entry->dentry_index = index;
     const int id = register_oentry(entry.get());
     if (id < 0) {
         std::free(entry->dentry);
@@ -240,7 +242,7 @@ int fat_entry_open(oentry *parent, u32 index) {
         REPORT("Cannot get dentry!\n\n");
         return result;
     }
-    return open_dentry(parent, dentry, location);
+    return open_dentry(parent, index, dentry, location);
 }
 
 int open_root_directory() {

@@ -155,7 +155,26 @@ int release_compacted() {
 
 constinit unsigned calls = 0; // public calls that have not returned
 constinit core::sector_cache known_sectors;
-constinit u32 writes = 0;
+
+constinit bool is_cache_on = false;
+constinit u32 epoch = 0; // of positions in chains
+
+// What the sectors are known of; they are of no use for anything else.
+struct medium_identity {
+    const fat_super *volume = nullptr;
+    int fd = -1;
+    u32 data_start = 0;
+    fat_sector_io read = nullptr;
+    fat_sector_io write = nullptr;
+
+    bool operator==(const medium_identity &) const = default;
+};
+constinit medium_identity known_of;
+
+medium_identity present_medium() {
+    return {sv, sv != nullptr ? sv->fd : -1, sv != nullptr ? sv->data_start : 0, read_sectors,
+            write_sectors};
+}
 
 // The target of the open volume, as the program may have replaced its transfers.
 class target_medium : public core::medium {
@@ -171,6 +190,11 @@ public:
     s64 read_ahead(u64 offset, std::span<u8> bytes) override {
         const quiet_scope quiet; // what is needed is read again, and reported then
         return moved(read_medium(bytes.data(), offset / transfer_unit(), units(bytes.size())));
+    }
+    void used(u64 offset, std::span<const u8> bytes) override {
+        if (calls > 0) {
+            known_sectors.store(offset / transfer_unit(), bytes.data(), transfer_unit());
+        }
     }
     s64 write(u64 offset, std::span<const u8> bytes) override {
         return moved(write_medium(bytes.data(), offset / transfer_unit(), units(bytes.size())));
@@ -295,10 +319,32 @@ int check_vol_size(int fd, u64 *size) {
     return -EINVAL;
 }
 
+void forget_medium() {
+    known_sectors.clear();
+    forget_positions();
+}
+
+u32 chain_epoch() {
+    return epoch;
+}
+
+void forget_positions() {
+    epoch++;
+}
+
+bool keeps_positions() {
+    return is_cache_on && calls > 0;
+}
+
 public_call::public_call() {
-    if (calls++ == 0) {
-        known_sectors.clear();
+    if (calls++ > 0) {
+        return;
     }
+    const medium_identity now = present_medium();
+    if (!is_cache_on || now != known_of) {
+        forget_medium();
+    }
+    known_of = now;
 }
 
 public_call::~public_call() {
@@ -320,7 +366,6 @@ int read_medium(void *buf, u64 sector, u32 count) {
 }
 
 int write_medium(const void *buf, u64 sector, u32 count) {
-    writes++;
     known_sectors.forget(sector, count, transfer_unit());
     // Transfers in both directions have one type; a write does not change its buffer.
     const int moved = write_sectors(const_cast<void *>(buf), sector, count);
@@ -328,10 +373,6 @@ int write_medium(const void *buf, u64 sector, u32 count) {
         known_sectors.store(sector, static_cast<const u8 *>(buf), transfer_unit());
     }
     return moved;
-}
-
-u32 writes_so_far() {
-    return writes;
 }
 
 core::volume here() {
@@ -438,6 +479,11 @@ int fat_release_volume(int compact) {
 }
 
 } // namespace fat
+
+void fat_set_cache(int enabled) {
+    is_cache_on = enabled != 0;
+    forget_medium();
+}
 
 int fat_open_volume(const char *path, uint8_t long_name, int mode) {
     if (path == nullptr) {

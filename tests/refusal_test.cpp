@@ -140,6 +140,7 @@ const std::vector<row> PUBLIC_CALLS = {
     {NONE, CALL(fat_set_encoding("UTF-8")), 0, ""},
     {NONE, CALL(fat_set_encoding("no such encoding")), 0, ""},
     {ANY, CALL(fat_set_encoding(nullptr)), 0, ""},
+    {ANY, CALL(fat_set_cache(0)), 0, ""},
     {ANY, CALL(fat_set_diagnostics(nullptr)), 0, ""},
     // open entries
     {NONE, CALL(fat_open("FILE")), -EINVAL, HERE},
