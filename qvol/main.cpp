@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <string_view>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -26,11 +27,23 @@ bool occupy_standard_descriptors() {
     return true;
 }
 
+// Adds the command that the first argument names, or all commands: the help and the error messages
+// list them. Declaring all of them takes longer than most commands run.
+void add_commands(qvol::command_line *commands, std::string_view first) {
+    for (const auto &[name, add] : qvol::ALL_COMMANDS) {
+        if (first == name) {
+            add(commands);
+            return;
+        }
+    }
+    for (const qvol::command_entry &command : qvol::ALL_COMMANDS) {
+        command.add(commands);
+    }
+}
+
 int run(int argc, char **argv) {
     qvol::command_line commands;
-    for (const auto add : qvol::ALL_COMMANDS) {
-        add(&commands);
-    }
+    add_commands(&commands, argc > 1 ? argv[1] : "");
     return commands.run(argc, argv);
 }
 

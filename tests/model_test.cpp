@@ -309,20 +309,8 @@ private:
         }
         return testing::AssertionSuccess();
     }
-    // Counted on the medium itself.
-    std::uint32_t count_free_on_medium() {
-        const bytes table = v.fat_copy(0);
-        const std::uint32_t width = sv->fat_type / 8;
-        std::uint32_t result = 0;
-        for (std::size_t at = 2 * width; at < (sv->num_clusters + 2) * width; at += width) {
-            const bool is_free = table[at] == 0 && table[at + 1] == 0 &&
-                                 (width == 2 || (table[at + 2] == 0 && (table[at + 3] & 0xF) == 0));
-            result += is_free ? 1 : 0;
-        }
-        return result;
-    }
     testing::AssertionResult clusters_agree() {
-        const std::uint32_t found = count_free_on_medium();
+        const std::uint32_t found = v.count_free(); // on the medium itself
         const std::uint32_t expected = model->count_free();
         if (found != expected) {
             return testing::AssertionFailure() << found << " clusters are free, not " << expected;

@@ -13,8 +13,8 @@
 
 find_program(VALGRIND valgrind)
 set(sanitized_programs QUORVEL_TOOL=$<TARGET_FILE:quorvel_sanitized>)
-if(NOT full_stage) # the search for leaks doubles the time of each of thousands of programs
-  list(APPEND sanitized_programs ASAN_OPTIONS=detect_leaks=0)
+if(NOT full_stage) # the search for leaks and the stack of each allocation take most of a short run
+  set(short_run_settings detect_leaks=0:malloc_context_size=0)
 endif()
 set_property(GLOBAL PROPERTY quorvel_test_sources "")
 
@@ -77,9 +77,15 @@ function(test_program name)
       set(sanitized asan_${name})
       add_sanitized_program(${name})
     endif()
-    set(environment "")
+    set(settings ${sanitizer_settings})
+    set(environment ${CMAKE_COMMAND} -E env)
     if(arg_RUNS_PROGRAMS)
-      set(environment ${CMAKE_COMMAND} -E env ${sanitized_programs})
+      list(APPEND settings ${short_run_settings})
+      list(APPEND environment ${sanitized_programs})
+    endif()
+    if(settings)
+      list(JOIN settings : settings)
+      list(APPEND environment ASAN_OPTIONS=${settings})
     endif()
     register_program(asan.${name} ${arg_SHARDS} ${environment} $<TARGET_FILE:${sanitized}>
                      --gtest_brief=1)
@@ -98,7 +104,7 @@ macro(add_sanitized_program name)
   add_executable(asan_${name} $<TARGET_OBJECTS:${name}_objects>)
   target_link_libraries(asan_${name} PRIVATE ${support} ${arg_SANITIZED_LIBRARIES}
                                              $<TARGET_FILE:fat_sanitized>)
-  target_link_options(asan_${name} PRIVATE ${sanitizers})
+  target_link_options(asan_${name} PRIVATE ${sanitized_link_options})
   add_dependencies(asan_${name} fat_sanitized ${name})
 endmacro()
 

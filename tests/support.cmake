@@ -65,15 +65,24 @@ set(run_sanitized ON)
 if(QUORVEL_SANITIZED OR QUORVEL_COVERED OR CMAKE_CROSSCOMPILING)
   set(run_sanitized OFF)
 endif()
+# In the quick stage undefined behaviour ends in SIGILL and its line, and the dynamic type of objects is
+# not checked: the tables for messages and types are most of a program, and half of the time that a
+# command takes. The later stages have both.
 set(sanitizers -fsanitize=address,undefined)
-set(sanitized_options -O1 -g1 ${sanitizers} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+set(sanitized_options -Og -g1 ${sanitizers} -fno-sanitize-recover=all -fno-omit-frame-pointer
+                      -fno-pie)
+set(sanitized_link_options ${sanitizers} -no-pie) # no relocations at each start
+if(NOT full_stage)
+  list(APPEND sanitized_options -fno-sanitize=vptr -fsanitize-undefined-trap-on-error)
+  set(sanitizer_settings handle_sigill=1)
+endif()
 if(run_sanitized)
   list(TRANSFORM FAT_SOURCES PREPEND ${PROJECT_SOURCE_DIR}/ OUTPUT_VARIABLE fat_sources)
   add_library(fat_sanitized STATIC ${fat_sources})
   target_include_directories(fat_sanitized PUBLIC ${PROJECT_SOURCE_DIR})
   target_link_libraries(fat_sanitized PUBLIC quorvel_compile)
   target_compile_options(fat_sanitized PUBLIC ${sanitized_options})
-  target_link_options(fat_sanitized PUBLIC ${sanitizers})
+  target_link_options(fat_sanitized PUBLIC ${sanitized_link_options})
   add_executable(quorvel_sanitized ${PROJECT_SOURCE_DIR}/tool/main.cpp
                                    ${PROJECT_SOURCE_DIR}/tool/options.cpp)
   target_link_libraries(quorvel_sanitized PRIVATE fat_sanitized)

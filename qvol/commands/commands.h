@@ -33,10 +33,21 @@ void add_check(command_line *commands);
 void add_mirror(command_line *commands);
 void add_compact(command_line *commands);
 
+// A command and its name on the command line.
+struct command_entry {
+    const char *name;
+    void (*add)(command_line *commands);
+};
+
 // All of them, in the order of the help.
-inline constexpr void (*ALL_COMMANDS[])(command_line *commands) = {
-    add_build,    add_info,  add_ls,   add_tree, add_stat,  add_cat,    add_get,
-    add_put,      add_mkdir, add_mv,   add_ln,   add_rm,    add_pool,   add_log,
-    add_fastpath, add_owner, add_dump, add_map,  add_check, add_mirror, add_compact};
+inline constexpr command_entry ALL_COMMANDS[] = {
+    {"build", add_build}, {"info", add_info},     {"ls", add_ls},
+    {"tree", add_tree},   {"stat", add_stat},     {"cat", add_cat},
+    {"get", add_get},     {"put", add_put},       {"mkdir", add_mkdir},
+    {"mv", add_mv},       {"ln", add_ln},         {"rm", add_rm},
+    {"pool", add_pool},   {"log", add_log},       {"fastpath", add_fastpath},
+    {"owner", add_owner}, {"dump", add_dump},     {"map", add_map},
+    {"check", add_check}, {"mirror", add_mirror}, {"compact", add_compact},
+};
 
 } // namespace qvol

@@ -79,7 +79,7 @@ public:
         const std::uint32_t old = field_of(content, where.offset, shape.width / 8);
         value &= shape.end_mark();
         put_field(&content, where.offset, shape.width / 8, (old & ~shape.end_mark()) | value);
-        if (!write(where.sector, content)) {
+        if (!write(where.sector, std::move(content))) {
             return fail(-EIO, "fat_write_entry", "cannot write FAT\n\n");
         }
         if (free_ && shape.has_cluster(cluster)) {

@@ -208,7 +208,7 @@ public:
     bool put_entry(const location &where, const raw_entry &entry) {
         bytes content = sector(where.sector);
         std::copy(entry.begin(), entry.end(), content.begin() + where.offset);
-        return write(where.sector, content);
+        return write(where.sector, std::move(content));
     }
     bool is_empty(const open_chain &dir) {
         for (std::uint32_t index = 2; index < dir.allocated / 32; index++) {

@@ -121,12 +121,12 @@ protected:
     [[nodiscard]] bool can_read(std::uint64_t number) const {
         return number < sectors_of_target && !unreadable.contains(number);
     }
-    bool write(std::uint64_t number, const bytes &content) {
+    bool write(std::uint64_t number, bytes content) {
         if (unwritable.contains(number)) {
             return false;
         }
-        sector_to_change(number) = content;
         writes.push_back({number, content});
+        sector_to_change(number) = std::move(content);
         return true;
     }
     int fail(int result, const char *function, const std::string &message) {

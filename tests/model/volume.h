@@ -548,8 +548,9 @@ private:
         content.resize(offset);
         content.insert(content.end(), part.begin(), part.end());
         content.resize(shape.sector_bytes);
-        return medium::write(number, content) ? 0
-                                              : fail(-EIO, WRITER, "cannot write sector to file\n");
+        return medium::write(number, std::move(content))
+                   ? 0
+                   : fail(-EIO, WRITER, "cannot write sector to file\n");
     }
     int append(open_entry *entry, const bytes &data) {
         const char *const me = "write_file_internal";

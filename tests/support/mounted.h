@@ -130,16 +130,6 @@ public:
         }
         disk.poke(fat_offset(0), table);
     }
-    [[nodiscard]] std::uint32_t count_free() {
-        const std::uint32_t width = sv->fat_type / 8;
-        const bytes table = fat_copy(0);
-        std::uint32_t result = 0;
-        for (std::uint32_t cluster = 2; cluster <= last_cluster(); cluster++) {
-            const std::uint32_t value = model::field_of(table, cluster * width, width);
-            result += (value & 0x0FFFFFFF) == 0 ? 1 : 0;
-        }
-        return result;
-    }
 
 private:
     static entry_image image_of(const std::uint8_t *entry) {

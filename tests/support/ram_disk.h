@@ -120,6 +120,11 @@ public:
         return result;
     }
 
+    // The numbers of the blocks that were written since the last call, by a transfer or by poke().
+    std::set<std::uint64_t> take_changed_blocks() {
+        return std::exchange(changed_, {});
+    }
+
     // The numbers of the blocks that were read or written, ascending. All others have not changed.
     [[nodiscard]] std::vector<std::uint64_t> known_blocks() const {
         std::vector<std::uint64_t> result;
@@ -221,6 +226,7 @@ private:
         if (remembers_) {
             before_.try_emplace(offset / BLOCK, block);
         }
+        changed_.insert(offset / BLOCK);
         return block;
     }
 
@@ -228,6 +234,7 @@ private:
     std::map<std::uint64_t, std::vector<std::uint8_t>> blocks_;
     std::map<std::uint64_t, std::vector<std::uint8_t>> before_; // of the blocks written since
     bool remembers_ = false;
+    std::set<std::uint64_t> changed_;
 };
 
 } // namespace testing_support

@@ -7,10 +7,13 @@
 #include "tests/model/names.h"
 #include "tests/support/ram_disk.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <initializer_list>
+#include <map>
 #include <ostream>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -141,6 +144,28 @@ public:
     [[nodiscard]] std::vector<std::uint8_t> fat_copy(std::uint32_t copy) {
         return disk.peek(fat_offset(0, copy), std::size_t{sv->fat_size} * sv->sector_size);
     }
+    // The free clusters, counted in the first FAT copy on the medium. Later calls count only the
+    // blocks that were written since: the whole FAT after each of thousands of steps takes long.
+    [[nodiscard]] std::uint32_t count_free() {
+        const std::pair fat(fat_offset(2), fat_offset(last_cluster() + 1));
+        std::set<std::uint64_t> changed = disk.take_changed_blocks();
+        if (fat != counted_fat_) {
+            counted_fat_ = fat;
+            free_in_block_.clear();
+            for (std::uint64_t at = fat.first; at < fat.second; at += ram_disk::BLOCK) {
+                changed.insert(at / ram_disk::BLOCK);
+            }
+            changed.insert((fat.second - 1) / ram_disk::BLOCK);
+        }
+        for (const std::uint64_t number : changed) {
+            free_in_block_[number] = count_free_in(number);
+        }
+        std::uint32_t result = 0;
+        for (const auto &[number, count] : free_in_block_) {
+            result += count;
+        }
+        return result;
+    }
 
     // -- locations
 
@@ -223,6 +248,25 @@ private:
         }
         counts->emplace_back(sector, 1);
     }
+
+    // Of the entries of clusters in this block of the disk.
+    std::uint32_t count_free_in(std::uint64_t number) {
+        const std::uint64_t start = number * ram_disk::BLOCK;
+        const std::uint64_t begin = std::max(counted_fat_.first, start);
+        const std::uint64_t end = std::min(counted_fat_.second, start + ram_disk::BLOCK);
+        const std::uint8_t *block = disk.block(number);
+        std::uint32_t result = 0;
+        for (std::uint64_t at = begin; at < end; at += sv->fat_type / 8) {
+            const std::uint8_t *entry = block + (at - start);
+            const bool is_free = entry[0] == 0 && entry[1] == 0 &&
+                                 (sv->fat_type == 16 || (entry[2] == 0 && (entry[3] & 0xF) == 0));
+            result += is_free ? 1 : 0;
+        }
+        return result;
+    }
+
+    std::pair<std::uint64_t, std::uint64_t> counted_fat_; // its first byte, and the one past it
+    std::map<std::uint64_t, std::uint32_t> free_in_block_;
 };
 
 // ---- directories ------------------------------------------------------------------------------
