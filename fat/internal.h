@@ -149,6 +149,9 @@ void refuse_request(const char *function, const fat_format_param *param);
 [[nodiscard]] int lay_out_volume(fat_format_param *param, u32 total_sectors,
                                  core::volume_layout *layout, core::areas *areas);
 
+// Stores the areas in the volume record.
+void set_areas(const core::areas &at);
+
 // Fills the zeroed boot sector `pbr` (one sector) and the geometry of `sv`.
 [[nodiscard]] int create_pbr(u8 *pbr, fat_format_param *param);
 
