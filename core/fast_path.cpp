@@ -21,7 +21,7 @@ u32 check_value(const u8 *entry) {
 
 } // namespace
 
-void store_fast_word(char *out, u32 value) {
+void encode_fast_word(char *out, u32 value) {
     constexpr u32 LETTER_BITS = 4;
     constexpr u32 FIRST_LETTER = '@';
     constexpr u32 LETTER_MASK = (1U << LETTER_BITS) - 1;
@@ -33,8 +33,8 @@ void store_fast_word(char *out, u32 value) {
 
 void store_fast_path(char *path, u32 sector_size, const slot_place &place, const u8 *entry) {
     std::memcpy(path, PREFIX, PREFIX_LENGTH);
-    store_fast_word(path + PREFIX_LENGTH, entry_number(sector_size, place));
-    store_fast_word(path + PREFIX_LENGTH + FAST_WORD_LETTERS, check_value(entry));
+    encode_fast_word(path + PREFIX_LENGTH, entry_number(sector_size, place));
+    encode_fast_word(path + PREFIX_LENGTH + FAST_WORD_LETTERS, check_value(entry));
     path[FAST_PATH_SIZE - 1] = '\0';
 }
 

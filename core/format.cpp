@@ -94,7 +94,7 @@ private:
                 store_entry(width, bytes() + std::size_t{NEW_ROOT_CLUSTER} * to_.entry_size(),
                             FAT_END_MARK);
             }
-            const u64 first = to_.at.fat_start + u64{copy} * to_.at.fat_sectors;
+            const u64 first = to_.at.fat_start + static_cast<u64>(copy) * to_.at.fat_sectors;
             is_written = write_area(first, to_.at.fat_sectors);
         }
         return is_written;

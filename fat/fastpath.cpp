@@ -5,8 +5,6 @@
 // the index of the next entry, `readdir_clus` the cluster that contains it. The position only moves
 // forward.
 
-#include "core/fast_path.h"
-
 #include "fat/internal.h"
 
 #include <cerrno>
@@ -369,12 +367,6 @@ int get_next_cluster(u32 cluster, u32 n, u32 *out) {
     }
     *out = cluster;
     return 1;
-}
-
-// ---- letters ----------------------------------------------------------------------------------
-
-void encode_fast_word(char *out, u32 value) {
-    core::store_fast_word(out, value);
 }
 
 } // namespace fat

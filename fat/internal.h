@@ -25,6 +25,7 @@
 #pragma once
 
 #include "core/chain.h"
+#include "core/fast_path.h"
 #include "core/geometry.h"
 #include "core/record.h"
 #include "core/resources.h"
@@ -669,8 +670,7 @@ inline constexpr u32 MAX_PATHNAME = 4096; // bytes of an absolute path with its 
 // an invalid first number, -1 for a broken chain.
 [[nodiscard]] int get_next_cluster(u32 cluster, u32 n, u32 *out);
 
-// Writes the value as 8 letters from "@" (0) to "O" (15), the highest four bits first.
-void encode_fast_word(char *out, u32 value);
+using core::encode_fast_word;
 
 // ---- list -------------------------------------------------------------------------------------
 
