@@ -12,6 +12,9 @@ enum class fault : u8 {
     NO_MEMORY,
     READ,  // a transfer of data or directory sectors
     WRITE, // the same
+    // The boot sector.
+    BOOT_NUMBERS, // sizes or areas that no volume has
+    FEW_CLUSTERS,
     // The FAT.
     NO_GEOMETRY, // the sector size is not known
     WIDTH,       // the width of the FAT is not known

@@ -1,6 +1,7 @@
 #include "core/record.h"
 
 #include <bit>
+#include <cstring>
 
 namespace core {
 
@@ -72,6 +73,32 @@ dos_moment dos_moment_of(const tm &local) {
             static_cast<u16>(static_cast<unsigned>(local.tm_hour) << 11 |
                              static_cast<unsigned>(local.tm_min) << 5 |
                              static_cast<unsigned>(local.tm_sec / 2))};
+}
+
+void store_short_entry(u8 *slot, const short_entry &of) {
+    std::memset(slot, 0, DENTRY_SIZE);
+    std::memcpy(slot + SHORT_NAME.offset, of.name, SHORT_NAME.size);
+    store(slot, SHORT_ATTR, of.attributes);
+    store(slot, SHORT_SYSID, of.case_bits);
+    store(slot, SHORT_CMSEC, of.is_link ? CMSEC_SYMLINK : 0);
+    store(slot, SHORT_MDATE, of.modified.date);
+    store(slot, SHORT_MTIME, of.modified.time);
+    set_start_cluster(slot, of.start);
+}
+
+void store_long_slot(u8 *slot, u32 ordinal, const u16 *units, u8 checksum) {
+    constexpr u16 PADDING = 0xFFFF;
+    store(slot, SLOT_ORDINAL, ordinal);
+    store(slot, SLOT_ATTR, ATTR_LONG_NAME);
+    store(slot, SLOT_SYSID, 0);
+    store(slot, SLOT_CHECKSUM, checksum);
+    store(slot, SLOT_START, 0);
+    bool ended = false;
+    for (u32 i = 0; i < UNITS_PER_SLOT; i++) {
+        const u16 unit = ended ? PADDING : units[i];
+        store16(slot + slot_unit_offset(i), unit);
+        ended = ended || unit == 0 || unit == PADDING;
+    }
 }
 
 } // namespace core

@@ -45,4 +45,20 @@ struct dos_moment {
 };
 [[nodiscard]] dos_moment dos_moment_of(const tm &local);
 
+// The fields of a short entry to write; all others are 0.
+struct short_entry {
+    const u8 *name; // 11 bytes
+    u32 attributes = 0;
+    u32 case_bits = 0;
+    u32 start = 0;
+    dos_moment modified = {};
+    bool is_link = false;
+};
+void store_short_entry(u8 *slot, const short_entry &of);
+
+// Stores a long-name slot. `units` has 13 units, or fewer with their terminator, which is followed
+// by padding.
+inline constexpr u32 UNITS_PER_SLOT = 13;
+void store_long_slot(u8 *slot, u32 ordinal, const u16 *units, u8 checksum);
+
 } // namespace core

@@ -14,28 +14,10 @@ using namespace fat;
 
 namespace {
 
-constexpr char PATH_PREFIX[] = "<?>";
-constexpr u32 PREFIX_LENGTH = sizeof PATH_PREFIX - 1;
-constexpr u32 WORD_LETTERS = 8;
-constexpr u32 PATH_SIZE = 20; // prefix, two words, NUL
-static_assert(PREFIX_LENGTH + 2 * WORD_LETTERS + 1 == PATH_SIZE);
-
-// Position of an entry on the volume, in entries; modulo 2^32 bytes.
-u32 entry_number(const dentry_location &location) {
-    return (sv->sector_size * location.sector + location.offset) / DENTRY_SIZE;
-}
-
-// Intentional: the halves of the cluster number are swapped.
-u32 check_value(const u8 *entry) {
-    const u32 cluster = load(entry, SHORT_START_LOW) << 16 | load(entry, SHORT_START_HIGH);
-    return cluster ^ load(entry, SHORT_FILE_SIZE);
-}
+constexpr u32 PATH_SIZE = core::FAST_PATH_SIZE;
 
 void write_path(char *path, const dentry_location &location, const u8 *entry) {
-    std::memcpy(path, PATH_PREFIX, PREFIX_LENGTH);
-    encode_fast_word(path + PREFIX_LENGTH, entry_number(location));
-    encode_fast_word(path + PREFIX_LENGTH + WORD_LETTERS, check_value(entry));
-    path[PATH_SIZE - 1] = '\0';
+    core::store_fast_path(path, sv->sector_size, location, entry);
 }
 
 } // namespace
@@ -385,18 +367,6 @@ int get_next_cluster(u32 cluster, u32 n, u32 *out) {
     }
     *out = cluster;
     return 1;
-}
-
-// ---- letters ----------------------------------------------------------------------------------
-
-void encode_fast_word(char *out, u32 value) {
-    constexpr u32 LETTER_BITS = 4;
-    constexpr u32 FIRST_LETTER = '@';
-    constexpr u32 LETTER_MASK = (1U << LETTER_BITS) - 1;
-    for (u32 i = 0; i < WORD_LETTERS; i++) {
-        const u32 shift = (WORD_LETTERS - 1 - i) * LETTER_BITS;
-        out[i] = static_cast<char>(FIRST_LETTER | (value >> shift & LETTER_MASK));
-    }
 }
 
 } // namespace fat

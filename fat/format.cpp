@@ -4,6 +4,8 @@
 // FSInfo, every FAT copy, root directory. Nothing is undone after a failed write. Of the data area
 // only the cluster of a FAT32 root directory is written.
 
+#include "core/boot_sector.h"
+
 #include "fat/internal.h"
 
 #include <cerrno>
@@ -17,13 +19,6 @@ namespace {
 // The media byte with all higher bits set.
 constexpr u32 FAT_ENTRY_0 = 0xFFFFFF00 | MEDIA_FIXED;
 constexpr u8 BLANK_LABEL[SHORT_NAME.size] = {' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' '};
-
-// A sector larger than 512 bytes has the boot signature at its end too.
-void sign_sector_end(u8 *pbr) {
-    if (sv->sector_size > PBR_SIZE) {
-        store16(pbr + sv->sector_size - PBR_SIGNATURE.size, BOOT_SIGNATURE);
-    }
-}
 
 int write_boot_sector(u8 *pbr) {
     if (write_medium(pbr, 0, 1) != 1) {
@@ -232,7 +227,7 @@ int write_tables_vol(fat_format_param *param, u8 *pbr, u8 *rdir, u8 *fat, u8 *fs
         REPORT("Failed to allocate memory!\n\n");
         return -ENOMEM;
     }
-    sign_sector_end(pbr);
+    core::sign_sector_end(pbr, sv->sector_size);
     int result = write_boot_sector(pbr);
     if (result == 0) {
         result = clear_reserved_area(param, zero_sector.get());

@@ -25,6 +25,7 @@
 #pragma once
 
 #include "core/chain.h"
+#include "core/fast_path.h"
 #include "core/geometry.h"
 #include "core/record.h"
 #include "core/resources.h"
@@ -179,6 +180,9 @@ void refuse_request(const char *function, const fat_format_param *param);
 // The same with the layout, and the areas of the volume.
 [[nodiscard]] int lay_out_volume(fat_format_param *param, u32 total_sectors,
                                  core::volume_layout *layout, core::areas *areas);
+
+// Stores the areas in the volume record.
+void set_areas(const core::areas &at);
 
 // Fills the zeroed boot sector `pbr` (one sector) and the geometry of `sv`.
 [[nodiscard]] int create_pbr(u8 *pbr, fat_format_param *param);
@@ -724,8 +728,7 @@ inline constexpr u32 MAX_PATHNAME = 4096; // bytes of an absolute path with its 
 // an invalid first number, -1 for a broken chain.
 [[nodiscard]] int get_next_cluster(u32 cluster, u32 n, u32 *out);
 
-// Writes the value as 8 letters from "@" (0) to "O" (15), the highest four bits first.
-void encode_fast_word(char *out, u32 value);
+using core::encode_fast_word;
 
 // ---- list -------------------------------------------------------------------------------------
 

@@ -3,10 +3,11 @@
 // The cluster count alone decides the FAT width. Intentional: a refused mount leaves the values
 // read so far in the volume record, but never a sector size that transfers cannot use.
 
+#include "core/boot_sector.h"
+
 #include "fat/internal.h"
 
 #include <algorithm>
-#include <bit>
 #include <cerrno>
 #include <cstring>
 
@@ -18,104 +19,22 @@ namespace fat {
 
 namespace {
 
-u32 either_total(const u8 *pbr) {
-    const u32 total = load(pbr, PBR_TOTAL_SECTORS_16);
-    return total != 0 ? total : load(pbr, PBR_TOTAL_SECTORS_32);
-}
-
-bool is_sector_size(u32 size) {
-    return std::has_single_bit(size) && size >= core::MIN_SECTOR_SIZE &&
-           size <= core::MAX_SECTOR_SIZE;
-}
-
-// Stores the sizes and the total. False if a size is invalid or missing.
-bool read_sizes(const u8 *pbr) {
-    const u32 sector_size = load(pbr, PBR_BYTES_PER_SECTOR);
-    const u32 sec_per_clus = load(pbr, PBR_SECTORS_PER_CLUSTER);
-    if (!is_sector_size(sector_size) || sec_per_clus == 0) {
-        return false;
-    }
-    sv->sector_size = sector_size;
-    sv->sec_per_clus = sec_per_clus;
-    sv->fat_size = load(pbr, PBR_FAT_SIZE_16);
-    if (sv->fat_size != 0) {
-        sv->total_sectors = either_total(pbr);
-        return true;
-    }
-    sv->fat_size = load(pbr, PBR32_FAT_SIZE);
-    sv->total_sectors = load(pbr, PBR_TOTAL_SECTORS_32);
-    return sv->fat_size != 0 && sv->total_sectors != 0;
-}
-
-// Number of sectors before the root area of FAT16.
-u64 sectors_to_root_area(const u8 *pbr) {
-    const u64 fats = static_cast<u64>(sv->fat_size) * load(pbr, PBR_NUMBER_OF_FATS);
-    return load(pbr, PBR_RESERVED_SECTORS) + fats;
-}
-
-// Number of sectors before the first cluster.
-u64 sectors_to_data(const u8 *pbr) {
-    const u32 root_bytes = load(pbr, PBR_ROOT_ENTRIES) * DENTRY_SIZE;
-    return sectors_to_root_area(pbr) + div_ceil(root_bytes, sv->sector_size);
-}
-
-// False if the areas before the data are larger than the volume.
-bool count_clusters(const u8 *pbr) {
-    const u64 front = sectors_to_data(pbr);
-    if (front > sv->total_sectors) {
-        return false;
-    }
-    sv->num_clusters = (sv->total_sectors - static_cast<u32>(front)) / sv->sec_per_clus;
-    return true;
-}
-
-// FAT width for a cluster count, 0 for a count that is too small.
-u32 width_of(u32 clusters) {
-    if (clusters < FAT16_MIN_CLUSTERS) {
-        return 0;
-    }
-    return clusters < FAT32_MIN_CLUSTERS ? 16 : 32;
-}
-
-void place_areas(const u8 *pbr) {
-    sv->fat_start = sv->pbr_start + load(pbr, PBR_RESERVED_SECTORS);
-    sv->data_start = sv->pbr_start + static_cast<u32>(sectors_to_data(pbr));
-    sv->root_clus = 0;
-    sv->rdir_start = sv->pbr_start + static_cast<u32>(sectors_to_root_area(pbr));
-    if (sv->fat_type == 32) {
-        sv->root_clus = load(pbr, PBR32_ROOT_CLUSTER);
-        sv->rdir_start = sv->data_start + (sv->root_clus - FIRST_DATA_CLUSTER) * sv->sec_per_clus;
-    }
-}
-
-// FAT16 by the count, without the root area that FAT16 has: FAT32 with too few clusters. Taken for
-// FAT16 it would seem empty, and writing would destroy it.
-bool lacks_root_area(const u8 *pbr, u32 width) {
-    return width == 16 && load(pbr, PBR_ROOT_ENTRIES) == 0;
-}
-
 int refuse_boot_sector() {
     report_at("fat_build_super", __LINE__, "PBR data is broken\n\n");
     return -EINVAL;
 }
 
 int fill_geometry(const u8 *pbr) {
-    if (!read_sizes(pbr) || !count_clusters(pbr)) {
-        return refuse_boot_sector();
-    }
-    const u32 width = width_of(sv->num_clusters);
-    if (width == 0) {
+    core::areas areas = here().at;
+    const core::fault why = core::read_areas(core::boot_numbers(pbr), &areas);
+    set_areas(areas);
+    if (why == core::fault::FEW_CLUSTERS) {
         report_at("fat_build_super", __LINE__,
                   "NumCluster is over the limitation: clus(%d), FAT%d\n",
                   static_cast<int>(sv->num_clusters), static_cast<int>(sv->fat_type));
         return -EINVAL;
     }
-    if (lacks_root_area(pbr, width)) {
-        return refuse_boot_sector();
-    }
-    sv->fat_type = width;
-    place_areas(pbr);
-    return 0;
+    return why == core::fault::NONE ? 0 : refuse_boot_sector();
 }
 
 int enter_root() {
@@ -215,7 +134,7 @@ int copy_volume(const char *path, const u8 *pbr, u32 first_sector) {
         report_at("fat_delete_mbr", __LINE__, "cannot allocate space\n");
         return -ENOMEM;
     }
-    const u32 total = either_total(pbr);
+    const u32 total = core::boot_numbers(pbr).either_total();
     int result = 0;
     for (u32 i = 0; i < total && result == 0; i++) {
         result = copy_sector(buffer.get(), static_cast<u64>(first_sector) + i, size, fd.get());
@@ -231,7 +150,7 @@ int get_pbr_sector(u8 *buf) {
         REPORT("Cannot read PBR from volume\n");
         return -EIO;
     }
-    if (load(buf, PBR_SIGNATURE) != BOOT_SIGNATURE) {
+    if (!core::is_boot_signature(buf)) {
         REPORT("Invalid PBR signature\n\n");
         return -EINVAL;
     }

@@ -1,17 +1,15 @@
 #include "qvol/areas.h"
 
-#include "fat/internal.h"
-
 #include <fmt/core.h>
 
 namespace qvol {
 
 u64 area::offset() const {
-    return first * sv->sector_size;
+    return first * sector_size;
 }
 
 u64 area::bytes() const {
-    return count * sv->sector_size;
+    return count * sector_size;
 }
 
 u64 area::end() const {
@@ -19,19 +17,32 @@ u64 area::end() const {
 }
 
 std::vector<area> areas_of(const volume &vol) {
-    std::vector<area> areas = {
-        {area_kind::RESERVED, "reserved", sv->pbr_start, vol.boot().reserved_sectors}};
+    const core::areas &at = vol.on().at;
+    std::vector<area> areas;
+    const auto add = [&](area_kind kind, std::string name, u64 first, u64 count) {
+        areas.push_back({kind, std::move(name), first, count, at.sector_size});
+    };
+    add(area_kind::RESERVED, "reserved", 0, vol.boot().reserved_sectors);
     for (u32 copy = 0; copy < vol.boot().fat_copies; copy++) {
-        areas.push_back({area_kind::FAT, fmt::format("FAT {}", copy),
-                         sv->fat_start + u64{copy} * sv->fat_size, sv->fat_size});
+        add(area_kind::FAT, fmt::format("FAT {}", copy), at.fat_start + u64{copy} * at.fat_sectors,
+            at.fat_sectors);
     }
-    if (sv->fat_type == 16) {
-        areas.push_back(
-            {area_kind::ROOT, "root directory", sv->rdir_start, sv->data_start - sv->rdir_start});
+    if (at.width == 16) {
+        add(area_kind::ROOT, "root directory", at.root_start, at.data_start - at.root_start);
     }
-    areas.push_back(
-        {area_kind::DATA, "data", sv->data_start, u64{sv->num_clusters} * sv->sec_per_clus});
+    add(area_kind::DATA, "data", at.data_start, u64{at.clusters} * at.sectors_per_cluster);
     return areas;
+}
+
+std::string areas_text(const volume &vol) {
+    const core::areas &at = vol.on().at;
+    std::string text = fmt::format(
+        "FAT{}, {} sectors of {} bytes, {} clusters of {} sectors; first sectors:", at.width,
+        at.total_sectors, at.sector_size, at.clusters, at.sectors_per_cluster);
+    for (const area &one : areas_of(vol)) {
+        text += fmt::format(" {} {}", one.name, one.first);
+    }
+    return text;
 }
 
 } // namespace qvol

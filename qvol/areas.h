@@ -21,6 +21,7 @@ struct area {
     std::string name; // "FAT 0"
     u64 first;
     u64 count;
+    u32 sector_size; // bytes
 
     [[nodiscard]] u64 offset() const; // bytes
     [[nodiscard]] u64 bytes() const;
@@ -29,5 +30,8 @@ struct area {
 
 // In the order of the medium.
 [[nodiscard]] std::vector<area> areas_of(const volume &vol);
+
+// One line: the FAT width, the sizes, and where each area begins.
+[[nodiscard]] std::string areas_text(const volume &vol);
 
 } // namespace qvol

@@ -1,6 +1,7 @@
 #include "qvol/boot_sector.h"
 
-#include "fat/internal.h"
+#include "core/boot_sector.h"
+#include "core/geometry.h"
 #include "qvol/sectors.h"
 
 #include <algorithm>
@@ -17,49 +18,24 @@ constexpr u32 MIRRORING_OFF = 0x80;
 constexpr u32 ACTIVE_FAT_MASK = 0x0F;
 constexpr u32 FAT32_MAX_CLUSTERS = core::FAT32_BAD - core::FIRST_DATA_CLUSTER;
 
-struct boot_numbers {
-    u32 sector_bytes;
-    u32 cluster_sectors;
-    u32 reserved;
-    u32 fat_copies;
-    u32 root_entries;
-    u32 total_16;
-    u32 total_32;
-    u32 fat_size_16;
-    u32 fat_size_32;
+// The layout by the rule of other systems, where the cluster count only decides between FAT12 and
+// FAT16.
+bool has_fat32_layout(const core::boot_numbers &boot) {
+    return boot.fat_size_16 == 0;
+}
 
-    explicit boot_numbers(const u8 *boot)
-        : sector_bytes(core::load(boot, core::PBR_BYTES_PER_SECTOR)),
-          cluster_sectors(core::load(boot, core::PBR_SECTORS_PER_CLUSTER)),
-          reserved(core::load(boot, core::PBR_RESERVED_SECTORS)),
-          fat_copies(core::load(boot, core::PBR_NUMBER_OF_FATS)),
-          root_entries(core::load(boot, core::PBR_ROOT_ENTRIES)),
-          total_16(core::load(boot, core::PBR_TOTAL_SECTORS_16)),
-          total_32(core::load(boot, core::PBR_TOTAL_SECTORS_32)),
-          fat_size_16(core::load(boot, core::PBR_FAT_SIZE_16)),
-          fat_size_32(core::load(boot, core::PBR32_FAT_SIZE)) {}
-
-    // The layout by the rule of other systems, where the cluster count only decides between FAT12
-    // and FAT16.
-    [[nodiscard]] bool has_fat32_layout() const {
-        return fat_size_16 == 0;
+// No value if the numbers do not describe a volume.
+std::optional<u64> clusters_of(const core::boot_numbers &boot) {
+    const u32 fat_size = has_fat32_layout(boot) ? boot.fat_size_32 : boot.fat_size_16;
+    const bool is_32_first = has_fat32_layout(boot) && boot.total_32 != 0;
+    const u64 total = is_32_first ? boot.total_32 : boot.either_total();
+    if (!core::is_sector_size(boot.sector_size) || boot.sectors_per_cluster == 0 || fat_size == 0) {
+        return std::nullopt;
     }
-
-    // No value if the numbers do not describe a volume.
-    [[nodiscard]] std::optional<u64> clusters() const {
-        const u32 fat_size = has_fat32_layout() ? fat_size_32 : fat_size_16;
-        const bool is_32_first = has_fat32_layout() && total_32 != 0;
-        const u64 total = is_32_first || total_16 == 0 ? total_32 : total_16;
-        if (!std::has_single_bit(sector_bytes) || sector_bytes < core::MIN_SECTOR_SIZE ||
-            sector_bytes > core::MAX_SECTOR_SIZE || cluster_sectors == 0 || fat_size == 0) {
-            return std::nullopt;
-        }
-        const u64 root_sectors = core::div_ceil(root_entries * core::DENTRY_SIZE, sector_bytes);
-        const u64 fat_sectors = u64{fat_size} * fat_copies;
-        const u64 areas = fat_sectors + reserved + root_sectors;
-        return areas <= total ? std::optional((total - areas) / cluster_sectors) : std::nullopt;
-    }
-};
+    const u64 areas = boot.sectors_to_data();
+    return areas <= total ? std::optional((total - areas) / boot.sectors_per_cluster)
+                          : std::nullopt;
+}
 
 std::string unsupported_fat32(u64 clusters, u32 root_entries) {
     if (clusters > FAT32_MAX_CLUSTERS) {
@@ -81,7 +57,7 @@ std::string unsupported_fat32(u64 clusters, u32 root_entries) {
                        clusters, core::FAT32_MIN_CLUSTERS);
 }
 
-std::string unsupported_fat16(u64 clusters, const boot_numbers &boot) {
+std::string unsupported_fat16(u64 clusters, const core::boot_numbers &boot) {
     if (clusters >= core::FAT32_MIN_CLUSTERS) {
         return fmt::format("has a boot sector that contradicts itself: {} clusters are FAT32, a "
                            "16-bit FAT size of {} is FAT16",
@@ -105,7 +81,7 @@ std::string unsupported_fat16(u64 clusters, const boot_numbers &boot) {
 
 using contradictions = std::vector<contradiction>;
 
-void compare_sizes(const boot_numbers &boot, contradictions *found) {
+void compare_sizes(const core::boot_numbers &boot, contradictions *found) {
     if (boot.total_16 != 0 && boot.total_32 != 0 && boot.total_16 != boot.total_32) {
         found->push_back(
             {contradiction_kind::FIELDS,
@@ -113,26 +89,26 @@ void compare_sizes(const boot_numbers &boot, contradictions *found) {
                          "equal, or one of them 0",
                          boot.total_16, boot.total_32)});
     }
-    if (!std::has_single_bit(boot.cluster_sectors)) {
+    if (!std::has_single_bit(boot.sectors_per_cluster)) {
         found->push_back({contradiction_kind::FIELDS,
                           fmt::format("a cluster has {} sectors, should be a power of two",
-                                      boot.cluster_sectors)});
+                                      boot.sectors_per_cluster)});
     }
-    if (boot.reserved == 0) {
+    if (boot.reserved_sectors == 0) {
         found->push_back({contradiction_kind::FIELDS,
                           "the volume has 0 reserved sectors, should be at least 1 for the boot "
                           "sector"});
     }
-    if (boot.fat_copies == 0) {
+    if (boot.fats == 0) {
         found->push_back(
             {contradiction_kind::FIELDS, "the volume has 0 FAT copies, should be at least 1"});
     }
 }
 
-void compare_fat_size(contradictions *found) {
-    const u32 entry_bytes = sv->fat_type / 8;
-    const u64 entries = u64{sv->fat_size} * sv->sector_size / entry_bytes;
-    const u64 wanted = u64{sv->num_clusters} + core::FIRST_DATA_CLUSTER;
+void compare_fat_size(const core::volume &on, contradictions *found) {
+    const u32 entry_bytes = on.at.width / 8;
+    const u64 entries = u64{on.at.fat_sectors} * on.at.sector_size / entry_bytes;
+    const u64 wanted = u64{on.at.clusters} + core::FIRST_DATA_CLUSTER;
     if (entries < wanted) {
         found->push_back({contradiction_kind::FAT_SIZE,
                           fmt::format("the last cluster of the FAT is {}, should be at least {}",
@@ -140,39 +116,39 @@ void compare_fat_size(contradictions *found) {
     }
 }
 
-void compare_device(u64 device_bytes, contradictions *found) {
-    const u64 device_sectors = device_bytes / sv->sector_size;
-    if (device_sectors < sv->total_sectors) {
+void compare_device(const core::volume &on, u64 device_bytes, contradictions *found) {
+    const u64 device_sectors = device_bytes / on.at.sector_size;
+    if (device_sectors < on.at.total_sectors) {
         found->push_back(
             {contradiction_kind::FIELDS,
              fmt::format("the volume has {} sectors, should have at most {} on this device",
-                         sv->total_sectors, device_sectors)});
+                         on.at.total_sectors, device_sectors)});
     }
 }
 
-void compare_root(const boot_numbers &boot, contradictions *found) {
+void compare_root(const core::volume &on, const core::boot_numbers &boot, contradictions *found) {
     if (boot.root_entries != 0) {
         found->push_back(
             {contradiction_kind::FIELDS,
              fmt::format("a FAT32 volume has {} root entries, should be 0", boot.root_entries)});
     }
-    const u64 last = u64{sv->num_clusters} + core::FIRST_DATA_CLUSTER - 1;
-    if (sv->root_clus < core::FIRST_DATA_CLUSTER || sv->root_clus > last) {
+    const u64 last = u64{on.at.clusters} + core::FIRST_DATA_CLUSTER - 1;
+    if (on.at.root_cluster < core::FIRST_DATA_CLUSTER || on.at.root_cluster > last) {
         found->push_back({contradiction_kind::FIELDS,
                           fmt::format("the first cluster of the root directory is {}, should be "
                                       "{} to {}",
-                                      sv->root_clus, core::FIRST_DATA_CLUSTER, last)});
+                                      on.at.root_cluster, core::FIRST_DATA_CLUSTER, last)});
     }
 }
 
-void compare_active_fat(const u8 *boot, u32 fat_copies, contradictions *found) {
-    const u32 flags = core::load(boot, core::PBR32_EXTENDED_FLAGS);
+void compare_active_fat(const core::boot_numbers &boot, contradictions *found) {
+    const u32 flags = boot.extended_flags;
     const u32 active = (flags & MIRRORING_OFF) != 0 ? flags & ACTIVE_FAT_MASK : 0;
-    if (active >= fat_copies && active != 0) {
+    if (active >= boot.fats && active != 0) {
         found->push_back(
             {contradiction_kind::FIELDS,
              fmt::format("the active FAT copy is {}, should be less than {}, the number of copies",
-                         active, fat_copies)});
+                         active, boot.fats)});
     } else if (active != 0) {
         found->push_back(
             {contradiction_kind::ACTIVE_FAT,
@@ -191,9 +167,8 @@ constexpr core::field GEOMETRY_FIELDS[] = {
 
 bool is_boot_sector(const u8 *sector) {
     const u32 size = core::load(sector, core::PBR_BYTES_PER_SECTOR);
-    return core::load(sector, core::PBR_SIGNATURE) == core::BOOT_SIGNATURE &&
-           size >= core::MIN_SECTOR_SIZE && size <= core::MAX_SECTOR_SIZE &&
-           core::load(sector, core::PBR_SECTORS_PER_CLUSTER) != 0;
+    return core::is_boot_signature(sector) && size >= core::MIN_SECTOR_SIZE &&
+           size <= core::MAX_SECTOR_SIZE && core::load(sector, core::PBR_SECTORS_PER_CLUSTER) != 0;
 }
 
 bool have_same_areas(const u8 *boot, const u8 *backup) {
@@ -203,9 +178,10 @@ bool have_same_areas(const u8 *boot, const u8 *backup) {
                        });
 }
 
-void compare_backup(const u8 *boot, u32 sector, contradictions *found) {
-    const std::vector<u8> backup = read_extent(sector, 1);
-    if (is_boot_sector(backup.data()) && !have_same_areas(boot, backup.data())) {
+void compare_backup(const core::volume &on, std::span<const u8> boot, u32 sector,
+                    contradictions *found) {
+    const std::vector<u8> backup = read_extent(on, sector, 1);
+    if (is_boot_sector(backup.data()) && !have_same_areas(boot.data(), backup.data())) {
         found->push_back(
             {contradiction_kind::GEOMETRY,
              fmt::format("the boot sector and its backup in sector {} describe different areas",
@@ -213,9 +189,12 @@ void compare_backup(const u8 *boot, u32 sector, contradictions *found) {
     }
 }
 
-void compare_reserved_sectors(const u8 *boot, u32 reserved, contradictions *found) {
-    const u32 backup = core::load(boot, core::PBR32_BACKUP_SECTOR);
-    const u32 fsinfo = core::load(boot, core::PBR32_FSINFO_SECTOR);
+void compare_reserved_sectors(const core::volume &on, std::span<const u8> boot,
+                              contradictions *found) {
+    const core::boot_numbers numbers(boot.data());
+    const u32 reserved = numbers.reserved_sectors;
+    const u32 backup = numbers.backup_sector;
+    const u32 fsinfo = numbers.fsinfo_sector;
     if (is_sector_given(backup) && backup >= reserved) {
         found->push_back({contradiction_kind::BACKUP_LOCATION,
                           fmt::format("the backup boot sector is in sector {}, should be in a "
@@ -226,7 +205,7 @@ void compare_reserved_sectors(const u8 *boot, u32 reserved, contradictions *foun
             {contradiction_kind::FIELDS,
              fmt::format("FSInfo and the backup boot sector are both in sector {}", backup)});
     } else if (is_sector_given(backup)) {
-        compare_backup(boot, backup, found);
+        compare_backup(on, boot, backup, found);
     }
     if (is_sector_given(fsinfo) && fsinfo >= reserved) {
         found->push_back(
@@ -243,30 +222,31 @@ bool is_sector_given(u32 sector) {
 }
 
 std::string unsupported_volume(std::span<const u8> boot) {
-    const boot_numbers numbers(boot.data());
-    const std::optional<u64> clusters = numbers.clusters();
-    if (core::load(boot.data(), core::PBR_SIGNATURE) != core::BOOT_SIGNATURE || !clusters) {
+    const core::boot_numbers numbers(boot.data());
+    const std::optional<u64> clusters = clusters_of(numbers);
+    if (!clusters) {
         return "";
     }
-    return numbers.has_fat32_layout() ? unsupported_fat32(*clusters, numbers.root_entries)
-                                      : unsupported_fat16(*clusters, numbers);
+    return has_fat32_layout(numbers) ? unsupported_fat32(*clusters, numbers.root_entries)
+                                     : unsupported_fat16(*clusters, numbers);
 }
 
-std::vector<contradiction> contradictions_of(std::span<const u8> boot,
+std::vector<contradiction> contradictions_of(const core::volume &on,
                                              std::optional<u64> device_bytes) {
-    const boot_numbers numbers(boot.data());
+    const std::vector<u8> boot = read_extent(on, 0, 1);
+    const core::boot_numbers numbers(boot.data());
     contradictions found;
     compare_sizes(numbers, &found);
-    if (numbers.fat_copies != 0) {
-        compare_fat_size(&found);
+    if (numbers.fats != 0) {
+        compare_fat_size(on, &found);
     }
     if (device_bytes) {
-        compare_device(*device_bytes, &found);
+        compare_device(on, *device_bytes, &found);
     }
-    if (sv->fat_type == 32) {
-        compare_root(numbers, &found);
-        compare_active_fat(boot.data(), numbers.fat_copies, &found);
-        compare_reserved_sectors(boot.data(), numbers.reserved, &found);
+    if (on.is_wide()) {
+        compare_root(on, numbers, &found);
+        compare_active_fat(numbers, &found);
+        compare_reserved_sectors(on, boot, &found);
     }
     return found;
 }

@@ -1,12 +1,12 @@
 // Consistency checks of a boot sector: which volumes are not supported, and on which nothing may be
 // written.
 //
-// The library mounts every volume whose numbers it can compute with. If the numbers contradict each
+// Every volume is mounted whose numbers can be computed with. If the numbers contradict each
 // other, the locations of the areas are unknown, and a write could destroy anything.
 
 #pragma once
 
-#include "core/bytes.h"
+#include "core/volume.h"
 
 #include <optional>
 #include <span>
@@ -35,12 +35,12 @@ struct contradiction {
 };
 
 // Why no command supports the volume with this boot sector: "is a FAT12 volume with ...". "" for a
-// supported volume, and for a sector that does not describe a volume.
+// supported volume, and for a sector with numbers that do not describe a volume.
 [[nodiscard]] std::string unsupported_volume(std::span<const u8> boot);
 
 // Why nothing may be written on the mounted volume. `device_bytes` is the size of a block device;
 // an image file may end before the volume does: "qvol compact" makes such images.
-[[nodiscard]] std::vector<contradiction> contradictions_of(std::span<const u8> boot,
+[[nodiscard]] std::vector<contradiction> contradictions_of(const core::volume &on,
                                                            std::optional<u64> device_bytes);
 
 // Whether a field with a sector number is in use: 0 and 0xFFFF mean "no sector".

@@ -2,6 +2,7 @@
 
 #include "qvol/command_line.h"
 
+#include "qvol/areas.h"
 #include "qvol/times.h"
 
 #include <new>
@@ -96,8 +97,7 @@ void add_common_options(const declared_command &command, common_options *common)
     command.flag("--json", &common->out.is_json, "Print one JSON document to standard output");
     command.flag("--quiet,-q", &common->out.is_quiet,
                  "Print only the requested output, and errors");
-    command.flag("--verbose,-v", &common->out.is_verbose,
-                 "Print the library's diagnostics as well");
+    command.flag("--verbose,-v", &common->out.is_verbose, "Print diagnostics as well");
     command.value("--encoding", &common->encoding, "Encoding of names on the host (default UTF-8)");
 }
 
@@ -160,9 +160,6 @@ int command_line::run(int argc, char **argv) {
     } catch (const CLI::ParseError &failure) {
         return run_and_report([&] { return print_help_or_error(*app_, failure); });
     }
-    if (!common_.out.is_verbose) {
-        fat_set_diagnostics(nullptr);
-    }
     return run_and_report([this] {
         set_up_clock();
         return chosen_(common_);
@@ -173,6 +170,7 @@ int with_volume(const common_options &common, access wanted,
                 const std::function<int(volume &vol)> &work) {
     const target where(common.image, wanted);
     volume vol(where, common.encoding);
+    common.out.diagnose(areas_text(vol));
     try {
         const int status = work(vol);
         if (wanted == access::WRITE) {

@@ -16,21 +16,10 @@ namespace {
 // A longer chain is damaged.
 constexpr u32 MAX_READ_BYTES = 8 * 1024 * 1024;
 
-u32 slots_per_sector() {
-    return sv->sector_size / core::DENTRY_SIZE;
-}
-
-u32 kind_number(kind type) {
-    switch (type) {
-    case kind::DIRECTORY:
-        return fat::DENTRY_DIR;
-    case kind::LINK:
-        return fat::KIND_SYMLINK;
-    case kind::LABEL:
-        return fat::DENTRY_VOLUME;
-    default:
-        return fat::DENTRY_FILE;
-    }
+u32 attributes_of(kind type) {
+    return type == kind::DIRECTORY ? core::ATTR_DIRECTORY
+           : type == kind::LABEL   ? core::ATTR_VOLUME
+                                   : 0;
 }
 
 std::u16string alias_text(const entry &of) {
@@ -59,8 +48,8 @@ bool entry::is_dot() const {
 }
 
 u32 entry::start() const {
-    const u32 cluster = fat::start_cluster(raw.data());
-    return sv->fat_type == 16 ? cluster & 0xFFFF : cluster;
+    const u32 cluster = core::start_cluster(raw.data());
+    return is_wide ? cluster : cluster & 0xFFFF;
 }
 
 u32 entry::size() const {
@@ -83,7 +72,7 @@ dos_time entry::modified() const {
 }
 
 void entry::set_start(u32 cluster) {
-    fat::set_start_cluster(raw.data(), cluster);
+    core::set_start_cluster(raw.data(), cluster);
 }
 
 void entry::set_size(u32 bytes) {
@@ -95,6 +84,10 @@ void entry::set_modified(const dos_time &stamp) {
     core::store(raw.data(), core::SHORT_MTIME, stamp.time);
 }
 
+void entry::set_attributes(u32 attributes) {
+    core::store(raw.data(), core::SHORT_ATTR, attributes);
+}
+
 void entry::set_link(bool is_link) {
     core::store(raw.data(), core::SHORT_CMSEC, is_link ? core::CMSEC_SYMLINK : 0);
 }
@@ -102,32 +95,37 @@ void entry::set_link(bool is_link) {
 // ---- sectors and slots ------------------------------------------------------------------------
 
 directory::directory(fat_table &table, u32 start) : table_(&table) {
-    is_root_ = start == ROOT || (sv->fat_type == 32 && start == sv->root_clus);
-    start_ = start == ROOT && sv->fat_type == 32 ? sv->root_clus : start;
+    is_root_ = start == ROOT || (on().at.width == 32 && start == on().at.root_cluster);
+    start_ = start == ROOT && on().at.width == 32 ? on().at.root_cluster : start;
     load();
     parse();
 }
 
 void directory::load() {
     if (start_ == ROOT) {
-        bytes_ = read_extent(sv->rdir_start, sv->data_start - sv->rdir_start);
+        bytes_ = read_extent(on(), on().at.root_start, on().at.data_start - on().at.root_start);
     } else {
-        const u32 most = MAX_READ_BYTES / fat::cluster_bytes();
+        const u32 most = MAX_READ_BYTES / on().cluster_bytes();
         clusters_ = table_->chain(start_, most + 1);
         if (clusters_.size() > most) {
             throw error(fmt::format("the directory at cluster {} is longer than {} MiB", start_,
                                     MAX_READ_BYTES / (1024 * 1024)));
         }
-        bytes_.resize(clusters_.size() * fat::cluster_bytes());
+        bytes_.resize(clusters_.size() * on().cluster_bytes());
         std::size_t done = 0;
         for (const cluster_extent &run : extents_of(clusters_)) {
-            const std::size_t size = std::size_t{run.count} * fat::cluster_bytes();
-            read_extent_into(sector_of_cluster(run.first), std::span(bytes_).subspan(done, size));
+            const std::size_t size = std::size_t{run.count} * on().cluster_bytes();
+            read_extent_into(on(), sector_of_cluster(on(), run.first),
+                             std::span(bytes_).subspan(done, size));
             done += size;
         }
     }
     written_clusters_ = static_cast<u32>(clusters_.size());
-    is_dirty_.resize(bytes_.size() / sv->sector_size);
+    is_dirty_.resize(bytes_.size() / on().at.sector_size);
+}
+
+u32 directory::slots_per_sector() const {
+    return on().at.sector_size / core::DENTRY_SIZE;
 }
 
 u32 directory::capacity() const {
@@ -150,13 +148,13 @@ const u8 *directory::slot_bytes(u32 slot) const {
 
 u64 directory::sector_of(u32 sector_index) const {
     if (start_ == ROOT) {
-        return u64{sv->rdir_start} + sector_index;
+        return u64{on().at.root_start} + sector_index;
     }
-    return sector_of_cluster(clusters_.at(sector_index / sv->sec_per_clus)) +
-           sector_index % sv->sec_per_clus;
+    return sector_of_cluster(on(), clusters_.at(sector_index / on().at.sectors_per_cluster)) +
+           sector_index % on().at.sectors_per_cluster;
 }
 
-fat::dentry_location directory::location(u32 slot) const {
+core::slot_place directory::location(u32 slot) const {
     return {static_cast<u32>(sector_of(slot / slots_per_sector())),
             slot % slots_per_sector() * core::DENTRY_SIZE};
 }
@@ -176,7 +174,7 @@ void directory::parse() {
             run.accept(slot, end_);
             continue;
         } else if (is_entry(slot)) {
-            index_entry(entry_of_slot(slot, end_, run));
+            index_entry(entry_of_slot(slot, end_, run, on().is_wide()));
         }
         run.reset();
     }
@@ -236,18 +234,20 @@ bool directory::is_empty() const {
 
 void directory::grow() {
     if (start_ == ROOT) {
-        throw error(fmt::format("the root directory is full: a FAT16 root has {} slots; use a "
-                                "subdirectory",
-                                usable_slots()));
+        throw directory_full(
+            fmt::format("the root directory is full: a FAT16 root has {} slots; use a "
+                        "subdirectory",
+                        usable_slots()));
     }
     if (capacity() >= MAX_SLOTS) {
-        throw error(fmt::format("the directory is full: other systems read at most {} slots; use "
-                                "several directories",
-                                MAX_SLOTS));
+        throw directory_full(
+            fmt::format("the directory is full: other systems read at most {} slots; use "
+                        "several directories",
+                        MAX_SLOTS));
     }
     clusters_.push_back(table_->allocate(1, clusters_.back()).front());
-    bytes_.resize(bytes_.size() + fat::cluster_bytes());
-    is_dirty_.resize(is_dirty_.size() + sv->sec_per_clus, true);
+    bytes_.resize(bytes_.size() + on().cluster_bytes());
+    is_dirty_.resize(is_dirty_.size() + on().at.sectors_per_cluster, true);
 }
 
 std::optional<u32> directory::reuse_removed_slots(u32 count) {
@@ -296,13 +296,14 @@ void directory::mark_dirty(u32 slot) {
 void directory::write_slots(const entry &added, std::u16string_view long_name) {
     const std::u16string terminated(long_name);
     const std::vector<u16> units(terminated.c_str(), terminated.c_str() + terminated.size() + 1);
-    const u8 checksum = fat::dosname_checksum(added.raw.data());
+    const u8 checksum = core::checksum_of(added.raw.data());
     const u32 count = added.slot - added.first_slot;
     for (u32 ordinal = 1; ordinal <= count; ordinal++) {
         const u32 slot = added.slot - ordinal;
         const u32 mark = ordinal == count ? core::SLOT_LAST : 0;
-        fat::set_long_slot(slot_bytes(slot), static_cast<u8>(ordinal | mark),
-                           units.data() + std::size_t{ordinal - 1} * fat::SLOT_UNITS, checksum);
+        core::store_long_slot(slot_bytes(slot), ordinal | mark,
+                              units.data() + std::size_t{ordinal - 1} * core::UNITS_PER_SLOT,
+                              checksum);
         mark_dirty(slot);
     }
     std::copy(added.raw.begin(), added.raw.end(), slot_bytes(added.slot));
@@ -310,11 +311,11 @@ void directory::write_slots(const entry &added, std::u16string_view long_name) {
 }
 
 // Without long names, case bits store the case of a name.
-cased_short_name directory::choose_alias(std::u16string_view name) {
-    if (sv->long_name == 1) {
-        return {aliases_.choose(name), 0};
+cased_short_name directory::choose_alias(const new_entry &wanted) {
+    if (wanted.allows_long_name) {
+        return {aliases_.choose(wanted.name), 0};
     }
-    const std::optional<cased_short_name> alias = cased_short_name_of(name);
+    const std::optional<cased_short_name> alias = cased_short_name_of(wanted.name);
     if (!alias) {
         throw error("long names are off and this name does not fit 8.3");
     }
@@ -329,14 +330,19 @@ const entry &directory::add(const new_entry &wanted) {
     if (find(wanted.name) != nullptr) {
         throw error("the name already exists in its directory, possibly in another case");
     }
-    const cased_short_name alias = choose_alias(wanted.name);
+    const cased_short_name alias = choose_alias(wanted);
     entry added;
     added.name = wanted.name;
     added.has_long_name = short_name_units(alias.name, alias.case_bits) != wanted.name;
-    (void)fat::set_entry_value(added.raw.data(), alias.name.data(), kind_number(wanted.type),
-                               wanted.start, alias.case_bits); // the kinds are known
+    added.is_wide = on().is_wide();
+    core::store_short_entry(added.raw.data(),
+                            {.name = alias.name.data(),
+                             .attributes = attributes_of(wanted.type),
+                             .case_bits = alias.case_bits,
+                             .start = wanted.start,
+                             .modified = {wanted.modified.date, wanted.modified.time},
+                             .is_link = wanted.type == kind::LINK});
     added.set_size(wanted.size);
-    added.set_modified(wanted.modified);
 
     const u32 count = 1 + (added.has_long_name ? slots_of_long_name(wanted.name) : 0);
     added.first_slot = allocate_slots(count);
@@ -383,17 +389,17 @@ directory directory::make(fat_table &table, const directory &parent, const dos_t
     directory made(table);
     made.clusters_ = table.allocate(1);
     made.start_ = made.clusters_.front();
-    made.bytes_.resize(fat::cluster_bytes());
-    made.is_dirty_.resize(sv->sec_per_clus, true);
+    made.bytes_.resize(table.on().cluster_bytes());
+    made.is_dirty_.resize(table.on().at.sectors_per_cluster, true);
     const std::pair<const u8 *, u32> dots[] = {{core::DOT_NAME, made.start_},
                                                {core::DOT_DOT_NAME, parent.parent_link()}};
     u32 slot = 0;
     for (const auto &[name, link] : dots) {
-        entry dot;
-        dot.slot = dot.first_slot = slot++;
-        (void)fat::set_entry_value(dot.raw.data(), name, fat::DENTRY_DIR, link, 0);
-        dot.set_modified(modified);
-        std::copy(dot.raw.begin(), dot.raw.end(), made.slot_bytes(dot.slot));
+        core::store_short_entry(made.slot_bytes(slot++),
+                                {.name = name,
+                                 .attributes = core::ATTR_DIRECTORY,
+                                 .start = link,
+                                 .modified = {modified.date, modified.time}});
     }
     made.parse();
     return made;
@@ -412,16 +418,16 @@ void directory::write_dirty(u32 first_sector, u32 end_sector) {
                sector_of(end) == sector_of(first) + end - first) {
             is_dirty_[end++] = false;
         }
-        write_extent(sector_of(first),
-                     std::span(bytes_).subspan(std::size_t{first} * sv->sector_size,
-                                               std::size_t{end - first} * sv->sector_size));
+        write_extent(on(), sector_of(first),
+                     std::span(bytes_).subspan(std::size_t{first} * on().at.sector_size,
+                                               std::size_t{end - first} * on().at.sector_size));
         first = end - 1;
     }
 }
 
 void directory::write_new_clusters() {
     const u32 sector_count = static_cast<u32>(is_dirty_.size());
-    write_dirty(written_clusters_ * sv->sec_per_clus, start_ == ROOT ? 0 : sector_count);
+    write_dirty(written_clusters_ * on().at.sectors_per_cluster, start_ == ROOT ? 0 : sector_count);
     written_clusters_ = static_cast<u32>(clusters_.size());
 }
 

@@ -8,7 +8,8 @@
 
 #pragma once
 
-#include "fat/internal.h"
+#include "core/record.h"
+#include "core/slots.h"
 #include "qvol/fat_table.h"
 #include "qvol/names.h"
 #include "qvol/short_name.h"
@@ -23,14 +24,21 @@
 
 namespace qvol {
 
+// No slot is free, and the directory cannot grow.
+class directory_full : public error {
+public:
+    using error::error;
+};
+
 enum class kind { FILE, DIRECTORY, LINK, LABEL };
 
 // An entry of a directory. Slots are numbered from the start of the directory, 32 bytes each.
 struct entry {
     std::u16string name; // the long name if its slots are complete, else the short one
     bool has_long_name = false;
-    u32 first_slot = 0; // of the long name; equal to `slot` without one
-    u32 slot = 0;       // of the short entry
+    u32 first_slot = 0;  // of the long name; equal to `slot` without one
+    u32 slot = 0;        // of the short entry
+    bool is_wide = true; // of FAT32: the high half of the first cluster counts
     std::array<u8, core::DENTRY_SIZE> raw{};
 
     [[nodiscard]] kind type() const;
@@ -47,6 +55,7 @@ struct entry {
     void set_start(u32 cluster);
     void set_size(u32 bytes);
     void set_modified(const dos_time &stamp);
+    void set_attributes(u32 attributes);
     void set_link(bool is_link);
 };
 
@@ -57,6 +66,7 @@ struct new_entry {
     u32 start = 0;
     u32 size = 0;
     dos_time modified;
+    bool allows_long_name = true; // if not, names that do not fit 8.3 are refused
 };
 
 class directory {
@@ -107,7 +117,7 @@ public:
     }
 
     // Sector and offset of a slot.
-    [[nodiscard]] fat::dentry_location location(u32 slot) const;
+    [[nodiscard]] core::slot_place location(u32 slot) const;
 
     // ---- changing in memory ----
 
@@ -144,13 +154,17 @@ private:
     void index_entry(const entry &added);
     void add_removed_slot(u32 slot);
 
+    [[nodiscard]] const core::volume &on() const {
+        return table_->on();
+    }
+    [[nodiscard]] u32 slots_per_sector() const;
     [[nodiscard]] u32 capacity() const;
     [[nodiscard]] u32 usable_slots() const;
     [[nodiscard]] u8 *slot_bytes(u32 slot);
     [[nodiscard]] const u8 *slot_bytes(u32 slot) const;
     [[nodiscard]] u64 sector_of(u32 sector_index) const;
 
-    [[nodiscard]] cased_short_name choose_alias(std::u16string_view name);
+    [[nodiscard]] cased_short_name choose_alias(const new_entry &wanted);
     [[nodiscard]] u32 allocate_slots(u32 count);
     [[nodiscard]] std::optional<u32> reuse_removed_slots(u32 count);
     void grow();
@@ -174,7 +188,7 @@ private:
     std::map<u32, u32> removed_slots_; // spans of removed slots before the end: first, count
 
     // By number of slots: no span before this slot is long enough.
-    std::array<u32, fat::LONG_NAME_UNITS / fat::SLOT_UNITS + 3> search_from_{};
+    std::array<u32, MAX_NAME_UNITS / core::UNITS_PER_SLOT + 3> search_from_{};
 };
 
 } // namespace qvol

@@ -1,6 +1,6 @@
 #include "qvol/fat_table.h"
 
-#include "fat/internal.h"
+#include "core/chain.h"
 #include "qvol/error.h"
 #include "qvol/sectors.h"
 
@@ -15,45 +15,44 @@ namespace {
 
 constexpr u32 PAGE_BYTES = 64 * 1024; // a multiple of every sector size
 
-u32 sectors_per_page() {
-    return PAGE_BYTES / sv->sector_size;
+u32 sectors_per_page(const core::volume &on) {
+    return PAGE_BYTES / on.at.sector_size;
 }
 
-u32 sectors_of_page(std::size_t index) {
-    const u64 first = index * u64{sectors_per_page()};
-    return static_cast<u32>(std::min<u64>(sectors_per_page(), sv->fat_size - first));
+u32 sectors_of_page(const core::volume &on, std::size_t index) {
+    const u64 first = index * u64{sectors_per_page(on)};
+    return static_cast<u32>(std::min<u64>(sectors_per_page(on), on.at.fat_sectors - first));
 }
 
 // The first sector of a page in one copy of the FAT.
-u64 page_sector(std::size_t index, u32 copy) {
-    return sv->fat_start + u64{copy} * sv->fat_size + index * u64{sectors_per_page()};
+u64 page_sector(const core::volume &on, std::size_t index, u32 copy) {
+    return on.at.fat_start + u64{copy} * on.at.fat_sectors + index * u64{sectors_per_page(on)};
 }
 
-bool page_begins_in_fat(std::size_t index) {
-    return index * u64{sectors_per_page()} < sv->fat_size;
+bool page_begins_in_fat(const core::volume &on, std::size_t index) {
+    return index * u64{sectors_per_page(on)} < on.at.fat_sectors;
 }
 
 // If the FAT is smaller than the volume needs, only the clusters with an entry are used.
-u32 last_cluster_with_entry(u32 entry_size) {
-    const u64 entries = u64{sv->fat_size} * sv->sector_size / entry_size;
-    const u64 wanted = u64{sv->num_clusters} + core::FIRST_DATA_CLUSTER;
+u32 last_cluster_with_entry(const core::volume &on) {
+    const u64 entries = u64{on.at.fat_sectors} * on.at.sector_size / on.entry_size();
+    const u64 wanted = u64{on.at.clusters} + core::FIRST_DATA_CLUSTER;
     return static_cast<u32>(std::min(entries, wanted)) - 1;
 }
 
 } // namespace
 
-fat_table::fat_table(u32 copies)
-    : copies_(copies), written_copies_(copies),
-      entry_size_(sv->fat_type == 16 ? core::FAT16_ENTRY_SIZE : core::FAT32_ENTRY_SIZE),
-      last_cluster_(last_cluster_with_entry(entry_size_)), cursor_(core::FIRST_DATA_CLUSTER) {
+fat_table::fat_table(const core::volume &on, u32 copies)
+    : on_(on), copies_(copies), written_copies_(copies), entry_size_(on.entry_size()),
+      last_cluster_(last_cluster_with_entry(on)), cursor_(core::FIRST_DATA_CLUSTER) {
     pages_.resize((u64{last_cluster_} + 1) * entry_size_ / PAGE_BYTES + 1);
 }
 
 // ---- pages ------------------------------------------------------------------------------------
 
-fat_table::page fat_table::load_page(std::size_t index) {
-    const u32 count = sectors_of_page(index);
-    return {read_extent(page_sector(index, 0), count), std::vector<bool>(count)};
+fat_table::page fat_table::load_page(std::size_t index) const {
+    const u32 count = sectors_of_page(on_, index);
+    return {read_extent(on_, page_sector(on_, index, 0), count), std::vector<bool>(count)};
 }
 
 fat_table::page &fat_table::page_of(u64 byte_offset) {
@@ -77,9 +76,9 @@ void fat_table::write_page(std::size_t index, page *changed) const {
         }
         const std::span bytes =
             std::span(changed->bytes)
-                .subspan(first * sv->sector_size, (end - first) * sv->sector_size);
+                .subspan(first * on_.at.sector_size, (end - first) * on_.at.sector_size);
         for (u32 copy = 0; copy < written_copies_; copy++) {
-            write_extent(page_sector(index, copy) + first, bytes);
+            write_extent(on_, page_sector(on_, index, copy) + first, bytes);
         }
         first = end;
     }
@@ -89,7 +88,7 @@ void fat_table::write_page(std::size_t index, page *changed) const {
 
 // The last page may be beyond the FAT, if the entries end with the page before it.
 bool fat_table::page_begins_in_table(std::size_t index) const {
-    return index < pages_.size() && page_begins_in_fat(index);
+    return index < pages_.size() && page_begins_in_fat(on_, index);
 }
 
 void fat_table::check_number(u32 cluster) const {
@@ -109,9 +108,8 @@ void fat_table::set(u32 cluster, u32 value) {
     const bool was_free = get(cluster) == core::FAT_FREE;
     const u64 offset = u64{cluster} * entry_size_;
     page &changed = page_of(offset);
-    // Index 0 of a table that starts at the entry is the entry itself.
-    (void)fat::set_fat_entry(sv->fat_type, changed.bytes.data() + offset % PAGE_BYTES, 0, value);
-    changed.is_dirty[offset % PAGE_BYTES / sv->sector_size] = true;
+    core::store_entry(on_.at.width, changed.bytes.data() + offset % PAGE_BYTES, value);
+    changed.is_dirty[offset % PAGE_BYTES / on_.at.sector_size] = true;
     const bool is_free = get(cluster) == core::FAT_FREE;
     if (free_count_) {
         *free_count_ += (is_free ? 1U : 0U) - (was_free ? 1U : 0U);
@@ -184,10 +182,10 @@ std::vector<u32> fat_table::chain(u32 start, u32 limit) {
         }
         clusters.push_back(cluster);
         const u32 next = get(cluster);
-        if (fat::is_end_of_chain(next)) {
+        if (on_.is_end_of_chain(next)) {
             break;
         }
-        if (next < core::FIRST_DATA_CLUSTER || next > last_cluster_ || next == fat::bad_mark()) {
+        if (next < core::FIRST_DATA_CLUSTER || next > last_cluster_ || next == on_.bad_mark()) {
             throw error(fmt::format("the chain from cluster {} is broken: FAT entry {} is {:#x}",
                                     start, cluster, next));
         }
@@ -242,16 +240,16 @@ void fat_table::write_changes() {
 
 void fat_table::visit_differences(
     const std::function<void(const differing_sector &)> &visit) const {
-    for (std::size_t index = 0; page_begins_in_fat(index); index++) {
+    for (std::size_t index = 0; page_begins_in_fat(on_, index); index++) {
         const page first = load_page(index);
         for (u32 copy = 1; copy < copies_; copy++) {
             const std::vector<u8> other =
-                read_extent(page_sector(index, copy), sectors_of_page(index));
-            for (std::size_t at = 0; at < other.size(); at += sv->sector_size) {
+                read_extent(on_, page_sector(on_, index, copy), sectors_of_page(on_, index));
+            for (std::size_t at = 0; at < other.size(); at += on_.at.sector_size) {
                 const differing_sector sector = {
-                    copy, page_sector(index, 0) - sv->fat_start + at / sv->sector_size,
-                    std::span(first.bytes).subspan(at, sv->sector_size),
-                    std::span(other).subspan(at, sv->sector_size)};
+                    copy, page_sector(on_, index, 0) - on_.at.fat_start + at / on_.at.sector_size,
+                    std::span(first.bytes).subspan(at, on_.at.sector_size),
+                    std::span(other).subspan(at, on_.at.sector_size)};
                 if (!std::equal(sector.first.begin(), sector.first.end(), sector.other.begin())) {
                     visit(sector);
                 }
@@ -266,7 +264,7 @@ std::vector<copy_difference> fat_table::compare_copies() const {
         const auto [a, b] =
             std::mismatch(sector.first.begin(), sector.first.end(), sector.other.begin());
         const u64 offset =
-            sector.index * sv->sector_size + static_cast<u64>(a - sector.first.begin());
+            sector.index * on_.at.sector_size + static_cast<u64>(a - sector.first.begin());
         const copy_difference first = {sector.copy, 0, static_cast<u32>(offset / entry_size_)};
         found.try_emplace(sector.copy, first).first->second.sectors++;
     });
@@ -282,32 +280,11 @@ std::vector<copy_difference> fat_table::compare_copies() const {
 u64 fat_table::mirror() {
     u64 differing = 0;
     visit_differences([&](const differing_sector &sector) {
-        write_extent(sv->fat_start + u64{sector.copy} * sv->fat_size + sector.index, sector.first);
+        write_extent(on_, on_.at.fat_start + u64{sector.copy} * on_.at.fat_sectors + sector.index,
+                     sector.first);
         differing++;
     });
     return differing;
-}
-
-void fat_table::read_all() {
-    for (std::size_t index = 0; page_begins_in_table(index); index++) {
-        (void)page_of(index * u64{PAGE_BYTES});
-    }
-}
-
-void fat_table::take_over_library_changes() {
-    for (std::size_t index = 0; page_begins_in_table(index); index++) {
-        page fresh = load_page(index);
-        const page &known = page_of(index * u64{PAGE_BYTES});
-        for (std::size_t sector = 0; sector < fresh.is_dirty.size(); sector++) {
-            const auto at = static_cast<std::ptrdiff_t>(sector * sv->sector_size);
-            fresh.is_dirty[sector] =
-                !std::equal(fresh.bytes.begin() + at, fresh.bytes.begin() + at + sv->sector_size,
-                            known.bytes.begin() + at);
-        }
-        pages_[index] = std::make_unique<page>(std::move(fresh));
-    }
-    free_count_.reset();
-    cursor_ = core::FIRST_DATA_CLUSTER;
 }
 
 std::vector<cluster_extent> extents_of(std::span<const u32> clusters) {

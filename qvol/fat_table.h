@@ -6,7 +6,7 @@
 
 #pragma once
 
-#include "core/bytes.h"
+#include "core/volume.h"
 #include "qvol/error.h"
 
 #include <functional>
@@ -44,8 +44,12 @@ public:
 
 class fat_table {
 public:
-    // The FAT of the mounted volume, which has `copies` copies of it. Reads nothing yet.
-    explicit fat_table(u32 copies);
+    // The FAT of a volume, which has `copies` copies of it. Reads nothing yet.
+    fat_table(const core::volume &on, u32 copies);
+
+    [[nodiscard]] const core::volume &on() const {
+        return on_;
+    }
 
     // ---- entries ----
 
@@ -97,12 +101,6 @@ public:
     // Writes the first copy over the others. Returns the sectors that differed.
     [[nodiscard]] u64 mirror();
 
-    // A call of the library changes only the first copy. Call read_all() before it, and
-    // take_over_library_changes() after it; write_changes() then updates the other copies. There
-    // must be no other unwritten changes.
-    void read_all();
-    void take_over_library_changes();
-
 private:
     struct page {
         std::vector<u8> bytes;
@@ -110,7 +108,7 @@ private:
     };
 
     [[nodiscard]] page &page_of(u64 byte_offset);
-    [[nodiscard]] static page load_page(std::size_t index);
+    [[nodiscard]] page load_page(std::size_t index) const;
     [[nodiscard]] u32 value_in(const page &cached, u64 byte_offset) const;
 
     // A sector of a copy that differs from the first one: its location, and the bytes of both.
@@ -126,6 +124,7 @@ private:
     void check_number(u32 cluster) const;
     [[nodiscard]] u32 find_free();
 
+    core::volume on_;
     u32 copies_;
     u32 written_copies_; // number of copies that are written, from the first on
     u32 entry_size_;

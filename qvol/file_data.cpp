@@ -1,6 +1,5 @@
 #include "qvol/file_data.h"
 
-#include "fat/internal.h"
 #include "qvol/error.h"
 #include "qvol/sectors.h"
 
@@ -16,8 +15,8 @@ namespace {
 constexpr u32 PIECE_BYTES = 1024 * 1024;
 constexpr std::size_t BUFFER_BYTES = std::size_t{512} * 1024;
 
-u32 clusters_per_piece() {
-    return std::max(PIECE_BYTES / fat::cluster_bytes(), 1U);
+u32 clusters_per_piece(const core::volume &on) {
+    return std::max(PIECE_BYTES / on.cluster_bytes(), 1U);
 }
 
 bool is_zero(std::span<const u8> bytes) {
@@ -27,12 +26,12 @@ bool is_zero(std::span<const u8> bytes) {
 
 } // namespace
 
-u32 clusters_for(u64 bytes) {
-    return static_cast<u32>((bytes + fat::cluster_bytes() - 1) / fat::cluster_bytes());
+u32 clusters_for(const core::volume &on, u64 bytes) {
+    return static_cast<u32>((bytes + on.cluster_bytes() - 1) / on.cluster_bytes());
 }
 
 std::vector<u32> clusters_of_file(fat_table &table, u32 start, u64 size) {
-    const u32 count = clusters_for(size);
+    const u32 count = clusters_for(table.on(), size);
     if (count == 0) {
         return {};
     }
@@ -45,18 +44,17 @@ std::vector<u32> clusters_of_file(fat_table &table, u32 start, u64 size) {
     return clusters;
 }
 
-void read_data(std::span<const u32> clusters, u64 size,
+void read_data(const core::volume &on, std::span<const u32> clusters, u64 size,
                const std::function<void(std::span<const u8>)> &take) {
-    std::vector<u8> piece(std::size_t{clusters_per_piece()} * fat::cluster_bytes());
+    std::vector<u8> piece(std::size_t{clusters_per_piece(on)} * on.cluster_bytes());
     for (const cluster_extent &extent : extents_of(clusters)) {
         for (u32 done = 0; done < extent.count && size > 0;) {
-            const u32 count = std::min(extent.count - done, clusters_per_piece());
-            const std::span bytes =
-                std::span(piece).first(std::size_t{count} * fat::cluster_bytes());
+            const u32 count = std::min(extent.count - done, clusters_per_piece(on));
+            const std::span bytes = std::span(piece).first(std::size_t{count} * on.cluster_bytes());
             const std::size_t wanted = static_cast<std::size_t>(std::min<u64>(size, bytes.size()));
             const std::size_t sectors =
-                (wanted + sv->sector_size - 1) / sv->sector_size * sv->sector_size;
-            read_extent_into(sector_of_cluster(extent.first + done), bytes.first(sectors));
+                (wanted + on.at.sector_size - 1) / on.at.sector_size * on.at.sector_size;
+            read_extent_into(on, sector_of_cluster(on, extent.first + done), bytes.first(sectors));
             take(bytes.first(wanted));
             size -= wanted;
             done += count;
@@ -66,15 +64,17 @@ void read_data(std::span<const u32> clusters, u64 size,
 
 std::string read_text(fat_table &table, u32 start, u32 size) {
     std::string text;
-    read_data(clusters_of_file(table, start, size), size, [&](std::span<const u8> bytes) {
-        text.append(reinterpret_cast<const char *>(bytes.data()), bytes.size());
-    });
+    read_data(table.on(), clusters_of_file(table, start, size), size,
+              [&](std::span<const u8> bytes) {
+                  text.append(reinterpret_cast<const char *>(bytes.data()), bytes.size());
+              });
     return text;
 }
 
 // ---- writing ----------------------------------------------------------------------------------
 
-data_writer::data_writer(bool skips_zeros) : skips_zeros_(skips_zeros) {
+data_writer::data_writer(const core::volume &on, bool skips_zeros)
+    : on_(on), skips_zeros_(skips_zeros) {
     buffer_.reserve(BUFFER_BYTES);
 }
 
@@ -85,20 +85,20 @@ void data_writer::begin(std::span<const u32> clusters) {
 }
 
 void data_writer::enter_cluster() {
-    const u64 sector = sector_of_cluster(clusters_[next_++]);
-    if (sector != sector_ + buffer_.size() / sv->sector_size) {
+    const u64 sector = sector_of_cluster(on_, clusters_[next_++]);
+    if (sector != sector_ + buffer_.size() / on_.at.sector_size) {
         flush();
     }
     if (buffer_.empty()) {
         sector_ = sector;
     }
-    cluster_space_ = fat::cluster_bytes();
+    cluster_space_ = on_.cluster_bytes();
 }
 
 void data_writer::append_to_cluster(std::span<const u8> bytes) {
     buffer_.insert(buffer_.end(), bytes.begin(), bytes.end());
     cluster_space_ -= static_cast<u32>(bytes.size());
-    if (cluster_space_ == 0 && buffer_.size() >= BUFFER_BYTES - fat::cluster_bytes()) {
+    if (cluster_space_ == 0 && buffer_.size() >= BUFFER_BYTES - on_.cluster_bytes()) {
         flush();
     }
 }
@@ -123,9 +123,9 @@ void data_writer::end() {
 
 void data_writer::flush() {
     if (!skips_zeros_ || !is_zero(buffer_)) {
-        write_extent(sector_, buffer_);
+        write_extent(on_, sector_, buffer_);
     }
-    sector_ += buffer_.size() / sv->sector_size;
+    sector_ += buffer_.size() / on_.at.sector_size;
     buffer_.clear();
 }
 

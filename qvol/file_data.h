@@ -16,11 +16,11 @@ namespace qvol {
 [[nodiscard]] std::vector<u32> clusters_of_file(fat_table &table, u32 start, u64 size);
 
 // Number of clusters for `bytes` bytes.
-[[nodiscard]] u32 clusters_for(u64 bytes);
+[[nodiscard]] u32 clusters_for(const core::volume &on, u64 bytes);
 
 // Reads `size` bytes from the clusters and passes them to `take` in pieces of at most 1 MiB, or of
 // one cluster if that is larger.
-void read_data(std::span<const u32> clusters, u64 size,
+void read_data(const core::volume &on, std::span<const u32> clusters, u64 size,
                const std::function<void(std::span<const u8>)> &take);
 
 // The content of a small file, for example the target of a link.
@@ -31,7 +31,7 @@ void read_data(std::span<const u32> clusters, u64 size,
 class data_writer {
 public:
     // `skips_zeros`: unwritten sectors read as zeros, so a buffer of zeros is not written.
-    explicit data_writer(bool skips_zeros = false);
+    explicit data_writer(const core::volume &on, bool skips_zeros = false);
     ~data_writer() = default;
     data_writer(const data_writer &) = delete;
     data_writer &operator=(const data_writer &) = delete;
@@ -50,6 +50,7 @@ private:
     void append_to_cluster(std::span<const u8> bytes);
     void enter_cluster();
 
+    core::volume on_;
     bool skips_zeros_;
     std::vector<u8> buffer_;
     u64 sector_ = 0; // of the first byte in the buffer

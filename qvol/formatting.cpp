@@ -1,11 +1,13 @@
 #include "qvol/formatting.h"
 
-#include "fat/internal.h"
+#include "core/format.h"
+#include "core/geometry.h"
 #include "qvol/error.h"
 #include "qvol/sectors.h"
+#include "qvol/times.h"
 
 #include <algorithm>
-#include <cstring>
+#include <array>
 
 #include <fmt/core.h>
 
@@ -56,40 +58,30 @@ std::string padded(std::string text) {
     return text;
 }
 
+core::dos_moment present() {
+    const dos_time now = dos_time_of(current_time());
+    return {now.date, now.time};
+}
+
 // The formatter makes a blank label entry, which checkers remark on.
-void set_label_entry(const std::string &label) {
-    std::vector<u8> sector = read_extent(sv->rdir_start, 1);
+void set_label_entry(const core::volume &on, const std::string &label) {
+    std::vector<u8> sector = read_extent(on, on.at.root_start, 1);
     if (label.empty()) {
         std::fill_n(sector.begin(), core::DENTRY_SIZE, u8{0});
     } else {
         const std::string text = padded(label);
-        (void)fat::set_volume_entry(sector.data(), reinterpret_cast<const u8 *>(text.data()));
+        core::store_short_entry(sector.data(), {.name = reinterpret_cast<const u8 *>(text.data()),
+                                                .attributes = core::ATTR_VOLUME,
+                                                .modified = present()});
     }
-    write_extent(sv->rdir_start, sector);
+    write_extent(on, on.at.root_start, sector);
 }
 
-// ---- the boot sector of a device ----
-
-std::vector<u8> boot_sector; // its deferred content; empty: not written yet
-fat_sector_io read_device = nullptr;
-fat_sector_io write_device = nullptr;
-
-int read_with_boot_sector(void *buffer, u64 sector, u32 count) {
-    const int moved = read_device(buffer, sector, count);
-    if (sector == 0 && moved > 0 && !boot_sector.empty()) {
-        std::memcpy(buffer, boot_sector.data(), boot_sector.size());
+void write_volume(const core::volume &on, const core::boot_request &request) {
+    const core::fault why = core::format(on, request, present());
+    if (why != core::fault::NONE) {
+        throw system_failure("format the volume", why == core::fault::NO_MEMORY ? ENOMEM : EIO);
     }
-    return moved;
-}
-
-int write_without_boot_sector(void *buffer, u64 sector, u32 count) {
-    if (sector != 0 || count == 0) {
-        return write_device(buffer, sector, count);
-    }
-    u8 *bytes = static_cast<u8 *>(buffer);
-    boot_sector.assign(bytes, bytes + fat::transfer_unit());
-    const int moved = count > 1 ? write_device(bytes + boot_sector.size(), 1, count - 1) : 0;
-    return moved < 0 ? moved : moved + 1;
 }
 
 } // namespace
@@ -102,39 +94,45 @@ std::string checked_label(const std::string &text) {
     return text;
 }
 
-void format_target(const volume_shape &shape, const std::string &label) {
-    fat_format_param param = formatter_request(shape);
-    const std::string boot_label = padded(label.empty() ? NO_NAME : label);
-    std::copy(boot_label.begin(), boot_label.end(), param.volume_label);
-    const int formatted = fat_format(&param);
-    if (formatted < 0) {
-        throw system_failure("format the volume", -formatted);
+void format_target(const target &where, const volume_shape &shape, const std::string &label) {
+    const core::layout_request wanted = layout_request_of(shape);
+    const u32 sectors = core::usable_sectors(where.size(), shape.sector_bytes);
+    const core::volume_layout layout = core::lay_out(wanted, sectors);
+    if (layout.why != core::layout_fault::NONE) {
+        throw system_failure("format the volume", EINVAL);
     }
-    set_label_entry(label);
+    const core::volume on = {&where.medium(), core::areas_of(wanted, layout, sectors)};
+    const std::string text = padded(label.empty() ? NO_NAME : label);
+    std::array<u8, LABEL_SIZE> boot_label{};
+    std::copy(text.begin(), text.end(), boot_label.begin());
+    write_volume(on, {.fats = wanted.fats,
+                      .root_entries = layout.root_entries(shape.sector_bytes),
+                      .volume_id = static_cast<u32>(current_time()),
+                      .label = boot_label});
+    set_label_entry(on, label);
 }
 
-deferred_boot_sector::deferred_boot_sector(const target &where) : where_(where) {
-    std::vector<u8> zeros(fat::transfer_unit());
-    const int written = write_sectors(zeros.data(), 0, 1);
-    if (written != 1) {
-        throw system_failure("write to " + shown_bytes(where.path()), written < 0 ? -written : EIO);
+deferred_boot_sector::deferred_boot_sector(target *where, u32 sector_bytes)
+    : where_(*where), device_(where->medium()), medium_(device_, sector_bytes) {
+    const std::vector<u8> zeros(core::MAX_SECTOR_SIZE);
+    const core::s64 written = device_.write(0, zeros);
+    if (written != static_cast<core::s64>(zeros.size())) {
+        throw system_failure("write to " + shown_bytes(where_.path()),
+                             written < 0 ? static_cast<int>(-written) : EIO);
     }
     where_.sync();
-    read_device = read_sectors;
-    write_device = write_sectors;
-    read_sectors = read_with_boot_sector;
-    write_sectors = write_without_boot_sector;
+    where_.replace_medium(&medium_);
 }
 
 deferred_boot_sector::~deferred_boot_sector() {
-    read_sectors = read_device;
-    write_sectors = write_device;
-    boot_sector.clear();
+    where_.replace_medium(&device_);
 }
 
 void deferred_boot_sector::release() {
-    write_sectors = write_device;
-    write_extent(0, boot_sector);
+    where_.replace_medium(&device_);
+    const std::vector<u8> &boot_sector = medium_.first_sector();
+    const core::areas at = {.sector_size = static_cast<u32>(boot_sector.size())};
+    write_extent({&device_, at}, 0, boot_sector);
     where_.sync();
 }
 

@@ -16,14 +16,14 @@ namespace qvol {
 // Formats the target, which must have the length of the shape. Stores the label in the boot sectors
 // and the root directory. Without a label ("") the boot sectors get "NO NAME" and the root gets no
 // entry.
-void format_target(const volume_shape &shape, const std::string &label);
+void format_target(const target &where, const volume_shape &shape, const std::string &label);
 
 // A volume on a device is built in place. Until release() the boot sector is buffered in memory and
 // the first sector of the device is zero, so an interrupted build leaves no volume instead of a
 // broken one.
 class deferred_boot_sector {
 public:
-    explicit deferred_boot_sector(const target &where);
+    deferred_boot_sector(target *where, u32 sector_bytes);
     ~deferred_boot_sector();
     deferred_boot_sector(const deferred_boot_sector &) = delete;
     deferred_boot_sector &operator=(const deferred_boot_sector &) = delete;
@@ -32,7 +32,9 @@ public:
     void release();
 
 private:
-    const target &where_;
+    target &where_;
+    core::medium &device_;
+    deferring_medium medium_;
 };
 
 } // namespace qvol

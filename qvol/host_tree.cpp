@@ -60,7 +60,7 @@ bool is_importable(mode_t mode) {
 }
 
 std::string read_link(const std::string &path) {
-    std::string target(fat::MAX_PATH_LENGTH + 1, '\0');
+    std::string target(MAX_TARGET_BYTES + 1, '\0');
     const ssize_t length = readlink(path.c_str(), target.data(), target.size());
     if (length < 0) {
         throw system_failure("read the link " + shown_bytes(path));
@@ -107,9 +107,9 @@ host_node host_scan::scan(const std::string &path, const std::string &name) {
         node.type = kind::LINK;
         node.target = read_link(path);
         node.size = node.target.size();
-        if (node.size > fat::MAX_PATH_LENGTH) {
-            add_problem(
-                path, fmt::format("the link target is longer than {} bytes", fat::MAX_PATH_LENGTH));
+        if (node.size > MAX_TARGET_BYTES) {
+            add_problem(path,
+                        fmt::format("the link target is longer than {} bytes", MAX_TARGET_BYTES));
         }
     } else if (S_ISREG(status.st_mode)) {
         node.size = static_cast<u64>(status.st_size);

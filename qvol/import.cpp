@@ -120,7 +120,9 @@ void import_plan::plan_directory(const host_node &node, directory *parent) {
         directories_.push_back(
             std::make_unique<directory>(directory::make(vol_.fat(), *parent, stamp)));
         const u32 start = directories_.back()->start();
-        add_context(node, [&] { parent->add({node.name, kind::DIRECTORY, start, 0, stamp}); });
+        add_context(node, [&] {
+            parent->add({node.name, kind::DIRECTORY, start, 0, stamp, allows_long_names_});
+        });
     }
     plan_entries(node.children, directories_.back().get());
 }
@@ -132,7 +134,7 @@ void import_plan::plan_file(const host_node &node, directory *parent) {
     if (existing == nullptr) {
         const u32 size = static_cast<u32>(node.size);
         existing = add_context(node, [&] {
-            return &parent->add({node.name, node.type, 0, size, stamp});
+            return &parent->add({node.name, node.type, 0, size, stamp, allows_long_names_});
         });
     } else {
         entry changed = *existing;
@@ -165,7 +167,7 @@ void import_plan::plan_entries(const std::vector<host_node> &nodes, directory *i
 
 void import_plan::allocate_data() {
     for (planned_file &file : files_) {
-        file.clusters = vol_.fat().allocate(clusters_for(file.node->size));
+        file.clusters = vol_.fat().allocate(clusters_for(vol_.on(), file.node->size));
         if (!file.clusters.empty()) {
             entry changed = file.parent->entries().at(file.slot);
             changed.set_start(file.clusters.front());
@@ -177,9 +179,9 @@ void import_plan::allocate_data() {
 // clusters_needed() does not count the growth of existing directories, so it may be too small; the
 // true number exceeds the free clusters in any case.
 void import_plan::throw_no_space(const std::vector<host_node> &nodes) {
-    const u64 cluster = fat::cluster_bytes();
+    const u64 cluster = vol_.on().cluster_bytes();
     const u64 available = vol_.fat().free_count();
-    const u64 needed = std::max(clusters_needed(nodes, fat::cluster_bytes()), available + 1);
+    const u64 needed = std::max(clusters_needed(nodes, vol_.on().cluster_bytes()), available + 1);
     throw error(fmt::format("no space: {} needed, {} free on the volume; nothing was written",
                             shown_size(needed * cluster), shown_size(available * cluster)));
 }
@@ -217,7 +219,7 @@ void import_plan::write_file(const planned_file &file, data_writer *writer, prog
 }
 
 void import_plan::write(progress *bar) {
-    data_writer writer(vol_.where().is_fresh());
+    data_writer writer(vol_.on(), vol_.where().is_fresh());
     buffer_.resize(PIECE_BYTES);
     for (const planned_file &file : files_) {
         write_file(file, &writer, bar);

@@ -19,7 +19,8 @@ class data_writer;
 class import_plan {
 public:
     // `replaces`: files and links of the host replace those of the volume.
-    import_plan(volume &vol, bool replaces) : vol_(vol), replaces_(replaces) {}
+    import_plan(volume &vol, bool replaces, bool allows_long_names = true)
+        : vol_(vol), replaces_(replaces), allows_long_names_(allows_long_names) {}
     import_plan(const import_plan &) = delete;
     import_plan &operator=(const import_plan &) = delete;
 
@@ -54,6 +55,7 @@ private:
 
     volume &vol_;
     bool replaces_;
+    bool allows_long_names_;
     std::vector<std::string> problems_;
     std::vector<std::unique_ptr<directory>> directories_; // parents before their children
     std::vector<planned_file> files_;

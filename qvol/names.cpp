@@ -1,6 +1,6 @@
 #include "qvol/names.h"
 
-#include "fat/internal.h"
+#include "core/record.h"
 #include "qvol/error.h"
 #include "qvol/short_name.h"
 
@@ -435,7 +435,7 @@ bool is_plain_short_name(std::u16string_view name) {
 }
 
 u32 slots_of_long_name(std::u16string_view name) {
-    return core::div_ceil(static_cast<u32>(name.size()), fat::SLOT_UNITS);
+    return core::div_ceil(static_cast<u32>(name.size()), core::UNITS_PER_SLOT);
 }
 
 u32 slots_of_name(std::u16string_view name) {

@@ -61,6 +61,7 @@ private:
 // ---- valid names ------------------------------------------------------------------------------
 
 inline constexpr std::size_t MAX_NAME_UNITS = 255;
+inline constexpr std::size_t MAX_TARGET_BYTES = 260; // of a link: the library reads no longer ones
 
 // Why the name is invalid on a volume, or nothing. Reads as "contains ':'" after "invalid name: ".
 [[nodiscard]] std::optional<std::string> name_problem(std::u16string_view name);

@@ -71,6 +71,12 @@ void output::remark(const std::string &text) const {
     }
 }
 
+void output::diagnose(const std::string &text) const {
+    if (is_verbose) {
+        report(text);
+    }
+}
+
 json totals_json(const tree_totals &totals) {
     return {{"files", totals.files},
             {"directories", totals.directories},

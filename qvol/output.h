@@ -23,6 +23,9 @@ struct output {
 
     // Prints a line about what a command did. Neither with --json nor with --quiet.
     void remark(const std::string &text) const;
+
+    // Prints a line on standard error, only with --verbose.
+    void diagnose(const std::string &text) const;
 };
 
 // True if standard output is a terminal and NO_COLOR is not set.

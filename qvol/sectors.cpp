@@ -1,6 +1,5 @@
 #include "qvol/sectors.h"
 
-#include "fat/internal.h"
 #include "qvol/error.h"
 
 #include <fmt/core.h>
@@ -9,8 +8,8 @@ namespace qvol {
 
 namespace {
 
-u32 sectors_in(std::size_t bytes) {
-    return static_cast<u32>(bytes / sv->sector_size);
+u32 sectors_in(const core::volume &on, std::size_t bytes) {
+    return static_cast<u32>(bytes / on.at.sector_size);
 }
 
 // `moved` is the result of the transfer: a negative errno, or fewer sectors than requested.
@@ -22,31 +21,30 @@ u32 sectors_in(std::size_t bytes) {
 
 } // namespace
 
-void read_extent_into(u64 sector, std::span<u8> bytes) {
-    const u32 count = sectors_in(bytes.size());
-    const int moved = count != 0 ? read_sectors(bytes.data(), sector, count) : 0;
+void read_extent_into(const core::volume &on, u64 sector, std::span<u8> bytes) {
+    const u32 count = sectors_in(on, bytes.size());
+    const int moved = count != 0 ? on.read(sector, bytes.data(), count) : 0;
     if (moved != static_cast<int>(count)) {
         fail("read", sector, count, moved);
     }
 }
 
-std::vector<u8> read_extent(u64 sector, u32 count) {
-    std::vector<u8> bytes(std::size_t{count} * sv->sector_size);
-    read_extent_into(sector, bytes);
+std::vector<u8> read_extent(const core::volume &on, u64 sector, u32 count) {
+    std::vector<u8> bytes(std::size_t{count} * on.at.sector_size);
+    read_extent_into(on, sector, bytes);
     return bytes;
 }
 
-void write_extent(u64 sector, std::span<const u8> bytes) {
-    const u32 count = sectors_in(bytes.size());
-    void *source = const_cast<u8 *>(bytes.data()); // a write does not change its buffer
-    const int moved = count != 0 ? write_sectors(source, sector, count) : 0;
+void write_extent(const core::volume &on, u64 sector, std::span<const u8> bytes) {
+    const u32 count = sectors_in(on, bytes.size());
+    const int moved = count != 0 ? on.write(sector, bytes.data(), count) : 0;
     if (moved != static_cast<int>(count)) {
         fail("write", sector, count, moved);
     }
 }
 
-u64 sector_of_cluster(u32 cluster) {
-    return sv->data_start + u64{cluster - core::FIRST_DATA_CLUSTER} * sv->sec_per_clus;
+u64 sector_of_cluster(const core::volume &on, u32 cluster) {
+    return on.at.data_start + u64{cluster - core::FIRST_DATA_CLUSTER} * on.at.sectors_per_cluster;
 }
 
 } // namespace qvol

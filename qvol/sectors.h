@@ -1,8 +1,8 @@
-// Transfers of contiguous sectors of the open volume.
+// Transfers of contiguous sectors of a volume.
 
 #pragma once
 
-#include "core/bytes.h"
+#include "core/volume.h"
 
 #include <span>
 #include <vector>
@@ -14,11 +14,11 @@ using core::u64;
 using core::u8;
 
 // Throw error if the transfer fails or is incomplete.
-[[nodiscard]] std::vector<u8> read_extent(u64 sector, u32 count);
-void read_extent_into(u64 sector, std::span<u8> bytes);
-void write_extent(u64 sector, std::span<const u8> bytes);
+[[nodiscard]] std::vector<u8> read_extent(const core::volume &on, u64 sector, u32 count);
+void read_extent_into(const core::volume &on, u64 sector, std::span<u8> bytes);
+void write_extent(const core::volume &on, u64 sector, std::span<const u8> bytes);
 
 // First sector of a data cluster.
-[[nodiscard]] u64 sector_of_cluster(u32 cluster);
+[[nodiscard]] u64 sector_of_cluster(const core::volume &on, u32 cluster);
 
 } // namespace qvol

@@ -1,6 +1,8 @@
 #include "qvol/session.h"
 
-#include "fat/internal.h"
+#include "core/boot_sector.h"
+#include "core/chain.h"
+#include "core/geometry.h"
 #include "qvol/error.h"
 #include "qvol/mounted.h"
 #include "qvol/sectors.h"
@@ -20,44 +22,6 @@
 namespace qvol {
 
 namespace {
-
-// ---- transfers --------------------------------------------------------------------------------
-
-// Continues after a short transfer, which the library's own functions treat as a failure.
-template <typename Transfer>
-int transfer_all(u64 sector, u32 count, Transfer transfer) {
-    const u64 unit = fat::transfer_unit();
-    const u64 total = unit * count;
-    u64 done = 0;
-    while (done < total) {
-        const ssize_t moved =
-            transfer(done, total - done, static_cast<off_t>(sector * unit + done));
-        if (moved < 0 && errno != EINTR) {
-            return -errno;
-        }
-        if (moved == 0) {
-            break;
-        }
-        done += moved > 0 ? static_cast<u64>(moved) : 0;
-    }
-    return static_cast<int>(done / unit);
-}
-
-int read_target(void *buffer, u64 sector, u32 count) {
-    return transfer_all(sector, count, [buffer](u64 done, u64 rest, off_t offset) {
-        return pread(sv->fd, static_cast<char *>(buffer) + done, rest, offset);
-    });
-}
-
-int write_target(void *buffer, u64 sector, u32 count) {
-    return transfer_all(sector, count, [buffer](u64 done, u64 rest, off_t offset) {
-        return pwrite(sv->fd, static_cast<char *>(buffer) + done, rest, offset);
-    });
-}
-
-int refuse_to_write(void *, u64, u32) {
-    return -EROFS;
-}
 
 // ---- opening ----------------------------------------------------------------------------------
 
@@ -121,27 +85,27 @@ void lock_target(int fd, const std::string &path, access wanted) {
     throw system_failure("lock " + shown_bytes(path));
 }
 
-// Makes the library's record of the open volume from the locked descriptor. The library itself
-// would open the path again, and for writing, which fails on a read-only file.
-void attach_to_library(core::unique_fd *fd, const std::string &path, access wanted) {
-    u64 size = 0;
-    if (fat::check_vol_size(fd->get(), &size) < 0) {
+// Of two sizes that the system states for a device, the smaller one counts.
+u64 device_size(int fd, const std::string &path) {
+    u64 by_request = 0;
+    const off_t by_seeking = lseek(fd, 0, SEEK_END);
+    if (ioctl(fd, BLKGETSIZE64, &by_request) != 0 || by_seeking < 0) {
+        throw system_failure("get the size of " + shown_bytes(path));
+    }
+    return std::min(by_request, static_cast<u64>(by_seeking));
+}
+
+u64 size_of(int fd, const struct stat &status, const std::string &path) {
+    if (!S_ISREG(status.st_mode) && !S_ISBLK(status.st_mode)) {
         throw error("cannot open " + shown_bytes(path) +
                     ": neither an image file nor a block device");
     }
+    const u64 size =
+        S_ISREG(status.st_mode) ? static_cast<u64>(status.st_size) : device_size(fd, path);
     if (size == 0) {
         throw error("cannot open " + shown_bytes(path) + ": it is empty");
     }
-    core::heap_ptr<fat_super> record = core::zeroed_records<fat_super>();
-    if (record == nullptr) {
-        throw std::bad_alloc();
-    }
-    record->vol_size = size;
-    record->long_name = 1;
-    record->fd = fd->release();
-    sv = record.release();
-    read_sectors = read_target;
-    write_sectors = wanted == access::WRITE ? write_target : refuse_to_write;
+    return size;
 }
 
 // ---- boot sector ------------------------------------------------------------------------------
@@ -153,44 +117,35 @@ std::string padded_text(const u8 *record, const core::field &field) {
     return text;
 }
 
-boot_fields parse_boot_sector(const std::vector<u8> &sector) {
-    const u8 *pbr = sector.data();
-    const bool is_fat32 = sv->fat_type == 32;
-    const u8 *extended = pbr + (is_fat32 ? core::EBR_OFFSET_FAT32 : core::EBR_OFFSET_FAT16);
+boot_fields parse_boot_sector(const core::volume &on) {
+    const std::vector<u8> sector = read_extent(on, 0, 1);
+    const core::boot_numbers numbers(sector.data());
+    const u8 *extended =
+        sector.data() + (on.is_wide() ? core::EBR_OFFSET_FAT32 : core::EBR_OFFSET_FAT16);
     const bool has_extended =
         core::load(extended, core::EBR_BOOT_SIGNATURE) == core::EXTENDED_BOOT_SIGNATURE;
     boot_fields boot{};
-    boot.reserved_sectors = core::load(pbr, core::PBR_RESERVED_SECTORS);
-    boot.fat_copies = core::load(pbr, core::PBR_NUMBER_OF_FATS);
-    boot.root_entries = is_fat32 ? 0 : core::load(pbr, core::PBR_ROOT_ENTRIES);
-    boot.media = core::load(pbr, core::PBR_MEDIA);
+    boot.reserved_sectors = numbers.reserved_sectors;
+    boot.fat_copies = numbers.fats;
+    boot.root_entries = on.is_wide() ? 0 : numbers.root_entries;
+    boot.media = numbers.media;
     boot.serial = has_extended ? core::load(extended, core::EBR_VOLUME_ID) : 0;
-    boot.fsinfo_sector = is_fat32 ? core::load(pbr, core::PBR32_FSINFO_SECTOR) : 0;
-    boot.backup_sector = is_fat32 ? core::load(pbr, core::PBR32_BACKUP_SECTOR) : 0;
-    boot.oem_name = padded_text(pbr, core::PBR_OEM_NAME);
+    boot.fsinfo_sector = on.is_wide() ? numbers.fsinfo_sector : 0;
+    boot.backup_sector = on.is_wide() ? numbers.backup_sector : 0;
+    boot.oem_name = padded_text(sector.data(), core::PBR_OEM_NAME);
     boot.label = has_extended ? padded_text(extended, core::EBR_VOLUME_LABEL) : std::string();
     return boot;
 }
 
-// The library reports a sector that cannot be read.
-void refuse_unsupported(const target &where) {
-    std::vector<u8> sector(fat::transfer_unit());
-    const bool is_read = read_sectors(sector.data(), 0, 1) == 1;
-    const std::string reason = is_read ? unsupported_volume(sector) : "";
-    if (!reason.empty()) {
-        throw error(shown_bytes(where.path()) + " " + reason);
-    }
-}
-
-std::vector<contradiction> contradictions_on(const target &where) {
+std::vector<contradiction> contradictions_on(const target &where, const core::volume &on) {
     const std::optional<u64> device_bytes =
         where.is_device() ? std::optional(where.size()) : std::nullopt;
-    return contradictions_of(read_extent(0, 1), device_bytes);
+    return contradictions_of(on, device_bytes);
 }
 
-void refuse_contradictions(const target &where) {
+void refuse_contradictions(const target &where, const core::volume &on) {
     std::vector<std::string> reasons;
-    for (const contradiction &one : contradictions_on(where)) {
+    for (const contradiction &one : contradictions_on(where, on)) {
         reasons.push_back(one.text);
     }
     if (!reasons.empty()) {
@@ -200,24 +155,50 @@ void refuse_contradictions(const target &where) {
     }
 }
 
-// The FAT width is the last property of the areas that the library finds out. If it is known and
-// mounting fails, the root directory is damaged.
-boot_fields mount(const target &where, mounted wanted) {
-    refuse_unsupported(where);
-    const bool has_root = fat_build_super() >= 0;
-    if (!has_root && sv->fat_type == 0) {
+// The areas by the boot sector, whose size is not known before it is read.
+core::volume read_volume(const target &where) {
+    core::volume on = {&where.medium(), {}};
+    std::vector<u8> sector(core::MAX_SECTOR_SIZE);
+    const core::s64 moved = on.device->read(0, sector);
+    const bool is_boot_sector =
+        moved == static_cast<core::s64>(sector.size()) && core::is_boot_signature(sector.data());
+    const std::string reason = is_boot_sector ? unsupported_volume(sector) : "";
+    if (!reason.empty()) {
+        throw error(shown_bytes(where.path()) + " " + reason);
+    }
+    if (!is_boot_sector ||
+        core::read_areas(core::boot_numbers(sector.data()), &on.at) != core::fault::NONE) {
         throw error(fmt::format("cannot mount {}: no FAT16 or FAT32 volume found",
                                 shown_bytes(where.path())));
     }
-    if (where.is_writable() && wanted == mounted::WITH_ROOT) {
-        refuse_contradictions(where);
+    return on;
+}
+
+// A FAT32 root directory whose chain leads to a free cluster can still be read.
+bool has_readable_root(const core::volume &on) {
+    if (!on.is_wide() || on.at.root_cluster == 0) {
+        return true;
     }
-    if (!has_root && wanted == mounted::WITH_ROOT) {
+    core::table fat(on);
+    u32 stopped_at = 0;
+    const core::fault why = core::measure_chain(fat, on.at.root_cluster, &stopped_at).why;
+    return why == core::fault::NONE || why == core::fault::FREE_CLUSTER;
+}
+
+core::volume mount(const target &where, mounted wanted) {
+    const core::volume on = read_volume(where);
+    if (wanted == mounted::AREAS) {
+        return on;
+    }
+    if (where.is_writable()) {
+        refuse_contradictions(where, on);
+    }
+    if (!has_readable_root(on)) {
         throw error(fmt::format("cannot mount {}: the root directory is damaged; \"qvol check\" "
                                 "shows how",
                                 shown_bytes(where.path())));
     }
-    return parse_boot_sector(read_extent(0, 1));
+    return on;
 }
 
 bool is_fsinfo(const std::vector<u8> &sector) {
@@ -230,53 +211,38 @@ bool is_fsinfo(const std::vector<u8> &sector) {
 // ---- target -----------------------------------------------------------------------------------
 
 target::target(std::string path, access wanted)
-    : path_(std::move(path)), is_writable_(wanted == access::WRITE) {
+    : path_(std::move(path)), is_writable_(wanted == access::WRITE),
+      fd_(open_target(path_, wanted)), own_medium_(fd_.get(), size_, is_writable_) {
     if (is_writable_) {
         // If the reader of the output ends, SIGPIPE must not end the program between two writes.
         (void)std::signal(SIGPIPE, SIG_IGN);
     }
-    core::unique_fd fd(open_target(path_, wanted));
-    lock_target(fd.get(), path_, wanted);
-    const struct stat status = status_of(fd.get(), path_);
+    lock_target(fd_.get(), path_, wanted);
+    const struct stat status = status_of(fd_.get(), path_);
     is_device_ = S_ISBLK(status.st_mode);
-    if (wanted == access::WRITE) {
+    if (is_writable_) {
         refuse_mounted(status, path_);
     }
-    attach_to_library(&fd, path_, wanted);
-}
-
-target::~target() {
-    (void)fat_close_volume(0); // cannot fail without compacting
-}
-
-// The library stores the size of its one open volume.
-// NOLINTNEXTLINE(readability-convert-member-functions-to-static): a property of this target
-u64 target::size() const {
-    return sv->vol_size;
+    size_ = size_of(fd_.get(), status, path_);
 }
 
 void target::sync() const {
-    if (fsync(sv->fd) != 0) {
+    if (fsync(fd_.get()) != 0) {
         throw system_failure("sync " + shown_bytes(path_));
     }
 }
 
-void target::resize(u64 size) const {
-    if (ftruncate(sv->fd, static_cast<off_t>(size)) != 0) {
+void target::resize(u64 size) {
+    if (ftruncate(fd_.get(), static_cast<off_t>(size)) != 0) {
         throw system_failure("resize " + shown_bytes(path_));
     }
-    sv->vol_size = size;
-}
-
-// NOLINTNEXTLINE(readability-convert-member-functions-to-static): as size()
-void target::limit_size(u64 bytes) const {
-    sv->vol_size = bytes;
+    size_ = size;
 }
 
 bool target::is_blank() const {
     constexpr std::size_t HEADER_BYTES = std::size_t{1024} * 1024;
     std::vector<u8> bytes(HEADER_BYTES);
-    const ssize_t count = pread(sv->fd, bytes.data(), bytes.size(), 0);
+    const ssize_t count = pread(fd_.get(), bytes.data(), bytes.size(), 0);
     if (count < 0) {
         throw system_failure("read " + shown_bytes(path_));
     }
@@ -288,7 +254,7 @@ bool target::is_blank() const {
 
 u32 target::sector_bytes() const {
     int bytes = 0;
-    const bool is_known = is_device_ && ioctl(sv->fd, BLKSSZGET, &bytes) == 0 &&
+    const bool is_known = is_device_ && ioctl(fd_.get(), BLKSSZGET, &bytes) == 0 &&
                           bytes >= static_cast<int>(core::MIN_SECTOR_SIZE);
     return is_known ? static_cast<u32>(bytes) : core::MIN_SECTOR_SIZE;
 }
@@ -306,10 +272,11 @@ void check_replaceable(const std::string &path) {
 // ---- volume -----------------------------------------------------------------------------------
 
 volume::volume(const target &where, const std::string &encoding, mounted wanted)
-    : target_(where), boot_(mount(where, wanted)), names_(encoding), fat_(boot_.fat_copies) {}
+    : target_(where), on_(mount(where, wanted)), boot_(parse_boot_sector(on_)), names_(encoding),
+      fat_(on_, boot_.fat_copies) {}
 
 std::vector<contradiction> volume::contradictions() const {
-    return contradictions_on(target_);
+    return contradictions_on(target_, on_);
 }
 
 void volume::commit_additions(const std::vector<directory *> &changed) {
@@ -352,7 +319,7 @@ void volume::abandon() {
 
 // A sector without the signatures is not changed: it may contain something else.
 void volume::write_fsinfo() {
-    std::vector<u8> sector = read_extent(boot_.fsinfo_sector, 1);
+    std::vector<u8> sector = read_extent(on_, boot_.fsinfo_sector, 1);
     if (!is_fsinfo(sector)) {
         return;
     }
@@ -360,7 +327,7 @@ void volume::write_fsinfo() {
     core::store(sector.data(), core::FSINFO_FREE_COUNT, fat_.free_count());
     core::store(sector.data(), core::FSINFO_NEXT_FREE, fat_.next_free());
     if (sector != before) {
-        write_extent(boot_.fsinfo_sector, sector);
+        write_extent(on_, boot_.fsinfo_sector, sector);
     }
 }
 

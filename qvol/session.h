@@ -4,13 +4,15 @@
 //            enough for formatting.
 //   volume   a mounted target: its FAT, its names, and the order of writes to the medium.
 //
-// The library has one open volume, and so has the program. Destroying the target closes it.
+// Several can be open at once. Destroying the target closes it.
 
 #pragma once
 
+#include "core/resources.h"
 #include "qvol/boot_sector.h"
 #include "qvol/directory.h"
 #include "qvol/fat_table.h"
+#include "qvol/media.h"
 #include "qvol/names.h"
 
 #include <optional>
@@ -26,14 +28,16 @@ public:
     // Opens and locks the target: exclusively for writing, shared for reading. Throws error, also
     // if a target to write to is mounted.
     target(std::string path, access wanted);
-    ~target();
+    ~target() = default;
     target(const target &) = delete;
     target &operator=(const target &) = delete;
 
     [[nodiscard]] const std::string &path() const {
         return path_;
     }
-    [[nodiscard]] u64 size() const; // bytes
+    [[nodiscard]] u64 size() const { // bytes
+        return size_;
+    }
     [[nodiscard]] bool is_device() const {
         return is_device_;
     }
@@ -46,7 +50,7 @@ public:
     void sync() const;
 
     // Cuts or extends an image file.
-    void resize(u64 size) const;
+    void resize(u64 size);
 
     // Unwritten sectors read as zeros, as in an image file that was just made.
     void mark_fresh() {
@@ -57,7 +61,17 @@ public:
     }
 
     // Restricts formatting to the first `bytes` bytes.
-    void limit_size(u64 bytes) const;
+    void limit_size(u64 bytes) {
+        size_ = bytes;
+    }
+
+    // What volumes are read from and written to: the opened file or device, or what replaces it.
+    [[nodiscard]] core::medium &medium() const {
+        return *medium_;
+    }
+    void replace_medium(core::medium *other) {
+        medium_ = other;
+    }
 
     // True if the first MiB, where volumes, partition tables and other file systems have their
     // headers, is blank: all zero, or all 0xFF as on erased flash.
@@ -69,11 +83,15 @@ public:
 private:
     std::string path_;
     bool is_device_ = false;
-    bool is_writable_ = false;
+    bool is_writable_;
     bool is_fresh_ = false;
+    u64 size_ = 0;
+    core::unique_fd fd_;
+    target_medium own_medium_;
+    core::medium *medium_ = &own_medium_;
 };
 
-// Fields of the boot sector that are not part of the library's geometry.
+// Fields of the boot sector that are not part of the areas.
 struct boot_fields {
     u32 reserved_sectors;
     u32 fat_copies;
@@ -101,6 +119,10 @@ public:
     volume(const volume &) = delete;
     volume &operator=(const volume &) = delete;
 
+    // Its areas and its medium.
+    [[nodiscard]] const core::volume &on() const {
+        return on_;
+    }
     [[nodiscard]] const boot_fields &boot() const {
         return boot_;
     }
@@ -138,6 +160,7 @@ private:
     void write_fsinfo();
 
     const target &target_;
+    core::volume on_;
     boot_fields boot_;
     name_codec names_;
     fat_table fat_;

@@ -1,6 +1,6 @@
 #include "qvol/short_name.h"
 
-#include "fat/internal.h"
+#include "core/layout.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -14,8 +14,8 @@ using core::u8;
 
 namespace {
 
-constexpr std::size_t BASE_SIZE = fat::DOS_BASE_SIZE;
-constexpr std::size_t EXTENSION_SIZE = fat::DOS_NAME_SIZE - fat::DOS_BASE_SIZE;
+constexpr std::size_t BASE_SIZE = 8;
+constexpr std::size_t EXTENSION_SIZE = core::SHORT_NAME.size - BASE_SIZE;
 constexpr u32 LAST_TAIL = 1023; // as the library counts
 constexpr std::u16string_view PUNCTUATION = u"$%'-_@~`!(){}^#&";
 
@@ -132,7 +132,7 @@ std::u16string short_name_units(const short_name &name, u8 case_bits) {
     if (!extension.empty()) {
         text += u'.' + extension;
     }
-    return text.empty() ? std::u16string(fat::DOS_NAME_SIZE, u' ') : text;
+    return text.empty() ? std::u16string(core::SHORT_NAME.size, u' ') : text;
 }
 
 std::optional<cased_short_name> cased_short_name_of(std::u16string_view name) {

@@ -10,7 +10,7 @@ constexpr u32 MAX_ORDINAL = 20; // slots of 13 units, for names of up to 255 uni
 
 std::u16string units_of_slot(const u8 *slot) {
     std::u16string units;
-    for (u32 unit = 0; unit < fat::SLOT_UNITS; unit++) {
+    for (u32 unit = 0; unit < core::UNITS_PER_SLOT; unit++) {
         const u16 value = core::load16(slot + core::slot_unit_offset(unit));
         if (value == 0) {
             break;
@@ -68,11 +68,12 @@ void name_assembler::accept(const u8 *slot, u32 index) {
 }
 
 bool name_assembler::belongs_to(const u8 *short_entry) const {
-    return is_whole() && checksum == fat::dosname_checksum(short_entry);
+    return is_whole() && checksum == core::checksum_of(short_entry);
 }
 
-entry entry_of_slot(const u8 *slot, u32 index, const name_assembler &assembler) {
+entry entry_of_slot(const u8 *slot, u32 index, const name_assembler &assembler, bool is_wide) {
     entry found;
+    found.is_wide = is_wide;
     std::copy_n(slot, core::DENTRY_SIZE, found.raw.begin());
     found.slot = index;
     found.has_long_name = assembler.belongs_to(slot) && found.type() != kind::LABEL;

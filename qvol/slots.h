@@ -36,6 +36,8 @@ struct name_assembler {
 };
 
 // The entry of a short slot, with the long name if that belongs to it.
-[[nodiscard]] entry entry_of_slot(const u8 *slot, u32 index, const name_assembler &assembler);
+// `is_wide`: of FAT32.
+[[nodiscard]] entry entry_of_slot(const u8 *slot, u32 index, const name_assembler &assembler,
+                                  bool is_wide);
 
 } // namespace qvol

@@ -1,6 +1,6 @@
 #include "qvol/times.h"
 
-#include "fat/internal.h"
+#include "core/record.h"
 #include "qvol/error.h"
 
 #include <algorithm>
@@ -20,14 +20,6 @@ constexpr dos_time LAST_STAMP = {(LAST_YEAR - FIRST_YEAR) << 9 | 12 << 5 | 31,
                                  23 << 11 | 59 << 5 | 29};
 
 std::optional<time_t> latest_moment; // SOURCE_DATE_EPOCH
-
-time_t clock_of_library(time_t *out) {
-    const time_t now = current_time();
-    if (out != nullptr) {
-        *out = now;
-    }
-    return now;
-}
 
 time_t parse_epoch(const char *text) {
     char *end = nullptr;
@@ -68,7 +60,6 @@ void set_up_clock() {
     // Without TZ, glibc checks the file of the time zone again for every stamp.
     setenv("TZ", ":/etc/localtime", 0);
     tzset();
-    fat_clock = clock_of_library;
 }
 
 time_t current_time() {
@@ -89,9 +80,8 @@ dos_time dos_time_of(time_t moment) {
         return LAST_STAMP;
     }
     fields.tm_sec = std::min(fields.tm_sec, 59); // a leap second
-    dos_time stamp;
-    fat::dos_time_date(&fields, &stamp.date, &stamp.time);
-    return stamp;
+    const core::dos_moment stamp = core::dos_moment_of(fields);
+    return {stamp.date, stamp.time};
 }
 
 std::optional<time_t> moment_of(const dos_time &stamp) {

@@ -19,7 +19,7 @@ struct dos_time {
     core::u16 time = 0; // hours << 11 | minutes << 5 | seconds / 2
 };
 
-// Sets the clock of the library and the time zone by SOURCE_DATE_EPOCH. Throws usage_error if that
+// Sets the clock and the time zone by SOURCE_DATE_EPOCH. Throws usage_error if that
 // is not a number.
 void set_up_clock();
 

@@ -18,7 +18,8 @@ struct level {
 class tree_walk {
 public:
     tree_walk(volume &vol, name_path path, const tree_visitor &visitor)
-        : vol_(vol), path_(std::move(path)), visitor_(visitor) {}
+        : vol_(vol), path_(std::move(path)), visitor_(visitor),
+          clusters_left_(vol.on().at.clusters) {}
 
     void run(const directory &top) {
         entered_.insert(top.start());
@@ -82,7 +83,7 @@ private:
     const tree_visitor &visitor_;
     std::vector<level> levels_;
     std::set<u32> entered_; // by first cluster
-    std::size_t clusters_left_ = sv->num_clusters;
+    std::size_t clusters_left_;
 };
 
 } // namespace

@@ -1,6 +1,5 @@
 #include "qvol/volume_map.h"
 
-#include "fat/internal.h"
 #include "qvol/host.h"
 #include "qvol/tree.h"
 
@@ -12,11 +11,11 @@ namespace qvol {
 
 namespace {
 
-holder state_of(u32 value) {
+holder state_of(const core::volume &on, u32 value) {
     if (value == core::FAT_FREE) {
         return HOLDER_FREE;
     }
-    return value == fat::bad_mark() ? HOLDER_BAD : HOLDER_LOST;
+    return value == on.bad_mark() ? HOLDER_BAD : HOLDER_LOST;
 }
 
 void append_cluster(std::vector<cluster_extent> *extents, u32 cluster) {
@@ -86,7 +85,7 @@ private:
             owner->clusters++;
             append_cluster(&owner->extents, cluster);
             cluster = vol_.fat().get(cluster);
-            if (fat::is_end_of_chain(cluster)) {
+            if (vol_.on().is_end_of_chain(cluster)) {
                 return;
             }
             owner->damage = problem_with(cluster);
@@ -101,7 +100,7 @@ private:
         if (is_taken_[cluster]) {
             return fmt::format("the chain links to cluster {}, which is already in use", cluster);
         }
-        const holder state = state_of(vol_.fat().get(cluster));
+        const holder state = state_of(vol_.on(), vol_.fat().get(cluster));
         return state == HOLDER_LOST ? ""
                                     : fmt::format("the chain links to cluster {}, which is {}",
                                                   cluster, state == HOLDER_BAD ? "bad" : "free");
@@ -132,7 +131,7 @@ private:
 
     void append_states(u32 first, u32 end, std::vector<held_extent> *all) const {
         for (u32 cluster = first; cluster < end; cluster++) {
-            const holder state = state_of(vol_.fat().get(cluster));
+            const holder state = state_of(vol_.on(), vol_.fat().get(cluster));
             if (cluster != first && all->back().held_by == state) {
                 all->back().count++;
             } else {
@@ -178,9 +177,9 @@ volume_map map_volume(volume &vol) {
     }
     volume_map map{};
     map.image = shown_bytes(split_host_path(vol.where().path()).name);
-    map.fat_type = sv->fat_type;
-    map.cluster_bytes = fat::cluster_bytes();
-    map.bytes = u64{sv->total_sectors} * sv->sector_size;
+    map.fat_type = vol.on().at.width;
+    map.cluster_bytes = vol.on().cluster_bytes();
+    map.bytes = u64{vol.on().at.total_sectors} * vol.on().at.sector_size;
     map.areas = areas_of(vol);
     map.clusters = survey.clusters();
     map.files = survey.files();

@@ -1,6 +1,5 @@
 #include "qvol/volume_shape.h"
 
-#include "core/geometry.h"
 #include "qvol/error.h"
 
 #include <algorithm>
@@ -32,19 +31,15 @@ std::optional<volume_shape> shape_of(const shape_request &exact) {
     if (sectors > MAX_SECTORS) {
         return std::nullopt;
     }
-    const core::layout_request request = {
-        .width = exact.fat_type,
-        .page_size = exact.page_bytes,
-        .sector_size = exact.sector_bytes,
-        .sectors_per_cluster = exact.cluster_bytes / exact.sector_bytes,
-        .root_entries = exact.fat_type == 32 ? 0 : core::FAT16_ROOT_ENTRIES,
-        .fats = FAT_COPIES};
-    const core::volume_layout layout = core::lay_out(request, static_cast<u32>(sectors));
+    volume_shape shape = {exact.fat_type,   exact.sector_bytes, exact.cluster_bytes,
+                          exact.page_bytes, exact.bytes,        0};
+    const core::volume_layout layout =
+        core::lay_out(layout_request_of(shape), static_cast<u32>(sectors));
     if (layout.why != core::layout_fault::NONE) {
         return std::nullopt;
     }
-    return volume_shape{exact.fat_type,   exact.sector_bytes, exact.cluster_bytes,
-                        exact.page_bytes, exact.bytes,        static_cast<u32>(layout.clusters)};
+    shape.clusters = static_cast<u32>(layout.clusters);
+    return shape;
 }
 
 bool can_hold(const volume_shape &shape, const volume_content &content) {
@@ -295,16 +290,13 @@ u64 volume_content::clusters(u32 fat_type, u32 cluster_bytes) const {
     return count + (fat_type == 32 ? units_of(root_bytes, cluster_bytes) : 0);
 }
 
-fat_format_param formatter_request(const volume_shape &shape) {
-    fat_format_param param = {};
-    param.fat_size = shape.fat_type;
-    param.sector_size = shape.sector_bytes;
-    param.sec_per_clus = shape.cluster_bytes / shape.sector_bytes;
-    param.page_size = shape.page_bytes;
-    param.nr_fat = FAT_COPIES;
-    fat_page_size_given = 1;
-    (void)check_format_param(&param); // the sizes are in range
-    return param;
+core::layout_request layout_request_of(const volume_shape &shape) {
+    return {.width = shape.fat_type,
+            .page_size = shape.page_bytes,
+            .sector_size = shape.sector_bytes,
+            .sectors_per_cluster = shape.cluster_bytes / shape.sector_bytes,
+            .root_entries = shape.fat_type == 32 ? 0 : core::FAT16_ROOT_ENTRIES,
+            .fats = FAT_COPIES};
 }
 
 volume_shape choose_shape(const shape_request &request, const volume_content &content) {

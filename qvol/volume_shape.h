@@ -5,7 +5,7 @@
 
 #pragma once
 
-#include "fat/fat.h"
+#include "core/geometry.h"
 #include "qvol/host_tree.h"
 
 #include <optional>
@@ -55,7 +55,7 @@ struct volume_content {
                                         const volume_content &content);
 
 // The formatter's request for a shape.
-[[nodiscard]] fat_format_param formatter_request(const volume_shape &shape);
+[[nodiscard]] core::layout_request layout_request_of(const volume_shape &shape);
 
 inline constexpr u32 MAX_CLUSTER_BYTES = 32 * 1024;
 

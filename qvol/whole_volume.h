@@ -6,16 +6,17 @@
 
 namespace qvol {
 
-// A reserved file that the library makes in the root directory.
+// A file of the driver in the root directory. The rest of its clusters is zero.
 struct reserved_file {
     const char *name;
-    int (*make)();
+    std::vector<u8> (*header)(const entry &made);
     u32 bytes; // minimum; rounded up to whole clusters
 };
 extern const reserved_file POOL_FILE;
 extern const reserved_file LOG_FILE;
 
-// Makes the file, and updates every FAT copy that is written. There must be no unwritten changes.
+// Makes the file. There must be no unwritten changes. Throws error, with nothing written, if it
+// exists or there is no space.
 void make_reserved_file(volume &vol, const reserved_file &file);
 
 // Bytes from the start of the image to the end of the last cluster in use.

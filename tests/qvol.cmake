@@ -16,7 +16,7 @@ if(run_sanitized)
   find_package(CLI11 REQUIRED)
   find_package(fmt REQUIRED)
   add_library(qvol_core_sanitized STATIC ${QVOL_CORE_SOURCES})
-  target_link_libraries(qvol_core_sanitized PUBLIC fat_sanitized CLI11::CLI11
+  target_link_libraries(qvol_core_sanitized PUBLIC core_sanitized CLI11::CLI11
                                                    nlohmann_json::nlohmann_json fmt::fmt)
   target_compile_definitions(qvol_core_sanitized PRIVATE QVOL_VERSION="${PROJECT_VERSION}")
   target_compile_options(qvol_core_sanitized PRIVATE ${sanitized_options})

@@ -9,8 +9,12 @@
 #include "qvol/session.h"
 #include "qvol/tree.h"
 
+#include "fat/internal.h"
+
 #include "tests/support/files.h"
 #include "tests/support/process.h"
+
+#include <filesystem>
 
 #include <gtest/gtest.h>
 
@@ -31,18 +35,14 @@ protected:
             testing_support::run({testing_support::tool_path(), "-F", width, "-S", "512", "-s",
                                   width == "16" ? "4" : "1", "-p", "0", image_});
         ASSERT_EQ(formatted.status, 0) << formatted;
-        fat_set_diagnostics(nullptr);
         open();
     }
-    ~QvolVolume() override {
+    void close() {
         volume_.reset();
         target_.reset();
-        fat_set_diagnostics(stderr);
     }
-
     void open() {
-        volume_.reset();
-        target_.reset();
+        close();
         target_ = std::make_unique<target>(image_, access::WRITE);
         volume_ = std::make_unique<volume>(*target_, "UTF-8");
     }
@@ -71,6 +71,22 @@ std::vector<std::u16string> names_in(const directory &dir) {
 }
 
 } // namespace
+
+// ---- several volumes --------------------------------------------------------------------------
+
+TEST_P(QvolVolume, TwoAreOpenAtOnce) {
+    const std::string other_image = scratch_.file("other.img");
+    std::filesystem::copy(image_, other_image);
+    const target other_target(other_image, access::WRITE);
+    volume other(other_target, "UTF-8");
+    const std::vector<u32> clusters = other.fat().allocate(3);
+    directory root = other.root();
+    root.add({u"ONLY", kind::FILE, clusters.front(), 100, {}});
+    other.commit_additions({&root});
+    EXPECT_EQ(table().free_count(), other.fat().free_count() + 3);
+    EXPECT_EQ(names_in(volume_->root()), std::vector<std::u16string>());
+    EXPECT_EQ(names_in(other.root()), std::vector<std::u16string>{u"ONLY"});
+}
 
 // ---- the FAT ----------------------------------------------------------------------------------
 
@@ -109,7 +125,7 @@ TEST_P(QvolVolume, WritesChangesToEveryCopyAndNotBefore) {
     EXPECT_EQ(testing_support::read_file(image_), before);
     table().write_changes();
     open();
-    EXPECT_TRUE(fat::is_end_of_chain(table().get(cluster)));
+    EXPECT_TRUE(volume_->on().is_end_of_chain(table().get(cluster)));
     EXPECT_EQ(table().mirror(), 0U);
 }
 
@@ -210,13 +226,13 @@ TEST_P(QvolVolume, MakesADirectoryThatKnowsItsParent) {
 // What lies behind the end of a directory is not zero on every medium.
 TEST_P(QvolVolume, KeepsTheEndOfADirectoryBehindWhatIsAdded) {
     directory root = volume_->root();
-    const fat::dentry_location end = root.location(static_cast<u32>(root.entries().size()) + 5);
+    const core::slot_place end = root.location(static_cast<u32>(root.entries().size()) + 5);
     std::vector<u8> sector(512);
-    ASSERT_EQ(read_sectors(sector.data(), end.sector, 1), 1);
+    ASSERT_EQ(volume_->on().read(end.sector, sector.data(), 1), 1);
     for (u32 slot = static_cast<u32>(root.entries().size()) + 1; slot < 16; slot++) {
         std::fill_n(sector.begin() + slot * 32, 11, u8{'Z'});
     }
-    ASSERT_EQ(write_sectors(sector.data(), end.sector, 1), 1);
+    ASSERT_EQ(volume_->on().write(end.sector, sector.data(), 1), 1);
     directory changed = volume_->root();
     changed.add(file(u"NEW"));
     volume_->commit_additions({&changed});
@@ -227,11 +243,11 @@ TEST_P(QvolVolume, SlotsThatBelongToNoEntryAreLeftOut) {
     directory root = volume_->root();
     const entry added = root.add(file(u"a name of three slots"));
     volume_->commit_additions({&root});
-    const fat::dentry_location place = root.location(added.slot);
+    const core::slot_place place = root.location(added.slot);
     std::vector<u8> sector(512);
-    ASSERT_EQ(read_sectors(sector.data(), place.sector, 1), 1);
+    ASSERT_EQ(volume_->on().read(place.sector, sector.data(), 1), 1);
     sector[place.offset] = 'X'; // the checksum of the slots fits no more
-    ASSERT_EQ(write_sectors(sector.data(), place.sector, 1), 1);
+    ASSERT_EQ(volume_->on().write(place.sector, sector.data(), 1), 1);
     const std::vector<entry> found = listed_entries(volume_->root());
     ASSERT_EQ(found.size(), 1U);
     EXPECT_FALSE(found[0].has_long_name);
@@ -276,7 +292,10 @@ TEST_P(QvolVolume, StoresNamesThatTheLibraryFinds) {
         root.add(file(units_of_utf8(name).value()));
     }
     volume_->commit_additions({&root});
-    open(); // the library's record of the root does not grow with the directory
+    close();
+    fat_set_diagnostics(nullptr);
+    ASSERT_GT(fat_open_volume(image_.c_str(), 1, 0), 0);
+    ASSERT_EQ(fat_build_super(), 0);
     ASSERT_EQ(fat_set_encoding("UTF-8"), 0);
     std::set<std::string> listed;
     fat_entry_info info;
@@ -289,6 +308,8 @@ TEST_P(QvolVolume, StoresNamesThatTheLibraryFinds) {
         EXPECT_GT(id, 0) << name;
         fat_close(id);
     }
+    EXPECT_EQ(fat_close_volume(0), 0);
+    fat_set_diagnostics(stderr);
 }
 
 // ---- paths ------------------------------------------------------------------------------------
@@ -310,10 +331,10 @@ TEST_P(QvolVolume, GathersTheDataOfManyFiles) {
     const std::vector<u32> clusters = table().allocate(8);
     const std::vector<u32> odd = {clusters[0], clusters[1], clusters[5]};
     const std::vector<u32> even = {clusters[2], clusters[3], clusters[4]};
-    const u32 size = 2 * fat::cluster_bytes() + 100;
+    const u32 size = 2 * volume_->on().cluster_bytes() + 100;
     const std::vector<u8> ones(size, 1);
     const std::vector<u8> twos(size, 2);
-    data_writer writer;
+    data_writer writer(volume_->on());
     for (const auto &[where, what] : {std::pair(&odd, &ones), std::pair(&even, &twos)}) {
         writer.begin(*where);
         writer.append(std::span(*what).first(700));
@@ -323,7 +344,7 @@ TEST_P(QvolVolume, GathersTheDataOfManyFiles) {
     writer.flush();
     for (const auto &[where, what] : {std::pair(&odd, &ones), std::pair(&even, &twos)}) {
         std::vector<u8> back;
-        read_data(*where, size, [&](std::span<const u8> piece) {
+        read_data(volume_->on(), *where, size, [&](std::span<const u8> piece) {
             back.insert(back.end(), piece.begin(), piece.end());
         });
         EXPECT_EQ(back, *what);

@@ -63,7 +63,8 @@ void check_backup(survey *checked) {
         std::any_of(checked->findings.begin(), checked->findings.end(),
                     [](const finding &one) { return one.kind == &found::GEOMETRY; });
     if (!is_sector_given(sector) || !is_reserved(*checked, sector) || has_other_areas ||
-        is_same_boot_sector(read_extent(0, 1), read_extent(sector, 1))) {
+        is_same_boot_sector(read_extent(checked->on(), 0, 1),
+                            read_extent(checked->on(), sector, 1))) {
         return;
     }
     add_finding(
@@ -88,7 +89,7 @@ bool has_signatures(const std::vector<u8> &fsinfo) {
 
 void check_fsinfo(survey *checked) {
     const u32 sector = checked->vol.boot().fsinfo_sector;
-    if (has_fsinfo(*checked) && !has_signatures(read_extent(sector, 1))) {
+    if (has_fsinfo(*checked) && !has_signatures(read_extent(checked->on(), sector, 1))) {
         add_finding(checked, found::FSINFO_SIGNATURE,
                     fmt::format("FSInfo (sector {}): signature missing", sector), "rewritten",
                     [sector](repair_plan *plan) { plan->write_fsinfo(sector); });
@@ -103,16 +104,16 @@ struct state_bits {
     u32 has_no_errors; // no I/O errors
 };
 
-state_bits state_bits_of_type() {
-    return sv->fat_type == 32 ? state_bits{0x08000000, 0x04000000} : state_bits{0x8000, 0x4000};
+state_bits state_bits_of_type(const survey &checked) {
+    return checked.on().is_wide() ? state_bits{0x08000000, 0x04000000} : state_bits{0x8000, 0x4000};
 }
 
-u32 value_mask() {
-    return sv->fat_type == 32 ? core::FAT32_VALUE_MASK : 0xFFFF;
+u32 value_mask(const survey &checked) {
+    return checked.on().is_wide() ? core::FAT32_VALUE_MASK : 0xFFFF;
 }
 
 void check_media(survey *checked, u32 value) {
-    const u32 wanted = (0xFFFFFF00 | checked->vol.boot().media) & value_mask();
+    const u32 wanted = (0xFFFFFF00 | checked->vol.boot().media) & value_mask(*checked);
     if (value != wanted) {
         add_finding(
             checked, found::FAT_MEDIA,
@@ -122,9 +123,9 @@ void check_media(survey *checked, u32 value) {
 }
 
 void check_end_mark(survey *checked, u32 value) {
-    const state_bits bits = state_bits_of_type();
-    if (!fat::is_end_of_chain(value | bits.is_clean | bits.has_no_errors)) {
-        const u32 wanted = value_mask();
+    const state_bits bits = state_bits_of_type(*checked);
+    if (!checked->on().is_end_of_chain(value | bits.is_clean | bits.has_no_errors)) {
+        const u32 wanted = value_mask(*checked);
         add_finding(checked, found::FAT_END_MARK,
                     fmt::format("FAT entry 1 is {:#x}, should be an end-of-chain mark", value),
                     "corrected", [wanted](repair_plan *plan) { plan->set_fixed_entry(1, wanted); });
@@ -138,17 +139,19 @@ void check_end_mark(survey *checked, u32 value) {
 }
 
 void check_fixed_entries(survey *checked) {
-    const std::vector<u8> fat = read_extent(sv->fat_start, 1);
-    const u32 size = sv->fat_type / 8;
+    const std::vector<u8> fat = read_extent(checked->on(), checked->on().at.fat_start, 1);
+    const u32 size = checked->on().at.width / 8;
     const core::field entries[] = {{"entry 0", 0, size}, {"entry 1", size, size}};
-    check_media(checked, core::load(fat.data(), entries[0]) & value_mask());
-    check_end_mark(checked, core::load(fat.data(), entries[1]) & value_mask());
+    check_media(checked, core::load(fat.data(), entries[0]) & value_mask(*checked));
+    check_end_mark(checked, core::load(fat.data(), entries[1]) & value_mask(*checked));
 }
 
 // Some systems store the dirty flag in the boot sector as well.
 void check_boot_flag(survey *checked) {
-    const u32 extended = sv->fat_type == 32 ? core::EBR_OFFSET_FAT32 : core::EBR_OFFSET_FAT16;
-    if ((core::load(read_extent(0, 1).data() + extended, core::EBR_RESERVED) & 1) != 0) {
+    const u32 extended =
+        checked->on().at.width == 32 ? core::EBR_OFFSET_FAT32 : core::EBR_OFFSET_FAT16;
+    if ((core::load(read_extent(checked->on(), 0, 1).data() + extended, core::EBR_RESERVED) & 1) !=
+        0) {
         add_finding(checked, found::DIRTY,
                     "dirty flag set in the boot sector: not cleanly unmounted", "flag cleared",
                     [](repair_plan *plan) { plan->set_clean(); });
@@ -156,12 +159,14 @@ void check_boot_flag(survey *checked) {
 }
 
 // Without mirroring one copy is in use, and the others are not compared.
-bool is_mirroring_off(const std::vector<u8> &boot) {
-    return sv->fat_type == 32 && (core::load(boot.data(), core::PBR32_EXTENDED_FLAGS) & 0x80) != 0;
+bool is_mirroring_off(const survey &checked) {
+    const std::vector<u8> boot = read_extent(checked.on(), 0, 1);
+    return checked.on().is_wide() &&
+           (core::load(boot.data(), core::PBR32_EXTENDED_FLAGS) & 0x80) != 0;
 }
 
 void check_copies(survey *checked) {
-    if (is_mirroring_off(read_extent(0, 1))) {
+    if (is_mirroring_off(*checked)) {
         return;
     }
     for (const copy_difference &difference : checked->table.compare_copies()) {
@@ -194,7 +199,7 @@ void check_fsinfo_counts(survey *checked) {
         return;
     }
     const u32 sector = checked->vol.boot().fsinfo_sector;
-    const std::vector<u8> fsinfo = read_extent(sector, 1);
+    const std::vector<u8> fsinfo = read_extent(checked->on(), sector, 1);
     const u32 free_count = core::load(fsinfo.data(), core::FSINFO_FREE_COUNT);
     const u32 next = core::load(fsinfo.data(), core::FSINFO_NEXT_FREE);
     const auto repair = [sector](repair_plan *plan) { plan->write_fsinfo(sector); };

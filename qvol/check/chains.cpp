@@ -26,9 +26,9 @@ chain_end obstacle_at(survey *checked, u32 node, u32 cluster) {
         return owner == node + 1 ? chain_end::CYCLE : chain_end::SHARED;
     }
     const u32 value = checked->table.get(cluster);
-    return value == core::FAT_FREE    ? chain_end::FREE
-           : value == fat::bad_mark() ? chain_end::BAD
-                                      : chain_end::MARK;
+    return value == core::FAT_FREE             ? chain_end::FREE
+           : value == checked->on().bad_mark() ? chain_end::BAD
+                                               : chain_end::MARK;
 }
 
 void claim_cluster(survey *checked, u32 node, u32 cluster, claimed_chain *chain) {
@@ -36,7 +36,7 @@ void claim_cluster(survey *checked, u32 node, u32 cluster, claimed_chain *chain)
     checked->used_clusters++;
     chain->count++;
     chain->last = cluster;
-    if (chain->past_image == 0 && !is_in_image(cluster)) {
+    if (chain->past_image == 0 && !is_in_image(*checked, cluster)) {
         chain->past_image = cluster;
     }
 }
@@ -74,7 +74,7 @@ std::string length_text(u32 count, u32 wanted, u32 file_size) {
 }
 
 void check_length(survey *checked, u32 node, const claimed_chain &chain) {
-    const u32 wanted = clusters_for(checked->nodes[node].dentry.size());
+    const u32 wanted = clusters_for(checked->on(), checked->nodes[node].dentry.size());
     if (chain.end == chain_end::MARK && chain.count < wanted) {
         checked->add({&found::CHAIN_SHORT, node, checked->nodes[node].dentry.start(),
                       length_text(chain.count, wanted, checked->nodes[node].dentry.size()), ""});
@@ -85,7 +85,7 @@ void check_length(survey *checked, u32 node, const claimed_chain &chain) {
 // then take nothing from another.
 void check_needed(survey *checked, u32 node, std::vector<file_tail> *tails) {
     const entry file = checked->nodes[node].dentry;
-    const u32 wanted = clusters_for(file.size());
+    const u32 wanted = clusters_for(checked->on(), file.size());
     if (file.start() == 0) {
         if (wanted != 0) {
             checked->add({&found::CHAIN_MISSING, node, 0,
@@ -133,8 +133,10 @@ void check_tail(survey *checked, const file_tail &file) {
 
 // ---- chains -----------------------------------------------------------------------------------
 
-bool is_in_image(u32 cluster) {
-    return (sector_of_cluster(cluster) + sv->sec_per_clus) * sv->sector_size <= sv->vol_size;
+bool is_in_image(const survey &checked, u32 cluster) {
+    const core::volume &on = checked.on();
+    return (sector_of_cluster(on, cluster) + on.at.sectors_per_cluster) * on.at.sector_size <=
+           checked.vol.where().size();
 }
 
 namespace {
@@ -147,7 +149,7 @@ void extend_chain(survey *checked, u32 node, u32 limit, claimed_chain *chain) {
         }
         claim_cluster(checked, node, chain->at, chain);
         chain->at = checked->table.get(chain->last);
-        if (fat::is_end_of_chain(chain->at)) {
+        if (checked->on().is_end_of_chain(chain->at)) {
             return;
         }
     }

@@ -33,7 +33,7 @@ struct claimed_chain {
 [[nodiscard]] claimed_chain claim_tail(survey *checked, u32 node, const claimed_chain &head);
 
 // Image files may end after their last cluster in use.
-[[nodiscard]] bool is_in_image(u32 cluster);
+[[nodiscard]] bool is_in_image(const survey &checked, u32 cluster);
 
 // The clusters of a claimed chain.
 [[nodiscard]] std::vector<u32> claimed_clusters(fat_table *table, u32 start, u32 count);

@@ -4,8 +4,6 @@
 #include "qvol/check/survey.h"
 #include "qvol/output.h"
 
-#include "fat/internal.h"
-
 #include <fmt/core.h>
 
 namespace qvol {
@@ -30,7 +28,7 @@ bool links_to_pending(const survey &checked, u32 value) {
 std::vector<u32> collect_lost(survey *checked) {
     std::vector<u32> lost;
     checked->table.visit_used([&](u32 cluster, u32 value) {
-        if (value != fat::bad_mark() && checked->owners.get(cluster) == 0) {
+        if (value != checked->on().bad_mark() && checked->owners.get(cluster) == 0) {
             checked->owners.set(cluster, LOST_HEAD);
             lost.push_back(cluster);
         }

@@ -1,5 +1,6 @@
 #include "qvol/check/repair.h"
 
+#include "core/table.h"
 #include "qvol/check/chains.h"
 #include "qvol/sectors.h"
 
@@ -16,12 +17,13 @@ void store_signatures(u8 *fsinfo) {
 }
 
 // Reads a sector, applies the change, and writes the sector if the change makes a difference.
-void change_sector(u64 sector, const std::function<void(u8 *bytes)> &change) {
-    const std::vector<u8> before = read_extent(sector, 1);
+void change_sector(const core::volume &on, u64 sector,
+                   const std::function<void(u8 *bytes)> &change) {
+    const std::vector<u8> before = read_extent(on, sector, 1);
     std::vector<u8> bytes = before;
     change(bytes.data());
     if (bytes != before) {
-        write_extent(sector, bytes);
+        write_extent(on, sector, bytes);
     }
 }
 
@@ -29,37 +31,36 @@ void change_sector(u64 sector, const std::function<void(u8 *bytes)> &change) {
 
 // ---- collecting --------------------------------------------------------------------------------
 
-void repair_plan::change_slot(const fat::dentry_location &location, u32 offset,
-                              std::vector<u8> bytes) {
+void repair_plan::change_slot(const core::slot_place &location, u32 offset, std::vector<u8> bytes) {
     changes_[location.sector].push_back({location.offset + offset, std::move(bytes)});
 }
 
-void repair_plan::remove_slot(const fat::dentry_location &location) {
+void repair_plan::remove_slot(const core::slot_place &location) {
     change_slot(location, core::SHORT_NAME.offset, {core::NAME_DELETED});
 }
 
-void repair_plan::write_slot(const fat::dentry_location &location,
+void repair_plan::write_slot(const core::slot_place &location,
                              const std::array<u8, core::DENTRY_SIZE> &raw) {
     change_slot(location, 0, {raw.begin(), raw.end()});
 }
 
-void repair_plan::clear_start(const fat::dentry_location &location) {
+void repair_plan::clear_start(const core::slot_place &location) {
     change_slot(location, core::SHORT_START_HIGH.offset,
                 std::vector<u8>(core::SHORT_START_HIGH.size));
     change_slot(location, core::SHORT_START_LOW.offset,
                 std::vector<u8>(core::SHORT_START_LOW.size));
 }
 
-void repair_plan::clear_slot_start(const fat::dentry_location &location) {
+void repair_plan::clear_slot_start(const core::slot_place &location) {
     change_slot(location, core::SLOT_START.offset, std::vector<u8>(core::SLOT_START.size));
 }
 
-void repair_plan::clear_reserved_bits(const fat::dentry_location &location) {
+void repair_plan::clear_reserved_bits(const core::slot_place &location) {
     change_slot(location, core::SLOT_ATTR.offset, {core::ATTR_LONG_NAME});
     change_slot(location, core::SLOT_SYSID.offset, {0});
 }
 
-void repair_plan::clear_size(const fat::dentry_location &location) {
+void repair_plan::clear_size(const core::slot_place &location) {
     change_slot(location, core::SHORT_FILE_SIZE.offset,
                 std::vector<u8>(core::SHORT_FILE_SIZE.size));
 }
@@ -76,7 +77,7 @@ void repair_plan::release_chain(u32 first, u32 count) {
 
 void repair_plan::write_slots() {
     for (const auto &[sector, changes] : changes_) {
-        change_sector(sector, [&list = changes](u8 *bytes) {
+        change_sector(vol_.on(), sector, [&list = changes](u8 *bytes) {
             for (const change &one : list) {
                 std::copy(one.bytes.begin(), one.bytes.end(), bytes + one.offset);
             }
@@ -86,18 +87,21 @@ void repair_plan::write_slots() {
 
 // Entries 0 and 1, which do not represent clusters, in every copy.
 void repair_plan::write_fixed_entries() {
+    const core::volume &on = vol_.on();
     for (u32 copy = 0; copy < vol_.boot().fat_copies; copy++) {
-        change_sector(sv->fat_start + u64{copy} * sv->fat_size, [&](u8 *bytes) {
+        change_sector(on, on.at.fat_start + u64{copy} * on.at.fat_sectors, [&](u8 *bytes) {
             for (const auto &[number, value] : fixed_entries_) {
-                (void)fat::set_fat_entry(sv->fat_type, bytes, static_cast<int>(number), value);
+                core::store_entry(on.at.width, bytes + std::size_t{number} * on.entry_size(),
+                                  value);
             }
         });
     }
 }
 
 void repair_plan::clear_boot_flag() {
-    const u32 extended = sv->fat_type == 32 ? core::EBR_OFFSET_FAT32 : core::EBR_OFFSET_FAT16;
-    change_sector(0, [&](u8 *bytes) { core::store(bytes + extended, core::EBR_RESERVED, 0); });
+    const u32 extended = vol_.on().is_wide() ? core::EBR_OFFSET_FAT32 : core::EBR_OFFSET_FAT16;
+    change_sector(vol_.on(), 0,
+                  [&](u8 *bytes) { core::store(bytes + extended, core::EBR_RESERVED, 0); });
 }
 
 // Directory entries drop their references before the clusters are freed; backups and counts follow
@@ -110,10 +114,10 @@ void repair_plan::write() {
     }
     write_fixed_entries();
     if (backup_sector_) {
-        write_extent(*backup_sector_, read_extent(0, 1));
+        write_extent(vol_.on(), *backup_sector_, read_extent(vol_.on(), 0, 1));
     }
     if (fsinfo_sector_) {
-        change_sector(*fsinfo_sector_, store_signatures);
+        change_sector(vol_.on(), *fsinfo_sector_, store_signatures);
     }
     vol_.finish();
     if (sets_clean_) {

@@ -18,13 +18,12 @@ public:
     repair_plan &operator=(const repair_plan &) = delete;
 
     // ---- slots ----
-    void remove_slot(const fat::dentry_location &location);
-    void write_slot(const fat::dentry_location &location,
-                    const std::array<u8, core::DENTRY_SIZE> &raw);
-    void clear_start(const fat::dentry_location &location);
-    void clear_slot_start(const fat::dentry_location &location);    // of a long-name slot
-    void clear_reserved_bits(const fat::dentry_location &location); // of a long-name slot
-    void clear_size(const fat::dentry_location &location);
+    void remove_slot(const core::slot_place &location);
+    void write_slot(const core::slot_place &location, const std::array<u8, core::DENTRY_SIZE> &raw);
+    void clear_start(const core::slot_place &location);
+    void clear_slot_start(const core::slot_place &location);    // of a long-name slot
+    void clear_reserved_bits(const core::slot_place &location); // of a long-name slot
+    void clear_size(const core::slot_place &location);
 
     // ---- the FAT ----
     void end_chain(u32 last);
@@ -51,10 +50,10 @@ public:
     void write();
 
 private:
-    void change_slot(const fat::dentry_location &location, u32 offset, std::vector<u8> bytes);
+    void change_slot(const core::slot_place &location, u32 offset, std::vector<u8> bytes);
     void write_slots();
     void write_fixed_entries();
-    static void clear_boot_flag();
+    void clear_boot_flag();
 
     // A changed range of bytes in a sector.
     struct change {

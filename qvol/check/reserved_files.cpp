@@ -40,7 +40,7 @@ struct header_word {
 
 void check_pool_header(survey *checked, u32 node) {
     const entry &pool = checked->nodes[node].dentry;
-    if (checked->owners.get(pool.start()) != node + 1 || !is_in_image(pool.start())) {
+    if (checked->owners.get(pool.start()) != node + 1 || !is_in_image(*checked, pool.start())) {
         return; // reported with the chain
     }
     constexpr u32 ALL_ONES = 0xFFFFFFFF;
@@ -49,7 +49,8 @@ void check_pool_header(survey *checked, u32 node) {
         {core::POOL_SECOND, pool.start()},  {core::POOL_ONE, 1},  {core::POOL_FIRST_MARK, ALL_ONES},
         {core::POOL_SECOND_MARK, ALL_ONES},
     };
-    const std::vector<u8> header = read_extent(sector_of_cluster(pool.start()), 1);
+    const std::vector<u8> header =
+        read_extent(checked->on(), sector_of_cluster(checked->on(), pool.start()), 1);
     for (const header_word &word : words) {
         const u32 value = core::load(header.data(), word.field);
         if (value != word.value) {
@@ -71,10 +72,11 @@ void check_reserved_files(survey *checked) {
     const tree_node root = checked->nodes[ROOT_NODE];
     for (u32 node = root.first_child; node < root.first_child + root.children; node++) {
         if (is_pool(*checked, node)) {
-            check_size(checked, node, found::POOL, fat::cluster_bytes());
+            check_size(checked, node, found::POOL, checked->on().cluster_bytes());
             check_pool_header(checked, node);
         } else if (is_file_of_root(*checked, node, LOG_NAME)) {
-            check_size(checked, node, found::LOG, clusters_for(LOG_BYTES) * fat::cluster_bytes());
+            check_size(checked, node, found::LOG,
+                       clusters_for(checked->on(), LOG_BYTES) * checked->on().cluster_bytes());
         }
     }
 }

@@ -8,13 +8,15 @@ namespace qvol {
 
 namespace {
 
-u32 slots_per_cluster() {
-    return fat::cluster_bytes() / core::DENTRY_SIZE;
+u32 slots_per_cluster(const core::volume &on) {
+    return on.cluster_bytes() / core::DENTRY_SIZE;
 }
 
 // Accepts the slots of a directory one by one.
 class content_reader {
 public:
+    explicit content_reader(bool is_wide) : is_wide_(is_wide) {}
+
     void accept(const u8 *slot, u32 index) {
         if (!is_removed(slot) && is_long_name_slot(slot)) {
             accept_long_name_slot(slot, index);
@@ -23,7 +25,7 @@ public:
         if (is_removed(slot)) {
             close_span(index, index);
         } else if (is_entry(slot)) {
-            accept_entry(entry_of_slot(slot, index, assembler_));
+            accept_entry(entry_of_slot(slot, index, assembler_, is_wide_));
         } else {
             close_span(index, index);
             content_.invalid.push_back(index);
@@ -68,6 +70,7 @@ private:
         }
     }
 
+    bool is_wide_;
     name_assembler assembler_;
     u32 span_start_ = 0; // the slot after the last one that is not a long-name slot
     directory_content content_;
@@ -77,27 +80,28 @@ private:
 
 // ---- reading ----------------------------------------------------------------------------------
 
-slot_space::slot_space(std::vector<u32> clusters) : clusters_(std::move(clusters)) {
-    const u32 max_clusters = std::max(MAX_SLOTS / slots_per_cluster(), 1U);
+slot_space::slot_space(const core::volume &on, std::vector<u32> clusters)
+    : on_(on), clusters_(std::move(clusters)) {
+    const u32 max_clusters = std::max(MAX_SLOTS / slots_per_cluster(on_), 1U);
     is_too_long_ = clusters_.size() > max_clusters;
     clusters_.resize(std::min<std::size_t>(clusters_.size(), max_clusters));
     for (const cluster_extent &extent : extents_of(clusters_)) {
-        load(sector_of_cluster(extent.first), extent.count * sv->sec_per_clus);
+        load(sector_of_cluster(on_, extent.first), extent.count * on_.at.sectors_per_cluster);
     }
     find_end();
 }
 
-slot_space slot_space::root_area() {
-    slot_space space;
-    space.load(sv->rdir_start, sv->data_start - sv->rdir_start);
+slot_space slot_space::root_area(const core::volume &on) {
+    slot_space space(on);
+    space.load(on.at.root_start, on.at.data_start - on.at.root_start);
     space.find_end();
     return space;
 }
 
 void slot_space::load(u64 first_sector, u32 sectors) {
     const std::size_t before = bytes_.size();
-    bytes_.resize(before + std::size_t{sectors} * sv->sector_size);
-    read_extent_into(first_sector, std::span(bytes_).subspan(before));
+    bytes_.resize(before + std::size_t{sectors} * on_.at.sector_size);
+    read_extent_into(on_, first_sector, std::span(bytes_).subspan(before));
 }
 
 void slot_space::find_end() {
@@ -120,17 +124,19 @@ bool slot_space::is_zero_from(u32 index) const {
 }
 
 u32 slot_space::cluster_of(u32 slot) const {
-    return clusters_.empty() ? 0 : clusters_.at(slot / slots_per_cluster());
+    return clusters_.empty() ? 0 : clusters_.at(slot / slots_per_cluster(on_));
 }
 
-fat::dentry_location slot_space::location(u32 slot) const {
-    const u64 base = clusters_.empty() ? sv->rdir_start : sector_of_cluster(cluster_of(slot));
-    const u32 offset = (clusters_.empty() ? slot : slot % slots_per_cluster()) * core::DENTRY_SIZE;
-    return {static_cast<u32>(base + offset / sv->sector_size), offset % sv->sector_size};
+core::slot_place slot_space::location(u32 slot) const {
+    const u64 base =
+        clusters_.empty() ? on_.at.root_start : sector_of_cluster(on_, cluster_of(slot));
+    const u32 offset =
+        (clusters_.empty() ? slot : slot % slots_per_cluster(on_)) * core::DENTRY_SIZE;
+    return {static_cast<u32>(base + offset / on_.at.sector_size), offset % on_.at.sector_size};
 }
 
 directory_content content_of(const slot_space &space) {
-    content_reader reader;
+    content_reader reader(space.is_wide());
     for (u32 index = 0; index < space.count(); index++) {
         reader.accept(space.slot(index), index);
     }

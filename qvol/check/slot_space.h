@@ -13,8 +13,12 @@ class slot_space {
 public:
     // Reads the clusters of a directory, or the root area of FAT16, up to the maximum size of a
     // directory. Throws error if reading fails.
-    explicit slot_space(std::vector<u32> clusters);
-    [[nodiscard]] static slot_space root_area();
+    slot_space(const core::volume &on, std::vector<u32> clusters);
+    [[nodiscard]] static slot_space root_area(const core::volume &on);
+
+    [[nodiscard]] bool is_wide() const { // FAT32
+        return on_.is_wide();
+    }
 
     // Slots before the end-of-directory slot.
     [[nodiscard]] u32 count() const {
@@ -33,17 +37,18 @@ public:
     // Whether the slot is at or past the end of the directory, and all bytes from it on are 0.
     [[nodiscard]] bool is_zero_from(u32 index) const;
 
-    [[nodiscard]] fat::dentry_location location(u32 slot) const;
+    [[nodiscard]] core::slot_place location(u32 slot) const;
     [[nodiscard]] u32 cluster_of(u32 slot) const; // 0 in the root area
 
 private:
-    slot_space() = default;
+    explicit slot_space(const core::volume &on) : on_(on) {}
     void load(u64 first_sector, u32 sectors);
     void find_end();
     [[nodiscard]] u32 capacity() const {
         return static_cast<u32>(bytes_.size() / core::DENTRY_SIZE);
     }
 
+    core::volume on_;
     std::vector<u32> clusters_;
     std::vector<u8> bytes_;
     u32 count_ = 0;

@@ -40,7 +40,7 @@ private:
 struct tree_node {
     u32 parent = NO_NODE;
     entry dentry{};
-    fat::dentry_location location{}; // of its short entry
+    core::slot_place location{}; // of its short entry
     u32 first_child = 0;
     u32 children = 0;
     bool is_shared = false;   // another entry references clusters of this one
@@ -57,6 +57,9 @@ struct survey {
     std::vector<finding> findings;
     u32 used_clusters = 0; // by the entries of the tree
 
+    [[nodiscard]] const core::volume &on() const {
+        return vol.on();
+    }
     void add(finding added) {
         findings.push_back(std::move(added));
     }

@@ -51,7 +51,7 @@ private:
         return node_ == ROOT_NODE;
     }
     [[nodiscard]] u32 start() const {
-        return is_root() ? sv->root_clus : own_entry().start();
+        return is_root() ? checked_->on().at.root_cluster : own_entry().start();
     }
     // The required first cluster of "..".
     [[nodiscard]] u32 parent_link() const {
@@ -68,8 +68,8 @@ private:
     // ---- the chain ----
 
     std::optional<slot_space> claim() {
-        if (is_root() && sv->fat_type == 16) {
-            return slot_space::root_area();
+        if (is_root() && checked_->on().at.width == 16) {
+            return slot_space::root_area(checked_->on());
         }
         if (start() == 0) {
             add_finding(found::CHAIN_MISSING, 0, "the directory has no cluster");
@@ -78,13 +78,17 @@ private:
         const claimed_chain chain = claim_chain(checked_, node_, start());
         check_whole_chain(checked_, node_, chain);
         std::vector<u32> clusters = claimed_clusters(&checked_->table, start(), chain.count);
-        clusters.erase(std::find_if_not(clusters.begin(), clusters.end(), is_in_image),
-                       clusters.end());
+        clusters.erase(
+            std::find_if_not(clusters.begin(), clusters.end(),
+                             [this](u32 cluster) { return is_in_image(*checked_, cluster); }),
+            clusters.end());
         if (chain.count > clusters.size()) {
             add_finding(found::UNREADABLE, chain.past_image,
                         "cannot be read: past the end of the image");
         }
-        return clusters.empty() ? std::nullopt : std::optional<slot_space>(std::move(clusters));
+        return clusters.empty()
+                   ? std::nullopt
+                   : std::optional<slot_space>(slot_space(checked_->on(), std::move(clusters)));
     }
 
     // ---- the slots ----
@@ -170,14 +174,14 @@ private:
 
     void add_slot_finding(const finding_kind &kind, const slot_space &space, const slot_span &span,
                           std::string text) {
-        std::vector<fat::dentry_location> locations;
+        std::vector<core::slot_place> locations;
         for (u32 i = 0; i < span.count; i++) {
             locations.push_back(space.location(span.first + i));
         }
         add_finding(kind, space.cluster_of(span.first), std::move(text),
                     span.count == 1 ? "slot removed" : "slots removed",
                     [locations](repair_plan *plan) {
-                        for (const fat::dentry_location &location : locations) {
+                        for (const core::slot_place &location : locations) {
                             plan->remove_slot(location);
                         }
                     });
@@ -249,7 +253,7 @@ private:
             is_long_name_slot(space.slot(slot)) || !is_entry(space.slot(slot))) {
             return std::nullopt;
         }
-        return entry_of_slot(space.slot(slot), slot, {});
+        return entry_of_slot(space.slot(slot), slot, {}, space.is_wide());
     }
 
     // Whether a dot entry may be written to the slot: the slot is free, or holds a damaged dot

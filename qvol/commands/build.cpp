@@ -13,8 +13,6 @@
 #include "qvol/volume_shape.h"
 #include "qvol/whole_volume.h"
 
-#include "fat/internal.h"
-
 #include <filesystem>
 
 #include <fmt/core.h>
@@ -136,29 +134,28 @@ struct build_result {
 
 build_result describe(volume &vol, const std::string &path, const tree_totals &totals,
                       const std::string &label) {
-    const u64 free_bytes = u64{vol.fat().free_count()} * fat::cluster_bytes();
+    const u64 free_bytes = u64{vol.fat().free_count()} * vol.on().cluster_bytes();
     build_result result = {totals, totals_json(totals), {}};
     result.document.add("image", path);
     result.document.add("image_bytes", vol.where().size());
-    result.document.add("volume_bytes", u64{sv->total_sectors} * sv->sector_size);
-    result.document.add("fat_type", sv->fat_type);
-    result.document.add("sector_size", sv->sector_size);
-    result.document.add("cluster_size", fat::cluster_bytes());
+    result.document.add("volume_bytes", u64{vol.on().at.total_sectors} * vol.on().at.sector_size);
+    result.document.add("fat_type", vol.on().at.width);
+    result.document.add("sector_size", vol.on().at.sector_size);
+    result.document.add("cluster_size", vol.on().cluster_bytes());
     result.document.add("label", label);
     result.document.add("free_bytes", free_bytes);
     result.remark = fmt::format("{}: {}, FAT{}, clusters of {}, {} free", shown_bytes(path),
-                                shown_size(vol.where().size()), sv->fat_type,
-                                shown_size(fat::cluster_bytes()), shown_size(free_bytes));
+                                shown_size(vol.where().size()), vol.on().at.width,
+                                shown_size(vol.on().cluster_bytes()), shown_size(free_bytes));
     return result;
 }
 
 // Formats the target, which already has the length of the volume, and copies the content.
 build_result build_volume(const common_options &common, const build_options &options,
                           const volume_shape &shape, const std::vector<host_node> &nodes,
-                          const target &where) {
-    sv->long_name = options.is_short ? 0 : 1;
+                          target &where) {
     const std::string label = options.label.value_or("");
-    format_target(shape, label);
+    format_target(where, shape, label);
     volume vol(where, common.encoding);
     if (options.leaves_copies) {
         vol.fat().leave_other_copies();
@@ -166,7 +163,7 @@ build_result build_volume(const common_options &common, const build_options &opt
     for (const reserved_file *file : reserved_files(options)) {
         make_reserved_file(vol, *file);
     }
-    import_plan plan(vol, false);
+    import_plan plan(vol, false, !options.is_short);
     plan.plan(nodes, vol.root(), "/");
     const tree_totals totals = totals_of(nodes);
     progress bar("build", totals.bytes, common.out.is_quiet);
@@ -221,7 +218,7 @@ void check_device(const target &where, const build_options &options) {
 }
 
 build_result build_on_device(const common_options &common, const build_options &options) {
-    const target where(common.image, access::WRITE);
+    target where(common.image, access::WRITE);
     check_device(where, options);
     build_options completed = options;
     if (options.size.empty()) {
@@ -236,7 +233,7 @@ build_result build_on_device(const common_options &common, const build_options &
     const std::vector<host_node> nodes = scan_tree(options, name_codec(common.encoding));
     const volume_shape shape = choose_shape(request, content_of(options, nodes));
     where.limit_size(shape.bytes);
-    deferred_boot_sector boot(where);
+    deferred_boot_sector boot(&where, shape.sector_bytes);
     build_result result = build_volume(common, options, shape, nodes, where);
     boot.release();
     return result;

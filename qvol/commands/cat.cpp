@@ -41,7 +41,7 @@ int run_cat(const common_options &common, const cat_options &options) {
                 continue;
             }
             const entry &file = require_file(vol, where);
-            read_data(clusters_of_file(vol.fat(), file.start(), file.size()), file.size(),
+            read_data(vol.on(), clusters_of_file(vol.fat(), file.start(), file.size()), file.size(),
                       [](std::span<const u8> bytes) { write_bytes(bytes.data(), bytes.size()); });
         }
         if (common.out.is_json) {

@@ -6,8 +6,6 @@
 #include "qvol/host.h"
 #include "qvol/sectors.h"
 
-#include "fat/internal.h"
-
 #include <charconv>
 
 #include <fmt/core.h>
@@ -24,19 +22,19 @@ struct dump_options {
 
 constexpr u32 SECTORS_AT_ONCE = 256;
 
-void dump_sectors(u64 first, u64 count, const write_piece &put) {
+void dump_sectors(const volume &vol, u64 first, u64 count, const write_piece &put) {
     while (count > 0) {
         const u32 part = static_cast<u32>(std::min<u64>(count, SECTORS_AT_ONCE));
-        put(read_extent(first, part));
+        put(read_extent(vol.on(), first, part));
         first += part;
         count -= part;
     }
 }
 
 // The reserved area and the first FAT.
-write_content fat_content() {
-    return [](const write_piece &put) {
-        dump_sectors(sv->pbr_start, u64{sv->fat_start} - sv->pbr_start + sv->fat_size, put);
+write_content fat_content(const volume &vol) {
+    return [&vol](const write_piece &put) {
+        dump_sectors(vol, 0, u64{vol.on().at.fat_start} + vol.on().at.fat_sectors, put);
     };
 }
 
@@ -48,8 +46,9 @@ write_content cluster_content(volume &vol, const std::string &number) {
         throw usage_error(fmt::format("\"{}\" is not a cluster number", shown_bytes(number)));
     }
     (void)vol.fat().get(cluster); // throws if the cluster does not exist
-    return [cluster](const write_piece &put) {
-        dump_sectors(sector_of_cluster(cluster), sv->sec_per_clus, put);
+    return [&vol, cluster](const write_piece &put) {
+        dump_sectors(vol, sector_of_cluster(vol.on(), cluster), vol.on().at.sectors_per_cluster,
+                     put);
     };
 }
 
@@ -57,22 +56,25 @@ write_content cluster_content(volume &vol, const std::string &number) {
 write_content entry_content(volume &vol, const std::string &path) {
     const resolved_path where = resolve(vol, path);
     if (where.is_root() && where.parent.start() == directory::ROOT) {
-        return [](const write_piece &put) {
-            dump_sectors(sv->rdir_start, sv->data_start - sv->rdir_start, put);
+        return [&vol](const write_piece &put) {
+            dump_sectors(vol, vol.on().at.root_start,
+                         vol.on().at.data_start - vol.on().at.root_start, put);
         };
     }
     const u32 start = where.is_root() ? where.parent.start() : where.found->start();
     const std::vector<u32> clusters = where.is_directory()
                                           ? vol.fat().chain(start)
                                           : clusters_of_file(vol.fat(), start, where.found->size());
-    const u64 size =
-        where.is_directory() ? u64{clusters.size()} * fat::cluster_bytes() : where.found->size();
-    return [clusters, size](const write_piece &put) { read_data(clusters, size, put); };
+    const u64 size = where.is_directory() ? u64{clusters.size()} * vol.on().cluster_bytes()
+                                          : where.found->size();
+    return [&vol, clusters, size](const write_piece &put) {
+        read_data(vol.on(), clusters, size, put);
+    };
 }
 
 write_content content_of(volume &vol, const dump_options &options) {
     if (options.what == "fat") {
-        return fat_content();
+        return fat_content(vol);
     }
     return options.what == "cluster" ? cluster_content(vol, options.arguments.front())
                                      : entry_content(vol, options.arguments.front());

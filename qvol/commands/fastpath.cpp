@@ -3,7 +3,7 @@
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
 
-#include "fat/internal.h"
+#include "core/fast_path.h"
 
 #include <fmt/core.h>
 
@@ -11,48 +11,18 @@ namespace qvol {
 
 namespace {
 
-constexpr std::size_t FAST_PATH_BYTES = 20; // with the terminator
-
 struct fastpath_options {
     std::vector<std::string> paths;
     std::string dir;
 };
 
-// An open id of the library.
-class open_id {
-public:
-    open_id(const std::string &shown, const entry &opened, const directory &parent) {
-        const fat::dentry_location location = parent.location(opened.slot);
-        core::heap_ptr<oentry> record = core::zeroed_records<oentry>();
-        if (record == nullptr) {
-            throw std::bad_alloc();
-        }
-        if (fat::fat_set_oentry(opened.raw.data(), location.sector, location.offset, record.get()) <
-                0 ||
-            record->dentry == nullptr) {
-            throw error("cannot open " + shown + ": its chain is broken");
-        }
-        record->parent_clus = parent.start();
-        id_ = fat::register_oentry(record.get());
-        if (id_ < 0) {
-            std::free(record->dentry);
-            throw error("cannot open " + shown + ": too many open files");
-        }
-        (void)record.release(); // the table owns it
-    }
-    ~open_id() {
-        (void)fat_close(id_); // a valid id
-    }
-    open_id(const open_id &) = delete;
-    open_id &operator=(const open_id &) = delete;
-
-    [[nodiscard]] int get() const {
-        return id_;
-    }
-
-private:
-    int id_ = -1;
-};
+// Whether the driver can follow the chain of the file.
+bool has_whole_chain(const core::volume &on, const entry &file) {
+    const u32 start = core::start_cluster(file.raw.data());
+    core::table fat(on);
+    u32 stopped_at = 0;
+    return start == 0 || core::measure_chain(fat, start, &stopped_at).ok();
+}
 
 struct fast_path {
     name_path path;
@@ -63,12 +33,12 @@ struct fast_path {
 fast_path fast_path_of(const volume &vol, const name_path &path, const entry &file,
                        const directory &parent) {
     const std::string shown = shown_path(vol.names(), path);
-    const open_id id(shown, file, parent);
-    char name[fat::LONG_NAME_UNITS] = {};
-    char text[FAST_PATH_BYTES] = {};
-    if (zuq_get_fast_open_path_of_file(id.get(), name, text) < 0) {
-        throw error("cannot get the fast-open path of " + shown);
+    if (!has_whole_chain(vol.on(), file)) {
+        throw error("cannot open " + shown + ": its chain is broken");
     }
+    char text[core::FAST_PATH_SIZE];
+    core::store_fast_path(text, vol.on().at.sector_size, parent.location(file.slot),
+                          file.raw.data());
     return {path, shown, text};
 }
 

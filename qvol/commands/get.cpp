@@ -71,8 +71,8 @@ private:
 
     // Files that share their chains could take much more space on the host than the volume has.
     void count_clusters(const entry &found) {
-        clusters_ += clusters_for(found.size());
-        if (clusters_ > sv->num_clusters) {
+        clusters_ += clusters_for(vol_.on(), found.size());
+        if (clusters_ > vol_.on().at.clusters) {
             throw error("cannot copy: files share clusters and need more space than the volume "
                         "has; repair the volume first");
         }
@@ -154,13 +154,13 @@ private:
 
     void make_file(const host_directory &into, const std::string &name, const entry &found) {
         const std::vector<u32> clusters = clusters_of_file(vol_.fat(), found.start(), found.size());
-        into.make_file(name, is_forced_, moment_of(found.modified()),
-                       [&](const write_piece &write) {
-                           read_data(clusters, found.size(), [&](std::span<const u8> bytes) {
-                               write(bytes);
-                               bar_->add(bytes.size());
-                           });
-                       });
+        into.make_file(
+            name, is_forced_, moment_of(found.modified()), [&](const write_piece &write) {
+                read_data(vol_.on(), clusters, found.size(), [&](std::span<const u8> bytes) {
+                    write(bytes);
+                    bar_->add(bytes.size());
+                });
+            });
         totals_.files++;
         totals_.bytes += found.size();
     }

@@ -4,8 +4,6 @@
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
 
-#include "fat/internal.h"
-
 #include <algorithm>
 
 #include <fmt/core.h>
@@ -64,29 +62,30 @@ json areas_json(const std::vector<area> &areas) {
 }
 
 json info_json(const volume_info &info) {
+    const core::volume &on = info.vol.on();
     const boot_fields &boot = info.vol.boot();
     return {{"image", info.vol.where().path()},
             {"image_bytes", info.vol.where().size()},
-            {"fat_type", sv->fat_type},
+            {"fat_type", on.at.width},
             {"label", info.label},
             {"boot_label", boot.label},
             {"serial", info.serial},
             {"oem_name", boot.oem_name},
-            {"sector_size", sv->sector_size},
-            {"cluster_size", fat::cluster_bytes()},
-            {"total_sectors", sv->total_sectors},
+            {"sector_size", on.at.sector_size},
+            {"cluster_size", on.cluster_bytes()},
+            {"total_sectors", on.at.total_sectors},
             {"fat_copies", boot.fat_copies},
             {"root_entries", boot.root_entries},
-            {"root_cluster", sv->root_clus},
+            {"root_cluster", on.at.root_cluster},
             {"areas", areas_json(info.areas)},
             {"clusters", info.clusters},
             {"free_clusters", info.free_clusters},
             {"used_clusters", info.clusters - info.free_clusters},
-            {"free_bytes", u64{info.free_clusters} * fat::cluster_bytes()}};
+            {"free_bytes", u64{info.free_clusters} * on.cluster_bytes()}};
 }
 
-std::string clusters_text(u64 count) {
-    return fmt::format("{} ({})", count, shown_size(count * fat::cluster_bytes()));
+std::string clusters_text(const core::volume &on, u64 count) {
+    return fmt::format("{} ({})", count, shown_size(count * on.cluster_bytes()));
 }
 
 void print_areas(const output &out, const std::vector<area> &areas) {
@@ -100,19 +99,21 @@ void print_areas(const output &out, const std::vector<area> &areas) {
 }
 
 void print_info(const output &out, const volume_info &info) {
+    const core::volume &on = info.vol.on();
     const target &where = info.vol.where();
     out.line(
         fmt::format("image         {}, {}", shown_bytes(where.path()), shown_size(where.size())));
-    out.line(fmt::format("type          FAT{}", sv->fat_type));
+    out.line(fmt::format("type          FAT{}", on.at.width));
     out.line(
         fmt::format("label         {}", info.label.empty() ? "none" : shown_bytes(info.label)));
     out.line(fmt::format("serial        {}", info.serial));
-    out.line(fmt::format("sector size   {} bytes", sv->sector_size));
-    out.line(fmt::format("cluster size  {} bytes", fat::cluster_bytes()));
-    out.line(fmt::format("sectors       {}", sv->total_sectors));
-    out.line(fmt::format("clusters      {}", clusters_text(info.clusters)));
-    out.line(fmt::format("used          {}", clusters_text(info.clusters - info.free_clusters)));
-    out.line(fmt::format("free          {}", clusters_text(info.free_clusters)));
+    out.line(fmt::format("sector size   {} bytes", on.at.sector_size));
+    out.line(fmt::format("cluster size  {} bytes", on.cluster_bytes()));
+    out.line(fmt::format("sectors       {}", on.at.total_sectors));
+    out.line(fmt::format("clusters      {}", clusters_text(on, info.clusters)));
+    out.line(
+        fmt::format("used          {}", clusters_text(on, info.clusters - info.free_clusters)));
+    out.line(fmt::format("free          {}", clusters_text(on, info.free_clusters)));
     print_areas(out, info.areas);
 }
 

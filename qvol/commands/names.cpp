@@ -100,8 +100,8 @@ struct ln_options {
     std::string path;
 };
 
-void write_text(const std::vector<u32> &clusters, const std::string &target) {
-    data_writer writer;
+void write_text(const volume &vol, const std::vector<u32> &clusters, const std::string &target) {
+    data_writer writer(vol.on());
     writer.begin(clusters);
     writer.append({reinterpret_cast<const u8 *>(target.data()), target.size()});
     writer.end();
@@ -110,10 +110,10 @@ void write_text(const std::vector<u32> &clusters, const std::string &target) {
 
 int run_ln(const common_options &common, const ln_options &options) {
     const std::string &target = options.target;
-    if (target.empty() || target.size() > fat::MAX_PATH_LENGTH) {
+    if (target.empty() || target.size() > MAX_TARGET_BYTES) {
         throw usage_error(
             fmt::format("cannot make link {}: the target has {} bytes, must have 1 to {}",
-                        shown_bytes(options.path), target.size(), fat::MAX_PATH_LENGTH));
+                        shown_bytes(options.path), target.size(), MAX_TARGET_BYTES));
     }
     return with_volume(common, access::WRITE, [&](volume &vol) {
         resolved_path where = find_path(vol, options.path);
@@ -122,10 +122,10 @@ int run_ln(const common_options &common, const ln_options &options) {
         }
         add_context(vol, MAKE_LINK, where.path, [&] {
             const auto size = static_cast<u32>(target.size());
-            const std::vector<u32> clusters = vol.fat().allocate(clusters_for(size));
+            const std::vector<u32> clusters = vol.fat().allocate(clusters_for(vol.on(), size));
             where.parent.add({where.path.back(), kind::LINK, clusters.front(), size,
                               dos_time_of(current_time())});
-            write_text(clusters, target);
+            write_text(vol, clusters, target);
             vol.commit_additions({&where.parent});
         });
         json made = json::array();

@@ -4,8 +4,6 @@
 #include "qvol/commands/commands.h"
 #include "qvol/tree.h"
 
-#include "fat/internal.h"
-
 #include <algorithm>
 
 #include <fmt/core.h>
@@ -49,11 +47,11 @@ std::vector<name_path> find_owners(volume &vol, u32 cluster) {
     return owners;
 }
 
-std::string state_of(u32 value, bool is_owned) {
+std::string state_of(const volume &vol, u32 value, bool is_owned) {
     if (value == core::FAT_FREE) {
         return "free";
     }
-    return value == fat::bad_mark() ? "bad" : is_owned ? "used" : "lost";
+    return value == vol.on().bad_mark() ? "bad" : is_owned ? "used" : "lost";
 }
 
 int run_owner(const common_options &common, const owner_options &options) {
@@ -62,7 +60,7 @@ int run_owner(const common_options &common, const owner_options &options) {
         const u32 value = vol.fat().get(cluster);
         const std::vector<name_path> owners =
             value == core::FAT_FREE ? std::vector<name_path>() : find_owners(vol, cluster);
-        const std::string state = state_of(value, !owners.empty());
+        const std::string state = state_of(vol, value, !owners.empty());
         json paths = json::array();
         for (const name_path &path : owners) {
             paths.push_back(json_path(path));

@@ -34,7 +34,7 @@ json chain_json(const std::vector<cluster_extent> &extents) {
 }
 
 json location_json(const resolved_path &where) {
-    const fat::dentry_location location = where.parent.location(where.found->slot);
+    const core::slot_place location = where.parent.location(where.found->slot);
     return {{"sector", location.sector},
             {"offset", location.offset},
             {"slot", where.found->slot},
@@ -62,7 +62,7 @@ std::string chain_text(const std::vector<cluster_extent> &extents) {
 
 void print_fields(const output &out, volume &vol, const resolved_path &where) {
     const entry &found = *where.found;
-    const fat::dentry_location location = where.parent.location(found.slot);
+    const core::slot_place location = where.parent.location(found.slot);
     out.line(fmt::format("kind        {}", kind_name(found.type())));
     out.line(fmt::format("short name  {}", vol.names().shown(short_name_units(found.alias(), 0))));
     out.line(fmt::format("long name   {}", found.has_long_name ? "yes" : "no"));

@@ -43,7 +43,7 @@ int run_mirror(const common_options &common) {
 // ---- compact ----
 
 int run_compact(const common_options &common) {
-    const target where(common.image, access::WRITE);
+    target where(common.image, access::WRITE);
     if (where.is_device()) {
         throw error("cannot cut " + shown_bytes(common.image) +
                     ": it is a device, only image files can be cut");
