@@ -16,8 +16,6 @@ namespace fat {
 
 namespace {
 
-constexpr u16 PADDING_UNIT = 0xFFFF; // after the terminator of a long name
-
 // ---- free slots ----
 
 // Searches the directory from slot `position` on. Returns 1 for a complete span, 0 at the end, or a
@@ -252,12 +250,10 @@ int set_entry_value(u8 *entry, const u8 *dos, u32 kind, u32 start_clu, u8 lcase)
     store(entry, SHORT_CMSEC, 0); // Intentional: also for a kind that is refused
     switch (kind) {
     case DENTRY_FILE:
+    case KIND_SYMLINK:
         break;
     case DENTRY_DIR:
         attr = ATTR_DIRECTORY;
-        break;
-    case KIND_SYMLINK:
-        store(entry, SHORT_CMSEC, CMSEC_SYMLINK);
         break;
     case DENTRY_VOLUME:
         attr = ATTR_VOLUME;
@@ -266,16 +262,13 @@ int set_entry_value(u8 *entry, const u8 *dos, u32 kind, u32 start_clu, u8 lcase)
         REPORT("Check Here!\n\n");
         return -EINVAL;
     }
-    store(entry, SHORT_ATTR, attr);
-    std::memcpy(entry + SHORT_NAME.offset, dos, SHORT_NAME.size);
-    store(entry, SHORT_SYSID, lcase);
     // Intentional: creation and access have no date, only the modification.
-    store(entry, SHORT_CTIME, 0);
-    store(entry, SHORT_CDATE, 0);
-    store(entry, SHORT_ADATE, 0);
+    core::store_short_entry(entry, {.name = dos,
+                                    .attributes = attr,
+                                    .case_bits = lcase,
+                                    .start = start_clu,
+                                    .is_link = kind == KIND_SYMLINK});
     set_entry_time(entry);
-    set_start_cluster(entry, start_clu);
-    store(entry, SHORT_FILE_SIZE, 0);
     if (fat_perm.perm_enable == 1) {
         add_permissions(entry, std::memcmp(dos, DOT_DOT_NAME, sizeof DOT_DOT_NAME) == 0);
     }
@@ -287,17 +280,7 @@ int set_volume_entry(u8 *entry, const u8 *label) {
 }
 
 int set_long_slot(u8 *slot, u8 ordinal, const u16 *units, u8 checksum) {
-    store(slot, SLOT_ORDINAL, ordinal);
-    store(slot, SLOT_ATTR, ATTR_LONG_NAME);
-    store(slot, SLOT_SYSID, 0);
-    store(slot, SLOT_CHECKSUM, checksum);
-    store(slot, SLOT_START, 0);
-    bool ended = false;
-    for (u32 i = 0; i < SLOT_UNITS; i++) {
-        const u16 unit = ended ? PADDING_UNIT : units[i];
-        store16(slot + slot_unit_offset(i), unit);
-        ended = ended || unit == 0 || unit == PADDING_UNIT;
-    }
+    core::store_long_slot(slot, ordinal, units, checksum);
     return 0;
 }
 

@@ -1,9 +1,12 @@
-// Declarations that the sources of the library share. Outside fat/ only qvol and the tests include
-// this.
+// Declarations that the sources of the library share. Outside fat/ only the tests include this.
+//
+// The library is a face of the engine (core/): it has the one open volume, ids, texts and the rules
+// of its own. The engine returns faults; fatent and dentry have the tables that turn them into
+// messages and error numbers.
 //
 // Layers, from the lowest up:
-//   diag, bytes, layout, resources  basis: diagnostics, records on the medium, ownership
-//   volume                          the open target and its sectors
+//   diag                            messages
+//   volume                          the open target, its sectors, what is known during a call
 //   param, geometry, bootsector, format
 //                                   formatting
 //   fatent, chain                   FAT entries and links, cluster chains
