@@ -105,7 +105,19 @@ int link_cluster(core::table *fat, oentry *entry, u32 cluster) {
     return result;
 }
 
+// Linking a cluster behind what a record takes for the end of its chain changes the chain in the
+// middle if another record has extended it: then positions of other records are not valid any more.
+void forget_other_positions(oentry *entry) {
+    const bool is_before_end = entry != nullptr && entry->kept_epoch == chain_epoch() &&
+                               entry->kept_links < entry->allocated / cluster_bytes();
+    forget_positions();
+    if (is_before_end) {
+        entry->kept_epoch = chain_epoch();
+    }
+}
+
 int alloc_cluster(core::table *fat, oentry *entry, u32 *cluster) {
+    forget_other_positions(entry);
     correct_hint();
     const int found = find_free_cluster(fat, cluster);
     if (found < 0) {
