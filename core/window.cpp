@@ -68,7 +68,7 @@ bool sector_window::read_ahead(const volume &of, u64 sector, u32 count) {
     return true;
 }
 
-void sector_window::refresh(u64 sector, const u8 *content) {
+void sector_window::refresh(u64 sector, const u8 *content) const {
     u8 *known = find(sector);
     if (known != nullptr) {
         std::memcpy(known, content, sector_size_);

@@ -36,7 +36,7 @@ public:
     [[nodiscard]] bool read_ahead(const volume &of, u64 sector, u32 count);
 
     // Copies the new content of a sector into the window if the window contains that sector.
-    void refresh(u64 sector, const u8 *content);
+    void refresh(u64 sector, const u8 *content) const;
 
     // Empties the window if it contains a sector whose content is no longer known.
     void forget(u64 sector);

@@ -13,27 +13,27 @@ namespace {
 
 // What to print for a fault of the FAT, in whose name, and its errno.
 struct fault_report {
-    core::fault why;
     const char *function;
     const char *text;
     int error;
+    core::fault why;
 };
 
 constexpr fault_report LINK_REPORTS[] = {
-    {core::fault::WIDTH, "fat_read_entry", "Invalid FAT type\n\n", EINVAL},
-    {core::fault::TABLE_MEMORY, "fat_read_entry", "cannot allocate FAT\n\n", ENOMEM},
-    {core::fault::TABLE_READ, "fat_read_entry", "cannot read FAT\n\n", EIO},
-    {core::fault::TABLE_WRITE, "fat_write_entry", "cannot write FAT\n\n", EIO},
-    {core::fault::CLUSTER_NUMBER, "fat_read_clus", "Invalid arg!\n\n", EINVAL},
-    {core::fault::LINK_VALUE, "fat_read_clus", "Invalid cluster!\n\n", EINVAL},
+    {"fat_read_entry", "Invalid FAT type\n\n", EINVAL, core::fault::WIDTH},
+    {"fat_read_entry", "cannot allocate FAT\n\n", ENOMEM, core::fault::TABLE_MEMORY},
+    {"fat_read_entry", "cannot read FAT\n\n", EIO, core::fault::TABLE_READ},
+    {"fat_write_entry", "cannot write FAT\n\n", EIO, core::fault::TABLE_WRITE},
+    {"fat_read_clus", "Invalid arg!\n\n", EINVAL, core::fault::CLUSTER_NUMBER},
+    {"fat_read_clus", "Invalid cluster!\n\n", EINVAL, core::fault::LINK_VALUE},
 };
 
 constexpr fault_report CHANGE_REPORTS[] = {
-    {core::fault::NO_GEOMETRY, "fat_write_entry", "Invalid: sector size is not set\n\n", EINVAL},
-    {core::fault::WIDTH, "fat_write_entry", "Invalid FAT type\n", EINVAL},
-    {core::fault::TABLE_MEMORY, "fat_write_entry", "cannot allocate buffer\n\n", ENOMEM},
-    {core::fault::TABLE_READ, "fat_write_entry", "cannot read FAT\n", EIO},
-    {core::fault::TABLE_WRITE, "fat_write_entry", "cannot write FAT\n\n", EIO},
+    {"fat_write_entry", "Invalid: sector size is not set\n\n", EINVAL, core::fault::NO_GEOMETRY},
+    {"fat_write_entry", "Invalid FAT type\n", EINVAL, core::fault::WIDTH},
+    {"fat_write_entry", "cannot allocate buffer\n\n", ENOMEM, core::fault::TABLE_MEMORY},
+    {"fat_write_entry", "cannot read FAT\n", EIO, core::fault::TABLE_READ},
+    {"fat_write_entry", "cannot write FAT\n\n", EIO, core::fault::TABLE_WRITE},
 };
 
 template <std::size_t N>
