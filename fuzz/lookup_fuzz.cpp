@@ -15,8 +15,8 @@ bool is_known_result(int result) {
 }
 
 void gather_all_names(oentry *dir) {
-    dentry_walk walk;
-    if (!begin_walk(&walk, dir)) {
+    dentry_walk walk(dir);
+    if (!walk.slots.reserve()) {
         return;
     }
     const heap_ptr<u8> buffer = zeroed_bytes(sv->sector_size);
