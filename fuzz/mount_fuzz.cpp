@@ -25,8 +25,8 @@ void open_target(input *in) {
     sv->long_name = in->byte() & 1;
     medium.fill(0);
     std::memcpy(medium.data(), in->rest(), std::min(in->left(), MEDIUM_BYTES));
-    read_sectors = read_medium;
-    write_sectors = write_medium;
+    read_sectors = read_image;
+    write_sectors = write_image;
     fat_set_diagnostics(nullptr);
 }
 
