@@ -58,7 +58,7 @@ inline std::uint64_t transfer_unit() {
     return sv->sector_size != 0 ? sv->sector_size : fat::UNKNOWN_SECTOR_SIZE;
 }
 
-inline int read_medium(void *buf, std::uint64_t sector, std::uint32_t count) {
+inline int read_image(void *buf, std::uint64_t sector, std::uint32_t count) {
     const std::uint64_t unit = transfer_unit();
     const std::uint64_t moved = sectors_inside(sector, count, unit);
     if (moved == 0) {
@@ -68,7 +68,7 @@ inline int read_medium(void *buf, std::uint64_t sector, std::uint32_t count) {
     return static_cast<int>(moved);
 }
 
-inline int write_medium(void *buf, std::uint64_t sector, std::uint32_t count) {
+inline int write_image(void *buf, std::uint64_t sector, std::uint32_t count) {
     const std::uint64_t unit = transfer_unit();
     const std::uint64_t moved = sectors_inside(sector, count, unit);
     std::memcpy(medium.data() + sector * unit, buf, moved * unit);
@@ -93,8 +93,8 @@ inline void open_medium(fat_super *volume, std::uint8_t shape, input *in) {
     medium.fill(0);
     std::memcpy(medium.data(), in->rest(), std::min(in->left(), MEDIUM_BYTES));
     sv = volume;
-    read_sectors = read_medium;
-    write_sectors = write_medium;
+    read_sectors = read_image;
+    write_sectors = write_image;
     fat_set_diagnostics(nullptr);
 }
 
