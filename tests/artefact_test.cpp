@@ -26,7 +26,7 @@ constexpr bool IS_RELEASE = std::string_view(QUORVEL_BUILD_TYPE) == "Release";
 
 std::vector<std::filesystem::path> sources() {
     std::vector<std::filesystem::path> result;
-    for (const char *directory : {"fat", "tool"}) {
+    for (const char *directory : {"core", "fat", "tool"}) {
         for (const auto &entry : std::filesystem::directory_iterator(
                  std::filesystem::path(QUORVEL_SOURCE_DIR) / directory)) {
             if (entry.path().extension() == ".cpp" || entry.path().extension() == ".h") {
