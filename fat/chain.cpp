@@ -105,7 +105,7 @@ int link_cluster(core::table *fat, oentry *entry, u32 cluster) {
     return result;
 }
 
-// Linking a cluster behind what a record takes for the end of its chain changes the chain in the
+// Linking a cluster after what a record takes for the end of its chain changes the chain in the
 // middle if another record has extended it: then positions of other records are not valid any more.
 void forget_other_positions(oentry *entry) {
     const bool is_before_end = entry != nullptr && entry->kept_epoch == chain_epoch() &&
