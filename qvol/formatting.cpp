@@ -19,7 +19,7 @@ constexpr std::size_t LABEL_SIZE = core::SHORT_NAME.size;
 constexpr const char *NO_NAME = "NO NAME";
 constexpr std::string_view LABEL_PUNCTUATION = " $%'-_@~`!(){}^#&";
 
-std::string upper_case(std::string text) {
+std::string in_upper_case(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(), [](char c) {
         return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
     });
@@ -33,7 +33,7 @@ bool is_label_character(char c) {
 
 // Why the label is invalid, or "".
 std::string label_problem(const std::string &label) {
-    const std::string upper = upper_case(label);
+    const std::string upper = in_upper_case(label);
     if (label.empty()) {
         return "is empty; omit the option for a volume without a label";
     }

@@ -15,7 +15,7 @@ namespace qvol {
 
 namespace {
 
-constexpr std::size_t PIECE_BYTES = std::size_t{128} * 1024;
+constexpr std::size_t HOST_READ_BYTES = std::size_t{128} * 1024;
 
 // Reads a file of the host and passes its bytes to `take`. Throws error if they are not `size`
 // bytes.
@@ -220,7 +220,7 @@ void import_plan::write_file(const planned_file &file, data_writer *writer, prog
 
 void import_plan::write(progress *bar) {
     data_writer writer(vol_.on(), vol_.where().is_fresh());
-    buffer_.resize(PIECE_BYTES);
+    buffer_.resize(HOST_READ_BYTES);
     for (const planned_file &file : files_) {
         write_file(file, &writer, bar);
     }

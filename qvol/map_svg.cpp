@@ -27,7 +27,6 @@ constexpr double SECTION_GAP = 30;
 constexpr double ROW_HEIGHT = 23;
 constexpr double MONO_WIDTH = 7.3; // of a column of the fixed font of 12 units
 
-constexpr std::size_t MAX_LISTED = FILES_WITH_CLASS;
 constexpr std::size_t MAX_TITLE_LINES = 8;
 
 // Light and dark, by the setting of the browser. Classes: r f t d: the areas; c0 to c12: the
@@ -477,7 +476,7 @@ void map_picture::draw_positions(const cluster_owner &owner, const box &at,
 }
 
 double map_picture::draw_pieces(double x, double width) {
-    const std::vector<u32> listed = map_.most_pieces(MAX_LISTED);
+    const std::vector<u32> listed = map_.most_pieces(FILES_WITH_CLASS);
     box row = {x, y_, width, ROW_HEIGHT};
     body_.text(x, row.y + 14, "h", "Most fragmented");
     row.y += HEADING_HEIGHT - 6;

@@ -13,14 +13,14 @@ namespace qvol {
 namespace {
 
 constexpr auto INTERVAL = std::chrono::milliseconds(100);
-constexpr u64 WIDTH = 30; // of the bar, in characters
+constexpr u64 BAR_WIDTH = 30; // of the bar, in characters
 
 } // namespace
 
 std::string progress_text(const std::string &label, u64 done, u64 total, double seconds) {
     const double share = static_cast<double>(done) / static_cast<double>(total);
-    const auto filled = static_cast<std::size_t>(share * static_cast<double>(WIDTH));
-    const std::string bar = std::string(filled, '#') + std::string(WIDTH - filled, '.');
+    const auto filled = static_cast<std::size_t>(share * static_cast<double>(BAR_WIDTH));
+    const std::string bar = std::string(filled, '#') + std::string(BAR_WIDTH - filled, '.');
     const double rate = seconds > 0 ? static_cast<double>(done) / seconds : 0;
     const std::string left =
         rate > 0 ? fmt::format("{:.0f} s left", static_cast<double>(total - done) / rate) : "";

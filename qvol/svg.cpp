@@ -8,7 +8,7 @@ namespace qvol {
 
 namespace {
 
-constexpr const char *REPLACEMENT = "\xEF\xBF\xBD"; // U+FFFD
+constexpr const char *REPLACEMENT_TEXT = "\xEF\xBF\xBD"; // U+FFFD
 
 std::string escaped_ascii(char letter) {
     switch (letter) {
@@ -26,7 +26,7 @@ std::string escaped_ascii(char letter) {
         return "\n";
     default:
         return static_cast<unsigned char>(letter) < ' ' || letter == '\x7F'
-                   ? REPLACEMENT
+                   ? REPLACEMENT_TEXT
                    : std::string(1, letter);
     }
 }
@@ -53,7 +53,7 @@ std::string xml_text(std::string_view text) {
         }
         const std::string_view character = text.substr(0, bytes_of_character(text.front()));
         const bool is_text = units_of_utf8(character).has_value();
-        result += is_text && !is_noncharacter(character) ? character : REPLACEMENT;
+        result += is_text && !is_noncharacter(character) ? character : REPLACEMENT_TEXT;
         text.remove_prefix(is_text ? character.size() : 1);
     }
     return result;

@@ -65,11 +65,11 @@ planned_reserved_file plan_or_refuse(volume &vol, directory *root, const reserve
     throw failure(file, ENOSPC);
 }
 
-void write_content(const volume &vol, const std::vector<u32> &clusters, std::vector<u8> content) {
-    content.resize(clusters.size() * vol.on().cluster_bytes());
+void write_header(const volume &vol, const std::vector<u32> &clusters, std::vector<u8> header) {
+    header.resize(clusters.size() * vol.on().cluster_bytes());
     data_writer writer(vol.on(), vol.where().is_fresh());
     writer.begin(clusters);
-    writer.append(content);
+    writer.append(header);
     writer.flush();
 }
 
@@ -81,7 +81,7 @@ const reserved_file LOG_FILE = {"$ZUQ_LOG.LO$", no_header, LOG_BYTES};
 void make_reserved_file(volume &vol, const reserved_file &file) {
     directory root = vol.root();
     const planned_reserved_file planned = plan_or_refuse(vol, &root, file);
-    write_content(vol, planned.clusters, file.header(planned.dentry));
+    write_header(vol, planned.clusters, file.header(planned.dentry));
     vol.commit_additions({&root});
 }
 

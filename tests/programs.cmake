@@ -1,7 +1,8 @@
 # test_program(NAME SOURCES S...): a program with the cases of tests/S.cpp, registered as NAME, and as
 # asan.NAME with the sanitized library and programs.
 #
-#   OPTIMISED       calculates for long: see support.cmake
+#   OPTIMISED S...  further sources, which calculate for long: see support.cmake
+#   ALONE S...      those of the sources whose names clash with others: not compiled in a batch
 #   SHARDS N        registers N parts, NAME.1 to NAME.N, which may run at the same time
 #   RUNS_PROGRAMS   tests other programs: not under valgrind, not for another machine; asan.NAME is the
 #                   same program with the sanitized programs
@@ -36,16 +37,22 @@ function(register_program name shards)
 endfunction()
 
 function(test_program name)
-  cmake_parse_arguments(arg "OPTIMISED;RUNS_PROGRAMS;CALLS_LIBRARY;ONCE" "SHARDS;VALGRIND"
-                        "SOURCES;FURTHER;DEFINITIONS;LIBRARIES;SANITIZED_LIBRARIES;NEEDS" ${ARGN})
-  set_property(GLOBAL APPEND PROPERTY quorvel_test_sources ${arg_SOURCES})
+  cmake_parse_arguments(
+    arg "RUNS_PROGRAMS;CALLS_LIBRARY;ONCE" "SHARDS;VALGRIND"
+    "SOURCES;OPTIMISED;ALONE;FURTHER;DEFINITIONS;LIBRARIES;SANITIZED_LIBRARIES;NEEDS" ${ARGN})
+  set_property(GLOBAL APPEND PROPERTY quorvel_test_sources ${arg_SOURCES} ${arg_OPTIMISED})
   if(QUORVEL_TESTS)
     list(JOIN QUORVEL_TESTS "|" wanted)
     list(FILTER arg_SOURCES INCLUDE REGEX "^(${wanted})$")
+    list(FILTER arg_OPTIMISED INCLUDE REGEX "^(${wanted})$")
   endif()
-  if(NOT arg_SOURCES OR (CMAKE_CROSSCOMPILING AND arg_RUNS_PROGRAMS))
+  set(all_sources ${arg_SOURCES} ${arg_OPTIMISED})
+  if(NOT all_sources OR (CMAKE_CROSSCOMPILING AND arg_RUNS_PROGRAMS))
     return()
   endif()
+  foreach(source IN LISTS arg_ALONE)
+    set_source_files_properties(${source}.cpp PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
+  endforeach()
   if(NOT arg_SHARDS)
     set(arg_SHARDS 1)
   endif()
@@ -53,17 +60,20 @@ function(test_program name)
     set(arg_VALGRIND deep)
   endif()
 
+  # The optimised objects come first: of an inline function that several have, the first is linked.
+  set(objects "")
   set(support test_support)
   if(arg_OPTIMISED)
     set(support test_support_optimised)
+    add_objects(${name}_optimised_objects test_support_optimised "${arg_OPTIMISED}")
   endif()
-
-  list(TRANSFORM arg_SOURCES APPEND .cpp)
-  add_library(${name}_objects OBJECT ${arg_SOURCES} ${arg_FURTHER})
-  target_link_libraries(${name}_objects PRIVATE ${support} ${arg_LIBRARIES})
-  target_compile_definitions(${name}_objects PRIVATE ${arg_DEFINITIONS})
-  target_precompile_headers(${name}_objects REUSE_FROM ${support})
-  add_executable(${name} $<TARGET_OBJECTS:${name}_objects>)
+  if(arg_SOURCES)
+    add_objects(${name}_objects test_support "${arg_SOURCES}")
+  endif()
+  if(arg_FURTHER)
+    add_objects(${name}_further_objects test_support "${arg_FURTHER}")
+  endif()
+  add_executable(${name} ${objects})
   target_link_libraries(${name} PRIVATE ${support} ${arg_LIBRARIES} fat)
   add_dependencies(${name} quorvel ${arg_NEEDS})
   if(run_sanitized)
@@ -99,9 +109,21 @@ function(test_program name)
   endif()
 endfunction()
 
+# Sources of a test program, compiled with the options and the precompiled headers of `support`.
+macro(add_objects target with sources)
+  set(files ${sources})
+  list(TRANSFORM files APPEND .cpp REGEX "_test$")
+  add_library(${target} OBJECT ${files})
+  target_link_libraries(${target} PRIVATE ${with} ${arg_LIBRARIES})
+  target_compile_definitions(${target} PRIVATE ${arg_DEFINITIONS})
+  target_precompile_headers(${target} REUSE_FROM ${with})
+  compile_in_batches(${target} 3)
+  list(APPEND objects $<TARGET_OBJECTS:${target}>)
+endmacro()
+
 # The objects of a test program, linked with the sanitized library.
 macro(add_sanitized_program name)
-  add_executable(asan_${name} $<TARGET_OBJECTS:${name}_objects>)
+  add_executable(asan_${name} ${objects})
   target_link_libraries(asan_${name} PRIVATE ${support} ${arg_SANITIZED_LIBRARIES}
                                              $<TARGET_FILE:fat_sanitized>)
   target_link_options(asan_${name} PRIVATE ${sanitized_link_options})

@@ -76,6 +76,17 @@ if(NOT full_stage)
   list(APPEND sanitized_options -fno-sanitize=vptr -fsanitize-undefined-trap-on-error)
   set(sanitizer_settings handle_sigill=1)
 endif()
+
+# compile_in_batches(TARGET SIZE): headers and templates that the sources of a batch share are compiled
+# once for it. Not where CMAKE_UNITY_BUILD is set.
+function(compile_in_batches target size)
+  if(NOT DEFINED CMAKE_UNITY_BUILD)
+    set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE ${size})
+    # The sources of a batch count as headers, with classes that derive from those of the source.
+    target_compile_options(${target} PRIVATE -Wno-subobject-linkage)
+  endif()
+endfunction()
+
 if(run_sanitized)
   foreach(part core fat)
     string(TOUPPER ${part} list)

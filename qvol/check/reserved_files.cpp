@@ -15,7 +15,7 @@ namespace {
 
 constexpr char POOL_NAME[] = "ZUQ_POOLSY$";
 constexpr char LOG_NAME[] = "$ZUQ_LOGLO$";
-constexpr u32 LOG_BYTES = 128 * 1024; // at least; rounded up to full clusters
+constexpr u32 LEAST_LOG_BYTES = 128 * 1024; // rounded up to full clusters
 
 bool is_file_of_root(const survey &checked, u32 node, const char *name) {
     const tree_node &candidate = checked.nodes[node];
@@ -76,7 +76,8 @@ void check_reserved_files(survey *checked) {
             check_pool_header(checked, node);
         } else if (is_file_of_root(*checked, node, LOG_NAME)) {
             check_size(checked, node, found::LOG,
-                       clusters_for(checked->on(), LOG_BYTES) * checked->on().cluster_bytes());
+                       clusters_for(checked->on(), LEAST_LOG_BYTES) *
+                           checked->on().cluster_bytes());
         }
     }
 }

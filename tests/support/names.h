@@ -54,11 +54,11 @@ private:
 
 // convert_cstring_to_dosname() with all outputs requested.
 inline model::short_form to_short(const std::string &name) {
-    constexpr core::u8 UNTOUCHED = 0x55; // not a combination of case bits
+    constexpr core::u8 NO_CASE_BITS = 0x55; // not a combination of them
     caller_string string(name);
     dos_block dos;
-    core::u8 case_byte = UNTOUCHED;
-    core::u32 lossy = UNTOUCHED;
+    core::u8 case_byte = NO_CASE_BITS;
+    core::u32 lossy = NO_CASE_BITS;
     model::short_form form;
     form.result = fat::convert_cstring_to_dosname(string.get(), dos.get(), &case_byte, &lossy);
     form.left = string.text();
@@ -66,7 +66,7 @@ inline model::short_form to_short(const std::string &name) {
         return form;
     }
     form.dos = dos.text();
-    if (case_byte != UNTOUCHED) {
+    if (case_byte != NO_CASE_BITS) {
         form.case_byte = case_byte;
     }
     EXPECT_LE(lossy, 1U);
