@@ -322,7 +322,7 @@ TEST_P(QvolTrees, KeepModificationTimes) {
 }
 
 TEST_P(QvolTrees, FitThousandsOfLikeNamesIntoOneDirectory) {
-    for (int i = 0; i < 5000; i++) {
+    for (int i = 0; i < LIKE_NAMES; i++) {
         std::ofstream(tree_ + "/IMG_20240101_" + std::to_string(100000 + i) + ".jpeg") << i;
     }
     said("put", {tree_, "/photos"});
@@ -330,8 +330,8 @@ TEST_P(QvolTrees, FitThousandsOfLikeNamesIntoOneDirectory) {
     const std::string out = scratch_.file("out");
     said("get", {"/photos", out});
     expect_same(out);
-    EXPECT_EQ(run({"mtype", "-i", image_, "::/photos/IMG_20240101_104321.jpeg"}),
-              (outcome{0, "4321", ""}));
+    EXPECT_EQ(run({"mtype", "-i", image_, "::/photos/IMG_20240101_101987.jpeg"}),
+              (outcome{0, "1987", ""}));
 }
 
 TEST_P(QvolTrees, MergeIntoDirectoriesThatExist) {

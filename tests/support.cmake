@@ -46,7 +46,8 @@ foreach(support test_support test_support_optimised)
                       QUORVEL_BUILT_TOOL="${tool_path}"
                       QUORVEL_SANITIZED=${QUORVEL_SANITIZED}
                       QUORVEL_COVERED=${QUORVEL_COVERED}
-                      QUORVEL_EMULATED=$<BOOL:${CMAKE_CROSSCOMPILING}>)
+                      QUORVEL_EMULATED=$<BOOL:${CMAKE_CROSSCOMPILING}>
+                      QUORVEL_FULL=$<BOOL:${full_stage}>)
   target_compile_options(${support} PUBLIC ${level_${support}})
   target_precompile_headers(
     ${support} PRIVATE <gtest/gtest.h> <filesystem> <fstream> <map> <random> <set> <sstream>

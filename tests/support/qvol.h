@@ -25,6 +25,9 @@ inline bool is_sanitized_qvol() {
     return QUORVEL_SANITIZED || std::getenv("QVOL") != nullptr;
 }
 
+// More than the 1,023 that get a numeric tail, and so many more that hashes of two are equal.
+constexpr int LIKE_NAMES = QUORVEL_FULL ? 5000 : 2000;
+
 inline outcome run_qvol(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), qvol_path());
     return run(arguments);
