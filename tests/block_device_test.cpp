@@ -231,7 +231,7 @@ TEST_F(BlockDeviceTest, FailsOnAReadOnlyDevice) {
                                              "write_tables_vol[N]: Cannot write PBR sector\n\n";
     EXPECT_EQ(run_tool({"-v", "-S", "512", device.path()}),
               (outcome{EXIT_REFUSED, FAILURE, diagnostics}));
-    EXPECT_TRUE(read_file(file) == before);
+    EXPECT_TRUE(has_content(file, before));
 }
 
 TEST_F(BlockDeviceTest, RefusesADeviceThatIsTooSmall) {
@@ -247,7 +247,7 @@ TEST_F(BlockDeviceTest, RefusesADeviceThatIsTooSmall) {
                 "Volume size(16896) is too small to format the volume to FAT16\n"
                 "Retry to format after enlarge the volume size to larger than (rdir area(4) + reserved area(1)) * sector size(4096)\n" +
                 GEOMETRY_REFUSED}));
-    EXPECT_TRUE(read_file(file) == before);
+    EXPECT_TRUE(has_content(file, before));
 }
 
 // Nothing can be read anywhere, and the search for the end then settles on a single byte.

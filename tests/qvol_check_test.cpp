@@ -47,7 +47,7 @@ TEST_P(QvolCheck, AHealthyVolumeIsLeftAlone) {
                                 " of " + total + " clusters: no findings\n";
     EXPECT_EQ(qvol("check"), (outcome{0, summary, ""}));
     EXPECT_EQ(qvol("check", {"--repair"}), (outcome{0, summary, ""}));
-    EXPECT_TRUE(read_file(image_) == before);
+    EXPECT_TRUE(has_content(image_, before));
 }
 
 TEST_P(QvolCheck, ReadsAnImageThatMayNotBeWritten) {
@@ -590,7 +590,7 @@ TEST_P(QvolCheck, LeavesTheBytesOfAFileThatIsTakenForADirectory) {
     EXPECT_NE(found.out.find("long-name slot"), std::string::npos) << found;
     const bytes before = read_file(image_);
     EXPECT_EQ(qvol("check", {"--repair"}).status, 1);
-    EXPECT_TRUE(read_file(image_) == before);
+    EXPECT_TRUE(has_content(image_, before));
 }
 
 TEST_P(QvolCheck, TellsADirectoryWithoutACluster) {

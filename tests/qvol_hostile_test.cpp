@@ -318,7 +318,7 @@ TEST_P(QvolContradiction, IsReadAndNotWrittenTo) {
                              ": its boot sector contradicts itself\n  " + tested.reason + "\n"}))
                 << command;
         });
-        EXPECT_TRUE(read_file(image_) == before);
+        EXPECT_TRUE(has_content(image_, before));
         for_each_reading_command(
             [&](const std::string &command, std::vector<std::string> arguments) {
                 const outcome result = qvol(command, std::move(arguments));
@@ -332,7 +332,7 @@ TEST_P(QvolContradiction, IsReadAndNotWrittenTo) {
             repaired.err ==
                 "qvol: cannot check the volume: it has 0 FAT copies, should have at least 1\n")
             << repaired;
-        EXPECT_TRUE(read_file(image_) == before);
+        EXPECT_TRUE(has_content(image_, before));
     }
 }
 
@@ -351,7 +351,7 @@ protected:
         for_each_writing_command(expect_refusal);
         for_each_reading_command(expect_refusal);
         expect_refusal("check", {"--repair"});
-        EXPECT_TRUE(read_file(image_) == before);
+        EXPECT_TRUE(has_content(image_, before));
     }
 
     // As mkfs.fat makes them, with the total in either field.
@@ -517,7 +517,9 @@ protected:
 
     // Runs a command on the volume as it was, with streams closed: bit N for descriptor N.
     outcome run_closed(const std::vector<std::string> &arguments, unsigned closed) {
-        (void)scratch_.file_with("disk.img", pristine_);
+        if (!has_content(image_, pristine_)) {
+            (void)scratch_.file_with("disk.img", pristine_);
+        }
         std::filesystem::remove(scratch_.file("got"));
         std::string command = "exec \"$@\"";
         for (unsigned fd = 0; fd < 3; fd++) {
@@ -528,10 +530,8 @@ protected:
         return shell(command, all);
     }
 
-    // The image, and what a command wrote on the host.
-    std::vector<bytes> written() const {
-        const std::string got = scratch_.file("got");
-        return {read_file(image_), std::filesystem::exists(got) ? read_file(got) : bytes{}};
+    [[nodiscard]] bytes written_on_host() const {
+        return read_file(scratch_.file("got"));
     }
 
     std::vector<std::vector<std::string>> every_command() {
@@ -591,7 +591,8 @@ TEST_F(QvolStreams, ClosedOnesDoNotReachTheImage) {
     for (const std::vector<std::string> &command : every_command()) {
         SCOPED_TRACE(testing::PrintToString(command));
         const outcome open = run_closed(command, 0);
-        const std::vector<bytes> expected = written();
+        const bytes image = read_file(image_);
+        const bytes on_host = written_on_host();
         for (unsigned closed = 1; closed < 8 && !HasFailure(); closed++) {
             SCOPED_TRACE(closed);
             const bool loses_output = (closed & 2) != 0 && !open.out.empty();
@@ -607,7 +608,8 @@ TEST_F(QvolStreams, ClosedOnesDoNotReachTheImage) {
                 wanted.err = "";
             }
             EXPECT_EQ(run_closed(command, closed), wanted);
-            EXPECT_TRUE(written() == expected);
+            EXPECT_TRUE(has_content(image_, image));
+            EXPECT_TRUE(written_on_host() == on_host);
         }
     }
 }
@@ -640,7 +642,7 @@ TEST_F(QvolStreams, BrokenPipeEndsOnlyWhatReads) {
     const bytes expected = read_file(image_);
     EXPECT_EQ(into_broken_pipe({"put", image_, file, "/"}),
               (outcome{1, "", "qvol: cannot write to standard output: Broken pipe\n"}));
-    EXPECT_TRUE(read_file(image_) == expected);
+    EXPECT_TRUE(has_content(image_, expected));
 }
 
 TEST_F(QvolStreams, FullDiskIsReportedHoweverMuchIsPrinted) {

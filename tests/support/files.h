@@ -2,7 +2,9 @@
 
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -88,6 +90,25 @@ inline bytes read_file(const std::string &path) {
     std::error_code error;
     const auto size = std::filesystem::file_size(path, error);
     return error ? bytes() : read_range(path, 0, static_cast<std::size_t>(size));
+}
+
+// Whether the file has these bytes. Reads it in parts: new memory for a whole image takes longer
+// than the comparison.
+inline bool has_content(const std::string &path, const bytes &expected) {
+    static std::array<char, 65536> part;
+    std::filebuf file;
+    if (file.open(path, std::ios::binary | std::ios::in) == nullptr) {
+        return false;
+    }
+    std::size_t done = 0;
+    for (;;) {
+        const auto count = static_cast<std::size_t>(file.sgetn(part.data(), part.size()));
+        if (count == 0 || count > expected.size() - done ||
+            std::memcmp(part.data(), &expected[done], count) != 0) {
+            return count == 0 && done == expected.size();
+        }
+        done += count;
+    }
 }
 
 } // namespace testing_support
