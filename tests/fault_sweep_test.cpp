@@ -278,7 +278,19 @@ TEST_P(FaultSweep, EveryPublicCallOnAMountedVolume) {
     expect_faults(faults);
 }
 
-INSTANTIATE_TEST_SUITE_P(Faults, FaultSweep, testing::ValuesIn(all_faults()), fault_name);
+// In the quick stage each fault strikes on a volume of one width, in turn.
+std::vector<faulty_volume> swept_faults() {
+    std::vector<faulty_volume> swept;
+    const std::vector<faulty_volume> all = all_faults();
+    for (std::size_t i = 0; i < all.size(); i++) {
+        if (QUORVEL_FULL || i % 4 == 0 || i % 4 == 3) {
+            swept.push_back(all[i]);
+        }
+    }
+    return swept;
+}
+
+INSTANTIATE_TEST_SUITE_P(Faults, FaultSweep, testing::ValuesIn(swept_faults()), fault_name);
 
 // ---- calls on files of the host ---------------------------------------------------------------
 

@@ -3,6 +3,7 @@
 #
 #   OPTIMISED S...  further sources, which calculate for long: see support.cmake
 #   ALONE S...      those of the sources whose names clash with others: not compiled in a batch
+#   LONG            runs for long and therefore begins before the others
 #   SHARDS N        registers N parts, NAME.1 to NAME.N, which may run at the same time
 #   RUNS_PROGRAMS   tests other programs: not under valgrind, not for another machine; asan.NAME is the
 #                   same program with the sanitized programs
@@ -31,14 +32,14 @@ function(register_program name shards)
       list(APPEND environment GTEST_TOTAL_SHARDS=${shards} GTEST_SHARD_INDEX=${index})
     endif()
     add_test(NAME ${shard_name} COMMAND ${ARGN})
-    set_tests_properties(${shard_name} PROPERTIES TIMEOUT 1500 LABELS cases)
+    set_tests_properties(${shard_name} PROPERTIES TIMEOUT 1500 LABELS cases COST ${cost})
     set_property(TEST ${shard_name} PROPERTY ENVIRONMENT ${environment})
   endforeach()
 endfunction()
 
 function(test_program name)
   cmake_parse_arguments(
-    arg "RUNS_PROGRAMS;CALLS_LIBRARY;ONCE" "SHARDS;VALGRIND"
+    arg "LONG;RUNS_PROGRAMS;CALLS_LIBRARY;ONCE" "SHARDS;VALGRIND"
     "SOURCES;OPTIMISED;ALONE;FURTHER;DEFINITIONS;LIBRARIES;SANITIZED_LIBRARIES;NEEDS" ${ARGN})
   set_property(GLOBAL APPEND PROPERTY quorvel_test_sources ${arg_SOURCES} ${arg_OPTIMISED})
   if(QUORVEL_TESTS)
@@ -55,6 +56,10 @@ function(test_program name)
   endforeach()
   if(NOT arg_SHARDS)
     set(arg_SHARDS 1)
+  endif()
+  set(cost 1)
+  if(arg_LONG)
+    set(cost 100)
   endif()
   if(NOT arg_VALGRIND)
     set(arg_VALGRIND deep)

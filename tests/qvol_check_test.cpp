@@ -716,8 +716,8 @@ TEST_P(QvolCheck, ARepairThatIsInterruptedIsMadeUpForByTheNext) {
 namespace {
 
 const unsigned ROUNDS = std::getenv("QUORVEL_DEEP_TESTS") != nullptr ? 2000
-                        : is_sanitized_qvol()                        ? 10
-                                                                     : 40;
+                        : is_sanitized_qvol()                        ? (QUORVEL_FULL ? 10 : 3)
+                                                                     : (QUORVEL_FULL ? 40 : 12);
 
 // A volume with a few more directories. Damage falls on its metadata; where it falls follows from
 // the seed alone.

@@ -96,6 +96,7 @@ if(run_sanitized)
     target_include_directories(${part}_sanitized_objects PRIVATE ${PROJECT_SOURCE_DIR})
     target_link_libraries(${part}_sanitized_objects PRIVATE quorvel_compile)
     target_compile_options(${part}_sanitized_objects PRIVATE ${sanitized_options})
+    compile_in_batches(${part}_sanitized_objects 14)
   endforeach()
   add_library(core_sanitized STATIC $<TARGET_OBJECTS:core_sanitized_objects>)
   add_library(fat_sanitized STATIC $<TARGET_OBJECTS:fat_sanitized_objects>

@@ -544,16 +544,19 @@ TEST_F(ToolTest, NeedsNoNullDevice) {
     if (!can_mount_privately()) {
         GTEST_SKIP() << "no mount namespace for this user";
     }
-    const std::string hide = "exec 3</dev/null; mount -t tmpfs none /dev && exec \"$@\" <&3";
-    const std::string target = small_image();
-    EXPECT_EQ(shell_with_private_mounts(hide, {tool_path(), "-S", "512", "-p", "0", target}),
-              (outcome{0, SUCCESS, ""}));
-    EXPECT_EQ(without_moment(target), formatted_small_image());
-    const std::string other = small_image("other.img");
-    EXPECT_EQ(shell_with_private_mounts(hide + " 0<&- 1>&- 2>&-",
-                                        {tool_path(), "-S", "512", "-p", "0", other}),
-              (outcome{0, "", ""}));
-    EXPECT_EQ(without_moment(other), formatted_small_image());
+    // The targets may themselves be in /dev.
+    const std::string hide = "exec 3</dev/null; cd \"$1\" && shift &&"
+                             " mount -t tmpfs none /dev && exec \"$@\" <&3";
+    const auto format = [&](const std::string &streams, const std::string &name) {
+        const std::string target = small_image(name);
+        const std::string directory = std::filesystem::path(target).parent_path();
+        const outcome result = shell_with_private_mounts(
+            hide + streams, {directory, tool_path(), "-S", "512", "-p", "0", name});
+        EXPECT_EQ(without_moment(target), formatted_small_image());
+        return result;
+    };
+    EXPECT_EQ(format("", "disk.img"), (outcome{0, SUCCESS, ""}));
+    EXPECT_EQ(format(" 0<&- 1>&- 2>&-", "other.img"), (outcome{0, "", ""}));
 }
 
 // ---- a limit on file sizes --------------------------------------------------------------------
