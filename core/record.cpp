@@ -86,19 +86,4 @@ void store_short_entry(u8 *slot, const short_entry &of) {
     set_start_cluster(slot, of.start);
 }
 
-void store_long_slot(u8 *slot, u32 ordinal, const u16 *units, u8 checksum) {
-    constexpr u16 PADDING = 0xFFFF;
-    store(slot, SLOT_ORDINAL, ordinal);
-    store(slot, SLOT_ATTR, ATTR_LONG_NAME);
-    store(slot, SLOT_SYSID, 0);
-    store(slot, SLOT_CHECKSUM, checksum);
-    store(slot, SLOT_START, 0);
-    bool ended = false;
-    for (u32 i = 0; i < UNITS_PER_SLOT; i++) {
-        const u16 unit = ended ? PADDING : units[i];
-        store16(slot + slot_unit_offset(i), unit);
-        ended = ended || unit == 0 || unit == PADDING;
-    }
-}
-
 } // namespace core

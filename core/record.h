@@ -56,9 +56,4 @@ struct short_entry {
 };
 void store_short_entry(u8 *slot, const short_entry &of);
 
-// Stores a long-name slot. `units` has 13 units, or fewer with their terminator, which is followed
-// by padding.
-inline constexpr u32 UNITS_PER_SLOT = 13;
-void store_long_slot(u8 *slot, u32 ordinal, const u16 *units, u8 checksum);
-
 } // namespace core

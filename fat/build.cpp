@@ -95,9 +95,7 @@ int fill_long_slots(span_sectors *span, oentry *dir, u32 short_index, u8 *short_
                 return result;
             }
         }
-        const u32 mark = ordinal == count - 1 ? SLOT_LAST : 0;
-        set_long_slot(slot, static_cast<u8>(ordinal | mark),
-                      name->unicode + std::size_t{ordinal - 1} * SLOT_UNITS, checksum);
+        core::store_slot_of_name(slot, ordinal, count - 1, name->unicode, checksum);
     }
     return 0;
 }

@@ -192,15 +192,7 @@ int walk_to(dentry_walk *walk, u32 index, u8 **entry) {
 }
 
 int get_lfn_chars(const u8 *slot, u16 *units) {
-    for (u32 unit = 0; unit < SLOT_UNITS; unit++) {
-        units[unit] = load16(slot + slot_unit_offset(unit));
-        if (units[unit] == 0) {
-            return 0;
-        }
-    }
-    if (load(slot, SLOT_ORDINAL) > SLOT_LAST) {
-        units[SLOT_UNITS] = 0;
-    }
+    core::load_units(slot, units);
     return 0;
 }
 

@@ -15,42 +15,6 @@ using namespace fat;
 
 namespace {
 
-// Collects the slots of a long name during a walk over a directory.
-struct name_assembler {
-    u16 units[LONG_NAME_UNITS] = {};
-    u8 checksum = 0;
-    u32 missing = 0; // number of slots still to come
-    bool whole = false;
-
-    void reset() {
-        *this = name_assembler{};
-    }
-    void accept(const u8 *slot);
-
-    [[nodiscard]] bool belongs_to(const u8 *short_entry) const {
-        return whole && checksum == core::checksum_of(short_entry + SHORT_NAME.offset);
-    }
-};
-
-void name_assembler::accept(const u8 *slot) {
-    const u32 ordinal = load(slot, SLOT_ORDINAL);
-    const u8 slot_checksum = static_cast<u8>(load(slot, SLOT_CHECKSUM));
-    if ((ordinal & SLOT_LAST) != 0) {
-        reset();
-        checksum = slot_checksum;
-        missing = ordinal & ~SLOT_LAST;
-    } else if (missing == 0 || ordinal != missing || slot_checksum != checksum) {
-        reset();
-        return;
-    }
-    if (missing == 0) {
-        return; // the ordinal of the first slot is 0
-    }
-    gather_slot(slot, units);
-    missing--;
-    whole = missing == 0;
-}
-
 // ---- one entry ----
 
 u32 kind_for_programs(const u8 *entry) {
@@ -98,12 +62,12 @@ void fill_fields(const u8 *entry, fat_entry_info *info) {
     info->start = start_cluster(entry);
 }
 
-void fill_names(const u8 *entry, const name_assembler &name, fat_entry_info *info) {
+void fill_names(const u8 *entry, const core::name_assembler &name, fat_entry_info *info) {
     short_text(entry, 0, info->short_name);
     const bool is_label =
         core::kind_of(entry) == core::slot_kind::LABEL; // a label has no long name
     const bool shows_long = !is_label && sv->long_name != 0 && name.belongs_to(entry);
-    if (!shows_long || !store_display_name(name.units, info->name)) {
+    if (!shows_long || !store_display_name(name.units(), info->name)) {
         short_text(entry, static_cast<u8>(load(entry, SHORT_SYSID)), info->name);
     }
 }
@@ -151,7 +115,7 @@ int end_of_walk(core::fault why) {
 
 // Walks to the next listed entry from `*index` on and advances `*index` past it. Returns 1, 0 at
 // the end of the directory, or a negative errno.
-int next_entry(core::slot_walk *slots, u32 *index, u8 **entry, name_assembler *name) {
+int next_entry(core::slot_walk *slots, u32 *index, u8 **entry, core::name_assembler *name) {
     name->reset();
     for (u32 i = *index;; i++) {
         const core::result<u8 *> slot = slots->to(i);
@@ -163,7 +127,7 @@ int next_entry(core::slot_walk *slots, u32 *index, u8 **entry, name_assembler *n
         case core::slot_kind::UNUSED:
             return 0;
         case core::slot_kind::LONG_NAME:
-            name->accept(*entry);
+            name->accept(*entry, i);
             continue;
         default:
             break;
@@ -196,7 +160,7 @@ int find_names(const oentry *entry, u32 index, fat_entry_info *info) {
     silent_walk walk(entry->parent_clus);
     for (;;) {
         u8 *found = nullptr;
-        name_assembler name;
+        core::name_assembler name;
         const int result = next_entry(&walk.slots, &index, &found, &name);
         if (result < 1) {
             return result == 0 ? -ENOENT : result;
@@ -229,7 +193,7 @@ int fat_next_entry(int did, uint32_t *index, fat_entry_info *info) {
     const public_call call;
     silent_walk walk(dir);
     u8 *entry = nullptr;
-    name_assembler name;
+    core::name_assembler name;
     const int result = next_entry(&walk.slots, index, &entry, &name);
     if (result == 1) {
         *info = {};

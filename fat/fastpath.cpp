@@ -253,13 +253,6 @@ int find_next_file(fast_walk *walk) {
 
 // ---- long names ----
 
-// Copies the units of a slot to their position in a long name; skips units outside.
-void copy_units(const u8 *slot, u32 position, u16 *uname) {
-    for (u32 i = 0; i < SLOT_UNITS && position + i < LONG_NAME_UNITS; i++) {
-        uname[position + i] = load16(slot + slot_unit_offset(i));
-    }
-}
-
 void report_checksum(u32 index) {
     report_at("get_long_name_fast", __LINE__, "not match checksum(%d)\n", static_cast<int>(index));
 }
@@ -321,31 +314,24 @@ int do_readdir_fast(oentry *dir, u8 *entry, fat_name *name, dentry_location *loc
 // ---- long names -------------------------------------------------------------------------------
 
 int get_long_name_fast(u32 cluster, u32 index, u8 **current, u8 *sector_buf, u16 *uname) {
-    const u32 ordinal = load(*current, SLOT_ORDINAL);
-    if (ordinal <= SLOT_LAST) {
-        return 0; // not the first slot of a name
-    }
-    const u32 slot_count = ordinal - SLOT_LAST;
-    const u8 checksum = static_cast<u8>(load(*current, SLOT_CHECKSUM));
     core::table fat(here());
     core::chain_cursor cursor;
-    for (u32 slot = slot_count; slot >= 1; slot--) {
-        copy_units(*current, (slot - 1) * SLOT_UNITS, uname);
-        index++;
-        const int result =
-            get_dentry_from(&fat, &cursor, cluster, index, current, sector_buf, nullptr);
-        if (result < 0) {
-            REPORT("fail to get dentry(%u, %d): %s\n\n", cluster, static_cast<int>(index),
-                   std::strerror(-result));
+    return assemble_name(
+        current, core::slot_units::ALL, uname,
+        [&] {
+            index++;
+            const int result =
+                get_dentry_from(&fat, &cursor, cluster, index, current, sector_buf, nullptr);
+            if (result < 0) {
+                report_at("get_long_name_fast", __LINE__, "fail to get dentry(%u, %d): %s\n\n",
+                          cluster, static_cast<int>(index), std::strerror(-result));
+            }
             return result;
-        }
-        const bool is_whole = slot > 1 ? continues_name(*current, checksum, index, uname)
-                                       : ends_name(*current, checksum, index, uname);
-        if (!is_whole) {
-            return 0;
-        }
-    }
-    return static_cast<int>(slot_count);
+        },
+        [&](const u8 *next, u8 checksum, bool is_short) {
+            return is_short ? ends_name(next, checksum, index, uname)
+                            : continues_name(next, checksum, index, uname);
+        });
 }
 
 int get_next_cluster(u32 cluster, u32 n, u32 *out) {

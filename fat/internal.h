@@ -30,7 +30,7 @@
 #include "core/chain.h"
 #include "core/fast_path.h"
 #include "core/geometry.h"
-#include "core/record.h"
+#include "core/long_name.h"
 #include "core/resources.h"
 #include "core/slots.h"
 #include "core/table.h"
@@ -311,9 +311,8 @@ enum : u32 {
 
 inline constexpr u32 DOS_NAME_SIZE = SHORT_NAME.size;
 inline constexpr u32 DOS_BASE_SIZE = 8;
-inline constexpr u32 DOS_CSTRING_SIZE = 13; // base, dot, extension, NUL
-inline constexpr u32 LONG_NAME_UNITS = 256; // room for a long name with its terminator
-inline constexpr u32 SLOT_UNITS = 13;       // units of one long-name slot
+inline constexpr u32 DOS_CSTRING_SIZE = 13;                      // base, dot, extension, NUL
+inline constexpr u32 LONG_NAME_UNITS = core::MAX_NAME_UNITS + 1; // with the terminator
 
 // A name in the three forms that a directory needs.
 struct fat_name {
@@ -495,15 +494,37 @@ struct creation_survey {
 [[nodiscard]] int compare_entry_name(const u8 *entry, const u8 *dosName, const u16 *unicode,
                                      u16 *gathered, u32 *gathering);
 
-// Copies the units of a slot to the position in `gathered` (256 units) that its ordinal selects;
-// skips units outside.
-void gather_slot(const u8 *slot, u16 *gathered);
-
 // Collects in `units` (256) the long name whose last slot is `*entry`, entry `index` of the
 // directory, a position in `sector_buf`. Returns the number of its slots, 0 for a broken name, or a
 // negative errno. `*entry` is then the entry after the last slot read. A name of all 256 units,
 // which only a damaged medium has, is not terminated.
 [[nodiscard]] int get_long_name(oentry *dir, u32 index, u8 **entry, u8 *sector_buf, u16 *units);
+
+// Collects the long name whose last slot is `*entry`. `advance()` moves it to the next
+// entry, and returns 0 or a negative errno; `accepts(entry, checksum, is_short)` decides whether
+// the entry continues the name or, as its short entry, ends it. Results as get_long_name().
+template <typename Advance, typename Accepts>
+int assemble_name(u8 **entry, core::slot_units which, u16 *units, Advance advance,
+                  Accepts accepts) {
+    const u32 ordinal = load(*entry, SLOT_ORDINAL);
+    if (ordinal <= SLOT_LAST) {
+        return 0; // not the first slot of a name
+    }
+    const u32 slot_count = ordinal - SLOT_LAST;
+    const u8 checksum = static_cast<u8>(load(*entry, SLOT_CHECKSUM));
+    for (u32 slot = slot_count; slot >= 1; slot--) {
+        core::copy_units(*entry, s64{slot - 1} * core::UNITS_PER_SLOT, which, units,
+                         LONG_NAME_UNITS);
+        const int result = advance();
+        if (result < 0) {
+            return result;
+        }
+        if (!accepts(*entry, checksum, slot == 1)) {
+            return 0;
+        }
+    }
+    return static_cast<int>(slot_count);
+}
 
 // Returns 0 if the first 256 units, or all up to a common terminator, are equal.
 [[nodiscard]] int uname_compare(const u16 *a, const u16 *b);

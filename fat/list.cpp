@@ -235,8 +235,8 @@ void print_long_slot(FILE *stream, const u8 *entry) {
     std::fprintf(stream, "\tsysid:\t0x%x\n", load(entry, SLOT_SYSID));
     std::fprintf(stream, "\tchecksum:\t0x%02X\n", load(entry, SLOT_CHECKSUM));
     std::fprintf(stream, "\tstart_clu:\t0x%x\n", load(entry, SLOT_START));
-    u16 units[SLOT_UNITS];
-    for (u32 i = 0; i < SLOT_UNITS; i++) {
+    u16 units[core::UNITS_PER_SLOT];
+    for (u32 i = 0; i < core::UNITS_PER_SLOT; i++) {
         units[i] = load16(entry + slot_unit_offset(i));
     }
     std::fputs("\tunname[0-4]:\t", stream);

@@ -6,7 +6,6 @@
 
 #include "fat/internal.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -17,25 +16,6 @@ namespace {
 
 bool is_short_entry(u32 type) {
     return type == DENTRY_FILE || type == DENTRY_DIR;
-}
-
-// Copies the units of a slot to their position in a long name of 256 units. Skips units outside: an
-// ordinal on a damaged medium can select positions far beyond.
-void copy_units(const u8 *slot, s64 position, u16 *name) {
-    u16 units[SLOT_UNITS + 1];
-    std::fill(std::begin(units), std::end(units), static_cast<u16>(0xFFFF));
-    get_lfn_chars(slot, units);
-    const bool is_last = load(slot, SLOT_ORDINAL) > SLOT_LAST;
-    const u32 count = is_last ? SLOT_UNITS + 1 : SLOT_UNITS;
-    for (u32 i = 0; i < count; i++) {
-        const s64 at = position + i;
-        if (at >= 0 && at < LONG_NAME_UNITS) {
-            name[at] = units[i];
-        }
-        if (units[i] == 0) {
-            return;
-        }
-    }
 }
 
 bool has_short_name(const u8 *entry, const u8 *dosName) {
@@ -144,7 +124,7 @@ bool continues_name(const u8 *entry, u8 checksum, u32 index, u16 *units) {
         units[0] = 0;
         return false;
     }
-    if ((load(entry, SLOT_ORDINAL) & SLOT_LAST) != 0) {
+    if (core::is_last_slot(entry)) {
         return false;
     }
     if (load(entry, SLOT_CHECKSUM) != checksum) {
@@ -154,14 +134,22 @@ bool continues_name(const u8 *entry, u8 checksum, u32 index, u16 *units) {
     return true;
 }
 
+// Whether the entry is the short entry of the slots.
+bool ends_name(const u8 *entry, u8 checksum, u32 index, u16 *units) {
+    if (!is_short_entry(entry_type(entry))) {
+        return false;
+    }
+    if (dosname_checksum(entry + SHORT_NAME.offset) != checksum) {
+        report_checksum(index);
+        units[0] = 0;
+        return false;
+    }
+    return true;
+}
+
 } // namespace
 
 // ---- lookup -----------------------------------------------------------------------------------
-
-void gather_slot(const u8 *slot, u16 *gathered) {
-    const s64 ordinal = load(slot, SLOT_ORDINAL) & ~SLOT_LAST;
-    copy_units(slot, (ordinal - 1) * SLOT_UNITS, gathered);
-}
 
 int uname_compare(const u16 *a, const u16 *b) {
     for (u32 i = 0; i < LONG_NAME_UNITS; i++) {
@@ -195,7 +183,7 @@ int compare_entry_name(const u8 *entry, const u8 *dosName, const u16 *unicode, u
         return compare_long_name(entry, dosName, unicode, gathered, gathering);
     }
     if (type == DENTRY_LFN) {
-        gather_slot(entry, gathered);
+        core::gather_slot(entry, gathered, LONG_NAME_UNITS);
         *gathering = 1;
     }
     return 0;
@@ -224,7 +212,7 @@ int fat_find_dentry(oentry *dir, char *cstring, fat_name *name) {
 }
 
 u32 slots_of(const fat_name &name) {
-    return name.unicode == nullptr ? 1 : (name.ulen + SLOT_UNITS - 1) / SLOT_UNITS + 1;
+    return name.unicode == nullptr ? 1 : core::long_slots_of(name.ulen) + 1;
 }
 
 int find_for_creation(oentry *dir, char *cstring, fat_name *name, creation_survey *survey) {
@@ -241,35 +229,17 @@ int find_for_creation(oentry *dir, char *cstring, fat_name *name, creation_surve
 // ---- long names -------------------------------------------------------------------------------
 
 int get_long_name(oentry *dir, u32 index, u8 **entry, u8 *sector_buf, u16 *units) {
-    const u32 base_clu = base_cluster(dir);
-    const u32 ordinal = load(*entry, SLOT_ORDINAL);
-    if (ordinal <= SLOT_LAST) {
-        return 0; // not the first slot of a name
-    }
-    const u32 slot_count = ordinal - SLOT_LAST;
-    const u8 checksum = static_cast<u8>(load(*entry, SLOT_CHECKSUM));
     core::table fat(here());
     core::chain_cursor cursor;
-    for (u32 slot = slot_count; slot >= 1; slot--) {
-        copy_units(*entry, static_cast<s64>(slot - 1) * SLOT_UNITS, units);
-        index++;
-        const int result = read_next_entry(&fat, &cursor, base_clu, index, entry, sector_buf);
-        if (result < 0) {
-            return result;
-        }
-        if (slot > 1 && !continues_name(*entry, checksum, index, units)) {
-            return 0;
-        }
-    }
-    if (!is_short_entry(entry_type(*entry))) {
-        return 0;
-    }
-    if (dosname_checksum(*entry + SHORT_NAME.offset) != checksum) {
-        report_checksum(index);
-        units[0] = 0;
-        return 0;
-    }
-    return static_cast<int>(slot_count);
+    return assemble_name(
+        entry, core::slot_units::TO_TERMINATOR, units,
+        [&] {
+            return read_next_entry(&fat, &cursor, base_cluster(dir), ++index, entry, sector_buf);
+        },
+        [&](const u8 *next, u8 checksum, bool is_short) {
+            return is_short ? ends_name(next, checksum, index, units)
+                            : continues_name(next, checksum, index, units);
+        });
 }
 
 } // namespace fat

@@ -105,7 +105,7 @@ int mark_slots(span_sectors *span, oentry *dir, u32 index, u8 *entry, u8 checksu
         }
         store(slot, SLOT_ATTR, REMOVED_SLOT_ATTR);
         marked++;
-        if ((load(slot, SLOT_ORDINAL) & SLOT_LAST) != 0) {
+        if (core::is_last_slot(slot)) {
             return marked;
         }
     }
@@ -126,8 +126,8 @@ bool collect_long_name(u32 base_clu, u32 index, u8 checksum, u8 *sector_buf, u16
             report_at("get_name_of_entry", __LINE__, "Check here!\n\n");
             return false;
         }
-        gather_slot(slot, units);
-        if ((load(slot, SLOT_ORDINAL) & SLOT_LAST) != 0) {
+        core::gather_slot(slot, units, LONG_NAME_UNITS);
+        if (core::is_last_slot(slot)) {
             return true;
         }
     }

@@ -162,7 +162,7 @@ core::slot_place directory::location(u32 slot) const {
 // ---- reading ----------------------------------------------------------------------------------
 
 void directory::parse() {
-    name_assembler run;
+    core::name_assembler run;
     for (end_ = 0; end_ < capacity(); end_++) {
         const u8 *slot = slot_bytes(end_);
         if (slot[core::SHORT_NAME.offset] == core::NAME_UNUSED) {
@@ -298,12 +298,9 @@ void directory::write_slots(const entry &added, std::u16string_view long_name) {
     const std::vector<u16> units(terminated.c_str(), terminated.c_str() + terminated.size() + 1);
     const u8 checksum = core::checksum_of(added.raw.data());
     const u32 count = added.slot - added.first_slot;
-    for (u32 ordinal = 1; ordinal <= count; ordinal++) {
-        const u32 slot = added.slot - ordinal;
-        const u32 mark = ordinal == count ? core::SLOT_LAST : 0;
-        core::store_long_slot(slot_bytes(slot), ordinal | mark,
-                              units.data() + std::size_t{ordinal - 1} * core::UNITS_PER_SLOT,
-                              checksum);
+    for (u32 number = 1; number <= count; number++) {
+        const u32 slot = added.slot - number;
+        core::store_slot_of_name(slot_bytes(slot), number, count, units.data(), checksum);
         mark_dirty(slot);
     }
     std::copy(added.raw.begin(), added.raw.end(), slot_bytes(added.slot));
@@ -344,7 +341,8 @@ const entry &directory::add(const new_entry &wanted) {
                              .is_link = wanted.type == kind::LINK});
     added.set_size(wanted.size);
 
-    const u32 count = 1 + (added.has_long_name ? slots_of_long_name(wanted.name) : 0);
+    const u32 count =
+        1 + (added.has_long_name ? core::long_slots_of(static_cast<u32>(wanted.name.size())) : 0);
     added.first_slot = allocate_slots(count);
     added.slot = added.first_slot + count - 1;
     write_slots(added, added.has_long_name ? wanted.name : std::u16string());

@@ -8,7 +8,7 @@
 
 #pragma once
 
-#include "core/record.h"
+#include "core/long_name.h"
 #include "core/slots.h"
 #include "qvol/fat_table.h"
 #include "qvol/names.h"
@@ -188,7 +188,7 @@ private:
     std::map<u32, u32> removed_slots_; // spans of removed slots before the end: first, count
 
     // By number of slots: no span before this slot is long enough.
-    std::array<u32, MAX_NAME_UNITS / core::UNITS_PER_SLOT + 3> search_from_{};
+    std::array<u32, core::MAX_LONG_SLOTS + 2> search_from_{};
 };
 
 } // namespace qvol

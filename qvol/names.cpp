@@ -1,6 +1,6 @@
 #include "qvol/names.h"
 
-#include "core/record.h"
+#include "core/long_name.h"
 #include "qvol/error.h"
 #include "qvol/short_name.h"
 
@@ -397,9 +397,9 @@ std::optional<std::string> name_problem(std::u16string_view name) {
     if (name.empty()) {
         return "is empty";
     }
-    if (name.size() > MAX_NAME_UNITS) {
+    if (name.size() > core::MAX_NAME_UNITS) {
         return fmt::format("has {} UTF-16 units, at most {} are allowed", name.size(),
-                           MAX_NAME_UNITS);
+                           core::MAX_NAME_UNITS);
     }
     if (name.back() == u'.' || name.back() == u' ') {
         return "ends with a space or a dot";
@@ -434,12 +434,8 @@ bool is_plain_short_name(std::u16string_view name) {
     return form.is_exact && short_name_units(form.name, 0) == name;
 }
 
-u32 slots_of_long_name(std::u16string_view name) {
-    return core::div_ceil(static_cast<u32>(name.size()), core::UNITS_PER_SLOT);
-}
-
 u32 slots_of_name(std::u16string_view name) {
-    return 1 + (is_plain_short_name(name) ? 0 : slots_of_long_name(name));
+    return 1 + (is_plain_short_name(name) ? 0 : core::long_slots_of(static_cast<u32>(name.size())));
 }
 
 } // namespace qvol

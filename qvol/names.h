@@ -60,7 +60,6 @@ private:
 
 // ---- valid names ------------------------------------------------------------------------------
 
-inline constexpr std::size_t MAX_NAME_UNITS = 255;
 inline constexpr std::size_t MAX_TARGET_BYTES = 260; // of a link: the library reads no longer ones
 
 // Why the name is invalid on a volume, or nothing. Reads as "contains ':'" after "invalid name: ".
@@ -74,9 +73,6 @@ inline constexpr std::size_t MAX_TARGET_BYTES = 260; // of a link: the library r
 
 // Plain upper-case 8.3 in ASCII: the only names that are stored without long-name slots.
 [[nodiscard]] bool is_plain_short_name(std::u16string_view name);
-
-// 32-byte slots that a long name takes before its short entry.
-[[nodiscard]] u32 slots_of_long_name(std::u16string_view name);
 
 // 32-byte slots that an entry of this name takes, the short entry included.
 [[nodiscard]] u32 slots_of_name(std::u16string_view name);

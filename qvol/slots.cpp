@@ -6,18 +6,12 @@ namespace qvol {
 
 namespace {
 
-constexpr u32 MAX_ORDINAL = 20; // slots of 13 units, for names of up to 255 units
-
-std::u16string units_of_slot(const u8 *slot) {
-    std::u16string units;
-    for (u32 unit = 0; unit < core::UNITS_PER_SLOT; unit++) {
-        const u16 value = core::load16(slot + core::slot_unit_offset(unit));
-        if (value == 0) {
-            break;
-        }
-        units.push_back(value);
+std::u16string text_of(const u16 *units) {
+    std::u16string text;
+    while (*units != 0) {
+        text.push_back(*units++);
     }
-    return units;
+    return text;
 }
 
 std::u16string label_text(const short_name &label) {
@@ -47,38 +41,15 @@ bool is_entry(const u8 *slot) {
     return (core::load(slot, core::SHORT_ATTR) & core::ATTR_KIND_MASK) != core::ATTR_KIND_MASK;
 }
 
-void name_assembler::accept(const u8 *slot, u32 index) {
-    const u32 ordinal = core::load(slot, core::SLOT_ORDINAL);
-    const u8 slot_checksum = static_cast<u8>(core::load(slot, core::SLOT_CHECKSUM));
-    if ((ordinal & core::SLOT_LAST) != 0) {
-        reset();
-        first_slot = index;
-        checksum = slot_checksum;
-        missing = ordinal & ~core::SLOT_LAST;
-        missing = missing <= MAX_ORDINAL ? missing : 0;
-    } else if (missing == 0 || ordinal != missing || slot_checksum != checksum) {
-        reset();
-        return;
-    }
-    if (missing == 0) {
-        return;
-    }
-    units.insert(0, units_of_slot(slot));
-    missing--;
-}
-
-bool name_assembler::belongs_to(const u8 *short_entry) const {
-    return is_whole() && checksum == core::checksum_of(short_entry);
-}
-
-entry entry_of_slot(const u8 *slot, u32 index, const name_assembler &assembler, bool is_wide) {
+entry entry_of_slot(const u8 *slot, u32 index, const core::name_assembler &assembler,
+                    bool is_wide) {
     entry found;
     found.is_wide = is_wide;
     std::copy_n(slot, core::DENTRY_SIZE, found.raw.begin());
     found.slot = index;
     found.has_long_name = assembler.belongs_to(slot) && found.type() != kind::LABEL;
-    found.first_slot = found.has_long_name ? assembler.first_slot : index;
-    found.name = found.has_long_name ? assembler.units : short_text(found);
+    found.first_slot = found.has_long_name ? assembler.first_slot() : index;
+    found.name = found.has_long_name ? text_of(assembler.units()) : short_text(found);
     return found;
 }
 

@@ -54,10 +54,10 @@ private:
     void accept_entry(const entry &found) {
         const bool mismatched =
             assembler_.is_whole() && !found.has_long_name && found.type() != kind::LABEL;
-        close_span(mismatched ? assembler_.first_slot : found.first_slot, found.slot);
+        close_span(mismatched ? assembler_.first_slot() : found.first_slot, found.slot);
         if (mismatched) {
             content_.mismatched.push_back(
-                {assembler_.first_slot, found.slot - assembler_.first_slot});
+                {assembler_.first_slot(), found.slot - assembler_.first_slot()});
         }
         content_.entries.push_back(found);
     }
@@ -71,7 +71,7 @@ private:
     }
 
     bool is_wide_;
-    name_assembler assembler_;
+    core::name_assembler assembler_;
     u32 span_start_ = 0; // the slot after the last one that is not a long-name slot
     directory_content content_;
 };
