@@ -5,7 +5,7 @@
 
 #pragma once
 
-#include "core/record.h"
+#include "core/short_name.h"
 
 namespace core {
 

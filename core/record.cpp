@@ -1,6 +1,5 @@
 #include "core/record.h"
 
-#include <bit>
 #include <cstring>
 
 namespace core {
@@ -54,14 +53,6 @@ u32 start_cluster(const u8 *entry) {
 void set_start_cluster(u8 *entry, u32 cluster) {
     store(entry, SHORT_START_HIGH, cluster >> 16);
     store(entry, SHORT_START_LOW, cluster & 0xFFFF);
-}
-
-u8 checksum_of(const u8 *short_name) {
-    u8 sum = 0;
-    for (u32 i = 0; i < SHORT_NAME.size; i++) {
-        sum = static_cast<u8>(std::rotr(sum, 1) + short_name[i]);
-    }
-    return sum;
 }
 
 dos_moment dos_moment_of(const tm &local) {

@@ -1,4 +1,4 @@
-// What the 32 bytes of a directory slot are: kinds, first cluster, time stamps, checksum.
+// What the 32 bytes of a directory slot are: kinds, first cluster, time stamps.
 
 #pragma once
 
@@ -35,9 +35,6 @@ enum class slot_kind : u8 {
 // First cluster of a short entry.
 [[nodiscard]] u32 start_cluster(const u8 *entry);
 void set_start_cluster(u8 *entry, u32 cluster);
-
-// Checksum of a short name of 11 bytes that its long-name slots carry.
-[[nodiscard]] u8 checksum_of(const u8 *short_name);
 
 struct dos_moment {
     u16 date; // years since 1980, month, day

@@ -7,6 +7,21 @@
 
 namespace core {
 
+bool is_short_name_character(u32 c) {
+    const bool is_ascii = c < 0x80;
+    const u8 byte = static_cast<u8>(c);
+    return is_ascii && (is_upper(byte) || (byte >= '0' && byte <= '9') ||
+                        (byte != 0 && std::strchr(SHORT_NAME_PUNCTUATION, byte) != nullptr));
+}
+
+u8 checksum_of(const u8 *short_name) {
+    u8 sum = 0;
+    for (u32 i = 0; i < SHORT_NAME.size; i++) {
+        sum = static_cast<u8>(std::rotr(sum, 1) + short_name[i]);
+    }
+    return sum;
+}
+
 void tail_set::mark(const u8 *entry, const u8 *name) {
     u32 tilde = 0;
     while (tilde < SHORT_BASE_SIZE && entry[tilde] != '~' && entry[tilde] != 0) {

@@ -31,6 +31,7 @@
 #include "core/fast_path.h"
 #include "core/geometry.h"
 #include "core/long_name.h"
+#include "core/record.h"
 #include "core/resources.h"
 #include "core/slots.h"
 #include "core/table.h"
@@ -310,7 +311,7 @@ enum : u32 {
 };
 
 inline constexpr u32 DOS_NAME_SIZE = SHORT_NAME.size;
-inline constexpr u32 DOS_BASE_SIZE = 8;
+inline constexpr u32 DOS_BASE_SIZE = core::SHORT_BASE_SIZE;
 inline constexpr u32 DOS_CSTRING_SIZE = 13;                      // base, dot, extension, NUL
 inline constexpr u32 LONG_NAME_UNITS = core::MAX_NAME_UNITS + 1; // with the terminator
 

@@ -8,15 +8,14 @@
 #include <cerrno>
 #include <cstring>
 #include <iterator>
+#include <string_view>
 #include <utility>
 
 namespace fat {
 
 namespace {
 
-constexpr u32 DOS_EXTENSION_SIZE = DOS_NAME_SIZE - DOS_BASE_SIZE;
 constexpr char REPLACED_CHARACTERS[] = "+,;=[]";
-constexpr char INVALID_CHARACTERS[] = "\\/:*?\"<>|";
 constexpr const char *DEVICE_NAMES[] = {
     "AUX     ", "CON     ", "NUL     ", "PRN     ", "COM1    ", "COM2    ",
     "COM3    ", "COM4    ", "LPT1    ", "LPT2    ", "LPT3    ", "LPT4    ",
@@ -34,22 +33,6 @@ constexpr u8 MIXED_CASE = 0xFF;
 
 constexpr u32 MAX_TAIL = 1024; // highest number that append_tail() accepts
 
-constexpr bool is_upper(u8 c) {
-    return c >= 'A' && c <= 'Z';
-}
-
-constexpr bool is_lower(u8 c) {
-    return c >= 'a' && c <= 'z';
-}
-
-constexpr u8 to_upper(u8 c) {
-    return is_lower(c) ? static_cast<u8>(c - 'a' + 'A') : c;
-}
-
-constexpr u8 to_lower(u8 c) {
-    return is_upper(c) ? static_cast<u8>(c - 'A' + 'a') : c;
-}
-
 constexpr bool is_blank_or_dot(char c) {
     return c == ' ' || c == '.';
 }
@@ -59,33 +42,16 @@ struct case_bits {
     u8 lower;
 };
 
-// Fills one part of an 8.3 name from the characters [begin, end). Returns false if a character was
-// dropped, replaced or cut off.
-bool fill_part(const char *begin, const char *end, u8 *part, u32 size, case_bits bits, u8 *seen) {
-    bool is_exact = true;
-    u32 filled = 0;
-    for (const char *p = begin; p < end; p++) {
-        if (filled == size) {
-            return false;
+// Fills one part of an 8.3 name. Returns false if a character was dropped, replaced or cut off.
+bool fill_part(std::string_view text, u8 *part, u32 size, case_bits bits, u8 *seen) {
+    return core::fill_half(text, part, size, [&](char character) -> u8 {
+        const u8 c = static_cast<u8>(character);
+        if (std::strchr(REPLACED_CHARACTERS, character) != nullptr) {
+            return 0;
         }
-        const u8 c = static_cast<u8>(*p);
-        if (is_blank_or_dot(*p)) {
-            is_exact = false;
-            continue;
-        }
-        if (std::strchr(REPLACED_CHARACTERS, *p) != nullptr) {
-            part[filled++] = '_';
-            is_exact = false;
-            continue;
-        }
-        if (is_upper(c)) {
-            *seen |= bits.upper;
-        } else if (is_lower(c)) {
-            *seen |= bits.lower;
-        }
-        part[filled++] = to_upper(c);
-    }
-    return is_exact;
+        *seen |= core::is_upper(c) ? bits.upper : core::is_lower(c) ? bits.lower : u8{0};
+        return core::to_upper(c);
+    });
 }
 
 // Whether the string is "." or ".."; if so, stores its fixed name in `dos`.
@@ -204,9 +170,9 @@ int convert_cstring_to_dosname(char *cstring, u8 *dos, u8 *case_out, u32 *lossy)
     u8 seen = 0;
     const char *dot = std::strrchr(begin, '.');
     const char *base_end = dot != nullptr ? dot : end;
-    is_exact &= fill_part(begin, base_end, dos, DOS_BASE_SIZE, {UPPER_BASE, LOWER_BASE}, &seen);
+    is_exact &= fill_part({begin, base_end}, dos, DOS_BASE_SIZE, {UPPER_BASE, LOWER_BASE}, &seen);
     if (dot != nullptr) {
-        is_exact &= fill_part(dot + 1, end, dos + DOS_BASE_SIZE, DOS_EXTENSION_SIZE,
+        is_exact &= fill_part({dot + 1, end}, dos + DOS_BASE_SIZE, core::SHORT_EXTENSION_SIZE,
                               {UPPER_EXTENSION, LOWER_EXTENSION}, &seen);
     }
     if (dos[0] == NAME_DELETED) {
@@ -291,13 +257,14 @@ int convert_dosname_to_cstring(const u8 *dos, char *out, u8 lcase) {
         position = 1;
     }
     for (; position < DOS_BASE_SIZE && dos[position] != ' '; position++) {
-        *out++ = static_cast<char>(lower_base ? to_lower(dos[position]) : dos[position]);
+        *out++ = static_cast<char>(lower_base ? core::to_lower(dos[position]) : dos[position]);
     }
     if (dos[DOS_BASE_SIZE] != ' ') {
         *out++ = '.';
         for (position = DOS_BASE_SIZE; position < DOS_NAME_SIZE && dos[position] != ' ';
              position++) {
-            *out++ = static_cast<char>(lower_extension ? to_lower(dos[position]) : dos[position]);
+            *out++ =
+                static_cast<char>(lower_extension ? core::to_lower(dos[position]) : dos[position]);
         }
     }
     *out = '\0';
@@ -333,14 +300,14 @@ int add_numeric_tail(oentry *dir, u8 *dos) {
 }
 
 int verify_valid_name(const char *cstring) {
-    if (cstring == nullptr || std::strpbrk(cstring, INVALID_CHARACTERS) != nullptr) {
+    if (cstring == nullptr || std::strpbrk(cstring, core::FORBIDDEN_IN_NAMES) != nullptr) {
         REPORT("Check here!\n\n");
         return -EINVAL;
     }
     char base[DOS_BASE_SIZE];
     std::memset(base, ' ', sizeof base);
     for (u32 i = 0; i < DOS_BASE_SIZE && cstring[i] != '\0'; i++) {
-        base[i] = static_cast<char>(to_upper(static_cast<u8>(cstring[i])));
+        base[i] = static_cast<char>(core::to_upper(static_cast<u8>(cstring[i])));
     }
     for (const char *device : DEVICE_NAMES) {
         if (std::memcmp(base, device, DOS_BASE_SIZE) == 0) {

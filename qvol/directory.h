@@ -9,6 +9,7 @@
 #pragma once
 
 #include "core/long_name.h"
+#include "core/record.h"
 #include "core/slots.h"
 #include "qvol/fat_table.h"
 #include "qvol/names.h"

@@ -2,6 +2,7 @@
 
 #include "core/format.h"
 #include "core/geometry.h"
+#include "core/short_name.h"
 #include "qvol/error.h"
 #include "qvol/sectors.h"
 #include "qvol/times.h"
@@ -17,18 +18,15 @@ namespace {
 
 constexpr std::size_t LABEL_SIZE = core::SHORT_NAME.size;
 constexpr const char *NO_NAME = "NO NAME";
-constexpr std::string_view LABEL_PUNCTUATION = " $%'-_@~`!(){}^#&";
 
 std::string in_upper_case(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(), [](char c) {
-        return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
-    });
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](char c) { return static_cast<char>(core::to_upper(static_cast<u8>(c))); });
     return text;
 }
 
 bool is_label_character(char c) {
-    return (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-           LABEL_PUNCTUATION.find(c) != std::string_view::npos;
+    return c == ' ' || core::is_short_name_character(static_cast<u8>(c));
 }
 
 // Why the label is invalid, or "".
@@ -42,7 +40,7 @@ std::string label_problem(const std::string &label) {
     }
     if (!std::all_of(upper.begin(), upper.end(), is_label_character)) {
         return fmt::format("may contain only A to Z, 0 to 9, spaces and {}",
-                           LABEL_PUNCTUATION.substr(1));
+                           core::SHORT_NAME_PUNCTUATION);
     }
     if (label != upper) {
         return fmt::format("must be upper case; use \"{}\"", upper);

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstring>
 
 #include <fmt/core.h>
 #include <iconv.h>
@@ -180,8 +181,6 @@ bool is_invalid_component(std::u16string_view name) {
 
 // ---- valid names ----
 
-constexpr std::u16string_view FORBIDDEN = u"\\/:*?\"<>|";
-
 // Device names: systems that know these devices cannot open such files.
 bool is_device_name(std::u16string_view name) {
     const std::u16string folded = fold_case(name);
@@ -201,7 +200,7 @@ std::optional<std::string> character_problem(std::u16string_view name) {
             return "contains half a surrogate pair";
         }
         if (code < 0x80 &&
-            FORBIDDEN.find(static_cast<char16_t>(code)) != std::u16string_view::npos) {
+            std::strchr(core::FORBIDDEN_IN_NAMES, static_cast<char>(code)) != nullptr) {
             return fmt::format("contains '{}'", static_cast<char>(code));
         }
     }
@@ -215,7 +214,7 @@ locale_t unicode_locale() {
 
 char16_t upper_case(char16_t unit) {
     if (unit < 0x80) {
-        return unit >= u'a' && unit <= u'z' ? static_cast<char16_t>(unit - u'a' + u'A') : unit;
+        return core::to_upper(static_cast<u8>(unit));
     }
     if (is_surrogate(unit) || unicode_locale() == nullptr) {
         return unit;

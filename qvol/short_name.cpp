@@ -1,6 +1,6 @@
 #include "qvol/short_name.h"
 
-#include "core/layout.h"
+#include "core/short_name.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -14,58 +14,35 @@ using core::u8;
 
 namespace {
 
-constexpr std::size_t BASE_SIZE = 8;
-constexpr std::size_t EXTENSION_SIZE = core::SHORT_NAME.size - BASE_SIZE;
-constexpr u32 LAST_TAIL = 1023; // as the library counts
-constexpr std::u16string_view PUNCTUATION = u"$%'-_@~`!(){}^#&";
+using core::SHORT_BASE_SIZE;
+using core::SHORT_EXTENSION_SIZE;
 
 constexpr char16_t CODE_PAGE_437[] =
     u"ÇüéâäàåçêëèïîìÄÅÉæÆôöòûùÿÖÜ¢£¥₧ƒáíóúñÑªº¿⌐¬½¼¡«»░▒▓│┤╡╢╖╕╣║╗╝╜╛┐"
     u"└┴┬├─┼╞╟╚╔╩╦╠═╬╧╨╤╥╙╘╒╓╫╪┘┌█▄▌▐▀αßΓπΣσµτΦΘΩδ∞φε∩≡±≥≤⌠⌡÷≈°∙·√ⁿ²■\u00A0";
 static_assert(sizeof CODE_PAGE_437 / sizeof CODE_PAGE_437[0] == 128 + 1);
 
-bool is_short_character(char16_t unit) {
-    return (unit >= u'A' && unit <= u'Z') || (unit >= u'0' && unit <= u'9') ||
-           PUNCTUATION.find(unit) != std::u16string_view::npos;
+// The byte of a unit in a short name, or 0.
+u8 stored_byte(char16_t unit) {
+    const u8 upper = unit < 0x80 ? core::to_upper(static_cast<u8>(unit)) : u8{0};
+    return core::is_short_name_character(upper) ? upper : u8{0};
 }
 
-char16_t ascii_upper(char16_t unit) {
-    return unit >= u'a' && unit <= u'z' ? static_cast<char16_t>(unit - u'a' + u'A') : unit;
-}
-
-// Writes one half of a short name. Returns true if it is the whole text, apart from case.
-bool fill_half(std::u16string_view text, u8 *out, std::size_t size) {
-    bool is_exact = true;
-    std::size_t used = 0;
-    for (const char16_t unit : text) {
-        if (used == size || unit == u' ' || unit == u'.') {
-            is_exact = false;
-            continue;
-        }
-        const char16_t upper = ascii_upper(unit);
-        is_exact = is_exact && is_short_character(upper);
-        out[used++] = is_short_character(upper) ? static_cast<u8>(upper) : u8{'_'};
-    }
-    return is_exact;
-}
-
-std::size_t base_length(const short_name &name) {
-    const auto *const base_end = name.begin() + BASE_SIZE;
-    return static_cast<std::size_t>(std::find(name.begin(), base_end, ' ') - name.begin());
-}
-
-// The name with its base cut to `length` bytes.
-short_name cut_base(const short_name &name, std::size_t length) {
-    short_name cut = name;
-    std::fill(cut.begin() + static_cast<std::ptrdiff_t>(std::min(length, BASE_SIZE)),
-              cut.begin() + BASE_SIZE, u8{' '});
-    return cut;
-}
-
-short_name append_to_base(const short_name &name, std::string_view text) {
+// The first letters of a base, followed by the digits of a hash.
+short_name with_hash(const short_name &name, u32 hash) {
+    constexpr std::ptrdiff_t LETTERS = 2;
     short_name result = name;
-    std::copy(text.begin(), text.end(),
-              result.begin() + static_cast<std::ptrdiff_t>(base_length(name)));
+    const auto base_end = result.begin() + SHORT_BASE_SIZE;
+    const auto digits = std::find(result.begin(), result.begin() + LETTERS, ' ');
+    std::fill(digits, base_end, u8{' '});
+    const std::string text = fmt::format("{:04X}", hash & 0xFFFF);
+    std::copy(text.begin(), text.end(), digits);
+    return result;
+}
+
+short_name with_tail(const short_name &name, u32 tail) {
+    short_name result = name;
+    core::write_tail(result.data(), tail);
     return result;
 }
 
@@ -83,7 +60,7 @@ char16_t decoded(u8 byte, bool is_lower) {
     if (byte >= 0x80) {
         return CODE_PAGE_437[byte - 0x80];
     }
-    return is_lower && byte >= 'A' && byte <= 'Z' ? static_cast<char16_t>(byte - 'A' + 'a') : byte;
+    return is_lower ? core::to_lower(byte) : byte;
 }
 
 std::u16string decoded_half(const u8 *bytes, std::size_t size, bool is_lower) {
@@ -107,10 +84,10 @@ short_form short_form_of(std::u16string_view name) {
     const std::size_t dot = body.rfind(u'.');
     const bool has_extension = dot != std::u16string_view::npos;
     const bool fits_base =
-        fill_half(has_extension ? body.substr(0, dot) : body, form.name.data(), BASE_SIZE);
+        core::fill_half(body.substr(0, dot), form.name.data(), SHORT_BASE_SIZE, stored_byte);
     const bool fits_extension =
-        !has_extension ||
-        fill_half(body.substr(dot + 1), form.name.data() + BASE_SIZE, EXTENSION_SIZE);
+        !has_extension || core::fill_half(body.substr(dot + 1), form.name.data() + SHORT_BASE_SIZE,
+                                          SHORT_EXTENSION_SIZE, stored_byte);
     form.is_exact =
         fits_base && fits_extension && first == 0 && !(has_extension && body.back() == u'.');
     if (form.name[0] == ' ') {
@@ -126,9 +103,10 @@ std::u16string short_name_units(const short_name &name, u8 case_bits) {
         bytes[0] = core::NAME_DELETED;
     }
     std::u16string text =
-        decoded_half(bytes.data(), BASE_SIZE, (case_bits & core::CASE_LOWER_BASE) != 0);
-    const std::u16string extension = decoded_half(bytes.data() + BASE_SIZE, EXTENSION_SIZE,
-                                                  (case_bits & core::CASE_LOWER_EXTENSION) != 0);
+        decoded_half(bytes.data(), SHORT_BASE_SIZE, (case_bits & core::CASE_LOWER_BASE) != 0);
+    const std::u16string extension =
+        decoded_half(bytes.data() + SHORT_BASE_SIZE, SHORT_EXTENSION_SIZE,
+                     (case_bits & core::CASE_LOWER_EXTENSION) != 0);
     if (!extension.empty()) {
         text += u'.' + extension;
     }
@@ -154,16 +132,14 @@ void short_name_set::reserve(std::u16string_view name) {
     }
 }
 
-// Tries tails of `digits` digits. Stores the next tail for each cut stem, so stems that are equal
-// when cut share it.
+// Tries tails of `digits` digits. Stores the next tail by the name with the first of them: stems
+// that are equal where it leaves them share it.
 bool short_name_set::choose_tail(const short_name &stem, u32 digits, short_name *chosen) {
     constexpr u32 POWERS[] = {1, 10, 100, 1000, 10000};
-    const short_name cut = cut_base(stem, BASE_SIZE - 1 - digits);
-    short_name key = cut;
-    key[BASE_SIZE - 1] = static_cast<u8>(digits);
-    u32 &next = next_tail_.try_emplace(key, POWERS[digits - 1]).first->second;
-    for (; next < POWERS[digits] && next <= LAST_TAIL; next++) {
-        *chosen = append_to_base(cut, fmt::format("~{}", next));
+    const u32 first = POWERS[digits - 1];
+    u32 &next = next_tail_.try_emplace(with_tail(stem, first), first).first->second;
+    for (; next < POWERS[digits] && next < core::tail_set::END; next++) {
+        *chosen = with_tail(stem, next);
         if (is_free(*chosen)) {
             return true;
         }
@@ -182,12 +158,9 @@ short_name short_name_set::choose(std::u16string_view name) {
             return chosen;
         }
     }
-    constexpr std::size_t STEM_LETTERS = 2;
-    const short_name stem = cut_base(form.name, STEM_LETTERS);
     for (u32 hash = hash_of(name);; hash = hash * 16777619 + 1) {
-        chosen = append_to_base(stem, fmt::format("{:04X}~1", hash & 0xFFFF));
-        for (u8 digit = '1'; digit <= '9'; digit++) {
-            chosen[base_length(chosen) - 1] = digit;
+        for (u32 tail = 1; tail <= 9; tail++) {
+            chosen = with_tail(with_hash(form.name, hash), tail);
             if (is_free(chosen)) {
                 return chosen;
             }

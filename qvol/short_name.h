@@ -70,7 +70,7 @@ private:
 
     std::set<short_name> taken_;
     std::set<short_name> reserved_;
-    std::map<short_name, core::u32> next_tail_; // by the stem cut to make space for the tail
+    std::map<short_name, core::u32> next_tail_; // by the name with the first tail of as many digits
 };
 
 } // namespace qvol

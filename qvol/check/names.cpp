@@ -11,12 +11,9 @@ namespace {
 
 // Some systems set this next to the case bits: the short name only serves a long name.
 constexpr u32 CASE_NO_SHORT_NAME = 0x20;
-constexpr std::string_view FORBIDDEN_IN_SHORT = "\"*+,./:;<=>?[\\]|";
 
 bool is_short_name_byte(u8 byte) {
-    const bool is_lower_case = byte >= 'a' && byte <= 'z';
-    return byte >= ' ' && byte != 0x7F && !is_lower_case &&
-           FORBIDDEN_IN_SHORT.find(static_cast<char>(byte)) == std::string_view::npos;
+    return byte == ' ' || byte >= 0x80 || core::is_short_name_character(byte);
 }
 
 // Why the 11 bytes of the entry are not a valid short name, if they are not.
