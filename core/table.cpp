@@ -18,10 +18,6 @@ entry_position locate(const volume &of, u32 index) {
             static_cast<u32>(position % of.at.sector_size)};
 }
 
-u32 load_entry(u32 width, const u8 *entry) {
-    return width == 16 ? load16(entry) : load32(entry) & FAT32_VALUE_MASK;
-}
-
 // Zero if `COUNT` consecutive FAT entries have the values `value`, `value` + 1 and so on. Without a
 // branch in the loop, compilers turn this into wide operations.
 template <u32 ENTRY_SIZE, u32 COUNT>
@@ -74,6 +70,10 @@ fault check_geometry(const volume &of) {
 }
 
 } // namespace
+
+u32 load_entry(u32 width, const u8 *entry) {
+    return width == 16 ? load16(entry) : load32(entry) & FAT32_VALUE_MASK;
+}
 
 void store_entry(u32 width, u8 *entry, u32 value) {
     if (width == 16) {
@@ -141,12 +141,8 @@ fault table::load_link(u32 cluster, u32 *value) {
         return loaded.why;
     }
     *value = loaded.value;
-    if (*value == FAT_FREE || of_.is_end_of_chain(*value)) {
-        return fault::NONE;
-    }
-    // A bad-cluster mark is not a link, even if a hostile geometry has that many clusters.
-    return of_.is_data_cluster(*value) && *value != of_.bad_mark() ? fault::NONE
-                                                                   : fault::LINK_VALUE;
+    const link_kind kind = of_.kind_of_link(*value);
+    return kind == link_kind::BAD || kind == link_kind::OUTSIDE ? fault::LINK_VALUE : fault::NONE;
 }
 
 result<u32> table::link(u32 cluster) {

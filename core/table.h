@@ -8,7 +8,9 @@
 
 namespace core {
 
-// Stores `value` in an entry of a FAT in memory; the reserved bits of a FAT32 entry do not change.
+// An entry of a FAT in memory. The reserved bits of a FAT32 entry are not part of its value and do
+// not change.
+[[nodiscard]] u32 load_entry(u32 width, const u8 *entry);
 void store_entry(u32 width, u8 *entry, u32 value);
 
 // The FAT of a volume, for as long as no one else changes it. Each sector is read once as long

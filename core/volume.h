@@ -21,6 +21,15 @@ struct areas {
     u32 clusters = 0;     // number of data clusters
 };
 
+// What the value of the FAT entry of a data cluster is.
+enum class link_kind : u8 {
+    NEXT, // the number of the next cluster
+    END,  // of the chain
+    FREE,
+    BAD,     // also if a hostile volume has a cluster of that number
+    OUTSIDE, // a number that is not a data cluster
+};
+
 // A view of the areas of a volume on a medium. Copies are cheap; the medium outlives them.
 struct volume {
     medium *device = nullptr;
@@ -46,6 +55,13 @@ struct volume {
     }
     [[nodiscard]] u32 bad_mark() const { // FAT value of a bad cluster
         return is_wide() ? FAT32_BAD : FAT16_BAD;
+    }
+    [[nodiscard]] link_kind kind_of_link(u32 value) const {
+        return value == FAT_FREE        ? link_kind::FREE
+               : is_end_of_chain(value) ? link_kind::END
+               : value == bad_mark()    ? link_kind::BAD
+               : is_data_cluster(value) ? link_kind::NEXT
+                                        : link_kind::OUTSIDE;
     }
     // First sector of a data cluster. Modulo 2^32 for areas beyond that.
     [[nodiscard]] u32 sector_of(u32 cluster) const {

@@ -11,12 +11,8 @@ namespace fat {
 
 namespace {
 
-// A hint outside the volume restarts the search at the beginning. Intentional: so does the very
-// last cluster.
 void correct_hint() {
-    if (sv->last_alloc_clus < FIRST_DATA_CLUSTER || sv->last_alloc_clus > sv->num_clusters) {
-        sv->last_alloc_clus = FIRST_DATA_CLUSTER - 1;
-    }
+    sv->last_alloc_clus = core::corrected_hint(here(), sv->last_alloc_clus);
 }
 
 void report_failed_write() {
@@ -38,19 +34,17 @@ int fail_full_search(core::table *fat) {
 // Stores a free cluster. Intentional: if the second pass fails for another reason than a full
 // volume, the result is 0 and `cluster` is not changed.
 int find_free_cluster(core::table *fat, u32 *cluster) {
-    int found = find_free(fat, sv->last_alloc_clus + 1, sv->num_clusters + 1);
-    const bool is_first_pass = found != -ENOENT;
-    if (!is_first_pass) {
-        found = find_free(fat, FIRST_DATA_CLUSTER, sv->last_alloc_clus);
-    }
+    core::next_fit search{sv->last_alloc_clus};
+    const core::result<u32> result = search.find(*fat);
+    const int found = report_search(*fat, result, search.stopped_at);
     if (fat->write_failed()) {
         report_failed_write();
         return -EIO;
     }
-    if (!is_first_pass && found == -ENOENT) {
+    if (found == -ENOENT) {
         return fail_full_search(fat);
     }
-    if (is_first_pass && found < 0) {
+    if (found < 0 && !search.has_wrapped) {
         return found;
     }
     if (found > 0) {
@@ -266,7 +260,7 @@ int clear_cluster(u32 cluster) {
         REPORT("Failed to allocate memory!\n\n");
         return -ENOMEM;
     }
-    const u32 first = sv->data_start + (cluster - FIRST_DATA_CLUSTER) * sv->sec_per_clus;
+    const u32 first = here().sector_of(cluster);
     for (u32 i = 0; i < sv->sec_per_clus; i++) {
         if (write_medium(zeros.get(), first + i, 1) != 1) {
             REPORT("cannot write cluster(#%d)\n", static_cast<int>(cluster));

@@ -116,12 +116,12 @@ int follow(core::table *fat, u32 cluster) {
 
 int fat_free_clus(u32 first, u32 last) {
     core::table fat(here());
-    return find_free(&fat, first, last);
+    u32 stopped_at = 0;
+    const core::result<u32> found = fat.find_free(first, last, &stopped_at);
+    return report_search(fat, found, stopped_at);
 }
 
-int find_free(core::table *fat, u32 first, u32 last) {
-    u32 stopped_at = 0;
-    const core::result<u32> found = fat->find_free(first, last, &stopped_at);
+int report_search(const core::table &fat, const core::result<u32> &found, u32 stopped_at) {
     if (found.ok()) {
         return static_cast<int>(found.value);
     }
@@ -129,7 +129,7 @@ int find_free(core::table *fat, u32 first, u32 last) {
         return -ENOENT;
     }
     const int error = report_link(found.why, stopped_at);
-    if (!fat->write_failed()) {
+    if (!fat.write_failed()) {
         report_at("fat_free_clus", __LINE__, "Invalid cluster value!\n\n");
     }
     return error;

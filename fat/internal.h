@@ -27,6 +27,7 @@
 
 #pragma once
 
+#include "core/allocator.h"
 #include "core/chain.h"
 #include "core/fast_path.h"
 #include "core/geometry.h"
@@ -249,8 +250,9 @@ int report_change(core::fault why);
 // or the error of the first entry that cannot be read or is not a link.
 [[nodiscard]] int fat_free_clus(u32 first, u32 last);
 
-// The same on one view of the FAT, late changes included.
-[[nodiscard]] int find_free(core::table *fat, u32 first, u32 last);
+// The result of such a search, after a report if it was ended by the entry `stopped_at`.
+[[nodiscard]] int report_search(const core::table &fat, const core::result<u32> &found,
+                                u32 stopped_at);
 
 // First sector of a cluster; 0 for a cluster outside the volume.
 [[nodiscard]] u32 fat_sector(u32 cluster);

@@ -115,7 +115,7 @@ void directory::load() {
         std::size_t done = 0;
         for (const cluster_extent &run : extents_of(clusters_)) {
             const std::size_t size = std::size_t{run.count} * on().cluster_bytes();
-            read_extent_into(on(), sector_of_cluster(on(), run.first),
+            read_extent_into(on(), on().sector_of(run.first),
                              std::span(bytes_).subspan(done, size));
             done += size;
         }
@@ -150,7 +150,7 @@ u64 directory::sector_of(u32 sector_index) const {
     if (start_ == ROOT) {
         return u64{on().at.root_start} + sector_index;
     }
-    return sector_of_cluster(on(), clusters_.at(sector_index / on().at.sectors_per_cluster)) +
+    return on().sector_of(clusters_.at(sector_index / on().at.sectors_per_cluster)) +
            sector_index % on().at.sectors_per_cluster;
 }
 

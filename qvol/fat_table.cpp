@@ -34,18 +34,18 @@ bool page_begins_in_fat(const core::volume &on, std::size_t index) {
 }
 
 // If the FAT is smaller than the volume needs, only the clusters with an entry are used.
-u32 last_cluster_with_entry(const core::volume &on) {
+core::volume with_entries(core::volume on) {
     const u64 entries = u64{on.at.fat_sectors} * on.at.sector_size / on.entry_size();
-    const u64 wanted = u64{on.at.clusters} + core::FIRST_DATA_CLUSTER;
-    return static_cast<u32>(std::min(entries, wanted)) - 1;
+    on.at.clusters =
+        static_cast<u32>(std::min<u64>(on.at.clusters, entries - core::FIRST_DATA_CLUSTER));
+    return on;
 }
 
 } // namespace
 
 fat_table::fat_table(const core::volume &on, u32 copies)
-    : on_(on), copies_(copies), written_copies_(copies), entry_size_(on.entry_size()),
-      last_cluster_(last_cluster_with_entry(on)), cursor_(core::FIRST_DATA_CLUSTER) {
-    pages_.resize((u64{last_cluster_} + 1) * entry_size_ / PAGE_BYTES + 1);
+    : on_(with_entries(on)), copies_(copies), written_copies_(copies) {
+    pages_.resize((u64{last_cluster()} + 1) * on_.entry_size() / PAGE_BYTES + 1);
 }
 
 // ---- pages ------------------------------------------------------------------------------------
@@ -92,21 +92,21 @@ bool fat_table::page_begins_in_table(std::size_t index) const {
 }
 
 void fat_table::check_number(u32 cluster) const {
-    if (cluster < core::FIRST_DATA_CLUSTER || cluster > last_cluster_) {
+    if (!on_.is_data_cluster(cluster)) {
         throw error(fmt::format("cluster {} does not exist: the volume has clusters {} to {}",
-                                cluster, core::FIRST_DATA_CLUSTER, last_cluster_));
+                                cluster, core::FIRST_DATA_CLUSTER, last_cluster()));
     }
 }
 
 u32 fat_table::get(u32 cluster) {
     check_number(cluster);
-    const u64 offset = u64{cluster} * entry_size_;
+    const u64 offset = u64{cluster} * on_.entry_size();
     return value_in(page_of(offset), offset);
 }
 
 void fat_table::set(u32 cluster, u32 value) {
     const bool was_free = get(cluster) == core::FAT_FREE;
-    const u64 offset = u64{cluster} * entry_size_;
+    const u64 offset = u64{cluster} * on_.entry_size();
     page &changed = page_of(offset);
     core::store_entry(on_.at.width, changed.bytes.data() + offset % PAGE_BYTES, value);
     changed.is_dirty[offset % PAGE_BYTES / on_.at.sector_size] = true;
@@ -115,25 +115,23 @@ void fat_table::set(u32 cluster, u32 value) {
         *free_count_ += (is_free ? 1U : 0U) - (was_free ? 1U : 0U);
     }
     if (is_free) {
-        cursor_ = std::min(cursor_, cluster);
+        search_.freed(cluster);
     }
 }
 
 u32 fat_table::value_in(const page &cached, u64 byte_offset) const {
-    const u8 *entry = cached.bytes.data() + byte_offset % PAGE_BYTES;
-    return entry_size_ == core::FAT16_ENTRY_SIZE ? core::load16(entry)
-                                                 : core::load32(entry) & core::FAT32_VALUE_MASK;
+    return core::load_entry(on_.at.width, cached.bytes.data() + byte_offset % PAGE_BYTES);
 }
 
 void fat_table::visit_used(const std::function<void(u32 cluster, u32 value)> &visit) const {
-    const u32 per_page = PAGE_BYTES / entry_size_;
+    const u32 per_page = PAGE_BYTES / on_.entry_size();
     for (std::size_t index = 0; page_begins_in_table(index); index++) {
         const page fresh = pages_[index] == nullptr ? load_page(index) : page{};
         const page &shown = pages_[index] == nullptr ? fresh : *pages_[index];
         const u32 first = static_cast<u32>(index) * per_page;
-        const u64 end = std::min(u64{last_cluster_} + 1, u64{first} + per_page);
+        const u64 end = std::min(u64{last_cluster()} + 1, u64{first} + per_page);
         for (u32 cluster = std::max(first, core::FIRST_DATA_CLUSTER); cluster < end; cluster++) {
-            const u32 value = value_in(shown, u64{cluster} * entry_size_);
+            const u32 value = value_in(shown, u64{cluster} * on_.entry_size());
             if (value != core::FAT_FREE) {
                 visit(cluster, value);
             }
@@ -145,17 +143,15 @@ u32 fat_table::free_count() {
     if (!free_count_) {
         u32 used = 0;
         visit_used([&used](u32, u32) { used++; });
-        free_count_ = last_cluster_ - core::FIRST_DATA_CLUSTER + 1 - used;
+        free_count_ = last_cluster() - core::FIRST_DATA_CLUSTER + 1 - used;
     }
     return *free_count_;
 }
 
-// The lowest free cluster, or 0. No free cluster is below the cursor.
+// The lowest free cluster, or 0.
 u32 fat_table::find_free() {
-    while (cursor_ <= last_cluster_ && get(cursor_) != core::FAT_FREE) {
-        cursor_++;
-    }
-    return cursor_ <= last_cluster_ ? cursor_ : 0;
+    return search_.find(last_cluster(),
+                        [this](u32 cluster) { return get(cluster) == core::FAT_FREE; });
 }
 
 u32 fat_table::next_free() {
@@ -164,7 +160,7 @@ u32 fat_table::next_free() {
 }
 
 u32 fat_table::highest_used() {
-    u32 cluster = last_cluster_;
+    u32 cluster = last_cluster();
     while (cluster >= core::FIRST_DATA_CLUSTER && get(cluster) == core::FAT_FREE) {
         cluster--;
     }
@@ -182,10 +178,11 @@ std::vector<u32> fat_table::chain(u32 start, u32 limit) {
         }
         clusters.push_back(cluster);
         const u32 next = get(cluster);
-        if (on_.is_end_of_chain(next)) {
+        const core::link_kind kind = on_.kind_of_link(next);
+        if (kind == core::link_kind::END) {
             break;
         }
-        if (next < core::FIRST_DATA_CLUSTER || next > last_cluster_ || next == on_.bad_mark()) {
+        if (kind != core::link_kind::NEXT) {
             throw error(fmt::format("the chain from cluster {} is broken: FAT entry {} is {:#x}",
                                     start, cluster, next));
         }
@@ -227,7 +224,7 @@ void fat_table::forget_changes() {
         cached.reset();
     }
     free_count_.reset();
-    cursor_ = core::FIRST_DATA_CLUSTER;
+    search_ = {};
 }
 
 void fat_table::write_changes() {
@@ -265,7 +262,7 @@ std::vector<copy_difference> fat_table::compare_copies() const {
             std::mismatch(sector.first.begin(), sector.first.end(), sector.other.begin());
         const u64 offset =
             sector.index * on_.at.sector_size + static_cast<u64>(a - sector.first.begin());
-        const copy_difference first = {sector.copy, 0, static_cast<u32>(offset / entry_size_)};
+        const copy_difference first = {sector.copy, 0, static_cast<u32>(offset / on_.entry_size())};
         found.try_emplace(sector.copy, first).first->second.sectors++;
     });
     std::vector<copy_difference> differences;

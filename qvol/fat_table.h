@@ -6,7 +6,7 @@
 
 #pragma once
 
-#include "core/volume.h"
+#include "core/allocator.h"
 #include "qvol/error.h"
 
 #include <functional>
@@ -47,6 +47,7 @@ public:
     // The FAT of a volume, which has `copies` copies of it. Reads nothing yet.
     fat_table(const core::volume &on, u32 copies);
 
+    // The volume, with the clusters that its FAT has an entry for.
     [[nodiscard]] const core::volume &on() const {
         return on_;
     }
@@ -63,7 +64,7 @@ public:
     void visit_used(const std::function<void(u32 cluster, u32 value)> &visit) const;
 
     [[nodiscard]] u32 last_cluster() const {
-        return last_cluster_;
+        return on_.last_cluster();
     }
     [[nodiscard]] u32 free_count();   // reads the whole FAT the first time
     [[nodiscard]] u32 next_free();    // the lowest free cluster, or FSINFO_UNKNOWN
@@ -127,10 +128,8 @@ private:
     core::volume on_;
     u32 copies_;
     u32 written_copies_; // number of copies that are written, from the first on
-    u32 entry_size_;
-    u32 last_cluster_;
     std::vector<std::unique_ptr<page>> pages_;
-    u32 cursor_;                    // where the search for a free cluster continues
+    core::lowest_free search_;
     std::optional<u32> free_count_; // no value: not counted yet
 };
 

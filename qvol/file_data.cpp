@@ -54,7 +54,7 @@ void read_data(const core::volume &on, std::span<const u32> clusters, u64 size,
             const std::size_t wanted = static_cast<std::size_t>(std::min<u64>(size, bytes.size()));
             const std::size_t sectors =
                 (wanted + on.at.sector_size - 1) / on.at.sector_size * on.at.sector_size;
-            read_extent_into(on, sector_of_cluster(on, extent.first + done), bytes.first(sectors));
+            read_extent_into(on, on.sector_of(extent.first + done), bytes.first(sectors));
             take(bytes.first(wanted));
             size -= wanted;
             done += count;
@@ -85,7 +85,7 @@ void data_writer::begin(std::span<const u32> clusters) {
 }
 
 void data_writer::enter_cluster() {
-    const u64 sector = sector_of_cluster(on_, clusters_[next_++]);
+    const u64 sector = on_.sector_of(clusters_[next_++]);
     if (sector != sector_ + buffer_.size() / on_.at.sector_size) {
         flush();
     }

@@ -43,8 +43,4 @@ void write_extent(const core::volume &on, u64 sector, std::span<const u8> bytes)
     }
 }
 
-u64 sector_of_cluster(const core::volume &on, u32 cluster) {
-    return on.at.data_start + u64{cluster - core::FIRST_DATA_CLUSTER} * on.at.sectors_per_cluster;
-}
-
 } // namespace qvol

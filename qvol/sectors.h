@@ -18,7 +18,4 @@ using core::u8;
 void read_extent_into(const core::volume &on, u64 sector, std::span<u8> bytes);
 void write_extent(const core::volume &on, u64 sector, std::span<const u8> bytes);
 
-// First sector of a data cluster.
-[[nodiscard]] u64 sector_of_cluster(const core::volume &on, u32 cluster);
-
 } // namespace qvol

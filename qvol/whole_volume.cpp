@@ -88,8 +88,8 @@ void make_reserved_file(volume &vol, const reserved_file &file) {
 u64 used_length(volume &vol) {
     const core::volume &on = vol.on();
     const u32 highest = vol.fat().highest_used();
-    const u64 sectors = highest == 0 ? on.at.data_start
-                                     : sector_of_cluster(on, highest) + on.at.sectors_per_cluster;
+    const u64 sectors =
+        highest == 0 ? on.at.data_start : on.sector_of(highest) + on.at.sectors_per_cluster;
     return sectors * on.at.sector_size;
 }
 

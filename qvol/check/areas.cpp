@@ -212,9 +212,7 @@ void check_fsinfo_counts(survey *checked) {
                                 checked->table.free_count()),
                     "corrected", repair);
     }
-    const bool is_cluster =
-        next >= core::FIRST_DATA_CLUSTER && next <= checked->table.last_cluster();
-    if (next != core::FSINFO_UNKNOWN && !is_cluster) {
+    if (next != core::FSINFO_UNKNOWN && !checked->table.on().is_data_cluster(next)) {
         add_finding(checked, found::FSINFO_NEXT,
                     fmt::format("FSInfo next free cluster is {}, should be {} to {}", next,
                                 core::FIRST_DATA_CLUSTER, checked->table.last_cluster()),

@@ -12,13 +12,9 @@ namespace qvol {
 
 namespace {
 
-bool is_cluster(const fat_table &table, u32 number) {
-    return number >= core::FIRST_DATA_CLUSTER && number <= table.last_cluster();
-}
-
 // Why the chain of a node cannot continue in a cluster; MARK if it can.
 chain_end obstacle_at(survey *checked, u32 node, u32 cluster) {
-    if (!is_cluster(checked->table, cluster)) {
+    if (!checked->table.on().is_data_cluster(cluster)) {
         return chain_end::RANGE;
     }
     const u32 owner = checked->owners.get(cluster);
@@ -135,7 +131,7 @@ void check_tail(survey *checked, const file_tail &file) {
 
 bool is_in_image(const survey &checked, u32 cluster) {
     const core::volume &on = checked.on();
-    return (sector_of_cluster(on, cluster) + on.at.sectors_per_cluster) * on.at.sector_size <=
+    return (u64{on.sector_of(cluster)} + on.at.sectors_per_cluster) * on.at.sector_size <=
            checked.vol.where().size();
 }
 

@@ -21,8 +21,7 @@ bool is_pending(const survey &checked, u32 cluster) {
 
 // Whether a value of the FAT is the number of a pending lost cluster.
 bool links_to_pending(const survey &checked, u32 value) {
-    return value >= core::FIRST_DATA_CLUSTER && value <= checked.table.last_cluster() &&
-           is_pending(checked, value);
+    return checked.table.on().is_data_cluster(value) && is_pending(checked, value);
 }
 
 std::vector<u32> collect_lost(survey *checked) {

@@ -50,7 +50,7 @@ void check_pool_header(survey *checked, u32 node) {
         {core::POOL_SECOND_MARK, ALL_ONES},
     };
     const std::vector<u8> header =
-        read_extent(checked->on(), sector_of_cluster(checked->on(), pool.start()), 1);
+        read_extent(checked->on(), checked->on().sector_of(pool.start()), 1);
     for (const header_word &word : words) {
         const u32 value = core::load(header.data(), word.field);
         if (value != word.value) {

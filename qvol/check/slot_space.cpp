@@ -86,7 +86,7 @@ slot_space::slot_space(const core::volume &on, std::vector<u32> clusters)
     is_too_long_ = clusters_.size() > max_clusters;
     clusters_.resize(std::min<std::size_t>(clusters_.size(), max_clusters));
     for (const cluster_extent &extent : extents_of(clusters_)) {
-        load(sector_of_cluster(on_, extent.first), extent.count * on_.at.sectors_per_cluster);
+        load(on_.sector_of(extent.first), extent.count * on_.at.sectors_per_cluster);
     }
     find_end();
 }
@@ -128,8 +128,7 @@ u32 slot_space::cluster_of(u32 slot) const {
 }
 
 core::slot_place slot_space::location(u32 slot) const {
-    const u64 base =
-        clusters_.empty() ? on_.at.root_start : sector_of_cluster(on_, cluster_of(slot));
+    const u64 base = clusters_.empty() ? on_.at.root_start : on_.sector_of(cluster_of(slot));
     const u32 offset =
         (clusters_.empty() ? slot : slot % slots_per_cluster(on_)) * core::DENTRY_SIZE;
     return {static_cast<u32>(base + offset / on_.at.sector_size), offset % on_.at.sector_size};
