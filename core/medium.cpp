@@ -10,11 +10,6 @@ namespace core {
 
 namespace {
 
-// Number of bytes from `offset` on, at most `wanted`, that a medium of `size` bytes has.
-std::size_t bytes_within(u64 size, u64 offset, std::size_t wanted) {
-    return offset < size ? static_cast<std::size_t>(std::min<u64>(wanted, size - offset)) : 0;
-}
-
 // Repeats a system call until everything is moved, nothing more can be, or it fails.
 template <typename Call>
 s64 transfer_all(std::size_t count, Call call) {
@@ -33,6 +28,10 @@ s64 transfer_all(std::size_t count, Call call) {
 }
 
 } // namespace
+
+std::size_t bytes_within(u64 size, u64 offset, std::size_t wanted) {
+    return offset < size ? static_cast<std::size_t>(std::min<u64>(wanted, size - offset)) : 0;
+}
 
 // ---- medium: nothing is there -----------------------------------------------------------------
 

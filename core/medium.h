@@ -8,6 +8,9 @@
 
 namespace core {
 
+// Number of bytes from `offset` on, at most `wanted`, that a medium of `size` bytes has.
+[[nodiscard]] std::size_t bytes_within(u64 size, u64 offset, std::size_t wanted);
+
 // Transfers return the number of bytes moved, fewer than requested at the end of the medium, or a
 // negative errno.
 class medium {

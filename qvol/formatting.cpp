@@ -111,15 +111,19 @@ void format_target(const target &where, const volume_shape &shape, const std::st
 }
 
 deferred_boot_sector::deferred_boot_sector(target *where, u32 sector_bytes)
-    : where_(*where), device_(where->medium()), medium_(device_, sector_bytes) {
+    : where_(*where), device_(where->medium()), medium_(device_, sector_bytes, sector_bytes) {
     const std::vector<u8> zeros(core::MAX_SECTOR_SIZE);
     const core::s64 written = device_.write(0, zeros);
     if (written != static_cast<core::s64>(zeros.size())) {
-        throw system_failure("write to " + shown_bytes(where_.path()),
-                             written < 0 ? static_cast<int>(-written) : EIO);
+        fail(written);
     }
     where_.sync();
     where_.replace_medium(&medium_);
+}
+
+void deferred_boot_sector::fail(core::s64 written) const {
+    throw system_failure("write to " + shown_bytes(where_.path()),
+                         written < 0 ? static_cast<int>(-written) : EIO);
 }
 
 deferred_boot_sector::~deferred_boot_sector() {
@@ -128,9 +132,10 @@ deferred_boot_sector::~deferred_boot_sector() {
 
 void deferred_boot_sector::release() {
     where_.replace_medium(&device_);
-    const std::vector<u8> &boot_sector = medium_.first_sector();
-    const core::areas at = {.sector_size = static_cast<u32>(boot_sector.size())};
-    write_extent({&device_, at}, 0, boot_sector);
+    const int written = medium_.commit();
+    if (written < 0) {
+        fail(written);
+    }
     where_.sync();
 }
 

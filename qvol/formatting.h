@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include "core/overlay.h"
 #include "qvol/session.h"
 #include "qvol/volume_shape.h"
 
@@ -32,9 +33,11 @@ public:
     void release();
 
 private:
+    [[noreturn]] void fail(core::s64 written) const;
+
     target &where_;
     core::medium &device_;
-    deferring_medium medium_;
+    core::overlay_medium medium_; // holds the boot sector
 };
 
 } // namespace qvol
