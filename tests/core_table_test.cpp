@@ -1,0 +1,351 @@
+// The FAT and the directories of the engine, on volumes of a few sectors in memory.
+
+#include "core/allocator.h"
+#include "core/boot_sector.h"
+#include "core/chain.h"
+#include "core/long_name.h"
+#include "core/record.h"
+#include "core/recorder.h"
+#include "core/slots.h"
+#include "tests/support/read_only_file.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <numeric>
+#include <random>
+#include <vector>
+
+using namespace core;
+
+namespace {
+
+constexpr u32 SECTOR = 512;
+constexpr u32 FAT_SECTORS = 4;
+constexpr u32 CLUSTERS = 400; // in both widths: more than one FAT sector
+
+// Sector 0, the FAT, a root area of one sector, one sector a cluster.
+struct small_volume {
+    std::vector<u8> content = std::vector<u8>((2 + FAT_SECTORS + CLUSTERS) * SECTOR);
+    memory_medium memory{content};
+    recorder record{memory};
+    volume on;
+
+    explicit small_volume(u32 width) {
+        on = {&record,
+              {.width = width,
+               .sector_size = SECTOR,
+               .sectors_per_cluster = 1,
+               .total_sectors = 2 + FAT_SECTORS + CLUSTERS,
+               .fat_start = 1,
+               .fat_sectors = FAT_SECTORS,
+               .root_start = 1 + FAT_SECTORS,
+               .root_cluster = 0,
+               .data_start = 2 + FAT_SECTORS,
+               .clusters = CLUSTERS}};
+    }
+    [[nodiscard]] u8 *entry(u32 index) {
+        return content.data() + SECTOR + std::size_t{index} * on.entry_size();
+    }
+    void set(u32 index, u32 value) {
+        store_entry(on.at.width, entry(index), value);
+    }
+    void link(const std::vector<u32> &chain, u32 end = FAT_END_MARK) {
+        for (std::size_t i = 0; i < chain.size(); i++) {
+            set(chain[i], i + 1 < chain.size() ? chain[i + 1] : end);
+        }
+    }
+};
+
+class BothWidths : public testing::TestWithParam<u32> {
+protected:
+    [[nodiscard]] static u32 value_mask() {
+        return GetParam() == 16 ? 0xFFFF : FAT32_VALUE_MASK;
+    }
+    [[nodiscard]] static u32 entries_per_sector() {
+        return SECTOR / (GetParam() / 8);
+    }
+};
+INSTANTIATE_TEST_SUITE_P(Core, BothWidths, testing::Values(16, 32));
+
+} // namespace
+
+// ---- entries ----------------------------------------------------------------------------------
+
+TEST_P(BothWidths, LateWritesEachSectorOnceAndAtOnceEveryChange) {
+    const u32 in_sector = entries_per_sector();
+    const std::map<u32, u32> changes = {
+        {2, 3}, {3, 4}, {in_sector - 1, 9}, {in_sector, FAT_END_MARK}};
+    for (const auto when : {table::writing::AT_ONCE, table::writing::LATE}) {
+        small_volume vol(GetParam());
+        vol.set(5, 7);
+        table fat(vol.on, when);
+        for (const auto &[index, value] : changes) {
+            EXPECT_EQ(fat.set(index, value), fault::NONE);
+            EXPECT_EQ(fat.value(index).value, value & value_mask());
+        }
+        EXPECT_EQ(fat.has_late_changes(), when == table::writing::LATE);
+        EXPECT_EQ(fat.flush(), fault::NONE);
+        EXPECT_FALSE(fat.has_late_changes());
+        EXPECT_EQ(vol.record.steps(), when == table::writing::LATE ? 2U : 4U);
+        EXPECT_EQ(load_entry(GetParam(), vol.entry(3)), 4U);
+        EXPECT_EQ(load_entry(GetParam(), vol.entry(5)), 7U);
+        EXPECT_TRUE(vol.on.is_end_of_chain(load_entry(GetParam(), vol.entry(in_sector))));
+    }
+}
+
+TEST(Fat32Entry, KeepsItsReservedBits) {
+    small_volume vol(32);
+    store32(vol.entry(9), 0xA0000000);
+    table fat(vol.on);
+    EXPECT_EQ(fat.value(9).value, FAT_FREE);
+    EXPECT_EQ(fat.set(9, 0xF0000005), fault::NONE);
+    EXPECT_EQ(load32(vol.entry(9)), 0xA0000005);
+}
+
+TEST_P(BothWidths, LinksAreClassified) {
+    small_volume vol(GetParam());
+    const u32 end = GetParam() == 16 ? FAT16_END : FAT32_END;
+    struct row {
+        u32 value;
+        link_kind kind;
+        fault why;
+    };
+    for (const row &r :
+         {row{FAT_FREE, link_kind::FREE, fault::NONE},
+          row{1, link_kind::OUTSIDE, fault::LINK_VALUE}, row{2, link_kind::NEXT, fault::NONE},
+          row{CLUSTERS + 1, link_kind::NEXT, fault::NONE},
+          row{CLUSTERS + 2, link_kind::OUTSIDE, fault::LINK_VALUE},
+          row{end - 1, link_kind::BAD, fault::LINK_VALUE}, row{end, link_kind::END, fault::NONE},
+          row{end + 7, link_kind::END, fault::NONE}}) {
+        vol.set(8, r.value);
+        EXPECT_EQ(vol.on.kind_of_link(r.value), r.kind) << r.value;
+        EXPECT_EQ(table(vol.on).link(8).why, r.why) << r.value;
+    }
+    EXPECT_EQ(table(vol.on).link(1).why, fault::CLUSTER_NUMBER);
+    EXPECT_EQ(table(vol.on).link(CLUSTERS + 2).why, fault::CLUSTER_NUMBER);
+    vol.on.at.width = 12;
+    EXPECT_EQ(table(vol.on).value(2).why, fault::WIDTH);
+    EXPECT_EQ(table(vol.on).set(2, 0), fault::WIDTH);
+    vol.on.at.sector_size = 0;
+    EXPECT_EQ(table(vol.on).value(2).why, fault::NO_GEOMETRY);
+}
+
+TEST_P(BothWidths, AFailedWriteStatesTheFirstLostStep) {
+    small_volume vol(GetParam());
+    const testing_support::read_only_file file(vol.content.size());
+    file_medium unwritable(file.fd(), vol.content.size());
+    vol.on.device = &unwritable;
+    table fat(vol.on, table::writing::LATE);
+    for (u32 step = 0; step < 3; step++) { // the third one leaves the sector of the others
+        fat.begin_step(7 + step);
+        EXPECT_EQ(fat.set(2 + step / 2 * entries_per_sector(), 5),
+                  step < 2 ? fault::NONE : fault::TABLE_WRITE);
+        EXPECT_EQ(fat.write_failed(), step == 2);
+    }
+    EXPECT_EQ(fat.first_lost_step(), 7U);
+    EXPECT_FALSE(fat.has_late_changes());
+    EXPECT_EQ(fat.value(2).value, FAT_FREE); // as on the medium
+    EXPECT_EQ(table(vol.on).set(2, 5), fault::TABLE_WRITE);
+    EXPECT_EQ(fat.value(FAT_SECTORS * entries_per_sector() * 200).why, fault::TABLE_READ);
+}
+
+// ---- allocation -------------------------------------------------------------------------------
+
+TEST_P(BothWidths, NextFitWrapsOnce) {
+    constexpr u32 LAST = CLUSTERS + 1;
+    struct row {
+        std::vector<u32> free;
+        u32 hint;
+        u32 found; // 0: none
+        bool has_wrapped;
+    };
+    for (const row &r : {row{{2, 300, LAST}, 2, 300, false}, row{{2, 300, LAST}, 300, LAST, false},
+                         row{{2, 300}, 300, 2, true}, row{{300}, 300, 300, true},
+                         row{{}, 300, 0, true}, row{{2, LAST}, LAST, 2, false},
+                         row{{LAST}, 0, LAST, false}, row{{2}, LAST - 1, 2, true}}) {
+        small_volume vol(GetParam());
+        for (u32 cluster = 2; cluster <= LAST; cluster++) {
+            vol.set(cluster, FAT_END_MARK);
+        }
+        for (const u32 cluster : r.free) {
+            vol.set(cluster, FAT_FREE);
+        }
+        table fat(vol.on);
+        next_fit search{corrected_hint(vol.on, r.hint)};
+        const result<u32> found = search.find(fat);
+        EXPECT_EQ(found.ok() ? found.value : 0, r.found) << r.hint;
+        EXPECT_EQ(found.why, r.found != 0 ? fault::NONE : fault::NO_SPACE);
+        EXPECT_EQ(search.has_wrapped, r.has_wrapped) << r.hint;
+    }
+    small_volume vol(GetParam());
+    vol.set(200, 1);
+    for (u32 cluster = 150; cluster < 200; cluster++) {
+        vol.set(cluster, FAT_END_MARK);
+    }
+    table fat(vol.on);
+    next_fit search{149};
+    EXPECT_EQ(search.find(fat).why, fault::LINK_VALUE);
+    EXPECT_EQ(search.stopped_at, 200U);
+}
+
+TEST(LowestFree, ContinuesAndReturnsToFreedClusters) {
+    std::vector<bool> is_free(20, true);
+    lowest_free search;
+    const auto take = [&] {
+        const u32 found = search.find(19, [&](u32 cluster) { return is_free[cluster]; });
+        is_free[found] = false;
+        return found;
+    };
+    for (u32 expected = 2; expected < 20; expected++) {
+        EXPECT_EQ(take(), expected);
+    }
+    EXPECT_EQ(take(), 0U);
+    for (const u32 freed : {12U, 7U, 15U}) {
+        is_free[freed] = true;
+        search.freed(freed);
+    }
+    EXPECT_EQ(take(), 7U);
+    EXPECT_EQ(take(), 12U);
+    EXPECT_EQ(take(), 15U);
+    EXPECT_EQ(take(), 0U);
+}
+
+// ---- chains -----------------------------------------------------------------------------------
+
+TEST_P(BothWidths, CursorMovesAlongAnyChain) {
+    std::mt19937 random(GetParam());
+    for (int round = 0; round < 10; round++) {
+        small_volume vol(GetParam());
+        std::vector<u32> chain(CLUSTERS);
+        std::iota(chain.begin(), chain.end(), 2);
+        for (int swaps = 0; swaps < round * 10; swaps++) {
+            std::swap(chain[random() % CLUSTERS], chain[random() % CLUSTERS]);
+        }
+        vol.link(chain);
+        table fat(vol.on);
+        chain_cursor cursor;
+        for (int i = 0; i < 100; i++) {
+            const u32 to = static_cast<u32>(random() % CLUSTERS);
+            ASSERT_EQ(cursor.move(fat, chain[0], to), fault::NONE);
+            ASSERT_EQ(cursor.cluster, chain[to]);
+        }
+        EXPECT_EQ(cursor.move(fat, chain[0], CLUSTERS), fault::NONE);
+        EXPECT_TRUE(vol.on.is_end_of_chain(cursor.cluster));
+        u32 stopped_at = 0;
+        const result<chain_length> length = measure_chain(fat, chain[0], &stopped_at);
+        ASSERT_TRUE(length.ok());
+        EXPECT_EQ(length.value.clusters, CLUSTERS);
+        EXPECT_EQ(length.value.last, chain.back());
+    }
+}
+
+TEST_P(BothWidths, EveryCycleIsDetected) {
+    for (u32 tail = 0; tail < 12; tail++) {
+        for (u32 loop = 1; loop < 12; loop++) {
+            for (const u32 stride : {1U, 3U}) {
+                small_volume vol(GetParam());
+                std::vector<u32> chain(tail + loop);
+                for (u32 i = 0; i < chain.size(); i++) {
+                    chain[i] = 5 + i * stride;
+                }
+                vol.link(chain, chain[tail]);
+                table fat(vol.on);
+                chain_cursor cursor;
+                EXPECT_EQ(cursor.move(fat, chain[0], CLUSTERS), fault::CYCLE);
+                EXPECT_EQ(cursor.first, 0U);
+                EXPECT_EQ(cursor.move(fat, chain[0], tail), fault::NONE);
+                EXPECT_EQ(cursor.cluster, chain[tail]);
+                u32 stopped_at = 0;
+                EXPECT_EQ(measure_chain(fat, chain[0], &stopped_at).why, fault::CYCLE);
+            }
+        }
+    }
+}
+
+TEST_P(BothWidths, BrokenChainsAreNotMeasured) {
+    struct row {
+        u32 end;
+        fault why;
+    };
+    for (const row &r : {row{FAT_FREE, fault::FREE_CLUSTER}, row{1, fault::LINK_VALUE},
+                         row{CLUSTERS + 2, fault::LINK_VALUE}}) {
+        small_volume vol(GetParam());
+        vol.link({9, 4, 6}, r.end);
+        table fat(vol.on);
+        u32 stopped_at = 0;
+        EXPECT_EQ(measure_chain(fat, 9, &stopped_at).why, r.why);
+        EXPECT_EQ(stopped_at, 6U);
+        EXPECT_EQ(measure_chain(fat, 0, &stopped_at).why, fault::CLUSTER_NUMBER);
+    }
+}
+
+// ---- slots ------------------------------------------------------------------------------------
+
+namespace {
+
+constexpr u32 PER_SECTOR = SECTOR / DENTRY_SIZE;
+
+void store_name(u8 *slot, const char *name) {
+    store_short_entry(slot, {.name = reinterpret_cast<const u8 *>(name)});
+}
+
+} // namespace
+
+TEST_P(BothWidths, WalkVisitsTheSlotsOfAChainAndOfTheRootArea) {
+    small_volume vol(GetParam());
+    const std::vector<u32> chain = {7, 8, 20};
+    vol.link(chain);
+    for (u32 i = 0; i < chain.size(); i++) {
+        for (u32 slot = 0; slot < PER_SECTOR; slot++) {
+            vol.content[std::size_t{vol.on.sector_of(chain[i])} * SECTOR + slot * DENTRY_SIZE] =
+                static_cast<u8>(1 + i * PER_SECTOR + slot);
+        }
+    }
+    table fat(vol.on);
+    slot_walk walk(fat, 7);
+    for (u32 slot = 0; slot < 3 * PER_SECTOR; slot++) {
+        const result<u8 *> found = walk.to(slot);
+        ASSERT_TRUE(found.ok());
+        EXPECT_EQ(*found.value, 1 + slot);
+        EXPECT_EQ(walk.place().sector, vol.on.sector_of(chain[slot / PER_SECTOR]));
+        EXPECT_EQ(walk.place().offset, slot % PER_SECTOR * DENTRY_SIZE);
+    }
+    EXPECT_EQ(walk.to(3 * PER_SECTOR).why, fault::CHAIN_END);
+    slot_walk root(fat, 0);
+    const bool has_area = GetParam() == 16;
+    EXPECT_EQ(root.to(PER_SECTOR - 1).why, has_area ? fault::NONE : fault::START_RESERVED);
+    EXPECT_EQ(root.to(PER_SECTOR).why, has_area ? fault::ROOT_AREA_END : fault::START_RESERVED);
+    slot_walk limited(fat, 7, 4);
+    EXPECT_TRUE(limited.to(0).ok());
+    EXPECT_EQ(slot_walk(fat, 7, 4).to(PER_SECTOR).why, fault::SIZE_END);
+    EXPECT_EQ(slot_walk(fat, 1).to(0).why, fault::START_RESERVED);
+    EXPECT_EQ(slot_walk(fat, CLUSTERS + 2).to(0).why, fault::START_OUTSIDE);
+}
+
+TEST(SlotSurvey, FindsTheFirstSpanAndTheTailsInUse) {
+    u8 slots[8][DENTRY_SIZE] = {};
+    const char *names[] = {"NAME~1  TXT", "", "NAME~2  TXT", "", "", "OTHER~3 TXT", "", ""};
+    for (u32 i = 0; i < 8; i++) {
+        if (*names[i] != 0) {
+            store_name(slots[i], names[i]);
+        } else {
+            slots[i][0] = NAME_DELETED;
+        }
+    }
+    const u8 *wanted = reinterpret_cast<const u8 *>("NAME    TXT");
+    struct row {
+        u32 slots;
+        u32 limit;
+        u32 span_end;
+    };
+    for (const row &r : {row{1, 8, 2}, row{2, 8, 5}, row{3, 8, 0}, row{2, 4, 0}}) {
+        slot_survey survey = {r.limit, free_span(r.slots), wanted};
+        for (const auto &slot : slots) {
+            survey.visit(slot);
+        }
+        EXPECT_EQ(survey.span_end, r.span_end);
+        EXPECT_EQ(survey.visited, std::min(r.limit, 8U));
+        EXPECT_EQ(survey.tails.lowest_free(), 3U);
+    }
+}
