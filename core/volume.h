@@ -41,6 +41,9 @@ struct volume {
     [[nodiscard]] u32 entry_size() const { // bytes of a FAT entry
         return at.width == 16 ? FAT16_ENTRY_SIZE : FAT32_ENTRY_SIZE;
     }
+    [[nodiscard]] u64 fat_entries() const { // that one copy of the FAT has space for
+        return u64{at.fat_sectors} * at.sector_size / entry_size();
+    }
     [[nodiscard]] u32 cluster_bytes() const {
         return at.sectors_per_cluster * at.sector_size;
     }

@@ -106,8 +106,7 @@ void compare_sizes(const core::boot_numbers &boot, contradictions *found) {
 }
 
 void compare_fat_size(const core::volume &on, contradictions *found) {
-    const u32 entry_bytes = on.at.width / 8;
-    const u64 entries = u64{on.at.fat_sectors} * on.at.sector_size / entry_bytes;
+    const u64 entries = on.fat_entries();
     const u64 wanted = u64{on.at.clusters} + core::FIRST_DATA_CLUSTER;
     if (entries < wanted) {
         found->push_back({contradiction_kind::FAT_SIZE,
@@ -132,12 +131,12 @@ void compare_root(const core::volume &on, const core::boot_numbers &boot, contra
             {contradiction_kind::FIELDS,
              fmt::format("a FAT32 volume has {} root entries, should be 0", boot.root_entries)});
     }
-    const u64 last = u64{on.at.clusters} + core::FIRST_DATA_CLUSTER - 1;
-    if (on.at.root_cluster < core::FIRST_DATA_CLUSTER || on.at.root_cluster > last) {
-        found->push_back({contradiction_kind::FIELDS,
-                          fmt::format("the first cluster of the root directory is {}, should be "
-                                      "{} to {}",
-                                      on.at.root_cluster, core::FIRST_DATA_CLUSTER, last)});
+    if (!on.is_data_cluster(on.at.root_cluster)) {
+        found->push_back(
+            {contradiction_kind::FIELDS,
+             fmt::format("the first cluster of the root directory is {}, should be "
+                         "{} to {}",
+                         on.at.root_cluster, core::FIRST_DATA_CLUSTER, on.last_cluster())});
     }
 }
 

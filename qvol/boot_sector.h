@@ -1,7 +1,7 @@
 // Consistency checks of a boot sector: which volumes are not supported, and on which nothing may be
 // written.
 //
-// Every volume is mounted whose numbers can be computed with. If the numbers contradict each
+// Every volume is opened whose numbers can be computed with. If the numbers contradict each
 // other, the locations of the areas are unknown, and a write could destroy anything.
 
 #pragma once
@@ -38,7 +38,7 @@ struct contradiction {
 // supported volume, and for a sector with numbers that do not describe a volume.
 [[nodiscard]] std::string unsupported_volume(std::span<const u8> boot);
 
-// Why nothing may be written on the mounted volume. `device_bytes` is the size of a block device;
+// Why nothing may be written on the open volume. `device_bytes` is the size of a block device;
 // an image file may end before the volume does: "qvol compact" makes such images.
 [[nodiscard]] std::vector<contradiction> contradictions_of(const core::volume &on,
                                                            std::optional<u64> device_bytes);

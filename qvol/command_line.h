@@ -125,7 +125,7 @@ inline constexpr int EXIT_DONE = 0;
 inline constexpr int EXIT_FAILED = 1;
 inline constexpr int EXIT_USAGE = 2;
 
-// Runs `work` on the mounted volume. Changes are complete and synced before the function returns.
+// Runs `work` on the volume. Changes are complete and synced before the function returns.
 int with_volume(const common_options &common, access wanted,
                 const std::function<int(volume &vol)> &work);
 

@@ -165,12 +165,13 @@ void directory::parse() {
     core::name_assembler run;
     for (end_ = 0; end_ < capacity(); end_++) {
         const u8 *slot = slot_bytes(end_);
-        if (slot[core::SHORT_NAME.offset] == core::NAME_UNUSED) {
+        const core::slot_kind kind = core::kind_of(slot);
+        if (kind == core::slot_kind::UNUSED) {
             break;
         }
-        if (is_removed(slot)) {
+        if (kind == core::slot_kind::DELETED) {
             add_removed_slot(end_);
-        } else if (is_long_name_slot(slot)) {
+        } else if (kind == core::slot_kind::LONG_NAME) {
             run.accept(slot, end_);
             continue;
         } else if (is_entry(slot)) {

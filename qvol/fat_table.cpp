@@ -35,9 +35,8 @@ bool page_begins_in_fat(const core::volume &on, std::size_t index) {
 
 // If the FAT is smaller than the volume needs, only the clusters with an entry are used.
 core::volume with_entries(core::volume on) {
-    const u64 entries = u64{on.at.fat_sectors} * on.at.sector_size / on.entry_size();
-    on.at.clusters =
-        static_cast<u32>(std::min<u64>(on.at.clusters, entries - core::FIRST_DATA_CLUSTER));
+    on.at.clusters = static_cast<u32>(
+        std::min<u64>(on.at.clusters, on.fat_entries() - core::FIRST_DATA_CLUSTER));
     return on;
 }
 
@@ -284,14 +283,18 @@ u64 fat_table::mirror() {
     return differing;
 }
 
+void append_cluster(std::vector<cluster_extent> *extents, u32 cluster) {
+    if (!extents->empty() && extents->back().first + extents->back().count == cluster) {
+        extents->back().count++;
+    } else {
+        extents->push_back({cluster, 1});
+    }
+}
+
 std::vector<cluster_extent> extents_of(std::span<const u32> clusters) {
     std::vector<cluster_extent> extents;
     for (const u32 cluster : clusters) {
-        if (!extents.empty() && extents.back().first + extents.back().count == cluster) {
-            extents.back().count++;
-        } else {
-            extents.push_back({cluster, 1});
-        }
+        append_cluster(&extents, cluster);
     }
     return extents;
 }

@@ -133,7 +133,9 @@ private:
     std::optional<u32> free_count_; // no value: not counted yet
 };
 
-// The extents of a chain: contiguous clusters are joined.
+// Adds the next cluster of a chain to its extents: contiguous clusters are joined.
+void append_cluster(std::vector<cluster_extent> *extents, u32 cluster);
+
 [[nodiscard]] std::vector<cluster_extent> extents_of(std::span<const u32> clusters);
 
 } // namespace qvol

@@ -185,9 +185,9 @@ bool has_readable_root(const core::volume &on) {
     return why == core::fault::NONE || why == core::fault::FREE_CLUSTER;
 }
 
-core::volume mount(const target &where, mounted wanted) {
+core::volume open_volume(const target &where, required wanted) {
     const core::volume on = read_volume(where);
-    if (wanted == mounted::AREAS) {
+    if (wanted == required::AREAS) {
         return on;
     }
     if (where.is_writable()) {
@@ -271,9 +271,9 @@ void check_replaceable(const std::string &path) {
 
 // ---- volume -----------------------------------------------------------------------------------
 
-volume::volume(const target &where, const std::string &encoding, mounted wanted)
-    : target_(where), on_(mount(where, wanted)), boot_(parse_boot_sector(on_)), names_(encoding),
-      fat_(on_, boot_.fat_copies) {}
+volume::volume(const target &where, const std::string &encoding, required wanted)
+    : target_(where), on_(open_volume(where, wanted)), boot_(parse_boot_sector(on_)),
+      names_(encoding), fat_(on_, boot_.fat_copies) {}
 
 std::vector<contradiction> volume::contradictions() const {
     return contradictions_on(target_, on_);

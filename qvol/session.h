@@ -2,7 +2,7 @@
 //
 //   target   opened, locked, not in use by the system; sectors can be read and written. This is
 //            enough for formatting.
-//   volume   a mounted target: its FAT, its names, and the order of writes to the medium.
+//   volume   the volume of a target: its FAT, its names, and the order of writes to the medium.
 //
 // Several can be open at once. Destroying the target closes it.
 
@@ -105,17 +105,18 @@ struct boot_fields {
 };
 
 // The parts of a volume that a command requires: the areas, or also a readable root directory.
-enum class mounted { AREAS, WITH_ROOT };
+enum class required { AREAS, AREAS_AND_ROOT };
 
 // Throws error if the file to replace is locked by another program, mounted, or not a regular file.
 void check_replaceable(const std::string &path);
 
 class volume {
 public:
-    // Mounts. `target` must outlive the volume. Throws error if there is no volume, or if the
-    // target is writable and its boot sector contradicts itself. With mounted::AREAS the caller
+    // `target` must outlive the volume. Throws error if there is no volume, or if the
+    // target is writable and its boot sector contradicts itself. With required::AREAS the caller
     // checks for contradictions.
-    volume(const target &where, const std::string &encoding, mounted wanted = mounted::WITH_ROOT);
+    volume(const target &where, const std::string &encoding,
+           required wanted = required::AREAS_AND_ROOT);
     volume(const volume &) = delete;
     volume &operator=(const volume &) = delete;
 

@@ -29,16 +29,9 @@ std::u16string short_text(const entry &shown) {
 
 } // namespace
 
-bool is_removed(const u8 *slot) {
-    return slot[core::SHORT_NAME.offset] == core::NAME_DELETED;
-}
-
-bool is_long_name_slot(const u8 *slot) {
-    return (core::load(slot, core::SHORT_ATTR) & core::ATTR_LONG_NAME_MASK) == core::ATTR_LONG_NAME;
-}
-
 bool is_entry(const u8 *slot) {
-    return (core::load(slot, core::SHORT_ATTR) & core::ATTR_KIND_MASK) != core::ATTR_KIND_MASK;
+    const core::slot_kind kind = core::kind_of(slot);
+    return core::is_named_kind(kind) || kind == core::slot_kind::LABEL;
 }
 
 entry entry_of_slot(const u8 *slot, u32 index, const core::name_assembler &assembler,

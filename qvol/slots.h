@@ -10,10 +10,7 @@ namespace qvol {
 // The maximum size of a directory in other systems.
 inline constexpr u32 MAX_SLOTS = 65536;
 
-[[nodiscard]] bool is_removed(const u8 *slot);
-[[nodiscard]] bool is_long_name_slot(const u8 *slot);
-
-// An attribute byte with both the label and the directory bit does not form an entry.
+// A file, a directory or a label.
 [[nodiscard]] bool is_entry(const u8 *slot);
 
 // The entry of a short slot, with the long name if that belongs to it.

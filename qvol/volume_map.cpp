@@ -1,7 +1,7 @@
 #include "qvol/volume_map.h"
 
 #include "qvol/host.h"
-#include "qvol/tree.h"
+#include "qvol/tree_walk.h"
 
 #include <algorithm>
 
@@ -16,14 +16,6 @@ holder state_of(const core::volume &on, u32 value) {
         return HOLDER_FREE;
     }
     return value == on.bad_mark() ? HOLDER_BAD : HOLDER_LOST;
-}
-
-void append_cluster(std::vector<cluster_extent> *extents, u32 cluster) {
-    if (!extents->empty() && extents->back().first + extents->back().count == cluster) {
-        extents->back().count++;
-    } else {
-        extents->push_back({cluster, 1});
-    }
 }
 
 class cluster_survey {

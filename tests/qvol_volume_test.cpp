@@ -7,7 +7,7 @@
 #include "qvol/file_data.h"
 #include "qvol/path.h"
 #include "qvol/session.h"
-#include "qvol/tree.h"
+#include "qvol/tree_walk.h"
 
 #include "fat/internal.h"
 

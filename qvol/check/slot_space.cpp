@@ -18,17 +18,18 @@ public:
     explicit content_reader(bool is_wide) : is_wide_(is_wide) {}
 
     void accept(const u8 *slot, u32 index) {
-        if (!is_removed(slot) && is_long_name_slot(slot)) {
+        switch (core::kind_of(slot)) {
+        case core::slot_kind::LONG_NAME:
             accept_long_name_slot(slot, index);
             return;
-        }
-        if (is_removed(slot)) {
-            close_span(index, index);
-        } else if (is_entry(slot)) {
-            accept_entry(entry_of_slot(slot, index, assembler_, is_wide_));
-        } else {
-            close_span(index, index);
+        case core::slot_kind::INVALID:
             content_.invalid.push_back(index);
+            [[fallthrough]];
+        case core::slot_kind::DELETED:
+            close_span(index, index);
+            break;
+        default:
+            accept_entry(entry_of_slot(slot, index, assembler_, is_wide_));
         }
         span_start_ = index + 1;
         assembler_.reset();
@@ -113,7 +114,7 @@ void slot_space::find_end() {
 u32 slot_space::slots_past_end() const {
     u32 found = 0;
     for (u32 index = count_; index < capacity(); index++) {
-        found += slot(index)[0] != core::NAME_UNUSED && !is_removed(slot(index)) ? 1 : 0;
+        found += core::is_free_slot(slot(index)) ? 0 : 1;
     }
     return found;
 }

@@ -78,7 +78,7 @@ void print_result(const common_options &common, const check_result &result, bool
 int run_check(const common_options &common, const check_options &options) {
     const bool repairs = options.repairs;
     const target where(common.image, repairs ? access::WRITE : access::READ);
-    volume vol(where, common.encoding, mounted::AREAS);
+    volume vol(where, common.encoding, required::AREAS);
     const check_result result = repairs ? repair_volume(vol) : check_volume(vol);
     const u64 left = static_cast<u64>(
         std::count_if(result.findings.begin(), result.findings.end(),

@@ -47,8 +47,7 @@ write_content cluster_content(volume &vol, const std::string &number) {
     }
     (void)vol.fat().get(cluster); // throws if the cluster does not exist
     return [&vol, cluster](const write_piece &put) {
-        dump_sectors(vol, vol.on().sector_of(cluster), vol.on().at.sectors_per_cluster,
-                     put);
+        dump_sectors(vol, vol.on().sector_of(cluster), vol.on().at.sectors_per_cluster, put);
     };
 }
 

@@ -8,7 +8,7 @@
 #include "qvol/file_data.h"
 #include "qvol/host.h"
 #include "qvol/progress.h"
-#include "qvol/tree.h"
+#include "qvol/tree_walk.h"
 
 namespace qvol {
 

@@ -2,7 +2,7 @@
 
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
-#include "qvol/tree.h"
+#include "qvol/tree_walk.h"
 
 #include <algorithm>
 

@@ -1,6 +1,6 @@
 // qvol tree: draws the tree below a directory.
 
-#include "qvol/tree.h"
+#include "qvol/tree_walk.h"
 
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"

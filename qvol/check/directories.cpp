@@ -2,7 +2,7 @@
 // nodes.
 
 #include "qvol/check/chains.h"
-#include "qvol/check/names.h"
+#include "qvol/check/entry_names.h"
 #include "qvol/check/repair.h"
 #include "qvol/check/slot_space.h"
 #include "qvol/output.h"
@@ -249,8 +249,7 @@ private:
     }
 
     static std::optional<entry> entry_at(const slot_space &space, u32 slot) {
-        if (slot >= space.count() || is_removed(space.slot(slot)) ||
-            is_long_name_slot(space.slot(slot)) || !is_entry(space.slot(slot))) {
+        if (slot >= space.count() || !is_entry(space.slot(slot))) {
             return std::nullopt;
         }
         return entry_of_slot(space.slot(slot), slot, {}, space.is_wide());
@@ -264,7 +263,7 @@ private:
             return has_name(*found, wanted) ||
                    (found->is_directory() && found->start() == wanted.start);
         }
-        return wanted.slot < space.count() ? is_removed(space.slot(wanted.slot))
+        return wanted.slot < space.count() ? core::is_free_slot(space.slot(wanted.slot))
                                            : space.is_zero_from(wanted.slot);
     }
 

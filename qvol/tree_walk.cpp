@@ -1,4 +1,4 @@
-#include "qvol/tree.h"
+#include "qvol/tree_walk.h"
 
 #include "qvol/error.h"
 

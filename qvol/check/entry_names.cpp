@@ -1,4 +1,4 @@
-#include "qvol/check/names.h"
+#include "qvol/check/entry_names.h"
 
 #include <algorithm>
 #include <unordered_map>
