@@ -43,13 +43,13 @@ void overlay_medium::reindex() {
 }
 
 bool overlay_medium::grow_index() {
-    const u32 size = std::max(2 * index_size_, FIRST_INDEX_SIZE);
-    heap_ptr<u32> larger = zeroed_records<u32>(size);
+    const u32 wanted = std::max(2 * index_size_, FIRST_INDEX_SIZE);
+    heap_ptr<u32> larger = zeroed_records<u32>(wanted);
     if (larger == nullptr) {
         return false;
     }
     index_ = std::move(larger);
-    index_size_ = size;
+    index_size_ = wanted;
     reindex();
     return true;
 }
@@ -66,9 +66,9 @@ int overlay_medium::hold(u64 number, bool is_whole, u8 **content) {
         return -ENOMEM;
     }
     if (!is_whole) {
-        const u32 size = bytes_of(number);
-        const s64 moved = below_.read(number * unit_, {made.get(), size});
-        if (moved != size) {
+        const u32 wanted = bytes_of(number);
+        const s64 moved = below_.read(number * unit_, {made.get(), wanted});
+        if (moved != wanted) {
             return moved < 0 ? static_cast<int>(moved) : -EIO;
         }
     }
@@ -141,16 +141,16 @@ int overlay_medium::commit_sorted() {
     }
     for (u32 first = 0; first < held_.count();) {
         const u64 number = held_[first].number;
-        u32 size = 0;
+        u32 wanted = 0; // bytes
         u32 units = 0;
         while (units < room && first + units < held_.count() &&
                held_[first + units].number == number + units) {
             std::memcpy(buffer.get() + std::size_t{units} * unit_, held_[first + units].content,
                         unit_);
-            size += bytes_of(number + units++);
+            wanted += bytes_of(number + units++);
         }
-        const s64 moved = below_.write(number * unit_, {buffer.get(), size});
-        if (moved != size) {
+        const s64 moved = below_.write(number * unit_, {buffer.get(), wanted});
+        if (moved != wanted) {
             return moved < 0 ? static_cast<int>(moved) : -EIO;
         }
         first += units;
