@@ -88,9 +88,10 @@ s64 overlay_medium::read(u64 offset, std::span<u8> bytes) {
     for (std::size_t done = 0; done < bytes.size();) {
         const u64 at = offset + done;
         const u8 *content = find(at / unit_);
-        std::size_t count = std::min<std::size_t>(unit_ - at % unit_, bytes.size() - done);
+        const u32 skipped = static_cast<u32>(at % unit_);
+        std::size_t count = std::min<std::size_t>(unit_ - skipped, bytes.size() - done);
         if (content != nullptr) {
-            std::memcpy(bytes.data() + done, content + at % unit_, count);
+            std::memcpy(bytes.data() + done, content + skipped, count);
             done += count;
             continue;
         }
@@ -115,13 +116,14 @@ s64 overlay_medium::write(u64 offset, std::span<const u8> bytes) {
             return moved < 0 ? moved : static_cast<s64>(done) + moved;
         }
         const u64 number = at / unit_;
-        const std::size_t count = std::min<std::size_t>(unit_ - at % unit_, bytes.size() - done);
+        const u32 skipped = static_cast<u32>(at % unit_);
+        const std::size_t count = std::min<std::size_t>(unit_ - skipped, bytes.size() - done);
         u8 *content = nullptr;
         const int held = hold(number, count == bytes_of(number), &content);
         if (held < 0) {
             return held;
         }
-        std::memcpy(content + at % unit_, bytes.data() + done, count);
+        std::memcpy(content + skipped, bytes.data() + done, count);
         done += count;
     }
     return static_cast<s64>(bytes.size());
