@@ -11,77 +11,29 @@
 //   large            one file of 1 GiB
 //
 // Every run creates its image, and the time includes this. qvol syncs the image, so mkfs.fat and
-// mcopy are measured without and with a sync. Prints the median times, and the ratio of qvol's to
-// each.
+// mcopy are measured without and with a sync; the large file is also copied with cp and a sync.
+// Prints the median times, and the ratio of qvol's to each.
 
 #include "bench/timing.h"
-
-#include <cstdint>
-#include <filesystem>
-#include <fstream>
+#include "bench/trees.h"
 
 namespace {
 
 using bench::contestant;
 using bench::step;
 
-constexpr std::size_t SMALL_BYTES = 3000;
-constexpr std::uint64_t LARGE_BYTES = std::uint64_t{1} << 30;
-
-using namer = std::string (*)(int);
-
-std::string numbered(const char *format, int number) {
-    char name[64];
-    std::snprintf(name, sizeof name, format, number);
-    return name;
-}
-
-std::string similar_name(int number) {
-    return numbered("photograph-%05d.jpeg", number);
-}
-
-std::string varied_name(int number) {
-    return numbered("%05d-report.text", number * 7919 % 100000);
-}
-
 struct build_set {
     const char *name;
-    int files; // 0: one large file
-    int directories;
-    namer name_of;
+    bench::file_tree tree;
     bool is_slow;
 };
 constexpr build_set SETS[] = {
-    {"similar-2000", 2000, 1, similar_name, true},
-    {"varied-2000", 2000, 1, varied_name, false},
-    {"similar-20000", 20000, 100, similar_name, false},
-    {"varied-20000", 20000, 100, varied_name, false},
-    {"large", 0, 1, nullptr, false},
+    {"similar-2000", {2000, 1, bench::similar_name}, true},
+    {"varied-2000", {2000, 1, bench::varied_name}, false},
+    {"similar-20000", {20000, 100, bench::similar_name}, false},
+    {"varied-20000", {20000, 100, bench::varied_name}, false},
+    {"large", {0, 1, nullptr}, false},
 };
-
-void write_file(const std::filesystem::path &path, std::uint64_t size) {
-    std::string block(std::min<std::uint64_t>(size, 1 << 20), '\0');
-    for (std::size_t i = 0; i < block.size(); i++) {
-        block[i] = static_cast<char>(i * 131 >> 7);
-    }
-    std::ofstream file(path, std::ios::binary);
-    for (std::uint64_t done = 0; done < size; done += block.size()) {
-        file << block;
-    }
-}
-
-void make_tree(const std::filesystem::path &tree, const build_set &set) {
-    std::filesystem::create_directories(tree);
-    if (set.files == 0) {
-        write_file(tree / "large", LARGE_BYTES);
-    }
-    for (int number = 0; number < set.files; number++) {
-        const std::filesystem::path directory =
-            tree / numbered("directory %d", number % set.directories);
-        std::filesystem::create_directory(directory);
-        write_file(directory / set.name_of(number), SMALL_BYTES);
-    }
-}
 
 // ---- contestants ----
 
@@ -111,12 +63,25 @@ void build_with_mtools(const environment &where, const std::filesystem::path &tr
     }
 }
 
-std::vector<contestant> contestants(const environment &where, const std::filesystem::path &tree) {
+void copy_and_sync(const environment &where, const std::filesystem::path &file) {
+    bench::run_program({"cp", file, where.image()});
+    bench::run_program({"sync", where.image()});
+}
+
+std::vector<contestant> contestants(const environment &where, const build_set &set,
+                                    const std::filesystem::path &tree) {
     const step prepare = [where] { std::filesystem::remove(where.image()); };
-    return {{prepare, bench::program({where.qvol, "build", where.image(), "--size", SIZE, "--fat",
-                                      "32", "--cluster", "4K", "--from", tree})},
-            {prepare, [where, tree] { build_with_mtools(where, tree, false); }},
-            {prepare, [where, tree] { build_with_mtools(where, tree, true); }}};
+    std::vector<contestant> all = {
+        {prepare, bench::program({where.qvol, "build", where.image(), "--size", SIZE, "--fat", "32",
+                                  "--cluster", "4K", "--from", tree})},
+        {prepare, [where, tree] { build_with_mtools(where, tree, false); }}};
+    if (!set.is_slow) { // compared with minutes, a sync does not matter
+        all.push_back({prepare, [where, tree] { build_with_mtools(where, tree, true); }});
+    }
+    if (set.tree.files == 0) {
+        all.push_back({prepare, [where, tree] { copy_and_sync(where, tree / bench::LARGE_NAME); }});
+    }
+    return all;
 }
 
 // One round without a warm-up.
@@ -131,15 +96,14 @@ std::vector<double> times_once(const std::vector<contestant> &all) {
 
 void compare(const environment &where, const build_set &set, int rounds) {
     const std::filesystem::path tree = where.base / set.name;
-    make_tree(tree, set);
-    std::vector<contestant> all = contestants(where, tree);
-    if (set.is_slow) {
-        all.pop_back(); // compared with minutes, a sync does not matter
-    }
+    make_tree(tree, set.tree);
+    const std::vector<contestant> all = contestants(where, set, tree);
     const std::vector<double> times = set.is_slow ? times_once(all) : bench::medians(all, rounds);
-    const double synced = times.back();
-    std::printf("%-14s %9.1f ms %10.1f ms %7.3f %10.1f ms %7.3f\n", set.name, times[0] * 1e3,
-                times[1] * 1e3, times[0] / times[1], synced * 1e3, times[0] / synced);
+    std::printf("%-14s %9.1f ms", set.name, times[0] * 1e3);
+    for (std::size_t i = 1; i < times.size(); i++) {
+        std::printf(" %10.1f ms %7.3f", times[i] * 1e3, times[0] / times[i]);
+    }
+    std::printf("\n");
     std::filesystem::remove_all(tree);
     std::filesystem::remove(where.image());
 }
@@ -163,8 +127,8 @@ int main(int argc, char **argv) {
     const environment where = {argv[1], std::filesystem::path(argv[2]) / "build_bench"};
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     std::filesystem::create_directories(where.base);
-    std::printf("%-14s %12s %13s %7s %13s %7s\n", "building", "qvol", "mcopy", "ratio",
-                "mcopy, sync", "ratio");
+    std::printf("%-14s %12s %13s %7s %13s %7s %13s %7s\n", "building", "qvol", "mcopy", "ratio",
+                "mcopy, sync", "ratio", "cp, sync", "ratio");
     for (const build_set &set : SETS) {
         if (is_wanted(set, argc, argv)) {
             compare(where, set, rounds);

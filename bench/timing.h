@@ -11,6 +11,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -35,17 +36,19 @@ inline void exec_quietly(const std::vector<std::string> &arguments) {
 }
 
 // Runs a program, found through PATH, to its end and discards its output. Ends the benchmark if the
-// program fails.
-inline void run_program(const std::vector<std::string> &arguments) {
+// program fails. Returns the peak of its resident memory in KiB.
+inline long run_program(const std::vector<std::string> &arguments) {
     const pid_t child = fork();
     if (child == 0) {
         exec_quietly(arguments);
     }
     int status = 0;
-    if (child < 0 || waitpid(child, &status, 0) < 0 || !WIFEXITED(status) ||
+    rusage used{};
+    if (child < 0 || wait4(child, &status, 0, &used) < 0 || !WIFEXITED(status) ||
         WEXITSTATUS(status) != 0) {
         fail(arguments[0]);
     }
+    return used.ru_maxrss;
 }
 
 using step = std::function<void()>;
