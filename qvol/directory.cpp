@@ -175,7 +175,8 @@ void directory::parse() {
             run.accept(slot, end_);
             continue;
         } else if (is_entry(slot)) {
-            index_entry(entry_of_slot(slot, end_, run, on().is_wide()));
+            entries_.emplace_hint(entries_.end(), end_,
+                                  entry_of_slot(slot, end_, run, on().is_wide()));
         }
         run.reset();
     }
@@ -196,19 +197,37 @@ void directory::add_removed_slot(u32 slot) {
     }
 }
 
-void directory::index_entry(const entry &added) {
-    entries_[added.slot] = added;
+void directory::name_index::add(const entry &added) {
     if (added.is_dot() || added.type() == kind::LABEL) {
         return;
     }
-    by_name_[fold_case(added.name)].push_back(added.slot);
-    by_alias_.try_emplace(fold_case(alias_text(added)), added.slot);
-    aliases_.insert(added.alias());
+    by_name[fold_case(added.name)].push_back(added.slot);
+    by_alias.try_emplace(fold_case(alias_text(added)), added.slot);
+    aliases.insert(added.alias());
+}
+
+void directory::name_index::remove(const entry &removed) {
+    std::erase(by_name[fold_case(removed.name)], removed.slot);
+    const auto aliased = by_alias.find(fold_case(alias_text(removed)));
+    if (aliased != by_alias.end() && aliased->second == removed.slot) {
+        by_alias.erase(aliased);
+    }
+    aliases.erase(removed.alias());
+}
+
+directory::name_index &directory::names() const {
+    if (!names_) {
+        names_.emplace();
+        for (const auto &[slot, found] : entries_) {
+            names_->add(found);
+        }
+    }
+    return *names_;
 }
 
 const entry *directory::find_name(std::u16string_view name) const {
-    const auto named = by_name_.find(fold_case(name));
-    if (named == by_name_.end() || named->second.empty()) {
+    const auto named = names().by_name.find(fold_case(name));
+    if (named == names().by_name.end() || named->second.empty()) {
         return nullptr;
     }
     const std::vector<u32> &slots = named->second;
@@ -222,8 +241,8 @@ const entry *directory::find(std::u16string_view name) const {
     if (named != nullptr) {
         return named;
     }
-    const auto aliased = by_alias_.find(fold_case(name));
-    return aliased != by_alias_.end() ? &entries_.at(aliased->second) : nullptr;
+    const auto aliased = names().by_alias.find(fold_case(name));
+    return aliased != names().by_alias.end() ? &entries_.at(aliased->second) : nullptr;
 }
 
 bool directory::is_empty() const {
@@ -311,7 +330,7 @@ void directory::write_slots(const entry &added, std::u16string_view long_name) {
 // Without long names, case bits store the case of a name.
 cased_short_name directory::choose_alias(const new_entry &wanted) {
     if (wanted.allows_long_name) {
-        return {aliases_.choose(wanted.name), 0};
+        return {names().aliases.choose(wanted.name), 0};
     }
     const std::optional<cased_short_name> alias = cased_short_name_of(wanted.name);
     if (!alias) {
@@ -347,8 +366,8 @@ const entry &directory::add(const new_entry &wanted) {
     added.first_slot = allocate_slots(count);
     added.slot = added.first_slot + count - 1;
     write_slots(added, added.has_long_name ? wanted.name : std::u16string());
-    index_entry(added);
-    return entries_.at(added.slot);
+    names().add(added);
+    return entries_[added.slot] = std::move(added);
 }
 
 void directory::remove(const entry &removed) {
@@ -358,12 +377,7 @@ void directory::remove(const entry &removed) {
         mark_dirty(slot);
         add_removed_slot(slot);
     }
-    std::erase(by_name_[fold_case(gone.name)], gone.slot);
-    const auto aliased = by_alias_.find(fold_case(alias_text(gone)));
-    if (aliased != by_alias_.end() && aliased->second == gone.slot) {
-        by_alias_.erase(aliased);
-    }
-    aliases_.erase(gone.alias());
+    names().remove(gone);
     entries_.erase(gone.slot);
 }
 

@@ -2,7 +2,7 @@
 //
 // All sectors of the directory are read at once and changed in memory. write_new_clusters() and
 // write_changes() write them back. Names, short names and free slots are indexed, so adding
-// thousands of names does not scan the directory for each.
+// thousands of names does not scan the directory for each; the names only if one is searched for.
 //
 // A name is found by its exact spelling, else in another case, else by its 8.3 alias.
 
@@ -129,7 +129,7 @@ public:
     // Prevents the exact short form of a name that will be added from becoming another name's
     // alias.
     void reserve_short_name(std::u16string_view name) {
-        aliases_.reserve(name);
+        names().aliases.reserve(name);
     }
 
     // Marks the entry and its long-name slots as removed. Does not free its chain.
@@ -150,9 +150,19 @@ public:
 private:
     explicit directory(fat_table &table) : table_(&table) {}
 
+    // The entries but dot entries and labels, by their names.
+    struct name_index {
+        std::unordered_map<std::u16string, std::vector<u32>> by_name; // folded
+        std::unordered_map<std::u16string, u32> by_alias;             // folded
+        short_name_set aliases;
+
+        void add(const entry &added);
+        void remove(const entry &removed);
+    };
+
     void load();
     void parse();
-    void index_entry(const entry &added);
+    [[nodiscard]] name_index &names() const;
     void add_removed_slot(u32 slot);
 
     [[nodiscard]] const core::volume &on() const {
@@ -181,12 +191,10 @@ private:
     std::vector<u8> bytes_;
     std::vector<bool> is_dirty_; // by sector
 
-    std::map<u32, entry> entries_;                                 // by the slot of the short entry
-    std::unordered_map<std::u16string, std::vector<u32>> by_name_; // by the folded name
-    std::unordered_map<std::u16string, u32> by_alias_;
-    short_name_set aliases_;
-    u32 end_ = 0;                      // first unused slot; all after it are unused, too
-    std::map<u32, u32> removed_slots_; // spans of removed slots before the end: first, count
+    std::map<u32, entry> entries_;            // by the slot of the short entry
+    mutable std::optional<name_index> names_; // made by the first search for a name
+    u32 end_ = 0;                             // first unused slot; all after it are unused, too
+    std::map<u32, u32> removed_slots_;        // spans of removed slots before the end: first, count
 
     // By number of slots: no span before this slot is long enough.
     std::array<u32, core::MAX_LONG_SLOTS + 2> search_from_{};

@@ -12,7 +12,7 @@ namespace qvol {
 
 namespace {
 
-constexpr u32 PIECE_BYTES = 1024 * 1024;
+constexpr u32 PIECE_BYTES = 256 * 1024;
 constexpr std::size_t BUFFER_BYTES = std::size_t{512} * 1024;
 
 u32 clusters_per_piece(const core::volume &on) {
@@ -46,10 +46,11 @@ std::vector<u32> clusters_of_file(fat_table &table, u32 start, u64 size) {
 
 void read_data(const core::volume &on, std::span<const u32> clusters, u64 size,
                const std::function<void(std::span<const u8>)> &take) {
-    std::vector<u8> piece(std::size_t{clusters_per_piece(on)} * on.cluster_bytes());
+    const u32 most = std::min<u32>(clusters_per_piece(on), clusters_for(on, size));
+    std::vector<u8> piece(std::size_t{most} * on.cluster_bytes());
     for (const cluster_extent &extent : extents_of(clusters)) {
         for (u32 done = 0; done < extent.count && size > 0;) {
-            const u32 count = std::min(extent.count - done, clusters_per_piece(on));
+            const u32 count = std::min(extent.count - done, most);
             const std::span bytes = std::span(piece).first(std::size_t{count} * on.cluster_bytes());
             const std::size_t wanted = static_cast<std::size_t>(std::min<u64>(size, bytes.size()));
             const std::size_t sectors =

@@ -18,8 +18,8 @@ namespace qvol {
 // Number of clusters for `bytes` bytes.
 [[nodiscard]] u32 clusters_for(const core::volume &on, u64 bytes);
 
-// Reads `size` bytes from the clusters and passes them to `take` in pieces of at most 1 MiB, or of
-// one cluster if that is larger.
+// Reads `size` bytes from the clusters and passes them to `take` in pieces of at most 256 KiB, or
+// of one cluster if that is larger.
 void read_data(const core::volume &on, std::span<const u32> clusters, u64 size,
                const std::function<void(std::span<const u8>)> &take);
 

@@ -17,35 +17,51 @@ namespace {
 constexpr mode_t DIRECTORY_MODE = 0777; // the user's umask decides
 constexpr mode_t FILE_MODE = 0666;
 
-void write_all(int fd, std::span<const u8> bytes, const std::string &shown) {
+// False, with errno, if a write fails.
+[[nodiscard]] bool write_all(int fd, std::span<const u8> bytes) {
     while (!bytes.empty()) {
         const ssize_t written = write(fd, bytes.data(), bytes.size());
         if (written < 0 && errno != EINTR) {
-            throw system_failure("write " + shown);
+            return false;
         }
         bytes = bytes.subspan(written > 0 ? static_cast<std::size_t>(written) : 0);
     }
+    return true;
 }
 
 // Makes an entry with this name. Returns 0 or more, or -1 with errno.
 using make_entry = std::function<int(const char *name)>;
 
+// The name of an entry to make, and its directory.
+struct entry_name {
+    int directory;
+    const std::string &directory_path; // for messages
+    const std::string &name;
+    bool replaces;
+
+    [[nodiscard]] std::string shown() const {
+        return shown_bytes(host_path_below(directory_path, name));
+    }
+};
+
 // An entry that is being made, under a temporary name until commit(). Without it the destructor
 // removes the entry.
 class unfinished_entry {
 public:
-    unfinished_entry(int directory, std::string name, bool replaces, const std::string &shown,
-                     const make_entry &make)
-        : directory_(directory), name_(std::move(name)), replaces_(replaces), shown_(shown) {
-        refuse_existing();
+    // `is_free`: the name is not expected to exist. commit() refuses it if it does.
+    unfinished_entry(const entry_name &final, bool is_free, const make_entry &make)
+        : final_(final) {
+        if (!is_free) {
+            refuse_existing();
+        }
         make_temporary(make);
         if (result_ < 0) {
-            throw system_failure("make " + shown_);
+            throw system_failure("make " + final_.shown());
         }
     }
     ~unfinished_entry() {
         if (!is_committed_) {
-            unlinkat(directory_, temporary_name_.c_str(), 0);
+            unlinkat(final_.directory, temporary_name_.c_str(), 0);
         }
     }
     unfinished_entry(const unfinished_entry &) = delete;
@@ -61,8 +77,8 @@ public:
             return;
         }
         const timespec times[2] = {{*modified, 0}, {*modified, 0}};
-        if (utimensat(directory_, temporary_name_.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
-            throw system_failure("set the time of " + shown_);
+        if (utimensat(final_.directory, temporary_name_.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
+            throw system_failure("set the time of " + final_.shown());
         }
     }
 
@@ -70,7 +86,7 @@ public:
         if (rename_to_final() != 0) {
             const int failure = errno;
             refuse_existing(); // made by another program in the meantime
-            throw system_failure("rename the new file to " + shown_, failure);
+            throw system_failure("rename the new file to " + final_.shown(), failure);
         }
         is_committed_ = true;
     }
@@ -78,28 +94,30 @@ public:
 private:
     void refuse_existing() const {
         struct stat status {};
-        if (fstatat(directory_, name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        if (fstatat(final_.directory, final_.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
             if (errno != ENOENT) { // for example a name that is too long for the host
-                throw system_failure("make " + shown_);
+                throw system_failure("make " + final_.shown());
             }
             return;
         }
-        if (!replaces_) {
-            throw error("cannot make " + shown_ + ": exists; --force replaces it");
+        if (!final_.replaces) {
+            throw error("cannot make " + final_.shown() + ": exists; --force replaces it");
         }
         if (S_ISDIR(status.st_mode)) {
-            throw error("cannot replace " + shown_ + ": is a directory");
+            throw error("cannot replace " + final_.shown() + ": is a directory");
         }
     }
 
-    // Some file systems do not support RENAME_NOREPLACE.
     [[nodiscard]] int rename_to_final() const {
-        const unsigned flags = replaces_ ? 0 : RENAME_NOREPLACE;
-        const int renamed =
-            renameat2(directory_, temporary_name_.c_str(), directory_, name_.c_str(), flags);
-        return renamed != 0 && (errno == EINVAL || errno == ENOSYS)
-                   ? renameat(directory_, temporary_name_.c_str(), directory_, name_.c_str())
-                   : renamed;
+        const char *from = temporary_name_.c_str();
+        const char *to = final_.name.c_str();
+        const unsigned flags = final_.replaces ? 0 : RENAME_NOREPLACE;
+        const int renamed = renameat2(final_.directory, from, final_.directory, to, flags);
+        if (renamed == 0 || (errno != EINVAL && errno != ENOSYS)) {
+            return renamed;
+        }
+        refuse_existing(); // some file systems do not support RENAME_NOREPLACE
+        return renameat(final_.directory, from, final_.directory, to);
     }
 
     void make_temporary(const make_entry &make) {
@@ -113,10 +131,7 @@ private:
         }
     }
 
-    int directory_;
-    std::string name_;
-    bool replaces_;
-    std::string shown_;
+    entry_name final_;
     std::string temporary_name_;
     int result_ = -1;
     bool is_committed_ = false;
@@ -137,7 +152,8 @@ std::string host_directory::shown(const std::string &name) const {
 }
 
 host_directory host_directory::enter(const std::string &name) const {
-    if (mkdirat(fd_->get(), name.c_str(), DIRECTORY_MODE) != 0 && errno != EEXIST) {
+    const bool is_new = mkdirat(fd_->get(), name.c_str(), DIRECTORY_MODE) == 0;
+    if (!is_new && errno != EEXIST) {
         throw system_failure("make directory " + shown(name));
     }
     const int fd =
@@ -148,24 +164,30 @@ host_directory host_directory::enter(const std::string &name) const {
     if (fd < 0) {
         throw system_failure("open directory " + shown(name));
     }
-    return {fd, host_path_below(path_, name)};
+    return {fd, host_path_below(path_, name), is_new};
 }
 
 void host_directory::make_file(const std::string &name, bool replaces,
                                std::optional<time_t> modified, const write_content &content) const {
-    unfinished_entry made(fd_->get(), name, replaces, shown(name), [this](const char *wanted) {
+    const entry_name final = {fd_->get(), path_, name, replaces};
+    unfinished_entry made(final, is_new_, [this](const char *wanted) {
         return openat(fd_->get(), wanted, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
                       FILE_MODE);
     });
     const core::unique_fd file(made.result());
-    content([&](std::span<const u8> bytes) { write_all(file.get(), bytes, shown(name)); });
+    content([&](std::span<const u8> bytes) {
+        if (!write_all(file.get(), bytes)) {
+            throw system_failure("write " + final.shown());
+        }
+    });
     made.set_modified(modified);
     made.commit();
 }
 
 void host_directory::make_link(const std::string &name, bool replaces,
                                std::optional<time_t> modified, const std::string &target) const {
-    unfinished_entry made(fd_->get(), name, replaces, shown(name), [&](const char *wanted) {
+    const entry_name final = {fd_->get(), path_, name, replaces};
+    unfinished_entry made(final, is_new_, [&](const char *wanted) {
         return symlinkat(target.c_str(), fd_->get(), wanted);
     });
     made.set_modified(modified);

@@ -45,13 +45,14 @@ public:
     }
 
 private:
-    host_directory(int fd, std::string path)
-        : fd_(new core::unique_fd(fd)), path_(std::move(path)) {}
+    host_directory(int fd, std::string path, bool is_new)
+        : fd_(new core::unique_fd(fd)), path_(std::move(path)), is_new_(is_new) {}
 
     [[nodiscard]] std::string shown(const std::string &name) const;
 
     std::unique_ptr<core::unique_fd> fd_;
-    std::string path_; // for messages
+    std::string path_;    // for messages
+    bool is_new_ = false; // made by enter(): its names are free
 };
 
 // Makes a file that the user named, as make_file() does.

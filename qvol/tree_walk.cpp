@@ -36,7 +36,7 @@ public:
 private:
     void visit_next() {
         level &here = levels_.back();
-        const entry found = here.entries[here.next++];
+        const entry found = std::move(here.entries[here.next++]);
         path_.push_back(found.name);
         const bool is_last = here.next == here.entries.size();
         const bool enters = !visitor_.visit || visitor_.visit(path_, found, is_last);
