@@ -143,6 +143,11 @@ bool is_printable(char32_t code) {
         [code](const code_range &range) { return code >= range.first && code <= range.last; });
 }
 
+bool is_printable_ascii(std::u16string_view units) {
+    return std::all_of(units.begin(), units.end(),
+                       [](char16_t unit) { return unit >= u' ' && unit < DELETE_CONTROL; });
+}
+
 std::string escape_of(char32_t code) {
     if (code < 0x80) {
         return fmt::format("\\x{:02x}", static_cast<u32>(code));
@@ -229,6 +234,7 @@ char16_t upper_case(char16_t unit) {
 
 std::optional<std::u16string> units_of_utf8(std::string_view bytes) {
     std::u16string units;
+    units.reserve(bytes.size());
     while (!bytes.empty()) {
         const char32_t code = next_code_point(&bytes);
         if (code == INVALID) {
@@ -241,6 +247,7 @@ std::optional<std::u16string> units_of_utf8(std::string_view bytes) {
 
 std::optional<std::string> utf8_of_units(std::u16string_view units) {
     std::string bytes;
+    bytes.reserve(units.size());
     while (!units.empty()) {
         const char32_t code = next_code_point(&units);
         if (is_surrogate(code)) {
@@ -357,6 +364,9 @@ std::optional<std::string> name_codec::to_host(std::u16string_view units) const 
 // ---- showing ----------------------------------------------------------------------------------
 
 std::string name_codec::shown(std::u16string_view units) const {
+    if (converters_ == nullptr && is_printable_ascii(units) && !is_invalid_component(units)) {
+        return {units.begin(), units.end()};
+    }
     shown_text text;
     for (std::u16string_view rest = units; !rest.empty();) {
         const std::u16string_view before = rest;

@@ -42,6 +42,8 @@ private:
         const bool enters = !visitor_.visit || visitor_.visit(path_, found, is_last);
         if (!enters || !found.is_directory() || !enter(found)) {
             path_.pop_back();
+        } else if (visitor_.enter) {
+            visitor_.enter(path_, levels_.back().entries);
         }
     }
 

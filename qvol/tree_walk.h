@@ -15,6 +15,9 @@ namespace qvol {
 struct tree_visitor {
     // Called for each entry. If it returns true for a directory, the walk enters that next.
     std::function<bool(const name_path &path, const entry &found, bool is_last)> visit;
+    // Called with all entries of each entered directory, before the first is visited, but not of
+    // the top.
+    std::function<void(const name_path &path, const std::vector<entry> &entries)> enter;
     // Called after the last entry of each entered directory, but not of the top.
     std::function<void(const name_path &path)> leave;
     // Called for a directory that cannot be read; the walk continues after it. If empty, the walk

@@ -532,6 +532,10 @@ TEST_F(QvolHostile, DirectoriesThatLeadBackEnd) {
     EXPECT_EQ(walked.err,
               "qvol: /aa dir/bb dir: was visited before: a cycle, or a chain shared with another "
               "directory\n");
+    EXPECT_EQ(qvol("ls", {"-R"}),
+              (outcome{1, "/:\naa dir\n\n/aa dir:\nbb dir\nfile\n",
+                       "qvol: cannot read /aa dir/bb dir: was visited before: a cycle, or a chain "
+                       "shared with another directory\n"}));
     EXPECT_EQ(qvol("get", {"/", scratch_.file("out")}).status, 1);
     EXPECT_EQ(qvol("rm", {"-r", "/aa dir"}).status, 1);
 }

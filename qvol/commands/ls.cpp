@@ -41,37 +41,26 @@ private:
     // Prints all entries of a directory before those below it, as ls -R does.
     void list_directory(const name_path &path, const directory &top) {
         if (!options_.is_recursive) {
-            show_all(path, top);
+            show_all(path, listed_entries(top));
             return;
         }
-        show_titled(path, top);
+        show_titled(path, listed_entries(top));
         tree_visitor visitor;
-        visitor.visit = [this](const name_path &at, const entry &found, bool) {
-            return found.is_directory() && show_below(at, found);
+        visitor.enter = [this](const name_path &at, const std::vector<entry> &entries) {
+            out_.line("");
+            show_titled(at, entries);
         };
         visitor.fail = [this](const name_path &at, const std::string &why) { fail(at, why); };
         walk_tree(vol_, path, top, visitor);
     }
 
-    // Reports no error: the walk cannot enter the directory either, and calls fail().
-    [[nodiscard]] bool show_below(const name_path &at, const entry &found) {
-        try {
-            const directory below = open_directory(vol_, found);
-            out_.line("");
-            show_titled(at, below);
-        } catch (const error &) {
-            return true;
-        }
-        return true;
-    }
-
-    void show_titled(const name_path &path, const directory &of) {
+    void show_titled(const name_path &path, const std::vector<entry> &entries) {
         out_.line(shown_path(vol_.names(), path) + ":");
-        show_all(path, of);
+        show_all(path, entries);
     }
 
-    void show_all(const name_path &path, const directory &of) {
-        for (const entry &found : listed_entries(of)) {
+    void show_all(const name_path &path, const std::vector<entry> &entries) {
+        for (const entry &found : entries) {
             name_path at = path;
             at.push_back(found.name);
             show(at, found);
