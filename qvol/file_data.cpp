@@ -13,7 +13,7 @@ namespace qvol {
 namespace {
 
 constexpr u32 PIECE_BYTES = 256 * 1024;
-constexpr std::size_t BUFFER_BYTES = std::size_t{512} * 1024;
+constexpr std::size_t BUFFER_BYTES = std::size_t{256} * 1024;
 
 u32 clusters_per_piece(const core::volume &on) {
     return std::max(PIECE_BYTES / on.cluster_bytes(), 1U);
@@ -75,59 +75,70 @@ std::string read_text(fat_table &table, u32 start, u32 size) {
 // ---- writing ----------------------------------------------------------------------------------
 
 data_writer::data_writer(const core::volume &on, bool skips_zeros)
-    : on_(on), skips_zeros_(skips_zeros) {
-    buffer_.reserve(BUFFER_BYTES);
-}
+    : on_(on), skips_zeros_(skips_zeros),
+      size_(std::max<std::size_t>(BUFFER_BYTES, on.cluster_bytes())),
+      buffer_(std::make_unique_for_overwrite<u8[]>(size_)) {}
 
 void data_writer::begin(std::span<const u32> clusters) {
     clusters_ = clusters;
     next_ = 0;
-    cluster_space_ = 0;
+    room_ = 0;
 }
 
-void data_writer::enter_cluster() {
-    const u64 sector = on_.sector_of(clusters_[next_++]);
-    if (sector != sector_ + buffer_.size() / on_.at.sector_size) {
+// Enters the contiguous clusters for which there is space in the buffer.
+void data_writer::enter_clusters() {
+    const u32 first = clusters_[next_];
+    const u64 sector = on_.sector_of(first);
+    if (sector != sector_ + used_ / on_.at.sector_size || size_ - used_ < on_.cluster_bytes()) {
         flush();
     }
-    if (buffer_.empty()) {
+    if (used_ == 0) {
         sector_ = sector;
     }
-    cluster_space_ = on_.cluster_bytes();
+    const std::size_t most =
+        std::min((size_ - used_) / on_.cluster_bytes(), clusters_.size() - next_);
+    std::size_t count = 1;
+    while (count < most && clusters_[next_ + count] == first + count) {
+        count++;
+    }
+    next_ += count;
+    room_ = count * on_.cluster_bytes();
 }
 
-void data_writer::append_to_cluster(std::span<const u8> bytes) {
-    buffer_.insert(buffer_.end(), bytes.begin(), bytes.end());
-    cluster_space_ -= static_cast<u32>(bytes.size());
-    if (cluster_space_ == 0 && buffer_.size() >= BUFFER_BYTES - on_.cluster_bytes()) {
-        flush();
+std::span<u8> data_writer::room() {
+    if (room_ == 0 && next_ < clusters_.size()) {
+        enter_clusters();
     }
+    return {buffer_.get() + used_, room_};
+}
+
+void data_writer::add(std::size_t count) {
+    used_ += count;
+    room_ -= count;
 }
 
 void data_writer::append(std::span<const u8> bytes) {
     while (!bytes.empty()) {
-        if (cluster_space_ == 0) {
-            enter_cluster();
-        }
-        const std::size_t count = std::min<std::size_t>(bytes.size(), cluster_space_);
-        append_to_cluster(bytes.first(count));
+        const std::span<u8> to = room();
+        const std::size_t count = std::min(bytes.size(), to.size());
+        std::copy_n(bytes.begin(), count, to.begin());
+        add(count);
         bytes = bytes.subspan(count);
     }
 }
 
 void data_writer::end() {
-    const std::vector<u8> zeros(cluster_space_);
-    if (cluster_space_ != 0) {
-        append_to_cluster(zeros);
-    }
+    std::fill_n(buffer_.get() + used_, room_, u8{0});
+    add(room_);
 }
 
 void data_writer::flush() {
-    if (!skips_zeros_ || !is_zero(buffer_)) {
-        write_extent(on_, sector_, buffer_);
+    const std::span bytes(buffer_.get(), used_);
+    if (!skips_zeros_ || !is_zero(bytes)) {
+        write_extent(on_, sector_, bytes);
     }
-    sector_ += buffer_.size() / on_.at.sector_size;
-    buffer_.clear();
+    sector_ += used_ / on_.at.sector_size;
+    used_ = 0;
 }
 
 } // namespace qvol

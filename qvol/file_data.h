@@ -5,6 +5,7 @@
 #include "qvol/fat_table.h"
 
 #include <functional>
+#include <memory>
 #include <span>
 #include <string>
 #include <vector>
@@ -36,8 +37,15 @@ public:
     data_writer(const data_writer &) = delete;
     data_writer &operator=(const data_writer &) = delete;
 
-    // Sets the clusters for the next append().
+    // Sets the clusters for the next bytes.
     void begin(std::span<const u32> clusters);
+
+    // Where the next bytes go in the buffer; empty only after the last cluster. The caller stores
+    // some there and adds them.
+    [[nodiscard]] std::span<u8> room();
+    void add(std::size_t count);
+
+    // Copies bytes to the buffer.
     void append(std::span<const u8> bytes);
 
     // Fills the last cluster with zeros.
@@ -47,16 +55,17 @@ public:
     void flush();
 
 private:
-    void append_to_cluster(std::span<const u8> bytes);
-    void enter_cluster();
+    void enter_clusters();
 
     core::volume on_;
     bool skips_zeros_;
-    std::vector<u8> buffer_;
-    u64 sector_ = 0; // of the first byte in the buffer
+    std::size_t size_; // of the buffer; at least a cluster
+    std::unique_ptr<u8[]> buffer_;
+    std::size_t used_ = 0; // bytes in the buffer
+    std::size_t room_ = 0; // bytes after them that belong to the clusters entered
+    u64 sector_ = 0;       // of the first byte in the buffer
     std::span<const u32> clusters_;
-    std::size_t next_ = 0;  // index of the cluster to enter next
-    u32 cluster_space_ = 0; // bytes left in the current cluster
+    std::size_t next_ = 0; // index of the cluster to enter next
 };
 
 } // namespace qvol

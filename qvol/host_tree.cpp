@@ -8,6 +8,7 @@
 #include <unordered_map>
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <fmt/core.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -25,18 +26,26 @@ struct close_directory {
     }
 };
 
-std::vector<std::string> sorted_names(const std::string &path) {
-    const std::unique_ptr<DIR, close_directory> listing(opendir(path.c_str()));
-    if (listing == nullptr) {
-        throw system_failure("read directory " + shown_bytes(path));
+struct stat status_in(int directory, const char *name, const std::string &path) {
+    struct stat status {};
+    if (fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        throw system_failure("stat " + shown_bytes(path));
     }
+    return status;
+}
+
+struct directory_item {
+    std::string name;
+    struct stat status;
+};
+
+std::vector<std::string> sorted_names(DIR *listing, const std::string &path) {
     std::vector<std::string> names;
     errno = 0;
-    for (const dirent *item = readdir(listing.get()); item != nullptr;
-         item = readdir(listing.get())) {
-        const std::string name = item->d_name;
+    for (const dirent *item = readdir(listing); item != nullptr; item = readdir(listing)) {
+        const std::string_view name = item->d_name;
         if (name != "." && name != "..") {
-            names.push_back(name);
+            names.emplace_back(name);
         }
         errno = 0;
     }
@@ -47,12 +56,19 @@ std::vector<std::string> sorted_names(const std::string &path) {
     return names;
 }
 
-struct stat status_of(const std::string &path) {
-    struct stat status {};
-    if (lstat(path.c_str(), &status) != 0) {
-        throw system_failure("stat " + shown_bytes(path));
+// By name. The directory is closed again, whatever the depth of the tree below it.
+std::vector<directory_item> items_of(const std::string &path) {
+    const std::unique_ptr<DIR, close_directory> listing(opendir(path.c_str()));
+    if (listing == nullptr) {
+        throw system_failure("read directory " + shown_bytes(path));
     }
-    return status;
+    std::vector<directory_item> items;
+    for (std::string &name : sorted_names(listing.get(), path)) {
+        const struct stat status =
+            status_in(dirfd(listing.get()), name.c_str(), host_path_below(path, name));
+        items.push_back({std::move(name), status});
+    }
+    return items;
 }
 
 bool is_importable(mode_t mode) {
@@ -95,7 +111,11 @@ void host_scan::set_name(host_node *node, const std::string &name) {
 }
 
 host_node host_scan::scan(const std::string &path, const std::string &name) {
-    const struct stat status = status_of(path);
+    return scan(path, name, status_in(AT_FDCWD, path.c_str(), path));
+}
+
+host_node host_scan::scan(const std::string &path, const std::string &name,
+                          const struct stat &status) {
     host_node node;
     node.path = path;
     node.modified = status.st_mtime;
@@ -122,16 +142,11 @@ host_node host_scan::scan(const std::string &path, const std::string &name) {
     return node;
 }
 
-bool host_scan::is_skipped(const std::string &path) const {
-    return skips_special_ && !is_importable(status_of(path).st_mode);
-}
-
 std::vector<host_node> host_scan::scan_children(const std::string &path) {
     std::vector<host_node> children;
-    for (const std::string &name : sorted_names(path)) {
-        const std::string child = host_path_below(path, name);
-        if (!is_skipped(child)) {
-            children.push_back(scan(child, name));
+    for (const directory_item &item : items_of(path)) {
+        if (!skips_special_ || is_importable(item.status.st_mode)) {
+            children.push_back(scan(host_path_below(path, item.name), item.name, item.status));
         }
     }
     check_names(children);

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include <sys/stat.h>
 #include <time.h>
 
 namespace qvol {
@@ -48,9 +49,10 @@ public:
     }
 
 private:
+    [[nodiscard]] host_node scan(const std::string &path, const std::string &name,
+                                 const struct stat &status);
     void add_problem(const std::string &path, const std::string &why);
     void set_name(host_node *node, const std::string &name);
-    [[nodiscard]] bool is_skipped(const std::string &path) const;
 
     const name_codec &names_;
     bool skips_special_;

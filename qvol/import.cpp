@@ -15,33 +15,50 @@ namespace qvol {
 
 namespace {
 
-constexpr std::size_t HOST_READ_BYTES = std::size_t{128} * 1024;
-
-// Reads a file of the host and passes its bytes to `take`. Throws error if they are not `size`
-// bytes.
-void read_host_file(const std::string &path, u64 size, std::vector<u8> *buffer,
-                    const std::function<void(std::span<const u8>)> &take) {
-    const core::unique_fd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (file.get() < 0) {
-        throw system_failure("open " + shown_bytes(path));
+// Opens files of the host. Files of one directory follow each other, so it opens each directory
+// once.
+class host_files {
+public:
+    [[nodiscard]] core::unique_fd open(const std::string &path) {
+        constexpr int FLAGS = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+        const std::size_t name = path.rfind('/') + 1; // 0: no slash
+        if (!directory_ || path.compare(0, name, directory_path_) != 0) {
+            directory_path_ = path.substr(0, name);
+            directory_.emplace(::open(name == 0 ? "." : directory_path_.c_str(),
+                                      O_PATH | O_DIRECTORY | O_CLOEXEC));
+        }
+        const int fd = directory_->get();
+        return core::unique_fd(fd < 0 ? fd : openat(fd, path.c_str() + name, FLAGS));
     }
+
+private:
+    std::string directory_path_; // up to the last slash
+    std::optional<core::unique_fd> directory_;
+};
+
+// Copies a file of the host into the buffer of the writer. Throws error if it does not have `size`
+// bytes.
+void copy_host_file(int file, const host_node &node, data_writer *writer, progress *bar) {
     u64 done = 0;
-    for (;;) {
-        const ssize_t count = read(file.get(), buffer->data(), buffer->size());
+    for (bool is_complete = false; !is_complete;) {
+        u8 past_end = 0;
+        const std::span<u8> to = done < node.size ? writer->room() : std::span(&past_end, 1);
+        const ssize_t count = read(file, to.data(), to.size());
         if (count < 0) {
-            throw system_failure("read " + shown_bytes(path));
+            throw system_failure("read " + shown_bytes(node.path));
         }
         done += static_cast<u64>(count);
-        if (count == 0 || done > size) {
+        if (count == 0 || done > node.size) {
             break;
         }
-        take(std::span(*buffer).first(static_cast<std::size_t>(count)));
-        if (done == size && static_cast<std::size_t>(count) < buffer->size()) {
-            break; // end of the file: a short read, so no further call is needed
-        }
+        writer->add(static_cast<std::size_t>(count));
+        bar->add(static_cast<u64>(count));
+        // After a short read the file has ended, so no further call is needed.
+        is_complete = done == node.size && static_cast<std::size_t>(count) < to.size();
     }
-    if (done != size) {
-        throw error("cannot copy " + shown_bytes(path) + ": changed while it was read; try again");
+    if (done != node.size) {
+        throw error("cannot copy " + shown_bytes(node.path) +
+                    ": changed while it was read; try again");
     }
 }
 
@@ -205,24 +222,21 @@ void import_plan::plan(const std::vector<host_node> &nodes, directory into,
 
 // ---- writing ----------------------------------------------------------------------------------
 
-void import_plan::write_file(const planned_file &file, data_writer *writer, progress *bar) {
-    writer->begin(file.clusters);
-    if (file.node->type == kind::LINK) {
-        writer->append(bytes_of(file.node->target));
-    } else {
-        read_host_file(file.node->path, file.node->size, &buffer_, [&](std::span<const u8> bytes) {
-            writer->append(bytes);
-            bar->add(bytes.size());
-        });
-    }
-    writer->end();
-}
-
 void import_plan::write(progress *bar) {
     data_writer writer(vol_.on(), vol_.where().is_fresh());
-    buffer_.resize(HOST_READ_BYTES);
+    host_files host;
     for (const planned_file &file : files_) {
-        write_file(file, &writer, bar);
+        writer.begin(file.clusters);
+        if (file.node->type == kind::LINK) {
+            writer.append(bytes_of(file.node->target));
+        } else {
+            const core::unique_fd opened = host.open(file.node->path);
+            if (opened.get() < 0) {
+                throw system_failure("open " + shown_bytes(file.node->path));
+            }
+            copy_host_file(opened.get(), *file.node, &writer, bar);
+        }
+        writer.end();
     }
     writer.flush();
     std::vector<directory *> changed;

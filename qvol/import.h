@@ -14,8 +14,6 @@
 
 namespace qvol {
 
-class data_writer;
-
 class import_plan {
 public:
     // `replaces`: files and links of the host replace those of the volume.
@@ -51,8 +49,6 @@ private:
     void allocate_data();
     [[noreturn]] void throw_no_space(const std::vector<host_node> &nodes);
 
-    void write_file(const planned_file &file, data_writer *writer, progress *bar);
-
     volume &vol_;
     bool replaces_;
     bool allows_long_names_;
@@ -60,7 +56,6 @@ private:
     std::vector<std::unique_ptr<directory>> directories_; // parents before their children
     std::vector<planned_file> files_;
     std::vector<u32> replaced_clusters_; // freed when no entry refers to them any more
-    std::vector<u8> buffer_;             // for file data
 };
 
 } // namespace qvol
