@@ -195,18 +195,39 @@ u64 slots_needed(const std::vector<host_node> &nodes) {
     return slots;
 }
 
-u64 clusters_needed(const std::vector<host_node> &nodes, u32 cluster_bytes) {
-    u64 clusters = 0;
+namespace {
+
+// Visits the size in bytes of every file, link and directory.
+template <typename Visit>
+void visit_sizes(const std::vector<host_node> &nodes, Visit visit) {
     for (const host_node &node : nodes) {
         if (node.type == kind::DIRECTORY) {
-            const u64 slots = DOT_SLOTS + slots_needed(node.children);
-            clusters += clusters_of_bytes(slots * core::DENTRY_SIZE, cluster_bytes) +
-                        clusters_needed(node.children, cluster_bytes);
+            visit((DOT_SLOTS + slots_needed(node.children)) * core::DENTRY_SIZE);
+            visit_sizes(node.children, visit);
         } else {
-            clusters += clusters_of_bytes(node.size, cluster_bytes);
+            visit(node.size);
         }
     }
+}
+
+} // namespace
+
+u64 clusters_needed(const std::vector<host_node> &nodes, u32 cluster_bytes) {
+    u64 clusters = 0;
+    visit_sizes(nodes, [&](u64 bytes) { clusters += clusters_of_bytes(bytes, cluster_bytes); });
     return clusters;
+}
+
+cluster_counts::cluster_counts(const std::vector<host_node> &nodes) {
+    visit_sizes(nodes, [this](u64 bytes) {
+        for (std::size_t i = 0; i < counts_.size(); i++) {
+            counts_[i] += clusters_of_bytes(bytes, SMALLEST << i);
+        }
+    });
+}
+
+u64 cluster_counts::of(u32 cluster_bytes) const {
+    return counts_.at(static_cast<std::size_t>(std::countr_zero(cluster_bytes / SMALLEST)));
 }
 
 } // namespace qvol

@@ -2,10 +2,13 @@
 
 #pragma once
 
+#include "core/geometry.h"
 #include "qvol/directory.h"
 #include "qvol/names.h"
 #include "qvol/output.h"
 
+#include <array>
+#include <bit>
 #include <string>
 #include <vector>
 
@@ -66,6 +69,20 @@ private:
 // Clusters that the nodes take: their data, and the directories below with "." and "..". Does not
 // count the entries of the nodes themselves.
 [[nodiscard]] u64 clusters_needed(const std::vector<host_node> &nodes, u32 cluster_bytes);
+
+// The same for every cluster size of a new volume, counted once.
+class cluster_counts {
+public:
+    cluster_counts() = default; // of no nodes
+    explicit cluster_counts(const std::vector<host_node> &nodes);
+    [[nodiscard]] u64 of(u32 cluster_bytes) const;
+
+    static constexpr u32 SMALLEST = core::MIN_SECTOR_SIZE;
+    static constexpr u32 LARGEST = 32 * 1024;
+
+private:
+    std::array<u64, std::bit_width(LARGEST / SMALLEST)> counts_{}; // by powers of two
+};
 
 // 32-byte slots that the nodes take in their directory.
 [[nodiscard]] u64 slots_needed(const std::vector<host_node> &nodes);

@@ -225,8 +225,7 @@ std::string clusters_text(u32 cluster_bytes) {
                         shown_size(request.bytes), request.sector_bytes,
                         shown_size(MAX_SECTORS * request.sector_bytes)));
     }
-    const std::vector<host_node> no_nodes;
-    const volume_content nothing = {"", &no_nodes, 0, {}};
+    const volume_content nothing = {"", {}, 0, {}};
     throw error(fmt::format("a volume of {} cannot be {}{}: {}{}", shown_size(request.bytes),
                             type_text(request.fat_type), clusters_text(request.cluster_bytes), RULE,
                             advice(request, nothing)));
@@ -282,7 +281,7 @@ u64 shortage(const volume_shape &shape, const volume_content &content) {
 } // namespace
 
 u64 volume_content::clusters(u32 fat_type, u32 cluster_bytes) const {
-    u64 count = clusters_needed(*nodes, cluster_bytes);
+    u64 count = nodes.of(cluster_bytes);
     for (const u32 bytes : reserved_files) {
         count += units_of(bytes, cluster_bytes);
     }

@@ -39,7 +39,7 @@ struct volume_shape {
 // The content of the volume to create.
 struct volume_content {
     std::string name; // for messages
-    const std::vector<host_node> *nodes;
+    cluster_counts nodes;
     u32 root_slots;                  // total of the root directory
     std::vector<u32> reserved_files; // bytes of each
 
@@ -57,6 +57,6 @@ struct volume_content {
 // The formatter's request for a shape.
 [[nodiscard]] core::layout_request layout_request_of(const volume_shape &shape);
 
-inline constexpr u32 MAX_CLUSTER_BYTES = 32 * 1024;
+inline constexpr u32 MAX_CLUSTER_BYTES = cluster_counts::LARGEST;
 
 } // namespace qvol

@@ -114,7 +114,7 @@ std::vector<host_node> scan_tree(const build_options &options, const name_codec 
 volume_content content_of(const build_options &options, const std::vector<host_node> &nodes) {
     volume_content content = {options.from.empty() ? "the requested content"
                                                    : shown_bytes(options.from),
-                              &nodes,
+                              cluster_counts(nodes),
                               static_cast<u32>(slots_needed(nodes)) + (options.label ? 1 : 0),
                               {}};
     for (const reserved_file *file : reserved_files(options)) {
