@@ -14,6 +14,8 @@ namespace qvol {
 namespace {
 
 constexpr u32 PAGE_BYTES = 64 * 1024; // a multiple of every sector size
+constexpr std::size_t FIRST_MAX_LOADED = 64;
+constexpr std::size_t LOADS_PER_PAGE = 8; // on average, before more pages may be in memory
 
 u32 sectors_per_page(const core::volume &on) {
     return PAGE_BYTES / on.at.sector_size;
@@ -43,8 +45,10 @@ core::volume with_entries(core::volume on) {
 } // namespace
 
 fat_table::fat_table(const core::volume &on, u32 copies)
-    : on_(with_entries(on)), copies_(copies), written_copies_(copies) {
+    : on_(with_entries(on)), copies_(copies), written_copies_(copies),
+      max_loaded_(FIRST_MAX_LOADED) {
     pages_.resize((u64{last_cluster()} + 1) * on_.entry_size() / PAGE_BYTES + 1);
+    loads_left_ = LOADS_PER_PAGE * pages_.size();
 }
 
 // ---- pages ------------------------------------------------------------------------------------
@@ -54,10 +58,29 @@ fat_table::page fat_table::load_page(std::size_t index) const {
     return {read_extent(on_, page_sector(on_, index, 0), count), std::vector<bool>(count)};
 }
 
+// Before a page is loaded: drops the oldest one if there are too many.
+void fat_table::make_space() {
+    if (--loads_left_ == 0) {
+        max_loaded_ *= 2;
+        loads_left_ = LOADS_PER_PAGE * pages_.size();
+    }
+    while (loaded_.size() >= max_loaded_) {
+        const std::unique_ptr<page> &oldest = pages_[loaded_.front()];
+        if (std::find(oldest->is_dirty.begin(), oldest->is_dirty.end(), true) ==
+            oldest->is_dirty.end()) {
+            pages_[loaded_.front()].reset();
+        }
+        loaded_.pop_front();
+    }
+}
+
 fat_table::page &fat_table::page_of(u64 byte_offset) {
-    std::unique_ptr<page> &cached = pages_.at(byte_offset / PAGE_BYTES);
+    const std::size_t index = byte_offset / PAGE_BYTES;
+    std::unique_ptr<page> &cached = pages_.at(index);
     if (cached == nullptr) {
-        cached = std::make_unique<page>(load_page(byte_offset / PAGE_BYTES));
+        make_space();
+        cached = std::make_unique<page>(load_page(index));
+        loaded_.push_back(index);
     }
     return *cached;
 }
@@ -222,6 +245,7 @@ void fat_table::forget_changes() {
     for (std::unique_ptr<page> &cached : pages_) {
         cached.reset();
     }
+    loaded_.clear();
     free_count_.reset();
     search_ = {};
 }

@@ -1,6 +1,8 @@
 // The FAT of the volume in memory: links, chains, allocation.
 //
-// Sectors are read from the first copy when they are first needed. Changes stay in memory until
+// Sectors are read from the first copy when they are needed. A few MiB stay in memory, more only if
+// chains lead back and forth so often that the same ones are read again and again: the time for all
+// chains stays linear in the size of the FAT. Changes stay in memory until
 // write_changes(), which writes them to every copy, as kernels do. A command can therefore do all
 // its allocations before anything is written, and drop them.
 
@@ -9,6 +11,7 @@
 #include "core/allocator.h"
 #include "qvol/error.h"
 
+#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -109,6 +112,7 @@ private:
     };
 
     [[nodiscard]] page &page_of(u64 byte_offset);
+    void make_space();
     [[nodiscard]] page load_page(std::size_t index) const;
     [[nodiscard]] u32 value_in(const page &cached, u64 byte_offset) const;
 
@@ -129,6 +133,9 @@ private:
     u32 copies_;
     u32 written_copies_; // number of copies that are written, from the first on
     std::vector<std::unique_ptr<page>> pages_;
+    std::deque<std::size_t> loaded_; // pages in memory, the oldest first; without dirty ones
+    std::size_t max_loaded_;
+    std::size_t loads_left_; // until twice as many may be in memory
     core::lowest_free search_;
     std::optional<u32> free_count_; // no value: not counted yet
 };

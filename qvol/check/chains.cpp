@@ -6,20 +6,21 @@
 #include "qvol/output.h"
 #include "qvol/sectors.h"
 
+#include <algorithm>
+
 #include <fmt/core.h>
 
 namespace qvol {
 
 namespace {
 
-// Why the chain of a node cannot continue in a cluster; MARK if it can.
-chain_end obstacle_at(survey *checked, u32 node, u32 cluster) {
+// Why a chain cannot continue in a cluster; MARK if it can.
+chain_end obstacle_at(survey *checked, u32 cluster) {
     if (!checked->table.on().is_data_cluster(cluster)) {
         return chain_end::RANGE;
     }
-    const u32 owner = checked->owners.get(cluster);
-    if (owner != 0) {
-        return owner == node + 1 ? chain_end::CYCLE : chain_end::SHARED;
+    if (checked->owners.is_owned(cluster)) {
+        return chain_end::SHARED;
     }
     const u32 value = checked->table.get(cluster);
     return value == core::FAT_FREE             ? chain_end::FREE
@@ -27,8 +28,8 @@ chain_end obstacle_at(survey *checked, u32 node, u32 cluster) {
                                                : chain_end::MARK;
 }
 
-void claim_cluster(survey *checked, u32 node, u32 cluster, claimed_chain *chain) {
-    checked->owners.set(cluster, node + 1);
+void claim_cluster(survey *checked, u32 cluster, claimed_chain *chain) {
+    checked->owners.claim(cluster);
     checked->used_clusters++;
     chain->count++;
     chain->last = cluster;
@@ -40,7 +41,7 @@ void claim_cluster(survey *checked, u32 node, u32 cluster, claimed_chain *chain)
 // ---- findings ----
 
 finding shared_chain(survey *checked, u32 node, const claimed_chain &chain) {
-    const u32 owner = checked->owners.get(chain.at) - 1;
+    const u32 owner = checked->owners.owner_of(chain.at);
     checked->nodes[owner].is_shared = true;
     return {&found::CHAIN_SHARED, node, chain.at,
             fmt::format("also belongs to {}", shown_path(*checked, owner)), ""};
@@ -127,6 +128,46 @@ void check_tail(survey *checked, const file_tail &file) {
 
 } // namespace
 
+// ---- owners -----------------------------------------------------------------------------------
+
+void cluster_owners::claim(u32 cluster) {
+    const std::size_t page = cluster / PAGE_CLUSTERS;
+    owned_.resize(std::max(owned_.size(), page + 1));
+    if (owned_[page] == nullptr) {
+        owned_[page] = std::make_unique<std::bitset<PAGE_CLUSTERS>>();
+    }
+    owned_[page]->set(cluster % PAGE_CLUSTERS);
+    chains_.back().count++;
+    if (owners_) {
+        owners_->set(cluster, chains_.back().node + 1);
+    }
+}
+
+// Reads no FAT entry that was not read for the chain.
+void cluster_owners::map_owner(const owned_chain &chain) {
+    u32 cluster = chain.start;
+    for (u32 done = 0; done < chain.count; done++) {
+        cluster = done == 0 ? chain.start : table_.get(cluster);
+        owners_->set(cluster, chain.node + 1);
+    }
+}
+
+u32 cluster_owners::owner_of(u32 cluster) {
+    if (!owners_) {
+        owners_.emplace();
+        for (const owned_chain &chain : chains_) {
+            map_owner(chain);
+        }
+    }
+    return owners_->get(cluster) - 1;
+}
+
+bool cluster_owners::has_chain(u32 node, u32 start) const {
+    return std::any_of(chains_.begin(), chains_.end(), [&](const owned_chain &chain) {
+        return chain.node == node && chain.start == start && chain.count != 0;
+    });
+}
+
 // ---- chains -----------------------------------------------------------------------------------
 
 bool is_in_image(const survey &checked, u32 cluster) {
@@ -137,19 +178,28 @@ bool is_in_image(const survey &checked, u32 cluster) {
 
 namespace {
 
-void extend_chain(survey *checked, u32 node, u32 limit, claimed_chain *chain) {
+// Claims clusters from `chain->at` on. Returns what ends the chain.
+chain_end claim_clusters(survey *checked, u32 limit, claimed_chain *chain) {
     while (chain->count < limit) {
-        chain->end = obstacle_at(checked, node, chain->at);
-        if (chain->end != chain_end::MARK) {
-            return;
+        const chain_end obstacle = obstacle_at(checked, chain->at);
+        if (obstacle != chain_end::MARK) {
+            return obstacle;
         }
-        claim_cluster(checked, node, chain->at, chain);
+        claim_cluster(checked, chain->at, chain);
         chain->at = checked->table.get(chain->last);
         if (checked->on().is_end_of_chain(chain->at)) {
-            return;
+            return chain_end::MARK;
         }
     }
-    chain->end = chain_end::LIMIT;
+    return chain_end::LIMIT;
+}
+
+void extend_chain(survey *checked, u32 node, u32 limit, claimed_chain *chain) {
+    checked->owners.begin_chain(node, chain->at);
+    chain->end = claim_clusters(checked, limit, chain);
+    if (chain->end == chain_end::SHARED && checked->owners.owner_of(chain->at) == node) {
+        chain->end = chain_end::CYCLE;
+    }
 }
 
 } // namespace

@@ -10,69 +10,78 @@ namespace qvol {
 
 namespace {
 
-// Owners of a lost cluster that is not yet part of a reported chain.
-constexpr u32 LOST_HEAD = LOST_OWNER - 2;   // no lost cluster links to it
-constexpr u32 LOST_MEMBER = LOST_OWNER - 1; // a lost cluster links to it
+constexpr u32 HEAD = 1;     // no lost cluster links to it
+constexpr u32 MEMBER = 2;   // a lost cluster links to it
+constexpr u32 REPORTED = 3; // part of a reported chain
 
-bool is_pending(const survey &checked, u32 cluster) {
-    const u32 owner = checked.owners.get(cluster);
-    return owner == LOST_HEAD || owner == LOST_MEMBER;
-}
+class lost_search {
+public:
+    explicit lost_search(survey *checked) : checked_(checked) {}
 
-// Whether a value of the FAT is the number of a pending lost cluster.
-bool links_to_pending(const survey &checked, u32 value) {
-    return checked.table.on().is_data_cluster(value) && is_pending(checked, value);
-}
-
-std::vector<u32> collect_lost(survey *checked) {
-    std::vector<u32> lost;
-    checked->table.visit_used([&](u32 cluster, u32 value) {
-        if (value != checked->on().bad_mark() && checked->owners.get(cluster) == 0) {
-            checked->owners.set(cluster, LOST_HEAD);
-            lost.push_back(cluster);
-        }
-    });
-    return lost;
-}
-
-void mark_members(survey *checked, const std::vector<u32> &lost) {
-    for (const u32 cluster : lost) {
-        const u32 next = checked->table.get(cluster);
-        if (next != cluster && links_to_pending(*checked, next)) {
-            checked->owners.set(next, LOST_MEMBER);
-        }
-    }
-}
-
-void report_chain(survey *checked, u32 head) {
-    u32 count = 0;
-    for (u32 cluster = head; links_to_pending(*checked, cluster);
-         cluster = checked->table.get(cluster)) {
-        checked->owners.set(cluster, LOST_OWNER);
-        count++;
-    }
-    checked->add(
-        {&found::LOST, NO_NODE, head,
-         count == 1
-             ? "lost cluster: allocated, referenced by no entry"
-             : fmt::format("lost chain of {} clusters: allocated, referenced by no entry", count),
-         counted(count, "cluster", "clusters") + " freed",
-         [head, count](repair_plan *plan) { plan->release_chain(head, count); }});
-}
-
-} // namespace
-
-// Reports chains from their heads; the remaining clusters form cycles.
-void check_lost_clusters(survey *checked) {
-    const std::vector<u32> lost = collect_lost(checked);
-    mark_members(checked, lost);
-    for (const u32 owner : {LOST_HEAD, LOST_MEMBER}) {
-        for (const u32 cluster : lost) {
-            if (checked->owners.get(cluster) == owner) {
-                report_chain(checked, cluster);
+    // Reports chains from their heads; the remaining clusters form cycles.
+    void run() {
+        collect();
+        mark_members();
+        for (const u32 state : {HEAD, MEMBER}) {
+            for (const u32 cluster : lost_) {
+                if (states_.get(cluster) == state) {
+                    report_chain(cluster);
+                }
             }
         }
     }
+
+private:
+    // Whether a value of the FAT is the number of a lost cluster that is not reported yet.
+    [[nodiscard]] bool links_to_pending(u32 value) const {
+        const u32 state = states_.get(value);
+        return state == HEAD || state == MEMBER;
+    }
+
+    void collect() {
+        checked_->table.visit_used([&](u32 cluster, u32 value) {
+            if (value != checked_->on().bad_mark() && !checked_->owners.is_owned(cluster)) {
+                states_.set(cluster, HEAD);
+                lost_.push_back(cluster);
+            }
+        });
+    }
+
+    void mark_members() {
+        for (const u32 cluster : lost_) {
+            const u32 next = checked_->table.get(cluster);
+            if (next != cluster && links_to_pending(next)) {
+                states_.set(next, MEMBER);
+            }
+        }
+    }
+
+    void report_chain(u32 head) {
+        u32 count = 0;
+        for (u32 cluster = head; links_to_pending(cluster);
+             cluster = checked_->table.get(cluster)) {
+            states_.set(cluster, REPORTED);
+            count++;
+        }
+        checked_->add(
+            {&found::LOST, NO_NODE, head,
+             count == 1
+                 ? "lost cluster: allocated, referenced by no entry"
+                 : fmt::format("lost chain of {} clusters: allocated, referenced by no entry",
+                               count),
+             counted(count, "cluster", "clusters") + " freed",
+             [head, count](repair_plan *plan) { plan->release_chain(head, count); }});
+    }
+
+    survey *checked_;
+    std::vector<u32> lost_;
+    cluster_map states_; // of the lost clusters
+};
+
+} // namespace
+
+void check_lost_clusters(survey *checked) {
+    lost_search(checked).run();
 }
 
 } // namespace qvol

@@ -40,7 +40,7 @@ struct header_word {
 
 void check_pool_header(survey *checked, u32 node) {
     const entry &pool = checked->nodes[node].dentry;
-    if (checked->owners.get(pool.start()) != node + 1 || !is_in_image(*checked, pool.start())) {
+    if (!checked->owners.has_chain(node, pool.start()) || !is_in_image(*checked, pool.start())) {
         return; // reported with the chain
     }
     constexpr u32 ALL_ONES = 0xFFFFFFFF;

@@ -7,7 +7,9 @@
 #include "qvol/session.h"
 
 #include <array>
+#include <bitset>
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace qvol {
@@ -36,6 +38,44 @@ private:
     std::vector<std::unique_ptr<page_values>> pages_;
 };
 
+// The owners of clusters. A bit for each cluster is enough until a chain leads to a cluster that
+// has an owner already: then all chains are followed once more for the owner of each.
+class cluster_owners {
+public:
+    explicit cluster_owners(fat_table &table) : table_(table) {}
+
+    [[nodiscard]] bool is_owned(u32 cluster) const {
+        const std::size_t page = cluster / PAGE_CLUSTERS;
+        return page < owned_.size() && owned_[page] != nullptr &&
+               owned_[page]->test(cluster % PAGE_CLUSTERS);
+    }
+    // The clusters that are claimed next are the first ones of a chain of the node.
+    void begin_chain(u32 node, u32 start) {
+        chains_.push_back({node, start, 0});
+    }
+    void claim(u32 cluster);
+
+    // The node of a claimed cluster.
+    [[nodiscard]] u32 owner_of(u32 cluster);
+
+    // Whether the cluster is the first one of a chain of the node.
+    [[nodiscard]] bool has_chain(u32 node, u32 start) const;
+
+private:
+    struct owned_chain {
+        u32 node;
+        u32 start;
+        u32 count;
+    };
+    void map_owner(const owned_chain &chain);
+
+    static constexpr u32 PAGE_CLUSTERS = 32768;
+    fat_table &table_;
+    std::vector<std::unique_ptr<std::bitset<PAGE_CLUSTERS>>> owned_;
+    std::vector<owned_chain> chains_;
+    std::optional<cluster_map> owners_; // nodes plus 1
+};
+
 // The root, at index 0, or an entry below it.
 struct tree_node {
     u32 parent = NO_NODE;
@@ -48,12 +88,13 @@ struct tree_node {
 };
 
 struct survey {
-    explicit survey(volume &checked) : vol(checked), table(checked.fat()), nodes(1) {}
+    explicit survey(volume &checked)
+        : vol(checked), table(checked.fat()), nodes(1), owners(checked.fat()) {}
 
     volume &vol;
     fat_table &table;
     std::vector<tree_node> nodes;
-    cluster_map owners; // index of the node plus 1, or LOST_OWNER; 0: unowned
+    cluster_owners owners;
     std::vector<finding> findings;
     u32 used_clusters = 0; // by the entries of the tree
 
@@ -66,7 +107,6 @@ struct survey {
 };
 
 inline constexpr u32 ROOT_NODE = 0;
-inline constexpr u32 LOST_OWNER = std::numeric_limits<u32>::max();
 
 // The names from the root to the node. The first ones are left out of a path of hundreds of names,
 // which no healthy volume has: the size of the report stays in proportion to the volume.
