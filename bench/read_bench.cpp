@@ -10,6 +10,7 @@
 //   ls-20000         the files of get-20000
 //   check-empty      an empty volume of 256 GiB
 //   check-20000      a volume of 256 GiB with the files of get-20000
+//   check-full       a volume of 256 GiB that is full of files of nearly 4 GiB
 //
 // Nothing is synced, and every program finds the image in the page cache. Prints the median times,
 // their ratio, and the peak of the resident memory of each program.
@@ -63,6 +64,7 @@ rivals check(const environment &where) {
 // ---- rows ----
 
 constexpr bench::file_tree NOTHING = {-1, 1, nullptr};
+constexpr bench::file_tree FULL = {-2, 1, nullptr};
 constexpr bench::file_tree SMALL_FILES = {20000, 100, bench::varied_name};
 constexpr bench::file_tree LARGE_FILE = {0, 1, nullptr};
 
@@ -75,12 +77,88 @@ struct row {
 constexpr row ROWS[] = {
     {"get-20000", "1200M", SMALL_FILES, get_all}, {"get-large", "1200M", LARGE_FILE, get_all},
     {"ls-20000", "1200M", SMALL_FILES, list_all}, {"check-empty", "256G", NOTHING, check},
-    {"check-20000", "256G", SMALL_FILES, check},
+    {"check-20000", "256G", SMALL_FILES, check},  {"check-full", "256G", FULL, check},
 };
+
+// ---- a full volume ----
+
+constexpr std::uint32_t FILE_BYTES = 0xFFFF0000;
+constexpr std::uint32_t END_OF_CHAIN = 0x0FFFFFFF;
+constexpr std::uint32_t FIRST_OF_FILES = 3; // the root directory is in cluster 2
+
+// A little-endian number of `size` bytes.
+void store(char *bytes, std::uint64_t value, int size) {
+    for (int i = 0; i < size; i++) {
+        bytes[i] = static_cast<char>(value >> (8 * i) & 0xFF);
+    }
+}
+
+std::uint64_t number_at(std::fstream &image, int offset, int size) {
+    std::uint64_t value = 0;
+    image.seekg(offset);
+    for (int i = 0; i < size; i++) {
+        value |= static_cast<std::uint64_t>(image.get()) << (8 * i);
+    }
+    return value;
+}
+
+void write_at(std::fstream &image, std::uint64_t offset, const std::string &bytes) {
+    image.seekp(static_cast<std::streamoff>(offset));
+    image.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+// The FAT entries of a chain of contiguous clusters.
+std::string chain_of(std::uint32_t start, std::uint32_t length) {
+    std::string entries(std::size_t{length} * 4, '\0');
+    for (std::uint32_t i = 0; i < length; i++) {
+        store(&entries[std::size_t{i} * 4], i + 1 < length ? start + i + 1 : END_OF_CHAIN, 4);
+    }
+    return entries;
+}
+
+std::string entries_of(std::uint32_t files, std::uint32_t length) {
+    std::string entries;
+    for (std::uint32_t i = 0; i < files; i++) {
+        const std::uint32_t start = FIRST_OF_FILES + i * length;
+        std::string slot = bench::numbered("FILE%04d   ", static_cast<int>(i));
+        slot.resize(32, '\0');
+        store(&slot[20], start >> 16, 2);
+        store(&slot[26], start & 0xFFFF, 2);
+        store(&slot[28], FILE_BYTES, 4);
+        entries += slot;
+    }
+    return entries;
+}
+
+// Fills an empty FAT32 volume. The data are holes: no check reads them.
+void fill_volume(const std::string &path) {
+    std::fstream image(path, std::ios::in | std::ios::out | std::ios::binary);
+    const std::uint64_t sector = number_at(image, 11, 2);
+    const std::uint64_t cluster = number_at(image, 13, 1) * sector;
+    const std::uint64_t fat = number_at(image, 14, 2) * sector;
+    const std::uint64_t fat_bytes = number_at(image, 36, 4) * sector;
+    const std::uint64_t data = fat + 2 * fat_bytes;
+    const auto clusters =
+        static_cast<std::uint32_t>((number_at(image, 32, 4) * sector - data) / cluster);
+    const auto length = static_cast<std::uint32_t>((FILE_BYTES + cluster - 1) / cluster);
+    const std::uint32_t files = (clusters - 1) / length;
+    for (std::uint32_t i = 0; i < 2 * files; i++) { // in two copies of the FAT
+        const std::uint32_t start = FIRST_OF_FILES + i % files * length;
+        write_at(image, fat + i / files * fat_bytes + std::uint64_t{start} * 4,
+                 chain_of(start, length));
+    }
+    write_at(image, data, entries_of(files, length));
+    std::string free_count(4, '\0');
+    store(free_count.data(), clusters - 1 - files * length, 4);
+    write_at(image, sector + 488, free_count); // in FSInfo
+}
 
 void make_volume(const environment &where, const row &of) {
     bench::run_program({"truncate", "-s", of.size, where.image()});
     bench::run_program({"mkfs.fat", "-F", "32", where.image()});
+    if (of.tree.files == FULL.files) {
+        fill_volume(where.image());
+    }
     bench::make_tree(where.tree(), of.tree);
     command copy = {"mcopy", "-s", "-i", where.image()};
     for (const auto &item : std::filesystem::directory_iterator(where.tree())) {
