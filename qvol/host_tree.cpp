@@ -62,8 +62,10 @@ std::vector<directory_item> items_of(const std::string &path) {
     if (listing == nullptr) {
         throw system_failure("read directory " + shown_bytes(path));
     }
+    std::vector<std::string> names = sorted_names(listing.get(), path);
     std::vector<directory_item> items;
-    for (std::string &name : sorted_names(listing.get(), path)) {
+    items.reserve(names.size());
+    for (std::string &name : names) {
         const struct stat status =
             status_in(dirfd(listing.get()), name.c_str(), host_path_below(path, name));
         items.push_back({std::move(name), status});
@@ -143,8 +145,10 @@ host_node host_scan::scan(const std::string &path, const std::string &name,
 }
 
 std::vector<host_node> host_scan::scan_children(const std::string &path) {
+    const std::vector<directory_item> items = items_of(path);
     std::vector<host_node> children;
-    for (const directory_item &item : items_of(path)) {
+    children.reserve(items.size());
+    for (const directory_item &item : items) {
         if (!skips_special_ || is_importable(item.status.st_mode)) {
             children.push_back(scan(host_path_below(path, item.name), item.name, item.status));
         }

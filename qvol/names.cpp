@@ -188,6 +188,9 @@ bool is_invalid_component(std::u16string_view name) {
 
 // Device names: systems that know these devices cannot open such files.
 bool is_device_name(std::u16string_view name) {
+    if (name.size() > 4) {
+        return false;
+    }
     const std::u16string folded = fold_case(name);
     const bool is_numbered = folded.size() == 4 && folded[3] >= u'1' && folded[3] <= u'9' &&
                              (folded.starts_with(u"COM") || folded.starts_with(u"LPT"));
