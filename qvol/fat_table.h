@@ -2,9 +2,9 @@
 //
 // Sectors are read from the first copy when they are needed. A few MiB stay in memory, more only if
 // chains lead back and forth so often that the same ones are read again and again: the time for all
-// chains stays linear in the size of the FAT. Changes stay in memory until
-// write_changes(), which writes them to every copy, as kernels do. A command can therefore do all
-// its allocations before anything is written, and drop them.
+// chains stays linear in the size of the FAT. Changes stay in memory until write_changes(), which
+// writes them to every copy, as kernels do. A command can therefore do all its allocations before
+// anything is written, and drop them.
 
 #pragma once
 

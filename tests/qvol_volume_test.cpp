@@ -100,6 +100,38 @@ TEST_P(QvolVolume, AllocatesTheLowestClustersAndLinksThem) {
     EXPECT_EQ(table().chain(first.front(), 4).size(), 4U);
 }
 
+// More of the FAT than stays in memory, read again and again.
+TEST(QvolFat, HasItsChangesWhenOtherSectorsWereRead) {
+    constexpr u32 FAT_BYTES = 32 << 20;
+    const scratch_directory scratch;
+    const target where(scratch.sparse_file("fat.img", FAT_BYTES), access::WRITE);
+    const core::volume on = {&where.medium(),
+                             {.width = 32,
+                              .sector_size = 512,
+                              .sectors_per_cluster = 1,
+                              .fat_sectors = FAT_BYTES / 512,
+                              .clusters = FAT_BYTES / 4 - core::FIRST_DATA_CLUSTER}};
+    constexpr u32 STEP = 8 * 1024; // two changes in each 64 KiB
+    fat_table changed(on, 1);
+    for (u32 cluster = STEP; cluster <= on.last_cluster(); cluster += STEP) {
+        changed.set(cluster, cluster + 1);
+    }
+    for (u32 round = 0; round < 30; round++) {
+        for (u32 cluster = STEP; cluster <= on.last_cluster(); cluster += STEP) {
+            ASSERT_EQ(changed.get(cluster), cluster + 1);
+            ASSERT_EQ(changed.get(cluster + 1), 0U);
+        }
+    }
+    changed.write_changes();
+    fat_table read_again(on, 1);
+    for (u32 round = 0; round < 30; round++) {
+        for (u32 cluster = STEP; cluster <= on.last_cluster(); cluster += STEP) {
+            ASSERT_EQ(read_again.get(cluster), cluster + 1);
+            ASSERT_EQ(read_again.get(cluster + 1), 0U);
+        }
+    }
+}
+
 TEST_P(QvolVolume, CountsFreeClusters) {
     const u32 before = table().free_count();
     const std::vector<u32> clusters = table().allocate(10);
