@@ -33,16 +33,29 @@ struct data_extent {
     u32 count = 0;
 };
 
-// Finds the extents of a file in order.
+// Clusters that a write has allocated, and linked in this order to the end of a chain.
+struct new_clusters {
+    const u32 *numbers = nullptr;
+    u32 count = 0;
+    u32 old_count = 0; // clusters before them in the chain
+    u32 old_last = 0;  // the last one of those
+};
+
+// Finds the extents of a file in order. Sectors in new clusters are found without the FAT, if the
+// chain before them is sound and leads to them.
 struct extent_finder {
     oentry *entry;
     core::table fat;
     core::chain_cursor cursor;
     core::result<u32> ahead = core::fault::NONE; // first sector of the next extent, if `has_ahead`
     bool has_ahead = false;
+    new_clusters added;
+    bool is_joined = false; // the chain has been followed up to the new clusters
+    u32 reached = 0;        // number of new clusters up to the last one found
 
     // Continues from the position that the entry has stored, if it is valid.
-    explicit extent_finder(oentry *of) : entry(of), fat(here()) {
+    explicit extent_finder(oentry *of, const new_clusters &at_end = {})
+        : entry(of), fat(here()), added(at_end) {
         if (keeps_positions() && entry->kept_epoch == chain_epoch() &&
             entry->kept_first == entry->start) {
             cursor.first = entry->kept_first;
@@ -53,6 +66,11 @@ struct extent_finder {
     extent_finder(const extent_finder &) = delete;
     extent_finder &operator=(const extent_finder &) = delete;
     ~extent_finder() {
+        if (reached > 0) {
+            cursor.first = entry->start;
+            cursor.cluster = added.numbers[reached - 1];
+            cursor.links = added.old_count + reached - 1;
+        }
         if (keeps_positions() && fat.on().is_data_cluster(cursor.first) &&
             fat.on().is_data_cluster(cursor.cluster)) {
             entry->kept_first = cursor.first;
@@ -63,7 +81,45 @@ struct extent_finder {
     }
 
     [[nodiscard]] core::result<u32> locate(u32 sector_index) {
-        return core::sector_in_space(fat, &cursor, entry->start, sector_index);
+        const u32 index = sector_index / sv->sec_per_clus - added.old_count;
+        if (index < added.count) {
+            const core::fault failed = join();
+            if (failed != core::fault::NONE) {
+                return failed;
+            }
+        }
+        if (index >= added.count) { // also if the new clusters are of no use
+            return core::sector_in_space(fat, &cursor, entry->start, sector_index);
+        }
+        reached = index + 1;
+        return fat.on().sector_of(added.numbers[index]) + sector_index % sv->sec_per_clus;
+    }
+    // Follows the chain up to the new clusters, once, with the faults of a walk to one of them. If
+    // it does not lead there, walks have to find out where it leads.
+    [[nodiscard]] core::fault join() {
+        if (is_joined) {
+            return core::fault::NONE;
+        }
+        is_joined = true;
+        bool leads_there = added.old_count == 0 && entry->start == added.numbers[0];
+        if (added.old_count > 0 && is_data_cluster(entry->start)) {
+            const core::fault failed = cursor.move(fat, entry->start, added.old_count - 1);
+            if (failed != core::fault::NONE) {
+                return failed;
+            }
+            leads_there = is_data_cluster(added.old_last) && cursor.cluster == added.old_last;
+        }
+        if (!leads_there || !are_new_links()) {
+            added.count = 0;
+        }
+        return core::fault::NONE;
+    }
+    // A search that met a damaged entry "finds" a cluster that is not valid; a record whose chain
+    // was freed may get its last cluster again.
+    [[nodiscard]] bool are_new_links() const {
+        return std::all_of(added.numbers, added.numbers + added.count, [this](u32 number) {
+            return fat.on().is_data_cluster(number) && number != added.old_last;
+        });
     }
     // Number of sectors after this one in its cluster. The root area of FAT16 has no clusters.
     [[nodiscard]] u32 left_in_cluster(u32 sector_index) const {
@@ -160,9 +216,9 @@ void report_write_lookup(int error) {
     }
 }
 
-// Writes the data to allocated clusters.
-int write_data(oentry *entry, const u8 *data, u32 count, u32 position) {
-    extent_finder finder(entry);
+// Writes the data to allocated clusters, of which `added` are new.
+int write_data(oentry *entry, const u8 *data, u32 count, u32 position, const new_clusters &added) {
+    extent_finder finder(entry, added);
     for (u32 written = 0; written < count;) {
         data_part part = first_part(position, count - written);
         data_extent extent;
@@ -192,6 +248,11 @@ struct write_allocation {
     u32 count = 0;
     u32 allocated = 0;
     u32 old_last = 0;
+    u32 old_count = 0;
+
+    [[nodiscard]] new_clusters added() const {
+        return {clusters.get(), allocated, old_count, old_last};
+    }
 };
 
 // Allocates clusters for `extra` bytes past the allocated ones. Returns 0 or a negative errno; in
@@ -205,6 +266,7 @@ int allocate_for_write(oentry *entry, u32 extra, write_allocation *allocation) {
     }
     allocation->count = count;
     allocation->old_last = entry->last;
+    allocation->old_count = entry->allocated / cluster_bytes();
     const int result =
         alloc_clusters(entry, allocation->clusters.get(), count, &allocation->allocated);
     if (result < 0) {
@@ -354,7 +416,8 @@ int do_write_file(oentry *entry, const void *buffer, u32 count, u32 *position) {
         result = allocate_for_write(entry, static_cast<u32>(missing), &allocation);
     }
     if (result == 0) {
-        result = write_data(entry, static_cast<const u8 *>(buffer), count, *position);
+        result = write_data(entry, static_cast<const u8 *>(buffer), count, *position,
+                            allocation.added());
     }
     if (result < 0) {
         undo_write_allocation(entry, allocation);
