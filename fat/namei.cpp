@@ -26,14 +26,47 @@ void copy_component(const char *component, component_buffer &out) {
     out[copied] = '\0';
 }
 
-// Copies the first component other than ".", which leads away from the start directory. False if
-// all are ".".
-bool find_real_component(const fat_path &path, component_buffer &out) {
-    for (int i = 0; i < path.depth; i++) {
-        copy_component(path.path[i], out);
+// The component after `component`; null after the last one.
+char *next_component(char *component) {
+    char *slash = std::strchr(component, '/');
+    return slash != nullptr ? slash + 1 : nullptr;
+}
+
+// The parts of a path, which point into it.
+struct path_parts {
+    char *first;
+    char *name; // the final component; the same if there are no parents
+    u32 parents;
+};
+
+int refuse_path(int error) {
+    report_at("resolve_path", __LINE__, "Check here!\n\n");
+    return error;
+}
+
+// Returns 0, or -ENAMETOOLONG for over 1024 components.
+int split_path(char *path, path_parts *parts) {
+    char *component = path + std::strspn(path, "/");
+    *parts = {component, component, 0};
+    while ((component = next_component(component)) != nullptr) {
+        parts->name = component;
+        if (++parts->parents == MAX_COMPONENTS) {
+            return refuse_path(-ENAMETOOLONG);
+        }
+    }
+    return 0;
+}
+
+// Copies the first parent component other than ".", which leads away from the start directory.
+// False if all are ".".
+bool find_real_component(const path_parts &path, component_buffer &out) {
+    char *component = path.first;
+    for (u32 i = 0; i < path.parents; i++) {
+        copy_component(component, out);
         if (std::strcmp(out, ".") != 0) {
             return true;
         }
+        component = next_component(component);
     }
     return false;
 }
@@ -83,8 +116,8 @@ int open_start_again(const oentry *start, oentry **dir) {
     return 0;
 }
 
-int find_directory(oentry *start, const fat_path &path, oentry **dir) {
-    if (path.depth == 0) {
+int find_directory(oentry *start, const path_parts &path, oentry **dir) {
+    if (path.parents == 0) {
         *dir = start;
         return 0;
     }
@@ -99,28 +132,25 @@ int find_directory(oentry *start, const fat_path &path, oentry **dir) {
 
 int resolve_path(char *path, fat_path *rec, char **name, int *depth) {
     if (path == nullptr || rec == nullptr || name == nullptr || depth == nullptr) {
-        REPORT("Check here!\n\n");
-        return -EINVAL;
+        return refuse_path(-EINVAL);
     }
-    heap_ptr<char *> components = zeroed_records<char *>(MAX_COMPONENTS);
+    path_parts parts;
+    const int split = split_path(path, &parts);
+    if (split < 0) {
+        return split;
+    }
+    heap_ptr<char *> components = zeroed_records<char *>(parts.parents + 1);
     if (components == nullptr) {
-        REPORT("Check here!\n\n");
-        return -ENOMEM;
+        return refuse_path(-ENOMEM);
     }
-    char *component = path + std::strspn(path, "/");
-    u32 parents = 0;
-    for (char *slash = std::strchr(component, '/'); slash != nullptr;
-         slash = std::strchr(component, '/')) {
-        if (parents + 1 == MAX_COMPONENTS) {
-            REPORT("Check here!\n\n");
-            return -ENAMETOOLONG;
-        }
-        components.get()[parents++] = component;
-        component = slash + 1;
+    char *component = parts.first;
+    for (u32 i = 0; i < parts.parents; i++) {
+        components.get()[i] = component;
+        component = next_component(component);
     }
     rec->path = components.release();
-    rec->depth = static_cast<int>(parents);
-    rec->name = component;
+    rec->depth = static_cast<int>(parts.parents);
+    rec->name = parts.name;
     *depth = rec->depth;
     *name = rec->name;
     return 0;
@@ -136,20 +166,19 @@ int fat_path_lookup(char *path, oentry **dir, char **name) {
         return -EFAULT;
     }
     oentry *start = path[0] == '/' ? sv->root_dir : sv->current_dir;
-    fat_path resolved = {};
-    int depth = 0;
-    int result = resolve_path(path + std::strspn(path, "/"), &resolved, name, &depth);
-    if (result < 0) {
+    path_parts parts;
+    const int split = name != nullptr ? split_path(path, &parts) : refuse_path(-EINVAL);
+    if (split < 0) {
         REPORT("Check here!\n\n");
-        return result;
+        return split;
     }
-    const heap_ptr<char *> components(resolved.path);
-    if (verify_valid_name(resolved.name) < 0) {
+    *name = parts.name;
+    if (verify_valid_name(parts.name) < 0) {
         REPORT("Check here!\n\n");
-        report_bare("wrong file name: %s\n", resolved.name);
+        report_bare("wrong file name: %s\n", parts.name);
         return -EINVAL;
     }
-    return find_directory(start, resolved, dir);
+    return find_directory(start, parts, dir);
 }
 
 void free_lookup_result(oentry *dir) {

@@ -894,7 +894,6 @@ TEST_P(Open, EachAllocationThatFails) {
         answers_under(
             EVERY_ALLOCATION, [] { return fat_open("FILE.TXT"); }, fat_close),
         (std::vector<answer>{
-            {-ENOMEM, check_here("resolve_path") + check_here("fat_path_lookup") + NO_PATH},
             {-ENOMEM, "find_dentry_with_clu[N]: Failed to allocate memory!\n\n" + NO_ENTRY},
             {-ENOMEM, "convert_name[N]: cannot allocate space\n"
                       "find_dentry_with_clu[N]: Failed to get fatnames!\n\n" +
