@@ -4,39 +4,6 @@
 
 namespace core {
 
-slot_kind kind_of(const u8 *slot) {
-    const u8 first = slot[SHORT_NAME.offset];
-    const u32 attr = load(slot, SHORT_ATTR);
-    if (first == NAME_UNUSED) {
-        return slot_kind::UNUSED;
-    }
-    if (first == NAME_DELETED) {
-        return slot_kind::DELETED;
-    }
-    if ((attr & ATTR_LONG_NAME_MASK) == ATTR_LONG_NAME) {
-        return slot_kind::LONG_NAME;
-    }
-    switch (attr & ATTR_KIND_MASK) {
-    case 0:
-        return slot_kind::FILE;
-    case ATTR_DIRECTORY:
-        return slot_kind::DIRECTORY;
-    case ATTR_VOLUME:
-        return slot_kind::LABEL;
-    default:
-        return slot_kind::INVALID;
-    }
-}
-
-bool is_free_slot(const u8 *slot) {
-    const u8 first = slot[SHORT_NAME.offset];
-    return first == NAME_UNUSED || first == NAME_DELETED;
-}
-
-bool is_named_kind(slot_kind kind) {
-    return kind == slot_kind::FILE || kind == slot_kind::DIRECTORY;
-}
-
 bool is_live_directory(const u8 *entry) {
     return entry != nullptr && !is_free_slot(entry) &&
            (load(entry, SHORT_ATTR) & ATTR_KIND_MASK) == ATTR_DIRECTORY;

@@ -19,13 +19,41 @@ enum class slot_kind : u8 {
     LABEL = 8,
 };
 
-[[nodiscard]] slot_kind kind_of(const u8 *slot);
+// Inline, as all that walks call for each slot.
+[[nodiscard]] inline slot_kind kind_of(const u8 *slot) {
+    const u8 first = slot[SHORT_NAME.offset];
+    const u32 attr = load(slot, SHORT_ATTR);
+    if (first == NAME_UNUSED) {
+        return slot_kind::UNUSED;
+    }
+    if (first == NAME_DELETED) {
+        return slot_kind::DELETED;
+    }
+    if ((attr & ATTR_LONG_NAME_MASK) == ATTR_LONG_NAME) {
+        return slot_kind::LONG_NAME;
+    }
+    switch (attr & ATTR_KIND_MASK) {
+    case 0:
+        return slot_kind::FILE;
+    case ATTR_DIRECTORY:
+        return slot_kind::DIRECTORY;
+    case ATTR_VOLUME:
+        return slot_kind::LABEL;
+    default:
+        return slot_kind::INVALID;
+    }
+}
 
 // Whether a new entry may use the slot.
-[[nodiscard]] bool is_free_slot(const u8 *slot);
+[[nodiscard]] inline bool is_free_slot(const u8 *slot) {
+    const u8 first = slot[SHORT_NAME.offset];
+    return first == NAME_UNUSED || first == NAME_DELETED;
+}
 
 // A file or a directory, the kinds that a name can refer to.
-[[nodiscard]] bool is_named_kind(slot_kind kind);
+[[nodiscard]] inline bool is_named_kind(slot_kind kind) {
+    return kind == slot_kind::FILE || kind == slot_kind::DIRECTORY;
+}
 
 // Whether a short entry is that of a directory which is not deleted. False for null.
 [[nodiscard]] bool is_live_directory(const u8 *entry);

@@ -1,7 +1,5 @@
 #include "core/slots.h"
 
-#include "core/record.h"
-
 #include <algorithm>
 
 namespace core {
@@ -91,48 +89,30 @@ fault slot_walk::read_sector(bool continues) {
     return moved < 0 ? fault::READ : fault::NONE;
 }
 
-result<u8 *> slot_walk::to(u32 slot) {
+fault slot_walk::move_to(u32 slot) {
     if (!reserve()) {
         return fault::NO_MEMORY;
     }
     const volume &of = fat_.on();
-    if (slot - first_slot_ >= slots_) {
-        const bool continues = slot - first_slot_ == slots_ && slot > 0;
-        slots_ = 0;
-        if (slot >= limit_) {
-            return fault::SIZE_END;
-        }
-        place_ = {0, offset_of_slot(of, slot)};
-        const result<u32> sector =
-            sector_in_space(fat_, &cursor_, first_, sector_index_of_slot(of, slot));
-        if (!sector.ok()) {
-            return sector.why;
-        }
-        place_.sector = sector.value;
-        const fault read = read_sector(continues);
-        if (read != fault::NONE) {
-            return read;
-        }
-        first_slot_ = slot - place_.offset / DENTRY_SIZE;
-        slots_ = of.at.sector_size / DENTRY_SIZE;
+    const bool continues = slot - first_slot_ == slots_ && slot > 0;
+    slots_ = 0;
+    if (slot >= limit_) {
+        return fault::SIZE_END;
     }
-    place_.offset = (slot - first_slot_) * DENTRY_SIZE;
-    return buffer_.get() + place_.offset;
-}
-
-// ---- survey -----------------------------------------------------------------------------------
-
-void slot_survey::visit(const u8 *slot) {
-    if (visited >= limit) {
-        return;
+    place_ = {0, offset_of_slot(of, slot)};
+    const result<u32> sector =
+        sector_in_space(fat_, &cursor_, first_, sector_index_of_slot(of, slot));
+    if (!sector.ok()) {
+        return sector.why;
     }
-    visited++;
-    if (span_end == 0 && span.add(is_free_slot(slot))) {
-        span_end = visited;
+    place_.sector = sector.value;
+    const fault read = read_sector(continues);
+    if (read != fault::NONE) {
+        return read;
     }
-    if (name != nullptr && is_named_kind(kind_of(slot))) {
-        tails.mark(slot, name);
-    }
+    first_slot_ = slot - place_.offset / DENTRY_SIZE;
+    slots_ = of.at.sector_size / DENTRY_SIZE;
+    return fault::NONE;
 }
 
 } // namespace core

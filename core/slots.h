@@ -6,6 +6,7 @@
 #pragma once
 
 #include "core/chain.h"
+#include "core/record.h"
 #include "core/short_name.h"
 
 namespace core {
@@ -45,12 +46,26 @@ public:
         reads_ahead_ = false;
     }
 
+    // Continues from a position in the chain that is known.
+    void start_from(const chain_cursor &at) {
+        cursor_ = at;
+    }
+
     // Allocates the buffer for a sector, if that has not been done. False without memory.
     [[nodiscard]] bool reserve();
 
     // The bytes of a slot, valid until the next call. Faults: NO_MEMORY, READ, SIZE_END, those of
     // sector_in_space().
-    [[nodiscard]] result<u8 *> to(u32 slot);
+    [[nodiscard]] result<u8 *> to(u32 slot) {
+        if (slot - first_slot_ >= slots_) {
+            const fault moved = move_to(slot);
+            if (moved != fault::NONE) {
+                return moved;
+            }
+        }
+        place_.offset = (slot - first_slot_) * DENTRY_SIZE;
+        return buffer_.get() + place_.offset;
+    }
 
     // Location of the last slot.
     [[nodiscard]] const slot_place &place() const {
@@ -66,6 +81,7 @@ public:
     }
 
 private:
+    [[nodiscard]] fault move_to(u32 slot); // to its sector
     [[nodiscard]] fault read_sector(bool continues);
     [[nodiscard]] u32 contiguous_sectors() const;
 
@@ -109,7 +125,18 @@ struct slot_survey {
     u32 span_end = 0; // the slot after the span; 0: not found yet
 
     // Call with each slot in turn, from the first one on.
-    void visit(const u8 *slot);
+    void visit(const u8 *slot) {
+        if (visited >= limit) {
+            return;
+        }
+        visited++;
+        if (span_end == 0 && span.add(is_free_slot(slot))) {
+            span_end = visited;
+        }
+        if (name != nullptr && is_named_kind(kind_of(slot))) {
+            tails.mark(slot, name);
+        }
+    }
 };
 
 } // namespace core
