@@ -230,6 +230,27 @@ fault table::set(u32 index, u32 value) {
     return when_ == writing::LATE ? fault::NONE : flush();
 }
 
+u32 table::link_following(u32 cluster, u32 limit) {
+    const entry_position at = locate(of_, cluster);
+    u8 *entry = is_dirty_ ? changed_.find(at.sector) : nullptr;
+    if (entry == nullptr || !of_.is_data_cluster(cluster)) {
+        return 0;
+    }
+    const u32 size = of_.entry_size();
+    const u32 in_sector = (of_.at.sector_size - at.offset) / size - 1;
+    limit = std::min({limit, in_sector, of_.last_cluster() - cluster});
+    u32 count = 0;
+    entry += at.offset;
+    for (; count < limit && load_entry(of_.at.width, entry + size) == FAT_FREE; entry += size) {
+        count++;
+        store_entry(of_.at.width, entry, cluster + count);
+    }
+    if (count > 0) {
+        store_entry(of_.at.width, entry, FAT_END_MARK);
+    }
+    return count;
+}
+
 fault table::flush() {
     if (!is_dirty_) {
         return fault::NONE;

@@ -41,6 +41,10 @@ public:
     // value(), TABLE_WRITE.
     [[nodiscard]] fault set(u32 index, u32 value);
 
+    // Links free clusters of consecutive numbers after `cluster`, the last one of a chain, as long
+    // as their entries are in the sector of its late change. Returns their number, at most `limit`.
+    [[nodiscard]] u32 link_following(u32 cluster, u32 limit);
+
     // Writes late changes. Returns NONE or TABLE_WRITE.
     [[nodiscard]] fault flush();
 

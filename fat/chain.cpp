@@ -125,6 +125,21 @@ int alloc_cluster(core::table *fat, oentry *entry, u32 *cluster) {
     return 0;
 }
 
+// Allocates the clusters after the last one of the entry, which was allocated before, as long as
+// they are free and their FAT entries are in the same sector: what single allocations would do.
+u32 alloc_following(core::table *fat, oentry *entry, u32 *clusters, u32 count) {
+    u32 cluster = entry->last;
+    const u32 found = cluster == sv->last_alloc_clus ? fat->link_following(cluster, count) : 0;
+    for (u32 i = 0; i < found; i++) {
+        clusters[i] = ++cluster;
+    }
+    if (found > 0) {
+        entry->last = sv->last_alloc_clus = cluster;
+    }
+    entry->allocated += found * cluster_bytes();
+    return found;
+}
+
 // State of an entry and the hint before clusters were allocated for the entry.
 struct before_allocation {
     u32 start;        // first cluster in the record
@@ -230,7 +245,10 @@ int alloc_clusters(oentry *entry, u32 *clusters, u32 count, u32 *allocated) {
     for (*allocated = 0; *allocated < count && result == 0;) {
         fat.begin_step(*allocated);
         result = alloc_cluster(&fat, entry, &clusters[*allocated]);
-        *allocated += result == 0 ? 1 : 0;
+        if (result == 0) {
+            ++*allocated;
+            *allocated += alloc_following(&fat, entry, clusters + *allocated, count - *allocated);
+        }
     }
     if (!fat.write_failed() && flush(&fat) < 0 && result == 0) {
         report_failed_write();
