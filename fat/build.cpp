@@ -167,6 +167,7 @@ int continue_search(oentry *dir, core::free_span span, u32 position, u32 count, 
         report_at("fat_find_empty_entries", __LINE__, "Check Here!\n\n");
         return -ENOMEM;
     }
+    continue_walk(&walk.slots, walk.base_clu, position);
     int result = search_slots(&walk, dir_entry_count(dir), &span, &position);
     if (result < 0) {
         return result;

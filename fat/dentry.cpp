@@ -39,21 +39,6 @@ int locate_dentry(core::table *fat, core::chain_cursor *cursor, u32 base_clu, u3
     return located < 0 ? report_no_place(base_clu, index, located) : 0;
 }
 
-// Reports why a walk did not reach entry `index`.
-int report_walk(const dentry_walk &walk, core::fault why, u32 index) {
-    switch (why) {
-    case core::fault::NO_MEMORY:
-        return -ENOMEM;
-    case core::fault::SIZE_END:
-        return report_size_end();
-    case core::fault::READ:
-        return report_read(walk.slots.place().sector);
-    default:
-        return report_no_place(walk.base_clu, index,
-                               report_place(why, walk.base_clu, walk.slots.cursor()));
-    }
-}
-
 } // namespace
 
 // ---- addressing -------------------------------------------------------------------------------
@@ -112,6 +97,7 @@ int report_place(core::fault why, u32 base_clu, const core::chain_cursor &cursor
 
 int locate_sector(core::table *fat, core::chain_cursor *cursor, u32 base_clu, u32 sector_index,
                   u32 *sector) {
+    continue_walk(cursor, base_clu, sector_index);
     const core::result<u32> found = core::sector_in_space(*fat, cursor, base_clu, sector_index);
     if (!found.ok()) {
         return report_place(found.why, base_clu, *cursor);
@@ -182,13 +168,18 @@ dentry_walk::dentry_walk(const oentry *dir)
 
 dentry_walk::dentry_walk(u32 base) : base_clu(base), fat(here()), slots(fat, base) {}
 
-int walk_to(dentry_walk *walk, u32 index, u8 **entry) {
-    const core::result<u8 *> found = walk->slots.to(index);
-    if (!found.ok()) {
-        return report_walk(*walk, found.why, index);
+int report_walk(const dentry_walk &walk, core::fault why, u32 index) {
+    switch (why) {
+    case core::fault::NO_MEMORY:
+        return -ENOMEM;
+    case core::fault::SIZE_END:
+        return report_size_end();
+    case core::fault::READ:
+        return report_read(walk.slots.place().sector);
+    default:
+        return report_no_place(walk.base_clu, index,
+                               report_place(why, walk.base_clu, walk.slots.cursor()));
     }
-    *entry = found.value;
-    return 0;
 }
 
 int get_lfn_chars(const u8 *slot, u16 *units) {

@@ -113,12 +113,17 @@ int end_of_walk(core::fault why) {
     }
 }
 
-// Walks to the next listed entry from `*index` on and advances `*index` past it. Returns 1, 0 at
-// the end of the directory, or a negative errno.
-int next_entry(core::slot_walk *slots, u32 *index, u8 **entry, core::name_assembler *name) {
+// Walks to the next listed entry from `*index` on and advances `*index` past it. `cache`, which may
+// be null, is what is stored of the directory. Returns 1, 0 at the end of the directory, or a
+// negative errno.
+int next_entry(core::slot_walk *slots, u32 *index, u8 **entry, core::name_assembler *name,
+               core::directory_cache *cache) {
     name->reset();
     for (u32 i = *index;; i++) {
         const core::result<u8 *> slot = slots->to(i);
+        if (cache != nullptr) {
+            cache->meet(*slots, i, slot);
+        }
         if (!slot.ok()) {
             return end_of_walk(slot.why);
         }
@@ -158,10 +163,11 @@ bool has_same_name(const u8 *a, const u8 *b) {
 // index.
 int find_names(const oentry *entry, u32 index, fat_entry_info *info) {
     silent_walk walk(entry->parent_clus);
+    continue_walk(&walk.slots, entry->parent_clus, index);
     for (;;) {
         u8 *found = nullptr;
         core::name_assembler name;
-        const int result = next_entry(&walk.slots, &index, &found, &name);
+        const int result = next_entry(&walk.slots, &index, &found, &name, nullptr);
         if (result < 1) {
             return result == 0 ? -ENOENT : result;
         }
@@ -191,10 +197,15 @@ int fat_next_entry(int did, uint32_t *index, fat_entry_info *info) {
         return -ENOTDIR;
     }
     const public_call call;
+    core::directory_cache *cache = cached_directory(base_cluster(dir));
     silent_walk walk(dir);
+    continue_walk(&walk.slots, base_cluster(dir), *index);
     u8 *entry = nullptr;
     core::name_assembler name;
-    const int result = next_entry(&walk.slots, index, &entry, &name);
+    const int result = next_entry(&walk.slots, index, &entry, &name, cache);
+    if (cache != nullptr && walk.slots.had_empty_read()) {
+        cache->clear();
+    }
     if (result == 1) {
         *info = {};
         info->index = *index - 1;

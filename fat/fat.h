@@ -128,10 +128,11 @@ void fat_set_diagnostics(FILE *stream);
 
 /*
  * With `enabled` not 0, the library stores from call to call what it has learned of the volume: FAT
- * and directory sectors, and positions in the cluster chains of open files. The program promises in
- * return that the medium changes by calls of the library alone. The library drops all of it at this
- * call, at formatting, mounting and closing, and if read_sectors or write_sectors is replaced.
- * Initially 0: nothing is stored. Results, messages, and what is written do not depend on it.
+ * and directory sectors, positions in the cluster chains of open files, and the directory used last
+ * with an index of its names, in up to 2.5 MiB of memory. The program promises in return that the
+ * medium changes by calls of the library alone. The library drops all of it at this call, at
+ * formatting, mounting and closing, and if read_sectors or write_sectors is replaced. Initially 0:
+ * nothing is stored. Results, messages, and what is written do not depend on it.
  */
 void fat_set_cache(int enabled);
 

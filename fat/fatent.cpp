@@ -95,6 +95,7 @@ int fat_write_entry(u32 cluster, u32 value) {
 }
 
 int change(core::table *fat, u32 index, u32 value) {
+    link_changes(index);
     return report_change(fat->set(index, value));
 }
 

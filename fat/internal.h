@@ -29,6 +29,7 @@
 
 #include "core/allocator.h"
 #include "core/chain.h"
+#include "core/directory_cache.h"
 #include "core/fast_path.h"
 #include "core/geometry.h"
 #include "core/long_name.h"
@@ -146,6 +147,18 @@ void forget_medium();
 [[nodiscard]] u32 chain_epoch();
 void forget_positions();
 [[nodiscard]] bool keeps_positions();
+
+// The directory used last, with what a program lets the library store of it from call to call. From
+// now on this is the directory that begins with `base_clu`. Null if nothing of it is stored.
+[[nodiscard]] core::directory_cache *cached_directory(u32 base_clu);
+
+// Lets a walk that begins with slot `index`, or with a sector, begin near it, if it walks over that
+// directory.
+void continue_walk(core::slot_walk *slots, u32 base_clu, u32 index);
+void continue_walk(core::chain_cursor *cursor, u32 base_clu, u32 sector_index);
+
+// Reports that the FAT entry of a cluster is about to change.
+void link_changes(u32 cluster);
 
 // Transfers of the library: read_sectors and write_sectors, except for sectors that are known.
 [[nodiscard]] int read_medium(void *buf, u64 sector, u32 count);
@@ -410,9 +423,16 @@ struct dentry_walk {
     ~dentry_walk() = default;
 };
 
+// Reports why a walk did not reach entry `index`. Returns a negative errno.
+int report_walk(const dentry_walk &walk, core::fault why, u32 index);
+
 // Sets `entry` to entry `index`; reads its sector unless it is in the buffer. Results and messages
 // are those of fat_get_dentry() for an open directory, else of get_dentry_with_clu().
-[[nodiscard]] int walk_to(dentry_walk *walk, u32 index, u8 **entry);
+[[nodiscard]] inline int walk_to(dentry_walk *walk, u32 index, u8 **entry) {
+    const core::result<u8 *> found = walk->slots.to(index);
+    *entry = found.ok() ? found.value : *entry;
+    return found.ok() ? 0 : report_walk(*walk, found.why, index);
+}
 
 // Whether the record is the root directory or a copy of its record. False for a record that lost
 // its dentry copy because its chain leads to a free entry.

@@ -38,29 +38,83 @@ int compare_long_name(const u8 *entry, const u8 *dosName, const u16 *unicode, co
     return 0;
 }
 
+bool compares_long_names(const u16 *unicode) {
+    return sv->long_name != 0 && (sv->long_name != 1 || unicode != nullptr);
+}
+
+// compare_entry_name() for an entry of known type.
+int compare_entry(const u8 *entry, u32 type, const u8 *dosName, const u16 *unicode, u16 *gathered,
+                  u32 *gathering) {
+    if (!compares_long_names(unicode)) {
+        if (!is_short_entry(type)) {
+            *gathering = 0;
+            return 0;
+        }
+        return has_short_name(entry, dosName) ? -EEXIST : 0;
+    }
+    if (is_short_entry(type)) {
+        return compare_long_name(entry, dosName, unicode, gathered, gathering);
+    }
+    if (type == DENTRY_LFN) {
+        core::gather_slot(entry, gathered, LONG_NAME_UNITS);
+        *gathering = 1;
+    }
+    return 0;
+}
+
 // Whether the survey is that of other walks over the same directory, which would print nothing.
 bool ends_silently(const dentry_walk &walk, const core::slot_survey &survey, bool at_unused) {
     return (at_unused || survey.visited == survey.limit) && !walk.slots.had_empty_read();
 }
 
-// Walks the directory for the name. Returns the index of its short entry, or a negative errno.
-int search_directory(u32 base_clu, const fat_name *name, creation_survey *survey) {
-    dentry_walk walk(base_clu);
-    if (!walk.slots.reserve()) {
-        report_at("find_dentry_with_clu", __LINE__, "Failed to allocate memory!\n\n");
-        return -ENOMEM;
-    }
+int report_found(u32 base_clu, u32 index) {
+    report_at("find_dentry_with_clu", __LINE__, "found index:(%d, %d)\n",
+              static_cast<int>(base_clu), static_cast<int>(index));
+    return static_cast<int>(index);
+}
+
+int report_failed_walk(u32 base_clu, u32 index, int error) {
+    report_at("find_dentry_with_clu", __LINE__, "fail to get dentry(%u, %d):%s\n", base_clu,
+              static_cast<int>(index), std::strerror(-error));
+    return error;
+}
+
+// A search for a name in one directory.
+struct name_search {
+    u32 base_clu;
+    const fat_name *name;
+    creation_survey *survey; // null: none
+};
+
+constexpr int NOT_KNOWN = -EAGAIN; // no walk returns it
+
+// Whether a walk over the directory has to begin again, without what is stored of it: it is
+// unusual, or the walk met a cycle, whose report depends on all clusters before it.
+bool is_of_no_use(const core::directory_cache &cache, core::fault why) {
+    return !cache.is_usable() || why == core::fault::CYCLE;
+}
+
+// Walks the directory from slot `index` on.
+int search_from(u32 index, const name_search &search, dentry_walk *walk,
+                core::directory_cache *cache) {
+    const fat_name &name = *search.name;
+    creation_survey *survey = cache == nullptr ? search.survey : nullptr;
     u16 gathered[LONG_NAME_UNITS] = {};
     u32 gathering = 0;
-    bool is_silent = survey != nullptr;
-    for (u32 index = 0; index < INT_MAX; index++) { // the index is the result
-        u8 *entry = nullptr;
-        const int result = walk_to(&walk, index, &entry);
-        if (result < 0 && result != -EFAULT) {
-            report_at("find_dentry_with_clu", __LINE__, "fail to get dentry(%u, %d):%s\n", base_clu,
-                      static_cast<int>(index), std::strerror(-result));
-            return result;
+    bool is_silent = true;
+    for (; index < INT_MAX; index++) { // the index is the result
+        const core::result<u8 *> found = walk->slots.to(index);
+        if (cache != nullptr) {
+            cache->meet(walk->slots, index, found);
+            if (is_of_no_use(*cache, found.why)) {
+                return NOT_KNOWN;
+            }
         }
+        const int result = found.ok() ? 0 : report_walk(*walk, found.why, index);
+        if (result < 0 && result != -EFAULT) {
+            return report_failed_walk(search.base_clu, index, result);
+        }
+        const u8 *entry = found.value;
         const u32 type = result == 0 ? entry_type(entry) : DENTRY_UNUSED;
         if (survey != nullptr && result == 0) {
             survey->slots.visit(entry);
@@ -68,7 +122,7 @@ int search_directory(u32 base_clu, const fat_name *name, creation_survey *survey
         }
         if (type == DENTRY_UNUSED) {
             if (survey != nullptr) {
-                survey->is_usable = is_silent && ends_silently(walk, survey->slots, result == 0);
+                survey->is_usable = is_silent && ends_silently(*walk, survey->slots, result == 0);
             }
             return -ENOENT;
         }
@@ -76,14 +130,68 @@ int search_directory(u32 base_clu, const fat_name *name, creation_survey *survey
             gathering = 0;
             continue;
         }
-        if (compare_entry_name(entry, name->dosName, name->unicode, gathered, &gathering) ==
+        if (compare_entry(entry, type, name.dosName, name.unicode, gathered, &gathering) ==
             -EEXIST) {
-            report_at("find_dentry_with_clu", __LINE__, "found index:(%d, %d)\n",
-                      static_cast<int>(base_clu), static_cast<int>(index));
-            return static_cast<int>(index);
+            return report_found(search.base_clu, index);
         }
     }
     return -ENOENT;
+}
+
+// The result of a search without a walk, or NOT_KNOWN.
+int search_cache(const name_search &search, core::directory_cache *cache) {
+    const fat_name &name = *search.name;
+    const bool by_long_name = compares_long_names(name.unicode);
+    const u32 index =
+        by_long_name ? cache->find_long(name.unicode) : cache->find_short(name.dosName);
+    if (index != core::directory_cache::NONE) {
+        return report_found(search.base_clu, index);
+    }
+    if (!cache->is_complete()) {
+        return NOT_KNOWN;
+    }
+    if (search.survey != nullptr) {
+        core::slot_survey &slots = search.survey->slots;
+        cache->survey(&slots);
+        search.survey->is_usable = cache->has_unused() || slots.visited == slots.limit;
+    }
+    return -ENOENT;
+}
+
+// Searches a directory of which something may be stored; walks over the rest of it.
+int search_rest(const name_search &search, core::directory_cache *cache) {
+    const int known = search_cache(search, cache);
+    if (known != NOT_KNOWN) {
+        return known;
+    }
+    dentry_walk walk(search.base_clu);
+    if (!walk.slots.reserve()) {
+        return NOT_KNOWN;
+    }
+    const u32 start = cache->walk_start();
+    continue_walk(&walk.slots, search.base_clu, start);
+    const int result = search_from(start, search, &walk, cache);
+    if (walk.slots.had_empty_read()) {
+        cache->clear(); // another walk sees other content there
+        return result;
+    }
+    return result == -ENOENT ? search_cache(search, cache) : result;
+}
+
+// Walks the directory for the name. Returns the index of its short entry, or a negative errno.
+int search_directory(u32 base_clu, const fat_name *name, creation_survey *survey) {
+    const name_search search = {base_clu, name, survey};
+    core::directory_cache *cache = sv->long_name <= 1 ? cached_directory(base_clu) : nullptr;
+    const int known = cache != nullptr ? search_rest(search, cache) : NOT_KNOWN;
+    if (known != NOT_KNOWN) {
+        return known;
+    }
+    dentry_walk walk(base_clu);
+    if (!walk.slots.reserve()) {
+        report_at("find_dentry_with_clu", __LINE__, "Failed to allocate memory!\n\n");
+        return -ENOMEM;
+    }
+    return search_from(0, search, &walk, nullptr);
 }
 
 int fill_names(char *cstring, fat_name *name) {
@@ -166,27 +274,11 @@ int uname_compare(const u16 *a, const u16 *b) {
 int compare_entry_name(const u8 *entry, const u8 *dosName, const u16 *unicode, u16 *gathered,
                        u32 *gathering) {
     const u32 type = entry_type(entry);
-    const bool compares_long_names =
-        sv->long_name != 0 && (sv->long_name != 1 || unicode != nullptr);
-    if (!compares_long_names) {
-        if (!is_short_entry(type)) {
-            *gathering = 0;
-            return 0;
-        }
-        return has_short_name(entry, dosName) ? -EEXIST : 0;
-    }
-    if (gathered == nullptr) {
+    if (compares_long_names(unicode) && gathered == nullptr) {
         REPORT("extended name is null\n\n");
         return -EEXIST;
     }
-    if (is_short_entry(type)) {
-        return compare_long_name(entry, dosName, unicode, gathered, gathering);
-    }
-    if (type == DENTRY_LFN) {
-        core::gather_slot(entry, gathered, LONG_NAME_UNITS);
-        *gathering = 1;
-    }
-    return 0;
+    return compare_entry(entry, type, dosName, unicode, gathered, gathering);
 }
 
 int find_dentry_with_clu(u32 base_clu, char *cstring, fat_name *name) {

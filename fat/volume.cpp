@@ -4,6 +4,7 @@
 // library accesses the target by read_sectors and write_sectors only, except to determine its size
 // and to truncate a compacted image file.
 
+#include "core/directory_cache.h"
 #include "core/sector_cache.h"
 #include "fat/internal.h"
 
@@ -155,6 +156,7 @@ int release_compacted() {
 
 constinit unsigned calls = 0; // public calls that have not returned
 constinit core::sector_cache known_sectors;
+constinit core::directory_cache known_directory; // empty unless the cache is on
 
 constinit bool is_cache_on = false;
 constinit u32 epoch = 0; // of positions in chains
@@ -321,6 +323,7 @@ int check_vol_size(int fd, u64 *size) {
 
 void forget_medium() {
     known_sectors.clear();
+    known_directory.clear();
     forget_positions();
 }
 
@@ -334,6 +337,32 @@ void forget_positions() {
 
 bool keeps_positions() {
     return is_cache_on && calls > 0;
+}
+
+core::directory_cache *cached_directory(u32 base_clu) {
+    if (!keeps_positions()) {
+        return nullptr;
+    }
+    known_directory.select(here(), base_clu);
+    return known_directory.is_usable() ? &known_directory : nullptr;
+}
+
+void continue_walk(core::slot_walk *slots, u32 base_clu, u32 index) {
+    if (keeps_positions()) {
+        core::chain_cursor at = slots->cursor();
+        known_directory.set_cursor(base_clu, core::sector_index_of_slot(here(), index), &at);
+        slots->start_from(at);
+    }
+}
+
+void continue_walk(core::chain_cursor *cursor, u32 base_clu, u32 sector_index) {
+    if (keeps_positions()) {
+        known_directory.set_cursor(base_clu, sector_index, cursor);
+    }
+}
+
+void link_changes(u32 cluster) {
+    known_directory.link_changed(cluster);
 }
 
 public_call::public_call() {
@@ -354,6 +383,9 @@ public_call::~public_call() {
 int read_medium(void *buf, u64 sector, u32 count) {
     const bool is_kept = calls > 0 && count == 1;
     const u8 *known = is_kept ? known_sectors.find(sector, transfer_unit()) : nullptr;
+    if (known == nullptr && is_kept) {
+        known = known_directory.find_sector(sector);
+    }
     if (known != nullptr) {
         std::memcpy(buf, known, transfer_unit());
         return 1;
@@ -369,6 +401,11 @@ int write_medium(const void *buf, u64 sector, u32 count) {
     known_sectors.forget(sector, count, transfer_unit());
     // Transfers in both directions have one type; a write does not change its buffer.
     const int moved = write_sectors(const_cast<void *>(buf), sector, count);
+    if (moved == static_cast<int>(count)) {
+        known_directory.sectors_written(sector, count, static_cast<const u8 *>(buf));
+    } else {
+        known_directory.clear(); // what the medium contains now is not known
+    }
     if (calls > 0 && count == 1 && moved == 1) {
         known_sectors.store(sector, static_cast<const u8 *>(buf), transfer_unit());
     }
@@ -461,6 +498,7 @@ int fat_init_volume(const char *path, u8 long_name) {
 }
 
 int fat_release_volume(int compact) {
+    forget_medium();
     free_open_entries();
     if (compact == 1) {
         // The start of the data is known after formatting or mounting. Without it the file would be
