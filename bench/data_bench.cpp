@@ -10,7 +10,8 @@
 //
 // Prints the median of each and its ratios to mcopy, to cp, and to plain write() or read() in calls
 // of the same size, which is the lower bound; as "4x", the time for 256 MiB divided by that for 64
-// MiB.
+// MiB, or for 8,000 names divided by that for 2,000. "Cached" rows are those with
+// fat_set_cache(1).
 
 #include "bench/timing.h"
 #include "fat/fat.h"
@@ -32,6 +33,7 @@ constexpr std::uint64_t VOLUME_BYTES = 512ULL * MIB;
 constexpr std::uint32_t LARGE_BYTES = 256 * MIB;
 constexpr std::uint32_t QUARTER_BYTES = LARGE_BYTES / 4;
 constexpr int SMALL_FILES = 2000;
+constexpr int MANY_FILES = 8000;
 constexpr std::size_t SMALL_BYTES = 3000;
 constexpr int MAX_ROUNDS_OF_SIMILAR_NAMES = 3; // mcopy needs long for each
 
@@ -45,9 +47,12 @@ constexpr cluster_case CLUSTERS[] = {
 struct call_case {
     const char *name;
     std::uint32_t bytes;
+    bool has_cache = false;
 };
-constexpr call_case CALLS[] = {
-    {"in one call", LARGE_BYTES}, {"in calls of 8 MiB", 8 * MIB}, {"in calls of 64 KiB", 64 * KIB}};
+constexpr call_case CALLS[] = {{"in one call", LARGE_BYTES},
+                               {"in calls of 8 MiB", 8 * MIB},
+                               {"in calls of 64 KiB", 64 * KIB},
+                               {"in calls of 64 KiB, cached", 64 * KIB, true}};
 
 // Programs, files and memory of a run.
 struct environment {
@@ -74,6 +79,33 @@ void require(bool holds, const char *what) {
         std::fprintf(stderr, "%s failed\n", what);
         std::exit(1);
     }
+}
+
+// ---- names ----
+
+constexpr char DIRECTORY[] = "many";
+
+using namer = std::string (*)(int);
+
+// Names as a camera gives them, in series with equal first six characters, which become the short
+// name. A directory has room for 1023 short names with the same stem.
+std::string camera_name(int number) {
+    char name[32];
+    std::snprintf(name, sizeof name, "%s-%04d.jpeg", number % 2 == 0 ? "photo" : "movie", number);
+    return name;
+}
+
+// Each of them gets a short name with a stem of its own.
+std::string long_name(int number) {
+    char name[40];
+    std::snprintf(name, sizeof name, "%04d long name of a file.dat", number);
+    return name;
+}
+
+std::string short_name(int number) {
+    char name[32];
+    std::snprintf(name, sizeof name, "%04dFILE.DAT", number);
+    return name;
 }
 
 // ---- the library ----
@@ -152,6 +184,31 @@ void create_small(const environment &where, const std::vector<std::string> &file
     require(fat_close_volume(0) == 0, "fat_close_volume");
 }
 
+// Creates `count` empty files in a directory.
+void fill_directory(const environment &where, namer name_of, int count) {
+    mount(where);
+    const int directory = fat_mkdir(DIRECTORY);
+    require(directory > 0 && fat_set_current(directory) == directory, "fat_mkdir");
+    for (int number = 0; number < count; number++) {
+        const int id = fat_create_file(name_of(number).c_str());
+        require(id > 0 && fat_close(id) == 0, "fat_create_file");
+    }
+    require(fat_close_volume(0) == 0, "fat_close_volume");
+}
+
+void list_directory(const environment &where) {
+    mount(where);
+    const int directory = fat_open_dir(DIRECTORY);
+    std::uint32_t index = 0;
+    fat_entry_info entry;
+    int entries = 0;
+    while (fat_next_entry(directory, &index, &entry) == 1) {
+        entries++;
+    }
+    require(entries == MANY_FILES + 2 && fat_close_volume(0) == 0,
+            "fat_next_entry"); // "." and ".."
+}
+
 // ---- files and volumes ----
 
 void make_volume(const environment &where, const cluster_case &clusters) {
@@ -168,22 +225,6 @@ void write_host_file(const std::string &path, std::size_t size) {
         content[i] = static_cast<char>(i * 131 >> 7);
     }
     std::ofstream(path) << content;
-}
-
-using namer = std::string (*)(int);
-
-// Names as a camera gives them, in two series with equal first six characters, which become the
-// short name. A directory has room for 1023 short names with the same stem.
-std::string camera_name(int number) {
-    char name[32];
-    std::snprintf(name, sizeof name, "%s-%04d.jpeg", number % 2 == 0 ? "photo" : "movie", number);
-    return name;
-}
-
-std::string short_name(int number) {
-    char name[32];
-    std::snprintf(name, sizeof name, "%04dFILE.DAT", number);
-    return name;
 }
 
 std::vector<std::string> make_small_files(const std::string &directory, namer name_of) {
@@ -224,9 +265,13 @@ void compare_large(const environment &where, large_run run, large_run plain, con
                                    {[&] { std::filesystem::remove(where.copy()); },
                                     bench::program({"cp", where.large(), where.copy()})}};
     for (const call_case &call : CALLS) {
+        const auto prepare_cache = [&] {
+            prepare();
+            fat_set_cache(call.has_cache ? 1 : 0);
+        };
         all.push_back({prepare, [&] { plain(where, LARGE_BYTES, call.bytes); }});
-        all.push_back({prepare, [&] { run(where, LARGE_BYTES, call.bytes); }});
-        all.push_back({prepare, [&] { run(where, QUARTER_BYTES, call.bytes); }});
+        all.push_back({prepare_cache, [&] { run(where, LARGE_BYTES, call.bytes); }});
+        all.push_back({prepare_cache, [&] { run(where, QUARTER_BYTES, call.bytes); }});
     }
     const std::vector<double> times = bench::medians(all, rounds);
     const double mcopy_time = times[0];
@@ -280,6 +325,44 @@ void compare_small(const environment &where, const std::string &kind, namer name
     std::filesystem::remove_all(where.copy());
 }
 
+// Cost of a directory that grows to four times the number of names, without and with the cache.
+void compare_filling(const environment &where, const char *kind, namer name_of, int rounds) {
+    std::vector<contestant> all;
+    for (const int has_cache : {0, 1}) {
+        const auto prepare = [&where, has_cache] {
+            make_volume(where, CLUSTERS[1]);
+            fat_set_cache(has_cache);
+        };
+        for (const int count : {MANY_FILES, SMALL_FILES}) {
+            all.push_back(
+                {prepare, [&where, name_of, count] { fill_directory(where, name_of, count); }});
+        }
+    }
+    const std::vector<double> times = bench::medians(all, rounds);
+    std::printf("\n%-40s %12s %8s\n", (std::string("8,000 names created, ") + kind).c_str(), "time",
+                "4x");
+    std::printf("  %-38s %9.1f ms %8.2f\n", "library", times[0] * 1e3, times[0] / times[1]);
+    std::printf("  %-38s %9.1f ms %8.2f\n", "library, cached", times[2] * 1e3, times[2] / times[3]);
+}
+
+void compare_listing(const environment &where, int rounds) {
+    make_volume(where, CLUSTERS[1]);
+    fat_set_cache(1);
+    fill_directory(where, short_name, MANY_FILES);
+    const auto set_cache = [](int enabled) { return [enabled] { fat_set_cache(enabled); }; };
+    const auto list = [&] { list_directory(where); };
+    const std::vector<double> times = bench::medians(
+        {{set_cache(0), list},
+         {set_cache(1), list},
+         {[] {}, bench::program({"mdir", "-i", where.image(), std::string("::") + DIRECTORY})}},
+        rounds);
+    const char *names[] = {"library", "library, cached", "mdir"};
+    std::printf("\n%-40s %12s %8s\n", "8,000 names listed", "time", "/ mdir");
+    for (std::size_t i = 0; i < times.size(); i++) {
+        std::printf("  %-38s %9.1f ms %8.2f\n", names[i], times[i] * 1e3, times[i] / times[2]);
+    }
+}
+
 void compare_all(const environment &where, int rounds) {
     write_host_file(where.large(), LARGE_BYTES);
     for (const cluster_case &clusters : CLUSTERS) {
@@ -287,6 +370,11 @@ void compare_all(const environment &where, int rounds) {
         compare_reading(where, clusters, rounds);
     }
     std::filesystem::remove(where.copy());
+    fat_set_cache(0);
+    compare_listing(where, rounds);
+    compare_filling(where, "8.3", short_name, rounds);
+    compare_filling(where, "long", long_name, rounds);
+    fat_set_cache(0);
     compare_small(where, "8.3 names", short_name, rounds);
     compare_small(where, "similar long names", camera_name,
                   std::min(rounds, MAX_ROUNDS_OF_SIMILAR_NAMES));
