@@ -10,7 +10,6 @@ namespace core {
 namespace {
 
 constexpr u32 LONG_NAME_UNITS = 256;
-constexpr u32 MAX_ORDINAL = 20; // of a slot of a name with LONG_NAME_UNITS units
 
 // FNV-1a.
 constexpr u32 HASH_START = 2166136261U;
@@ -58,17 +57,6 @@ bool is_long(const u8 *slot) {
 bool differs(const u8 *a, const u8 *b) {
     const u32 compared = is_long(a) || is_long(b) ? DENTRY_SIZE : SHORT_SYSID.offset;
     return std::memcmp(a, b, compared) != 0;
-}
-
-// Adds the units of a slot up to a terminator. True if there is one.
-bool add_units(const u8 *slot, u32 position, u16 *units) {
-    for (u32 i = 0; i < UNITS_PER_SLOT && position + i < LONG_NAME_UNITS; i++) {
-        units[position + i] = load16(slot + slot_unit_offset(i));
-        if (units[position + i] == 0) {
-            return true;
-        }
-    }
-    return false;
 }
 
 template <typename T>
@@ -210,20 +198,14 @@ void directory_cache::link_changed(u32 cluster) {
 // name: what walks collect from them depends on what they met before.
 bool directory_cache::get_long_name(u32 slot, long_name *name) const {
     name->slots = 0;
-    bool has_end = false;
     while (slot > name->slots && is_long(slot_at(slot - name->slots - 1))) {
         const u8 *part = slot_at(slot - name->slots - 1);
-        const u32 ordinal = load(part, SLOT_ORDINAL);
-        const u32 position = name->slots * UNITS_PER_SLOT;
         name->slots++;
-        if ((ordinal & ~SLOT_LAST) != name->slots || name->slots > MAX_ORDINAL) {
+        if (slot_number(part) != name->slots || name->slots > MAX_LONG_SLOTS) {
             return false;
         }
-        has_end = has_end || add_units(part, position, name->units);
-        if ((ordinal & SLOT_LAST) != 0) {
-            if (!has_end && position + UNITS_PER_SLOT < LONG_NAME_UNITS) {
-                name->units[position + UNITS_PER_SLOT] = 0;
-            }
+        gather_slot(part, name->units, LONG_NAME_UNITS);
+        if (is_last_slot(part)) {
             return name->units[0] != 0;
         }
     }

@@ -195,15 +195,24 @@ public:
         }
         return static_cast<int>(index - *first);
     }
-    // Writes the slots of a name and then its short entry. Returns the index of the latter.
+    // Writes the slots of a name and its short entry, or nothing if one of them has no place in a
+    // broken chain. Returns the index of the short entry.
     int put_entries(const open_chain &dir, std::uint32_t first, const std::u16string &units,
                     const raw_entry &entry) {
-        std::uint32_t index = first;
-        for (const raw_entry &name_slot : long_slots(units, dos_name_of(entry))) {
-            put_at(dir, index++, name_slot);
+        std::vector<raw_entry> slots = long_slots(units, dos_name_of(entry));
+        slots.push_back(entry);
+        const std::uint32_t end = first + static_cast<std::uint32_t>(slots.size());
+        std::vector<location> places;
+        for (std::uint32_t index = first; index < end; index++) {
+            location where;
+            if (index < dir.allocated / 32 && locate_slot(base_of(dir), index, &where) == 0) {
+                places.push_back(where);
+            }
         }
-        put_at(dir, index, entry);
-        return static_cast<int>(index);
+        for (std::size_t i = 0; i < slots.size() && places.size() == slots.size(); i++) {
+            (void)put_entry(places[i], slots[i]);
+        }
+        return static_cast<int>(end) - 1;
     }
     bool put_entry(const location &where, const raw_entry &entry) {
         bytes content = sector(where.sector);
@@ -331,12 +340,6 @@ private:
             return false;
         }
         return entry[13] == sum || fail(0, "get_long_name", mismatch(index)) != 0;
-    }
-    void put_at(const open_chain &dir, std::uint32_t index, const raw_entry &entry) {
-        location where;
-        if (index < dir.allocated / 32 && locate_slot(base_of(dir), index, &where) == 0) {
-            (void)put_entry(where, entry);
-        }
     }
 
     bytes buffer_; // one sector, of the last slot that was read
