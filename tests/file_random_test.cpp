@@ -25,7 +25,7 @@ const std::vector<volume_shape> RANDOM_SHAPES = {
     {.fat_type = 16, .sector_size = 4096},
     {.fat_type = 16, .sec_per_clus = 8, .root_entries = 32}, // a root area below a cluster
     {.fat_type = 32},
-    {.fat_type = 32, .sec_per_clus = 8},
+    {.fat_type = 32, .sec_per_clus = QUORVEL_FULL ? 8 : 2}, // 8: 260 MiB
     {.fat_type = 32, .sector_size = 2048, .sec_per_clus = 2},
 };
 
