@@ -196,20 +196,22 @@ public:
         return static_cast<int>(index - *first);
     }
     // Writes the slots of a name and its short entry, or nothing if one of them has no place in a
-    // broken chain. Returns the index of the short entry.
+    // broken chain. Returns the index of the short entry, or a negative errno.
     int put_entries(const open_chain &dir, std::uint32_t first, const std::u16string &units,
                     const raw_entry &entry) {
         std::vector<raw_entry> slots = long_slots(units, dos_name_of(entry));
         slots.push_back(entry);
         const std::uint32_t end = first + static_cast<std::uint32_t>(slots.size());
-        std::vector<location> places;
-        for (std::uint32_t index = first; index < end; index++) {
-            location where;
-            if (index < dir.allocated / 32 && locate_slot(base_of(dir), index, &where) == 0) {
-                places.push_back(where);
+        std::vector<location> places(slots.size());
+        for (std::uint32_t index = end; index-- > first;) {
+            const int result = index < dir.allocated / 32
+                                   ? locate_slot(base_of(dir), index, &places[index - first])
+                                   : -EFAULT;
+            if (result < 0) {
+                return result;
             }
         }
-        for (std::size_t i = 0; i < slots.size() && places.size() == slots.size(); i++) {
+        for (std::size_t i = 0; i < slots.size(); i++) {
             (void)put_entry(places[i], slots[i]);
         }
         return static_cast<int>(end) - 1;

@@ -421,6 +421,9 @@ private:
         }
         const int index = put_entries(dir, static_cast<std::uint32_t>(first), units,
                                       new_entry(name.dos, what, name.lcase, cluster));
+        if (index < 0) {
+            return index;
+        }
         locate_slot(base_of(dir), static_cast<std::uint32_t>(index), &last_built);
         if (what == created::directory) {
             put_dot_entries(dir.cached ? dir.start : 0, cluster);
