@@ -235,16 +235,16 @@ bool directory_cache::each_key(u32 slot, Use use) const {
     return true;
 }
 
-void directory_cache::insert(u32 from, u32 to) {
-    for (u32 slot = from; slot < to && is_usable_; slot++) {
-        const bool is_usual = each_key(slot, [this, slot](key of, u32 bucket) {
+// False for slots of an unusual directory.
+bool directory_cache::insert(u32 from, u32 to) {
+    bool is_usual = true;
+    for (u32 slot = from; slot < to && is_usual; slot++) {
+        is_usual = each_key(slot, [this, slot](key of, u32 bucket) {
             links_[slot].next[of] = buckets_->first[of][bucket];
             buckets_->first[of][bucket] = static_cast<u16>(slot);
         });
-        if (!is_usual) {
-            give_up();
-        }
     }
+    return is_usual;
 }
 
 void directory_cache::unlink(key of, u32 bucket, u32 slot) {
@@ -294,7 +294,9 @@ void directory_cache::meet_sector(u32 slot, const u8 *content, const chain_curso
     slots_ += slots_per_sector();
     if (end_ == slot) {
         end_ = end_from(slot, slots_);
-        insert(slot, end_);
+        if (!insert(slot, end_)) {
+            give_up();
+        }
     }
 }
 
@@ -403,8 +405,9 @@ void directory_cache::rebuild(u32 from, u32 to) {
     }
     end_ = end;
     remove(std::max(to, end), old_end);
-    insert(from, std::min(to, end));
-    insert(std::max(to, old_end), end);
+    if (!insert(from, std::min(to, end)) || !insert(std::max(to, old_end), end)) {
+        give_up();
+    }
 }
 
 } // namespace core

@@ -109,7 +109,7 @@ private:
     [[nodiscard]] bool each_key(u32 slot, Use use) const;
     template <typename Matches>
     [[nodiscard]] u32 first_match(key of, u32 bucket, Matches matches) const;
-    void insert(u32 from, u32 to);
+    [[nodiscard]] bool insert(u32 from, u32 to);
     void remove(u32 from, u32 to);
     void unlink(key of, u32 bucket, u32 slot);
     void write_sector(u32 slot, const u8 *content);

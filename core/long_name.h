@@ -12,9 +12,9 @@ namespace core {
 inline constexpr u32 MAX_NAME_UNITS = 255;
 inline constexpr u32 UNITS_PER_SLOT = 13;
 
-// Number of slots that a name of so many units takes before its short entry.
-[[nodiscard]] constexpr u32 long_slots_of(u32 units) {
-    return div_ceil(units, UNITS_PER_SLOT);
+// Number of slots that a name of `length` units takes before its short entry.
+[[nodiscard]] constexpr u32 long_slots_of(u32 length) {
+    return div_ceil(length, UNITS_PER_SLOT);
 }
 
 // The position of a slot in its name, counted from 1. Damaged slots have any number.

@@ -182,6 +182,15 @@ int report_walk(const dentry_walk &walk, core::fault why, u32 index) {
     }
 }
 
+int walk_to(dentry_walk *walk, u32 index, u8 **entry) {
+    const core::result<u8 *> found = walk->slots.to(index);
+    if (!found.ok()) {
+        return report_walk(*walk, found.why, index);
+    }
+    *entry = found.value;
+    return 0;
+}
+
 int get_lfn_chars(const u8 *slot, u16 *units) {
     core::load_units(slot, units);
     return 0;

@@ -428,11 +428,7 @@ int report_walk(const dentry_walk &walk, core::fault why, u32 index);
 
 // Sets `entry` to entry `index`; reads its sector unless it is in the buffer. Results and messages
 // are those of fat_get_dentry() for an open directory, else of get_dentry_with_clu().
-[[nodiscard]] inline int walk_to(dentry_walk *walk, u32 index, u8 **entry) {
-    const core::result<u8 *> found = walk->slots.to(index);
-    *entry = found.ok() ? found.value : *entry;
-    return found.ok() ? 0 : report_walk(*walk, found.why, index);
-}
+[[nodiscard]] int walk_to(dentry_walk *walk, u32 index, u8 **entry);
 
 // Whether the record is the root directory or a copy of its record. False for a record that lost
 // its dentry copy because its chain leads to a free entry.
