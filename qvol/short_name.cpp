@@ -32,9 +32,9 @@ u8 stored_byte(char16_t unit) {
 short_name with_hash(const short_name &name, u32 hash) {
     constexpr std::ptrdiff_t LETTERS = 2;
     short_name result = name;
-    const auto base_end = result.begin() + SHORT_BASE_SIZE;
-    const auto digits = std::find(result.begin(), result.begin() + LETTERS, ' ');
-    std::fill(digits, base_end, u8{' '});
+    u8 *const base = result.data();
+    u8 *const digits = std::find(base, base + LETTERS, u8{' '});
+    std::fill(digits, base + SHORT_BASE_SIZE, u8{' '});
     const std::string text = fmt::format("{:04X}", hash & 0xFFFF);
     std::copy(text.begin(), text.end(), digits);
     return result;
