@@ -92,36 +92,39 @@ void refuse_request(const char *function, const fat_format_param *param) {
 
 namespace {
 
-void refuse_layout(const fat_format_param *param, const core::volume_layout &layout) {
+// Returns 0 for a layout that is not refused, else a negative value after the reason.
+int refuse_layout(const fat_format_param *param, const core::volume_layout &layout) {
     const u32 cluster_size = request_of(param).cluster_bytes();
     switch (layout.why) {
     case core::layout_fault::NONE:
-        break;
+        return 0;
     case core::layout_fault::INVALID:
         refuse_request(REPORTER, param);
-        break;
+        return -EINVAL;
     case core::layout_fault::ODD_ROOT: // Intentional: the message states 512
         report_at(REPORTER, __LINE__, "RdirSize is not even multiple of 512Bytes!\n\n");
-        break;
+        return -EINVAL;
     case core::layout_fault::NO_ROOM_16:
         refuse_small_for_fat16(param->sector_size, layout);
-        break;
+        return -EINVAL;
     case core::layout_fault::FEW_CLUSTERS_16:
         refuse_few_for_fat16(cluster_size, layout);
-        break;
+        return -EINVAL;
     case core::layout_fault::MANY_CLUSTERS_16:
         refuse_many_for_fat16(cluster_size, layout);
-        break;
+        return -EINVAL;
     case core::layout_fault::NO_ROOM_32:
         refuse_small_for_fat32(param->sector_size);
-        break;
+        return -EINVAL;
     case core::layout_fault::FEW_CLUSTERS_32:
         refuse_few_for_fat32(cluster_size, layout);
-        break;
+        return -EINVAL;
     case core::layout_fault::MANY_CLUSTERS_32:
         refuse_many_for_fat32(layout);
-        break;
+        return -EINVAL;
     }
+    report_bare("assertion failed %s:%d\n", REPORTER, __LINE__); // there is no other reason
+    return -1;
 }
 
 } // namespace
@@ -134,9 +137,9 @@ int lay_out_volume(fat_format_param *param, u32 total_sectors, core::volume_layo
         report_at(REPORTER, __LINE__, "Can't align to page size(%d): Sector is %d\n",
                   static_cast<int>(param->page_size), static_cast<int>(param->sector_size));
     }
-    if (layout->why != core::layout_fault::NONE) {
-        refuse_layout(param, *layout);
-        return -EINVAL;
+    const int refused = refuse_layout(param, *layout);
+    if (refused < 0) {
+        return refused;
     }
     *areas = core::areas_of(request, *layout, total_sectors);
     param->fat_size = layout->width;

@@ -44,14 +44,14 @@ int refuse_path(int error) {
     return error;
 }
 
-// Returns 0, or -ENAMETOOLONG for over 1024 components.
+// Returns 0, or -ENAMETOOLONG for over 1024 components: `parts` then has the first of them.
 int split_path(char *path, path_parts *parts) {
     char *component = path + std::strspn(path, "/");
     *parts = {component, component, 0};
     while ((component = next_component(component)) != nullptr) {
         parts->name = component;
         if (++parts->parents == MAX_COMPONENTS) {
-            return refuse_path(-ENAMETOOLONG);
+            return -ENAMETOOLONG;
         }
     }
     return 0;
@@ -136,12 +136,9 @@ int resolve_path(char *path, fat_path *rec, char **name, int *depth) {
     }
     path_parts parts;
     const int split = split_path(path, &parts);
-    if (split < 0) {
-        return split;
-    }
     heap_ptr<char *> components = zeroed_records<char *>(parts.parents + 1);
-    if (components == nullptr) {
-        return refuse_path(-ENOMEM);
+    if (components == nullptr || split < 0) {
+        return refuse_path(components == nullptr ? -ENOMEM : split);
     }
     char *component = parts.first;
     for (u32 i = 0; i < parts.parents; i++) {
@@ -167,8 +164,9 @@ int fat_path_lookup(char *path, oentry **dir, char **name) {
     }
     oentry *start = path[0] == '/' ? sv->root_dir : sv->current_dir;
     path_parts parts;
-    const int split = name != nullptr ? split_path(path, &parts) : refuse_path(-EINVAL);
+    const int split = name != nullptr ? split_path(path, &parts) : -EINVAL;
     if (split < 0) {
+        refuse_path(split);
         REPORT("Check here!\n\n");
         return split;
     }
