@@ -1,15 +1,12 @@
 #include "core/directory_cache.h"
 
-#include "core/long_name.h"
-
 #include <algorithm>
-#include <iterator>
 
 namespace core {
 
 namespace {
 
-constexpr u32 LONG_NAME_UNITS = 256;
+constexpr u32 LONG_NAME_UNITS = MAX_NAME_UNITS + 1; // with the terminator
 
 // FNV-1a.
 constexpr u32 HASH_START = 2166136261U;

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include "core/long_name.h"
 #include "core/slots.h"
 
 namespace core {
@@ -88,7 +89,7 @@ private:
         u8 clusters[FILTER_BITS / 8]; // which may be of the directory, by the low bits
     };
     struct long_name {
-        u16 units[256];
+        u16 units[MAX_NAME_UNITS + 1];
         u32 slots; // 0: the entry has none
     };
 

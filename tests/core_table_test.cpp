@@ -3,6 +3,7 @@
 #include "core/allocator.h"
 #include "core/boot_sector.h"
 #include "core/chain.h"
+#include "core/directory_cache.h"
 #include "core/long_name.h"
 #include "core/record.h"
 #include "core/recorder.h"
@@ -11,6 +12,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <map>
 #include <numeric>
 #include <random>
@@ -348,4 +351,210 @@ TEST(SlotSurvey, FindsTheFirstSpanAndTheTailsInUse) {
         EXPECT_EQ(survey.visited, std::min(r.limit, 8U));
         EXPECT_EQ(survey.tails.lowest_free(), 3U);
     }
+}
+
+// ---- what is stored of a directory ------------------------------------------------------------
+
+namespace {
+
+// A directory of few clusters that changes at random, and what is stored of it.
+class changing_directory {
+public:
+    changing_directory() {
+        // Mostly full: an end within it hides what comes after.
+        std::fill(slot(0), vol_.content.data() + vol_.content.size(), NAME_DELETED);
+        vol_.link(chain_);
+    }
+    ~changing_directory() {
+        cache.clear();
+    }
+    changing_directory(const changing_directory &) = delete;
+    changing_directory &operator=(const changing_directory &) = delete;
+
+    // Writes a name, a deleted or an unused slot somewhere, or changes the end of the chain.
+    void change() {
+        // Names are mostly replaced from their first slot on, and whole.
+        u32 at = roll(slots());
+        const bool is_careful = roll(32) != 0;
+        while (is_careful && at > 0 && is_long(at - 1)) {
+            at--;
+        }
+        u32 end = at;
+        switch (roll(12)) {
+        case 0:
+        case 1:
+            put(end++, {roll(40) == 0 ? NAME_UNUSED : NAME_DELETED});
+            break;
+        case 2:
+            set_end(roll(8) != 0);
+            break;
+        default:
+            end = put_name(at);
+            break;
+        }
+        for (; is_careful && end < slots() && is_long(end); end++) {
+            put(end, {NAME_DELETED});
+        }
+    }
+    // A walk over what is not known yet. Begins again if the directory was unusual.
+    void walk() {
+        if (!cache.is_usable()) {
+            cache.clear();
+            cache.select(vol_.on, chain_[0]);
+        }
+        table fat(vol_.on);
+        slot_walk walk(fat, chain_[0]);
+        ASSERT_TRUE(walk.reserve());
+        chain_cursor cursor;
+        cache.set_cursor(chain_[0], sector_index_of_slot(vol_.on, cache.walk_start()), &cursor);
+        walk.start_from(cursor);
+        for (u32 slot = cache.walk_start();; slot++) {
+            const result<u8 *> found = walk.to(slot);
+            cache.meet(walk, slot, found);
+            if (!found.ok() || kind_of(found.value) == slot_kind::UNUSED) {
+                return;
+            }
+        }
+    }
+    // Everything that is known is what a walk from the first slot finds.
+    void expect_same() {
+        const std::vector<u16> wanted = name();
+        std::array<u8, SHORT_NAME.size> dos = short_name();
+        slot_survey expected = {2 + roll(2 * slots()), free_span(1 + roll(5)), dos.data()};
+        slot_survey found = expected;
+        EXPECT_EQ(cache.find_long(wanted.data()), long_index(wanted));
+        EXPECT_EQ(cache.find_short(dos.data()), short_index(dos));
+        for (u32 i = 0; i < slots(); i++) {
+            expected.visit(slot(i));
+            if (kind_of(slot(i)) == slot_kind::UNUSED) {
+                break;
+            }
+        }
+        cache.survey(&found);
+        EXPECT_EQ(found.span_end, expected.span_end);
+        EXPECT_EQ(found.visited, expected.visited);
+        EXPECT_EQ(found.tails.lowest_free(), expected.tails.lowest_free());
+        for (u32 i = 0; i < slots(); i += SECTOR / DENTRY_SIZE) {
+            const u8 *known = cache.find_sector(sector_of(i));
+            EXPECT_TRUE(known == nullptr || std::equal(known, known + SECTOR, slot(i))) << i;
+        }
+    }
+
+    directory_cache cache;
+
+private:
+    u32 roll(u32 sides) {
+        return static_cast<u32>(random_() % sides);
+    }
+    [[nodiscard]] u32 slots() const {
+        return static_cast<u32>(chain_.size()) * SECTOR / DENTRY_SIZE;
+    }
+    [[nodiscard]] u32 sector_of(u32 slot) const {
+        return vol_.on.sector_of(chain_[slot * DENTRY_SIZE / SECTOR]);
+    }
+    [[nodiscard]] u8 *slot(u32 index) {
+        return &vol_.content[u64{sector_of(index)} * SECTOR + index * DENTRY_SIZE % SECTOR];
+    }
+    bool is_long(u32 index) {
+        return kind_of(slot(index)) == slot_kind::LONG_NAME;
+    }
+    // One of a few names of up to three slots, with their terminators.
+    std::vector<u16> name() {
+        std::vector<u16> units(1 + roll(39), static_cast<u16>('a' + roll(2)));
+        units.push_back(0);
+        return units;
+    }
+    std::array<u8, SHORT_NAME.size> short_name() {
+        std::array<u8, SHORT_NAME.size> dos;
+        dos.fill('A');
+        write_tail(dos.data(), 1 + roll(30));
+        return dos;
+    }
+    void put(u32 at, const std::array<u8, DENTRY_SIZE> &content) {
+        std::copy(content.begin(), content.end(), slot(at));
+        cache.sectors_written(sector_of(at), 1, slot(at - at % (SECTOR / DENTRY_SIZE)));
+    }
+    // Returns the slot after the name.
+    u32 put_name(u32 at) {
+        const std::vector<u16> units = name();
+        const std::array<u8, SHORT_NAME.size> dos = short_name();
+        const u32 count = long_slots_of(static_cast<u32>(units.size()) - 1);
+        if (at + count >= slots()) {
+            return at;
+        }
+        for (u32 number = count; number >= 1; number--) {
+            std::array<u8, DENTRY_SIZE> part = {};
+            store_slot_of_name(part.data(), number, count, units.data(), checksum_of(dos.data()));
+            put(at++, part);
+        }
+        std::array<u8, DENTRY_SIZE> entry = {};
+        std::copy(dos.begin(), dos.end(), entry.begin());
+        put(at, entry);
+        return at + 1;
+    }
+    void set_end(bool is_long) {
+        const u32 last = chain_.back();
+        if (is_long && chain_.size() < CHAIN.size()) {
+            chain_.push_back(CHAIN[chain_.size()]);
+        } else if (!is_long && chain_.size() > 1) {
+            chain_.pop_back();
+        }
+        cache.link_changed(last);
+        cache.link_changed(chain_.back());
+        vol_.link(chain_);
+    }
+    u32 long_index(const std::vector<u16> &wanted) {
+        u16 gathered[MAX_NAME_UNITS + 1] = {};
+        bool is_gathering = false;
+        for (u32 i = 0; i < slots() && kind_of(slot(i)) != slot_kind::UNUSED; i++) {
+            const slot_kind kind = kind_of(slot(i));
+            if (kind == slot_kind::LONG_NAME) {
+                gather_slot(slot(i), gathered, MAX_NAME_UNITS + 1);
+                is_gathering = true;
+                continue;
+            }
+            if (is_named_kind(kind) && is_gathering &&
+                std::equal(wanted.begin(), wanted.end(), gathered)) {
+                return i;
+            }
+            is_gathering = false;
+        }
+        return directory_cache::NONE;
+    }
+    u32 short_index(const std::array<u8, SHORT_NAME.size> &dos) {
+        for (u32 i = 0; i < slots() && kind_of(slot(i)) != slot_kind::UNUSED; i++) {
+            if (is_named_kind(kind_of(slot(i))) && std::equal(dos.begin(), dos.end(), slot(i))) {
+                return i;
+            }
+        }
+        return directory_cache::NONE;
+    }
+
+    static constexpr std::array<u32, 7> CHAIN = {5, 6, 9, 20, 21, 22, 300};
+
+    std::mt19937 random_{20261122};
+    small_volume vol_{16};
+    std::vector<u32> chain_ = {CHAIN[0], CHAIN[1], CHAIN[2]};
+};
+
+} // namespace
+
+TEST(DirectoryCache, KnowsWhatAWalkFinds) {
+    changing_directory dir;
+    u32 complete = 0;
+    u32 given_up = 0;
+    for (u32 i = 0; i < 20000 && !testing::Test::HasFailure(); i++) {
+        SCOPED_TRACE(i);
+        dir.change();
+        if (i % 4 == 0) {
+            ASSERT_NO_FATAL_FAILURE(dir.walk());
+        }
+        if (dir.cache.is_complete()) {
+            complete++;
+            dir.expect_same();
+        }
+        given_up += dir.cache.is_usable() ? 0 : 1;
+    }
+    EXPECT_GT(complete, 2000U);
+    EXPECT_GT(given_up, 200U);
 }
