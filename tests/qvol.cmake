@@ -15,7 +15,12 @@ target_link_libraries(qvol_failing_fsync PRIVATE qvol_core)
 if(run_sanitized)
   find_package(CLI11 REQUIRED)
   find_package(fmt REQUIRED)
-  add_library(qvol_core_sanitized STATIC ${QVOL_CORE_SOURCES})
+  set(sources ${QVOL_CORE_SOURCES})
+  if(NOT full_stage) # CLI11 is most of the time to compile qvol with sanitizers
+    list(FILTER sources EXCLUDE REGEX "/command_line\\.cpp$")
+    list(APPEND sources $<FILTER:$<TARGET_OBJECTS:qvol_core>,INCLUDE,/command_line\\.cpp>)
+  endif()
+  add_library(qvol_core_sanitized STATIC ${sources})
   target_link_libraries(qvol_core_sanitized PUBLIC core_sanitized CLI11::CLI11
                                                    nlohmann_json::nlohmann_json fmt::fmt)
   target_compile_definitions(qvol_core_sanitized PRIVATE QVOL_VERSION="${PROJECT_VERSION}")

@@ -667,7 +667,7 @@ TEST_P(QvolCheck, GivesADocument) {
                     {"cluster", dir},
                     {"text", "directory size is 1 byte, should be 0"},
                     {"repaired", false}};
-    json expected = {{"findings", {finding}},
+    json expected = {{"findings", json::array({finding})},
                      {"left", 1},
                      {"directories", 1},
                      {"files", 4},
@@ -676,7 +676,7 @@ TEST_P(QvolCheck, GivesADocument) {
     EXPECT_EQ(json::parse(qvol("check", {"--json"}).out), expected);
     finding["repaired"] = true;
     finding["outcome"] = "size set to 0";
-    expected["findings"] = {finding};
+    expected["findings"] = json::array({finding});
     expected["left"] = 0;
     EXPECT_EQ(json::parse(said("check", {"--json", "--repair"})), expected);
     expected["findings"] = json::array();

@@ -62,7 +62,7 @@ TEST_F(QvolJson, ListsEntries) {
 
 TEST_F(QvolJson, NestsTheTree) {
     json directory = directory_entry();
-    directory["entries"] = {deep_entry()};
+    directory["entries"] = json::array({deep_entry()});
     EXPECT_EQ(document("tree"), (json{{"path", "/"}, {"entries", {file_entry(), directory}}}));
 }
 

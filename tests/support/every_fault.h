@@ -88,13 +88,13 @@ private:
     class armed {
     public:
         explicit armed(fault_step *step) : step_(step) {
-            const fault_kind &kind = step->kind;
-            if (kind.what == fault::allocation) {
-                allocation_.emplace(step->k, kind.forever);
-            } else if (kind.what == fault::system_call) {
-                call_.emplace(kind.which, kind.error, step->k, kind.forever);
+            const fault_kind &chosen = step->kind;
+            if (chosen.what == fault::allocation) {
+                allocation_.emplace(step->k, chosen.forever);
+            } else if (chosen.what == fault::system_call) {
+                call_.emplace(chosen.which, chosen.error, step->k, chosen.forever);
             } else {
-                arm_disk(kind, step->k);
+                arm_disk(chosen, step->k);
             }
         }
         armed(const armed &) = delete;
@@ -111,14 +111,14 @@ private:
         }
 
     private:
-        void arm_disk(const fault_kind &kind, int k) {
+        void arm_disk(const fault_kind &chosen, int transfers_before) {
             disk_ = ram_disk::in_use();
             result_before_ = disk_->failure_result;
-            disk_->failure_result = kind.transfer_result;
-            disk_->fails_forever = kind.forever;
+            disk_->failure_result = chosen.transfer_result;
+            disk_->fails_forever = chosen.forever;
             disk_->ordered_failures = 0;
-            (kind.what == fault::read ? disk_->reads_before_failure
-                                      : disk_->writes_before_failure) = k;
+            (chosen.what == fault::read ? disk_->reads_before_failure
+                                        : disk_->writes_before_failure) = transfers_before;
         }
 
         fault_step *step_;
