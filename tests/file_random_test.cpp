@@ -282,9 +282,8 @@ protected:
     // The library need not read a sector that the call has written; the model does.
     [[nodiscard]] bool has_written_what_cannot_be_read() const {
         const std::vector<u64> written = real_writes();
-        return std::any_of(written.begin(), written.end(), [this](u64 sector) {
-            return v.disk.unreadable.contains(sector);
-        });
+        return std::any_of(written.begin(), written.end(),
+                           [this](u64 sector) { return v.disk.unreadable.contains(sector); });
     }
     [[nodiscard]] std::vector<u64> real_writes() const {
         std::vector<u64> result;

@@ -3,6 +3,7 @@
 set(lint ${PROJECT_SOURCE_DIR}/scripts/lint)
 add_test(NAME lint.format COMMAND ${lint} format)
 add_test(NAME lint.cppcheck COMMAND ${lint} cppcheck)
+set_tests_properties(lint.cppcheck PROPERTIES COST 50) # not as the last one, beside an idle core
 add_test(NAME lint.arrows COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/arrows ${PROJECT_BINARY_DIR})
 add_test(NAME lint.words COMMAND ${lint} words)
 if(full_stage)

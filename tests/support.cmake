@@ -78,14 +78,15 @@ if(QUORVEL_SANITIZED OR QUORVEL_COVERED OR CMAKE_CROSSCOMPILING)
 endif()
 # In the quick stage undefined behaviour ends in SIGILL and its line, and the dynamic type of objects is
 # not checked: the tables for messages and types are most of a program, and half of the time that a
-# command takes. The later stages have both.
+# command takes. Less of the freed memory is held back, and of the stack of each allocation two calls
+# are kept. The later stages have all of it.
 set(sanitizers -fsanitize=address,undefined)
 set(sanitized_options -Og -g1 ${sanitizers} -fno-sanitize-recover=all -fno-omit-frame-pointer
                       -fno-pie)
 set(sanitized_link_options ${sanitizers} -no-pie) # no relocations at each start
 if(NOT full_stage)
   list(APPEND sanitized_options -fno-sanitize=vptr -fsanitize-undefined-trap-on-error)
-  set(sanitizer_settings handle_sigill=1)
+  set(sanitizer_settings handle_sigill=1:quarantine_size_mb=16:malloc_context_size=2)
 endif()
 
 # compile_in_batches(TARGET SIZE): headers and templates that the sources of a batch share are compiled
