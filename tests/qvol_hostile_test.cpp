@@ -28,9 +28,7 @@ protected:
         said("ln", {"/tmp", "/tree/link"});
         pristine_ = read_file(image_);
         size_ = pristine_.size();
-        while (!pristine_.empty() && pristine_.back() == 0) { // what is left is a hole
-            pristine_.pop_back();
-        }
+        drop_hole_at_end(&pristine_);
         layout_ = layout_of(image_);
     }
 

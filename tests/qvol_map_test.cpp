@@ -385,9 +385,15 @@ private:
         const std::size_t start = pixmap.find("\n255\n");
         EXPECT_NE(start, std::string::npos);
         const auto byte = [&](std::size_t at) { return static_cast<std::uint8_t>(pixmap[at]); };
+        std::uint32_t last = 0;
+        std::size_t *count = &counts[last]; // of the colour of the pixel before
         for (std::size_t at = start + 5; start != std::string::npos && at + 3 <= pixmap.size();
              at += 3) {
-            counts[static_cast<std::uint32_t>(byte(at) << 16 | byte(at + 1) << 8 | byte(at + 2))]++;
+            const auto colour =
+                static_cast<std::uint32_t>(byte(at) << 16 | byte(at + 1) << 8 | byte(at + 2));
+            count = colour == last ? count : &counts[colour];
+            last = colour;
+            ++*count;
         }
         return counts;
     }

@@ -78,8 +78,8 @@ if(QUORVEL_SANITIZED OR QUORVEL_COVERED OR CMAKE_CROSSCOMPILING)
 endif()
 # In the quick stage undefined behaviour ends in SIGILL and its line, and the dynamic type of objects is
 # not checked: the tables for messages and types are most of a program, and half of the time that a
-# command takes. Less of the freed memory is held back, and of the stack of each allocation two calls
-# are kept. The later stages have all of it.
+# command takes. Less of the freed memory is held back, and of the stack of each allocation two
+# calls are stored. The later stages have all of it.
 set(sanitizers -fsanitize=address,undefined)
 set(sanitized_options -Og -g1 ${sanitizers} -fno-sanitize-recover=all -fno-omit-frame-pointer
                       -fno-pie)

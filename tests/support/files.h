@@ -29,6 +29,12 @@ inline bool is_zero(const std::uint8_t *data, std::size_t size) {
     return size == 0 || (data[0] == 0 && std::memcmp(data, data + 1, size - 1) == 0);
 }
 
+inline void drop_hole_at_end(bytes *content) {
+    while (content->size() >= HOLE && is_zero(content->data() + content->size() - HOLE, HOLE)) {
+        content->resize(content->size() - HOLE);
+    }
+}
+
 // A new temporary directory, removed with its content.
 class scratch_directory {
 public:
