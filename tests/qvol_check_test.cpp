@@ -733,9 +733,7 @@ protected:
         said("log");
         pristine_ = read_file(image_);
         size_ = pristine_.size();
-        while (pristine_.back() == 0) {
-            pristine_.pop_back();
-        }
+        drop_hole_at_end(&pristine_);
     }
 
     void add_file(const std::string &path, std::size_t size) {
