@@ -18,19 +18,20 @@ constexpr u32 MAX_TOTAL_SECTORS_16 = 0xFFFF;
 // ---- reading ----------------------------------------------------------------------------------
 
 // Stores the sizes and the total. False if a size is invalid or missing.
-bool read_sizes(const boot_numbers &boot, areas *at) {
+bool read_sizes(const boot_numbers &boot, width_rule rule, areas *at) {
     if (!is_sector_size(boot.sector_size) || boot.sectors_per_cluster == 0) {
         return false;
     }
     at->sector_size = boot.sector_size;
     at->sectors_per_cluster = boot.sectors_per_cluster;
-    at->fat_sectors = boot.fat_size_16;
-    if (at->fat_sectors != 0) {
+    if (!boot.has_fat32_sizes()) {
+        at->fat_sectors = boot.fat_size_16;
         at->total_sectors = boot.either_total();
         return true;
     }
     at->fat_sectors = boot.fat_size_32;
-    at->total_sectors = boot.total_32;
+    const bool may_be_small = rule == width_rule::FAT_SIZE && boot.total_32 == 0;
+    at->total_sectors = may_be_small ? boot.total_16 : boot.total_32;
     return at->fat_sectors != 0 && at->total_sectors != 0;
 }
 
@@ -137,18 +138,19 @@ bool is_sector_size(u32 bytes) {
     return std::has_single_bit(bytes) && bytes >= MIN_SECTOR_SIZE && bytes <= MAX_SECTOR_SIZE;
 }
 
-fault read_areas(const boot_numbers &boot, areas *at) {
-    if (!read_sizes(boot, at) || !count_clusters(boot, at)) {
+fault read_areas(const boot_numbers &boot, width_rule rule, areas *at) {
+    if (!read_sizes(boot, rule, at) || !count_clusters(boot, at)) {
         return fault::BOOT_NUMBERS;
     }
-    if (at->clusters < FAT16_MIN_CLUSTERS) {
+    const bool by_count = rule == width_rule::CLUSTER_COUNT;
+    if (at->clusters < (by_count ? FAT16_MIN_CLUSTERS : 1)) {
         return fault::FEW_CLUSTERS;
     }
-    const u32 width = at->clusters < FAT32_MIN_CLUSTERS ? 16 : 32;
-    if (width == 16 && boot.root_entries == 0) {
+    const bool is_fat32 = by_count ? at->clusters >= FAT32_MIN_CLUSTERS : boot.has_fat32_sizes();
+    if (!is_fat32 && (boot.root_entries == 0 || at->clusters >= FAT32_MIN_CLUSTERS)) {
         return fault::BOOT_NUMBERS;
     }
-    at->width = width;
+    at->width = is_fat32 ? 32 : at->clusters < FAT16_MIN_CLUSTERS ? 12 : 16;
     place_areas(boot, at);
     return fault::NONE;
 }

@@ -34,6 +34,10 @@ struct boot_numbers {
     [[nodiscard]] u32 either_total() const {
         return total_16 != 0 ? total_16 : total_32;
     }
+    // FAT32 by the rule width_rule::FAT_SIZE.
+    [[nodiscard]] bool has_fat32_sizes() const {
+        return fat_size_16 == 0;
+    }
     // Sectors before the root area of FAT16, and before the data.
     [[nodiscard]] u64 sectors_to_root_area() const;
     [[nodiscard]] u64 sectors_to_data() const;
@@ -44,11 +48,16 @@ struct boot_numbers {
 // Whether a volume can have sectors of that size.
 [[nodiscard]] bool is_sector_size(u32 bytes);
 
-// The areas that the numbers describe. The cluster count alone decides the width. Faults:
-// BOOT_NUMBERS, FEW_CLUSTERS; `at` then has the values that were read before. Intentional: FAT16 by
-// its count, but without the root area that FAT16 has, is refused: it is FAT32 with too few
-// clusters, would seem empty, and writing would destroy it.
-[[nodiscard]] fault read_areas(const boot_numbers &boot, areas *at);
+// What decides the width of the FAT entries.
+enum class width_rule {
+    CLUSTER_COUNT, // alone. A FAT32 volume with few clusters is refused.
+    FAT_SIZE,      // as kernels do: without a 16-bit FAT size FAT32, else FAT12 or FAT16 by count
+};
+
+// The areas that the numbers describe. Faults: BOOT_NUMBERS, FEW_CLUSTERS; `at` then has the values
+// that were read before. Intentional: FAT16 by its count, but without the root area that FAT16 has,
+// is refused: it is FAT32 with too few clusters, would seem empty, and writing would destroy it.
+[[nodiscard]] fault read_areas(const boot_numbers &boot, width_rule rule, areas *at);
 
 // What the boot sector of a new volume states besides its areas.
 struct boot_request {

@@ -84,15 +84,17 @@ private:
         return write_sector(boot.fsinfo_sector);
     }
 
+    void store_in_first_sector(u32 index, u32 value) { // of a FAT
+        store_entry(to_.at.width, index, bytes() + to_.entry_offset(index), value);
+    }
+
     [[nodiscard]] bool write_fats() {
         bool is_written = true;
         for (u32 copy = 0; copy < request_.fats && is_written; copy++) {
-            const u32 width = to_.at.width;
-            store_entry(width, bytes(), FAT_ENTRY_0);
-            store_entry(width, bytes() + to_.entry_size(), FAT_END_MARK);
+            store_in_first_sector(0, FAT_ENTRY_0);
+            store_in_first_sector(1, FAT_END_MARK);
             if (to_.is_wide()) {
-                store_entry(width, bytes() + std::size_t{NEW_ROOT_CLUSTER} * to_.entry_size(),
-                            FAT_END_MARK);
+                store_in_first_sector(NEW_ROOT_CLUSTER, FAT_END_MARK);
             }
             const u64 first = to_.at.fat_start + static_cast<u64>(copy) * to_.at.fat_sectors;
             is_written = write_area(first, to_.at.fat_sectors);

@@ -120,7 +120,7 @@ inline constexpr u32 FSINFO_UNKNOWN = 0xFFFFFFFF;
 
 // ---- cluster counts ---------------------------------------------------------------------------
 
-// The cluster count alone decides the width of the FAT. FAT12 is not supported.
+// Fewer clusters than the first number are FAT12. For which volumes they decide: see width_rule.
 inline constexpr u32 FAT16_MIN_CLUSTERS = 4085;
 inline constexpr u32 FAT32_MIN_CLUSTERS = 65525;
 
@@ -128,13 +128,17 @@ inline constexpr u32 FAT32_MIN_CLUSTERS = 65525;
 
 inline constexpr u32 FAT16_ENTRY_SIZE = 2;
 inline constexpr u32 FAT32_ENTRY_SIZE = 4;
+inline constexpr u32 FAT12_VALUE_MASK = 0x0FFF;
+inline constexpr u32 FAT16_VALUE_MASK = 0xFFFF;
 inline constexpr u32 FAT32_VALUE_MASK = 0x0FFFFFFF; // the top 4 bits of a FAT32 entry are reserved
 inline constexpr u32 FIRST_DATA_CLUSTER = 2;
 inline constexpr u32 NEW_ROOT_CLUSTER = 2; // of the root directory of a new FAT32 volume
 inline constexpr u32 FAT_FREE = 0;
+inline constexpr u32 FAT12_BAD = 0x0FF7;
 inline constexpr u32 FAT16_BAD = 0xFFF7;
 inline constexpr u32 FAT32_BAD = 0x0FFFFFF7;
-inline constexpr u32 FAT16_END = 0xFFF8; // this value and every higher one end a chain
+inline constexpr u32 FAT12_END = 0x0FF8; // this value and every higher one end a chain
+inline constexpr u32 FAT16_END = 0xFFF8;
 inline constexpr u32 FAT32_END = 0x0FFFFFF8;
 inline constexpr u32 FAT_END_MARK = 0xFFFFFFFF; // to write; each width uses its low bits
 

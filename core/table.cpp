@@ -6,16 +6,30 @@ namespace core {
 
 namespace {
 
-// The sector of a FAT entry and its byte offset there. Entries never straddle sectors.
+// The sector of a byte of the FAT and its offset there.
 struct entry_position {
     u64 sector;
     u32 offset;
 };
 
-entry_position locate(const volume &of, u32 index) {
-    const u64 position = static_cast<u64>(index) * of.entry_size();
+entry_position locate_byte(const volume &of, u64 position) {
     return {of.at.fat_start + position / of.at.sector_size,
             static_cast<u32>(position % of.at.sector_size)};
+}
+
+// The first byte of a FAT entry.
+entry_position locate(const volume &of, u32 index) {
+    return locate_byte(of, of.entry_offset(index));
+}
+
+// Whether each FAT entry has bytes of its own.
+bool has_whole_bytes(const volume &of) {
+    return of.at.width == 16 || of.at.width == 32;
+}
+
+// Whether an entry of FAT12 lies in two sectors.
+bool straddles(const volume &of, u32 index) {
+    return of.at.width == 12 && locate(of, index).offset == of.at.sector_size - 1;
 }
 
 // Zero if `COUNT` consecutive FAT entries have the values `value`, `value` + 1 and so on. Without a
@@ -66,18 +80,25 @@ fault check_geometry(const volume &of) {
     if (of.at.sector_size == 0) {
         return fault::NO_GEOMETRY;
     }
-    return of.at.width == 16 || of.at.width == 32 ? fault::NONE : fault::WIDTH;
+    return of.at.width == 12 || has_whole_bytes(of) ? fault::NONE : fault::WIDTH;
 }
 
 } // namespace
 
-u32 load_entry(u32 width, const u8 *entry) {
+u32 load_entry(u32 width, u32 index, const u8 *entry) {
+    if (width == 12) {
+        return index % 2 == 0 ? load16(entry) & FAT12_VALUE_MASK : load16(entry) >> 4U;
+    }
     return width == 16 ? load16(entry) : load32(entry) & FAT32_VALUE_MASK;
 }
 
-void store_entry(u32 width, u8 *entry, u32 value) {
-    if (width == 16) {
-        store16(entry, static_cast<u16>(value & 0xFFFF));
+void store_entry(u32 width, u32 index, u8 *entry, u32 value) {
+    if (width == 12) {
+        const u32 shift = index % 2 == 0 ? 0 : 4;
+        const u32 neighbour = load16(entry) & ~(FAT12_VALUE_MASK << shift);
+        store16(entry, static_cast<u16>(neighbour | (value & FAT12_VALUE_MASK) << shift));
+    } else if (width == 16) {
+        store16(entry, static_cast<u16>(value & FAT16_VALUE_MASK));
     } else {
         const u32 reserved = load32(entry) & ~FAT32_VALUE_MASK;
         store32(entry, reserved | (value & FAT32_VALUE_MASK));
@@ -113,15 +134,33 @@ fault table::load(sector_window *window, u32 index, u32 *value) {
     const entry_position at = locate(of_, index);
     const fault filled = fill(window, at.sector);
     if (filled == fault::NONE) {
-        *value = load_entry(of_.at.width, window->find(at.sector) + at.offset);
+        *value = load_entry(of_.at.width, index, window->find(at.sector) + at.offset);
     }
     return filled;
+}
+
+fault table::load_straddling(u32 index, u8 *both) {
+    for (u32 i = 0; i < 2; i++) {
+        const entry_position at = locate_byte(of_, of_.entry_offset(index) + i);
+        sector_window *const window = changed_.find(at.sector) != nullptr ? &changed_ : &clean_;
+        const fault filled = fill(window, at.sector);
+        if (filled != fault::NONE) {
+            return filled;
+        }
+        both[i] = window->find(at.sector)[at.offset];
+    }
+    return fault::NONE;
 }
 
 result<u32> table::value(u32 index) {
     fault why = check_geometry(of_);
     if (why != fault::NONE) {
         return why;
+    }
+    if (straddles(of_, index)) {
+        u8 both[FAT32_ENTRY_SIZE] = {}; // two bytes of FAT12
+        why = load_straddling(index, both);
+        return why == fault::NONE ? result<u32>(load_entry(of_.at.width, index, both)) : why;
     }
     const bool is_changed = changed_.find(locate(of_, index).sector) != nullptr;
     u32 found = FAT_FREE;
@@ -156,7 +195,7 @@ result<u32> table::link(u32 cluster) {
 }
 
 u32 table::contiguous_links(u32 cluster, u32 max_links) const {
-    if (is_dirty_ || !of_.is_data_cluster(cluster)) {
+    if (is_dirty_ || !of_.is_data_cluster(cluster) || !has_whole_bytes(of_)) {
         return 0;
     }
     const entry_position at = locate(of_, cluster);
@@ -166,7 +205,7 @@ u32 table::contiguous_links(u32 cluster, u32 max_links) const {
     }
     entry += at.offset;
     const u64 known_bytes = (clean_.end() - at.sector) * of_.at.sector_size;
-    const u32 known = static_cast<u32>(known_bytes - at.offset) / of_.entry_size();
+    const u32 known = static_cast<u32>(known_bytes - at.offset) / (of_.at.width / 8);
     const u32 highest = std::min(of_.last_cluster(), of_.bad_mark() - 1);
     const u32 limit = std::min({max_links, known, highest - std::min(cluster, highest)});
     return of_.at.width == 16 ? count_ascending<FAT16_ENTRY_SIZE>(entry, cluster + 1, limit)
@@ -217,12 +256,20 @@ fault table::set(u32 index, u32 value) {
     if (why != fault::NONE) {
         return why;
     }
+    if (straddles(of_, index)) {
+        return set_straddling(index, value);
+    }
     const entry_position at = locate(of_, index);
     why = select(at.sector);
     if (why != fault::NONE) {
         return why;
     }
-    store_entry(of_.at.width, changed_.find(at.sector) + at.offset, value);
+    store_entry(of_.at.width, index, changed_.find(at.sector) + at.offset, value);
+    return keep_change();
+}
+
+// The sector being changed is written now or later.
+fault table::keep_change() {
     if (!is_dirty_ && !write_failed_) {
         dirty_since_step_ = step_;
     }
@@ -230,23 +277,38 @@ fault table::set(u32 index, u32 value) {
     return when_ == writing::LATE ? fault::NONE : flush();
 }
 
+fault table::set_straddling(u32 index, u32 value) {
+    u8 both[FAT32_ENTRY_SIZE] = {}; // two bytes of FAT12
+    fault why = load_straddling(index, both);
+    store_entry(of_.at.width, index, both, value);
+    for (u32 i = 0; i < 2 && why == fault::NONE; i++) {
+        const entry_position at = locate_byte(of_, of_.entry_offset(index) + i);
+        why = select(at.sector);
+        if (why == fault::NONE) {
+            changed_.find(at.sector)[at.offset] = both[i];
+            why = keep_change();
+        }
+    }
+    return why;
+}
+
 u32 table::link_following(u32 cluster, u32 limit) {
     const entry_position at = locate(of_, cluster);
     u8 *entry = is_dirty_ ? changed_.find(at.sector) : nullptr;
-    if (entry == nullptr || !of_.is_data_cluster(cluster)) {
+    if (entry == nullptr || !of_.is_data_cluster(cluster) || !has_whole_bytes(of_)) {
         return 0;
     }
-    const u32 size = of_.entry_size();
+    const u32 size = of_.at.width / 8;
     const u32 in_sector = (of_.at.sector_size - at.offset) / size - 1;
     limit = std::min({limit, in_sector, of_.last_cluster() - cluster});
     u32 count = 0;
     entry += at.offset;
-    for (; count < limit && load_entry(of_.at.width, entry + size) == FAT_FREE; entry += size) {
+    for (; count < limit && load_entry(of_.at.width, 0, entry + size) == FAT_FREE; entry += size) {
         count++;
-        store_entry(of_.at.width, entry, cluster + count);
+        store_entry(of_.at.width, 0, entry, cluster + count);
     }
     if (count > 0) {
-        store_entry(of_.at.width, entry, FAT_END_MARK);
+        store_entry(of_.at.width, 0, entry, FAT_END_MARK);
     }
     return count;
 }

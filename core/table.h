@@ -8,10 +8,11 @@
 
 namespace core {
 
-// An entry of a FAT in memory. The reserved bits of a FAT32 entry are not part of its value and do
+// Entry `index` of a FAT in memory, which begins at `entry`. The reserved bits of a FAT32 entry,
+// and the half byte of its neighbour that a FAT12 entry shares, are not part of its value and do
 // not change.
-[[nodiscard]] u32 load_entry(u32 width, const u8 *entry);
-void store_entry(u32 width, u8 *entry, u32 value);
+[[nodiscard]] u32 load_entry(u32 width, u32 index, const u8 *entry);
+void store_entry(u32 width, u32 index, u8 *entry, u32 value);
 
 // The FAT of a volume, for as long as no one else changes it. Each sector is read once as long
 // as a walk stays in it, and several sectors together when it visits the FAT in ascending order.
@@ -42,14 +43,15 @@ public:
     [[nodiscard]] fault set(u32 index, u32 value);
 
     // Links free clusters of consecutive numbers after `cluster`, the last one of a chain, as long
-    // as their entries are in the sector of its late change. Returns their number, at most `limit`.
+    // as their entries are in the sector of its late change. Returns their number, at most `limit`;
+    // none on FAT12.
     [[nodiscard]] u32 link_following(u32 cluster, u32 limit);
 
     // Writes late changes. Returns NONE or TABLE_WRITE.
     [[nodiscard]] fault flush();
 
     // Number of links from `cluster` on that lead to the next higher cluster number, as far as they
-    // are in memory, at most `max_links`. Reads nothing.
+    // are in memory, at most `max_links`; none on FAT12. Reads nothing.
     [[nodiscard]] u32 contiguous_links(u32 cluster, u32 max_links) const;
 
     // The lowest free cluster from `first` to `last`, both included. Faults: NO_SPACE, or that of
@@ -74,6 +76,9 @@ public:
     }
 
 private:
+    [[nodiscard]] fault load_straddling(u32 index, u8 *both); // an entry in two sectors
+    [[nodiscard]] fault set_straddling(u32 index, u32 value);
+    [[nodiscard]] fault keep_change();
     [[nodiscard]] fault load(sector_window *window, u32 index, u32 *value);
     [[nodiscard]] fault load_link(u32 cluster, u32 *value);
     [[nodiscard]] fault fill(sector_window *window, u64 sector);

@@ -9,14 +9,14 @@ namespace core {
 
 // Where everything lies. Positions and sizes are in sectors unless stated otherwise.
 struct areas {
-    u32 width = 0;       // bits of a FAT entry: 16 or 32; 0: not known
+    u32 width = 0;       // bits of a FAT entry: 12, 16 or 32; 0: not known
     u32 sector_size = 0; // bytes; 0: not known
     u32 sectors_per_cluster = 0;
     u32 total_sectors = 0;
     u32 fat_start = 0;
     u32 fat_sectors = 0;  // of one copy
     u32 root_start = 0;   // first sector of the root directory
-    u32 root_cluster = 0; // 0: the root directory is in the fixed area of FAT16
+    u32 root_cluster = 0; // 0: the root directory is in the fixed area of FAT12 and FAT16
     u32 data_start = 0;   // first sector of cluster 2
     u32 clusters = 0;     // number of data clusters
 };
@@ -38,11 +38,16 @@ struct volume {
     [[nodiscard]] bool is_wide() const { // FAT32
         return at.width == 32;
     }
-    [[nodiscard]] u32 entry_size() const { // bytes of a FAT entry
-        return at.width == 16 ? FAT16_ENTRY_SIZE : FAT32_ENTRY_SIZE;
+    // Position of the first byte of a FAT entry, from the start of the FAT. An odd entry of FAT12
+    // begins in the middle of that byte.
+    [[nodiscard]] u64 entry_offset(u32 index) const {
+        return u64{index} * at.width / 8;
+    }
+    [[nodiscard]] u32 value_mask() const { // bits of a FAT entry that are its value
+        return at.width == 12 ? FAT12_VALUE_MASK : is_wide() ? FAT32_VALUE_MASK : FAT16_VALUE_MASK;
     }
     [[nodiscard]] u64 fat_entries() const { // that one copy of the FAT has space for
-        return u64{at.fat_sectors} * at.sector_size / entry_size();
+        return u64{at.fat_sectors} * at.sector_size * 8 / at.width;
     }
     [[nodiscard]] u32 cluster_bytes() const {
         return at.sectors_per_cluster * at.sector_size;
@@ -54,10 +59,10 @@ struct volume {
         return number >= FIRST_DATA_CLUSTER && number - FIRST_DATA_CLUSTER < at.clusters;
     }
     [[nodiscard]] bool is_end_of_chain(u32 value) const {
-        return value >= (is_wide() ? FAT32_END : FAT16_END);
+        return value >= (at.width == 12 ? FAT12_END : is_wide() ? FAT32_END : FAT16_END);
     }
     [[nodiscard]] u32 bad_mark() const { // FAT value of a bad cluster
-        return is_wide() ? FAT32_BAD : FAT16_BAD;
+        return at.width == 12 ? FAT12_BAD : is_wide() ? FAT32_BAD : FAT16_BAD;
     }
     [[nodiscard]] link_kind kind_of_link(u32 value) const {
         return value == FAT_FREE        ? link_kind::FREE

@@ -73,10 +73,6 @@ bool is_end_of_chain(u32 value) {
     return here().is_end_of_chain(value);
 }
 
-u32 bad_mark() {
-    return here().bad_mark();
-}
-
 // ---- entries ----------------------------------------------------------------------------------
 
 int fat_read_entry(u32 cluster, u32 *value) {

@@ -231,9 +231,6 @@ void set_areas(const core::areas &at);
 // Whether a FAT value ends a chain.
 [[nodiscard]] bool is_end_of_chain(u32 value);
 
-// FAT value that marks a bad cluster.
-[[nodiscard]] u32 bad_mark();
-
 // Report a fault of the FAT in the name of the operation on entry `index` that failed: a read or a
 // link followed, or a change. Return its negative errno, and 0 for no fault. CYCLE and
 // FREE_CLUSTER, which are not faults of one entry, give -EINVAL without a report.

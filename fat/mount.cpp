@@ -26,7 +26,8 @@ int refuse_boot_sector() {
 
 int fill_geometry(const u8 *pbr) {
     core::areas areas = here().at;
-    const core::fault why = core::read_areas(core::boot_numbers(pbr), &areas);
+    const core::fault why =
+        core::read_areas(core::boot_numbers(pbr), core::width_rule::CLUSTER_COUNT, &areas);
     set_areas(areas);
     if (why == core::fault::FEW_CLUSTERS) {
         report_at("fat_build_super", __LINE__,

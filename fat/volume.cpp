@@ -223,7 +223,7 @@ core::volume volume_on(core::medium *device) {
     core::volume vol;
     if (sv != nullptr) {
         vol.device = device;
-        vol.at = {.width = sv->fat_type,
+        vol.at = {.width = sv->fat_type == 12 ? 0 : sv->fat_type, // the engine could use FAT12
                   .sector_size = sv->sector_size,
                   .sectors_per_cluster = sv->sec_per_clus,
                   .total_sectors = sv->total_sectors,

@@ -27,7 +27,7 @@ std::vector<area> areas_of(const volume &vol) {
         add(area_kind::FAT, fmt::format("FAT {}", copy), at.fat_start + u64{copy} * at.fat_sectors,
             at.fat_sectors);
     }
-    if (at.width == 16) {
+    if (!vol.on().is_wide()) {
         add(area_kind::ROOT, "root directory", at.root_start, at.data_start - at.root_start);
     }
     add(area_kind::DATA, "data", at.data_start, u64{at.clusters} * at.sectors_per_cluster);

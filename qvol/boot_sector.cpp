@@ -18,16 +18,10 @@ constexpr u32 MIRRORING_OFF = 0x80;
 constexpr u32 ACTIVE_FAT_MASK = 0x0F;
 constexpr u32 FAT32_MAX_CLUSTERS = core::FAT32_BAD - core::FIRST_DATA_CLUSTER;
 
-// The layout by the rule of other systems, where the cluster count only decides between FAT12 and
-// FAT16.
-bool has_fat32_layout(const core::boot_numbers &boot) {
-    return boot.fat_size_16 == 0;
-}
-
 // No value if the numbers do not describe a volume.
 std::optional<u64> clusters_of(const core::boot_numbers &boot) {
-    const u32 fat_size = has_fat32_layout(boot) ? boot.fat_size_32 : boot.fat_size_16;
-    const bool is_32_first = has_fat32_layout(boot) && boot.total_32 != 0;
+    const u32 fat_size = boot.has_fat32_sizes() ? boot.fat_size_32 : boot.fat_size_16;
+    const bool is_32_first = boot.has_fat32_sizes() && boot.total_32 != 0;
     const u64 total = is_32_first ? boot.total_32 : boot.either_total();
     if (!core::is_sector_size(boot.sector_size) || boot.sectors_per_cluster == 0 || fat_size == 0) {
         return std::nullopt;
@@ -37,24 +31,14 @@ std::optional<u64> clusters_of(const core::boot_numbers &boot) {
                           : std::nullopt;
 }
 
-std::string unsupported_fat32(u64 clusters, u32 root_entries) {
+std::string unsupported_fat32(u64 clusters) {
     if (clusters > FAT32_MAX_CLUSTERS) {
         return fmt::format(
             "has a boot sector that contradicts itself: it has {} clusters, FAT32 has "
             "at most {}",
             clusters, FAT32_MAX_CLUSTERS);
     }
-    if (clusters >= core::FAT32_MIN_CLUSTERS) {
-        return "";
-    }
-    if (root_entries != 0) {
-        return fmt::format("has a boot sector that contradicts itself: {} clusters are FAT16, a "
-                           "16-bit FAT size of 0 is FAT32",
-                           clusters);
-    }
-    return fmt::format("is a FAT32 volume with {} clusters; FAT32 with fewer than {} clusters is "
-                       "not supported yet",
-                       clusters, core::FAT32_MIN_CLUSTERS);
+    return "";
 }
 
 std::string unsupported_fat16(u64 clusters, const core::boot_numbers &boot) {
@@ -63,16 +47,11 @@ std::string unsupported_fat16(u64 clusters, const core::boot_numbers &boot) {
                            "16-bit FAT size of {} is FAT16",
                            clusters, boot.fat_size_16);
     }
-    if (clusters < core::FAT16_MIN_CLUSTERS) {
-        return fmt::format("is a FAT12 volume with {} clusters; fewer than {} clusters are not "
-                           "supported",
-                           clusters, core::FAT16_MIN_CLUSTERS);
-    }
     if (boot.root_entries == 0) {
         return fmt::format(
-            "has a boot sector that contradicts itself: {} clusters are FAT16, 0 root "
-            "entries are FAT32",
-            clusters);
+            "has a boot sector that contradicts itself: a 16-bit FAT size of {} is FAT12 or "
+            "FAT16, 0 root entries are FAT32",
+            boot.fat_size_16);
     }
     return "";
 }
@@ -226,7 +205,7 @@ std::string unsupported_volume(std::span<const u8> boot) {
     if (!clusters) {
         return "";
     }
-    return has_fat32_layout(numbers) ? unsupported_fat32(*clusters, numbers.root_entries)
+    return numbers.has_fat32_sizes() ? unsupported_fat32(*clusters)
                                      : unsupported_fat16(*clusters, numbers);
 }
 

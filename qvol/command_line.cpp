@@ -133,7 +133,7 @@ int print_help_or_error(const CLI::App &app, const CLI::ParseError &why) {
 
 command_line::command_line()
     : app_(std::make_unique<CLI::App>(
-          "Builds, inspects and changes FAT16 and FAT32 volumes in image files and on block "
+          "Builds, inspects and changes FAT volumes in image files and on block "
           "devices.",
           "qvol")) {
     app_->require_subcommand(1);

@@ -13,7 +13,9 @@ namespace qvol {
 
 namespace {
 
-constexpr u32 PAGE_BYTES = 64 * 1024; // a multiple of every sector size
+// A multiple of every sector size, and more than a FAT12 has: its entries do not straddle pages.
+constexpr u32 PAGE_BYTES = 64 * 1024;
+static_assert(core::FAT16_MIN_CLUSTERS * 2 < PAGE_BYTES);
 constexpr std::size_t FIRST_MAX_LOADED = 64;
 constexpr std::size_t LOADS_PER_PAGE = 8; // on average, before more pages may be in memory
 
@@ -47,7 +49,7 @@ core::volume with_entries(core::volume on) {
 fat_table::fat_table(const core::volume &on, u32 copies)
     : on_(with_entries(on)), copies_(copies), written_copies_(copies),
       max_loaded_(FIRST_MAX_LOADED) {
-    pages_.resize((u64{last_cluster()} + 1) * on_.entry_size() / PAGE_BYTES + 1);
+    pages_.resize(on_.entry_offset(last_cluster() + 1) / PAGE_BYTES + 1);
     loads_left_ = LOADS_PER_PAGE * pages_.size();
 }
 
@@ -122,16 +124,17 @@ void fat_table::check_number(u32 cluster) const {
 
 u32 fat_table::get(u32 cluster) {
     check_number(cluster);
-    const u64 offset = u64{cluster} * on_.entry_size();
-    return value_in(page_of(offset), offset);
+    return value_in(page_of(on_.entry_offset(cluster)), cluster);
 }
 
 void fat_table::set(u32 cluster, u32 value) {
     const bool was_free = get(cluster) == core::FAT_FREE;
-    const u64 offset = u64{cluster} * on_.entry_size();
+    const u64 offset = on_.entry_offset(cluster);
     page &changed = page_of(offset);
-    core::store_entry(on_.at.width, changed.bytes.data() + offset % PAGE_BYTES, value);
+    core::store_entry(on_.at.width, cluster, changed.bytes.data() + offset % PAGE_BYTES, value);
+    const u64 last_byte = on_.at.width == 12 ? offset + 1 : offset;
     changed.is_dirty[offset % PAGE_BYTES / on_.at.sector_size] = true;
+    changed.is_dirty[last_byte % PAGE_BYTES / on_.at.sector_size] = true;
     const bool is_free = get(cluster) == core::FAT_FREE;
     if (free_count_) {
         *free_count_ += (is_free ? 1U : 0U) - (was_free ? 1U : 0U);
@@ -141,19 +144,20 @@ void fat_table::set(u32 cluster, u32 value) {
     }
 }
 
-u32 fat_table::value_in(const page &cached, u64 byte_offset) const {
-    return core::load_entry(on_.at.width, cached.bytes.data() + byte_offset % PAGE_BYTES);
+u32 fat_table::value_in(const page &cached, u32 cluster) const {
+    const u64 offset = on_.entry_offset(cluster) % PAGE_BYTES;
+    return core::load_entry(on_.at.width, cluster, cached.bytes.data() + offset);
 }
 
 void fat_table::visit_used(const std::function<void(u32 cluster, u32 value)> &visit) const {
-    const u32 per_page = PAGE_BYTES / on_.entry_size();
+    const u32 per_page = PAGE_BYTES * 8 / on_.at.width;
     for (std::size_t index = 0; page_begins_in_table(index); index++) {
         const page fresh = pages_[index] == nullptr ? load_page(index) : page{};
         const page &shown = pages_[index] == nullptr ? fresh : *pages_[index];
         const u32 first = static_cast<u32>(index) * per_page;
         const u64 end = std::min(u64{last_cluster()} + 1, u64{first} + per_page);
         for (u32 cluster = std::max(first, core::FIRST_DATA_CLUSTER); cluster < end; cluster++) {
-            const u32 value = value_in(shown, u64{cluster} * on_.entry_size());
+            const u32 value = value_in(shown, cluster);
             if (value != core::FAT_FREE) {
                 visit(cluster, value);
             }
@@ -285,7 +289,7 @@ std::vector<copy_difference> fat_table::compare_copies() const {
             std::mismatch(sector.first.begin(), sector.first.end(), sector.other.begin());
         const u64 offset =
             sector.index * on_.at.sector_size + static_cast<u64>(a - sector.first.begin());
-        const copy_difference first = {sector.copy, 0, static_cast<u32>(offset / on_.entry_size())};
+        const copy_difference first = {sector.copy, 0, static_cast<u32>(offset * 8 / on_.at.width)};
         found.try_emplace(sector.copy, first).first->second.sectors++;
     });
     std::vector<copy_difference> differences;

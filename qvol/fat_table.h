@@ -114,7 +114,7 @@ private:
     [[nodiscard]] page &page_of(u64 byte_offset);
     void make_space();
     [[nodiscard]] page load_page(std::size_t index) const;
-    [[nodiscard]] u32 value_in(const page &cached, u64 byte_offset) const;
+    [[nodiscard]] u32 value_in(const page &cached, u32 cluster) const;
 
     // A sector of a copy that differs from the first one: its location, and the bytes of both.
     struct differing_sector {

@@ -1,4 +1,4 @@
-// qvol: builds, inspects and changes FAT16 and FAT32 volumes from the command line.
+// qvol: builds, inspects and changes FAT volumes from the command line.
 
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"

@@ -167,9 +167,9 @@ core::volume read_volume(const target &where) {
         throw error(shown_bytes(where.path()) + " " + reason);
     }
     if (!is_boot_sector ||
-        core::read_areas(core::boot_numbers(sector.data()), &on.at) != core::fault::NONE) {
-        throw error(fmt::format("cannot mount {}: no FAT16 or FAT32 volume found",
-                                shown_bytes(where.path())));
+        core::read_areas(core::boot_numbers(sector.data()), core::width_rule::FAT_SIZE, &on.at) !=
+            core::fault::NONE) {
+        throw error(fmt::format("cannot mount {}: no FAT volume found", shown_bytes(where.path())));
     }
     return on;
 }

@@ -48,7 +48,26 @@ std::string text_of(const recorder &record) {
 
 } // namespace
 
-// ---- parts ------------------------------------------------------------------------------------
+// ---- nothing, and parts -----------------------------------------------------------------------
+
+// What a medium does that has no transfers of its own.
+TEST(Medium, OfNothingRefusesTransfers) {
+    bytes some(UNIT);
+    memory_medium memory(some);
+    EXPECT_EQ(memory.medium::read(0, some), -ENODEV);
+    EXPECT_EQ(memory.medium::write(0, some), -EROFS);
+    EXPECT_EQ(memory.medium::flush(), 0);
+    EXPECT_EQ(memory.medium::size(), 0U);
+}
+
+TEST(MediumPart, FlushesTheWhole) {
+    bytes whole(100);
+    memory_medium memory(whole);
+    recorder record(memory);
+    medium_part part(record, 10, 20);
+    EXPECT_EQ(part.flush(), 0);
+    EXPECT_EQ(text_of(record), " flush");
+}
 
 TEST(MediumPart, EndsWithItsBytes) {
     struct row {
@@ -236,6 +255,21 @@ TEST(Recorder, ReplaysEveryPrefix) {
     }
     record.clear();
     EXPECT_EQ(record.steps(), 0U);
+}
+
+TEST(Recorder, WithoutMemoryDoesNothing) {
+    bytes below(UNIT);
+    memory_medium memory(below);
+    recorder record(memory);
+    const bytes content = counted_bytes(UNIT);
+    for (int allocations = 0; allocations < 2; allocations++) {
+        const testing_support::failing_allocation fault(allocations);
+        EXPECT_EQ(record.write(0, content), -ENOMEM);
+    }
+    const testing_support::failing_allocation fault(0);
+    EXPECT_EQ(record.flush(), -ENOMEM);
+    EXPECT_EQ(record.steps(), 0U);
+    EXPECT_EQ(below, bytes(UNIT));
 }
 
 TEST(Recorder, DoesNotRecordFailures) {

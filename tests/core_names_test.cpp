@@ -234,7 +234,7 @@ TEST(Geometry, RequestsAreLaidOutOrRefused) {
         store_boot_sector(boot, at, {request.fats, layout.root_entries(512), 1, label});
         areas read;
         EXPECT_TRUE(is_boot_signature(boot));
-        EXPECT_EQ(read_areas(boot_numbers(boot), &read), fault::NONE);
+        EXPECT_EQ(read_areas(boot_numbers(boot), width_rule::CLUSTER_COUNT, &read), fault::NONE);
         EXPECT_EQ(read.clusters, at.clusters);
         EXPECT_EQ(read.data_start, at.data_start);
         EXPECT_EQ(read.root_start, at.root_start);
@@ -268,6 +268,42 @@ TEST(BootSector, ContradictionsAreFaults) {
         store_boot_sector(boot, areas_of(request, layout, 32768), {2, 512, 1, label});
         store(boot, *r.changed, r.value);
         areas at;
-        EXPECT_EQ(read_areas(boot_numbers(boot), &at), r.why) << r.changed->name << " " << r.value;
+        EXPECT_EQ(read_areas(boot_numbers(boot), width_rule::CLUSTER_COUNT, &at), r.why)
+            << r.changed->name << " " << r.value;
+    }
+}
+
+TEST(BootSector, RulesForTheWidthDiffer) {
+    struct row {
+        u32 clusters;
+        bool has_fat32_sizes;
+        u32 root_entries;
+        u32 by_count; // width; 0: refused
+        u32 by_size;
+    };
+    const row rows[] = {
+        {0, true, 0, 0, 0},         {1, true, 0, 0, 32},         {4084, true, 0, 0, 32},
+        {65524, true, 0, 0, 32},    {65525, true, 0, 32, 32},    {4085, true, 512, 16, 32},
+        {0, false, 512, 0, 0},      {1, false, 512, 0, 12},      {4084, false, 512, 0, 12},
+        {4085, false, 512, 16, 16}, {65524, false, 512, 16, 16}, {65525, false, 512, 32, 0},
+        {4084, false, 0, 0, 0},     {4085, false, 0, 0, 0},
+    };
+    for (const row &r : rows) {
+        u8 boot[512] = {};
+        store(boot, PBR_BYTES_PER_SECTOR, 512);
+        store(boot, PBR_SECTORS_PER_CLUSTER, 1);
+        store(boot, PBR_RESERVED_SECTORS, 32);
+        store(boot, PBR_NUMBER_OF_FATS, 1);
+        store(boot, PBR_ROOT_ENTRIES, r.root_entries);
+        store(boot, r.has_fat32_sizes ? PBR32_FAT_SIZE : PBR_FAT_SIZE_16, 600);
+        store(boot, PBR_TOTAL_SECTORS_32, 32 + 600 + r.root_entries / 16 + r.clusters);
+        for (const auto &[rule, width] : {std::pair{width_rule::CLUSTER_COUNT, r.by_count},
+                                          {width_rule::FAT_SIZE, r.by_size}}) {
+            areas at;
+            const fault why = read_areas(boot_numbers(boot), rule, &at);
+            EXPECT_EQ(why == fault::NONE ? at.width : 0, width) << r.clusters;
+            EXPECT_TRUE(why == fault::NONE || why == fault::FEW_CLUSTERS ||
+                        why == fault::BOOT_NUMBERS);
+        }
     }
 }

@@ -351,45 +351,23 @@ protected:
         expect_refusal("check", {"--repair"});
         EXPECT_TRUE(has_content(image_, before));
     }
-
-    // As mkfs.fat makes them, with the total in either field.
-    void expect_small_volumes_refused() {
-        for (const auto &[megabytes, clusters] : {std::pair{32, 8172}, {31, 7916}, {4, 1018}}) {
-            image_ = scratch_.sparse_file("small.img", std::uint64_t(megabytes) << 20);
-            ASSERT_EQ(run({"mkfs.fat", "-F", "32", "-s", "8", image_}).status, 0);
-            expect_refused("is a FAT32 volume with " + std::to_string(clusters) +
-                           " clusters; FAT32 with fewer than 65525 clusters is not supported yet");
-        }
-    }
 };
 INSTANTIATE_TEST_SUITE_P(Fat, QvolUnsupported, testing::ValuesIn(BOTH_WIDTHS),
                          [](const auto &tested) { return std::string(tested.param); });
 
 TEST_P(QvolUnsupported, IsRefusedByEveryCommand) {
     if (is_fat32()) {
-        poke_numbers({{13, 2, 1}}, true);
-        expect_refused("is a FAT32 volume with 40314 clusters; FAT32 with fewer than 65525 "
-                       "clusters is not supported yet");
-        poke_numbers({{17, 512, 2}}, true);
-        expect_refused("has a boot sector that contradicts itself: 40298 clusters are FAT16, a "
-                       "16-bit FAT size of 0 is FAT32");
-        poke_numbers({{17, 0, 2}, {13, 64, 1}}, true);
-        expect_refused("is a FAT32 volume with 1259 clusters; FAT32 with fewer than 65525 "
-                       "clusters is not supported yet");
-        poke_numbers({{13, 1, 1}, {22, 629, 2}, {36, 0, 4}}, true);
+        poke_numbers({{22, 629, 2}, {36, 0, 4}}, true);
         expect_refused("has a boot sector that contradicts itself: 80630 clusters are FAT32, a "
                        "16-bit FAT size of 629 is FAT16");
         poke_numbers({{22, 0, 2}, {32, 0xFFFFFFFF, 4}, {36, 0x1FFFFFF, 4}}, true);
         expect_refused("has a boot sector that contradicts itself: it has 4227858401 "
                        "clusters, FAT32 has at most 268435445");
-        expect_small_volumes_refused();
     } else {
         poke_numbers({{17, 0, 2}}, false);
-        expect_refused("has a boot sector that contradicts itself: 20319 clusters are FAT16, 0 "
-                       "root entries are FAT32");
-        poke_numbers({{17, 512, 2}, {13, 8, 1}}, false);
-        expect_refused("is a FAT12 volume with 2535 clusters; fewer than 4085 clusters are not "
-                       "supported");
+        expect_refused(
+            "has a boot sector that contradicts itself: a 16-bit FAT size of 80 is FAT12 "
+            "or FAT16, 0 root entries are FAT32");
     }
 }
 
@@ -403,10 +381,31 @@ struct made_volume {
     bool is_checked = true;           // by fsck.fat
 };
 
+// FAT32 with fewer clusters than its name promises, with the total in either field.
+void add_small_volumes(std::vector<made_volume> *volumes) {
+    for (const std::uint64_t sector : {512, 4096}) {
+        for (const std::uint64_t sectors : {1, 8}) {
+            for (const std::uint64_t clusters : {100, 1018, 4084, 7916, 65524}) {
+                volumes->push_back({(clusters + 600) * sector * sectors,
+                                    {"mkfs.fat", "-F", "32", "-S", std::to_string(sector), "-s",
+                                     std::to_string(sectors)}});
+            }
+        }
+    }
+}
+
+// The kinds of floppy disks that mtools know, whose FAT entries lie in two sectors here and there.
+void add_floppies(std::vector<made_volume> *volumes) {
+    for (const char *kibibytes : {"160", "180", "320", "360", "720", "1200", "1440", "2880"}) {
+        volumes->push_back(
+            {std::stoull(kibibytes) << 10U, {"mformat", "-f", kibibytes, "::", "-i"}});
+    }
+}
+
 // Each option of mkfs.fat by itself, several at once, and what mtools make.
 std::vector<made_volume> made_volumes(const std::string &width) {
     const bool is_fat32 = width == "32";
-    const std::uint64_t clusters = is_fat32 ? 66000 : 6000;
+    const std::uint64_t clusters = is_fat32 ? 66000 : width == "16" ? 6000 : 2000;
     std::vector<made_volume> volumes;
     const auto add = [&](std::uint64_t sector, std::uint64_t sectors,
                          std::vector<std::string> options) {
@@ -432,8 +431,13 @@ std::vector<made_volume> made_volumes(const std::string &width) {
     for (const char *reserved : {"2", "3", "7", "8", "32", "100"}) {
         add(512, 2, {"-R", reserved});
     }
-    for (const char *entries : {"16", "112", "512", "1000", "4096"}) {
+    for (const char *entries : {"16", "112", "512", "4096"}) {
         add(512, 2, {"-r", entries});
+    }
+    if (width == "12") { // fsck.fat wants whole sectors of root entries
+        add_unchecked({"-r", "1000"});
+    } else {
+        add(512, 2, {"-r", "1000"});
     }
     add(512, 2, {"-a"});
     add(512, 2, {"-M", "0xF0"});
@@ -443,6 +447,10 @@ std::vector<made_volume> made_volumes(const std::string &width) {
         add_unchecked({"-b", "0"});
     } else {
         add(512, 2, {"-R", "1"});
+    }
+    if (width == "12") {
+        add_floppies(&volumes);
+        return volumes;
     }
     const std::vector<std::string> mtools = {"mformat", "-h", "16", "-s", "63"};
     for (const std::vector<std::string> &options :
@@ -456,13 +464,16 @@ std::vector<made_volume> made_volumes(const std::string &width) {
         command.insert(command.end(), options.begin(), options.end());
         command.insert(command.end(), {"::", "-i"});
     }
+    if (is_fat32) {
+        add_small_volumes(&volumes);
+    }
     return volumes;
 }
 
 } // namespace
 
 class QvolHealthy : public QvolImage, public testing::WithParamInterface<const char *> {};
-INSTANTIATE_TEST_SUITE_P(Fat, QvolHealthy, testing::ValuesIn(BOTH_WIDTHS),
+INSTANTIATE_TEST_SUITE_P(Fat, QvolHealthy, testing::Values("12", "16", "32"),
                          [](const auto &tested) { return std::string(tested.param); });
 
 TEST_P(QvolHealthy, IsWrittenToWithEveryOptionOfOtherTools) {
@@ -484,7 +495,84 @@ TEST_P(QvolHealthy, IsWrittenToWithEveryOptionOfOtherTools) {
     }
 }
 
-TEST_P(QvolHealthy, IsWrittenToAsTheFormatterMadeIt) {
+class QvolFloppy : public QvolImage {
+protected:
+    QvolFloppy() {
+        image_ = scratch_.sparse_file("floppy.img", 1440 * 1024);
+        EXPECT_EQ(run({"mformat", "-f", "1440", "-i", image_, "::"}).status, 0);
+        fresh_ = read_file(image_);
+        // Clusters 2 to 602: entry 341 lies in two sectors of the FAT.
+        EXPECT_EQ(
+            run({"mcopy", "-i", image_, host_file("file", std::string(307500, 'x')), "::"}).status,
+            0);
+    }
+    void poke(std::uint64_t offset, char value) {
+        std::fstream image(image_, std::ios::binary | std::ios::in | std::ios::out);
+        image.seekp(static_cast<std::streamoff>(offset));
+        image.put(value);
+    }
+    [[nodiscard]] bytes fats() const {
+        return read_range(image_, FAT, ROOT - FAT);
+    }
+
+    static constexpr std::uint64_t FAT = 512;
+    static constexpr std::uint64_t SECOND_FAT = std::uint64_t{10} * 512;
+    static constexpr std::uint64_t ROOT = std::uint64_t{19} * 512;
+    bytes fresh_;
+};
+
+TEST_F(QvolFloppy, FilesComeAndGo) {
+    EXPECT_EQ(said("cat", {"/file"}), std::string(307500, 'x'));
+    said("rm", {"/file"});
+    EXPECT_EQ(fats(), bytes(fresh_.begin() + FAT, fresh_.begin() + ROOT));
+    expect_clean();
+    const outcome full = qvol("put", {host_file("large", std::string(1500000, 'x')), "/"});
+    EXPECT_EQ(full.status, 1);
+    EXPECT_EQ(fats(), bytes(fresh_.begin() + FAT, fresh_.begin() + ROOT));
+    said("put", {host_file("all of it", std::string(2847 * 512, 'x')), "/"});
+    expect_clean();
+    EXPECT_EQ(said("check", {}), "0 directories, 1 file, 2847 of 2847 clusters: no findings\n");
+}
+
+TEST_F(QvolFloppy, HasNoFilesOfTheDriver) {
+    EXPECT_EQ(qvol("pool"),
+              (outcome{1, "",
+                       "qvol: cannot make /ZUQ_POOL.SY$: the ZUQ driver cannot use FAT12 with 2847 "
+                       "clusters, only FAT16, and FAT32 with at least 65525\n"}));
+    ASSERT_EQ(run({"mkfs.fat", "-F", "32", image_}).status, 0);
+    EXPECT_EQ(qvol("log").status, 1);
+}
+
+TEST_F(QvolFloppy, LostClustersAreFreed) {
+    poke(ROOT, '\xE5');
+    EXPECT_EQ(qvol("check").status, 1);
+    said("check", {"--repair"});
+    EXPECT_EQ(fats(), bytes(fresh_.begin() + FAT, fresh_.begin() + ROOT));
+    expect_clean();
+}
+
+TEST_F(QvolFloppy, CopiesAndFixedEntriesAreRepaired) {
+    const bytes healthy = fats();
+    poke(SECOND_FAT + 512, 0); // the second byte of entry 341
+    poke(FAT, 0);              // entry 0
+    poke(FAT + 2, 0);          // entry 1
+    const std::string found = qvol("check").out;
+    EXPECT_NE(found.find("FAT entry 0 is 0xf00, should be 0xff0"), std::string::npos) << found;
+    EXPECT_NE(found.find("FAT entry 1 is 0xf, should be an end-of-chain mark"), std::string::npos)
+        << found;
+    EXPECT_NE(found.find("FAT copy 1 differs from copy 0 in 2 sectors, first at entry 0"),
+              std::string::npos)
+        << found;
+    said("check", {"--repair"});
+    EXPECT_EQ(fats(), healthy);
+    expect_clean();
+}
+
+class QvolFormatted : public QvolHealthy {};
+INSTANTIATE_TEST_SUITE_P(Fat, QvolFormatted, testing::ValuesIn(BOTH_WIDTHS),
+                         [](const auto &tested) { return std::string(tested.param); });
+
+TEST_P(QvolFormatted, IsWrittenToAsTheFormatterMadeIt) {
     const std::uint64_t clusters = std::string(GetParam()) == "32" ? 67000 : 6000;
     for (const std::uint64_t sector : {512, 1024, 2048, 4096}) {
         for (const char *page : {"0", "2048", "8192"}) {

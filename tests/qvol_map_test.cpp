@@ -333,6 +333,9 @@ TEST_F(QvolMap, ReplacesAPictureOnlyWhenForced) {
 }
 
 TEST_F(QvolMap, LeavesNothingOfAPictureThatCannotBeWritten) {
+    if (QUORVEL_COVERED) {
+        GTEST_SKIP() << "a program with a limit on file sizes cannot write its branch count";
+    }
     const std::string path = scratch_.file("limited.svg");
     const outcome result = shell("trap '' XFSZ; ulimit -f 4; exec \"$1\" map --svg \"$3\" \"$2\"",
                                  {qvol_path(), image_, path});

@@ -68,7 +68,7 @@ private:
     // ---- the chain ----
 
     std::optional<slot_space> claim() {
-        if (is_root() && checked_->on().at.width == 16) {
+        if (is_root() && !checked_->on().is_wide()) {
             return slot_space::root_area(checked_->on());
         }
         if (start() == 0) {

@@ -91,8 +91,7 @@ void repair_plan::write_fixed_entries() {
     for (u32 copy = 0; copy < vol_.boot().fat_copies; copy++) {
         change_sector(on, on.at.fat_start + u64{copy} * on.at.fat_sectors, [&](u8 *bytes) {
             for (const auto &[number, value] : fixed_entries_) {
-                core::store_entry(on.at.width, bytes + std::size_t{number} * on.entry_size(),
-                                  value);
+                core::store_entry(on.at.width, number, bytes + on.entry_offset(number), value);
             }
         });
     }

@@ -105,15 +105,18 @@ struct state_bits {
 };
 
 state_bits state_bits_of_type(const survey &checked) {
-    return checked.on().is_wide() ? state_bits{0x08000000, 0x04000000} : state_bits{0x8000, 0x4000};
-}
-
-u32 value_mask(const survey &checked) {
-    return checked.on().is_wide() ? core::FAT32_VALUE_MASK : 0xFFFF;
+    switch (checked.on().at.width) {
+    case 12:
+        return {0, 0}; // it has none
+    case 16:
+        return {0x8000, 0x4000};
+    default:
+        return {0x08000000, 0x04000000};
+    }
 }
 
 void check_media(survey *checked, u32 value) {
-    const u32 wanted = (0xFFFFFF00 | checked->vol.boot().media) & value_mask(*checked);
+    const u32 wanted = (0xFFFFFF00 | checked->vol.boot().media) & checked->on().value_mask();
     if (value != wanted) {
         add_finding(
             checked, found::FAT_MEDIA,
@@ -125,14 +128,14 @@ void check_media(survey *checked, u32 value) {
 void check_end_mark(survey *checked, u32 value) {
     const state_bits bits = state_bits_of_type(*checked);
     if (!checked->on().is_end_of_chain(value | bits.is_clean | bits.has_no_errors)) {
-        const u32 wanted = value_mask(*checked);
+        const u32 wanted = checked->on().value_mask();
         add_finding(checked, found::FAT_END_MARK,
                     fmt::format("FAT entry 1 is {:#x}, should be an end-of-chain mark", value),
                     "corrected", [wanted](repair_plan *plan) { plan->set_fixed_entry(1, wanted); });
-    } else if ((value & bits.has_no_errors) == 0) {
+    } else if ((value & bits.has_no_errors) != bits.has_no_errors) {
         add_finding(checked, found::DIRTY, "error flag set: the medium reported I/O errors",
                     "flag cleared", [](repair_plan *plan) { plan->set_clean(); });
-    } else if ((value & bits.is_clean) == 0) {
+    } else if ((value & bits.is_clean) != bits.is_clean) {
         add_finding(checked, found::DIRTY, "dirty flag set: not cleanly unmounted", "flag cleared",
                     [](repair_plan *plan) { plan->set_clean(); });
     }
@@ -140,10 +143,12 @@ void check_end_mark(survey *checked, u32 value) {
 
 void check_fixed_entries(survey *checked) {
     const std::vector<u8> fat = read_extent(checked->on(), checked->on().at.fat_start, 1);
-    const u32 size = checked->on().at.width / 8;
-    const core::field entries[] = {{"entry 0", 0, size}, {"entry 1", size, size}};
-    check_media(checked, core::load(fat.data(), entries[0]) & value_mask(*checked));
-    check_end_mark(checked, core::load(fat.data(), entries[1]) & value_mask(*checked));
+    const auto value = [&](u32 index) {
+        return core::load_entry(checked->on().at.width, index,
+                                fat.data() + checked->on().entry_offset(index));
+    };
+    check_media(checked, value(0));
+    check_end_mark(checked, value(1));
 }
 
 // Some systems store the dirty flag in the boot sector as well.

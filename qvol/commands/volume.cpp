@@ -12,8 +12,23 @@ namespace {
 
 // ---- pool, log ----
 
+// The driver's library determines the width by the number of clusters alone.
+void refuse_other_widths(const volume &vol, const reserved_file &file) {
+    const core::areas &at = vol.on().at;
+    const u32 by_count = at.clusters >= core::FAT32_MIN_CLUSTERS   ? 32
+                         : at.clusters >= core::FAT16_MIN_CLUSTERS ? 16
+                                                                   : 12;
+    if (at.width == 12 || at.width != by_count) {
+        throw error(
+            fmt::format("cannot make /{}: the ZUQ driver cannot use FAT{} with {} clusters, "
+                        "only FAT16, and FAT32 with at least {}",
+                        file.name, at.width, at.clusters, core::FAT32_MIN_CLUSTERS));
+    }
+}
+
 int make_reserved(const common_options &common, const reserved_file &file) {
     return with_volume(common, access::WRITE, [&](volume &vol) {
+        refuse_other_widths(vol, file);
         make_reserved_file(vol, file);
         const resolved_path where = resolve(vol, fmt::format("/{}", file.name));
         common.out.remark(fmt::format("made /{}, {}", file.name, shown_size(where.found->size())));
