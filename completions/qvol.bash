@@ -4,8 +4,8 @@
 _qvol_options() {
     case $1 in
     build)
-        echo --cluster --compact --fat --force -f --from --label --log --no-mirror --page --pool \
-            --sector --short-names --size --skip-special
+        echo --cluster --compact --fat --force -f --from --hidden-sectors --label --log --media \
+            --no-mirror --oem --page --pool --sector --short-names --size --skip-special --volume-id
         ;;
     check) echo --repair ;;
     dump | get | mv) echo --force -f ;;
@@ -23,10 +23,11 @@ _qvol_options() {
 _qvol_values() {
     case $1 in
     --cluster) echo 512 1K 2K 4K 8K 16K 32K ;;
-    --dir | --label) echo any ;;
+    --dir | --hidden-sectors | --label | --oem | --volume-id) echo any ;;
     --encoding) echo UTF-8 ISO-8859-1 ISO-8859-15 CP437 CP850 CP1252 EUC-JP SHIFT-JIS GB18030 ;;
     --fat) echo 16 32 ;;
     --from) echo directories ;;
+    --media) echo 0xF0 0xF8 ;;
     --page) echo 0 2K 4K 8K 16K ;;
     --sector) echo 512 1K 2K 4K ;;
     --size) echo auto ;;

@@ -59,23 +59,23 @@ void place_areas(const boot_numbers &boot, areas *at) {
 
 // ---- storing ----------------------------------------------------------------------------------
 
-void store_jump_and_name(u8 *boot, bool is_fat32) {
+void store_jump(u8 *boot, bool is_fat32) {
     u8 *jump = boot + PBR_JUMP.offset;
     jump[0] = 0xEB; // jmp short past the records, nop
     jump[1] = is_fat32 ? 0x58 : 0x3C;
     jump[2] = 0x90;
-    store_text(boot, PBR_OEM_NAME, "Torvik  ");
 }
 
-void store_common_block(u8 *boot, const areas &at, u32 fats) {
+void store_common_block(u8 *boot, const areas &at, const boot_request &request) {
+    std::memcpy(boot + PBR_OEM_NAME.offset, request.oem_name.data(), request.oem_name.size());
     store(boot, PBR_BYTES_PER_SECTOR, at.sector_size);
     store(boot, PBR_SECTORS_PER_CLUSTER, at.sectors_per_cluster);
     store(boot, PBR_RESERVED_SECTORS, at.fat_start);
-    store(boot, PBR_NUMBER_OF_FATS, fats);
-    store(boot, PBR_MEDIA, MEDIA_FIXED);
+    store(boot, PBR_NUMBER_OF_FATS, request.fats);
+    store(boot, PBR_MEDIA, request.media);
     store(boot, PBR_SECTORS_PER_TRACK, SECTORS_PER_TRACK);
     store(boot, PBR_HEADS, HEADS);
-    store(boot, PBR_HIDDEN_SECTORS, 0);
+    store(boot, PBR_HIDDEN_SECTORS, request.hidden_sectors);
 }
 
 void store_fat16_block(u8 *boot, const areas &at, u32 root_entries) {
@@ -157,8 +157,8 @@ fault read_areas(const boot_numbers &boot, width_rule rule, areas *at) {
 
 void store_boot_sector(u8 *boot, const areas &at, const boot_request &request) {
     const bool is_fat32 = at.width == 32;
-    store_jump_and_name(boot, is_fat32);
-    store_common_block(boot, at, request.fats);
+    store_jump(boot, is_fat32);
+    store_common_block(boot, at, request);
     if (is_fat32) {
         store_fat32_block(boot, at);
     } else {

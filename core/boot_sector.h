@@ -65,6 +65,11 @@ struct boot_request {
     u32 root_entries; // of FAT16
     u32 volume_id;
     std::span<const u8, EBR_VOLUME_LABEL.size> label;
+    std::span<const u8, PBR_OEM_NAME.size> oem_name = OWN_OEM_NAME;
+    u32 media = MEDIA_FIXED;
+    u32 hidden_sectors = 0; // before the volume on its disk
+
+    static constexpr u8 OWN_OEM_NAME[PBR_OEM_NAME.size] = {'T', 'o', 'r', 'v', 'i', 'k', ' ', ' '};
 };
 
 // Fill a zeroed sector.

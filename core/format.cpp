@@ -10,7 +10,6 @@ namespace core {
 namespace {
 
 constexpr u32 BUFFER_BYTES = 256 * 1024;
-constexpr u32 FAT_ENTRY_0 = 0xFFFFFF00 | MEDIA_FIXED; // the media byte with all higher bits set
 constexpr u8 BLANK_LABEL[SHORT_NAME.size] = {' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' '};
 
 // One volume being written, and a buffer that is zero between the writes.
@@ -91,7 +90,7 @@ private:
     [[nodiscard]] bool write_fats() {
         bool is_written = true;
         for (u32 copy = 0; copy < request_.fats && is_written; copy++) {
-            store_in_first_sector(0, FAT_ENTRY_0);
+            store_in_first_sector(0, 0xFFFFFF00 | request_.media); // all higher bits are set
             store_in_first_sector(1, FAT_END_MARK);
             if (to_.is_wide()) {
                 store_in_first_sector(NEW_ROOT_CLUSTER, FAT_END_MARK);

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 
 #include <fmt/core.h>
 
@@ -92,7 +93,48 @@ std::string checked_label(const std::string &text) {
     return text;
 }
 
-void format_target(const target &where, const volume_shape &shape, const std::string &label) {
+u32 parse_volume_id(const std::string &text) {
+    std::string digits = text;
+    if (digits.size() == 9 && digits[4] == '-') {
+        digits.erase(4, 1);
+    }
+    u32 id = 0;
+    const char *end = digits.data() + digits.size();
+    const auto [rest, failure] = std::from_chars(digits.data(), end, id, 16);
+    if (digits.size() != 8 || failure != std::errc() || rest != end) {
+        throw usage_error(
+            fmt::format("--volume-id {}: not a number such as 1A2B-3C4D", shown_bytes(text)));
+    }
+    return id;
+}
+
+u32 parse_media(const std::string &text) {
+    constexpr u32 REMOVABLE = 0xF0;
+    const bool has_prefix = text.starts_with("0x") || text.starts_with("0X");
+    u32 media = 0;
+    const char *end = text.data() + text.size();
+    const auto [rest, failure] =
+        std::from_chars(text.data() + (has_prefix ? 2 : 0), end, media, 16);
+    const bool is_media = media == REMOVABLE || (media >= core::MEDIA_FIXED && media <= 0xFF);
+    if (failure != std::errc() || rest != end || !is_media) {
+        throw usage_error(
+            fmt::format("--media {}: must be 0xF0 or 0xF8 to 0xFF", shown_bytes(text)));
+    }
+    return media;
+}
+
+std::string checked_oem_name(const std::string &text) {
+    const bool is_printable =
+        std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
+    if (text.empty() || text.size() > core::PBR_OEM_NAME.size || !is_printable) {
+        throw usage_error(fmt::format("--oem \"{}\": must be 1 to {} printable ASCII characters",
+                                      shown_bytes(text), core::PBR_OEM_NAME.size));
+    }
+    return text;
+}
+
+void format_target(const target &where, const volume_shape &shape,
+                   const volume_identity &identity) {
     const core::layout_request wanted = layout_request_of(shape);
     const u32 sectors = core::usable_sectors(where.size(), shape.sector_bytes);
     const core::volume_layout layout = core::lay_out(wanted, sectors);
@@ -100,14 +142,24 @@ void format_target(const target &where, const volume_shape &shape, const std::st
         throw system_failure("format the volume", EINVAL);
     }
     const core::volume on = {&where.medium(), core::areas_of(wanted, layout, sectors)};
-    const std::string text = padded(label.empty() ? NO_NAME : label);
+    const std::string text = padded(identity.label.empty() ? NO_NAME : identity.label);
     std::array<u8, LABEL_SIZE> boot_label{};
     std::copy(text.begin(), text.end(), boot_label.begin());
-    write_volume(on, {.fats = wanted.fats,
-                      .root_entries = layout.root_entries(shape.sector_bytes),
-                      .volume_id = static_cast<u32>(current_time()),
-                      .label = boot_label});
-    set_label_entry(on, label);
+    core::boot_request request = {.fats = wanted.fats,
+                                  .root_entries = layout.root_entries(shape.sector_bytes),
+                                  .volume_id =
+                                      identity.volume_id.value_or(static_cast<u32>(current_time())),
+                                  .label = boot_label,
+                                  .media = identity.media,
+                                  .hidden_sectors = identity.hidden_sectors};
+    std::array<u8, core::PBR_OEM_NAME.size> oem_name{};
+    if (identity.oem_name) {
+        oem_name.fill(' ');
+        std::copy(identity.oem_name->begin(), identity.oem_name->end(), oem_name.begin());
+        request.oem_name = oem_name;
+    }
+    write_volume(on, request);
+    set_label_entry(on, identity.label);
 }
 
 deferred_boot_sector::deferred_boot_sector(target *where, u32 sector_bytes)

@@ -6,6 +6,7 @@
 #include "qvol/session.h"
 #include "qvol/volume_shape.h"
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,10 +15,27 @@ namespace qvol {
 // Returns the label. Throws usage_error if it is invalid.
 [[nodiscard]] std::string checked_label(const std::string &text);
 
+// What a new volume states about itself besides its areas.
+struct volume_identity {
+    std::string label;            // "": the boot sectors get "NO NAME", the root gets no entry
+    std::optional<u32> volume_id; // no value: the present time
+    std::optional<std::string> oem_name;
+    u32 media = core::MEDIA_FIXED;
+    u32 hidden_sectors = 0; // before the volume on its disk
+};
+
+// The number of "XXXX-XXXX" or "XXXXXXXX", in hexadecimal digits. Throws usage_error.
+[[nodiscard]] u32 parse_volume_id(const std::string &text);
+
+// A media byte, 0xF0 or 0xF8 to 0xFF. Throws usage_error.
+[[nodiscard]] u32 parse_media(const std::string &text);
+
+// Returns the name. Throws usage_error if it is longer than 8 characters, or not printable ASCII.
+[[nodiscard]] std::string checked_oem_name(const std::string &text);
+
 // Formats the target, which must have the length of the shape. Stores the label in the boot sectors
-// and the root directory. Without a label ("") the boot sectors get "NO NAME" and the root gets no
-// entry.
-void format_target(const target &where, const volume_shape &shape, const std::string &label);
+// and the root directory.
+void format_target(const target &where, const volume_shape &shape, const volume_identity &identity);
 
 // A volume on a device is built in place. Until release() the boot sector is buffered in memory and
 // the first sector of the device is zero, so an interrupted build leaves no volume instead of a

@@ -233,6 +233,46 @@ TEST_F(QvolBuildRefusal, TellsWhatIsWrongWithALabel) {
     }
 }
 
+// ---- other fields of the boot sector ----------------------------------------------------------
+
+TEST_F(QvolBuild, StatesWhatIsRequested) {
+    for (const std::string fat : {"16", "32"}) {
+        build_tree("auto", {"--fat", fat, "--volume-id", "1a2b-3C4D", "--oem", "MSWIN4.1",
+                            "--media", "0xF0", "--hidden-sectors", "2048"});
+        const json info = json::parse(said("info", {"--json"}));
+        EXPECT_EQ(info["serial"], "1A2B-3C4D");
+        EXPECT_EQ(info["oem_name"], "MSWIN4.1");
+        EXPECT_EQ(read_range(image_, 21, 1), bytes{0xF0});
+        EXPECT_EQ(read_range(image_, 28, 4), (bytes{0, 8, 0, 0}));
+        EXPECT_EQ(said("check", {"-q"}), ""); // the media byte is in FAT entry 0, too
+        EXPECT_NE(run({"mdir", "-i", image_, "::"}).out.find("Serial Number is 1A2B-3C4D"),
+                  std::string::npos);
+    }
+    build_tree("16M", {"--volume-id", "00000000", "--oem", "A", "--media", "ff"});
+    EXPECT_EQ(read_range(image_, 3, 8), (bytes{'A', ' ', ' ', ' ', ' ', ' ', ' ', ' '}));
+    EXPECT_EQ(read_range(image_, 39, 4), bytes(4));
+}
+
+TEST_F(QvolBuildRefusal, TellsWhatIsWrongWithAField) {
+    const std::tuple<const char *, const char *, const char *> cases[] = {
+        {"--volume-id", "", "--volume-id : not a number such as 1A2B-3C4D"},
+        {"--volume-id", "1A2B-3C4", "--volume-id 1A2B-3C4: not a number such as 1A2B-3C4D"},
+        {"--volume-id", "1A2B3-C4D", "--volume-id 1A2B3-C4D: not a number such as 1A2B-3C4D"},
+        {"--volume-id", "1A2B-3C4G", "--volume-id 1A2B-3C4G: not a number such as 1A2B-3C4D"},
+        {"--volume-id", "-1A2B3C4", "--volume-id -1A2B3C4: not a number such as 1A2B-3C4D"},
+        {"--oem", "", "--oem \"\": must be 1 to 8 printable ASCII characters"},
+        {"--oem", "NINE CHAR", "--oem \"NINE CHAR\": must be 1 to 8 printable ASCII characters"},
+        {"--oem", "\u00fc", "--oem \"\u00fc\": must be 1 to 8 printable ASCII characters"},
+        {"--media", "", "--media : must be 0xF0 or 0xF8 to 0xFF"},
+        {"--media", "0xF7", "--media 0xF7: must be 0xF0 or 0xF8 to 0xFF"},
+        {"--media", "0x1F8", "--media 0x1F8: must be 0xF0 or 0xF8 to 0xFF"},
+        {"--media", "F8h", "--media F8h: must be 0xF0 or 0xF8 to 0xFF"},
+    };
+    for (const auto &[option, value, why] : cases) {
+        EXPECT_EQ(refusal({"--size", "16M", option, value}, 2), std::string("qvol: ") + why + "\n");
+    }
+}
+
 // ---- reserved files, copies of the FAT, compacting ----------------------------------------------
 
 TEST_F(QvolBuild, MakesPoolAndLogBesideTheTree) {

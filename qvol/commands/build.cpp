@@ -31,6 +31,10 @@ struct build_options {
     std::string cluster;
     std::string page = "4K";
     std::optional<std::string> label;
+    std::optional<std::string> volume_id;
+    std::optional<std::string> oem_name;
+    std::optional<std::string> media;
+    u32 hidden_sectors = 0;
     u32 fat_type = 0;
     bool skips_special = false;
     bool is_short = false;
@@ -65,6 +69,24 @@ shape_request parse_shape(const build_options &options, u32 sector_bytes) {
         throw usage_error(fmt::format("--size {}: too small for a volume", options.size));
     }
     return request;
+}
+
+volume_identity parse_identity(const build_options &options) {
+    volume_identity identity;
+    if (options.label) {
+        identity.label = checked_label(*options.label);
+    }
+    if (options.volume_id) {
+        identity.volume_id = parse_volume_id(*options.volume_id);
+    }
+    if (options.oem_name) {
+        identity.oem_name = checked_oem_name(*options.oem_name);
+    }
+    if (options.media) {
+        identity.media = parse_media(*options.media);
+    }
+    identity.hidden_sectors = options.hidden_sectors;
+    return identity;
 }
 
 // ---- content ----
@@ -154,8 +176,8 @@ build_result describe(volume &vol, const std::string &path, const tree_totals &t
 build_result build_volume(const common_options &common, const build_options &options,
                           const volume_shape &shape, const std::vector<host_node> &nodes,
                           target &where) {
-    const std::string label = options.label.value_or("");
-    format_target(where, shape, label);
+    const volume_identity identity = parse_identity(options);
+    format_target(where, shape, identity);
     volume vol(where, common.encoding);
     if (options.leaves_copies) {
         vol.fat().leave_other_copies();
@@ -172,7 +194,7 @@ build_result build_volume(const common_options &common, const build_options &opt
         where.resize(std::min(where.size(), used_length(vol)));
     }
     vol.finish();
-    return describe(vol, common.image, totals, label);
+    return describe(vol, common.image, totals, identity.label);
 }
 
 // An existing image below the directory would contain itself.
@@ -244,11 +266,8 @@ bool is_block_device(const std::string &path) {
     return stat(path.c_str(), &status) == 0 && S_ISBLK(status.st_mode);
 }
 
-int run_build(const common_options &common, const build_options &given) {
-    build_options options = given;
-    if (options.label) {
-        options.label = checked_label(*options.label);
-    }
+int run_build(const common_options &common, const build_options &options) {
+    (void)parse_identity(options); // refused before anything else is looked at
     const build_result result = is_block_device(common.image) ? build_on_device(common, options)
                                                               : build_image(common, options);
     common.out.remark(totals_text(result.totals));
@@ -274,6 +293,12 @@ void add_shape_options(const declared_command &build, build_options *options) {
                "Size in bytes of the flash page that areas are aligned to; 0: no alignment")
         .shows_default();
     build.value("--label", &options->label, "Volume label, 11 characters at most");
+    build.value("--volume-id", &options->volume_id,
+                "Serial number, as 1A2B-3C4D (default: the present time)");
+    build.value("--oem", &options->oem_name, "OEM name, 8 characters at most");
+    build.value("--media", &options->media, "Media byte, 0xF0 or 0xF8 to 0xFF (default 0xF8)");
+    build.value("--hidden-sectors", &options->hidden_sectors,
+                "Number of sectors before the volume on its disk (default 0)");
 }
 
 void add_content_options(const declared_command &build, build_options *options) {
