@@ -1,8 +1,10 @@
 // Names, geometry and boot sectors of the engine.
 
 #include "core/boot_sector.h"
+#include "core/format.h"
 #include "core/geometry.h"
 #include "core/long_name.h"
+#include "tests/support/faults.h"
 
 #include <gtest/gtest.h>
 
@@ -240,6 +242,17 @@ TEST(Geometry, RequestsAreLaidOutOrRefused) {
         EXPECT_EQ(read.root_start, at.root_start);
         EXPECT_EQ(read.width, at.width);
     }
+}
+
+TEST(Format, NeedsMemoryForABuffer) {
+    const layout_request request = {16, 0, 512, 4, 512, 2};
+    std::vector<u8> content(32768 * std::size_t{512});
+    memory_medium memory(content);
+    const volume to = {&memory, areas_of(request, lay_out(request, 32768), 32768)};
+    const std::array<u8, 11> label = {};
+    const testing_support::failing_allocation no_memory(0);
+    EXPECT_EQ(format(to, {2, 512, 1, label}, {}), fault::NO_MEMORY);
+    EXPECT_EQ(content, std::vector<u8>(content.size()));
 }
 
 TEST(BootSector, ContradictionsAreFaults) {

@@ -8,6 +8,7 @@
 #include "core/record.h"
 #include "core/recorder.h"
 #include "core/slots.h"
+#include "tests/support/faults.h"
 #include "tests/support/read_only_file.h"
 
 #include <gtest/gtest.h>
@@ -442,7 +443,9 @@ public:
         }
         table fat(vol_.on);
         slot_walk walk(fat, chain_[0]);
-        ASSERT_TRUE(walk.reserve());
+        if (!walk.reserve()) {
+            return;
+        }
         chain_cursor cursor;
         cache.set_cursor(chain_[0], sector_index_of_slot(vol_.on, cache.walk_start()), &cursor);
         walk.start_from(cursor);
@@ -595,4 +598,30 @@ TEST(DirectoryCache, KnowsWhatAWalkFinds) {
     }
     EXPECT_GT(complete, 2000U);
     EXPECT_GT(given_up, 200U);
+}
+
+TEST(DirectoryCache, WithoutMemoryKnowsNothingWrong) {
+    bool struck = true;
+    u32 given_up = 0;
+    for (int allocations = 0; struck; allocations++) {
+        SCOPED_TRACE(allocations);
+        changing_directory dir;
+        for (u32 i = 0; i < 300; i++) {
+            dir.change();
+        }
+        dir.cache.clear();
+        {
+            const testing_support::failing_allocation fault(allocations);
+            dir.walk();
+            struck = fault.struck();
+        }
+        given_up += dir.cache.is_usable() ? 0 : 1;
+        for (int walks = 0; walks < 2; walks++) { // the second one has memory
+            if (dir.cache.is_complete()) {
+                dir.expect_same();
+            }
+            dir.walk();
+        }
+    }
+    EXPECT_GT(given_up, 2U);
 }
