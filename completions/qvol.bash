@@ -102,7 +102,7 @@ _qvol() {
     elif values=$(_qvol_values "$before"); then
         _qvol_offer "$typed" $values
     elif [[ $typed == -* ]]; then
-        _qvol_offer "$typed" --encoding --help -h --json --quiet -q --verbose -v \
+        _qvol_offer "$typed" --backup-boot --encoding --help -h --json --quiet -q --verbose -v \
             $(_qvol_options "$command")
     else
         _qvol_offer "$typed" $(_qvol_argument "$command" $((arguments + 1)))

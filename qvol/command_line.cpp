@@ -99,6 +99,8 @@ void add_common_options(const declared_command &command, common_options *common)
                  "Print only the requested output, and errors");
     command.flag("--verbose,-v", &common->out.is_verbose, "Print diagnostics as well");
     command.value("--encoding", &common->encoding, "Encoding of names on the host (default UTF-8)");
+    command.flag("--backup-boot", &common->uses_backup_boot,
+                 "Read FAT32 by the backup of its boot sector");
 }
 
 int run_and_report(const std::function<int()> &work) {
@@ -168,7 +170,11 @@ int command_line::run(int argc, char **argv) {
 
 int with_volume(const common_options &common, access wanted,
                 const std::function<int(volume &vol)> &work) {
-    const target where(common.image, wanted);
+    target where(common.image, wanted);
+    std::optional<backup_boot_sector> backup;
+    if (common.uses_backup_boot) {
+        backup.emplace(&where);
+    }
     volume vol(where, common.encoding);
     common.out.diagnose(areas_text(vol));
     try {

@@ -16,6 +16,7 @@
 
 #pragma once
 
+#include "qvol/error.h"
 #include "qvol/output.h"
 
 #include <functional>
@@ -37,7 +38,15 @@ namespace qvol {
 struct common_options {
     std::string image;
     std::string encoding = "UTF-8";
+    bool uses_backup_boot = false;
     output out;
+
+    // For a command that makes a new volume.
+    void refuse_backup_boot() const {
+        if (uses_backup_boot) {
+            throw usage_error("--backup-boot: only for commands that read");
+        }
+    }
 };
 
 // Name, summary and examples of a command, for the help.

@@ -269,6 +269,60 @@ void check_replaceable(const std::string &path) {
     refuse_mounted(status, path);
 }
 
+// ---- backup of the boot sector ----------------------------------------------------------------
+
+namespace {
+
+// The usual sector of the backup. The field that states another one is in the damaged sector.
+constexpr u64 BACKUP_SECTOR = 6;
+
+// No value if there is no backup of a volume with sectors of this size.
+std::optional<std::vector<u8>> read_backup(core::medium &from, u32 sector_bytes) {
+    std::vector<u8> sector(sector_bytes);
+    const core::s64 moved = from.read(BACKUP_SECTOR * sector_bytes, sector);
+    if (moved != static_cast<core::s64>(sector_bytes) || !core::is_boot_signature(sector.data())) {
+        return std::nullopt;
+    }
+    const core::boot_numbers numbers(sector.data());
+    core::areas at;
+    const bool is_backup =
+        core::read_areas(numbers, core::width_rule::FAT_SIZE, &at) == core::fault::NONE &&
+        at.width == 32 && at.sector_size == sector_bytes &&
+        numbers.backup_sector == BACKUP_SECTOR && unsupported_volume(sector).empty();
+    return is_backup ? std::optional(std::move(sector)) : std::nullopt;
+}
+
+std::vector<u8> find_backup(const target &where) {
+    if (where.is_writable()) {
+        throw usage_error("--backup-boot: only for commands that read");
+    }
+    for (u32 size = core::MIN_SECTOR_SIZE; size <= core::MAX_SECTOR_SIZE; size *= 2) {
+        std::optional<std::vector<u8>> backup = read_backup(where.medium(), size);
+        if (backup) {
+            return std::move(*backup);
+        }
+    }
+    throw error(fmt::format("cannot mount {}: no backup of a FAT32 boot sector found in sector {}",
+                            shown_bytes(where.path()), BACKUP_SECTOR));
+}
+
+} // namespace
+
+backup_boot_sector::backup_boot_sector(target *where)
+    : backup_boot_sector(where, find_backup(*where)) {}
+
+backup_boot_sector::backup_boot_sector(target *where, const std::vector<u8> &backup)
+    : where_(*where), own_(where->medium()), medium_(own_, static_cast<u32>(backup.size())) {
+    if (medium_.write(0, backup) != static_cast<core::s64>(backup.size())) {
+        throw system_failure("read " + shown_bytes(where_.path()), ENOMEM);
+    }
+    where_.replace_medium(&medium_);
+}
+
+backup_boot_sector::~backup_boot_sector() {
+    where_.replace_medium(&own_);
+}
+
 // ---- volume -----------------------------------------------------------------------------------
 
 volume::volume(const target &where, const std::string &encoding, required wanted)

@@ -8,6 +8,7 @@
 
 #pragma once
 
+#include "core/overlay.h"
 #include "core/resources.h"
 #include "qvol/boot_sector.h"
 #include "qvol/directory.h"
@@ -89,6 +90,24 @@ private:
     core::unique_fd fd_;
     target_medium own_medium_;
     core::medium *medium_ = &own_medium_;
+};
+
+// For a FAT32 volume whose boot sector is damaged: until the end of its life the backup is read in
+// place of the boot sector. Nothing is written.
+class backup_boot_sector {
+public:
+    // Throws error if the target has no backup of a boot sector, usage_error if it is writable.
+    explicit backup_boot_sector(target *where);
+    ~backup_boot_sector();
+    backup_boot_sector(const backup_boot_sector &) = delete;
+    backup_boot_sector &operator=(const backup_boot_sector &) = delete;
+
+private:
+    backup_boot_sector(target *where, const std::vector<u8> &backup);
+
+    target &where_;
+    core::medium &own_;
+    core::overlay_medium medium_; // holds the backup as sector 0
 };
 
 // Fields of the boot sector that are not part of the areas.

@@ -495,6 +495,45 @@ TEST_P(QvolHealthy, IsWrittenToWithEveryOptionOfOtherTools) {
     }
 }
 
+class QvolBackupBoot : public QvolImage, public testing::WithParamInterface<int> {};
+INSTANTIATE_TEST_SUITE_P(Sectors, QvolBackupBoot, testing::Values(512, 1024, 2048, 4096));
+
+TEST_P(QvolBackupBoot, TakesThePlaceOfADamagedBootSector) {
+    const std::string sector = std::to_string(GetParam());
+    image_ = scratch_.sparse_file("disk.img", std::uint64_t{2000} * GetParam());
+    ASSERT_EQ(run({"mkfs.fat", "-F", "32", "-s", "1", "-S", sector, image_}).status, 0);
+    const std::string file = host_file("file", std::string(5000, 'x'));
+    said("put", {file, "/"});
+    const std::string listed = said("ls", {"-l"});
+    std::fstream(image_, std::ios::binary | std::ios::in | std::ios::out) << std::string(512, '?');
+    const bytes before = read_file(image_);
+    EXPECT_EQ(qvol("ls").status, 1);
+    EXPECT_EQ(said("ls", {"-l", "--backup-boot"}), listed);
+    EXPECT_EQ(said("cat", {"/file", "--backup-boot"}), std::string(5000, 'x'));
+    EXPECT_EQ(said("check", {"-q", "--backup-boot"}), "");
+    for (const std::vector<std::string> &writing :
+         std::vector<std::vector<std::string>>{{"put", image_, file, "/"},
+                                               {"check", image_, "--repair"},
+                                               {"build", image_, "--size", "16M", "--force"},
+                                               {"compact", image_}}) {
+        std::vector<std::string> command = writing;
+        command.emplace_back("--backup-boot");
+        EXPECT_EQ(run_qvol(command),
+                  (outcome{2, "", "qvol: --backup-boot: only for commands that read\n"}))
+            << writing[0];
+    }
+    EXPECT_TRUE(has_content(image_, before));
+    // The backup is damaged, too.
+    std::fstream image(image_, std::ios::binary | std::ios::in | std::ios::out);
+    image.seekp(6 * GetParam() + 13);
+    image.put('\0');
+    image.close();
+    EXPECT_EQ(qvol("ls", {"--backup-boot"}),
+              (outcome{1, "",
+                       "qvol: cannot mount " + image_ +
+                           ": no backup of a FAT32 boot sector found in sector 6\n"}));
+}
+
 class QvolFloppy : public QvolImage {
 protected:
     QvolFloppy() {

@@ -267,6 +267,7 @@ bool is_block_device(const std::string &path) {
 }
 
 int run_build(const common_options &common, const build_options &options) {
+    common.refuse_backup_boot();
     (void)parse_identity(options); // refused before anything else is checked
     const build_result result = is_block_device(common.image) ? build_on_device(common, options)
                                                               : build_image(common, options);

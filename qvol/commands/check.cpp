@@ -77,7 +77,11 @@ void print_result(const common_options &common, const check_result &result, bool
 
 int run_check(const common_options &common, const check_options &options) {
     const bool repairs = options.repairs;
-    const target where(common.image, repairs ? access::WRITE : access::READ);
+    target where(common.image, repairs ? access::WRITE : access::READ);
+    std::optional<backup_boot_sector> backup;
+    if (common.uses_backup_boot) {
+        backup.emplace(&where);
+    }
     volume vol(where, common.encoding, required::AREAS);
     const check_result result = repairs ? repair_volume(vol) : check_volume(vol);
     const u64 left = static_cast<u64>(

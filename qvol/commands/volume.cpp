@@ -58,6 +58,7 @@ int run_mirror(const common_options &common) {
 // ---- compact ----
 
 int run_compact(const common_options &common) {
+    common.refuse_backup_boot();
     target where(common.image, access::WRITE);
     if (where.is_device()) {
         throw error("cannot cut " + shown_bytes(common.image) +
