@@ -4,6 +4,7 @@
 
 #include "qvol/areas.h"
 #include "qvol/times.h"
+#include "qvol/whole_volume.h"
 
 #include <new>
 #include <sstream>
@@ -177,6 +178,9 @@ int with_volume(const common_options &common, access wanted,
     }
     volume vol(where, common.encoding);
     common.out.diagnose(areas_text(vol));
+    if (wanted == access::WRITE) {
+        refuse_truncated(vol);
+    }
     try {
         const int status = work(vol);
         if (wanted == access::WRITE) {

@@ -1,6 +1,7 @@
 #include "qvol/whole_volume.h"
 
 #include "qvol/file_data.h"
+#include "qvol/output.h"
 #include "qvol/sectors.h"
 
 #include <fmt/core.h>
@@ -91,6 +92,18 @@ u64 used_length(volume &vol) {
     const u64 sectors =
         highest == 0 ? on.at.data_start : on.sector_of(highest) + on.at.sectors_per_cluster;
     return sectors * on.at.sector_size;
+}
+
+void refuse_truncated(volume &vol) {
+    const u64 size = vol.where().size();
+    const u64 volume_bytes = u64{vol.on().at.total_sectors} * vol.on().at.sector_size;
+    if (vol.where().is_device() || size >= volume_bytes || size >= used_length(vol)) {
+        return;
+    }
+    throw error(fmt::format(
+        "cannot write to {}: the image is truncated: it has {}, its content ends "
+        "at {}",
+        shown_bytes(vol.where().path()), shown_size(size), shown_size(used_length(vol))));
 }
 
 } // namespace qvol

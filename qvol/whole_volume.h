@@ -22,4 +22,8 @@ void make_reserved_file(volume &vol, const reserved_file &file);
 // Bytes from the start of the image to the end of the last cluster in use.
 [[nodiscard]] u64 used_length(volume &vol);
 
+// Throws error if an image file ends before its content: a write would extend it, and what is lost
+// would read as zeros. An image that was only cut past its content may grow.
+void refuse_truncated(volume &vol);
+
 } // namespace qvol

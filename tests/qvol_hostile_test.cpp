@@ -495,6 +495,41 @@ TEST_P(QvolHealthy, IsWrittenToWithEveryOptionOfOtherTools) {
     }
 }
 
+class QvolTruncated : public QvolImage, public testing::WithParamInterface<const char *> {};
+INSTANTIATE_TEST_SUITE_P(Fat, QvolTruncated, testing::ValuesIn(BOTH_WIDTHS),
+                         [](const auto &tested) { return std::string(tested.param); });
+
+TEST_P(QvolTruncated, IsReadAndNotWrittenTo) {
+    image_ = scratch_.file("disk.img");
+    const std::string file = host_file("file", std::string(200000, 'x'));
+    ASSERT_EQ(run_qvol({"build", image_, "--size", "300M", "--fat", GetParam()}).status, 0);
+    said("put", {file, "/first"});
+    said("put", {file, "/second"});
+    said("compact");
+    const std::uint64_t used = std::filesystem::file_size(image_);
+    said("put", {file, "/third"}); // a compacted image grows
+    said("rm", {"/third"});
+    std::filesystem::resize_file(image_, used - 16384);
+    const bytes before = read_file(image_);
+    EXPECT_EQ(said("cat", {"/first"}), std::string(200000, 'x'));
+    EXPECT_EQ(qvol("cat", {"/second"}).status, 1);
+    for (const std::vector<std::string> &arguments :
+         std::vector<std::vector<std::string>>{{"put", file, "/"},
+                                               {"mkdir", "/d"},
+                                               {"mv", "/first", "/f"},
+                                               {"rm", "/first"},
+                                               {"ln", "/tmp", "/l"},
+                                               {"pool"},
+                                               {"mirror"}}) {
+        const outcome result = qvol(arguments[0], {arguments.begin() + 1, arguments.end()});
+        EXPECT_EQ(result.status, 1) << arguments[0];
+        EXPECT_TRUE(result.err.starts_with("qvol: cannot write to " + image_ +
+                                           ": the image is truncated: it has "))
+            << arguments[0] << result;
+    }
+    EXPECT_TRUE(has_content(image_, before));
+}
+
 class QvolBackupBoot : public QvolImage, public testing::WithParamInterface<int> {};
 INSTANTIATE_TEST_SUITE_P(Sectors, QvolBackupBoot, testing::Values(512, 1024, 2048, 4096));
 
