@@ -494,7 +494,7 @@ private:
         return vol_.on.sector_of(chain_[slot * DENTRY_SIZE / SECTOR]);
     }
     [[nodiscard]] u8 *slot(u32 index) {
-        return &vol_.content[u64{sector_of(index)} * SECTOR + index * DENTRY_SIZE % SECTOR];
+        return &vol_.content[std::size_t{sector_of(index)} * SECTOR + index * DENTRY_SIZE % SECTOR];
     }
     bool is_long(u32 index) {
         return kind_of(slot(index)) == slot_kind::LONG_NAME;
