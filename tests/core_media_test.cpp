@@ -174,9 +174,9 @@ TEST(Overlay, PassesOnWritesPastItsEnd) {
     EXPECT_EQ(overlay.write(0, bytes(3 * UNIT, 5)), 3 * UNIT);
     EXPECT_EQ(overlay.write(3 * UNIT, bytes(2 * UNIT, 6)), UNIT);
     EXPECT_EQ(overlay.held_bytes(), UNIT);
-    EXPECT_EQ(std::count(below.begin(), below.end(), 0), UNIT);
+    EXPECT_EQ(static_cast<u32>(std::count(below.begin(), below.end(), 0)), UNIT);
     EXPECT_EQ(overlay.commit(), 0);
-    EXPECT_EQ(std::count(below.begin(), below.end(), 5), 3 * UNIT);
+    EXPECT_EQ(static_cast<u32>(std::count(below.begin(), below.end(), 5)), 3 * UNIT);
 }
 
 TEST(Overlay, HoldsItsChangesAfterAFailure) {
