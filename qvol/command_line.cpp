@@ -172,10 +172,7 @@ int command_line::run(int argc, char **argv) {
 int with_volume(const common_options &common, access wanted,
                 const std::function<int(volume &vol)> &work) {
     target where(common.image, wanted);
-    std::optional<backup_boot_sector> backup;
-    if (common.uses_backup_boot) {
-        backup.emplace(&where);
-    }
+    const auto backup = common.open_backup_boot(&where);
     volume vol(where, common.encoding);
     common.out.diagnose(areas_text(vol));
     if (wanted == access::WRITE) {

@@ -41,7 +41,14 @@ struct common_options {
     bool uses_backup_boot = false;
     output out;
 
-    // For a command that makes a new volume.
+    // If requested, the backup takes the place of the boot sector while the result lives.
+    [[nodiscard]] std::unique_ptr<backup_boot_sector> open_backup_boot(target *where) const {
+        if (where->is_writable()) {
+            refuse_backup_boot();
+        }
+        return uses_backup_boot ? std::make_unique<backup_boot_sector>(where) : nullptr;
+    }
+    // For a command that writes.
     void refuse_backup_boot() const {
         if (uses_backup_boot) {
             throw usage_error("--backup-boot: only for commands that read");

@@ -293,9 +293,6 @@ std::optional<std::vector<u8>> read_backup(core::medium &from, u32 sector_bytes)
 }
 
 std::vector<u8> find_backup(const target &where) {
-    if (where.is_writable()) {
-        throw usage_error("--backup-boot: only for commands that read");
-    }
     for (u32 size = core::MIN_SECTOR_SIZE; size <= core::MAX_SECTOR_SIZE; size *= 2) {
         std::optional<std::vector<u8>> backup = read_backup(where.medium(), size);
         if (backup) {

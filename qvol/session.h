@@ -96,7 +96,7 @@ private:
 // place of the boot sector. Nothing is written.
 class backup_boot_sector {
 public:
-    // Throws error if the target has no backup of a boot sector, usage_error if it is writable.
+    // Throws error if the target, which is not writable, has no backup of a boot sector.
     explicit backup_boot_sector(target *where);
     ~backup_boot_sector();
     backup_boot_sector(const backup_boot_sector &) = delete;

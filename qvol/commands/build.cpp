@@ -35,6 +35,7 @@ struct build_options {
     std::optional<std::string> oem_name;
     std::optional<std::string> media;
     u32 hidden_sectors = 0;
+    volume_identity identity; // from the five options above, when they have been checked
     u32 fat_type = 0;
     bool skips_special = false;
     bool is_short = false;
@@ -176,8 +177,7 @@ build_result describe(volume &vol, const std::string &path, const tree_totals &t
 build_result build_volume(const common_options &common, const build_options &options,
                           const volume_shape &shape, const std::vector<host_node> &nodes,
                           target &where) {
-    const volume_identity identity = parse_identity(options);
-    format_target(where, shape, identity);
+    format_target(where, shape, options.identity);
     volume vol(where, common.encoding);
     if (options.leaves_copies) {
         vol.fat().leave_other_copies();
@@ -194,7 +194,7 @@ build_result build_volume(const common_options &common, const build_options &opt
         where.resize(std::min(where.size(), used_length(vol)));
     }
     vol.finish();
-    return describe(vol, common.image, totals, identity.label);
+    return describe(vol, common.image, totals, options.identity.label);
 }
 
 // An existing image below the directory would contain itself.
@@ -266,9 +266,10 @@ bool is_block_device(const std::string &path) {
     return stat(path.c_str(), &status) == 0 && S_ISBLK(status.st_mode);
 }
 
-int run_build(const common_options &common, const build_options &options) {
+int run_build(const common_options &common, const build_options &given) {
     common.refuse_backup_boot();
-    (void)parse_identity(options); // refused before anything else is checked
+    build_options options = given;
+    options.identity = parse_identity(options);
     const build_result result = is_block_device(common.image) ? build_on_device(common, options)
                                                               : build_image(common, options);
     common.out.remark(totals_text(result.totals));

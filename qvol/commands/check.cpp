@@ -78,10 +78,7 @@ void print_result(const common_options &common, const check_result &result, bool
 int run_check(const common_options &common, const check_options &options) {
     const bool repairs = options.repairs;
     target where(common.image, repairs ? access::WRITE : access::READ);
-    std::optional<backup_boot_sector> backup;
-    if (common.uses_backup_boot) {
-        backup.emplace(&where);
-    }
+    const auto backup = common.open_backup_boot(&where);
     volume vol(where, common.encoding, required::AREAS);
     const check_result result = repairs ? repair_volume(vol) : check_volume(vol);
     const u64 left = static_cast<u64>(

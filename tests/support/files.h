@@ -119,6 +119,9 @@ inline std::uint64_t size_or_zero(const std::string &path) {
 }
 
 inline bytes read_range(const std::string &path, std::uint64_t offset, std::size_t size) {
+    if (std::filesystem::exists(path) && !std::filesystem::is_regular_file(path)) {
+        throw std::runtime_error(path + " has no holes: not a regular file");
+    }
     const std::uint64_t end = std::min<std::uint64_t>(size_or_zero(path), offset + size);
     bytes result(end > offset ? end - offset : 0);
     for_each_part(path, offset, end, [&](std::uint64_t at, std::span<const std::uint8_t> part) {
