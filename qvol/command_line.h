@@ -41,7 +41,7 @@ struct common_options {
     bool uses_backup_boot = false;
     output out;
 
-    // If requested, the backup takes the place of the boot sector while the result lives.
+    // If requested, the backup is read instead of the boot sector while the result lives.
     [[nodiscard]] std::unique_ptr<backup_boot_sector> open_backup_boot(target *where) const {
         if (where->is_writable()) {
             refuse_backup_boot();
