@@ -25,7 +25,7 @@ _qvol_values() {
     --cluster) echo 512 1K 2K 4K 8K 16K 32K ;;
     --dir | --hidden-sectors | --label | --oem | --volume-id) echo any ;;
     --encoding) echo UTF-8 ISO-8859-1 ISO-8859-15 CP437 CP850 CP1252 EUC-JP SHIFT-JIS GB18030 ;;
-    --fat) echo 16 32 ;;
+    --fat) echo auto 12 16 32 ;;
     --from) echo directories ;;
     --media) echo 0xF0 0xF8 ;;
     --page) echo 0 2K 4K 8K 16K ;;

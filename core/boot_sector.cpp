@@ -78,7 +78,7 @@ void store_common_block(u8 *boot, const areas &at, const boot_request &request) 
     store(boot, PBR_HIDDEN_SECTORS, request.hidden_sectors);
 }
 
-void store_fat16_block(u8 *boot, const areas &at, u32 root_entries) {
+void store_root_area_block(u8 *boot, const areas &at, u32 root_entries) {
     store(boot, PBR_ROOT_ENTRIES, root_entries);
     store(boot, PBR_FAT_SIZE_16, at.fat_sectors);
     if (at.total_sectors <= MAX_TOTAL_SECTORS_16) {
@@ -96,16 +96,12 @@ void store_fat32_block(u8 *boot, const areas &at) {
     store(boot, PBR32_BACKUP_SECTOR, at.fat_start > NEW_BACKUP_SECTOR ? NEW_BACKUP_SECTOR : 0);
 }
 
-void store_extended_record(u8 *record, bool is_fat32, const boot_request &request) {
+void store_extended_record(u8 *record, u32 width, const boot_request &request) {
     store(record, EBR_DRIVE_NUMBER, 0);
     store(record, EBR_BOOT_SIGNATURE, EXTENDED_BOOT_SIGNATURE);
     store(record, EBR_VOLUME_ID, request.volume_id);
     std::memcpy(record + EBR_VOLUME_LABEL.offset, request.label.data(), request.label.size());
-    if (is_fat32) {
-        store_text(record, EBR_TYPE, "FAT32   ");
-    } else {
-        store_text(record, EBR_TYPE, "FAT16   ");
-    }
+    store_text(record, EBR_TYPE, width == 12 ? "FAT12   " : width == 32 ? "FAT32   " : "FAT16   ");
 }
 
 } // namespace
@@ -162,9 +158,9 @@ void store_boot_sector(u8 *boot, const areas &at, const boot_request &request) {
     if (is_fat32) {
         store_fat32_block(boot, at);
     } else {
-        store_fat16_block(boot, at, request.root_entries);
+        store_root_area_block(boot, at, request.root_entries);
     }
-    store_extended_record(boot + (is_fat32 ? EBR_OFFSET_FAT32 : EBR_OFFSET_FAT16), is_fat32,
+    store_extended_record(boot + (is_fat32 ? EBR_OFFSET_FAT32 : EBR_OFFSET_FAT16), at.width,
                           request);
     store(boot, PBR_SIGNATURE, BOOT_SIGNATURE);
 }

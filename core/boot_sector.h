@@ -48,12 +48,6 @@ struct boot_numbers {
 // Whether a volume can have sectors of that size.
 [[nodiscard]] bool is_sector_size(u32 bytes);
 
-// What decides the width of the FAT entries.
-enum class width_rule {
-    CLUSTER_COUNT, // alone. A FAT32 volume with few clusters is refused.
-    FAT_SIZE,      // as kernels do: without a 16-bit FAT size FAT32, else FAT12 or FAT16 by count
-};
-
 // The areas that the numbers describe. Faults: BOOT_NUMBERS, FEW_CLUSTERS; `at` then has the values
 // that were read before. Intentional: FAT16 by its count, but without the root area that FAT16 has,
 // is refused: it is FAT32 with too few clusters, would seem empty, and writing would destroy it.
@@ -62,7 +56,7 @@ enum class width_rule {
 // What the boot sector of a new volume states besides its areas.
 struct boot_request {
     u32 fats;
-    u32 root_entries; // of FAT16
+    u32 root_entries; // of FAT12 and FAT16
     u32 volume_id;
     std::span<const u8, EBR_VOLUME_LABEL.size> label;
     std::span<const u8, PBR_OEM_NAME.size> oem_name = OWN_OEM_NAME;

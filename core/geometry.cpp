@@ -7,6 +7,7 @@ namespace core {
 
 namespace {
 
+constexpr u32 FAT12_MAX_CLUSTERS = FAT16_MIN_CLUSTERS - 1;
 constexpr u32 FAT16_MAX_CLUSTERS = FAT32_MIN_CLUSTERS - 1;
 constexpr u32 FAT32_MAX_CLUSTERS = 268435438; // 0x0FFFFFEE
 constexpr u32 BYTE_MAX = 0xFF;                // limit of a one-byte field of the boot sector
@@ -17,6 +18,18 @@ u32 shift_of(u32 power_of_two) {
     return static_cast<u32>(std::countr_zero(power_of_two));
 }
 
+// The numbers of clusters that a volume of one width can have.
+struct width_limits {
+    u32 min_clusters;
+    u32 max_clusters;
+};
+constexpr width_limits FAT12_LIMITS = {1, FAT12_MAX_CLUSTERS};
+constexpr width_limits FAT16_LIMITS = {FAT16_MIN_CLUSTERS, FAT16_MAX_CLUSTERS};
+
+u32 min_fat32_clusters(const layout_request &request) {
+    return request.rule == width_rule::FAT_SIZE ? 1 : FAT32_MIN_CLUSTERS;
+}
+
 // One calculation: the request and the unit of alignment.
 struct calculation {
     const layout_request &request;
@@ -25,8 +38,8 @@ struct calculation {
     [[nodiscard]] u32 align(u32 sectors) const {
         return page_unit != 0 ? round_up_to(sectors, page_unit) : sectors;
     }
-    void size_fat(u32 entry_size, u32 limit, volume_layout *layout) const;
-    void try_fat16(u32 total_sectors, volume_layout *layout) const;
+    void size_fat(const width_limits &limits, volume_layout *layout) const;
+    void try_fat12_or_16(u32 width, u32 total_sectors, volume_layout *layout) const;
     void try_fat32(u32 total_sectors, volume_layout *layout) const;
 };
 
@@ -41,23 +54,34 @@ u32 page_unit_of(const layout_request &request, bool *ignores_page) {
 }
 
 // Sizes the FAT for the data area of the layout and subtracts all copies from that area.
-void calculation::size_fat(u32 entry_size, u32 limit, volume_layout *layout) const {
+void calculation::size_fat(const width_limits &limits, volume_layout *layout) const {
+    if (layout->data_sectors < 0) {
+        layout->why = layout_fault::NO_ROOM;
+        return;
+    }
+    constexpr u64 BITS_PER_BYTE = 8;
+    const u64 entry_bits = layout->width;
     const u64 data_bytes = static_cast<u64>(layout->data_sectors) * request.sector_size;
-    const u64 estimate = (data_bytes + 2ULL * entry_size * request.fats) /
-                         (request.cluster_bytes() + static_cast<u64>(entry_size) * request.fats);
+    const u64 estimate = (data_bytes * BITS_PER_BYTE + 2 * entry_bits * request.fats) /
+                         (request.cluster_bytes() * BITS_PER_BYTE + entry_bits * request.fats);
     // Two more entries: 0 and 1 do not describe clusters.
-    const u64 fat_bytes = entry_size * (estimate + 2);
+    const u64 fat_bytes = (entry_bits * (estimate + 2) + BITS_PER_BYTE - 1) / BITS_PER_BYTE;
     layout->fat_sectors = align(
         static_cast<u32>((fat_bytes + request.sector_size - 1) >> shift_of(request.sector_size)));
     layout->data_sectors -= static_cast<s64>(request.fats) * layout->fat_sectors;
     layout->clusters = layout->data_sectors >> shift_of(request.sectors_per_cluster);
-    const u64 entries = static_cast<u64>(layout->fat_sectors) * request.sector_size / entry_size;
-    layout->max_clusters = static_cast<u32>(std::min<u64>(entries - 2, limit));
+    const u64 entries = u64{layout->fat_sectors} * request.sector_size * BITS_PER_BYTE / entry_bits;
+    layout->max_clusters = static_cast<u32>(std::min<u64>(entries - 2, limits.max_clusters));
+    if (layout->clusters < limits.min_clusters) {
+        layout->why = layout_fault::FEW_CLUSTERS;
+    } else if (layout->clusters > layout->max_clusters) {
+        layout->why = layout_fault::MANY_CLUSTERS;
+    }
 }
 
-void calculation::try_fat16(u32 total_sectors, volume_layout *layout) const {
+void calculation::try_fat12_or_16(u32 width, u32 total_sectors, volume_layout *layout) const {
     const u32 root_bytes = request.root_entries * DENTRY_SIZE;
-    layout->width = 16;
+    layout->width = width;
     layout->root_sectors =
         align((root_bytes + request.sector_size - 1) >> shift_of(request.sector_size));
     if ((layout->root_sectors << shift_of(request.sector_size)) % ROOT_SIZE_MULTIPLE != 0) {
@@ -67,32 +91,14 @@ void calculation::try_fat16(u32 total_sectors, volume_layout *layout) const {
     layout->reserved = page_unit != 0 ? page_unit : FAT16_RESERVED_SECTORS;
     layout->data_sectors =
         static_cast<s64>(total_sectors) - (layout->root_sectors + layout->reserved);
-    if (layout->data_sectors < 0) {
-        layout->why = layout_fault::NO_ROOM_16;
-        return;
-    }
-    size_fat(FAT16_ENTRY_SIZE, FAT16_MAX_CLUSTERS, layout);
-    if (layout->clusters < FAT16_MIN_CLUSTERS) {
-        layout->why = layout_fault::FEW_CLUSTERS_16;
-    } else if (layout->clusters > layout->max_clusters) {
-        layout->why = layout_fault::MANY_CLUSTERS_16;
-    }
+    size_fat(width == 12 ? FAT12_LIMITS : FAT16_LIMITS, layout);
 }
 
 void calculation::try_fat32(u32 total_sectors, volume_layout *layout) const {
     layout->width = 32;
     layout->reserved = align(FAT32_RESERVED_SECTORS);
     layout->data_sectors = static_cast<s64>(total_sectors) - FAT32_RESERVED_SECTORS;
-    if (layout->data_sectors < 0) {
-        layout->why = layout_fault::NO_ROOM_32;
-        return;
-    }
-    size_fat(FAT32_ENTRY_SIZE, FAT32_MAX_CLUSTERS, layout);
-    if (layout->clusters < FAT32_MIN_CLUSTERS) {
-        layout->why = layout_fault::FEW_CLUSTERS_32;
-    } else if (layout->clusters > layout->max_clusters) {
-        layout->why = layout_fault::MANY_CLUSTERS_32;
-    }
+    size_fat({min_fat32_clusters(request), FAT32_MAX_CLUSTERS}, layout);
 }
 
 // Number of clusters after page alignment has enlarged the reserved area beyond the 32 sectors of
@@ -109,10 +115,10 @@ bool is_describable(const layout_request &request, const volume_layout &layout) 
     if (layout.reserved > WORD_MAX || layout.root_entries(request.sector_size) > WORD_MAX) {
         return false;
     }
-    if (layout.width == 16) {
+    if (layout.width != 32) {
         return layout.fat_sectors <= WORD_MAX && layout.root_sectors != 0;
     }
-    return clusters_left(request, layout) >= FAT32_MIN_CLUSTERS;
+    return clusters_left(request, layout) >= min_fat32_clusters(request);
 }
 
 } // namespace
@@ -126,7 +132,8 @@ u32 round_up_to(u32 x, u32 unit) {
 }
 
 bool layout_request::is_valid() const {
-    const bool width_known = width == 0 || width == 16 || width == 32;
+    const bool width_known =
+        width == 0 || width == 16 || width == 32 || (width == 12 && rule == width_rule::FAT_SIZE);
     const bool sector_known = std::has_single_bit(sector_size) && sector_size >= MIN_SECTOR_SIZE &&
                               sector_size <= MAX_SECTOR_SIZE;
     const bool cluster_known =
@@ -147,9 +154,9 @@ volume_layout lay_out(const layout_request &request, u32 total_sectors) {
     const calculation calculate = {request, page_unit};
     const volume_layout empty = layout;
     if (request.width != 32) {
-        calculate.try_fat16(total_sectors, &layout);
+        calculate.try_fat12_or_16(request.width == 12 ? 12 : 16, total_sectors, &layout);
     }
-    const bool is_too_large = layout.why == layout_fault::MANY_CLUSTERS_16 && request.width == 0;
+    const bool is_too_large = layout.why == layout_fault::MANY_CLUSTERS && request.width == 0;
     if (request.width == 32 || is_too_large) {
         layout = empty;
         calculate.try_fat32(total_sectors, &layout);

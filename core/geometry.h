@@ -22,12 +22,14 @@ inline constexpr u32 FAT32_RESERVED_SECTORS = 32;
 
 // What a new volume is to be. Sizes are in bytes.
 struct layout_request {
-    u32 width;     // 16 or 32; 0: FAT16 if the clusters fit, else FAT32
+    u32 width;     // 12, 16 or 32; 0: FAT16 if the clusters fit, else FAT32
     u32 page_size; // NAND page to which areas are aligned; 0: no alignment
     u32 sector_size;
     u32 sectors_per_cluster;
-    u32 root_entries; // of FAT16
+    u32 root_entries; // of FAT12 and FAT16
     u32 fats;         // copies of the FAT
+    // With FAT_SIZE also FAT12, and FAT32 with fewer clusters.
+    width_rule rule = width_rule::CLUSTER_COUNT;
 
     [[nodiscard]] u32 cluster_bytes() const {
         return sectors_per_cluster * sector_size;
@@ -38,17 +40,14 @@ struct layout_request {
     [[nodiscard]] bool is_valid() const;
 };
 
-// Why there is no such volume.
+// Why there is no such volume, of the width in the layout.
 enum class layout_fault : u8 {
     NONE,
-    INVALID,    // the request; also a result that the boot sector cannot describe
-    ODD_ROOT,   // the root directory of FAT16 is not a multiple of 1024 bytes
-    NO_ROOM_16, // the areas before the data do not fit
-    FEW_CLUSTERS_16,
-    MANY_CLUSTERS_16,
-    NO_ROOM_32,
-    FEW_CLUSTERS_32,
-    MANY_CLUSTERS_32,
+    INVALID,  // the request; also a result that the boot sector cannot describe
+    ODD_ROOT, // the root directory of FAT12 or FAT16 is not a multiple of 1024 bytes
+    NO_ROOM,  // the areas before the data do not fit
+    FEW_CLUSTERS,
+    MANY_CLUSTERS,
 };
 
 // The decision. After a fault, the numbers that led to it.

@@ -21,6 +21,12 @@ struct areas {
     u32 clusters = 0;     // number of data clusters
 };
 
+// What decides the width of the FAT entries.
+enum class width_rule {
+    CLUSTER_COUNT, // alone. A FAT32 volume with few clusters is refused.
+    FAT_SIZE,      // as kernels do: without a 16-bit FAT size FAT32, else FAT12 or FAT16 by count
+};
+
 // What the value of the FAT entry of a data cluster is.
 enum class link_kind : u8 {
     NEXT, // the number of the next cluster

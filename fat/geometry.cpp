@@ -95,6 +95,7 @@ namespace {
 // Returns 0 for a layout that is not refused, else a negative value after the reason.
 int refuse_layout(const fat_format_param *param, const core::volume_layout &layout) {
     const u32 cluster_size = request_of(param).cluster_bytes();
+    const bool is_wide = layout.width == 32;
     switch (layout.why) {
     case core::layout_fault::NONE:
         return 0;
@@ -104,23 +105,16 @@ int refuse_layout(const fat_format_param *param, const core::volume_layout &layo
     case core::layout_fault::ODD_ROOT: // Intentional: the message states 512
         report_at(REPORTER, __LINE__, "RdirSize is not even multiple of 512Bytes!\n\n");
         return -EINVAL;
-    case core::layout_fault::NO_ROOM_16:
-        refuse_small_for_fat16(param->sector_size, layout);
+    case core::layout_fault::NO_ROOM:
+        is_wide ? refuse_small_for_fat32(param->sector_size)
+                : refuse_small_for_fat16(param->sector_size, layout);
         return -EINVAL;
-    case core::layout_fault::FEW_CLUSTERS_16:
-        refuse_few_for_fat16(cluster_size, layout);
+    case core::layout_fault::FEW_CLUSTERS:
+        is_wide ? refuse_few_for_fat32(cluster_size, layout)
+                : refuse_few_for_fat16(cluster_size, layout);
         return -EINVAL;
-    case core::layout_fault::MANY_CLUSTERS_16:
-        refuse_many_for_fat16(cluster_size, layout);
-        return -EINVAL;
-    case core::layout_fault::NO_ROOM_32:
-        refuse_small_for_fat32(param->sector_size);
-        return -EINVAL;
-    case core::layout_fault::FEW_CLUSTERS_32:
-        refuse_few_for_fat32(cluster_size, layout);
-        return -EINVAL;
-    case core::layout_fault::MANY_CLUSTERS_32:
-        refuse_many_for_fat32(layout);
+    case core::layout_fault::MANY_CLUSTERS:
+        is_wide ? refuse_many_for_fat32(layout) : refuse_many_for_fat16(cluster_size, layout);
         return -EINVAL;
     }
     report_bare("assertion failed %s:%d\n", REPORTER, __LINE__); // there is no other reason

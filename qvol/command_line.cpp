@@ -30,11 +30,6 @@ const declared_option &declared_option::one_of(std::initializer_list<const char 
     return *this;
 }
 
-const declared_option &declared_option::one_of(std::initializer_list<int> numbers) const {
-    option_->check(CLI::IsMember(numbers));
-    return *this;
-}
-
 const declared_option &declared_option::range(u32 least, u32 most) const {
     option_->check(CLI::Range(least, most));
     return *this;

@@ -199,17 +199,28 @@ TEST(Geometry, RequestsAreLaidOutOrRefused) {
         u32 sectors;
         u32 page;
         layout_fault why;
+        width_rule rule = width_rule::CLUSTER_COUNT;
     };
     const row rows[] = {
+        {12, 256, 0, layout_fault::NONE, width_rule::FAT_SIZE},
+        {12, 256, 4096, layout_fault::NONE, width_rule::FAT_SIZE},
+        {12, 16384, 8192, layout_fault::NONE, width_rule::FAT_SIZE}, // 4,084 clusters or a few less
+        {12, 32, 0, layout_fault::NO_ROOM, width_rule::FAT_SIZE},
+        {12, 36, 0, layout_fault::FEW_CLUSTERS, width_rule::FAT_SIZE},
+        {12, 16500, 0, layout_fault::MANY_CLUSTERS, width_rule::FAT_SIZE},
+        {32, 128, 0, layout_fault::NONE, width_rule::FAT_SIZE},
+        {32, 32768, 4096, layout_fault::NONE, width_rule::FAT_SIZE},
+        {32, 1048576, 4096, layout_fault::NONE, width_rule::FAT_SIZE},
+        {32, 36, 0, layout_fault::FEW_CLUSTERS, width_rule::FAT_SIZE},
         {16, 32768, 0, layout_fault::NONE},
         {16, 32768, 4096, layout_fault::NONE},
         {32, 1048576, 16384, layout_fault::NONE},
         {0, 1048576, 0, layout_fault::NONE},
-        {16, 20, 0, layout_fault::NO_ROOM_16},
-        {16, 1000, 0, layout_fault::FEW_CLUSTERS_16},
-        {16, 1048576, 0, layout_fault::MANY_CLUSTERS_16},
-        {32, 20, 0, layout_fault::NO_ROOM_32},
-        {32, 32768, 0, layout_fault::FEW_CLUSTERS_32},
+        {16, 20, 0, layout_fault::NO_ROOM},
+        {16, 1000, 0, layout_fault::FEW_CLUSTERS},
+        {16, 1048576, 0, layout_fault::MANY_CLUSTERS},
+        {32, 20, 0, layout_fault::NO_ROOM},
+        {32, 32768, 0, layout_fault::FEW_CLUSTERS},
     };
     for (const row &r : rows) {
         const layout_request request = {.width = r.width,
@@ -217,7 +228,8 @@ TEST(Geometry, RequestsAreLaidOutOrRefused) {
                                         .sector_size = 512,
                                         .sectors_per_cluster = 4,
                                         .root_entries = 512,
-                                        .fats = 2};
+                                        .fats = 2,
+                                        .rule = r.rule};
         ASSERT_TRUE(request.is_valid());
         const volume_layout layout = lay_out(request, r.sectors);
         EXPECT_EQ(layout.why, r.why) << r.width << " " << r.sectors;
@@ -236,7 +248,7 @@ TEST(Geometry, RequestsAreLaidOutOrRefused) {
         store_boot_sector(boot, at, {request.fats, layout.root_entries(512), 1, label});
         areas read;
         EXPECT_TRUE(is_boot_signature(boot));
-        EXPECT_EQ(read_areas(boot_numbers(boot), width_rule::CLUSTER_COUNT, &read), fault::NONE);
+        EXPECT_EQ(read_areas(boot_numbers(boot), r.rule, &read), fault::NONE);
         EXPECT_EQ(read.clusters, at.clusters);
         EXPECT_EQ(read.data_start, at.data_start);
         EXPECT_EQ(read.root_start, at.root_start);

@@ -258,7 +258,7 @@ TEST_F(QvolBuildDevice, RefusesWhatTheDeviceCannotBe) {
         build({"--size", "41M"}),
         (outcome{1, "", "qvol: --size 41M: larger than " + image_ + ", which has 40.0 MiB\n"}));
     EXPECT_EQ(build({"--compact"}).status, 2);
-    EXPECT_EQ(build({"--fat", "32", "--cluster", "4K", "--from", tree_}).status, 1);
+    EXPECT_EQ(build({"--fat", "16", "--cluster", "512", "--from", tree_}).status, 1);
     (void)scratch_.sparse_file("tree/file", 50 << 20);
     const outcome full = build({"--from", tree_});
     EXPECT_EQ(full.status, 1);

@@ -348,7 +348,7 @@ TEST_F(QvolBuild, TakesTheSizeThatIsGiven) {
     }
 }
 
-// One sector less, and the tree does not fit, whatever the cluster size and the FAT width.
+// One sector less, and the tree does not fit, whatever the cluster size.
 TEST_F(QvolBuild, FindsTheSmallestImage) {
     std::mt19937 random(20251107);
     const auto below = [&](unsigned end) { return static_cast<unsigned>(random() % end); };
@@ -363,11 +363,13 @@ TEST_F(QvolBuild, FindsTheSmallestImage) {
         }
         std::vector<std::string> options = {"--page", round % 3 == 0 ? "0" : "4K"};
         const std::vector<std::string> more[] = {
-            {}, {"--pool", "--log"}, {"--fat", "32"}, {"--cluster", "2K"}};
+            {}, {"--pool", "--log"}, {"--cluster", "4K"}, {"--cluster", "2K"}};
         options.insert(options.end(), more[round % 4].begin(), more[round % 4].end());
         build_tree("auto", options);
         const std::uint64_t size = std::filesystem::file_size(image_);
-        options.insert(options.end(), {"--from", tree_, "--force", "--size"});
+        const std::string width =
+            std::to_string(json::parse(said("info", {"--json"}))["fat_type"].get<int>());
+        options.insert(options.end(), {"--from", tree_, "--force", "--fat", width, "--size"});
         options.push_back(std::to_string(size - 512));
         const outcome smaller = build(options);
         EXPECT_EQ(smaller.status, 1) << smaller;
@@ -378,9 +380,23 @@ TEST_F(QvolBuild, FindsTheSmallestImage) {
 }
 
 TEST_F(QvolBuild, FindsTheSmallestImageOfAll) {
-    build_tree("auto", {"--page", "0"});
+    const auto size_of = [&](std::vector<std::string> options) {
+        build_tree("auto", std::move(options));
+        expect_clean();
+        return std::filesystem::file_size(image_);
+    };
+    EXPECT_EQ(size_of({}), 64 * 1024);
+    EXPECT_EQ(json::parse(said("info", {"--json"}))["fat_type"], 12);
     // 1 reserved sector, FATs of 16, 32 of the root directory, 4085 clusters
-    EXPECT_EQ(std::filesystem::file_size(image_), (1 + 2 * 16 + 32 + 4085) * 512);
+    EXPECT_EQ(size_of({"--page", "0", "--fat", "16"}), (1 + 2 * 16 + 32 + 4085) * 512);
+    EXPECT_GT(size_of({"--pool"}), 2 << 20); // its driver reads no FAT12
+    // What fills most of the smallest FAT16 is FAT16.
+    (void)scratch_.sparse_file("tree/file", 4084 * 512);
+    EXPECT_LT(size_of({"--page", "0"}), (1 + 2 * 12 + 32 + 4085) * 512);
+    EXPECT_EQ(json::parse(said("info", {"--json"}))["fat_type"], 12);
+    (void)scratch_.sparse_file("tree/more", 1);
+    EXPECT_EQ(size_of({"--page", "0"}), (1 + 2 * 16 + 32 + 4085) * 512);
+    EXPECT_EQ(json::parse(said("info", {"--json"}))["fat_type"], 16);
 }
 
 // The last free byte can be used.
@@ -437,12 +453,54 @@ TEST_F(QvolBuild, TakesFat32WhereTheRootDirectoryIsLong) {
     EXPECT_EQ(build({"--size", "40M", "--from", tree_, "--fat", "16", "--force"}),
               (outcome{1, "",
                        "qvol: no space in the root directory: " + tree_ +
-                           " needs 600 entries, FAT16 has 512; use --fat 32\n"}));
+                           " needs 600 entries, FAT12 and FAT16 have 512; use --fat 32\n"}));
     EXPECT_EQ(build({"--size", "8M", "--from", tree_, "--force"}),
               (outcome{1, "",
                        "qvol: no space in the root directory: " + tree_ +
-                           " needs 600 entries, FAT16 has 512; use --size 33M\n"}));
+                           " needs 600 entries, FAT12 and FAT16 have 512; use --size 33M\n"}));
     build_tree("33M");
+}
+
+// Volumes of all widths, each area on its page, also where FAT32 has few clusters.
+TEST_F(QvolBuild, LaysOutEveryWidthOnPages) {
+    const std::string content(30000, 'x');
+    tree_file("a file with a long name", content);
+    for (const int width : {12, 16, 32}) {
+        for (const char *size : {"128K", "700K", "20M", "40M"}) {
+            for (const char *page : {"0", "2K", "16K"}) {
+                for (const char *sector : {"512", "4K"}) {
+                    const std::vector<std::string> options = {"--fat",    std::to_string(width),
+                                                              "--page",   page,
+                                                              "--sector", sector,
+                                                              "--size",   size,
+                                                              "--from",   tree_,
+                                                              "--force"};
+                    SCOPED_TRACE(testing::PrintToString(options));
+                    const outcome made = build(options);
+                    const bool is_possible = width != 16 || size[2] == 'M';
+                    if (!is_possible || made.status != 0) {
+                        EXPECT_EQ(made.status, 1) << made;
+                        EXPECT_TRUE(width == 16 || size == std::string("128K")) << made;
+                        continue;
+                    }
+                    expect_clean();
+                    EXPECT_EQ(said("cat", {"/a file with a long name"}), content);
+                    const json info = json::parse(said("info", {"--json"}));
+                    EXPECT_EQ(info["fat_type"], width);
+                    EXPECT_EQ(made.out.find(" clusters: Linux and most firmware read it") !=
+                                  std::string::npos,
+                              width == 32 && info["clusters"] < 65525)
+                        << made;
+                    const std::uint64_t page_bytes = std::stoull(page) * 1024;
+                    for (const json &area : info["areas"]) {
+                        if (page_bytes != 0) {
+                            EXPECT_EQ(area["offset"].get<std::uint64_t>() % page_bytes, 0U) << area;
+                        }
+                    }
+                }
+            }
+        }
+    }
 }
 
 TEST_F(QvolBuild, ChoosesTheUsualClusterSizeAndOneThatFits) {
@@ -451,7 +509,11 @@ TEST_F(QvolBuild, ChoosesTheUsualClusterSizeAndOneThatFits) {
         const json info = json::parse(said("info", {"--json"}));
         return std::pair<int, int>(info["fat_type"], info["cluster_size"]);
     };
+    EXPECT_EQ(cluster_of("64K"), std::pair(12, 4096));
+    EXPECT_EQ(cluster_of("2M"), std::pair(12, 4096));
     EXPECT_EQ(cluster_of("3M"), std::pair(16, 512));
+    EXPECT_EQ(cluster_of("3M", {"--fat", "12"}), std::pair(12, 4096));
+    EXPECT_EQ(cluster_of("32M", {"--fat", "32"}), std::pair(32, 4096)); // small
     EXPECT_EQ(cluster_of("10M"), std::pair(16, 2048));
     EXPECT_EQ(cluster_of("64M"), std::pair(16, 4096));
     EXPECT_EQ(cluster_of("64M", {"--fat", "32"}), std::pair(32, 512));
@@ -462,20 +524,22 @@ TEST_F(QvolBuild, ChoosesTheUsualClusterSizeAndOneThatFits) {
 }
 
 TEST_F(QvolBuildRefusal, TellsWhatDoesNotGoTogether) {
-    const std::string rule = ": FAT16 has 4085 to 65524 clusters, FAT32 65525 to 268435438; use ";
+    const std::string rule =
+        ": FAT12 has 1 to 4084 clusters, FAT16 4085 to 65524, FAT32 65525 to 268435438; use ";
     const std::pair<std::vector<std::string>, std::string> cases[] = {
-        {{"--size", "10M", "--cluster", "32K"},
-         "a volume of 10.0 MiB cannot be FAT16 or FAT32 with clusters of 32.0 KiB" + rule +
-             "--cluster 2K"},
-        {{"--size", "10M", "--fat", "32"},
-         "a volume of 10.0 MiB cannot be FAT32" + rule + "--fat 16"},
+        {{"--size", "10M", "--cluster", "32K", "--fat", "16"},
+         "a volume of 10.0 MiB cannot be FAT16 with clusters of 32.0 KiB" + rule + "--cluster 2K"},
+        {{"--size", "1M", "--fat", "16"},
+         "a volume of 1.0 MiB cannot be FAT16" + rule + "--fat 12"},
+        {{"--size", "1G", "--fat", "12"},
+         "a volume of 1.0 GiB cannot be FAT12" + rule + "--fat 32"},
         {{"--size", "5G", "--fat", "16"},
          "a volume of 5.0 GiB cannot be FAT16" + rule + "--fat 32"},
         {{"--size", "1G", "--fat", "16", "--cluster", "4K"},
          "a volume of 1.0 GiB cannot be FAT16 with clusters of 4.0 KiB" + rule + "--cluster 16K"},
-        {{"--size", "1M"}, "a volume of 1.0 MiB cannot be FAT16 or FAT32" + rule + "--size 3M"},
-        {{"--size", "1M", "--sector", "4096"},
-         "a volume of 1.0 MiB cannot be FAT16 or FAT32" + rule + "--size 16M"},
+        {{"--size", "1M", "--pool"}, "a volume of 1.0 MiB cannot be FAT" + rule + "--size 3M"},
+        {{"--size", "1M", "--sector", "4096", "--log"},
+         "a volume of 1.0 MiB cannot be FAT" + rule + "--size 16M"},
         {{"--size", "3000G"},
          "a volume of 2.9 TiB is too large: with sectors of 512 bytes the maximum is 2.0 TiB; use a "
          "larger --sector or a smaller --size"},
@@ -505,7 +569,10 @@ TEST_F(QvolBuildRefusal, TakesNoNonsenseForANumber) {
         {{"--size", "M"}, "--size M" + no_number},
         {{"--size", "1MM"}, "--size 1MM" + no_number},
         {{"--size", "99999999999999999999G"}, "--size 99999999999999999999G" + no_number},
-        {{"--size", "0"}, "--size 0: too small for a volume\n"},
+        {{"--size", "0"}, "--size 0: too small for a volume; the minimum is 64K\n"},
+        {{"--size", "65535"}, "--size 65535: too small for a volume; the minimum is 64K\n"},
+        {{"--size", "16M", "--fat", "12", "--pool"},
+         "--fat 12 excludes --pool: the ZUQ driver reads FAT16 and FAT32\n"},
         {{"--size", "16M", "--sector", "256"},
          "--sector 256: must be a power of two from 512 to 4096 bytes\n"},
         {{"--size", "16M", "--cluster", "3000"},
@@ -518,7 +585,7 @@ TEST_F(QvolBuildRefusal, TakesNoNonsenseForANumber) {
     for (const auto &[arguments, told] : cases) {
         EXPECT_EQ(refusal(arguments, 2), "qvol: " + told);
     }
-    EXPECT_EQ(build({"--size", "16M", "--fat", "12"}).status, 2);
+    EXPECT_EQ(build({"--size", "16M", "--fat", "8"}).status, 2);
 }
 
 // ---- what cannot be stored --------------------------------------------------------------------

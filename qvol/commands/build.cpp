@@ -36,7 +36,7 @@ struct build_options {
     std::optional<std::string> media;
     u32 hidden_sectors = 0;
     volume_identity identity; // from the five options above, when they have been checked
-    u32 fat_type = 0;
+    std::string fat_type = "auto";
     bool skips_special = false;
     bool is_short = false;
     bool has_pool = false;
@@ -48,10 +48,21 @@ struct build_options {
 
 // ---- options ----
 
+// 0: any.
+u32 parse_fat_type(const build_options &options) {
+    const u32 fat_type =
+        options.fat_type == "auto" ? 0 : static_cast<u32>(std::stoul(options.fat_type));
+    if (fat_type == 12 && (options.has_pool || options.has_log)) {
+        throw usage_error(fmt::format("--fat 12 excludes {}: the ZUQ driver reads FAT16 and FAT32",
+                                      options.has_pool ? "--pool" : "--log"));
+    }
+    return fat_type;
+}
+
 // `sector_bytes`: the default sector size, that of the target.
 shape_request parse_shape(const build_options &options, u32 sector_bytes) {
     shape_request request;
-    request.fat_type = options.fat_type;
+    request.fat_type = parse_fat_type(options);
     request.sector_bytes =
         options.sector.empty()
             ? sector_bytes
@@ -66,8 +77,9 @@ shape_request parse_shape(const build_options &options, u32 sector_bytes) {
         options.page == "0" ? 0 : parse_unit("--page", options.page, 1, MAX_PAGE_BYTES);
     const bool is_automatic = options.size == "auto";
     request.bytes = is_automatic ? 0 : parse_size("--size", options.size);
-    if (!is_automatic && request.bytes < core::MIN_SECTOR_SIZE) {
-        throw usage_error(fmt::format("--size {}: too small for a volume", options.size));
+    if (!is_automatic && request.bytes < MIN_VOLUME_BYTES) {
+        throw usage_error(fmt::format("--size {}: too small for a volume; the minimum is 64K",
+                                      shown_bytes(options.size)));
     }
     return request;
 }
@@ -173,10 +185,19 @@ build_result describe(volume &vol, const std::string &path, const tree_totals &t
     return result;
 }
 
+void remark_on_shape(const volume_shape &shape, const output &out) {
+    if (shape.is_small_fat32()) {
+        out.remark(fmt::format("FAT32 with {} clusters: Linux and most firmware read it, systems "
+                               "that expect {} or more do not",
+                               shape.clusters, core::FAT32_MIN_CLUSTERS));
+    }
+}
+
 // Formats the target, which already has the length of the volume, and copies the content.
 build_result build_volume(const common_options &common, const build_options &options,
                           const volume_shape &shape, const std::vector<host_node> &nodes,
                           target &where) {
+    remark_on_shape(shape, common.out);
     format_target(where, shape, options.identity);
     volume vol(where, common.encoding);
     if (options.leaves_copies) {
@@ -281,11 +302,13 @@ int run_build(const common_options &common, const build_options &given) {
 }
 
 void add_shape_options(const declared_command &build, build_options *options) {
-    build.value("--size", &options->size,
-                "Size in bytes, with K, M or G, or auto for the smallest image (default for a "
-                "device: all of it)");
-    build.value("--fat", &options->fat_type, "FAT width (default: depends on the size)")
-        .one_of({16, 32});
+    build.value(
+        "--size", &options->size,
+        "Size in bytes from 64K on, with K, M or G, or auto for the smallest image (default "
+        "for a device: all of it)");
+    build.value("--fat", &options->fat_type, "FAT width; auto: depends on the size and content")
+        .one_of({"auto", "12", "16", "32"})
+        .shows_default();
     build.value("--sector", &options->sector,
                 "Sector size in bytes, 512 to 4096 (default 512, or that of the device)");
     build.value("--cluster", &options->cluster,
