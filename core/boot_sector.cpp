@@ -45,8 +45,13 @@ bool count_clusters(const boot_numbers &boot, areas *at) {
     return true;
 }
 
-void place_areas(const boot_numbers &boot, areas *at) {
-    at->fat_start = boot.reserved_sectors;
+// The copy of the FAT to read: the first one also if the active one does not exist.
+u32 fat_to_read(const boot_numbers &boot, width_rule rule) {
+    return rule == width_rule::FAT_SIZE && boot.active_fat() < boot.fats ? boot.active_fat() : 0;
+}
+
+void place_areas(const boot_numbers &boot, width_rule rule, areas *at) {
+    at->fat_start = boot.reserved_sectors + fat_to_read(boot, rule) * at->fat_sectors;
     at->data_start = static_cast<u32>(boot.sectors_to_data());
     at->root_cluster = 0;
     at->root_start = static_cast<u32>(boot.sectors_to_root_area());
@@ -147,7 +152,7 @@ fault read_areas(const boot_numbers &boot, width_rule rule, areas *at) {
         return fault::BOOT_NUMBERS;
     }
     at->width = is_fat32 ? 32 : at->clusters < FAT16_MIN_CLUSTERS ? 12 : 16;
-    place_areas(boot, at);
+    place_areas(boot, rule, at);
     return fault::NONE;
 }
 

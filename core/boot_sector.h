@@ -38,6 +38,13 @@ struct boot_numbers {
     [[nodiscard]] bool has_fat32_sizes() const {
         return fat_size_16 == 0;
     }
+    // FAT32 with one FAT copy in use, the active one; the others are out of date.
+    [[nodiscard]] bool is_mirroring_off() const {
+        return has_fat32_sizes() && (extended_flags & MIRRORING_OFF) != 0;
+    }
+    [[nodiscard]] u32 active_fat() const {
+        return is_mirroring_off() ? extended_flags & ACTIVE_FAT_MASK : 0;
+    }
     // Sectors before the root area of FAT16, and before the data.
     [[nodiscard]] u64 sectors_to_root_area() const;
     [[nodiscard]] u64 sectors_to_data() const;

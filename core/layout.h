@@ -95,6 +95,8 @@ static_assert(EBR_OFFSET_FAT32 + EBR_SIZE <= PBR_SIGNATURE.offset);
 static_assert(PBR_SIGNATURE.offset + PBR_SIGNATURE.size == PBR_SIZE);
 
 inline constexpr u32 MEDIA_FIXED = 0xF8;
+inline constexpr u32 MIRRORING_OFF = 0x80;           // extended flag: one copy of the FAT is in use
+inline constexpr u32 ACTIVE_FAT_MASK = 0x0F;         // extended flags: the number of that copy
 inline constexpr u32 EXTENDED_BOOT_SIGNATURE = 0x29; // volume id, label and type follow
 
 // ---- FSInfo sector ----------------------------------------------------------------------------

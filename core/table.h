@@ -1,6 +1,7 @@
 // The FAT: single entries, links, free clusters.
 //
-// Only the first copy is read and written; copies that are to be equal are written by the caller.
+// Only the copy at areas::fat_start is read and written; copies that are to be equal are written by
+// the caller.
 
 #pragma once
 

@@ -13,7 +13,7 @@ struct areas {
     u32 sector_size = 0; // bytes; 0: not known
     u32 sectors_per_cluster = 0;
     u32 total_sectors = 0;
-    u32 fat_start = 0;
+    u32 fat_start = 0;    // of the copy that is read and written
     u32 fat_sectors = 0;  // of one copy
     u32 root_start = 0;   // first sector of the root directory
     u32 root_cluster = 0; // 0: the root directory is in the fixed area of FAT12 and FAT16
@@ -21,7 +21,8 @@ struct areas {
     u32 clusters = 0;     // number of data clusters
 };
 
-// What decides the width of the FAT entries.
+// What decides the width of the FAT entries. Intentional: by CLUSTER_COUNT the first copy of the
+// FAT is read whatever the boot sector states; by FAT_SIZE the active one.
 enum class width_rule {
     CLUSTER_COUNT, // alone. A FAT32 volume with few clusters is refused.
     FAT_SIZE,      // as kernels do: without a 16-bit FAT size FAT32, else FAT12 or FAT16 by count

@@ -18,14 +18,17 @@ u64 area::end() const {
 
 std::vector<area> areas_of(const volume &vol) {
     const core::areas &at = vol.on().at;
+    const boot_fields &boot = vol.boot();
     std::vector<area> areas;
     const auto add = [&](area_kind kind, std::string name, u64 first, u64 count) {
         areas.push_back({kind, std::move(name), first, count, at.sector_size});
     };
-    add(area_kind::RESERVED, "reserved", 0, vol.boot().reserved_sectors);
-    for (u32 copy = 0; copy < vol.boot().fat_copies; copy++) {
-        add(area_kind::FAT, fmt::format("FAT {}", copy), at.fat_start + u64{copy} * at.fat_sectors,
-            at.fat_sectors);
+    add(area_kind::RESERVED, "reserved", 0, boot.reserved_sectors);
+    for (u32 copy = 0; copy < boot.fat_copies; copy++) {
+        const bool is_used = boot.active_fat.value_or(copy) == copy;
+        add(is_used ? area_kind::FAT : area_kind::UNUSED_FAT,
+            fmt::format("FAT {}{}", copy, is_used ? "" : " (unused)"),
+            boot.reserved_sectors + u64{copy} * at.fat_sectors, at.fat_sectors);
     }
     if (!vol.on().is_wide()) {
         add(area_kind::ROOT, "root directory", at.root_start, at.data_start - at.root_start);

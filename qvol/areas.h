@@ -13,12 +13,12 @@ namespace qvol {
 // The page sizes that flash devices have, in bytes.
 inline constexpr std::array<u32, 4> PAGE_SIZES = {2048, 4096, 8192, 16384};
 
-enum class area_kind { RESERVED, FAT, ROOT, DATA };
+enum class area_kind { RESERVED, FAT, ROOT, DATA, UNUSED_FAT };
 
 // One area of the volume, in sectors.
 struct area {
     area_kind kind;
-    std::string name; // "FAT 0"
+    std::string name; // "FAT 0", "FAT 1 (unused)"
     u64 first;
     u64 count;
     u32 sector_size; // bytes

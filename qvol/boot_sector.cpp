@@ -14,8 +14,6 @@ namespace qvol {
 namespace {
 
 constexpr u32 NO_SECTOR = 0xFFFF; // the same as 0
-constexpr u32 MIRRORING_OFF = 0x80;
-constexpr u32 ACTIVE_FAT_MASK = 0x0F;
 constexpr u32 FAT32_MAX_CLUSTERS = core::FAT32_BAD - core::FIRST_DATA_CLUSTER;
 
 // No value if the numbers do not describe a volume.
@@ -120,18 +118,12 @@ void compare_root(const core::volume &on, const core::boot_numbers &boot, contra
 }
 
 void compare_active_fat(const core::boot_numbers &boot, contradictions *found) {
-    const u32 flags = boot.extended_flags;
-    const u32 active = (flags & MIRRORING_OFF) != 0 ? flags & ACTIVE_FAT_MASK : 0;
+    const u32 active = boot.active_fat();
     if (active >= boot.fats && active != 0) {
         found->push_back(
             {contradiction_kind::FIELDS,
              fmt::format("the active FAT copy is {}, should be less than {}, the number of copies",
                          active, boot.fats)});
-    } else if (active != 0) {
-        found->push_back(
-            {contradiction_kind::ACTIVE_FAT,
-             fmt::format("the active FAT copy is {}, should be 0: others are not supported",
-                         active)});
     }
 }
 

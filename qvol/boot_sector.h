@@ -20,14 +20,7 @@ using core::u64;
 using core::u8;
 
 // The subject of a contradiction; "qvol check" has a kind of finding for each.
-enum class contradiction_kind {
-    FIELDS,
-    FAT_SIZE,
-    FSINFO_LOCATION,
-    BACKUP_LOCATION,
-    GEOMETRY,
-    ACTIVE_FAT
-};
+enum class contradiction_kind { FIELDS, FAT_SIZE, FSINFO_LOCATION, BACKUP_LOCATION, GEOMETRY };
 
 struct contradiction {
     contradiction_kind kind;

@@ -1,10 +1,10 @@
 // The FAT of the volume in memory: links, chains, allocation.
 //
-// Sectors are read from the first copy when they are needed. A few MiB stay in memory, more only if
-// chains lead back and forth so often that the same ones are read again and again: the time for all
-// chains stays linear in the size of the FAT. Changes stay in memory until write_changes(), which
-// writes them to every copy, as kernels do. A command can therefore do all its allocations before
-// anything is written, and drop them.
+// Sectors are read from the first copy in use when they are needed. A few MiB stay in memory, more
+// only if chains lead back and forth so often that the same ones are read again and again: the time
+// for all chains stays linear in the size of the FAT. Changes stay in memory until write_changes(),
+// which writes them to every copy in use, as kernels do. A command can therefore do all its
+// allocations before anything is written, and drop them.
 
 #pragma once
 
@@ -47,7 +47,8 @@ public:
 
 class fat_table {
 public:
-    // The FAT of a volume, which has `copies` copies of it. Reads nothing yet.
+    // The FAT of a volume. `copies`: number of copies in use, which hold the same; the first one
+    // is at areas::fat_start. Reads nothing yet.
     fat_table(const core::volume &on, u32 copies);
 
     // The volume, with the clusters that its FAT has an entry for.

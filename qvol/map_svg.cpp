@@ -64,7 +64,7 @@ std::string class_name(u32 number) {
 }
 
 const char *class_name(const area &drawn) {
-    constexpr const char *NAMES[] = {"r", "f", "t", "d"};
+    constexpr const char *NAMES[] = {"r", "f", "t", "d", "r"};
     return NAMES[static_cast<std::size_t>(drawn.kind)];
 }
 

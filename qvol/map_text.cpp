@@ -20,7 +20,7 @@ constexpr u64 MIN_MARK_COLUMNS = 5;
 // From the 256 colours of terminals. The largest files come first, as in the classes.
 constexpr std::array<int, CLASSES> CLASS_COLOURS = {33,  208, 35, 134, 203, 38, 178,
                                                     137, 103, 60, 240, 196, 15};
-constexpr int AREA_COLOURS[] = {240, 33, 134, 35}; // reserved, FAT, root directory, data
+constexpr int AREA_COLOURS[] = {240, 33, 134, 35, 240}; // by area_kind
 
 std::string coloured(const terminal_form &form, int colour, const std::string &text) {
     return form.has_colour ? fmt::format("\x1b[38;5;{}m{}\x1b[0m", colour, text) : text;
@@ -71,6 +71,8 @@ std::string symbol_of(const area &drawn) {
         return drawn.name.substr(drawn.name.size() - 1); // the last digit of the copy's number
     case area_kind::ROOT:
         return "/";
+    case area_kind::UNUSED_FAT:
+        return "x";
     default:
         return "D";
     }

@@ -127,6 +127,9 @@ boot_fields parse_boot_sector(const core::volume &on) {
     boot_fields boot{};
     boot.reserved_sectors = numbers.reserved_sectors;
     boot.fat_copies = numbers.fats;
+    if (numbers.is_mirroring_off() && numbers.active_fat() < numbers.fats) {
+        boot.active_fat = numbers.active_fat();
+    }
     boot.root_entries = on.is_wide() ? 0 : numbers.root_entries;
     boot.media = numbers.media;
     boot.serial = has_extended ? core::load(extended, core::EBR_VOLUME_ID) : 0;
@@ -324,7 +327,7 @@ backup_boot_sector::~backup_boot_sector() {
 
 volume::volume(const target &where, const std::string &encoding, required wanted)
     : target_(where), on_(open_volume(where, wanted)), boot_(parse_boot_sector(on_)),
-      names_(encoding), fat_(on_, boot_.fat_copies) {}
+      names_(encoding), fat_(on_, boot_.copies_in_use()) {}
 
 std::vector<contradiction> volume::contradictions() const {
     return contradictions_on(target_, on_);

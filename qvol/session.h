@@ -114,13 +114,18 @@ private:
 struct boot_fields {
     u32 reserved_sectors;
     u32 fat_copies;
-    u32 root_entries; // 0 on FAT32
+    std::optional<u32> active_fat; // the only copy in use; no value: all are in use
+    u32 root_entries;              // 0 on FAT32
     u32 media;
     u32 serial;
     u32 fsinfo_sector; // 0: no FSInfo
     u32 backup_sector; // 0: no backup
     std::string oem_name;
     std::string label; // without its padding; "" if there is no label
+
+    [[nodiscard]] u32 copies_in_use() const {
+        return active_fat ? 1 : fat_copies;
+    }
 };
 
 // The parts of a volume that a command requires: the areas, or also a readable root directory.

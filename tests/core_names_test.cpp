@@ -298,6 +298,39 @@ TEST(BootSector, ContradictionsAreFaults) {
     }
 }
 
+TEST(BootSector, OneRuleReadsTheActiveFat) {
+    struct row {
+        u32 flags;
+        u32 fats;
+        u32 copy; // that is read
+    };
+    for (const row &r : {row{0x80, 2, 0},
+                         {0x81, 2, 1},
+                         {0x8E, 15, 14},
+                         {0x8F, 15, 0},
+                         {0x81, 1, 0},
+                         {0x82, 0, 0},
+                         {0x01, 2, 0},
+                         {0xFF71, 2, 0},
+                         {0xFFF1, 2, 1}}) {
+        u8 boot[512] = {};
+        store(boot, PBR_BYTES_PER_SECTOR, 512);
+        store(boot, PBR_SECTORS_PER_CLUSTER, 1);
+        store(boot, PBR_RESERVED_SECTORS, 32);
+        store(boot, PBR_NUMBER_OF_FATS, r.fats);
+        store(boot, PBR32_FAT_SIZE, 600);
+        store(boot, PBR32_EXTENDED_FLAGS, r.flags);
+        store(boot, PBR_TOTAL_SECTORS_32, 100000);
+        for (const auto &[rule, copy] :
+             {std::pair{width_rule::CLUSTER_COUNT, 0U}, {width_rule::FAT_SIZE, r.copy}}) {
+            areas at;
+            EXPECT_EQ(read_areas(boot_numbers(boot), rule, &at), fault::NONE);
+            EXPECT_EQ(at.fat_start, 32 + copy * 600) << r.flags;
+            EXPECT_EQ(at.data_start, 32 + r.fats * 600);
+        }
+    }
+}
+
 TEST(BootSector, RulesForTheWidthDiffer) {
     struct row {
         u32 clusters;

@@ -8,6 +8,7 @@
 #include <random>
 
 using namespace testing_support;
+using nlohmann::json;
 
 namespace {
 
@@ -219,10 +220,6 @@ const std::vector<contradictory_fields> CONTRADICTIONS = {
      "32",
      {{44, 80630, 4}},
      "the first cluster of the root directory is 80630, should be 2 to 80629"},
-    {"ActiveFat",
-     "32",
-     {{40, 0x81, 2}},
-     "the active FAT copy is 1, should be 0: others are not supported"},
     {"ActiveFatMissing",
      "32",
      {{40, 0x82, 2}},
@@ -567,6 +564,138 @@ TEST_P(QvolBackupBoot, TakesThePlaceOfADamagedBootSector) {
               (outcome{1, "",
                        "qvol: cannot mount " + image_ +
                            ": no backup of a FAT32 boot sector found in sector 6\n"}));
+}
+
+// ---- one FAT copy in use ----------------------------------------------------------------------
+
+class QvolActiveFat : public PokedVolume {
+protected:
+    // The inactive copies have bytes that are no FAT.
+    void make(const char *copies, std::uint32_t active) {
+        image_ = scratch_.sparse_file("active.img", 40 << 20);
+        ASSERT_EQ(run({"mkfs.fat", "-F", "32", "-s", "1", "-f", copies, image_}).status, 0);
+        said("put", {scratch_.file("tree") + "/.", "/"});
+        layout_ = layout_of(image_);
+        active_ = active;
+        copies_ = static_cast<std::uint32_t>(std::stoul(copies));
+        poke_numbers({{40, 0x80 | active, 2}}, true);
+        for (std::uint32_t copy = 0; copy < copies_; copy++) {
+            if (copy != active) {
+                poke(fat_offset(0, copy), std::string(fat_bytes(), 'Z'));
+            }
+        }
+    }
+
+    std::size_t fat_bytes() const {
+        return std::size_t{layout_.fat_size} * 512;
+    }
+
+    void expect_other_copies_unchanged() {
+        for (std::uint32_t copy = 0; copy < copies_; copy++) {
+            EXPECT_TRUE(copy == active_ ||
+                        peek(fat_offset(0, copy), fat_bytes()) == std::string(fat_bytes(), 'Z'))
+                << copy;
+        }
+    }
+
+    void expect_areas(const json &areas) {
+        for (std::uint32_t copy = 0; copy < copies_; copy++) {
+            const json &area = areas[copy + 1];
+            EXPECT_EQ(area["name"],
+                      "FAT " + std::to_string(copy) + (copy == active_ ? "" : " (unused)"));
+            EXPECT_EQ(area["offset"], fat_offset(0, copy));
+        }
+    }
+
+    // For a judge that does not heed the field: the active copy in place of all others.
+    void mirror_by_hand() {
+        const std::string fat = peek(fat_offset(0, active_), fat_bytes());
+        for (std::uint32_t copy = 0; copy < copies_; copy++) {
+            poke(fat_offset(0, copy), fat);
+        }
+        poke_numbers({{40, 0, 2}}, true);
+    }
+
+    std::uint32_t active_ = 0;
+    std::uint32_t copies_ = 0;
+};
+INSTANTIATE_TEST_SUITE_P(Fat, QvolActiveFat, testing::Values("32"));
+
+TEST_P(QvolActiveFat, IsTheOnlyCopyThatIsReadAndWritten) {
+    struct row {
+        const char *copies;
+        std::uint32_t active;
+    };
+    for (const row &r : {row{"2", 0}, {"2", 1}, {"4", 2}}) {
+        SCOPED_TRACE(r.active);
+        make(r.copies, r.active);
+        expect_healthy();
+        expect_contents();
+        contents_["/DIR/NEW"] = std::string(5000, 'n');
+        said("put", {host_file("NEW", contents_["/DIR/NEW"]), "/DIR"});
+        said("mkdir", {"/OTHER"});
+        said("rm", {"-r", "/OTHER", "/B.TXT"});
+        contents_.erase("/B.TXT");
+        expect_healthy();
+        expect_contents();
+
+        set_link_in(active_, 1, 5);
+        set_link_in(active_, FREE_CLUSTER, end_mark());
+        EXPECT_EQ(qvol("check").status, 1);
+        said("check", {"--repair"});
+        expect_healthy();
+
+        const json info = json::parse(said("info", {"--json"}));
+        EXPECT_EQ(info["active_fat"], active_);
+        expect_areas(info["areas"]);
+        expect_areas(json::parse(said("map", {"--json"}))["areas"]);
+        const std::string number = std::to_string(active_);
+        EXPECT_NE(
+            said("info").find("\nmirroring     off, only FAT copy " + number + " is in use\n"),
+            std::string::npos);
+        said("dump", {"--force", "fat", scratch_.file("dumped")});
+        const bytes dumped = read_file(scratch_.file("dumped"));
+        EXPECT_EQ(std::string(dumped.begin(), dumped.end()),
+                  peek(0, std::size_t{layout_.fat_start} * 512) +
+                      peek(fat_offset(0, active_), fat_bytes()));
+
+        const bytes before = read_file(image_);
+        EXPECT_EQ(qvol("mirror"), (outcome{1, "",
+                                           "qvol: cannot make the FAT copies of " + image_ +
+                                               " equal: its boot sector states that only copy " +
+                                               number + " is in use\n"}));
+        if (active_ != 0) {
+            EXPECT_EQ(qvol("pool"),
+                      (outcome{1, "",
+                               "qvol: cannot make /ZUQ_POOL.SY$: the boot sector states that only "
+                               "FAT copy " +
+                                   number + " is in use, the ZUQ driver uses copy 0\n"}));
+        }
+        EXPECT_TRUE(has_content(image_, before));
+        expect_other_copies_unchanged();
+        EXPECT_EQ(run({"mtype", "-i", image_, "::/DIR/NEW"}),
+                  (outcome{0, contents_["/DIR/NEW"], ""}));
+        mirror_by_hand();
+        if (copies_ == 2) { // fsck.fat knows no more
+            expect_clean();
+        }
+        expect_healthy();
+        expect_contents();
+        contents_["/B.TXT"] = std::string(1000, 'b');
+        contents_.erase("/DIR/NEW");
+    }
+}
+
+// With mirroring, the number of the active copy has no meaning.
+TEST_P(QvolActiveFat, IsEveryCopyWithMirroring) {
+    make("2", 1);
+    mirror_by_hand();
+    poke_numbers({{40, 1, 2}}, true);
+    said("rm", {"/B.TXT"});
+    expect_healthy();
+    expect_clean();
+    EXPECT_EQ(peek(fat_offset(0, 0), fat_bytes()), peek(fat_offset(0, 1), fat_bytes()));
+    EXPECT_EQ(json::parse(said("info", {"--json"}))["active_fat"], nullptr);
 }
 
 class QvolFloppy : public QvolImage {

@@ -42,8 +42,6 @@ inline constexpr finding_kind GEOMETRY{"boot-geometry", "it is unknown which of 
 inline constexpr finding_kind BACKUP{"boot-backup", ""};
 inline constexpr finding_kind BACKUP_LOCATION{"boot-backup-place", "the correct sector is unknown",
                                               damage::AREAS};
-inline constexpr finding_kind ACTIVE_FAT{"fat-active", "only the first copy is supported",
-                                         damage::AREAS};
 inline constexpr finding_kind FAT_SIZE{"fat-size", "areas are not moved", damage::AREAS};
 inline constexpr finding_kind FSINFO_LOCATION{"fsinfo-place", "the correct sector is unknown",
                                               damage::AREAS};

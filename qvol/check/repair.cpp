@@ -85,10 +85,10 @@ void repair_plan::write_slots() {
     }
 }
 
-// Entries 0 and 1, which do not represent clusters, in every copy.
+// Entries 0 and 1, which do not represent clusters, in every copy in use.
 void repair_plan::write_fixed_entries() {
     const core::volume &on = vol_.on();
-    for (u32 copy = 0; copy < vol_.boot().fat_copies; copy++) {
+    for (u32 copy = 0; copy < vol_.boot().copies_in_use(); copy++) {
         change_sector(on, on.at.fat_start + u64{copy} * on.at.fat_sectors, [&](u8 *bytes) {
             for (const auto &[number, value] : fixed_entries_) {
                 core::store_entry(on.at.width, number, bytes + on.entry_offset(number), value);

@@ -35,8 +35,6 @@ const finding_kind *finding_kind_of(contradiction_kind kind) {
         return &found::BACKUP_LOCATION;
     case contradiction_kind::GEOMETRY:
         return &found::GEOMETRY;
-    case contradiction_kind::ACTIVE_FAT:
-        return &found::ACTIVE_FAT;
     case contradiction_kind::FIELDS:
         break;
     }
@@ -163,17 +161,7 @@ void check_boot_flag(survey *checked) {
     }
 }
 
-// Without mirroring one copy is in use, and the others are not compared.
-bool is_mirroring_off(const survey &checked) {
-    const std::vector<u8> boot = read_extent(checked.on(), 0, 1);
-    return checked.on().is_wide() &&
-           (core::load(boot.data(), core::PBR32_EXTENDED_FLAGS) & 0x80) != 0;
-}
-
 void check_copies(survey *checked) {
-    if (is_mirroring_off(*checked)) {
-        return;
-    }
     for (const copy_difference &difference : checked->table.compare_copies()) {
         checked->add(
             {&found::FAT_COPIES, NO_NODE, difference.cluster,

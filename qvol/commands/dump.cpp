@@ -31,10 +31,11 @@ void dump_sectors(const volume &vol, u64 first, u64 count, const write_piece &pu
     }
 }
 
-// The reserved area and the first FAT.
+// The reserved area and the first FAT in use.
 write_content fat_content(const volume &vol) {
     return [&vol](const write_piece &put) {
-        dump_sectors(vol, 0, u64{vol.on().at.fat_start} + vol.on().at.fat_sectors, put);
+        dump_sectors(vol, 0, vol.boot().reserved_sectors, put);
+        dump_sectors(vol, vol.on().at.fat_start, vol.on().at.fat_sectors, put);
     };
 }
 

@@ -75,6 +75,7 @@ json info_json(const volume_info &info) {
             {"cluster_size", on.cluster_bytes()},
             {"total_sectors", on.at.total_sectors},
             {"fat_copies", boot.fat_copies},
+            {"active_fat", boot.active_fat ? json(*boot.active_fat) : json()},
             {"root_entries", boot.root_entries},
             {"root_cluster", on.at.root_cluster},
             {"areas", areas_json(info.areas)},
@@ -114,6 +115,10 @@ void print_info(const output &out, const volume_info &info) {
     out.line(
         fmt::format("used          {}", clusters_text(on, info.clusters - info.free_clusters)));
     out.line(fmt::format("free          {}", clusters_text(on, info.free_clusters)));
+    if (info.vol.boot().active_fat) {
+        out.line(fmt::format("mirroring     off, only FAT copy {} is in use",
+                             *info.vol.boot().active_fat));
+    }
     print_areas(out, info.areas);
 }
 

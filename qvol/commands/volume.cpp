@@ -26,9 +26,19 @@ void refuse_other_widths(const volume &vol, const reserved_file &file) {
     }
 }
 
+// The driver's library reads the first FAT, whatever the boot sector states.
+void refuse_other_active_fat(const volume &vol, const reserved_file &file) {
+    if (vol.boot().active_fat.value_or(0) != 0) {
+        throw error(fmt::format("cannot make /{}: the boot sector states that only FAT copy {} is "
+                                "in use, the ZUQ driver uses copy 0",
+                                file.name, *vol.boot().active_fat));
+    }
+}
+
 int make_reserved(const common_options &common, const reserved_file &file) {
     return with_volume(common, access::WRITE, [&](volume &vol) {
         refuse_other_widths(vol, file);
+        refuse_other_active_fat(vol, file);
         make_reserved_file(vol, file);
         const resolved_path where = resolve(vol, fmt::format("/{}", file.name));
         common.out.remark(fmt::format("made /{}, {}", file.name, shown_size(where.found->size())));
@@ -41,8 +51,17 @@ int make_reserved(const common_options &common, const reserved_file &file) {
 
 // ---- mirror ----
 
+void refuse_without_mirroring(const volume &vol) {
+    if (vol.boot().active_fat) {
+        throw error(fmt::format("cannot make the FAT copies of {} equal: its boot sector states "
+                                "that only copy {} is in use",
+                                shown_bytes(vol.where().path()), *vol.boot().active_fat));
+    }
+}
+
 int run_mirror(const common_options &common) {
     return with_volume(common, access::WRITE, [&](volume &vol) {
+        refuse_without_mirroring(vol);
         const u64 changed = vol.fat().mirror();
         common.out.remark(changed == 0 ? "all FAT copies are equal"
                                        : counted(changed, "sector", "sectors") +
