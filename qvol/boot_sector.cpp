@@ -16,18 +16,45 @@ namespace {
 constexpr u32 NO_SECTOR = 0xFFFF; // the same as 0
 constexpr u32 FAT32_MAX_CLUSTERS = core::FAT32_BAD - core::FIRST_DATA_CLUSTER;
 
-// No value if the numbers do not describe a volume.
-std::optional<u64> clusters_of(const core::boot_numbers &boot) {
-    const u32 fat_size = boot.has_fat32_sizes() ? boot.fat_size_32 : boot.fat_size_16;
+// ---- sectors that describe no volume ----
+
+// The field that counts of the two with the total.
+const core::field &total_field(const core::boot_numbers &boot) {
     const bool is_32_first = boot.has_fat32_sizes() && boot.total_32 != 0;
-    const u64 total = is_32_first ? boot.total_32 : boot.either_total();
-    if (!core::is_sector_size(boot.sector_size) || boot.sectors_per_cluster == 0 || fat_size == 0) {
-        return std::nullopt;
-    }
-    const u64 areas = boot.sectors_to_data();
-    return areas <= total ? std::optional((total - areas) / boot.sectors_per_cluster)
-                          : std::nullopt;
+    return is_32_first || boot.total_16 == 0 ? core::PBR_TOTAL_SECTORS_32
+                                             : core::PBR_TOTAL_SECTORS_16;
 }
+
+std::string invalid_sizes(const core::boot_numbers &boot) {
+    if (!core::is_sector_size(boot.sector_size)) {
+        return fmt::format("{} is {}, should be 512, 1024, 2048 or 4096",
+                           core::PBR_BYTES_PER_SECTOR.name, boot.sector_size);
+    }
+    if (boot.sectors_per_cluster == 0) {
+        return fmt::format("{} is 0, should be a power of two", core::PBR_SECTORS_PER_CLUSTER.name);
+    }
+    if (boot.has_fat32_sizes() && boot.fat_size_32 == 0) {
+        return fmt::format("{} and {} are 0, one of them should be at least 1",
+                           core::PBR_FAT_SIZE_16.name, core::PBR32_FAT_SIZE.name);
+    }
+    return "";
+}
+
+// The parts show which field is wrong: often it is not the total.
+std::string too_small_total(const core::boot_numbers &boot, u32 total) {
+    const u64 least = boot.sectors_to_data() + boot.sectors_per_cluster;
+    if (total >= least) {
+        return "";
+    }
+    return fmt::format("{} is {}, should be at least {}: {} reserved + {} x {} FAT + {} root "
+                       "directory + {} cluster",
+                       total_field(boot).name, total, least, boot.reserved_sectors, boot.fats,
+                       boot.has_fat32_sizes() ? boot.fat_size_32 : boot.fat_size_16,
+                       boot.sectors_to_data() - boot.sectors_to_root_area(),
+                       boot.sectors_per_cluster);
+}
+
+// ---- volumes that are not supported ----
 
 std::string unsupported_fat32(u64 clusters) {
     if (clusters > FAT32_MAX_CLUSTERS) {
@@ -191,14 +218,25 @@ bool is_sector_given(u32 sector) {
     return sector != 0 && sector != NO_SECTOR;
 }
 
+// The first reason counts: what a sector is instead of a boot sector is to be recognised before its
+// numbers are judged.
+std::string no_volume_reason(std::span<const u8> boot) {
+    if (!core::is_boot_signature(boot.data())) {
+        return fmt::format("the boot signature is 0x{:04X}, should be 0x{:04X}",
+                           core::load(boot.data(), core::PBR_SIGNATURE), core::BOOT_SIGNATURE);
+    }
+    const core::boot_numbers numbers(boot.data());
+    const std::string invalid = invalid_sizes(numbers);
+    return invalid.empty() ? too_small_total(numbers, core::load(boot.data(), total_field(numbers)))
+                           : invalid;
+}
+
 std::string unsupported_volume(std::span<const u8> boot) {
     const core::boot_numbers numbers(boot.data());
-    const std::optional<u64> clusters = clusters_of(numbers);
-    if (!clusters) {
-        return "";
-    }
-    return numbers.has_fat32_sizes() ? unsupported_fat32(*clusters)
-                                     : unsupported_fat16(*clusters, numbers);
+    const u64 total = core::load(boot.data(), total_field(numbers));
+    const u64 clusters = (total - numbers.sectors_to_data()) / numbers.sectors_per_cluster;
+    return numbers.has_fat32_sizes() ? unsupported_fat32(clusters)
+                                     : unsupported_fat16(clusters, numbers);
 }
 
 std::vector<contradiction> contradictions_of(const core::volume &on,

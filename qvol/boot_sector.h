@@ -27,8 +27,12 @@ struct contradiction {
     std::string text;
 };
 
-// Why no command supports the volume with this boot sector: "is a FAT12 volume with ...". "" for a
-// supported volume, and for a sector with numbers that do not describe a volume.
+// Why a sector describes no volume: "bytes per sector is 300, should be ...". "" if it describes
+// one.
+[[nodiscard]] std::string no_volume_reason(std::span<const u8> boot);
+
+// Why no command supports the volume that this boot sector describes: "has a boot sector that ...".
+// "" for a supported volume.
 [[nodiscard]] std::string unsupported_volume(std::span<const u8> boot);
 
 // Why nothing may be written on the open volume. `device_bytes` is the size of a block device;

@@ -108,6 +108,53 @@ u64 size_of(int fd, const struct stat &status, const std::string &path) {
     return size;
 }
 
+// ---- backup of the boot sector ----------------------------------------------------------------
+
+// The usual sector of the backup. The field that states another one is in the damaged sector.
+constexpr u64 BACKUP_SECTOR = 6;
+
+// No value if there is no backup of a volume with sectors of this size.
+std::optional<std::vector<u8>> read_backup(core::medium &from, u32 sector_bytes) {
+    std::vector<u8> sector(sector_bytes);
+    const core::s64 moved = from.read(BACKUP_SECTOR * sector_bytes, sector);
+    if (moved != static_cast<core::s64>(sector_bytes) || !core::is_boot_signature(sector.data())) {
+        return std::nullopt;
+    }
+    const core::boot_numbers numbers(sector.data());
+    core::areas at;
+    const bool is_backup =
+        core::read_areas(numbers, core::width_rule::FAT_SIZE, &at) == core::fault::NONE &&
+        at.width == 32 && at.sector_size == sector_bytes &&
+        numbers.backup_sector == BACKUP_SECTOR && unsupported_volume(sector).empty();
+    return is_backup ? std::optional(std::move(sector)) : std::nullopt;
+}
+
+std::optional<std::vector<u8>> find_backup(const target &where) {
+    for (u32 size = core::MIN_SECTOR_SIZE; size <= core::MAX_SECTOR_SIZE; size *= 2) {
+        std::optional<std::vector<u8>> backup = read_backup(where.medium(), size);
+        if (backup) {
+            return backup;
+        }
+    }
+    return std::nullopt;
+}
+
+std::vector<u8> required_backup(const target &where) {
+    std::optional<std::vector<u8>> backup = find_backup(where);
+    if (!backup) {
+        throw error(
+            fmt::format("cannot mount {}: no backup of a FAT32 boot sector found in sector {}",
+                        shown_bytes(where.path()), BACKUP_SECTOR));
+    }
+    return std::move(*backup);
+}
+
+// What a message about the boot sector adds: only commands that read can use the backup.
+std::string backup_hint(const target &where) {
+    return !where.is_writable() && find_backup(where) ? "; --backup-boot reads with the backup"
+                                                      : "";
+}
+
 // ---- boot sector ------------------------------------------------------------------------------
 
 std::string padded_text(const u8 *record, const core::field &field) {
@@ -158,21 +205,36 @@ void refuse_contradictions(const target &where, const core::volume &on) {
     }
 }
 
-// The areas by the boot sector, whose size is not known before it is read.
-core::volume read_volume(const target &where) {
-    core::volume on = {&where.medium(), {}};
+// The size of the boot sector is not known before it is read.
+std::vector<u8> read_boot_sector(const target &where) {
     std::vector<u8> sector(core::MAX_SECTOR_SIZE);
-    const core::s64 moved = on.device->read(0, sector);
-    const bool is_boot_sector =
-        moved == static_cast<core::s64>(sector.size()) && core::is_boot_signature(sector.data());
-    const std::string reason = is_boot_sector ? unsupported_volume(sector) : "";
-    if (!reason.empty()) {
-        throw error(shown_bytes(where.path()) + " " + reason);
+    const core::s64 moved = where.medium().read(0, sector);
+    if (moved < 0) {
+        throw system_failure("read " + shown_bytes(where.path()), static_cast<int>(-moved));
     }
-    if (!is_boot_sector ||
+    if (moved < static_cast<core::s64>(sector.size())) {
+        throw error(
+            fmt::format("cannot mount {}: no FAT volume found: it has {} bytes, should have at "
+                        "least {}",
+                        shown_bytes(where.path()), moved, sector.size()));
+    }
+    return sector;
+}
+
+core::volume read_volume(const target &where) {
+    const std::vector<u8> sector = read_boot_sector(where);
+    const std::string none = no_volume_reason(sector);
+    const std::string unsupported = none.empty() ? unsupported_volume(sector) : "";
+    if (!unsupported.empty()) {
+        throw error(
+            fmt::format("{} {}{}", shown_bytes(where.path()), unsupported, backup_hint(where)));
+    }
+    core::volume on = {&where.medium(), {}};
+    if (!none.empty() ||
         core::read_areas(core::boot_numbers(sector.data()), core::width_rule::FAT_SIZE, &on.at) !=
             core::fault::NONE) {
-        throw error(fmt::format("cannot mount {}: no FAT volume found", shown_bytes(where.path())));
+        throw error(fmt::format("cannot mount {}: no FAT volume found: {}{}",
+                                shown_bytes(where.path()), none, backup_hint(where)));
     }
     return on;
 }
@@ -274,42 +336,8 @@ void check_replaceable(const std::string &path) {
 
 // ---- backup of the boot sector ----------------------------------------------------------------
 
-namespace {
-
-// The usual sector of the backup. The field that states another one is in the damaged sector.
-constexpr u64 BACKUP_SECTOR = 6;
-
-// No value if there is no backup of a volume with sectors of this size.
-std::optional<std::vector<u8>> read_backup(core::medium &from, u32 sector_bytes) {
-    std::vector<u8> sector(sector_bytes);
-    const core::s64 moved = from.read(BACKUP_SECTOR * sector_bytes, sector);
-    if (moved != static_cast<core::s64>(sector_bytes) || !core::is_boot_signature(sector.data())) {
-        return std::nullopt;
-    }
-    const core::boot_numbers numbers(sector.data());
-    core::areas at;
-    const bool is_backup =
-        core::read_areas(numbers, core::width_rule::FAT_SIZE, &at) == core::fault::NONE &&
-        at.width == 32 && at.sector_size == sector_bytes &&
-        numbers.backup_sector == BACKUP_SECTOR && unsupported_volume(sector).empty();
-    return is_backup ? std::optional(std::move(sector)) : std::nullopt;
-}
-
-std::vector<u8> find_backup(const target &where) {
-    for (u32 size = core::MIN_SECTOR_SIZE; size <= core::MAX_SECTOR_SIZE; size *= 2) {
-        std::optional<std::vector<u8>> backup = read_backup(where.medium(), size);
-        if (backup) {
-            return std::move(*backup);
-        }
-    }
-    throw error(fmt::format("cannot mount {}: no backup of a FAT32 boot sector found in sector {}",
-                            shown_bytes(where.path()), BACKUP_SECTOR));
-}
-
-} // namespace
-
 backup_boot_sector::backup_boot_sector(target *where)
-    : backup_boot_sector(where, find_backup(*where)) {}
+    : backup_boot_sector(where, required_backup(*where)) {}
 
 backup_boot_sector::backup_boot_sector(target *where, const std::vector<u8> &backup)
     : where_(*where), own_(where->medium()), medium_(own_, static_cast<u32>(backup.size())) {

@@ -279,7 +279,10 @@ TEST_F(QvolBuildDevice, ADeviceThatIsNotFinishedHoldsNoVolume) {
         const outcome listed = qvol("ls");
         if (status != 0) {
             EXPECT_EQ(listed,
-                      (outcome{1, "", "qvol: cannot mount " + image_ + ": no FAT volume found\n"}));
+                      (outcome{1, "",
+                               "qvol: cannot mount " + image_ +
+                                   ": no FAT volume found: the boot signature is 0x0000, should "
+                                   "be 0xAA55\n"}));
         }
     }
     EXPECT_GT(allowed, 5);

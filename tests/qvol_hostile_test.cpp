@@ -333,20 +333,31 @@ TEST_P(QvolContradiction, IsReadAndNotWrittenTo) {
 
 // ---- volumes that are not supported -----------------------------------------------------------
 
+namespace {
+
+const char *const BACKUP_HINT = "; --backup-boot reads with the backup";
+
+} // namespace
+
 class QvolUnsupported : public PokedVolume {
 protected:
-    void expect_refused(const std::string &reason) {
+    // `hint`: what commands that read add to the message.
+    void expect_refused(const std::string &message, const std::string &hint = "") {
         const bytes before = read_file(image_);
-        const auto expect_refusal = [&](const std::string &command,
-                                        std::vector<std::string> arguments) {
-            EXPECT_EQ(qvol(command, std::move(arguments)),
-                      (outcome{1, "", "qvol: " + image_ + " " + reason + "\n"}))
-                << command;
+        const auto expect = [&](const std::string &addition) {
+            return [&, addition](const std::string &command, std::vector<std::string> arguments) {
+                EXPECT_EQ(qvol(command, std::move(arguments)),
+                          (outcome{1, "", "qvol: " + message + addition + "\n"}))
+                    << command;
+            };
         };
-        for_each_writing_command(expect_refusal);
-        for_each_reading_command(expect_refusal);
-        expect_refusal("check", {"--repair"});
+        for_each_writing_command(expect(""));
+        for_each_reading_command(expect(hint));
+        expect("")("check", {"--repair"});
         EXPECT_TRUE(has_content(image_, before));
+    }
+    void expect_unsupported(const std::string &reason, const std::string &hint = "") {
+        expect_refused(image_ + " has a boot sector that contradicts itself: " + reason, hint);
     }
 };
 INSTANTIATE_TEST_SUITE_P(Fat, QvolUnsupported, testing::ValuesIn(BOTH_WIDTHS),
@@ -354,17 +365,98 @@ INSTANTIATE_TEST_SUITE_P(Fat, QvolUnsupported, testing::ValuesIn(BOTH_WIDTHS),
 
 TEST_P(QvolUnsupported, IsRefusedByEveryCommand) {
     if (is_fat32()) {
+        const std::string reason = "80630 clusters are FAT32, a 16-bit FAT size of 629 is FAT16";
+        poke_numbers({{22, 629, 2}, {36, 0, 4}}, false);
+        expect_unsupported(reason, BACKUP_HINT);
         poke_numbers({{22, 629, 2}, {36, 0, 4}}, true);
-        expect_refused("has a boot sector that contradicts itself: 80630 clusters are FAT32, a "
-                       "16-bit FAT size of 629 is FAT16");
+        expect_unsupported(reason);
         poke_numbers({{22, 0, 2}, {32, 0xFFFFFFFF, 4}, {36, 0x1FFFFFF, 4}}, true);
-        expect_refused("has a boot sector that contradicts itself: it has 4227858401 "
-                       "clusters, FAT32 has at most 268435445");
+        expect_unsupported("it has 4227858401 clusters, FAT32 has at most 268435445");
     } else {
         poke_numbers({{17, 0, 2}}, false);
-        expect_refused(
-            "has a boot sector that contradicts itself: a 16-bit FAT size of 80 is FAT12 "
-            "or FAT16, 0 root entries are FAT32");
+        expect_unsupported("a 16-bit FAT size of 80 is FAT12 or FAT16, 0 root entries are FAT32");
+    }
+}
+
+// ---- sectors that describe no volume ----------------------------------------------------------
+
+namespace {
+
+// The same volumes.
+const std::vector<contradictory_fields> NO_VOLUMES = {
+    {"Signature16", "16", {{510, 0x1234, 2}}, "the boot signature is 0x1234, should be 0xAA55"},
+    {"Signature32", "32", {{510, 0, 2}}, "the boot signature is 0x0000, should be 0xAA55"},
+    {"SectorSize16",
+     "16",
+     {{11, 300, 2}},
+     "bytes per sector is 300, should be 512, 1024, 2048 or 4096"},
+    {"SectorSize256",
+     "32",
+     {{11, 256, 2}},
+     "bytes per sector is 256, should be 512, 1024, 2048 or 4096"},
+    {"SectorSize0", "32", {{11, 0, 2}}, "bytes per sector is 0, should be 512, 1024, 2048 or 4096"},
+    {"ClusterSize16", "16", {{13, 0, 1}}, "sectors per cluster is 0, should be a power of two"},
+    {"ClusterSize32", "32", {{13, 0, 1}}, "sectors per cluster is 0, should be a power of two"},
+    {"FatSize",
+     "32",
+     {{36, 0, 4}},
+     "FAT size (16-bit) and FAT size (32-bit) are 0, one of them should be at least 1"},
+    {"FatSize16",
+     "16",
+     {{22, 0, 2}, {36, 100000, 4}},
+     "total sectors (16-bit) is 20480, should be at least 200034: 1 reserved + 2 x 100000 FAT + 32 "
+     "root directory + 1 cluster"},
+    {"Total16",
+     "16",
+     {{19, 0, 2}},
+     "total sectors (32-bit) is 0, should be at least 194: 1 reserved + 2 x 80 FAT + 32 root "
+     "directory + 1 cluster"},
+    {"Total32",
+     "32",
+     {{32, 0, 4}},
+     "total sectors (32-bit) is 0, should be at least 1293: 32 reserved + 2 x 630 FAT + 0 root "
+     "directory + 1 cluster"},
+    {"TotalIsTheSmallOne",
+     "32",
+     {{32, 0, 4}, {19, 1000, 2}},
+     "total sectors (16-bit) is 1000, should be at least 1293: 32 reserved + 2 x 630 FAT + 0 root "
+     "directory + 1 cluster"},
+    {"NoCluster16",
+     "16",
+     {{19, 193, 2}},
+     "total sectors (16-bit) is 193, should be at least 194: 1 reserved + 2 x 80 FAT + 32 root "
+     "directory + 1 cluster"},
+    {"NoCluster32",
+     "32",
+     {{13, 64, 1}, {32, 1355, 4}},
+     "total sectors (32-bit) is 1355, should be at least 1356: 32 reserved + 2 x 630 FAT + 0 root "
+     "directory + 64 cluster"},
+    {"Reserved",
+     "32",
+     {{14, 0xFFFF, 2}, {36, 10000, 4}},
+     "total sectors (32-bit) is 81920, should be at least 85536: 65535 reserved + 2 x 10000 FAT + "
+     "0 root directory + 1 cluster"},
+};
+
+} // namespace
+
+TEST_P(QvolUnsupported, IsRefusedWithTheFieldThatIsWrong) {
+    const bytes healthy = read_file(image_);
+    for (const contradictory_fields &tested : NO_VOLUMES) {
+        if (std::string(GetParam()) != tested.width) {
+            continue;
+        }
+        SCOPED_TRACE(tested);
+        const std::string message =
+            "cannot mount " + image_ + ": no FAT volume found: " + tested.reason;
+        (void)scratch_.file_with("disk.img", healthy);
+        poke_numbers(tested.numbers, false);
+        expect_refused(message, is_fat32() ? BACKUP_HINT : "");
+        if (is_fat32()) {
+            EXPECT_EQ(said("cat", {"/A.TXT", "--backup-boot"}), contents_["/A.TXT"]);
+        }
+        poke_numbers(tested.numbers, true);
+        expect_refused(message);
     }
 }
 
@@ -539,7 +631,10 @@ TEST_P(QvolBackupBoot, TakesThePlaceOfADamagedBootSector) {
     const std::string listed = said("ls", {"-l"});
     std::fstream(image_, std::ios::binary | std::ios::in | std::ios::out) << std::string(512, '?');
     const bytes before = read_file(image_);
-    EXPECT_EQ(qvol("ls").status, 1);
+    const std::string reason = "qvol: cannot mount " + image_ +
+                               ": no FAT volume found: the boot signature is 0x3F3F, should be "
+                               "0xAA55";
+    EXPECT_EQ(qvol("ls"), (outcome{1, "", reason + BACKUP_HINT + "\n"}));
     EXPECT_EQ(said("ls", {"-l", "--backup-boot"}), listed);
     EXPECT_EQ(said("cat", {"/file", "--backup-boot"}), std::string(5000, 'x'));
     EXPECT_EQ(said("check", {"-q", "--backup-boot"}), "");
@@ -564,6 +659,7 @@ TEST_P(QvolBackupBoot, TakesThePlaceOfADamagedBootSector) {
               (outcome{1, "",
                        "qvol: cannot mount " + image_ +
                            ": no backup of a FAT32 boot sector found in sector 6\n"}));
+    EXPECT_EQ(qvol("ls"), (outcome{1, "", reason + "\n"}));
 }
 
 // ---- one FAT copy in use ----------------------------------------------------------------------

@@ -68,7 +68,16 @@ TEST(QvolCommandLine, FailsWithStatus1AndTheReason) {
     const scratch_directory scratch;
     const std::string zeros = scratch.sparse_file("zeros", 1 << 20);
     EXPECT_EQ(run_qvol({"ls", zeros}),
-              (outcome{1, "", "qvol: cannot mount " + zeros + ": no FAT volume found\n"}));
+              (outcome{1, "",
+                       "qvol: cannot mount " + zeros +
+                           ": no FAT volume found: the boot signature is 0x0000, "
+                           "should be 0xAA55\n"}));
+    const std::string text = scratch.file("text");
+    std::ofstream(text) << "a text\n";
+    EXPECT_EQ(run_qvol({"ls", text}),
+              (outcome{1, "",
+                       "qvol: cannot mount " + text +
+                           ": no FAT volume found: it has 7 bytes, should have at least 4096\n"}));
 }
 
 TEST_F(Qvol16, TellsWhenStandardOutputTakesNothing) {
