@@ -2,7 +2,7 @@
 
 namespace core {
 
-void store_long_slot(u8 *slot, u32 ordinal, const u16 *units, u8 checksum) {
+void store_long_slot(u8 *slot, u32 ordinal, const u16 *units, u8 checksum, name_end end) {
     constexpr u16 PADDING = 0xFFFF;
     store(slot, SLOT_ORDINAL, ordinal);
     store(slot, SLOT_ATTR, ATTR_LONG_NAME);
@@ -13,13 +13,14 @@ void store_long_slot(u8 *slot, u32 ordinal, const u16 *units, u8 checksum) {
     for (u32 i = 0; i < UNITS_PER_SLOT; i++) {
         const u16 unit = ended ? PADDING : units[i];
         store16(slot + slot_unit_offset(i), unit);
-        ended = ended || unit == 0 || unit == PADDING;
+        ended = ended || unit == 0 || (unit == PADDING && end == name_end::TERMINATOR_OR_PADDING);
     }
 }
 
-void store_slot_of_name(u8 *slot, u32 number, u32 count, const u16 *name, u8 checksum) {
+void store_slot_of_name(u8 *slot, u32 number, u32 count, const u16 *name, u8 checksum,
+                        name_end end) {
     store_long_slot(slot, number | (number == count ? SLOT_LAST : 0),
-                    name + std::size_t{number - 1} * UNITS_PER_SLOT, checksum);
+                    name + std::size_t{number - 1} * UNITS_PER_SLOT, checksum, end);
 }
 
 u32 load_units(const u8 *slot, u16 *units) {

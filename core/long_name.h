@@ -27,12 +27,17 @@ inline constexpr u32 UNITS_PER_SLOT = 13;
 
 // ---- storing ----
 
-// Stores a slot. `units` has 13 units, or fewer with their terminator, which is followed by
+// The units that end a name: its terminator, or 0xFFFF as well, which is the padding after the
+// terminator. Kernels store U+FFFF like any other character, the library ends a name with it.
+enum class name_end { TERMINATOR, TERMINATOR_OR_PADDING };
+
+// Stores a slot. `units` has 13 units, or fewer with the one that ends them, which is followed by
 // padding.
-void store_long_slot(u8 *slot, u32 ordinal, const u16 *units, u8 checksum);
+void store_long_slot(u8 *slot, u32 ordinal, const u16 *units, u8 checksum, name_end end);
 
 // Stores slot `number` of a name that takes `count` slots. The name is terminated.
-void store_slot_of_name(u8 *slot, u32 number, u32 count, const u16 *name, u8 checksum);
+void store_slot_of_name(u8 *slot, u32 number, u32 count, const u16 *name, u8 checksum,
+                        name_end end);
 
 // ---- reading ----
 

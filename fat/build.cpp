@@ -95,7 +95,8 @@ int fill_long_slots(span_sectors *span, oentry *dir, u32 short_index, u8 *short_
                 return result;
             }
         }
-        core::store_slot_of_name(slot, ordinal, count - 1, name->unicode, checksum);
+        core::store_slot_of_name(slot, ordinal, count - 1, name->unicode, checksum,
+                                 core::name_end::TERMINATOR_OR_PADDING);
     }
     return 0;
 }
@@ -279,7 +280,7 @@ int set_volume_entry(u8 *entry, const u8 *label) {
 }
 
 int set_long_slot(u8 *slot, u8 ordinal, const u16 *units, u8 checksum) {
-    core::store_long_slot(slot, ordinal, units, checksum);
+    core::store_long_slot(slot, ordinal, units, checksum, core::name_end::TERMINATOR_OR_PADDING);
     return 0;
 }
 

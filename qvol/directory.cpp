@@ -320,7 +320,8 @@ void directory::write_slots(const entry &added, std::u16string_view long_name) {
     const u32 count = added.slot - added.first_slot;
     for (u32 number = 1; number <= count; number++) {
         const u32 slot = added.slot - number;
-        core::store_slot_of_name(slot_bytes(slot), number, count, units.data(), checksum);
+        core::store_slot_of_name(slot_bytes(slot), number, count, units.data(), checksum,
+                                 core::name_end::TERMINATOR);
         mark_dirty(slot);
     }
     std::copy(added.raw.begin(), added.raw.end(), slot_bytes(added.slot));

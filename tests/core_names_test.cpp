@@ -30,7 +30,8 @@ std::vector<slot_bytes> slots_of(std::u16string name, u8 checksum) {
     const std::vector<u16> units(name.begin(), name.end());
     std::vector<slot_bytes> slots(count);
     for (u32 number = 1; number <= count; number++) {
-        store_slot_of_name(slots[count - number].data(), number, count, units.data(), checksum);
+        store_slot_of_name(slots[count - number].data(), number, count, units.data(), checksum,
+                           name_end::TERMINATOR);
     }
     return slots;
 }
@@ -73,6 +74,21 @@ TEST(NameAssembler, ReturnsEveryNameThatIsStored) {
         EXPECT_EQ(assembler.first_slot(), 100U);
         assembler.reset();
         EXPECT_FALSE(assembler.belongs_to(bytes_of(SHORT)));
+    }
+}
+
+TEST(NameAssembler, ReturnsEveryUnitThatIsStored) {
+    const u8 checksum = checksum_of(bytes_of(SHORT));
+    for (u32 first = 1; first <= 0xFFFF; first += MAX_NAME_UNITS) { // 257 times 255 units
+        std::u16string name;
+        for (u32 i = 0; i < MAX_NAME_UNITS; i++) {
+            name.push_back(static_cast<char16_t>(first + i));
+        }
+        name_assembler assembler;
+        for (const slot_bytes &slot : slots_of(name, checksum)) {
+            assembler.accept(slot.data(), 0);
+        }
+        ASSERT_EQ(name_of(assembler.units()), name) << first;
     }
 }
 

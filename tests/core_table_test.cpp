@@ -525,7 +525,8 @@ private:
         }
         for (u32 number = count; number >= 1; number--) {
             std::array<u8, DENTRY_SIZE> part = {};
-            store_slot_of_name(part.data(), number, count, units.data(), checksum_of(dos.data()));
+            store_slot_of_name(part.data(), number, count, units.data(), checksum_of(dos.data()),
+                               name_end::TERMINATOR);
             put(at++, part);
         }
         std::array<u8, DENTRY_SIZE> entry = {};
