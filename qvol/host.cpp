@@ -194,6 +194,12 @@ void host_directory::make_link(const std::string &name, bool replaces,
     made.commit();
 }
 
+bool host_directory::is_too_long(const std::string &name) const {
+    struct stat status {};
+    return fstatat(fd_->get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 &&
+           errno == ENAMETOOLONG;
+}
+
 void host_directory::set_modified(std::optional<time_t> modified) const {
     if (!modified) {
         return;

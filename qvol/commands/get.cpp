@@ -10,6 +10,8 @@
 #include "qvol/progress.h"
 #include "qvol/tree_walk.h"
 
+#include <fmt/core.h>
+
 namespace qvol {
 
 namespace {
@@ -20,9 +22,24 @@ struct get_options {
     bool is_forced = false;
 };
 
+// Where the copy goes: into a directory, under its own name or a new one.
+struct copy_destination {
+    host_directory into;
+    std::optional<std::string> new_name;
+};
+
+copy_destination destination_of(const std::string &path) {
+    if (is_host_directory(path)) {
+        return {host_directory(path), std::nullopt};
+    }
+    const split_path split = split_host_path(path);
+    return {host_directory(split.directory), split.name};
+}
+
 // ---- checks ----
 
-std::optional<std::string> problem_of(const volume &vol, const entry &found) {
+std::optional<std::string> problem_of(const volume &vol, const entry &found,
+                                      const host_directory &into, bool has_new_name) {
     std::optional<std::string> problem = extraction_problem(found.name);
     if (problem) {
         return problem;
@@ -31,22 +48,25 @@ std::optional<std::string> problem_of(const volume &vol, const entry &found) {
     if (!name || name->find_first_of(std::string_view("/\0", 2)) != name->npos) {
         return "not representable in the name encoding";
     }
+    if (!has_new_name && into.is_too_long(*name)) {
+        return fmt::format("{} bytes are too long for the file system of the host", name->size());
+    }
     return std::nullopt;
 }
 
 // Checks all requested entries. Throws error with every name that is refused.
 class extraction_check {
 public:
-    explicit extraction_check(volume &vol) : vol_(vol) {}
+    extraction_check(volume &vol, const copy_destination &to) : vol_(vol), to_(to) {}
 
     tree_totals of(const resolved_path &top) {
         if (!top.is_root()) {
-            check_entry(top.path, *top.found);
+            check_entry(top.path, *top.found, to_.new_name.has_value());
         }
         if (top.is_directory()) {
             tree_visitor visitor;
             visitor.visit = [this](const name_path &path, const entry &found, bool) {
-                return check_entry(path, found);
+                return check_entry(path, found, false);
             };
             walk_tree(vol_, top.path, open_directory(vol_, top), visitor);
         }
@@ -57,8 +77,8 @@ public:
     }
 
 private:
-    bool check_entry(const name_path &path, const entry &found) {
-        const std::optional<std::string> problem = problem_of(vol_, found);
+    bool check_entry(const name_path &path, const entry &found, bool has_new_name) {
+        const std::optional<std::string> problem = problem_of(vol_, found, to_.into, has_new_name);
         if (problem) {
             refused_.push_back(shown_path(vol_.names(), path) + ": " + *problem);
         }
@@ -79,6 +99,7 @@ private:
     }
 
     volume &vol_;
+    const copy_destination &to_;
     tree_totals totals_;
     u64 clusters_ = 0;
     std::vector<std::string> refused_;
@@ -181,30 +202,26 @@ private:
     tree_totals totals_;
 };
 
-// If the destination is a directory, the entry is copied into it under its own name. The root has
-// no name: its content goes into the destination.
+// The root has no name: its content goes into an existing directory.
 void extract_to(extraction *work, const volume &vol, const resolved_path &top,
-                const std::string &destination) {
-    if (is_host_directory(destination)) {
-        host_directory into(destination);
-        if (top.is_root()) {
-            work->extract_tree(std::move(into), top);
-        } else {
-            work->extract(into, vol.names().to_host(top.found->name).value_or(""), top);
-        }
-        return;
+                copy_destination to) {
+    if (to.new_name) {
+        work->extract(to.into, *to.new_name, top);
+    } else if (top.is_root()) {
+        work->extract_tree(std::move(to.into), top);
+    } else {
+        work->extract(to.into, vol.names().to_host(top.found->name).value_or(""), top);
     }
-    const split_path split = split_host_path(destination);
-    work->extract(host_directory(split.directory), split.name, top);
 }
 
 int run_get(const common_options &common, const get_options &options) {
     return with_volume(common, access::READ, [&](volume &vol) {
         const resolved_path top = resolve(vol, options.path);
-        const tree_totals expected = extraction_check(vol).of(top);
+        copy_destination to = destination_of(options.destination);
+        const tree_totals expected = extraction_check(vol, to).of(top);
         progress bar("get", expected.bytes, common.out.is_quiet);
         extraction work(vol, options.is_forced, &bar);
-        extract_to(&work, vol, top, options.destination);
+        extract_to(&work, vol, top, std::move(to));
         report_totals(common.out, work.totals());
         return EXIT_DONE;
     });
