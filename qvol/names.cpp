@@ -220,6 +220,8 @@ locale_t unicode_locale() {
     return locale;
 }
 
+// Letters beyond U+FFFF, such as those of Deseret, are returned as they are: kernels compare names
+// without folding these.
 char16_t upper_case(char16_t unit) {
     if (unit < 0x80) {
         return core::to_upper(static_cast<u8>(unit));

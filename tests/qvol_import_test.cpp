@@ -102,6 +102,41 @@ TEST_F(QvolImport, RefusesAMomentThatIsNone) {
     unsetenv("SOURCE_DATE_EPOCH");
 }
 
+TEST_F(QvolImport, StoresEveryCharacterOfUnicode) {
+    format("16", 20 << 20);
+    std::string emoji; // 127 of two units each
+    for (int i = 0; i < 127; i++) {
+        emoji += "\U0001F600";
+    }
+    // Neither case nor U+FFFF, which is also the padding of a name, makes these names equal.
+    const std::string names[] = {"a\uFFFFb and more than one slot", "\U00010400", "\U00010428",
+                                 emoji + "x", "\U0010FFFF"};
+    const std::string file = host_file("content", "text");
+    std::string listed;
+    for (const std::string &name : names) {
+        said("put", {file, "/" + name});
+        listed += name + "\n";
+    }
+    EXPECT_EQ(said("ls"), listed);
+    expect_clean();
+    const std::string document = said("ls", {"--json"});
+    for (const std::string &name : names) {
+        EXPECT_NE(document.find("\"name\": \"" + name + "\""), std::string::npos) << name;
+        EXPECT_EQ(said("cat", {"/" + name}), "text");
+    }
+
+    const outcome too_long = qvol("mkdir", {"/" + emoji + "xy"});
+    EXPECT_NE(too_long.err.find("has 256 UTF-16 units, at most 255 are allowed"), std::string::npos)
+        << too_long;
+    EXPECT_EQ(qvol("get", {"/", scratch_.file("out")}),
+              (outcome{1, "",
+                       "qvol: cannot make these names on the host; nothing was written\n"
+                       "  /" +
+                           emoji + "x: 509 bytes are too long for the file system of the host\n"}));
+    EXPECT_FALSE(std::filesystem::exists(scratch_.file("out")));
+    said("get", {"/" + emoji + "x", scratch_.file("shorter name")});
+}
+
 TEST_F(QvolImport, SpeaksOtherEncodings) {
     format("16", 20 << 20);
     host_file("tree/gr\xFC\xDF", "latin");

@@ -27,27 +27,49 @@ std::u16string repeated(char16_t unit, std::size_t count) {
     return std::u16string(count, unit);
 }
 
+// Emoji beyond U+FFFF, of two units each.
+std::u16string emoji(std::size_t count) {
+    std::u16string name;
+    for (std::size_t i = 0; i < count; i++) {
+        name += u"\U0001F600";
+    }
+    return name;
+}
+
+constexpr char32_t LAST_CHARACTER = 0x10FFFF;
+
+// The characters from `first` on, assigned or not, as units. Surrogates are none.
+std::u16string characters(char32_t first, char32_t count) {
+    std::u16string text;
+    for (char32_t code = first; code < first + count && code <= LAST_CHARACTER; code++) {
+        if (code >= 0x10000) {
+            text.push_back(static_cast<char16_t>(0xD800 + ((code - 0x10000) >> 10)));
+            text.push_back(static_cast<char16_t>(0xDC00 + ((code - 0x10000) & 0x3FF)));
+        } else if (code < 0xD800 || code > 0xDFFF) {
+            text.push_back(static_cast<char16_t>(code));
+        }
+    }
+    return text;
+}
+
 } // namespace
 
 // ---- conversion -------------------------------------------------------------------------------
 
-TEST(NameCodec, PassesEveryCodePointThroughUnitsAndBack) {
+TEST(NameCodec, PassesEveryCharacterThroughUnitsAndBack) {
     const name_codec codec;
-    for (char32_t code = 1; code <= 0x10FFFF; code += code < 0x800 ? 1 : 97) {
-        if (code >= 0xD800 && code <= 0xDFFF) {
-            continue;
-        }
-        std::u16string units;
-        if (code < 0x10000) {
-            units = {static_cast<char16_t>(code)};
-        } else {
-            units = {static_cast<char16_t>(0xD800 + ((code - 0x10000) >> 10)),
-                     static_cast<char16_t>(0xDC00 + ((code - 0x10000) & 0x3FF))};
-        }
-        const std::optional<std::string> bytes = codec.to_host(units);
-        ASSERT_TRUE(bytes.has_value()) << std::hex << static_cast<unsigned>(code);
-        ASSERT_EQ(codec.to_units(*bytes), units) << std::hex << static_cast<unsigned>(code);
+    const name_codec system("ISO-10646/UTF8/"); // UTF-8 by iconv
+    constexpr char32_t STEP = 64;
+    std::size_t units = 0;
+    for (char32_t first = 1; first <= LAST_CHARACTER; first += STEP) {
+        const std::u16string text = characters(first, STEP);
+        const std::optional<std::string> bytes = codec.to_host(text);
+        ASSERT_TRUE(bytes.has_value()) << std::hex << u32{first};
+        ASSERT_EQ(bytes, system.to_host(text)) << std::hex << u32{first};
+        ASSERT_EQ(codec.to_units(*bytes), text) << std::hex << u32{first};
+        units += text.size();
     }
+    EXPECT_EQ(units, 0xFFFFU - 0x800 + 2 * 0x100000);
 }
 
 TEST(NameCodec, JoinsSurrogatePairs) {
@@ -70,6 +92,10 @@ TEST(NameCodec, ConvertsOtherEncodingsWithoutLossOrNotAtAll) {
     EXPECT_EQ(codec.to_units("gr\xFC\xDF"), u"gr\u00FC\u00DF");
     EXPECT_EQ(codec.to_host(u"gr\u00FC\u00DF"), "gr\xFC\xDF");
     EXPECT_EQ(codec.to_host(u"\u20AC"), std::nullopt);
+    EXPECT_EQ(codec.to_host(emoji(1)), std::nullopt);
+    const name_codec wide("GB18030");
+    EXPECT_EQ(wide.to_units("a\x94\x39\xFC\x36"), u"a" + emoji(1));
+    EXPECT_EQ(wide.to_host(u"a" + emoji(1)), "a\x94\x39\xFC\x36");
 }
 
 TEST(NameCodec, RefusesAnEncodingThatTheSystemDoesNotHave) {
@@ -83,6 +109,7 @@ TEST(ShownName, LeavesOrdinaryNamesAlone) {
     EXPECT_EQ(codec.shown(u"read me.txt"), "read me.txt");
     EXPECT_EQ(codec.shown(u"it's \\ here"), "it's \\ here");
     EXPECT_EQ(codec.shown(u"gr\u00FC\u00DF"), "gr\xC3\xBC\xC3\x9F");
+    EXPECT_EQ(codec.shown(emoji(1)), "\xF0\x9F\x98\x80");
 }
 
 TEST(ShownName, QuotesWhatWouldReachTheTerminal) {
@@ -91,7 +118,13 @@ TEST(ShownName, QuotesWhatWouldReachTheTerminal) {
     EXPECT_EQ(codec.shown(u"it's\n"), "$'it\\'s\\x0a'");
     EXPECT_EQ(codec.shown(u"\x009B"), "$'\\u009b'");
     EXPECT_EQ(codec.shown(u"a\u202Egnp.exe"), "$'a\\u202egnp.exe'");
+    EXPECT_EQ(codec.shown(u"a\U000E0041"), "$'a\\U000e0041'"); // invisible
     EXPECT_EQ(codec.shown(u"\xD800"), "$'\\ud800'");
+    EXPECT_EQ(codec.shown(u"\xDE00\xD83D"
+                          u"a"),
+              "$'\\ude00\\ud83da'");
+    EXPECT_EQ(codec.shown(emoji(1) + u"\xD83D"), "$'\xF0\x9F\x98\x80\\ud83d'");
+    EXPECT_EQ(name_codec("ISO-8859-1").shown(emoji(1)), "$'\\U0001f600'");
 }
 
 TEST(ShownName, QuotesNamesThatLeadElsewhere) {
@@ -113,6 +146,17 @@ TEST(NameProblem, IsNoneForNamesUpToTheLimit) {
     EXPECT_EQ(name_problem(u".hidden"), std::nullopt);
     EXPECT_EQ(name_problem(u"aux.c"), std::nullopt);
     EXPECT_EQ(name_problem(repeated(u'x', 255)), std::nullopt);
+    EXPECT_EQ(name_problem(emoji(127) + u"x"), std::nullopt);
+}
+
+TEST(NameProblem, IsNoneForAllCharactersButAFew) {
+    u32 valid = 0;
+    for (char32_t code = 1; code <= LAST_CHARACTER; code++) {
+        const std::u16string name = characters(code, 1);
+        valid += name.empty() || name_problem(name) ? 0 : 1;
+    }
+    constexpr u32 CONTROLS = 0x1F + (0x9F - 0x7E);
+    EXPECT_EQ(valid, 0x10FFFFU - 0x800 - CONTROLS - std::string("\\/:*?\"<>| .").size());
 }
 
 TEST(NameProblem, TellsWhy) {
@@ -123,6 +167,7 @@ TEST(NameProblem, TellsWhy) {
     EXPECT_EQ(name_problem(u"Con"), "is a device name");
     EXPECT_EQ(name_problem(u"lpt9"), "is a device name");
     EXPECT_EQ(name_problem(repeated(u'x', 256)), "has 256 UTF-16 units, at most 255 are allowed");
+    EXPECT_EQ(name_problem(emoji(128)), "has 256 UTF-16 units, at most 255 are allowed");
     EXPECT_EQ(name_problem(u""), "is empty");
     EXPECT_EQ(name_problem(u"\xD800"), "contains half a surrogate pair");
 }
@@ -147,12 +192,17 @@ TEST(FoldCase, MakesNamesThatDifferInCaseEqual) {
     EXPECT_NE(fold_case(u"a"), fold_case(u"b"));
 }
 
+TEST(FoldCase, LeavesLettersOfTwoUnitsAlone) {
+    EXPECT_NE(fold_case(u"\U00010400"), fold_case(u"\U00010428")); // Deseret, long I
+}
+
 TEST(SlotsOfName, CountsThirteenUnitsToASlot) {
     EXPECT_EQ(slots_of_name(u"README.TXT"), 1U);
     EXPECT_EQ(slots_of_name(u"readme.txt"), 2U);
     EXPECT_EQ(slots_of_name(repeated(u'x', 13)), 2U);
     EXPECT_EQ(slots_of_name(repeated(u'x', 14)), 3U);
     EXPECT_EQ(slots_of_name(repeated(u'x', 255)), 21U);
+    EXPECT_EQ(slots_of_name(emoji(7)), 3U);
 }
 
 // ---- short names ------------------------------------------------------------------------------
@@ -166,10 +216,11 @@ TEST(ShortForm, KeepsWhat83Holds) {
 
 TEST(ShortForm, TellsWhatWasLost) {
     const std::pair<std::u16string, std::string> cases[] = {
-        {u"read me.txt", "README  TXT"},    {u"a.b.c", "AB      C  "},
-        {u".profile", "PROFILE    "},       {u"toolongname", "TOOLONGN   "},
-        {u"x.jpeg", "X       JPE"},         {u"a+b", "A_B        "},
-        {u"gr\u00FC\u00DF", "GR__       "}, {u"   ", "_          "},
+        {u"read me.txt", "README  TXT"},     {u"a.b.c", "AB      C  "},
+        {u".profile", "PROFILE    "},        {u"toolongname", "TOOLONGN   "},
+        {u"x.jpeg", "X       JPE"},          {u"a+b", "A_B        "},
+        {u"gr\u00FC\u00DF", "GR__       "},  {u"   ", "_          "},
+        {emoji(1) + u".txt", "__      TXT"},
     };
     for (const auto &[name, expected] : cases) {
         EXPECT_EQ(text(short_form_of(name).name), expected);
