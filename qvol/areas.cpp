@@ -16,12 +16,17 @@ u64 area::end() const {
     return offset() + bytes();
 }
 
-std::vector<area> areas_of(const volume &vol) {
+page_origin parse_page_origin(const std::string &word) {
+    return word == "volume" ? page_origin::VOLUME : page_origin::DISK;
+}
+
+std::vector<area> areas_of(const volume &vol, page_origin from) {
+    const u64 origin = from == page_origin::DISK ? vol.where().offset_on_disk() : 0;
     const core::areas &at = vol.on().at;
     const boot_fields &boot = vol.boot();
     std::vector<area> areas;
     const auto add = [&](area_kind kind, std::string name, u64 first, u64 count) {
-        areas.push_back({kind, std::move(name), first, count, at.sector_size});
+        areas.push_back({kind, std::move(name), first, count, at.sector_size, origin});
     };
     add(area_kind::RESERVED, "reserved", 0, boot.reserved_sectors);
     for (u32 copy = 0; copy < boot.fat_copies; copy++) {

@@ -22,14 +22,26 @@ struct area {
     u64 first;
     u64 count;
     u32 sector_size; // bytes
+    u64 page_origin; // bytes from where pages are counted from to the start of the volume
 
     [[nodiscard]] u64 offset() const; // bytes
     [[nodiscard]] u64 bytes() const;
     [[nodiscard]] u64 end() const; // bytes
+
+    // Bytes from the page boundary before the area to its start.
+    [[nodiscard]] u64 past_page(u32 page_bytes) const {
+        return (page_origin + offset()) % page_bytes;
+    }
 };
 
+// Where the pages of the flash are counted from.
+enum class page_origin { DISK, VOLUME };
+
+// The word of an option: "disk" or "volume".
+[[nodiscard]] page_origin parse_page_origin(const std::string &word);
+
 // In the order of the medium.
-[[nodiscard]] std::vector<area> areas_of(const volume &vol);
+[[nodiscard]] std::vector<area> areas_of(const volume &vol, page_origin from = page_origin::DISK);
 
 // One line: the FAT width, the sizes, and where each area begins.
 [[nodiscard]] std::string areas_text(const volume &vol);

@@ -122,10 +122,9 @@ void compare_fat_size(const core::volume &on, contradictions *found) {
 void compare_device(const core::volume &on, u64 device_bytes, contradictions *found) {
     const u64 device_sectors = device_bytes / on.at.sector_size;
     if (device_sectors < on.at.total_sectors) {
-        found->push_back(
-            {contradiction_kind::FIELDS,
-             fmt::format("the volume has {} sectors, should have at most {} on this device",
-                         on.at.total_sectors, device_sectors)});
+        found->push_back({contradiction_kind::FIELDS,
+                          fmt::format("the volume has {} sectors, should have at most {} to fit",
+                                      on.at.total_sectors, device_sectors)});
     }
 }
 

@@ -89,7 +89,10 @@ declared_option declared_command::list(const char *names, std::vector<std::strin
 namespace {
 
 void add_common_options(const declared_command &command, common_options *common) {
-    command.value("IMAGE", &common->image, "Image file or block device").required();
+    command
+        .value("IMAGE", &common->image,
+               "Image file or block device; IMAGE#N: partition N; IMAGE@OFFSET[+SIZE]: a part")
+        .required();
     command.flag("--json", &common->out.is_json, "Print one JSON document to standard output");
     command.flag("--quiet,-q", &common->out.is_quiet,
                  "Print only the requested output, and errors");

@@ -233,11 +233,12 @@ u64 window_start(const area &drawn) {
 void map_picture::draw_page_row(const area &drawn, u32 page, const box &at) {
     const u64 first = window_start(drawn);
     const double scale = at.width / static_cast<double>(WINDOW);
-    for (u64 tick = (first + page - 1) / page * page; tick <= first + WINDOW; tick += page) {
+    const u64 past = (drawn.page_origin + first) % page;
+    for (u64 tick = first + (page - past) % page; tick <= first + WINDOW; tick += page) {
         const double x = at.x + static_cast<double>(tick - first) * scale;
         body_.line(x, at.y + 3, x, at.y + at.height - 3, "tick");
     }
-    const u64 remainder = drawn.offset() % page;
+    const u64 remainder = drawn.past_page(page);
     body_.text(at.x - 8, at.y + 13, "small end", short_size(page));
     body_.text(at.x + at.width + 8, at.y + 13, remainder == 0 ? "good" : "off",
                remainder == 0 ? "0" : "+" + grouped(remainder));

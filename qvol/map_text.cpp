@@ -143,7 +143,7 @@ void print_remainders(const output &out, const volume_map &map, const terminal_f
     for (const area &drawn : map.areas) {
         std::string line = fmt::format(" {:<16}", drawn.name);
         for (const u32 page : PAGE_SIZES) {
-            line += fmt::format("{:>8}", drawn.offset() % page);
+            line += fmt::format("{:>8}", drawn.past_page(page));
         }
         out.line(coloured(form, colour_of(drawn), symbol_of(drawn)) + line +
                  fmt::format("{:>14}", drawn.offset()));

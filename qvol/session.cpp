@@ -4,109 +4,17 @@
 #include "core/chain.h"
 #include "core/geometry.h"
 #include "qvol/error.h"
-#include "qvol/mounted.h"
+#include "qvol/partitions.h"
 #include "qvol/sectors.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 
-#include <fcntl.h>
 #include <fmt/core.h>
-#include <linux/fs.h>
-#include <sys/file.h>
-#include <sys/ioctl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace qvol {
 
 namespace {
-
-// ---- opening ----------------------------------------------------------------------------------
-
-struct stat status_of(int fd, const std::string &path) {
-    struct stat status {};
-    if (fstat(fd, &status) != 0) {
-        throw system_failure("stat " + shown_bytes(path));
-    }
-    return status;
-}
-
-// O_EXCL fails for a device that the system or another program uses, also in other mount
-// namespaces. O_NONBLOCK: open() must not wait for a pipe, which is refused later.
-int opening_flags(const std::string &path, access wanted) {
-    if (wanted == access::READ) {
-        return O_RDONLY | O_CLOEXEC | O_NONBLOCK;
-    }
-    struct stat status {};
-    const bool is_device = stat(path.c_str(), &status) == 0 && S_ISBLK(status.st_mode);
-    return O_RDWR | O_CLOEXEC | O_NONBLOCK | (is_device ? O_EXCL : 0);
-}
-
-void refuse_mounted(const struct stat &status, const std::string &path) {
-    const std::optional<std::string> point = mount_point_using(status);
-    if (point) {
-        throw error(fmt::format("cannot write to {}: it is mounted on {}; unmount it first",
-                                shown_bytes(path), shown_bytes(*point)));
-    }
-}
-
-[[noreturn]] void refuse_busy(const std::string &path) {
-    struct stat status {};
-    if (stat(path.c_str(), &status) == 0) {
-        refuse_mounted(status, path);
-    }
-    throw error("cannot write to " + shown_bytes(path) +
-                ": it is in use by the system; unmount it first");
-}
-
-int open_target(const std::string &path, access wanted) {
-    const int fd = open(path.c_str(), opening_flags(path, wanted));
-    if (fd < 0 && errno == EBUSY) {
-        refuse_busy(path);
-    }
-    if (fd < 0) {
-        throw system_failure("open " + shown_bytes(path));
-    }
-    return fd;
-}
-
-void lock_target(int fd, const std::string &path, access wanted) {
-    const int kind = wanted == access::WRITE ? LOCK_EX : LOCK_SH;
-    if (flock(fd, kind | LOCK_NB) == 0) {
-        return;
-    }
-    if (errno == EWOULDBLOCK) {
-        throw error(
-            fmt::format("cannot lock {}: locked by another program; try again when it has finished",
-                        shown_bytes(path)));
-    }
-    throw system_failure("lock " + shown_bytes(path));
-}
-
-// Of two sizes that the system states for a device, the smaller one counts.
-u64 device_size(int fd, const std::string &path) {
-    u64 by_request = 0;
-    const off_t by_seeking = lseek(fd, 0, SEEK_END);
-    if (ioctl(fd, BLKGETSIZE64, &by_request) != 0 || by_seeking < 0) {
-        throw system_failure("get the size of " + shown_bytes(path));
-    }
-    return std::min(by_request, static_cast<u64>(by_seeking));
-}
-
-u64 size_of(int fd, const struct stat &status, const std::string &path) {
-    if (!S_ISREG(status.st_mode) && !S_ISBLK(status.st_mode)) {
-        throw error("cannot open " + shown_bytes(path) +
-                    ": neither an image file nor a block device");
-    }
-    const u64 size =
-        S_ISREG(status.st_mode) ? static_cast<u64>(status.st_size) : device_size(fd, path);
-    if (size == 0) {
-        throw error("cannot open " + shown_bytes(path) + ": it is empty");
-    }
-    return size;
-}
 
 // ---- backup of the boot sector ----------------------------------------------------------------
 
@@ -189,7 +97,7 @@ boot_fields parse_boot_sector(const core::volume &on) {
 
 std::vector<contradiction> contradictions_on(const target &where, const core::volume &on) {
     const std::optional<u64> device_bytes =
-        where.is_device() ? std::optional(where.size()) : std::nullopt;
+        where.has_fixed_size() ? std::optional(where.size()) : std::nullopt;
     return contradictions_of(on, device_bytes);
 }
 
@@ -221,6 +129,20 @@ std::vector<u8> read_boot_sector(const target &where) {
     return sector;
 }
 
+// What is there instead of a volume.
+[[noreturn]] void refuse_other_content(const target &where, const std::string &reason) {
+    const std::string name = shown_bytes(where.path());
+    const std::string cannot = "cannot mount " + name + ": ";
+    if (!where.is_part() && is_partitioned(where)) {
+        throw error(cannot + "it is a partitioned disk; name a partition of it, as " + name + "#1",
+                    partition_lines(where));
+    }
+    const std::string other = content_of(where, where.offset(), where.size()).file_system;
+    const bool is_known = !other.empty() && other != "vfat";
+    throw error(cannot + "no FAT volume found: " +
+                (is_known ? "it contains " + other : reason + backup_hint(where)));
+}
+
 core::volume read_volume(const target &where) {
     const std::vector<u8> sector = read_boot_sector(where);
     const std::string none = no_volume_reason(sector);
@@ -233,8 +155,7 @@ core::volume read_volume(const target &where) {
     if (!none.empty() ||
         core::read_areas(core::boot_numbers(sector.data()), core::width_rule::FAT_SIZE, &on.at) !=
             core::fault::NONE) {
-        throw error(fmt::format("cannot mount {}: no FAT volume found: {}{}",
-                                shown_bytes(where.path()), none, backup_hint(where)));
+        refuse_other_content(where, none);
     }
     return on;
 }
@@ -272,67 +193,6 @@ bool is_fsinfo(const std::vector<u8> &sector) {
 }
 
 } // namespace
-
-// ---- target -----------------------------------------------------------------------------------
-
-target::target(std::string path, access wanted)
-    : path_(std::move(path)), is_writable_(wanted == access::WRITE),
-      fd_(open_target(path_, wanted)), own_medium_(fd_.get(), size_, is_writable_) {
-    if (is_writable_) {
-        // If the reader of the output ends, SIGPIPE must not end the program between two writes.
-        (void)std::signal(SIGPIPE, SIG_IGN);
-    }
-    lock_target(fd_.get(), path_, wanted);
-    const struct stat status = status_of(fd_.get(), path_);
-    is_device_ = S_ISBLK(status.st_mode);
-    if (is_writable_) {
-        refuse_mounted(status, path_);
-    }
-    size_ = size_of(fd_.get(), status, path_);
-}
-
-void target::sync() const {
-    if (fsync(fd_.get()) != 0) {
-        throw system_failure("sync " + shown_bytes(path_));
-    }
-}
-
-void target::resize(u64 size) {
-    if (ftruncate(fd_.get(), static_cast<off_t>(size)) != 0) {
-        throw system_failure("resize " + shown_bytes(path_));
-    }
-    size_ = size;
-}
-
-bool target::is_blank() const {
-    constexpr std::size_t HEADER_BYTES = std::size_t{1024} * 1024;
-    std::vector<u8> bytes(HEADER_BYTES);
-    const ssize_t count = pread(fd_.get(), bytes.data(), bytes.size(), 0);
-    if (count < 0) {
-        throw system_failure("read " + shown_bytes(path_));
-    }
-    bytes.resize(static_cast<std::size_t>(count));
-    return std::all_of(bytes.begin(), bytes.end(), [&](u8 byte) {
-        return byte == bytes.front() && (byte == 0 || byte == 0xFF);
-    });
-}
-
-u32 target::sector_bytes() const {
-    int bytes = 0;
-    const bool is_known = is_device_ && ioctl(fd_.get(), BLKSSZGET, &bytes) == 0 &&
-                          bytes >= static_cast<int>(core::MIN_SECTOR_SIZE);
-    return is_known ? static_cast<u32>(bytes) : core::MIN_SECTOR_SIZE;
-}
-
-void check_replaceable(const std::string &path) {
-    const core::unique_fd fd(open_target(path, access::READ));
-    const struct stat status = status_of(fd.get(), path);
-    if (!S_ISREG(status.st_mode)) {
-        throw error("cannot replace " + shown_bytes(path) + ": not an image file");
-    }
-    lock_target(fd.get(), path, access::WRITE);
-    refuse_mounted(status, path);
-}
 
 // ---- backup of the boot sector ----------------------------------------------------------------
 

@@ -1,96 +1,20 @@
-// A session with one target: the image file or block device, and the volume on it.
-//
-//   target   opened, locked, not in use by the system; sectors can be read and written. This is
-//            enough for formatting.
-//   volume   the volume of a target: its FAT, its names, and the order of writes to the medium.
-//
-// Several can be open at once. Destroying the target closes it.
+// The volume of a target: its FAT, its names, and the order of writes to the medium. Several can be
+// open at once.
 
 #pragma once
 
 #include "core/overlay.h"
-#include "core/resources.h"
 #include "qvol/boot_sector.h"
 #include "qvol/directory.h"
 #include "qvol/fat_table.h"
-#include "qvol/media.h"
 #include "qvol/names.h"
+#include "qvol/target.h"
 
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace qvol {
-
-enum class access { READ, WRITE };
-
-class target {
-public:
-    // Opens and locks the target: exclusively for writing, shared for reading. Throws error, also
-    // if a target to write to is mounted.
-    target(std::string path, access wanted);
-    ~target() = default;
-    target(const target &) = delete;
-    target &operator=(const target &) = delete;
-
-    [[nodiscard]] const std::string &path() const {
-        return path_;
-    }
-    [[nodiscard]] u64 size() const { // bytes
-        return size_;
-    }
-    [[nodiscard]] bool is_device() const {
-        return is_device_;
-    }
-
-    [[nodiscard]] bool is_writable() const {
-        return is_writable_;
-    }
-
-    // Syncs all writes to the medium.
-    void sync() const;
-
-    // Cuts or extends an image file.
-    void resize(u64 size);
-
-    // Unwritten sectors read as zeros, as in an image file that was just made.
-    void mark_fresh() {
-        is_fresh_ = true;
-    }
-    [[nodiscard]] bool is_fresh() const {
-        return is_fresh_;
-    }
-
-    // Restricts formatting to the first `bytes` bytes.
-    void limit_size(u64 bytes) {
-        size_ = bytes;
-    }
-
-    // What volumes are read from and written to: the opened file or device, or what replaces it.
-    [[nodiscard]] core::medium &medium() const {
-        return *medium_;
-    }
-    void replace_medium(core::medium *other) {
-        medium_ = other;
-    }
-
-    // True if the first MiB, where volumes, partition tables and other file systems have their
-    // headers, is blank: all zero, or all 0xFF as on erased flash.
-    [[nodiscard]] bool is_blank() const;
-
-    // Logical sector size of a device; 512 for an image file.
-    [[nodiscard]] u32 sector_bytes() const;
-
-private:
-    std::string path_;
-    bool is_device_ = false;
-    bool is_writable_;
-    bool is_fresh_ = false;
-    u64 size_ = 0;
-    core::unique_fd fd_;
-    target_medium own_medium_;
-    core::medium *medium_ = &own_medium_;
-};
 
 // For a FAT32 volume whose boot sector is damaged: until the end of its life the backup is read in
 // place of the boot sector. Nothing is written.
@@ -130,9 +54,6 @@ struct boot_fields {
 
 // The parts of a volume that a command requires: the areas, or also a readable root directory.
 enum class required { AREAS, AREAS_AND_ROOT };
-
-// Throws error if the file to replace is locked by another program, mounted, or not a regular file.
-void check_replaceable(const std::string &path);
 
 class volume {
 public:

@@ -161,7 +161,7 @@ std::vector<u32> greatest_owners(const std::vector<cluster_owner> &owners, std::
 
 // ---- the map ----------------------------------------------------------------------------------
 
-volume_map map_volume(volume &vol) {
+volume_map map_volume(volume &vol, page_origin from) {
     cluster_survey survey(vol);
     survey.visit_tree();
     if (survey.clusters() == 0) {
@@ -172,7 +172,7 @@ volume_map map_volume(volume &vol) {
     map.fat_type = vol.on().at.width;
     map.cluster_bytes = vol.on().cluster_bytes();
     map.bytes = u64{vol.on().at.total_sectors} * vol.on().at.sector_size;
-    map.areas = areas_of(vol);
+    map.areas = areas_of(vol, from);
     map.clusters = survey.clusters();
     map.files = survey.files();
     map.extents = survey.extents();

@@ -71,7 +71,7 @@ struct volume_map {
     [[nodiscard]] std::vector<u32> most_pieces(std::size_t count) const;
 };
 
-[[nodiscard]] volume_map map_volume(volume &vol);
+[[nodiscard]] volume_map map_volume(volume &vol, page_origin from = page_origin::DISK);
 
 // ---- cells ------------------------------------------------------------------------------------
 

@@ -97,7 +97,7 @@ u64 used_length(volume &vol) {
 void refuse_truncated(volume &vol) {
     const u64 size = vol.where().size();
     const u64 volume_bytes = u64{vol.on().at.total_sectors} * vol.on().at.sector_size;
-    if (vol.where().is_device() || size >= volume_bytes || size >= used_length(vol)) {
+    if (vol.where().has_fixed_size() || size >= volume_bytes || size >= used_length(vol)) {
         return;
     }
     throw error(fmt::format(

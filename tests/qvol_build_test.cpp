@@ -702,6 +702,7 @@ TEST_F(QvolBuild, GivesOneDocument) {
     EXPECT_EQ(json::parse(result.out), (json{{"files", 7},
                                              {"directories", 4},
                                              {"links", 2},
+                                             {"offset", 0},
                                              {"bytes", 5056},
                                              {"image", image_},
                                              {"image_bytes", 20 << 20},

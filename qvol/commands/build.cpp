@@ -172,6 +172,7 @@ build_result describe(volume &vol, const std::string &path, const tree_totals &t
     const u64 free_bytes = u64{vol.fat().free_count()} * vol.on().cluster_bytes();
     build_result result = {totals, totals_json(totals), {}};
     result.document.add("image", path);
+    result.document.add("offset", vol.where().offset());
     result.document.add("image_bytes", vol.where().size());
     result.document.add("volume_bytes", u64{vol.on().at.total_sectors} * vol.on().at.sector_size);
     result.document.add("fat_type", vol.on().at.width);
@@ -250,7 +251,7 @@ build_result build_image(const common_options &common, const build_options &opti
     return result;
 }
 
-void check_device(const target &where, const build_options &options) {
+void check_place(const target &where, const build_options &options) {
     const std::string name = shown_bytes(where.path());
     if (options.is_compact) {
         throw usage_error("cannot use --compact on " + name + ": only an image file can be cut");
@@ -260,9 +261,9 @@ void check_device(const target &where, const build_options &options) {
     }
 }
 
-build_result build_on_device(const common_options &common, const build_options &options) {
+build_result build_in_place(const common_options &common, const build_options &options) {
     target where(common.image, access::WRITE);
-    check_device(where, options);
+    check_place(where, options);
     build_options completed = options;
     if (options.size.empty()) {
         completed.size = std::to_string(where.size());
@@ -273,26 +274,31 @@ build_result build_on_device(const common_options &common, const build_options &
         throw error(fmt::format("--size {}: larger than {}, which has {}", options.size,
                                 shown_bytes(common.image), shown_size(where.size())));
     }
+    if (completed.identity.hidden_sectors == 0) {
+        completed.identity.hidden_sectors = static_cast<u32>(where.offset() / request.sector_bytes);
+    }
     const std::vector<host_node> nodes = scan_tree(options, name_codec(common.encoding));
     const volume_shape shape = choose_shape(request, content_of(options, nodes));
     where.limit_size(shape.bytes);
     deferred_boot_sector boot(&where, shape.sector_bytes);
-    build_result result = build_volume(common, options, shape, nodes, where);
+    build_result result = build_volume(common, completed, shape, nodes, where);
     boot.release();
     return result;
 }
 
-bool is_block_device(const std::string &path) {
+// A device, or a part of an image file or device that exists.
+bool is_place(const std::string &name) {
     struct stat status {};
-    return stat(path.c_str(), &status) == 0 && S_ISBLK(status.st_mode);
+    return parse_place(name).is_part() ||
+           (stat(name.c_str(), &status) == 0 && S_ISBLK(status.st_mode));
 }
 
 int run_build(const common_options &common, const build_options &given) {
     common.refuse_backup_boot();
     build_options options = given;
     options.identity = parse_identity(options);
-    const build_result result = is_block_device(common.image) ? build_on_device(common, options)
-                                                              : build_image(common, options);
+    const build_result result =
+        is_place(common.image) ? build_in_place(common, options) : build_image(common, options);
     common.out.remark(totals_text(result.totals));
     common.out.remark(result.remark);
     if (common.out.is_json) {
@@ -322,8 +328,9 @@ void add_shape_options(const declared_command &build, build_options *options) {
                 "Serial number, as 1A2B-3C4D (default: the present time)");
     build.value("--oem", &options->oem_name, "OEM name, 8 characters at most");
     build.value("--media", &options->media, "Media byte, 0xF0 or 0xF8 to 0xFF (default 0xF8)");
-    build.value("--hidden-sectors", &options->hidden_sectors,
-                "Number of sectors before the volume on its disk (default 0)");
+    build.value(
+        "--hidden-sectors", &options->hidden_sectors,
+        "Number of sectors before the volume on its disk (default: those before its partition)");
 }
 
 void add_content_options(const declared_command &build, build_options *options) {

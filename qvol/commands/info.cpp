@@ -12,10 +12,14 @@ namespace qvol {
 
 namespace {
 
-// The largest page size from 2 to 16 KiB that a byte offset is a multiple of, or 0.
-u32 alignment_of(u64 offset) {
+struct info_options {
+    std::string pages_from = "disk";
+};
+
+// The largest page size from 2 to 16 KiB that the area begins on, or 0.
+u32 alignment_of(const area &one) {
     const auto page = std::find_if(PAGE_SIZES.rbegin(), PAGE_SIZES.rend(),
-                                   [&](u32 size) { return offset % size == 0; });
+                                   [&](u32 size) { return one.past_page(size) == 0; });
     return page != PAGE_SIZES.rend() ? *page : 0;
 }
 
@@ -38,14 +42,14 @@ struct volume_info {
     std::vector<area> areas;
 };
 
-volume_info info_of(volume &vol) {
+volume_info info_of(volume &vol, const info_options &options) {
     const u32 serial = vol.boot().serial;
     return {vol,
             vol.fat().last_cluster() - core::FIRST_DATA_CLUSTER + 1,
             vol.fat().free_count(),
             label_of(vol),
             fmt::format("{:04X}-{:04X}", serial >> 16, serial & 0xFFFF),
-            areas_of(vol)};
+            areas_of(vol, parse_page_origin(options.pages_from))};
 }
 
 json areas_json(const std::vector<area> &areas) {
@@ -56,7 +60,7 @@ json areas_json(const std::vector<area> &areas) {
                         {"sectors", one.count},
                         {"offset", one.offset()},
                         {"bytes", one.bytes()},
-                        {"aligned_to", alignment_of(one.offset())}});
+                        {"aligned_to", alignment_of(one)}});
     }
     return list;
 }
@@ -65,6 +69,7 @@ json info_json(const volume_info &info) {
     const core::volume &on = info.vol.on();
     const boot_fields &boot = info.vol.boot();
     return {{"image", info.vol.where().path()},
+            {"offset", info.vol.where().offset()},
             {"image_bytes", info.vol.where().size()},
             {"fat_type", on.at.width},
             {"label", info.label},
@@ -93,7 +98,7 @@ void print_areas(const output &out, const std::vector<area> &areas) {
     out.line("");
     out.line("area            first sector     sectors        bytes  aligned to");
     for (const area &one : areas) {
-        const u32 page = alignment_of(one.offset());
+        const u32 page = alignment_of(one);
         out.line(fmt::format("{:<15} {:>12} {:>11} {:>12}  {}", one.name, one.first, one.count,
                              one.bytes(), page != 0 ? shown_size(page) : "less than 2 KiB"));
     }
@@ -104,6 +109,9 @@ void print_info(const output &out, const volume_info &info) {
     const target &where = info.vol.where();
     out.line(
         fmt::format("image         {}, {}", shown_bytes(where.path()), shown_size(where.size())));
+    if (where.is_part()) {
+        out.line(fmt::format("offset        {} ({})", where.offset(), shown_size(where.offset())));
+    }
     out.line(fmt::format("type          FAT{}", on.at.width));
     out.line(
         fmt::format("label         {}", info.label.empty() ? "none" : shown_bytes(info.label)));
@@ -122,9 +130,9 @@ void print_info(const output &out, const volume_info &info) {
     print_areas(out, info.areas);
 }
 
-int run_info(const common_options &common) {
+int run_info(const common_options &common, const info_options &options) {
     return with_volume(common, access::READ, [&](volume &vol) {
-        const volume_info info = info_of(vol);
+        const volume_info info = info_of(vol, options);
         if (common.out.is_json) {
             common.out.document(info_json(info));
         } else {
@@ -137,10 +145,16 @@ int run_info(const common_options &common) {
 } // namespace
 
 void add_info(command_line *commands) {
-    commands->add({"info", "Show the volume: areas, alignment, label, clusters",
-                   "  qvol info flash.img\n"
-                   "  qvol info --json flash.img"},
-                  run_info);
+    const auto [info, options] =
+        commands->add({"info", "Show the volume: areas, alignment, label, clusters",
+                       "  qvol info flash.img\n"
+                       "  qvol info --json flash.img\n"
+                       "  qvol info disk.img#1    the first partition of a disk"},
+                      run_info);
+    info.value("--pages-from", &options->pages_from,
+               "Count flash pages from the start of the disk or of the volume")
+        .one_of({"disk", "volume"})
+        .shows_default();
 }
 
 } // namespace qvol

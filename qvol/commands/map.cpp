@@ -14,6 +14,7 @@ namespace {
 
 struct map_options {
     std::string svg; // the file to write; "": the map goes to the terminal
+    std::string pages_from = "disk";
     bool is_forced = false;
 };
 
@@ -22,7 +23,7 @@ json areas_json(const volume_map &map) {
     for (const area &drawn : map.areas) {
         json remainders = json::object();
         for (const u32 page : PAGE_SIZES) {
-            remainders.add(std::to_string(page), drawn.offset() % page);
+            remainders.add(std::to_string(page), drawn.past_page(page));
         }
         list.push_back({{"name", drawn.name},
                         {"first_sector", drawn.first},
@@ -65,9 +66,10 @@ json state_json(const volume_map &map, holder state) {
     return extents_json(extents);
 }
 
-json map_json(const volume_map &map, const std::string &image) {
+json map_json(const volume_map &map, const target &where) {
     const fragmentation pieces = map.pieces();
-    return {{"image", image},
+    return {{"image", where.path()},
+            {"offset", where.offset()},
             {"fat_type", map.fat_type},
             {"bytes", map.bytes},
             {"cluster_size", map.cluster_bytes},
@@ -103,7 +105,7 @@ void report_damage(const volume_map &map, const name_codec &names) {
 
 int run_map(const common_options &common, const map_options &options) {
     return with_volume(common, access::READ, [&](volume &vol) {
-        const volume_map map = map_volume(vol);
+        const volume_map map = map_volume(vol, parse_page_origin(options.pages_from));
         report_damage(map, vol.names());
         if (!options.svg.empty()) {
             write_svg(map, options);
@@ -112,7 +114,7 @@ int run_map(const common_options &common, const map_options &options) {
             print_map(common.out, vol.names(), map, form_of_standard_output());
         }
         if (common.out.is_json) {
-            common.out.document(map_json(map, vol.where().path()));
+            common.out.document(map_json(map, vol.where()));
         }
         return EXIT_DONE;
     });
@@ -127,6 +129,10 @@ void add_map(command_line *commands) {
                        "  qvol map flash.img --svg map.svg    for a browser"},
                       run_map);
     map.value("--svg", &options->svg, "Write the map as a picture for browsers into this file");
+    map.value("--pages-from", &options->pages_from,
+              "Count flash pages from the start of the disk or of the volume")
+        .one_of({"disk", "volume"})
+        .shows_default();
     map.flag("-f,--force", &options->is_forced, "Replace a file that exists");
 }
 

@@ -79,9 +79,10 @@ int run_mirror(const common_options &common) {
 int run_compact(const common_options &common) {
     common.refuse_backup_boot();
     target where(common.image, access::WRITE);
-    if (where.is_device()) {
-        throw error("cannot cut " + shown_bytes(common.image) +
-                    ": it is a device, only image files can be cut");
+    if (where.has_fixed_size()) {
+        throw error(fmt::format("cannot cut {}: it is a {}, only image files can be cut",
+                                shown_bytes(common.image),
+                                where.is_part() ? "part of a disk" : "device"));
     }
     volume vol(where, common.encoding);
     const u64 before = where.size();
