@@ -32,7 +32,7 @@ struct place {
     }
 };
 
-// A file that has the whole text as its name is not a place in another one, nor is a text that does
+// A file that has the whole text as its name is no part of another one, nor is a text that does
 // not begin with the name of a file. Throws usage_error if a number is invalid.
 [[nodiscard]] place parse_place(const std::string &text);
 
