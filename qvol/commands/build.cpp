@@ -5,15 +5,12 @@
 
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
-#include "qvol/formatting.h"
-#include "qvol/host.h"
-#include "qvol/import.h"
 #include "qvol/new_image.h"
+#include "qvol/new_volume.h"
 #include "qvol/sizes.h"
-#include "qvol/volume_shape.h"
 #include "qvol/whole_volume.h"
 
-#include <filesystem>
+#include <algorithm>
 
 #include <fmt/core.h>
 #include <sys/stat.h>
@@ -26,7 +23,6 @@ constexpr u32 MAX_PAGE_BYTES = 16 * 1024;
 
 struct build_options {
     std::string size;
-    std::string from;
     std::string sector;
     std::string cluster;
     std::string page = "4K";
@@ -35,14 +31,9 @@ struct build_options {
     std::optional<std::string> oem_name;
     std::optional<std::string> media;
     u32 hidden_sectors = 0;
-    volume_identity identity; // from the five options above, when they have been checked
     std::string fat_type = "auto";
-    bool skips_special = false;
-    bool is_short = false;
-    bool has_pool = false;
-    bool has_log = false;
+    volume_source source; // its identity from the options above, when they have been checked
     bool is_compact = false;
-    bool leaves_copies = false;
     bool is_forced = false;
 };
 
@@ -52,9 +43,9 @@ struct build_options {
 u32 parse_fat_type(const build_options &options) {
     const u32 fat_type =
         options.fat_type == "auto" ? 0 : static_cast<u32>(std::stoul(options.fat_type));
-    if (fat_type == 12 && (options.has_pool || options.has_log)) {
+    if (fat_type == 12 && (options.source.has_pool || options.source.has_log)) {
         throw usage_error(fmt::format("--fat 12 excludes {}: the ZUQ driver reads FAT16 and FAT32",
-                                      options.has_pool ? "--pool" : "--log"));
+                                      options.source.has_pool ? "--pool" : "--log"));
     }
     return fat_type;
 }
@@ -102,63 +93,6 @@ volume_identity parse_identity(const build_options &options) {
     return identity;
 }
 
-// ---- content ----
-
-std::vector<const reserved_file *> reserved_files(const build_options &options) {
-    std::vector<const reserved_file *> files;
-    if (options.has_pool) {
-        files.push_back(&POOL_FILE);
-    }
-    if (options.has_log) {
-        files.push_back(&LOG_FILE);
-    }
-    return files;
-}
-
-// A problem if a node has the name of a reserved file.
-std::optional<std::string> reserved_problem(const host_node &node, const build_options &options) {
-    for (const reserved_file *file : reserved_files(options)) {
-        if (fold_case(node.name) == units_of_utf8(file->name)) {
-            const char *option = file == &POOL_FILE ? "--pool" : "--log";
-            return fmt::format("{}: {} makes this file; omit {} or remove the file",
-                               shown_bytes(node.path), option, option);
-        }
-    }
-    return std::nullopt;
-}
-
-std::vector<host_node> scan_tree(const build_options &options, const name_codec &names) {
-    if (options.from.empty()) {
-        return {};
-    }
-    host_scan scan(names, options.skips_special, !options.is_short);
-    std::vector<host_node> nodes = scan.scan_children(options.from);
-    std::vector<std::string> problems = scan.problems();
-    for (const host_node &node : nodes) {
-        const std::optional<std::string> problem = reserved_problem(node, options);
-        if (problem) {
-            problems.push_back(*problem);
-        }
-    }
-    if (!problems.empty()) {
-        throw error("cannot store all entries; nothing was written", problems);
-    }
-    return nodes;
-}
-
-volume_content content_of(const build_options &options, const std::vector<host_node> &nodes) {
-    volume_content content = {options.from.empty() ? "the requested content"
-                                                   : shown_bytes(options.from),
-                              cluster_counts(nodes),
-                              static_cast<u32>(slots_needed(nodes)) + (options.label ? 1 : 0),
-                              {}};
-    for (const reserved_file *file : reserved_files(options)) {
-        content.root_slots++;
-        content.reserved_files.push_back(file->bytes);
-    }
-    return content;
-}
-
 // ---- building ----
 
 struct build_result {
@@ -186,50 +120,22 @@ build_result describe(volume &vol, const std::string &path, const tree_totals &t
     return result;
 }
 
-void remark_on_shape(const volume_shape &shape, const output &out) {
-    if (shape.is_small_fat32()) {
-        out.remark(fmt::format("FAT32 with {} clusters: Linux and most firmware read it, systems "
-                               "that expect {} or more do not",
-                               shape.clusters, core::FAT32_MIN_CLUSTERS));
-    }
-}
-
-// Formats the target, which already has the length of the volume, and copies the content.
 build_result build_volume(const common_options &common, const build_options &options,
                           const volume_shape &shape, const std::vector<host_node> &nodes,
                           target &where) {
-    remark_on_shape(shape, common.out);
-    format_target(where, shape, options.identity);
-    volume vol(where, common.encoding);
-    if (options.leaves_copies) {
-        vol.fat().leave_other_copies();
+    const std::string remark = shape_remark(shape);
+    if (!remark.empty()) {
+        common.out.remark(remark);
     }
-    for (const reserved_file *file : reserved_files(options)) {
-        make_reserved_file(vol, *file);
-    }
-    import_plan plan(vol, false, !options.is_short);
-    plan.plan(nodes, vol.root(), "/");
     const tree_totals totals = totals_of(nodes);
     progress bar("build", totals.bytes, common.out.is_quiet);
-    plan.write(&bar);
+    const std::unique_ptr<volume> vol =
+        make_volume(where, shape, options.source, nodes, common.encoding, &bar);
     if (options.is_compact) {
-        where.resize(std::min(where.size(), used_length(vol)));
+        where.resize(std::min(where.size(), used_length(*vol)));
     }
-    vol.finish();
-    return describe(vol, common.image, totals, options.identity.label);
-}
-
-// An existing image below the directory would contain itself.
-void refuse_own_source(const std::string &image, const std::string &from) {
-    std::error_code failure;
-    const std::filesystem::path resolved = std::filesystem::canonical(image, failure);
-    const std::filesystem::path top =
-        failure ? std::filesystem::path() : std::filesystem::canonical(from, failure);
-    if (!failure && resolved.string().starts_with((top / "").string())) {
-        throw error(fmt::format("cannot build {}: it is below {} and would contain itself; choose "
-                                "another path",
-                                shown_bytes(image), shown_bytes(from)));
-    }
+    vol->finish();
+    return describe(*vol, common.image, totals, options.source.identity.label);
 }
 
 build_result build_image(const common_options &common, const build_options &options) {
@@ -238,9 +144,9 @@ build_result build_image(const common_options &common, const build_options &opti
     }
     const shape_request request = parse_shape(options, core::MIN_SECTOR_SIZE);
     check_image_name(common.image, options.is_forced);
-    refuse_own_source(common.image, options.from);
-    const std::vector<host_node> nodes = scan_tree(options, name_codec(common.encoding));
-    const volume_shape shape = choose_shape(request, content_of(options, nodes));
+    refuse_own_source(common.image, options.source);
+    const std::vector<host_node> nodes = scan_source(options.source, name_codec(common.encoding));
+    const volume_shape shape = choose_shape(request, content_of(options.source, nodes));
     new_image image(common.image, options.is_forced, shape.bytes);
     build_result result = [&] {
         target where(image.path(), access::WRITE);
@@ -274,11 +180,12 @@ build_result build_in_place(const common_options &common, const build_options &o
         throw error(fmt::format("--size {}: larger than {}, which has {}", options.size,
                                 shown_bytes(common.image), shown_size(where.size())));
     }
-    if (completed.identity.hidden_sectors == 0) {
-        completed.identity.hidden_sectors = static_cast<u32>(where.offset() / request.sector_bytes);
+    if (completed.source.identity.hidden_sectors == 0) {
+        completed.source.identity.hidden_sectors =
+            static_cast<u32>(where.offset() / request.sector_bytes);
     }
-    const std::vector<host_node> nodes = scan_tree(options, name_codec(common.encoding));
-    const volume_shape shape = choose_shape(request, content_of(options, nodes));
+    const std::vector<host_node> nodes = scan_source(options.source, name_codec(common.encoding));
+    const volume_shape shape = choose_shape(request, content_of(options.source, nodes));
     where.limit_size(shape.bytes);
     deferred_boot_sector boot(&where, shape.sector_bytes);
     build_result result = build_volume(common, completed, shape, nodes, where);
@@ -296,7 +203,7 @@ bool is_place(const std::string &name) {
 int run_build(const common_options &common, const build_options &given) {
     common.refuse_backup_boot();
     build_options options = given;
-    options.identity = parse_identity(options);
+    options.source.identity = parse_identity(options);
     const build_result result =
         is_place(common.image) ? build_in_place(common, options) : build_image(common, options);
     common.out.remark(totals_text(result.totals));
@@ -334,14 +241,15 @@ void add_shape_options(const declared_command &build, build_options *options) {
 }
 
 void add_content_options(const declared_command &build, build_options *options) {
-    build.value("--from", &options->from, "Directory whose content is copied");
-    build.flag("--skip-special", &options->skips_special,
+    build.value("--from", &options->source.from, "Directory whose content is copied");
+    build.flag("--skip-special", &options->source.skips_special,
                "Leave out entries that are neither file, directory nor link");
-    build.flag("--short-names", &options->is_short,
+    build.flag("--short-names", &options->source.is_short,
                "No long names: refuse names that do not fit 8.3");
-    build.flag("--pool", &options->has_pool, "Make the pool file of the ZUQ driver");
-    build.flag("--log", &options->has_log, "Make the log file of the ZUQ driver");
-    build.flag("--no-mirror", &options->leaves_copies, "Write chains to the first FAT copy only");
+    build.flag("--pool", &options->source.has_pool, "Make the pool file of the ZUQ driver");
+    build.flag("--log", &options->source.has_log, "Make the log file of the ZUQ driver");
+    build.flag("--no-mirror", &options->source.leaves_copies,
+               "Write chains to the first FAT copy only");
     build.flag("--compact", &options->is_compact, "Cut the image to its used length");
     build.flag("-f,--force", &options->is_forced,
                "Replace an existing image, or the content of a device");
