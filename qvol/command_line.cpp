@@ -30,6 +30,11 @@ const declared_option &declared_option::one_of(std::initializer_list<const char 
     return *this;
 }
 
+const declared_option &declared_option::one_each() const {
+    option_->allow_extra_args(false);
+    return *this;
+}
+
 const declared_option &declared_option::range(u32 least, u32 most) const {
     option_->check(CLI::Range(least, most));
     return *this;

@@ -73,6 +73,7 @@ public:
     const declared_option &required() const;
     const declared_option &count(int least, int most) const; // of values; `most` may be ANY_NUMBER
     const declared_option &one_of(std::initializer_list<const char *> words) const;
+    const declared_option &one_each() const; // one value for each time that it is given
     const declared_option &range(u32 least, u32 most) const;
     const declared_option &needs(const declared_option &other) const;
     const declared_option &excludes(const declared_option &other) const;

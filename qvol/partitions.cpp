@@ -7,10 +7,15 @@
 #include "qvol/target.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <memory>
 
 #include <blkid/blkid.h>
 #include <fmt/core.h>
 #include <libfdisk/libfdisk.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 
 namespace qvol {
 
@@ -55,7 +60,7 @@ int store_warning(fdisk_context *, fdisk_ask *ask, void *warnings) {
     return 0;
 }
 
-partitioner open_partitioner(const target &disk, u32 sector_bytes,
+partitioner open_partitioner(const target &disk, u32 sector_bytes, access wanted,
                              std::vector<std::string> *warnings) {
     partitioner context(fdisk_new_context());
     if (context == nullptr) {
@@ -65,10 +70,10 @@ partitioner open_partitioner(const target &disk, u32 sector_bytes,
     if (!disk.is_device()) {
         fdisk_save_user_sector_size(context.get(), sector_bytes, sector_bytes);
     }
-    const int failed =
-        fdisk_assign_device_by_fd(context.get(), disk.descriptor(), disk.path().c_str(), 1);
+    const int failed = fdisk_assign_device_by_fd(
+        context.get(), disk.descriptor(), disk.path().c_str(), wanted == access::READ ? 1 : 0);
     if (failed != 0) {
-        throw system_failure("read the partitions of " + shown_bytes(disk.path()), -failed);
+        throw system_failure("access the partitions of " + shown_bytes(disk.path()), -failed);
     }
     return context;
 }
@@ -115,7 +120,8 @@ struct table {
 
 table read_table(const target &disk, u32 sector_bytes) {
     table result;
-    const partitioner context = open_partitioner(disk, sector_bytes, &result.warnings);
+    const partitioner context =
+        open_partitioner(disk, sector_bytes, access::READ, &result.warnings);
     result.is_gpt = fdisk_is_labeltype(context.get(), FDISK_DISKLABEL_GPT) != 0;
     fdisk_table *found = nullptr;
     if (fdisk_has_label(context.get()) == 0 || fdisk_get_partitions(context.get(), &found) != 0) {
@@ -158,6 +164,59 @@ std::vector<partition> partitions_of(const target &disk) {
     return found.partitions;
 }
 
+// ---- writing ----------------------------------------------------------------------------------
+
+struct partition_deleter {
+    void operator()(fdisk_partition *of) const {
+        fdisk_unref_partition(of);
+    }
+};
+
+struct type_deleter {
+    void operator()(fdisk_parttype *type) const {
+        fdisk_unref_parttype(type);
+    }
+};
+
+// Throws error with the first warning of the library, which tells more than the number.
+void check_call(int failed, const target &disk, const std::vector<std::string> &warnings) {
+    if (failed == 0) {
+        return;
+    }
+    const std::string what = "cannot partition " + shown_bytes(disk.path()) + ": ";
+    throw error(what + (warnings.empty() ? std::strerror(-failed) : warnings.front()));
+}
+
+int add_partition(fdisk_context *context, const new_partition &wanted, std::size_t index,
+                  u32 sector_bytes) {
+    const std::unique_ptr<fdisk_partition, partition_deleter> made(fdisk_new_partition());
+    const std::unique_ptr<fdisk_parttype, type_deleter> type(
+        fdisk_label_parse_parttype(fdisk_get_label(context, nullptr), wanted.type.c_str()));
+    if (made == nullptr || type == nullptr) {
+        return -EINVAL;
+    }
+    fdisk_partition_set_partno(made.get(), index);
+    fdisk_partition_set_start(made.get(), wanted.at.offset / sector_bytes);
+    fdisk_partition_set_size(made.get(), wanted.at.bytes / sector_bytes);
+    fdisk_partition_set_type(made.get(), type.get());
+    if (!wanted.name.empty()) {
+        fdisk_partition_set_name(made.get(), wanted.name.c_str());
+    }
+    if (!wanted.uuid.empty()) {
+        fdisk_partition_set_uuid(made.get(), wanted.uuid.c_str());
+    }
+    int failed = fdisk_add_partition(context, made.get(), nullptr);
+    if (failed == 0 && wanted.attributes != 0) {
+        failed = fdisk_gpt_set_partition_attrs(context, index, wanted.attributes);
+    }
+    if (failed == 0 && wanted.is_active) {
+        failed = fdisk_toggle_partition_flag(context, index, DOS_FLAG_ACTIVE);
+    }
+    return failed;
+}
+
+// ---- descriptions -----------------------------------------------------------------------------
+
 std::string line_of(const target &disk, const partition &one) {
     const content contains = one.is_container ? content() : content_of(disk, one.offset, one.bytes);
     std::string line =
@@ -173,6 +232,30 @@ std::string line_of(const target &disk, const partition &one) {
 }
 
 } // namespace
+
+void write_table(const target &disk, const new_table &wanted) {
+    std::vector<std::string> warnings;
+    const partitioner context =
+        open_partitioner(disk, wanted.sector_bytes, access::WRITE, &warnings);
+    const bool is_gpt = wanted.kind == table_kind::GPT;
+    const disk_request request = {wanted.kind, wanted.sector_bytes, 1, disk.size()};
+    // The library keeps the first MiB free, partitions may begin earlier.
+    fdisk_set_first_lba(context.get(), head_bytes(request) / wanted.sector_bytes);
+    check_call(fdisk_create_disklabel(context.get(), is_gpt ? "gpt" : "dos"), disk, warnings);
+    if (!wanted.id.empty()) {
+        check_call(fdisk_set_disklabel_id_from_string(context.get(), wanted.id.c_str()), disk,
+                   warnings);
+    }
+    for (std::size_t i = 0; i < wanted.partitions.size(); i++) {
+        check_call(add_partition(context.get(), wanted.partitions[i], i, wanted.sector_bytes), disk,
+                   warnings);
+    }
+    check_call(fdisk_write_disklabel(context.get()), disk, warnings);
+}
+
+std::string reread_table(const target &disk) {
+    return ioctl(disk.descriptor(), BLKRRPART) == 0 ? "" : std::strerror(errno);
+}
 
 partition find_partition(const target &disk, u32 number) {
     const std::string name = shown_bytes(disk.path());

@@ -1,16 +1,13 @@
-// The partitions of a disk, and what they contain.
+// The tables of partitions of a disk, and what the partitions contain.
 
 #pragma once
 
-#include "core/bytes.h"
+#include "qvol/disk_layout.h"
 
 #include <string>
 #include <vector>
 
 namespace qvol {
-
-using core::u32;
-using core::u64;
 
 class target;
 
@@ -26,6 +23,29 @@ struct partition {
         return offset + bytes;
     }
 };
+
+// A partition to make.
+struct new_partition {
+    std::string type;       // GUID of a GPT, or the number of an MBR in hexadecimal digits
+    std::string name;       // of GPT
+    std::string uuid;       // of GPT; "": random
+    u64 attributes = 0;     // of GPT, bits
+    bool is_active = false; // of MBR
+    extent at;
+};
+
+struct new_table {
+    table_kind kind;
+    u32 sector_bytes;
+    std::string id; // UUID of a GPT, or the number of an MBR as "0x12345678"; "": random
+    std::vector<new_partition> partitions;
+};
+
+// Writes the table. Throws error, also if a value in it is invalid.
+void write_table(const target &disk, const new_table &wanted);
+
+// Makes the kernel read the table of a device. Returns why it did not, or "".
+[[nodiscard]] std::string reread_table(const target &disk);
 
 // What a part of a file contains; empty texts where it is not known.
 struct content {

@@ -35,4 +35,17 @@ u32 parse_unit(const std::string &option, const std::string &text, u32 least, u3
     return static_cast<u32>(bytes);
 }
 
+u32 parse_page(const std::string &option, const std::string &text) {
+    constexpr u32 LARGEST = 16 * 1024;
+    return text == "0" ? 0 : parse_unit(option, text, 1, LARGEST);
+}
+
+u32 parse_fat_type(const std::string &option, const std::string &text) {
+    if (text != "auto" && text != "12" && text != "16" && text != "32") {
+        throw usage_error(
+            fmt::format("{} {}: must be auto, 12, 16 or 32", option, shown_bytes(text)));
+    }
+    return text == "auto" ? 0 : static_cast<u32>(std::stoul(text));
+}
+
 } // namespace qvol

@@ -18,4 +18,10 @@ using core::u64;
 [[nodiscard]] u32 parse_unit(const std::string &option, const std::string &text, u32 least,
                              u32 most);
 
+// The width of a FAT: 12, 16 or 32, or 0 for "auto".
+[[nodiscard]] u32 parse_fat_type(const std::string &option, const std::string &text);
+
+// The size of a flash page; 0: none.
+[[nodiscard]] u32 parse_page(const std::string &option, const std::string &text);
+
 } // namespace qvol

@@ -62,6 +62,10 @@ void set_up_clock() {
     tzset();
 }
 
+bool is_clock_set() {
+    return latest_moment.has_value();
+}
+
 time_t current_time() {
     const time_t now = time(nullptr);
     return latest_moment.value_or(now);

@@ -23,6 +23,9 @@ struct dos_time {
 // is not a number.
 void set_up_clock();
 
+// Whether SOURCE_DATE_EPOCH is set: equal content is to give equal results.
+[[nodiscard]] bool is_clock_set();
+
 // SOURCE_DATE_EPOCH if set, else now.
 [[nodiscard]] time_t current_time();
 

@@ -19,8 +19,6 @@ namespace qvol {
 
 namespace {
 
-constexpr u32 MAX_PAGE_BYTES = 16 * 1024;
-
 struct build_options {
     std::string size;
     std::string sector;
@@ -39,10 +37,8 @@ struct build_options {
 
 // ---- options ----
 
-// 0: any.
-u32 parse_fat_type(const build_options &options) {
-    const u32 fat_type =
-        options.fat_type == "auto" ? 0 : static_cast<u32>(std::stoul(options.fat_type));
+u32 checked_fat_type(const build_options &options) {
+    const u32 fat_type = parse_fat_type("--fat", options.fat_type);
     if (fat_type == 12 && (options.source.has_pool || options.source.has_log)) {
         throw usage_error(fmt::format("--fat 12 excludes {}: the ZUQ driver reads FAT16 and FAT32",
                                       options.source.has_pool ? "--pool" : "--log"));
@@ -53,7 +49,7 @@ u32 parse_fat_type(const build_options &options) {
 // `sector_bytes`: the default sector size, that of the target.
 shape_request parse_shape(const build_options &options, u32 sector_bytes) {
     shape_request request;
-    request.fat_type = parse_fat_type(options);
+    request.fat_type = checked_fat_type(options);
     request.sector_bytes =
         options.sector.empty()
             ? sector_bytes
@@ -64,8 +60,7 @@ shape_request parse_shape(const build_options &options, u32 sector_bytes) {
         options.cluster.empty()
             ? 0
             : parse_unit("--cluster", options.cluster, request.sector_bytes, largest_cluster);
-    request.page_bytes =
-        options.page == "0" ? 0 : parse_unit("--page", options.page, 1, MAX_PAGE_BYTES);
+    request.page_bytes = parse_page("--page", options.page);
     const bool is_automatic = options.size == "auto";
     request.bytes = is_automatic ? 0 : parse_size("--size", options.size);
     if (!is_automatic && request.bytes < MIN_VOLUME_BYTES) {

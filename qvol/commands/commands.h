@@ -19,6 +19,7 @@ void add_dump(command_line *commands);
 
 // ---- writing ----
 void add_build(command_line *commands);
+void add_disk(command_line *commands);
 void add_put(command_line *commands);
 void add_mkdir(command_line *commands);
 void add_mv(command_line *commands);
@@ -41,13 +42,17 @@ struct command_entry {
 
 // All of them, in the order of the help.
 inline constexpr command_entry ALL_COMMANDS[] = {
-    {"build", add_build}, {"info", add_info},     {"ls", add_ls},
-    {"tree", add_tree},   {"stat", add_stat},     {"cat", add_cat},
-    {"get", add_get},     {"put", add_put},       {"mkdir", add_mkdir},
-    {"mv", add_mv},       {"ln", add_ln},         {"rm", add_rm},
-    {"pool", add_pool},   {"log", add_log},       {"fastpath", add_fastpath},
-    {"owner", add_owner}, {"dump", add_dump},     {"map", add_map},
-    {"check", add_check}, {"mirror", add_mirror}, {"compact", add_compact},
+    {"build", add_build},   {"disk", add_disk},
+    {"info", add_info},     {"ls", add_ls},
+    {"tree", add_tree},     {"stat", add_stat},
+    {"cat", add_cat},       {"get", add_get},
+    {"put", add_put},       {"mkdir", add_mkdir},
+    {"mv", add_mv},         {"ln", add_ln},
+    {"rm", add_rm},         {"pool", add_pool},
+    {"log", add_log},       {"fastpath", add_fastpath},
+    {"owner", add_owner},   {"dump", add_dump},
+    {"map", add_map},       {"check", add_check},
+    {"mirror", add_mirror}, {"compact", add_compact},
 };
 
 } // namespace qvol

@@ -1,0 +1,519 @@
+// qvol disk: makes a disk with a table of partitions and their contents, in an image file or on a
+// device.
+//
+// Looks at all sources, sizes and types before it makes anything. The contents go straight into
+// their positions. On a device the table is written last.
+
+#include "qvol/command_line.h"
+#include "qvol/commands/commands.h"
+#include "qvol/disk_layout.h"
+#include "qvol/identifiers.h"
+#include "qvol/new_image.h"
+#include "qvol/part_options.h"
+#include "qvol/partition_types.h"
+#include "qvol/partitions.h"
+#include "qvol/raw_copy.h"
+#include "qvol/sizes.h"
+#include "qvol/times.h"
+
+#include <algorithm>
+#include <functional>
+#include <limits>
+
+#include <fmt/core.h>
+#include <sys/stat.h>
+
+namespace qvol {
+
+namespace {
+
+constexpr u64 MAX_ALIGN_BYTES = u64{1} << 30;
+
+struct disk_options {
+    std::vector<std::string> parts;
+    std::string size;
+    std::string sector;
+    std::string align = "1M";
+    bool is_gpt = false;
+    bool is_mbr = false;
+    bool is_forced = false;
+};
+
+// ---- plan -------------------------------------------------------------------------------------
+
+// A partition, everything that it will contain, and its position.
+struct planned_part {
+    part_options options;
+    shape_request shape;                // of its volume
+    std::vector<host_node> nodes;       // of its volume
+    std::unique_ptr<target> raw;        // to copy in
+    std::string raw_file_system;        // "": not known
+    std::optional<volume_shape> volume; // known when its size is
+    new_partition made;
+
+    [[nodiscard]] bool is_rest() const {
+        return options.size == "rest";
+    }
+    [[nodiscard]] bool has_fat() const {
+        return options.has_volume || raw_file_system == "vfat";
+    }
+};
+
+struct disk_plan {
+    disk_request request;
+    std::vector<planned_part> parts;
+    u64 bytes = 0;
+};
+
+// Errors about a part name it.
+void in_part(const planned_part &part, const std::function<void()> &work) {
+    const std::string title = part.options.title() + ": ";
+    try {
+        work();
+    } catch (const usage_error &failure) {
+        throw usage_error(title + failure.what(), failure.details());
+    } catch (const error &failure) {
+        throw error(title + failure.what(), failure.details());
+    }
+}
+
+shape_request shape_of_part(const part_options &options, u32 sector_bytes) {
+    shape_request request;
+    request.sector_bytes = sector_bytes;
+    request.fat_type = parse_fat_type("fat", options.fat_type);
+    const u32 largest = std::min(MAX_CLUSTER_BYTES, sector_bytes * core::MAX_SECTORS_PER_CLUSTER);
+    request.cluster_bytes =
+        options.cluster.empty() ? 0 : parse_unit("cluster", options.cluster, sector_bytes, largest);
+    request.page_bytes = parse_page("page", options.page);
+    const bool has_number =
+        !options.size.empty() && options.size != "auto" && options.size != "rest";
+    request.bytes = has_number ? parse_size("size", options.size) : 0;
+    return request;
+}
+
+// A volume of the requested number of bytes, or the smallest.
+void choose_volume(planned_part *part) {
+    part->volume = choose_shape(part->shape, content_of(part->options.source, part->nodes));
+}
+
+void look_at_volume(const common_options &common, u32 sector_bytes, planned_part *part) {
+    part->shape = shape_of_part(part->options, sector_bytes);
+    if (part->shape.bytes % sector_bytes != 0) {
+        throw usage_error(fmt::format("size {}: no multiple of the sector size {}",
+                                      part->options.size, sector_bytes));
+    }
+    if (part->shape.bytes != 0 && part->shape.bytes < MIN_VOLUME_BYTES) {
+        throw usage_error(fmt::format("size {}: too small for a volume; the minimum is 64K",
+                                      shown_bytes(part->options.size)));
+    }
+    refuse_own_source(common.image, part->options.source);
+    part->nodes = scan_source(part->options.source, name_codec(common.encoding));
+    if (!part->is_rest()) {
+        choose_volume(part);
+        part->made.at.bytes = part->volume->bytes;
+    }
+}
+
+void look_at_raw(u32 sector_bytes, planned_part *part) {
+    part->raw = std::make_unique<target>(part->options.raw, access::READ);
+    const target &raw = *part->raw;
+    part->raw_file_system = content_of(raw, raw.offset(), raw.size()).file_system;
+    const std::string &size = part->options.size;
+    const bool has_number = !size.empty() && size != "auto" && !part->is_rest();
+    const u64 bytes = has_number ? parse_size("size", size) : raw.size();
+    if (bytes < raw.size()) {
+        throw error(fmt::format("size {}: {} has {} bytes", shown_bytes(size),
+                                shown_bytes(raw.path()), raw.size()));
+    }
+    if (!part->is_rest()) {
+        part->made.at.bytes = (bytes + sector_bytes - 1) / sector_bytes * sector_bytes;
+    }
+}
+
+void look_at_nothing(u32 sector_bytes, planned_part *part) {
+    if (part->is_rest()) {
+        return;
+    }
+    part->made.at.bytes = parse_size("size", part->options.size);
+    if (part->made.at.bytes == 0 || part->made.at.bytes % sector_bytes != 0) {
+        throw usage_error(fmt::format("size {}: no multiple of the sector size {}",
+                                      shown_bytes(part->options.size), sector_bytes));
+    }
+}
+
+planned_part look_at_part(const common_options &common, const part_options &options,
+                          u32 sector_bytes) {
+    planned_part part;
+    part.options = options;
+    in_part(part, [&] {
+        if (options.has_volume) {
+            look_at_volume(common, sector_bytes, &part);
+        } else if (!options.raw.empty()) {
+            look_at_raw(sector_bytes, &part);
+        } else {
+            look_at_nothing(sector_bytes, &part);
+        }
+    });
+    return part;
+}
+
+// ---- types ------------------------------------------------------------------------------------
+
+// The width of the FAT that the partition contains, 0: none, or not known.
+u32 fat_type_of(const planned_part &part) {
+    return part.volume ? part.volume->fat_type : part.has_fat() ? 32 : 0;
+}
+
+void set_type(table_kind table, planned_part *part) {
+    const part_options &options = part->options;
+    new_partition *made = &part->made;
+    made->type = partition_type(table, options.type, fat_type_of(*part), made->at.bytes);
+    made->name = options.name;
+    made->uuid = options.uuid;
+    made->attributes = options.attributes.value_or(0);
+    made->is_active = options.is_active;
+    if (options.type == "boot") {
+        table == table_kind::GPT ? made->attributes |= LEGACY_BOOT_ATTRIBUTE
+                                 : made->is_active = true;
+    }
+    const bool is_of_gpt = !options.name.empty() || !options.uuid.empty() || options.attributes;
+    if (table == table_kind::MBR && is_of_gpt) {
+        throw usage_error("name=, uuid= and attrs= are of a GPT; remove them or use --gpt");
+    }
+    if (table == table_kind::GPT && options.is_active) {
+        throw usage_error("active is of an MBR; use type=boot or attrs=legacy-boot");
+    }
+}
+
+// ---- identifiers ------------------------------------------------------------------------------
+
+// With SOURCE_DATE_EPOCH the same request and content give the same identifiers. Without it the
+// partitions get random ones.
+void set_identifiers(disk_plan *plan, new_table *table) {
+    if (!is_clock_set()) {
+        return;
+    }
+    identifier_source ids(current_time());
+    ids.add(static_cast<u64>(table->kind == table_kind::GPT));
+    for (const planned_part &part : plan->parts) {
+        ids.add(part.made.type);
+        ids.add(part.made.name);
+        ids.add(part.made.at.offset);
+        ids.add(part.made.at.bytes);
+        ids.add(part.options.source.identity.label);
+        ids.add(part.nodes);
+    }
+    table->id = table->kind == table_kind::GPT ? ids.uuid(0) : ids.number(0);
+    for (planned_part &part : plan->parts) {
+        if (table->kind == table_kind::GPT && part.made.uuid.empty()) {
+            part.made.uuid = ids.uuid(part.options.number);
+        }
+    }
+}
+
+// ---- planning ---------------------------------------------------------------------------------
+
+disk_request parse_request(const disk_options &options, u32 sector_bytes) {
+    disk_request request = {};
+    request.table = options.is_mbr ? table_kind::MBR : table_kind::GPT;
+    request.sector_bytes = sector_bytes;
+    request.align_bytes = parse_size("--align", options.align);
+    const bool is_multiple = request.align_bytes != 0 && request.align_bytes % sector_bytes == 0;
+    if (!is_multiple || request.align_bytes > MAX_ALIGN_BYTES) {
+        throw usage_error(fmt::format("--align {}: must be a multiple of the sector size {}, up to "
+                                      "1G",
+                                      shown_bytes(options.align), sector_bytes));
+    }
+    const bool is_automatic = options.size.empty() || options.size == "auto";
+    request.bytes = is_automatic ? 0 : parse_size("--size", options.size);
+    if (!is_automatic && (request.bytes == 0 || request.bytes % sector_bytes != 0)) {
+        throw usage_error(fmt::format("--size {}: no multiple of the sector size {}",
+                                      shown_bytes(options.size), sector_bytes));
+    }
+    return request;
+}
+
+// Positions for all; the volume that takes the rest is chosen now that the rest is known.
+void place_parts(disk_plan *plan) {
+    std::vector<partition_request> wanted;
+    for (const planned_part &part : plan->parts) {
+        wanted.push_back({part.made.at.bytes, parse_page("page", part.options.page)});
+    }
+    const disk_layout layout = lay_out_disk(plan->request, wanted);
+    plan->bytes = layout.bytes;
+    for (std::size_t i = 0; i < plan->parts.size(); i++) {
+        planned_part *part = &plan->parts[i];
+        part->made.at = layout.partitions[i];
+        in_part(*part, [&] {
+            if (part->is_rest() && part->options.has_volume) {
+                part->shape.bytes = part->made.at.bytes;
+                choose_volume(part);
+            }
+            if (part->raw != nullptr && part->raw->size() > part->made.at.bytes) {
+                throw error(fmt::format("no space: {} has {}, the rest of the disk is {}",
+                                        shown_bytes(part->raw->path()),
+                                        shown_size(part->raw->size()),
+                                        shown_size(part->made.at.bytes)));
+            }
+            set_type(plan->request.table, part);
+        });
+    }
+}
+
+disk_plan plan_disk(const common_options &common, const disk_options &options,
+                    const disk_request &request) {
+    disk_plan plan;
+    plan.request = request;
+    std::vector<part_options> parts;
+    for (const std::string &text : options.parts) {
+        parts.push_back(parse_part(text, static_cast<u32>(parts.size() + 1)));
+    }
+    for (const part_options &part : parts) {
+        plan.parts.push_back(look_at_part(common, part, request.sector_bytes));
+    }
+    place_parts(&plan);
+    return plan;
+}
+
+// ---- writing ----------------------------------------------------------------------------------
+
+struct made_volume {
+    u32 fat_type;
+    u32 cluster_bytes;
+    u64 free_bytes;
+    tree_totals totals;
+};
+
+std::string name_of_part(const common_options &common, const planned_part &part) {
+    return fmt::format("{}#{}", common.image, part.options.number);
+}
+
+made_volume write_volume(const common_options &common, const disk_plan &plan,
+                         const planned_part &part, target &where, progress *bar) {
+    const u64 sectors_before = part.made.at.offset / plan.request.sector_bytes;
+    volume_source source = part.options.source;
+    source.identity.hidden_sectors =
+        sectors_before > std::numeric_limits<u32>::max() ? 0 : static_cast<u32>(sectors_before);
+    // Volumes of one disk have different serial numbers.
+    source.identity.volume_id = static_cast<u32>(current_time()) + part.options.number - 1;
+    const std::unique_ptr<volume> vol =
+        make_volume(where, *part.volume, source, part.nodes, common.encoding, bar);
+    vol->finish();
+    return {vol->on().at.width, vol->on().cluster_bytes(),
+            u64{vol->fat().free_count()} * vol->on().cluster_bytes(), totals_of(part.nodes)};
+}
+
+using made_volumes = std::vector<std::optional<made_volume>>;
+
+made_volumes write_parts(const common_options &common, const disk_plan &plan, const target &disk) {
+    u64 total = 0;
+    for (const planned_part &part : plan.parts) {
+        total += part.raw != nullptr ? part.raw->size() : totals_of(part.nodes).bytes;
+    }
+    progress bar("disk", total, common.out.is_quiet);
+    made_volumes made;
+    for (const planned_part &part : plan.parts) {
+        target where(disk, name_of_part(common, part), part.made.at.offset, part.made.at.bytes);
+        if (disk.is_fresh()) {
+            where.mark_fresh();
+        }
+        std::optional<made_volume> result;
+        if (part.volume) {
+            result = write_volume(common, plan, part, where, &bar);
+        } else if (part.raw != nullptr) {
+            copy_raw(*part.raw, where, &bar);
+        }
+        made.push_back(result);
+    }
+    return made;
+}
+
+new_table table_of(disk_plan *plan) {
+    new_table table = {plan->request.table, plan->request.sector_bytes, "", {}};
+    set_identifiers(plan, &table);
+    for (const planned_part &part : plan->parts) {
+        table.partitions.push_back(part.made);
+    }
+    return table;
+}
+
+made_volumes make_image(const common_options &common, const disk_options &options,
+                        disk_plan *plan) {
+    new_image image(common.image, options.is_forced, plan->bytes);
+    const made_volumes made = [&] {
+        target disk(image.path(), access::WRITE);
+        disk.mark_fresh();
+        made_volumes written = write_parts(common, *plan, disk);
+        write_table(disk, table_of(plan));
+        disk.sync();
+        return written;
+    }();
+    image.commit();
+    return made;
+}
+
+// What was there before must not seem to be the table of the new contents.
+void clear_tables(const disk_plan &plan, const target &disk) {
+    const u64 head = plan.parts.empty() ? disk.size() : plan.parts.front().made.at.offset;
+    const u64 tail = tail_bytes({table_kind::GPT, plan.request.sector_bytes, 1, 0});
+    write_zeros(disk, 0, std::min(head, u64{1024} * 1024));
+    write_zeros(disk, disk.size() - tail, tail);
+    disk.sync();
+}
+
+made_volumes make_on_device(const common_options &common, disk_plan *plan, const target &disk) {
+    clear_tables(*plan, disk);
+    made_volumes made = write_parts(common, *plan, disk);
+    disk.sync();
+    write_table(disk, table_of(plan));
+    disk.sync();
+    const std::string reason = reread_table(disk);
+    if (!reason.empty()) {
+        report(fmt::format("{}: the system has not read the new partitions: {}",
+                           shown_bytes(disk.path()), reason));
+    }
+    return made;
+}
+
+// ---- results ----------------------------------------------------------------------------------
+
+json part_json(const planned_part &part, const std::optional<made_volume> &made) {
+    const new_partition &at = part.made;
+    json result = {{"number", part.options.number},
+                   {"type", at.type},
+                   {"name", at.name},
+                   {"uuid", at.uuid.empty() ? json() : json(at.uuid)},
+                   {"offset", at.at.offset},
+                   {"bytes", at.at.bytes}};
+    result.add("fat_type", made ? json(made->fat_type) : json());
+    if (made) {
+        result.add("cluster_size", made->cluster_bytes);
+        result.add("label", part.options.source.identity.label);
+        result.add("free_bytes", made->free_bytes);
+        result.add("content", totals_json(made->totals));
+    }
+    return result;
+}
+
+std::string part_text(const common_options &common, const planned_part &part,
+                      const std::optional<made_volume> &made) {
+    std::string text = fmt::format("{}: {} at {}", shown_bytes(name_of_part(common, part)),
+                                   shown_size(part.made.at.bytes), shown_size(part.made.at.offset));
+    if (made) {
+        text += fmt::format(", FAT{}, {}, {} free", made->fat_type, totals_text(made->totals),
+                            shown_size(made->free_bytes));
+    } else if (part.raw != nullptr) {
+        text += ", " + shown_bytes(part.raw->path());
+    }
+    return text;
+}
+
+void print_result(const common_options &common, const disk_plan &plan, const made_volumes &made) {
+    json parts = json::array();
+    for (std::size_t i = 0; i < made.size(); i++) {
+        common.out.remark(part_text(common, plan.parts[i], made[i]));
+        parts.push_back(part_json(plan.parts[i], made[i]));
+    }
+    const char *table = plan.request.table == table_kind::GPT ? "gpt" : "mbr";
+    common.out.remark(fmt::format("{}: {}, {}", shown_bytes(common.image), shown_size(plan.bytes),
+                                  plan.request.table == table_kind::GPT ? "GPT" : "MBR"));
+    if (common.out.is_json) {
+        common.out.document({{"image", common.image},
+                             {"bytes", plan.bytes},
+                             {"table", table},
+                             {"sector_size", plan.request.sector_bytes},
+                             {"partitions", std::move(parts)}});
+    }
+}
+
+void remark_on_volumes(const common_options &common, const disk_plan &plan) {
+    for (const planned_part &part : plan.parts) {
+        const std::string remark = part.volume ? shape_remark(*part.volume) : "";
+        if (!remark.empty()) {
+            common.out.remark(part.options.title() + ": " + remark);
+        }
+    }
+}
+
+// ---- the command ------------------------------------------------------------------------------
+
+bool is_device(const std::string &path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 && S_ISBLK(status.st_mode);
+}
+
+u32 parse_sector(const disk_options &options, u32 usual) {
+    return options.sector.empty() ? usual
+                                  : static_cast<u32>(parse_size("--sector", options.sector));
+}
+
+int run_on_device(const common_options &common, const disk_options &options) {
+    const target disk(common.image, access::WRITE);
+    const std::string name = shown_bytes(common.image);
+    const u32 sector_bytes = parse_sector(options, disk.sector_bytes());
+    if (sector_bytes != disk.sector_bytes()) {
+        throw usage_error(fmt::format("--sector {}: {} has sectors of {} bytes",
+                                      shown_bytes(options.sector), name, disk.sector_bytes()));
+    }
+    if (!options.size.empty()) {
+        throw usage_error("--size: a device has its own size");
+    }
+    if (!options.is_forced && !disk.is_blank()) {
+        throw error("cannot partition " + name + ": not blank; --force overwrites its content");
+    }
+    disk_request request = parse_request(options, sector_bytes);
+    request.bytes = disk.size() / sector_bytes * sector_bytes;
+    disk_plan plan = plan_disk(common, options, request);
+    remark_on_volumes(common, plan);
+    print_result(common, plan, make_on_device(common, &plan, disk));
+    return EXIT_DONE;
+}
+
+int run_on_image(const common_options &common, const disk_options &options) {
+    check_image_name(common.image, options.is_forced);
+    const u32 sector_bytes = parse_sector(options, core::MIN_SECTOR_SIZE);
+    disk_plan plan = plan_disk(common, options, parse_request(options, sector_bytes));
+    remark_on_volumes(common, plan);
+    print_result(common, plan, make_image(common, options, &plan));
+    return EXIT_DONE;
+}
+
+int run_disk(const common_options &common, const disk_options &options) {
+    common.refuse_backup_boot();
+    if (parse_place(common.image).is_part()) {
+        throw usage_error("cannot make a disk in " + shown_bytes(common.image) +
+                          ", which is a part of one");
+    }
+    return is_device(common.image) ? run_on_device(common, options) : run_on_image(common, options);
+}
+
+} // namespace
+
+void add_disk(command_line *commands) {
+    const auto [disk, options] = commands->add(
+        {"disk", "Make a disk with partitions and their contents",
+         "  qvol disk card.img --part type=esp,size=64M,from=efi --part type=linux,raw=root.ext4\n"
+         "  qvol disk card.img --mbr --part type=boot,from=boot,label=BOOT --part raw=root.ext4\n"
+         "  qvol disk card.img --size 4G --part type=esp,size=256M --part from=data,size=rest\n"
+         "  qvol disk /dev/sdx --part from=data,size=rest --force\n"
+         "Keys of --part: name, label, type, size, fat, cluster, page, from, raw, active, attrs, "
+         "uuid"},
+        run_disk);
+    disk.list("--part", &options->parts, "KEY=VALUE,...: a partition; again for the next one")
+        .required()
+        .one_each();
+    const auto gpt = disk.flag("--gpt", &options->is_gpt, "With a GPT (default)");
+    disk.flag("--mbr", &options->is_mbr, "With an MBR").excludes(gpt);
+    disk.value("--size", &options->size,
+               "Size of the disk in bytes, with K, M or G, or auto for what the partitions need "
+               "(default)");
+    disk.value("--sector", &options->sector,
+               "Sector size in bytes (default 512, or that of the device)")
+        .one_of({"512", "4096"});
+    disk.value("--align", &options->align, "Partitions begin on multiples of this size")
+        .shows_default();
+    disk.flag("-f,--force", &options->is_forced,
+              "Replace an existing image, or the content of a device");
+}
+
+} // namespace qvol
