@@ -584,6 +584,48 @@ TEST_P(QvolHealthy, IsWrittenToWithEveryOptionOfOtherTools) {
     }
 }
 
+// More copies of the FAT than any tool makes: those of a volume with one copy, repeated.
+TEST_P(QvolHealthy, HasAsManyCopiesOfItsFatAsTheBootSectorCanState) {
+    constexpr std::uint32_t COPIES = 255;
+    const bool is_fat32 = std::string(GetParam()) == "32";
+    image_ = scratch_.sparse_file("disk.img", GetParam() == std::string("12") ? 1 << 20 : 4 << 20);
+    ASSERT_EQ(run({"mkfs.fat", "-F", GetParam(), "-f", "1", "-s", "1", "-R", "8", image_}).status,
+              0);
+    bytes volume = read_file(image_);
+    const auto number = [&](std::size_t offset, std::size_t size) {
+        std::uint32_t value = 0;
+        for (std::size_t i = 0; i < size; i++) {
+            value |= std::uint32_t{volume[offset + i]} << (8 * i);
+        }
+        return value;
+    };
+    const std::uint32_t fat_sectors = number(is_fat32 ? 36 : 22, is_fat32 ? 4 : 2);
+    const std::uint32_t total = number(number(19, 2) != 0 ? 19 : 32, number(19, 2) != 0 ? 2 : 4) +
+                                (COPIES - 1) * fat_sectors;
+    for (const std::size_t sector :
+         is_fat32 ? std::vector<std::size_t>{0, 6} : std::vector<std::size_t>{0}) {
+        volume[sector * 512 + 16] = COPIES;
+        volume[sector * 512 + 19] = volume[sector * 512 + 20] = 0;
+        for (std::size_t i = 0; i < 4; i++) {
+            volume[sector * 512 + 32 + i] = static_cast<std::uint8_t>(total >> (8 * i));
+        }
+    }
+    const bytes fat(&volume[8 * 512], &volume[(8 + fat_sectors) * std::size_t{512}]);
+    for (std::uint32_t copy = 1; copy < COPIES; copy++) {
+        volume.insert(volume.begin() + 8 * 512, fat.begin(), fat.end());
+    }
+    (void)scratch_.file_with("disk.img", volume);
+    EXPECT_EQ(qvol("check", {"-q"}), (outcome{0, "", ""}));
+    said("put", {host_file("file", std::string(100000, 'x')), "/"});
+    EXPECT_EQ(qvol("check", {"-q"}), (outcome{0, "", ""}));
+    EXPECT_EQ(said("cat", {"/file"}), std::string(100000, 'x'));
+    const bytes all = read_range(image_, 8 * 512, std::size_t{COPIES} * fat.size());
+    EXPECT_NE(bytes(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(fat.size())), fat);
+    EXPECT_TRUE(
+        std::equal(all.begin() + static_cast<std::ptrdiff_t>(fat.size()), all.end(), all.begin()));
+    EXPECT_EQ(json::parse(said("info", {"--json"}))["fat_copies"], COPIES);
+}
+
 class QvolTruncated : public QvolImage, public testing::WithParamInterface<const char *> {};
 INSTANTIATE_TEST_SUITE_P(Fat, QvolTruncated, testing::ValuesIn(BOTH_WIDTHS),
                          [](const auto &tested) { return std::string(tested.param); });
