@@ -5,6 +5,7 @@
 #include "qvol/sectors.h"
 
 #include <algorithm>
+#include <bit>
 #include <map>
 
 #include <fmt/core.h>
@@ -289,7 +290,9 @@ std::vector<copy_difference> fat_table::compare_copies() const {
             std::mismatch(sector.first.begin(), sector.first.end(), sector.other.begin());
         const u64 offset =
             sector.index * on_.at.sector_size + static_cast<u64>(a - sector.first.begin());
-        const copy_difference first = {sector.copy, 0, static_cast<u32>(offset * 8 / on_.at.width)};
+        // By bits: two entries of FAT12 have a byte in common.
+        const u64 bit = offset * 8 + static_cast<u64>(std::countr_zero(static_cast<u8>(*a ^ *b)));
+        const copy_difference first = {sector.copy, 0, static_cast<u32>(bit / on_.at.width)};
         found.try_emplace(sector.copy, first).first->second.sectors++;
     });
     std::vector<copy_difference> differences;

@@ -16,12 +16,18 @@ struct expected_finding {
     std::string outcome; // "repaired: ..." or "not repaired: ..."
 };
 
-// Clusters have one sector of 512 bytes in both widths. The files and their clusters:
+// Clusters have one sector of 512 bytes in all widths. The files and their clusters:
 // A.TXT 3, B.TXT 2, "DIR/A long name.text" 2, DIR/EMPTY 0.
 class CheckedVolume : public QvolImage, public testing::WithParamInterface<const char *> {
 protected:
     CheckedVolume() {
-        format(GetParam(), is_fat32() ? 40 << 20 : 10 << 20, "1");
+        if (is_fat12()) {
+            image_ = scratch_.file("disk.img");
+            run_qvol({"build", image_, "--size", "2000K", "--fat", "12", "--cluster", "512",
+                      "--page", "0"});
+        } else {
+            format(GetParam(), is_fat32() ? 40 << 20 : 10 << 20, "1");
+        }
         contents_ = {{"/A.TXT", std::string(1500, 'a')},
                      {"/B.TXT", std::string(1000, 'b')},
                      {"/DIR/A long name.text", std::string(600, 'l')},
@@ -35,6 +41,10 @@ protected:
 
     static bool is_fat32() {
         return std::string(GetParam()) == "32";
+    }
+
+    static bool is_fat12() {
+        return std::string(GetParam()) == "12";
     }
 
     // ---- damage ----
@@ -61,20 +71,30 @@ protected:
 
     std::uint64_t fat_offset(std::uint32_t cluster, std::uint32_t copy = 0) const {
         const std::uint64_t sector = layout_.fat_start + std::uint64_t{copy} * layout_.fat_size;
-        return sector * 512 + std::uint64_t{cluster} * (is_fat32() ? 4 : 2);
+        return sector * 512 + std::uint64_t{cluster} * std::stoul(GetParam()) / 8;
     }
     void set_link(std::uint32_t cluster, std::uint32_t value) {
         set_link_in(0, cluster, value);
         set_link_in(1, cluster, value);
     }
     void set_link_in(std::uint32_t copy, std::uint32_t cluster, std::uint32_t value) {
-        poke(fat_offset(cluster, copy), little_endian(value, is_fat32() ? 4 : 2));
+        const std::uint64_t offset = fat_offset(cluster, copy);
+        if (is_fat12()) { // half a byte belongs to the other entry
+            const std::string raw = peek(offset, 2);
+            const bool is_odd = cluster % 2 != 0;
+            value = is_odd ? (value & 0xFFF) << 4 | (static_cast<std::uint8_t>(raw[0]) & 0x0FU)
+                           : (value & 0xFFF) | (static_cast<std::uint8_t>(raw[1]) & 0xF0U) << 8;
+        }
+        poke(offset, little_endian(value, is_fat32() ? 4 : 2));
+    }
+    static std::uint32_t total_clusters() {
+        return is_fat32() ? 80628 : is_fat12() ? 3943 : 20287;
     }
     static std::uint32_t end_mark() {
-        return is_fat32() ? 0x0FFFFFFF : 0xFFFF;
+        return is_fat32() ? 0x0FFFFFFF : is_fat12() ? 0x0FFF : 0xFFFF;
     }
     static std::uint32_t bad_mark() {
-        return is_fat32() ? 0x0FFFFFF7 : 0xFFF7;
+        return is_fat32() ? 0x0FFFFFF7 : is_fat12() ? 0x0FF7 : 0xFFF7;
     }
 
     std::uint64_t cluster_offset(std::uint32_t cluster) const {
