@@ -69,7 +69,7 @@ private:
 };
 
 // A part of another medium, for example a partition.
-class medium_part : public medium {
+class medium_part final : public medium {
 public:
     medium_part(medium &whole, u64 offset, u64 size)
         : whole_(whole), offset_(offset), size_(size) {}

@@ -13,7 +13,7 @@ namespace qvol {
 namespace {
 
 constexpr u64 MIB = u64{1024} * 1024;
-constexpr u64 GPT_ENTRIES_BYTES = 128 * 128;
+constexpr u64 GPT_ENTRIES_BYTES = u64{128} * 128;
 constexpr std::size_t GPT_MAX_PARTITIONS = 128;
 constexpr std::size_t MBR_MAX_PARTITIONS = 4;
 constexpr u64 MBR_MAX_SECTORS = 0xFFFFFFFF;

@@ -4,6 +4,7 @@
 #include "qvol/error.h"
 #include "qvol/mounted.h"
 #include "qvol/names.h"
+#include "qvol/output.h"
 #include "qvol/partitions.h"
 #include "qvol/sizes.h"
 

@@ -14,7 +14,7 @@
 
 namespace qvol {
 
-inline constexpr u64 MIN_VOLUME_BYTES = 64 * 1024;
+inline constexpr u64 MIN_VOLUME_BYTES = u64{64} * 1024;
 inline constexpr u64 MAX_VOLUME_BYTES = u64{1} << 62; // longer than any file
 
 // The requested volume; 0: not specified.

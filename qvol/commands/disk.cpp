@@ -340,7 +340,7 @@ new_table table_of(disk_plan *plan) {
 made_volumes make_image(const common_options &common, const disk_options &options,
                         disk_plan *plan) {
     new_image image(common.image, options.is_forced, plan->bytes);
-    const made_volumes made = [&] {
+    made_volumes made = [&] {
         target disk(image.path(), access::WRITE);
         disk.mark_fresh();
         made_volumes written = write_parts(common, *plan, disk);
