@@ -7,7 +7,7 @@ _qvol_options() {
         echo --cluster --compact --fat --force -f --from --hidden-sectors --label --log --media \
             --no-mirror --oem --page --pool --sector --short-names --size --skip-special --volume-id
         ;;
-    check) echo --repair ;;
+    check) echo --dry-run --repair --undo ;;
     dump | get | mv) echo --force -f ;;
     fastpath) echo --dir ;;
     ls) echo --long -l --recursive -R ;;
@@ -31,7 +31,7 @@ _qvol_values() {
     --page) echo 0 2K 4K 8K 16K ;;
     --sector) echo 512 1K 2K 4K ;;
     --size) echo auto ;;
-    --svg) echo files ;;
+    --svg | --undo) echo files ;;
     *) return 1 ;;
     esac
 }
@@ -41,7 +41,7 @@ _qvol_argument() {
     case $1:$2 in
     *:1) echo files ;;
     dump:2) echo cluster fat file ;;
-    dump:* | get:3 | put:*) echo files ;;
+    dump:* | get:3 | put:* | undo:*) echo files ;;
     *) echo any ;;
     esac
 }
@@ -98,7 +98,7 @@ _qvol() {
         _qvol_offer "$typed" --help -h --version
     elif [[ -z $command ]]; then
         _qvol_offer "$typed" build cat check compact dump fastpath get info ln log ls map mirror \
-            mkdir mv owner pool put rm stat tree
+            mkdir mv owner pool put rm stat tree undo
     elif values=$(_qvol_values "$before"); then
         _qvol_offer "$typed" $values
     elif [[ $typed == -* ]]; then

@@ -237,4 +237,12 @@ bool is_host_directory(const std::string &path) {
     return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
+void sync_directory(const std::string &path) {
+    const core::unique_fd directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    // EINVAL: the file system cannot sync directories.
+    if (directory.get() < 0 || (fsync(directory.get()) != 0 && errno != EINVAL)) {
+        throw system_failure("sync directory " + shown_bytes(path));
+    }
+}
+
 } // namespace qvol

@@ -72,6 +72,9 @@ struct split_path {
 // The path of an entry in a directory.
 [[nodiscard]] std::string host_path_below(const std::string &directory, const std::string &name);
 
+// Makes the names in the directory durable. Throws error.
+void sync_directory(const std::string &path);
+
 [[nodiscard]] bool is_host_directory(const std::string &path); // following links
 
 } // namespace qvol

@@ -89,14 +89,6 @@ std::string without_links(const std::string &path) {
     return realpath(path.c_str(), resolved) != nullptr ? resolved : path;
 }
 
-void sync_directory(const std::string &path) {
-    const core::unique_fd directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    // EINVAL: the file system cannot sync directories.
-    if (directory.get() < 0 || (fsync(directory.get()) != 0 && errno != EINVAL)) {
-        throw system_failure("sync directory " + shown_bytes(path));
-    }
-}
-
 error name_exists(const std::string &path) {
     return error("cannot make " + shown_bytes(path) + ": exists; --force replaces it");
 }

@@ -211,6 +211,27 @@ backup_boot_sector::~backup_boot_sector() {
     where_.replace_medium(&own_);
 }
 
+std::string lost_boot_sector(const target &where) {
+    const std::vector<u8> sector = read_boot_sector(where);
+    const std::string none = no_volume_reason(sector);
+    const std::string reason = none.empty() ? unsupported_volume(sector) : none;
+    if (reason.empty() || !find_backup(where) || (!where.is_part() && is_partitioned(where))) {
+        return "";
+    }
+    const std::string other = content_of(where, where.offset(), where.size()).file_system;
+    return other.empty() || other == "vfat" ? reason : "";
+}
+
+void restore_boot_sector(const target &where) {
+    const std::vector<u8> backup = required_backup(where);
+    const core::s64 written = where.medium().write(0, backup);
+    if (written != static_cast<core::s64>(backup.size())) {
+        throw system_failure("write to " + shown_bytes(where.path()),
+                             written < 0 ? static_cast<int>(-written) : EIO);
+    }
+    where.sync();
+}
+
 // ---- volume -----------------------------------------------------------------------------------
 
 volume::volume(const target &where, const std::string &encoding, required wanted)

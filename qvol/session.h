@@ -34,6 +34,13 @@ private:
     core::overlay_medium medium_; // holds the backup as sector 0
 };
 
+// Why the boot sector of a FAT32 volume describes none although its backup does; "": the volume
+// needs no backup, or has none, or something else is there.
+[[nodiscard]] std::string lost_boot_sector(const target &where);
+
+// Copies the backup over the boot sector, and syncs it.
+void restore_boot_sector(const target &where);
+
 // Fields of the boot sector that are not part of the areas.
 struct boot_fields {
     u32 reserved_sectors;

@@ -102,6 +102,49 @@ TEST_P(QvolCheck32, CopiesTheBootSectorOverABackupThatDiffers) {
     EXPECT_EQ(peek(0, 512), peek(6 * 512, 512));
 }
 
+TEST_P(QvolCheck32, CopiesTheBackupOverABootSectorThatDescribesNoVolume) {
+    const std::string boot = peek(0, 512);
+    poke(6 * 512 + 71, "OTHER LABEL"); // a backup with the same areas is a backup
+    const std::string garbage(512, '\x5A');
+    std::string two_widths = boot;
+    two_widths.replace(22, 2, little_endian(629, 2));
+    two_widths.replace(36, 4, little_endian(0, 4));
+    const std::pair<std::string, std::string> cases[] = {
+        {std::string(512, '\0'), "the boot signature is 0x0000, should be 0xAA55"},
+        {garbage, "the boot signature is 0x5A5A, should be 0xAA55"},
+        {boot.substr(0, 13) + '\0' + boot.substr(14),
+         "sectors per cluster is 0, should be a power of two"},
+        {two_widths,
+         "has a boot sector that contradicts itself: 80630 clusters are FAT32, a 16-bit "
+         "FAT size of 629 is FAT16"},
+    };
+    for (const auto &[damaged, reason] : cases) {
+        SCOPED_TRACE(reason);
+        poke(0, damaged);
+        expect_check({{"the boot sector describes no volume: " + reason, ""}});
+        EXPECT_EQ(peek(0, 512), damaged);
+        expect_repair({{"the boot sector describes no volume: " + reason,
+                        "repaired: its backup copied over it"}},
+                      0);
+        EXPECT_EQ(peek(0, 512), peek(6 * 512, 512));
+        expect_healthy();
+        expect_contents();
+    }
+}
+
+// What is there instead of a boot sector is not overwritten.
+TEST_P(QvolCheck32, LeavesAPartitionTableAndOtherFileSystems) {
+    poke(0, std::string(512, '\0'));
+    ASSERT_EQ(shell("printf 'label: dos\\nstart=1M\\n' | sfdisk -q \"$1\"", {image_}).status, 0);
+    const bytes partitioned = read_file(image_);
+    EXPECT_EQ(qvol("check", {"--repair"}).status, 1);
+    EXPECT_TRUE(has_content(image_, partitioned));
+    ASSERT_EQ(run({"mkswap", image_}).status, 0);
+    const bytes swap = read_file(image_);
+    EXPECT_EQ(qvol("check", {"--repair"}).status, 1);
+    EXPECT_TRUE(has_content(image_, swap));
+}
+
 TEST_P(QvolCheck32, CopiesTheBootSectorOverABackupThatIsNone) {
     poke(6 * 512, std::string(512, '\x5A'));
     expect_mended({{"the backup boot sector (sector 6) differs from the boot sector",
@@ -719,9 +762,17 @@ TEST_P(QvolCheck, ARepairThatIsInterruptedIsMadeUpForByTheNext) {
         SCOPED_TRACE(allowed);
         (void)scratch_.file_with("disk.img", damaged);
         setenv("WRITES_ALLOWED", std::to_string(allowed).c_str(), 1);
-        const outcome interrupted = run({QVOL_FAILING_WRITES, "check", "--repair", image_});
+        const std::string undo = scratch_.file("undo " + number(static_cast<unsigned>(allowed)));
+        const outcome interrupted =
+            run({QVOL_FAILING_WRITES, "check", "--repair", image_, "--undo", undo});
         unsetenv("WRITES_ALLOWED");
         expect_contents();
+        if (std::filesystem::exists(undo)) {
+            const bytes repaired = read_file(image_);
+            said("undo", {undo});
+            EXPECT_TRUE(has_content(image_, damaged));
+            (void)scratch_.file_with("disk.img", repaired);
+        }
         EXPECT_EQ(qvol("check", {"--repair"}).status, 0);
         expect_clean();
         expect_contents();
@@ -730,6 +781,74 @@ TEST_P(QvolCheck, ARepairThatIsInterruptedIsMadeUpForByTheNext) {
             return;
         }
     }
+}
+
+// ---- dry runs and undo files ------------------------------------------------------------------
+
+TEST_P(QvolCheck, ADryRunShowsWhatARepairWouldDo) {
+    set_link(FREE_CLUSTER, end_mark());
+    set_size("/DIR", 7);
+    change_free_count(-1);
+    ASSERT_EQ(chmod(image_.c_str(), 0444), 0);
+    const bytes damaged = read_file(image_);
+    const outcome tried = qvol("check", {"--repair", "--dry-run"});
+    EXPECT_EQ(tried.status, 1);
+    EXPECT_TRUE(tried.out.starts_with(
+        "/DIR" + at(start_of("/DIR")) +
+        "directory size is 7 bytes, should be 0; would be repaired: size set to 0\n"))
+        << tried;
+    EXPECT_TRUE(tried.out.ends_with(": 2 findings, 2 would be repaired, 0 not\n")) << tried;
+    EXPECT_TRUE(has_content(image_, damaged));
+    ASSERT_EQ(chmod(image_.c_str(), 0644), 0);
+    const json findings = json::parse(qvol("check", {"--repair", "--dry-run", "--json"}).out);
+    EXPECT_EQ(json::parse(said("check", {"--repair", "--json"})), findings);
+    EXPECT_EQ(qvol("check", {"--repair", "--dry-run", "-q"}), (outcome{0, "", ""}));
+}
+
+TEST_P(QvolCheck, AnUndoFileTakesTheRepairBack) {
+    const std::string undo = scratch_.file("undo");
+    said("check", {"--repair", "--undo", undo});
+    EXPECT_FALSE(std::filesystem::exists(undo)); // nothing was changed
+    set_link(FREE_CLUSTER, end_mark());
+    set_size("/DIR", 7);
+    const bytes damaged = read_file(image_);
+    const outcome repaired = qvol("check", {"--repair", "--undo", undo});
+    EXPECT_TRUE(repaired.out.starts_with("\"qvol undo " + image_ + " " + undo +
+                                         "\" takes the repair back\n"))
+        << repaired;
+    const bytes mended = read_file(image_);
+
+    // No second file of that name, no undo of another volume or with another file.
+    EXPECT_EQ(qvol("check", {"--repair", "--undo", undo}),
+              (outcome{1, "", "qvol: cannot make the undo file " + undo + ": File exists\n"}));
+    const std::string other = host_file("other", std::string(100, 'x'));
+    EXPECT_EQ(qvol("undo", {other}),
+              (outcome{1, "", "qvol: cannot undo with " + other + ": it is no undo file\n"}));
+    EXPECT_EQ(
+        qvol("undo", {scratch_.file("none")}),
+        (outcome{1, "",
+                 "qvol: cannot read " + scratch_.file("none") + ": No such file or directory\n"}));
+    std::filesystem::resize_file(image_, mended.size() + 512);
+    EXPECT_EQ(qvol("undo", {undo}).status, 1);
+    std::filesystem::resize_file(image_, mended.size());
+
+    // Something else has changed the slot since.
+    const std::uint64_t slot = entry_offset("/DIR") / 512 * 512;
+    poke(slot + 511, "?");
+    EXPECT_EQ(qvol("undo", {undo}), (outcome{1, "",
+                                             "qvol: cannot undo with " + undo + ": " + image_ +
+                                                 " has been changed since, at byte " +
+                                                 number(slot) + "; nothing was written\n"}));
+    (void)scratch_.file_with("disk.img", mended);
+    const json changed = json::parse(said("undo", {undo, "--json"}));
+    EXPECT_GE(changed["sectors"], 3);
+    EXPECT_TRUE(has_content(image_, damaged));
+    EXPECT_EQ(said("undo", {undo}), image_ + ": 0 sectors changed back\n");
+
+    // The last record is incomplete after a power failure: its sector was not changed.
+    const bytes records = read_file(undo);
+    (void)scratch_.file_with("undo", bytes(records.begin(), records.end() - 1));
+    EXPECT_EQ(said("undo", {undo}), image_ + ": 0 sectors changed back\n");
 }
 
 // ---- random damage ----------------------------------------------------------------------------
@@ -862,7 +981,10 @@ TEST_P(QvolCheckDamaged, ARepairLosesNoFileAndLeavesNothingToRepair) {
         damage(seed);
         const json found = ended({});
         const std::set<std::string> before = sound_files();
-        const json mended = ended({"--repair"});
+        const std::string undo = scratch_.file("undo");
+        std::filesystem::remove(undo);
+        const bytes damaged = read_file(image_);
+        const json mended = ended({"--repair", "--undo", undo});
         if (found.is_discarded() || mended.is_discarded()) {
             continue;
         }
@@ -878,6 +1000,10 @@ TEST_P(QvolCheckDamaged, ARepairLosesNoFileAndLeavesNothingToRepair) {
             expect_clean();
             repaired += found["left"] != 0 ? 1 : 0;
         }
+        if (std::filesystem::exists(undo)) {
+            said("undo", {undo});
+        }
+        EXPECT_TRUE(has_content(image_, damaged));
     }
     EXPECT_GE(repaired, ROUNDS / 50); // the damage is not all beyond repair
 }

@@ -35,6 +35,7 @@ inline constexpr const char *AREAS_IN_DOUBT =
     "nothing is repaired while the boot sector contradicts itself";
 
 // ---- areas ----
+inline constexpr finding_kind BOOT_SECTOR{"boot-sector", ""};
 inline constexpr finding_kind FIELDS{"boot-fields", "it is unknown which field is correct",
                                      damage::AREAS};
 inline constexpr finding_kind GEOMETRY{"boot-geometry", "it is unknown which of the two is correct",

@@ -2,11 +2,16 @@
 
 #include "qvol/check/check.h"
 
+#include "core/geometry.h"
+#include "core/overlay.h"
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
 #include "qvol/output.h"
+#include "qvol/undo.h"
 
 #include <algorithm>
+#include <memory>
+#include <optional>
 
 #include <fmt/core.h>
 
@@ -16,27 +21,40 @@ namespace {
 
 struct check_options {
     bool repairs = false;
+    bool is_dry_run = false;
+    std::string undo; // file; "": none
+
+    [[nodiscard]] bool writes() const {
+        return repairs && !is_dry_run;
+    }
 };
 
-std::string line_of(const reported_finding &one, bool repairs) {
+std::string outcome_of(const reported_finding &one, const check_options &options) {
+    if (!options.repairs) {
+        return "";
+    }
+    return (!one.is_repaired     ? "; not repaired: "
+            : options.is_dry_run ? "; would be repaired: "
+                                 : "; repaired: ") +
+           one.outcome;
+}
+
+std::string line_of(const reported_finding &one, const check_options &options) {
     const bool is_cluster_in_text = one.kind == found::FAT_COPIES.name;
     std::string line = one.path.empty() ? "" : one.path + ": ";
     if (one.cluster != 0 && !is_cluster_in_text) {
         line += fmt::format("cluster {}: ", one.cluster);
     }
-    line += one.text;
-    if (repairs) {
-        line += (one.is_repaired ? "; repaired: " : "; not repaired: ") + one.outcome;
-    }
-    return line;
+    return line + one.text + outcome_of(one, options);
 }
 
-std::string summary_of(const check_result &result, u64 left, bool repairs) {
+std::string summary_of(const check_result &result, u64 left, const check_options &options) {
     const u64 count = result.findings.size();
     const std::string findings = count == 0 ? "no findings" : counted(count, "finding", "findings");
+    const char *form =
+        options.is_dry_run ? ", {} would be repaired, {} not" : ", {} repaired, {} not repaired";
     const std::string outcome =
-        repairs && count != 0 ? fmt::format(", {} repaired, {} not repaired", count - left, left)
-                              : "";
+        options.repairs && count != 0 ? fmt::format(fmt::runtime(form), count - left, left) : "";
     return fmt::format("{}, {}, {} of {} clusters: {}{}",
                        counted(result.directories, "directory", "directories"),
                        counted(result.files, "file", "files"), result.used_clusters,
@@ -55,16 +73,16 @@ json finding_json(const reported_finding &one, bool repairs) {
     return result;
 }
 
-void print_result(const common_options &common, const check_result &result, bool repairs,
-                  u64 left) {
+void print_result(const common_options &common, const check_result &result,
+                  const check_options &options, u64 left) {
     json findings = json::array();
     for (const reported_finding &one : result.findings) {
-        common.out.line(line_of(one, repairs));
+        common.out.line(line_of(one, options));
         if (common.out.is_json) {
-            findings.push_back(finding_json(one, repairs));
+            findings.push_back(finding_json(one, options.repairs));
         }
     }
-    common.out.remark(summary_of(result, left, repairs));
+    common.out.remark(summary_of(result, left, options));
     if (common.out.is_json) {
         common.out.document({{"findings", std::move(findings)},
                              {"left", left},
@@ -75,17 +93,94 @@ void print_result(const common_options &common, const check_result &result, bool
     }
 }
 
+// Holds every change of a dry run in memory.
+class trial {
+public:
+    explicit trial(target *where)
+        : where_(*where), own_(where->medium()), medium_(own_, core::MIN_SECTOR_SIZE) {
+        where_.replace_medium(&medium_);
+    }
+    ~trial() {
+        where_.replace_medium(&own_);
+    }
+    trial(const trial &) = delete;
+    trial &operator=(const trial &) = delete;
+
+private:
+    target &where_;
+    core::medium &own_;
+    core::overlay_medium medium_;
+};
+
+// The finding about a boot sector that describes no volume, if its backup does.
+std::optional<reported_finding> judge_boot_sector(const common_options &common,
+                                                    const target &where) {
+    const std::string reason = common.uses_backup_boot ? "" : lost_boot_sector(where);
+    if (reason.empty()) {
+        return std::nullopt;
+    }
+    return reported_finding{found::BOOT_SECTOR.name,
+                            "",
+                            "",
+                            0,
+                            "the boot sector describes no volume: " + reason,
+                            false,
+                            ""};
+}
+
+check_result check_or_repair(const common_options &common, const check_options &options,
+                             target *where) {
+    std::optional<reported_finding> lost = judge_boot_sector(common, *where);
+    std::unique_ptr<backup_boot_sector> backup;
+    if (lost && options.repairs) {
+        restore_boot_sector(*where);
+        lost->is_repaired = true;
+        lost->outcome = "its backup copied over it";
+    } else if (lost || common.uses_backup_boot) {
+        backup = std::make_unique<backup_boot_sector>(where);
+    }
+    volume vol(*where, common.encoding, required::AREAS);
+    check_result result = options.repairs ? repair_volume(vol) : check_volume(vol);
+    if (lost) {
+        result.findings.insert(result.findings.begin(), *lost);
+    }
+    return result;
+}
+
+check_result repair_with_undo(const common_options &common, const check_options &options,
+                              target *where) {
+    const undo_recorder undo(where, options.undo);
+    try {
+        check_result result = check_or_repair(common, options, where);
+        if (undo.has_records()) {
+            common.out.remark(fmt::format("\"qvol undo {} {}\" takes the repair back",
+                                          shown_bytes(common.image), shown_bytes(options.undo)));
+        }
+        return result;
+    } catch (const error &) {
+        if (!undo.problem().empty()) {
+            throw error(undo.problem());
+        }
+        throw;
+    }
+}
+
 int run_check(const common_options &common, const check_options &options) {
-    const bool repairs = options.repairs;
-    target where(common.image, repairs ? access::WRITE : access::READ);
-    const auto backup = common.open_backup_boot(&where);
-    volume vol(where, common.encoding, required::AREAS);
-    const check_result result = repairs ? repair_volume(vol) : check_volume(vol);
+    if (options.writes()) {
+        common.refuse_backup_boot();
+    }
+    target where(common.image, options.writes() ? access::WRITE : access::READ);
+    std::optional<trial> held;
+    if (options.is_dry_run) {
+        held.emplace(&where);
+    }
+    const check_result result = options.undo.empty() ? check_or_repair(common, options, &where)
+                                                     : repair_with_undo(common, options, &where);
     const u64 left = static_cast<u64>(
         std::count_if(result.findings.begin(), result.findings.end(),
                       [](const reported_finding &one) { return !one.is_repaired; }));
-    print_result(common, result, repairs, left);
-    return left == 0 ? EXIT_DONE : EXIT_FAILED;
+    print_result(common, result, options, left);
+    return left == 0 && (!options.is_dry_run || result.findings.empty()) ? EXIT_DONE : EXIT_FAILED;
 }
 
 } // namespace
@@ -94,9 +189,19 @@ void add_check(command_line *commands) {
     const auto [check, options] =
         commands->add({"check", "Check the volume for errors, and repair them",
                        "  qvol check flash.img\n"
-                       "  qvol check --repair flash.img"},
+                       "  qvol check --repair flash.img\n"
+                       "  qvol check --repair flash.img --undo before.undo"},
                       run_check);
-    check.flag("--repair", &options->repairs, "Repair what can be repaired without losing a file");
+    const auto repair = check.flag("--repair", &options->repairs,
+                                   "Repair what can be repaired without losing a file");
+    const auto dry_run =
+        check.flag("--dry-run", &options->is_dry_run, "Write nothing: show what --repair would do");
+    dry_run.needs(repair);
+    check
+        .value("--undo", &options->undo,
+               "Store in this new file what the repair changes, for \"qvol undo\"")
+        .needs(repair)
+        .excludes(dry_run);
 }
 
 } // namespace qvol

@@ -31,6 +31,7 @@ void add_log(command_line *commands);
 // ---- the volume as a whole ----
 void add_map(command_line *commands);
 void add_check(command_line *commands);
+void add_undo(command_line *commands);
 void add_mirror(command_line *commands);
 void add_compact(command_line *commands);
 
@@ -42,17 +43,18 @@ struct command_entry {
 
 // All of them, in the order of the help.
 inline constexpr command_entry ALL_COMMANDS[] = {
-    {"build", add_build},   {"disk", add_disk},
-    {"info", add_info},     {"ls", add_ls},
-    {"tree", add_tree},     {"stat", add_stat},
-    {"cat", add_cat},       {"get", add_get},
-    {"put", add_put},       {"mkdir", add_mkdir},
-    {"mv", add_mv},         {"ln", add_ln},
-    {"rm", add_rm},         {"pool", add_pool},
-    {"log", add_log},       {"fastpath", add_fastpath},
-    {"owner", add_owner},   {"dump", add_dump},
-    {"map", add_map},       {"check", add_check},
-    {"mirror", add_mirror}, {"compact", add_compact},
+    {"build", add_build},     {"disk", add_disk},
+    {"info", add_info},       {"ls", add_ls},
+    {"tree", add_tree},       {"stat", add_stat},
+    {"cat", add_cat},         {"get", add_get},
+    {"put", add_put},         {"mkdir", add_mkdir},
+    {"mv", add_mv},           {"ln", add_ln},
+    {"rm", add_rm},           {"pool", add_pool},
+    {"log", add_log},         {"fastpath", add_fastpath},
+    {"owner", add_owner},     {"dump", add_dump},
+    {"map", add_map},         {"check", add_check},
+    {"undo", add_undo},       {"mirror", add_mirror},
+    {"compact", add_compact},
 };
 
 } // namespace qvol
