@@ -129,7 +129,7 @@ std::string undo_recorder::problem() const {
                              std::strerror(medium_.failure()));
 }
 
-int undo_recorder::recording_medium::append(std::span<const u8> bytes) {
+int undo_recorder::recording_medium::append(std::span<const u8> bytes) const {
     while (!bytes.empty()) {
         const ssize_t count = ::write(file_, bytes.data(), bytes.size());
         if (count < 0 && errno != EINTR) {

@@ -50,7 +50,7 @@ private:
         [[nodiscard]] int failure() const { // errno; 0: none
             return failure_;
         }
-        int append(std::span<const core::u8> bytes); // durably; a negative errno
+        [[nodiscard]] int append(std::span<const core::u8> bytes) const; // durably; a negative errno
 
     private:
         core::medium &below_;

@@ -239,10 +239,50 @@ TEST_P(QvolCheck, TellsTheCopyThatTheLibraryLeftBehind) {
                     "repaired: copy 0 copied over it"}});
 }
 
-// The other copy may hold what the first one lacks.
+TEST_P(QvolCheck, TakesFromAnotherCopyWhatTheFirstLacks) {
+    const std::uint64_t sectors = layout_.fat_size;
+    for (const std::uint64_t damaged : {std::uint64_t{1}, sectors}) {
+        poke(fat_offset(0), std::string(damaged * 512, '\0'));
+        const outcome found = qvol("check", {"-q"});
+        EXPECT_EQ(found.status, 1);
+        EXPECT_TRUE(found.out.starts_with("FAT copy 0 is damaged in ")) << found;
+        EXPECT_EQ(peek(fat_offset(0), 512), std::string(512, '\0'));
+        const outcome repaired = qvol("check", {"-q", "--repair"});
+        EXPECT_EQ(repaired.status, 0);
+        EXPECT_EQ(std::count(repaired.out.begin(), repaired.out.end(), '\n'), 1) << repaired;
+        EXPECT_TRUE(repaired.out.ends_with("; repaired: those sectors copied from there\n"));
+        expect_healthy();
+        expect_clean();
+        expect_contents();
+    }
+}
+
+// Each copy has damage of its own, in different sectors.
+TEST_P(QvolCheck, TakesOnlyTheSectorsThatExplainMore) {
+    const std::uint32_t old = start_of("/B.TXT");
+    poke(cluster_offset(FREE_CLUSTER), contents_["/B.TXT"]);
+    set_link(FREE_CLUSTER, FREE_CLUSTER + 1);
+    set_link(FREE_CLUSTER + 1, end_mark());
+    set_start("/B.TXT", FREE_CLUSTER);
+    set_link(old, 0);
+    set_link(old + 1, 0);
+    expect_healthy();
+    const std::string whole = peek(fat_offset(0), std::size_t{layout_.fat_size} * 512);
+    set_link_in(0, start_of("/A.TXT"), 0);
+    set_link_in(1, FREE_CLUSTER, 0);
+    expect_mended({{"FAT copy 0 is damaged in 1 sector: 1 finding in its chains, 0 with those of "
+                    "copy 1",
+                    "repaired: those sectors copied from there"},
+                   {"FAT copy 1 differs from copy 0 in 1 sector, first at cluster 1000",
+                    "repaired: copy 0 copied over it"}});
+    EXPECT_EQ(peek(fat_offset(0), whole.size()), whole);
+}
+
+// Neither copy explains more than the other one.
 TEST_P(QvolCheck, KeepsCopiesThatDifferWhereTheFirstIsBroken) {
     const std::uint32_t start = start_of("/A.TXT");
     set_link_in(0, start, 0);
+    set_link_in(1, start_of("/B.TXT"), 0);
     const std::string fsinfo = "FSInfo free count is 80619, should be 80620";
     const std::vector<expected_finding> findings = {
         {"FAT copy 1 differs from copy 0 in 1 sector, first at cluster " + number(start),

@@ -64,6 +64,8 @@ check_result result_of(const survey &checked) {
     check_result result;
     for (const finding &one : checked.findings) {
         result.findings.push_back(report_of(checked, one));
+        result.broken_chains += one.kind->scope == damage::CHAINS ? 1 : 0;
+        result.are_copies_equal = result.are_copies_equal && one.kind != &found::FAT_COPIES;
     }
     for (const tree_node &node : checked.nodes) {
         (node.dentry.is_directory() ? result.directories : result.files)++;
@@ -187,11 +189,14 @@ check_result check_volume(volume &vol) {
     return result_of(checked);
 }
 
-check_result repair_volume(volume &vol) {
+check_result repair_volume(volume &vol, bool is_fat_believed) {
     survey checked(vol);
     run_all_checks(&checked);
     check_result result = result_of(checked);
     repair_plan plan(vol);
+    if (result.is_fat_in_doubt() && !is_fat_believed) {
+        return result;
+    }
     if (plan_repairs(checked, &plan, &result)) {
         plan.write();
         vol.fat().forget_changes();

@@ -25,13 +25,21 @@ struct check_result {
     std::vector<reported_finding> findings; // areas, then the tree by path, then lost clusters
     u64 files = 0;
     u64 directories = 0;
+    u64 broken_chains = 0;        // findings that leave a chain incomplete or claimed twice
+    bool are_copies_equal = true; // of the FAT
+
+    // Whether another copy of the FAT may have what the first one lacks.
+    [[nodiscard]] bool is_fat_in_doubt() const {
+        return broken_chains != 0 && !are_copies_equal;
+    }
     u32 used_clusters = 0;
     u32 clusters = 0;
 };
 
 [[nodiscard]] check_result check_volume(volume &vol);
 
-// Checks the volume and repairs what can be repaired. Writes nothing if there is nothing to repair.
-[[nodiscard]] check_result repair_volume(volume &vol);
+// Checks the volume and repairs what can be repaired. Writes nothing if there is nothing to repair,
+// nor while the FAT is in doubt, unless the caller has decided that it is to be believed.
+[[nodiscard]] check_result repair_volume(volume &vol, bool is_fat_believed = false);
 
 } // namespace qvol

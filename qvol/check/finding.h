@@ -52,6 +52,7 @@ inline constexpr finding_kind FSINFO_NEXT{"fsinfo-next", ""};
 inline constexpr finding_kind FAT_MEDIA{"fat-media", ""};
 inline constexpr finding_kind FAT_END_MARK{"fat-end-mark", ""};
 inline constexpr finding_kind DIRTY{"dirty", "other findings remain"};
+inline constexpr finding_kind FAT_DAMAGED{"fat-damaged", ""};
 inline constexpr finding_kind FAT_COPIES{"fat-copies", BROKEN_CHAIN};
 
 // ---- chains ----

@@ -4,6 +4,7 @@
 
 #include "core/geometry.h"
 #include "core/overlay.h"
+#include "qvol/check/fat_evidence.h"
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
 #include "qvol/output.h"
@@ -112,38 +113,85 @@ private:
     core::overlay_medium medium_;
 };
 
-// The finding about a boot sector that describes no volume, if its backup does.
-std::optional<reported_finding> judge_boot_sector(const common_options &common,
-                                                    const target &where) {
-    const std::string reason = common.uses_backup_boot ? "" : lost_boot_sector(where);
-    if (reason.empty()) {
-        return std::nullopt;
+reported_finding finding_about(const finding_kind &kind, const std::string &text) {
+    return {kind.name, "", "", 0, text, false, ""};
+}
+
+// What is known from elsewhere on the volume: a repair copies it first, a check uses it from
+// memory.
+class recovery {
+public:
+    recovery(const common_options &common, const check_options &options, target *where)
+        : common_(common), options_(options), where_(*where), own_(where->medium()),
+          held_(own_, core::MIN_SECTOR_SIZE) {
+        if (!options.repairs) {
+            where_.replace_medium(&held_);
+        }
     }
-    return reported_finding{found::BOOT_SECTOR.name,
-                            "",
-                            "",
-                            0,
-                            "the boot sector describes no volume: " + reason,
-                            false,
-                            ""};
+    ~recovery() {
+        where_.replace_medium(&own_);
+    }
+    recovery(const recovery &) = delete;
+    recovery &operator=(const recovery &) = delete;
+
+    void recover_boot_sector() {
+        const std::string reason = lost_boot_sector(where_);
+        if (!reason.empty()) {
+            restore_boot_sector(where_);
+            add(found::BOOT_SECTOR, "the boot sector describes no volume: " + reason,
+                "its backup copied over it");
+        }
+    }
+
+    // True if the volume is to be checked again.
+    bool recover_fat() {
+        const std::optional<fat_replacement> better = find_better_fat(&where_, common_.encoding);
+        if (better) {
+            const volume vol(where_, common_.encoding, required::AREAS);
+            replace_fat_sectors(vol.on(), *better);
+            where_.sync();
+            add(found::FAT_DAMAGED, better->text(), "those sectors copied from there");
+        }
+        return better.has_value();
+    }
+
+    [[nodiscard]] const std::vector<reported_finding> &findings() const {
+        return findings_;
+    }
+
+private:
+    void add(const finding_kind &kind, const std::string &text, const char *outcome) {
+        findings_.push_back(finding_about(kind, text));
+        findings_.back().is_repaired = options_.repairs;
+        findings_.back().outcome = options_.repairs ? outcome : "";
+    }
+
+    const common_options &common_;
+    const check_options &options_;
+    target &where_;
+    core::medium &own_;
+    core::overlay_medium held_;
+    std::vector<reported_finding> findings_;
+};
+
+check_result check_once(const common_options &common, const check_options &options,
+                        const target &where, bool is_fat_believed) {
+    volume vol(where, common.encoding, required::AREAS);
+    return options.repairs ? repair_volume(vol, is_fat_believed) : check_volume(vol);
 }
 
 check_result check_or_repair(const common_options &common, const check_options &options,
                              target *where) {
-    std::optional<reported_finding> lost = judge_boot_sector(common, *where);
-    std::unique_ptr<backup_boot_sector> backup;
-    if (lost && options.repairs) {
-        restore_boot_sector(*where);
-        lost->is_repaired = true;
-        lost->outcome = "its backup copied over it";
-    } else if (lost || common.uses_backup_boot) {
-        backup = std::make_unique<backup_boot_sector>(where);
+    const auto backup =
+        common.uses_backup_boot ? std::make_unique<backup_boot_sector>(where) : nullptr;
+    recovery recovered(common, options, where);
+    recovered.recover_boot_sector();
+    check_result result = check_once(common, options, *where, false);
+    if (result.is_fat_in_doubt() && (recovered.recover_fat() || options.repairs)) {
+        result = check_once(common, options, *where, true);
     }
-    volume vol(*where, common.encoding, required::AREAS);
-    check_result result = options.repairs ? repair_volume(vol) : check_volume(vol);
-    if (lost) {
-        result.findings.insert(result.findings.begin(), *lost);
-    }
+    result.findings.insert(result.findings.begin(), recovered.findings().begin(),
+                           recovered.findings().end());
     return result;
 }
 
