@@ -32,7 +32,7 @@ void add_sector(u32 copy, u64 sector, std::vector<run> *runs) {
     }
 }
 
-// The runs of sectors in which a copy differs from the first one.
+// The spans of sectors in which a copy differs from the first one.
 std::vector<run> differing_runs(const core::volume &on, u32 copy) {
     std::vector<run> runs;
     const std::size_t size = on.at.sector_size;
@@ -50,7 +50,7 @@ std::vector<run> differing_runs(const core::volume &on, u32 copy) {
     return runs;
 }
 
-// What speaks for a FAT: fewer broken chains, then more clusters that entries lead to.
+// The evidence for a FAT: fewer broken chains, then more clusters that entries lead to.
 struct verdict {
     u64 broken;
     u32 used;
