@@ -43,7 +43,7 @@ void add_toy(command_line *commands) {
     toy.value("WORD", &options->word, "A word").one_of({"one", "two"});
     toy.list("--words", &options->words, "Words").count(2, declared_option::ANY_NUMBER);
     toy.value("--label", &options->label, "A label");
-    const declared_option width = toy.value("--width", &options->width, "A width").one_of({16, 32});
+    const declared_option width = toy.value("--width", &options->width, "A width").range(16, 32);
     toy.value("--bytes", &options->bytes, "Bytes").range(1, 9).needs(width);
     toy.value("--level", &options->level, "A level").check(problem_of_level).shows_default();
     const declared_option force = toy.flag("-f,--force", &options->is_forced, "By force");
@@ -137,7 +137,7 @@ TEST_F(CommandLine, FillsTheFields) {
 
 TEST_F(CommandLine, RefusesWhatBreaksARule) {
     expect_refusal({"three"}, "WORD: three not in {one,two}");
-    expect_refusal({"--width", "12"}, "--width: 12 not in {16,32}");
+    expect_refusal({"--width", "12"}, "--width: Value 12 not in range 16 to 32");
     expect_refusal({"--width", "32", "--bytes", "10"}, "--bytes: Value 10 not in range 1 to 9");
     expect_refusal({"--bytes", "2"}, "--bytes requires --width");
     expect_refusal({"--level", "middle"}, "--level: no such level");
