@@ -17,6 +17,7 @@ struct partition {
     std::string name; // of GPT
     u64 offset;       // bytes from the start of the file
     u64 bytes;
+    u32 sector_bytes;  // of the disk
     bool is_container; // of logical partitions
 
     [[nodiscard]] u64 end() const {
@@ -53,7 +54,7 @@ struct content {
     std::string label;
 };
 
-// Throws error if there is no such partition.
+// Throws error if there is no such partition, or if the tables are damaged.
 [[nodiscard]] partition find_partition(const target &disk, u32 number);
 
 // Whether a whole file or device contains a table of partitions instead of a volume.

@@ -134,7 +134,7 @@ std::vector<u8> read_boot_sector(const target &where) {
     const std::string name = shown_bytes(where.path());
     const std::string cannot = "cannot mount " + name + ": ";
     if (!where.is_part() && is_partitioned(where)) {
-        throw error(cannot + "it is a partitioned disk; name a partition of it, as " + name + "#1",
+        throw error(cannot + "it is a partitioned disk; name one of its partitions",
                     partition_lines(where));
     }
     const std::string other = content_of(where, where.offset(), where.size()).file_system;

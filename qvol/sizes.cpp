@@ -11,19 +11,49 @@
 
 namespace qvol {
 
-u64 parse_size(const std::string &option, const std::string &text) {
+namespace {
+
+u64 factor_of(char unit) {
+    switch (unit) {
+    case 's':
+        return 512;
+    case 'k':
+    case 'K':
+        return u64{1} << 10;
+    case 'm':
+    case 'M':
+        return u64{1} << 20;
+    default:
+        return u64{1} << 30;
+    }
+}
+
+} // namespace
+
+std::optional<u64> bytes_of(const std::string &text, const std::string &further_units) {
+    const bool is_hexadecimal = text.starts_with("0x");
     u64 number = 0;
     const char *end = text.data() + text.size();
-    const auto [rest, failure] = std::from_chars(text.data(), end, number);
-    const std::size_t unit = std::string_view("KMGkmg").find(rest != end ? *rest : '\0');
-    const bool has_unit = rest != end && rest + 1 == end && unit != std::string_view::npos;
-    const u64 factor = has_unit ? u64{1} << (10 * (unit % 3 + 1)) : 1;
-    if (failure != std::errc() || (rest != end && !has_unit) ||
+    const auto [rest, failure] = std::from_chars(text.data() + (is_hexadecimal ? 2 : 0), end,
+                                                 number, is_hexadecimal ? 16 : 10);
+    const std::string unit(rest, end);
+    const bool has_unit =
+        unit.size() == 1 && ("KMGkmg" + further_units).find(unit) != std::string::npos;
+    const u64 factor = has_unit ? factor_of(unit.front()) : 1;
+    if (failure != std::errc() || (!unit.empty() && !has_unit) ||
         number > MAX_VOLUME_BYTES / factor) {
+        return std::nullopt;
+    }
+    return number * factor;
+}
+
+u64 parse_size(const std::string &option, const std::string &text) {
+    const std::optional<u64> bytes = bytes_of(text);
+    if (!bytes) {
         throw usage_error(
             fmt::format("{} {}: not a size such as 4096, 64M or 2G", option, shown_bytes(text)));
     }
-    return number * factor;
+    return *bytes;
 }
 
 u32 parse_unit(const std::string &option, const std::string &text, u32 least, u32 most) {

@@ -4,6 +4,7 @@
 
 #include "core/bytes.h"
 
+#include <optional>
 #include <string>
 
 namespace qvol {
@@ -11,7 +12,12 @@ namespace qvol {
 using core::u32;
 using core::u64;
 
-// A number of bytes: "512", "4k", "64M", "2G". Throws usage_error, with the name of the option.
+// A number of bytes: "512", "0x200", "4k", "64M", "2G". No value if the text is something else.
+// `further_units` may have 's' for sectors of 512 bytes, as other tools for disks count.
+[[nodiscard]] std::optional<u64> bytes_of(const std::string &text,
+                                          const std::string &further_units = "");
+
+// The same. Throws usage_error, with the name of the option.
 [[nodiscard]] u64 parse_size(const std::string &option, const std::string &text);
 
 // A power of two in a range, in bytes.

@@ -124,40 +124,48 @@ bool is_digit(char c) {
     return c >= '0' && c <= '9';
 }
 
-// Bytes, or with the suffix "s" sectors of 512 bytes, as other tools for disks count them.
 u64 parse_position(const std::string &text, const std::string &number) {
-    constexpr u64 SECTOR_BYTES = 512;
-    if (!number.ends_with('s')) {
-        return parse_size(shown_bytes(text) + ":", number);
+    const std::optional<u64> bytes = bytes_of(number, "s");
+    if (!bytes) {
+        throw usage_error(fmt::format("{}: \"{}\" is not a number of bytes such as 1048576, "
+                                      "0x100000, 1M or 2048s",
+                                      shown_bytes(text), shown_bytes(number)));
     }
-    return parse_size(shown_bytes(text) + ":", number.substr(0, number.size() - 1)) * SECTOR_BYTES;
+    return *bytes;
 }
 
-std::optional<place> parse_partition(const std::string &text) {
-    const std::size_t mark = text.rfind('#');
-    if (mark == std::string::npos || mark + 1 == text.size() || !is_file(text.substr(0, mark))) {
-        return std::nullopt;
+u32 parse_partition(const std::string &text, const std::string &number) {
+    u32 result = 0;
+    const char *end = number.data() + number.size();
+    const auto [rest, failure] = std::from_chars(number.data(), end, result);
+    if (failure != std::errc() || rest != end || result == 0) {
+        throw usage_error(fmt::format("{}: \"{}\" is not the number of a partition",
+                                      shown_bytes(text), shown_bytes(number)));
     }
-    u32 number = 0;
-    const char *end = text.data() + text.size();
-    const auto [rest, failure] = std::from_chars(text.data() + mark + 1, end, number);
-    if (failure != std::errc() || rest != end || number == 0) {
-        throw usage_error(shown_bytes(text) + ": no number of a partition after \"#\"");
-    }
-    return place{text.substr(0, mark), number, std::nullopt, std::nullopt};
+    return result;
 }
 
-std::optional<place> parse_range(const std::string &text) {
-    const std::size_t mark = text.rfind('@');
+void parse_range(const std::string &text, const std::string &range, place *where) {
+    const std::size_t plus = range.find('+');
+    where->offset = parse_position(text, range.substr(0, plus));
+    if (plus != std::string::npos) {
+        where->bytes = parse_position(text, range.substr(plus + 1));
+    }
+}
+
+// No value if the last mark belongs to the name of a file: no number follows, or no file precedes.
+std::optional<place> parse_part(const std::string &text) {
+    const std::size_t mark = text.find_last_of("#@");
     if (mark == std::string::npos || mark + 1 == text.size() || !is_digit(text[mark + 1]) ||
         !is_file(text.substr(0, mark))) {
         return std::nullopt;
     }
-    const std::size_t plus = text.find('+', mark);
     place where = {text.substr(0, mark), 0, std::nullopt, std::nullopt};
-    where.offset = parse_position(text, text.substr(mark + 1, plus - mark - 1));
-    if (plus != std::string::npos) {
-        where.bytes = parse_position(text, text.substr(plus + 1));
+    const std::string number = text.substr(mark + 1);
+    if (text[mark] == '#') {
+        where.partition = parse_partition(text, number);
+    } else {
+        parse_range(text, number, &where);
     }
     return where;
 }
@@ -179,19 +187,17 @@ u64 start_on_disk(const struct stat &status) {
 
 place parse_place(const std::string &text) {
     struct stat status {};
-    std::optional<place> part;
-    if (lstat(text.c_str(), &status) != 0) {
-        part = parse_partition(text);
-        part = part ? part : parse_range(text);
-    }
+    const bool is_name = lstat(text.c_str(), &status) == 0;
+    const std::optional<place> part = is_name ? std::nullopt : parse_part(text);
     return part.value_or(place{text, 0, std::nullopt, std::nullopt});
 }
 
 // ---- target -----------------------------------------------------------------------------------
 
 struct target::open_file {
-    open_file(const std::string &path, access wanted);
+    open_file(std::string name, access wanted);
 
+    std::string path;
     core::unique_fd fd;
     bool is_writable;
     bool is_device = false;
@@ -199,8 +205,8 @@ struct target::open_file {
     u64 offset_on_disk = 0; // of a device that is a partition
 };
 
-target::open_file::open_file(const std::string &path, access wanted)
-    : fd(open_target(path, wanted)), is_writable(wanted == access::WRITE) {
+target::open_file::open_file(std::string name, access wanted)
+    : path(std::move(name)), fd(open_target(path, wanted)), is_writable(wanted == access::WRITE) {
     if (is_writable) {
         // If the reader of the output ends, SIGPIPE must not end the program between two writes.
         (void)std::signal(SIGPIPE, SIG_IGN);
@@ -245,6 +251,7 @@ void target::set_part(const place &where) {
             throw error(fmt::format("cannot write to {}: the partition ends at {}, {} at {}", name,
                                     shown_size(found.end()), file, shown_size(file_->size)));
         }
+        disk_sector_bytes_ = found.sector_bytes;
         set_part(found.offset, found.bytes);
         return;
     }
@@ -253,6 +260,15 @@ void target::set_part(const place &where) {
         throw error(fmt::format("cannot open {}: {} has only {} bytes", name, file, size));
     }
     set_part(*where.offset, where.bytes.value_or(size - *where.offset));
+}
+
+const std::string &target::file_path() const {
+    return file_->path;
+}
+
+u64 target::present_bytes() const {
+    const u64 behind = file_->size - std::min(file_->size, offset_);
+    return is_part() ? std::min(size_, behind) : size_;
 }
 
 bool target::is_device() const {
@@ -298,6 +314,9 @@ bool target::is_blank() const {
 }
 
 u32 target::sector_bytes() const {
+    if (disk_sector_bytes_ != 0) {
+        return disk_sector_bytes_;
+    }
     int bytes = 0;
     const bool is_known = is_device() && ioctl(descriptor(), BLKSSZGET, &bytes) == 0 &&
                           bytes >= static_cast<int>(core::MIN_SECTOR_SIZE);

@@ -52,6 +52,8 @@ public:
     [[nodiscard]] const std::string &path() const { // as on the command line
         return name_;
     }
+    // Of the file or device that it is a part of, or all of.
+    [[nodiscard]] const std::string &file_path() const;
     [[nodiscard]] u64 size() const { // bytes
         return size_;
     }
@@ -60,6 +62,9 @@ public:
     }
     // Bytes from the start of the disk: a device can be a partition of one.
     [[nodiscard]] u64 offset_on_disk() const;
+
+    // The bytes that exist: a partition can go on past the end of a truncated image.
+    [[nodiscard]] u64 present_bytes() const;
 
     [[nodiscard]] bool is_part() const {
         return part_.has_value();
@@ -103,7 +108,8 @@ public:
     // headers, is blank: all zero, or all 0xFF as on erased flash.
     [[nodiscard]] bool is_blank() const;
 
-    // Logical sector size of a device; 512 for an image file.
+    // Logical sector size of a device, or of the disk that a table of partitions describes; 512 for
+    // other image files.
     [[nodiscard]] u32 sector_bytes() const;
 
     // For what else reads and writes the file: tables of partitions.
@@ -120,6 +126,7 @@ private:
     bool is_fresh_ = false;
     u64 offset_ = 0;
     u64 size_;
+    u32 disk_sector_bytes_ = 0; // by a table of partitions; 0: not known
     target_medium own_medium_;
     std::optional<core::medium_part> part_;
     core::medium *medium_ = &own_medium_;

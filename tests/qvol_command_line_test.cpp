@@ -161,11 +161,16 @@ TEST(Sizes, TakeUnits) {
     EXPECT_EQ(parse_size("--size", "4k"), 4096U);
     EXPECT_EQ(parse_size("--size", "64M"), u64{64} << 20);
     EXPECT_EQ(parse_size("--size", "2G"), u64{2} << 30);
+    EXPECT_EQ(parse_size("--size", "0x1F"), 31U);
+    EXPECT_EQ(parse_size("--size", "0x10K"), 16384U);
+    EXPECT_EQ(bytes_of("2048s", "s"), u64{1} << 20);
+    EXPECT_EQ(bytes_of("36028797018963968s", "s"), std::nullopt);
+    EXPECT_EQ(bytes_of("1Ms", "s"), std::nullopt);
 }
 
 TEST(Sizes, RefuseWhatIsNoNumberOfBytes) {
-    for (const char *text :
-         {"", "M", "4T", "4KB", "4 K", "-1", "1.5M", "99999999999999999999", "9999999999G"}) {
+    for (const char *text : {"", "M", "4T", "4KB", "4 K", "-1", "1.5M", "0x", "0xG", "8s",
+                             "99999999999999999999", "9999999999G"}) {
         EXPECT_THROW((void)parse_size("--size", text), usage_error) << text;
     }
 }
