@@ -80,6 +80,12 @@ declared_option declared_command::value(const char *names, u32 *field, const cha
     return declared_option(command_->add_option(names, *field, help));
 }
 
+declared_option declared_command::value(const char *names, std::optional<u32> *field,
+                                        const char *help) const {
+    return declared_option(command_->add_option_function<u32>(
+        names, [field](u32 number) { *field = number; }, help));
+}
+
 declared_option declared_command::value(const char *names, u64 *field, const char *help) const {
     return declared_option(command_->add_option(names, *field, help));
 }

@@ -100,6 +100,7 @@ public:
     declared_option value(const char *names, std::optional<std::string> *field,
                           const char *help) const;
     declared_option value(const char *names, u32 *field, const char *help) const;
+    declared_option value(const char *names, std::optional<u32> *field, const char *help) const;
     declared_option value(const char *names, u64 *field, const char *help) const;
     declared_option list(const char *names, std::vector<std::string> *field,
                          const char *help) const;

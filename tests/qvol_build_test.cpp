@@ -563,7 +563,9 @@ TEST_F(QvolBuildRefusal, TellsWhatNoFat16Holds) {
 TEST_F(QvolBuildRefusal, TakesNoNonsenseForANumber) {
     const std::string no_number = ": not a size such as 4096, 64M or 2G\n";
     const std::pair<std::vector<std::string>, std::string> cases[] = {
-        {{}, "--size is required: a size such as 64M, or auto for the smallest image\n"},
+        {{},
+         "--size is required for a new image: a size such as 64M, or auto for the smallest "
+         "image\n"},
         {{"--size", "12X"}, "--size 12X" + no_number},
         {{"--size", "-1"}, "--size -1" + no_number},
         {{"--size", "M"}, "--size M" + no_number},

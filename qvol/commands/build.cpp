@@ -11,6 +11,7 @@
 #include "qvol/whole_volume.h"
 
 #include <algorithm>
+#include <limits>
 
 #include <fmt/core.h>
 #include <sys/stat.h>
@@ -28,7 +29,7 @@ struct build_options {
     std::optional<std::string> volume_id;
     std::optional<std::string> oem_name;
     std::optional<std::string> media;
-    u32 hidden_sectors = 0;
+    std::optional<u32> hidden_sectors;
     std::string fat_type = "auto";
     volume_source source; // its identity from the options above, when they have been checked
     bool is_compact = false;
@@ -84,7 +85,7 @@ volume_identity parse_identity(const build_options &options) {
     if (options.media) {
         identity.media = parse_media(*options.media);
     }
-    identity.hidden_sectors = options.hidden_sectors;
+    identity.hidden_sectors = options.hidden_sectors.value_or(0);
     return identity;
 }
 
@@ -135,7 +136,8 @@ build_result build_volume(const common_options &common, const build_options &opt
 
 build_result build_image(const common_options &common, const build_options &options) {
     if (options.size.empty()) {
-        throw usage_error("--size is required: a size such as 64M, or auto for the smallest image");
+        throw usage_error(
+            "--size is required for a new image: a size such as 64M, or auto for the smallest image");
     }
     const shape_request request = parse_shape(options, core::MIN_SECTOR_SIZE);
     check_image_name(common.image, options.is_forced);
@@ -152,6 +154,22 @@ build_result build_image(const common_options &common, const build_options &opti
     return result;
 }
 
+// The number for the boot sector; 0 if its field cannot hold it.
+u32 sectors_before(const target &where, u32 sector_bytes) {
+    const u64 sectors = where.offset_on_disk() / sector_bytes;
+    return sectors <= std::numeric_limits<u32>::max() ? static_cast<u32>(sectors) : 0;
+}
+
+// Areas are aligned from the start of the volume on.
+void remark_on_pages(const target &where, u32 page_bytes, const output &out) {
+    if (page_bytes != 0 && where.offset_on_disk() % page_bytes != 0) {
+        out.remark(fmt::format("{} begins at byte {}, not on a page of {}: its areas are not "
+                               "aligned to the pages of the disk",
+                               shown_bytes(where.path()), where.offset_on_disk(),
+                               shown_size(page_bytes)));
+    }
+}
+
 void check_place(const target &where, const build_options &options) {
     const std::string name = shown_bytes(where.path());
     if (options.is_compact) {
@@ -159,6 +177,9 @@ void check_place(const target &where, const build_options &options) {
     }
     if (!options.is_forced && !where.is_blank()) {
         throw error("cannot build on " + name + ": not blank; --force overwrites its content");
+    }
+    if (!where.is_device()) {
+        refuse_own_source(where.file_path(), options.source);
     }
 }
 
@@ -175,10 +196,9 @@ build_result build_in_place(const common_options &common, const build_options &o
         throw error(fmt::format("--size {}: larger than {}, which has {}", options.size,
                                 shown_bytes(common.image), shown_size(where.size())));
     }
-    if (completed.source.identity.hidden_sectors == 0) {
-        completed.source.identity.hidden_sectors =
-            static_cast<u32>(where.offset() / request.sector_bytes);
-    }
+    completed.source.identity.hidden_sectors =
+        options.hidden_sectors.value_or(sectors_before(where, request.sector_bytes));
+    remark_on_pages(where, request.page_bytes, common.out);
     const std::vector<host_node> nodes = scan_source(options.source, name_codec(common.encoding));
     const volume_shape shape = choose_shape(request, content_of(options.source, nodes));
     where.limit_size(shape.bytes);
@@ -213,12 +233,12 @@ void add_shape_options(const declared_command &build, build_options *options) {
     build.value(
         "--size", &options->size,
         "Size in bytes from 64K on, with K, M or G, or auto for the smallest image (default "
-        "for a device: all of it)");
+        "on a device or partition: all of it)");
     build.value("--fat", &options->fat_type, "FAT width; auto: depends on the size and content")
         .one_of({"auto", "12", "16", "32"})
         .shows_default();
     build.value("--sector", &options->sector,
-                "Sector size in bytes, 512 to 4096 (default 512, or that of the device)");
+                "Sector size in bytes, 512 to 4096 (default 512, or that of the disk)");
     build.value("--cluster", &options->cluster,
                 "Cluster size in bytes, up to 32K and 64 sectors (default: depends on the size)");
     build
@@ -247,7 +267,7 @@ void add_content_options(const declared_command &build, build_options *options) 
                "Write chains to the first FAT copy only");
     build.flag("--compact", &options->is_compact, "Cut the image to its used length");
     build.flag("-f,--force", &options->is_forced,
-               "Replace an existing image, or the content of a device");
+               "Replace an existing image, or the content of a device or partition");
 }
 
 } // namespace
@@ -259,7 +279,8 @@ void add_build(command_line *commands) {
          "  qvol build flash.img --size auto --from rootfs --pool --log\n"
          "  qvol build flash.img --size 512M --fat 32 --cluster 4K --page 8K\n"
          "  SOURCE_DATE_EPOCH=1700000000 qvol build flash.img --size auto --from rootfs --force\n"
-         "  qvol build /dev/sdx1 --from rootfs --force"},
+         "  qvol build /dev/sdx1 --from rootfs --force\n"
+         "  qvol build disk.img#1 --from rootfs    the first partition of a disk"},
         run_build);
     add_shape_options(build, options);
     add_content_options(build, options);
