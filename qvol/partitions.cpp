@@ -182,7 +182,7 @@ u64 described_bytes(const std::vector<u8> &head, u32 sector_bytes) {
     return last < MAX_VOLUME_BYTES / sector_bytes ? (last + 1) * sector_bytes : 0;
 }
 
-// The library refuses the GPT of a longer disk. In place of a truncated image it reads a file that
+// The library refuses the GPT of a longer disk. Instead of a truncated image it reads a file that
 // has the first tables and the length of that disk. No value if the image is not truncated.
 std::optional<table> read_table_of_truncated(const target &disk, u32 sector_bytes) {
     constexpr std::size_t HEAD_BYTES = std::size_t{1024} * 1024;

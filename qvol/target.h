@@ -63,7 +63,7 @@ public:
     // Bytes from the start of the disk: a device can be a partition of one.
     [[nodiscard]] u64 offset_on_disk() const;
 
-    // The bytes that exist: a partition can go on past the end of a truncated image.
+    // The bytes that exist: a partition can end past a truncated image.
     [[nodiscard]] u64 present_bytes() const;
 
     [[nodiscard]] bool is_part() const {
