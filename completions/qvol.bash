@@ -10,8 +10,9 @@ _qvol_options() {
     check) echo --dry-run --repair --undo ;;
     dump | get | mv) echo --force -f ;;
     fastpath) echo --dir ;;
+    info) echo --pages-from ;;
     ls) echo --long -l --recursive -R ;;
-    map) echo --force -f --svg ;;
+    map) echo --force -f --pages-from --svg ;;
     mkdir) echo --parents -p ;;
     put) echo --force -f --skip-special ;;
     rm) echo --recursive -r ;;
@@ -29,6 +30,7 @@ _qvol_values() {
     --from) echo directories ;;
     --media) echo 0xF0 0xF8 ;;
     --page) echo 0 2K 4K 8K 16K ;;
+    --pages-from) echo disk volume ;;
     --sector) echo 512 1K 2K 4K ;;
     --size) echo auto ;;
     --svg | --undo) echo files ;;
@@ -67,7 +69,7 @@ _qvol_look_back() {
     command="" arguments=0
     for ((i = 1; i < COMP_CWORD; i++)); do
         case ${COMP_WORDS[i]} in
-        =) ((i++)) ;;
+        = | @) ((i++)) ;; # bash takes them for words: --fat=16, disk.img@1M
         -*)
             if _qvol_values "${COMP_WORDS[i]}" >/dev/null && [[ ${COMP_WORDS[i + 1]} != "=" ]]; then
                 ((i++))
@@ -87,7 +89,10 @@ _qvol_look_back() {
 _qvol() {
     local typed=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
     local command arguments values
-    if [[ $typed == "=" ]]; then # --fat=
+    if [[ $typed == "@" || $before == "@" ]]; then # disk.img@1
+        COMPREPLY=()
+        return
+    elif [[ $typed == "=" ]]; then # --fat=
         typed=""
     elif [[ $before == "=" ]]; then # --fat=1
         before=${COMP_WORDS[COMP_CWORD - 2]}

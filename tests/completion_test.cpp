@@ -114,6 +114,21 @@ TEST_P(CompletionTest, OffersFilesForPathsOfTheHostAndNothingForPathsInTheVolume
     EXPECT_EQ(offered({"qvol", "get", "disk.img", ""}), text_set{});
 }
 
+// bash takes "@" for a word of its own.
+TEST_P(CompletionTest, TakesAPlaceForOneArgument) {
+    EXPECT_EQ(offered({"qvol", "get", "disk.img#1", "/photos", ""}), FILES);
+    std::vector<std::string> range = {"disk.img@1M"};
+    if (GetParam() == "bash") {
+        range = {"disk.img", "@", "1M"};
+    }
+    std::vector<std::string> words = {"qvol", "get"};
+    words.insert(words.end(), range.begin(), range.end());
+    EXPECT_EQ(offered(words), text_set{});
+    words.emplace_back("/photos");
+    words.emplace_back("");
+    EXPECT_EQ(offered(words), FILES);
+}
+
 TEST_P(CompletionTest, OffersTheOptionsOfQuorvelAndTheValuesThatTheyTake) {
     EXPECT_EQ(offered({"quorvel", "-"}), options_of_usage());
     for (const std::string option : {"-F", "-p", "-S", "-s"}) {

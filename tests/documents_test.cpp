@@ -69,9 +69,14 @@ const std::vector<elsewhere> RUN_ELSEWHERE = {
 const std::map<std::string, int> REFUSALS = {{"quorvel small.img", 255},
                                              {"fsck.fat -n disk.img", 1}};
 
+const std::string PARTITION = "echo 'start=1MiB, size=32MiB, type=c' | sfdisk disk.img";
+
 // The preparations of the workplace: commands that create existing files, or search for missing
 // ones.
 const std::map<std::string, std::string> PREPARATIONS = {
+    {"qvol build disk.img#1 --from rootfs", "truncate -s 64M disk.img && " + PARTITION},
+    {"qvol info disk.img#1",
+     "truncate -s 64M disk.img && " + PARTITION + " && qvol build disk.img#1"},
     {"qvol ln flash.img kernel-6.1.bin /boot/kernel.bin", "qvol rm flash.img /boot/kernel.bin"},
     {"qvol mkdir flash.img /photos", "qvol rm -r flash.img /photos"},
     {"qvol owner flash.img 1234", "truncate -s 4M large.bin && qvol put flash.img large.bin /"},
