@@ -302,7 +302,7 @@ void target::resize(u64 size) {
 
 bool target::is_blank() const {
     constexpr u64 HEADER_BYTES = u64{1024} * 1024;
-    std::vector<core::u8> bytes(std::min(HEADER_BYTES, size_));
+    std::vector<core::u8> bytes(static_cast<std::size_t>(std::min(HEADER_BYTES, size_)));
     const core::s64 count = medium_->read(0, bytes);
     if (count < 0) {
         throw system_failure("read " + shown_bytes(name_), static_cast<int>(-count));

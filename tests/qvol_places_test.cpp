@@ -1,6 +1,7 @@
 // Partitions and ranges of disk images and block devices as images of qvol. sfdisk, sgdisk and
 // fdisk make the tables; fsck.fat checks what was built.
 
+#include "tests/model/names.h"
 #include "tests/support/loop_device.h"
 #include "tests/support/qvol.h"
 
@@ -32,6 +33,18 @@ std::string replaced(std::string text, const std::string &from, const std::strin
         text.replace(at, from.size(), to);
     }
     return text;
+}
+
+// The checksum of a GPT.
+std::uint32_t crc_of(const bytes &content, std::size_t offset, std::size_t size) {
+    std::uint32_t crc = 0xFFFFFFFF;
+    for (std::size_t i = offset; i < offset + size; i++) {
+        crc ^= content[i];
+        for (int bit = 0; bit < 8; bit++) {
+            crc = crc >> 1 ^ (crc % 2 != 0 ? 0xEDB88320 : 0);
+        }
+    }
+    return ~crc;
 }
 
 class QvolPlaces : public QvolImage {
@@ -321,6 +334,23 @@ TEST_F(QvolPlaces, AGptOfAnotherDiskLengthIsRead) {
                                       " at 5.0 MiB\n"))
         << refused;
     EXPECT_EQ(std::filesystem::file_size(disk_), 5 * MIB);
+}
+
+TEST_F(QvolPlaces, APartitionPastAllBytesIsLeftOut) {
+    constexpr std::size_t HEADER = 512;
+    constexpr std::size_t ENTRIES = 1024;
+    partition(GPT);
+    build("#1");
+    bytes tables = read_range(disk_, 0, ENTRIES + 128 * 128);
+    // First and last sector of partition 1, 2^55 sectors later: its offset in bytes has 65 bits.
+    tables[ENTRIES + 32 + 6] = 0x80;
+    tables[ENTRIES + 40 + 6] = 0x80;
+    model::put_field(&tables, HEADER + 88, 4, crc_of(tables, ENTRIES, 128 * 128));
+    model::put_field(&tables, HEADER + 16, 4, 0);
+    model::put_field(&tables, HEADER + 16, 4, crc_of(tables, HEADER, 92));
+    poke(disk_, 0, tables);
+    EXPECT_EQ(qvol("ls"), refusal("cannot open " + image_ + ": no such partition\n  " + disk_ +
+                                  "#2: Linux filesystem, 3.0 MiB at 4.0 MiB"));
 }
 
 TEST_F(QvolPlaces, ATruncatedPartitionIsReadButNotWritten) {
