@@ -255,11 +255,11 @@ void target::set_part(const place &where) {
         set_part(found.offset, found.bytes);
         return;
     }
-    const u64 size = file_->size;
-    if (*where.offset >= size || where.bytes.value_or(0) > size - *where.offset) {
-        throw error(fmt::format("cannot open {}: {} has only {} bytes", name, file, size));
+    const u64 whole = file_->size;
+    if (*where.offset >= whole || where.bytes.value_or(0) > whole - *where.offset) {
+        throw error(fmt::format("cannot open {}: {} has only {} bytes", name, file, whole));
     }
-    set_part(*where.offset, where.bytes.value_or(size - *where.offset));
+    set_part(*where.offset, where.bytes.value_or(whole - *where.offset));
 }
 
 const std::string &target::file_path() const {

@@ -296,15 +296,15 @@ TEST_F(QvolBuildDevice, RefusesADeviceThatIsMounted) {
         GTEST_SKIP() << "mounting takes root and e2fsprogs";
     }
     const outcome result = shell_with_private_mounts(
-        "mount -t ext2 \"$1\" \"$2\" || exit 77; \"$3\" build \"$1\" --force; \"$3\" build \"$4\" "
-        "--force --size 16M",
+        "mount -t ext2 \"$1\" \"$2\" || exit 77; for place in \"$1\" \"$1@1M\" \"$4\" \"$4@1M\"; do "
+        "\"$3\" build \"$place\" --force --size 4M; done",
         {image_, scratch_.file("made"), qvol_path(), file_});
     if (result.status == 77) {
         GTEST_SKIP() << "the kernel does not mount it: " << result.err;
     }
     const std::string refused =
         ": it is mounted on " + scratch_.file("made") + "; unmount it first\n";
-    EXPECT_EQ(result, (outcome{1, "",
-                               "qvol: cannot write to " + image_ + refused +
-                                   "qvol: cannot write to " + file_ + refused}));
+    const std::string device = "qvol: cannot write to " + image_ + refused;
+    const std::string file = "qvol: cannot write to " + file_ + refused;
+    EXPECT_EQ(result, (outcome{1, "", device + device + file + file}));
 }
