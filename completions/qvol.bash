@@ -7,7 +7,7 @@ _qvol_options() {
         echo --cluster --compact --fat --force -f --from --hidden-sectors --label --log --media \
             --no-mirror --oem --page --pool --sector --short-names --size --skip-special --volume-id
         ;;
-    check) echo --dry-run --repair --undo ;;
+    check) echo --dry-run --free-lost --repair --undo ;;
     dump | get | mv) echo --force -f ;;
     fastpath) echo --dir ;;
     info) echo --pages-from ;;

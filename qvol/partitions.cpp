@@ -52,6 +52,7 @@ using content_probe = std::unique_ptr<blkid_struct_probe, probe_deleter>;
 
 struct context_deleter {
     void operator()(fdisk_context *context) const {
+        (void)fdisk_deassign_device(context, 1); // without a sync of the whole system
         fdisk_unref_context(context);
     }
 };
@@ -247,7 +248,7 @@ std::vector<partition> partitions_of(const target &disk) {
                                 name));
     }
     for (const std::string &warning : found.warnings) {
-        report(name + ": " + warning);
+        report(fmt::format("{}: {}", name, warning));
     }
     return found.partitions;
 }
@@ -321,6 +322,7 @@ std::string line_of(const target &disk, const partition &one) {
 
 std::vector<std::string> lines_of(const target &disk, const std::vector<partition> &partitions) {
     std::vector<std::string> lines;
+    lines.reserve(partitions.size());
     for (const partition &one : partitions) {
         lines.push_back(line_of(disk, one));
     }

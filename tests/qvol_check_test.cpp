@@ -280,6 +280,7 @@ TEST_P(QvolCheck, TakesOnlyTheSectorsThatExplainMore) {
 
 // Neither copy explains more than the other one.
 TEST_P(QvolCheck, KeepsCopiesThatDifferWhereTheFirstIsBroken) {
+    repair_options_ = {"--free-lost"};
     const std::uint32_t start = start_of("/A.TXT");
     set_link_in(0, start, 0);
     set_link_in(1, start_of("/B.TXT"), 0);
@@ -333,6 +334,7 @@ TEST_P(QvolCheck, TellsAChainThatMeetsABadCluster) {
 }
 
 TEST_P(QvolCheck, TellsAChainThatLeavesTheVolume) {
+    repair_options_ = {"--free-lost"};
     const std::uint32_t start = start_of("/A.TXT");
     set_link(start + 1, is_fat32() ? 0x0ABCDEF0 : is_fat12() ? 0xFCD : 0xABCD);
     set_link(start + 2, end_mark());
@@ -376,6 +378,7 @@ TEST_P(QvolCheck, TellsAStartThatIsNoCluster) {
 }
 
 TEST_P(QvolCheck, TellsFilesThatShareClusters) {
+    repair_options_ = {"--free-lost"};
     const std::uint32_t a = start_of("/A.TXT");
     const std::uint32_t b = start_of("/B.TXT");
     set_link(b, a + 1);
@@ -441,7 +444,73 @@ TEST_P(QvolCheck, TellsClustersBehindTheEndOfTheImage) {
     expect_repair({{"/A.TXT" + at(FREE_CLUSTER) + "past the end of the image", UNKNOWN_DATA}}, 1);
 }
 
+TEST_P(QvolCheck, KeepsLostClustersAsFiles) {
+    poke(cluster_offset(1000), std::string(512, 'x') + std::string(512, 'y'));
+    set_link(1000, 1001);
+    set_link(1001, end_mark());
+    set_link(1020, 1021); // a circle
+    set_link(1021, 1020);
+    set_link(1050, start_of("/A.TXT"));
+    change_free_count(-5);
+    host_file("tree/FOUND.000", "");
+    said("put", {scratch_.file("tree/FOUND.000"), "/"});
+    const std::string two = ": lost chain of 2 clusters: allocated, referenced by no entry";
+    const std::string kept = "repaired: stored in a FOUND directory";
+    expect_mended({{"cluster 1000" + two, kept},
+                   {"cluster 1020" + two, kept},
+                   {"cluster 1050: lost cluster: allocated, referenced by no entry", kept}});
+    EXPECT_EQ(said("ls", {"/FOUND.001"}), "FILE00001.CHK\nFILE00002.CHK\nFILE00003.CHK\n");
+    EXPECT_EQ(said("cat", {"/FOUND.001/FILE00001.CHK"}),
+              std::string(512, 'x') + std::string(512, 'y'));
+    EXPECT_EQ(said("cat", {"/FOUND.001/FILE00003.CHK"}).size(), 512U);
+}
+
+// Directories get their entries first: what they contain is no longer lost then.
+TEST_P(QvolCheck, KeepsALostDirectoryWithEverythingInIt) {
+    host_file("tree/DIR/below/deeper/file.txt", std::string(2000, 'f'));
+    said("put", {"-f", scratch_.file("tree") + "/.", "/"});
+    const std::uint32_t below = start_of("/DIR/below");
+    poke(entry_offset("/DIR"), "\xE5"); // and another directory in it, whose entry is lost, too
+    const bytes one_lost = read_file(image_);
+    const outcome repaired = qvol("check", {"--repair", "-q"});
+    EXPECT_EQ(repaired.status, 0) << repaired;
+    expect_healthy();
+    expect_clean();
+    EXPECT_EQ(said("ls", {"/FOUND.000"}), "DIR00001\n");
+    EXPECT_EQ(said("cat", {"/FOUND.000/DIR00001/A long name.text"}),
+              contents_["/DIR/A long name.text"]);
+    EXPECT_EQ(said("cat", {"/FOUND.000/DIR00001/below/deeper/file.txt"}), std::string(2000, 'f'));
+    // With the entry of "below" lost as well there are two trees.
+    (void)scratch_.file_with("disk.img", one_lost);
+    const std::string slots = peek(cluster_offset(below), 512);
+    for (std::uint64_t offset = 0; offset < layout_.data_start * std::uint64_t{512} + 20000;
+         offset += 32) {
+        if (peek(offset, 12) == std::string("BELOW      \x10")) {
+            poke(offset, "\xE5");
+        }
+    }
+    EXPECT_EQ(qvol("check", {"--repair", "-q"}).status, 0);
+    expect_healthy();
+    EXPECT_EQ(said("ls", {"/FOUND.000"}), "DIR00001\n");
+    EXPECT_EQ(said("cat", {"/FOUND.001/DIR00001/deeper/file.txt"}), std::string(2000, 'f'));
+}
+
+// Without a free cluster for the directory nothing is changed.
+TEST_P(QvolCheck, LeavesLostClustersWhereThereIsNoSpaceToKeepThem) {
+    const std::uint64_t free = json::parse(said("info", {"--json"}))["free_clusters"];
+    said("put", {host_file("filling", std::string((free - 1) * 512, 'x')), "/"});
+    set_link(json::parse(said("map", {"--json"}))["free"][0]["first"], end_mark());
+    change_free_count(0);
+    const outcome left = qvol("check", {"--repair", "-q"});
+    EXPECT_EQ(left.status, 1);
+    EXPECT_NE(left.out.find("; not repaired: still present after the repair\n"), std::string::npos)
+        << left;
+    EXPECT_EQ(qvol("check", {"--repair", "--free-lost", "-q"}).status, 0);
+    expect_contents();
+}
+
 TEST_P(QvolCheck, GivesLostClustersBack) {
+    repair_options_ = {"--free-lost"};
     set_link(1000, 1001); // a chain
     set_link(1001, end_mark());
     set_link(1010, 1012); // two chains that come together
@@ -520,6 +589,7 @@ TEST_P(QvolCheck, PutsDotEntriesIntoABlankDirectory) {
 
 // With the first slot blank all others are hidden: what is theirs is not given back.
 TEST_P(QvolCheck, LeavesWhatIsBehindTheEndOfADirectory) {
+    repair_options_ = {"--free-lost"};
     const std::uint32_t dir = start_of("/DIR");
     const std::uint32_t file = start_of("/DIR/A long name.text");
     poke(cluster_offset(dir), std::string(1, '\0'));
@@ -585,6 +655,7 @@ TEST_P(QvolCheck, ClearsTheReservedBitsOfALongNameSlot) {
 }
 
 TEST_P(QvolCheck, TellsASlotThatIsNoEntry) {
+    repair_options_ = {"--free-lost"};
     const std::uint32_t dir = start_of("/DIR");
     put_slot(dir, 6, "NEITHER TXT", 0x18, FREE_CLUSTER);
     set_link(FREE_CLUSTER, end_mark());
@@ -756,7 +827,7 @@ TEST_P(QvolCheck, SumsUp) {
     set_link(FREE_CLUSTER, end_mark());
     set_size("/B.TXT", 5000);
     const std::string total = (is_fat32() ? "9 of " : "8 of ") + number(total_clusters());
-    const outcome result = qvol("check", {"--repair"});
+    const outcome result = qvol("check", {"--repair", "--free-lost"});
     const std::string last = "1 directory, 4 files, " + total +
                              " clusters: " + (is_fat32() ? "3 findings, 1" : "2 findings, 0") +
                              " repaired, 2 not repaired\n";

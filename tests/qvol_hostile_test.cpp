@@ -902,7 +902,7 @@ TEST_F(QvolFloppy, HasNoFilesOfTheDriver) {
 TEST_F(QvolFloppy, LostClustersAreFreed) {
     poke(ROOT, '\xE5');
     EXPECT_EQ(qvol("check").status, 1);
-    said("check", {"--repair"});
+    said("check", {"--repair", "--free-lost"});
     EXPECT_EQ(fats(), bytes(fresh_.begin() + FAT, fresh_.begin() + ROOT));
     expect_clean();
 }

@@ -94,7 +94,8 @@ std::vector<bool> doubtful_nodes(const survey &checked) {
 // Decides which findings are repaired: that depends on all findings together.
 class repair_policy {
 public:
-    explicit repair_policy(const survey &checked) : doubtful_(doubtful_nodes(checked)) {
+    explicit repair_policy(const survey &checked)
+        : doubtful_(doubtful_nodes(checked)), frees_lost_(checked.frees_lost) {
         for (const finding &one : checked.findings) {
             are_areas_in_doubt_ |= one.kind->scope == damage::AREAS;
             has_broken_chains_ |= one.repair == nullptr && one.kind->scope == damage::CHAINS;
@@ -125,9 +126,10 @@ public:
     }
 
 private:
-    static bool changes_chains(const finding_kind &kind) {
+    // What is stored may belong to a broken chain, what is freed must not.
+    [[nodiscard]] bool changes_chains(const finding_kind &kind) const {
         return kind.scope == damage::CHAINS || &kind == &found::CHAIN_LONG ||
-               &kind == &found::LOST || &kind == &found::FAT_COPIES;
+               (&kind == &found::LOST && frees_lost_) || &kind == &found::FAT_COPIES;
     }
 
     [[nodiscard]] bool is_doubtful(const finding &one) const {
@@ -135,6 +137,7 @@ private:
     }
 
     std::vector<bool> doubtful_; // by node
+    bool frees_lost_;
     bool are_areas_in_doubt_ = false;
     bool has_broken_chains_ = false;
     bool leaves_findings_ = false;
@@ -158,10 +161,15 @@ bool plan_repairs(const survey &checked, repair_plan *plan, check_result *result
     return repairs;
 }
 
-// The second check decides: a finding that is still present is not repaired, and one that was
-// hidden before is added.
+// The second check decides: a finding that it has as well is not repaired, and one that was hidden
+// before is added.
 void compare_with_second_check(const check_result &second, check_result *result) {
-    const std::set<reported_finding> remaining(second.findings.begin(), second.findings.end());
+    std::set<reported_finding> remaining;
+    for (const reported_finding &one : second.findings) {
+        if (!one.is_repaired) {
+            remaining.insert(one);
+        }
+    }
     const std::set<reported_finding> known(result->findings.begin(), result->findings.end());
     for (reported_finding &one : result->findings) {
         if (one.is_repaired && remaining.contains(one)) {
@@ -175,10 +183,39 @@ void compare_with_second_check(const check_result &second, check_result *result)
     for (const reported_finding &one : second.findings) {
         if (!known.contains(one)) {
             result->findings.push_back(one);
-            result->findings.back().outcome = "found only after the other repairs";
+            if (one.outcome.empty()) {
+                result->findings.back().outcome = "found only after the other repairs";
+            }
         }
     }
     result->used_clusters = second.used_clusters;
+    result->files = second.files;
+    result->directories = second.directories;
+}
+
+// How often lost directories get an entry, each time those that the last ones have not contained.
+// The limit is reached on volumes that are made to reach it.
+constexpr u32 MAX_ROUNDS = 8;
+
+check_result repair_in_rounds(volume &vol, const repair_request &request, u32 rounds) {
+    survey checked(vol);
+    checked.frees_lost = request.frees_lost;
+    run_all_checks(&checked);
+    check_result result = result_of(checked);
+    if (result.is_fat_in_doubt() && !request.is_fat_believed) {
+        return result;
+    }
+    repair_plan plan(vol);
+    if (!plan_repairs(checked, &plan, &result)) {
+        return result;
+    }
+    const u32 kept_directories = plan.write(rounds > 0);
+    vol.fat().forget_changes();
+    compare_with_second_check(kept_directories != 0
+                                  ? repair_in_rounds(vol, {request.frees_lost, true}, rounds - 1)
+                                  : check_volume(vol),
+                              &result);
+    return result;
 }
 
 } // namespace
@@ -189,20 +226,8 @@ check_result check_volume(volume &vol) {
     return result_of(checked);
 }
 
-check_result repair_volume(volume &vol, bool is_fat_believed) {
-    survey checked(vol);
-    run_all_checks(&checked);
-    check_result result = result_of(checked);
-    repair_plan plan(vol);
-    if (result.is_fat_in_doubt() && !is_fat_believed) {
-        return result;
-    }
-    if (plan_repairs(checked, &plan, &result)) {
-        plan.write();
-        vol.fat().forget_changes();
-        compare_with_second_check(check_volume(vol), &result);
-    }
-    return result;
+check_result repair_volume(volume &vol, const repair_request &request) {
+    return repair_in_rounds(vol, request, MAX_ROUNDS);
 }
 
 } // namespace qvol

@@ -38,8 +38,12 @@ struct check_result {
 
 [[nodiscard]] check_result check_volume(volume &vol);
 
-// Checks the volume and repairs what can be repaired. Writes nothing if there is nothing to repair,
-// nor while the FAT is in doubt, unless the caller has decided that it is to be believed.
-[[nodiscard]] check_result repair_volume(volume &vol, bool is_fat_believed = false);
+struct repair_request {
+    bool frees_lost = false;      // instead of keeping lost clusters
+    bool is_fat_believed = false; // otherwise nothing is written while the FAT is in doubt
+};
+
+// Checks the volume and repairs what can be repaired. Writes nothing if there is nothing to repair.
+[[nodiscard]] check_result repair_volume(volume &vol, const repair_request &request);
 
 } // namespace qvol

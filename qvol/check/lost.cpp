@@ -69,8 +69,11 @@ private:
                  ? "lost cluster: allocated, referenced by no entry"
                  : fmt::format("lost chain of {} clusters: allocated, referenced by no entry",
                                count),
-             counted(count, "cluster", "clusters") + " freed",
-             [head, count](repair_plan *plan) { plan->release_chain(head, count); }});
+             checked_->frees_lost ? counted(count, "cluster", "clusters") + " freed"
+                                  : "stored in a FOUND directory",
+             [head, count, frees = checked_->frees_lost](repair_plan *plan) {
+                 frees ? plan->release_chain(head, count) : plan->keep_chain(head, count);
+             }});
     }
 
     survey *checked_;

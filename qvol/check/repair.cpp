@@ -105,9 +105,14 @@ void repair_plan::clear_boot_flag() {
 
 // Directory entries drop their references before the clusters are freed; backups and counts follow
 // the data that they describe; the clean flag is set last.
-void repair_plan::write() {
+u32 repair_plan::write(bool keeps_directories) {
     write_slots();
     vol_.fat().write_changes();
+    u32 kept_directories = 0;
+    if (!kept_chains_.empty()) {
+        // Without space they stay lost, which the next check finds.
+        (void)keep_lost_chains(vol_, kept_chains_, keeps_directories, &kept_directories);
+    }
     if (copies_first_fat_) {
         (void)vol_.fat().mirror();
     }
@@ -125,6 +130,7 @@ void repair_plan::write() {
         clear_boot_flag();
         vol_.where().sync();
     }
+    return kept_directories;
 }
 
 } // namespace qvol

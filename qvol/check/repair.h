@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include "qvol/session.h"
+#include "qvol/check/found_files.h"
 
 #include <array>
 #include <map>
@@ -28,6 +28,9 @@ public:
     // ---- the FAT ----
     void end_chain(u32 last);
     void release_chain(u32 first, u32 count);
+    void keep_chain(u32 first, u32 count) {
+        kept_chains_.push_back({first, count});
+    }
     void copy_first_fat() {
         copies_first_fat_ = true;
     }
@@ -46,8 +49,9 @@ public:
         sets_clean_ = true;
     }
 
-    // Writes all repairs and syncs the medium.
-    void write();
+    // Writes all repairs and syncs the medium. Returns the number of lost directories that have an
+    // entry now: what they contain has to be checked. `keeps_directories`: see keep_lost_chains().
+    u32 write(bool keeps_directories);
 
 private:
     void change_slot(const core::slot_place &location, u32 offset, std::vector<u8> bytes);
@@ -63,6 +67,7 @@ private:
 
     volume &vol_;
     std::map<u32, std::vector<change>> changes_; // by sector
+    std::vector<lost_chain> kept_chains_;
     bool copies_first_fat_ = false;
     std::map<u32, u32> fixed_entries_;
     std::optional<u32> backup_sector_;

@@ -96,7 +96,8 @@ struct survey {
     std::vector<tree_node> nodes;
     cluster_owners owners;
     std::vector<finding> findings;
-    u32 used_clusters = 0; // by the entries of the tree
+    u32 used_clusters = 0;   // by the entries of the tree
+    bool frees_lost = false; // the repair does not keep lost clusters
 
     [[nodiscard]] const core::volume &on() const {
         return vol.on();

@@ -23,6 +23,7 @@ namespace {
 struct check_options {
     bool repairs = false;
     bool is_dry_run = false;
+    bool frees_lost = false;
     std::string undo; // file; "": none
 
     [[nodiscard]] bool writes() const {
@@ -177,7 +178,8 @@ private:
 check_result check_once(const common_options &common, const check_options &options,
                         const target &where, bool is_fat_believed) {
     volume vol(where, common.encoding, required::AREAS);
-    return options.repairs ? repair_volume(vol, is_fat_believed) : check_volume(vol);
+    return options.repairs ? repair_volume(vol, {options.frees_lost, is_fat_believed})
+                           : check_volume(vol);
 }
 
 check_result check_or_repair(const common_options &common, const check_options &options,
@@ -242,6 +244,10 @@ void add_check(command_line *commands) {
                       run_check);
     const auto repair = check.flag("--repair", &options->repairs,
                                    "Repair what can be repaired without losing a file");
+    check
+        .flag("--free-lost", &options->frees_lost,
+              "Free lost clusters instead of storing them in a FOUND directory")
+        .needs(repair);
     const auto dry_run =
         check.flag("--dry-run", &options->is_dry_run, "Write nothing: show what --repair would do");
     dry_run.needs(repair);

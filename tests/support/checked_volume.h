@@ -168,7 +168,9 @@ protected:
         for (const expected_finding &finding : findings) {
             lines += finding.line + "; " + finding.outcome + '\n';
         }
-        EXPECT_EQ(qvol("check", {"-q", "--repair"}), (outcome{status, lines, ""}));
+        std::vector<std::string> options = {"-q", "--repair"};
+        options.insert(options.end(), repair_options_.begin(), repair_options_.end());
+        EXPECT_EQ(qvol("check", options), (outcome{status, lines, ""}));
     }
 
     // The check finds nothing, and the repair changes no byte.
@@ -207,6 +209,7 @@ protected:
     }
 
     std::map<std::string, std::string> contents_;
+    std::vector<std::string> repair_options_; // of the repairs that are expected
     volume_layout layout_;
 };
 
