@@ -99,6 +99,7 @@ public:
         for (const finding &one : checked.findings) {
             are_areas_in_doubt_ |= one.kind->scope == damage::AREAS;
             has_broken_chains_ |= one.repair == nullptr && one.kind->scope == damage::CHAINS;
+            has_slots_past_root_ |= one.kind == &found::PAST_END && one.node == ROOT_NODE;
         }
         leaves_findings_ = std::any_of(
             checked.findings.begin(), checked.findings.end(),
@@ -111,6 +112,9 @@ public:
         }
         if (one.kind == &found::DIRTY) {
             return !leaves_findings_;
+        }
+        if (one.kind == &found::LOST && !frees_lost_ && has_slots_past_root_) {
+            return false; // the entry of the FOUND directory could overwrite them
         }
         return !has_broken_chains_ || !changes_chains(*one.kind);
     }
@@ -140,6 +144,7 @@ private:
     bool frees_lost_;
     bool are_areas_in_doubt_ = false;
     bool has_broken_chains_ = false;
+    bool has_slots_past_root_ = false;
     bool leaves_findings_ = false;
 };
 
@@ -164,7 +169,7 @@ bool plan_repairs(const survey &checked, repair_plan *plan, check_result *result
 // The second check decides: a finding that it has as well is not repaired, and one that was hidden
 // before is added.
 void compare_with_second_check(const check_result &second, check_result *result) {
-    std::set<reported_finding> remaining;
+    std::multiset<reported_finding> remaining;
     for (const reported_finding &one : second.findings) {
         if (!one.is_repaired) {
             remaining.insert(one);
@@ -172,10 +177,17 @@ void compare_with_second_check(const check_result &second, check_result *result)
     }
     const std::set<reported_finding> known(result->findings.begin(), result->findings.end());
     for (reported_finding &one : result->findings) {
-        if (one.is_repaired && remaining.contains(one)) {
+        const auto [first, last] = remaining.equal_range(one);
+        const bool is_present = first != last;
+        if (is_present && std::none_of(first, last, [&](const reported_finding &other) {
+                return other.text == one.text;
+            })) {
+            one.text = first->text; // other repairs have changed its numbers
+        }
+        if (one.is_repaired && is_present) {
             one.is_repaired = false;
             one.outcome = "still present after the repair";
-        } else if (!one.is_repaired && !remaining.contains(one)) {
+        } else if (!one.is_repaired && !is_present) {
             one.is_repaired = true;
             one.outcome = "fixed by another repair";
         }
