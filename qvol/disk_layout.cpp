@@ -81,8 +81,8 @@ private:
         }
     }
 
-    // Up to the partition that takes the rest, which begins where the last of them ends. As if it
-    // took nothing, the others follow: their end is what the disk needs at least.
+    // One after another, the partition that takes the rest with one unit only: the end of the last
+    // one is what the disk needs at least.
     void place_before_rest() {
         u64 end = head_bytes(request_);
         for (std::size_t i = 0; i < wanted_.size(); i++) {
@@ -125,7 +125,7 @@ private:
     const disk_request &request_;
     const std::vector<partition_request> &wanted_;
     std::vector<extent> placed_;
-    std::size_t rest_; // its index; the number of partitions: there is none
+    std::size_t rest_; // its index, or the number of partitions
 };
 
 } // namespace

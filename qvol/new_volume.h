@@ -1,4 +1,4 @@
-// What a new volume is made of: a tree of the host, reserved files, a label. Looks at everything
+// What a new volume is made of: a tree of the host, reserved files, a label. Everything is checked
 // before anything is written.
 
 #pragma once

@@ -118,8 +118,8 @@ void set_key(part_options *part, const std::string &piece, std::set<std::string>
         return;
     }
     if (found == std::end(KEYS) || equals == std::string::npos) {
-        throw usage_error(fmt::format("{}: \"{}\" is none of {}", part->title(), shown_bytes(piece),
-                                      list_of_keys()));
+        throw usage_error(fmt::format("{}: unknown key \"{}\"; the keys are {}", part->title(),
+                                      shown_bytes(piece), list_of_keys()));
     }
     if (equals + 1 == piece.size()) {
         throw usage_error(fmt::format("{}: {}= has no value", part->title(), name));

@@ -33,7 +33,7 @@ constexpr known_type TYPES[] = {
     {"xbootldr", "BC13C2FF-59E6-4262-A352-B275FD6F7172", "ea", needs::FAT},
 };
 
-// The number that says of a FAT what it is, with the addressing that no limit of cylinders has.
+// The number for a FAT: of the variants, the one with addresses that are not limited to cylinders.
 std::string number_of_fat(u32 fat_type, u64 bytes) {
     constexpr u64 LARGE_FAT16 = u64{32} << 20;
     constexpr const char *OTHER_DATA = "da";
@@ -66,8 +66,8 @@ std::string without_prefix(const std::string &text) {
 
 void refuse_content(const known_type &type, u32 fat_type) {
     if (type.content == needs::FAT && fat_type == 0) {
-        throw usage_error(
-            fmt::format("type={} needs a FAT volume, the content is none", type.word));
+        throw usage_error(fmt::format(
+            "type={} needs a FAT volume, raw= is not one; use another type", type.word));
     }
     if (type.content == needs::NO_FAT && fat_type != 0) {
         throw usage_error(fmt::format("type={} excludes a FAT volume; use type=data", type.word));

@@ -267,7 +267,7 @@ struct type_deleter {
     }
 };
 
-// Throws error with the first warning of the library, which tells more than the number.
+// Throws error with the first warning of the library, which is more specific than the number.
 void check_call(int failed, const target &disk, const std::vector<std::string> &warnings) {
     if (failed == 0) {
         return;
@@ -337,7 +337,7 @@ void write_table(const target &disk, const new_table &wanted) {
         open_partitioner(disk, disk.descriptor(), wanted.sector_bytes, access::WRITE, &warnings);
     const bool is_gpt = wanted.kind == table_kind::GPT;
     const disk_request request = {wanted.kind, wanted.sector_bytes, 1, disk.size()};
-    // The library keeps the first MiB free, partitions may begin earlier.
+    // Partitions may begin before the first MiB, which the library would leave free.
     fdisk_set_first_lba(context.get(), head_bytes(request) / wanted.sector_bytes);
     check_call(fdisk_create_disklabel(context.get(), is_gpt ? "gpt" : "dos"), disk, warnings);
     if (!wanted.id.empty()) {

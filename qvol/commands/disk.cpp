@@ -1,8 +1,8 @@
 // qvol disk: makes a disk with a table of partitions and their contents, in an image file or on a
 // device.
 //
-// Looks at all sources, sizes and types before it makes anything. The contents go straight into
-// their positions. On a device the table is written last.
+// All sources, sizes and types are checked before anything is written. The contents go straight
+// to their positions. On a device the table is written last.
 
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
