@@ -17,6 +17,7 @@ constexpr u64 GPT_ENTRIES_BYTES = u64{128} * 128;
 constexpr std::size_t GPT_MAX_PARTITIONS = 128;
 constexpr std::size_t MBR_MAX_PARTITIONS = 4;
 constexpr u64 MBR_MAX_SECTORS = 0xFFFFFFFF;
+constexpr u64 MAX_DISK_BYTES = u64{1} << 62; // as for volumes
 
 u64 rounded_up(u64 bytes, u64 unit) {
     return (bytes + unit - 1) / unit * unit;
@@ -27,7 +28,7 @@ u64 rounded_down(u64 bytes, u64 unit) {
 }
 
 bool is_rest(const partition_request &one) {
-    return one.bytes == 0;
+    return one.takes_rest;
 }
 
 // One calculation.
@@ -40,7 +41,7 @@ public:
 
     disk_layout run() {
         refuse_counts();
-        place_before_rest();
+        place_all();
         u64 bytes = request_.bytes;
         if (bytes == 0) {
             bytes = rounded_up(placed_end() + tail_bytes(request_), request_.align_bytes);
@@ -81,15 +82,21 @@ private:
         }
     }
 
-    // One after another, the partition that takes the rest with one unit only: the end of the last
-    // one is what the disk needs at least.
-    void place_before_rest() {
+    // One after another, each as small as it can be: the end of the last one is what the disk needs
+    // at least.
+    void place_all() {
         u64 end = head_bytes(request_);
         for (std::size_t i = 0; i < wanted_.size(); i++) {
-            const u64 unit = unit_of(wanted_[i]);
-            placed_[i] = {rounded_up(end, unit), i == rest_ ? unit : wanted_[i].bytes};
+            placed_[i] = {rounded_up(end, unit_of(wanted_[i])), least_bytes(i)};
             end = placed_[i].end();
+            if (end > MAX_DISK_BYTES) {
+                throw error("the partitions are too large: a disk has at most 4194304 TiB");
+            }
         }
+    }
+    [[nodiscard]] u64 least_bytes(std::size_t i) const {
+        const u64 bytes = wanted_[i].bytes;
+        return i == rest_ ? rounded_up(std::max(bytes, u64{1}), request_.align_bytes) : bytes;
     }
 
     // Those after the rest lie at the end of the disk.

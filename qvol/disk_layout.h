@@ -22,8 +22,9 @@ struct disk_request {
 };
 
 struct partition_request {
-    u64 bytes;      // 0: what the others leave
+    u64 bytes;      // of the one that takes the rest: at least
     u32 page_bytes; // a further alignment of the start; 0: none
+    bool takes_rest = false;
 };
 
 struct extent {

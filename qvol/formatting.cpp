@@ -85,10 +85,10 @@ void write_volume(const core::volume &on, const core::boot_request &request) {
 
 } // namespace
 
-std::string checked_label(const std::string &text) {
+std::string checked_label(const std::string &option, const std::string &text) {
     const std::string problem = label_problem(text);
     if (!problem.empty()) {
-        throw usage_error(fmt::format("--label \"{}\": {}", shown_bytes(text), problem));
+        throw usage_error(fmt::format("{} \"{}\": {}", option, shown_bytes(text), problem));
     }
     return text;
 }

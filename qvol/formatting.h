@@ -13,7 +13,7 @@
 namespace qvol {
 
 // Returns the label. Throws usage_error if it is invalid.
-[[nodiscard]] std::string checked_label(const std::string &text);
+[[nodiscard]] std::string checked_label(const std::string &option, const std::string &text);
 
 // What a new volume states about itself besides its areas.
 struct volume_identity {

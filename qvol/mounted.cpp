@@ -104,7 +104,19 @@ mount_line parse_mount(const std::string &line) {
     return mount;
 }
 
+std::optional<struct stat> status_of_device(const std::string &path) {
+    struct stat status {};
+    const bool is_device = stat(path.c_str(), &status) == 0 && S_ISBLK(status.st_mode);
+    return is_device ? std::optional(status) : std::nullopt;
+}
+
 } // namespace
+
+bool is_on_disk(const std::string &device, const std::string &disk) {
+    const std::optional<struct stat> one = status_of_device(device);
+    const std::optional<struct stat> other = status_of_device(disk);
+    return one && other && devices_of(*one, {}).contains(number_of(other->st_rdev));
+}
 
 std::optional<std::string> mount_point_using(const struct stat &status, const system_view &view) {
     const std::set<std::string> numbers = devices_of(status, view);

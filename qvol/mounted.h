@@ -21,4 +21,8 @@ struct system_view {
 [[nodiscard]] std::optional<std::string> mount_point_using(const struct stat &status,
                                                            const system_view &view = {});
 
+// Whether one block device is the other, its disk, or one of its partitions. False if either is
+// no block device.
+[[nodiscard]] bool is_on_disk(const std::string &device, const std::string &disk);
+
 } // namespace qvol

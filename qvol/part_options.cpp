@@ -1,6 +1,7 @@
 #include "qvol/part_options.h"
 
 #include "qvol/error.h"
+#include "qvol/identifiers.h"
 #include "qvol/output.h"
 
 #include <algorithm>
@@ -10,7 +11,6 @@
 #include <vector>
 
 #include <fmt/core.h>
-#include <uuid/uuid.h>
 
 namespace qvol {
 
@@ -54,18 +54,26 @@ std::optional<u32> parse_attribute(const std::string &word) {
     return is_bit ? std::optional(bit) : std::nullopt;
 }
 
-u64 parse_attributes(const part_options &part, const std::string &value) {
+u64 parse_attributes(const std::string &value) {
     u64 bits = 0;
     for (const std::string &word : split(value, '+')) {
         const std::optional<u32> bit = parse_attribute(word);
         if (!bit) {
-            throw usage_error(fmt::format("{}: attrs={}: must be required, no-block-io, "
+            throw usage_error(fmt::format("attrs={}: must be required, no-block-io, "
                                           "legacy-boot, or 48 to 63, joined by +",
-                                          part.title(), shown_bytes(value)));
+                                          shown_bytes(value)));
         }
         bits |= u64{1} << *bit;
     }
     return bits;
+}
+
+std::string checked_uuid(const std::string &value) {
+    const std::optional<std::string> uuid = parse_uuid(value);
+    if (!uuid) {
+        throw usage_error(fmt::format("uuid={}: not a UUID", shown_bytes(value)));
+    }
+    return *uuid;
 }
 
 // ---- keys -------------------------------------------------------------------------------------
@@ -80,7 +88,7 @@ constexpr key KEYS[] = {
     {"name", false, [](part_options *part, const std::string &value) { part->name = value; }},
     {"label", true,
      [](part_options *part, const std::string &value) {
-         part->source.identity.label = checked_label(value);
+         part->source.identity.label = checked_label("label", value);
      }},
     {"type", false, [](part_options *part, const std::string &value) { part->type = value; }},
     {"size", false, [](part_options *part, const std::string &value) { part->size = value; }},
@@ -91,9 +99,10 @@ constexpr key KEYS[] = {
     {"raw", false, [](part_options *part, const std::string &value) { part->raw = value; }},
     {"attrs", false,
      [](part_options *part, const std::string &value) {
-         part->attributes = parse_attributes(*part, value);
+         part->attributes = parse_attributes(value);
      }},
-    {"uuid", false, [](part_options *part, const std::string &value) { part->uuid = value; }},
+    {"uuid", false,
+     [](part_options *part, const std::string &value) { part->uuid = checked_uuid(value); }},
 };
 constexpr const char *ACTIVE = "active"; // has no value
 
@@ -111,18 +120,18 @@ void set_key(part_options *part, const std::string &piece, std::set<std::string>
     const auto *found = std::find_if(std::begin(KEYS), std::end(KEYS),
                                      [&](const key &one) { return name == one.name; });
     if (!seen->insert(name).second) {
-        throw usage_error(fmt::format("{}: {} is given twice", part->title(), shown_bytes(name)));
+        throw usage_error(fmt::format("{} is given twice", shown_bytes(name)));
     }
     if (piece == ACTIVE) {
         part->is_active = true;
         return;
     }
     if (found == std::end(KEYS) || equals == std::string::npos) {
-        throw usage_error(fmt::format("{}: unknown key \"{}\"; the keys are {}", part->title(),
-                                      shown_bytes(piece), list_of_keys()));
+        throw usage_error(
+            fmt::format("unknown key \"{}\"; the keys are {}", shown_bytes(piece), list_of_keys()));
     }
     if (equals + 1 == piece.size()) {
-        throw usage_error(fmt::format("{}: {}= has no value", part->title(), name));
+        throw usage_error(fmt::format("{}= has no value", name));
     }
     found->set(part, piece.substr(equals + 1));
     part->has_volume = part->has_volume || found->is_of_volume;
@@ -132,51 +141,59 @@ void refuse_name(const part_options &part) {
     constexpr std::size_t MAX_UNITS = 36; // of UTF-16
     const std::optional<std::u16string> units = units_of_utf8(part.name);
     if (!units || units->size() > MAX_UNITS) {
-        throw usage_error(fmt::format("{}: name={}: must be UTF-8 of at most {} characters",
-                                      part.title(), shown_bytes(part.name), MAX_UNITS));
-    }
-}
-
-void refuse_uuid(const part_options &part) {
-    uuid_t id;
-    if (!part.uuid.empty() && uuid_parse(part.uuid.c_str(), id) != 0) {
-        throw usage_error(
-            fmt::format("{}: uuid={}: not a UUID", part.title(), shown_bytes(part.uuid)));
+        throw usage_error(fmt::format("name={}: must be UTF-8 of at most {} characters",
+                                      shown_bytes(part.name), MAX_UNITS));
     }
 }
 
 void refuse_contradictions(const part_options &part) {
     refuse_name(part);
-    refuse_uuid(part);
     if (part.has_volume && !part.raw.empty()) {
-        throw usage_error(part.title() + ": raw= excludes from=, fat=, cluster= and label=");
+        throw usage_error("raw= excludes from=, fat=, cluster= and label=");
     }
     if (part.size == "auto" && part.raw.empty() && !part.has_volume) {
-        throw usage_error(part.title() + ": size=auto needs from=, fat= or raw=");
+        throw usage_error("size=auto needs from=, fat= or raw=");
     }
     if (part.size.empty() && part.raw.empty() && part.source.from.empty()) {
-        throw usage_error(part.title() + ": size= is required without from= and raw=");
+        throw usage_error("size= is required without from= and raw=");
     }
 }
 
 } // namespace
 
-std::string part_options::title() const {
-    return fmt::format("part {}", number);
+bool part_options::has_number() const {
+    return !size.empty() && size != "auto" && size != "rest";
 }
 
 part_options parse_part(const std::string &text, u32 number) {
     part_options part;
     part.number = number;
     std::set<std::string> seen;
-    for (const std::string &piece : split(text, ',')) {
-        set_key(&part, piece, &seen);
-    }
-    const bool is_booted_from =
-        part.type == "esp" || part.type == "boot" || part.type == "xbootldr";
-    part.has_volume = part.has_volume || (is_booted_from && part.raw.empty());
-    refuse_contradictions(part);
+    in_part(number, [&] {
+        for (const std::string &piece : split(text, ',')) {
+            set_key(&part, piece, &seen);
+        }
+        const bool is_booted_from =
+            part.type == "esp" || part.type == "boot" || part.type == "xbootldr";
+        part.has_volume = part.has_volume || (is_booted_from && part.raw.empty());
+        refuse_contradictions(part);
+    });
     return part;
+}
+
+std::string part_title(u32 number) {
+    return fmt::format("part {}", number);
+}
+
+void in_part(u32 number, const std::function<void()> &work) {
+    const std::string title = part_title(number) + ": ";
+    try {
+        work();
+    } catch (const usage_error &failure) {
+        throw usage_error(title + failure.what(), failure.details());
+    } catch (const error &failure) {
+        throw error(title + failure.what(), failure.details());
+    }
 }
 
 } // namespace qvol

@@ -6,6 +6,7 @@
 
 #include "qvol/new_volume.h"
 
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -26,9 +27,15 @@ struct part_options {
     std::string cluster;
     std::string page = "4K";
 
-    // "part 2", for messages.
-    [[nodiscard]] std::string title() const;
+    // Whether the size is a number of bytes.
+    [[nodiscard]] bool has_number() const;
 };
+
+// "part 2", for messages.
+[[nodiscard]] std::string part_title(u32 number);
+
+// Errors of the work begin with the title of the part.
+void in_part(u32 number, const std::function<void()> &work);
 
 // Throws usage_error.
 [[nodiscard]] part_options parse_part(const std::string &text, u32 number);

@@ -1,12 +1,14 @@
 #include "qvol/partition_types.h"
 
 #include "qvol/error.h"
+#include "qvol/identifiers.h"
 #include "qvol/output.h"
 
 #include <algorithm>
+#include <charconv>
+#include <optional>
 
 #include <fmt/core.h>
-#include <uuid/uuid.h>
 
 namespace qvol {
 
@@ -49,27 +51,48 @@ std::string number_of_fat(u32 fat_type, u64 bytes) {
     }
 }
 
-bool is_guid(const std::string &text) {
-    uuid_t id;
-    return uuid_parse(text.c_str(), id) == 0;
+// "0x0C", "0c" and "C" are "c". No value if it is not a byte, or 0.
+std::optional<std::string> parse_number(const std::string &text) {
+    const bool has_prefix = text.starts_with("0x") || text.starts_with("0X");
+    u32 number = 0;
+    const char *end = text.data() + text.size();
+    const auto [rest, failure] =
+        std::from_chars(text.data() + (has_prefix ? 2 : 0), end, number, 16);
+    const bool is_type = failure == std::errc() && rest == end && number != 0 && number <= 0xFF;
+    return is_type ? std::optional(fmt::format("{:x}", number)) : std::nullopt;
 }
 
-bool is_byte(const std::string &text) {
-    return !text.empty() && text.size() <= 2 &&
-           text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos && text != "0" &&
-           text != "00";
+// Numbers that mark the start of another table.
+void refuse_special(table_kind table, const std::string &code) {
+    const bool is_extended = code == "5" || code == "f" || code == "85";
+    if (table == table_kind::MBR && (is_extended || code == "ee")) {
+        throw usage_error(
+            fmt::format("type={}: {} cannot be made; use --gpt", code,
+                        is_extended ? "an extended partition" : "the entry that protects a GPT"));
+    }
 }
 
-std::string without_prefix(const std::string &text) {
-    return text.starts_with("0x") || text.starts_with("0X") ? text.substr(2) : text;
+const known_type *type_of_word(const std::string &word) {
+    const auto *found = std::find_if(std::begin(TYPES), std::end(TYPES),
+                                     [&](const known_type &one) { return word == one.word; });
+    return found != std::end(TYPES) ? found : nullptr;
 }
 
-void refuse_content(const known_type &type, u32 fat_type) {
-    if (type.content == needs::FAT && fat_type == 0) {
+// The type with this GUID or number, if it demands anything of the content.
+const known_type *type_of_code(table_kind table, const std::string &code) {
+    const auto *found = std::find_if(std::begin(TYPES), std::end(TYPES), [&](const auto &one) {
+        const char *own = table == table_kind::GPT ? one.guid : one.number;
+        return one.number != nullptr && code == own;
+    });
+    return found != std::end(TYPES) ? found : nullptr;
+}
+
+void refuse_content(const known_type &type, const part_content &content) {
+    if (type.content == needs::FAT && content.is_known && content.fat_type == 0) {
         throw usage_error(fmt::format(
             "type={} needs a FAT volume, raw= is not one; use another type", type.word));
     }
-    if (type.content == needs::NO_FAT && fat_type != 0) {
+    if (type.content == needs::NO_FAT && content.fat_type != 0) {
         throw usage_error(fmt::format("type={} excludes a FAT volume; use type=data", type.word));
     }
 }
@@ -95,21 +118,27 @@ std::string list_of_words() {
 
 } // namespace
 
-std::string partition_type(table_kind table, const std::string &type, u32 fat_type, u64 bytes) {
+std::string partition_type(table_kind table, const std::string &type, const part_content &content,
+                           u64 bytes) {
     const bool is_gpt = table == table_kind::GPT;
-    const std::string word = !type.empty() ? type : fat_type != 0 ? "data" : "linux";
-    const auto *known = std::find_if(std::begin(TYPES), std::end(TYPES),
-                                     [&](const known_type &one) { return word == one.word; });
-    if (known != std::end(TYPES)) {
-        refuse_content(*known, fat_type);
-        return is_gpt ? known->guid : number_of(*known, fat_type, bytes);
+    const std::string word = !type.empty() ? type : content.fat_type != 0 ? "data" : "linux";
+    const known_type *known = type_of_word(word);
+    if (known != nullptr) {
+        refuse_content(*known, content);
+        return is_gpt ? known->guid : number_of(*known, content.fat_type, bytes);
     }
-    if (is_gpt ? !is_guid(word) : !is_byte(without_prefix(word))) {
+    const std::optional<std::string> code = is_gpt ? parse_uuid(word) : parse_number(word);
+    if (!code) {
         throw usage_error(fmt::format("type={}: must be one of {}or {}", shown_bytes(word),
                                       list_of_words(),
                                       is_gpt ? "a GUID" : "a hexadecimal byte such as 0x83"));
     }
-    return is_gpt ? word : without_prefix(word);
+    refuse_special(table, *code);
+    known = type_of_code(table, *code);
+    if (known != nullptr) {
+        refuse_content(*known, content);
+    }
+    return *code;
 }
 
 } // namespace qvol

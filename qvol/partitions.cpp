@@ -380,17 +380,23 @@ std::vector<std::string> partition_lines(const target &disk) {
     return lines_of(disk, partitions_of(disk));
 }
 
+u32 content::fat_type() const {
+    return file_system != "vfat" ? 0 : version == "FAT12" ? 12 : version == "FAT16" ? 16 : 32;
+}
+
 content content_of(const target &disk, u64 offset, u64 bytes) {
     const content_probe probe = probe_of(disk, offset, bytes);
     if (probe == nullptr) {
         return {};
     }
     blkid_probe_enable_superblocks(probe.get(), 1);
-    blkid_probe_set_superblocks_flags(probe.get(), BLKID_SUBLKS_TYPE | BLKID_SUBLKS_LABEL);
+    blkid_probe_set_superblocks_flags(probe.get(), BLKID_SUBLKS_TYPE | BLKID_SUBLKS_VERSION |
+                                                       BLKID_SUBLKS_LABEL | BLKID_SUBLKS_UUID);
     if (blkid_do_safeprobe(probe.get()) != 0) {
         return {};
     }
-    return {value_of(probe.get(), "TYPE"), value_of(probe.get(), "LABEL")};
+    return {value_of(probe.get(), "TYPE"), value_of(probe.get(), "VERSION"),
+            value_of(probe.get(), "LABEL"), value_of(probe.get(), "UUID")};
 }
 
 } // namespace qvol

@@ -51,7 +51,12 @@ void write_table(const target &disk, const new_table &wanted);
 // What a part of a file contains; empty texts where it is not known.
 struct content {
     std::string file_system; // "ext4"
+    std::string version;     // "FAT16"
     std::string label;
+    std::string uuid;
+
+    // The width of a FAT, or 0.
+    [[nodiscard]] u32 fat_type() const;
 };
 
 // Throws error if there is no such partition, or if the tables are damaged.

@@ -253,24 +253,38 @@ std::optional<u64> round_size_that_holds(shape_request request, const volume_con
     return std::nullopt;
 }
 
+// "--size 64M", or "size=64M" in the options of a part.
+std::string option_text(const shape_request &request, const char *name,
+                        const std::string &value = "") {
+    if (request.are_keys) {
+        return fmt::format("{}={}", name, value);
+    }
+    return fmt::format("--{}{}{}", name, value.empty() ? "" : " ", value);
+}
+
+std::string advice_to_leave_out(const shape_request &request) {
+    return fmt::format("; leave out {} and {}", option_text(request, "fat"),
+                       option_text(request, "cluster"));
+}
+
 // The change of a single option that makes the request possible.
 std::string advice(const shape_request &request, const volume_content &content) {
     shape_request other = request;
     other.cluster_bytes = 0;
     if (const auto shape = first_that_holds(possible_shapes(other, content), content)) {
-        return "; use --cluster " + size_argument(shape->cluster_bytes);
+        return "; use " + option_text(request, "cluster", size_argument(shape->cluster_bytes));
     }
     other = request;
     other.fat_type = 0;
     if (const auto shape = first_that_holds(possible_shapes(other, content), content)) {
-        return fmt::format("; use --fat {}", shape->fat_type);
+        return "; use " + option_text(request, "fat", std::to_string(shape->fat_type));
     }
     const std::optional<u64> size = round_size_that_holds(request, content);
     if (size && *size > request.bytes && *size <= request.max_bytes) {
-        return "; use --size " + size_argument(*size);
+        return "; use " + option_text(request, "size", size_argument(*size));
     }
     other.cluster_bytes = 0;
-    return size || !smallest_of_all(other, content) ? "" : "; leave out --fat and --cluster";
+    return size || !smallest_of_all(other, content) ? "" : advice_to_leave_out(request);
 }
 
 // ---- refusals ---------------------------------------------------------------------------------
@@ -287,11 +301,11 @@ std::string clusters_text(u32 cluster_bytes) {
     constexpr const char *RULE = "FAT12 has 1 to 4084 clusters, FAT16 4085 to 65524, FAT32 65525 "
                                  "to 268435438";
     if (request.bytes / request.sector_bytes > MAX_SECTORS) {
-        throw error(
-            fmt::format("a volume of {} is too large: with sectors of {} bytes the maximum is "
-                        "{}; use a larger --sector or a smaller --size",
-                        shown_size(request.bytes), request.sector_bytes,
-                        shown_size(MAX_SECTORS * request.sector_bytes)));
+        throw error(fmt::format(
+            "a volume of {} is too large: with sectors of {} bytes the maximum is "
+            "{}; use a larger --sector or a smaller {}",
+            shown_size(request.bytes), request.sector_bytes,
+            shown_size(MAX_SECTORS * request.sector_bytes), option_text(request, "size")));
     }
     const volume_content nothing = {"", {}, 0, content.reserved_files};
     throw error(fmt::format("a volume of {} cannot be {}{}: {}{}", shown_size(request.bytes),
@@ -343,7 +357,7 @@ u64 shortage(const volume_shape &shape, const volume_content &content) {
     request.fat_type = request.cluster_bytes = 0;
     const bool is_possible = smallest_of_all(request, content).has_value();
     throw error(fmt::format("no volume of type {} can hold {}{}", type, content.name,
-                            is_possible ? "; leave out --fat and --cluster" : ""));
+                            is_possible ? advice_to_leave_out(request) : ""));
 }
 
 } // namespace

@@ -27,6 +27,7 @@ struct shape_request {
     u32 page_bytes = 0;   // alignment of every area; 0: no alignment
     u32 root_entries = 0; // of FAT12 and FAT16
     bool may_be_small_fat32 = false;
+    bool are_keys = false; // for messages: the options are keys of a part, "size=64M"
 };
 
 // A volume that can be formatted.

@@ -74,7 +74,7 @@ shape_request parse_shape(const build_options &options, u32 sector_bytes) {
 volume_identity parse_identity(const build_options &options) {
     volume_identity identity;
     if (options.label) {
-        identity.label = checked_label(*options.label);
+        identity.label = checked_label("--label", *options.label);
     }
     if (options.volume_id) {
         identity.volume_id = parse_volume_id(*options.volume_id);

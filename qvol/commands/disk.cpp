@@ -8,6 +8,7 @@
 #include "qvol/commands/commands.h"
 #include "qvol/disk_layout.h"
 #include "qvol/identifiers.h"
+#include "qvol/mounted.h"
 #include "qvol/new_image.h"
 #include "qvol/part_options.h"
 #include "qvol/partition_types.h"
@@ -17,8 +18,8 @@
 #include "qvol/times.h"
 
 #include <algorithm>
-#include <functional>
 #include <limits>
+#include <set>
 
 #include <fmt/core.h>
 #include <sys/stat.h>
@@ -44,18 +45,16 @@ struct disk_options {
 // A partition, everything that it will contain, and its position.
 struct planned_part {
     part_options options;
-    shape_request shape;                // of its volume
-    std::vector<host_node> nodes;       // of its volume
-    std::unique_ptr<target> raw;        // to copy in
-    std::string raw_file_system;        // "": not known
-    std::optional<volume_shape> volume; // known when its size is
+    shape_request shape;          // of its volume
+    std::vector<host_node> nodes; // of its volume
+    std::unique_ptr<target> raw;  // to copy in
+    content raw_content;
+    std::optional<volume_shape> volume; // of the rest: first the smallest one
+    u32 page_bytes = 0;
     new_partition made;
 
     [[nodiscard]] bool is_rest() const {
         return options.size == "rest";
-    }
-    [[nodiscard]] bool has_fat() const {
-        return options.has_volume || raw_file_system == "vfat";
     }
 };
 
@@ -63,31 +62,32 @@ struct disk_plan {
     disk_request request;
     std::vector<planned_part> parts;
     u64 bytes = 0;
+    std::string id; // of the disk: a UUID, or the number of an MBR as "0x12345678"
 };
 
-// Errors about a part name it.
-void in_part(const planned_part &part, const std::function<void()> &work) {
-    const std::string title = part.options.title() + ": ";
-    try {
-        work();
-    } catch (const usage_error &failure) {
-        throw usage_error(title + failure.what(), failure.details());
-    } catch (const error &failure) {
-        throw error(title + failure.what(), failure.details());
+// The requested number of bytes; 0: none.
+u64 number_of_bytes(const part_options &options, u32 sector_bytes) {
+    if (!options.has_number()) {
+        return 0;
     }
+    const u64 bytes = parse_size("size", options.size);
+    if (bytes == 0 || bytes % sector_bytes != 0) {
+        throw usage_error(fmt::format("size {}: must be a multiple of the sector size {}",
+                                      shown_bytes(options.size), sector_bytes));
+    }
+    return bytes;
 }
 
 shape_request shape_of_part(const part_options &options, u32 sector_bytes) {
     shape_request request;
+    request.are_keys = true;
     request.sector_bytes = sector_bytes;
     request.fat_type = parse_fat_type("fat", options.fat_type);
     const u32 largest = std::min(MAX_CLUSTER_BYTES, sector_bytes * core::MAX_SECTORS_PER_CLUSTER);
     request.cluster_bytes =
         options.cluster.empty() ? 0 : parse_unit("cluster", options.cluster, sector_bytes, largest);
     request.page_bytes = parse_page("page", options.page);
-    const bool has_number =
-        !options.size.empty() && options.size != "auto" && options.size != "rest";
-    request.bytes = has_number ? parse_size("size", options.size) : 0;
+    request.bytes = number_of_bytes(options, sector_bytes);
     return request;
 }
 
@@ -96,62 +96,52 @@ void choose_volume(planned_part *part) {
     part->volume = choose_shape(part->shape, content_of(part->options.source, part->nodes));
 }
 
-void look_at_volume(const common_options &common, u32 sector_bytes, planned_part *part) {
+void check_volume(const common_options &common, u32 sector_bytes, planned_part *part) {
     part->shape = shape_of_part(part->options, sector_bytes);
-    if (part->shape.bytes % sector_bytes != 0) {
-        throw usage_error(fmt::format("size {}: no multiple of the sector size {}",
-                                      part->options.size, sector_bytes));
-    }
     if (part->shape.bytes != 0 && part->shape.bytes < MIN_VOLUME_BYTES) {
         throw usage_error(fmt::format("size {}: too small for a volume; the minimum is 64K",
                                       shown_bytes(part->options.size)));
     }
     refuse_own_source(common.image, part->options.source);
     part->nodes = scan_source(part->options.source, name_codec(common.encoding));
-    if (!part->is_rest()) {
+    if (part->is_rest() && part->shape.fat_type == 32) {
+        part->made.at.bytes = MIN_VOLUME_BYTES; // in a small rest, it has few clusters
+    } else {
         choose_volume(part);
         part->made.at.bytes = part->volume->bytes;
     }
 }
 
-void look_at_raw(u32 sector_bytes, planned_part *part) {
+void check_raw(const common_options &common, u32 sector_bytes, planned_part *part) {
+    if (is_on_disk(part->options.raw, common.image)) {
+        throw error(fmt::format("cannot copy {}: it is on {}, which is overwritten",
+                                shown_bytes(part->options.raw), shown_bytes(common.image)));
+    }
     part->raw = std::make_unique<target>(part->options.raw, access::READ);
     const target &raw = *part->raw;
-    part->raw_file_system = content_of(raw, raw.offset(), raw.size()).file_system;
-    const std::string &size = part->options.size;
-    const bool has_number = !size.empty() && size != "auto" && !part->is_rest();
-    const u64 bytes = has_number ? parse_size("size", size) : raw.size();
-    if (bytes < raw.size()) {
-        throw error(fmt::format("size {}: {} has {} bytes", shown_bytes(size),
-                                shown_bytes(raw.path()), raw.size()));
+    part->raw_content = content_of(raw, raw.offset(), raw.size());
+    const u64 bytes = number_of_bytes(part->options, sector_bytes);
+    if (part->options.has_number() && bytes < raw.size()) {
+        throw error(fmt::format("size {}: too small, {} has {} bytes",
+                                shown_bytes(part->options.size), shown_bytes(raw.path()),
+                                raw.size()));
     }
-    if (!part->is_rest()) {
-        part->made.at.bytes = (bytes + sector_bytes - 1) / sector_bytes * sector_bytes;
-    }
+    const u64 whole_sectors = (raw.size() + sector_bytes - 1) / sector_bytes * sector_bytes;
+    part->made.at.bytes = std::max(bytes, whole_sectors);
 }
 
-void look_at_nothing(u32 sector_bytes, planned_part *part) {
-    if (part->is_rest()) {
-        return;
-    }
-    part->made.at.bytes = parse_size("size", part->options.size);
-    if (part->made.at.bytes == 0 || part->made.at.bytes % sector_bytes != 0) {
-        throw usage_error(fmt::format("size {}: no multiple of the sector size {}",
-                                      shown_bytes(part->options.size), sector_bytes));
-    }
-}
-
-planned_part look_at_part(const common_options &common, const part_options &options,
-                          u32 sector_bytes) {
+planned_part check_part(const common_options &common, const part_options &options,
+                        u32 sector_bytes) {
     planned_part part;
     part.options = options;
-    in_part(part, [&] {
+    in_part(options.number, [&] {
+        part.page_bytes = parse_page("page", options.page);
         if (options.has_volume) {
-            look_at_volume(common, sector_bytes, &part);
+            check_volume(common, sector_bytes, &part);
         } else if (!options.raw.empty()) {
-            look_at_raw(sector_bytes, &part);
+            check_raw(common, sector_bytes, &part);
         } else {
-            look_at_nothing(sector_bytes, &part);
+            part.made.at.bytes = number_of_bytes(options, sector_bytes);
         }
     });
     return part;
@@ -159,15 +149,17 @@ planned_part look_at_part(const common_options &common, const part_options &opti
 
 // ---- types ------------------------------------------------------------------------------------
 
-// The width of the FAT that the partition contains, 0: none, or not known.
-u32 fat_type_of(const planned_part &part) {
-    return part.volume ? part.volume->fat_type : part.has_fat() ? 32 : 0;
+part_content content_for_type(const planned_part &part) {
+    if (part.volume) {
+        return {true, part.volume->fat_type};
+    }
+    return {part.raw != nullptr, part.raw_content.fat_type()};
 }
 
 void set_type(table_kind table, planned_part *part) {
     const part_options &options = part->options;
     new_partition *made = &part->made;
-    made->type = partition_type(table, options.type, fat_type_of(*part), made->at.bytes);
+    made->type = partition_type(table, options.type, content_for_type(*part), made->at.bytes);
     made->name = options.name;
     made->uuid = options.uuid;
     made->attributes = options.attributes.value_or(0);
@@ -185,27 +177,49 @@ void set_type(table_kind table, planned_part *part) {
     }
 }
 
+void refuse_duplicates(const disk_plan &plan) {
+    std::set<std::string> uuids;
+    u32 active = 0;
+    for (const planned_part &part : plan.parts) {
+        active += part.made.is_active ? 1 : 0;
+        if (!part.made.uuid.empty() && !uuids.insert(part.made.uuid).second) {
+            throw usage_error(
+                fmt::format("uuid={}: two partitions cannot have the same", part.made.uuid));
+        }
+    }
+    if (active > 1) {
+        throw usage_error("two partitions are active (also by type=boot), an MBR boots from one");
+    }
+}
+
 // ---- identifiers ------------------------------------------------------------------------------
 
-// With SOURCE_DATE_EPOCH the same request and content give the same identifiers. Without it the
-// partitions get random ones.
-void set_identifiers(disk_plan *plan, new_table *table) {
+// With SOURCE_DATE_EPOCH the same request and content give the same identifiers. Without it they
+// are random.
+identifier_source identifiers_of(const disk_plan &plan) {
     if (!is_clock_set()) {
-        return;
+        return identifier_source();
     }
     identifier_source ids(current_time());
-    ids.add(static_cast<u64>(table->kind == table_kind::GPT));
-    for (const planned_part &part : plan->parts) {
+    ids.add(static_cast<u64>(plan.request.table == table_kind::GPT));
+    for (const planned_part &part : plan.parts) {
         ids.add(part.made.type);
         ids.add(part.made.name);
         ids.add(part.made.at.offset);
         ids.add(part.made.at.bytes);
         ids.add(part.options.source.identity.label);
+        ids.add(part.raw_content.uuid);
         ids.add(part.nodes);
     }
-    table->id = table->kind == table_kind::GPT ? ids.uuid(0) : ids.number(0);
+    return ids;
+}
+
+void set_identifiers(disk_plan *plan) {
+    const identifier_source ids = identifiers_of(*plan);
+    const bool is_gpt = plan->request.table == table_kind::GPT;
+    plan->id = is_gpt ? ids.uuid(0) : ids.number(0);
     for (planned_part &part : plan->parts) {
-        if (table->kind == table_kind::GPT && part.made.uuid.empty()) {
+        if (is_gpt && part.made.uuid.empty()) {
             part.made.uuid = ids.uuid(part.options.number);
         }
     }
@@ -237,23 +251,17 @@ disk_request parse_request(const disk_options &options, u32 sector_bytes) {
 void place_parts(disk_plan *plan) {
     std::vector<partition_request> wanted;
     for (const planned_part &part : plan->parts) {
-        wanted.push_back({part.made.at.bytes, parse_page("page", part.options.page)});
+        wanted.push_back({part.made.at.bytes, part.page_bytes, part.is_rest()});
     }
     const disk_layout layout = lay_out_disk(plan->request, wanted);
     plan->bytes = layout.bytes;
     for (std::size_t i = 0; i < plan->parts.size(); i++) {
         planned_part *part = &plan->parts[i];
         part->made.at = layout.partitions[i];
-        in_part(*part, [&] {
+        in_part(part->options.number, [&] {
             if (part->is_rest() && part->options.has_volume) {
-                part->shape.bytes = part->made.at.bytes;
+                part->shape.bytes = part->shape.max_bytes = part->made.at.bytes;
                 choose_volume(part);
-            }
-            if (part->raw != nullptr && part->raw->size() > part->made.at.bytes) {
-                throw error(fmt::format("no space: {} has {}, the rest of the disk is {}",
-                                        shown_bytes(part->raw->path()),
-                                        shown_size(part->raw->size()),
-                                        shown_size(part->made.at.bytes)));
             }
             set_type(plan->request.table, part);
         });
@@ -269,9 +277,11 @@ disk_plan plan_disk(const common_options &common, const disk_options &options,
         parts.push_back(parse_part(text, static_cast<u32>(parts.size() + 1)));
     }
     for (const part_options &part : parts) {
-        plan.parts.push_back(look_at_part(common, part, request.sector_bytes));
+        plan.parts.push_back(check_part(common, part, request.sector_bytes));
     }
     place_parts(&plan);
+    refuse_duplicates(plan);
+    set_identifiers(&plan);
     return plan;
 }
 
@@ -328,22 +338,21 @@ made_volumes write_parts(const common_options &common, const disk_plan &plan, co
     return made;
 }
 
-new_table table_of(disk_plan *plan) {
-    new_table table = {plan->request.table, plan->request.sector_bytes, "", {}};
-    set_identifiers(plan, &table);
-    for (const planned_part &part : plan->parts) {
+new_table table_of(const disk_plan &plan) {
+    new_table table = {plan.request.table, plan.request.sector_bytes, plan.id, {}};
+    for (const planned_part &part : plan.parts) {
         table.partitions.push_back(part.made);
     }
     return table;
 }
 
 made_volumes make_image(const common_options &common, const disk_options &options,
-                        disk_plan *plan) {
-    new_image image(common.image, options.is_forced, plan->bytes);
+                        const disk_plan &plan) {
+    new_image image(common.image, options.is_forced, plan.bytes);
     made_volumes made = [&] {
         target disk(image.path(), access::WRITE);
         disk.mark_fresh();
-        made_volumes written = write_parts(common, *plan, disk);
+        made_volumes written = write_parts(common, plan, disk);
         write_table(disk, table_of(plan));
         disk.sync();
         return written;
@@ -352,18 +361,21 @@ made_volumes make_image(const common_options &common, const disk_options &option
     return made;
 }
 
-// What was there before must not seem to be the table of the new contents.
+// What was there before must not seem to be the table of the new contents. The copy at the end of
+// the disk comes first: while the table at the start is there, its contents are.
 void clear_tables(const disk_plan &plan, const target &disk) {
     const u64 head = plan.parts.empty() ? disk.size() : plan.parts.front().made.at.offset;
-    const u64 tail = tail_bytes({table_kind::GPT, plan.request.sector_bytes, 1, 0});
-    write_zeros(disk, 0, std::min(head, u64{1024} * 1024));
+    const u64 tail =
+        std::min(disk.size(), tail_bytes({table_kind::GPT, plan.request.sector_bytes, 1, 0}));
     write_zeros(disk, disk.size() - tail, tail);
+    write_zeros(disk, 0, std::min(head, u64{1024} * 1024));
     disk.sync();
 }
 
-made_volumes make_on_device(const common_options &common, disk_plan *plan, const target &disk) {
-    clear_tables(*plan, disk);
-    made_volumes made = write_parts(common, *plan, disk);
+made_volumes make_on_device(const common_options &common, const disk_plan &plan,
+                            const target &disk) {
+    clear_tables(plan, disk);
+    made_volumes made = write_parts(common, plan, disk);
     disk.sync();
     write_table(disk, table_of(plan));
     disk.sync();
@@ -377,14 +389,19 @@ made_volumes make_on_device(const common_options &common, disk_plan *plan, const
 
 // ---- results ----------------------------------------------------------------------------------
 
-json part_json(const planned_part &part, const std::optional<made_volume> &made) {
+// By which the kernel finds the partition: PARTUUID.
+std::string uuid_of(const disk_plan &plan, const planned_part &part) {
+    return plan.request.table == table_kind::GPT
+               ? part.made.uuid
+               : fmt::format("{}-{:02x}", plan.id.substr(2), part.options.number);
+}
+
+json part_json(const disk_plan &plan, const planned_part &part,
+               const std::optional<made_volume> &made) {
     const new_partition &at = part.made;
-    json result = {{"number", part.options.number},
-                   {"type", at.type},
-                   {"name", at.name},
-                   {"uuid", at.uuid.empty() ? json() : json(at.uuid)},
-                   {"offset", at.at.offset},
-                   {"bytes", at.at.bytes}};
+    json result = {
+        {"number", part.options.number}, {"type", at.type},        {"name", at.name},
+        {"uuid", uuid_of(plan, part)},   {"offset", at.at.offset}, {"bytes", at.at.bytes}};
     result.add("fat_type", made ? json(made->fat_type) : json());
     if (made) {
         result.add("cluster_size", made->cluster_bytes);
@@ -412,7 +429,7 @@ void print_result(const common_options &common, const disk_plan &plan, const mad
     json parts = json::array();
     for (std::size_t i = 0; i < made.size(); i++) {
         common.out.remark(part_text(common, plan.parts[i], made[i]));
-        parts.push_back(part_json(plan.parts[i], made[i]));
+        parts.push_back(part_json(plan, plan.parts[i], made[i]));
     }
     const char *table = plan.request.table == table_kind::GPT ? "gpt" : "mbr";
     common.out.remark(fmt::format("{}: {}, {}", shown_bytes(common.image), shown_size(plan.bytes),
@@ -421,6 +438,7 @@ void print_result(const common_options &common, const disk_plan &plan, const mad
         common.out.document({{"image", common.image},
                              {"bytes", plan.bytes},
                              {"table", table},
+                             {"id", plan.id},
                              {"sector_size", plan.request.sector_bytes},
                              {"partitions", std::move(parts)}});
     }
@@ -430,7 +448,7 @@ void remark_on_volumes(const common_options &common, const disk_plan &plan) {
     for (const planned_part &part : plan.parts) {
         const std::string remark = part.volume ? shape_remark(*part.volume) : "";
         if (!remark.empty()) {
-            common.out.remark(part.options.title() + ": " + remark);
+            common.out.remark(part_title(part.options.number) + ": " + remark);
         }
     }
 }
@@ -463,18 +481,18 @@ int run_on_device(const common_options &common, const disk_options &options) {
     }
     disk_request request = parse_request(options, sector_bytes);
     request.bytes = disk.size() / sector_bytes * sector_bytes;
-    disk_plan plan = plan_disk(common, options, request);
+    const disk_plan plan = plan_disk(common, options, request);
     remark_on_volumes(common, plan);
-    print_result(common, plan, make_on_device(common, &plan, disk));
+    print_result(common, plan, make_on_device(common, plan, disk));
     return EXIT_DONE;
 }
 
 int run_on_image(const common_options &common, const disk_options &options) {
     check_image_name(common.image, options.is_forced);
     const u32 sector_bytes = parse_sector(options, core::MIN_SECTOR_SIZE);
-    disk_plan plan = plan_disk(common, options, parse_request(options, sector_bytes));
+    const disk_plan plan = plan_disk(common, options, parse_request(options, sector_bytes));
     remark_on_volumes(common, plan);
-    print_result(common, plan, make_image(common, options, &plan));
+    print_result(common, plan, make_image(common, options, plan));
     return EXIT_DONE;
 }
 
