@@ -137,12 +137,19 @@ void set_key(part_options *part, const std::string &piece, std::set<std::string>
     part->has_volume = part->has_volume || found->is_of_volume;
 }
 
+// The library that writes the table has no characters beyond U+FFFF.
+bool is_half_character(char16_t unit) {
+    return unit >= 0xD800 && unit <= 0xDFFF;
+}
+
 void refuse_name(const part_options &part) {
     constexpr std::size_t MAX_UNITS = 36; // of UTF-16
     const std::optional<std::u16string> units = units_of_utf8(part.name);
-    if (!units || units->size() > MAX_UNITS) {
-        throw usage_error(fmt::format("name={}: must be UTF-8 of at most {} characters",
-                                      shown_bytes(part.name), MAX_UNITS));
+    if (!units || units->size() > MAX_UNITS ||
+        std::any_of(units->begin(), units->end(), is_half_character)) {
+        throw usage_error(
+            fmt::format("name={}: must be UTF-8 of at most {} characters, none beyond U+FFFF",
+                        shown_bytes(part.name), MAX_UNITS));
     }
 }
 

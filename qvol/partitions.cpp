@@ -287,6 +287,7 @@ int add_partition(fdisk_context *context, const new_partition &wanted, std::size
     fdisk_partition_set_partno(made.get(), index);
     fdisk_partition_set_start(made.get(), wanted.at.offset / sector_bytes);
     fdisk_partition_set_size(made.get(), wanted.at.bytes / sector_bytes);
+    fdisk_partition_size_explicit(made.get(), 1); // not rounded to whole MiB
     fdisk_partition_set_type(made.get(), type.get());
     if (!wanted.name.empty()) {
         fdisk_partition_set_name(made.get(), wanted.name.c_str());
