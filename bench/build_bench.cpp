@@ -1,4 +1,5 @@
-// Building images from the same trees: qvol build, compared with mkfs.fat and mcopy -s.
+// Building images from the same trees: qvol build, compared with mkfs.fat and mcopy -s; and a disk
+// of partitions by qvol disk, compared with a qvol build of each volume.
 //
 // usage: build_bench QVOL DIRECTORY [ROUNDS [SET...]]
 //
@@ -9,6 +10,7 @@
 //   similar-20000    20,000 files with similar names in 100 directories
 //   varied-20000     20,000 files whose names differ early in 100 directories
 //   large            one file of 1 GiB
+//   disk             the trees of varied-2000, similar-20000 and large in three partitions
 //
 // Every run creates its image, and the time includes this. qvol syncs the image, so mkfs.fat and
 // mcopy are measured without and with a sync; the large file is also copied with cp and a sync.
@@ -108,12 +110,49 @@ void compare(const environment &where, const build_set &set, int rounds) {
     std::filesystem::remove(where.image());
 }
 
-bool is_wanted(const build_set &set, int argc, char **argv) {
+// ---- disks ----
+
+constexpr const char *DISK_SET = "disk";
+constexpr const char *DISK_PARTS[] = {"varied-2000", "similar-20000", "large"};
+
+void compare_disk(const environment &where, int rounds) {
+    const std::string volumes = where.base / "volume";
+    std::vector<std::string> disk = {where.qvol, "disk", where.image()};
+    std::vector<std::vector<std::string>> builds;
+    for (const build_set &set : SETS) {
+        if (std::find(std::begin(DISK_PARTS), std::end(DISK_PARTS), std::string(set.name)) !=
+            std::end(DISK_PARTS)) {
+            const std::string tree = where.base / set.name;
+            make_tree(tree, set.tree);
+            disk.insert(disk.end(), {"--part", "fat=32,cluster=4K,size=" + SIZE + ",from=" + tree});
+            builds.push_back({where.qvol, "build", volumes + set.name, "--size", SIZE, "--fat",
+                              "32", "--cluster", "4K", "--from", tree});
+        }
+    }
+    const auto build_each = [builds] {
+        for (const std::vector<std::string> &build : builds) {
+            bench::run_program(build);
+        }
+    };
+    const step remove_images = [builds, where] {
+        std::filesystem::remove(where.image());
+        for (const std::vector<std::string> &build : builds) {
+            std::filesystem::remove(build[2]);
+        }
+    };
+    const std::vector<double> times = bench::medians(
+        {{remove_images, bench::program(disk)}, {remove_images, build_each}}, rounds);
+    std::printf("\n%-14s %12s %13s %7s\n", "partitions", "qvol disk", "qvol build", "ratio");
+    std::printf("%-14s %9.1f ms %10.1f ms %7.3f\n", DISK_SET, times[0] * 1e3, times[1] * 1e3,
+                times[0] / times[1]);
+}
+
+bool is_wanted(const std::string &name, bool is_slow, int argc, char **argv) {
     bool is_named = false;
     for (int i = 4; i < argc; i++) {
-        is_named = is_named || std::string(argv[i]) == set.name;
+        is_named = is_named || argv[i] == name;
     }
-    return argc > 4 ? is_named : !set.is_slow;
+    return argc > 4 ? is_named : !is_slow;
 }
 
 } // namespace
@@ -130,9 +169,12 @@ int main(int argc, char **argv) {
     std::printf("%-14s %12s %13s %7s %13s %7s %13s %7s\n", "building", "qvol", "mcopy", "ratio",
                 "mcopy, sync", "ratio", "cp, sync", "ratio");
     for (const build_set &set : SETS) {
-        if (is_wanted(set, argc, argv)) {
+        if (is_wanted(set.name, set.is_slow, argc, argv)) {
             compare(where, set, rounds);
         }
+    }
+    if (is_wanted(DISK_SET, false, argc, argv)) {
+        compare_disk(where, rounds);
     }
     std::filesystem::remove_all(where.base);
     return 0;
