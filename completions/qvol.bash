@@ -8,6 +8,7 @@ _qvol_options() {
             --no-mirror --oem --page --pool --sector --short-names --size --skip-special --volume-id
         ;;
     check) echo --dry-run --free-lost --repair --undo ;;
+    disk) echo --align --force -f --gpt --mbr --part --sector --size ;;
     dump | get | mv) echo --force -f ;;
     fastpath) echo --dir ;;
     info) echo --pages-from ;;
@@ -19,19 +20,20 @@ _qvol_options() {
     esac
 }
 
-# The values of an option; fails for an option without a value. "files" and "directories" are those of
-# the host, "any" is a value that cannot be completed.
+# The values of an option of the command; fails for an option without a value. "files" and "directories"
+# are those of the host, "any" is a value that cannot be completed.
 _qvol_values() {
     case $1 in
+    --align) echo 4K 64K 1M 4M ;;
     --cluster) echo 512 1K 2K 4K 8K 16K 32K ;;
-    --dir | --hidden-sectors | --label | --oem | --volume-id) echo any ;;
+    --dir | --hidden-sectors | --label | --oem | --part | --volume-id) echo any ;;
     --encoding) echo UTF-8 ISO-8859-1 ISO-8859-15 CP437 CP850 CP1252 EUC-JP SHIFT-JIS GB18030 ;;
     --fat) echo auto 12 16 32 ;;
     --from) echo directories ;;
     --media) echo 0xF0 0xF8 ;;
     --page) echo 0 2K 4K 8K 16K ;;
     --pages-from) echo disk volume ;;
-    --sector) echo 512 1K 2K 4K ;;
+    --sector) [[ $2 == disk ]] && echo 512 4096 || echo 512 1K 2K 4K ;;
     --size) echo auto ;;
     --svg | --undo) echo files ;;
     *) return 1 ;;
@@ -71,7 +73,7 @@ _qvol_look_back() {
         case ${COMP_WORDS[i]} in
         = | @) ((i++)) ;; # bash takes them for words: --fat=16, disk.img@1M
         -*)
-            if _qvol_values "${COMP_WORDS[i]}" >/dev/null && [[ ${COMP_WORDS[i + 1]} != "=" ]]; then
+            if _qvol_values "${COMP_WORDS[i]}" "$command" >/dev/null && [[ ${COMP_WORDS[i + 1]} != "=" ]]; then
                 ((i++))
             fi
             ;;
@@ -102,9 +104,9 @@ _qvol() {
     if [[ -z $command && $typed == -* ]]; then
         _qvol_offer "$typed" --help -h --version
     elif [[ -z $command ]]; then
-        _qvol_offer "$typed" build cat check compact dump fastpath get info ln log ls map mirror \
-            mkdir mv owner pool put rm stat tree undo
-    elif values=$(_qvol_values "$before"); then
+        _qvol_offer "$typed" build cat check compact disk dump fastpath get info ln log ls map \
+            mirror mkdir mv owner pool put rm stat tree undo
+    elif values=$(_qvol_values "$before" "$command"); then
         _qvol_offer "$typed" $values
     elif [[ $typed == -* ]]; then
         _qvol_offer "$typed" --backup-boot --encoding --help -h --json --quiet -q --verbose -v \

@@ -191,13 +191,29 @@ public:
         link("zuq_player", std::string(QUORVEL_EXAMPLES) + "/zuq_player");
         link("flash_model", std::string(QUORVEL_EXAMPLES) + "/flash_model");
         link("make-image", source_path("examples/make-image"));
-        for (const char *name :
-             {"rootfs/etc/fstab", "rootfs/boot/loader.bin", "rootfs/photos/IMG_0001.jpg",
-              "photos/IMG_0001.jpg", "photos/2024/May.jpg", "kernel.bin", "logo.bmp", "config.txt",
-              "intro.mp3", "movie.avi", "content/photos/IMG_0001.jpg",
-              "content/photos/2024/May.jpg", "content/etc/config.txt", "content/boot/kernel.bin",
-              "content/boot/logo.bmp", "content/notes.txt", "content/a.jpg", "content/b.jpg",
-              "content/firmware.bin"}) {
+        for (const char *name : {"rootfs/etc/fstab",
+                                 "rootfs/boot/loader.bin",
+                                 "rootfs/photos/IMG_0001.jpg",
+                                 "photos/IMG_0001.jpg",
+                                 "photos/2024/May.jpg",
+                                 "kernel.bin",
+                                 "logo.bmp",
+                                 "config.txt",
+                                 "intro.mp3",
+                                 "movie.avi",
+                                 "content/photos/IMG_0001.jpg",
+                                 "content/photos/2024/May.jpg",
+                                 "content/etc/config.txt",
+                                 "content/boot/kernel.bin",
+                                 "content/boot/logo.bmp",
+                                 "content/notes.txt",
+                                 "content/a.jpg",
+                                 "content/b.jpg",
+                                 "content/firmware.bin",
+                                 "efi/EFI/BOOT/BOOTX64.EFI",
+                                 "boot/kernel.bin",
+                                 "data/log.txt",
+                                 "root.ext4"}) {
             write(name, name);
         }
         // ./run builds the formatter and passes its arguments on.
@@ -206,12 +222,15 @@ public:
         prepare_image();
     }
 
-    // An image that a command builds is not there before it.
+    // An image that a command makes is not there before it.
     outcome run(const std::string &command) const {
         const bool makes_image = command.find("qvol build flash.img") != std::string::npos ||
                                  command.find("make-image") != std::string::npos;
         if (makes_image) {
             fs::remove(path("flash.img"));
+        }
+        if (command.find("qvol disk card.img") != std::string::npos) {
+            fs::remove(path("card.img"));
         }
         return shell("cd \"$1\" && export PATH=\"$1/bin:$PATH\" && " + command,
                      {scratch_.file("")});
