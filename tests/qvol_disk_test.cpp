@@ -236,6 +236,13 @@ std::vector<layout> special_layouts() {
          {{"from=tree,size=rest,label=REST", holds::TREE, "4", "REST"},
           {"raw=loader,size=301056", holds::LOADER, "83", "", 301056},
           {"size=1049088", holds::NOTHING, "83", "", 1049088}}},
+        {"RestIsASmallFat32",
+         "--size 4M",
+         true,
+         512,
+         MIB,
+         4096,
+         {{"from=tree,fat=32,size=rest,label=REST", holds::TREE, DATA, "REST", 2 * MIB}}},
         {"RestOfManyTebibytes",
          "--size 6000G",
          true,
@@ -513,13 +520,13 @@ TEST_F(QvolDisk, TheSameTwiceGivesTheSameBytes) {
 // ---- copying in -------------------------------------------------------------------------------
 
 TEST_F(QvolDisk, HolesAndZerosOfACopiedFileAreHoles) {
-    const std::string source = scratch_.sparse_file("sparse", 40 * GIB);
+    const std::string source = scratch_.sparse_file("sparse", 5 * GIB);
     std::fstream file(source, std::ios::in | std::ios::out | std::ios::binary);
-    const std::uint64_t data[] = {0, 20 * GIB + 12288, 40 * GIB - 5};
+    const std::uint64_t data[] = {0, 2 * GIB + 12288, 5 * GIB - 5};
     for (const std::uint64_t at : data) {
         file.seekp(static_cast<std::streamoff>(at)).write("bytes", 5);
     }
-    file.seekp(static_cast<std::streamoff>(30 * GIB));
+    file.seekp(static_cast<std::streamoff>(4 * GIB));
     file << std::string(2 * MIB, '\0');
     file.close();
     make("--part raw=sparse --part size=1M");
