@@ -741,12 +741,14 @@ TEST_F(QvolDisk, AFullHostLeavesNothing) {
         GTEST_SKIP() << "mounting takes root";
     }
     const outcome result = shell_with_private_mounts(
-        "cd \"$1\" && mount -t tmpfs none made || exit 1\n"
+        "cd \"$1\"\n"
         "pages=0; status=1\n"
         "while [ $status -ne 0 ] && [ $pages -lt 200 ]; do\n"
-        "  pages=$((pages + 1)); mount -o remount,size=$((pages * 4))k made\n"
+        "  pages=$((pages + 1))\n"
+        "  mount -t tmpfs -o size=$((pages * 4))k none made || exit 1\n"
         "  \"$2\" disk -q made/disk.img --part from=boot --part size=1M 2>>errors; status=$?\n"
         "  [ $status -eq 0 ] || [ -z \"$(ls -A made)\" ] || echo \"$pages: $(ls -A made)\"\n"
+        "  umount made\n"
         "done\n"
         "echo $status; sort errors | uniq -c | sed 's/.qvol-[0-9]*/NEW/' >&2; [ $pages -gt 15 ]",
         {scratch_.file(""), qvol_path()});
