@@ -50,7 +50,8 @@ private:
         [[nodiscard]] int failure() const { // errno; 0: none
             return failure_;
         }
-        [[nodiscard]] int append(std::span<const core::u8> bytes) const; // durably; a negative errno
+        [[nodiscard]] int
+        append(std::span<const core::u8> bytes) const; // durably; a negative errno
 
     private:
         core::medium &below_;

@@ -84,6 +84,9 @@ const std::map<std::string, std::string> PREPARATIONS = {
      "qvol rm flash.img /boot/kernel.bin /boot/logo.bmp"},
     {"qvol put flash.img photos /", "qvol rm -r flash.img /photos"},
     {"qvol put flash.img rootfs/. /", "qvol rm -r flash.img /boot /etc /photos"},
+    {"qvol undo flash.img before.undo",
+     "printf '\\001' | dd of=flash.img bs=1 seek=37 conv=notrunc && " // the dirty flag
+     "qvol check flash.img --repair --undo before.undo"},
 };
 
 // A line is a command where it begins so.

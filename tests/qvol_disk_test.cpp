@@ -663,7 +663,7 @@ constexpr refusal REFUSALS[] = {
     {"--part raw=no", 1, "part 1: cannot open no: No such file or directory"},
     {"--part raw=tree", 1, "part 1: cannot open tree: neither an image file nor a block device"},
     {"--part 'raw=tree/empty file'", 1, "part 1: cannot open tree/empty file: it is empty"},
-    {"--part 'raw=loader#1'", 1, "part 1: cannot open loader#1: no table of partitions found"},
+    {"--part 'raw=loader#1'", 1, "part 1: cannot open loader#1: no partitions found"},
 };
 
 } // namespace
