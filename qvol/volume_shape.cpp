@@ -167,8 +167,8 @@ u64 min_sectors(const shape_request &exact, u64 clusters) {
     constexpr u64 BITS_PER_BYTE = 8;
     const u64 fat_bytes =
         units_of((clusters + core::FIRST_DATA_CLUSTER) * exact.fat_type, BITS_PER_BYTE);
-    const u64 root_bytes = exact.fat_type == 32 ? 0 : u64{exact.root_entries} * core::DENTRY_SIZE;
-    return 1 + units_of(root_bytes, exact.sector_bytes) +
+    const u64 root_entries = exact.fat_type != 32 ? exact.root_entries : 0;
+    return 1 + units_of(root_entries * core::DENTRY_SIZE, exact.sector_bytes) +
            FAT_COPIES * units_of(fat_bytes, exact.sector_bytes) +
            clusters * (exact.cluster_bytes / exact.sector_bytes);
 }
