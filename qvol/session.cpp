@@ -200,15 +200,10 @@ backup_boot_sector::backup_boot_sector(target *where)
     : backup_boot_sector(where, required_backup(*where)) {}
 
 backup_boot_sector::backup_boot_sector(target *where, const std::vector<u8> &backup)
-    : where_(*where), own_(where->medium()), medium_(own_, static_cast<u32>(backup.size())) {
+    : medium_(where->medium(), static_cast<u32>(backup.size())), replaced_(where, &medium_) {
     if (medium_.write(0, backup) != static_cast<core::s64>(backup.size())) {
-        throw system_failure("read " + shown_bytes(where_.path()), ENOMEM);
+        throw system_failure("read " + shown_bytes(where->path()), ENOMEM);
     }
-    where_.replace_medium(&medium_);
-}
-
-backup_boot_sector::~backup_boot_sector() {
-    where_.replace_medium(&own_);
 }
 
 std::string lost_boot_sector(const target &where) {

@@ -22,16 +22,12 @@ class backup_boot_sector {
 public:
     // Throws error if the target, which is not writable, has no backup of a boot sector.
     explicit backup_boot_sector(target *where);
-    ~backup_boot_sector();
-    backup_boot_sector(const backup_boot_sector &) = delete;
-    backup_boot_sector &operator=(const backup_boot_sector &) = delete;
 
 private:
     backup_boot_sector(target *where, const std::vector<u8> &backup);
 
-    target &where_;
-    core::medium &own_;
     core::overlay_medium medium_; // holds the backup as sector 0
+    replaced_medium replaced_;
 };
 
 // Why the boot sector of a FAT32 volume describes none although its backup does; "": the volume

@@ -132,6 +132,23 @@ private:
     core::medium *medium_ = &own_medium_;
 };
 
+// Another medium in place of that of a target, while it lives.
+class replaced_medium {
+public:
+    replaced_medium(target *where, core::medium *other) : where_(*where), own_(where->medium()) {
+        where_.replace_medium(other);
+    }
+    ~replaced_medium() {
+        where_.replace_medium(&own_);
+    }
+    replaced_medium(const replaced_medium &) = delete;
+    replaced_medium &operator=(const replaced_medium &) = delete;
+
+private:
+    target &where_;
+    core::medium &own_;
+};
+
 // Throws error if the file to replace is locked by another program, mounted, or not a regular file.
 void check_replaceable(const std::string &path);
 

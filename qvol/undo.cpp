@@ -102,21 +102,19 @@ int make_file(const std::string &path) {
 } // namespace
 
 undo_recorder::undo_recorder(target *where, const std::string &path)
-    : where_(*where), own_(where->medium()), path_(path), file_(make_file(path)),
-      medium_(own_, file_.get()) {
+    : path_(path), file_(make_file(path)), medium_(where->medium(), file_.get()),
+      replaced_(where, &medium_) {
     std::vector<u8> header(MAGIC.begin(), MAGIC.end());
     header.resize(HEADER_BYTES);
-    store64(&header[MAGIC_BYTES], where_.size());
+    store64(&header[MAGIC_BYTES], where->size());
     const int failed = medium_.append(header);
     if (failed < 0) {
         throw system_failure("write the undo file " + shown_bytes(path_), -failed);
     }
     sync_directory(split_host_path(path_).directory);
-    where_.replace_medium(&medium_);
 }
 
 undo_recorder::~undo_recorder() {
-    where_.replace_medium(&own_);
     if (!has_records()) {
         unlink(path_.c_str());
     }

@@ -60,11 +60,10 @@ private:
         int failure_ = 0;
     };
 
-    target &where_;
-    core::medium &own_;
     std::string path_;
     core::unique_fd file_;
     recording_medium medium_;
+    replaced_medium replaced_;
 };
 
 struct undo_totals {

@@ -120,19 +120,12 @@ private:
     }
 
     verdict judge(const std::vector<run> &runs) {
-        core::medium &own = where_.medium();
-        core::overlay_medium tried(own, core::MIN_SECTOR_SIZE);
-        where_.replace_medium(&tried);
-        try {
-            volume vol(where_, encoding_, required::AREAS);
-            replace_fat_sectors(vol.on(), {runs, 0, 0});
-            const check_result result = check_volume(vol);
-            where_.replace_medium(&own);
-            return {result.broken_chains, result.used_clusters};
-        } catch (...) {
-            where_.replace_medium(&own);
-            throw;
-        }
+        core::overlay_medium tried(where_.medium(), core::MIN_SECTOR_SIZE);
+        const replaced_medium replaced(&where_, &tried);
+        volume vol(where_, encoding_, required::AREAS);
+        replace_fat_sectors(vol.on(), {runs, 0, 0});
+        const check_result result = check_volume(vol);
+        return {result.broken_chains, result.used_clusters};
     }
 
     target &where_;

@@ -4,7 +4,7 @@
 
 #include "core/geometry.h"
 #include "core/overlay.h"
-#include "qvol/check/fat_evidence.h"
+#include "qvol/check/recovery.h"
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
 #include "qvol/output.h"
@@ -95,86 +95,6 @@ void print_result(const common_options &common, const check_result &result,
     }
 }
 
-// Holds every change of a dry run in memory.
-class trial {
-public:
-    explicit trial(target *where)
-        : where_(*where), own_(where->medium()), medium_(own_, core::MIN_SECTOR_SIZE) {
-        where_.replace_medium(&medium_);
-    }
-    ~trial() {
-        where_.replace_medium(&own_);
-    }
-    trial(const trial &) = delete;
-    trial &operator=(const trial &) = delete;
-
-private:
-    target &where_;
-    core::medium &own_;
-    core::overlay_medium medium_;
-};
-
-reported_finding finding_about(const finding_kind &kind, const std::string &text) {
-    return {kind.name, "", "", 0, text, false, ""};
-}
-
-// What is known from elsewhere on the volume: a repair copies it first, a check uses it from
-// memory.
-class recovery {
-public:
-    recovery(const common_options &common, const check_options &options, target *where)
-        : common_(common), options_(options), where_(*where), own_(where->medium()),
-          held_(own_, core::MIN_SECTOR_SIZE) {
-        if (!options.repairs) {
-            where_.replace_medium(&held_);
-        }
-    }
-    ~recovery() {
-        where_.replace_medium(&own_);
-    }
-    recovery(const recovery &) = delete;
-    recovery &operator=(const recovery &) = delete;
-
-    void recover_boot_sector() {
-        const std::string reason = lost_boot_sector(where_);
-        if (!reason.empty()) {
-            restore_boot_sector(where_);
-            add(found::BOOT_SECTOR, "the boot sector describes no volume: " + reason,
-                "its backup copied over it");
-        }
-    }
-
-    // True if the volume is to be checked again.
-    bool recover_fat() {
-        const std::optional<fat_replacement> better = find_better_fat(&where_, common_.encoding);
-        if (better) {
-            const volume vol(where_, common_.encoding, required::AREAS);
-            replace_fat_sectors(vol.on(), *better);
-            where_.sync();
-            add(found::FAT_DAMAGED, better->text(), "those sectors copied from there");
-        }
-        return better.has_value();
-    }
-
-    [[nodiscard]] const std::vector<reported_finding> &findings() const {
-        return findings_;
-    }
-
-private:
-    void add(const finding_kind &kind, const std::string &text, const char *outcome) {
-        findings_.push_back(finding_about(kind, text));
-        findings_.back().is_repaired = options_.repairs;
-        findings_.back().outcome = options_.repairs ? outcome : "";
-    }
-
-    const common_options &common_;
-    const check_options &options_;
-    target &where_;
-    core::medium &own_;
-    core::overlay_medium held_;
-    std::vector<reported_finding> findings_;
-};
-
 check_result check_once(const common_options &common, const check_options &options,
                         const target &where, bool is_fat_believed) {
     volume vol(where, common.encoding, required::AREAS);
@@ -186,7 +106,7 @@ check_result check_or_repair(const common_options &common, const check_options &
                              target *where) {
     const auto backup =
         common.uses_backup_boot ? std::make_unique<backup_boot_sector>(where) : nullptr;
-    recovery recovered(common, options, where);
+    recovery recovered(where, common.encoding, options.repairs);
     recovered.recover_boot_sector();
     check_result result = check_once(common, options, *where, false);
     if (result.is_fat_in_doubt() && (recovered.recover_fat() || options.repairs)) {
@@ -220,9 +140,10 @@ int run_check(const common_options &common, const check_options &options) {
         common.refuse_backup_boot();
     }
     target where(common.image, options.writes() ? access::WRITE : access::READ);
-    std::optional<trial> held;
+    core::overlay_medium tried(where.medium(), core::MIN_SECTOR_SIZE);
+    std::optional<replaced_medium> dry_run;
     if (options.is_dry_run) {
-        held.emplace(&where);
+        dry_run.emplace(&where, &tried);
     }
     const check_result result = options.undo.empty() ? check_or_repair(common, options, &where)
                                                      : repair_with_undo(common, options, &where);
