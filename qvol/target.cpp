@@ -267,8 +267,11 @@ const std::string &target::file_path() const {
 }
 
 u64 target::present_bytes() const {
-    const u64 behind = file_->size - std::min(file_->size, offset_);
-    return is_part() ? std::min(size_, behind) : size_;
+    if (is_device()) {
+        return size_;
+    }
+    const u64 now = static_cast<u64>(status_of(descriptor(), name_).st_size);
+    return is_part() ? std::min(size_, now - std::min(now, offset_)) : now;
 }
 
 bool target::is_device() const {

@@ -63,7 +63,8 @@ public:
     // Bytes from the start of the disk: a device can be a partition of one.
     [[nodiscard]] u64 offset_on_disk() const;
 
-    // The bytes that exist: a partition can end past a truncated image.
+    // The bytes that exist now: a partition can end past a truncated image, and writes extend an
+    // image that was cut to its content.
     [[nodiscard]] u64 present_bytes() const;
 
     [[nodiscard]] bool is_part() const {

@@ -70,15 +70,17 @@ void append_record(const record &one, std::vector<u8> *to) {
     to->insert(to->end(), one.before.begin(), one.before.end());
 }
 
-// Records for the parts that a write changes. `before` is shorter than `after` if the write extends
-// the medium, which it must not.
-std::vector<u8> records_of(u64 offset, std::span<const u8> before, std::span<const u8> after) {
+// Records for the parts that a write changes. The first `present` bytes before it are on the
+// medium; parts that extend it are recorded whatever they contain.
+std::vector<u8> records_of(u64 offset, std::span<const u8> before, u64 present,
+                           std::span<const u8> after) {
     std::vector<u8> records;
     for (std::size_t at = 0; at < after.size(); at += UNIT_BYTES) {
         const std::size_t size = std::min(UNIT_BYTES, after.size() - at);
         const std::span<const u8> old_part = before.subspan(at, size);
         const std::span<const u8> new_part = after.subspan(at, size);
-        if (!std::equal(old_part.begin(), old_part.end(), new_part.begin())) {
+        if (at + size > present ||
+            !std::equal(old_part.begin(), old_part.end(), new_part.begin())) {
             append_record({offset + at, hash_of(old_part), hash_of(new_part), old_part}, &records);
         }
     }
@@ -145,10 +147,10 @@ s64 undo_recorder::recording_medium::read(u64 offset, std::span<u8> bytes) {
 s64 undo_recorder::recording_medium::write(u64 offset, std::span<const u8> bytes) {
     std::vector<u8> before(bytes.size());
     const s64 count = below_.read(offset, before);
-    if (count != static_cast<s64>(before.size())) {
-        return count < 0 ? count : -EIO;
+    if (count < 0) {
+        return count;
     }
-    const std::vector<u8> records = records_of(offset, before, bytes);
+    const std::vector<u8> records = records_of(offset, before, static_cast<u64>(count), bytes);
     const int failed = records.empty() ? 0 : append(records);
     if (failed < 0) {
         failure_ = -failed;
@@ -196,16 +198,18 @@ std::vector<record> parse_records(std::span<const u8> content) {
     return records;
 }
 
-void check_header(const target &where, const std::string &path, std::span<const u8> content) {
+// Returns the length of the medium before the changes.
+u64 check_header(const target &where, const std::string &path, std::span<const u8> content) {
     const std::string cannot = "cannot undo with " + shown_bytes(path) + ": ";
     if (content.size() < HEADER_BYTES || !std::equal(MAGIC.begin(), MAGIC.end(), content.begin())) {
         throw error(cannot + "it is no undo file");
     }
     const u64 size = load64(&content[MAGIC_BYTES]);
-    if (size != where.size()) {
+    if (size > where.size() || (size != where.size() && where.has_fixed_size())) {
         throw error(fmt::format("{}it belongs to a volume of {} bytes, {} has {}", cannot, size,
                                 shown_bytes(where.path()), where.size()));
     }
+    return size;
 }
 
 // What a part of the medium contained before the first change, and the hashes of what it may
@@ -238,24 +242,34 @@ bool restore(u64 offset, const original &part, core::overlay_medium *medium) {
 
 } // namespace
 
-undo_totals undo_changes(const target &where, const std::string &path) {
+undo_totals undo_changes(target *where, const std::string &path) {
     const std::vector<u8> content = read_undo_file(path);
-    check_header(where, path, content);
+    const u64 size = check_header(*where, path, content);
     const std::vector<record> records = parse_records(std::span(content).subspan(HEADER_BYTES));
-    core::overlay_medium restored(where.medium(), UNIT_BYTES);
-    for (const auto &[offset, part] : originals_of(records)) {
-        if (!restore(offset, part, &restored)) {
+    const std::map<u64, original> originals = originals_of(records);
+    const u64 end = originals.empty() ? size : originals.rbegin()->first + UNIT_BYTES;
+    if (where->size() > std::max(size, end)) {
+        throw error(fmt::format("cannot undo with {}: {} has grown since; nothing was written",
+                                shown_bytes(path), shown_bytes(where->path())));
+    }
+    core::overlay_medium restored(where->medium(), UNIT_BYTES);
+    for (const auto &[offset, part] : originals) {
+        const bool was_not_written = offset >= where->size(); // the repair was interrupted
+        if (!was_not_written && !restore(offset, part, &restored)) {
             throw error(fmt::format("cannot undo with {}: {} has been changed since, at byte {}; "
                                     "nothing was written",
-                                    shown_bytes(path), shown_bytes(where.path()), offset));
+                                    shown_bytes(path), shown_bytes(where->path()), offset));
         }
     }
     const undo_totals totals = {restored.held_bytes() / UNIT_BYTES, restored.held_bytes()};
     const int failed = restored.commit();
     if (failed < 0) {
-        throw system_failure("write to " + shown_bytes(where.path()), -failed);
+        throw system_failure("write to " + shown_bytes(where->path()), -failed);
     }
-    where.sync();
+    if (where->size() > size) {
+        where->resize(size);
+    }
+    where->sync();
     return totals;
 }
 

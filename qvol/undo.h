@@ -71,8 +71,9 @@ struct undo_totals {
     u64 bytes;
 };
 
-// Writes back what the file contains. Throws error, with nothing written, if the file is damaged or
-// of another medium, or if a sector has been changed since.
-undo_totals undo_changes(const target &where, const std::string &path);
+// Writes back what the file contains, and cuts an image that the repair has extended. Throws error,
+// with nothing written, if the file is damaged or of another medium, or if a sector has been
+// changed since.
+undo_totals undo_changes(target *where, const std::string &path);
 
 } // namespace qvol

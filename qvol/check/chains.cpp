@@ -173,7 +173,7 @@ bool cluster_owners::has_chain(u32 node, u32 start) const {
 bool is_in_image(const survey &checked, u32 cluster) {
     const core::volume &on = checked.on();
     return (u64{on.sector_of(cluster)} + on.at.sectors_per_cluster) * on.at.sector_size <=
-           checked.vol.where().present_bytes();
+           checked.image_bytes;
 }
 
 namespace {

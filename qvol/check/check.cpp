@@ -100,6 +100,7 @@ public:
             are_areas_in_doubt_ |= one.kind->scope == damage::AREAS;
             has_broken_chains_ |= one.repair == nullptr && one.kind->scope == damage::CHAINS;
             has_slots_past_root_ |= one.kind == &found::PAST_END && one.node == ROOT_NODE;
+            do_copies_differ_ |= one.kind == &found::FAT_COPIES;
         }
         leaves_findings_ = std::any_of(
             checked.findings.begin(), checked.findings.end(),
@@ -113,8 +114,8 @@ public:
         if (one.kind == &found::DIRTY) {
             return !leaves_findings_;
         }
-        if (one.kind == &found::LOST && !frees_lost_ && has_slots_past_root_) {
-            return false; // the entry of the FOUND directory could overwrite them
+        if (one.kind == &found::LOST && !frees_lost_ && may_lose_evidence()) {
+            return false;
         }
         return !has_broken_chains_ || !changes_chains(*one.kind);
     }
@@ -136,6 +137,12 @@ private:
                (&kind == &found::LOST && frees_lost_) || &kind == &found::FAT_COPIES;
     }
 
+    // The entry of the FOUND directory could overwrite slots past the end of the root, and its
+    // cluster the sector of another FAT copy that has what a broken chain lacks.
+    [[nodiscard]] bool may_lose_evidence() const {
+        return has_slots_past_root_ || (has_broken_chains_ && do_copies_differ_);
+    }
+
     [[nodiscard]] bool is_doubtful(const finding &one) const {
         return one.node != NO_NODE && doubtful_[one.node];
     }
@@ -145,6 +152,7 @@ private:
     bool are_areas_in_doubt_ = false;
     bool has_broken_chains_ = false;
     bool has_slots_past_root_ = false;
+    bool do_copies_differ_ = false;
     bool leaves_findings_ = false;
 };
 

@@ -1,8 +1,9 @@
 // Which copy of the FAT to believe where they differ.
 //
 // The first copy is the one that some drivers write alone, so it counts unless its chains are
-// broken. Then sectors of another copy replace its own if fewer chains are broken with
-// them: a chain is evidence, it has to agree with the directory entry that it belongs to.
+// broken. Then sectors of another copy replace its own if fewer chains are broken with them and
+// everything is still found: a chain is evidence, it has to agree with the directory entry that it
+// belongs to.
 
 #pragma once
 

@@ -33,9 +33,18 @@ bool is_dot_slot(const u8 *slot, const char *name) {
            (core::load(slot, core::SHORT_ATTR) & core::ATTR_DIRECTORY) != 0;
 }
 
+// The first sector of the chain; zeros if it cannot be read, for example past the end of an image.
+std::vector<u8> first_sector(const core::volume &on, u32 head) {
+    try {
+        return read_extent(on, on.sector_of(head), 1);
+    } catch (const error &) {
+        return std::vector<u8>(on.at.sector_size);
+    }
+}
+
 // The first cluster of its parent, if the chain begins with the dot entries of a directory.
 std::optional<u32> parent_of(const core::volume &on, u32 head) {
-    const std::vector<u8> sector = read_extent(on, on.sector_of(head), 1);
+    const std::vector<u8> sector = first_sector(on, head);
     const u8 *parent = sector.data() + core::DENTRY_SIZE;
     const bool is_directory = is_dot_slot(sector.data(), ".          ") &&
                               is_dot_slot(parent, "..         ") &&
@@ -75,9 +84,15 @@ public:
         root_.add({next_found_name(root_), kind::DIRECTORY, found_.start(), 0, now_});
     }
 
+    // As a file if it cannot be read as a whole.
     void add_directory(const lost_chain &chain) {
         end_chain(chain.head, chain.count);
-        kept_.emplace_back(vol_.fat(), chain.head);
+        try {
+            kept_.emplace_back(vol_.fat(), chain.head);
+        } catch (const error &) {
+            add_files(chain);
+            return;
+        }
         kept_.back().set_parent(found_.parent_link());
         add(fmt::format("DIR{:05}", ++directories_), kind::DIRECTORY, chain.head, 0);
     }

@@ -89,9 +89,11 @@ struct tree_node {
 
 struct survey {
     explicit survey(volume &checked)
-        : vol(checked), table(checked.fat()), nodes(1), owners(checked.fat()) {}
+        : vol(checked), image_bytes(checked.where().present_bytes()), table(checked.fat()),
+          nodes(1), owners(checked.fat()) {}
 
     volume &vol;
+    u64 image_bytes; // of the volume that exist
     fat_table &table;
     std::vector<tree_node> nodes;
     cluster_owners owners;

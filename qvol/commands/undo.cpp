@@ -17,8 +17,8 @@ struct undo_options {
 
 int run_undo(const common_options &common, const undo_options &options) {
     common.refuse_backup_boot();
-    const target where(common.image, access::WRITE);
-    const undo_totals totals = undo_changes(where, options.file);
+    target where(common.image, access::WRITE);
+    const undo_totals totals = undo_changes(&where, options.file);
     common.out.remark(fmt::format("{}: {} changed back", shown_bytes(common.image),
                                   counted(totals.sectors, "sector", "sectors")));
     if (common.out.is_json) {
