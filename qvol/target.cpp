@@ -192,6 +192,11 @@ place parse_place(const std::string &text) {
     return part.value_or(place{text, 0, std::nullopt, std::nullopt});
 }
 
+bool is_block_device(const std::string &path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 && S_ISBLK(status.st_mode);
+}
+
 // ---- target -----------------------------------------------------------------------------------
 
 struct target::open_file {

@@ -36,6 +36,9 @@ struct place {
 // not begin with the name of a file. Throws usage_error if a number is invalid.
 [[nodiscard]] place parse_place(const std::string &text);
 
+// Whether the path is that of a block device.
+[[nodiscard]] bool is_block_device(const std::string &path);
+
 class target {
 public:
     // Opens and locks the file: exclusively for writing, shared for reading. Throws error, also if

@@ -14,7 +14,6 @@
 #include <limits>
 
 #include <fmt/core.h>
-#include <sys/stat.h>
 
 namespace qvol {
 
@@ -210,9 +209,7 @@ build_result build_in_place(const common_options &common, const build_options &o
 
 // A device, or a part of an image file or device that exists.
 bool is_place(const std::string &name) {
-    struct stat status {};
-    return parse_place(name).is_part() ||
-           (stat(name.c_str(), &status) == 0 && S_ISBLK(status.st_mode));
+    return parse_place(name).is_part() || is_block_device(name);
 }
 
 int run_build(const common_options &common, const build_options &given) {

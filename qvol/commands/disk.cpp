@@ -22,7 +22,6 @@
 #include <set>
 
 #include <fmt/core.h>
-#include <sys/stat.h>
 
 namespace qvol {
 
@@ -455,11 +454,6 @@ void remark_on_volumes(const common_options &common, const disk_plan &plan) {
 
 // ---- the command ------------------------------------------------------------------------------
 
-bool is_device(const std::string &path) {
-    struct stat status {};
-    return stat(path.c_str(), &status) == 0 && S_ISBLK(status.st_mode);
-}
-
 u32 parse_sector(const disk_options &options, u32 usual) {
     return options.sector.empty() ? usual
                                   : static_cast<u32>(parse_size("--sector", options.sector));
@@ -502,7 +496,8 @@ int run_disk(const common_options &common, const disk_options &options) {
         throw usage_error("cannot make a disk in " + shown_bytes(common.image) +
                           ", which is a part of one");
     }
-    return is_device(common.image) ? run_on_device(common, options) : run_on_image(common, options);
+    return is_block_device(common.image) ? run_on_device(common, options)
+                                         : run_on_image(common, options);
 }
 
 } // namespace
