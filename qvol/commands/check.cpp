@@ -95,26 +95,12 @@ void print_result(const common_options &common, const check_result &result,
     }
 }
 
-check_result check_once(const common_options &common, const check_options &options,
-                        const target &where, bool is_fat_believed) {
-    volume vol(where, common.encoding, required::AREAS);
-    return options.repairs ? repair_volume(vol, {options.frees_lost, is_fat_believed})
-                           : check_volume(vol);
-}
-
 check_result check_or_repair(const common_options &common, const check_options &options,
                              target *where) {
     const auto backup =
         common.uses_backup_boot ? std::make_unique<backup_boot_sector>(where) : nullptr;
-    recovery recovered(where, common.encoding, options.repairs);
-    recovered.recover_boot_sector();
-    check_result result = check_once(common, options, *where, false);
-    if (result.is_fat_in_doubt() && (recovered.recover_fat() || options.repairs)) {
-        result = check_once(common, options, *where, true);
-    }
-    result.findings.insert(result.findings.begin(), recovered.findings().begin(),
-                           recovered.findings().end());
-    return result;
+    return options.repairs ? repair_target(where, common.encoding, options.frees_lost)
+                           : check_target(where, common.encoding);
 }
 
 check_result repair_with_undo(const common_options &common, const check_options &options,
