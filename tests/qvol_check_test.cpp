@@ -29,6 +29,7 @@ std::string at(std::uint32_t cluster) {
 }
 
 const std::string CUT = "repaired: chain cut to the file size";
+const std::string CUT_AND_STORED = CUT + ", the rest stored in a FOUND directory";
 const std::string UNKNOWN_DATA = "not repaired: the missing data is unknown";
 const std::string BROKEN_CHAIN = "not repaired: a broken chain may continue there";
 const std::string CORRECTED = "repaired: corrected";
@@ -290,9 +291,12 @@ TEST_P(QvolCheck, DoesNotTakeACopyThatHidesFiles) {
     }
     poke(fat_offset(0, 1), std::string(std::size_t{layout_.fat_size} * 512, '\0'));
     const std::string fat = peek(fat_offset(0), std::size_t{layout_.fat_size} * 512);
-    EXPECT_EQ(qvol("check", {"-q", "--repair"}).status, 1);
+    EXPECT_EQ(qvol("check", {"-q", "--repair=safe"}).status, 1);
     EXPECT_EQ(peek(fat_offset(0), fat.size()), fat);
-    EXPECT_EQ(said("cat", {"/DIR/three"}), std::string(1500, 'h'));
+    EXPECT_EQ(qvol("check", {"-q", "--repair"}).status, 0);
+    for (const char *name : {"one", "two", "three"}) {
+        EXPECT_EQ(said("cat", {std::string("/DIR/") + name}), std::string(1500, name[1]));
+    }
 }
 
 // Neither copy explains more than the other one.
@@ -340,15 +344,19 @@ TEST_P(QvolCheck, TellsAChainThatMeetsAFreeCluster) {
     set_link(start + 1, FREE_CLUSTER);
     give_back(start + 2);
     expect_judge_finds_something();
-    expect_left(
-        {{"/A.TXT" + at(FREE_CLUSTER) + "marked free, but part of the chain", UNKNOWN_DATA}});
+    expect_mended_by_default(
+        {{"/A.TXT" + at(FREE_CLUSTER) + "marked free, but part of the chain", UNKNOWN_DATA}},
+        {"cut after 2 clusters"});
+    EXPECT_EQ(said("cat", {"/A.TXT"}), std::string(1024, 'a'));
 }
 
 TEST_P(QvolCheck, TellsAChainThatMeetsABadCluster) {
     const std::uint32_t start = start_of("/A.TXT");
     set_link(start + 2, bad_mark());
     expect_judge_finds_something();
-    expect_left({{"/A.TXT" + at(start + 2) + "marked bad, but part of the chain", UNKNOWN_DATA}});
+    expect_mended_by_default(
+        {{"/A.TXT" + at(start + 2) + "marked bad, but part of the chain", UNKNOWN_DATA}},
+        {"cut after 2 clusters"});
 }
 
 TEST_P(QvolCheck, TellsAChainThatLeavesTheVolume) {
@@ -358,10 +366,13 @@ TEST_P(QvolCheck, TellsAChainThatLeavesTheVolume) {
     set_link(start + 2, end_mark());
     const std::string value = is_fat32() ? "0xabcdef0" : is_fat12() ? "0xfcd" : "0xabcd";
     expect_judge_finds_something();
-    expect_left(
+    expect_mended_by_default(
         {{"/A.TXT" + at(start + 1) + "links to " + value + ", which does not exist", UNKNOWN_DATA},
          {"cluster " + number(start + 2) + ": lost cluster: allocated, referenced by no entry",
-          BROKEN_CHAIN}});
+          BROKEN_CHAIN}},
+        {"completed with the lost chain at cluster " + number(start + 2),
+         "fixed by another repair"});
+    expect_contents();
 }
 
 TEST_P(QvolCheck, TellsACircle) {
@@ -369,9 +380,10 @@ TEST_P(QvolCheck, TellsACircle) {
     set_link(start + 1, start);
     give_back(start + 2);
     expect_judge_finds_something();
-    expect_left({{"/A.TXT" + at(start + 1) + "links back to cluster " + number(start) +
-                      " of the same chain",
-                  UNKNOWN_DATA}});
+    expect_mended_by_default({{"/A.TXT" + at(start + 1) + "links back to cluster " + number(start) +
+                                   " of the same chain",
+                               UNKNOWN_DATA}},
+                             {"cut after 2 clusters"});
 }
 
 TEST_P(QvolCheck, EndsACircleBehindTheWholeFile) {
@@ -392,7 +404,8 @@ TEST_P(QvolCheck, TellsAStartThatIsNoCluster) {
     expect_judge_finds_something();
     expect_left({{"/B.TXT: first cluster is 0x1, which does not exist", UNKNOWN_DATA}});
     poke(entry + 26, little_endian(0, 2));
-    expect_left({{"/B.TXT: the file of 1000 bytes has no cluster", UNKNOWN_DATA}});
+    expect_mended_by_default({{"/B.TXT: the file of 1000 bytes has no cluster", UNKNOWN_DATA}},
+                             {"no cluster is left: size set to 0"});
 }
 
 TEST_P(QvolCheck, TellsFilesThatShareClusters) {
@@ -401,10 +414,68 @@ TEST_P(QvolCheck, TellsFilesThatShareClusters) {
     const std::uint32_t b = start_of("/B.TXT");
     set_link(b, a + 1);
     expect_judge_finds_something();
-    expect_left({{"/B.TXT" + at(a + 1) + "also belongs to /A.TXT",
-                  "not repaired: it is unknown which entry owns the clusters"},
-                 {"cluster " + number(b + 1) + ": lost cluster: allocated, referenced by no entry",
-                  BROKEN_CHAIN}});
+    expect_mended_by_default(
+        {{"/B.TXT" + at(a + 1) + "also belongs to /A.TXT",
+          "not repaired: it is unknown which entry owns the clusters"},
+         {"cluster " + number(b + 1) + ": lost cluster: allocated, referenced by no entry",
+          BROKEN_CHAIN}},
+        {"completed with the lost chain at cluster " + number(b + 1), "fixed by another repair"});
+    expect_contents();
+}
+
+TEST_P(QvolCheck, CopiesSharedClusters) {
+    const std::uint32_t a = start_of("/A.TXT");
+    const std::uint32_t b = start_of("/B.TXT");
+    set_link(b, a + 1);
+    give_back(b + 1);
+    const bytes damaged = read_file(image_);
+    expect_mended_by_default({{"/B.TXT" + at(a + 1) + "also belongs to /A.TXT",
+                               "not repaired: it is unknown which entry owns the clusters"}},
+                             {"1 cluster copied"});
+    contents_["/B.TXT"] = std::string(512, 'b') + std::string(488, 'a');
+    expect_contents();
+    (void)scratch_.file_with("disk.img", damaged);
+    const std::uint64_t free = json::parse(said("info", {"--json"}))["free_clusters"];
+    said("put", {host_file("filling", std::string(free * 512, 'x')), "/"});
+    expect_repair({{"/B.TXT" + at(a + 1) + "also belongs to /A.TXT",
+                    "not repaired: no space for a copy of the shared clusters"}},
+                  1);
+    expect_contents();
+}
+
+// The link into the other file is the wrong one, although that file is complete.
+TEST_P(QvolCheck, FindsTheWrongOneOfTwoLinksToACluster) {
+    const std::uint32_t a = start_of("/A.TXT");
+    const std::uint32_t b = start_of("/B.TXT");
+    set_link(a + 1, b + 1);
+    const std::string longer = at(b + 1) + "also belongs to ";
+    expect_mended_by_default(
+        {{"/B.TXT" + longer + "/A.TXT",
+          "not repaired: it is unknown which entry owns the clusters"},
+         {"cluster " + number(a + 2) + ": lost cluster: allocated, referenced by no entry",
+          BROKEN_CHAIN}},
+        {"/A.TXT continued with the lost chain at cluster " + number(a + 2) + " instead",
+         "fixed by another repair"});
+    expect_contents();
+}
+
+// Each copy has damage of its own in one sector.
+TEST_P(QvolCheck, CompletesChainsFromAnotherCopyEntryByEntry) {
+    const std::uint32_t a = start_of("/A.TXT");
+    const std::uint32_t b = start_of("/B.TXT");
+    set_link_in(0, a, 0);
+    set_link_in(0, a + 1, 0);
+    set_link_in(1, b, 0);
+    change_free_count(1);
+    const outcome repaired = qvol("check", {"--repair", "-q"});
+    EXPECT_EQ(repaired.status, 0) << repaired;
+    EXPECT_NE(repaired.out.find("/A.TXT" + at(a) +
+                                "marked free, but part of the chain; repaired: completed from FAT "
+                                "copy 1\n"),
+              std::string::npos)
+        << repaired;
+    expect_healthy();
+    expect_contents();
 }
 
 // What one file has too much takes nothing from another, whatever their order.
@@ -423,7 +494,8 @@ TEST_P(QvolCheck, CutsAChainThatIsTooLong) {
     expect_judge_finds_something();
     expect_mended(
         {{"/B.TXT" + at(FREE_CLUSTER) + "the chain has 4 clusters, should have 2 for 1000 bytes",
-          CUT}});
+          CUT_AND_STORED}});
+    EXPECT_EQ(said("cat", {"/FOUND.000/FILE00001.CHK"}).size(), 1024U);
 }
 
 TEST_P(QvolCheck, CutsAChainThatIsBrokenBehindTheWholeFile) {
@@ -440,16 +512,17 @@ TEST_P(QvolCheck, TakesTheChainOfAnEmptyFile) {
     change_free_count(-1);
     expect_mended(
         {{"/DIR/EMPTY" + at(FREE_CLUSTER) + "the chain has 1 cluster, should have 0 for 0 bytes",
-          CUT}});
+          CUT_AND_STORED}});
     EXPECT_EQ(start_of("/DIR/EMPTY"), 0U);
 }
 
 TEST_P(QvolCheck, TellsAChainThatIsTooShort) {
     set_size("/B.TXT", 5000);
     expect_judge_finds_something();
-    expect_left({{"/B.TXT" + at(start_of("/B.TXT")) +
-                      "the chain has 2 clusters, should have 10 for 5000 bytes",
-                  UNKNOWN_DATA}});
+    expect_mended_by_default({{"/B.TXT" + at(start_of("/B.TXT")) +
+                                   "the chain has 2 clusters, should have 10 for 5000 bytes",
+                               UNKNOWN_DATA}},
+                             {"cut after 2 clusters"});
 }
 
 TEST_P(QvolCheck, TellsClustersBehindTheEndOfTheImage) {
@@ -822,7 +895,10 @@ TEST_P(QvolCheck, TellsADirectoryWhoseChainIsBroken) {
     const std::uint32_t dir = start_of("/DIR");
     set_link(dir, FREE_CLUSTER);
     expect_judge_finds_something();
-    expect_left({{"/DIR" + at(FREE_CLUSTER) + "marked free, but part of the chain", UNKNOWN_DATA}});
+    expect_mended_by_default(
+        {{"/DIR" + at(FREE_CLUSTER) + "marked free, but part of the chain", UNKNOWN_DATA}},
+        {"cut after 1 cluster"});
+    expect_contents();
 }
 
 // The library does not mount it; the check does.
@@ -878,7 +954,7 @@ TEST_P(QvolCheck, SumsUp) {
     set_link(FREE_CLUSTER, end_mark());
     set_size("/B.TXT", 5000);
     const std::string total = (is_fat32() ? "9 of " : "8 of ") + number(total_clusters());
-    const outcome result = qvol("check", {"--repair", "--free-lost"});
+    const outcome result = qvol("check", {"--repair=safe", "--free-lost"});
     const std::string last = "1 directory, 4 files, " + total +
                              " clusters: " + (is_fat32() ? "3 findings, 1" : "2 findings, 0") +
                              " repaired, 2 not repaired\n";

@@ -73,8 +73,10 @@ std::string length_text(u32 count, u32 wanted, u32 file_size) {
 void check_length(survey *checked, u32 node, const claimed_chain &chain) {
     const u32 wanted = clusters_for(checked->on(), checked->nodes[node].dentry.size());
     if (chain.end == chain_end::MARK && chain.count < wanted) {
-        checked->add({&found::CHAIN_SHORT, node, checked->nodes[node].dentry.start(),
-                      length_text(chain.count, wanted, checked->nodes[node].dentry.size()), ""});
+        add_incomplete(checked,
+                       {&found::CHAIN_SHORT, node, checked->nodes[node].dentry.start(),
+                        length_text(chain.count, wanted, checked->nodes[node].dentry.size()), ""},
+                       chain, wanted - chain.count);
     }
 }
 
@@ -85,8 +87,10 @@ void check_needed(survey *checked, u32 node, std::vector<file_tail> *tails) {
     const u32 wanted = clusters_for(checked->on(), file.size());
     if (file.start() == 0) {
         if (wanted != 0) {
-            checked->add({&found::CHAIN_MISSING, node, 0,
-                          fmt::format("the file of {} bytes has no cluster", file.size()), ""});
+            add_incomplete(checked,
+                           {&found::CHAIN_MISSING, node, 0,
+                            fmt::format("the file of {} bytes has no cluster", file.size()), ""},
+                           {}, wanted);
         }
         return;
     }
@@ -96,15 +100,19 @@ void check_needed(survey *checked, u32 node, std::vector<file_tail> *tails) {
     if (chain.end == chain_end::LIMIT) {
         tails->push_back({node, chain});
     }
-    check_whole_chain(checked, node, chain);
+    check_whole_chain(checked, node, chain, wanted);
     check_length(checked, node, chain);
 }
 
-// Ends the chain after the clusters that the file needs, and frees its own clusters after them.
+// Ends the chain after the clusters that the file needs. Its own clusters after them may be what a
+// damaged size conceals: they are lost clusters then.
 std::function<void(repair_plan *)> cut_to_size(const tree_node &file, const claimed_chain &needed,
-                                               const claimed_chain &tail) {
-    return [location = file.location, needed, tail](repair_plan *plan) {
-        plan->release_chain(needed.at, tail.count);
+                                               const claimed_chain &tail, bool frees) {
+    return [location = file.location, needed, tail, frees](repair_plan *plan) {
+        if (tail.count != 0) {
+            frees ? plan->release_chain(needed.at, tail.count)
+                  : plan->keep_chain(needed.at, tail.count);
+        }
         if (needed.count == 0) {
             plan->clear_start(location);
         } else {
@@ -121,8 +129,11 @@ void check_tail(survey *checked, const file_tail &file) {
                                               checked->nodes[file.node].dentry.size()),
                                   ""}
                         : broken_chain(checked, file.node, tail);
-    found.remedy = "chain cut to the file size";
-    found.repair = cut_to_size(checked->nodes[file.node], file.needed, tail);
+    found.remedy = checked->frees_lost || tail.count == 0
+                       ? "chain cut to the file size"
+                       : "chain cut to the file size, the rest stored in a FOUND directory";
+    found.repair = cut_to_size(checked->nodes[file.node], file.needed, tail, checked->frees_lost);
+    found.is_disputable = true;
     checked->add(std::move(found));
 }
 
@@ -243,12 +254,18 @@ finding broken_chain(survey *checked, u32 node, const claimed_chain &chain) {
     }
 }
 
-void check_whole_chain(survey *checked, u32 node, const claimed_chain &chain) {
+void add_incomplete(survey *checked, finding about, const claimed_chain &chain, u32 missing) {
+    checked->incomplete.push_back({checked->findings.size(), about.node, chain, missing});
+    checked->add(std::move(about));
+}
+
+void check_whole_chain(survey *checked, u32 node, const claimed_chain &chain, u32 wanted) {
     if (chain.past_image != 0) {
         checked->add({&found::PAST_IMAGE, node, chain.past_image, "past the end of the image", ""});
     }
     if (chain.end != chain_end::MARK && chain.end != chain_end::LIMIT) {
-        checked->add(broken_chain(checked, node, chain));
+        add_incomplete(checked, broken_chain(checked, node, chain), chain,
+                       wanted - std::min(wanted, chain.count));
     }
 }
 

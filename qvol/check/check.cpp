@@ -45,6 +45,7 @@ void run_all_checks(survey *checked) {
     check_reserved_files(checked);
     check_fsinfo_counts(checked);
     check_lost_clusters(checked);
+    mend_chains(checked);
     sort_findings(checked);
 }
 
@@ -95,12 +96,16 @@ std::vector<bool> doubtful_nodes(const survey &checked) {
 class repair_policy {
 public:
     explicit repair_policy(const survey &checked)
-        : doubtful_(doubtful_nodes(checked)), frees_lost_(checked.frees_lost) {
+        : doubtful_(doubtful_nodes(checked)), extent_(checked.extent),
+          frees_lost_(checked.frees_lost) {
         for (const finding &one : checked.findings) {
             are_areas_in_doubt_ |= one.kind->scope == damage::AREAS;
-            has_broken_chains_ |= one.repair == nullptr && one.kind->scope == damage::CHAINS;
+            has_broken_chains_ |= !has_repair(one) && one.kind->scope == damage::CHAINS;
             has_slots_past_root_ |= one.kind == &found::PAST_END && one.node == ROOT_NODE;
             do_copies_differ_ |= one.kind == &found::FAT_COPIES;
+        }
+        for (const finding &one : checked.findings) {
+            defers_lost_ |= one.moves_chains && may_repair(one);
         }
         leaves_findings_ = std::any_of(
             checked.findings.begin(), checked.findings.end(),
@@ -108,33 +113,47 @@ public:
     }
 
     [[nodiscard]] bool may_repair(const finding &one) const {
-        if (one.repair == nullptr || are_areas_in_doubt_ || is_doubtful(one)) {
+        if (!has_repair(one) || are_areas_in_doubt_ || is_doubtful(one)) {
             return false;
         }
         if (one.kind == &found::DIRTY) {
             return !leaves_findings_;
         }
-        if (one.kind == &found::LOST && !frees_lost_ && may_lose_evidence()) {
+        if (one.kind == &found::LOST && (defers_lost_ || (!frees_lost_ && may_lose_evidence()))) {
             return false;
         }
-        return !has_broken_chains_ || !changes_chains(*one.kind);
+        return !has_broken_chains_ || !needs_whole_chains(*one.kind);
+    }
+
+    // Whether lost chains have to wait until others have got what belongs to them.
+    [[nodiscard]] bool defers_lost() const {
+        return defers_lost_;
     }
 
     [[nodiscard]] const char *obstacle(const finding &one) const {
-        if (one.repair == nullptr) {
+        if (one.obstacle != nullptr) {
+            return one.obstacle;
+        }
+        if (!has_repair(one)) {
             return one.kind->obstacle;
         }
-        return are_areas_in_doubt_         ? found::AREAS_IN_DOUBT
-               : is_doubtful(one)          ? found::DOUBTFUL
-               : changes_chains(*one.kind) ? found::BROKEN_CHAIN
-                                           : one.kind->obstacle;
+        return are_areas_in_doubt_             ? found::AREAS_IN_DOUBT
+               : is_doubtful(one)              ? found::DOUBTFUL
+               : needs_whole_chains(*one.kind) ? found::BROKEN_CHAIN
+                                               : one.kind->obstacle;
     }
 
 private:
-    // What is stored may belong to a broken chain, what is freed must not.
-    [[nodiscard]] bool changes_chains(const finding_kind &kind) const {
-        return kind.scope == damage::CHAINS || &kind == &found::CHAIN_LONG ||
-               (&kind == &found::LOST && frees_lost_) || &kind == &found::FAT_COPIES;
+    [[nodiscard]] bool has_repair(const finding &one) const {
+        return one.repair != nullptr && (extent_ == repair_extent::ALL || !one.is_disputable);
+    }
+
+    // What is freed or overwritten must not belong to a broken chain.
+    [[nodiscard]] bool needs_whole_chains(const finding_kind &kind) const {
+        const bool is_lost = &kind == &found::LOST;
+        return &kind == &found::FAT_COPIES || (is_lost && extent_ == repair_extent::SAFE) ||
+               (frees_lost_ &&
+                (is_lost || kind.scope == damage::CHAINS || &kind == &found::CHAIN_LONG));
     }
 
     // The entry of the FOUND directory could overwrite slots past the end of the root, and its
@@ -148,40 +167,51 @@ private:
     }
 
     std::vector<bool> doubtful_; // by node
+    repair_extent extent_;
     bool frees_lost_;
     bool are_areas_in_doubt_ = false;
     bool has_broken_chains_ = false;
     bool has_slots_past_root_ = false;
     bool do_copies_differ_ = false;
+    bool defers_lost_ = false;
     bool leaves_findings_ = false;
 };
 
+// What gets back its clusters comes first, then what takes free ones, then what frees some.
+int order_of(const finding &one) {
+    return one.moves_chains ? 0 : one.kind == &found::CHAIN_SHARED ? 1 : 2;
+}
+
 // Plans the repairs and sets the outcome of each finding. Returns whether there is anything to
 // repair.
-bool plan_repairs(const survey &checked, repair_plan *plan, check_result *result) {
-    const repair_policy policy(checked);
-    bool repairs = false;
+bool plan_repairs(const survey &checked, const repair_policy &policy, repair_plan *plan,
+                  check_result *result) {
+    std::vector<const finding *> repaired;
     for (std::size_t i = 0; i < checked.findings.size(); i++) {
         const finding &one = checked.findings[i];
         reported_finding &report = result->findings[i];
         report.is_repaired = policy.may_repair(one);
         report.outcome = report.is_repaired ? one.remedy : policy.obstacle(one);
         if (report.is_repaired) {
-            one.repair(plan);
-            repairs = true;
+            repaired.push_back(&one);
         }
     }
-    return repairs;
+    std::stable_sort(repaired.begin(), repaired.end(), [](const finding *a, const finding *b) {
+        return order_of(*a) < order_of(*b);
+    });
+    for (const finding *one : repaired) {
+        one->repair(plan);
+    }
+    return !repaired.empty();
 }
 
 // The second check decides: a finding that it has as well is not repaired, and one that was hidden
 // before is added.
 void compare_with_second_check(const check_result &second, check_result *result) {
     std::multiset<reported_finding> remaining;
+    std::set<reported_finding> repaired;
     for (const reported_finding &one : second.findings) {
-        if (!one.is_repaired) {
-            remaining.insert(one);
-        }
+        one.is_repaired ? void(repaired.insert(one)) : void(remaining.insert(one));
     }
     const std::set<reported_finding> known(result->findings.begin(), result->findings.end());
     for (reported_finding &one : result->findings) {
@@ -196,8 +226,9 @@ void compare_with_second_check(const check_result &second, check_result *result)
             one.is_repaired = false;
             one.outcome = "still present after the repair";
         } else if (!one.is_repaired && !is_present) {
+            const auto later = repaired.find(one);
             one.is_repaired = true;
-            one.outcome = "fixed by another repair";
+            one.outcome = later != repaired.end() ? later->outcome : "fixed by another repair";
         }
     }
     for (const reported_finding &one : second.findings) {
@@ -213,28 +244,29 @@ void compare_with_second_check(const check_result &second, check_result *result)
     result->directories = second.directories;
 }
 
-// How often lost directories get an entry, each time those that the last ones have not contained.
-// The limit is reached on volumes that are made to reach it.
+// A round gives owners to lost clusters; the next one checks what was found with them. The limit is
+// reached on volumes that are made to reach it.
 constexpr u32 MAX_ROUNDS = 8;
 
 check_result repair_in_rounds(volume &vol, const repair_request &request, u32 rounds) {
-    survey checked(vol);
-    checked.frees_lost = request.frees_lost;
+    survey checked(vol, request.extent, request.frees_lost);
     run_all_checks(&checked);
     check_result result = result_of(checked);
     if (result.is_fat_in_doubt() && !request.is_fat_believed) {
         return result;
     }
+    const repair_policy policy(checked);
     repair_plan plan(vol);
-    if (!plan_repairs(checked, &plan, &result)) {
+    if (!plan_repairs(checked, policy, &plan, &result)) {
         return result;
     }
     const u32 kept_directories = plan.write(rounds > 0);
     vol.fat().forget_changes();
-    compare_with_second_check(kept_directories != 0
-                                  ? repair_in_rounds(vol, {request.frees_lost, true}, rounds - 1)
-                                  : check_volume(vol),
-                              &result);
+    const bool has_another_round = rounds > 0 && (kept_directories != 0 || policy.defers_lost());
+    repair_request next = request;
+    next.is_fat_believed = true;
+    compare_with_second_check(
+        has_another_round ? repair_in_rounds(vol, next, rounds - 1) : check_volume(vol), &result);
     return result;
 }
 

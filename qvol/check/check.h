@@ -39,6 +39,7 @@ struct check_result {
 [[nodiscard]] check_result check_volume(volume &vol);
 
 struct repair_request {
+    repair_extent extent = repair_extent::ALL;
     bool frees_lost = false;      // instead of keeping lost clusters
     bool is_fat_believed = false; // otherwise nothing is written while the FAT is in doubt
 };

@@ -72,11 +72,13 @@ private:
             return slot_space::root_area(checked_->on());
         }
         if (start() == 0) {
-            add_finding(found::CHAIN_MISSING, 0, "the directory has no cluster");
+            add_incomplete(checked_,
+                           {&found::CHAIN_MISSING, node_, 0, "the directory has no cluster", ""},
+                           {}, 0);
             return std::nullopt;
         }
         const claimed_chain chain = claim_chain(checked_, node_, start());
-        check_whole_chain(checked_, node_, chain);
+        check_whole_chain(checked_, node_, chain, 0);
         std::vector<u32> clusters = claimed_clusters(&checked_->table, start(), chain.count);
         clusters.erase(
             std::find_if_not(clusters.begin(), clusters.end(),

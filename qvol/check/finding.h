@@ -110,6 +110,10 @@ struct finding {
 
     std::string remedy;                              // the result of `repair`, as it is printed
     std::function<void(repair_plan *plan)> repair{}; // empty: not repairable
+    const char *obstacle = nullptr;                  // instead of the one of its kind
+
+    bool is_disputable = false; // other repairs are possible: a safe one leaves it
+    bool moves_chains = false;  // the repair gives lost clusters an owner
 };
 
 } // namespace qvol

@@ -42,7 +42,8 @@ std::vector<u8> first_sector(const core::volume &on, u32 head) {
     }
 }
 
-// The first cluster of its parent, if the chain begins with the dot entries of a directory.
+} // namespace
+
 std::optional<u32> parent_of(const core::volume &on, u32 head) {
     const std::vector<u8> sector = first_sector(on, head);
     const u8 *parent = sector.data() + core::DENTRY_SIZE;
@@ -51,6 +52,8 @@ std::optional<u32> parent_of(const core::volume &on, u32 head) {
                               start_of_slot(on, sector.data()) == head;
     return is_directory ? std::optional(start_of_slot(on, parent)) : std::nullopt;
 }
+
+namespace {
 
 // The directories whose parent is not lost as well. In a cycle of parents the first one counts.
 std::vector<lost_chain> topmost_directories(const core::volume &on,

@@ -3,18 +3,16 @@
 
 #pragma once
 
-#include "qvol/session.h"
+#include "qvol/check/survey.h"
 
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace qvol {
 
-// A chain that no entry leads to. Its last cluster may link to something else.
-struct lost_chain {
-    u32 head;
-    u32 count; // clusters
-};
+// The first cluster of its parent, if the chain begins with the dot entries of a directory.
+[[nodiscard]] std::optional<u32> parent_of(const core::volume &on, u32 head);
 
 // The name of the next directory for lost chains: FOUND.000, or the first that the root lacks.
 [[nodiscard]] std::u16string next_found_name(const directory &root);

@@ -99,8 +99,9 @@ check_result check_target(target *where, const std::string &encoding) {
     return check_recovered(where, encoding, std::nullopt);
 }
 
-check_result repair_target(target *where, const std::string &encoding, bool frees_lost) {
-    return check_recovered(where, encoding, repair_request{frees_lost, false});
+check_result repair_target(target *where, const std::string &encoding,
+                           const repair_request &request) {
+    return check_recovered(where, encoding, request);
 }
 
 } // namespace qvol

@@ -13,8 +13,7 @@ namespace qvol {
 // Throws error if the target has no volume, and nothing to make it one again.
 [[nodiscard]] check_result check_target(target *where, const std::string &encoding);
 
-// `frees_lost`: lost clusters are freed, not stored.
 [[nodiscard]] check_result repair_target(target *where, const std::string &encoding,
-                                         bool frees_lost);
+                                         const repair_request &request);
 
 } // namespace qvol

@@ -44,29 +44,44 @@ void repair_plan::write_slot(const core::slot_place &location,
     change_slot(location, 0, {raw.begin(), raw.end()});
 }
 
-void repair_plan::clear_start(const core::slot_place &location) {
-    change_slot(location, core::SHORT_START_HIGH.offset,
-                std::vector<u8>(core::SHORT_START_HIGH.size));
-    change_slot(location, core::SHORT_START_LOW.offset,
-                std::vector<u8>(core::SHORT_START_LOW.size));
+void repair_plan::change_field(const core::slot_place &location, const core::field &field,
+                               u32 value) {
+    std::array<u8, core::DENTRY_SIZE> slot{};
+    core::store(slot.data(), field, value);
+    const u8 *bytes = slot.data() + field.offset;
+    change_slot(location, field.offset, {bytes, bytes + field.size});
+}
+
+void repair_plan::set_start(const core::slot_place &location, u32 cluster) {
+    change_field(location, core::SHORT_START_HIGH, cluster >> 16);
+    change_field(location, core::SHORT_START_LOW, cluster & 0xFFFF);
 }
 
 void repair_plan::clear_slot_start(const core::slot_place &location) {
-    change_slot(location, core::SLOT_START.offset, std::vector<u8>(core::SLOT_START.size));
+    change_field(location, core::SLOT_START, 0);
 }
 
 void repair_plan::clear_reserved_bits(const core::slot_place &location) {
-    change_slot(location, core::SLOT_ATTR.offset, {core::ATTR_LONG_NAME});
-    change_slot(location, core::SLOT_SYSID.offset, {0});
+    change_field(location, core::SLOT_ATTR, core::ATTR_LONG_NAME);
+    change_field(location, core::SLOT_SYSID, 0);
 }
 
-void repair_plan::clear_size(const core::slot_place &location) {
-    change_slot(location, core::SHORT_FILE_SIZE.offset,
-                std::vector<u8>(core::SHORT_FILE_SIZE.size));
+void repair_plan::set_size(const core::slot_place &location, u32 bytes) {
+    change_field(location, core::SHORT_FILE_SIZE, bytes);
 }
 
-void repair_plan::end_chain(u32 last) {
-    vol_.fat().set(last, core::FAT_END_MARK);
+// The parameters are a cluster and its link.
+void repair_plan::set_link(u32 cluster, u32 value) {
+    vol_.fat().set(cluster, value);
+}
+
+void repair_plan::copy_clusters(const std::vector<u32> &from, u32 last,
+                                const core::slot_place &location) {
+    data_copy copy{from, vol_.fat().allocate(static_cast<u32>(from.size()), last)};
+    if (last == 0) {
+        set_start(location, copy.to.front());
+    }
+    copies_.push_back(std::move(copy));
 }
 
 void repair_plan::release_chain(u32 first, u32 count) {
@@ -74,6 +89,16 @@ void repair_plan::release_chain(u32 first, u32 count) {
 }
 
 // ---- writing ----------------------------------------------------------------------------------
+
+void repair_plan::copy_data() {
+    const core::volume &on = vol_.on();
+    for (const data_copy &copy : copies_) {
+        for (std::size_t i = 0; i < copy.from.size(); i++) {
+            write_extent(on, on.sector_of(copy.to[i]),
+                         read_extent(on, on.sector_of(copy.from[i]), on.at.sectors_per_cluster));
+        }
+    }
+}
 
 void repair_plan::write_slots() {
     for (const auto &[sector, changes] : changes_) {
@@ -103,9 +128,11 @@ void repair_plan::clear_boot_flag() {
                   [&](u8 *bytes) { core::store(bytes + extended, core::EBR_RESERVED, 0); });
 }
 
-// Directory entries drop their references before the clusters are freed; backups and counts follow
-// the data that they describe; the clean flag is set last.
+// Data is copied to free clusters before anything leads there. Directory entries drop their
+// references before the clusters are freed; backups and counts follow the data that they describe;
+// the clean flag is set last.
 u32 repair_plan::write(bool keeps_directories) {
+    copy_data();
     write_slots();
     vol_.fat().write_changes();
     u32 kept_directories = 0;

@@ -20,13 +20,25 @@ public:
     // ---- slots ----
     void remove_slot(const core::slot_place &location);
     void write_slot(const core::slot_place &location, const std::array<u8, core::DENTRY_SIZE> &raw);
-    void clear_start(const core::slot_place &location);
+    void clear_start(const core::slot_place &location) {
+        set_start(location, 0);
+    }
+    void set_start(const core::slot_place &location, u32 cluster);
     void clear_slot_start(const core::slot_place &location);    // of a long-name slot
     void clear_reserved_bits(const core::slot_place &location); // of a long-name slot
-    void clear_size(const core::slot_place &location);
+    void clear_size(const core::slot_place &location) {
+        set_size(location, 0);
+    }
+    void set_size(const core::slot_place &location, u32 bytes);
 
     // ---- the FAT ----
-    void end_chain(u32 last);
+    void set_link(u32 cluster, u32 value);
+    void end_chain(u32 last) {
+        set_link(last, core::FAT_END_MARK);
+    }
+    // Copies the clusters to free ones, after cluster `last` of a chain or as the start of the
+    // entry at `location`. Throws no_space.
+    void copy_clusters(const std::vector<u32> &from, u32 last, const core::slot_place &location);
     void release_chain(u32 first, u32 count);
     void keep_chain(u32 first, u32 count) {
         kept_chains_.push_back({first, count});
@@ -55,6 +67,8 @@ public:
 
 private:
     void change_slot(const core::slot_place &location, u32 offset, std::vector<u8> bytes);
+    void change_field(const core::slot_place &location, const core::field &field, u32 value);
+    void copy_data();
     void write_slots();
     void write_fixed_entries();
     void clear_boot_flag();
@@ -67,6 +81,11 @@ private:
 
     volume &vol_;
     std::map<u32, std::vector<change>> changes_; // by sector
+    struct data_copy {
+        std::vector<u32> from;
+        std::vector<u32> to;
+    };
+    std::vector<data_copy> copies_;
     std::vector<lost_chain> kept_chains_;
     bool copies_first_fat_ = false;
     std::map<u32, u32> fixed_entries_;

@@ -76,6 +76,25 @@ private:
     std::optional<cluster_map> owners_; // nodes plus 1
 };
 
+enum class chain_end {
+    MARK,   // an end-of-chain mark: complete
+    LIMIT,  // the limit was reached, and the chain continues
+    FREE,   // links to a cluster that is marked free
+    BAD,    // links to a cluster that is marked bad
+    RANGE,  // links to a number that is not a cluster
+    CYCLE,  // links to a cluster of the same chain
+    SHARED, // links to a cluster of another entry
+};
+
+// A chain up to the last cluster that could be claimed.
+struct claimed_chain {
+    u32 count = 0; // clusters
+    u32 last = 0;  // the cluster before `at`; 0: the chain has no cluster
+    chain_end end = chain_end::MARK;
+    u32 at = 0;         // the link after the last cluster
+    u32 past_image = 0; // the first of its clusters past the end of the image; 0: all are in it
+};
+
 // The root, at index 0, or an entry below it.
 struct tree_node {
     u32 parent = NO_NODE;
@@ -87,10 +106,32 @@ struct tree_node {
     bool is_doubtful = false; // read as a directory, but may be a file
 };
 
+// A chain without end.
+struct lost_chain {
+    u32 head;
+    u32 count; // clusters
+};
+
+// A chain that lacks clusters, and the finding about it.
+struct incomplete_chain {
+    std::size_t finding; // its index
+    u32 node;
+    claimed_chain claimed;
+    u32 missing; // clusters that the file size needs; a directory: unknown, 0
+};
+
+// What a repair may do.
+enum class repair_extent {
+    NONE,
+    SAFE, // only what cannot be disputed
+    ALL,  // all after which everything that could be reached still can be
+};
+
 struct survey {
-    explicit survey(volume &checked)
+    explicit survey(volume &checked, repair_extent repairs = repair_extent::NONE,
+                    bool frees = false)
         : vol(checked), image_bytes(checked.where().present_bytes()), table(checked.fat()),
-          nodes(1), owners(checked.fat()) {}
+          nodes(1), owners(checked.fat()), extent(repairs), frees_lost(frees) {}
 
     volume &vol;
     u64 image_bytes; // of the volume that exist
@@ -98,8 +139,11 @@ struct survey {
     std::vector<tree_node> nodes;
     cluster_owners owners;
     std::vector<finding> findings;
-    u32 used_clusters = 0;   // by the entries of the tree
-    bool frees_lost = false; // the repair does not keep lost clusters
+    std::vector<incomplete_chain> incomplete;
+    std::vector<lost_chain> lost;
+    u32 used_clusters = 0; // by the entries of the tree
+    repair_extent extent;
+    bool frees_lost; // the repair does not keep lost clusters
 
     [[nodiscard]] const core::volume &on() const {
         return vol.on();
@@ -124,5 +168,6 @@ void check_files(survey *checked);          // the chains of files
 void check_reserved_files(survey *checked); // pool and log
 void check_lost_clusters(survey *checked);  // allocated clusters without an owner
 void check_fsinfo_counts(survey *checked);
+void mend_chains(survey *checked); // decides how the incomplete chains are repaired
 
 } // namespace qvol

@@ -11,6 +11,7 @@
 #include "qvol/undo.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <memory>
 #include <optional>
 
@@ -21,18 +22,28 @@ namespace qvol {
 namespace {
 
 struct check_options {
-    bool repairs = false;
+    std::optional<std::string> repair; // its extent
     bool is_dry_run = false;
     bool frees_lost = false;
-    std::string undo; // file; "": none
+    std::optional<std::string> undo; // file
+    bool has_no_undo = false;
 
+    [[nodiscard]] bool repairs() const {
+        return repair.has_value();
+    }
+    [[nodiscard]] bool is_safe() const {
+        return repair == "safe";
+    }
     [[nodiscard]] bool writes() const {
-        return repairs && !is_dry_run;
+        return repairs() && !is_dry_run;
+    }
+    [[nodiscard]] repair_request request() const {
+        return {is_safe() ? repair_extent::SAFE : repair_extent::ALL, frees_lost, false};
     }
 };
 
 std::string outcome_of(const reported_finding &one, const check_options &options) {
-    if (!options.repairs) {
+    if (!options.repairs()) {
         return "";
     }
     return (!one.is_repaired     ? "; not repaired: "
@@ -56,7 +67,7 @@ std::string summary_of(const check_result &result, u64 left, const check_options
     const char *form =
         options.is_dry_run ? ", {} would be repaired, {} not" : ", {} repaired, {} not repaired";
     const std::string outcome =
-        options.repairs && count != 0 ? fmt::format(fmt::runtime(form), count - left, left) : "";
+        options.repairs() && count != 0 ? fmt::format(fmt::runtime(form), count - left, left) : "";
     return fmt::format("{}, {}, {} of {} clusters: {}{}",
                        counted(result.directories, "directory", "directories"),
                        counted(result.files, "file", "files"), result.used_clusters,
@@ -81,7 +92,7 @@ void print_result(const common_options &common, const check_result &result,
     for (const reported_finding &one : result.findings) {
         common.out.line(line_of(one, options));
         if (common.out.is_json) {
-            findings.push_back(finding_json(one, options.repairs));
+            findings.push_back(finding_json(one, options.repairs()));
         }
     }
     common.out.remark(summary_of(result, left, options));
@@ -99,18 +110,18 @@ check_result check_or_repair(const common_options &common, const check_options &
                              target *where) {
     const auto backup =
         common.uses_backup_boot ? std::make_unique<backup_boot_sector>(where) : nullptr;
-    return options.repairs ? repair_target(where, common.encoding, options.frees_lost)
-                           : check_target(where, common.encoding);
+    return options.repairs() ? repair_target(where, common.encoding, options.request())
+                             : check_target(where, common.encoding);
 }
 
 check_result repair_with_undo(const common_options &common, const check_options &options,
-                              target *where) {
-    const undo_recorder undo(where, options.undo);
+                              target *where, const std::string &file) {
+    const undo_recorder undo(where, file);
     try {
         check_result result = check_or_repair(common, options, where);
         if (undo.has_records()) {
             common.out.remark(fmt::format("\"qvol undo {} {}\" takes the repair back",
-                                          shown_bytes(common.image), shown_bytes(options.undo)));
+                                          shown_bytes(common.image), shown_bytes(file)));
         }
         return result;
     } catch (const error &) {
@@ -119,6 +130,19 @@ check_result repair_with_undo(const common_options &common, const check_options 
         }
         throw;
     }
+}
+
+// By default beside an image, under the first name that is free. "": none.
+std::string undo_file(const check_options &options, const target &where) {
+    if (options.undo || !options.writes() || options.is_safe() || options.has_no_undo ||
+        where.is_device()) {
+        return options.undo.value_or("");
+    }
+    std::string path = where.file_path() + ".undo";
+    for (u32 number = 2; std::filesystem::exists(std::filesystem::symlink_status(path)); number++) {
+        path = fmt::format("{}.undo.{}", where.file_path(), number);
+    }
+    return path;
 }
 
 int run_check(const common_options &common, const check_options &options) {
@@ -131,8 +155,9 @@ int run_check(const common_options &common, const check_options &options) {
     if (options.is_dry_run) {
         dry_run.emplace(&where, &tried);
     }
-    const check_result result = options.undo.empty() ? check_or_repair(common, options, &where)
-                                                     : repair_with_undo(common, options, &where);
+    const std::string undo = undo_file(options, where);
+    const check_result result = undo.empty() ? check_or_repair(common, options, &where)
+                                             : repair_with_undo(common, options, &where, undo);
     const u64 left = static_cast<u64>(
         std::count_if(result.findings.begin(), result.findings.end(),
                       [](const reported_finding &one) { return !one.is_repaired; }));
@@ -149,8 +174,12 @@ void add_check(command_line *commands) {
                        "  qvol check --repair flash.img\n"
                        "  qvol check --repair flash.img --undo before.undo"},
                       run_check);
-    const auto repair = check.flag("--repair", &options->repairs,
-                                   "Repair what can be repaired without losing a file");
+    const auto repair =
+        check
+            .optional_value("--repair", &options->repair, "all",
+                            "Repair all that can be repaired without losing a file, or, as "
+                            "--repair=safe, only what cannot be disputed")
+            .one_of({"all", "safe"});
     check
         .flag("--free-lost", &options->frees_lost,
               "Free lost clusters instead of storing them in a FOUND directory")
@@ -158,11 +187,16 @@ void add_check(command_line *commands) {
     const auto dry_run =
         check.flag("--dry-run", &options->is_dry_run, "Write nothing: show what --repair would do");
     dry_run.needs(repair);
-    check
-        .value("--undo", &options->undo,
-               "Store in this new file what the repair changes, for \"qvol undo\"")
+    const auto undo =
+        check
+            .value("--undo", &options->undo,
+                   "New file for what the repair changes, for \"qvol undo\"; default: IMAGE.undo, "
+                   "except for devices and --repair=safe")
+            .needs(repair)
+            .excludes(dry_run);
+    check.flag("--no-undo", &options->has_no_undo, "Make no undo file")
         .needs(repair)
-        .excludes(dry_run);
+        .excludes(undo);
 }
 
 } // namespace qvol

@@ -163,12 +163,13 @@ protected:
         EXPECT_EQ(qvol("check", {"-q"}), (outcome{findings.empty() ? 0 : 1, lines, ""}));
     }
 
-    void expect_repair(const std::vector<expected_finding> &findings, int status) {
+    void expect_repair(const std::vector<expected_finding> &findings, int status,
+                       const std::string &repair = "--repair") {
         std::string lines;
         for (const expected_finding &finding : findings) {
             lines += finding.line + "; " + finding.outcome + '\n';
         }
-        std::vector<std::string> options = {"-q", "--repair"};
+        std::vector<std::string> options = {"-q", repair};
         options.insert(options.end(), repair_options_.begin(), repair_options_.end());
         EXPECT_EQ(qvol("check", options), (outcome{status, lines, ""}));
     }
@@ -190,12 +191,24 @@ protected:
         expect_contents();
     }
 
-    // The check finds exactly this; the repair fixes none of it and changes no byte.
+    // The check finds exactly this; a safe repair fixes none of it and changes no byte.
     void expect_left(const std::vector<expected_finding> &findings) {
         expect_check(findings);
         const bytes before = read_file(image_);
-        expect_repair(findings, 1);
+        expect_repair(findings, 1, "--repair=safe");
         EXPECT_TRUE(has_content(image_, before));
+    }
+
+    // The same, but by default the repair fixes all of it with these outcomes.
+    void expect_mended_by_default(std::vector<expected_finding> findings,
+                                  const std::vector<std::string> &outcomes) {
+        expect_left(findings);
+        for (std::size_t i = 0; i < findings.size(); i++) {
+            findings[i].outcome = "repaired: " + outcomes.at(i);
+        }
+        expect_repair(findings, 0);
+        expect_check({});
+        expect_clean();
     }
 
     void expect_contents() {
