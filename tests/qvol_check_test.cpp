@@ -319,7 +319,7 @@ TEST_P(QvolCheck, KeepsCopiesThatDifferWhereTheFirstIsBroken) {
         return;
     }
     expect_check({findings[0], {fsinfo, ""}, findings[1], findings[2]});
-    expect_repair({findings[0], {fsinfo, CORRECTED}, findings[1], findings[2]}, 1);
+    expect_repair({findings[0], {fsinfo, CORRECTED}, findings[1], findings[2]}, 1, "--repair=safe");
     expect_check(findings);
 }
 
@@ -711,23 +711,81 @@ TEST_P(QvolCheck, PutsDotEntriesIntoABlankDirectory) {
          {"/NEW" + at(dir) + "\"..\" is missing from slot 1", "repaired: entry written"}});
 }
 
-// With the first slot blank all others are hidden: what is theirs is not given back.
-TEST_P(QvolCheck, LeavesWhatIsBehindTheEndOfADirectory) {
+// With the first slot blank all others are hidden.
+TEST_P(QvolCheck, ShowsWhatIsBehindTheEndOfADirectory) {
     repair_options_ = {"--free-lost"};
     const std::uint32_t dir = start_of("/DIR");
     const std::uint32_t file = start_of("/DIR/A long name.text");
     poke(cluster_offset(dir), std::string(1, '\0'));
-    const std::string in_use = "not repaired: the slot is in use";
-    expect_left({{"/DIR" + at(dir) + "5 slots in use past the end of the directory (slot 0)",
-                  "not repaired: it is unknown whether they are entries"},
-                 {"/DIR" + at(dir) + "\".\" is missing from slot 0", in_use},
-                 {"/DIR" + at(dir) + "\"..\" is missing from slot 1", in_use},
-                 {"cluster " + number(file) +
-                      ": lost chain of 2 clusters: allocated, referenced by no entry",
-                  BROKEN_CHAIN}});
-    poke(cluster_offset(dir), ".");
-    expect_check({});
+    expect_mended_by_default(
+        {{"/DIR" + at(dir) + "5 slots in use past the end of the directory (slot 0)",
+          "not repaired: it is unknown whether they are entries"},
+         {"/DIR" + at(dir) + "\".\" is missing from slot 0",
+          "not repaired: slots past the end could appear"},
+         {"cluster " + number(file) +
+              ": lost chain of 2 clusters: allocated, referenced by no entry",
+          BROKEN_CHAIN}},
+        {"blank slots before them marked as removed", "entry written", "fixed by another repair"});
     expect_contents();
+}
+
+// Blank slots in the middle hide those after them, if these lead to lost chains.
+TEST_P(QvolCheck, ShowsEntriesPastABlankSlot) {
+    for (const char *name : {"one", "two", "six"}) {
+        host_file(std::string("more/") + name, std::string(1500, name[1]));
+    }
+    said("put", {scratch_.file("more") + "/.", "/DIR"});
+    const std::uint32_t dir = start_of("/DIR");
+    const std::string slots = peek(cluster_offset(dir), 512);
+    const std::uint64_t two = entry_offset("/DIR/two");
+    const std::uint64_t first = entry_offset("/DIR/one");
+    const bytes whole = read_file(image_);
+    poke(first, std::string(32, '\0')); // the long-name slot before it remains
+    const outcome repaired = qvol("check", {"--repair", "-q"});
+    EXPECT_EQ(repaired.status, 0) << repaired;
+    expect_healthy();
+    expect_clean();
+    expect_contents();
+    EXPECT_EQ(said("cat", {"/DIR/two"}), std::string(1500, 'w'));
+    EXPECT_EQ(said("cat", {"/FOUND.000/FILE00001.CHK"}).substr(0, 1500), std::string(1500, 'n'));
+    // What leads to clusters of other files is old.
+    (void)scratch_.file_with("disk.img", whole);
+    said("rm", {"/DIR/one", "/DIR/two", "/DIR/six"});
+    poke(cluster_offset(dir) + 7 * 32, std::string(32, '\0'));
+    poke(two + 64, slots.substr((two + 64) % 512, 64));
+    put_slot(dir, 15, "OLD     TXT", 0x20, start_of("/A.TXT"), 1500);
+    expect_left({{"/DIR" + at(dir) + "1 slot in use past the end of the directory (slot 7)",
+                  "not repaired: it is unknown whether they are entries"}});
+    EXPECT_EQ(qvol("check", {"--repair", "-q"}).status, 1);
+    expect_contents();
+}
+
+// Other data in a directory's sector: what is in the others stays.
+TEST_P(QvolCheck, IgnoresASectorOfOtherData) {
+    for (unsigned i = 0; i < 30; i++) {
+        host_file("more/FILE" + number(i), std::string(600, static_cast<char>('a' + i % 26)));
+    }
+    said("mkdir", {"/MORE"});
+    said("put", {scratch_.file("more") + "/.", "/MORE"});
+    const std::uint32_t dir = start_of("/MORE");
+    std::mt19937 random(1);
+    std::string garbage(512, '\0');
+    for (char &byte : garbage) {
+        byte = static_cast<char>(random() % 255 + 1);
+    }
+    poke(cluster_offset(dir), garbage);
+    EXPECT_EQ(qvol("check", {"-q", "--repair=safe"}).status, 1);
+    const outcome repaired = qvol("check", {"-q", "--repair"});
+    EXPECT_EQ(repaired.status, 0) << repaired;
+    EXPECT_TRUE(repaired.out.starts_with(
+        "/MORE" + at(dir) +
+        "slots 0 to 15 are no entries, but other data; repaired: slots removed\n"))
+        << repaired;
+    expect_healthy();
+    expect_clean();
+    expect_contents();
+    EXPECT_EQ(said("cat", {"/MORE/FILE29"}), std::string(600, 'd'));
+    EXPECT_EQ(json::parse(said("ls", {"--json", "/FOUND.000"}))["entries"].size(), 14U);
 }
 
 TEST_P(QvolCheck, TellsADotEntryElsewhere) {
@@ -876,19 +934,71 @@ TEST_P(QvolCheck, TellsADirectoryThatTwoEntriesClaim) {
 
 // A file that is taken for a directory holds bytes, not slots: they are not mended.
 TEST_P(QvolCheck, LeavesTheBytesOfAFileThatIsTakenForADirectory) {
-    const std::uint64_t content = cluster_offset(start_of("/B.TXT"));
+    const std::uint32_t start = start_of("/B.TXT");
     poke(entry_offset("/B.TXT") + 11, std::string(1, '\x10'));
-    poke(content, long_name_like_bytes());
-    const outcome found = qvol("check", {"-q"});
-    EXPECT_NE(found.out.find("long-name slot"), std::string::npos) << found;
-    const bytes before = read_file(image_);
-    EXPECT_EQ(qvol("check", {"--repair"}).status, 1);
-    EXPECT_TRUE(has_content(image_, before));
+    contents_["/B.TXT"].replace(0, 32, long_name_like_bytes());
+    poke(cluster_offset(start), long_name_like_bytes());
+    expect_mended_by_default(
+        {{"/B.TXT" + at(start) + "the cluster holds no directory", UNKNOWN_DATA},
+         {"cluster " + number(start) +
+              ": lost chain of 2 clusters: allocated, referenced by no entry",
+          BROKEN_CHAIN}},
+        {"made a file, which has this size", "fixed by another repair"});
+    expect_contents();
 }
 
 TEST_P(QvolCheck, TellsADirectoryWithoutACluster) {
     put_slot(start_of("/DIR"), 6, "NONE       ", 0x10);
-    expect_left({{"/DIR/NONE: the directory has no cluster", UNKNOWN_DATA}});
+    expect_mended_by_default({{"/DIR/NONE: the directory has no cluster", UNKNOWN_DATA}},
+                             {"now an empty directory"});
+    EXPECT_EQ(said("ls", {"/DIR/NONE"}), "");
+}
+
+// The start of a directory is damaged: the only lost directory of the same parent is the one.
+TEST_P(QvolCheck, FindsADirectoryWhoseStartIsWrong) {
+    host_file("more/deep/inner.txt", std::string(700, 'i'));
+    said("put", {scratch_.file("more") + "/.", "/DIR"});
+    for (const std::uint32_t wrong : {start_of("/A.TXT"), 1U, 0U, FREE_CLUSTER}) {
+        SCOPED_TRACE(wrong);
+        set_start("/DIR/deep", wrong);
+        EXPECT_EQ(qvol("check", {"-q", "--repair=safe"}).status, 1);
+        const outcome repaired = qvol("check", {"-q", "--repair"});
+        EXPECT_EQ(repaired.status, 0) << repaired;
+        expect_healthy();
+        expect_clean();
+        expect_contents();
+        EXPECT_EQ(said("cat", {"/DIR/deep/inner.txt"}), std::string(700, 'i'));
+    }
+}
+
+TEST_P(QvolCheck, UsesAClusterAgainThatIsStillADirectory) {
+    const std::uint32_t dir = start_of("/DIR");
+    const std::uint32_t file = start_of("/DIR/A long name.text");
+    give_back(dir);
+    expect_mended_by_default(
+        {{"/DIR" + at(dir) + "marked free, but part of the chain", UNKNOWN_DATA},
+         {"cluster " + number(file) +
+              ": lost chain of 2 clusters: allocated, referenced by no entry",
+          BROKEN_CHAIN}},
+        {"marked as used", "fixed by another repair"});
+    expect_contents();
+}
+
+// The next cluster holds entries that nothing leads to.
+TEST_P(QvolCheck, ContinuesADirectoryWithItsNextCluster) {
+    said("mkdir", {"/MORE"});
+    for (unsigned i = 0; i < 20; i++) {
+        host_file("more/FILE" + number(i), "");
+    }
+    said("put", {scratch_.file("more") + "/.", "/MORE"});
+    const std::uint32_t dir = start_of("/MORE");
+    set_link(dir, FREE_CLUSTER);
+    expect_mended_by_default(
+        {{"/MORE" + at(FREE_CLUSTER) + "marked free, but part of the chain", UNKNOWN_DATA},
+         {"cluster " + number(dir + 1) + ": lost cluster: allocated, referenced by no entry",
+          BROKEN_CHAIN}},
+        {"completed with the lost chain at cluster " + number(dir + 1), "fixed by another repair"});
+    EXPECT_EQ(json::parse(said("ls", {"--json", "/MORE"}))["entries"].size(), 20U);
 }
 
 TEST_P(QvolCheck, TellsADirectoryWhoseChainIsBroken) {

@@ -154,6 +154,16 @@ void cluster_owners::claim(u32 cluster) {
     }
 }
 
+void cluster_owners::drop_chain() {
+    const owned_chain &dropped = chains_.back();
+    u32 cluster = dropped.start;
+    for (u32 done = 0; done < dropped.count; done++) {
+        cluster = done == 0 ? dropped.start : table_.get(cluster);
+        owned_[cluster / PAGE_CLUSTERS]->reset(cluster % PAGE_CLUSTERS);
+    }
+    chains_.pop_back();
+}
+
 // Reads no FAT entry that was not read for the chain.
 void cluster_owners::map_owner(const owned_chain &chain) {
     u32 cluster = chain.start;

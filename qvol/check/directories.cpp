@@ -3,8 +3,10 @@
 
 #include "qvol/check/chains.h"
 #include "qvol/check/entry_names.h"
+#include "qvol/check/plausible.h"
 #include "qvol/check/repair.h"
 #include "qvol/check/slot_space.h"
+#include "qvol/file_data.h"
 #include "qvol/output.h"
 
 #include <algorithm>
@@ -33,9 +35,9 @@ public:
     // Returns the subdirectories, in the order of their names.
     std::vector<u32> run() {
         try {
-            const std::optional<slot_space> space = claim();
+            std::optional<slot_space> space = claim();
             if (space) {
-                check_content(*space);
+                check_content(&*space);
             }
         } catch (const error &failure) {
             add_finding(found::UNREADABLE, start(), failure.what());
@@ -78,24 +80,63 @@ private:
             return std::nullopt;
         }
         const claimed_chain chain = claim_chain(checked_, node_, start());
-        check_whole_chain(checked_, node_, chain, 0);
         std::vector<u32> clusters = claimed_clusters(&checked_->table, start(), chain.count);
         clusters.erase(
             std::find_if_not(clusters.begin(), clusters.end(),
                              [this](u32 cluster) { return is_in_image(*checked_, cluster); }),
             clusters.end());
-        if (chain.count > clusters.size()) {
+        const bool is_cut = chain.count > clusters.size();
+        std::optional<slot_space> space;
+        if (!clusters.empty()) {
+            space.emplace(checked_->on(), std::move(clusters));
+        }
+        if (space && !is_root() && !holds_directory(*space)) {
+            reject(chain);
+            return std::nullopt;
+        }
+        check_whole_chain(checked_, node_, chain, 0);
+        if (is_cut) {
             add_finding(found::UNREADABLE, chain.past_image,
                         "cannot be read: past the end of the image");
         }
-        return clusters.empty()
-                   ? std::nullopt
-                   : std::optional<slot_space>(slot_space(checked_->on(), std::move(clusters)));
+        return space;
+    }
+
+    [[nodiscard]] bool holds_directory(const slot_space &space) const {
+        const auto is_named = [&](u32 slot, const u8 *name) {
+            const u8 *there = space.slot(slot);
+            return std::equal(name, name + core::SHORT_NAME.size, there) &&
+                   core::kind_of(there) == core::slot_kind::DIRECTORY;
+        };
+        return is_named(0, core::DOT_NAME) || is_named(1, core::DOT_DOT_NAME) ||
+               vote_on(checked_->on(), space.slots(0, space.capacity())).are_entries();
+    }
+
+    // Other data is there: the entry was a file, or its first cluster is wrong.
+    void reject(const claimed_chain &chain) {
+        checked_->owners.drop_chain();
+        checked_->used_clusters -= chain.count;
+        finding about{&found::NOT_DIRECTORY, node_, start(), "the cluster holds no directory", ""};
+        about.is_disputable = true;
+        const u32 size = own_entry().size();
+        if (size != 0 && chain.end == chain_end::MARK &&
+            chain.count == clusters_for(checked_->on(), size)) {
+            about.remedy = "made a file, which has this size";
+            about.moves_chains = true;
+            about.repair = [location = checked_->nodes[node_].location](repair_plan *plan) {
+                plan->set_attributes(location, core::ATTR_ARCHIVE);
+            };
+            checked_->add(std::move(about));
+        } else {
+            add_incomplete(checked_, std::move(about), {}, 0);
+        }
     }
 
     // ---- the slots ----
 
-    void check_content(const slot_space &space) {
+    void check_content(slot_space *slots) {
+        ignore_other_data(slots);
+        const slot_space &space = *slots;
         check_end(space);
         const directory_content content = content_of(space);
         if (!is_root()) {
@@ -104,9 +145,37 @@ private:
         }
         check_long_names(space, content);
         check_slots(space, content);
-        check_labels(content);
+        check_labels(space, content);
         add_children(space, content);
         check_names(checked_, node_);
+    }
+
+    // Sectors that hold something else are treated as blank.
+    void ignore_other_data(slot_space *space) {
+        const u32 count = space->slots_per_sector();
+        for (u32 first = 0; first < space->capacity(); first += count) {
+            if (has_invalid_slot(*space, first, count) &&
+                !vote_on(checked_->on(), space->slots(first, count)).are_entries()) {
+                add_other_data(*space, {first, count});
+                space->ignore(first, count);
+            }
+        }
+    }
+
+    static bool has_invalid_slot(const slot_space &space, u32 first, u32 count) {
+        for (u32 slot = first; slot < first + count; slot++) {
+            if (core::kind_of(space.slot(slot)) == core::slot_kind::INVALID) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    void add_other_data(const slot_space &space, const slot_span &slots) {
+        add_slot_finding(found::NO_ENTRIES, space, slots,
+                         fmt::format("slots {} to {} are no entries, but other data", slots.first,
+                                     slots.first + slots.count - 1));
+        checked_->findings.back().is_disputable = true;
     }
 
     void check_size() {
@@ -132,6 +201,32 @@ private:
                         fmt::format("{} in use past the end of the directory (slot {})",
                                     counted(space.slots_past_end(), "slot", "slots"),
                                     space.count()));
+            if (checked_->extent == repair_extent::ALL) {
+                add_hidden(space);
+            }
+        }
+    }
+
+    void add_hidden(const slot_space &space) {
+        hidden_slots hidden{checked_->findings.size() - 1, {}, {}};
+        std::size_t zeros_needed = 0;
+        for (u32 slot = space.count(); slot < space.capacity(); slot++) {
+            const u8 *there = space.slot(slot);
+            if (there[0] == core::NAME_UNUSED) {
+                hidden.zeros.push_back(space.location(slot));
+                continue;
+            }
+            zeros_needed = hidden.zeros.size();
+            const std::optional<entry> found = entry_at(space, slot);
+            if (found && !found->is_dot() && found->type() != kind::LABEL && found->start() != 0) {
+                hidden.claims.push_back(
+                    {found->start(),
+                     found->is_directory() ? 0 : clusters_for(checked_->on(), found->size())});
+            }
+        }
+        hidden.zeros.resize(zeros_needed);
+        if (!hidden.claims.empty()) {
+            checked_->hidden.push_back(std::move(hidden));
         }
     }
 
@@ -170,7 +265,9 @@ private:
         }
         for (const u32 slot : content.invalid) {
             add_finding(found::NO_ENTRY, space.cluster_of(slot),
-                        fmt::format("slot {} is neither a file, a directory nor a label", slot));
+                        fmt::format("slot {} is neither a file, a directory nor a label", slot),
+                        "slot removed", remove_slot(space, slot));
+            checked_->findings.back().is_disputable = true;
         }
     }
 
@@ -189,21 +286,43 @@ private:
                     });
     }
 
+    static std::function<void(repair_plan *)> remove_slot(const slot_space &space, u32 slot) {
+        return
+            [location = space.location(slot)](repair_plan *plan) { plan->remove_slot(location); };
+    }
+
     // The blank label entry of the formatter is not counted as a label.
-    void check_labels(const directory_content &content) {
+    void check_labels(const slot_space &space, const directory_content &content) {
         u32 labels = 0;
         for (const entry &label : content.entries) {
             if (label.type() != kind::LABEL) {
                 continue;
             }
             if (!is_root() || label.start() != 0 || label.size() != 0) {
-                add_finding(found::LABEL_LOCATION, label.start(),
-                            fmt::format("slot {} holds a volume label {}", label.slot,
-                                        is_root() ? "with data" : "outside the root directory"));
-            } else if (!label.name.empty() && ++labels == 2) {
+                add_misplaced_label(space, label);
+            } else if (!label.name.empty() && ++labels >= 2) {
                 add_finding(found::LABELS, 0,
-                            fmt::format("slot {} holds a second volume label", label.slot));
+                            fmt::format("slot {} holds a second volume label", label.slot),
+                            "slot removed", remove_slot(space, label.slot));
+                checked_->findings.back().is_disputable = true;
             }
+        }
+    }
+
+    // One with data was a file.
+    void add_misplaced_label(const slot_space &space, const entry &label) {
+        const bool has_data = label.start() != 0 && label.size() != 0;
+        add_finding(found::LABEL_LOCATION, label.start(),
+                    fmt::format("slot {} holds a volume label {}", label.slot,
+                                is_root() ? "with data" : "outside the root directory"),
+                    has_data ? "made a file" : "slot removed", remove_slot(space, label.slot));
+        finding &about = checked_->findings.back();
+        about.is_disputable = true;
+        if (has_data) {
+            about.moves_chains = true;
+            about.repair = [location = space.location(label.slot)](repair_plan *plan) {
+                plan->set_attributes(location, core::ATTR_ARCHIVE);
+            };
         }
     }
 
@@ -229,6 +348,12 @@ private:
         add_finding(found::DOT_MISSING, start(),
                     fmt::format("{} is missing from slot {}", wanted.text, wanted.slot),
                     "entry written", is_dot_[wanted.slot] ? rewrite_dot(space, wanted) : nullptr);
+        if (is_dot_[wanted.slot] && space.slots_past_end() != 0) {
+            finding &about = checked_->findings.back();
+            about.is_disputable = true;
+            about.moves_chains = true;
+            about.obstacle = "slots past the end could appear";
+        }
     }
 
     void check_dot_fields(const slot_space &space, const dot &wanted, const entry &there) {
@@ -251,22 +376,28 @@ private:
     }
 
     static std::optional<entry> entry_at(const slot_space &space, u32 slot) {
-        if (slot >= space.count() || !is_entry(space.slot(slot))) {
+        if (!is_entry(space.slot(slot))) {
             return std::nullopt;
         }
         return entry_of_slot(space.slot(slot), slot, {}, space.is_wide());
     }
 
-    // Whether a dot entry may be written to the slot: the slot is free, or holds a damaged dot
-    // entry.
+    // Whether a dot entry may be written to the slot: the slot is free, blank, or holds a damaged
+    // dot entry.
     static bool may_be_dot(const slot_space &space, const std::optional<entry> &found,
                            const dot &wanted) {
         if (found) {
             return has_name(*found, wanted) ||
                    (found->is_directory() && found->start() == wanted.start);
         }
-        return wanted.slot < space.count() ? core::is_free_slot(space.slot(wanted.slot))
-                                           : space.is_zero_from(wanted.slot);
+        const u8 *slot = space.slot(wanted.slot);
+        return core::is_free_slot(slot) &&
+               (wanted.slot < space.count() || is_blank(slot) ||
+                std::equal(slot + 1, slot + core::SHORT_NAME.size, wanted.name + 1));
+    }
+
+    static bool is_blank(const u8 *slot) {
+        return std::all_of(slot, slot + core::DENTRY_SIZE, [](u8 byte) { return byte == 0; });
     }
 
     // The time stamps of an existing entry are not changed.
@@ -290,7 +421,15 @@ private:
         std::vector<entry> children;
         for (const entry &child : content.entries) {
             const bool is_dot = child.slot < is_dot_.size() && is_dot_.at(child.slot);
-            if (!is_dot && child.type() != kind::LABEL && !is_stray_dot(child)) {
+            if (is_dot || child.type() == kind::LABEL) {
+                continue;
+            }
+            if (child.is_dot()) {
+                add_finding(found::DOT_LOCATION, child.start(),
+                            fmt::format("misplaced dot entry in slot {}", child.slot),
+                            "slot removed", remove_slot(space, child.slot));
+                checked_->findings.back().is_disputable = true;
+            } else {
                 children.push_back(child);
             }
         }
@@ -302,14 +441,6 @@ private:
         for (const entry &child : children) {
             checked_->nodes.push_back({node_, child, space.location(child.slot)});
         }
-    }
-
-    bool is_stray_dot(const entry &child) {
-        if (child.is_dot()) {
-            add_finding(found::DOT_LOCATION, child.start(),
-                        fmt::format("misplaced dot entry in slot {}", child.slot));
-        }
-        return child.is_dot();
     }
 
     [[nodiscard]] std::vector<u32> subdirectories() const {

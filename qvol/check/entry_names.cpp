@@ -1,5 +1,7 @@
 #include "qvol/check/entry_names.h"
 
+#include "qvol/check/repair.h"
+
 #include <algorithm>
 #include <unordered_map>
 
@@ -50,7 +52,13 @@ public:
 
 private:
     void add_finding(const finding_kind &kind, u32 node, std::string text) {
-        checked_->add({&kind, node, checked_->nodes[node].dentry.start(), std::move(text), ""});
+        const entry &named = checked_->nodes[node].dentry;
+        finding about{&kind, node, named.start(), std::move(text), "renamed"};
+        about.is_disputable = true;
+        about.repair = [start = directory_.dentry.start(), slot = named.slot](repair_plan *plan) {
+            plan->rename(start, slot);
+        };
+        checked_->add(std::move(about));
     }
 
     void check_validity(u32 node) {

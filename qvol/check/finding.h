@@ -84,6 +84,8 @@ inline constexpr finding_kind ORPHAN_SLOTS{"orphan-slots", ""};
 inline constexpr finding_kind CHECKSUM{"checksum", ""};
 inline constexpr finding_kind SLOT_CLUSTER{"slot-cluster", ""};
 inline constexpr finding_kind SLOT_RESERVED{"slot-reserved", ""};
+inline constexpr finding_kind NOT_DIRECTORY{"not-directory", UNKNOWN_DATA, damage::CHAINS};
+inline constexpr finding_kind NO_ENTRIES{"directory-sector", UNKNOWN_DATA, damage::CHAINS};
 inline constexpr finding_kind NO_ENTRY{"no-entry", "its original content is unknown",
                                        damage::CHAINS};
 inline constexpr finding_kind LABELS{"labels", "it is unknown which label is correct"};

@@ -5,9 +5,13 @@
 #include "qvol/check/chains.h"
 #include "qvol/check/fat_copy.h"
 #include "qvol/check/found_files.h"
+#include "qvol/check/lost_index.h"
+#include "qvol/check/plausible.h"
 #include "qvol/check/repair.h"
 #include "qvol/file_data.h"
 #include "qvol/output.h"
+#include "qvol/sectors.h"
+#include "qvol/slots.h"
 
 #include <algorithm>
 #include <map>
@@ -24,13 +28,7 @@ using chain_links = std::vector<std::pair<u32, u32>>; // cluster, value
 
 class chain_mender {
 public:
-    explicit chain_mender(survey *checked) : checked_(checked) {
-        for (const lost_chain &lost : checked->lost) {
-            if (!parent_of(checked->on(), lost.head)) {
-                lost_by_count_[lost.count].push_back(lost.head);
-                lost_counts_.emplace(lost.head, lost.count);
-            }
-        }
+    explicit chain_mender(survey *checked) : checked_(checked), lost_(*checked) {
         for (const incomplete_chain &one : checked->incomplete) {
             wanting_[one.missing]++;
         }
@@ -40,18 +38,20 @@ public:
     }
 
     void run() {
+        show_hidden();
         for (const incomplete_chain &one : checked_->incomplete) {
             finding &about = checked_->findings[one.finding];
             about.is_disputable = true;
-            checked_->nodes[one.node].dentry.is_directory() || one.node == ROOT_NODE
-                ? mend_directory(one, &about)
-                : mend_file(one, &about);
+            is_directory(one.node) ? mend_directory(one, &about) : mend_file(one, &about);
         }
     }
 
 private:
     [[nodiscard]] const tree_node &node_of(const incomplete_chain &one) const {
         return checked_->nodes[one.node];
+    }
+    [[nodiscard]] bool is_directory(u32 node) const {
+        return node == ROOT_NODE || checked_->nodes[node].dentry.is_directory();
     }
 
     // ---- files ----
@@ -66,31 +66,23 @@ private:
 
     // The lost chain that directly follows the last cluster, if it has the missing length.
     bool complete_with_next(const incomplete_chain &one, finding *about) {
-        return take_next_lost(one.claimed.last, one.missing) &&
+        return one.claimed.last != 0 && lost_.take_file(one.claimed.last + 1, one.missing) &&
                complete_with(one, one.claimed.last + 1, about);
     }
 
     // The only lost chain of the missing length, if nothing else lacks as many clusters.
     bool complete_with_only(const incomplete_chain &one, finding *about) {
-        const std::vector<u32> &heads = lost_by_count_[one.missing];
-        return heads.size() == 1 && wanting_[one.missing] == 1 &&
-               lost_counts_.erase(heads.front()) == 1 && complete_with(one, heads.front(), about);
+        if (wanting_[one.missing] != 1) {
+            return false;
+        }
+        const std::optional<u32> head = lost_.take_only_file(one.missing);
+        return head && complete_with(one, *head, about);
     }
 
     bool complete_with(const incomplete_chain &one, u32 head, finding *about) {
         set_links(one, {{one.claimed.last, head}}, about,
                   fmt::format("completed with the lost chain at cluster {}", head));
         return true;
-    }
-
-    // False if no lost chain of that length begins after the cluster.
-    bool take_next_lost(u32 last, u32 count) {
-        const auto next = lost_counts_.find(last + 1);
-        const bool fits = last != 0 && next != lost_counts_.end() && next->second == count;
-        if (fits) {
-            lost_counts_.erase(next);
-        }
-        return fits;
     }
 
     // Another copy of the FAT leads on to the end of the file, through clusters without an owner.
@@ -108,21 +100,19 @@ private:
         return false;
     }
 
-    // Empty if the copy does not complete the chain.
+    // Empty if the copy does not complete the chain. The length of a directory is unknown.
     chain_links links_in_copy(u32 copy, const incomplete_chain &one) {
         fat_copy other(checked_->on(), copy);
+        const u32 most = one.missing != 0 ? one.missing : MAX_SLOTS / 2;
         chain_links links;
         u32 cluster = one.claimed.last;
-        for (u32 left = one.missing; left > 0; left--) {
-            const u32 next = cluster == 0 ? one.claimed.at : other.get(cluster);
-            if (!is_unowned(next)) {
-                return {};
-            }
-            links.emplace_back(cluster, next);
-            cluster = next;
+        u32 value = cluster == 0 ? one.claimed.at : other.get(cluster);
+        while (links.size() < most && is_unowned(value)) {
+            links.emplace_back(cluster, value);
+            cluster = value;
+            value = other.get(cluster);
         }
-        const u32 value = other.get(cluster);
-        if (!checked_->on().is_end_of_chain(value)) {
+        if (links.empty() || links.size() < one.missing || !checked_->on().is_end_of_chain(value)) {
             return {};
         }
         links.emplace_back(cluster, value);
@@ -170,7 +160,7 @@ private:
             }
             before = at;
         }
-        if (!take_next_lost(before, wanted - count)) {
+        if (before == 0 || !lost_.take_file(before + 1, wanted - count)) {
             return false;
         }
         about->remedy = fmt::format("{} continued with the lost chain at cluster {} instead",
@@ -251,18 +241,125 @@ private:
     // ---- directories ----
 
     void mend_directory(const incomplete_chain &one, finding *about) {
-        if (one.claimed.last != 0) {
-            about->remedy =
-                fmt::format("cut after {}", counted(one.claimed.count, "cluster", "clusters"));
-            about->repair = [last = one.claimed.last](repair_plan *plan) { plan->end_chain(last); };
+        const bool has_clusters = one.claimed.last != 0;
+        if (has_clusters ? !continue_directory(one, about) : !find_directory(one, about)) {
+            has_clusters ? cut_directory(one, about) : empty_directory(one, about);
+        }
+    }
+
+    // Another copy of the FAT leads on, or a lost chain that follows holds entries.
+    bool continue_directory(const incomplete_chain &one, finding *about) {
+        const u32 next = one.claimed.last + 1;
+        if (complete_from_copies(one, about)) {
+            return true;
+        }
+        if (!checked_->on().is_data_cluster(next) || !holds_entries(next) ||
+            lost_.take_any(next) == 0) {
+            return false;
+        }
+        return complete_with(one, next, about);
+    }
+
+    [[nodiscard]] bool holds_entries(u32 cluster) const {
+        if (!is_in_image(*checked_, cluster)) {
+            return false;
+        }
+        const core::volume &on = checked_->on();
+        const slot_votes votes = vote_on(on, read_extent(on, on.sector_of(cluster), 1));
+        return votes.entries != 0 && votes.are_entries();
+    }
+
+    // The first cluster is still there, though it is marked free; or it is the only lost directory
+    // whose parent is that of this entry, which is the only one there without a cluster.
+    bool find_directory(const incomplete_chain &one, finding *about) {
+        const u32 start = one.claimed.at;
+        const bool is_free = one.claimed.end == chain_end::FREE;
+        if (is_free && (one.node == ROOT_NODE || is_own_start(one.node, start))) {
+            about->remedy = "marked as used";
+            about->moves_chains = true;
+            about->repair = [start](repair_plan *plan) { plan->end_chain(start); };
+            return true;
+        }
+        const u32 parent = node_of(one).parent;
+        if (one.node == ROOT_NODE || without_cluster(parent) != 1) {
+            return false;
+        }
+        const std::vector<u32> heads = lost_.directories_below(link_to(parent));
+        return heads.size() == 1 && lost_.take_directory(heads.front()) &&
+               complete_with(one, heads.front(), about);
+    }
+
+    [[nodiscard]] bool is_own_start(u32 node, u32 cluster) const {
+        const std::optional<u32> parent =
+            is_in_image(*checked_, cluster) ? parent_of(checked_->on(), cluster) : std::nullopt;
+        return parent == link_to(checked_->nodes[node].parent);
+    }
+
+    // The first cluster in a ".." that leads to the node.
+    [[nodiscard]] u32 link_to(u32 node) const {
+        return node == ROOT_NODE ? 0 : checked_->nodes[node].dentry.start();
+    }
+
+    // Directories in `parent` without a cluster.
+    [[nodiscard]] std::ptrdiff_t without_cluster(u32 parent) const {
+        return std::count_if(checked_->incomplete.begin(), checked_->incomplete.end(),
+                             [&](const incomplete_chain &one) {
+                                 return one.node != ROOT_NODE && is_directory(one.node) &&
+                                        one.claimed.last == 0 && node_of(one).parent == parent;
+                             });
+    }
+
+    void cut_directory(const incomplete_chain &one, finding *about) const {
+        about->remedy =
+            fmt::format("cut after {}", counted(one.claimed.count, "cluster", "clusters"));
+        about->repair = [last = one.claimed.last](repair_plan *plan) { plan->end_chain(last); };
+    }
+
+    void empty_directory(const incomplete_chain &one, finding *about) {
+        if (one.node == ROOT_NODE) {
+            return;
+        }
+        if (free_clusters() == 0) {
+            about->obstacle = "no space for a new cluster";
+            return;
+        }
+        (*free_clusters_)--;
+        about->remedy = "now an empty directory";
+        about->repair = [location = node_of(one).location, parent = link_to(node_of(one).parent)](
+                            repair_plan *plan) { plan->make_directory(location, parent); };
+    }
+
+    // ---- slots past the end ----
+
+    // They are entries if most of them lead to lost chains which have the right length: then a
+    // blank slot ends the directory too early.
+    void show_hidden() {
+        for (hidden_slots &hidden : checked_->hidden) {
+            const auto leads_to_lost = [this](const hidden_slots::claim &one) {
+                return one.clusters == 0 ? lost_.has_directory(one.start)
+                                         : lost_.has_file(one.start, one.clusters);
+            };
+            const auto right =
+                std::count_if(hidden.claims.begin(), hidden.claims.end(), leads_to_lost);
+            if (2 * static_cast<std::size_t>(right) <= hidden.claims.size()) {
+                continue;
+            }
+            finding &about = checked_->findings[hidden.finding];
+            about.is_disputable = true;
+            about.remedy = "blank slots before them marked as removed";
+            about.moves_chains = true;
+            about.repair = [zeros = std::move(hidden.zeros)](repair_plan *plan) {
+                for (const core::slot_place &location : zeros) {
+                    plan->remove_slot(location);
+                }
+            };
         }
     }
 
     survey *checked_;
-    std::map<u32, std::vector<u32>> lost_by_count_; // heads of files
-    std::map<u32, u32> lost_counts_;                // by head; without those taken
-    std::map<u32, u32> wanting_;                    // chains by their missing clusters
-    cluster_map taken_;                             // by completions
+    lost_index lost_;
+    std::map<u32, u32> wanting_; // chains by their missing clusters
+    cluster_map taken_;          // by completions
     bool copies_differ_ = false;
     std::optional<u32> free_clusters_; // without those for copies; no value: not counted yet
     u64 steps_left_ = 1 << 22;         // along chains of owners: the time is limited
@@ -271,7 +368,8 @@ private:
 } // namespace
 
 void mend_chains(survey *checked) {
-    if (checked->extent == repair_extent::ALL && !checked->incomplete.empty()) {
+    if (checked->extent == repair_extent::ALL &&
+        !(checked->incomplete.empty() && checked->hidden.empty())) {
         chain_mender(checked).run();
     }
 }

@@ -1,7 +1,9 @@
 #include "qvol/check/repair.h"
 
+#include "core/record.h"
 #include "core/table.h"
 #include "qvol/check/chains.h"
+#include "qvol/check/renaming.h"
 #include "qvol/sectors.h"
 
 #include <algorithm>
@@ -75,6 +77,24 @@ void repair_plan::set_link(u32 cluster, u32 value) {
     vol_.fat().set(cluster, value);
 }
 
+void repair_plan::set_attributes(const core::slot_place &location, u32 attributes) {
+    change_field(location, core::SHORT_ATTR, attributes);
+}
+
+void repair_plan::make_directory(const core::slot_place &location, u32 parent_link) {
+    const u32 cluster = vol_.fat().allocate(1).front();
+    std::vector<u8> content(vol_.on().cluster_bytes());
+    core::store_short_entry(
+        content.data(),
+        {.name = core::DOT_NAME, .attributes = core::ATTR_DIRECTORY, .start = cluster});
+    core::store_short_entry(
+        content.data() + core::DENTRY_SIZE,
+        {.name = core::DOT_DOT_NAME, .attributes = core::ATTR_DIRECTORY, .start = parent_link});
+    new_clusters_.emplace_back(cluster, std::move(content));
+    set_start(location, cluster);
+    set_size(location, 0);
+}
+
 void repair_plan::copy_clusters(const std::vector<u32> &from, u32 last,
                                 const core::slot_place &location) {
     data_copy copy{from, vol_.fat().allocate(static_cast<u32>(from.size()), last)};
@@ -92,6 +112,9 @@ void repair_plan::release_chain(u32 first, u32 count) {
 
 void repair_plan::copy_data() {
     const core::volume &on = vol_.on();
+    for (const auto &[cluster, content] : new_clusters_) {
+        write_extent(on, on.sector_of(cluster), content);
+    }
     for (const data_copy &copy : copies_) {
         for (std::size_t i = 0; i < copy.from.size(); i++) {
             write_extent(on, on.sector_of(copy.to[i]),
@@ -135,6 +158,9 @@ u32 repair_plan::write(bool keeps_directories) {
     copy_data();
     write_slots();
     vol_.fat().write_changes();
+    for (const auto &[directory_start, slots] : renamed_) {
+        rename_entries(vol_, directory_start, slots);
+    }
     u32 kept_directories = 0;
     if (!kept_chains_.empty()) {
         // Without space they stay lost, which the next check finds.

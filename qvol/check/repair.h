@@ -30,9 +30,17 @@ public:
         set_size(location, 0);
     }
     void set_size(const core::slot_place &location, u32 bytes);
+    void set_attributes(const core::slot_place &location, u32 attributes);
+
+    // Gives the entry in a slot of a directory, which is given by its first cluster, another name.
+    void rename(u32 directory_start, u32 slot) {
+        renamed_[directory_start].push_back(slot);
+    }
 
     // ---- the FAT ----
     void set_link(u32 cluster, u32 value);
+    // Gives the directory entry at `location` a new, empty cluster. Throws no_space.
+    void make_directory(const core::slot_place &location, u32 parent_link);
     void end_chain(u32 last) {
         set_link(last, core::FAT_END_MARK);
     }
@@ -85,7 +93,9 @@ private:
         std::vector<u32> from;
         std::vector<u32> to;
     };
+    std::map<u32, std::vector<u32>> renamed_; // slots by directory
     std::vector<data_copy> copies_;
+    std::vector<std::pair<u32, std::vector<u8>>> new_clusters_; // number, content
     std::vector<lost_chain> kept_chains_;
     bool copies_first_fat_ = false;
     std::map<u32, u32> fixed_entries_;

@@ -106,6 +106,7 @@ void slot_space::load(u64 first_sector, u32 sectors) {
 }
 
 void slot_space::find_end() {
+    count_ = 0;
     while (count_ < capacity() && slot(count_)[0] != core::NAME_UNUSED) {
         count_++;
     }
@@ -119,9 +120,11 @@ u32 slot_space::slots_past_end() const {
     return found;
 }
 
-bool slot_space::is_zero_from(u32 index) const {
-    const auto from = bytes_.begin() + static_cast<std::ptrdiff_t>(index) * core::DENTRY_SIZE;
-    return index >= count_ && std::all_of(from, bytes_.end(), [](u8 byte) { return byte == 0; });
+void slot_space::ignore(u32 first, u32 count) {
+    for (u32 index = first; index < first + count; index++) {
+        bytes_[std::size_t{index} * core::DENTRY_SIZE] = core::NAME_DELETED;
+    }
+    find_end();
 }
 
 u32 slot_space::cluster_of(u32 slot) const {

@@ -5,6 +5,7 @@
 #include "qvol/session.h"
 #include "qvol/slots.h"
 
+#include <span>
 #include <vector>
 
 namespace qvol {
@@ -34,8 +35,20 @@ public:
         return bytes_.data() + std::size_t{index} * core::DENTRY_SIZE;
     }
 
-    // Whether the slot is at or past the end of the directory, and all bytes from it on are 0.
-    [[nodiscard]] bool is_zero_from(u32 index) const;
+    // All slots, also those past the end.
+    [[nodiscard]] u32 capacity() const {
+        return static_cast<u32>(bytes_.size() / core::DENTRY_SIZE);
+    }
+    [[nodiscard]] u32 slots_per_sector() const {
+        return on_.at.sector_size / core::DENTRY_SIZE;
+    }
+    [[nodiscard]] std::span<const u8> slots(u32 first, u32 count) const {
+        return std::span(bytes_).subspan(std::size_t{first} * core::DENTRY_SIZE,
+                                         std::size_t{count} * core::DENTRY_SIZE);
+    }
+
+    // Marks slots as removed, in memory.
+    void ignore(u32 first, u32 count);
 
     [[nodiscard]] core::slot_place location(u32 slot) const;
     [[nodiscard]] u32 cluster_of(u32 slot) const; // 0 in the root area
@@ -44,9 +57,6 @@ private:
     explicit slot_space(const core::volume &on) : on_(on) {}
     void load(u64 first_sector, u32 sectors);
     void find_end();
-    [[nodiscard]] u32 capacity() const {
-        return static_cast<u32>(bytes_.size() / core::DENTRY_SIZE);
-    }
 
     core::volume on_;
     std::vector<u32> clusters_;

@@ -55,6 +55,9 @@ public:
     }
     void claim(u32 cluster);
 
+    // The clusters of the last chain have no owner any more.
+    void drop_chain();
+
     // The node of a claimed cluster.
     [[nodiscard]] u32 owner_of(u32 cluster);
 
@@ -120,6 +123,17 @@ struct incomplete_chain {
     u32 missing; // clusters that the file size needs; a directory: unknown, 0
 };
 
+// Slots in use past the end of a directory.
+struct hidden_slots {
+    struct claim {
+        u32 start;
+        u32 clusters; // 0: of a directory
+    };
+    std::size_t finding;                 // its index
+    std::vector<claim> claims;           // of their entries on clusters
+    std::vector<core::slot_place> zeros; // the slots that end the directory before them
+};
+
 // What a repair may do.
 enum class repair_extent {
     NONE,
@@ -140,6 +154,7 @@ struct survey {
     cluster_owners owners;
     std::vector<finding> findings;
     std::vector<incomplete_chain> incomplete;
+    std::vector<hidden_slots> hidden;
     std::vector<lost_chain> lost;
     u32 used_clusters = 0; // by the entries of the tree
     repair_extent extent;

@@ -1,0 +1,93 @@
+#include "qvol/check/renaming.h"
+
+#include <algorithm>
+
+#include <fmt/core.h>
+
+namespace qvol {
+
+namespace {
+
+constexpr std::size_t SHORT_BASE = 8;
+
+// With '_' for what a name cannot contain.
+std::u16string valid_name(std::u16string name) {
+    for (char16_t &unit : name) {
+        if (name_problem(std::u16string(u"x") + unit + u"x")) {
+            unit = u'_';
+        }
+    }
+    while (!name.empty() && (name.back() == u' ' || name.back() == u'.')) {
+        name.back() = u'_';
+    }
+    return name_problem(name) ? u"_" + name : name;
+}
+
+// "NAME~2.EXT". A name that fits 8.3 still does.
+std::u16string numbered_name(const std::u16string &name, u32 number) {
+    const std::string tail = fmt::format("~{}", number);
+    const std::size_t dot = std::min(name.rfind(u'.'), name.size());
+    std::size_t length = dot;
+    if (is_plain_short_name(name)) {
+        length = std::min(length, SHORT_BASE - std::min(tail.size(), SHORT_BASE));
+    }
+    return name.substr(0, length) + std::u16string(tail.begin(), tail.end()) + name.substr(dot);
+}
+
+class renaming {
+public:
+    explicit renaming(directory *dir) : dir_(*dir) {
+        for (const auto &[slot, found] : dir_.entries()) {
+            dir_.reserve_short_name(short_name_units(found.alias(), 0));
+        }
+    }
+
+    void rename(u32 slot) {
+        const auto found = dir_.entries().find(slot);
+        if (found == dir_.entries().end()) {
+            return;
+        }
+        const entry old = found->second;
+        dir_.remove(old);
+        entry renamed = dir_.add({unused_name(valid_name(old.name)), old.type(), 0, 0, {}});
+        copy_fields(old, &renamed);
+        dir_.update(renamed);
+    }
+
+private:
+    std::u16string unused_name(const std::u16string &wanted) {
+        std::u16string name = wanted;
+        while (dir_.find(name) != nullptr || name_problem(name)) {
+            name = numbered_name(wanted, ++numbers_[wanted]);
+        }
+        return name;
+    }
+
+    // All but the short name and its case bits.
+    static void copy_fields(const entry &old, entry *renamed) {
+        const u8 case_bits = renamed->raw[core::SHORT_SYSID.offset];
+        std::copy(old.raw.begin() + core::SHORT_ATTR.offset, old.raw.end(),
+                  renamed->raw.begin() + core::SHORT_ATTR.offset);
+        renamed->raw[core::SHORT_SYSID.offset] = case_bits;
+    }
+
+    directory &dir_;
+    std::map<std::u16string, u32> numbers_; // the last one, by name
+};
+
+} // namespace
+
+void rename_entries(volume &vol, u32 directory_start, const std::vector<u32> &slots) {
+    try {
+        directory dir(vol.fat(), directory_start);
+        renaming names(&dir);
+        for (const u32 slot : slots) {
+            names.rename(slot);
+        }
+        vol.commit_additions({&dir});
+    } catch (const error &) {
+        vol.fat().forget_changes(); // nothing was written: the next check finds the names
+    }
+}
+
+} // namespace qvol
