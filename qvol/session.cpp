@@ -91,6 +91,7 @@ boot_fields parse_boot_sector(const core::volume &on) {
     boot.fsinfo_sector = on.is_wide() ? numbers.fsinfo_sector : 0;
     boot.backup_sector = on.is_wide() ? numbers.backup_sector : 0;
     boot.oem_name = padded_text(sector.data(), core::PBR_OEM_NAME);
+    boot.has_label_field = has_extended;
     boot.label = has_extended ? padded_text(extended, core::EBR_VOLUME_LABEL) : std::string();
     return boot;
 }

@@ -49,6 +49,7 @@ struct boot_fields {
     u32 backup_sector; // 0: no backup
     std::string oem_name;
     std::string label; // without its padding; "" if there is no label
+    bool has_label_field;
 
     [[nodiscard]] u32 copies_in_use() const {
         return active_fat ? 1 : fat_copies;

@@ -105,7 +105,7 @@ TEST_P(QvolCheck32, CopiesTheBootSectorOverABackupThatDiffers) {
 
 TEST_P(QvolCheck32, CopiesTheBackupOverABootSectorThatDescribesNoVolume) {
     const std::string boot = peek(0, 512);
-    poke(6 * 512 + 71, "OTHER LABEL"); // a backup with the same areas is a backup
+    poke(6 * 512 + 3, "OTHEROEM"); // a backup with the same areas is a backup
     const std::string garbage(512, '\x5A');
     std::string two_widths = boot;
     two_widths.replace(22, 2, little_endian(629, 2));
@@ -790,7 +790,8 @@ TEST_P(QvolCheck, IgnoresASectorOfOtherData) {
 
 TEST_P(QvolCheck, TellsADotEntryElsewhere) {
     put_slot(start_of("/DIR"), 6, ".          ", 0x10);
-    expect_left({{"/DIR: misplaced dot entry in slot 6", BY_HAND}});
+    expect_mended_by_default({{"/DIR: misplaced dot entry in slot 6", BY_HAND}}, {"slot removed"});
+    expect_contents();
 }
 
 TEST_P(QvolCheck, RemovesSlotsWithoutTheirEntry) {
@@ -842,15 +843,30 @@ TEST_P(QvolCheck, TellsASlotThatIsNoEntry) {
     put_slot(dir, 6, "NEITHER TXT", 0x18, FREE_CLUSTER);
     set_link(FREE_CLUSTER, end_mark());
     change_free_count(-1);
-    expect_left({{"/DIR" + at(dir) + "slot 6 is neither a file, a directory nor a label",
-                  "not repaired: its original content is unknown"},
-                 {"cluster 1000: lost cluster: allocated, referenced by no entry", BROKEN_CHAIN}});
+    expect_mended_by_default(
+        {{"/DIR" + at(dir) + "slot 6 is neither a file, a directory nor a label",
+          "not repaired: its original content is unknown"},
+         {"cluster 1000: lost cluster: allocated, referenced by no entry", BROKEN_CHAIN}},
+        {"slot removed", "1 cluster freed"});
 }
 
 TEST_P(QvolCheck, TellsLabels) {
     put_slot(start_of("/DIR"), 6, "A LABEL    ", 0x08);
-    expect_left({{"/DIR: slot 6 holds a volume label outside the root directory",
-                  "not repaired: its original content is unknown"}});
+    const expected_finding misplaced = {
+        "/DIR: slot 6 holds a volume label outside the root directory",
+        "not repaired: its original content is unknown"};
+    expect_mended_by_default({misplaced}, {"slot removed"});
+    // With data it was a file.
+    poke(cluster_offset(FREE_CLUSTER), "data");
+    set_link(FREE_CLUSTER, end_mark());
+    change_free_count(-1);
+    put_slot(start_of("/DIR"), 6, "A LABEL    ", 0x08, FREE_CLUSTER, 4);
+    expect_mended_by_default(
+        {{"/DIR: cluster 1000: slot 6 holds a volume label outside the root directory",
+          misplaced.outcome},
+         {"cluster 1000: lost cluster: allocated, referenced by no entry", BROKEN_CHAIN}},
+        {"made a file", "fixed by another repair"});
+    EXPECT_EQ(said("cat", {"/DIR/A LABEL"}), "data");
 }
 
 TEST_P(QvolCheck, TellsMoreThanOneLabelInTheRoot) {
@@ -861,9 +877,15 @@ TEST_P(QvolCheck, TellsMoreThanOneLabelInTheRoot) {
     while (peek(root + slot * 32, 1)[0] != '\0' && peek(root + slot * 32, 1)[0] != '\xE5') {
         slot++;
     }
-    poke(root + slot * 32, label + label);
-    expect_left({{"/: slot " + number(slot + 1) + " holds a second volume label",
-                  "not repaired: it is unknown which label is correct"}});
+    poke(root + slot * 32, label);
+    expect_mended_by_default(
+        {{"the volume label is NO NAME in the boot sector, LABEL ONE in the root directory",
+          "not repaired: it is unknown which label is correct"}},
+        {"that of the root directory copied"});
+    poke(root + slot * 32 + 32, label);
+    expect_mended_by_default({{"/: slot " + number(slot + 1) + " holds a second volume label",
+                               "not repaired: it is unknown which label is correct"}},
+                             {"slot removed"});
 }
 
 TEST_P(QvolCheck, TellsNamesThatStandTwice) {
@@ -871,9 +893,12 @@ TEST_P(QvolCheck, TellsNamesThatStandTwice) {
     put_slot(dir, 6, "EMPTY      ", 0x20);
     put_slot(dir, 7, "ALONGN~1TEX", 0x20);
     expect_judge_finds_something();
-    expect_left(
+    expect_mended_by_default(
         {{"/DIR/ALONGN~1.TEX: same short name as /DIR/A long name.text: ALONGN~1.TEX", BY_HAND},
-         {"/DIR/EMPTY: same name as /DIR/EMPTY", BY_HAND}});
+         {"/DIR/EMPTY: same name as /DIR/EMPTY", BY_HAND}},
+        {"renamed", "renamed"});
+    EXPECT_EQ(said("ls", {"/DIR"}), "A long name.text\nALONGN~2.TEX\nEMPTY\nEMPTY~1\n");
+    expect_contents();
 }
 
 TEST_P(QvolCheck, TellsNamesThatDifferInCaseAlone) {
@@ -891,13 +916,18 @@ TEST_P(QvolCheck, TellsNamesThatDifferInCaseAlone) {
     slots.replace(64 + 20, 2, 2, '\0');
     slots.replace(64 + 26, 6, 6, '\0');
     poke(cluster_offset(dir) + 6 * 32, slots);
-    expect_left({{"/DIR/a long name.text: same name as /DIR/A long name.text", BY_HAND}});
+    expect_mended_by_default(
+        {{"/DIR/a long name.text: same name as /DIR/A long name.text", BY_HAND}}, {"renamed"});
+    EXPECT_EQ(said("ls", {"/DIR"}), "A long name.text\nEMPTY\na long name~1.text\n");
+    expect_contents();
 }
 
 TEST_P(QvolCheck, TellsNamesThatAreNone) {
     const std::uint32_t dir = start_of("/DIR");
     put_slot(dir, 6, "\x1B[31m      ", 0x20);
-    expect_left({{"/DIR/$'\\x1b[31m': invalid short name: contains byte 0x1b", BY_HAND}});
+    expect_mended_by_default(
+        {{"/DIR/$'\\x1b[31m': invalid short name: contains byte 0x1b", BY_HAND}}, {"renamed"});
+    EXPECT_EQ(said("ls", {"/DIR"}), "A long name.text\nEMPTY\n_[31m\n");
 }
 
 TEST_P(QvolCheck, TellsShortNamesThatStandForALongNameWhichIsNotThere) {
@@ -905,17 +935,21 @@ TEST_P(QvolCheck, TellsShortNamesThatStandForALongNameWhichIsNotThere) {
     expect_healthy();
     poke(entry_offset("/A.TXT") + 12, "\x20");
     expect_judge_finds_something();
-    expect_left({{"/A.TXT" + at(start_of("/A.TXT")) +
-                      "invalid short name: case byte 0x20 requires a long name",
-                  BY_HAND}});
+    expect_mended_by_default({{"/A.TXT" + at(start_of("/A.TXT")) +
+                                   "invalid short name: case byte 0x20 requires a long name",
+                               BY_HAND}},
+                             {"renamed"});
+    expect_contents();
 }
 
 TEST_P(QvolCheck, TellsADirectoryThatContainsItself) {
     const std::uint32_t dir = start_of("/DIR");
     put_slot(dir, 6, "SELF       ", 0x10, dir);
     expect_judge_finds_something();
-    expect_left({{"/DIR/SELF" + at(dir) + "also belongs to /DIR",
-                  "not repaired: it is unknown which entry owns the clusters"}});
+    expect_mended_by_default({{"/DIR/SELF" + at(dir) + "also belongs to /DIR",
+                               "not repaired: it is unknown which entry owns the clusters"}},
+                             {"now an empty directory"});
+    EXPECT_EQ(said("ls", {"/DIR/SELF"}), "");
 }
 
 TEST_P(QvolCheck, TellsADirectoryThatTwoEntriesClaim) {
@@ -925,11 +959,21 @@ TEST_P(QvolCheck, TellsADirectoryThatTwoEntriesClaim) {
     put_slot(start_of("/AAA"), 2, "TWIN       ", 0x10, sub);
     expect_judge_finds_something();
     const std::uint32_t dir = start_of("/DIR");
-    expect_left({{"/AAA/TWIN" + at(sub) + "first cluster of \"..\" is " + number(dir) +
-                      ", should be " + number(start_of("/AAA")),
-                  "not repaired: this may not be a directory"},
-                 {"/DIR/SUB" + at(sub) + "also belongs to /AAA/TWIN",
-                  "not repaired: it is unknown which entry owns the clusters"}});
+    const std::vector<expected_finding> findings = {
+        {"/AAA/TWIN" + at(sub) + "first cluster of \"..\" is " + number(dir) + ", should be " +
+             number(start_of("/AAA")),
+         "not repaired: this may not be a directory"},
+        {"/DIR/SUB" + at(sub) + "also belongs to /AAA/TWIN",
+         "not repaired: it is unknown which entry owns the clusters"}};
+    expect_left(findings);
+    // The parent is the one that ".." leads to.
+    host_file("more/file", "content");
+    said("put", {scratch_.file("more") + "/.", "/DIR/SUB"});
+    EXPECT_EQ(qvol("check", {"--repair", "-q"}).status, 0);
+    expect_healthy();
+    expect_clean();
+    EXPECT_EQ(said("cat", {"/DIR/SUB/file"}), "content");
+    EXPECT_EQ(said("ls", {"/AAA/TWIN"}), "");
 }
 
 // A file that is taken for a directory holds bytes, not slots: they are not mended.

@@ -41,6 +41,7 @@ void sort_findings(survey *checked) {
 void run_all_checks(survey *checked) {
     check_areas(checked);
     check_directories(checked);
+    check_label(checked);
     check_files(checked);
     check_reserved_files(checked);
     check_fsinfo_counts(checked);
@@ -80,14 +81,15 @@ check_result result_of(const survey &checked) {
 // ---- the repair ----
 
 // Directories whose clusters another entry owns as well, or whose dot entries are missing, and the
-// entries below them: the slots may be the bytes of a file, so they are not changed. A parent comes
-// before its children.
+// entries below them: the slots may be the bytes of a file or belong elsewhere, so they are not
+// changed. A parent comes before its children.
 std::vector<bool> doubtful_nodes(const survey &checked) {
     std::vector<bool> doubtful(checked.nodes.size());
     for (u32 node = ROOT_NODE + 1; node < checked.nodes.size(); node++) {
         const tree_node &here = checked.nodes[node];
+        const bool is_certain = checked.extent == repair_extent::ALL && here.has_own_dots;
         doubtful[node] = here.is_doubtful || doubtful[here.parent] ||
-                         (here.is_shared && here.dentry.is_directory());
+                         (here.is_shared && here.dentry.is_directory() && !is_certain);
     }
     return doubtful;
 }

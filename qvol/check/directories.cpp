@@ -298,6 +298,9 @@ private:
             if (label.type() != kind::LABEL) {
                 continue;
             }
+            if (is_root() && !checked_->root_label) {
+                checked_->root_label = label.alias();
+            }
             if (!is_root() || label.start() != 0 || label.size() != 0) {
                 add_misplaced_label(space, label);
             } else if (!label.name.empty() && ++labels >= 2) {
@@ -331,9 +334,11 @@ private:
     void check_dots(const slot_space &space) {
         const dot dots[] = {{0, core::DOT_NAME, "\".\"", start()},
                             {1, core::DOT_DOT_NAME, "\"..\"", parent_link()}};
+        const std::size_t findings = checked_->findings.size();
         for (const dot &wanted : dots) {
             check_dot(space, wanted);
         }
+        checked_->nodes[node_].has_own_dots = checked_->findings.size() == findings;
     }
 
     void check_dot(const slot_space &space, const dot &wanted) {

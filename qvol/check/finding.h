@@ -89,6 +89,7 @@ inline constexpr finding_kind NO_ENTRIES{"directory-sector", UNKNOWN_DATA, damag
 inline constexpr finding_kind NO_ENTRY{"no-entry", "its original content is unknown",
                                        damage::CHAINS};
 inline constexpr finding_kind LABELS{"labels", "it is unknown which label is correct"};
+inline constexpr finding_kind BOOT_LABEL{"boot-label", "it is unknown which label is correct"};
 inline constexpr finding_kind LABEL_LOCATION{"label-place", "its original content is unknown",
                                              damage::CHAINS};
 inline constexpr finding_kind DUPLICATE_NAME{"duplicate-name", BY_HAND};

@@ -243,7 +243,7 @@ private:
     void mend_directory(const incomplete_chain &one, finding *about) {
         const bool has_clusters = one.claimed.last != 0;
         if (has_clusters ? !continue_directory(one, about) : !find_directory(one, about)) {
-            has_clusters ? cut_directory(one, about) : empty_directory(one, about);
+            has_clusters ? cut_directory(one, about) : empty_directory(one.node, about);
         }
     }
 
@@ -280,6 +280,9 @@ private:
             about->repair = [start](repair_plan *plan) { plan->end_chain(start); };
             return true;
         }
+        if (takes_directory(one, about)) {
+            return true;
+        }
         const u32 parent = node_of(one).parent;
         if (one.node == ROOT_NODE || without_cluster(parent) != 1) {
             return false;
@@ -287,6 +290,23 @@ private:
         const std::vector<u32> heads = lost_.directories_below(link_to(parent));
         return heads.size() == 1 && lost_.take_directory(heads.front()) &&
                complete_with(one, heads.front(), about);
+    }
+
+    // Its ".." leads to the parent of this entry, not to that of the other entry which has it.
+    bool takes_directory(const incomplete_chain &one, finding *about) {
+        const u32 start = one.claimed.at;
+        if (one.claimed.end != chain_end::SHARED || !is_own_start(one.node, start)) {
+            return false;
+        }
+        const u32 owner = checked_->owners.owner_of(start);
+        if (owner == ROOT_NODE || !is_directory(owner) || link_to(owner) != start ||
+            is_own_start(owner, start) || free_clusters() == 0) {
+            return false;
+        }
+        empty_directory(owner, about);
+        about->remedy = shown_path(*checked_, owner) + " is now an empty directory";
+        about->moves_chains = true;
+        return true;
     }
 
     [[nodiscard]] bool is_own_start(u32 node, u32 cluster) const {
@@ -315,8 +335,8 @@ private:
         about->repair = [last = one.claimed.last](repair_plan *plan) { plan->end_chain(last); };
     }
 
-    void empty_directory(const incomplete_chain &one, finding *about) {
-        if (one.node == ROOT_NODE) {
+    void empty_directory(u32 node, finding *about) {
+        if (node == ROOT_NODE) {
             return;
         }
         if (free_clusters() == 0) {
@@ -325,8 +345,10 @@ private:
         }
         (*free_clusters_)--;
         about->remedy = "now an empty directory";
-        about->repair = [location = node_of(one).location, parent = link_to(node_of(one).parent)](
-                            repair_plan *plan) { plan->make_directory(location, parent); };
+        about->repair = [location = checked_->nodes[node].location,
+                         parent = link_to(checked_->nodes[node].parent)](repair_plan *plan) {
+            plan->make_directory(location, parent);
+        };
     }
 
     // ---- slots past the end ----

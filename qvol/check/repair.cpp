@@ -145,10 +145,22 @@ void repair_plan::write_fixed_entries() {
     }
 }
 
+// Its offset in the boot sector.
+u32 repair_plan::extended_boot_record() const {
+    return vol_.on().is_wide() ? core::EBR_OFFSET_FAT32 : core::EBR_OFFSET_FAT16;
+}
+
+void repair_plan::write_boot_label() {
+    change_sector(vol_.on(), 0, [&](u8 *bytes) {
+        std::copy(boot_label_->begin(), boot_label_->end(),
+                  bytes + extended_boot_record() + core::EBR_VOLUME_LABEL.offset);
+    });
+}
+
 void repair_plan::clear_boot_flag() {
-    const u32 extended = vol_.on().is_wide() ? core::EBR_OFFSET_FAT32 : core::EBR_OFFSET_FAT16;
-    change_sector(vol_.on(), 0,
-                  [&](u8 *bytes) { core::store(bytes + extended, core::EBR_RESERVED, 0); });
+    change_sector(vol_.on(), 0, [&](u8 *bytes) {
+        core::store(bytes + extended_boot_record(), core::EBR_RESERVED, 0);
+    });
 }
 
 // Data is copied to free clusters before anything leads there. Directory entries drop their
@@ -170,6 +182,9 @@ u32 repair_plan::write(bool keeps_directories) {
         (void)vol_.fat().mirror();
     }
     write_fixed_entries();
+    if (boot_label_) {
+        write_boot_label();
+    }
     if (backup_sector_) {
         write_extent(vol_.on(), *backup_sector_, read_extent(vol_.on(), 0, 1));
     }

@@ -59,6 +59,9 @@ public:
     }
 
     // ---- the reserved sectors ----
+    void set_boot_label(const short_name &label) {
+        boot_label_ = label;
+    }
     void copy_boot_sector(u32 backup_sector) {
         backup_sector_ = backup_sector;
     }
@@ -79,6 +82,8 @@ private:
     void copy_data();
     void write_slots();
     void write_fixed_entries();
+    [[nodiscard]] u32 extended_boot_record() const;
+    void write_boot_label();
     void clear_boot_flag();
 
     // A changed range of bytes in a sector.
@@ -99,6 +104,7 @@ private:
     std::vector<lost_chain> kept_chains_;
     bool copies_first_fat_ = false;
     std::map<u32, u32> fixed_entries_;
+    std::optional<short_name> boot_label_;
     std::optional<u32> backup_sector_;
     std::optional<u32> fsinfo_sector_;
     bool sets_clean_ = false;

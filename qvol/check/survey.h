@@ -105,8 +105,9 @@ struct tree_node {
     core::slot_place location{}; // of its short entry
     u32 first_child = 0;
     u32 children = 0;
-    bool is_shared = false;   // another entry references clusters of this one
-    bool is_doubtful = false; // read as a directory, but may be a file
+    bool is_shared = false;    // another entry references clusters of this one
+    bool has_own_dots = false; // of a directory: both dot entries are right
+    bool is_doubtful = false;  // read as a directory, but may be a file
 };
 
 // A chain without end.
@@ -156,7 +157,8 @@ struct survey {
     std::vector<incomplete_chain> incomplete;
     std::vector<hidden_slots> hidden;
     std::vector<lost_chain> lost;
-    u32 used_clusters = 0; // by the entries of the tree
+    std::optional<short_name> root_label; // the first one in the root directory
+    u32 used_clusters = 0;                // by the entries of the tree
     repair_extent extent;
     bool frees_lost; // the repair does not keep lost clusters
 
@@ -179,6 +181,7 @@ inline constexpr u32 ROOT_NODE = 0;
 
 void check_areas(survey *checked); // boot sector, FSInfo, the first two FAT entries, FAT copies
 void check_directories(survey *checked);    // the tree, its names, the chains of directories
+void check_label(survey *checked);          // the one in the boot sector
 void check_files(survey *checked);          // the chains of files
 void check_reserved_files(survey *checked); // pool and log
 void check_lost_clusters(survey *checked);  // allocated clusters without an owner

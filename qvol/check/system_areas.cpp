@@ -72,6 +72,31 @@ void check_backup(survey *checked) {
         [sector](repair_plan *plan) { plan->copy_boot_sector(sector); });
 }
 
+// ---- label ----
+
+// What systems write that store no label.
+constexpr short_name NO_LABEL = {'N', 'O', ' ', 'N', 'A', 'M', 'E', ' ', ' ', ' ', ' '};
+
+std::string label_text(const short_name &label) {
+    std::string text(label.begin(), label.end());
+    text.erase(text.find_last_not_of(' ') + 1);
+    return text;
+}
+
+// As it is on the medium now.
+std::string boot_label(const survey &checked) {
+    const u32 extended = checked.on().is_wide() ? core::EBR_OFFSET_FAT32 : core::EBR_OFFSET_FAT16;
+    const std::vector<u8> sector = read_extent(checked.on(), 0, 1);
+    short_name label{};
+    std::copy_n(sector.begin() + extended + core::EBR_VOLUME_LABEL.offset, label.size(),
+                label.begin());
+    return label_text(label);
+}
+
+std::string shown_label(const std::string &label) {
+    return label.empty() ? "missing" : shown_bytes(label);
+}
+
 // ---- FSInfo ----
 
 bool has_fsinfo(const survey &checked) {
@@ -174,6 +199,30 @@ void check_copies(survey *checked) {
 }
 
 } // namespace
+
+// A formatter that stores a label in the boot sector alone leaves a blank one in the root.
+void check_label(survey *checked) {
+    const short_name in_root = checked->root_label.value_or(NO_LABEL);
+    const std::string root = label_text(in_root);
+    const std::string boot = boot_label(*checked);
+    const bool is_blank_in_root = checked->root_label && root.empty();
+    const bool is_none_in_boot = boot.empty() || boot == label_text(NO_LABEL);
+    if (is_blank_in_root || root == boot || (!checked->root_label && is_none_in_boot) ||
+        !checked->vol.boot().has_label_field) {
+        return;
+    }
+    add_finding(checked, found::BOOT_LABEL,
+                fmt::format("the volume label is {} in the boot sector, {} in the root directory",
+                            shown_label(boot), shown_label(checked->root_label ? root : "")),
+                "that of the root directory copied", [in_root, checked](repair_plan *plan) {
+                    plan->set_boot_label(in_root);
+                    const u32 backup = checked->vol.boot().backup_sector;
+                    if (is_sector_given(backup) && is_reserved(*checked, backup)) {
+                        plan->copy_boot_sector(backup);
+                    }
+                });
+    checked->findings.back().is_disputable = true;
+}
 
 void check_areas(survey *checked) {
     if (checked->vol.boot().fat_copies == 0) {
