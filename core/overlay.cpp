@@ -1,6 +1,5 @@
 #include "core/overlay.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -67,7 +66,7 @@ int overlay_medium::hold(u64 number, bool is_whole, u8 **content) {
     }
     if (!is_whole) {
         const u32 wanted = bytes_of(number);
-        const s64 moved = below_.read(number * unit_, {made.get(), wanted});
+        const s64 moved = read_below(number * unit_, {made.get(), wanted});
         if (moved != wanted) {
             return moved < 0 ? static_cast<int>(moved) : -EIO;
         }
@@ -82,6 +81,20 @@ int overlay_medium::hold(u64 number, bool is_whole, u8 **content) {
 }
 
 // ---- transfers --------------------------------------------------------------------------------
+
+// A grown medium has zeros past the end of the one below.
+s64 overlay_medium::read_below(u64 offset, std::span<u8> bytes) const {
+    if (grown_size_ == 0) {
+        return below_.read(offset, bytes);
+    }
+    const std::size_t present = bytes_within(below_.size(), offset, bytes.size());
+    const s64 moved = present != 0 ? below_.read(offset, bytes.first(present)) : 0;
+    if (moved != static_cast<s64>(present)) {
+        return moved;
+    }
+    std::fill(bytes.begin() + moved, bytes.end(), u8{0});
+    return static_cast<s64>(bytes.size());
+}
 
 s64 overlay_medium::read(u64 offset, std::span<u8> bytes) {
     bytes = bytes.first(bytes_within(size(), offset, bytes.size()));
@@ -98,7 +111,7 @@ s64 overlay_medium::read(u64 offset, std::span<u8> bytes) {
         while (count < bytes.size() - done && find((at + count) / unit_) == nullptr) {
             count += std::min<std::size_t>(unit_, bytes.size() - done - count);
         }
-        const s64 moved = below_.read(at, bytes.subspan(done, count));
+        const s64 moved = read_below(at, bytes.subspan(done, count));
         if (moved != static_cast<s64>(count)) {
             return moved < 0 ? moved : static_cast<s64>(done) + moved;
         }
@@ -108,6 +121,9 @@ s64 overlay_medium::read(u64 offset, std::span<u8> bytes) {
 }
 
 s64 overlay_medium::write(u64 offset, std::span<const u8> bytes) {
+    if (grows_) {
+        grown_size_ = std::max(grown_size_, std::min(offset + bytes.size(), end_));
+    }
     bytes = bytes.first(bytes_within(size(), offset, bytes.size()));
     for (std::size_t done = 0; done < bytes.size();) {
         const u64 at = offset + done;
@@ -180,6 +196,7 @@ void overlay_medium::drop() {
         std::free(unit.content);
     }
     held_.clear();
+    grown_size_ = 0;
     index_.reset();
     index_size_ = 0;
 }

@@ -5,6 +5,8 @@
 #include "core/medium.h"
 #include "core/resources.h"
 
+#include <algorithm>
+
 namespace core {
 
 // Memory is taken for the units that were written, not for the medium. An overlay over an overlay
@@ -19,11 +21,17 @@ public:
         drop();
     }
 
+    // From now on writes past the end extend the medium, as they do an image file. Bytes between
+    // its old end and them read as zeros.
+    void allow_growth() {
+        grows_ = true;
+    }
+
     s64 read(u64 offset, std::span<u8> bytes) override;
     s64 write(u64 offset, std::span<const u8> bytes) override;
     int flush() override; // of the medium below: held changes are not durable
     [[nodiscard]] u64 size() const override {
-        return below_.size();
+        return std::max(below_.size(), grown_size_);
     }
 
     // Writes the changes to the medium below in ascending order, neighbours in one transfer.
@@ -42,6 +50,7 @@ private:
     };
 
     [[nodiscard]] u32 bytes_of(u64 number) const;
+    [[nodiscard]] s64 read_below(u64 offset, std::span<u8> bytes) const;
     [[nodiscard]] u32 *slot_of(u64 number) const;
     [[nodiscard]] u8 *find(u64 number) const;
     [[nodiscard]] int hold(u64 number, bool is_whole, u8 **content);
@@ -52,6 +61,8 @@ private:
     medium &below_;
     u32 unit_;
     u64 end_;
+    bool grows_ = false;
+    u64 grown_size_ = 0; // 0: not grown
     record_list<held_unit> held_;
     heap_ptr<u32> index_; // a hash table: position in held_ plus 1, or 0
     u32 index_size_ = 0;  // a power of 2, or 0

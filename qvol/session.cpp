@@ -202,6 +202,9 @@ backup_boot_sector::backup_boot_sector(target *where)
 
 backup_boot_sector::backup_boot_sector(target *where, const std::vector<u8> &backup)
     : medium_(where->medium(), static_cast<u32>(backup.size())), replaced_(where, &medium_) {
+    if (!where->has_fixed_size()) {
+        medium_.allow_growth();
+    }
     if (medium_.write(0, backup) != static_cast<core::s64>(backup.size())) {
         throw system_failure("read " + shown_bytes(where->path()), ENOMEM);
     }

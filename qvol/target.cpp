@@ -276,7 +276,8 @@ u64 target::present_bytes() const {
         return size_;
     }
     const u64 now = static_cast<u64>(status_of(descriptor(), name_).st_size);
-    return is_part() ? std::min(size_, now - std::min(now, offset_)) : now;
+    return is_part() ? std::min(size_, now - std::min(now, offset_))
+                     : std::max(now, medium_->size());
 }
 
 bool target::is_device() const {

@@ -67,7 +67,7 @@ public:
     [[nodiscard]] u64 offset_on_disk() const;
 
     // The bytes that exist now: a partition can end past a truncated image, and writes extend an
-    // image that was cut to its content.
+    // image that was cut to its content, also in memory.
     [[nodiscard]] u64 present_bytes() const;
 
     [[nodiscard]] bool is_part() const {

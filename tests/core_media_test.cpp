@@ -179,6 +179,29 @@ TEST(Overlay, PassesOnWritesPastItsEnd) {
     EXPECT_EQ(static_cast<u32>(std::count(below.begin(), below.end(), 5)), 3 * UNIT);
 }
 
+// As an image file does: bytes between its old end and a write past it are zeros.
+TEST(Overlay, GrowsOnlyIfItMay) {
+    bytes below(UNIT + 100, 1);
+    memory_medium memory(below);
+    overlay_medium fixed(memory, UNIT);
+    EXPECT_EQ(fixed.write(UNIT + 90, bytes(20, 2)), 10);
+    EXPECT_EQ(fixed.write(3 * UNIT, bytes(20, 2)), 0);
+    EXPECT_EQ(fixed.size(), below.size());
+
+    overlay_medium growing(memory, UNIT);
+    growing.allow_growth();
+    EXPECT_EQ(growing.write(3 * UNIT + 5, bytes(20, 2)), 20);
+    EXPECT_EQ(growing.write(2 * UNIT + 5, bytes(1, 3)), 1);
+    bytes expected = below;
+    expected.resize(3 * UNIT + 25);
+    expected[2 * UNIT + 5] = 3;
+    std::fill(expected.begin() + 3 * UNIT + 5, expected.end(), u8{2});
+    EXPECT_EQ(growing.size(), expected.size());
+    EXPECT_EQ(read_all(growing), expected);
+    growing.drop();
+    EXPECT_EQ(read_all(growing), below);
+}
+
 TEST(Overlay, HoldsItsChangesAfterAFailure) {
     bytes below(2 * UNIT);
     memory_medium memory(below);

@@ -1197,6 +1197,17 @@ TEST_P(QvolCheck, ADryRunShowsWhatARepairWouldDo) {
     EXPECT_EQ(qvol("check", {"--repair", "--dry-run", "-q"}), (outcome{0, "", ""}));
 }
 
+// An image that was cut to its content has no space for what the repair stores.
+TEST_P(QvolCheck, ADryRunExtendsACutImageInMemory) {
+    set_link(start_of("/DIR/A long name.text") + 2, end_mark());
+    said("compact");
+    const std::uintmax_t size = std::filesystem::file_size(image_);
+    const json tried = json::parse(qvol("check", {"--repair", "--dry-run", "--json"}).out);
+    EXPECT_EQ(std::filesystem::file_size(image_), size);
+    EXPECT_EQ(json::parse(said("check", {"--repair", "--json"})), tried);
+    EXPECT_GT(std::filesystem::file_size(image_), size);
+}
+
 TEST_P(QvolCheck, AnUndoFileTakesTheRepairBack) {
     const std::string undo = scratch_.file("undo");
     said("check", {"--repair", "--undo", undo});

@@ -153,6 +153,9 @@ int run_check(const common_options &common, const check_options &options) {
     core::overlay_medium tried(where.medium(), core::MIN_SECTOR_SIZE);
     std::optional<replaced_medium> dry_run;
     if (options.is_dry_run) {
+        if (!where.has_fixed_size()) {
+            tried.allow_growth();
+        }
         dry_run.emplace(&where, &tried);
     }
     const std::string undo = undo_file(options, where);
