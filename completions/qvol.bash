@@ -45,7 +45,7 @@ _qvol_argument() {
     case $1:$2 in
     *:1) echo files ;;
     dump:2) echo cluster fat file ;;
-    dump:* | get:3 | put:* | undo:*) echo files ;;
+    dump:* | get:3 | put:* | salvage:2 | undo:*) echo files ;;
     *) echo any ;;
     esac
 }
@@ -105,7 +105,7 @@ _qvol() {
         _qvol_offer "$typed" --help -h --version
     elif [[ -z $command ]]; then
         _qvol_offer "$typed" build cat check compact disk dump fastpath get info ln log ls map \
-            mirror mkdir mv owner pool put rm stat tree undo
+            mirror mkdir mv owner pool put rm salvage stat tree undo
     elif values=$(_qvol_values "$before" "$command"); then
         _qvol_offer "$typed" $values
     elif [[ $typed == -* ]]; then

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <fmt/core.h>
 #include <stdio.h>
@@ -192,6 +193,21 @@ void host_directory::make_link(const std::string &name, bool replaces,
     });
     made.set_modified(modified);
     made.commit();
+}
+
+bool host_directory::is_empty() const {
+    const int fd = openat(fd_->get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const std::unique_ptr<DIR, int (*)(DIR *)> listed(fd < 0 ? nullptr : fdopendir(fd), closedir);
+    if (listed == nullptr) {
+        throw system_failure("read directory " + shown_bytes(path_));
+    }
+    for (const dirent *found = readdir(listed.get()); found != nullptr;
+         found = readdir(listed.get())) {
+        if (std::string_view(found->d_name) != "." && std::string_view(found->d_name) != "..") {
+            return false;
+        }
+    }
+    return true;
 }
 
 bool host_directory::is_too_long(const std::string &name) const {

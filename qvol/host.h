@@ -37,6 +37,8 @@ public:
     void make_link(const std::string &name, bool replaces, std::optional<time_t> modified,
                    const std::string &target) const;
 
+    [[nodiscard]] bool is_empty() const;
+
     // Whether the file system of this directory refuses the name as too long.
     [[nodiscard]] bool is_too_long(const std::string &name) const;
 

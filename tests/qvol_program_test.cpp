@@ -44,9 +44,9 @@ TEST(QvolCommandLine, TellsItsVersion) {
 
 TEST(QvolCommandLine, HelpsWithExamplesForEveryCommand) {
     for (const char *command :
-         {"build",    "info",  "ls",   "tree", "stat",  "cat",    "get",
-          "put",      "mkdir", "mv",   "ln",   "rm",    "pool",   "log",
-          "fastpath", "owner", "dump", "map",  "check", "mirror", "compact"}) {
+         {"build", "info", "ls",    "tree",    "stat",   "cat",    "get",      "put",
+          "mkdir", "mv",   "ln",    "rm",      "pool",   "log",    "fastpath", "owner",
+          "dump",  "map",  "check", "salvage", "mirror", "compact"}) {
         const outcome help = run_qvol({command, "--help"});
         EXPECT_EQ(help.status, 0) << command;
         EXPECT_NE(help.out.find("Examples:\n  qvol " + std::string(command)), std::string::npos)

@@ -13,6 +13,7 @@ void add_tree(command_line *commands);
 void add_stat(command_line *commands);
 void add_cat(command_line *commands);
 void add_get(command_line *commands);
+void add_salvage(command_line *commands);
 void add_fastpath(command_line *commands);
 void add_owner(command_line *commands);
 void add_dump(command_line *commands);
@@ -43,18 +44,18 @@ struct command_entry {
 
 // All of them, in the order of the help.
 inline constexpr command_entry ALL_COMMANDS[] = {
-    {"build", add_build},     {"disk", add_disk},
-    {"info", add_info},       {"ls", add_ls},
-    {"tree", add_tree},       {"stat", add_stat},
-    {"cat", add_cat},         {"get", add_get},
-    {"put", add_put},         {"mkdir", add_mkdir},
-    {"mv", add_mv},           {"ln", add_ln},
-    {"rm", add_rm},           {"pool", add_pool},
-    {"log", add_log},         {"fastpath", add_fastpath},
-    {"owner", add_owner},     {"dump", add_dump},
-    {"map", add_map},         {"check", add_check},
-    {"undo", add_undo},       {"mirror", add_mirror},
-    {"compact", add_compact},
+    {"build", add_build},   {"disk", add_disk},
+    {"info", add_info},     {"ls", add_ls},
+    {"tree", add_tree},     {"stat", add_stat},
+    {"cat", add_cat},       {"get", add_get},
+    {"put", add_put},       {"mkdir", add_mkdir},
+    {"mv", add_mv},         {"ln", add_ln},
+    {"rm", add_rm},         {"pool", add_pool},
+    {"log", add_log},       {"fastpath", add_fastpath},
+    {"owner", add_owner},   {"dump", add_dump},
+    {"map", add_map},       {"check", add_check},
+    {"undo", add_undo},     {"salvage", add_salvage},
+    {"mirror", add_mirror}, {"compact", add_compact},
 };
 
 } // namespace qvol

@@ -5,8 +5,8 @@
 
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
+#include "qvol/extraction.h"
 #include "qvol/file_data.h"
-#include "qvol/host.h"
 #include "qvol/progress.h"
 #include "qvol/tree_walk.h"
 
@@ -44,8 +44,8 @@ std::optional<std::string> problem_of(const volume &vol, const entry &found,
     if (problem) {
         return problem;
     }
-    const std::optional<std::string> name = vol.names().to_host(found.name);
-    if (!name || name->find_first_of(std::string_view("/\0", 2)) != name->npos) {
+    const std::optional<std::string> name = host_name_of(vol.names(), found.name);
+    if (!name) {
         return "not representable in the name encoding";
     }
     if (!has_new_name && into.is_too_long(*name)) {
@@ -166,8 +166,12 @@ private:
     void make(const host_directory &into, const std::string &name, const name_path &path,
               const entry &found) {
         try {
-            found.type() == kind::LINK ? make_link(into, name, found)
-                                       : make_file(into, name, found);
+            if (found.type() == kind::LINK) {
+                extract_link(vol_, into, name, is_forced_, found);
+                totals_.links++;
+            } else {
+                make_file(into, name, found);
+            }
         } catch (const error &why) {
             throw error("cannot copy " + shown_path(vol_.names(), path) + ": " + why.what());
         }
@@ -184,15 +188,6 @@ private:
             });
         totals_.files++;
         totals_.bytes += found.size();
-    }
-
-    void make_link(const host_directory &into, const std::string &name, const entry &found) {
-        const std::string target = link_target(vol_, found);
-        if (target.empty() || target.find('\0') != std::string::npos) {
-            throw error("the link target cannot be created on this system");
-        }
-        into.make_link(name, is_forced_, moment_of(found.modified()), target);
-        totals_.links++;
     }
 
     volume &vol_;
