@@ -17,6 +17,7 @@ _qvol_options() {
     mkdir) echo --parents -p ;;
     put) echo --force -f --skip-special ;;
     rm) echo --recursive -r ;;
+    salvage) echo --deleted ;;
     esac
 }
 

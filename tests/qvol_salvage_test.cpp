@@ -218,3 +218,112 @@ TEST_P(QvolSalvage, AnImageThatWasCutIsExtendedInMemory) {
     EXPECT_EQ(salvage().status, 1);
     EXPECT_TRUE(fs::exists(saved_ + "/lost+found/FILE00001.CHK"));
 }
+
+// ---- removed files ----------------------------------------------------------------------------
+
+// Names with long-name slots are complete; the first character of the others is lost.
+TEST_P(QvolSalvage, RemovedFilesThatAreContiguousAreWhole) {
+    said("ln", {"target", "/DIR/a link"});
+    said("rm", {"/DIR/A long name.text", "/DIR/EMPTY", "/DIR/a link", "/A.TXT"});
+    EXPECT_EQ(salvage(), (outcome{0, "1 file, 1 directory, 0 links, 1000 bytes: 2 certain\n", ""}));
+    const json document = salvaged({"--deleted"});
+    EXPECT_EQ(saved("/deleted/DIR/A long name.text"), contents_["/DIR/A long name.text"]);
+    EXPECT_EQ(saved("/deleted/DIR/_MPTY"), "");
+    EXPECT_EQ(saved("/deleted/_.TXT"), contents_["/A.TXT"]);
+    EXPECT_EQ(fs::read_symlink(saved_ + "/deleted/DIR/a link"), "target");
+    for (const char *path : {"/DIR/A long name.text", "/DIR/_MPTY", "/_.TXT", "/DIR/a link"}) {
+        const json one = entry_of(document, path);
+        EXPECT_EQ(one["state"], "deleted") << one;
+        EXPECT_EQ(one["confidence"], "whole") << one;
+    }
+    EXPECT_EQ(entry_of(document, "/_.TXT")["reasons"][0],
+              "the first character of its name is lost");
+    EXPECT_EQ(salvage({"--deleted"}).status, 1);
+}
+
+TEST_P(QvolSalvage, ARemovedFileIsPiecedTogetherAroundAnother) {
+    said("put", {host_file("X.BIN", "x"), host_file("Y.BIN", "y"), "/"});
+    const std::uint32_t first = start_of("/X.BIN");
+    said("rm", {"/X.BIN"});
+    std::string content(1500, 'z');
+    content.replace(512, 512, std::string(512, 'Z'));
+    said("put", {host_file("Z.BIN", content), "/"}); // takes the slot and the cluster of X.BIN
+    EXPECT_EQ(start_of("/Z.BIN"), first);
+    said("rm", {"/Z.BIN"});
+    const json one = entry_of(salvaged({"--deleted"}), "/_.BIN");
+    EXPECT_EQ(saved("/deleted/_.BIN"), content);
+    EXPECT_EQ(one["confidence"], "pieced");
+    const std::string text =
+        std::to_string(first) + ", " + std::to_string(first + 2) + "-" + std::to_string(first + 3);
+    EXPECT_EQ(one["reasons"].back(),
+              "free clusters " + text + ", in the order in which clusters are allocated");
+}
+
+TEST_P(QvolSalvage, ARemovedFileWhoseStartIsInUseIsGone) {
+    const std::uint32_t start = start_of("/A.TXT");
+    said("rm", {"/A.TXT"});
+    said("put", {host_file("NEW.TXT", std::string(1500, 'n')), "/DIR"});
+    ASSERT_EQ(start_of("/DIR/NEW.TXT"), start);
+    const outcome result = salvage({"--deleted"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.out.find("/_.TXT: deleted, gone: the first character of its name is lost; its "
+                              "first cluster, " +
+                              std::to_string(start) + ", belongs to /DIR/NEW.TXT\n"),
+              std::string::npos)
+        << result;
+    EXPECT_TRUE(result.out.ends_with("5 certain, 1 deleted (1 of them gone)\n")) << result;
+    EXPECT_FALSE(fs::exists(saved_ + "/deleted"));
+}
+
+TEST_P(QvolSalvage, RemovedFilesThatClaimTheSameClustersAreContested) {
+    const std::uint32_t start = start_of("/A.TXT");
+    said("rm", {"/A.TXT"});
+    put_slot(start_of("/DIR"), 6, "\xE5THER   TXT", 0x20, start + 1, 600);
+    const json document = salvaged({"--deleted"});
+    EXPECT_EQ(entry_of(document, "/_.TXT")["confidence"], "contested");
+    const json other = entry_of(document, "/DIR/_THER.TXT");
+    EXPECT_EQ(other["confidence"], "contested");
+    EXPECT_NE(other["reasons"].back().get<std::string>().find("/_.TXT may have had some"),
+              std::string::npos)
+        << other;
+    EXPECT_EQ(saved("/deleted/_.TXT"), contents_["/A.TXT"]);
+}
+
+TEST_P(QvolSalvage, RemovedDirectoriesComeWithTheirFiles) {
+    said("rm", {"-r", "/DIR"});
+    const json document = salvaged({"--deleted"});
+    EXPECT_EQ(saved("/deleted/_IR/A long name.text"), contents_["/DIR/A long name.text"]);
+    EXPECT_EQ(entry_of(document, "/_IR")["confidence"], "whole");
+    EXPECT_EQ(entry_of(document, "/_IR/A long name.text")["confidence"], "whole");
+}
+
+// The repair in memory stores its directory in the first free cluster: that of the removed file.
+TEST_P(QvolSalvage, TheRepairHidesNoRemovedFile) {
+    said("rm", {"/A.TXT"});
+    set_link(FREE_CLUSTER, end_mark());
+    const json document = salvaged({"--deleted"});
+    EXPECT_EQ(entry_of(document, "/_.TXT")["confidence"], "whole");
+    EXPECT_EQ(saved("/deleted/_.TXT"), contents_["/A.TXT"]);
+    EXPECT_TRUE(fs::exists(saved_ + "/lost+found/FILE00001.CHK"));
+}
+
+// Entries that claim all of the volume, and directories that lead to each other.
+TEST_P(QvolSalvage, HostileRemovedEntriesEnd) {
+    const std::uint32_t dir = start_of("/DIR");
+    for (std::uint32_t slot = 6; slot < 12; slot++) {
+        put_slot(dir, slot, "\xE5ILE" + std::to_string(slot + 10) + "  BIN", 0x20, FREE_CLUSTER,
+                 (total_clusters() - FREE_CLUSTER) * 512 - slot);
+    }
+    put_slot(dir, 12,
+             "\xE5"
+             "A         ",
+             0x10, FREE_CLUSTER + 1);
+    put_slot(FREE_CLUSTER + 1, 0, ".          ", 0x10, FREE_CLUSTER + 1);
+    put_slot(FREE_CLUSTER + 1, 1, "..         ", 0x10, 0);
+    put_slot(FREE_CLUSTER + 1, 2, "B          ", 0x10, FREE_CLUSTER + 1);
+    const json document = salvaged({"--deleted"});
+    EXPECT_EQ(entry_of(document, "/DIR/_A/B")["confidence"], "gone");
+    EXPECT_EQ(entry_of(document, "/DIR/_ILE17.BIN")["state"], "not-copied");
+    EXPECT_LT(document["totals"]["bytes"], 2 * std::uint64_t{total_clusters()} * 512);
+    expect_saved();
+}

@@ -8,7 +8,7 @@
 #include "qvol/check/recovery.h"
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
-#include "qvol/salvage/tree.h"
+#include "qvol/salvage/removed.h"
 
 #include <algorithm>
 
@@ -18,6 +18,7 @@ namespace {
 
 struct salvage_options {
     std::string destination;
+    bool takes_deleted = false;
 };
 
 void refuse_content(const std::string &path) {
@@ -87,8 +88,15 @@ int run_salvage(const common_options &common, const salvage_options &options) {
     count_lost(found.findings, &report);
     progress bar("salvage", u64{found.used_clusters} * vol.on().cluster_bytes(),
                  common.out.is_quiet);
-    tree_salvage tree({vol, original, found.findings}, &report, &bar);
+    const salvage_source source = {vol, original, found.findings};
+    tree_salvage tree(source, &report, &bar);
+    if (options.takes_deleted) {
+        tree.reserve(u"deleted");
+    }
     tree.copy(open_destination(options.destination));
+    if (options.takes_deleted) {
+        removed_salvage(source, tree, &report).copy(open_destination(options.destination));
+    }
     print_report(common.out, report);
     return report.is_certain() ? EXIT_DONE : EXIT_FAILED;
 }
@@ -98,9 +106,11 @@ int run_salvage(const common_options &common, const salvage_options &options) {
 void add_salvage(command_line *commands) {
     const auto [salvage, options] =
         commands->add({"salvage", "Copy everything that can be found out of a damaged volume",
-                       "  qvol salvage flash.img saved"},
+                       "  qvol salvage flash.img saved\n"
+                       "  qvol salvage --deleted flash.img everything"},
                       run_salvage);
     salvage.value("DEST", &options->destination, "New or empty directory to copy into").required();
+    salvage.flag("--deleted", &options->takes_deleted, "Take removed files as well");
 }
 
 } // namespace qvol

@@ -2,6 +2,7 @@
 
 #include "core/chain.h"
 #include "qvol/file_data.h"
+#include "qvol/output.h"
 #include "qvol/sectors.h"
 
 #include <algorithm>
@@ -99,6 +100,10 @@ u64 copy_content(const core::volume &on, std::span<const u32> clusters, u64 size
         throw error("none of its sectors can be read");
     }
     return unreadable;
+}
+
+std::string unreadable_text(u64 sectors) {
+    return counted(sectors, "sector", "sectors") + " cannot be read and are zeros";
 }
 
 } // namespace qvol

@@ -25,4 +25,7 @@ struct found_content {
 u64 copy_content(const core::volume &on, std::span<const u32> clusters, u64 size,
                  const write_piece &write);
 
+// "2 sectors cannot be read and are zeros"
+[[nodiscard]] std::string unreadable_text(u64 sectors);
+
 } // namespace qvol

@@ -1,7 +1,5 @@
 #include "qvol/salvage/report.h"
 
-#include "qvol/names.h"
-
 #include <algorithm>
 
 #include <fmt/core.h>
@@ -73,7 +71,11 @@ std::string summary_of(const salvage_report &report) {
             separator = ", ";
         }
     }
-    return text;
+    const auto gone =
+        std::count_if(report.entries.begin(), report.entries.end(), [](const auto &one) {
+            return one.state == certainty::DELETED && one.host_path.empty();
+        });
+    return gone != 0 ? fmt::format("{} ({} of them gone)", text, gone) : text;
 }
 
 json texts_json(const std::vector<std::string> &texts) {

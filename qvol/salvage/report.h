@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include "qvol/names.h"
 #include "qvol/output.h"
 
 #include <string>
@@ -26,6 +27,11 @@ struct salvaged_entry {
     std::string confidence; // of a removed entry
     std::vector<std::string> reasons;
     bool is_renamed = false; // the host cannot have its name
+
+    // Its path, or what it has instead, for messages.
+    [[nodiscard]] std::string title() const {
+        return shown_path.empty() ? shown_bytes(host_path) : shown_path;
+    }
 
     void guess(const std::string &reason) {
         state = state == certainty::CERTAIN ? certainty::GUESSED : state;

@@ -33,6 +33,7 @@ bool is_found_name(std::u16string_view name) {
 tree_salvage::tree_salvage(const salvage_source &from, salvage_report *report, progress *bar)
     : vol_(from.vol), original_(from.original), report_(*report), bar_(*bar),
       are_areas_in_doubt_(!from.vol.contradictions().empty()),
+      root_names_(std::make_shared<safe_names>(from.vol.names())),
       lost_names_(std::make_shared<safe_names>(from.vol.names())),
       clusters_left_(from.vol.on().at.clusters) {
     for (const reported_finding &one : from.findings) {
@@ -43,8 +44,7 @@ tree_salvage::tree_salvage(const salvage_source &from, salvage_report *report, p
 }
 
 void tree_salvage::copy(host_directory into) {
-    const auto names = std::make_shared<safe_names>(vol_.names());
-    open_.push_back({std::move(into), "", names, std::nullopt, 0, false});
+    open_.push_back({std::move(into), "", root_names_, std::nullopt, 0, false});
     try {
         root_.emplace(vol_.root());
     } catch (const error &why) {
@@ -52,11 +52,13 @@ void tree_salvage::copy(host_directory into) {
         report_.is_complete = false;
         return;
     }
-    const std::vector<entry> entries = listed_entries(*root_);
-    if (std::any_of(entries.begin(), entries.end(),
-                    [this](const entry &found) { return is_made_by_repair(found); })) {
-        names->reserve(u"lost+found");
+    for (const entry &found : listed_entries(*root_)) {
+        if (is_made_by_repair(found)) {
+            made_by_repair_.push_back(found.start());
+            reserve(u"lost+found");
+        }
     }
+    directories_.push_back({{}, directory::ROOT, ""});
     walk();
 }
 
@@ -82,7 +84,7 @@ bool tree_salvage::visit(const name_path &path, const entry &found) {
     report_.entries.push_back(describe(path, found, name));
     is_shared_.resize(report_.entries.size());
     if (found.is_directory()) {
-        return enter(name, found);
+        return enter(path, name, found);
     }
     copy_entry(name, found, &report_.entries.back());
     return false;
@@ -148,7 +150,7 @@ void tree_salvage::copy_file(const std::string &name, const entry &found, salvag
             fmt::format("{}: the first {} of {} bytes", content.problem, size, found.size()));
     }
     if (unreadable != 0) {
-        result->guess(counted(unreadable, "sector", "sectors") + " cannot be read and are zeros");
+        result->guess(unreadable_text(unreadable));
     }
     claim(content.clusters);
 }
@@ -179,13 +181,16 @@ void tree_salvage::share(std::size_t one, std::size_t other) {
 
 // ---- directories ----
 
-bool tree_salvage::enter(const std::string &name, const entry &found) {
+bool tree_salvage::enter(const name_path &path, const std::string &name, const entry &found) {
     const open_level &here = open_.back();
     const std::size_t report = report_.entries.size() - 1;
     try {
         open_.push_back({here.dir.enter(name), here.host_path + name + '/',
                          std::make_shared<safe_names>(vol_.names()), moment_of(found.modified()),
                          report, here.is_lost});
+        if (!open_.back().is_lost) {
+            directories_.push_back({path, found.start(), open_.back().host_path});
+        }
         return true;
     } catch (const error &why) {
         report_.entries[report].fail(why.what());

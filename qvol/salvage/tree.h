@@ -19,12 +19,40 @@ struct salvage_source {
     const std::vector<reported_finding> &findings;
 };
 
+// A directory of the volume that was copied.
+struct copied_directory {
+    name_path path;
+    u32 start;             // first cluster, as the constructor of directory takes it
+    std::string host_path; // below the destination, with a slash at its end; "": the root
+};
+
 class tree_salvage {
 public:
     tree_salvage(const salvage_source &from, salvage_report *report, progress *bar);
 
+    // No entry of the root gets this name.
+    void reserve(std::u16string_view name) {
+        root_names_->reserve(name);
+    }
+
     // Copies everything into an empty directory of the host.
     void copy(host_directory into);
+
+    // The directories that were read, parents first, but not what was lost.
+    [[nodiscard]] const std::vector<copied_directory> &directories() const {
+        return directories_;
+    }
+
+    // The first clusters of those that the repair has made.
+    [[nodiscard]] const std::vector<u32> &made_by_repair() const {
+        return made_by_repair_;
+    }
+
+    // The entry that the cluster was copied for, or null.
+    [[nodiscard]] const salvaged_entry *owner_of(u32 cluster) const {
+        const u32 owner = owners_.get(cluster);
+        return owner != 0 ? &report_.entries[owner - 1] : nullptr;
+    }
 
 private:
     // A directory that is being copied.
@@ -41,7 +69,7 @@ private:
     bool visit(const name_path &path, const entry &found);
     void copy_entry(const std::string &name, const entry &found, salvaged_entry *result);
     void copy_file(const std::string &name, const entry &found, salvaged_entry *result);
-    bool enter(const std::string &name, const entry &found);
+    bool enter(const name_path &path, const std::string &name, const entry &found);
     void enter_lost_and_found();
     void leave();
     [[nodiscard]] salvaged_entry describe(const name_path &path, const entry &found,
@@ -58,6 +86,9 @@ private:
     bool are_areas_in_doubt_;
     std::optional<directory> root_;
     std::vector<open_level> open_;
+    std::vector<copied_directory> directories_;
+    std::vector<u32> made_by_repair_;
+    std::shared_ptr<safe_names> root_names_;
     std::shared_ptr<safe_names> lost_names_; // of all directories that the repair has made
     cluster_map owners_;                     // indices of entries, plus 1
     std::vector<bool> is_shared_;            // by the index of an entry
