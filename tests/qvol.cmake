@@ -50,6 +50,9 @@ test_program(qvol_tests LONG RUNS_PROGRAMS SHARDS 2 SOURCES qvol_build_stop_test
              qvol_salvage_test
              DEFINITIONS ${qvol_definitions} LIBRARIES nlohmann_json::nlohmann_json
              NEEDS ${qvol_programs})
+test_program(qvol_damage_tests LONG RUNS_PROGRAMS OPTIMISED qvol_damage_test
+             DEFINITIONS ${qvol_definitions} LIBRARIES nlohmann_json::nlohmann_json
+             NEEDS ${qvol_programs})
 if(deep_stage)
   add_test(NAME deep.qvol_check
            COMMAND ${CMAKE_COMMAND} -E env QUORVEL_DEEP_TESTS=1 $<TARGET_FILE:qvol_tests>
