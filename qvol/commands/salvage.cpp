@@ -40,7 +40,7 @@ host_directory open_destination(const std::string &path) {
 // read, what it has done so far counts: the order of its writes allows that.
 check_result repair_in_memory(const common_options &common, target *where, salvage_report *report) {
     try {
-        return repair_target(where, common.encoding, false);
+        return repair_target(where, common.encoding, {});
     } catch (const error &why) {
         report->notes.push_back(std::string("not repaired before it was copied: ") + why.what());
         report->is_complete = false;
