@@ -134,6 +134,7 @@ void check_tail(survey *checked, const file_tail &file) {
                        : "chain cut to the file size, the rest stored in a FOUND directory";
     found.repair = cut_to_size(checked->nodes[file.node], file.needed, tail, checked->frees_lost);
     found.is_disputable = true;
+    found.waits = true;
     checked->add(std::move(found));
 }
 
@@ -154,14 +155,16 @@ void cluster_owners::claim(u32 cluster) {
     }
 }
 
-void cluster_owners::drop_chain() {
-    const owned_chain &dropped = chains_.back();
-    u32 cluster = dropped.start;
-    for (u32 done = 0; done < dropped.count; done++) {
-        cluster = done == 0 ? dropped.start : table_.get(cluster);
-        owned_[cluster / PAGE_CLUSTERS]->reset(cluster % PAGE_CLUSTERS);
+void cluster_owners::shorten_chain(u32 count) {
+    owned_chain &chain = chains_.back();
+    u32 cluster = chain.start;
+    for (u32 done = 0; done < chain.count; done++) {
+        cluster = done == 0 ? chain.start : table_.get(cluster);
+        if (done >= count) {
+            owned_[cluster / PAGE_CLUSTERS]->reset(cluster % PAGE_CLUSTERS);
+        }
     }
-    chains_.pop_back();
+    chain.count = count;
 }
 
 // Reads no FAT entry that was not read for the chain.
@@ -240,6 +243,17 @@ claimed_chain claim_tail(survey *checked, u32 node, const claimed_chain &head) {
     return chain;
 }
 
+void shorten_chain(survey *checked, claimed_chain *chain, const std::vector<u32> &clusters,
+                   u32 count) {
+    checked->owners.shorten_chain(count);
+    checked->used_clusters -= chain->count - count;
+    chain->count = count;
+    chain->last = count == 0 ? 0 : clusters.at(count - 1);
+    chain->at = clusters.at(count);
+    chain->end = chain_end::OTHER;
+    chain->past_image = 0;
+}
+
 std::vector<u32> claimed_clusters(fat_table *table, u32 start, u32 count) {
     std::vector<u32> clusters;
     for (u32 cluster = start; clusters.size() < count; cluster = table->get(cluster)) {
@@ -259,6 +273,8 @@ finding broken_chain(survey *checked, u32 node, const claimed_chain &chain) {
                 fmt::format("links back to cluster {} of the same chain", chain.at), ""};
     case chain_end::SHARED:
         return shared_chain(checked, node, chain);
+    case chain_end::OTHER:
+        return {&found::NOT_DIRECTORY, node, chain.at, "the cluster holds no directory", ""};
     default:
         return unlinked_chain(node, chain);
     }

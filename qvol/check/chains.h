@@ -13,6 +13,10 @@ namespace qvol {
 // Claims the rest of a chain that ended at its limit.
 [[nodiscard]] claimed_chain claim_tail(survey *checked, u32 node, const claimed_chain &head);
 
+// Gives up the clusters of the last claimed chain after the first `count`, which hold other data.
+void shorten_chain(survey *checked, claimed_chain *chain, const std::vector<u32> &clusters,
+                   u32 count);
+
 // Image files may end after their last cluster in use.
 [[nodiscard]] bool is_in_image(const survey &checked, u32 cluster);
 

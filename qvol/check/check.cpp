@@ -73,6 +73,10 @@ check_result result_of(const survey &checked) {
         (node.dentry.is_directory() ? result.directories : result.files)++;
     }
     result.files--; // the root, which has no entry
+    result.sound_entries = result.files + result.directories -
+                           static_cast<u64>(std::count_if(
+                               checked.incomplete.begin(), checked.incomplete.end(),
+                               [](const incomplete_chain &one) { return one.node != ROOT_NODE; }));
     result.used_clusters = checked.used_clusters;
     result.clusters = checked.table.last_cluster() - core::FIRST_DATA_CLUSTER + 1;
     return result;
@@ -107,7 +111,7 @@ public:
             do_copies_differ_ |= one.kind == &found::FAT_COPIES;
         }
         for (const finding &one : checked.findings) {
-            defers_lost_ |= one.moves_chains && may_repair(one);
+            moves_chains_ |= one.moves_chains && may_repair(one);
         }
         leaves_findings_ = std::any_of(
             checked.findings.begin(), checked.findings.end(),
@@ -121,15 +125,15 @@ public:
         if (one.kind == &found::DIRTY) {
             return !leaves_findings_;
         }
-        if (one.kind == &found::LOST && (defers_lost_ || (!frees_lost_ && may_lose_evidence()))) {
+        if ((one.waits && moves_chains_) ||
+            (one.kind == &found::LOST && !frees_lost_ && may_lose_evidence())) {
             return false;
         }
         return !has_broken_chains_ || !needs_whole_chains(*one.kind);
     }
 
-    // Whether lost chains have to wait until others have got what belongs to them.
-    [[nodiscard]] bool defers_lost() const {
-        return defers_lost_;
+    [[nodiscard]] bool moves_chains() const {
+        return moves_chains_;
     }
 
     [[nodiscard]] const char *obstacle(const finding &one) const {
@@ -175,13 +179,13 @@ private:
     bool has_broken_chains_ = false;
     bool has_slots_past_root_ = false;
     bool do_copies_differ_ = false;
-    bool defers_lost_ = false;
+    bool moves_chains_ = false;
     bool leaves_findings_ = false;
 };
 
-// What gets back its clusters comes first, then what takes free ones, then what frees some.
+// What takes free clusters comes before what frees some.
 int order_of(const finding &one) {
-    return one.moves_chains ? 0 : one.kind == &found::CHAIN_SHARED ? 1 : 2;
+    return one.kind == &found::CHAIN_SHARED ? 0 : 1;
 }
 
 // Plans the repairs and sets the outcome of each finding. Returns whether there is anything to
@@ -264,7 +268,7 @@ check_result repair_in_rounds(volume &vol, const repair_request &request, u32 ro
     }
     const u32 kept_directories = plan.write(rounds > 0);
     vol.fat().forget_changes();
-    const bool has_another_round = rounds > 0 && (kept_directories != 0 || policy.defers_lost());
+    const bool has_another_round = rounds > 0 && (kept_directories != 0 || policy.moves_chains());
     repair_request next = request;
     next.is_fat_believed = true;
     compare_with_second_check(

@@ -25,6 +25,7 @@ struct check_result {
     std::vector<reported_finding> findings; // areas, then the tree by path, then lost clusters
     u64 files = 0;
     u64 directories = 0;
+    u64 sound_entries = 0;        // files and directories with all their clusters
     u64 broken_chains = 0;        // findings that leave a chain incomplete or claimed twice
     bool are_copies_equal = true; // of the FAT
 

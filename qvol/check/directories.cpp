@@ -79,7 +79,7 @@ private:
                            {}, 0);
             return std::nullopt;
         }
-        const claimed_chain chain = claim_chain(checked_, node_, start());
+        claimed_chain chain = claim_chain(checked_, node_, start());
         std::vector<u32> clusters = claimed_clusters(&checked_->table, start(), chain.count);
         clusters.erase(
             std::find_if_not(clusters.begin(), clusters.end(),
@@ -88,34 +88,70 @@ private:
         const bool is_cut = chain.count > clusters.size();
         std::optional<slot_space> space;
         if (!clusters.empty()) {
-            space.emplace(checked_->on(), std::move(clusters));
-        }
-        if (space && !is_root() && !holds_directory(*space)) {
-            reject(chain);
-            return std::nullopt;
+            space.emplace(checked_->on(), clusters);
+            const u32 held = clusters_of_slots(*space, static_cast<u32>(clusters.size()));
+            if (held == 0) {
+                reject(chain, clusters);
+                return std::nullopt;
+            }
+            if (held < clusters.size()) {
+                shorten_chain(checked_, &chain, clusters, held);
+                clusters.resize(held);
+                space.emplace(checked_->on(), clusters);
+            }
         }
         check_whole_chain(checked_, node_, chain, 0);
-        if (is_cut) {
+        if (is_cut && chain.end != chain_end::OTHER) {
             add_finding(found::UNREADABLE, chain.past_image,
                         "cannot be read: past the end of the image");
         }
         return space;
     }
 
-    [[nodiscard]] bool holds_directory(const slot_space &space) const {
+    // Number of clusters up to the first that holds other data, if no entry follows there.
+    [[nodiscard]] u32 clusters_of_slots(const slot_space &space, u32 clusters) const {
+        const u32 slots = checked_->on().cluster_bytes() / core::DENTRY_SIZE;
+        const bool is_certain = is_root() || has_dots(space);
+        u32 held = clusters;
+        for (u32 left = std::min(clusters, space.capacity() / slots); left > 0; left--) {
+            const slot_votes votes = vote_on_sectors(space, (left - 1) * slots, slots);
+            if (votes.entries != 0 && votes.are_entries()) {
+                break;
+            }
+            if (votes.others != 0) {
+                held = left - 1;
+            }
+        }
+        return is_certain ? std::max(held, 1U) : held;
+    }
+
+    [[nodiscard]] static bool has_dots(const slot_space &space) {
         const auto is_named = [&](u32 slot, const u8 *name) {
             const u8 *there = space.slot(slot);
             return std::equal(name, name + core::SHORT_NAME.size, there) &&
                    core::kind_of(there) == core::slot_kind::DIRECTORY;
         };
-        return is_named(0, core::DOT_NAME) || is_named(1, core::DOT_DOT_NAME) ||
-               vote_on(checked_->on(), space.slots(0, space.capacity())).are_entries();
+        return is_named(0, core::DOT_NAME) || is_named(1, core::DOT_DOT_NAME);
+    }
+
+    // Of the sector with most entries, if there is one that holds slots.
+    [[nodiscard]] slot_votes vote_on_sectors(const slot_space &space, u32 first, u32 count) const {
+        slot_votes sum;
+        for (u32 slot = first; slot < first + count; slot += space.slots_per_sector()) {
+            const slot_votes votes =
+                vote_on(checked_->on(), space.slots(slot, space.slots_per_sector()));
+            if (votes.entries != 0 && votes.are_entries()) {
+                return votes;
+            }
+            sum.others += votes.others;
+        }
+        return sum;
     }
 
     // Other data is there: the entry was a file, or its first cluster is wrong.
-    void reject(const claimed_chain &chain) {
-        checked_->owners.drop_chain();
-        checked_->used_clusters -= chain.count;
+    void reject(const claimed_chain &chain, const std::vector<u32> &clusters) {
+        claimed_chain none = chain;
+        shorten_chain(checked_, &none, clusters, 0);
         finding about{&found::NOT_DIRECTORY, node_, start(), "the cluster holds no directory", ""};
         about.is_disputable = true;
         const u32 size = own_entry().size();
@@ -128,7 +164,7 @@ private:
             };
             checked_->add(std::move(about));
         } else {
-            add_incomplete(checked_, std::move(about), {}, 0);
+            add_incomplete(checked_, std::move(about), none, 0);
         }
     }
 
@@ -230,12 +266,14 @@ private:
         }
     }
 
+    // What is removed may be the name of a lost directory.
     void check_long_names(const slot_space &space, const directory_content &content) {
         for (const slot_span &slots : content.orphans) {
             add_slot_finding(found::ORPHAN_SLOTS, space, slots,
                              fmt::format("{} without an entry, starting at slot {}",
                                          counted(slots.count, "long-name slot", "long-name slots"),
                                          slots.first));
+            checked_->findings.back().waits = true;
         }
         for (const slot_span &slots : content.mismatched) {
             add_slot_finding(
@@ -243,6 +281,7 @@ private:
                 fmt::format("checksum of the long name in slot {} does not match the entry "
                             "after it",
                             slots.first));
+            checked_->findings.back().waits = true;
         }
     }
 

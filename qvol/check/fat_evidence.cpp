@@ -50,17 +50,16 @@ std::vector<run> differing_runs(const core::volume &on, u32 copy) {
     return runs;
 }
 
-// The evidence for a FAT: fewer broken chains, more clusters that entries lead to. It must not
-// reach less than another one: a FAT of zeros has few broken chains, because it hides what is in a
+// The evidence for a FAT: fewer broken chains, more clusters that entries lead to. No sound entry
+// may be missing with it: a FAT of zeros has few broken chains, because it hides what is in a
 // directory.
 struct verdict {
     u64 broken = 0;
-    u64 entries = 0;
+    u64 sound = 0;
     u32 used = 0; // clusters
 
     [[nodiscard]] bool is_better_than(const verdict &other) const {
-        const bool reaches_all = entries >= other.entries && used >= other.used;
-        return reaches_all &&
+        return sound >= other.sound &&
                (broken < other.broken || (broken == other.broken && used > other.used));
     }
 };
@@ -130,7 +129,7 @@ private:
         volume vol(where_, encoding_, required::AREAS);
         replace_fat_sectors(vol.on(), {runs, 0, 0});
         const check_result result = check_volume(vol);
-        return {result.broken_chains, result.files + result.directories, result.used_clusters};
+        return {result.broken_chains, result.sound_entries, result.used_clusters};
     }
 
     target &where_;

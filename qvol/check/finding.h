@@ -116,7 +116,8 @@ struct finding {
     const char *obstacle = nullptr;                  // instead of the one of its kind
 
     bool is_disputable = false; // other repairs are possible: a safe one leaves it
-    bool moves_chains = false;  // the repair gives lost clusters an owner
+    bool moves_chains = false;  // the repair gives clusters another owner
+    bool waits = false;         // until no other repair moves chains
 };
 
 } // namespace qvol

@@ -75,6 +75,7 @@ private:
              [head, count, frees = checked_->frees_lost](repair_plan *plan) {
                  frees ? plan->release_chain(head, count) : plan->keep_chain(head, count);
              }});
+        checked_->findings.back().waits = true;
     }
 
     survey *checked_;

@@ -4,6 +4,7 @@
 
 #include "qvol/check/chains.h"
 #include "qvol/check/fat_copy.h"
+#include "qvol/check/fat_damage.h"
 #include "qvol/check/found_files.h"
 #include "qvol/check/lost_index.h"
 #include "qvol/check/plausible.h"
@@ -15,6 +16,7 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 
 #include <fmt/core.h>
 
@@ -28,9 +30,12 @@ using chain_links = std::vector<std::pair<u32, u32>>; // cluster, value
 
 class chain_mender {
 public:
-    explicit chain_mender(survey *checked) : checked_(checked), lost_(*checked) {
+    explicit chain_mender(survey *checked) : checked_(checked), lost_(*checked), damage_(*checked) {
         for (const incomplete_chain &one : checked->incomplete) {
             wanting_[one.missing]++;
+            if (one.claimed.last == 0) {
+                starts_.insert(one.claimed.at);
+            }
         }
         copies_differ_ =
             std::any_of(checked->findings.begin(), checked->findings.end(),
@@ -43,6 +48,7 @@ public:
             finding &about = checked_->findings[one.finding];
             about.is_disputable = true;
             is_directory(one.node) ? mend_directory(one, &about) : mend_file(one, &about);
+            about.waits = !about.moves_chains;
         }
     }
 
@@ -57,9 +63,12 @@ private:
     // ---- files ----
 
     void mend_file(const incomplete_chain &one, finding *about) {
-        if (one.missing == 0 || (!complete_from_copies(one, about) &&
-                                 !complete_with_next(one, about) && !continue_owner(one, about) &&
-                                 !complete_with_only(one, about) && !copy_shared(one, about))) {
+        const bool is_mended =
+            one.missing != 0 &&
+            (complete_from_copies(one, about) || complete_with_next(one, about) ||
+             complete_in_sequence(one, about) || continue_owner(one, about) ||
+             complete_with_only(one, about) || copy_shared(one, about));
+        if (!is_mended) {
             cut(one, about);
         }
     }
@@ -68,6 +77,47 @@ private:
     bool complete_with_next(const incomplete_chain &one, finding *about) {
         return one.claimed.last != 0 && lost_.take_file(one.claimed.last + 1, one.missing) &&
                complete_with(one, one.claimed.last + 1, about);
+    }
+
+    // Where the FAT sector was overwritten: the clusters that follow, as they were allocated, and
+    // from the first one with an entry that is sound a lost chain of the missing length.
+    bool complete_in_sequence(const incomplete_chain &one, finding *about) {
+        if (!damage_.covers(breaking_cluster(one.claimed))) {
+            return false;
+        }
+        const bool is_free = one.claimed.end == chain_end::FREE;
+        u32 next = is_free ? one.claimed.at : one.claimed.last + 1;
+        chain_links links;
+        u32 cluster = one.claimed.last;
+        for (u32 left = one.missing; left > 0; left--, next++) {
+            if (!damage_.covers(next)) {
+                if (!lost_.take_file(next, left)) {
+                    return false;
+                }
+                links.emplace_back(cluster, next);
+                return complete_with(one, links, about);
+            }
+            if (!is_unowned(next) || (starts_.contains(next) && next != one.claimed.at)) {
+                return false;
+            }
+            links.emplace_back(cluster, next);
+            cluster = next;
+        }
+        links.emplace_back(cluster, core::FAT_END_MARK);
+        return complete_with(one, links, about);
+    }
+
+    bool complete_with(const incomplete_chain &one, const chain_links &links, finding *about) {
+        take(links);
+        set_links(one, links, about,
+                  "completed with the clusters that follow: their FAT sector was overwritten");
+        return true;
+    }
+
+    void take(const chain_links &links) {
+        for (const auto &[cluster, value] : links) {
+            taken_.set(cluster, 1);
+        }
     }
 
     // The only lost chain of the missing length, if nothing else lacks as many clusters.
@@ -116,9 +166,7 @@ private:
             return {};
         }
         links.emplace_back(cluster, value);
-        for (const auto &[taken, link] : links) {
-            taken_.set(taken, 1);
-        }
+        take(links);
         return links;
     }
 
@@ -253,11 +301,14 @@ private:
         if (complete_from_copies(one, about)) {
             return true;
         }
-        if (!checked_->on().is_data_cluster(next) || !holds_entries(next) ||
-            lost_.take_any(next) == 0) {
+        if (!checked_->on().is_data_cluster(next) || !holds_entries(next)) {
             return false;
         }
-        return complete_with(one, next, about);
+        if (damage_.covers(next) && is_unowned(next) && !starts_.contains(next)) {
+            return complete_with(one, {{one.claimed.last, next}, {next, core::FAT_END_MARK}},
+                                 about);
+        }
+        return lost_.take_any(next) != 0 && complete_with(one, next, about);
     }
 
     [[nodiscard]] bool holds_entries(u32 cluster) const {
@@ -380,6 +431,8 @@ private:
 
     survey *checked_;
     lost_index lost_;
+    fat_damage damage_;
+    std::set<u32> starts_;       // of chains without a sound cluster
     std::map<u32, u32> wanting_; // chains by their missing clusters
     cluster_map taken_;          // by completions
     bool copies_differ_ = false;

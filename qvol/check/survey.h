@@ -55,8 +55,8 @@ public:
     }
     void claim(u32 cluster);
 
-    // The clusters of the last chain have no owner any more.
-    void drop_chain();
+    // Of the last chain only the first clusters still have an owner.
+    void shorten_chain(u32 count);
 
     // The node of a claimed cluster.
     [[nodiscard]] u32 owner_of(u32 cluster);
@@ -87,6 +87,7 @@ enum class chain_end {
     RANGE,  // links to a number that is not a cluster
     CYCLE,  // links to a cluster of the same chain
     SHARED, // links to a cluster of another entry
+    OTHER,  // links to a cluster that holds no slots although the chain is that of a directory
 };
 
 // A chain up to the last cluster that could be claimed.
