@@ -107,6 +107,7 @@ public:
         for (const finding &one : checked.findings) {
             are_areas_in_doubt_ |= one.kind->scope == damage::AREAS;
             has_broken_chains_ |= !has_repair(one) && one.kind->scope == damage::CHAINS;
+            leaves_shared_ |= !has_repair(one) && one.kind == &found::CHAIN_SHARED;
             has_slots_past_root_ |= one.kind == &found::PAST_END && one.node == ROOT_NODE;
             do_copies_differ_ |= one.kind == &found::FAT_COPIES;
         }
@@ -129,7 +130,8 @@ public:
             (one.kind == &found::LOST && !frees_lost_ && may_lose_evidence())) {
             return false;
         }
-        return !has_broken_chains_ || !needs_whole_chains(*one.kind);
+        return !(has_broken_chains_ && needs_whole_chains(*one.kind)) &&
+               !(leaves_shared_ && cuts_chain(one));
     }
 
     [[nodiscard]] bool moves_chains() const {
@@ -143,15 +145,20 @@ public:
         if (!has_repair(one)) {
             return one.kind->obstacle;
         }
-        return are_areas_in_doubt_             ? found::AREAS_IN_DOUBT
-               : is_doubtful(one)              ? found::DOUBTFUL
-               : needs_whole_chains(*one.kind) ? found::BROKEN_CHAIN
-                                               : one.kind->obstacle;
+        return are_areas_in_doubt_                                ? found::AREAS_IN_DOUBT
+               : is_doubtful(one)                                 ? found::DOUBTFUL
+               : needs_whole_chains(*one.kind) || cuts_chain(one) ? found::BROKEN_CHAIN
+                                                                  : one.kind->obstacle;
     }
 
 private:
     [[nodiscard]] bool has_repair(const finding &one) const {
         return one.repair != nullptr && (extent_ == repair_extent::ALL || !one.is_disputable);
+    }
+
+    // Clusters after the end of one file may be those of another that shares them.
+    static bool cuts_chain(const finding &one) {
+        return one.waits && (one.kind->scope == damage::CHAINS || one.kind == &found::CHAIN_LONG);
     }
 
     // What is freed or overwritten must not belong to a broken chain.
@@ -179,6 +186,7 @@ private:
     bool has_broken_chains_ = false;
     bool has_slots_past_root_ = false;
     bool do_copies_differ_ = false;
+    bool leaves_shared_ = false;
     bool moves_chains_ = false;
     bool leaves_findings_ = false;
 };
