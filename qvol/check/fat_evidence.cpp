@@ -32,6 +32,17 @@ void add_sector(u32 copy, u64 sector, std::vector<run> *runs) {
     }
 }
 
+// A few sectors are tried one by one: neighbours can be damaged in different copies.
+std::vector<run> split_few(const std::vector<run> &runs) {
+    std::vector<run> sectors;
+    for (const run &one : runs) {
+        for (u64 done = 0; done < one.count && sectors.size() <= MAX_RUNS; done++) {
+            sectors.push_back({one.copy, one.first + done, 1});
+        }
+    }
+    return sectors.size() <= MAX_RUNS ? sectors : runs;
+}
+
 // The spans of sectors in which a copy differs from the first one.
 std::vector<run> differing_runs(const core::volume &on, u32 copy) {
     std::vector<run> runs;
@@ -47,7 +58,7 @@ std::vector<run> differing_runs(const core::volume &on, u32 copy) {
             }
         }
     }
-    return runs;
+    return split_few(runs);
 }
 
 // The evidence for a FAT: fewer broken chains, more clusters that entries lead to. No sound entry
