@@ -561,7 +561,8 @@ TEST_P(QvolCheck, KeepsALostDirectoryWithEverythingInIt) {
     host_file("tree/DIR/below/deeper/file.txt", std::string(2000, 'f'));
     said("put", {"-f", scratch_.file("tree") + "/.", "/"});
     const std::uint32_t below = start_of("/DIR/below");
-    poke(entry_offset("/DIR"), "\xE5"); // and another directory in it, whose entry is lost, too
+    const std::string lost_entry = "\xE5" + std::string(31, '\0');
+    poke(entry_offset("/DIR"), lost_entry); // and another directory in it, whose entry is lost, too
     const bytes one_lost = read_file(image_);
     const outcome repaired = qvol("check", {"--repair", "-q"});
     EXPECT_EQ(repaired.status, 0) << repaired;
@@ -577,13 +578,65 @@ TEST_P(QvolCheck, KeepsALostDirectoryWithEverythingInIt) {
     for (std::uint64_t offset = 0; offset < layout_.data_start * std::uint64_t{512} + 20000;
          offset += 32) {
         if (peek(offset, 12) == std::string("BELOW      \x10")) {
-            poke(offset, "\xE5");
+            poke(offset, lost_entry);
         }
     }
     EXPECT_EQ(qvol("check", {"--repair", "-q"}).status, 0);
     expect_healthy();
     EXPECT_EQ(said("ls", {"/FOUND.000"}), "DIR00001\n");
     EXPECT_EQ(said("cat", {"/FOUND.001/DIR00001/deeper/file.txt"}), std::string(2000, 'f'));
+}
+
+// The names of removed directories: from long-name slots that are still there, from removed ones,
+// and without any, when the first character is lost.
+TEST_P(QvolCheck, RestoresTheRemovedEntryOfALostDirectory) {
+    host_file("more/A directory with a long name/file.txt", std::string(700, 'f'));
+    host_file("more/PLAIN/file.txt", std::string(700, 'g'));
+    said("put", {scratch_.file("more") + "/.", "/DIR"});
+    const std::uint64_t named = entry_offset("/DIR/A directory with a long name");
+    const std::uint64_t plain = entry_offset("/DIR/PLAIN");
+    const bytes whole = read_file(image_);
+    const std::string long_name = "/DIR/A directory with a long name/file.txt";
+    for (const std::uint64_t slots_before : {0, 3}) {
+        (void)scratch_.file_with("disk.img", whole);
+        for (std::uint64_t slot = 0; slot <= slots_before; slot++) {
+            poke(named - slot * 32, "\xE5");
+        }
+        EXPECT_EQ(qvol("check", {"--repair=safe", "-q"}).status, 0);
+        EXPECT_EQ(json::parse(said("ls", {"--json", "/FOUND.000"}))["entries"].size(), 1U);
+        (void)scratch_.file_with("disk.img", whole);
+        for (std::uint64_t slot = 0; slot <= slots_before; slot++) {
+            poke(named - slot * 32, "\xE5");
+        }
+        const outcome repaired = qvol("check", {"--repair", "-q"});
+        EXPECT_EQ(repaired.status, 0) << repaired;
+        EXPECT_TRUE(repaired.out.ends_with("; repaired: its removed entry in /DIR restored\n") ||
+                    repaired.out.find("its removed entry in /DIR restored\n") != std::string::npos)
+            << repaired;
+        expect_healthy();
+        expect_clean();
+        expect_contents();
+        EXPECT_EQ(said("cat", {long_name}), std::string(700, 'f'));
+    }
+    poke(plain, "\xE5");
+    EXPECT_EQ(qvol("check", {"--repair", "-q"}).status, 0);
+    EXPECT_EQ(said("cat", {"/DIR/_LAIN/file.txt"}), std::string(700, 'g'));
+    expect_clean();
+}
+
+// A removed file may be what an interrupted command has removed: its entry only has its size.
+TEST_P(QvolCheck, KeepsALostFileWithTheSizeOfItsRemovedEntry) {
+    const std::uint32_t start = start_of("/A.TXT");
+    poke(entry_offset("/A.TXT"), "\xE5");
+    expect_check({{"cluster " + number(start) +
+                       ": lost chain of 3 clusters: allocated, referenced by no entry",
+                   ""}});
+    expect_repair({{"cluster " + number(start) +
+                        ": lost chain of 3 clusters: allocated, referenced by no entry",
+                    "repaired: stored in a FOUND directory with the 1500 bytes of its removed "
+                    "entry"}},
+                  0);
+    EXPECT_EQ(said("cat", {"/FOUND.000/FILE00001.CHK"}), contents_["/A.TXT"]);
 }
 
 // The FOUND directory extends an image that was cut to its content; an undo cuts it again.
@@ -816,6 +869,26 @@ TEST_P(QvolCheck, RemovesALongNameWithAnotherChecksum) {
     expect_mended({{"/DIR" + at(dir) +
                         "checksum of the long name in slot 2 does not match the entry after it",
                     "repaired: slots removed"}});
+}
+
+TEST_P(QvolCheck, CorrectsOneFieldOfALongName) {
+    const std::uint32_t dir = start_of("/DIR");
+    const std::uint64_t entry = entry_offset("/DIR/A long name.text");
+    const std::pair<std::uint64_t, std::string> damage[] = {{entry - 64, "\x02"},
+                                                            {entry - 64, "\x47"},
+                                                            {entry - 32, "\x05"},
+                                                            {entry - 64 + 13, "?"},
+                                                            {entry - 32 + 13, "?"}};
+    for (const auto &[offset, byte] : damage) {
+        SCOPED_TRACE(offset);
+        poke(offset, byte);
+        expect_mended_by_default({{"/DIR" + at(dir) +
+                                       "the long name in slot 2 does not belong to the entry "
+                                       "after it but for one field",
+                                   BY_HAND}},
+                                 {"field corrected"});
+        expect_contents();
+    }
 }
 
 TEST_P(QvolCheck, TakesTheFirstClusterOffALongNameSlot) {

@@ -4,6 +4,7 @@
 #include "qvol/check/chains.h"
 #include "qvol/check/entry_names.h"
 #include "qvol/check/plausible.h"
+#include "qvol/check/removed.h"
 #include "qvol/check/repair.h"
 #include "qvol/check/slot_space.h"
 #include "qvol/file_data.h"
@@ -180,9 +181,13 @@ private:
             check_dots(space);
         }
         check_long_names(space, content);
+        check_damaged_names(space, content);
         check_slots(space, content);
         check_labels(space, content);
         add_children(space, content);
+        if (checked_->extent == repair_extent::ALL) {
+            find_removed_entries(checked_, node_, space);
+        }
         check_names(checked_, node_);
     }
 
@@ -283,6 +288,33 @@ private:
                             slots.first));
             checked_->findings.back().waits = true;
         }
+    }
+
+    // The ordinals and the checksum follow from the slots and the short entry.
+    void check_damaged_names(const slot_space &space, const directory_content &content) {
+        for (const slot_span &name : content.damaged) {
+            add_finding(found::LONG_NAME, space.cluster_of(name.first),
+                        fmt::format("the long name in slot {} does not belong to the entry after "
+                                    "it but for one field",
+                                    name.first),
+                        "field corrected", number_slots(space, name));
+            checked_->findings.back().is_disputable = true;
+        }
+    }
+
+    static std::function<void(repair_plan *)> number_slots(const slot_space &space,
+                                                           const slot_span &name) {
+        std::vector<core::slot_place> locations;
+        for (u32 number = 1; number <= name.count; number++) {
+            locations.push_back(space.location(name.first + name.count - number));
+        }
+        const u8 checksum = core::checksum_of(space.slot(name.first + name.count));
+        return [locations, checksum](repair_plan *plan) {
+            for (u32 number = 1; number <= locations.size(); number++) {
+                const u32 mark = number == locations.size() ? core::SLOT_LAST : 0;
+                plan->number_slot(locations[number - 1], number | mark, checksum);
+            }
+        };
     }
 
     void check_slots(const slot_space &space, const directory_content &content) {

@@ -82,6 +82,7 @@ inline constexpr finding_kind DOT_CLUSTER{"dot-cluster", ""};
 inline constexpr finding_kind DOT_LOCATION{"dot-place", BY_HAND, damage::CHAINS};
 inline constexpr finding_kind ORPHAN_SLOTS{"orphan-slots", ""};
 inline constexpr finding_kind CHECKSUM{"checksum", ""};
+inline constexpr finding_kind LONG_NAME{"long-name", BY_HAND};
 inline constexpr finding_kind SLOT_CLUSTER{"slot-cluster", ""};
 inline constexpr finding_kind SLOT_RESERVED{"slot-reserved", ""};
 inline constexpr finding_kind NOT_DIRECTORY{"not-directory", UNKNOWN_DATA, damage::CHAINS};

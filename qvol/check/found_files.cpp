@@ -107,7 +107,7 @@ public:
             const u32 count = std::min(chain.count, most);
             const u32 next = end_chain(chain.head, count);
             add(fmt::format("FILE{:05}.CHK", ++files_), kind::FILE, chain.head,
-                count * vol_.on().cluster_bytes());
+                chain.size != 0 ? chain.size : count * vol_.on().cluster_bytes());
             chain = {next, chain.count - count};
         }
     }

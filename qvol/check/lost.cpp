@@ -63,7 +63,7 @@ private:
             states_.set(cluster, REPORTED);
             count++;
         }
-        checked_->lost.push_back({head, count});
+        checked_->lost.push_back({head, count, 0, checked_->findings.size()});
         checked_->add(
             {&found::LOST, NO_NODE, head,
              count == 1

@@ -44,6 +44,7 @@ public:
 
     void run() {
         show_hidden();
+        restore_removed();
         for (const incomplete_chain &one : checked_->incomplete) {
             finding &about = checked_->findings[one.finding];
             about.is_disputable = true;
@@ -402,6 +403,58 @@ private:
         };
     }
 
+    // ---- removed entries ----
+
+    // A removed directory gets its entry back. A removed file does not, it may be what an
+    // interrupted command has removed: its size is known.
+    void restore_removed() {
+        std::map<u32, const lost_chain *> lost;
+        for (const lost_chain &chain : checked_->lost) {
+            lost.emplace(chain.head, &chain);
+        }
+        for (const lost_entry &removed : checked_->removed) {
+            const auto found = lost.find(removed.start);
+            if (found == lost.end()) {
+                continue;
+            }
+            finding &about = checked_->findings[found->second->finding];
+            if (removed.is_directory) {
+                restore_directory(removed, &about);
+            } else if (clusters_for(checked_->on(), removed.size) == found->second->count) {
+                set_size(removed, *found->second, &about);
+            }
+        }
+    }
+
+    void restore_directory(const lost_entry &removed, finding *about) {
+        const std::vector<u32> below = lost_.directories_below(link_to(removed.parent));
+        if (std::find(below.begin(), below.end(), removed.start) == below.end()) {
+            return;
+        }
+        lost_.take_directory(removed.start);
+        about->remedy =
+            fmt::format("its removed entry in {} restored", shown_path(*checked_, removed.parent));
+        about->is_disputable = true;
+        about->moves_chains = true;
+        about->waits = false;
+        about->repair = [bytes = removed.first_bytes](repair_plan *plan) {
+            for (const auto &[location, byte] : bytes) {
+                plan->set_first_byte(location, byte);
+            }
+        };
+    }
+
+    void set_size(const lost_entry &removed, const lost_chain &chain, finding *about) const {
+        if (checked_->frees_lost || lost_.has_directory(chain.head)) {
+            return;
+        }
+        about->remedy = fmt::format("stored in a FOUND directory with the {} of its removed entry",
+                                    counted(removed.size, "byte", "bytes"));
+        about->repair = [chain, size = removed.size](repair_plan *plan) {
+            plan->keep_chain(chain.head, chain.count, size);
+        };
+    }
+
     // ---- slots past the end ----
 
     // They are entries if most of them lead to lost chains which have the right length: then a
@@ -444,7 +497,7 @@ private:
 
 void mend_chains(survey *checked) {
     if (checked->extent == repair_extent::ALL &&
-        !(checked->incomplete.empty() && checked->hidden.empty())) {
+        !(checked->incomplete.empty() && checked->hidden.empty() && checked->removed.empty())) {
         chain_mender(checked).run();
     }
 }

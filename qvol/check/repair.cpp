@@ -37,8 +37,8 @@ void repair_plan::change_slot(const core::slot_place &location, u32 offset, std:
     changes_[location.sector].push_back({location.offset + offset, std::move(bytes)});
 }
 
-void repair_plan::remove_slot(const core::slot_place &location) {
-    change_slot(location, core::SHORT_NAME.offset, {core::NAME_DELETED});
+void repair_plan::set_first_byte(const core::slot_place &location, u8 byte) {
+    change_slot(location, core::SHORT_NAME.offset, {byte});
 }
 
 void repair_plan::write_slot(const core::slot_place &location,
@@ -57,6 +57,11 @@ void repair_plan::change_field(const core::slot_place &location, const core::fie
 void repair_plan::set_start(const core::slot_place &location, u32 cluster) {
     change_field(location, core::SHORT_START_HIGH, cluster >> 16);
     change_field(location, core::SHORT_START_LOW, cluster & 0xFFFF);
+}
+
+void repair_plan::number_slot(const core::slot_place &location, u32 ordinal, u8 checksum) {
+    change_field(location, core::SLOT_ORDINAL, ordinal);
+    change_field(location, core::SLOT_CHECKSUM, checksum);
 }
 
 void repair_plan::clear_slot_start(const core::slot_place &location) {

@@ -18,12 +18,17 @@ public:
     repair_plan &operator=(const repair_plan &) = delete;
 
     // ---- slots ----
-    void remove_slot(const core::slot_place &location);
+    void remove_slot(const core::slot_place &location) {
+        set_first_byte(location, core::NAME_DELETED);
+    }
+    void set_first_byte(const core::slot_place &location, u8 byte);
     void write_slot(const core::slot_place &location, const std::array<u8, core::DENTRY_SIZE> &raw);
     void clear_start(const core::slot_place &location) {
         set_start(location, 0);
     }
     void set_start(const core::slot_place &location, u32 cluster);
+    // Of a long name.
+    void number_slot(const core::slot_place &location, u32 ordinal, u8 checksum);
     void clear_slot_start(const core::slot_place &location);    // of a long-name slot
     void clear_reserved_bits(const core::slot_place &location); // of a long-name slot
     void clear_size(const core::slot_place &location) {
@@ -48,8 +53,9 @@ public:
     // entry at `location`. Throws no_space.
     void copy_clusters(const std::vector<u32> &from, u32 last, const core::slot_place &location);
     void release_chain(u32 first, u32 count);
-    void keep_chain(u32 first, u32 count) {
-        kept_chains_.push_back({first, count});
+    // `size`: bytes of the file; 0: unknown.
+    void keep_chain(u32 first, u32 count, u32 size = 0) {
+        kept_chains_.push_back({first, count, size});
     }
     void copy_first_fat() {
         copies_first_fat_ = true;

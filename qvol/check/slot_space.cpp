@@ -15,7 +15,7 @@ u32 slots_per_cluster(const core::volume &on) {
 // Accepts the slots of a directory one by one.
 class content_reader {
 public:
-    explicit content_reader(bool is_wide) : is_wide_(is_wide) {}
+    explicit content_reader(const slot_space &space) : space_(space) {}
 
     void accept(const u8 *slot, u32 index) {
         switch (core::kind_of(slot)) {
@@ -29,7 +29,7 @@ public:
             close_span(index, index);
             break;
         default:
-            accept_entry(entry_of_slot(slot, index, assembler_, is_wide_));
+            accept_entry(entry_of_slot(slot, index, assembler_, space_.is_wide()));
         }
         span_start_ = index + 1;
         assembler_.reset();
@@ -53,14 +53,47 @@ private:
     }
 
     void accept_entry(const entry &found) {
-        const bool mismatched =
-            assembler_.is_whole() && !found.has_long_name && found.type() != kind::LABEL;
+        const bool lacks_name = !found.has_long_name && found.type() != kind::LABEL;
+        const u32 damaged = lacks_name ? slots_of_damaged_name(found) : 0;
+        if (damaged != 0) {
+            close_span(found.slot - damaged, found.slot);
+            content_.damaged.push_back({found.slot - damaged, damaged});
+            content_.entries.push_back(found);
+            return;
+        }
+        const bool mismatched = lacks_name && assembler_.is_whole();
         close_span(mismatched ? assembler_.first_slot() : found.first_slot, found.slot);
         if (mismatched) {
             content_.mismatched.push_back(
                 {assembler_.first_slot(), found.slot - assembler_.first_slot()});
         }
         content_.entries.push_back(found);
+    }
+
+    // Number of slots before the entry that form its long name if one ordinal or one checksum of
+    // several is corrected; 0: they do not. With a checksum of another short name, and no other,
+    // the name is an old one.
+    [[nodiscard]] u32 slots_of_damaged_name(const entry &found) const {
+        const u8 checksum = core::checksum_of(found.raw.data());
+        const u32 most = std::min(found.slot - span_start_, core::MAX_LONG_SLOTS);
+        u32 wrong_numbers = 0;
+        u32 wrong_checksums = 0;
+        for (u32 number = 1; number <= most; number++) {
+            const u8 *slot = space_.slot(found.slot - number);
+            const bool has_checksum = core::load(slot, core::SLOT_CHECKSUM) == checksum;
+            const bool has_number = core::slot_number(slot) == number;
+            const bool is_end = has_number && core::is_last_slot(slot);
+            const bool must_be_end = number == most;
+            wrong_numbers += has_number && (is_end || !must_be_end) ? 0 : 1;
+            wrong_checksums += has_checksum ? 0 : 1;
+            if (wrong_numbers + wrong_checksums > 1) {
+                return 0;
+            }
+            if (is_end || must_be_end) {
+                return wrong_checksums < number ? number : 0;
+            }
+        }
+        return 0;
     }
 
     // Long-name slots since the last other slot belong to no entry, up to `first_owned`.
@@ -71,7 +104,7 @@ private:
         }
     }
 
-    bool is_wide_;
+    const slot_space &space_;
     core::name_assembler assembler_;
     u32 span_start_ = 0; // the slot after the last one that is not a long-name slot
     directory_content content_;
@@ -139,7 +172,7 @@ core::slot_place slot_space::location(u32 slot) const {
 }
 
 directory_content content_of(const slot_space &space) {
-    content_reader reader(space.is_wide());
+    content_reader reader(space);
     for (u32 index = 0; index < space.count(); index++) {
         reader.accept(space.slot(index), index);
     }

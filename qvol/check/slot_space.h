@@ -76,6 +76,7 @@ struct directory_content {
     std::vector<entry> entries;
     std::vector<slot_span> orphans;      // long-name slots of no entry
     std::vector<slot_span> mismatched;   // complete long names whose checksum does not match
+    std::vector<slot_span> damaged;      // long names of the entry after them but for one field
     std::vector<u32> with_cluster;       // long-name slots whose first cluster is not 0
     std::vector<u32> with_reserved_bits; // long-name slots whose reserved bits are not 0
     std::vector<u32> invalid; // slots in use that are neither a file, a directory nor a label

@@ -111,10 +111,21 @@ struct tree_node {
     bool is_doubtful = false;  // read as a directory, but may be a file
 };
 
-// A chain without end.
+// A chain that no entry leads to. Its last cluster may link to something else.
 struct lost_chain {
     u32 head;
-    u32 count; // clusters
+    u32 count;               // clusters
+    u32 size = 0;            // bytes; 0: unknown
+    std::size_t finding = 0; // its index
+};
+
+// A removed entry that leads to a cluster in use without an owner.
+struct lost_entry {
+    u32 parent; // node
+    u32 start;
+    u32 size;
+    bool is_directory;
+    std::vector<std::pair<core::slot_place, u8>> first_bytes; // that restore its slots
 };
 
 // A chain that lacks clusters, and the finding about it.
@@ -157,6 +168,7 @@ struct survey {
     std::vector<finding> findings;
     std::vector<incomplete_chain> incomplete;
     std::vector<hidden_slots> hidden;
+    std::vector<lost_entry> removed;
     std::vector<lost_chain> lost;
     std::optional<short_name> root_label; // the first one in the root directory
     u32 used_clusters = 0;                // by the entries of the tree
