@@ -330,6 +330,9 @@ void directory::write_slots(const entry &added, std::u16string_view long_name) {
 
 // Without long names, case bits store the case of a name.
 cased_short_name directory::choose_alias(const new_entry &wanted) {
+    if (wanted.alias) {
+        return {*wanted.alias, 0};
+    }
     if (wanted.allows_long_name) {
         return {names().aliases.choose(wanted.name), 0};
     }

@@ -67,7 +67,8 @@ struct new_entry {
     u32 start = 0;
     u32 size = 0;
     dos_time modified;
-    bool allows_long_name = true; // if not, names that do not fit 8.3 are refused
+    bool allows_long_name = true;      // if not, names that do not fit 8.3 are refused
+    std::optional<short_name> alias{}; // one that no entry has; no value: a new one
 };
 
 class directory {

@@ -18,25 +18,6 @@ bool is_short_name_byte(u8 byte) {
     return byte == ' ' || byte >= 0x80 || core::is_short_name_character(byte);
 }
 
-// Why the 11 bytes of the entry are not a valid short name, if they are not.
-std::optional<std::string> short_name_problem(const entry &named) {
-    const short_name name = named.alias();
-    if (name[0] == ' ') {
-        return "begins with a space";
-    }
-    for (std::size_t i = 0; i < name.size(); i++) {
-        const bool is_escape = i == 0 && name[i] == core::NAME_ESCAPED_E5;
-        if (!is_escape && !is_short_name_byte(name[i])) {
-            return fmt::format("contains byte 0x{:02x}", name[i]);
-        }
-    }
-    const u32 case_bits = core::load(named.raw.data(), core::SHORT_SYSID);
-    if (!named.has_long_name && (case_bits & CASE_NO_SHORT_NAME) != 0) {
-        return fmt::format("case byte 0x{:02x} requires a long name", case_bits);
-    }
-    return std::nullopt;
-}
-
 class name_check {
 public:
     name_check(survey *checked, u32 directory)
@@ -99,6 +80,24 @@ private:
 };
 
 } // namespace
+
+std::optional<std::string> short_name_problem(const entry &named) {
+    const short_name name = named.alias();
+    if (name[0] == ' ') {
+        return "begins with a space";
+    }
+    for (std::size_t i = 0; i < name.size(); i++) {
+        const bool is_escape = i == 0 && name[i] == core::NAME_ESCAPED_E5;
+        if (!is_escape && !is_short_name_byte(name[i])) {
+            return fmt::format("contains byte 0x{:02x}", name[i]);
+        }
+    }
+    const u32 case_bits = core::load(named.raw.data(), core::SHORT_SYSID);
+    if (!named.has_long_name && (case_bits & CASE_NO_SHORT_NAME) != 0) {
+        return fmt::format("case byte 0x{:02x} requires a long name", case_bits);
+    }
+    return std::nullopt;
+}
 
 void check_names(survey *checked, u32 directory) {
     name_check(checked, directory).run();

@@ -1,5 +1,7 @@
 #include "qvol/check/renaming.h"
 
+#include "qvol/check/entry_names.h"
+
 #include <algorithm>
 
 #include <fmt/core.h>
@@ -49,7 +51,10 @@ public:
         }
         const entry old = found->second;
         dir_.remove(old);
-        entry renamed = dir_.add({unused_name(valid_name(old.name)), old.type(), 0, 0, {}});
+        entry renamed = dir_.add({.name = unused_name(valid_name(old.name)),
+                                  .type = old.type(),
+                                  .modified = {},
+                                  .alias = usable_alias(old)});
         copy_fields(old, &renamed);
         dir_.update(renamed);
     }
@@ -61,6 +66,13 @@ private:
             name = numbered_name(wanted, ++numbers_[wanted]);
         }
         return name;
+    }
+
+    // Programs may know the entry by its short name.
+    [[nodiscard]] std::optional<short_name> usable_alias(const entry &old) const {
+        const bool is_usable =
+            !short_name_problem(old) && dir_.find(short_name_units(old.alias(), 0)) == nullptr;
+        return is_usable ? std::optional(old.alias()) : std::nullopt;
     }
 
     // All but the short name and its case bits.
