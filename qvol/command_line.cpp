@@ -76,11 +76,9 @@ declared_option declared_command::value(const char *names, std::optional<std::st
         names, [field](const std::string &text) { *field = text; }, help));
 }
 
-declared_option declared_command::optional_value(const char *name,
-                                                 std::optional<std::string> *field,
-                                                 const char *absent, const char *help) const {
-    return declared_option(
-        command_->add_flag(std::string(name) + "{" + absent + "}", *field, help));
+declared_option declared_command::flag_or_value(const char *name, std::optional<std::string> *field,
+                                                const char *help) const {
+    return declared_option(command_->add_flag(name, *field, help));
 }
 
 declared_option declared_command::value(const char *names, u32 *field, const char *help) const {

@@ -101,9 +101,9 @@ public:
                           const char *help) const;
     declared_option value(const char *names, u32 *field, const char *help) const;
 
-    // A flag that may have a value after "=": "--name" means `--name=absent`.
-    declared_option optional_value(const char *name, std::optional<std::string> *field,
-                                   const char *absent, const char *help) const;
+    // A flag that may have a value after "="; without one the field is "true".
+    declared_option flag_or_value(const char *name, std::optional<std::string> *field,
+                                  const char *help) const;
     declared_option value(const char *names, std::optional<u32> *field, const char *help) const;
     declared_option value(const char *names, u64 *field, const char *help) const;
     declared_option list(const char *names, std::vector<std::string> *field,

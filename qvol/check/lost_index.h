@@ -22,7 +22,7 @@ public:
     // The only chain of `count` clusters that is no directory.
     std::optional<u32> take_only_file(u32 count);
 
-    // A chain of any length, but no directory: its number of clusters, 0 if there is none.
+    // A chain of any length, but no directory: its number of clusters, 0 without such a chain.
     u32 take_any(u32 head);
 
     // Directories whose ".." leads to `parent`, which is 0 for the root.

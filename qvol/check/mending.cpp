@@ -25,7 +25,7 @@ namespace qvol {
 namespace {
 
 // Links that complete a chain: from its last cluster on, with the value of its last entry.
-// Cluster 0 stands for the directory entry.
+// Cluster 0 represents the directory entry.
 using chain_links = std::vector<std::pair<u32, u32>>; // cluster, value
 
 class chain_mender {

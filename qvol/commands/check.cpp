@@ -168,6 +168,11 @@ int run_check(const common_options &common, const check_options &options) {
     return left == 0 && (!options.is_dry_run || result.findings.empty()) ? EXIT_DONE : EXIT_FAILED;
 }
 
+std::string extent_problem(const std::string &extent) {
+    const bool is_known = extent == "true" || extent == "all" || extent == "safe";
+    return is_known ? "" : extent + ": neither \"safe\" nor \"all\"";
+}
+
 } // namespace
 
 void add_check(command_line *commands) {
@@ -177,12 +182,11 @@ void add_check(command_line *commands) {
                        "  qvol check --repair flash.img\n"
                        "  qvol check --repair flash.img --undo before.undo"},
                       run_check);
-    const auto repair =
-        check
-            .optional_value("--repair", &options->repair, "all",
-                            "Repair all that can be repaired without losing a file, or, as "
-                            "--repair=safe, only what cannot be disputed")
-            .one_of({"all", "safe"});
+    const auto repair = check
+                            .flag_or_value("--repair", &options->repair,
+                                           "Repair all that can be repaired without losing a file; "
+                                           "--repair=safe: only what cannot be disputed")
+                            .check(extent_problem);
     check
         .flag("--free-lost", &options->frees_lost,
               "Free lost clusters instead of storing them in a FOUND directory")
