@@ -1248,6 +1248,46 @@ TEST_P(QvolCheck, ARepairThatIsInterruptedIsMadeUpForByTheNext) {
     }
 }
 
+// With damage that is repaired in several rounds: chains, directories, names, lost clusters.
+TEST_P(QvolCheck, AnInterruptedRepairOfChainsLeadsToTheSameFiles) {
+    for (const char *name : {"one", "two", "six"}) {
+        host_file(std::string("more/sub/") + name, std::string(1500, name[1]));
+        host_file(std::string("more/Another directory/") + name, std::string(700, name[2]));
+    }
+    said("put", {scratch_.file("more") + "/.", "/DIR"});
+    const std::uint32_t dir = start_of("/DIR");
+    const std::uint32_t one = start_of("/DIR/sub/one");
+    const std::uint32_t two = start_of("/DIR/sub/two");
+    const std::uint32_t a = start_of("/A.TXT");
+    const std::uint64_t removed = entry_offset("/DIR/Another directory");
+    put_slot(dir, 14, "EMPTY      ", 0x20); // a name twice
+    set_link(one, two + 1);                 // into another file
+    set_link(two, 1);                       // nowhere
+    set_size("/B.TXT", 100);                // a chain that is too long
+    set_link(a + 1, 0);                     // cut, the rest is lost
+    set_start("/DIR/sub", a);               // not a directory
+    poke(removed, "\xE5");                  // a removed entry
+    const bytes damaged = read_file(image_);
+    ASSERT_EQ(qvol("check", {"--repair", "-q"}).status, 0);
+    const std::multiset<std::string> wanted = files_by_name();
+    EXPECT_GE(wanted.size(), 11U);
+    for (int allowed = 0; !HasFailure(); allowed++) {
+        SCOPED_TRACE(allowed);
+        (void)scratch_.file_with("disk.img", damaged);
+        setenv("WRITES_ALLOWED", std::to_string(allowed).c_str(), 1);
+        const outcome interrupted =
+            run({QVOL_FAILING_WRITES, "check", "--repair", image_, "--no-undo"});
+        unsetenv("WRITES_ALLOWED");
+        EXPECT_EQ(qvol("check", {"--repair", "-q"}).status, 0);
+        expect_clean();
+        EXPECT_EQ(files_by_name(), wanted);
+        if (interrupted.status == 0) {
+            EXPECT_GE(allowed, 10);
+            return;
+        }
+    }
+}
+
 // ---- dry runs and undo files ------------------------------------------------------------------
 
 TEST_P(QvolCheck, ADryRunShowsWhatARepairWouldDo) {

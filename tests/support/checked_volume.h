@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include <map>
+#include <set>
 
 namespace testing_support {
 
@@ -151,6 +152,24 @@ protected:
         raw.replace(26, 2, little_endian(start, 2));
         raw.replace(28, 4, little_endian(size, 4));
         poke(cluster_offset(directory) + std::uint64_t{slot} * 32, raw);
+    }
+
+    // "PATH=CONTENT" of every file; those in FOUND directories without their paths.
+    std::multiset<std::string> files_by_name() {
+        const std::filesystem::path copy = scratch_.file("copy");
+        std::filesystem::remove_all(copy);
+        std::filesystem::create_directory(copy);
+        said("get", {"/", copy.string(), "-q"});
+        std::multiset<std::string> files;
+        for (const auto &one : std::filesystem::recursive_directory_iterator(copy)) {
+            const std::string path = std::filesystem::relative(one, copy).string();
+            if (one.is_regular_file()) {
+                const bytes content = read_file(one.path().string());
+                files.insert((path.starts_with("FOUND.") ? "" : path) + "=" +
+                             std::string(content.begin(), content.end()));
+            }
+        }
+        return files;
     }
 
     // ---- the check ----
