@@ -76,6 +76,40 @@ void set_label_entry(const core::volume &on, const std::string &label) {
     write_extent(on, on.at.root_start, sector);
 }
 
+// An identity as it is stored: its texts padded, what it leaves open chosen.
+class stored_identity {
+public:
+    explicit stored_identity(const volume_identity &of)
+        : volume_id_(of.volume_id.value_or(static_cast<u32>(current_time()))), media_(of.media),
+          hidden_sectors_(of.hidden_sectors) {
+        const std::string label = padded(of.label.empty() ? NO_NAME : of.label);
+        std::copy(label.begin(), label.end(), label_.begin());
+        std::copy_n(core::boot_request::OWN_OEM_NAME, oem_name_.size(), oem_name_.begin());
+        if (of.oem_name) {
+            oem_name_.fill(' ');
+            std::copy(of.oem_name->begin(), of.oem_name->end(), oem_name_.begin());
+        }
+    }
+
+    // Valid as long as this object.
+    [[nodiscard]] core::boot_request request(u32 fats, u32 root_entries) const {
+        return {.fats = fats,
+                .root_entries = root_entries,
+                .volume_id = volume_id_,
+                .label = label_,
+                .oem_name = oem_name_,
+                .media = media_,
+                .hidden_sectors = hidden_sectors_};
+    }
+
+private:
+    u32 volume_id_;
+    u32 media_;
+    u32 hidden_sectors_;
+    std::array<u8, LABEL_SIZE> label_{};
+    std::array<u8, core::PBR_OEM_NAME.size> oem_name_{};
+};
+
 void write_volume(const core::volume &on, const core::boot_request &request) {
     const core::fault why = core::format(on, request, present());
     if (why != core::fault::NONE) {
@@ -133,6 +167,15 @@ std::string checked_oem_name(const std::string &text) {
     return text;
 }
 
+std::vector<u8> boot_sector_of(const core::areas &at, u32 fats, u32 root_entries,
+                               const volume_identity &identity) {
+    std::vector<u8> sector(at.sector_size);
+    const stored_identity stored(identity);
+    core::store_boot_sector(sector.data(), at, stored.request(fats, root_entries));
+    core::sign_sector_end(sector.data(), at.sector_size);
+    return sector;
+}
+
 void format_target(const target &where, const volume_shape &shape,
                    const volume_identity &identity) {
     const core::layout_request wanted = layout_request_of(shape);
@@ -142,23 +185,8 @@ void format_target(const target &where, const volume_shape &shape,
         throw system_failure("format the volume", EINVAL);
     }
     const core::volume on = {&where.medium(), core::areas_of(wanted, layout, sectors)};
-    const std::string text = padded(identity.label.empty() ? NO_NAME : identity.label);
-    std::array<u8, LABEL_SIZE> boot_label{};
-    std::copy(text.begin(), text.end(), boot_label.begin());
-    core::boot_request request = {.fats = wanted.fats,
-                                  .root_entries = layout.root_entries(shape.sector_bytes),
-                                  .volume_id =
-                                      identity.volume_id.value_or(static_cast<u32>(current_time())),
-                                  .label = boot_label,
-                                  .media = identity.media,
-                                  .hidden_sectors = identity.hidden_sectors};
-    std::array<u8, core::PBR_OEM_NAME.size> oem_name{};
-    if (identity.oem_name) {
-        oem_name.fill(' ');
-        std::copy(identity.oem_name->begin(), identity.oem_name->end(), oem_name.begin());
-        request.oem_name = oem_name;
-    }
-    write_volume(on, request);
+    const stored_identity stored(identity);
+    write_volume(on, stored.request(wanted.fats, layout.root_entries(shape.sector_bytes)));
     set_label_entry(on, identity.label);
 }
 

@@ -33,6 +33,10 @@ struct volume_identity {
 // Returns the name. Throws usage_error if it is longer than 8 characters, or not printable ASCII.
 [[nodiscard]] std::string checked_oem_name(const std::string &text);
 
+// The boot sector of a volume with these areas. `root_entries` counts on FAT12 and FAT16.
+[[nodiscard]] std::vector<u8> boot_sector_of(const core::areas &at, u32 fats, u32 root_entries,
+                                             const volume_identity &identity);
+
 // Formats the target, which must have the length of the shape. Stores the label in the boot sectors
 // and the root directory.
 void format_target(const target &where, const volume_shape &shape, const volume_identity &identity);
