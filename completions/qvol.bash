@@ -7,7 +7,7 @@ _qvol_options() {
         echo --cluster --compact --fat --force -f --from --hidden-sectors --label --log --media \
             --no-mirror --oem --page --pool --sector --short-names --size --skip-special --volume-id
         ;;
-    check) echo --dry-run --free-lost --no-undo --repair --undo ;;
+    check) echo --dry-run --free-lost --no-undo --rebuild-boot --repair --undo ;;
     disk) echo --align --force -f --gpt --mbr --part --sector --size ;;
     dump | get | mv) echo --force -f ;;
     fastpath) echo --dir ;;

@@ -37,18 +37,8 @@ std::optional<std::vector<u8>> read_backup(core::medium &from, u32 sector_bytes)
     return is_backup ? std::optional(std::move(sector)) : std::nullopt;
 }
 
-std::optional<std::vector<u8>> find_backup(const target &where) {
-    for (u32 size = core::MIN_SECTOR_SIZE; size <= core::MAX_SECTOR_SIZE; size *= 2) {
-        std::optional<std::vector<u8>> backup = read_backup(where.medium(), size);
-        if (backup) {
-            return backup;
-        }
-    }
-    return std::nullopt;
-}
-
 std::vector<u8> required_backup(const target &where) {
-    std::optional<std::vector<u8>> backup = find_backup(where);
+    std::optional<std::vector<u8>> backup = find_boot_backup(where);
     if (!backup) {
         throw error(
             fmt::format("cannot mount {}: no backup of a FAT32 boot sector found in sector {}",
@@ -59,8 +49,8 @@ std::vector<u8> required_backup(const target &where) {
 
 // What a message about the boot sector adds: only commands that read can use the backup.
 std::string backup_hint(const target &where) {
-    return !where.is_writable() && find_backup(where) ? "; --backup-boot reads with the backup"
-                                                      : "";
+    return !where.is_writable() && find_boot_backup(where) ? "; --backup-boot reads with the backup"
+                                                           : "";
 }
 
 // ---- boot sector ------------------------------------------------------------------------------
@@ -210,21 +200,30 @@ backup_boot_sector::backup_boot_sector(target *where, const std::vector<u8> &bac
     }
 }
 
+std::optional<std::vector<u8>> find_boot_backup(const target &where) {
+    for (u32 size = core::MIN_SECTOR_SIZE; size <= core::MAX_SECTOR_SIZE; size *= 2) {
+        std::optional<std::vector<u8>> backup = read_backup(where.medium(), size);
+        if (backup) {
+            return backup;
+        }
+    }
+    return std::nullopt;
+}
+
 std::string lost_boot_sector(const target &where) {
     const std::vector<u8> sector = read_boot_sector(where);
     const std::string none = no_volume_reason(sector);
     const std::string reason = none.empty() ? unsupported_volume(sector) : none;
-    if (reason.empty() || !find_backup(where) || (!where.is_part() && is_partitioned(where))) {
+    if (reason.empty() || (!where.is_part() && is_partitioned(where))) {
         return "";
     }
     const std::string other = content_of(where, where.offset(), where.size()).file_system;
     return other.empty() || other == "vfat" ? reason : "";
 }
 
-void restore_boot_sector(const target &where) {
-    const std::vector<u8> backup = required_backup(where);
-    const core::s64 written = where.medium().write(0, backup);
-    if (written != static_cast<core::s64>(backup.size())) {
+void write_boot_sector(const target &where, const std::vector<u8> &sector) {
+    const core::s64 written = where.medium().write(0, sector);
+    if (written != static_cast<core::s64>(sector.size())) {
         throw system_failure("write to " + shown_bytes(where.path()),
                              written < 0 ? static_cast<int>(-written) : EIO);
     }

@@ -30,12 +30,14 @@ private:
     replaced_medium replaced_;
 };
 
-// Why the boot sector of a FAT32 volume describes none although its backup does; "": the volume
-// needs no backup, or has none, or something else is there.
+// Why the boot sector describes no volume; "": it describes one, or something else is there.
 [[nodiscard]] std::string lost_boot_sector(const target &where);
 
-// Copies the backup over the boot sector, and syncs it.
-void restore_boot_sector(const target &where);
+// The backup of a FAT32 boot sector; no value if no backup describes a volume.
+[[nodiscard]] std::optional<std::vector<u8>> find_boot_backup(const target &where);
+
+// Writes the boot sector, and syncs it.
+void write_boot_sector(const target &where, const std::vector<u8> &sector);
 
 // Fields of the boot sector that are not part of the areas.
 struct boot_fields {

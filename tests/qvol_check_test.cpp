@@ -144,6 +144,14 @@ TEST_P(QvolCheck32, LeavesAPartitionTableAndOtherFileSystems) {
     const bytes swap = read_file(image_);
     EXPECT_EQ(qvol("check", {"--repair"}).status, 1);
     EXPECT_TRUE(has_content(image_, swap));
+    poke(0, std::string(512, '\0'));
+    poke(6 * 512, std::string(512, '\0'));
+    const bytes without_backup = read_file(image_);
+    EXPECT_EQ(
+        qvol("check", {"--repair", "--rebuild-boot"}),
+        (outcome{1, "",
+                 "qvol: cannot mount " + image_ + ": no FAT volume found: it contains swap\n"}));
+    EXPECT_TRUE(has_content(image_, without_backup));
 }
 
 TEST_P(QvolCheck32, CopiesTheBootSectorOverABackupThatIsNone) {
@@ -183,6 +191,262 @@ TEST_P(QvolCheck32, SetsFsinfoRight) {
     poke(512 + 488, little_endian(1, 4));
     expect_judge_finds_something();
     expect_mended({{"FSInfo (sector 1): signature missing", "repaired: rewritten"}});
+}
+
+// ---- a boot sector without a backup -----------------------------------------------------------
+
+namespace {
+
+const std::string NO_BOOT_SECTOR =
+    "the boot sector describes no volume: the boot signature is 0x0000, should be 0xAA55";
+
+// The areas of a CheckedVolume.
+std::string areas_text(const std::string &width) {
+    return width == "12"   ? "FAT12, 2 FATs of 12 sectors from sector 1, clusters of 512 bytes, "
+                             "512 root entries, as 1 directory confirm"
+           : width == "16" ? "FAT16, 2 FATs of 80 sectors from sector 1, clusters of 512 bytes, "
+                             "512 root entries, as 1 directory confirm"
+                           : "FAT32, 2 FATs of 630 sectors from sector 32, clusters of 512 bytes, "
+                             "root directory in cluster 2, as 1 directory confirm";
+}
+
+} // namespace
+
+TEST_P(QvolCheck, RebuildsABootSectorWithoutABackup) {
+    poke(0, std::string(512, '\0'));
+    if (is_fat32()) {
+        poke(6 * 512, std::string(512, '\0'));
+    }
+    const bytes damaged = read_file(image_);
+    const outcome refused = {1, "",
+                             "qvol: cannot mount " + image_ +
+                                 ": no FAT volume found: the boot signature is 0x0000, should be "
+                                 "0xAA55; --repair --rebuild-boot rebuilds it from the FATs\n"};
+    EXPECT_EQ(qvol("check"), refused);
+    EXPECT_EQ(qvol("check", {"--repair"}), refused);
+    const outcome tried = qvol("check", {"--repair", "--rebuild-boot", "--dry-run", "-q"});
+    const std::string line = NO_BOOT_SECTOR + "; rebuilt: " + areas_text(GetParam());
+    EXPECT_TRUE(tried.out.starts_with(line + "; would be repaired: written\n")) << tried;
+    EXPECT_TRUE(has_content(image_, damaged));
+
+    repair_options_ = {"--rebuild-boot"};
+    std::vector<expected_finding> findings = {{line, "repaired: written"}};
+    if (is_fat32()) {
+        findings.push_back({"the backup boot sector (sector 6) differs from the boot sector",
+                            "repaired: boot sector copied over it"});
+    }
+    expect_repair(findings, 0);
+    expect_healthy();
+    expect_clean();
+    expect_contents();
+    said("undo", {image_ + ".undo"});
+    EXPECT_TRUE(has_content(image_, damaged));
+}
+
+// The areas are the same where one FAT copy has lost its start: the other one is the only FAT.
+TEST_P(QvolCheck, RebuildsABootSectorByOneOfTheFats) {
+    poke(0, std::string(512, '\0'));
+    if (is_fat32()) {
+        poke(6 * 512, std::string(512, '\0'));
+    }
+    poke(fat_offset(0), std::string(512, '\0'));
+    const outcome repaired = qvol("check", {"--repair", "--rebuild-boot", "-q"});
+    EXPECT_EQ(repaired.status, 0) << repaired;
+    EXPECT_NE(repaired.out.find(", 1 FAT of "), std::string::npos) << repaired;
+    expect_healthy();
+    expect_clean();
+    expect_contents();
+}
+
+TEST_P(QvolCheck32, FindsTheRootDirectoryByWhatIsBelowIt) {
+    const std::string root = peek(cluster_offset(2), 512);
+    poke(cluster_offset(FREE_CLUSTER), root);
+    poke(cluster_offset(2), std::string(512, '\0'));
+    set_link(FREE_CLUSTER, end_mark());
+    set_link(2, 0);
+    poke(0, std::string(512, '\0'));
+    poke(6 * 512, std::string(512, '\0'));
+    const outcome repaired = qvol("check", {"--repair", "--rebuild-boot", "-q"});
+    EXPECT_EQ(repaired.status, 0) << repaired;
+    EXPECT_NE(repaired.out.find(", root directory in cluster 1000, "), std::string::npos)
+        << repaired;
+    expect_healthy();
+    expect_clean();
+    expect_contents();
+}
+
+namespace {
+
+// A volume by the program that makes it, and the areas that are to be found.
+struct made_volume {
+    const char *name;
+    const char *size;
+    const char *command; // with the image as $1 and qvol as $2
+    std::string areas;
+    unsigned sector = 512; // bytes
+};
+void PrintTo(const made_volume &made, std::ostream *out) {
+    *out << made.name;
+}
+
+const made_volume MADE_VOLUMES[] = {
+    {"Fat12", "4M", "mkfs.fat -F 12 -s 4 $1",
+     "FAT12, 2 FATs of 6 sectors from sector 1, clusters of 2048 bytes, 512 root entries"},
+    {"Floppy", "1440K", "mkfs.fat $1",
+     "FAT12, 2 FATs of 9 sectors from sector 1, clusters of 512 bytes, 224 root entries"},
+    {"Fat16", "64M", "mkfs.fat -F 16 -s 8 $1",
+     "FAT16, 2 FATs of 64 sectors from sector 8, clusters of 4096 bytes, 512 root entries"},
+    {"OneFat", "16M", "mkfs.fat -F 16 -s 4 -f 1 $1",
+     "FAT16, 1 FAT of 32 sectors from sector 4, clusters of 2048 bytes, 512 root entries"},
+    {"ThreeFats", "16M", "mkfs.fat -F 16 -s 4 -f 3 $1",
+     "FAT16, 3 FATs of 32 sectors from sector 4, clusters of 2048 bytes, 512 root entries"},
+    {"Media", "16M", "mkfs.fat -F 16 -s 4 -M 0xF0 $1",
+     "FAT16, 2 FATs of 32 sectors from sector 4, clusters of 2048 bytes, 512 root entries"},
+    {"RootEntries", "16M", "mkfs.fat -F 16 -s 4 -r 1024 $1",
+     "FAT16, 2 FATs of 32 sectors from sector 4, clusters of 2048 bytes, 1024 root entries"},
+    {"Fat32", "64M", "mkfs.fat -F 32 -s 4 $1",
+     "FAT32, 2 FATs of 256 sectors from sector 32, clusters of 2048 bytes, root directory in "
+     "cluster 2"},
+    {"Sectors4K", "64M", "mkfs.fat -F 16 -S 4096 -s 1 $1",
+     "FAT16, 2 FATs of 64 sectors from sector 8, clusters of 4096 bytes, 512 root entries", 4096},
+    {"Sectors4KFat32", "40M", "mkfs.fat -F 32 -S 4096 -s 1 $1",
+     "FAT32, 2 FATs of 10 sectors from sector 32, clusters of 4096 bytes, sectors of 4096 bytes, "
+     "root directory in cluster 2",
+     4096},
+    {"Pages4KFat12", "3M", "$2 build -fq $1 --fat 12 --size 3M --page 4096",
+     "FAT12, 2 FATs of 8 sectors from sector 8, clusters of 4096 bytes, 512 root entries"},
+    {"Pages16KFat12", "3M", "$2 build -fq $1 --fat 12 --size 3M --page 16384",
+     "FAT12, 2 FATs of 32 sectors from sector 32, clusters of 4096 bytes, 512 root entries"},
+    {"Pages4KFat16", "40M", "$2 build -fq $1 --fat 16 --size 40M --page 4096",
+     "FAT16, 2 FATs of 40 sectors from sector 8, clusters of 4096 bytes, 512 root entries"},
+    {"Pages16KFat16", "40M", "$2 build -fq $1 --fat 16 --size 40M --page 16384 --label CARD",
+     "FAT16, 2 FATs of 64 sectors from sector 32, clusters of 4096 bytes, 512 root entries"},
+    {"Pages16KFat32", "40M", "$2 build -fq $1 --fat 32 --size 40M --page 16384 --label CARD",
+     "FAT32, 2 FATs of 640 sectors from sector 32, clusters of 512 bytes, root directory in "
+     "cluster 2"},
+};
+
+class QvolRebuiltBoot : public QvolImage, public testing::WithParamInterface<made_volume> {
+protected:
+    // The volume, with these files and without its boot sector and a backup of it.
+    void make(const std::map<std::string, std::string> &files) {
+        image_ = scratch_.file("disk.img");
+        const outcome made =
+            shell("truncate -s 0 \"$1\" && truncate -s " + std::string(GetParam().size) +
+                      " \"$1\" && " + GetParam().command + " >/dev/null 2>&1",
+                  {image_, qvol_path()});
+        ASSERT_EQ(made.status, 0) << made;
+        const std::string tree = scratch_.file("tree");
+        std::filesystem::create_directory(tree);
+        for (const auto &[path, content] : files) {
+            host_file("tree" + path, content);
+        }
+        said("put", {"-q", tree + "/.", "/"});
+        bytes damaged = read_file(image_);
+        std::fill_n(damaged.begin(), GetParam().sector, std::uint8_t{0});
+        if (GetParam().areas.starts_with("FAT32")) {
+            std::fill_n(damaged.begin() + 6 * GetParam().sector, GetParam().sector,
+                        std::uint8_t{0});
+        }
+        (void)scratch_.file_with("disk.img", damaged);
+    }
+
+    void expect_rebuilt(const std::map<std::string, std::string> &files,
+                        const std::string &evidence) {
+        const bytes damaged = read_file(image_);
+        const std::string undo = scratch_.file("undo");
+        const outcome repaired =
+            qvol("check", {"--repair", "--rebuild-boot", "-q", "--undo", undo});
+        EXPECT_EQ(repaired.status, 0) << repaired;
+        EXPECT_EQ(repaired.out.substr(0, repaired.out.find('\n')),
+                  NO_BOOT_SECTOR + "; rebuilt: " + GetParam().areas + evidence +
+                      "; repaired: written");
+        EXPECT_EQ(said("check", {"-q"}), "");
+        if (std::string(GetParam().name) != "ThreeFats") { // unknown to the checker
+            expect_clean();
+        }
+        for (const auto &[path, content] : files) {
+            EXPECT_TRUE(said("cat", {path}) == content) << path;
+        }
+        said("undo", {undo, "-q"});
+        EXPECT_TRUE(has_content(image_, damaged));
+        std::filesystem::remove(undo);
+    }
+};
+INSTANTIATE_TEST_SUITE_P(Made, QvolRebuiltBoot, testing::ValuesIn(MADE_VOLUMES),
+                         [](const auto &tested) { return std::string(tested.param.name); });
+
+} // namespace
+
+TEST_P(QvolRebuiltBoot, HasEveryFileUnderItsName) {
+    std::map<std::string, std::string> files;
+    for (std::size_t i = 0; i < 40; i++) {
+        const std::string directory = i % 3 == 0 ? "/" : i % 3 == 1 ? "/DIR/" : "/DIR/deep down/";
+        files[directory + "file number " + number(i)] =
+            std::string(i * 331, static_cast<char>('!' + i));
+    }
+    make(files);
+    expect_rebuilt(files, ", as 2 directories confirm");
+}
+
+// Then the sizes of the files and where their data is are the evidence.
+TEST_P(QvolRebuiltBoot, NeedsNoDirectory) {
+    std::map<std::string, std::string> files;
+    for (std::size_t i = 1; i <= 10; i++) {
+        files["/FILE" + number(i)] = std::string(i * 1000, static_cast<char>('a' + i));
+    }
+    make(files);
+    expect_rebuilt(files, ", which no directory confirms");
+}
+
+TEST_P(QvolRebuiltBoot, IsNotGuessedOnAnEmptyVolume) {
+    make({});
+    const bytes damaged = read_file(image_);
+    const outcome refused = qvol("check", {"--repair", "--rebuild-boot"});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_TRUE(refused.err.starts_with("qvol: cannot rebuild the boot sector of " + image_ + ": "))
+        << refused;
+    EXPECT_TRUE(has_content(image_, damaged));
+}
+
+class QvolNoBoot : public QvolImage {};
+
+// Empty files are the same with clusters of any size.
+TEST_F(QvolNoBoot, IsNotChosenFromTwo) {
+    image_ = scratch_.file("disk.img");
+    host_file("tree/EMPTY", "");
+    said("build",
+         {"--from", scratch_.file("tree"), "--fat", "12", "--size", "3M", "--page", "16384", "-q"});
+    bytes damaged = read_file(image_);
+    std::fill_n(damaged.begin(), 512, std::uint8_t{0});
+    (void)scratch_.file_with("disk.img", damaged);
+    const outcome refused = qvol("check", {"--repair", "--rebuild-boot"});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_TRUE(refused.err.starts_with("qvol: cannot rebuild the boot sector of " + image_ +
+                                        ": equally good: FAT12, 2 FATs of 32 sectors from sector "
+                                        "32, clusters of "))
+        << refused;
+    EXPECT_TRUE(has_content(image_, damaged));
+}
+
+TEST_F(QvolNoBoot, IsNotMadeOfOtherContent) {
+    std::string random(1 << 20, '\0');
+    std::mt19937 generator(1);
+    std::generate(random.begin(), random.end(),
+                  [&] { return static_cast<char>(generator() & 0xFF); });
+    std::string text;
+    while (text.size() < 100'000) {
+        text += "A line of a text that is no volume.\n";
+    }
+    for (const std::string &content : {random, text, std::string(1 << 20, '\0')}) {
+        image_ = host_file("other", content);
+        EXPECT_EQ(
+            qvol("check", {"--repair", "--rebuild-boot"}),
+            (outcome{1, "",
+                     "qvol: cannot rebuild the boot sector of " + image_ + ": no FAT found\n"}));
+        EXPECT_EQ(qvol("check").err.find("--rebuild-boot"), std::string::npos);
+        EXPECT_TRUE(has_content(image_, bytes(content.begin(), content.end())));
+    }
 }
 
 // ---- the fixed entries of the FAT, its copies -------------------------------------------------

@@ -43,6 +43,7 @@ struct repair_request {
     repair_extent extent = repair_extent::ALL;
     bool frees_lost = false;      // instead of keeping lost clusters
     bool is_fat_believed = false; // otherwise nothing is written while the FAT is in doubt
+    bool rebuilds_boot = false;   // if it is lost and has no backup
 };
 
 // Checks the volume and repairs what can be repaired. Writes nothing if there is nothing to repair.

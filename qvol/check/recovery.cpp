@@ -3,6 +3,7 @@
 #include "core/geometry.h"
 #include "core/overlay.h"
 #include "qvol/check/fat_evidence.h"
+#include "qvol/check/rebuilt_boot.h"
 
 #include <optional>
 
@@ -13,8 +14,10 @@ namespace {
 class recovery {
 public:
     // While it lives, the target has what was recovered.
-    recovery(target *where, const std::string &encoding, bool repairs)
-        : where_(*where), encoding_(encoding), repairs_(repairs),
+    recovery(target *where, const std::string &encoding,
+             const std::optional<repair_request> &request)
+        : where_(*where), encoding_(encoding), repairs_(request.has_value()),
+          rebuilds_boot_(request && request->rebuilds_boot),
           held_(where->medium(), core::MIN_SECTOR_SIZE) {}
 
     void recover_boot_sector();
@@ -27,12 +30,15 @@ public:
     }
 
 private:
+    void rebuild_boot_sector(const std::string &reason);
+    void refuse_lost_boot_sector() const;
     void hold_changes();
     void add(const finding_kind &kind, const std::string &text, const char *outcome);
 
     target &where_;
     const std::string &encoding_;
     bool repairs_;
+    bool rebuilds_boot_;
     core::overlay_medium held_; // of a check
     std::optional<replaced_medium> replaced_;
     std::vector<reported_finding> findings_;
@@ -40,11 +46,39 @@ private:
 
 void recovery::recover_boot_sector() {
     const std::string reason = lost_boot_sector(where_);
-    if (!reason.empty()) {
+    if (reason.empty()) {
+        return;
+    }
+    const std::optional<std::vector<u8>> backup = find_boot_backup(where_);
+    if (backup) {
         hold_changes();
-        restore_boot_sector(where_);
+        write_boot_sector(where_, *backup);
         add(found::BOOT_SECTOR, "the boot sector describes no volume: " + reason,
             "its backup copied over it");
+    } else if (rebuilds_boot_) {
+        rebuild_boot_sector(reason);
+    } else {
+        refuse_lost_boot_sector();
+    }
+}
+
+void recovery::rebuild_boot_sector(const std::string &reason) {
+    const rebuilt_boot rebuilt = rebuilt_boot_sector(&where_, encoding_);
+    write_boot_sector(where_, rebuilt.sector);
+    add(found::BOOT_SECTOR,
+        "the boot sector describes no volume: " + reason + "; rebuilt: " + rebuilt.text, "written");
+}
+
+// The refusal of every command, with what this one can do.
+void recovery::refuse_lost_boot_sector() const {
+    try {
+        const volume refused(where_, encoding_, required::AREAS);
+    } catch (const error &refusal) {
+        if (!has_fats(where_)) {
+            throw;
+        }
+        throw error(refusal.what() +
+                    std::string("; --repair --rebuild-boot rebuilds it from the FATs"));
     }
 }
 
@@ -79,7 +113,7 @@ check_result check_once(const target &where, const std::string &encoding,
 
 check_result check_recovered(target *where, const std::string &encoding,
                              std::optional<repair_request> request) {
-    recovery recovered(where, encoding, request.has_value());
+    recovery recovered(where, encoding, request);
     recovered.recover_boot_sector();
     check_result result = check_once(*where, encoding, request);
     if (result.is_fat_in_doubt() && (recovered.recover_fat() || request)) {

@@ -25,6 +25,7 @@ struct check_options {
     std::optional<std::string> repair; // its extent
     bool is_dry_run = false;
     bool frees_lost = false;
+    bool rebuilds_boot = false;
     std::optional<std::string> undo; // file
     bool has_no_undo = false;
 
@@ -38,7 +39,8 @@ struct check_options {
         return repairs() && !is_dry_run;
     }
     [[nodiscard]] repair_request request() const {
-        return {is_safe() ? repair_extent::SAFE : repair_extent::ALL, frees_lost, false};
+        return {is_safe() ? repair_extent::SAFE : repair_extent::ALL, frees_lost, false,
+                rebuilds_boot};
     }
 };
 
@@ -190,6 +192,10 @@ void add_check(command_line *commands) {
     check
         .flag("--free-lost", &options->frees_lost,
               "Free lost clusters instead of storing them in a FOUND directory")
+        .needs(repair);
+    check
+        .flag("--rebuild-boot", &options->rebuilds_boot,
+              "Rebuild a lost boot sector that has no backup, from the FATs and directories")
         .needs(repair);
     const auto dry_run =
         check.flag("--dry-run", &options->is_dry_run, "Write nothing: show what --repair would do");
