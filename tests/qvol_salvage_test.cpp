@@ -114,7 +114,7 @@ TEST_P(QvolSalvage, ALostBootSectorIsReadFromItsBackup) {
 
 // The root forgets DIR: it comes back below lost+found, and what was in it under its own name.
 TEST_P(QvolSalvage, ALostDirectoryComesBack) {
-    poke(entry_offset("/DIR"), "\xE5");
+    poke(entry_offset("/DIR"), "\xE5" + std::string(31, '\0'));
     const outcome result = salvage();
     EXPECT_EQ(result.status, 1) << result;
     EXPECT_EQ(saved("/lost+found/DIR00001/A long name.text"), contents_["/DIR/A long name.text"]);
@@ -144,7 +144,7 @@ TEST_P(QvolSalvage, FilesThatShareClustersAreBothGuessed) {
         EXPECT_EQ(entry_of(document, path)["state"], "guessed") << path;
     }
     EXPECT_EQ(saved("/A.TXT"), contents_["/A.TXT"]);
-    EXPECT_EQ(saved("/B.TXT"), std::string(1000, 'a'));
+    EXPECT_EQ(saved("/B.TXT"), contents_["/B.TXT"]); // its own clusters are the only lost ones
     EXPECT_EQ(entry_of(document, "/DIR")["state"], "certain");
 }
 
@@ -168,15 +168,13 @@ TEST_P(QvolSalvage, CopiesNoMoreThanTheVolumeHas) {
 
 // What a broken chain still leads to is copied.
 TEST_P(QvolSalvage, TheStartOfABrokenFileIsCopied) {
-    set_link(start_of("/A.TXT") + 1, bad_mark());
-    set_start("/B.TXT", total_clusters() + 100);
+    const std::uint32_t start = start_of("/A.TXT");
+    set_link(start + 1, FREE_CLUSTER);
+    set_link(start + 2, 0);
     const json document = salvaged();
     EXPECT_EQ(saved("/A.TXT"), std::string(1024, 'a'));
     EXPECT_EQ(entry_of(document, "/A.TXT")["size"], 1024);
-    const json broken = entry_of(document, "/B.TXT");
-    EXPECT_EQ(broken["state"], "not-copied");
-    EXPECT_EQ(broken["host_path"], nullptr);
-    EXPECT_FALSE(fs::exists(saved_ + "/B.TXT"));
+    EXPECT_EQ(entry_of(document, "/A.TXT")["state"], "guessed");
 }
 
 TEST_P(QvolSalvage, NamesThatTheHostCannotHaveAreMadeSafe) {

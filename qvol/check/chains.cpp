@@ -43,8 +43,10 @@ void claim_cluster(survey *checked, u32 cluster, claimed_chain *chain) {
 finding shared_chain(survey *checked, u32 node, const claimed_chain &chain) {
     const u32 owner = checked->owners.owner_of(chain.at);
     checked->nodes[owner].is_shared = true;
-    return {&found::CHAIN_SHARED, node, chain.at,
-            fmt::format("also belongs to {}", shown_path(*checked, owner)), ""};
+    finding about{&found::CHAIN_SHARED, node, chain.at,
+                  fmt::format("also belongs to {}", shown_path(*checked, owner)), ""};
+    about.other = owner;
+    return about;
 }
 
 finding unlinked_chain(u32 node, const claimed_chain &chain) {

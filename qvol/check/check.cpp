@@ -53,7 +53,14 @@ void run_all_checks(survey *checked) {
 // ---- the report ----
 
 reported_finding report_of(const survey &checked, const finding &one) {
-    reported_finding result{one.kind->name, "", "", one.cluster, one.text, false, ""};
+    reported_finding result;
+    result.kind = one.kind->name;
+    result.cluster = one.cluster;
+    result.text = one.text;
+    result.restores_entry = one.restores_entry;
+    if (one.other != NO_NODE) {
+        result.json_other = json_path(path_of(checked, one.other));
+    }
     if (one.node != NO_NODE) {
         const name_path path = path_of(checked, one.node);
         result.path = shown_path(checked.vol.names(), path);
@@ -193,7 +200,7 @@ private:
 
 // What takes free clusters comes before what frees some.
 int order_of(const finding &one) {
-    return one.kind == &found::CHAIN_SHARED ? 0 : 1;
+    return one.kind == &found::CHAIN_SHARED || one.kind == &found::CHAIN_BAD ? 0 : 1;
 }
 
 // Plans the repairs and sets the outcome of each finding. Returns whether there is anything to
@@ -264,6 +271,7 @@ constexpr u32 MAX_ROUNDS = 8;
 
 check_result repair_in_rounds(volume &vol, const repair_request &request, u32 rounds) {
     survey checked(vol, request.extent, request.frees_lost);
+    checked.renames = request.renames;
     run_all_checks(&checked);
     check_result result = result_of(checked);
     if (result.is_fat_in_doubt() && !request.is_fat_believed) {

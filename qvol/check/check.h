@@ -11,10 +11,12 @@ struct reported_finding {
     std::string kind;
     std::string path; // safe for a terminal; "": the finding is about the volume
     std::string json_path;
-    u32 cluster; // 0: no cluster
+    u32 cluster = 0; // 0: no cluster
     std::string text;
     bool is_repaired = false;
-    std::string outcome; // of a repair: what was done, or why nothing was
+    std::string outcome;         // of a repair: what was done, or why nothing was
+    std::string json_other;      // path of another entry that shares clusters; "": none does
+    bool restores_entry = false; // of lost clusters
 
     bool operator<(const reported_finding &other) const {
         return std::tie(kind, path, cluster) < std::tie(other.kind, other.path, other.cluster);
@@ -42,6 +44,7 @@ struct check_result {
 struct repair_request {
     repair_extent extent = repair_extent::ALL;
     bool frees_lost = false;      // instead of keeping lost clusters
+    bool renames = true;          // entries whose names are invalid or taken
     bool is_fat_believed = false; // otherwise nothing is written while the FAT is in doubt
     bool rebuilds_boot = false;   // if it is lost and has no backup
 };

@@ -369,12 +369,14 @@ private:
             if (label.type() != kind::LABEL) {
                 continue;
             }
-            if (is_root() && !checked_->root_label) {
-                checked_->root_label = label.alias();
-            }
             if (!is_root() || label.start() != 0 || label.size() != 0) {
                 add_misplaced_label(space, label);
-            } else if (!label.name.empty() && ++labels >= 2) {
+                continue;
+            }
+            if (!checked_->root_label) {
+                checked_->root_label = label.alias();
+            }
+            if (!label.name.empty() && ++labels >= 2) {
                 add_finding(found::LABELS, 0,
                             fmt::format("slot {} holds a second volume label", label.slot),
                             "slot removed", remove_slot(space, label.slot));

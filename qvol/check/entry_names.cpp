@@ -36,6 +36,10 @@ private:
         const entry &named = checked_->nodes[node].dentry;
         finding about{&kind, node, named.start(), std::move(text), "renamed"};
         about.is_disputable = true;
+        if (!checked_->renames) {
+            checked_->add(std::move(about));
+            return;
+        }
         about.repair = [start = directory_.dentry.start(), slot = named.slot](repair_plan *plan) {
             plan->rename(start, slot);
         };

@@ -116,9 +116,11 @@ struct finding {
     std::function<void(repair_plan *plan)> repair{}; // empty: not repairable
     const char *obstacle = nullptr;                  // instead of the one of its kind
 
-    bool is_disputable = false; // other repairs are possible: a safe one leaves it
-    bool moves_chains = false;  // the repair gives clusters another owner
-    bool waits = false;         // until no other repair moves chains
+    core::u32 other = NO_NODE;   // that shares clusters
+    bool is_disputable = false;  // other repairs are possible: a safe one leaves it
+    bool moves_chains = false;   // the repair gives clusters another owner
+    bool restores_entry = false; // of lost clusters
+    bool waits = false;          // until no other repair moves chains
 };
 
 } // namespace qvol

@@ -11,7 +11,6 @@ lost_index::lost_index(const survey &checked) {
             directories_.emplace(*parent, lost.head);
             parents_.emplace(lost.head, *parent);
         } else {
-            files_by_count_[lost.count].push_back(lost.head);
             files_.emplace(lost.head, lost.count);
         }
     }
@@ -27,11 +26,12 @@ bool lost_index::take_file(u32 head, u32 count) {
 }
 
 std::optional<u32> lost_index::take_only_file(u32 count) {
-    const auto found = files_by_count_.find(count);
-    const bool is_only_one = found != files_by_count_.end() && found->second.size() == 1;
-    return is_only_one && files_.erase(found->second.front()) == 1
-               ? std::optional(found->second.front())
-               : std::nullopt;
+    if (files_.size() != 1 || files_.begin()->second != count) {
+        return std::nullopt;
+    }
+    const u32 head = files_.begin()->first;
+    files_.clear();
+    return head;
 }
 
 u32 lost_index::take_any(u32 head) {

@@ -19,7 +19,7 @@ public:
     [[nodiscard]] bool has_file(u32 head, u32 count) const;
     bool take_file(u32 head, u32 count);
 
-    // The only chain of `count` clusters that is no directory.
+    // The only chain that is no directory, if it has `count` clusters.
     std::optional<u32> take_only_file(u32 count);
 
     // A chain of any length, but no directory: its number of clusters, 0 without such a chain.
@@ -31,10 +31,9 @@ public:
     bool take_directory(u32 head);
 
 private:
-    std::map<u32, std::vector<u32>> files_by_count_; // heads, also of taken chains
-    std::map<u32, u32> files_;                       // counts by head
-    std::multimap<u32, u32> directories_;            // heads by parent
-    std::map<u32, u32> parents_;                     // by head
+    std::map<u32, u32> files_;            // counts by head
+    std::multimap<u32, u32> directories_; // heads by parent
+    std::map<u32, u32> parents_;          // by head
 };
 
 } // namespace qvol

@@ -32,7 +32,6 @@ class chain_mender {
 public:
     explicit chain_mender(survey *checked) : checked_(checked), lost_(*checked), damage_(*checked) {
         for (const incomplete_chain &one : checked->incomplete) {
-            wanting_[one.missing]++;
             if (one.claimed.last == 0) {
                 starts_.insert(one.claimed.at);
             }
@@ -68,7 +67,7 @@ private:
             one.missing != 0 &&
             (complete_from_copies(one, about) || complete_with_next(one, about) ||
              complete_in_sequence(one, about) || continue_owner(one, about) ||
-             complete_with_only(one, about) || copy_shared(one, about));
+             complete_with_only(one, about) || copy_bad(one, about) || copy_shared(one, about));
         if (!is_mended) {
             cut(one, about);
         }
@@ -121,9 +120,10 @@ private:
         }
     }
 
-    // The only lost chain of the missing length, if nothing else lacks as many clusters.
+    // The only lost chain of the volume, if it has the missing length and no other chain lacks
+    // clusters. With several the lengths could agree by chance.
     bool complete_with_only(const incomplete_chain &one, finding *about) {
-        if (wanting_[one.missing] != 1) {
+        if (checked_->incomplete.size() != 1) {
             return false;
         }
         const std::optional<u32> head = lost_.take_only_file(one.missing);
@@ -217,6 +217,39 @@ private:
         about->moves_chains = true;
         about->repair = [before](repair_plan *plan) { plan->set_link(before, before + 1); };
         return true;
+    }
+
+    // A cluster that is marked bad may be readable. The lost chain after it continues the file.
+    bool copy_bad(const incomplete_chain &one, finding *about) {
+        const u32 bad = one.claimed.at;
+        if (one.claimed.end != chain_end::BAD || free_clusters() == 0 || !is_readable(bad) ||
+            taken_.get(bad) != 0) {
+            return false;
+        }
+        const u32 after = one.missing - 1;
+        const bool continues = after != 0 && lost_.take_file(bad + 1, after);
+        const u32 clusters = one.claimed.count + 1 + (continues ? after : 0);
+        taken_.set(bad, 1);
+        (*free_clusters_)--;
+        about->remedy = "copied to another cluster";
+        about->moves_chains = continues;
+        about->repair = [this_file = node_of(one), bad, last = one.claimed.last,
+                         next = continues ? bad + 1 : core::FAT_END_MARK,
+                         size = size_of(clusters, node_of(one).dentry)](repair_plan *plan) {
+            plan->copy_clusters({bad}, last, this_file.location, next);
+            plan->set_size(this_file.location, size);
+        };
+        return true;
+    }
+
+    [[nodiscard]] bool is_readable(u32 cluster) const {
+        try {
+            const core::volume &on = checked_->on();
+            (void)read_extent(on, on.sector_of(cluster), on.at.sectors_per_cluster);
+            return is_in_image(*checked_, cluster);
+        } catch (const error &) {
+            return false;
+        }
     }
 
     bool copy_shared(const incomplete_chain &one, finding *about) {
@@ -436,6 +469,7 @@ private:
             fmt::format("its removed entry in {} restored", shown_path(*checked_, removed.parent));
         about->is_disputable = true;
         about->moves_chains = true;
+        about->restores_entry = true;
         about->waits = false;
         about->repair = [bytes = removed.first_bytes](repair_plan *plan) {
             for (const auto &[location, byte] : bytes) {
@@ -485,9 +519,8 @@ private:
     survey *checked_;
     lost_index lost_;
     fat_damage damage_;
-    std::set<u32> starts_;       // of chains without a sound cluster
-    std::map<u32, u32> wanting_; // chains by their missing clusters
-    cluster_map taken_;          // by completions
+    std::set<u32> starts_; // of chains without a sound cluster
+    cluster_map taken_;    // by completions
     bool copies_differ_ = false;
     std::optional<u32> free_clusters_; // without those for copies; no value: not counted yet
     u64 steps_left_ = 1 << 22;         // along chains of owners: the time is limited

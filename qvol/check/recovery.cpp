@@ -101,7 +101,12 @@ void recovery::hold_changes() {
 }
 
 void recovery::add(const finding_kind &kind, const std::string &text, const char *outcome) {
-    findings_.push_back({kind.name, "", "", 0, text, repairs_, repairs_ ? outcome : ""});
+    reported_finding one;
+    one.kind = kind.name;
+    one.text = text;
+    one.is_repaired = repairs_;
+    one.outcome = repairs_ ? outcome : "";
+    findings_.push_back(std::move(one));
 }
 
 // No request: nothing is repaired.

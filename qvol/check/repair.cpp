@@ -101,8 +101,9 @@ void repair_plan::make_directory(const core::slot_place &location, u32 parent_li
 }
 
 void repair_plan::copy_clusters(const std::vector<u32> &from, u32 last,
-                                const core::slot_place &location) {
+                                const core::slot_place &location, u32 next) {
     data_copy copy{from, vol_.fat().allocate(static_cast<u32>(from.size()), last)};
+    set_link(copy.to.back(), next);
     if (last == 0) {
         set_start(location, copy.to.front());
     }

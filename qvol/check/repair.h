@@ -50,8 +50,9 @@ public:
         set_link(last, core::FAT_END_MARK);
     }
     // Copies the clusters to free ones, after cluster `last` of a chain or as the start of the
-    // entry at `location`. Throws no_space.
-    void copy_clusters(const std::vector<u32> &from, u32 last, const core::slot_place &location);
+    // entry at `location`. The last copy links to `next`. Throws no_space.
+    void copy_clusters(const std::vector<u32> &from, u32 last, const core::slot_place &location,
+                       u32 next = core::FAT_END_MARK);
     void release_chain(u32 first, u32 count);
     // `size`: bytes of the file; 0: unknown.
     void keep_chain(u32 first, u32 count, u32 size = 0) {

@@ -173,7 +173,8 @@ struct survey {
     std::optional<short_name> root_label; // the first one in the root directory
     u32 used_clusters = 0;                // by the entries of the tree
     repair_extent extent;
-    bool frees_lost; // the repair does not keep lost clusters
+    bool frees_lost;     // the repair does not keep lost clusters
+    bool renames = true; // the repair changes names
 
     [[nodiscard]] const core::volume &on() const {
         return vol.on();

@@ -207,7 +207,8 @@ void check_label(survey *checked) {
     const std::string boot = boot_label(*checked);
     const bool is_blank_in_root = checked->root_label && root.empty();
     const bool is_none_in_boot = boot.empty() || boot == label_text(NO_LABEL);
-    if (is_blank_in_root || root == boot || (!checked->root_label && is_none_in_boot) ||
+    const bool is_text = std::all_of(in_root.begin(), in_root.end(), [](u8 c) { return c >= ' '; });
+    if (!is_text || is_blank_in_root || root == boot || (!checked->root_label && is_none_in_boot) ||
         !checked->vol.boot().has_label_field) {
         return;
     }

@@ -39,8 +39,9 @@ struct check_options {
         return repairs() && !is_dry_run;
     }
     [[nodiscard]] repair_request request() const {
-        return {is_safe() ? repair_extent::SAFE : repair_extent::ALL, frees_lost, false,
-                rebuilds_boot};
+        return {.extent = is_safe() ? repair_extent::SAFE : repair_extent::ALL,
+                .frees_lost = frees_lost,
+                .rebuilds_boot = rebuilds_boot};
     }
 };
 

@@ -40,7 +40,7 @@ host_directory open_destination(const std::string &path) {
 // read, what it has done so far counts: the order of its writes allows that.
 check_result repair_in_memory(const common_options &common, target *where, salvage_report *report) {
     try {
-        return repair_target(where, common.encoding, {});
+        return repair_target(where, common.encoding, {.renames = false});
     } catch (const error &why) {
         report->notes.push_back(std::string("not repaired before it was copied: ") + why.what());
         report->is_complete = false;
@@ -51,7 +51,7 @@ check_result repair_in_memory(const common_options &common, target *where, salva
 // What the findings state about the volume as a whole.
 void add_notes(const std::vector<reported_finding> &findings, salvage_report *report) {
     for (const reported_finding &one : findings) {
-        if (one.path.empty() && one.kind != found::LOST.name) {
+        if (one.path.empty() && (one.kind != found::LOST.name || one.restores_entry)) {
             report->notes.push_back(one.text + (one.is_repaired ? "; repaired in memory: " : "; ") +
                                     one.outcome);
         }

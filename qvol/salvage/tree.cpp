@@ -40,6 +40,9 @@ tree_salvage::tree_salvage(const salvage_source &from, salvage_report *report, p
         if (!one.path.empty()) {
             reasons_.emplace(one.json_path, reason_of(one));
         }
+        if (!one.json_other.empty()) {
+            reasons_.emplace(one.json_other, "shares clusters with " + one.path);
+        }
     }
 }
 

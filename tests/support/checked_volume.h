@@ -154,7 +154,8 @@ protected:
         poke(cluster_offset(directory) + std::uint64_t{slot} * 32, raw);
     }
 
-    // "PATH=CONTENT" of every file; those in FOUND directories without their paths.
+    // "PATH: SIZE, first and last byte" of every file; those in FOUND directories without their
+    // paths.
     std::multiset<std::string> files_by_name() {
         const std::filesystem::path copy = scratch_.file("copy");
         std::filesystem::remove_all(copy);
@@ -165,8 +166,12 @@ protected:
             const std::string path = std::filesystem::relative(one, copy).string();
             if (one.is_regular_file()) {
                 const bytes content = read_file(one.path().string());
-                files.insert((path.starts_with("FOUND.") ? "" : path) + "=" +
-                             std::string(content.begin(), content.end()));
+                const auto end = [&](std::size_t at) {
+                    return content.empty() ? "" : std::string(1, static_cast<char>(content[at]));
+                };
+                files.insert((path.starts_with("FOUND.") ? "" : path) + ": " +
+                             std::to_string(content.size()) + ", " + end(0) +
+                             end(content.size() - 1));
             }
         }
         return files;
