@@ -50,9 +50,9 @@ bool fat_damage::is_overwritten(u32 cluster) {
     u32 wrong = 0;
     for (u32 at = first; on.is_data_cluster(at) && sector_of(at) == sector; at++) {
         const u32 value = table_.get(at);
-        const bool is_link = on.kind_of_link(value) == core::link_kind::NEXT;
+        const bool is_mark = on.is_end_of_chain(value) || value == on.bad_mark();
         used += value != core::FAT_FREE ? 1 : 0;
-        wrong += is_link && !on.is_data_cluster(value) ? 1 : 0;
+        wrong += value != core::FAT_FREE && !is_mark && !on.is_data_cluster(value) ? 1 : 0;
     }
     return used == 0 ? broken_chains_[sector] >= LEAST_CHAINS
                      : wrong >= LEAST_WRONG && wrong * 2 > used;
