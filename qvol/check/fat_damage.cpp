@@ -7,6 +7,8 @@ namespace {
 // An interrupted write can leave one chain in a blank sector.
 constexpr u32 LEAST_CHAINS = 2;
 constexpr u32 LEAST_WRONG = 8; // values
+constexpr u32 LEAST_USED = 64;
+constexpr u32 LEAST_ORDER = 8; // systems link one of so many entries to the next, or end a chain
 
 } // namespace
 
@@ -48,14 +50,18 @@ bool fat_damage::is_overwritten(u32 cluster) {
     }
     u32 used = 0;
     u32 wrong = 0;
+    u32 in_order = 0;
     for (u32 at = first; on.is_data_cluster(at) && sector_of(at) == sector; at++) {
         const u32 value = table_.get(at);
         const bool is_mark = on.is_end_of_chain(value) || value == on.bad_mark();
         used += value != core::FAT_FREE ? 1 : 0;
+        in_order += value == at + 1 || is_mark ? 1 : 0;
         wrong += value != core::FAT_FREE && !is_mark && !on.is_data_cluster(value) ? 1 : 0;
     }
-    return used == 0 ? broken_chains_[sector] >= LEAST_CHAINS
-                     : wrong >= LEAST_WRONG && wrong * 2 > used;
+    const bool is_broken = broken_chains_[sector] >= LEAST_CHAINS;
+    const bool is_random = used >= LEAST_USED && in_order * LEAST_ORDER < used;
+    return used == 0 ? is_broken
+                     : (wrong >= LEAST_WRONG && wrong * 2 > used) || (is_broken && is_random);
 }
 
 } // namespace qvol

@@ -1,5 +1,5 @@
-// Sectors of the FAT that were overwritten: blank although chains lead there, or full of values
-// that no cluster can have.
+// Sectors of the FAT that were overwritten: blank although chains lead there, full of values that
+// no cluster can have, or, where chains are broken, without any order.
 
 #pragma once
 
