@@ -28,13 +28,14 @@ constexpr double LEAST_BY_NAME = 0.89;
 constexpr double LEAST_ANYWHERE = 0.96;
 constexpr double LEAST_WITH_SLACK = 0.985;
 constexpr double LEAST_CLEAN = 0.98;
+constexpr unsigned MANY_SEEDS = 12; // with fewer the shares vary
 
 unsigned seeds() {
     const char *chosen = std::getenv("QUORVEL_DAMAGE_SEEDS");
     if (chosen != nullptr) {
         return static_cast<unsigned>(std::stoul(chosen));
     }
-    return !QUORVEL_FULL ? 1 : is_sanitized_qvol() ? 2 : 12;
+    return !QUORVEL_FULL ? 1 : is_sanitized_qvol() ? 2 : MANY_SEEDS;
 }
 
 // A short run with sanitizers damages one width per class.
@@ -850,7 +851,7 @@ protected:
         }
         print_row("all", all);
         std::printf("slowest repair: %.2f s, %s\n", slowest_, slowest_volume_.c_str());
-        if (QUORVEL_FULL && rows_.size() == CLASSES.size()) {
+        if (seeds() >= MANY_SEEDS && rows_.size() == CLASSES.size()) {
             EXPECT_GE(percent(all.qvol.by_name, all.files), 100 * LEAST_BY_NAME);
             EXPECT_GE(percent(all.qvol.anywhere, all.files), 100 * LEAST_ANYWHERE);
             EXPECT_GE(percent(all.qvol.slack, all.files), 100 * LEAST_WITH_SLACK);
