@@ -105,8 +105,8 @@ u64 max_fat_bytes(u32 width) {
 // Of three copies the last two are a pair as well.
 bool is_rest_of_others(const found_fats &one, const std::vector<found_fats> &all) {
     return std::any_of(all.begin(), all.end(), [&](const found_fats &other) {
-        return other.width == one.width && other.bytes == one.bytes && other.end() == one.end() &&
-               other.offset < one.offset;
+        return other.width == one.width && other.bytes == one.bytes &&
+               other.past_end() == one.past_end() && other.offset < one.offset;
     });
 }
 

@@ -25,7 +25,7 @@ struct found_fats {
     u64 bytes;  // of one copy
     u32 copies;
 
-    [[nodiscard]] u64 end() const {
+    [[nodiscard]] u64 past_end() const {
         return offset + copies * bytes;
     }
 };

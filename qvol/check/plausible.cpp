@@ -15,7 +15,7 @@ namespace {
 
 constexpr u32 UNDEFINED_ATTRIBUTES = 0xC0;
 
-constexpr std::array<bool, 256> NAME_BYTES = [] {
+constexpr std::array<bool, 256> bytes_of_names() {
     std::array<bool, 256> may_be{};
     for (std::size_t byte = ' '; byte < may_be.size(); byte++) {
         may_be[byte] = true;
@@ -25,7 +25,8 @@ constexpr std::array<bool, 256> NAME_BYTES = [] {
         may_be[static_cast<u8>(never)] = false;
     }
     return may_be;
-}();
+}
+constexpr std::array<bool, 256> NAME_BYTES = bytes_of_names();
 
 bool may_be_short_name(const u8 *name) {
     const bool is_dot = std::equal(name, name + core::SHORT_NAME.size, core::DOT_NAME) ||

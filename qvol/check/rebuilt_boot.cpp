@@ -37,7 +37,7 @@ struct candidate {
     core::areas at{};
 
     [[nodiscard]] u64 root_bytes() const {
-        return data_start - fats.end();
+        return data_start - fats.past_end();
     }
     [[nodiscard]] u32 root_entries() const {
         return static_cast<u32>(root_bytes() / core::DENTRY_SIZE);
@@ -133,7 +133,7 @@ bool set_areas(const target &where, u32 sector_size, candidate *one) {
                .total_sectors = static_cast<u32>(total),
                .fat_start = static_cast<u32>(one->fats.offset / sector_size),
                .fat_sectors = static_cast<u32>(one->fats.bytes / sector_size),
-               .root_start = static_cast<u32>(one->fats.end() / sector_size),
+               .root_start = static_cast<u32>(one->fats.past_end() / sector_size),
                .root_cluster = is_wide ? core::NEW_ROOT_CLUSTER : 0,
                .data_start = static_cast<u32>(data_start),
                .clusters = static_cast<u32>(clusters)};
@@ -170,7 +170,7 @@ private:
         for (const dot_directory &one : evidence_.directories()) {
             const u32 cluster = fats.width == 32 ? one.cluster : one.cluster & 0xFFFF;
             const u64 before = u64{cluster - core::FIRST_DATA_CLUSTER} * cluster_bytes;
-            if (cluster >= core::FIRST_DATA_CLUSTER && one.offset >= fats.end() + before) {
+            if (cluster >= core::FIRST_DATA_CLUSTER && one.offset >= fats.past_end() + before) {
                 result[one.offset - before]++;
             }
         }
@@ -183,8 +183,8 @@ private:
             std::max_element(by_start.begin(), by_start.end(),
                              [](const auto &a, const auto &b) { return a.second < b.second; });
         for (const auto &[start, count] : by_start) {
-            const bool is_in_range =
-                fats.width == 32 ? start == fats.end() : start - fats.end() <= MAX_ROOT_BYTES;
+            const bool is_in_range = fats.width == 32 ? start == fats.past_end()
+                                                      : start - fats.past_end() <= MAX_ROOT_BYTES;
             if (is_in_range && 2 * count >= best->second) {
                 add({fats, cluster_bytes, start, count});
             }
@@ -195,11 +195,11 @@ private:
     void add_by_formatter(const found_fats &fats, u32 cluster_bytes) {
         constexpr u32 ROOT_ENTRIES[] = {512, 64, 112, 128, 224, 240, 256, 1024, 2048, 4096};
         if (fats.width == 32) {
-            add({fats, cluster_bytes, fats.end()});
+            add({fats, cluster_bytes, fats.past_end()});
             return;
         }
         for (const u32 entries : ROOT_ENTRIES) {
-            add({fats, cluster_bytes, fats.end() + u64{entries} * core::DENTRY_SIZE});
+            add({fats, cluster_bytes, fats.past_end() + u64{entries} * core::DENTRY_SIZE});
         }
     }
 

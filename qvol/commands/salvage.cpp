@@ -74,31 +74,31 @@ void count_lost(const std::vector<reported_finding> &findings, salvage_report *r
 int run_salvage(const common_options &common, const salvage_options &options) {
     target where(common.image, access::READ);
     refuse_content(options.destination);
-    const auto backup = common.open_backup_boot(&where);
+    [[maybe_unused]] const auto backup = common.open_backup_boot(&where);
     core::medium &original = where.medium();
     core::overlay_medium repaired(original, core::MIN_SECTOR_SIZE);
     if (!where.has_fixed_size()) {
         repaired.allow_growth();
     }
     const replaced_medium in_memory(&where, &repaired);
-    salvage_report report;
-    const check_result found = repair_in_memory(common, &where, &report);
+    salvage_report made;
+    const check_result found = repair_in_memory(common, &where, &made);
     volume vol(where, common.encoding, required::AREAS);
-    add_notes(found.findings, &report);
-    count_lost(found.findings, &report);
+    add_notes(found.findings, &made);
+    count_lost(found.findings, &made);
     progress bar("salvage", u64{found.used_clusters} * vol.on().cluster_bytes(),
                  common.out.is_quiet);
     const salvage_source source = {vol, original, found.findings};
-    tree_salvage tree(source, &report, &bar);
+    tree_salvage tree(source, &made, &bar);
     if (options.takes_deleted) {
         tree.reserve(u"deleted");
     }
     tree.copy(open_destination(options.destination));
     if (options.takes_deleted) {
-        removed_salvage(source, tree, &report).copy(open_destination(options.destination));
+        removed_salvage(source, tree, &made).copy(open_destination(options.destination));
     }
-    print_report(common.out, report);
-    return report.is_certain() ? EXIT_DONE : EXIT_FAILED;
+    print_report(common.out, made);
+    return made.is_certain() ? EXIT_DONE : EXIT_FAILED;
 }
 
 } // namespace

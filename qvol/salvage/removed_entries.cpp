@@ -119,7 +119,8 @@ std::vector<removed_entry> removed_entries(std::span<const u8> slots, bool is_wi
     std::vector<removed_entry> found;
     const u32 count = static_cast<u32>(slots.size() / core::DENTRY_SIZE);
     for (u32 index = 0; index < count; index++) {
-        const u8 *slot = &slots[std::size_t{index} * core::DENTRY_SIZE];
+        // cppcheck-suppress redundantInitialization; it takes the variables of all rounds for one
+        const u8 *slot = slots.data() + std::size_t{index} * core::DENTRY_SIZE;
         if (core::kind_of(slot) == core::slot_kind::UNUSED) {
             break;
         }
@@ -144,7 +145,8 @@ std::vector<removed_entry> remaining_entries(std::span<const u8> slots, bool is_
     core::name_assembler name;
     const u32 count = static_cast<u32>(slots.size() / core::DENTRY_SIZE);
     for (u32 index = 0; index < count; index++) {
-        const u8 *slot = &slots[std::size_t{index} * core::DENTRY_SIZE];
+        // cppcheck-suppress redundantInitialization; it takes the variables of all rounds for one
+        const u8 *slot = slots.data() + std::size_t{index} * core::DENTRY_SIZE;
         const core::slot_kind kind = core::kind_of(slot);
         if (kind == core::slot_kind::UNUSED) {
             break;

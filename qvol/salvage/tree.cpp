@@ -186,17 +186,17 @@ void tree_salvage::share(std::size_t one, std::size_t other) {
 
 bool tree_salvage::enter(const name_path &path, const std::string &name, const entry &found) {
     const open_level &here = open_.back();
-    const std::size_t report = report_.entries.size() - 1;
+    const std::size_t own_entry = report_.entries.size() - 1;
     try {
         open_.push_back({here.dir.enter(name), here.host_path + name + '/',
                          std::make_shared<safe_names>(vol_.names()), moment_of(found.modified()),
-                         report, here.is_lost});
+                         own_entry, here.is_lost});
         if (!open_.back().is_lost) {
             directories_.push_back({path, found.start(), open_.back().host_path});
         }
         return true;
     } catch (const error &why) {
-        report_.entries[report].fail(why.what());
+        report_.entries[own_entry].fail(why.what());
         return false;
     }
 }
