@@ -414,7 +414,7 @@ private:
                              });
     }
 
-    void cut_directory(const incomplete_chain &one, finding *about) const {
+    static void cut_directory(const incomplete_chain &one, finding *about) {
         about->remedy =
             fmt::format("cut after {}", counted(one.claimed.count, "cluster", "clusters"));
         about->repair = [last = one.claimed.last](repair_plan *plan) { plan->end_chain(last); };

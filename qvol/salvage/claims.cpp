@@ -117,7 +117,8 @@ private:
                 }
                 if (at != one.start && next < claims_.size() && claims_[next].start == at) {
                     contest(index, next);
-                    contest(next, index);
+                    // Either is the rival of the other.
+                    contest(next, index); // NOLINT(readability-suspicious-call-argument)
                 } else {
                     append_cluster(&extents, static_cast<u32>(at));
                     missing--;

@@ -26,7 +26,7 @@ const char *text_of(certainty state) {
 }
 
 std::string title_of(const salvaged_entry &one) {
-    const std::string host = shown_bytes(one.host_path);
+    std::string host = shown_bytes(one.host_path);
     if (one.shown_path.empty()) {
         return host;
     }

@@ -22,7 +22,8 @@ bool is_safe(const name_codec &names, std::u16string_view name) {
 // Position of the dot before the extension, or the length of the name.
 std::size_t end_of_stem(std::u16string_view name) {
     const std::size_t dot = name.rfind(u'.');
-    const bool has_extension = dot != 0 && dot != name.npos && name.size() - dot <= MAX_EXTENSION;
+    const bool has_extension =
+        dot != 0 && dot != std::u16string_view::npos && name.size() - dot <= MAX_EXTENSION;
     return has_extension ? dot : name.size();
 }
 
