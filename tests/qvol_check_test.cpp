@@ -1593,6 +1593,36 @@ TEST_P(QvolCheck, ADryRunExtendsACutImageInMemory) {
     EXPECT_GT(std::filesystem::file_size(image_), size);
 }
 
+// Beside the image, except for a safe repair; the next one gets a name of its own.
+TEST_P(QvolCheck, ARepairMakesAnUndoFileByDefault) {
+    EXPECT_EQ(qvol("check", {"--repair", "-q"}), (outcome{0, "", ""}));
+    EXPECT_FALSE(std::filesystem::exists(image_ + ".undo")); // nothing was changed
+    for (const std::string name : {"/A.TXT", "/B.TXT"}) {
+        set_size(name, 5);
+    }
+    const bytes damaged = read_file(image_);
+    for (const std::string suffix : {".undo", ".undo.2"}) {
+        (void)scratch_.file_with("disk.img", damaged);
+        const outcome repaired = qvol("check", {"--repair"});
+        EXPECT_TRUE(repaired.out.starts_with("\"qvol undo " + image_ + " " + image_ + suffix +
+                                             "\" takes the repair back\n"))
+            << repaired;
+        said("undo", {image_ + suffix});
+        EXPECT_TRUE(has_content(image_, damaged));
+    }
+    for (const std::vector<std::string> &options :
+         {std::vector<std::string>{"--repair=safe"}, {"--repair", "--no-undo"}}) {
+        (void)qvol("check", options);
+        EXPECT_FALSE(std::filesystem::exists(image_ + ".undo.3"));
+    }
+    for (const std::vector<std::string> &options :
+         {std::vector<std::string>{"--no-undo"},
+          {"--undo", scratch_.file("undo"), "--repair", "--no-undo"},
+          {"--repair=some"}}) {
+        EXPECT_EQ(qvol("check", options).status, 2);
+    }
+}
+
 TEST_P(QvolCheck, AnUndoFileTakesTheRepairBack) {
     const std::string undo = scratch_.file("undo");
     said("check", {"--repair", "--undo", undo});

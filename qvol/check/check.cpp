@@ -3,6 +3,7 @@
 #include "qvol/check/repair.h"
 
 #include <algorithm>
+#include <optional>
 #include <set>
 
 namespace qvol {
@@ -198,9 +199,10 @@ private:
     bool leaves_findings_ = false;
 };
 
-// What takes free clusters comes before what frees some.
+// What uses certain clusters again comes before what takes any free ones, what frees some is last.
 int order_of(const finding &one) {
-    return one.kind == &found::CHAIN_SHARED || one.kind == &found::CHAIN_BAD ? 0 : 1;
+    const bool is_copied = one.kind == &found::CHAIN_SHARED || one.kind == &found::CHAIN_BAD;
+    return is_copied ? 1 : one.moves_chains ? 0 : 2;
 }
 
 // Plans the repairs and sets the outcome of each finding. Returns whether there is anything to
@@ -269,26 +271,36 @@ void compare_with_second_check(const check_result &second, check_result *result)
 // reached on volumes that are made to reach it.
 constexpr u32 MAX_ROUNDS = 8;
 
-check_result repair_in_rounds(volume &vol, const repair_request &request, u32 rounds) {
+// One round. Returns whether there has to be another one; no value: nothing was written.
+std::optional<bool> repair_once(volume &vol, const repair_request &request, bool may_continue,
+                                check_result *result) {
     survey checked(vol, request.extent, request.frees_lost);
     checked.renames = request.renames;
     run_all_checks(&checked);
-    check_result result = result_of(checked);
-    if (result.is_fat_in_doubt() && !request.is_fat_believed) {
-        return result;
+    *result = result_of(checked);
+    if (result->is_fat_in_doubt() && !request.is_fat_believed) {
+        return std::nullopt;
     }
     const repair_policy policy(checked);
     repair_plan plan(vol);
-    if (!plan_repairs(checked, policy, &plan, &result)) {
+    if (!plan_repairs(checked, policy, &plan, result)) {
+        return std::nullopt;
+    }
+    const u32 kept_directories = plan.write(may_continue);
+    return may_continue && (kept_directories != 0 || policy.moves_chains());
+}
+
+check_result repair_in_rounds(volume &vol, const repair_request &request, u32 rounds) {
+    check_result result;
+    const std::optional<bool> continues = repair_once(vol, request, rounds > 0, &result);
+    if (!continues) {
         return result;
     }
-    const u32 kept_directories = plan.write(rounds > 0);
     vol.fat().forget_changes();
-    const bool has_another_round = rounds > 0 && (kept_directories != 0 || policy.moves_chains());
     repair_request next = request;
     next.is_fat_believed = true;
     compare_with_second_check(
-        has_another_round ? repair_in_rounds(vol, next, rounds - 1) : check_volume(vol), &result);
+        *continues ? repair_in_rounds(vol, next, rounds - 1) : check_volume(vol), &result);
     return result;
 }
 

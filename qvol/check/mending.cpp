@@ -441,30 +441,27 @@ private:
     // A removed directory gets its entry back. A removed file does not, it may be what an
     // interrupted command has removed: its size is known.
     void restore_removed() {
-        std::map<u32, const lost_chain *> lost;
         for (const lost_chain &chain : checked_->lost) {
-            lost.emplace(chain.head, &chain);
-        }
-        for (const lost_entry &removed : checked_->removed) {
-            const auto found = lost.find(removed.start);
-            if (found == lost.end()) {
+            const auto found = checked_->removed.find(chain.head);
+            if (found == checked_->removed.end()) {
                 continue;
             }
-            finding &about = checked_->findings[found->second->finding];
+            const lost_entry &removed = found->second;
+            finding &about = checked_->findings[chain.finding];
             if (removed.is_directory) {
-                restore_directory(removed, &about);
-            } else if (clusters_for(checked_->on(), removed.size) == found->second->count) {
-                set_size(removed, *found->second, &about);
+                restore_directory(chain.head, removed, &about);
+            } else if (clusters_for(checked_->on(), removed.size) == chain.count) {
+                set_size(removed, chain, &about);
             }
         }
     }
 
-    void restore_directory(const lost_entry &removed, finding *about) {
+    void restore_directory(u32 start, const lost_entry &removed, finding *about) {
         const std::vector<u32> below = lost_.directories_below(link_to(removed.parent));
-        if (std::find(below.begin(), below.end(), removed.start) == below.end()) {
+        if (std::find(below.begin(), below.end(), start) == below.end()) {
             return;
         }
-        lost_.take_directory(removed.start);
+        lost_.take_directory(start);
         about->remedy =
             fmt::format("its removed entry in {} restored", shown_path(*checked_, removed.parent));
         about->is_disputable = true;

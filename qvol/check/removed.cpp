@@ -46,13 +46,13 @@ private:
 
     void add(u32 slot) {
         const entry found = entry_at(slot);
-        lost_entry removed{directory_, found.start(), found.size(), found.is_directory(), {}};
+        lost_entry removed{directory_, found.size(), found.is_directory(), {}};
         const std::optional<u8> first = first_byte(slot);
         removed.first_bytes.emplace_back(space_.location(slot), first.value_or(UNKNOWN_CHARACTER));
         if (first) {
             restore_long_name(slot, &removed);
         }
-        checked_->removed.push_back(std::move(removed));
+        checked_->removed.try_emplace(found.start(), std::move(removed));
     }
 
     // The first byte of the short name that gives the checksum in the long-name slot before it.

@@ -8,6 +8,7 @@
 
 #include <array>
 #include <bitset>
+#include <map>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -122,7 +123,6 @@ struct lost_chain {
 // A removed entry that leads to a cluster in use without an owner.
 struct lost_entry {
     u32 parent; // node
-    u32 start;
     u32 size;
     bool is_directory;
     std::vector<std::pair<core::slot_place, u8>> first_bytes; // that restore its slots
@@ -168,7 +168,7 @@ struct survey {
     std::vector<finding> findings;
     std::vector<incomplete_chain> incomplete;
     std::vector<hidden_slots> hidden;
-    std::vector<lost_entry> removed;
+    std::map<u32, lost_entry> removed; // by start
     std::vector<lost_chain> lost;
     std::optional<short_name> root_label; // the first one in the root directory
     u32 used_clusters = 0;                // by the entries of the tree

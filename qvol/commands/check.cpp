@@ -7,6 +7,7 @@
 #include "qvol/check/recovery.h"
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
+#include "qvol/host.h"
 #include "qvol/output.h"
 #include "qvol/undo.h"
 
@@ -14,6 +15,8 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+
+#include <unistd.h>
 
 #include <fmt/core.h>
 
@@ -144,6 +147,10 @@ std::string undo_file(const check_options &options, const target &where) {
     std::string path = where.file_path() + ".undo";
     for (u32 number = 2; std::filesystem::exists(std::filesystem::symlink_status(path)); number++) {
         path = fmt::format("{}.undo.{}", where.file_path(), number);
+    }
+    if (::access(split_host_path(path).directory.c_str(), W_OK) != 0) {
+        throw system_failure("make the undo file " + shown_bytes(path) +
+                             " (--undo FILE makes another one, --no-undo none)");
     }
     return path;
 }
