@@ -92,7 +92,8 @@ s64 overlay_medium::read_below(u64 offset, std::span<u8> bytes) const {
     if (moved != static_cast<s64>(present)) {
         return moved;
     }
-    std::fill(bytes.begin() + moved, bytes.end(), u8{0});
+    const std::span<u8> rest = bytes.subspan(static_cast<std::size_t>(moved));
+    std::fill(rest.begin(), rest.end(), u8{0});
     return static_cast<s64>(bytes.size());
 }
 

@@ -34,6 +34,7 @@ public:
         for (const incomplete_chain &one : checked->incomplete) {
             if (one.claimed.last == 0) {
                 starts_.insert(one.claimed.at);
+                without_cluster_[checked->nodes[one.node].parent] += is_directory(one.node) ? 1 : 0;
             }
         }
         copies_differ_ =
@@ -369,7 +370,7 @@ private:
             return true;
         }
         const u32 parent = node_of(one).parent;
-        if (one.node == ROOT_NODE || without_cluster(parent) != 1) {
+        if (one.node == ROOT_NODE || without_cluster_[parent] != 1) {
             return false;
         }
         const std::vector<u32> heads = lost_.directories_below(link_to(parent));
@@ -403,15 +404,6 @@ private:
     // The first cluster in a ".." that leads to the node.
     [[nodiscard]] u32 link_to(u32 node) const {
         return node == ROOT_NODE ? 0 : checked_->nodes[node].dentry.start();
-    }
-
-    // Directories in `parent` without a cluster.
-    [[nodiscard]] std::ptrdiff_t without_cluster(u32 parent) const {
-        return std::count_if(checked_->incomplete.begin(), checked_->incomplete.end(),
-                             [&](const incomplete_chain &one) {
-                                 return one.node != ROOT_NODE && is_directory(one.node) &&
-                                        one.claimed.last == 0 && node_of(one).parent == parent;
-                             });
     }
 
     static void cut_directory(const incomplete_chain &one, finding *about) {
@@ -516,8 +508,9 @@ private:
     survey *checked_;
     lost_index lost_;
     fat_damage damage_;
-    std::set<u32> starts_; // of chains without a sound cluster
-    cluster_map taken_;    // by completions
+    std::map<u32, u32> without_cluster_; // directories by parent
+    std::set<u32> starts_;               // of chains without a sound cluster
+    cluster_map taken_;                  // by completions
     bool copies_differ_ = false;
     std::optional<u32> free_clusters_; // without those for copies; no value: not counted yet
     u64 steps_left_ = 1 << 22;         // along chains of owners: the time is limited
