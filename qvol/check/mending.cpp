@@ -57,6 +57,11 @@ private:
     [[nodiscard]] const tree_node &node_of(const incomplete_chain &one) const {
         return checked_->nodes[one.node];
     }
+    // The time of all searches together is limited.
+    [[nodiscard]] bool may_step() {
+        steps_left_ -= steps_left_ != 0 ? 1 : 0;
+        return steps_left_ != 0;
+    }
     [[nodiscard]] bool is_directory(u32 node) const {
         return node == ROOT_NODE || checked_->nodes[node].dentry.is_directory();
     }
@@ -98,7 +103,8 @@ private:
                 links.emplace_back(cluster, next);
                 return complete_with(one, links, about);
             }
-            if (!is_unowned(next) || (starts_.contains(next) && next != one.claimed.at)) {
+            const bool is_other_start = starts_.contains(next) && next != one.claimed.at;
+            if (!is_unowned(next) || is_other_start || !may_step()) {
                 return false;
             }
             links.emplace_back(cluster, next);
@@ -159,7 +165,7 @@ private:
         chain_links links;
         u32 cluster = one.claimed.last;
         u32 value = cluster == 0 ? one.claimed.at : other.get(cluster);
-        while (links.size() < most && is_unowned(value)) {
+        while (links.size() < most && is_unowned(value) && may_step()) {
             links.emplace_back(cluster, value);
             cluster = value;
             value = other.get(cluster);
@@ -205,7 +211,7 @@ private:
         u32 count = 0;
         u32 before = 0;
         for (u32 at = file.start(); at != one.claimed.at; at = checked_->table.get(at)) {
-            if (++count >= wanted || --steps_left_ == 0) {
+            if (++count >= wanted || !may_step()) {
                 return false;
             }
             before = at;
@@ -513,7 +519,7 @@ private:
     cluster_map taken_;                  // by completions
     bool copies_differ_ = false;
     std::optional<u32> free_clusters_; // without those for copies; no value: not counted yet
-    u64 steps_left_ = 1 << 22;         // along chains of owners: the time is limited
+    u64 steps_left_ = 1 << 22;         // of searches along chains
 };
 
 } // namespace
