@@ -448,6 +448,14 @@ bool is_plain_short_name(std::u16string_view name) {
     return form.is_exact && short_name_units(form.name, 0) == name;
 }
 
+std::size_t end_of_stem(std::u16string_view name) {
+    constexpr std::size_t MAX_EXTENSION = 16; // units, with its dot
+    const std::size_t dot = name.rfind(u'.');
+    const bool has_extension =
+        dot != 0 && dot != std::u16string_view::npos && name.size() - dot <= MAX_EXTENSION;
+    return has_extension ? dot : name.size();
+}
+
 u32 slots_of_name(std::u16string_view name) {
     return 1 + (is_plain_short_name(name) ? 0 : core::long_slots_of(static_cast<u32>(name.size())));
 }

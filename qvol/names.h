@@ -74,6 +74,10 @@ inline constexpr std::size_t MAX_TARGET_BYTES = 260; // of a link: the library r
 // Plain upper-case 8.3 in ASCII: the only names that are stored without long-name slots.
 [[nodiscard]] bool is_plain_short_name(std::u16string_view name);
 
+// Position of the dot before the extension, or the length of the name. A long extension belongs to
+// the stem.
+[[nodiscard]] std::size_t end_of_stem(std::u16string_view name);
+
 // 32-byte slots that an entry of this name takes, the short entry included.
 [[nodiscard]] u32 slots_of_name(std::u16string_view name);
 

@@ -1266,6 +1266,29 @@ TEST_P(QvolCheck, TellsNamesThatDifferInCaseAlone) {
     expect_contents();
 }
 
+// A name of the greatest length has no space for a number.
+TEST_P(QvolCheck, RenamesTheLongestNames) {
+    const std::string longest(255, 'n');
+    host_file("more/" + longest, "");
+    host_file("more/" + std::string(255, 'm'), "");
+    said("mkdir", {"/MORE"});
+    said("put", {scratch_.file("more") + "/.", "/MORE"});
+    const std::uint64_t start = cluster_offset(start_of("/MORE"));
+    std::string slots = peek(start, 4096);
+    for (std::size_t slot = 0; slot < slots.size(); slot += 32) {
+        const bool is_of_long_name = slots[slot + 11] == '\x0F';
+        for (std::size_t at = slot; at < slot + 32 && is_of_long_name; at++) {
+            slots[at] = slots[at] == 'm' ? 'n' : slots[at];
+        }
+    }
+    poke(start, slots);
+    const outcome repaired = run({"timeout", "10", qvol_path(), "check", "--repair", "-q", image_});
+    EXPECT_EQ(repaired.status, 0) << repaired;
+    expect_healthy();
+    expect_clean();
+    EXPECT_EQ(said("ls", {"/MORE"}), longest + "\n" + longest.substr(2) + "~1\n");
+}
+
 TEST_P(QvolCheck, TellsNamesThatAreNone) {
     const std::uint32_t dir = start_of("/DIR");
     put_slot(dir, 6, "\x1B[31m      ", 0x20);

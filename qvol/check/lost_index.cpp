@@ -8,7 +8,7 @@ lost_index::lost_index(const survey &checked) {
     for (const lost_chain &lost : checked.lost) {
         const std::optional<u32> parent = parent_of(checked.on(), lost.head);
         if (parent) {
-            directories_.emplace(*parent, lost.head);
+            directories_[*parent].insert(lost.head);
             parents_.emplace(lost.head, *parent);
         } else {
             files_.emplace(lost.head, lost.count);
@@ -41,33 +41,23 @@ u32 lost_index::take_any(u32 head) {
     return count;
 }
 
-std::vector<u32> lost_index::directories_below(u32 parent) const {
-    std::vector<u32> heads;
-    const auto [first, last] = directories_.equal_range(parent);
-    for (auto one = first; one != last; ++one) {
-        heads.push_back(one->second);
-    }
-    return heads;
-}
-
-bool lost_index::has_directory(u32 head) const {
-    return parents_.contains(head);
-}
-
-bool lost_index::take_directory(u32 head) {
+bool lost_index::take_directory(u32 head, u32 parent) {
     const auto found = parents_.find(head);
-    if (found == parents_.end()) {
+    if (found == parents_.end() || found->second != parent) {
         return false;
     }
-    const auto [first, last] = directories_.equal_range(found->second);
-    for (auto one = first; one != last; ++one) {
-        if (one->second == head) {
-            directories_.erase(one);
-            break;
-        }
-    }
+    directories_[parent].erase(head);
     parents_.erase(found);
     return true;
+}
+
+std::optional<u32> lost_index::take_only_directory(u32 parent) {
+    const auto found = directories_.find(parent);
+    if (found == directories_.end() || found->second.size() != 1) {
+        return std::nullopt;
+    }
+    const u32 head = *found->second.begin();
+    return take_directory(head, parent) ? std::optional(head) : std::nullopt;
 }
 
 } // namespace qvol

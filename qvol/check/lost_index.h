@@ -7,7 +7,7 @@
 
 #include <map>
 #include <optional>
-#include <vector>
+#include <set>
 
 namespace qvol {
 
@@ -25,15 +25,18 @@ public:
     // A chain of any length, but no directory: its number of clusters, 0 without such a chain.
     u32 take_any(u32 head);
 
-    // Directories whose ".." leads to `parent`, which is 0 for the root.
-    [[nodiscard]] std::vector<u32> directories_below(u32 parent) const;
-    [[nodiscard]] bool has_directory(u32 head) const;
-    bool take_directory(u32 head);
+    [[nodiscard]] bool has_directory(u32 head) const {
+        return parents_.contains(head);
+    }
+    // A directory whose ".." leads to `parent`, which is 0 for the root.
+    bool take_directory(u32 head, u32 parent);
+    // The only one of this parent.
+    std::optional<u32> take_only_directory(u32 parent);
 
 private:
-    std::map<u32, u32> files_;            // counts by head
-    std::multimap<u32, u32> directories_; // heads by parent
-    std::map<u32, u32> parents_;          // by head
+    std::map<u32, u32> files_;                 // counts by head
+    std::map<u32, std::set<u32>> directories_; // heads by parent
+    std::map<u32, u32> parents_;               // by head
 };
 
 } // namespace qvol

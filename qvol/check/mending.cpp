@@ -81,8 +81,9 @@ private:
 
     // The lost chain that directly follows the last cluster, if it has the missing length.
     bool complete_with_next(const incomplete_chain &one, finding *about) {
-        return one.claimed.last != 0 && lost_.take_file(one.claimed.last + 1, one.missing) &&
-               complete_with(one, one.claimed.last + 1, about);
+        const u32 next = one.claimed.last + 1;
+        return one.claimed.last != 0 && taken_.get(next) == 0 &&
+               lost_.take_file(next, one.missing) && complete_with(one, next, about);
     }
 
     // Where the FAT sector was overwritten: the clusters that follow, as they were allocated, and
@@ -138,6 +139,7 @@ private:
     }
 
     bool complete_with(const incomplete_chain &one, u32 head, finding *about) {
+        taken_.set(head, 1);
         set_links(one, {{one.claimed.last, head}}, about,
                   fmt::format("completed with the lost chain at cluster {}", head));
         return true;
@@ -266,7 +268,7 @@ private:
         const std::vector<u32> shared = shared_clusters(one);
         if (shared.size() > free_clusters()) {
             about->obstacle = "no space for a copy of the shared clusters";
-            *free_clusters_ = 0; // what is copied does not depend on the order of the files
+            *free_clusters_ = 0; // to try all others would take long
             return true;
         }
         *free_clusters_ -= static_cast<u32>(shared.size());
@@ -379,9 +381,8 @@ private:
         if (one.node == ROOT_NODE || without_cluster_[parent] != 1) {
             return false;
         }
-        const std::vector<u32> heads = lost_.directories_below(link_to(parent));
-        return heads.size() == 1 && lost_.take_directory(heads.front()) &&
-               complete_with(one, heads.front(), about);
+        const std::optional<u32> head = lost_.take_only_directory(link_to(parent));
+        return head && complete_with(one, *head, about);
     }
 
     // Its ".." leads to the parent of this entry, not to that of the other entry which has it.
@@ -455,11 +456,9 @@ private:
     }
 
     void restore_directory(u32 start, const lost_entry &removed, finding *about) {
-        const std::vector<u32> below = lost_.directories_below(link_to(removed.parent));
-        if (std::find(below.begin(), below.end(), start) == below.end()) {
+        if (!lost_.take_directory(start, link_to(removed.parent))) {
             return;
         }
-        lost_.take_directory(start);
         about->remedy =
             fmt::format("its removed entry in {} restored", shown_path(*checked_, removed.parent));
         about->is_disputable = true;

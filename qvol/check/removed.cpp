@@ -61,8 +61,8 @@ private:
             return std::nullopt;
         }
         short_name name = entry_at(slot).alias();
-        for (u32 byte = ' ' + 1; byte < core::NAME_DELETED; byte++) {
-            name[0] = static_cast<u8>(byte);
+        for (u32 byte = ' ' + 1; byte < 256; byte++) {
+            name[0] = byte == core::NAME_DELETED ? core::NAME_ESCAPED_E5 : static_cast<u8>(byte);
             if (core::checksum_of(name.data()) == checksum_in(slot - 1)) {
                 return name[0];
             }

@@ -1,5 +1,6 @@
 #include "qvol/check/renaming.h"
 
+#include "core/long_name.h"
 #include "qvol/check/entry_names.h"
 
 #include <algorithm>
@@ -12,15 +13,28 @@ namespace {
 
 constexpr std::size_t SHORT_BASE = 8;
 
-// With '_' for what a name cannot contain.
+void replace_units(std::u16string *name, bool (*is_replaced)(char16_t unit)) {
+    std::replace_if(name->begin(), name->end(), is_replaced, u'_');
+}
+
+bool is_surrogate(char16_t unit) {
+    return unit >= 0xD800 && unit <= 0xDFFF;
+}
+
+// With '_' for what a name cannot contain. The slots of a name have space for more units than it
+// may have.
 std::u16string valid_name(std::u16string name) {
-    for (char16_t &unit : name) {
-        if (name_problem(std::u16string(u"x") + unit + u"x")) {
-            unit = u'_';
-        }
+    if (name.size() > core::MAX_NAME_UNITS) {
+        name.resize(core::MAX_NAME_UNITS);
     }
+    replace_units(&name, [](char16_t unit) {
+        return !is_surrogate(unit) && name_problem(std::u16string(u"x") + unit + u"x").has_value();
+    });
     while (!name.empty() && (name.back() == u' ' || name.back() == u'.')) {
         name.back() = u'_';
+    }
+    if (name_problem(name)) {
+        replace_units(&name, is_surrogate);
     }
     return name_problem(name) ? u"_" + name : name;
 }
@@ -28,12 +42,14 @@ std::u16string valid_name(std::u16string name) {
 // "NAME~2.EXT". A name that fits 8.3 still does.
 std::u16string numbered_name(const std::u16string &name, u32 number) {
     const std::string tail = fmt::format("~{}", number);
-    const std::size_t dot = std::min(name.rfind(u'.'), name.size());
-    std::size_t length = dot;
-    if (is_plain_short_name(name)) {
-        length = std::min(length, SHORT_BASE - std::min(tail.size(), SHORT_BASE));
+    const std::size_t end = end_of_stem(name);
+    const std::size_t most =
+        is_plain_short_name(name) ? SHORT_BASE : core::MAX_NAME_UNITS - (name.size() - end);
+    std::u16string stem = name.substr(0, std::min(end, most - std::min(tail.size(), most)));
+    if (!stem.empty() && stem.back() >= 0xD800 && stem.back() < 0xDC00) {
+        stem.pop_back(); // the first half of a character
     }
-    return name.substr(0, length) + std::u16string(tail.begin(), tail.end()) + name.substr(dot);
+    return stem + std::u16string(tail.begin(), tail.end()) + name.substr(end);
 }
 
 class renaming {

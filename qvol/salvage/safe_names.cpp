@@ -9,7 +9,6 @@ namespace qvol {
 namespace {
 
 constexpr char16_t REPLACEMENT = u'_';
-constexpr std::size_t MAX_EXTENSION = 16; // units, with its dot; a longer one belongs to the stem
 
 bool is_high_surrogate(char16_t unit) {
     return unit >= 0xD800 && unit < 0xDC00;
@@ -17,14 +16,6 @@ bool is_high_surrogate(char16_t unit) {
 
 bool is_safe(const name_codec &names, std::u16string_view name) {
     return !extraction_problem(name) && host_name_of(names, name);
-}
-
-// Position of the dot before the extension, or the length of the name.
-std::size_t end_of_stem(std::u16string_view name) {
-    const std::size_t dot = name.rfind(u'.');
-    const bool has_extension =
-        dot != 0 && dot != std::u16string_view::npos && name.size() - dot <= MAX_EXTENSION;
-    return has_extension ? dot : name.size();
 }
 
 std::u16string number_text(u32 number) {
