@@ -23,7 +23,9 @@ if(run_sanitized)
   add_library(qvol_core_sanitized STATIC ${sources})
   target_link_libraries(qvol_core_sanitized PUBLIC core_sanitized CLI11::CLI11
                                                    nlohmann_json::nlohmann_json fmt::fmt
-                                                   PkgConfig::fdisk PkgConfig::blkid PkgConfig::uuid)
+                                                   PkgConfig::fdisk PkgConfig::blkid PkgConfig::uuid
+                                                   PkgConfig::libarchive PkgConfig::libzstd
+                                                   PkgConfig::nettle)
   target_compile_definitions(qvol_core_sanitized PRIVATE QVOL_VERSION="${PROJECT_VERSION}")
   target_compile_options(qvol_core_sanitized PRIVATE ${sanitized_options})
   compile_in_batches(qvol_core_sanitized 14)
