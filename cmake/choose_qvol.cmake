@@ -33,7 +33,7 @@ if(NOT PKG_CONFIG_FOUND)
   list(APPEND missing pkg-config)
 endif()
 foreach(requirement fdisk:libfdisk-dev blkid:libblkid-dev uuid:uuid-dev libarchive:libarchive-dev
-                    libzstd:libzstd-dev nettle:nettle-dev)
+                    libzstd:libzstd-dev nettle:nettle-dev zlib:zlib1g-dev)
   string(REPLACE ":" ";" requirement ${requirement})
   list(GET requirement 0 module)
   if(PKG_CONFIG_FOUND)

@@ -36,9 +36,9 @@ void identifier_source::add(const std::string &text) {
     description_ += text;
 }
 
-void identifier_source::add(const std::vector<host_node> &nodes) {
+void identifier_source::add(const std::vector<source_node> &nodes) {
     add(u64{nodes.size()});
-    for (const host_node &node : nodes) {
+    for (const source_node &node : nodes) {
         const dos_time stamp = dos_time_of(node.modified);
         add(json_text(node.name));
         add(static_cast<u64>(node.type));

@@ -3,7 +3,7 @@
 
 #pragma once
 
-#include "qvol/host_tree.h"
+#include "qvol/sources/node.h"
 
 #include <optional>
 #include <string>
@@ -24,7 +24,7 @@ public:
     // volume stores them.
     void add(u64 number);
     void add(const std::string &text);
-    void add(const std::vector<host_node> &nodes);
+    void add(const std::vector<source_node> &nodes);
 
     // The identifier with this index: a UUID of version 4 or 5, or the number of an MBR as
     // "0x12345678".

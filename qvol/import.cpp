@@ -6,65 +6,18 @@
 #include "qvol/path.h"
 
 #include <algorithm>
+#include <map>
+#include <utility>
 
-#include <fcntl.h>
 #include <fmt/core.h>
-#include <unistd.h>
 
 namespace qvol {
 
 namespace {
 
-// Opens files of the host. Files of one directory follow each other, so it opens each directory
-// once.
-class host_files {
-public:
-    [[nodiscard]] core::unique_fd open(const std::string &path) {
-        constexpr int FLAGS = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-        const std::size_t name = path.rfind('/') + 1; // 0: no slash
-        if (!directory_ || path.compare(0, name, directory_path_) != 0) {
-            directory_path_ = path.substr(0, name);
-            directory_.emplace(::open(name == 0 ? "." : directory_path_.c_str(),
-                                      O_PATH | O_DIRECTORY | O_CLOEXEC));
-        }
-        const int fd = directory_->get();
-        return core::unique_fd(fd < 0 ? fd : openat(fd, path.c_str() + name, FLAGS));
-    }
-
-private:
-    std::string directory_path_; // up to the last slash
-    std::optional<core::unique_fd> directory_;
-};
-
-// Copies a file of the host into the buffer of the writer. Throws error if it does not have `size`
-// bytes.
-void copy_host_file(int file, const host_node &node, data_writer *writer, progress *bar) {
-    u64 done = 0;
-    for (bool is_complete = false; !is_complete;) {
-        u8 past_end = 0;
-        const std::span<u8> to = done < node.size ? writer->room() : std::span(&past_end, 1);
-        const ssize_t count = read(file, to.data(), to.size());
-        if (count < 0) {
-            throw system_failure("read " + shown_bytes(node.path));
-        }
-        done += static_cast<u64>(count);
-        if (count == 0 || done > node.size) {
-            break;
-        }
-        writer->add(static_cast<std::size_t>(count));
-        bar->add(static_cast<u64>(count));
-        // After a short read the file has ended, so no further call is needed.
-        is_complete = done == node.size && static_cast<std::size_t>(count) < to.size();
-    }
-    if (done != node.size) {
-        throw error("cannot copy " + shown_bytes(node.path) +
-                    ": changed while it was read; try again");
-    }
-}
-
 // Adds the entry of the host to errors of `work`, except no_space, which concerns all entries.
 template <typename Work>
-auto add_context(const host_node &node, Work work) {
+auto add_context(const source_node &node, Work work) {
     try {
         return work();
     } catch (const no_space &) {
@@ -75,6 +28,24 @@ auto add_context(const host_node &node, Work work) {
     }
 }
 
+void set_attributes(const source_node &node, entry *of) {
+    if (node.attributes) {
+        const u32 directory = of->attributes() & core::ATTR_DIRECTORY;
+        of->set_attributes(*node.attributes | directory);
+    }
+}
+
+const entry *add_entry(const source_node &node, directory *parent, const new_entry &wanted) {
+    const entry &added = parent->add(wanted);
+    if (!node.attributes) {
+        return &added;
+    }
+    entry changed = added;
+    set_attributes(node, &changed);
+    parent->update(changed);
+    return &parent->entries().at(changed.slot);
+}
+
 std::span<const u8> bytes_of(const std::string &text) {
     return {reinterpret_cast<const u8 *>(text.data()), text.size()};
 }
@@ -83,7 +54,7 @@ std::span<const u8> bytes_of(const std::string &text) {
 
 // ---- checks -----------------------------------------------------------------------------------
 
-void import_plan::check_existing(const host_node &node, const entry &existing,
+void import_plan::check_existing(const source_node &node, const entry &existing,
                                  const std::string &path) {
     if (existing.name != node.name) {
         problems_.push_back(path + ": exists as " + vol_.names().shown(existing.name) +
@@ -98,9 +69,9 @@ void import_plan::check_existing(const host_node &node, const entry &existing,
     }
 }
 
-void import_plan::check(const std::vector<host_node> &nodes, const directory &into,
+void import_plan::check(const std::vector<source_node> &nodes, const directory &into,
                         const std::string &path) {
-    for (const host_node &node : nodes) {
+    for (const source_node &node : nodes) {
         const std::string shown = (path == "/" ? "" : path) + "/" + vol_.names().shown(node.name);
         const entry *existing = into.find_name(node.name);
         const entry *alias = existing == nullptr ? into.find(node.name) : nullptr;
@@ -127,7 +98,7 @@ directory import_plan::open_once(const entry &existing) {
     return dir;
 }
 
-void import_plan::plan_directory(const host_node &node, directory *parent) {
+void import_plan::plan_directory(const source_node &node, directory *parent) {
     const entry *existing = parent->find_name(node.name);
     if (existing != nullptr) {
         directories_.push_back(
@@ -138,20 +109,22 @@ void import_plan::plan_directory(const host_node &node, directory *parent) {
             std::make_unique<directory>(directory::make(vol_.fat(), *parent, stamp)));
         const u32 start = directories_.back()->start();
         add_context(node, [&] {
-            parent->add({node.name, kind::DIRECTORY, start, 0, stamp, allows_long_names_});
+            add_entry(node, parent,
+                      {node.name, kind::DIRECTORY, start, 0, stamp, allows_long_names_});
         });
     }
     plan_entries(node.children, directories_.back().get());
 }
 
 // The entry gets its clusters in allocate_data(), after those of all directories.
-void import_plan::plan_file(const host_node &node, directory *parent) {
+void import_plan::plan_file(const source_node &node, directory *parent) {
     const entry *existing = parent->find_name(node.name);
     const dos_time stamp = dos_time_of(node.modified);
     if (existing == nullptr) {
         const u32 size = static_cast<u32>(node.size);
         existing = add_context(node, [&] {
-            return &parent->add({node.name, node.type, 0, size, stamp, allows_long_names_});
+            return add_entry(node, parent,
+                             {node.name, node.type, 0, size, stamp, allows_long_names_});
         });
     } else {
         entry changed = *existing;
@@ -164,16 +137,17 @@ void import_plan::plan_file(const host_node &node, directory *parent) {
         changed.set_size(static_cast<u32>(node.size));
         changed.set_modified(stamp);
         changed.set_link(node.type == kind::LINK);
+        set_attributes(node, &changed);
         parent->update(changed);
     }
     files_.push_back({&node, parent, existing->slot, {}});
 }
 
-void import_plan::plan_entries(const std::vector<host_node> &nodes, directory *into) {
-    for (const host_node &node : nodes) {
+void import_plan::plan_entries(const std::vector<source_node> &nodes, directory *into) {
+    for (const source_node &node : nodes) {
         into->reserve_short_name(node.name);
     }
-    for (const host_node &node : nodes) {
+    for (const source_node &node : nodes) {
         if (node.type == kind::DIRECTORY) {
             plan_directory(node, into);
         } else {
@@ -195,7 +169,7 @@ void import_plan::allocate_data() {
 
 // clusters_needed() does not count the growth of existing directories, so it may be too small; the
 // true number exceeds the free clusters in any case.
-void import_plan::throw_no_space(const std::vector<host_node> &nodes) {
+void import_plan::throw_no_space(const std::vector<source_node> &nodes) {
     const u64 cluster = vol_.on().cluster_bytes();
     const u64 available = vol_.fat().free_count();
     const u64 needed = std::max(clusters_needed(nodes, vol_.on().cluster_bytes()), available + 1);
@@ -203,7 +177,7 @@ void import_plan::throw_no_space(const std::vector<host_node> &nodes) {
                             shown_size(needed * cluster), shown_size(available * cluster)));
 }
 
-void import_plan::plan(const std::vector<host_node> &nodes, directory into,
+void import_plan::plan(const std::vector<source_node> &nodes, directory into,
                        const std::string &path) {
     check(nodes, into, path);
     if (!problems_.empty()) {
@@ -222,22 +196,87 @@ void import_plan::plan(const std::vector<host_node> &nodes, directory into,
 
 // ---- writing ----------------------------------------------------------------------------------
 
+// Writes the files of the sources into their clusters.
+class import_plan::file_sink : public content_sink {
+public:
+    file_sink(const std::vector<planned_file> &files, data_writer *writer, progress *bar)
+        : files_(files), writer_(*writer), bar_(*bar) {}
+
+    void begin(const content_request &wanted) override {
+        writer_.begin(files_[wanted.file].clusters);
+    }
+    std::span<u8> room() override {
+        return writer_.room();
+    }
+    void add(std::size_t count) override {
+        writer_.add(count);
+        bar_.add(count);
+    }
+    void end() override {
+        writer_.end();
+    }
+
+private:
+    const std::vector<planned_file> &files_;
+    data_writer &writer_;
+    progress &bar_;
+};
+
+// Targets of links are in memory already.
+void import_plan::write_links(data_writer *writer) const {
+    for (const planned_file &file : files_) {
+        if (file.node->type == kind::LINK) {
+            writer->begin(file.clusters);
+            writer->append(bytes_of(file.node->target));
+            writer->end();
+        }
+    }
+}
+
+// Copies files from the first name of their content, which has been written.
+void import_plan::write_copies(const std::vector<content_copy> &copies, data_writer *writer,
+                               progress *bar) const {
+    writer->flush();
+    for (const content_copy &copy : copies) {
+        const planned_file &to = files_[copy.to];
+        writer->begin(to.clusters);
+        read_data(vol_.on(), files_[copy.from].clusters, to.node->size,
+                  [&](std::span<const u8> bytes) {
+                      writer->append(bytes);
+                      bar->add(bytes.size());
+                  });
+        writer->end();
+    }
+}
+
+// Of names that share a content, as hard links do, the first is copied from the source.
+void import_plan::write_files(data_writer *writer, progress *bar) const {
+    std::map<source *, std::vector<content_request>> wanted;
+    std::map<std::pair<source *, u64>, std::size_t> first_names; // of contents
+    std::vector<content_copy> copies;
+    for (std::size_t i = 0; i < files_.size(); i++) {
+        const source_node &node = *files_[i].node;
+        if (node.from == nullptr) {
+            continue;
+        }
+        const auto [first, is_new] = first_names.try_emplace({node.from, node.content}, i);
+        if (is_new) {
+            wanted[node.from].push_back({&node, i});
+        } else {
+            copies.push_back({first->second, i});
+        }
+    }
+    file_sink sink(files_, writer, bar);
+    for (const auto &[from, requests] : wanted) {
+        from->copy(requests, &sink);
+    }
+    write_copies(copies, writer, bar);
+}
+
 void import_plan::write(progress *bar) {
     data_writer writer(vol_.on(), vol_.where().is_fresh());
-    host_files host;
-    for (const planned_file &file : files_) {
-        writer.begin(file.clusters);
-        if (file.node->type == kind::LINK) {
-            writer.append(bytes_of(file.node->target));
-        } else {
-            const core::unique_fd opened = host.open(file.node->path);
-            if (opened.get() < 0) {
-                throw system_failure("open " + shown_bytes(file.node->path));
-            }
-            copy_host_file(opened.get(), *file.node, &writer, bar);
-        }
-        writer.end();
-    }
+    write_links(&writer);
+    write_files(&writer, bar);
     writer.flush();
     std::vector<directory *> changed;
     for (const auto &dir : directories_) {

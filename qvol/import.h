@@ -1,4 +1,4 @@
-// The import engine: copies trees of the host into a directory of the volume.
+// The import engine: copies trees of sources into a directory of the volume.
 //
 // First everything is planned in memory: every name gets its slots, every file its clusters. Then
 // the data is written in the order of the clusters, then the FAT, then the directories. A request
@@ -6,9 +6,10 @@
 
 #pragma once
 
-#include "qvol/host_tree.h"
+#include "qvol/file_data.h"
 #include "qvol/progress.h"
 #include "qvol/session.h"
+#include "qvol/sources/source.h"
 
 #include <memory>
 
@@ -24,7 +25,7 @@ public:
 
     // Plans to store the nodes in a directory of the volume, called `path` in messages. `nodes`
     // must outlive the plan. Throws error with all reasons why this is not possible.
-    void plan(const std::vector<host_node> &nodes, directory into, const std::string &path);
+    void plan(const std::vector<source_node> &nodes, directory into, const std::string &path);
 
     // Writes what was planned. The caller calls volume::finish().
     void write(progress *bar);
@@ -32,22 +33,34 @@ public:
 private:
     // A file or link to write: its node, the directory and the slot of its entry.
     struct planned_file {
-        const host_node *node;
+        const source_node *node;
         directory *parent;
         u32 slot;
         std::vector<u32> clusters;
     };
 
-    // Checks nodes against an existing directory of the volume.
-    void check(const std::vector<host_node> &nodes, const directory &into, const std::string &path);
-    void check_existing(const host_node &node, const entry &existing, const std::string &path);
+    // A file whose content is that of another one, by their numbers.
+    struct content_copy {
+        std::size_t from;
+        std::size_t to;
+    };
+    class file_sink;
 
-    void plan_entries(const std::vector<host_node> &nodes, directory *into);
+    // Checks nodes against an existing directory of the volume.
+    void check(const std::vector<source_node> &nodes, const directory &into,
+               const std::string &path);
+    void check_existing(const source_node &node, const entry &existing, const std::string &path);
+
+    void plan_entries(const std::vector<source_node> &nodes, directory *into);
     [[nodiscard]] directory open_once(const entry &existing);
-    void plan_directory(const host_node &node, directory *parent);
-    void plan_file(const host_node &node, directory *parent);
+    void plan_directory(const source_node &node, directory *parent);
+    void plan_file(const source_node &node, directory *parent);
     void allocate_data();
-    [[noreturn]] void throw_no_space(const std::vector<host_node> &nodes);
+    void write_files(data_writer *writer, progress *bar) const;
+    void write_links(data_writer *writer) const;
+    void write_copies(const std::vector<content_copy> &copies, data_writer *writer,
+                      progress *bar) const;
+    [[noreturn]] void throw_no_space(const std::vector<source_node> &nodes);
 
     volume &vol_;
     bool replaces_;

@@ -25,7 +25,7 @@ std::vector<const reserved_file *> reserved_files(const volume_source &source) {
 }
 
 // A problem if a node has the name of a reserved file.
-std::optional<std::string> reserved_problem(const host_node &node, const volume_source &source) {
+std::optional<std::string> reserved_problem(const source_node &node, const volume_source &source) {
     for (const reserved_file *file : reserved_files(source)) {
         if (fold_case(node.name) == units_of_utf8(file->name)) {
             const char *option = file == &POOL_FILE ? "--pool" : "--log";
@@ -38,28 +38,23 @@ std::optional<std::string> reserved_problem(const host_node &node, const volume_
 
 } // namespace
 
-std::vector<host_node> scan_source(const volume_source &source, const name_codec &names) {
-    if (source.from.empty()) {
-        return {};
-    }
-    host_scan scan(names, source.skips_special, !source.is_short);
-    std::vector<host_node> nodes = scan.scan_children(source.from);
-    std::vector<std::string> problems = scan.problems();
-    for (const host_node &node : nodes) {
-        const std::optional<std::string> problem = reserved_problem(node, source);
-        if (problem) {
-            problems.push_back(*problem);
-        }
-    }
-    if (!problems.empty()) {
-        throw error("cannot store all entries; nothing was written", problems);
-    }
-    return nodes;
+source_tree load_source(const volume_source &source, const name_codec &names) {
+    return source_collection(source.content)
+        .finish(names, !source.is_short,
+                [&](const std::vector<source_node> &nodes, problem_list *problems) {
+                    for (const source_node &node : nodes) {
+                        const std::optional<std::string> problem = reserved_problem(node, source);
+                        if (problem) {
+                            problems->add_line(*problem);
+                        }
+                    }
+                });
 }
 
-volume_content content_of(const volume_source &source, const std::vector<host_node> &nodes) {
+volume_content content_of(const volume_source &source, const std::vector<source_node> &nodes) {
     volume_content content = {
-        source.from.empty() ? "the requested content" : shown_bytes(source.from),
+        source.content.from.size() == 1 ? shown_bytes(source.content.from.front())
+                                        : "the requested content",
         cluster_counts(nodes),
         static_cast<u32>(slots_needed(nodes)) + (source.identity.label.empty() ? 0 : 1),
         {}};
@@ -73,18 +68,28 @@ volume_content content_of(const volume_source &source, const std::vector<host_no
 void refuse_own_source(const std::string &image, const volume_source &source) {
     std::error_code failure;
     const std::filesystem::path resolved = std::filesystem::canonical(image, failure);
-    const std::filesystem::path top =
-        failure ? std::filesystem::path() : std::filesystem::canonical(source.from, failure);
-    if (!failure && resolved.string().starts_with((top / "").string())) {
-        throw error(fmt::format("cannot build {}: it is below {} and would contain itself; choose "
-                                "another path",
-                                shown_bytes(image), shown_bytes(source.from)));
+    if (failure) {
+        return;
+    }
+    for (const std::string &text : source.content.from) {
+        const std::string from = split_source(text).path;
+        const std::filesystem::path top = std::filesystem::canonical(from, failure);
+        if (!failure && resolved == top) {
+            throw error(
+                fmt::format("cannot build {}: it is one of its sources", shown_bytes(image)));
+        }
+        if (!failure && resolved.string().starts_with((top / "").string())) {
+            throw error(
+                fmt::format("cannot build {}: it is below {} and would contain itself; choose "
+                            "another path",
+                            shown_bytes(image), shown_bytes(from)));
+        }
     }
 }
 
 std::unique_ptr<volume> make_volume(target &where, const volume_shape &shape,
                                     const volume_source &source,
-                                    const std::vector<host_node> &nodes,
+                                    const std::vector<source_node> &nodes,
                                     const std::string &encoding, progress *bar) {
     format_target(where, shape, source.identity);
     auto vol = std::make_unique<volume>(where, encoding);

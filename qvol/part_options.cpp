@@ -95,7 +95,10 @@ constexpr key KEYS[] = {
     {"fat", true, [](part_options *part, const std::string &value) { part->fat_type = value; }},
     {"cluster", true, [](part_options *part, const std::string &value) { part->cluster = value; }},
     {"page", false, [](part_options *part, const std::string &value) { part->page = value; }},
-    {"from", true, [](part_options *part, const std::string &value) { part->source.from = value; }},
+    {"from", true,
+     [](part_options *part, const std::string &value) {
+         part->source.content.from.push_back(value);
+     }},
     {"raw", false, [](part_options *part, const std::string &value) { part->raw = value; }},
     {"attrs", false,
      [](part_options *part, const std::string &value) {
@@ -119,7 +122,7 @@ void set_key(part_options *part, const std::string &piece, std::set<std::string>
     const std::string name = piece.substr(0, equals);
     const auto *found = std::find_if(std::begin(KEYS), std::end(KEYS),
                                      [&](const key &one) { return name == one.name; });
-    if (!seen->insert(name).second) {
+    if (!seen->insert(name).second && name != "from") {
         throw usage_error(fmt::format("{} is given twice", shown_bytes(name)));
     }
     if (piece == ACTIVE) {
@@ -161,7 +164,7 @@ void refuse_contradictions(const part_options &part) {
     if (part.size == "auto" && part.raw.empty() && !part.has_volume) {
         throw usage_error("size=auto needs from=, fat= or raw=");
     }
-    if (part.size.empty() && part.raw.empty() && part.source.from.empty()) {
+    if (part.size.empty() && part.raw.empty() && part.source.content.from.empty()) {
         throw usage_error("size= is required without from= and raw=");
     }
 }

@@ -2,10 +2,13 @@
 
 #include "core/record.h"
 #include "qvol/error.h"
+#include "qvol/names.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 
 #include <fmt/core.h>
 
@@ -20,6 +23,7 @@ constexpr dos_time LAST_STAMP = {(LAST_YEAR - FIRST_YEAR) << 9 | 12 << 5 | 31,
                                  23 << 11 | 59 << 5 | 29};
 
 std::optional<time_t> latest_moment; // SOURCE_DATE_EPOCH
+bool allows_late_stamps = false;
 
 time_t parse_epoch(const char *text) {
     char *end = nullptr;
@@ -30,6 +34,36 @@ time_t parse_epoch(const char *text) {
             fmt::format("invalid SOURCE_DATE_EPOCH \"{}\": not a number of seconds", text));
     }
     return static_cast<time_t>(value);
+}
+
+// "+05:30" or "-0800" as POSIX writes it, with the opposite sign: "<+05:30>-05:30".
+std::optional<std::string> posix_zone(const std::string &offset) {
+    unsigned hours = 0;
+    unsigned minutes = 0;
+    char rest = 0;
+    const bool is_offset =
+        (offset[0] == '+' || offset[0] == '-') &&
+        (std::sscanf(offset.c_str() + 1, "%2u:%2u%c", &hours, &minutes, &rest) == 2 ||
+         (offset.size() == 5 &&
+          std::sscanf(offset.c_str() + 1, "%2u%2u", &hours, &minutes) == 2)) &&
+        hours <= 14 && minutes < 60;
+    return is_offset ? std::optional(fmt::format("<{0}{1:02}{2:02}>{3}{1:02}:{2:02}", offset[0],
+                                                 hours, minutes, offset[0] == '+' ? '-' : '+'))
+                     : std::nullopt;
+}
+
+// The value of TZ; no value if the system does not know the zone.
+std::optional<std::string> zone_of(const std::string &text) {
+    if (text == "UTC") {
+        return text;
+    }
+    std::optional<std::string> offset = posix_zone(text);
+    const char *const directory = std::getenv("TZDIR");
+    const std::string file =
+        std::string(directory != nullptr ? directory : "/usr/share/zoneinfo") + "/" + text;
+    const bool is_name = !text.empty() && text[0] != '/' && text.find("..") == std::string::npos &&
+                         std::filesystem::is_regular_file(file);
+    return offset ? offset : is_name ? std::optional(":" + text) : std::nullopt;
 }
 
 tm calendar_fields(const dos_time &stamp) {
@@ -62,6 +96,21 @@ void set_up_clock() {
     tzset();
 }
 
+void set_time_zone(const std::string &text) {
+    const std::optional<std::string> zone = zone_of(text);
+    if (!zone) {
+        throw usage_error("--timezone " + shown_bytes(text) +
+                          ": must be a time zone of the system such as Europe/Berlin, or an offset "
+                          "such as +05:30");
+    }
+    setenv("TZ", zone->c_str(), 1);
+    tzset();
+}
+
+void allow_late_stamps() {
+    allows_late_stamps = true;
+}
+
 bool is_clock_set() {
     return latest_moment.has_value();
 }
@@ -72,7 +121,8 @@ time_t current_time() {
 }
 
 dos_time dos_time_of(time_t moment) {
-    const time_t clamped = latest_moment ? std::min(moment, *latest_moment) : moment;
+    const bool is_limited = latest_moment && !allows_late_stamps;
+    const time_t clamped = is_limited ? std::min(moment, *latest_moment) : moment;
     tm fields{};
     if (localtime_r(&clamped, &fields) == nullptr) {
         return LAST_STAMP;

@@ -23,6 +23,13 @@ struct dos_time {
 // is not a number.
 void set_up_clock();
 
+// The time zone of stamps: a name such as Europe/Berlin, or an offset such as UTC or +05:30. Throws
+// usage_error if the system does not know it.
+void set_time_zone(const std::string &text);
+
+// Stamps after SOURCE_DATE_EPOCH are stored as they are.
+void allow_late_stamps();
+
 // Whether SOURCE_DATE_EPOCH is set: equal content is to give equal results.
 [[nodiscard]] bool is_clock_set();
 

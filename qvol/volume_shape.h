@@ -6,7 +6,7 @@
 #pragma once
 
 #include "core/geometry.h"
-#include "qvol/host_tree.h"
+#include "qvol/sources/node.h"
 
 #include <optional>
 #include <string>

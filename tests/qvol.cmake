@@ -25,7 +25,7 @@ if(run_sanitized)
                                                    nlohmann_json::nlohmann_json fmt::fmt
                                                    PkgConfig::fdisk PkgConfig::blkid PkgConfig::uuid
                                                    PkgConfig::libarchive PkgConfig::libzstd
-                                                   PkgConfig::nettle)
+                                                   PkgConfig::nettle PkgConfig::zlib)
   target_compile_definitions(qvol_core_sanitized PRIVATE QVOL_VERSION="${PROJECT_VERSION}")
   target_compile_options(qvol_core_sanitized PRIVATE ${sanitized_options})
   compile_in_batches(qvol_core_sanitized 14)

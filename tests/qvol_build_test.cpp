@@ -544,7 +544,7 @@ TEST_F(QvolBuildRefusal, TellsWhatDoesNotGoTogether) {
          "a volume of 2.9 TiB is too large: with sectors of 512 bytes the maximum is 2.0 TiB; use a "
          "larger --sector or a smaller --size"},
         {{"--size", "auto", "--fat", "32", "--cluster", "4K", "--from", "/no/such"},
-         "cannot read directory /no/such: No such file or directory"},
+         "cannot open /no/such: No such file or directory"},
     };
     for (const auto &[arguments, told] : cases) {
         EXPECT_EQ(refusal(arguments), "qvol: " + told + "\n");

@@ -657,9 +657,10 @@ constexpr refusal REFUSALS[] = {
     {"--part size=1M,name=📷", 2,
      "part 1: name=📷: must be UTF-8 of at most 36 characters, none beyond U+FFFF"},
     // sources
-    {"--part size=1M --part from=no", 1,
-     "part 2: cannot read directory no: No such file or directory"},
-    {"--part 'from=plain file'", 1, "part 1: cannot read directory plain file: Not a directory"},
+    {"--part size=1M --part from=no", 1, "part 2: cannot open no: No such file or directory"},
+    {"--part 'from=plain file'", 1,
+     "part 1: cannot read plain file: neither a directory, an archive (tar, cpio, zip) nor a manifest "
+     "(mtree)"},
     {"--part raw=no", 1, "part 1: cannot open no: No such file or directory"},
     {"--part raw=tree", 1, "part 1: cannot open tree: neither an image file nor a block device"},
     {"--part 'raw=tree/empty file'", 1, "part 1: cannot open tree/empty file: it is empty"},

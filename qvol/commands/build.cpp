@@ -1,4 +1,4 @@
-// qvol build: makes an image, or a volume on a device, from a directory of the host.
+// qvol build: makes an image, or a volume on a device, from directories, archives and manifests.
 //
 // Checks the options, the tree and the shape of the volume before it makes anything. An image has a
 // temporary name until it is complete and synced.
@@ -8,6 +8,7 @@
 #include "qvol/new_image.h"
 #include "qvol/new_volume.h"
 #include "qvol/sizes.h"
+#include "qvol/source_options.h"
 #include "qvol/whole_volume.h"
 
 #include <algorithm>
@@ -116,12 +117,13 @@ build_result describe(volume &vol, const std::string &path, const tree_totals &t
 }
 
 build_result build_volume(const common_options &common, const build_options &options,
-                          const volume_shape &shape, const std::vector<host_node> &nodes,
-                          target &where) {
+                          const volume_shape &shape, const source_tree &content, target &where) {
+    const std::vector<source_node> &nodes = content.nodes();
     const std::string remark = shape_remark(shape);
     if (!remark.empty()) {
         common.out.remark(remark);
     }
+    remark_on_sources(common.out, content);
     const tree_totals totals = totals_of(nodes);
     progress bar("build", totals.bytes, common.out.is_quiet);
     const std::unique_ptr<volume> vol =
@@ -141,13 +143,13 @@ build_result build_image(const common_options &common, const build_options &opti
     const shape_request request = parse_shape(options, core::MIN_SECTOR_SIZE);
     check_image_name(common.image, options.is_forced);
     refuse_own_source(common.image, options.source);
-    const std::vector<host_node> nodes = scan_source(options.source, name_codec(common.encoding));
-    const volume_shape shape = choose_shape(request, content_of(options.source, nodes));
+    const source_tree content = load_source(options.source, name_codec(common.encoding));
+    const volume_shape shape = choose_shape(request, content_of(options.source, content.nodes()));
     new_image image(common.image, options.is_forced, shape.bytes);
     build_result result = [&] {
         target where(image.path(), access::WRITE);
         where.mark_fresh();
-        return build_volume(common, options, shape, nodes, where);
+        return build_volume(common, options, shape, content, where);
     }();
     image.commit();
     return result;
@@ -198,11 +200,11 @@ build_result build_in_place(const common_options &common, const build_options &o
     completed.source.identity.hidden_sectors =
         options.hidden_sectors.value_or(sectors_before(where, request.sector_bytes));
     remark_on_pages(where, request.page_bytes, common.out);
-    const std::vector<host_node> nodes = scan_source(options.source, name_codec(common.encoding));
-    const volume_shape shape = choose_shape(request, content_of(options.source, nodes));
+    const source_tree content = load_source(options.source, name_codec(common.encoding));
+    const volume_shape shape = choose_shape(request, content_of(options.source, content.nodes()));
     where.limit_size(shape.bytes);
     deferred_boot_sector boot(&where, shape.sector_bytes);
-    build_result result = build_volume(common, completed, shape, nodes, where);
+    build_result result = build_volume(common, completed, shape, content, where);
     boot.release();
     return result;
 }
@@ -253,9 +255,7 @@ void add_shape_options(const declared_command &build, build_options *options) {
 }
 
 void add_content_options(const declared_command &build, build_options *options) {
-    build.value("--from", &options->source.from, "Directory whose content is copied");
-    build.flag("--skip-special", &options->source.skips_special,
-               "Leave out entries that are neither file, directory nor link");
+    add_source_options(build, &options->source.content);
     build.flag("--short-names", &options->source.is_short,
                "No long names: refuse names that do not fit 8.3");
     build.flag("--pool", &options->source.has_pool, "Make the pool file of the ZUQ driver");

@@ -15,6 +15,7 @@
 #include "qvol/partitions.h"
 #include "qvol/raw_copy.h"
 #include "qvol/sizes.h"
+#include "qvol/source_options.h"
 #include "qvol/times.h"
 
 #include <algorithm>
@@ -31,6 +32,7 @@ constexpr u64 MAX_ALIGN_BYTES = u64{1} << 30;
 
 struct disk_options {
     std::vector<std::string> parts;
+    source_options sources; // of all volumes
     std::string size;
     std::string sector;
     std::string align = "1M";
@@ -44,9 +46,9 @@ struct disk_options {
 // A partition, everything that it will contain, and its position.
 struct planned_part {
     part_options options;
-    shape_request shape;          // of its volume
-    std::vector<host_node> nodes; // of its volume
-    std::unique_ptr<target> raw;  // to copy in
+    shape_request shape;         // of its volume
+    source_tree tree;            // of its volume
+    std::unique_ptr<target> raw; // to copy in
     content raw_content;
     std::optional<volume_shape> volume; // of the rest: first the smallest one
     u32 page_bytes = 0;
@@ -92,7 +94,7 @@ shape_request shape_of_part(const part_options &options, u32 sector_bytes) {
 
 // A volume of the requested number of bytes, or the smallest.
 void choose_volume(planned_part *part) {
-    part->volume = choose_shape(part->shape, content_of(part->options.source, part->nodes));
+    part->volume = choose_shape(part->shape, content_of(part->options.source, part->tree.nodes()));
 }
 
 void check_volume(const common_options &common, u32 sector_bytes, planned_part *part) {
@@ -102,7 +104,7 @@ void check_volume(const common_options &common, u32 sector_bytes, planned_part *
                                       shown_bytes(part->options.size)));
     }
     refuse_own_source(common.image, part->options.source);
-    part->nodes = scan_source(part->options.source, name_codec(common.encoding));
+    part->tree = load_source(part->options.source, name_codec(common.encoding));
     if (part->is_rest() && part->shape.fat_type == 32) {
         part->made.at.bytes = MIN_VOLUME_BYTES; // in a small rest, it has few clusters
     } else {
@@ -208,7 +210,7 @@ identifier_source identifiers_of(const disk_plan &plan) {
         ids.add(part.made.at.bytes);
         ids.add(part.options.source.identity.label);
         ids.add(part.raw_content.uuid);
-        ids.add(part.nodes);
+        ids.add(part.tree.nodes());
     }
     return ids;
 }
@@ -267,6 +269,14 @@ void place_parts(disk_plan *plan) {
     }
 }
 
+// Each partition has its own sources, the options for them are those of the command.
+part_options with_options(part_options part, const source_options &sources) {
+    const std::vector<std::string> from = std::move(part.source.content.from);
+    part.source.content = sources;
+    part.source.content.from = from;
+    return part;
+}
+
 disk_plan plan_disk(const common_options &common, const disk_options &options,
                     const disk_request &request) {
     disk_plan plan;
@@ -276,7 +286,9 @@ disk_plan plan_disk(const common_options &common, const disk_options &options,
         parts.push_back(parse_part(text, static_cast<u32>(parts.size() + 1)));
     }
     for (const part_options &part : parts) {
-        plan.parts.push_back(check_part(common, part, request.sector_bytes));
+        plan.parts.push_back(
+            check_part(common, with_options(part, options.sources), request.sector_bytes));
+        remark_on_sources(common.out, plan.parts.back().tree);
     }
     place_parts(&plan);
     refuse_duplicates(plan);
@@ -306,10 +318,10 @@ made_volume write_volume(const common_options &common, const disk_plan &plan,
     // Volumes of one disk have different serial numbers.
     source.identity.volume_id = static_cast<u32>(current_time()) + part.options.number - 1;
     const std::unique_ptr<volume> vol =
-        make_volume(where, *part.volume, source, part.nodes, common.encoding, bar);
+        make_volume(where, *part.volume, source, part.tree.nodes(), common.encoding, bar);
     vol->finish();
     return {vol->on().at.width, vol->on().cluster_bytes(),
-            u64{vol->fat().free_count()} * vol->on().cluster_bytes(), totals_of(part.nodes)};
+            u64{vol->fat().free_count()} * vol->on().cluster_bytes(), totals_of(part.tree.nodes())};
 }
 
 using made_volumes = std::vector<std::optional<made_volume>>;
@@ -317,7 +329,7 @@ using made_volumes = std::vector<std::optional<made_volume>>;
 made_volumes write_parts(const common_options &common, const disk_plan &plan, const target &disk) {
     u64 total = 0;
     for (const planned_part &part : plan.parts) {
-        total += part.raw != nullptr ? part.raw->size() : totals_of(part.nodes).bytes;
+        total += part.raw != nullptr ? part.raw->size() : totals_of(part.tree.nodes()).bytes;
     }
     progress bar("disk", total, common.out.is_quiet);
     made_volumes made;
@@ -525,6 +537,7 @@ void add_disk(command_line *commands) {
         .one_of({"512", "4096"});
     disk.value("--align", &options->align, "Partitions begin on multiples of this size")
         .shows_default();
+    add_source_rules(disk, &options->sources);
     disk.flag("-f,--force", &options->is_forced,
               "Replace an existing image, or the content of a device");
 }

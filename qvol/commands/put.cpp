@@ -4,6 +4,8 @@
 #include "qvol/commands/commands.h"
 #include "qvol/host.h"
 #include "qvol/import.h"
+#include "qvol/source_options.h"
+#include "qvol/sources/collection.h"
 
 namespace qvol {
 
@@ -11,8 +13,8 @@ namespace {
 
 struct put_options {
     std::vector<std::string> arguments; // SOURCE... PATH
+    source_options content;
     bool is_forced = false;
-    bool skips_special = false;
 };
 
 // The directory of the volume to copy into, and the new name of an only source.
@@ -45,41 +47,40 @@ bool names_content(const std::string &source) {
     return split.name == "." || split.name == ".." || split.name == "/";
 }
 
-// Scans one source. "dir/." is the content of the directory.
-void scan_source(host_scan *scan, const std::string &source, const std::optional<std::string> &name,
-                 std::vector<host_node> *nodes) {
-    if (names_content(source) && !name) {
-        for (host_node &child : scan->scan_children(source)) {
-            nodes->push_back(std::move(child));
-        }
-        return;
+// Adds one source that the user named. "dir/." is the content of the directory.
+void add_source(source_collection *sources, const std::string &path,
+                const std::optional<std::string> &name) {
+    if (names_content(path) && !name) {
+        sources->add_children(path);
+    } else {
+        sources->add_entry(path, name.value_or(split_host_path(path).name));
     }
-    const split_path split = split_host_path(source);
-    nodes->push_back(scan->scan(source, name.value_or(split.name)));
 }
 
-std::vector<host_node> scan_sources(const volume &vol, const put_options &options,
-                                    const std::optional<std::string> &name) {
-    host_scan scan(vol.names(), options.skips_special);
-    std::vector<host_node> nodes;
+source_tree load_sources(const volume &vol, const put_options &options,
+                         const std::optional<std::string> &name) {
+    source_collection sources(options.content);
     for (std::size_t i = 0; i + 1 < options.arguments.size(); i++) {
-        scan_source(&scan, options.arguments[i], name, &nodes);
+        add_source(&sources, options.arguments[i], name);
     }
-    scan.check_names(nodes);
-    if (!scan.problems().empty()) {
-        throw error("cannot store all entries; nothing was written", scan.problems());
-    }
-    return nodes;
+    return sources.finish(vol.names(), true);
 }
 
 int run_put(const common_options &common, const put_options &options) {
+    const std::size_t named = options.arguments.size() - 1;
+    const std::size_t sources = named + options.content.from.size();
+    if (sources == 0) {
+        throw usage_error("SOURCE or --from is required");
+    }
     return with_volume(common, access::WRITE, [&](volume &vol) {
-        destination where =
-            find_destination(vol, options.arguments.back(), options.arguments.size() - 1);
-        const std::vector<host_node> nodes = scan_sources(vol, options, where.name);
+        // The content of a source goes into a directory; only a single SOURCE can be renamed.
+        destination where = find_destination(vol, options.arguments.back(),
+                                             options.content.from.empty() ? named : sources + 1);
+        const source_tree tree = load_sources(vol, options, where.name);
         import_plan plan(vol, options.is_forced);
-        plan.plan(nodes, std::move(where.into), shown_path(vol.names(), where.path));
-        const tree_totals totals = totals_of(nodes);
+        plan.plan(tree.nodes(), std::move(where.into), shown_path(vol.names(), where.path));
+        remark_on_sources(common.out, tree);
+        const tree_totals totals = totals_of(tree.nodes());
         progress bar("put", totals.bytes, common.out.is_quiet);
         plan.write(&bar);
         report_totals(common.out, totals);
@@ -95,15 +96,14 @@ void add_put(command_line *commands) {
                        "  qvol put flash.img kernel.bin logo.bmp /boot\n"
                        "  qvol put flash.img photos /\n"
                        "  qvol put flash.img rootfs/. /\n"
+                       "  qvol put flash.img --from rootfs.tar.gz /\n"
                        "  qvol put --force flash.img config.txt /etc/config.txt"},
                       run_put);
-    put.list("SOURCE... PATH", &options->arguments,
+    put.list("[SOURCE...] PATH", &options->arguments,
              "What to copy, and the directory in the volume (or the new name)")
-        .required()
-        .count(2, declared_option::ANY_NUMBER);
+        .required();
     put.flag("-f,--force", &options->is_forced, "Replace existing files");
-    put.flag("--skip-special", &options->skips_special,
-             "Leave out entries that are neither file, directory nor link");
+    add_source_options(put, &options->content);
 }
 
 } // namespace qvol
