@@ -29,7 +29,7 @@ void add_source_rules(const declared_command &command, source_options *options) 
               "PATTERN=rhsa: attributes of what matches the pattern; the last match counts")
         .one_each();
     command.flag("--read-only-from-mode", &options->is_read_only_from_mode,
-                 "Make files read-only that nobody may write");
+                 "Make files read-only whose mode has no write permission");
 }
 
 void add_source_options(const declared_command &command, source_options *options) {

@@ -49,7 +49,7 @@ set(qvol_programs quorvel qvol qvol_failing_writes qvol_failing_fsync ${sanitize
 test_program(qvol_tests LONG RUNS_PROGRAMS SHARDS 2 SOURCES qvol_build_stop_test qvol_build_test
              qvol_check_test qvol_disk_test qvol_hostile_test qvol_import_test
              qvol_interrupted_test qvol_json_test qvol_map_test qvol_places_test qvol_program_test
-             qvol_salvage_test
+             qvol_salvage_test qvol_sources_test
              DEFINITIONS ${qvol_definitions} LIBRARIES nlohmann_json::nlohmann_json
              NEEDS ${qvol_programs})
 test_program(qvol_damage_tests LONG RUNS_PROGRAMS OPTIMISED qvol_damage_test

@@ -22,24 +22,25 @@ namespace {
 
 constexpr std::size_t BLOCK_BYTES = std::size_t{128} * 1024;
 constexpr std::size_t TAR_RECORD_BYTES = 512;
+constexpr int UNKNOWN_FORMAT = EILSEQ; // of libarchive, for data that no format fits
 
 // libarchive converts names by the locale of the thread; names here are UTF-8.
 class utf8_locale {
 public:
-    utf8_locale() : own_(newlocale(LC_CTYPE_MASK, "C.UTF-8", locale_t{})) {
-        before_ = own_ != locale_t{} ? uselocale(own_) : locale_t{};
-    }
+    utf8_locale() : before_(uselocale(utf8())) {}
     ~utf8_locale() {
-        if (own_ != locale_t{}) {
-            uselocale(before_);
-            freelocale(own_);
-        }
+        uselocale(before_);
     }
     utf8_locale(const utf8_locale &) = delete;
     utf8_locale &operator=(const utf8_locale &) = delete;
 
 private:
-    locale_t own_;
+    // Made once: that takes longer than an entry. If the system lacks it, 0, which changes nothing.
+    static locale_t utf8() {
+        static const locale_t LOCALE = newlocale(LC_CTYPE_MASK, "C.UTF-8", locale_t{});
+        return LOCALE;
+    }
+
     locale_t before_;
 };
 
@@ -183,18 +184,18 @@ archive_reader::archive_reader(const std::string &manifest, std::string name)
 
 archive_reader::~archive_reader() = default;
 
-// `opened`: result of the opening, for which compressed data is read. The format is found when the
-// first entry is read.
+// `opened`: result of the opening, for which compressed data is read. The format is found then, or
+// when the first entry is read.
 void archive_reader::start(int opened) {
-    if (opened != ARCHIVE_OK) {
-        fail("damaged");
-    }
     try {
+        if (opened != ARCHIVE_OK) {
+            fail("damaged");
+        }
         first_ = next();
     } catch (const error &) {
-        const bool is_compressed =
-            gzip_ != nullptr || archive_filter_code(handle_.get(), 0) != ARCHIVE_FILTER_NONE;
-        is_known_ = is_compressed || archive_format(handle_.get()) != 0;
+        is_known_ = gzip_ != nullptr || archive_format(handle_.get()) != 0 ||
+                    archive_filter_code(handle_.get(), 0) != ARCHIVE_FILTER_NONE ||
+                    archive_errno(handle_.get()) != UNKNOWN_FORMAT;
         if (is_known_) {
             throw;
         }

@@ -34,7 +34,7 @@ private:
         problems_.add(link.path, "cannot store what the link leads to: " + why);
     }
 
-    // By its name; null if there is none.
+    // By its name; null if there is no such entry.
     static const source_node *child_of(const source_node &directory, const std::string &name) {
         const auto found =
             std::lower_bound(directory.children.begin(), directory.children.end(), name,

@@ -29,7 +29,7 @@ struct source_node {
     u64 size = 0;  // bytes; for a link those of its target
     u32 slots = 0; // 32-byte slots that its entry takes in a directory
     time_t modified = 0;
-    bool is_read_only = false;         // nobody may write it, by its mode
+    bool is_read_only = false;         // by its mode
     std::optional<u32> attributes;     // requested ones: read-only, hidden, system, archive
     std::string target;                // of a link
     source *from = nullptr;            // of a file: has its content

@@ -29,7 +29,7 @@ public:
     // until the next call.
     source_node *add(const archived_entry &entry);
 
-    // The entry at a path; null if there is none.
+    // The entry at a path; null if there is no such entry.
     [[nodiscard]] source_node *find(const std::string &path);
 
     // All entries, sorted.
