@@ -1,21 +1,34 @@
 # bash completion for qvol(1)                                             -*- shell-script -*-
 
+# The options of commands that store what sources contain.
+_qvol_source_rules() {
+    echo --attr --contents --dereference --exclude --exclude-from --read-only-from-mode --skip-special \
+        --times --timezone
+}
+
 # The options of a command beyond those of every command.
 _qvol_options() {
     case $1 in
     build)
         echo --cluster --compact --fat --force -f --from --hidden-sectors --label --log --media \
-            --no-mirror --oem --page --pool --sector --short-names --size --skip-special --volume-id
+            --no-mirror --oem --page --pool --sector --short-names --size --volume-id
+        _qvol_source_rules
         ;;
     check) echo --dry-run --free-lost --no-undo --rebuild-boot --repair --undo ;;
-    disk) echo --align --force -f --gpt --mbr --part --sector --size ;;
+    disk)
+        echo --align --force -f --gpt --mbr --part --sector --size
+        _qvol_source_rules
+        ;;
     dump | get | mv) echo --force -f ;;
     fastpath) echo --dir ;;
     info) echo --pages-from ;;
     ls) echo --long -l --recursive -R ;;
     map) echo --force -f --pages-from --svg ;;
     mkdir) echo --parents -p ;;
-    put) echo --force -f --skip-special ;;
+    put)
+        echo --force -f --from
+        _qvol_source_rules
+        ;;
     rm) echo --recursive -r ;;
     salvage) echo --deleted ;;
     esac
@@ -27,10 +40,13 @@ _qvol_values() {
     case $1 in
     --align) echo 4K 64K 1M 4M ;;
     --cluster) echo 512 1K 2K 4K 8K 16K 32K ;;
+    --attr | --exclude | --timezone) echo any ;;
+    --contents) echo directories ;;
+    --times) echo keep clamp none ;;
     --dir | --hidden-sectors | --label | --oem | --part | --volume-id) echo any ;;
     --encoding) echo UTF-8 ISO-8859-1 ISO-8859-15 CP437 CP850 CP1252 EUC-JP SHIFT-JIS GB18030 ;;
     --fat) echo auto 12 16 32 ;;
-    --from) echo directories ;;
+    --exclude-from | --from) echo files ;;
     --media) echo 0xF0 0xF8 ;;
     --page) echo 0 2K 4K 8K 16K ;;
     --pages-from) echo disk volume ;;

@@ -14,7 +14,7 @@ void add_source_rules(const declared_command &command, source_options *options) 
     command.flag("--skip-special", &options->skips_special,
                  "Leave out entries that are neither file, directory nor link");
     command.flag("--dereference", &options->dereferences,
-                 "Store what links of --from lead to instead of the links");
+                 "Store what links lead to instead of the links");
     command.value("--contents", &options->contents,
                   "Directory with the files of a manifest (default: that of the manifest)");
     command

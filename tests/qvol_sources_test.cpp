@@ -367,7 +367,8 @@ TEST_F(QvolSources, LeaveOutWhatMatchesAPattern) {
     };
     const auto files = [&] {
         std::vector<std::string> found;
-        for (const auto &item : nlohmann::json::parse(said("ls", {"-R", "--json"}))["entries"]) {
+        const auto document = nlohmann::json::parse(said("ls", {"-R", "--json"}));
+        for (const auto &item : document["entries"]) {
             if (item["kind"] == "file") {
                 found.push_back(item["path"]);
             }
@@ -387,7 +388,7 @@ TEST_F(QvolSources, LeaveOutWhatMatchesAPattern) {
     host_file("patterns", "# a comment\n\n*.o\nsub/\n");
     image_from({"--from", tree_, "--exclude-from", scratch_.file("patterns")});
     EXPECT_EQ(files(), (std::vector<std::string>{"/a.c", "/t~"}));
-    EXPECT_EQ(build({"--size", "auto", "--from", tree_, "--exclude", ""}).status, 2);
+    EXPECT_EQ(build({"--size", "auto", "--force", "--from", tree_, "--exclude", ""}).status, 2);
     EXPECT_EQ(build({"--size", "auto", "--from", tree_, "--exclude-from", "/none"}).status, 1);
 }
 
@@ -463,7 +464,9 @@ TEST_F(QvolSources, HaveTheRequestedTimes) {
     }
     for (const char *const zone : {"Nowhere/City", "../etc/passwd", "+25:00", "+1", ""}) {
         EXPECT_EQ(
-            build({"--size", "auto", "--from", tree_, "--timezone=" + std::string(zone)}).status, 2)
+            build({"--size", "auto", "--force", "--from", tree_, "--timezone=" + std::string(zone)})
+                .status,
+            2)
             << zone;
     }
     EXPECT_EQ(build({"--size", "auto", "--from", tree_, "--times", "some"}).status, 2);
@@ -482,7 +485,8 @@ TEST_F(QvolSources, HaveTheRequestedAttributes) {
                                             when + "plain\nd-h--          0" + when +
                                             "sys\n\n/sys:\n-rhs-          1" + when + "boot.sys\n");
     for (const char *const invalid : {"x", "=r", "x=q", "x=rhx"}) {
-        EXPECT_EQ(build({"--size", "auto", "--from", tree_, "--attr", invalid}).status, 2)
+        EXPECT_EQ(build({"--size", "auto", "--force", "--from", tree_, "--attr", invalid}).status,
+                  2)
             << invalid;
     }
 }

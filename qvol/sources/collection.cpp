@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <iterator>
 
 namespace qvol {
 
@@ -101,15 +102,23 @@ void source_collection::parse_attributes() {
 
 void source_collection::add_entry(const std::string &path, const std::string &name) {
     auto from = std::make_unique<host_source>();
-    nodes_.push_back(from->load_entry(path, name, rules_, &problems_));
+    std::vector<source_node> entry;
+    entry.push_back(from->load_entry(path, name, rules_, &problems_));
     sources_.push_back(std::move(from));
+    add_nodes(&nodes_, std::move(entry));
 }
 
 void source_collection::add_children(const std::string &path) {
     sources_.push_back(std::make_unique<host_source>(path));
-    for (source_node &node : sources_.back()->load(rules_, &problems_)) {
-        nodes_.push_back(std::move(node));
+    add_nodes(&nodes_, sources_.back()->load(rules_, &problems_));
+}
+
+// Of one source, whose links lead no further.
+void source_collection::add_nodes(std::vector<source_node> *to, std::vector<source_node> nodes) {
+    if (options_.dereferences) {
+        nodes = without_links(std::move(nodes), &problems_);
     }
+    std::move(nodes.begin(), nodes.end(), std::back_inserter(*to));
 }
 
 // The root of a volume has no entry: a source is the content of a directory.
@@ -120,10 +129,8 @@ void source_collection::add_from() {
     for (const std::string &text : options_.from) {
         const split_from where = split_source(text);
         sources_.push_back(open_source(where.path, options_.contents));
-        std::vector<source_node> nodes = sources_.back()->load(rules_, &problems_);
-        if (options_.dereferences) {
-            nodes = without_links(std::move(nodes), &problems_);
-        }
+        std::vector<source_node> nodes;
+        add_nodes(&nodes, sources_.back()->load(rules_, &problems_));
         merge_tree(&nodes_, tree_below(where.directory, std::move(nodes)), &problems_);
     }
 }

@@ -74,7 +74,7 @@ private:
     };
 
     void parse_attributes();
-    [[nodiscard]] std::vector<source_node> load(source *from);
+    void add_nodes(std::vector<source_node> *to, std::vector<source_node> nodes);
     void add_from();
     void set_fields(std::vector<source_node> *nodes, const std::string &above) const;
 
