@@ -4,6 +4,7 @@
 #include "qvol/file_data.h"
 #include "qvol/output.h"
 #include "qvol/path.h"
+#include "qvol/sharing.h"
 
 #include <algorithm>
 #include <map>
@@ -199,11 +200,19 @@ void import_plan::plan(const std::vector<source_node> &nodes, directory into,
 // Writes the files of the sources into their clusters.
 class import_plan::file_sink : public content_sink {
 public:
-    file_sink(const std::vector<planned_file> &files, data_writer *writer, progress *bar)
-        : files_(files), writer_(*writer), bar_(*bar) {}
+    file_sink(const volume &vol, const std::vector<planned_file> &files, data_writer *writer,
+              progress *bar)
+        : on_(vol.on()), sharing_(vol.where()), files_(files), writer_(*writer), bar_(*bar) {}
 
     void begin(const content_request &wanted) override {
-        writer_.begin(files_[wanted.file].clusters);
+        file_ = &files_[wanted.file];
+        writer_.begin(file_->clusters);
+    }
+    u64 share(int opened) override {
+        const u64 bytes = sharing_.share(on_, opened, file_->node->size, file_->clusters);
+        writer_.begin(std::span(file_->clusters).subspan(clusters_for(on_, bytes)));
+        bar_.add(bytes);
+        return bytes;
     }
     std::span<u8> room() override {
         return writer_.room();
@@ -217,7 +226,10 @@ public:
     }
 
 private:
+    const core::volume &on_;
+    block_sharing sharing_;
     const std::vector<planned_file> &files_;
+    const planned_file *file_ = nullptr; // that is written
     data_writer &writer_;
     progress &bar_;
 };
@@ -266,7 +278,7 @@ void import_plan::write_files(data_writer *writer, progress *bar) const {
             copies.push_back({first->second, i});
         }
     }
-    file_sink sink(files_, writer, bar);
+    file_sink sink(vol_, files_, writer, bar);
     for (const auto &[from, requests] : wanted) {
         from->copy(requests, &sink);
     }

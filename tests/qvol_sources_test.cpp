@@ -491,7 +491,7 @@ TEST_F(QvolSources, HaveTheRequestedAttributes) {
     }
 }
 
-TEST_F(QvolSources, AreReadTwiceOnlyIfTheyDoNotChange) {
+TEST_F(QvolSources, AreRemarkedOnForHardLinks) {
     tree_file("file", "x");
     std::filesystem::create_hard_link(tree_ + "/file", tree_ + "/other name");
     const outcome result = build({"--size", "auto", "--from", tree_});

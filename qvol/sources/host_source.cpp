@@ -159,7 +159,10 @@ private:
 } // namespace
 
 void copy_file(int file, const source_node &node, content_sink *sink) {
-    u64 done = 0;
+    u64 done = sink->share(file);
+    if (lseek(file, static_cast<off_t>(done), SEEK_SET) < 0) {
+        throw system_failure("read " + shown_bytes(node.path));
+    }
     for (bool is_complete = false; !is_complete;) {
         u8 past_end = 0;
         const std::span<u8> to = done < node.size ? sink->room() : std::span(&past_end, 1);

@@ -52,6 +52,8 @@ public:
     content_sink &operator=(const content_sink &) = delete;
 
     virtual void begin(const content_request &wanted) = 0;
+    // Takes bytes from the start of a file of the host without copying them; returns their number.
+    virtual u64 share(int file) = 0;
     // Where the next bytes go; empty only after the last one. The source stores some there and adds
     // them.
     virtual std::span<core::u8> room() = 0;
