@@ -121,8 +121,8 @@ _qvol() {
     if [[ -z $command && $typed == -* ]]; then
         _qvol_offer "$typed" --help -h --version
     elif [[ -z $command ]]; then
-        _qvol_offer "$typed" build cat check compact disk dump fastpath get info ln log ls map \
-            mirror mkdir mv owner pool put rm salvage stat tree undo
+        _qvol_offer "$typed" build cat check compact disk dump fastpath get id info label ln log \
+            ls map mirror mkdir mv owner pool put rm salvage stat tree undo
     elif values=$(_qvol_values "$before" "$command"); then
         _qvol_offer "$typed" $values
     elif [[ $typed == -* ]]; then

@@ -207,6 +207,9 @@ void directory::name_index::add(const entry &added) {
 }
 
 void directory::name_index::remove(const entry &removed) {
+    if (removed.is_dot() || removed.type() == kind::LABEL) {
+        return;
+    }
     std::erase(by_name[fold_case(removed.name)], removed.slot);
     const auto aliased = by_alias.find(fold_case(alias_text(removed)));
     if (aliased != by_alias.end() && aliased->second == removed.slot) {
@@ -243,6 +246,21 @@ const entry *directory::find(std::u16string_view name) const {
     }
     const auto aliased = names().by_alias.find(fold_case(name));
     return aliased != names().by_alias.end() ? &entries_.at(aliased->second) : nullptr;
+}
+
+// A label with data is a damaged entry of a file.
+const entry *directory::find_label() const {
+    const entry *blank = nullptr;
+    for (const auto &[slot, found] : entries_) {
+        if (found.type() != kind::LABEL || found.start() != 0 || found.size() != 0) {
+            continue;
+        }
+        if (!found.name.empty()) {
+            return &found;
+        }
+        blank = blank == nullptr ? &found : blank;
+    }
+    return blank;
 }
 
 bool directory::is_empty() const {
@@ -372,6 +390,15 @@ const entry &directory::add(const new_entry &wanted) {
     write_slots(added, added.has_long_name ? wanted.name : std::u16string());
     names().add(added);
     return entries_[added.slot] = std::move(added);
+}
+
+void directory::add_label(const short_name &label, const dos_time &modified) {
+    const u32 slot = allocate_slots(1);
+    core::store_short_entry(slot_bytes(slot), {.name = label.data(),
+                                               .attributes = core::ATTR_VOLUME,
+                                               .modified = {modified.date, modified.time}});
+    mark_dirty(slot);
+    entries_[slot] = entry_of_slot(slot_bytes(slot), slot, {}, on().is_wide());
 }
 
 void directory::remove(const entry &removed) {

@@ -97,6 +97,10 @@ public:
     // Like find(), but not by aliases.
     [[nodiscard]] const entry *find_name(std::u16string_view name) const;
 
+    // The volume label; null if there is none. A blank one, as the formatter makes it, is found
+    // only if no other exists.
+    [[nodiscard]] const entry *find_label() const;
+
     // True if there are no entries but the dot entries.
     [[nodiscard]] bool is_empty() const;
 
@@ -126,6 +130,9 @@ public:
     // Adds an entry; the directory grows if necessary. Throws error if the name exists or is
     // invalid, or if there is no space.
     const entry &add(const new_entry &wanted);
+
+    // Adds a volume label. Throws error if there is no space.
+    void add_label(const short_name &label, const dos_time &modified);
 
     // Prevents the exact short form of a name that will be added from becoming another name's
     // alias.

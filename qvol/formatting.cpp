@@ -52,11 +52,6 @@ std::string label_problem(const std::string &label) {
     return label == NO_NAME ? "is reserved for volumes without a label" : "";
 }
 
-std::string padded(std::string text) {
-    text.resize(LABEL_SIZE, ' ');
-    return text;
-}
-
 core::dos_moment present() {
     const dos_time now = dos_time_of(current_time());
     return {now.date, now.time};
@@ -68,10 +63,10 @@ void set_label_entry(const core::volume &on, const std::string &label) {
     if (label.empty()) {
         std::fill_n(sector.begin(), core::DENTRY_SIZE, u8{0});
     } else {
-        const std::string text = padded(label);
-        core::store_short_entry(sector.data(), {.name = reinterpret_cast<const u8 *>(text.data()),
-                                                .attributes = core::ATTR_VOLUME,
-                                                .modified = present()});
+        const short_name stored = stored_label(label);
+        core::store_short_entry(
+            sector.data(),
+            {.name = stored.data(), .attributes = core::ATTR_VOLUME, .modified = present()});
     }
     write_extent(on, on.at.root_start, sector);
 }
@@ -81,9 +76,7 @@ class stored_identity {
 public:
     explicit stored_identity(const volume_identity &of)
         : volume_id_(of.volume_id.value_or(static_cast<u32>(current_time()))), media_(of.media),
-          hidden_sectors_(of.hidden_sectors) {
-        const std::string label = padded(of.label.empty() ? NO_NAME : of.label);
-        std::copy(label.begin(), label.end(), label_.begin());
+          hidden_sectors_(of.hidden_sectors), label_(stored_label(of.label)) {
         std::copy_n(core::boot_request::OWN_OEM_NAME, oem_name_.size(), oem_name_.begin());
         if (of.oem_name) {
             oem_name_.fill(' ');
@@ -106,7 +99,7 @@ private:
     u32 volume_id_;
     u32 media_;
     u32 hidden_sectors_;
-    std::array<u8, LABEL_SIZE> label_{};
+    short_name label_;
     std::array<u8, core::PBR_OEM_NAME.size> oem_name_{};
 };
 
@@ -127,7 +120,15 @@ std::string checked_label(const std::string &option, const std::string &text) {
     return text;
 }
 
-u32 parse_volume_id(const std::string &text) {
+short_name stored_label(const std::string &label) {
+    const std::string text = label.empty() ? NO_NAME : label;
+    short_name stored{};
+    stored.fill(' ');
+    std::copy(text.begin(), text.end(), stored.begin());
+    return stored;
+}
+
+u32 parse_volume_id(const std::string &option, const std::string &text) {
     std::string digits = text;
     if (digits.size() == 9 && digits[4] == '-') {
         digits.erase(4, 1);
@@ -137,9 +138,13 @@ u32 parse_volume_id(const std::string &text) {
     const auto [rest, failure] = std::from_chars(digits.data(), end, id, 16);
     if (digits.size() != 8 || failure != std::errc() || rest != end) {
         throw usage_error(
-            fmt::format("--volume-id {}: not a number such as 1A2B-3C4D", shown_bytes(text)));
+            fmt::format("{} {}: not a number such as 1A2B-3C4D", option, shown_bytes(text)));
     }
     return id;
+}
+
+std::string shown_volume_id(u32 id) {
+    return fmt::format("{:04X}-{:04X}", id >> 16, id & 0xFFFF);
 }
 
 u32 parse_media(const std::string &text) {

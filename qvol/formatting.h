@@ -4,6 +4,7 @@
 
 #include "core/overlay.h"
 #include "qvol/session.h"
+#include "qvol/short_name.h"
 #include "qvol/volume_shape.h"
 
 #include <optional>
@@ -15,6 +16,9 @@ namespace qvol {
 // Returns the label. Throws usage_error if it is invalid.
 [[nodiscard]] std::string checked_label(const std::string &option, const std::string &text);
 
+// The bytes of a label on the medium; of "" those of a boot sector without a label.
+[[nodiscard]] short_name stored_label(const std::string &label);
+
 // What a new volume states about itself besides its areas.
 struct volume_identity {
     std::string label;            // "": the boot sectors get "NO NAME", the root gets no entry
@@ -25,7 +29,8 @@ struct volume_identity {
 };
 
 // The number of "XXXX-XXXX" or "XXXXXXXX", in hexadecimal digits. Throws usage_error.
-[[nodiscard]] u32 parse_volume_id(const std::string &text);
+[[nodiscard]] u32 parse_volume_id(const std::string &option, const std::string &text);
+[[nodiscard]] std::string shown_volume_id(u32 id); // "1A2B-3C4D"
 
 // A media byte, 0xF0 or 0xF8 to 0xFF. Throws usage_error.
 [[nodiscard]] u32 parse_media(const std::string &text);

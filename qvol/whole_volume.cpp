@@ -86,6 +86,12 @@ void make_reserved_file(volume &vol, const reserved_file &file) {
     vol.commit_additions({&root});
 }
 
+std::string label_of(volume &vol) {
+    const directory root = vol.root();
+    const entry *label = root.find_label();
+    return label != nullptr ? json_text(label->name) : "";
+}
+
 u64 used_length(volume &vol) {
     const core::volume &on = vol.on();
     const u32 highest = vol.fat().highest_used();

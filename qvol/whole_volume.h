@@ -1,4 +1,5 @@
-// Operations on a volume as a whole: the reserved files of the ZUQ driver, the used length.
+// Operations on a volume as a whole: the reserved files of the ZUQ driver, the label, the used
+// length.
 
 #pragma once
 
@@ -18,6 +19,9 @@ extern const reserved_file LOG_FILE;
 // Makes the file. There must be no unwritten changes. Throws error, with nothing written, if it
 // exists or there is no space.
 void make_reserved_file(volume &vol, const reserved_file &file);
+
+// The label in the root directory, for a terminal or JSON; "": none.
+[[nodiscard]] std::string label_of(volume &vol);
 
 // Bytes from the start of the image to the end of the last cluster in use.
 [[nodiscard]] u64 used_length(volume &vol);

@@ -120,6 +120,10 @@ TEST_F(QvolJson, TellsWhatWasDone) {
     EXPECT_EQ(document("get", {"/", scratch_.file("out")}), totals);
     EXPECT_EQ(document("put", {"--force", scratch_.file("tree") + "/.", "/"}), totals);
     EXPECT_EQ(document("mirror"), (json{{"fat_copies", 2}, {"changed_sectors", 0}}));
+    EXPECT_EQ(document("label", {"NEW"}), (json{{"label", "NEW"}}));
+    EXPECT_EQ(document("label"), (json{{"label", "NEW"}}));
+    EXPECT_EQ(document("id", {"1a2b3c4d"}), (json{{"serial", "1A2B-3C4D"}}));
+    EXPECT_EQ(document("id"), (json{{"serial", "1A2B-3C4D"}}));
     EXPECT_EQ(document("pool")["made"]["path"], "/ZUQ_POOL.SY$");
     EXPECT_EQ(document("log")["made"]["attributes"], "-rhs-");
     EXPECT_EQ(document("dump", {"cluster", "2", scratch_.file("dump")})["bytes"], 2048);

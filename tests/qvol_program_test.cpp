@@ -44,9 +44,9 @@ TEST(QvolCommandLine, TellsItsVersion) {
 
 TEST(QvolCommandLine, HelpsWithExamplesForEveryCommand) {
     for (const char *command :
-         {"build", "info", "ls",    "tree",    "stat",   "cat",    "get",      "put",
-          "mkdir", "mv",   "ln",    "rm",      "pool",   "log",    "fastpath", "owner",
-          "dump",  "map",  "check", "salvage", "mirror", "compact"}) {
+         {"build", "info", "ls",    "tree",    "stat",   "cat",     "get",      "put",
+          "mkdir", "mv",   "ln",    "rm",      "pool",   "log",     "fastpath", "owner",
+          "dump",  "map",  "check", "salvage", "mirror", "compact", "label",    "id"}) {
         const outcome help = run_qvol({command, "--help"});
         EXPECT_EQ(help.status, 0) << command;
         EXPECT_NE(help.out.find("Examples:\n  qvol " + std::string(command)), std::string::npos)
@@ -646,6 +646,63 @@ TEST_P(QvolBoth, MakesPoolAndLogThatTheJudgesAccept) {
     EXPECT_EQ(said("ls"), "$ZUQ_LOG.LO$\nZUQ_POOL.SY$\n");
     EXPECT_EQ(qvol("pool"), (outcome{1, "", "qvol: cannot make /ZUQ_POOL.SY$: File exists\n"}));
     expect_clean();
+}
+
+TEST_P(QvolBoth, LabelIsInTheRootAndInBothBootSectors) {
+    said("mkdir", {"/DATA"}); // a label may have the name of an entry
+    EXPECT_EQ(said("label"), "");
+    for (const std::string label : {"DATA", "MY VOLUME-1", ""}) { // new, changed, removed
+        EXPECT_EQ(said("label", {label}), "");
+        EXPECT_EQ(said("label"), label.empty() ? "" : label + "\n");
+        EXPECT_EQ(run({"blkid", "-p", "-o", "value", "-s", "LABEL", image_}).out,
+                  label.empty() ? "" : label + "\n");
+        EXPECT_EQ(run({"blkid", "-p", "-o", "value", "-s", "LABEL_FATBOOT", image_}).out,
+                  label.empty() ? "" : label + "\n");
+        expect_clean();
+        EXPECT_EQ(qvol("check").status, 0); // also compares the backup
+    }
+    EXPECT_EQ(said("ls"), "DATA\n");
+}
+
+TEST_P(QvolBoth, IdIsInBothBootSectors) {
+    EXPECT_EQ(said("id", {"0a1b-2C3D"}), "");
+    EXPECT_EQ(said("id"), "0A1B-2C3D\n");
+    EXPECT_EQ(run({"blkid", "-p", "-o", "value", "-s", "UUID", image_}).out, "0A1B-2C3D\n");
+    expect_clean();
+    EXPECT_EQ(qvol("check").status, 0);
+}
+
+TEST_F(Qvol16, RefusesLabelsAndNumbersThatNoVolumeHas) {
+    const bytes before = read_file(image_);
+    EXPECT_EQ(qvol("label", {"lower"}),
+              (outcome{2, "", "qvol: label \"lower\": must be upper case; use \"LOWER\"\n"}));
+    EXPECT_EQ(qvol("id", {"12"}),
+              (outcome{2, "", "qvol: serial number 12: not a number such as 1A2B-3C4D\n"}));
+    EXPECT_EQ(read_file(image_), before);
+    bytes unnumbered = before;
+    unnumbered.at(38) = 0; // without the signature of the record
+    (void)scratch_.file_with("disk.img", unnumbered);
+    EXPECT_EQ(qvol("id", {"1A2B-3C4D"}),
+              (outcome{1, "",
+                       "qvol: " + image_ +
+                           " has no serial number: its boot sector has no field for one\n"}));
+    said("label", {"ROOT ONLY"});
+    EXPECT_EQ(said("label"), "ROOT ONLY\n");
+}
+
+TEST_F(Qvol16, RefusesALabelWithoutASlot) {
+    std::vector<std::string> names;
+    for (int i = 0; i < 512; i++) {
+        names.push_back("/D" + std::to_string(i));
+    }
+    said("mkdir", names);
+    const bytes before = read_file(image_);
+    EXPECT_EQ(qvol("label", {"NEW"}),
+              (outcome{1, "",
+                       "qvol: cannot set the label of " + image_ +
+                           ": the root directory is full: a FAT16 root has 512 slots; use a "
+                           "subdirectory\n"}));
+    EXPECT_EQ(read_file(image_), before);
 }
 
 TEST_P(QvolBoth, MirrorMakesTheCopiesEqual) {

@@ -77,7 +77,7 @@ volume_identity parse_identity(const build_options &options) {
         identity.label = checked_label("--label", *options.label);
     }
     if (options.volume_id) {
-        identity.volume_id = parse_volume_id(*options.volume_id);
+        identity.volume_id = parse_volume_id("--volume-id", *options.volume_id);
     }
     if (options.oem_name) {
         identity.oem_name = checked_oem_name(*options.oem_name);

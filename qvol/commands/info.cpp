@@ -3,6 +3,8 @@
 #include "qvol/areas.h"
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
+#include "qvol/formatting.h"
+#include "qvol/whole_volume.h"
 
 #include <algorithm>
 
@@ -23,16 +25,6 @@ u32 alignment_of(const area &one) {
     return page != PAGE_SIZES.rend() ? *page : 0;
 }
 
-std::string label_of(volume &vol) {
-    const directory root = vol.root();
-    for (const auto &[slot, found] : root.entries()) {
-        if (found.type() == kind::LABEL && !found.name.empty()) {
-            return json_text(found.name);
-        }
-    }
-    return "";
-}
-
 struct volume_info {
     const volume &vol;
     u32 clusters;
@@ -43,12 +35,11 @@ struct volume_info {
 };
 
 volume_info info_of(volume &vol, const info_options &options) {
-    const u32 serial = vol.boot().serial;
     return {vol,
             vol.fat().last_cluster() - core::FIRST_DATA_CLUSTER + 1,
             vol.fat().free_count(),
             label_of(vol),
-            fmt::format("{:04X}-{:04X}", serial >> 16, serial & 0xFFFF),
+            shown_volume_id(vol.boot().serial),
             areas_of(vol, parse_page_origin(options.pages_from))};
 }
 
