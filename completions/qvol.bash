@@ -9,6 +9,7 @@ _qvol_source_rules() {
 # The options of a command beyond those of every command.
 _qvol_options() {
     case $1 in
+    attr) echo -a -h -r --recursive -R -s ;;
     build)
         echo --cluster --compact --fat --force -f --from --hidden-sectors --label --log --media \
             --no-mirror --oem --page --pool --sector --short-names --size --volume-id
@@ -31,6 +32,7 @@ _qvol_options() {
         ;;
     rm) echo --recursive -r ;;
     salvage) echo --deleted ;;
+    touch) echo --no-create -c --time ;;
     esac
 }
 
@@ -40,7 +42,7 @@ _qvol_values() {
     case $1 in
     --align) echo 4K 64K 1M 4M ;;
     --cluster) echo 512 1K 2K 4K 8K 16K 32K ;;
-    --attr | --exclude | --timezone) echo any ;;
+    --attr | --exclude | --time | --timezone) echo any ;;
     --contents) echo directories ;;
     --times) echo keep clamp none ;;
     --dir | --hidden-sectors | --label | --oem | --part | --volume-id) echo any ;;
@@ -94,6 +96,7 @@ _qvol_look_back() {
                 ((i++))
             fi
             ;;
+        +*) [[ $command == attr ]] || ((arguments++)) ;;
         *)
             if [[ -z $command ]]; then
                 command=${COMP_WORDS[i]}
@@ -121,8 +124,8 @@ _qvol() {
     if [[ -z $command && $typed == -* ]]; then
         _qvol_offer "$typed" --help -h --version
     elif [[ -z $command ]]; then
-        _qvol_offer "$typed" build cat check compact disk dump fastpath get id info label ln log \
-            ls map mirror mkdir mv owner pool put rm salvage stat tree undo
+        _qvol_offer "$typed" attr build cat check compact disk dump fastpath get id info label ln log \
+            ls map mirror mkdir mv owner pool put rm salvage stat touch tree undo
     elif values=$(_qvol_values "$before" "$command"); then
         _qvol_offer "$typed" $values
     elif [[ $typed == -* ]]; then

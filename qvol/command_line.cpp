@@ -100,6 +100,11 @@ declared_option declared_command::list(const char *names, std::vector<std::strin
     return declared_option(command_->add_option(names, *field, help));
 }
 
+void declared_command::frees_short_help() const {
+    const std::string description = command_->get_help_ptr()->get_description();
+    command_->set_help_flag("--help", description);
+}
+
 // ---- running ----------------------------------------------------------------------------------
 
 namespace {

@@ -109,6 +109,9 @@ public:
     declared_option list(const char *names, std::vector<std::string> *field,
                          const char *help) const;
 
+    // Makes -h free for another option: the help is --help.
+    void frees_short_help() const;
+
 private:
     CLI::App *command_;
 };

@@ -97,8 +97,8 @@ public:
     // Like find(), but not by aliases.
     [[nodiscard]] const entry *find_name(std::u16string_view name) const;
 
-    // The volume label; null if there is none. A blank one, as the formatter makes it, is found
-    // only if no other exists.
+    // The volume label, or null. The first one that is not blank counts, else the formatter's blank
+    // one.
     [[nodiscard]] const entry *find_label() const;
 
     // True if there are no entries but the dot entries.

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -78,6 +79,40 @@ tm calendar_fields(const dos_time &stamp) {
     return fields;
 }
 
+// The fields of a local date and time, as they are written.
+std::optional<tm> parse_calendar(const std::string &text) {
+    constexpr const char *FORMATS[] = {"%Y-%m-%d", "%Y-%m-%d %H:%M", "%Y-%m-%dT%H:%M",
+                                       "%Y-%m-%d %H:%M:%S", "%Y-%m-%dT%H:%M:%S"};
+    for (const char *format : FORMATS) {
+        tm fields{};
+        const char *end = strptime(text.c_str(), format, &fields);
+        if (end != nullptr && *end == '\0') {
+            return fields;
+        }
+    }
+    return std::nullopt;
+}
+
+// The local fields of a number of seconds since 1970.
+std::optional<tm> parse_seconds(const std::string &text) {
+    time_t moment = 0;
+    const char *end = text.data() + text.size();
+    const auto [rest, failure] = std::from_chars(text.data(), end, moment);
+    tm fields{};
+    const bool is_moment =
+        failure == std::errc() && rest == end && localtime_r(&moment, &fields) != nullptr;
+    return is_moment ? std::optional(fields) : std::nullopt;
+}
+
+// Whether the calendar has the day, and an entry can store the year.
+bool can_be_stored(const tm &fields) {
+    tm normal = fields;
+    normal.tm_isdst = 0;
+    (void)timegm(&normal);
+    return normal.tm_mday == fields.tm_mday && fields.tm_sec < 60 &&
+           fields.tm_year + 1900 >= FIRST_YEAR && fields.tm_year + 1900 <= LAST_YEAR;
+}
+
 bool is_date(const tm &fields) {
     return fields.tm_mon >= 0 && fields.tm_mon < 12 && fields.tm_mday >= 1 && fields.tm_hour < 24 &&
            fields.tm_min < 60 && fields.tm_sec < 60;
@@ -136,6 +171,23 @@ dos_time dos_time_of(time_t moment) {
     fields.tm_sec = std::min(fields.tm_sec, 59); // a leap second
     const core::dos_moment stamp = core::dos_moment_of(fields);
     return {stamp.date, stamp.time};
+}
+
+dos_time parse_time(const std::string &option, const std::string &text) {
+    const std::optional<tm> fields =
+        text.starts_with('@') ? parse_seconds(text.substr(1)) : parse_calendar(text);
+    if (!fields || !can_be_stored(*fields)) {
+        throw usage_error(fmt::format("{} {}: must be a time such as \"2024-02-29 12:34:56\" or "
+                                      "@SECONDS, from {} to {}",
+                                      option, shown_bytes(text), FIRST_YEAR, LAST_YEAR));
+    }
+    const core::dos_moment moment = core::dos_moment_of(*fields);
+    const dos_time stamp = {moment.date, moment.time};
+    if (latest_moment && dos_time_of(*latest_moment) < stamp) {
+        throw usage_error(
+            fmt::format("{} {}: later than SOURCE_DATE_EPOCH", option, shown_bytes(text)));
+    }
+    return stamp;
 }
 
 std::optional<time_t> moment_of(const dos_time &stamp) {

@@ -7,6 +7,7 @@
 
 #include "core/bytes.h"
 
+#include <compare>
 #include <optional>
 #include <string>
 
@@ -17,6 +18,8 @@ namespace qvol {
 struct dos_time {
     core::u16 date = 0; // (year - 1980) << 9 | month << 5 | day; 0: no date
     core::u16 time = 0; // hours << 11 | minutes << 5 | seconds / 2
+
+    auto operator<=>(const dos_time &) const = default;
 };
 
 // Sets the clock and the time zone by SOURCE_DATE_EPOCH. Throws usage_error if that
@@ -38,6 +41,11 @@ void allow_late_stamps();
 
 // The stamp of a moment, clamped to the range of the format.
 [[nodiscard]] dos_time dos_time_of(time_t moment);
+
+// The stamp of "2024-02-29", "2024-02-29 12:34:56" (also with "T", and without seconds) or
+// "@SECONDS" since 1970. Throws usage_error if the format does not have it, or if it is later than
+// SOURCE_DATE_EPOCH.
+[[nodiscard]] dos_time parse_time(const std::string &option, const std::string &text);
 
 // The moment of a stamp; nothing if it is not a valid date.
 [[nodiscard]] std::optional<time_t> moment_of(const dos_time &stamp);

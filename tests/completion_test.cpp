@@ -106,6 +106,12 @@ TEST_P(CompletionTest, OffersFilesForTheImage) {
     EXPECT_EQ(offered({"qvol", "info", "dis"}), text_set{"disk.img"});
 }
 
+TEST_P(CompletionTest, OffersTheImageAfterAttributesToSet) {
+    EXPECT_EQ(offered({"qvol", "attr", "+rh", ""}), FILES);
+    EXPECT_EQ(offered({"qvol", "attr", "-r", ""}), FILES);
+    EXPECT_EQ(offered({"qvol", "attr", "+r", "disk.img", ""}), text_set{});
+}
+
 TEST_P(CompletionTest, OffersFilesForPathsOfTheHostAndNothingForPathsInTheVolume) {
     EXPECT_EQ(offered({"qvol", "put", "disk.img", ""}), FILES);
     EXPECT_EQ(offered({"qvol", "get", "disk.img", "/photos", ""}), FILES);

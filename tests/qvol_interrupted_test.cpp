@@ -109,6 +109,17 @@ TEST_P(QvolInterrupted, MvNeverLosesTheEntry) {
     EXPECT_EQ(said("cat", {"/other/moved"}), std::string(7000, 'r'));
 }
 
+TEST_P(QvolInterrupted, TouchLosesSpaceAtMost) {
+    stop_everywhere("touch", {"/dir/kept", "/other/new file with a long name"});
+}
+
+TEST_P(QvolInterrupted, AttrChangesOneDirectoryAfterTheOther) {
+    said("mkdir", {"/other/below"});
+    copy(image_, base_);
+    stop_everywhere("attr", {"+rh", "-R", "/"});
+    EXPECT_EQ(said("attr", {"/dir/kept", "/other/below"}), "-rh-- /dir/kept\ndrh-- /other/below\n");
+}
+
 // A repair completes the change, or the volume is as before.
 TEST_P(QvolInterrupted, LabelAndIdAreCompletedByARepair) {
     const std::string differing =

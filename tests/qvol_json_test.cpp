@@ -132,6 +132,17 @@ TEST_F(QvolJson, TellsWhatWasDone) {
     EXPECT_EQ(compacted["bytes"], std::filesystem::file_size(image_));
 }
 
+TEST_F(QvolJson, ShowsAttributesAsTheyAreNow) {
+    EXPECT_EQ(document("attr", {"/dir", "/A file.txt"}),
+              (json{{"entries", {directory_entry(), file_entry()}}}));
+    json changed = deep_entry();
+    changed["attributes"] = "-r--a";
+    EXPECT_EQ(document("attr", {"+ra", "/dir/UPPER.BIN"}),
+              (json{{"entries", json::array({changed})}}));
+    EXPECT_EQ(document("attr", {"/dir/UPPER.BIN"}), (json{{"entries", json::array({changed})}}));
+    EXPECT_EQ(document("touch", {"-c", "/dir", "/missing"}), (json{{"touched", {"/dir"}}}));
+}
+
 TEST_F(QvolJson, NamesOwnersAndFastPaths) {
     EXPECT_EQ(document("owner", {"5"}),
               (json{{"cluster", 5}, {"state", "used"}, {"owners", {"/dir/UPPER.BIN"}}}));

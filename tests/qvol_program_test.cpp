@@ -44,9 +44,9 @@ TEST(QvolCommandLine, TellsItsVersion) {
 
 TEST(QvolCommandLine, HelpsWithExamplesForEveryCommand) {
     for (const char *command :
-         {"build", "info", "ls",    "tree",    "stat",   "cat",     "get",      "put",
-          "mkdir", "mv",   "ln",    "rm",      "pool",   "log",     "fastpath", "owner",
-          "dump",  "map",  "check", "salvage", "mirror", "compact", "label",    "id"}) {
+         {"build", "info",    "ls",     "tree",    "stat",  "cat",      "get",   "put",  "mkdir",
+          "mv",    "ln",      "rm",     "pool",    "log",   "fastpath", "owner", "dump", "map",
+          "check", "salvage", "mirror", "compact", "label", "id",       "attr",  "touch"}) {
         const outcome help = run_qvol({command, "--help"});
         EXPECT_EQ(help.status, 0) << command;
         EXPECT_NE(help.out.find("Examples:\n  qvol " + std::string(command)), std::string::npos)
@@ -276,6 +276,108 @@ TEST_F(Qvol16, MakesLinks) {
     EXPECT_EQ(qvol("ln", {"x", "/link"}),
               (outcome{1, "", "qvol: cannot make link /link: exists\n"}));
     expect_clean();
+}
+
+// ---- attributes and times ---------------------------------------------------------------------
+
+// mattrib is the judge: its letters are in the order A, S, H, R.
+TEST_P(QvolBoth, AttributesAreSetAndCleared) {
+    said("mkdir", {"-p", "/dir/below"});
+    said("put", {host_file("a file with a long name", "x"), "/dir"});
+    const std::string path = "/dir/a file with a long name";
+    const auto judged = [&] {
+        const std::string line = run({"mattrib", "-i", image_, "::" + path}).out;
+        std::string letters = line.substr(0, line.find(':'));
+        std::erase(letters, ' ');
+        return letters;
+    };
+    EXPECT_EQ(said("attr", {path, "/dir"}), "----- " + path + "\nd---- /dir\n");
+    EXPECT_EQ(said("attr", {"+rhsa", path}), "");
+    EXPECT_EQ(judged(), "ASHR");
+    said("attr", {"-rh", path});
+    EXPECT_EQ(judged(), "AS");
+    EXPECT_EQ(run_qvol({"attr", "+r", "-s", image_, "+h", path}).status, 0);
+    EXPECT_EQ(judged(), "AHR");
+    EXPECT_EQ(run_qvol({"attr", "-h", image_, path}), (outcome{0, "", ""}));
+    EXPECT_EQ(judged(), "AR");
+    said("attr", {"-R", "+s", "-a", "/"});
+    EXPECT_EQ(said("attr", {"-R", "/"}), "d--s- /dir\n-r-s- " + path + "\nd--s- /dir/below\n");
+    expect_clean();
+    EXPECT_EQ(said("cat", {path}), "x");
+}
+
+TEST_F(Qvol16, ChangesNoAttributesWhereOnePathIsMissing) {
+    said("mkdir", {"/dir"});
+    const bytes before = read_file(image_);
+    EXPECT_EQ(qvol("attr", {"+r", "/dir", "/missing"}),
+              (outcome{1, "", "qvol: cannot open /missing: no such file or directory\n"}));
+    EXPECT_EQ(qvol("attr", {"+r", "/"}),
+              (outcome{1, "",
+                       "qvol: cannot find the attributes of /: is the root directory, which has "
+                       "none\n"}));
+    EXPECT_EQ(qvol("attr", {"+r", "-r", "/dir"}),
+              (outcome{2, "", "qvol: the same attribute is set and cleared\n"}));
+    EXPECT_EQ(qvol("attr", {"+d", "/dir"}),
+              (outcome{2, "",
+                       "qvol: +d: must be letters of rhsa after the +; a path that begins with + "
+                       "is written /+\n"}));
+    EXPECT_EQ(run_qvol({"attr", "+r", image_}),
+              (outcome{2, "", "qvol: IMAGE and PATH are required\n"}));
+    EXPECT_EQ(read_file(image_), before);
+}
+
+TEST_P(QvolBoth, TouchSetsTimesAndMakesFiles) {
+    said("put", {host_file("file", "content"), "/"});
+    said("mkdir", {"/dir"});
+    said("ln", {"file", "/link"});
+    said("touch", {"--time", "2024-02-29 12:34:57", "/file", "/dir", "/link", "/dir/a new file"});
+    const std::string time = "2024-02-29 12:34:56 ";                     // in steps of two seconds
+    EXPECT_EQ(said("ls", {"-l"}), "d----          0 " + time + "dir\n" + //
+                                      "-----          7 " + time + "file\n" + "l----          4 " +
+                                      time + "link -> file\n");
+    EXPECT_EQ(said("ls", {"-l", "/dir"}), "-----          0 " + time + "a new file\n");
+    EXPECT_EQ(said("cat", {"/file"}), "content");
+    said("touch", {"--no-create", "/missing"});
+    EXPECT_EQ(said("ls"), "dir\nfile\nlink\n");
+    expect_clean();
+}
+
+TEST_F(Qvol16, TouchTakesTimesInSeveralForms) {
+    const std::pair<std::string, std::string> forms[] = {
+        {"2024-02-29", "2024-02-29 00:00:00"},
+        {"2024-02-29T12:34", "2024-02-29 12:34:00"},
+        {"1980-01-01 00:00:00", "1980-01-01 00:00:00"},
+        {"2107-12-31T23:59:59", "2107-12-31 23:59:58"},
+        {"@1700000000", "2023-11-14 22:13:20"}};
+    for (const auto &[form, time] : forms) {
+        said("touch", {"--time", form, "/x"});
+        EXPECT_EQ(said("ls", {"-l"}), "-----          0 " + time + " x\n");
+    }
+    setenv("SOURCE_DATE_EPOCH", "1700000000", 1);
+    said("touch", {"/x"});
+    EXPECT_EQ(said("ls", {"-l"}), "-----          0 2023-11-14 22:13:20 x\n");
+    EXPECT_EQ(qvol("touch", {"--time", "@1700000002", "/x"}),
+              (outcome{2, "", "qvol: --time @1700000002: later than SOURCE_DATE_EPOCH\n"}));
+    unsetenv("SOURCE_DATE_EPOCH");
+    for (const std::string none : {"2023-02-29", "2024-01-01 24:00", "1979-12-31", "2108-01-01",
+                                   "@0", "@x", "2024-01-01 ", "2024-01-01 10:00:60", ""}) {
+        EXPECT_EQ(qvol("touch", {"--time", none, "/x"}),
+                  (outcome{2, "",
+                           "qvol: --time " + none +
+                               ": must be a time such as \"2024-02-29 12:34:56\" or @SECONDS, from "
+                               "1980 to 2107\n"}));
+    }
+}
+
+TEST_F(Qvol16, RefusesToTouchWhatHasNoTime) {
+    EXPECT_EQ(qvol("touch", {"/"}),
+              (outcome{1, "", "qvol: cannot touch /: is the root directory, which has no time\n"}));
+    EXPECT_EQ(
+        qvol("touch", {"/new/"}),
+        (outcome{1, "", "qvol: cannot touch /new: no such directory; \"qvol mkdir\" makes it\n"}));
+    EXPECT_EQ(qvol("touch", {"/a:b"}),
+              (outcome{1, "", "qvol: cannot touch /a:b: invalid name: contains ':'\n"}));
+    EXPECT_EQ(said("ls"), "");
 }
 
 // ---- put and get ------------------------------------------------------------------------------

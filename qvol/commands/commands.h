@@ -26,6 +26,8 @@ void add_mkdir(command_line *commands);
 void add_mv(command_line *commands);
 void add_ln(command_line *commands);
 void add_rm(command_line *commands);
+void add_touch(command_line *commands);
+void add_attr(command_line *commands);
 void add_label(command_line *commands);
 void add_id(command_line *commands);
 void add_pool(command_line *commands);
@@ -46,14 +48,19 @@ struct command_entry {
 
 // All of them, in the order of the help.
 inline constexpr command_entry ALL_COMMANDS[] = {
-    {"build", add_build},   {"disk", add_disk},       {"info", add_info},
-    {"ls", add_ls},         {"tree", add_tree},       {"stat", add_stat},
-    {"cat", add_cat},       {"get", add_get},         {"put", add_put},
-    {"mkdir", add_mkdir},   {"mv", add_mv},           {"ln", add_ln},
-    {"rm", add_rm},         {"label", add_label},     {"id", add_id},
-    {"pool", add_pool},     {"log", add_log},         {"fastpath", add_fastpath},
-    {"owner", add_owner},   {"dump", add_dump},       {"map", add_map},
-    {"check", add_check},   {"undo", add_undo},       {"salvage", add_salvage},
+    {"build", add_build},   {"disk", add_disk},
+    {"info", add_info},     {"ls", add_ls},
+    {"tree", add_tree},     {"stat", add_stat},
+    {"cat", add_cat},       {"get", add_get},
+    {"put", add_put},       {"mkdir", add_mkdir},
+    {"mv", add_mv},         {"ln", add_ln},
+    {"rm", add_rm},         {"touch", add_touch},
+    {"attr", add_attr},     {"label", add_label},
+    {"id", add_id},         {"pool", add_pool},
+    {"log", add_log},       {"fastpath", add_fastpath},
+    {"owner", add_owner},   {"dump", add_dump},
+    {"map", add_map},       {"check", add_check},
+    {"undo", add_undo},     {"salvage", add_salvage},
     {"mirror", add_mirror}, {"compact", add_compact},
 };
 
