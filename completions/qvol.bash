@@ -20,7 +20,8 @@ _qvol_options() {
         echo --align --force -f --gpt --mbr --part --sector --size
         _qvol_source_rules
         ;;
-    dump | get | mv) echo --force -f ;;
+    dump | mv) echo --force -f ;;
+    get) echo --attrs --force -f ;;
     fastpath) echo --dir ;;
     info) echo --pages-from ;;
     ls) echo --long -l --recursive -R ;;

@@ -169,7 +169,8 @@ host_directory host_directory::enter(const std::string &name) const {
 }
 
 void host_directory::make_file(const std::string &name, bool replaces,
-                               std::optional<time_t> modified, const write_content &content) const {
+                               std::optional<time_t> modified, const write_content &content,
+                               const finish_file &finish) const {
     const entry_name final = {fd_->get(), path_, name, replaces};
     unfinished_entry made(final, is_new_, [this](const char *wanted) {
         return openat(fd_->get(), wanted, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
@@ -181,6 +182,7 @@ void host_directory::make_file(const std::string &name, bool replaces,
             throw system_failure("write " + final.shown());
         }
     });
+    finish(file.get());
     made.set_modified(modified);
     made.commit();
 }

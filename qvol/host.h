@@ -20,6 +20,9 @@ namespace qvol {
 using write_piece = std::function<void(std::span<const u8>)>;
 using write_content = std::function<void(const write_piece &write)>;
 
+// Sets what else belongs to a new file, after its content.
+using finish_file = std::function<void(int fd)>;
+
 // An open directory of the host.
 class host_directory {
 public:
@@ -32,8 +35,9 @@ public:
 
     // Make an entry, under a temporary name until it is complete. An existing entry is an error, or
     // is replaced if `replaces` is set. A failure leaves no new entry.
-    void make_file(const std::string &name, bool replaces, std::optional<time_t> modified,
-                   const write_content &content) const;
+    void make_file(
+        const std::string &name, bool replaces, std::optional<time_t> modified,
+        const write_content &content, const finish_file &finish = [](int) {}) const;
     void make_link(const std::string &name, bool replaces, std::optional<time_t> modified,
                    const std::string &target) const;
 
@@ -47,6 +51,9 @@ public:
 
     [[nodiscard]] const std::string &path() const {
         return path_;
+    }
+    [[nodiscard]] int descriptor() const {
+        return fd_->get();
     }
 
 private:

@@ -118,6 +118,9 @@ TEST_F(QvolJson, TellsWhatWasDone) {
     EXPECT_EQ(document("rm", {"-r", "/b/a", "/b"}), (json{{"removed", {"/b/a", "/b"}}}));
     const json totals = {{"files", 2}, {"directories", 1}, {"links", 0}, {"bytes", 5004}};
     EXPECT_EQ(document("get", {"/", scratch_.file("out")}), totals);
+    json with_attributes = totals;
+    with_attributes["without_attributes"] = 0;
+    EXPECT_EQ(document("get", {"--attrs", "/", scratch_.file("marked")}), with_attributes);
     EXPECT_EQ(document("put", {"--force", scratch_.file("tree") + "/.", "/"}), totals);
     EXPECT_EQ(document("mirror"), (json{{"fat_copies", 2}, {"changed_sectors", 0}}));
     EXPECT_EQ(document("label", {"NEW"}), (json{{"label", "NEW"}}));

@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/xattr.h>
 
 using namespace testing_support;
 
@@ -429,6 +430,52 @@ TEST_P(QvolTrees, KeepModificationTimes) {
     said("get", {"/dir", out});
     EXPECT_EQ(run({"stat", "-c", "%y", out + "/file", out}).out,
               "2020-02-29 12:34:56.000000000 +0000\n2021-01-01 01:02:04.000000000 +0000\n");
+}
+
+constexpr const char *DOS_ATTRIBUTES = "user.DOSATTRIB";
+
+// The extended attribute of a file of the host; "": none.
+std::string dos_attributes(const std::string &path) {
+    char text[16];
+    const ssize_t size = getxattr(path.c_str(), DOS_ATTRIBUTES, text, sizeof text);
+    return size < 0 ? "" : std::string(text, static_cast<std::size_t>(size));
+}
+
+bool may_be_written(const std::string &path) {
+    constexpr auto WRITERS = std::filesystem::perms::owner_write |
+                             std::filesystem::perms::group_write |
+                             std::filesystem::perms::others_write;
+    return (std::filesystem::status(path).permissions() & WRITERS) != std::filesystem::perms::none;
+}
+
+TEST_P(QvolTrees, KeepAttributesWhereTheHostCan) {
+    add("dir/file", "x");
+    add("dir/plain", "x");
+    if (setxattr((tree_ + "/dir/plain").c_str(), DOS_ATTRIBUTES, "0x0", 3, 0) != 0) {
+        GTEST_SKIP() << "no extended attributes here";
+    }
+    said("put", {tree_ + "/dir", "/"});
+    said("ln", {"file", "/dir/link"});
+    said("attr", {"+rh", "/dir/file"});
+    said("attr", {"+sa", "/dir"});
+    said("attr", {"+r", "/dir/link"});
+    const std::string plain = scratch_.file("plain");
+    const std::string out = scratch_.file("out");
+    const std::string totals = "2 files, 1 directory, 1 link, 2 bytes\n";
+    EXPECT_EQ(said("get", {"/dir", plain}), totals);
+    EXPECT_EQ(dos_attributes(plain + "/file") + dos_attributes(plain), "");
+    EXPECT_EQ(said("get", {"--attrs", "/dir", out}),
+              totals + "attributes of 1 entry left out: the host cannot store them\n");
+    EXPECT_EQ(dos_attributes(out), "0x24");
+    EXPECT_EQ(dos_attributes(out + "/file"), "0x3");
+    EXPECT_EQ(dos_attributes(out + "/plain"), "");
+    EXPECT_FALSE(may_be_written(out + "/file"));
+    EXPECT_TRUE(may_be_written(out + "/plain") && may_be_written(out));
+    EXPECT_EQ(run({"diff", "-r", "--no-dereference", plain, out}), (outcome{0, "", ""}));
+    said("attr", {"-rh", "/dir/file"});
+    said("get", {"--attrs", "--force", "/dir/file", out}); // replaces a file that is read-only
+    EXPECT_EQ(dos_attributes(out + "/file"), "");
+    EXPECT_TRUE(may_be_written(out + "/file"));
 }
 
 TEST_P(QvolTrees, FitThousandsOfLikeNamesIntoOneDirectory) {

@@ -5,6 +5,7 @@
 #include "qvol/error.h"
 #include "qvol/fat_table.h"
 #include "qvol/file_data.h"
+#include "qvol/host_attributes.h"
 #include "qvol/path.h"
 #include "qvol/session.h"
 #include "qvol/tree_walk.h"
@@ -16,7 +17,10 @@
 
 #include <filesystem>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
 
 using namespace qvol;
 using testing_support::bytes;
@@ -381,4 +385,54 @@ TEST_P(QvolVolume, GathersTheDataOfManyFiles) {
         });
         EXPECT_EQ(back, *what);
     }
+}
+
+// ---- attributes of the host -------------------------------------------------------------------
+
+TEST(QvolHostAttributes, AreReadAsTheyWereWritten) {
+    const scratch_directory scratch;
+    const std::string path = scratch.sparse_file("file", 1);
+    const core::unique_fd file(::open(path.c_str(), O_RDWR));
+    EXPECT_EQ(read_host_attributes(path), 0U);
+    if (!write_host_attributes(file.get(), core::ATTR_HIDDEN)) {
+        GTEST_SKIP() << "no extended attributes here";
+    }
+    for (const u32 attributes : {0x27U, 0x22U, 0x01U, 0x00U}) {
+        chmod(path.c_str(), 0644);
+        EXPECT_TRUE(write_host_attributes(file.get(), attributes | core::ATTR_VOLUME));
+        EXPECT_EQ(read_host_attributes(path), attributes);
+    }
+    const std::string directory = scratch.file("");
+    const core::unique_fd opened(::open(directory.c_str(), O_RDONLY | O_DIRECTORY));
+    EXPECT_TRUE(write_host_attributes(opened.get(), core::ATTR_READ_ONLY));
+    EXPECT_EQ(read_host_attributes(directory), core::ATTR_READ_ONLY);
+    struct stat status {};
+    EXPECT_EQ(stat(directory.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & S_IWUSR, mode_t{S_IWUSR}); // entries can be made and removed
+}
+
+TEST(QvolHostAttributes, OfOtherWritersAreTextOrNone) {
+    const scratch_directory scratch;
+    const std::string path = scratch.sparse_file("file", 1);
+    using namespace std::string_literals;
+    const std::pair<std::string, u32> stored[] = {
+        {"0x27", 0x27}, {"0x2\0"s, 0x02}, {"0x1f", 0x07},   {"27", 0},
+        {"0x", 0},      {"0x2g", 0},      {"\0\0\5\0"s, 0}, {std::string(300, '0'), 0}};
+    for (const auto &[text, attributes] : stored) {
+        if (setxattr(path.c_str(), "user.DOSATTRIB", text.data(), text.size(), 0) != 0) {
+            GTEST_SKIP() << "no extended attributes here";
+        }
+        EXPECT_EQ(read_host_attributes(path), attributes) << text;
+    }
+}
+
+// Of a pipe only that there are none can be stored.
+TEST(QvolHostAttributes, WriterStatesWhatTheHostCannotStore) {
+    int ends[2] = {-1, -1};
+    ASSERT_EQ(pipe(ends), 0);
+    const core::unique_fd reader(ends[0]);
+    const core::unique_fd writer(ends[1]);
+    EXPECT_TRUE(write_host_attributes(writer.get(), 0));
+    EXPECT_FALSE(write_host_attributes(writer.get(), core::ATTR_HIDDEN));
+    EXPECT_FALSE(write_host_attributes(writer.get(), core::ATTR_READ_ONLY));
 }

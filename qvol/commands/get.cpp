@@ -7,6 +7,7 @@
 #include "qvol/commands/commands.h"
 #include "qvol/extraction.h"
 #include "qvol/file_data.h"
+#include "qvol/host_attributes.h"
 #include "qvol/progress.h"
 #include "qvol/tree_walk.h"
 
@@ -20,6 +21,7 @@ struct get_options {
     std::string path;
     std::string destination;
     bool is_forced = false;
+    bool has_attributes = false;
 };
 
 // Where the copy goes: into a directory, under its own name or a new one.
@@ -109,8 +111,8 @@ private:
 
 class extraction {
 public:
-    extraction(volume &vol, bool is_forced, progress *bar)
-        : vol_(vol), is_forced_(is_forced), bar_(bar) {}
+    extraction(volume &vol, const get_options &options, progress *bar)
+        : vol_(vol), options_(options), bar_(bar) {}
 
     // Copies one entry, with everything below it, into a directory of the host.
     void extract(const host_directory &into, const std::string &name, const resolved_path &top) {
@@ -124,8 +126,7 @@ public:
     // Copies everything below a directory of the volume into a directory of the host.
     void extract_tree(host_directory into, const resolved_path &top) {
         const directory dir = open_directory(vol_, top);
-        open_.push_back(
-            {std::move(into), top.is_root() ? std::nullopt : moment_of(top.found->modified())});
+        open_.push_back({std::move(into), top.found});
         totals_.directories += top.is_root() ? 0 : 1;
         tree_visitor visitor;
         visitor.visit = [this](const name_path &path, const entry &found, bool) {
@@ -140,10 +141,15 @@ public:
         return totals_;
     }
 
+    // The entries whose attributes the host cannot store.
+    [[nodiscard]] u64 without_attributes() const {
+        return without_attributes_;
+    }
+
 private:
     struct open_level {
         host_directory dir;
-        std::optional<time_t> modified;
+        std::optional<entry> of; // no value: the root
     };
 
     bool visit(const name_path &path, const entry &found) {
@@ -153,21 +159,39 @@ private:
             return false;
         }
         totals_.directories++;
-        open_.push_back({open_.back().dir.enter(name), moment_of(found.modified())});
+        open_.push_back({open_.back().dir.enter(name), found});
         return true;
     }
 
-    // Sets the time of a directory after its entries are made.
+    // Sets the attributes and the time of a directory after its entries are made.
     void leave() {
-        open_.back().dir.set_modified(open_.back().modified);
+        const open_level &level = open_.back();
+        if (level.of) {
+            set_attributes(level.dir.descriptor(), *level.of);
+            level.dir.set_modified(moment_of(level.of->modified()));
+        }
         open_.pop_back();
+    }
+
+    void set_attributes(int fd, const entry &found) {
+        if (options_.has_attributes && !write_host_attributes(fd, found.attributes())) {
+            without_attributes_++;
+        }
+    }
+
+    // Links of the host have no attributes.
+    void count_dropped_attributes(const entry &link) {
+        if (options_.has_attributes && (link.attributes() & COPIED_ATTRIBUTES) != 0) {
+            without_attributes_++;
+        }
     }
 
     void make(const host_directory &into, const std::string &name, const name_path &path,
               const entry &found) {
         try {
             if (found.type() == kind::LINK) {
-                extract_link(vol_, into, name, is_forced_, found);
+                extract_link(vol_, into, name, options_.is_forced, found);
+                count_dropped_attributes(found);
                 totals_.links++;
             } else {
                 make_file(into, name, found);
@@ -180,21 +204,24 @@ private:
     void make_file(const host_directory &into, const std::string &name, const entry &found) {
         const std::vector<u32> clusters = clusters_of_file(vol_.fat(), found.start(), found.size());
         into.make_file(
-            name, is_forced_, moment_of(found.modified()), [&](const write_piece &write) {
+            name, options_.is_forced, moment_of(found.modified()),
+            [&](const write_piece &write) {
                 read_data(vol_.on(), clusters, found.size(), [&](std::span<const u8> bytes) {
                     write(bytes);
                     bar_->add(bytes.size());
                 });
-            });
+            },
+            [&](int fd) { set_attributes(fd, found); });
         totals_.files++;
         totals_.bytes += found.size();
     }
 
     volume &vol_;
-    bool is_forced_;
+    const get_options &options_;
     progress *bar_;
     std::vector<open_level> open_;
     tree_totals totals_;
+    u64 without_attributes_ = 0;
 };
 
 // The root has no name: its content goes into an existing directory.
@@ -209,15 +236,31 @@ void extract_to(extraction *work, const volume &vol, const resolved_path &top,
     }
 }
 
+void report_extraction(const output &out, const extraction &work, bool has_attributes) {
+    const u64 without = work.without_attributes();
+    out.remark(totals_text(work.totals()));
+    if (without != 0) {
+        out.remark(fmt::format("attributes of {} left out: the host cannot store them",
+                               counted(without, "entry", "entries")));
+    }
+    if (out.is_json) {
+        json document = totals_json(work.totals());
+        if (has_attributes) {
+            document.add("without_attributes", without);
+        }
+        out.document(document);
+    }
+}
+
 int run_get(const common_options &common, const get_options &options) {
     return with_volume(common, access::READ, [&](volume &vol) {
         const resolved_path top = resolve(vol, options.path);
         copy_destination to = destination_of(options.destination);
         const tree_totals expected = extraction_check(vol, to).of(top);
         progress bar("get", expected.bytes, common.out.is_quiet);
-        extraction work(vol, options.is_forced, &bar);
+        extraction work(vol, options, &bar);
         extract_to(&work, vol, top, std::move(to));
-        report_totals(common.out, work.totals());
+        report_extraction(common.out, work, options.has_attributes);
         return EXIT_DONE;
     });
 }
@@ -235,6 +278,8 @@ void add_get(command_line *commands) {
     get.value("DEST", &options->destination, "Existing directory to copy into, or the new name")
         .required();
     get.flag("-f,--force", &options->is_forced, "Replace existing files");
+    get.flag("--attrs", &options->has_attributes,
+             "Copy read-only, hidden, system and archive, where the host can store them");
 }
 
 } // namespace qvol
