@@ -28,7 +28,7 @@ _qvol_options() {
     map) echo --force -f --pages-from --svg ;;
     mkdir) echo --parents -p ;;
     put)
-        echo --force -f --from
+        echo --attrs --force -f --from
         _qvol_source_rules
         ;;
     rm) echo --recursive -r ;;

@@ -472,6 +472,11 @@ TEST_P(QvolTrees, KeepAttributesWhereTheHostCan) {
     EXPECT_FALSE(may_be_written(out + "/file"));
     EXPECT_TRUE(may_be_written(out + "/plain") && may_be_written(out));
     EXPECT_EQ(run({"diff", "-r", "--no-dereference", plain, out}), (outcome{0, "", ""}));
+    said("put", {"--attrs", out, "/back"});
+    said("put", {out, "/without"});
+    EXPECT_EQ(said("attr", {"/back", "/back/file", "/back/plain"}),
+              "d--sa /back\n-rh-- /back/file\n----- /back/plain\n");
+    EXPECT_EQ(said("attr", {"/without", "/without/file"}), "d---- /without\n----- /without/file\n");
     said("attr", {"-rh", "/dir/file"});
     said("get", {"--attrs", "--force", "/dir/file", out}); // replaces a file that is read-only
     EXPECT_EQ(dos_attributes(out + "/file"), "");

@@ -103,6 +103,8 @@ void add_put(command_line *commands) {
              "What to copy, and the directory in the volume (or the new name)")
         .required();
     put.flag("-f,--force", &options->is_forced, "Replace existing files");
+    put.flag("--attrs", &options->content.copies_attributes,
+             "Copy the attributes that files and directories have on the host");
     add_source_options(put, &options->content);
 }
 

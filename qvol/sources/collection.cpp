@@ -73,6 +73,7 @@ u64 source_tree::hard_links() const {
 
 source_collection::source_collection(const source_options &options) : options_(options) {
     rules_.skips_special = options.skips_special;
+    rules_.reads_attributes = options.copies_attributes;
     for (const std::string &text : options.excluded) {
         rules_.excluded.add(text);
     }

@@ -24,6 +24,7 @@ struct source_options {
     bool skips_special = false;
     bool dereferences = false;
     bool is_read_only_from_mode = false;
+    bool copies_attributes = false; // of files and directories of the host
 };
 
 // SOURCE:/DIRECTORY. The whole text is the path of the source if there is such a file.

@@ -3,6 +3,7 @@
 #include "core/resources.h"
 #include "qvol/error.h"
 #include "qvol/host.h"
+#include "qvol/host_attributes.h"
 
 #include <algorithm>
 #include <deque>
@@ -215,6 +216,9 @@ source_node host_source::scan(const std::string &path, const std::string &name,
         count_hard_link(status);
     } else {
         of.problems->add(path, "neither file, directory nor link; --skip-special leaves it out");
+    }
+    if (of.rules.reads_attributes && (node.from != nullptr || node.type == kind::DIRECTORY)) {
+        node.attributes = read_host_attributes(path);
     }
     return node;
 }

@@ -18,6 +18,7 @@ namespace qvol {
 // What is read of a source.
 struct reading_rules {
     pattern_list excluded;
+    bool reads_attributes = false; // of files and directories of the host
     bool skips_special = false; // devices, pipes and sockets; they are problems otherwise
 };
 
