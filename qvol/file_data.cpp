@@ -4,7 +4,6 @@
 #include "qvol/sectors.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include <fmt/core.h>
 
@@ -17,11 +16,6 @@ constexpr std::size_t BUFFER_BYTES = std::size_t{256} * 1024;
 
 u32 clusters_per_piece(const core::volume &on) {
     return std::max(PIECE_BYTES / on.cluster_bytes(), 1U);
-}
-
-bool is_zero(std::span<const u8> bytes) {
-    return bytes.empty() || (bytes.front() == 0 &&
-                             std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0);
 }
 
 } // namespace

@@ -31,7 +31,7 @@ void read_data(const core::volume &on, std::span<const u32> clusters, u64 size,
 // written in one transfer. The rest of a last cluster is filled with zeros.
 class data_writer {
 public:
-    // `skips_zeros`: unwritten sectors read as zeros, so a buffer of zeros is not written.
+    // `skips_zeros`: a buffer of zeros is not written, see holes::ZEROS.
     explicit data_writer(const core::volume &on, bool skips_zeros = false);
     ~data_writer() = default;
     data_writer(const data_writer &) = delete;

@@ -286,7 +286,7 @@ void import_plan::write_files(data_writer *writer, progress *bar) const {
 }
 
 void import_plan::write(progress *bar) {
-    data_writer writer(vol_.on(), vol_.where().is_fresh());
+    data_writer writer(vol_.on(), vol_.where().allowed_holes() == holes::ZEROS);
     write_links(&writer);
     write_files(&writer, bar);
     writer.flush();

@@ -26,12 +26,16 @@ constexpr mode_t IMAGE_MODE = 0666; // the user's umask decides
 
 // ---- signals ----
 
-char unfinished_path[PATH_MAX]; // "": nothing to remove
+// An image and its forms. "": no file.
+constexpr std::size_t MAX_UNFINISHED = 4;
+char unfinished_paths[MAX_UNFINISHED][PATH_MAX];
 
-// Async-signal-safe. Removes the file; then the signal ends the program by its default action.
+// Async-signal-safe. Removes the files; then the signal ends the program by its default action.
 void remove_unfinished(int signal) {
-    if (unfinished_path[0] != '\0') {
-        unlink(unfinished_path);
+    for (const char *path : unfinished_paths) {
+        if (path[0] != '\0') {
+            unlink(path);
+        }
     }
     (void)std::signal(signal, SIG_DFL);
     (void)raise(signal);
@@ -76,9 +80,19 @@ private:
 };
 
 void remember_unfinished(const std::string &path) {
-    const std::size_t length = std::min(path.size(), sizeof unfinished_path - 1);
-    std::copy_n(path.begin(), length, unfinished_path);
-    unfinished_path[length] = '\0';
+    auto *const free = std::find_if(std::begin(unfinished_paths), std::end(unfinished_paths),
+                                    [](const char *known) { return known[0] == '\0'; });
+    if (free != std::end(unfinished_paths)) {
+        path.copy(*free, PATH_MAX - 1);
+    }
+}
+
+void forget_unfinished(const std::string &path) {
+    for (char *known : unfinished_paths) {
+        if (path == known) {
+            std::fill_n(known, PATH_MAX, '\0');
+        }
+    }
 }
 
 // ---- file names ----
@@ -148,7 +162,7 @@ new_image::~new_image() {
     if (!is_committed_) {
         unlink(path_.c_str());
     }
-    unfinished_path[0] = '\0';
+    forget_unfinished(path_);
 }
 
 void new_image::commit() {

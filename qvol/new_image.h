@@ -1,4 +1,4 @@
-// An image file that is being made.
+// A file that is being made: an image, or a form of one for flashing.
 //
 // It has a temporary name in its final directory until it is complete. If the program ends before
 // that, by anything but kill -9, the file is removed. An incomplete image never has the final name.

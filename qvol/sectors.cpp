@@ -43,4 +43,9 @@ void write_extent(const core::volume &on, u64 sector, std::span<const u8> bytes)
     }
 }
 
+bool is_zero(std::span<const u8> bytes) {
+    return bytes.empty() || (bytes.front() == 0 &&
+                             std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0);
+}
+
 } // namespace qvol

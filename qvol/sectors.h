@@ -18,4 +18,6 @@ using core::u8;
 void read_extent_into(const core::volume &on, u64 sector, std::span<u8> bytes);
 void write_extent(const core::volume &on, u64 sector, std::span<const u8> bytes);
 
+[[nodiscard]] bool is_zero(std::span<const u8> bytes); // all of them
+
 } // namespace qvol

@@ -19,6 +19,14 @@ using core::u64;
 
 enum class access { READ, WRITE };
 
+// Where a file that is being written may have holes. Programs that write an image to a medium may
+// leave out its holes, so that bytes of an earlier content stay there.
+enum class holes {
+    NONE,   // nowhere: it has an earlier content itself
+    UNUSED, // where nothing is stored, such as in free clusters
+    ZEROS,  // also where zeros are stored
+};
+
 // Where a volume is, by its name on the command line: PATH, PATH#N for a partition, PATH@OFFSET or
 // PATH@OFFSET+SIZE for a range of bytes.
 struct place {
@@ -87,12 +95,12 @@ public:
     // Cuts or extends an image file.
     void resize(u64 size);
 
-    // Unwritten sectors read as zeros, as in an image file that was just made.
-    void mark_fresh() {
-        is_fresh_ = true;
+    // For an image file that was just made: its unwritten sectors read as zeros.
+    void allow_holes(holes where) {
+        holes_ = where;
     }
-    [[nodiscard]] bool is_fresh() const {
-        return is_fresh_;
+    [[nodiscard]] holes allowed_holes() const {
+        return holes_;
     }
 
     // Restricts formatting to the first `bytes` bytes.
@@ -127,7 +135,7 @@ private:
 
     std::string name_;
     std::shared_ptr<open_file> file_;
-    bool is_fresh_ = false;
+    holes holes_ = holes::NONE;
     u64 offset_ = 0;
     u64 size_;
     u32 disk_sector_bytes_ = 0; // by a table of partitions; 0: not known

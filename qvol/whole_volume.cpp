@@ -68,7 +68,7 @@ planned_reserved_file plan_or_refuse(volume &vol, directory *root, const reserve
 
 void write_header(const volume &vol, const std::vector<u32> &clusters, std::vector<u8> header) {
     header.resize(clusters.size() * vol.on().cluster_bytes());
-    data_writer writer(vol.on(), vol.where().is_fresh());
+    data_writer writer(vol.on(), vol.where().allowed_holes() == holes::ZEROS);
     writer.begin(clusters);
     writer.append(header);
     writer.flush();

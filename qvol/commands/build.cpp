@@ -148,7 +148,7 @@ build_result build_image(const common_options &common, const build_options &opti
     new_image image(common.image, options.is_forced, shape.bytes);
     build_result result = [&] {
         target where(image.path(), access::WRITE);
-        where.mark_fresh();
+        where.allow_holes(holes::ZEROS);
         return build_volume(common, options, shape, content, where);
     }();
     image.commit();

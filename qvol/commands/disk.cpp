@@ -335,9 +335,7 @@ made_volumes write_parts(const common_options &common, const disk_plan &plan, co
     made_volumes made;
     for (const planned_part &part : plan.parts) {
         target where(disk, name_of_part(common, part), part.made.at.offset, part.made.at.bytes);
-        if (disk.is_fresh()) {
-            where.mark_fresh();
-        }
+        where.allow_holes(disk.allowed_holes());
         std::optional<made_volume> result;
         if (part.volume) {
             result = write_volume(common, plan, part, where, &bar);
@@ -362,7 +360,7 @@ made_volumes make_image(const common_options &common, const disk_options &option
     new_image image(common.image, options.is_forced, plan.bytes);
     made_volumes made = [&] {
         target disk(image.path(), access::WRITE);
-        disk.mark_fresh();
+        disk.allow_holes(holes::ZEROS);
         made_volumes written = write_parts(common, plan, disk);
         write_table(disk, table_of(plan));
         disk.sync();
