@@ -11,13 +11,14 @@ _qvol_options() {
     case $1 in
     attr) echo -a -h -r --recursive -R -s ;;
     build)
-        echo --cluster --compact --fat --force -f --from --hidden-sectors --label --log --media \
-            --no-mirror --oem --page --pool --sector --short-names --size --volume-id
+        echo --android-sparse --bmap --cluster --compact --fat --force -f --from --hidden-sectors --label \
+            --log --media --no-mirror --oem --page --pool --sector --short-names --size --sparse --volume-id \
+            --zstd
         _qvol_source_rules
         ;;
     check) echo --dry-run --free-lost --no-undo --rebuild-boot --repair --undo ;;
     disk)
-        echo --align --force -f --gpt --mbr --part --sector --size
+        echo --align --android-sparse --bmap --force -f --gpt --mbr --part --sector --size --sparse --zstd
         _qvol_source_rules
         ;;
     dump | mv) echo --force -f ;;
@@ -55,7 +56,8 @@ _qvol_values() {
     --pages-from) echo disk volume ;;
     --sector) [[ $2 == disk ]] && echo 512 4096 || echo 512 1K 2K 4K ;;
     --size) echo auto ;;
-    --svg | --undo) echo files ;;
+    --sparse) echo auto always ;;
+    --android-sparse | --bmap | --svg | --undo | --zstd) echo files ;;
     *) return 1 ;;
     esac
 }

@@ -94,19 +94,27 @@ TEST_F(QvolBuildStopped, Killed100TimesNeverLeavesAHalfMadeImage) {
     EXPECT_GT(killed, 10);
 }
 
-// A build that was stopped leaves nothing; one that was not is whole.
+// A build that was stopped leaves nothing; one that was not is whole. So are its forms for
+// flashing.
 TEST_P(QvolBuildSignalled, LeavesNothingBehind) {
     std::mt19937 random(20251121);
     int stopped = 0;
+    const bool has_forms = GetParam().second == SIGINT;
     for (int round = 0; round < 30; round++) {
         SCOPED_TRACE(round);
         const double part = std::uniform_real_distribution<double>(0, 1.1)(random);
-        const int status = build_and_signal(GetParam().first, part);
+        const int status =
+            build_and_signal(GetParam().first, part,
+                             has_forms ? std::vector<std::string>{"--bmap", image_ + ".bmap",
+                                                                  "--zstd", image_ + ".zst"}
+                                       : std::vector<std::string>());
         stopped += status != 0 ? 1 : 0;
         ASSERT_TRUE(status == 0 || status == 128 + GetParam().second) << status;
         expect_whole_or_absent(status == 0);
-        EXPECT_EQ(made().size(), status == 0 ? 1U : 0U);
-        std::filesystem::remove(image_);
+        EXPECT_EQ(made().size(), status != 0 ? 0U : has_forms ? 3U : 1U);
+        for (const std::string &name : made()) {
+            std::filesystem::remove(scratch_.file("made/" + name));
+        }
     }
     EXPECT_GT(stopped, 2);
 }

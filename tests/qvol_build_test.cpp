@@ -112,7 +112,8 @@ TEST_F(QvolBuild, HoldsALargeSparseFile) {
     std::fstream(big, std::ios::binary | std::ios::in | std::ios::out)
         .seekp(static_cast<std::streamoff>(size) - 3)
         .write("end", 3);
-    build_tree("auto", {"--fat", "32", "--cluster", QUORVEL_FULL ? "4K" : "512"});
+    build_tree("auto",
+               {"--fat", "32", "--cluster", QUORVEL_FULL ? "4K" : "512", "--sparse", "always"});
     EXPECT_EQ(shell("\"$1\" cat \"$2\" /big | cmp - \"$3\"", {qvol_path(), image_, big}),
               (outcome{0, "", ""}));
     struct stat status {};

@@ -5,6 +5,7 @@
 
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
+#include "qvol/flashing/image_forms.h"
 #include "qvol/new_image.h"
 #include "qvol/new_volume.h"
 #include "qvol/sizes.h"
@@ -32,6 +33,7 @@ struct build_options {
     std::optional<u32> hidden_sectors;
     std::string fat_type = "auto";
     volume_source source; // its identity from the options above, when they have been checked
+    form_options forms;
     bool is_compact = false;
     bool is_forced = false;
 };
@@ -143,14 +145,21 @@ build_result build_image(const common_options &common, const build_options &opti
     const shape_request request = parse_shape(options, core::MIN_SECTOR_SIZE);
     check_image_name(common.image, options.is_forced);
     refuse_own_source(common.image, options.source);
+    image_forms forms(options.forms, common.image, options.is_forced);
     const source_tree content = load_source(options.source, name_codec(common.encoding));
     const volume_shape shape = choose_shape(request, content_of(options.source, content.nodes()));
     new_image image(common.image, options.is_forced, shape.bytes);
     build_result result = [&] {
         target where(image.path(), access::WRITE);
-        where.allow_holes(holes::ZEROS);
-        return build_volume(common, options, shape, content, where);
+        where.allow_holes(options.forms.allowed_holes());
+        build_result built = build_volume(common, options, shape, content, where);
+        if (options.forms.has_forms()) {
+            volume vol(where, common.encoding, required::AREAS);
+            forms.make(where, needed_ranges(vol), common.out);
+        }
+        return built;
     }();
+    forms.commit();
     image.commit();
     return result;
 }
@@ -172,6 +181,7 @@ void remark_on_pages(const target &where, u32 page_bytes, const output &out) {
 }
 
 void check_place(const target &where, const build_options &options) {
+    refuse_form_options(options.forms);
     const std::string name = shown_bytes(where.path());
     if (options.is_compact) {
         throw usage_error("cannot use --compact on " + name + ": only an image file can be cut");
@@ -281,6 +291,7 @@ void add_build(command_line *commands) {
         run_build);
     add_shape_options(build, options);
     add_content_options(build, options);
+    add_form_options(build, &options->forms);
 }
 
 } // namespace qvol

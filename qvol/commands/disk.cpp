@@ -7,6 +7,7 @@
 #include "qvol/command_line.h"
 #include "qvol/commands/commands.h"
 #include "qvol/disk_layout.h"
+#include "qvol/flashing/image_forms.h"
 #include "qvol/identifiers.h"
 #include "qvol/mounted.h"
 #include "qvol/new_image.h"
@@ -36,6 +37,7 @@ struct disk_options {
     std::string size;
     std::string sector;
     std::string align = "1M";
+    form_options forms;
     bool is_gpt = false;
     bool is_mbr = false;
     bool is_forced = false;
@@ -355,17 +357,42 @@ new_table table_of(const disk_plan &plan) {
     return table;
 }
 
+// The table, and what the contents need.
+std::vector<byte_range> needed_of_disk(const common_options &common, const disk_plan &plan,
+                                       const target &disk) {
+    std::vector<byte_range> ranges = {{0, head_bytes(plan.request)}};
+    for (const planned_part &part : plan.parts) {
+        std::vector<byte_range> needed;
+        if (part.volume) {
+            const target where(disk, name_of_part(common, part), part.made.at.offset,
+                               part.made.at.bytes);
+            volume vol(where, common.encoding, required::AREAS);
+            needed = needed_ranges(vol);
+        } else if (part.raw != nullptr) {
+            needed = data_ranges(*part.raw, part.made.at.offset);
+        }
+        ranges.insert(ranges.end(), needed.begin(), needed.end());
+    }
+    const u64 tail = tail_bytes(plan.request);
+    ranges.push_back({plan.bytes - tail, tail});
+    return ranges;
+}
+
 made_volumes make_image(const common_options &common, const disk_options &options,
-                        const disk_plan &plan) {
+                        const disk_plan &plan, image_forms &forms) {
     new_image image(common.image, options.is_forced, plan.bytes);
     made_volumes made = [&] {
         target disk(image.path(), access::WRITE);
-        disk.allow_holes(holes::ZEROS);
+        disk.allow_holes(options.forms.allowed_holes());
         made_volumes written = write_parts(common, plan, disk);
         write_table(disk, table_of(plan));
         disk.sync();
+        if (options.forms.has_forms()) {
+            forms.make(disk, needed_of_disk(common, plan, disk), common.out);
+        }
         return written;
     }();
+    forms.commit();
     image.commit();
     return made;
 }
@@ -470,6 +497,7 @@ u32 parse_sector(const disk_options &options, u32 usual) {
 }
 
 int run_on_device(const common_options &common, const disk_options &options) {
+    refuse_form_options(options.forms);
     const target disk(common.image, access::WRITE);
     const std::string name = shown_bytes(common.image);
     const u32 sector_bytes = parse_sector(options, disk.sector_bytes());
@@ -493,10 +521,11 @@ int run_on_device(const common_options &common, const disk_options &options) {
 
 int run_on_image(const common_options &common, const disk_options &options) {
     check_image_name(common.image, options.is_forced);
+    image_forms forms(options.forms, common.image, options.is_forced);
     const u32 sector_bytes = parse_sector(options, core::MIN_SECTOR_SIZE);
     const disk_plan plan = plan_disk(common, options, parse_request(options, sector_bytes));
     remark_on_volumes(common, plan);
-    print_result(common, plan, make_image(common, options, plan));
+    print_result(common, plan, make_image(common, options, plan, forms));
     return EXIT_DONE;
 }
 
@@ -538,6 +567,7 @@ void add_disk(command_line *commands) {
     add_source_rules(disk, &options->sources);
     disk.flag("-f,--force", &options->is_forced,
               "Replace an existing image, or the content of a device");
+    add_form_options(disk, &options->forms);
 }
 
 } // namespace qvol
