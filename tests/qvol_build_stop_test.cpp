@@ -145,12 +145,14 @@ TEST_F(QvolBuild, AFailingWriteLeavesNothing) {
     for (int status = 1; status != 0; allowed++) {
         SCOPED_TRACE(allowed);
         setenv("WRITES_ALLOWED", std::to_string(allowed).c_str(), 1);
-        const outcome result = run({QVOL_FAILING_WRITES, "build", image_, "--size", "4M", "--from",
-                                    tree_, "--pool", "--label", "FAULT", "--cluster", "512"});
+        const outcome result =
+            run({QVOL_FAILING_WRITES, "build", image_, "--size", "4M", "--from", tree_, "--pool",
+                 "--label", "FAULT", "--cluster", "512", "--bmap", image_ + ".bmap",
+                 "--android-sparse", image_ + ".simg", "--zstd", image_ + ".zst"});
         status = result.status;
         ASSERT_LE(status, 1) << result;
         EXPECT_EQ(result.err.empty(), status == 0) << result;
-        EXPECT_EQ(made().size(), status == 0 ? 1U : 0U);
+        EXPECT_EQ(made().size(), status == 0 ? 4U : 0U);
     }
     unsetenv("WRITES_ALLOWED");
     EXPECT_GT(allowed, 10);

@@ -216,9 +216,9 @@ private:
 
     void skip(u64 bytes) {
         for (std::array<u8, 4096> skipped{}; bytes > 0;) {
-            const auto size = static_cast<std::size_t>(std::min<u64>(bytes, skipped.size()));
-            input_->read(std::span(skipped).first(size));
-            bytes -= size;
+            const auto count = static_cast<std::size_t>(std::min<u64>(bytes, skipped.size()));
+            input_->read(std::span(skipped).first(count));
+            bytes -= count;
         }
     }
 
@@ -240,13 +240,15 @@ private:
         } else if (type == CRC32) {
             skip(WORD_BYTES); // of the whole image with what is not written
         }
-        return type == RAW || type == FILL ? range : byte_range{};
+        const bool is_range = type == RAW || is_fill_;
+        return is_range ? range : byte_range{};
     }
 
     void check_chunk(u32 type, u32 count, u32 bytes) const {
-        const u64 content = type == RAW                     ? u64{count} * block_bytes_
-                            : type == FILL || type == CRC32 ? WORD_BYTES
-                                                            : 0;
+        u64 content = type == FILL || type == CRC32 ? WORD_BYTES : 0;
+        if (type == RAW) {
+            content = u64{count} * block_bytes_;
+        }
         if (type < RAW || type > CRC32) {
             refuse(fmt::format("unknown chunk type {:#x}", type));
         }

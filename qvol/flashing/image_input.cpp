@@ -40,11 +40,11 @@ image_input::image_input(const std::string &path)
 
 std::span<const core::u8> image_input::peek(std::size_t count) {
     std::vector<core::u8> head(count);
-    std::size_t size = 0;
-    for (std::size_t more = 1; more != 0 && size < count; size += more) {
-        more = read_some(std::span(head).subspan(size));
+    std::size_t present = 0;
+    for (std::size_t more = 1; more != 0 && present < count; present += more) {
+        more = read_some(std::span(head).subspan(present));
     }
-    head.resize(size);
+    head.resize(present);
     peeked_ = std::move(head);
     return peeked_;
 }

@@ -36,7 +36,8 @@ u64 next_border(const target &of, u64 offset, int whence) {
 std::vector<byte_range> needed_ranges(volume &vol) {
     const core::volume &on = vol.on();
     const u64 start = vol.where().offset();
-    std::vector<byte_range> ranges = {{start, u64{on.at.data_start} * on.at.sector_size}};
+    std::vector<byte_range> ranges;
+    append_range(&ranges, {start, u64{on.at.data_start} * on.at.sector_size});
     vol.fat().visit_used([&](u32 cluster, u32 value) {
         if (value != on.bad_mark()) {
             append_range(&ranges, {start + u64{on.sector_of(cluster)} * on.at.sector_size,

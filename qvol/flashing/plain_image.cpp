@@ -75,11 +75,11 @@ public:
 
 private:
     [[nodiscard]] std::size_t fill_piece() {
-        std::size_t size = 0;
-        for (std::size_t more = 1; more != 0 && size < piece_.size(); size += more) {
-            more = input_->read_some(std::span(piece_).subspan(size));
+        std::size_t present = 0;
+        for (std::size_t more = 1; more != 0 && present < piece_.size(); present += more) {
+            more = input_->read_some(std::span(piece_).subspan(present));
         }
-        return size;
+        return present;
     }
 
     std::unique_ptr<image_input> input_;
