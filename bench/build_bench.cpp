@@ -11,6 +11,7 @@
 //   varied-20000     20,000 files whose names differ early in 100 directories
 //   large            one file of 1 GiB
 //   disk             the trees of varied-2000, similar-20000 and large in three partitions
+//   archive          the tree of similar-20000 in an archive, against unpacking it first
 //
 // Every run creates its image, and the time includes this. qvol syncs the image, so mkfs.fat and
 // mcopy are measured without and with a sync; the large file is also copied with cp and a sync.
@@ -147,6 +148,55 @@ void compare_disk(const environment &where, int rounds) {
                 times[0] / times[1]);
 }
 
+// ---- archives ----
+
+constexpr const char *ARCHIVE_SET = "archive";
+constexpr const char *ARCHIVED = "similar-20000";
+
+// An archive to an image, against unpacking it and building from the directory.
+void compare_archive(const environment &where, const char *kind, const char *compression,
+                     int rounds) {
+    const std::string tree = where.base / ARCHIVED;
+    const std::string archive = where.base / "archive.tar";
+    const std::string unpacked = where.base / "unpacked";
+    bench::run_program({"tar", compression, "-cf", archive, "-C", tree, "."});
+    const auto build_from = [where](const std::string &source) {
+        bench::run_program({where.qvol, "build", where.image(), "--size", SIZE, "--fat", "32",
+                            "--cluster", "4K", "--from", source});
+    };
+    const step prepare = [where, unpacked] {
+        std::filesystem::remove(where.image());
+        std::filesystem::remove_all(unpacked);
+        std::filesystem::create_directory(unpacked);
+    };
+    const std::vector<double> times =
+        bench::medians({{prepare, [=] { build_from(archive); }},
+                        {prepare,
+                         [=] {
+                             bench::run_program({"tar", "-xf", archive, "-C", unpacked});
+                             build_from(unpacked);
+                         }}},
+                       rounds);
+    std::printf("%-14s %9.1f ms %10.1f ms %7.3f\n", kind, times[0] * 1e3, times[1] * 1e3,
+                times[0] / times[1]);
+    std::filesystem::remove_all(unpacked);
+    std::filesystem::remove(archive);
+    std::filesystem::remove(where.image());
+}
+
+void compare_archives(const environment &where, int rounds) {
+    for (const build_set &set : SETS) {
+        if (set.name == std::string(ARCHIVED)) {
+            make_tree(where.base / set.name, set.tree);
+        }
+    }
+    std::printf("\n%-14s %12s %13s %7s\n", "20,000 files", "from archive", "unpack, build",
+                "ratio");
+    compare_archive(where, "tar", "--format=gnu", rounds);
+    compare_archive(where, "tar.gz", "--gzip", rounds);
+    std::filesystem::remove_all(where.base / ARCHIVED);
+}
+
 bool is_wanted(const std::string &name, bool is_slow, int argc, char **argv) {
     bool is_named = false;
     for (int i = 4; i < argc; i++) {
@@ -175,6 +225,9 @@ int main(int argc, char **argv) {
     }
     if (is_wanted(DISK_SET, false, argc, argv)) {
         compare_disk(where, rounds);
+    }
+    if (is_wanted(ARCHIVE_SET, false, argc, argv)) {
+        compare_archives(where, rounds);
     }
     std::filesystem::remove_all(where.base);
     return 0;

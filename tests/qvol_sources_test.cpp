@@ -178,6 +178,39 @@ TEST_F(QvolSources, TakeContentsOfAManifestFromOtherPaths) {
         << said("ls", {"-l"});
 }
 
+// ---- sharing ----
+
+// On a file system that can share blocks: the image has the same content, and takes little space.
+TEST_F(QvolSources, ShareTheirBlocksWithTheImage) {
+    const outcome made =
+        shell("truncate -s 512M host && mkfs.btrfs -q host && mkdir on && mount -o loop host on");
+    if (made.status != 0) {
+        (void)shell("umount on");
+        GTEST_SKIP() << "cannot mount btrfs here: " << made;
+    }
+    ASSERT_EQ(shell("mkdir on/tree && head -c 50000000 /dev/urandom >on/tree/large && "
+                    "head -c 70001 /dev/urandom >on/tree/odd && truncate -s 9M on/tree/hole && "
+                    "printf x >>on/tree/hole && sync on/tree/large")
+                  .status,
+              0);
+    const auto used = [&] {
+        return std::stoll(shell("sync on; df --output=used -k on | tail -1").out);
+    };
+    const long long before = used();
+    const std::string program = testing_support::qvol_path();
+    EXPECT_EQ(shell(program +
+                    " build on/disk.img --size auto --quiet --from on/tree && mkdir on/copy && " +
+                    program +
+                    " get on/disk.img / on/copy --quiet && diff -r on/tree on/copy && "
+                    "fsck.fat -n on/disk.img >/dev/null && rm -r on/copy")
+                  .err,
+              "");
+    EXPECT_LT(used() - before, 25000) << "KiB";
+    // Nothing of the files is a hole of the image.
+    EXPECT_GT(std::stoll(shell("du -k on/disk.img | cut -f 1").out), 57000);
+    EXPECT_EQ(shell("umount on").status, 0);
+}
+
 // ---- what archives and manifests must not do ----
 
 TEST_F(QvolSources, RefuseHostileManifests) {
