@@ -27,7 +27,7 @@ bool block_sharing::clone(const core::volume &on, int file, std::span<const u32>
         range.src_fd = file;
         range.src_offset = offset;
         range.src_length = u64{extent.count} * on.cluster_bytes();
-        range.dest_offset = where_.offset() + on.sector_of(extent.first) * on.at.sector_size;
+        range.dest_offset = where_.offset() + on.sector_of(extent.first) * u64{on.at.sector_size};
         if (ioctl(where_.descriptor(), FICLONERANGE, &range) != 0) {
             return false;
         }

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 
@@ -37,19 +36,18 @@ time_t parse_epoch(const char *text) {
     return static_cast<time_t>(value);
 }
 
-// "+05:30" or "-0800" as POSIX writes it, with the opposite sign: "<+05:30>-05:30".
+// "+05:30" or "-0800" as POSIX writes it, with the opposite sign: "<+0530>-05:30".
 std::optional<std::string> posix_zone(const std::string &offset) {
-    unsigned hours = 0;
-    unsigned minutes = 0;
-    char rest = 0;
-    const bool is_offset =
-        (offset[0] == '+' || offset[0] == '-') &&
-        (std::sscanf(offset.c_str() + 1, "%2u:%2u%c", &hours, &minutes, &rest) == 2 ||
-         (offset.size() == 5 &&
-          std::sscanf(offset.c_str() + 1, "%2u%2u", &hours, &minutes) == 2)) &&
-        hours <= 14 && minutes < 60;
-    return is_offset ? std::optional(fmt::format("<{0}{1:02}{2:02}>{3}{1:02}:{2:02}", offset[0],
-                                                 hours, minutes, offset[0] == '+' ? '-' : '+'))
+    std::string digits = offset.size() > 1 ? offset.substr(1) : "";
+    if (digits.size() == 5 && digits[2] == ':') {
+        digits.erase(2, 1);
+    }
+    const bool is_offset = (offset[0] == '+' || offset[0] == '-') && digits.size() == 4 &&
+                           digits.find_first_not_of("0123456789") == std::string::npos &&
+                           digits.substr(0, 2) <= "14" && digits.substr(2) < "60";
+    return is_offset ? std::optional(fmt::format("<{}{}>{}{}:{}", offset[0], digits,
+                                                 offset[0] == '+' ? '-' : '+', digits.substr(0, 2),
+                                                 digits.substr(2)))
                      : std::nullopt;
 }
 

@@ -6,8 +6,9 @@ namespace qvol {
 
 namespace {
 
-constexpr u64 MAX_ENTRIES = 4 * 1024 * 1024; // that links lead to: each can double what is below
-constexpr u32 MAX_LINKS = 40;                // on the way of one link, as in the kernel
+constexpr u64 MAX_ENTRIES =
+    u64{4} * 1024 * 1024;     // that links lead to: each can double what is below
+constexpr u32 MAX_LINKS = 40; // on the way of one link, as in the kernel
 
 // A directory and those above it, the top first.
 using location = std::vector<const source_node *>;
@@ -77,7 +78,7 @@ private:
         for (std::size_t start = 0; start < path.size();) {
             const std::size_t end = std::min(path.find('/', start), path.size());
             const std::string component = path.substr(start, end - start);
-            const std::string why =
+            std::string why =
                 component.empty() || component == "." ? "" : step(component, at, links);
             if (!why.empty()) {
                 return why;

@@ -90,7 +90,8 @@ bool is_manifest(const std::string &text) {
     }
 }
 
-manifest_source::manifest_source(std::string text, std::string path, const std::string &directory)
+manifest_source::manifest_source(const std::string &text, std::string path,
+                                 const std::string &directory)
     : text_(with_contents_as_links(text)), path_(std::move(path)),
       directory_(::open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {
     if (directory_.get() < 0) {

@@ -18,7 +18,7 @@ class manifest_source : public source {
 public:
     // `text`: the manifest; `path`: its name for messages; `directory`: has the files. Throws error
     // if the directory cannot be opened.
-    manifest_source(std::string text, std::string path, const std::string &directory);
+    manifest_source(const std::string &text, std::string path, const std::string &directory);
 
     [[nodiscard]] std::vector<source_node> load(const reading_rules &rules,
                                                 problem_list *problems) override;

@@ -122,12 +122,12 @@ std::unique_ptr<source> open_source(const std::string &path, const std::string &
     if (archive_reader(file.get(), name).is_known()) {
         return std::make_unique<archive_source>(std::move(file), name);
     }
-    std::optional<std::string> text = text_of_file(file.get(), shown_bytes(name));
+    const std::optional<std::string> text = text_of_file(file.get(), shown_bytes(name));
     if (text && is_manifest(*text)) {
         const std::string directory = !contents.empty() ? contents
                                       : path == "-"     ? "."
                                                         : split_host_path(path).directory;
-        return std::make_unique<manifest_source>(std::move(*text), name, directory);
+        return std::make_unique<manifest_source>(*text, name, directory);
     }
     throw error(
         fmt::format("cannot read {}: neither a directory, an archive (tar, cpio, zip) nor a "

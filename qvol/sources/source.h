@@ -19,7 +19,7 @@ namespace qvol {
 struct reading_rules {
     pattern_list excluded;
     bool reads_attributes = false; // of files and directories of the host
-    bool skips_special = false; // devices, pipes and sockets; they are problems otherwise
+    bool skips_special = false;    // devices, pipes and sockets; they are problems otherwise
 };
 
 // Reasons why the entries of all sources cannot be stored, to report them at once.
