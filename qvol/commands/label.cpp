@@ -122,7 +122,7 @@ int run_id(const common_options &common, const id_options &options) {
     const std::optional<u32> wanted =
         options.number ? std::optional(parse_volume_id("serial number", *options.number))
                        : std::nullopt;
-    return with_volume(common, wanted ? access::WRITE : access::READ, [&](volume &vol) {
+    return with_volume(common, wanted ? access::WRITE : access::READ, [&](const volume &vol) {
         require_boot_record(vol);
         if (wanted) {
             change_boot_records(
