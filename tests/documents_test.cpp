@@ -80,6 +80,8 @@ const std::map<std::string, std::string> PREPARATIONS = {
      "rm -f flash.img; mkdir -p overlay && tar --zstd -cf rootfs.tar.zst -C rootfs ."},
     {"qvol build flash.img --size 64M --from - < rootfs.tgz",
      "rm -f flash.img; tar -czf rootfs.tgz -C rootfs ."},
+    {"qvol build flash.img --size auto --from rootfs.tar.gz --bmap flash.bmap --force",
+     "tar -czf rootfs.tar.gz -C rootfs ."},
     {"qvol info disk.img#1",
      "truncate -s 64M disk.img && " + PARTITION + " && qvol build disk.img#1"},
     {"qvol ln flash.img kernel-6.1.bin /boot/kernel.bin", "qvol rm flash.img /boot/kernel.bin"},
