@@ -236,23 +236,6 @@ bool has_table(const target &disk) {
     return blkid_do_safeprobe(probe.get()) == 0 && !value_of(probe.get(), "PTTYPE").empty();
 }
 
-std::vector<partition> partitions_of(const target &disk) {
-    if (!has_table(disk)) {
-        return {};
-    }
-    const std::string name = shown_bytes(disk.file_path());
-    const table found = table_of(disk);
-    if (found.is_protective) {
-        throw error(fmt::format("cannot read the partitions of {}: neither its GPT nor the backup "
-                                "of it is valid",
-                                name));
-    }
-    for (const std::string &warning : found.warnings) {
-        report(fmt::format("{}: {}", name, warning));
-    }
-    return found.partitions;
-}
-
 // ---- writing ----------------------------------------------------------------------------------
 
 struct partition_deleter {
@@ -332,6 +315,23 @@ std::vector<std::string> lines_of(const target &disk, const std::vector<partitio
 
 } // namespace
 
+std::vector<partition> all_partitions(const target &disk) {
+    if (!has_table(disk)) {
+        return {};
+    }
+    const std::string name = shown_bytes(disk.file_path());
+    const table found = table_of(disk);
+    if (found.is_protective) {
+        throw error(fmt::format("cannot read the partitions of {}: neither its GPT nor the backup "
+                                "of it is valid",
+                                name));
+    }
+    for (const std::string &warning : found.warnings) {
+        report(fmt::format("{}: {}", name, warning));
+    }
+    return found.partitions;
+}
+
 void write_table(const target &disk, const new_table &wanted) {
     std::vector<std::string> warnings;
     const partitioner context =
@@ -358,7 +358,7 @@ std::string reread_table(const target &disk) {
 
 partition find_partition(const target &disk, u32 number) {
     const std::string cannot = fmt::format("cannot open {}: ", shown_bytes(disk.path()));
-    const std::vector<partition> all = partitions_of(disk);
+    const std::vector<partition> all = all_partitions(disk);
     const auto found = std::find_if(all.begin(), all.end(),
                                     [&](const partition &one) { return one.number == number; });
     if (all.empty()) {
@@ -378,7 +378,7 @@ bool is_partitioned(const target &disk) {
 }
 
 std::vector<std::string> partition_lines(const target &disk) {
-    return lines_of(disk, partitions_of(disk));
+    return lines_of(disk, all_partitions(disk));
 }
 
 u32 content::fat_type() const {

@@ -59,6 +59,10 @@ struct content {
     [[nodiscard]] u32 fat_type() const;
 };
 
+// The partitions by their order in the table; none if there is no table. Reports what is wrong with
+// it. Throws error if it is damaged.
+[[nodiscard]] std::vector<partition> all_partitions(const target &disk);
+
 // Throws error if there is no such partition, or if the tables are damaged.
 [[nodiscard]] partition find_partition(const target &disk, u32 number);
 

@@ -37,7 +37,7 @@ if(run_sanitized)
   set(sanitized_qvol qvol_sanitized)
 endif()
 
-test_program(qvol_unit_tests SOURCES qvol_command_line_test qvol_image_stream_test qvol_names_test
+test_program(qvol_unit_tests SOURCES qvol_command_line_test qvol_image_stream_test qvol_names_test qvol_verify_test
              qvol_volume_test LIBRARIES qvol_core
              ${sanitized_core})
 

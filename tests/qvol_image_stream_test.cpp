@@ -152,7 +152,7 @@ TEST_F(QvolImageStream, EachFormIsWhatMustBeWritten) {
     const std::string bmap = made("bmap", write_bmap);
     const std::string sparse = made("sparse", write_android_sparse);
     const std::string zst = made("zst", write_zstd);
-    EXPECT_EQ(applied_from(image_), expected());
+    EXPECT_EQ(applied_from(image_), everything()); // no volume: the zeros of its holes count
     EXPECT_EQ(applied_from(image_, bmap), expected());
     EXPECT_EQ(applied_from(sparse), expected());
     EXPECT_EQ(applied_from(sparse, bmap), expected());

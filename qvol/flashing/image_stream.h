@@ -41,7 +41,7 @@ public:
     virtual void read(std::span<core::u8> bytes) = 0;
 };
 
-// Opens an image by its content: a plain image file (ranges without its holes), with or without a
+// Opens an image by its content: a plain image file (see plain_ranges.h), with or without a
 // bmap, an Android sparse image, or a zstd-compressed image. `path` "-": standard input. `bmap`:
 // path of the bmap, "": none. Throws error.
 [[nodiscard]] std::unique_ptr<image_stream> open_image_stream(const std::string &path,

@@ -2,29 +2,37 @@
 
 #include "qvol/error.h"
 #include "qvol/flashing/finished_image.h"
+#include "qvol/flashing/plain_ranges.h"
 #include "qvol/names.h"
 
 #include <algorithm>
 
-#include <unistd.h>
+#include <fmt/core.h>
 
 namespace qvol {
 
 namespace {
 
+// Also of standard input, which may be a file.
+std::string path_of(const image_input &input) {
+    return fmt::format("/proc/self/fd/{}", input.descriptor());
+}
+
 class file_image : public image_stream {
 public:
     explicit file_image(std::unique_ptr<image_input> input)
-        : input_(std::move(input)), size_(input_->size().value()) {}
+        : input_(std::move(input)), ranges_(ranges_of_image(path_of(*input_))) {}
 
     [[nodiscard]] std::optional<u64> size() const override {
-        return size_;
+        return input_->size();
     }
 
     [[nodiscard]] std::optional<byte_range> next_range() override {
-        at_ = border(end_, SEEK_DATA, end_);
-        end_ = border(at_, SEEK_HOLE, size_);
-        return at_ < end_ ? std::optional(byte_range{at_, end_ - at_}) : std::nullopt;
+        if (next_ == ranges_.size()) {
+            return std::nullopt;
+        }
+        at_ = ranges_[next_].offset;
+        return ranges_[next_++];
     }
 
     void read(std::span<u8> bytes) override {
@@ -35,19 +43,10 @@ public:
     }
 
 private:
-    // `otherwise`: where the file system knows no holes.
-    [[nodiscard]] u64 border(u64 offset, int whence, u64 otherwise) const {
-        const off_t found = lseek(input_->descriptor(), static_cast<off_t>(offset), whence);
-        if (found >= 0) {
-            return std::min(static_cast<u64>(found), size_);
-        }
-        return errno == ENXIO ? size_ : otherwise;
-    }
-
     std::unique_ptr<image_input> input_;
-    u64 size_;
-    u64 at_ = 0;  // of the next byte to read
-    u64 end_ = 0; // of the range
+    std::vector<byte_range> ranges_;
+    std::size_t next_ = 0; // range
+    u64 at_ = 0;           // of the next byte to read
 };
 
 class pipe_image : public image_stream {
@@ -91,6 +90,9 @@ private:
 } // namespace
 
 std::unique_ptr<image_stream> open_plain_image(std::unique_ptr<image_input> input) {
+    if (input->size() == 0) {
+        throw error(shown_bytes(input->path()) + " is empty");
+    }
     if (input->size()) {
         return std::make_unique<file_image>(std::move(input));
     }

@@ -1,5 +1,5 @@
-// An image file as it is: everything but its holes. Of a pipe or a device, which has none,
-// everything.
+// An image file as it is: everything but holes where any content is right, see plain_ranges.h. Of a
+// pipe or a device everything.
 
 #pragma once
 
