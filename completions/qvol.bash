@@ -24,8 +24,10 @@ _qvol_options() {
     dump | mv) echo --force -f ;;
     get) echo --attrs --force -f ;;
     fastpath) echo --dir ;;
+    flash) echo --bmap --discard --force -f --no-verify --zero ;;
     info) echo --pages-from ;;
     ls) echo --long -l --recursive -R ;;
+    manifest) echo --pieces ;;
     map) echo --force -f --pages-from --svg ;;
     mkdir) echo --parents -p ;;
     put)
@@ -54,6 +56,7 @@ _qvol_values() {
     --media) echo 0xF0 0xF8 ;;
     --page) echo 0 2K 4K 8K 16K ;;
     --pages-from) echo disk volume ;;
+    --pieces) echo 0 4K 64K 1M ;;
     --sector) [[ $2 == disk ]] && echo 512 4096 || echo 512 1K 2K 4K ;;
     --size) echo auto ;;
     --sparse) echo auto always ;;
@@ -67,7 +70,7 @@ _qvol_argument() {
     case $1:$2 in
     *:1) echo files ;;
     dump:2) echo cluster fat file ;;
-    dump:* | get:3 | put:* | salvage:2 | undo:*) echo files ;;
+    dump:* | flash:2 | get:3 | put:* | salvage:2 | undo:* | verify:2) echo files ;;
     *) echo any ;;
     esac
 }
@@ -127,8 +130,8 @@ _qvol() {
     if [[ -z $command && $typed == -* ]]; then
         _qvol_offer "$typed" --help -h --version
     elif [[ -z $command ]]; then
-        _qvol_offer "$typed" attr build cat check compact disk dump fastpath get id info label ln log \
-            ls map mirror mkdir mv owner pool put rm salvage stat touch tree undo
+        _qvol_offer "$typed" attr build cat check compact disk dump fastpath flash get id info label ln \
+            log ls manifest map mirror mkdir mv owner pool put rm salvage stat touch tree undo verify
     elif values=$(_qvol_values "$before" "$command"); then
         _qvol_offer "$typed" $values
     elif [[ $typed == -* ]]; then

@@ -82,9 +82,12 @@ const std::map<std::string, std::string> PREPARATIONS = {
      "rm -f flash.img; tar -czf rootfs.tgz -C rootfs ."},
     {"qvol build flash.img --size auto --from rootfs.tar.gz --bmap flash.bmap --force",
      "tar -czf rootfs.tar.gz -C rootfs ."},
+    {"qvol flash flash.img medium.img", "rm -f medium.img; truncate -s 64M medium.img"},
     {"qvol info disk.img#1",
      "truncate -s 64M disk.img && " + PARTITION + " && qvol build disk.img#1"},
     {"qvol ln flash.img kernel-6.1.bin /boot/kernel.bin", "qvol rm flash.img /boot/kernel.bin"},
+    {"qvol get flash.img / copy && cd copy && sha256sum -c ../flash.manifest",
+     "qvol manifest flash.img > flash.manifest"},
     {"qvol mkdir flash.img /photos", "qvol rm -r flash.img /photos"},
     {"qvol owner flash.img 1234", "truncate -s 4M large.bin && qvol put flash.img large.bin /"},
     {"qvol put flash.img kernel.bin logo.bmp /boot",
@@ -98,6 +101,7 @@ const std::map<std::string, std::string> PREPARATIONS = {
     {"qvol undo flash.img before.undo",
      "printf '\\001' | dd of=flash.img bs=1 seek=37 conv=notrunc && " // the dirty flag
      "qvol check flash.img --repair --undo before.undo"},
+    {"qvol verify flash.img flash.manifest", "qvol manifest flash.img > flash.manifest"},
 };
 
 // A line is a command where it begins so.

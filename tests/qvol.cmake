@@ -48,7 +48,7 @@ set(qvol_definitions
     QUORVEL_DEEP=$<BOOL:${deep_stage}>)
 set(qvol_programs quorvel qvol qvol_failing_writes qvol_failing_fsync ${sanitized_qvol})
 test_program(qvol_tests LONG RUNS_PROGRAMS SHARDS 2 SOURCES qvol_build_stop_test qvol_build_test
-             qvol_check_test qvol_disk_test qvol_flashing_test qvol_hostile_test qvol_import_test
+             qvol_check_test qvol_disk_test qvol_flash_test qvol_flashing_test qvol_hostile_test qvol_import_test
              qvol_interrupted_test qvol_json_test qvol_map_test qvol_places_test qvol_program_test
              qvol_salvage_test qvol_sources_test
              DEFINITIONS ${qvol_definitions} LIBRARIES nlohmann_json::nlohmann_json

@@ -158,3 +158,40 @@ TEST_F(QvolJson, NamesOwnersAndFastPaths) {
     EXPECT_EQ(paths["fast_paths"][0]["path"], "/dir/UPPER.BIN");
     EXPECT_EQ(paths["fast_paths"][0]["fast_path"].get<std::string>().size(), 19U);
 }
+
+TEST_F(QvolJson, StatesDigestsAndDifferences) {
+    said("ln", {"some/where", "/link"});
+    const std::string small = "982d9e3eb996f559e633f4d194def3761d909f5a3b647d1a851fead67c32c9d1";
+    const json manifest = document("manifest", {"--pieces", "4K"});
+    EXPECT_EQ(manifest["piece_bytes"], 4096);
+    ASSERT_EQ(manifest["entries"].size(), 4U);
+    EXPECT_EQ(manifest["entries"][0], (json{{"path", "/A file.txt"},
+                                            {"kind", "file"},
+                                            {"size", 4},
+                                            {"sha256", small},
+                                            {"pieces", json::array({small.substr(0, 16)})},
+                                            {"rest", nullptr}}));
+    EXPECT_EQ(manifest["entries"][1], (json{{"path", "/dir"}, {"kind", "directory"}}));
+    EXPECT_EQ(manifest["entries"][2]["pieces"].size(), 2U);
+    EXPECT_EQ(manifest["entries"][3],
+              (json{{"path", "/link"}, {"kind", "link"}, {"target", "some/where"}}));
+
+    host_file("tree/dir/UPPER.BIN", std::string(4321, 'x') + 'y' + std::string(678, 'x'));
+    const outcome compared = qvol("verify", {"--json", scratch_.file("tree")});
+    EXPECT_EQ(compared.status, 1);
+    const json content = {{"path", "/dir/UPPER.BIN"},
+                          {"difference", "content"},
+                          {"text", "differs; first at byte 4321"},
+                          {"first_byte", 4321},
+                          {"last_byte", 4321}};
+    const json extra = {{"path", "/link"},
+                        {"difference", "extra"},
+                        {"text", "should not exist"},
+                        {"first_byte", nullptr},
+                        {"last_byte", nullptr}};
+    EXPECT_EQ(json::parse(compared.out), (json{{"files", 2},
+                                               {"directories", 1},
+                                               {"links", 1},
+                                               {"bytes", 5004},
+                                               {"differences", {content, extra}}}));
+}

@@ -156,7 +156,7 @@ TEST_P(QvolVerify, FindsEveryChangedByte) {
     const listed_tree tree = list_tree(*volume_);
     EXPECT_TRUE(differences_from(by_manifest.get()).empty());
     EXPECT_TRUE(differences_from(by_volume.get()).empty());
-    for (unsigned i = 0; i < CHANGES / 3 && !HasFailure(); i++) {
+    for (unsigned i = 0; i <= CHANGES / 3 && !HasFailure(); i++) {
         const place_of_byte changed = random_byte(tree);
         SCOPED_TRACE(changed.path + ", byte " + std::to_string(changed.offset));
         const u8 bits = static_cast<u8>(1 + random_() % 255);
@@ -262,8 +262,8 @@ TEST(QvolManifest, InvalidLinesAreRefused) {
         {digest + "  \n", "line 1 is not \"SHA-256  PATH\""},
         {digest + "  ./\n", "line 1 has no path"},
         {digest + "  a\n" + digest + "  ./a\n", "line 2 has the path of an earlier one"},
-        {head + "# unknown\n", "line 3 is none that a manifest has"},
-        {head + "# target x\n", "line 3 is none that a manifest has"},
+        {head + "# unknown\n", "line 3 is not a line of a manifest"},
+        {head + "# target x\n", "line 3 is not a line of a manifest"},
         {head + "# size 5x\n", "line 3 has an invalid number"},
         {head + "# size 600\n" + digest + "  a\n",
          "line 4 has not the pieces of its size before it"},
@@ -278,7 +278,7 @@ TEST(QvolManifest, InvalidLinesAreRefused) {
         } catch (const error &refusal) {
             trouble = refusal.what();
         }
-        EXPECT_EQ(trouble, why.empty() ? "" : path + " is no manifest: " + why) << text;
+        EXPECT_EQ(trouble, why.empty() ? "" : path + " is not a manifest: " + why) << text;
     }
 }
 

@@ -65,12 +65,13 @@ void report_result(const output &out, const common_options &common, const flashi
     }
 }
 
-// From the first write on, every error states what is left on the device.
+// From blank_head() on, every error states what is left on the device.
 void flash(const target &where, flashing *work, const flash_options &options) {
     if (options.discards_rest) {
         discard_content(where);
     }
     const stop_request stoppable;
+    work->blank_head();
     try {
         work->write();
         if (!options.leaves_unverified) {
@@ -100,6 +101,7 @@ int run_flash(const common_options &common, const flash_options &options) {
 void add_flash(command_line *commands) {
     const auto [flash, options] =
         commands->add({"flash", "Write an image to a device",
+                       "  qvol flash flash.img medium.img\n"
                        "  qvol flash card.img /dev/sdx\n"
                        "  qvol flash --force --bmap card.bmap card.img.zst /dev/sdx\n"
                        "  qvol flash --force --discard card.simg /dev/sdx\n"

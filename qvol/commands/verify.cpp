@@ -76,7 +76,7 @@ void add_verify(command_line *commands) {
         commands->add({"verify", "Compare a volume with a manifest, a directory or another volume",
                        "  qvol verify /dev/sdx1 flash.manifest\n"
                        "  qvol verify /dev/sdx1 flash.img    the exact byte of each difference\n"
-                       "  qvol verify flash.img rootfs\n"
+                       "  qvol verify flash.img flash.manifest\n"
                        "  qvol manifest flash.img | qvol verify /dev/sdx1 -"},
                       run_verify);
     verify

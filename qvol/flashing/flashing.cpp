@@ -81,7 +81,6 @@ void flashing::blank_head() {
 
 void flashing::write() {
     progress bar("flash", zeroes_rest_ ? where_.size() : image_.size().value_or(0), is_quiet_);
-    blank_head();
     while (const std::optional<byte_range> range = image_.next_range()) {
         check_range(*range);
         if (zeroes_rest_) {

@@ -15,7 +15,7 @@
 
 namespace qvol {
 
-// Tells the device that none of its content is needed any more; makes holes in an image file.
+// Informs the device that its content is not needed any more; makes holes in an image file.
 // Throws error if it cannot do that; then nothing has changed.
 void discard_content(const target &where);
 
@@ -23,6 +23,9 @@ class flashing {
 public:
     // `zeroes_rest`: what the image does not state is overwritten with zeros.
     flashing(const target &where, image_stream *image, bool zeroes_rest, bool is_quiet);
+
+    // From here on the device has no volume.
+    void blank_head();
 
     // Everything but the first bytes.
     void write();
@@ -49,7 +52,6 @@ private:
         std::string digest; // "": zeros
     };
 
-    void blank_head();
     void check_range(const byte_range &range) const;
     void write_range(const byte_range &range, progress *bar);
     void write_piece(u64 offset, std::span<const u8> bytes);

@@ -98,14 +98,14 @@ public:
             throw system_failure("read " + name_);
         }
         if (result_.entries.empty() && !result_.lists_all) {
-            throw error(name_ + " is no manifest: it is empty");
+            throw error(name_ + " is not a manifest: it is empty");
         }
         return std::move(result_);
     }
 
 private:
     [[noreturn]] void refuse(const char *why) const {
-        throw error(fmt::format("{} is no manifest: line {} {}", name_, number_, why));
+        throw error(fmt::format("{} is not a manifest: line {} {}", name_, number_, why));
     }
 
     // Comments that are not of qvol are skipped, but not after its header.
@@ -133,7 +133,7 @@ private:
         } else if (word == "# pieces") {
             read_pieces(value);
         } else {
-            refuse("is none that a manifest has");
+            refuse("is not a line of a manifest");
         }
     }
 
