@@ -56,7 +56,8 @@ void report_differences(const output &out, const listed_tree &tree,
 
 // The source is opened first: a device is read only when everything else is right.
 int run_verify(const common_options &common, const verify_options &options) {
-    const auto source = open_source(options.source, common.encoding, common.out.is_quiet);
+    const auto source =
+        open_verification_source(options.source, common.encoding, common.out.is_quiet);
     target where(common.image, access::READ);
     uncached_medium medium(where);
     const replaced_medium uncached(&where, where.is_device() ? &medium : &where.medium());

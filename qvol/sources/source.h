@@ -17,7 +17,7 @@ namespace qvol {
 
 // What is read of a source.
 struct reading_rules {
-    pattern_list excluded;
+    pattern_list excluded = {};
     bool reads_attributes = false; // of files and directories of the host
     bool skips_special = false;    // devices, pipes and sockets; they are problems otherwise
 };
@@ -30,6 +30,9 @@ public:
     }
     void add_line(std::string line) {
         lines_.push_back(std::move(line));
+    }
+    [[nodiscard]] const std::vector<std::string> &lines() const {
+        return lines_;
     }
     // Throws error if there is one.
     void refuse() const;

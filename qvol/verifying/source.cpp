@@ -2,7 +2,8 @@
 
 #include "core/medium.h"
 #include "qvol/host.h"
-#include "qvol/host_tree.h"
+#include "qvol/sources/host_source.h"
+#include "qvol/sources/tree_check.h"
 #include "qvol/verifying/listed_tree.h"
 
 #include <algorithm>
@@ -17,25 +18,26 @@ namespace {
 
 // ---- manifest ----
 
-class manifest_source : public verification_source {
+class manifest_content : public verification_source {
 public:
-    explicit manifest_source(const std::string &path) {
+    explicit manifest_content(const std::string &path) {
         content_ = read_manifest(path);
     }
 };
 
 // ---- directory ----
 
-class host_source : public verification_source {
+class host_content : public verification_source {
 public:
-    host_source(const std::string &path, const std::string &encoding, bool is_quiet)
+    host_content(const std::string &path, const std::string &encoding, bool is_quiet)
         : names_(encoding) {
-        host_scan scan(names_, true);
-        const std::vector<host_node> nodes = scan.scan_children(path);
-        if (!scan.problems().empty()) {
+        problem_list problems;
+        std::vector<source_node> nodes = host_source(path).load({{}, false, true}, &problems);
+        check_tree(&nodes, names_, true, &problems);
+        if (!problems.lines().empty()) {
             throw error("cannot compare with " + shown_bytes(path) +
                             ": a volume cannot store these entries",
-                        scan.problems());
+                        problems.lines());
         }
         content_.states_rest = false;
         content_.lists_reserved = false;
@@ -65,8 +67,8 @@ public:
     }
 
 private:
-    void add(const name_path &parent, const std::vector<host_node> &nodes, progress *bar) {
-        for (const host_node &node : nodes) {
+    void add(const name_path &parent, const std::vector<source_node> &nodes, progress *bar) {
+        for (const source_node &node : nodes) {
             name_path path = parent;
             path.push_back(node.name);
             const std::string key = manifest_path(names_, path);
@@ -84,7 +86,7 @@ private:
         }
     }
 
-    [[nodiscard]] file_digest digest_of(const std::string &key, const host_node &node,
+    [[nodiscard]] file_digest digest_of(const std::string &key, const source_node &node,
                                         progress *bar) {
         constexpr std::size_t HOST_READ_BYTES = std::size_t{1} << 20;
         digester digest(node.size, 0);
@@ -140,13 +142,13 @@ bool begins_like_manifest(const std::string &path) {
 
 } // namespace
 
-std::unique_ptr<verification_source> open_source(const std::string &path,
-                                                 const std::string &encoding, bool is_quiet) {
+std::unique_ptr<verification_source>
+open_verification_source(const std::string &path, const std::string &encoding, bool is_quiet) {
     if (is_host_directory(path)) {
-        return std::make_unique<host_source>(path, encoding, is_quiet);
+        return std::make_unique<host_content>(path, encoding, is_quiet);
     }
     if (path == "-" || begins_like_manifest(path)) {
-        return std::make_unique<manifest_source>(path);
+        return std::make_unique<manifest_content>(path);
     }
     return std::make_unique<other_volume>(path, encoding, is_quiet);
 }

@@ -38,6 +38,6 @@ protected:
 
 // `path` "-": a manifest from standard input. Reads everything once.
 [[nodiscard]] std::unique_ptr<verification_source>
-open_source(const std::string &path, const std::string &encoding, bool is_quiet);
+open_verification_source(const std::string &path, const std::string &encoding, bool is_quiet);
 
 } // namespace qvol
