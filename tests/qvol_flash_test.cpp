@@ -6,6 +6,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <regex>
+
 using namespace testing_support;
 using nlohmann::json;
 
@@ -343,4 +345,21 @@ TEST_F(QvolFlash, ReservedFilesAreNotExpectedInATree) {
     const outcome result = shell("\"$1\" manifest --pieces 512 \"$2\" | \"$1\" verify -q \"$2\" -",
                                  {qvol_path(), image_});
     EXPECT_EQ(result, (outcome{0, "", ""}));
+}
+
+TEST_F(QvolFlash, WhatCannotBeReadIsNamedAndTheRestCompared) {
+    build_tree("16M");
+    const std::string manifest = said("manifest");
+    std::ofstream(scratch_.file("manifest")) << manifest;
+    std::filesystem::resize_file(image_, 1 << 20); // in the large file; others follow it
+    const outcome result = qvol("verify", {"-q", scratch_.file("manifest")});
+    EXPECT_EQ(result.status, 1);
+    const std::string why =
+        ": cannot be read: cannot read sectors [^\n]* past the end of the medium\n";
+    EXPECT_TRUE(std::regex_match(result.out, std::regex("/large" + why + "/link" + why +
+                                                        "/readme.md" + why + "/zeros" + why)))
+        << result;
+    const outcome refused = qvol("manifest");
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.out, "");
 }

@@ -1,12 +1,15 @@
 // The comparison of a volume with a manifest, a directory or another volume: every changed byte is
-// found, and the medium is read once and in order.
+// found, and the medium is read once and in order. The same for a medium that was just written.
 
 #include "qvol/file_data.h"
+#include "qvol/flashing/flashing.h"
 #include "qvol/new_volume.h"
 #include "qvol/verifying/verification.h"
 
 #include "tests/support/files.h"
 
+#include <cinttypes>
+#include <cstdio>
 #include <random>
 
 #include <gtest/gtest.h>
@@ -299,4 +302,42 @@ TEST(QvolManifest, EveryNameHasAPath) {
     ASSERT_EQ(read.entries.size(), 2U);
     EXPECT_TRUE(read.entries.contains("a\\\\b"));
     EXPECT_EQ(read.entries.at("\\ud800").target, "\\n");
+}
+
+// ---- flashing ---------------------------------------------------------------------------------
+
+// A medium that does not hold what was written to it, in one byte, is found, and gets no volume.
+TEST(QvolFlashed, AMediumThatForgetsIsFound) {
+    constexpr u64 MEDIUM_BYTES = u64{12} << 20;
+    const scratch_directory scratch;
+    bytes content(std::size_t{9} << 20, 7);
+    std::fill_n(content.begin() + (1 << 20), 1 << 20, 0);
+    const std::string image = scratch.file_with("image", content);
+    for (const u64 position : {u64{4096}, u64{1'500'000}, u64{5'000'000}, (u64{9} << 20) - 1,
+                               u64{10} << 20, MEDIUM_BYTES - 1}) {
+        SCOPED_TRACE(position);
+        const target where(scratch.sparse_file("medium", MEDIUM_BYTES), access::WRITE);
+        const auto stream = open_image_stream(image, "");
+        flashing work(where, stream.get(), true, true);
+        work.blank_head();
+        work.write();
+        work.verify();
+        u8 byte = 0;
+        ASSERT_EQ(where.medium().read(position, std::span(&byte, 1)), 1);
+        byte ^= 0x10;
+        ASSERT_EQ(where.medium().write(position, std::span(&byte, 1)), 1);
+        try {
+            work.verify();
+            FAIL() << "the change was not found";
+        } catch (const error &why) {
+            ASSERT_EQ(why.details().size(), 1U);
+            u64 first = 0;
+            u64 last = 0;
+            ASSERT_EQ(std::sscanf(why.details()[0].c_str(), "bytes %" SCNu64 " to %" SCNu64, &first,
+                                  &last),
+                      2);
+            EXPECT_LE(first, position);
+            EXPECT_GE(last, position);
+        }
+    }
 }

@@ -61,7 +61,7 @@ int run_verify(const common_options &common, const verify_options &options) {
     target where(common.image, access::READ);
     uncached_medium medium(where);
     const replaced_medium uncached(&where, where.is_device() ? &medium : &where.medium());
-    const auto backup = common.open_backup_boot(&where);
+    [[maybe_unused]] const auto backup = common.open_backup_boot(&where);
     volume vol(where, common.encoding);
     listed_tree tree = list_tree(vol);
     const std::vector<difference> differences =

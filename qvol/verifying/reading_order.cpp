@@ -10,12 +10,13 @@ namespace qvol {
 namespace {
 
 constexpr u64 TRANSFER_BYTES = u64{1} << 20; // at least a cluster
-constexpr u64 GAP_BYTES = 32 * 1024;         // that are read rather than skipped
+constexpr u64 GAP_BYTES = u64{32} * 1024;    // that are read rather than skipped
 
 void append_steps(const core::volume &on, std::size_t file, const cluster_extent &extent,
                   std::vector<reading_step> *steps) {
     u64 sector = on.sector_of(extent.first);
-    for (u64 left = u64{extent.count} * on.at.sectors_per_cluster; left > 0;) {
+    u64 left = u64{extent.count} * on.at.sectors_per_cluster;
+    while (left > 0) {
         const u64 count = std::min(left, TRANSFER_BYTES / on.at.sector_size);
         steps->push_back({file, sector, static_cast<u32>(count)});
         sector += count;

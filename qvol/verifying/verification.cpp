@@ -95,9 +95,9 @@ private:
         if (size != wanted.size.value_or(size)) {
             add(path, difference_kind::SIZE,
                 fmt::format("has {} bytes, should have {}", size, *wanted.size),
-                locate(path, found, wanted));
+                locate_content(path, found, wanted));
         } else if (found.content.digest.whole != wanted.digest.whole) {
-            add(path, difference_kind::CONTENT, "differs", locate(path, found, wanted));
+            add(path, difference_kind::CONTENT, "differs", locate_content(path, found, wanted));
         } else if (expected_.content().states_rest &&
                    found.content.digest.rest != wanted.digest.rest) {
             add(path, difference_kind::REST, "differs after its end, in its last cluster",
@@ -111,18 +111,30 @@ private:
         return read_extents(vol_.on(), file.extents, offset, bytes);
     }
 
-    [[nodiscard]] location locate(const std::string &path, const listed_entry &found,
-                                  const expected_entry &wanted) {
+    [[nodiscard]] location locate_content(const std::string &path, const listed_entry &found,
+                                          const expected_entry &wanted) {
         if (!expected_.has_bytes() && expected_.content().piece_bytes == 0) {
             return {};
         }
         const u64 size = *found.content.size;
         const u64 wanted_size = wanted.size.value_or(size);
+        const u64 end = std::max(size, wanted_size);
+        return locate([&] {
+            return expected_.has_bytes() ? find_byte(path, found, std::min(size, wanted_size), end)
+                                         : find_piece(found, wanted, end);
+        });
+    }
+
+    [[nodiscard]] location locate_rest(const std::string &path, const listed_entry &found,
+                                       const expected_entry &wanted) {
+        return locate([&] { return find_rest(path, found, wanted); });
+    }
+
+    // By a second reading: `find` returns no value if it finds no difference.
+    template <typename Find>
+    [[nodiscard]] static location locate(Find find) {
         try {
-            const std::optional<difference_range> range =
-                expected_.has_bytes() ? find_byte(path, found, std::min(size, wanted_size),
-                                                  std::max(size, wanted_size))
-                                      : find_piece(found, wanted, std::max(size, wanted_size));
+            const std::optional<difference_range> range = find();
             return range ? location_of(*range)
                          : location{{}, "; equal when read again: the medium is unreliable"};
         } catch (const error &why) {
@@ -168,15 +180,15 @@ private:
     }
 
     // Zeros, or the bytes of another volume, should follow the file; or bytes of a digest.
-    [[nodiscard]] location locate_rest(const std::string &path, const listed_entry &found,
-                                       const expected_entry &wanted) {
+    [[nodiscard]] std::optional<difference_range>
+    find_rest(const std::string &path, const listed_entry &found, const expected_entry &wanted) {
         const u64 size = *found.content.size;
         const u64 start = size / COMPARED_BYTES * COMPARED_BYTES;
         const std::size_t most = 2 * COMPARED_BYTES; // a cluster is smaller than half of it
         const std::vector<u8> present = read(found, start, most);
         std::vector<u8> other(present.size());
         if (!wanted.digest.rest.empty() && !expected_.has_bytes()) {
-            return location_of({size, start + present.size() - 1});
+            return difference_range{size, start + present.size() - 1};
         }
         if (!wanted.digest.rest.empty()) {
             other = expected_.read(path, start, most);
@@ -185,8 +197,11 @@ private:
         const auto [at, unused] =
             std::mismatch(present.begin() + rest, present.end(),
                           other.begin() + std::min(rest, std::ssize(other)), other.end());
+        if (at == present.end()) {
+            return std::nullopt;
+        }
         const u64 byte = start + static_cast<u64>(at - present.begin());
-        return location_of({byte, byte});
+        return difference_range{byte, byte};
     }
 
     const volume &vol_;
