@@ -154,8 +154,8 @@ INSTANTIATE_TEST_SUITE_P(Fat, QvolVerify, testing::Values(12, 16, 32),
 
 TEST_P(QvolVerify, FindsEveryChangedByte) {
     constexpr u64 PIECE_BYTES = 4096;
-    const auto by_manifest = open_source(manifest_file(PIECE_BYTES), "UTF-8", true);
-    const auto by_volume = open_source(copy_of_image(), "UTF-8", true);
+    const auto by_manifest = open_verification_source(manifest_file(PIECE_BYTES), "UTF-8", true);
+    const auto by_volume = open_verification_source(copy_of_image(), "UTF-8", true);
     const listed_tree tree = list_tree(*volume_);
     EXPECT_TRUE(differences_from(by_manifest.get()).empty());
     EXPECT_TRUE(differences_from(by_volume.get()).empty());
@@ -238,7 +238,7 @@ TEST_P(QvolVerify, NamesWhatDiffers) {
     volume_->commit_removals({&root});
     for (const std::string &expected : {manifest_path, copy}) {
         const std::vector<difference> found =
-            differences_from(open_source(expected, "UTF-8", true).get());
+            differences_from(open_verification_source(expected, "UTF-8", true).get());
         ASSERT_EQ(found.size(), 4U);
         EXPECT_EQ(found[0].path + ": " + found[0].text, "file b: missing");
         EXPECT_EQ(found[1].path, "file c");

@@ -250,7 +250,7 @@ std::string manifest_text(const manifest &of) {
     return text;
 }
 
-bool is_manifest(std::string_view head) {
+bool is_digest_manifest(std::string_view head) {
     if (head.starts_with('#')) {
         return true;
     }

@@ -52,7 +52,7 @@ struct manifest {
 [[nodiscard]] std::string manifest_text(const manifest &of);
 
 // Whether a file begins like a manifest, by its first bytes.
-[[nodiscard]] bool is_manifest(std::string_view head);
+[[nodiscard]] bool is_digest_manifest(std::string_view head);
 
 // `path` "-": standard input. Throws error with the number of an invalid line.
 [[nodiscard]] manifest read_manifest(const std::string &path);

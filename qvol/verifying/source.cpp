@@ -137,7 +137,7 @@ bool begins_like_manifest(const std::string &path) {
     std::array<char, 65> head{};
     std::ifstream file(path, std::ios::binary);
     file.read(head.data(), head.size());
-    return is_manifest({head.data(), static_cast<std::size_t>(file.gcount())});
+    return is_digest_manifest({head.data(), static_cast<std::size_t>(file.gcount())});
 }
 
 } // namespace
