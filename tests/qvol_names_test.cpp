@@ -63,10 +63,10 @@ TEST(NameCodec, PassesEveryCharacterThroughUnitsAndBack) {
     std::size_t units = 0;
     for (char32_t first = 1; first <= LAST_CHARACTER; first += STEP) {
         const std::u16string text = characters(first, STEP);
-        const std::optional<std::string> bytes = codec.to_host(text);
-        ASSERT_TRUE(bytes.has_value()) << std::hex << u32{first};
-        ASSERT_EQ(bytes, system.to_host(text)) << std::hex << u32{first};
-        ASSERT_EQ(codec.to_units(*bytes), text) << std::hex << u32{first};
+        const std::optional<std::string> encoded = codec.to_host(text);
+        ASSERT_TRUE(encoded.has_value()) << std::hex << u32{first};
+        ASSERT_EQ(encoded, system.to_host(text)) << std::hex << u32{first};
+        ASSERT_EQ(codec.to_units(*encoded), text) << std::hex << u32{first};
         units += text.size();
     }
     EXPECT_EQ(units, 0xFFFFU - 0x800 + 2 * 0x100000);
@@ -79,9 +79,9 @@ TEST(NameCodec, JoinsSurrogatePairs) {
 
 TEST(NameCodec, RefusesWhatIsNoText) {
     const name_codec codec;
-    for (const char *bytes : {"\x80", "\xC0\xAF", "\xE0\x80\x80", "\xED\xA0\x80",
+    for (const char *encoded : {"\x80", "\xC0\xAF", "\xE0\x80\x80", "\xED\xA0\x80",
                               "\xF4\x90\x80\x80", "\xF5\x80\x80\x80", "a\xC3", "\xFF"}) {
-        EXPECT_EQ(codec.to_units(bytes), std::nullopt) << testing::PrintToString(bytes);
+        EXPECT_EQ(codec.to_units(encoded), std::nullopt) << testing::PrintToString(encoded);
     }
     EXPECT_EQ(codec.to_host(u"\xD800"), std::nullopt);
     EXPECT_EQ(codec.to_host(u"a\xDC00z"), std::nullopt);
