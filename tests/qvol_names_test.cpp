@@ -80,7 +80,7 @@ TEST(NameCodec, JoinsSurrogatePairs) {
 TEST(NameCodec, RefusesWhatIsNoText) {
     const name_codec codec;
     for (const char *encoded : {"\x80", "\xC0\xAF", "\xE0\x80\x80", "\xED\xA0\x80",
-                              "\xF4\x90\x80\x80", "\xF5\x80\x80\x80", "a\xC3", "\xFF"}) {
+                                "\xF4\x90\x80\x80", "\xF5\x80\x80\x80", "a\xC3", "\xFF"}) {
         EXPECT_EQ(codec.to_units(encoded), std::nullopt) << testing::PrintToString(encoded);
     }
     EXPECT_EQ(codec.to_host(u"\xD800"), std::nullopt);
