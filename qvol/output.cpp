@@ -2,8 +2,11 @@
 
 #include "qvol/file_data.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
+#include <utility>
 
 #include <fmt/core.h>
 #include <unistd.h>
@@ -154,11 +157,34 @@ const char *kind_name(kind type) {
     }
 }
 
+namespace {
+
+constexpr std::pair<char, u32> ATTRIBUTE_LETTERS[] = {{'r', core::ATTR_READ_ONLY},
+                                                      {'h', core::ATTR_HIDDEN},
+                                                      {'s', core::ATTR_SYSTEM},
+                                                      {'a', core::ATTR_ARCHIVE}};
+
+} // namespace
+
 std::string attribute_letters(const entry &of) {
-    const auto letter = [&](u32 bit, char set) { return (of.attributes() & bit) != 0 ? set : '-'; };
-    const char type = of.is_directory() ? 'd' : of.type() == kind::LINK ? 'l' : '-';
-    return {type, letter(core::ATTR_READ_ONLY, 'r'), letter(core::ATTR_HIDDEN, 'h'),
-            letter(core::ATTR_SYSTEM, 's'), letter(core::ATTR_ARCHIVE, 'a')};
+    std::string letters = of.is_directory() ? "d" : of.type() == kind::LINK ? "l" : "-";
+    for (const auto &[letter, bit] : ATTRIBUTE_LETTERS) {
+        letters += (of.attributes() & bit) != 0 ? letter : '-';
+    }
+    return letters;
+}
+
+std::optional<u32> attributes_of_letters(std::string_view letters) {
+    u32 attributes = 0;
+    for (const char letter : letters) {
+        const auto *known = std::find_if(std::begin(ATTRIBUTE_LETTERS), std::end(ATTRIBUTE_LETTERS),
+                                         [letter](const auto &one) { return letter == one.first; });
+        if (known == std::end(ATTRIBUTE_LETTERS)) {
+            return std::nullopt;
+        }
+        attributes |= known->second;
+    }
+    return attributes;
 }
 
 std::string listed_name(const name_codec &names, const entry &of) {

@@ -6,7 +6,9 @@
 #include "qvol/json.h"
 #include "qvol/path.h"
 
+#include <optional>
 #include <string>
+#include <string_view>
 
 namespace qvol {
 
@@ -63,6 +65,9 @@ void report(const std::string &message);
 [[nodiscard]] std::string counted(u64 count, const char *one, const char *many); // "2 files"
 [[nodiscard]] const char *kind_name(kind type); // "file", "directory", "link", "label"
 [[nodiscard]] std::string attribute_letters(const entry &of); // "d", "l" or "-", then "rhsa" or "-"
+
+// The attributes that letters of "rhsa" name; no value if a letter is not one of them.
+[[nodiscard]] std::optional<u32> attributes_of_letters(std::string_view letters);
 
 // A name as listings print it: coloured if uses_colour().
 [[nodiscard]] std::string listed_name(const name_codec &names, const entry &of);

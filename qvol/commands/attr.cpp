@@ -4,9 +4,7 @@
 #include "qvol/commands/commands.h"
 #include "qvol/tree_walk.h"
 
-#include <algorithm>
 #include <map>
-#include <utility>
 
 #include <fmt/core.h>
 
@@ -15,11 +13,6 @@ namespace qvol {
 namespace {
 
 constexpr const char *FIND = "find the attributes of";
-
-constexpr std::pair<char, u32> LETTERS[] = {{'r', core::ATTR_READ_ONLY},
-                                            {'h', core::ATTR_HIDDEN},
-                                            {'s', core::ATTR_SYSTEM},
-                                            {'a', core::ATTR_ARCHIVE}};
 
 struct attr_options {
     std::vector<std::string> words; // with IMAGE, which the letters may precede
@@ -45,16 +38,7 @@ struct attr_request {
 
 // "+rh"
 u32 parse_letters(const std::string &word) {
-    u32 bits = 0;
-    for (const char letter : word.substr(1)) {
-        const auto *known = std::find_if(std::begin(LETTERS), std::end(LETTERS),
-                                         [letter](const auto &one) { return letter == one.first; });
-        if (known == std::end(LETTERS)) {
-            bits = 0;
-            break;
-        }
-        bits |= known->second;
-    }
+    const u32 bits = attributes_of_letters(word.substr(1)).value_or(0);
     if (bits == 0) {
         throw usage_error(fmt::format("{}: must be letters of rhsa after the +; a path that begins "
                                       "with + is written /+",

@@ -21,33 +21,6 @@ bool exists(const std::string &path) {
     return std::filesystem::exists(path, failure);
 }
 
-u32 attribute_of_letter(char letter) {
-    switch (letter) {
-    case 'r':
-        return core::ATTR_READ_ONLY;
-    case 'h':
-        return core::ATTR_HIDDEN;
-    case 's':
-        return core::ATTR_SYSTEM;
-    case 'a':
-        return core::ATTR_ARCHIVE;
-    default:
-        return 0;
-    }
-}
-
-u32 parse_letters(const std::string &option, const std::string &letters) {
-    u32 attributes = 0;
-    for (const char letter : letters) {
-        if (attribute_of_letter(letter) == 0) {
-            throw usage_error("--attr " + shown_bytes(option) +
-                              ": must be PATTERN= with letters of \"rhsa\"");
-        }
-        attributes |= attribute_of_letter(letter);
-    }
-    return attributes;
-}
-
 bool comes_before(const source_node &one, const source_node &other) {
     return one.host_name < other.host_name;
 }
@@ -91,13 +64,14 @@ source_collection::source_collection(const source_options &options) : options_(o
 
 void source_collection::parse_attributes() {
     for (const std::string &text : options_.attributes) {
-        const std::size_t equals = text.rfind('=');
-        if (equals == std::string::npos || equals == 0) {
+        const std::size_t equals = std::min(text.rfind('='), text.size());
+        const std::optional<u32> attributes =
+            equals < text.size() ? attributes_of_letters(text.substr(equals + 1)) : std::nullopt;
+        if (equals == 0 || !attributes) {
             throw usage_error("--attr " + shown_bytes(text) +
                               ": must be PATTERN= with letters of \"rhsa\"");
         }
-        attribute_rules_.push_back(
-            {pattern(text.substr(0, equals)), parse_letters(text, text.substr(equals + 1))});
+        attribute_rules_.push_back({pattern(text.substr(0, equals)), *attributes});
     }
 }
 
