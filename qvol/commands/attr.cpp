@@ -5,6 +5,7 @@
 #include "qvol/tree_walk.h"
 
 #include <map>
+#include <utility>
 
 #include <fmt/core.h>
 
