@@ -55,6 +55,21 @@ bool pattern::matches(const std::string &path, bool is_directory) const {
     return fnmatch(text_.c_str(), text, has_slash_ ? FNM_PATHNAME : 0) == 0;
 }
 
+std::optional<std::string> pattern::literal() const {
+    const bool is_literal =
+        !is_of_directories_ && text_.find_first_of("*?[\\") == std::string::npos;
+    return is_literal ? std::optional((has_slash_ ? "/" : "") + text_) : std::nullopt;
+}
+
+void pattern_list::add(const std::string &text) {
+    pattern one(text);
+    if (std::optional<std::string> literal = one.literal()) {
+        literals_.insert(std::move(*literal));
+    } else {
+        patterns_.push_back(std::move(one));
+    }
+}
+
 void pattern_list::add_file(const std::string &path) {
     for (const std::string &line : lines_of_file(path)) {
         if (!line.empty() && !line.starts_with('#')) {
@@ -64,8 +79,12 @@ void pattern_list::add_file(const std::string &path) {
 }
 
 bool pattern_list::matches(const std::string &path, bool is_directory) const {
-    return std::any_of(patterns_.begin(), patterns_.end(),
-                       [&](const pattern &one) { return one.matches(path, is_directory); });
+    const bool is_literal =
+        !literals_.empty() &&
+        (literals_.contains("/" + path) || literals_.contains(path.substr(path.rfind('/') + 1)));
+    return is_literal || std::any_of(patterns_.begin(), patterns_.end(), [&](const pattern &one) {
+               return one.matches(path, is_directory);
+           });
 }
 
 } // namespace qvol

@@ -6,7 +6,9 @@
 
 #pragma once
 
+#include <optional>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 namespace qvol {
@@ -19,6 +21,10 @@ public:
     // `path`: components joined by slashes, without one at the start.
     [[nodiscard]] bool matches(const std::string &path, bool is_directory) const;
 
+    // If it matches only its own text, for files as for directories: that text, with a slash at its
+    // start if the pattern has one.
+    [[nodiscard]] std::optional<std::string> literal() const;
+
 private:
     std::string text_; // without slashes at its ends
     bool has_slash_;
@@ -27,9 +33,7 @@ private:
 
 class pattern_list {
 public:
-    void add(const std::string &text) {
-        patterns_.emplace_back(text);
-    }
+    void add(const std::string &text);
     // One pattern on each line; empty lines and lines that begin with "#" are ignored. "-":
     // standard input.
     void add_file(const std::string &path);
@@ -37,7 +41,8 @@ public:
     [[nodiscard]] bool matches(const std::string &path, bool is_directory) const;
 
 private:
-    std::vector<pattern> patterns_;
+    std::unordered_set<std::string> literals_; // found at once, however many there are
+    std::vector<pattern> patterns_;            // all others
 };
 
 } // namespace qvol
