@@ -29,9 +29,14 @@ bool comes_before(const source_node &one, const source_node &other) {
 
 split_from split_source(const std::string &text) {
     const std::size_t colon = text.rfind(":/");
-    return colon == std::string::npos || colon == 0 || exists(text)
-               ? split_from{text, "/"}
-               : split_from{text.substr(0, colon), text.substr(colon + 1)};
+    if (colon == std::string::npos || colon == 0 || exists(text)) {
+        return {text, "/"};
+    }
+    split_from split = {text.substr(0, colon), text.substr(colon + 1)};
+    if (std::count(split.directory.begin(), split.directory.end(), '/') > MAX_TREE_DEPTH) {
+        throw usage_error("--from " + shown_bytes(split.path) + ":/...: " + TOO_DEEP);
+    }
+    return split;
 }
 
 u64 source_tree::hard_links() const {

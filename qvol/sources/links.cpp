@@ -118,6 +118,10 @@ private:
             refuse(name, "it is in what it leads to");
             return;
         }
+        if (open_.size() >= std::size_t{MAX_TREE_DEPTH}) {
+            refuse(name, TOO_DEEP);
+            return;
+        }
         if (++entries_ > MAX_ENTRIES) {
             throw error("cannot store what the links lead to: more than 4,194,304 entries");
         }

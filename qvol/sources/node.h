@@ -20,6 +20,10 @@ namespace qvol {
 
 class source;
 
+// Trees are visited recursively.
+constexpr int MAX_TREE_DEPTH = 1024;
+constexpr const char *TOO_DEEP = "more than 1,024 directories deep";
+
 // An entry with everything below it.
 struct source_node {
     std::string path;      // in its source, for messages

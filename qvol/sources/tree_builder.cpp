@@ -8,8 +8,6 @@ namespace qvol {
 
 namespace {
 
-constexpr std::size_t MAX_DEPTH = 1024; // trees are visited recursively
-
 std::vector<std::string> components_of(const std::string &path) {
     std::vector<std::string> components;
     for (std::size_t at = 0; at <= path.size();) {
@@ -139,8 +137,8 @@ source_node *tree_builder::add(const archived_entry &entry) {
         refuse(entry.name, "contains \"..\", which could lead out of the volume");
         return nullptr;
     }
-    if (path.size() > MAX_DEPTH) {
-        refuse(entry.name, "too deep");
+    if (path.size() > std::size_t{MAX_TREE_DEPTH}) {
+        refuse(entry.name, TOO_DEEP);
         return nullptr;
     }
     source_node node;
