@@ -133,6 +133,7 @@ TEST_F(QvolSources, GiveTheSameImage) {
         "(cd tree && cpio --quiet -o -H odc <../list >../made.ar)",
         "LC_ALL=C.UTF-8 bsdtar -cf made.ar --format=cpio -C tree .",
         "(cd tree && TZ=UTC zip -qry - . >../made.ar)",
+        "tar -cf made.ar -C tree readme.md && tar -cf more -C tree . && cat more >>made.ar",
     };
     for (const char *const recipe : recipes) {
         SCOPED_TRACE(recipe);
@@ -334,6 +335,42 @@ TEST_F(QvolSources, ThatAreCutLeaveNothing) {
     }
 }
 
+// What is lost silently elsewhere: archives one after another, damage that a reader can skip.
+TEST_F(QvolSources, ThatAreNotReadToTheirEndAreRefused) {
+    tree_file("a", "content of a");
+    tree_file("b", std::string(700, 'x'));
+    const std::string cpio = "(cd tree && printf 'a\\nb\\n' | cpio --quiet -o -H newc >../one) && ";
+    const std::pair<std::string, const char *> cases[] = {
+        {cpio + "cat one one >made.ar", "but there is more at byte 1536"},
+        {cpio + "(cat one && gzip -c one) >made.ar", "but there is more at byte 1536"},
+        {cpio + "gzip -c one >made.ar && gzip -c one >>made.ar", "but there is more at byte 1536"},
+        {cpio + "cat one one | xz >made.ar", "but there is more at byte 1536"},
+        {cpio + "sed s/070701/070801/2 one >made.ar", "damaged at byte 1431, after a: "},
+        {"tar -cf made.ar -C tree . && echo more >>made.ar", "Truncated tar archive"},
+        {"gzip -c tree/b >made.ar", "its compressed content is no archive"},
+        {"tar -c --zstd -b 2000 -f made.ar -C tree . && head -c -1 made.ar >cut && mv cut made.ar",
+         "at byte"},
+    };
+    for (const auto &[recipe, message] : cases) {
+        SCOPED_TRACE(recipe);
+        const outcome archived = shell("rm -f made.ar; " + recipe);
+        ASSERT_EQ(archived.status, 0) << archived;
+        const std::string err = refused({"--from", scratch_.file("made.ar")});
+        EXPECT_NE(err.find(message), std::string::npos) << err;
+    }
+}
+
+TEST_F(QvolSources, MayBeEmpty) {
+    std::filesystem::create_directory(tree_);
+    for (const char *const recipe : {"tar -cf made.ar -T /dev/null", "tar -czf made.ar -C tree .",
+                                     "cpio --quiet -o -H newc </dev/null >made.ar"}) {
+        SCOPED_TRACE(recipe);
+        ASSERT_EQ(shell(std::string("rm -f made.ar; ") + recipe).status, 0);
+        image_from({"--from", scratch_.file("made.ar")});
+        EXPECT_EQ(listed(), "/\n");
+    }
+}
+
 TEST_F(QvolSources, ThatAreDamagedLeaveNothing) {
     std::mt19937 random(4);
     std::string content(20000, '\0');
@@ -465,6 +502,26 @@ TEST_F(QvolSources, RefuseLinksThatLeadNowhere) {
                   "qvol: cannot store all entries; nothing was written\n  " + tree_ +
                       "/d/link: cannot store what the link leads to: " + message + "\n");
     }
+}
+
+// Each directory has a link to the next one: the links make a tree that is as deep as there are
+// directories.
+TEST_F(QvolSources, RefuseTreesThatAreTooDeep) {
+    constexpr int DIRECTORIES = 1030;
+    for (int i = 0; i < DIRECTORIES; i++) {
+        const std::string directory = tree_ + "/" + std::to_string(i);
+        std::filesystem::create_directories(directory);
+        std::filesystem::create_symlink("../" + std::to_string(i + 1), directory + "/l");
+    }
+    std::filesystem::create_directory(tree_ + "/" + std::to_string(DIRECTORIES));
+    EXPECT_NE(refused({"--from", tree_, "--dereference"}).find("more than 1,024 directories deep"),
+              std::string::npos);
+    std::string deep;
+    for (int i = 0; i < 60000; i++) {
+        deep += "/d";
+    }
+    EXPECT_NE(refused({"--from", tree_ + ":" + deep}).find("more than 1,024 directories deep"),
+              std::string::npos);
 }
 
 // ---- times and attributes ----

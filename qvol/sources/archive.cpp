@@ -22,6 +22,7 @@ namespace {
 
 constexpr std::size_t BLOCK_BYTES = std::size_t{128} * 1024;
 constexpr std::size_t TAR_RECORD_BYTES = 512;
+constexpr u64 NO_DATA = UINT64_MAX;
 constexpr int UNKNOWN_FORMAT = EILSEQ; // of libarchive, for data that no format fits
 
 // libarchive converts names by the locale of the thread; names here are UTF-8.
@@ -71,8 +72,8 @@ archived_entry fields_of(archive_entry *entry) {
     return fields;
 }
 
-// Formats that some other program would have to unpack are left out.
-void support_archives(::archive *handle) {
+// Compression that some other program would have to unpack is left out.
+void support_compression(::archive *handle) {
     archive_read_support_filter_bzip2(handle);
     archive_read_support_filter_compress(handle);
     archive_read_support_filter_lz4(handle);
@@ -80,7 +81,16 @@ void support_archives(::archive *handle) {
     archive_read_support_filter_lzma(handle);
     archive_read_support_filter_xz(handle);
     archive_read_support_filter_zstd(handle);
+}
+
+void support_unpacked_bytes(::archive *handle) {
+    archive_read_support_format_raw(handle);
+}
+
+void support_archives(::archive *handle) {
     archive_read_support_format_tar(handle);
+    // Reads to the end of the file: to tars that follow, and to the checksum of the compression.
+    archive_read_set_format_option(handle, "tar", "read_concatenated_archives", "1");
     archive_read_support_format_cpio(handle);
     archive_read_support_format_zip_seekable(handle); // links are in the directory at its end
 }
@@ -162,9 +172,13 @@ void archive_reader::release::operator()(::archive *handle) const {
 }
 
 archive_reader::archive_reader(int fd, std::string name)
-    : name_(std::move(name)), handle_(archive_read_new()) {
-    support_archives(handle_.get());
+    : archive_reader(fd, std::move(name), support_archives) {}
+
+archive_reader::archive_reader(int fd, std::string name, void (*support_formats)(::archive *))
+    : name_(std::move(name)), fd_(fd), handle_(archive_read_new()) {
     refuse_cut_zip(fd, name_);
+    support_formats(handle_.get());
+    support_compression(handle_.get());
     if (lseek(fd, 0, SEEK_SET) != 0) {
         throw system_failure("read " + shown_bytes(name_));
     }
@@ -193,12 +207,19 @@ void archive_reader::start(int opened) {
         }
         first_ = next();
     } catch (const error &) {
-        is_known_ = gzip_ != nullptr || archive_format(handle_.get()) != 0 ||
-                    archive_filter_code(handle_.get(), 0) != ARCHIVE_FILTER_NONE ||
-                    archive_errno(handle_.get()) != UNKNOWN_FORMAT;
-        if (is_known_) {
+        const bool is_compressed =
+            gzip_ != nullptr || archive_filter_code(handle_.get(), 0) != ARCHIVE_FILTER_NONE;
+        const bool is_archive =
+            archive_format(handle_.get()) != 0 || archive_errno(handle_.get()) != UNKNOWN_FORMAT;
+        if (is_compressed && !is_archive) {
+            throw error(fmt::format("cannot read {}: its compressed content is no archive (tar, "
+                                    "cpio); nothing was written",
+                                    shown_bytes(name_)));
+        }
+        if (is_archive) {
             throw;
         }
+        is_known_ = false;
     }
 }
 
@@ -214,12 +235,56 @@ void archive_reader::fail(const std::string &why) {
                             reason != nullptr ? reason : "unknown error"));
 }
 
+// libarchive also warns of entries that it has skipped, or whose fields contradict each other.
+// Names that it cannot convert are checked later; keywords of a manifest may be unknown.
+bool archive_reader::is_harmless_warning() const {
+    const std::string text = text_or_empty(archive_error_string(handle_.get()));
+    return fd_ < 0 || text.find("can't be converted") != std::string::npos;
+}
+
+bool archive_reader::is_of(int family) const {
+    return (archive_format(handle_.get()) & ARCHIVE_FORMAT_BASE_MASK) == family;
+}
+
+// libarchive ends at the end mark of a cpio. What follows, as in an initramfs of several archives,
+// must not be lost. Reads the file to its end, so that the checksum of its compression is compared.
+void archive_reader::refuse_rest() {
+    if (!is_of(ARCHIVE_FORMAT_CPIO)) {
+        return;
+    }
+    const auto end = static_cast<u64>(archive_filter_bytes(handle_.get(), 0));
+    archive_reader unpacked(fd_, name_, support_unpacked_bytes);
+    (void)unpacked.next();
+    const u64 rest = unpacked.find_data(end);
+    if (rest != NO_DATA) {
+        throw error(fmt::format("cannot read {}: the archive ends at byte {} of the unpacked file, "
+                                "but there is more at byte {}: make each archive a file and a "
+                                "source of its own; nothing was written",
+                                shown_bytes(name_), end, rest));
+    }
+}
+
+// The position of the first byte of the content from `from` on that is not zero.
+u64 archive_reader::find_data(u64 from) {
+    std::vector<u8> block(BLOCK_BYTES);
+    u64 found = NO_DATA;
+    u64 at = 0;
+    for (std::size_t count = read(block); count != 0; count = read(block)) {
+        const std::span<const u8> bytes = std::span(block).first(count);
+        for (std::size_t i = from > at ? static_cast<std::size_t>(std::min<u64>(from - at, count))
+                                       : 0;
+             found == NO_DATA && i < count; i++) {
+            found = bytes[i] != 0 ? at + i : NO_DATA;
+        }
+        at += count;
+    }
+    return found;
+}
+
 // A tar that is cut between two entries has no other sign of it than its missing end.
 void archive_reader::refuse_cut() {
-    const bool is_tar =
-        (archive_format(handle_.get()) & ARCHIVE_FORMAT_BASE_MASK) == ARCHIVE_FORMAT_TAR;
     const auto consumed = static_cast<u64>(archive_filter_bytes(handle_.get(), 0));
-    if (is_tar && consumed < end_of_content_ + TAR_RECORD_BYTES) {
+    if (is_of(ARCHIVE_FORMAT_TAR) && consumed < end_of_content_ + TAR_RECORD_BYTES) {
         throw error(fmt::format("cannot read {}: cut at byte {}{}: the end of the archive is "
                                 "missing; nothing was written",
                                 shown_bytes(name_), consumed,
@@ -231,6 +296,9 @@ std::optional<archived_entry> archive_reader::next() {
     if (first_) {
         return std::exchange(first_, std::nullopt);
     }
+    if (has_ended_) {
+        return std::nullopt;
+    }
     const utf8_locale names;
     if (has_entry_) {
         finish_entry();
@@ -238,10 +306,12 @@ std::optional<archived_entry> archive_reader::next() {
     archive_entry *entry = nullptr;
     const int result = archive_read_next_header(handle_.get(), &entry);
     if (result == ARCHIVE_EOF) {
+        has_ended_ = true;
         refuse_cut();
+        refuse_rest();
         return std::nullopt;
     }
-    if (result != ARCHIVE_OK && result != ARCHIVE_WARN) {
+    if (result != ARCHIVE_OK && !(result == ARCHIVE_WARN && is_harmless_warning())) {
         fail("damaged");
     }
     has_entry_ = true;

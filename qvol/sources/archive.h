@@ -64,18 +64,26 @@ private:
     };
     class gzip_file;
 
+    archive_reader(int fd, std::string name, void (*support_formats)(::archive *));
+
     void start(int opened);
+    [[nodiscard]] bool is_harmless_warning() const;
+    [[nodiscard]] bool is_of(int family) const;
+    [[nodiscard]] u64 find_data(u64 from);
     void finish_entry();
     [[noreturn]] void fail(const std::string &why);
     void refuse_cut();
+    void refuse_rest();
 
     std::string name_;
     std::unique_ptr<gzip_file> gzip_; // null: not compressed by gzip
+    int fd_ = -1;                     // of the caller; -1: a manifest
     std::unique_ptr<::archive, release> handle_;
     std::optional<archived_entry> first_; // until next() returns it
     std::string current_;                 // name of the entry
     u64 end_of_content_ = 0;              // of the last entry, in the unpacked archive
     bool has_entry_ = false;
+    bool has_ended_ = false;
     bool is_known_ = true;
 };
 
