@@ -543,29 +543,30 @@ TEST_F(Qvol16, ListsEverythingThatCannotBeStoredAtOnce) {
     const outcome refused = qvol("put", {tree, "/"});
     EXPECT_EQ(
         refused,
-        (outcome{1, "",
-                 "qvol: cannot store all entries; nothing was written\n"
-                 "  " +
-                     tree +
-                     "/pipe: neither file, directory nor link; --skip-special "
-                     "leaves it out\n"
-                     "  " +
-                     tree +
-                     "/a:b: invalid name: contains ':'\n"
-                     "  $'" +
-                     tree +
-                     "/bad\\xff': invalid name: not valid in the name encoding\n"
-                     "  " +
-                     tree +
-                     "/con: invalid name: is a device name\n"
-                     "  " +
-                     tree +
-                     "/huge: too large: files on a FAT volume are smaller than 4 GiB\n"
-                     "  " +
-                     tree +
-                     "/trailing.: invalid name: ends with a space or a dot\n"
-                     "  " +
-                     tree + "/Readme: same name as " + tree + "/README if case is ignored\n"}));
+        (outcome{
+            1, "",
+            "qvol: cannot store all entries; nothing was written\n"
+            "  " +
+                tree +
+                "/pipe: neither file, directory nor link; --skip-special "
+                "leaves it out\n"
+                "  " +
+                tree +
+                "/a:b: invalid name: contains ':'\n"
+                "  $'" +
+                tree +
+                "/bad\\xff': invalid name: not valid in the name encoding; --encoding chooses another\n"
+                "  " +
+                tree +
+                "/con: invalid name: is a device name\n"
+                "  " +
+                tree +
+                "/huge: too large: files on a FAT volume are smaller than 4 GiB\n"
+                "  " +
+                tree +
+                "/trailing.: invalid name: ends with a space or a dot\n"
+                "  " +
+                tree + "/Readme: same name as " + tree + "/README if case is ignored\n"}));
     EXPECT_EQ(read_file(image_), before);
 }
 

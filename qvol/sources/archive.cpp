@@ -239,7 +239,7 @@ void archive_reader::fail(const std::string &why) {
 // Names that it cannot convert are checked later; keywords of a manifest may be unknown.
 bool archive_reader::is_harmless_warning() const {
     const std::string text = text_or_empty(archive_error_string(handle_.get()));
-    return fd_ < 0 || text.find("can't be converted") != std::string::npos;
+    return fd_ < 0 || text.find(" be converted from ") != std::string::npos;
 }
 
 bool archive_reader::is_of(int family) const {

@@ -30,7 +30,8 @@ private:
     void set_name(source_node *node) {
         const std::optional<std::u16string> units = names_.to_units(node->host_name);
         const std::optional<std::string> problem =
-            units ? name_problem(*units) : "not valid in the name encoding";
+            units ? name_problem(*units)
+                  : "not valid in the name encoding; --encoding chooses another";
         if (problem) {
             problems_.add(node->path, "invalid name: " + *problem);
         } else if (!allows_long_names_ && !cased_short_name_of(*units)) {
