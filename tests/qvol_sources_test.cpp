@@ -113,7 +113,10 @@ protected:
 TEST_F(QvolSources, GiveTheSameImage) {
     make_mixed_tree();
     std::filesystem::create_hard_link(tree_ + "/readme.md", tree_ + "/dir/hard link");
-    ASSERT_EQ(shell("truncate -s 300000 tree/sparse && echo end >>tree/sparse").status, 0);
+    ASSERT_EQ(shell("truncate -s 300000 tree/sparse && echo end >>tree/sparse && "
+                    "truncate -s 300000 tree/hole")
+                  .status,
+              0);
     ASSERT_EQ(shell("find tree -exec touch -h -d @1600000001 {} +").status, 0);
     const std::string expected = image_from({"--from", tree_});
     const std::string list = "(cd tree && find . -depth | sort -r) >list && ";

@@ -324,7 +324,10 @@ std::optional<archived_entry> archive_reader::next() {
 }
 
 std::size_t archive_reader::read(std::span<u8> to) {
-    const la_ssize_t count = archive_read_data(handle_.get(), to.data(), to.size());
+    la_ssize_t count = archive_read_data(handle_.get(), to.data(), to.size());
+    if (count == 0) { // also before a hole at the end of a sparse file, whose zeros come next
+        count = archive_read_data(handle_.get(), to.data(), to.size());
+    }
     if (count < 0) {
         fail("damaged");
     }
