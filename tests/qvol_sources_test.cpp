@@ -389,7 +389,8 @@ TEST_F(QvolSources, ThatAreDamagedLeaveNothing) {
         std::string bytes = text_of_file(scratch_.file("made.ar"));
         bytes[bytes.size() / 2] = static_cast<char>(bytes[bytes.size() / 2] ^ 0x20);
         EXPECT_NE(refused({"--from", host_file("bad.ar", bytes)}).find("damaged at byte"),
-                  std::string::npos);
+                  std::string::npos)
+            << shell("cksum made.ar bad.ar; bzip2 -t bad.ar; stat bad.ar");
     }
     for (const char *const other : {"", "#!/bin/sh\necho no archive\n",
                                     "\x7F"
