@@ -212,9 +212,10 @@ void archive_reader::start(int opened) {
         const bool is_archive =
             archive_format(handle_.get()) != 0 || archive_errno(handle_.get()) != UNKNOWN_FORMAT;
         if (is_compressed && !is_archive) {
-            throw error(fmt::format("cannot read {}: its compressed content is no archive (tar, "
-                                    "cpio); nothing was written",
-                                    shown_bytes(name_)));
+            throw error(fmt::format(
+                "cannot read {}: its compressed content is damaged, or no archive (tar, "
+                "cpio); nothing was written",
+                shown_bytes(name_)));
         }
         if (is_archive) {
             throw;
