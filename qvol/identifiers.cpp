@@ -46,6 +46,9 @@ void identifier_source::add(const std::vector<source_node> &nodes) {
         add(stamp.date);
         add(stamp.time);
         add(node.target);
+        if (node.attributes) {
+            add(u64{*node.attributes});
+        }
         add(node.children);
     }
 }

@@ -20,8 +20,8 @@ public:
     identifier_source() = default; // of random ones
     explicit identifier_source(time_t epoch);
 
-    // What the identifiers depend on. Of a tree: names, sizes, times and targets of links, as a
-    // volume stores them.
+    // What the identifiers depend on. Of a tree: names, sizes, times, requested attributes and
+    // targets of links, as a volume stores them.
     void add(u64 number);
     void add(const std::string &text);
     void add(const std::vector<source_node> &nodes);

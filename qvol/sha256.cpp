@@ -6,6 +6,18 @@
 
 namespace qvol {
 
+static_assert(SHA256_BYTES == SHA256_DIGEST_SIZE);
+
+std::string hexadecimal(std::span<const core::u8> bytes) {
+    constexpr const char *DIGITS = "0123456789abcdef";
+    std::string text;
+    for (const core::u8 byte : bytes) {
+        text += DIGITS[byte >> 4];
+        text += DIGITS[byte & 0xF];
+    }
+    return text;
+}
+
 struct sha256::state {
     sha256_ctx context;
 };
@@ -21,15 +33,9 @@ void sha256::add(std::span<const core::u8> bytes) {
 }
 
 std::string sha256::take_digest() {
-    constexpr const char *DIGITS = "0123456789abcdef";
-    std::array<core::u8, SHA256_DIGEST_SIZE> digest{};
+    std::array<core::u8, SHA256_BYTES> digest{};
     sha256_digest(&state_->context, digest.size(), digest.data());
-    std::string text;
-    for (const core::u8 byte : digest) {
-        text += DIGITS[byte >> 4];
-        text += DIGITS[byte & 0xF];
-    }
-    return text;
+    return hexadecimal(digest);
 }
 
 std::string sha256_of(const std::string &text) {

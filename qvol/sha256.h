@@ -10,6 +10,11 @@
 
 namespace qvol {
 
+inline constexpr std::size_t SHA256_BYTES = 32;
+
+// Two lower-case digits for each byte.
+[[nodiscard]] std::string hexadecimal(std::span<const core::u8> bytes);
+
 class sha256 {
 public:
     sha256();

@@ -171,7 +171,7 @@ TEST_F(QvolSources, TakeContentsOfAManifestFromOtherPaths) {
               "new\\040name contents=store/one\\040object time=1600000000.0 "
               "flags=hidden,system\n"
               "d type=dir\n"
-              "    again \\\n    content=store/one\\040object sha256=434728a410a78f56fc1b"
+              "    again type=file\\\n    content=store/one\\040object sha256=434728a410a78f56fc1b"
               "5899c3593436e61ab0c731e9072d95e96db290205e53\n"
               "..\n"
               "l type=link link=new\\040name\n");
@@ -278,7 +278,7 @@ TEST_F(QvolSources, RefuseHostileMembers) {
         {{{"a\\b", '0', "x"}}, "a\\b: invalid name: contains '\\'"},
         {{{"con", '0', "x"}}, "con: invalid name: is a device name"},
         {{{"\xFF", '0', "x"}}, nullptr},
-        {{{"l", '2', "", std::string(300, 'x').substr(0, 99).c_str()}, {"L", '0', "x"}}, nullptr},
+        {{{"l", '2', "", "x"}, {"L", '0', "x"}}, nullptr},
     };
     for (const auto &[members, message] : cases) {
         SCOPED_TRACE(members.back().name);
@@ -350,6 +350,10 @@ TEST_F(QvolSources, ThatAreNotReadToTheirEndAreRefused) {
         {cpio + "cat one one | xz >made.ar", "but there is more at byte 1536"},
         {cpio + "sed s/070701/070801/2 one >made.ar", "damaged at byte 1431, after a: "},
         {"tar -cf made.ar -C tree . && echo more >>made.ar", "Truncated tar archive"},
+        // Changed in its last bytes, the checksum of everything, far after the end mark of the tar.
+        {"tar -cj -b 2000 -f made.ar -C tree . && printf no | dd of=made.ar bs=1 conv=notrunc "
+         "status=none seek=$(($(stat -c %s made.ar) - 4))",
+         "damaged at byte"},
         {"gzip -c tree/b >made.ar", "its compressed content is damaged, or no archive"},
         {"tar -c --zstd -b 2000 -f made.ar -C tree . && head -c -1 made.ar >cut && mv cut made.ar",
          "at byte"},

@@ -3,6 +3,8 @@
 #include "core/resources.h"
 #include "qvol/error.h"
 #include "qvol/names.h"
+#include "qvol/sectors.h"
+#include "qvol/sha256.h"
 
 #include <algorithm>
 #include <array>
@@ -49,12 +51,10 @@ std::string text_or_empty(const char *text) {
     return text != nullptr ? text : "";
 }
 
-std::string sha256_of(archive_entry *entry) {
-    constexpr std::size_t BYTES = 32;
-    const std::string digest(
-        reinterpret_cast<const char *>(archive_entry_digest(entry, ARCHIVE_ENTRY_DIGEST_SHA256)),
-        BYTES);
-    return digest == std::string(BYTES, '\0') ? "" : digest;
+// Zeros: the archive states none.
+std::string stated_sha256(archive_entry *entry) {
+    const std::span digest(archive_entry_digest(entry, ARCHIVE_ENTRY_DIGEST_SHA256), SHA256_BYTES);
+    return is_zero(digest) ? "" : hexadecimal(digest);
 }
 
 archived_entry fields_of(archive_entry *entry) {
@@ -68,7 +68,7 @@ archived_entry fields_of(archive_entry *entry) {
     fields.link_target = text_or_empty(archive_entry_symlink(entry));
     fields.hard_link = text_or_empty(archive_entry_hardlink(entry));
     fields.flags = text_or_empty(archive_entry_fflags_text(entry));
-    fields.sha256 = sha256_of(entry);
+    fields.sha256 = stated_sha256(entry);
     return fields;
 }
 
@@ -128,7 +128,7 @@ class archive_reader::gzip_file {
 public:
     explicit gzip_file(int fd) : file_(gzdopen(dup(fd), "rb")), block_(BLOCK_BYTES) {
         if (file_ == nullptr) {
-            throw system_failure("read the archive", ENOMEM);
+            throw system_failure("read the archive");
         }
         gzbuffer(file_, BLOCK_BYTES);
     }

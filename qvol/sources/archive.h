@@ -31,7 +31,7 @@ struct archived_entry {
     std::string link_target; // of a symbolic link
     std::string hard_link;   // name of another entry; "": none
     std::string flags;       // words of BSD, separated by commas: "hidden,system"
-    std::string sha256;      // 32 bytes; "": not stated
+    std::string sha256;      // in hexadecimal digits; "": not stated
 };
 
 class archive_reader {

@@ -15,19 +15,24 @@ bool has_content(const archived_entry &entry) {
     return entry.hard_link.empty() ? S_ISREG(entry.mode) : entry.size > 0;
 }
 
+error wrong_size(const std::string &path) {
+    return error("cannot copy " + shown_bytes(path) +
+                 ": its size is not the one that the archive states; nothing was written");
+}
+
 void copy_entry(archive_reader *archive, const source_node &node, content_sink *sink) {
     std::array<u8, 1> past_end{};
     u64 done = 0;
     while (done < node.size) {
         const std::size_t count = archive->read(sink->room());
         if (count == 0) {
-            throw changed_while_read(node.path);
+            throw wrong_size(node.path);
         }
         sink->add(count);
         done += count;
     }
     if (archive->read(past_end) != 0) {
-        throw changed_while_read(node.path);
+        throw wrong_size(node.path);
     }
 }
 

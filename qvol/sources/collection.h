@@ -19,7 +19,7 @@ struct source_options {
     std::vector<std::string> excluded_files; // with patterns
     std::vector<std::string> attributes;     // PATTERN=rhsa
     std::string contents;                    // directory with the files of manifests; "": theirs
-    std::string times;                       // keep, clamp, none; "": see below
+    std::string times; // keep, clamp or none; "": clamp if SOURCE_DATE_EPOCH is set
     std::string time_zone;
     bool skips_special = false;
     bool dereferences = false;

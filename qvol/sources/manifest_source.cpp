@@ -1,14 +1,12 @@
 #include "qvol/sources/manifest_source.h"
 
 #include "qvol/error.h"
+#include "qvol/sha256.h"
 #include "qvol/sources/host_source.h"
 #include "qvol/sources/tree_builder.h"
 
-#include <array>
-
 #include <fcntl.h>
 #include <linux/openat2.h>
-#include <nettle/sha2.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -29,7 +27,7 @@ std::string with_contents_as_links(const std::string &text) {
     for (std::size_t at = 0; at < text.size();) {
         const std::size_t end = std::min(text.find_first_of(" \t\n", at), text.size());
         std::string word = text.substr(at, end - at);
-        const bool continues = word == "\\" && end < text.size() && text[end] == '\n';
+        const bool continues = word.ends_with('\\') && end < text.size() && text[end] == '\n';
         for (const char *const keyword : {"contents=", "content="}) {
             if (!is_first_word && word.starts_with(keyword)) {
                 word = "link=" + word.substr(std::string(keyword).size());
@@ -48,9 +46,7 @@ std::string with_contents_as_links(const std::string &text) {
 // A sink that hashes what passes through it.
 class hashing_sink : public content_sink {
 public:
-    explicit hashing_sink(content_sink *to) : to_(*to) {
-        sha256_init(&hash_);
-    }
+    explicit hashing_sink(content_sink *to) : to_(*to) {}
     void begin(const content_request &wanted) override {
         to_.begin(wanted);
     }
@@ -62,22 +58,20 @@ public:
         return room_;
     }
     void add(std::size_t count) override {
-        sha256_update(&hash_, count, room_.data());
+        hash_.add(room_.first(count));
         to_.add(count);
     }
     void end() override {
         to_.end();
     }
-    [[nodiscard]] std::string digest() {
-        std::array<u8, SHA256_DIGEST_SIZE> bytes{};
-        sha256_digest(&hash_, bytes.size(), bytes.data());
-        return {reinterpret_cast<const char *>(bytes.data()), bytes.size()};
+    [[nodiscard]] std::string take_digest() {
+        return hash_.take_digest();
     }
 
 private:
     content_sink &to_;
     std::span<u8> room_;
-    sha256_ctx hash_{};
+    sha256 hash_;
 };
 
 } // namespace
@@ -155,7 +149,7 @@ void manifest_source::copy(const std::vector<content_request> &wanted, content_s
         hashing_sink hashing(sink);
         hashing.begin(request);
         copy_file(file.get(), *request.node, &hashing);
-        if (!of.sha256.empty() && hashing.digest() != of.sha256) {
+        if (!of.sha256.empty() && hashing.take_digest() != of.sha256) {
             throw error("cannot copy " + shown_bytes(of.path) +
                         ": its SHA-256 differs from that in " + shown_bytes(path_) +
                         "; nothing was written");

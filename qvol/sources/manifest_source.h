@@ -27,7 +27,7 @@ public:
 private:
     struct content {
         std::string path;   // below the directory
-        std::string sha256; // 32 bytes; "": not stated
+        std::string sha256; // in hexadecimal digits; "": not stated
     };
 
     [[nodiscard]] core::unique_fd open(const std::string &path) const;
