@@ -376,7 +376,7 @@ const entry &directory::add(const new_entry &wanted) {
     added.is_wide = on().is_wide();
     core::store_short_entry(added.raw.data(),
                             {.name = alias.name.data(),
-                             .attributes = attributes_of(wanted.type),
+                             .attributes = attributes_of(wanted.type) | wanted.attributes,
                              .case_bits = alias.case_bits,
                              .start = wanted.start,
                              .modified = {wanted.modified.date, wanted.modified.time},

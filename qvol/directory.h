@@ -69,6 +69,7 @@ struct new_entry {
     dos_time modified;
     bool allows_long_name = true;      // if not, names that do not fit 8.3 are refused
     std::optional<short_name> alias{}; // one that no entry has; no value: a new one
+    u32 attributes = 0;                // besides that of its type
 };
 
 class directory {

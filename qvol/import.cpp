@@ -29,22 +29,22 @@ auto add_context(const source_node &node, Work work) {
     }
 }
 
+// An entry that exists has the requested attributes, or else its own.
 void set_attributes(const source_node &node, entry *of) {
     if (node.attributes) {
-        const u32 directory = of->attributes() & core::ATTR_DIRECTORY;
-        of->set_attributes(*node.attributes | directory);
+        of->set_attributes(*node.attributes | (of->attributes() & core::ATTR_DIRECTORY));
     }
 }
 
-const entry *add_entry(const source_node &node, directory *parent, const new_entry &wanted) {
-    const entry &added = parent->add(wanted);
-    if (!node.attributes) {
-        return &added;
-    }
-    entry changed = added;
-    set_attributes(node, &changed);
-    parent->update(changed);
-    return &parent->entries().at(changed.slot);
+new_entry entry_of(const source_node &node, bool allows_long_name) {
+    new_entry wanted;
+    wanted.name = node.name;
+    wanted.type = node.type;
+    wanted.size = node.type == kind::DIRECTORY ? 0 : static_cast<u32>(node.size);
+    wanted.modified = dos_time_of(node.modified);
+    wanted.allows_long_name = allows_long_name;
+    wanted.attributes = node.attributes.value_or(0);
+    return wanted;
 }
 
 std::span<const u8> bytes_of(const std::string &text) {
@@ -104,15 +104,17 @@ void import_plan::plan_directory(const source_node &node, directory *parent) {
     if (existing != nullptr) {
         directories_.push_back(
             std::make_unique<directory>(add_context(node, [&] { return open_once(*existing); })));
+        if (node.attributes) {
+            entry changed = *existing;
+            set_attributes(node, &changed);
+            parent->update(changed);
+        }
     } else {
-        const dos_time stamp = dos_time_of(node.modified);
+        new_entry wanted = entry_of(node, allows_long_names_);
         directories_.push_back(
-            std::make_unique<directory>(directory::make(vol_.fat(), *parent, stamp)));
-        const u32 start = directories_.back()->start();
-        add_context(node, [&] {
-            add_entry(node, parent,
-                      {node.name, kind::DIRECTORY, start, 0, stamp, allows_long_names_});
-        });
+            std::make_unique<directory>(directory::make(vol_.fat(), *parent, wanted.modified)));
+        wanted.start = directories_.back()->start();
+        add_context(node, [&] { parent->add(wanted); });
     }
     plan_entries(node.children, directories_.back().get());
 }
@@ -120,13 +122,9 @@ void import_plan::plan_directory(const source_node &node, directory *parent) {
 // The entry gets its clusters in allocate_data(), after those of all directories.
 void import_plan::plan_file(const source_node &node, directory *parent) {
     const entry *existing = parent->find_name(node.name);
-    const dos_time stamp = dos_time_of(node.modified);
     if (existing == nullptr) {
-        const u32 size = static_cast<u32>(node.size);
-        existing = add_context(node, [&] {
-            return add_entry(node, parent,
-                             {node.name, node.type, 0, size, stamp, allows_long_names_});
-        });
+        existing =
+            add_context(node, [&] { return &parent->add(entry_of(node, allows_long_names_)); });
     } else {
         entry changed = *existing;
         if (changed.start() != 0) {
@@ -136,7 +134,7 @@ void import_plan::plan_file(const source_node &node, directory *parent) {
         }
         changed.set_start(0);
         changed.set_size(static_cast<u32>(node.size));
-        changed.set_modified(stamp);
+        changed.set_modified(dos_time_of(node.modified));
         changed.set_link(node.type == kind::LINK);
         set_attributes(node, &changed);
         parent->update(changed);

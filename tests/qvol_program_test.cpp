@@ -477,6 +477,10 @@ TEST_P(QvolTrees, KeepAttributesWhereTheHostCan) {
     EXPECT_EQ(said("attr", {"/back", "/back/file", "/back/plain"}),
               "d--sa /back\n-rh-- /back/file\n----- /back/plain\n");
     EXPECT_EQ(said("attr", {"/without", "/without/file"}), "d---- /without\n----- /without/file\n");
+    said("put", {"--force", "--attrs", "--from", out, "/without"});
+    said("put", {"--force", "--attr", "back=h", "--from", out + ":/back", "/"});
+    EXPECT_EQ(said("attr", {"/back", "/without", "/without/file"}),
+              "d-h-- /back\nd---- /without\n-rh-- /without/file\n");
     said("attr", {"-rh", "/dir/file"});
     said("get", {"--attrs", "--force", "/dir/file", out}); // replaces a file that is read-only
     EXPECT_EQ(dos_attributes(out + "/file"), "");
